@@ -1,0 +1,73 @@
+// The management datagram: what a client sends to the chassis's back end over UDP, and what comes back. Used by
+// the clients (qamctl, the headend's own operator) and by the back end, which decodes what the clients encode.
+// docs/management-datagram.md describes it for anybody who writes a client of their own.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/types.h"
+
+namespace client {
+
+using Bytes = std::vector<u8>;
+
+enum class Operation : u8 { kRead = 1, kWrite = 2, kStatus = 3 };
+
+// Variables of a card that a client reads and writes, per slot and channel.
+inline constexpr u16 kVarPsiLock = 0x3101;
+inline constexpr u16 kVarPsiPackets = 0x3102;
+inline constexpr u16 kVarPsiInterval = 0x3201;
+
+// Results: up to 0xFF the card's own, from 0x100 the chassis's.
+inline constexpr u32 kDone = 0;
+inline constexpr u32 kStoreFull = 1;
+inline constexpr u32 kUnknownVariable = 2;
+inline constexpr u32 kUnknownTable = 3;
+inline constexpr u32 kUnknownTableRead = 9;
+inline constexpr u32 kBadSlotOrPort = 18;
+inline constexpr u32 kNoCard = 21;
+inline constexpr u32 kBadLength = 22;
+inline constexpr u32 kNotStarted = 0x100;        // the slot's start-up has not returned (yet)
+inline constexpr u32 kUnknownOperation = 0x101;  // neither read, write nor status
+inline constexpr u32 kNoBackEnd = 0x102;         // no card has registered any variable
+
+// What a result means, in words for an operator; "result N" for a number nobody gives.
+std::string resultText(u32 result);
+
+// Slots and ports count from 0 here, as they do on the wire.
+struct Request {
+  Operation operation = Operation::kRead;
+  u32 sequence = 0;
+  u16 variable = 0;
+  u16 slot = 0;
+  u32 port = 0;
+  u16 length = 0;  // vLength as sent; the back end answers kBadLength when `data` has another size
+  Bytes data;
+};
+
+struct Reply {
+  u8 operation = 0;
+  u32 sequence = 0;
+  u16 variable = 0;
+  u16 slot = 0;
+  u32 port = 0;
+  u32 result = kDone;
+  Bytes data;
+};
+
+inline constexpr std::size_t kRequestHeaderSize = 24;
+inline constexpr std::size_t kReplyHeaderSize = 28;
+inline constexpr u16 kDefaultManagementPort = 49160;
+
+Bytes encode(const Request& request);
+Bytes encode(const Reply& reply);
+
+// Nothing when the datagram is too short, or its magic or version is not ours. An operation that nobody knows
+// decodes (the back end answers it); for a reply the answer bit must be set.
+std::optional<Request> decodeRequest(std::span<const u8> datagram);
+std::optional<Reply> decodeReply(std::span<const u8> datagram);
+
+}  // namespace client

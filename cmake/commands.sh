@@ -1,0 +1,46 @@
+# shellcheck shell=bash disable=SC2034
+# What the commands run, test and .ci/run share: the Debian packages each needs and how a step is shown.
+# Sourced, never run.
+
+# run needs the first list, test the first two, the checks of test --all and .ci/run all three.
+build_packages=(cmake ninja-build g++ pkg-config
+                libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev)
+test_packages=(libgtest-dev libgmock-dev libbenchmark-dev ffmpeg python3)
+check_packages=(clang clang-tidy clang-format libclang-rt-14-dev g++-arm-linux-gnueabi)
+
+say() { printf '%s\n' "$*" >&2; }
+die() { say "$*"; exit 1; }
+
+# Runs a command and shows what it printed only if it fails.
+quietly() {
+  local output status=0
+  output=$("$@" 2>&1 </dev/null) || status=$?
+  if ((status)); then say "$output" "" "Failed: $*"; fi
+  return $status
+}
+
+missing_packages() {
+  comm -13 <(dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null | sed -n 's/ installed$//p' | sort -u) \
+           <(printf '%s\n' "$@" | sort -u)
+}
+
+# Installs those of the packages that are missing. Asks dpkg first, so that a machine that has them needs no network.
+install_packages() {
+  command -v dpkg-query >/dev/null || { say "No dpkg here, so packages are not checked; needed: $*"; return; }
+  local missing as_root=()
+  mapfile -t missing < <(missing_packages "$@")
+  ((${#missing[@]})) || return 0
+  if ((EUID != 0)); then
+    command -v sudo >/dev/null ||
+      die "Packages are missing and neither root nor sudo is at hand. As root: apt-get install ${missing[*]}"
+    as_root=(sudo)
+  fi
+  say "Installing ${missing[*]} ..."
+  local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300)
+  # A list that cannot be fetched need not matter: what counts is whether the packages install.
+  local update_log
+  update_log=$("${apt[@]}" update 2>&1 </dev/null) || true
+  quietly "${apt[@]}" install --no-install-recommends -y "${missing[@]}" && return
+  [[ -z $update_log ]] || say "$update_log"
+  die "Could not install packages (is there a network?). As root: apt-get update && apt-get install ${missing[*]}"
+}

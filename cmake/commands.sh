@@ -8,8 +8,8 @@ build_packages=(cmake ninja-build g++ pkg-config
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev ffmpeg python3)
 check_packages=(clang clang-tidy clang-format libclang-rt-14-dev g++-arm-linux-gnueabi)
 
-say() { printf '%s\n' "$*" >&2; }
-die() { say "$*"; exit 1; }
+say() { printf '%s\n' "$@" >&2; }
+die() { say "$@"; exit 1; }
 
 # Runs a command and shows what it printed only if it fails.
 quietly() {

@@ -60,18 +60,30 @@ std::optional<Common> decodeCommon(std::span<const u8> d, std::size_t headerSize
 
 std::string resultText(u32 result) {
   switch (result) {
-    case kDone: return "done";
-    case kStoreFull: return "the card's PSI store is full";
-    case kUnknownVariable: return "the card knows no such variable";
-    case kUnknownTable: return "the card has no type for this table_id";
-    case kUnknownTableRead: return "the card has no interval for this table_id";
-    case kBadSlotOrPort: return "no such slot or channel";
-    case kNoCard: return "no card in this slot";
-    case kBadLength: return "the data has not the length that the variable asks for";
-    case kNotStarted: return "the card has not finished its start-up";
-    case kUnknownOperation: return "the back end knows no such operation";
-    case kNoBackEnd: return "no card has registered any variable";
-    default: return "result " + std::to_string(result);
+    case kDone:
+      return "done";
+    case kStoreFull:
+      return "the card's PSI store is full";
+    case kUnknownVariable:
+      return "the card knows no such variable";
+    case kUnknownTable:
+      return "the card has no type for this table_id";
+    case kUnknownTableRead:
+      return "the card has no interval for this table_id";
+    case kBadSlotOrPort:
+      return "no such slot or channel";
+    case kNoCard:
+      return "no card in this slot";
+    case kBadLength:
+      return "the data has not the length that the variable asks for";
+    case kNotStarted:
+      return "the card has not finished its start-up";
+    case kUnknownOperation:
+      return "the back end knows no such operation";
+    case kNoBackEnd:
+      return "no card has registered any variable";
+    default:
+      return "result " + std::to_string(result);
   }
 }
 

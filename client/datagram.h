@@ -1,6 +1,6 @@
-// The management datagram: what a client sends to the chassis's back end over UDP, and what comes back. Used by
-// the clients (qamctl, the headend's own operator) and by the back end, which decodes what the clients encode.
-// docs/management-datagram.md describes it for anybody who writes a client of their own.
+// The management datagram: what a client sends to the chassis's back end over UDP, and what comes back. Used
+// by the clients (qamctl, the headend's own operator) and by the back end, which decodes what the clients
+// encode. docs/management-datagram.md describes it for anybody who writes a client of their own.
 #pragma once
 
 #include <optional>

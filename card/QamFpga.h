@@ -1,0 +1,171 @@
+// The card FPGA's register window on the main board's bus: the one definition of its map, and each slot's
+// pointer to it. Whoever drives a device of the card does so through these registers.
+#pragma once
+
+#include <cstddef>
+
+#include "platform/bus.h"
+#include "platform/chassis.h"
+
+// Table port for PIDs on the card; this module maps PIDs in the chassis's router instead.
+struct __qampidmap {  // NOLINT(bugprone-reserved-identifier)
+  Reg16 oldpid_l, oldpid_h;
+  Reg16 newpid_l, newpid_h;
+  Reg16 addr;
+  Reg16 we;
+  Reg16 mode;
+  Reg16 reserved0;
+};
+
+// Pass filter by PID: the value for the addressed PID is taken at the rise of the strobe.
+struct __qampidfilter {  // NOLINT(bugprone-reserved-identifier)
+  Reg16 filter_onoff;
+  Reg16 filter_we;
+  Reg16 filter_pid_l, filter_pid_h;
+};
+
+struct Qam_fpga_if {
+  Reg16 nrst;  // modulator reset lines, active low
+  Reg16 qam_mode;
+  Reg16 rf_off_hh, rf_off_hl, rf_off_lh, rf_off_ll;  // symbol-rate word, a byte each
+  Reg16 att_q1_dat, att_q1_clk, att_q1_le;           // attenuators
+  Reg16 att_q2_dat, att_q2_clk, att_q2_le;
+  Reg16 cdce925_scl, cdce925_sda, cdce925_s0;  // clock generator
+  Reg16 ad7414_sda, ad7414_scl, ad7414_alt;    // temperature sensor on the card
+  Reg16 ad9775_1_sdo, ad9775_1_rst, ad9775_1_clk, ad9775_1_cs, ad9775_1_sdio;
+  Reg16 ad9775_2_sdo, ad9775_2_rst, ad9775_2_clk, ad9775_2_cs, ad9775_2_sdio;
+  Reg16 q1_12v_ctrl, q1_5v_ctrl;
+  Reg16 q2_12v_ctrl, q2_5v_ctrl;
+  Reg16 lo1_dat, lo1_clk, lo1_ref, lo1_mo, lo1_le;  // synthesizers
+  Reg16 lo2_q1_dat, lo2_q1_clk, lo2_q1_ref, lo2_q1_mo, lo2_q1_le;
+  Reg16 lo2_q2_dat, lo2_q2_clk, lo2_q2_ref, lo2_q2_mo, lo2_q2_le;
+  Reg16 rf0_en, rf1_en;
+  Reg16 X24C16SDA, X24C16SCL;  // calibration EEPROM
+  Reg16 power;
+  Reg16 qamen;
+  Reg16 version;
+  Reg16 plllock;
+  Reg16 tslock;
+  Reg16 rate_ctrl_rst;
+  Reg16 Valid_0_rateL, Valid_0_rateM, Valid_0_rateH, Sys_0_rateL, Sys_0_rateH;
+  Reg16 Valid_1_rateL, Valid_1_rateM, Valid_1_rateH, Sys_1_rateL, Sys_1_rateH;
+  Reg16 ext_ad7414_sda, ext_ad7414_scl, ext_ad7414_alt;  // second temperature sensor
+  Reg16 Card_No;
+  Reg16 oport_num0, oport_num1;
+  Reg16 pkt_len0;
+  Reg16 Orate0_0, Orate0_1, Orate0_2, Orate0_3;
+  Reg16 PsiData0, PsiRdy0;  // PSI insertion of channel 0: data port, and not 0 when a packet may come
+  Reg16 reserved;
+  Reg16 pkt_len1;
+  Reg16 Orate1_0, Orate1_1, Orate1_2, Orate1_3;
+  Reg16 PsiData1, PsiRdy1;
+  Reg16 reserve[12];
+  Reg16 Test[15];
+  __qampidmap qampidmap[2];
+  __qampidfilter qampidfilter[2];
+};
+
+#define QAM_AT(reg, offset) static_assert(offsetof(Qam_fpga_if, reg) == (offset), #reg)
+QAM_AT(nrst, 0);
+QAM_AT(qam_mode, 2);
+QAM_AT(rf_off_hh, 4);
+QAM_AT(rf_off_hl, 6);
+QAM_AT(rf_off_lh, 8);
+QAM_AT(rf_off_ll, 10);
+QAM_AT(att_q1_dat, 12);
+QAM_AT(att_q1_clk, 14);
+QAM_AT(att_q1_le, 16);
+QAM_AT(att_q2_dat, 18);
+QAM_AT(att_q2_clk, 20);
+QAM_AT(att_q2_le, 22);
+QAM_AT(cdce925_scl, 24);
+QAM_AT(cdce925_sda, 26);
+QAM_AT(cdce925_s0, 28);
+QAM_AT(ad7414_sda, 30);
+QAM_AT(ad7414_scl, 32);
+QAM_AT(ad7414_alt, 34);
+QAM_AT(ad9775_1_sdo, 36);
+QAM_AT(ad9775_1_rst, 38);
+QAM_AT(ad9775_1_clk, 40);
+QAM_AT(ad9775_1_cs, 42);
+QAM_AT(ad9775_1_sdio, 44);
+QAM_AT(ad9775_2_sdo, 46);
+QAM_AT(ad9775_2_rst, 48);
+QAM_AT(ad9775_2_clk, 50);
+QAM_AT(ad9775_2_cs, 52);
+QAM_AT(ad9775_2_sdio, 54);
+QAM_AT(q1_12v_ctrl, 56);
+QAM_AT(q1_5v_ctrl, 58);
+QAM_AT(q2_12v_ctrl, 60);
+QAM_AT(q2_5v_ctrl, 62);
+QAM_AT(lo1_dat, 64);
+QAM_AT(lo1_clk, 66);
+QAM_AT(lo1_ref, 68);
+QAM_AT(lo1_mo, 70);
+QAM_AT(lo1_le, 72);
+QAM_AT(lo2_q1_dat, 74);
+QAM_AT(lo2_q1_clk, 76);
+QAM_AT(lo2_q1_ref, 78);
+QAM_AT(lo2_q1_mo, 80);
+QAM_AT(lo2_q1_le, 82);
+QAM_AT(lo2_q2_dat, 84);
+QAM_AT(lo2_q2_clk, 86);
+QAM_AT(lo2_q2_ref, 88);
+QAM_AT(lo2_q2_mo, 90);
+QAM_AT(lo2_q2_le, 92);
+QAM_AT(rf0_en, 94);
+QAM_AT(rf1_en, 96);
+QAM_AT(X24C16SDA, 98);
+QAM_AT(X24C16SCL, 100);
+QAM_AT(power, 102);
+QAM_AT(qamen, 104);
+QAM_AT(version, 106);
+QAM_AT(plllock, 108);
+QAM_AT(tslock, 110);
+QAM_AT(rate_ctrl_rst, 112);
+QAM_AT(Valid_0_rateL, 114);
+QAM_AT(Valid_0_rateM, 116);
+QAM_AT(Valid_0_rateH, 118);
+QAM_AT(Sys_0_rateL, 120);
+QAM_AT(Sys_0_rateH, 122);
+QAM_AT(Valid_1_rateL, 124);
+QAM_AT(Valid_1_rateM, 126);
+QAM_AT(Valid_1_rateH, 128);
+QAM_AT(Sys_1_rateL, 130);
+QAM_AT(Sys_1_rateH, 132);
+QAM_AT(ext_ad7414_sda, 134);
+QAM_AT(ext_ad7414_scl, 136);
+QAM_AT(ext_ad7414_alt, 138);
+QAM_AT(Card_No, 140);
+QAM_AT(oport_num0, 142);
+QAM_AT(oport_num1, 144);
+QAM_AT(pkt_len0, 146);
+QAM_AT(Orate0_0, 148);
+QAM_AT(Orate0_1, 150);
+QAM_AT(Orate0_2, 152);
+QAM_AT(Orate0_3, 154);
+QAM_AT(PsiData0, 156);
+QAM_AT(PsiRdy0, 158);
+QAM_AT(reserved, 160);
+QAM_AT(pkt_len1, 162);
+QAM_AT(Orate1_0, 164);
+QAM_AT(Orate1_1, 166);
+QAM_AT(Orate1_2, 168);
+QAM_AT(Orate1_3, 170);
+QAM_AT(PsiData1, 172);
+QAM_AT(PsiRdy1, 174);
+QAM_AT(reserve, 176);
+QAM_AT(Test, 200);
+QAM_AT(qampidmap, 230);
+QAM_AT(qampidfilter, 262);
+#undef QAM_AT
+static_assert(sizeof(__qampidmap) == 16 && offsetof(__qampidmap, newpid_l) == 4);
+static_assert(offsetof(__qampidmap, oldpid_h) == 2 && offsetof(__qampidmap, newpid_h) == 6);
+static_assert(offsetof(__qampidmap, addr) == 8 && offsetof(__qampidmap, we) == 10);
+static_assert(offsetof(__qampidmap, mode) == 12 && offsetof(__qampidmap, reserved0) == 14);
+static_assert(sizeof(__qampidfilter) == 8 && offsetof(__qampidfilter, filter_we) == 2);
+static_assert(offsetof(__qampidfilter, filter_pid_l) == 4 && offsetof(__qampidfilter, filter_pid_h) == 6);
+static_assert(sizeof(Qam_fpga_if) == 278);
+
+// Each slot's window; null until the slot's start-up has set it.
+extern Qam_fpga_if* QamFpgaIf[MAX_BOARD_NUM];

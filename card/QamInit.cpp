@@ -1,0 +1,86 @@
+#include "card/QamInit.h"
+
+#include <cstdio>
+
+#include "card/QamCardPara.h"
+#include "card/QamFpga.h"
+#include "hw/Qam_fpga_init.h"
+#include "platform/chassis.h"
+#include "platform/check.h"
+#include "platform/kernel.h"
+#include "platform/memory.h"
+#include "ts/qamBack.h"
+#include "ts/qamIntr.h"
+
+namespace {
+
+constexpr const char* kUnit = "QamInit";
+constexpr int kSlotCardType = 3002;  // the chassis's own code for this kind of card; 27 is the drivers' code
+constexpr int kPanelAttribute = 0x20000000;
+constexpr int kSendTaskPriority = 212;
+constexpr int kSendTaskStack = 4096;
+constexpr int kSendQueueLength = 256;
+
+u32 windowAddress(u8 slotNo) {
+  constexpr u32 kFirstWindow = 0x60000000;
+  return slotNo == 0 ? kFirstWindow : kFirstWindow + (0x200U << (slotNo - 1));
+}
+
+int psiSendEntry(int slotNo, int port, int, int, int, int, int, int, int, int) {
+  return QamTaskPsiSend(static_cast<u8>(slotNo), static_cast<u8>(port));
+}
+
+void startChannel(u8 slotNo, u8 port) {
+  os::MSG_Q_ID& queue = g_qam_PsiSendQ_ID[slotNo][port];
+  queue = os::msgQCreate(kSendQueueLength, sizeof(u32), os::MSG_Q_PRIORITY);
+  os::check(queue != nullptr, "g_qam_PsiSendQ_ID[slotNo][i]", kUnit, 99);
+
+  qam_is_setting_psi[slotNo][port] = 1;
+  QamSetPsiInterval(slotNo, port);
+  qam_is_setting_psi[slotNo][port] = 0;
+
+  char name[20];
+  std::snprintf(name, sizeof name, "qam%dPSISend%d", slotNo, port);
+  os::taskSpawn(name, kSendTaskPriority, 0, kSendTaskStack, psiSendEntry, slotNo, port, 0, 0, 0, 0, 0, 0, 0,
+                0);
+}
+
+}  // namespace
+
+void Qam_Init(u8 slotNo) {
+  os::check(slotNo < MAX_BOARD_NUM, "slotNo<MAX_BOARD_NUM", kUnit, 120);
+
+  auto* descriptor = static_cast<chassis::card*>(os::malloc(sizeof(chassis::card)));
+  if (descriptor == nullptr) return;
+  *descriptor = {};
+  std::snprintf(descriptor->cardName, sizeof descriptor->cardName, "Qam Card %d", slotNo);
+  descriptor->slotNo = slotNo;
+  descriptor->cardType = QAM_CARD_TYPE;
+  descriptor->in_port_num = 0;
+  descriptor->out_port_num = MAX_QAM_OUT_NUM;
+  descriptor->backInit = qamBackInit;
+  descriptor->init = QamInit;
+  descriptor->auxClkIntRoutine = qamIntr;
+  descriptor->varPtr = Qam_create_para(slotNo);
+  descriptor->varSize = sizeof(QamCardPara);
+
+  chassis::cardInsert(descriptor);
+  chassis::configOneSlotBus(slotNo, 1, 255);
+  chassis::setCardType(slotNo, kSlotCardType);
+  descriptor->backInit(slotNo);
+}
+
+void QamInit(u8 slotNo) {
+  os::check(slotNo < MAX_BOARD_NUM, "slotNo<MAX_BOARD_NUM", kUnit, 50);
+  if (GetQamCardParaFromList(slotNo) == nullptr) return;
+
+  if (QamfpgaInit(slotNo) == -1) {
+    chassis::lcdPrintf(0, kPanelAttribute, 0, 0, "Loading Card%d", slotNo);
+    chassis::lcdPrintf(3, kPanelAttribute, 0, 0, "Config Error");
+    return;
+  }
+  QamFpgaIf[slotNo] = static_cast<Qam_fpga_if*>(os::busAddress(windowAddress(slotNo)));
+  os::taskDelay(os::sysClkRateGet() * 10 / 1000);
+
+  for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) startChannel(slotNo, port);
+}

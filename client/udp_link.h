@@ -1,0 +1,36 @@
+// The link over UDP that programs outside the headend use. One request at a time, from one thread.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "client/link.h"
+
+namespace client {
+
+struct UdpLinkOptions {
+  std::chrono::milliseconds timeout{1000};  // for one reply, before the request is repeated
+  int tries = 4;                            // all with one sequence number: the back end carries out one of them
+  std::chrono::milliseconds total{0};       // for one call with all its tries; 0 sets no limit of its own
+};
+
+class UdpLink : public Link {
+ public:
+  // `server` is "ADDR:PORT", an IPv6 address in brackets. Throws LinkError when it is none, or has no socket.
+  explicit UdpLink(const std::string& server, const UdpLinkOptions& options = {});
+  ~UdpLink() override;
+
+  // Throws LinkError when no reply came within the tries, or nothing listens there.
+  Reply call(Request request) override;
+
+ private:
+  std::optional<Reply> await(const Request& request, std::chrono::steady_clock::time_point deadline);
+  [[noreturn]] void fail(const std::string& what) const;
+
+  std::string server_;
+  UdpLinkOptions options_;
+  int socket_ = -1;
+  u32 sequence_ = 0;
+};
+
+}  // namespace client

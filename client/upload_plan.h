@@ -1,0 +1,48 @@
+// Turns the sections of a capture into what a card stores: packets, in chunks of one PID and one table. What a
+// card cannot hold is refused here, before anything is erased.
+#pragma once
+
+#include <array>
+#include <stdexcept>
+#include <vector>
+
+#include "client/psi_tables.h"
+
+namespace client {
+
+inline constexpr std::size_t kStoreSize = 512;       // packets of all tables of a channel
+inline constexpr std::size_t kMaxPmtPackets = 255;   // the PMT list is one group, and positions in a group have 8 bits
+inline constexpr std::size_t kChunkPackets = 7;      // packets of one request
+
+struct Chunk {
+  u16 pid = 0;
+  u8 tableId = 0;
+  std::vector<Packet> packets;  // 1 to kChunkPackets
+};
+
+struct UploadPlan {
+  struct Table {
+    std::size_t sections = 0;
+    std::size_t packets = 0;
+  };
+
+  std::vector<Chunk> chunks;
+  std::array<Table, kTableCount> tables;  // by TableType
+  std::size_t packets = 0;
+};
+
+// The card cannot hold these tables; what() gives every reason.
+class PlanError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A PID whose low nine bits are all ones marks a free place in the card's store: a packet on it would be
+// overwritten by the next one.
+constexpr bool marksFreePlace(u16 pid) { return (pid & 0x1FF) == 0x1FF; }
+
+// Sections are sent in ascending order of table (as TableType), PID, extension and number, whatever their order
+// here. Throws PlanError.
+UploadPlan planUpload(std::vector<Section> sections);
+
+}  // namespace client

@@ -1,0 +1,36 @@
+// The chassis's back-end registry: tables of variables that management software reads and writes, and the
+// header that comes with each request. Requests are served one at a time, by one task.
+#pragma once
+
+#include "platform/types.h"
+
+namespace chassis {
+
+// The header of a request, parsed to host byte order.
+struct bc_vhdr_t {
+  u16 paraType;  // variable id
+  u16 cardNo;    // slot; the low 8 bits count
+  u32 portNo;    // output port; the low 8 bits count
+  u16 vLength;   // bytes of data: of the request on entry, of the reply on return from a read
+  u16 reLength;  // a read's request data begins reLength + 12 bytes after the start of this header
+  u32 reserved;
+};
+static_assert(sizeof(bc_vhdr_t) == 16);
+
+using bc_routine = int (*)(bc_vhdr_t* pv, void* var);
+
+// One variable; a table ends with a row of zeros.
+struct bc_var {
+  u32 vid;
+  u32 vnum;
+  u8 vtype;
+  bc_routine vrd;
+  bc_routine vwr;
+  int (*vfind)(int, int);
+};
+
+// Requests whose (slot << 24 | port << 16) lies in [base, limit) go to `table`. The registry keeps the
+// pointer to the table and copies the text.
+extern "C" int bc_vars_register(u32 base, u32 limit, const bc_var* table, const char* text);
+
+}  // namespace chassis

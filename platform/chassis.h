@@ -1,0 +1,57 @@
+// What the module asks of the chassis's main firmware, and the descriptor by which the firmware knows a card.
+// C linkage, so that the firmware's own functions satisfy these declarations. Tasks and start-up only.
+#pragma once
+
+#include "platform/types.h"
+
+inline constexpr u8 MAX_BOARD_NUM = 6;  // slots of a chassis
+
+namespace chassis {
+
+struct item_t;  // an item of the front-panel menu
+
+// The driver descriptor of one card. A driver fills one from the heap and hands it to `cardInsert`; the
+// firmware keeps it and reaches the card through it. Routines that a card has not are null.
+struct card {
+  char cardName[20];
+  u8 slotNo;
+  u8 cardType;
+  u8 in_port_num;
+  u8 out_port_num;
+  card* next;
+  item_t* menu;
+  u32 (*getVar)(u8 slotNo, u8 portNo, u32 vid, u8** str);
+  int (*setVar)(u8 slotNo, u8 portNo, u32 vid, u32 value);
+  void (*statusCheck)(u8 slotNo);
+  void (*backInit)(u8 slotNo);
+  void (*mibRegister)(const u32* oid_base, int oid_base_len);
+  void (*trapRoutine)(u8 slotNo);
+  void (*init)(u8 slotNo);
+  void (*auxClkIntRoutine)(u8 slotNo);  // called in interrupt context, once a tick of the auxiliary clock
+  void (*Irq0Routine)(u8 slotNo);
+  void (*Irq4Routine)(u8 slotNo);
+  void (*Irq5Routine)(u8 slotNo);
+  void* varPtr;  // the card's parameter record, `varSize` bytes, which `para_save` writes out
+  u32 varSize;
+};
+
+extern "C" {
+
+extern card* head;  // the cards inserted so far, linked by `next`
+
+void cardInsert(card* newCard);
+card* GetCardPoint(u8 slotNo);  // null for an empty slot
+void configOneSlotBus(u8 slotNo, int arg1, int arg2);
+void setCardType(u8 slotNo, int typeCode);
+
+// Writes the slot's record to its parameter file. 0, or -1 when it could not be written.
+int para_save(u8 slotNo);
+
+// A line of the front panel (0..3). `attribute` and the two numbers after it are the panel's.
+[[gnu::format(printf, 5, 6)]] void lcdPrintf(int line, int attribute, int arg3, int arg4, const char* format,
+                                             ...);
+
+[[gnu::format(printf, 1, 2)]] void DebugPrint(const char* format, ...);
+
+}  // extern "C"
+}  // namespace chassis

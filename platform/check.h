@@ -1,0 +1,27 @@
+// Checks of what a caller handed over. A failed check is reported with its text, unit and line, and the code
+// goes on as if it had passed: what happens then is the chassis's decision.
+#pragma once
+
+#include "platform/types.h"
+
+#ifndef QAM_VIRTUAL_BUS
+extern "C" void __assert_fail(const char* text, const char* unit, unsigned line, const char* function);
+#endif
+
+namespace os {
+
+#ifdef QAM_VIRTUAL_BUS
+void checkFailed(const char* text, const char* unit, int line);
+#else
+inline void checkFailed(const char* text, const char* unit, int line) {
+  __assert_fail(text, unit, static_cast<unsigned>(line), "");
+}
+#endif
+
+// `line` is given where field engineers search for that number in their notes; elsewhere it is the caller's
+// own.
+inline void check(bool holds, const char* text, const char* unit, int line = __builtin_LINE()) {
+  if (!holds) checkFailed(text, unit, line);
+}
+
+}  // namespace os

@@ -1,0 +1,21 @@
+// The card's share of the heap. A host limits it, fills it with a byte of its own, and makes it a point at
+// which tasks are switched. Tasks only; null when the heap is exhausted.
+#pragma once
+
+#include <cstdlib>
+
+namespace os {
+
+#ifdef QAM_VIRTUAL_BUS
+void* malloc(std::size_t size);
+void free(void* block);
+#else
+inline void* malloc(std::size_t size) {
+  return std::malloc(size);
+}
+inline void free(void* block) {
+  std::free(block);
+}
+#endif
+
+}  // namespace os

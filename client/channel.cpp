@@ -28,8 +28,8 @@ std::pair<TableType, u32> parseInterval(std::string_view text) {
   }
   const auto type = tableOfName(text.substr(0, equals));
   if (!type) {
-    throw std::invalid_argument(
-        fmt::format("'{}' is no table: PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT and CAT are", text.substr(0, equals)));
+    throw std::invalid_argument(fmt::format(
+        "'{}' is no table: PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT and CAT are", text.substr(0, equals)));
   }
   const std::string_view digits = text.substr(equals + 1);
   u32 ticks = 0;

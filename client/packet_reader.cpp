@@ -51,8 +51,8 @@ void PacketReader::forgetBefore(Offset position) {
   base_ = position;
 }
 
-// Whether a whole packet starts here and the sync bytes that should follow it do. Where the stream ends within the
-// run, one follower is enough, or none where a packet was due here.
+// Whether a whole packet starts here and the sync bytes that should follow it do. Where the stream ends
+// within the run, one follower is enough, or none where a packet was due here.
 bool PacketReader::isRun(Offset start, Offset stride, int length, bool onRaster) {
   if (!ensure(start + kPacketSize)) return false;
   for (int i = 0; i < length; ++i) {
@@ -83,8 +83,8 @@ bool PacketReader::findFirst() {
   return true;
 }
 
-// A damaged sync byte leaves the raster where it was. Lost or inserted bytes move it: the next packet may then start
-// within what was taken for the last one.
+// A damaged sync byte leaves the raster where it was. Lost or inserted bytes move it: the next packet may
+// then start within what was taken for the last one.
 bool PacketReader::resync() {
   const Offset lost = next_;
   if (isRun(lost + stride_, stride_, kRasterRun, true)) {

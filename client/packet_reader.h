@@ -1,5 +1,6 @@
-// Finds the packets of a transport stream in a file: the first one behind any garbage, the next one after a lost
-// sync byte, of 188, 192 (with a time stamp in front) or 204 bytes (with parity behind). Used by psi_capture.
+// Finds the packets of a transport stream in a file: the first one behind any garbage, the next one after a
+// lost sync byte, of 188, 192 (with a time stamp in front) or 204 bytes (with parity behind). Used by
+// psi_capture.
 #pragma once
 
 #include <cstdint>

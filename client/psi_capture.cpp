@@ -34,18 +34,18 @@ struct NoteText {
   const char* text;  // {0} the count, {1} "s" unless that is one
 };
 constexpr NoteText kNoteTexts[] = {
-    {NoteKind::kTransportError,  "{0} packet{1} marked as damaged left out"},
-    {NoteKind::kScrambled,       "{0} scrambled packet{1} left out"},
+    {NoteKind::kTransportError, "{0} packet{1} marked as damaged left out"},
+    {NoteKind::kScrambled, "{0} scrambled packet{1} left out"},
     {NoteKind::kContinuityError, "{0} continuity error{1}: packets are missing"},
-    {NoteKind::kBadPacket,       "{0} packet{1} with an impossible adaptation field or pointer left out"},
-    {NoteKind::kNotSections,     "{0} packet{1} of an elementary stream on a PID of tables left out"},
-    {NoteKind::kCutSection,      "{0} section{1} cut short left out"},
-    {NoteKind::kBadSection,      "{0} section{1} of impossible length or form left out"},
-    {NoteKind::kCrcError,        "{0} section{1} with a CRC error left out"},
-    {NoteKind::kNotCurrent,      "{0} section{1} not yet current left out"},
-    {NoteKind::kOlderVersion,    "{0} section{1} of an older version left out"},
-    {NoteKind::kWrongPid,        "{0} section{1} on a PID where the table does not belong left out"},
-    {NoteKind::kOtherTable,      "{0} section{1} left out: a card carries no such table"},
+    {NoteKind::kBadPacket, "{0} packet{1} with an impossible adaptation field or pointer left out"},
+    {NoteKind::kNotSections, "{0} packet{1} of an elementary stream on a PID of tables left out"},
+    {NoteKind::kCutSection, "{0} section{1} cut short left out"},
+    {NoteKind::kBadSection, "{0} section{1} of impossible length or form left out"},
+    {NoteKind::kCrcError, "{0} section{1} with a CRC error left out"},
+    {NoteKind::kNotCurrent, "{0} section{1} not yet current left out"},
+    {NoteKind::kOlderVersion, "{0} section{1} of an older version left out"},
+    {NoteKind::kWrongPid, "{0} section{1} on a PID where the table does not belong left out"},
+    {NoteKind::kOtherTable, "{0} section{1} left out: a card carries no such table"},
 };
 
 // Counts losses by what they concern, so that a bad capture gives a short account.
@@ -64,13 +64,14 @@ class Account {
       const auto& [kind, pid, name] = key;
       const auto text = std::find_if(std::begin(kNoteTexts), std::end(kNoteTexts),
                                      [kind = kind](const NoteText& t) { return t.kind == kind; });
-      notes.push_back({.kind = kind,
-                       .pid = pid,
-                       .tableId = row.tableId,
-                       .count = row.count,
-                       .text = fmt::format("{}{}PID {:#06x}: {} (first at byte {})", name, name.empty() ? "" : " on ",
-                                           pid, fmt::format(fmt::runtime(text->text), row.count, row.count == 1 ? "" : "s"),
-                                           row.first)});
+      notes.push_back(
+          {.kind = kind,
+           .pid = pid,
+           .tableId = row.tableId,
+           .count = row.count,
+           .text = fmt::format(
+               "{}{}PID {:#06x}: {} (first at byte {})", name, name.empty() ? "" : " on ", pid,
+               fmt::format(fmt::runtime(text->text), row.count, row.count == 1 ? "" : "s"), row.first)});
     }
     return notes;
   }
@@ -85,8 +86,8 @@ class Account {
   std::map<Key, Row> rows_;
 };
 
-// The sections of the eight tables, each table of the version that came last. A receiver takes the sections of one
-// version only, so a new version does away with every section of the old one.
+// The sections of the eight tables, each table of the version that came last. A receiver takes the sections
+// of one version only, so a new version does away with every section of the old one.
 class SectionStore {
  public:
   // Gives the number of sections that the new one does away with.
@@ -117,22 +118,25 @@ class SectionStore {
       const auto& [type, pid, extension] = key;
       if (type == TableType::kPat) ++pats;
       std::size_t whole = 0;
-      for (const auto& [number, section] : table) whole = std::max<std::size_t>(whole, section.lastNumber() + 1u);
+      for (const auto& [number, section] : table)
+        whole = std::max<std::size_t>(whole, section.lastNumber() + 1u);
       if (table.size() == whole) continue;
-      notes.push_back({.kind = NoteKind::kIncomplete,
-                       .pid = pid,
-                       .tableId = tableId(type),
-                       .count = whole - table.size(),
-                       .text = fmt::format("{} on PID {:#06x}, extension {}: incomplete, {} of {} sections found",
-                                           tableName(type), pid, extension, table.size(), whole)});
+      notes.push_back(
+          {.kind = NoteKind::kIncomplete,
+           .pid = pid,
+           .tableId = tableId(type),
+           .count = whole - table.size(),
+           .text = fmt::format("{} on PID {:#06x}, extension {}: incomplete, {} of {} sections found",
+                               tableName(type), pid, extension, table.size(), whole)});
     }
     if (pats > 1) {
-      notes.push_back({.kind = NoteKind::kSeveralPats,
-                       .pid = tablePid(TableType::kPat),
-                       .tableId = tableId(TableType::kPat),
-                       .count = pats,
-                       .text = fmt::format("the capture has PATs of {} transport streams: a receiver takes one of them",
-                                           pats)});
+      notes.push_back(
+          {.kind = NoteKind::kSeveralPats,
+           .pid = tablePid(TableType::kPat),
+           .tableId = tableId(TableType::kPat),
+           .count = pats,
+           .text = fmt::format("the capture has PATs of {} transport streams: a receiver takes one of them",
+                               pats)});
     }
     if (pats == 0) {
       notes.push_back({.kind = NoteKind::kNoPat,
@@ -187,16 +191,14 @@ class Pass {
   void listen(u16 pid) {
     using Loss = SectionGatherer::Loss;
     static constexpr std::pair<Loss, NoteKind> kKinds[] = {
-        {Loss::kTransportError,  NoteKind::kTransportError},
-        {Loss::kScrambled,       NoteKind::kScrambled},
-        {Loss::kContinuityError, NoteKind::kContinuityError},
-        {Loss::kBadPacket,       NoteKind::kBadPacket},
-        {Loss::kNotSections,     NoteKind::kNotSections},
-        {Loss::kCutSection,      NoteKind::kCutSection},
+        {Loss::kTransportError, NoteKind::kTransportError},   {Loss::kScrambled, NoteKind::kScrambled},
+        {Loss::kContinuityError, NoteKind::kContinuityError}, {Loss::kBadPacket, NoteKind::kBadPacket},
+        {Loss::kNotSections, NoteKind::kNotSections},         {Loss::kCutSection, NoteKind::kCutSection},
     };
     const auto onSection = [this, pid](std::span<const u8> section) { take(pid, section); };
     const auto onLoss = [this, pid](Loss loss, std::optional<u8> table) {
-      const auto kind = std::find_if(std::begin(kKinds), std::end(kKinds), [loss](auto& k) { return k.first == loss; });
+      const auto kind =
+          std::find_if(std::begin(kKinds), std::end(kKinds), [loss](auto& k) { return k.first == loss; });
       account_.add(kind->second, pid, table, at_);
     };
     gatherers_[pid] = std::make_unique<SectionGatherer>(onSection, onLoss);
@@ -222,7 +224,8 @@ class Pass {
     Section section{.pid = pid, .bytes = Bytes(bytes.begin(), bytes.end())};
     if (section.number() > section.lastNumber()) return drop(NoteKind::kBadSection);
     if (!section.current()) return drop(NoteKind::kNotCurrent);
-    for (std::size_t older = store_.add(std::move(section)); older > 0; --older) drop(NoteKind::kOlderVersion);
+    for (std::size_t older = store_.add(std::move(section)); older > 0; --older)
+      drop(NoteKind::kOlderVersion);
   }
 
   const std::set<u16>& pmtPids_;
@@ -248,12 +251,14 @@ PmtPids findPmtPids(const std::vector<Section>& sections) {
     }
   }
   for (const u16 pid : bad) {
-    found.notes.push_back({.kind = NoteKind::kBadPmtPid,
-                           .pid = pid,
-                           .tableId = tableId(TableType::kPmt),
-                           .count = 1,
-                           .text = fmt::format("the PAT names PID {:#06x} for a programme map: not looked at, that PID "
-                                               "has another use", pid)});
+    found.notes.push_back(
+        {.kind = NoteKind::kBadPmtPid,
+         .pid = pid,
+         .tableId = tableId(TableType::kPmt),
+         .count = 1,
+         .text = fmt::format("the PAT names PID {:#06x} for a programme map: not looked at, that PID "
+                             "has another use",
+                             pid)});
   }
   return found;
 }
@@ -262,7 +267,10 @@ std::vector<Note> fileNotes(const PacketReader& reader) {
   constexpr std::size_t kPlacesNamed = 5;
   std::vector<Note> notes;
   if (reader.leadingBytes() > 0) {
-    notes.push_back({.kind = NoteKind::kLeadingBytes, .pid = {}, .tableId = {}, .count = 1,
+    notes.push_back({.kind = NoteKind::kLeadingBytes,
+                     .pid = {},
+                     .tableId = {},
+                     .count = 1,
                      .text = fmt::format("{} bytes before the first packet skipped", reader.leadingBytes())});
   }
   const auto& losses = reader.losses();
@@ -271,13 +279,19 @@ std::vector<Note> fileNotes(const PacketReader& reader) {
     for (std::size_t i = 0; i < std::min(losses.size(), kPlacesNamed); ++i) {
       places += fmt::format("{}byte {} ({} skipped)", i == 0 ? "" : ", ", losses[i].at, losses[i].skipped);
     }
-    notes.push_back({.kind = NoteKind::kLostSync, .pid = {}, .tableId = {}, .count = losses.size(),
+    notes.push_back({.kind = NoteKind::kLostSync,
+                     .pid = {},
+                     .tableId = {},
+                     .count = losses.size(),
                      .text = fmt::format("synchronisation lost {} time{}: at {}{}", losses.size(),
                                          losses.size() == 1 ? "" : "s", places,
                                          losses.size() > kPlacesNamed ? ", ..." : "")});
   }
   if (reader.trailingBytes() > 0) {
-    notes.push_back({.kind = NoteKind::kTrailingBytes, .pid = {}, .tableId = {}, .count = 1,
+    notes.push_back({.kind = NoteKind::kTrailingBytes,
+                     .pid = {},
+                     .tableId = {},
+                     .count = 1,
                      .text = fmt::format("{} bytes at the end, from byte {} on, are no whole packet: skipped",
                                          reader.trailingBytes(), reader.size() - reader.trailingBytes())});
   }
@@ -287,7 +301,8 @@ std::vector<Note> fileNotes(const PacketReader& reader) {
 void rewind(std::istream& stream, const std::string& name) {
   stream.clear();
   if (!stream.seekg(0)) {
-    throw CaptureError(fmt::format("{}: cannot be read twice, as a capture must be; store it in a file first", name));
+    throw CaptureError(
+        fmt::format("{}: cannot be read twice, as a capture must be; store it in a file first", name));
   }
 }
 
@@ -306,7 +321,8 @@ Capture readCapture(std::istream& stream, const std::string& name) {
   patPass.run(first);
   if (stream.bad()) throw CaptureError(fmt::format("{}: reading failed: {}", name, std::strerror(errno)));
   if (patPass.packets() == 0) {
-    throw CaptureError(fmt::format("{}: no transport stream: no packets found in its {} bytes", name, first.size()));
+    throw CaptureError(
+        fmt::format("{}: no transport stream: no packets found in its {} bytes", name, first.size()));
   }
   PmtPids pmt = findPmtPids(patPass.sections());
 
@@ -320,8 +336,9 @@ Capture readCapture(std::istream& stream, const std::string& name) {
   std::ranges::move(pass.notes(), std::back_inserter(capture.notes));
   std::ranges::move(pmt.notes, std::back_inserter(capture.notes));
   if (capture.sections.empty()) {
-    throw CaptureError(withNotes(
-        fmt::format("{}: no PSI that a card carries in its {} packets", name, capture.packets), capture.notes));
+    throw CaptureError(
+        withNotes(fmt::format("{}: no PSI that a card carries in its {} packets", name, capture.packets),
+                  capture.notes));
   }
   return capture;
 }
@@ -332,7 +349,8 @@ Capture readCapture(const std::filesystem::path& file) {
     throw CaptureError(fmt::format("{}: a folder, no capture", file.string()));
   }
   std::ifstream stream(file, std::ios::binary);
-  if (!stream) throw CaptureError(fmt::format("{}: cannot be opened: {}", file.string(), std::strerror(errno)));
+  if (!stream)
+    throw CaptureError(fmt::format("{}: cannot be opened: {}", file.string(), std::strerror(errno)));
   return readCapture(stream, file.string());
 }
 
@@ -341,8 +359,10 @@ std::vector<Section> gatherSections(const std::vector<Packet>& packets) {
   u16 pid = 0;
   SectionGatherer gatherer(
       [&](std::span<const u8> bytes) {
-        const bool whole = bytes.size() >= kMinLongSection && bytes.size() <= kMaxSectionSize && (bytes[1] & 0x80) != 0;
-        if (whole && crc32(bytes) == 0) sections.push_back({.pid = pid, .bytes = Bytes(bytes.begin(), bytes.end())});
+        const bool whole =
+            bytes.size() >= kMinLongSection && bytes.size() <= kMaxSectionSize && (bytes[1] & 0x80) != 0;
+        if (whole && crc32(bytes) == 0)
+          sections.push_back({.pid = pid, .bytes = Bytes(bytes.begin(), bytes.end())});
       },
       [](SectionGatherer::Loss, std::optional<u8>) {});
   u8 continuity = 0;

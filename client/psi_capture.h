@@ -1,5 +1,6 @@
-// Gathers the PSI of a capture: the sections of the eight tables that a card carries, of the newest version each,
-// and an account of everything that was left out. Used by whoever uploads a capture (qamctl, the headend).
+// Gathers the PSI of a capture: the sections of the eight tables that a card carries, of the newest version
+// each, and an account of everything that was left out. Used by whoever uploads a capture (qamctl, the
+// headend).
 #pragma once
 
 #include <filesystem>
@@ -13,7 +14,8 @@
 
 namespace client {
 
-// What a note reports. The first group concerns the file, the second packets, the third sections, the last tables.
+// What a note reports. The first group concerns the file, the second packets, the third sections, the last
+// tables.
 enum class NoteKind {
   kLeadingBytes,
   kLostSync,
@@ -60,15 +62,15 @@ class CaptureError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Reads the file twice, in pieces: the PAT may come after packets of the programme maps that it names. Packets may
-// have 188, 192 or 204 bytes. Throws CaptureError.
+// Reads the file twice, in pieces: the PAT may come after packets of the programme maps that it names.
+// Packets may have 188, 192 or 204 bytes. Throws CaptureError.
 Capture readCapture(const std::filesystem::path& file);
 
 // The same for a stream that can be rewound; `name` stands for it in messages.
 Capture readCapture(std::istream& stream, const std::string& name);
 
-// The sections, in order, that packets of one PID carry back to back; continuity counters are not looked at, since
-// a card stamps its own. Sections with errors are left out.
+// The sections, in order, that packets of one PID carry back to back; continuity counters are not looked at,
+// since a card stamps its own. Sections with errors are left out.
 std::vector<Section> gatherSections(const std::vector<Packet>& packets);
 
 }  // namespace client

@@ -1,5 +1,5 @@
-// Reads a channel's tables back from the card, as far as requests reach. Used by qamctl and by tests that look at
-// a card from outside.
+// Reads a channel's tables back from the card, as far as requests reach. Used by qamctl and by tests that
+// look at a card from outside.
 #pragma once
 
 #include <array>
@@ -12,8 +12,8 @@
 
 namespace client {
 
-// A read starts at a position of 8 bits and returns at most kChunkPackets: what lies at or beyond this position
-// of a table (of a PID, for the PMT) cannot be read.
+// A read starts at a position of 8 bits and returns at most kChunkPackets: what lies at or beyond this
+// position of a table (of a PID, for the PMT) cannot be read.
 inline constexpr std::size_t kReachablePackets = 255 + kChunkPackets;
 
 struct ReadBack {
@@ -39,8 +39,9 @@ struct ReadBack {
   std::size_t outOfReach() const;
 };
 
-// PMT packets are looked for on the PIDs that the stored PAT names. `progress` is called after each reply with the
-// packets read so far. Throws PsiError (also when another client changes the store meanwhile) or LinkError.
+// PMT packets are looked for on the PIDs that the stored PAT names. `progress` is called after each reply
+// with the packets read so far. Throws PsiError (also when another client changes the store meanwhile) or
+// LinkError.
 ReadBack readBack(Link& link, const Channel& channel, const std::function<void(std::size_t)>& progress = {});
 
 }  // namespace client

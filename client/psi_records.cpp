@@ -64,7 +64,8 @@ std::optional<ChunkReply> decodeChunkReply(std::span<const u8> data) {
                    .startPosition = wire::get32(&data[kChunkStartAt]),
                    .packets = std::vector<Packet>(count)};
   for (std::size_t i = 0; i < count; ++i) {
-    std::ranges::copy(data.subspan(kChunkHeaderSize + i * kPacketSize, kPacketSize), reply.packets[i].begin());
+    std::ranges::copy(data.subspan(kChunkHeaderSize + i * kPacketSize, kPacketSize),
+                      reply.packets[i].begin());
   }
   return reply;
 }

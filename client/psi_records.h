@@ -1,5 +1,5 @@
-// The records of the PSI variables as they travel in a request or a reply, big-endian. Used by the procedures of
-// psi_upload and psi_read_back.
+// The records of the PSI variables as they travel in a request or a reply, big-endian. Used by the procedures
+// of psi_upload and psi_read_back.
 #pragma once
 
 #include <optional>

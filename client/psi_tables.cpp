@@ -15,14 +15,14 @@ struct TableRow {
   u16 pid;
 };
 constexpr std::array<TableRow, kTableCount> kTables = {{
-    {"PAT",   0x00, 0x0000},
-    {"PMT",   0x02, kNoPid},
+    {"PAT", 0x00, 0x0000},
+    {"PMT", 0x02, kNoPid},
     {"SDT_C", 0x42, 0x0011},
     {"SDT_O", 0x46, 0x0011},
     {"NIT_C", 0x40, 0x0010},
     {"NIT_O", 0x41, 0x0010},
-    {"BAT",   0x4A, 0x0011},
-    {"CAT",   0x01, 0x0001},
+    {"BAT", 0x4A, 0x0011},
+    {"CAT", 0x01, 0x0001},
 }};
 
 struct OtherTable {
@@ -31,20 +31,13 @@ struct OtherTable {
   const char* name;
 };
 constexpr OtherTable kOtherTables[] = {
-    {0x03, 0x03, "TSDT"},
-    {0x38, 0x3F, "DSM-CC"},
-    {0x4B, 0x4D, "UNT/INT/SAT"},
-    {0x4E, 0x6F, "EIT"},
-    {0x70, 0x70, "TDT"},
-    {0x71, 0x71, "RST"},
-    {0x72, 0x72, "stuffing"},
-    {0x73, 0x73, "TOT"},
-    {0x74, 0x74, "AIT"},
-    {0x7E, 0x7E, "DIT"},
-    {0x7F, 0x7F, "SIT"},
-    {0x80, 0x81, "ECM"},
-    {0x82, 0x8F, "EMM"},
-    {0xFC, 0xFC, "splice information"},
+    {0x03, 0x03, "TSDT"},        {0x38, 0x3F, "DSM-CC"},
+    {0x4B, 0x4D, "UNT/INT/SAT"}, {0x4E, 0x6F, "EIT"},
+    {0x70, 0x70, "TDT"},         {0x71, 0x71, "RST"},
+    {0x72, 0x72, "stuffing"},    {0x73, 0x73, "TOT"},
+    {0x74, 0x74, "AIT"},         {0x7E, 0x7E, "DIT"},
+    {0x7F, 0x7F, "SIT"},         {0x80, 0x81, "ECM"},
+    {0x82, 0x8F, "EMM"},         {0xFC, 0xFC, "splice information"},
 };
 
 constexpr std::array<u32, 256> makeCrcTable() {
@@ -60,9 +53,13 @@ constexpr std::array<u32, 256> kCrcTable = makeCrcTable();
 
 }  // namespace
 
-const char* tableName(TableType type) { return kTables[indexOf(type)].name; }
+const char* tableName(TableType type) {
+  return kTables[indexOf(type)].name;
+}
 
-u8 tableId(TableType type) { return kTables[indexOf(type)].tableId; }
+u8 tableId(TableType type) {
+  return kTables[indexOf(type)].tableId;
+}
 
 std::optional<u16> tablePid(TableType type) {
   const u16 pid = kTables[indexOf(type)].pid;

@@ -1,5 +1,6 @@
-// The PSI/SI tables that a card carries: their names, numbers and PIDs, and the sections and packets they travel
-// in (ISO/IEC 13818-1, EN 300 468). Used by everything here that handles captures, uploads and read-backs.
+// The PSI/SI tables that a card carries: their names, numbers and PIDs, and the sections and packets they
+// travel in (ISO/IEC 13818-1, EN 300 468). Used by everything here that handles captures, uploads and
+// read-backs.
 #pragma once
 
 #include <array>
@@ -18,13 +19,17 @@ namespace client {
 // Numbered as the card numbers them; also the order in which they are uploaded.
 enum class TableType : u8 { kPat, kPmt, kSdtC, kSdtO, kNitC, kNitO, kBat, kCat };
 
-inline constexpr std::array kAllTables = {TableType::kPat,  TableType::kPmt,  TableType::kSdtC, TableType::kSdtO,
-                                          TableType::kNitC, TableType::kNitO, TableType::kBat,  TableType::kCat};
+inline constexpr std::array kAllTables = {TableType::kPat,  TableType::kPmt,  TableType::kSdtC,
+                                          TableType::kSdtO, TableType::kNitC, TableType::kNitO,
+                                          TableType::kBat,  TableType::kCat};
 inline constexpr std::size_t kTableCount = kAllTables.size();
 
-constexpr std::size_t indexOf(TableType type) { return static_cast<std::size_t>(type); }
+constexpr std::size_t indexOf(TableType type) {
+  return static_cast<std::size_t>(type);
+}
 
-// "PAT", "PMT", "SDT_C", "SDT_O", "NIT_C", "NIT_O", "BAT", "CAT": C is the actual stream or network, O another.
+// "PAT", "PMT", "SDT_C", "SDT_O", "NIT_C", "NIT_O", "BAT", "CAT": C is the actual stream or network, O
+// another.
 const char* tableName(TableType type);
 u8 tableId(TableType type);
 
@@ -35,7 +40,8 @@ std::optional<u16> tablePid(TableType type);
 std::optional<TableType> tableOfName(std::string_view name);
 std::optional<TableType> tableOfId(u8 tableId);
 
-// A name for any table_id: one of the eight above, "EIT", "TDT", ..., or "table 0x80" where nobody agreed on one.
+// A name for any table_id: one of the eight above, "EIT", "TDT", ..., or "table 0x80" where nobody agreed on
+// one.
 std::string nameOfTableId(u8 tableId);
 
 inline constexpr std::size_t kPacketSize = 188;
@@ -65,11 +71,12 @@ inline constexpr std::size_t kMaxSectionSize = 1024;  // of the eight tables; ot
 // CRC_32 of MPEG-2 sections; 0 over a section that ends with its own.
 u32 crc32(std::span<const u8> bytes);
 
-// The PIDs of programme map sections that a PAT section names; not the one of the network (programme number 0).
+// The PIDs of programme map sections that a PAT section names; not the one of the network (programme number
+// 0).
 std::vector<u16> programmeMapPids(const Section& pat);
 
-// Appends the section to `packets` in packets of its own: the first with a start indicator and pointer_field 0, the
-// last one stuffed with 0xFF. `continuity` is the PID's counter, used and moved on.
+// Appends the section to `packets` in packets of its own: the first with a start indicator and pointer_field
+// 0, the last one stuffed with 0xFF. `continuity` is the PID's counter, used and moved on.
 void packSection(const Section& section, u8& continuity, std::vector<Packet>& packets);
 
 }  // namespace client

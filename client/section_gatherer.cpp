@@ -8,12 +8,24 @@ namespace {
 constexpr u8 kStuffing = 0xFF;
 constexpr std::size_t kLengthEnd = 3;  // table_id and section_length
 
-bool transportError(std::span<const u8> p) { return (p[1] & 0x80) != 0; }
-bool startsUnit(std::span<const u8> p) { return (p[1] & 0x40) != 0; }
-bool scrambled(std::span<const u8> p) { return (p[3] & 0xC0) != 0; }
-bool hasAdaptation(std::span<const u8> p) { return (p[3] & 0x20) != 0; }
-bool hasPayload(std::span<const u8> p) { return (p[3] & 0x10) != 0; }
-int continuity(std::span<const u8> p) { return p[3] & 0x0F; }
+bool transportError(std::span<const u8> p) {
+  return (p[1] & 0x80) != 0;
+}
+bool startsUnit(std::span<const u8> p) {
+  return (p[1] & 0x40) != 0;
+}
+bool scrambled(std::span<const u8> p) {
+  return (p[3] & 0xC0) != 0;
+}
+bool hasAdaptation(std::span<const u8> p) {
+  return (p[3] & 0x20) != 0;
+}
+bool hasPayload(std::span<const u8> p) {
+  return (p[3] & 0x10) != 0;
+}
+int continuity(std::span<const u8> p) {
+  return p[3] & 0x0F;
+}
 bool announcesDiscontinuity(std::span<const u8> p) {
   return hasAdaptation(p) && p[4] > 0 && (p[5] & 0x80) != 0;
 }
@@ -26,8 +38,8 @@ std::optional<std::span<const u8>> payloadOf(std::span<const u8> packet) {
   return packet.subspan(at);
 }
 
-// 00 00 01 opens a packet of an elementary stream. A section that started like this, behind a pointer of 0, would
-// be a PAT without the syntax that a PAT has.
+// 00 00 01 opens a packet of an elementary stream. A section that started like this, behind a pointer of 0,
+// would be a PAT without the syntax that a PAT has.
 bool opensElementaryStream(std::span<const u8> payload) {
   return payload.size() >= 4 && payload[0] == 0 && payload[1] == 0 && payload[2] == 1 && payload[3] >= 0xBC;
 }
@@ -44,9 +56,13 @@ void SectionGatherer::push(std::span<const u8> packet) {
   }
   if (!hasPayload(packet)) return;
   switch (order(packet)) {
-    case Order::kRepeats: return;
-    case Order::kBreaks: cut(); break;
-    case Order::kFollows: break;
+    case Order::kRepeats:
+      return;
+    case Order::kBreaks:
+      cut();
+      break;
+    case Order::kFollows:
+      break;
   }
   const auto payload = payloadOf(packet);
   if (scrambled(packet) || !payload) {
@@ -82,7 +98,8 @@ SectionGatherer::Order SectionGatherer::order(std::span<const u8> packet) {
   return result;
 }
 
-// The pointer tells where the first section starts that starts in this packet; before it lies the end of the open one.
+// The pointer tells where the first section starts that starts in this packet; before it lies the end of the
+// open one.
 void SectionGatherer::start(std::span<const u8> payload) {
   if (opensElementaryStream(payload)) {
     onLoss_(Loss::kNotSections, std::nullopt);

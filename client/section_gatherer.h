@@ -13,7 +13,7 @@ namespace client {
 class SectionGatherer {
  public:
   enum class Loss {
-    kTransportError,   // the demodulator marked the packet as damaged
+    kTransportError,  // the demodulator marked the packet as damaged
     kScrambled,
     kContinuityError,  // packets are missing before this one
     kBadPacket,        // no room for what its adaptation field or pointer announces
@@ -40,7 +40,7 @@ class SectionGatherer {
 
   OnSection onSection_;
   OnLoss onLoss_;
-  Bytes open_;  // what has come of a section; empty when none is open
+  Bytes open_;                      // what has come of a section; empty when none is open
   std::optional<Packet> previous_;  // the last packet with payload
   bool repeated_ = false;           // it came twice
 };

@@ -10,8 +10,8 @@ namespace client {
 
 struct UdpLinkOptions {
   std::chrono::milliseconds timeout{1000};  // for one reply, before the request is repeated
-  int tries = 4;                            // all with one sequence number: the back end carries out one of them
-  std::chrono::milliseconds total{0};       // for one call with all its tries; 0 sets no limit of its own
+  int tries = 4;                       // all with one sequence number: the back end carries out one of them
+  std::chrono::milliseconds total{0};  // for one call with all its tries; 0 sets no limit of its own
 };
 
 class UdpLink : public Link {

@@ -11,7 +11,9 @@
 namespace client {
 namespace {
 
-TableType typeOf(const Section& section) { return tableOfId(section.tableId()).value(); }
+TableType typeOf(const Section& section) {
+  return tableOfId(section.tableId()).value();
+}
 
 void append(UploadPlan& plan, const Section& section, u8& continuity) {
   std::vector<Packet> packets;
@@ -45,8 +47,10 @@ std::string reasonsAgainst(const UploadPlan& plan) {
     if (marksFreePlace(chunk.pid)) pids.insert(chunk.pid);
   }
   for (const u16 pid : pids) {
-    add(fmt::format("{} on PID {:#06x}: the low nine bits of this PID are all ones, which marks a free place in the "
-                    "card's store", tableName(TableType::kPmt), pid));
+    add(fmt::format(
+        "{} on PID {:#06x}: the low nine bits of this PID are all ones, which marks a free place in the "
+        "card's store",
+        tableName(TableType::kPmt), pid));
   }
   return reasons;
 }
@@ -54,9 +58,8 @@ std::string reasonsAgainst(const UploadPlan& plan) {
 }  // namespace
 
 UploadPlan planUpload(std::vector<Section> sections) {
-  std::ranges::stable_sort(sections, {}, [](const Section& s) {
-    return std::tuple(typeOf(s), s.pid, s.extension(), s.number());
-  });
+  std::ranges::stable_sort(
+      sections, {}, [](const Section& s) { return std::tuple(typeOf(s), s.pid, s.extension(), s.number()); });
   UploadPlan plan;
   std::map<u16, u8> continuity;
   for (const Section& section : sections) append(plan, section, continuity[section.pid]);

@@ -1,5 +1,5 @@
-// Turns the sections of a capture into what a card stores: packets, in chunks of one PID and one table. What a
-// card cannot hold is refused here, before anything is erased.
+// Turns the sections of a capture into what a card stores: packets, in chunks of one PID and one table. What
+// a card cannot hold is refused here, before anything is erased.
 #pragma once
 
 #include <array>
@@ -10,9 +10,10 @@
 
 namespace client {
 
-inline constexpr std::size_t kStoreSize = 512;       // packets of all tables of a channel
-inline constexpr std::size_t kMaxPmtPackets = 255;   // the PMT list is one group, and positions in a group have 8 bits
-inline constexpr std::size_t kChunkPackets = 7;      // packets of one request
+inline constexpr std::size_t kStoreSize = 512;  // packets of all tables of a channel
+inline constexpr std::size_t kMaxPmtPackets =
+    255;  // the PMT list is one group, and positions in a group have 8 bits
+inline constexpr std::size_t kChunkPackets = 7;  // packets of one request
 
 struct Chunk {
   u16 pid = 0;
@@ -39,10 +40,12 @@ class PlanError : public std::runtime_error {
 
 // A PID whose low nine bits are all ones marks a free place in the card's store: a packet on it would be
 // overwritten by the next one.
-constexpr bool marksFreePlace(u16 pid) { return (pid & 0x1FF) == 0x1FF; }
+constexpr bool marksFreePlace(u16 pid) {
+  return (pid & 0x1FF) == 0x1FF;
+}
 
-// Sections are sent in ascending order of table (as TableType), PID, extension and number, whatever their order
-// here. Throws PlanError.
+// Sections are sent in ascending order of table (as TableType), PID, extension and number, whatever their
+// order here. Throws PlanError.
 UploadPlan planUpload(std::vector<Section> sections);
 
 }  // namespace client

@@ -1,0 +1,252 @@
+#include "sections.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+namespace judge {
+namespace {
+
+constexpr size_t kHeaderSize = 3;         // of a section, up to its length
+constexpr size_t kLongestSection = 4096;  // 1024 for the tables of ISO/IEC 13818-1, this for private sections
+constexpr size_t kChunkPackets = 4096;    // read at once
+constexpr uint8_t kStuffing = 0xFF;
+
+std::array<uint32_t, 256> makeCrcTable() {
+  std::array<uint32_t, 256> table{};
+  for (uint32_t i = 0; i < 256; ++i) {
+    uint32_t c = i << 24;
+    for (int bit = 0; bit < 8; ++bit) c = (c & 0x80000000U) != 0 ? c << 1 ^ 0x04C11DB7U : c << 1;
+    table[i] = c;
+  }
+  return table;
+}
+
+// Follows the sections of one PID through its packets.
+class Assembler {
+ public:
+  Assembler(uint16_t pid, bool allowCut, Contents& contents, Faults& faults, Scan& scan)
+      : pid_(pid), allowCut_(allowCut), contents_(contents), faults_(faults), scan_(scan) {}
+
+  void push(uint64_t index, const uint8_t* payload, size_t size, bool unitStart) {
+    packet_ = index;
+    if (open_) ++packets_;
+    if (unitStart) {
+      const size_t pointer = payload[0];
+      if (pointer + 1 > size) {
+        fault("pointer", "pointer field reaches past the packet");
+        return;
+      }
+      if (open_) append(payload + 1, pointer);
+      if (open_) cut();
+      started_ = true;
+      take(payload + 1 + pointer, size - 1 - pointer);
+    } else if (open_) {
+      take(payload, size);
+    } else if (started_) {
+      fault("orphan", "packet continues a section that nothing started");
+    }
+  }
+
+ private:
+  void fault(const char* kind, const char* text) {
+    faults_.add(kind, fmt::format("packet {}, PID {:#x}: {}", packet_, pid_, text));
+  }
+
+  void cut() {
+    ++scan_.cutSections;
+    if (!allowCut_) fault("cut", "a section breaks off and another starts");
+    open_ = false;
+  }
+
+  // Continues the open section, then reads what else the packet holds.
+  void take(const uint8_t* data, size_t size) {
+    if (open_) {
+      const size_t used = append(data, size);
+      data += used;
+      size -= used;
+    }
+    while (size > 0 && *data != kStuffing) {
+      open_ = true;
+      buffer_.clear();
+      first_ = packet_;
+      packets_ = 1;
+      const size_t used = append(data, size);
+      data += used;
+      size -= used;
+    }
+    if (std::any_of(data, data + size, [](uint8_t byte) { return byte != kStuffing; }))
+      fault("stuffing", "bytes after the last section are not stuffing");
+  }
+
+  // Takes bytes of the open section and closes it when it is whole; gives the number of bytes taken.
+  size_t append(const uint8_t* data, size_t size) {
+    size_t used = 0;
+    while (used < size && open_) {
+      const size_t want = buffer_.size() < kHeaderSize ? kHeaderSize : total();
+      const size_t part = std::min(want - buffer_.size(), size - used);
+      buffer_.insert(buffer_.end(), data + used, data + used + part);
+      used += part;
+      if (buffer_.size() >= kHeaderSize && buffer_.size() == total()) close();
+    }
+    return used;
+  }
+
+  size_t total() const { return kHeaderSize + (big16(buffer_, 1) & 0xFFFU); }
+
+  void close() {
+    open_ = false;
+    if (buffer_.size() > kLongestSection) {
+      fault("length", "section is longer than sections can be");
+    } else if ((buffer_[1] & 0x80) != 0 && !crcGood(buffer_)) {
+      fault("crc", fmt::format("section of table {:#x} has a bad CRC", buffer_[0]).c_str());
+    } else {
+      scan_.sections.push_back({pid_, contents_.number(buffer_), first_, packet_, packets_});
+    }
+  }
+
+  uint16_t pid_;
+  bool allowCut_;
+  Contents& contents_;
+  Faults& faults_;
+  Scan& scan_;
+  Bytes buffer_;
+  bool open_ = false;
+  bool started_ = false;
+  uint64_t packet_ = 0;
+  uint64_t first_ = 0;
+  unsigned packets_ = 0;
+};
+
+// One pass over a file.
+class Scanner {
+ public:
+  Scanner(const ScanOptions& options, Contents& contents, Faults& faults)
+      : options_(options), contents_(contents), faults_(faults), assemblers_(kPidCount) {
+    lastCounter_.fill(-1);
+  }
+
+  Scan run(const std::string& path) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
+    if (!file) throw std::runtime_error(fmt::format("cannot open {}", path));
+    std::vector<uint8_t> chunk(kChunkPackets * kPacketSize);
+    size_t got = 0;
+    while ((got = std::fread(chunk.data(), 1, chunk.size(), file.get())) > 0) {
+      for (size_t at = 0; at + kPacketSize <= got; at += kPacketSize) packet(chunk.data() + at);
+      if (got % kPacketSize != 0)
+        faults_.add("tail", fmt::format("{} bytes after the last whole packet", got % kPacketSize));
+    }
+    if (std::ferror(file.get()) != 0) throw std::runtime_error(fmt::format("cannot read {}", path));
+    return std::move(scan_);
+  }
+
+ private:
+  void packet(const uint8_t* data) {
+    const uint64_t index = scan_.packets++;
+    if (index < options_.fromPacket) return;
+    if (data[0] != 0x47) {
+      faults_.add("sync", fmt::format("packet {} has no sync byte", index));
+      return;
+    }
+    if (options_.onPacket) options_.onPacket(data);
+    const auto pid = static_cast<uint16_t>((data[1] & 0x1F) << 8 | data[2]);
+    if (pid == kNullPid) return;
+    if ((data[1] & 0x80) != 0)
+      faults_.add("transport_error", fmt::format("packet {} is marked as damaged", index));
+    mark(index, pid, data);
+    const bool hasField = (data[3] & 0x20) != 0;
+    const bool hasPayload = (data[3] & 0x10) != 0;
+    counter(index, pid, data, hasField && data[4] > 0 && (data[5] & 0x80) != 0, hasPayload);
+    const size_t start = 4U + (hasField ? data[4] + 1U : 0U);
+    if (hasPayload && start < kPacketSize && carriesSections(pid))
+      assembler(pid).push(index, data + start, kPacketSize - start, (data[1] & 0x40) != 0);
+  }
+
+  bool carriesSections(uint16_t pid) const {
+    return options_.everyPid || options_.sectionPids.count(pid) != 0;
+  }
+
+  void mark(uint64_t index, uint16_t pid, const uint8_t* data) {
+    unsigned content = 0;
+    if (options_.contentPids.count(pid) != 0) {
+      Bytes bytes(data, data + kPacketSize);
+      bytes[3] &= 0xF0;
+      content = contents_.number(bytes);
+    }
+    scan_.marks.push_back({index, pid, content});
+  }
+
+  void counter(uint64_t index, uint16_t pid, const uint8_t* data, bool discontinuity, bool hasPayload) {
+    if (!hasPayload) return;
+    const int value = data[3] & 0x0F;
+    const int expected = (lastCounter_[pid] + 1) & 0x0F;
+    if (lastCounter_[pid] >= 0 && value != expected && !discontinuity)
+      faults_.add("continuity", fmt::format("packet {}, PID {:#x}: counter {} where {} is due", index, pid,
+                                            value, expected));
+    lastCounter_[pid] = value;
+  }
+
+  Assembler& assembler(uint16_t pid) {
+    if (!assemblers_[pid]) assemblers_[pid].emplace(pid, options_.allowCut, contents_, faults_, scan_);
+    return *assemblers_[pid];
+  }
+
+  const ScanOptions& options_;
+  Contents& contents_;
+  Faults& faults_;
+  Scan scan_;
+  std::vector<std::optional<Assembler>> assemblers_;
+  std::array<int, kPidCount> lastCounter_{};
+};
+
+}  // namespace
+
+void Faults::add(const std::string& kind, const std::string& text) {
+  byKind_[kind].push_back(text);
+}
+
+unsigned Contents::number(const Bytes& bytes) {
+  const auto [at, isNew] = numbers_.try_emplace(bytes, static_cast<unsigned>(byNumber_.size()));
+  if (isNew) byNumber_.push_back(&at->first);
+  return at->second;
+}
+
+uint16_t big16(const Bytes& bytes, size_t at) {
+  return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]);
+}
+
+bool crcGood(const Bytes& section) {
+  static const std::array<uint32_t, 256> kTable = makeCrcTable();
+  uint32_t c = 0xFFFFFFFFU;
+  for (const uint8_t byte : section) c = c << 8 ^ kTable[c >> 24 ^ byte];
+  return c == 0;
+}
+
+Scan scan(const std::string& path, const ScanOptions& options, Contents& contents, Faults& faults) {
+  return Scanner(options, contents, faults).run(path);
+}
+
+std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path) {
+  constexpr size_t kLoopStart = 8;
+  constexpr size_t kCrcSize = 4;
+  Contents contents;
+  Faults ignored;
+  ScanOptions options;
+  options.sectionPids = {0};
+  std::set<std::pair<uint16_t, uint16_t>> found;
+  for (const Section& section : scan(path, options, contents, ignored).sections) {
+    const Bytes& bytes = contents.bytes(section.content);
+    if (bytes[0] != 0) continue;
+    for (size_t at = kLoopStart; at + 4 <= bytes.size() - kCrcSize; at += 4)
+      if (big16(bytes, at) != 0) found.emplace(big16(bytes, at + 2) & 0x1FFF, big16(bytes, at));
+  }
+  return found;
+}
+
+}  // namespace judge

@@ -1,0 +1,43 @@
+// The tables of a stream as libdvbpsi decodes them, each written out as text, so that two streams can be
+// compared.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+extern "C" {
+struct dvbpsi_s;
+}
+
+namespace judge {
+
+class TableDecoder {
+ public:
+  // Name of a table ("SDT 0x46 ts 12"), and everything it says. Called for each version that is current.
+  using OnTable = std::function<void(const std::string& name, const std::string& content)>;
+  using OnError = std::function<void(const std::string& text)>;
+
+  // programmes: (PID, programme number) of the programme maps to decode.
+  TableDecoder(const std::set<std::pair<uint16_t, uint16_t>>& programmes, OnTable onTable, OnError onError);
+  ~TableDecoder();
+  TableDecoder(const TableDecoder&) = delete;
+  TableDecoder& operator=(const TableDecoder&) = delete;
+
+  void push(const uint8_t* packet);
+
+ private:
+  struct Decoder;
+  std::vector<std::unique_ptr<Decoder>> decoders_;
+  std::vector<std::vector<Decoder*>> byPid_;
+  OnTable onTable_;
+  OnError onError_;
+
+  Decoder& add(uint16_t pid);
+};
+
+}  // namespace judge

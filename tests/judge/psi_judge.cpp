@@ -60,6 +60,7 @@ struct Options {
   double fromSeconds = 0;
   bool allowCut = false;
   bool everyPid = false;
+  bool untimed = false;
   bool json = false;
 
   double ticks(double packets) const {
@@ -185,8 +186,11 @@ class Judge {
     }
     nlohmann::json names = nlohmann::json::array();
     for (const auto& [name, content] : wanted_.tables) names.push_back(name);
-    return {
-        {"packets", scan_.packets}, {"cut_sections", scan_.cutSections}, {"types", types}, {"tables", names}};
+    return {{"packets", scan_.packets},
+            {"cut_sections", scan_.cutSections},
+            {"table_packets", scan_.marks.size()},
+            {"types", types},
+            {"tables", names}};
   }
 
  private:
@@ -345,8 +349,8 @@ class Judge {
       const double start = ended ? ticksOf(scan_.packets) : groups[i].start;
       const double allowed = std::max(slack, ended ? 1.0 + longest : 1 + queueTicks(groups[i].firstPacket));
       const double held = heldTicks(type, due - 1, start);
-      const bool late = start > due + held + allowed;
-      const bool early = !ended && start < due - allowed;
+      const bool late = !options_.untimed && start > due + held + allowed;
+      const bool early = !options_.untimed && !ended && start < due - allowed;
       if (late || early)
         fault(late ? "late" : "early",
               fmt::format("{}: group {} {} at tick {:.2f}, due at {:.2f}, held back {:.2f}, tolerance {:.2f}",
@@ -374,7 +378,7 @@ class Judge {
   // Within a group one packet goes out a tick.
   void judgePace(Type type, const Group& group) {
     const double length = group.last - group.start;
-    if (std::abs(length - (group.packets - 1)) > 1 + queueTicks(group.firstPacket))
+    if (!options_.untimed && std::abs(length - (group.packets - 1)) > 1 + queueTicks(group.firstPacket))
       fault("pace", fmt::format("{}: {} packets from tick {:.2f} on take {:.2f} ticks", kTypeRows[type].name,
                                 group.packets, group.start, length));
   }
@@ -418,7 +422,7 @@ nlohmann::json judgeSelf(const Options& options, Contents& contents, Faults& fau
   return {{"packets", seen.packets},
           {"cut_sections", seen.cutSections},
           {"sections", seen.sections.size()},
-          {"marked", seen.marks.size()}};
+          {"table_packets", seen.marks.size()}};
 }
 
 std::string takeInterval(const std::string& text, Options& options) {
@@ -501,6 +505,7 @@ int main(int argc, char** argv) {
   app.add_flag("--allow-cut", options.allowCut, "a section may break off where another one starts");
   app.add_flag("--every-pid", options.everyPid,
                "with --self: every PID but the null packets' carries sections");
+  app.add_flag("--untimed", options.untimed, "do not judge when groups start");
   app.add_flag("--json", options.json, "print the summary and all faults as JSON");
   try {
     app.parse(argc, argv);

@@ -300,6 +300,7 @@ ROWS = {
     'good-busy': dict(source=MANY, intervals=BUSY),
     'good-mixed': dict(source=MANY, intervals={'PAT': 7, 'SDT_O': 3, 'BAT': 11, 'NIT_O': 5, 'CAT': 600}),
     'good-joined-late': dict(source=MANY, args=['--from', '1.2345']),
+    'good-untimed': dict(source=SMALL, carousel=slow('CAT'), args=['--untimed']),
     'good-silent-table': dict(source=MANY, intervals={'BAT': 0}),
     'good-source-with-history': dict(source=MANY, judged_by=with_history),
     'good-cut-allowed': dict(source=MANY, output=cut_section(0x11), args=['--allow-cut'], kinds={'rotation', 'late'}),

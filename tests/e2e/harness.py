@@ -1,0 +1,376 @@
+"""What the end-to-end tests share: running the programs, temporary flash folders, sections of a stream, and a
+management client written from the description of the datagram.
+
+A script names its cases in a dictionary and calls main(); each case is a function of a Case and a test of its own."""
+import argparse
+import collections
+import json
+import os
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+
+PACKET = 188
+NULL_PID = 0x1FFF
+TYPES = {'PAT': (0, 0x00), 'PMT': (1, 0x02), 'SDT_C': (2, 0x42), 'SDT_O': (3, 0x46), 'NIT_C': (4, 0x40),
+         'NIT_O': (5, 0x41), 'BAT': (6, 0x4A), 'CAT': (7, 0x01)}  # name: (index in the card, table_id)
+# 6875 kBd, 64-QAM, 188 of 204 bytes.
+RATE_NUM, RATE_DEN = 646250000, 17
+RATE = ['--rate-num', str(RATE_NUM), '--rate-den', str(RATE_DEN)]
+RECORD_SIZE = 203132
+HANG_SECONDS = 280  # nothing that ends by itself takes this long
+SKIPPED = 77
+
+Run = collections.namedtuple('Run', 'code text report')
+
+
+class Skip(Exception):
+    pass
+
+
+def record_file(slot):
+    return f'para/card{slot}.dat'
+
+
+BITSTREAM = 'K717_QAM/qam.bin'
+
+
+def read(path):
+    with open(path, 'rb') as file:
+        return file.read()
+
+
+def write(path, data):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, 'wb') as file:
+        file.write(data)
+
+
+def tree(folder):
+    """Relative name and content of every file below a folder."""
+    files = {}
+    for where, _, names in os.walk(folder):
+        for name in names:
+            path = os.path.join(where, name)
+            files[os.path.relpath(path, folder)] = read(path)
+    return files
+
+
+class Case:
+    """One test: a temporary folder, the programs, and what was found wrong."""
+
+    def __init__(self, args, folder):
+        self.args, self.folder, self.wrong, self.runs = args, folder, [], 0
+
+    def check(self, ok, text):
+        if not ok:
+            self.wrong.append(text)
+        return ok
+
+    def equal(self, got, wanted, text):
+        return self.check(got == wanted, f'{text}: {str(got)[:300]} where {str(wanted)[:300]} is due')
+
+    def path(self, *names):
+        return os.path.join(self.folder, *names)
+
+    def sample(self, name):
+        return os.path.join(self.args.samples, name)
+
+    def flash(self, name='flash'):
+        path = self.path(name)
+        self.headend('--init-flash', '--flash', path)
+        return path
+
+    def execute(self, command, codes=(0,), **options):
+        """Runs a program that ends by itself. It must not crash, whatever it was given."""
+        shown = ' '.join(os.path.basename(word) if word.startswith('/') else word for word in command)
+        try:
+            done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=HANG_SECONDS,
+                                  **options)
+        except subprocess.TimeoutExpired:
+            self.check(False, f'{shown}: hangs')
+            return Run(None, '', None)
+        text = (done.stdout + done.stderr).decode(errors='replace')
+        self.check(done.returncode in codes, f'{shown}: exit code {done.returncode}, not {codes}: {text[-600:]}')
+        self.check(not re.search(r'Sanitizer|runtime error:', text), f'{shown}: {text[-2000:]}')
+        return Run(done.returncode, text, None)
+
+    def headend(self, *args, codes=(0,), other=None, **options):
+        """Runs the headend to its end and reads the report."""
+        self.runs += 1
+        report = self.path(f'report{self.runs}.json')
+        given = list(args)
+        if '--init-flash' not in args:
+            given += ['--report', report]
+        run = self.execute([other or self.args.headend, *given], codes, **options)
+        if not os.path.exists(report):
+            return run
+        try:
+            return run._replace(report=json.loads(read(report)))
+        except ValueError as error:
+            self.check(False, f'report is no JSON: {error}')
+            return run
+
+    def fast(self, flash, seconds, *args, **options):
+        return self.headend('--fast', '--seconds', str(seconds), '--flash', flash, *args, **options)
+
+    def qamctl(self, server, *args, codes=(0,)):
+        return self.execute([self.args.qamctl, '--server', server, *args], codes)
+
+    def judge(self, *args, codes=(0,)):
+        run = self.execute([self.args.judge, '--json', *args], codes)
+        try:
+            return json.loads(run.text)
+        except ValueError:
+            return {}
+
+    def card(self, run, slot, state='running'):
+        """The report's entry of a card, which must be in that state."""
+        for card in (run.report or {}).get('cards', []):
+            if card['slot'] == slot:
+                self.equal(card['state'], state, f'state of slot {slot}')
+                return card
+        self.check(False, f'no card of slot {slot} in the report: {run.text[-600:]}')
+        return None
+
+    def clean(self, run, assertions=0):
+        """No protocol violation, and only the failed checks that are bound to be there."""
+        if self.check(run.report is not None, f'no report: {run.text[-600:]}'):
+            self.equal(run.report['protocol_violations'], {}, 'protocol violations')
+            self.equal(len(run.report['assertion_failures']), assertions,
+                       f'failed checks {run.report["assertion_failures"]}')
+
+    def says(self, run, *patterns):
+        for pattern in patterns:
+            self.check(re.search(pattern, run.text, re.IGNORECASE), f'nothing about /{pattern}/ in: {run.text[-900:]}')
+
+    def tidy(self, flash, *more):
+        """No file lies about in the flash folder that does not belong there."""
+        known = {BITSTREAM, *(record_file(slot) for slot in range(1, 7)), *more}
+        self.equal(sorted(set(tree(flash)) - known), [], 'files left behind in the flash folder')
+
+
+class Server:
+    """A headend in real time with a management socket, ended when the block is left."""
+
+    def __init__(self, case, flash, *args):
+        self.case, self.output = case, case.path(f'server{case.runs}.log')
+        self.report = case.path(f'server{case.runs}.json')
+        case.runs += 1
+        self.sink = open(self.output, 'wb')
+        self.process = subprocess.Popen(
+            [case.args.headend, '--flash', flash, '--manage', '127.0.0.1:0', '--report', self.report, *args],
+            stdin=subprocess.DEVNULL, stdout=self.sink, stderr=subprocess.STDOUT)
+
+    def text(self):
+        return read(self.output).decode(errors='replace')
+
+    def __enter__(self):
+        found = self.wait(lambda: re.search(r'(?<!udp://)127\.0\.0\.1:(\d+)', self.text()))
+        if not found:
+            self.process.kill()
+            raise AssertionError(f'no management port named: {self.text()}')
+        self.port = int(found.group(1))
+        self.address = f'127.0.0.1:{self.port}'
+        return self
+
+    def wait(self, condition):
+        """Polls; gives up only when the server has ended or nothing can be expected any more."""
+        for _ in range(HANG_SECONDS * 20):
+            result = condition()
+            if result or self.process.poll() is not None:
+                return result or condition()
+            time.sleep(0.05)
+        return None
+
+    def wait_started(self, slot=1):
+        client = Client(self.port)
+        return self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK, slot).result != NOT_STARTED),
+                               f'slot {slot} does not start: {self.text()[-600:]}')
+
+    def stop(self, signum=signal.SIGTERM):
+        if self.process.poll() is None:
+            self.process.send_signal(signum)
+        try:
+            code = self.process.wait(HANG_SECONDS)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            code = 'none: it hangs'
+        self.sink.close()
+        self.case.equal(code, 0, f'exit code after signal {signum} ({self.text()[-600:]})')
+        self.case.check(not re.search(r'Sanitizer|runtime error:', self.text()), self.text()[-2000:])
+        return json.loads(read(self.report)) if os.path.exists(self.report) else None
+
+    def __exit__(self, *error):
+        if self.process.poll() is None:
+            self.stop()
+        elif not self.sink.closed:
+            self.sink.close()
+            self.case.check(False, f'the headend ended by itself: {self.text()[-900:]}')
+
+
+# The management datagram: "QM", version, operation, sequence number, variable header, data.
+MAGIC, VERSION = 0x514D, 1
+READ, WRITE, STATUS = 1, 2, 3
+PSI_LOCK, PSI_PACKETS, PSI_INTERVAL = 0x3101, 0x3102, 0x3201
+NOT_STARTED = 0x100
+Reply = collections.namedtuple('Reply', 'raw operation sequence length result data')
+
+
+class Client:
+    def __init__(self, port):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.settimeout(HANG_SECONDS)
+        self.socket.connect(('127.0.0.1', port))
+        self.sequence = 0
+
+    @staticmethod
+    def datagram(operation, variable, slot, channel, data=b'', length=None, sequence=1):
+        return struct.pack('>HBBIHHIHHI', MAGIC, VERSION, operation, sequence, variable, slot - 1, channel - 1,
+                           len(data) if length is None else length, 0, 0) + data
+
+    def send(self, raw):
+        self.socket.send(raw)
+
+    def receive(self):
+        raw = self.socket.recv(65536)
+        if len(raw) < 28:
+            return Reply(raw, None, None, None, None, b'')
+        return Reply(raw, raw[3], int.from_bytes(raw[4:8], 'big'), int.from_bytes(raw[16:18], 'big'),
+                     int.from_bytes(raw[24:28], 'big'), raw[28:])
+
+    def request(self, operation, variable, slot=1, channel=1, data=b'', length=None, sequence=None):
+        if sequence is None:
+            self.sequence += 1
+            sequence = self.sequence
+        self.send(self.datagram(operation, variable, slot, channel, data, length, sequence))
+        while True:
+            reply = self.receive()
+            if reply.sequence == sequence:
+                return reply
+
+    def write(self, variable, data, slot=1, channel=1):
+        return self.request(WRITE, variable, slot, channel, data).result
+
+    def lock(self, on, slot=1, channel=1):
+        return self.write(PSI_LOCK, struct.pack('>I', on), slot, channel)
+
+    def interval(self, table, ticks, slot=1, channel=1):
+        return self.write(PSI_INTERVAL, struct.pack('>B3xII', TYPES[table][1], ticks, 0), slot, channel)
+
+    def read_interval(self, table, slot=1, channel=1):
+        data = self.request(READ, PSI_INTERVAL, slot, channel, struct.pack('>B3x', TYPES[table][1])).data
+        return struct.unpack('>4xII', data)
+
+
+def chunk(pid, table_id, packets):
+    return struct.pack('>HBxIIB3x', pid, table_id, len(packets), 0, len(packets)) + b''.join(packets)
+
+
+def crc32(data):
+    c = 0xFFFFFFFF
+    for byte in data:
+        c ^= byte << 24
+        for _ in range(8):
+            c = (c << 1 ^ 0x04C11DB7 if c & 0x80000000 else c << 1) & 0xFFFFFFFF
+    return c
+
+
+def packets_of(stream):
+    return [stream[at:at + PACKET] for at in range(0, len(stream) - PACKET + 1, PACKET)]
+
+
+def pid_of(packet):
+    return (packet[1] & 31) << 8 | packet[2]
+
+
+def sections(stream, pids=None):
+    """Distinct (PID, section) of a stream whose sections start in packets of their own."""
+    found, open_ = {}, {}
+    for packet in packets_of(stream):
+        pid = pid_of(packet)
+        if pids is not None and pid not in pids or not packet[3] & 0x10:
+            continue
+        load = packet[4 + (packet[4] + 1 if packet[3] & 0x20 else 0):]
+        if packet[1] & 0x40:
+            open_[pid] = load[1 + load[0]:]
+        elif pid in open_:
+            open_[pid] += load
+        section = open_.get(pid, b'')
+        if len(section) > 2 and len(section) >= 3 + ((section[1] & 15) << 8 | section[2]):
+            found[pid, section[:3 + ((section[1] & 15) << 8 | section[2])]] = None
+            del open_[pid]
+    return list(found)
+
+
+def table_sections(stream):
+    """Those of the eight kinds that a card carries."""
+    known = {0, 1, 0x10, 0x11}
+    for pid, section in sections(stream, {0}):
+        for at in range(8, len(section) - 4, 4):
+            if section[at:at + 2] != b'\0\0':
+                known.add((section[at + 2] & 31) << 8 | section[at + 3])
+    ids = {table_id for _, table_id in TYPES.values()}
+    return [(pid, section) for pid, section in sections(stream, known) if section[0] in ids]
+
+
+def section(table_id, extension, body, number=0, last=0):
+    head = bytes([table_id]) + (0xB000 | len(body) + 9).to_bytes(2, 'big') + extension.to_bytes(2, 'big')
+    data = head + bytes([0xC3, number, last]) + body
+    return data + crc32(data).to_bytes(4, 'big')
+
+
+def packed(pid, data):
+    """A section in packets of its own."""
+    data, packets = b'\0' + data, []
+    while data:
+        start = 0x40 if not packets else 0
+        packets.append(bytes([0x47, start | pid >> 8, pid & 255, 0x10]) + data[:184].ljust(184, b'\xff'))
+        data = data[184:]
+    return packets
+
+
+def stream_of(*parts):
+    """A stream of sections, given as (PID, section), with running continuity counters."""
+    counters, out = {}, []
+    for pid, data in parts:
+        for packet in packed(pid, data):
+            counters[pid] = (counters.get(pid, -1) + 1) & 15
+            out.append(packet[:3] + bytes([0x10 | counters[pid]]) + packet[4:])
+    return b''.join(out)
+
+
+def main(cases):
+    parser = argparse.ArgumentParser()
+    for name in ('headend', 'qamctl', 'judge', 'samples'):
+        parser.add_argument('--' + name)
+    parser.add_argument('--other', help='a headend of another build, which must do the same')
+    parser.add_argument('--list', action='store_true')
+    parser.add_argument('cases', nargs='*')
+    args = parser.parse_args()
+    if args.list:
+        print('\n'.join(cases))
+        sys.exit(0)
+    failed, skipped = False, False
+    for name in args.cases or cases:
+        started = time.monotonic()
+        with tempfile.TemporaryDirectory(prefix='headend-') as folder:
+            case = Case(args, folder)
+            try:
+                cases[name](case)
+            except Skip as reason:
+                skipped = True
+                print(f'{name}: skipped: {reason}')
+            except Exception as error:  # a case that cannot go on has failed; the others still count
+                import traceback
+                case.check(False, ''.join(traceback.format_exception(error)))
+        for text in case.wrong:
+            print(f'{name}: {text}')
+        print(f'{name}: {"FAILED" if case.wrong else "ok"} after {time.monotonic() - started:.1f} s')
+        failed |= bool(case.wrong)
+    sys.exit(1 if failed else SKIPPED if skipped else 0)

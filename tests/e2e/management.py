@@ -1,0 +1,272 @@
+#!/usr/bin/env python3
+"""A running headend and its clients: qamctl, well-behaved ones, hostile ones, and one that goes away."""
+import os
+import random
+import re
+import struct
+
+import harness
+from harness import (NOT_STARTED, PSI_INTERVAL, PSI_LOCK, PSI_PACKETS, READ, STATUS, TYPES, WRITE, Client, Server,
+                     chunk, packed, section)
+
+SDT = packed(0x11, section(0x42, 5, b'\0\1\xff'))
+
+
+def qamctl_round(case):
+    """Load, show, save, change an interval, clear, status: the card holds what the operator asked for."""
+    flash, psi = case.flash(), case.sample('psi-many.ts')
+    with Server(case, flash, '--card', '1', '--card', '5') as server:
+        server.wait_started(1)
+        server.wait_started(5)
+        case.qamctl(server.address, 'psi', 'load', '5.2', psi, '--interval', 'SDT_O=40', '--interval', 'PAT=100')
+        shown = case.qamctl(server.address, 'psi', 'show', '5.2', '--save', case.path('saved.ts'))
+        case.says(shown, 'Service 60', 'SDT_O', r'\b40\b', r'\b100\b', r'\b300\b', r'\b200\b')  # 5 sections of 40
+        saved = harness.table_sections(harness.read(case.path('saved.ts')))
+        case.equal(sorted(saved), sorted(harness.table_sections(harness.read(psi))), 'sections read back')
+        case.judge('--self', case.path('saved.ts'), '--every-pid')
+        case.qamctl(server.address, 'psi', 'interval', '5.2', 'BAT=77')
+        client = Client(server.port)
+        case.equal([client.read_interval(t, 5, 2)[0] for t in ('BAT', 'PAT', 'SDT_O', 'CAT')], [77, 100, 40, 300],
+                   'intervals in the card')
+        case.equal(client.read_interval('PMT', 5, 2)[1], 60, 'packets of PMT in the card')
+        case.says(case.qamctl(server.address, 'status'), 'running')
+        case.qamctl(server.address, 'psi', 'load', '1.1', case.sample('two-programmes.ts'))
+        case.says(case.qamctl(server.address, 'psi', 'show', '1.1'), 'Harbour', 'Meadow')
+        case.qamctl(server.address, 'psi', 'clear', '1.1')
+        case.equal([client.read_interval(t)[1] for t in TYPES], [0] * 8, 'packets after clearing')
+        shown = case.qamctl(server.address, 'psi', 'show', '1.1')
+        case.check('Harbour' not in shown.text, 'what was cleared is still shown')
+        report = server.stop()
+    case.equal([card['state'] for card in report['cards']], ['running', 'running'], 'states at the end')
+    out = case.path('out.ts')
+    case.fast(flash, 3, '--card', '5', '--out', f'5.2={out}', codes=(0,))  # what was loaded was saved
+    case.judge('--source', psi, '--out', out, *harness.RATE, '--interval', 'SDT_O=40', '--interval', 'PAT=100',
+               '--interval', 'BAT=77')
+    case.tidy(flash)
+
+
+# Call of qamctl without the server, exit codes, texts. The card in slot 1 runs, no other.
+QAMCTL_REFUSALS = [
+    ('psi load 1.1 psi-too-many.ts', '512|255'),
+    ('psi load 1.1 psi-pid-1ff.ts', '0x0*1ff'),
+    ('psi load 1.1 not-a-stream.ts', 'not-a-stream.ts'),
+    ('psi load 1.1 /nonexistent/x.ts', '/nonexistent/x.ts'),
+    ('psi load 2.1 psi-small.ts', 'slot|card'),
+    ('psi load 1.3 psi-small.ts', '1.3'),
+    ('psi load 7.1 psi-small.ts', '7.1'),
+    ('psi load 1.1 psi-small.ts --interval PAT=65536', '65535|65536'),
+    ('psi interval 1.1 PAT=65536', '65535|65536'),
+    ('psi interval 1.1 FOO=3', 'FOO'),
+    ('psi interval 1.1 PAT=-1', 'PAT'),
+    ('psi show 2.1', 'slot|card'),
+    ('psi show 1.1 --save /nonexistent/x.ts', '/nonexistent/x.ts'),
+    ('psi', ''),
+    ('nonsense', ''),
+    ('', ''),
+]
+
+
+def qamctl_refusals(case):
+    """What cannot be done is refused before anything is touched."""
+    flash = case.flash()
+    with Server(case, flash) as server:
+        server.wait_started()
+        case.qamctl(server.address, 'psi', 'load', '1.1', case.sample('psi-small.ts'))
+        before = harness.read(os.path.join(flash, harness.record_file(1)))
+        for call, text in QAMCTL_REFUSALS:
+            words = [case.sample(w) if w.endswith('.ts') and '/' not in w else w for w in call.split()]
+            case.says(case.qamctl(server.address, *words, codes=(1, 2)), text, r'\S')
+        after = harness.read(os.path.join(flash, harness.record_file(1)))
+        case.check(after == before, 'a refused call changed the record')
+        case.equal(Client(server.port).request(READ, PSI_LOCK).data, bytes(4), 'lock after refusals')
+        address = server.address
+        server.stop()
+    case.says(case.qamctl(address, 'status', codes=(1,)), address)  # nobody there
+
+
+def beyond_reach(case):
+    """Requests reach 262 packets of a table; what lies beyond is counted, and never half saved."""
+    capture, target = case.path('many.ts'), case.path('saved.ts')
+    parts = [(0x11, section(0x46, i, b'\0\1\xff')) for i in range(300)]
+    harness.write(capture, harness.stream_of((0, section(0, 1, b'')), *parts))
+    with Server(case, case.flash()) as server:
+        server.wait_started()
+        case.qamctl(server.address, 'psi', 'load', '1.2', capture)
+        case.says(case.qamctl(server.address, 'psi', 'show', '1.2'), r'\b38\b')
+        case.says(case.qamctl(server.address, 'psi', 'show', '1.2', '--save', target, codes=(1,)), r'\b38\b|beyond')
+        case.equal(os.listdir(case.folder).count('saved.ts'), 0, 'files of a save that failed')
+
+
+def locked_by_a_dead_client(case):
+    """A client locks a channel, sends half an upload and is never heard of again."""
+    small = case.sample('psi-small.ts')
+    with Server(case, case.flash()) as server:
+        server.wait_started()
+        case.qamctl(server.address, 'psi', 'load', '1.1', small)
+        dead = Client(server.port)
+        case.equal(dead.lock(1), 0, 'lock')
+        case.equal(dead.write(PSI_PACKETS, chunk(0x11, 0x42, SDT)), 0, 'chunk')
+        dead.socket.close()
+        case.qamctl(server.address, 'psi', 'load', '1.2', small)
+        case.says(case.qamctl(server.address, 'psi', 'load', '1.1', small, codes=(1,)), 'lock', '--force')
+        case.says(case.qamctl(server.address, 'psi', 'clear', '1.1', codes=(1,)), 'lock', '--force')
+        case.qamctl(server.address, 'psi', 'show', '1.1')
+        case.equal(Client(server.port).request(READ, PSI_LOCK).data, b'\0\0\0\1', 'lock while the channel is silent')
+        named = server.wait(lambda: re.search(r'1\.1.*lock|lock.*1\.1', case.qamctl(server.address, 'status').text))
+        case.check(named, 'status never names the locked channel')
+        case.qamctl(server.address, 'psi', 'load', '1.1', small, '--force')
+        client = Client(server.port)
+        case.equal(client.request(READ, PSI_LOCK).data, bytes(4), 'lock after a load by force')
+        case.equal([client.read_interval(t)[1] for t in ('SDT_C', 'PMT')], [1, 4], 'packets after a load by force')
+        client.lock(1)
+        case.qamctl(server.address, 'psi', 'clear', '1.1', '--force')
+        case.equal([client.read_interval(t)[1] for t in TYPES], [0] * 8, 'packets after clearing by force')
+        client.lock(1)
+        report = server.stop()
+    case.check('running' in str(report['cards']), 'the card does not run at the end')
+
+
+# Operation, variable, slot, channel, data, length if it lies, result.
+INTERVAL_WRITE = struct.pack('>B3xII', 0, 9, 0)
+RESULTS = [
+    ('slot 7', READ, PSI_LOCK, 7, 1, b'', None, 18),
+    ('channel 3', READ, PSI_LOCK, 1, 3, b'', None, 18),
+    ('slot 7, write', WRITE, PSI_LOCK, 7, 1, bytes(4), None, 18),
+    ('empty slot', READ, PSI_LOCK, 2, 1, b'', None, 21),
+    ('empty slot, write', WRITE, PSI_LOCK, 2, 1, bytes(4), None, 21),
+    ('unknown variable', READ, 0x2103, 1, 1, b'', None, 2),
+    ('unknown variable, write', WRITE, 0x3103, 1, 1, b'', None, 2),
+    ('lock read with data', READ, PSI_LOCK, 1, 1, bytes(4), None, 22),
+    ('lock write of 3 bytes', WRITE, PSI_LOCK, 1, 1, bytes(3), None, 22),
+    ('interval read of 8 bytes', READ, PSI_INTERVAL, 1, 1, bytes(8), None, 22),
+    ('packets read of 4 bytes', READ, PSI_PACKETS, 1, 1, bytes(4), None, 22),
+    ('length above the data', WRITE, PSI_LOCK, 1, 1, bytes(4), 5, 22),
+    ('length below the data', WRITE, PSI_INTERVAL, 1, 1, bytes(16), 12, 22),
+    ('length without data', WRITE, PSI_LOCK, 1, 1, b'', 4, 22),
+    ('chunk announces more than it brings', WRITE, PSI_PACKETS, 1, 1, chunk(0, 0, SDT * 2)[:-188], None, 22),
+    ('interval of no table', READ, PSI_INTERVAL, 1, 1, b'\x70\0\0\0', None, 9),
+    ('interval write of no table', WRITE, PSI_INTERVAL, 1, 1, b'\x70' + INTERVAL_WRITE[1:], None, 0),
+    ('chunk of no table', WRITE, PSI_PACKETS, 1, 1, chunk(0x12, 0x70, SDT), None, 3),
+    ('packets of no table', READ, PSI_PACKETS, 1, 1, struct.pack('>HBxI', 0x12, 0x70, 0), None, 0),
+    ('lock read', READ, PSI_LOCK, 1, 1, b'', None, 0),
+    ('interval write', WRITE, PSI_INTERVAL, 1, 1, INTERVAL_WRITE, None, 0),
+]
+
+
+def results(case):
+    with Server(case, case.flash()) as server:
+        server.wait_started()
+        client = Client(server.port)
+        for name, operation, variable, slot, channel, data, length, wanted in RESULTS:
+            reply = client.request(operation, variable, slot, channel, data, length)
+            case.equal(reply.result, wanted, name)
+            case.equal(reply.operation, operation | 0x80, f'{name}: operation of the reply')
+            if wanted == 0:
+                case.equal(len(reply.data), reply.length if operation == READ else 0, f'{name}: length of the reply')
+        full_store(case, client)
+        read_back(case, client)
+        case.check(client.request(STATUS, 0).raw[:2] == b'QM', 'no answer to a status request')
+
+
+def full_store(case, client):
+    """512 places: a chunk of seven where three are free stores three and is refused."""
+    client.lock(1, channel=2)
+    for _ in range(72):
+        case.equal(client.write(PSI_PACKETS, chunk(0x11, 0x42, SDT * 7), channel=2), 0, 'chunk')
+    case.equal(client.write(PSI_PACKETS, chunk(0x11, 0x42, SDT * 5), channel=2), 0, 'chunk')
+    case.equal(client.write(PSI_PACKETS, chunk(0x11, 0x42, SDT * 7), channel=2), 1, 'chunk into a full store')
+    case.equal(client.read_interval('SDT_C', channel=2)[1], 512, 'packets in a full store')
+    case.equal(client.lock(0, channel=2), 0, 'unlock')
+
+
+def read_back(case, client):
+    """Packets come back seven at a time from the position asked for, of which eight bits count."""
+    packets = [packed(0x100, section(0x02, 1, bytes([i]) * 4))[0] for i in range(10)]
+    client.lock(1)
+    for part in (packets[:7], packets[7:]):
+        client.write(PSI_PACKETS, chunk(0x100, 0x02, part))
+    for start, wanted in ((0, packets[:7]), (0x100, packets[:7]), (4, packets[4:]), (10, []), (11, []), (255, [])):
+        data = client.request(READ, PSI_PACKETS, data=struct.pack('>HBxI', 0x100, 0x02, start)).data
+        pid, table_id, total, first, count = struct.unpack_from('>HBxIIB', data)
+        case.equal((pid, table_id, total, first, count), (0x100, 2, 10, start & 255, len(wanted)), f'head at {start}')
+        case.check(data[16:] == b''.join(wanted), f'packets at {start}')
+        case.equal(data[3:4] + data[13:16], bytes(4), f'unused bytes at {start}')
+    client.lock(0)
+
+
+def not_started(case):
+    """While a card is loaded over a very slow bus its variables are not served."""
+    with Server(case, case.flash(), '--bus-ns', '2000000') as server:
+        client = Client(server.port)
+        for operation, data in ((READ, b''), (WRITE, b'\0\0\0\1')):
+            case.equal(client.request(operation, PSI_LOCK, data=data).result, NOT_STARTED, 'result while loading')
+
+
+def repeated(case):
+    """A client that hears nothing asks again; the card must not act twice."""
+    with Server(case, case.flash()) as server:
+        server.wait_started()
+        one, two = Client(server.port), Client(server.port)
+        first = one.request(WRITE, PSI_INTERVAL, data=struct.pack('>B3xII', 0, 11, 0), sequence=1000)
+        case.equal(two.interval('PAT', 22), 0, 'write of another client')
+        again = one.request(WRITE, PSI_INTERVAL, data=struct.pack('>B3xII', 0, 11, 0), sequence=1000)
+        case.equal(again.raw, first.raw, 'reply to a repeated request')
+        case.equal(two.read_interval('PAT')[0], 22, 'interval after a repeated request')
+        one.lock(1)
+        for _ in range(3):
+            reply = one.request(WRITE, PSI_PACKETS, data=chunk(0x11, 0x42, SDT), sequence=2000)
+            case.equal(reply.result, 0, 'repeated chunk')
+        case.equal(two.read_interval('SDT_C')[1], 1, 'packets after a chunk that came three times')
+        reply = one.request(WRITE, PSI_PACKETS, data=chunk(0x11, 0x42, SDT), sequence=2001)
+        case.equal(two.read_interval('SDT_C')[1], 2, 'packets after a chunk with a new number')
+        read = [one.request(READ, PSI_INTERVAL, data=bytes(4), sequence=3000) for _ in range(2)]
+        case.equal(read[0].raw, read[1].raw, 'repeated read')
+
+
+def hostile(case):
+    """Datagrams of any length and content, half-valid ones too: none is fatal, none reaches the record by accident."""
+    rng = random.Random(20)
+    with Server(case, case.flash()) as server:
+        server.wait_started()
+        Client(server.port).lock(1, channel=2)
+        client = Client(server.port)
+        for round_ in range(4000):
+            client.send(datagram_from(rng))
+            if round_ % 50 == 49:  # let it keep up, and see that it lives
+                reply = Client(server.port).request(READ, PSI_LOCK, channel=2)
+                if not case.equal(reply.result, 0, f'reply after {round_} datagrams: {server.text()[-600:]}'):
+                    break
+        case.qamctl(server.address, 'status')
+        fresh = Client(server.port)
+        for channel in (1, 2):
+            fresh.lock(0, channel=channel)
+        case.qamctl(server.address, 'psi', 'load', '1.1', case.sample('psi-small.ts'))
+        report = server.stop()
+    case.equal([card['state'] for card in report['cards']], ['running'], 'state after it all')
+
+
+def datagram_from(rng):
+    kind = rng.randrange(4)
+    if kind == 0:
+        return rng.randbytes(rng.choice((0, 1, 7, 8, 23, 24, 27, 28, rng.randrange(2000), rng.randrange(60000))))
+    variable = rng.choice((PSI_LOCK, PSI_PACKETS, PSI_INTERVAL, 0x2101, 0x2102, 0, 0xFFFF))
+    data = rng.randbytes(rng.choice((0, 3, 4, 8, 12, 16, 204, 1332, 1500, rng.randrange(60000))))
+    if kind == 1 and len(data) > 16:
+        data = data[:12] + bytes([rng.choice((0, 1, 7, 8, 255, (len(data) - 16) // 188 & 255))]) + data[13:]
+    length = rng.choice((None, None, None, 0, 16, 65535, rng.randrange(65536)))
+    raw = Client.datagram(rng.choice((READ, WRITE, STATUS, 0, 4, 0x81, 255)), variable, rng.choice((1, 1, 1, 2, 6, 7)),
+                          rng.choice((1, 2, 2, 3)), data, length, rng.choice((1, rng.randrange(1 << 32))))
+    if kind == 2:  # one byte of the header wrong
+        at = rng.randrange(24)
+        raw = raw[:at] + bytes([rng.randrange(256)]) + raw[at + 1:]
+    return raw[:rng.randrange(len(raw) + 1)] if kind == 3 else raw
+
+
+CASES = {
+    'qamctl-round': qamctl_round, 'qamctl-refusals': qamctl_refusals, 'beyond-reach': beyond_reach,
+    'locked-by-a-dead-client': locked_by_a_dead_client, 'results': results, 'not-started': not_started,
+    'repeated': repeated, 'hostile': hostile,
+}
+
+if __name__ == '__main__':
+    harness.main(CASES)

@@ -1,0 +1,62 @@
+#!/usr/bin/env python3
+"""An upload while the card sends: nothing on the air is ever damaged, also with the send queue under pressure."""
+import os
+
+import harness
+from harness import RATE, TYPES
+
+# name: first upload, second upload, interval of all types, nanoseconds per bus access. The more a packet costs to
+# write, the fuller the queues; 8 packets a tick of 204 writes at 500 ns leave little of the tick.
+ROWS = {
+    'calm': ('psi-small.ts', 'psi-many.ts', 300, 100),
+    'fast-bus': ('psi-many.ts', 'psi-full.ts', 1, 30),
+    'busy': ('psi-many.ts', 'psi-small.ts', 1, 150),
+    'pressed': ('psi-full.ts', 'psi-many.ts', 1, 400),
+    'hard-pressed': ('psi-many.ts', 'psi-many.ts', 1, 500),
+    'emptied': ('psi-full.ts', 'two-programmes.ts', 3, 300),
+}
+OFFSETS = ('1.5', '1.50037', '1.5021', '1.50333', '1.5109')
+STILL_LOADING = 2.5  # seconds after which the second upload is surely in place
+CUTS = {'fast-bus', 'busy', 'pressed', 'hard-pressed'}  # sections of several packets are always on the way
+
+
+def reload(name):
+    first, second, ticks, bus_ns = ROWS[name]
+
+    def run_case(case):
+        cut = 0
+        for offset in OFFSETS:
+            flash, out = case.flash(f'flash{offset}'), case.path('out.ts')
+            intervals = [word for table in TYPES for word in ('--interval', f'1.1.{table}={ticks}')]
+            run = case.fast(flash, 5, '--bus-ns', str(bus_ns), '--out', f'1.1={out}', *intervals, '--psi',
+                            f'1.1={case.sample(first)}', '--psi', f'1.1={case.sample(second)}@{offset}')
+            case.clean(run)
+            case.card(run, 1)
+            seen = case.judge('--self', out, '--allow-cut', '--every-pid')
+            cut += seen.get('cut_sections', 0)
+            case.check(seen.get('table_packets', 0) > 20, f'hardly anything on the air: {seen}')
+            case.judge('--source', case.sample(second), '--out', out, *RATE, '--untimed', '--from',
+                       str(STILL_LOADING), '--default-interval', str(ticks))
+            os.remove(out)
+        if name in CUTS:
+            case.check(cut > 0, 'no section was ever cut short, so the rows show nothing')
+    return run_case
+
+
+def starved(case):
+    """On a bus so slow that two channels keep the processor busy, the back end is not served, and that is said."""
+    flash = case.flash()
+    flags = []
+    for channel in (1, 2):
+        flags += [word for t in TYPES for word in ('--interval', f'1.{channel}.{t}=1')]
+        flags += ['--psi', f'1.{channel}={case.sample("psi-many.ts")}']
+    run = case.fast(flash, 8, '--bus-ns', '800', *flags, '--psi', f'1.1={case.sample("psi-small.ts")}@3',
+                    codes=(0, 1))
+    case.card(run, 1)
+    case.says(run, r'wait|starv')
+
+
+CASES = {name: reload(name) for name in ROWS} | {'starved': starved}
+
+if __name__ == '__main__':
+    harness.main(CASES)

@@ -1,5 +1,8 @@
 #include "client/packet_reader.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace client {
 namespace {
 
@@ -8,7 +11,7 @@ constexpr Offset kTimestampSize = 4;
 constexpr Offset kTimestampedStride = 192;
 constexpr Offset kStrides[] = {kPacketSize, kTimestampedStride, 204};
 
-// How many sync bytes in a row make a raster that nobody knew before: payload imitates one, rarely two.
+// How many sync bytes in a row make a raster: where nobody knew of one, and where a packet was due.
 constexpr int kSearchRun = 5;
 constexpr int kRasterRun = 2;
 
@@ -68,7 +71,7 @@ bool PacketReader::search(Offset from) {
     forgetBefore(start);
     if (at(start) != kSyncByte) continue;
     for (const Offset stride : kStrides) {
-      if (!isRun(start, stride, kSearchRun, start == 0)) continue;
+      if (!isRun(start, stride, kSearchRun, false)) continue;
       stride_ = stride;
       next_ = start;
       return true;
@@ -78,6 +81,13 @@ bool PacketReader::search(Offset from) {
 }
 
 bool PacketReader::findFirst() {
+  const auto startsAtOnce = [this](Offset stride) {
+    return hasSync(0) && isRun(0, stride, kRasterRun, true);
+  };
+  if (const auto* stride = std::ranges::find_if(kStrides, startsAtOnce); stride != std::end(kStrides)) {
+    stride_ = *stride;
+    return true;
+  }
   if (!search(0)) return false;
   leadingBytes_ = stride_ == kTimestampedStride && next_ >= kTimestampSize ? next_ - kTimestampSize : next_;
   return true;

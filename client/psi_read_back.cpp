@@ -29,6 +29,7 @@ class Reader {
       if (table.stored > 0) readTable(type, table);
       if (type == TableType::kPat) pmtPids_ = pmtPidsOf(table);
     }
+    checkCounts(result);
     return result;
   }
 
@@ -43,6 +44,14 @@ class Reader {
     if (table.read() > table.stored ||
         (own && (table.pids.empty() || table.pids[0].stored != table.stored))) {
       failOnChange();
+    }
+  }
+
+  // Tables read before and after a change do not belong together.
+  void checkCounts(const ReadBack& result) {
+    if (card_.locked() != result.locked) failOnChange();
+    for (const TableType type : kAllTables) {
+      if (card_.readInterval(type).packets != result.tables[indexOf(type)].stored) failOnChange();
     }
   }
 

@@ -25,29 +25,31 @@ struct HostPort {
   std::string port;
 };
 
-HostPort split(const std::string& server) {
+std::optional<HostPort> split(const std::string& server) {
   const auto colon = server.rfind(':');
-  HostPort result{.host = server.substr(0, colon),
-                  .port = colon == std::string::npos ? "" : server.substr(colon + 1)};
+  if (colon == std::string::npos) return std::nullopt;
+  HostPort result{.host = server.substr(0, colon), .port = server.substr(colon + 1)};
   if (result.host.size() > 2 && result.host.front() == '[' && result.host.back() == ']') {
     result.host = result.host.substr(1, result.host.size() - 2);
   }
-  const bool number = std::ranges::all_of(result.port, [](char c) { return c >= '0' && c <= '9'; });
-  if (result.host.empty() || result.port.empty() || result.port.size() > 5 || !number ||
-      std::stoi(result.port) == 0 || std::stoi(result.port) > 0xFFFF) {
-    throw LinkError(fmt::format("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{}", server,
-                                kDefaultManagementPort));
-  }
+  const std::string& port = result.port;
+  const bool digits = std::ranges::all_of(port, [](char c) { return c >= '0' && c <= '9'; });
+  if (result.host.empty() || port.empty() || port.size() > 5 || !digits) return std::nullopt;
+  if (std::stoi(port) < 1 || std::stoi(port) > 0xFFFF) return std::nullopt;
   return result;
 }
 
 // A connected socket gets datagrams of this server only, and hears when nothing listens there.
 int connectTo(const std::string& server) {
-  const HostPort to = split(server);
+  const auto to = split(server);
+  if (!to) {
+    throw LinkError(fmt::format("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{}", server,
+                                kDefaultManagementPort));
+  }
   addrinfo hints{};
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
-  if (const int error = getaddrinfo(to.host.c_str(), to.port.c_str(), &hints, &found); error != 0) {
+  if (const int error = getaddrinfo(to->host.c_str(), to->port.c_str(), &hints, &found); error != 0) {
     throw LinkError(fmt::format("{}: {}; name another server with --server", server, gai_strerror(error)));
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
@@ -67,6 +69,10 @@ bool answers(const Reply& reply, const Request& request) {
 }
 
 }  // namespace
+
+bool isServer(const std::string& text) {
+  return split(text).has_value();
+}
 
 // A new process may get the port of an old one; the random start keeps it from being answered with what the
 // server stored for that one.

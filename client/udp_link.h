@@ -14,9 +14,12 @@ struct UdpLinkOptions {
   std::chrono::milliseconds total{0};  // for one call with all its tries; 0 sets no limit of its own
 };
 
+// Whether the text is an "ADDR:PORT", with an IPv6 address in brackets. Asks no name server.
+bool isServer(const std::string& text);
+
 class UdpLink : public Link {
  public:
-  // `server` is "ADDR:PORT", an IPv6 address in brackets. Throws LinkError when it is none, or has no socket.
+  // Throws LinkError when `server` is none (see isServer), is not known, or cannot be sent to.
   explicit UdpLink(const std::string& server, const UdpLinkOptions& options = {});
   ~UdpLink() override;
 

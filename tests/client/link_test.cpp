@@ -1,0 +1,137 @@
+// The datagram and the link over UDP.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+
+#include "client/datagram.h"
+#include "client/udp_link.h"
+#include "tests/client/fake_server.h"
+
+namespace {
+
+using namespace client;
+using namespace std::chrono_literals;
+
+const Request kRequest{.operation = Operation::kWrite,
+                       .sequence = 0x01020304,
+                       .variable = 0x3102,
+                       .slot = 5,
+                       .port = 1,
+                       .length = 2,
+                       .data = {0xAA, 0xBB}};
+
+Reply replyTo(const Request& r) {
+  return {.operation = static_cast<u8>(r.operation),
+          .sequence = r.sequence,
+          .variable = r.variable,
+          .slot = r.slot,
+          .port = r.port,
+          .result = kStoreFull,
+          .data = {1, 2, 3}};
+}
+
+// Clients of other makers send these bytes too: they are an interface.
+TEST(Datagram, HasItsFieldsInTheirPlaces) {
+  EXPECT_EQ(encode(kRequest), (Bytes{'Q', 'M', 1, 2, 1, 2, 3, 4, 0x31, 0x02, 0, 5,    0,
+                                     0,   0,   1, 0, 2, 0, 0, 0, 0,    0,    0, 0xAA, 0xBB}));
+  EXPECT_EQ(encode(replyTo(kRequest)), (Bytes{'Q', 'M', 1, 0x82, 1, 2, 3, 4, 0x31, 0x02, 0, 5, 0, 0, 0, 1,
+                                              0,   3,   0, 0,    0, 0, 0, 0, 0,    0,    0, 1, 1, 2, 3}));
+}
+
+TEST(Datagram, IsNothingWhenShortOrForeign) {
+  const Bytes request = encode(kRequest);
+  const Bytes reply = encode(replyTo(kRequest));
+  for (std::size_t size = 0; size <= request.size(); ++size) {
+    EXPECT_EQ(decodeRequest(std::span(request).first(size)).has_value(), size >= kRequestHeaderSize) << size;
+    EXPECT_EQ(decodeReply(std::span(reply).first(size)).has_value(), size >= kReplyHeaderSize) << size;
+  }
+  for (const std::size_t at : {0, 1, 2, 3}) {
+    Bytes other = request;
+    other[at] ^= 0x80;
+    EXPECT_FALSE(decodeRequest(other)) << at;
+  }
+  EXPECT_FALSE(decodeReply(request.size() < kReplyHeaderSize ? Bytes(28, 0) : request));
+}
+
+// Generous with tries, so that a slow machine changes nothing.
+constexpr UdpLinkOptions kPatient{.timeout = 50ms, .tries = 200, .total = 0ms};
+
+TEST(UdpLink, RepeatsARequestUntilItIsAnswered) {
+  std::vector<u32> sequences;
+  test::FakeServer server([&](const Request& r) {
+    sequences.push_back(r.sequence);
+    return sequences.size() < 3 ? std::vector<Bytes>{} : std::vector<Bytes>{encode(replyTo(r))};
+  });
+  UdpLink link(server.address(), kPatient);
+  EXPECT_EQ(link.call(kRequest).data, (Bytes{1, 2, 3}));
+  ASSERT_GE(sequences.size(), 3u);
+  EXPECT_EQ(std::set(sequences.begin(), sequences.end()).size(),
+            1u);  // so that the server carries it out once
+}
+
+TEST(UdpLink, PassesOverWhatDoesNotAnswerItsRequest) {
+  test::FakeServer server([](const Request& r) {
+    const Reply good = replyTo(r);
+    std::vector<Reply> wrong(5, good);
+    wrong[0].sequence -= 1;
+    wrong[1].variable ^= 1;
+    wrong[2].slot ^= 1;
+    wrong[3].port ^= 1;
+    wrong[4].operation = 1;
+    std::vector<Bytes> datagrams = {{}, Bytes(27, 'Q'), encode(r)};
+    for (Reply& w : wrong) {
+      w.data = {9};
+      datagrams.push_back(encode(w));
+    }
+    datagrams.push_back(encode(good));
+    return datagrams;
+  });
+  UdpLink link(server.address(), kPatient);
+  std::set<u32> sequences;
+  for (int i = 0; i < 3; ++i) {
+    const Reply reply = link.call(kRequest);
+    EXPECT_EQ(reply.data, (Bytes{1, 2, 3}));
+    sequences.insert(reply.sequence);
+  }
+  EXPECT_EQ(sequences.size(), 3u);
+  UdpLink later(server.address(), kPatient);
+  EXPECT_FALSE(sequences.contains(later.call(kRequest).sequence));
+}
+
+TEST(UdpLink, GivesUpAndNamesTheServer) {
+  std::atomic<int> requests = 0;
+  test::FakeServer server([&](const Request&) {
+    ++requests;
+    return std::vector<Bytes>{};
+  });
+  const auto messageOf = [](const std::string& address, const UdpLinkOptions& options) {
+    try {
+      UdpLink(address, options).call(kRequest);
+    } catch (const LinkError& e) {
+      return std::string(e.what());
+    }
+    return std::string();
+  };
+  EXPECT_NE(messageOf(server.address(), {.timeout = 5ms, .tries = 3, .total = 0ms})
+                .find(server.address() + ": no reply"),
+            std::string::npos);
+  EXPECT_NE(messageOf(server.address(), {.timeout = 5ms, .tries = 1000000, .total = 30ms}).find("no reply"),
+            std::string::npos);
+  std::string closed;
+  {
+    closed = test::FakeServer([](const Request&) { return std::vector<Bytes>{}; }).address();
+  }
+  EXPECT_NE(messageOf(closed, kPatient).find(closed + ": nothing listens there"), std::string::npos);
+}
+
+TEST(UdpLink, KnowsAServerByItsForm) {
+  for (const char* good : {"127.0.0.1:49160", "host:1", "[::1]:65535"}) EXPECT_TRUE(isServer(good)) << good;
+  for (const char* bad :
+       {"", "127.0.0.1", ":1", "host:", "host:0", "host:65536", "host:1x", "host:-1", "host:999999"}) {
+    EXPECT_FALSE(isServer(bad)) << bad;
+    EXPECT_THROW(UdpLink{bad}, LinkError) << bad;
+  }
+}
+
+}  // namespace

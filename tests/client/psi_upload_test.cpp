@@ -1,0 +1,326 @@
+#include "client/psi_upload.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "client/psi_capture.h"
+#include "client/psi_read_back.h"
+#include "tests/client/fake_card.h"
+#include "tests/client/streams.h"
+
+namespace {
+
+using namespace client;
+using test::FakeCard;
+using test::FakeLink;
+
+UploadPlan planOf(const char* name) {
+  return planUpload(readCapture(std::filesystem::path(test::sample(name))).sections);
+}
+
+std::vector<FakeCard::Entry> entriesOf(const UploadPlan& plan) {
+  std::vector<FakeCard::Entry> entries;
+  for (const Chunk& chunk : plan.chunks) {
+    const int type = static_cast<int>(indexOf(*tableOfId(chunk.tableId)));
+    for (const Packet& packet : chunk.packets)
+      entries.push_back({.pid = chunk.pid, .type = type, .packet = packet});
+  }
+  return entries;
+}
+
+// The message of the PsiError or LinkError that the call ends with; empty when it goes through.
+template <typename Call>
+std::string messageOf(const Call& call) {
+  try {
+    call();
+  } catch (const PsiError& e) {
+    return std::string("PsiError: ") + e.what();
+  } catch (const LinkError& e) {
+    return std::string("LinkError: ") + e.what();
+  }
+  return "";
+}
+
+bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST(PsiUpload, ReplacesTheTablesUnderOneLock) {
+  for (const char* name : {"psi-small.ts", "psi-many.ts", "psi-full.ts"}) {
+    FakeCard card;
+    FakeLink link(card);
+    const UploadPlan plan = planOf(name);
+    upload(link, {0, 1}, planOf("psi-many.ts"), {});
+    card.log.clear();
+    std::size_t progress = 0;
+    const Intervals intervals = {{TableType::kCat, 65535}, {TableType::kPat, 40}, {TableType::kBat, 0}};
+    upload(link, {0, 1}, plan, intervals,
+           {.force = false, .progress = [&](std::size_t sent, std::size_t) { progress = sent; }});
+    EXPECT_EQ(card.ports[1].store, entriesOf(plan)) << name;
+    EXPECT_EQ(card.saved[1].store, entriesOf(plan)) << name;
+    EXPECT_EQ(card.saved[1].interval, (std::array<u32, 8>{40, 300, 300, 300, 300, 300, 0, 65535})) << name;
+    EXPECT_FALSE(card.saved[1].locked) << name;
+    EXPECT_EQ(card.ports[1].locks, 2) << name;
+    EXPECT_TRUE(card.ports[0].store.empty()) << name;
+    EXPECT_EQ(progress, plan.packets) << name;
+    // State, lock, chunks, intervals with CAT last, unlock.
+    const auto& log = card.log;
+    ASSERT_EQ(log.size(), 2 + plan.chunks.size() + 4) << name;
+    EXPECT_EQ(log[1].variable, 0x3101) << name;
+    EXPECT_EQ(log[log.size() - 4].variable, 0x3201) << name;
+    EXPECT_EQ(log[log.size() - 2].data[0], 0x01) << name;
+    EXPECT_EQ(log.back().variable, 0x3101) << name;
+  }
+}
+
+TEST(PsiUpload, TouchesALockedChannelOnlyByForce) {
+  const UploadPlan plan = planOf("psi-small.ts");
+  for (const bool clearing : {false, true}) {
+    for (const bool force : {false, true}) {
+      FakeCard card;
+      FakeLink link(card);
+      upload(link, {0, 0}, plan, {});
+      card.ports[0].locked = true;  // of a client that went away in the middle
+      card.ports[0].store.resize(3);
+      const auto before = card.ports[0].store;
+      const std::string message = messageOf([&] {
+        if (clearing)
+          clear(link, {0, 0}, force);
+        else
+          upload(link, {0, 0}, plan, {}, {.force = force, .progress = {}});
+      });
+      const auto after = clearing ? std::vector<FakeCard::Entry>{} : entriesOf(plan);
+      EXPECT_EQ(card.ports[0].store, force ? after : before) << clearing;
+      EXPECT_EQ(card.ports[0].locked, !force) << clearing;
+      EXPECT_EQ(has(message, "psi clear 1.1 --force"), !force) << message;
+    }
+  }
+}
+
+TEST(PsiUpload, ReportsWhatTheCardRefuses) {
+  FakeCard card;
+  FakeLink link(card);
+  EXPECT_EQ(messageOf([&] {
+              clear(link, {3, 1}, false);
+            }),
+            "PsiError: reading the lock state of 4.2 was refused: no card in this slot");
+  const Intervals tooLong = {{TableType::kPat, 65536}};
+  const UploadPlan plan = planOf("psi-small.ts");
+  link.calls = 0;
+  EXPECT_TRUE(has(messageOf([&] { upload(link, {0, 0}, plan, tooLong); }), "65536"));
+  EXPECT_TRUE(has(messageOf([&] { setIntervals(link, {0, 0}, tooLong); }), "65536"));
+  EXPECT_EQ(link.calls, 0);
+}
+
+// Every request of a load, lost, carried out but unanswered, or refused: the message must tell whether the
+// channel is silent, and a forced load must always help.
+TEST(PsiUpload, SaysHowToGoOnWhereverItBreaksOff) {
+  const UploadPlan plan = planOf("psi-many.ts");
+  const Intervals intervals = {{TableType::kCat, 100}};
+  const int total = static_cast<int>(plan.chunks.size()) + 4;  // state, lock, chunks, interval, unlock
+  enum Fault { kLost, kUnanswered, kRefused };
+  for (int at = 0; at < total; ++at) {
+    for (const Fault fault : {kLost, kUnanswered, kRefused}) {
+      FakeCard card;
+      FakeLink link(card);
+      link.before = [&](int call, Request& request) {
+        if (call == at && fault == kLost) throw LinkError("gone");
+        if (call == at && fault == kRefused) request.length = 1, request.data = {0};
+      };
+      link.after = [&](int call, Reply&) {
+        if (call == at && fault == kUnanswered) throw LinkError("gone");
+      };
+      const std::string message = messageOf([&] { upload(link, {0, 1}, plan, intervals); });
+      const std::string where = fmt::format("request {}, fault {}: {}", at, static_cast<int>(fault), message);
+      const bool untouched = at == 0 || (at == 1 && fault == kRefused);
+      const bool unknown = (at == 1 || at == total - 1) && fault != kRefused;
+      ASSERT_FALSE(message.empty()) << where;
+      EXPECT_EQ(has(message, "is locked and sends no PSI"), !untouched && !unknown) << where;
+      EXPECT_EQ(has(message, "may be locked"), unknown) << where;
+      EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), !untouched) << where;
+      EXPECT_TRUE(card.ports[1].locked || untouched || unknown) << where;
+
+      link.before = nullptr;
+      link.after = nullptr;
+      EXPECT_EQ(messageOf([&] {
+                  upload(link, {0, 1}, plan, intervals, {.force = true, .progress = {}});
+                }),
+                "")
+          << where;
+      EXPECT_EQ(card.saved[1].store, entriesOf(plan)) << where;
+    }
+  }
+}
+
+TEST(SetIntervals, LastWritesTheIntervalThatMakesTheCardSave) {
+  using Writes = std::vector<std::tuple<u32, u8, u32>>;  // port, table_id, ticks
+  struct Row {
+    const char* what;
+    u32 port;
+    Intervals intervals;
+    Writes writes;
+  };
+  const Row rows[] = {
+      {"channel 1", 0, {{TableType::kPat, 7}}, {{0, 0x00, 7}, {1, 0x01, 222}}},
+      {"channel 1, CAT", 0, {{TableType::kCat, 7}}, {{0, 0x01, 7}, {1, 0x01, 222}}},
+      {"channel 2",
+       1,
+       {{TableType::kBat, 7}, {TableType::kPmt, 0}},
+       {{1, 0x02, 0}, {1, 0x4A, 7}, {1, 0x01, 222}}},
+      {"channel 2, CAT",
+       1,
+       {{TableType::kCat, 65535}, {TableType::kBat, 7}},
+       {{1, 0x4A, 7}, {1, 0x01, 65535}}},
+  };
+  for (const Row& row : rows) {
+    FakeCard card;
+    card.ports[1].interval[7] = 222;
+    FakeLink link(card);
+    setIntervals(link, {0, row.port}, row.intervals);
+    Writes writes;
+    for (const Request& r : card.log) {
+      EXPECT_EQ(r.variable, 0x3201) << row.what;
+      if (r.operation == Operation::kWrite) writes.emplace_back(r.port, r.data[0], wire::get32(&r.data[4]));
+    }
+    EXPECT_EQ(writes, row.writes) << row.what;
+    EXPECT_EQ(card.saves, 1) << row.what;
+    EXPECT_EQ(card.saved[row.port].interval, card.ports[row.port].interval) << row.what;
+  }
+}
+
+TEST(SetIntervals, SaysThatIntervalsMayBeUnsavedWhenItBreaksOff) {
+  for (int at = 0; at < 3; ++at) {
+    FakeCard card;
+    FakeLink link(card);
+    link.before = [&](int call, Request&) {
+      if (call == at) throw LinkError("gone");
+    };
+    const std::string message = messageOf([&] { setIntervals(link, {0, 0}, {{TableType::kPat, 7}}); });
+    EXPECT_EQ(has(message, "not saved"), at > 0) << at << message;
+    EXPECT_EQ(card.saves, 0);
+  }
+}
+
+TEST(ReadBack, FindsWhatWasLoaded) {
+  for (const char* name : {"psi-small.ts", "psi-many.ts", "psi-full.ts"}) {
+    FakeCard card;
+    FakeLink link(card);
+    const UploadPlan plan = planOf(name);
+    upload(link, {0, 1}, plan, {{TableType::kSdtO, 12}});
+    const ReadBack tables = readBack(link, {0, 1});
+    std::vector<FakeCard::Entry> found;
+    for (const TableType type : kAllTables) {
+      for (const auto& pid : tables.tables[indexOf(type)].pids) {
+        for (const Packet& p : pid.packets)
+          found.push_back({.pid = pid.pid, .type = static_cast<int>(type), .packet = p});
+      }
+    }
+    EXPECT_EQ(found, entriesOf(plan)) << name;
+    EXPECT_EQ(tables.outOfReach(), 0u) << name;
+    EXPECT_EQ(tables.tables[indexOf(TableType::kSdtO)].interval_ticks, 12u) << name;
+  }
+}
+
+// Positions 0 to 261 can be asked for; and maps only where the PAT tells their PID.
+TEST(ReadBack, CountsWhatIsOutOfReach) {
+  struct Row {
+    const char* what;
+    int type;
+    u16 pid;
+    std::size_t stored;
+    std::size_t read;
+  };
+  const Row rows[] = {
+      {"nothing", 2, 0x11, 0, 0},
+      {"one request", 2, 0x11, 7, 7},
+      {"one packet more", 2, 0x11, 8, 8},
+      {"up to the last start", 2, 0x11, 256, 256},
+      {"as far as it goes", 2, 0x11, 262, 262},
+      {"one packet beyond", 2, 0x11, 263, 262},
+      {"a full store", 3, 0x11, 512, 262},
+      {"a map that no PAT names", 1, 0x300, 4, 0},
+  };
+  for (const Row& row : rows) {
+    FakeCard card;
+    FakeLink link(card);
+    for (std::size_t i = 0; i < row.stored; ++i) {
+      FakeCard::Entry e{.pid = row.pid, .type = row.type, .packet = {}};
+      e.packet[100] = static_cast<u8>(i);
+      card.ports[0].store.push_back(e);
+    }
+    const ReadBack tables = readBack(link, {0, 0});
+    EXPECT_EQ(tables.read(), row.read) << row.what;
+    EXPECT_EQ(tables.outOfReach(), row.stored - row.read) << row.what;
+    for (const auto& pid : tables.tables[static_cast<std::size_t>(row.type)].pids) {
+      for (std::size_t i = 0; i < pid.packets.size(); ++i)
+        ASSERT_EQ(pid.packets[i][100], static_cast<u8>(i)) << row.what;
+    }
+  }
+}
+
+TEST(ReadBack, NoticesAStoreThatChangesMeanwhile) {
+  const UploadPlan many = planOf("psi-many.ts");
+  const UploadPlan small = planOf("psi-small.ts");
+  FakeCard card;
+  FakeLink counter(card);
+  upload(counter, {0, 0}, many, {});
+  counter.calls = 0;
+  readBack(counter, {0, 0});
+  const int calls = counter.calls;
+  for (int at = 0; at < calls; ++at) {
+    upload(counter, {0, 0}, many, {});
+    FakeLink link(card);
+    link.before = [&](int call, Request&) {
+      FakeLink other(card);
+      if (call == at) upload(other, {0, 0}, small, {});
+    };
+    ReadBack tables;
+    const std::string message = messageOf([&] { tables = readBack(link, {0, 0}); });
+    const bool allOfOne =
+        message.empty() && (tables.read() == small.packets || tables.read() == many.packets);
+    EXPECT_TRUE(allOfOne || has(message, "changed while they were read")) << at << message;
+  }
+}
+
+// No reply of a server, however wrong, does harm.
+TEST(ReadBack, RefusesRepliesThatDoNotFit) {
+  const auto damage = [](int kind, Reply& reply) {
+    switch (kind) {
+      case 0:
+        reply.data.clear();
+        break;
+      case 1:
+        reply.data.push_back(0);
+        break;
+      case 2:
+        reply.data.pop_back();
+        break;
+      case 3:
+        reply.data[0] ^= 1;
+        break;
+      case 4:
+        reply.data.size() > 12 ? void(reply.data[12] = 255) : reply.data.clear();
+        break;
+      default:
+        reply.data.size() > 11 ? void(reply.data[reply.data.size() > 12 ? 11 : 0] ^= 2) : reply.data.clear();
+    }
+  };
+  for (int kind = 0; kind < 6; ++kind) {
+    for (const u16 variable : {kVarPsiPackets, kVarPsiInterval}) {
+      FakeCard card;
+      FakeLink plain(card);
+      upload(plain, {0, 0}, planOf("psi-small.ts"), {});
+      FakeLink link(card);
+      link.after = [&](int, Reply& reply) {
+        if (reply.variable == variable) damage(kind, reply);
+      };
+      EXPECT_TRUE(has(messageOf([&] {
+                        readBack(link, {0, 0});
+                      }),
+                      "not what was asked for"))
+          << kind << " " << variable;
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,262 @@
+#include "tools/psi_report.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+
+#include "client/psi_capture.h"
+
+namespace tools {
+namespace {
+
+using client::Packet;
+using client::ReadBack;
+using client::Section;
+using client::TableType;
+
+bool startsSection(const Packet& packet) {
+  return (packet[1] & 0x40) != 0;
+}
+
+// Packets of each group, in the order in which the carousel sends them. A packet before the first start is a
+// group of its own, as on the card.
+std::vector<std::size_t> groups(TableType type, const ReadBack::Table& table) {
+  std::vector<std::size_t> sizes;
+  if (type == TableType::kPmt) {
+    if (table.stored > 0) sizes.push_back(table.stored);
+    return sizes;
+  }
+  bool opened = false;
+  for (const auto& pid : table.pids) {
+    for (const Packet& packet : pid.packets) {
+      opened = opened || startsSection(packet);
+      if (startsSection(packet) || !opened)
+        sizes.push_back(1);
+      else
+        ++sizes.back();
+    }
+  }
+  return sizes;
+}
+
+std::size_t packetsOf(const Section& section) {
+  std::vector<Packet> packets;
+  u8 counter = 0;
+  client::packSection(section, counter, packets);
+  return packets.size();
+}
+
+Json sectionsOf(const ReadBack::Table& table) {
+  Json sections = Json::array();
+  for (const auto& pid : table.pids) {
+    for (const Section& section : client::gatherSections(pid.packets)) {
+      sections.push_back({{"pid", pid.pid},
+                          {"extension", section.extension()},
+                          {"version", section.version()},
+                          {"section", section.number()},
+                          {"last_section", section.lastNumber()},
+                          {"packets", packetsOf(section)},
+                          {"content", decodeSection(section)}});
+    }
+  }
+  return sections;
+}
+
+Json tableReport(TableType type, const ReadBack::Table& table, std::optional<double> auxHz) {
+  constexpr double kMsPerSecond = 1000;
+  const auto whole = wholeTableTicks(type, table);
+  Json report = {{"table", client::tableName(type)},
+                 {"packets", table.stored},
+                 {"packets_out_of_reach", table.outOfReach()},
+                 {"interval_ticks", table.interval_ticks}};
+  if (auxHz) report["interval_ms"] = table.interval_ticks * kMsPerSecond / *auxHz;
+  report["whole_table_ticks"] = whole ? Json(*whole) : Json();
+  if (auxHz)
+    report["whole_table_ms"] = whole ? Json(static_cast<double>(*whole) * kMsPerSecond / *auxHz) : Json();
+  report["sections"] = sectionsOf(table);
+  return report;
+}
+
+// --- As text
+// --------------------------------------------------------------------------------------------------
+
+std::string time(const Json& table, const std::string& what) {
+  const Json& ticks = table[what + "_ticks"];
+  if (ticks.is_null()) return "never";
+  std::string text = fmt::format("{} ticks", ticks.get<std::size_t>());
+  if (table.contains(what + "_ms")) text += fmt::format(" ({:.0f} ms)", table[what + "_ms"].get<double>());
+  return text;
+}
+
+std::string plural(std::size_t count, const char* noun) {
+  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+std::string overview(const Json& tables) {
+  constexpr const char* kRow = "{:<6} {:>8} {:>8}  {:<24} {}\n";
+  std::string text =
+      fmt::format(fmt::runtime(kRow), "TABLE", "SECTIONS", "PACKETS", "INTERVAL", "WHOLE TABLE WITHIN");
+  for (const Json& t : tables) {
+    const bool stopped = t["interval_ticks"] == 0;
+    const std::size_t beyond = t["packets_out_of_reach"];
+    text += fmt::format(fmt::runtime(kRow), t["table"].get<std::string>(), t["sections"].size(),
+                        t["packets"].get<std::size_t>(), stopped ? "0 (stopped)" : time(t, "interval"),
+                        t["packets"] == 0 ? "-" : (beyond > 0 ? "more than " : "") + time(t, "whole_table"));
+  }
+  return text;
+}
+
+void appendCaSystems(std::string& text, const Json& systems, const char* role) {
+  for (const Json& ca : systems) {
+    text += fmt::format("  CA system {:#06x}: {} on PID {:#06x}\n", ca["system_id"].get<unsigned>(), role,
+                        ca["pid"].get<unsigned>());
+  }
+}
+
+void appendTransportStreams(std::string& text, const Json& streams) {
+  for (const Json& ts : streams) {
+    text += fmt::format("  transport stream {} of network {}\n", ts["transport_stream_id"].get<unsigned>(),
+                        ts["original_network_id"].get<unsigned>());
+  }
+}
+
+void appendItems(std::string& text, TableType type, const Json& content) {
+  switch (type) {
+    case TableType::kPat:
+      for (const Json& p : content["programmes"]) {
+        text += fmt::format("  programme {}: PMT on PID {:#06x}\n", p["number"].get<unsigned>(),
+                            p["pid"].get<unsigned>());
+      }
+      break;
+    case TableType::kPmt:
+      appendCaSystems(text, content["ca_systems"], "ECM");
+      for (const Json& es : content["streams"]) {
+        text += fmt::format("  PID {:#06x}: {} (type {:#04x}){}\n", es["pid"].get<unsigned>(),
+                            es["kind"].get<std::string>(), es["type"].get<unsigned>(),
+                            es.contains("language") ? ", " + es["language"].get<std::string>() : "");
+      }
+      break;
+    case TableType::kSdtC:
+    case TableType::kSdtO:
+      for (const Json& s : content["services"]) {
+        text += fmt::format("  service {}: \"{}\" ({})\n", s["service_id"].get<unsigned>(),
+                            s["name"].get<std::string>(), s["provider"].get<std::string>());
+      }
+      break;
+    case TableType::kCat:
+      appendCaSystems(text, content["ca_systems"], "EMM");
+      break;
+    case TableType::kNitC:
+    case TableType::kNitO:
+    case TableType::kBat:
+      appendTransportStreams(text, content["transport_streams"]);
+      break;
+  }
+}
+
+std::string titleOf(TableType type, const Json& content) {
+  switch (type) {
+    case TableType::kPat:
+      return fmt::format("transport stream {}", content["transport_stream_id"].get<unsigned>());
+    case TableType::kPmt:
+      return fmt::format("programme {}, PCR on PID {:#06x}", content["programme"].get<unsigned>(),
+                         content["pcr_pid"].get<unsigned>());
+    case TableType::kSdtC:
+    case TableType::kSdtO:
+      return fmt::format("transport stream {} of network {}", content["transport_stream_id"].get<unsigned>(),
+                         content["original_network_id"].get<unsigned>());
+    case TableType::kNitC:
+    case TableType::kNitO:
+      return fmt::format("network {} \"{}\"", content["network_id"].get<unsigned>(),
+                         content["name"].get<std::string>());
+    case TableType::kBat:
+      return fmt::format("bouquet {} \"{}\"", content["bouquet_id"].get<unsigned>(),
+                         content["name"].get<std::string>());
+    case TableType::kCat:
+      break;
+  }
+  return "conditional access";
+}
+
+// The lines of one table; its title again only where another PID, extension or version begins.
+std::string details(const Json& table) {
+  const TableType type = client::tableOfName(table["table"].get<std::string>()).value();
+  std::string text;
+  std::string lastTitle;
+  for (const Json& s : table["sections"]) {
+    const Json& content = s["content"];
+    const std::string what =
+        content.is_null() ? fmt::format("extension {}: cannot be decoded", s["extension"].get<unsigned>())
+                          : titleOf(type, content);
+    const std::string title =
+        fmt::format("{} on PID {:#06x}, version {}: {}\n", table["table"].get<std::string>(),
+                    s["pid"].get<unsigned>(), s["version"].get<unsigned>(), what);
+    if (title != lastTitle) text += title;
+    lastTitle = title;
+    if (!content.is_null()) appendItems(text, type, content);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::optional<std::size_t> wholeTableTicks(TableType type, const ReadBack::Table& table) {
+  if (table.interval_ticks == 0 || table.stored == 0) return std::nullopt;
+  std::size_t ticks = 0;
+  for (const std::size_t packets : groups(type, table))
+    ticks += std::max<std::size_t>(table.interval_ticks, packets);
+  return ticks;
+}
+
+Json psiReport(const ReadBack& tables, const client::Channel& channel, std::optional<double> auxHz) {
+  Json list = Json::array();
+  std::size_t stored = 0;
+  for (const TableType type : client::kAllTables) {
+    const auto& table = tables.tables[client::indexOf(type)];
+    stored += table.stored;
+    list.push_back(tableReport(type, table, auxHz));
+  }
+  return {{"channel", client::channelName(channel)},
+          {"locked", tables.locked},
+          {"packets", stored},
+          {"packets_out_of_reach", tables.outOfReach()},
+          {"tables", std::move(list)}};
+}
+
+std::string psiText(const Json& report) {
+  std::string text = fmt::format("Channel {}: {} stored\n", report["channel"].get<std::string>(),
+                                 plural(report["packets"], "packet"));
+  if (report["locked"].get<bool>()) {
+    text +=
+        "LOCKED: an upload is under way, or broke off; the channel sends no PSI, and its tables may be "
+        "incomplete\n";
+  }
+  text += overview(report["tables"]);
+  for (const Json& table : report["tables"]) {
+    if (const std::size_t beyond = table["packets_out_of_reach"]; beyond > 0) {
+      text +=
+          fmt::format("{}: {} beyond what a card can be asked for ({} positions a table and PID)\n",
+                      table["table"].get<std::string>(), plural(beyond, "packet"), client::kReachablePackets);
+    }
+  }
+  for (const Json& table : report["tables"]) text += details(table);
+  return text;
+}
+
+client::Bytes transportStream(const ReadBack& tables) {
+  client::Bytes stream;
+  std::map<u16, u8> continuity;
+  for (const auto& table : tables.tables) {
+    for (const auto& pid : table.pids) {
+      for (Packet packet : pid.packets) {
+        packet[3] = static_cast<u8>((packet[3] & 0xF0) | (continuity[pid.pid]++ & 0x0F));
+        stream.insert(stream.end(), packet.begin(), packet.end());
+      }
+    }
+  }
+  return stream;
+}
+
+}  // namespace tools

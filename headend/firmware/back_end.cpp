@@ -1,0 +1,187 @@
+#include "headend/firmware/back_end.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace headend {
+namespace {
+
+constexpr std::size_t kKnownClients = 64;
+
+}  // namespace
+
+BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log)
+    : kernel_(kernel),
+      chassis_(chassis),
+      monitor_(monitor),
+      log_(log),
+      socket_(network, client::kDefaultManagementPort) {
+  network.onArrival([this](const UdpSocket& socket, const Datagram& datagram) {
+    if (&socket == &socket_) noteArrival(datagram);
+  });
+}
+
+void BackEnd::start() {
+  kernel_.spawn("tBackEnd", kPriority, [this] { serve(); });
+}
+
+void BackEnd::registerVariables(u32 base, u32 limit, const chassis::bc_var* table) {
+  registrations_.push_back({base, limit, table});
+}
+
+void BackEnd::serve() {
+  for (;;) {
+    const std::optional<Datagram> datagram = socket_.receive(os::WAIT_FOREVER);
+    if (!datagram) continue;
+    answer(*datagram);
+    outstanding_.pop_front();
+  }
+}
+
+void BackEnd::answer(const Datagram& datagram) {
+  const std::optional<client::Request> request = client::decodeRequest(datagram.bytes);
+  if (!request) return;  // not ours: an answer would go to whoever was named as its sender
+
+  auto known = std::find_if(clients_.begin(), clients_.end(),
+                            [&](const KnownClient& c) { return c.address == datagram.from; });
+  if (known == clients_.end()) {
+    if (clients_.size() == kKnownClients) clients_.pop_back();
+    clients_.push_front({datagram.from, 0, {}});
+  } else {
+    clients_.splice(clients_.begin(), clients_, known);
+  }
+  KnownClient& sender = clients_.front();
+  if (sender.lastReply.empty() || sender.lastSequence != request->sequence) {
+    sender.lastReply = client::encode(carryOut(*request));
+    sender.lastSequence = request->sequence;
+  }
+  socket_.send(sender.address, sender.lastReply);
+}
+
+client::Reply BackEnd::carryOut(const client::Request& request) {
+  client::Reply reply{.operation = static_cast<u8>(request.operation),
+                      .sequence = request.sequence,
+                      .variable = request.variable,
+                      .slot = request.slot,
+                      .port = request.port,
+                      .result = client::kDone,
+                      .data = {}};
+  if (request.operation == client::Operation::kStatus) {
+    const std::string text = status_();
+    reply.data.assign(text.begin(), text.end());
+  } else if (request.operation == client::Operation::kRead ||
+             request.operation == client::Operation::kWrite) {
+    reply.result = callCard(request, reply.data);
+    if (request.operation == client::Operation::kWrite && request.variable == client::kVarPsiLock &&
+        reply.result == client::kDone) {
+      noteLock(request);
+    }
+  } else {
+    reply.result = client::kUnknownOperation;
+  }
+  return reply;
+}
+
+// The row of the table that is registered for the request's channel. Where no range or row fits, any table's
+// routine serves: the card itself then says what is wrong.
+const chassis::bc_var* BackEnd::findVariable(const client::Request& request) const {
+  if (registrations_.empty()) return nullptr;
+  const u32 address = static_cast<u32>(request.slot & 0xFF) << 24 | (request.port & 0xFF) << 16;
+  const auto fits = [&](const Registration& r) { return r.base <= address && address < r.limit; };
+  const auto found = std::find_if(registrations_.begin(), registrations_.end(), fits);
+  const chassis::bc_var* table = found == registrations_.end() ? registrations_.front().table : found->table;
+  for (const chassis::bc_var* row = table; row->vid != 0; ++row) {
+    if (row->vid == request.variable) return row;
+  }
+  return table;
+}
+
+u32 BackEnd::callCard(const client::Request& request, client::Bytes& reply) {
+  const int slot = request.slot & 0xFF;
+  if (slot < kSlots && chassis_.slot(slot).descriptor != nullptr && !chassis_.slot(slot).initReturned) {
+    return client::kNotStarted;
+  }
+  if (request.data.size() != request.length) return client::kBadLength;
+  const chassis::bc_var* variable = findVariable(request);
+  if (variable == nullptr) return client::kNoBackEnd;
+
+  constexpr u16 kDataAfterHeader =
+      sizeof(chassis::bc_vhdr_t) - 12;  // a read's data begins 12 + this after the header
+  buffers_.header = {.paraType = request.variable,
+                     .cardNo = request.slot,
+                     .portNo = request.port,
+                     .vLength = request.length,
+                     .reLength = kDataAfterHeader,
+                     .reserved = 0};
+  buffers_.request.fill(0);
+  std::copy(request.data.begin(), request.data.end(), buffers_.request.begin());
+
+  if (request.operation == client::Operation::kWrite) {
+    return static_cast<u32>(variable->vwr(&buffers_.header, buffers_.request.data()));
+  }
+  buffers_.reply.fill(0);
+  const int result = variable->vrd(&buffers_.header, buffers_.reply.data());
+  if (result == os::OK)
+    reply.assign(buffers_.reply.begin(), buffers_.reply.begin() + buffers_.header.vLength);
+  return static_cast<u32>(result);
+}
+
+void BackEnd::noteLock(const client::Request& request) {
+  client::Request read = request;
+  read.operation = client::Operation::kRead;
+  read.length = 0;
+  read.data.clear();
+  client::Bytes state;
+  if (callCard(read, state) != client::kDone) return;
+  const bool locked = std::any_of(state.begin(), state.end(), [](u8 byte) { return byte != 0; });
+  const std::size_t slot = request.slot & 0xFF;
+  const std::size_t port = request.port & 0xFF;
+  std::optional<Nanos>& since = lockedSince_[slot][port];
+  if (locked && !since) since = kernel_.now();
+  if (!locked) since.reset();
+  monitor_.restart(static_cast<int>(slot), static_cast<int>(port));
+}
+
+std::optional<Nanos> BackEnd::lockedSince(int slot, int port) const {
+  return lockedSince_[static_cast<std::size_t>(slot)][static_cast<std::size_t>(port)];
+}
+
+// ---- Requests that wait ----
+
+void BackEnd::noteArrival(const Datagram& datagram) {
+  Outstanding request{.number = arrivals_++, .cpuTimes = {}, .interruptTime = kernel_.interruptTime()};
+  for (const auto& task : kernel_.tasks()) request.cpuTimes.push_back(kernel_.cpuTime(*task));
+  const std::uint64_t number = request.number;
+  outstanding_.push_back(std::move(request));
+  kernel_.at(datagram.arrived + kSecond,
+             [this, number, arrived = datagram.arrived] { reportLate(number, arrived); });
+}
+
+void BackEnd::reportLate(std::uint64_t number, Nanos arrived) {
+  const auto request = std::find_if(outstanding_.begin(), outstanding_.end(),
+                                    [&](const Outstanding& o) { return o.number == number; });
+  if (request == outstanding_.end()) return;
+
+  LateRequest late{.arrived = arrived, .load = {}};
+  const auto& tasks = kernel_.tasks();
+  for (std::size_t i = 0; i < tasks.size(); ++i) {
+    const Nanos before = i < request->cpuTimes.size() ? request->cpuTimes[i] : 0;
+    const Nanos took = kernel_.cpuTime(*tasks[i]) - before;
+    if (took > 0) late.load.emplace_back(tasks[i]->name, took);
+  }
+  late.load.emplace_back("interrupts", kernel_.interruptTime() - request->interruptTime);
+  std::stable_sort(late.load.begin(), late.load.end(),
+                   [](const auto& a, const auto& b) { return a.second > b.second; });
+
+  std::string load;
+  for (const auto& [name, took] : late.load) {
+    fmt::format_to(std::back_inserter(load), "{}{} {} %", load.empty() ? "" : ", ", name,
+                   took * 100 / kSecond);
+  }
+  log_.line(kernel_.now(), "headend",
+            fmt::format("a back-end request has waited for a second; meanwhile ran: {}", load));
+  late_.push_back(std::move(late));
+}
+
+}  // namespace headend

@@ -1,0 +1,94 @@
+// The back-end registry behind a datagram socket: finds the table that a card registered, calls its routine,
+// sends the reply. One task serves one request at a time. A request that a client repeats under its last
+// number gets the stored reply. docs/management-datagram.md describes the datagrams.
+#pragma once
+
+#include <array>
+#include <deque>
+#include <list>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/datagram.h"
+#include "headend/firmware/carousel_monitor.h"
+#include "headend/firmware/chassis.h"
+#include "headend/kernel/network.h"
+#include "platform/backend.h"
+
+namespace headend {
+
+class BackEnd {
+ public:
+  // Below the send tasks (212): when a request is served, their queues are empty, so that no index of a
+  // packet waits whose place in the store the request is about to erase.
+  static constexpr int kPriority = 220;
+
+  // A request that waited for more than a second, and who had the processor meanwhile.
+  struct LateRequest {
+    Nanos arrived = 0;
+    std::vector<std::pair<std::string, Nanos>> load;  // task and its time in that second, the greatest first
+  };
+
+  BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log);
+
+  UdpSocket& socket() { return socket_; }
+  void start();  // spawns the task
+  void onStatus(std::function<std::string()> status) { status_ = std::move(status); }
+
+  void registerVariables(u32 base, u32 limit, const chassis::bc_var* table);
+
+  // Since when a channel's PSI store is locked.
+  std::optional<Nanos> lockedSince(int slot, int port) const;
+  const std::vector<LateRequest>& lateRequests() const { return late_; }
+
+ private:
+  struct Registration {
+    u32 base;
+    u32 limit;
+    const chassis::bc_var* table;
+  };
+  struct KnownClient {
+    Endpoint address;
+    u32 lastSequence;
+    client::Bytes lastReply;
+  };
+  struct Outstanding {
+    std::uint64_t number;
+    std::vector<Nanos> cpuTimes;  // by task, at the arrival
+    Nanos interruptTime;
+  };
+
+  void serve();
+  void answer(const Datagram& datagram);
+  client::Reply carryOut(const client::Request& request);
+  u32 callCard(const client::Request& request, client::Bytes& reply);
+  const chassis::bc_var* findVariable(const client::Request& request) const;
+  void noteLock(const client::Request& request);
+  void noteArrival(const Datagram& datagram);
+  void reportLate(std::uint64_t number, Nanos arrived);
+
+  Kernel& kernel_;
+  Chassis& chassis_;
+  CarouselMonitor& monitor_;
+  Log& log_;
+  UdpSocket socket_;
+  std::function<std::string()> status_;
+  std::vector<Registration> registrations_;
+  std::list<KnownClient> clients_;  // the one heard last in front
+  std::array<std::array<std::optional<Nanos>, MAX_QAM_OUT_NUM>, kSlots> lockedSince_;
+  std::deque<Outstanding> outstanding_;
+  std::uint64_t arrivals_ = 0;
+  std::vector<LateRequest> late_;
+
+  // What a card's routines read and write. Large enough for whatever a header can announce, and zero past the
+  // datagram; the header stands in front of a read's request data.
+  struct alignas(8) Buffers {
+    chassis::bc_vhdr_t header;
+    std::array<u8, 0x12000> request;
+    std::array<u8, 0x12000> reply;
+  };
+  Buffers buffers_{};
+};
+
+}  // namespace headend

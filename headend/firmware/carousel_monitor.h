@@ -1,0 +1,46 @@
+// Watches what the cards' tick routines post to their send queues: how many packets of each table, and how
+// many ticks lie between the starts of successive groups. A group starts with a packet that opens a section;
+// the PMT packets of a channel are one group.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "card/QamCardPara.h"
+#include "client/psi_tables.h"
+#include "platform/kernel.h"
+
+namespace headend {
+
+class CarouselMonitor {
+ public:
+  struct Table {
+    std::uint64_t posted = 0;
+    std::uint64_t intervals = 0;  // between group starts seen so far
+    std::uint64_t sum_ticks = 0;
+    std::uint64_t min_ticks = 0;
+    std::uint64_t max_ticks = 0;
+    std::optional<std::uint64_t> lastStart;
+  };
+  using Tables = std::array<Table, client::kTableCount>;
+
+  // A slot's start-up makes one queue a channel, in the order of the channels.
+  void queueCreated(const os::MsgQ* queue, int slot);
+  void posted(const os::MsgQ* queue, std::span<const char> message, std::uint64_t tick);
+  // The channel's tables are being replaced: what comes next continues no group.
+  void restart(int slot, int port);
+
+  const Tables& tables(int slot, int port) const;
+
+ private:
+  struct Channel {
+    const os::MsgQ* queue = nullptr;
+    Tables tables;
+  };
+  std::array<std::array<Channel, MAX_QAM_OUT_NUM>, 6> channels_;
+};
+
+}  // namespace headend

@@ -1,0 +1,90 @@
+#include "headend/firmware/chassis.h"
+
+#include <fmt/format.h>
+
+#include "card/QamInit.h"
+
+namespace headend {
+
+Chassis::Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log)
+    : kernel_(kernel), bus_(bus), flash_(flash), log_(log) {}
+
+void Chassis::start(const std::vector<int>& slots) {
+  for (const int number : slots) slots_[static_cast<std::size_t>(number)].occupied = true;
+  kernel_.spawn("tRoot", kRootPriority, [this, slots] {
+    for (const int number : slots) {
+      Slot& slot = slots_[static_cast<std::size_t>(number)];
+      slot.timeline.begin("registration", kernel_.now(), bus_.accesses(number));
+      Qam_Init(static_cast<u8>(number));
+      slot.timeline.end(kernel_.now(), bus_.accesses(number));
+    }
+    for (const int number : slots) {
+      kernel_.spawn(
+          fmt::format("tSlot{}", number + 1), kSlotStartPriority, [this, number] { startSlot(number); },
+          number);
+    }
+  });
+}
+
+void Chassis::startSlot(int number) {
+  Slot& slot = slots_[static_cast<std::size_t>(number)];
+  if (slot.descriptor == nullptr) return;
+  const Nanos began = kernel_.now();
+  slot.timeline.begin("bitstream file", began, bus_.accesses(number));
+  slot.descriptor->init(static_cast<u8>(number));
+  slot.timeline.end(kernel_.now(), bus_.accesses(number));
+  slot.initTook = kernel_.now() - began;
+  slot.initReturned = true;
+  if (onInitReturned_) onInitReturned_(number);
+}
+
+void Chassis::auxiliaryClock() {
+  for (int number = 0; number < kSlots; ++number) {
+    const Slot& slot = slots_[static_cast<std::size_t>(number)];
+    if (!slot.initReturned || slot.descriptor->auxClkIntRoutine == nullptr) continue;
+    kernel_.interrupt("auxClkIntRoutine", number, slot.descriptor->auxClkIntRoutine, static_cast<u8>(number));
+  }
+}
+
+void Chassis::cardInsert(chassis::card* card) {
+  card->next = nullptr;
+  chassis::card** link = &chassis::head;
+  while (*link != nullptr) link = &(*link)->next;
+  *link = card;
+
+  Slot& slot = slots_[card->slotNo];
+  slot.descriptor = card;
+  if (slot.savePending) {
+    slot.savePending = false;
+    save(card->slotNo);
+  }
+}
+
+int Chassis::save(u8 number) {
+  Slot& slot = slots_[number];
+  if (slot.descriptor == nullptr) {
+    slot.savePending = true;
+    return os::OK;
+  }
+  if (slot.descriptor->varPtr == nullptr) return os::ERROR;
+  kernel_.spend(kernel_.settings().costs.save);
+  const std::span<const u8> record(static_cast<const u8*>(slot.descriptor->varPtr), slot.descriptor->varSize);
+  const std::string error = flash_.replace(fmt::format("/tffs0/para/card{}.dat", number + 1), record);
+  if (error.empty()) {
+    ++slot.saves;
+    return os::OK;
+  }
+  saveFailed_ = true;
+  log_.line(kernel_.now(), "headend", error);
+  return os::ERROR;
+}
+
+void Chassis::panelLine(int line, std::string text) {
+  if (line < 0 || line >= kPanelLines) return;
+  const auto index = static_cast<std::size_t>(line);
+  const Task* task = kernel_.current();
+  if (task != nullptr && task->slot >= 0) slots_[static_cast<std::size_t>(task->slot)].lcd[index] = text;
+  panel_[index] = std::move(text);
+}
+
+}  // namespace headend

@@ -1,0 +1,73 @@
+// The main firmware as far as a card needs it: the card list, slot configuration, the panel's lines,
+// parameter saving, and the start-up of the slots, each in a task of its own.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "headend/firmware/startup_timeline.h"
+#include "headend/hardware/bus.h"
+#include "headend/kernel/flash.h"
+#include "headend/log.h"
+#include "platform/chassis.h"
+
+namespace headend {
+
+class Chassis {
+ public:
+  static constexpr int kPanelLines = 4;
+  // Send tasks have 212. What starts a slot comes after everything that keeps others running.
+  static constexpr int kRootPriority = 100;
+  static constexpr int kSlotStartPriority = 250;
+
+  struct Slot {
+    bool occupied = false;
+    chassis::card* descriptor = nullptr;
+    bool initReturned = false;
+    std::optional<Nanos> initTook;
+    std::array<std::string, kPanelLines> lcd;  // what the slot's own tasks printed
+    StartupTimeline timeline;
+    bool savePending = false;  // asked for before the card was inserted
+    std::uint64_t saves = 0;
+    int typeCode = 0;
+    std::array<int, 2> bus{};
+  };
+
+  Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log);
+
+  // Starts the cards of these slots (0..5): registration first, then each slot's `init`.
+  void start(const std::vector<int>& slots);
+
+  const Slot& slot(int number) const { return slots_[static_cast<std::size_t>(number)]; }
+  StartupTimeline& timeline(int number) { return slots_[static_cast<std::size_t>(number)].timeline; }
+  bool saveFailed() const { return saveFailed_; }
+  void onInitReturned(std::function<void(int slot)> hook) { onInitReturned_ = std::move(hook); }
+
+  // Calls the cards' routines for the auxiliary clock, in interrupt context, for slots whose start-up has
+  // returned.
+  void auxiliaryClock();
+
+  // The services of platform/chassis.h.
+  void cardInsert(chassis::card* card);
+  int save(u8 slot);
+  void configureBus(u8 slot, int arg1, int arg2) { slots_[slot].bus = {arg1, arg2}; }
+  void setCardType(u8 slot, int typeCode) { slots_[slot].typeCode = typeCode; }
+  void panelLine(int line, std::string text);
+  const std::array<std::string, kPanelLines>& panel() const { return panel_; }
+
+ private:
+  void startSlot(int number);
+
+  Kernel& kernel_;
+  Bus& bus_;
+  Flash& flash_;
+  Log& log_;
+  std::array<Slot, kSlots> slots_;
+  std::array<std::string, kPanelLines> panel_;
+  std::function<void(int)> onInitReturned_;
+  bool saveFailed_ = false;
+};
+
+}  // namespace headend

@@ -1,0 +1,108 @@
+// The main board's bus as the processor sees it: the cards' windows from 0x60000000 on and the main board's
+// own FPGA. Turns the address of a register into the device behind it, and writes the log of accesses.
+#pragma once
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "headend/hardware/bus_device.h"
+#include "headend/hardware/card_fpga.h"
+#include "headend/hardware/config_port.h"
+#include "headend/hardware/violations.h"
+
+namespace headend {
+
+inline constexpr int kSlots = 6;
+
+class Bus {
+ public:
+  explicit Bus(Violations& violations);
+  Bus(const Bus&) = delete;
+  Bus& operator=(const Bus&) = delete;
+  ~Bus();
+
+  void attach(int slot, CardFpga& card, ConfigPort& port);
+  void logTo(std::FILE* log) { log_ = log; }
+
+  // What stands for a bus address in this process: addresses that only the bus understands, with no memory
+  // behind.
+  void* hostAddress(u32 busAddress) const;
+  void* mainBoard() const { return base_ + kMainBoard; }
+
+  u16 read(const volatile void* reg, Nanos now) {
+    const Place place = find(reg);
+    count(place);
+    const u16 value = place.device == nullptr ? kNobody : place.device->read(place.offset, now);
+    if (log_ != nullptr) logAccess(place, 'r', value, now);
+    return value;
+  }
+  void write(volatile void* reg, u16 value, Nanos now) {
+    const Place place = find(reg);
+    count(place);
+    if (log_ != nullptr) logAccess(place, 'w', value, now);
+    if (place.device != nullptr) place.device->write(place.offset, value, now);
+  }
+  // What a register reads, without an access.
+  u16 peek(const volatile void* reg, Nanos now) {
+    const Place place = find(reg);
+    return place.device == nullptr ? kNobody : place.device->read(place.offset, now);
+  }
+
+  std::string registerName(const volatile void* reg) const;  // "slot 1 PsiRdy0"
+  std::uint64_t accesses(int slot) const { return accesses_[static_cast<std::size_t>(slot)]; }
+
+ private:
+  struct Place {
+    BusDevice* device;
+    u32 offset;
+    int slot;
+  };
+
+  static constexpr u16 kNobody = 0xFFFF;  // the data lines are pulled up
+  static constexpr u32 kFirstWindow = 0x60000000;
+  static constexpr std::size_t kWindowGrid = 0x200;
+  static constexpr std::size_t kWindows = 0x2200;  // from the first window to the end of the last
+  static constexpr std::size_t kMainBoard = 0x4000;
+  static constexpr std::size_t kConfigPorts = kMainBoard + 0x300;
+  static constexpr std::size_t kMapped = 0x8000;
+
+  Place find(const volatile void* reg) const {
+    const auto at = static_cast<std::size_t>(static_cast<const volatile char*>(reg) - base_);
+    if (at < kWindows) {
+      const int slot = slotOfWindow_[at / kWindowGrid];
+      const u32 offset = static_cast<u32>(at % kWindowGrid);
+      if (slot >= 0 && cards_[static_cast<std::size_t>(slot)] != nullptr && offset < CardFpga::kWindowSize) {
+        return {cards_[static_cast<std::size_t>(slot)], offset, slot};
+      }
+    } else if (at >= kConfigPorts && at < kConfigPorts + kSlots * ConfigPort::kSize) {
+      const std::size_t slot = (at - kConfigPorts) / ConfigPort::kSize;
+      if (ports_[slot] != nullptr) {
+        return {ports_[slot], static_cast<u32>((at - kConfigPorts) % ConfigPort::kSize),
+                static_cast<int>(slot)};
+      }
+    }
+    return {nullptr, 0, -1};
+  }
+
+  void count(const Place& place) {
+    if (place.device == nullptr) [[unlikely]] {
+      violations_.count("bus_access_without_device");
+    } else {
+      ++accesses_[static_cast<std::size_t>(place.slot)];
+    }
+  }
+
+  void logAccess(const Place& place, char direction, u16 value, Nanos now);
+
+  Violations& violations_;
+  char* base_;
+  std::FILE* log_ = nullptr;
+  std::array<int, kWindows / kWindowGrid> slotOfWindow_{};
+  std::array<CardFpga*, kSlots> cards_{};
+  std::array<ConfigPort*, kSlots> ports_{};
+  std::array<std::uint64_t, kSlots> accesses_{};
+};
+
+}  // namespace headend

@@ -1,0 +1,49 @@
+// The FPGA of a card: blank until it is configured, then a window of registers behind which the two outputs
+// run.
+#pragma once
+
+#include <array>
+
+#include "headend/hardware/bus_device.h"
+#include "headend/hardware/fpga_configuration.h"
+#include "headend/hardware/multiplexer.h"
+#include "headend/hardware/psi_port.h"
+
+namespace headend {
+
+class CardFpga final : public BusDevice {
+ public:
+  static constexpr u32 kWindowSize = 278;
+  static constexpr std::size_t kChannels = 2;
+
+  CardFpga(const FpgaConfiguration::Settings& settings, Violations& violations);
+
+  u16 read(u32 offset, Nanos now) override;
+  void write(u32 offset, u16 value, Nanos now) override;
+  const char* registerName(u32 offset) const override;
+
+  FpgaConfiguration& configuration() { return configuration_; }
+  const FpgaConfiguration& configuration() const { return configuration_; }
+  Multiplexer& output(std::size_t channel) { return outputs_[channel]; }
+  const Multiplexer& output(std::size_t channel) const { return outputs_[channel]; }
+  void advanceOutputs(Nanos now);
+
+  // Told when a configuration begins (false) and when it is complete (true).
+  void onConfiguration(std::function<void(bool complete, Nanos now)> hook) {
+    onConfiguration_ = std::move(hook);
+  }
+
+ private:
+  void becomeBlank(Nanos now);
+  void startUp(Nanos now);
+  void applyModulation(Nanos now);
+  BitRate programmedRate() const;
+
+  FpgaConfiguration configuration_;
+  std::function<void(bool, Nanos)> onConfiguration_;
+  std::array<Multiplexer, kChannels> outputs_;
+  std::array<PsiPort, kChannels> psiPorts_;
+  std::array<u16, kWindowSize / 2> cells_{};
+};
+
+}  // namespace headend

@@ -1,0 +1,148 @@
+#include "headend/hardware/packet_sink.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+namespace headend {
+namespace {
+
+constexpr std::array<u8, kTsPacket> makeNullPacket() {
+  std::array<u8, kTsPacket> packet{};
+  packet.fill(0xFF);
+  packet[0] = 0x47;
+  packet[1] = 0x1F;
+  packet[3] = 0x10;
+  return packet;
+}
+constexpr std::array<u8, kTsPacket> kNullPacket = makeNullPacket();
+
+// Gathers packets and hands them on in blocks of a fixed number.
+class BlockSink : public PacketSink {
+ public:
+  BlockSink(std::string name, std::size_t packetsABlock)
+      : name_(std::move(name)), block_(packetsABlock * kTsPacket) {}
+
+  void packet(std::span<const u8> packet) override {
+    std::memcpy(block_.data() + used_, packet.data(), kTsPacket);
+    advance();
+  }
+
+  void nullPackets(std::uint64_t count) override {
+    for (; count > 0 && error_.empty(); --count) packet(kNullPacket);
+  }
+
+  void flush() override { handOn(); }
+  const std::string& error() const override { return error_; }
+
+ protected:
+  // False when the block could not be written; errno says why.
+  virtual bool write(std::span<const u8> block) = 0;
+  const std::string& name() const { return name_; }
+
+ private:
+  void advance() {
+    used_ += kTsPacket;
+    if (used_ == block_.size()) handOn();
+  }
+
+  void handOn() {
+    if (used_ != 0 && error_.empty() && !write(std::span(block_).first(used_))) {
+      error_ = fmt::format("cannot write to output {}: {}", name_, std::strerror(errno));
+    }
+    used_ = 0;
+  }
+
+  std::string name_;
+  std::vector<u8> block_;
+  std::size_t used_ = 0;
+  std::string error_;
+};
+
+class FileSink final : public BlockSink {
+ public:
+  explicit FileSink(const std::string& path) : BlockSink(path, 2048) {
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd_ < 0)
+      throw std::runtime_error(fmt::format("cannot open output {}: {}", path, std::strerror(errno)));
+  }
+  ~FileSink() override { ::close(fd_); }
+
+ private:
+  bool write(std::span<const u8> block) override {
+    while (!block.empty()) {
+      const ssize_t n = ::write(fd_, block.data(), block.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        const int why = errno;
+        cutToWholePackets();
+        errno = why;
+        return false;
+      }
+      written_ += n;
+      block = block.subspan(static_cast<std::size_t>(n));
+    }
+    return true;
+  }
+
+  // A full disk takes a part of a packet: nobody downstream shall find one.
+  void cutToWholePackets() const {
+    struct stat info {};
+    if (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) return;
+    [[maybe_unused]] const int cut = ::ftruncate(fd_, written_ - written_ % static_cast<off_t>(kTsPacket));
+  }
+
+  int fd_;
+  off_t written_ = 0;
+};
+
+class UdpSink final : public BlockSink {
+ public:
+  explicit UdpSink(const std::string& target) : BlockSink(target, 7) {
+    const std::string address = target.substr(std::strlen("udp://"));
+    const std::size_t colon = address.rfind(':');
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    std::uint16_t port = 0;
+    const char* end = address.data() + address.size();
+    const bool parsed = colon != std::string::npos &&
+                        inet_pton(AF_INET, address.substr(0, colon).c_str(), &to.sin_addr) == 1 &&
+                        std::from_chars(address.data() + colon + 1, end, port).ptr == end && port != 0;
+    if (!parsed)
+      throw std::runtime_error(fmt::format("cannot open output {}: want udp://ADDRESS:PORT", target));
+    to.sin_port = htons(port);
+    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
+      throw std::runtime_error(fmt::format("cannot open output {}: {}", target, std::strerror(errno)));
+    }
+  }
+  ~UdpSink() override { ::close(fd_); }
+
+ private:
+  bool write(std::span<const u8> block) override {
+    if (::send(fd_, block.data(), block.size(), 0) >= 0) return true;
+    return errno == ECONNREFUSED || errno == EINTR;  // nobody listens: as with any broadcast
+  }
+
+  int fd_;
+};
+
+}  // namespace
+
+std::unique_ptr<PacketSink> openSink(const std::string& target) {
+  if (target.starts_with("udp://")) return std::make_unique<UdpSink>(target);
+  return std::make_unique<FileSink>(target);
+}
+
+}  // namespace headend

@@ -1,0 +1,34 @@
+// Where an output's packets go: a file, UDP on loopback, or nowhere. The multiplexer writes, in order.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "platform/types.h"
+
+namespace headend {
+
+inline constexpr std::size_t kTsPacket = 188;
+
+class PacketSink {
+ public:
+  PacketSink() = default;
+  PacketSink(const PacketSink&) = delete;
+  PacketSink& operator=(const PacketSink&) = delete;
+  virtual ~PacketSink() = default;
+
+  virtual void packet(std::span<const u8> packet) = 0;
+  virtual void nullPackets(std::uint64_t count) = 0;
+  virtual void flush() = 0;
+
+  // Empty while all is well; else what failed on which output. After a failure nothing more is written.
+  virtual const std::string& error() const = 0;
+};
+
+// `target` is "udp://ADDRESS:PORT" (seven packets a datagram) or a file's path. Throws std::runtime_error
+// that says what cannot be opened.
+std::unique_ptr<PacketSink> openSink(const std::string& target);
+
+}  // namespace headend

@@ -1,0 +1,327 @@
+#include "headend/headend.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "client/psi_capture.h"
+
+namespace headend {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kBitstream = "K717_QAM/qam.bin";
+
+// Sleeps until the wall clock has come as far as virtual time, with an ear for datagrams and signals.
+class RealTimePace final : public Pace {
+ public:
+  RealTimePace(Network& network, const std::atomic<bool>& interrupted)
+      : network_(network), interrupted_(interrupted), start_(Clock::now()) {}
+
+  void waitUntil(Nanos virtualTime) override {
+    const Clock::time_point due = start_ + std::chrono::nanoseconds(virtualTime);
+    Clock::duration wait{};
+    do {
+      wait = std::max(due - Clock::now(), Clock::duration::zero());
+      network_.pollHost(std::chrono::nanoseconds(wait).count());
+    } while (wait > Clock::duration::zero() && !interrupted_);
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  Network& network_;
+  const std::atomic<bool>& interrupted_;
+  Clock::time_point start_;
+};
+
+client::UploadPlan planOf(const fs::path& file, const Log& log) {
+  const client::Capture capture = client::readCapture(file);
+  for (const client::Note& note : capture.notes) {
+    if (log.onStderr()) fmt::print(stderr, "headend: {}: {}\n", file.string(), note.text);
+  }
+  try {
+    return client::planUpload(capture.sections);
+  } catch (const client::PlanError& e) {
+    throw std::runtime_error(fmt::format("cannot upload {}: {}", file.string(), e.what()));
+  }
+}
+
+}  // namespace
+
+Headend::Headend(Options options)
+    : options_(std::move(options)),
+      log_(options_.log),
+      heap_(options_.heapBytes, options_.heapFill),
+      flash_(options_.flash),
+      kernel_(options_.kernel, *this),
+      network_(kernel_),
+      bus_(violations_),
+      chassis_(kernel_, bus_, flash_, log_),
+      backEnd_(kernel_, network_, chassis_, monitor_, log_),
+      operator_(kernel_, network_, chassis_, log_) {
+  if (!fs::is_directory(options_.flash)) {
+    throw std::runtime_error(
+        fmt::format("there is no flash folder {0}: make one with headend --init-flash --flash {0}",
+                    options_.flash.string()));
+  }
+  std::vector<Operator::Job> jobs = prepareJobs();
+  installCards();
+  openOutputs();
+  if (options_.manage) backEnd_.socket().openToHost(options_.manage->first, options_.manage->second);
+  warnOfParameterFiles();
+  setRunning(this);
+  chassis_.start(options_.slots);
+  backEnd_.start();
+  operator_.start(std::move(jobs));
+}
+
+Headend::~Headend() {
+  setRunning(nullptr);
+  if (busLog_ != nullptr) std::fclose(busLog_);
+}
+
+// Intervals go with the first upload of their channel, else on their own.
+std::vector<Operator::Job> Headend::prepareJobs() const {
+  std::vector<Operator::Job> jobs;
+  std::map<client::Channel, client::Intervals> left = options_.intervals;
+  for (const Options::Psi& psi : options_.psi) {
+    jobs.push_back({.channel = psi.channel,
+                    .name = psi.file.string(),
+                    .plan = planOf(psi.file, log_),
+                    .intervals = {},
+                    .at = psi.at});
+  }
+  std::stable_sort(jobs.begin(), jobs.end(), [](const auto& a, const auto& b) { return a.at < b.at; });
+  for (Operator::Job& job : jobs) {
+    if (auto node = left.extract(job.channel)) job.intervals = std::move(node.mapped());
+  }
+  for (auto& [channel, intervals] : left) {
+    jobs.push_back(
+        {.channel = channel, .name = "intervals", .plan = {}, .intervals = std::move(intervals), .at = 0});
+  }
+  return jobs;
+}
+
+void Headend::installCards() {
+  if (!options_.busLog.empty()) {
+    busLog_ = std::fopen(options_.busLog.c_str(), "we");
+    if (busLog_ == nullptr) {
+      throw std::runtime_error(
+          fmt::format("cannot open bus log {}: {}", options_.busLog, std::strerror(errno)));
+    }
+    bus_.logTo(busLog_);
+  }
+  for (const int slot : options_.slots) {
+    const auto index = static_cast<std::size_t>(slot);
+    const FpgaConfiguration::Settings settings{.anyBitstream = options_.anyBitstream,
+                                               .seed = options_.seed * kSlots + static_cast<unsigned>(slot)};
+    cards_[index] = std::make_unique<CardFpga>(settings, violations_);
+    ports_[index] = std::make_unique<ConfigPort>(cards_[index]->configuration(), violations_);
+    bus_.attach(slot, *cards_[index], *ports_[index]);
+    cards_[index]->onConfiguration(
+        [this, slot](bool complete, Nanos now) { noteConfiguration(slot, complete, now); });
+  }
+  chassis_.onInitReturned([this](int slot) { ports_[static_cast<std::size_t>(slot)]->loaderLeft(); });
+}
+
+void Headend::noteConfiguration(int slot, bool complete, Nanos now) {
+  StartupTimeline& timeline = chassis_.timeline(slot);
+  if (complete) {
+    timeline.begin("settling", now, bus_.accesses(slot));
+  } else if (cards_[static_cast<std::size_t>(slot)]->configuration().attempts() == 1) {
+    timeline.begin("FPGA configuration", now, bus_.accesses(slot));
+  }
+}
+
+void Headend::openOutputs() {
+  for (const auto& [channel, target] : options_.outputs) {
+    auto sink = openSink(target);
+    cards_[channel.slot]->output(channel.port).setSink(sink.get());
+    sinks_.emplace(channel, std::move(sink));
+  }
+}
+
+void Headend::warnOfParameterFiles() {
+  for (const int slot : options_.slots) {
+    const fs::path file = options_.flash / "para" / fmt::format("card{}.dat", slot + 1);
+    std::array<char, 8> head{};
+    std::ifstream stream(file, std::ios::binary);
+    if (!stream.read(head.data(), head.size()) || head[0] != QAM_CARD_TYPE || head[2] != 'd') continue;
+    std::error_code ignored;
+    const auto size = fs::file_size(file, ignored);
+    if (size < sizeof(QamCardPara)) {
+      log_.line(0, "headend",
+                fmt::format("{} is short: {} of {} bytes; the card keeps the rest as its memory came "
+                            "(--heap-fill)",
+                            file.string(), size, sizeof(QamCardPara)));
+    }
+    if (head[1] != slot) {
+      log_.line(0, "headend",
+                fmt::format("{} was made for slot {}; the card takes it all the same", file.string(),
+                            static_cast<u8>(head[1]) + 1));
+    }
+  }
+}
+
+// ---- The run ----
+
+int Headend::run(const std::atomic<bool>& interrupted) {
+  interrupted_ = &interrupted;
+  RealTimePace pace(network_, interrupted);
+  if (!options_.fast) kernel_.setPace(&pace);
+  if (options_.duration) {
+    kernel_.at(*options_.duration, [this] { kernel_.stop(); });
+  }
+  kernel_.run();
+  kernel_.setPace(nullptr);
+  finishOutputs();
+  return exitCode();
+}
+
+void Headend::finishOutputs() {
+  for (const int slot : options_.slots) card(slot).advanceOutputs(kernel_.now());
+  for (const auto& [channel, sink] : sinks_) sink->flush();
+}
+
+int Headend::exitCode() {
+  const auto complain = [](const std::string& text) { fmt::print(stderr, "headend: {}\n", text); };
+  bool failed = chassis_.saveFailed();
+  for (const auto& [channel, sink] : sinks_) {
+    if (sink->error().empty()) continue;
+    complain(sink->error());
+    failed = true;
+  }
+  for (const std::string& complaint : operator_.complaints()) {
+    complain(complaint);
+    failed = true;
+  }
+  for (const int slot : options_.slots) {
+    if (state(slot) == CardState::kRunning) continue;
+    complain(fmt::format("the card in slot {} does not run: {}", slot + 1, stateName(state(slot))));
+    failed = true;
+  }
+  if (busLog_ != nullptr && (std::fflush(busLog_) != 0 || std::ferror(busLog_) != 0)) {
+    complain(fmt::format("cannot write bus log {}", options_.busLog));
+    failed = true;
+  }
+  if (!kernel_.fatalError().empty()) {
+    complain(kernel_.fatalError());
+    return kExitStopped;
+  }
+  return failed ? kExitFailed : kExitDone;
+}
+
+Headend::CardState Headend::state(int slot) const {
+  const Chassis::Slot& s = chassis_.slot(slot);
+  const auto hangs = [slot](const ParkedTask& p) { return p.still && p.slot == slot; };
+  if (std::any_of(parkedTasks_.begin(), parkedTasks_.end(), hangs)) return CardState::kHung;
+  if (!s.initReturned) return s.descriptor == nullptr ? CardState::kNotRegistered : CardState::kStarting;
+  const FpgaConfiguration& part = cards_[static_cast<std::size_t>(slot)]->configuration();
+  if (part.done()) return CardState::kRunning;
+  return part.attempts() == 0 ? CardState::kNoBitstream : CardState::kConfigError;
+}
+
+const char* stateName(Headend::CardState state) {
+  switch (state) {
+    case Headend::CardState::kStarting:
+      return "starting";
+    case Headend::CardState::kRunning:
+      return "running";
+    case Headend::CardState::kConfigError:
+      return "config_error";
+    case Headend::CardState::kNoBitstream:
+      return "no_bitstream";
+    case Headend::CardState::kHung:
+      return "hung";
+    case Headend::CardState::kNotRegistered:
+      return "not_registered";
+  }
+  return "";
+}
+
+// ---- What the kernel tells ----
+
+void Headend::auxiliaryClock() {
+  chassis_.auxiliaryClock();
+  if (sinks_.empty()) return;
+  for (const int slot : options_.slots) card(slot).advanceOutputs(kernel_.now());
+}
+
+void Headend::systemClock() {
+  if (*interrupted_) kernel_.stop();
+  if (options_.fast && options_.manage) network_.pollHost(0);
+  if (onTick_) onTick_();
+}
+
+void Headend::queueCreated(os::MsgQ* queue, const Task* by) {
+  if (by == nullptr || by->slot < 0 || chassis_.slot(by->slot).initReturned) return;
+  monitor_.queueCreated(queue, by->slot);
+  chassis_.timeline(by->slot).begin("PSI queue and lists", kernel_.now(), bus_.accesses(by->slot));
+}
+
+void Headend::messageSent(os::MsgQ* queue, std::span<const char> message) {
+  monitor_.posted(queue, message, kernel_.auxTicks());
+}
+
+void Headend::taskParked(const Task& task) {
+  ParkedTask parked{
+      .task = task.name, .slot = task.slot, .reg = bus_.registerName(task.polled), .since = task.polledSince};
+  log_.line(
+      kernel_.now(), "headend",
+      fmt::format(
+          "{} has polled {} since {:.6f} s and reads {}; it is set aside until that changes (on a chassis "
+          "everything of lower priority would stand still)",
+          parked.task, parked.reg, static_cast<double>(parked.since) / 1e9, task.polledValue));
+  parkedTasks_.push_back(std::move(parked));
+}
+
+void Headend::taskReleased(const Task& task) {
+  for (ParkedTask& parked : parkedTasks_) {
+    if (parked.task == task.name) parked.still = false;
+  }
+  log_.line(kernel_.now(), "headend", fmt::format("{} goes on: its register has changed", task.name));
+}
+
+// ---- What the module says ----
+
+void Headend::checkFailed(const char* text, const char* unit, int line) {
+  assertionFailures_.push_back({unit, line, text});
+  const std::string who = kernel_.current() != nullptr ? kernel_.current()->name : "chassis";
+  log_.line(kernel_.now(), who, fmt::format("check failed: {} ({}, line {})", text, unit, line));
+}
+
+void Headend::debugPrint(const char* format, std::va_list args) {
+  std::array<char, 512> text{};
+  std::vsnprintf(text.data(), text.size(), format, args);
+  const std::string who = kernel_.inInterrupt()          ? "interrupt"
+                          : kernel_.current() != nullptr ? kernel_.current()->name
+                                                         : "chassis";
+  log_.line(kernel_.now(), who, text.data());
+}
+
+// ---- The flash folder ----
+
+void initFlash(const fs::path& folder) {
+  if (fs::exists(folder / kBitstream)) {
+    throw std::runtime_error(
+        fmt::format("{} has a bitstream already: remove it first to make a new one", folder.string()));
+  }
+  std::error_code error;
+  for (const char* below : {"para", "K717_QAM"}) {
+    fs::create_directories(folder / below, error);
+    if (error)
+      throw std::runtime_error(fmt::format("cannot make {}: {}", (folder / below).string(), error.message()));
+  }
+  const std::string failure =
+      Flash(folder).replace(fmt::format("/tffs0/{}", kBitstream), makeSampleBitstream());
+  if (!failure.empty()) throw std::runtime_error(failure);
+}
+
+}  // namespace headend

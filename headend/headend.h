@@ -1,0 +1,127 @@
+// The running headend: the chassis's kernel, its hardware and its firmware, put together for one power-up.
+// One process runs one, for the cards' module keeps the state of its chassis.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdarg>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "headend/firmware/back_end.h"
+#include "headend/firmware/carousel_monitor.h"
+#include "headend/firmware/chassis.h"
+#include "headend/firmware/operator.h"
+#include "headend/hardware/bus.h"
+#include "headend/hardware/packet_sink.h"
+#include "headend/kernel/flash.h"
+#include "headend/kernel/heap.h"
+#include "headend/kernel/network.h"
+#include "headend/log.h"
+#include "headend/options.h"
+
+namespace headend {
+
+class Headend final : private KernelObserver {
+ public:
+  struct AssertionFailure {
+    std::string unit;
+    int line = 0;
+    std::string text;
+  };
+  struct ParkedTask {
+    std::string task;
+    int slot = -1;
+    std::string reg;
+    Nanos since = 0;
+    bool still = true;
+  };
+  enum class CardState { kStarting, kRunning, kConfigError, kNoBitstream, kHung, kNotRegistered };
+
+  // Reads the captures and opens outputs and sockets. Throws std::runtime_error that says what cannot be
+  // used.
+  explicit Headend(Options options);
+  ~Headend() override;
+
+  // Runs to the end of the duration, or until `interrupted` becomes true. An ExitCode.
+  int run(const std::atomic<bool>& interrupted);
+
+  // For the report and the status view.
+  const Options& options() const { return options_; }
+  const Kernel& kernel() const { return kernel_; }
+  const Chassis& chassis() const { return chassis_; }
+  const BackEnd& backEnd() const { return backEnd_; }
+  const CarouselMonitor& monitor() const { return monitor_; }
+  const Violations& violations() const { return violations_; }
+  const Heap& heap() const { return heap_; }
+  const Log& log() const { return log_; }
+  CardFpga& card(int slot) { return *cards_[static_cast<std::size_t>(slot)]; }
+  const std::vector<AssertionFailure>& assertionFailures() const { return assertionFailures_; }
+  const std::vector<ParkedTask>& parkedTasks() const { return parkedTasks_; }
+  CardState state(int slot) const;
+  std::string managementAddress() { return backEnd_.socket().hostAddress(); }
+
+  // For the services of platform/.
+  Kernel& kernel() { return kernel_; }
+  Chassis& chassis() { return chassis_; }
+  BackEnd& backEnd() { return backEnd_; }
+  Heap& heap() { return heap_; }
+  const Flash& flash() const { return flash_; }
+  Bus& bus() { return bus_; }
+  void checkFailed(const char* text, const char* unit, int line);
+  void debugPrint(const char* format, std::va_list args);
+
+  // Called once a system tick, on the running task's stack: for views of a person who watches.
+  void onTick(std::function<void()> hook) { onTick_ = std::move(hook); }
+
+ private:
+  void auxiliaryClock() override;
+  void systemClock() override;
+  void queueCreated(os::MsgQ* queue, const Task* by) override;
+  void messageSent(os::MsgQ* queue, std::span<const char> message) override;
+  void taskParked(const Task& task) override;
+  void taskReleased(const Task& task) override;
+  std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
+
+  std::vector<Operator::Job> prepareJobs() const;
+  void openOutputs();
+  void installCards();
+  void warnOfParameterFiles();
+  void noteConfiguration(int slot, bool complete, Nanos now);
+  void finishOutputs();
+  int exitCode();
+
+  Options options_;
+  Log log_;
+  Violations violations_;
+  Heap heap_;
+  Flash flash_;
+  Kernel kernel_;
+  Network network_;
+  Bus bus_;
+  std::array<std::unique_ptr<CardFpga>, kSlots> cards_;
+  std::array<std::unique_ptr<ConfigPort>, kSlots> ports_;
+  CarouselMonitor monitor_;
+  Chassis chassis_;
+  BackEnd backEnd_;
+  Operator operator_;
+  std::map<client::Channel, std::unique_ptr<PacketSink>> sinks_;
+  std::FILE* busLog_ = nullptr;
+  std::vector<AssertionFailure> assertionFailures_;
+  std::vector<ParkedTask> parkedTasks_;
+  std::string debugLine_;
+  const std::atomic<bool>* interrupted_ = nullptr;
+  std::function<void()> onTick_;
+};
+
+const char* stateName(Headend::CardState state);
+
+// Makes a flash folder with the sample bitstream. Throws std::runtime_error; a folder with a bitstream is
+// refused.
+void initFlash(const std::filesystem::path& folder);
+
+// The one running headend, through which the services of platform/ reach it. Set while a Headend lives.
+void setRunning(Headend* headend);
+
+}  // namespace headend

@@ -1,0 +1,85 @@
+#include "headend/kernel/fiber.h"
+
+#include <sys/mman.h>
+
+#include <boost/context/detail/fcontext.hpp>
+#include <new>
+#include <utility>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define HEADEND_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define HEADEND_ASAN 1
+#endif
+#endif
+
+#ifdef HEADEND_ASAN
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace headend {
+namespace {
+
+namespace context = boost::context::detail;
+
+constexpr std::size_t kStackSize = 256 * 1024;  // printing on a host takes more than a card's 4096 bytes
+constexpr std::size_t kGuardSize = 4096;
+
+void beforeSwitch([[maybe_unused]] void** fakeStack, [[maybe_unused]] const void* bottom,
+                  [[maybe_unused]] std::size_t size) {
+#ifdef HEADEND_ASAN
+  __sanitizer_start_switch_fiber(fakeStack, bottom, size);
+#endif
+}
+
+void afterSwitch([[maybe_unused]] void* fakeStack, [[maybe_unused]] const void** bottom,
+                 [[maybe_unused]] std::size_t* size) {
+#ifdef HEADEND_ASAN
+  __sanitizer_finish_switch_fiber(fakeStack, bottom, size);
+#endif
+}
+
+}  // namespace
+
+Fiber::Fiber(std::function<void()> body) : body_(std::move(body)) {
+  stackBase_ = mmap(nullptr, kStackSize + kGuardSize, PROT_READ | PROT_WRITE,
+                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (stackBase_ == MAP_FAILED) throw std::bad_alloc();
+  mprotect(stackBase_, kGuardSize, PROT_NONE);  // stacks grow down, into the guard
+  char* top = static_cast<char*>(stackBase_) + kStackSize + kGuardSize;
+  self_ = context::make_fcontext(top, kStackSize, [](context::transfer_t from) {
+    auto* fiber = static_cast<Fiber*>(from.data);
+    fiber->caller_ = from.fctx;
+    entry(fiber);
+  });
+}
+
+Fiber::~Fiber() {
+  munmap(stackBase_, kStackSize + kGuardSize);
+}
+
+void Fiber::entry(void* self) {
+  auto* fiber = static_cast<Fiber*>(self);
+  afterSwitch(nullptr, &fiber->callerStack_, &fiber->callerStackSize_);
+  fiber->body_();
+  fiber->finished_ = true;
+  beforeSwitch(nullptr, fiber->callerStack_, fiber->callerStackSize_);
+  context::jump_fcontext(fiber->caller_, nullptr);
+}
+
+void Fiber::resume() {
+  beforeSwitch(&callerFakeStack_, static_cast<char*>(stackBase_) + kGuardSize, kStackSize);
+  const context::transfer_t back = context::jump_fcontext(self_, this);
+  afterSwitch(callerFakeStack_, nullptr, nullptr);
+  self_ = back.fctx;
+}
+
+void Fiber::suspend() {
+  beforeSwitch(&fakeStack_, callerStack_, callerStackSize_);
+  const context::transfer_t again = context::jump_fcontext(caller_, nullptr);
+  afterSwitch(fakeStack_, &callerStack_, &callerStackSize_);
+  caller_ = again.fctx;
+}
+
+}  // namespace headend

@@ -1,0 +1,387 @@
+#include "headend/kernel/kernel.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace headend {
+
+Kernel::Kernel(const Settings& settings, KernelObserver& observer)
+    : settings_(settings), observer_(observer) {
+  nextTick_ = periodic(1, settings_.tickHz);
+  nextAux_ = periodic(1, settings_.auxHz);
+  findDue();
+  interruptFiber_ = std::make_unique<Fiber>([this] {
+    for (;;) {
+      interrupt_.routine(interrupt_.argument);
+      interruptFiber_->suspend();
+    }
+  });
+}
+
+Kernel::~Kernel() = default;
+
+// ---- Time ----
+
+void Kernel::findDue() {
+  due_ = std::min(nextTick_, nextAux_);
+  if (!events_.empty()) due_ = std::min(due_, events_.top().when);
+}
+
+void Kernel::at(Nanos when, std::function<void()> action) {
+  events_.push({std::max(when, now_), eventOrder_++, std::move(action)});
+  findDue();
+}
+
+// The cost just charged reaches past something that is due: take it back and spend it piece by piece.
+void Kernel::overrun(Nanos cost) {
+  if (inInterrupt_) return;  // what is due comes when the routine has returned
+  now_ -= cost;
+  Nanos rest = cost;
+  while (now_ + rest >= due_) {
+    const Nanos step = std::max<Nanos>(0, due_ - now_);
+    now_ += step;
+    rest -= step;
+    dispatchDue();
+    reschedule();
+  }
+  now_ += rest;
+}
+
+void Kernel::dispatchDue() {
+  while (due_ <= now_ && !stopping_) {
+    if (pace_ != nullptr) pace_->waitUntil(due_);
+    if (due_ == nextTick_) {
+      nextTick_ = periodic(++ticks_ + 1, settings_.tickHz);
+      findDue();
+      systemTick();
+    } else if (due_ == nextAux_) {
+      nextAux_ = periodic(++auxTicks_ + 1, settings_.auxHz);
+      findDue();
+      observer_.auxiliaryClock();
+    } else {
+      const std::function<void()> action = events_.top().action;
+      events_.pop();
+      findDue();
+      action();
+    }
+  }
+}
+
+void Kernel::systemTick() {
+  sliceEnded_ = true;
+  for (std::size_t i = 0; i < timed_.size();) {
+    Task* task = timed_[i];
+    if (task->wakeTick > ticks_) {
+      ++i;
+    } else {
+      wake(*task, true);  // leaves the list
+    }
+  }
+  if (!parked_.empty()) releaseParked();
+  observer_.systemClock();
+}
+
+// ---- Interrupts ----
+
+void Kernel::interrupt(const char* name, int slot, void (*routine)(u8), u8 argument) {
+  interrupt_ = {name, slot, routine, argument};
+  inInterrupt_ = true;
+  const Nanos begin = now_;
+  interruptFiber_->resume();
+  interruptTime_ += now_ - begin;
+  inInterrupt_ = false;
+}
+
+void Kernel::refuseInInterrupt(const char* service) {
+  fatal_ = fmt::format(
+      "interrupt routine {} of slot {} called {}: an interrupt routine may not wait, allocate, use a file or "
+      "touch a "
+      "register",
+      interrupt_.name, interrupt_.slot + 1, service);
+  stopping_ = true;
+  interruptFiber_->suspend();  // for good: the run ends
+}
+
+// ---- Scheduling ----
+
+void Kernel::run() {
+  while (!stopping_) {
+    if (ready_.empty()) {
+      now_ = std::max(now_, due_);
+      dispatchDue();
+      continue;
+    }
+    current_ = ready_.front();
+    ready_.erase(ready_.begin());
+    current_->state = Task::State::kRunning;
+    current_->runningSince = now_;
+    sliceEnded_ = false;
+    current_->fiber->resume();
+    current_->cpuTime += now_ - current_->runningSince;
+    if (current_->fiber->finished()) {
+      current_->state = Task::State::kFinished;
+      current_->fiber.reset();
+    }
+    current_ = nullptr;
+  }
+}
+
+Nanos Kernel::cpuTime(const Task& task) const {
+  return task.cpuTime + (&task == current_ ? now_ - task.runningSince : 0);
+}
+
+void Kernel::leave() {
+  current_->fiber->suspend();
+}
+
+// Gives the processor to whoever has a better right to it than the running task.
+void Kernel::reschedule() {
+  if (current_ == nullptr) return;
+  if (stopping_) leave();
+  if (ready_.empty() || current_->lockDepth > 0) return;
+  const int best = ready_.front()->priority;
+  const bool sliceOver = sliceEnded_ && best == current_->priority;
+  if (best < current_->priority || sliceOver) {
+    insertReady(*current_, sliceOver);
+    leave();
+  }
+}
+
+void Kernel::insertReady(Task& task, bool behindEquals) {
+  task.state = Task::State::kReady;
+  const auto before = [&](const Task* other) {
+    return behindEquals ? other->priority <= task.priority : other->priority < task.priority;
+  };
+  ready_.insert(std::find_if_not(ready_.begin(), ready_.end(), before), &task);
+}
+
+void Kernel::makeReady(Task& task) {
+  insertReady(task, true);
+}
+
+void Kernel::wake(Task& task, bool timedOut) {
+  if (task.timed) timed_.erase(std::find(timed_.begin(), timed_.end(), &task));
+  if (task.waitList != nullptr) {
+    task.waitList->erase(std::find(task.waitList->begin(), task.waitList->end(), &task));
+  }
+  task.timed = false;
+  task.waitList = nullptr;
+  task.timedOut = timedOut;
+  makeReady(task);
+}
+
+bool Kernel::waitOn(std::vector<Task*>& list, int timeout) {
+  Task& task = *current_;
+  const auto before = [&](const Task* other) { return other->priority <= task.priority; };
+  list.insert(std::find_if_not(list.begin(), list.end(), before), &task);
+  task.waitList = &list;
+  if (timeout != os::WAIT_FOREVER) {
+    task.timed = true;
+    task.wakeTick = ticks_ + static_cast<std::uint64_t>(timeout);
+    timed_.push_back(&task);
+  }
+  task.state = Task::State::kWaiting;
+  leave();
+  return !task.timedOut;
+}
+
+void Kernel::wakeFirst(std::vector<Task*>& list) {
+  if (!list.empty()) wake(*list.front(), false);
+}
+
+void Kernel::sleepUntil(Nanos when) {
+  requireTask("sleepUntil");
+  if (when <= now_) return;
+  Task& task = *current_;
+  at(when, [this, &task] { makeReady(task); });
+  task.state = Task::State::kWaiting;
+  leave();
+}
+
+// ---- Tasks that poll for good ----
+
+void Kernel::park() {
+  Task& task = *current_;
+  task.state = Task::State::kParked;
+  parked_.push_back(&task);
+  observer_.taskParked(task);
+  leave();
+}
+
+void Kernel::releaseParked() {
+  const auto changed = [this](Task* task) {
+    if (observer_.peek(task->polled) == task->polledValue) return false;
+    task->polled = nullptr;
+    makeReady(*task);
+    observer_.taskReleased(*task);
+    return true;
+  };
+  parked_.erase(std::remove_if(parked_.begin(), parked_.end(), changed), parked_.end());
+}
+
+// ---- Services ----
+
+int Kernel::spawn(std::string name, int priority, std::function<void()> body, int slot) {
+  requireTask("taskSpawn");
+  auto task = std::make_unique<Task>();
+  task->id = static_cast<int>(tasks_.size()) + 1;
+  task->name = std::move(name);
+  task->priority = priority;
+  task->slot = slot >= 0 ? slot : current_ != nullptr ? current_->slot : -1;
+  task->fiber = std::make_unique<Fiber>(std::move(body));
+  const int id = task->id;
+  makeReady(*task);
+  tasks_.push_back(std::move(task));
+  if (current_ != nullptr) {
+    notePollingEnds();
+    spend(settings_.costs.kernelCall);
+    reschedule();
+  }
+  return id;
+}
+
+int Kernel::delay(int ticks) {
+  requireTask("taskDelay");
+  notePollingEnds();
+  spend(settings_.costs.kernelCall);
+  Task& task = *current_;
+  if (ticks <= 0) {
+    makeReady(task);
+  } else {
+    task.timed = true;
+    task.wakeTick = ticks_ + static_cast<std::uint64_t>(ticks);
+    task.state = Task::State::kWaiting;
+    timed_.push_back(&task);
+  }
+  leave();
+  return os::OK;
+}
+
+int Kernel::lock() {
+  requireTask("taskLock");
+  notePollingEnds();
+  spend(settings_.costs.kernelCall);
+  ++current_->lockDepth;
+  return os::OK;
+}
+
+int Kernel::unlock() {
+  requireTask("taskUnlock");
+  notePollingEnds();
+  if (current_->lockDepth > 0) --current_->lockDepth;
+  spend(settings_.costs.kernelCall);
+  reschedule();
+  return os::OK;
+}
+
+os::MsgQ* Kernel::createQueue(int maxMessages, int maxLength) {
+  requireTask("msgQCreate");
+  notePollingEnds();
+  spend(settings_.costs.kernelCall);
+  if (maxMessages <= 0 || maxLength < 0) return nullptr;
+  queues_.push_back(std::make_unique<os::MsgQ>(os::MsgQ{.maxMessages = static_cast<std::size_t>(maxMessages),
+                                                        .maxLength = static_cast<std::size_t>(maxLength),
+                                                        .messages = {},
+                                                        .receivers = {},
+                                                        .senders = {}}));
+  observer_.queueCreated(queues_.back().get(), current_);
+  return queues_.back().get();
+}
+
+int Kernel::send(os::MsgQ* queue, std::span<const char> message, int timeout) {
+  if (timeout != os::NO_WAIT) requireTask("msgQSend with a time to wait");
+  if (!inInterrupt_) notePollingEnds();
+  spend(settings_.costs.kernelCall);
+  if (queue == nullptr || message.size() > queue->maxLength) return os::ERROR;
+  while (queue->messages.size() >= queue->maxMessages) {
+    if (timeout == os::NO_WAIT || !waitOn(queue->senders, timeout)) return os::ERROR;
+  }
+  observer_.messageSent(queue, message);
+  if (queue->receivers.empty()) {
+    queue->messages.emplace_back(message.begin(), message.end());
+  } else {
+    Task& receiver = *queue->receivers.front();
+    const std::size_t length = std::min(message.size(), receiver.receiveInto.size());
+    std::copy_n(message.begin(), length, receiver.receiveInto.begin());
+    receiver.receivedLength = static_cast<unsigned>(length);
+    wake(receiver, false);
+    if (!inInterrupt_) reschedule();
+  }
+  return os::OK;
+}
+
+int Kernel::receive(os::MsgQ* queue, std::span<char> buffer, int timeout) {
+  requireTask("msgQReceive");
+  notePollingEnds();
+  spend(settings_.costs.kernelCall);
+  if (queue == nullptr) return os::ERROR;
+  if (queue->messages.empty()) {
+    if (timeout == os::NO_WAIT) return os::ERROR;
+    current_->receiveInto = buffer;
+    if (!waitOn(queue->receivers, timeout)) return os::ERROR;
+    return static_cast<int>(current_->receivedLength);
+  }
+  const std::vector<char> message = std::move(queue->messages.front());
+  queue->messages.pop_front();
+  const std::size_t length = std::min(message.size(), buffer.size());
+  std::copy_n(message.begin(), length, buffer.begin());
+  wakeFirst(queue->senders);
+  reschedule();
+  return static_cast<int>(length);
+}
+
+os::Semaphore* Kernel::createMutex() {
+  semaphores_.push_back(
+      std::make_unique<os::Semaphore>(os::Semaphore{.mutex = true, .available = true, .waiters = {}}));
+  return semaphores_.back().get();
+}
+
+os::Semaphore* Kernel::createBinary(bool available) {
+  semaphores_.push_back(
+      std::make_unique<os::Semaphore>(os::Semaphore{.mutex = false, .available = available, .waiters = {}}));
+  return semaphores_.back().get();
+}
+
+int Kernel::take(os::Semaphore* semaphore, int timeout) {
+  requireTask("semTake");
+  notePollingEnds();
+  spend(settings_.costs.kernelCall);
+  if (semaphore == nullptr) return os::ERROR;
+  if (semaphore->mutex && semaphore->owner == current_) {
+    ++semaphore->depth;
+    return os::OK;
+  }
+  if (!semaphore->available) {
+    if (timeout == os::NO_WAIT || !waitOn(semaphore->waiters, timeout)) return os::ERROR;
+    return os::OK;  // the giver has handed it over
+  }
+  semaphore->available = false;
+  semaphore->owner = current_;
+  semaphore->depth = 1;
+  return os::OK;
+}
+
+int Kernel::give(os::Semaphore* semaphore) {
+  if (semaphore == nullptr) return os::ERROR;
+  if (semaphore->mutex) {
+    requireTask("semGive of a mutex");
+    if (semaphore->owner != current_) return os::ERROR;
+    if (--semaphore->depth > 0) return os::OK;
+  }
+  if (!inInterrupt_) notePollingEnds();
+  spend(settings_.costs.kernelCall);
+  if (semaphore->waiters.empty()) {
+    semaphore->available = true;
+    semaphore->owner = nullptr;
+  } else {
+    semaphore->owner = semaphore->waiters.front();
+    semaphore->depth = 1;
+    wakeFirst(semaphore->waiters);
+    if (!inInterrupt_) reschedule();
+  }
+  return os::OK;
+}
+
+}  // namespace headend

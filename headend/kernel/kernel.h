@@ -1,0 +1,259 @@
+// The chassis's real-time kernel in virtual time, on one host thread: tasks and their priorities, delays,
+// message queues, semaphores, the two clocks and interrupts. Time is in nanoseconds and moves only where
+// something costs time; interrupts come and tasks are switched only there, so a run is the same each time.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <queue>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "headend/kernel/fiber.h"
+#include "platform/kernel.h"
+
+namespace headend {
+
+using Nanos = std::int64_t;
+inline constexpr Nanos kSecond = 1'000'000'000;
+
+// What the controller takes for each kind of work.
+struct Costs {
+  Nanos busAccess = 100;
+  Nanos wait5us = 5'000;
+  Nanos watchdogKick = 200;
+  Nanos loopTurn = 10;
+  Nanos kernelCall = 1'000;
+  Nanos memoryCall = 2'000;
+  Nanos fileCall = 500'000;
+  Nanos save = 50'000'000;
+};
+
+class Kernel;
+
+// A task of the kernel. Made by `Kernel::spawn`, kept until the kernel goes.
+struct Task {
+  enum class State { kReady, kRunning, kWaiting, kParked, kFinished };
+
+  int id = 0;
+  std::string name;
+  int priority = 0;  // 0 is the highest
+  int slot = -1;  // the slot for which it works, inherited by the tasks it starts; -1 for the chassis's own
+  State state = State::kReady;
+  std::unique_ptr<Fiber> fiber;
+  int lockDepth = 0;
+
+  // Waiting: for a tick, or on a queue or semaphore with a tick as limit.
+  bool timed = false;
+  std::uint64_t wakeTick = 0;
+  std::vector<Task*>* waitList = nullptr;
+  bool timedOut = false;
+  std::span<char> receiveInto;  // where a sender puts the message for a waiting receiver
+  unsigned receivedLength = 0;
+
+  // Polling: the register read last, what it read, since when nothing else was done.
+  const volatile void* polled = nullptr;
+  std::uint16_t polledValue = 0;
+  Nanos polledSince = 0;
+
+  Nanos cpuTime = 0;
+  Nanos runningSince = 0;
+};
+
+// What others want to know of the kernel's doings. Called in the context of whoever causes it.
+class KernelObserver {
+ public:
+  KernelObserver() = default;
+  KernelObserver(const KernelObserver&) = delete;
+  KernelObserver& operator=(const KernelObserver&) = delete;
+  virtual ~KernelObserver() = default;
+
+  virtual void auxiliaryClock() {}  // once a tick; calls the cards' routines through `Kernel::interrupt`
+  virtual void systemClock() {}
+  virtual void queueCreated(os::MsgQ* /*queue*/, const Task* /*by*/) {}
+  virtual void messageSent(os::MsgQ* /*queue*/, std::span<const char> /*message*/) {}
+  virtual void taskParked(const Task& /*task*/) {}
+  virtual void taskReleased(const Task& /*task*/) {}
+  // What a polled register reads now, without an access.
+  virtual std::uint16_t peek(const volatile void* reg) = 0;
+};
+
+// Holds virtual time back, for a run in real time.
+class Pace {
+ public:
+  Pace() = default;
+  Pace(const Pace&) = delete;
+  Pace& operator=(const Pace&) = delete;
+  virtual ~Pace() = default;
+  virtual void waitUntil(Nanos virtualTime) = 0;
+};
+
+class Kernel {
+ public:
+  struct Settings {
+    int tickHz = 100;
+    int auxHz = 1000;
+    Costs costs;
+  };
+
+  Kernel(const Settings& settings, KernelObserver& observer);
+  Kernel(const Kernel&) = delete;
+  Kernel& operator=(const Kernel&) = delete;
+  ~Kernel();
+
+  // Runs tasks and clocks until `stop`, or until an interrupt routine does what it may not.
+  void run();
+  void stop() { stopping_ = true; }
+  const std::string& fatalError() const { return fatal_; }
+  void setPace(Pace* pace) { pace_ = pace; }
+
+  Nanos now() const { return now_; }
+  std::uint64_t auxTicks() const { return auxTicks_; }
+  const Settings& settings() const { return settings_; }
+
+  // Calls `action` at a virtual time, between the instructions of whatever runs. It may wake tasks, not
+  // block.
+  void at(Nanos when, std::function<void()> action);
+
+  // Runs `routine` in interrupt context, as the clocks' handlers do. `name` and `slot` are for messages.
+  void interrupt(const char* name, int slot, void (*routine)(u8), u8 argument);
+  bool inInterrupt() const { return inInterrupt_; }
+
+  // Time passes for the running task; interrupts and other tasks may come in between.
+  void spend(Nanos cost) {
+    now_ += cost;
+    if (now_ >= due_) [[unlikely]] {
+      overrun(cost);
+    }
+  }
+
+  // Ends the run when an interrupt routine asks for `service`, which waits, allocates or touches a register.
+  void requireTask(const char* service) {
+    if (inInterrupt_) [[unlikely]] {
+      refuseInInterrupt(service);
+    }
+  }
+
+  // After a read of `reg` by the running task: one that reads nothing else for a virtual second is parked
+  // until the register reads otherwise.
+  void notePolling(const volatile void* reg, std::uint16_t value) {
+    if (current_ == nullptr) return;
+    if (current_->polled != reg || current_->polledValue != value) {
+      current_->polled = reg;
+      current_->polledValue = value;
+      current_->polledSince = now_;
+    } else if (now_ - current_->polledSince >= kSecond) [[unlikely]] {
+      park();
+    }
+  }
+  void notePollingEnds() {
+    if (current_ != nullptr) current_->polled = nullptr;
+  }
+
+  // The services of platform/kernel.h.
+  int spawn(std::string name, int priority, std::function<void()> body, int slot = -1);
+  int delay(int ticks);
+  int lock();
+  int unlock();
+  os::MsgQ* createQueue(int maxMessages, int maxLength);
+  int send(os::MsgQ* queue, std::span<const char> message, int timeout);
+  int receive(os::MsgQ* queue, std::span<char> buffer, int timeout);
+  os::Semaphore* createMutex();
+  os::Semaphore* createBinary(bool available);
+  int take(os::Semaphore* semaphore, int timeout);
+  int give(os::Semaphore* semaphore);
+
+  // For the chassis's own tasks: wait on a list until woken or `timeout` ticks have come (false).
+  bool waitOn(std::vector<Task*>& list, int timeout);
+  void wakeFirst(std::vector<Task*>& list);
+  void sleepUntil(Nanos when);
+
+  const Task* current() const { return current_; }
+  const std::vector<std::unique_ptr<Task>>& tasks() const { return tasks_; }
+  Nanos cpuTime(const Task& task) const;  // up to now
+  Nanos interruptTime() const { return interruptTime_; }
+
+ private:
+  struct Event {
+    Nanos when;
+    std::uint64_t order;
+    std::function<void()> action;
+    bool operator>(const Event& other) const {
+      return when != other.when ? when > other.when : order > other.order;
+    }
+  };
+
+  void overrun(Nanos cost);
+  void dispatchDue();
+  void findDue();
+  void systemTick();
+  void reschedule();
+  void leave();
+  void makeReady(Task& task);
+  void insertReady(Task& task, bool behindEquals);
+  void wake(Task& task, bool timedOut);
+  void park();
+  void releaseParked();
+  void refuseInInterrupt(const char* service);
+  static Nanos periodic(std::uint64_t count, int hz) {
+    return static_cast<Nanos>(count / static_cast<unsigned>(hz)) * kSecond +
+           static_cast<Nanos>(count % static_cast<unsigned>(hz)) * kSecond / hz;
+  }
+
+  Settings settings_;
+  KernelObserver& observer_;
+  Pace* pace_ = nullptr;
+
+  Nanos now_ = 0;
+  Nanos due_ = 0;  // the earliest of the two below and the events
+  Nanos nextTick_ = 0;
+  Nanos nextAux_ = 0;
+  std::uint64_t ticks_ = 0;
+  std::uint64_t auxTicks_ = 0;
+  std::priority_queue<Event, std::vector<Event>, std::greater<>> events_;
+  std::uint64_t eventOrder_ = 0;
+
+  std::vector<std::unique_ptr<Task>> tasks_;
+  std::vector<Task*> ready_;  // by priority, then in the order in which they became ready
+  std::vector<Task*> timed_;
+  std::vector<Task*> parked_;
+  Task* current_ = nullptr;
+  bool sliceEnded_ = false;
+
+  std::unique_ptr<Fiber> interruptFiber_;
+  bool inInterrupt_ = false;
+  Nanos interruptTime_ = 0;
+  struct {
+    const char* name = "";
+    int slot = 0;
+    void (*routine)(u8) = nullptr;
+    u8 argument = 0;
+  } interrupt_;
+
+  bool stopping_ = false;
+  std::string fatal_;
+  std::vector<std::unique_ptr<os::MsgQ>> queues_;
+  std::vector<std::unique_ptr<os::Semaphore>> semaphores_;
+};
+
+}  // namespace headend
+
+// The kernel's objects behind the handles of platform/kernel.h.
+struct os::MsgQ {
+  std::size_t maxMessages;
+  std::size_t maxLength;
+  std::deque<std::vector<char>> messages;
+  std::vector<headend::Task*> receivers;
+  std::vector<headend::Task*> senders;
+};
+
+struct os::Semaphore {
+  bool mutex;
+  bool available;
+  headend::Task* owner = nullptr;  // of a mutex, which its owner may take again
+  int depth = 0;
+  std::vector<headend::Task*> waiters;
+};

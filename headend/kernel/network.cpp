@@ -1,0 +1,134 @@
+#include "headend/kernel/network.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace headend {
+namespace {
+
+sockaddr_in hostForm(std::uint32_t address, std::uint16_t port) {
+  sockaddr_in form{};
+  form.sin_family = AF_INET;
+  form.sin_addr.s_addr = htonl(address);
+  form.sin_port = htons(port);
+  return form;
+}
+
+const sockaddr* generic(const sockaddr_in& form) {
+  return reinterpret_cast<const sockaddr*>(&form);
+}
+sockaddr* generic(sockaddr_in& form) {
+  return reinterpret_cast<sockaddr*>(&form);
+}
+
+}  // namespace
+
+UdpSocket::UdpSocket(Network& network, std::uint16_t port) : network_(network), port_(port) {
+  network_.sockets_[port_] = this;
+}
+
+UdpSocket::~UdpSocket() {
+  if (fd_ >= 0) ::close(fd_);
+  network_.sockets_.erase(port_);
+}
+
+void UdpSocket::openToHost(const std::string& address, std::uint16_t port) {
+  in_addr parsed{};
+  const auto failed = [&](const std::string& why) {
+    throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}", address, port, why));
+  };
+  if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) failed("not an IPv4 address");
+  fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const sockaddr_in form = hostForm(ntohl(parsed.s_addr), port);
+  if (fd_ < 0 || ::bind(fd_, generic(form), sizeof form) != 0) failed(std::strerror(errno));
+}
+
+std::string UdpSocket::hostAddress() const {
+  sockaddr_in form{};
+  socklen_t size = sizeof form;
+  if (fd_ < 0 || ::getsockname(fd_, generic(form), &size) != 0) return "off";
+  std::array<char, INET_ADDRSTRLEN> text{};
+  inet_ntop(AF_INET, &form.sin_addr, text.data(), text.size());
+  return fmt::format("{}:{}", text.data(), ntohs(form.sin_port));
+}
+
+std::optional<Datagram> UdpSocket::receive(int timeout) {
+  Kernel& kernel = network_.kernel_;
+  kernel.requireTask("recvfrom");
+  kernel.spend(kernel.settings().costs.kernelCall);
+  while (waiting_.empty()) {
+    if (timeout == os::NO_WAIT || !kernel.waitOn(waiters_, timeout)) return std::nullopt;
+  }
+  Datagram first = std::move(waiting_.front());
+  waiting_.pop_front();
+  return first;
+}
+
+void UdpSocket::send(const Endpoint& to, const std::vector<u8>& bytes) {
+  Kernel& kernel = network_.kernel_;
+  kernel.requireTask("sendto");
+  if (to.address == 0) {
+    const auto socket = network_.sockets_.find(to.port);
+    if (socket != network_.sockets_.end()) {
+      socket->second->deliver(
+          {.from = {.address = 0, .port = port_}, .bytes = bytes, .arrived = kernel.now()});
+    }
+  } else if (fd_ >= 0) {
+    const sockaddr_in form = hostForm(to.address, to.port);
+    // A client that has gone, or whose buffer is full, gets no reply: it asks again.
+    [[maybe_unused]] const ssize_t sent =
+        ::sendto(fd_, bytes.data(), bytes.size(), 0, generic(form), sizeof form);
+  }
+  kernel.spend(kernel.settings().costs.kernelCall);
+}
+
+void UdpSocket::deliver(Datagram datagram) {
+  if (waiting_.size() >= kWaitingMost) return;
+  waiting_.push_back(std::move(datagram));
+  if (network_.onArrival_) network_.onArrival_(*this, waiting_.back());
+  network_.kernel_.wakeFirst(waiters_);
+}
+
+void UdpSocket::drainHost() {
+  std::array<u8, 65536> buffer;
+  for (std::size_t i = 0; i < kWaitingMost; ++i) {
+    sockaddr_in from{};
+    socklen_t size = sizeof from;
+    const ssize_t n = ::recvfrom(fd_, buffer.data(), buffer.size(), 0, generic(from), &size);
+    if (n < 0) return;
+    deliver({.from = {.address = ntohl(from.sin_addr.s_addr), .port = ntohs(from.sin_port)},
+             .bytes = std::vector<u8>(buffer.begin(), buffer.begin() + n),
+             .arrived = network_.kernel_.now()});
+  }
+}
+
+bool Network::hasHostSockets() const {
+  return std::any_of(sockets_.begin(), sockets_.end(),
+                     [](const auto& entry) { return entry.second->fd_ >= 0; });
+}
+
+void Network::pollHost(Nanos atMost) {
+  std::vector<pollfd> fds;
+  std::vector<UdpSocket*> open;
+  for (const auto& [port, socket] : sockets_) {
+    if (socket->fd_ < 0) continue;
+    fds.push_back({.fd = socket->fd_, .events = POLLIN, .revents = 0});
+    open.push_back(socket);
+  }
+  const timespec wait{.tv_sec = atMost / kSecond, .tv_nsec = atMost % kSecond};
+  if (::ppoll(fds.data(), fds.size(), &wait, nullptr) <= 0) return;
+  for (std::size_t i = 0; i < fds.size(); ++i) {
+    if ((fds[i].revents & POLLIN) != 0) open[i]->drainHost();
+  }
+}
+
+}  // namespace headend

@@ -1,0 +1,28 @@
+#include "headend/log.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace headend {
+
+Log::Log(const std::string& file) : file_(stderr) {
+  if (file.empty()) return;
+  file_ = std::fopen(file.c_str(), "we");
+  if (file_ == nullptr)
+    throw std::runtime_error(fmt::format("cannot open log {}: {}", file, std::strerror(errno)));
+}
+
+Log::~Log() {
+  if (file_ != stderr) std::fclose(file_);
+}
+
+void Log::line(Nanos now, std::string_view who, std::string_view text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+  fmt::print(file_, "[{:>6}.{:09}] {}: {}\n", now / kSecond, now % kSecond, who, text);
+  ++lines_;
+}
+
+}  // namespace headend

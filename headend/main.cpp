@@ -1,0 +1,69 @@
+// The program `headend`.
+#include <fmt/format.h>
+
+#include <csignal>
+#include <exception>
+
+#include "headend/headend.h"
+#include "headend/report.h"
+#include "headend/status_view.h"
+
+namespace {
+
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+void onSignal(int) {
+  interrupted = true;
+}
+
+// Aside and renamed, so that a reader never finds half a report.
+void writeReport(const std::string& path, const std::string& text) {
+  const std::string aside = path + ".new";
+  std::FILE* file = std::fopen(aside.c_str(), "we");
+  bool good = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+  if (file != nullptr) good = std::fclose(file) == 0 && good;
+  good = good && std::rename(aside.c_str(), path.c_str()) == 0;
+  if (!good) {
+    const std::string why = std::strerror(errno);
+    if (file != nullptr) std::remove(aside.c_str());
+    throw std::runtime_error(fmt::format("cannot write report {}: {}", path, why));
+  }
+}
+
+int run(const headend::Options& options) {
+  if (options.initFlash) {
+    headend::initFlash(options.flash);
+    fmt::print("made flash folder {} with the sample bitstream\n", options.flash.string());
+    return headend::kExitDone;
+  }
+  headend::Headend machine(options);
+  headend::StatusView view(machine);
+  machine.onTick([&view] { view.update(); });
+  machine.backEnd().onStatus([&machine] { return headend::statusText(machine); });
+  if (options.manage) {
+    fmt::print("management on {}\n", machine.managementAddress());
+    std::fflush(stdout);
+  }
+  const int code = machine.run(interrupted);
+  if (!options.report.empty()) writeReport(options.report, headend::reportText(machine));
+  return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const headend::CommandLine line = headend::parseCommandLine(argc, argv);
+  if (line.exitCode) return *line.exitCode;
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    return run(line.options);
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "headend: {}\n", e.what());
+    return headend::kExitFailed;
+  }
+}

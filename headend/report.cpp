@@ -1,0 +1,136 @@
+#include "headend/report.h"
+
+#include <nlohmann/json.hpp>
+
+namespace headend {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+double milliseconds(Nanos ns) {
+  return static_cast<double>(ns) / 1e6;
+}
+double seconds(Nanos ns) {
+  return static_cast<double>(ns) / 1e9;
+}
+
+// GBK from the panel is for a later decoder: what is no UTF-8 must not end up in a JSON text.
+std::string printable(const std::string& text) {
+  std::string clean = text;
+  for (char& c : clean) {
+    if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7E) c = '?';
+  }
+  return clean;
+}
+
+Json tables(Headend& headend, int slot, int port) {
+  Json all = Json::object();
+  const QamCardPara* record = GetQamCardParaFromList(static_cast<u8>(slot));
+  const CarouselMonitor::Tables& seen = headend.monitor().tables(slot, port);
+  for (const client::TableType type : client::kAllTables) {
+    const CarouselMonitor::Table& table = seen[client::indexOf(type)];
+    Json entry = {{"set_ticks", record == nullptr ? 0 : record->Interval[port][client::indexOf(type)]},
+                  {"stored", record == nullptr ? 0 : record->pktNum[port][client::indexOf(type)]},
+                  {"posted", table.posted}};
+    if (table.intervals > 0) {
+      entry["interval_ticks"] = {
+          {"min", table.min_ticks},
+          {"mean", static_cast<double>(table.sum_ticks) / static_cast<double>(table.intervals)},
+          {"max", table.max_ticks}};
+    } else {
+      entry["interval_ticks"] = nullptr;
+    }
+    all[client::tableName(type)] = std::move(entry);
+  }
+  return all;
+}
+
+Json channel(Headend& headend, int slot, int port) {
+  Multiplexer& output = headend.card(slot).output(static_cast<std::size_t>(port));
+  output.advance(headend.kernel().now());
+  const Multiplexer::Counts& counts = output.counts();
+  Json entry = {
+      {"bit_rate", output.rate().perSecond()},
+      {"packets",
+       {{"total", counts.total()}, {"psi", counts.psi}, {"routed", counts.routed}, {"null", counts.null}}},
+      {"tables", tables(headend, slot, port)}};
+  if (const auto since = headend.backEnd().lockedSince(slot, port)) {
+    entry["locked_seconds"] = seconds(headend.kernel().now() - *since);
+  }
+  return entry;
+}
+
+Json startup(const StartupTimeline& timeline) {
+  Json phases = Json::array();
+  for (const StartupTimeline::Phase& phase : timeline.phases()) {
+    phases.push_back({{"phase", phase.name},
+                      {"from_ms", milliseconds(phase.from)},
+                      {"ms", milliseconds(phase.until - phase.from)},
+                      {"bus_accesses", phase.busAccesses}});
+  }
+  return phases;
+}
+
+Json card(Headend& headend, int slot) {
+  const Chassis::Slot& s = headend.chassis().slot(slot);
+  Json lcd = Json::array();
+  for (const std::string& line : s.lcd) lcd.push_back(printable(line));
+  Json entry = {{"slot", slot + 1},
+                {"state", stateName(headend.state(slot))},
+                {"lcd", std::move(lcd)},
+                {"startup_ms", s.initTook ? Json(milliseconds(*s.initTook)) : Json(nullptr)},
+                {"startup", startup(s.timeline)},
+                {"fpga_attempts", headend.card(slot).configuration().attempts()},
+                {"saves", s.saves}};
+  for (const Headend::ParkedTask& parked : headend.parkedTasks()) {
+    if (!parked.still || parked.slot != slot) continue;
+    entry["hung"] = {
+        {"task", parked.task}, {"register", parked.reg}, {"since_seconds", seconds(parked.since)}};
+    break;
+  }
+  Json channels = Json::array();
+  for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) channels.push_back(channel(headend, slot, port));
+  entry["channels"] = std::move(channels);
+  return entry;
+}
+
+Json lateRequests(const Headend& headend) {
+  Json all = Json::array();
+  for (const BackEnd::LateRequest& late : headend.backEnd().lateRequests()) {
+    Json load = Json::array();
+    for (const auto& [name, took] : late.load) load.push_back({{"task", name}, {"ms", milliseconds(took)}});
+    all.push_back({{"arrived_seconds", seconds(late.arrived)}, {"load", std::move(load)}});
+  }
+  return all;
+}
+
+Json build(Headend& headend) {
+  const Kernel& kernel = headend.kernel();
+  Json failures = Json::array();
+  for (const Headend::AssertionFailure& f : headend.assertionFailures()) {
+    failures.push_back({{"unit", f.unit}, {"line", f.line}, {"text", f.text}});
+  }
+  Json violations = Json::object();
+  for (const auto& [kind, count] : headend.violations().counts()) violations[kind] = count;
+  Json cards = Json::array();
+  for (const int slot : headend.options().slots) cards.push_back(card(headend, slot));
+  return {{"virtual_seconds", seconds(kernel.now())},
+          {"aux_hz", kernel.settings().auxHz},
+          {"tick_hz", kernel.settings().tickHz},
+          {"assertion_failures", std::move(failures)},
+          {"protocol_violations", std::move(violations)},
+          {"late_requests", lateRequests(headend)},
+          {"heap", {{"used", headend.heap().used()}, {"failures", headend.heap().failures()}}},
+          {"cards", std::move(cards)}};
+}
+
+}  // namespace
+
+std::string reportText(Headend& headend) {
+  return build(headend).dump(2) + "\n";
+}
+std::string statusText(Headend& headend) {
+  return build(headend).dump();
+}
+
+}  // namespace headend

@@ -1,0 +1,185 @@
+// The services of platform/, carried out by the running headend: the one place through which the module
+// reaches it.
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+
+#include "headend/headend.h"
+#include "platform/backend.h"
+#include "platform/bus.h"
+#include "platform/chassis.h"
+#include "platform/check.h"
+#include "platform/files.h"
+#include "platform/mainboard.h"
+#include "platform/memory.h"
+
+namespace headend {
+namespace {
+
+Headend* running = nullptr;
+
+Kernel& kernel() {
+  return running->kernel();
+}
+const Costs& costs() {
+  return running->kernel().settings().costs;
+}
+
+// A service that is a point of preemption and costs time.
+void charge(const char* service, Nanos cost) {
+  kernel().requireTask(service);
+  kernel().notePollingEnds();
+  kernel().spend(cost);
+}
+
+}  // namespace
+
+void setRunning(Headend* headend) {
+  running = headend;
+  chassis::head = nullptr;
+  chassis::pbbFpgaIf = headend == nullptr ? nullptr : static_cast<bbFpga_t*>(headend->bus().mainBoard());
+}
+
+}  // namespace headend
+
+using headend::charge;
+using headend::costs;
+using headend::kernel;
+using headend::running;
+
+namespace os {
+
+u16 busRead16(const volatile void* reg) {
+  headend::Kernel& k = kernel();
+  k.requireTask("a register read");
+  k.spend(costs().busAccess);
+  const u16 value = running->bus().read(reg, k.now());
+  k.notePolling(reg, value);
+  return value;
+}
+
+void busWrite16(volatile void* reg, u16 value) {
+  headend::Kernel& k = kernel();
+  k.requireTask("a register write");
+  k.notePollingEnds();
+  k.spend(costs().busAccess);
+  running->bus().write(reg, value, k.now());
+}
+
+void* busAddress(u32 address) {
+  return running->bus().hostAddress(address);
+}
+
+void checkFailed(const char* text, const char* unit, int line) {
+  running->checkFailed(text, unit, line);
+}
+
+std::FILE* fopen(const char* path, const char* mode) {
+  charge("fopen", costs().fileCall);
+  return running->flash().open(path, mode);
+}
+
+void* malloc(std::size_t size) {
+  charge("malloc", costs().memoryCall);
+  return running->heap().allocate(size);
+}
+
+void free(void* block) {
+  charge("free", costs().memoryCall);
+  running->heap().release(block);
+}
+
+void countingLoop(u32 turns) {
+  charge("a counting loop", costs().loopTurn * turns);
+}
+
+extern "C" {
+
+int taskSpawn(const char* name, int priority, int /*options*/, int /*stackSize*/, FUNCPTR entry, int arg1,
+              int arg2, int arg3, int arg4, int arg5, int arg6, int arg7, int arg8, int arg9, int arg10) {
+  return kernel().spawn(name, priority,
+                        [=] { entry(arg1, arg2, arg3, arg4, arg5, arg6, arg7, arg8, arg9, arg10); });
+}
+int taskDelay(int ticks) {
+  return kernel().delay(ticks);
+}
+int taskLock() {
+  return kernel().lock();
+}
+int taskUnlock() {
+  return kernel().unlock();
+}
+int sysClkRateGet() {
+  return kernel().settings().tickHz;
+}
+
+MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int /*options*/) {
+  return kernel().createQueue(maxMsgs, maxMsgLength);
+}
+int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int /*priority*/) {
+  return kernel().send(queue, {buffer, length}, timeout);
+}
+int msgQReceive(MSG_Q_ID queue, char* buffer, unsigned maxLength, int timeout) {
+  return kernel().receive(queue, {buffer, maxLength}, timeout);
+}
+
+int semTake(SEM_ID semaphore, int timeout) {
+  return kernel().take(semaphore, timeout);
+}
+int semGive(SEM_ID semaphore) {
+  return kernel().give(semaphore);
+}
+
+}  // extern "C"
+}  // namespace os
+
+namespace chassis {
+extern "C" {
+
+card* head = nullptr;
+bbFpga_t* pbbFpgaIf = nullptr;
+
+void cardInsert(card* newCard) {
+  running->chassis().cardInsert(newCard);
+}
+
+card* GetCardPoint(u8 slotNo) {
+  return slotNo < MAX_BOARD_NUM ? running->chassis().slot(slotNo).descriptor : nullptr;
+}
+
+void configOneSlotBus(u8 slotNo, int arg1, int arg2) {
+  running->chassis().configureBus(slotNo, arg1, arg2);
+}
+void setCardType(u8 slotNo, int typeCode) {
+  running->chassis().setCardType(slotNo, typeCode);
+}
+
+int para_save(u8 slotNo) {
+  kernel().requireTask("para_save");
+  kernel().notePollingEnds();
+  return running->chassis().save(slotNo);
+}
+
+void lcdPrintf(int line, int /*attribute*/, int /*arg3*/, int /*arg4*/, const char* format, ...) {
+  std::array<char, 128> text{};
+  std::va_list args;
+  va_start(args, format);
+  std::vsnprintf(text.data(), text.size(), format, args);
+  va_end(args);
+  running->chassis().panelLine(line, text.data());
+}
+
+void DebugPrint(const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  running->debugPrint(format, args);
+  va_end(args);
+}
+
+int bc_vars_register(u32 base, u32 limit, const bc_var* table, const char* /*text*/) {
+  running->backEnd().registerVariables(base, limit, table);
+  return os::OK;
+}
+
+}  // extern "C"
+}  // namespace chassis

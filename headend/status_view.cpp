@@ -1,0 +1,83 @@
+#include "headend/status_view.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace headend {
+
+StatusView::StatusView(Headend& headend)
+    : headend_(headend),
+      terminal_(::isatty(headend.options().fast ? STDERR_FILENO : STDOUT_FILENO) == 1),
+      next_(Clock::now()) {}
+
+void StatusView::update() {
+  if (!headend_.options().fast) {
+    if (!terminal_) return announceChanges();
+    if (Clock::now() < next_) return;
+    next_ = Clock::now() + std::chrono::seconds(1);
+    return draw();
+  }
+  if (!terminal_ || ++calls_ % 256 != 0 || Clock::now() < next_) return;
+  next_ = Clock::now() + std::chrono::milliseconds(500);
+  showProgress();
+}
+
+void StatusView::showProgress() {
+  fmt::print(stderr, "\r{} of {} virtual seconds ", headend_.kernel().now() / kSecond,
+             *headend_.options().duration / kSecond);
+  std::fflush(stderr);
+}
+
+void StatusView::announceChanges() {
+  for (const int slot : headend_.options().slots) {
+    const Headend::CardState state = headend_.state(slot);
+    const auto [entry, isNew] = announced_.emplace(slot, state);
+    if (!isNew && entry->second == state) continue;
+    entry->second = state;
+    fmt::print("{:.3f} s: card {} {}\n", static_cast<double>(headend_.kernel().now()) / 1e9, slot + 1,
+               stateName(state));
+    std::fflush(stdout);
+  }
+}
+
+std::string StatusView::table() {
+  std::string text =
+      fmt::format("virtual time {:.1f} s, management {}\n",
+                  static_cast<double>(headend_.kernel().now()) / 1e9, headend_.managementAddress());
+  const auto out = std::back_inserter(text);
+  for (const int slot : headend_.options().slots) {
+    fmt::format_to(out, "card {}: {}\n", slot + 1, stateName(headend_.state(slot)));
+    for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
+      const Multiplexer& output = headend_.card(slot).output(static_cast<std::size_t>(port));
+      const Multiplexer::Counts& counts = output.counts();
+      fmt::format_to(out, "  {}.{}  {:10.0f} bit/s  PSI {:>9}  routed {:>9}  null {:>11}", slot + 1, port + 1,
+                     output.rate().perSecond(), counts.psi, counts.routed, counts.null);
+      const auto since = headend_.backEnd().lockedSince(slot, port);
+      const Nanos locked = since ? headend_.kernel().now() - *since : 0;
+      if (locked > 10 * kSecond) fmt::format_to(out, "  locked for {} s, silent", locked / kSecond);
+      text += '\n';
+    }
+  }
+  if (!headend_.assertionFailures().empty()) {
+    fmt::format_to(out, "failed checks: {}\n", headend_.assertionFailures().size());
+  }
+  for (const auto& [kind, count] : headend_.violations().counts())
+    fmt::format_to(out, "violation {}: {}\n", kind, count);
+  return text + "Ctrl-C ends it.\n";
+}
+
+void StatusView::draw() {
+  for (const int slot : headend_.options().slots) headend_.card(slot).advanceOutputs(headend_.kernel().now());
+  const std::string text = table();
+  // Debug lines on the same terminal have moved the old table up: leave it and begin anew below.
+  const bool undisturbed = !headend_.log().onStderr() || headend_.log().lines() == logLinesThen_;
+  if (linesDrawn_ > 0 && undisturbed) fmt::print("\033[{}A\033[J", linesDrawn_);
+  fmt::print("{}", text);
+  std::fflush(stdout);
+  linesDrawn_ = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  logLinesThen_ = headend_.log().lines();
+}
+
+}  // namespace headend

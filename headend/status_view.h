@@ -1,0 +1,34 @@
+// The plain view for a person who watches: a table of the cards, drawn over itself on a terminal once a
+// second; where output is no terminal, a line whenever a card's state changes. With --fast, how far the run
+// has come.
+#pragma once
+
+#include <chrono>
+#include <map>
+
+#include "headend/headend.h"
+
+namespace headend {
+
+class StatusView {
+ public:
+  explicit StatusView(Headend& headend);
+  void update();  // cheap; call it often
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  void draw();
+  void announceChanges();
+  void showProgress();
+  std::string table();
+
+  Headend& headend_;
+  bool terminal_;
+  Clock::time_point next_;
+  unsigned calls_ = 0;
+  std::size_t linesDrawn_ = 0;
+  std::uint64_t logLinesThen_ = 0;
+  std::map<int, Headend::CardState> announced_;
+};
+
+}  // namespace headend

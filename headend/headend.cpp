@@ -41,10 +41,10 @@ class RealTimePace final : public Pace {
   Clock::time_point start_;
 };
 
-client::UploadPlan planOf(const fs::path& file, const Log& log) {
+client::UploadPlan planOf(const fs::path& file, Log& log) {
   const client::Capture capture = client::readCapture(file);
   for (const client::Note& note : capture.notes) {
-    if (log.onStderr()) fmt::print(stderr, "headend: {}: {}\n", file.string(), note.text);
+    log.line(0, "headend", fmt::format("{}: {}", file.string(), note.text));
   }
   try {
     return client::planUpload(capture.sections);
@@ -88,7 +88,7 @@ Headend::~Headend() {
 }
 
 // Intervals go with the first upload of their channel, else on their own.
-std::vector<Operator::Job> Headend::prepareJobs() const {
+std::vector<Operator::Job> Headend::prepareJobs() {
   std::vector<Operator::Job> jobs;
   std::map<client::Channel, client::Intervals> left = options_.intervals;
   for (const Options::Psi& psi : options_.psi) {
@@ -208,7 +208,11 @@ int Headend::exitCode() {
     failed = true;
   }
   if (busLog_ != nullptr && (std::fflush(busLog_) != 0 || std::ferror(busLog_) != 0)) {
-    complain(fmt::format("cannot write bus log {}", options_.busLog));
+    complain(fmt::format("the bus log {} could not be written whole", options_.busLog));
+    failed = true;
+  }
+  if (!log_.complete()) {
+    complain(fmt::format("the log {} could not be written whole", options_.log));
     failed = true;
   }
   if (!kernel_.fatalError().empty()) {

@@ -84,7 +84,7 @@ class Headend final : private KernelObserver {
   void taskReleased(const Task& task) override;
   std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
-  std::vector<Operator::Job> prepareJobs() const;
+  std::vector<Operator::Job> prepareJobs();
   void openOutputs();
   void installCards();
   void warnOfParameterFiles();

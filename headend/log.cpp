@@ -25,4 +25,8 @@ void Log::line(Nanos now, std::string_view who, std::string_view text) {
   ++lines_;
 }
 
+bool Log::complete() {
+  return onStderr() || (std::fflush(file_) == 0 && std::ferror(file_) == 0);
+}
+
 }  // namespace headend

@@ -20,6 +20,7 @@ class Log {
 
   void line(Nanos now, std::string_view who, std::string_view text);
   std::uint64_t lines() const { return lines_; }
+  bool complete();  // all lines have been written so far
   bool onStderr() const { return file_ == stderr; }
 
  private:

@@ -169,6 +169,16 @@ void lcdPrintf(int line, int /*attribute*/, int /*arg3*/, int /*arg4*/, const ch
   running->chassis().panelLine(line, text.data());
 }
 
+void Delay5us() {
+  charge("Delay5us", costs().wait5us);
+}
+void delay5us() {
+  charge("delay5us", costs().wait5us);
+}
+void Dog() {
+  charge("Dog", costs().watchdogKick);
+}
+
 void DebugPrint(const char* format, ...) {
   std::va_list args;
   va_start(args, format);

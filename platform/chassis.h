@@ -51,6 +51,11 @@ int para_save(u8 slotNo);
 [[gnu::format(printf, 5, 6)]] void lcdPrintf(int line, int attribute, int arg3, int arg4, const char* format,
                                              ...);
 
+// Busy waits of 5 us, two routines of the main firmware's, and a kick of the watchdog.
+void Delay5us();
+void delay5us();
+void Dog();
+
 [[gnu::format(printf, 1, 2)]] void DebugPrint(const char* format, ...);
 
 }  // extern "C"

@@ -100,8 +100,8 @@ Reply UdpLink::call(Request request) {
       if (errno == ECONNREFUSED) fail("nothing listens there");
       fail(fmt::format("cannot send: {}", std::strerror(errno)));
     }
-    const auto reply = await(request, std::min(Clock::now() + options_.timeout, end));
-    if (reply) return *reply;
+    auto reply = await(request, std::min(Clock::now() + options_.timeout, end));
+    if (reply) return *std::move(reply);
   }
   const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
   fail(fmt::format("no reply within {} ms", waited.count()));
@@ -119,7 +119,7 @@ std::optional<Reply> UdpLink::await(const Request& request, Clock::time_point de
       if (errno == EAGAIN || errno == EINTR) continue;
       fail(fmt::format("cannot receive: {}", std::strerror(errno)));
     }
-    const auto reply = decodeReply(std::span(buffer).first(static_cast<std::size_t>(size)));
+    auto reply = decodeReply(std::span(buffer).first(static_cast<std::size_t>(size)));
     if (reply && answers(*reply, request)) return reply;
   }
 }

@@ -252,6 +252,83 @@ class Decoder {
   void (*detach_)(dvbpsi_t*) = nullptr;
 };
 
+// Walks through the body of a section by the lengths that stand in it.
+class Body {
+ public:
+  explicit Body(const Section& section)
+      : rest_(std::span(section.bytes).first(section.bytes.size() - client::kCrcSize)) {
+    rest_ = rest_.subspan(client::kSectionHeaderSize);
+  }
+
+  bool atEnd() const { return rest_.empty(); }
+
+  bool skip(std::size_t size) {
+    if (size > rest_.size()) return false;
+    rest_ = rest_.subspan(size);
+    return true;
+  }
+
+  // A loop of descriptors behind its 12-bit length.
+  bool skipDescriptorLoop() {
+    if (rest_.size() < kLoopLengthSize) return false;
+    const std::size_t length = wire::get16(rest_.data()) & 0x0FFFu;
+    rest_ = rest_.subspan(kLoopLengthSize);
+    return length <= rest_.size() && areDescriptors(rest_.first(length)) && skip(length);
+  }
+
+  // What is left, all of it.
+  bool restIsDescriptors() const { return areDescriptors(rest_); }
+
+  // Entries of `size` bytes and a loop of descriptors each, up to the end.
+  bool restIsEntries(std::size_t size) {
+    while (!atEnd()) {
+      if (!skip(size) || !skipDescriptorLoop()) return false;
+    }
+    return true;
+  }
+
+  // The length of a loop that must be all that is left.
+  bool lengthOfRest() {
+    if (rest_.size() < kLoopLengthSize) return false;
+    const std::size_t length = wire::get16(rest_.data()) & 0x0FFFu;
+    return skip(kLoopLengthSize) && length == rest_.size();
+  }
+
+ private:
+  static constexpr std::size_t kLoopLengthSize = 2;
+
+  static bool areDescriptors(std::span<const u8> loop) {
+    while (!loop.empty()) {
+      if (loop.size() < 2 || loop.size() < 2u + loop[1]) return false;
+      loop = loop.subspan(2u + loop[1]);
+    }
+    return true;
+  }
+
+  std::span<const u8> rest_;
+};
+
+// libdvbpsi trusts the lengths in a section, and reads beyond it where they are wrong.
+bool isWellFormed(const Section& section) {
+  Body body(section);
+  switch (client::tableOfId(section.tableId()).value()) {
+    case TableType::kPat:
+      return (section.bytes.size() - client::kSectionHeaderSize - client::kCrcSize) % 4 == 0;
+    case TableType::kCat:
+      return body.restIsDescriptors();
+    case TableType::kPmt:
+      return body.skip(2) && body.skipDescriptorLoop() && body.restIsEntries(3);
+    case TableType::kSdtC:
+    case TableType::kSdtO:
+      return body.skip(3) && body.restIsEntries(3);
+    case TableType::kNitC:
+    case TableType::kNitO:
+    case TableType::kBat:
+      return body.skipDescriptorLoop() && body.lengthOfRest() && body.restIsEntries(4);
+  }
+  return false;
+}
+
 // libdvbpsi waits for all sections of a table; told that this one is all, it decodes what there is of it.
 Section alone(Section section) {
   section.bytes[6] = 0;
@@ -265,6 +342,7 @@ Section alone(Section section) {
 
 Json decodeSection(const Section& section) {
   Json out;
+  if (!isWellFormed(section)) return out;
   Decoder decoder(section, out);
   std::vector<client::Packet> packets;
   u8 continuity = 0;

@@ -133,8 +133,15 @@ void show(const Options& options) {
   }
   const auto status = statusOf(link);
   const Json report = tools::psiReport(tables, channel, status ? tools::auxHzOf(*status) : std::nullopt);
+  // Saved first: whoever reads the output may stop reading.
+  std::exception_ptr failure;
+  try {
+    if (!options.file.empty()) save(tables, options.file);
+  } catch (const std::exception&) {
+    failure = std::current_exception();
+  }
   fmt::print("{}", options.json ? report.dump(2) + "\n" : tools::psiText(report));
-  if (!options.file.empty()) save(tables, options.file);
+  if (failure) std::rethrow_exception(failure);
 }
 
 void setIntervals(const Options& options) {

@@ -8,9 +8,9 @@
 #include "client/udp_link.h"
 #include "tests/client/fake_server.h"
 
+namespace client {
 namespace {
 
-using namespace client;
 using namespace std::chrono_literals;
 
 const Request kRequest{.operation = Operation::kWrite,
@@ -46,7 +46,7 @@ TEST(Datagram, IsNothingWhenShortOrForeign) {
     EXPECT_EQ(decodeRequest(std::span(request).first(size)).has_value(), size >= kRequestHeaderSize) << size;
     EXPECT_EQ(decodeReply(std::span(reply).first(size)).has_value(), size >= kReplyHeaderSize) << size;
   }
-  for (const std::size_t at : {0, 1, 2, 3}) {
+  for (std::size_t at = 0; at < 4; ++at) {
     Bytes other = request;
     other[at] ^= 0x80;
     EXPECT_FALSE(decodeRequest(other)) << at;
@@ -135,3 +135,4 @@ TEST(UdpLink, KnowsAServerByItsForm) {
 }
 
 }  // namespace
+}  // namespace client

@@ -10,10 +10,9 @@
 #include "client/upload_plan.h"
 #include "tests/client/streams.h"
 
+namespace client {
 namespace {
 
-using namespace client;
-using test::Head;
 using test::makePat;
 using test::makeSection;
 using test::Stream;
@@ -392,3 +391,4 @@ TEST(PsiCapture, NeverMakesUpASection) {
 }
 
 }  // namespace
+}  // namespace client

@@ -8,9 +8,9 @@
 #include "tests/client/fake_card.h"
 #include "tests/client/streams.h"
 
+namespace client {
 namespace {
 
-using namespace client;
 using test::FakeCard;
 using test::FakeLink;
 
@@ -324,3 +324,4 @@ TEST(ReadBack, RefusesRepliesThatDoNotFit) {
 }
 
 }  // namespace
+}  // namespace client

@@ -11,9 +11,8 @@
 #include "tests/client/fake_server.h"
 #include "tests/client/streams.h"
 
+namespace client {
 namespace {
-
-using namespace client;
 
 struct Outcome {
   int code;
@@ -21,7 +20,7 @@ struct Outcome {
 };
 
 class Qamctl : public ::testing::Test {
- protected:
+ public:
   Qamctl() : server_([this](const Request& r) { return std::vector<Bytes>{encode(answer(r))}; }) {
     std::string pattern = ::testing::TempDir() + "qamctlXXXXXX";
     folder_ = mkdtemp(pattern.data());
@@ -159,3 +158,4 @@ TEST_F(Qamctl, KnowsAWrongCall) {
 }
 
 }  // namespace
+}  // namespace client

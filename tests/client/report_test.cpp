@@ -13,9 +13,9 @@
 #include "tools/psi_report.h"
 #include "tools/status_report.h"
 
+namespace client {
 namespace {
 
-using namespace client;
 using tools::Json;
 
 TEST(DvbText, ReadsEveryTableAndLetsNoControlThrough) {
@@ -128,7 +128,7 @@ TEST(PsiReport, SurvivesSectionsOfNonsense) {
 }
 
 TEST(PsiReport, TellsTheTimeOfAWholeTable) {
-  const auto table = [](TableType type, std::vector<std::size_t> groups, u32 interval) {
+  const auto table = [](TableType type, const std::vector<std::size_t>& groups, u32 interval) {
     ReadBack::Table t{
         .interval_ticks = interval, .stored = 0, .pids = {{.pid = 1, .stored = 0, .packets = {}}}};
     for (const std::size_t size : groups) {
@@ -190,3 +190,4 @@ TEST(StatusReport, TakesAnyObject) {
 }
 
 }  // namespace
+}  // namespace client

@@ -9,9 +9,9 @@
 #include "client/psi_capture.h"
 #include "tests/client/streams.h"
 
+namespace client {
 namespace {
 
-using namespace client;
 using test::makeSection;
 
 std::vector<Section> sectionsOf(const char* name) {
@@ -58,14 +58,15 @@ TEST(UploadPlan, PacksEverySectionInOrderIntoChunksOfOnePidAndTable) {
 
 std::vector<Section> sdts(std::size_t packets) {
   std::vector<Section> sections;
-  for (u16 i = 0; i < packets; ++i) sections.push_back(makeSection({.extension = i}, 100));
+  for (std::size_t i = 0; i < packets; ++i)
+    sections.push_back(makeSection({.extension = static_cast<u16>(i)}, 100));
   return sections;
 }
 
 std::vector<Section> pmts(std::size_t packets, u16 pid = 0x100) {
   std::vector<Section> sections;
-  for (u16 i = 0; i < packets; ++i)
-    sections.push_back(makeSection({.pid = pid, .tableId = 2, .extension = i}, 100));
+  for (std::size_t i = 0; i < packets; ++i)
+    sections.push_back(makeSection({.pid = pid, .tableId = 2, .extension = static_cast<u16>(i)}, 100));
   return sections;
 }
 
@@ -100,3 +101,4 @@ TEST(UploadPlan, RefusesWhatACardCannotHold) {
 }
 
 }  // namespace
+}  // namespace client

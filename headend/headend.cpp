@@ -1,6 +1,7 @@
 #include "headend/headend.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -75,7 +76,7 @@ Headend::Headend(Options options)
   installCards();
   openOutputs();
   if (options_.manage) backEnd_.socket().openToHost(options_.manage->first, options_.manage->second);
-  warnOfParameterFiles();
+  lookAtParameterFiles();
   setRunning(this);
   chassis_.start(options_.slots);
   backEnd_.start();
@@ -148,21 +149,32 @@ void Headend::openOutputs() {
   }
 }
 
-void Headend::warnOfParameterFiles() {
+// What the card will make of its parameter file, said before it does. A file that it cannot open for update
+// it takes for missing and replaces with defaults: that is refused here.
+void Headend::lookAtParameterFiles() {
   for (const int slot : options_.slots) {
     const fs::path file = options_.flash / "para" / fmt::format("card{}.dat", slot + 1);
+    std::error_code ignored;
+    if (!fs::is_regular_file(file, ignored)) continue;
+    if (::access(file.c_str(), R_OK | W_OK) != 0) {
+      throw std::runtime_error(
+          fmt::format("parameter file {} cannot be opened for update: {}. The card would take it for missing "
+                      "and put defaults in "
+                      "its place: make it writable, or move it away",
+                      file.string(), std::strerror(errno)));
+    }
     std::array<char, 8> head{};
     std::ifstream stream(file, std::ios::binary);
-    if (!stream.read(head.data(), head.size()) || head[0] != QAM_CARD_TYPE || head[2] != 'd') continue;
-    std::error_code ignored;
+    stream.read(head.data(), head.size());
+    const bool ofThisKind = stream.gcount() == head.size() && head[0] == QAM_CARD_TYPE && head[2] == 'd';
     const auto size = fs::file_size(file, ignored);
     if (size < sizeof(QamCardPara)) {
       log_.line(0, "headend",
-                fmt::format("{} is short: {} of {} bytes; the card keeps the rest as its memory came "
-                            "(--heap-fill)",
-                            file.string(), size, sizeof(QamCardPara)));
+                fmt::format("{} is short: {} of {} bytes; {}", file.string(), size, sizeof(QamCardPara),
+                            ofThisKind ? "the card keeps the rest as its memory came (--heap-fill)"
+                                       : "the card takes defaults"));
     }
-    if (head[1] != slot) {
+    if (ofThisKind && head[1] != slot) {
       log_.line(0, "headend",
                 fmt::format("{} was made for slot {}; the card takes it all the same", file.string(),
                             static_cast<u8>(head[1]) + 1));
@@ -227,6 +239,7 @@ Headend::CardState Headend::state(int slot) const {
   const auto hangs = [slot](const ParkedTask& p) { return p.still && p.slot == slot; };
   if (std::any_of(parkedTasks_.begin(), parkedTasks_.end(), hangs)) return CardState::kHung;
   if (!s.initReturned) return s.descriptor == nullptr ? CardState::kNotRegistered : CardState::kStarting;
+  if (s.descriptor->varPtr == nullptr) return CardState::kNoRecord;
   const FpgaConfiguration& part = cards_[static_cast<std::size_t>(slot)]->configuration();
   if (part.done()) return CardState::kRunning;
   return part.attempts() == 0 ? CardState::kNoBitstream : CardState::kConfigError;
@@ -246,6 +259,8 @@ const char* stateName(Headend::CardState state) {
       return "hung";
     case Headend::CardState::kNotRegistered:
       return "not_registered";
+    case Headend::CardState::kNoRecord:
+      return "no_record";
   }
   return "";
 }

@@ -37,7 +37,7 @@ class Headend final : private KernelObserver {
     Nanos since = 0;
     bool still = true;
   };
-  enum class CardState { kStarting, kRunning, kConfigError, kNoBitstream, kHung, kNotRegistered };
+  enum class CardState { kStarting, kRunning, kConfigError, kNoBitstream, kHung, kNotRegistered, kNoRecord };
 
   // Reads the captures and opens outputs and sockets. Throws std::runtime_error that says what cannot be
   // used.
@@ -87,7 +87,7 @@ class Headend final : private KernelObserver {
   std::vector<Operator::Job> prepareJobs();
   void openOutputs();
   void installCards();
-  void warnOfParameterFiles();
+  void lookAtParameterFiles();
   void noteConfiguration(int slot, bool complete, Nanos now);
   void finishOutputs();
   int exitCode();

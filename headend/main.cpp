@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
   if (line.exitCode) return *line.exitCode;
   struct sigaction action {};
   action.sa_handler = onSignal;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second one ends it at once
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
   std::signal(SIGPIPE, SIG_IGN);

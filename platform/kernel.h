@@ -38,7 +38,7 @@ int sysClkRateGet();  // ticks a second of the system clock; interrupt routines 
 
 // A queue of at most `maxMsgs` messages of at most `maxMsgLength` bytes; null when memory is short.
 MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options);
-// ERROR when the queue stays full for `timeout` ticks. Interrupt routines may send with NO_WAIT.
+// ERROR when the queue stays full for `timeout` ticks, or is null. Interrupt routines may send with NO_WAIT.
 int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int priority);
 // The message's length; ERROR when none came within `timeout` ticks, or the queue is null.
 int msgQReceive(MSG_Q_ID queue, char* buffer, unsigned maxLength, int timeout);

@@ -51,7 +51,7 @@ class Chassis {
 
   // The services of platform/chassis.h.
   void cardInsert(chassis::card* card);
-  int save(u8 slot);
+  int save(u8 number);
   void configureBus(u8 slot, int arg1, int arg2) { slots_[slot].bus = {arg1, arg2}; }
   void setCardType(u8 slot, int typeCode) { slots_[slot].typeCode = typeCode; }
   void panelLine(int line, std::string text);

@@ -17,6 +17,7 @@ class BitstreamReceiver {
  public:
   void restart() { *this = BitstreamReceiver(); }
   void bit(bool value);
+  void refuse() { state_ = State::kRefused; }
   bool accepted() const { return state_ == State::kAccepted; }
 
  private:

@@ -11,23 +11,30 @@ constexpr u8 kSync = 0x47;
 
 void PsiPort::reset() {
   position_ = 0;
-  lost_ = false;
+  lost_ = Lost::kNo;
 }
 
 void PsiPort::write(u16 word, Nanos now) {
   const bool isData = word <= 0xFF;
-  if (lost_ && !isData) return;
-  lost_ = false;
+  const bool isFiller = word == kFiller;
+  if (lost_ == Lost::kUntilFiller && isFiller) lost_ = Lost::kUntilData;
+  if (lost_ == Lost::kUntilData && isData) lost_ = Lost::kNo;
+  if (lost_ != Lost::kNo) return;
 
-  const bool wantsData = position_ < kTsPacket;
-  if (isData != wantsData || (!isData && word != kFiller)) {
-    violations_.count("psi_packet_misframed");
-    position_ = 0;
-    lost_ = !isData;
-    if (lost_) return;
+  if (position_ < kTsPacket && !isData) return misframed(isFiller ? Lost::kUntilData : Lost::kUntilFiller);
+  if (position_ >= kTsPacket && !isFiller) {
+    if (isData && word != kSync) return misframed(Lost::kUntilFiller);  // too long
+    misframed(isData ? Lost::kNo : Lost::kUntilData);
+    if (!isData) return;  // else the next packet begins, before the filler of this one was complete
   }
   if (position_ < kTsPacket) packet_[position_] = static_cast<u8>(word);
   if (++position_ == kWritesAPacket) complete(now);
+}
+
+void PsiPort::misframed(Lost lost) {
+  violations_.count("psi_packet_misframed");
+  position_ = 0;
+  lost_ = lost;
 }
 
 void PsiPort::complete(Nanos now) {

@@ -17,13 +17,17 @@ class PsiPort {
   void write(u16 word, Nanos now);
 
  private:
+  // A misframed packet is lost to its end, so that it counts once.
+  enum class Lost { kNo, kUntilFiller, kUntilData };
+
+  void misframed(Lost lost);
   void complete(Nanos now);
 
   Multiplexer& output_;
   Violations& violations_;
   std::array<u8, kTsPacket> packet_{};
   std::size_t position_ = 0;
-  bool lost_ = false;  // after a misframed packet, until the next data word
+  Lost lost_ = Lost::kNo;
 };
 
 }  // namespace headend

@@ -52,7 +52,7 @@ std::string Flash::replace(const std::string& path, std::span<const u8> content)
   if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
   const std::string aside = host->string() + ".new";
   const auto failed = [&](const char* what) {
-    const std::string text =
+    std::string text =
         fmt::format("cannot save {}: {} failed: {}", host->string(), what, std::strerror(errno));
     ::unlink(aside.c_str());
     return text;

@@ -86,6 +86,7 @@ void Kernel::systemTick() {
 // ---- Interrupts ----
 
 void Kernel::interrupt(const char* name, int slot, void (*routine)(u8), u8 argument) {
+  if (stopping_) return;  // a routine that was refused stands where it asked, and must not go on
   interrupt_ = {name, slot, routine, argument};
   inInterrupt_ = true;
   const Nanos begin = now_;
@@ -142,9 +143,10 @@ void Kernel::reschedule() {
   if (stopping_) leave();
   if (ready_.empty() || current_->lockDepth > 0) return;
   const int best = ready_.front()->priority;
-  const bool sliceOver = sliceEnded_ && best == current_->priority;
-  if (best < current_->priority || sliceOver) {
-    insertReady(*current_, sliceOver);
+  // A slice is over for a task that a higher one displaces too, or its equals would wait for ever where one
+  // wakes with each tick.
+  if (best < current_->priority || (sliceEnded_ && best == current_->priority)) {
+    insertReady(*current_, sliceEnded_);
     leave();
   }
 }
@@ -193,6 +195,7 @@ void Kernel::wakeFirst(std::vector<Task*>& list) {
 
 void Kernel::sleepUntil(Nanos when) {
   requireTask("sleepUntil");
+  notePollingEnds();
   if (when <= now_) return;
   Task& task = *current_;
   at(when, [this, &task] { makeReady(task); });
@@ -364,14 +367,14 @@ int Kernel::take(os::Semaphore* semaphore, int timeout) {
 }
 
 int Kernel::give(os::Semaphore* semaphore) {
+  if (!inInterrupt_) notePollingEnds();
+  spend(settings_.costs.kernelCall);
   if (semaphore == nullptr) return os::ERROR;
   if (semaphore->mutex) {
     requireTask("semGive of a mutex");
     if (semaphore->owner != current_) return os::ERROR;
     if (--semaphore->depth > 0) return os::OK;
   }
-  if (!inInterrupt_) notePollingEnds();
-  spend(settings_.costs.kernelCall);
   if (semaphore->waiters.empty()) {
     semaphore->available = true;
     semaphore->owner = nullptr;

@@ -169,6 +169,7 @@ class Kernel {
   // For the chassis's own tasks: wait on a list until woken or `timeout` ticks have come (false).
   bool waitOn(std::vector<Task*>& list, int timeout);
   void wakeFirst(std::vector<Task*>& list);
+  void reschedule();  // after a wake, in a task
   void sleepUntil(Nanos when);
 
   const Task* current() const { return current_; }
@@ -190,7 +191,6 @@ class Kernel {
   void dispatchDue();
   void findDue();
   void systemTick();
-  void reschedule();
   void leave();
   void makeReady(Task& task);
   void insertReady(Task& task, bool behindEquals);

@@ -64,6 +64,7 @@ std::string UdpSocket::hostAddress() const {
 std::optional<Datagram> UdpSocket::receive(int timeout) {
   Kernel& kernel = network_.kernel_;
   kernel.requireTask("recvfrom");
+  kernel.notePollingEnds();
   kernel.spend(kernel.settings().costs.kernelCall);
   while (waiting_.empty()) {
     if (timeout == os::NO_WAIT || !kernel.waitOn(waiters_, timeout)) return std::nullopt;
@@ -76,6 +77,7 @@ std::optional<Datagram> UdpSocket::receive(int timeout) {
 void UdpSocket::send(const Endpoint& to, const std::vector<u8>& bytes) {
   Kernel& kernel = network_.kernel_;
   kernel.requireTask("sendto");
+  kernel.notePollingEnds();
   if (to.address == 0) {
     const auto socket = network_.sockets_.find(to.port);
     if (socket != network_.sockets_.end()) {
@@ -89,6 +91,7 @@ void UdpSocket::send(const Endpoint& to, const std::vector<u8>& bytes) {
         ::sendto(fd_, bytes.data(), bytes.size(), 0, generic(form), sizeof form);
   }
   kernel.spend(kernel.settings().costs.kernelCall);
+  kernel.reschedule();  // the receiver may be the more urgent task
 }
 
 void UdpSocket::deliver(Datagram datagram) {

@@ -316,6 +316,13 @@ void Headend::checkFailed(const char* text, const char* unit, int line) {
   log_.line(kernel_.now(), who, fmt::format("check failed: {} ({}, line {})", text, unit, line));
 }
 
+// Said at once: the card does not test every allocation, and this may be the run's last line.
+void Headend::heapExhausted(std::size_t size) {
+  log_.line(kernel_.now(), "headend",
+            fmt::format("the heap (--heap {}) has no {} bytes left for {}", options_.heapBytes, size,
+                        kernel_.current() != nullptr ? kernel_.current()->name : "the chassis"));
+}
+
 void Headend::debugPrint(const char* format, std::va_list args) {
   std::array<char, 512> text{};
   std::vsnprintf(text.data(), text.size(), format, args);

@@ -70,6 +70,7 @@ class Headend final : private KernelObserver {
   const Flash& flash() const { return flash_; }
   Bus& bus() { return bus_; }
   void checkFailed(const char* text, const char* unit, int line);
+  void heapExhausted(std::size_t size);
   void debugPrint(const char* format, std::va_list args);
 
   // Called once a system tick, on the running task's stack: for views of a person who watches.

@@ -13,6 +13,7 @@ Log::Log(const std::string& file) : file_(stderr) {
   file_ = std::fopen(file.c_str(), "we");
   if (file_ == nullptr)
     throw std::runtime_error(fmt::format("cannot open log {}: {}", file, std::strerror(errno)));
+  std::setvbuf(file_, nullptr, _IOLBF, BUFSIZ);  // a run that crashes leaves its last line
 }
 
 Log::~Log() {

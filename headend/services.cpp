@@ -81,7 +81,9 @@ std::FILE* fopen(const char* path, const char* mode) {
 
 void* malloc(std::size_t size) {
   charge("malloc", costs().memoryCall);
-  return running->heap().allocate(size);
+  void* block = running->heap().allocate(size);
+  if (block == nullptr) running->heapExhausted(size);
+  return block;
 }
 
 void free(void* block) {

@@ -71,7 +71,6 @@ BITSTREAMS = {
     'cut to one byte': (lambda d: d[:1], [], 1, 'config_error', 10, ['fpga_done is 0']),
     'flipped bit': (flipped, [], 1, 'config_error', 10, ['fpga_done is 0']),
     'bits reversed': (reversed_bits, [], 1, 'config_error', 10, ['fpga_done is 0']),
-    'longer': (lambda d: d + b'\0', [], 1, 'config_error', 10, ['fpga_done is 0']),
     'own': (lambda d: bytes(range(256)) * 20, [], 1, 'config_error', 10, ['fpga_done is 0']),
     'own, allowed': (lambda d: bytes(range(256)) * 20, ['--any-bitstream'], 0, 'running', 1, []),
 }
@@ -112,38 +111,40 @@ def all_crc_bad(capture):
     return bytes(out)
 
 
-# name: sample, change, exit codes, texts. A capture that is refused leaves the store as it was.
+# name: sample, change, exit code, texts. A capture that is refused leaves the store as it was.
 CAPTURES = {
-    'good': ('psi-small.ts', None, (0,), []),
-    'not a stream': ('not-a-stream.ts', None, (1, 2), ['not-a-stream.ts']),
-    'empty': ('psi-small.ts', lambda c: b'', (1, 2), ['capture.ts']),
-    'no tables': ('psi-small.ts', no_tables, (1, 2), ['capture.ts']),
-    'all CRC bad': ('psi-small.ts', all_crc_bad, (1, 2), ['capture.ts']),
-    'too many': ('psi-too-many.ts', None, (1, 2), ['psi-too-many.ts', '512|255']),
-    'PID taken for free': ('psi-pid-1ff.ts', None, (1, 2), ['psi-pid-1ff.ts', '0x0*1ff']),
-    'cut in a packet': ('psi-small.ts', cut_in_a_packet, (0,), []),
-    'broken': ('broken.ts', None, (0,), ['CRC']),
-    'other tables too': ('psi-eit.ts', None, (0,), ['EIT|0x4e']),
+    'good': ('psi-small.ts', None, 0, []),
+    'not a stream': ('not-a-stream.ts', None, 1, ['not-a-stream.ts']),
+    'empty': ('psi-small.ts', lambda c: b'', 1, ['capture.ts']),
+    'no tables': ('psi-small.ts', no_tables, 1, ['capture.ts']),
+    'all CRC bad': ('psi-small.ts', all_crc_bad, 1, ['capture.ts']),
+    'too many': ('psi-too-many.ts', None, 1, ['psi-too-many.ts', '512|255']),
+    'PID taken for free': ('psi-pid-1ff.ts', None, 1, ['psi-pid-1ff.ts', '0x0*1ff']),
+    'cut in a packet': ('psi-small.ts', cut_in_a_packet, 0, []),
+    'broken': ('broken.ts', None, 0, ['CRC']),
+    'other tables too': ('psi-eit.ts', None, 0, ['EIT|0x4e']),
 }
 
 
 def captures(case):
-    for name, (sample, change, codes, texts) in CAPTURES.items():
+    for name, (sample, change, code, texts) in CAPTURES.items():
         flash, path = case.flash(name), case.sample(sample)
         if change:
             path = case.path('capture.ts')
             harness.write(path, change(harness.read(case.sample(sample))))
-        run = case.fast(flash, 3, '--psi', f'1.1={path}', codes=codes)
+        run = case.fast(flash, 3, '--psi', f'1.1={path}', codes=(code,))
         case.says(run, *texts)
         file = os.path.join(flash, record_file(1))
-        if 0 in codes:
+        if code == 0:
             case.card(run, 1)
             stored = harness.read(file)[6524:]
             case.check(stored[:192] != b'\xff' * 192, f'{name}: nothing is stored')
         elif os.path.exists(file):
             case.check(harness.read(file) == default_record(1), f'{name}: the store has changed')
         case.tidy(flash)
-    case.says(case.fast(case.flash('none'), 3, '--psi', '1.1=/nonexistent/x.ts', codes=(1, 2)), '/nonexistent/x.ts')
+    flash = case.flash()
+    for name in ('/nonexistent/x.ts', case.sample('psi-small.ts') + '@x', case.sample('psi-small.ts') + '@-1'):
+        case.says(case.fast(flash, 3, '--psi', f'1.1={name}', codes=(1,)), name)
 
 
 def outputs(case):
@@ -154,8 +155,10 @@ def outputs(case):
         run = case.fast(flash, 3, '--psi', f'1.1={case.sample("psi-small.ts")}', '--out', f'1.1={target}', codes=(1,))
         case.says(run, target)
     case.check(not os.path.exists(os.path.dirname(missing)), 'a folder was made for an output')
+    for target in ('udp://127.0.0.1', 'udp://127.0.0.1:x', 'udp://127.0.0.1:70000'):
+        case.says(case.fast(flash, 3, '--out', f'1.1={target}', codes=(1, 2)), target)
     for flag in ('--log', '--bus-log', '--report'):
-        run = case.headend('--fast', '--seconds', '1', '--flash', flash, flag, missing, codes=(1, 2))
+        run = case.headend('--fast', '--seconds', '1', '--flash', flash, flag, missing, codes=(1,))
         case.says(run, missing)
     case.tidy(flash)
 
@@ -187,15 +190,15 @@ def flash_full(case):
 def flash_unwritable(case):
     """Nothing can be saved, as on a write-protected flash; a file where the folder should be stops root as well."""
     flash = case.flash()
-    with open(os.path.join(flash, 'para'), 'w'):
-        pass
+    os.rmdir(os.path.join(flash, 'para'))
+    harness.write(os.path.join(flash, 'para'), b'')
     run = case.fast(flash, 3, '--psi', f'1.1={case.sample("psi-small.ts")}', codes=(1,))
     case.says(run, 'para')
     case.tidy(flash, 'para')
     occupied = case.path('occupied')
     harness.write(occupied, b'mine')
     for call in (['--init-flash'], ['--fast', '--seconds', '1']):
-        case.says(case.headend('--flash', occupied, *call, codes=(1, 2)), 'occupied')
+        case.says(case.headend('--flash', occupied, *call, codes=(1,)), 'occupied')
         case.equal(harness.read(occupied), b'mine', 'a file in the place of the flash folder')
 
 
@@ -204,7 +207,7 @@ def flash_kept(case):
     flash = case.flash()
     harness.write(os.path.join(flash, record_file(1)), VALID)
     harness.write(os.path.join(flash, BITSTREAM), b'mine')
-    case.headend('--init-flash', '--flash', flash, codes=(0, 1))
+    case.headend('--init-flash', '--flash', flash, codes=(1,))
     case.equal(harness.read(os.path.join(flash, BITSTREAM)), b'mine', 'bitstream')
     case.check(harness.read(os.path.join(flash, record_file(1))) == VALID, 'the record has changed')
 
@@ -219,8 +222,6 @@ WRONG_CALLS = """--fast
 --fast --seconds 1 --psi 3.3=SMALL
 --fast --seconds 1 --psi 1.0=SMALL
 --fast --seconds 1 --psi 1.1
---fast --seconds 1 --psi 1.1=SMALL@x
---fast --seconds 1 --psi 1.1=SMALL@-1
 --fast --seconds 1 --psi 2.1=SMALL
 --fast --seconds 1 --interval 1.1.FOO=3
 --fast --seconds 1 --interval 1.1.PAT
@@ -231,9 +232,6 @@ WRONG_CALLS = """--fast
 --fast --seconds 1 --interval 1.3.PAT=3
 --fast --seconds 1 --out 1.1
 --fast --seconds 1 --out 9.1=OUT
---fast --seconds 1 --out 1.1=udp://127.0.0.1
---fast --seconds 1 --out 1.1=udp://127.0.0.1:x
---fast --seconds 1 --out 1.1=udp://127.0.0.1:70000
 --fast --seconds 1 --manage nonsense
 --fast --seconds 1 --aux-hz 0
 --fast --seconds 1 --tick-hz 0
@@ -254,7 +252,7 @@ def wrong_calls(case):
     case.check(harness.tree(flash) == before, 'a wrong call has changed the flash folder')
     case.check(not os.path.exists(case.path('out.ts')), 'a wrong call has made an output')
     nowhere = case.path('nowhere')
-    case.says(case.fast(nowhere, 1, codes=(1, 2)), 'nowhere', 'init-flash')
+    case.says(case.fast(nowhere, 1, codes=(1,)), 'nowhere', 'init-flash')
     case.check(not os.path.exists(nowhere), 'a flash folder was made unasked')
     run = case.execute([case.args.headend, '--help'])
     flags = """flash card psi interval out seconds fast manage log aux-hz tick-hz bus-ns seed report bus-log init-flash
@@ -267,7 +265,7 @@ def port_taken(case):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
         taken.bind(('127.0.0.1', 0))
         address = f'127.0.0.1:{taken.getsockname()[1]}'
-        case.says(case.fast(case.flash(), 1, '--manage', address, codes=(1, 2)), address)
+        case.says(case.fast(case.flash(), 1, '--manage', address, codes=(1,)), address)
 
 
 CASES = {

@@ -52,7 +52,7 @@ def store(record, channel):
 def defaults(case):
     flash = case.flash()
     case.equal(list(harness.tree(flash)), [harness.BITSTREAM], 'files of a new flash folder')
-    run = case.fast(flash, 2, *(word for slot in range(1, 7) for word in ('--card', str(slot))))
+    run = case.fast(flash, 4, *(word for slot in range(1, 7) for word in ('--card', str(slot))))
     case.clean(run, assertions=4)  # slots 3 to 6
     for slot in range(1, 7):
         case.card(run, slot)

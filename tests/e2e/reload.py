@@ -3,7 +3,7 @@
 import os
 
 import harness
-from harness import RATE, TYPES
+from harness import PSI_LOCK, RATE, READ, TYPES, Client, Server
 
 # name: first upload, second upload, interval of all types, nanoseconds per bus access. The more a packet costs to
 # write, the fuller the queues; 8 packets a tick of 204 writes at 500 ns leave little of the tick.
@@ -15,8 +15,8 @@ ROWS = {
     'hard-pressed': ('psi-many.ts', 'psi-many.ts', 1, 500),
     'emptied': ('psi-full.ts', 'two-programmes.ts', 3, 300),
 }
-OFFSETS = ('1.5', '1.50037', '1.5021', '1.50333', '1.5109')
-STILL_LOADING = 2.5  # seconds after which the second upload is surely in place
+OFFSETS = ('3', '3.00037', '3.0021', '3.00333', '3.0109')  # the start takes up to 2 s
+LOADED = 4.5  # the second upload is in place
 CUTS = {'fast-bus', 'busy', 'pressed', 'hard-pressed'}  # sections of several packets are always on the way
 
 
@@ -28,7 +28,7 @@ def reload(name):
         for offset in OFFSETS:
             flash, out = case.flash(f'flash{offset}'), case.path('out.ts')
             intervals = [word for table in TYPES for word in ('--interval', f'1.1.{table}={ticks}')]
-            run = case.fast(flash, 5, '--bus-ns', str(bus_ns), '--out', f'1.1={out}', *intervals, '--psi',
+            run = case.fast(flash, 7.5, '--bus-ns', str(bus_ns), '--out', f'1.1={out}', *intervals, '--psi',
                             f'1.1={case.sample(first)}', '--psi', f'1.1={case.sample(second)}@{offset}')
             case.clean(run)
             case.card(run, 1)
@@ -36,7 +36,7 @@ def reload(name):
             cut += seen.get('cut_sections', 0)
             case.check(seen.get('table_packets', 0) > 20, f'hardly anything on the air: {seen}')
             case.judge('--source', case.sample(second), '--out', out, *RATE, '--untimed', '--from',
-                       str(STILL_LOADING), '--default-interval', str(ticks))
+                       str(LOADED), '--default-interval', str(ticks))
             os.remove(out)
         if name in CUTS:
             case.check(cut > 0, 'no section was ever cut short, so the rows show nothing')
@@ -44,16 +44,24 @@ def reload(name):
 
 
 def starved(case):
-    """On a bus so slow that two channels keep the processor busy, the back end is not served, and that is said."""
-    flash = case.flash()
-    flags = []
+    """On a bus so slow that two channels keep the processor busy no request is served, and the load is named."""
+    flags = ['--bus-ns', '800']
     for channel in (1, 2):
         flags += [word for t in TYPES for word in ('--interval', f'1.{channel}.{t}=1')]
         flags += ['--psi', f'1.{channel}={case.sample("psi-many.ts")}']
-    run = case.fast(flash, 8, '--bus-ns', '800', *flags, '--psi', f'1.1={case.sample("psi-small.ts")}@3',
-                    codes=(0, 1))
-    case.card(run, 1)
-    case.says(run, r'wait|starv')
+    with Server(case, case.flash(), *flags) as server:
+        client = Client(server.port)
+
+        def asked_in_vain():
+            client.send(Client.datagram(READ, PSI_LOCK, 1, 1))
+            return 'qam0PSISend' in server.text()
+
+        case.check(server.wait(asked_in_vain), f'nobody is named for the delay: {server.text()[-900:]}')
+        report = server.stop()
+    late = report['late_requests']
+    if case.check(late, 'no late request in the report'):
+        senders = [load['task'] for load in late[0]['load'] if load['task'].startswith('qam0PSISend')]
+        case.equal(sorted(senders), ['qam0PSISend0', 'qam0PSISend1'], f'tasks in {late[0]}')
 
 
 CASES = {name: reload(name) for name in ROWS} | {'starved': starved}

@@ -1,0 +1,62 @@
+// A card's FPGA with its configuration port, and a loader that can make mistakes.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "headend/hardware/card_fpga.h"
+#include "headend/hardware/config_port.h"
+
+namespace test {
+
+using headend::Nanos;
+using Bytes = std::vector<u8>;
+
+enum Port : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
+
+struct Card {
+  headend::Violations violations;
+  headend::CardFpga fpga;
+  headend::ConfigPort port;
+  Nanos now = 0;
+
+  explicit Card(bool anyBitstream = true)
+      : fpga({.anyBitstream = anyBitstream, .seed = 1}, violations), port(fpga.configuration(), violations) {}
+
+  void set(u32 offset, u16 value) { port.write(offset, value, now); }
+  void request() {
+    set(kGuard, 0xC0DE);
+    set(kClock, 0);
+    set(kRequest, 0x3C5A);
+    set(kRequest, 0xC3A5);
+    now += 1'000'000;
+  }
+  void clocks(int count) {
+    for (int i = 0; i < count; ++i) set(kClock, 1), set(kClock, 0);
+  }
+  void clockIn(std::span<const u8> stream) {
+    for (const u8 byte : stream) {
+      for (int bit = 7; bit >= 0; --bit) set(kData, byte >> bit & 1), clocks(1);
+    }
+  }
+  void load(std::span<const u8> stream, int closingClocks = 10) {
+    request();
+    clockIn(stream);
+    clocks(closingClocks);
+    set(kGuard, 0);
+  }
+  void load() { load(Bytes{0x55}); }
+  bool done() { return port.read(kDone, now) != 0; }
+
+  u16 read(u32 offset) { return fpga.read(offset, now); }
+  void write(u32 offset, u16 value) { fpga.write(offset, value, now); }
+
+  std::uint64_t count(const std::string& kind) const {
+    const auto found = violations.counts().find(kind);
+    return found == violations.counts().end() ? 0 : found->second;
+  }
+};
+
+}  // namespace test

@@ -1,0 +1,101 @@
+// A whole headend in this process on a flash folder of its own, as quick as it goes, with a client's socket.
+// One per process where a card is in it: the card's module keeps its state from power-up to power-down. Tests
+// that need several run each in a child.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "client/datagram.h"
+#include "headend/headend.h"
+#include "headend/report.h"
+#include "tests/headend/loopback.h"
+#include "tests/headend/scratch.h"
+
+namespace test {
+
+using headend::Headend;
+using headend::kSecond;
+using headend::Nanos;
+
+inline headend::Options fastOptions(const fs::path& folder, Nanos duration, std::vector<int> slots = {0}) {
+  headend::Options options;
+  options.flash = folder / "flash";
+  options.slots = std::move(slots);
+  options.duration = duration;
+  options.fast = true;
+  options.log = folder / "log";
+  return options;
+}
+
+inline int run(Headend& headend) {
+  const std::atomic<bool> interrupted = false;
+  return headend.run(interrupted);
+}
+
+// A management client in a task of the chassis with a socket of the host: it waits in virtual time.
+class Client {
+ public:
+  explicit Client(Headend& headend) : headend_(headend) {}
+
+  void send(const client::Request& request) {
+    socket_.send(headend_.managementAddress(), client::encode(request));
+  }
+  // The reply as it came; nothing after `ticks`. Calls of one client carry ascending numbers.
+  Bytes callRaw(client::Request request, int ticks = 500) {
+    if (request.sequence == 0) request.sequence = ++sequence_;
+    send(request);
+    for (int i = 0; i < ticks; ++i) {
+      headend_.kernel().delay(1);
+      if (const auto reply = socket_.receive()) return *reply;
+    }
+    return {};
+  }
+  client::Reply call(const client::Request& request, int ticks = 500) {
+    const auto reply = client::decodeReply(callRaw(request, ticks));
+    if (reply) return *reply;
+    client::Reply none;
+    none.result = 0xFFFFFFFF;
+    return none;
+  }
+
+ private:
+  Headend& headend_;
+  Loopback socket_;
+  u32 sequence_ = 0;
+};
+
+// What `body` returns in a process of its own; its failed expectations come back too.
+inline std::string inChild(const std::function<std::string()>& body) {
+  int ends[2];
+  if (::pipe(ends) != 0) return "no pipe";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(ends[0]);
+    const bool failedBefore = testing::Test::HasFailure();
+    std::string text = body();
+    if (testing::Test::HasFailure() && !failedBefore) text += " (expectations failed in the child)";
+    for (std::size_t done = 0; done < text.size();) {
+      const ssize_t n = ::write(ends[1], text.data() + done, text.size() - done);
+      if (n <= 0) break;
+      done += static_cast<std::size_t>(n);
+    }
+    ::_exit(0);
+  }
+  ::close(ends[1]);
+  std::string text;
+  char buffer[65536];
+  for (ssize_t n = 0; (n = ::read(ends[0], buffer, sizeof buffer)) > 0;) {
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(ends[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return status == 0 ? text : "the child died of " + std::to_string(status);
+}
+
+}  // namespace test

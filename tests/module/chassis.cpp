@@ -1,0 +1,254 @@
+#include "tests/module/chassis.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "card/QamInit.h"
+#include "platform/bus.h"
+#include "platform/check.h"
+#include "platform/files.h"
+#include "platform/memory.h"
+
+namespace test {
+namespace {
+
+FakeChassis* current = nullptr;
+
+std::string formatted(const char* format, va_list arguments) {
+  char text[200];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  return text;
+}
+
+// A file of the flash while it is open.
+struct OpenFile {
+  std::string path;
+  Bytes content;
+  std::size_t readable;
+  std::size_t at = 0;
+  std::FILE* stream = nullptr;
+};
+
+ssize_t readFile(void* cookie, char* buffer, std::size_t size) {
+  auto* file = static_cast<OpenFile*>(cookie);
+  const std::size_t count = file->at < file->readable ? std::min(size, file->readable - file->at) : 0;
+  std::copy_n(file->content.data() + file->at, count, buffer);
+  file->at += count;
+  return static_cast<ssize_t>(count);
+}
+
+int seekFile(void* cookie, off64_t* offset, int whence) {
+  auto* file = static_cast<OpenFile*>(cookie);
+  const std::size_t base = whence == SEEK_END ? file->content.size() : whence == SEEK_CUR ? file->at : 0;
+  file->at = base + static_cast<std::size_t>(*offset);
+  *offset = static_cast<off64_t>(file->at);
+  return 0;
+}
+
+int closeFile(void* cookie) {
+  const std::unique_ptr<OpenFile> file(static_cast<OpenFile*>(cookie));
+  current->openFiles.erase(file->stream);
+  current->note("close " + file->path);
+  return 0;
+}
+
+}  // namespace
+
+void PrintTo(const Access& access, std::ostream* out) {
+  *out << fmt::format("{} {:08x} {:04x}", access.direction, access.address, access.value);
+}
+
+FakeChassis::FakeChassis() {
+  current = this;
+  chassis::head = nullptr;
+  chassis::pbbFpgaIf = &mainBoard_;
+}
+
+FakeChassis::~FakeChassis() {
+  for (void* block : blocks) std::free(block);
+  while (!openFiles.empty()) std::fclose(*openFiles.begin());
+  chassis::head = nullptr;
+}
+
+QamCardPara* FakeChassis::start(u8 slotNo) {
+  Qam_Init(slotNo);
+  QamInit(slotNo);
+  log.clear();
+  return GetQamCardParaFromList(slotNo);
+}
+
+bool FakeChassis::runs(const std::function<void()>& body) {
+  if (setjmp(wayOut_) != 0) return false;
+  body();
+  return true;
+}
+
+// The module's frames hold nothing that would need destruction.
+void FakeChassis::leave() {
+  std::longjmp(wayOut_, 1);
+}
+
+void* FakeChassis::busAddress(u32 address) {
+  return windows_ + (address - kWindows);
+}
+
+u32 FakeChassis::addressOf(const volatile void* reg) const {
+  const auto at = reinterpret_cast<std::uintptr_t>(reg);
+  const auto windows = reinterpret_cast<std::uintptr_t>(windows_);
+  if (at >= windows && at < windows + sizeof windows_) return kWindows + static_cast<u32>(at - windows);
+  return kMainBoard + static_cast<u32>(at - reinterpret_cast<std::uintptr_t>(&mainBoard_));
+}
+
+}  // namespace test
+
+using test::current;
+
+namespace os {
+
+u16 busRead16(const volatile void* reg) {
+  const u32 address = current->addressOf(reg);
+  const u16 value = current->onRead ? current->onRead(address) : u16{0};
+  current->accesses.push_back({'r', address, value});
+  return value;
+}
+
+void busWrite16(volatile void* reg, u16 value) {
+  current->accesses.push_back({'w', current->addressOf(reg), value});
+  if (current->onWrite) current->onWrite(current->addressOf(reg), value);
+}
+
+void* busAddress(u32 address) {
+  return current->busAddress(address);
+}
+
+void checkFailed(const char* text, const char* unit, int line) {
+  current->checks.push_back({text, unit, line});
+  if (current->stopsAtChecks) current->leave();
+}
+
+std::FILE* fopen(const char* path, const char* mode) {
+  current->note(fmt::format("open {} {}", path, mode));
+  const auto found = current->files.find(path);
+  if (found == current->files.end()) return nullptr;
+  const test::Bytes& content = found->second;
+  auto* file = new test::OpenFile{path, content, content.size() - current->unreadableTail};
+  file->stream = fopencookie(file, mode, {test::readFile, nullptr, test::seekFile, test::closeFile});
+  current->openFiles.insert(file->stream);
+  return file->stream;
+}
+
+void* malloc(std::size_t size) {
+  if (current->onCall) current->onCall("malloc");
+  if (current->heapBlocks-- <= 0) return nullptr;
+  void* block = std::malloc(size);
+  std::memset(block, current->heapFill, size);
+  current->blocks.insert(block);
+  return block;
+}
+
+void free(void* block) {
+  EXPECT_EQ(current->blocks.erase(block), 1U) << "freed, but not allocated";
+  std::free(block);
+}
+
+extern "C" {
+
+int taskSpawn(const char* name, int priority, int options, int stackSize, FUNCPTR entry, int arg1, int arg2,
+              int arg3, int arg4, int arg5, int arg6, int arg7, int arg8, int arg9, int arg10) {
+  current->note(fmt::format("spawn {} {} {} {} ({} {} {} {} {} {} {} {} {} {})", name, priority, options,
+                            stackSize, arg1, arg2, arg3, arg4, arg5, arg6, arg7, arg8, arg9, arg10));
+  current->tasks.push_back({entry, arg1, arg2});
+  return 1;
+}
+
+int taskDelay(int ticks) {
+  current->note(fmt::format("delay {}", ticks));
+  return OK;
+}
+
+int sysClkRateGet() {
+  return current->tickHz;
+}
+
+MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options) {
+  current->note(fmt::format("queue {} {} {}", maxMsgs, maxMsgLength, options));
+  if (!current->queuesToBeHad) return nullptr;
+  return current->queues.emplace_back(std::make_unique<MsgQ>()).get();
+}
+
+int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int priority) {
+  EXPECT_EQ(length, 4U);
+  EXPECT_EQ(timeout, NO_WAIT) << "an interrupt routine cannot wait";
+  EXPECT_EQ(priority, MSG_PRI_NORMAL);
+  if (queue->room == 0) return ERROR;
+  --queue->room;
+  std::memcpy(&queue->messages.emplace_back(), buffer, sizeof(u32));
+  return OK;
+}
+
+int msgQReceive(MSG_Q_ID queue, char* buffer, unsigned maxLength, int timeout) {
+  EXPECT_EQ(maxLength, 4U);
+  EXPECT_EQ(timeout, WAIT_FOREVER);
+  if (queue->messages.empty()) current->leave();
+  std::memcpy(buffer, &queue->messages.front(), sizeof(u32));
+  queue->messages.erase(queue->messages.begin());
+  return sizeof(u32);
+}
+
+}  // extern "C"
+}  // namespace os
+
+namespace chassis {
+extern "C" {
+
+card* head = nullptr;
+bbFpga_t* pbbFpgaIf = nullptr;
+
+void cardInsert(card* newCard) {
+  current->note(fmt::format("insert {}", newCard->slotNo));
+  newCard->next = head;
+  head = newCard;
+}
+
+void configOneSlotBus(u8 slotNo, int arg1, int arg2) {
+  current->note(fmt::format("configure bus {} {} {}", slotNo, arg1, arg2));
+}
+
+void setCardType(u8 slotNo, int typeCode) {
+  current->note(fmt::format("card type {} {}", slotNo, typeCode));
+}
+
+int para_save(u8 slotNo) {
+  if (current->onCall) current->onCall("save");
+  current->note(fmt::format("save {}", slotNo));
+  return 0;
+}
+
+void lcdPrintf(int line, int attribute, int arg3, int arg4, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  current->note(
+      fmt::format("lcd {} {:#x} {} {} {}", line, attribute, arg3, arg4, test::formatted(format, arguments)));
+  va_end(arguments);
+}
+
+void DebugPrint(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  current->note("debug " + test::formatted(format, arguments));
+  va_end(arguments);
+}
+
+int bc_vars_register(u32 base, u32 limit, const bc_var* table, const char* text) {
+  current->note(fmt::format("variables {:08x} {:08x} {}", base, limit, text));
+  current->variables = table;
+  return 0;
+}
+
+}  // extern "C"
+}  // namespace chassis

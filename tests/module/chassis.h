@@ -1,0 +1,122 @@
+// A chassis for tests of the module alone: it answers as a test tells it, and keeps what the module did, in
+// order. One chassis is one power-up; the module cannot be powered down, so ctest runs every test in a
+// process of its own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <csetjmp>
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "card/QamCardPara.h"
+#include "platform/backend.h"
+#include "platform/chassis.h"
+#include "platform/kernel.h"
+#include "platform/mainboard.h"
+
+// The tests' queue: what was sent, and how much more fits.
+struct os::MsgQ {
+  std::vector<u32> messages;
+  int room = 256;
+};
+
+namespace test {
+
+using Bytes = std::vector<u8>;
+using Lines = std::vector<std::string>;
+
+inline constexpr u32 kWindows = 0x60000000;    // the cards' windows on the bus
+inline constexpr u32 kMainBoard = 0x50000000;  // where the main board's FPGA answers here
+
+// A register access: 'r' or 'w', address on the bus, value.
+struct Access {
+  char direction;
+  u32 address;
+  u16 value;
+  bool operator==(const Access&) const = default;
+};
+void PrintTo(const Access& access, std::ostream* out);
+
+struct FailedCheck {
+  std::string text, unit;
+  int line;
+};
+
+struct Task {
+  os::FUNCPTR entry;
+  int slotNo, port;
+};
+
+class FakeChassis {
+ public:
+  FakeChassis();
+  ~FakeChassis();
+  FakeChassis(const FakeChassis&) = delete;
+  FakeChassis& operator=(const FakeChassis&) = delete;
+
+  // What it answers.
+  std::map<std::string, Bytes> files;  // the flash
+  std::size_t unreadableTail = 0;      // bytes at the end of each file that reading does not give
+  int tickHz = 100;
+  int heapBlocks = std::numeric_limits<int>::max();  // allocations until the heap is exhausted
+  u8 heapFill = 0xA7;
+  bool queuesToBeHad = true;
+  bool stopsAtChecks = false;                    // a failed check ends `runs`
+  std::function<u16(u32 address)> onRead;        // a register's value; 0 when empty
+  std::function<void(u32, u16)> onWrite;         // the model's view of writes
+  std::function<void(std::string_view)> onCall;  // "save" or "malloc", before it is carried out
+
+  // What the module did. `log` has a line a call, in order; allocations, queue traffic and registers are
+  // apart.
+  Lines log;
+  std::vector<Access> accesses;
+  std::vector<FailedCheck> checks;
+  std::vector<Task> tasks;
+  std::vector<std::unique_ptr<os::MsgQ>> queues;
+  const chassis::bc_var* variables = nullptr;  // the table registered last
+  std::set<void*> blocks;                      // allocated and not freed
+  std::set<std::FILE*> openFiles;
+
+  // Registers and starts a card whose FPGA needs no bitstream; the record. Leaves `log` empty.
+  QamCardPara* start(u8 slotNo);
+
+  // Runs `body`; false when it ended in a failed check, or waiting for a message that nobody will send.
+  bool runs(const std::function<void()>& body);
+  [[noreturn]] void leave();
+
+  u32 addressOf(const volatile void* reg) const;
+  void* busAddress(u32 address);
+  void note(std::string line) { log.push_back(std::move(line)); }
+
+ private:
+  std::jmp_buf wayOut_{};
+  alignas(Reg16) u8 windows_[0x2200] = {};
+  bbFpga_t mainBoard_;
+};
+
+class ModuleTest : public ::testing::Test {
+ protected:
+  FakeChassis fake;
+};
+
+// Rows of a table are known by their member `name`.
+inline constexpr auto kRowName = [](const auto& row) { return std::string(row.param.name); };
+
+template <class Row>
+requires requires(const Row& row) {
+  row.name;
+}
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.name;
+}
+
+}  // namespace test

@@ -314,7 +314,7 @@ TEST(PsiCapture, KeepsTheNewestCurrentSectionsOfEachTable) {
 
 // Sections back to back, with a header that lies across packets, as any multiplexer but ours packs them.
 TEST(PsiCapture, UnpacksSectionsThatSharePackets) {
-  for (std::size_t size = 150; size <= 180; ++size) {
+  for (std::size_t size = 150; size <= 182; ++size) {
     const Section a = makeSection({.extension = 1}, size - 12);
     const Section b = makeSection({.extension = 2}, 60);
     const Section c = makeSection({.extension = 3}, 5);

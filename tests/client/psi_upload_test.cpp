@@ -282,44 +282,36 @@ TEST(ReadBack, NoticesAStoreThatChangesMeanwhile) {
   }
 }
 
-// No reply of a server, however wrong, does harm.
 TEST(ReadBack, RefusesRepliesThatDoNotFit) {
-  const auto damage = [](int kind, Reply& reply) {
-    switch (kind) {
-      case 0:
-        reply.data.clear();
-        break;
-      case 1:
-        reply.data.push_back(0);
-        break;
-      case 2:
-        reply.data.pop_back();
-        break;
-      case 3:
-        reply.data[0] ^= 1;
-        break;
-      case 4:
-        reply.data.size() > 12 ? void(reply.data[12] = 255) : reply.data.clear();
-        break;
-      default:
-        reply.data.size() > 11 ? void(reply.data[reply.data.size() > 12 ? 11 : 0] ^= 2) : reply.data.clear();
-    }
+  struct Row {
+    const char* what;
+    u16 variable;
+    std::function<void(Bytes&)> damage;
   };
-  for (int kind = 0; kind < 6; ++kind) {
-    for (const u16 variable : {kVarPsiPackets, kVarPsiInterval}) {
-      FakeCard card;
-      FakeLink plain(card);
-      upload(plain, {0, 0}, planOf("psi-small.ts"), {});
-      FakeLink link(card);
-      link.after = [&](int, Reply& reply) {
-        if (reply.variable == variable) damage(kind, reply);
-      };
-      EXPECT_TRUE(has(messageOf([&] {
-                        readBack(link, {0, 0});
-                      }),
-                      "not what was asked for"))
-          << kind << " " << variable;
-    }
+  const Row rows[] = {
+      {"no data", kVarPsiLock, [](Bytes& d) { d.clear(); }},
+      {"a lock state too long", kVarPsiLock, [](Bytes& d) { d.push_back(0); }},
+      {"no data", kVarPsiInterval, [](Bytes& d) { d.clear(); }},
+      {"an interval cut short", kVarPsiInterval, [](Bytes& d) { d.pop_back(); }},
+      {"another table's interval", kVarPsiInterval, [](Bytes& d) { d[0] ^= 1; }},
+      {"no data", kVarPsiPackets, [](Bytes& d) { d.clear(); }},
+      {"a packet cut short", kVarPsiPackets, [](Bytes& d) { d.pop_back(); }},
+      {"more than its packets", kVarPsiPackets, [](Bytes& d) { d.push_back(0); }},
+      {"packets that are not there", kVarPsiPackets, [](Bytes& d) { d[12] = 255; }},
+      {"another PID", kVarPsiPackets, [](Bytes& d) { d[1] ^= 1; }},
+      {"another table", kVarPsiPackets, [](Bytes& d) { d[2] ^= 1; }},
+      {"another position", kVarPsiPackets, [](Bytes& d) { d[11] ^= 2; }},
+  };
+  for (const Row& row : rows) {
+    FakeCard card;
+    FakeLink link(card);
+    upload(link, {0, 0}, planOf("psi-small.ts"), {});
+    link.after = [&](int, Reply& reply) {
+      if (reply.variable == row.variable) row.damage(reply.data);
+    };
+    const std::string message = messageOf([&] { readBack(link, {0, 0}); });
+    EXPECT_TRUE(has(message, "not what was asked for"))
+        << row.what << ", " << row.variable << ": " << message;
   }
 }
 

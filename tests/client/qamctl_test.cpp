@@ -1,10 +1,13 @@
 // The program itself against a card behind a socket: what it does, what it says, its exit codes.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 
 #include "client/psi_capture.h"
 #include "tests/client/fake_card.h"
@@ -126,6 +129,24 @@ TEST_F(Qamctl, SavesAllOrNothing) {
   EXPECT_TRUE(folderIsEmpty());
   expect(run("psi show 1.1 --save " + file("a.ts")), 0, "262 packets");
   EXPECT_EQ(std::filesystem::file_size(file("a.ts")), 262u * 188u);
+}
+
+// A disk that fills up, played by a limit on the size of files.
+TEST_F(Qamctl, LeavesWhatStoodThereWhenAFileCannotBeWritten) {
+  card_.ports[0].store.assign(200, {.pid = 0x11, .type = 2, .packet = {0x47, 0x40, 0x11, 0x10, 0, 0xFF}});
+  std::ofstream(file("a.ts")) << "old";
+  rlimit old{};
+  getrlimit(RLIMIT_FSIZE, &old);
+  const rlimit small{.rlim_cur = 10000, .rlim_max = old.rlim_max};
+  const auto handler = std::signal(SIGXFSZ, SIG_IGN);  // or the limit kills
+  setrlimit(RLIMIT_FSIZE, &small);
+  const Outcome outcome = run("psi show 1.1 --save " + file("a.ts"));
+  setrlimit(RLIMIT_FSIZE, &old);
+  std::signal(SIGXFSZ, handler);
+  expect(outcome, 1, "a.ts: cannot be written: File too large");
+  EXPECT_EQ(test::readBytes(file("a.ts")), (Bytes{'o', 'l', 'd'}));
+  std::filesystem::remove(file("a.ts"));
+  EXPECT_TRUE(folderIsEmpty());
 }
 
 TEST_F(Qamctl, KnowsAWrongCall) {

@@ -52,6 +52,21 @@ TEST(DvbText, ReadsEveryTableAndLetsNoControlThrough) {
   for (const Row& row : rows) EXPECT_EQ(tools::dvbText(row.bytes), row.text) << row.what;
 }
 
+// What a server sends as UTF-8 need not be any.
+TEST(DvbText, LetsNoFalseUtf8Through) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"a\x80z", "a\uFFFDz"},
+      {"a\xC3z", "a\uFFFDz"},
+      {"a\xE4\xB8", "a\uFFFD\uFFFD"},
+      {"\xC1\x81", "\uFFFD\uFFFD"},
+      {"\xE0\x81\x81", "\uFFFD\uFFFD\uFFFD"},
+      {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"},
+      {"\xF4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"\xF0\x9F\x93\xBA", "\U0001F4FA"},
+  };
+  for (const auto& [bytes, text] : rows) EXPECT_EQ(tools::printable(bytes), text);
+}
+
 TEST(DvbText, IsAlwaysPrintableUtf8) {
   std::mt19937 random(1);
   for (int round = 0; round < 20000; ++round) {
@@ -82,7 +97,7 @@ std::vector<Section> sectionsOf(const char* name) {
 TEST(PsiReport, NamesWhatTheTablesSay) {
   const Json report = tools::psiReport(readBackOf(sectionsOf("psi-many.ts"), 300), {0, 0}, 1000.0);
   const auto content = [&](TableType type, std::size_t section) {
-    return report["tables"][indexOf(type)]["sections"][section]["content"];
+    return report.at("tables").at(indexOf(type)).at("sections").at(section).at("content");
   };
   EXPECT_EQ(content(TableType::kPat, 0)["programmes"].size(), 60u);
   EXPECT_EQ(content(TableType::kPat, 0)["network_pid"], 0x10);
@@ -107,6 +122,38 @@ TEST(PsiReport, NamesWhatTheTablesSay) {
        {"service 60: \"Service 60\" (Provider)", "bouquet 24576 \"Bouquet\"", "network 41 \"Network\"",
         "programme 60: PMT on PID 0x04b0", "CA system 0x0b00: EMM on PID 0x1800", "300 ticks (300 ms)"}) {
     EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
+  }
+}
+
+// Such sections crash decoders that trust them.
+TEST(PsiReport, DecodesNoSectionWhoseLengthsContradictEachOther) {
+  struct Row {
+    const char* what;
+    u8 tableId;
+    Bytes body;
+    bool good;
+  };
+  const Row rows[] = {
+      {"PAT", 0x00, {0, 1, 0xE1, 0}, true},
+      {"half a programme", 0x00, {0, 1, 0xE1, 0, 0, 2}, false},
+      {"CAT", 0x01, {0x09, 4, 0x0B, 0, 0xE1, 0}, true},
+      {"descriptor beyond the end", 0x01, {0x09, 5, 0x0B, 0, 0xE1, 0}, false},
+      {"descriptor without length", 0x01, {0x09}, false},
+      {"PMT", 0x02, {0xE1, 1, 0xF0, 2, 0x52, 0, 0x1B, 0xE1, 1, 0xF0, 0}, true},
+      {"programme loop beyond the end", 0x02, {0xE1, 1, 0xF0, 20, 0x52, 0}, false},
+      {"descriptor beyond its loop", 0x02, {0xE1, 1, 0xF0, 2, 0x52, 1, 0x1B, 0xE1, 1, 0xF0, 0}, false},
+      {"stream loop beyond the end", 0x02, {0xE1, 1, 0xF0, 0, 0x1B, 0xE1, 1, 0xF0, 1}, false},
+      {"stream without loop", 0x02, {0xE1, 1, 0xF0, 0, 0x1B, 0xE1, 1}, false},
+      {"nothing at all", 0x02, {}, false},
+      {"SDT", 0x42, {0, 1, 0xFF, 0, 1, 0xFC, 0x80, 5, 0x48, 3, 1, 0, 0}, true},
+      {"services beyond the end", 0x46, {0, 1, 0xFF, 0, 1, 0xFC, 0x80, 6, 0x48, 3, 1, 0, 0}, false},
+      {"NIT", 0x40, {0xF0, 2, 0x40, 0, 0xF0, 6, 0, 1, 0, 1, 0xF0, 0}, true},
+      {"streams shorter than the rest", 0x41, {0xF0, 2, 0x40, 0, 0xF0, 5, 0, 1, 0, 1, 0xF0, 0}, false},
+      {"streams longer than the rest", 0x4A, {0xF0, 2, 0x47, 0, 0xF0, 7, 0, 1, 0, 1, 0xF0, 0}, false},
+  };
+  for (const Row& row : rows) {
+    const Section section = test::makeSection({.pid = 0x20, .tableId = row.tableId}, row.body);
+    EXPECT_EQ(tools::decodeSection(section).is_null(), !row.good) << row.what;
   }
 }
 

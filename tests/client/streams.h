@@ -1,6 +1,8 @@
 // Makes transport streams for tests, section by section and packet by packet.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -22,8 +24,8 @@ struct Head {
   bool current = true;
 };
 
-inline client::Section makeSection(const Head& head, std::size_t bodySize, u8 fill = 0xAA) {
-  const std::size_t length = 5 + bodySize + 4;
+inline client::Section makeSection(const Head& head, const Bytes& body) {
+  const std::size_t length = 5 + body.size() + 4;
   client::Section s{.pid = head.pid, .bytes = {}};
   s.bytes = {head.tableId,
              static_cast<u8>(0xB0 | length >> 8),
@@ -33,24 +35,26 @@ inline client::Section makeSection(const Head& head, std::size_t bodySize, u8 fi
              static_cast<u8>(0xC0 | head.version << 1 | (head.current ? 1 : 0)),
              head.number,
              head.last};
-  s.bytes.resize(8 + bodySize, fill);
+  s.bytes.resize(client::kSectionHeaderSize + body.size());
+  std::copy(body.begin(), body.end(), s.bytes.begin() + client::kSectionHeaderSize);
   const u32 crc = client::crc32(s.bytes);
   for (int shift = 24; shift >= 0; shift -= 8) s.bytes.push_back(static_cast<u8>(crc >> shift));
   return s;
 }
 
+inline client::Section makeSection(const Head& head, std::size_t bodySize) {
+  return makeSection(head, Bytes(bodySize, 0xAA));
+}
+
 // A PAT of the given programmes: number, PID, number, PID, ...
-inline client::Section makePat(std::vector<u16> programmes, u16 extension = 1) {
-  client::Section s = makeSection({.pid = 0, .tableId = 0, .extension = extension}, programmes.size() * 2);
+inline client::Section makePat(const std::vector<u16>& programmes, u16 extension = 1) {
+  Bytes body;
   for (std::size_t i = 0; i < programmes.size(); ++i) {
     const int bits = i % 2 == 1 ? 0xE000 : 0;
-    s.bytes[8 + 2 * i] = static_cast<u8>((programmes[i] | bits) >> 8);
-    s.bytes[9 + 2 * i] = static_cast<u8>(programmes[i]);
+    body.push_back(static_cast<u8>((programmes[i] | bits) >> 8));
+    body.push_back(static_cast<u8>(programmes[i]));
   }
-  s.bytes.resize(s.bytes.size() - 4);
-  const u32 crc = client::crc32(s.bytes);
-  for (int shift = 24; shift >= 0; shift -= 8) s.bytes.push_back(static_cast<u8>(crc >> shift));
-  return s;
+  return makeSection({.pid = 0, .tableId = 0, .extension = extension}, body);
 }
 
 class Stream {

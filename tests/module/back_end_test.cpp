@@ -133,41 +133,41 @@ TEST_F(BackEnd, RequestsGetTheirResultCodes) {
     char operation;
     u16 id, cardNo;
     u32 portNo;
-    Bytes data;
     int result;
+    Bytes data;
     std::size_t length = 0;  // of a write, where it is not that of the data
   };
   const Bytes one = chunk(0x11, 0x42, {1});
   const Row rows[] = {
-      {"slot 6", 'r', kLock, 6, 0, {}, 18},
-      {"port 2", 'r', kLock, 0, 2, {}, 18},
-      {"slot 255", 'w', kLock, 255, 0, word(1), 18},
-      {"port 255", 'w', kLock, 0, 0xFF, word(1), 18},
-      {"low bits of the slot", 'r', kLock, 0x106, 0, {}, 18},
-      {"low bits of slot and port", 'r', kLock, 0xFF00, 0xFFFFFF01, {}, 0},
-      {"empty slot", 'r', kLock, 3, 0, {}, 21},
-      {"empty slot, write", 'w', kLock, 3, 1, word(1), 21},
-      {"slot before variable", 'r', 0x9999, 6, 0, {}, 18},
-      {"card before variable", 'w', 0x9999, 1, 0, {}, 21},
-      {"unknown variable", 'r', 0x2103, 0, 0, {}, 2},
-      {"unknown variable, write", 'w', 0x3103, 0, 1, word(0), 2},
-      {"lock read too long", 'r', kLock, 0, 0, word(0), 22},
-      {"packets read too short", 'r', kPackets, 0, 0, Bytes(7), 22},
-      {"packets read too long", 'r', kPackets, 0, 0, Bytes(9), 22},
-      {"interval read too short", 'r', kInterval, 0, 0, Bytes(3), 22},
-      {"interval read too long", 'r', kInterval, 0, 0, Bytes(12), 22},
-      {"interval of no table", 'r', kInterval, 0, 0, {0x70, 0, 0, 0}, 9},
-      {"lock too short", 'w', kLock, 0, 0, word(1), 22, 3},
-      {"lock too long", 'w', kLock, 0, 0, word(1), 22, 5},
-      {"chunk too short", 'w', kPackets, 0, 0, one, 22, 203},
-      {"chunk too long", 'w', kPackets, 0, 0, one, 22, 205},
-      {"chunk of other count", 'w', kPackets, 0, 0, one, 22, 16},
-      {"chunk of no table", 'w', kPackets, 0, 0, chunk(0x11, 0x70, {1, 2}), 3},
-      {"empty chunk of no table", 'w', kPackets, 0, 0, chunk(0x11, 0x70, {}), 0},
-      {"interval too short", 'w', kInterval, 0, 0, interval(0, 9, 0), 22, 11},
-      {"interval too long", 'w', kInterval, 0, 0, interval(0, 9, 0), 22, 13},
-      {"interval write of no table", 'w', kInterval, 0, 1, interval(0x70, 9, 0), 0},
-      {"unlock without a lock", 'w', kLock, 0, 0, word(0), 0},
+      {"slot 6", 'r', kLock, 6, 0, 18, {}},
+      {"port 2", 'r', kLock, 0, 2, 18, {}},
+      {"slot 255", 'w', kLock, 255, 0, 18, word(1)},
+      {"port 255", 'w', kLock, 0, 0xFF, 18, word(1)},
+      {"low bits of the slot", 'r', kLock, 0x106, 0, 18, {}},
+      {"low bits of slot and port", 'r', kLock, 0xFF00, 0xFFFFFF01, 0, {}},
+      {"empty slot", 'r', kLock, 3, 0, 21, {}},
+      {"empty slot, write", 'w', kLock, 3, 1, 21, word(1)},
+      {"slot before variable", 'r', 0x9999, 6, 0, 18, {}},
+      {"card before variable", 'w', 0x9999, 1, 0, 21, {}},
+      {"unknown variable", 'r', 0x2103, 0, 0, 2, {}},
+      {"unknown variable, write", 'w', 0x3103, 0, 1, 2, word(0)},
+      {"lock read too long", 'r', kLock, 0, 0, 22, word(0)},
+      {"packets read too short", 'r', kPackets, 0, 0, 22, Bytes(7)},
+      {"packets read too long", 'r', kPackets, 0, 0, 22, Bytes(9)},
+      {"interval read too short", 'r', kInterval, 0, 0, 22, Bytes(3)},
+      {"interval read too long", 'r', kInterval, 0, 0, 22, Bytes(12)},
+      {"interval of no table", 'r', kInterval, 0, 0, 9, {0x70, 0, 0, 0}},
+      {"lock too short", 'w', kLock, 0, 0, 22, word(1), 3},
+      {"lock too long", 'w', kLock, 0, 0, 22, word(1), 5},
+      {"chunk too short", 'w', kPackets, 0, 0, 22, one, 203},
+      {"chunk too long", 'w', kPackets, 0, 0, 22, one, 205},
+      {"chunk of other count", 'w', kPackets, 0, 0, 22, one, 16},
+      {"chunk of no table", 'w', kPackets, 0, 0, 3, chunk(0x11, 0x70, {1, 2})},
+      {"empty chunk of no table", 'w', kPackets, 0, 0, 0, chunk(0x11, 0x70, {})},
+      {"interval too short", 'w', kInterval, 0, 0, 22, interval(0, 9, 0), 11},
+      {"interval too long", 'w', kInterval, 0, 0, 22, interval(0, 9, 0), 13},
+      {"interval write of no table", 'w', kInterval, 0, 1, 0, interval(0x70, 9, 0)},
+      {"unlock without a lock", 'w', kLock, 0, 0, 0, word(0)},
   };
   const auto before = std::make_unique<QamCardPara>(para);
   for (const Row& row : rows) {

@@ -66,6 +66,7 @@ class CarouselModel {
 
   static std::vector<Packet> oneGroup(const std::vector<u16>& stored) {
     std::vector<Packet> ring;
+    ring.reserve(stored.size());
     const int size = static_cast<int>(stored.size());
     for (int i = 0; i < size; ++i) ring.push_back({stored[static_cast<std::size_t>(i)], i % 256, size % 256});
     return ring;

@@ -86,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
         Schedule{"StartlessPacketsStandAlone", 0, 0, "aaA", 10, 30, "1:0 11:1 20:2 30:0"},
         Schedule{"EndsAtPid8191", 0, 0, "A!A", 2, 6, "1:0 3:0 5:0"},
         Schedule{"GoesOnAtPid8190", 0, 0, "A~A", 2, 6, "1:0 3:1 5:2"},
-        Schedule{"EndsAtType8", 0, 0, "A?A", 2, 6, "1:0 3:0 5:0"}, Schedule{"Empty", 0, 0, "", 1, 50, ""}),
+        Schedule{"EndsAtType8", 0, 0, "A?A", 2, 6, "1:0 3:0 5:0"}),
     kRowName);
 
 TEST_P(Carousel, PostsAtItsTicks) {

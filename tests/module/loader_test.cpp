@@ -162,7 +162,7 @@ TEST_F(Loader, GoesOnWithoutABitstream) {
     const char* message;
     bool exists;
     Bytes content;
-    std::size_t unreadable = 0;
+    u32 unreadable = 0;
     int heapBlocks = 1;
   };
   const Row rows[] = {

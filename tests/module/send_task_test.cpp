@@ -35,15 +35,14 @@ std::vector<Access> onThePort(u8 port, Bytes packet, int count) {
 TEST_F(ModuleTest, PacketsTakeTheContinuityCountOfTheirPidAndPort) {
   fake.start(2);
   struct Row {
-    u8 port;
+    u8 port, flags;
     u16 pid;
     int repeat, firstCount;
-    u8 flags = 0x40;
   };
-  const Row rows[] = {{0, 0, 3, 0},      {1, 0, 1, 0},      {0, 0x11, 1, 0},
-                      {0, 0x1FFF, 2, 0}, {0, 0x0FFF, 1, 0}, {0, 0x1FFF, 1, 2, 0xA0},
-                      {0, 0, 300, 3},    {0, 0, 1, 303},    {1, 0, 1, 1},
-                      {0, 0x11, 1, 1, 0}};
+  const Row rows[] = {{0, 0x40, 0, 3, 0},      {1, 0x40, 0, 1, 0},      {0, 0x40, 0x11, 1, 0},
+                      {0, 0x40, 0x1FFF, 2, 0}, {0, 0x40, 0x0FFF, 1, 0}, {0, 0xA0, 0x1FFF, 1, 2},
+                      {0, 0x40, 0, 300, 3},    {0, 0x40, 0, 1, 303},    {1, 0x40, 0, 1, 1},
+                      {0, 0x00, 0x11, 1, 1}};
   for (const Row& row : rows) {
     SCOPED_TRACE(fmt::format("PID {:#x} on port {} from {}", row.pid, row.port, row.firstCount));
     const Bytes packet = packetOn(row.pid, row.flags);

@@ -147,6 +147,14 @@ def captures(case):
         case.says(case.fast(flash, 3, '--psi', f'1.1={name}', codes=(1,)), name)
 
 
+def small_disk(limit_bytes):
+    """Every file larger than this meets a full disk; the signal that would end the program is ignored."""
+    def prepare():
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (limit_bytes, limit_bytes))
+    return dict(preexec_fn=prepare, restore_signals=False)
+
+
 def outputs(case):
     """An output that cannot be opened, and one whose disk is full."""
     flash = case.flash()
@@ -155,20 +163,17 @@ def outputs(case):
         run = case.fast(flash, 3, '--psi', f'1.1={case.sample("psi-small.ts")}', '--out', f'1.1={target}', codes=(1,))
         case.says(run, target)
     case.check(not os.path.exists(os.path.dirname(missing)), 'a folder was made for an output')
+    out = case.path('out.ts')
+    run = case.fast(flash, 3, '--out', f'1.1={out}', codes=(1,), **small_disk(1_000_050))
+    case.says(run, out)
+    whole = 1_000_050 // harness.PACKET * harness.PACKET
+    case.equal(os.path.getsize(out), whole, 'size of an output cut by a full disk')
     for target in ('udp://127.0.0.1', 'udp://127.0.0.1:x', 'udp://127.0.0.1:70000'):
         case.says(case.fast(flash, 3, '--out', f'1.1={target}', codes=(1, 2)), target)
     for flag in ('--log', '--bus-log', '--report'):
         run = case.headend('--fast', '--seconds', '1', '--flash', flash, flag, missing, codes=(1,))
         case.says(run, missing)
     case.tidy(flash)
-
-
-def small_disk(limit_bytes):
-    """Every file larger than this meets a full disk; the signal that would end the program is ignored."""
-    def prepare():
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-        resource.setrlimit(resource.RLIMIT_FSIZE, (limit_bytes, limit_bytes))
-    return dict(preexec_fn=prepare, restore_signals=False)
 
 
 def flash_full(case):

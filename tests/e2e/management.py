@@ -107,6 +107,8 @@ def locked_by_a_dead_client(case):
         case.equal(dead.lock(1), 0, 'lock')
         case.equal(dead.write(PSI_PACKETS, chunk(0x11, 0x42, SDT)), 0, 'chunk')
         dead.socket.close()
+        other = Client(server.port)
+        case.equal((other.lock(1), other.read_interval('SDT_C')[1]), (0, 1), 'a second lock and the packets after it')
         case.qamctl(server.address, 'psi', 'load', '1.2', small)
         case.says(case.qamctl(server.address, 'psi', 'load', '1.1', small, codes=(1,)), 'lock', '--force')
         case.says(case.qamctl(server.address, 'psi', 'clear', '1.1', codes=(1,)), 'lock', '--force')
@@ -186,14 +188,21 @@ def full_store(case, client):
 
 def read_back(case, client):
     """Packets come back seven at a time from the position asked for, of which eight bits count."""
-    packets = [packed(0x100, section(0x02, 1, bytes([i]) * 4))[0] for i in range(10)]
+    def maps(pid, count):
+        return [packed(pid, section(0x02, 1, bytes([i]) * 4))[0] for i in range(count)]
+
+    packets = maps(0x2FF, 10)
     client.lock(1)
+    client.write(PSI_PACKETS, chunk(0x1FF, 0x02, maps(0x1FF, 1)))  # marks a free place: the next one takes it
     for part in (packets[:7], packets[7:]):
-        client.write(PSI_PACKETS, chunk(0x100, 0x02, part))
+        client.write(PSI_PACKETS, chunk(0x2FF, 0x02, part))
+    case.equal(client.read_interval('PMT')[1], 11, 'PMT packets counted, the one that was overwritten too')
+    gone = client.request(READ, PSI_PACKETS, data=struct.pack('>HBxI', 0x1FF, 0x02, 0)).data
+    case.equal(gone[4:8], bytes(4), 'packets of a PID that marks free places')
     for start, wanted in ((0, packets[:7]), (0x100, packets[:7]), (4, packets[4:]), (10, []), (11, []), (255, [])):
-        data = client.request(READ, PSI_PACKETS, data=struct.pack('>HBxI', 0x100, 0x02, start)).data
+        data = client.request(READ, PSI_PACKETS, data=struct.pack('>HBxI', 0x2FF, 0x02, start)).data
         pid, table_id, total, first, count = struct.unpack_from('>HBxIIB', data)
-        case.equal((pid, table_id, total, first, count), (0x100, 2, 10, start & 255, len(wanted)), f'head at {start}')
+        case.equal((pid, table_id, total, first, count), (0x2FF, 2, 10, start & 255, len(wanted)), f'head at {start}')
         case.check(data[16:] == b''.join(wanted), f'packets at {start}')
         case.equal(data[3:4] + data[13:16], bytes(4), f'unused bytes at {start}')
     client.lock(0)

@@ -88,7 +88,8 @@ struct Wanted {
 struct Spacing {
   size_t sections = 0;
   size_t groups = 0;
-  size_t held = 0;  // groups that another table on their PID held back
+  size_t held = 0;   // groups that another table on their PID held back
+  double first = 0;  // tick of the first group
   double min = 0, mean = 0, max = 0;
 };
 
@@ -182,6 +183,7 @@ class Judge {
       types[kTypeRows[type].name] = {{"sections", s.sections},
                                      {"groups", s.groups},
                                      {"held", s.held},
+                                     {"first_tick", s.first},
                                      {"interval_ticks", {{"min", s.min}, {"mean", s.mean}, {"max", s.max}}}};
     }
     nlohmann::json names = nlohmann::json::array();
@@ -336,6 +338,7 @@ class Judge {
     spacing.sections = wanted_.contents[type].size();
     spacing.groups = groups.size();
     if (groups.empty()) return spacing;
+    spacing.first = groups[0].start;
     const unsigned longest =
         std::max_element(groups.begin(), groups.end(), [](const Group& a, const Group& b) {
           return a.packets < b.packets;

@@ -1,0 +1,88 @@
+#include "bench/services.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "client/psi_capture.h"
+#include "client/upload_plan.h"
+#include "platform/backend.h"
+#include "platform/mainboard.h"
+#include "ts/qamBack.h"
+#include "ts/qamIntr.h"
+
+namespace os {
+extern "C" {
+
+int msgQSend(MSG_Q_ID queue, char* buffer, unsigned /*length*/, int /*timeout*/, int /*priority*/) {
+  if (queue->count == MsgQ::kLength) return ERROR;
+  std::memcpy(&queue->messages[queue->count++], buffer, sizeof(u32));
+  return OK;
+}
+// Nobody waits here: the send tasks' loop is not what is counted.
+int msgQReceive(MSG_Q_ID /*queue*/, char* /*buffer*/, unsigned /*maxLength*/, int /*timeout*/) {
+  return ERROR;
+}
+
+}  // extern "C"
+}  // namespace os
+
+namespace chassis {
+extern "C" {
+
+card* head = nullptr;
+bbFpga_t* pbbFpgaIf = nullptr;
+
+int para_save(u8 /*slotNo*/) {
+  return os::OK;
+}
+void DebugPrint(const char* /*format*/, ...) {}
+int bc_vars_register(u32 /*base*/, u32 /*limit*/, const bc_var* /*table*/, const char* /*text*/) {
+  return os::OK;
+}
+
+}  // extern "C"
+}  // namespace chassis
+
+namespace bench {
+namespace {
+
+std::size_t store(u8 port, QamCardPara& record, const client::UploadPlan& plan) {
+  std::size_t stored = 0;
+  for (const client::Chunk& chunk : plan.chunks) {
+    set_psi_pkt request{};
+    request.pid = chunk.pid;
+    request.tableid = chunk.tableId;
+    request.this_num = static_cast<u8>(chunk.packets.size());
+    for (std::size_t i = 0; i < chunk.packets.size(); ++i) {
+      std::copy(chunk.packets[i].begin(), chunk.packets[i].end(), request.psi_pkt[i]);
+    }
+    if (QamSavePsiPkt(port, &record, &request) == 0) stored += chunk.packets.size();
+  }
+  return stored;
+}
+
+}  // namespace
+
+Card::Card(const std::filesystem::path& capture) {
+  const client::UploadPlan plan = client::planUpload(client::readCapture(capture).sections);
+  packets_ = plan.packets;
+
+  qam_load_default(0, record_.get());
+  descriptor_.cardType = QAM_CARD_TYPE;
+  descriptor_.varPtr = record_.get();
+  chassis::head = &descriptor_;
+  QamFpgaIf[0] = &window_;
+  for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) {
+    if (store(port, *record_, plan) != plan.packets) throw client::PlanError("the card refused packets");
+    g_qam_PsiSendQ_ID[0][port] = &queues_[port];
+    QamSetPsiInterval(0, port);
+  }
+}
+
+Card::~Card() {
+  chassis::head = nullptr;
+  QamFpgaIf[0] = nullptr;
+  for (os::MSG_Q_ID& queue : g_qam_PsiSendQ_ID[0]) queue = nullptr;
+}
+
+}  // namespace bench

@@ -39,21 +39,6 @@ TEST(Datagram, HasItsFieldsInTheirPlaces) {
                                               0,   3,   0, 0,    0, 0, 0, 0, 0,    0,    0, 1, 1, 2, 3}));
 }
 
-TEST(Datagram, IsNothingWhenShortOrForeign) {
-  const Bytes request = encode(kRequest);
-  const Bytes reply = encode(replyTo(kRequest));
-  for (std::size_t size = 0; size <= request.size(); ++size) {
-    EXPECT_EQ(decodeRequest(std::span(request).first(size)).has_value(), size >= kRequestHeaderSize) << size;
-    EXPECT_EQ(decodeReply(std::span(reply).first(size)).has_value(), size >= kReplyHeaderSize) << size;
-  }
-  for (std::size_t at = 0; at < 4; ++at) {
-    Bytes other = request;
-    other[at] ^= 0x80;
-    EXPECT_FALSE(decodeRequest(other)) << at;
-  }
-  EXPECT_FALSE(decodeReply(request.size() < kReplyHeaderSize ? Bytes(28, 0) : request));
-}
-
 // Generous with tries, so that a slow machine changes nothing.
 constexpr UdpLinkOptions kPatient{.timeout = 50ms, .tries = 200, .total = 0ms};
 
@@ -97,41 +82,6 @@ TEST(UdpLink, PassesOverWhatDoesNotAnswerItsRequest) {
   EXPECT_EQ(sequences.size(), 3u);
   UdpLink later(server.address(), kPatient);
   EXPECT_FALSE(sequences.contains(later.call(kRequest).sequence));
-}
-
-TEST(UdpLink, GivesUpAndNamesTheServer) {
-  std::atomic<int> requests = 0;
-  test::FakeServer server([&](const Request&) {
-    ++requests;
-    return std::vector<Bytes>{};
-  });
-  const auto messageOf = [](const std::string& address, const UdpLinkOptions& options) {
-    try {
-      UdpLink(address, options).call(kRequest);
-    } catch (const LinkError& e) {
-      return std::string(e.what());
-    }
-    return std::string();
-  };
-  EXPECT_NE(messageOf(server.address(), {.timeout = 5ms, .tries = 3, .total = 0ms})
-                .find(server.address() + ": no reply"),
-            std::string::npos);
-  EXPECT_NE(messageOf(server.address(), {.timeout = 5ms, .tries = 1000000, .total = 30ms}).find("no reply"),
-            std::string::npos);
-  std::string closed;
-  {
-    closed = test::FakeServer([](const Request&) { return std::vector<Bytes>{}; }).address();
-  }
-  EXPECT_NE(messageOf(closed, kPatient).find(closed + ": nothing listens there"), std::string::npos);
-}
-
-TEST(UdpLink, KnowsAServerByItsForm) {
-  for (const char* good : {"127.0.0.1:49160", "host:1", "[::1]:65535"}) EXPECT_TRUE(isServer(good)) << good;
-  for (const char* bad :
-       {"", "127.0.0.1", ":1", "host:", "host:0", "host:65536", "host:1x", "host:-1", "host:999999"}) {
-    EXPECT_FALSE(isServer(bad)) << bad;
-    EXPECT_THROW(UdpLink{bad}, LinkError) << bad;
-  }
 }
 
 }  // namespace

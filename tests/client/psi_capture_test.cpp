@@ -74,37 +74,6 @@ TEST(PsiCapture, AccountsForABrokenCapture) {
   EXPECT_NE(all.find("100 bytes at the end"), std::string::npos) << all;
 }
 
-TEST(PsiCapture, SaysWhyAFileIsNoCapture) {
-  Stream nulls;
-  for (int i = 0; i < 20; ++i) nulls.packet(0x1FFF, false, {});
-  Stream bad;
-  bad.add(makePat({1, 0x100}));
-  bad.at(0, 20) ^= 1;
-  struct Row {
-    const char* what;
-    Bytes bytes;
-    const char* message;
-  };
-  const Row rows[] = {
-      {"empty", {}, "no transport stream"},
-      {"text", Bytes(5000, 'x'), "no transport stream"},
-      {"formula", test::readBytes(test::sample("not-a-stream.ts")), "no transport stream"},
-      {"shorter than a packet", Bytes(187, 0x47), "no transport stream"},
-      {"only null packets", nulls.bytes, "no PSI"},
-      {"only a CRC error", bad.bytes, "PAT on PID 0x0000: 1 section with a CRC error"},
-  };
-  for (const Row& row : rows) {
-    try {
-      read(row.bytes);
-      ADD_FAILURE() << row.what;
-    } catch (const CaptureError& e) {
-      EXPECT_NE(std::string(e.what()).find(row.message), std::string::npos) << row.what << ": " << e.what();
-    }
-  }
-  EXPECT_THROW(readCapture(std::filesystem::path(QAM_SAMPLES)), CaptureError);
-  EXPECT_THROW(readCapture(std::filesystem::path(test::sample("absent.ts"))), CaptureError);
-}
-
 // A stream of three sections, whose middle one (packets 1 to 3) each row damages or surrounds in one way.
 Stream threeSections() {
   Stream s;
@@ -223,22 +192,6 @@ TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
   }
 }
 
-TEST(PsiCapture, ReadsPacketsOfOtherSizes) {
-  const Stream plain = threeSections();
-  for (const std::size_t front : {0u, 4u}) {
-    Bytes bytes;
-    for (std::size_t i = 0; i < plain.bytes.size(); i += 188) {
-      bytes.insert(bytes.end(), front, 0x55);
-      bytes.insert(bytes.end(), plain.bytes.begin() + static_cast<std::ptrdiff_t>(i),
-                   plain.bytes.begin() + static_cast<std::ptrdiff_t>(i + 188));
-      bytes.insert(bytes.end(), front == 0 ? 16 : 0, 0x55);
-    }
-    const Capture capture = read(bytes);
-    EXPECT_EQ(capture.sections, read(plain.bytes).sections) << front;
-    EXPECT_TRUE(capture.notes.empty()) << front;
-  }
-}
-
 struct ChoiceRow {
   const char* what;
   std::vector<Section> sections;
@@ -309,29 +262,6 @@ TEST(PsiCapture, KeepsTheNewestCurrentSectionsOfEachTable) {
     for (const std::size_t i : row.kept) expected.push_back(row.sections[i]);
     EXPECT_EQ(capture.sections, expected) << row.what;
     EXPECT_EQ(countsOf(capture), row.notes) << row.what;
-  }
-}
-
-// Sections back to back, with a header that lies across packets, as any multiplexer but ours packs them.
-TEST(PsiCapture, UnpacksSectionsThatSharePackets) {
-  for (std::size_t size = 150; size <= 182; ++size) {
-    const Section a = makeSection({.extension = 1}, size - 12);
-    const Section b = makeSection({.extension = 2}, 60);
-    const Section c = makeSection({.extension = 3}, 5);
-    Bytes run = a.bytes;
-    run.insert(run.end(), b.bytes.begin(), b.bytes.end());
-    const std::size_t first = 183;
-    const std::size_t rest = run.size() - first;
-    run.insert(run.end(), c.bytes.begin(), c.bytes.end());
-    Bytes one{0};
-    one.insert(one.end(), run.begin(), run.begin() + static_cast<std::ptrdiff_t>(first));
-    Bytes two{static_cast<u8>(rest)};
-    two.insert(two.end(), run.begin() + static_cast<std::ptrdiff_t>(first), run.end());
-    Stream s;
-    s.add(makePat({1, 0x100})).packet(0x11, true, one).packet(0x11, true, two);
-    const Capture capture = read(s.bytes);
-    EXPECT_EQ(capture.sections, (std::vector{makePat({1, 0x100}), a, b, c})) << size;
-    EXPECT_TRUE(capture.notes.empty()) << size;
   }
 }
 

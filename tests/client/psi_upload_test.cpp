@@ -97,21 +97,6 @@ TEST(PsiUpload, TouchesALockedChannelOnlyByForce) {
   }
 }
 
-TEST(PsiUpload, ReportsWhatTheCardRefuses) {
-  FakeCard card;
-  FakeLink link(card);
-  EXPECT_EQ(messageOf([&] {
-              clear(link, {3, 1}, false);
-            }),
-            "PsiError: reading the lock state of 4.2 was refused: no card in this slot");
-  const Intervals tooLong = {{TableType::kPat, 65536}};
-  const UploadPlan plan = planOf("psi-small.ts");
-  link.calls = 0;
-  EXPECT_TRUE(has(messageOf([&] { upload(link, {0, 0}, plan, tooLong); }), "65536"));
-  EXPECT_TRUE(has(messageOf([&] { setIntervals(link, {0, 0}, tooLong); }), "65536"));
-  EXPECT_EQ(link.calls, 0);
-}
-
 // Every request of a load, lost, carried out but unanswered, or refused: the message must tell whether the
 // channel is silent, and a forced load must always help.
 TEST(PsiUpload, SaysHowToGoOnWhereverItBreaksOff) {
@@ -188,19 +173,6 @@ TEST(SetIntervals, LastWritesTheIntervalThatMakesTheCardSave) {
   }
 }
 
-TEST(SetIntervals, SaysThatIntervalsMayBeUnsavedWhenItBreaksOff) {
-  for (int at = 0; at < 3; ++at) {
-    FakeCard card;
-    FakeLink link(card);
-    link.before = [&](int call, Request&) {
-      if (call == at) throw LinkError("gone");
-    };
-    const std::string message = messageOf([&] { setIntervals(link, {0, 0}, {{TableType::kPat, 7}}); });
-    EXPECT_EQ(has(message, "not saved"), at > 0) << at << message;
-    EXPECT_EQ(card.saves, 0);
-  }
-}
-
 TEST(ReadBack, FindsWhatWasLoaded) {
   for (const char* name : {"psi-small.ts", "psi-many.ts", "psi-full.ts"}) {
     FakeCard card;
@@ -255,63 +227,6 @@ TEST(ReadBack, CountsWhatIsOutOfReach) {
       for (std::size_t i = 0; i < pid.packets.size(); ++i)
         ASSERT_EQ(pid.packets[i][100], static_cast<u8>(i)) << row.what;
     }
-  }
-}
-
-TEST(ReadBack, NoticesAStoreThatChangesMeanwhile) {
-  const UploadPlan many = planOf("psi-many.ts");
-  const UploadPlan small = planOf("psi-small.ts");
-  FakeCard card;
-  FakeLink counter(card);
-  upload(counter, {0, 0}, many, {});
-  counter.calls = 0;
-  readBack(counter, {0, 0});
-  const int calls = counter.calls;
-  for (int at = 0; at < calls; ++at) {
-    upload(counter, {0, 0}, many, {});
-    FakeLink link(card);
-    link.before = [&](int call, Request&) {
-      FakeLink other(card);
-      if (call == at) upload(other, {0, 0}, small, {});
-    };
-    ReadBack tables;
-    const std::string message = messageOf([&] { tables = readBack(link, {0, 0}); });
-    const bool allOfOne =
-        message.empty() && (tables.read() == small.packets || tables.read() == many.packets);
-    EXPECT_TRUE(allOfOne || has(message, "changed while they were read")) << at << message;
-  }
-}
-
-TEST(ReadBack, RefusesRepliesThatDoNotFit) {
-  struct Row {
-    const char* what;
-    u16 variable;
-    std::function<void(Bytes&)> damage;
-  };
-  const Row rows[] = {
-      {"no data", kVarPsiLock, [](Bytes& d) { d.clear(); }},
-      {"a lock state too long", kVarPsiLock, [](Bytes& d) { d.push_back(0); }},
-      {"no data", kVarPsiInterval, [](Bytes& d) { d.clear(); }},
-      {"an interval cut short", kVarPsiInterval, [](Bytes& d) { d.pop_back(); }},
-      {"another table's interval", kVarPsiInterval, [](Bytes& d) { d[0] ^= 1; }},
-      {"no data", kVarPsiPackets, [](Bytes& d) { d.clear(); }},
-      {"a packet cut short", kVarPsiPackets, [](Bytes& d) { d.pop_back(); }},
-      {"more than its packets", kVarPsiPackets, [](Bytes& d) { d.push_back(0); }},
-      {"packets that are not there", kVarPsiPackets, [](Bytes& d) { d[12] = 255; }},
-      {"another PID", kVarPsiPackets, [](Bytes& d) { d[1] ^= 1; }},
-      {"another table", kVarPsiPackets, [](Bytes& d) { d[2] ^= 1; }},
-      {"another position", kVarPsiPackets, [](Bytes& d) { d[11] ^= 2; }},
-  };
-  for (const Row& row : rows) {
-    FakeCard card;
-    FakeLink link(card);
-    upload(link, {0, 0}, planOf("psi-small.ts"), {});
-    link.after = [&](int, Reply& reply) {
-      if (reply.variable == row.variable) row.damage(reply.data);
-    };
-    const std::string message = messageOf([&] { readBack(link, {0, 0}); });
-    EXPECT_TRUE(has(message, "not what was asked for"))
-        << row.what << ", " << row.variable << ": " << message;
   }
 }
 

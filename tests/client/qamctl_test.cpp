@@ -116,39 +116,6 @@ TEST_F(Qamctl, FailsWithoutChangingAnything) {
   EXPECT_EQ(run("psi show 1.2 >/dev/full").code, 1);
 }
 
-TEST_F(Qamctl, SavesAllOrNothing) {
-  card_.ports[0].store.assign(263, {.pid = 0x11, .type = 2, .packet = {0x47, 0x40, 0x11, 0x10, 0, 0xFF}});
-  expect(run("psi show 1.1 --save " + file("a.ts")), 1, "1 packet beyond");
-  card_.ports[0].store.pop_back();
-  card_.ports[0].locked = true;
-  expect(run("psi show 1.1 --save " + file("a.ts")), 1, "locked");
-  card_.ports[0].locked = false;
-  expect(run("psi show 1.1 --save " + file("absent/a.ts")), 1, "absent/a.ts");
-  expect(run("psi show 1.1 --save /dev/full"), 1, "no plain file");
-  expect(run("psi show 1.2 --save " + file("a.ts")), 1, "no packets");
-  EXPECT_TRUE(folderIsEmpty());
-  expect(run("psi show 1.1 --save " + file("a.ts")), 0, "262 packets");
-  EXPECT_EQ(std::filesystem::file_size(file("a.ts")), 262u * 188u);
-}
-
-// A disk that fills up, played by a limit on the size of files.
-TEST_F(Qamctl, LeavesWhatStoodThereWhenAFileCannotBeWritten) {
-  card_.ports[0].store.assign(200, {.pid = 0x11, .type = 2, .packet = {0x47, 0x40, 0x11, 0x10, 0, 0xFF}});
-  std::ofstream(file("a.ts")) << "old";
-  rlimit old{};
-  getrlimit(RLIMIT_FSIZE, &old);
-  const rlimit small{.rlim_cur = 10000, .rlim_max = old.rlim_max};
-  const auto handler = std::signal(SIGXFSZ, SIG_IGN);  // or the limit kills
-  setrlimit(RLIMIT_FSIZE, &small);
-  const Outcome outcome = run("psi show 1.1 --save " + file("a.ts"));
-  setrlimit(RLIMIT_FSIZE, &old);
-  std::signal(SIGXFSZ, handler);
-  expect(outcome, 1, "a.ts: cannot be written: File too large");
-  EXPECT_EQ(test::readBytes(file("a.ts")), (Bytes{'o', 'l', 'd'}));
-  std::filesystem::remove(file("a.ts"));
-  EXPECT_TRUE(folderIsEmpty());
-}
-
 TEST_F(Qamctl, KnowsAWrongCall) {
   for (const char* call : {"",
                            "psi",

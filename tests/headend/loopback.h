@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,7 +19,7 @@ class Loopback {
  public:
   Loopback() : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     sockaddr_in any = at(0);
-    ::bind(fd_, reinterpret_cast<const sockaddr*>(&any), sizeof any);
+    if (::bind(fd_, reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0) std::abort();
   }
   Loopback(const Loopback&) = delete;
   Loopback& operator=(const Loopback&) = delete;

@@ -114,19 +114,6 @@ class BackEnd : public ModuleTest {
   QamCardPara& para;
 };
 
-TEST_F(BackEnd, RegistersTheVariablesInATableThatEnds) {
-  std::vector<u32> ids;
-  const chassis::bc_var* row = fake.variables;
-  for (; row->vid != 0; ++row) {
-    ids.push_back(row->vid);
-    EXPECT_TRUE(row->vnum == 1 && row->vtype == 1 && row->vrd == qam_ord && row->vwr == qam_owr) << row->vid;
-    EXPECT_EQ(row->vfind, nullptr);
-  }
-  for (const u32 id : {kLock, kPackets, kInterval})
-    EXPECT_EQ(std::count(ids.begin(), ids.end(), id), 1) << id;
-  EXPECT_TRUE(row->vnum == 0 && row->vtype == 0 && row->vrd == nullptr && row->vwr == nullptr);
-}
-
 TEST_F(BackEnd, RequestsGetTheirResultCodes) {
   struct Row {
     const char* name;

@@ -116,23 +116,5 @@ TEST_P(Load, TakesTheFileOrDefaults) {
   EXPECT_EQ(fake.checks.size(), slot < 2 ? 0U : 1U);
 }
 
-TEST_F(ModuleTest, LookupTakesTheFirstCardOfItsKindInTheSlot) {
-  EXPECT_EQ(GetQamCardParaFromList(0), nullptr);
-  QamCardPara records[4];
-  chassis::card cards[4] = {};
-  const u8 slotAndType[4][2] = {{1, 26}, {2, 27}, {1, 27}, {1, 27}};
-  for (std::size_t i = 0; i < 4; ++i) {
-    cards[i].slotNo = slotAndType[i][0];
-    cards[i].cardType = slotAndType[i][1];
-    cards[i].next = i < 3 ? &cards[i + 1] : nullptr;
-    cards[i].varPtr = &records[i];
-  }
-  chassis::head = cards;
-  EXPECT_EQ(GetQamCardParaFromList(1), &records[2]);
-  EXPECT_EQ(GetQamCardParaFromList(2), &records[1]);
-  EXPECT_EQ(GetQamCardParaFromList(0), nullptr);
-  chassis::head = nullptr;
-}
-
 }  // namespace
 }  // namespace test

@@ -49,30 +49,6 @@ TEST_F(ModuleTest, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
   EXPECT_TRUE(fake.accesses.empty()) << "registration leaves the hardware alone";
 }
 
-TEST_F(ModuleTest, RegistrationWithoutHeapForTheDescriptorSaysNothing) {
-  fake.heapBlocks = 0;
-  Qam_Init(0);
-  EXPECT_EQ(fake.log, Lines{});
-  EXPECT_EQ(chassis::head, nullptr);
-}
-
-TEST_F(ModuleTest, ACardWithoutRecordIsRegisteredAndStartsNothing) {
-  fake.heapBlocks = 1;
-  Qam_Init(1);
-  ASSERT_NE(chassis::head, nullptr);
-  EXPECT_EQ(chassis::head->varPtr, nullptr);
-  EXPECT_EQ(fake.log.front(), "debug qam card 1 malloc memory failed!\r\n");
-  EXPECT_EQ(fake.log.size(), 6U);
-  fake.log.clear();
-
-  QamInit(1);
-  qamIntr(1);
-  QamSetPsiInterval(1, 0);
-  EXPECT_EQ(QamTaskPsiSend(1, 0), -1);
-  EXPECT_EQ(fake.log, Lines{});
-  EXPECT_TRUE(fake.accesses.empty());
-}
-
 class StartUp : public ModuleTest, public ::testing::WithParamInterface<SlotRow> {};
 
 INSTANTIATE_TEST_SUITE_P(
@@ -129,16 +105,6 @@ TEST_F(ModuleTest, AnFpgaThatDoesNotStartLeavesTheSlotIdle) {
   EXPECT_EQ(QamFpgaIf[4], nullptr);
   EXPECT_TRUE(fake.queues.empty());
   EXPECT_TRUE(fake.tasks.empty());
-}
-
-TEST_F(ModuleTest, AMissingQueueFailsItsCheck) {
-  Qam_Init(0);
-  fake.queuesToBeHad = false;
-  fake.stopsAtChecks = true;
-  EXPECT_FALSE(fake.runs([] { QamInit(0); }));
-  ASSERT_EQ(fake.checks.size(), 1U);
-  EXPECT_EQ(fake.checks[0].text, "g_qam_PsiSendQ_ID[slotNo][i]");
-  EXPECT_EQ(fake.checks[0].line, 99);
 }
 
 }  // namespace

@@ -17,6 +17,11 @@ os::MsgQ* queueNumber(std::uintptr_t n) {
 // A card in slot 2 whose first channel stores a PAT, two SDT sections of two and one packets, and three PMT
 // packets that all open a section.
 class CarouselMonitor : public testing::Test {
+ public:
+  CarouselMonitor(const CarouselMonitor&) = delete;
+  CarouselMonitor& operator=(const CarouselMonitor&) = delete;
+  ~CarouselMonitor() override { chassis::head = nullptr; }
+
  protected:
   CarouselMonitor() {
     std::memset(record_.get(), 0xFF, sizeof *record_);
@@ -33,8 +38,6 @@ class CarouselMonitor : public testing::Test {
     chassis::head = &card_;
     for (const std::uintptr_t n : {1U, 2U}) monitor_.queueCreated(queueNumber(n), 1);
   }
-  ~CarouselMonitor() override { chassis::head = nullptr; }
-
   void post(u32 index, std::uint64_t tick, std::uintptr_t queue = 1) {
     const auto* bytes = reinterpret_cast<const char*>(&index);
     monitor_.posted(queueNumber(queue), {bytes, sizeof index}, tick);
@@ -49,7 +52,7 @@ class CarouselMonitor : public testing::Test {
 };
 
 TEST_F(CarouselMonitor, MeasuresFromStartToStartOfGroups) {
-  for (const std::uint64_t tick : {5, 105, 215, 305}) post(0, tick);
+  for (const std::uint64_t tick : {5U, 105U, 215U, 305U}) post(0, tick);
   EXPECT_EQ(table(TableType::kPat).posted, 4U);
   EXPECT_EQ(table(TableType::kPat).intervals, 3U);
   EXPECT_EQ(table(TableType::kPat).min_ticks, 90U);

@@ -155,18 +155,6 @@ TEST(ConfigPort, HearsNothingWhileItsGuardIsClosed) {
   EXPECT_EQ(card.count("config_data_while_not_ready"), 8U);
 }
 
-TEST(ConfigPort, TakesTwoCodesAndReadsBackTheLast) {
-  Card card;
-  card.set(kGuard, 0xC0DE);
-  for (const u16 code : std::initializer_list<u16>{0x3C5A, 0x1234, 0xC3A5, 0, 0x5A3C})
-    card.set(kRequest, code);
-  EXPECT_EQ(card.port.read(kRequest, card.now), 0xC3A5);
-  EXPECT_EQ(card.fpga.configuration().attempts(), 1U);
-  card.set(kRequest, 0x3C5A);
-  EXPECT_EQ(card.port.read(kRequest, card.now), 0x3C5A);
-  EXPECT_EQ(card.port.read(kStatus, card.now + 1'000'000), 0);
-}
-
 TEST(ConfigPort, DataBeforeTheStatusRisesIsLostAndCounted) {
   Card card;
   card.set(kGuard, 0xC0DE);

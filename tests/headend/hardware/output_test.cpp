@@ -7,9 +7,8 @@
 #include "tests/headend/loopback.h"
 #include "tests/headend/scratch.h"
 
+namespace test {
 namespace {
-
-using namespace test;
 
 __extension__ using Wide = __int128;
 constexpr Nanos kSecond = 1'000'000'000;
@@ -81,37 +80,6 @@ TEST(Output, HasExactlyTheBitRateOfEachModulationForEver) {
       }
     }
   }
-}
-
-TEST(Output, TakesTheRateOfResetUntilTheRegistersAreWritten) {
-  Card card;
-  card.load();
-  const auto rate = [&] { return card.fpga.output(1).rate().perSecond(); };
-  EXPECT_DOUBLE_EQ(rate(), 6875e3 * 6 * 188 / 204);
-  card.write(2, 7);
-  EXPECT_DOUBLE_EQ(rate(), 6875e3 * 8 * 188 / 204);
-  program(card, 5000, 6);
-  EXPECT_DOUBLE_EQ(rate(), 5000e3 * 7 * 188 / 204);
-  card.load();
-  EXPECT_DOUBLE_EQ(rate(), 6875e3 * 6 * 188 / 204);
-}
-
-TEST(Output, KeepsItsBeatAcrossAChangeOfTheRate) {
-  Card card;
-  card.load();
-  const Nanos start = card.now;
-  headend::Multiplexer& output = card.fpga.output(0);
-  card.now = start + kSecond;
-  program(card, 5000, 5);
-  const std::uint64_t first = leftBy(kSecond, 6875, 6);
-  EXPECT_EQ(output.counts().total(), first);
-  // The packet on its way leaves when it was due, the next ones in the new beat.
-  const Nanos next =
-      start + static_cast<Nanos>(Wide{static_cast<Nanos>(first)} * 1632 * 1'000'000 / (6875 * 6));
-  output.advance(next - 1);
-  EXPECT_EQ(output.counts().total(), first);
-  output.advance(next + 10 * kSecond);
-  EXPECT_EQ(output.counts().total(), first + leftBy(10 * kSecond, 5000, 6));
 }
 
 TEST(Output, TablesGoBeforeStuffingInTheirOrderHoweverOftenItIsLookedAt) {
@@ -217,63 +185,5 @@ TEST(PsiPort, LosesAndCountsAMisframedPacketAndTakesTheNextOne) {
   }
 }
 
-TEST(PacketSink, WritesWholePacketsToAFile) {
-  const Scratch scratch;
-  const std::string file = scratch.path / "out.ts";
-  writeFile(file, Bytes(99'999, 7));  // an old one is replaced
-  {
-    const auto sink = headend::openSink(file);
-    sink->packet(packetOf('a'));
-    sink->nullPackets(5000);
-    sink->packet(packetOf('b'));
-    sink->flush();
-    EXPECT_EQ(sink->error(), "");
-  }
-  const Bytes out = readFile(file);
-  ASSERT_EQ(out.size(), 5002U * 188);
-  EXPECT_EQ(Bytes(out.begin(), out.begin() + 188), packetOf('a'));
-  EXPECT_EQ(Bytes(out.end() - 188, out.end()), packetOf('b'));
-  for (std::size_t i = 1; i <= 5000; ++i) {
-    const u8* p = &out[i * 188];
-    ASSERT_TRUE(p[0] == 0x47 && (p[1] & 0x1F) == 0x1F && p[2] == 0xFF && (p[3] & 0x10) != 0) << i;
-  }
-}
-
-TEST(PacketSink, SaysWhichOutputCannotBeOpenedOrWritten) {
-  const auto full = headend::openSink("/dev/full");
-  full->nullPackets(100'000);
-  full->flush();
-  EXPECT_NE(full->error().find("/dev/full"), std::string::npos);
-  EXPECT_NE(full->error().find("No space left"), std::string::npos);
-
-  const Scratch scratch;
-  for (const std::string& target :
-       {(scratch.path / "missing" / "out.ts").string(), scratch.path.string(), std::string("udp://127.0.0.1"),
-        std::string("udp://127.0.0.1:0"), std::string("udp://127.0.0.1:70000"),
-        std::string("udp://host:5000"), std::string("udp://127.0.0.1:50x")}) {
-    try {
-      headend::openSink(target);
-      ADD_FAILURE() << target;
-    } catch (const std::runtime_error& e) {
-      EXPECT_NE(std::string(e.what()).find(target), std::string::npos) << e.what();
-    }
-  }
-}
-
-TEST(PacketSink, SendsSevenPacketsADatagram) {
-  const Loopback receiver;
-  const auto sink = headend::openSink("udp://127.0.0.1:" + std::to_string(receiver.port()));
-  for (u8 i = 0; i < 16; ++i) sink->packet(packetOf(i));
-  sink->flush();
-  u8 next = 0;
-  for (const std::size_t packets : {7U, 7U, 2U}) {
-    const auto datagram = receiver.receive();
-    ASSERT_TRUE(datagram);
-    ASSERT_EQ(datagram->size(), packets * 188);
-    for (std::size_t i = 0; i < packets; ++i) EXPECT_EQ((*datagram)[i * 188 + 1], next++);
-  }
-  EXPECT_FALSE(receiver.receive());
-  EXPECT_EQ(sink->error(), "");
-}
-
 }  // namespace
+}  // namespace test

@@ -2,9 +2,8 @@
 
 #include "tests/headend/kernel/rig.h"
 
+namespace test {
 namespace {
-
-using namespace test;
 
 __extension__ using Wide = unsigned __int128;
 
@@ -57,36 +56,6 @@ TEST(Clocks, ADelayEndsWithTheNthTickFromNow) {
   }
 }
 
-TEST(Clocks, SleepersOfOneTickWakeByPriority) {
-  Rig rig(freeCalls());
-  for (const int priority : {150, 50, 250, 100}) {
-    rig.task("sleeper", priority, [&, priority] {
-      rig.kernel.delay(2);
-      rig.note(std::to_string(priority));
-    });
-  }
-  rig.runUntil(kSecond);
-  EXPECT_EQ(rig.story, Story({"50", "100", "150", "250"}));
-}
-
-TEST(Clocks, EventsComeAtTheirTimesAndInTheOrderOfTheirMaking) {
-  Rig rig(freeCalls());
-  const auto say = [&](const std::string& what) {
-    return [&rig, what] { rig.note(what + "@" + std::to_string(rig.kernel.now())); };
-  };
-  rig.kernel.at(7'000'001, say("c"));
-  rig.kernel.at(5'000'000, say("a"));
-  rig.kernel.at(5'000'000, say("b"));
-  rig.kernel.at(6'000'000, [&] {
-    rig.kernel.at(6'000'000, say("now"));
-    rig.kernel.at(1, say("late"));  // a time that has passed: at once
-  });
-  rig.task("busy", 100, [&] { rig.kernel.spend(6'500'000), rig.note("work done"), rig.kernel.spend(kMs); });
-  rig.runUntil(kSecond);
-  EXPECT_EQ(rig.story,
-            Story({"a@5000000", "b@5000000", "now@6000000", "late@6000000", "work done", "c@7000001"}));
-}
-
 TEST(Clocks, TimeOfInterruptsIsNobodysWorkAndTicksAreNotLost) {
   Rig rig(freeCalls(100, 1000));
   static Kernel* kernel = nullptr;
@@ -106,3 +75,4 @@ TEST(Clocks, TimeOfInterruptsIsNobodysWorkAndTicksAreNotLost) {
 }
 
 }  // namespace
+}  // namespace test

@@ -12,9 +12,8 @@
 #include "tests/headend/loopback.h"
 #include "tests/headend/scratch.h"
 
+namespace test {
 namespace {
-
-using namespace test;
 
 TEST(Heap, FillsBlocksKeepsItsLimitAndTakesBack) {
   headend::Heap heap(100, 0xA5);
@@ -36,32 +35,6 @@ TEST(Heap, FillsBlocksKeepsItsLimitAndTakesBack) {
   heap.release(again);
   heap.release(rest);
   EXPECT_EQ(heap.used(), 0U);
-}
-
-TEST(Flash, HasOneRootAndNothingOutside) {
-  const headend::Flash flash("/some/folder");
-  const std::pair<const char*, const char*> rows[] = {
-      {"/tffs0/para/card1.dat", "/some/folder/para/card1.dat"},
-      {"/tffs0/a/../b", "/some/folder/b"},
-      {"/tffs0/..b", "/some/folder/..b"},
-      {"/tffs0/../b", nullptr},
-      {"/tffs0/a/../../b", nullptr},
-      {"/tffs0//etc/passwd", nullptr},
-      {"/tffs0", nullptr},
-      {"/tffs0/", nullptr},
-      {"/tffs01/b", nullptr},
-      {"/etc/passwd", nullptr},
-      {"tffs0/b", nullptr},
-      {"", nullptr},
-  };
-  for (const auto& [path, host] : rows) {
-    const auto found = flash.hostPath(path);
-    EXPECT_EQ(found ? found->string() : "outside", host != nullptr ? host : "outside") << path;
-    if (host == nullptr) {
-      EXPECT_EQ(flash.open(path, "rb"), nullptr) << path;
-      EXPECT_NE(flash.replace(path, {}), "") << path;
-    }
-  }
 }
 
 TEST(Flash, ReplacesAFileWholeOrLeavesTheOldOne) {
@@ -99,81 +72,5 @@ TEST(Flash, ReplacesAFileWholeOrLeavesTheOldOne) {
   EXPECT_EQ(readFile(file), fresh);
 }
 
-TEST(Network, SocketsInsideReachEachOtherAndHoldALimitedNumber) {
-  Rig rig(freeCalls());
-  headend::Network network(rig.kernel);
-  headend::UdpSocket server(network, 5000);
-  headend::UdpSocket client(network, 5001);
-  std::size_t arrivals = 0;
-  network.onArrival([&](const headend::UdpSocket& socket, const headend::Datagram&) {
-    arrivals += &socket == &server ? 1 : 0;
-  });
-  rig.task("server", 200, [&] {
-    rig.kernel.spend(5 * kMs);
-    for (u8 i = 0; i < headend::UdpSocket::kWaitingMost; ++i) {
-      const auto datagram = server.receive(os::NO_WAIT);
-      ASSERT_TRUE(datagram);
-      EXPECT_EQ(datagram->bytes, Bytes({i}));
-      EXPECT_EQ(datagram->from, (headend::Endpoint{.address = 0, .port = 5001}));
-      EXPECT_EQ(datagram->arrived, 2 * kMs);
-    }
-    EXPECT_FALSE(server.receive(2));
-    EXPECT_EQ(rig.kernel.now(), 20 * kMs);
-    server.send({.address = 0, .port = 5001}, {77});
-    server.send({.address = 0, .port = 9}, {});  // to nobody
-  });
-  rig.task("client", 100, [&] {
-    rig.kernel.spend(2 * kMs);
-    for (u8 i = 0; i < 100; ++i) client.send({.address = 0, .port = 5000}, {i});
-    const auto reply = client.receive(10);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->bytes, Bytes({77}));
-    EXPECT_EQ(rig.kernel.now(), 20 * kMs);
-    rig.note("done");
-  });
-  rig.runUntil(kSecond);
-  EXPECT_EQ(arrivals, headend::UdpSocket::kWaitingMost);
-  EXPECT_EQ(rig.story, Story({"done"}));
-}
-
-TEST(Network, AHostSocketServesClientsOfThisMachine) {
-  Rig rig(freeCalls());
-  headend::Network network(rig.kernel);
-  headend::UdpSocket server(network, 5000);
-  EXPECT_FALSE(network.hasHostSockets());
-  EXPECT_EQ(server.hostAddress(), "off");
-  server.openToHost("127.0.0.1", 0);
-  EXPECT_TRUE(network.hasHostSockets());
-  const std::string address = server.hostAddress();
-  EXPECT_EQ(address.find("127.0.0.1:"), 0U);
-
-  headend::UdpSocket second(network, 5001);
-  for (const std::string& host : std::initializer_list<std::string>{"127.0.0.1", "no-address", "1.2.3"}) {
-    try {
-      second.openToHost(host, static_cast<std::uint16_t>(std::stoi(address.substr(10))));
-      ADD_FAILURE() << host;
-    } catch (const std::runtime_error& e) {
-      EXPECT_NE(std::string(e.what()).find(host), std::string::npos) << e.what();
-    }
-  }
-
-  const Loopback a;
-  const Loopback b;
-  rig.onTick = [&] { network.pollHost(0); };
-  rig.task("server", 100, [&] {
-    for (;;) {
-      const auto datagram = server.receive(os::WAIT_FOREVER);
-      server.send(datagram->from, Bytes(datagram->bytes.rbegin(), datagram->bytes.rend()));
-    }
-  });
-  rig.kernel.at(15 * kMs, [&] { a.send(address, {1, 2, 3}), b.send(address, {}); });
-  rig.kernel.at(25 * kMs, [&] {
-    EXPECT_EQ(a.receive(), Bytes({3, 2, 1}));
-    EXPECT_EQ(b.receive(), Bytes());
-    rig.note("answered");
-  });
-  rig.runUntil(kSecond);
-  EXPECT_EQ(rig.story, Story({"answered"}));
-}
-
 }  // namespace
+}  // namespace test

@@ -1,4 +1,4 @@
-// A whole headend in this process on a flash folder of its own, as quick as it goes, with a client's socket.
+// A whole headend in this process on a flash folder of its own, as quick as it goes.
 // One per process where a card is in it: the card's module keeps its state from power-up to power-down. Tests
 // that need several run each in a child.
 #pragma once
@@ -10,10 +10,8 @@
 #include <functional>
 #include <string>
 
-#include "client/datagram.h"
 #include "headend/headend.h"
 #include "headend/report.h"
-#include "tests/headend/loopback.h"
 #include "tests/headend/scratch.h"
 
 namespace test {
@@ -36,38 +34,6 @@ inline int run(Headend& headend) {
   const std::atomic<bool> interrupted = false;
   return headend.run(interrupted);
 }
-
-// A management client in a task of the chassis with a socket of the host: it waits in virtual time.
-class Client {
- public:
-  explicit Client(Headend& headend) : headend_(headend) {}
-
-  void send(const client::Request& request) {
-    socket_.send(headend_.managementAddress(), client::encode(request));
-  }
-  // The reply as it came; nothing after `ticks`. Calls of one client carry ascending numbers.
-  Bytes callRaw(client::Request request, int ticks = 500) {
-    if (request.sequence == 0) request.sequence = ++sequence_;
-    send(request);
-    for (int i = 0; i < ticks; ++i) {
-      headend_.kernel().delay(1);
-      if (const auto reply = socket_.receive()) return *reply;
-    }
-    return {};
-  }
-  client::Reply call(const client::Request& request, int ticks = 500) {
-    const auto reply = client::decodeReply(callRaw(request, ticks));
-    if (reply) return *reply;
-    client::Reply none;
-    none.result = 0xFFFFFFFF;
-    return none;
-  }
-
- private:
-  Headend& headend_;
-  Loopback socket_;
-  u32 sequence_ = 0;
-};
 
 // What `body` returns in a process of its own; its failed expectations come back too.
 inline std::string inChild(const std::function<std::string()>& body) {

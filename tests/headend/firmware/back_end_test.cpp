@@ -2,11 +2,11 @@
 
 #include <map>
 
-#include "client/psi_records.h"
 #include "tests/headend/headend_run.h"
 
 namespace test {
 namespace {
+
 // Indices still in the send queues when a store is erased would put erased packets on the air.
 TEST(BackEnd, AnUploadUnderPressureLetsNoErasedPacketOut) {
   const Scratch scratch;

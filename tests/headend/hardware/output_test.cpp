@@ -4,7 +4,6 @@
 
 #include "headend/hardware/packet_sink.h"
 #include "tests/headend/hardware/loaded_card.h"
-#include "tests/headend/loopback.h"
 #include "tests/headend/scratch.h"
 
 namespace test {

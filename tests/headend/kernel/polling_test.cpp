@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "headend/kernel/network.h"
 #include "tests/headend/kernel/rig.h"
 
 namespace test {

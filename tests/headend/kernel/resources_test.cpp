@@ -7,9 +7,7 @@
 
 #include "headend/kernel/flash.h"
 #include "headend/kernel/heap.h"
-#include "headend/kernel/network.h"
 #include "tests/headend/kernel/rig.h"
-#include "tests/headend/loopback.h"
 #include "tests/headend/scratch.h"
 
 namespace test {

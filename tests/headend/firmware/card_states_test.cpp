@@ -7,8 +7,6 @@ namespace test {
 namespace {
 using Json = nlohmann::json;
 
-constexpr std::size_t kRecordSize = 203'132;
-
 // A power-up in a child: its report, with the exit code added.
 Json powerUp(const headend::Options& options, const std::function<void(Headend&)>& prepare = {}) {
   return Json::parse(inChild([&] {

@@ -351,6 +351,10 @@ Capture readCapture(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);
   if (!stream)
     throw CaptureError(fmt::format("{}: cannot be opened: {}", file.string(), std::strerror(errno)));
+  if (!std::filesystem::is_regular_file(file, error)) {
+    throw CaptureError(
+        fmt::format("{}: no file that can be read twice; save the stream to one first", file.string()));
+  }
   return readCapture(stream, file.string());
 }
 

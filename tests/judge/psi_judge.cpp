@@ -215,9 +215,9 @@ class Judge {
     scan_ = scan(options_.out, scanOptions, contents_, faults_);
     noteLibraryErrors(scan_, errors, faults_);
     for (const auto& [name, content] : wanted_.tables)
-      if (decoded.count(name) == 0) fault("table", fmt::format("{} cannot be decoded from the output", name));
+      if (!decoded.contains(name)) fault("table", fmt::format("{} cannot be decoded from the output", name));
     for (const Mark& mark : scan_.marks)
-      if (scanOptions.sectionPids.count(mark.pid) == 0)
+      if (!scanOptions.sectionPids.contains(mark.pid))
         fault("stray", fmt::format("packet {} is of PID {:#x}, which carries no table of the source",
                                    mark.index, mark.pid));
   }
@@ -244,7 +244,7 @@ class Judge {
     std::array<std::set<unsigned>, kTypes> seen;
     for (const Section& section : scan_.sections) {
       const auto type = typeOf(section.pid, contents_.bytes(section.content)[0], wanted_.pmtPids);
-      if (!type || wanted_.contents[*type].count(section.content) == 0)
+      if (!type || !wanted_.contents[*type].contains(section.content))
         fault("foreign", fmt::format("packet {}: section ({}) is none of the source's", section.firstPacket,
                                      nameOf(section)));
       else
@@ -252,7 +252,7 @@ class Judge {
     }
     for (size_t type = 0; type < kTypes; ++type)
       for (const unsigned content : wanted_.contents[type])
-        if (seen[type].count(content) == 0) {
+        if (!seen[type].contains(content)) {
           const Bytes& b = contents_.bytes(content);
           fault("missing", fmt::format("{}: section {} of extension {} is not in the output",
                                        kTypeRows[type].name, b[6], big16(b, 3)));

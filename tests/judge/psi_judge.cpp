@@ -96,7 +96,7 @@ struct Spacing {
 std::optional<Type> typeOf(uint16_t pid, uint8_t tableId, const std::set<uint16_t>& pmtPids) {
   for (size_t type = 0; type < kTypes; ++type) {
     const TypeRow& row = kTypeRows[type];
-    if (row.tableId == tableId && (row.pid < 0 ? pmtPids.count(pid) != 0 : row.pid == pid))
+    if (row.tableId == tableId && (row.pid < 0 ? pmtPids.contains(pid) : row.pid == pid))
       return static_cast<Type>(type);
   }
   return std::nullopt;
@@ -274,7 +274,7 @@ class Judge {
   std::vector<Group> programmeMapGroups() {
     std::vector<Mark> marks;
     for (const Mark& mark : scan_.marks)
-      if (wanted_.pmtPids.count(mark.pid) != 0) marks.push_back(mark);
+      if (wanted_.pmtPids.contains(mark.pid)) marks.push_back(mark);
     const size_t size = wanted_.packets[kPmt];
     std::vector<Group> groups;
     if (size == 0 || marks.size() < size) return groups;

@@ -168,13 +168,11 @@ class Scanner {
       assembler(pid).push(index, data + start, kPacketSize - start, (data[1] & 0x40) != 0);
   }
 
-  bool carriesSections(uint16_t pid) const {
-    return options_.everyPid || options_.sectionPids.count(pid) != 0;
-  }
+  bool carriesSections(uint16_t pid) const { return options_.everyPid || options_.sectionPids.contains(pid); }
 
   void mark(uint64_t index, uint16_t pid, const uint8_t* data) {
     unsigned content = 0;
-    if (options_.contentPids.count(pid) != 0) {
+    if (options_.contentPids.contains(pid)) {
       Bytes bytes(data, data + kPacketSize);
       bytes[3] &= 0xF0;
       content = contents_.number(bytes);

@@ -20,7 +20,8 @@ struct Channel {
   u16 slot = 0;  // 0 to 5
   u32 port = 0;  // 0 to 1
 
-  auto operator<=>(const Channel&) const = default;
+  auto operator<=>(const Channel&) const =
+      default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
 };
 
 // "N.P" with N from 1 to 6 and P from 1 to 2; nothing for any other text.

@@ -78,6 +78,19 @@ void writeTables(ChannelVariables& card, const UploadPlan& plan, const UploadOpt
   }
 }
 
+// Reading the lock and setting it are two requests: another client may have come in between, and the card
+// takes the chunks of both.
+void refuseMixture(ChannelVariables& card, const UploadPlan& plan) {
+  for (const TableType type : kAllTables) {
+    const std::size_t stored = card.readInterval(type).packets;
+    if (stored == plan.tables[indexOf(type)].packets) continue;
+    throw PsiError(
+        fmt::format("the card holds {} packets of {} where {} were sent: another client is loading the same "
+                    "channel",
+                    stored, tableName(type), plan.tables[indexOf(type)].packets));
+  }
+}
+
 // CAT, the last of the tables, comes last.
 void writeIntervals(ChannelVariables& card, const Intervals& intervals) {
   static_assert(kAllTables.back() == TableType::kCat);
@@ -88,6 +101,7 @@ void writeLocked(ChannelVariables& card, const UploadPlan& plan, const Intervals
                  const UploadOptions& options) {
   try {
     writeTables(card, plan, options);
+    refuseMixture(card, plan);
     writeIntervals(card, intervals);
   } catch (const LinkError& e) {
     failSilent(card.channel(), true, e.what());

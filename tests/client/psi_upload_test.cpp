@@ -63,14 +63,26 @@ TEST(PsiUpload, ReplacesTheTablesUnderOneLock) {
     EXPECT_EQ(card.ports[1].locks, 2) << name;
     EXPECT_TRUE(card.ports[0].store.empty()) << name;
     EXPECT_EQ(progress, plan.packets) << name;
-    // State, lock, chunks, intervals with CAT last, unlock.
+    // State, lock, chunks, a count of each table, intervals with CAT last, unlock.
     const auto& log = card.log;
-    ASSERT_EQ(log.size(), 2 + plan.chunks.size() + 4) << name;
+    ASSERT_EQ(log.size(), 2 + plan.chunks.size() + kTableCount + 4) << name;
     EXPECT_EQ(log[1].variable, 0x3101) << name;
     EXPECT_EQ(log[log.size() - 4].variable, 0x3201) << name;
     EXPECT_EQ(log[log.size() - 2].data[0], 0x01) << name;
     EXPECT_EQ(log.back().variable, 0x3101) << name;
   }
+}
+
+// Between the reading of the lock and its setting another client may come in.
+TEST(PsiUpload, PutsNoMixtureOfTwoClientsOnTheAir) {
+  FakeCard card;
+  FakeLink link(card);
+  link.before = [&](int call, const Request& request) {
+    if (call == 3) FakeLink(card).call(request);
+  };
+  const std::string message = messageOf([&] { upload(link, {0, 1}, planOf("psi-small.ts"), {}); });
+  EXPECT_TRUE(has(message, "another client is loading the same channel")) << message;
+  EXPECT_TRUE(card.ports[1].locked);
 }
 
 TEST(PsiUpload, TouchesALockedChannelOnlyByForce) {
@@ -102,7 +114,8 @@ TEST(PsiUpload, TouchesALockedChannelOnlyByForce) {
 TEST(PsiUpload, SaysHowToGoOnWhereverItBreaksOff) {
   const UploadPlan plan = planOf("psi-many.ts");
   const Intervals intervals = {{TableType::kCat, 100}};
-  const int total = static_cast<int>(plan.chunks.size()) + 4;  // state, lock, chunks, interval, unlock
+  // State, lock, chunks, counts, interval, unlock.
+  const int total = static_cast<int>(plan.chunks.size() + kTableCount) + 4;
   enum Fault { kLost, kUnanswered, kRefused };
   for (int at = 0; at < total; ++at) {
     for (const Fault fault : {kLost, kUnanswered, kRefused}) {

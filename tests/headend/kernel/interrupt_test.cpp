@@ -77,5 +77,43 @@ TEST(Interrupt, EndsTheRunWhenItAsksForWhatOnlyATaskMayHave) {
   }
 }
 
+TEST(Interrupt, MaySendWithoutWaitingGiveAndSpeak) {
+  int exitCode = 0;
+  const std::string error = fatalErrorOf(
+      [](u8 slot) {
+        os::msgQSend(it.queue, &it.byte, 1, os::NO_WAIT, 0);
+        it.wentOn = os::msgQSend(it.queue, &it.byte, 1, os::NO_WAIT, 0) == os::ERROR;  // full
+        os::semGive(it.binary);
+        chassis::DebugPrint("interrupt of slot %d", slot + os::sysClkRateGet());
+      },
+      exitCode);
+  EXPECT_EQ(error, "");
+  EXPECT_EQ(exitCode, headend::kExitDone);
+  EXPECT_TRUE(it.wentOn);
+}
+
+// The routine that was stopped stays stopped, though another slot's comes in the same tick.
+TEST(Interrupt, NothingOfAStoppedRoutineIsCarriedOutLater) {
+  Rig rig;
+  static Rig* its = nullptr;
+  its = &rig;
+  int routines = 0;
+  rig.onAux = [&] {
+    ++routines;
+    rig.kernel.interrupt(
+        "bad", 0, [](u8) { its->kernel.requireTask("malloc"), its->note("allocated"); }, 0);
+    rig.kernel.interrupt(
+        "good", 1, [](u8) { its->note("good"); }, 1);
+  };
+  rig.task("busy", 100, [&] {
+    rig.kernel.spend(kSecond);
+    rig.note("task went on");
+  });
+  rig.runUntil(2 * kSecond);
+  EXPECT_EQ(routines, 1);
+  EXPECT_EQ(rig.story, Story());
+  EXPECT_NE(rig.kernel.fatalError().find("bad of slot 1"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace test

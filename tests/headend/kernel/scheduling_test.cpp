@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "headend/kernel/network.h"
 #include "tests/headend/kernel/rig.h"
 
 namespace test {
@@ -23,6 +24,72 @@ TEST(Scheduling, AHigherTaskComesInTheMiddleOfACost) {
   rig.runUntil(kSecond);
   EXPECT_EQ(highRan, 3'000'007);
   EXPECT_EQ(lowDone, 12 * kMs);
+}
+
+// Whatever makes a higher task ready, it has run before the call returns.
+TEST(Scheduling, AHigherTaskRunsBeforeTheCallThatWokeItReturns) {
+  struct Row {
+    const char* name;
+    std::function<void(Rig&, headend::UdpSocket&)> high;  // waits
+    std::function<void(Rig&, headend::UdpSocket&)> low;   // wakes
+  };
+  os::MsgQ* queue = nullptr;
+  os::Semaphore* binary = nullptr;
+  os::Semaphore* mutex = nullptr;
+  char byte = 'x';
+  char room[1];
+  const Row rows[] = {
+      {"send", [&](Rig& r, auto&) { r.kernel.receive(queue, room, os::WAIT_FOREVER); },
+       [&](Rig& r, auto&) {
+         r.kernel.send(queue, {&byte, 1}, os::NO_WAIT);
+       }},
+      {"receive",
+       [&](Rig& r, auto&) {
+         r.kernel.send(queue, {&byte, 1}, os::NO_WAIT);
+         r.kernel.send(queue, {&byte, 1}, os::WAIT_FOREVER);
+       },
+       [&](Rig& r, auto&) { r.kernel.receive(queue, room, os::NO_WAIT); }},
+      {"give", [&](Rig& r, auto&) { r.kernel.take(binary, os::WAIT_FOREVER); },
+       [&](Rig& r, auto&) { r.kernel.give(binary); }},
+      {"give a mutex", [&](Rig& r, auto&) { r.kernel.delay(1), r.kernel.take(mutex, os::WAIT_FOREVER); },
+       [&](Rig& r, auto&) {
+         r.kernel.take(mutex, os::NO_WAIT);
+         r.kernel.spend(15 * kMs);
+         r.kernel.give(mutex);
+       }},
+      {"unlock", [&](Rig& r, auto&) { r.kernel.take(binary, os::WAIT_FOREVER); },
+       [&](Rig& r, auto&) {
+         r.kernel.lock();
+         r.kernel.give(binary);
+         EXPECT_TRUE(r.story.empty());
+         r.kernel.unlock();
+       }},
+      {"spawn", [](Rig&, auto&) {},
+       [](Rig& r, auto&) { r.task("higher", 50, [&r] { r.note("high"); }), r.story.pop_back(); }},
+      {"sendto", [](Rig&, auto& socket) { EXPECT_TRUE(socket.receive(os::WAIT_FOREVER)); },
+       [](Rig&, auto& socket) { socket.send({.address = 0, .port = socket.port()}, {1}); }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Rig rig;
+    headend::Network network(rig.kernel);
+    headend::UdpSocket socket(network, 1000);
+    queue = rig.kernel.createQueue(1, 1);
+    binary = rig.kernel.createBinary(false);
+    mutex = rig.kernel.createMutex();
+    const bool spawns = std::string(row.name) == "spawn";
+    rig.task("high", 100, [&] {
+      row.high(rig, socket);
+      if (!spawns) rig.note("high");
+    });
+    rig.task("low", 200, [&] {
+      if (spawns) rig.note("low");
+      row.low(rig, socket);
+      rig.note("low");
+    });
+    rig.runUntil(kSecond);
+    EXPECT_EQ(rig.story, spawns ? Story({"low", "low"}) : Story({"high", "low"}));
+  }
 }
 
 TEST(Scheduling, ALockKeepsAllOthersOutUntilTheLastUnlock) {
@@ -127,6 +194,17 @@ TEST(Scheduling, APreemptedTaskGoesOnBeforeItsEquals) {
   rig.kernel.at(2 * kMs, [&] { rig.kernel.give(signal); });
   rig.runUntil(kSecond);
   EXPECT_EQ(rig.story, Story({"high", "first", "second"}));
+}
+
+TEST(Scheduling, ADelayOfNothingLetsEqualsRunAndNobodyBelow) {
+  Rig rig(freeCalls());
+  rig.task("first", 150, [&] {
+    rig.note("first"), rig.kernel.delay(0), rig.note("first"), rig.kernel.delay(0), rig.note("first");
+  });
+  rig.task("equal", 150, [&] { rig.note("equal"), rig.kernel.spend(kMs); });
+  rig.task("low", 151, [&] { rig.note("low"); });
+  rig.runUntil(kSecond);
+  EXPECT_EQ(rig.story, Story({"first", "equal", "first", "first", "low"}));
 }
 
 }  // namespace

@@ -73,6 +73,27 @@ TEST(Queue, WaitsForAMessageOrForRoomAsLongAsAsked) {
   EXPECT_EQ(rig.story, Story({"done"}));
 }
 
+TEST(Queue, ServesTheMostUrgentReceiverFirst) {
+  Rig rig(freeCalls());
+  os::MsgQ* queue = rig.kernel.createQueue(8, 4);
+  int order = 0;
+  for (const char* name : {"200a", "150", "200b", "100"}) {
+    rig.task(name, std::stoi(name), [&, name, arrival = ++order] {
+      rig.kernel.delay(arrival);
+      rig.note(std::string(name) + receive(rig, queue, os::WAIT_FOREVER));
+    });
+  }
+  rig.task("sender", 250, [&] {
+    rig.kernel.delay(9);
+    rig.kernel.lock();
+    for (const char* message : {"1", "2", "3", "4", "5"}) rig.kernel.send(queue, text(message), os::NO_WAIT);
+    rig.kernel.unlock();
+    EXPECT_EQ(receive(rig, queue, os::NO_WAIT), "5");
+  });
+  rig.runUntil(kSecond);
+  EXPECT_EQ(rig.story, Story({"1001", "1502", "200a3", "200b4"}));
+}
+
 TEST(Mutex, IsItsOwnersAgainAndAgainAndGoesOverWhenTheLastGiveComes) {
   Rig rig(freeCalls());
   os::Semaphore* mutex = rig.kernel.createMutex();
@@ -108,6 +129,40 @@ TEST(Mutex, IsItsOwnersAgainAndAgainAndGoesOverWhenTheLastGiveComes) {
   });
   rig.runUntil(kSecond);
   EXPECT_EQ(rig.story, Story({"one back", "high has it", "both back", "mine again"}));
+}
+
+// A task that gives what is not its own for ever still lets time pass.
+TEST(Mutex, AVainGiveTakesTimeLikeAnyCall) {
+  Rig rig;
+  os::Semaphore* mutex = rig.kernel.createMutex();
+  int rounds = 0;
+  rig.task("vain", 100, [&] {
+    while (rig.kernel.now() < 10 * kMs && ++rounds < 100'000) rig.kernel.give(mutex);
+  });
+  rig.runUntil(20 * kMs);
+  EXPECT_LT(rounds, 100'000);
+}
+
+TEST(Binary, WakesOneTaskAGiveAndRemembersOneGive) {
+  Rig rig(freeCalls());
+  os::Semaphore* binary = rig.kernel.createBinary(true);
+  rig.task("taker", 100, [&] {
+    Kernel& k = rig.kernel;
+    EXPECT_EQ(k.take(binary, os::NO_WAIT), os::OK);
+    EXPECT_EQ(k.take(binary, os::NO_WAIT), os::ERROR);  // not recursive
+    EXPECT_EQ(k.take(binary, 2), os::ERROR);
+    EXPECT_EQ(k.now(), 20 * kMs);
+    EXPECT_EQ(k.take(binary, os::WAIT_FOREVER), os::OK);
+    EXPECT_EQ(k.now(), 33 * kMs);
+    k.delay(3);
+    EXPECT_EQ(k.take(binary, os::NO_WAIT), os::OK);  // of two gives
+    EXPECT_EQ(k.take(binary, os::NO_WAIT), os::ERROR);
+    rig.note("done");
+  });
+  rig.kernel.at(33 * kMs, [&] { rig.kernel.give(binary); });
+  rig.kernel.at(40 * kMs, [&] { rig.kernel.give(binary), rig.kernel.give(binary); });
+  rig.runUntil(kSecond);
+  EXPECT_EQ(rig.story, Story({"done"}));
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cmath>
 #include <iostream>
+#include <map>
+#include <set>
 
 #include "client/datagram.h"
 #include "headend/options.h"
@@ -106,10 +108,33 @@ void parseManage(const std::string& text, Options& options) {
   const std::size_t colon = text.rfind(':');
   std::uint16_t port = 0;
   const char* end = text.data() + text.size();
-  const bool good = colon != std::string::npos && colon > 0 &&
-                    std::from_chars(text.data() + colon + 1, end, port).ptr == end && colon + 1 < text.size();
-  if (!good) refuse("--manage", text, "want ADDRESS:PORT or off");
+  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
+  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
+  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) {
+    refuse("--manage", text, "want ADDRESS:PORT with a port up to 65535, or off");
+  }
   options.manage = {text.substr(0, colon), port};
+}
+
+// Two flags that name one file would leave a mixture, or none of the one read. Devices and pipes are for all.
+void refuseSharedFiles(const Options& options) {
+  namespace fs = std::filesystem;
+  std::map<fs::path, std::string> users;
+  const auto use = [&](const std::string& flag, const fs::path& file) {
+    std::error_code ignored;
+    if (file.empty() || (fs::exists(file, ignored) && !fs::is_regular_file(file, ignored))) return;
+    const auto [entry, isNew] = users.emplace(fs::weakly_canonical(file, ignored), flag);
+    if (!isNew) refuse(flag, file.string(), "is the file of " + entry->second + " already");
+  };
+  for (const auto& [channel, target] : options.outputs) {
+    if (!target.starts_with("udp://")) use("--out " + client::channelName(channel), target);
+  }
+  use("--report", options.report);
+  use("--log", options.log);
+  use("--bus-log", options.busLog);
+  std::set<fs::path> captures;
+  for (const Options::Psi& psi : options.psi) captures.insert(psi.file);
+  for (const fs::path& capture : captures) use("--psi", capture);
 }
 
 void checkTogether(const Options& options) {
@@ -146,9 +171,9 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
   app.add_flag("--init-flash", o.initFlash,
                "make that folder with the sample bitstream, no record yet, and exit");
   app.add_option("--card", t.cards, "a card in slot N (repeatable; default 1)")->check(CLI::Range(1, 6));
-  app.add_option(
-      "--psi", t.psi,
-      "N.P=FILE.ts[@SECONDS]: upload the PSI of a capture once the card runs, or at that time (repeatable)");
+  app.add_option("--psi", t.psi,
+                 "N.P=FILE.ts[@SECONDS]: upload the PSI of a capture once the card runs, or at that time; a "
+                 "file whose name ends in @NUMBER takes @0 behind it (repeatable)");
   app.add_option(
       "--interval", t.intervals,
       "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of PAT, PMT, SDT_C, SDT_O, "
@@ -201,7 +226,10 @@ void addMachineFlags(CLI::App& app, Options& o, Texts& t) {
   cost("--memory-ns", k.costs.memoryCall, "of malloc and free", 1);
   cost("--file-ns", k.costs.fileCall, "of opening a file", 1);
   cost("--save-ns", k.costs.save, "of saving a parameter record", 1);
-  app.add_option("--heap", o.heapBytes, "bytes of the cards' heap")->capture_default_str()->group(group);
+  app.add_option("--heap", o.heapBytes, "bytes of the cards' heap")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{1} << 40))
+      ->capture_default_str()
+      ->group(group);
   app.add_option("--heap-fill", t.heapFill, "byte that fresh memory holds")
       ->check(CLI::Range(0, 255))
       ->capture_default_str()
@@ -225,7 +253,8 @@ void interpret(const Texts& t, Options& o) {
   for (const std::string& text : t.outputs) parseOutput(text, o);
   if (!t.seconds.empty()) {
     o.duration = parseSeconds(t.seconds);
-    if (!o.duration || *o.duration == 0) refuse("--seconds", t.seconds, "want a number of seconds above 0");
+    if (!o.duration || *o.duration == 0)
+      refuse("--seconds", t.seconds, "want a number of seconds above 0, 1e9 at most");
   }
   if (!t.manage.empty()) {
     parseManage(t.manage, o);
@@ -234,6 +263,7 @@ void interpret(const Texts& t, Options& o) {
   }
   o.heapFill = static_cast<u8>(t.heapFill);
   checkTogether(o);
+  refuseSharedFiles(o);
 }
 
 }  // namespace

@@ -238,7 +238,7 @@ Headend::CardState Headend::state(int slot) const {
   const Chassis::Slot& s = chassis_.slot(slot);
   const auto hangs = [slot](const ParkedTask& p) { return p.still && p.slot == slot; };
   if (std::any_of(parkedTasks_.begin(), parkedTasks_.end(), hangs)) return CardState::kHung;
-  if (!s.initReturned) return s.descriptor == nullptr ? CardState::kNotRegistered : CardState::kStarting;
+  if (!s.initReturned) return s.registrationFailed ? CardState::kNotRegistered : CardState::kStarting;
   if (s.descriptor->varPtr == nullptr) return CardState::kNoRecord;
   const FpgaConfiguration& part = cards_[static_cast<std::size_t>(slot)]->configuration();
   if (part.done()) return CardState::kRunning;

@@ -1,8 +1,12 @@
 // The program `headend`.
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 
 #include "headend/headend.h"
 #include "headend/report.h"
@@ -17,17 +21,28 @@ void onSignal(int) {
   interrupted = true;
 }
 
-// Aside and renamed, so that a reader never finds half a report.
-void writeReport(const std::string& path, const std::string& text) {
-  const std::string aside = path + ".new";
-  std::FILE* file = std::fopen(aside.c_str(), "we");
+void writeWhole(const std::string& path, const std::string& text) {
+  std::FILE* file = std::fopen(path.c_str(), "we");
   bool good = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
   if (file != nullptr) good = std::fclose(file) == 0 && good;
-  good = good && std::rename(aside.c_str(), path.c_str()) == 0;
-  if (!good) {
-    const std::string why = std::strerror(errno);
-    if (file != nullptr) std::remove(aside.c_str());
-    throw std::runtime_error(fmt::format("cannot write report {}: {}", path, why));
+  if (!good) throw std::system_error(errno, std::generic_category());
+}
+
+// A file is written aside and renamed, so that a reader never finds half a report; a device or pipe takes it
+// as it is.
+void writeReport(const std::string& path, const std::string& text) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::path target = fs::is_symlink(path, error) ? fs::weakly_canonical(path, error) : fs::path(path);
+  const std::string aside = target.string() + ".new";
+  try {
+    if (fs::exists(target, error) && !fs::is_regular_file(target, error))
+      return writeWhole(target.string(), text);
+    writeWhole(aside, text);
+    fs::rename(aside, target);
+  } catch (const std::system_error& e) {
+    std::remove(aside.c_str());
+    throw std::runtime_error(fmt::format("cannot write report {}: {}", path, e.code().message()));
   }
 }
 

@@ -150,16 +150,18 @@ card* GetCardPoint(u8 slotNo) {
 }
 
 void configOneSlotBus(u8 slotNo, int arg1, int arg2) {
+  if (slotNo >= MAX_BOARD_NUM) return;
   running->chassis().configureBus(slotNo, arg1, arg2);
 }
 void setCardType(u8 slotNo, int typeCode) {
+  if (slotNo >= MAX_BOARD_NUM) return;
   running->chassis().setCardType(slotNo, typeCode);
 }
 
 int para_save(u8 slotNo) {
   kernel().requireTask("para_save");
   kernel().notePollingEnds();
-  return running->chassis().save(slotNo);
+  return slotNo < MAX_BOARD_NUM ? running->chassis().save(slotNo) : os::ERROR;
 }
 
 void lcdPrintf(int line, int /*attribute*/, int /*arg3*/, int /*arg4*/, const char* format, ...) {

@@ -4,12 +4,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <string_view>
 
 namespace headend {
+namespace {
+
+bool movesItsCursor() {
+  const char* kind = std::getenv("TERM");
+  return kind != nullptr && std::string_view(kind) != "dumb";
+}
+
+}  // namespace
 
 StatusView::StatusView(Headend& headend)
     : headend_(headend),
-      terminal_(::isatty(headend.options().fast ? STDERR_FILENO : STDOUT_FILENO) == 1),
+      terminal_(::isatty(headend.options().fast ? STDERR_FILENO : STDOUT_FILENO) == 1 && movesItsCursor()),
       next_(Clock::now()) {}
 
 void StatusView::update() {

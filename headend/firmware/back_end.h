@@ -73,7 +73,7 @@ class BackEnd {
   CarouselMonitor& monitor_;
   Log& log_;
   UdpSocket socket_;
-  std::function<std::string()> status_;
+  std::function<std::string()> status_ = [] { return std::string("{}"); };
   std::vector<Registration> registrations_;
   std::list<KnownClient> clients_;  // the one heard last in front
   std::array<std::array<std::optional<Nanos>, MAX_QAM_OUT_NUM>, kSlots> lockedSince_;

@@ -17,6 +17,7 @@ void Chassis::start(const std::vector<int>& slots) {
       slot.timeline.begin("registration", kernel_.now(), bus_.accesses(number));
       Qam_Init(static_cast<u8>(number));
       slot.timeline.end(kernel_.now(), bus_.accesses(number));
+      slot.registrationFailed = slot.descriptor == nullptr;
     }
     for (const int number : slots) {
       kernel_.spawn(

@@ -25,6 +25,7 @@ class Chassis {
   struct Slot {
     bool occupied = false;
     chassis::card* descriptor = nullptr;
+    bool registrationFailed = false;  // no memory for a descriptor
     bool initReturned = false;
     std::optional<Nanos> initTook;
     std::array<std::string, kPanelLines> lcd;  // what the slot's own tasks printed

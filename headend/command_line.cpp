@@ -123,7 +123,7 @@ void refuseSharedFiles(const Options& options) {
   const auto use = [&](const std::string& flag, const fs::path& file) {
     std::error_code ignored;
     if (file.empty() || (fs::exists(file, ignored) && !fs::is_regular_file(file, ignored))) return;
-    const auto [entry, isNew] = users.emplace(fs::weakly_canonical(file, ignored), flag);
+    const auto [entry, isNew] = users.emplace(fs::weakly_canonical(fs::absolute(file), ignored), flag);
     if (!isNew) refuse(flag, file.string(), "is the file of " + entry->second + " already");
   };
   for (const auto& [channel, target] : options.outputs) {

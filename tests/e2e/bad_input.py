@@ -170,9 +170,13 @@ def outputs(case):
     case.equal(os.path.getsize(out), whole, 'size of an output cut by a full disk')
     for target in ('udp://127.0.0.1', 'udp://127.0.0.1:x', 'udp://127.0.0.1:70000'):
         case.says(case.fast(flash, 3, '--out', f'1.1={target}', codes=(1, 2)), target)
+    full = case.path('full')  # a link, so that a fault here replaces no device of this machine
+    os.symlink('/dev/full', full)
     for flag in ('--log', '--bus-log', '--report'):
-        run = case.headend('--fast', '--seconds', '1', '--flash', flash, flag, missing, codes=(1,))
-        case.says(run, missing)
+        for target in (missing, full):
+            run = case.headend('--fast', '--seconds', '1', '--flash', flash, flag, target, codes=(1,))
+            case.says(run, target)
+    case.check(os.path.islink(full), 'a report has replaced a link')
     case.tidy(flash)
 
 
@@ -238,6 +242,11 @@ WRONG_CALLS = """--fast
 --fast --seconds 1 --out 1.1
 --fast --seconds 1 --out 9.1=OUT
 --fast --seconds 1 --manage nonsense
+--fast --seconds 1 --manage 127.0.0.1:65536
+--fast --seconds 1 --card 1 --out 1.1=OUT --out 1.2=OUT
+--fast --seconds 1 --out 1.1=OUT --report OUT
+--fast --seconds 1 --psi 1.1=OUT --out 1.1=OUT
+--fast --seconds 1 --heap -1
 --fast --seconds 1 --aux-hz 0
 --fast --seconds 1 --tick-hz 0
 --fast --seconds 1 --tick-hz -5

@@ -4,9 +4,8 @@
 
 #include "tests/headend/hardware/loaded_card.h"
 
+namespace test {
 namespace {
-
-using namespace test;
 
 // IEEE 802.3, bit by bit.
 u32 crc32(std::span<const u8> bytes) {
@@ -215,3 +214,4 @@ TEST(CardFpga, IsDeafBeforeConfigurationAndAllZeroAfter) {
 }
 
 }  // namespace
+}  // namespace test

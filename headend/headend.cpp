@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include "client/psi_capture.h"
 

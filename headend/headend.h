@@ -111,7 +111,6 @@ class Headend final : private KernelObserver {
   std::FILE* busLog_ = nullptr;
   std::vector<AssertionFailure> assertionFailures_;
   std::vector<ParkedTask> parkedTasks_;
-  std::string debugLine_;
   const std::atomic<bool>* interrupted_ = nullptr;
   std::function<void()> onTick_;
 };

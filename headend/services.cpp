@@ -25,13 +25,6 @@ const Costs& costs() {
   return running->kernel().settings().costs;
 }
 
-// A service that is a point of preemption and costs time.
-void charge(const char* service, Nanos cost) {
-  kernel().requireTask(service);
-  kernel().notePollingEnds();
-  kernel().spend(cost);
-}
-
 }  // namespace
 
 void setRunning(Headend* headend) {
@@ -42,7 +35,6 @@ void setRunning(Headend* headend) {
 
 }  // namespace headend
 
-using headend::charge;
 using headend::costs;
 using headend::kernel;
 using headend::running;
@@ -60,9 +52,7 @@ u16 busRead16(const volatile void* reg) {
 
 void busWrite16(volatile void* reg, u16 value) {
   headend::Kernel& k = kernel();
-  k.requireTask("a register write");
-  k.notePollingEnds();
-  k.spend(costs().busAccess);
+  k.charge("a register write", costs().busAccess);
   running->bus().write(reg, value, k.now());
 }
 
@@ -75,24 +65,24 @@ void checkFailed(const char* text, const char* unit, int line) {
 }
 
 std::FILE* fopen(const char* path, const char* mode) {
-  charge("fopen", costs().fileCall);
+  kernel().charge("fopen", costs().fileCall);
   return running->flash().open(path, mode);
 }
 
 void* malloc(std::size_t size) {
-  charge("malloc", costs().memoryCall);
+  kernel().charge("malloc", costs().memoryCall);
   void* block = running->heap().allocate(size);
   if (block == nullptr) running->heapExhausted(size);
   return block;
 }
 
 void free(void* block) {
-  charge("free", costs().memoryCall);
+  kernel().charge("free", costs().memoryCall);
   running->heap().release(block);
 }
 
 void countingLoop(u32 turns) {
-  charge("a counting loop", costs().loopTurn * turns);
+  kernel().charge("a counting loop", costs().loopTurn * turns);
 }
 
 extern "C" {
@@ -174,13 +164,13 @@ void lcdPrintf(int line, int /*attribute*/, int /*arg3*/, int /*arg4*/, const ch
 }
 
 void Delay5us() {
-  charge("Delay5us", costs().wait5us);
+  kernel().charge("Delay5us", costs().wait5us);
 }
 void delay5us() {
-  charge("delay5us", costs().wait5us);
+  kernel().charge("delay5us", costs().wait5us);
 }
 void Dog() {
-  charge("Dog", costs().watchdogKick);
+  kernel().charge("Dog", costs().watchdogKick);
 }
 
 void DebugPrint(const char* format, ...) {

@@ -246,9 +246,7 @@ int Kernel::spawn(std::string name, int priority, std::function<void()> body, in
 }
 
 int Kernel::delay(int ticks) {
-  requireTask("taskDelay");
-  notePollingEnds();
-  spend(settings_.costs.kernelCall);
+  charge("taskDelay", settings_.costs.kernelCall);
   Task& task = *current_;
   if (ticks <= 0) {
     makeReady(task);
@@ -263,9 +261,7 @@ int Kernel::delay(int ticks) {
 }
 
 int Kernel::lock() {
-  requireTask("taskLock");
-  notePollingEnds();
-  spend(settings_.costs.kernelCall);
+  charge("taskLock", settings_.costs.kernelCall);
   ++current_->lockDepth;
   return os::OK;
 }
@@ -280,9 +276,7 @@ int Kernel::unlock() {
 }
 
 os::MsgQ* Kernel::createQueue(int maxMessages, int maxLength) {
-  requireTask("msgQCreate");
-  notePollingEnds();
-  spend(settings_.costs.kernelCall);
+  charge("msgQCreate", settings_.costs.kernelCall);
   if (maxMessages <= 0 || maxLength < 0) return nullptr;
   queues_.push_back(std::make_unique<os::MsgQ>(os::MsgQ{.maxMessages = static_cast<std::size_t>(maxMessages),
                                                         .maxLength = static_cast<std::size_t>(maxLength),
@@ -316,9 +310,7 @@ int Kernel::send(os::MsgQ* queue, std::span<const char> message, int timeout) {
 }
 
 int Kernel::receive(os::MsgQ* queue, std::span<char> buffer, int timeout) {
-  requireTask("msgQReceive");
-  notePollingEnds();
-  spend(settings_.costs.kernelCall);
+  charge("msgQReceive", settings_.costs.kernelCall);
   if (queue == nullptr) return os::ERROR;
   if (queue->messages.empty()) {
     if (timeout == os::NO_WAIT) return os::ERROR;
@@ -348,9 +340,7 @@ os::Semaphore* Kernel::createBinary(bool available) {
 }
 
 int Kernel::take(os::Semaphore* semaphore, int timeout) {
-  requireTask("semTake");
-  notePollingEnds();
-  spend(settings_.costs.kernelCall);
+  charge("semTake", settings_.costs.kernelCall);
   if (semaphore == nullptr) return os::ERROR;
   if (semaphore->mutex && semaphore->owner == current_) {
     ++semaphore->depth;

@@ -137,6 +137,13 @@ class Kernel {
     }
   }
 
+  // A service that only a task may ask for: it ends a poll and costs time.
+  void charge(const char* service, Nanos cost) {
+    requireTask(service);
+    notePollingEnds();
+    spend(cost);
+  }
+
   // After a read of `reg` by the running task: one that reads nothing else for a virtual second is parked
   // until the register reads otherwise.
   void notePolling(const volatile void* reg, std::uint16_t value) {

@@ -63,9 +63,7 @@ std::string UdpSocket::hostAddress() const {
 
 std::optional<Datagram> UdpSocket::receive(int timeout) {
   Kernel& kernel = network_.kernel_;
-  kernel.requireTask("recvfrom");
-  kernel.notePollingEnds();
-  kernel.spend(kernel.settings().costs.kernelCall);
+  kernel.charge("recvfrom", kernel.settings().costs.kernelCall);
   while (waiting_.empty()) {
     if (timeout == os::NO_WAIT || !kernel.waitOn(waiters_, timeout)) return std::nullopt;
   }
@@ -112,11 +110,6 @@ void UdpSocket::drainHost() {
              .bytes = std::vector<u8>(buffer.begin(), buffer.begin() + n),
              .arrived = network_.kernel_.now()});
   }
-}
-
-bool Network::hasHostSockets() const {
-  return std::any_of(sockets_.begin(), sockets_.end(),
-                     [](const auto& entry) { return entry.second->fd_ >= 0; });
 }
 
 void Network::pollHost(Nanos atMost) {

@@ -76,7 +76,6 @@ class Network {
 
   // Takes what has come from the host; waits for it that long at most, and less when a signal comes.
   void pollHost(Nanos atMost);
-  bool hasHostSockets() const;
 
  private:
   friend class UdpSocket;

@@ -3,48 +3,19 @@
 namespace headend {
 namespace {
 
-// Byte offsets of the registers that do something here.
-enum Register : u32 {
-  kQamMode = 2,
-  kSymbolRateFirst = 4,
-  kSymbolRateLast = 10,
-  kPsiData0 = 156,
-  kPsiReady0 = 158,
-  kPsiData1 = 172,
-  kPsiReady1 = 174,
-};
+constexpr u32 kQamMode = offsetOf("qam_mode");
+constexpr u32 kSymbolRateFirst = offsetOf("rf_off_hh");
+constexpr u32 kSymbolRateLast = offsetOf("rf_off_ll");
+constexpr u32 kPsiData0 = offsetOf("PsiData0");
+constexpr u32 kPsiReady0 = offsetOf("PsiRdy0");
+constexpr u32 kPsiData1 = offsetOf("PsiData1");
+constexpr u32 kPsiReady1 = offsetOf("PsiRdy1");
 
 constexpr u16 kBlank = 0xFFFF;
 
 // At reset the modulator runs with 6875 kBd and 64-QAM.
 constexpr std::uint32_t kResetSymbolRate_kBd = 6875;
 constexpr unsigned kResetBitsPerSymbol = 6;
-
-constexpr std::array kNames = {
-    "nrst",         "qam_mode",       "rf_off_hh",      "rf_off_hl",      "rf_off_lh",     "rf_off_ll",
-    "att_q1_dat",   "att_q1_clk",     "att_q1_le",      "att_q2_dat",     "att_q2_clk",    "att_q2_le",
-    "cdce925_scl",  "cdce925_sda",    "cdce925_s0",     "ad7414_sda",     "ad7414_scl",    "ad7414_alt",
-    "ad9775_1_sdo", "ad9775_1_rst",   "ad9775_1_clk",   "ad9775_1_cs",    "ad9775_1_sdio", "ad9775_2_sdo",
-    "ad9775_2_rst", "ad9775_2_clk",   "ad9775_2_cs",    "ad9775_2_sdio",  "q1_12v_ctrl",   "q1_5v_ctrl",
-    "q2_12v_ctrl",  "q2_5v_ctrl",     "lo1_dat",        "lo1_clk",        "lo1_ref",       "lo1_mo",
-    "lo1_le",       "lo2_q1_dat",     "lo2_q1_clk",     "lo2_q1_ref",     "lo2_q1_mo",     "lo2_q1_le",
-    "lo2_q2_dat",   "lo2_q2_clk",     "lo2_q2_ref",     "lo2_q2_mo",      "lo2_q2_le",     "rf0_en",
-    "rf1_en",       "X24C16SDA",      "X24C16SCL",      "power",          "qamen",         "version",
-    "plllock",      "tslock",         "rate_ctrl_rst",  "Valid_0_rateL",  "Valid_0_rateM", "Valid_0_rateH",
-    "Sys_0_rateL",  "Sys_0_rateH",    "Valid_1_rateL",  "Valid_1_rateM",  "Valid_1_rateH", "Sys_1_rateL",
-    "Sys_1_rateH",  "ext_ad7414_sda", "ext_ad7414_scl", "ext_ad7414_alt", "Card_No",       "oport_num0",
-    "oport_num1",   "pkt_len0",       "Orate0_0",       "Orate0_1",       "Orate0_2",      "Orate0_3",
-    "PsiData0",     "PsiRdy0",        "reserved",       "pkt_len1",       "Orate1_0",      "Orate1_1",
-    "Orate1_2",     "Orate1_3",       "PsiData1",       "PsiRdy1",
-};
-constexpr std::array kMapNames = {"oldpid_l", "oldpid_h", "newpid_l", "newpid_h",
-                                  "addr",     "we",       "mode",     "reserved0"};
-constexpr std::array kFilterNames = {"filter_onoff", "filter_we", "filter_pid_l", "filter_pid_h"};
-constexpr u32 kReserveFirst = 176;
-constexpr u32 kTestFirst = 200;
-constexpr u32 kMapFirst = 230;
-constexpr u32 kFilterFirst = 262;
-static_assert(kNames.size() * 2 == kReserveFirst);
 
 unsigned bitsPerSymbol(u16 code) {
   switch (code) {
@@ -84,6 +55,12 @@ void CardFpga::startUp(Nanos now) {
 
 u16 CardFpga::read(u32 offset, Nanos now) {
   if (!configuration_.done()) return kBlank;
+  const u16 value = level(offset, now);
+  if (onRegister_) onRegister_(offset, value, now);
+  return value;
+}
+
+u16 CardFpga::level(u32 offset, Nanos now) {
   switch (offset) {
     case kPsiReady0:
       return outputs_[0].psiHasRoom(now) ? 1 : 0;
@@ -96,18 +73,15 @@ u16 CardFpga::read(u32 offset, Nanos now) {
 
 void CardFpga::write(u32 offset, u16 value, Nanos now) {
   if (!configuration_.done()) return;
-  switch (offset) {
-    case kPsiData0:
-      psiPorts_[0].write(value, now);
-      return;
-    case kPsiData1:
-      psiPorts_[1].write(value, now);
-      return;
-    default:
-      break;
-  }
   cells_[offset / 2] = value;
-  if (offset >= kQamMode && offset <= kSymbolRateLast) applyModulation(now);
+  if (offset == kPsiData0) {
+    psiPorts_[0].write(value, now);
+  } else if (offset == kPsiData1) {
+    psiPorts_[1].write(value, now);
+  } else if (offset >= kQamMode && offset <= kSymbolRateLast) {
+    applyModulation(now);
+  }
+  if (onRegister_) onRegister_(offset, value, now);
 }
 
 void CardFpga::applyModulation(Nanos now) {
@@ -134,11 +108,7 @@ void CardFpga::advanceOutputs(Nanos now) {
 }
 
 const char* CardFpga::registerName(u32 offset) const {
-  if (offset < kReserveFirst) return kNames[offset / 2];
-  if (offset < kTestFirst) return "reserve";
-  if (offset < kMapFirst) return "Test";
-  if (offset < kFilterFirst) return kMapNames[(offset - kMapFirst) / 2 % kMapNames.size()];
-  return kFilterNames[(offset - kFilterFirst) / 2 % kFilterNames.size()];
+  return cardRegister(offset).name;
 }
 
 }  // namespace headend

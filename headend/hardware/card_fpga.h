@@ -5,6 +5,7 @@
 #include <array>
 
 #include "headend/hardware/bus_device.h"
+#include "headend/hardware/card_registers.h"
 #include "headend/hardware/fpga_configuration.h"
 #include "headend/hardware/multiplexer.h"
 #include "headend/hardware/psi_port.h"
@@ -13,7 +14,7 @@ namespace headend {
 
 class CardFpga final : public BusDevice {
  public:
-  static constexpr u32 kWindowSize = 278;
+  static constexpr u32 kWindowSize = kCardWindowSize;
   static constexpr std::size_t kChannels = 2;
 
   CardFpga(const FpgaConfiguration::Settings& settings, Violations& violations);
@@ -33,7 +34,13 @@ class CardFpga final : public BusDevice {
     onConfiguration_ = std::move(hook);
   }
 
+  // Told of each register as it stands after an access to it, and of a bus line when its level has changed.
+  void onRegister(std::function<void(u32 offset, u16 value, Nanos now)> hook) {
+    onRegister_ = std::move(hook);
+  }
+
  private:
+  u16 level(u32 offset, Nanos now);
   void becomeBlank(Nanos now);
   void startUp(Nanos now);
   void applyModulation(Nanos now);
@@ -41,6 +48,7 @@ class CardFpga final : public BusDevice {
 
   FpgaConfiguration configuration_;
   std::function<void(bool, Nanos)> onConfiguration_;
+  std::function<void(u32, u16, Nanos)> onRegister_;
   std::array<Multiplexer, kChannels> outputs_;
   std::array<PsiPort, kChannels> psiPorts_;
   std::array<u16, kWindowSize / 2> cells_{};

@@ -23,6 +23,13 @@ int msgQReceive(MSG_Q_ID /*queue*/, char* /*buffer*/, unsigned /*maxLength*/, in
   return ERROR;
 }
 
+int taskDelay(int /*ticks*/) {
+  return OK;
+}
+int sysClkRateGet() {
+  return 100;
+}
+
 }  // extern "C"
 }  // namespace os
 
@@ -35,6 +42,9 @@ bbFpga_t* pbbFpgaIf = nullptr;
 int para_save(u8 /*slotNo*/) {
   return os::OK;
 }
+void Delay5us() {}
+void delay5us() {}
+void Dog() {}
 void DebugPrint(const char* /*format*/, ...) {}
 int bc_vars_register(u32 /*base*/, u32 /*limit*/, const bc_var* /*table*/, const char* /*text*/) {
   return os::OK;

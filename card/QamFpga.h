@@ -169,3 +169,26 @@ static_assert(sizeof(Qam_fpga_if) == 278);
 
 // Each slot's window; null until the slot's start-up has set it.
 extern Qam_fpga_if* QamFpgaIf[MAX_BOARD_NUM];
+
+struct QamCardPara;
+
+// Filters and bench tests, for the chassis and a debug shell: nothing else of the module calls them. Started
+// slots only; tasks only. Two writers of one channel's filter must not overlap.
+extern "C" {
+
+// Whether packets of `pid` (0 to 0x1FFF) pass on the channel; the second sets all 8192 PIDs, the third opens
+// them.
+void qamPidSetFilter(u8 slotNo, u8 portNo, u16 pid, u8 pass);
+void qamPidFilterAllSet(u8 slotNo, u8 Port, u8 pass);
+void qamFpgaWFilter(u8 slotNo, u8 port, QamCardPara* ptr);
+
+// Writes Value, Value + 2, ... to the fifteen scratch registers and prints what does not read back.
+void QamFpgaIfTest(u8 slotNo, u16 Value);
+// Toggles the clock generator's clock line five times, slowly enough to be seen on a scope.
+void QamFpgaTest(u8 slotNo);
+
+// What other kinds of card do at these points; this kind has nothing to do there.
+void qamTsPro(u8 slotNo, QamCardPara* pEnc);
+void setAencOnePortTsPid(u8 slotNo, u8 portNo, u16 pid);
+void setSlotPortNo2FPGA(u8 slotNo);
+}

@@ -4,7 +4,10 @@
 
 #include "card/QamCardPara.h"
 #include "card/QamFpga.h"
+#include "card/qamVar.h"
 #include "hw/Qam_fpga_init.h"
+#include "hw/Qam_set.h"
+#include "hw/ad7414.h"
 #include "platform/chassis.h"
 #include "platform/check.h"
 #include "platform/kernel.h"
@@ -58,6 +61,8 @@ void Qam_Init(u8 slotNo) {
   descriptor->cardType = QAM_CARD_TYPE;
   descriptor->in_port_num = 0;
   descriptor->out_port_num = MAX_QAM_OUT_NUM;
+  descriptor->getVar = QamGetVar;
+  descriptor->setVar = QamSetVar;
   descriptor->backInit = qamBackInit;
   descriptor->init = QamInit;
   descriptor->auxClkIntRoutine = qamIntr;
@@ -72,7 +77,8 @@ void Qam_Init(u8 slotNo) {
 
 void QamInit(u8 slotNo) {
   os::check(slotNo < MAX_BOARD_NUM, "slotNo<MAX_BOARD_NUM", kUnit, 50);
-  if (GetQamCardParaFromList(slotNo) == nullptr) return;
+  const QamCardPara* record = GetQamCardParaFromList(slotNo);
+  if (record == nullptr) return;
 
   if (QamfpgaInit(slotNo) == -1) {
     chassis::lcdPrintf(0, kPanelAttribute, 0, 0, "Loading Card%d", slotNo);
@@ -80,7 +86,12 @@ void QamInit(u8 slotNo) {
     return;
   }
   QamFpgaIf[slotNo] = static_cast<Qam_fpga_if*>(os::busAddress(windowAddress(slotNo)));
-  os::taskDelay(os::sysClkRateGet() * 10 / 1000);
+  os::sleepMilliseconds(10);
 
+  Qam_ResetAll(slotNo);
+  cdce925_init(slotNo);
+  ad7414_init(slotNo, 1);
+  ad7414_init(slotNo, 2);
+  Qam_para_set(slotNo, record);
   for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) startChannel(slotNo, port);
 }

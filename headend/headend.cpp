@@ -236,10 +236,14 @@ int Headend::exitCode() {
 Headend::CardState Headend::state(int slot) const {
   const Chassis::Slot& s = chassis_.slot(slot);
   const auto hangs = [slot](const ParkedTask& p) { return p.still && p.slot == slot; };
-  if (std::any_of(parkedTasks_.begin(), parkedTasks_.end(), hangs)) return CardState::kHung;
+  const FpgaConfiguration& part = cards_[static_cast<std::size_t>(slot)]->configuration();
+  // A card without a bitstream hangs too, at the first bus of which it waits for a line; what it lacks says
+  // more.
+  if (std::any_of(parkedTasks_.begin(), parkedTasks_.end(), hangs)) {
+    return part.attempts() == 0 ? CardState::kNoBitstream : CardState::kHung;
+  }
   if (!s.initReturned) return s.registrationFailed ? CardState::kNotRegistered : CardState::kStarting;
   if (s.descriptor->varPtr == nullptr) return CardState::kNoRecord;
-  const FpgaConfiguration& part = cards_[static_cast<std::size_t>(slot)]->configuration();
   if (part.done()) return CardState::kRunning;
   return part.attempts() == 0 ? CardState::kNoBitstream : CardState::kConfigError;
 }

@@ -49,6 +49,11 @@ int semGive(SEM_ID semaphore);
 
 }  // extern "C"
 
+// Sleeps for whole ticks of the system clock: 10 ms are one tick at 100 Hz, and none below.
+inline void sleepMilliseconds(int milliseconds) {
+  taskDelay(sysClkRateGet() * milliseconds / 1000);
+}
+
 // A pause of `turns` of an empty loop that every optimisation level leaves standing.
 #ifdef QAM_VIRTUAL_BUS
 void countingLoop(u32 turns);

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "card/QamInit.h"
+#include "headend/hardware/card_registers.h"
 #include "platform/bus.h"
 #include "platform/check.h"
 #include "platform/files.h"
@@ -79,6 +80,8 @@ QamCardPara* FakeChassis::start(u8 slotNo) {
   Qam_Init(slotNo);
   QamInit(slotNo);
   log.clear();
+  accesses.clear();
+  steps.clear();
   return GetQamCardParaFromList(slotNo);
 }
 
@@ -94,7 +97,26 @@ void FakeChassis::leave() {
 }
 
 void* FakeChassis::busAddress(u32 address) {
-  return windows_ + (address - kWindows);
+  return windows_ + (address - kWindows) / 2;
+}
+
+u16 FakeChassis::read(const volatile void* reg) {
+  const u32 address = addressOf(reg);
+  const bool isCards = address >= kWindows;
+  const u16 value = onRead ? onRead(address) : isCards ? windows_[(address - kWindows) / 2] : u16{0};
+  accesses.push_back({'r', address, value});
+  if (isCards) steps.push_back(fmt::format("{}?", headend::cardRegister(address & 0x1FF).name));
+  return value;
+}
+
+void FakeChassis::write(volatile void* reg, u16 value) {
+  const u32 address = addressOf(reg);
+  accesses.push_back({'w', address, value});
+  if (address >= kWindows) {
+    windows_[(address - kWindows) / 2] = value;
+    steps.push_back(fmt::format("{}={}", headend::cardRegister(address & 0x1FF).name, value));
+  }
+  if (onWrite) onWrite(address, value);
 }
 
 u32 FakeChassis::addressOf(const volatile void* reg) const {
@@ -111,15 +133,11 @@ using test::current;
 namespace os {
 
 u16 busRead16(const volatile void* reg) {
-  const u32 address = current->addressOf(reg);
-  const u16 value = current->onRead ? current->onRead(address) : u16{0};
-  current->accesses.push_back({'r', address, value});
-  return value;
+  return current->read(reg);
 }
 
 void busWrite16(volatile void* reg, u16 value) {
-  current->accesses.push_back({'w', current->addressOf(reg), value});
-  if (current->onWrite) current->onWrite(current->addressOf(reg), value);
+  current->write(reg, value);
 }
 
 void* busAddress(u32 address) {
@@ -156,6 +174,10 @@ void free(void* block) {
   std::free(block);
 }
 
+void countingLoop(u32 turns) {
+  current->steps.push_back(fmt::format("{} turns", turns));
+}
+
 extern "C" {
 
 int taskSpawn(const char* name, int priority, int options, int stackSize, FUNCPTR entry, int arg1, int arg2,
@@ -168,7 +190,27 @@ int taskSpawn(const char* name, int priority, int options, int stackSize, FUNCPT
 
 int taskDelay(int ticks) {
   current->note(fmt::format("delay {}", ticks));
+  current->steps.push_back(fmt::format("{} ticks", ticks));
   return OK;
+}
+
+int taskLock() {
+  current->steps.emplace_back("lock");
+  return OK;
+}
+int taskUnlock() {
+  current->steps.emplace_back("unlock");
+  return OK;
+}
+
+int semTake(SEM_ID semaphore, int timeout) {
+  EXPECT_EQ(timeout, WAIT_FOREVER);
+  current->note(semaphore == nullptr ? "take null" : "take");
+  return semaphore == nullptr ? ERROR : OK;
+}
+int semGive(SEM_ID semaphore) {
+  current->note(semaphore == nullptr ? "give null" : "give");
+  return semaphore == nullptr ? ERROR : OK;
 }
 
 int sysClkRateGet() {
@@ -235,6 +277,16 @@ void lcdPrintf(int line, int attribute, int arg3, int arg4, const char* format, 
   current->note(
       fmt::format("lcd {} {:#x} {} {} {}", line, attribute, arg3, arg4, test::formatted(format, arguments)));
   va_end(arguments);
+}
+
+void Delay5us() {
+  current->steps.emplace_back("5us");
+}
+void delay5us() {
+  current->steps.emplace_back("5us'");
+}
+void Dog() {
+  current->steps.emplace_back("dog");
 }
 
 void DebugPrint(const char* format, ...) {

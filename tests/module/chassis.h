@@ -71,7 +71,7 @@ class FakeChassis {
   u8 heapFill = 0xA7;
   bool queuesToBeHad = true;
   bool stopsAtChecks = false;                    // a failed check ends `runs`
-  std::function<u16(u32 address)> onRead;        // a register's value; 0 when empty
+  std::function<u16(u32 address)> onRead;        // a register's value; empty: a card's as written, else 0
   std::function<void(u32, u16)> onWrite;         // the model's view of writes
   std::function<void(std::string_view)> onCall;  // "save" or "malloc", before it is carried out
 
@@ -79,6 +79,9 @@ class FakeChassis {
   // apart.
   Lines log;
   std::vector<Access> accesses;
+  // Every access to a card's window, wait and lock, in short: "nrst=3", "ad7414_scl?", "5us", "5us'"
+  // (delay5us), "dog", "1000 turns", "10 ticks", "lock".
+  Lines steps;
   std::vector<FailedCheck> checks;
   std::vector<Task> tasks;
   std::vector<std::unique_ptr<os::MsgQ>> queues;
@@ -94,12 +97,14 @@ class FakeChassis {
   [[noreturn]] void leave();
 
   u32 addressOf(const volatile void* reg) const;
+  u16 read(const volatile void* reg);
+  void write(volatile void* reg, u16 value);
   void* busAddress(u32 address);
   void note(std::string line) { log.push_back(std::move(line)); }
 
  private:
   std::jmp_buf wayOut_{};
-  alignas(Reg16) u8 windows_[0x2200] = {};
+  alignas(Reg16) u16 windows_[0x1100] = {};
   bbFpga_t mainBoard_;
 };
 

@@ -6,6 +6,7 @@
 
 #include "card/QamFpga.h"
 #include "card/QamInit.h"
+#include "card/qamVar.h"
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
@@ -39,6 +40,8 @@ TEST_F(ModuleTest, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
   EXPECT_EQ(card->out_port_num, 2);
   EXPECT_EQ(card->next, nullptr);
   EXPECT_EQ(card->init, &QamInit);
+  EXPECT_EQ(card->getVar, &QamGetVar);
+  EXPECT_EQ(card->setVar, &QamSetVar);
   EXPECT_EQ(card->auxClkIntRoutine, &qamIntr);
   EXPECT_EQ(card->backInit, &qamBackInit);
   EXPECT_TRUE(card->trapRoutine == nullptr && card->Irq0Routine == nullptr && card->Irq4Routine == nullptr &&
@@ -64,12 +67,16 @@ TEST_P(StartUp, SetsTheWindowAndStartsBothChannels) {
   Qam_Init(slot);
   fake.log.clear();
   QamInit(slot);
-  EXPECT_EQ(fake.log, (Lines{fmt::format("open {} rb+", kBitstream),
-                             fmt::format("debug qam fpga can not open {} file!\r\n", kBitstream),
-                             fmt::format("delay {}", delay), "queue 256 4 1",
-                             fmt::format("spawn qam{0}PSISend0 212 0 4096 ({0} 0 0 0 0 0 0 0 0 0)", slot),
-                             "queue 256 4 1",
-                             fmt::format("spawn qam{0}PSISend1 212 0 4096 ({0} 1 0 0 0 0 0 0 0 0)", slot)}));
+  Lines expected{fmt::format("open {} rb+", kBitstream),
+                 fmt::format("debug qam fpga can not open {} file!\r\n", kBitstream)};
+  // Settling; two waits for each of three resets, one before the clock generator's row.
+  expected.insert(expected.end(), 8, fmt::format("delay {}", delay));
+  for (int port = 0; port < 2; ++port) {
+    expected.emplace_back("queue 256 4 1");
+    expected.push_back(
+        fmt::format("spawn qam{0}PSISend{1} 212 0 4096 ({0} {1} 0 0 0 0 0 0 0 0)", slot, port));
+  }
+  EXPECT_EQ(fake.log, expected);
   EXPECT_EQ(fake.addressOf(QamFpgaIf[slot]), window);
   ASSERT_EQ(fake.queues.size(), 2U);
   EXPECT_EQ(g_qam_PsiSendQ_ID[slot][0], fake.queues[0].get());

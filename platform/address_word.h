@@ -1,0 +1,25 @@
+// Addresses that travel as 32-bit words: a variable's text, a menu item's handler, a captured packet. On the
+// controller a word is the address. A host with wider pointers keeps the low half, and finds the rest in the
+// program image: only objects with static storage, and functions, may travel so. Null stays 0.
+#pragma once
+
+#include "platform/types.h"
+
+namespace os {
+
+inline const char imageAnchor = 0;  // some object of the image, which is smaller than 2 GiB
+
+inline u32 addressWord(const void* object) {
+  return static_cast<u32>(reinterpret_cast<std::uintptr_t>(object));
+}
+
+template <typename T>
+T* wordAddress(u32 word) {
+  if (word == 0) return nullptr;
+  const auto anchor = reinterpret_cast<std::uintptr_t>(&imageAnchor);
+  const auto distance = static_cast<i32>(word - static_cast<u32>(anchor));
+  const std::uintptr_t address = anchor + static_cast<std::uintptr_t>(std::intptr_t{distance});
+  return reinterpret_cast<T*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
+}  // namespace os

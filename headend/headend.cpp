@@ -311,6 +311,15 @@ void Headend::taskReleased(const Task& task) {
   log_.line(kernel_.now(), "headend", fmt::format("{} goes on: its register has changed", task.name));
 }
 
+void Headend::semaphoreLong(const os::Semaphore& semaphore, const Task& task) {
+  const char* holder = semaphore.owner != nullptr ? semaphore.owner->name.c_str() : "nobody";
+  longWaits_.push_back({task.name, semaphore.name, holder, task.waitsSince});
+  const LongWait& wait = longWaits_.back();
+  log_.line(kernel_.now(), "headend",
+            fmt::format("{} has waited for {} for more than ten seconds; {} holds it", wait.task,
+                        wait.semaphore, wait.holder));
+}
+
 // ---- What the module says ----
 
 void Headend::checkFailed(const char* text, const char* unit, int line) {

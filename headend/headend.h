@@ -37,6 +37,12 @@ class Headend final : private KernelObserver {
     Nanos since = 0;
     bool still = true;
   };
+  struct LongWait {  // for a semaphore
+    std::string task;
+    std::string semaphore;
+    std::string holder;
+    Nanos since = 0;
+  };
   enum class CardState { kStarting, kRunning, kConfigError, kNoBitstream, kHung, kNotRegistered, kNoRecord };
 
   // Reads the captures and opens outputs and sockets. Throws std::runtime_error that says what cannot be
@@ -59,6 +65,7 @@ class Headend final : private KernelObserver {
   CardFpga& card(int slot) { return *cards_[static_cast<std::size_t>(slot)]; }
   const std::vector<AssertionFailure>& assertionFailures() const { return assertionFailures_; }
   const std::vector<ParkedTask>& parkedTasks() const { return parkedTasks_; }
+  const std::vector<LongWait>& longWaits() const { return longWaits_; }
   CardState state(int slot) const;
   std::string managementAddress() { return backEnd_.socket().hostAddress(); }
 
@@ -83,6 +90,7 @@ class Headend final : private KernelObserver {
   void messageSent(os::MsgQ* queue, std::span<const char> message) override;
   void taskParked(const Task& task) override;
   void taskReleased(const Task& task) override;
+  void semaphoreLong(const os::Semaphore& semaphore, const Task& task) override;
   std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
   std::vector<Operator::Job> prepareJobs();
@@ -111,6 +119,7 @@ class Headend final : private KernelObserver {
   std::FILE* busLog_ = nullptr;
   std::vector<AssertionFailure> assertionFailures_;
   std::vector<ParkedTask> parkedTasks_;
+  std::vector<LongWait> longWaits_;
   const std::atomic<bool>* interrupted_ = nullptr;
   std::function<void()> onTick_;
 };

@@ -104,6 +104,17 @@ Json lateRequests(const Headend& headend) {
   return all;
 }
 
+Json semaphoreWaits(const Headend& headend) {
+  Json all = Json::array();
+  for (const Headend::LongWait& wait : headend.longWaits()) {
+    all.push_back({{"task", wait.task},
+                   {"semaphore", wait.semaphore},
+                   {"held_by", wait.holder},
+                   {"since_seconds", seconds(wait.since)}});
+  }
+  return all;
+}
+
 Json build(Headend& headend) {
   const Kernel& kernel = headend.kernel();
   Json failures = Json::array();
@@ -120,6 +131,7 @@ Json build(Headend& headend) {
           {"assertion_failures", std::move(failures)},
           {"protocol_violations", std::move(violations)},
           {"late_requests", lateRequests(headend)},
+          {"semaphore_waits", semaphoreWaits(headend)},
           {"heap", {{"used", headend.heap().used()}, {"failures", headend.heap().failures()}}},
           {"cards", std::move(cards)}};
 }

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "card/QamInit.h"
+#include "card/qamVar.h"
 
 namespace headend {
 
@@ -11,6 +12,7 @@ Chassis::Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log)
 
 void Chassis::start(const std::vector<int>& slots) {
   for (const int number : slots) slots_[static_cast<std::size_t>(number)].occupied = true;
+  semQamVar = kernel_.createMutex("semQamVar");
   kernel_.spawn("tRoot", kRootPriority, [this, slots] {
     for (const int number : slots) {
       Slot& slot = slots_[static_cast<std::size_t>(number)];

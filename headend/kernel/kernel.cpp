@@ -80,6 +80,7 @@ void Kernel::systemTick() {
     }
   }
   if (!parked_.empty()) releaseParked();
+  reportLongWaits();
   observer_.systemClock();
 }
 
@@ -224,6 +225,19 @@ void Kernel::releaseParked() {
   parked_.erase(std::remove_if(parked_.begin(), parked_.end(), changed), parked_.end());
 }
 
+// ---- Tasks that wait for a semaphore for good ----
+
+void Kernel::reportLongWaits() {
+  constexpr Nanos kLong = 10 * kSecond;
+  for (const auto& semaphore : semaphores_) {
+    for (Task* task : semaphore->waiters) {
+      if (task->waitTold || now_ - task->waitsSince <= kLong) continue;
+      task->waitTold = true;
+      observer_.semaphoreLong(*semaphore, *task);
+    }
+  }
+}
+
 // ---- Services ----
 
 int Kernel::spawn(std::string name, int priority, std::function<void()> body, int slot) {
@@ -327,15 +341,15 @@ int Kernel::receive(os::MsgQ* queue, std::span<char> buffer, int timeout) {
   return static_cast<int>(length);
 }
 
-os::Semaphore* Kernel::createMutex() {
-  semaphores_.push_back(
-      std::make_unique<os::Semaphore>(os::Semaphore{.mutex = true, .available = true, .waiters = {}}));
+os::Semaphore* Kernel::createMutex(std::string name) {
+  semaphores_.push_back(std::make_unique<os::Semaphore>(
+      os::Semaphore{.name = std::move(name), .mutex = true, .available = true, .waiters = {}}));
   return semaphores_.back().get();
 }
 
 os::Semaphore* Kernel::createBinary(bool available) {
-  semaphores_.push_back(
-      std::make_unique<os::Semaphore>(os::Semaphore{.mutex = false, .available = available, .waiters = {}}));
+  semaphores_.push_back(std::make_unique<os::Semaphore>(
+      os::Semaphore{.name = {}, .mutex = false, .available = available, .waiters = {}}));
   return semaphores_.back().get();
 }
 
@@ -347,6 +361,8 @@ int Kernel::take(os::Semaphore* semaphore, int timeout) {
     return os::OK;
   }
   if (!semaphore->available) {
+    current_->waitsSince = now_;
+    current_->waitTold = false;
     if (timeout == os::NO_WAIT || !waitOn(semaphore->waiters, timeout)) return os::ERROR;
     return os::OK;  // the giver has handed it over
   }

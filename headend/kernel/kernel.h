@@ -53,6 +53,8 @@ struct Task {
   bool timedOut = false;
   std::span<char> receiveInto;  // where a sender puts the message for a waiting receiver
   unsigned receivedLength = 0;
+  Nanos waitsSince = 0;  // for a semaphore
+  bool waitTold = false;
 
   // Polling: the register read last, what it read, since when nothing else was done.
   const volatile void* polled = nullptr;
@@ -77,6 +79,8 @@ class KernelObserver {
   virtual void messageSent(os::MsgQ* /*queue*/, std::span<const char> /*message*/) {}
   virtual void taskParked(const Task& /*task*/) {}
   virtual void taskReleased(const Task& /*task*/) {}
+  // `task` has waited for the semaphore for more than ten seconds; told once a wait.
+  virtual void semaphoreLong(const os::Semaphore& /*semaphore*/, const Task& /*task*/) {}
   // What a polled register reads now, without an access.
   virtual std::uint16_t peek(const volatile void* reg) = 0;
 };
@@ -168,7 +172,7 @@ class Kernel {
   os::MsgQ* createQueue(int maxMessages, int maxLength);
   int send(os::MsgQ* queue, std::span<const char> message, int timeout);
   int receive(os::MsgQ* queue, std::span<char> buffer, int timeout);
-  os::Semaphore* createMutex();
+  os::Semaphore* createMutex(std::string name);
   os::Semaphore* createBinary(bool available);
   int take(os::Semaphore* semaphore, int timeout);
   int give(os::Semaphore* semaphore);
@@ -204,6 +208,7 @@ class Kernel {
   void wake(Task& task, bool timedOut);
   void park();
   void releaseParked();
+  void reportLongWaits();
   void refuseInInterrupt(const char* service);
   static Nanos periodic(std::uint64_t count, int hz) {
     return static_cast<Nanos>(count / static_cast<unsigned>(hz)) * kSecond +
@@ -258,6 +263,7 @@ struct os::MsgQ {
 };
 
 struct os::Semaphore {
+  std::string name;
   bool mutex;
   bool available;
   headend::Task* owner = nullptr;  // of a mutex, which its owner may take again

@@ -32,7 +32,7 @@ std::string fatalErrorOf(void (*routine)(u8), int& exitCode) {
   Headend headend(fastOptions(scratch.path, kSecond, {}));
   it = {.queue = headend.kernel().createQueue(1, 1),
         .binary = headend.kernel().createBinary(false),
-        .mutex = headend.kernel().createMutex(),
+        .mutex = headend.kernel().createMutex("mutex"),
         .headend = &headend};
   headend.onTick([&] { headend.kernel().interrupt("tickRoutine", 2, routine, 2); });
   exitCode = run(headend);

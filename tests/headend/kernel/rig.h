@@ -50,6 +50,9 @@ class Rig final : public headend::KernelObserver {
   }
   void taskParked(const headend::Task& task) override { parked.emplace_back(task.name, kernel.now()); }
   void taskReleased(const headend::Task& task) override { released.emplace_back(task.name, kernel.now()); }
+  void semaphoreLong(const os::Semaphore& semaphore, const headend::Task& task) override {
+    note(task.name + " waits for " + semaphore.name + " of " + semaphore.owner->name);
+  }
   std::uint16_t peek(const volatile void* reg) override {
     return *static_cast<const volatile std::uint16_t*>(reg);
   }

@@ -76,7 +76,7 @@ TEST(Scheduling, AHigherTaskRunsBeforeTheCallThatWokeItReturns) {
     headend::UdpSocket socket(network, 1000);
     queue = rig.kernel.createQueue(1, 1);
     binary = rig.kernel.createBinary(false);
-    mutex = rig.kernel.createMutex();
+    mutex = rig.kernel.createMutex("mutex");
     const bool spawns = std::string(row.name) == "spawn";
     rig.task("high", 100, [&] {
       row.high(rig, socket);

@@ -96,7 +96,7 @@ TEST(Queue, ServesTheMostUrgentReceiverFirst) {
 
 TEST(Mutex, IsItsOwnersAgainAndAgainAndGoesOverWhenTheLastGiveComes) {
   Rig rig(freeCalls());
-  os::Semaphore* mutex = rig.kernel.createMutex();
+  os::Semaphore* mutex = rig.kernel.createMutex("mutex");
   rig.task("owner", 150, [&] {
     Kernel& k = rig.kernel;
     EXPECT_EQ(k.take(mutex, os::NO_WAIT), os::OK);
@@ -134,7 +134,7 @@ TEST(Mutex, IsItsOwnersAgainAndAgainAndGoesOverWhenTheLastGiveComes) {
 // A task that gives what is not its own for ever still lets time pass.
 TEST(Mutex, AVainGiveTakesTimeLikeAnyCall) {
   Rig rig;
-  os::Semaphore* mutex = rig.kernel.createMutex();
+  os::Semaphore* mutex = rig.kernel.createMutex("mutex");
   int rounds = 0;
   rig.task("vain", 100, [&] {
     while (rig.kernel.now() < 10 * kMs && ++rounds < 100'000) rig.kernel.give(mutex);
@@ -163,6 +163,21 @@ TEST(Binary, WakesOneTaskAGiveAndRemembersOneGive) {
   rig.kernel.at(40 * kMs, [&] { rig.kernel.give(binary), rig.kernel.give(binary); });
   rig.runUntil(kSecond);
   EXPECT_EQ(rig.story, Story({"done"}));
+}
+
+TEST(Mutex, WhoWaitsForMoreThanTenSecondsIsNamedOnceWithItsHolder) {
+  Rig rig(freeCalls());
+  os::Semaphore* mutex = rig.kernel.createMutex("settings");
+  rig.task("keeps it", 100, [&] { rig.kernel.take(mutex, os::WAIT_FOREVER); });
+  rig.task("patient", 200, [&] { rig.kernel.take(mutex, os::WAIT_FOREVER); });
+  rig.task("gives up", 200, [&] {
+    EXPECT_EQ(rig.kernel.take(mutex, 1000), os::ERROR);  // ten seconds
+    EXPECT_EQ(rig.kernel.take(mutex, 1000), os::ERROR);
+    rig.note("gave up");
+  });
+  rig.kernel.at(10 * kSecond, [&] { rig.note("ten seconds"); });
+  rig.runUntil(40 * kSecond);
+  EXPECT_EQ(rig.story, Story({"ten seconds", "patient waits for settings of keeps it", "gave up"}));
 }
 
 }  // namespace

@@ -1,0 +1,68 @@
+// Clock generator CDCE925, programmed through I2C at address 0x64: registers, PLL1, and what comes out at Y3.
+// Not modelled: spread spectrum, PLL2 and its outputs, the EEPROM (programming it is a violation, for it
+// needs the input clock held low, and on the card that clock never stops).
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+
+#include "headend/hardware/i2c_slave.h"
+
+namespace headend {
+
+class ClockGenerator final : public I2cSlave {
+ public:
+  // `input_hz` is the clock at the input pin. The PLL has settled on the power-up values.
+  ClockGenerator(double input_hz, Violations& violations);
+
+  // Control pin S0; a pull-up inside holds it high until somebody drives it.
+  void selectS0(bool level, Nanos now);
+
+  struct Output {
+    std::optional<double> hz;  // none: no clock, or none that could be trusted
+    std::string why;           // then says what is wrong
+  };
+  Output y3(Nanos now) const;
+
+  // A register's value; 0 beyond the last.
+  u8 reg(u8 index) const { return index < registers_.size() ? registers_[index] : u8{0}; }
+
+ protected:
+  bool addressed(u8 addressByte, Nanos now) override;
+  bool received(u8 byte, Nanos now) override;
+  u8 next(Nanos now) override;
+  void started(Nanos now) override;
+  void stopped(Nanos now) override;
+
+ private:
+  struct PllWord;
+  enum class Expects { kCommand, kCount, kData };
+
+  bool pin(u8 value) const;
+  bool poweredDown() const;
+  unsigned outputState() const;
+  bool pllRuns() const;
+  PllWord pllWord() const;
+  Output pll() const;
+  Output divided() const;
+
+  void write(u8 index, u8 value, Nanos now);
+  template <typename Change>
+  void change(Nanos now, Change&& change);
+  void endOfTransfer();
+
+  double input_hz_;
+  std::array<u8, 0x30> registers_;
+  bool s0_ = true;
+  Nanos disturbedAt_ = kLongAgo;  // the PLL's settings last moved
+
+  Expects expects_ = Expects::kCommand;
+  bool block_ = false;
+  u8 index_ = 0;
+  unsigned left_ = 0;  // data bytes of this transfer still to come
+  bool reading_ = false;
+  bool countSent_ = false;
+};
+
+}  // namespace headend

@@ -1,0 +1,56 @@
+// Two open-drain lines with pull-ups between a master and one slave that may be absent: the level on a wire
+// is low when either pulls. Faults of the wires and of the slave are injected here.
+#pragma once
+
+#include "headend/hardware/i2c_slave.h"
+
+namespace headend {
+
+class OpenDrainBus {
+ public:
+  enum class Fault {
+    kAbsent,         // there is no slave
+    kNoAcknowledge,  // the slave answers no address
+    kClockLow,       // a line is stuck, for master and slave alike
+    kClockHigh,
+    kDataLow,
+    kDataHigh,
+    kStretch,  // the slave holds the clock low for 100 us from the end of each ninth bit
+  };
+
+  // `slave` may be null: absent. Both lines are pulled low by the master in the beginning.
+  explicit OpenDrainBus(I2cSlave* slave) : slave_(slave) {}
+
+  // Faults add up and stay.
+  void inject(Fault fault, Nanos now);
+
+  // What the master does: false pulls, true lets go.
+  void driveClock(bool level, Nanos now);
+  void driveData(bool level, Nanos now);
+
+  // The levels on the wire.
+  bool clock(Nanos now);
+  bool data(Nanos now);
+
+ private:
+  enum class Stuck { kNo, kLow, kHigh };
+
+  static bool level(Stuck stuck, bool released) {
+    return stuck == Stuck::kNo ? released : stuck == Stuck::kHigh;
+  }
+  void endStretch(Nanos now);
+  void settle(Nanos now);
+
+  I2cSlave* slave_;
+  bool masterClock_ = false;
+  bool masterData_ = false;
+  Stuck clockStuck_ = Stuck::kNo;
+  Stuck dataStuck_ = Stuck::kNo;
+  bool stretches_ = false;
+  bool holdsClock_ = false;
+  Nanos heldUntil_ = 0;
+  bool clock_ = false;  // as last told to the slave
+  bool data_ = false;
+};
+
+}  // namespace headend

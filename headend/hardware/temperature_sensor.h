@@ -1,0 +1,51 @@
+// Temperature sensor AD7414 behind I2C: address pointer, configuration, limits, and a ten-bit temperature
+// that a conversion renews every 800 ms, or once on demand. The alert pin is not connected; its flags are
+// kept.
+#pragma once
+
+#include <string>
+
+#include "headend/hardware/i2c_slave.h"
+
+namespace headend {
+
+class TemperatureSensor final : public I2cSlave {
+ public:
+  // `address` is the 7-bit address. Power-up is at time 0, at 25 degrees.
+  TemperatureSensor(u8 address, std::string name, Violations& violations)
+      : I2cSlave(std::move(name), violations), address_(address) {}
+
+  // What it measures from `now` on, in degrees Celsius, -55 to 127 (clamped), in steps of a quarter.
+  void temperature(double celsius, Nanos now = 0);
+
+ protected:
+  bool addressed(u8 addressByte, Nanos now) override;
+  bool received(u8 byte, Nanos now) override;
+  u8 next(Nanos now) override;
+  void started(Nanos now) override;
+  void stopped(Nanos now) override;
+
+ private:
+  void configure(u8 value);
+  void endAccess(Nanos now);
+  void convertUntil(Nanos now);
+  unsigned temperatureRegister() const;
+
+  u8 address_;
+  int measured_quarters_ = 100;  // the world around it
+  int value_quarters_ = 0;       // the temperature value register
+
+  u8 pointer_ = 0;
+  u8 configuration_ = 0x40;
+  u8 high_ = 0x7F;
+  u8 low_ = 0x80;
+
+  bool active_ = false;        // this device takes part in the transfer
+  unsigned bytes_ = 0;         // of this access, after the address
+  bool oneShotAsked_ = false;  // by the access that goes on
+  bool wakesUp_ = false;       // likewise
+  Nanos oneShotDoneAt_;
+  Nanos nextDoneAt_;
+};
+
+}  // namespace headend

@@ -9,6 +9,7 @@
 
 #include "client/datagram.h"
 #include "headend/options.h"
+#include "headend/vcd_trace.h"
 
 namespace headend {
 namespace {
@@ -132,6 +133,7 @@ void refuseSharedFiles(const Options& options) {
   use("--report", options.report);
   use("--log", options.log);
   use("--bus-log", options.busLog);
+  use("--trace", options.trace);
   std::set<fs::path> captures;
   for (const Options::Psi& psi : options.psi) captures.insert(psi.file);
   for (const fs::path& capture : captures) use("--psi", capture);
@@ -150,6 +152,11 @@ void checkTogether(const Options& options) {
   for (const Options::Psi& psi : options.psi) demand("--psi", psi.channel);
   for (const auto& [channel, intervals] : options.intervals) demand("--interval", channel);
   for (const auto& [channel, target] : options.outputs) demand("--out", channel);
+  for (const std::string& glob : options.traceLines) {
+    if (options.trace.empty()) refuse("--trace-lines", glob, "needs --trace FILE.vcd");
+    if (!VcdTrace::matches(glob, options.slots))
+      refuse("--trace-lines", glob, "no register of the cards has such a name, as cdce925_* or slot1.att_*");
+  }
   if (options.fast && !options.duration)
     throw CLI::ValidationError("--fast", "needs --seconds: nothing else would end the run");
 }
@@ -199,6 +206,12 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       "--bus-log", o.busLog,
       "one line an access to a card's window or configuration port: ns, slot, r or w, byte offset, value, "
       "register");
+  app.add_option("--trace", o.trace,
+                 "the cards' registers over virtual time, as a VCD file for waveform viewers and protocol "
+                 "decoders (docs/tracing.md)");
+  app.add_option(
+      "--trace-lines", o.traceLines,
+      "only registers whose name matches this pattern, as 'cdce925_*' or 'slot1.att_*' (repeatable)");
 }
 
 void addMachineFlags(CLI::App& app, Options& o, Texts& t) {

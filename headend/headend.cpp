@@ -118,6 +118,8 @@ void Headend::installCards() {
     }
     bus_.logTo(busLog_);
   }
+  if (!options_.trace.empty())
+    trace_ = std::make_unique<VcdTrace>(options_.trace, options_.slots, options_.traceLines);
   for (const int slot : options_.slots) {
     const auto index = static_cast<std::size_t>(slot);
     const FpgaConfiguration::Settings settings{.anyBitstream = options_.anyBitstream,
@@ -127,6 +129,10 @@ void Headend::installCards() {
     bus_.attach(slot, *cards_[index], *ports_[index]);
     cards_[index]->onConfiguration(
         [this, slot](bool complete, Nanos now) { noteConfiguration(slot, complete, now); });
+    if (trace_ != nullptr) {
+      cards_[index]->onRegister(
+          [this, slot](u32 offset, u16 value, Nanos now) { noteRegister(slot, offset, value, now); });
+    }
   }
   chassis_.onInitReturned([this](int slot) { ports_[static_cast<std::size_t>(slot)]->loaderLeft(); });
 }
@@ -138,6 +144,10 @@ void Headend::noteConfiguration(int slot, bool complete, Nanos now) {
   } else if (cards_[static_cast<std::size_t>(slot)]->configuration().attempts() == 1) {
     timeline.begin("FPGA configuration", now, bus_.accesses(slot));
   }
+}
+
+void Headend::noteRegister(int slot, u32 offset, u16 value, Nanos now) {
+  trace_->note(slot, offset, value, now);
 }
 
 void Headend::openOutputs() {
@@ -220,6 +230,10 @@ int Headend::exitCode() {
   }
   if (busLog_ != nullptr && (std::fflush(busLog_) != 0 || std::ferror(busLog_) != 0)) {
     complain(fmt::format("the bus log {} could not be written whole", options_.busLog));
+    failed = true;
+  }
+  if (trace_ != nullptr && !trace_->finish(kernel_.now())) {
+    complain(fmt::format("the trace {} could not be written whole", options_.trace));
     failed = true;
   }
   if (!log_.complete()) {

@@ -20,6 +20,7 @@
 #include "headend/kernel/network.h"
 #include "headend/log.h"
 #include "headend/options.h"
+#include "headend/vcd_trace.h"
 
 namespace headend {
 
@@ -98,6 +99,7 @@ class Headend final : private KernelObserver {
   void installCards();
   void lookAtParameterFiles();
   void noteConfiguration(int slot, bool complete, Nanos now);
+  void noteRegister(int slot, u32 offset, u16 value, Nanos now);
   void finishOutputs();
   int exitCode();
 
@@ -117,6 +119,7 @@ class Headend final : private KernelObserver {
   Operator operator_;
   std::map<client::Channel, std::unique_ptr<PacketSink>> sinks_;
   std::FILE* busLog_ = nullptr;
+  std::unique_ptr<VcdTrace> trace_;
   std::vector<AssertionFailure> assertionFailures_;
   std::vector<ParkedTask> parkedTasks_;
   std::vector<LongWait> longWaits_;

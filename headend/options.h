@@ -32,6 +32,8 @@ struct Options {
   std::string log;
   std::string report;
   std::string busLog;
+  std::string trace;
+  std::vector<std::string> traceLines;  // globs; none: every register
   Kernel::Settings kernel;
   std::size_t heapBytes = 32U << 20;
   u8 heapFill = 0xFF;

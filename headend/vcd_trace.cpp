@@ -1,0 +1,104 @@
+#include "headend/vcd_trace.h"
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace headend {
+namespace {
+
+bool matchesOne(const std::string& glob, int slot, const char* name) {
+  const std::string withSlot = fmt::format("slot{}.{}", slot + 1, name);
+  return fnmatch(glob.c_str(), name, 0) == 0 || fnmatch(glob.c_str(), withSlot.c_str(), 0) == 0;
+}
+
+// One or two of the printable characters, '!' to '~'.
+std::array<char, 3> codeOf(std::size_t index) {
+  constexpr std::size_t kCharacters = '~' - '!' + 1;
+  const auto character = [](std::size_t digit) { return static_cast<char>('!' + digit % kCharacters); };
+  if (index < kCharacters) return {character(index)};
+  return {character(index / kCharacters - 1), character(index)};
+}
+
+}  // namespace
+
+VcdTrace::VcdTrace(const std::string& file, std::span<const int> slots, std::span<const std::string> globs)
+    : file_(std::fopen(file.c_str(), "we")) {
+  if (file_ == nullptr)
+    throw std::runtime_error(fmt::format("cannot open trace {}: {}", file, std::strerror(errno)));
+  const std::string text = header(slots, globs);
+  // A full disk is told by finish(), here and in all that follows.
+  std::fwrite(text.data(), 1, text.size(), file_);
+}
+
+VcdTrace::~VcdTrace() {
+  std::fclose(file_);
+}
+
+bool VcdTrace::matches(const std::string& glob, std::span<const int> slots) {
+  return std::any_of(slots.begin(), slots.end(), [&](int slot) {
+    return std::any_of(kCardRegisters.begin(), kCardRegisters.end(),
+                       [&](const CardRegister& reg) { return matchesOne(glob, slot, reg.name); });
+  });
+}
+
+// No date: the same run gives the same bytes.
+std::string VcdTrace::header(std::span<const int> slots, std::span<const std::string> globs) {
+  const auto wanted = [&](int slot, const char* name) {
+    return globs.empty() || std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
+             return matchesOne(glob, slot, name);
+           });
+  };
+  std::string text = "$version headend $end\n$timescale 1 ns $end\n";
+  std::string values;
+  std::size_t traced = 0;
+  for (const int slot : slots) {
+    const auto index = static_cast<std::size_t>(slot);
+    if (signals_.size() <= index) signals_.resize(index + 1);
+    text += fmt::format("$scope module slot{} $end\n", slot + 1);
+    for (std::size_t i = 0; i < kCardRegisters.size(); ++i) {
+      const CardRegister& reg = kCardRegisters[i];
+      if (!wanted(slot, reg.name)) continue;
+      Signal& signal = signals_[index][i];
+      signal.code = codeOf(traced++);
+      text += fmt::format("$var wire {} {} {} $end\n", reg.isLine() ? 1 : 16, signal.code.data(), reg.name);
+      values += fmt::format("{}{}\n", reg.isLine() ? "0" : "b0 ", signal.code.data());
+    }
+    text += "$upscope $end\n";
+  }
+  return text + "$enddefinitions $end\n#0\n$dumpvars\n" + values + "$end\n";
+}
+
+void VcdTrace::note(int slot, u32 offset, u16 value, Nanos now) {
+  Signal& signal = signals_[static_cast<std::size_t>(slot)][offset / 2];
+  if (signal.code[0] == '\0') return;
+  const bool isLine = cardRegister(offset).isLine();
+  if (isLine) value &= 1;
+  if (value == signal.value) return;
+  signal.value = value;
+  writeTime(now);
+  std::array<char, 24> text{};
+  const auto end = isLine ? fmt::format_to(text.data(), "{}{}\n", value, signal.code.data())
+                          : fmt::format_to(text.data(), "b{:b} {}\n", value, signal.code.data());
+  std::fwrite(text.data(), 1, static_cast<std::size_t>(end - text.data()), file_);
+}
+
+// A change that is told late stands at the time that the file has come to: it cannot go back.
+void VcdTrace::writeTime(Nanos now) {
+  if (now <= written_) return;
+  written_ = now;
+  std::array<char, 24> text{};
+  const auto end = fmt::format_to(text.data(), "#{}\n", now);
+  std::fwrite(text.data(), 1, static_cast<std::size_t>(end - text.data()), file_);
+}
+
+bool VcdTrace::finish(Nanos now) {
+  writeTime(now);
+  return std::fflush(file_) == 0 && std::ferror(file_) == 0;
+}
+
+}  // namespace headend

@@ -49,7 +49,7 @@ class ClockGenerator final : public I2cSlave {
 
   void write(u8 index, u8 value, Nanos now);
   template <typename Change>
-  void change(Nanos now, Change&& change);
+  void change(Nanos now, const Change& apply);
   void endOfTransfer();
 
   double input_hz_;

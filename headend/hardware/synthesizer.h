@@ -30,7 +30,6 @@ class Synthesizer {
  private:
   enum class Method { kNotBegun, kReset, kReferenceLoaded, kCountersLoaded, kFollowed };
 
-  void function(u32 word);
   void follow(u32 word);
   std::string fault() const;
   std::string counterFault() const;

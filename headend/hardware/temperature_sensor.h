@@ -12,8 +12,7 @@ namespace headend {
 class TemperatureSensor final : public I2cSlave {
  public:
   // `address` is the 7-bit address. Power-up is at time 0, at 25 degrees.
-  TemperatureSensor(u8 address, std::string name, Violations& violations)
-      : I2cSlave(std::move(name), violations), address_(address) {}
+  TemperatureSensor(u8 address, std::string name, Violations& violations);
 
   // What it measures from `now` on, in degrees Celsius, -55 to 127 (clamped), in steps of a quarter.
   void temperature(double celsius, Nanos now = 0);

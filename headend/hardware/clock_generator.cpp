@@ -1,0 +1,258 @@
+#include "headend/hardware/clock_generator.h"
+
+#include <fmt/format.h>
+
+namespace headend {
+namespace {
+
+constexpr u8 kAddress = 0x64;
+constexpr u8 kByteAccess = 0x80;  // in the command byte; without it a block
+constexpr Nanos kSettling = 5'000'000;
+
+constexpr double kMHz = 1e6;
+constexpr double kVcoMin_hz = 80 * kMHz;
+constexpr double kVcoMax_hz = 230 * kMHz;
+
+enum Register : u8 {
+  kIdentity = 0x00,
+  kGeneral = 0x01,
+  kY1 = 0x02,
+  kPdiv1 = 0x03,
+  kY1Select = 0x04,
+  kByteCount = 0x06,
+  kFrequencySelect = 0x13,
+  kY2Y3 = 0x14,
+  kY2Y3Select = 0x15,
+  kPdiv2 = 0x16,
+  kPdiv3 = 0x17,
+  kPll1Set0 = 0x18,
+  kPll1Set0End = 0x1B,
+  kPll1Set1 = 0x1C,
+};
+
+constexpr u8 kEepromBusy = 0x40;  // of kGeneral
+constexpr u8 kPowerDown = 0x10;
+constexpr u8 kY1FromPll = 0x80;  // of kY1
+constexpr u8 kPinsAreControl = 0x40;
+constexpr u8 kEepromWrite = 0x01;  // of kByteCount
+constexpr u8 kPllBypass = 0x80;    // of kY2Y3
+
+// The output states of a state field.
+constexpr unsigned kStatePowerDown = 0;
+constexpr unsigned kStateEnabled = 3;
+
+// As the part comes from the factory: the input, undivided, at each output when S0 is high.
+constexpr std::array<u8, 0x30> kPowerUp = {
+    0x81, 0x00, 0xB4, 0x01, 0x02, 0x50, 0x60, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  //
+    0x00, 0x00, 0x00, 0x00, 0xED, 0x02, 0x01, 0x01, 0x00, 0x40, 0x02, 0x08, 0x00, 0x40, 0x02, 0x08,  //
+    0x00, 0x00, 0x00, 0x00, 0xED, 0x02, 0x01, 0x01, 0x00, 0x40, 0x02, 0x08, 0x00, 0x40, 0x02, 0x08,
+};
+
+// Bits that must be written as 0.
+constexpr u8 reservedBits(u8 index) {
+  switch (index) {
+    case kGeneral:
+    case 0x17:
+    case 0x27:
+      return 0x80;
+    case 0x05:
+      return 0x07;
+    default:
+      return index >= 0x07 && index <= 0x0F ? 0xFF : 0x00;
+  }
+}
+
+struct VcoRange {
+  double from_hz, to_hz;
+};
+constexpr std::array<VcoRange, 4> kVcoRanges = {
+    {{0, 125 * kMHz}, {125 * kMHz, 150 * kMHz}, {150 * kMHz, 175 * kMHz}, {175 * kMHz, 1e12}}};
+
+}  // namespace
+
+struct ClockGenerator::PllWord {
+  unsigned n, r, q, p, range;
+  bool operator==(const PllWord&) const = default;
+};
+
+ClockGenerator::ClockGenerator(double input_hz, Violations& violations)
+    : I2cSlave("clock_generator", violations), input_hz_(input_hz), registers_(kPowerUp) {}
+
+void ClockGenerator::selectS0(bool level, Nanos now) {
+  change(now, [&] { s0_ = level; });
+}
+
+// A PLL that begins to run, or whose word changes, has to settle again.
+template <typename Change>
+void ClockGenerator::change(Nanos now, const Change& apply) {
+  const bool ran = pllRuns();
+  const PllWord before = pllWord();
+  apply();
+  if (!pllRuns()) return;
+  if (!ran || pllWord() != before) disturbedAt_ = now;
+}
+
+void ClockGenerator::write(u8 index, u8 value, Nanos now) {
+  if (index >= registers_.size()) {
+    violation("no_such_register");
+    return;
+  }
+  if (index == kIdentity) {
+    violation("write_to_read_only");
+    return;
+  }
+  if ((value & reservedBits(index)) != 0) violation("reserved_bits");
+  const u8 readOnly = index == kGeneral ? kEepromBusy : u8{0};
+  if (index == kByteCount && (value & kEepromWrite) != 0) violation("eeprom_write_under_clock");
+  if (index == kY1 && (value & kPinsAreControl) != 0) violation("bus_given_up");
+  change(now, [&] { registers_[index] = static_cast<u8>(value & ~reservedBits(index) & ~readOnly); });
+  // Written one by one, the registers of PLL1 and its outputs make sense only together.
+  if (index >= kY2Y3 && index <= kPll1Set0End) disturbedAt_ = now;
+}
+
+// --- On the bus -----------------------------------------------------------------------------------------
+
+bool ClockGenerator::addressed(u8 addressByte, Nanos /*now*/) {
+  if (addressByte >> 1 != (kAddress | (registers_[kGeneral] & 3))) return false;
+  if ((registers_[kY1] & kPinsAreControl) != 0) return false;  // SDA and SCL are control pins now
+  reading_ = (addressByte & 1) != 0;
+  if (reading_) {
+    if (expects_ == Expects::kCommand) violation("read_without_command");
+    left_ = block_ ? registers_[kByteCount] >> 1 : 1;
+    countSent_ = false;
+  } else {
+    expects_ = Expects::kCommand;
+  }
+  return true;
+}
+
+bool ClockGenerator::received(u8 byte, Nanos now) {
+  switch (expects_) {
+    case Expects::kCommand:
+      block_ = (byte & kByteAccess) == 0;
+      index_ = static_cast<u8>(byte & ~kByteAccess);
+      expects_ = block_ ? Expects::kCount : Expects::kData;
+      left_ = 1;
+      return true;
+    case Expects::kCount:
+      left_ = byte;
+      expects_ = Expects::kData;
+      return true;
+    default:
+      break;
+  }
+  if (left_ == 0) {
+    violation("write_past_end");
+    return false;
+  }
+  --left_;
+  write(index_++, byte, now);
+  return true;
+}
+
+u8 ClockGenerator::next(Nanos /*now*/) {
+  if (block_ && !countSent_) {
+    countSent_ = true;
+    return static_cast<u8>(left_);
+  }
+  if (left_ == 0) {
+    violation("read_past_end");
+    return 0xFF;
+  }
+  --left_;
+  if (index_ >= registers_.size()) violation("no_such_register");
+  return reg(index_++);
+}
+
+void ClockGenerator::started(Nanos /*now*/) {
+  endOfTransfer();
+}
+
+void ClockGenerator::stopped(Nanos /*now*/) {
+  endOfTransfer();
+  expects_ = Expects::kCommand;
+}
+
+// A block read has to take as many bytes as the count said.
+void ClockGenerator::endOfTransfer() {
+  if (reading_ && block_ && left_ != 0) violation("block_read_unfinished");
+  reading_ = false;
+}
+
+// --- What comes out -------------------------------------------------------------------------------------
+
+// The bit of a selection register that the control pins pick. On the bus, the part has one control pin.
+bool ClockGenerator::pin(u8 value) const {
+  return (value >> (s0_ ? 1 : 0) & 1) != 0;
+}
+
+bool ClockGenerator::poweredDown() const {
+  if ((registers_[kGeneral] & kPowerDown) != 0) return true;
+  const unsigned y1 = registers_[kY1] >> (pin(registers_[kY1Select]) ? 4 : 2) & 3;
+  return y1 == kStatePowerDown;  // of the whole device
+}
+
+unsigned ClockGenerator::outputState() const {
+  return registers_[kY2Y3] >> (pin(registers_[kY2Y3Select]) ? 2 : 0) & 3;
+}
+
+bool ClockGenerator::pllRuns() const {
+  return !poweredDown() && (registers_[kY2Y3] & kPllBypass) == 0 && outputState() != kStatePowerDown;
+}
+
+ClockGenerator::PllWord ClockGenerator::pllWord() const {
+  const u8* w = &registers_[pin(registers_[kFrequencySelect]) ? kPll1Set1 : kPll1Set0];
+  return {.n = static_cast<unsigned>(w[0] << 4 | w[1] >> 4),
+          .r = static_cast<unsigned>((w[1] & 0x0F) << 5 | w[2] >> 3),
+          .q = static_cast<unsigned>((w[2] & 0x07) << 3 | w[3] >> 5),
+          .p = static_cast<unsigned>(w[3] >> 2 & 0x07),
+          .range = static_cast<unsigned>(w[3] & 0x03)};
+}
+
+// The clock in the PLL's place. M is not stored: R = N * 2^P - M * Q, with Q the whole part of N * 2^P / M.
+ClockGenerator::Output ClockGenerator::pll() const {
+  if ((registers_[kY2Y3] & kPllBypass) != 0) return {.hz = input_hz_, .why = {}};
+  const auto wrong = [](std::string why) { return Output{.hz = std::nullopt, .why = std::move(why)}; };
+  const PllWord word = pllWord();
+  if (word.n == 0) return wrong("N of PLL1 is 0");
+  if (word.p > 4) return wrong(fmt::format("P of PLL1 is {}, outside of 0 to 4", word.p));
+  if (word.q < 16) return wrong(fmt::format("Q of PLL1 is {}, outside of 16 to 63", word.q));
+  const unsigned scaledN = word.n << word.p;
+  if (word.r >= scaledN || (scaledN - word.r) % word.q != 0) {
+    return wrong(fmt::format("M of PLL1 is not whole: ({} - {}) / {}", scaledN, word.r, word.q));
+  }
+  const unsigned m = (scaledN - word.r) / word.q;
+  if (m > 511) return wrong(fmt::format("M of PLL1 is {}, more than 511", m));
+  if (word.r >= m) return wrong(fmt::format("R of PLL1 is {}, not less than M, which is {}", word.r, m));
+  const double vco_hz = input_hz_ * word.n / m;
+  const auto vco = [&] { return fmt::format("VCO at {:.1f} MHz", vco_hz / kMHz); };
+  if (vco_hz < kVcoMin_hz || vco_hz > kVcoMax_hz) return wrong(vco() + ", outside of 80 to 230");
+  if (vco_hz < kVcoRanges[word.range].from_hz || vco_hz >= kVcoRanges[word.range].to_hz) {
+    return wrong(vco() + fmt::format(", outside of the range that its bits {:02b} name", word.range));
+  }
+  return {.hz = vco_hz, .why = {}};
+}
+
+// Y3's multiplexer and the divider that it picks.
+ClockGenerator::Output ClockGenerator::divided() const {
+  const unsigned source = registers_[kY2Y3] >> 4 & 3;
+  if (source == 3) return {.hz = std::nullopt, .why = "Y3's multiplexer is set to no divider"};
+  const unsigned pdiv1 = (registers_[kY1] & 3U) << 8 | registers_[kPdiv1];
+  const unsigned divider = source == 0 ? pdiv1 : registers_[source == 1 ? kPdiv2 : kPdiv3] & 0x7FU;
+  if (divider == 0)
+    return {.hz = std::nullopt, .why = fmt::format("Pdiv{} is 0 and stands still", source + 1)};
+  const bool fromInput = source == 0 && (registers_[kY1] & kY1FromPll) == 0;
+  Output clock = fromInput ? Output{.hz = input_hz_, .why = {}} : pll();
+  if (clock.hz) *clock.hz /= divider;
+  return clock;
+}
+
+ClockGenerator::Output ClockGenerator::y3(Nanos now) const {
+  const auto off = [](const char* why) { return Output{.hz = std::nullopt, .why = why}; };
+  if (poweredDown()) return off("the clock generator is powered down");
+  if (now - disturbedAt_ < kSettling) return off("the PLL is settling");
+  if (outputState() != kStateEnabled) return off("Y3 is disabled by its state bits");
+  return divided();
+}
+
+}  // namespace headend

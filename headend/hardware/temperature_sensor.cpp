@@ -1,0 +1,150 @@
+#include "headend/hardware/temperature_sensor.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace headend {
+namespace {
+
+enum Register : u8 { kTemperature = 0, kConfiguration = 1, kHigh = 2, kLow = 3 };
+
+// Configuration.
+constexpr u8 kPowerDown = 0x80;
+constexpr u8 kAlertReset = 0x08;
+constexpr u8 kOneShot = 0x04;
+constexpr u8 kTestModes = 0x03;
+
+// In the second byte of the temperature.
+constexpr u8 kAlertFlag = 0x20;
+constexpr u8 kHighFlag = 0x10;
+constexpr u8 kLowFlag = 0x08;
+
+constexpr Nanos kWakeUp = 4'000;
+constexpr Nanos kConversion = 25'000;
+constexpr Nanos kUpdate = 800'000'000;
+constexpr Nanos kNever = INT64_MAX;
+
+constexpr double kMin_celsius = -55;
+constexpr double kMax_celsius = 127;
+
+}  // namespace
+
+TemperatureSensor::TemperatureSensor(u8 address, std::string name, Violations& violations)
+    : I2cSlave(std::move(name), violations),
+      address_(address),
+      oneShotDoneAt_(kNever),
+      nextDoneAt_(kWakeUp + kConversion) {}
+
+void TemperatureSensor::temperature(double celsius, Nanos now) {
+  convertUntil(now);
+  measured_quarters_ = static_cast<int>(std::lround(std::clamp(celsius, kMin_celsius, kMax_celsius) * 4));
+}
+
+// Conversions that end while the device takes part in a transfer are lost, so that no mixture is read.
+void TemperatureSensor::convertUntil(Nanos now) {
+  bool converted = false;
+  if (oneShotDoneAt_ <= now) {
+    oneShotDoneAt_ = kNever;
+    converted = true;
+  }
+  if (nextDoneAt_ <= now) {
+    nextDoneAt_ += (1 + (now - nextDoneAt_) / kUpdate) * kUpdate;
+    converted = true;
+  }
+  if (converted && !active_) value_quarters_ = measured_quarters_;
+}
+
+bool TemperatureSensor::addressed(u8 addressByte, Nanos now) {
+  if (addressByte >> 1 != address_) return false;
+  convertUntil(now);
+  active_ = true;
+  bytes_ = 0;
+  return true;
+}
+
+// The pointer, and at most one byte for the register to which it points.
+bool TemperatureSensor::received(u8 byte, Nanos /*now*/) {
+  ++bytes_;
+  if (bytes_ == 1) {
+    if (byte > kLow) violation("no_such_register");
+    pointer_ = byte & 3;
+    return true;
+  }
+  if (bytes_ > 2) {
+    violation("write_past_end");
+    return false;
+  }
+  switch (pointer_) {
+    case kConfiguration:
+      configure(byte);
+      return true;
+    case kHigh:
+      high_ = byte;
+      return true;
+    case kLow:
+      low_ = byte;
+      return true;
+    default:
+      violation("write_to_read_only");
+      return false;
+  }
+}
+
+// What a write sets going begins when the access is over.
+void TemperatureSensor::configure(u8 value) {
+  if ((value & kTestModes) != 0) violation("test_mode");
+  if ((value & kOneShot) != 0) oneShotAsked_ = true;
+  const bool slept = (configuration_ & kPowerDown) != 0;
+  configuration_ = static_cast<u8>(value & ~(kOneShot | kAlertReset));
+  const bool sleeps = (configuration_ & kPowerDown) != 0;
+  wakesUp_ = slept && !sleeps;
+  if (sleeps) nextDoneAt_ = kNever;
+}
+
+void TemperatureSensor::started(Nanos now) {
+  endAccess(now);
+}
+
+void TemperatureSensor::stopped(Nanos now) {
+  endAccess(now);
+}
+
+void TemperatureSensor::endAccess(Nanos now) {
+  if (!active_) return;
+  convertUntil(now);
+  active_ = false;
+  const Nanos wakeUp = wakesUp_ || (configuration_ & kPowerDown) != 0 ? kWakeUp : 0;
+  if (oneShotAsked_) oneShotDoneAt_ = now + wakeUp + kConversion;
+  if (wakesUp_) nextDoneAt_ = now + kWakeUp + kConversion;
+  oneShotAsked_ = false;
+  wakesUp_ = false;
+}
+
+u8 TemperatureSensor::next(Nanos /*now*/) {
+  const unsigned place = bytes_++;
+  if (place >= (pointer_ == kTemperature ? 2U : 1U)) {
+    violation("read_past_end");
+    return 0xFF;
+  }
+  switch (pointer_) {
+    case kConfiguration:
+      return configuration_;
+    case kHigh:
+      return high_;
+    case kLow:
+      return low_;
+    default:
+      return static_cast<u8>(temperatureRegister() >> (place == 0 ? 8 : 0));
+  }
+}
+
+// Ten bits in two's complement on the left of sixteen, then the flags.
+unsigned TemperatureSensor::temperatureRegister() const {
+  const int quarters = value_quarters_;
+  unsigned flags = 0;
+  if (quarters > 4 * static_cast<std::int8_t>(high_)) flags |= kHighFlag | kAlertFlag;
+  if (quarters < 4 * static_cast<std::int8_t>(low_)) flags |= kLowFlag | kAlertFlag;
+  return (static_cast<unsigned>(quarters) << 6 & 0xFFC0) | flags;
+}
+
+}  // namespace headend

@@ -21,7 +21,7 @@ std::array<char, 3> codeOf(std::size_t index) {
   constexpr std::size_t kCharacters = '~' - '!' + 1;
   const auto character = [](std::size_t digit) { return static_cast<char>('!' + digit % kCharacters); };
   if (index < kCharacters) return {character(index)};
-  return {character(index / kCharacters - 1), character(index)};
+  return {character(index / kCharacters), character(index)};
 }
 
 }  // namespace

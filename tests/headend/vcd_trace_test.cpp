@@ -1,0 +1,88 @@
+// The VCD file: what stands in it, byte for byte, and which registers a pattern takes.
+#include "headend/vcd_trace.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
+
+#include "tests/headend/scratch.h"
+
+namespace test {
+namespace {
+
+using headend::VcdTrace;
+
+TEST(VcdTrace, WritesChangesOfTheTracedRegistersInOrderOfTime) {
+  const Scratch scratch;
+  const std::string file = scratch.path / "trace.vcd";
+  {
+    VcdTrace trace(file, std::vector{0, 4}, std::vector<std::string>{"slot5.nrst", "att_q1_[cd]*"});
+    const u32 clock = headend::offsetOf("att_q1_clk");
+    trace.note(0, clock, 0, 100);                           // as it stands
+    trace.note(0, headend::offsetOf("nrst"), 3, 200);       // of a slot where it is not traced
+    trace.note(4, headend::offsetOf("att_q1_le"), 1, 200);  // not traced anywhere
+    trace.note(0, clock, 1, 300);
+    trace.note(4, headend::offsetOf("nrst"), 0x8003, 300);  // at the same time: no stamp of its own
+    trace.note(0, clock, 0xFFFF, 400);                      // a line is bit 0
+    trace.note(4, headend::offsetOf("att_q1_dat"), 21, 600);
+    trace.note(0, clock, 0xFFFE, 500);  // told late
+    EXPECT_TRUE(trace.finish(1000));
+  }
+  EXPECT_EQ(readText(file), R"($version headend $end
+$timescale 1 ns $end
+$scope module slot1 $end
+$var wire 1 ! att_q1_dat $end
+$var wire 1 " att_q1_clk $end
+$upscope $end
+$scope module slot5 $end
+$var wire 16 # nrst $end
+$var wire 1 $ att_q1_dat $end
+$var wire 1 % att_q1_clk $end
+$upscope $end
+$enddefinitions $end
+#0
+$dumpvars
+0!
+0"
+b0 #
+0$
+0%
+$end
+#300
+1"
+b1000000000000011 #
+#600
+1$
+0"
+#1000
+)");
+}
+
+// A short name that two registers share would show the one's changes on both.
+TEST(VcdTrace, EveryRegisterOfSixSlotsHasAShortNameOfItsOwn) {
+  const Scratch scratch;
+  const std::string file = scratch.path / "trace.vcd";
+  VcdTrace trace(file, std::vector{0, 1, 2, 3, 4, 5}, {});
+  ASSERT_TRUE(trace.finish(0));
+  std::istringstream lines(readText(file));
+  std::set<std::string> codes;
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string var, wire, width, code;
+    if (words >> var >> wire >> width >> code && var == "$var") codes.insert(code);
+  }
+  EXPECT_EQ(codes.size(), 6 * headend::kCardRegisters.size());
+}
+
+TEST(VcdTrace, PatternsMatchNamesWithAndWithoutTheirSlot) {
+  const std::vector slots{0, 2};
+  const std::pair<const char*, bool> rows[] = {
+      {"nrst", true},     {"slot1.nrst", true}, {"slot3.*", true}, {"slot2.*", false}, {"cdce925_s?a", true},
+      {"cdce925", false}, {"NRST", false},      {"*", true},       {"slot0.*", false}, {"", false},
+  };
+  for (const auto& [glob, matches] : rows) EXPECT_EQ(VcdTrace::matches(glob, slots), matches) << glob;
+}
+
+}  // namespace
+}  // namespace test

@@ -137,7 +137,7 @@ def main():
         show_startup(timelines)
         if options.json:
             save(options.json, {'machine': f'{platform.machine()}, {os.cpu_count()} processors', 'speed': rows,
-                                'instructions': counts, 'ratio_limit': instructions.LIMIT, 'startup': timelines})
+                                'instructions': counts, 'startup': timelines})
     except (NoFigure, instructions.CannotCount, OSError, subprocess.SubprocessError) as error:
         print(error, file=sys.stderr)
         return 1

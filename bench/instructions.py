@@ -12,18 +12,19 @@ import subprocess
 import sys
 import tempfile
 
-LIMIT = 1.2
 SKIPPED = 77
 PATIENCE_SECONDS = 240  # a count takes seconds
 
-# name of the row: (case and routine of the module, case and routine of the bare loop, callgrind's options)
+# name of the row: (case and routine of the module, case and routine of the bare loop, callgrind's options, limit)
 #
 # The configuration runs into page faults on purpose (status_port.h). Callgrind counts by blocks and is wrong for
 # good once a fault has left one in its middle; blocks of a single instruction have none.
 RATIOS = {
-    'qamWritePsi': (('psi-packets', 'qamWritePsi(*'), ('bare-psi-packets', 'barePsiPacket(*'), []),
+    'qamWritePsi': (('psi-packets', 'qamWritePsi(*'), ('bare-psi-packets', 'barePsiPacket(*'), [], 1.2),
     'cfg_qam_fpga': (('configuration', 'cfg_qam_fpga(*'),
-                     ('bare-configuration', 'bareConfiguration(brdFpgaCfg_t*'), ['--vex-guest-max-insns=1']),
+                     ('bare-configuration', 'bareConfiguration(brdFpgaCfg_t*'), ['--vex-guest-max-insns=1'], 1.2),
+    'CdceRegWrite': (('register-writes', 'CdceRegWrite(*'),
+                     ('bare-register-writes', 'bareClockRegisterWrite(*'), [], 1.1),
 }
 TICKS = {'qamIntr': 'ticks', 'qamIntr, all intervals 1': 'busy-ticks'}
 
@@ -57,10 +58,11 @@ def count(program, case, capture, routine, options):
 
 def ratios(program, capture):
     rows = {}
-    for name, (module, bare, options) in RATIOS.items():
+    for name, (module, bare, options, limit) in RATIOS.items():
         mine, each = count(program, module[0], capture, module[1], options)
         theirs, _ = count(program, bare[0], capture, bare[1], options)
-        rows[name] = {'instructions': mine, 'per_access': each, 'bare_loop': theirs, 'ratio': mine / theirs}
+        rows[name] = {'instructions': mine, 'per_access': each, 'bare_loop': theirs, 'ratio': mine / theirs,
+                      'limit': limit}
     return rows
 
 
@@ -83,16 +85,16 @@ def measure(modules, capture):
 
 
 def kept(results):
-    return all(row['ratio'] <= LIMIT for level in results.values() for row in level['ratios'].values())
+    return all(row['ratio'] <= row['limit'] for level in results.values() for row in level['ratios'].values())
 
 
 def show(results):
-    print(f'{"Instructions a call":34} {"module":>12} {"bare loop":>12} {"ratio":>7}   at most {LIMIT}')
+    print(f'{"Instructions a call":34} {"module":>12} {"bare loop":>12} {"ratio":>7} {"at most":>8}')
     for level, result in results.items():
         for name, row in result['ratios'].items():
-            verdict = 'ok' if row['ratio'] <= LIMIT else 'not kept'
+            verdict = 'ok' if row['ratio'] <= row['limit'] else 'not kept'
             print(f'{name + " " + level:34} {row["instructions"]:12,.0f} {row["bare_loop"]:12,.0f} '
-                  f'{row["ratio"]:7.3f}   {verdict}')
+                  f'{row["ratio"]:7.3f} {row["limit"]:8}   {verdict}')
     print(f'\n{"Instructions a tick, full card":34} {"mean":>12} {"worst":>12} {"posted a tick":>15}')
     for level, result in results.items():
         for name, row in result['ticks'].items():

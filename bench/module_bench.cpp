@@ -9,6 +9,7 @@
 #include "bench/services.h"
 #include "bench/status_port.h"
 #include "headend/hardware/bitstream.h"
+#include "hw/Cdce925.h"
 #include "hw/Qam_fpga_init.h"
 #include "ts/qamIntr.h"
 
@@ -77,6 +78,23 @@ void configureBare() {
   std::printf("calls 1\naccesses %zu\n", stream.size() * 8 * kAccessesOfBit);
 }
 
+constexpr int kRegisterWrites = 100;
+constexpr std::size_t kAccessesOfRegisterWrite = 83;  // lines changed; looks at them come on top
+
+// Nobody acknowledges: each byte but the last is looked at 200 times.
+void registerWrites(bench::Card& card, bool bare) {
+  card.window().cdce925_scl = 1;
+  for (int i = 0; i < kRegisterWrites; ++i) {
+    const auto data = static_cast<u8>(37 * i);
+    if (bare) {
+      bareClockRegisterWrite(card.window(), 0x14, data);
+    } else {
+      CdceRegWrite(0, 0x14, data);
+    }
+  }
+  std::printf("calls %d\naccesses %zu\n", kRegisterWrites, kRegisterWrites * kAccessesOfRegisterWrite);
+}
+
 void run(const std::string& name, const char* capture) {
   if (name == "configuration") return configure();
   if (name == "bare-configuration") return configureBare();
@@ -85,6 +103,8 @@ void run(const std::string& name, const char* capture) {
   if (name == "busy-ticks") return busyTicks(card);
   if (name == "psi-packets") return psiPackets(card);
   if (name == "bare-psi-packets") return barePsiPackets(card);
+  if (name == "register-writes") return registerWrites(card, false);
+  if (name == "bare-register-writes") return registerWrites(card, true);
   throw std::invalid_argument("there is no case " + name);
 }
 
@@ -95,7 +115,8 @@ int main(int argc, char** argv) {
   if (argc != 3) {
     std::fprintf(stderr,
                  "Usage: module_bench CASE CAPTURE.ts; cases: ticks, busy-ticks, psi-packets, "
-                 "bare-psi-packets, configuration, bare-configuration\n");
+                 "bare-psi-packets, configuration, bare-configuration, register-writes, "
+                 "bare-register-writes\n");
     return 2;
   }
   try {

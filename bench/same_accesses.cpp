@@ -10,6 +10,7 @@
 #include "bench/bare_loops.h"
 #include "bench/services.h"
 #include "headend/hardware/bitstream.h"
+#include "hw/Cdce925.h"
 #include "hw/Qam_fpga_init.h"
 #include "platform/bus.h"
 #include "platform/check.h"
@@ -92,6 +93,16 @@ bool sameConfiguration(bbFpga_t& mainBoard) {
   return same("cfg_qam_fpga", module, bus->take());
 }
 
+bool sameRegisterWrites(bench::Card& card) {
+  for (const int data : {0x00, 0x40, 0xB9, 0xFF}) {
+    CdceRegWrite(0, 0x1B, static_cast<u8>(data));
+    const std::vector<Access> module = bus->take();
+    bareClockRegisterWrite(card.window(), 0x1B, static_cast<u8>(data));
+    if (!same("CdceRegWrite", module, bus->take())) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 namespace os {
@@ -102,6 +113,7 @@ u16 busRead16(const volatile void* reg) {
 void busWrite16(volatile void* reg, u16 value) {
   bus->write(reg, value);
 }
+void countingLoop(u32 /*turns*/) {}
 void checkFailed(const char* text, const char* unit, int line) {
   std::fprintf(stderr, "%s:%d: %s\n", unit, line, text);
   std::abort();
@@ -129,7 +141,8 @@ int main(int argc, char** argv) {
   try {
     bench::Card card(argv[1]);
     const bool packets = samePackets(card);
-    return sameConfiguration(mainBoard) && packets ? 0 : 1;
+    const bool registerWrites = sameRegisterWrites(card);
+    return sameConfiguration(mainBoard) && packets && registerWrites ? 0 : 1;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "%s: %s\n", argv[1], e.what());
     return 1;

@@ -13,7 +13,7 @@ constexpr u16 kSingleByte = 0x80;  // command bit: the transfer is of one regist
 // A falling data line gets twice the wait of a rising one: the trace to the generator is the card's longest,
 // and its level shifter pulls down more slowly than the pull-up lifts. Bytes are sent at half the pace
 // instead of watching the clock, for this device never stretches it.
-constexpr I2cBus kClockGeneratorBus{.waitsAfterDataLow = 2, .pacedSend = true};
+constexpr I2cBus kClockGeneratorBus{.slowFall = true, .pacedSend = true};
 
 I2cMaster<kClockGeneratorBus> bus(u8 slotNo) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];

@@ -8,47 +8,39 @@
 #include "platform/chassis.h"
 #include "platform/kernel.h"
 
-// Waits are counted in 5 us.
 struct I2cBus {
-  int waitsAfterDataHigh = 1;
-  int waitsAfterDataLow = 1;
+  // A data line that was let fall gets a second wait.
+  bool slowFall = false;
   // A byte is sent at a pace of its own, with the watchdog kicked, and no look at the clock line.
   bool pacedSend = false;
   // What reads as a high clock: exactly 1, or all but 0.
   bool anyLevelIsHigh = false;
+  // Lines may be null, which is no bus: writes go nowhere, and it reads as an idle one.
+  bool linesMayLack = false;
 };
 
 template <I2cBus kBus>
 class I2cMaster {
  public:
-  // Lines that are null are not there: writes go nowhere, and they read as an idle bus does.
   I2cMaster(Reg16* clock, Reg16* data) : clock_(clock), data_(data) {}
 
-  void setClock(bool level) {
-    wait(1);
-    drive(clock_, level);
-    wait(1);
-  }
-  void setData(bool level) {
-    wait(1);
-    drive(data_, level);
-    wait(level ? kBus.waitsAfterDataHigh : kBus.waitsAfterDataLow);
-  }
+  void setClock(bool level) { level ? clockHigh() : clockLow(); }
+  [[gnu::always_inline]] void setData(bool level) { level ? dataHigh() : dataLow(); }
   u8 clock() const { return sense(clock_); }
   u8 data() const { return sense(data_); }
 
   void start() {
-    setData(true);
+    dataHigh();
     raiseClock();
-    setData(false);
-    setClock(false);
+    dataLow();
+    clockLow();
   }
 
   void stop() {
-    setData(false);
-    setClock(false);
+    dataLow();
+    clockLow();
     raiseClock();
-    setData(true);
+    dataHigh();
   }
 
   // Most significant bit first; the data line is released for the acknowledge.
@@ -58,25 +50,25 @@ class I2cMaster {
       if constexpr (kBus.pacedSend) {
         chassis::delay5us();
         chassis::Dog();
-        setClock(true);
+        clockHigh();
         chassis::delay5us();
-        setClock(false);
+        clockLow();
         chassis::delay5us();
         chassis::Dog();
       } else {
         clockPulse();
       }
     }
-    setData(true);
+    dataHigh();
   }
 
   u8 receive() {
-    setData(true);
+    dataHigh();
     u8 byte = 0;
     for (int bit = 0; bit < 8; ++bit) {
       raiseClock();
       byte = static_cast<u8>(byte << 1 | data());
-      setClock(false);
+      clockLow();
     }
     return byte;
   }
@@ -85,7 +77,8 @@ class I2cMaster {
   // not come is clocked through: what a device did not take shows in what it does.
   void takeAcknowledge(bool waits) {
     if (waits) {
-      for (int looks = 0; looks < 200 && data() != 0; ++looks) {
+      const Reg16* line = data_;
+      for (int looks = 200; looks > 0 && sense(line) != 0; --looks) {
       }
     } else {
       os::countingLoop(20);
@@ -96,7 +89,7 @@ class I2cMaster {
   void giveAcknowledge(bool acknowledge) {
     setData(!acknowledge);
     clockPulse();
-    setData(true);
+    dataHigh();
   }
 
   void startWith(u8 device, u8 address) {
@@ -131,22 +124,33 @@ class I2cMaster {
   }
 
  private:
-  static void wait(int waits) {
-    for (int i = 0; i < waits; ++i) chassis::Delay5us();
+  // The changes of a line are two calls and a store: a compiler that saves space would make them calls of
+  // calls.
+  [[gnu::always_inline]] static void change(Reg16* line, u16 level) {
+    chassis::Delay5us();
+    if (!kBus.linesMayLack || line != nullptr) *line = level;
+    chassis::Delay5us();
   }
-  static void drive(Reg16* line, bool level) {
-    if (line != nullptr) *line = level ? 1 : 0;
+  [[gnu::always_inline]] void clockHigh() { change(clock_, 1); }
+  [[gnu::always_inline]] void clockLow() { change(clock_, 0); }
+  [[gnu::always_inline]] void dataHigh() { change(data_, 1); }
+  [[gnu::always_inline]] void dataLow() {
+    change(data_, 0);
+    if (kBus.slowFall) chassis::Delay5us();
   }
-  static u8 sense(const Reg16* line) { return line != nullptr ? static_cast<u8>(*line) : 1; }
+  // In the loops that wait for a line; a compiler that saves space would make it a call there.
+  [[gnu::always_inline]] static u8 sense(const Reg16* line) {
+    return !kBus.linesMayLack || line != nullptr ? static_cast<u8>(*line) : 1;
+  }
 
   void raiseClock() {
-    setClock(true);
+    clockHigh();
     while (kBus.anyLevelIsHigh ? clock() == 0 : clock() != 1) {
     }
   }
   void clockPulse() {
     raiseClock();
-    setClock(false);
+    clockLow();
   }
 
   Reg16* clock_;

@@ -45,6 +45,23 @@ Json tables(Headend& headend, int slot, int port) {
   return all;
 }
 
+template <typename T>
+Json orNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+
+Json rf(const RfOutput& output) {
+  return {{"verdict", verdictName(output.verdict)},
+          {"on_air", output.verdict == RfOutput::Verdict::kOnAir},
+          {"why", output.why},
+          {"frequency_khz", orNull(output.frequency_kHz)},
+          {"level_dbuv", output.level_dBuV},
+          {"symbol_rate_kbd", output.symbolRate_kBd},
+          {"clock_kbd", orNull(output.clock_kBd)},
+          {"constellation", orNull(constellationName(output))},
+          {"bit_rate", output.bitRate}};
+}
+
 Json channel(Headend& headend, int slot, int port) {
   Multiplexer& output = headend.card(slot).output(static_cast<std::size_t>(port));
   output.advance(headend.kernel().now());
@@ -53,6 +70,7 @@ Json channel(Headend& headend, int slot, int port) {
       {"bit_rate", output.rate().perSecond()},
       {"packets",
        {{"total", counts.total()}, {"psi", counts.psi}, {"routed", counts.routed}, {"null", counts.null}}},
+      {"rf", rf(headend.card(slot).rf(static_cast<std::size_t>(port), headend.kernel().now()))},
       {"tables", tables(headend, slot, port)}};
   if (const auto since = headend.backEnd().lockedSince(slot, port)) {
     entry["locked_seconds"] = seconds(headend.kernel().now() - *since);

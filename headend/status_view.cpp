@@ -15,6 +15,15 @@ bool movesItsCursor() {
   return kind != nullptr && std::string_view(kind) != "dumb";
 }
 
+// "554.000 MHz  100.0 dBuV  64-QAM  6875 kBd  on air"
+std::string rfLine(const RfOutput& output) {
+  const std::string frequency =
+      output.frequency_kHz ? fmt::format("{:.3f} MHz", *output.frequency_kHz / 1e3) : "no carrier";
+  return fmt::format("{}  {:.1f} dBuV  {}  {} kBd  {}{}{}", frequency, output.level_dBuV,
+                     constellationName(output).value_or("no constellation"), output.symbolRate_kBd,
+                     verdictName(output.verdict), output.why.empty() ? "" : ": ", output.why);
+}
+
 }  // namespace
 
 StatusView::StatusView(Headend& headend)
@@ -68,6 +77,8 @@ std::string StatusView::table() {
       const Nanos locked = since ? headend_.kernel().now() - *since : 0;
       if (locked > 10 * kSecond) fmt::format_to(out, "  locked for {} s, silent", locked / kSecond);
       text += '\n';
+      fmt::format_to(out, "       {}\n",
+                     rfLine(headend_.card(slot).rf(static_cast<std::size_t>(port), headend_.kernel().now())));
     }
   }
   if (!headend_.assertionFailures().empty()) {

@@ -15,7 +15,7 @@ constexpr u8 kPowerDown = 0x80;
 constexpr u8 kOneShot = 0x04;
 constexpr int kConversionDelays = 100;
 
-using SensorBus = I2cMaster<I2cBus{.linesMayLack = true}>;
+using SensorBus = I2cMaster<I2cBus{.optionalLines = true}>;
 
 SensorBus bus(u8 slotNo, u8 placeNo) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];

@@ -16,7 +16,7 @@ struct I2cBus {
   // What reads as a high clock: exactly 1, or all but 0.
   bool anyLevelIsHigh = false;
   // Lines may be null, which is no bus: writes go nowhere, and it reads as an idle one.
-  bool linesMayLack = false;
+  bool optionalLines = false;
 };
 
 template <I2cBus kBus>
@@ -128,7 +128,7 @@ class I2cMaster {
   // calls.
   [[gnu::always_inline]] static void change(Reg16* line, u16 level) {
     chassis::Delay5us();
-    if (!kBus.linesMayLack || line != nullptr) *line = level;
+    if (!kBus.optionalLines || line != nullptr) *line = level;
     chassis::Delay5us();
   }
   [[gnu::always_inline]] void clockHigh() { change(clock_, 1); }
@@ -140,7 +140,7 @@ class I2cMaster {
   }
   // In the loops that wait for a line; a compiler that saves space would make it a call there.
   [[gnu::always_inline]] static u8 sense(const Reg16* line) {
-    return !kBus.linesMayLack || line != nullptr ? static_cast<u8>(*line) : 1;
+    return !kBus.optionalLines || line != nullptr ? static_cast<u8>(*line) : 1;
   }
 
   void raiseClock() {

@@ -3,35 +3,28 @@
 namespace headend {
 namespace {
 
-constexpr u32 kQamMode = offsetOf("qam_mode");
+constexpr u16 kBlank = 0xFFFF;
+constexpr u16 kVersion = 5;
+
+constexpr u32 kReset = offsetOf("nrst");
+constexpr u32 kConstellation = offsetOf("qam_mode");
 constexpr u32 kSymbolRateFirst = offsetOf("rf_off_hh");
 constexpr u32 kSymbolRateLast = offsetOf("rf_off_ll");
-constexpr u32 kPsiData0 = offsetOf("PsiData0");
-constexpr u32 kPsiReady0 = offsetOf("PsiRdy0");
-constexpr u32 kPsiData1 = offsetOf("PsiData1");
-constexpr u32 kPsiReady1 = offsetOf("PsiRdy1");
-
-constexpr u16 kBlank = 0xFFFF;
-
-// At reset the modulator runs with 6875 kBd and 64-QAM.
-constexpr std::uint32_t kResetSymbolRate_kBd = 6875;
-constexpr unsigned kResetBitsPerSymbol = 6;
-
-unsigned bitsPerSymbol(u16 code) {
-  switch (code) {
-    case 6:
-      return 7;  // 128-QAM
-    case 7:
-      return 8;  // 256-QAM
-    default:
-      return kResetBitsPerSymbol;
-  }
-}
+constexpr u32 kRateGate = offsetOf("rate_ctrl_rst");
+constexpr u32 kRatesFirst = offsetOf("Valid_0_rateL");
+constexpr u32 kRatesLast = offsetOf("Sys_1_rateH");
+constexpr u32 kRatesOfChannel = offsetOf("Valid_1_rateL") - kRatesFirst;
+constexpr std::array kPsiData = {offsetOf("PsiData0"), offsetOf("PsiData1")};
+constexpr std::array kPsiReady = {offsetOf("PsiRdy0"), offsetOf("PsiRdy1")};
+constexpr std::array kPacketLength = {offsetOf("pkt_len0"), offsetOf("pkt_len1")};
+constexpr std::array kPort = {offsetOf("oport_num0"), offsetOf("oport_num1")};
 
 }  // namespace
 
 CardFpga::CardFpga(const FpgaConfiguration::Settings& settings, Violations& violations)
     : configuration_(settings, violations),
+      violations_(violations),
+      board_(violations),
       psiPorts_{PsiPort(outputs_[0], violations), PsiPort(outputs_[1], violations)} {
   configuration_.onChange([this](bool configured, Nanos now) {
     if (configured) {
@@ -47,10 +40,15 @@ void CardFpga::becomeBlank(Nanos now) {
   for (Multiplexer& output : outputs_) output.stop(now);
 }
 
+// Every register is 0 and every line low.
 void CardFpga::startUp(Nanos now) {
   cells_.fill(0);
+  for (u32 offset = 0; offset < kWindowSize; offset += 2) {
+    if (cardRegister(offset).kind == CardRegister::kLine) board_.drive(offset, false, now);
+  }
+  modulator_.powerUp();
   for (PsiPort& port : psiPorts_) port.reset();
-  for (Multiplexer& output : outputs_) output.start(now, programmedRate());
+  for (Multiplexer& output : outputs_) output.start(now, modulator_.rate());
 }
 
 u16 CardFpga::read(u32 offset, Nanos now) {
@@ -61,50 +59,87 @@ u16 CardFpga::read(u32 offset, Nanos now) {
 }
 
 u16 CardFpga::level(u32 offset, Nanos now) {
+  if (const std::optional<bool> line = board_.sense(offset, now)) return *line ? 1 : 0;
+  if (offset >= kRatesFirst && offset <= kRatesLast) return rateCount(offset - kRatesFirst, now);
   switch (offset) {
-    case kPsiReady0:
+    case kPsiReady[0]:
       return outputs_[0].psiHasRoom(now) ? 1 : 0;
-    case kPsiReady1:
+    case kPsiReady[1]:
       return outputs_[1].psiHasRoom(now) ? 1 : 0;
+    case offsetOf("version"):
+      return kVersion;
+    case offsetOf("plllock"):
+      return static_cast<u16>((board_.firstOscillator().output().hz ? 1 : 0) |
+                              (board_.secondOscillator().output().hz ? 2 : 0));
     default:
-      return cells_[offset / 2];
+      return cell(offset);
   }
+}
+
+// A byte a register: the count of bytes from its lowest, then that of null packets.
+u16 CardFpga::rateCount(u32 offset, Nanos now) {
+  const std::size_t channel = offset / kRatesOfChannel;
+  Multiplexer& output = outputs_[channel];
+  output.advance(now);
+  const RateCounter& counter = rateCounters_[channel];
+  const u32 index = offset % kRatesOfChannel / 2;
+  const u32 count = index < 3 ? counter.bytes(output.counts()) >> 8 * index
+                              : counter.nullPackets(output.counts()) >> 8U * (index - 3);
+  return count & 0xFF;
 }
 
 void CardFpga::write(u32 offset, u16 value, Nanos now) {
   if (!configuration_.done()) return;
+  const CardRegister& reg = cardRegister(offset);
+  if (!reg.isDrivers()) {
+    violations_.count("write_to_register_of_the_card");
+    return;
+  }
   cells_[offset / 2] = value;
-  if (offset == kPsiData0) {
-    psiPorts_[0].write(value, now);
-  } else if (offset == kPsiData1) {
-    psiPorts_[1].write(value, now);
-  } else if (offset >= kQamMode && offset <= kSymbolRateLast) {
-    applyModulation(now);
-  }
-  if (onRegister_) onRegister_(offset, value, now);
+  if (reg.isLine()) board_.drive(offset, (value & 1) != 0, now);
+  act(offset, value, now);
+  if (!onRegister_) return;
+  onRegister_(offset, level(offset, now), now);
+  if (const auto other = CardBoard::companion(offset)) onRegister_(*other, level(*other, now), now);
 }
 
-void CardFpga::applyModulation(Nanos now) {
-  for (Multiplexer& output : outputs_) output.setRate(now, programmedRate());
-}
-
-// The symbol-rate word is 2^26 * 1000 over the rate in kBd, a byte a register; the rate is a whole number of
-// kBd.
-BitRate CardFpga::programmedRate() const {
-  std::uint32_t word = 0;
-  for (u32 offset = kSymbolRateFirst; offset <= kSymbolRateLast; offset += 2) {
-    word = word << 8 | (cells_[offset / 2] & 0xFFU);
+void CardFpga::act(u32 offset, u16 value, Nanos now) {
+  switch (offset) {
+    case kReset:
+      if (!modulator_.reset(value)) return;
+      for (Multiplexer& output : outputs_) output.setRate(now, modulator_.rate());
+      return;
+    case kConstellation:
+      return modulator_.constellationCode(value);
+    case kRateGate:
+      for (std::size_t channel = 0; channel < kChannels; ++channel) {
+        outputs_[channel].advance(now);
+        rateCounters_[channel].gate((value & 1) != 0, outputs_[channel].counts());
+      }
+      return;
+    case kPsiData[0]:
+      return psiPorts_[0].write(value, now);
+    case kPsiData[1]:
+      return psiPorts_[1].write(value, now);
+    default:
+      if (offset >= kSymbolRateFirst && offset <= kSymbolRateLast) {
+        modulator_.symbolRateByte((offset - kSymbolRateFirst) / 2, value);
+      }
   }
-  std::uint32_t rate_kBd = kResetSymbolRate_kBd;
-  if (word != 0) {
-    constexpr std::uint64_t kScale = (std::uint64_t{1} << 26) * 1000;
-    rate_kBd = static_cast<std::uint32_t>((kScale + word / 2) / word);
-  }
-  return BitRate::ofModulation(rate_kBd, bitsPerSymbol(cells_[kQamMode / 2]));
 }
 
 void CardFpga::advanceOutputs(Nanos now) {
   for (Multiplexer& output : outputs_) output.advance(now);
+}
+
+RfOutput CardFpga::rf(std::size_t channel, Nanos now) const {
+  const RfSwitches switches{.configured = configuration_.done(),
+                            .power = cell(offsetOf("power")),
+                            .rfDisabled = (cell(offsetOf("rf0_en")) & 1) != 0,
+                            .lowerBand = (cell(offsetOf("q1_12v_ctrl")) & 1) != 0,
+                            .packetLength = cell(kPacketLength[channel]),
+                            .port = cell(kPort[channel])};
+  return rfOutput(channel, switches, modulator_, board_, now);
 }
 
 const char* CardFpga::registerName(u32 offset) const {

@@ -5,10 +5,14 @@
 #include <array>
 
 #include "headend/hardware/bus_device.h"
+#include "headend/hardware/card_board.h"
 #include "headend/hardware/card_registers.h"
 #include "headend/hardware/fpga_configuration.h"
+#include "headend/hardware/modulator.h"
 #include "headend/hardware/multiplexer.h"
 #include "headend/hardware/psi_port.h"
+#include "headend/hardware/rate_counter.h"
+#include "headend/hardware/rf_output.h"
 
 namespace headend {
 
@@ -28,6 +32,8 @@ class CardFpga final : public BusDevice {
   Multiplexer& output(std::size_t channel) { return outputs_[channel]; }
   const Multiplexer& output(std::size_t channel) const { return outputs_[channel]; }
   void advanceOutputs(Nanos now);
+  CardBoard& board() { return board_; }
+  RfOutput rf(std::size_t channel, Nanos now) const;
 
   // Told when a configuration begins (false) and when it is complete (true).
   void onConfiguration(std::function<void(bool complete, Nanos now)> hook) {
@@ -41,16 +47,21 @@ class CardFpga final : public BusDevice {
 
  private:
   u16 level(u32 offset, Nanos now);
+  u16 rateCount(u32 offset, Nanos now);
+  void act(u32 offset, u16 value, Nanos now);
   void becomeBlank(Nanos now);
   void startUp(Nanos now);
-  void applyModulation(Nanos now);
-  BitRate programmedRate() const;
+  u16 cell(u32 offset) const { return cells_[offset / 2]; }
 
   FpgaConfiguration configuration_;
   std::function<void(bool, Nanos)> onConfiguration_;
   std::function<void(u32, u16, Nanos)> onRegister_;
+  Violations& violations_;
+  CardBoard board_;
+  Modulator modulator_;
   std::array<Multiplexer, kChannels> outputs_;
   std::array<PsiPort, kChannels> psiPorts_;
+  std::array<RateCounter, kChannels> rateCounters_;
   std::array<u16, kWindowSize / 2> cells_{};
 };
 

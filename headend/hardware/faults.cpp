@@ -1,0 +1,74 @@
+#include "headend/hardware/faults.h"
+
+#include <algorithm>
+#include <functional>
+
+namespace headend {
+namespace {
+
+struct BusName {
+  const char* name;
+  const char* text;
+  OpenDrainBus& (*of)(CardBoard& board);
+};
+constexpr BusName kBuses[] = {
+    {"clock", "the clock generator", [](CardBoard& b) -> OpenDrainBus& { return b.clockBus(); }},
+    {"sensor1", "temperature sensor 1", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(1); }},
+    {"sensor2", "temperature sensor 2", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(2); }},
+};
+
+struct BusFaultName {
+  const char* name;
+  const char* text;
+  OpenDrainBus::Fault fault;
+};
+constexpr BusFaultName kBusFaults[] = {
+    {"absent", "is not there", OpenDrainBus::Fault::kAbsent},
+    {"no-ack", "does not acknowledge its address", OpenDrainBus::Fault::kNoAcknowledge},
+    {"scl-low", "has its clock line stuck low", OpenDrainBus::Fault::kClockLow},
+    {"scl-high", "has its clock line stuck high", OpenDrainBus::Fault::kClockHigh},
+    {"sda-low", "has its data line stuck low", OpenDrainBus::Fault::kDataLow},
+    {"sda-high", "has its data line stuck high", OpenDrainBus::Fault::kDataHigh},
+    {"stretch", "stretches the clock by 100 us after each byte", OpenDrainBus::Fault::kStretch},
+};
+
+std::vector<FaultKind> makeKinds() {
+  std::vector<FaultKind> kinds;
+  for (const BusName& bus : kBuses) {
+    for (const BusFaultName& fault : kBusFaults) {
+      kinds.push_back(
+          {std::string(bus.name) + "-" + fault.name, std::string(bus.text) + " " + fault.text,
+           [of = bus.of, kind = fault.fault](CardBoard& b, Nanos now) { of(b).inject(kind, now); }});
+    }
+  }
+  const auto add = [&](const char* name, const char* text, void (*inject)(CardBoard&)) {
+    kinds.push_back({name, text, [inject](CardBoard& board, Nanos) { inject(board); }});
+  };
+  add("lo1-no-latch", "the first oscillator's latch enable is not connected",
+      [](CardBoard& b) { b.firstOscillator().disconnectLatchEnable(); });
+  add("lo2-no-latch", "the second oscillator's latch enable is not connected",
+      [](CardBoard& b) { b.secondOscillator().disconnectLatchEnable(); });
+  add("attenuator-no-latch", "the attenuator's latch enable is not connected",
+      [](CardBoard& b) { b.attenuator().disconnectLatchEnable(); });
+  add("lo1-no-reference", "the first oscillator has no reference",
+      [](CardBoard& b) { b.firstOscillator().removeReference(); });
+  add("lo2-no-reference", "the second oscillator has no reference",
+      [](CardBoard& b) { b.secondOscillator().removeReference(); });
+  return kinds;
+}
+
+}  // namespace
+
+const std::vector<FaultKind>& faultKinds() {
+  static const std::vector<FaultKind> kinds = makeKinds();
+  return kinds;
+}
+
+const FaultKind* findFault(const std::string& name) {
+  const auto& kinds = faultKinds();
+  const auto found =
+      std::find_if(kinds.begin(), kinds.end(), [&](const FaultKind& k) { return k.name == name; });
+  return found == kinds.end() ? nullptr : &*found;
+}
+
+}  // namespace headend

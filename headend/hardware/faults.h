@@ -1,0 +1,21 @@
+// Faults of a card that a run can ask for by name: what breaks on its board, and when.
+#pragma once
+
+#include <span>
+#include <string>
+
+#include "headend/hardware/card_board.h"
+
+namespace headend {
+
+struct FaultKind {
+  std::string name;  // "clock-no-ack"
+  std::string text;  // what breaks, for a list
+  std::function<void(CardBoard& board, Nanos now)> inject;
+};
+
+// All of them, in the order of a list.
+const std::vector<FaultKind>& faultKinds();
+const FaultKind* findFault(const std::string& name);  // null: there is none of that name
+
+}  // namespace headend

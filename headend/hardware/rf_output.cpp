@@ -1,0 +1,120 @@
+#include "headend/hardware/rf_output.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cmath>
+
+namespace headend {
+namespace {
+
+constexpr double kMixerOffset_Hz = 4e6;
+constexpr double kChannelSpacing_Hz = 8e6;
+constexpr double kClocksPerSymbol = 8;
+constexpr double kBandLimit_Hz = 2600e6;   // the second oscillator's lower band goes up to here
+constexpr double kClockTolerance = 50e-6;  // a receiver follows the symbol rate no further
+constexpr double kFullLevel_dBuV = 115;
+constexpr u16 kAllSupplies = 15;
+
+// The board's gain over its gain at the upper end, by the frequency of channel 1, as measured on the card:
+// both channels pass one amplifier.
+struct Gain {
+  double upTo_kHz;
+  double dB;
+};
+constexpr std::array kBoardGain = {Gain{100e3, 3}, Gain{200e3, 4}, Gain{400e3, 3}, Gain{500e3, 2},
+                                   Gain{600e3, 1}};
+
+double boardGain_dB(double frequency_kHz) {
+  for (const Gain& band : kBoardGain) {
+    if (frequency_kHz <= band.upTo_kHz) return band.dB;
+  }
+  return 0;
+}
+
+// Reasons to be off the air, in the order in which a technician would look for them; empty when there is
+// none.
+std::string offReason(const RfSwitches& switches) {
+  if (!switches.configured) return "the FPGA is not configured";
+  if (switches.power == 0) return "the power is off (power 0)";
+  if (switches.rfDisabled) return "the modulation is switched off (rf0_en 1)";
+  return {};
+}
+
+std::string oscillatorFault(const RfSwitches& switches, const CardBoard& board) {
+  const Synthesizer::Output first = board.firstOscillator().output();
+  if (!first.hz) return "first oscillator: " + first.why;
+  const Synthesizer::Output second = board.secondOscillator().output();
+  if (!second.hz) return "second oscillator: " + second.why;
+  if ((*second.hz <= kBandLimit_Hz) != switches.lowerBand) {
+    return fmt::format("the second oscillator does not reach {:.4f} MHz in its {} band (q1_12v_ctrl {})",
+                       *second.hz / 1e6, switches.lowerBand ? "lower" : "upper", switches.lowerBand ? 1 : 0);
+  }
+  return {};
+}
+
+std::string clockFault(const RfOutput& output, const CardBoard& board, Nanos now) {
+  if (!output.clock_kBd) return "clock generator: " + board.clockGenerator().y3(now).why;
+  if (std::abs(*output.clock_kBd / output.symbolRate_kBd - 1) > kClockTolerance) {
+    return fmt::format("the clock gives {:.3f} kBd, the modulator was told {} kBd", *output.clock_kBd,
+                       output.symbolRate_kBd);
+  }
+  return {};
+}
+
+std::string faultReason(std::size_t channel, const RfOutput& output, const RfSwitches& switches,
+                        const Modulator& modulator, const CardBoard& board, Nanos now) {
+  if (switches.power != kAllSupplies) return fmt::format("some supplies are off (power {})", switches.power);
+  if (modulator.inReset()) return "the modulator is held in reset";
+  if (!output.constellation) return "the constellation code is unknown";
+  if (switches.packetLength != 1) return fmt::format("packet length code {}", switches.packetLength);
+  if (switches.port != channel) return fmt::format("fed by the multiplexer's port {}", switches.port);
+  if (std::string fault = oscillatorFault(switches, board); !fault.empty()) return fault;
+  return clockFault(output, board, now);
+}
+
+}  // namespace
+
+std::optional<std::string> constellationName(const RfOutput& output) {
+  if (!output.constellation) return {};
+  return fmt::format("{}-QAM", *output.constellation);
+}
+
+const char* verdictName(RfOutput::Verdict verdict) {
+  switch (verdict) {
+    case RfOutput::Verdict::kOnAir:
+      return "on air";
+    case RfOutput::Verdict::kOff:
+      return "off";
+    case RfOutput::Verdict::kFaulty:
+      return "faulty";
+  }
+  return "";
+}
+
+RfOutput rfOutput(std::size_t channel, const RfSwitches& switches, const Modulator& modulator,
+                  const CardBoard& board, Nanos now) {
+  RfOutput output;
+  output.symbolRate_kBd = modulator.symbolRate_kBd();
+  output.constellation = modulator.constellation();
+  output.bitRate = modulator.rate().perSecond();
+  if (const auto clock = board.clockGenerator().y3(now).hz)
+    output.clock_kBd = *clock / kClocksPerSymbol / 1e3;
+
+  const auto first = board.firstOscillator().output().hz;
+  const auto second = board.secondOscillator().output().hz;
+  output.level_dBuV = kFullLevel_dBuV - board.attenuator().dB();
+  if (first && second) {
+    const double carrier1_Hz = *second - *first - kMixerOffset_Hz;
+    output.level_dBuV += boardGain_dB(carrier1_Hz / 1e3);
+    output.frequency_kHz = (carrier1_Hz + static_cast<double>(channel) * kChannelSpacing_Hz) / 1e3;
+  }
+
+  output.why = offReason(switches);
+  if (!output.why.empty()) return output;
+  output.why = faultReason(channel, output, switches, modulator, board, now);
+  output.verdict = output.why.empty() ? RfOutput::Verdict::kOnAir : RfOutput::Verdict::kFaulty;
+  return output;
+}
+
+}  // namespace headend

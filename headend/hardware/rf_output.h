@@ -1,0 +1,42 @@
+// What an analyser at a card's RF connector shows of one channel, worked out from what the devices took off
+// their lines and from nothing else. For the status view, the report and management clients.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "headend/hardware/card_board.h"
+#include "headend/hardware/modulator.h"
+
+namespace headend {
+
+struct RfOutput {
+  enum class Verdict { kOnAir, kOff, kFaulty };
+
+  std::optional<double> frequency_kHz;  // none where an oscillator does not run
+  double level_dBuV = 0;
+  std::uint32_t symbolRate_kBd = 0;       // as the modulator was told
+  std::optional<double> clock_kBd;        // as the clock generator gives it
+  std::optional<unsigned> constellation;  // points
+  double bitRate = 0;                     // bit/s of the transport stream
+  Verdict verdict = Verdict::kOff;
+  std::string why;  // off or faulty: the reason, in words
+};
+
+std::optional<std::string> constellationName(const RfOutput& output);  // "64-QAM"
+const char* verdictName(RfOutput::Verdict verdict);                    // "on air", "off", "faulty"
+
+// The switches and codes of the FPGA that the output depends on.
+struct RfSwitches {
+  bool configured = false;
+  u16 power = 0;
+  bool rfDisabled = false;  // rf0_en
+  bool lowerBand = false;   // q1_12v_ctrl, the second oscillator's band
+  u16 packetLength = 0;     // 1: packets of 188 bytes
+  u16 port = 0;             // the multiplexer's port that feeds the channel
+};
+
+RfOutput rfOutput(std::size_t channel, const RfSwitches& switches, const Modulator& modulator,
+                  const CardBoard& board, Nanos now);
+
+}  // namespace headend

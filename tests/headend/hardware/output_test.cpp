@@ -38,11 +38,16 @@ void insert(Card& card, u8 mark, u32 port = 156) {
   words(card, 16, 0xFFFF, port);
 }
 
-// The registers as a driver writes them: 2^26 * 1000 / kBd, rounded down, a byte each.
+// The registers as a driver writes them: 2^26 * 1000 / kBd, rounded down, a byte each; they count from the
+// release of the reset on.
 void program(Card& card, u32 rate_kBd, u16 code) {
   const u32 word = static_cast<u32>((std::uint64_t{1} << 26) * 1000 / rate_kBd);
   card.write(2, code);
   for (u32 i = 0; i < 4; ++i) card.write(4 + 2 * i, static_cast<u16>(word >> (24 - 8 * i) & 0xFF));
+  const headend::BitRate before = card.fpga.output(0).rate();
+  card.write(0, 2);
+  EXPECT_EQ(card.fpga.output(0).rate(), before);
+  card.write(0, 3);
 }
 
 // A packet has 1504 bits on the stream and 1632 on the air; the n-th leaves n times its duration after the

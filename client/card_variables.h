@@ -1,0 +1,72 @@
+// The variables of a card: what each is called, measured in and set to, in one table for everybody who shows
+// or sets them (qamctl, the headend's --set, the back end, a network-management agent). The card itself takes
+// what it is given, so the bounds of a setting are kept here.
+#pragma once
+
+#include <array>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "platform/types.h"
+
+namespace client {
+
+enum class VariableKind : u8 {
+  kNumber,
+  kSignedDegrees,  // eight bits of a sensor, to be read as signed: 251 is -5
+  kText,
+};
+
+struct CardVariable {
+  struct NamedValue {
+    u32 value = 0;
+    std::string_view name;
+  };
+
+  u32 id = 0;
+  std::string_view name;
+  std::string_view unit;  // of one step of the number; empty for a text and for a choice
+  VariableKind kind = VariableKind::kNumber;
+  bool writable = false;
+  // What may be written: least, least + step, ... most. Nothing else is known of a variable that only reads.
+  u32 least = 0;
+  u32 most = 0;
+  u32 step = 1;
+  u32 warnStep = 0;  // other than in these steps from `least` it is set, with a warning; 0: none
+  std::array<NamedValue, 3> names{};  // of a choice, as many as it has
+  std::string_view meaning;
+};
+
+// By id, which is the number of the card's menu item. Ids without a value (46, 51) are not among them.
+std::span<const CardVariable> cardVariables();
+
+// Null when there is none. A text is an id in decimal or a name.
+const CardVariable* findCardVariable(u32 id);
+const CardVariable* findCardVariable(std::string_view idOrName);
+
+// "52000 to 1000000", "950 to 1150 in steps of 5", "0 (off) or 15 (on)"; empty where nothing may be written.
+std::string writableValues(const CardVariable& variable);
+
+// What is wrong with writing this value, with the possible ones; empty when it may be written.
+std::string valueRefusal(const CardVariable& variable, u32 value);
+
+// What an operator should know of a value that may be written: a symbol rate for which the card's default
+// clock table has no row. Empty otherwise.
+std::string valueWarning(const CardVariable& variable, u32 value);
+
+// A value to write from its text, decimal digits alone. Throws std::invalid_argument, which says what is
+// wrong and what is possible.
+u32 parseValue(const CardVariable& variable, std::string_view text);
+
+// A variable as it is read: a number as the card gives it, or a text.
+using VariableValue = std::variant<u32, std::string>;
+
+// The degrees Celsius of a sensor's eight bits.
+i32 signedDegrees(u32 value);
+
+// For people: "554000 kHz", "1000 (100.0 dBuV)", "5 (64-QAM)", "-5 degrees C"; a text as it is.
+std::string valueText(const CardVariable& variable, const VariableValue& value);
+
+}  // namespace client

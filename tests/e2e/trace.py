@@ -1,0 +1,212 @@
+#!/usr/bin/env python3
+"""The trace of a start-up: sigrok-cli, which knows nothing of this card, decodes its buses; what no protocol covers
+is read from the file itself."""
+import collections
+import os
+import re
+import shutil
+
+import harness
+
+MS = 1_000_000
+START, REPEATED, STOP, ACK, NACK = '[ [[ ] + -'.split()
+# What the decoder says, and how it is written in the expectations below; after 'Write' and 'Read' comes the address.
+I2C = {'Start': START, 'Start repeat': REPEATED, 'Stop': STOP, 'ACK': ACK, 'NACK': NACK, 'Write': None, 'Read': None}
+Change = collections.namedtuple('Change', 'time slot name value')
+
+
+def traced(case, *lines, flags=()):
+    """The trace file of a default start-up of card 1."""
+    file = case.path('trace.vcd')
+    chosen = [word for line in lines for word in ('--trace-lines', line)]
+    run = case.fast(case.flash(f'flash{case.runs}'), 1, '--trace', file, *chosen, *flags)
+    case.card(run, 1)
+    return file
+
+
+def changes(case, file):
+    """Checks the form of the file on the way: known names, values that change, times that grow, the end last."""
+    names, values, time, found = {}, {}, None, []
+    head, _, body = harness.read(file).decode('ascii').partition('$enddefinitions $end\n')
+    case.check('$timescale 1 ns $end' in head and '$date' not in head, f'head: {head[:200]}')
+    for scope, code, name in re.findall(r'^\$(?:scope module (\S+)|var wire \d+ (\S+) (\S+)) \$end$', head, re.M):
+        if scope:
+            slot = scope
+            continue
+        case.check(code not in names, f'{name} and {names.get(code)} are both {code}')
+        names[code] = slot, name
+    for line in body.splitlines():
+        if line in ('$dumpvars', '$end'):
+            continue
+        if line[0] == '#':
+            case.check(time is None or int(line[1:]) > time, f'{line} after {time}')
+            time = int(line[1:])
+            continue
+        value, code = line[1:].split(' ') if line[0] == 'b' else (line[0], line[1:])
+        name, value = names[code], int(value, 2)
+        case.check(values.get(name) != value, f'{name} is {value} at {time} and was before')
+        if name in values:
+            found.append(Change(time, *name, value))
+        else:
+            case.equal((time, value), (0, 0), f'first value of {name}')
+        values[name] = value
+    case.equal(set(values), set(names.values()), 'registers with a value')
+    case.equal(time, 1000 * MS, 'last time stamp')
+    return found
+
+
+def decoded(case, file, decoder, channels, options, rows):
+    """What sigrok-cli says, an annotation an entry. Order is judged, not time: long pauses are shortened."""
+    if not shutil.which('sigrok-cli'):
+        raise harness.Skip('sigrok-cli is not installed')
+    stack = ':'.join([decoder, *(f'{key}={value}' for key, value in (channels | options).items())])
+    run = case.execute(['sigrok-cli', '-I', 'vcd:compress=1000', '-i', file, '-P', stack, '-A', f'{decoder}={rows}'])
+    return [line.partition(': ')[2] for line in run.text.splitlines()]
+
+
+def i2c(case, bus):
+    """Transfers of a bus, each in one line."""
+    file = traced(case, f'{bus}_s??')
+    words = []
+    for text in decoded(case, file, 'i2c', {'scl': f'{bus}_scl', 'sda': f'{bus}_sda'}, {}, 'addr-data:warnings'):
+        word = I2C[text] if text in I2C else re.sub(r'^(Address|Data) (write|read): ', '', text)
+        if text.startswith('Address'):
+            word += 'r' if 'read' in text else 'w'
+        words += [word] if word else []
+    return ' '.join(words).replace(f' {STOP} {START}', f' {STOP}\n{START}').split('\n')
+
+
+def clock_write(register, value):
+    return f'[ 64w + {0x80 + register:02X} + {value:02X} + ]'
+
+
+def clock_generator(case):
+    """The set-up, then the row of 6875 kBd with one register read back."""
+    set_up = [(0x01, 0x08), (0x02, 0x14), (0x24, 0xE5), (0x15, 0x02),
+              (0x1C, 0x00), (0x1D, 0x40), (0x1E, 0x02), (0x1F, 0x08)]
+    row = [(0x16, 0x01), (0x17, 0x00), (0x18, 0x00), (0x19, 0x40), (0x1A, 0x02), (0x1B, 0x0B)]
+    wanted = [clock_write(*pair) for pair in (*set_up, (0x14, 0x8D))]
+    wanted += ['[ 64w + 94 + [[ 64r + 8D - ]'] + [clock_write(*pair) for pair in row]
+    case.equal('\n'.join(i2c(case, 'cdce925')), '\n'.join(wanted), 'transfers')
+
+
+def sensors(case):
+    """Each is powered down in its configuration register, which comes up with its filter on; nothing else changes."""
+    for bus in ('ad7414', 'ext_ad7414'):
+        case.equal(i2c(case, bus), ['[ 4Aw + 01 + [[ 4Ar + 40 - ]', '[ 4Aw + 01 + C0 + ]'], bus)
+
+
+# bus: bits of a word, the words of a start-up. The second oscillator is at 131840 steps of 12.5 kHz: B = 4120, A = 0.
+# 100.0 dBuV are 15.0 dB below the full level, and 1.0 dB more between 500 and 600 MHz: 32 half decibels.
+THREE_WIRE = {
+    'lo1': (24, [0x9F8096, 0x001040, 0x0AA501, 0x9F8092]),
+    'lo2_q1': (24, [0x9F8016, 0x001040, 0x101801, 0x9F8012]),
+    'att_q1': (6, [32]),
+}
+
+
+def three_wire(case):
+    """Words as an SPI decoder takes them, with the latch enable for its chip select; and what it overlooks: data that
+    move under a high clock, a latch too early."""
+    file = traced(case, *(f'{bus}_{line}' for bus in THREE_WIRE for line in ('clk', 'dat', 'le')))
+    found = changes(case, file)
+    for bus, (bits, words) in THREE_WIRE.items():
+        lines = {'clk': f'{bus}_clk', 'mosi': f'{bus}_dat', 'cs': f'{bus}_le'}
+        got = decoded(case, file, 'spi', lines, {'wordsize': bits}, 'mosi-data:warnings')
+        case.equal(got, [f'{word:X}' for word in words], bus)
+        level, rises, latched = collections.Counter(), 0, []
+        for _, _, name, value in found:
+            if not name.startswith(bus):
+                continue
+            line = name.removeprefix(bus + '_')
+            case.check(line != 'dat' or not level['clk'], f'{bus}: data change under a high clock')
+            case.check(line == 'le' or not level['le'], f'{bus}: {line} changes while the latch is enabled')
+            level[line] = value
+            rises += (line, value) == ('clk', 1)
+            if (line, value) == ('le', 1):
+                latched.append(rises)
+                rises = 0
+        case.equal(latched, [bits] * len(words), f'{bus}: clocks before each latch')
+        case.equal((level['le'], rises), (0, 0), f'{bus}: latch enable and clocks at the end')
+
+
+def order_of(found):
+    """Names in order of their first change, a bus as one."""
+    bus = re.compile(r'^(cdce925|ad7414|ext_ad7414|lo1|lo2_q1|att_q1|rf_off|pkt_len|oport_num|X24C16).*')
+    return list(dict.fromkeys(bus.sub(r'\1', change.name) for change in found))
+
+
+def start_up_order(case):
+    """Which device comes after which, and on each its first lines: a bus goes idle data first, the clock generator's
+    select is high before anybody talks to it."""
+    found = changes(case, traced(case))
+    groups = ['nrst', 'cdce925', 'ad7414', 'ext_ad7414', 'qam_mode', 'rf_off', 'pkt_len', 'oport_num', 'power', 'lo1',
+              'q1_12v_ctrl', 'lo2_q1', 'X24C16', 'att_q1']
+    case.equal([name for name in order_of(found) if not name.startswith('Psi')], groups, 'order of first changes')
+    starts = {'cdce925': ['_sda', '_scl', '_s0'], 'ad7414': ['_sda', '_scl'], 'ext_ad7414': ['_sda', '_scl'],
+              'X24C16': ['SDA', 'SCL']}
+    for bus, lines in starts.items():
+        first = [change.name.removeprefix(bus) for change in found if change.name.startswith(bus)]
+        case.equal(first[:len(lines)], lines, f'{bus}: first lines')
+    values = {change.name: change.value for change in found}
+    rate = [values.get(f'rf_off_{part}', 0) for part in ('hh', 'hl', 'lh', 'll')]
+    case.equal(rate, [0x00, 0x94, 0xF2, 0x09], 'symbol-rate word')
+    end = {'qam_mode': 5, 'pkt_len0': 1, 'pkt_len1': 1, 'oport_num0': 0, 'oport_num1': 1, 'power': 15, 'q1_12v_ctrl': 1}
+    case.equal({name: values.get(name, 0) for name in end}, end, 'registers at the end')
+
+
+def resets(case):
+    """The modulator's two reset lines fall one after the other, each for 10 ms, in all three resets of a start-up: at
+    the start, with the symbol rate, and once the packet lengths are there. Fine ticks show how long."""
+    found = changes(case, traced(case, 'nrst', 'rf_off_ll', 'pkt_len0', 'power', flags=['--tick-hz', '10000']))
+    once = [('nrst', 2), ('nrst', 3), ('nrst', 1), ('nrst', 3)]
+    wanted = [('nrst', 3), *once, ('rf_off_ll', 9), *once, ('pkt_len0', 1), *once, ('power', 15)]
+    case.equal([(change.name, change.value) for change in found], wanted, 'resets')
+    for change, after in zip(found, found[1:]):
+        if change.name == 'nrst' and change.value != 3:
+            held = after.time - change.time
+            case.check(9.9 * MS <= held <= 10.1 * MS, f'nrst is {change.value} for {held} ns')
+
+
+def whole_file(case):
+    """Two cards, and channels that send: the same bytes twice, every register of both slots in a file of due form; what
+    patterns leave is the same as in the whole."""
+    def run(name, *flags):
+        file = case.path(name + '.vcd')
+        psi = ['--psi', f'1.2={case.sample("psi-small.ts")}']
+        case.fast(case.flash(name), 1, '--card', '1', '--card', '3', *psi, '--trace', file, *flags)
+        return file
+
+    first = run('whole')
+    case.check(harness.read(first) == harness.read(run('again')), 'two equal runs differ')
+    text = harness.read(first).decode()
+    scopes = re.findall(r'^\$scope module (\S+) \$end$(.*?)^\$upscope \$end$', text, re.M | re.S)
+    case.equal([(name, scope.count('$var')) for name, scope in scopes], [('slot1', 139), ('slot3', 139)], 'scopes')
+    part = changes(case, run('part', '--trace-lines', 'slot1.PsiData?', '--trace-lines', 'cdce925_sd?'))
+    kept = {('slot1', 'PsiData1'), ('slot1', 'cdce925_sda'), ('slot3', 'cdce925_sda')}
+    case.equal({(change.slot, change.name) for change in part}, kept, 'registers of patterns')
+    wanted = [change for change in changes(case, first) if (change.slot, change.name) in kept]
+    case.check(part == wanted, f'{len(part)} changes with patterns, {len(wanted)} of these registers in the whole')
+
+
+def refusals(case):
+    """Files and patterns that cannot be used; a disk that is full by the end."""
+    flash = case.flash()
+    full = case.path('full')  # a link, so that a fault here replaces no device of this machine
+    os.symlink('/dev/full', full)
+    for target in (case.path('missing', 'trace.vcd'), full):
+        case.says(case.fast(flash, 1, '--trace', target, codes=(1,)), target)
+    file = case.path('trace.vcd')
+    calls = {'lo3_*': ['--trace', file, '--trace-lines', 'lo3_*'], '--trace': ['--trace-lines', 'lo1_*'],
+             'slot2.nrst': ['--trace', file, '--trace-lines', 'nrst', '--trace-lines', 'slot2.nrst'],
+             '--log': ['--trace', file, '--log', file]}
+    for word, flags in calls.items():
+        case.says(case.fast(flash, 1, *flags, codes=(2,)), re.escape(word))
+    case.check(not os.path.exists(file), 'a wrong call has made a trace')
+
+
+CASES = {'clock-generator': clock_generator, 'sensors': sensors, 'three-wire': three_wire,
+         'start-up-order': start_up_order, 'resets': resets, 'whole-file': whole_file, 'refusals': refusals}
+
+if __name__ == '__main__':
+    harness.main(CASES)

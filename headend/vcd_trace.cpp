@@ -12,8 +12,8 @@ namespace headend {
 namespace {
 
 bool matchesOne(const std::string& glob, int slot, const char* name) {
-  const std::string withSlot = fmt::format("slot{}.{}", slot + 1, name);
-  return fnmatch(glob.c_str(), name, 0) == 0 || fnmatch(glob.c_str(), withSlot.c_str(), 0) == 0;
+  const bool namesSlot = glob.find('.') != std::string::npos;  // no register has a point in its name
+  return fnmatch(glob.c_str(), namesSlot ? fmt::format("slot{}.{}", slot + 1, name).c_str() : name, 0) == 0;
 }
 
 // One or two of the printable characters, '!' to '~'.

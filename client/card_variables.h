@@ -27,16 +27,16 @@ struct CardVariable {
 
   u32 id = 0;
   std::string_view name;
-  std::string_view unit;  // of one step of the number; empty for a text and for a choice
+  std::string_view unit{};            // of one step of the number; empty for a text and for a choice
+  std::array<NamedValue, 3> names{};  // of a choice, as many as it has
+  std::string_view meaning{};
   VariableKind kind = VariableKind::kNumber;
+  // What may be written: least, least + step, ... most. Of a variable that only reads, nothing is known.
   bool writable = false;
-  // What may be written: least, least + step, ... most. Nothing else is known of a variable that only reads.
   u32 least = 0;
   u32 most = 0;
   u32 step = 1;
-  u32 warnStep = 0;  // other than in these steps from `least` it is set, with a warning; 0: none
-  std::array<NamedValue, 3> names{};  // of a choice, as many as it has
-  std::string_view meaning;
+  u32 warnStep = 0;  // what is not in these steps from `least` is written with a warning; 0: none
 };
 
 // By id, which is the number of the card's menu item. Ids without a value (46, 51) are not among them.
@@ -66,7 +66,7 @@ using VariableValue = std::variant<u32, std::string>;
 // The degrees Celsius of a sensor's eight bits.
 i32 signedDegrees(u32 value);
 
-// For people: "554000 kHz", "1000 (100.0 dBuV)", "5 (64-QAM)", "-5 degrees C"; a text as it is.
+// For people: "554000 kHz", "1000 (100.0 dBuV)", "5 (64-QAM)", "-5 deg C"; a text as it is.
 std::string valueText(const CardVariable& variable, const VariableValue& value);
 
 }  // namespace client

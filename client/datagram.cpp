@@ -82,6 +82,16 @@ std::string resultText(u32 result) {
       return "the back end knows no such operation";
     case kNoBackEnd:
       return "no card has registered any variable";
+    case kNotRunning:
+      return "the card does not run (its status says why)";
+    case kUnknownCardVariable:
+      return "a card has no variable of this id";
+    case kNotWritable:
+      return "this variable can only be read";
+    case kSettingWithoutRecord:
+      return "the card has no record for this slot";
+    case kSettingRefused:
+      return "the card cannot set this variable";
     default:
       return "result " + std::to_string(result);
   }

@@ -14,14 +14,15 @@ namespace client {
 
 using Bytes = std::vector<u8>;
 
-enum class Operation : u8 { kRead = 1, kWrite = 2, kStatus = 3 };
+enum class Operation : u8 { kRead = 1, kWrite = 2, kStatus = 3, kGetVariable = 4, kSetVariable = 5 };
 
-// Variables of a card that a client reads and writes, per slot and channel.
+// Variables of kRead and kWrite, per slot and channel. Those of kGetVariable and kSetVariable are in
+// client/card_variables.h.
 inline constexpr u16 kVarPsiLock = 0x3101;
 inline constexpr u16 kVarPsiPackets = 0x3102;
 inline constexpr u16 kVarPsiInterval = 0x3201;
 
-// Results: up to 0xFF the card's own, from 0x100 the chassis's.
+// Results: up to 0xFF the card's own, from 0x100 the chassis's; of a setting the card's own are negative.
 inline constexpr u32 kDone = 0;
 inline constexpr u32 kStoreFull = 1;
 inline constexpr u32 kUnknownVariable = 2;
@@ -31,8 +32,13 @@ inline constexpr u32 kBadSlotOrPort = 18;
 inline constexpr u32 kNoCard = 21;
 inline constexpr u32 kBadLength = 22;
 inline constexpr u32 kNotStarted = 0x100;        // the slot's start-up has not returned (yet)
-inline constexpr u32 kUnknownOperation = 0x101;  // neither read, write nor status
+inline constexpr u32 kUnknownOperation = 0x101;  // none of Operation
 inline constexpr u32 kNoBackEnd = 0x102;         // no card has registered any variable
+inline constexpr u32 kNotRunning = 0x103;  // kGetVariable, kSetVariable: there is no FPGA to ask, or it hangs
+inline constexpr u32 kUnknownCardVariable = 0x104;
+inline constexpr u32 kNotWritable = 0x105;
+inline constexpr u32 kSettingWithoutRecord = 0xFFFFFFFF;  // -1: the card has no record for the slot
+inline constexpr u32 kSettingRefused = 0xFFFFFFFE;        // -2: the card cannot set this variable
 
 // What a result means, in words for an operator; "result N" for a number nobody gives.
 std::string resultText(u32 result);

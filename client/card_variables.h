@@ -26,13 +26,13 @@ struct CardVariable {
   };
 
   u32 id = 0;
+  VariableKind kind = VariableKind::kNumber;
+  bool writable = false;
   std::string_view name;
   std::string_view unit{};            // of one step of the number; empty for a text and for a choice
   std::array<NamedValue, 3> names{};  // of a choice, as many as it has
   std::string_view meaning{};
-  VariableKind kind = VariableKind::kNumber;
-  // What may be written: least, least + step, ... most. Of a variable that only reads, nothing is known.
-  bool writable = false;
+  // What may be written: least, least + step, ... most. Of the others nothing is known.
   u32 least = 0;
   u32 most = 0;
   u32 step = 1;

@@ -53,14 +53,14 @@ TEST(Synthesizer, LocksWhereItsLatchesSay) {
       {"pump currents, lock detect on the output", {0x5F8096, kR, kN, 0x5F8092}, 1270, ""},
       {"counters alone, afterwards", {kReset, kR, kN, kRun, 0x013D25}, 1270.25, ""},
       {"prescaler 8", {0x000086, kR, kN, 0x000082}, 636, ""},
-      {"prescaler 32", {0x800086, kR, kN, 0x800082}, 2538, ""},
-      {"prescaler 64, B 250", {0xC00086, 0x000104, 0x00FA01, 0xC00082}, 3200, ""},
+      {"prescaler 64, A 40", {0xC00086, 0x000104, 0x00FAA1, 0xC00082}, 3208, ""},
+      {"prescaler 32, R 8320, B 8000", {0x800086, 0x008200, 0x1F4001, 0x800082}, 400, ""},
       {"nothing", {}, 0, "not programmed"},
       {"no reset", {kR, kN, kRun}, 0, "not programmed"},
       {"no counters", {kReset, kR, kRun}, 0, "not programmed"},
       {"no reference counter", {kReset, kN, kRun}, 0, "not programmed"},
       {"another order", {kReset, kN, kR, kRun}, 0, "not programmed"},
-      {"initialization in the place of the last", {kReset, kR, kN, kRun | 1}, 0, "not programmed"},
+      {"initialization", {kReset, kR, kN, kRun, kRun | 1}, 0, "not programmed"},
       {"again, halfway", {kReset, kR, kN, kRun, kReset, kN, kRun}, 0, "not programmed"},
       {"still reset", {kReset, kR, kN, kReset}, 0, "held in reset"},
       {"powered down", {kReset, kR, kN, kRun | 8}, 0, "powered down"},
@@ -93,9 +93,9 @@ TEST(Synthesizer, FaultsOfTheBoard) {
   headend::Synthesizer negative("lo1", 13e6, false, violations);
   headend::Synthesizer deaf("lo2", 13e6, true, violations);
   deaf.disconnectLatchEnable();
-  for (const u32 word : {kReset, kR, kN, kRun & ~0x80U})
-    ThreeLines<headend::Synthesizer>{negative}.send(word, 24);
-  for (const u32 word : {kReset, kR, kN, kRun}) ThreeLines<headend::Synthesizer>{deaf}.send(word, 24);
+  ThreeLines<headend::Synthesizer> one{negative}, two{deaf};
+  for (const u32 word : {kReset, kR, kN, kRun})
+    one.send((word & 2) != 0 ? word & ~0x80U : word, 24), two.send(word, 24);
   EXPECT_EQ(negative.output().hz, 1270e6);
   EXPECT_EQ(deaf.output().why, "not programmed by the counter-reset method");
   negative.removeReference();

@@ -1,13 +1,13 @@
 // The flags of `headend`.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 #include <iostream>
 #include <map>
 #include <set>
 
 #include "client/datagram.h"
+#include "headend/flag_values.h"
+#include "headend/hardware/faults.h"
 #include "headend/options.h"
 #include "headend/vcd_trace.h"
 
@@ -38,85 +38,6 @@ Exit codes:
   2  wrong call
   3  an interrupt routine waited, allocated, used a file or touched a register: the run was stopped)";
 
-[[noreturn]] void refuse(const std::string& flag, const std::string& text, const std::string& want) {
-  throw CLI::ValidationError(flag, "'" + text + "': " + want);
-}
-
-// Splits "LEFT=RIGHT"; both must be there.
-std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
-                                                    const std::string& want) {
-  const std::size_t at = text.find('=');
-  if (at == std::string::npos || at == 0 || at + 1 == text.size()) refuse(flag, text, want);
-  return {text.substr(0, at), text.substr(at + 1)};
-}
-
-client::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name) {
-  const auto channel = client::parseChannel(name);
-  if (!channel) refuse(flag, text, "the channel must be N.P with N from 1 to 6 and P 1 or 2");
-  return *channel;
-}
-
-// Seconds with a fraction; nothing when the text is none, or does not fit.
-std::optional<Nanos> parseSeconds(const std::string& text) {
-  double seconds = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, seconds);
-  if (error != std::errc() || stop != end || !std::isfinite(seconds) || seconds < 0 || seconds > 1e9)
-    return {};
-  return std::llround(seconds * 1e9);
-}
-
-Options::Psi parsePsi(const std::string& text) {
-  const char* want = "want N.P=FILE.ts, or N.P=FILE.ts@SECONDS";
-  auto [name, file] = splitAssignment("--psi", text, want);
-  Options::Psi psi{.channel = channelOf("--psi", text, name), .file = {}, .at = 0};
-  const std::size_t at = file.rfind('@');
-  if (at != std::string::npos) {
-    // A file may have an @ in its name: only what reads as seconds is taken for a time.
-    if (const auto seconds = parseSeconds(file.substr(at + 1))) {
-      psi.at = *seconds;
-      file.resize(at);
-    }
-  }
-  if (file.empty()) refuse("--psi", text, want);
-  psi.file = file;
-  return psi;
-}
-
-void parseInterval(const std::string& text, Options& options) {
-  const char* want = "want N.P.TABLE=TICKS, as 1.2.PAT=100";
-  const std::size_t dot = text.find('.', text.find('.') == std::string::npos ? 0 : text.find('.') + 1);
-  if (dot == std::string::npos) refuse("--interval", text, want);
-  const client::Channel channel = channelOf("--interval", text, text.substr(0, dot));
-  try {
-    const auto [table, ticks] = client::parseInterval(text.substr(dot + 1));
-    options.intervals[channel][table] = ticks;
-  } catch (const std::invalid_argument& e) {
-    throw CLI::ValidationError("--interval", "'" + text + "': " + e.what());
-  }
-}
-
-void parseOutput(const std::string& text, Options& options) {
-  const auto [name, target] = splitAssignment("--out", text, "want N.P=FILE or N.P=udp://ADDRESS:PORT");
-  const client::Channel channel = channelOf("--out", text, name);
-  if (!options.outputs.emplace(channel, target).second)
-    refuse("--out", text, "this channel has an output already");
-}
-
-void parseManage(const std::string& text, Options& options) {
-  options.manage.reset();
-  if (text == "off") return;
-  const std::size_t colon = text.rfind(':');
-  std::uint16_t port = 0;
-  const char* end = text.data() + text.size();
-  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
-  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
-  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) {
-    refuse("--manage", text, "want ADDRESS:PORT with a port up to 65535, or off");
-  }
-  options.manage = {text.substr(0, colon), port};
-}
-
 // Two flags that name one file would leave a mixture, or none of the one read. Devices and pipes are for all.
 void refuseSharedFiles(const Options& options) {
   namespace fs = std::filesystem;
@@ -140,18 +61,23 @@ void refuseSharedFiles(const Options& options) {
 }
 
 void checkTogether(const Options& options) {
-  const auto hasCard = [&](const client::Channel& channel) {
-    return std::find(options.slots.begin(), options.slots.end(), channel.slot) != options.slots.end();
+  const auto hasCard = [&](int slot) {
+    return std::find(options.slots.begin(), options.slots.end(), slot) != options.slots.end();
+  };
+  const auto demandSlot = [&](const std::string& flag, const std::string& what, int slot) {
+    if (!hasCard(slot)) refuse(flag, what, "no card in that slot: add --card " + std::to_string(slot + 1));
   };
   const auto demand = [&](const std::string& flag, const client::Channel& channel) {
-    if (!hasCard(channel)) {
-      refuse(flag, client::channelName(channel),
-             "no card in that slot: add --card " + std::to_string(channel.slot + 1));
-    }
+    demandSlot(flag, client::channelName(channel), channel.slot);
   };
   for (const Options::Psi& psi : options.psi) demand("--psi", psi.channel);
   for (const auto& [channel, intervals] : options.intervals) demand("--interval", channel);
   for (const auto& [channel, target] : options.outputs) demand("--out", channel);
+  for (const auto& setting : options.settings) demandSlot("--set", setting.name, setting.slot);
+  for (const auto& t : options.temperatures) demandSlot("--set", "temperature", t.slot);
+  for (const auto& fault : options.faults) {
+    if (fault.slot) demandSlot("--fault", fault.name, *fault.slot);
+  }
   for (const std::string& glob : options.traceLines) {
     if (options.trace.empty()) refuse("--trace-lines", glob, "needs --trace FILE.vcd");
     if (!VcdTrace::matches(glob, options.slots))
@@ -167,6 +93,8 @@ struct Texts {
   std::vector<std::string> psi;
   std::vector<std::string> intervals;
   std::vector<std::string> outputs;
+  std::vector<std::string> settings;
+  std::vector<std::string> faults;
   std::string seconds;
   std::string manage;
   int heapFill = 0xFF;
@@ -191,6 +119,16 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       "--out", t.outputs,
       "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a datagram "
       "(repeatable)");
+  app.add_option("--set", t.settings,
+                 "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that "
+                 "time: rfreq (kHz), "
+                 "rflevel (0.1 dBuV), symbolrate (kBd), qammode, rfswitch, power (qamctl var list tells "
+                 "their values); or "
+                 "what a sensor measures: temperature1, temperature2 (degrees C) (repeatable)");
+  app.add_option(
+      "--fault", t.faults,
+      "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from that "
+      "time on; 'help' lists the names (repeatable)");
   app.add_option("--seconds", t.seconds, "end after this much virtual time");
   app.add_flag("--fast", o.fast, "as fast as this machine can; needs --seconds");
   app.add_option(
@@ -261,9 +199,11 @@ void interpret(const Texts& t, Options& o) {
   std::sort(o.slots.begin(), o.slots.end());
   o.slots.erase(std::unique(o.slots.begin(), o.slots.end()), o.slots.end());
 
-  for (const std::string& text : t.psi) o.psi.push_back(parsePsi(text));
+  for (const std::string& text : t.psi) parsePsi(text, o);
   for (const std::string& text : t.intervals) parseInterval(text, o);
   for (const std::string& text : t.outputs) parseOutput(text, o);
+  for (const std::string& text : t.settings) parseSet(text, o);
+  for (const std::string& text : t.faults) parseFault(text, o);
   if (!t.seconds.empty()) {
     o.duration = parseSeconds(t.seconds);
     if (!o.duration || *o.duration == 0)
@@ -279,6 +219,15 @@ void interpret(const Texts& t, Options& o) {
   refuseSharedFiles(o);
 }
 
+// "help" instead of a name.
+bool asksForFaults(const Texts& texts) {
+  return std::find(texts.faults.begin(), texts.faults.end(), "help") != texts.faults.end();
+}
+
+void listFaults() {
+  for (const FaultKind& kind : faultKinds()) std::cout << kind.name << ": " << kind.text << '\n';
+}
+
 }  // namespace
 
 CommandLine parseCommandLine(int argc, char** argv) {
@@ -290,6 +239,11 @@ CommandLine parseCommandLine(int argc, char** argv) {
   addMachineFlags(app, line.options, texts);
   try {
     app.parse(argc, argv);
+    if (asksForFaults(texts)) {
+      listFaults();
+      line.exitCode = kExitDone;
+      return line;
+    }
     interpret(texts, line.options);
   } catch (const CLI::ParseError& e) {
     const bool help = e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);

@@ -10,7 +10,8 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "client/psi_capture.h"
+#include "headend/hardware/faults.h"
+#include "headend/run_plan.h"
 
 namespace headend {
 namespace {
@@ -41,18 +42,6 @@ class RealTimePace final : public Pace {
   Clock::time_point start_;
 };
 
-client::UploadPlan planOf(const fs::path& file, Log& log) {
-  const client::Capture capture = client::readCapture(file);
-  for (const client::Note& note : capture.notes) {
-    log.line(0, "headend", fmt::format("{}: {}", file.string(), note.text));
-  }
-  try {
-    return client::planUpload(capture.sections);
-  } catch (const client::PlanError& e) {
-    throw std::runtime_error(fmt::format("cannot upload {}: {}", file.string(), e.what()));
-  }
-}
-
 }  // namespace
 
 Headend::Headend(Options options)
@@ -71,7 +60,7 @@ Headend::Headend(Options options)
         fmt::format("there is no flash folder {0}: make one with headend --init-flash --flash {0}",
                     options_.flash.string()));
   }
-  std::vector<Operator::Job> jobs = prepareJobs();
+  std::vector<Operator::Job> jobs = operatorJobs(options_, log_);
   installCards();
   openOutputs();
   if (options_.manage) backEnd_.socket().openToHost(options_.manage->first, options_.manage->second);
@@ -85,28 +74,6 @@ Headend::Headend(Options options)
 Headend::~Headend() {
   setRunning(nullptr);
   if (busLog_ != nullptr) std::fclose(busLog_);
-}
-
-// Intervals go with the first upload of their channel, else on their own.
-std::vector<Operator::Job> Headend::prepareJobs() {
-  std::vector<Operator::Job> jobs;
-  std::map<client::Channel, client::Intervals> left = options_.intervals;
-  for (const Options::Psi& psi : options_.psi) {
-    jobs.push_back({.channel = psi.channel,
-                    .name = psi.file.string(),
-                    .plan = planOf(psi.file, log_),
-                    .intervals = {},
-                    .at = psi.at});
-  }
-  std::stable_sort(jobs.begin(), jobs.end(), [](const auto& a, const auto& b) { return a.at < b.at; });
-  for (Operator::Job& job : jobs) {
-    if (auto node = left.extract(job.channel)) job.intervals = std::move(node.mapped());
-  }
-  for (auto& [channel, intervals] : left) {
-    jobs.push_back(
-        {.channel = channel, .name = "intervals", .plan = {}, .intervals = std::move(intervals), .at = 0});
-  }
-  return jobs;
 }
 
 void Headend::installCards() {
@@ -129,12 +96,31 @@ void Headend::installCards() {
     bus_.attach(slot, *cards_[index], *ports_[index]);
     cards_[index]->onConfiguration(
         [this, slot](bool complete, Nanos now) { noteConfiguration(slot, complete, now); });
-    if (trace_ != nullptr) {
-      cards_[index]->onRegister(
-          [this, slot](u32 offset, u16 value, Nanos now) { noteRegister(slot, offset, value, now); });
+    cards_[index]->onRegister(
+        [this, slot](u32 offset, u16 value, Nanos now) { noteRegister(slot, offset, value, now); });
+  }
+  scheduleFaults();
+  chassis_.onInitReturned([this](int slot) {
+    ports_[static_cast<std::size_t>(slot)]->loaderLeft();
+    if (trace_ == nullptr) card(slot).onRegister(nullptr);  // nobody is interested any more
+  });
+}
+
+void Headend::scheduleFaults() {
+  for (const Options::Temperature& t : options_.temperatures) {
+    kernel_.at(t.at,
+               [this, t] { card(t.slot).board().sensor(t.sensor).temperature(t.celsius, kernel_.now()); });
+  }
+  for (const Options::Fault& fault : options_.faults) {
+    const FaultKind& kind = *findFault(fault.name);
+    for (const int slot : options_.slots) {
+      if (fault.slot && *fault.slot != slot) continue;
+      kernel_.at(fault.at, [this, &kind, slot] {
+        log_.line(kernel_.now(), "headend", fmt::format("fault on card {}: {}", slot + 1, kind.text));
+        kind.inject(card(slot).board(), kernel_.now());
+      });
     }
   }
-  chassis_.onInitReturned([this](int slot) { ports_[static_cast<std::size_t>(slot)]->loaderLeft(); });
 }
 
 void Headend::noteConfiguration(int slot, bool complete, Nanos now) {
@@ -147,7 +133,8 @@ void Headend::noteConfiguration(int slot, bool complete, Nanos now) {
 }
 
 void Headend::noteRegister(int slot, u32 offset, u16 value, Nanos now) {
-  trace_->note(slot, offset, value, now);
+  chassis_.timeline(slot).reached(offset, now, bus_.accesses(slot));
+  if (trace_ != nullptr) trace_->note(slot, offset, value, now);
 }
 
 void Headend::openOutputs() {
@@ -307,8 +294,10 @@ void Headend::messageSent(os::MsgQ* queue, std::span<const char> message) {
 }
 
 void Headend::taskParked(const Task& task) {
-  ParkedTask parked{
-      .task = task.name, .slot = task.slot, .reg = bus_.registerName(task.polled), .since = task.polledSince};
+  ParkedTask parked{.task = task.name,
+                    .slot = bus_.slotOf(task.polled),
+                    .reg = bus_.registerName(task.polled),
+                    .since = task.polledSince};
   log_.line(
       kernel_.now(), "headend",
       fmt::format(

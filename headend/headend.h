@@ -94,9 +94,9 @@ class Headend final : private KernelObserver {
   void semaphoreLong(const os::Semaphore& semaphore, const Task& task) override;
   std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
-  std::vector<Operator::Job> prepareJobs();
   void openOutputs();
   void installCards();
+  void scheduleFaults();
   void lookAtParameterFiles();
   void noteConfiguration(int slot, bool complete, Nanos now);
   void noteRegister(int slot, u32 offset, u16 value, Nanos now);

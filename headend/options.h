@@ -20,12 +20,38 @@ struct Options {
     Nanos at = 0;
   };
 
+  // A variable of a card, set at a time or as soon as the card runs.
+  struct Setting {
+    int slot = 0;
+    u32 id = 0;
+    std::string name;
+    u32 value = 0;
+    std::string warning;  // what an operator should know of that value
+    Nanos at = 0;
+  };
+  // What a sensor measures from a time on.
+  struct Temperature {
+    int slot = 0;
+    int sensor = 1;
+    double celsius = 0;
+    Nanos at = 0;
+  };
+  // What breaks, on one card or on all of them.
+  struct Fault {
+    std::optional<int> slot;
+    std::string name;
+    Nanos at = 0;
+  };
+
   std::filesystem::path flash = "flash";
   bool initFlash = false;
   std::vector<int> slots;
   std::vector<Psi> psi;
   std::map<client::Channel, client::Intervals> intervals;
   std::map<client::Channel, std::string> outputs;
+  std::vector<Setting> settings;
+  std::vector<Temperature> temperatures;
+  std::vector<Fault> faults;
   std::optional<Nanos> duration;
   bool fast = false;
   std::optional<std::pair<std::string, std::uint16_t>> manage;  // none: off

@@ -7,7 +7,7 @@
 namespace headend {
 namespace {
 
-constexpr std::uint16_t kFirstPort = 49200;  // inside the chassis only; one a channel
+constexpr std::uint16_t kFirstPort = 49200;  // inside the chassis only; one a lane
 constexpr int kPatienceSeconds = 60;         // a chassis under load answers late, but it answers
 
 }  // namespace
@@ -42,20 +42,19 @@ Operator::~Operator() = default;
 
 void Operator::start(std::vector<Job> jobs) {
   std::stable_sort(jobs.begin(), jobs.end(), [](const Job& a, const Job& b) { return a.at < b.at; });
-  for (Job& job : jobs) workers_[job.channel].jobs.push_back(std::move(job));
+  for (Job& job : jobs) workers_[job.lane].jobs.push_back(std::move(job));
 
   std::uint16_t port = kFirstPort;
-  for (auto& [channel, worker] : workers_) {
+  for (auto& [lane, worker] : workers_) {
     worker.link = std::make_unique<VirtualLink>(kernel_, network_, port++);
-    kernel_.spawn(fmt::format("tOperator{}", client::channelName(channel)), kPriority,
-                  [this, w = &worker] { work(*w); });
+    kernel_.spawn("tOperator" + lane, kPriority, [this, w = &worker] { work(*w); });
   }
 }
 
 void Operator::work(Worker& worker) {
   for (const Job& job : worker.jobs) {
     kernel_.sleepUntil(job.at);
-    while (!chassis_.slot(job.channel.slot).initReturned) kernel_.delay(1);
+    while (!chassis_.slot(job.slot).initReturned) kernel_.delay(1);
     carryOut(*worker.link, job);
     ++worker.done;
   }
@@ -64,25 +63,20 @@ void Operator::work(Worker& worker) {
 void Operator::carryOut(VirtualLink& link, const Job& job) {
   std::string error;
   try {
-    if (job.plan) {
-      client::upload(link, job.channel, *job.plan, job.intervals);
-    } else {
-      client::setIntervals(link, job.channel, job.intervals);
-    }
+    job.carryOut(link);
   } catch (const std::exception& e) {
     error = e.what();
   }
-  const std::string what = fmt::format("{}: {}", client::channelName(job.channel), job.name);
+  const std::string what = fmt::format("{}: {}", job.lane, job.name);
   if (!error.empty()) failures_.push_back(fmt::format("{} failed: {}", what, error));
-  log_.line(kernel_.now(), "operator", error.empty() ? what + " sent" : failures_.back());
+  log_.line(kernel_.now(), "operator", error.empty() ? what + " done" : failures_.back());
 }
 
 std::vector<std::string> Operator::complaints() const {
   std::vector<std::string> all = failures_;
-  for (const auto& [channel, worker] : workers_) {
+  for (const auto& [lane, worker] : workers_) {
     for (std::size_t i = worker.done; i < worker.jobs.size(); ++i) {
-      all.push_back(fmt::format("{}: {} was not done when the run ended", client::channelName(channel),
-                                worker.jobs[i].name));
+      all.push_back(fmt::format("{}: {} was not done when the run ended", lane, worker.jobs[i].name));
     }
   }
   return all;

@@ -1,14 +1,14 @@
-// The operator of a run without one: uploads what the command line names, through the management datagrams,
+// The operator of a run without one: does what the command line asks for, through the management datagrams,
 // as a management client would. Needs no network, so such a run is the same each time.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "client/psi_upload.h"
+#include "client/link.h"
 #include "headend/firmware/back_end.h"
 
 namespace headend {
@@ -19,17 +19,17 @@ class Operator {
   static constexpr int kPriority = 50;
 
   struct Job {
-    client::Channel channel;
-    std::string name;                        // what is said of it: the file, or "intervals"
-    std::optional<client::UploadPlan> plan;  // none: intervals alone
-    client::Intervals intervals;
-    Nanos at = 0;  // at this time, or as soon as the card runs
+    std::string lane;  // jobs of one lane are done one after the other
+    int slot = 0;
+    std::string name;                                  // what is said of it
+    Nanos at = 0;                                      // at this time, or as soon as the card runs
+    std::function<void(client::Link& link)> carryOut;  // throws where it fails
   };
 
   Operator(Kernel& kernel, Network& network, const Chassis& chassis, Log& log);
   ~Operator();
 
-  // Each channel has a task of its own, so that a card that does not start holds up nobody else's jobs.
+  // Each lane has a task of its own, so that a card that does not start holds up nobody else's jobs.
   void start(std::vector<Job> jobs);
 
   // Jobs that failed, and those that were not done when the run ended; empty when all is well.
@@ -50,7 +50,7 @@ class Operator {
   Network& network_;
   const Chassis& chassis_;
   Log& log_;
-  std::map<client::Channel, Worker> workers_;
+  std::map<std::string, Worker> workers_;  // by lane
   std::vector<std::string> failures_;
 };
 

@@ -2,10 +2,12 @@
 // makes.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "headend/hardware/card_registers.h"
 #include "headend/kernel/kernel.h"
 
 namespace headend {
@@ -33,10 +35,33 @@ class StartupTimeline {
     running_ = false;
   }
 
+  // A start-up that comes to a device for the first time has begun the phase that brings it up. `busAccesses`
+  // has the access to the register in it.
+  void reached(u32 offset, Nanos now, std::uint64_t busAccesses) {
+    for (const auto& [first, name] : kDevicePhases) {
+      if (first != offset || !running_) continue;
+      const auto isThis = [name = name](const Phase& phase) { return phase.name == name; };
+      if (std::none_of(phases_.begin(), phases_.end(), isThis)) begin(name, now, busAccesses - 1);
+    }
+  }
+
   bool running() const { return running_; }
   const std::vector<Phase>& phases() const { return phases_; }
 
  private:
+  // The register that a phase touches before anything else does.
+  struct DevicePhase {
+    u32 first;
+    const char* name;
+  };
+  static constexpr std::array kDevicePhases = {
+      DevicePhase{offsetOf("nrst"), "modulator reset"},
+      DevicePhase{offsetOf("cdce925_sda"), "clock generator"},
+      DevicePhase{offsetOf("ad7414_sda"), "temperature sensor 1"},
+      DevicePhase{offsetOf("ext_ad7414_sda"), "temperature sensor 2"},
+      DevicePhase{offsetOf("qam_mode"), "settings"},
+  };
+
   std::vector<Phase> phases_;
   std::uint64_t accessesBefore_ = 0;
   bool running_ = false;

@@ -1,0 +1,175 @@
+#include "headend/flag_values.h"
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <cmath>
+
+#include "client/card_variables.h"
+#include "headend/hardware/faults.h"
+
+namespace headend {
+namespace {
+
+// Splits "LEFT=RIGHT"; both must be there.
+std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
+                                                    const std::string& want) {
+  const std::size_t at = text.find('=');
+  if (at == std::string::npos || at == 0 || at + 1 == text.size()) refuse(flag, text, want);
+  return {text.substr(0, at), text.substr(at + 1)};
+}
+
+client::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name) {
+  const auto channel = client::parseChannel(name);
+  if (!channel) refuse(flag, text, "the channel must be N.P with N from 1 to 6 and P 1 or 2");
+  return *channel;
+}
+
+// Takes "@SECONDS" off the end of a text; 0 where there is none.
+Nanos takeTime(const std::string& flag, std::string& text) {
+  const std::size_t at = text.rfind('@');
+  if (at == std::string::npos) return 0;
+  const std::optional<Nanos> time = parseSeconds(text.substr(at + 1));
+  if (!time) refuse(flag, text, "what follows the @ must be a number of seconds");
+  text.resize(at);
+  return *time;
+}
+
+// Takes "N." off the front of a text: a slot, from 0. Nothing, and the text as it was, where there is none.
+std::optional<int> takeSlot(std::string& text) {
+  if (text.size() < 2 || text[0] < '1' || text[0] > '6' || text[1] != '.') return {};
+  const int slot = text[0] - '1';
+  text.erase(0, 2);
+  return slot;
+}
+
+// "temperature1" and "temperature2" are what the sensors measure.
+std::optional<int> sensorOf(const std::string& name) {
+  if (name == "temperature1") return 1;
+  if (name == "temperature2") return 2;
+  return {};
+}
+
+void setTemperature(const std::string& text, Options::Temperature temperature, const std::string& value,
+                    Options& options) {
+  const char* end = value.data() + value.size();
+  const auto [stop, error] = std::from_chars(value.data(), end, temperature.celsius);
+  // not(a and b): a value that is no number fails too
+  if (error != std::errc() || stop != end || !(temperature.celsius >= -55 && temperature.celsius <= 127)) {
+    refuse("--set", text, "a sensor measures -55 to 127 degrees");
+  }
+  options.temperatures.push_back(temperature);
+}
+
+std::string settableNames() {
+  std::string names;
+  for (const client::CardVariable& variable : client::cardVariables()) {
+    if (variable.writable) names += std::string(variable.name) + ", ";
+  }
+  return names + "temperature1 or temperature2";
+}
+
+}  // namespace
+
+void refuse(const std::string& flag, const std::string& text, const std::string& want) {
+  throw CLI::ValidationError(flag, "'" + text + "': " + want);
+}
+
+std::optional<Nanos> parseSeconds(const std::string& text) {
+  double seconds = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, seconds);
+  if (error != std::errc() || stop != end || !std::isfinite(seconds) || seconds < 0 || seconds > 1e9)
+    return {};
+  return std::llround(seconds * 1e9);
+}
+
+void parsePsi(const std::string& text, Options& options) {
+  const char* want = "want N.P=FILE.ts, or N.P=FILE.ts@SECONDS";
+  auto [name, file] = splitAssignment("--psi", text, want);
+  Options::Psi psi{.channel = channelOf("--psi", text, name), .file = {}, .at = 0};
+  const std::size_t at = file.rfind('@');
+  if (at != std::string::npos) {
+    // A file may have an @ in its name: only what reads as seconds is taken for a time.
+    if (const auto seconds = parseSeconds(file.substr(at + 1))) {
+      psi.at = *seconds;
+      file.resize(at);
+    }
+  }
+  if (file.empty()) refuse("--psi", text, want);
+  psi.file = file;
+  options.psi.push_back(std::move(psi));
+}
+
+void parseInterval(const std::string& text, Options& options) {
+  const char* want = "want N.P.TABLE=TICKS, as 1.2.PAT=100";
+  const std::size_t dot = text.find('.', text.find('.') == std::string::npos ? 0 : text.find('.') + 1);
+  if (dot == std::string::npos) refuse("--interval", text, want);
+  const client::Channel channel = channelOf("--interval", text, text.substr(0, dot));
+  try {
+    const auto [table, ticks] = client::parseInterval(text.substr(dot + 1));
+    options.intervals[channel][table] = ticks;
+  } catch (const std::invalid_argument& e) {
+    throw CLI::ValidationError("--interval", "'" + text + "': " + e.what());
+  }
+}
+
+void parseOutput(const std::string& text, Options& options) {
+  const auto [name, target] = splitAssignment("--out", text, "want N.P=FILE or N.P=udp://ADDRESS:PORT");
+  const client::Channel channel = channelOf("--out", text, name);
+  if (!options.outputs.emplace(channel, target).second)
+    refuse("--out", text, "this channel has an output already");
+}
+
+void parseManage(const std::string& text, Options& options) {
+  options.manage.reset();
+  if (text == "off") return;
+  const std::size_t colon = text.rfind(':');
+  std::uint16_t port = 0;
+  const char* end = text.data() + text.size();
+  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
+  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
+  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) {
+    refuse("--manage", text, "want ADDRESS:PORT with a port up to 65535, or off");
+  }
+  options.manage = {text.substr(0, colon), port};
+}
+
+void parseSet(const std::string& text, Options& options) {
+  const char* want = "want N.NAME=VALUE or N.NAME=VALUE@SECONDS, as 1.rfreq=474000@5";
+  auto [name, value] = splitAssignment("--set", text, want);
+  const std::optional<int> slot = takeSlot(name);
+  if (!slot) refuse("--set", text, want);
+  const Nanos at = takeTime("--set", value);
+  if (const std::optional<int> sensor = sensorOf(name)) {
+    return setTemperature(text, {.slot = *slot, .sensor = *sensor, .celsius = 0, .at = at}, value, options);
+  }
+  const client::CardVariable* variable = client::findCardVariable(std::string_view(name));
+  if (variable == nullptr || !variable->writable) {
+    refuse("--set", text, "there is nothing to set of that name; want " + settableNames());
+  }
+  try {
+    const u32 number = client::parseValue(*variable, value);
+    options.settings.push_back({.slot = *slot,
+                                .id = variable->id,
+                                .name = name + "=" + value,
+                                .value = number,
+                                .warning = client::valueWarning(*variable, number),
+                                .at = at});
+  } catch (const std::invalid_argument& e) {
+    throw CLI::ValidationError("--set", "'" + text + "': " + e.what());
+  }
+}
+
+void parseFault(const std::string& text, Options& options) {
+  std::string rest = text;
+  Options::Fault fault;
+  fault.at = takeTime("--fault", rest);
+  fault.slot = takeSlot(rest);
+  if (findFault(rest) == nullptr) {
+    refuse("--fault", text, "want [N.]NAME[@SECONDS], with a NAME that --fault help lists");
+  }
+  fault.name = rest;
+  options.faults.push_back(std::move(fault));
+}
+
+}  // namespace headend

@@ -1,0 +1,24 @@
+// The values of `headend`'s flags, from text: each function reads one flag's text into the options, or throws
+// CLI::ValidationError that says what it should be. For the command line alone.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "headend/options.h"
+
+namespace headend {
+
+[[noreturn]] void refuse(const std::string& flag, const std::string& text, const std::string& want);
+
+// Seconds with a fraction; nothing when the text is none, or does not fit.
+std::optional<Nanos> parseSeconds(const std::string& text);
+
+void parsePsi(const std::string& text, Options& options);
+void parseInterval(const std::string& text, Options& options);
+void parseOutput(const std::string& text, Options& options);
+void parseManage(const std::string& text, Options& options);
+void parseSet(const std::string& text, Options& options);
+void parseFault(const std::string& text, Options& options);
+
+}  // namespace headend

@@ -1,0 +1,79 @@
+#include "headend/run_plan.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "client/card_settings.h"
+#include "client/psi_capture.h"
+#include "client/psi_upload.h"
+
+namespace headend {
+namespace {
+
+client::UploadPlan planOf(const std::filesystem::path& file, Log& log) {
+  const client::Capture capture = client::readCapture(file);
+  for (const client::Note& note : capture.notes) {
+    log.line(0, "headend", fmt::format("{}: {}", file.string(), note.text));
+  }
+  try {
+    return client::planUpload(capture.sections);
+  } catch (const client::PlanError& e) {
+    throw std::runtime_error(fmt::format("cannot upload {}: {}", file.string(), e.what()));
+  }
+}
+
+Operator::Job jobOf(const client::Channel& channel, std::string name, Nanos at) {
+  return {.lane = client::channelName(channel),
+          .slot = channel.slot,
+          .name = std::move(name),
+          .at = at,
+          .carryOut = {}};
+}
+
+// Intervals go with the first upload of their channel, else on their own.
+void addPsi(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
+  std::map<client::Channel, client::Intervals> left = options.intervals;
+  std::vector<Options::Psi> uploads = options.psi;
+  std::stable_sort(uploads.begin(), uploads.end(), [](const auto& a, const auto& b) { return a.at < b.at; });
+  for (const Options::Psi& psi : uploads) {
+    client::Intervals intervals;
+    if (auto node = left.extract(psi.channel)) intervals = std::move(node.mapped());
+    Operator::Job& job = jobs.emplace_back(jobOf(psi.channel, psi.file.string(), psi.at));
+    job.carryOut = [channel = psi.channel, plan = planOf(psi.file, log), intervals](client::Link& link) {
+      client::upload(link, channel, plan, intervals);
+    };
+  }
+  for (const auto& [channel, intervals] : left) {
+    Operator::Job& job = jobs.emplace_back(jobOf(channel, "intervals", 0));
+    job.carryOut = [channel = channel, intervals = intervals](client::Link& link) {
+      client::setIntervals(link, channel, intervals);
+    };
+  }
+}
+
+void addSettings(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
+  for (const Options::Setting& setting : options.settings) {
+    if (!setting.warning.empty())
+      log.line(0, "headend", fmt::format("{}: {}", setting.name, setting.warning));
+    jobs.push_back({.lane = fmt::format("{}", setting.slot + 1),
+                    .slot = setting.slot,
+                    .name = setting.name,
+                    .at = setting.at,
+                    .carryOut = [setting](client::Link& link) {
+                      client::setVariable(link, setting.slot, setting.id, setting.value);
+                    }});
+  }
+}
+
+}  // namespace
+
+std::vector<Operator::Job> operatorJobs(const Options& options, Log& log) {
+  std::vector<Operator::Job> jobs;
+  addPsi(options, log, jobs);
+  addSettings(options, log, jobs);
+  return jobs;
+}
+
+}  // namespace headend

@@ -1,0 +1,369 @@
+// A running card, its settings changed as the chassis changes them, judged at the RF connector.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+#include "card/QamCardPara.h"
+#include "card/QamFpga.h"
+#include "card/qamVar.h"
+#include "headend/hardware/faults.h"
+#include "hw/adf4113.h"
+#include "platform/address_word.h"
+#include "tests/headend/headend_run.h"
+
+namespace test {
+namespace {
+
+using headend::RfOutput;
+
+// A card in slot 1 that a body of the test's own drives, in a task as a chassis would, once it runs.
+class Powered {
+ public:
+  explicit Powered(const std::function<void(headend::Options&)>& prepare = {}) {
+    headend::initFlash(scratch_.path / "flash");
+    options_ = fastOptions(scratch_.path, 1000 * kSecond, {0});
+    if (prepare) prepare(options_);
+    headend_ = std::make_unique<Headend>(options_);
+  }
+  void drive(std::function<void()> body) {
+    headend_->kernel().spawn("tTest", 150, [this, body = std::move(body)] {
+      while (!headend_->chassis().slot(0).initReturned) headend_->kernel().delay(1);
+      headend_->kernel().delay(1);
+      body();
+      headend_->kernel().stop();
+    });
+    run(*headend_);
+    EXPECT_TRUE(headend_->violations().counts().empty()) << headend_->violations().counts().begin()->first;
+    EXPECT_TRUE(headend_->assertionFailures().empty());
+  }
+
+  Headend& headend() { return *headend_; }
+  headend::CardFpga& card() { return headend_->card(0); }
+  RfOutput rf(std::size_t channel = 0) { return card().rf(channel, headend_->kernel().now()); }
+  int set(u32 id, u32 value) {
+    const int result = QamSetVar(0, 0, id, value);
+    headend_->kernel().delay(1);  // the clock settles
+    return result;
+  }
+  u32 get(u32 id) { return QamGetVar(0, 0, id, nullptr); }
+  QamCardPara& record() { return *GetQamCardParaFromList(0); }
+
+ private:
+  Scratch scratch_;
+  headend::Options options_;
+  std::unique_ptr<Headend> headend_;
+};
+
+void expectOnAir(const RfOutput& output, double frequency_kHz, double level_dBuV) {
+  EXPECT_EQ(output.verdict, RfOutput::Verdict::kOnAir) << output.why;
+  EXPECT_NEAR(output.frequency_kHz.value_or(0), frequency_kHz, 6.25);
+  EXPECT_NEAR(output.level_dBuV, level_dBuV, 0.5);
+}
+
+// Every band edge with its neighbours, and the range in uneven steps. Just above an edge the second
+// oscillator rounds down to the edge, whose band has another gain than the one the setting corrects for:
+// there the level is off by the difference, as on the card.
+TEST(Modulator, FollowsEveryFrequency) {
+  const std::array<double, 11> gain_dB = {3, 3, 4, 3, 3, 2, 1, 0, 0, 0, 0};  // upper edge: index * 100 MHz
+  std::vector<u32> frequencies;
+  for (u32 edge = 100000; edge <= 900000; edge += 100000) {
+    for (u32 above = 0; above <= 13; ++above) frequencies.push_back(edge + above);
+    frequencies.push_back(edge - 1);
+    frequencies.push_back(edge - 7);
+  }
+  for (u32 frequency = 52000; frequency <= 1000000; frequency += 7919) frequencies.push_back(frequency);
+  frequencies.push_back(1000000);
+  Powered powered;
+  powered.drive([&] {
+    for (const u32 frequency : frequencies) {
+      SCOPED_TRACE(frequency);
+      ASSERT_EQ(powered.set(kVarFrequency, frequency), 0);
+      const std::size_t band = (frequency + 99999) / 100000;
+      const u32 above = frequency % 100000;
+      const bool roundedToEdge = above >= 1 && above <= 6;
+      const double expected = 100 + (roundedToEdge ? gain_dB[band - 1] - gain_dB[band] : 0);
+      for (const std::size_t channel : {0U, 1U}) {
+        const RfOutput output = powered.rf(channel);
+        EXPECT_EQ(output.verdict, RfOutput::Verdict::kOnAir) << output.why;
+        EXPECT_NEAR(output.frequency_kHz.value_or(0), frequency + 8000.0 * static_cast<double>(channel),
+                    6.25);
+        EXPECT_EQ(output.level_dBuV, expected);
+      }
+    }
+  });
+}
+
+TEST(Modulator, FollowsLevelConstellationAndSwitches) {
+  Powered powered;
+  powered.drive([&] {
+    expectOnAir(powered.rf(0), 554000, 100);
+    expectOnAir(powered.rf(1), 562000, 100);
+    for (const u32 frequency : {60000U, 150000U, 450000U, 554000U, 858000U}) {
+      powered.set(kVarFrequency, frequency);
+      for (u32 level = 950; level <= 1150; level += 5) {
+        SCOPED_TRACE(fmt::format("{} kHz, level {}", frequency, level));
+        powered.set(kVarLevel, level);
+        expectOnAir(powered.rf(), frequency, level / 10.0);
+        EXPECT_EQ(powered.rf().level_dBuV, level / 10.0);
+      }
+    }
+    for (const auto& [code, points] : {std::pair{7U, 256U}, {6U, 128U}, {5U, 64U}}) {
+      powered.set(kVarConstellation, code);
+      EXPECT_EQ(powered.rf().constellation, points);
+      EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kOnAir);
+      EXPECT_DOUBLE_EQ(powered.rf().bitRate, 6875e3 * std::log2(points) * 188 / 204);
+    }
+    powered.set(kVarQamSwitch, 1);
+    EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kOff);
+    powered.set(kVarQamSwitch, 0);
+    powered.set(kVarPower, 0);
+    EXPECT_EQ(powered.rf(1).verdict, RfOutput::Verdict::kOff);
+    powered.set(kVarPower, 15);
+    EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kOnAir);
+    set_pll(1, 2, 0, 1648006250, 0);  // half way between two steps: the upper one
+    EXPECT_DOUBLE_EQ(powered.rf().frequency_kHz.value_or(0), 554012.5);
+    powered.set(kVarFrequency, 1600000);  // beyond the menus: the upper band of the oscillator
+    EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kOnAir) << powered.rf().why;
+    QamFpgaIf[0]->q1_12v_ctrl = 1;
+    EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kFaulty);
+  });
+}
+
+TEST(Modulator, RunsOnAClockForEveryRateOfItsTable) {
+  Powered powered;
+  powered.drive([&] {
+    for (u32 rate = 5000; rate <= 7000; rate += 125) {
+      SCOPED_TRACE(rate);
+      powered.set(kVarSymbolRate, rate);
+      const RfOutput output = powered.rf();
+      EXPECT_EQ(output.verdict, RfOutput::Verdict::kOnAir) << output.why;
+      EXPECT_EQ(output.symbolRate_kBd, rate);
+      EXPECT_NEAR(output.clock_kBd.value_or(0) / rate, 1, 1e-6);
+    }
+    powered.set(kVarSymbolRate, 6900);  // no row: the clock stays behind
+    EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kFaulty);
+    EXPECT_EQ(powered.rf().symbolRate_kBd, 6900U);
+    EXPECT_NEAR(powered.rf().clock_kBd.value_or(0), 7000, 0.01);
+
+    // A row of the record's own, for a rate that the factory's table does not have.
+    cdce925_para& row = powered.record().Cd925_para[3];
+    row = powered.record().Cd925_para[8];
+    row.freq = 6001;
+    powered.set(kVarSymbolRate, 6001);
+    EXPECT_NEAR(powered.rf().clock_kBd.value_or(0), 6000, 0.01);
+  });
+}
+
+TEST(Modulator, TellsTemperaturesOfEitherSensor) {
+  Powered powered;
+  powered.drive([&] {
+    for (const auto& [first, second] : {std::pair{25.0, -5.0}, {-5.0, 25.0}, {-55.0, 127.0}, {0.75, -0.25}}) {
+      powered.card().board().sensor(1).temperature(first, powered.headend().kernel().now());
+      powered.card().board().sensor(2).temperature(second, powered.headend().kernel().now());
+      EXPECT_EQ(static_cast<std::int8_t>(powered.get(kVarTemperature1)), std::floor(first));
+      EXPECT_EQ(static_cast<std::int8_t>(powered.get(kVarTemperature2)), std::floor(second));
+    }
+    EXPECT_EQ(powered.get(kVarTemperature1), 0U);
+    EXPECT_EQ(powered.get(kVarTemperature2), 255U);
+  });
+}
+
+// Counts what leaves, by itself.
+class Counter final : public headend::PacketSink {
+ public:
+  void packet(std::span<const u8>) override { ++counts.packets; }
+  void nullPackets(std::uint64_t count) override { counts.nulls += count; }
+  void flush() override {}
+  const std::string& error() const override { return none; }
+  struct Counts {
+    std::uint64_t packets = 0;  // but for null packets
+    std::uint64_t nulls = 0;
+  } counts;
+  std::string none;
+};
+
+// The texts against a counter behind the output, from the access that opens the gate to that which reads.
+TEST(Modulator, MeasuresTheRatesThatLeave) {
+  for (const int tickHz : {100, 60}) {
+    SCOPED_TRACE(tickHz);
+    std::string story = inChild([&] {
+      Powered powered([&](headend::Options& options) {
+        options.kernel.tickHz = tickHz;
+        options.psi.push_back({.channel = {0, 0}, .file = QAM_SAMPLES "/psi-full.ts", .at = 0});
+        for (const auto table : client::kAllTables) options.intervals[{0, 0}][table] = 20;
+      });
+      std::array<Counter, 2> counters;
+      for (const std::size_t channel : {0U, 1U}) powered.card().output(channel).setSink(&counters[channel]);
+      std::string wrong;
+      powered.drive([&] {
+        powered.headend().kernel().delay(5 * tickHz);
+        for (const u32 id : {36U, 37U, 44U, 45U}) {
+          const std::size_t channel = id < 40 ? 0 : 1;
+          Counter::Counts begin;
+          Counter::Counts end;
+          const u32 readFirst =
+              channel == 0 ? headend::offsetOf("Valid_0_rateM") : headend::offsetOf("Valid_1_rateM");
+          Nanos opened = 0;
+          Nanos readAt = 0;
+          powered.card().onRegister([&](u32 offset, u16 value, Nanos now) {
+            powered.card().advanceOutputs(now);
+            if (offset == headend::offsetOf("rate_ctrl_rst") && value == 1)
+              begin = counters[channel].counts, opened = now;
+            if (offset == readFirst) {
+              end = counters[channel].counts;
+              readAt = now;
+            }
+          });
+          const std::string text = os::wordAddress<const char>(powered.get(id));
+          powered.card().onRegister(nullptr);
+          const std::uint64_t payload = end.packets - begin.packets;
+          const std::uint64_t total = payload + end.nulls - begin.nulls;
+          const bool isTotal = id == 36 || id == 44;
+          const std::uint64_t kbits = (isTotal ? total : payload) * 2 * 1504 / 1000;
+          if (text != fmt::format("{}Kb/s", kbits)) wrong += fmt::format("{}: {} for {}\n", id, text, kbits);
+          if ((id == 37) != (payload > 0) && !isTotal) wrong += "payload on the wrong channel\n";
+          const double gate = static_cast<double>(readAt - opened) / 1e9;
+          if (gate > 0.501 || gate < 0.483) wrong += fmt::format("a gate of {} s\n", gate);
+        }
+      });
+      return wrong + (::testing::Test::HasFailure() ? "failed" : "");
+    });
+    EXPECT_EQ(story, "");
+  }
+}
+
+// ---- Faults ----
+
+struct FaultRow {
+  const char* name;
+  std::string_view fault;  // empty: none
+  const char* why;         // of the RF output: a part of it; empty: on air
+  int temperature1, temperature2;
+  const char* hangsAt;  // register; null: does not hang
+};
+
+void PrintTo(const FaultRow& row, std::ostream* out) {
+  *out << row.name;
+}
+
+const FaultRow kFaultRows[] = {
+    FaultRow{"None", "", "", 25, 25, nullptr},
+    FaultRow{"ClockNoAck", "clock-no-ack", "clock", 25, 25, nullptr},
+    FaultRow{"ClockSclLow", "clock-scl-low", nullptr, 0, 0, "cdce925_scl"},
+    FaultRow{"ClockSclHigh", "clock-scl-high", "clock", 25, 25, nullptr},
+    FaultRow{"ClockSdaLow", "clock-sda-low", "clock", 25, 25, nullptr},
+    FaultRow{"ClockSdaHigh", "clock-sda-high", "clock", 25, 25, nullptr},
+    FaultRow{"ClockStretch", "clock-stretch", "clock", 25, 25, nullptr},
+    FaultRow{"Sensor1Absent", "sensor1-absent", "", 255, 25, nullptr},
+    FaultRow{"Sensor1NoAck", "sensor1-no-ack", "", 255, 25, nullptr},
+    FaultRow{"Sensor1SclLow", "sensor1-scl-low", nullptr, 0, 0, "ad7414_scl"},
+    FaultRow{"Sensor1SclHigh", "sensor1-scl-high", "", 255, 25, nullptr},
+    FaultRow{"Sensor1SdaLow", "sensor1-sda-low", "", 0, 25, nullptr},
+    FaultRow{"Sensor1SdaHigh", "sensor1-sda-high", "", 255, 25, nullptr},
+    FaultRow{"Sensor1Stretch", "sensor1-stretch", "", 25, 25, nullptr},
+    FaultRow{"Sensor2Absent", "sensor2-absent", "", 25, 255, nullptr},
+    FaultRow{"Sensor2NoAck", "sensor2-no-ack", "", 25, 255, nullptr},
+    FaultRow{"Sensor2SclLow", "sensor2-scl-low", nullptr, 0, 0, "ext_ad7414_scl"},
+    FaultRow{"Sensor2SclHigh", "sensor2-scl-high", "", 25, 255, nullptr},
+    FaultRow{"Sensor2SdaLow", "sensor2-sda-low", "", 25, 0, nullptr},
+    FaultRow{"Sensor2SdaHigh", "sensor2-sda-high", "", 25, 255, nullptr},
+    FaultRow{"Sensor2Stretch", "sensor2-stretch", "", 25, 25, nullptr},
+    FaultRow{"Lo1NoLatch", "lo1-no-latch", "first oscillator", 25, 25, nullptr},
+    FaultRow{"Lo2NoLatch", "lo2-no-latch", "second oscillator", 25, 25, nullptr},
+    FaultRow{"AttenuatorNoLatch", "attenuator-no-latch", "", 25, 25, nullptr},
+    FaultRow{"Lo1NoReference", "lo1-no-reference", "first oscillator", 25, 25, nullptr},
+    FaultRow{"Lo2NoReference", "lo2-no-reference", "second oscillator", 25, 25, nullptr}};
+
+class Faults : public ::testing::TestWithParam<FaultRow> {};
+
+INSTANTIATE_TEST_SUITE_P(Named, Faults, ::testing::ValuesIn(kFaultRows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_P(Faults, ChangeWhatTheyShould) {
+  const FaultRow& row = GetParam();
+  const Scratch scratch;
+  headend::initFlash(scratch.path / "flash");
+  auto options = fastOptions(scratch.path, 4 * kSecond, {0, 1});
+  if (!row.fault.empty()) options.faults.push_back({.slot = 0, .name = std::string(row.fault), .at = 0});
+  // Another rate than the one that the clock generator gives at power-up.
+  options.settings.push_back(
+      {.slot = 0, .id = kVarSymbolRate, .name = "symbolrate", .value = 6250, .warning = {}, .at = 0});
+  Headend headend(options);
+  std::array<u32, 2> temperatures{};
+  if (row.hangsAt == nullptr) {
+    headend.kernel().at(3 * kSecond, [&] {
+      headend.kernel().spawn("tTest", 150, [&] {
+        temperatures = {QamGetVar(0, 0, kVarTemperature1, nullptr),
+                        QamGetVar(0, 0, kVarTemperature2, nullptr)};
+      });
+    });
+  }
+  run(headend);
+  const Nanos now = headend.kernel().now();
+  EXPECT_EQ(headend.card(1).rf(0, now).verdict, RfOutput::Verdict::kOnAir) << "the other card is well";
+  EXPECT_EQ(headend.state(1), Headend::CardState::kRunning);
+  if (row.hangsAt != nullptr) {
+    EXPECT_EQ(headend.state(0), Headend::CardState::kHung);
+    ASSERT_EQ(headend.parkedTasks().size(), 1U);
+    EXPECT_EQ(headend.parkedTasks()[0].reg, fmt::format("slot 1 {}", row.hangsAt));
+    return;
+  }
+  const RfOutput output = headend.card(0).rf(0, now);
+  const bool isWell = std::string_view(row.why).empty();
+  EXPECT_EQ(output.verdict, isWell ? RfOutput::Verdict::kOnAir : RfOutput::Verdict::kFaulty);
+  EXPECT_NE(output.why.find(row.why), std::string::npos) << output.why;
+  const bool unlatched = row.fault == "attenuator-no-latch";
+  EXPECT_EQ(output.level_dBuV < 90, unlatched) << output.level_dBuV;
+  EXPECT_EQ(temperatures[0], static_cast<u32>(row.temperature1));
+  EXPECT_EQ(temperatures[1], static_cast<u32>(row.temperature2));
+}
+
+TEST(FaultNames, AreAllTested) {
+  for (const headend::FaultKind& kind : headend::faultKinds()) {
+    EXPECT_TRUE(std::any_of(std::begin(kFaultRows), std::end(kFaultRows), [&](const FaultRow& row) {
+      return row.fault == kind.name;
+    })) << kind.name;
+  }
+}
+
+// Under taskLock, in a reading: the reader is set aside with the semaphore in its hands, and who wants it is
+// named.
+TEST(Faults, OfASensorsBusThatHangsLaterKeepTheVariablesAndNobodyElse) {
+  const Scratch scratch;
+  headend::initFlash(scratch.path / "flash");
+  auto options = fastOptions(scratch.path, 20 * kSecond, {0});
+  options.psi.push_back({.channel = {0, 0}, .file = QAM_SAMPLES "/psi-small.ts", .at = 0});
+  options.faults.push_back({.slot = 0, .name = "sensor2-scl-low", .at = 3 * kSecond});
+  Headend headend(options);
+  headend.kernel().at(4 * kSecond, [&] {
+    headend.kernel().spawn("tReader", 150, [] { QamGetVar(0, 0, kVarTemperature2, nullptr); });
+    headend.kernel().spawn("tWaiter", 160, [] { QamGetVar(0, 0, kVarFrequency, nullptr); });
+  });
+  run(headend);
+  EXPECT_EQ(headend.state(0), Headend::CardState::kHung);
+  ASSERT_EQ(headend.parkedTasks().size(), 1U);
+  EXPECT_EQ(headend.parkedTasks()[0].reg, "slot 1 ext_ad7414_scl");
+  ASSERT_EQ(headend.longWaits().size(), 1U);
+  EXPECT_EQ(headend.longWaits()[0].task, "tWaiter");
+  EXPECT_EQ(headend.longWaits()[0].holder, "tReader");
+  EXPECT_EQ(headend.longWaits()[0].semaphore, "semQamVar");
+  EXPECT_GT(headend.card(0).output(0).counts().psi, 100U) << "the carousel goes on";
+}
+
+TEST(StartUpWithoutABitstream, HangsAtTheFirstClockLineAndLeavesOthersAlone) {
+  const Scratch scratch;
+  headend::initFlash(scratch.path / "flash");
+  fs::remove(scratch.path / "flash" / "K717_QAM" / "qam.bin");
+  Headend headend(fastOptions(scratch.path, 3 * kSecond, {0, 3}));
+  EXPECT_EQ(run(headend), headend::kExitFailed);
+  ASSERT_EQ(headend.parkedTasks().size(), 2U);
+  EXPECT_EQ(headend.parkedTasks()[0].reg, "slot 1 cdce925_scl");
+  EXPECT_EQ(headend.parkedTasks()[1].reg, "slot 4 cdce925_scl");
+  EXPECT_EQ(headend.state(3), Headend::CardState::kNoBitstream);
+}
+
+}  // namespace
+}  // namespace test

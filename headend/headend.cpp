@@ -67,6 +67,7 @@ Headend::Headend(Options options)
   lookAtParameterFiles();
   setRunning(this);
   chassis_.start(options_.slots);
+  backEnd_.onRunning([this](int slot) { return state(slot) == CardState::kRunning; });
   backEnd_.start();
   operator_.start(std::move(jobs));
 }

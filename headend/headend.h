@@ -72,6 +72,7 @@ class Headend final : private KernelObserver {
 
   // For the services of platform/.
   Kernel& kernel() { return kernel_; }
+  Network& network() { return network_; }
   Chassis& chassis() { return chassis_; }
   BackEnd& backEnd() { return backEnd_; }
   Heap& heap() { return heap_; }

@@ -4,6 +4,11 @@
 
 #include <algorithm>
 
+#include "card/qamVar.h"
+#include "client/card_settings.h"
+#include "platform/address_word.h"
+#include "platform/wire.h"
+
 namespace headend {
 namespace {
 
@@ -67,18 +72,27 @@ client::Reply BackEnd::carryOut(const client::Request& request) {
                       .port = request.port,
                       .result = client::kDone,
                       .data = {}};
-  if (request.operation == client::Operation::kStatus) {
-    const std::string text = status_();
-    reply.data.assign(text.begin(), text.end());
-  } else if (request.operation == client::Operation::kRead ||
-             request.operation == client::Operation::kWrite) {
-    reply.result = callCard(request, reply.data);
-    if (request.operation == client::Operation::kWrite && request.variable == client::kVarPsiLock &&
-        reply.result == client::kDone) {
-      noteLock(request);
+  switch (request.operation) {
+    case client::Operation::kRead:
+      reply.result = callCard(request, reply.data);
+      break;
+    case client::Operation::kWrite:
+      reply.result = callCard(request, reply.data);
+      if (request.variable == client::kVarPsiLock && reply.result == client::kDone) noteLock(request);
+      break;
+    case client::Operation::kStatus: {
+      const std::string text = status_();
+      reply.data.assign(text.begin(), text.end());
+      break;
     }
-  } else {
-    reply.result = client::kUnknownOperation;
+    case client::Operation::kGetVariable:
+      reply.result = getVariable(request, reply.data);
+      break;
+    case client::Operation::kSetVariable:
+      reply.result = setVariable(request);
+      break;
+    default:
+      reply.result = client::kUnknownOperation;
   }
   return reply;
 }
@@ -145,6 +159,50 @@ void BackEnd::noteLock(const client::Request& request) {
 
 std::optional<Nanos> BackEnd::lockedSince(int slot, int port) const {
   return lockedSince_[static_cast<std::size_t>(slot)][static_cast<std::size_t>(port)];
+}
+
+// ---- The variables of a card ----
+
+// A card checks less than this, and for some of these calls it would keep semQamVar for good.
+u32 BackEnd::refuseVariable(const client::Request& request, std::size_t length) const {
+  const int slot = request.slot & 0xFF;
+  if (slot >= kSlots) return client::kBadSlotOrPort;
+  if (chassis_.slot(slot).descriptor == nullptr) return client::kNoCard;
+  if (!chassis_.slot(slot).initReturned) return client::kNotStarted;
+  if (!running_(slot)) return client::kNotRunning;
+  if (request.length != length || request.data.size() != length) return client::kBadLength;
+  const client::CardVariable* variable = client::findCardVariable(request.variable);
+  if (variable == nullptr) return client::kUnknownCardVariable;
+  if (request.operation == client::Operation::kSetVariable && !variable->writable)
+    return client::kNotWritable;
+  return client::kDone;
+}
+
+u32 BackEnd::getVariable(const client::Request& request, client::Bytes& reply) {
+  if (const u32 refusal = refuseVariable(request, 0); refusal != client::kDone) return refusal;
+  const int slot = request.slot & 0xFF;
+  const bool isText = client::findCardVariable(request.variable)->kind == client::VariableKind::kText;
+  // A card's texts share one buffer: nobody else may ask until this one is copied.
+  os::semTake(semQamVar, os::WAIT_FOREVER);
+  const u32 word =
+      chassis_.slot(slot).descriptor->getVar(static_cast<u8>(slot), 0, request.variable, nullptr);
+  if (isText) {
+    const char* text = os::wordAddress<const char>(word);
+    reply = client::encodeValue(std::string(text == nullptr ? "" : text));
+  } else {
+    reply = client::encodeValue(word);
+  }
+  os::semGive(semQamVar);
+  return client::kDone;
+}
+
+u32 BackEnd::setVariable(const client::Request& request) {
+  constexpr std::size_t kNumberSize = 4;
+  if (const u32 refusal = refuseVariable(request, kNumberSize); refusal != client::kDone) return refusal;
+  const int slot = request.slot & 0xFF;
+  const u32 value = wire::get32(request.data.data());
+  return static_cast<u32>(
+      chassis_.slot(slot).descriptor->setVar(static_cast<u8>(slot), 0, request.variable, value));
 }
 
 // ---- Requests that wait ----

@@ -1,6 +1,7 @@
 // The back-end registry behind a datagram socket: finds the table that a card registered, calls its routine,
-// sends the reply. One task serves one request at a time. A request that a client repeats under its last
-// number gets the stored reply. docs/management-datagram.md describes the datagrams.
+// sends the reply; and asks cards for their settings and readings. One task serves one request at a time. A
+// request that a client repeats under its last number gets the stored reply. docs/management-datagram.md
+// describes the datagrams.
 #pragma once
 
 #include <array>
@@ -36,6 +37,9 @@ class BackEnd {
   void start();  // spawns the task
   void onStatus(std::function<std::string()> status) { status_ = std::move(status); }
 
+  // Whether the slot's card runs. One that does not has no registers to set, and would wait for ever.
+  void onRunning(std::function<bool(int slot)> running) { running_ = std::move(running); }
+
   void registerVariables(u32 base, u32 limit, const chassis::bc_var* table);
 
   // Since when a channel's PSI store is locked.
@@ -63,6 +67,9 @@ class BackEnd {
   void answer(const Datagram& datagram);
   client::Reply carryOut(const client::Request& request);
   u32 callCard(const client::Request& request, client::Bytes& reply);
+  u32 getVariable(const client::Request& request, client::Bytes& reply);
+  u32 setVariable(const client::Request& request);
+  u32 refuseVariable(const client::Request& request, std::size_t length) const;
   const chassis::bc_var* findVariable(const client::Request& request) const;
   void noteLock(const client::Request& request);
   void noteArrival(const Datagram& datagram);
@@ -74,6 +81,7 @@ class BackEnd {
   Log& log_;
   UdpSocket socket_;
   std::function<std::string()> status_ = [] { return std::string("{}"); };
+  std::function<bool(int slot)> running_ = [](int) { return false; };
   std::vector<Registration> registrations_;
   std::list<KnownClient> clients_;  // the one heard last in front
   std::array<std::array<std::optional<Nanos>, MAX_QAM_OUT_NUM>, kSlots> lockedSince_;

@@ -107,6 +107,17 @@ TEST_F(Variables, TemperaturesComeFromTheSensorOfTheirNumber) {
   }
 }
 
+TEST(AddressWord, FindsObjectsAndRoutinesOfTheImageAgain) {
+  static int variable;
+  static const int constant = 7;
+  const auto routine = reinterpret_cast<const void*>(&QamGetVar);  // code lies on the other side of the data
+  for (const void* address :
+       {static_cast<const void*>(&variable), static_cast<const void*>(&constant), routine}) {
+    EXPECT_EQ(os::wordAddress<const void>(os::addressWord(address)), address);
+  }
+  EXPECT_EQ(os::wordAddress<const void>(0), nullptr);
+}
+
 class Settings : public Variables, public ::testing::WithParamInterface<Setting> {};
 
 INSTANTIATE_TEST_SUITE_P(

@@ -301,7 +301,7 @@ TEST_P(Faults, ChangeWhatTheyShould) {
       });
     });
   }
-  run(headend);
+  EXPECT_EQ(run(headend), row.hangsAt != nullptr ? headend::kExitFailed : headend::kExitDone);
   const Nanos now = headend.kernel().now();
   EXPECT_EQ(headend.card(1).rf(0, now).verdict, RfOutput::Verdict::kOnAir) << "the other card is well";
   EXPECT_EQ(headend.state(1), Headend::CardState::kRunning);

@@ -3,37 +3,12 @@
 #include <fmt/format.h>
 
 #include "tools/dvb_text.h"
+#include "tools/json_fields.h"
 
 namespace tools {
 namespace {
 
 constexpr double kLongLock_s = 10;  // an upload takes much less
-
-Json member(const Json& object, const char* key) {
-  return object.is_object() && object.contains(key) ? object[key] : Json();
-}
-
-std::optional<double> number(const Json& object, const char* key) {
-  const Json value = member(object, key);
-  return value.is_number() ? std::optional(value.get<double>()) : std::nullopt;
-}
-
-std::string oneLine(const Json& value) {
-  if (value.is_string()) return printable(value.get<std::string>());
-  if (value.is_number()) return fmt::format("{:g}", value.get<double>());
-  std::string text;
-  if (!value.is_array()) return text;
-  for (const Json& part : value) {
-    if (part.is_string()) text += (text.empty() ? "" : " | ") + printable(part.get<std::string>());
-  }
-  return text;
-}
-
-// A number without decimals, or "?" where the status has none.
-std::string whole(const Json& object, const char* key) {
-  const auto value = number(object, key);
-  return value ? fmt::format("{:.0f}", *value) : "?";
-}
 
 std::string tablesOf(const Json& channel) {
   std::string text;

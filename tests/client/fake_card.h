@@ -1,5 +1,5 @@
-// A card's PSI variables as a client meets them, modelled on their own: the store, the lock, the intervals
-// and what a save would keep. FakeLink is the way to it, on which faults can be laid.
+// A card as a client meets it, modelled on its own: the PSI store, the lock, the intervals and what a save
+// would keep; the card's variables. FakeLink is the way to it, on which faults can be laid.
 #pragma once
 
 #include <array>
@@ -44,7 +44,8 @@ class FakeCard {
   std::array<Port, 2> ports;
   std::array<Port, 2> saved;  // what a restart would find
   int saves = 0;
-  std::vector<Request> log;  // every request that was carried out
+  std::map<u16, Bytes> variables;  // by id: the kind and then the value, as a get's reply carries them
+  std::vector<Request> log;        // every request that was carried out
 
   Reply handle(const Request& r) {
     log.push_back(r);
@@ -61,6 +62,8 @@ class FakeCard {
       reply.result = 18;
     else if (r.slot != 0)
       reply.result = 21;
+    else if (r.operation == client::Operation::kGetVariable || r.operation == client::Operation::kSetVariable)
+      reply.result = variable(r, reply.data);
     else if (r.operation == client::Operation::kRead)
       reply.result = read(ports[r.port], r, reply.data);
     else
@@ -74,6 +77,18 @@ class FakeCard {
                                              {0x40, 4}, {0x41, 5}, {0x4A, 6}, {0x01, 7}};
     const auto found = kTypes.find(tableId);
     return found == kTypes.end() ? 255 : found->second;
+  }
+
+  u32 variable(const Request& r, Bytes& out) {
+    const auto found = variables.find(r.variable);
+    if (found == variables.end()) return 0x104;
+    if (r.operation == client::Operation::kGetVariable) {
+      out = found->second;
+      return 0;
+    }
+    if (r.data.size() != 4) return 22;
+    std::copy(r.data.begin(), r.data.end(), found->second.begin() + 1);
+    return 0;
   }
 
   static u32 read(const Port& port, const Request& r, Bytes& out) {

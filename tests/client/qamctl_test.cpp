@@ -9,10 +9,12 @@
 #include <filesystem>
 #include <fstream>
 
+#include "client/card_settings.h"
 #include "client/psi_capture.h"
 #include "tests/client/fake_card.h"
 #include "tests/client/fake_server.h"
 #include "tests/client/streams.h"
+#include "tools/psi_decode.h"
 
 namespace client {
 namespace {
@@ -48,18 +50,18 @@ class Qamctl : public ::testing::Test {
   bool folderIsEmpty() const { return std::filesystem::is_empty(folder_); }
 
   test::FakeCard card_;
+  std::string status_ = R"({"aux_hz": 500, "cards": [{"slot": 1, "state": "running"}]})";
 
  private:
   Reply answer(const Request& r) {
     if (r.operation != Operation::kStatus) return card_.handle(r);
-    const std::string status = R"({"aux_hz": 500, "cards": [{"slot": 1, "state": "running"}]})";
     return {.operation = 3,
             .sequence = r.sequence,
             .variable = r.variable,
             .slot = r.slot,
             .port = r.port,
             .result = 0,
-            .data = Bytes(status.begin(), status.end())};
+            .data = Bytes(status_.begin(), status_.end())};
   }
 
   std::string folder_;
@@ -116,6 +118,65 @@ TEST_F(Qamctl, FailsWithoutChangingAnything) {
   EXPECT_EQ(run("psi show 1.2 >/dev/full").code, 1);
 }
 
+TEST_F(Qamctl, ReadsAndSetsVariables) {
+  for (const CardVariable& v : cardVariables()) {
+    card_.variables[static_cast<u16>(v.id)] = encodeValue(VariableValue(0U));
+    if (v.kind == VariableKind::kText)
+      card_.variables[static_cast<u16>(v.id)] = {1, 'V', 0x1B, '[', '7', 'm'};
+  }
+  card_.variables[30] = {0, 0, 8, 0x74, 0x10};
+  card_.variables[47] = {0, 0, 0, 0, 251};
+  expect(runWith("var list"), 0, "950 to 1150 in steps of 5");  // no server there
+  expect(run("var get 1 rfreq 47"), 0, "30  rfreq            554000 kHz\n47  temperature1     -5 deg C\n");
+  const Outcome all = run("var get 1 --json");
+  EXPECT_EQ(tools::Json::parse(all.text).size(), cardVariables().size());
+  expect(all, 0, R"("value": -5)");
+  EXPECT_EQ(all.text.find('\x1B'), std::string::npos);
+  EXPECT_EQ(run("var get 1").text.find('\x1B'), std::string::npos);
+  card_.log.clear();
+  expect(run("var set 1 rfreq 600000"), 0, "");
+  expect(run("var set 1 32 6900"), 0, "clock table");
+  EXPECT_EQ(card_.variables[30], (Bytes{0, 0, 9, 0x27, 0xC0}));
+  EXPECT_EQ(card_.variables[32], (Bytes{0, 0, 0, 0x1A, 0xF4}));
+  EXPECT_EQ(card_.log.size(), 2U);
+
+  card_.variables.erase(38);  // what cannot be read leaves no half of an answer
+  const Outcome broken = run("var get 1 30 38");
+  expect(broken, 1, "reading rfreq2 of the card in slot 1 was refused");
+  EXPECT_EQ(broken.text.find("kHz"), std::string::npos);
+  expect(run("var set 2 rfreq 600000"), 1, "no card in this slot");
+}
+
+TEST_F(Qamctl, ShowsWhatGoesOutAtTheConnectors) {
+  status_ = R"({"cards": [
+    {"slot": 1, "channels": [
+      {"rf": {"verdict": "on air", "on_air": true, "why": "", "frequency_khz": 554006.25, "level_dbuv": 100.5,
+              "symbol_rate_kbd": 6875, "clock_kbd": 6875.0, "constellation": "64-QAM", "bit_rate": 38014705.9}},
+      {"rf": {"verdict": "faulty", "on_air": false, "why": "no\u001b clock", "frequency_khz": null,
+              "level_dbuv": 99, "symbol_rate_kbd": 6900, "clock_kbd": null, "constellation": null,
+              "bit_rate": 0}}]},
+    {"slot": 3, "channels": [{"rf": {"verdict": "off"}}, {}, 5]},
+    {"slot": 4}, 7]})";
+  const Outcome all = run("rf");
+  expect(all, 0, "1.1  on air    554.0063  100.5   64-QAM  6875   6875.000  38014706\n1.2 ");
+  expect(all, 0,
+         "1.2  faulty           -   99.0        -  6900          -         0\n     no clock\n3.1  off");
+  expect(run("rf 3"), 0, "3.1  off");
+  EXPECT_EQ(run("rf 3").text.find("1.1"), std::string::npos);
+  const auto json = tools::Json::parse(run("rf --json").text);
+  ASSERT_EQ(json.size(), 3U);
+  EXPECT_EQ(json[1]["slot"], 1);
+  EXPECT_EQ(json[1]["channel"], 2);
+  EXPECT_EQ(json[1]["clock_kbd"], nullptr);
+  EXPECT_EQ(json[2]["slot"], 3);
+  expect(run("rf 2"), 1, "no card in slot 2");
+  expect(run("rf 4"), 1, "tells no RF output");
+  status_ = "[]";
+  expect(run("rf"), 1, "tells no status");
+  status_ = R"({"cards": []})";
+  expect(run("rf"), 1, "no card");
+}
+
 TEST_F(Qamctl, KnowsAWrongCall) {
   for (const char* call : {"",
                            "psi",
@@ -136,6 +197,21 @@ TEST_F(Qamctl, KnowsAWrongCall) {
                            "psi interval 1.1 PAT=99999999999999999999",
                            "psi interval 1.1 PAT=1 PAT=2",
                            "psi show 1.1 --fly",
+                           "var",
+                           "var get",
+                           "var get 7 rfreq",
+                           "var get 1.1 rfreq",
+                           "var get 1 46",
+                           "var get 1 rfrequency",
+                           "var set 1 rfreq",
+                           "var set 1 rfreq 51999",
+                           "var set 1 rfreq -1",
+                           "var set 1 rfreq 600000 601000",
+                           "var set 1 power 1",
+                           "var set 1 rfreq2 562000",
+                           "var set 1 51 1",
+                           "rf 0",
+                           "rf 1.1",
                            "--server nowhere status",
                            "status 1.1"}) {
     EXPECT_EQ(run(call).code, 2) << call;
@@ -143,6 +219,7 @@ TEST_F(Qamctl, KnowsAWrongCall) {
   EXPECT_TRUE(card_.log.empty());
   expect(run("--help"), 0, "Exit codes");
   expect(run("psi interval --help"), 0, "middle of a section");
+  expect(run("var set 1 rflevel 1001"), 2, "950 to 1150 in steps of 5");
 }
 
 }  // namespace

@@ -1,0 +1,58 @@
+#include "tools/commands.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "client/channel.h"
+#include "client/udp_link.h"
+
+namespace tools {
+
+CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::function<void()> run) {
+  CLI::App* app = parent.add_subcommand(name, text);
+  app->fallthrough();
+  app->callback(std::move(run));
+  return app;
+}
+
+CLI::Option* addSlot(CLI::App* app, std::string& slot) {
+  return app->add_option("slot", slot, fmt::format("slot of the card, 1 to {}", client::kSlots))
+      ->check([](const std::string& text) {
+        const bool is = text.size() == 1 && text[0] >= '1' && text[0] < '1' + client::kSlots;
+        return is ? "" : fmt::format("'{}' is no slot from 1 to {}", text, client::kSlots);
+      })
+      ->type_name("N");
+}
+
+int slotOf(const std::string& slot) {
+  return slot.at(0) - '1';
+}
+
+void addJson(CLI::App* app, bool& json) {
+  app->add_flag("--json", json, "as JSON");
+}
+
+std::optional<Json> statusOf(client::Link& link) {
+  client::Request request;
+  request.operation = client::Operation::kStatus;
+  const client::Reply reply = link.call(std::move(request));
+  if (reply.result != client::kDone) return std::nullopt;
+  constexpr int kMaxDepth = 16;  // deeper than any status; what lies below is not worth a full stack
+  const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth < kMaxDepth; };
+  Json status = Json::parse(reply.data.begin(), reply.data.end(), shallow, false);
+  return status.is_object() ? std::optional(std::move(status)) : std::nullopt;
+}
+
+Json requiredStatusOf(const std::string& server) {
+  client::UdpLink link(server);
+  auto status = statusOf(link);
+  if (!status) throw std::runtime_error(fmt::format("{}: the server tells no status", server));
+  return *std::move(status);
+}
+
+void printJson(const Json& json) {
+  fmt::print("{}\n", json.dump(2, ' ', true, Json::error_handler_t::replace));
+}
+
+}  // namespace tools

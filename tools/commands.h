@@ -1,0 +1,35 @@
+// The command groups of qamctl, each in a file of its own, and what they share.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "client/link.h"
+#include "tools/psi_decode.h"
+
+namespace tools {
+
+// Each adds its commands to the program's. `server` is the --server of the command line, known when a command
+// runs. A command throws: CLI::ParseError for a wrong call, any other exception when it cannot be carried
+// out.
+void addPsiCommands(CLI::App& app, const std::string& server);
+void addVarCommands(CLI::App& app, const std::string& server);
+void addRfCommand(CLI::App& app, const std::string& server);
+void addStatusCommand(CLI::App& app, const std::string& server);
+
+CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::function<void()> run);
+CLI::Option* addSlot(CLI::App* app, std::string& slot);  // "N", 1 to 6, for slotOf
+int slotOf(const std::string& slot);                     // from 0
+void addJson(CLI::App* app, bool& json);
+
+// What the server tells of its chassis; nothing when it does not.
+std::optional<Json> statusOf(client::Link& link);
+// The same. Throws std::runtime_error, which names the server, when it does not tell.
+Json requiredStatusOf(const std::string& server);
+
+// Indented, and escaped beyond ASCII, so that nothing the chassis sends acts on a terminal.
+void printJson(const Json& json);
+
+}  // namespace tools

@@ -55,8 +55,7 @@ void addPsi(const Options& options, Log& log, std::vector<Operator::Job>& jobs) 
 
 void addSettings(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
   for (const Options::Setting& setting : options.settings) {
-    if (!setting.warning.empty())
-      log.line(0, "headend", fmt::format("{}: {}", setting.name, setting.warning));
+    if (!setting.warning.empty()) log.line(0, "headend", setting.warning);
     jobs.push_back({.lane = fmt::format("{}", setting.slot + 1),
                     .slot = setting.slot,
                     .name = setting.name,

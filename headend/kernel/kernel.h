@@ -53,8 +53,8 @@ struct Task {
   bool timedOut = false;
   std::span<char> receiveInto;  // where a sender puts the message for a waiting receiver
   unsigned receivedLength = 0;
-  Nanos waitsSince = 0;  // for a semaphore
   bool waitTold = false;
+  Nanos waitsSince = 0;  // for a semaphore
 
   // Polling: the register read last, what it read, since when nothing else was done.
   const volatile void* polled = nullptr;

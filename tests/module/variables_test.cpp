@@ -22,12 +22,13 @@ struct Setting {
 namespace {
 
 class Variables : public ModuleTest {
- protected:
+ public:
   Variables() { semQamVar = reinterpret_cast<os::SEM_ID>(&semaphore_); }
   ~Variables() override { semQamVar = nullptr; }
 
-  u32 get(u32 id) { return QamGetVar(2, 0, id, nullptr); }
-  std::string text(u32 id) { return os::wordAddress<const char>(get(id)); }
+ protected:
+  static u32 get(u32 id) { return QamGetVar(2, 0, id, nullptr); }
+  static std::string text(u32 id) { return os::wordAddress<const char>(get(id)); }
 
   // Registers written, but for the modulator's reset: of runs on one device the first.
   Lines touched() const {

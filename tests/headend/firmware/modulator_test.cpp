@@ -48,8 +48,8 @@ class Powered {
     headend_->kernel().delay(1);  // the clock settles
     return result;
   }
-  u32 get(u32 id) { return QamGetVar(0, 0, id, nullptr); }
-  QamCardPara& record() { return *GetQamCardParaFromList(0); }
+  static u32 get(u32 id) { return QamGetVar(0, 0, id, nullptr); }
+  static QamCardPara& record() { return *GetQamCardParaFromList(0); }
 
  private:
   Scratch scratch_;
@@ -149,8 +149,8 @@ TEST(Modulator, RunsOnAClockForEveryRateOfItsTable) {
     EXPECT_NEAR(powered.rf().clock_kBd.value_or(0), 7000, 0.01);
 
     // A row of the record's own, for a rate that the factory's table does not have.
-    cdce925_para& row = powered.record().Cd925_para[3];
-    row = powered.record().Cd925_para[8];
+    cdce925_para& row = Powered::record().Cd925_para[3];
+    row = Powered::record().Cd925_para[8];
     row.freq = 6001;
     powered.set(kVarSymbolRate, 6001);
     EXPECT_NEAR(powered.rf().clock_kBd.value_or(0), 6000, 0.01);
@@ -163,11 +163,11 @@ TEST(Modulator, TellsTemperaturesOfEitherSensor) {
     for (const auto& [first, second] : {std::pair{25.0, -5.0}, {-5.0, 25.0}, {-55.0, 127.0}, {0.75, -0.25}}) {
       powered.card().board().sensor(1).temperature(first, powered.headend().kernel().now());
       powered.card().board().sensor(2).temperature(second, powered.headend().kernel().now());
-      EXPECT_EQ(static_cast<std::int8_t>(powered.get(kVarTemperature1)), std::floor(first));
-      EXPECT_EQ(static_cast<std::int8_t>(powered.get(kVarTemperature2)), std::floor(second));
+      EXPECT_EQ(static_cast<std::int8_t>(Powered::get(kVarTemperature1)), std::floor(first));
+      EXPECT_EQ(static_cast<std::int8_t>(Powered::get(kVarTemperature2)), std::floor(second));
     }
-    EXPECT_EQ(powered.get(kVarTemperature1), 0U);
-    EXPECT_EQ(powered.get(kVarTemperature2), 255U);
+    EXPECT_EQ(Powered::get(kVarTemperature1), 0U);
+    EXPECT_EQ(Powered::get(kVarTemperature2), 255U);
   });
 }
 
@@ -217,7 +217,7 @@ TEST(Modulator, MeasuresTheRatesThatLeave) {
               readAt = now;
             }
           });
-          const std::string text = os::wordAddress<const char>(powered.get(id));
+          const std::string text = os::wordAddress<const char>(Powered::get(id));
           powered.card().onRegister(nullptr);
           const std::uint64_t payload = end.packets - begin.packets;
           const std::uint64_t total = payload + end.nulls - begin.nulls;

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "client/replace_file.h"
 #include "headend/headend.h"
 #include "headend/report.h"
 #include "headend/status_view.h"
@@ -21,27 +22,25 @@ void onSignal(int) {
   interrupted = true;
 }
 
-void writeWhole(const std::string& path, const std::string& text) {
+// A device or pipe takes its text as it is.
+void writeThrough(const std::string& path, const std::string& text) {
   std::FILE* file = std::fopen(path.c_str(), "we");
   bool good = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
   if (file != nullptr) good = std::fclose(file) == 0 && good;
   if (!good) throw std::system_error(errno, std::generic_category());
 }
 
-// A file is written aside and renamed, so that a reader never finds half a report; a device or pipe takes it
-// as it is.
+// A reader never finds half a report.
 void writeReport(const std::string& path, const std::string& text) {
   namespace fs = std::filesystem;
   std::error_code error;
   const fs::path target = fs::is_symlink(path, error) ? fs::weakly_canonical(path, error) : fs::path(path);
-  const std::string aside = target.string() + ".new";
   try {
     if (fs::exists(target, error) && !fs::is_regular_file(target, error))
-      return writeWhole(target.string(), text);
-    writeWhole(aside, text);
-    fs::rename(aside, target);
+      return writeThrough(target.string(), text);
+    client::replaceFile(target, target.string() + ".new",
+                        {reinterpret_cast<const u8*>(text.data()), text.size()});
   } catch (const std::system_error& e) {
-    std::remove(aside.c_str());
     throw std::runtime_error(fmt::format("cannot write report {}: {}", path, e.code().message()));
   }
 }

@@ -8,8 +8,7 @@
 
 namespace tools {
 
-// Writes aside, flushes, renames. Throws std::system_error with the file's name; what stood there then stands
-// still.
+// Throws std::runtime_error with the file's name; what stood there then stands still.
 void saveFile(const std::filesystem::path& file, std::span<const u8> bytes);
 
 }  // namespace tools

@@ -30,7 +30,7 @@ void flushFolder(const std::filesystem::path& folder) {
 }  // namespace
 
 void replaceFile(const std::filesystem::path& file, const std::filesystem::path& aside,
-                 std::span<const u8> bytes) {
+                 std::span<const u8> bytes, Flush flush) {
   const auto demand = [&](bool done, const char* failure) {
     if (done) return;
     const int error = errno;
@@ -39,13 +39,22 @@ void replaceFile(const std::filesystem::path& file, const std::filesystem::path&
   };
   const int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   demand(fd >= 0, "opening a new file beside it failed");
-  const bool written = writeAll(fd, bytes) && ::fsync(fd) == 0;
+  const bool written = writeAll(fd, bytes) && (flush == Flush::kLater || ::fsync(fd) == 0);
   const int writeError = errno;
   const bool closed = ::close(fd) == 0;
   if (!written) errno = writeError;
   demand(written, "writing failed");
   demand(closed, "closing failed");
   demand(::rename(aside.c_str(), file.c_str()) == 0, "renaming failed");
+  if (flush == Flush::kNow) flushFolder(file.parent_path());
+}
+
+void flushFile(const std::filesystem::path& file) {
+  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  const bool flushed = fd >= 0 && ::fsync(fd) == 0;
+  const int error = errno;
+  if (fd >= 0) ::close(fd);
+  if (!flushed) throw std::system_error(error, std::generic_category(), "flushing failed");
   flushFolder(file.parent_path());
 }
 

@@ -10,8 +10,13 @@
 namespace client {
 
 // Writes `bytes` to `aside`, a name in the same folder, flushes it, renames it to `file`, flushes the folder.
-// Throws std::system_error that says which step failed; then `aside` is gone and `file` is as it was.
+// Throws std::system_error that says which step failed; then `aside` is gone and `file` is as it was. Without
+// the flushes only the end of the process is survived, not that of the machine: `flushFile` makes up for it.
+enum class Flush { kNow, kLater };
 void replaceFile(const std::filesystem::path& file, const std::filesystem::path& aside,
-                 std::span<const u8> bytes);
+                 std::span<const u8> bytes, Flush flush = Flush::kNow);
+
+// Flushes a file and its folder. Throws std::system_error.
+void flushFile(const std::filesystem::path& file);
 
 }  // namespace client

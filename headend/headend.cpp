@@ -48,7 +48,7 @@ Headend::Headend(Options options)
     : options_(std::move(options)),
       log_(options_.log),
       heap_(options_.heapBytes, options_.heapFill),
-      flash_(options_.flash),
+      flash_(options_.flash, options_.fast ? client::Flush::kLater : client::Flush::kNow),
       kernel_(options_.kernel, *this),
       network_(kernel_),
       bus_(violations_),
@@ -202,6 +202,10 @@ void Headend::finishOutputs() {
 int Headend::exitCode() {
   const auto complain = [](const std::string& text) { fmt::print(stderr, "headend: {}\n", text); };
   bool failed = chassis_.saveFailed();
+  if (const std::string unsaved = flash_.flush(); !unsaved.empty()) {
+    complain(unsaved);
+    failed = true;
+  }
   for (const auto& [channel, sink] : sinks_) {
     if (sink->error().empty()) continue;
     complain(sink->error());

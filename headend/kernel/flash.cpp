@@ -5,8 +5,6 @@
 #include <cstring>
 #include <system_error>
 
-#include "client/replace_file.h"
-
 namespace headend {
 namespace {
 
@@ -29,16 +27,29 @@ std::FILE* Flash::open(const char* path, const char* mode) const {
   return std::fopen(host->c_str(), mode);
 }
 
-std::string Flash::replace(const std::string& path, std::span<const u8> content) const {
+std::string Flash::replace(const std::string& path, std::span<const u8> content) {
   const auto host = hostPath(path);
   if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
   std::error_code ignored;
   std::filesystem::create_directories(host->parent_path(), ignored);  // what is in the way shows at the open
   try {
-    client::replaceFile(*host, host->string() + ".new", content);
+    client::replaceFile(*host, host->string() + ".new", content, flush_);
+    if (flush_ == client::Flush::kLater) unflushed_.insert(*host);
   } catch (const std::system_error& e) {
     return fmt::format("cannot save {}: {}", host->string(), e.what());
   }
+  return {};
+}
+
+std::string Flash::flush() {
+  for (const std::filesystem::path& file : unflushed_) {
+    try {
+      client::flushFile(file);
+    } catch (const std::system_error& e) {
+      return fmt::format("cannot save {}: {}", file.string(), e.what());
+    }
+  }
+  unflushed_.clear();
   return {};
 }
 

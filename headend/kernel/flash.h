@@ -6,16 +6,21 @@
 #include <cstdio>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 
+#include "client/replace_file.h"
 #include "platform/types.h"
 
 namespace headend {
 
 class Flash {
  public:
-  explicit Flash(std::filesystem::path folder) : folder_(std::move(folder)) {}
+  // A run that is faster than its disk flushes what it has replaced at its end (`flush`), not each time: then
+  // only a crash of the machine itself, and not of this process, can cost a file.
+  explicit Flash(std::filesystem::path folder, client::Flush flush = client::Flush::kNow)
+      : folder_(std::move(folder)), flush_(flush) {}
 
   const std::filesystem::path& folder() const { return folder_; }
 
@@ -24,11 +29,14 @@ class Flash {
 
   std::FILE* open(const char* path, const char* mode) const;
 
-  // Writes aside, flushes, renames. Empty when done, else what went wrong on which file.
-  std::string replace(const std::string& path, std::span<const u8> content) const;
+  // Writes aside and renames. Empty when done, else what went wrong on which file.
+  std::string replace(const std::string& path, std::span<const u8> content);
+  std::string flush();  // what is left to be flushed; empty when done
 
  private:
   std::filesystem::path folder_;
+  client::Flush flush_;
+  std::set<std::filesystem::path> unflushed_;
 };
 
 }  // namespace headend

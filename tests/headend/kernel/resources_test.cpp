@@ -37,7 +37,7 @@ TEST(Heap, FillsBlocksKeepsItsLimitAndTakesBack) {
 
 TEST(Flash, ReplacesAFileWholeOrLeavesTheOldOne) {
   const Scratch scratch;
-  const headend::Flash flash(scratch.path);
+  headend::Flash flash(scratch.path);
   const fs::path file = scratch.path / "para" / "card1.dat";
   const Bytes old(1000, 1);
   const Bytes fresh(200'000, 2);

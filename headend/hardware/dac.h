@@ -1,0 +1,76 @@
+// The serial port of the digital-to-analog converter AD9775, with four lines and the most significant bit
+// first: thirteen registers of gain, offset and modes. Of the converter itself nothing is modelled.
+//
+// A departure from the part: bits 7 to 5 of register 0x00 (SDIO's direction, bit order, software reset) and
+// read-only bits are stored like any other and not acted on, for a blank EEPROM loads 0xFF. portAtRisk()
+// tells.
+#pragma once
+
+#include <array>
+#include <string>
+
+#include "headend/hardware/i2c_slave.h"
+#include "headend/hardware/violations.h"
+#include "headend/kernel/kernel.h"
+#include "platform/types.h"
+
+namespace headend {
+
+class Dac {
+ public:
+  // All lines are low in the beginning, the chip select included; the registers hold their defaults.
+  Dac(std::string name, Violations& violations);
+
+  // The levels at the pins. Reset is active high, chip select active low.
+  void reset(bool level, Nanos now);
+  void chipSelect(bool level, Nanos now);
+  void clock(bool level, Nanos now);
+  void dataIn(bool level, Nanos now);
+
+  // SDO. The part lets it float unless it sends; a pull-down on the board makes that a 0, so that a driver
+  // that samples too early or too late does not read the 0xFF of a blank calibration.
+  bool dataOut() const { return out_; }
+
+  // A register's value; 0 beyond 0x0C.
+  u8 reg(u8 index) const { return index < kRegisters ? registers_[index] : u8{0}; }
+  // Register 0x00 holds what would change the data's direction or the bit order, or reset a real part.
+  bool portAtRisk() const { return (registers_[0] & 0xE0) != 0; }
+
+ private:
+  static constexpr unsigned kRegisters = 13;
+
+  void rise(Nanos now);
+  void fall(Nanos now);
+  void instruction(u8 byte);
+  void endByte();
+  u8 readRegister();
+  void writeRegister(u8 value);
+  void beginFrame();
+  void violation(const char* kind) { violations_.count(name_ + "_" + kind); }
+  void checkTime(Nanos since, Nanos now, Nanos least, const char* kind);
+
+  std::string name_;
+  Violations& violations_;
+  std::array<u8, kRegisters> registers_;
+
+  bool reset_ = false;
+  bool deselected_ = false;
+  bool clock_ = false;
+  bool data_ = false;
+  bool out_ = false;
+
+  bool instructed_ = false;  // this frame's instruction is complete
+  bool reads_ = false;
+  unsigned address_ = 0;
+  unsigned bytesLeft_ = 0;  // data bytes, this one included
+  unsigned bits_ = 0;       // of this byte, whose clock has risen
+  u8 shift_ = 0;
+
+  Nanos resetAt_ = kLongAgo;
+  Nanos selectedAt_ = kLongAgo;
+  Nanos dataAt_ = kLongAgo;
+  Nanos roseAt_ = kLongAgo;
+  Nanos fellAt_ = kLongAgo;
+};
+
+}  // namespace headend

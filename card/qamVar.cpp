@@ -12,6 +12,7 @@
 
 os::SEM_ID semQamVar;
 QamCardPara QamPara;
+AD9775_Para Para9775;
 
 namespace {
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "card/QamCardPara.h"
+#include "hw/ad9775.h"
 #include "platform/kernel.h"
 #include "platform/types.h"
 
@@ -39,6 +40,9 @@ extern os::SEM_ID semQamVar;
 
 // A record of no slot, whose clock table `QamSetVar1` uses.
 extern QamCardPara QamPara;
+
+// Room for a set of DAC registers, for a debug shell: nothing here uses it.
+extern AD9775_Para Para9775;
 
 extern "C" {
 

@@ -4,6 +4,8 @@
 
 #include "card/QamFpga.h"
 #include "hw/Cdce925.h"
+#include "hw/X24cxx.h"
+#include "hw/ad9775.h"
 #include "hw/adf4113.h"
 #include "platform/chassis.h"
 #include "platform/kernel.h"
@@ -40,6 +42,15 @@ constexpr ClockRegister kClockSetUp[] = {
     {.reg = 0x15, .value = 0x02}, {.reg = 0x1C, .value = 0x00}, {.reg = 0x1D, .value = 0x40},
     {.reg = 0x1E, .value = 0x02}, {.reg = 0x1F, .value = 0x08},
 };
+
+// DAC register n stands in byte n of the EEPROM.
+void loadDac(u8 slotNo, u8 first, u8 end) {
+  for (u8 addr = first; addr < end; ++addr) {
+    const u8 data = at24cxx_rd_byte(addr, slotNo);
+    ad9775_reg_write(slotNo, addr, &data, 1);
+  }
+  chassis::Dog();
+}
 
 }  // namespace
 
@@ -176,6 +187,18 @@ void cdce925_init(u8 slotNo) {
   QamFpgaIf[slotNo]->cdce925_s0 = 1;
   for (const ClockRegister& entry : kClockSetUp) CdceRegWrite(slotNo, entry.reg, entry.value);
   chassis::Dog();
+}
+
+void Ad9775Init(u8 slotNo) {
+  ad9775_init(slotNo);
+  chassis::Dog();
+  Ad9775Set(slotNo);
+}
+
+void Ad9775Set(u8 slotNo) {
+  loadDac(slotNo, 0, 5);              // common
+  loadDac(slotNo, 5, 9);              // I
+  loadDac(slotNo, 9, kDacRegisters);  // Q
 }
 
 void cdce925set(u8 slotNo, u32 freq, const cdce925_para* pPara) {

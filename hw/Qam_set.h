@@ -34,6 +34,11 @@ u32 RateConvert(u8 Index, u32 Rate);
 // The clock generator's fixed set-up, at a slot's start.
 void cdce925_init(u8 slotNo);
 
+// Resets the DAC and loads its thirteen registers from the calibration EEPROM, at a slot's start; the second
+// loads them only. The bytes go over as they are read: a blank EEPROM gives 0xFF everywhere.
+void Ad9775Init(u8 slotNo);
+void Ad9775Set(u8 slotNo);
+
 // The clock for a symbol rate in kBd, from the 17 rows at `pPara`. A rate without a row leaves the clock as
 // it is.
 void cdce925set(u8 slotNo, u32 freq, const cdce925_para* pPara);

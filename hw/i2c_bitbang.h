@@ -92,6 +92,17 @@ class I2cMaster {
     dataHigh();
   }
 
+  // Whether a device acknowledges its address byte: one that is busy does not.
+  bool answers(u8 device) {
+    start();
+    send(device);
+    raiseClock();
+    const bool acknowledged = data() == 0;
+    clockLow();
+    stop();
+    return acknowledged;
+  }
+
   void startWith(u8 device, u8 address) {
     start();
     send(device);

@@ -14,6 +14,7 @@
 #include "platform/check.h"
 #include "platform/files.h"
 #include "platform/memory.h"
+#include "platform/sockets.h"
 
 namespace test {
 namespace {
@@ -172,6 +173,44 @@ void* malloc(std::size_t size) {
 void free(void* block) {
   EXPECT_EQ(current->blocks.erase(block), 1U) << "freed, but not allocated";
   std::free(block);
+}
+
+int socket(int domain, int type, int protocol) {
+  current->note(fmt::format("socket {} {} {}", domain, type, protocol));
+  return current->socketsToBeHad ? 3 : ERROR;
+}
+
+int bind(int s, sockaddr_in* name, int length) {
+  current->note(fmt::format("bind {} family {} port {} address {} length {} {}", s, name->sin_family,
+                            u16{name->sin_port}, u32{name->sin_addr}, name->sin_len, length));
+  return current->portsToBeHad ? OK : ERROR;
+}
+
+int recvfrom(int /*s*/, char* buffer, int length, int /*flags*/, sockaddr_in* from, int* fromLength) {
+  EXPECT_EQ(*fromLength, 16);
+  if (current->datagrams.empty()) current->leave();
+  const std::optional<test::Bytes> datagram = current->datagrams.front();
+  current->datagrams.pop_front();
+  if (!datagram) return ERROR;
+  const auto count = std::min(datagram->size(), static_cast<std::size_t>(length));
+  std::copy_n(datagram->begin(), count, buffer);
+  *from = {.sin_len = 16, .sin_family = AF_INET, .sin_port = {}, .sin_addr = {}, .sin_zero = {}};
+  from->sin_port = 7;
+  from->sin_addr = 0xC0000201;
+  return static_cast<int>(count);
+}
+
+int sendto(int s, char* buffer, int length, int /*flags*/, sockaddr_in* to, int toLength) {
+  std::string bytes;
+  for (int i = 0; i < length; ++i) bytes += fmt::format(" {:02x}", static_cast<u8>(buffer[i]));
+  current->note(fmt::format("send {} to {:08x}:{} length {}:{}", s, u32{to->sin_addr}, u16{to->sin_port},
+                            toLength, bytes));
+  return length;
+}
+
+int close(int s) {
+  current->note(fmt::format("close socket {}", s));
+  return OK;
 }
 
 void countingLoop(u32 turns) {

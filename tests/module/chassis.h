@@ -7,10 +7,12 @@
 
 #include <csetjmp>
 #include <cstdio>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <set>
 #include <string>
@@ -70,9 +72,13 @@ class FakeChassis {
   int heapBlocks = std::numeric_limits<int>::max();  // allocations until the heap is exhausted
   u8 heapFill = 0xA7;
   bool queuesToBeHad = true;
-  bool stopsAtChecks = false;                    // a failed check ends `runs`
-  std::function<u16(u32 address)> onRead;        // a register's value; empty: a card's as written, else 0
-  std::function<void(u32, u16)> onWrite;         // the model's view of writes
+  bool stopsAtChecks = false;              // a failed check ends `runs`
+  std::function<u16(u32 address)> onRead;  // a register's value; empty: a card's as written, else 0
+  std::function<void(u32, u16)> onWrite;   // the model's view of writes
+  bool socketsToBeHad = true;
+  bool portsToBeHad = true;
+  std::deque<std::optional<Bytes>>
+      datagrams;  // that come, from 192.0.2.1:7; none: an error. Then nobody sends
   std::function<void(std::string_view)> onCall;  // "save" or "malloc", before it is carried out
 
   // What the module did. `log` has a line a call, in order; allocations, queue traffic and registers are

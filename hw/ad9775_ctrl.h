@@ -1,0 +1,33 @@
+// The calibration service: a factory or service tool reads the DAC's thirteen registers over UDP, port 49156,
+// and writes new values to DAC and EEPROM. It has no authentication: whoever reaches the port calibrates. One
+// task serves all slots, for a packet names its own; the chassis starts it with `Ad9775Ctrl_Init(0)`.
+#pragma once
+
+#include "platform/chassis.h"
+#include "platform/types.h"
+
+// Request and reply alike. docs/calibration.md describes them for anybody who writes a tool.
+struct AdIpPacket {
+  u8 idx;      // 1 read, 2 write and save
+  u8 Channel;  // slot, from 0
+  u8 CommonReg[5];
+  u8 I_Para[4];
+  u8 Q_Para[4];
+};
+static_assert(sizeof(AdIpPacket) == 15 && alignof(AdIpPacket) == 1);
+
+extern int mysock[MAX_BOARD_NUM];  // of which the task serves the first
+
+extern "C" {
+
+// Makes the socket and starts the task. Failures are not reported; the task then waits for a socket that
+// never receives. Start-up, or a debug shell.
+void Ad9775Ctrl_Init(u8 slotNo);
+
+// The task: about ten requests a second, for ever.
+void Ad9775Ctrl(u8 slotNo);
+
+// One request. 1: a reply of *OutLen bytes is in Out; 0: done, no reply; -1: no request, nothing done. `Src`
+// must hold 15 bytes, whatever `Len` says.
+int AdPackHandle(u8 slotNo, u8* Src, int Len, u8* Out, int* OutLen);
+}

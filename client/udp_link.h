@@ -5,6 +5,7 @@
 #include <string>
 
 #include "client/link.h"
+#include "client/udp_socket.h"
 
 namespace client {
 
@@ -14,25 +15,19 @@ struct UdpLinkOptions {
   std::chrono::milliseconds total{0};  // for one call with all its tries; 0 sets no limit of its own
 };
 
-// Whether the text is an "ADDR:PORT", with an IPv6 address in brackets. Asks no name server.
-bool isServer(const std::string& text);
-
 class UdpLink : public Link {
  public:
   // Throws LinkError when `server` is none (see isServer), is not known, or cannot be sent to.
   explicit UdpLink(const std::string& server, const UdpLinkOptions& options = {});
-  ~UdpLink() override;
 
   // Throws LinkError when no reply came within the tries, or nothing listens there.
   Reply call(Request request) override;
 
  private:
-  std::optional<Reply> await(const Request& request, std::chrono::steady_clock::time_point deadline);
-  [[noreturn]] void fail(const std::string& what) const;
+  std::optional<Reply> await(const Request& request, UdpSocket::Clock::time_point deadline);
 
-  std::string server_;
+  UdpSocket socket_;
   UdpLinkOptions options_;
-  int socket_ = -1;
   u32 sequence_ = 0;
 };
 

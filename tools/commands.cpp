@@ -2,12 +2,44 @@
 
 #include <fmt/format.h>
 
+#include <cstdio>
+#include <exception>
+#include <iostream>
 #include <stdexcept>
 
 #include "client/channel.h"
 #include "client/udp_link.h"
 
 namespace tools {
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kWrongCall = 2;
+
+std::string checkServer(const std::string& text) {
+  return client::isServer(text) ? "" : fmt::format("'{}' is no ADDR:PORT", text);
+}
+
+}  // namespace
+
+void addServer(CLI::App& app, std::string& server, const char* text) {
+  app.add_option("--server", server, text)->check(checkServer)->capture_default_str()->type_name("ADDR:PORT");
+}
+
+int runCommandLine(CLI::App& app, int argc, char** argv) {
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : kWrongCall;
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "{}: {}\n", app.get_name(), e.what());
+    return kFailed;
+  }
+  std::cout.flush();
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
+  fmt::print(stderr, "{}: the output could not be written\n", app.get_name());
+  return kFailed;
+}
 
 CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::function<void()> run) {
   CLI::App* app = parent.add_subcommand(name, text);

@@ -1,4 +1,4 @@
-// The command groups of qamctl, each in a file of its own, and what they share.
+// The command groups of qamctl, each in a file of its own, and what they share with each other and qamcal.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -18,6 +18,13 @@ void addPsiCommands(CLI::App& app, const std::string& server);
 void addVarCommands(CLI::App& app, const std::string& server);
 void addRfCommand(CLI::App& app, const std::string& server);
 void addStatusCommand(CLI::App& app, const std::string& server);
+
+// --server, an ADDR:PORT; `server` holds its default.
+void addServer(CLI::App& app, std::string& server, const char* text);
+
+// Runs what the command line asks for; errors go to stderr. Returns the exit code: 0 done, 1 could not be
+// carried out (or its output not written), 2 wrong call.
+int runCommandLine(CLI::App& app, int argc, char** argv);
 
 CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::function<void()> run);
 CLI::Option* addSlot(CLI::App* app, std::string& slot);  // "N", 1 to 6, for slotOf

@@ -5,20 +5,12 @@
 
 #include <cstdio>
 #include <exception>
-#include <iostream>
 #include <string>
 
-#include "client/udp_link.h"
+#include "client/datagram.h"
 #include "tools/commands.h"
 
 namespace {
-
-constexpr int kFailed = 1;
-constexpr int kWrongCall = 2;
-
-std::string checkServer(const std::string& text) {
-  return client::isServer(text) ? "" : fmt::format("'{}' is no ADDR:PORT", text);
-}
 
 constexpr const char* kFooter =
     "TABLE is PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT or CAT: C is the actual stream or network, O "
@@ -43,26 +35,12 @@ int run(int argc, char** argv) {
   CLI::App app("Manages the modulator cards of a chassis over its management socket.", "qamctl");
   app.footer(kFooter);
   app.require_subcommand(1);
-  app.add_option("--server", server, "the chassis's management socket")
-      ->check(checkServer)
-      ->capture_default_str()
-      ->type_name("ADDR:PORT");
+  tools::addServer(app, server, "the chassis's management socket");
   tools::addPsiCommands(app, server);
   tools::addVarCommands(app, server);
   tools::addRfCommand(app, server);
   tools::addStatusCommand(app, server);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? 0 : kWrongCall;
-  } catch (const std::exception& e) {
-    fmt::print(stderr, "qamctl: {}\n", e.what());
-    return kFailed;
-  }
-  std::cout.flush();
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
-  fmt::print(stderr, "qamctl: the output could not be written\n");
-  return kFailed;
+  return tools::runCommandLine(app, argc, argv);
 }
 
 }  // namespace
@@ -72,6 +50,6 @@ int main(int argc, char** argv) {
     return run(argc, argv);
   } catch (const std::exception& e) {  // out of memory, or a fault in this program
     std::fprintf(stderr, "qamctl: %s\n", e.what());
-    return kFailed;
+    return 1;
   }
 }

@@ -1,0 +1,154 @@
+#include "client/calibration.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace client {
+namespace {
+
+constexpr std::size_t kHeaderSize = 2;  // command and slot
+
+constexpr UdpService kService = {
+    .defaultPort = kDefaultCalibrationPort,
+    .advice =
+        "see that the chassis serves calibration there ('headend --calibration') and has a card in this "
+        "slot, or name another address with --server"};
+
+// clang-format off
+constexpr std::array kFields = {
+    DacField{"data direction",      {0x00, 7, 1}, {}, {"SDIO in only", "SDIO in and out"}},
+    DacField{"bit order",           {0x00, 6, 1}, {}, {"MSB first", "LSB first"}},
+    DacField{"software reset",      {0x00, 5, 1}, {}, {"off", "on"}},
+    DacField{"sleep",               {0x00, 4, 1}, {}, {"off", "on"}},
+    DacField{"power-down",          {0x00, 3, 1}, {}, {"off", "on"}},
+    DacField{"reference resistors", {0x00, 2, 1}, {}, {"two", "one"}},
+    DacField{"PLL lock",            {0x00, 1, 1}, {}, {"not locked", "locked"}},
+    DacField{"interpolation",       {0x01, 6, 2}, {}, {"1x", "2x", "4x", "8x"}},
+    DacField{"modulation",          {0x01, 4, 2}, {}, {"none", "fs/2", "fs/4", "fs/8"}},
+    DacField{"zero stuffing",       {0x01, 3, 1}, {}, {"off", "on"}},
+    DacField{"mixing",              {0x01, 2, 1}, {}, {"complex", "real"}},
+    DacField{"modulation form",     {0x01, 1, 1}, {}, {"e^-jwt", "e^+jwt"}},
+    DacField{"clock pin",           {0x01, 0, 1}, {}, {"PLL_LOCK", "DATACLK"}},
+    DacField{"data format",         {0x02, 7, 1}, {}, {"two's complement", "straight binary"}},
+    DacField{"data ports",          {0x02, 6, 1}, {}, {"two", "one"}},
+    DacField{"DATACLK driver",      {0x02, 5, 1}, {}, {"weak", "strong"}},
+    DacField{"DATACLK",             {0x02, 4, 1}, {}, {"plain", "inverted"}},
+    DacField{"ONEPORTCLK",          {0x02, 2, 1}, {}, {"plain", "inverted"}},
+    DacField{"IQSEL",               {0x02, 1, 1}, {}, {"plain", "inverted"}},
+    DacField{"one-port order",      {0x02, 0, 1}, {}, {"I first", "Q first"}},
+    DacField{"data rate clock at",  {0x03, 7, 1}, {}, {"DATACLK", "SPI_SDO"}},
+    DacField{"PLL divider",         {0x03, 0, 2}, {}, {"1", "2", "4", "8"}},
+    DacField{"PLL",                 {0x04, 7, 1}, {}, {"off", "on"}},
+    DacField{"charge pump",         {0x04, 6, 1}, {}, {"automatic", "manual"}},
+    DacField{"charge pump current", {0x04, 0, 3}, {},
+             {"50 uA", "100 uA", "200 uA", "400 uA", "", "", "", "800 uA"}},
+    DacField{"I fine gain",         {0x05, 0, 8}},
+    DacField{"I coarse gain",       {0x06, 0, 4}},
+    DacField{"I offset",            {0x07, 0, 8}, {0x08, 0, 2}},
+    DacField{"I offset adds to",    {0x08, 7, 1}, {}, {"IOUTA", "IOUTB"}},
+    DacField{"Q fine gain",         {0x09, 0, 8}},
+    DacField{"Q coarse gain",       {0x0A, 0, 4}},
+    DacField{"Q offset",            {0x0B, 0, 8}, {0x0C, 0, 2}},
+    DacField{"Q offset adds to",    {0x0C, 7, 1}, {}, {"IOUTA", "IOUTB"}},
+};
+// clang-format on
+
+unsigned bitsOf(const DacRegisters& registers, const DacBits& bits) {
+  return (unsigned{registers.at(bits.address)} >> bits.low) & ((1U << bits.count) - 1);
+}
+
+}  // namespace
+
+// --- The registers ---
+
+std::span<u8> bytesOf(DacRegisters& registers, const DacGroup& group) {
+  return std::span(registers).subspan(group.first, group.count);
+}
+
+std::span<const u8> bytesOf(const DacRegisters& registers, const DacGroup& group) {
+  return std::span(registers).subspan(group.first, group.count);
+}
+
+std::span<const DacField> dacFields() {
+  return kFields;
+}
+
+unsigned fieldValue(const DacRegisters& registers, const DacField& field) {
+  return bitsOf(registers, field.bits) << field.below.count | bitsOf(registers, field.below);
+}
+
+std::string fieldText(const DacRegisters& registers, const DacField& field) {
+  const unsigned value = fieldValue(registers, field);
+  if (value < field.names.size() && !field.names.at(value).empty()) return std::string(field.names.at(value));
+  return std::to_string(value);
+}
+
+std::vector<const DacField*> differingFields(const DacRegisters& a, const DacRegisters& b) {
+  std::vector<const DacField*> differing;
+  for (const DacField& field : kFields) {
+    if (fieldValue(a, field) != fieldValue(b, field)) differing.push_back(&field);
+  }
+  return differing;
+}
+
+std::string portRisk(const DacRegisters& registers) {
+  constexpr u8 kDangerous = 0xE0;
+  if ((registers[0] & kDangerous) == 0) return "";
+  std::string set;
+  for (const DacField& field : std::span(kFields).first(3)) {
+    if (fieldValue(registers, field) != 0) set += fmt::format("{}{}", set.empty() ? "" : ", ", field.name);
+  }
+  return fmt::format("0x{:02x} in register 0x00 changes the DAC's serial port ({})", registers[0], set);
+}
+
+// --- The datagram ---
+
+std::array<u8, kCalibrationSize> encode(const CalibrationPacket& packet) {
+  std::array<u8, kCalibrationSize> datagram{static_cast<u8>(packet.command), packet.slot};
+  std::ranges::copy(packet.registers, datagram.begin() + kHeaderSize);
+  return datagram;
+}
+
+std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram) {
+  if (datagram.size() != kCalibrationSize) return std::nullopt;
+  CalibrationPacket packet{.command = CalibrationCommand{datagram[0]}, .slot = datagram[1]};
+  if (packet.command != CalibrationCommand::kRead && packet.command != CalibrationCommand::kWrite) {
+    return std::nullopt;
+  }
+  std::ranges::copy(datagram.subspan(kHeaderSize), packet.registers.begin());
+  return packet;
+}
+
+// --- The service ---
+
+// A reply has no number, so one that comes late could pass for the answer to a later question. Each read has
+// a socket of its own, and so a port at which only its own replies arrive.
+DacRegisters CalibrationClient::read(u8 slot) const {
+  using Clock = UdpSocket::Clock;
+  UdpSocket socket(server_, kService);
+  const auto request = encode(CalibrationPacket{.command = CalibrationCommand::kRead, .slot = slot});
+  const Clock::time_point end = Clock::now() + options_.timeout;
+  int foreign = 0;
+  do {
+    socket.send(request);
+    const Clock::time_point deadline = std::min(Clock::now() + options_.repeat, end);
+    while (const auto datagram = socket.receive(deadline)) {
+      const auto reply = decodeCalibration(*datagram);
+      if (reply && reply->command == CalibrationCommand::kRead && reply->slot == slot)
+        return reply->registers;
+      ++foreign;
+    }
+  } while (Clock::now() < end);
+  const std::string other = foreign == 0 ? "" : fmt::format(" (but {} other datagrams)", foreign);
+  socket.fail(fmt::format("no reply for slot {} within {} ms{}", slot + 1, options_.timeout.count(), other));
+}
+
+void CalibrationClient::write(u8 slot, const DacRegisters& registers) const {
+  UdpSocket(server_, kService)
+      .send(encode({.command = CalibrationCommand::kWrite, .slot = slot, .registers = registers}));
+  std::this_thread::sleep_for(options_.settle);
+}
+
+}  // namespace client

@@ -1,0 +1,110 @@
+// The calibration of a card's DAC: its thirteen register bytes, what stands in them, the datagram that
+// carries them, and a client of the chassis's calibration service. Used by qamcal; docs/calibration.md
+// describes the datagram for anybody who writes a client of their own.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/link.h"
+#include "client/udp_socket.h"
+#include "platform/types.h"
+
+namespace client {
+
+// --- The registers, as the AD9775's data sheet has them ---
+
+inline constexpr std::size_t kDacRegisters = 13;
+
+// By register address, 0x00 to 0x0C. The EEPROM keeps them in the same order.
+using DacRegisters = std::array<u8, kDacRegisters>;
+
+struct DacGroup {
+  const char* name;
+  std::size_t first;  // register address
+  std::size_t count;
+};
+inline constexpr std::array<DacGroup, 3> kDacGroups = {{
+    {.name = "common", .first = 0x00, .count = 5},  // serial port, filters, data format, PLL
+    {.name = "i", .first = 0x05, .count = 4},       // gain and offset of the I converter
+    {.name = "q", .first = 0x09, .count = 4},
+}};
+
+std::span<u8> bytesOf(DacRegisters& registers, const DacGroup& group);
+std::span<const u8> bytesOf(const DacRegisters& registers, const DacGroup& group);
+
+struct DacBits {
+  std::size_t address = 0;
+  unsigned low = 0;  // the lowest bit
+  unsigned count = 0;
+};
+
+struct DacField {
+  const char* name;
+  DacBits bits;
+  DacBits below{};                          // the bits under those, when the field spans two registers
+  std::array<std::string_view, 8> names{};  // what the values mean; none for a plain number
+};
+
+std::span<const DacField> dacFields();  // by address
+unsigned fieldValue(const DacRegisters& registers, const DacField& field);
+std::string fieldText(const DacRegisters& registers, const DacField& field);  // "8x", "512"
+
+// The fields whose value differs between the two.
+std::vector<const DacField*> differingFields(const DacRegisters& a, const DacRegisters& b);
+
+// Why the DAC would no longer understand its driver after these bytes, or empty. The driver speaks MSB first
+// over separate data lines, and a software reset throws away what has just been loaded.
+std::string portRisk(const DacRegisters& registers);
+
+// --- The datagram ---
+
+inline constexpr u16 kDefaultCalibrationPort = 49156;
+inline constexpr std::size_t kCalibrationSize = 15;
+
+enum class CalibrationCommand : u8 { kRead = 1, kWrite = 2 };
+
+struct CalibrationPacket {
+  CalibrationCommand command = CalibrationCommand::kRead;
+  u8 slot = 0;  // from 0
+  DacRegisters registers{};
+};
+
+std::array<u8, kCalibrationSize> encode(const CalibrationPacket& packet);
+
+// Nothing for another length or a command that nobody knows.
+std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram);
+
+// --- The service ---
+
+struct CalibrationOptions {
+  std::chrono::milliseconds timeout{3000};  // for the reply, with all repetitions of the request
+  std::chrono::milliseconds repeat{1000};   // a request without a reply is sent again after this time
+  // A write is over after thirteen EEPROM write cycles of at most 10 ms and the 100 ms until the service
+  // takes its next request.
+  std::chrono::milliseconds settle{500};
+};
+
+class CalibrationClient {
+ public:
+  explicit CalibrationClient(std::string server, const CalibrationOptions& options = {})
+      : server_(std::move(server)), options_(options) {}
+
+  // What the DAC in this slot (from 0) holds. Throws LinkError when no reply came.
+  DacRegisters read(u8 slot) const;
+
+  // Sends the bytes to the DAC and to the EEPROM, and returns when the card must be done. The service does
+  // not say whether it did: read back. Throws LinkError when nothing can be sent.
+  void write(u8 slot, const DacRegisters& registers) const;
+
+ private:
+  std::string server_;
+  CalibrationOptions options_;
+};
+
+}  // namespace client

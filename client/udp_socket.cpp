@@ -1,0 +1,103 @@
+#include "client/udp_socket.h"
+
+#include <fmt/format.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+namespace client {
+namespace {
+
+constexpr std::size_t kMaxDatagram = 65536;
+
+struct HostPort {
+  std::string host;
+  std::string port;
+};
+
+std::optional<HostPort> split(const std::string& server) {
+  const auto colon = server.rfind(':');
+  if (colon == std::string::npos) return std::nullopt;
+  HostPort result{.host = server.substr(0, colon), .port = server.substr(colon + 1)};
+  if (result.host.size() > 2 && result.host.front() == '[' && result.host.back() == ']') {
+    result.host = result.host.substr(1, result.host.size() - 2);
+  }
+  const std::string& port = result.port;
+  const bool digits = std::ranges::all_of(port, [](char c) { return c >= '0' && c <= '9'; });
+  if (result.host.empty() || port.empty() || port.size() > 5 || !digits) return std::nullopt;
+  if (std::stoi(port) < 1 || std::stoi(port) > 0xFFFF) return std::nullopt;
+  return result;
+}
+
+// A connected socket gets datagrams of this server only, and hears when nothing listens there.
+int connectTo(const std::string& server, u16 defaultPort) {
+  const auto to = split(server);
+  if (!to) {
+    throw LinkError(
+        fmt::format("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{}", server, defaultPort));
+  }
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* found = nullptr;
+  if (const int error = getaddrinfo(to->host.c_str(), to->port.c_str(), &hints, &found); error != 0) {
+    throw LinkError(fmt::format("{}: {}; name another server with --server", server, gai_strerror(error)));
+  }
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+  int error = 0;
+  for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
+    const int fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+    if (fd >= 0 && connect(fd, a->ai_addr, a->ai_addrlen) == 0) return fd;
+    error = errno;
+    if (fd >= 0) close(fd);
+  }
+  throw LinkError(fmt::format("{}: no socket to it: {}", server, std::strerror(error)));
+}
+
+}  // namespace
+
+bool isServer(const std::string& text) {
+  return split(text).has_value();
+}
+
+UdpSocket::UdpSocket(std::string server, const UdpService& service)
+    : server_(std::move(server)), service_(service), socket_(connectTo(server_, service.defaultPort)) {}
+
+UdpSocket::~UdpSocket() {
+  close(socket_);
+}
+
+void UdpSocket::fail(const std::string& what) const {
+  throw LinkError(fmt::format("{}: {}; {}", server_, what, service_.advice));
+}
+
+void UdpSocket::send(std::span<const u8> datagram) {
+  if (::send(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) return;
+  if (errno == ECONNREFUSED) fail("nothing listens there");
+  fail(fmt::format("cannot send: {}", std::strerror(errno)));
+}
+
+std::optional<Bytes> UdpSocket::receive(Clock::time_point deadline) {
+  Bytes buffer(kMaxDatagram);
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd poller{.fd = socket_, .events = POLLIN, .revents = 0};
+    if (left.count() <= 0 || poll(&poller, 1, static_cast<int>(left.count())) == 0) return std::nullopt;
+    const ssize_t size = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (size >= 0) {
+      buffer.resize(static_cast<std::size_t>(size));
+      return buffer;
+    }
+    if (errno == ECONNREFUSED) fail("nothing listens there");
+    if (errno == EAGAIN || errno == EINTR) continue;
+    fail(fmt::format("cannot receive: {}", std::strerror(errno)));
+  }
+}
+
+}  // namespace client

@@ -9,7 +9,6 @@
 #include <array>
 #include <string>
 
-#include "headend/hardware/i2c_slave.h"
 #include "headend/hardware/violations.h"
 #include "headend/kernel/kernel.h"
 #include "platform/types.h"
@@ -39,13 +38,17 @@ class Dac {
  private:
   static constexpr unsigned kRegisters = 13;
 
-  void rise(Nanos now);
-  void fall(Nanos now);
-  void instruction(u8 byte);
-  void endByte();
-  u8 readRegister();
-  void writeRegister(u8 value);
+  bool listens() const { return !deselected_ && !reset_; }
+  bool frameBegun() const { return instructed_ || bits_ != 0; }
+  bool frameComplete() const { return instructed_ && bytesLeft_ == 0; }
+  bool sends() const { return instructed_ && reads_ && bytesLeft_ != 0; }
   void beginFrame();
+  void checkRise(Nanos now);
+  void takeBit();
+  void instruct(u8 instruction);
+  void endDataByte();
+  void sendBit();
+  void checkAddress();
   void violation(const char* kind) { violations_.count(name_ + "_" + kind); }
   void checkTime(Nanos since, Nanos now, Nanos least, const char* kind);
 
@@ -65,12 +68,14 @@ class Dac {
   unsigned bytesLeft_ = 0;  // data bytes, this one included
   unsigned bits_ = 0;       // of this byte, whose clock has risen
   u8 shift_ = 0;
+  u8 sent_ = 0;  // the byte that goes out
 
-  Nanos resetAt_ = kLongAgo;
-  Nanos selectedAt_ = kLongAgo;
-  Nanos dataAt_ = kLongAgo;
-  Nanos roseAt_ = kLongAgo;
-  Nanos fellAt_ = kLongAgo;
+  static constexpr Nanos kNever = -kSecond;
+  Nanos resetAt_ = kNever;
+  Nanos selectedAt_ = kNever;
+  Nanos dataAt_ = kNever;
+  Nanos roseAt_ = kNever;
+  Nanos fellAt_ = kNever;
 };
 
 }  // namespace headend

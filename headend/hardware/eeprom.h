@@ -42,8 +42,9 @@ class Eeprom final : public I2cSlave {
   using Page = std::array<std::optional<u8>, kPageSize>;
 
   void buffer(u8 byte);
-  void endTransfer();
-  void finishCycle();
+  void finishCycle(Nanos now);
+  u8 leftBehind(u8 before, u8 after);
+  void forgetPage();
 
   Image image_{};
   std::mt19937 random_;

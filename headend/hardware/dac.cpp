@@ -1,0 +1,130 @@
+#include "headend/hardware/dac.h"
+
+namespace headend {
+namespace {
+
+// The least times in nanoseconds.
+constexpr Nanos kSetup = 25;  // of data and of the chip select, before the rise of the clock
+constexpr Nanos kClockHigh = 30;
+constexpr Nanos kClockLow = 30;
+constexpr Nanos kClockPeriod = 67;  // 15 MHz
+constexpr Nanos kResetWidth = 2;
+
+constexpr unsigned kByteBits = 8;
+constexpr unsigned kAddresses = 32;
+
+// The instruction byte.
+constexpr u8 kRead = 0x80;
+
+// After a reset: real mix mode, the rest 0.
+constexpr std::array<u8, 13> kDefaults = {0x00, 0x04};
+
+}  // namespace
+
+Dac::Dac(std::string name, Violations& violations)
+    : name_(std::move(name)), violations_(violations), registers_(kDefaults) {}
+
+void Dac::reset(bool level, Nanos now) {
+  if (level == reset_) return;
+  reset_ = level;
+  if (!level) {
+    checkTime(resetAt_, now, kResetWidth, "reset_short");
+    return;
+  }
+  resetAt_ = now;
+  if (frameBegun() && !frameComplete()) violation("reset_in_frame");
+  registers_ = kDefaults;
+  beginFrame();
+}
+
+void Dac::chipSelect(bool level, Nanos now) {
+  if (level == deselected_) return;
+  deselected_ = level;
+  if (!level) selectedAt_ = now;
+  if (frameBegun() && !frameComplete()) violation("frame_cut_short");
+  beginFrame();
+}
+
+void Dac::beginFrame() {
+  instructed_ = false;
+  bits_ = 0;
+  out_ = false;
+}
+
+void Dac::dataIn(bool level, Nanos now) {
+  if (level == data_) return;
+  data_ = level;
+  dataAt_ = now;
+}
+
+void Dac::clock(bool level, Nanos now) {
+  if (level == clock_) return;
+  clock_ = level;
+  if (level) {
+    if (!deselected_ && reset_) violation("clock_in_reset");
+    if (listens()) checkRise(now), takeBit();
+    roseAt_ = now;
+  } else {
+    if (listens()) checkTime(roseAt_, now, kClockHigh, "clock_high_short"), sendBit();
+    fellAt_ = now;
+  }
+}
+
+void Dac::checkRise(Nanos now) {
+  checkTime(fellAt_, now, kClockLow, "clock_low_short");
+  checkTime(roseAt_, now, kClockPeriod, "clock_period_short");
+  checkTime(selectedAt_, now, kSetup, "select_setup_short");
+  if (!sends()) checkTime(dataAt_, now, kSetup, "data_setup_short");
+}
+
+// After a transfer the part takes the next eight bits for another instruction; on this card nobody means
+// that.
+void Dac::takeBit() {
+  if (frameComplete()) {
+    violation("second_instruction");
+    beginFrame();
+  }
+  shift_ = static_cast<u8>(shift_ << 1 | (data_ ? 1 : 0));
+  if (++bits_ < kByteBits) return;
+  bits_ = 0;
+  instructed_ ? endDataByte() : instruct(shift_);
+}
+
+void Dac::instruct(u8 instruction) {
+  instructed_ = true;
+  reads_ = (instruction & kRead) != 0;
+  bytesLeft_ = 1U + (instruction >> 5 & 3);
+  address_ = instruction % kAddresses;
+}
+
+// With the most significant bit first, a transfer of several bytes goes down from the address it names.
+void Dac::endDataByte() {
+  if (!reads_) {
+    checkAddress();
+    if (address_ < kRegisters) registers_[address_] = shift_;
+  }
+  --bytesLeft_;
+  address_ = (address_ + kAddresses - 1) % kAddresses;
+}
+
+// The falls of the clock after those of the instruction bring the bits out; the last one lets go of the line.
+void Dac::sendBit() {
+  out_ = false;
+  if (!sends()) return;
+  if (bits_ == 0) {
+    checkAddress();
+    sent_ = reg(static_cast<u8>(address_));
+  }
+  out_ = (sent_ >> (kByteBits - 1 - bits_) & 1) != 0;
+}
+
+// The part has one register more, which can only be read: its version. Here it reads as 0.
+void Dac::checkAddress() {
+  if (address_ >= kRegisters + (reads_ ? 1U : 0U)) violation("no_such_register");
+}
+
+void Dac::checkTime(Nanos since, Nanos now, Nanos least, const char* kind) {
+  if (now - since < least) violation(kind);
+}
+
+}  // namespace headend

@@ -1,4 +1,4 @@
-// A UDP server on a free port of the loopback interface, answering from a thread of its own.
+// UDP servers on a free port of the loopback interface, answering from a thread of their own.
 #pragma once
 
 #include <arpa/inet.h>
@@ -20,12 +20,12 @@
 
 namespace test {
 
-class FakeServer {
+class FakeUdpServer {
  public:
-  // Gives the datagrams to send back for a request, in order.
-  using Answer = std::function<std::vector<client::Bytes>(const client::Request&)>;
+  // Gives the datagrams to send back for one that came, in order.
+  using Answer = std::function<std::vector<client::Bytes>(const client::Bytes&)>;
 
-  explicit FakeServer(Answer answer) : answer_(std::move(answer)) {
+  explicit FakeUdpServer(Answer answer) : answer_(std::move(answer)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -37,13 +37,13 @@ class FakeServer {
     address_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
     thread_ = std::thread([this] { serve(); });
   }
-  ~FakeServer() {
+  ~FakeUdpServer() {
     stop_ = true;
     thread_.join();
     close(socket_);
   }
-  FakeServer(const FakeServer&) = delete;
-  FakeServer& operator=(const FakeServer&) = delete;
+  FakeUdpServer(const FakeUdpServer&) = delete;
+  FakeUdpServer& operator=(const FakeUdpServer&) = delete;
 
   const std::string& address() const { return address_; }
 
@@ -57,9 +57,8 @@ class FakeServer {
       socklen_t size = sizeof from;
       auto* generic = reinterpret_cast<sockaddr*>(&from);
       const ssize_t length = recvfrom(socket_, buffer.data(), buffer.size(), 0, generic, &size);
-      const auto request = client::decodeRequest(std::span(buffer).first(static_cast<std::size_t>(length)));
-      if (!request) continue;
-      for (const auto& datagram : answer_(*request)) {
+      if (length < 0) continue;
+      for (const auto& datagram : answer_(client::Bytes(buffer.begin(), buffer.begin() + length))) {
         sendto(socket_, datagram.data(), datagram.size(), 0, generic, size);
       }
     }
@@ -70,6 +69,18 @@ class FakeServer {
   std::string address_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
+};
+
+// Of the management socket.
+class FakeServer : public FakeUdpServer {
+ public:
+  using Answer = std::function<std::vector<client::Bytes>(const client::Request&)>;
+
+  explicit FakeServer(Answer answer)
+      : FakeUdpServer([answer = std::move(answer)](const client::Bytes& datagram) {
+          const auto request = client::decodeRequest(datagram);
+          return request ? answer(*request) : std::vector<client::Bytes>{};
+        }) {}
 };
 
 }  // namespace test

@@ -1,11 +1,9 @@
 // The program itself against a card behind a socket: what it does, what it says, its exit codes.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <array>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 
@@ -13,16 +11,15 @@
 #include "client/psi_capture.h"
 #include "tests/client/fake_card.h"
 #include "tests/client/fake_server.h"
+#include "tests/client/program.h"
 #include "tests/client/streams.h"
 #include "tools/psi_decode.h"
 
 namespace client {
 namespace {
 
-struct Outcome {
-  int code;
-  std::string text;  // stdout and stderr
-};
+using test::expect;
+using test::Outcome;
 
 class Qamctl : public ::testing::Test {
  public:
@@ -37,13 +34,7 @@ class Qamctl : public ::testing::Test {
   }
 
   static Outcome runWith(const std::string& arguments) {
-    FILE* pipe = popen((std::string(QAMCTL) + " " + arguments + " 2>&1").c_str(), "r");
-    Outcome outcome{.code = -1, .text = {}};
-    std::array<char, 4096> buffer{};
-    while (const std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe))
-      outcome.text.append(buffer.data(), n);
-    outcome.code = WEXITSTATUS(pclose(pipe));
-    return outcome;
+    return test::runProgram(std::string(QAMCTL) + " " + arguments);
   }
 
   std::string file(const char* name) const { return folder_ + "/" + name; }
@@ -67,11 +58,6 @@ class Qamctl : public ::testing::Test {
   std::string folder_;
   test::FakeServer server_;
 };
-
-void expect(const Outcome& outcome, int code, const std::string& part) {
-  EXPECT_EQ(outcome.code, code) << outcome.text;
-  EXPECT_NE(outcome.text.find(part), std::string::npos) << "no '" << part << "' in: " << outcome.text;
-}
 
 TEST_F(Qamctl, LoadsShowsSavesAndClears) {
   expect(run("psi load 1.2 " + test::sample("psi-eit.ts") + " --interval PAT=50 --interval CAT=9"), 0, "EIT");

@@ -1,0 +1,34 @@
+// Runs a program and holds what it said and its exit code against what a test expects.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+
+namespace test {
+
+struct Outcome {
+  int code;
+  std::string text;  // stdout and stderr
+};
+
+// `command` is for the shell.
+inline Outcome runProgram(const std::string& command) {
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  Outcome outcome{.code = -1, .text = {}};
+  std::array<char, 4096> buffer{};
+  while (const std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe))
+    outcome.text.append(buffer.data(), n);
+  outcome.code = WEXITSTATUS(pclose(pipe));
+  return outcome;
+}
+
+inline void expect(const Outcome& outcome, int code, const std::string& part) {
+  EXPECT_EQ(outcome.code, code) << outcome.text;
+  EXPECT_NE(outcome.text.find(part), std::string::npos) << "no '" << part << "' in: " << outcome.text;
+}
+
+}  // namespace test

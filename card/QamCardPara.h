@@ -20,7 +20,7 @@ struct QamParaS {
   u16 reserve0;
   u8 reserve1;
   u8 QamVersion;   // a character, '0' by default
-  u32 lo1freq;     // Hz; stored only, the first local oscillator has one frequency
+  u32 lo1freq;     // Hz; stored only
   u32 rflevel;     // 0.1 dBuV
   u32 rfreq;       // kHz, channel 1; channel 2 runs 8000 kHz above
   u32 symbolrate;  // kBd

@@ -176,8 +176,8 @@ struct QamCardPara;
 // slots only; tasks only. Two writers of one channel's filter must not overlap.
 extern "C" {
 
-// Whether packets of `pid` (0 to 0x1FFF) pass on the channel; the second sets all 8192 PIDs, the third opens
-// them.
+// Whether packets of `pid` (0 to 0x1FFF) pass on the channel (0, 1); the second sets all 8192 PIDs, the third
+// opens them.
 void qamPidSetFilter(u8 slotNo, u8 portNo, u16 pid, u8 pass);
 void qamPidFilterAllSet(u8 slotNo, u8 Port, u8 pass);
 void qamFpgaWFilter(u8 slotNo, u8 port, QamCardPara* ptr);

@@ -113,9 +113,10 @@ bool store(QamParaS& settings, u32 vid, u32 value) {
   }
 }
 
+// Firmware that still calls the older setter resets the modulator itself.
 enum class AfterConstellation { kReset, kLeaveRunning };
 
-void apply(u8 slotNo, u32 vid, u32 value, const QamParaS& settings, const cdce925_para* clockTable,
+void apply(u8 slotNo, u32 vid, u32 value, const QamParaS& settings, cdce925_para* clockTable,
            AfterConstellation afterConstellation) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
   switch (vid) {

@@ -72,7 +72,7 @@ void Qam_ResetAll(u8 slotNo) {
   delay();
 }
 
-void Qam_para_set(u8 slotNo, const QamCardPara* pQam) {
+void Qam_para_set(u8 slotNo, QamCardPara* pQam) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
   const QamParaS& settings = pQam->qam_para;
   os::taskLock();
@@ -83,12 +83,12 @@ void Qam_para_set(u8 slotNo, const QamCardPara* pQam) {
   window->pkt_len1 = 1;
   window->oport_num0 = 0;
   window->oport_num1 = 1;
-  Qam_ResetAll(slotNo);  // again: the packet length and port numbers are taken at a reset too
+  Qam_ResetAll(slotNo);  // again: the first one may have fallen into the settling of the new clock
   window->power = settings.power;
   window->rf0_en = settings.rfswitch;
   SetLO1Freq(slotNo);
   SetFreq(slotNo, settings.rfreq);
-  window->X24C16SDA = 1;
+  window->X24C16SDA = 1;  // the EEPROM's bus idles high, whatever a start-up cut short has left on it
   window->X24C16SCL = 1;
   SetRfLevel(slotNo, static_cast<u16>(settings.rflevel));
   os::taskUnlock();
@@ -201,7 +201,7 @@ void Ad9775Set(u8 slotNo) {
   loadDac(slotNo, 9, kDacRegisters);  // Q
 }
 
-void cdce925set(u8 slotNo, u32 freq, const cdce925_para* pPara) {
+void cdce925set(u8 slotNo, u32 freq, cdce925_para* pPara) {
   os::sleepMilliseconds(10);
   const cdce925_para* row = pPara;
   while (row != pPara + kClockRows && row->freq != freq) ++row;

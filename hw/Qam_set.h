@@ -12,7 +12,7 @@ extern "C" {
 void Qam_ResetAll(u8 slotNo);
 
 // Applies a whole record, with other tasks held off (but for the waits). The record is read only.
-void Qam_para_set(u8 slotNo, const QamCardPara* pQam);
+void Qam_para_set(u8 slotNo, QamCardPara* pQam);
 
 // The modulator's symbol rate in kBd, then a reset. Mind the order of the arguments. 0 changes nothing.
 void symbolrateinfpga(i32 freq, u8 slotNo);
@@ -41,5 +41,5 @@ void Ad9775Set(u8 slotNo);
 
 // The clock for a symbol rate in kBd, from the 17 rows at `pPara`. A rate without a row leaves the clock as
 // it is.
-void cdce925set(u8 slotNo, u32 freq, const cdce925_para* pPara);
+void cdce925set(u8 slotNo, u32 freq, cdce925_para* pPara);
 }

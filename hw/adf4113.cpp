@@ -33,6 +33,7 @@ struct Lines {
 };
 
 void shiftOut(const Lines& lines, u32 dat, i32 len) {
+  if (len < 1 || len > 32) return;
   for (u32 mask = 1U << (len - 1); mask != 0; mask >>= 1) {
     lines.clock = 0;
     lines.data = (dat & mask) != 0 ? 1 : 0;
@@ -59,7 +60,7 @@ void SetLO1Freq(u8 slotNo) {
 // R and N are loaded while the counters are held in reset, so that they start together.
 void set_pll(u32 addr, u32 pre, u32 pdp, u32 freq, u8 slotNo) {
   const u32 n = (freq + kStep_Hz / 2) / kStep_Hz;
-  const auto modulus = static_cast<u32>(p2scale[pre]);
+  const auto modulus = static_cast<u32>(p2scale[pre & 3]);
   const u32 a = n % modulus;
   const u32 b = n / modulus;
   const u32 function = (pre << kPrescalerBit) + (pdp << kPolarityBit) + kFunctionLatch;

@@ -13,9 +13,11 @@ void SetFreq(u8 slotNo, u32 rf);
 void SetLO1Freq(u8 slotNo);
 
 // Programs synthesizer `addr` (0 first, 1 second oscillator) to `freq` Hz, to the nearest 12.5 kHz. `pre` is
-// the prescaler's code (0 to 3: 8/9 to 64/65), `pdp` the polarity of the phase detector.
+// the prescaler's code (0 to 3: 8/9 to 64/65), `pdp` the polarity of the phase detector. The slot
+// comes last, as bench scripts in the field have it.
 void set_pll(u32 addr, u32 pre, u32 pdp, u32 freq, u8 slotNo);
 
-// The low `len` bits of `dat` into the synthesizer's shift register, then a pulse of its latch enable.
+// The low `len` bits (1 to 32) of `dat` into the synthesizer's shift register, then a pulse of its latch
+// enable.
 void latch_write(u8 slotNo, u32 addr, u32 dat, i32 len);
 }

@@ -289,7 +289,7 @@ TEST_P(OutputLevel, IsShiftedIntoTheAttenuatorUnmasked) {
 }
 
 TEST_F(ModuleTest, WithoutARecordOrAClockRowNothingIsTouched) {
-  const QamCardPara* record = fake.start(0);
+  QamCardPara* record = fake.start(0);
   SetRfLevel(1, 1000);
   EXPECT_TRUE(fake.steps.empty());
   cdce925set(0, 6900, record->Cd925_para);

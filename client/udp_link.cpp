@@ -12,7 +12,9 @@ using Clock = UdpSocket::Clock;
 
 constexpr UdpService kManagement = {
     .defaultPort = kDefaultManagementPort,
-    .advice = "see that 'headend' runs and serves this address, or name another with --server"};
+    .advice =
+        "see that 'headend' runs and serves this address, or name another with --server; a back end that "
+        "hangs with a card's bus answers nobody"};
 
 bool answers(const Reply& reply, const Request& request) {
   return reply.sequence == request.sequence && reply.operation == static_cast<u8>(request.operation) &&

@@ -164,7 +164,10 @@ void addVarCommands(CLI::App& app, const std::string& server) {
       "A bit rate takes the card half a second, in which it answers nobody else.\n"
       "A number comes as the card stores it; behind it, in brackets, what it means.");
 
-  CLI::App* set = command("set", "Set a variable of a card, which applies and saves it", tools::set);
+  CLI::App* set = command("set",
+                          "Set a variable of a card, which applies it and has it saved (a save that fails "
+                          "shows in the chassis's log alone)",
+                          tools::set);
   addSlot(set, options.slot)->required();
   set->add_option("variable", options.toSet, "what to set")
       ->required()

@@ -77,7 +77,7 @@ void Qam_Init(u8 slotNo) {
 
 void QamInit(u8 slotNo) {
   os::check(slotNo < MAX_BOARD_NUM, "slotNo<MAX_BOARD_NUM", kUnit, 50);
-  const QamCardPara* record = GetQamCardParaFromList(slotNo);
+  QamCardPara* record = GetQamCardParaFromList(slotNo);
   if (record == nullptr) return;
 
   if (QamfpgaInit(slotNo) == -1) {
@@ -90,6 +90,7 @@ void QamInit(u8 slotNo) {
 
   Qam_ResetAll(slotNo);
   cdce925_init(slotNo);
+  Ad9775Init(slotNo);
   ad7414_init(slotNo, 1);
   ad7414_init(slotNo, 2);
   Qam_para_set(slotNo, record);

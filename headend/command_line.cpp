@@ -34,7 +34,8 @@ Examples:
 
 Exit codes:
   0  the run went through (failed checks and violations are reported, no more)
-  1  a card does not run at the end, an output, a save or an upload failed, or a file cannot be used
+  1  a card does not run at the end; an output, save, upload, setting, log or trace failed or was not done by the
+     end; or a file cannot be used
   2  wrong call
   3  an interrupt routine waited, allocated, used a file or touched a register: the run was stopped)";
 
@@ -48,6 +49,12 @@ void refuseSharedFiles(const Options& options) {
     const auto [entry, isNew] = users.emplace(fs::weakly_canonical(fs::absolute(file), ignored), flag);
     if (!isNew) refuse(flag, file.string(), "is the file of " + entry->second + " already");
   };
+  users[fs::weakly_canonical(fs::absolute(options.flash / "K717_QAM" / "qam.bin"))] = "the cards";
+  for (int slot = 1; slot <= 6; ++slot) {
+    const std::string name = "card" + std::to_string(slot);
+    users[fs::weakly_canonical(fs::absolute(options.flash / "para" / (name + ".dat")))] = "the cards";
+    users[fs::weakly_canonical(fs::absolute(options.flash / "eeprom" / (name + ".bin")))] = "the cards";
+  }
   for (const auto& [channel, target] : options.outputs) {
     if (!target.starts_with("udp://")) use("--out " + client::channelName(channel), target);
   }
@@ -78,6 +85,8 @@ void checkTogether(const Options& options) {
   for (const auto& fault : options.faults) {
     if (fault.slot) demandSlot("--fault", fault.name, *fault.slot);
   }
+  for (const auto& [slot, cycle] : options.eepromCycles) demandSlot("--eeprom-cycle", "write cycle", slot);
+  if (options.powerCut) demandSlot("--power-cut", "power cut", options.powerCut->slot);
   for (const std::string& glob : options.traceLines) {
     if (options.trace.empty()) refuse("--trace-lines", glob, "needs --trace FILE.vcd");
     if (!VcdTrace::matches(glob, options.slots))
@@ -95,6 +104,9 @@ struct Texts {
   std::vector<std::string> outputs;
   std::vector<std::string> settings;
   std::vector<std::string> faults;
+  std::vector<std::string> eepromCycles;
+  std::string calibration;
+  std::string powerCut;
   std::string seconds;
   std::string manage;
   int heapFill = 0xFF;
@@ -138,6 +150,12 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
           std::to_string(client::kDefaultManagementPort) +
           ", with --fast off). It has no "
           "authentication: leave it on loopback unless the network is yours");
+  app.add_option("--calibration", t.calibration,
+                 "start the DAC calibration service, on ADDRESS:PORT of this machine (default "
+                 "127.0.0.1:49156). It has "
+                 "no authentication: leave it on loopback unless the network is yours")
+      ->expected(0, 1)
+      ->default_str("127.0.0.1:49156");
   app.add_option("--log", o.log, "debug lines into this file instead of stderr");
   app.add_option("--report", o.report, "write the report (JSON, docs/report.md) to this file at the end");
   app.add_option(
@@ -188,6 +206,15 @@ void addMachineFlags(CLI::App& app, Options& o, Texts& t) {
   app.add_option("--seed", o.seed, "for the spread of the parts' times; the same seed, the same run")
       ->capture_default_str()
       ->group(group);
+  app.add_option(
+         "--eeprom-cycle", t.eepromCycles,
+         "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; repeatable)")
+      ->group(group);
+  app.add_option("--power-cut", t.powerCut,
+                 "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of slot "
+                 "N, or at that "
+                 "time. Ends the run; what the EEPROM then holds is kept")
+      ->group(group);
   app.add_flag("--any-bitstream", o.anyBitstream,
                "the cards' FPGAs take any bitstream, not only one with length and CRC of its own")
       ->group(group);
@@ -204,6 +231,9 @@ void interpret(const Texts& t, Options& o) {
   for (const std::string& text : t.outputs) parseOutput(text, o);
   for (const std::string& text : t.settings) parseSet(text, o);
   for (const std::string& text : t.faults) parseFault(text, o);
+  for (const std::string& text : t.eepromCycles) parseEepromCycle(text, o);
+  if (!t.powerCut.empty()) parsePowerCut(t.powerCut, o);
+  if (!t.calibration.empty()) parseCalibration(t.calibration, o);
   if (!t.seconds.empty()) {
     o.duration = parseSeconds(t.seconds);
     if (!o.duration || *o.duration == 0)

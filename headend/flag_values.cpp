@@ -24,6 +24,17 @@ client::Channel channelOf(const std::string& flag, const std::string& text, cons
   return *channel;
 }
 
+std::pair<std::string, std::uint16_t> addressOf(const std::string& flag, const std::string& text,
+                                                const std::string& want) {
+  const std::size_t colon = text.rfind(':');
+  std::uint16_t port = 0;
+  const char* end = text.data() + text.size();
+  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
+  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
+  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) refuse(flag, text, want);
+  return {text.substr(0, colon), port};
+}
+
 // Takes "@SECONDS" off the end of a text; 0 where there is none.
 Nanos takeTime(const std::string& flag, std::string& text) {
   const std::size_t at = text.rfind('@');
@@ -122,16 +133,41 @@ void parseOutput(const std::string& text, Options& options) {
 
 void parseManage(const std::string& text, Options& options) {
   options.manage.reset();
-  if (text == "off") return;
-  const std::size_t colon = text.rfind(':');
-  std::uint16_t port = 0;
-  const char* end = text.data() + text.size();
-  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
-  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
-  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) {
-    refuse("--manage", text, "want ADDRESS:PORT with a port up to 65535, or off");
+  if (text != "off")
+    options.manage = addressOf("--manage", text, "want ADDRESS:PORT with a port up to 65535, or off");
+}
+
+void parseCalibration(const std::string& text, Options& options) {
+  options.calibration = addressOf("--calibration", text, "want ADDRESS:PORT with a port up to 65535");
+}
+
+void parseEepromCycle(const std::string& text, Options& options) {
+  const char* want = "want N=MILLISECONDS with N from 1 to 6 and up to 1000 ms";
+  const auto [name, value] = splitAssignment("--eeprom-cycle", text, want);
+  std::string slot = name + ".";
+  const std::optional<int> number = takeSlot(slot);
+  const std::optional<Nanos> duration = parseSeconds(value);  // taken for milliseconds
+  if (!number || !slot.empty() || !duration || *duration > 1000 * kSecond)
+    refuse("--eeprom-cycle", text, want);
+  options.eepromCycles[*number] = *duration / 1000;
+}
+
+void parsePowerCut(const std::string& text, Options& options) {
+  const char* want = "want N=EDGE with an edge from 1 on, or N=@SECONDS";
+  const auto [name, value] = splitAssignment("--power-cut", text, want);
+  std::string slot = name + ".";
+  const std::optional<int> number = takeSlot(slot);
+  if (!number || !slot.empty()) refuse("--power-cut", text, want);
+  Options::PowerCut cut{.slot = *number, .edge = 0, .at = 0};
+  if (value.front() == '@') {
+    std::string time = value;
+    cut.at = takeTime("--power-cut", time);
+  } else {
+    const char* end = value.data() + value.size();
+    const auto [stop, error] = std::from_chars(value.data(), end, cut.edge);
+    if (error != std::errc() || stop != end || cut.edge == 0) refuse("--power-cut", text, want);
   }
-  options.manage = {text.substr(0, colon), port};
+  options.powerCut = cut;
 }
 
 void parseSet(const std::string& text, Options& options) {

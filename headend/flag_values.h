@@ -19,6 +19,9 @@ void parseInterval(const std::string& text, Options& options);
 void parseOutput(const std::string& text, Options& options);
 void parseManage(const std::string& text, Options& options);
 void parseSet(const std::string& text, Options& options);
+void parseCalibration(const std::string& text, Options& options);
+void parseEepromCycle(const std::string& text, Options& options);
+void parsePowerCut(const std::string& text, Options& options);
 void parseFault(const std::string& text, Options& options);
 
 }  // namespace headend

@@ -18,6 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr std::uint16_t kCalibrationPort = 49156;
+
 constexpr const char* kBitstream = "K717_QAM/qam.bin";
 
 // Sleeps until the wall clock has come as far as virtual time, with an ear for datagrams and signals.
@@ -54,7 +56,8 @@ Headend::Headend(Options options)
       bus_(violations_),
       chassis_(kernel_, bus_, flash_, log_),
       backEnd_(kernel_, network_, chassis_, monitor_, log_),
-      operator_(kernel_, network_, chassis_, log_) {
+      operator_(kernel_, network_, chassis_, log_),
+      eepromFiles_(options_.flash) {
   if (!fs::is_directory(options_.flash)) {
     throw std::runtime_error(
         fmt::format("there is no flash folder {0}: make one with headend --init-flash --flash {0}",
@@ -64,6 +67,10 @@ Headend::Headend(Options options)
   installCards();
   openOutputs();
   if (options_.manage) backEnd_.socket().openToHost(options_.manage->first, options_.manage->second);
+  if (options_.calibration) {
+    sockets_.expose(kCalibrationPort, options_.calibration->first, options_.calibration->second);
+    chassis_.serveCalibration();
+  }
   lookAtParameterFiles();
   setRunning(this);
   chassis_.start(options_.slots);
@@ -94,6 +101,10 @@ void Headend::installCards() {
                                                .seed = options_.seed * kSlots + static_cast<unsigned>(slot)};
     cards_[index] = std::make_unique<CardFpga>(settings, violations_);
     ports_[index] = std::make_unique<ConfigPort>(cards_[index]->configuration(), violations_);
+    eepromFiles_.load(slot, cards_[index]->board().eeprom());
+    if (const auto cycle = options_.eepromCycles.find(slot); cycle != options_.eepromCycles.end()) {
+      cards_[index]->board().eeprom().writeCycle(cycle->second);
+    }
     bus_.attach(slot, *cards_[index], *ports_[index]);
     cards_[index]->onConfiguration(
         [this, slot](bool complete, Nanos now) { noteConfiguration(slot, complete, now); });
@@ -101,6 +112,7 @@ void Headend::installCards() {
         [this, slot](u32 offset, u16 value, Nanos now) { noteRegister(slot, offset, value, now); });
   }
   scheduleFaults();
+  scheduleLossOfPower();
   chassis_.onInitReturned([this](int slot) {
     ports_[static_cast<std::size_t>(slot)]->loaderLeft();
     if (trace_ == nullptr) card(slot).onRegister(nullptr);  // nobody is interested any more
@@ -121,6 +133,37 @@ void Headend::scheduleFaults() {
         kind.inject(card(slot).board(), kernel_.now());
       });
     }
+  }
+}
+
+std::string Headend::calibrationAddress() const {
+  return sockets_.hostAddress(kCalibrationPort);
+}
+
+void Headend::scheduleLossOfPower() {
+  if (!options_.powerCut) return;
+  CardBoard& board = card(options_.powerCut->slot).board();
+  const auto end = [this] {
+    powerCut_ = true;
+    kernel_.stop();
+  };
+  if (options_.powerCut->edge != 0) {
+    board.cutPowerAt(options_.powerCut->edge, end);
+  } else {
+    kernel_.at(options_.powerCut->at, [this, end] {
+      for (const int slot : options_.slots) card(slot).board().cutPower(kernel_.now());
+      end();
+    });
+  }
+}
+
+// At each tick, for whoever ends this process by force has pulled the plug, and not wiped the EEPROM.
+void Headend::keepEeproms() {
+  for (const int slot : options_.slots) {
+    const std::string error = eepromFiles_.save(slot, card(slot).board().eeprom(), kernel_.now());
+    if (error.empty()) continue;
+    if (eepromsKept_) log_.line(kernel_.now(), "headend", error);
+    eepromsKept_ = false;
   }
 }
 
@@ -195,6 +238,7 @@ int Headend::run(const std::atomic<bool>& interrupted) {
 }
 
 void Headend::finishOutputs() {
+  keepEeproms();
   for (const int slot : options_.slots) card(slot).advanceOutputs(kernel_.now());
   for (const auto& [channel, sink] : sinks_) sink->flush();
 }
@@ -211,11 +255,15 @@ int Headend::exitCode() {
     complain(sink->error());
     failed = true;
   }
-  for (const std::string& complaint : operator_.complaints()) {
+  if (!eepromsKept_) {
+    complain("a calibration EEPROM could not be kept in the flash folder");
+    failed = true;
+  }
+  for (const std::string& complaint : powerCut_ ? std::vector<std::string>{} : operator_.complaints()) {
     complain(complaint);
     failed = true;
   }
-  for (const int slot : options_.slots) {
+  for (const int slot : powerCut_ ? std::vector<int>{} : options_.slots) {
     if (state(slot) == CardState::kRunning) continue;
     complain(fmt::format("the card in slot {} does not run: {}", slot + 1, stateName(state(slot))));
     failed = true;
@@ -284,7 +332,8 @@ void Headend::auxiliaryClock() {
 
 void Headend::systemClock() {
   if (*interrupted_) kernel_.stop();
-  if (options_.fast && options_.manage) network_.pollHost(0);
+  if (options_.fast && (options_.manage || options_.calibration)) network_.pollHost(0);
+  keepEeproms();
   if (onTick_) onTick_();
 }
 

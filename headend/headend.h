@@ -9,10 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "headend/eeprom_files.h"
 #include "headend/firmware/back_end.h"
 #include "headend/firmware/carousel_monitor.h"
 #include "headend/firmware/chassis.h"
 #include "headend/firmware/operator.h"
+#include "headend/firmware/socket_table.h"
 #include "headend/hardware/bus.h"
 #include "headend/hardware/packet_sink.h"
 #include "headend/kernel/flash.h"
@@ -68,6 +70,8 @@ class Headend final : private KernelObserver {
   const std::vector<ParkedTask>& parkedTasks() const { return parkedTasks_; }
   const std::vector<LongWait>& longWaits() const { return longWaits_; }
   CardState state(int slot) const;
+  bool powerWasCut() const { return powerCut_; }
+  std::string calibrationAddress() const;
   std::string managementAddress() { return backEnd_.socket().hostAddress(); }
 
   // For the services of platform/.
@@ -78,6 +82,7 @@ class Headend final : private KernelObserver {
   Heap& heap() { return heap_; }
   const Flash& flash() const { return flash_; }
   Bus& bus() { return bus_; }
+  SocketTable& sockets() { return sockets_; }
   void checkFailed(const char* text, const char* unit, int line);
   void heapExhausted(std::size_t size);
   void debugPrint(const char* format, std::va_list args);
@@ -98,6 +103,8 @@ class Headend final : private KernelObserver {
   void openOutputs();
   void installCards();
   void scheduleFaults();
+  void scheduleLossOfPower();
+  void keepEeproms();
   void lookAtParameterFiles();
   void noteConfiguration(int slot, bool complete, Nanos now);
   void noteRegister(int slot, u32 offset, u16 value, Nanos now);
@@ -118,6 +125,10 @@ class Headend final : private KernelObserver {
   Chassis chassis_;
   BackEnd backEnd_;
   Operator operator_;
+  SocketTable sockets_{network_};
+  EepromFiles eepromFiles_;
+  bool eepromsKept_ = true;
+  bool powerCut_ = false;
   std::map<client::Channel, std::unique_ptr<PacketSink>> sinks_;
   std::FILE* busLog_ = nullptr;
   std::unique_ptr<VcdTrace> trace_;

@@ -59,6 +59,10 @@ int run(const headend::Options& options) {
     fmt::print("management on {}\n", machine.managementAddress());
     std::fflush(stdout);
   }
+  if (options.calibration) {
+    fmt::print("calibration on {}\n", machine.calibrationAddress());
+    std::fflush(stdout);
+  }
   const int code = machine.run(interrupted);
   if (!options.report.empty()) writeReport(options.report, headend::reportText(machine));
   return code;

@@ -43,6 +43,13 @@ struct Options {
     Nanos at = 0;
   };
 
+  // The power goes, at an edge of the slot's DAC and EEPROM lines or at a time.
+  struct PowerCut {
+    int slot = 0;
+    std::uint64_t edge = 0;  // from 1; 0: at the time
+    Nanos at = 0;
+  };
+
   std::filesystem::path flash = "flash";
   bool initFlash = false;
   std::vector<int> slots;
@@ -52,9 +59,12 @@ struct Options {
   std::vector<Setting> settings;
   std::vector<Temperature> temperatures;
   std::vector<Fault> faults;
+  std::map<int, Nanos> eepromCycles;  // by slot
+  std::optional<PowerCut> powerCut;
   std::optional<Nanos> duration;
   bool fast = false;
-  std::optional<std::pair<std::string, std::uint16_t>> manage;  // none: off
+  std::optional<std::pair<std::string, std::uint16_t>> manage;       // none: off
+  std::optional<std::pair<std::string, std::uint16_t>> calibration;  // none: no service
   std::string log;
   std::string report;
   std::string busLog;

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "hw/ad9775.h"
+
 namespace headend {
 namespace {
 
@@ -78,15 +80,31 @@ Json channel(Headend& headend, int slot, int port) {
   return entry;
 }
 
-Json startup(const StartupTimeline& timeline) {
+Json startup(Headend& headend, int slot) {
+  const StartupTimeline& timeline = headend.chassis().timeline(slot);
   Json phases = Json::array();
-  for (const StartupTimeline::Phase& phase : timeline.phases()) {
+  for (const auto& phase : timeline.phases(headend.kernel().now(), headend.bus().accesses(slot))) {
     phases.push_back({{"phase", phase.name},
                       {"from_ms", milliseconds(phase.from)},
                       {"ms", milliseconds(phase.until - phase.from)},
                       {"bus_accesses", phase.busAccesses}});
   }
   return phases;
+}
+
+// What the DAC has taken, what its EEPROM holds for it, and whether that would trouble a real part's port.
+Json calibration(Headend& headend, int slot) {
+  CardBoard& board = headend.card(slot).board();
+  Json dac = Json::array();
+  Json eeprom = Json::array();
+  for (u8 n = 0; n < kDacRegisters; ++n) {
+    dac.push_back(board.dac().reg(n));
+    eeprom.push_back(board.eeprom().image(headend.kernel().now())[n]);
+  }
+  return {{"dac", std::move(dac)},
+          {"eeprom", std::move(eeprom)},
+          {"dac_port_at_risk", board.dac().portAtRisk()},
+          {"edges", board.calibrationEdges()}};
 }
 
 Json card(Headend& headend, int slot) {
@@ -97,9 +115,10 @@ Json card(Headend& headend, int slot) {
                 {"state", stateName(headend.state(slot))},
                 {"lcd", std::move(lcd)},
                 {"startup_ms", s.initTook ? Json(milliseconds(*s.initTook)) : Json(nullptr)},
-                {"startup", startup(s.timeline)},
+                {"startup", startup(headend, slot)},
                 {"fpga_attempts", headend.card(slot).configuration().attempts()},
-                {"saves", s.saves}};
+                {"saves", s.saves},
+                {"calibration", calibration(headend, slot)}};
   for (const Headend::ParkedTask& parked : headend.parkedTasks()) {
     if (!parked.still || parked.slot != slot) continue;
     entry["hung"] = {

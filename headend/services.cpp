@@ -1,5 +1,6 @@
 // The services of platform/, carried out by the running headend: the one place through which the module
 // reaches it.
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include "platform/files.h"
 #include "platform/mainboard.h"
 #include "platform/memory.h"
+#include "platform/sockets.h"
 
 namespace headend {
 namespace {
@@ -79,6 +81,42 @@ void* malloc(std::size_t size) {
 void free(void* block) {
   kernel().charge("free", costs().memoryCall);
   running->heap().release(block);
+}
+
+int socket(int domain, int type, int /*protocol*/) {
+  kernel().charge("socket", costs().kernelCall);
+  return domain == AF_INET && type == SOCK_DGRAM ? running->sockets().open() : ERROR;
+}
+
+int bind(int s, sockaddr_in* name, int length) {
+  kernel().charge("bind", costs().kernelCall);
+  return length == sizeof *name ? running->sockets().bind(s, name->sin_port) : ERROR;
+}
+
+int recvfrom(int s, char* buffer, int length, int /*flags*/, sockaddr_in* from, int* fromLength) {
+  kernel().charge("recvfrom", costs().kernelCall);
+  const std::optional<headend::Datagram> datagram = running->sockets().receive(s);
+  if (!datagram) return ERROR;
+  const std::size_t size = std::min(datagram->bytes.size(), static_cast<std::size_t>(length));
+  std::copy_n(datagram->bytes.begin(), size, buffer);
+  *from = {};
+  from->sin_len = sizeof *from;
+  from->sin_family = AF_INET;
+  from->sin_port = datagram->from.port;
+  from->sin_addr = datagram->from.address;
+  *fromLength = sizeof *from;
+  return static_cast<int>(size);
+}
+
+int sendto(int s, char* buffer, int length, int /*flags*/, sockaddr_in* to, int /*toLength*/) {
+  kernel().charge("sendto", costs().kernelCall);
+  return running->sockets().send(s, {.address = to->sin_addr, .port = to->sin_port},
+                                 {buffer, buffer + length});
+}
+
+int close(int s) {
+  kernel().charge("close", costs().kernelCall);
+  return running->sockets().close(s);
 }
 
 void countingLoop(u32 turns) {

@@ -15,12 +15,13 @@ bool movesItsCursor() {
   return kind != nullptr && std::string_view(kind) != "dumb";
 }
 
-// "554.000 MHz  100.0 dBuV  64-QAM  6875 kBd  on air"
+// "554.000 MHz  100.0 dBuV  64-QAM  6875 kBd (clock 6875.000)  on air"
 std::string rfLine(const RfOutput& output) {
   const std::string frequency =
       output.frequency_kHz ? fmt::format("{:.3f} MHz", *output.frequency_kHz / 1e3) : "no carrier";
-  return fmt::format("{}  {:.1f} dBuV  {}  {} kBd  {}{}{}", frequency, output.level_dBuV,
-                     constellationName(output).value_or("no constellation"), output.symbolRate_kBd,
+  const std::string clock = output.clock_kBd ? fmt::format("{:.3f}", *output.clock_kBd) : "none";
+  return fmt::format("{}  {:.1f} dBuV  {}  {} kBd (clock {})  {}{}{}", frequency, output.level_dBuV,
+                     constellationName(output).value_or("no constellation"), output.symbolRate_kBd, clock,
                      verdictName(output.verdict), output.why.empty() ? "" : ": ", output.why);
 }
 
@@ -52,11 +53,28 @@ void StatusView::showProgress() {
 void StatusView::announceChanges() {
   for (const int slot : headend_.options().slots) {
     const Headend::CardState state = headend_.state(slot);
+    for (u32 port = 0; port < MAX_QAM_OUT_NUM; ++port) announceOutput({static_cast<u16>(slot), port});
     const auto [entry, isNew] = announced_.emplace(slot, state);
     if (!isNew && entry->second == state) continue;
     entry->second = state;
     fmt::print("{:.3f} s: card {} {}\n", static_cast<double>(headend_.kernel().now()) / 1e9, slot + 1,
                stateName(state));
+    std::fflush(stdout);
+  }
+}
+
+// Once it has lasted for a second: a setting goes through a reset, and a start-up through everything.
+void StatusView::announceOutput(client::Channel channel) {
+  const Nanos now = headend_.kernel().now();
+  Shown& shown = outputs_[channel];
+  const std::string line = rfLine(headend_.card(channel.slot).rf(channel.port, now));
+  if (line != shown.now) {
+    shown.now = line;
+    shown.since = now;
+  } else if (line != shown.announced && now - shown.since >= kSecond) {
+    shown.announced = line;
+    fmt::print("{:.3f} s: {}  {}\n", static_cast<double>(shown.since) / 1e9, client::channelName(channel),
+               line);
     std::fflush(stdout);
   }
 }

@@ -1,6 +1,6 @@
 // The plain view for a person who watches: a table of the cards, drawn over itself on a terminal once a
-// second; where output is no terminal, a line whenever a card's state changes. With --fast, how far the run
-// has come.
+// second; where output is no terminal, a line whenever a card's state or what it has on the air changes. With
+// --fast, how far the run has come.
 #pragma once
 
 #include <chrono>
@@ -19,6 +19,7 @@ class StatusView {
   using Clock = std::chrono::steady_clock;
   void draw();
   void announceChanges();
+  void announceOutput(client::Channel channel);
   void showProgress();
   std::string table();
 
@@ -29,6 +30,12 @@ class StatusView {
   std::size_t linesDrawn_ = 0;
   std::uint64_t logLinesThen_ = 0;
   std::map<int, Headend::CardState> announced_;
+  struct Shown {
+    std::string announced;
+    std::string now;
+    Nanos since = 0;
+  };
+  std::map<client::Channel, Shown> outputs_;
 };
 
 }  // namespace headend

@@ -4,6 +4,7 @@
 
 #include "card/QamInit.h"
 #include "card/qamVar.h"
+#include "hw/ad9775_ctrl.h"
 
 namespace headend {
 
@@ -21,6 +22,7 @@ void Chassis::start(const std::vector<int>& slots) {
       slot.timeline.end(kernel_.now(), bus_.accesses(number));
       slot.registrationFailed = slot.descriptor == nullptr;
     }
+    if (servesCalibration_) Ad9775Ctrl_Init(0);
     for (const int number : slots) {
       kernel_.spawn(
           fmt::format("tSlot{}", number + 1), kSlotStartPriority, [this, number] { startSlot(number); },

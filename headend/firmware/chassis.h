@@ -41,6 +41,9 @@ class Chassis {
   // Starts the cards of these slots (0..5): registration first, then each slot's `init`.
   void start(const std::vector<int>& slots);
 
+  // Starts the calibration service once the cards are registered.
+  void serveCalibration() { servesCalibration_ = true; }
+
   const Slot& slot(int number) const { return slots_[static_cast<std::size_t>(number)]; }
   StartupTimeline& timeline(int number) { return slots_[static_cast<std::size_t>(number)].timeline; }
   bool saveFailed() const { return saveFailed_; }
@@ -69,6 +72,7 @@ class Chassis {
   std::array<std::string, kPanelLines> panel_;
   std::function<void(int)> onInitReturned_;
   bool saveFailed_ = false;
+  bool servesCalibration_ = false;
 };
 
 }  // namespace headend

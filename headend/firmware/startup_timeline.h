@@ -46,7 +46,12 @@ class StartupTimeline {
   }
 
   bool running() const { return running_; }
-  const std::vector<Phase>& phases() const { return phases_; }
+  // A phase that still runs has lasted until `now`.
+  std::vector<Phase> phases(Nanos now, std::uint64_t busAccesses) const {
+    StartupTimeline ended = *this;
+    ended.end(now, busAccesses);
+    return ended.phases_;
+  }
 
  private:
   // The register that a phase touches before anything else does.
@@ -57,6 +62,7 @@ class StartupTimeline {
   static constexpr std::array kDevicePhases = {
       DevicePhase{offsetOf("nrst"), "modulator reset"},
       DevicePhase{offsetOf("cdce925_sda"), "clock generator"},
+      DevicePhase{offsetOf("ad9775_1_rst"), "DAC calibration"},
       DevicePhase{offsetOf("ad7414_sda"), "temperature sensor 1"},
       DevicePhase{offsetOf("ext_ad7414_sda"), "temperature sensor 2"},
       DevicePhase{offsetOf("qam_mode"), "settings"},

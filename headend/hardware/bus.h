@@ -50,7 +50,7 @@ class Bus {
     return place.device == nullptr ? kNobody : place.device->read(place.offset, now);
   }
 
-  std::string registerName(const volatile void* reg) const;  // "slot 1 PsiRdy0"
+  std::string registerName(const volatile void* reg) const;              // "slot 1 PsiRdy0"
   int slotOf(const volatile void* reg) const { return find(reg).slot; }  // -1: an address without a device
   std::uint64_t accesses(int slot) const { return accesses_[static_cast<std::size_t>(slot)]; }
 

@@ -16,19 +16,71 @@ constexpr u32 kSensor1Scl = offsetOf("ad7414_scl");
 constexpr u32 kSensor1Sda = offsetOf("ad7414_sda");
 constexpr u32 kSensor2Scl = offsetOf("ext_ad7414_scl");
 constexpr u32 kSensor2Sda = offsetOf("ext_ad7414_sda");
+constexpr u32 kEepromScl = offsetOf("X24C16SCL");
+constexpr u32 kEepromSda = offsetOf("X24C16SDA");
+
+// The lines of a calibration, which a power cut counts.
+enum CalibrationLine : std::size_t { kSclEdge, kSdaEdge, kResetEdge, kSelectEdge, kClockEdge, kDataEdge };
 
 }  // namespace
 
-CardBoard::CardBoard(Violations& violations)
+CardBoard::CardBoard(Violations& violations, unsigned seed)
     : clockGenerator_(kClockInput_Hz, violations),
       sensor1_(kSensorAddress, "sensor1", violations),
       sensor2_(kSensorAddress, "sensor2", violations),
       firstOscillator_("lo1", kReference_Hz, true, violations),
       secondOscillator_("lo2", kReference_Hz, false, violations),
-      attenuator_("attenuator", violations) {}
+      attenuator_("attenuator", violations),
+      dac_("dac", violations),
+      eeprom_(violations, seed) {}
+
+void CardBoard::pullAllLow(Nanos now) {
+  for (const u32 clock : {kClockScl, kSensor1Scl, kSensor2Scl, kEepromScl}) drive(clock, false, now);
+  for (u32 offset = 0; offset < kCardWindowSize; offset += 2) {
+    if (cardRegister(offset).kind == CardRegister::kLine) drive(offset, false, now);
+  }
+}
+
+// The edge itself still reaches its device.
+void CardBoard::countEdge(std::size_t line, bool level, Nanos now) {
+  if (calibrationLevels_[line] == level) return;
+  calibrationLevels_[line] = level;
+  if (++calibrationEdges_ != cutAt_) return;
+  cutPower(now);
+  if (onCut_) onCut_();
+}
+
+void CardBoard::cutPowerAt(std::uint64_t edge, std::function<void()> hook) {
+  cutAt_ = edge;
+  onCut_ = std::move(hook);
+}
+
+void CardBoard::cutPower(Nanos now) {
+  eeprom_.powerCut(now);
+  powerless_ = true;
+}
 
 void CardBoard::drive(u32 offset, bool level, Nanos now) {
+  if (powerless_) return;
   switch (offset) {
+    case kEepromScl:
+      eepromBus_.driveClock(level, now);
+      return countEdge(kSclEdge, level, now);
+    case kEepromSda:
+      eepromBus_.driveData(level, now);
+      return countEdge(kSdaEdge, level, now);
+    case offsetOf("ad9775_1_rst"):
+      dac_.reset(level, now);
+      return countEdge(kResetEdge, level, now);
+    case offsetOf("ad9775_1_cs"):
+      dac_.chipSelect(level, now);
+      return countEdge(kSelectEdge, level, now);
+    case offsetOf("ad9775_1_clk"):
+      dac_.clock(level, now);
+      return countEdge(kClockEdge, level, now);
+    case offsetOf("ad9775_1_sdio"):
+      dac_.dataIn(level, now);
+      return countEdge(kDataEdge, level, now);
     case kClockScl:
       return clockBus_.driveClock(level, now);
     case kClockSda:
@@ -80,6 +132,12 @@ std::optional<bool> CardBoard::sense(u32 offset, Nanos now) {
       return sensorBus2_.clock(now);
     case kSensor2Sda:
       return sensorBus2_.data(now);
+    case kEepromScl:
+      return eepromBus_.clock(now);
+    case kEepromSda:
+      return eepromBus_.data(now);
+    case offsetOf("ad9775_1_sdo"):
+      return dac_.dataOut();
     default:
       return {};
   }
@@ -99,6 +157,12 @@ std::optional<u32> CardBoard::companion(u32 offset) {
       return kSensor2Sda;
     case kSensor2Sda:
       return kSensor2Scl;
+    case kEepromScl:
+      return kEepromSda;
+    case kEepromSda:
+      return kEepromScl;
+    case offsetOf("ad9775_1_clk"):
+      return offsetOf("ad9775_1_sdo");
     default:
       return {};
   }

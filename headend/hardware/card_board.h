@@ -1,13 +1,18 @@
 // The devices of a card, wired to the lines of its FPGA: clock generator, temperature sensors, synthesizers,
-// attenuator. Knows which line goes where; the devices know nothing of registers.
+// attenuator, DAC and calibration EEPROM. Knows which line goes where; the devices know nothing of registers.
 #pragma once
 
+#include <array>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "headend/hardware/attenuator.h"
 #include "headend/hardware/clock_generator.h"
+#include "headend/hardware/dac.h"
+#include "headend/hardware/eeprom.h"
 #include "headend/hardware/open_drain_bus.h"
 #include "headend/hardware/synthesizer.h"
 #include "headend/hardware/temperature_sensor.h"
@@ -17,13 +22,15 @@ namespace headend {
 
 class CardBoard {
  public:
-  explicit CardBoard(Violations& violations);
+  CardBoard(Violations& violations, unsigned seed);
 
   // The FPGA drives one of its lines. Registers that are no lines of these devices are ignored.
   void drive(u32 offset, bool level, Nanos now);
+  // The FPGA starts up anew: it pulls every line low, clocks first, so that no bus sees a start.
+  void pullAllLow(Nanos now);
   // What the FPGA sees on a line that others drive too; nothing where it only sees its own register.
   std::optional<bool> sense(u32 offset, Nanos now);
-  // The other line of the bus to which a line belongs: a device may answer there.
+  // The line on which a device may answer a change of this one.
   static std::optional<u32> companion(u32 offset);
 
   ClockGenerator& clockGenerator() { return clockGenerator_; }
@@ -36,10 +43,24 @@ class CardBoard {
   Attenuator& attenuator() { return attenuator_; }
   const Attenuator& attenuator() const { return attenuator_; }
 
+  Dac& dac() { return dac_; }
+  Eeprom& eeprom() { return eeprom_; }
+
   OpenDrainBus& clockBus() { return clockBus_; }
+  OpenDrainBus& eepromBus() { return eepromBus_; }
   OpenDrainBus& sensorBus(int number) { return number == 1 ? sensorBus1_ : sensorBus2_; }
 
+  // Changes of the lines to DAC and EEPROM, which are the points at which a calibration can be cut short.
+  std::uint64_t calibrationEdges() const { return calibrationEdges_; }
+  // The power goes at that edge: the hook is called, and from then on nothing moves.
+  void cutPowerAt(std::uint64_t edge, std::function<void()> hook);
+  void cutPower(Nanos now);
+
  private:
+  static constexpr std::size_t kCalibrationLines = 6;
+
+  void countEdge(std::size_t line, bool level, Nanos now);
+
   ClockGenerator clockGenerator_;
   TemperatureSensor sensor1_;
   TemperatureSensor sensor2_;
@@ -49,6 +70,15 @@ class CardBoard {
   Synthesizer firstOscillator_;
   Synthesizer secondOscillator_;
   Attenuator attenuator_;
+  Dac dac_;
+  Eeprom eeprom_;
+  OpenDrainBus eepromBus_{&eeprom_};
+
+  std::array<bool, kCalibrationLines> calibrationLevels_{};
+  std::uint64_t calibrationEdges_ = 0;
+  std::uint64_t cutAt_ = 0;  // 0: never
+  std::function<void()> onCut_;
+  bool powerless_ = false;
 };
 
 }  // namespace headend

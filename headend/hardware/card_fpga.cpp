@@ -24,7 +24,7 @@ constexpr std::array kPort = {offsetOf("oport_num0"), offsetOf("oport_num1")};
 CardFpga::CardFpga(const FpgaConfiguration::Settings& settings, Violations& violations)
     : configuration_(settings, violations),
       violations_(violations),
-      board_(violations),
+      board_(violations, settings.seed),
       psiPorts_{PsiPort(outputs_[0], violations), PsiPort(outputs_[1], violations)} {
   configuration_.onChange([this](bool configured, Nanos now) {
     if (configured) {
@@ -43,17 +43,15 @@ void CardFpga::becomeBlank(Nanos now) {
 // Every register is 0 and every line low.
 void CardFpga::startUp(Nanos now) {
   cells_.fill(0);
-  for (u32 offset = 0; offset < kWindowSize; offset += 2) {
-    if (cardRegister(offset).kind == CardRegister::kLine) board_.drive(offset, false, now);
-  }
+  board_.pullAllLow(now);
+  rateCounters_ = {};
   modulator_.powerUp();
   for (PsiPort& port : psiPorts_) port.reset();
   for (Multiplexer& output : outputs_) output.start(now, modulator_.rate());
 }
 
 u16 CardFpga::read(u32 offset, Nanos now) {
-  if (!configuration_.done()) return kBlank;
-  const u16 value = level(offset, now);
+  const u16 value = configuration_.done() ? level(offset, now) : kBlank;
   if (onRegister_) onRegister_(offset, value, now);
   return value;
 }
@@ -89,7 +87,10 @@ u16 CardFpga::rateCount(u32 offset, Nanos now) {
 }
 
 void CardFpga::write(u32 offset, u16 value, Nanos now) {
-  if (!configuration_.done()) return;
+  if (!configuration_.done()) {
+    if (onRegister_) onRegister_(offset, kBlank, now);
+    return;
+  }
   const CardRegister& reg = cardRegister(offset);
   if (!reg.isDrivers()) {
     violations_.count("write_to_register_of_the_card");

@@ -72,9 +72,9 @@ void Eeprom::started(Nanos /*now*/) {
   forgetPage();
 }
 
-// A stop inside a byte, a violation that the protocol counts, still confirms the bytes before it.
 void Eeprom::stopped(Nanos now) {
   if (buffered_ == 0) return;
+  if (inByte()) return forgetPage();
   buffered_ = 0;
   cycleEndsAt_ = now + cycle_;
 }

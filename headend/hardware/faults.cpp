@@ -15,6 +15,7 @@ constexpr BusName kBuses[] = {
     {"clock", "the clock generator", [](CardBoard& b) -> OpenDrainBus& { return b.clockBus(); }},
     {"sensor1", "temperature sensor 1", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(1); }},
     {"sensor2", "temperature sensor 2", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(2); }},
+    {"eeprom", "the calibration EEPROM", [](CardBoard& b) -> OpenDrainBus& { return b.eepromBus(); }},
 };
 
 struct BusFaultName {

@@ -65,10 +65,10 @@ void I2cSlave::start(Nanos now) {
   }
   phase_ = Phase::kAddress;
   firstFall_ = true;
-  bits_ = 0;
   pulls_ = false;
   startAt_ = now;
   started(now);
+  bits_ = 0;
 }
 
 void I2cSlave::stop(Nanos now) {
@@ -82,10 +82,10 @@ void I2cSlave::stop(Nanos now) {
   checkEndOfTransfer();
   phase_ = Phase::kIdle;
   firstFall_ = false;
-  bits_ = 0;
   pulls_ = false;
   stopAt_ = now;
   stopped(now);
+  bits_ = 0;
 }
 
 // The master that reads says which byte is the last, by not acknowledging it.

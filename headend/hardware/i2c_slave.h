@@ -38,6 +38,9 @@ class I2cSlave {
   virtual void started(Nanos /*now*/) {}
   virtual void stopped(Nanos /*now*/) {}
 
+  // In started() and stopped(): the condition came inside a byte.
+  bool inByte() const { return bits_ != 0; }
+
   // Counts a violation "<name>_<kind>".
   void violation(const char* kind) { violations_.count(name_ + "_" + kind); }
 

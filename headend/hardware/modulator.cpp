@@ -1,5 +1,7 @@
 #include "headend/hardware/modulator.h"
 
+#include <algorithm>
+
 namespace headend {
 namespace {
 
@@ -39,8 +41,9 @@ std::uint32_t Modulator::programmedRate_kBd() const {
 
 // Packets keep the pace of 64-QAM where the code says nothing.
 BitRate Modulator::rate() const {
+  constexpr std::uint32_t kFastest_kBd = 20'000;  // the logic follows no faster clock
   const unsigned bits = bitsOf(inForce_.code);
-  return BitRate::ofModulation(inForce_.symbolRate_kBd, bits == 0 ? 6 : bits);
+  return BitRate::ofModulation(std::min(inForce_.symbolRate_kBd, kFastest_kBd), bits == 0 ? 6 : bits);
 }
 
 }  // namespace headend

@@ -95,6 +95,10 @@ const char* verdictName(RfOutput::Verdict verdict) {
 RfOutput rfOutput(std::size_t channel, const RfSwitches& switches, const Modulator& modulator,
                   const CardBoard& board, Nanos now) {
   RfOutput output;
+  if (!switches.configured) {
+    output.why = offReason(switches);
+    return output;
+  }
   output.symbolRate_kBd = modulator.symbolRate_kBd();
   output.constellation = modulator.constellation();
   output.bitRate = modulator.rate().perSecond();

@@ -13,8 +13,8 @@ namespace headend {
 struct RfOutput {
   enum class Verdict { kOnAir, kOff, kFaulty };
 
-  std::optional<double> frequency_kHz;  // none where an oscillator does not run
-  double level_dBuV = 0;
+  std::optional<double> frequency_kHz;    // none where an oscillator does not run
+  double level_dBuV = 0;                  // 0 where nothing comes out
   std::uint32_t symbolRate_kBd = 0;       // as the modulator was told
   std::optional<double> clock_kBd;        // as the clock generator gives it
   std::optional<unsigned> constellation;  // points

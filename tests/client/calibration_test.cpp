@@ -286,6 +286,7 @@ TEST_F(Qamcal, WatchesUntilItIsInterrupted) {
   const Outcome watched = run("--timeout 1 watch 3 --every 0.1", "echo $$ >" + file("pid") + "; exec ");
   expect(watched, 0, "slot 3\n");
   expect(watched, 0, "0x05  0x12 -> 0x13  I fine gain: 18 -> 19\n");
+  EXPECT_EQ(watched.text.find("18 -> 19"), watched.text.rfind("18 -> 19"));  // once
   expect(watched, 0, "no reply for slot 3");
   expect(watched, 0, "answers again");
 }

@@ -94,6 +94,7 @@ WRONG = [
     ('--set 1.rfreq=500000@soon', 'seconds'), ('--set 1.rfreq=0x7A120', '52000'), ('--set 1.rfreq=', 'N.NAME'),
     ('--set 1.temperature1=128', '-55.*127'), ('--set 1.temperature3=20', 'temperature1'),
     ('--set 1.temperature1=nan', '-55.*127'), ('--set 3.temperature1=20', '--card 3'),
+    ('--trace FLASH/para/card1.dat', 'the cards'), ('--report FLASH/K717_QAM/qam.bin', 'the cards'),
     ('--fault no-such', '--fault help'), ('--fault 2.lo1-no-latch', '--card 2'), ('--fault lo1-no-latch@x', 'seconds'),
 ]
 
@@ -102,8 +103,8 @@ def wrong_calls(case):
     flash = case.flash()
     before = harness.tree(flash)
     for flags, text in WRONG:
-        case.says(case.execute([case.args.headend, '--flash', flash, '--fast', '--seconds', '1', *flags.split()], (2,)),
-                  text)
+        words = [word.replace('FLASH', flash) for word in flags.split()]
+        case.says(case.execute([case.args.headend, '--flash', flash, '--fast', '--seconds', '1', *words], (2,)), text)
     case.equal(harness.tree(flash), before, 'flash folder')
     case.says(case.execute([case.args.headend, '--fault', 'help']), 'lo1-no-latch', 'sensor2-absent', 'clock-sda-low')
 

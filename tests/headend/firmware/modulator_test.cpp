@@ -226,7 +226,8 @@ TEST(Modulator, MeasuresTheRatesThatLeave) {
           if (text != fmt::format("{}Kb/s", kbits)) wrong += fmt::format("{}: {} for {}\n", id, text, kbits);
           if ((id == 37) != (payload > 0) && !isTotal) wrong += "payload on the wrong channel\n";
           const double gate = static_cast<double>(readAt - opened) / 1e9;
-          if (gate > 0.501 || gate < 0.483) wrong += fmt::format("a gate of {} s\n", gate);
+          if (gate > 0.501 || gate < (tickHz == 100 ? 0.4899 : 0.483))
+            wrong += fmt::format("a gate of {} s\n", gate);
         }
       });
       return wrong + (::testing::Test::HasFailure() ? "failed" : "");
@@ -243,6 +244,7 @@ struct FaultRow {
   const char* why;         // of the RF output: a part of it; empty: on air
   int temperature1, temperature2;
   const char* hangsAt;  // register; null: does not hang
+  int dac = 0x5A;       // its registers: what the EEPROM holds
 };
 
 void PrintTo(const FaultRow& row, std::ostream* out) {
@@ -271,6 +273,13 @@ const FaultRow kFaultRows[] = {
     FaultRow{"Sensor2SdaLow", "sensor2-sda-low", "", 25, 0, nullptr},
     FaultRow{"Sensor2SdaHigh", "sensor2-sda-high", "", 25, 255, nullptr},
     FaultRow{"Sensor2Stretch", "sensor2-stretch", "", 25, 25, nullptr},
+    FaultRow{"EepromAbsent", "eeprom-absent", "", 25, 25, nullptr, 0xFF},
+    FaultRow{"EepromNoAck", "eeprom-no-ack", "", 25, 25, nullptr, 0xFF},
+    FaultRow{"EepromSclLow", "eeprom-scl-low", nullptr, 0, 0, "X24C16SCL"},
+    FaultRow{"EepromSclHigh", "eeprom-scl-high", "", 25, 25, nullptr, 0xFF},
+    FaultRow{"EepromSdaLow", "eeprom-sda-low", "", 25, 25, nullptr, 0x00},
+    FaultRow{"EepromSdaHigh", "eeprom-sda-high", "", 25, 25, nullptr, 0xFF},
+    FaultRow{"EepromStretch", "eeprom-stretch", "", 25, 25, nullptr, 0x5A},
     FaultRow{"Lo1NoLatch", "lo1-no-latch", "first oscillator", 25, 25, nullptr},
     FaultRow{"Lo2NoLatch", "lo2-no-latch", "second oscillator", 25, 25, nullptr},
     FaultRow{"AttenuatorNoLatch", "attenuator-no-latch", "", 25, 25, nullptr},
@@ -287,6 +296,7 @@ TEST_P(Faults, ChangeWhatTheyShould) {
   const Scratch scratch;
   headend::initFlash(scratch.path / "flash");
   auto options = fastOptions(scratch.path, 4 * kSecond, {0, 1});
+  writeFile(scratch.path / "flash" / "eeprom" / "card1.bin", Bytes(2048, 0x5A));
   if (!row.fault.empty()) options.faults.push_back({.slot = 0, .name = std::string(row.fault), .at = 0});
   // Another rate than the one that the clock generator gives at power-up.
   options.settings.push_back(
@@ -311,12 +321,20 @@ TEST_P(Faults, ChangeWhatTheyShould) {
     EXPECT_EQ(headend.parkedTasks()[0].reg, fmt::format("slot 1 {}", row.hangsAt));
     return;
   }
+  // A clock that is stretched costs looks at it: 286 accesses without, some 1300 where nobody acknowledges.
+  for (const auto& phase : headend.chassis().timeline(0).phases(now, 0)) {
+    const bool isStretched = row.fault.ends_with("-stretch") && phase.name.ends_with(row.fault.substr(6, 1));
+    if (phase.name.starts_with("temperature sensor")) {
+      EXPECT_EQ(phase.busAccesses > 3000, isStretched) << phase.name << ": " << phase.busAccesses;
+    }
+  }
   const RfOutput output = headend.card(0).rf(0, now);
   const bool isWell = std::string_view(row.why).empty();
   EXPECT_EQ(output.verdict, isWell ? RfOutput::Verdict::kOnAir : RfOutput::Verdict::kFaulty);
   EXPECT_NE(output.why.find(row.why), std::string::npos) << output.why;
   const bool unlatched = row.fault == "attenuator-no-latch";
   EXPECT_EQ(output.level_dBuV < 90, unlatched) << output.level_dBuV;
+  for (u8 n = 0; n < 13; ++n) EXPECT_EQ(headend.card(0).board().dac().reg(n), row.dac) << n;
   EXPECT_EQ(temperatures[0], static_cast<u32>(row.temperature1));
   EXPECT_EQ(temperatures[1], static_cast<u32>(row.temperature2));
 }
@@ -353,16 +371,41 @@ TEST(Faults, OfASensorsBusThatHangsLaterKeepTheVariablesAndNobodyElse) {
   EXPECT_GT(headend.card(0).output(0).counts().psi, 100U) << "the carousel goes on";
 }
 
+// The second card finds no memory for its bitstream.
 TEST(StartUpWithoutABitstream, HangsAtTheFirstClockLineAndLeavesOthersAlone) {
   const Scratch scratch;
   headend::initFlash(scratch.path / "flash");
-  fs::remove(scratch.path / "flash" / "K717_QAM" / "qam.bin");
-  Headend headend(fastOptions(scratch.path, 3 * kSecond, {0, 3}));
+  auto options = fastOptions(scratch.path, 3 * kSecond, {0, 3});
+  options.heapBytes = 2 * 204'000 + 130'000;
+  Headend headend(options);
   EXPECT_EQ(run(headend), headend::kExitFailed);
-  ASSERT_EQ(headend.parkedTasks().size(), 2U);
-  EXPECT_EQ(headend.parkedTasks()[0].reg, "slot 1 cdce925_scl");
-  EXPECT_EQ(headend.parkedTasks()[1].reg, "slot 4 cdce925_scl");
+  EXPECT_EQ(headend.state(0), Headend::CardState::kRunning);
+  EXPECT_EQ(headend.card(0).rf(0, headend.kernel().now()).verdict, RfOutput::Verdict::kOnAir);
   EXPECT_EQ(headend.state(3), Headend::CardState::kNoBitstream);
+  ASSERT_EQ(headend.parkedTasks().size(), 1U);
+  EXPECT_EQ(headend.parkedTasks()[0].reg, "slot 4 cdce925_scl");
+  const auto phases = headend.chassis().timeline(3).phases(headend.kernel().now(), 1'000'000'000);
+  EXPECT_EQ(phases.back().name, "clock generator");
+  EXPECT_GT(phases.back().busAccesses, 1000U);
+}
+
+// Configured once more, as after a fault of the power: the devices see nothing that they must not, and the
+// counters begin anew.
+TEST(SecondConfiguration, IsNoFaultOfTheDriver) {
+  const Scratch scratch;
+  headend::initFlash(scratch.path / "flash");
+  Headend headend(fastOptions(scratch.path, 5 * kSecond));
+  headend.kernel().at(2 * kSecond, [&] {
+    headend.kernel().spawn("tTest", 150, [&] {
+      QamFpgaIf[0]->rate_ctrl_rst = 1;
+      headend.chassis().slot(0).descriptor->init(0);
+      headend.kernel().delay(1);
+      EXPECT_EQ(QamFpgaIf[0]->Valid_0_rateL | QamFpgaIf[0]->Valid_0_rateM, 0);
+    });
+  });
+  EXPECT_EQ(run(headend), headend::kExitDone);
+  EXPECT_EQ(headend.card(0).rf(0, headend.kernel().now()).verdict, RfOutput::Verdict::kOnAir);
+  EXPECT_TRUE(headend.violations().counts().empty()) << headend.violations().counts().begin()->first;
 }
 
 }  // namespace

@@ -73,6 +73,15 @@ TEST(Eeprom, WritesAPageWhenAStopConfirmsItAndAnswersNobodyMeanwhile) {
   }
 }
 
+TEST(Eeprom, AStopInsideAByteConfirmsNothing) {
+  Memory memory;
+  memory.write(0x345, {1}, false);
+  memory.master.bit(true);
+  memory.master.stop();
+  EXPECT_EQ(memory.part.image(memory.master.now + kCycle), memory.old);
+  EXPECT_EQ(kinds(memory.violations), "eeprom_stop_in_byte");
+}
+
 TEST(Eeprom, APowerCutLeavesItsBytesOldNewOrGarbageAndNoOther) {
   const auto left = [](Memory&& memory, bool stop, Nanos after) {
     memory.write(0x10E, {0x11, 0x22, 0x33}, stop);

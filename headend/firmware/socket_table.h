@@ -1,0 +1,39 @@
+// The chassis's sockets as its firmware sees them: numbers from `open`, ports from `bind`. A port can be
+// opened to this machine's network, so that tools outside reach what the firmware serves there.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "headend/kernel/network.h"
+
+namespace headend {
+
+class SocketTable {
+ public:
+  explicit SocketTable(Network& network) : network_(network) {}
+
+  // Whoever binds `port` is reached at that address of this machine. Throws std::runtime_error.
+  void expose(std::uint16_t port, const std::string& address, std::uint16_t hostPort);
+  std::string hostAddress(std::uint16_t port) const;  // "off" where it is not exposed
+
+  // The services of platform/sockets.h; os::ERROR for a socket that there is not.
+  int open();
+  int bind(int socket, std::uint16_t port);
+  std::optional<Datagram> receive(int socket);  // waits
+  int send(int socket, const Endpoint& to, const std::vector<u8>& bytes);
+  int close(int socket);
+
+ private:
+  UdpSocket* find(int socket);
+
+  Network& network_;
+  std::map<std::uint16_t, std::unique_ptr<UdpSocket>> exposed_;  // not bound yet
+  std::map<std::uint16_t, std::string> hostAddresses_;
+  std::map<int, std::unique_ptr<UdpSocket>> sockets_;  // null until bound
+  int last_ = 2;                                       // the first three are a shell's
+};
+
+}  // namespace headend

@@ -88,7 +88,7 @@ std::string differenceText(const DacRegisters& from, const DacRegisters& to) {
 
 std::string doubts(const DacRegisters& registers) {
   if (std::ranges::all_of(registers, [](u8 byte) { return byte == 0xFF; })) {
-    return "note: all registers are 0xff: the EEPROM is blank or absent, or the DAC does not answer\n";
+    return "note: all registers are 0xff: the EEPROM is blank or does not answer\n";
   }
   const std::string risk = client::portRisk(registers);
   return risk.empty() ? "" : fmt::format("note: {}\n", risk);

@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """All figures of docs/benchmarks.md: the speed of the virtual headend under load, while settings change and in a
-start-up of all slots, instruction counts, a start-up timeline. Called by bench/run, which builds what is measured.
+start-up of all slots, instruction counts, a start-up timeline, times of the calibration. Called by bench/run, which
+builds what is measured.
 
-Exit code: 0 when the figures are there and all ratios of instruction counts keep the limit, 1 when not. Goals of
-speed are reported and not judged: they depend on the machine and on what else it does."""
+Exit code: 0 when the figures are there and the ratios of instruction counts and the rates of the calibration keep
+their limits, 1 when not. Goals of speed are reported and not judged: they depend on the machine and on what else it
+does."""
 import argparse
 import collections
 import json
@@ -22,7 +24,7 @@ BUS_NS = (30, 100, 300)
 STARTUP_SECONDS = 5  # virtual; enough at 300 ns an access
 
 SLOTS = range(1, 7)
-FULL_HOUSE_SECONDS = 3  # virtual; six cards share the processor and have all started after 2.2
+FULL_HOUSE_SECONDS = 3  # virtual; six cards share the processor and have all started after 2.3
 FULL_HOUSE_GOAL = 1  # start-ups a real second
 
 Load = collections.namedtuple('Load', 'name sample outputs seconds goal settings memory', defaults=(False, False))
@@ -44,6 +46,10 @@ SETTINGS = (('rfreq', (666000, 554000)), ('rflevel', (1055, 1000)), ('qammode', 
             ('power', (0, 15)), ('symbolrate', (6000, 6875)))
 SETTINGS_A_SECOND = 10
 FIRST_SETTING = 0.5  # virtual seconds; the card runs by then
+
+CALIBRATION = (('dac_load_ms', '`Ad9775Set`, virtual ms'), ('read_ms', 'one read, virtual ms'),
+               ('write_ms', 'one write, virtual ms'), ('reads_per_second', 'reads a virtual second'),
+               ('writes_per_second', 'writes a virtual second'))
 
 
 class NoFigure(Exception):
@@ -145,6 +151,14 @@ def startup(program):
     return timelines
 
 
+def calibration(program):
+    """A row of virtual times and rates for each write cycle of the EEPROM."""
+    run = subprocess.run([program], capture_output=True, text=True, timeout=PATIENCE_SECONDS)
+    if run.returncode != 0:
+        raise NoFigure(f'{program}: exit code {run.returncode}\n{run.stdout}{run.stderr}')
+    return [json.loads(line) for line in run.stdout.splitlines()]
+
+
 def show_speed(title, rows):
     print(f'{title:38} {"best":>8} {"slowest":>8} {"a CPU second":>13} {"goal":>6}')
     for row in rows:
@@ -165,6 +179,13 @@ def show_startup(timelines):
     print(f'{"the whole of `init`":38} {"":10}' + ''.join(f'{t["startup_ms"]:10,.3f}' for t in timelines))
 
 
+def show_calibration(rows):
+    print(f'{"Calibration, EEPROM write cycle of":38}' + ''.join(f'{row["write_cycle_ms"]:>7} ms' for row in rows))
+    for key, name in CALIBRATION:
+        digits = 3 if key.endswith('_ms') else 2
+        print(f'{name:38}' + ''.join(f'{row[key]:10.{digits}f}' for row in rows))
+
+
 def save(path, results):
     aside = f'{path}.new'
     with open(aside, 'w', encoding='utf-8') as file:
@@ -178,6 +199,7 @@ def main():
     parser.add_argument('--headend', required=True, metavar='FILE')
     parser.add_argument('--samples', required=True, metavar='DIR')
     parser.add_argument('--module', action='append', required=True, metavar='LEVEL=FILE')
+    parser.add_argument('--calibration', required=True, metavar='FILE')
     parser.add_argument('--json', metavar='FILE')
     parser.add_argument('--repeat', type=int, default=3, metavar='N')
     options = parser.parse_args()
@@ -194,9 +216,13 @@ def main():
         print(flush=True)
         timelines = startup(options.headend)
         show_startup(timelines)
+        print(flush=True)
+        calibrations = calibration(options.calibration)
+        show_calibration(calibrations)
         if options.json:
             save(options.json, {'machine': f'{platform.machine()}, {os.cpu_count()} processors', 'speed': rows,
-                                'full_house': house, 'instructions': counts, 'startup': timelines})
+                                'full_house': house, 'instructions': counts, 'startup': timelines,
+                                'calibration': calibrations})
     except (NoFigure, instructions.CannotCount, OSError, subprocess.SubprocessError) as error:
         print(error, file=sys.stderr)
         return 1

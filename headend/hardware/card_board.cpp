@@ -119,6 +119,7 @@ void CardBoard::drive(u32 offset, bool level, Nanos now) {
 }
 
 std::optional<bool> CardBoard::sense(u32 offset, Nanos now) {
+  if (powerless_) return {};
   switch (offset) {
     case kClockScl:
       return clockBus_.clock(now);

@@ -20,7 +20,8 @@ DEFAULT = {'frequency_khz': 554000, 'level_dbuv': 100, 'symbol_rate_kbd': 6875, 
            'constellation': '64-QAM', 'on_air': True, 'verdict': 'on air', 'why': ''}
 RECORD_CLOCK = 36  # the clock table: 17 rows of eight 16-bit words
 PHASES = ['registration', 'bitstream file', 'FPGA configuration', 'settling', 'modulator reset', 'clock generator',
-          'temperature sensor 1', 'temperature sensor 2', 'settings', 'PSI queue and lists', 'PSI queue and lists']
+          'DAC calibration', 'temperature sensor 1', 'temperature sensor 2', 'settings', 'PSI queue and lists',
+          'PSI queue and lists']
 
 
 def rf_shows(case, run, wanted, what):

@@ -4,80 +4,21 @@ is read from the file itself."""
 import collections
 import os
 import re
-import shutil
 
 import harness
-
-MS = 1_000_000
-START, REPEATED, STOP, ACK, NACK = '[ [[ ] + -'.split()
-# What the decoder says, and how it is written in the expectations below; after 'Write' and 'Read' comes the address.
-I2C = {'Start': START, 'Start repeat': REPEATED, 'Stop': STOP, 'ACK': ACK, 'NACK': NACK, 'Write': None, 'Read': None}
-Change = collections.namedtuple('Change', 'time slot name value')
+from lines import MS, changes, chosen, clock_write, i2c, three_wire_words
 
 
 def traced(case, *lines, flags=()):
     """The trace file of a default start-up of card 1."""
     file = case.path('trace.vcd')
-    chosen = [word for line in lines for word in ('--trace-lines', line)]
-    run = case.fast(case.flash(f'flash{case.runs}'), 1, '--trace', file, *chosen, *flags)
+    run = case.fast(case.flash(f'flash{case.runs}'), 1, '--trace', file, *chosen(*lines), *flags)
     case.card(run, 1)
     return file
 
 
-def changes(case, file):
-    """Checks the form of the file on the way: known names, values that change, times that grow, the end last."""
-    names, values, time, found = {}, {}, None, []
-    head, _, body = harness.read(file).decode('ascii').partition('$enddefinitions $end\n')
-    case.check('$timescale 1 ns $end' in head and '$date' not in head, f'head: {head[:200]}')
-    for scope, code, name in re.findall(r'^\$(?:scope module (\S+)|var wire \d+ (\S+) (\S+)) \$end$', head, re.M):
-        if scope:
-            slot = scope
-            continue
-        case.check(code not in names, f'{name} and {names.get(code)} are both {code}')
-        names[code] = slot, name
-    for line in body.splitlines():
-        if line in ('$dumpvars', '$end'):
-            continue
-        if line[0] == '#':
-            case.check(time is None or int(line[1:]) > time, f'{line} after {time}')
-            time = int(line[1:])
-            continue
-        value, code = line[1:].split(' ') if line[0] == 'b' else (line[0], line[1:])
-        name, value = names[code], int(value, 2)
-        case.check(values.get(name) != value, f'{name} is {value} at {time} and was before')
-        if name in values:
-            found.append(Change(time, *name, value))
-        else:
-            case.equal((time, value), (0, 0), f'first value of {name}')
-        values[name] = value
-    case.equal(set(values), set(names.values()), 'registers with a value')
-    case.equal(time, 1000 * MS, 'last time stamp')
-    return found
-
-
-def decoded(case, file, decoder, channels, options, rows):
-    """What sigrok-cli says, an annotation an entry. Order is judged, not time: long pauses are shortened."""
-    if not shutil.which('sigrok-cli'):
-        raise harness.Skip('sigrok-cli is not installed')
-    stack = ':'.join([decoder, *(f'{key}={value}' for key, value in (channels | options).items())])
-    run = case.execute(['sigrok-cli', '-I', 'vcd:compress=1000', '-i', file, '-P', stack, '-A', f'{decoder}={rows}'])
-    return [line.partition(': ')[2] for line in run.text.splitlines()]
-
-
-def i2c(case, bus):
-    """Transfers of a bus, each in one line."""
-    file = traced(case, f'{bus}_s??')
-    words = []
-    for text in decoded(case, file, 'i2c', {'scl': f'{bus}_scl', 'sda': f'{bus}_sda'}, {}, 'addr-data:warnings'):
-        word = I2C[text] if text in I2C else re.sub(r'^(Address|Data) (write|read): ', '', text)
-        if text.startswith('Address'):
-            word += 'r' if 'read' in text else 'w'
-        words += [word] if word else []
-    return ' '.join(words).replace(f' {STOP} {START}', f' {STOP}\n{START}').split('\n')
-
-
-def clock_write(register, value):
-    return f'[ 64w + {0x80 + register:02X} + {value:02X} + ]'
+def transfers(case, bus):
+    return i2c(case, traced(case, f'{bus}_s??'), bus)
 
 
 def clock_generator(case):
@@ -87,13 +28,13 @@ def clock_generator(case):
     row = [(0x16, 0x01), (0x17, 0x00), (0x18, 0x00), (0x19, 0x40), (0x1A, 0x02), (0x1B, 0x0B)]
     wanted = [clock_write(*pair) for pair in (*set_up, (0x14, 0x8D))]
     wanted += ['[ 64w + 94 + [[ 64r + 8D - ]'] + [clock_write(*pair) for pair in row]
-    case.equal('\n'.join(i2c(case, 'cdce925')), '\n'.join(wanted), 'transfers')
+    case.equal('\n'.join(transfers(case, 'cdce925')), '\n'.join(wanted), 'transfers')
 
 
 def sensors(case):
     """Each is powered down in its configuration register, which comes up with its filter on; nothing else changes."""
     for bus in ('ad7414', 'ext_ad7414'):
-        case.equal(i2c(case, bus), ['[ 4Aw + 01 + [[ 4Ar + 40 - ]', '[ 4Aw + 01 + C0 + ]'], bus)
+        case.equal(transfers(case, bus), ['[ 4Aw + 01 + [[ 4Ar + 40 - ]', '[ 4Aw + 01 + C0 + ]'], bus)
 
 
 # bus: bits of a word, the words of a start-up. The second oscillator is at 131840 steps of 12.5 kHz: B = 4120, A = 0.
@@ -106,14 +47,11 @@ THREE_WIRE = {
 
 
 def three_wire(case):
-    """Words as an SPI decoder takes them, with the latch enable for its chip select; and what it overlooks: data that
-    move under a high clock, a latch too early."""
+    """The words that a decoder takes; and what it overlooks: data that move under a high clock, a latch too early."""
     file = traced(case, *(f'{bus}_{line}' for bus in THREE_WIRE for line in ('clk', 'dat', 'le')))
     found = changes(case, file)
     for bus, (bits, words) in THREE_WIRE.items():
-        lines = {'clk': f'{bus}_clk', 'mosi': f'{bus}_dat', 'cs': f'{bus}_le'}
-        got = decoded(case, file, 'spi', lines, {'wordsize': bits}, 'mosi-data:warnings')
-        case.equal(got, [f'{word:X}' for word in words], bus)
+        case.equal(three_wire_words(case, file, bus, bits), [f'{word:02X}' for word in words], bus)
         level, rises, latched = collections.Counter(), 0, []
         for _, _, name, value in found:
             if not name.startswith(bus):
@@ -132,7 +70,7 @@ def three_wire(case):
 
 def order_of(found):
     """Names in order of their first change, a bus as one."""
-    bus = re.compile(r'^(cdce925|ad7414|ext_ad7414|lo1|lo2_q1|att_q1|rf_off|pkt_len|oport_num|X24C16).*')
+    bus = re.compile(r'^(cdce925|ad9775_1|ad7414|ext_ad7414|lo1|lo2_q1|att_q1|rf_off|pkt_len|oport_num|X24C16).*')
     return list(dict.fromkeys(bus.sub(r'\1', change.name) for change in found))
 
 
@@ -140,8 +78,8 @@ def start_up_order(case):
     """Which device comes after which, and on each its first lines: a bus goes idle data first, the clock generator's
     select is high before anybody talks to it."""
     found = changes(case, traced(case))
-    groups = ['nrst', 'cdce925', 'ad7414', 'ext_ad7414', 'qam_mode', 'rf_off', 'pkt_len', 'oport_num', 'power', 'lo1',
-              'q1_12v_ctrl', 'lo2_q1', 'X24C16', 'att_q1']
+    groups = ['nrst', 'cdce925', 'ad9775_1', 'X24C16', 'ad7414', 'ext_ad7414', 'qam_mode', 'rf_off', 'pkt_len',
+              'oport_num', 'power', 'lo1', 'q1_12v_ctrl', 'lo2_q1', 'att_q1']
     case.equal([name for name in order_of(found) if not name.startswith('Psi')], groups, 'order of first changes')
     starts = {'cdce925': ['_sda', '_scl', '_s0'], 'ad7414': ['_sda', '_scl'], 'ext_ad7414': ['_sda', '_scl'],
               'X24C16': ['SDA', 'SCL']}
@@ -151,7 +89,8 @@ def start_up_order(case):
     values = {change.name: change.value for change in found}
     rate = [values.get(f'rf_off_{part}', 0) for part in ('hh', 'hl', 'lh', 'll')]
     case.equal(rate, [0x00, 0x94, 0xF2, 0x09], 'symbol-rate word')
-    end = {'qam_mode': 5, 'pkt_len0': 1, 'pkt_len1': 1, 'oport_num0': 0, 'oport_num1': 1, 'power': 15, 'q1_12v_ctrl': 1}
+    end = {'qam_mode': 5, 'pkt_len0': 1, 'pkt_len1': 1, 'oport_num0': 0, 'oport_num1': 1, 'power': 15, 'q1_12v_ctrl': 1,
+           'X24C16SDA': 1, 'X24C16SCL': 1}
     case.equal({name: values.get(name, 0) for name in end}, end, 'registers at the end')
 
 

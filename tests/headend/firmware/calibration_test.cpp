@@ -56,11 +56,11 @@ class Bench {
     });
     run(*headend_);
   }
-  void write(const Registers& registers) {
+  static void write(const Registers& registers) {
     Bytes packet = request(2, 0, registers);
     EXPECT_EQ(AdPackHandle(0, packet.data(), static_cast<int>(packet.size()), nullptr, nullptr), 0);
   }
-  Registers read() {
+  static Registers read() {
     Bytes packet = request(1, 0);
     std::array<u8, 100> reply{};
     int length = 0;
@@ -93,17 +93,17 @@ INSTANTIATE_TEST_SUITE_P(Ms, WriteCycle, ::testing::Values(0, 5, 10));
 TEST_P(WriteCycle, LosesNoByteOfAThousandCalibrations) {
   Bench bench;
   bench.drive([&] {
-    EXPECT_EQ(bench.read(), Registers({255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255}))
+    EXPECT_EQ(Bench::read(), Registers({255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255}))
         << "blank";
     bench.board().eeprom().writeCycle(GetParam() * 1'000'000);
     std::mt19937 random(7);
     for (int i = 0; i < 1000; ++i) {
       const Registers wanted = randomRegisters(random);
-      bench.write(wanted);
-      ASSERT_EQ(bench.read(), wanted) << i;
+      Bench::write(wanted);
+      ASSERT_EQ(Bench::read(), wanted) << i;
       bench.board().eeprom().powerCut(bench.now());
       Ad9775Init(0);
-      ASSERT_EQ(bench.read(), wanted) << i;
+      ASSERT_EQ(Bench::read(), wanted) << i;
       ASSERT_EQ(dacOf(bench.board()), wanted) << i;
     }
     EXPECT_TRUE(bench.clean());
@@ -123,10 +123,10 @@ TEST(PowerCut, LeavesEveryByteOldOrNewButTheOneInItsCycle) {
   std::uint64_t tried = 0;
   int undefined = 0;
   bench.drive([&] {
-    bench.write(before);
+    Bench::write(before);
     const std::uint64_t first = bench.board().calibrationEdges() + 1;
     const std::string edges = inChild([&] {
-      bench.write(after);
+      Bench::write(after);
       return std::to_string(bench.board().calibrationEdges() - first + 1);
     });
     points = std::stoull(edges);
@@ -136,7 +136,7 @@ TEST(PowerCut, LeavesEveryByteOldOrNewButTheOneInItsCycle) {
       const std::string found = inChild([&] {
         Registers left{};
         bench.board().cutPowerAt(first + point - 1, [&] { left = bench.kept(); });
-        bench.write(after);
+        Bench::write(after);
         std::size_t n = 0;
         while (n < left.size() && left[n] == after[n]) ++n;
         const std::size_t cut = n;  // from here on old, but for one that may be anything
@@ -221,9 +221,9 @@ TEST(Service, AWriteToAnEepromThatIsAbsentEndsWithinASecond) {
     std::mt19937 random(5);
     const Registers wanted = randomRegisters(random);
     const Nanos begin = bench.now();
-    bench.write(wanted);
+    Bench::write(wanted);
     EXPECT_LT(bench.now() - begin, kSecond);
-    EXPECT_EQ(bench.read(), wanted) << "the DAC has it all the same";
+    EXPECT_EQ(Bench::read(), wanted) << "the DAC has it all the same";
   });
 }
 

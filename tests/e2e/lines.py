@@ -57,12 +57,13 @@ def lines_only(file):
     return lines
 
 
-def decoded(case, file, decoder, channels, options, rows):
-    """What sigrok-cli says, an annotation an entry. Order is judged, not time: long pauses are shortened."""
+def decoded(case, file, decoder, channels, options, rows, show=None):
+    """What sigrok-cli says, an annotation an entry; `show` names rows of a decoder on top of this one. Order is judged,
+    not time: long pauses are shortened."""
     if not shutil.which('sigrok-cli'):
         raise harness.Skip('sigrok-cli is not installed')
     stack = ':'.join([decoder, *(f'{key}={value}' for key, value in (channels | options).items())])
-    run = case.execute(['sigrok-cli', '-I', 'vcd:compress=1000', '-i', file, '-P', stack, '-A', f'{decoder}={rows}'])
+    run = case.execute(['sigrok-cli', '-I', 'vcd:compress=1000', '-i', file, '-P', stack, '-A', show or f'{decoder}={rows}'])
     return [line.partition(': ')[2] for line in run.text.splitlines()]
 
 

@@ -30,6 +30,8 @@ class Service(Server):
 
     def socat(self, request):
         """What comes back in a second and a half for these bytes."""
+        if not shutil.which('socat'):
+            raise harness.Skip('socat is not installed')
         return subprocess.run(['socat', '-t', '1.5', '-', 'UDP:' + self.calibration_address()], input=request, capture_output=True,
                               check=True, timeout=60).stdout
 
@@ -40,8 +42,6 @@ def eeprom(flash):
 
 def bytes_of_nobodys_library(case):
     """socat writes and reads; the headend is killed, and the next one loads what was written."""
-    if not shutil.which('socat'):
-        raise harness.Skip('socat is not installed')
     flash = case.flash()
     with Service(case, flash) as service:
         service.wait_started(1)

@@ -105,7 +105,7 @@ struct Texts {
   std::vector<std::string> settings;
   std::vector<std::string> faults;
   std::vector<std::string> eepromCycles;
-  std::string calibration;
+  std::optional<std::string> calibration;
   std::string powerCut;
   std::string seconds;
   std::string manage;
@@ -233,7 +233,7 @@ void interpret(const Texts& t, Options& o) {
   for (const std::string& text : t.faults) parseFault(text, o);
   for (const std::string& text : t.eepromCycles) parseEepromCycle(text, o);
   if (!t.powerCut.empty()) parsePowerCut(t.powerCut, o);
-  if (!t.calibration.empty()) parseCalibration(t.calibration, o);
+  if (t.calibration) parseCalibration(*t.calibration, o);
   if (!t.seconds.empty()) {
     o.duration = parseSeconds(t.seconds);
     if (!o.duration || *o.duration == 0)

@@ -17,8 +17,9 @@ std::filesystem::path EepromFiles::file(int slot) const {
 void EepromFiles::load(int slot, Eeprom& eeprom) {
   Eeprom::Image image;
   image.fill(0xFF);
-  std::error_code ignored;
-  if (std::filesystem::exists(file(slot), ignored)) {
+  std::error_code error;
+  // What cannot be looked at is not blank.
+  if (std::filesystem::symlink_status(file(slot), error).type() != std::filesystem::file_type::not_found) {
     std::ifstream stream(file(slot), std::ios::binary);
     stream.read(reinterpret_cast<char*>(image.data()), static_cast<std::streamsize>(image.size()));
     if (!stream || stream.peek() != std::ifstream::traits_type::eof()) {

@@ -162,6 +162,7 @@ void parsePowerCut(const std::string& text, Options& options) {
   if (value.front() == '@') {
     std::string time = value;
     cut.at = takeTime("--power-cut", time);
+    if (!time.empty()) refuse("--power-cut", text, want);
   } else {
     const char* end = value.data() + value.size();
     const auto [stop, error] = std::from_chars(value.data(), end, cut.edge);

@@ -142,18 +142,16 @@ std::string Headend::calibrationAddress() const {
 
 void Headend::scheduleLossOfPower() {
   if (!options_.powerCut) return;
-  CardBoard& board = card(options_.powerCut->slot).board();
-  const auto end = [this] {
+  const auto cut = [this] {
+    for (const int slot : options_.slots) card(slot).board().cutPower(kernel_.now());
+    log_.line(kernel_.now(), "headend", "the power is cut");
     powerCut_ = true;
     kernel_.stop();
   };
   if (options_.powerCut->edge != 0) {
-    board.cutPowerAt(options_.powerCut->edge, end);
+    card(options_.powerCut->slot).board().atEdge(options_.powerCut->edge, cut);
   } else {
-    kernel_.at(options_.powerCut->at, [this, end] {
-      for (const int slot : options_.slots) card(slot).board().cutPower(kernel_.now());
-      end();
-    });
+    kernel_.at(options_.powerCut->at, cut);
   }
 }
 
@@ -253,6 +251,11 @@ int Headend::exitCode() {
   for (const auto& [channel, sink] : sinks_) {
     if (sink->error().empty()) continue;
     complain(sink->error());
+    failed = true;
+  }
+  if (options_.powerCut && !powerCut_) {
+    complain(fmt::format("--power-cut: it never came; slot {} has seen {} edges", options_.powerCut->slot + 1,
+                         card(options_.powerCut->slot).board().calibrationEdges()));
     failed = true;
   }
   if (!eepromsKept_) {

@@ -243,6 +243,19 @@ void addGroups(CLI::App* app, Options& options) {
   }
 }
 
+// CLI::Range takes what is no number for one in its range.
+CLI::Validator secondsBetween(double least, double most) {
+  const std::string range = fmt::format("{} to {}", least, most);
+  return {[=](const std::string& text) {
+            double value = 0;
+            const bool isNumber = CLI::detail::lexical_cast(text, value);
+            return isNumber && value >= least && value <= most
+                       ? ""
+                       : fmt::format("'{}' is not from {}", text, range);
+          },
+          range};
+}
+
 void addCommands(CLI::App& app, Options& options) {
   const auto command = [&](const char* name, const char* text, void (*run)(const Options&)) {
     CLI::App* added = tools::addCommand(app, name, text, [&options, run] { run(options); });
@@ -267,7 +280,7 @@ void addCommands(CLI::App& app, Options& options) {
   addForce(restore);
   command("watch", "Show what the DAC holds, then each change until Ctrl-C", runWatch)
       ->add_option("--every", options.every_s, "seconds between two looks")
-      ->check(CLI::Range(0.1, 3600.0))  // the service takes a request each 100 ms
+      ->check(secondsBetween(0.1, 3600))  // the service takes a request each 100 ms
       ->capture_default_str()
       ->type_name("S");
 }
@@ -279,7 +292,7 @@ int run(int argc, char** argv) {
   app.require_subcommand(1);
   tools::addServer(app, options.server, "the chassis's calibration service");
   app.add_option("--timeout", options.timeout_s, "seconds to wait for a reply; asked again each second")
-      ->check(CLI::Range(0.05, 600.0))
+      ->check(secondsBetween(0.05, 600))
       ->capture_default_str()
       ->type_name("S");
   tools::addJson(&app, options.json);

@@ -42,15 +42,13 @@ void CardBoard::pullAllLow(Nanos now) {
 }
 
 // The edge itself still reaches its device.
-void CardBoard::countEdge(std::size_t line, bool level, Nanos now) {
+void CardBoard::countEdge(std::size_t line, bool level) {
   if (calibrationLevels_[line] == level) return;
   calibrationLevels_[line] = level;
-  if (++calibrationEdges_ != cutAt_) return;
-  cutPower(now);
-  if (onCut_) onCut_();
+  if (++calibrationEdges_ == cutAt_) onCut_();
 }
 
-void CardBoard::cutPowerAt(std::uint64_t edge, std::function<void()> hook) {
+void CardBoard::atEdge(std::uint64_t edge, std::function<void()> hook) {
   cutAt_ = edge;
   onCut_ = std::move(hook);
 }
@@ -65,22 +63,22 @@ void CardBoard::drive(u32 offset, bool level, Nanos now) {
   switch (offset) {
     case kEepromScl:
       eepromBus_.driveClock(level, now);
-      return countEdge(kSclEdge, level, now);
+      return countEdge(kSclEdge, level);
     case kEepromSda:
       eepromBus_.driveData(level, now);
-      return countEdge(kSdaEdge, level, now);
+      return countEdge(kSdaEdge, level);
     case offsetOf("ad9775_1_rst"):
       dac_.reset(level, now);
-      return countEdge(kResetEdge, level, now);
+      return countEdge(kResetEdge, level);
     case offsetOf("ad9775_1_cs"):
       dac_.chipSelect(level, now);
-      return countEdge(kSelectEdge, level, now);
+      return countEdge(kSelectEdge, level);
     case offsetOf("ad9775_1_clk"):
       dac_.clock(level, now);
-      return countEdge(kClockEdge, level, now);
+      return countEdge(kClockEdge, level);
     case offsetOf("ad9775_1_sdio"):
       dac_.dataIn(level, now);
-      return countEdge(kDataEdge, level, now);
+      return countEdge(kDataEdge, level);
     case kClockScl:
       return clockBus_.driveClock(level, now);
     case kClockSda:

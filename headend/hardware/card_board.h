@@ -52,14 +52,13 @@ class CardBoard {
 
   // Changes of the lines to DAC and EEPROM, which are the points at which a calibration can be cut short.
   std::uint64_t calibrationEdges() const { return calibrationEdges_; }
-  // The power goes at that edge: the hook is called, and from then on nothing moves.
-  void cutPowerAt(std::uint64_t edge, std::function<void()> hook);
-  void cutPower(Nanos now);
+  void atEdge(std::uint64_t edge, std::function<void()> hook);  // from 1; one hook at a time
+  void cutPower(Nanos now);                                     // from then on nothing moves
 
  private:
   static constexpr std::size_t kCalibrationLines = 6;
 
-  void countEdge(std::size_t line, bool level, Nanos now);
+  void countEdge(std::size_t line, bool level);
 
   ClockGenerator clockGenerator_;
   TemperatureSensor sensor1_;

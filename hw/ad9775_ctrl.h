@@ -20,8 +20,8 @@ extern int mysock[MAX_BOARD_NUM];  // of which the task serves the first
 
 extern "C" {
 
-// Makes the socket and starts the task, once: for slot 0, whose socket is the one served. Failures are not reported; the task then waits for a socket that
-// never receives. Start-up, or a debug shell.
+// Makes the socket and starts the task, once: for slot 0, whose socket is the one served. Failures are not
+// reported; the task then waits for a socket that never receives. Start-up, or a debug shell.
 void Ad9775Ctrl_Init(u8 slotNo);
 
 // The task: about ten requests a second, for ever.

@@ -76,6 +76,13 @@ std::string resultText(u32 result) {
       return "no card in this slot";
     case kBadLength:
       return "the data has not the length that the variable asks for";
+    case kNoInput:
+      return "there is no such input: the chassis has no source card in this slot, or none with so many "
+             "inputs";
+    case kUnknownRoutine:
+      return "no routine of this name is offered, or it takes another number of arguments";
+    case kUnknownCall:
+      return "no call has this number, or it is forgotten";
     case kNotStarted:
       return "the card has not finished its start-up";
     case kUnknownOperation:

@@ -14,10 +14,24 @@ namespace client {
 
 using Bytes = std::vector<u8>;
 
-enum class Operation : u8 { kRead = 1, kWrite = 2, kStatus = 3, kGetVariable = 4, kSetVariable = 5 };
+enum class Operation : u8 {
+  kRead = 1,
+  kWrite = 2,
+  kStatus = 3,
+  kGetVariable = 4,
+  kSetVariable = 5,
+  kSourceSections = 6,  // of an input of a source card: `slot` and `port` name it
+  kRouterMap = 7,       // what the chassis's PID router holds for a channel
+  kSearch = 8,          // begins or ends the PID search on a channel
+  kSearched = 9,        // takes packets that the search has captured
+  kCall = 10,           // begins a routine of the card's debug shell
+  kCallResult = 11,     // what became of it
+};
 
 // Variables of kRead and kWrite, per slot and channel. Those of kGetVariable and kSetVariable are in
 // client/card_variables.h.
+inline constexpr u16 kVarPidMapLock = 0x2101;
+inline constexpr u16 kVarPidMapChunk = 0x2102;
 inline constexpr u16 kVarPsiLock = 0x3101;
 inline constexpr u16 kVarPsiPackets = 0x3102;
 inline constexpr u16 kVarPsiInterval = 0x3201;
@@ -37,6 +51,9 @@ inline constexpr u32 kNoBackEnd = 0x102;         // no card has registered any v
 inline constexpr u32 kNotRunning = 0x103;  // kGetVariable, kSetVariable: there is no FPGA to ask, or it hangs
 inline constexpr u32 kUnknownCardVariable = 0x104;
 inline constexpr u32 kNotWritable = 0x105;
+inline constexpr u32 kNoInput = 0x106;         // kSourceSections: there is no such input
+inline constexpr u32 kUnknownRoutine = 0x107;  // kCall
+inline constexpr u32 kUnknownCall = 0x108;     // kCallResult: no call has this number, or it is forgotten
 inline constexpr u32 kSettingWithoutRecord = 0xFFFFFFFF;  // -1: the card has no record for the slot
 inline constexpr u32 kSettingRefused = 0xFFFFFFFE;        // -2: the card cannot set this variable
 

@@ -2,6 +2,7 @@
 // network in virtual time for the headend's operator. Procedures such as an upload are written once, on this.
 #pragma once
 
+#include <chrono>
 #include <stdexcept>
 
 #include "client/datagram.h"
@@ -23,6 +24,10 @@ class Link {
 
   // Sends the request with a new sequence number and waits for its reply. Throws LinkError.
   virtual Reply call(Request request) = 0;
+
+  // Lets that much of the time pass in which the server lives: for a procedure that waits for something
+  // there.
+  virtual void wait(std::chrono::milliseconds time) = 0;
 };
 
 }  // namespace client

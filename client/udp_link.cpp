@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <random>
+#include <thread>
 
 namespace client {
 namespace {
@@ -41,6 +42,10 @@ Reply UdpLink::call(Request request) {
   }
   const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
   socket_.fail(fmt::format("no reply within {} ms", waited.count()));
+}
+
+void UdpLink::wait(std::chrono::milliseconds time) {
+  std::this_thread::sleep_for(time);
 }
 
 std::optional<Reply> UdpLink::await(const Request& request, Clock::time_point deadline) {

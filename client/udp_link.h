@@ -22,6 +22,7 @@ class UdpLink : public Link {
 
   // Throws LinkError when no reply came within the tries, or nothing listens there.
   Reply call(Request request) override;
+  void wait(std::chrono::milliseconds time) override;
 
  private:
   std::optional<Reply> await(const Request& request, UdpSocket::Clock::time_point deadline);

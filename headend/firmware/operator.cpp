@@ -29,6 +29,10 @@ class Operator::VirtualLink final : public client::Link {
     throw client::LinkError(fmt::format("the back end has not answered for {} s", kPatienceSeconds));
   }
 
+  void wait(std::chrono::milliseconds time) override {
+    kernel_.sleepUntil(kernel_.now() + std::chrono::nanoseconds(time).count());
+  }
+
  private:
   Kernel& kernel_;
   UdpSocket socket_;

@@ -201,6 +201,7 @@ class FakeLink : public client::Link {
     if (after) after(number, reply);
     return reply;
   }
+  void wait(std::chrono::milliseconds) override {}
 };
 
 }  // namespace test

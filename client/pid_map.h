@@ -34,15 +34,14 @@ struct MapEntry {
   u16 programme = 0;
   u16 type = 0;  // the card keeps eight bits
 
-  bool operator==(const MapEntry&) const = default;
+  auto operator<=>(const MapEntry&) const =
+      default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
 };
 
 // What the router looks for: slot, input and PID. The card sorts a map by it.
 constexpr u32 sourceKey(const MapEntry& entry) {
   return (entry.sourcePid & u32{kHighestPid}) | entry.sourcePort << 13 | u32{entry.sourceSlot} << 17;
 }
-// Entries of equal keys stay as they stand.
-std::vector<MapEntry> sortedBySource(std::vector<MapEntry> entries);
 
 // An entry that was announced and never came: its slot is none, and the card would not take it again.
 constexpr bool isBlank(const MapEntry& entry) {

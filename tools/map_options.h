@@ -3,6 +3,8 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
+#include <string>
 
 #include "client/pid_map_upload.h"
 #include "tools/psi_decode.h"
@@ -16,7 +18,8 @@ std::filesystem::path rescueFileOf(const client::Channel& channel);
 // The inputs that the status tells of; nothing when it tells of none.
 std::optional<client::SourceCards> sourcesOf(const Json& status);
 
-// All of it, with notes to stderr. Asks for the status; throws LinkError when no reply comes.
-client::MapOptions mapOptions(client::Link& link, const client::Channel& channel);
+// All of it, with notes to stderr; makes the folder of the rescue file. Asks for the status: throws LinkError
+// when no reply comes, std::filesystem::filesystem_error when the folder cannot be made.
+client::MapOptions mapOptions(client::Link& link, const std::string& server, const client::Channel& channel);
 
 }  // namespace tools

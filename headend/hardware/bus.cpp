@@ -34,6 +34,7 @@ void* Bus::hostAddress(u32 busAddress) const {
 std::string Bus::registerName(const volatile void* reg) const {
   const Place place = find(reg);
   if (place.device == nullptr) return "an address without a device";
+  if (place.slot < 0) return fmt::format("main board {}", place.device->registerName(place.offset));
   return fmt::format("slot {} {}", place.slot + 1, place.device->registerName(place.offset));
 }
 

@@ -10,6 +10,7 @@
 #include "headend/hardware/bus_device.h"
 #include "headend/hardware/card_fpga.h"
 #include "headend/hardware/config_port.h"
+#include "headend/hardware/main_board.h"
 #include "headend/hardware/violations.h"
 
 namespace headend {
@@ -24,6 +25,7 @@ class Bus {
   ~Bus();
 
   void attach(int slot, CardFpga& card, ConfigPort& port);
+  void attach(MainBoard& board) { board_ = &board; }
   void logTo(std::FILE* log) { log_ = log; }
 
   // What stands for a bus address in this process: addresses that only the bus understands, with no memory
@@ -51,7 +53,7 @@ class Bus {
   }
 
   std::string registerName(const volatile void* reg) const;              // "slot 1 PsiRdy0"
-  int slotOf(const volatile void* reg) const { return find(reg).slot; }  // -1: an address without a device
+  int slotOf(const volatile void* reg) const { return find(reg).slot; }  // -1: of no slot, or of no device
   std::uint64_t accesses(int slot) const { return accesses_[static_cast<std::size_t>(slot)]; }
 
  private:
@@ -83,6 +85,8 @@ class Bus {
         return {ports_[slot], static_cast<u32>((at - kConfigPorts) % ConfigPort::kSize),
                 static_cast<int>(slot)};
       }
+    } else if (at == kMainBoard + MainBoard::kRateOverflow && board_ != nullptr) {
+      return {board_, MainBoard::kRateOverflow, -1};
     }
     return {nullptr, 0, -1};
   }
@@ -90,7 +94,7 @@ class Bus {
   void count(const Place& place) {
     if (place.device == nullptr) [[unlikely]] {
       violations_.count("bus_access_without_device");
-    } else {
+    } else if (place.slot >= 0) {
       ++accesses_[static_cast<std::size_t>(place.slot)];
     }
   }
@@ -103,6 +107,7 @@ class Bus {
   std::array<int, kWindows / kWindowGrid> slotOfWindow_{};
   std::array<CardFpga*, kSlots> cards_{};
   std::array<ConfigPort*, kSlots> ports_{};
+  MainBoard* board_ = nullptr;
   std::array<std::uint64_t, kSlots> accesses_{};
 };
 

@@ -1,5 +1,7 @@
 #include "headend/hardware/card_fpga.h"
 
+#include <utility>
+
 namespace headend {
 namespace {
 
@@ -17,6 +19,14 @@ constexpr u32 kRatesOfChannel = offsetOf("Valid_1_rateL") - kRatesFirst;
 constexpr std::array kPsiData = {offsetOf("PsiData0"), offsetOf("PsiData1")};
 constexpr std::array kPsiReady = {offsetOf("PsiRdy0"), offsetOf("PsiRdy1")};
 constexpr std::array kPacketLength = {offsetOf("pkt_len0"), offsetOf("pkt_len1")};
+constexpr std::array kFilterPass = {offsetOf("qampidfilter0_filter_onoff"),
+                                    offsetOf("qampidfilter1_filter_onoff")};
+constexpr std::array kFilterStrobe = {offsetOf("qampidfilter0_filter_we"),
+                                      offsetOf("qampidfilter1_filter_we")};
+constexpr std::array kFilterPidLow = {offsetOf("qampidfilter0_filter_pid_l"),
+                                      offsetOf("qampidfilter1_filter_pid_l")};
+constexpr std::array kFilterPidHigh = {offsetOf("qampidfilter0_filter_pid_h"),
+                                       offsetOf("qampidfilter1_filter_pid_h")};
 constexpr std::array kPort = {offsetOf("oport_num0"), offsetOf("oport_num1")};
 
 }  // namespace
@@ -69,9 +79,16 @@ u16 CardFpga::level(u32 offset, Nanos now) {
     case offsetOf("plllock"):
       return static_cast<u16>((board_.firstOscillator().output().hz ? 1 : 0) |
                               (board_.secondOscillator().output().hz ? 2 : 0));
+    case offsetOf("tslock"):
+      return lostInputs(now);
     default:
       return cell(offset);
   }
+}
+
+u16 CardFpga::lostInputs(Nanos now) const {
+  if (!onInputLost_) return 0;
+  return static_cast<u16>((onInputLost_(0, now) ? 1 : 0) | (onInputLost_(1, now) ? 2 : 0));
 }
 
 // A byte a register: the count of bytes from its lowest, then that of null packets.
@@ -96,15 +113,15 @@ void CardFpga::write(u32 offset, u16 value, Nanos now) {
     violations_.count("write_to_register_of_the_card");
     return;
   }
-  cells_[offset / 2] = value;
+  const u16 before = std::exchange(cells_[offset / 2], value);
   if (reg.isLine()) board_.drive(offset, (value & 1) != 0, now);
-  act(offset, value, now);
+  act(offset, before, value, now);
   if (!onRegister_) return;
   onRegister_(offset, level(offset, now), now);
   if (const auto other = CardBoard::companion(offset)) onRegister_(*other, level(*other, now), now);
 }
 
-void CardFpga::act(u32 offset, u16 value, Nanos now) {
+void CardFpga::act(u32 offset, u16 before, u16 value, Nanos now) {
   switch (offset) {
     case kReset:
       if (!modulator_.reset(value)) return;
@@ -122,11 +139,20 @@ void CardFpga::act(u32 offset, u16 value, Nanos now) {
       return psiPorts_[0].write(value, now);
     case kPsiData[1]:
       return psiPorts_[1].write(value, now);
+    case kFilterStrobe[0]:
+    case kFilterStrobe[1]:
+      if ((~before & value & 1) != 0) setFilter(offset == kFilterStrobe[0] ? 0 : 1, now);
+      return;
     default:
       if (offset >= kSymbolRateFirst && offset <= kSymbolRateLast) {
         modulator_.symbolRateByte((offset - kSymbolRateFirst) / 2, value);
       }
   }
+}
+
+void CardFpga::setFilter(std::size_t channel, Nanos now) {
+  const u32 pid = (cell(kFilterPidHigh[channel]) & 0x1FU) << 8 | (cell(kFilterPidLow[channel]) & 0xFFU);
+  outputs_[channel].setPass(now, static_cast<u16>(pid), (cell(kFilterPass[channel]) & 1) != 0);
 }
 
 void CardFpga::advanceOutputs(Nanos now) {

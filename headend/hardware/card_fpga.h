@@ -45,10 +45,17 @@ class CardFpga final : public BusDevice {
     onRegister_ = std::move(hook);
   }
 
+  // Answers whether a channel's input is lost; without it none is.
+  void onInputLost(std::function<bool(std::size_t channel, Nanos now)> hook) {
+    onInputLost_ = std::move(hook);
+  }
+
  private:
   u16 level(u32 offset, Nanos now);
   u16 rateCount(u32 offset, Nanos now);
-  void act(u32 offset, u16 value, Nanos now);
+  u16 lostInputs(Nanos now) const;
+  void act(u32 offset, u16 before, u16 value, Nanos now);
+  void setFilter(std::size_t channel, Nanos now);
   void becomeBlank(Nanos now);
   void startUp(Nanos now);
   u16 cell(u32 offset) const { return cells_[offset / 2]; }
@@ -56,6 +63,7 @@ class CardFpga final : public BusDevice {
   FpgaConfiguration configuration_;
   std::function<void(bool, Nanos)> onConfiguration_;
   std::function<void(u32, u16, Nanos)> onRegister_;
+  std::function<bool(std::size_t, Nanos)> onInputLost_;
   Violations& violations_;
   CardBoard board_;
   Modulator modulator_;

@@ -7,20 +7,29 @@ namespace {
 
 constexpr std::uint64_t kPacketBits = kTsPacket * 8;
 
+void setPid(std::span<u8, kTsPacket> packet, u16 pid) {
+  packet[1] = static_cast<u8>((packet[1] & 0xE0) | pid >> 8);
+  packet[2] = static_cast<u8>(pid);
+}
+
 }  // namespace
 
 void Multiplexer::start(Nanos now, BitRate rate) {
+  if (feed_ != nullptr) feed_->deliverUntil(now);  // what came before is not for this stream
   rate_ = {};
   setRate(now, rate);
   running_ = true;
   next_ = now;
   psi_.clear();
+  buffer_.clear();
+  blocked_.reset();
 }
 
 void Multiplexer::stop(Nanos now) {
   advance(now);
   running_ = false;
   psi_.clear();
+  buffer_.clear();
 }
 
 void Multiplexer::setRate(Nanos now, BitRate rate) {
@@ -32,6 +41,12 @@ void Multiplexer::setRate(Nanos now, BitRate rate) {
   period_ = scaled / divisor_;
   periodRest_ = scaled % divisor_;
   rest_ = 0;
+  bufferLimit_ = static_cast<std::size_t>(static_cast<std::uint64_t>(kBuffer) * divisor_ / scaled);
+  if (buffer_.size() > bufferLimit_) {
+    const std::size_t excess = buffer_.size() - bufferLimit_;
+    buffer_.dropNewest(excess);
+    drop(now, excess);
+  }
 }
 
 bool Multiplexer::psiHasRoom(Nanos now) {
@@ -45,22 +60,90 @@ bool Multiplexer::insertPsi(Nanos now, std::span<const u8> packet) {
   return true;
 }
 
-void Multiplexer::advance(Nanos now) {
+void Multiplexer::offer(Nanos arrival, TsPacketView packet, u16 pid) {
   if (!running_) return;
-  while (next_ <= now) {
-    if (psi_.empty()) return advanceNulls(now);
-    if (sink_ != nullptr) sink_->packet(psi_.front());
-    psi_.pop_front();
-    ++counts_.psi;
-    skip(1);
+  leave(arrival - 1);
+  ++counts_.offered;
+  if (blocked_[pid]) {
+    ++counts_.filtered;
+  } else if (buffer_.size() >= bufferLimit_) {
+    drop(arrival, 1);
+  } else {
+    PacketRing::Waiting& waiting = buffer_.push();
+    waiting.arrival = arrival;
+    std::copy(packet.begin(), packet.end(), waiting.packet.begin());
+    setPid(waiting.packet, pid);
   }
 }
 
-void Multiplexer::advanceNulls(Nanos now) {
+void Multiplexer::drop(Nanos when, std::size_t packets) {
+  counts_.dropped += packets;
+  lastDrop_ = when;
+}
+
+void Multiplexer::setPass(Nanos now, u16 pid, bool pass) {
+  advance(now);
+  blocked_[pid] = !pass;
+}
+
+void Multiplexer::advance(Nanos now) {
+  if (advancing_) return;  // a sink or a tap has asked
+  advancing_ = true;
+  if (feed_ != nullptr) feed_->deliverUntil(now);
+  leave(now);
+  advancing_ = false;
+}
+
+void Multiplexer::leave(Nanos until) {
+  if (!running_) return;
+  while (next_ <= until) {
+    if (!psi_.empty()) {
+      leavePsi();
+    } else if (!buffer_.empty()) {
+      leaveRouted();
+    } else {
+      return leaveNulls(until);
+    }
+  }
+}
+
+void Multiplexer::leavePsi() {
+  show(psi_.front());
+  psi_.pop_front();
+  ++counts_.psi;
+  skip(1);
+}
+
+void Multiplexer::leaveRouted() {
+  PacketRing::Waiting& waiting = buffer_.front();
+  if (const std::optional<u64> pcr = pcrOf(waiting.packet)) {
+    setPcr(waiting.packet, *pcr + ticksSince(waiting.arrival));
+  }
+  show(waiting.packet);
+  buffer_.pop();
+  ++counts_.routed;
+  skip(1);
+}
+
+void Multiplexer::show(TsPacketView packet) {
+  if (sink_ != nullptr) sink_->packet(packet);
+  if (tap_) tap_(packet);
+}
+
+// Ticks of 27 MHz from then to the departure that is due, rounded to the nearest. The departure lies a part
+// of a nanosecond after `next_`.
+std::uint64_t Multiplexer::ticksSince(Nanos arrival) const {
+  const std::uint64_t thousandths = static_cast<std::uint64_t>(next_ - arrival) * 27;
+  const std::uint64_t aTick = 1000 * divisor_;
+  const std::uint64_t rest = thousandths % 1000 * divisor_ + rest_ * 27;
+  return thousandths / 1000 + (rest + aTick / 2) / aTick;
+}
+
+void Multiplexer::leaveNulls(Nanos until) {
   const std::uint64_t before = counts_.null;
-  while (next_ <= now) {
+  while (next_ <= until) {
     // As many as leave by now for certain; the last few one by one.
-    const std::uint64_t atLeast = static_cast<std::uint64_t>(now - next_) / (period_ + 1);
+    const std::uint64_t atLeast = static_cast<std::uint64_t>(until - next_) / (period_ + 1);
     const std::uint64_t packets = std::clamp<std::uint64_t>(atLeast, 1, 100'000'000);
     counts_.null += packets;
     skip(packets);

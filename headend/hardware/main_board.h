@@ -1,0 +1,28 @@
+// The registers of the main board's FPGA that tell of the outputs. The chassis reads them over the bus.
+#pragma once
+
+#include <array>
+
+#include "headend/hardware/bus_device.h"
+#include "headend/hardware/multiplexer.h"
+
+namespace headend {
+
+class MainBoard final : public BusDevice {
+ public:
+  // Byte offset in the main board's block. Two bits a slot, the first output's lower: set by a packet that
+  // found the output's buffer full, clear once no other has for kOverflowHold.
+  static constexpr u32 kRateOverflow = 376;
+  static constexpr Nanos kOverflowHold = 2 * kSecond;
+
+  void watch(int slot, int port, Multiplexer& output);
+
+  u16 read(u32 offset, Nanos now) override;
+  void write(u32 /*offset*/, u16 /*value*/, Nanos /*now*/) override {}  // only the board writes it
+  const char* registerName(u32 /*offset*/) const override { return "rate_overflow"; }
+
+ private:
+  std::array<Multiplexer*, 12> outputs_{};
+};
+
+}  // namespace headend

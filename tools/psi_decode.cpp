@@ -22,8 +22,8 @@
 
 #include <memory>
 
+#include "client/dvb_text.h"
 #include "platform/wire.h"
-#include "tools/dvb_text.h"
 
 namespace tools {
 namespace {
@@ -64,7 +64,7 @@ class List {
 };
 
 std::string text(const u8* bytes, std::size_t size) {
-  return dvbText({bytes, size});
+  return client::dvbText({bytes, size});
 }
 
 const char* streamKind(u8 type) {

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "tools/dvb_text.h"
+#include "client/dvb_text.h"
 #include "tools/json_fields.h"
 
 namespace tools {
@@ -16,7 +16,7 @@ std::string tablesOf(const Json& channel) {
   for (const auto& [name, table] : tables.items()) {
     const auto posted = number(table, "posted");
     if (!posted || *posted <= 0) continue;
-    text += fmt::format(" {} {:.0f}/{}", printable(name), *posted, whole(table, "set_ticks"));
+    text += fmt::format(" {} {:.0f}/{}", client::printable(name), *posted, whole(table, "set_ticks"));
   }
   return text.empty() ? " none" : text;
 }
@@ -63,7 +63,7 @@ std::string faultsText(const Json& status, const char* key, const char* title) {
   if (!faults.is_object()) return fmt::format("{}: {}\n", title, faults.size());
   std::string text;
   for (const auto& [kind, count] : faults.items()) {
-    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", printable(kind), oneLine(count));
+    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", client::printable(kind), oneLine(count));
   }
   return fmt::format("{}: {}\n", title, text);
 }

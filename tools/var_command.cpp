@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "client/card_settings.h"
+#include "client/dvb_text.h"
 #include "client/udp_link.h"
 #include "tools/commands.h"
-#include "tools/dvb_text.h"
 
 namespace tools {
 namespace {
@@ -92,7 +92,7 @@ void get(const Options& options) {
   std::string text;
   for (const CardVariable* variable : wanted(options)) {
     const VariableValue value = client::getVariable(link, slot, variable->id);
-    const std::string shown = printable(client::valueText(*variable, value));
+    const std::string shown = client::printable(client::valueText(*variable, value));
     report.push_back({{"slot", slot + 1},
                       {"id", variable->id},
                       {"name", variable->name},

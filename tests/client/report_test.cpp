@@ -4,12 +4,12 @@
 #include <random>
 #include <sstream>
 
+#include "client/dvb_text.h"
 #include "client/psi_capture.h"
 #include "client/psi_read_back.h"
 #include "client/upload_plan.h"
 #include "tests/client/fake_card.h"
 #include "tests/client/streams.h"
-#include "tools/dvb_text.h"
 #include "tools/psi_report.h"
 #include "tools/status_report.h"
 
@@ -49,7 +49,7 @@ TEST(DvbText, ReadsEveryTableAndLetsNoControlThrough) {
       {"directions", {0x15, 0xE2, 0x80, 0xAE, 'x'}, "x"},
       {"emphasis in UCS-2", {0x11, 0xE0, 0x86, 0, 'a', 0xE0, 0x8A, 0, 'b'}, "a b"},
   };
-  for (const Row& row : rows) EXPECT_EQ(tools::dvbText(row.bytes), row.text) << row.what;
+  for (const Row& row : rows) EXPECT_EQ(client::dvbText(row.bytes), row.text) << row.what;
 }
 
 TEST(DvbText, IsAlwaysPrintableUtf8) {
@@ -58,8 +58,8 @@ TEST(DvbText, IsAlwaysPrintableUtf8) {
     Bytes bytes(random() % 12);
     for (u8& b : bytes) b = static_cast<u8>(random());
     if (!bytes.empty() && round % 2 == 0) bytes[0] = static_cast<u8>(random() % 0x20);
-    const std::string text = tools::dvbText(bytes);
-    EXPECT_EQ(tools::printable(text), text);
+    const std::string text = client::dvbText(bytes);
+    EXPECT_EQ(client::printable(text), text);
     EXPECT_NO_THROW(Json(text).dump());  // throws for what is no UTF-8
     for (const char c : text) EXPECT_FALSE((c >= 0 && c < 0x20) || c == 0x7F);
   }

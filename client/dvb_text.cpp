@@ -1,4 +1,4 @@
-#include "tools/dvb_text.h"
+#include "client/dvb_text.h"
 
 #include <fmt/format.h>
 #include <iconv.h>
@@ -6,7 +6,7 @@
 #include <array>
 #include <cerrno>
 
-namespace tools {
+namespace client {
 namespace {
 
 using CodePoint = char32_t;
@@ -176,4 +176,4 @@ std::string printable(std::string_view text) {
   return result;
 }
 
-}  // namespace tools
+}  // namespace client

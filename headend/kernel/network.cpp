@@ -32,6 +32,32 @@ sockaddr* generic(sockaddr_in& form) {
 
 }  // namespace
 
+int openHostSocket(const std::string& address, std::uint16_t port) {
+  const auto failed = [&](const std::string& why) {
+    throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}", address, port, why));
+  };
+  in_addr parsed{};
+  if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) failed("not an IPv4 address");
+  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) failed(std::strerror(errno));
+  const sockaddr_in form = hostForm(ntohl(parsed.s_addr), port);
+  if (::bind(fd, generic(form), sizeof form) != 0) {
+    const int error = errno;
+    ::close(fd);
+    failed(std::strerror(error));
+  }
+  return fd;
+}
+
+std::string hostAddress(int fd) {
+  sockaddr_in form{};
+  socklen_t size = sizeof form;
+  if (::getsockname(fd, generic(form), &size) != 0) return "off";
+  std::array<char, INET_ADDRSTRLEN> text{};
+  inet_ntop(AF_INET, &form.sin_addr, text.data(), text.size());
+  return fmt::format("{}:{}", text.data(), ntohs(form.sin_port));
+}
+
 UdpSocket::UdpSocket(Network& network, std::uint16_t port) : network_(network), port_(port) {
   network_.sockets_[port_] = this;
 }
@@ -39,26 +65,6 @@ UdpSocket::UdpSocket(Network& network, std::uint16_t port) : network_(network), 
 UdpSocket::~UdpSocket() {
   if (fd_ >= 0) ::close(fd_);
   network_.sockets_.erase(port_);
-}
-
-void UdpSocket::openToHost(const std::string& address, std::uint16_t port) {
-  in_addr parsed{};
-  const auto failed = [&](const std::string& why) {
-    throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}", address, port, why));
-  };
-  if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) failed("not an IPv4 address");
-  fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  const sockaddr_in form = hostForm(ntohl(parsed.s_addr), port);
-  if (fd_ < 0 || ::bind(fd_, generic(form), sizeof form) != 0) failed(std::strerror(errno));
-}
-
-std::string UdpSocket::hostAddress() const {
-  sockaddr_in form{};
-  socklen_t size = sizeof form;
-  if (fd_ < 0 || ::getsockname(fd_, generic(form), &size) != 0) return "off";
-  std::array<char, INET_ADDRSTRLEN> text{};
-  inet_ntop(AF_INET, &form.sin_addr, text.data(), text.size());
-  return fmt::format("{}:{}", text.data(), ntohs(form.sin_port));
 }
 
 std::optional<Datagram> UdpSocket::receive(int timeout) {
@@ -114,16 +120,20 @@ void UdpSocket::drainHost() {
 
 void Network::pollHost(Nanos atMost) {
   std::vector<pollfd> fds;
-  std::vector<UdpSocket*> open;
+  std::vector<std::function<void()>> readable;
   for (const auto& [port, socket] : sockets_) {
     if (socket->fd_ < 0) continue;
     fds.push_back({.fd = socket->fd_, .events = POLLIN, .revents = 0});
-    open.push_back(socket);
+    readable.emplace_back([socket = socket] { socket->drainHost(); });
+  }
+  for (const auto& [fd, read] : watched_) {
+    fds.push_back({.fd = fd, .events = POLLIN, .revents = 0});
+    readable.emplace_back(std::cref(read));
   }
   const timespec wait{.tv_sec = atMost / kSecond, .tv_nsec = atMost % kSecond};
   if (::ppoll(fds.data(), fds.size(), &wait, nullptr) <= 0) return;
   for (std::size_t i = 0; i < fds.size(); ++i) {
-    if ((fds[i].revents & POLLIN) != 0) open[i]->drainHost();
+    if ((fds[i].revents & POLLIN) != 0) readable[i]();
   }
 }
 

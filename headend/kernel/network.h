@@ -30,6 +30,11 @@ struct Datagram {
   Nanos arrived = 0;
 };
 
+// A datagram socket of the host that does not block. Port 0 takes a free one. Throws std::runtime_error that
+// names the address.
+int openHostSocket(const std::string& address, std::uint16_t port);
+std::string hostAddress(int fd);  // "127.0.0.1:49160"
+
 class Network;
 
 class UdpSocket {
@@ -39,10 +44,9 @@ class UdpSocket {
   UdpSocket& operator=(const UdpSocket&) = delete;
   ~UdpSocket();
 
-  // Opens a socket of the host too, so that its network reaches this one. Port 0 takes a free one. Throws
-  // std::runtime_error that names the address.
-  void openToHost(const std::string& address, std::uint16_t port);
-  std::string hostAddress() const;  // "127.0.0.1:49160"
+  // Opens a socket of the host too, so that its network reaches this one. As openHostSocket.
+  void openToHost(const std::string& address, std::uint16_t port) { fd_ = openHostSocket(address, port); }
+  std::string hostAddress() const { return fd_ < 0 ? "off" : headend::hostAddress(fd_); }
 
   // Blocks the calling task for at most `timeout` ticks. A datagram that finds kWaitingMost waiting is lost.
   std::optional<Datagram> receive(int timeout);
@@ -74,6 +78,13 @@ class Network {
     onArrival_ = std::move(hook);
   }
 
+  // Calls `readable` from pollHost while the host has something to read on `fd`, until unwatch. It reads
+  // without blocking, and may not call watch or unwatch.
+  void watch(int fd, std::function<void()> readable) { watched_[fd] = std::move(readable); }
+  void unwatch(int fd) { watched_.erase(fd); }
+
+  Nanos now() const { return kernel_.now(); }
+
   // Takes what has come from the host; waits for it that long at most, and less when a signal comes.
   void pollHost(Nanos atMost);
 
@@ -81,6 +92,7 @@ class Network {
   friend class UdpSocket;
   Kernel& kernel_;
   std::map<std::uint16_t, UdpSocket*> sockets_;
+  std::map<int, std::function<void()>> watched_;
   std::function<void(const UdpSocket&, const Datagram&)> onArrival_;
 };
 

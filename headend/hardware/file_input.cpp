@@ -1,0 +1,283 @@
+#include "headend/hardware/file_input.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <span>
+#include <stdexcept>
+
+#include "client/packet_reader.h"
+
+namespace headend {
+namespace {
+
+// Both a tick of 27 MHz (1000 units) and a nanosecond (27) are whole numbers of this unit, so that nothing is
+// rounded before the end.
+constexpr u64 kUnitsPerTick = 1'000;
+constexpr u64 kUnitsPerNano = 27;
+constexpr u64 kUnitsPerSecond = kPcrHz * kUnitsPerTick;
+constexpr u64 kPacketBits = kTsPacket * 8;
+
+// PCRs farther apart than this are no clock: the standard wants ten a second.
+constexpr u64 kLongestInterval_ticks = kPcrHz;
+
+// What is to be done with a packet in further passes.
+constexpr u8 kStep = 0x0F;  // by which its continuity counter moves each pass
+constexpr u8 kPcr = 0x10;
+constexpr u8 kStamps = 0x20;
+
+struct Pcr {
+  std::size_t packet;
+  u64 ticks;
+};
+
+// How fast packets come: so many in so many units.
+struct Pace {
+  u64 packets = 0;
+  u64 units = 0;
+  u64 of(u64 n) const { return n * (units / packets) + n * (units % packets) / packets; }
+};
+
+bool isInterval(const Pcr& from, const Pcr& to) {
+  const u64 ticks = pcrDistance(from.ticks, to.ticks);
+  return ticks > 0 && ticks <= kLongestInterval_ticks;
+}
+
+Pace paceBetween(const Pcr& from, const Pcr& to) {
+  return {.packets = to.packet - from.packet, .units = pcrDistance(from.ticks, to.ticks) * kUnitsPerTick};
+}
+
+// Without single PCRs that are broken between two that fit each other.
+std::vector<Pcr> withoutStrays(const std::vector<Pcr>& all) {
+  std::vector<Pcr> kept;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    const bool between = !kept.empty() && i + 1 < all.size();
+    if (between && isInterval(kept.back(), all[i + 1]) &&
+        !(isInterval(kept.back(), all[i]) && isInterval(all[i], all[i + 1]))) {
+      continue;
+    }
+    kept.push_back(all[i]);
+  }
+  return kept;
+}
+
+// Of the first PID that has two which follow each other; none if no PID has.
+std::vector<Pcr> clockOf(const std::vector<std::array<u8, kTsPacket>>& packets) {
+  std::map<u16, std::vector<Pcr>> byPid;
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    if (const auto ticks = pcrOf(packets[i])) byPid[pidOf(packets[i])].push_back({i, *ticks});
+  }
+  std::vector<Pcr> first;
+  for (const auto& [pid, all] : byPid) {
+    std::vector<Pcr> pcrs = withoutStrays(all);
+    const auto apart = [](const Pcr& a, const Pcr& b) { return isInterval(a, b); };
+    if (std::ranges::adjacent_find(pcrs, apart) == pcrs.end()) continue;
+    if (first.empty() || pcrs.front().packet < first.front().packet) first = std::move(pcrs);
+  }
+  return first;
+}
+
+// The offsets of packets one after the other, at paces that change.
+class Timetable {
+ public:
+  explicit Timetable(std::vector<u64>& offsets) : offsets_(offsets) {}
+  void add(u64 packets, const Pace& pace) {
+    for (u64 i = 0; i < packets; ++i) offsets_.push_back(end_ + pace.of(i));
+    end_ += pace.of(packets);
+  }
+  u64 end() const { return end_; }
+
+ private:
+  std::vector<u64>& offsets_;
+  u64 end_ = 0;
+};
+
+void followPcrs(Timetable& timetable, const std::vector<Pcr>& pcrs, std::size_t packets) {
+  std::size_t good = 0;
+  while (!isInterval(pcrs[good], pcrs[good + 1])) ++good;
+  Pace pace = paceBetween(pcrs[good], pcrs[good + 1]);
+  timetable.add(pcrs.front().packet, pace);
+  for (std::size_t i = 0; i + 1 < pcrs.size(); ++i) {
+    if (isInterval(pcrs[i], pcrs[i + 1])) pace = paceBetween(pcrs[i], pcrs[i + 1]);
+    timetable.add(pcrs[i + 1].packet - pcrs[i].packet, pace);
+  }
+  timetable.add(packets - pcrs.back().packet, pace);
+}
+
+// The first bytes of a PES packet, with the places they lie in.
+struct PesHeader {
+  static constexpr std::size_t kMost = kPesTimesAt + 2 * kPesTimeSize;
+  struct Place {
+    std::uint32_t packet;
+    u8 at;
+  };
+  bool open = false;
+  std::size_t size = 0;
+  std::array<u8, kMost> bytes{};
+  std::array<Place, kMost> places{};
+
+  unsigned times() const { return size < kPesTimesAt ? 0 : pesTimesIn(bytes); }
+  bool complete() const { return size >= kPesTimesAt && size >= kPesTimesAt + times() * kPesTimeSize; }
+};
+
+}  // namespace
+
+FileInput::FileInput(const std::string& path, std::optional<std::uint64_t> bitRate, Nanos start)
+    : path_(path), start_(start) {
+  if (bitRate && (*bitRate < kSlowest || *bitRate > kFastest)) {
+    throw std::runtime_error(fmt::format("cannot play {} at {} bits a second: name a rate from {} to {}",
+                                         path_, *bitRate, kSlowest, kFastest));
+  }
+  read();
+  pace(bitRate);
+  markPackets();
+  findStamps();
+  schedule();
+}
+
+void FileInput::read() {
+  const auto failed = [this](const std::string& why) {
+    throw std::runtime_error(fmt::format("cannot play {}: {}", path_, why));
+  };
+  std::error_code error;
+  if (std::filesystem::is_directory(path_, error)) failed("it is a folder");
+  std::ifstream stream(path_, std::ios::binary);
+  if (!stream) failed(std::strerror(errno));
+  if (const auto size = std::filesystem::file_size(path_, error); !error) packets_.reserve(size / kTsPacket);
+
+  client::PacketReader reader(stream);
+  while (const u8* packet = reader.next()) {
+    std::copy_n(packet, kTsPacket, packets_.emplace_back().begin());
+  }
+  if (stream.bad()) failed("it could not be read to its end");
+  if (packets_.empty()) failed("it holds no transport-stream packets (of 188, 192 or 204 bytes)");
+  damage_ = {.syncLosses = reader.losses().size(),
+             .leadingBytes = reader.leadingBytes(),
+             .trailingBytes = reader.trailingBytes()};
+}
+
+void FileInput::pace(std::optional<std::uint64_t> bitRate) {
+  offsets_.reserve(packets_.size());
+  Timetable timetable(offsets_);
+  if (bitRate) {
+    timetable.add(packets_.size(), {.packets = *bitRate, .units = kPacketBits * kUnitsPerSecond});
+  } else {
+    const std::vector<Pcr> pcrs = clockOf(packets_);
+    if (pcrs.empty()) {
+      throw std::runtime_error(
+          fmt::format("cannot play {}: no PID has two PCRs within a second of each other, which would give "
+                      "its pace; name a rate in bits a second, {}@RATE",
+                      path_, path_));
+    }
+    followPcrs(timetable, pcrs, packets_.size());
+  }
+  // PCR, PTS and DTS move by one same amount: whole ticks of 90 kHz. Upwards, so that no packet of a pass
+  // comes later than the first of the next.
+  constexpr u64 kPtsUnits = kPcrPerPts * kUnitsPerTick;
+  period_ticks_ = (timetable.end() + kPtsUnits - 1) / kPtsUnits * kPcrPerPts;
+}
+
+// The continuity of a PID moves each pass by what its last packet is ahead of the one before the first. A
+// packet without payload does not count.
+void FileInput::markPackets() {
+  std::vector<const Packet*> firsts(kPids);
+  std::vector<const Packet*> lasts(kPids);
+  for (const Packet& packet : packets_) {
+    const u16 pid = pidOf(packet);
+    if (firsts[pid] == nullptr) firsts[pid] = &packet;
+    lasts[pid] = &packet;
+  }
+  marks_.reserve(packets_.size());
+  for (const Packet& packet : packets_) {
+    const u16 pid = pidOf(packet);
+    u8 mark = hasPcr(packet) ? kPcr : u8{0};
+    if (pid != kNullPid) {
+      const int step =
+          continuityOf(*lasts[pid]) - continuityOf(*firsts[pid]) + (hasPayload(*firsts[pid]) ? 1 : 0);
+      mark = static_cast<u8>(mark | (step & kStep));
+    }
+    marks_.push_back(mark);
+  }
+}
+
+void FileInput::findStamps() {
+  std::map<u16, PesHeader> headers;
+  const auto keep = [this](const PesHeader& header) {
+    for (unsigned time = 0; time < header.times(); ++time) {
+      const std::size_t begin = kPesTimesAt + time * kPesTimeSize;
+      std::array<u8, kPesTimeSize> field{};
+      std::copy_n(&header.bytes[begin], kPesTimeSize, field.begin());
+      if (!pesTimeOf(field)) continue;
+      for (u8 i = 0; i < kPesTimeSize; ++i) {
+        const PesHeader::Place& place = header.places[begin + i];
+        if (i > 0 && stamps_.back().packet == place.packet) {
+          ++stamps_.back().count;
+        } else {
+          stamps_.push_back({.packet = place.packet, .at = place.at, .first = i, .count = 1, .field = field});
+        }
+        marks_[place.packet] |= kStamps;
+      }
+    }
+  };
+  for (std::uint32_t i = 0; i < packets_.size(); ++i) {
+    const Packet& packet = packets_[i];
+    if (!hasPayload(packet) || pidOf(packet) == kNullPid) continue;
+    PesHeader& header = headers[pidOf(packet)];
+    if (startsUnit(packet)) {
+      header.open = true;
+      header.size = 0;
+    }
+    if (isScrambled(packet)) header.open = false;
+    if (!header.open) continue;
+    for (std::size_t at = payloadStart(packet); at < kTsPacket && !header.complete(); ++at) {
+      header.places[header.size] = {.packet = i, .at = static_cast<u8>(at)};
+      header.bytes[header.size++] = packet[at];
+    }
+    if (!header.complete()) continue;
+    keep(header);
+    header.open = false;
+  }
+  std::ranges::stable_sort(stamps_, {}, &Stamp::packet);
+}
+
+void FileInput::schedule() {
+  const u64 units = passBegin_ + offsets_[index_];
+  next_ = start_ + static_cast<Nanos>((units + kUnitsPerNano / 2) / kUnitsPerNano);
+}
+
+TsPacketView FileInput::take() {
+  TsPacketView taken = packets_[index_];
+  if (pass_ > 0) {
+    moved_ = packets_[index_];
+    const u8 mark = marks_[index_];
+    setContinuity(moved_, continuityOf(moved_) + static_cast<unsigned>(pass_ & 0x0F) * (mark & kStep));
+    if ((mark & kPcr) != 0) setPcr(moved_, *pcrOf(moved_) + shift_ticks_);
+    if ((mark & kStamps) != 0) moveStamps();
+    taken = moved_;
+  }
+  if (++index_ == packets_.size()) {
+    index_ = 0;
+    stamp_ = 0;
+    ++pass_;
+    passBegin_ += period_ticks_ * kUnitsPerTick;
+    shift_ticks_ = (shift_ticks_ + period_ticks_) % kPcrWrap;
+  }
+  schedule();
+  return taken;
+}
+
+void FileInput::moveStamps() {
+  for (; stamp_ < stamps_.size() && stamps_[stamp_].packet == index_; ++stamp_) {
+    const Stamp& stamp = stamps_[stamp_];
+    std::array<u8, kPesTimeSize> field = stamp.field;
+    setPesTime(field, *pesTimeOf(field) + shift_ticks_ / kPcrPerPts);
+    std::copy_n(&field[stamp.first], stamp.count, &moved_[stamp.at]);
+  }
+}
+
+}  // namespace headend

@@ -1,0 +1,231 @@
+#include "headend/hardware/udp_input.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace headend {
+namespace {
+
+constexpr u8 kSync = 0x47;
+constexpr std::size_t kLargestDatagram = 65536;
+constexpr int kDatagramsAtOnce = 4096;
+constexpr int kHostBuffer = 4 * 1024 * 1024;  // bytes; the host may give less
+
+// Twice the delay at 100 Mb/s, and some.
+constexpr Nanos kPacketsPerSecond = 66'500;
+constexpr std::size_t kPacketsAtLeast = 1024;
+
+// A tick of 27 MHz and a nanosecond are both whole numbers of this unit.
+constexpr std::int64_t kUnitsPerTick = 1'000;
+constexpr std::int64_t kUnitsPerNano = 27;
+
+constexpr u64 kLongestInterval_ticks = kPcrHz;
+constexpr Nanos kPcrPidGone = kSecond;         // after which another PID's PCRs may take over
+constexpr Nanos kShortestPause = 100'000'000;  // the standard wants a PCR each 100 ms
+
+// How the sender's clock is followed: jitter is averaged over the first, what remains is made good over the
+// second, at no more than the rate, which is several times what a quartz is off.
+constexpr double kSmoothing_s = 2;
+constexpr double kCorrection_s = 20;
+constexpr double kFastestCorrection = 200e-6;
+
+// RTP (RFC 3550); MPEG-2 transport streams are type 33.
+constexpr std::size_t kRtpHeader = 12;
+constexpr u8 kRtpTransportStream = 33;
+constexpr int kReordered = 100;  // a datagram at most so far back is late; farther, the sender began anew
+
+bool isPackets(std::span<const u8> bytes) {
+  if (bytes.empty() || bytes.size() % kTsPacket != 0) return false;
+  for (std::size_t at = 0; at < bytes.size(); at += kTsPacket) {
+    if (bytes[at] != kSync) return false;
+  }
+  return true;
+}
+
+// What is behind the header and before the padding; empty when that does not fit the datagram.
+std::span<const u8> rtpPayload(std::span<const u8> datagram) {
+  std::size_t begin = kRtpHeader + std::size_t{4} * (datagram[0] & 0x0F);
+  if ((datagram[0] & 0x10) != 0) {
+    if (begin + 4 > datagram.size()) return {};
+    begin += 4 + std::size_t{4} * static_cast<std::size_t>(datagram[begin + 2] << 8 | datagram[begin + 3]);
+  }
+  const std::size_t padding = (datagram[0] & 0x20) != 0 ? datagram.back() : 0;
+  if (begin + padding > datagram.size()) return {};
+  return datagram.subspan(begin, datagram.size() - begin - padding);
+}
+
+}  // namespace
+
+UdpInput::UdpInput(Network& network, const std::string& address, std::uint16_t port, Nanos deJitter)
+    : network_(network), deJitter_(deJitter), datagram_(kLargestDatagram) {
+  if (deJitter < kShortest || deJitter > kLongest) {
+    throw std::runtime_error(fmt::format("a de-jitter buffer of {} ms is none of {} to {} ms",
+                                         static_cast<double>(deJitter) / 1e6, kShortest / 1'000'000,
+                                         kLongest / 1'000'000));
+  }
+  ring_.resize(kPacketsAtLeast + static_cast<std::size_t>(2 * deJitter * kPacketsPerSecond / kSecond));
+  fd_ = openHostSocket(address, port);
+  ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &kHostBuffer, sizeof kHostBuffer);
+  name_ = "udp://" + hostAddress(fd_);
+  network_.watch(fd_, [this] { receive(); });
+}
+
+UdpInput::~UdpInput() {
+  network_.unwatch(fd_);
+  ::close(fd_);
+}
+
+// ---- Datagrams ----
+
+void UdpInput::receive() {
+  for (int i = 0; i < kDatagramsAtOnce; ++i) {
+    const ssize_t n = ::recv(fd_, datagram_.data(), datagram_.size(), 0);
+    if (n < 0) return;
+    accept(std::span(datagram_).first(static_cast<std::size_t>(n)));
+  }
+}
+
+void UdpInput::accept(std::span<const u8> datagram) {
+  ++counts_.datagrams;
+  const auto packets = payloadOf(datagram);
+  if (!packets) {
+    ++counts_.foreign;
+    return;
+  }
+  const Nanos now = network_.now();
+  if (running_ && now - lastArrival_ > std::max(deJitter_, kShortestPause)) {
+    ++counts_.pauses;
+    running_ = false;
+  }
+  lastArrival_ = now;
+  for (std::size_t at = 0; at < packets->size(); at += kTsPacket) push(packets->subspan(at, kTsPacket));
+}
+
+std::optional<std::span<const u8>> UdpInput::payloadOf(std::span<const u8> datagram) {
+  if (isPackets(datagram)) return datagram;
+  const bool rtp =
+      datagram.size() >= kRtpHeader && datagram[0] >> 6 == 2 && (datagram[1] & 0x7F) == kRtpTransportStream;
+  if (!rtp) return std::nullopt;
+  const auto payload = rtpPayload(datagram);
+  if (!isPackets(payload)) return std::nullopt;
+  noteSequence(static_cast<u16>(datagram[2] << 8 | datagram[3]));
+  return payload;
+}
+
+void UdpInput::noteSequence(u16 sequence) {
+  const int ahead = sequence_ ? static_cast<std::int16_t>(sequence - *sequence_) : 0;
+  if (ahead < 0 && ahead >= -kReordered) return;
+  counts_.rtpLost += static_cast<std::uint64_t>(std::max(ahead, 0));
+  sequence_ = static_cast<u16>(sequence + 1);
+}
+
+// ---- The buffer ----
+
+// A packet's time is not known before the next PCR comes; until then it is its arrival's.
+void UdpInput::push(std::span<const u8> packet) {
+  if (size_ + 1 >= ring_.size()) {
+    ++counts_.full;
+    return;
+  }
+  ++size_;
+  ++pushed_;
+  ++counts_.packets;
+  Entry& last = entry(pushed_ - 1);
+  std::ranges::copy(packet, last.packet.begin());
+  lastWhen_ = std::max(lastWhen_, network_.now() + deJitter_);
+  last.when = lastWhen_;
+
+  const auto ticks = pcrOf(packet);
+  if (!ticks) return;
+  const u16 pid = pidOf(packet);
+  if (pcrPid_ != pid) {
+    if (pcrPid_ && network_.now() - pcrArrival_ < kPcrPidGone) return;
+    if (running_) ++counts_.discontinuities;
+    pcrPid_ = pid;
+    running_ = false;
+  }
+  onPcr(*ticks);
+}
+
+TsPacketView UdpInput::take() {
+  const Entry& first = ring_[head_];
+  lastTaken_ = first.when;
+  head_ = (head_ + 1) % ring_.size();
+  --size_;
+  ++taken_;
+  return first.packet;
+}
+
+// ---- The clock ----
+
+// `ticks` is the PCR of the packet pushed last.
+void UdpInput::onPcr(u64 ticks) {
+  const Nanos now = network_.now();
+  const u64 elapsed_ticks = pcrDistance(pcr_ticks_, ticks);
+  if (!running_) {
+    beginClock(ticks);
+  } else if (elapsed_ticks == 0 || elapsed_ticks > kLongestInterval_ticks) {
+    ++counts_.discontinuities;
+    beginClock(ticks);
+  } else {
+    const Nanos before = play_ / kUnitsPerNano;
+    follow(elapsed_ticks);
+    const Nanos play = play_ / kUnitsPerNano;
+    if (play < now) {
+      ++counts_.underruns;
+      beginClock(ticks);
+    } else if (play > now + 2 * deJitter_) {
+      ++counts_.overruns;
+      hurry(now + deJitter_);
+      beginClock(ticks);
+    } else {
+      spread(before, play);
+    }
+  }
+  pcr_ticks_ = ticks;
+  pcrNumber_ = pushed_ - 1;
+  pcrArrival_ = now;
+}
+
+void UdpInput::beginClock(u64 ticks) {
+  running_ = true;
+  pcr_ticks_ = ticks;
+  play_ = lastWhen_ * kUnitsPerNano;
+  excess_ = 0;
+}
+
+// Moves the clock on to a PCR that comes so much later, and a little towards the middle of the buffer.
+void UdpInput::follow(u64 elapsed_ticks) {
+  const double elapsed_s = static_cast<double>(elapsed_ticks) / static_cast<double>(kPcrHz);
+  const auto straight = static_cast<std::int64_t>(elapsed_ticks) * kUnitsPerTick;
+  const double excess = static_cast<double>((play_ + straight) / kUnitsPerNano - network_.now() - deJitter_);
+  excess_ += (excess - excess_) * std::min(1.0, elapsed_s / kSmoothing_s);
+  const double rate = std::clamp(excess_ / 1e9 / kCorrection_s, -kFastestCorrection, kFastestCorrection);
+  play_ += straight - static_cast<std::int64_t>(rate * static_cast<double>(straight));
+}
+
+// Gives the packets since the last PCR, which are still waiting, their times up to that of the one just come.
+void UdpInput::spread(Nanos begin, Nanos play) {
+  const Nanos earliest = std::max(network_.now(), lastTaken_);
+  const auto packets = static_cast<Nanos>(pushed_ - 1 - pcrNumber_);
+  for (std::uint64_t number = std::max(pcrNumber_ + 1, taken_); number < pushed_; ++number) {
+    const Nanos even = begin + (play - begin) * static_cast<Nanos>(number - pcrNumber_) / packets;
+    entry(number).when = std::max(even, earliest);
+  }
+  lastWhen_ = std::max(play, earliest);
+}
+
+// After an overrun: what waits plays by then, so that no more waits than should.
+void UdpInput::hurry(Nanos latest) {
+  latest = std::max(latest, lastTaken_);
+  for (std::uint64_t number = taken_; number < pushed_; ++number) {
+    entry(number).when = std::min(entry(number).when, latest);
+  }
+  lastWhen_ = std::min(lastWhen_, latest);
+}
+
+}  // namespace headend

@@ -1,6 +1,6 @@
-// qamctl: manages the cards of a chassis over its management socket: the tables of a channel, the variables
-// of a card, what goes out at the RF connectors. Exit codes: 0 done; 1 the request could not be carried out;
-// 2 wrong call.
+// qamctl: manages the cards of a chassis over its management socket: the tables and the PID map of a channel,
+// the variables of a card, what goes out at the RF connectors. Exit codes: 0 done; 1 the request could not be
+// carried out; 2 wrong call.
 #include <fmt/format.h>
 
 #include <cstdio>
@@ -21,6 +21,7 @@ constexpr const char* kFooter =
     "  qamctl psi load 1.1 capture.ts --interval PAT=100 --interval SDT_C=500\n"
     "  qamctl psi show 1.1 --save backup.ts\n"
     "  qamctl psi interval 1.2 NIT_C=1000 BAT=0\n"
+    "  qamctl pidmap load 1.1 map.csv\n"
     "  qamctl var get 1 rfreq rflevel\n"
     "  qamctl var set 1 rfreq 602000\n"
     "  qamctl rf\n"
@@ -37,6 +38,7 @@ int run(int argc, char** argv) {
   app.require_subcommand(1);
   tools::addServer(app, server, "the chassis's management socket");
   tools::addPsiCommands(app, server);
+  tools::addPidMapCommands(app, server);
   tools::addVarCommands(app, server);
   tools::addRfCommand(app, server);
   tools::addStatusCommand(app, server);

@@ -1,0 +1,24 @@
+// What `qamctl pidmap show` tells of a channel's map: the card's record beside the chassis's router, as JSON
+// and as text for people.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/pid_map.h"
+#include "tools/psi_decode.h"
+
+namespace tools {
+
+// An object with channel, locked, announced_only (entries announced that never came), record (a list of
+// objects with the members of a map file), router (the same without programme numbers and type; null when the
+// chassis does not tell), repeated (positions of the router whose source stands at an earlier one, which it
+// takes) and router_holds_record (null as router).
+Json pidMapReport(const client::PidMap& map, const client::Channel& channel,
+                  const std::optional<std::vector<client::RouterWords>>& router);
+
+// The report of pidMapReport in lines.
+std::string pidMapText(const Json& report);
+
+}  // namespace tools

@@ -59,7 +59,7 @@ void unlock(ChannelVariables& card) {
 void lockAnew(ChannelVariables& card, bool force) {
   if (card.locked()) {
     if (!force) {
-      throw PsiError(
+      throw PsiLockedError(
           fmt::format("channel {} is locked: another client is loading it, or broke off. When none is at "
                       "work any more, {}",
                       channelName(card.channel()), waysOn(card.channel())));

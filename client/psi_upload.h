@@ -19,6 +19,12 @@ class PsiError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The channel is locked by another client, and nothing was changed.
+class PsiLockedError : public PsiError {
+ public:
+  using PsiError::PsiError;
+};
+
 struct UploadOptions {
   bool force =
       false;  // unlock a locked channel and lock it again, so that a dead client's half upload is gone
@@ -27,7 +33,7 @@ struct UploadOptions {
 };
 
 // Replaces the channel's tables: lock, chunks, intervals (CAT last), unlock. Refuses a locked channel unless
-// forced, and an interval above kMaxInterval. Throws PsiError or LinkError.
+// forced (PsiLockedError), and an interval above kMaxInterval. Throws PsiError or LinkError.
 void upload(Link& link, const Channel& channel, const UploadPlan& plan, const Intervals& intervals,
             const UploadOptions& options = {});
 

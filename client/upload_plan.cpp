@@ -15,20 +15,17 @@ TableType typeOf(const Section& section) {
   return tableOfId(section.tableId()).value();
 }
 
-void append(UploadPlan& plan, const Section& section, u8& continuity) {
-  std::vector<Packet> packets;
-  packSection(section, continuity, packets);
-  auto& table = plan.tables[indexOf(typeOf(section))];
-  ++table.sections;
-  table.packets += packets.size();
-  plan.packets += packets.size();
-  for (const Packet& packet : packets) {
-    const Chunk* last = plan.chunks.empty() ? nullptr : &plan.chunks.back();
-    if (last == nullptr || last->pid != section.pid || last->tableId != section.tableId() ||
-        last->packets.size() == kChunkPackets) {
-      plan.chunks.push_back({.pid = section.pid, .tableId = section.tableId(), .packets = {}});
-    }
-    plan.chunks.back().packets.push_back(packet);
+void append(UploadPlan& plan, const StoredTable& stored) {
+  auto& table = plan.tables[indexOf(stored.type)];
+  table.sections += stored.sections;
+  table.packets += stored.packets.size();
+  plan.packets += stored.packets.size();
+  for (std::size_t first = 0; first < stored.packets.size(); first += kChunkPackets) {
+    const auto begin = stored.packets.begin() + static_cast<std::ptrdiff_t>(first);
+    const auto size = std::min(kChunkPackets, stored.packets.size() - first);
+    plan.chunks.push_back({.pid = stored.pid,
+                           .tableId = tableId(stored.type),
+                           .packets = {begin, begin + static_cast<std::ptrdiff_t>(size)}});
   }
 }
 
@@ -36,10 +33,10 @@ std::string reasonsAgainst(const UploadPlan& plan) {
   std::string reasons;
   const auto add = [&](const std::string& reason) { reasons += (reasons.empty() ? "" : "; ") + reason; };
   if (plan.packets > kStoreSize) {
-    add(fmt::format("its tables take {} packets, and a channel holds {}", plan.packets, kStoreSize));
+    add(fmt::format("they take {} packets, and a channel holds {}", plan.packets, kStoreSize));
   }
   if (const auto pmt = plan.tables[indexOf(TableType::kPmt)].packets; pmt > kMaxPmtPackets) {
-    add(fmt::format("its PMTs take {} packets, and a card sends no more than {} of them in order", pmt,
+    add(fmt::format("the PMTs take {} packets, and a card sends no more than {} of them in order", pmt,
                     kMaxPmtPackets));
   }
   std::set<u16> pids;
@@ -57,16 +54,29 @@ std::string reasonsAgainst(const UploadPlan& plan) {
 
 }  // namespace
 
+UploadPlan planStored(const std::vector<StoredTable>& tables) {
+  UploadPlan plan;
+  for (const StoredTable& table : tables) append(plan, table);
+  if (const std::string reasons = reasonsAgainst(plan); !reasons.empty()) {
+    throw PlanError("a card cannot hold these tables: " + reasons);
+  }
+  return plan;
+}
+
 UploadPlan planUpload(std::vector<Section> sections) {
   std::ranges::stable_sort(
       sections, {}, [](const Section& s) { return std::tuple(typeOf(s), s.pid, s.extension(), s.number()); });
-  UploadPlan plan;
+  std::vector<StoredTable> tables;
   std::map<u16, u8> continuity;
-  for (const Section& section : sections) append(plan, section, continuity[section.pid]);
-  if (const std::string reasons = reasonsAgainst(plan); !reasons.empty()) {
-    throw PlanError("a card cannot hold this capture: " + reasons);
+  for (const Section& section : sections) {
+    const TableType type = typeOf(section);
+    if (tables.empty() || tables.back().type != type || tables.back().pid != section.pid) {
+      tables.push_back({.type = type, .pid = section.pid, .sections = 0, .packets = {}});
+    }
+    ++tables.back().sections;
+    packSection(section, continuity[section.pid], tables.back().packets);
   }
-  return plan;
+  return planStored(tables);
 }
 
 }  // namespace client

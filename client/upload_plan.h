@@ -19,6 +19,8 @@ struct Chunk {
   u16 pid = 0;
   u8 tableId = 0;
   std::vector<Packet> packets;  // 1 to kChunkPackets
+
+  bool operator==(const Chunk&) const = default;
 };
 
 struct UploadPlan {
@@ -43,6 +45,18 @@ class PlanError : public std::runtime_error {
 constexpr bool marksFreePlace(u16 pid) {
   return (pid & 0x1FF) == 0x1FF;
 }
+
+// What a card stores of one table on one PID, in the order in which it sends it.
+struct StoredTable {
+  TableType type{};
+  u16 pid = 0;
+  std::size_t sections = 0;
+  std::vector<Packet> packets;
+};
+
+// Packets are sent as they are and in the order of the tables here, which must be that of TableType. Throws
+// PlanError.
+UploadPlan planStored(const std::vector<StoredTable>& tables);
 
 // Sections are sent in ascending order of table (as TableType), PID, extension and number, whatever their
 // order here. Throws PlanError.

@@ -1,0 +1,292 @@
+#include "client/programme.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <system_error>
+
+#include "client/psi_read_back.h"
+#include "client/psi_upload.h"
+#include "client/replace_file.h"
+
+namespace client {
+namespace {
+
+constexpr u32 kUsualInterval_ticks = 300;  // for a table that comes on the air and was stopped
+constexpr std::chrono::milliseconds kPoll{100};
+
+std::string owner(const Channel& channel) {
+  return "channel " + channelName(channel);
+}
+
+// Asks an input for a table until it is accepted; nothing when its patience ends before.
+std::vector<Section> awaitSections(Link& link, const SourcePort& source, u16 pid, TableType type,
+                                   std::chrono::milliseconds patience,
+                                   const std::function<bool(const std::vector<Section>&)>& accept) {
+  for (auto waited = std::chrono::milliseconds(0);; waited += kPoll) {
+    std::vector<Section> sections = sourceSections(link, source, pid, tableId(type));
+    if (accept(sections)) return sections;
+    if (waited >= patience) return {};
+    link.wait(kPoll);
+  }
+}
+
+class SourceReader {
+ public:
+  SourceReader(Link& link, const SourcePort& source, std::chrono::milliseconds patience)
+      : link_(link), patience_(patience) {
+    tables_.input = source;
+  }
+
+  std::pair<SourceTables, u16> read(const std::string& choice) {
+    tables_.pat = whole(TableType::kPat);
+    if (tables_.pat.empty()) fail(tableName(TableType::kPat), "is the input there and its stream running?");
+    tables_.sdt = whole(TableType::kSdtC);
+    const u16 number = choose(choice);
+    tables_.pmt =
+        awaitSections(link_, tables_.input, pmtPidOf(tables_.pat, number).value(), TableType::kPmt, patience_,
+                      [&](const auto& sections) { return std::ranges::any_of(sections, isOf(number)); });
+    if (tables_.pmt.empty()) {
+      fail(fmt::format("PMT of programme {}", number), "the PAT names it, and nothing sends it");
+    }
+    if (isScrambled(number)) tables_.cat = whole(TableType::kCat);
+    return {std::move(tables_), number};
+  }
+
+ private:
+  static std::function<bool(const Section&)> isOf(u16 number) {
+    return [number](const Section& s) { return s.extension() == number; };
+  }
+
+  std::vector<Section> whole(TableType type) {
+    return awaitSections(link_, tables_.input, tablePid(type).value(), type, patience_, isWhole);
+  }
+
+  // Without an SDT a number still says which programme is meant.
+  u16 choose(const std::string& choice) const {
+    const std::string name = fmt::format("input {}.{}", tables_.input.slot + 1, tables_.input.port + 1);
+    try {
+      return chooseProgramme(tables_.pat, tables_.sdt, choice, name);
+    } catch (const ProgrammeError& e) {
+      if (!tables_.sdt.empty()) throw;
+      fail("SDT", fmt::format("its services have no names, so choose by number ({})", e.what()));
+    }
+  }
+
+  bool isScrambled(u16 number) const {
+    const auto pmt = std::ranges::find_if(tables_.pmt, isOf(number));
+    return std::ranges::any_of(pidsOfPmt(*pmt),
+                               [](const PidField& f) { return f.use == PidField::Use::kCa; });
+  }
+
+  [[noreturn]] void fail(const std::string& table, const std::string& hint) const {
+    throw ProgrammeError(fmt::format("the {} of input {}.{} did not come whole within {:.1f} s: {}", table,
+                                     tables_.input.slot + 1, tables_.input.port + 1,
+                                     std::chrono::duration<double>(patience_).count(), hint));
+  }
+
+  Link& link_;
+  std::chrono::milliseconds patience_;
+  SourceTables tables_;
+};
+
+Intervals intervalsOf(const ReadBack& tables, const std::set<TableType>& fresh) {
+  Intervals intervals;
+  for (const TableType type : kAllTables) {
+    const u32 ticks = tables.tables[indexOf(type)].interval_ticks;
+    intervals[type] = ticks == 0 && fresh.contains(type) ? kUsualInterval_ticks : ticks;
+  }
+  return intervals;
+}
+
+Bytes transportStream(const UploadPlan& plan) {
+  Bytes bytes;
+  std::map<u16, u8> continuity;  // those in the store are not what is sent
+  for (const Chunk& chunk : plan.chunks) {
+    for (Packet packet : chunk.packets) {
+      packet[3] = static_cast<u8>((packet[3] & 0xF0) | (continuity[chunk.pid]++ & 0x0F));
+      bytes.insert(bytes.end(), packet.begin(), packet.end());
+    }
+  }
+  return bytes;
+}
+
+// Leads a channel from what it carries to a plan, or back.
+class Change {
+ public:
+  Change(Link& link, const OutputState& before, const ProgrammePlan& plan, const ProgrammeOptions& options)
+      : link_(link),
+        before_(before),
+        plan_(plan),
+        options_(options),
+        oldTables_(ChannelTables(before.tables, owner(before.channel)).plan()),
+        oldMap_(asKept(before.map)) {}
+
+  // The map first gets what is new, and loses what is old when no table names it any more.
+  void run() {
+    const std::vector<MapEntry> both = withNew();
+    const bool tablesChange = oldTables_.chunks != plan_.tables.chunks;
+    if (both != oldMap_) replaceMap(link_, before_.channel, both, options_.map);
+    if (tablesChange) {
+      keepTables();
+      loadTables(both);
+    }
+    if (plan_.map != both) {
+      try {
+        replaceMap(link_, before_.channel, plan_.map, options_.map);
+      } catch (const std::runtime_error& e) {
+        undo(e.what(), tablesChange, both);
+      }
+    }
+    dropFile();
+  }
+
+ private:
+  std::vector<MapEntry> withNew() const {
+    std::vector<MapEntry> both = oldMap_;
+    for (const MapEntry& entry : plan_.map) {
+      const bool known =
+          std::ranges::any_of(oldMap_, [&](const MapEntry& e) { return sourceKey(e) == sourceKey(entry); });
+      if (!known) both.push_back(entry);
+    }
+    return asKept(both);
+  }
+
+  void loadTables(const std::vector<MapEntry>& map) {
+    const auto intervals = intervalsOf(before_.tables, plan_.fresh);
+    try {
+      upload(link_, before_.channel, plan_.tables, intervals);
+    } catch (const PsiLockedError& e) {
+      undo(e.what(), false, map);
+    } catch (const LinkError& e) {  // before the lock, or it would be a PsiError
+      undo(e.what(), false, map);
+    } catch (const PsiError& e) {
+      undo(e.what(), true, map);
+    }
+  }
+
+  // Each half on its own: that one cannot be taken back is no reason to leave the other.
+  [[noreturn]] void undo(const std::string& cause, bool tables, const std::vector<MapEntry>& map) {
+    std::string text = cause;
+    const auto attempt = [&](const char* what, const std::function<void()>& step, const std::string& then) {
+      try {
+        step();
+        text += fmt::format("\nThe {} of {} was put back as it was.", what, owner(before_.channel));
+        return true;
+      } catch (const std::runtime_error& e) {
+        text += fmt::format("\nThe {} of {} could not be put back: {}{}", what, owner(before_.channel),
+                            e.what(), then);
+        return false;
+      }
+    };
+    bool whole = true;
+    if (tables) {
+      whole = attempt(
+          "PSI",
+          [&] {
+            upload(link_, before_.channel, oldTables_, intervalsOf(before_.tables, {}),
+                   {.force = true, .progress = {}});
+          },
+          wayBack());
+    }
+    if (whole) dropFile();
+    if (map != oldMap_) {
+      attempt(
+          "PID map", [&] { replaceMap(link_, before_.channel, oldMap_, options_.map); }, "");
+    }
+    throw ProgrammeError(text);
+  }
+
+  std::string wayBack() const {
+    if (!kept_) return "";
+    return fmt::format("\nIts tables stand in {}: 'qamctl psi load {} {} --force' puts them back",
+                       options_.tablesFile.string(), channelName(before_.channel),
+                       options_.tablesFile.string());
+  }
+
+  void keepTables() {
+    if (options_.tablesFile.empty() || oldTables_.packets == 0) return;
+    const auto& file = options_.tablesFile;
+    try {
+      replaceFile(file, fmt::format("{}.{}.part", file.string(), ::getpid()), transportStream(oldTables_));
+    } catch (const std::system_error& e) {
+      undo(fmt::format("the tables of {} cannot be kept in {}, so they are not changed: {}",
+                       owner(before_.channel), file.string(), e.what()),
+           false, withNew());
+    }
+    kept_ = true;
+  }
+
+  void dropFile() {
+    std::error_code ignored;  // a copy too many does no harm
+    if (kept_) std::filesystem::remove(options_.tablesFile, ignored);
+    kept_ = false;
+  }
+
+  Link& link_;
+  const OutputState& before_;
+  const ProgrammePlan& plan_;
+  const ProgrammeOptions& options_;
+  UploadPlan oldTables_;
+  std::vector<MapEntry> oldMap_;
+  bool kept_ = false;
+};
+
+void refuseLeftFile(const ProgrammeOptions& options, const Channel& channel) {
+  std::error_code ignored;
+  if (options.tablesFile.empty() || !std::filesystem::exists(options.tablesFile, ignored)) return;
+  const std::string file = options.tablesFile.string();
+  throw ProgrammeError(
+      fmt::format("{} holds tables of {} that could not be put back once: 'qamctl psi load {} {} --force' "
+                  "does; then, or when they are not wanted any more, remove the file",
+                  file, owner(channel), channelName(channel), file));
+}
+
+}  // namespace
+
+OutputState readOutput(Link& link, const Channel& channel) {
+  OutputState state{.channel = channel, .tables = readBack(link, channel), .map = {}};
+  if (state.tables.locked) {
+    throw ProgrammeError(fmt::format(
+        "the tables of {0} are locked: another client is loading them, or broke off. When none is "
+        "at work any more, 'qamctl psi load {1} FILE --force' loads them anew, 'qamctl psi clear "
+        "{1} --force' leaves none",
+        owner(channel), channelName(channel)));
+  }
+  PidMap map = readMap(link, channel);
+  if (map.locked) {
+    throw ProgrammeError(fmt::format(
+        "the PID map of {} is locked: another client is loading it, or broke off. When none is at "
+        "work any more, 'qamctl pidmap release {}' ends that",
+        owner(channel), channelName(channel)));
+  }
+  state.map = std::move(map.entries);
+  return state;
+}
+
+ProgrammePlan addProgramme(Link& link, const Channel& channel, const SourcePort& source,
+                           const std::string& choice, const ProgrammeOptions& options) {
+  refuseLeftFile(options, channel);
+  const auto [tables, number] = SourceReader(link, source, options.patience).read(choice);
+  const OutputState before = readOutput(link, channel);
+  ProgrammePlan plan = planAdd(before, tables, number, options.add);
+  Change(link, before, plan, options).run();
+  return plan;
+}
+
+ProgrammePlan removeProgramme(Link& link, const Channel& channel, const std::string& choice,
+                              const ProgrammeOptions& options) {
+  refuseLeftFile(options, channel);
+  const OutputState before = readOutput(link, channel);
+  const ChannelTables tables(before.tables, owner(channel));
+  const u16 number = chooseProgramme(tables.sections(TableType::kPat), tables.sections(TableType::kSdtC),
+                                     choice, owner(channel));
+  ProgrammePlan plan = planRemove(before, number);
+  Change(link, before, plan, options).run();
+  return plan;
+}
+
+}  // namespace client

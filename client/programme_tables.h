@@ -1,0 +1,112 @@
+// The tables that a programme stands in, taken apart and put together: the lists of entries of PAT, CAT and
+// SDT, the PIDs that a PMT names, and the store of a channel of which some tables change and the others stay
+// as they are, packet by packet. Used by programme_plan.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/psi_read_back.h"
+#include "client/psi_tables.h"
+#include "client/upload_plan.h"
+
+namespace client {
+
+// A programme cannot be added, listed or removed; what() says why and how to go on.
+class ProgrammeError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+inline constexpr u16 kNoPid = 0x1FFF;       // where a table must name a PID and there is none
+inline constexpr u16 kFirstFreePid = 0x20;  // below lie the PIDs of tables
+inline constexpr u16 kNoNetwork = 0;        // "programme" of the PAT that names the NIT's PID
+constexpr bool isReservedPid(u16 pid) {
+  return pid < kFirstFreePid || pid >= kNoPid;
+}
+
+// A PAT, CAT or SDT: entries behind a head that each section repeats. Entries stay in the sections in which
+// they stand, so that what is added and removed again leaves the table as it was.
+class EntryTable {
+ public:
+  // An empty table of one section; `head` is what stands before the entries (three bytes of an SDT).
+  EntryTable(TableType type, u16 extension, Bytes head);
+  // Of all sections of a table, in any order. `owner` names it in messages ("channel 1.2"). Throws
+  // ProgrammeError for a table that is incomplete, not current, of several extensions or malformed.
+  EntryTable(TableType type, const std::vector<Section>& sections, const std::string& owner);
+
+  u16 extension() const { return extension_; }
+  const Bytes& head() const { return head_; }
+  std::vector<Bytes> entries() const;
+  void add(Bytes entry);
+  void remove(const std::function<bool(const Bytes&)>& goes);
+  void change(const std::function<void(Bytes&)>& edit);  // the size of an entry stays
+
+  // With the version that follows that of the sections given, or 0 where there were none.
+  std::vector<Section> sections() const;
+
+ private:
+  std::size_t bodySize(const std::vector<Bytes>& entries) const;
+
+  TableType type_;
+  u16 extension_;
+  u8 flags_;  // the high four bits before section_length
+  u8 version_ = 0;
+  Bytes head_;
+  std::vector<std::vector<Bytes>> sections_;
+};
+
+// Entries of a PAT.
+u16 entryNumber(std::span<const u8> entry);  // programme_number; of an SDT service_id
+u16 entryPid(std::span<const u8> entry);
+Bytes patEntry(u16 number, u16 pid);
+
+// Entries of an SDT. The name is printable UTF-8, empty without a service descriptor.
+std::string serviceName(std::span<const u8> entry);
+u8 eitFlags(std::span<const u8> entry);
+void setEitFlags(Bytes& entry, u8 flags);
+
+// A place where a PMT section or a CAT entry names a PID.
+struct PidField {
+  enum class Use { kStream, kPcr, kCa };
+  std::size_t at = 0;  // of the two bytes that hold it
+  Use use{};
+  u8 streamType = 0;  // of kStream
+  u16 caSystem = 0;   // of kCa
+
+  u16 pid(std::span<const u8> bytes) const;
+  void set(Bytes& bytes, u16 pid) const;  // the three bits before it stay
+};
+// Throw ProgrammeError when lengths in it do not fit.
+std::vector<PidField> pidsOfPmt(const Section& pmt);
+std::optional<PidField> pidOfCatEntry(std::span<const u8> entry);  // nothing for another descriptor
+
+// Gives a section another version, and its CRC anew.
+void setVersion(Section& section, u8 version);
+u8 nextVersion(u8 version);
+
+// True when every section from 0 to the last is there, all of one extension and version.
+bool isWhole(const std::vector<Section>& sections);
+
+// What a channel stores, table by table.
+class ChannelTables {
+ public:
+  // Throws ProgrammeError when packets cannot be read back: they would be lost.
+  ChannelTables(const ReadBack& tables, const std::string& owner);
+
+  std::vector<Section> sections(TableType type) const;
+  void put(TableType type, u16 pid, const std::vector<Section>& sections);  // none: the table goes
+  bool has(TableType type) const;
+  UploadPlan plan() const;  // throws PlanError
+
+ private:
+  std::map<std::pair<TableType, u16>, StoredTable> stored_;
+};
+
+}  // namespace client

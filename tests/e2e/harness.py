@@ -123,12 +123,18 @@ class Case:
     def qamctl(self, server, *args, codes=(0,)):
         return self.execute([self.args.qamctl, '--server', server, *args], codes)
 
-    def judge(self, *args, codes=(0,)):
-        run = self.execute([self.args.judge, '--json', *args], codes)
+    def findings(self, *command, codes=(0,)):
+        run = self.execute(command, codes)
         try:
             return json.loads(run.text)
         except ValueError:
             return {}
+
+    def judge(self, *args, codes=(0,)):
+        return self.findings(self.args.judge, '--json', *args, codes=codes)
+
+    def ts_judge(self, *args, codes=(0,)):
+        return self.findings(self.args.ts_judge, *args, codes=codes)
 
     def card(self, run, slot, state='running'):
         """The report's entry of a card, which must be in that state."""
@@ -352,7 +358,7 @@ def stream_of(*parts):
 
 def main(cases):
     parser = argparse.ArgumentParser()
-    for name in ('headend', 'qamctl', 'judge', 'samples'):
+    for name in ('headend', 'qamctl', 'judge', 'ts-judge', 'samples'):
         parser.add_argument('--' + name)
     parser.add_argument('--other', help='a headend of another build, which must do the same')
     parser.add_argument('--list', action='store_true')

@@ -8,16 +8,14 @@ from harness import PSI_LOCK, RATE, READ, TYPES, Client, Server
 # name: first upload, second upload, interval of all types, nanoseconds per bus access. The more a packet costs to
 # write, the fuller the queues; 8 packets a tick of 204 writes at 500 ns leave little of the tick.
 ROWS = {
-    'calm': ('psi-small.ts', 'psi-many.ts', 300, 100),
     'fast-bus': ('psi-many.ts', 'psi-full.ts', 1, 30),
     'busy': ('psi-many.ts', 'psi-small.ts', 1, 150),
-    'pressed': ('psi-full.ts', 'psi-many.ts', 1, 400),
     'hard-pressed': ('psi-many.ts', 'psi-many.ts', 1, 500),
     'emptied': ('psi-full.ts', 'two-programmes.ts', 3, 300),
 }
 OFFSETS = ('3', '3.00037', '3.0021', '3.00333', '3.0109')  # the start takes up to 2 s
 LOADED = 4.5  # the second upload is in place
-CUTS = {'fast-bus', 'busy', 'pressed', 'hard-pressed'}  # sections of several packets are always on the way
+CUTS = {'fast-bus', 'busy', 'hard-pressed'}  # sections of several packets are always on the way
 
 
 def reload(name):

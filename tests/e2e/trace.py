@@ -1,12 +1,11 @@
 #!/usr/bin/env python3
 """The trace of a start-up: sigrok-cli, which knows nothing of this card, decodes its buses; what no protocol covers
 is read from the file itself."""
-import collections
 import os
 import re
 
 import harness
-from lines import MS, changes, chosen, clock_write, i2c, three_wire_words
+from lines import changes, chosen, clock_write, i2c, three_wire_words
 
 
 def traced(case, *lines, flags=()):
@@ -47,25 +46,9 @@ THREE_WIRE = {
 
 
 def three_wire(case):
-    """The words that a decoder takes; and what it overlooks: data that move under a high clock, a latch too early."""
     file = traced(case, *(f'{bus}_{line}' for bus in THREE_WIRE for line in ('clk', 'dat', 'le')))
-    found = changes(case, file)
     for bus, (bits, words) in THREE_WIRE.items():
         case.equal(three_wire_words(case, file, bus, bits), [f'{word:02X}' for word in words], bus)
-        level, rises, latched = collections.Counter(), 0, []
-        for _, _, name, value in found:
-            if not name.startswith(bus):
-                continue
-            line = name.removeprefix(bus + '_')
-            case.check(line != 'dat' or not level['clk'], f'{bus}: data change under a high clock')
-            case.check(line == 'le' or not level['le'], f'{bus}: {line} changes while the latch is enabled')
-            level[line] = value
-            rises += (line, value) == ('clk', 1)
-            if (line, value) == ('le', 1):
-                latched.append(rises)
-                rises = 0
-        case.equal(latched, [bits] * len(words), f'{bus}: clocks before each latch')
-        case.equal((level['le'], rises), (0, 0), f'{bus}: latch enable and clocks at the end')
 
 
 def order_of(found):
@@ -94,22 +77,8 @@ def start_up_order(case):
     case.equal({name: values.get(name, 0) for name in end}, end, 'registers at the end')
 
 
-def resets(case):
-    """The modulator's two reset lines fall one after the other, each for 10 ms, in all three resets of a start-up: at
-    the start, with the symbol rate, and once the packet lengths are there. Fine ticks show how long."""
-    found = changes(case, traced(case, 'nrst', 'rf_off_ll', 'pkt_len0', 'power', flags=['--tick-hz', '10000']))
-    once = [('nrst', 2), ('nrst', 3), ('nrst', 1), ('nrst', 3)]
-    wanted = [('nrst', 3), *once, ('rf_off_ll', 9), *once, ('pkt_len0', 1), *once, ('power', 15)]
-    case.equal([(change.name, change.value) for change in found], wanted, 'resets')
-    for change, after in zip(found, found[1:]):
-        if change.name == 'nrst' and change.value != 3:
-            held = after.time - change.time
-            case.check(9.9 * MS <= held <= 10.1 * MS, f'nrst is {change.value} for {held} ns')
-
-
 def whole_file(case):
-    """Two cards, and channels that send: the same bytes twice, every register of both slots in a file of due form; what
-    patterns leave is the same as in the whole."""
+    """Two cards, and channels that send: the same bytes twice; what patterns leave is the same as in the whole."""
     def run(name, *flags):
         file = case.path(name + '.vcd')
         psi = ['--psi', f'1.2={case.sample("psi-small.ts")}']
@@ -118,9 +87,6 @@ def whole_file(case):
 
     first = run('whole')
     case.check(harness.read(first) == harness.read(run('again')), 'two equal runs differ')
-    text = harness.read(first).decode()
-    scopes = re.findall(r'^\$scope module (\S+) \$end$(.*?)^\$upscope \$end$', text, re.M | re.S)
-    case.equal([(name, scope.count('$var')) for name, scope in scopes], [('slot1', 139), ('slot3', 139)], 'scopes')
     part = changes(case, run('part', '--trace-lines', 'slot1.PsiData?', '--trace-lines', 'cdce925_sd?'))
     kept = {('slot1', 'PsiData1'), ('slot1', 'cdce925_sda'), ('slot3', 'cdce925_sda')}
     case.equal({(change.slot, change.name) for change in part}, kept, 'registers of patterns')
@@ -145,7 +111,7 @@ def refusals(case):
 
 
 CASES = {'clock-generator': clock_generator, 'sensors': sensors, 'three-wire': three_wire,
-         'start-up-order': start_up_order, 'resets': resets, 'whole-file': whole_file, 'refusals': refusals}
+         'start-up-order': start_up_order, 'whole-file': whole_file, 'refusals': refusals}
 
 if __name__ == '__main__':
     harness.main(CASES)

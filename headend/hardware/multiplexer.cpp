@@ -15,9 +15,8 @@ void setPid(std::span<u8, kTsPacket> packet, u16 pid) {
 }  // namespace
 
 void Multiplexer::start(Nanos now, BitRate rate) {
-  if (feed_ != nullptr) feed_->deliverUntil(now);  // what came before is not for this stream
   rate_ = {};
-  setRate(now, rate);
+  setRate(now, rate);  // which lets the feed bring what came before: not for this stream
   running_ = true;
   next_ = now;
   psi_.clear();

@@ -10,8 +10,6 @@ constexpr u8 kTransportError = 0x80;
 
 }  // namespace
 
-PidRouter::PidRouter() = default;
-
 // As a word of the map numbers them.
 std::size_t PidRouter::inputIndex(int slot, int port) {
   return static_cast<std::size_t>(slot * kInputPorts + port);

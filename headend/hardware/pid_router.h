@@ -35,8 +35,6 @@ class PidRouter final : public PacketFeed {
     std::optional<Nanos> last;  // when the last packet with a sync byte came
   };
 
-  PidRouter();
-
   // Slots from 0 to 5, ports of inputs from 0 to 15, ports of outputs 0 and 1. Input and output outlive the
   // router's use; the output gets the router as its feed.
   void connectInput(int slot, int port, TsInput& input);

@@ -46,6 +46,12 @@ void Delay5us() {}
 void delay5us() {}
 void Dog() {}
 void DebugPrint(const char* /*format*/, ...) {}
+card* GetCardPoint(u8 /*slotNo*/) {
+  return nullptr;
+}
+int set_one_map(u8 /*slotNo*/, u8 /*port*/, u16 /*index*/, const u16* /*words*/) {
+  return os::OK;
+}
 int bc_vars_register(u32 /*base*/, u32 /*limit*/, const bc_var* /*table*/, const char* /*text*/) {
   return os::OK;
 }

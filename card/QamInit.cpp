@@ -33,7 +33,7 @@ int psiSendEntry(int slotNo, int port, int, int, int, int, int, int, int, int) {
   return QamTaskPsiSend(static_cast<u8>(slotNo), static_cast<u8>(port));
 }
 
-void startChannel(u8 slotNo, u8 port) {
+void startChannel(u8 slotNo, u8 port, QamCardPara* record) {
   os::MSG_Q_ID& queue = g_qam_PsiSendQ_ID[slotNo][port];
   queue = os::msgQCreate(kSendQueueLength, sizeof(u32), os::MSG_Q_PRIORITY);
   os::check(queue != nullptr, "g_qam_PsiSendQ_ID[slotNo][i]", kUnit, 99);
@@ -46,6 +46,7 @@ void startChannel(u8 slotNo, u8 port) {
   std::snprintf(name, sizeof name, "qam%dPSISend%d", slotNo, port);
   os::taskSpawn(name, kSendTaskPriority, 0, kSendTaskStack, psiSendEntry, slotNo, port, 0, 0, 0, 0, 0, 0, 0,
                 0);
+  QamSetPidMap(slotNo, port, record);
 }
 
 }  // namespace
@@ -94,5 +95,5 @@ void QamInit(u8 slotNo) {
   ad7414_init(slotNo, 1);
   ad7414_init(slotNo, 2);
   Qam_para_set(slotNo, record);
-  for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) startChannel(slotNo, port);
+  for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) startChannel(slotNo, port, record);
 }

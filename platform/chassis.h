@@ -44,6 +44,11 @@ card* GetCardPoint(u8 slotNo);  // null for an empty slot
 void configOneSlotBus(u8 slotNo, int arg1, int arg2);
 void setCardType(u8 slotNo, int typeCode);
 
+// Programs a position (0..255) of the chassis's PID router for an output of the card: three words, the lowest
+// first, that hold bits 0-12 source PID, 13-16 source port, 17-20 source slot, 21 in use, 22-34 PID on the
+// output.
+int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words);
+
 // Writes the slot's record to its parameter file. 0, or -1 when it could not be written.
 int para_save(u8 slotNo);
 

@@ -199,20 +199,6 @@ TEST_F(Calibration, TheDacsPortMovesAsItsDataSheetDraws) {
   EXPECT_EQ(fake.steps, expected);
 }
 
-TEST_F(Calibration, ABlankEepromIsLoadedAsItReads) {
-  fake.start(1);
-  fake.onRead = [](u32) { return u16{1}; };
-  Ad9775Set(1);
-  Listener listener;
-  for (const std::string& step : fake.steps) listener.hear(step);
-  Lines expected;
-  for (int n = 0; n < 13; ++n) {
-    expected.push_back(fmt::format("A0 {:02X} A1 FF", n));
-    expected.push_back(fmt::format("dac {:02X} FF", n));
-  }
-  EXPECT_EQ(listener.heard, expected);
-}
-
 // ---- The service ----
 
 TEST_F(Calibration, ARequestReadsOrWritesTheSlotThatItNames) {

@@ -274,7 +274,8 @@ int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int pri
 
 int msgQReceive(MSG_Q_ID queue, char* buffer, unsigned maxLength, int timeout) {
   EXPECT_EQ(maxLength, 4U);
-  EXPECT_EQ(timeout, WAIT_FOREVER);
+  if (timeout == NO_WAIT && (queue == nullptr || queue->messages.empty())) return ERROR;
+  EXPECT_TRUE(timeout == NO_WAIT || timeout == WAIT_FOREVER);
   if (queue->messages.empty()) current->leave();
   std::memcpy(buffer, &queue->messages.front(), sizeof(u32));
   queue->messages.erase(queue->messages.begin());
@@ -302,6 +303,23 @@ void configOneSlotBus(u8 slotNo, int arg1, int arg2) {
 
 void setCardType(u8 slotNo, int typeCode) {
   current->note(fmt::format("card type {} {}", slotNo, typeCode));
+}
+
+card* GetCardPoint(u8 slotNo) {
+  card* found = head;
+  while (found != nullptr && found->slotNo != slotNo) found = found->next;
+  return found;
+}
+
+int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words) {
+  auto& route = current->routes[{slotNo, port}];
+  if (index == 0) {
+    route.clear();
+    current->note(fmt::format("route {} {}", slotNo, port));
+  }
+  EXPECT_EQ(index, route.size());
+  route.push_back({words[0], words[1], words[2]});
+  return os::ERROR;  // nobody is to mind
 }
 
 int para_save(u8 slotNo) {

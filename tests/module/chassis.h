@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <csetjmp>
 #include <cstdio>
 #include <deque>
@@ -91,8 +92,9 @@ class FakeChassis {
   std::vector<FailedCheck> checks;
   std::vector<Task> tasks;
   std::vector<std::unique_ptr<os::MsgQ>> queues;
-  const chassis::bc_var* variables = nullptr;  // the table registered last
-  std::set<void*> blocks;                      // allocated and not freed
+  const chassis::bc_var* variables = nullptr;                             // the table registered last
+  std::map<std::pair<int, int>, std::vector<std::array<u16, 3>>> routes;  // by slot and port; sent in order
+  std::set<void*> blocks;                                                 // allocated and not freed
   std::set<std::FILE*> openFiles;
 
   // Registers and starts a card whose FPGA needs no bitstream; the record. Leaves `log` empty.

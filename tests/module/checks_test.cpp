@@ -1,6 +1,7 @@
 // Every entry point names what it does not take: with the text, and the unit, that field engineers search
 // for.
 #include "card/QamInit.h"
+#include "card/qamVar.h"
 #include "hw/Qam_fpga_init.h"
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
@@ -30,6 +31,7 @@ TEST_F(ModuleTest, BadArgumentsFailTheirChecks) {
       {"qam_load_para(0, null)", [] { qam_load_para(0, nullptr); }, "pVar", "qamVar", 146},
       {"Qam_Init(6)", [] { Qam_Init(6); }, kSlot, "QamInit", 120},
       {"QamInit(6)", [] { QamInit(6); }, kSlot, "QamInit", 50},
+      {"QamSetVar(6)", [] { QamSetVar(6, 0, 30, 474000); }, kSlot, "qamVar", 478},
       {"cfg_qam_fpga(6)", [] { cfg_qam_fpga(6, packet, 1); }, kSlot, "Qam_fpga_init"},
       {"cfg_qam_fpga(null)", [] { cfg_qam_fpga(0, nullptr, 1); }, "point", "Qam_fpga_init"},
       {"cfg_qam_fpga(size 0)", [] { cfg_qam_fpga(0, packet, 0); }, "dataSize>0", "Qam_fpga_init"},

@@ -75,6 +75,7 @@ TEST_P(StartUp, SetsTheWindowAndStartsBothChannels) {
     expected.emplace_back("queue 256 4 1");
     expected.push_back(
         fmt::format("spawn qam{0}PSISend{1} 212 0 4096 ({0} {1} 0 0 0 0 0 0 0 0)", slot, port));
+    expected.push_back(fmt::format("route {} {}", slot, port));
   }
   EXPECT_EQ(fake.log, expected);
   EXPECT_EQ(fake.addressOf(QamFpgaIf[slot]), window);

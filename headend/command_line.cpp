@@ -9,6 +9,7 @@
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
 #include "headend/options.h"
+#include "headend/source_flags.h"
 #include "headend/vcd_trace.h"
 
 namespace headend {
@@ -31,6 +32,8 @@ Examples:
       a minute of output in a second or so, the same bytes each time
   headend --card 1 --card 5 --interval 5.2.PAT=100 --fast --seconds 10
       two cards; a new interval for the PAT of slot 5, channel 2, kept in its record
+  headend --source 6=four.ts --programme 1.1=6.1:101 --out 1.1=udp://127.0.0.1:5000
+      a programme of a file on channel 1, under PIDs of its own, with tables that match
 
 Exit codes:
   0  the run went through (failed checks and violations are reported, no more)
@@ -65,6 +68,16 @@ void refuseSharedFiles(const Options& options) {
   std::set<fs::path> captures;
   for (const Options::Psi& psi : options.psi) captures.insert(psi.file);
   for (const fs::path& capture : captures) use("--psi", capture);
+  std::set<fs::path> maps;
+  for (const Options::PidMap& map : options.pidMaps) maps.insert(map.file);
+  for (const fs::path& map : maps) use("--pidmap", map);
+  std::set<fs::path> sources;
+  for (const auto& [slot, inputs] : options.sources) {
+    for (const Options::Input& input : inputs) {
+      if (!input.address && !captures.contains(input.file)) sources.insert(input.file);
+    }
+  }
+  for (const fs::path& source : sources) use("--source", source);
 }
 
 void checkTogether(const Options& options) {
@@ -85,6 +98,9 @@ void checkTogether(const Options& options) {
   for (const auto& fault : options.faults) {
     if (fault.slot) demandSlot("--fault", fault.name, *fault.slot);
   }
+  for (const auto& map : options.pidMaps) demand("--pidmap", map.channel);
+  for (const auto& programme : options.programmes) demand("--programme", programme.channel);
+  checkSources(options);
   for (const auto& [slot, cycle] : options.eepromCycles) demandSlot("--eeprom-cycle", "write cycle", slot);
   if (options.powerCut) demandSlot("--power-cut", "power cut", options.powerCut->slot);
   for (const std::string& glob : options.traceLines) {
@@ -102,6 +118,10 @@ struct Texts {
   std::vector<std::string> psi;
   std::vector<std::string> intervals;
   std::vector<std::string> outputs;
+  std::vector<std::string> sources;
+  std::vector<std::string> pidMaps;
+  std::vector<std::string> programmes;
+  double deJitter_ms = 200;
   std::vector<std::string> settings;
   std::vector<std::string> faults;
   std::vector<std::string> eepromCycles;
@@ -131,6 +151,20 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       "--out", t.outputs,
       "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a datagram "
       "(repeatable)");
+  app.add_option(
+      "--source", t.sources,
+      "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays between its "
+      "PCRs, over and over; FILE.ts@RATE for one without PCRs (bit/s); udp://ADDRESS:PORT listens there "
+      "(repeatable)");
+  app.add_option("--pidmap", t.pidMaps,
+                 "N.P=FILE.csv[@SECONDS]: load a PID map, as qamctl pidmap load does (repeatable)");
+  app.add_option(
+      "--programme", t.programmes,
+      "N.P=SLOT.INPUT:SERVICE[@SECONDS]: put a programme of an input on the channel, by service name or "
+      "number, as qamctl programme add does (repeatable)");
+  app.add_option("--dejitter", t.deJitter_ms, "milliseconds that a udp:// input waits for late datagrams")
+      ->check(CLI::Range(1, 10'000))
+      ->capture_default_str();
   app.add_option("--set", t.settings,
                  "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that "
                  "time: rfreq (kHz), "
@@ -140,7 +174,8 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
   app.add_option(
       "--fault", t.faults,
       "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from that "
-      "time on; 'help' lists the names (repeatable)");
+      "time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes input P of "
+      "source card N away, for good or for the first half of each period");
   app.add_option("--seconds", t.seconds, "end after this much virtual time");
   app.add_flag("--fast", o.fast, "as fast as this machine can; needs --seconds");
   app.add_option(
@@ -229,8 +264,14 @@ void interpret(const Texts& t, Options& o) {
   for (const std::string& text : t.psi) parsePsi(text, o);
   for (const std::string& text : t.intervals) parseInterval(text, o);
   for (const std::string& text : t.outputs) parseOutput(text, o);
+  for (const std::string& text : t.sources) parseSource(text, o);
+  for (const std::string& text : t.pidMaps) parsePidMap(text, o);
+  for (const std::string& text : t.programmes) parseProgramme(text, o);
+  o.deJitter = static_cast<Nanos>(t.deJitter_ms * 1e6);
   for (const std::string& text : t.settings) parseSet(text, o);
-  for (const std::string& text : t.faults) parseFault(text, o);
+  for (const std::string& text : t.faults) {
+    if (!parseInputLoss(text, o)) parseFault(text, o);
+  }
   for (const std::string& text : t.eepromCycles) parseEepromCycle(text, o);
   if (!t.powerCut.empty()) parsePowerCut(t.powerCut, o);
   if (t.calibration) parseCalibration(*t.calibration, o);
@@ -256,6 +297,7 @@ bool asksForFaults(const Texts& texts) {
 
 void listFaults() {
   for (const FaultKind& kind : faultKinds()) std::cout << kind.name << ": " << kind.text << '\n';
+  std::cout << "input-lost: an input of a source card is lost (as 6.1.input-lost@10/4)\n";
 }
 
 }  // namespace

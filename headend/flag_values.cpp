@@ -24,17 +24,6 @@ client::Channel channelOf(const std::string& flag, const std::string& text, cons
   return *channel;
 }
 
-std::pair<std::string, std::uint16_t> addressOf(const std::string& flag, const std::string& text,
-                                                const std::string& want) {
-  const std::size_t colon = text.rfind(':');
-  std::uint16_t port = 0;
-  const char* end = text.data() + text.size();
-  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
-  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
-  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) refuse(flag, text, want);
-  return {text.substr(0, colon), port};
-}
-
 // Takes "@SECONDS" off the end of a text; 0 where there is none.
 Nanos takeTime(const std::string& flag, std::string& text) {
   const std::size_t at = text.rfind('@');
@@ -83,6 +72,17 @@ std::string settableNames() {
 
 void refuse(const std::string& flag, const std::string& text, const std::string& want) {
   throw CLI::ValidationError(flag, "'" + text + "': " + want);
+}
+
+std::pair<std::string, std::uint16_t> parseAddress(const std::string& flag, const std::string& text,
+                                                   const std::string& want) {
+  const std::size_t colon = text.rfind(':');
+  std::uint16_t port = 0;
+  const char* end = text.data() + text.size();
+  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
+  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
+  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) refuse(flag, text, want);
+  return {text.substr(0, colon), port};
 }
 
 std::optional<Nanos> parseSeconds(const std::string& text) {
@@ -134,11 +134,11 @@ void parseOutput(const std::string& text, Options& options) {
 void parseManage(const std::string& text, Options& options) {
   options.manage.reset();
   if (text != "off")
-    options.manage = addressOf("--manage", text, "want ADDRESS:PORT with a port up to 65535, or off");
+    options.manage = parseAddress("--manage", text, "want ADDRESS:PORT with a port up to 65535, or off");
 }
 
 void parseCalibration(const std::string& text, Options& options) {
-  options.calibration = addressOf("--calibration", text, "want ADDRESS:PORT with a port up to 65535");
+  options.calibration = parseAddress("--calibration", text, "want ADDRESS:PORT with a port up to 65535");
 }
 
 void parseEepromCycle(const std::string& text, Options& options) {

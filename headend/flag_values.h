@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "headend/options.h"
 
@@ -13,6 +14,10 @@ namespace headend {
 
 // Seconds with a fraction; nothing when the text is none, or does not fit.
 std::optional<Nanos> parseSeconds(const std::string& text);
+
+// "ADDRESS:PORT".
+std::pair<std::string, std::uint16_t> parseAddress(const std::string& flag, const std::string& text,
+                                                   const std::string& want);
 
 void parsePsi(const std::string& text, Options& options);
 void parseInterval(const std::string& text, Options& options);

@@ -11,7 +11,12 @@
 #include <stdexcept>
 
 #include "headend/hardware/faults.h"
+#include "headend/hardware/file_input.h"
+#include "headend/hardware/interruptible_input.h"
+#include "headend/hardware/udp_input.h"
+#include "headend/report.h"
 #include "headend/run_plan.h"
+#include "platform/wire.h"
 
 namespace headend {
 namespace {
@@ -56,6 +61,7 @@ Headend::Headend(Options options)
       bus_(violations_),
       chassis_(kernel_, bus_, flash_, log_),
       backEnd_(kernel_, network_, chassis_, monitor_, log_),
+      search_(kernel_, [this](int slot, int port) { return outputOf(slot, port); }),
       operator_(kernel_, network_, chassis_, log_),
       eepromFiles_(options_.flash) {
   if (!fs::is_directory(options_.flash)) {
@@ -66,6 +72,9 @@ Headend::Headend(Options options)
   std::vector<Operator::Job> jobs = operatorJobs(options_, log_);
   installCards();
   openOutputs();
+  openInputs();
+  connectRouter();
+  provideServices();
   if (options_.manage) backEnd_.socket().openToHost(options_.manage->first, options_.manage->second);
   if (options_.calibration) {
     sockets_.expose(kCalibrationPort, options_.calibration->first, options_.calibration->second);
@@ -73,6 +82,7 @@ Headend::Headend(Options options)
   }
   lookAtParameterFiles();
   setRunning(this);
+  for (const int slot : sources_.slots()) chassis_.plugIn(sources_.descriptor(slot));
   chassis_.start(options_.slots);
   backEnd_.onRunning([this](int slot) { return state(slot) == CardState::kRunning; });
   backEnd_.start();
@@ -185,6 +195,96 @@ void Headend::openOutputs() {
     cards_[channel.slot]->output(channel.port).setSink(sink.get());
     sinks_.emplace(channel, std::move(sink));
   }
+}
+
+void Headend::openInputs() {
+  for (const auto& [slot, targets] : options_.sources) {
+    std::vector<std::unique_ptr<TsInput>> inputs;
+    for (u32 port = 0; port < targets.size(); ++port) {
+      auto& input = inputs.emplace_back(openInput(targets[port]));
+      for (const Options::InputLoss& loss : options_.inputLosses) {
+        if (loss.source != client::SourcePort{static_cast<u16>(slot), port}) continue;
+        input = std::make_unique<InterruptibleInput>(kernel_, std::move(input), Loss{loss.at, loss.period});
+      }
+    }
+    sources_.plugIn(slot, std::move(inputs));
+  }
+}
+
+std::unique_ptr<TsInput> Headend::openInput(const Options::Input& input) {
+  if (!input.address) return std::make_unique<FileInput>(input.file.string(), input.bitRate);
+  return std::make_unique<UdpInput>(network_, input.address->first, input.address->second, options_.deJitter);
+}
+
+void Headend::connectRouter() {
+  bus_.attach(mainBoard_);
+  for (const int slot : options_.slots) {
+    for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
+      Multiplexer& output = *outputOf(slot, port);
+      router_.connectOutput(slot, port, output);
+      mainBoard_.watch(slot, port, output);
+      rates_.watchOutput(slot, port, output);
+    }
+    card(slot).onInputLost([this, slot](std::size_t channel, Nanos now) {
+      return router_.inputLost(slot, static_cast<int>(channel), now);
+    });
+  }
+  for (const int slot : sources_.slots()) {
+    for (std::size_t input = 0; input < sources_.inputs(slot); ++input) {
+      rates_.watchInput(slot, static_cast<int>(input), router_);
+    }
+  }
+}
+
+Multiplexer* Headend::outputOf(int slot, int port) {
+  const auto& found = cards_[static_cast<std::size_t>(slot)];
+  return found == nullptr ? nullptr : &found->output(static_cast<std::size_t>(port));
+}
+
+// What management software may ask of the chassis itself.
+void Headend::provideServices() {
+  using client::Operation;
+  backEnd_.provide(Operation::kStatus, [this](const client::Request&, client::Bytes& reply) {
+    const std::string text = statusText(*this);
+    reply.assign(text.begin(), text.end());
+    return client::kDone;
+  });
+  backEnd_.provide(Operation::kSourceSections, [this](const client::Request& request, client::Bytes& reply) {
+    router_.deliverUntil(kernel_.now());
+    return sources_.sections(request, reply);
+  });
+  backEnd_.provide(Operation::kRouterMap, [this](const client::Request& request, client::Bytes& reply) {
+    return routerMap(request, reply);
+  });
+  backEnd_.provide(Operation::kSearch, [this](const client::Request& request, client::Bytes&) {
+    return search_.search(request);
+  });
+  backEnd_.provide(Operation::kSearched, [this](const client::Request& request, client::Bytes& reply) {
+    return search_.searched(request, reply);
+  });
+  backEnd_.provide(Operation::kCall, [this](const client::Request& request, client::Bytes& reply) {
+    const int slot = request.slot & 0xFF;
+    if (slot >= kSlots) return client::kBadSlotOrPort;
+    if (cards_[static_cast<std::size_t>(slot)] == nullptr) return client::kNoCard;
+    return state(slot) == CardState::kRunning ? shell_.call(request, reply) : client::kNotRunning;
+  });
+  backEnd_.provide(Operation::kCallResult, [this](const client::Request& request, client::Bytes& reply) {
+    return shell_.result(request, reply);
+  });
+}
+
+u32 Headend::routerMap(const client::Request& request, client::Bytes& reply) {
+  const int slot = request.slot & 0xFF;
+  const int port = static_cast<int>(request.port & 0xFF);
+  if (slot >= kSlots || port >= MAX_QAM_OUT_NUM) return client::kBadSlotOrPort;
+  if (outputOf(slot, port) == nullptr) return client::kNoCard;
+  for (u16 i = 0; i < PidRouter::kPositions; ++i) {
+    for (const u16 word : router_.position(slot, port, i)) {
+      reply.resize(reply.size() + sizeof word);
+      wire::put16(&reply[reply.size() - sizeof word], word);
+    }
+  }
+  return client::kDone;
 }
 
 // What the card will make of its parameter file, said before it does. A file that it cannot open for update
@@ -329,7 +429,7 @@ const char* stateName(Headend::CardState state) {
 
 void Headend::auxiliaryClock() {
   chassis_.auxiliaryClock();
-  if (sinks_.empty()) return;
+  if (sinks_.empty() && options_.sources.empty()) return;
   for (const int slot : options_.slots) card(slot).advanceOutputs(kernel_.now());
 }
 
@@ -337,6 +437,7 @@ void Headend::systemClock() {
   if (*interrupted_) kernel_.stop();
   if (options_.fast && (options_.manage || options_.calibration)) network_.pollHost(0);
   keepEeproms();
+  rates_.update(kernel_.now());
   if (onTick_) onTick_();
 }
 
@@ -402,6 +503,7 @@ void Headend::debugPrint(const char* format, std::va_list args) {
                           : kernel_.current() != nullptr ? kernel_.current()->name
                                                          : "chassis";
   log_.line(kernel_.now(), who, text.data());
+  shell_.printed(kernel_.current(), text.data());
 }
 
 // ---- The flash folder ----

@@ -13,10 +13,15 @@
 #include "headend/firmware/back_end.h"
 #include "headend/firmware/carousel_monitor.h"
 #include "headend/firmware/chassis.h"
+#include "headend/firmware/debug_shell.h"
 #include "headend/firmware/operator.h"
+#include "headend/firmware/pid_search.h"
+#include "headend/firmware/rate_meter.h"
 #include "headend/firmware/socket_table.h"
+#include "headend/firmware/source_cards.h"
 #include "headend/hardware/bus.h"
 #include "headend/hardware/packet_sink.h"
+#include "headend/hardware/pid_router.h"
 #include "headend/kernel/flash.h"
 #include "headend/kernel/heap.h"
 #include "headend/kernel/network.h"
@@ -65,6 +70,10 @@ class Headend final : private KernelObserver {
   const Violations& violations() const { return violations_; }
   const Heap& heap() const { return heap_; }
   const Log& log() const { return log_; }
+  PidRouter& router() { return router_; }
+  MainBoard& mainBoard() { return mainBoard_; }
+  const SourceCards& sources() const { return sources_; }
+  const RateMeter& rates() const { return rates_; }
   CardFpga& card(int slot) { return *cards_[static_cast<std::size_t>(slot)]; }
   const std::vector<AssertionFailure>& assertionFailures() const { return assertionFailures_; }
   const std::vector<ParkedTask>& parkedTasks() const { return parkedTasks_; }
@@ -101,6 +110,12 @@ class Headend final : private KernelObserver {
   std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
   void openOutputs();
+  void openInputs();
+  void connectRouter();
+  void provideServices();
+  std::unique_ptr<TsInput> openInput(const Options::Input& input);
+  Multiplexer* outputOf(int slot, int port);  // null where there is no card
+  u32 routerMap(const client::Request& request, client::Bytes& reply);
   void installCards();
   void scheduleFaults();
   void scheduleLossOfPower();
@@ -121,9 +136,15 @@ class Headend final : private KernelObserver {
   Bus bus_;
   std::array<std::unique_ptr<CardFpga>, kSlots> cards_;
   std::array<std::unique_ptr<ConfigPort>, kSlots> ports_;
+  PidRouter router_;
+  MainBoard mainBoard_;
+  SourceCards sources_{router_};
+  RateMeter rates_;
   CarouselMonitor monitor_;
   Chassis chassis_;
   BackEnd backEnd_;
+  PidSearch search_;
+  DebugShell shell_{kernel_};
   Operator operator_;
   SocketTable sockets_{network_};
   EepromFiles eepromFiles_;

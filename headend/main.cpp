@@ -54,7 +54,6 @@ int run(const headend::Options& options) {
   headend::Headend machine(options);
   headend::StatusView view(machine);
   machine.onTick([&view] { view.update(); });
-  machine.backEnd().onStatus([&machine] { return headend::statusText(machine); });
   if (options.manage) {
     fmt::print("management on {}\n", machine.managementAddress());
     std::fflush(stdout);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "client/channel.h"
+#include "client/chassis_services.h"
 #include "headend/kernel/kernel.h"
 
 namespace headend {
@@ -50,12 +51,42 @@ struct Options {
     Nanos at = 0;
   };
 
+  // What comes into an input of a source card: a file, at its own pace or at a bit rate, or what is sent to
+  // an address of this machine.
+  struct Input {
+    std::filesystem::path file;
+    std::optional<std::uint64_t> bitRate;
+    std::optional<std::pair<std::string, std::uint16_t>> address;
+  };
+  // An input that is lost from a time on: for good, or for the first half of each period.
+  struct InputLoss {
+    client::SourcePort source;
+    Nanos at = 0;
+    std::optional<Nanos> period;
+  };
+  struct PidMap {
+    client::Channel channel;
+    std::filesystem::path file;
+    Nanos at = 0;
+  };
+  struct Programme {
+    client::Channel channel;
+    client::SourcePort source;
+    std::string service;  // name or number
+    Nanos at = 0;
+  };
+
   std::filesystem::path flash = "flash";
   bool initFlash = false;
   std::vector<int> slots;
   std::vector<Psi> psi;
   std::map<client::Channel, client::Intervals> intervals;
   std::map<client::Channel, std::string> outputs;
+  std::map<int, std::vector<Input>> sources;  // by slot
+  std::vector<InputLoss> inputLosses;
+  Nanos deJitter = kSecond / 5;
+  std::vector<PidMap> pidMaps;
+  std::vector<Programme> programmes;
   std::vector<Setting> settings;
   std::vector<Temperature> temperatures;
   std::vector<Fault> faults;

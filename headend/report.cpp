@@ -1,5 +1,6 @@
 #include "headend/report.h"
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "hw/ad9775.h"
@@ -64,17 +65,70 @@ Json rf(const RfOutput& output) {
           {"bit_rate", output.bitRate}};
 }
 
+Json rates(const RateMeter::Rates& rates) {
+  return {{"input", std::llround(rates.input)},
+          {"routed", std::llround(rates.routed)},
+          {"psi", std::llround(rates.psi)},
+          {"null", std::llround(rates.null)},
+          {"total", std::llround(rates.total)}};
+}
+
+// What the router does for a channel.
+Json map(Headend& headend, int slot, int port) {
+  PidRouter& router = headend.router();
+  const Nanos now = headend.kernel().now();
+  std::size_t entries = 0;
+  for (u16 i = 0; i < PidRouter::kPositions; ++i) {
+    if ((router.position(slot, port, i)[1] & 0x20) != 0) ++entries;
+  }
+  Json entry = {
+      {"entries", entries},
+      {"shadowed", router.shadowed(slot, port)},
+      {"input_lost", router.inputLost(slot, port, now)},
+      {"overflow", (headend.mainBoard().read(MainBoard::kRateOverflow, now) >> (slot * 2 + port) & 1) != 0}};
+  if (const auto since = headend.backEnd().lockedSince(BackEnd::Lock::kPidMap, slot, port)) {
+    entry["locked_seconds"] = seconds(now - *since);
+  }
+  return entry;
+}
+
+Json sources(Headend& headend) {
+  Json all = Json::array();
+  for (const int slot : headend.sources().slots()) {
+    Json inputs = Json::array();
+    for (std::size_t input = 0; input < headend.sources().inputs(slot); ++input) {
+      const int port = static_cast<int>(input);
+      const PidRouter::InputCounts& counts = *headend.router().input(slot, port);
+      inputs.push_back({{"input", input + 1},
+                        {"name", headend.sources().nameOf(slot, input)},
+                        {"packets", counts.packets},
+                        {"damaged", counts.damaged},
+                        {"bit_rate", std::llround(headend.rates().input(slot, port))},
+                        {"last_seconds", counts.last ? Json(seconds(*counts.last)) : Json(nullptr)}});
+    }
+    all.push_back({{"slot", slot + 1}, {"inputs", std::move(inputs)}});
+  }
+  return all;
+}
+
 Json channel(Headend& headend, int slot, int port) {
   Multiplexer& output = headend.card(slot).output(static_cast<std::size_t>(port));
   output.advance(headend.kernel().now());
   const Multiplexer::Counts& counts = output.counts();
-  Json entry = {
-      {"bit_rate", output.rate().perSecond()},
-      {"packets",
-       {{"total", counts.total()}, {"psi", counts.psi}, {"routed", counts.routed}, {"null", counts.null}}},
-      {"rf", rf(headend.card(slot).rf(static_cast<std::size_t>(port), headend.kernel().now()))},
-      {"tables", tables(headend, slot, port)}};
-  if (const auto since = headend.backEnd().lockedSince(slot, port)) {
+  Json entry = {{"bit_rate", output.rate().perSecond()},
+                {"packets",
+                 {{"total", counts.total()},
+                  {"psi", counts.psi},
+                  {"routed", counts.routed},
+                  {"null", counts.null},
+                  {"offered", counts.offered},
+                  {"filtered", counts.filtered},
+                  {"dropped", counts.dropped}}},
+                {"rates", rates(headend.rates().output(slot, port))},
+                {"map", map(headend, slot, port)},
+                {"rf", rf(headend.card(slot).rf(static_cast<std::size_t>(port), headend.kernel().now()))},
+                {"tables", tables(headend, slot, port)}};
+  if (const auto since = headend.backEnd().lockedSince(BackEnd::Lock::kPsi, slot, port)) {
     entry["locked_seconds"] = seconds(headend.kernel().now() - *since);
   }
   return entry;
@@ -170,6 +224,7 @@ Json build(Headend& headend) {
           {"late_requests", lateRequests(headend)},
           {"semaphore_waits", semaphoreWaits(headend)},
           {"heap", {{"used", headend.heap().used()}, {"failures", headend.heap().failures()}}},
+          {"sources", sources(headend)},
           {"cards", std::move(cards)}};
 }
 

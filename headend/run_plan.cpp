@@ -6,6 +6,8 @@
 #include <stdexcept>
 
 #include "client/card_settings.h"
+#include "client/pid_map_file.h"
+#include "client/pid_map_upload.h"
 #include "client/psi_capture.h"
 #include "client/psi_upload.h"
 
@@ -66,11 +68,37 @@ void addSettings(const Options& options, Log& log, std::vector<Operator::Job>& j
   }
 }
 
+client::SourceCards sourceCards(const Options& options) {
+  client::SourceCards cards;
+  for (const auto& [slot, inputs] : options.sources) {
+    cards[static_cast<u16>(slot)] = static_cast<u32>(inputs.size());
+  }
+  return cards;
+}
+
+void addPidMaps(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
+  for (const Options::PidMap& map : options.pidMaps) {
+    const client::MapFile file = client::readMapFile(map.file);
+    client::MapOptions how;
+    how.sources = sourceCards(options);
+    how.nameOf = [name = map.file.string(), lines = file.lines](std::size_t entry) {
+      return fmt::format("{} line {}", name, lines[entry]);
+    };
+    how.note = [&log](const std::string& text) { log.line(0, "operator", text); };
+    client::checkMap(file.entries, how);
+    Operator::Job& job = jobs.emplace_back(jobOf(map.channel, map.file.string(), map.at));
+    job.carryOut = [channel = map.channel, entries = file.entries, how](client::Link& link) {
+      client::replaceMap(link, channel, entries, how);
+    };
+  }
+}
+
 }  // namespace
 
 std::vector<Operator::Job> operatorJobs(const Options& options, Log& log) {
   std::vector<Operator::Job> jobs;
   addPsi(options, log, jobs);
+  addPidMaps(options, log, jobs);
   addSettings(options, log, jobs);
   return jobs;
 }

@@ -186,6 +186,13 @@ void setCardType(u8 slotNo, int typeCode) {
   running->chassis().setCardType(slotNo, typeCode);
 }
 
+// The main firmware writes the words and the index to registers of its own.
+int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words) {
+  kernel().charge("set_one_map", 4 * costs().busAccess);
+  running->router().set(kernel().now(), slotNo, port, index, {words[0], words[1], words[2]});
+  return os::OK;
+}
+
 int para_save(u8 slotNo) {
   kernel().requireTask("para_save");
   kernel().notePollingEnds();

@@ -79,6 +79,19 @@ void StatusView::announceOutput(client::Channel channel) {
   }
 }
 
+// Of a channel that has been locked for long, which a client that went away does.
+std::string StatusView::lockNote(int slot, int port) const {
+  std::string text;
+  const auto note = [&](BackEnd::Lock lock, const char* what) {
+    const auto since = headend_.backEnd().lockedSince(lock, slot, port);
+    const Nanos locked = since ? headend_.kernel().now() - *since : 0;
+    if (locked > 10 * kSecond) text += fmt::format("  {} locked for {} s", what, locked / kSecond);
+  };
+  note(BackEnd::Lock::kPsi, "silent, PSI");
+  note(BackEnd::Lock::kPidMap, "PID map");
+  return text;
+}
+
 std::string StatusView::table() {
   std::string text =
       fmt::format("virtual time {:.1f} s, management {}\n",
@@ -88,15 +101,25 @@ std::string StatusView::table() {
     fmt::format_to(out, "card {}: {}\n", slot + 1, stateName(headend_.state(slot)));
     for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
       const Multiplexer& output = headend_.card(slot).output(static_cast<std::size_t>(port));
-      const Multiplexer::Counts& counts = output.counts();
-      fmt::format_to(out, "  {}.{}  {:10.0f} bit/s  PSI {:>9}  routed {:>9}  null {:>11}", slot + 1, port + 1,
-                     output.rate().perSecond(), counts.psi, counts.routed, counts.null);
-      const auto since = headend_.backEnd().lockedSince(slot, port);
-      const Nanos locked = since ? headend_.kernel().now() - *since : 0;
-      if (locked > 10 * kSecond) fmt::format_to(out, "  locked for {} s, silent", locked / kSecond);
+      const RateMeter::Rates& rates = headend_.rates().output(slot, port);
+      fmt::format_to(
+          out,
+          "  {}.{}  input {:>10.0f}  routed {:>10.0f}  PSI {:>8.0f}  null {:>10.0f}  total {:>10.0f} bit/s",
+          slot + 1, port + 1, rates.input, rates.routed, rates.psi, rates.null, output.rate().perSecond());
+      if (output.counts().dropped > 0) fmt::format_to(out, "  dropped {}", output.counts().dropped);
+      if (headend_.router().inputLost(slot, port, headend_.kernel().now())) text += "  input lost";
+      text += lockNote(slot, port);
       text += '\n';
       fmt::format_to(out, "       {}\n",
                      rfLine(headend_.card(slot).rf(static_cast<std::size_t>(port), headend_.kernel().now())));
+    }
+  }
+  for (const int slot : headend_.sources().slots()) {
+    fmt::format_to(out, "source card {}:\n", slot + 1);
+    for (std::size_t input = 0; input < headend_.sources().inputs(slot); ++input) {
+      fmt::format_to(out, "  {}.{}  {:10.0f} bit/s  {}\n", slot + 1, input + 1,
+                     headend_.rates().input(slot, static_cast<int>(input)),
+                     headend_.sources().nameOf(slot, input));
     }
   }
   if (!headend_.assertionFailures().empty()) {

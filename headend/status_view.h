@@ -22,6 +22,7 @@ class StatusView {
   void announceOutput(client::Channel channel);
   void showProgress();
   std::string table();
+  std::string lockNote(int slot, int port) const;
 
   Headend& headend_;
   bool terminal_;

@@ -78,13 +78,8 @@ client::Reply BackEnd::carryOut(const client::Request& request) {
       break;
     case client::Operation::kWrite:
       reply.result = callCard(request, reply.data);
-      if (request.variable == client::kVarPsiLock && reply.result == client::kDone) noteLock(request);
+      if (reply.result == client::kDone) noteLock(request);
       break;
-    case client::Operation::kStatus: {
-      const std::string text = status_();
-      reply.data.assign(text.begin(), text.end());
-      break;
-    }
     case client::Operation::kGetVariable:
       reply.result = getVariable(request, reply.data);
       break;
@@ -92,9 +87,18 @@ client::Reply BackEnd::carryOut(const client::Request& request) {
       reply.result = setVariable(request);
       break;
     default:
-      reply.result = client::kUnknownOperation;
+      reply.result = passOn(request, reply.data);
   }
   return reply;
+}
+
+u32 BackEnd::passOn(const client::Request& request, client::Bytes& reply) const {
+  const auto handler = handlers_.find(request.operation);
+  if (handler == handlers_.end()) return client::kUnknownOperation;
+  if (request.length != request.data.size()) return client::kBadLength;
+  const u32 result = handler->second(request, reply);
+  if (result != client::kDone) reply.clear();
+  return result;
 }
 
 // The row of the table that is registered for the request's channel. Where no range or row fits, any table's
@@ -142,6 +146,8 @@ u32 BackEnd::callCard(const client::Request& request, client::Bytes& reply) {
 }
 
 void BackEnd::noteLock(const client::Request& request) {
+  const bool ofPsi = request.variable == client::kVarPsiLock;
+  if (!ofPsi && request.variable != client::kVarPidMapLock) return;
   client::Request read = request;
   read.operation = client::Operation::kRead;
   read.length = 0;
@@ -149,16 +155,21 @@ void BackEnd::noteLock(const client::Request& request) {
   client::Bytes state;
   if (callCard(read, state) != client::kDone) return;
   const bool locked = std::any_of(state.begin(), state.end(), [](u8 byte) { return byte != 0; });
-  const std::size_t slot = request.slot & 0xFF;
-  const std::size_t port = request.port & 0xFF;
-  std::optional<Nanos>& since = lockedSince_[slot][port];
-  if (locked && !since) since = kernel_.now();
-  if (!locked) since.reset();
-  monitor_.restart(static_cast<int>(slot), static_cast<int>(port));
+  const int slot = request.slot & 0xFF;
+  const int port = static_cast<int>(request.port & 0xFF);
+  const std::tuple key{ofPsi ? Lock::kPsi : Lock::kPidMap, slot, port};
+  if (locked) {
+    lockedSince_.try_emplace(key, kernel_.now());
+  } else {
+    lockedSince_.erase(key);
+  }
+  if (ofPsi) monitor_.restart(slot, port);
 }
 
-std::optional<Nanos> BackEnd::lockedSince(int slot, int port) const {
-  return lockedSince_[static_cast<std::size_t>(slot)][static_cast<std::size_t>(port)];
+std::optional<Nanos> BackEnd::lockedSince(Lock lock, int slot, int port) const {
+  const auto found = lockedSince_.find({lock, slot, port});
+  if (found == lockedSince_.end()) return {};
+  return found->second;
 }
 
 // ---- The variables of a card ----

@@ -1,14 +1,16 @@
 // The back-end registry behind a datagram socket: finds the table that a card registered, calls its routine,
-// sends the reply; and asks cards for their settings and readings. One task serves one request at a time. A
-// request that a client repeats under its last number gets the stored reply. docs/management-datagram.md
-// describes the datagrams.
+// sends the reply; asks cards for their settings and readings; and passes on what other parts of the firmware
+// answer. One task serves one request at a time. A request that a client repeats under its last number gets
+// the stored reply. docs/management-datagram.md describes the datagrams.
 #pragma once
 
 #include <array>
 #include <deque>
 #include <list>
+#include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "client/datagram.h"
@@ -35,15 +37,18 @@ class BackEnd {
 
   UdpSocket& socket() { return socket_; }
   void start();  // spawns the task
-  void onStatus(std::function<std::string()> status) { status_ = std::move(status); }
+  // Who carries out an operation that is none of the cards' variables: gives a result, and a reply's data.
+  using Handler = std::function<u32(const client::Request& request, client::Bytes& reply)>;
+  void provide(client::Operation operation, Handler handler) { handlers_[operation] = std::move(handler); }
 
   // Whether the slot's card runs. One that does not has no registers to set, and would wait for ever.
   void onRunning(std::function<bool(int slot)> running) { running_ = std::move(running); }
 
   void registerVariables(u32 base, u32 limit, const chassis::bc_var* table);
 
-  // Since when a channel's PSI store is locked.
-  std::optional<Nanos> lockedSince(int slot, int port) const;
+  // Since when a channel's PSI store or its PID map is locked.
+  enum class Lock { kPsi, kPidMap };
+  std::optional<Nanos> lockedSince(Lock lock, int slot, int port) const;
   const std::vector<LateRequest>& lateRequests() const { return late_; }
 
  private:
@@ -67,6 +72,7 @@ class BackEnd {
   void answer(const Datagram& datagram);
   client::Reply carryOut(const client::Request& request);
   u32 callCard(const client::Request& request, client::Bytes& reply);
+  u32 passOn(const client::Request& request, client::Bytes& reply) const;
   u32 getVariable(const client::Request& request, client::Bytes& reply);
   u32 setVariable(const client::Request& request);
   u32 refuseVariable(const client::Request& request, std::size_t length) const;
@@ -80,11 +86,11 @@ class BackEnd {
   CarouselMonitor& monitor_;
   Log& log_;
   UdpSocket socket_;
-  std::function<std::string()> status_ = [] { return std::string("{}"); };
+  std::map<client::Operation, Handler> handlers_;
   std::function<bool(int slot)> running_ = [](int) { return false; };
   std::vector<Registration> registrations_;
-  std::list<KnownClient> clients_;  // the one heard last in front
-  std::array<std::array<std::optional<Nanos>, MAX_QAM_OUT_NUM>, kSlots> lockedSince_;
+  std::list<KnownClient> clients_;                           // the one heard last in front
+  std::map<std::tuple<Lock, int, int>, Nanos> lockedSince_;  // by slot and port
   std::deque<Outstanding> outstanding_;
   std::uint64_t arrivals_ = 0;
   std::vector<LateRequest> late_;

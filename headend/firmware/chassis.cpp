@@ -11,6 +11,11 @@ namespace headend {
 Chassis::Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log)
     : kernel_(kernel), bus_(bus), flash_(flash), log_(log) {}
 
+void Chassis::plugIn(chassis::card& card) {
+  cardInsert(&card);
+  slots_[card.slotNo].initReturned = true;
+}
+
 void Chassis::start(const std::vector<int>& slots) {
   for (const int number : slots) slots_[static_cast<std::size_t>(number)].occupied = true;
   semQamVar = kernel_.createMutex("semQamVar");

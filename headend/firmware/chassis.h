@@ -38,6 +38,9 @@ class Chassis {
 
   Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log);
 
+  // A card of another kind, which needs no start; before `start`.
+  void plugIn(chassis::card& card);
+
   // Starts the cards of these slots (0..5): registration first, then each slot's `init`.
   void start(const std::vector<int>& slots);
 

@@ -1,0 +1,53 @@
+// The debug shell as far as management software reaches it: calls of a card's bench and filter routines, each
+// in a task of its own, and what they print.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <span>
+#include <string>
+
+#include "client/datagram.h"
+#include "headend/kernel/kernel.h"
+#include "platform/types.h"
+
+namespace headend {
+
+struct DebugRoutine {
+  const char* name;
+  const char* arguments;  // names, after the slot; for a list
+  std::size_t count;
+  void (*call)(u8 slot, const u32* arguments);
+};
+// All of them. Their first argument, the slot, is the request's.
+std::span<const DebugRoutine> debugRoutines();
+
+class DebugShell {
+ public:
+  static constexpr int kPriority = 240;           // below everything that keeps a channel on the air
+  static constexpr std::size_t kRemembered = 32;  // calls; what is older is forgotten once it has ended
+
+  explicit DebugShell(Kernel& kernel) : kernel_(kernel) {}
+
+  // Operations of the management socket: begin a call (name, 0, arguments of four bytes), ask for its end.
+  // Tasks only.
+  u32 call(const client::Request& request, client::Bytes& reply);
+  u32 result(const client::Request& request, client::Bytes& reply) const;
+
+  // A debug line of the running task, which may be a call's.
+  void printed(const Task* task, const std::string& text);
+
+ private:
+  struct Call {
+    u32 number = 0;
+    int task = -1;
+    bool finished = false;
+    std::string printed;
+  };
+
+  Kernel& kernel_;
+  std::deque<Call> calls_;
+  u32 made_ = 0;
+};
+
+}  // namespace headend

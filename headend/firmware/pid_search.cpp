@@ -1,0 +1,124 @@
+#include "headend/firmware/pid_search.h"
+
+#include <algorithm>
+
+#include "platform/address_word.h"
+#include "ts/qamBack.h"
+
+namespace headend {
+namespace {
+
+// Static, for a packet's address travels as a 32-bit word, which names objects of the program image alone.
+u8 capturedPackets[MAX_BOARD_NUM][PidSearch::kCaptured]
+                  [kTsPacket];  // NOLINT(*-avoid-non-const-global-variables)
+
+// What a packet says of the sections of one table.
+struct Content {
+  bool startsAny = false;
+  bool startsTable = false;
+  bool lastIsTable = false;  // the section that goes on behind the packet's end, or fills it
+  bool endsOther = false;    // in front of the first start stands the end of an earlier section
+};
+
+Content contentOf(TsPacketView packet, u8 tableId) {
+  Content content;
+  std::size_t at = 4;
+  if ((packet[3] & 0x20) != 0) at += 1U + packet[4];
+  if ((packet[3] & 0x10) == 0 || (packet[1] & 0x40) == 0 || at >= kTsPacket) return content;
+  content.endsOther = packet[at] != 0;
+  at += 1U + packet[at];
+  while (at < kTsPacket && packet[at] != 0xFF) {
+    content.startsAny = true;
+    content.lastIsTable = packet[at] == tableId;
+    content.startsTable |= content.lastIsTable;
+    if (at + 3 > kTsPacket) break;
+    at += 3U + ((packet[at + 1] & 0x0FU) << 8 | packet[at + 2]);
+  }
+  return content;
+}
+
+}  // namespace
+
+PidSearch::PidSearch(Kernel& kernel, std::function<Multiplexer*(int slot, int port)> output)
+    : kernel_(kernel), output_(std::move(output)) {
+  for (os::MSG_Q_ID& queue : qamTsReadQID) {
+    queue = kernel.createQueue(static_cast<int>(kCaptured), sizeof(u32));
+  }
+}
+
+u32 PidSearch::search(const client::Request& request) {
+  if (request.data.size() != sizeof(ts_data_set)) return client::kBadLength;
+  const auto& wanted = *reinterpret_cast<const ts_data_set*>(request.data.data());
+  const std::size_t slot = request.slot & 0xFF;
+  const auto port = static_cast<u8>(request.port);
+  if (slot >= captures_.size() || port >= MAX_QAM_OUT_NUM) return client::kBadSlotOrPort;
+  Multiplexer* output = output_(static_cast<int>(slot), port);
+  if (output == nullptr) return client::kNoCard;
+
+  Capture& capture = captures_[slot];
+  const qamSearchPSI_t before = qamSearchPSI[slot];
+  const bool same = wanted.status != 0 && before.isSearch == 1 && before.pid == wanted.pid &&
+                    before.tableId == wanted.tableid && capture.output == output;
+  if (!same) {
+    if (capture.output != nullptr) capture.output->setTap(nullptr);
+    capture = {};
+    qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, 0);
+  }
+  qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, wanted.status);
+  if (!same && wanted.status != 0) {
+    output->advance(kernel_.now());  // what left before the search began is not of it
+    capture.output = output;
+    output->setTap([this, slot](TsPacketView packet) { look(slot, packet); });
+  }
+  return client::kDone;
+}
+
+u32 PidSearch::searched(const client::Request& request, client::Bytes& reply) {
+  if (!request.data.empty()) return client::kBadLength;
+  const std::size_t slot = request.slot & 0xFF;
+  if (slot >= captures_.size() || (request.port & 0xFF) >= MAX_QAM_OUT_NUM) return client::kBadSlotOrPort;
+  if (output_(static_cast<int>(slot), 0) == nullptr) return client::kNoCard;
+
+  ts_data_rt found{};
+  found.pid = qamSearchPSI[slot].pid;
+  found.tableid = qamSearchPSI[slot].tableId;
+  if (captures_[slot].output != nullptr) captures_[slot].output->advance(kernel_.now());
+  post(slot);
+  while (found.nmuber < kPacketsPerChunk &&
+         qamGetTsPidResult(static_cast<u8>(slot), static_cast<u8>(request.port), found.pkt[found.nmuber]) ==
+             0) {
+    ++found.nmuber;
+    ++captures_[slot].taken;
+  }
+  const auto* bytes = reinterpret_cast<const u8*>(&found);
+  reply.assign(bytes, bytes + offsetof(ts_data_rt, pkt) + found.nmuber * kTsPacket);
+  return client::kDone;
+}
+
+// In whatever runs when the packet leaves: it only copies.
+void PidSearch::look(std::size_t slot, TsPacketView packet) {
+  const qamSearchPSI_t& wanted = qamSearchPSI[slot];
+  const auto pid = static_cast<u16>((packet[1] & 0x1F) << 8 | packet[2]);
+  if (wanted.isSearch == 0 || pid != wanted.pid) return;
+  Capture& capture = captures_[slot];
+  const Content content = contentOf(packet, wanted.tableId);
+  const bool continues = capture.inTable && (!content.startsAny || content.endsOther);
+  if (content.startsAny) capture.inTable = content.lastIsTable;
+  if (!continues && !content.startsTable) return;
+  if (capture.written - capture.taken >= kCaptured) {
+    capture.inTable = false;  // a section with a hole is worth nothing
+    return;
+  }
+  std::copy(packet.begin(), packet.end(), capturedPackets[slot][capture.written % kCaptured]);
+  ++capture.written;
+}
+
+void PidSearch::post(std::size_t slot) {
+  Capture& capture = captures_[slot];
+  for (; capture.queued < capture.written; ++capture.queued) {
+    const u32 word = os::addressWord(capturedPackets[slot][capture.queued % kCaptured]);
+    kernel_.send(qamTsReadQID[slot], {reinterpret_cast<const char*>(&word), sizeof word}, os::NO_WAIT);
+  }
+}
+
+}  // namespace headend

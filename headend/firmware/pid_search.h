@@ -1,0 +1,44 @@
+// The chassis's side of the PID search: captures packets from what a channel sends, hands them to the card's
+// queue, and serves management software. One search a card, as the card has it.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+
+#include "client/datagram.h"
+#include "headend/hardware/multiplexer.h"
+#include "headend/kernel/kernel.h"
+
+namespace headend {
+
+class PidSearch {
+ public:
+  static constexpr std::size_t kCaptured = 64;  // packets of a card that wait; what comes then is lost
+
+  // `output` gives a channel's multiplexer; null where there is no card.
+  PidSearch(Kernel& kernel, std::function<Multiplexer*(int slot, int port)> output);
+
+  // Operations of the management socket: begin or end a search (`ts_data_set`), take what it found
+  // (`ts_data_rt`). Tasks only.
+  u32 search(const client::Request& request);
+  u32 searched(const client::Request& request, client::Bytes& reply);
+
+ private:
+  struct Capture {
+    Multiplexer* output = nullptr;  // that the tap is on
+    bool inTable = false;           // the packets that come continue a section of the table
+    std::uint64_t written = 0;      // packets, since the search began
+    std::uint64_t queued = 0;
+    std::uint64_t taken = 0;
+  };
+
+  void look(std::size_t slot, TsPacketView packet);
+  void post(std::size_t slot);
+
+  Kernel& kernel_;
+  std::function<Multiplexer*(int, int)> output_;
+  std::array<Capture, 6> captures_;
+};
+
+}  // namespace headend

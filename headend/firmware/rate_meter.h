@@ -1,0 +1,73 @@
+// Bit rates of the last whole virtual second, of channels and inputs, for views and management software.
+#pragma once
+
+#include <array>
+#include <map>
+#include <utility>
+
+#include "headend/hardware/multiplexer.h"
+#include "headend/hardware/pid_router.h"
+
+namespace headend {
+
+class RateMeter {
+ public:
+  struct Rates {        // bits a second
+    double input = 0;   // what the router brought
+    double routed = 0;  // what of it went out
+    double psi = 0;
+    double null = 0;
+    double total = 0;
+  };
+  using Place = std::pair<int, int>;  // slot and port
+
+  void watchOutput(int slot, int port, Multiplexer& output) { outputs_[{slot, port}].source = &output; }
+  void watchInput(int slot, int port, const PidRouter& router) { inputs_[{slot, port}].source = &router; }
+
+  // Call it often; it looks once a second.
+  void update(Nanos now) {
+    if (now - measuredAt_ < kSecond) return;
+    const double bitsASecond =
+        static_cast<double>(kTsPacket) * 8 * 1e9 / static_cast<double>(now - measuredAt_);
+    measuredAt_ = now;
+    for (auto& [place, meter] : outputs_) {
+      meter.source->advance(now);
+      const Multiplexer::Counts& counts = meter.source->counts();
+      const auto rate = [&](std::uint64_t Multiplexer::Counts::*count) {
+        return static_cast<double>(counts.*count - meter.before.*count) * bitsASecond;
+      };
+      using C = Multiplexer::Counts;
+      meter.rates = {.input = rate(&C::offered),
+                     .routed = rate(&C::routed),
+                     .psi = rate(&C::psi),
+                     .null = rate(&C::null)};
+      meter.rates.total = meter.rates.routed + meter.rates.psi + meter.rates.null;
+      meter.before = counts;
+    }
+    for (auto& [place, meter] : inputs_) {
+      const std::uint64_t packets = meter.source->input(place.first, place.second)->packets;
+      meter.rate = static_cast<double>(packets - meter.before) * bitsASecond;
+      meter.before = packets;
+    }
+  }
+
+  const Rates& output(int slot, int port) const { return outputs_.at({slot, port}).rates; }
+  double input(int slot, int port) const { return inputs_.at({slot, port}).rate; }
+
+ private:
+  struct Output {
+    Multiplexer* source = nullptr;
+    Multiplexer::Counts before;
+    Rates rates;
+  };
+  struct Input {
+    const PidRouter* source = nullptr;
+    std::uint64_t before = 0;
+    double rate = 0;
+  };
+  std::map<Place, Output> outputs_;
+  std::map<Place, Input> inputs_;
+  Nanos measuredAt_ = 0;
+};
+
+}  // namespace headend

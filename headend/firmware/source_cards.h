@@ -1,0 +1,46 @@
+// The source cards of the chassis: receivers that bring transport streams in. Each has a descriptor in the
+// chassis's list, so that modulator cards find how many inputs it has, and its inputs are on the PID router.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "client/datagram.h"
+#include "headend/firmware/source_tables.h"
+#include "headend/hardware/pid_router.h"
+#include "platform/chassis.h"
+
+namespace headend {
+
+class SourceCards {
+ public:
+  explicit SourceCards(PidRouter& router) : router_(router) {}
+
+  // A card in the slot, with one to sixteen inputs.
+  void plugIn(int slot, std::vector<std::unique_ptr<TsInput>> inputs);
+
+  // Slots with a source card, and the descriptors for the chassis.
+  std::vector<int> slots() const;
+  chassis::card& descriptor(int slot) { return cards_.at(slot).descriptor; }
+
+  std::size_t inputs(int slot) const { return cards_.at(slot).inputs.size(); }
+  const std::string& nameOf(int slot, std::size_t input) const {
+    return cards_.at(slot).inputs[input]->name();
+  }
+
+  // Operation of the management socket: sections of a table on an input.
+  u32 sections(const client::Request& request, client::Bytes& reply) const;
+
+ private:
+  struct Card {
+    chassis::card descriptor{};
+    std::vector<std::unique_ptr<TsInput>> inputs;
+    std::vector<SourceTables> tables;  // of each input
+  };
+
+  PidRouter& router_;
+  std::map<int, Card> cards_;  // by slot
+};
+
+}  // namespace headend

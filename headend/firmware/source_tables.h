@@ -1,0 +1,39 @@
+// What a source card's firmware knows of the tables on one of its inputs: the latest PAT, CAT, NIT, SDT and
+// BAT sections, and the PMTs that the PAT names. The router shows it every packet; management software asks.
+#pragma once
+
+#include <bitset>
+#include <map>
+#include <tuple>
+#include <vector>
+
+#include "client/section_gatherer.h"
+#include "headend/hardware/ts_input.h"
+
+namespace headend {
+
+class SourceTables {
+ public:
+  SourceTables();
+
+  void packet(TsPacketView packet) {
+    const std::size_t pid = (packet[1] & 0x1FU) << 8 | packet[2];
+    if (wanted_[pid]) gather(static_cast<u16>(pid), packet);
+  }
+
+  // By extension and number. Valid until the next packet.
+  std::vector<const client::Bytes*> sections(u16 pid, u8 tableId) const;
+
+ private:
+  using Key = std::tuple<u16, u8, u16, u8>;  // PID, table_id, extension, number
+
+  void gather(u16 pid, TsPacketView packet);
+  void take(const client::Section& section);
+  void follow(const client::Section& pat);
+
+  std::bitset<8192> wanted_;
+  std::map<u16, client::SectionGatherer> gatherers_;
+  std::map<Key, client::Bytes> sections_;
+};
+
+}  // namespace headend

@@ -1,0 +1,162 @@
+#include "headend/source_flags.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+
+#include "headend/flag_values.h"
+#include "headend/hardware/file_input.h"
+#include "headend/hardware/pid_router.h"
+
+namespace headend {
+namespace {
+
+constexpr const char* kInputLost = ".input-lost";
+
+// "N.P", a slot and an input, from 1.
+std::optional<client::SourcePort> parseSourcePort(std::string_view text) {
+  if (text.size() < 3 || text[0] < '1' || text[0] > '6' || text[1] != '.') return {};
+  client::SourcePort source{.slot = static_cast<u16>(text[0] - '1'), .port = 0};
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + 2, end, source.port);
+  if (error != std::errc() || stop != end || source.port < 1 || source.port > PidRouter::kInputPorts)
+    return {};
+  --source.port;
+  return source;
+}
+
+Options::Input parseInput(const std::string& whole, const std::string& text) {
+  constexpr std::string_view kUdp = "udp://";
+  Options::Input input;
+  if (text.starts_with(kUdp)) {
+    input.address = parseAddress("--source", text.substr(kUdp.size()), "want udp://ADDRESS:PORT");
+    return input;
+  }
+  input.file = text;
+  const std::size_t at = text.rfind('@');
+  if (at == std::string::npos) return input;
+  std::uint64_t rate = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + at + 1, end, rate);
+  if (error != std::errc() || stop != end) return input;  // an @ of the file's name
+  if (rate < FileInput::kSlowest || rate > FileInput::kFastest) {
+    refuse("--source", whole, "a rate is in bits a second, from 1000 to 1000000000");
+  }
+  input.file = text.substr(0, at);
+  input.bitRate = rate;
+  return input;
+}
+
+// "N.P=REST[@SECONDS]"; the channel comes out, and the rest without the time.
+client::Channel takeChannel(const std::string& flag, const std::string& text, const std::string& want,
+                            std::string& rest, Nanos& at) {
+  const std::size_t equals = text.find('=');
+  if (equals == std::string::npos || equals + 1 == text.size()) refuse(flag, text, want);
+  const auto channel = client::parseChannel(text.substr(0, equals));
+  if (!channel) refuse(flag, text, "the channel must be N.P with N from 1 to 6 and P 1 or 2");
+  rest = text.substr(equals + 1);
+  const std::size_t sign = rest.rfind('@');
+  if (sign != std::string::npos) {
+    if (const auto seconds = parseSeconds(rest.substr(sign + 1))) {
+      at = *seconds;
+      rest.resize(sign);
+    }
+  }
+  if (rest.empty()) refuse(flag, text, want);
+  return *channel;
+}
+
+}  // namespace
+
+void parseSource(const std::string& text, Options& options) {
+  const char* want =
+      "want N=FILE.ts[,FILE.ts...] with N from 1 to 6; FILE.ts@RATE in bits a second for a file without "
+      "PCRs; "
+      "udp://ADDRESS:PORT instead of a file";
+  if (text.size() < 3 || text[0] < '1' || text[0] > '6' || text[1] != '=') refuse("--source", text, want);
+  const int slot = text[0] - '1';
+  std::vector<Options::Input>& inputs = options.sources[slot];
+  if (!inputs.empty())
+    refuse("--source", text, "this slot has a source card already: name all its inputs at once");
+  for (std::size_t from = 2; from <= text.size();) {
+    const std::size_t comma = std::min(text.find(',', from), text.size());
+    if (comma == from) refuse("--source", text, want);
+    inputs.push_back(parseInput(text, text.substr(from, comma - from)));
+    from = comma + 1;
+  }
+  if (inputs.size() > PidRouter::kInputPorts) refuse("--source", text, "a source card has at most 16 inputs");
+}
+
+void parsePidMap(const std::string& text, Options& options) {
+  Options::PidMap map;
+  std::string file;
+  map.channel = takeChannel("--pidmap", text, "want N.P=FILE.csv or N.P=FILE.csv@SECONDS", file, map.at);
+  map.file = file;
+  options.pidMaps.push_back(std::move(map));
+}
+
+void parseProgramme(const std::string& text, Options& options) {
+  const char* want = "want N.P=SLOT.INPUT:SERVICE or N.P=SLOT.INPUT:SERVICE@SECONDS, as 1.1=6.1:Four";
+  Options::Programme programme;
+  std::string rest;
+  programme.channel = takeChannel("--programme", text, want, rest, programme.at);
+  const std::size_t colon = rest.find(':');
+  const auto source = colon == std::string::npos ? std::nullopt : parseSourcePort(rest.substr(0, colon));
+  if (!source || colon + 1 == rest.size()) refuse("--programme", text, want);
+  programme.source = *source;
+  programme.service = rest.substr(colon + 1);
+  options.programmes.push_back(std::move(programme));
+}
+
+bool parseInputLoss(const std::string& text, Options& options) {
+  const std::size_t name = text.find(kInputLost);
+  if (name == std::string::npos) return false;
+  const char* want =
+      "want N.P.input-lost[@SECONDS[/PERIOD]] with slot and input of a source card, as 6.1.input-lost@10/4";
+  const auto source = parseSourcePort(text.substr(0, name));
+  if (!source) refuse("--fault", text, want);
+  Options::InputLoss loss{.source = *source, .at = 0, .period = {}};
+  std::string rest = text.substr(name + std::string_view(kInputLost).size());
+  if (!rest.empty()) {
+    if (rest[0] != '@') refuse("--fault", text, want);
+    const std::size_t slash = rest.find('/');
+    const auto at = parseSeconds(rest.substr(1, slash == std::string::npos ? slash : slash - 1));
+    if (!at) refuse("--fault", text, want);
+    loss.at = *at;
+    if (slash != std::string::npos) {
+      loss.period = parseSeconds(rest.substr(slash + 1));
+      if (!loss.period || *loss.period < 2) refuse("--fault", text, want);
+    }
+  }
+  const auto same = [&](const Options::InputLoss& other) { return other.source == loss.source; };
+  if (std::any_of(options.inputLosses.begin(), options.inputLosses.end(), same)) {
+    refuse("--fault", text, "this input has been given a loss already");
+  }
+  options.inputLosses.push_back(loss);
+  return true;
+}
+
+void checkSources(const Options& options) {
+  const auto slotName = [](int slot) { return std::to_string(slot + 1); };
+  for (const auto& [slot, inputs] : options.sources) {
+    const bool fromNetwork =
+        std::any_of(inputs.begin(), inputs.end(), [](const auto& i) { return i.address.has_value(); });
+    if (options.fast && fromNetwork) {
+      refuse("--source", slotName(slot), "a udp:// input comes in real time: leave --fast away");
+    }
+    if (std::find(options.slots.begin(), options.slots.end(), slot) != options.slots.end()) {
+      refuse("--source", slotName(slot), "there is a modulator card in that slot");
+    }
+  }
+  const auto demand = [&](const std::string& flag, const client::SourcePort& source) {
+    const auto card = options.sources.find(source.slot);
+    const std::string what = slotName(source.slot) + "." + std::to_string(source.port + 1);
+    if (card == options.sources.end() || source.port >= card->second.size()) {
+      refuse(flag, what, "no such input: add --source " + slotName(source.slot) + "=FILE.ts");
+    }
+  };
+  for (const auto& loss : options.inputLosses) demand("--fault", loss.source);
+  for (const auto& programme : options.programmes) demand("--programme", programme.source);
+}
+
+}  // namespace headend

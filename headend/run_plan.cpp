@@ -8,6 +8,7 @@
 #include "client/card_settings.h"
 #include "client/pid_map_file.h"
 #include "client/pid_map_upload.h"
+#include "client/programme.h"
 #include "client/psi_capture.h"
 #include "client/psi_upload.h"
 
@@ -93,12 +94,26 @@ void addPidMaps(const Options& options, Log& log, std::vector<Operator::Job>& jo
   }
 }
 
+void addProgrammes(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
+  for (const Options::Programme& programme : options.programmes) {
+    client::ProgrammeOptions how;
+    how.map.sources = sourceCards(options);
+    how.map.note = [&log](const std::string& text) { log.line(0, "operator", text); };
+    Operator::Job& job =
+        jobs.emplace_back(jobOf(programme.channel, "programme " + programme.service, programme.at));
+    job.carryOut = [programme, how](client::Link& link) {
+      client::addProgramme(link, programme.channel, programme.source, programme.service, how);
+    };
+  }
+}
+
 }  // namespace
 
 std::vector<Operator::Job> operatorJobs(const Options& options, Log& log) {
   std::vector<Operator::Job> jobs;
   addPsi(options, log, jobs);
   addPidMaps(options, log, jobs);
+  addProgrammes(options, log, jobs);
   addSettings(options, log, jobs);
   return jobs;
 }

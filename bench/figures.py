@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """All figures of docs/benchmarks.md: the speed of the virtual headend under load, while settings change and in a
-start-up of all slots, instruction counts, a start-up timeline, times of the calibration. Called by bench/run, which
-builds what is measured.
+start-up of all slots, packets through router and multiplexer, instruction counts, a start-up timeline, times of the
+calibration. Called by bench/run, which builds what is measured.
 
 Exit code: 0 when the figures are there and the ratios of instruction counts and the rates of the calibration keep
 their limits, 1 when not. Goals of speed are reported and not judged: they depend on the machine and on what else it
@@ -46,6 +46,9 @@ SETTINGS = (('rfreq', (666000, 554000)), ('rflevel', (1055, 1000)), ('qammode', 
             ('power', (0, 15)), ('symbolrate', (6000, 6875)))
 SETTINGS_A_SECOND = 10
 FIRST_SETTING = 0.5  # virtual seconds; the card runs by then
+
+ROUTED_SECONDS = 20  # virtual
+ROUTED_GOAL = 2  # virtual seconds a second of the processor: half a core in real time
 
 CALIBRATION = (('dac_load_ms', '`Ad9775Set`, virtual ms'), ('read_ms', 'one read, virtual ms'),
                ('write_ms', 'one write, virtual ms'), ('reads_per_second', 'reads a virtual second'),
@@ -141,6 +144,22 @@ def full_house(program, repeat):
     return timed('six cards', 1, FULL_HOUSE_GOAL, repeat, run)
 
 
+def routed(program, repeat):
+    """The best of some runs each for a plain copy and for maps of several lengths, ten full outputs."""
+    rows = []
+    for entries in (0, *instructions.MAP_ENTRIES):
+        runs = []
+        for _ in range(repeat):
+            run = subprocess.run([program, str(entries), str(ROUTED_SECONDS)], capture_output=True, text=True,
+                                 timeout=PATIENCE_SECONDS)
+            if run.returncode != 0:
+                raise NoFigure(f'{program} {entries}: exit code {run.returncode}\n{run.stderr}')
+            runs.append(json.loads(run.stdout))
+        rows.append({**min(runs, key=lambda row: row['processor_seconds']),
+                     'all_processor_seconds': [row['processor_seconds'] for row in runs]})
+    return rows
+
+
 def startup(program):
     timelines = []
     for bus_ns in BUS_NS:
@@ -167,6 +186,16 @@ def show_speed(title, rows):
         digits = 0 if best >= 20 else 1
         verdict = '' if row['goal'] is None else f'{row["goal"]:6} {"ok" if row["kept"] else "not reached"}'
         print(f'{row["name"]:38} {best:8,.{digits}f} {slowest:8,.{digits}f} {processor:13,.{digits}f} {verdict}')
+
+
+def show_routed(rows):
+    print(f'{"Ten outputs at 51.6 Mb/s, a CPU second":38} {"virtual s":>10} {"packets":>14} {"copy":>7} {"goal":>6}')
+    copied = rows[0]['packets'] / rows[0]['processor_seconds']
+    for row in rows:
+        speed_of, packets = row['seconds'] / row['processor_seconds'], row['packets'] / row['processor_seconds']
+        name = f'maps of {row["entries"]} entries' if row['entries'] else 'plain copy'
+        verdict = f'{ROUTED_GOAL:6} {"ok" if speed_of >= ROUTED_GOAL else "not reached"}' if row['entries'] else ''
+        print(f'{name:38} {speed_of:10,.1f} {packets:14,.0f} {copied / packets:7.1f} {verdict}')
 
 
 def show_startup(timelines):
@@ -200,6 +229,7 @@ def main():
     parser.add_argument('--samples', required=True, metavar='DIR')
     parser.add_argument('--module', action='append', required=True, metavar='LEVEL=FILE')
     parser.add_argument('--calibration', required=True, metavar='FILE')
+    parser.add_argument('--multiplexer', required=True, metavar='FILE')
     parser.add_argument('--json', metavar='FILE')
     parser.add_argument('--repeat', type=int, default=3, metavar='N')
     options = parser.parse_args()
@@ -210,9 +240,14 @@ def main():
         house = full_house(options.headend, options.repeat)
         show_speed('Start-ups a real second', [house])
         print(flush=True)
+        packets = routed(options.multiplexer, options.repeat)
+        show_routed(packets)
+        print(flush=True)
         counts = instructions.measure(dict(module.split('=', 1) for module in options.module),
                                       os.path.join(options.samples, 'psi-full.ts'))
         instructions.show(counts)
+        routed_counts = instructions.routed_packets(options.multiplexer)
+        instructions.show_routed(routed_counts)
         print(flush=True)
         timelines = startup(options.headend)
         show_startup(timelines)
@@ -221,12 +256,13 @@ def main():
         show_calibration(calibrations)
         if options.json:
             save(options.json, {'machine': f'{platform.machine()}, {os.cpu_count()} processors', 'speed': rows,
-                                'full_house': house, 'instructions': counts, 'startup': timelines,
+                                'full_house': house, 'routed': packets, 'instructions': counts,
+                                'instructions_a_routed_packet': routed_counts, 'startup': timelines,
                                 'calibration': calibrations})
     except (NoFigure, instructions.CannotCount, OSError, subprocess.SubprocessError) as error:
         print(error, file=sys.stderr)
         return 1
-    return 0 if instructions.kept(counts) else 1
+    return 0 if instructions.kept(counts) and instructions.flat(routed_counts) else 1
 
 
 if __name__ == '__main__':

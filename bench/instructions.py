@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """Instruction counts of the module's hot routines under callgrind, and their ratio to bare loops of the same
-accesses. Counts are no times: nothing else that runs here changes them, so this is a test too.
+accesses; and of a packet through router and multiplexer, for short and long maps. Counts are no times: nothing else
+that runs here changes them, so this is a test too.
 
-Exit code: 0 when all ratios keep the limit, 1 when one does not or nothing could be counted, 2 for a wrong call,
+Exit code: 0 when all ratios keep their limits, 1 when one does not or nothing could be counted, 2 for a wrong call,
 77 when valgrind is missing."""
 import argparse
+import json
 import os
 import re
 import shutil
@@ -26,6 +28,9 @@ RATIOS = {
     'CdceRegWrite': (('register-writes', 'CdceRegWrite(*'),
                      ('bare-register-writes', 'bareClockRegisterWrite(*'), [], 1.1),
 }
+MAP_ENTRIES = (1, 16, 256)
+FLAT = 1.1  # a packet with the longest map against one with the shortest
+SPANS = (0.02, 0.06)  # virtual seconds; what the second takes more than the first is packets alone
 TICKS = {'qamIntr': 'ticks', 'qamIntr, all intervals 1': 'busy-ticks'}
 
 
@@ -79,6 +84,41 @@ def ticks(program, capture):
     return rows
 
 
+def total(program, entries, seconds):
+    """All instructions of a multiplexer_bench, and the packets that it brought out."""
+    with tempfile.TemporaryDirectory() as folder:
+        out = os.path.join(folder, 'counts')
+        command = ['valgrind', '--quiet', '--tool=callgrind', f'--callgrind-out-file={out}', program, str(entries),
+                   str(seconds)]
+        run = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE_SECONDS)
+        if run.returncode != 0:
+            raise CannotCount(f'{" ".join(command)}: exit code {run.returncode}\n{run.stderr}')
+        with open(out, encoding='utf-8') as file:
+            count_of_all = int(re.search(r'^totals: (\d+)$', file.read(), re.M)[1])
+    return count_of_all, json.loads(run.stdout)['packets']
+
+
+def routed_packets(program):
+    """Instructions of a packet through router, buffer and output, by entries of each map; 0 is a plain copy."""
+    rows = {}
+    for entries in (0, *MAP_ENTRIES):
+        taken = [total(program, entries, seconds) for seconds in SPANS]
+        rows[entries] = (taken[1][0] - taken[0][0]) / (taken[1][1] - taken[0][1])
+    return rows
+
+
+def flat(rows):
+    return rows[MAP_ENTRIES[-1]] <= FLAT * rows[MAP_ENTRIES[0]]
+
+
+def show_routed(rows):
+    print(f'\n{"Instructions a routed packet":34} {"count":>12} {"to 1 entry":>12} {"to a copy":>10}')
+    for entries in MAP_ENTRIES:
+        print(f'{f"maps of {entries} entries":34} {rows[entries]:12,.0f} {rows[entries] / rows[1]:12.3f} '
+              f'{rows[entries] / rows[0]:10.1f}')
+    print(f'{"plain copy":34} {rows[0]:12,.0f}   {"ok" if flat(rows) else "not flat"}, at most {FLAT} wanted')
+
+
 def measure(modules, capture):
     return {level: {'ratios': ratios(program, capture), 'ticks': ticks(program, capture)}
             for level, program in modules.items()}
@@ -106,17 +146,20 @@ def main():
     parser.add_argument('--module', action='append', required=True, metavar='LEVEL=FILE',
                         help='a module_bench and the level it was compiled at (repeatable)')
     parser.add_argument('--capture', required=True, help='a capture that fills a channel')
+    parser.add_argument('--multiplexer', required=True, metavar='FILE', help='a multiplexer_bench')
     options = parser.parse_args()
     if shutil.which('valgrind') is None:
         print('valgrind is missing: nothing counted. As root: apt-get install valgrind', file=sys.stderr)
         return SKIPPED
     try:
         results = measure(dict(module.split('=', 1) for module in options.module), options.capture)
+        routed = routed_packets(options.multiplexer)
     except (CannotCount, subprocess.TimeoutExpired) as error:
         print(error, file=sys.stderr)
         return 1
     show(results)
-    return 0 if kept(results) else 1
+    show_routed(routed)
+    return 0 if kept(results) and flat(routed) else 1
 
 
 if __name__ == '__main__':

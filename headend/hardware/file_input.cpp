@@ -10,6 +10,7 @@
 #include <map>
 #include <span>
 #include <stdexcept>
+#include <utility>
 
 #include "client/packet_reader.h"
 
@@ -127,8 +128,8 @@ struct PesHeader {
 
 }  // namespace
 
-FileInput::FileInput(const std::string& path, std::optional<std::uint64_t> bitRate, Nanos start)
-    : path_(path), start_(start) {
+FileInput::FileInput(std::string path, std::optional<std::uint64_t> bitRate, Nanos start)
+    : path_(std::move(path)), start_(start) {
   if (bitRate && (*bitRate < kSlowest || *bitRate > kFastest)) {
     throw std::runtime_error(fmt::format("cannot play {} at {} bits a second: name a rate from {} to {}",
                                          path_, *bitRate, kSlowest, kFastest));

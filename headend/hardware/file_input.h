@@ -28,8 +28,7 @@ class FileInput final : public TsInput {
 
   // Plays from `start` on. With a rate, in bits a second of 188-byte packets, that is the pace; without one
   // the PCRs are. Throws std::runtime_error that says what the file lacks.
-  explicit FileInput(const std::string& path, std::optional<std::uint64_t> bitRate = std::nullopt,
-                     Nanos start = 0);
+  explicit FileInput(std::string path, std::optional<std::uint64_t> bitRate = std::nullopt, Nanos start = 0);
 
   Nanos nextArrival() const override { return next_; }
   TsPacketView take() override;

@@ -202,7 +202,8 @@ void UdpInput::beginClock(u64 ticks) {
 void UdpInput::follow(u64 elapsed_ticks) {
   const double elapsed_s = static_cast<double>(elapsed_ticks) / static_cast<double>(kPcrHz);
   const auto straight = static_cast<std::int64_t>(elapsed_ticks) * kUnitsPerTick;
-  const double excess = static_cast<double>((play_ + straight) / kUnitsPerNano - network_.now() - deJitter_);
+  const Nanos play = (play_ + straight) / kUnitsPerNano;
+  const auto excess = static_cast<double>(play - network_.now() - deJitter_);
   excess_ += (excess - excess_) * std::min(1.0, elapsed_s / kSmoothing_s);
   const double rate = std::clamp(excess_ / 1e9 / kCorrection_s, -kFastestCorrection, kFastestCorrection);
   play_ += straight - static_cast<std::int64_t>(rate * static_cast<double>(straight));

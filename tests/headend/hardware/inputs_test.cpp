@@ -468,7 +468,8 @@ TEST(UdpInputs, UnwrapsRtpAndDropsWhatIsNeither) {
       {"a header without packets", rtp({}, 7, {0x80, 33}, {}, 0), 0},
       {"an extension past the end", rtp(one, 7, {0x90, 33}, {0, 0, 0xFF, 0xFF}, 0), 0},
       {"an extension cut", rtp({}, 7, {0x90, 33}, {0, 0}, 0), 0},
-      {"padding past the end", rtp({}, 7, {0xA0, 33}, {}, 200), 0},
+      {"nothing but padding", rtp({}, 7, {0xA0, 33}, {}, 200), 0},
+      {"padding past the end", rtp({}, 7, {0xA0, 33}, {9}, 0), 0},
   };
   Udp udp;
   u64 packets = 0, foreign = 0, lost = 0;

@@ -163,7 +163,7 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       "N.P=SLOT.INPUT:SERVICE[@SECONDS]: put a programme of an input on the channel, by service name or "
       "number, as qamctl programme add does (repeatable)");
   app.add_option("--dejitter", t.deJitter_ms, "milliseconds that a udp:// input waits for late datagrams")
-      ->check(CLI::Range(1, 10'000))
+      ->check(CLI::Range(1, 5'000))
       ->capture_default_str();
   app.add_option("--set", t.settings,
                  "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that "

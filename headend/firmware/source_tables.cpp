@@ -41,18 +41,17 @@ void SourceTables::gather(u16 pid, TsPacketView packet) {
 
 // A new version of a table replaces the old one, whatever number of sections that had.
 void SourceTables::take(const client::Section& section) {
-  const auto [pid, table, extension] = std::tuple(section.pid, section.tableId(), section.extension());
-  const Key first{pid, table, extension, 0};
-  const Key last{pid, table, extension, 0xFF};
+  const Key first{section.pid, section.tableId(), section.extension(), 0};
+  const Key last{section.pid, section.tableId(), section.extension(), 0xFF};
   std::erase_if(sections_, [&](const auto& entry) {
     if (entry.first < first || last < entry.first) return false;
-    const client::Section old{.pid = pid, .bytes = entry.second};
+    const client::Section old{.pid = section.pid, .bytes = entry.second};
     return old.version() != section.version() || old.number() > section.lastNumber();
   });
-  client::Bytes& stored = sections_[{pid, table, extension, section.number()}];
+  client::Bytes& stored = sections_[{section.pid, section.tableId(), section.extension(), section.number()}];
   if (stored == section.bytes) return;
   stored = section.bytes;
-  if (client::tableOfId(table) == client::TableType::kPat) follow(section);
+  if (client::tableOfId(section.tableId()) == client::TableType::kPat) follow(section);
 }
 
 // Programmes that the PAT names no more are forgotten, for their PIDs may carry something else by now.

@@ -10,12 +10,13 @@ namespace client {
 namespace {
 
 Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, const std::string& what) {
+  const auto length = static_cast<u16>(data.size());
   const Reply reply = link.call({.operation = operation,
                                  .sequence = 0,
                                  .variable = 0,
                                  .slot = place.slot,
                                  .port = place.port,
-                                 .length = static_cast<u16>(data.size()),
+                                 .length = length,
                                  .data = std::move(data)});
   if (reply.result != kDone) {
     throw ServiceError(fmt::format("cannot {}: {}", what, resultText(reply.result)));

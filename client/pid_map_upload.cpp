@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "client/pid_map_file.h"
 #include "client/pid_map_variables.h"
@@ -95,7 +96,8 @@ Entries withoutBlanks(const Entries& entries, const MapOptions& options) {
 // The file that keeps a map until it is needed no more; nothing when there is to be none.
 class Rescue {
  public:
-  Rescue(const std::filesystem::path& file, const Channel& channel, const Entries& entries) : file_(file) {
+  Rescue(std::filesystem::path file, const Channel& channel, const Entries& entries)
+      : file_(std::move(file)) {
     if (file_.empty()) return;
     claim(channel);
     const std::string text = mapFileText(entries);
@@ -334,7 +336,7 @@ Entries releaseMap(Link& link, const Channel& channel, ReleaseBy by, const Entri
     throw PidMapError(fmt::format(
         "the PID map of {} is not locked: there is nothing to release, nothing was changed", name));
   }
-  const Entries wanted = mapOfRelease(link, card, by, entries, options);
+  Entries wanted = mapOfRelease(link, card, by, entries, options);
   attempt(
       [&] {
         send(card, wanted);

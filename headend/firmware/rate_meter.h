@@ -33,8 +33,9 @@ class RateMeter {
     for (auto& [place, meter] : outputs_) {
       meter.source->advance(now);
       const Multiplexer::Counts& counts = meter.source->counts();
-      const auto rate = [&](std::uint64_t Multiplexer::Counts::*count) {
-        return static_cast<double>(counts.*count - meter.before.*count) * bitsASecond;
+      const auto rate = [&counts, &before = meter.before,
+                         bitsASecond](std::uint64_t Multiplexer::Counts::*count) {
+        return static_cast<double>(counts.*count - before.*count) * bitsASecond;
       };
       using C = Multiplexer::Counts;
       meter.rates = {.input = rate(&C::offered),

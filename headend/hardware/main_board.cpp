@@ -3,7 +3,7 @@
 namespace headend {
 
 void MainBoard::watch(int slot, int port, Multiplexer& output) {
-  outputs_.at(static_cast<std::size_t>(slot * 2 + port)) = &output;
+  outputs_.at(static_cast<std::size_t>(slot) * 2 + static_cast<std::size_t>(port)) = &output;
 }
 
 u16 MainBoard::read(u32 /*offset*/, Nanos now) {

@@ -12,11 +12,11 @@ constexpr u8 kTransportError = 0x80;
 
 // As a word of the map numbers them.
 std::size_t PidRouter::inputIndex(int slot, int port) {
-  return static_cast<std::size_t>(slot * kInputPorts + port);
+  return static_cast<std::size_t>(slot) * kInputPorts + static_cast<std::size_t>(port);
 }
 
 std::size_t PidRouter::outputIndex(int slot, int port) {
-  return static_cast<std::size_t>(slot * kOutputPorts + port);
+  return static_cast<std::size_t>(slot) * kOutputPorts + static_cast<std::size_t>(port);
 }
 
 void PidRouter::connectInput(int slot, int port, TsInput& source) {

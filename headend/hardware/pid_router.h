@@ -37,7 +37,7 @@ class PidRouter final : public PacketFeed {
 
   // Slots from 0 to 5, ports of inputs from 0 to 15, ports of outputs 0 and 1. Input and output outlive the
   // router's use; the output gets the router as its feed.
-  void connectInput(int slot, int port, TsInput& input);
+  void connectInput(int slot, int port, TsInput& source);
   void connectOutput(int slot, int port, Multiplexer& output);
 
   // Programs a position of an output's map, from packets on that arrive after `now`. Nothing happens for a

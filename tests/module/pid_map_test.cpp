@@ -149,9 +149,9 @@ TEST_F(PidMap, UnlockSortsSavesAndSendsAllPositionsToTheRouter) {
 // What an exchange sort makes of these keys, by hand; a stable sort would end 1, 2, 3.
 TEST_F(PidMap, EqualKeysEndAsTheExchangesLeaveThem) {
   upload({{1, 0, 2, 1}, {1, 0, 2, 2}, {1, 0, 1, 9}, {1, 0, 2, 3}, {1, 0, 1, 8}});
-  std::vector<u16> out;
-  for (int i = 0; i < 5; ++i) out.push_back(para.pidMap[0][i].dst_pid);
-  EXPECT_EQ(out, (std::vector<u16>{9, 8, 1, 3, 2}));
+  std::array<u16, 5> out{};
+  for (std::size_t i = 0; i < out.size(); ++i) out[i] = para.pidMap[0][i].dst_pid;
+  EXPECT_EQ(out, (std::array<u16, 5>{9, 8, 1, 3, 2}));
 }
 
 class Chunk : public PidMap, public ::testing::WithParamInterface<ChunkRow> {};

@@ -48,6 +48,15 @@ CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::
   return app;
 }
 
+CLI::Option* addChannel(CLI::App* app, std::string& channel) {
+  return app->add_option("channel", channel, "slot (1 to 6) and channel (1 or 2), such as 1.2")
+      ->required()
+      ->check([](const std::string& text) {
+        return client::parseChannel(text) ? "" : fmt::format("'{}' is no SLOT.CHANNEL from 1.1 to 6.2", text);
+      })
+      ->type_name("N.P");
+}
+
 CLI::Option* addSlot(CLI::App* app, std::string& slot) {
   return app->add_option("slot", slot, fmt::format("slot of the card, 1 to {}", client::kSlots))
       ->check([](const std::string& text) {

@@ -16,6 +16,10 @@ namespace tools {
 // out.
 void addPidMapCommands(CLI::App& app, const std::string& server);
 void addPsiCommands(CLI::App& app, const std::string& server);
+void addProgrammeCommands(CLI::App& app, const std::string& server);
+void addRatesCommand(CLI::App& app, const std::string& server);
+void addCallCommand(CLI::App& app, const std::string& server);
+void addSearchCommand(CLI::App& psi, const std::string& server);  // "search", below psi
 void addVarCommands(CLI::App& app, const std::string& server);
 void addRfCommand(CLI::App& app, const std::string& server);
 void addStatusCommand(CLI::App& app, const std::string& server);
@@ -28,8 +32,9 @@ void addServer(CLI::App& app, std::string& server, const char* text);
 int runCommandLine(CLI::App& app, int argc, char** argv);
 
 CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::function<void()> run);
-CLI::Option* addSlot(CLI::App* app, std::string& slot);  // "N", 1 to 6, for slotOf
-int slotOf(const std::string& slot);                     // from 0
+CLI::Option* addChannel(CLI::App* app, std::string& channel);  // "N.P", for client::parseChannel
+CLI::Option* addSlot(CLI::App* app, std::string& slot);        // "N", 1 to 6, for slotOf
+int slotOf(const std::string& slot);                           // from 0
 void addJson(CLI::App* app, bool& json);
 
 // What the server tells of its chassis; nothing when it does not.

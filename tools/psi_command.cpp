@@ -138,10 +138,6 @@ void clearTables(const Options& options) {
   client::clear(link, channelOf(options), options.force);
 }
 
-std::string checkChannel(const std::string& text) {
-  return client::parseChannel(text) ? "" : fmt::format("'{}' is no SLOT.CHANNEL from 1.1 to 6.2", text);
-}
-
 std::string checkInterval(const std::string& text) {
   try {
     client::parseInterval(text);
@@ -149,13 +145,6 @@ std::string checkInterval(const std::string& text) {
     return e.what();
   }
   return "";
-}
-
-void addChannel(CLI::App* app, Options& options) {
-  app->add_option("channel", options.channel, "slot (1 to 6) and channel (1 or 2), such as 1.2")
-      ->required()
-      ->check(checkChannel)
-      ->type_name("N.P");
 }
 
 }  // namespace
@@ -171,7 +160,7 @@ void addPsiCommands(CLI::App& app, const std::string& server) {
   };
 
   CLI::App* load = command("load", "Replace the tables by those of a capture", loadTables);
-  addChannel(load, options);
+  addChannel(load, options.channel);
   load->add_option("file", options.file,
                    "a capture; its PAT, PMT, SDT, NIT, BAT and CAT are loaded, and what is left out is named")
       ->required()
@@ -184,7 +173,7 @@ void addPsiCommands(CLI::App& app, const std::string& server) {
                  "load a locked channel too: what another client left half loaded is gone");
 
   CLI::App* show = command("show", "Read the tables back from the card and decode them", showTables);
-  addChannel(show, options);
+  addChannel(show, options.channel);
   show->add_option(
           "--save", options.file,
           "write the packets to a file as well, whole or not at all: nothing is written when the channel is "
@@ -196,7 +185,7 @@ void addPsiCommands(CLI::App& app, const std::string& server) {
       "the time within which the whole table has come.");
 
   CLI::App* interval = command("interval", "Set intervals and have the card save them", setIntervals);
-  addChannel(interval, options);
+  addChannel(interval, options.channel);
   interval
       ->add_option("intervals", options.intervals,
                    "ticks from one section to the next, 0 to 65535; 0 stops the table")
@@ -211,8 +200,10 @@ void addPsiCommands(CLI::App& app, const std::string& server) {
       "clear.");
 
   CLI::App* clear = command("clear", "Remove all tables", clearTables);
-  addChannel(clear, options);
+  addChannel(clear, options.channel);
   clear->add_flag("--force", options.force, "clear a locked channel too");
+
+  addSearchCommand(*psi, server);
 }
 
 }  // namespace tools

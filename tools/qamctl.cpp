@@ -1,6 +1,6 @@
-// qamctl: manages the cards of a chassis over its management socket: the tables and the PID map of a channel,
-// the variables of a card, what goes out at the RF connectors. Exit codes: 0 done; 1 the request could not be
-// carried out; 2 wrong call.
+// qamctl: manages the cards of a chassis over its management socket: the tables, the PID map and the
+// programmes of a channel, the variables of a card, what goes out at the RF connectors. Exit codes: 0 done; 1
+// the request could not be carried out; 2 wrong call.
 #include <fmt/format.h>
 
 #include <cstdio>
@@ -22,6 +22,8 @@ constexpr const char* kFooter =
     "  qamctl psi show 1.1 --save backup.ts\n"
     "  qamctl psi interval 1.2 NIT_C=1000 BAT=0\n"
     "  qamctl pidmap load 1.1 map.csv\n"
+    "  qamctl programme add 1.1 --from 2.1 --service News --pass 0x12\n"
+    "  qamctl rates\n"
     "  qamctl var get 1 rfreq rflevel\n"
     "  qamctl var set 1 rfreq 602000\n"
     "  qamctl rf\n"
@@ -39,6 +41,9 @@ int run(int argc, char** argv) {
   tools::addServer(app, server, "the chassis's management socket");
   tools::addPsiCommands(app, server);
   tools::addPidMapCommands(app, server);
+  tools::addProgrammeCommands(app, server);
+  tools::addRatesCommand(app, server);
+  tools::addCallCommand(app, server);
   tools::addVarCommands(app, server);
   tools::addRfCommand(app, server);
   tools::addStatusCommand(app, server);

@@ -1,0 +1,24 @@
+// What `qamctl programme list` and `qamctl rates` tell, as JSON and as text for people.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "client/programme_plan.h"
+#include "tools/psi_decode.h"
+
+namespace tools {
+
+// An object with channel and programmes: a list of objects with number, name, pmt_pid, pcr_pid (null for
+// none) and pids: [{pid, use ("stream", "pcr" or "ca"), stream_type, ca_system, source}], where source is
+// null or {slot, input, pid, programme}, slot and input from 1. stream_type and ca_system stand where they
+// apply.
+Json programmeReport(const client::Channel& channel, const std::vector<client::Programme>& programmes);
+std::string programmeText(const Json& report);
+
+// Of a status object: a list of {channel, input, routed, psi, null, total (bit/s), dropped (packets)}; what
+// the status does not tell is null.
+Json ratesReport(const Json& status);
+std::string ratesText(const Json& report);
+
+}  // namespace tools

@@ -18,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::expect;
+using test::expectWrongCalls;
 using test::Outcome;
 using Datagrams = std::vector<Bytes>;
 
@@ -292,30 +293,11 @@ TEST_F(Qamcal, WatchesUntilItIsInterrupted) {
 }
 
 TEST_F(Qamcal, KnowsAWrongCall) {
-  for (const char* call : {"",
-                           "fly",
-                           "read",
-                           "read 0",
-                           "read 7",
-                           "read 1.1",
-                           "read 1 2",
-                           "write 3",
-                           "write 3 --i",
-                           "write 3 --i 1 2 3",
-                           "write 3 --i 1 2 3 4 5",
-                           "write 3 --i 1 2 3 100",
-                           "write 3 --i 1 2 3 g",
-                           "write 3 --q 1 2 3 -1",
-                           "write 3 --common 1 2 3 4",
-                           "write 3 --i 1 2 3 4 --i 1 2 3 4",
-                           "save 3",
-                           "restore",
-                           "watch 3 --every 0",
-                           "--timeout 0 read 3",
-                           "--timeout x read 3",
-                           "--server nowhere read 3"}) {
-    EXPECT_EQ(run(call).code, 2) << call;
-  }
+  expectWrongCalls([&](const std::string& call) { return run(call); },
+                   ";fly;read;read 0;read 7;read 1.1;read 1 2;write 3;write 3 --i;write 3 --i 1 2 3;"
+                   "write 3 --i 1 2 3 4 5;write 3 --i 1 2 3 100;write 3 --i 1 2 3 g;write 3 --q 1 2 3 -1;"
+                   "write 3 --common 1 2 3 4;write 3 --i 1 2 3 4 --i 1 2 3 4;save 3;restore;"
+                   "watch 3 --every 0;--timeout 0 read 3;--timeout x read 3;--server nowhere read 3");
   EXPECT_EQ(requests(), 0U);
   expect(run("--help"), 0, "Exit codes");
   EXPECT_EQ(run("read 3 >/dev/full").code, 1);

@@ -6,6 +6,8 @@
 
 #include <array>
 #include <cstdio>
+#include <functional>
+#include <sstream>
 #include <string>
 
 namespace test {
@@ -29,6 +31,13 @@ inline Outcome runProgram(const std::string& command) {
 inline void expect(const Outcome& outcome, int code, const std::string& part) {
   EXPECT_EQ(outcome.code, code) << outcome.text;
   EXPECT_NE(outcome.text.find(part), std::string::npos) << "no '" << part << "' in: " << outcome.text;
+}
+
+// Calls, separated by semicolons, that the program must refuse as wrong.
+inline void expectWrongCalls(const std::function<Outcome(const std::string&)>& run,
+                             const std::string& calls) {
+  std::istringstream all(calls);
+  for (std::string call; std::getline(all, call, ';');) EXPECT_EQ(run(call).code, 2) << call;
 }
 
 }  // namespace test

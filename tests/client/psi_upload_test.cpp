@@ -186,26 +186,6 @@ TEST(SetIntervals, LastWritesTheIntervalThatMakesTheCardSave) {
   }
 }
 
-TEST(ReadBack, FindsWhatWasLoaded) {
-  for (const char* name : {"psi-small.ts", "psi-many.ts", "psi-full.ts"}) {
-    FakeCard card;
-    FakeLink link(card);
-    const UploadPlan plan = planOf(name);
-    upload(link, {0, 1}, plan, {{TableType::kSdtO, 12}});
-    const ReadBack tables = readBack(link, {0, 1});
-    std::vector<FakeCard::Entry> found;
-    for (const TableType type : kAllTables) {
-      for (const auto& pid : tables.tables[indexOf(type)].pids) {
-        for (const Packet& p : pid.packets)
-          found.push_back({.pid = pid.pid, .type = static_cast<int>(type), .packet = p});
-      }
-    }
-    EXPECT_EQ(found, entriesOf(plan)) << name;
-    EXPECT_EQ(tables.outOfReach(), 0u) << name;
-    EXPECT_EQ(tables.tables[indexOf(TableType::kSdtO)].interval_ticks, 12u) << name;
-  }
-}
-
 // Positions 0 to 261 can be asked for; and maps only where the PAT tells their PID.
 TEST(ReadBack, CountsWhatIsOutOfReach) {
   struct Row {

@@ -19,6 +19,7 @@ namespace client {
 namespace {
 
 using test::expect;
+using test::expectWrongCalls;
 using test::Outcome;
 
 class Qamctl : public ::testing::Test {
@@ -73,6 +74,10 @@ TEST_F(Qamctl, LoadsShowsSavesAndClears) {
   EXPECT_EQ(card_.saved[0].interval, (std::array<u32, 8>{3, 300, 20, 300, 300, 300, 300, 300}));
   expect(run("psi clear 1.2"), 0, "");
   EXPECT_TRUE(card_.saved[1].store.empty());
+  card_.ports[1].store.resize(300, {.pid = 0x11, .type = 3, .packet = {}});  // more than requests reach
+  expect(run("psi show 1.2"), 0, "38");
+  expect(run("psi show 1.2 --save " + file("beyond.ts")), 1, "38");
+  EXPECT_FALSE(std::filesystem::exists(file("beyond.ts")));
   expect(run("status"), 0, "slot 1: running");
   expect(run("status --json"), 0, "\"aux_hz\": 500");
 }
@@ -164,44 +169,14 @@ TEST_F(Qamctl, ShowsWhatGoesOutAtTheConnectors) {
 }
 
 TEST_F(Qamctl, KnowsAWrongCall) {
-  for (const char* call : {"",
-                           "psi",
-                           "fly",
-                           "psi load",
-                           "psi load 1.1",
-                           "psi load 1.3 f.ts",
-                           "psi load 7.1 f.ts",
-                           "psi load 11 f.ts",
-                           "psi load 0.1 f.ts",
-                           "psi interval 1.1",
-                           "psi interval 1.1 PAT",
-                           "psi interval 1.1 EIT=3",
-                           "psi interval 1.1 PAT=65536",
-                           "psi interval 1.1 PAT=-1",
-                           "psi interval 1.1 PAT=1x",
-                           "psi interval 1.1 PAT=",
-                           "psi interval 1.1 PAT=99999999999999999999",
-                           "psi interval 1.1 PAT=1 PAT=2",
-                           "psi show 1.1 --fly",
-                           "var",
-                           "var get",
-                           "var get 7 rfreq",
-                           "var get 1.1 rfreq",
-                           "var get 1 46",
-                           "var get 1 rfrequency",
-                           "var set 1 rfreq",
-                           "var set 1 rfreq 51999",
-                           "var set 1 rfreq -1",
-                           "var set 1 rfreq 600000 601000",
-                           "var set 1 power 1",
-                           "var set 1 rfreq2 562000",
-                           "var set 1 51 1",
-                           "rf 0",
-                           "rf 1.1",
-                           "--server nowhere status",
-                           "status 1.1"}) {
-    EXPECT_EQ(run(call).code, 2) << call;
-  }
+  expectWrongCalls([&](const std::string& call) { return run(call); },
+                   ";psi;fly;psi load;psi load 1.1;psi load 1.3 f.ts;psi load 7.1 f.ts;psi load 11 f.ts;"
+                   "psi interval 1.1;psi interval 1.1 PAT;psi interval 1.1 EIT=3;psi interval 1.1 PAT=65536;"
+                   "psi interval 1.1 PAT=-1;psi interval 1.1 PAT=1x;psi interval 1.1 PAT=;"
+                   "psi interval 1.1 PAT=1 PAT=2;psi show 1.1 --fly;var get;var get 7 rfreq;"
+                   "var get 1.1 rfreq;var get 1 46;var get 1 rfrequency;var set 1 rfreq;var set 1 rfreq -1;"
+                   "var set 1 rfreq 600000 601000;var set 1 rfreq2 562000;var set 1 51 1;rf 0;rf 1.1;"
+                   "--server nowhere status;status 1.1");
   EXPECT_TRUE(card_.log.empty());
   expect(run("--help"), 0, "Exit codes");
   expect(run("psi interval --help"), 0, "middle of a section");

@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """A technician's calibration: over the network with bytes of nobody's library, through a pulled plug, and on the lines
 as a decoder reads them."""
-import json
 import os
 import re
 import shutil
@@ -54,33 +53,6 @@ def bytes_of_nobodys_library(case):
     case.equal(harness.read(eeprom(flash))[:14], MINE + b'\xff', 'EEPROM after the plug was pulled')
     run = case.fast(flash, 1)
     case.equal(bytes(case.card(run, 1)['calibration']['dac']), MINE, 'DAC after the restart')
-
-
-def with_qamcal(case):
-    flash, file = case.flash(), case.path('mine.json')
-    qamcal = os.path.join(os.path.dirname(case.args.qamctl), 'qamcal')
-
-    def run(service, *words, codes=(0,)):
-        return case.execute([qamcal, '--server', service.calibration_address(), *words], codes)
-
-    with Service(case, flash) as service:
-        service.wait_started(1)
-        groups = [MINE[:5], MINE[5:9], MINE[9:]]
-        words = [word for name, group in zip(('--common', '--i', '--q'), groups)
-                 for word in (name, *(f'{byte:02x}' for byte in group))]
-        case.says(run(service, 'write', '1', *words), '13 bytes')
-        run(service, 'save', '1', file)
-        case.says(run(service, 'read', '2', codes=(1,)), 'no reply')
-        service.stop()
-    case.equal(harness.read(eeprom(flash))[:13], MINE, 'EEPROM')
-    os.remove(eeprom(flash))
-    with Service(case, flash) as service:
-        service.wait_started(1)
-        run(service, 'restore', '1', file, '--force')  # over a blank card
-        shown = json.loads(run(service, 'read', '1', '--json').text)
-        case.equal(bytes(int(byte, 16) for name in ('common', 'i', 'q') for byte in shown[name]), MINE, 'bytes read')
-        service.stop()
-    case.equal(harness.read(eeprom(flash))[:13], MINE, 'EEPROM after restore')
 
 
 def power_cut(case):
@@ -139,7 +111,7 @@ def dac_bytes(case, file):
                                               'mosi-data')]
 
 
-CASES = {'bytes': bytes_of_nobodys_library, 'qamcal': with_qamcal, 'power-cut': power_cut, 'lines': on_the_lines}
+CASES = {'bytes': bytes_of_nobodys_library, 'power-cut': power_cut, 'lines': on_the_lines}
 
 if __name__ == '__main__':
     harness.main(CASES)

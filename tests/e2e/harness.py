@@ -346,16 +346,6 @@ def packed(pid, data):
     return packets
 
 
-def stream_of(*parts):
-    """A stream of sections, given as (PID, section), with running continuity counters."""
-    counters, out = {}, []
-    for pid, data in parts:
-        for packet in packed(pid, data):
-            counters[pid] = (counters.get(pid, -1) + 1) & 15
-            out.append(packet[:3] + bytes([0x10 | counters[pid]]) + packet[4:])
-    return b''.join(out)
-
-
 def main(cases):
     parser = argparse.ArgumentParser()
     for name in ('headend', 'qamctl', 'judge', 'ts-judge', 'samples'):

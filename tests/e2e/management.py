@@ -39,19 +39,6 @@ def qamctl_round(case):
     case.tidy(flash)
 
 
-def beyond_reach(case):
-    """Requests reach 262 packets of a table; what lies beyond is counted, and never half saved."""
-    capture, target = case.path('many.ts'), case.path('saved.ts')
-    parts = [(0x11, section(0x46, i, b'\0\1\xff')) for i in range(300)]
-    harness.write(capture, harness.stream_of((0, section(0, 1, b'')), *parts))
-    with Server(case, case.flash()) as server:
-        server.wait_started()
-        case.qamctl(server.address, 'psi', 'load', '1.2', capture)
-        case.says(case.qamctl(server.address, 'psi', 'show', '1.2'), r'\b38\b')
-        case.says(case.qamctl(server.address, 'psi', 'show', '1.2', '--save', target, codes=(1,)), r'\b38\b|beyond')
-        case.equal(os.listdir(case.folder).count('saved.ts'), 0, 'files of a save that failed')
-
-
 def locked_by_a_dead_client(case):
     """A client locks a channel, sends half an upload and is never heard of again."""
     small = case.sample('psi-small.ts')
@@ -155,7 +142,7 @@ def hostile(case):
         server.wait_started()
         Client(server.port).lock(1, channel=2)
         client = Client(server.port)
-        for round_ in range(4000):
+        for round_ in range(2000):
             client.send(datagram_from(rng))
             if round_ % 50 == 49:  # let it keep up, and see that it lives
                 reply = Client(server.port).request(READ, PSI_LOCK, channel=2)
@@ -188,7 +175,7 @@ def datagram_from(rng):
 
 
 CASES = {
-    'qamctl-round': qamctl_round, 'beyond-reach': beyond_reach,
+    'qamctl-round': qamctl_round,
     'locked-by-a-dead-client': locked_by_a_dead_client, 'results': results, 'repeated': repeated,
     'hostile': hostile,
 }

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "headend/headend.h"
@@ -34,6 +35,37 @@ inline int run(Headend& headend) {
   const std::atomic<bool> interrupted = false;
   return headend.run(interrupted);
 }
+
+// A headend that a body of the test's own drives, in a task as a chassis would, once the card in slot 1 runs.
+class Driven {
+ public:
+  explicit Driven(const std::function<void(headend::Options&)>& prepare = {}) {
+    headend::initFlash(scratch_.path / "flash");
+    auto options = fastOptions(scratch_.path, 100'000 * kSecond);
+    if (prepare) prepare(options);
+    headend_ = std::make_unique<Headend>(options);
+  }
+  // Ends with neither a violation of a protocol nor a failed check.
+  void drive(std::function<void()> body) {
+    headend_->kernel().spawn("tTest", 240, [this, body = std::move(body)] {
+      while (!headend_->chassis().slot(0).initReturned) headend_->kernel().delay(1);
+      headend_->kernel().delay(1);
+      body();
+      headend_->kernel().stop();
+    });
+    run(*headend_);
+    EXPECT_TRUE(headend_->violations().counts().empty()) << headend_->violations().counts().begin()->first;
+    EXPECT_TRUE(headend_->assertionFailures().empty());
+  }
+  Headend& headend() { return *headend_; }
+  headend::CardFpga& card() { return headend_->card(0); }
+  headend::CardBoard& board() { return card().board(); }
+  Nanos now() const { return headend_->kernel().now(); }
+
+ private:
+  Scratch scratch_;
+  std::unique_ptr<Headend> headend_;
+};
 
 // What `body` returns in a process of its own; its failed expectations come back too.
 inline std::string inChild(const std::function<std::string()>& body) {

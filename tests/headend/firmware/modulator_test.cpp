@@ -19,42 +19,17 @@ namespace {
 
 using headend::RfOutput;
 
-// A card in slot 1 that a body of the test's own drives, in a task as a chassis would, once it runs.
-class Powered {
+class Powered : public Driven {
  public:
-  explicit Powered(const std::function<void(headend::Options&)>& prepare = {}) {
-    headend::initFlash(scratch_.path / "flash");
-    options_ = fastOptions(scratch_.path, 1000 * kSecond, {0});
-    if (prepare) prepare(options_);
-    headend_ = std::make_unique<Headend>(options_);
-  }
-  void drive(std::function<void()> body) {
-    headend_->kernel().spawn("tTest", 150, [this, body = std::move(body)] {
-      while (!headend_->chassis().slot(0).initReturned) headend_->kernel().delay(1);
-      headend_->kernel().delay(1);
-      body();
-      headend_->kernel().stop();
-    });
-    run(*headend_);
-    EXPECT_TRUE(headend_->violations().counts().empty()) << headend_->violations().counts().begin()->first;
-    EXPECT_TRUE(headend_->assertionFailures().empty());
-  }
-
-  Headend& headend() { return *headend_; }
-  headend::CardFpga& card() { return headend_->card(0); }
-  RfOutput rf(std::size_t channel = 0) { return card().rf(channel, headend_->kernel().now()); }
+  using Driven::Driven;
+  RfOutput rf(std::size_t channel = 0) { return card().rf(channel, now()); }
   int set(u32 id, u32 value) {
     const int result = QamSetVar(0, 0, id, value);
-    headend_->kernel().delay(1);  // the clock settles
+    headend().kernel().delay(1);  // the clock settles
     return result;
   }
   static u32 get(u32 id) { return QamGetVar(0, 0, id, nullptr); }
   static QamCardPara& record() { return *GetQamCardParaFromList(0); }
-
- private:
-  Scratch scratch_;
-  headend::Options options_;
-  std::unique_ptr<Headend> headend_;
 };
 
 void expectOnAir(const RfOutput& output, double frequency_kHz, double level_dBuV) {

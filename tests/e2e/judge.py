@@ -152,6 +152,21 @@ def other_version(pid, n):
     return spoil
 
 
+def altered(section, flags):
+    """The section with other bits in the byte of version and current_next_indicator, and a good CRC."""
+    body = section[:5] + bytes([section[5] ^ flags]) + section[6:-4]
+    return body + crc32(body).to_bytes(4, 'big')
+
+
+def with_history(capture):
+    """An older version before each section, and one that is not current yet after it all."""
+    whole = sections(capture)
+    older, coming = ([(pid, altered(s, flags)) for pid, s in whole] for flags in (0x06, 0x0B))
+    packets = [packet for pid, s in older + whole + coming for packet in packed(pid, s)]
+    recount(packets)
+    return b''.join(packets)
+
+
 def pack_tightly(out):
     """All sections of PID 0x10 back to back, as pointer fields allow."""
     data, starts = b'', []
@@ -234,6 +249,7 @@ ROWS = {
     'good-joined-late': dict(source=MANY, args=['--from', '1.2345']),
     'good-untimed': dict(source=SMALL, carousel=slow('CAT'), args=['--untimed']),
     'good-silent-table': dict(source=MANY, intervals={'BAT': 0}),
+    'good-source-with-history': dict(source=MANY, history=True),
     'good-cut-allowed': dict(source=MANY, output=cut_section(0x11), args=['--allow-cut'], kinds={'rotation', 'late'}),
     'dropped-packet': dict(source=SMALL, output=drop_first_of(0, 5), kinds={'continuity', 'late', 'libdvbpsi'}),
     'dropped-continuation': dict(source=MANY, output=drop_first_of(0x10, 8),
@@ -291,7 +307,11 @@ def judged(name):
         if 'alone' in row:
             args = ['--self', path, *row['alone']]
         else:
-            args = ['--source', case.sample(row['source']), '--out', path, *RATE, '--default-interval', str(every),
+            source = case.sample(row['source'])
+            if 'history' in row:
+                harness.write(case.path('source.ts'), with_history(harness.read(source)))
+                source = case.path('source.ts')
+            args = ['--source', source, '--out', path, *RATE, '--default-interval', str(every),
                     *(word for table, ticks in intervals.items() for word in ('--interval', f'{table}={ticks}')),
                     *row.get('args', [])]
         wanted = row.get('kinds', set())

@@ -101,6 +101,7 @@ TEST(BackEnd, AsksACardForItsVariablesAndRefusesWhatItMustNotBeAsked) {
   const std::vector<Question> early = {
       {"read before the start-up has returned", kGet, 0, 30, {}, "100"},
       {"set before the start-up has returned", kSet, 0, 30, number(600000), "100"},
+      {"a channel's lock read before", Operation::kRead, 0, 0x3101, {}, "100"},
   };
   const std::vector<Question> questions = {
       {"a number", kGet, 0, 30, {}, "554000"},

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -68,6 +69,15 @@ CLI::Option* addSlot(CLI::App* app, std::string& slot) {
 
 int slotOf(const std::string& slot) {
   return slot.at(0) - '1';
+}
+
+std::optional<u16> numberOf(std::string_view text, u16 most) {
+  const bool hex = text.starts_with("0x") || text.starts_with("0X");
+  if (hex) text.remove_prefix(2);
+  const char* end = text.data() + text.size();
+  u16 value = 0;
+  const auto [at, error] = std::from_chars(text.data(), end, value, hex ? 16 : 10);
+  return error == std::errc() && at == end && value <= most ? std::optional(value) : std::nullopt;
 }
 
 void addJson(CLI::App* app, bool& json) {

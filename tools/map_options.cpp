@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <optional>
 
 #include "tools/commands.h"
 #include "tools/json_fields.h"
@@ -26,13 +28,12 @@ fs::path stateFolder() {
   return fs::temp_directory_path();
 }
 
-}  // namespace
-
 fs::path rescueFileOf(const std::string& server, const client::Channel& channel) {
   return stateFolder() / "qamctl" / server /
          fmt::format("pidmap-{}.rescue.csv", client::channelName(channel));
 }
 
+// Nothing when the status tells of none.
 std::optional<client::SourceCards> sourcesOf(const Json& status) {
   const Json list = member(status, "sources");
   if (!list.is_array()) return std::nullopt;
@@ -45,6 +46,8 @@ std::optional<client::SourceCards> sourcesOf(const Json& status) {
   }
   return sources;
 }
+
+}  // namespace
 
 client::MapOptions mapOptions(client::Link& link, const std::string& server, const client::Channel& channel) {
   client::MapOptions options;

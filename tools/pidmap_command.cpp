@@ -121,10 +121,6 @@ void releaseMap(const Options& options) {
   fmt::print("Channel {}: released, {} entries on the air\n", client::channelName(channel), carried.size());
 }
 
-std::string checkChannel(const std::string& text) {
-  return client::parseChannel(text) ? "" : fmt::format("'{}' is no SLOT.CHANNEL from 1.1 to 6.2", text);
-}
-
 }  // namespace
 
 void addPidMapCommands(CLI::App& app, const std::string& server) {
@@ -135,10 +131,7 @@ void addPidMapCommands(CLI::App& app, const std::string& server) {
   pidmap->fallthrough();
   const auto command = [&](const char* name, const char* text, void (*run)(const Options&)) {
     CLI::App* sub = addCommand(*pidmap, name, text, [shared, run] { run(*shared); });
-    sub->add_option("channel", options.channel, "slot (1 to 6) and channel (1 or 2), such as 1.2")
-        ->required()
-        ->check(checkChannel)
-        ->type_name("N.P");
+    addChannel(sub, options.channel);
     return sub;
   };
 

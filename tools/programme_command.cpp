@@ -1,7 +1,6 @@
 // qamctl programme: adds a programme of an input to a channel, lists the programmes there, removes one.
 #include <fmt/format.h>
 
-#include <charconv>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -29,16 +28,6 @@ struct Options {
   double seconds = 5;
   bool json = false;
 };
-
-std::optional<u16> numberOf(std::string_view text, unsigned most) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  if (hex) text.remove_prefix(2);
-  unsigned value = 0;
-  const auto [at, error] = std::from_chars(text.data(), text.data() + text.size(), value, hex ? 16 : 10);
-  if (error != std::errc() || at != text.data() + text.size() || text.empty() || value > most)
-    return std::nullopt;
-  return static_cast<u16>(value);
-}
 
 std::optional<client::SourcePort> inputOf(std::string_view text) {
   const auto dot = text.find('.');

@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <exception>
@@ -32,16 +31,6 @@ struct Options {
   double seconds = 5;
   bool json = false;
 };
-
-std::optional<unsigned> numberOf(const std::string& text, unsigned most) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  const char* begin = text.data() + (hex ? 2 : 0);
-  const char* end = text.data() + text.size();
-  unsigned value = 0;
-  const auto [at, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
-  if (error != std::errc() || at != end || begin == end || value > most) return std::nullopt;
-  return value;
-}
 
 std::optional<u8> tableOf(const std::string& text) {
   if (const auto type = client::tableOfName(text)) return client::tableId(*type);
@@ -165,7 +154,7 @@ std::string sectionText(const Json& section) {
 }
 
 void run(const Options& options) {
-  const auto pid = static_cast<u16>(numberOf(options.pid, client::kHighestPid).value());
+  const auto pid = numberOf(options.pid, client::kHighestPid).value();
   client::UdpLink link(options.server);
   const Json found =
       searchFor(link, client::parseChannel(options.channel).value(), pid, tableOf(options.table).value(),

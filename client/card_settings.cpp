@@ -13,13 +13,8 @@ constexpr u8 kText = 1;
 Reply call(Link& link, Operation operation, int slot, u32 id, Bytes data, std::string_view what) {
   const CardVariable* variable = findCardVariable(id);
   if (variable == nullptr) throw VariableError(fmt::format("{} variable {}: there is none", what, id));
-  Request request;
-  request.operation = operation;
-  request.variable = static_cast<u16>(id);
-  request.slot = static_cast<u16>(slot);
-  request.length = static_cast<u16>(data.size());
-  request.data = std::move(data);
-  Reply reply = link.call(std::move(request));
+  Reply reply =
+      link.call(makeRequest(operation, static_cast<u16>(id), static_cast<u16>(slot), 0, std::move(data)));
   if (reply.result != kDone) {
     throw VariableError(fmt::format("{} {} of the card in slot {} was refused: {}", what, variable->name,
                                     slot + 1, resultText(reply.result)));

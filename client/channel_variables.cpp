@@ -7,14 +7,7 @@
 namespace client {
 
 Reply ChannelVariables::call(Operation operation, u16 variable, Bytes data, const std::string& what) {
-  Request request;
-  request.operation = operation;
-  request.variable = variable;
-  request.slot = channel_.slot;
-  request.port = channel_.port;
-  request.length = static_cast<u16>(data.size());
-  request.data = std::move(data);
-  Reply reply = link_.call(std::move(request));
+  Reply reply = link_.call(makeRequest(operation, variable, channel_.slot, channel_.port, std::move(data)));
   if (reply.result != kDone) {
     throw PsiError(
         fmt::format("{} of {} was refused: {}", what, channelName(channel_), resultText(reply.result)));

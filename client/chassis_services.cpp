@@ -10,14 +10,7 @@ namespace client {
 namespace {
 
 Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, const std::string& what) {
-  const auto length = static_cast<u16>(data.size());
-  const Reply reply = link.call({.operation = operation,
-                                 .sequence = 0,
-                                 .variable = 0,
-                                 .slot = place.slot,
-                                 .port = place.port,
-                                 .length = length,
-                                 .data = std::move(data)});
+  const Reply reply = link.call(makeRequest(operation, 0, place.slot, place.port, std::move(data)));
   if (reply.result != kDone) {
     throw ServiceError(fmt::format("cannot {}: {}", what, resultText(reply.result)));
   }
@@ -30,9 +23,12 @@ Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, con
 
 }  // namespace
 
+std::string inputName(const SourcePort& source) {
+  return fmt::format("input {}.{}", source.slot + 1, source.port + 1);
+}
+
 std::vector<Section> sourceSections(Link& link, const SourcePort& source, u16 pid, u8 tableId) {
-  const std::string what =
-      fmt::format("read {} of input {}.{}", nameOfTableId(tableId), source.slot + 1, source.port + 1);
+  const std::string what = fmt::format("read {} of {}", nameOfTableId(tableId), inputName(source));
   constexpr std::size_t kRequestSize = 8;
   constexpr std::size_t kReplyHead = 8;
   std::vector<Section> sections;

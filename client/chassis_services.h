@@ -28,6 +28,8 @@ struct SourcePort {
       default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
 };
 
+std::string inputName(const SourcePort& source);  // "input 6.1"
+
 // The sections of that PID and table_id that the input carries now, each with a good CRC, by extension and
 // number; empty while none has come. An input gathers PAT, CAT, NIT, SDT, BAT and the PMTs that its PAT
 // names. Throws ServiceError (no such input) or LinkError.

@@ -104,6 +104,27 @@ std::string resultText(u32 result) {
   }
 }
 
+Request makeRequest(Operation operation, u16 variable, u16 slot, u32 port, Bytes data) {
+  Request request;
+  request.operation = operation;
+  request.variable = variable;
+  request.slot = slot;
+  request.port = port;
+  request.length = static_cast<u16>(data.size());
+  request.data = std::move(data);
+  return request;
+}
+
+Reply replyTo(const Request& request) {
+  return {.operation = static_cast<u8>(request.operation),
+          .sequence = request.sequence,
+          .variable = request.variable,
+          .slot = request.slot,
+          .port = request.port,
+          .result = kDone,
+          .data = {}};
+}
+
 Bytes encode(const Request& r) {
   return encodeCommon({static_cast<u8>(r.operation), r.sequence, r.variable, r.slot, r.port, r.length},
                       kRequestHeaderSize, r.data);

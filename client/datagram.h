@@ -81,6 +81,11 @@ struct Reply {
   Bytes data;
 };
 
+// A request with this data, `length` that of it. The link gives it its sequence number.
+Request makeRequest(Operation operation, u16 variable, u16 slot, u32 port, Bytes data);
+// What answers a request: done, and without data.
+Reply replyTo(const Request& request);
+
 inline constexpr std::size_t kRequestHeaderSize = 24;
 inline constexpr std::size_t kReplyHeaderSize = 28;
 inline constexpr u16 kDefaultManagementPort = 49160;

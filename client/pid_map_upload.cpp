@@ -58,9 +58,9 @@ void refuseDoubles(const Entries& entries, const MapOptions& options) {
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const auto [source, newSource] = sources.emplace(sourceKey(entries[i]), i);
     if (!newSource) {
-      throw PidMapError(fmt::format("{} and {} have the same source, PID {:#06x} of input {}.{}",
+      throw PidMapError(fmt::format("{} and {} have the same source, PID {:#06x} of {}",
                                     nameOf(options, source->second), nameOf(options, i), entries[i].sourcePid,
-                                    entries[i].sourceSlot + 1, entries[i].sourcePort + 1));
+                                    inputName({entries[i].sourceSlot, entries[i].sourcePort})));
     }
     const auto [pid, newPid] = pids.emplace(entries[i].pid, i);
     if (!newPid) {

@@ -22,13 +22,7 @@ std::string mapResultText(u32 result) {
 }  // namespace
 
 Reply PidMapVariables::call(Operation operation, u16 variable, Bytes data, const std::string& what) {
-  Reply reply = link_.call({.operation = operation,
-                            .sequence = 0,
-                            .variable = variable,
-                            .slot = channel_.slot,
-                            .port = channel_.port,
-                            .length = static_cast<u16>(data.size()),
-                            .data = std::move(data)});
+  Reply reply = link_.call(makeRequest(operation, variable, channel_.slot, channel_.port, std::move(data)));
   if (reply.result != kDone) {
     throw PidMapError(
         fmt::format("{} of {} was refused: {}", what, channelName(channel_), mapResultText(reply.result)));

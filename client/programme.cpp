@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <map>
 #include <system_error>
 
 #include "client/psi_read_back.h"
@@ -17,10 +16,6 @@ namespace {
 
 constexpr u32 kUsualInterval_ticks = 300;  // for a table that comes on the air and was stopped
 constexpr std::chrono::milliseconds kPoll{100};
-
-std::string owner(const Channel& channel) {
-  return "channel " + channelName(channel);
-}
 
 // Asks an input for a table until it is accepted; nothing when its patience ends before.
 std::vector<Section> awaitSections(Link& link, const SourcePort& source, u16 pid, TableType type,
@@ -67,9 +62,8 @@ class SourceReader {
 
   // Without an SDT a number still says which programme is meant.
   u16 choose(const std::string& choice) const {
-    const std::string name = fmt::format("input {}.{}", tables_.input.slot + 1, tables_.input.port + 1);
     try {
-      return chooseProgramme(tables_.pat, tables_.sdt, choice, name);
+      return chooseProgramme(tables_.pat, tables_.sdt, choice, inputName(tables_.input));
     } catch (const ProgrammeError& e) {
       if (!tables_.sdt.empty()) throw;
       fail("SDT", fmt::format("its services have no names, so choose by number ({})", e.what()));
@@ -83,8 +77,8 @@ class SourceReader {
   }
 
   [[noreturn]] void fail(const std::string& table, const std::string& hint) const {
-    throw ProgrammeError(fmt::format("the {} of input {}.{} did not come whole within {:.1f} s: {}", table,
-                                     tables_.input.slot + 1, tables_.input.port + 1,
+    throw ProgrammeError(fmt::format("the {} of {} did not come whole within {:.1f} s: {}", table,
+                                     inputName(tables_.input),
                                      std::chrono::duration<double>(patience_).count(), hint));
   }
 
@@ -102,18 +96,6 @@ Intervals intervalsOf(const ReadBack& tables, const std::set<TableType>& fresh) 
   return intervals;
 }
 
-Bytes transportStream(const UploadPlan& plan) {
-  Bytes bytes;
-  std::map<u16, u8> continuity;  // those in the store are not what is sent
-  for (const Chunk& chunk : plan.chunks) {
-    for (Packet packet : chunk.packets) {
-      packet[3] = static_cast<u8>((packet[3] & 0xF0) | (continuity[chunk.pid]++ & 0x0F));
-      bytes.insert(bytes.end(), packet.begin(), packet.end());
-    }
-  }
-  return bytes;
-}
-
 // Leads a channel from what it carries to a plan, or back.
 class Change {
  public:
@@ -122,7 +104,7 @@ class Change {
         before_(before),
         plan_(plan),
         options_(options),
-        oldTables_(ChannelTables(before.tables, owner(before.channel)).plan()),
+        oldTables_(ChannelTables(before.tables, ownerName(before.channel)).plan()),
         oldMap_(asKept(before.map)) {}
 
   // The map first gets what is new, and loses what is old when no table names it any more.
@@ -174,10 +156,10 @@ class Change {
     const auto attempt = [&](const char* what, const std::function<void()>& step, const std::string& then) {
       try {
         step();
-        text += fmt::format("\nThe {} of {} was put back as it was.", what, owner(before_.channel));
+        text += fmt::format("\nThe {} of {} was put back as it was.", what, ownerName(before_.channel));
         return true;
       } catch (const std::runtime_error& e) {
-        text += fmt::format("\nThe {} of {} could not be put back: {}{}", what, owner(before_.channel),
+        text += fmt::format("\nThe {} of {} could not be put back: {}{}", what, ownerName(before_.channel),
                             e.what(), then);
         return false;
       }
@@ -211,10 +193,11 @@ class Change {
     if (options_.tablesFile.empty() || oldTables_.packets == 0) return;
     const auto& file = options_.tablesFile;
     try {
-      replaceFile(file, fmt::format("{}.{}.part", file.string(), ::getpid()), transportStream(oldTables_));
+      replaceFile(file, fmt::format("{}.{}.part", file.string(), ::getpid()),
+                  transportStream(before_.tables));
     } catch (const std::system_error& e) {
       undo(fmt::format("the tables of {} cannot be kept in {}, so they are not changed: {}",
-                       owner(before_.channel), file.string(), e.what()),
+                       ownerName(before_.channel), file.string(), e.what()),
            false, withNew());
     }
     kept_ = true;
@@ -242,7 +225,7 @@ void refuseLeftFile(const ProgrammeOptions& options, const Channel& channel) {
   throw ProgrammeError(
       fmt::format("{} holds tables of {} that could not be put back once: 'qamctl psi load {} {} --force' "
                   "does; then, or when they are not wanted any more, remove the file",
-                  file, owner(channel), channelName(channel), file));
+                  file, ownerName(channel), channelName(channel), file));
 }
 
 }  // namespace
@@ -254,14 +237,14 @@ OutputState readOutput(Link& link, const Channel& channel) {
         "the tables of {0} are locked: another client is loading them, or broke off. When none is "
         "at work any more, 'qamctl psi load {1} FILE --force' loads them anew, 'qamctl psi clear "
         "{1} --force' leaves none",
-        owner(channel), channelName(channel)));
+        ownerName(channel), channelName(channel)));
   }
   PidMap map = readMap(link, channel);
   if (map.locked) {
     throw ProgrammeError(fmt::format(
         "the PID map of {} is locked: another client is loading it, or broke off. When none is at "
         "work any more, 'qamctl pidmap release {}' ends that",
-        owner(channel), channelName(channel)));
+        ownerName(channel), channelName(channel)));
   }
   state.map = std::move(map.entries);
   return state;
@@ -281,9 +264,9 @@ ProgrammePlan removeProgramme(Link& link, const Channel& channel, const std::str
                               const ProgrammeOptions& options) {
   refuseLeftFile(options, channel);
   const OutputState before = readOutput(link, channel);
-  const ChannelTables tables(before.tables, owner(channel));
+  const ChannelTables tables(before.tables, ownerName(channel));
   const u16 number = chooseProgramme(tables.sections(TableType::kPat), tables.sections(TableType::kSdtC),
-                                     choice, owner(channel));
+                                     choice, ownerName(channel));
   ProgrammePlan plan = planRemove(before, number);
   Change(link, before, plan, options).run();
   return plan;

@@ -13,14 +13,6 @@ namespace {
 
 using Use = PidField::Use;
 
-std::string inputName(const SourcePort& input) {
-  return fmt::format("input {}.{}", input.slot + 1, input.port + 1);
-}
-
-std::string outputName(const Channel& channel) {
-  return "channel " + channelName(channel);
-}
-
 bool isFrom(const MapEntry& entry, const SourcePort& input) {
   return entry.sourceSlot == input.slot && entry.sourcePort == input.port;
 }
@@ -57,7 +49,7 @@ std::optional<u16> numberIn(const std::string& text) {
 class Draft {
  public:
   explicit Draft(const OutputState& output)
-      : owner_(outputName(output.channel)),
+      : owner_(ownerName(output.channel)),
         tables_(output.tables, owner_),
         before_(tables_),
         map_(asKept(output.map)) {

@@ -71,6 +71,10 @@ bool forDescriptors(std::span<const u8> loop, const Take& take) {
 
 }  // namespace
 
+std::string ownerName(const Channel& channel) {
+  return "channel " + channelName(channel);
+}
+
 EntryTable::EntryTable(TableType type, u16 extension, Bytes head)
     : type_(type),
       extension_(extension),

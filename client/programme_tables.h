@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/channel.h"
 #include "client/psi_read_back.h"
 #include "client/psi_tables.h"
 #include "client/upload_plan.h"
@@ -30,6 +31,8 @@ inline constexpr u16 kNoNetwork = 0;        // "programme" of the PAT that names
 constexpr bool isReservedPid(u16 pid) {
   return pid < kFirstFreePid || pid >= kNoPid;
 }
+
+std::string ownerName(const Channel& channel);  // "channel 1.2", for messages
 
 // A PAT, CAT or SDT: entries behind a head that each section repeats. Entries stay in the sections in which
 // they stand, so that what is added and removed again leaves the table as it was.

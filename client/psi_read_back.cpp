@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 #include <numeric>
 #include <set>
 
@@ -116,6 +117,20 @@ std::size_t ReadBack::read() const {
 std::size_t ReadBack::outOfReach() const {
   return std::transform_reduce(tables.begin(), tables.end(), std::size_t{0}, std::plus<>(),
                                [](const Table& table) { return table.outOfReach(); });
+}
+
+Bytes transportStream(const ReadBack& tables) {
+  Bytes stream;
+  std::map<u16, u8> continuity;
+  for (const auto& table : tables.tables) {
+    for (const auto& pid : table.pids) {
+      for (Packet packet : pid.packets) {
+        packet[3] = static_cast<u8>((packet[3] & 0xF0) | (continuity[pid.pid]++ & 0x0F));
+        stream.insert(stream.end(), packet.begin(), packet.end());
+      }
+    }
+  }
+  return stream;
 }
 
 ReadBack readBack(Link& link, const Channel& channel, const std::function<void(std::size_t)>& progress) {

@@ -39,6 +39,10 @@ struct ReadBack {
   std::size_t outOfReach() const;
 };
 
+// The packets as a transport stream: in the order of tables, continuity counters counted anew for each PID,
+// since those in the store are not what is sent.
+Bytes transportStream(const ReadBack& tables);
+
 // PMT packets are looked for on the PIDs that the stored PAT names. `progress` is called after each reply
 // with the packets read so far. Throws PsiError (also when another client changes the store meanwhile) or
 // LinkError.

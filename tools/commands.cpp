@@ -85,9 +85,7 @@ void addJson(CLI::App* app, bool& json) {
 }
 
 std::optional<Json> statusOf(client::Link& link) {
-  client::Request request;
-  request.operation = client::Operation::kStatus;
-  const client::Reply reply = link.call(std::move(request));
+  const client::Reply reply = link.call(client::makeRequest(client::Operation::kStatus, 0, 0, 0, {}));
   if (reply.result != client::kDone) return std::nullopt;
   constexpr int kMaxDepth = 16;  // deeper than any status; what lies below is not worth a full stack
   const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth < kMaxDepth; };

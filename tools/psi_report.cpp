@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <map>
 
 #include "client/psi_capture.h"
 
@@ -243,20 +242,6 @@ std::string psiText(const Json& report) {
   }
   for (const Json& table : report["tables"]) text += details(table);
   return text;
-}
-
-client::Bytes transportStream(const ReadBack& tables) {
-  client::Bytes stream;
-  std::map<u16, u8> continuity;
-  for (const auto& table : tables.tables) {
-    for (const auto& pid : table.pids) {
-      for (Packet packet : pid.packets) {
-        packet[3] = static_cast<u8>((packet[3] & 0xF0) | (continuity[pid.pid]++ & 0x0F));
-        stream.insert(stream.end(), packet.begin(), packet.end());
-      }
-    }
-  }
-  return stream;
 }
 
 }  // namespace tools

@@ -25,8 +25,4 @@ Json psiReport(const client::ReadBack& tables, const client::Channel& channel, s
 // The report of psiReport in lines.
 std::string psiText(const Json& report);
 
-// The packets as a transport stream: in the order of tables, continuity counters counted anew for each PID,
-// since those in the store are not what is sent.
-client::Bytes transportStream(const client::ReadBack& tables);
-
 }  // namespace tools

@@ -65,13 +65,7 @@ void BackEnd::answer(const Datagram& datagram) {
 }
 
 client::Reply BackEnd::carryOut(const client::Request& request) {
-  client::Reply reply{.operation = static_cast<u8>(request.operation),
-                      .sequence = request.sequence,
-                      .variable = request.variable,
-                      .slot = request.slot,
-                      .port = request.port,
-                      .result = client::kDone,
-                      .data = {}};
+  client::Reply reply = client::replyTo(request);
   switch (request.operation) {
     case client::Operation::kRead:
       reply.result = callCard(request, reply.data);

@@ -3,14 +3,14 @@
 #pragma once
 
 #include <array>
-#include <functional>
 #include <map>
 #include <utility>
 #include <vector>
 
-#include "client/link.h"
+#include "client/datagram.h"
 #include "client/psi_tables.h"
 #include "platform/wire.h"
+#include "tests/client/fake_link.h"
 
 namespace test {
 
@@ -49,13 +49,7 @@ class FakeCard {
 
   Reply handle(const Request& r) {
     log.push_back(r);
-    Reply reply{.operation = static_cast<u8>(r.operation),
-                .sequence = r.sequence,
-                .variable = r.variable,
-                .slot = r.slot,
-                .port = r.port,
-                .result = 0,
-                .data = {}};
+    Reply reply = client::replyTo(r);
     if (r.length != r.data.size())
       reply.result = 22;
     else if (r.slot >= 6 || r.port >= 2)
@@ -185,23 +179,6 @@ class FakeCard {
   }
 };
 
-class FakeLink : public client::Link {
- public:
-  explicit FakeLink(FakeCard& fakeCard) : card(fakeCard) {}
-
-  FakeCard& card;
-  int calls = 0;
-  std::function<void(int call, Request&)> before;  // may throw: the request is lost
-  std::function<void(int call, Reply&)> after;     // may throw: the reply is lost
-
-  Reply call(Request request) override {
-    const int number = calls++;
-    if (before) before(number, request);
-    Reply reply = card.handle(request);
-    if (after) after(number, reply);
-    return reply;
-  }
-  void wait(std::chrono::milliseconds) override {}
-};
+using FakeLink = FakeLinkTo<FakeCard>;
 
 }  // namespace test

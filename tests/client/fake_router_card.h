@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <utility>
 #include <vector>
 
-#include "client/link.h"
+#include "client/datagram.h"
 #include "platform/wire.h"
+#include "tests/client/fake_link.h"
 
 namespace test {
 
@@ -34,13 +34,7 @@ class FakeRouterCard {
 
   client::Reply handle(const client::Request& r) {
     log.push_back(r);
-    client::Reply reply{.operation = static_cast<u8>(r.operation),
-                        .sequence = r.sequence,
-                        .variable = r.variable,
-                        .slot = r.slot,
-                        .port = r.port,
-                        .result = 0,
-                        .data = {}};
+    client::Reply reply = client::replyTo(r);
     if (r.length != r.data.size())
       reply.result = 22;
     else if (r.slot != 0 || r.port > 1)
@@ -151,26 +145,6 @@ class FakeRouterCard {
   }
 };
 
-// Numbers the calls from 0; `before` and `after` the card may throw LinkError or change what passes.
-class FakeRouterLink : public client::Link {
- public:
-  explicit FakeRouterLink(FakeRouterCard& card) : card_(card) {}
-
-  std::function<void(int call, client::Request&)> before;
-  std::function<void(int call, client::Reply&)> after;
-
-  client::Reply call(client::Request request) override {
-    const int number = calls_++;
-    if (before) before(number, request);
-    client::Reply reply = card_.handle(request);
-    if (after) after(number, reply);
-    return reply;
-  }
-  void wait(std::chrono::milliseconds) override {}
-
- private:
-  FakeRouterCard& card_;
-  int calls_ = 0;
-};
+using FakeRouterLink = FakeLinkTo<FakeRouterCard>;
 
 }  // namespace test

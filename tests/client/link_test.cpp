@@ -21,22 +21,19 @@ const Request kRequest{.operation = Operation::kWrite,
                        .length = 2,
                        .data = {0xAA, 0xBB}};
 
-Reply replyTo(const Request& r) {
-  return {.operation = static_cast<u8>(r.operation),
-          .sequence = r.sequence,
-          .variable = r.variable,
-          .slot = r.slot,
-          .port = r.port,
-          .result = kStoreFull,
-          .data = {1, 2, 3}};
+Reply refusalOf(const Request& request) {
+  Reply reply = replyTo(request);
+  reply.result = kStoreFull;
+  reply.data = {1, 2, 3};
+  return reply;
 }
 
 // Clients of other makers send these bytes too: they are an interface.
 TEST(Datagram, HasItsFieldsInTheirPlaces) {
   EXPECT_EQ(encode(kRequest), (Bytes{'Q', 'M', 1, 2, 1, 2, 3, 4, 0x31, 0x02, 0, 5,    0,
                                      0,   0,   1, 0, 2, 0, 0, 0, 0,    0,    0, 0xAA, 0xBB}));
-  EXPECT_EQ(encode(replyTo(kRequest)), (Bytes{'Q', 'M', 1, 0x82, 1, 2, 3, 4, 0x31, 0x02, 0, 5, 0, 0, 0, 1,
-                                              0,   3,   0, 0,    0, 0, 0, 0, 0,    0,    0, 1, 1, 2, 3}));
+  EXPECT_EQ(encode(refusalOf(kRequest)), (Bytes{'Q', 'M', 1, 0x82, 1, 2, 3, 4, 0x31, 0x02, 0, 5, 0, 0, 0, 1,
+                                                0,   3,   0, 0,    0, 0, 0, 0, 0,    0,    0, 1, 1, 2, 3}));
 }
 
 // Generous with tries, so that a slow machine changes nothing.
@@ -46,7 +43,7 @@ TEST(UdpLink, RepeatsARequestUntilItIsAnswered) {
   std::vector<u32> sequences;
   test::FakeServer server([&](const Request& r) {
     sequences.push_back(r.sequence);
-    return sequences.size() < 3 ? std::vector<Bytes>{} : std::vector<Bytes>{encode(replyTo(r))};
+    return sequences.size() < 3 ? std::vector<Bytes>{} : std::vector<Bytes>{encode(refusalOf(r))};
   });
   UdpLink link(server.address(), kPatient);
   EXPECT_EQ(link.call(kRequest).data, (Bytes{1, 2, 3}));
@@ -57,7 +54,7 @@ TEST(UdpLink, RepeatsARequestUntilItIsAnswered) {
 
 TEST(UdpLink, PassesOverWhatDoesNotAnswerItsRequest) {
   test::FakeServer server([](const Request& r) {
-    const Reply good = replyTo(r);
+    const Reply good = refusalOf(r);
     std::vector<Reply> wrong(5, good);
     wrong[0].sequence -= 1;
     wrong[1].variable ^= 1;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "headend/hardware/pcr.h"
 #include "platform/address_word.h"
 #include "ts/qamBack.h"
 
@@ -22,9 +23,8 @@ struct Content {
 
 Content contentOf(TsPacketView packet, u8 tableId) {
   Content content;
-  std::size_t at = 4;
-  if ((packet[3] & 0x20) != 0) at += 1U + packet[4];
-  if ((packet[3] & 0x10) == 0 || (packet[1] & 0x40) == 0 || at >= kTsPacket) return content;
+  std::size_t at = payloadStart(packet);
+  if (!startsUnit(packet) || at >= kTsPacket) return content;
   content.endsOther = packet[at] != 0;
   at += 1U + packet[at];
   while (at < kTsPacket && packet[at] != 0xFF) {
@@ -57,19 +57,18 @@ u32 PidSearch::search(const client::Request& request) {
 
   Capture& capture = captures_[slot];
   const qamSearchPSI_t before = qamSearchPSI[slot];
-  const bool same = wanted.status != 0 && before.isSearch == 1 && before.pid == wanted.pid &&
-                    before.tableId == wanted.tableid && capture.output == output;
-  if (!same) {
-    if (capture.output != nullptr) capture.output->setTap(nullptr);
-    capture = {};
-    qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, 0);
+  if (wanted.status != 0 && before.isSearch == 1 && before.pid == wanted.pid &&
+      before.tableId == wanted.tableid && capture.output == output) {
+    return client::kDone;  // it goes on, with what it has captured
   }
+  if (capture.output != nullptr) capture.output->setTap(nullptr);
+  capture = {};
+  qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, 0);
+  if (wanted.status == 0) return client::kDone;
   qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, wanted.status);
-  if (!same && wanted.status != 0) {
-    output->advance(kernel_.now());  // what left before the search began is not of it
-    capture.output = output;
-    output->setTap([this, slot](TsPacketView packet) { look(slot, packet); });
-  }
+  output->advance(kernel_.now());  // what left before the search began is not of it
+  capture.output = output;
+  output->setTap([this, slot](TsPacketView packet) { look(slot, packet); });
   return client::kDone;
 }
 
@@ -98,8 +97,7 @@ u32 PidSearch::searched(const client::Request& request, client::Bytes& reply) {
 // In whatever runs when the packet leaves: it only copies.
 void PidSearch::look(std::size_t slot, TsPacketView packet) {
   const qamSearchPSI_t& wanted = qamSearchPSI[slot];
-  const auto pid = static_cast<u16>((packet[1] & 0x1F) << 8 | packet[2]);
-  if (wanted.isSearch == 0 || pid != wanted.pid) return;
+  if (wanted.isSearch == 0 || pidOf(packet) != wanted.pid) return;
   Capture& capture = captures_[slot];
   const Content content = contentOf(packet, wanted.tableId);
   const bool continues = capture.inTable && (!content.startsAny || content.endsOther);

@@ -58,7 +58,7 @@ void SourceTables::take(const client::Section& section) {
 void SourceTables::follow(const client::Section& pat) {
   const u8 patId = pat.tableId();
   const u8 pmtId = client::tableId(client::TableType::kPmt);
-  std::bitset<8192> named;
+  std::bitset<kPids> named;
   for (const client::Bytes* bytes : sections(pat.pid, patId)) {
     for (const u16 pid : client::programmeMapPids({.pid = pat.pid, .bytes = *bytes})) named.set(pid);
   }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "client/section_gatherer.h"
+#include "headend/hardware/pcr.h"
 #include "headend/hardware/ts_input.h"
 
 namespace headend {
@@ -17,8 +18,8 @@ class SourceTables {
   SourceTables();
 
   void packet(TsPacketView packet) {
-    const std::size_t pid = (packet[1] & 0x1FU) << 8 | packet[2];
-    if (wanted_[pid]) gather(static_cast<u16>(pid), packet);
+    const u16 pid = pidOf(packet);
+    if (wanted_[pid]) gather(pid, packet);
   }
 
   // By extension and number. Valid until the next packet.
@@ -31,7 +32,7 @@ class SourceTables {
   void take(const client::Section& section);
   void follow(const client::Section& pat);
 
-  std::bitset<8192> wanted_;
+  std::bitset<kPids> wanted_;
   std::map<u16, client::SectionGatherer> gatherers_;
   std::map<Key, client::Bytes> sections_;
 };

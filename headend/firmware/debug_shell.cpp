@@ -13,32 +13,34 @@ namespace {
 
 constexpr std::size_t kPrintedMost = 4096;  // of one call, in bytes
 
-constexpr DebugRoutine kRoutines[] = {
-    {"qamPidSetFilter", "port pid pass", 3,
+// Routines whose first argument, the slot, is the request's.
+struct Routine {
+  const char* name;
+  std::size_t count;  // of the other arguments
+  void (*call)(u8 slot, const u32* arguments);
+};
+constexpr Routine kRoutines[] = {
+    {"qamPidSetFilter", 3,
      [](u8 slot, const u32* a) {
        qamPidSetFilter(slot, static_cast<u8>(a[0]), static_cast<u16>(a[1]), static_cast<u8>(a[2]));
      }},
-    {"qamPidFilterAllSet", "port pass", 2,
+    {"qamPidFilterAllSet", 2,
      [](u8 slot, const u32* a) { qamPidFilterAllSet(slot, static_cast<u8>(a[0]), static_cast<u8>(a[1])); }},
-    {"qamFpgaWFilter", "port", 1,
+    {"qamFpgaWFilter", 1,
      [](u8 slot, const u32* a) { qamFpgaWFilter(slot, static_cast<u8>(a[0]), nullptr); }},
-    {"QamFpgaIfTest", "value", 1, [](u8 slot, const u32* a) { QamFpgaIfTest(slot, static_cast<u16>(a[0])); }},
-    {"QamFpgaTest", "", 0, [](u8 slot, const u32*) { QamFpgaTest(slot); }},
+    {"QamFpgaIfTest", 1, [](u8 slot, const u32* a) { QamFpgaIfTest(slot, static_cast<u16>(a[0])); }},
+    {"QamFpgaTest", 0, [](u8 slot, const u32*) { QamFpgaTest(slot); }},
 };
 
 }  // namespace
-
-std::span<const DebugRoutine> debugRoutines() {
-  return kRoutines;
-}
 
 u32 DebugShell::call(const client::Request& request, client::Bytes& reply) {
   const auto end = std::find(request.data.begin(), request.data.end(), u8{0});
   if (end == request.data.end()) return client::kBadLength;
   const std::string name(request.data.begin(), end);
   const std::size_t size = static_cast<std::size_t>(request.data.end() - end) - 1;
-  const DebugRoutine* routine = std::find_if(std::begin(kRoutines), std::end(kRoutines),
-                                             [&](const DebugRoutine& r) { return name == r.name; });
+  const Routine* routine = std::find_if(std::begin(kRoutines), std::end(kRoutines),
+                                        [&](const Routine& r) { return name == r.name; });
   constexpr std::size_t kArgument = 4;
   if (routine == std::end(kRoutines) || size != routine->count * kArgument) return client::kUnknownRoutine;
   std::array<u32, 4> arguments{};

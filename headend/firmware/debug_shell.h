@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <span>
 #include <string>
 
 #include "client/datagram.h"
@@ -12,15 +11,6 @@
 #include "platform/types.h"
 
 namespace headend {
-
-struct DebugRoutine {
-  const char* name;
-  const char* arguments;  // names, after the slot; for a list
-  std::size_t count;
-  void (*call)(u8 slot, const u32* arguments);
-};
-// All of them. Their first argument, the slot, is the request's.
-std::span<const DebugRoutine> debugRoutines();
 
 class DebugShell {
  public:

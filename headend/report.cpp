@@ -77,15 +77,10 @@ Json rates(const RateMeter::Rates& rates) {
 Json map(Headend& headend, int slot, int port) {
   PidRouter& router = headend.router();
   const Nanos now = headend.kernel().now();
-  std::size_t entries = 0;
-  for (u16 i = 0; i < PidRouter::kPositions; ++i) {
-    if ((router.position(slot, port, i)[1] & 0x20) != 0) ++entries;
-  }
-  Json entry = {
-      {"entries", entries},
-      {"shadowed", router.shadowed(slot, port)},
-      {"input_lost", router.inputLost(slot, port, now)},
-      {"overflow", (headend.mainBoard().read(MainBoard::kRateOverflow, now) >> (slot * 2 + port) & 1) != 0}};
+  Json entry = {{"entries", router.used(slot, port)},
+                {"shadowed", router.shadowed(slot, port)},
+                {"input_lost", router.inputLost(slot, port, now)},
+                {"overflow", headend.mainBoard().overflows(slot, port, now)}};
   if (const auto since = headend.backEnd().lockedSince(BackEnd::Lock::kPidMap, slot, port)) {
     entry["locked_seconds"] = seconds(now - *since);
   }

@@ -3,18 +3,25 @@
 namespace headend {
 
 void MainBoard::watch(int slot, int port, Multiplexer& output) {
-  outputs_.at(static_cast<std::size_t>(slot) * 2 + static_cast<std::size_t>(port)) = &output;
+  outputs_.at(bitOf(slot, port)) = &output;
+}
+
+bool MainBoard::overflows(int slot, int port, Nanos now) {
+  Multiplexer* output = outputs_.at(bitOf(slot, port));
+  if (output == nullptr) return false;
+  output->advance(now);
+  const std::optional<Nanos> last = output->lastDrop();
+  return last && now - *last < kOverflowHold;
 }
 
 u16 MainBoard::read(u32 /*offset*/, Nanos now) {
-  unsigned overflows = 0;
-  for (std::size_t bit = 0; bit < outputs_.size(); ++bit) {
-    if (outputs_[bit] == nullptr) continue;
-    outputs_[bit]->advance(now);
-    const std::optional<Nanos> last = outputs_[bit]->lastDrop();
-    if (last && now - *last < kOverflowHold) overflows |= 1U << bit;
+  unsigned bits = 0;
+  for (int slot = 0; slot < kSlots; ++slot) {
+    for (int port = 0; port < kPorts; ++port) {
+      if (overflows(slot, port, now)) bits |= 1U << bitOf(slot, port);
+    }
   }
-  return static_cast<u16>(overflows);
+  return static_cast<u16>(bits);
 }
 
 }  // namespace headend

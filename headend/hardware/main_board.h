@@ -17,12 +17,21 @@ class MainBoard final : public BusDevice {
 
   void watch(int slot, int port, Multiplexer& output);
 
+  // Whether the output's bit is set; false where none is watched.
+  bool overflows(int slot, int port, Nanos now);
+
   u16 read(u32 offset, Nanos now) override;
   void write(u32 /*offset*/, u16 /*value*/, Nanos /*now*/) override {}  // only the board writes it
   const char* registerName(u32 /*offset*/) const override { return "rate_overflow"; }
 
  private:
-  std::array<Multiplexer*, 12> outputs_{};
+  static constexpr int kSlots = 6;
+  static constexpr int kPorts = 2;
+  static std::size_t bitOf(int slot, int port) {
+    return static_cast<std::size_t>(slot) * kPorts + static_cast<std::size_t>(port);
+  }
+
+  std::array<Multiplexer*, std::size_t{kSlots} * kPorts> outputs_{};
 };
 
 }  // namespace headend

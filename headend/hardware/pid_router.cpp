@@ -85,6 +85,12 @@ const PidRouter::Words& PidRouter::position(int slot, int port, u16 index) const
   return outputs_.at(outputIndex(slot, port)).map.at(index).words;
 }
 
+std::size_t PidRouter::used(int slot, int port) const {
+  const auto& map = outputs_.at(outputIndex(slot, port)).map;
+  return static_cast<std::size_t>(
+      std::count_if(map.begin(), map.end(), [](const Position& position) { return position.inUse(); }));
+}
+
 std::size_t PidRouter::shadowed(int slot, int port) const {
   std::vector<Key> keys;
   for (const Position& position : outputs_.at(outputIndex(slot, port)).map) {

@@ -44,6 +44,7 @@ class PidRouter final : public PacketFeed {
   // position or an output that there is not.
   void set(Nanos now, int slot, int port, u16 index, const Words& words);
   const Words& position(int slot, int port, u16 index) const;
+  std::size_t used(int slot, int port) const;  // positions in use
   // How many positions in use have no effect, for one before them in the same map names the same source.
   std::size_t shadowed(int slot, int port) const;
 

@@ -10,20 +10,6 @@
 namespace headend {
 namespace {
 
-// Splits "LEFT=RIGHT"; both must be there.
-std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
-                                                    const std::string& want) {
-  const std::size_t at = text.find('=');
-  if (at == std::string::npos || at == 0 || at + 1 == text.size()) refuse(flag, text, want);
-  return {text.substr(0, at), text.substr(at + 1)};
-}
-
-client::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name) {
-  const auto channel = client::parseChannel(name);
-  if (!channel) refuse(flag, text, "the channel must be N.P with N from 1 to 6 and P 1 or 2");
-  return *channel;
-}
-
 // Takes "@SECONDS" off the end of a text; 0 where there is none.
 Nanos takeTime(const std::string& flag, std::string& text) {
   const std::size_t at = text.rfind('@');
@@ -85,6 +71,19 @@ std::pair<std::string, std::uint16_t> parseAddress(const std::string& flag, cons
   return {text.substr(0, colon), port};
 }
 
+std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
+                                                    const std::string& want) {
+  const std::size_t at = text.find('=');
+  if (at == std::string::npos || at == 0 || at + 1 == text.size()) refuse(flag, text, want);
+  return {text.substr(0, at), text.substr(at + 1)};
+}
+
+client::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name) {
+  const auto channel = client::parseChannel(name);
+  if (!channel) refuse(flag, text, "the channel must be N.P with N from 1 to 6 and P 1 or 2");
+  return *channel;
+}
+
 std::optional<Nanos> parseSeconds(const std::string& text) {
   double seconds = 0;
   const char* end = text.data() + text.size();
@@ -94,18 +93,18 @@ std::optional<Nanos> parseSeconds(const std::string& text) {
   return std::llround(seconds * 1e9);
 }
 
+Nanos takeTimeIfAny(std::string& text) {
+  const std::size_t at = text.rfind('@');
+  const auto seconds = at == std::string::npos ? std::nullopt : parseSeconds(text.substr(at + 1));
+  if (seconds) text.resize(at);
+  return seconds.value_or(0);
+}
+
 void parsePsi(const std::string& text, Options& options) {
   const char* want = "want N.P=FILE.ts, or N.P=FILE.ts@SECONDS";
   auto [name, file] = splitAssignment("--psi", text, want);
   Options::Psi psi{.channel = channelOf("--psi", text, name), .file = {}, .at = 0};
-  const std::size_t at = file.rfind('@');
-  if (at != std::string::npos) {
-    // A file may have an @ in its name: only what reads as seconds is taken for a time.
-    if (const auto seconds = parseSeconds(file.substr(at + 1))) {
-      psi.at = *seconds;
-      file.resize(at);
-    }
-  }
+  psi.at = takeTimeIfAny(file);
   if (file.empty()) refuse("--psi", text, want);
   psi.file = file;
   options.psi.push_back(std::move(psi));

@@ -15,6 +15,16 @@ namespace headend {
 // Seconds with a fraction; nothing when the text is none, or does not fit.
 std::optional<Nanos> parseSeconds(const std::string& text);
 
+// Splits "LEFT=RIGHT"; both must be there, or `want` is said.
+std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
+                                                    const std::string& want);
+// The channel of that name, which stands in `text`.
+client::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name);
+
+// Takes "@SECONDS" off the end of a text; 0 where what follows the last @ is no time, for a file may have an
+// @ in its name.
+Nanos takeTimeIfAny(std::string& text);
+
 // "ADDRESS:PORT".
 std::pair<std::string, std::uint16_t> parseAddress(const std::string& flag, const std::string& text,
                                                    const std::string& want);

@@ -47,25 +47,6 @@ Options::Input parseInput(const std::string& whole, const std::string& text) {
   return input;
 }
 
-// "N.P=REST[@SECONDS]"; the channel comes out, and the rest without the time.
-client::Channel takeChannel(const std::string& flag, const std::string& text, const std::string& want,
-                            std::string& rest, Nanos& at) {
-  const std::size_t equals = text.find('=');
-  if (equals == std::string::npos || equals + 1 == text.size()) refuse(flag, text, want);
-  const auto channel = client::parseChannel(text.substr(0, equals));
-  if (!channel) refuse(flag, text, "the channel must be N.P with N from 1 to 6 and P 1 or 2");
-  rest = text.substr(equals + 1);
-  const std::size_t sign = rest.rfind('@');
-  if (sign != std::string::npos) {
-    if (const auto seconds = parseSeconds(rest.substr(sign + 1))) {
-      at = *seconds;
-      rest.resize(sign);
-    }
-  }
-  if (rest.empty()) refuse(flag, text, want);
-  return *channel;
-}
-
 }  // namespace
 
 void parseSource(const std::string& text, Options& options) {
@@ -88,24 +69,24 @@ void parseSource(const std::string& text, Options& options) {
 }
 
 void parsePidMap(const std::string& text, Options& options) {
-  Options::PidMap map;
-  std::string file;
-  map.channel = takeChannel("--pidmap", text, "want N.P=FILE.csv or N.P=FILE.csv@SECONDS", file, map.at);
-  map.file = file;
-  options.pidMaps.push_back(std::move(map));
+  const char* want = "want N.P=FILE.csv or N.P=FILE.csv@SECONDS";
+  auto [name, file] = splitAssignment("--pidmap", text, want);
+  const client::Channel channel = channelOf("--pidmap", text, name);
+  const Nanos at = takeTimeIfAny(file);
+  if (file.empty()) refuse("--pidmap", text, want);
+  options.pidMaps.push_back({.channel = channel, .file = file, .at = at});
 }
 
 void parseProgramme(const std::string& text, Options& options) {
   const char* want = "want N.P=SLOT.INPUT:SERVICE or N.P=SLOT.INPUT:SERVICE@SECONDS, as 1.1=6.1:Four";
-  Options::Programme programme;
-  std::string rest;
-  programme.channel = takeChannel("--programme", text, want, rest, programme.at);
+  auto [name, rest] = splitAssignment("--programme", text, want);
+  const client::Channel channel = channelOf("--programme", text, name);
+  const Nanos at = takeTimeIfAny(rest);
   const std::size_t colon = rest.find(':');
   const auto source = colon == std::string::npos ? std::nullopt : parseSourcePort(rest.substr(0, colon));
   if (!source || colon + 1 == rest.size()) refuse("--programme", text, want);
-  programme.source = *source;
-  programme.service = rest.substr(colon + 1);
-  options.programmes.push_back(std::move(programme));
+  options.programmes.push_back(
+      {.channel = channel, .source = *source, .service = rest.substr(colon + 1), .at = at});
 }
 
 bool parseInputLoss(const std::string& text, Options& options) {

@@ -13,10 +13,6 @@ namespace {
 
 constexpr u16 kLock = 0x3101, kPackets = 0x3102, kInterval = 0x3201;
 
-void put(Bytes& bytes, u32 value, int width) {
-  while (width-- > 0) bytes.push_back(static_cast<u8>(value >> 8 * width));
-}
-
 Bytes word(u32 value) {
   Bytes bytes;
   put(bytes, value, 4);

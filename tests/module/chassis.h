@@ -37,6 +37,11 @@ namespace test {
 using Bytes = std::vector<u8>;
 using Lines = std::vector<std::string>;
 
+// Appends a big-endian number.
+inline void put(Bytes& bytes, u32 value, int width) {
+  while (width-- > 0) bytes.push_back(static_cast<u8>(value >> 8 * width));
+}
+
 inline constexpr u32 kWindows = 0x60000000;    // the cards' windows on the bus
 inline constexpr u32 kMainBoard = 0x50000000;  // where the main board's FPGA answers here
 

@@ -21,10 +21,6 @@ struct Entry {
   bool operator==(const Entry&) const = default;
 };
 
-void put(Bytes& bytes, u32 value, int width) {
-  while (width-- > 0) bytes.push_back(static_cast<u8>(value >> 8 * width));
-}
-
 Bytes numbers(std::initializer_list<u32> values) {
   Bytes bytes;
   for (const u32 value : values) put(bytes, value, 4);

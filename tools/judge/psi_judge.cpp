@@ -17,15 +17,13 @@
 #include <tuple>
 #include <vector>
 
+#include "program.h"
 #include "sections.h"
 #include "tables.h"
 
 namespace judge {
 namespace {
 
-constexpr int kOk = 0;
-constexpr int kFaulty = 1;
-constexpr int kWrongCall = 2;
 constexpr double kPacketBits = 1504.0;
 constexpr size_t kFaultsShown = 8;  // of each kind
 
@@ -510,13 +508,5 @@ int main(int argc, char** argv) {
                "with --self: every PID but the null packets' carries sections");
   app.add_flag("--untimed", options.untimed, "do not judge when groups start");
   app.add_flag("--json", options.json, "print the summary and all faults as JSON");
-  try {
-    app.parse(argc, argv);
-    return judge::run(options);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? judge::kOk : judge::kWrongCall;
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "psi_judge: {}\n", error.what());
-    return judge::kWrongCall;
-  }
+  return judge::runProgram("psi_judge", app, argc, argv, [&] { return judge::run(options); });
 }

@@ -20,14 +20,11 @@
 #include <string>
 #include <vector>
 
+#include "program.h"
 #include "sections.h"
 
 namespace judge {
 namespace {
-
-constexpr int kOk = 0;
-constexpr int kFaulty = 1;
-constexpr int kWrongCall = 2;
 
 __extension__ using Wide = __int128;
 using Json = nlohmann::ordered_json;
@@ -520,13 +517,5 @@ int main(int argc, char** argv) {
   app.add_flag("--constant-rate", options.constantRate,
                "the source has a constant rate: PCRs must be right by themselves, within --tolerance");
   app.add_option("--tolerance", options.tolerance_ns, "ns that a PCR may be off")->capture_default_str();
-  try {
-    app.parse(argc, argv);
-    return judge::run(options);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? judge::kOk : judge::kWrongCall;
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "ts_judge: {}\n", error.what());
-    return judge::kWrongCall;
-  }
+  return judge::runProgram("ts_judge", app, argc, argv, [&] { return judge::run(options); });
 }

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <map>
 
+#include "client/programme_draft.h"
 #include "platform/wire.h"
 
 namespace client {
@@ -13,22 +14,8 @@ namespace {
 
 using Use = PidField::Use;
 
-bool isFrom(const MapEntry& entry, const SourcePort& input) {
-  return entry.sourceSlot == input.slot && entry.sourcePort == input.port;
-}
-
 std::vector<Bytes> entriesIn(TableType type, const std::vector<Section>& sections, const std::string& owner) {
   return sections.empty() ? std::vector<Bytes>() : EntryTable(type, sections, owner).entries();
-}
-
-// The fields that name a PID to be mapped, each PID once, streams first: their order is that of the PIDs in
-// the output.
-std::vector<PidField> fieldsByPid(const Section& pmt) {
-  std::vector<PidField> fields = pidsOfPmt(pmt);
-  std::ranges::stable_sort(fields, {}, &PidField::use);
-  std::set<u16> seen{kNoPid};
-  std::erase_if(fields, [&](const PidField& f) { return !seen.insert(f.pid(pmt.bytes)).second; });
-  return fields;
 }
 
 std::string fold(std::string text) {
@@ -44,113 +31,6 @@ std::optional<u16> numberIn(const std::string& text) {
   const auto [at, error] = std::from_chars(text.data(), end, number);
   return error == std::errc() && at == end ? std::optional(number) : std::nullopt;
 }
-
-// The output while it is being changed: its map, and its tables, of which those that are put change.
-class Draft {
- public:
-  explicit Draft(const OutputState& output)
-      : owner_(ownerName(output.channel)),
-        tables_(output.tables, owner_),
-        before_(tables_),
-        map_(asKept(output.map)) {
-    if (map_.size() != output.map.size()) {
-      note(fmt::format("{} map entries that name no slot left out", output.map.size() - map_.size()));
-    }
-    for (Section& section : tables_.sections(TableType::kPmt)) pmts_.push_back(std::move(section));
-  }
-
-  const std::string& owner() const { return owner_; }
-  std::vector<MapEntry>& map() { return map_; }
-  const std::vector<MapEntry>& map() const { return map_; }
-  const std::vector<Section>& pmts() const { return pmts_; }
-
-  std::optional<EntryTable> table(TableType type) const {
-    const auto sections = tables_.sections(type);
-    if (sections.empty()) {
-      if (tables_.has(type)) {
-        throw ProgrammeError(
-            fmt::format("{} of {} has no whole section: load it anew first", tableName(type), owner_));
-      }
-      return std::nullopt;
-    }
-    return EntryTable(type, sections, owner_);
-  }
-  std::vector<Bytes> entries(TableType type) const {
-    const auto found = table(type);
-    return found ? found->entries() : std::vector<Bytes>();
-  }
-
-  void put(const EntryTable& table, TableType type) {
-    tables_.put(type, tablePid(type).value(), table.sections());
-  }
-  void drop(TableType type) { tables_.put(type, tablePid(type).value(), {}); }
-
-  const Section* pmt(u16 number, u16 pid) const {
-    const auto found = std::ranges::find_if(
-        pmts_, [&](const Section& s) { return s.extension() == number && s.pid == pid; });
-    return found == pmts_.end() ? nullptr : &*found;
-  }
-  // Puts the programme's PMT in the place of the one it had, or (nothing) takes that away.
-  void putPmt(u16 number, u16 pid, const std::optional<Section>& section) {
-    std::erase_if(pmts_, [&](const Section& s) { return s.extension() == number && s.pid == pid; });
-    if (section) pmts_.push_back(*section);
-    std::vector<Section> onPid;
-    std::ranges::copy_if(pmts_, std::back_inserter(onPid), [&](const Section& s) { return s.pid == pid; });
-    std::ranges::stable_sort(onPid, {}, [](const Section& s) { return s.extension(); });
-    tables_.put(TableType::kPmt, pid, onPid);
-  }
-
-  MapEntry* entryOf(const SourcePort& input, u16 sourcePid) {
-    const auto found = std::ranges::find_if(
-        map_, [&](const MapEntry& e) { return isFrom(e, input) && e.sourcePid == sourcePid; });
-    return found == map_.end() ? nullptr : &*found;
-  }
-
-  // PIDs that the PMTs on the output name, by programme.
-  std::map<u16, std::set<u16>> users() const {
-    std::map<u16, std::set<u16>> users;
-    for (const Section& pmt : pmts_) {
-      for (const PidField& field : fieldsByPid(pmt)) users[pmt.extension()].insert(field.pid(pmt.bytes));
-    }
-    return users;
-  }
-
-  std::set<u16> usedPids() const {
-    std::set<u16> used;
-    for (const MapEntry& entry : map_) used.insert(entry.pid);
-    for (const Bytes& entry : entries(TableType::kPat)) used.insert(entryPid(entry));
-    for (const auto& [number, pids] : users()) used.insert(pids.begin(), pids.end());
-    for (const Bytes& entry : entries(TableType::kCat)) {
-      if (const auto field = pidOfCatEntry(entry)) used.insert(field->pid(entry));
-    }
-    return used;
-  }
-
-  void note(std::string text) { notes_.push_back(std::move(text)); }
-
-  ProgrammePlan plan() const {
-    if (map_.size() > kMapSize) {
-      throw ProgrammeError(fmt::format("the PID map of {} would have {} entries, and it holds {}", owner_,
-                                       map_.size(), kMapSize));
-    }
-    ProgrammePlan plan;
-    plan.map = asKept(map_);
-    plan.tables = tables_.plan();
-    plan.notes = notes_;
-    for (const TableType type : kAllTables) {
-      if (tables_.has(type) && !before_.has(type)) plan.fresh.insert(type);
-    }
-    return plan;
-  }
-
- private:
-  std::string owner_;
-  ChannelTables tables_;
-  ChannelTables before_;
-  std::vector<MapEntry> map_;
-  std::vector<Section> pmts_;
-  std::vector<std::string> notes_;
-};
 
 // `count` PIDs for a programme, the first one for its PMT when that needs one.
 std::vector<u16> takePids(const std::set<u16>& used, std::optional<u16> base, std::size_t count,
@@ -176,39 +56,6 @@ std::vector<u16> takePids(const std::set<u16>& used, std::optional<u16> base, st
                                      base.value_or(kFirstProgrammePid)));
   }
   return pids;
-}
-
-// Takes entries out of the map that nobody needs any more, out of those that `candidate` picks. One that
-// stays goes over to a programme that uses it.
-template <typename Candidate>
-void dropUnused(Draft& draft, const Candidate& candidate) {
-  const auto users = draft.users();
-  const auto userOf = [&](u16 pid) {
-    return std::ranges::find_if(users, [pid](const auto& user) { return user.second.contains(pid); });
-  };
-  const std::vector<MapEntry> before = draft.map();
-  std::erase_if(draft.map(), [&](const MapEntry& e) { return candidate(e) && userOf(e.pid) == users.end(); });
-  for (MapEntry& entry : draft.map()) {
-    const auto user = userOf(entry.pid);
-    if (!candidate(entry) || users.contains(entry.programme)) continue;
-    const auto sibling = std::ranges::find_if(before, [&](const MapEntry& e) {
-      return e.programme == user->first && isFrom(e, {entry.sourceSlot, entry.sourcePort});
-    });
-    entry.programme = user->first;
-    entry.sourceProgramme = sibling == before.end() ? u16{0} : sibling->sourceProgramme;
-  }
-}
-
-// Programmes on the output that take a PID from the input.
-std::set<u16> programmesFrom(const Draft& draft, const SourcePort& input) {
-  std::set<u16> numbers;
-  for (const auto& [number, pids] : draft.users()) {
-    const bool takes = std::ranges::any_of(draft.map(), [&pids = pids, &input](const MapEntry& e) {
-      return isFrom(e, input) && pids.contains(e.pid);
-    });
-    if (takes) numbers.insert(number);
-  }
-  return numbers;
 }
 
 class Adding {
@@ -403,7 +250,7 @@ class Adding {
     if (!old_) return;
     std::set<u16> left;
     for (const PidField& field : pidsOfPmt(*old_)) left.insert(field.pid(old_->bytes));
-    dropUnused(draft_, [&](const MapEntry& e) { return left.contains(e.pid); });
+    draft_.dropUnused([&](const MapEntry& e) { return left.contains(e.pid); });
   }
 
   void putCat() {
@@ -491,7 +338,7 @@ class Adding {
         sourceNumber_, theirs.extension(), wire::get16(theirs.head().data()), draft_.owner()));
   }
 
-  Draft draft_;
+  ProgrammeDraft draft_;
   const SourceTables& source_;
   u16 sourceNumber_;
   const AddOptions& options_;
@@ -527,7 +374,7 @@ class Removing {
       if (isOwn(entry)) inputs.insert({.slot = entry.sourceSlot, .port = entry.sourcePort});
     }
     for (const SourcePort& input : inputs) removeEntitlements(input);
-    dropUnused(draft_, [&](const MapEntry& e) { return isOwn(e) && !entitlements_.contains(e.pid); });
+    draft_.dropUnused([&](const MapEntry& e) { return isOwn(e) && !entitlements_.contains(e.pid); });
     for (const SourcePort& input : inputs) removePassed(input);
 
     ProgrammePlan plan = draft_.plan();
@@ -556,7 +403,7 @@ class Removing {
 
   // CA systems of the programmes that stay and come from the input, with one of the programmes each.
   std::map<u16, u16> systemsFrom(const SourcePort& input) const {
-    const std::set<u16> staying = programmesFrom(draft_, input);
+    const std::set<u16> staying = draft_.programmesFrom(input);
     std::map<u16, u16> systems;
     for (const Section& pmt : draft_.pmts()) {
       if (!staying.contains(pmt.extension())) continue;
@@ -604,14 +451,14 @@ class Removing {
 
   // EIT and time stay while a programme from the input does.
   void removePassed(const SourcePort& input) {
-    if (!programmesFrom(draft_, input).empty()) return;
+    if (!draft_.programmesFrom(input).empty()) return;
     std::erase_if(draft_.map(), [&](const MapEntry& e) {
       return isFrom(e, input) && e.programme == 0 && e.sourcePid == e.pid &&
              (e.pid == kEitPid || e.pid == kTimePid);
     });
   }
 
-  Draft draft_;
+  ProgrammeDraft draft_;
   u16 number_;
   std::set<u16> pids_;          // that its PMT names
   std::set<u16> entitlements_;  // that stay for another programme
@@ -668,7 +515,7 @@ ProgrammePlan planRemove(const OutputState& output, u16 number) {
 }
 
 std::vector<Programme> programmesOf(const OutputState& output) {
-  const Draft draft(output);
+  const ProgrammeDraft draft(output);
   std::vector<Programme> programmes;
   for (const Bytes& entry : draft.entries(TableType::kPat)) {
     if (entryNumber(entry) == kNoNetwork) continue;

@@ -1,0 +1,65 @@
+// An output while programmes are added to it or removed: its map, and its tables, of which those that are put
+// change and the others stay as they are. What the plans of programme_plan are written on.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "client/programme_plan.h"
+
+namespace client {
+
+bool isFrom(const MapEntry& entry, const SourcePort& input);
+
+// The fields that name a PID to be mapped, each PID once, streams first: their order is that of the PIDs in
+// the output.
+std::vector<PidField> fieldsByPid(const Section& pmt);
+
+class ProgrammeDraft {
+ public:
+  explicit ProgrammeDraft(const OutputState& output);
+
+  const std::string& owner() const { return owner_; }
+  std::vector<MapEntry>& map() { return map_; }
+  const std::vector<MapEntry>& map() const { return map_; }
+  const std::vector<Section>& pmts() const { return pmts_; }
+
+  // Nothing where the output has none. Throws ProgrammeError for one without a whole section.
+  std::optional<EntryTable> table(TableType type) const;
+  std::vector<Bytes> entries(TableType type) const;
+  void put(const EntryTable& table, TableType type);
+  void drop(TableType type);
+
+  const Section* pmt(u16 number, u16 pid) const;  // null: none
+  // Puts the programme's PMT in the place of the one it had, or (nothing) takes that away.
+  void putPmt(u16 number, u16 pid, const std::optional<Section>& section);
+
+  MapEntry* entryOf(const SourcePort& input, u16 sourcePid);  // null: none
+  // PIDs that the PMTs on the output name, by programme.
+  std::map<u16, std::set<u16>> users() const;
+  std::set<u16> usedPids() const;
+  // Programmes on the output that take a PID from the input.
+  std::set<u16> programmesFrom(const SourcePort& input) const;
+  // Takes entries out of the map that nobody needs any more, out of those that `candidate` picks. One that
+  // stays goes over to a programme that uses it.
+  void dropUnused(const std::function<bool(const MapEntry&)>& candidate);
+
+  void note(std::string text) { notes_.push_back(std::move(text)); }
+
+  // Without the programme's own members. Throws ProgrammeError for a map that is too long, or PlanError.
+  ProgrammePlan plan() const;
+
+ private:
+  std::string owner_;
+  ChannelTables tables_;
+  ChannelTables before_;
+  std::vector<MapEntry> map_;
+  std::vector<Section> pmts_;
+  std::vector<std::string> notes_;
+};
+
+}  // namespace client

@@ -82,7 +82,8 @@ std::uint64_t route(unsigned entries, Nanos duration) {
     output.start(0, kRate);
     router.connectOutput(i / 2, i % 2, output);
     router.connectInput(5, i, *sources.emplace_back(std::make_unique<Source>(entries)));
-    for (u16 index = 0; index < entries; ++index) {
+    for (unsigned entry = 0; entry < entries; ++entry) {
+      const auto index = static_cast<u16>(entry);
       router.set(0, i / 2, i % 2, index, word(static_cast<unsigned>(i), index));
     }
   }
@@ -97,6 +98,7 @@ std::uint64_t route(unsigned entries, Nanos duration) {
 std::uint64_t copy(Nanos duration) {
   std::vector<std::unique_ptr<Source>> sources;
   std::array<Block, kOutputs> blocks;
+  sources.reserve(kOutputs);
   for (int i = 0; i < kOutputs; ++i) sources.push_back(std::make_unique<Source>(kPids));
   const auto each =
       static_cast<std::uint64_t>(static_cast<double>(duration) / 1e9 * kRate.perSecond() / 8 / kTsPacket);

@@ -121,8 +121,8 @@ Json searchFor(client::Link& link, const client::Channel& channel, u16 pid, u8 t
   client::search(link, channel, pid, table, true);
   std::exception_ptr failure;
   try {
-    for (std::chrono::duration<double> waited(0); waited < time && !signals.came(); waited += kPoll) {
-      for (auto packets = client::searched(link, channel); !packets.empty() && !signals.came();
+    for (std::chrono::duration<double> waited(0); waited < time && !HeldSignals::came(); waited += kPoll) {
+      for (auto packets = client::searched(link, channel); !packets.empty() && !HeldSignals::came();
            packets = client::searched(link, channel)) {
         for (const client::Packet& packet : packets) gatherer.push(packet);
       }

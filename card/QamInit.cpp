@@ -19,7 +19,6 @@ namespace {
 
 constexpr const char* kUnit = "QamInit";
 constexpr int kSlotCardType = 3002;  // the chassis's own code for this kind of card; 27 is the drivers' code
-constexpr int kPanelAttribute = 0x20000000;
 constexpr int kSendTaskPriority = 212;
 constexpr int kSendTaskStack = 4096;
 constexpr int kSendQueueLength = 256;
@@ -82,8 +81,8 @@ void QamInit(u8 slotNo) {
   if (record == nullptr) return;
 
   if (QamfpgaInit(slotNo) == -1) {
-    chassis::lcdPrintf(0, kPanelAttribute, 0, 0, "Loading Card%d", slotNo);
-    chassis::lcdPrintf(3, kPanelAttribute, 0, 0, "Config Error");
+    chassis::lcdPrintf(0, chassis::kPanelWholeLine, 0, 0, "Loading Card%d", slotNo);
+    chassis::lcdPrintf(3, chassis::kPanelWholeLine, 0, 0, "Config Error");
     return;
   }
   QamFpgaIf[slotNo] = static_cast<Qam_fpga_if*>(os::busAddress(windowAddress(slotNo)));

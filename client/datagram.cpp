@@ -83,6 +83,10 @@ std::string resultText(u32 result) {
       return "no routine of this name is offered, or it takes another number of arguments";
     case kUnknownCall:
       return "no call has this number, or it is forgotten";
+    case kTooManyKeys:
+      return "the menu has not read the keys that were pressed before: try again";
+    case kUnknownKey:
+      return "the panel has no such key";
     case kNotStarted:
       return "the card has not finished its start-up";
     case kUnknownOperation:

@@ -26,6 +26,10 @@ enum class Operation : u8 {
   kSearched = 9,        // takes packets that the search has captured
   kCall = 10,           // begins a routine of the card's debug shell
   kCallResult = 11,     // what became of it
+  kAlarms = 12,         // that stand
+  kAlarmEvents = 13,    // that the log keeps
+  kLcd = 14,            // what the front panel shows
+  kKey = 15,            // presses one of its keys
 };
 
 // Variables of kRead and kWrite, per slot and channel. Those of kGetVariable and kSetVariable are in
@@ -54,6 +58,8 @@ inline constexpr u32 kNotWritable = 0x105;
 inline constexpr u32 kNoInput = 0x106;         // kSourceSections: there is no such input
 inline constexpr u32 kUnknownRoutine = 0x107;  // kCall
 inline constexpr u32 kUnknownCall = 0x108;     // kCallResult: no call has this number, or it is forgotten
+inline constexpr u32 kTooManyKeys = 0x109;     // kKey: the menu has not read those before
+inline constexpr u32 kUnknownKey = 0x10A;      // kKey
 inline constexpr u32 kSettingWithoutRecord = 0xFFFFFFFF;  // -1: the card has no record for the slot
 inline constexpr u32 kSettingRefused = 0xFFFFFFFE;        // -2: the card cannot set this variable
 

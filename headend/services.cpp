@@ -199,7 +199,7 @@ int para_save(u8 slotNo) {
   return slotNo < MAX_BOARD_NUM ? running->chassis().save(slotNo) : os::ERROR;
 }
 
-void lcdPrintf(int line, int /*attribute*/, int /*arg3*/, int /*arg4*/, const char* format, ...) {
+void lcdPrintf(int line, int /*column*/, u32 /*attribute*/, u32 /*mask*/, const char* format, ...) {
   std::array<char, 128> text{};
   std::va_list args;
   va_start(args, format);

@@ -13,6 +13,11 @@ inline u32 addressWord(const void* object) {
   return static_cast<u32>(reinterpret_cast<std::uintptr_t>(object));
 }
 
+template <typename Result, typename... Arguments>
+u32 addressWord(Result (*function)(Arguments...)) {
+  return static_cast<u32>(reinterpret_cast<std::uintptr_t>(function));
+}
+
 template <typename T>
 T* wordAddress(u32 word) {
   if (word == 0) return nullptr;

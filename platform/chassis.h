@@ -2,13 +2,12 @@
 // C linkage, so that the firmware's own functions satisfy these declarations. Tasks and start-up only.
 #pragma once
 
+#include "platform/panel.h"
 #include "platform/types.h"
 
 inline constexpr u8 MAX_BOARD_NUM = 6;  // slots of a chassis
 
 namespace chassis {
-
-struct item_t;  // an item of the front-panel menu
 
 // The driver descriptor of one card. A driver fills one from the heap and hands it to `cardInsert`; the
 // firmware keeps it and reaches the card through it. Routines that a card has not are null.
@@ -51,10 +50,6 @@ int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words);
 
 // Writes the slot's record to its parameter file. 0, or -1 when it could not be written.
 int para_save(u8 slotNo);
-
-// A line of the front panel (0..3). `attribute` and the two numbers after it are the panel's.
-[[gnu::format(printf, 5, 6)]] void lcdPrintf(int line, int attribute, int arg3, int arg4, const char* format,
-                                             ...);
 
 // Busy waits of 5 us, two routines of the main firmware's, and a kick of the watchdog.
 void Delay5us();

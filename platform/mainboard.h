@@ -1,5 +1,6 @@
 // The main board's FPGA as a card driver sees it: a block of 16-bit registers, of which drivers of this kind
-// use the configuration ports, one a slot. The pointer `pbbFpgaIf` is the chassis's.
+// use the configuration ports, one a slot, and the outputs' overflow bits. The pointer `pbbFpgaIf` is the
+// chassis's.
 #pragma once
 
 #include <cstddef>
@@ -32,9 +33,12 @@ static_assert(offsetof(brdFpgaCfg_t, config_protect) == 10);
 static_assert(offsetof(brdFpgaCfg_t, reserved) == 12);
 
 struct bbFpga_t {
-  Reg16 chassis[384];  // resets, interrupts, LEDs, router and rates: the main firmware's own
+  Reg16 chassis[188];        // resets, interrupts, LEDs and router: the main firmware's own
+  Reg16 rate_overflow;       // read: a bit an output, by the number of `out_port_to_mbrd_out`
+  Reg16 chassis_rates[195];  // the main firmware's own
   brdFpgaCfg_t fpgaCfg[MAX_BOARD_NUM];
 };
+static_assert(offsetof(bbFpga_t, rate_overflow) == 376);
 static_assert(offsetof(bbFpga_t, fpgaCfg) == 0x300);
 static_assert(sizeof(bbFpga_t) == 0x300 + 6 * 16);
 

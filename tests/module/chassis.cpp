@@ -328,11 +328,11 @@ int para_save(u8 slotNo) {
   return 0;
 }
 
-void lcdPrintf(int line, int attribute, int arg3, int arg4, const char* format, ...) {
+void lcdPrintf(int line, int column, u32 attribute, u32 mask, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  current->note(
-      fmt::format("lcd {} {:#x} {} {} {}", line, attribute, arg3, arg4, test::formatted(format, arguments)));
+  current->note(fmt::format("lcd {} {:#x} {} {} {}", line, column, attribute, mask,
+                            test::formatted(format, arguments)));
   va_end(arguments);
 }
 

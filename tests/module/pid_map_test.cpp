@@ -206,6 +206,19 @@ TEST_F(PidMap, ARecordThatClaimsMoreIsReadBackAndRoutedAs256) {
   }
 }
 
+TEST_F(PidMap, ALockEmptiesTheRecordOnceAndLeavesTheRouter) {
+  upload(many(0x300, 3));
+  const auto onTheAir = fake.routes;
+  write(kLock, numbers({1}));
+  EXPECT_EQ(pids(), (std::vector<u16>{}));
+  const auto* bytes = reinterpret_cast<const u8*>(para.pidMap[0]);
+  EXPECT_TRUE(std::all_of(bytes, bytes + sizeof para.pidMap[0], [](u8 byte) { return byte == 0xFF; }));
+  write(kChunk, chunk(2, 0, 2, many(7, 2)));
+  write(kLock, numbers({1}));
+  EXPECT_EQ(pids(), (std::vector<u16>{7, 8}));
+  EXPECT_EQ(fake.routes, onTheAir);
+}
+
 // Whatever comes in whatever order: a map that is unlocked is sorted and on the router; a locked one is not.
 TEST_F(PidMap, RandomSequencesKeepRecordAndRouterTogether) {
   std::mt19937 random(20);

@@ -199,13 +199,13 @@ int para_save(u8 slotNo) {
   return slotNo < MAX_BOARD_NUM ? running->chassis().save(slotNo) : os::ERROR;
 }
 
-void lcdPrintf(int line, int /*column*/, u32 /*attribute*/, u32 /*mask*/, const char* format, ...) {
+void lcdPrintf(int row, int /*column*/, u32 /*attribute*/, u32 /*mask*/, const char* format, ...) {
   std::array<char, 128> text{};
   std::va_list args;
   va_start(args, format);
   std::vsnprintf(text.data(), text.size(), format, args);
   va_end(args);
-  running->chassis().panelLine(line, text.data());
+  running->chassis().panelLine(row, text.data());
 }
 
 void Delay5us() {

@@ -328,10 +328,10 @@ int para_save(u8 slotNo) {
   return 0;
 }
 
-void lcdPrintf(int line, int column, u32 attribute, u32 mask, const char* format, ...) {
+void lcdPrintf(int row, int column, u32 attribute, u32 mask, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  current->note(fmt::format("lcd {} {:#x} {} {} {}", line, column, attribute, mask,
+  current->note(fmt::format("lcd {} {:#x} {} {} {}", row, column, attribute, mask,
                             test::formatted(format, arguments)));
   va_end(arguments);
 }

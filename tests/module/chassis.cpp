@@ -331,8 +331,8 @@ int para_save(u8 slotNo) {
 void lcdPrintf(int row, int column, u32 attribute, u32 mask, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  current->note(fmt::format("lcd {} {:#x} {} {} {}", row, column, attribute, mask,
-                            test::formatted(format, arguments)));
+  current->note(
+      fmt::format("lcd {} {:#x} {} {} {}", row, column, attribute, mask, test::formatted(format, arguments)));
   va_end(arguments);
 }
 

@@ -403,13 +403,18 @@ class Judge {
                   const Shifts& shifts, Json& entry) {
     if (out.pcrs.empty() && source.pcrs.empty()) return;
     const auto length = static_cast<int64_t>(source.payload.size());
-    const auto anchor = std::find_if(out.pcrs.begin(), out.pcrs.end(),
-                                     [&](const Pcr& pcr) { return static_cast<int64_t>(pcr.at) >= first; });
-    if (anchor == out.pcrs.end() || source.pcrs.empty()) {
+    if (out.pcrs.empty() || source.pcrs.empty()) {
       faults_.add("added", fmt::format("PID {:#x}: only one of source and output has PCRs", number));
       return;
     }
-    const int64_t before = anchor - out.pcrs.begin();
+    // PCRs of packets without payload stand at the same byte whether they end a pass or begin the next. Those
+    // that begin one are the last of them.
+    const auto opening =
+        std::count_if(source.pcrs.begin(), source.pcrs.end(), [](const Pcr& pcr) { return pcr.at == 0; });
+    const int64_t before =
+        std::count_if(out.pcrs.begin(), out.pcrs.end(),
+                      [&](const Pcr& pcr) { return static_cast<int64_t>(pcr.at) <= first; }) -
+        opening;
     Spread wait;
     int64_t ticks = out.pcrs[0].ticks;
     for (size_t i = 0; i < out.pcrs.size(); ++i) {
@@ -432,8 +437,8 @@ class Judge {
       if (common > wrap / 2) common -= wrap;
       if (common < -wrap / 2) common += wrap;
       allAdded_.add(common);
-      if (const auto shift = shifts.find(passOf(static_cast<int64_t>(pcr.at), first, length));
-          shift != shifts.end())
+      const int64_t pass = passOf(static_cast<int64_t>(i), before, static_cast<int64_t>(source.pcrs.size()));
+      if (const auto shift = shifts.find(pass); shift != shifts.end())
         wait.add(signedModulo(pcr.ticks - was.ticks - shift->second * kPcrPerPts, kPcrWrap));
     }
     if (const double ns = added_[number].ns(options_.rateNum); ns > options_.tolerance_ns)

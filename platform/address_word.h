@@ -13,8 +13,9 @@ inline u32 addressWord(const void* object) {
   return static_cast<u32>(reinterpret_cast<std::uintptr_t>(object));
 }
 
+// constexpr, so that on the controller a constant table that holds such words needs no constructor.
 template <typename Result, typename... Arguments>
-u32 addressWord(Result (*function)(Arguments...)) {
+constexpr u32 addressWord(Result (*function)(Arguments...)) {
   return static_cast<u32>(reinterpret_cast<std::uintptr_t>(function));
 }
 

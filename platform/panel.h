@@ -15,17 +15,18 @@ struct Label {
 
 // One line of a menu. A table is an array of them, its last marked so by `flag`.
 struct item_t {
-  u32 id;      // variable; kNoVariable for navigation and options
-  u16 val;     // of an option: the variable's value that it stands for; of a root: the slot
-  u16 flag;    // kLast and others below
-  u32 minVal;  // with kHandler, the address word of an `ItemHandler`
-  u32 maxVal;
-  const char* postfix;    // unit after a value
-  const item_t* submenu;  // the table below, or the table of options; null for leaves
-  Label zh;               // GBK
-  Label en;               // ASCII
-
   static constexpr u32 kNoVariable = 0xFFFFFFFF;
+
+  u32 id = kNoVariable;  // variable; kNoVariable for navigation and options
+  u16 val = 0;           // of an option: the variable's value that it stands for; of a root: the slot
+  u16 flag = 0;          // kLast and others below
+  u32 minVal = 0;        // with kHandler, the address word of an `ItemHandler`
+  u32 maxVal = 0;
+  const char* postfix = "";         // unit after a value
+  const item_t* submenu = nullptr;  // the table below, or the table of options; null for leaves
+  Label zh = {};                    // GBK
+  Label en = {};                    // ASCII
+
   static constexpr u16 kReadOnly = 0x0001;  // of a handler: it shows and does not edit
   static constexpr u16 kLast = 0x0002;      // of its table
   static constexpr u16 kSettable = 0x0004;  // of an option item: the operator may choose

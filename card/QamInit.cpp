@@ -1,6 +1,7 @@
 #include "card/QamInit.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "card/QamCardPara.h"
 #include "card/QamFpga.h"
@@ -14,6 +15,7 @@
 #include "platform/memory.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ui/qamMenu.h"
 
 namespace {
 
@@ -26,6 +28,17 @@ constexpr int kSendQueueLength = 256;
 u32 windowAddress(u8 slotNo) {
   constexpr u32 kFirstWindow = 0x60000000;
   return slotNo == 0 ? kFirstWindow : kFirstWindow + (0x200U << (slotNo - 1));
+}
+
+void setLast(chassis::Label& label, char character) {
+  label.text[std::strlen(label.text) - 1] = character;
+}
+
+void nameMenuFor(u8 slotNo) {
+  const char number = static_cast<char>('1' + slotNo);
+  qamMenuInit.val = slotNo;
+  setLast(qamMenuInit.zh, number);
+  setLast(qamMenuInit.en, number);
 }
 
 int psiSendEntry(int slotNo, int port, int, int, int, int, int, int, int, int) {
@@ -61,6 +74,8 @@ void Qam_Init(u8 slotNo) {
   descriptor->cardType = QAM_CARD_TYPE;
   descriptor->in_port_num = 0;
   descriptor->out_port_num = MAX_QAM_OUT_NUM;
+  descriptor->menu = &qamMenuInit;
+  nameMenuFor(slotNo);
   descriptor->getVar = QamGetVar;
   descriptor->setVar = QamSetVar;
   descriptor->backInit = qamBackInit;
@@ -70,6 +85,7 @@ void Qam_Init(u8 slotNo) {
   descriptor->varSize = sizeof(QamCardPara);
 
   chassis::cardInsert(descriptor);
+  chassis::menuRegister(descriptor->menu);
   chassis::configOneSlotBus(slotNo, 1, 255);
   chassis::setCardType(slotNo, kSlotCardType);
   descriptor->backInit(slotNo);

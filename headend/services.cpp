@@ -199,6 +199,13 @@ int para_save(u8 slotNo) {
   return slotNo < MAX_BOARD_NUM ? running->chassis().save(slotNo) : os::ERROR;
 }
 
+void menuRegister(item_t* /*root*/) {}
+void menuDispItem(const item_t* /*item*/, int /*arg2*/, u32 /*attribute*/) {}
+u8 keyScan() {
+  kernel().delay(1);
+  return kKeyNone;
+}
+
 void lcdPrintf(int row, int /*column*/, u32 /*attribute*/, u32 /*mask*/, const char* format, ...) {
   std::array<char, 128> text{};
   std::va_list args;

@@ -328,12 +328,26 @@ int para_save(u8 slotNo) {
   return 0;
 }
 
+void menuRegister(item_t* root) {
+  current->note(fmt::format("menu {} {}", root->val, root->en.text));
+}
+
+void menuDispItem(const item_t* item, int arg2, u32 attribute) {
+  current->note(fmt::format("heading {} {} {:x}", item->en.text, arg2, attribute));
+}
+
 void lcdPrintf(int row, int column, u32 attribute, u32 mask, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  current->note(
-      fmt::format("lcd {} {:#x} {} {} {}", row, column, attribute, mask, test::formatted(format, arguments)));
+  current->note(fmt::format("lcd {} {} {:x} {:x} {}", row,
+                            column == kPanelWholeLine ? "whole" : std::to_string(column), attribute, mask,
+                            test::formatted(format, arguments)));
   va_end(arguments);
+}
+
+u8 keyScan() {
+  if (!current->onKeyScan) current->leave();
+  return current->onKeyScan();
 }
 
 void Delay5us() {

@@ -86,6 +86,7 @@ class FakeChassis {
   std::deque<std::optional<Bytes>>
       datagrams;  // that come, from 192.0.2.1:7; none: an error. Then nobody sends
   std::function<void(std::string_view)> onCall;  // "save" or "malloc", before it is carried out
+  std::function<u8()> onKeyScan;                 // the key pressed; empty: nobody ever presses one
 
   // What the module did. `log` has a line a call, in order; allocations, queue traffic and registers are
   // apart.

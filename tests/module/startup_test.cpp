@@ -27,8 +27,8 @@ constexpr const char* kBitstream = "/tffs0/K717_QAM/qam.bin";
 TEST_F(ModuleTest, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
   Qam_Init(2);
   EXPECT_EQ(fake.log, (Lines{"open /tffs0/para/card3.dat rb+", "debug slot 2 's para file is not exist\r\n",
-                             "save 2", "insert 2", "configure bus 2 1 255", "card type 2 3002",
-                             "variables 02000000 02010000 OutVars of Slot2 port0\n",
+                             "save 2", "insert 2", "menu 2 QAM card3", "configure bus 2 1 255",
+                             "card type 2 3002", "variables 02000000 02010000 OutVars of Slot2 port0\n",
                              "variables 02010000 02020000 OutVars of Slot2 port1\n"}));
   const chassis::card* card = chassis::head;
   ASSERT_NE(card, nullptr);
@@ -109,7 +109,7 @@ TEST_F(ModuleTest, AnFpgaThatDoesNotStartLeavesTheSlotIdle) {
   QamInit(4);
   ASSERT_GE(fake.log.size(), 2U);
   EXPECT_EQ((Lines{fake.log.end() - 2, fake.log.end()}),
-            (Lines{"lcd 0 0x20000000 0 0 Loading Card4", "lcd 3 0x20000000 0 0 Config Error"}));
+            (Lines{"lcd 0 whole 0 0 Loading Card4", "lcd 3 whole 0 0 Config Error"}));
   EXPECT_EQ(QamFpgaIf[4], nullptr);
   EXPECT_TRUE(fake.queues.empty());
   EXPECT_TRUE(fake.tasks.empty());

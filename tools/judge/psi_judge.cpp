@@ -278,10 +278,10 @@ class Judge {
     if (size == 0 || marks.size() < size) return groups;
     size_t first = 0;
     if (options_.fromSeconds > 0)
-      for (size_t i = 1, longest = 0; i < size; ++i)
+      for (size_t i = 1, longest = 0; i <= size && i < marks.size(); ++i)
         if (const size_t gap = marks[i].index - marks[i - 1].index; gap > longest) {
           longest = gap;
-          first = i;
+          first = i % size;  // a silence behind as many as there are: it was joined between two groups
         }
     for (; first + size <= marks.size(); first += size) {
       Bytes order;

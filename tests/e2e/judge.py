@@ -247,7 +247,7 @@ ROWS = {
     'good-many': dict(source=MANY),
     'good-jitter': dict(source=SMALL, output=to_half_tick),
     'good-joined-late': dict(source=MANY, args=['--from', '1.2345']),
-    'good-joined-between': dict(source=MANY, args=['--from', '1.4']),
+    'good-joined-between': dict(source=SMALL, args=['--from', '1.6']),
     'good-untimed': dict(source=SMALL, carousel=slow('CAT'), args=['--untimed']),
     'good-silent-table': dict(source=MANY, intervals={'BAT': 0}),
     'good-source-with-history': dict(source=MANY, history=True),

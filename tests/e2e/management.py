@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
 """A running headend and its clients: qamctl, well-behaved ones, hostile ones, and one that goes away."""
-import os
 import random
 import re
 import struct
@@ -9,7 +8,17 @@ import harness
 from harness import (NOT_STARTED, PSI_INTERVAL, PSI_LOCK, PSI_PACKETS, READ, STATUS, TYPES, WRITE, Client, Server,
                      chunk, packed, section)
 
+MAP_LOCK, MAP_CHUNK = 0x2101, 0x2102
 SDT = packed(0x11, section(0x42, 5, b'\0\1\xff'))
+
+
+def entry(slot=6, port=1, pid=0x100):
+    """A PID map entry; slot and port count from 1."""
+    return struct.pack('>HHIHHHH', slot - 1, 2, port - 1, 1, 2, pid, pid ^ 1)
+
+
+def map_chunk(total, start, *entries):
+    return struct.pack('>III', total, start, len(entries)) + b''.join(entries)
 
 
 def qamctl_round(case):
@@ -86,13 +95,55 @@ RESULTS = [
     ('chunk of no table', WRITE, PSI_PACKETS, 1, 1, chunk(0x12, 0x70, SDT), None, 3),
     ('lock read', READ, PSI_LOCK, 1, 1, b'', None, 0),
     ('interval write', WRITE, PSI_INTERVAL, 1, 1, INTERVAL_WRITE, None, 0),
+    ('map lock with a byte', WRITE, MAP_LOCK, 1, 1, b'\1', None, 22),
+    ('map too long', WRITE, MAP_CHUNK, 1, 1, map_chunk(257, 0, entry()), None, 1),
+    ('map of slot 7', WRITE, MAP_CHUNK, 1, 1, map_chunk(1, 0, entry(slot=7)), None, 3),
+    ('map of a missing input', WRITE, MAP_CHUNK, 1, 1, map_chunk(1, 0, entry(port=3)), None, 3),
+    ('map of an empty slot', WRITE, MAP_CHUNK, 1, 1, map_chunk(1, 0, entry(slot=2)), None, 21),
+    ('map entry cut', WRITE, MAP_CHUNK, 1, 1, map_chunk(1, 0, entry())[:-1], None, 22),
+    ('map read without a place', READ, MAP_CHUNK, 1, 1, b'', None, 22),
+    ('map read of slot 7', READ, MAP_CHUNK, 7, 1, bytes(4), None, 18),
+    ('map read of an empty slot', READ, MAP_CHUNK, 2, 1, bytes(4), None, 21),
+]
+
+# A client's whole life, step by step: what it sends, and what comes back.
+PAT = packed(0, section(0, 5, bytes.fromhex('0065e100')))
+LIFE = [
+    ('PSI lock', WRITE, PSI_LOCK, struct.pack('>I', 1), b''),
+    ('PSI locked', READ, PSI_LOCK, b'', struct.pack('>I', 1)),
+    ('packets', WRITE, PSI_PACKETS, chunk(0, 0, PAT * 3), b''),
+    ('interval', WRITE, PSI_INTERVAL, struct.pack('>B3xII', 0, 0x10064, 0), b''),
+    ('PSI unlock', WRITE, PSI_LOCK, bytes(4), b''),
+    ('PSI unlocked', READ, PSI_LOCK, b'', bytes(4)),
+    ('interval read', READ, PSI_INTERVAL, bytes(4), struct.pack('>B3xII', 0, 100, 3)),
+    ('packets from the second', READ, PSI_PACKETS, struct.pack('>HBxI', 0, 0, 1),
+     struct.pack('>HBxIIB3x', 0, 0, 3, 1, 2) + PAT[0] * 2),
+    ('packets from the 257th', READ, PSI_PACKETS, struct.pack('>HBxI', 0, 0, 0x100),
+     struct.pack('>HBxIIB3x', 0, 0, 3, 0, 3) + PAT[0] * 3),
+    ('packets of no table', READ, PSI_PACKETS, struct.pack('>HBxI', 0, 0x70, 0),
+     struct.pack('>HBxIIB3x', 0, 0x70, 0, 0, 0)),
+    ('map lock', WRITE, MAP_LOCK, struct.pack('>I', 7), b''),
+    ('map locked', READ, MAP_LOCK, b'', struct.pack('>I', 1)),
+    ('map, last first', WRITE, MAP_CHUNK, map_chunk(3, 1, entry(pid=0x20, port=2), entry(pid=0x1FFF)), b''),
+    ('stray chunk', WRITE, MAP_CHUNK, map_chunk(3, 2, entry(), entry()), b''),
+    ('map, first', WRITE, MAP_CHUNK, map_chunk(3, 0, entry(pid=0x100, port=2)), b''),
+    ('map as it came', READ, MAP_CHUNK, bytes(4),
+     map_chunk(3, 0, entry(pid=0x100, port=2), entry(pid=0x20, port=2), entry(pid=0x1FFF))),
+    ('map unlock', WRITE, MAP_LOCK, bytes(4), b''),
+    ('map sorted, from the second', READ, MAP_CHUNK, struct.pack('>I', 1),
+     map_chunk(3, 1, entry(pid=0x20, port=2), entry(pid=0x100, port=2))),
+    ('map behind its end', READ, MAP_CHUNK, struct.pack('>I', 3), map_chunk(3, 3)),
 ]
 
 
 def results(case):
-    with Server(case, case.flash()) as server:
+    source = case.sample('four-programmes-cbr.ts')
+    with Server(case, case.flash(), '--source', f'6={source},{source}') as server:
         server.wait_started()
         client = Client(server.port)
+        for name, operation, variable, data, wanted in LIFE:
+            reply = client.request(operation, variable, 1, 2, data)
+            case.equal((reply.result, reply.data.hex()), (0, wanted.hex()), name)
         for name, operation, variable, slot, channel, data, length, wanted in RESULTS:
             reply = client.request(operation, variable, slot, channel, data, length)
             case.equal(reply.result, wanted, name)
@@ -166,8 +217,8 @@ def datagram_from(rng):
     if kind == 1 and len(data) > 16:
         data = data[:12] + bytes([rng.choice((0, 1, 7, 8, 255, (len(data) - 16) // 188 & 255))]) + data[13:]
     length = rng.choice((None, None, None, 0, 16, 65535, rng.randrange(65536)))
-    raw = Client.datagram(rng.choice((READ, WRITE, STATUS, 0, 4, 0x81, 255)), variable, rng.choice((1, 1, 1, 2, 6, 7)),
-                          rng.choice((1, 2, 2, 3)), data, length, rng.choice((1, rng.randrange(1 << 32))))
+    raw = Client.datagram(rng.choice((READ, WRITE, STATUS, *range(16), 0x81, 255)), variable,
+                          rng.choice((1, 1, 1, 2, 6, 7)), rng.choice((1, 2, 2, 3)), data, length, rng.choice((1, rng.randrange(1 << 32))))
     if kind == 2:  # one byte of the header wrong
         at = rng.randrange(24)
         raw = raw[:at] + bytes([rng.randrange(256)]) + raw[at + 1:]

@@ -5,6 +5,7 @@
 
 #include "client/psi_capture.h"
 #include "client/upload_plan.h"
+#include "platform/alarms.h"
 #include "platform/backend.h"
 #include "platform/mainboard.h"
 #include "ts/qamBack.h"
@@ -29,6 +30,17 @@ int taskDelay(int /*ticks*/) {
 int sysClkRateGet() {
   return 100;
 }
+int taskLock() {
+  return OK;
+}
+int taskUnlock() {
+  return OK;
+}
+int taskSpawn(const char* /*name*/, int /*priority*/, int /*options*/, int /*stackSize*/, FUNCPTR /*entry*/,
+              int /*arg1*/, int /*arg2*/, int /*arg3*/, int /*arg4*/, int /*arg5*/, int /*arg6*/,
+              int /*arg7*/, int /*arg8*/, int /*arg9*/, int /*arg10*/) {
+  return ERROR;
+}
 
 }  // extern "C"
 }  // namespace os
@@ -41,6 +53,17 @@ bbFpga_t* pbbFpgaIf = nullptr;
 
 int para_save(u8 /*slotNo*/) {
   return os::OK;
+}
+// Nothing stands, so that a condition that holds is raised anew in each pass.
+void AddAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTitle*/, const char* /*zhContent*/,
+                const char* /*enTitle*/, const char* /*enContent*/, const char* /*zhTrap*/,
+                const char* /*enTrap*/) {}
+void DelAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTrap*/, const char* /*enTrap*/) {}
+int IsAlarmExist(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, int /*arg4*/) {
+  return 0;
+}
+u8 out_port_to_mbrd_out(u8 slotNo, u8 port) {
+  return static_cast<u8>(MAX_QAM_OUT_NUM * slotNo + port);
 }
 void Delay5us() {}
 void delay5us() {}

@@ -16,6 +16,7 @@
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
 #include "ui/qamMenu.h"
+#include "ui/qamStatus.h"
 
 namespace {
 
@@ -78,6 +79,7 @@ void Qam_Init(u8 slotNo) {
   nameMenuFor(slotNo);
   descriptor->getVar = QamGetVar;
   descriptor->setVar = QamSetVar;
+  descriptor->statusCheck = qamStatusCheck;
   descriptor->backInit = qamBackInit;
   descriptor->init = QamInit;
   descriptor->auxClkIntRoutine = qamIntr;
@@ -88,6 +90,7 @@ void Qam_Init(u8 slotNo) {
   chassis::menuRegister(descriptor->menu);
   chassis::configOneSlotBus(slotNo, 1, 255);
   chassis::setCardType(slotNo, kSlotCardType);
+  qam_create_status(slotNo);
   descriptor->backInit(slotNo);
 }
 

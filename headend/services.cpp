@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "headend/headend.h"
+#include "platform/alarms.h"
 #include "platform/backend.h"
 #include "platform/bus.h"
 #include "platform/chassis.h"
@@ -213,6 +214,18 @@ void lcdPrintf(int row, int /*column*/, u32 /*attribute*/, u32 /*mask*/, const c
   std::vsnprintf(text.data(), text.size(), format, args);
   va_end(args);
   running->chassis().panelLine(row, text.data());
+}
+
+void AddAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTitle*/, const char* /*zhContent*/,
+                const char* /*enTitle*/, const char* /*enContent*/, const char* /*zhTrap*/,
+                const char* /*enTrap*/) {}
+void DelAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTrap*/, const char* /*enTrap*/) {}
+int IsAlarmExist(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, int /*arg4*/) {
+  return 0;
+}
+
+u8 out_port_to_mbrd_out(u8 slotNo, u8 port) {
+  return static_cast<u8>(headend::MainBoard::outputNumber(slotNo, port));
 }
 
 void Delay5us() {

@@ -3,11 +3,11 @@
 namespace headend {
 
 void MainBoard::watch(int slot, int port, Multiplexer& output) {
-  outputs_.at(bitOf(slot, port)) = &output;
+  outputs_.at(outputNumber(slot, port)) = &output;
 }
 
 bool MainBoard::overflows(int slot, int port, Nanos now) {
-  Multiplexer* output = outputs_.at(bitOf(slot, port));
+  Multiplexer* output = outputs_.at(outputNumber(slot, port));
   if (output == nullptr) return false;
   output->advance(now);
   const std::optional<Nanos> last = output->lastDrop();
@@ -18,7 +18,7 @@ u16 MainBoard::read(u32 /*offset*/, Nanos now) {
   unsigned bits = 0;
   for (int slot = 0; slot < kSlots; ++slot) {
     for (int port = 0; port < kPorts; ++port) {
-      if (overflows(slot, port, now)) bits |= 1U << bitOf(slot, port);
+      if (overflows(slot, port, now)) bits |= 1U << outputNumber(slot, port);
     }
   }
   return static_cast<u16>(bits);

@@ -15,6 +15,11 @@ class MainBoard final : public BusDevice {
   static constexpr u32 kRateOverflow = 376;
   static constexpr Nanos kOverflowHold = 2 * kSecond;
 
+  // The output's bit in the register.
+  static constexpr std::size_t outputNumber(int slot, int port) {
+    return static_cast<std::size_t>(slot) * kPorts + static_cast<std::size_t>(port);
+  }
+
   void watch(int slot, int port, Multiplexer& output);
 
   // Whether the output's bit is set; false where none is watched.
@@ -27,10 +32,6 @@ class MainBoard final : public BusDevice {
  private:
   static constexpr int kSlots = 6;
   static constexpr int kPorts = 2;
-  static std::size_t bitOf(int slot, int port) {
-    return static_cast<std::size_t>(slot) * kPorts + static_cast<std::size_t>(port);
-  }
-
   std::array<Multiplexer*, std::size_t{kSlots} * kPorts> outputs_{};
 };
 

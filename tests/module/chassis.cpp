@@ -10,11 +10,13 @@
 
 #include "card/QamInit.h"
 #include "headend/hardware/card_registers.h"
+#include "platform/alarms.h"
 #include "platform/bus.h"
 #include "platform/check.h"
 #include "platform/files.h"
 #include "platform/memory.h"
 #include "platform/sockets.h"
+#include "tests/module/gbk_text.h"
 
 namespace test {
 namespace {
@@ -228,6 +230,7 @@ int taskSpawn(const char* name, int priority, int options, int stackSize, FUNCPT
 }
 
 int taskDelay(int ticks) {
+  if (current->onCall) current->onCall("delay");
   current->note(fmt::format("delay {}", ticks));
   current->steps.push_back(fmt::format("{} ticks", ticks));
   return OK;
@@ -348,6 +351,29 @@ void lcdPrintf(int row, int column, u32 attribute, u32 mask, const char* format,
 u8 keyScan() {
   if (!current->onKeyScan) current->leave();
   return current->onKeyScan();
+}
+
+void AddAnAlarm(u8 slotNo, u8 port, u16 type, const char* zhTitle, const char* zhContent, const char* enTitle,
+                const char* enContent, const char* zhTrap, const char* enTrap) {
+  current->note(fmt::format("raise {} {} {} {}|{}|{}|{}|{}|{}", slotNo, port, type, test::utf8(zhTitle),
+                            test::utf8(zhContent), enTitle, enContent, test::utf8(zhTrap), enTrap));
+  current->alarms.emplace(slotNo, port, type);
+}
+
+void DelAnAlarm(u8 slotNo, u8 port, u16 type, const char* zhTrap, const char* enTrap) {
+  current->note(fmt::format("end {} {} {} {}|{}", slotNo, port, type, test::utf8(zhTrap), enTrap));
+  current->alarms.erase({slotNo, port, type});
+}
+
+int IsAlarmExist(u8 slotNo, u8 port, u16 type, int arg4) {
+  EXPECT_EQ(arg4, 0);
+  current->note(fmt::format("raised? {} {} {}", slotNo, port, type));
+  return current->alarms.contains({slotNo, port, type}) ? -1 : 0;
+}
+
+// Not the order of the slots.
+u8 out_port_to_mbrd_out(u8 slotNo, u8 port) {
+  return static_cast<u8>(15 - 2 * slotNo - port);
 }
 
 void Delay5us() {

@@ -18,6 +18,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "card/QamCardPara.h"
@@ -85,7 +86,7 @@ class FakeChassis {
   bool portsToBeHad = true;
   std::deque<std::optional<Bytes>>
       datagrams;  // that come, from 192.0.2.1:7; none: an error. Then nobody sends
-  std::function<void(std::string_view)> onCall;  // "save" or "malloc", before it is carried out
+  std::function<void(std::string_view)> onCall;  // "save", "malloc" or "delay", before it is carried out
   std::function<u8()> onKeyScan;                 // the key pressed; empty: nobody ever presses one
 
   // What the module did. `log` has a line a call, in order; allocations, queue traffic and registers are
@@ -100,6 +101,7 @@ class FakeChassis {
   std::vector<std::unique_ptr<os::MsgQ>> queues;
   const chassis::bc_var* variables = nullptr;                             // the table registered last
   std::map<std::pair<int, int>, std::vector<std::array<u16, 3>>> routes;  // by slot and port; sent in order
+  std::set<std::tuple<int, int, int>> alarms;                             // that stand: slot, port, type
   std::set<void*> blocks;                                                 // allocated and not freed
   std::set<std::FILE*> openFiles;
 

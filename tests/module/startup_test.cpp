@@ -10,6 +10,7 @@
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ui/qamStatus.h"
 
 namespace test {
 
@@ -42,6 +43,7 @@ TEST_F(ModuleTest, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
   EXPECT_EQ(card->init, &QamInit);
   EXPECT_EQ(card->getVar, &QamGetVar);
   EXPECT_EQ(card->setVar, &QamSetVar);
+  EXPECT_EQ(card->statusCheck, &qamStatusCheck);
   EXPECT_EQ(card->auxClkIntRoutine, &qamIntr);
   EXPECT_EQ(card->backInit, &qamBackInit);
   EXPECT_TRUE(card->trapRoutine == nullptr && card->Irq0Routine == nullptr && card->Irq4Routine == nullptr &&
@@ -92,7 +94,8 @@ TEST_F(ModuleTest, StartUpBuildsTheSendListsOfARecordWithItsChannelHalted) {
     para->pktNum[port][PAT] = 1;
   }
   Lines flags;
-  fake.onCall = [&](std::string_view) {
+  fake.onCall = [&](std::string_view call) {
+    if (call != "malloc") return;
     flags.push_back(fmt::format("{} {}", qam_is_setting_psi[0][0], qam_is_setting_psi[0][1]));
   };
   QamInit(0);

@@ -10,6 +10,7 @@
 
 #include "client/channel.h"
 #include "client/udp_link.h"
+#include "tools/status_report.h"
 
 namespace tools {
 namespace {
@@ -82,15 +83,6 @@ std::optional<u16> numberOf(std::string_view text, u16 most) {
 
 void addJson(CLI::App* app, bool& json) {
   app->add_flag("--json", json, "as JSON");
-}
-
-std::optional<Json> statusOf(client::Link& link) {
-  const client::Reply reply = link.call(client::makeRequest(client::Operation::kStatus, 0, 0, 0, {}));
-  if (reply.result != client::kDone) return std::nullopt;
-  constexpr int kMaxDepth = 16;  // deeper than any status; what lies below is not worth a full stack
-  const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth < kMaxDepth; };
-  Json status = Json::parse(reply.data.begin(), reply.data.end(), shallow, false);
-  return status.is_object() ? std::optional(std::move(status)) : std::nullopt;
 }
 
 Json requiredStatusOf(const std::string& server) {

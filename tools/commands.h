@@ -40,9 +40,7 @@ int slotOf(const std::string& slot);                           // from 0
 std::optional<u16> numberOf(std::string_view text, u16 most);
 void addJson(CLI::App* app, bool& json);
 
-// What the server tells of its chassis; nothing when it does not.
-std::optional<Json> statusOf(client::Link& link);
-// The same. Throws std::runtime_error, which names the server, when it does not tell.
+// What the server tells of its chassis. Throws std::runtime_error, which names the server, when it does not.
 Json requiredStatusOf(const std::string& server);
 
 // Indented, and escaped beyond ASCII, so that nothing the chassis sends acts on a terminal.

@@ -9,6 +9,7 @@
 
 #include "tools/commands.h"
 #include "tools/json_fields.h"
+#include "tools/status_report.h"
 
 namespace tools {
 namespace {

@@ -3,11 +3,10 @@
 
 #include <memory>
 #include <stdexcept>
-#include <utility>
 
-#include "client/channel.h"
 #include "tools/commands.h"
 #include "tools/json_fields.h"
+#include "tools/rf_report.h"
 
 namespace tools {
 namespace {
@@ -18,18 +17,6 @@ struct Options {
   bool json = false;
 };
 
-// The readout of each channel of the card, with its slot and channel in front.
-void appendCard(Json& all, const Json& card) {
-  const Json channels = member(card, "channels");
-  for (std::size_t i = 0; channels.is_array() && i < channels.size(); ++i) {
-    const Json rf = member(channels[i], "rf");
-    if (!rf.is_object()) continue;
-    Json entry = {{"slot", card["slot"]}, {"channel", i + 1}};
-    entry.update(rf);
-    all.push_back(std::move(entry));
-  }
-}
-
 Json readout(const Options& options) {
   const Json status = requiredStatusOf(options.server);
   Json all = Json::array();
@@ -38,7 +25,7 @@ Json readout(const Options& options) {
     const auto slot = number(card, "slot");
     if (!slot || (!options.slot.empty() && *slot != slotOf(options.slot) + 1)) continue;
     found = true;
-    appendCard(all, card);
+    for (const Json& entry : rfOfCard(card)) all.push_back(entry);
   }
   if (!found) {
     throw std::runtime_error(options.slot.empty()
@@ -49,34 +36,12 @@ Json readout(const Options& options) {
   return all;
 }
 
-// "-" where nothing is measured.
-std::string measured(const Json& entry, const char* key, double unit, int decimals) {
-  const auto value = number(entry, key);
-  return value ? fmt::format("{:.{}f}", *value / unit, decimals) : "-";
-}
-
-std::string textOf(const Json& all) {
-  constexpr auto kRow = "{:<4} {:<8} {:>9} {:>6} {:>8} {:>5} {:>10} {:>9}\n";
-  std::string text = fmt::format(kRow, "", "", "MHz", "dBuV", "", "kBd", "clock kBd", "bit/s");
-  for (const Json& entry : all) {
-    const std::string constellation = oneLine(member(entry, "constellation"));
-    text += fmt::format(kRow, fmt::format("{}.{}", whole(entry, "slot"), whole(entry, "channel")),
-                        oneLine(member(entry, "verdict")), measured(entry, "frequency_khz", 1000, 4),
-                        measured(entry, "level_dbuv", 1, 1), constellation.empty() ? "-" : constellation,
-                        measured(entry, "symbol_rate_kbd", 1, 0), measured(entry, "clock_kbd", 1, 3),
-                        measured(entry, "bit_rate", 1, 0));
-    const std::string why = oneLine(member(entry, "why"));
-    if (!why.empty()) text += fmt::format("     {}\n", why);
-  }
-  return text;
-}
-
 void rf(const Options& options) {
   const Json all = readout(options);
   if (options.json) {
     printJson(all);
   } else {
-    fmt::print("{}", textOf(all));
+    for (const std::string& line : rfLines(all)) fmt::print("{}\n", line);
   }
 }
 

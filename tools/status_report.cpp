@@ -70,6 +70,15 @@ std::string faultsText(const Json& status, const char* key, const char* title) {
 
 }  // namespace
 
+std::optional<Json> statusOf(client::Link& link) {
+  const client::Reply reply = link.call(client::makeRequest(client::Operation::kStatus, 0, 0, 0, {}));
+  if (reply.result != client::kDone) return std::nullopt;
+  constexpr int kMaxDepth = 16;  // deeper than any status; what lies below is not worth a full stack
+  const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth < kMaxDepth; };
+  Json status = Json::parse(reply.data.begin(), reply.data.end(), shallow, false);
+  return status.is_object() ? std::optional(std::move(status)) : std::nullopt;
+}
+
 std::optional<double> auxHzOf(const Json& status) {
   const auto hz = number(status, "aux_hz");
   return hz && *hz > 0 ? hz : std::nullopt;

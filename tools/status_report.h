@@ -1,12 +1,16 @@
-// What `qamctl status` tells: the chassis's status object as text for people.
+// The chassis's status object, and what `qamctl status` tells of it as text for people.
 #pragma once
 
 #include <optional>
 #include <string>
 
+#include "client/link.h"
 #include "tools/psi_decode.h"
 
 namespace tools {
+
+// What the server tells of its chassis; nothing when it does not. Throws client::LinkError.
+std::optional<Json> statusOf(client::Link& link);
 
 // The status in lines. Whatever is missing from it, or of another kind than expected, is left out.
 std::string statusText(const Json& status);

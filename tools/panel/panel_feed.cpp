@@ -1,0 +1,32 @@
+#include "tools/panel/panel_feed.h"
+
+#include "tools/json_fields.h"
+#include "tools/rf_report.h"
+#include "tools/status_report.h"
+
+namespace tools {
+
+void PanelFeed::refresh(PanelState& state) {
+  state.lcd = client::readLcd(link_);
+  const Clock::time_point now = Clock::now();
+  if (now < next_) return;
+  state.alarms = client::readAlarms(link_);
+  readStatus(state);
+  next_ = now + std::chrono::milliseconds(500);
+}
+
+void PanelFeed::readStatus(PanelState& state) {
+  const auto status = statusOf(link_);
+  if (!status) return;
+  state.cards = {};
+  Json readouts = Json::array();
+  for (const Json& card : member(*status, "cards")) {
+    const auto slot = number(card, "slot");
+    if (!slot || *slot < 1 || *slot > client::kSlots) continue;
+    state.cards[static_cast<std::size_t>(*slot) - 1] = oneLine(member(card, "state"));
+    for (const Json& readout : rfOfCard(card)) readouts.push_back(readout);
+  }
+  state.rf = rfLines(readouts);
+}
+
+}  // namespace tools

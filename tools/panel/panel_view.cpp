@@ -1,0 +1,241 @@
+#include "tools/panel/panel_view.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace tools {
+namespace {
+
+using Colour = Look::Colour;
+
+struct Caption {
+  const char* en;
+  const char* zh;
+};
+
+constexpr Caption kTitle = {"Front panel", "前面板"};
+constexpr Caption kNoAnswer = {"no answer for {} s", "{} 秒无应答"};
+constexpr Caption kAlarm = {"alarm", "告警"};
+constexpr Caption kAlarms = {"Alarms (UTC)", "告警 (UTC)"};
+constexpr Caption kNoAlarm = {"none", "无"};
+constexpr Caption kSlot = {"slot", "槽位"};
+constexpr Caption kNoCard = {"no card", "无卡"};
+constexpr Caption kMore = {"... {} more", "... 还有 {} 条"};
+constexpr Caption kKeys = {"l 中文   p pixels   q quit", "l English   p 点阵   q 退出"};
+constexpr Caption kNoRoom = {"(too small for pixels)", "(终端太小,无法显示点阵)"};
+constexpr Caption kTooSmall = {"Terminal too small: {}x{}, needs {}x{}. q quits",
+                               "终端太小: {}x{}, 至少需要 {}x{}. q 退出"};
+
+struct StateName {
+  const char* name;  // in the status
+  const char* zh;
+  Colour colour;
+};
+constexpr StateName kStates[] = {
+    {"starting", "启动中", Colour::kWarning},
+    {"running", "运行", Colour::kGood},
+    {"config_error", "配置错误", Colour::kBad},
+    {"no_bitstream", "无配置文件", Colour::kBad},
+    {"hung", "挂起", Colour::kBad},
+    {"not_registered", "未注册", Colour::kBad},
+    {"no_record", "无参数记录", Colour::kBad},
+};
+
+struct Key {
+  chassis::PanelKey key;
+  const char* cap;
+};
+constexpr Key kKeypad[] = {
+    {chassis::kKeyUp, "↑"},    {chassis::kKeyDown, "↓"},        {chassis::kKeyLeft, "←"},
+    {chassis::kKeyRight, "→"}, {chassis::kKeyConfirm, "Enter"}, {chassis::kKeyCancel, "Esc"},
+};
+
+// How the LCD is drawn, and the columns and rows that it takes within its frame.
+struct LcdStyle {
+  enum class Kind { kText, kBraille, kHalfBlocks };
+  Kind kind;
+  int width;
+  int height;
+};
+constexpr LcdStyle kText = {LcdStyle::Kind::kText, client::kLcdWidth / 8, client::kLcdRows};
+constexpr LcdStyle kBraille = {LcdStyle::Kind::kBraille, client::kLcdWidth / 2, client::kLcdHeight / 4};
+constexpr LcdStyle kHalfBlocks = {LcdStyle::Kind::kHalfBlocks, client::kLcdWidth, client::kLcdHeight / 2};
+
+constexpr int kLampWidth = 22;   // beside the LCD
+constexpr int kAlarmsShown = 3;  // at least, however long the RF readout is
+
+class PanelPainter {
+ public:
+  PanelPainter(const PanelState& state, int width, int height) : state_(state), screen_(width, height) {}
+
+  Screen paint() {
+    if (screen_.width() < kPanelMinWidth || screen_.height() < kPanelMinHeight) {
+      screen_.text(0, 0,
+                   fmt::format(fmt::runtime(word(kTooSmall)), screen_.width(), screen_.height(),
+                               kPanelMinWidth, kPanelMinHeight));
+      return std::move(screen_);
+    }
+    const LcdStyle style = lcdStyle();
+    title();
+    lcd(style);
+    lamps(style.width + 4);
+    keypad(style.height + 3);
+    readings(style.height + 5);
+    footer(style);
+    return std::move(screen_);
+  }
+
+ private:
+  const char* word(const Caption& caption) const {
+    return state_.language == PanelState::Language::kChinese ? caption.zh : caption.en;
+  }
+
+  bool hasRoom(const LcdStyle& style) const {
+    return screen_.width() >= style.width + 4 + kLampWidth &&
+           screen_.height() >= style.height - kText.height + kPanelMinHeight;
+  }
+
+  LcdStyle lcdStyle() const {
+    if (!state_.pixels) return kText;
+    return hasRoom(kHalfBlocks) ? kHalfBlocks : hasRoom(kBraille) ? kBraille : kText;
+  }
+
+  void title() {
+    const int x = screen_.text(0, 0, word(kTitle), {.bold = true});
+    const int end = screen_.text(x + 2, 0, state_.server);
+    const std::string trouble = state_.silentSeconds
+                                    ? fmt::format(fmt::runtime(word(kNoAnswer)), *state_.silentSeconds)
+                                    : state_.refusal;
+    if (!trouble.empty())
+      screen_.text(end + 2, 0, " " + trouble + " ", {.colour = Colour::kBad, .inverse = true});
+  }
+
+  void lcd(const LcdStyle& style) {
+    std::string edge;
+    for (int i = 0; i < style.width; ++i) edge += "─";
+    screen_.text(0, 1, "┌" + edge + "┐");
+    for (int y = 0; y < style.height; ++y) {
+      screen_.text(0, 2 + y, "│");
+      screen_.text(style.width + 1, 2 + y, "│");
+    }
+    screen_.text(0, 2 + style.height, "└" + edge + "┘");
+    if (!state_.lcd) return;
+    if (style.kind == LcdStyle::Kind::kText) {
+      for (const client::LcdCharacter& c : state_.lcd->characters) character(c);
+      return;
+    }
+    for (int y = 0; y < style.height; ++y) {
+      for (int x = 0; x < style.width; ++x) {
+        const wchar_t cell = style.kind == LcdStyle::Kind::kBraille ? braille(x, y) : halfBlock(x, y);
+        screen_.put(1 + x, 2 + y, cell, {}, screen_.width());
+      }
+    }
+  }
+
+  // A character of two LCD cells takes two columns, also where the terminal's own is narrow.
+  void character(const client::LcdCharacter& c) {
+    const int cells = c.character < 0x80 ? 1 : 2;
+    const int x = 1 + (c.x + 7) / 8;
+    const int y = 2 + c.row;
+    const int end = 1 + kText.width;
+    if (c.row >= client::kLcdRows || x + cells > end) return;
+    const Look look = {.inverse = c.inverse};
+    for (int i = 0; i < cells; ++i) screen_.put(x + i, y, L' ', look, end);
+    if (screen_.put(x, y, static_cast<wchar_t>(c.character), look, x + cells) == 0)
+      screen_.put(x, y, L'?', look, end);
+  }
+
+  wchar_t braille(int x, int y) const {
+    constexpr std::array<std::array<int, 2>, 4> kDots = {
+        {{0x01, 0x08}, {0x02, 0x10}, {0x04, 0x20}, {0x40, 0x80}}};
+    int dots = 0;
+    for (int dy = 0; dy < 4; ++dy) {
+      for (int dx = 0; dx < 2; ++dx) {
+        const int dot = kDots[static_cast<std::size_t>(dy)][static_cast<std::size_t>(dx)];
+        if (state_.lcd->pixel(2 * x + dx, 4 * y + dy)) dots |= dot;
+      }
+    }
+    return static_cast<wchar_t>(L'\u2800' + dots);
+  }
+
+  wchar_t halfBlock(int x, int y) const {
+    const bool upper = state_.lcd->pixel(x, 2 * y);
+    const bool lower = state_.lcd->pixel(x, 2 * y + 1);
+    return upper ? (lower ? L'█' : L'▀') : lower ? L'▄' : L' ';
+  }
+
+  void lamps(int x) {
+    for (int slot = 0; slot < client::kSlots; ++slot) {
+      const std::string& state = state_.cards[static_cast<std::size_t>(slot)];
+      const auto* const known = std::find_if(std::begin(kStates), std::end(kStates),
+                                             [&](const StateName& s) { return state == s.name; });
+      const bool isKnown = known != std::end(kStates);
+      const bool chinese = state_.language == PanelState::Language::kChinese;
+      const std::string text = state.empty() ? word(kNoCard) : isKnown && chinese ? known->zh : state;
+      lamp(x, 1 + slot, !state.empty(), isKnown ? known->colour : Colour::kBad,
+           fmt::format("{} {}", slot + 1, text));
+    }
+    const std::size_t alarms = state_.alarms.size();
+    lamp(x, 1 + client::kSlots, alarms > 0, Colour::kBad,
+         alarms > 0 ? fmt::format("{} {}", word(kAlarm), alarms) : word(kAlarm));
+  }
+
+  void lamp(int x, int y, bool on, Colour colour, const std::string& text) {
+    screen_.text(x, y, on ? "●" : "○", {.colour = on ? colour : Colour::kPlain});
+    screen_.text(x + 2, y, text, {}, x + kLampWidth);
+  }
+
+  void keypad(int y) {
+    int x = 0;
+    for (const Key& key : kKeypad)
+      x = 1 + screen_.text(x, y, key.cap, {.inverse = key.key == state_.pressed});
+  }
+
+  // The RF readout, and the alarms, the latest first, in what is left.
+  void readings(int y) {
+    const int end = screen_.height() - 1;
+    const int alarms = 1 + std::clamp(static_cast<int>(state_.alarms.size()), 1, kAlarmsShown);
+    const int rfEnd = std::min(y + static_cast<int>(state_.rf.size()), end - alarms);
+    list(y, rfEnd, state_.rf);
+    screen_.text(0, rfEnd, word(kAlarms), {.bold = true});
+    std::vector<std::string> lines;
+    for (auto alarm = state_.alarms.rbegin(); alarm != state_.alarms.rend(); ++alarm)
+      lines.push_back(alarmLine(*alarm));
+    if (lines.empty()) lines.emplace_back(word(kNoAlarm));
+    list(rfEnd + 1, end, lines);
+  }
+
+  void list(int y, int end, const std::vector<std::string>& lines) {
+    const auto room = static_cast<std::size_t>(end - y);
+    const std::size_t shown = lines.size() <= room ? lines.size() : room - 1;
+    for (std::size_t i = 0; i < shown; ++i) screen_.text(0, y + static_cast<int>(i), lines[i]);
+    if (shown < lines.size())
+      screen_.text(0, end - 1, fmt::format(fmt::runtime(word(kMore)), lines.size() - shown));
+  }
+
+  std::string alarmLine(const client::Alarm& alarm) const {
+    const bool chinese = state_.language == PanelState::Language::kChinese;
+    return fmt::format("{} {}  {:%Y-%m-%d %H:%M:%S}  {}  {}", word(kSlot), alarm.slot + 1,
+                       fmt::gmtime(static_cast<std::time_t>(alarm.happened)),
+                       chinese ? alarm.zhTitle : alarm.enTitle, chinese ? alarm.zhText : alarm.enText);
+  }
+
+  void footer(const LcdStyle& style) {
+    const int y = screen_.height() - 1;
+    const int x = screen_.text(0, y, word(kKeys));
+    if (state_.pixels && style.kind == LcdStyle::Kind::kText) screen_.text(x + 2, y, word(kNoRoom));
+  }
+
+  const PanelState& state_;
+  Screen screen_;
+};
+
+}  // namespace
+
+Screen drawPanel(const PanelState& state, int width, int height) {
+  return PanelPainter(state, width, height).paint();
+}
+
+}  // namespace tools

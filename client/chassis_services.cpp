@@ -7,7 +7,6 @@
 #include "platform/wire.h"
 
 namespace client {
-namespace {
 
 Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, const std::string& what) {
   const Reply reply = link.call(makeRequest(operation, 0, place.slot, place.port, std::move(data)));
@@ -20,8 +19,6 @@ Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, con
 [[noreturn]] void misshapen(const std::string& what) {
   throw ServiceError(fmt::format("cannot {}: the reply is not of the form that this program knows", what));
 }
-
-}  // namespace
 
 std::string inputName(const SourcePort& source) {
   return fmt::format("input {}.{}", source.slot + 1, source.port + 1);

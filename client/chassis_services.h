@@ -20,6 +20,12 @@ class ServiceError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Asks the chassis to carry out an operation; the data of its reply. `what` it is for stands in errors.
+// Throws ServiceError or LinkError.
+Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, const std::string& what);
+// Throws ServiceError: the reply has not the form that this program knows.
+[[noreturn]] void misshapen(const std::string& what);
+
 // An input of a source card; both count from 0 here and from 1 for operators.
 struct SourcePort {
   u16 slot = 0;

@@ -36,6 +36,9 @@ struct Lcd {
   std::string text(int row) const;
 };
 
+// The data of a reply to kLcd.
+Bytes encode(const Lcd& lcd);
+
 // Throws ServiceError or LinkError.
 Lcd readLcd(Link& link);
 

@@ -275,7 +275,7 @@ class Replacement {
   }
 
   [[noreturn]] void failUnverified(const std::string& cause) const {
-    throw PidMapError(
+    throw MapUnseenError(
         fmt::format("the new map of {} was sent whole and unlocked, but could not be found in place: {}{}\n"
                     "'qamctl pidmap show {}' tells what the channel carries",
                     name_, cause, whereKept(), name_));

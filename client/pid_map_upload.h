@@ -32,10 +32,18 @@ struct MapOptions {
 // Notes output PIDs on which the card sends tables of its own. Throws PidMapError, which names the entries.
 void checkMap(const std::vector<MapEntry>& entries, const MapOptions& options);
 
+// The new map was sent whole and unlocked, and could not be found in place: it is on the air all the same,
+// unless another client came in between.
+class MapUnseenError : public PidMapError {
+ public:
+  using PidMapError::PidMapError;
+};
+
 // Replaces the channel's map: checks it, refuses a locked channel, keeps the map that is there, locks, sends,
 // compares, unlocks, and looks whether record and router hold it. An error after the lock sends back the map
 // that was there and unlocks; where that fails too, what() says what stands where and which command comes
-// next. Throws PidMapError; LinkError only where nothing was changed yet.
+// next. Throws PidMapError (MapUnseenError once the new map is unlocked); LinkError only where nothing was
+// changed yet.
 void replaceMap(Link& link, const Channel& channel, const std::vector<MapEntry>& entries,
                 const MapOptions& options);
 

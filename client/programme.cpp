@@ -119,6 +119,10 @@ class Change {
     if (plan_.map != both) {
       try {
         replaceMap(link_, before_.channel, plan_.map, options_.map);
+      } catch (const MapUnseenError& e) {  // the old tables would name what the new map does not bring
+        dropFile();
+        throw ProgrammeError(
+            fmt::format("{}\nThe tables of {} are the new ones", e.what(), ownerName(before_.channel)));
       } catch (const std::runtime_error& e) {
         undo(e.what(), tablesChange, both);
       }

@@ -108,6 +108,10 @@ void checkTogether(const Options& options) {
     if (!VcdTrace::matches(glob, options.slots))
       refuse("--trace-lines", glob, "no register of the cards has such a name, as cdce925_* or slot1.att_*");
   }
+  if (options.panel && options.fast)
+    throw CLI::ValidationError("--panel", "is for real time: leave --fast out");
+  if (options.panel && !options.manage)
+    throw CLI::ValidationError("--panel", "reaches the headend over --manage, which is off");
   if (options.fast && !options.duration)
     throw CLI::ValidationError("--fast", "needs --seconds: nothing else would end the run");
 }
@@ -123,6 +127,8 @@ struct Texts {
   std::vector<std::string> programmes;
   double deJitter_ms = 200;
   std::vector<std::string> settings;
+  std::vector<std::string> keys;
+  double menuTimeout_s = 60;
   std::vector<std::string> faults;
   std::vector<std::string> eepromCycles;
   std::optional<std::string> calibration;
@@ -176,6 +182,13 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from that "
       "time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes input P of "
       "source card N away, for good or for the first half of each period");
+  app.add_option("--key", t.keys,
+                 "NAME[,NAME...][@SECONDS]: press keys of the front panel: up, down, left, right, ok, cancel "
+                 "(repeatable)");
+  app.add_option("--menu-timeout", t.menuTimeout_s,
+                 "seconds without a key after which the front panel goes back to its first screen; 0: never")
+      ->check(CLI::Range(0, 86'400))
+      ->capture_default_str();
   app.add_option("--seconds", t.seconds, "end after this much virtual time");
   app.add_flag("--fast", o.fast, "as fast as this machine can; needs --seconds");
   app.add_option(
@@ -191,6 +204,10 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
                  "no authentication: leave it on loopback unless the network is yours")
       ->expected(0, 1)
       ->default_str("127.0.0.1:49156");
+  app.add_flag(
+      "--panel", o.panel,
+      "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says "
+      "meanwhile goes to --log, or is shown when the panel has ended. Whoever quits it ends the run");
   app.add_option("--log", o.log, "debug lines into this file instead of stderr");
   app.add_option("--report", o.report, "write the report (JSON, docs/report.md) to this file at the end");
   app.add_option(
@@ -269,6 +286,8 @@ void interpret(const Texts& t, Options& o) {
   for (const std::string& text : t.programmes) parseProgramme(text, o);
   o.deJitter = static_cast<Nanos>(t.deJitter_ms * 1e6);
   for (const std::string& text : t.settings) parseSet(text, o);
+  o.menuTimeout = static_cast<Nanos>(t.menuTimeout_s * 1e9);
+  for (const std::string& text : t.keys) parseKeys(text, o);
   for (const std::string& text : t.faults) {
     if (!parseInputLoss(text, o)) parseFault(text, o);
   }

@@ -1,10 +1,12 @@
 #include "headend/flag_values.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 
 #include "client/card_variables.h"
+#include "client/panel.h"
 #include "headend/hardware/faults.h"
 
 namespace headend {
@@ -194,6 +196,21 @@ void parseSet(const std::string& text, Options& options) {
   } catch (const std::invalid_argument& e) {
     throw CLI::ValidationError("--set", "'" + text + "': " + e.what());
   }
+}
+
+void parseKeys(const std::string& text, Options& options) {
+  Options::Keys keys{.names = text, .keys = {}, .at = 0};
+  keys.at = takeTime("--key", keys.names);
+  try {
+    for (std::size_t from = 0; from <= keys.names.size();) {
+      const std::size_t end = std::min(keys.names.find(',', from), keys.names.size());
+      keys.keys.push_back(client::keyOf(std::string_view(keys.names).substr(from, end - from)));
+      from = end + 1;
+    }
+  } catch (const std::invalid_argument& e) {
+    throw CLI::ValidationError("--key", "'" + text + "': " + e.what());
+  }
+  options.keys.push_back(std::move(keys));
 }
 
 void parseFault(const std::string& text, Options& options) {

@@ -60,6 +60,7 @@ Headend::Headend(Options options)
       network_(kernel_),
       bus_(violations_),
       chassis_(kernel_, bus_, flash_, log_),
+      panel_(kernel_, options_.menuTimeout, menuFirmware()),
       backEnd_(kernel_, network_, chassis_, monitor_, log_),
       search_(kernel_, [this](int slot, int port) { return outputOf(slot, port); }),
       operator_(kernel_, network_, chassis_, log_),
@@ -86,6 +87,7 @@ Headend::Headend(Options options)
   chassis_.start(options_.slots);
   backEnd_.onRunning([this](int slot) { return state(slot) == CardState::kRunning; });
   backEnd_.start();
+  panel_.menu().start();
   operator_.start(std::move(jobs));
 }
 
@@ -268,9 +270,20 @@ void Headend::provideServices() {
     if (cards_[static_cast<std::size_t>(slot)] == nullptr) return client::kNoCard;
     return state(slot) == CardState::kRunning ? shell_.call(request, reply) : client::kNotRunning;
   });
+  backEnd_.provide(Operation::kLcd,
+                   [this](const client::Request&, client::Bytes& reply) { return panel_.show(reply); });
+  backEnd_.provide(Operation::kKey,
+                   [this](const client::Request& request, client::Bytes&) { return panel_.press(request); });
   backEnd_.provide(Operation::kCallResult, [this](const client::Request& request, client::Bytes& reply) {
     return shell_.result(request, reply);
   });
+}
+
+MenuEngine::Firmware Headend::menuFirmware() {
+  return {.card = [this](int slot) { return chassis_.slot(slot).descriptor; },
+          .fault = [this](int slot) { return panelWords(state(slot)); },
+          .text = [this](int slot, u32 id) { return chassis_.readText(slot, id); },
+          .stop = [this](const std::string& why) { kernel_.fail(why); }};
 }
 
 u32 Headend::routerMap(const client::Request& request, client::Bytes& reply) {
@@ -403,6 +416,27 @@ Headend::CardState Headend::state(int slot) const {
   if (s.descriptor->varPtr == nullptr) return CardState::kNoRecord;
   if (part.done()) return CardState::kRunning;
   return part.attempts() == 0 ? CardState::kNoBitstream : CardState::kConfigError;
+}
+
+std::optional<MenuEngine::Words> panelWords(Headend::CardState state) {
+  using Words = MenuEngine::Words;
+  switch (state) {
+    case Headend::CardState::kRunning:
+      return {};
+    case Headend::CardState::kStarting:
+      return Words{u"starting", u"正在启动"};
+    case Headend::CardState::kConfigError:
+      return Words{u"config error", u"配置错误"};
+    case Headend::CardState::kNoBitstream:
+      return Words{u"no bitstream", u"没有逻辑文件"};
+    case Headend::CardState::kHung:
+      return Words{u"hangs", u"无响应"};
+    case Headend::CardState::kNotRegistered:
+      return Words{u"not registered", u"未注册"};
+    case Headend::CardState::kNoRecord:
+      return Words{u"no record", u"没有参数"};
+  }
+  return Words{u"?", u"?"};
 }
 
 const char* stateName(Headend::CardState state) {

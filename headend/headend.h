@@ -15,6 +15,7 @@
 #include "headend/firmware/chassis.h"
 #include "headend/firmware/debug_shell.h"
 #include "headend/firmware/operator.h"
+#include "headend/firmware/panel/panel.h"
 #include "headend/firmware/pid_search.h"
 #include "headend/firmware/rate_meter.h"
 #include "headend/firmware/socket_table.h"
@@ -88,6 +89,7 @@ class Headend final : private KernelObserver {
   Network& network() { return network_; }
   Chassis& chassis() { return chassis_; }
   BackEnd& backEnd() { return backEnd_; }
+  Panel& panel() { return panel_; }
   Heap& heap() { return heap_; }
   const Flash& flash() const { return flash_; }
   Bus& bus() { return bus_; }
@@ -116,6 +118,7 @@ class Headend final : private KernelObserver {
   std::unique_ptr<TsInput> openInput(const Options::Input& input);
   Multiplexer* outputOf(int slot, int port);  // null where there is no card
   u32 routerMap(const client::Request& request, client::Bytes& reply);
+  MenuEngine::Firmware menuFirmware();
   void installCards();
   void scheduleFaults();
   void scheduleLossOfPower();
@@ -142,6 +145,7 @@ class Headend final : private KernelObserver {
   RateMeter rates_;
   CarouselMonitor monitor_;
   Chassis chassis_;
+  Panel panel_;
   BackEnd backEnd_;
   PidSearch search_;
   DebugShell shell_{kernel_};
@@ -161,6 +165,8 @@ class Headend final : private KernelObserver {
 };
 
 const char* stateName(Headend::CardState state);
+// The same for the front panel; nothing for a card that runs.
+std::optional<MenuEngine::Words> panelWords(Headend::CardState state);
 
 // Makes a flash folder with the sample bitstream. Throws std::runtime_error; a folder with a bitstream is
 // refused.

@@ -11,6 +11,7 @@
 #include "client/channel.h"
 #include "client/chassis_services.h"
 #include "headend/kernel/kernel.h"
+#include "platform/panel.h"
 
 namespace headend {
 
@@ -35,6 +36,12 @@ struct Options {
     int slot = 0;
     int sensor = 1;
     double celsius = 0;
+    Nanos at = 0;
+  };
+  // Keys of the front panel, pressed one after the other.
+  struct Keys {
+    std::string names;
+    std::vector<chassis::PanelKey> keys;
     Nanos at = 0;
   };
   // What breaks, on one card or on all of them.
@@ -88,6 +95,8 @@ struct Options {
   std::vector<PidMap> pidMaps;
   std::vector<Programme> programmes;
   std::vector<Setting> settings;
+  std::vector<Keys> keys;
+  Nanos menuTimeout = 60 * kSecond;
   std::vector<Temperature> temperatures;
   std::vector<Fault> faults;
   std::map<int, Nanos> eepromCycles;  // by slot
@@ -96,6 +105,7 @@ struct Options {
   bool fast = false;
   std::optional<std::pair<std::string, std::uint16_t>> manage;       // none: off
   std::optional<std::pair<std::string, std::uint16_t>> calibration;  // none: no service
+  bool panel = false;
   std::string log;
   std::string report;
   std::string busLog;

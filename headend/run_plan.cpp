@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "client/card_settings.h"
+#include "client/panel.h"
 #include "client/pid_map_file.h"
 #include "client/pid_map_upload.h"
 #include "client/programme.h"
@@ -107,6 +108,18 @@ void addProgrammes(const Options& options, Log& log, std::vector<Operator::Job>&
   }
 }
 
+void addKeys(const Options& options, std::vector<Operator::Job>& jobs) {
+  for (const Options::Keys& keys : options.keys) {
+    jobs.push_back({.lane = "keys",
+                    .slot = options.slots.front(),
+                    .name = keys.names,
+                    .at = keys.at,
+                    .carryOut = [keys](client::Link& link) {
+                      for (const chassis::PanelKey key : keys.keys) client::pressKey(link, key);
+                    }});
+  }
+}
+
 }  // namespace
 
 std::vector<Operator::Job> operatorJobs(const Options& options, Log& log) {
@@ -115,6 +128,7 @@ std::vector<Operator::Job> operatorJobs(const Options& options, Log& log) {
   addPidMaps(options, log, jobs);
   addProgrammes(options, log, jobs);
   addSettings(options, log, jobs);
+  addKeys(options, jobs);
   return jobs;
 }
 

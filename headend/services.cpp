@@ -200,20 +200,29 @@ int para_save(u8 slotNo) {
   return slotNo < MAX_BOARD_NUM ? running->chassis().save(slotNo) : os::ERROR;
 }
 
-void menuRegister(item_t* /*root*/) {}
-void menuDispItem(const item_t* /*item*/, int /*arg2*/, u32 /*attribute*/) {}
+void menuRegister(item_t* root) {
+  running->panel().menu().registerRoot(*root);
+}
+void menuDispItem(const item_t* item, int /*arg2*/, u32 /*attribute*/) {
+  running->panel().menu().showHeading(*item);
+}
 u8 keyScan() {
-  kernel().delay(1);
-  return kKeyNone;
+  return running->panel().keys().scan();
 }
 
-void lcdPrintf(int row, int /*column*/, u32 /*attribute*/, u32 /*mask*/, const char* format, ...) {
+void lcdPrintf(int row, int column, u32 /*attribute*/, u32 mask, const char* format, ...) {
   std::array<char, 128> text{};
   std::va_list args;
   va_start(args, format);
   std::vsnprintf(text.data(), text.size(), format, args);
   va_end(args);
-  running->chassis().panelLine(row, text.data());
+  headend::Lcd& lcd = running->panel().lcd();
+  if (column == kPanelWholeLine) {
+    lcd.printRow(row, text.data());
+    running->chassis().noteLine(row, text.data());
+  } else {
+    lcd.print(row, column, mask, text.data());
+  }
 }
 
 void AddAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTitle*/, const char* /*zhContent*/,

@@ -23,6 +23,7 @@ void addCallCommand(CLI::App& app, const std::string& server);
 void addSearchCommand(CLI::App& psi, const std::string& server);  // "search", below psi
 void addVarCommands(CLI::App& app, const std::string& server);
 void addRfCommand(CLI::App& app, const std::string& server);
+void addPanelCommand(CLI::App& app, const std::string& server);
 void addStatusCommand(CLI::App& app, const std::string& server);
 
 // --server, an ADDR:PORT; `server` holds its default.

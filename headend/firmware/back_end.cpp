@@ -187,17 +187,12 @@ u32 BackEnd::getVariable(const client::Request& request, client::Bytes& reply) {
   if (const u32 refusal = refuseVariable(request, 0); refusal != client::kDone) return refusal;
   const int slot = request.slot & 0xFF;
   const bool isText = client::findCardVariable(request.variable)->kind == client::VariableKind::kText;
-  // A card's texts share one buffer: nobody else may ask until this one is copied.
-  os::semTake(semQamVar, os::WAIT_FOREVER);
-  const u32 word =
-      chassis_.slot(slot).descriptor->getVar(static_cast<u8>(slot), 0, request.variable, nullptr);
   if (isText) {
-    const char* text = os::wordAddress<const char>(word);
-    reply = client::encodeValue(std::string(text == nullptr ? "" : text));
+    reply = client::encodeValue(chassis_.readText(slot, request.variable));
   } else {
-    reply = client::encodeValue(word);
+    reply = client::encodeValue(
+        chassis_.slot(slot).descriptor->getVar(static_cast<u8>(slot), 0, request.variable, nullptr));
   }
-  os::semGive(semQamVar);
   return client::kDone;
 }
 

@@ -5,6 +5,8 @@
 #include "card/QamInit.h"
 #include "card/qamVar.h"
 #include "hw/ad9775_ctrl.h"
+#include "platform/address_word.h"
+#include "platform/kernel.h"
 
 namespace headend {
 
@@ -89,12 +91,20 @@ int Chassis::save(u8 number) {
   return os::ERROR;
 }
 
-void Chassis::panelLine(int line, std::string text) {
-  if (line < 0 || line >= kPanelLines) return;
-  const auto index = static_cast<std::size_t>(line);
+void Chassis::noteLine(int line, std::string text) {
   const Task* task = kernel_.current();
-  if (task != nullptr && task->slot >= 0) slots_[static_cast<std::size_t>(task->slot)].lcd[index] = text;
-  panel_[index] = std::move(text);
+  if (task == nullptr || task->slot < 0 || line < 0 || line >= kPanelLines) return;
+  slots_[static_cast<std::size_t>(task->slot)].lcd[static_cast<std::size_t>(line)] = std::move(text);
+}
+
+std::string Chassis::readText(int number, u32 id) {
+  os::semTake(semQamVar, os::WAIT_FOREVER);
+  const u32 word =
+      slots_[static_cast<std::size_t>(number)].descriptor->getVar(static_cast<u8>(number), 0, id, nullptr);
+  const char* text = os::wordAddress<const char>(word);
+  const std::string copy = text == nullptr ? "" : text;
+  os::semGive(semQamVar);
+  return copy;
 }
 
 }  // namespace headend

@@ -61,8 +61,12 @@ class Chassis {
   int save(u8 number);
   void configureBus(u8 slot, int arg1, int arg2) { slots_[slot].bus = {arg1, arg2}; }
   void setCardType(u8 slot, int typeCode) { slots_[slot].typeCode = typeCode; }
-  void panelLine(int line, std::string text);
-  const std::array<std::string, kPanelLines>& panel() const { return panel_; }
+  // A line of the panel that a slot's own task prints.
+  void noteLine(int line, std::string text);
+
+  // A variable of a slot's card that reads a text. Cards share the buffer of their texts, so this keeps
+  // others away from it until it is copied.
+  std::string readText(int number, u32 id);
 
  private:
   void startSlot(int number);
@@ -72,7 +76,6 @@ class Chassis {
   Flash& flash_;
   Log& log_;
   std::array<Slot, kSlots> slots_;
-  std::array<std::string, kPanelLines> panel_;
   std::function<void(int)> onInitReturned_;
   bool saveFailed_ = false;
   bool servesCalibration_ = false;

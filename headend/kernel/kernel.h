@@ -111,6 +111,11 @@ class Kernel {
   // Runs tasks and clocks until `stop`, or until an interrupt routine does what it may not.
   void run();
   void stop() { stopping_ = true; }
+  // Stops too, with what is wrong in `fatalError`.
+  void fail(std::string why) {
+    fatal_ = std::move(why);
+    stop();
+  }
   const std::string& fatalError() const { return fatal_; }
   void setPace(Pace* pace) { pace_ = pace; }
 

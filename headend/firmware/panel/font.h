@@ -1,0 +1,31 @@
+// The panel's characters: ASCII, 8 x 16 pixels, and GB 2312, 16 x 16. The table is made at build time.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "platform/types.h"
+
+namespace headend {
+
+struct Glyph {
+  u16 code;            // ASCII, or the two bytes of GBK
+  char16_t character;  // the same in Unicode
+  u16 rows[16];        // from the top, the left pixel in the high bit
+
+  int width() const { return code < 0x80 ? 8 : 16; }
+};
+
+extern const Glyph kGlyphs[];  // by code
+extern const std::size_t kGlyphCount;
+
+const Glyph* findGlyph(u16 code);  // null for what the font lacks
+
+// The next character of a text in GBK, which is taken off it. Not empty.
+u16 takeCode(std::string_view& text);
+
+// The firmware's own texts, as drivers hand over theirs. Characters that the font lacks become '?'.
+std::string gbkOf(std::u16string_view text);
+
+}  // namespace headend

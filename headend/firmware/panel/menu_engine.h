@@ -1,0 +1,80 @@
+// The chassis's menu: walks the trees of items that cards have registered, on an LCD and with keys. It knows
+// items and their flags, and a card by its descriptor. At the top stand the cards, by slot, and the language.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "headend/firmware/panel/keypad.h"
+#include "headend/firmware/panel/lcd.h"
+#include "platform/chassis.h"
+
+namespace headend {
+
+class MenuEngine {
+ public:
+  static constexpr int kPriority = 230;     // below everything that keeps a channel on the air
+  static constexpr int kLongestTable = 64;  // items; a longer one has lost its end mark
+
+  // A text of the firmware's own in the panel's languages.
+  struct Words {
+    std::u16string_view english, chinese;
+  };
+
+  // What the menu asks of the rest of the firmware.
+  struct Firmware {
+    std::function<chassis::card*(int slot)> card;
+    std::function<std::optional<Words>(int slot)> fault;  // why a card cannot be used; nothing when it runs
+    std::function<std::string(int slot, u32 id)> text;    // a variable that reads a text
+    std::function<void(const std::string& text)> stop;    // ends the run: a tree is broken
+  };
+
+  MenuEngine(Kernel& kernel, Lcd& lcd, Keypad& keys, Firmware firmware);
+
+  void start();  // spawns the task
+
+  // For the services of platform/panel.h.
+  void registerRoot(const chassis::item_t& root) { roots_[root.val] = root; }
+  void showHeading(const chassis::item_t& item);
+
+ private:
+  enum class Language { kEnglish, kChinese };
+  struct Row {
+    std::string left, right;
+    bool operator==(const Row&) const = default;
+  };
+  using Rows = std::function<std::vector<Row>()>;
+
+  void walkTop();
+  void walkCard(const chassis::item_t& root);
+  void walkTable(const chassis::item_t& parent, int slot);
+  void open(const chassis::item_t& item, int slot);
+  void chooseOption(const chassis::item_t& item, int slot);
+  bool refused(const chassis::item_t& heading, int slot);
+
+  // Shows rows below a heading, the chosen one inverted, until it is opened: its number, or -1 to go back.
+  // Goes back too when `stays` says so. With -1 chosen there is nothing to open.
+  int browse(
+      const std::function<void()>& heading, const Rows& rows, int chosen,
+      const std::function<bool()>& stays = [] { return true; });
+  void draw(const std::function<void()>& heading, const std::vector<Row>& rows, int chosen);
+
+  std::vector<const chassis::item_t*> itemsOf(const chassis::item_t& parent);
+  Row rowOf(const chassis::item_t& item, int slot);
+  std::string labelOf(const chassis::item_t& item) const;
+  std::string own(const Words& words) const;
+
+  Kernel& kernel_;
+  Lcd& lcd_;
+  Keypad& keys_;
+  Firmware firmware_;
+  std::map<int, chassis::item_t> roots_;  // by slot: cards of one kind share one record
+  Language language_ = Language::kEnglish;
+  bool leaving_ = false;  // up to the top
+};
+
+}  // namespace headend

@@ -18,6 +18,7 @@ namespace tools {
 void addPidMapCommands(CLI::App& app, const std::string& server);
 void addPsiCommands(CLI::App& app, const std::string& server);
 void addProgrammeCommands(CLI::App& app, const std::string& server);
+void addLcdCommands(CLI::App& app, const std::string& server);  // "lcd" and "key"
 void addRatesCommand(CLI::App& app, const std::string& server);
 void addCallCommand(CLI::App& app, const std::string& server);
 void addSearchCommand(CLI::App& psi, const std::string& server);  // "search", below psi

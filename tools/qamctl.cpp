@@ -27,6 +27,8 @@ constexpr const char* kFooter =
     "  qamctl var get 1 rfreq rflevel\n"
     "  qamctl var set 1 rfreq 602000\n"
     "  qamctl rf\n"
+    "  qamctl key down ok\n"
+    "  qamctl lcd --png panel.png\n"
     "  qamctl --server 192.0.2.7:49160 status\n"
     "\n"
     "Exit codes: 0 done; 1 the request could not be carried out (refused, card error, no reply, file error); "
@@ -47,6 +49,7 @@ int run(int argc, char** argv) {
   tools::addVarCommands(app, server);
   tools::addRfCommand(app, server);
   tools::addStatusCommand(app, server);
+  tools::addLcdCommands(app, server);
   return tools::runCommandLine(app, argc, argv);
 }
 

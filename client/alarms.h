@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -33,5 +34,13 @@ struct AlarmEvent {
 std::vector<Alarm> readAlarms(Link& link);
 // The events from this number on that the chassis still keeps.
 std::vector<AlarmEvent> readAlarmEvents(Link& link, std::uint64_t from);
+// The number that the next event will have.
+std::uint64_t nextAlarmEvent(Link& link);
+
+// For the chassis, which answers: a page without records, a record on it (false: no room), and the number
+// from which on a request wants them (nothing: it is none).
+Bytes alarmPage(std::uint64_t next);
+bool addToPage(Bytes& page, const AlarmEvent& event);
+std::optional<std::uint64_t> pageFrom(std::span<const u8> request);
 
 }  // namespace client

@@ -49,6 +49,20 @@ void replaceFile(const std::filesystem::path& file, const std::filesystem::path&
   if (flush == Flush::kNow) flushFolder(file.parent_path());
 }
 
+void appendToFile(const std::filesystem::path& file, std::span<const u8> bytes, Flush flush) {
+  const int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (fd < 0) throw std::system_error(errno, std::generic_category(), "opening failed");
+  const off_t size = ::lseek(fd, 0, SEEK_END);
+  const bool written = writeAll(fd, bytes) && (flush == Flush::kLater || ::fdatasync(fd) == 0);
+  const int error = errno;
+  const bool undone = written || ::ftruncate(fd, size) == 0;
+  ::close(fd);
+  if (!written) {
+    throw std::system_error(error, std::generic_category(),
+                            undone ? "writing failed" : "writing failed, and left a part");
+  }
+}
+
 void flushFile(const std::filesystem::path& file) {
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   const bool flushed = fd >= 0 && ::fsync(fd) == 0;

@@ -16,6 +16,9 @@ enum class Flush { kNow, kLater };
 void replaceFile(const std::filesystem::path& file, const std::filesystem::path& aside,
                  std::span<const u8> bytes, Flush flush = Flush::kNow);
 
+// Appends `bytes` to a file that is there, whole or not at all. Throws std::system_error.
+void appendToFile(const std::filesystem::path& file, std::span<const u8> bytes, Flush flush = Flush::kNow);
+
 // Flushes a file and its folder. Throws std::system_error.
 void flushFile(const std::filesystem::path& file);
 

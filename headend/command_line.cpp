@@ -53,6 +53,7 @@ void refuseSharedFiles(const Options& options) {
     if (!isNew) refuse(flag, file.string(), "is the file of " + entry->second + " already");
   };
   users[fs::weakly_canonical(fs::absolute(options.flash / "K717_QAM" / "qam.bin"))] = "the cards";
+  users[fs::weakly_canonical(fs::absolute(options.flash / "alarms" / "history.dat"))] = "the alarms";
   for (int slot = 1; slot <= 6; ++slot) {
     const std::string name = "card" + std::to_string(slot);
     users[fs::weakly_canonical(fs::absolute(options.flash / "para" / (name + ".dat")))] = "the cards";
@@ -134,6 +135,7 @@ struct Texts {
   std::optional<std::string> calibration;
   std::string powerCut;
   std::string seconds;
+  std::string epoch;
   std::string manage;
   int heapFill = 0xFF;
 };
@@ -191,6 +193,10 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       ->capture_default_str();
   app.add_option("--seconds", t.seconds, "end after this much virtual time");
   app.add_flag("--fast", o.fast, "as fast as this machine can; needs --seconds");
+  app.add_option(
+      "--epoch", t.epoch,
+      "when virtual time begins, for the alarms: UTC, as 2024-05-01 or 2024-05-01T12:00:00Z (default "
+      "this machine's clock, with --fast 2000-01-01)");
   app.add_option(
       "--manage", t.manage,
       "ADDRESS:PORT of the management socket, or off; port 0 takes a free one and says which (default "
@@ -299,6 +305,7 @@ void interpret(const Texts& t, Options& o) {
     if (!o.duration || *o.duration == 0)
       refuse("--seconds", t.seconds, "want a number of seconds above 0, 1e9 at most");
   }
+  parseEpoch(t.epoch, o);
   if (!t.manage.empty()) {
     parseManage(t.manage, o);
   } else if (!o.fast) {

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <ctime>
+#include <limits>
 
 #include "client/card_variables.h"
 #include "client/panel.h"
@@ -151,6 +153,24 @@ void parseEepromCycle(const std::string& text, Options& options) {
   if (!number || !slot.empty() || !duration || *duration > 1000 * kSecond)
     refuse("--eeprom-cycle", text, want);
   options.eepromCycles[*number] = *duration / 1000;
+}
+
+void parseEpoch(const std::string& text, Options& options) {
+  constexpr u32 kYear2000 = 946'684'800;
+  if (text.empty()) {
+    options.epoch = options.fast ? kYear2000 : static_cast<u32>(std::time(nullptr));
+    return;
+  }
+  std::tm time{};
+  const char* end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &time);
+  if (end == nullptr) {
+    time = {};
+    end = ::strptime(text.c_str(), "%Y-%m-%d", &time);
+  }
+  const std::time_t seconds = end != nullptr && *end == '\0' ? ::timegm(&time) : -1;
+  if (seconds < 0 || seconds > std::numeric_limits<u32>::max())
+    refuse("--epoch", text, "want a time in UTC from 1970 to 2105, as 2024-05-01 or 2024-05-01T12:00:00Z");
+  options.epoch = static_cast<u32>(seconds);
 }
 
 void parsePowerCut(const std::string& text, Options& options) {

@@ -37,6 +37,7 @@ void parseSet(const std::string& text, Options& options);
 void parseCalibration(const std::string& text, Options& options);
 void parseEepromCycle(const std::string& text, Options& options);
 void parsePowerCut(const std::string& text, Options& options);
+void parseEpoch(const std::string& text, Options& options);  // empty: by default
 void parseKeys(const std::string& text, Options& options);
 void parseFault(const std::string& text, Options& options);
 

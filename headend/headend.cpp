@@ -10,6 +10,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "headend/firmware/status_tasks.h"
 #include "headend/hardware/faults.h"
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/interruptible_input.h"
@@ -60,6 +61,9 @@ Headend::Headend(Options options)
       network_(kernel_),
       bus_(violations_),
       chassis_(kernel_, bus_, flash_, log_),
+      alarms_(
+          flash_, [this] { return options_.epoch + static_cast<u32>(kernel_.now() / kSecond); },
+          [this](const std::string& text) { log_.line(kernel_.now(), "headend", text); }),
       panel_(kernel_, options_.menuTimeout, menuFirmware()),
       backEnd_(kernel_, network_, chassis_, monitor_, log_),
       search_(kernel_, [this](int slot, int port) { return outputOf(slot, port); }),
@@ -85,7 +89,10 @@ Headend::Headend(Options options)
   setRunning(this);
   for (const int slot : sources_.slots()) chassis_.plugIn(sources_.descriptor(slot));
   chassis_.start(options_.slots);
-  backEnd_.onRunning([this](int slot) { return state(slot) == CardState::kRunning; });
+  const auto runs = [this](int slot) { return state(slot) == CardState::kRunning; };
+  alarms_.endAbsent(options_.slots);
+  startStatusTasks(kernel_, chassis_, options_.slots, runs);
+  backEnd_.onRunning(runs);
   backEnd_.start();
   panel_.menu().start();
   operator_.start(std::move(jobs));
@@ -270,6 +277,12 @@ void Headend::provideServices() {
     if (cards_[static_cast<std::size_t>(slot)] == nullptr) return client::kNoCard;
     return state(slot) == CardState::kRunning ? shell_.call(request, reply) : client::kNotRunning;
   });
+  backEnd_.provide(Operation::kAlarms, [this](const client::Request& request, client::Bytes& reply) {
+    return alarms_.answerAlarms(request, reply);
+  });
+  backEnd_.provide(Operation::kAlarmEvents, [this](const client::Request& request, client::Bytes& reply) {
+    return alarms_.answerEvents(request, reply);
+  });
   backEnd_.provide(Operation::kLcd,
                    [this](const client::Request&, client::Bytes& reply) { return panel_.show(reply); });
   backEnd_.provide(Operation::kKey,
@@ -369,6 +382,10 @@ int Headend::exitCode() {
   if (options_.powerCut && !powerCut_) {
     complain(fmt::format("--power-cut: it never came; slot {} has seen {} edges", options_.powerCut->slot + 1,
                          card(options_.powerCut->slot).board().calibrationEdges()));
+    failed = true;
+  }
+  if (!alarms_.file().kept()) {
+    complain("the alarms' history is not kept: " + alarms_.file().failure());
     failed = true;
   }
   if (!eepromsKept_) {

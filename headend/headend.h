@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "headend/eeprom_files.h"
+#include "headend/firmware/alarm_list.h"
 #include "headend/firmware/back_end.h"
 #include "headend/firmware/carousel_monitor.h"
 #include "headend/firmware/chassis.h"
@@ -68,6 +69,7 @@ class Headend final : private KernelObserver {
   const Chassis& chassis() const { return chassis_; }
   const BackEnd& backEnd() const { return backEnd_; }
   const CarouselMonitor& monitor() const { return monitor_; }
+  const AlarmList& alarms() const { return alarms_; }
   const Violations& violations() const { return violations_; }
   const Heap& heap() const { return heap_; }
   const Log& log() const { return log_; }
@@ -90,6 +92,7 @@ class Headend final : private KernelObserver {
   Chassis& chassis() { return chassis_; }
   BackEnd& backEnd() { return backEnd_; }
   Panel& panel() { return panel_; }
+  AlarmList& alarms() { return alarms_; }
   Heap& heap() { return heap_; }
   const Flash& flash() const { return flash_; }
   Bus& bus() { return bus_; }
@@ -145,6 +148,7 @@ class Headend final : private KernelObserver {
   RateMeter rates_;
   CarouselMonitor monitor_;
   Chassis chassis_;
+  AlarmList alarms_;
   Panel panel_;
   BackEnd backEnd_;
   PidSearch search_;

@@ -103,6 +103,7 @@ struct Options {
   std::optional<PowerCut> powerCut;
   std::optional<Nanos> duration;
   bool fast = false;
+  u32 epoch = 0;  // when virtual time begins: seconds since 1970-01-01 UTC
   std::optional<std::pair<std::string, std::uint16_t>> manage;       // none: off
   std::optional<std::pair<std::string, std::uint16_t>> calibration;  // none: no service
   bool panel = false;

@@ -201,6 +201,22 @@ Json semaphoreWaits(const Headend& headend) {
   return all;
 }
 
+Json alarms(const Headend& headend) {
+  Json standing = Json::array();
+  for (const AlarmEvent& raised : headend.alarms().standing()) {
+    const client::Alarm alarm = outward(raised).alarm;
+    standing.push_back({{"slot", alarm.slot + 1},
+                        {"port", alarm.port + 1},
+                        {"type", alarm.type},
+                        {"happened", alarm.happened},
+                        {"en", {{"title", alarm.enTitle}, {"text", alarm.enText}, {"trap", alarm.enTrap}}},
+                        {"zh", {{"title", alarm.zhTitle}, {"text", alarm.zhText}, {"trap", alarm.zhTrap}}}});
+  }
+  return {{"standing", std::move(standing)},
+          {"events", headend.alarms().events()},
+          {"kept", headend.alarms().file().kept()}};
+}
+
 Json build(Headend& headend) {
   const Kernel& kernel = headend.kernel();
   Json failures = Json::array();
@@ -219,6 +235,7 @@ Json build(Headend& headend) {
           {"late_requests", lateRequests(headend)},
           {"semaphore_waits", semaphoreWaits(headend)},
           {"heap", {{"used", headend.heap().used()}, {"failures", headend.heap().failures()}}},
+          {"alarms", alarms(headend)},
           {"sources", sources(headend)},
           {"cards", std::move(cards)}};
 }

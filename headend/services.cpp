@@ -225,12 +225,18 @@ void lcdPrintf(int row, int column, u32 /*attribute*/, u32 mask, const char* for
   }
 }
 
-void AddAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTitle*/, const char* /*zhContent*/,
-                const char* /*enTitle*/, const char* /*enContent*/, const char* /*zhTrap*/,
-                const char* /*enTrap*/) {}
-void DelAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTrap*/, const char* /*enTrap*/) {}
-int IsAlarmExist(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, int /*arg4*/) {
-  return 0;
+void AddAnAlarm(u8 slotNo, u8 port, u16 type, const char* zhTitle, const char* zhContent, const char* enTitle,
+                const char* enContent, const char* zhTrap, const char* enTrap) {
+  kernel().charge("AddAnAlarm", costs().kernelCall);
+  running->alarms().add({slotNo, port, type}, {zhTitle, zhContent, enTitle, enContent, zhTrap, enTrap});
+}
+void DelAnAlarm(u8 slotNo, u8 port, u16 type, const char* zhTrap, const char* enTrap) {
+  kernel().charge("DelAnAlarm", costs().kernelCall);
+  running->alarms().remove({slotNo, port, type}, zhTrap, enTrap);
+}
+int IsAlarmExist(u8 slotNo, u8 port, u16 type, int /*arg4*/) {
+  kernel().charge("IsAlarmExist", costs().kernelCall);
+  return running->alarms().exists({slotNo, port, type}) ? 1 : 0;
 }
 
 u8 out_port_to_mbrd_out(u8 slotNo, u8 port) {

@@ -92,6 +92,20 @@ std::string StatusView::lockNote(int slot, int port) const {
   return text;
 }
 
+// "alarms: Card1 Ch.1 Error; Card1 Ch.2 Error", as many as a line has room for.
+std::string StatusView::alarmLine() const {
+  constexpr std::size_t kShown = 3;
+  const std::vector<AlarmEvent>& standing = headend_.alarms().standing();
+  if (standing.empty()) return {};
+  std::string text = "alarms: ";
+  for (std::size_t i = 0; i < standing.size() && i < kShown; ++i) {
+    const chassis::alarm_t& alarm = standing[i].alarm;
+    text += fmt::format("{}{} {}", i == 0 ? "" : "; ", alarm.StrEnTitle, alarm.StrEnCont);
+  }
+  if (standing.size() > kShown) text += fmt::format("; and {} more", standing.size() - kShown);
+  return text + '\n';
+}
+
 std::string StatusView::table() {
   std::string text =
       fmt::format("virtual time {:.1f} s, management {}\n",
@@ -122,6 +136,7 @@ std::string StatusView::table() {
                      headend_.sources().nameOf(slot, input));
     }
   }
+  text += alarmLine();
   if (!headend_.assertionFailures().empty()) {
     fmt::format_to(out, "failed checks: {}\n", headend_.assertionFailures().size());
   }

@@ -22,6 +22,7 @@ class StatusView {
   void announceOutput(client::Channel channel);
   void showProgress();
   std::string table();
+  std::string alarmLine() const;
   std::string lockNote(int slot, int port) const;
 
   Headend& headend_;

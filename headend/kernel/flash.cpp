@@ -41,6 +41,18 @@ std::string Flash::replace(const std::string& path, std::span<const u8> content)
   return {};
 }
 
+std::string Flash::append(const std::string& path, std::span<const u8> content) {
+  const auto host = hostPath(path);
+  if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
+  try {
+    client::appendToFile(*host, content, flush_);
+    if (flush_ == client::Flush::kLater) unflushed_.insert(*host);
+  } catch (const std::system_error& e) {
+    return fmt::format("cannot save {}: {}", host->string(), e.what());
+  }
+  return {};
+}
+
 std::string Flash::flush() {
   for (const std::filesystem::path& file : unflushed_) {
     try {

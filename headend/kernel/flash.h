@@ -31,6 +31,8 @@ class Flash {
 
   // Writes aside and renames. Empty when done, else what went wrong on which file.
   std::string replace(const std::string& path, std::span<const u8> content);
+  // Appends to a file that is there, whole or not at all. As above.
+  std::string append(const std::string& path, std::span<const u8> content);
   std::string flush();  // what is left to be flushed; empty when done
 
  private:

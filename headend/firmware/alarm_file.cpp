@@ -1,0 +1,171 @@
+#include "headend/firmware/alarm_file.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string_view>
+
+#include "client/psi_tables.h"
+
+namespace headend {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPath = "/tffs0/alarms/history.dat";
+constexpr std::string_view kMagic = "QAMALRM1";
+
+// As it stands in memory, like the cards' records.
+struct Entry {
+  u32 check;  // CRC-32 of what follows
+  u32 at;
+  std::uint64_t number;
+  std::uint64_t ends;
+  u8 kind;
+  u8 isBase;  // not 0: stood before the oldest event
+  u8 reserved[6];
+  chassis::alarm_t alarm;
+};
+static_assert(sizeof(Entry) == 32 + sizeof(chassis::alarm_t));
+static_assert(offsetof(Entry, number) == 8 && offsetof(Entry, kind) == 24 && offsetof(Entry, alarm) == 32);
+
+bool readWhole(const fs::path& file, std::string& bytes) {
+  std::error_code ignored;
+  if (!fs::is_regular_file(file, ignored)) return false;
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) return false;
+  std::ostringstream content;
+  content << stream.rdbuf();
+  bytes = content.str();
+  return !stream.bad();
+}
+
+u32 checkOf(const Entry& entry) {
+  const auto* bytes = reinterpret_cast<const u8*>(&entry);
+  return client::crc32({bytes + sizeof entry.check, sizeof entry - sizeof entry.check});
+}
+
+void put(client::Bytes& bytes, const AlarmEvent& event, bool isBase) {
+  Entry entry{.check = 0,
+              .at = event.at,
+              .number = event.number,
+              .ends = event.ends,
+              .kind = static_cast<u8>(event.kind),
+              .isBase = isBase ? u8{1} : u8{0},
+              .reserved = {},
+              .alarm = event.alarm};
+  entry.check = checkOf(entry);
+  const auto* from = reinterpret_cast<const u8*>(&entry);
+  bytes.insert(bytes.end(), from, from + sizeof entry);
+}
+
+struct Reading {
+  AlarmFile::Content content;
+  std::size_t entries = 0;
+  std::size_t damaged = 0;  // entries
+  bool cut = false;         // within its last entry, as by the end of a process while it wrote
+};
+
+Reading read(std::string_view bytes) {
+  Reading reading;
+  std::uint64_t last = 0;
+  for (; bytes.size() >= sizeof(Entry); bytes.remove_prefix(sizeof(Entry))) {
+    Entry entry;
+    std::memcpy(&entry, bytes.data(), sizeof entry);
+    ++reading.entries;
+    if (entry.check != checkOf(entry) || entry.number <= last) {
+      ++reading.damaged;
+      continue;
+    }
+    last = entry.number;
+    const AlarmEvent event{.number = entry.number,
+                           .ends = entry.ends,
+                           .at = entry.at,
+                           .kind = static_cast<client::AlarmEvent::Kind>(entry.kind),
+                           .alarm = entry.alarm};
+    if (entry.isBase != 0)
+      reading.content.standing.push_back(event);
+    else
+      reading.content.events.push_back(event);
+  }
+  reading.cut = !bytes.empty();
+  return reading;
+}
+
+}  // namespace
+
+AlarmFile::Content AlarmFile::load() {
+  const fs::path file = flash_.hostPath(kPath).value();
+  std::error_code ignored;
+  if (!fs::exists(file, ignored)) return {};
+  std::string bytes;
+  if (!readWhole(file, bytes)) {
+    say_(fmt::format("the alarms' history {} cannot be read; it begins anew", file.string()));
+    locked_ = !putAside(file);
+    return {};
+  }
+  if (!bytes.starts_with(kMagic)) {
+    say_(fmt::format("{} is no alarms' history", file.string()));
+    locked_ = !putAside(file);
+    return {};
+  }
+  Reading reading = read(std::string_view(bytes).substr(kMagic.size()));
+  entries_ = reading.entries;
+  hasFile_ = reading.damaged == 0 && !reading.cut;
+  if (reading.damaged > 0) {
+    say_(fmt::format("the alarms' history {} is damaged: {} of {} entries are lost", file.string(),
+                     reading.damaged, reading.entries));
+    locked_ = !putAside(file);
+  } else if (reading.cut) {
+    say_(fmt::format("the alarms' history {} ends within an event, which is lost", file.string()));
+  }
+  return std::move(reading.content);
+}
+
+bool AlarmFile::putAside(const fs::path& file) {
+  const fs::path aside = file.string() + ".damaged";
+  std::error_code error;
+  fs::rename(file, aside, error);
+  if (error) {
+    failed(fmt::format("cannot rename {} to {}: {}", file.string(), aside.string(), error.message()));
+    return false;
+  }
+  say_(fmt::format("it is kept as {}", aside.string()));
+  return true;
+}
+
+bool AlarmFile::append(const AlarmEvent& event) {
+  if (!hasFile_) return false;
+  client::Bytes bytes;
+  put(bytes, event, false);
+  const std::string failure = flash_.append(kPath, bytes);
+  if (!failure.empty()) {
+    hasFile_ = false;
+    return false;
+  }
+  ++entries_;
+  return true;
+}
+
+void AlarmFile::rewrite(const std::vector<AlarmEvent>& standing, const std::deque<AlarmEvent>& events) {
+  if (locked_) return;
+  client::Bytes bytes(kMagic.begin(), kMagic.end());
+  for (const AlarmEvent& event : standing) put(bytes, event, true);
+  for (const AlarmEvent& event : events) put(bytes, event, false);
+  const std::string failure = flash_.replace(kPath, bytes);
+  hasFile_ = failure.empty();
+  if (!hasFile_) return failed(failure);
+  failure_.clear();
+  entries_ = standing.size() + events.size();
+}
+
+// Said once, and again when it fails for another reason.
+void AlarmFile::failed(const std::string& failure) {
+  if (failure != failure_) say_("the alarms' history is not kept: " + failure);
+  failure_ = failure;
+}
+
+}  // namespace headend

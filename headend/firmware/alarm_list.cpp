@@ -1,0 +1,190 @@
+#include "headend/firmware/alarm_list.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+#include "headend/firmware/gbk_text.h"
+
+namespace headend {
+namespace {
+
+using Kind = client::AlarmEvent::Kind;
+using chassis::alarm_t;
+
+// Cut to the field where it is too long, but never within a Chinese character.
+template <std::size_t N>
+void fill(char (&field)[N], const char* text) {
+  std::size_t size = 0;
+  while (text[size] != '\0') {
+    const bool isWide = (static_cast<u8>(text[size]) & 0x80) != 0 && text[size + 1] != '\0';
+    const std::size_t next = size + (isWide ? 2 : 1);
+    if (next >= N) break;
+    size = next;
+  }
+  std::memset(field, 0, N);
+  std::memcpy(field, text, size);
+}
+
+bool fits(const alarm_t& alarm, const AlarmList::Key& key) {
+  return alarm.Slot == key.slot && alarm.Port == key.port && alarm.Type == key.type;
+}
+
+bool hasTextsOf(const alarm_t& a, const alarm_t& b) {
+  return std::strcmp(a.StrZhTitle, b.StrZhTitle) == 0 && std::strcmp(a.StrZhCont, b.StrZhCont) == 0 &&
+         std::strcmp(a.StrEnTitle, b.StrEnTitle) == 0 && std::strcmp(a.StrEnCont, b.StrEnCont) == 0 &&
+         std::strcmp(a.StrZhTrap, b.StrZhTrap) == 0 && std::strcmp(a.StrEnTrap, b.StrEnTrap) == 0;
+}
+
+// What stands between blanks, in small letters.
+std::set<std::string> wordsOf(std::string text) {
+  std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
+std::ptrdiff_t sharedWords(const alarm_t& alarm, const std::set<std::string>& words) {
+  const std::set<std::string> own =
+      wordsOf(std::string(alarm.StrEnTitle) + ' ' + alarm.StrEnCont + ' ' + alarm.StrEnTrap);
+  return std::ranges::count_if(own, [&](const std::string& word) { return words.contains(word); });
+}
+
+// What an event makes of the alarms that stand.
+void account(std::vector<AlarmEvent>& standing, const AlarmEvent& event) {
+  if (event.kind == Kind::kRaised) {
+    standing.push_back(event);
+  } else {
+    std::erase_if(standing, [&](const AlarmEvent& raised) { return raised.number == event.ends; });
+  }
+}
+
+template <typename Events>
+u32 answer(const Events& events, std::uint64_t next, const client::Request& request, client::Bytes& reply) {
+  const auto from = client::pageFrom(request.data);
+  if (!from) return client::kBadLength;
+  reply = client::alarmPage(next);
+  const auto isBefore = [](const AlarmEvent& event, std::uint64_t number) { return event.number < number; };
+  for (auto event = std::lower_bound(events.begin(), events.end(), *from, isBefore);
+       event != events.end() && client::addToPage(reply, outward(*event)); ++event) {
+  }
+  return client::kDone;
+}
+
+}  // namespace
+
+AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, std::function<void(const std::string&)> say)
+    : file_(flash, std::move(say)), clock_(std::move(clock)) {
+  AlarmFile::Content content = file_.load();
+  base_ = std::move(content.standing);
+  standing_ = base_;
+  for (const AlarmEvent& event : content.events) account(standing_, event);
+  history_ = std::move(content.events);
+  if (!base_.empty()) last_ = base_.back().number;
+  if (!history_.empty()) last_ = history_.back().number;
+  forgetOldest();
+}
+
+void AlarmList::endAbsent(const std::vector<int>& slotsWithCard) {
+  const std::vector<AlarmEvent> before = standing_;
+  for (const AlarmEvent& raised : before) {
+    if (std::ranges::find(slotsWithCard, int{raised.alarm.Slot}) != slotsWithCard.end()) continue;
+    end(raised, Kind::kSlotAbsent, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+  }
+}
+
+void AlarmList::add(const Key& key, const Texts& texts) {
+  AlarmEvent event{.at = clock_(), .kind = Kind::kRaised};
+  alarm_t& alarm = event.alarm;
+  alarm.Type = key.type;
+  alarm.Slot = key.slot;
+  alarm.Port = key.port;
+  alarm.HappenTime = event.at;
+  alarm.Stat = 1;
+  fill(alarm.StrZhTitle, texts.zhTitle);
+  fill(alarm.StrZhCont, texts.zhContent);
+  fill(alarm.StrEnTitle, texts.enTitle);
+  fill(alarm.StrEnCont, texts.enContent);
+  fill(alarm.StrZhTrap, texts.zhTrap);
+  fill(alarm.StrEnTrap, texts.enTrap);
+  const auto stands = [&](const AlarmEvent& other) {
+    return fits(other.alarm, key) && hasTextsOf(other.alarm, alarm);
+  };
+  if (std::ranges::none_of(standing_, stands)) note(event);
+}
+
+void AlarmList::remove(const Key& key, const char* zhTrap, const char* enTrap) {
+  const std::set<std::string> words = wordsOf(enTrap);
+  const AlarmEvent* best = nullptr;
+  std::ptrdiff_t most = -1;
+  for (const AlarmEvent& raised : standing_) {
+    if (!fits(raised.alarm, key)) continue;
+    const std::ptrdiff_t shared = sharedWords(raised.alarm, words);
+    if (shared <= most) continue;
+    best = &raised;
+    most = shared;
+  }
+  if (best != nullptr) return end(AlarmEvent(*best), Kind::kRecovered, zhTrap, enTrap);
+
+  AlarmEvent nothing;
+  nothing.alarm.Type = key.type;
+  nothing.alarm.Slot = key.slot;
+  nothing.alarm.Port = key.port;
+  end(nothing, Kind::kRecoveredWithoutAlarm, zhTrap, enTrap);
+}
+
+bool AlarmList::exists(const Key& key) const {
+  return std::ranges::any_of(standing_, [&](const AlarmEvent& raised) { return fits(raised.alarm, key); });
+}
+
+// The record of a recovery keeps the titles of what it ends and has trap texts of its own.
+void AlarmList::end(const AlarmEvent& raised, Kind kind, const char* zhTrap, const char* enTrap) {
+  AlarmEvent event{.ends = raised.number, .at = clock_(), .kind = kind, .alarm = raised.alarm};
+  event.alarm.Stat = 0;
+  event.alarm.IsDisappeared = 1;
+  event.alarm.DisappearTime = event.at;
+  fill(event.alarm.StrZhTrap, zhTrap);
+  fill(event.alarm.StrEnTrap, enTrap);
+  note(event);
+}
+
+void AlarmList::note(AlarmEvent event) {
+  event.number = ++last_;
+  account(standing_, event);
+  history_.push_back(event);
+  forgetOldest();
+  if (file_.entries() >= 2 * kHistory || !file_.append(event)) file_.rewrite(base_, history_);
+}
+
+void AlarmList::forgetOldest() {
+  for (; history_.size() > kHistory; history_.pop_front()) account(base_, history_.front());
+}
+
+u32 AlarmList::answerAlarms(const client::Request& request, client::Bytes& reply) const {
+  return answer(standing_, last_ + 1, request, reply);
+}
+
+u32 AlarmList::answerEvents(const client::Request& request, client::Bytes& reply) const {
+  return answer(history_, last_ + 1, request, reply);
+}
+
+client::AlarmEvent outward(const AlarmEvent& event) {
+  const alarm_t& alarm = event.alarm;
+  return {.number = event.number,
+          .at = event.at,
+          .kind = event.kind,
+          .alarm = {.slot = alarm.Slot,
+                    .port = alarm.Port,
+                    .type = alarm.Type,
+                    .happened = alarm.HappenTime,
+                    .zhTitle = utf8OfGbk(alarm.StrZhTitle),
+                    .zhText = utf8OfGbk(alarm.StrZhCont),
+                    .enTitle = utf8OfGbk(alarm.StrEnTitle),
+                    .enText = utf8OfGbk(alarm.StrEnCont),
+                    .zhTrap = utf8OfGbk(alarm.StrZhTrap),
+                    .enTrap = utf8OfGbk(alarm.StrEnTrap)}};
+}
+
+}  // namespace headend

@@ -1,0 +1,238 @@
+// The chassis's alarm list: what stands, what a recovery ends, and what the flash folder keeps of it,
+// whatever becomes of the file.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "headend/firmware/alarm_list.h"
+#include "tests/headend/scratch.h"
+
+namespace test {
+namespace {
+
+using headend::AlarmEvent;
+using headend::AlarmList;
+using Kind = client::AlarmEvent::Kind;
+
+constexpr AlarmList::Key kInput{2, 0, 769};
+constexpr AlarmList::Texts kFirst{"K", "1", "Card3", "Ch.1 Error", "N", "No Input"};
+constexpr AlarmList::Texts kSecond{"K", "2", "Card3", "Ch.2 Error", "N", "No Input"};
+
+class Alarms : public ::testing::Test {
+ protected:
+  Alarms() { powerUp(); }
+
+  void powerUp() {
+    said_.clear();
+    list_ = std::make_unique<AlarmList>(
+        flash_, [this] { return now_; }, [this](const std::string& text) { said_ += text + '\n'; });
+  }
+  static std::string text(const AlarmEvent& event) {
+    const client::AlarmEvent out = headend::outward(event);
+    constexpr const char* kKinds = "+-?x";
+    return fmt::format("{}{} {}.{} {} {}|{}|{} {}", kKinds[static_cast<int>(out.kind)], out.at,
+                       out.alarm.slot, out.alarm.port, out.alarm.type, out.alarm.enTitle, out.alarm.enText,
+                       out.alarm.enTrap, out.alarm.happened);
+  }
+  template <typename Events>
+  static std::vector<std::string> texts(const Events& events) {
+    std::vector<std::string> all;
+    for (const AlarmEvent& event : events) all.push_back(text(event));
+    return all;
+  }
+  std::vector<std::string> standing() const { return texts(list_->standing()); }
+  std::vector<std::string> history() const { return texts(list_->history()); }
+
+  Scratch scratch_;
+  fs::path file_ = scratch_.path / "alarms" / "history.dat";
+  headend::Flash flash_{scratch_.path, client::Flush::kLater};
+  u32 now_ = 1000;
+  std::string said_;
+  std::unique_ptr<AlarmList> list_;
+};
+
+using Lines = std::vector<std::string>;
+
+TEST_F(Alarms, StandSideBySideAndEndByTheWordsOfTheirRecovery) {
+  list_->add(kInput, kFirst);
+  now_ = 1001;
+  list_->add(kInput, kFirst);
+  list_->add(kInput, kSecond);
+  list_->add({2, 1, 769}, kFirst);
+  EXPECT_EQ(standing(), (Lines{"+1000 2.0 769 Card3|Ch.1 Error|No Input 1000",
+                               "+1001 2.0 769 Card3|Ch.2 Error|No Input 1001",
+                               "+1001 2.1 769 Card3|Ch.1 Error|No Input 1001"}));
+  EXPECT_TRUE(list_->exists(kInput));
+  EXPECT_FALSE(list_->exists({2, 0, 770}) || list_->exists({1, 0, 769}) || list_->exists({2, 2, 769}));
+  now_ = 1002;
+  list_->remove(kInput, "Z", "qam card 3 CH.2  input OK!");
+  EXPECT_EQ(standing().size(), 2U);
+  list_->add(kInput, kSecond);
+  list_->remove(kInput, "Z", "nothing of ch.2x");  // no word is shared: the oldest
+  list_->remove(kInput, "Z", "whatever");
+  list_->remove(kInput, "Z", "too much");
+  EXPECT_EQ(standing(), (Lines{"+1001 2.1 769 Card3|Ch.1 Error|No Input 1001"}));
+  EXPECT_EQ(history(), (Lines{"+1000 2.0 769 Card3|Ch.1 Error|No Input 1000",
+                              "+1001 2.0 769 Card3|Ch.2 Error|No Input 1001",
+                              "+1001 2.1 769 Card3|Ch.1 Error|No Input 1001",
+                              "-1002 2.0 769 Card3|Ch.2 Error|qam card 3 CH.2  input OK! 1001",
+                              "+1002 2.0 769 Card3|Ch.2 Error|No Input 1002",
+                              "-1002 2.0 769 Card3|Ch.1 Error|nothing of ch.2x 1000",
+                              "-1002 2.0 769 Card3|Ch.2 Error|whatever 1002", "?1002 2.0 769 ||too much 0"}));
+  const chassis::alarm_t& ended = list_->history()[5].alarm;
+  EXPECT_TRUE(ended.IsDisappeared == 1 && ended.DisappearTime == 1002 && ended.Stat == 0);
+}
+
+TEST_F(Alarms, TextsAreCutToTheirFieldsAtWholeCharactersAndGoOutInUtf8) {
+  const std::string wide =
+      "\xB5\xF7\xD6\xC6\xBF\xA8\xB5\xF7\xD6\xC6\xBF\xA8\xB5\xF7\xD6\xC6\xBF\xA8";  // 9 characters
+  const std::string odd = "x" + wide;
+  list_->add(kInput, {odd.c_str(), wide.c_str(), "seventeen letters", "eighteen letters !", "\xFF!", ""});
+  const client::Alarm alarm = headend::outward(list_->standing().at(0)).alarm;
+  EXPECT_EQ(alarm.zhTitle, "x调制卡调制卡调制");
+  EXPECT_EQ(alarm.zhText, "调制卡调制卡调制");
+  EXPECT_EQ(alarm.enTitle, "seventeen letters");
+  EXPECT_EQ(alarm.enText, "eighteen letters ");
+  EXPECT_EQ(alarm.zhTrap, "\uFFFD!");
+}
+
+TEST_F(Alarms, ArePagedForADatagram) {
+  for (u8 port = 0; port < 100; ++port) list_->add({2, port, 769}, kFirst);
+  list_->remove({2, 3, 769}, "Z", "OK");
+  client::Request request;
+  std::uint64_t from = 0;
+  std::size_t records = 0;
+  for (std::size_t pages = 0; pages < 100; ++pages) {
+    request.data = client::alarmPage(from);
+    client::Bytes reply;
+    ASSERT_EQ(list_->answerAlarms(request, reply), client::kDone);
+    ASSERT_LE(reply.size(), 1400U);
+    ASSERT_EQ(client::pageFrom(std::span(reply).first(8)), 102U);
+    if (reply.size() == 8) break;
+    for (std::size_t at = 8; at < reply.size(); ++records) {
+      from = reply[at + 7] + 1U;
+      at += 24;
+      for (int i = 0; i < 6; ++i) at += reply[at] + 1U;
+    }
+  }
+  EXPECT_EQ(records, 99U);
+  request.data.pop_back();
+  client::Bytes reply;
+  EXPECT_EQ(list_->answerEvents(request, reply), client::kBadLength);
+}
+
+TEST_F(Alarms, OutliveAPowerUpAndEndWhereTheCardIsGone) {
+  list_->add(kInput, kFirst);
+  list_->add({4, 1, 771}, kSecond);
+  const Lines before = history();
+  powerUp();
+  EXPECT_EQ(said_, "");
+  EXPECT_EQ(history(), before);
+  EXPECT_EQ(standing(), before);
+  now_ = 2000;
+  list_->endAbsent({0, 4});
+  EXPECT_EQ(history().back(), "x2000 2.0 769 Card3|Ch.1 Error|No Input 1000");
+  powerUp();
+  EXPECT_EQ(standing(), (Lines{before[1]}));
+  list_->remove({4, 1, 771}, "Z", "OK");
+  EXPECT_EQ(list_->history().back().number, 4U);
+}
+
+TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
+  list_->add({5, 0, 769}, kFirst);
+  for (int i = 0; i < 20'001; ++i) {
+    ++now_;
+    if (i % 2 == 0)
+      list_->add(kInput, kFirst);
+    else
+      list_->remove(kInput, "Z", "OK");
+  }
+  const Lines stood = standing();
+  EXPECT_EQ(stood.size(), 2U);
+  for (const bool again : {false, true}) {
+    if (again) powerUp();
+    ASSERT_EQ(list_->history().size(), AlarmList::kHistory);
+    std::uint64_t number = 20'003 - AlarmList::kHistory;
+    for (const AlarmEvent& event : list_->history()) ASSERT_EQ(event.number, number++);
+    EXPECT_EQ(standing(), stood);
+  }
+  EXPECT_LE(fs::file_size(file_), 20'000U * 352 + 8);
+}
+
+// What befell the file between two power-ups.
+struct Damage {
+  const char* name;
+  std::function<void(const fs::path& file)> befall;
+  std::size_t left;  // of three events
+  const char* said;
+  bool keptAside;
+};
+
+void change(const fs::path& file, const std::function<void(Bytes&)>& how) {
+  Bytes bytes = readFile(file);
+  how(bytes);
+  writeFile(file, bytes);
+}
+
+TEST_F(Alarms, GoOnAfterDamage) {
+  const std::vector<Damage> rows = {
+      {"missing", [](const fs::path& file) { fs::remove(file); }, 0, "", false},
+      {"cut within the last event",
+       [](const fs::path& file) { fs::resize_file(file, fs::file_size(file) - 1); }, 2,
+       "ends within an event", false},
+      {"a bit of the second event",
+       [](const fs::path& file) { change(file, [](Bytes& b) { b[8 + 352 + 60] ^= 4; }); }, 2,
+       "1 of 3 entries are lost", true},
+      {"an event twice",
+       [](const fs::path& file) {
+         change(file, [](Bytes& b) { b.insert(b.end(), b.end() - 352, b.end()); });
+       },
+       3, "1 of 4 entries are lost", true},
+      {"another file", [](const fs::path& file) { writeFile(file, Bytes(5000, 'x')); }, 0,
+       "is no alarms' history", true},
+      {"empty", [](const fs::path& file) { writeFile(file, {}); }, 0, "is no alarms' history", true},
+      {"a folder",
+       [](const fs::path& file) {
+         fs::remove(file);
+         fs::create_directories(file / "x");
+       },
+       0, "cannot be read", true},
+  };
+  for (const Damage& row : rows) {
+    SCOPED_TRACE(row.name);
+    fs::remove_all(file_.parent_path());
+    powerUp();
+    for (u8 port = 0; port < 3; ++port) list_->add({2, port, 769}, kFirst);
+    row.befall(file_);
+    powerUp();
+    EXPECT_EQ(list_->history().size(), row.left);
+    EXPECT_NE(said_.find(row.said), std::string::npos) << said_;
+    EXPECT_EQ(said_.empty(), *row.said == '\0') << said_;
+    EXPECT_EQ(fs::exists(file_.string() + ".damaged"), row.keptAside);
+    list_->add({1, 0, 770}, kSecond);
+    const Lines now = history();
+    EXPECT_EQ(now.size(), row.left + 1);
+    EXPECT_TRUE(list_->file().kept());
+    powerUp();
+    EXPECT_EQ(history(), now);
+    EXPECT_EQ(said_, "");
+  }
+}
+
+TEST_F(Alarms, GoOnInAFolderThatCannotBeWrittenAndAreKeptOnceItCan) {
+  writeFile(scratch_.path / "alarms", Bytes{1});
+  list_->add(kInput, kFirst);
+  list_->add(kInput, kSecond);
+  EXPECT_FALSE(list_->file().kept());
+  EXPECT_NE(said_.find("history is not kept: cannot save"), std::string::npos);
+  EXPECT_EQ(std::count(said_.begin(), said_.end(), '\n'), 1);
+  EXPECT_EQ(list_->history().size(), 2U);
+  fs::remove(scratch_.path / "alarms");
+  list_->remove(kInput, "Z", "OK");
+  EXPECT_TRUE(list_->file().kept());
+  const Lines before = history();
+  powerUp();
+  EXPECT_EQ(history(), before);
+}
+
+}  // namespace
+}  // namespace test

@@ -62,6 +62,16 @@ def tree(folder):
     return files
 
 
+def free_ports(count):
+    sockets = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(count)]
+    for each in sockets:
+        each.bind(('127.0.0.1', 0))
+    ports = [each.getsockname()[1] for each in sockets]
+    for each in sockets:
+        each.close()
+    return ports
+
+
 class Case:
     """One test: a temporary folder, the programs, and what was found wrong."""
 
@@ -87,12 +97,11 @@ class Case:
         self.headend('--init-flash', '--flash', path)
         return path
 
-    def execute(self, command, codes=(0,), **options):
+    def execute(self, command, codes=(0,), timeout=HANG_SECONDS, **options):
         """Runs a program that ends by itself. It must not crash, whatever it was given."""
         shown = ' '.join(os.path.basename(word) if word.startswith('/') else word for word in command)
         try:
-            done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=HANG_SECONDS,
-                                  **options)
+            done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, **options)
         except subprocess.TimeoutExpired:
             self.check(False, f'{shown}: hangs')
             return Run(None, '', None)
@@ -351,6 +360,7 @@ def main(cases):
     for name in ('headend', 'qamctl', 'judge', 'ts-judge', 'samples'):
         parser.add_argument('--' + name)
     parser.add_argument('--other', help='a headend of another build, which must do the same')
+    parser.add_argument('--seconds', type=int, default=8, help='that a case in real time plays')
     parser.add_argument('--list', action='store_true')
     parser.add_argument('cases', nargs='*')
     args = parser.parse_args()

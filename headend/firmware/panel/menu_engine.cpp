@@ -99,7 +99,7 @@ void MenuEngine::walkTable(const item_t& parent, int slot) {
   while (!leaving_) {
     chosen = browse([&] { showHeading(parent); }, rows, chosen, [&] { return !firmware_.fault(slot); });
     if (chosen < 0) {
-      refused(parent, slot);
+      if (!leaving_) refused(parent, slot);
       return;
     }
     open(*items[static_cast<std::size_t>(chosen)], slot);
@@ -200,7 +200,7 @@ std::vector<const item_t*> MenuEngine::itemsOf(const item_t& parent) {
     if (items.size() < kLongestTable) continue;
     firmware_.stop(
         fmt::format("menu: the table below '{}' has no end mark in {} items", parent.en.text, kLongestTable));
-    break;
+    return {};
   }
   return items;
 }

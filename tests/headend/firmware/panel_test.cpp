@@ -1,0 +1,382 @@
+// The front panel: what firmware and drivers can put on the LCD, how the keys pace the menu's task, and the
+// menu on a tree that is no card's.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <iconv.h>
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <map>
+#include <span>
+
+#include "headend/firmware/panel/menu_engine.h"
+#include "platform/address_word.h"
+#include "tests/headend/kernel/rig.h"
+
+namespace test {
+namespace {
+
+using headend::Keypad;
+using headend::Lcd;
+using headend::MenuEngine;
+
+// ---- The LCD ----
+
+// A row as text, the inverse characters in brackets.
+std::string rowOf(const client::Lcd& lcd, int row) {
+  std::string text = lcd.text(row);
+  std::string inverse;
+  for (const client::LcdCharacter& c : lcd.characters) {
+    if (c.row == row && c.inverse) inverse += fmt::format(" {}", c.x);
+  }
+  return inverse.empty() ? text : text + " |" + inverse;
+}
+
+constexpr int kAnew = -2;  // in place of a column: the whole row
+
+struct Drawing {
+  const char* what;
+  struct Text {
+    int row, column;
+    u32 mask;
+    std::string gbk;
+  };
+  std::vector<Text> texts;
+  std::string wanted;  // of row 1
+};
+
+TEST(PanelLcd, DrawsWhatFitsWhereItBelongs) {
+  const std::string ka = "\xBF\xA8";  // 卡
+  const std::vector<Drawing> drawings = {
+      {"from the left edge", {{1, 0, 0, "Ab" + ka}}, "Ab卡"},
+      {"the last that fits", {{1, 112, 0, ka + "A"}}, "              卡"},
+      {"one that does not, and those behind it", {{1, 120, 0, ka + "A"}}, ""},
+      {"seven pixels short", {{1, 121, 0, "A"}}, ""},
+      {"left of the LCD, above and below it", {{1, -1, 0, "A"}, {-1, 0, 0, "A"}, {4, 0, 0, "A"}}, ""},
+      {"a mask by characters, whatever their width", {{1, 0, 0x60000000, "A" + ka + "BC"}}, "A卡BC | 8 24"},
+      {"an inverse blank is seen, a blank is not", {{1, 0, 0x80000000, "   "}}, "| 0"},
+      {"masks 0 and 1 show nothing", {{1, 0, 1, "12345"}}, "12345"},
+      {"what is drawn over goes", {{1, 0, 0, ka + ka}, {1, 8, 0, "x"}}, " x卡"},
+      {"off the grid it takes both below", {{1, 0, 0, "abc"}, {1, 12, 0, "x"}}, "a x"},
+      {"blanks wipe", {{1, 0, ~u32{0}, "abc"}, {1, 8, 0, " "}}, "a c | 0 16"},
+      {"a row anew", {{1, 100, 0, "abc"}, {1, kAnew, 0, "x"}}, "x"},
+      {"a byte that is no character", {{1, 0, 0, std::string("A\xFF")}}, "A\uFFFD"},
+  };
+  for (const Drawing& drawing : drawings) {
+    SCOPED_TRACE(drawing.what);
+    Lcd lcd;
+    for (const auto& [row, column, mask, gbk] : drawing.texts) {
+      if (column == kAnew) {
+        lcd.printRow(row, gbk);
+      } else {
+        lcd.print(row, column, mask, gbk);
+      }
+    }
+    const std::string row = rowOf(lcd.shown(), 1);
+    EXPECT_EQ(row.starts_with(" |") ? row.substr(1) : row, drawing.wanted);
+    for (const int other : {0, 2, 3}) EXPECT_EQ(rowOf(lcd.shown(), other), "");
+  }
+}
+
+// The glyphs of the font's file. A narrow one fills half of the cell unless it is ASCII.
+std::map<u32, std::string> fontFile() {
+  std::map<u32, std::string> glyphs;
+  std::ifstream file(QAM_FONT);
+  for (std::string line; std::getline(file, line);) {
+    const std::size_t colon = line.find(':');
+    const auto character = static_cast<u32>(std::stoul(line.substr(0, colon), nullptr, 16));
+    const std::string hex = line.substr(colon + 1);
+    std::string& rows = glyphs[character];
+    if (character < 0x80 || hex.size() == 64) {
+      rows = hex;
+    } else {
+      for (std::size_t row = 0; row < 16; ++row) rows += hex.substr(row * 2, 2) + "00";
+    }
+  }
+  return glyphs;
+}
+
+// What a glyph's cell shows, in the notation of the font's file.
+std::string hexOf(const client::Lcd& lcd, int x, int row, int width, bool inverse) {
+  std::string hex;
+  for (int y = row * 16; y < row * 16 + 16; ++y) {
+    for (int digit = 0; digit < width / 4; ++digit) {
+      int value = 0;
+      for (int bit = 0; bit < 4; ++bit)
+        value = value << 1 | (lcd.pixel(x + digit * 4 + bit, y) != inverse ? 1 : 0);
+      hex += fmt::format("{:X}", value);
+    }
+  }
+  return hex;
+}
+
+TEST(PanelLcd, EveryCharacterHasItsPixelsFromTheFont) {
+  const std::map<u32, std::string> font = fontFile();
+  ASSERT_GT(font.size(), 20'000U);
+  const iconv_t converter = iconv_open("UTF-32LE", "GB2312");
+  const auto expectDrawn = [&](std::string gbk) {
+    const std::string text = gbk;
+    u32 character = 0;
+    char* from = gbk.data();
+    char* to = reinterpret_cast<char*>(&character);
+    std::size_t left = gbk.size(), room = sizeof character;
+    if (iconv(converter, &from, &left, &to, &room) == static_cast<std::size_t>(-1)) return false;
+    const int width = character < 0x80 ? 8 : 16;
+    for (const bool inverse : {false, true}) {
+      Lcd lcd;
+      lcd.print(2, 43, inverse ? 0x80000000 : 0, text);
+      EXPECT_EQ(hexOf(lcd.shown(), 43, 2, width, inverse), font.at(character)) << std::hex << character;
+      const auto lit = std::count_if(lcd.shown().pixels.begin(), lcd.shown().pixels.end(),
+                                     [](u8 eight) { return eight != 0; });
+      EXPECT_LE(lit, 16 * 3) << std::hex << character;  // nothing outside its cell
+      if (!lcd.shown().characters.empty()) {
+        EXPECT_EQ(u32{lcd.shown().characters[0].character}, character);
+      }
+    }
+    return true;
+  };
+  int drawn = 0;
+  for (char ascii = 0x20; ascii < 0x7F; ++ascii) drawn += expectDrawn({ascii}) ? 1 : 0;
+  for (int high = 0xA1; high <= 0xF7; ++high) {
+    for (int low = 0xA1; low <= 0xFE; ++low) {
+      drawn += expectDrawn({static_cast<char>(high), static_cast<char>(low)}) ? 1 : 0;
+    }
+  }
+  iconv_close(converter);
+  EXPECT_EQ(drawn, 95 + 7445);  // GB 2312 has 682 signs and 6763 ideographs
+}
+
+// ---- The keys ----
+
+TEST(PanelKeys, PaceWhoeverScansThemAndEndAMenuThatNobodyUses) {
+  Rig rig(freeCalls());
+  Keypad keys(rig.kernel);
+  keys.timeout(kSecond);
+  rig.task("scans", 10, [&] {
+    for (;;) {
+      const Nanos before = rig.kernel.now();
+      const int key = keys.scan();
+      const Nanos took = rig.kernel.now() - before;
+      if (key != chassis::kKeyNone) rig.note(fmt::format("{} at {} took {}", key, before / kMs, took / kMs));
+      EXPECT_LE(took, 10 * kMs);
+    }
+  });
+  const auto press = [&](chassis::PanelKey key) { EXPECT_TRUE(keys.press(key)); };
+  rig.kernel.at(2005 * kMs, [&] {
+    press(chassis::kKeyUp);
+    press(chassis::kKeyDown);
+  });
+  rig.kernel.at(3000 * kMs, [&] { press(chassis::kKeyConfirm); });
+  rig.runUntil(9 * kSecond);
+  EXPECT_EQ(rig.story,
+            (Story{"3 at 2010 took 0", "4 at 2010 took 0", "1 at 3000 took 0", "255 at 3990 took 10"}));
+
+  for (std::size_t i = 0; i < Keypad::kWaiting; ++i) press(chassis::kKeyUp);
+  EXPECT_FALSE(keys.press(chassis::kKeyUp));
+}
+
+// ---- The menu ----
+
+using chassis::item_t;
+using chassis::Label;
+
+template <std::size_t N>
+constexpr Label label(const char (&text)[N]) {
+  Label all{};
+  std::copy_n(text, N, all.text);
+  return all;
+}
+
+struct Step {
+  const char* keys;
+  const char* screen;
+};
+
+// A menu on a kernel of its own, with cards in slots 1 and 3 that have one value each.
+class PanelMenu : public ::testing::Test {
+ protected:
+  static constexpr u32 kValue = 7, kName = 8;
+
+  PanelMenu() {
+    self = this;
+    for (chassis::card& card : cards_) {
+      card.getVar = [](u8 slot, u8, u32 id, u8**) { return id == kValue ? self->values_[slot] : 0; };
+      card.setVar = [](u8 slot, u8, u32 id, u32 value) {
+        if (id == kValue) self->values_[slot] = value;
+        return 0;
+      };
+    }
+  }
+  ~PanelMenu() override { self = nullptr; }
+
+  // Shows its item and the port until a key comes, as a card's own screens do.
+  static long showsKeys(const item_t* item, u8 slot, u32 port) {
+    self->menu_.showHeading(*item);
+    self->lcd_.print(2, 0, 0, fmt::format("slot {} port {}", slot, port));
+    while (self->keys_.scan() == chassis::kKeyNone) {
+    }
+    return 0;
+  }
+
+  void install(const item_t* tree) {
+    item_t root{.flag = item_t::kLast,
+                .submenu = tree,
+                .zh = label("\xBF\xA8"
+                            "1"),
+                .en = label("card 1")};
+    menu_.registerRoot(root);
+    root.val = 2;
+    root.zh.text[2] = root.en.text[5] = '3';
+    menu_.registerRoot(root);
+    root.en.text[0] = '?';  // the menu has its copies
+  }
+
+  // Presses keys, one letter each, and tells what the LCD then shows: rows that end at a slash, the chosen
+  // one marked.
+  std::string screenAfter(const char* letters) {
+    static const std::map<char, chassis::PanelKey> kKeys = {
+        {'u', chassis::kKeyUp},    {'d', chassis::kKeyDown},    {'l', chassis::kKeyLeft},
+        {'r', chassis::kKeyRight}, {'o', chassis::kKeyConfirm}, {'c', chassis::kKeyCancel}};
+    for (; *letters != '\0'; ++letters) {
+      if (*letters == '.') {
+        rig_.kernel.delay(101);  // longer than a refresh
+      } else {
+        keys_.press(kKeys.at(*letters));
+      }
+      if (letters[1] == '\0') rig_.kernel.delay(2);
+    }
+    std::string screen;
+    for (int row = 0; row < client::kLcdRows; ++row) {
+      const auto& all = lcd_.shown().characters;
+      const bool chosen = std::any_of(all.begin(), all.end(), [&](const client::LcdCharacter& c) {
+        return c.row == row && c.x == 0 && c.inverse;
+      });
+      screen += (chosen ? ">" : "") + lcd_.shown().text(row) + '/';
+    }
+    return screen;
+  }
+
+  void run(const std::function<void()>& body) {
+    menu_.start();
+    rig_.task("operator", MenuEngine::kPriority + 10, [&] {
+      rig_.kernel.delay(2);
+      body();
+      rig_.kernel.stop();
+    });
+    rig_.kernel.run();
+  }
+
+  void walk(std::span<const Step> steps) {
+    for (const Step& step : steps) EXPECT_EQ(screenAfter(step.keys), step.screen) << '"' << step.keys << '"';
+  }
+
+  static PanelMenu* self;  // for the routines that a card has
+  Rig rig_;
+  std::array<chassis::card, 6> cards_{};
+  std::map<int, u32> values_{{0, 5}, {2, 6}};
+  std::map<int, MenuEngine::Words> faults_;
+  Lcd lcd_;
+  Keypad keys_{rig_.kernel};
+  MenuEngine menu_{rig_.kernel,
+                   lcd_,
+                   keys_,
+                   {.card = [this](int slot) { return &cards_[static_cast<std::size_t>(slot)]; },
+                    .fault = [this](int slot) -> std::optional<MenuEngine::Words> {
+                      const auto fault = faults_.find(slot);
+                      return fault == faults_.end() ? std::nullopt : std::optional(fault->second);
+                    },
+                    .text = [](int slot, u32 id) { return fmt::format("v{}.{}", slot, id); },
+                    .stop = [this](const std::string& why) { rig_.kernel.fail(why); }}};
+};
+PanelMenu* PanelMenu::self = nullptr;
+
+constexpr item_t kOptions[] = {
+    {.val = 5, .zh = label("five"), .en = label("5")},
+    {.val = 6, .flag = item_t::kLast, .zh = label("six"), .en = label("6")},
+};
+
+TEST_F(PanelMenu, WalksTheTreesOfAllCardsAndKnowsNone) {
+  const item_t leaves[] = {
+      {.id = kName, .flag = item_t::kText, .zh = label("name"), .en = label("Name")},
+      {.id = kValue, .flag = item_t::kOptions, .submenu = kOptions, .zh = label("seen"), .en = label("Seen")},
+      {.id = kValue,
+       .flag = item_t::kOptions | item_t::kSettable,
+       .submenu = kOptions,
+       .zh = label("set"),
+       .en = label("Set")},
+      {.flag = item_t::kHandler | item_t::kLast,
+       .minVal = os::addressWord(showsKeys),
+       .zh = label("own"),
+       .en = label("Own")},
+  };
+  const item_t tree[] = {
+      {.zh = label("leer"), .en = label("No leaves")},
+      {.flag = item_t::kLast, .submenu = leaves, .zh = label("all"), .en = label("Leaves")}};
+  install(tree);
+  keys_.timeout(3 * kSecond);
+  const Step steps[] = {
+      {"", "Headend/>card 1/card 3/Language English/"},
+      {"u", "Headend/card 1/card 3/>Language English/"},
+      {"do", "card 1/>No leaves/Leaves//"},
+      {"ddr", "card 1/>No leaves/Leaves//"},  // wraps to the first, which has nothing below
+      {"uo", "Leaves/>Name        v0.8/Seen           5/Set            5/"},
+      {"u", "Leaves/Seen           5/Set            5/>Own/"},
+      {"o", "Own//slot 0 port 0//"},
+      {"u", "Leaves/Seen           5/Set            5/>Own/"},
+      {"uo", "Set/>5/6//"},
+      {"dc", "Leaves/Name        v0.8/Seen           5/>Set            5/"},    // left with nothing set
+      {"oddo", "Leaves/Name        v0.8/Seen           5/>Set            5/"},  // around to the same
+      {"odo", "Leaves/Name        v0.8/Seen           6/>Set            6/"},
+      {"o", "Set/5/>6//"},
+      {"luo", "Leaves/Name        v0.8/>Seen           6/Set            6/"},  // to be looked at only
+      {"lc", "Headend/>card 1/card 3/Language English/"},
+      {"dodo", "Leaves/>Name        v2.8/Seen           6/Set            6/"},
+      {"ccdo", "前端/卡1/卡3/>语言        中文/"},
+      {"uo", "卡3/>leer/all//"},
+      {"douo", "own//slot 2 port 0//"},
+      {"....", "前端/>卡1/卡3/语言        中文/"},  // nobody presses a key
+  };
+  run([&] { walk(steps); });
+  EXPECT_EQ(values_, (std::map<int, u32>{{0, 6}, {2, 6}}));
+}
+
+TEST_F(PanelMenu, ACardThatDoesNotRunShowsThatAndNothingElse) {
+  const item_t leaf[] = {
+      {.id = kName, .flag = item_t::kText | item_t::kLast, .zh = label("name"), .en = label("Name")}};
+  const item_t tree[] = {
+      {.flag = item_t::kLast, .submenu = leaf, .zh = label("all"), .en = label("Leaves")},
+  };
+  install(tree);
+  const MenuEngine::Words broken{u"broken", u"错误"};
+  faults_[0] = broken;
+  run([&] {
+    walk({{{"", "Headend/>card 1         !/card 3/Language English/"},
+           {"oorud", "card 1/broken///"},
+           {"c", "Headend/>card 1         !/card 3/Language English/"},
+           {"o", "card 1/broken///"}}});
+    faults_.clear();
+    walk({{{".", "Headend/>card 1/card 3/Language English/"}, {"oo", "Leaves/>Name        v0.8///"}}});
+    faults_[0] = broken;
+    walk({{{".", "Leaves/broken///"}, {"oo", "Leaves/broken///"}, {"c", "card 1/broken///"}}});
+    faults_.clear();
+    walk({{{".", "Headend/>card 1/card 3/Language English/"}}});
+  });
+}
+
+TEST_F(PanelMenu, ATableWithoutAnEndMarkEndsTheRun) {
+  const std::vector<item_t> tree(MenuEngine::kLongestTable + 1);
+  install(tree.data());
+  run([&] { screenAfter("o"); });
+  EXPECT_EQ(rig_.kernel.fatalError(), "menu: the table below 'card 1' has no end mark in 64 items");
+}
+
+TEST_F(PanelMenu, AnItemWithoutItsHandlerEndsTheRun) {
+  const item_t tree[] = {{.flag = item_t::kHandler | item_t::kLast, .en = label("Own")}};
+  install(tree);
+  run([&] { screenAfter("oo"); });
+  EXPECT_EQ(rig_.kernel.fatalError(), "menu of slot 1: item 'Own' names no handler");
+}
+
+}  // namespace
+}  // namespace test

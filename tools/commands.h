@@ -15,6 +15,7 @@ namespace tools {
 // Each adds its commands to the program's. `server` is the --server of the command line, known when a command
 // runs. A command throws: CLI::ParseError for a wrong call, any other exception when it cannot be carried
 // out.
+void addAlarmsCommand(CLI::App& app, const std::string& server);
 void addPidMapCommands(CLI::App& app, const std::string& server);
 void addPsiCommands(CLI::App& app, const std::string& server);
 void addProgrammeCommands(CLI::App& app, const std::string& server);

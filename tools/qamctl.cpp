@@ -27,6 +27,7 @@ constexpr const char* kFooter =
     "  qamctl var get 1 rfreq rflevel\n"
     "  qamctl var set 1 rfreq 602000\n"
     "  qamctl rf\n"
+    "  qamctl alarms --history --lang zh\n"
     "  qamctl key down ok\n"
     "  qamctl lcd --png panel.png\n"
     "  qamctl --server 192.0.2.7:49160 status\n"
@@ -48,6 +49,7 @@ int run(int argc, char** argv) {
   tools::addCallCommand(app, server);
   tools::addVarCommands(app, server);
   tools::addRfCommand(app, server);
+  tools::addAlarmsCommand(app, server);
   tools::addStatusCommand(app, server);
   tools::addLcdCommands(app, server);
   return tools::runCommandLine(app, argc, argv);

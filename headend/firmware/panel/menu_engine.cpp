@@ -64,28 +64,22 @@ void MenuEngine::walkTop() {
     chosen = std::max(0, browse(heading, rows, chosen));
     if (leaving_) return;
     if (chosen < static_cast<int>(roots_.size())) {
-      walkCard(std::next(roots_.begin(), chosen)->second);
+      const item_t& root = std::next(roots_.begin(), chosen)->second;
+      walkTable(root, root.val);
     } else {
       language_ = language_ == Language::kEnglish ? Language::kChinese : Language::kEnglish;
     }
   }
 }
 
-void MenuEngine::walkCard(const item_t& root) {
-  const int slot = root.val;
-  if (!refused(root, slot)) walkTable(root, slot);
-}
-
-// A card that does not run has nothing to show but that: until somebody goes back, or it runs. True: go back.
-bool MenuEngine::refused(const item_t& heading, int slot) {
-  if (!firmware_.fault(slot)) return false;
+// A card that does not run has nothing to show but that: until somebody goes back, or it runs.
+void MenuEngine::showFault(const item_t& heading, int slot) {
   browse([&] { showHeading(heading); },
          [&] {
            const std::optional<Words> fault = firmware_.fault(slot);
            return std::vector<Row>{{fault ? own(*fault) : "", {}}};
          },
          -1, [&] { return firmware_.fault(slot).has_value(); });
-  return true;
 }
 
 void MenuEngine::walkTable(const item_t& parent, int slot) {
@@ -99,7 +93,7 @@ void MenuEngine::walkTable(const item_t& parent, int slot) {
   while (!leaving_) {
     chosen = browse([&] { showHeading(parent); }, rows, chosen, [&] { return !firmware_.fault(slot); });
     if (chosen < 0) {
-      if (!leaving_) refused(parent, slot);
+      if (!leaving_) showFault(parent, slot);
       return;
     }
     open(*items[static_cast<std::size_t>(chosen)], slot);

@@ -50,11 +50,10 @@ class MenuEngine {
   using Rows = std::function<std::vector<Row>()>;
 
   void walkTop();
-  void walkCard(const chassis::item_t& root);
   void walkTable(const chassis::item_t& parent, int slot);
   void open(const chassis::item_t& item, int slot);
   void chooseOption(const chassis::item_t& item, int slot);
-  bool refused(const chassis::item_t& heading, int slot);
+  void showFault(const chassis::item_t& heading, int slot);
 
   // Shows rows below a heading, the chosen one inverted, until it is opened: its number, or -1 to go back.
   // Goes back too when `stays` says so. With -1 chosen there is nothing to open.

@@ -61,6 +61,9 @@ TEST(PanelLcd, DrawsWhatFitsWhereItBelongs) {
       {"off the grid it takes both below", {{1, 0, 0, "abc"}, {1, 12, 0, "x"}}, "a x"},
       {"blanks wipe", {{1, 0, ~u32{0}, "abc"}, {1, 8, 0, " "}}, "a c | 0 16"},
       {"a row anew", {{1, 100, 0, "abc"}, {1, kAnew, 0, "x"}}, "x"},
+      {"and what is cut off leaves nothing",
+       {{1, 120, 0, "a"}, {1, kAnew, 0, std::string(15, 'x') + ka}},
+       std::string(15, 'x')},
       {"a byte that is no character", {{1, 0, 0, std::string("A\xFF")}}, "A\uFFFD"},
   };
   for (const Drawing& drawing : drawings) {

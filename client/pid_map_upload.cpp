@@ -265,13 +265,15 @@ class Replacement {
   [[noreturn]] void failStuck(const std::string& cause, const std::string& second) const {
     const std::string restore =
         options_.rescueFile.empty() ? "" : " --restore " + options_.rescueFile.string();
-    throw PidMapError(fmt::format(
+    const std::string text = fmt::format(
         "{}\nThe way back failed as well: {}\n"
         "Channel {} {} locked; on the air is the map that was there{}, whole. {}\n"
         "When 'qamctl pidmap show {}' tells that the lock is held, 'qamctl pidmap release {}{}' ends it with "
         "the map that was there",
         cause, second, name_, locked_ ? "is" : "may be", unlocking_ ? " or the new one" : "", whereKept(),
-        name_, name_, restore));
+        name_, name_, restore);
+    if (unlocking_) throw MapUnseenError(text);
+    throw PidMapError(text);
   }
 
   [[noreturn]] void failUnverified(const std::string& cause) const {

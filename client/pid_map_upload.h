@@ -32,8 +32,8 @@ struct MapOptions {
 // Notes output PIDs on which the card sends tables of its own. Throws PidMapError, which names the entries.
 void checkMap(const std::vector<MapEntry>& entries, const MapOptions& options);
 
-// The new map was sent whole and unlocked, and could not be found in place: it is on the air all the same,
-// unless another client came in between.
+// The new map was sent whole, and it or the one that was there is on the air: the unlock failed, or what
+// followed it could not be seen.
 class MapUnseenError : public PidMapError {
  public:
   using PidMapError::PidMapError;
@@ -42,8 +42,8 @@ class MapUnseenError : public PidMapError {
 // Replaces the channel's map: checks it, refuses a locked channel, keeps the map that is there, locks, sends,
 // compares, unlocks, and looks whether record and router hold it. An error after the lock sends back the map
 // that was there and unlocks; where that fails too, what() says what stands where and which command comes
-// next. Throws PidMapError (MapUnseenError once the new map is unlocked); LinkError only where nothing was
-// changed yet.
+// next. Throws PidMapError (MapUnseenError once the new map may be on the air); LinkError only where nothing
+// was changed yet.
 void replaceMap(Link& link, const Channel& channel, const std::vector<MapEntry>& entries,
                 const MapOptions& options);
 

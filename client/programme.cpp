@@ -111,7 +111,13 @@ class Change {
   void run() {
     const std::vector<MapEntry> both = withNew();
     const bool tablesChange = oldTables_.chunks != plan_.tables.chunks;
-    if (both != oldMap_) replaceMap(link_, before_.channel, both, options_.map);
+    if (both != oldMap_) {
+      try {
+        replaceMap(link_, before_.channel, both, options_.map);
+      } catch (const MapUnseenError& e) {
+        failUnseen(e, "those that were there");
+      }
+    }
     if (tablesChange) {
       keepTables();
       loadTables(both);
@@ -120,9 +126,7 @@ class Change {
       try {
         replaceMap(link_, before_.channel, plan_.map, options_.map);
       } catch (const MapUnseenError& e) {  // the old tables would name what the new map does not bring
-        dropFile();
-        throw ProgrammeError(
-            fmt::format("{}\nThe tables of {} are the new ones", e.what(), ownerName(before_.channel)));
+        failUnseen(e, "the new ones");
       } catch (const std::runtime_error& e) {
         undo(e.what(), tablesChange, both);
       }
@@ -139,6 +143,12 @@ class Change {
       if (!known) both.push_back(entry);
     }
     return asKept(both);
+  }
+
+  [[noreturn]] void failUnseen(const MapUnseenError& e, const char* tables) {
+    dropFile();
+    throw ProgrammeError(
+        fmt::format("{}\nThe tables of {} are {}", e.what(), ownerName(before_.channel), tables));
   }
 
   void loadTables(const std::vector<MapEntry>& map) {

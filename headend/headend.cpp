@@ -221,7 +221,18 @@ void Headend::openInputs() {
 }
 
 std::unique_ptr<TsInput> Headend::openInput(const Options::Input& input) {
-  if (!input.address) return std::make_unique<FileInput>(input.file.string(), input.bitRate);
+  if (!input.address) {
+    auto file = std::make_unique<FileInput>(input.file.string(), input.bitRate);
+    const auto& [losses, leading, trailing] = file->damage();
+    if (losses + leading + trailing > 0) {
+      log_.line(
+          kernel_.now(), "headend",
+          fmt::format("{} is damaged: sync lost {} times, {} bytes before the first packet and {} behind "
+                      "the last; the rest plays",
+                      file->name(), losses, leading, trailing));
+    }
+    return file;
+  }
   return std::make_unique<UdpInput>(network_, input.address->first, input.address->second, options_.deJitter);
 }
 

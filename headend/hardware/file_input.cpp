@@ -147,6 +147,7 @@ void FileInput::read() {
   };
   std::error_code error;
   if (std::filesystem::is_directory(path_, error)) failed("it is a folder");
+  if (std::filesystem::is_character_file(path_, error)) failed("it is a device, which may have no end");
   std::ifstream stream(path_, std::ios::binary);
   if (!stream) failed(std::strerror(errno));
   if (const auto size = std::filesystem::file_size(path_, error); !error) packets_.reserve(size / kTsPacket);

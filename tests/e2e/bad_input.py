@@ -198,6 +198,11 @@ WRONG_CALLS = """--fast | seconds
 --set 3.temperature1=20 | --card 3
 --trace FLASH/para/card1.dat | the cards
 --report FLASH/K717_QAM/qam.bin | the cards
+--source 6=udp://127.0.0.1:0 | leave --fast away
+--source 6=SMALL@1 | 1000 to 1000000000
+--source 1=SMALL --card 1 | modulator card
+--source 6=SMALL, | FILE
+--fault 6.1.input-lost | no such input
 --fault no-such | --fault help
 --fault 2.lo1-no-latch | --card 2
 --fault lo1-no-latch@x | seconds""".splitlines()

@@ -72,6 +72,12 @@ def free_ports(count):
     return ports
 
 
+def datagrams_lost(port):
+    """Datagrams for which the host had no room at that socket, because it was busy."""
+    rows = [line.split() for line in read('/proc/net/udp').decode().splitlines()[1:]]
+    return sum(int(row[-1]) for row in rows if int(row[1].split(':')[1], 16) == port)
+
+
 class Case:
     """One test: a temporary folder, the programs, and what was found wrong."""
 

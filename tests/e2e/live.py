@@ -28,12 +28,6 @@ def frames(path):
     return found
 
 
-def dropped(port):
-    """Datagrams that the host had no room for at that socket: it was busy, and what was sent never came."""
-    rows = [line.split() for line in read('/proc/net/udp').decode().splitlines()[1:]]
-    return sum(int(row[-1]) for row in rows if int(row[1].split(':')[1], 16) == port)
-
-
 def live(case, sender):
     seconds, source, due_list, got_list = case.args.seconds, case.path('live.ts'), case.path('due'), case.path('got')
     make_programme(case, source, seconds)
@@ -57,7 +51,7 @@ def live(case, sender):
                          timeout=seconds + harness.HANG_SECONDS)
             server.wait(lambda: all(len(frames(got_list).get(stream, [])) + LATENT >= len(digests)
                                     for stream, digests in due.items()))
-            losses = dropped(into), dropped(out)
+            losses = harness.datagrams_lost(into), harness.datagrams_lost(out)
         finally:
             decoder.kill()
             said = decoder.communicate(timeout=harness.HANG_SECONDS)[1].decode(errors='replace')

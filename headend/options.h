@@ -123,7 +123,7 @@ enum ExitCode : int {
   kExitDone = 0,
   kExitFailed = 1,  // a card does not run at the end, an output, save or upload failed, a file cannot be used
   kExitWrongCall = 2,  // the command line
-  kExitStopped = 3,    // an interrupt routine did what it may not
+  kExitStopped = 3,    // an interrupt routine did what it may not, or a menu tree is broken
 };
 
 // The options of a command line; or the exit code with which to leave, after help or an error has been

@@ -6,10 +6,12 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 
 #include "client/replace_file.h"
 #include "headend/headend.h"
+#include "headend/panel_process.h"
 #include "headend/report.h"
 #include "headend/status_view.h"
 
@@ -51,7 +53,10 @@ int run(const headend::Options& options) {
     fmt::print("made flash folder {} with the sample bitstream\n", options.flash.string());
     return headend::kExitDone;
   }
+  std::optional<headend::PanelProcess> panel;
+  if (options.panel) panel.emplace();
   headend::Headend machine(options);
+  if (panel) panel->show(machine.managementAddress());
   headend::StatusView view(machine);
   machine.onTick([&view] { view.update(); });
   if (options.manage) {
@@ -62,7 +67,8 @@ int run(const headend::Options& options) {
     fmt::print("calibration on {}\n", machine.calibrationAddress());
     std::fflush(stdout);
   }
-  const int code = machine.run(interrupted);
+  int code = machine.run(interrupted);
+  if (panel && !panel->close() && code == headend::kExitDone) code = headend::kExitFailed;
   if (!options.report.empty()) writeReport(options.report, headend::reportText(machine));
   return code;
 }
@@ -77,6 +83,11 @@ int main(int argc, char** argv) {
   action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second one ends it at once
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  if (line.options.panel) {
+    sigaction(SIGHUP, &action, nullptr);
+    action.sa_flags = SA_NOCLDSTOP;  // whoever quits the panel ends the run
+    sigaction(SIGCHLD, &action, nullptr);
+  }
   std::signal(SIGPIPE, SIG_IGN);
   try {
     return run(line.options);

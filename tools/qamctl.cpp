@@ -28,6 +28,7 @@ constexpr const char* kFooter =
     "  qamctl var set 1 rfreq 602000\n"
     "  qamctl rf\n"
     "  qamctl alarms --history --lang zh\n"
+    "  qamctl panel\n"
     "  qamctl key down ok\n"
     "  qamctl lcd --png panel.png\n"
     "  qamctl --server 192.0.2.7:49160 status\n"
@@ -49,6 +50,7 @@ int run(int argc, char** argv) {
   tools::addCallCommand(app, server);
   tools::addVarCommands(app, server);
   tools::addRfCommand(app, server);
+  tools::addPanelCommand(app, server);
   tools::addAlarmsCommand(app, server);
   tools::addStatusCommand(app, server);
   tools::addLcdCommands(app, server);

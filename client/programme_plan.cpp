@@ -374,7 +374,7 @@ class Removing {
       if (isOwn(entry)) inputs.insert({.slot = entry.sourceSlot, .port = entry.sourcePort});
     }
     for (const SourcePort& input : inputs) removeEntitlements(input);
-    draft_.dropUnused([&](const MapEntry& e) { return isOwn(e) && !entitlements_.contains(e.pid); });
+    draft_.dropUnused([&](const MapEntry& e) { return isOwn(e); });
     for (const SourcePort& input : inputs) removePassed(input);
 
     ProgrammePlan plan = draft_.plan();
@@ -431,7 +431,6 @@ class Removing {
       if (heir == systems.end()) return true;
       own->programme = heir->second;
       own->sourceProgramme = sourceNumberOf(heir->second, input);
-      entitlements_.insert(own->pid);
       return false;
     });
     const auto after = cat->entries();
@@ -460,8 +459,7 @@ class Removing {
 
   ProgrammeDraft draft_;
   u16 number_;
-  std::set<u16> pids_;          // that its PMT names
-  std::set<u16> entitlements_;  // that stay for another programme
+  std::set<u16> pids_;  // that its PMT names
 };
 
 }  // namespace

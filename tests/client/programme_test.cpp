@@ -102,7 +102,7 @@ FakeChassis chassisWithInput() {
   const auto send = [&](const Section& s) { chassis.input[{s.pid, s.tableId()}].push_back(s.bytes); };
   send(pat(50, 3, {{1, 0x1F0}, {2, 0x1F1}, {3, 0x1F2}}));
   send(pmt(0x1F0, 1, 9, 0x201, ca(0xB00, 0x290), {{2, 0x201}, {3, 0x202, kLanguage}}));
-  send(pmt(0x1F1, 2, 9, 0x211, {}, {{2, 0x210}, {3, 0x202, kLanguage + ca(0xB00, 0x291)}}));
+  send(pmt(0x1F1, 2, 9, 0x1211, {}, {{2, 0x210}, {3, 0x202, kLanguage + ca(0xB00, 0x291)}}));
   send(pmt(0x1F2, 3, 9, 0x1FFF, {}, {{6, 0x220}}));
   send(sdt(50, 60, 3, {{1, 3, "One"}, {2, 1, "Two"}, {3, 2, "Three"}}));
   send(cat(3, {{0x100, 0x2F0}, {0xB00, 0x2F1}}));
@@ -189,7 +189,7 @@ TEST_F(ProgrammeTest, MapAndTablesFollow) {
   const std::vector<MapEntry> ofOne = {entry(0x201, 0x103, 1, 2, 2), entry(0x202, 0x104, 1, 2, 3),
                                        entry(0x290, 0x105, 1, 2, 0), entry(0x2F1, 0x106, 1, 2, 0)};
   const std::vector<MapEntry> ofTwo = {entry(0x12, 0x12, 0, 0, 0), entry(0x210, 0x108, 2, 3, 2),
-                                       entry(0x211, 0x109, 2, 3, 0), entry(0x291, 0x10A, 2, 3, 0)};
+                                       entry(0x1211, 0x109, 2, 3, 0), entry(0x291, 0x10A, 2, 3, 0)};
   const std::vector<MapEntry> shared = {entry(0x202, 0x104, 2, 3, 3), entry(0x2F1, 0x106, 2, 3, 0)};
   struct Step {
     const char* what;

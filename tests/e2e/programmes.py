@@ -182,5 +182,6 @@ def full_chassis(case):
                    f'{channel}: {len(numbers)} packets, gaps at {broken[-3:]}')
 
 
-harness.main({'four-outputs': four_outputs, 'overflow': overflow, 'input-lost': input_lost, 'maps': maps,
-              'full-chassis': full_chassis})
+if __name__ == '__main__':
+    harness.main({'four-outputs': four_outputs, 'overflow': overflow, 'input-lost': input_lost, 'maps': maps,
+                  'full-chassis': full_chassis})

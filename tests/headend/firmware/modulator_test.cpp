@@ -201,7 +201,8 @@ TEST(Modulator, MeasuresTheRatesThatLeave) {
           if (text != fmt::format("{}Kb/s", kbits)) wrong += fmt::format("{}: {} for {}\n", id, text, kbits);
           if ((id == 37) != (payload > 0) && !isTotal) wrong += "payload on the wrong channel\n";
           const double gate = static_cast<double>(readAt - opened) / 1e9;
-          if (gate > 0.501 || gate < (tickHz == 100 ? 0.4899 : 0.483))
+          // A status pass may hold the processor when the gate is to close.
+          if (gate > 0.506 || gate < (tickHz == 100 ? 0.4899 : 0.483))
             wrong += fmt::format("a gate of {} s\n", gate);
         }
       });
@@ -337,8 +338,11 @@ TEST(Faults, OfASensorsBusThatHangsLaterKeepTheVariablesAndNobodyElse) {
   });
   run(headend);
   EXPECT_EQ(headend.state(0), Headend::CardState::kHung);
-  ASSERT_EQ(headend.parkedTasks().size(), 1U);
-  EXPECT_EQ(headend.parkedTasks()[0].reg, "slot 1 ext_ad7414_scl");
+  ASSERT_EQ(headend.parkedTasks().size(), 2U);
+  EXPECT_EQ(headend.parkedTasks()[0].task, "tStatus1");
+  EXPECT_EQ(headend.parkedTasks()[1].task, "tReader");
+  for (const Headend::ParkedTask& parked : headend.parkedTasks())
+    EXPECT_EQ(parked.reg, "slot 1 ext_ad7414_scl");
   ASSERT_EQ(headend.longWaits().size(), 1U);
   EXPECT_EQ(headend.longWaits()[0].task, "tWaiter");
   EXPECT_EQ(headend.longWaits()[0].holder, "tReader");

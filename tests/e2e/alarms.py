@@ -1,0 +1,232 @@
+#!/usr/bin/env python3
+"""Alarms as an operator sees them: each condition from its cause to its recovery, what outlives a power-up, and an
+input that comes and goes. `alarms.py ... campaign` runs the last for a virtual day and is no part of the quick tests."""
+import json
+import os
+import signal
+import struct
+import subprocess
+import sys
+
+import harness
+from harness import Server, read, write
+from programmes import FOUR, csv, ramp
+
+HISTORY = 'alarms/history.dat'
+INPUT, HEAT, RATE = 769, 770, 771
+KIND = 'event'
+
+
+def events(case, flash, *more):
+    """What qamctl tells of the history in a flash folder."""
+    with Server(case, flash, *more) as server:
+        server.wait_started()
+        run = case.qamctl(server.address, 'alarms', '--history', '--json')
+        server.stop()
+    return [json.loads(line) for line in run.text.splitlines()]
+
+
+def second(event):
+    """Of the run: a fast one begins in the year 2000."""
+    hours, minutes, seconds = event['at'].removeprefix('2000-01-01T').rstrip('Z').split(':')
+    return int(hours) * 3600 + int(minutes) * 60 + int(seconds)
+
+
+def source(case):
+    return ['--source', f'6={case.sample(FOUR)}']
+
+
+def too_much(case, *channels):
+    """More than a channel of 5000 kBd can carry."""
+    feed, table = case.path('feed.ts'), case.path('map.csv')
+    write(feed, ramp([0x200], 20000))
+    write(table, csv([(1, 0x200, 0x300)]))
+    return ['--source', f'6={feed}@30000000', '--set', '1.symbolrate=5000',
+            *(word for channel in channels for word in ('--pidmap', f'{channel}={table}@3'))]
+
+
+# name: (flags, port, type, texts of the alarm: title, text and trap; of the recovery: trap; from, until: seconds)
+CONDITIONS = {
+    'input 1': (lambda case: [*source(case), '--programme', '1.1=6.1:One', '--fault', '6.1.input-lost@10/20'],
+                1, INPUT, ('Card1', 'Ch.1 Error', 'No Input'), 'qam card 1 ch.1 input OK!',
+                ('卡1', '频点一错误', '无输入'), 'QAM卡1频点一输入恢复正常', 10, 20),
+    'input 2': (lambda case: [*source(case), '--programme', '1.2=6.1:One', '--fault', '6.1.input-lost@10/20'],
+                1, INPUT, ('Card1', 'Ch.2 Error', 'No Input'), 'qam card 1 ch.2 input OK!',
+                ('卡1', '频点二错误', '无输入'), 'QAM卡1频点二输入恢复正常', 10, 20),
+    'heat': (lambda case: ['--set', '1.temperature2=70@10', '--set', '1.temperature2=69@20'],
+             1, HEAT, ('QAM Card1', 'High Temperature', 'High Temperature'), 'qam card 1 normal temperature',
+             ('调制卡1', '温度过高', '温度过高'), '调制卡1温度恢复正常', 10, 20),
+    'frost': (lambda case: ['--set', '1.temperature2=-1@10', '--set', '1.temperature2=0@20'],
+              1, HEAT, ('QAM Card1', 'High Temperature', 'High Temperature'), 'qam card 1 normal temperature',
+              ('调制卡1', '温度过高', '温度过高'), '调制卡1温度恢复正常', 10, 20),
+    'rate 1': (lambda case: [*too_much(case, '1.1'), '--set', '1.symbolrate=6875@17'],
+               1, RATE, ('Card1Port1', 'rate overflow', 'QAM Card1 port1 rate overflow'), 'QAM Card1 port1 rate resume',
+               ('卡1端口1', '码率溢出', '调制卡1端口1码率溢出'), '调制卡1端口1码率恢复', 3, 19),
+    'rate 2': (lambda case: [*too_much(case, '1.2'), '--set', '1.symbolrate=6875@17'],
+               2, RATE, ('Card1Port2', 'rate overflow', 'QAM Card1 port2 rate overflow'), 'QAM Card1 port2 rate resume',
+               ('卡1端口2', '码率溢出', '调制卡1端口2码率溢出'), '调制卡1端口2码率恢复', 3, 19),
+}
+
+
+def conditions(case):
+    for name, (flags, port, kind, en, en_end, zh, zh_end, start, end) in CONDITIONS.items():
+        flash = case.flash(name)
+        run = case.fast(flash, 28, '--psi', f'1.1={case.sample("psi-small.ts")}', *flags(case))
+        case.clean(run)
+        case.equal(run.report['alarms']['standing'], [], f'{name}: alarms at the end')
+        pat = case.card(run, 1)['channels'][0]['tables']['PAT']['interval_ticks']
+        case.equal((pat['min'], pat['max']), (300, 300), f'{name}: intervals of the PAT meanwhile')
+        found = events(case, flash)
+        if not case.equal([e[KIND] for e in found], ['raised', 'recovered'], f'{name}: events'):
+            continue
+        for event, trap, zh_trap in ((found[0], en[2], zh[2]), (found[1], en_end, zh_end)):
+            case.equal([event[key] for key in ('slot', 'port', 'type')], [1, port, kind], f'{name}: where')
+            case.equal(event['en'], dict(zip(('title', 'text', 'trap'), (*en[:2], trap))), f'{name}: English')
+            case.equal(event['zh'], dict(zip(('title', 'text', 'trap'), (*zh[:2], zh_trap))), f'{name}: Chinese')
+        case.check(start <= second(found[0]) <= start + 2 and end <= second(found[1]) <= end + 2,
+                   f'{name}: {[e["at"] for e in found]} where {start} and {end} s are due')
+        case.equal(found[1]['happened'], found[0]['at'], f'{name}: when the alarm that ended had come')
+
+
+def early_end(case):
+    """While the first output's alarm stands the second's is not looked at; then both change in one pass."""
+    flash, table, empty = case.flash(), case.path('map.csv'), case.path('empty.csv')
+    write(empty, csv([]))
+    run = case.fast(flash, 30, *too_much(case, '1.1'), '--pidmap', f'1.2={table}@6', '--pidmap', f'1.1={empty}@15')
+    case.clean(run)
+    found = [(e[KIND], e['port'], second(e)) for e in events(case, flash) if e['type'] == RATE]
+    case.equal([e[:2] for e in found], [('raised', 1), ('recovered', 1), ('raised', 2)], 'events')
+    if len(found) == 3:
+        case.equal(found[2][2], found[1][2], 'second of the second alarm')
+        case.check(found[1][2] >= 15, f'the first output recovers at {found[1][2]} s, before its cause ends')
+
+
+def hung(case):
+    """A card that waits for a sensor for good holds up no other card's alarms."""
+    flash = case.flash()
+    args = [word for card in '123' for word in ('--card', card, '--set', f'{card}.temperature2=80@10')]
+    run = case.fast(flash, 20, *args, '--fault', '2.sensor2-scl-low@5', codes=(1,))
+    case.card(run, 2, 'hung')
+    case.equal(sorted(alarm['slot'] for alarm in run.report['alarms']['standing']), [1, 3], 'slots with an alarm')
+
+
+def saved_status(case):
+    """A record that was saved while an alarm stood keeps its bit: no raise after it, but a recovery."""
+    lost = [*source(case), '--fault', '6.1.input-lost']
+    first = case.flash()
+    case.fast(first, 10, *source(case), '--programme', '1.1=6.1:One', '--fault', '6.1.input-lost@3', '--set', '1.rflevel=1010@8')
+    record = read(os.path.join(first, harness.record_file(1)))
+    case.equal(record[26], 1, 'status in the record')
+
+    for name, history, flags, wanted, standing in (
+            ('back', True, source(case), ['raised', 'recovered'], 0),
+            ('lost', True, lost, ['raised'], 1),
+            ('back, history gone', False, source(case), ['recovered_without_alarm'], 0),
+            ('lost, history gone', False, lost, [], 0)):
+        flash = case.flash(name)
+        write(os.path.join(flash, harness.record_file(1)), record)
+        if history:
+            write(os.path.join(flash, HISTORY), read(os.path.join(first, HISTORY)))
+        run = case.fast(flash, 10, *flags)
+        case.equal(len(run.report['alarms']['standing']), standing, f'{name}: alarms that stand')
+        case.equal(run.report['alarms']['events'], len(wanted), f'{name}: events')
+        if wanted:
+            case.equal([e[KIND] for e in events(case, flash, '--card', '1')][:len(wanted)], wanted, f'{name}: events')
+    run = case.fast(first, 3, '--card', '4')
+    case.equal((run.report['alarms']['events'], run.report['alarms']['standing']), (2, []), 'without the card')
+
+
+def history_file(case):
+    flash = case.flash()
+    path = os.path.join(flash, HISTORY)
+    heat = ['--set', '1.temperature2=80@2', '--set', '1.temperature2=20@6']
+    case.fast(flash, 10, *heat)
+    whole = read(path)
+    damaged = whole[:-100] + bytes([whole[-100] ^ 1]) + whole[-99:]
+    write(path, damaged)
+    run = case.fast(flash, 10, *heat)
+    case.says(run, r'history.*damaged: 1 of 2', r'kept as .*history\.dat\.damaged')
+    case.equal(read(path + '.damaged'), damaged, 'the file put aside')
+    found = events(case, flash)
+    case.equal([e[KIND] for e in found], ['raised', 'recovered', 'raised', 'recovered'], 'what is left, and what came')
+    case.tidy(flash, HISTORY, HISTORY + '.damaged')
+
+    barred = case.flash('barred')
+    write(os.path.join(barred, 'alarms'), b'in the way')
+    run = case.fast(barred, 10, *heat, codes=(1,))
+    case.says(run, r"alarms' history is not kept: cannot save .*alarms")
+    case.equal(run.report['alarms']['events'], 2, 'events all the same')
+
+
+def killed(case):
+    """Whenever the process is ended by force, the history has all events up to some moment."""
+    flash, before = case.flash(), 0
+    path = os.path.join(flash, HISTORY)
+    for turn in range(6):
+        server = Server(case, flash, '--fast', '--seconds', '1000000', *source(case), '--programme', '1.1=6.1:One',
+                        '--fault', '6.1.input-lost@1/4')
+        with server:
+            server.wait(lambda: os.path.exists(path) and os.path.getsize(path) > before + 352 * (turn + 1) * 20)
+            server.process.send_signal(signal.SIGKILL)
+            server.process.wait()
+            server.sink.close()
+        before = os.path.getsize(path)
+        case.check('damaged' not in server.text(), server.text())
+    run = case.fast(flash, 2)
+    case.check('damaged' not in run.text, run.text)
+    entries = struct.iter_unpack('<IIQ336x', read(path)[8:][:(os.path.getsize(path) - 8) // 352 * 352])
+    numbers = [number for _, _, number in entries]
+    case.equal(numbers, list(range(1, len(numbers) + 1)), 'numbers of the events')
+    case.check(len(numbers) > 400, f'only {len(numbers)} events')
+
+
+def peak_kb(process):
+    """Nothing for a process that has ended meanwhile."""
+    with open(f'/proc/{process.pid}/status', encoding='ascii') as file:
+        return [int(line.split()[1]) for line in file if line.startswith('VmHWM')]
+
+
+def comes_and_goes(case, periods):
+    """An input that is lost for two seconds of four, with qamctl on the events as they come."""
+    flash, seen, peaks = case.flash(), case.path('seen'), []
+    args = [*source(case), '--programme', '1.1=6.1:One', '--fault', '6.1.input-lost@10/4']
+    seconds = 10 + 4 * periods
+    with Server(case, flash, '--fast', '--seconds', str(seconds), *args) as server, open(seen, 'wb') as sink:
+        watch = subprocess.Popen([case.args.qamctl, '--server', server.address, 'alarms', '--history', '--follow',
+                                  '--json'], stdout=sink, stderr=subprocess.DEVNULL)
+        while server.process.poll() is None:
+            peaks += peak_kb(server.process)
+            try:
+                server.process.wait(1)
+            except subprocess.TimeoutExpired:
+                pass
+        watch.wait(harness.HANG_SECONDS)
+        report = server.stop()
+    case.equal(report['alarms']['events'], 2 * periods, 'events')
+    case.equal(report['protocol_violations'], {}, 'violations')
+    # What was seen, and what the history keeps: each event once, and the same in both.
+    both = [json.loads(line) for line in read(seen).splitlines()]
+    case.equal([e['number'] for e in both], list(range(1, len(both) + 1)), 'numbers that were followed')
+    kept = events(case, flash)
+    case.equal(len(kept), min(2 * periods, 10000), 'events that are kept')
+    known = {e['number']: e for e in both}
+    case.equal([e for e in kept if known.get(e['number'], e) != e], [], 'events that were seen otherwise')
+    known |= {e['number']: e for e in kept}
+    case.equal(sorted(known), list(range(1, 2 * periods + 1)), 'events seen or kept')
+    for number, event in known.items():
+        if not (case.equal(event[KIND], 'raised' if number % 2 else 'recovered', f'event {number}') and
+                case.equal(event['en']['text'], 'Ch.1 Error', f'event {number}')):
+            break
+    if 2 * periods > 4 * len(kept):  # the history was full for long
+        half = peaks[len(peaks) // 2]
+        print(f'{periods} alarms and recoveries, {len(both)} events followed, memory {half} kB after half of it, '
+              f'{peaks[-1]} kB at the end')
+        case.check(peaks[-1] <= half * 1.1, 'memory grows')
+
+
+CASES = {'conditions': conditions, 'early-end': early_end, 'hung': hung, 'saved-status': saved_status,
+         'history-file': history_file, 'killed': killed, 'minutes': lambda case: comes_and_goes(case, 100)}
+CAMPAIGN = {'campaign': lambda case: comes_and_goes(case, 21600)}
+
+if __name__ == '__main__':
+    harness.main(CASES | CAMPAIGN if 'campaign' in sys.argv else CASES)

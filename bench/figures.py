@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """All figures of docs/benchmarks.md: the speed of the virtual headend under load, while settings change and in a
 start-up of all slots, packets through router and multiplexer, instruction counts, a start-up timeline, times of the
-calibration. Called by bench/run, which builds what is measured.
+calibration and of the front panel. Called by bench/run, which builds what is measured.
 
 Exit code: 0 when the figures are there and the ratios of instruction counts and the rates of the calibration keep
 their limits, 1 when not. Goals of speed are reported and not judged: they depend on the machine and on what else it
@@ -178,6 +178,18 @@ def calibration(program):
     return [json.loads(line) for line in run.stdout.splitlines()]
 
 
+def panel(program, samples):
+    """From key to screen, for each kind of screen, without PSI and with much of it."""
+    rows = []
+    for load, arguments in (('', ()), (', full PSI', (os.path.join(samples, 'psi-full.ts'),))):
+        run = subprocess.run([program, *arguments], capture_output=True, text=True, timeout=PATIENCE_SECONDS)
+        if run.returncode != 0:
+            raise NoFigure(f'{program}: exit code {run.returncode}\n{run.stderr}')
+        found = [json.loads(line) for line in run.stdout.splitlines()]
+        rows += [{**row, 'screen': row['screen'] + load} for row in found]
+    return rows
+
+
 def show_speed(title, rows):
     print(f'{title:38} {"best":>8} {"slowest":>8} {"a CPU second":>13} {"goal":>6}')
     for row in rows:
@@ -215,6 +227,14 @@ def show_calibration(rows):
         print(f'{name:38}' + ''.join(f'{row[key]:10.{digits}f}' for row in rows))
 
 
+def show_panel(rows):
+    kinds = ('virtual_ms', 'real_ms'), ('mean', 'median', 'worst')
+    print(f'{"From key to screen, ms":38}' + ''.join(f'{kind[:-3] + " " + figure:>16}' for kind in kinds[0]
+                                                   for figure in kinds[1]))
+    for row in rows:
+        print(f'{row["screen"]:38}' + ''.join(f'{row[kind][figure]:16.2f}' for kind in kinds[0] for figure in kinds[1]))
+
+
 def save(path, results):
     aside = f'{path}.new'
     with open(aside, 'w', encoding='utf-8') as file:
@@ -230,6 +250,7 @@ def main():
     parser.add_argument('--module', action='append', required=True, metavar='LEVEL=FILE')
     parser.add_argument('--calibration', required=True, metavar='FILE')
     parser.add_argument('--multiplexer', required=True, metavar='FILE')
+    parser.add_argument('--panel', required=True, metavar='FILE')
     parser.add_argument('--json', metavar='FILE')
     parser.add_argument('--repeat', type=int, default=3, metavar='N')
     options = parser.parse_args()
@@ -254,11 +275,14 @@ def main():
         print(flush=True)
         calibrations = calibration(options.calibration)
         show_calibration(calibrations)
+        print(flush=True)
+        screens = panel(options.panel, options.samples)
+        show_panel(screens)
         if options.json:
             save(options.json, {'machine': f'{platform.machine()}, {os.cpu_count()} processors', 'speed': rows,
                                 'full_house': house, 'routed': packets, 'instructions': counts,
                                 'instructions_a_routed_packet': routed_counts, 'startup': timelines,
-                                'calibration': calibrations})
+                                'calibration': calibrations, 'panel': screens})
     except (NoFigure, instructions.CannotCount, OSError, subprocess.SubprocessError) as error:
         print(error, file=sys.stderr)
         return 1

@@ -108,6 +108,8 @@ void addProgrammes(const Options& options, Log& log, std::vector<Operator::Job>&
   }
 }
 
+constexpr std::chrono::milliseconds kBetweenKeys{20};
+
 void addKeys(const Options& options, std::vector<Operator::Job>& jobs) {
   for (const Options::Keys& keys : options.keys) {
     jobs.push_back({.lane = "keys",
@@ -115,7 +117,10 @@ void addKeys(const Options& options, std::vector<Operator::Job>& jobs) {
                     .name = keys.names,
                     .at = keys.at,
                     .carryOut = [keys](client::Link& link) {
-                      for (const chassis::PanelKey key : keys.keys) client::pressKey(link, key);
+                      for (const chassis::PanelKey key : keys.keys) {
+                        client::pressKey(link, key);
+                        link.wait(kBetweenKeys);  // as a hand would, so that the menu follows
+                      }
                     }});
   }
 }

@@ -149,7 +149,7 @@ def not_running(case):
 
 def beside_the_carousel(case):
     """With an editor open the tables keep their intervals; keys at virtual times; the LCD as text and as a picture."""
-    out, psi = case.path('out.ts'), case.sample('psi-full.ts')
+    out, psi = case.path('out.ts'), case.sample('psi-many.ts')
     run = case.fast(case.flash(), 8, '--psi', f'1.1={psi}', '--out', f'1.1={out}', '--key', 'ok,down,ok,down,down,ok,up@2',
                     '--key', 'ok@7')
     case.clean(run)

@@ -117,6 +117,21 @@ class Adding {
         if (old_) return;
       }
     }
+    findByPids();
+  }
+
+  // Its entries may all be another programme's, or have lost their numbers in a release.
+  void findByPids() {
+    std::set<u16> pids;
+    for (const PidField& field : pidsOfPmt(pmt_)) pids.insert(mapped(field.pid(pmt_.bytes)));
+    for (const Section& pmt : draft_.pmts()) {
+      std::set<u16> theirs;
+      for (const PidField& field : pidsOfPmt(pmt)) theirs.insert(field.pid(pmt.bytes));
+      if (pmt.extension() != sourceNumber_ || theirs != pids) continue;
+      number_ = sourceNumber_;
+      pmtPid_ = pmt.pid;
+      old_ = pmt;
+    }
   }
 
   u16 freeNumber() {

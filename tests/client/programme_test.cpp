@@ -299,6 +299,9 @@ TEST_F(ProgrammeTest, MakesTheTablesOfAnOutputThatHasNone) {
   const std::vector<Section> expected = {pat(44, 0, {{3, 0x100}}), pmt(0x100, 3, 0, kNoPid, {}, {{6, 0x101}}),
                                          services};
   EXPECT_EQ(sectionsIn(chassis), expected);
+  replaceMap(link, kChannel, {entry(0x220, 0x101, 0, 0, 0)}, {});  // as a release leaves it
+  addProgramme(link, kChannel, kInput, "Three", options_);
+  EXPECT_EQ(sectionsIn(chassis), expected);
   removeProgramme(link, kChannel, "three", options_);
   EXPECT_TRUE(programmesOf(readOutput(link, kChannel)).empty());
   EXPECT_TRUE(readMap(link, kChannel).entries.empty());

@@ -26,8 +26,8 @@ std::vector<u8> pngOf(const client::Lcd& lcd) {
   std::vector<u8> picture(std::size_t{kWidth} * kHeight, kFrameColour);
   for (int y = 0; y < client::kLcdHeight * kScale; ++y) {
     for (int x = 0; x < client::kLcdWidth * kScale; ++x) {
-      picture[static_cast<std::size_t>((y + kFrame) * kWidth + x + kFrame)] =
-          lcd.pixel(x / kScale, y / kScale) ? kOn : kOff;
+      const int at = (y + kFrame) * kWidth + kFrame + x;
+      picture[static_cast<std::size_t>(at)] = lcd.pixel(x / kScale, y / kScale) ? kOn : kOff;
     }
   }
   png_image image{};

@@ -53,7 +53,7 @@ void write(std::FILE* out, unsigned code, unsigned character, const std::string&
 
 void make(const char* font, const char* target) {
   const std::map<unsigned, std::string> glyphs = readFont(font);
-  const iconv_t converter = iconv_open("UTF-32BE", "GB2312");
+  iconv_t converter = iconv_open("UTF-32BE", "GB2312");
   std::FILE* out = std::fopen(target, "w");
   if (out == nullptr) throw std::runtime_error(fmt::format("cannot write {}", target));
   fmt::print(

@@ -86,6 +86,7 @@ void MenuEngine::walkTable(const item_t& parent, int slot) {
   const std::vector<const item_t*> items = itemsOf(parent);
   const Rows rows = [&] {
     std::vector<Row> all;
+    all.reserve(items.size());
     for (const item_t* item : items) all.push_back(rowOf(*item, slot));
     return all;
   };
@@ -124,6 +125,7 @@ void MenuEngine::chooseOption(const item_t& item, int slot) {
       std::find_if(options.begin(), options.end(), [&](const item_t* o) { return o->val == value; });
   const Rows rows = [&] {
     std::vector<Row> all;
+    all.reserve(options.size());
     for (const item_t* option : options) all.push_back({labelOf(*option), {}});
     return all;
   };
@@ -177,10 +179,10 @@ int MenuEngine::browse(const std::function<void()>& heading, const Rows& rows, i
 // The heading stays, and of the rows as many as fit, with the chosen one among them.
 void MenuEngine::draw(const std::function<void()>& heading, const std::vector<Row>& rows, int chosen) {
   heading();
-  const int first = std::max(0, chosen - (kRowsBelowHeading - 1));
-  for (int i = 0; i < kRowsBelowHeading && first + i < static_cast<int>(rows.size()); ++i) {
-    const Row& row = rows[static_cast<std::size_t>(first + i)];
-    lcd_.printRow(1 + i, row.left, row.right, first + i == chosen);
+  int number = std::max(0, chosen - (kRowsBelowHeading - 1));
+  for (int line = 1; line <= kRowsBelowHeading && number < static_cast<int>(rows.size()); ++line, ++number) {
+    const Row& row = rows[static_cast<std::size_t>(number)];
+    lcd_.printRow(line, row.left, row.right, number == chosen);
   }
 }
 

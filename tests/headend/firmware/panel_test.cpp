@@ -117,7 +117,7 @@ std::string hexOf(const client::Lcd& lcd, int x, int row, int width, bool invers
 TEST(PanelLcd, EveryCharacterHasItsPixelsFromTheFont) {
   const std::map<u32, std::string> font = fontFile();
   ASSERT_GT(font.size(), 20'000U);
-  const iconv_t converter = iconv_open("UTF-32LE", "GB2312");
+  iconv_t converter = iconv_open("UTF-32LE", "GB2312");
   const auto expectDrawn = [&](std::string gbk) {
     const std::string text = gbk;
     u32 character = 0;
@@ -211,7 +211,6 @@ class PanelMenu : public ::testing::Test {
       };
     }
   }
-  ~PanelMenu() override { self = nullptr; }
 
   // Shows its item and the port until a key comes, as a card's own screens do.
   static long showsKeys(const item_t* item, u8 slot, u32 port) {

@@ -152,7 +152,9 @@ bool AlarmFile::append(const AlarmEvent& event) {
 
 void AlarmFile::rewrite(const std::vector<AlarmEvent>& standing, const std::deque<AlarmEvent>& events) {
   if (locked_) return;
-  client::Bytes bytes(kMagic.begin(), kMagic.end());
+  client::Bytes bytes;
+  bytes.reserve(kMagic.size() + (standing.size() + events.size()) * sizeof(Entry));
+  bytes.assign(kMagic.begin(), kMagic.end());
   for (const AlarmEvent& event : standing) put(bytes, event, true);
   for (const AlarmEvent& event : events) put(bytes, event, false);
   const std::string failure = flash_.replace(kPath, bytes);

@@ -9,8 +9,8 @@
 
 namespace headend {
 
-// Below the send tasks (212) and the back end (220).
-inline constexpr int kStatusPriority = 230;
+// Below the send tasks (212), the back end (220) and the menu (230).
+inline constexpr int kStatusPriority = 231;
 
 void startStatusTasks(Kernel& kernel, const Chassis& chassis, const std::vector<int>& slots,
                       const std::function<bool(int slot)>& runs);

@@ -172,7 +172,8 @@ std::optional<Nanos> BackEnd::lockedSince(Lock lock, int slot, int port) const {
 u32 BackEnd::refuseVariable(const client::Request& request, std::size_t length) const {
   const int slot = request.slot & 0xFF;
   if (slot >= kSlots) return client::kBadSlotOrPort;
-  if (chassis_.slot(slot).descriptor == nullptr) return client::kNoCard;
+  const chassis::card* card = chassis_.slot(slot).descriptor;
+  if (card == nullptr || card->getVar == nullptr) return client::kNoCard;  // a source card has no variables
   if (!chassis_.slot(slot).initReturned) return client::kNotStarted;
   if (!running_(slot)) return client::kNotRunning;
   if (request.length != length || request.data.size() != length) return client::kBadLength;

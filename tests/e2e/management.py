@@ -9,6 +9,7 @@ from harness import (NOT_STARTED, PSI_INTERVAL, PSI_LOCK, PSI_PACKETS, READ, STA
                      chunk, packed, section)
 
 MAP_LOCK, MAP_CHUNK = 0x2101, 0x2102
+GET, CALL = 4, 10
 SDT = packed(0x11, section(0x42, 5, b'\0\1\xff'))
 
 
@@ -102,6 +103,8 @@ RESULTS = [
     ('map of an empty slot', WRITE, MAP_CHUNK, 1, 1, map_chunk(1, 0, entry(slot=2)), None, 21),
     ('map entry cut', WRITE, MAP_CHUNK, 1, 1, map_chunk(1, 0, entry())[:-1], None, 22),
     ('map read without a place', READ, MAP_CHUNK, 1, 1, b'', None, 22),
+    ('setting of a source card', GET, 30, 6, 1, b'', None, 21),
+    ('debug routine of a source card', CALL, 0, 6, 1, b'QamFpgaTest\0', None, 21),
     ('map read of slot 7', READ, MAP_CHUNK, 7, 1, bytes(4), None, 18),
     ('map read of an empty slot', READ, MAP_CHUNK, 2, 1, bytes(4), None, 21),
 ]
@@ -189,15 +192,16 @@ def repeated(case):
 def hostile(case):
     """Datagrams of any length and content, half-valid ones too: none is fatal, none reaches the record by accident."""
     rng = random.Random(20)
-    with Server(case, case.flash()) as server:
+    with Server(case, case.flash(), '--source', f'6={case.sample("four-programmes-cbr.ts")}') as server:
         server.wait_started()
         Client(server.port).lock(1, channel=2)
-        client = Client(server.port)
-        for round_ in range(2000):
+        client, other = Client(server.port), Client(server.port)
+        for round_ in range(5000):
             client.send(datagram_from(rng))
-            if round_ % 50 == 49:  # let it keep up, and see that it lives
-                reply = Client(server.port).request(READ, PSI_LOCK, channel=2)
-                if not case.equal(reply.result, 0, f'reply after {round_} datagrams: {server.text()[-600:]}'):
+            if round_ % 50 == 49:  # let it keep up, and see that others are answered
+                reply = other.request(READ, PSI_LOCK, channel=2)
+                if not case.equal((reply.result, len(reply.data)), (0, 4),
+                                  f'reply after {round_} datagrams: {server.text()[-600:]}'):
                     break
         case.qamctl(server.address, 'status')
         fresh = Client(server.port)
@@ -212,13 +216,18 @@ def datagram_from(rng):
     kind = rng.randrange(4)
     if kind == 0:
         return rng.randbytes(rng.choice((0, 1, 7, 8, 23, 24, 27, 28, rng.randrange(2000), rng.randrange(60000))))
-    variable = rng.choice((PSI_LOCK, PSI_PACKETS, PSI_INTERVAL, 0x2101, 0x2102, 0, 0xFFFF))
+    variable = rng.choice((PSI_LOCK, PSI_PACKETS, PSI_INTERVAL, MAP_LOCK, MAP_CHUNK, 0, 0xFFFF))
     data = rng.randbytes(rng.choice((0, 3, 4, 8, 12, 16, 204, 1332, 1500, rng.randrange(60000))))
-    if kind == 1 and len(data) > 16:
+    if kind == 1 and variable == MAP_CHUNK:  # of the right length, whatever it says
+        data = map_chunk(rng.choice((0, 1, 256, 257, rng.randrange(1 << 32))), rng.choice((0, 200, 255, 256)),
+                         *(entry(rng.choice((6, 6, 6, 2, 7)), rng.randrange(1, 4), rng.randrange(1 << 16))
+                           for _ in range(rng.choice((0, 1, 89, 90, 255)))))
+    elif kind == 1 and len(data) > 16:
         data = data[:12] + bytes([rng.choice((0, 1, 7, 8, 255, (len(data) - 16) // 188 & 255))]) + data[13:]
     length = rng.choice((None, None, None, 0, 16, 65535, rng.randrange(65536)))
-    raw = Client.datagram(rng.choice((READ, WRITE, STATUS, *range(16), 0x81, 255)), variable,
-                          rng.choice((1, 1, 1, 2, 6, 7)), rng.choice((1, 2, 2, 3)), data, length, rng.choice((1, rng.randrange(1 << 32))))
+    operation = rng.choice((READ, WRITE) if kind == 1 else (*range(18), 0x81, 255))
+    raw = Client.datagram(operation, variable, rng.choice((1, 1, 1, 2, 6, 7)), rng.choice((1, 2, 2, 3)), data, length,
+                          rng.choice((1, rng.randrange(1 << 32))))
     if kind == 2:  # one byte of the header wrong
         at = rng.randrange(24)
         raw = raw[:at] + bytes([rng.randrange(256)]) + raw[at + 1:]

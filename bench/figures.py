@@ -170,12 +170,20 @@ def startup(program):
     return timelines
 
 
-def calibration(program):
-    """A row of virtual times and rates for each write cycle of the EEPROM."""
+def lines_of(program):
     run = subprocess.run([program], capture_output=True, text=True, timeout=PATIENCE_SECONDS)
     if run.returncode != 0:
         raise NoFigure(f'{program}: exit code {run.returncode}\n{run.stdout}{run.stderr}')
     return [json.loads(line) for line in run.stdout.splitlines()]
+
+
+def calibration(program):
+    """A row of virtual times and rates for each write cycle of the EEPROM."""
+    return lines_of(program)
+
+
+def status_pass(program):
+    return lines_of(program)[0]
 
 
 def panel(program, samples):
@@ -250,6 +258,7 @@ def main():
     parser.add_argument('--module', action='append', required=True, metavar='LEVEL=FILE')
     parser.add_argument('--calibration', required=True, metavar='FILE')
     parser.add_argument('--multiplexer', required=True, metavar='FILE')
+    parser.add_argument('--status-pass', required=True, metavar='FILE')
     parser.add_argument('--panel', required=True, metavar='FILE')
     parser.add_argument('--json', metavar='FILE')
     parser.add_argument('--repeat', type=int, default=3, metavar='N')
@@ -276,13 +285,15 @@ def main():
         calibrations = calibration(options.calibration)
         show_calibration(calibrations)
         print(flush=True)
+        passes = status_pass(options.status_pass)
+        print(f'A status pass: {passes["accesses"]} register accesses, {passes["virtual_ms"]} virtual ms\n', flush=True)
         screens = panel(options.panel, options.samples)
         show_panel(screens)
         if options.json:
             save(options.json, {'machine': f'{platform.machine()}, {os.cpu_count()} processors', 'speed': rows,
                                 'full_house': house, 'routed': packets, 'instructions': counts,
                                 'instructions_a_routed_packet': routed_counts, 'startup': timelines,
-                                'calibration': calibrations, 'panel': screens})
+                                'calibration': calibrations, 'status_pass': passes, 'panel': screens})
     except (NoFigure, instructions.CannotCount, OSError, subprocess.SubprocessError) as error:
         print(error, file=sys.stderr)
         return 1

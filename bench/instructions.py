@@ -84,6 +84,12 @@ def ticks(program, capture):
     return rows
 
 
+def status_pass(program, capture):
+    """Instructions of the longest status pass."""
+    did, counts = callgrind(program, 'status-passes', capture, 'qamStatusCheck', [])
+    return max(counts, default=0) / did['calls']
+
+
 def total(program, entries, seconds):
     """All instructions of a multiplexer_bench, and the packets that it brought out."""
     with tempfile.TemporaryDirectory() as folder:
@@ -120,7 +126,8 @@ def show_routed(rows):
 
 
 def measure(modules, capture):
-    return {level: {'ratios': ratios(program, capture), 'ticks': ticks(program, capture)}
+    return {level: {'ratios': ratios(program, capture), 'ticks': ticks(program, capture),
+                    'status_pass': status_pass(program, capture)}
             for level, program in modules.items()}
 
 
@@ -139,6 +146,9 @@ def show(results):
     for level, result in results.items():
         for name, row in result['ticks'].items():
             print(f'{name + " " + level:34} {row["mean"]:12,.0f} {row["worst"]:12,} {row["posted_a_tick"]:15.2f}')
+    print(f'\n{"Instructions a status pass":34} {"longest":>12}')
+    for level, result in results.items():
+        print(f'{"qamStatusCheck " + level:34} {result["status_pass"]:12,.0f}')
 
 
 def main():

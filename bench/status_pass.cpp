@@ -1,0 +1,63 @@
+// What a status pass of a card costs on a virtual headend: register accesses and virtual time, with nothing
+// to raise. One line of JSON. The same in every run, so it is a test: exit code 1 when a pass raises
+// something, or keeps the processor for longer than a tick of the system clock.
+#include <fmt/format.h>
+
+#include <atomic>
+#include <exception>
+#include <stdexcept>
+
+#include "headend/headend.h"
+#include "tests/headend/scratch.h"
+#include "ui/qamStatus.h"
+
+namespace {
+
+struct Cost {
+  std::uint64_t accesses = 0;
+  headend::Nanos time = 0;
+};
+
+Cost measure(const std::filesystem::path& folder) {
+  headend::initFlash(folder / "flash");
+  headend::Options options;
+  options.flash = folder / "flash";
+  options.slots = {0};
+  options.duration = 10 * headend::kSecond;
+  options.fast = true;
+  options.log = folder / "log";
+  headend::Headend headend(options);
+  Cost cost;
+  // Above everything else, so that the time is the pass's own.
+  headend.kernel().spawn("tBench", 10, [&] {
+    while (!headend.chassis().slot(0).initReturned) headend.kernel().delay(1);
+    const headend::Nanos began = headend.kernel().now();
+    const std::uint64_t before = headend.bus().accesses(0);
+    qamStatusCheck(0);
+    cost = {headend.bus().accesses(0) - before + MAX_QAM_OUT_NUM,
+            headend.kernel().now() - began};  // + main board's
+    headend.kernel().stop();
+  });
+  const std::atomic<bool> interrupted = false;
+  if (headend.run(interrupted) != headend::kExitDone || cost.time == 0)
+    throw std::runtime_error("no pass was made");
+  if (headend.alarms().events() != 0) throw std::runtime_error("the pass raised an alarm");
+  const headend::Nanos tick = headend::kSecond / headend.kernel().settings().tickHz;
+  if (cost.time > tick) throw std::runtime_error(fmt::format("the pass took {} ns", cost.time));
+  return cost;
+}
+
+}  // namespace
+
+int main() {
+  try {
+    const test::Scratch scratch;
+    const Cost cost = measure(scratch.path);
+    fmt::print(R"({{"accesses": {}, "virtual_ms": {:.3f}}})"
+               "\n",
+               cost.accesses, static_cast<double>(cost.time) / 1e6);
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "status_pass: {}\n", error.what());
+    return 1;
+  }
+}

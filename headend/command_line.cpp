@@ -212,8 +212,8 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       ->default_str("127.0.0.1:49156");
   app.add_flag(
       "--panel", o.panel,
-      "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says "
-      "meanwhile goes to --log, or is shown when the panel has ended. Whoever quits it ends the run");
+      "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says on it "
+      "meanwhile is shown when the panel has ended. Whoever quits it ends the run");
   app.add_option("--log", o.log, "debug lines into this file instead of stderr");
   app.add_option("--report", o.report, "write the report (JSON, docs/report.md) to this file at the end");
   app.add_option(

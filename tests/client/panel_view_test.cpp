@@ -160,9 +160,11 @@ TEST_F(PanelView, BothLanguages) {
 }
 
 TEST_F(PanelView, WideCharactersAreCutWhole) {
-  state_.rf = {std::string(67, 'x') + "卡"};
-  EXPECT_EQ(line(9, 68, 18), std::string(67, 'x'));
-  EXPECT_EQ(line(9, 69, 18), std::string(67, 'x') + "卡");
+  Screen screen(5, 2);
+  EXPECT_EQ(screen.text(0, 0, "xxxx卡x"), 4);
+  EXPECT_EQ(screen.text(0, 1, "xxx卡x"), 5);
+  EXPECT_EQ(screen.line(0), "xxxx");
+  EXPECT_EQ(screen.line(1), "xxx卡");
 }
 
 TEST_F(PanelView, PixelsWhereThereIsRoom) {

@@ -106,28 +106,31 @@ void requirePanelTerminal() {
 
 PanelTerminal::PanelTerminal() {
   useUtf8();
-  if (newterm(nullptr, stdout, stdin) == nullptr)
+  terminal_ = newterm(nullptr, stdout, stdin);
+  if (terminal_ == nullptr)
     throw std::runtime_error(fmt::format("the panel cannot use a terminal of kind '{}'", kindOfTerminal()));
+  window_ = stdscr;
   raw();  // Ctrl-C comes as a key, Ctrl-S does not stop the screen
   noecho();
   nonl();
   curs_set(0);
   set_escdelay(kEscapeWait_ms);
-  keypad(stdscr, TRUE);
-  nodelay(stdscr, TRUE);
+  keypad(window_, TRUE);
+  nodelay(window_, TRUE);
   startColours();
 }
 
 PanelTerminal::~PanelTerminal() {
   endwin();
+  delscreen(terminal_);
 }
 
 int PanelTerminal::width() const {
-  return getmaxx(stdscr);
+  return getmaxx(window_);
 }
 
 int PanelTerminal::height() const {
-  return getmaxy(stdscr);
+  return getmaxy(window_);
 }
 
 void PanelTerminal::show(const Screen& screen) {
@@ -147,7 +150,7 @@ void PanelTerminal::show(const Screen& screen) {
 }
 
 void PanelTerminal::beep() {
-  ::beep();
+  beep_sp(terminal_);
 }
 
 std::optional<PanelInput> PanelTerminal::wait(std::chrono::milliseconds time) {

@@ -7,6 +7,10 @@
 
 #include "tools/panel/screen.h"
 
+// Of ncurses.
+struct screen;
+struct _win_st;
+
 namespace tools {
 
 enum class PanelInput { kUp, kDown, kLeft, kRight, kConfirm, kCancel, kLanguage, kPixels, kQuit };
@@ -32,6 +36,8 @@ class PanelTerminal {
   std::optional<PanelInput> wait(std::chrono::milliseconds time);
 
  private:
+  screen* terminal_;
+  _win_st* window_;
   std::optional<Screen> shown_;
 };
 

@@ -201,8 +201,8 @@ class PanelPainter {
     list(y, rfEnd, state_.rf);
     screen_.text(0, rfEnd, word(kAlarms), {.bold = true});
     std::vector<std::string> lines;
-    for (auto alarm = state_.alarms.rbegin(); alarm != state_.alarms.rend(); ++alarm)
-      lines.push_back(alarmLine(*alarm));
+    for (const client::Alarm& alarm : state_.alarms) lines.push_back(alarmLine(alarm));
+    std::reverse(lines.begin(), lines.end());
     if (lines.empty()) lines.emplace_back(word(kNoAlarm));
     list(rfEnd + 1, end, lines);
   }

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
 
 #include "platform/wire.h"
 
@@ -22,6 +23,16 @@ Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, con
 
 std::string inputName(const SourcePort& source) {
   return fmt::format("input {}.{}", source.slot + 1, source.port + 1);
+}
+
+std::optional<SourcePort> parseSourcePort(std::string_view text) {
+  if (text.size() < 3 || text[0] < '1' || text[0] >= '1' + kSlots || text[1] != '.') return {};
+  SourcePort source{.slot = static_cast<u16>(text[0] - '1'), .port = 0};
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + 2, end, source.port);
+  if (error != std::errc() || stop != end || source.port < 1 || source.port > kInputsPerCard) return {};
+  --source.port;
+  return source;
 }
 
 std::vector<Section> sourceSections(Link& link, const SourcePort& source, u16 pid, u8 tableId) {

@@ -4,8 +4,10 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/channel.h"
@@ -34,7 +36,11 @@ struct SourcePort {
       default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
 };
 
+inline constexpr u32 kInputsPerCard = 16;  // that a router word can tell apart
+
 std::string inputName(const SourcePort& source);  // "input 6.1"
+// "6.1", slot and input from 1; nothing for any other text.
+std::optional<SourcePort> parseSourcePort(std::string_view text);
 
 // The sections of that PID and table_id that the input carries now, each with a good CRC, by extension and
 // number; empty while none has come. An input gathers PAT, CAT, NIT, SDT, BAT and the PMTs that its PAT

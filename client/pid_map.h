@@ -23,7 +23,6 @@ class PidMapError : public std::runtime_error {
 inline constexpr std::size_t kMapSize = 256;      // entries of a map, and positions of the router
 inline constexpr std::size_t kMapChunkSize = 89;  // entries of a request or a reply
 inline constexpr u16 kHighestPid = 0x1FFF;        // also that of null packets
-inline constexpr u32 kInputsPerCard = 16;         // that a router word can tell apart
 
 struct MapEntry {
   u16 sourceSlot = 0;  // slots and inputs from 0, as on the wire

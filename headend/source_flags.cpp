@@ -13,18 +13,6 @@ namespace {
 
 constexpr const char* kInputLost = ".input-lost";
 
-// "N.P", a slot and an input, from 1.
-std::optional<client::SourcePort> parseSourcePort(std::string_view text) {
-  if (text.size() < 3 || text[0] < '1' || text[0] > '6' || text[1] != '.') return {};
-  client::SourcePort source{.slot = static_cast<u16>(text[0] - '1'), .port = 0};
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data() + 2, end, source.port);
-  if (error != std::errc() || stop != end || source.port < 1 || source.port > PidRouter::kInputPorts)
-    return {};
-  --source.port;
-  return source;
-}
-
 Options::Input parseInput(const std::string& whole, const std::string& text) {
   constexpr std::string_view kUdp = "udp://";
   Options::Input input;
@@ -83,7 +71,8 @@ void parseProgramme(const std::string& text, Options& options) {
   const client::Channel channel = channelOf("--programme", text, name);
   const Nanos at = takeTimeIfAny(rest);
   const std::size_t colon = rest.find(':');
-  const auto source = colon == std::string::npos ? std::nullopt : parseSourcePort(rest.substr(0, colon));
+  const auto source =
+      colon == std::string::npos ? std::nullopt : client::parseSourcePort(rest.substr(0, colon));
   if (!source || colon + 1 == rest.size()) refuse("--programme", text, want);
   options.programmes.push_back(
       {.channel = channel, .source = *source, .service = rest.substr(colon + 1), .at = at});
@@ -94,7 +83,7 @@ bool parseInputLoss(const std::string& text, Options& options) {
   if (name == std::string::npos) return false;
   const char* want =
       "want N.P.input-lost[@SECONDS[/PERIOD]] with slot and input of a source card, as 6.1.input-lost@10/4";
-  const auto source = parseSourcePort(text.substr(0, name));
+  const auto source = client::parseSourcePort(text.substr(0, name));
   if (!source) refuse("--fault", text, want);
   Options::InputLoss loss{.source = *source, .at = 0, .period = {}};
   std::string rest = text.substr(name + std::string_view(kInputLost).size());

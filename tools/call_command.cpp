@@ -1,11 +1,11 @@
 // qamctl call: runs a routine of a card that is meant for a debug shell, and shows what it prints.
 #include <fmt/format.h>
 
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
 #include "client/chassis_services.h"
@@ -27,15 +27,10 @@ struct Options {
 };
 
 // Decimal, negative too as a debug shell takes them, or 0x.
-std::optional<u32> argumentOf(const std::string& text) {
-  const bool negative = text.starts_with('-');
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  const char* begin = text.data() + (hex ? 2 : negative ? 1 : 0);
-  const char* end = text.data() + text.size();
-  u32 value = 0;
-  const auto [at, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
-  if (error != std::errc() || at != end || begin == end) return std::nullopt;
-  return negative ? 0u - value : value;
+std::optional<u32> argumentOf(std::string_view text) {
+  if (!text.starts_with('-')) return wordOf(text);
+  const auto value = wordOf(text.substr(1));
+  return value ? std::optional(0u - *value) : std::nullopt;
 }
 
 std::string checkArgument(const std::string& text) {

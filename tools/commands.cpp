@@ -72,13 +72,18 @@ int slotOf(const std::string& slot) {
   return slot.at(0) - '1';
 }
 
-std::optional<u16> numberOf(std::string_view text, u16 most) {
+std::optional<u32> wordOf(std::string_view text) {
   const bool hex = text.starts_with("0x") || text.starts_with("0X");
   if (hex) text.remove_prefix(2);
   const char* end = text.data() + text.size();
-  u16 value = 0;
+  u32 value = 0;
   const auto [at, error] = std::from_chars(text.data(), end, value, hex ? 16 : 10);
-  return error == std::errc() && at == end && value <= most ? std::optional(value) : std::nullopt;
+  return error == std::errc() && at == end ? std::optional(value) : std::nullopt;
+}
+
+std::optional<u16> numberOf(std::string_view text, u16 most) {
+  const auto value = wordOf(text);
+  return value && *value <= most ? std::optional(static_cast<u16>(*value)) : std::nullopt;
 }
 
 void addJson(CLI::App* app, bool& json) {

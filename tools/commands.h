@@ -39,7 +39,8 @@ CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::
 CLI::Option* addChannel(CLI::App* app, std::string& channel);  // "N.P", for client::parseChannel
 CLI::Option* addSlot(CLI::App* app, std::string& slot);        // "N", 1 to 6, for slotOf
 int slotOf(const std::string& slot);                           // from 0
-// A number from 0 to `most`, decimal or 0x; nothing for any other text.
+// Numbers, decimal or 0x, the second from 0 to `most`; nothing for any other text.
+std::optional<u32> wordOf(std::string_view text);
 std::optional<u16> numberOf(std::string_view text, u16 most);
 void addJson(CLI::App* app, bool& json);
 

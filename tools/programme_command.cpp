@@ -29,17 +29,8 @@ struct Options {
   bool json = false;
 };
 
-std::optional<client::SourcePort> inputOf(std::string_view text) {
-  const auto dot = text.find('.');
-  if (dot == std::string_view::npos) return std::nullopt;
-  const auto slot = numberOf(text.substr(0, dot), client::kSlots);
-  const auto port = numberOf(text.substr(dot + 1), client::kInputsPerCard);
-  if (!slot || !port || *slot == 0 || *port == 0) return std::nullopt;
-  return client::SourcePort{.slot = static_cast<u16>(*slot - 1), .port = *port - 1u};
-}
-
 std::string checkInput(const std::string& text) {
-  return inputOf(text) ? "" : fmt::format("'{}' is no SLOT.INPUT such as 2.1", text);
+  return client::parseSourcePort(text) ? "" : fmt::format("'{}' is no SLOT.INPUT such as 2.1", text);
 }
 
 std::string checkPid(const std::string& text) {
@@ -93,7 +84,9 @@ void add(const Options& options) {
   for (const std::string& pid : options.pass)
     care.add.pass.push_back(numberOf(pid, client::kHighestPid).value());
   tell(options, channel,
-       client::addProgramme(link, channel, inputOf(options.from).value(), options.service, care), "added");
+       client::addProgramme(link, channel, client::parseSourcePort(options.from).value(), options.service,
+                            care),
+       "added");
 }
 
 void remove(const Options& options) {
@@ -145,6 +138,8 @@ void addAdd(CLI::App& add, Options& options) {
       "scrambled one) CAT are made to match; transport_stream_id and original_network_id stay the channel's. "
       "A "
       "programme that is there already is brought up to date.\n"
+      "What the channel had is kept, until all of the new is on the air, in pidmap-N.P.rescue.csv and "
+      "psi-N.P.rescue.ts where 'pidmap load' keeps its map; an error puts it back.\n"
       "\nExamples:\n"
       "  qamctl programme add 1.1 --from 2.1 --service News --pass 0x12 --pass 0x14\n"
       "  qamctl programme add 1.2 --from 2.2 --service 101 --pid 0x400");

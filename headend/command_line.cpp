@@ -130,6 +130,7 @@ struct Texts {
   std::vector<std::string> settings;
   std::vector<std::string> keys;
   double menuTimeout_s = 60;
+  double statusPeriod_s = 1;
   std::vector<std::string> faults;
   std::vector<std::string> eepromCycles;
   std::optional<std::string> calibration;
@@ -190,6 +191,11 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
   app.add_option("--menu-timeout", t.menuTimeout_s,
                  "seconds without a key after which the front panel goes back to its first screen; 0: never")
       ->check(CLI::Range(0, 86'400))
+      ->capture_default_str();
+  app.add_option("--status-period", t.statusPeriod_s,
+                 "seconds between status checks of a card, which raise and end its alarms; 0: none. A check "
+                 "holds up PSI packets for some milliseconds")
+      ->check(CLI::Range(0.0, 86'400.0))
       ->capture_default_str();
   app.add_option("--seconds", t.seconds, "end after this much virtual time");
   app.add_flag("--fast", o.fast, "as fast as this machine can; needs --seconds");
@@ -292,6 +298,7 @@ void interpret(const Texts& t, Options& o) {
   for (const std::string& text : t.programmes) parseProgramme(text, o);
   o.deJitter = static_cast<Nanos>(t.deJitter_ms * 1e6);
   for (const std::string& text : t.settings) parseSet(text, o);
+  o.statusPeriod = static_cast<Nanos>(t.statusPeriod_s * 1e9);
   o.menuTimeout = static_cast<Nanos>(t.menuTimeout_s * 1e9);
   for (const std::string& text : t.keys) parseKeys(text, o);
   for (const std::string& text : t.faults) {

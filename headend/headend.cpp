@@ -91,7 +91,7 @@ Headend::Headend(Options options)
   chassis_.start(options_.slots);
   const auto runs = [this](int slot) { return state(slot) == CardState::kRunning; };
   alarms_.endAbsent(options_.slots);
-  startStatusTasks(kernel_, chassis_, options_.slots, runs);
+  startStatusTasks(kernel_, chassis_, options_.slots, options_.statusPeriod, runs);
   backEnd_.onRunning(runs);
   backEnd_.start();
   panel_.menu().start();

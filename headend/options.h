@@ -97,6 +97,7 @@ struct Options {
   std::vector<Setting> settings;
   std::vector<Keys> keys;
   Nanos menuTimeout = 60 * kSecond;
+  Nanos statusPeriod = kSecond;
   std::vector<Temperature> temperatures;
   std::vector<Fault> faults;
   std::map<int, Nanos> eepromCycles;  // by slot

@@ -2,17 +2,19 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace headend {
 
-void startStatusTasks(Kernel& kernel, const Chassis& chassis, const std::vector<int>& slots,
+void startStatusTasks(Kernel& kernel, const Chassis& chassis, const std::vector<int>& slots, Nanos period,
                       const std::function<bool(int slot)>& runs) {
-  const int ticksOfSecond = kernel.settings().tickHz;
+  if (period == 0) return;
+  const int ticks = std::max(1, static_cast<int>(period * kernel.settings().tickHz / kSecond));
   for (const int slot : slots) {
-    const auto check = [&kernel, &chassis, slot, runs, ticksOfSecond] {
-      // Slots take turns within the second: a pass holds the processor for some milliseconds.
-      kernel.delay(slot * ticksOfSecond / kSlots);
+    const auto check = [&kernel, &chassis, slot, runs, ticks] {
+      kernel.delay(slot * ticks / kSlots);  // slots take turns within the period
       for (;;) {
-        kernel.delay(ticksOfSecond);
+        kernel.delay(ticks);
         const chassis::card* card = chassis.slot(slot).descriptor;
         if (runs(slot) && card->statusCheck != nullptr) card->statusCheck(static_cast<u8>(slot));
       }

@@ -25,8 +25,7 @@ struct Entry {
   std::uint64_t number;
   std::uint64_t ends;
   u8 kind;
-  u8 isBase;  // not 0: stood before the oldest event
-  u8 reserved[6];
+  u8 reserved[7];
   chassis::alarm_t alarm;
 };
 static_assert(sizeof(Entry) == 32 + sizeof(chassis::alarm_t));
@@ -48,13 +47,12 @@ u32 checkOf(const Entry& entry) {
   return client::crc32({bytes + sizeof entry.check, sizeof entry - sizeof entry.check});
 }
 
-void put(client::Bytes& bytes, const AlarmEvent& event, bool isBase) {
+void put(client::Bytes& bytes, const AlarmEvent& event) {
   Entry entry{.check = 0,
               .at = event.at,
               .number = event.number,
               .ends = event.ends,
               .kind = static_cast<u8>(event.kind),
-              .isBase = isBase ? u8{1} : u8{0},
               .reserved = {},
               .alarm = event.alarm};
   entry.check = checkOf(entry);
@@ -63,7 +61,7 @@ void put(client::Bytes& bytes, const AlarmEvent& event, bool isBase) {
 }
 
 struct Reading {
-  AlarmFile::Content content;
+  std::deque<AlarmEvent> events;
   std::size_t entries = 0;
   std::size_t damaged = 0;  // entries
   bool cut = false;         // within its last entry, as by the end of a process while it wrote
@@ -81,15 +79,11 @@ Reading read(std::string_view bytes) {
       continue;
     }
     last = entry.number;
-    const AlarmEvent event{.number = entry.number,
-                           .ends = entry.ends,
-                           .at = entry.at,
-                           .kind = static_cast<client::AlarmEvent::Kind>(entry.kind),
-                           .alarm = entry.alarm};
-    if (entry.isBase != 0)
-      reading.content.standing.push_back(event);
-    else
-      reading.content.events.push_back(event);
+    reading.events.push_back({.number = entry.number,
+                              .ends = entry.ends,
+                              .at = entry.at,
+                              .kind = static_cast<client::AlarmEvent::Kind>(entry.kind),
+                              .alarm = entry.alarm});
   }
   reading.cut = !bytes.empty();
   return reading;
@@ -97,7 +91,7 @@ Reading read(std::string_view bytes) {
 
 }  // namespace
 
-AlarmFile::Content AlarmFile::load() {
+std::deque<AlarmEvent> AlarmFile::load() {
   const fs::path file = flash_.hostPath(kPath).value();
   std::error_code ignored;
   if (!fs::exists(file, ignored)) return {};
@@ -122,7 +116,7 @@ AlarmFile::Content AlarmFile::load() {
   } else if (reading.cut) {
     say_(fmt::format("the alarms' history {} ends within an event, which is lost", file.string()));
   }
-  return std::move(reading.content);
+  return std::move(reading.events);
 }
 
 bool AlarmFile::putAside(const fs::path& file) {
@@ -140,7 +134,7 @@ bool AlarmFile::putAside(const fs::path& file) {
 bool AlarmFile::append(const AlarmEvent& event) {
   if (!hasFile_) return false;
   client::Bytes bytes;
-  put(bytes, event, false);
+  put(bytes, event);
   const std::string failure = flash_.append(kPath, bytes);
   if (!failure.empty()) {
     hasFile_ = false;
@@ -155,8 +149,8 @@ void AlarmFile::rewrite(const std::vector<AlarmEvent>& standing, const std::dequ
   client::Bytes bytes;
   bytes.reserve(kMagic.size() + (standing.size() + events.size()) * sizeof(Entry));
   bytes.assign(kMagic.begin(), kMagic.end());
-  for (const AlarmEvent& event : standing) put(bytes, event, true);
-  for (const AlarmEvent& event : events) put(bytes, event, false);
+  for (const AlarmEvent& event : standing) put(bytes, event);
+  for (const AlarmEvent& event : events) put(bytes, event);
   const std::string failure = flash_.replace(kPath, bytes);
   hasFile_ = failure.empty();
   if (!hasFile_) return failed(failure);

@@ -1,6 +1,6 @@
-// The alarms' history in the flash folder: what stood before the oldest event that is kept, and the events
-// since. An event is appended, so that whoever ends this process by force costs at most the last one; now and
-// then the file is written anew, whole. Each entry has a checksum.
+// The alarms' history in the flash folder: the last events, and before them those that raised what stood
+// already when they began. An event is appended, so that whoever ends this process by force costs at most the
+// last one; now and then the file is written anew, whole. Each entry has a checksum.
 #pragma once
 
 #include <deque>
@@ -24,16 +24,12 @@ struct AlarmEvent {
 
 class AlarmFile {
  public:
-  struct Content {
-    std::vector<AlarmEvent> standing;  // the events that raised it
-    std::deque<AlarmEvent> events;
-  };
   // `say` is told what is wrong with a file.
   AlarmFile(Flash& flash, std::function<void(const std::string&)> say)
       : flash_(flash), say_(std::move(say)) {}
 
   // What can be read of the file. One that is damaged is put aside, and a new one takes its place.
-  Content load();
+  std::deque<AlarmEvent> load();
   // Entries of the file; false when it could not be kept whole: then `rewrite` is to try.
   bool append(const AlarmEvent& event);
   void rewrite(const std::vector<AlarmEvent>& standing, const std::deque<AlarmEvent>& events);

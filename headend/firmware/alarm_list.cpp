@@ -77,12 +77,8 @@ u32 answer(const Events& events, std::uint64_t next, const client::Request& requ
 
 AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, std::function<void(const std::string&)> say)
     : file_(flash, std::move(say)), clock_(std::move(clock)) {
-  AlarmFile::Content content = file_.load();
-  base_ = std::move(content.standing);
-  standing_ = base_;
-  for (const AlarmEvent& event : content.events) account(standing_, event);
-  history_ = std::move(content.events);
-  if (!base_.empty()) last_ = base_.back().number;
+  history_ = file_.load();
+  for (const AlarmEvent& event : history_) account(standing_, event);
   if (!history_.empty()) last_ = history_.back().number;
   forgetOldest();
 }

@@ -96,7 +96,12 @@ TEST_F(Alarms, TextsAreCutToTheirFieldsAtWholeCharactersAndGoOutInUtf8) {
 }
 
 TEST_F(Alarms, ArePagedForADatagram) {
-  for (u8 port = 0; port < 100; ++port) list_->add({2, port, 769}, kFirst);
+  AlarmList::Texts texts = kFirst;
+  for (u8 port = 0; port < 100; ++port) {
+    texts.enTrap =
+        port % 2 == 0 ? "" : "a text that is too long for the end of a page, but not for its beginning";
+    list_->add({2, port, 769}, texts);
+  }
   list_->remove({2, 3, 769}, "Z", "OK");
   client::Request request;
   std::uint64_t from = 0;

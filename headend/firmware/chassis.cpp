@@ -102,7 +102,7 @@ std::string Chassis::readText(int number, u32 id) {
   const u32 word =
       slots_[static_cast<std::size_t>(number)].descriptor->getVar(static_cast<u8>(number), 0, id, nullptr);
   const char* text = os::wordAddress<const char>(word);
-  const std::string copy = text == nullptr ? "" : text;
+  std::string copy = text == nullptr ? "" : text;
   os::semGive(semQamVar);
   return copy;
 }

@@ -36,6 +36,7 @@ class Alarms : public ::testing::Test {
   template <typename Events>
   static std::vector<std::string> texts(const Events& events) {
     std::vector<std::string> all;
+    all.reserve(events.size());
     for (const AlarmEvent& event : events) all.push_back(text(event));
     return all;
   }

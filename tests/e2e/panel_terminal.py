@@ -171,6 +171,34 @@ def to_each_leaf(case):
         terminal.ended(0)
 
 
+# An editor, the keys in it (the last stores), and what the first channel's RF readout shows then.
+EDITS = [('Symbol Rate', ['Right', 'Down', 'Enter'], r' 6750 '), ('RF Freq', ['Right', 'Down', 'Enter'], r' 454\.0000 '),
+         ('RF Level', ['Right', 'Up', 'Enter'], r' 110\.0 ')]
+
+
+def edits(case):
+    """Three edits by keys change what is on the air, one after the other, and are there after a restart."""
+    words = headend(case)
+    on_air = [r'1\.1 +on air.*' + shown for label, keys, shown in EDITS]
+    with Terminal(case, 100, 30) as terminal:
+        terminal.run(*words)
+        before = terminal.until('^│QAM card1', r'1\.1 +on air')
+        for pattern in on_air:
+            case.check(not re.search(pattern, before), f'{pattern} stands there before the edit')
+        terminal.enter('QAM card1')
+        terminal.enter('QAM SET')
+        for (label, keys, _), pattern in zip(EDITS, on_air):
+            terminal.enter(label)
+            terminal.keys(*keys)
+            terminal.until(pattern, '^│QAM SET')
+        terminal.keys('q')
+        terminal.ended(0)
+        terminal.run(*words)
+        terminal.until(*on_air)
+        terminal.keys('q')
+        terminal.ended(0)
+
+
 def other_sizes(case):
     with Terminal(case) as terminal:
         terminal.run(*headend(case))
@@ -245,4 +273,4 @@ def refused(case):
         case.check('nothing listens there' in terminal.ended(1), 'a headend that is not there is not told')
 
 
-main({f.__name__: f for f in (to_each_leaf, other_sizes, left_clean, headend_goes_away, refused)})
+main({f.__name__: f for f in (to_each_leaf, edits, other_sizes, left_clean, headend_goes_away, refused)})

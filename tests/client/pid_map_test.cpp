@@ -11,6 +11,7 @@
 #include "client/pid_map_upload.h"
 #include "tests/client/fake_router_card.h"
 #include "tests/client/fake_server.h"
+#include "tests/client/messages.h"
 #include "tests/client/program.h"
 
 namespace client {
@@ -20,6 +21,8 @@ namespace fs = std::filesystem;
 using Entries = std::vector<MapEntry>;
 using test::FakeRouterCard;
 using test::FakeRouterLink;
+using test::has;
+using test::messageOf;
 
 constexpr Channel kChannel = {0, 1};
 constexpr const char* kHeader = "src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n";
@@ -47,21 +50,6 @@ Entries sorted(Entries entries) {
 
 bool carries(const FakeRouterCard& card, const Entries& entries) {
   return holds(card.ports[1].router, sorted(entries));
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-// Of the error that the call ends with; empty when it goes through.
-template <typename Call>
-std::string messageOf(const Call& call) {
-  try {
-    call();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "";
 }
 
 void writeRaw(FakeRouterCard& card, u16 variable, const Bytes& data) {

@@ -12,6 +12,7 @@
 #include "client/psi_capture.h"
 #include "client/psi_upload.h"
 #include "tests/client/fake_chassis.h"
+#include "tests/client/messages.h"
 #include "tests/client/streams.h"
 
 namespace client {
@@ -20,7 +21,9 @@ namespace {
 namespace fs = std::filesystem;
 using test::FakeChassis;
 using test::FakeChassisLink;
+using test::has;
 using test::makeSection;
+using test::messageOf;
 
 constexpr Channel kChannel = {0, 1};
 constexpr SourcePort kInput = {.slot = 5, .port = 0};
@@ -143,21 +146,6 @@ std::vector<Section> inOrder(std::vector<Section> sections) {
   std::ranges::stable_sort(sections, {},
                            [](const Section& s) { return std::pair(tableOfId(s.tableId()), s.pid); });
   return sections;
-}
-
-// Of the error that the call ends with; empty when it goes through.
-template <typename Call>
-std::string messageOf(const Call& call) {
-  try {
-    call();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "";
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 class ProgrammeTest : public ::testing::Test {

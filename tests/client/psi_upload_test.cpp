@@ -6,6 +6,7 @@
 #include "client/psi_capture.h"
 #include "client/psi_read_back.h"
 #include "tests/client/fake_card.h"
+#include "tests/client/messages.h"
 #include "tests/client/streams.h"
 
 namespace client {
@@ -13,6 +14,7 @@ namespace {
 
 using test::FakeCard;
 using test::FakeLink;
+using test::has;
 
 UploadPlan planOf(const char* name) {
   return planUpload(readCapture(std::filesystem::path(test::sample(name))).sections);
@@ -39,10 +41,6 @@ std::string messageOf(const Call& call) {
     return std::string("LinkError: ") + e.what();
   }
   return "";
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
 }
 
 TEST(PsiUpload, ReplacesTheTablesUnderOneLock) {

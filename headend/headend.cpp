@@ -35,16 +35,25 @@ class RealTimePace final : public Pace {
       : network_(network), interrupted_(interrupted), start_(Clock::now()) {}
 
   void waitUntil(Nanos virtualTime) override {
-    const Clock::time_point due = start_ + std::chrono::nanoseconds(virtualTime);
-    Clock::duration wait{};
-    do {
-      wait = std::max(due - Clock::now(), Clock::duration::zero());
-      network_.pollHost(std::chrono::nanoseconds(wait).count());
-    } while (wait > Clock::duration::zero() && !interrupted_);
+    while (left(virtualTime) > 0 && !interrupted_) network_.pollHost(left(virtualTime));
+    network_.pollHost(0);
+  }
+
+  Nanos idleUntil(Nanos virtualTime) override {
+    while (left(virtualTime) > 0 && !interrupted_) {
+      if (network_.pollHost(left(virtualTime))) return virtualTime - left(virtualTime);
+    }
+    return virtualTime;
   }
 
  private:
   using Clock = std::chrono::steady_clock;
+
+  Nanos left(Nanos virtualTime) const {
+    const Clock::duration wait = start_ + std::chrono::nanoseconds(virtualTime) - Clock::now();
+    return std::max<Nanos>(0, std::chrono::nanoseconds(wait).count());
+  }
+
   Network& network_;
   const std::atomic<bool>& interrupted_;
   Clock::time_point start_;

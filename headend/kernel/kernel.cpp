@@ -111,8 +111,7 @@ void Kernel::refuseInInterrupt(const char* service) {
 void Kernel::run() {
   while (!stopping_) {
     if (ready_.empty()) {
-      now_ = std::max(now_, due_);
-      dispatchDue();
+      idle();
       continue;
     }
     current_ = ready_.front();
@@ -128,6 +127,13 @@ void Kernel::run() {
     }
     current_ = nullptr;
   }
+}
+
+// Until something is due, or what came from outside has made a task ready.
+void Kernel::idle() {
+  const Nanos reached = pace_ != nullptr ? pace_->idleUntil(due_) : due_;
+  now_ = std::max(now_, reached);
+  dispatchDue();
 }
 
 Nanos Kernel::cpuTime(const Task& task) const {

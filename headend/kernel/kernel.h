@@ -93,6 +93,8 @@ class Pace {
   Pace& operator=(const Pace&) = delete;
   virtual ~Pace() = default;
   virtual void waitUntil(Nanos virtualTime) = 0;
+  // The same, but ends as soon as something has come from outside. The time that is reached.
+  virtual Nanos idleUntil(Nanos virtualTime) = 0;
 };
 
 class Kernel {
@@ -204,6 +206,7 @@ class Kernel {
   };
 
   void overrun(Nanos cost);
+  void idle();
   void dispatchDue();
   void findDue();
   void systemTick();

@@ -118,7 +118,7 @@ void UdpSocket::drainHost() {
   }
 }
 
-void Network::pollHost(Nanos atMost) {
+bool Network::pollHost(Nanos atMost) {
   std::vector<pollfd> fds;
   std::vector<std::function<void()>> readable;
   for (const auto& [port, socket] : sockets_) {
@@ -126,15 +126,21 @@ void Network::pollHost(Nanos atMost) {
     fds.push_back({.fd = socket->fd_, .events = POLLIN, .revents = 0});
     readable.emplace_back([socket = socket] { socket->drainHost(); });
   }
-  for (const auto& [fd, read] : watched_) {
+  for (const auto& [fd, watch] : watched_) {
     fds.push_back({.fd = fd, .events = POLLIN, .revents = 0});
-    readable.emplace_back(std::cref(read));
+    readable.emplace_back(std::cref(watch.readable));
   }
   const timespec wait{.tv_sec = atMost / kSecond, .tv_nsec = atMost % kSecond};
-  if (::ppoll(fds.data(), fds.size(), &wait, nullptr) <= 0) return;
+  if (::ppoll(fds.data(), fds.size(), &wait, nullptr) <= 0) return false;
+  bool came = false;
   for (std::size_t i = 0; i < fds.size(); ++i) {
-    if ((fds[i].revents & POLLIN) != 0) readable[i]();
+    if ((fds[i].revents & POLLIN) == 0) continue;
+    came = true;
+    readable[i]();
+    if (const auto watch = watched_.find(fds[i].fd); watch != watched_.end() && watch->second.once)
+      watched_.erase(watch);
   }
+  return came;
 }
 
 }  // namespace headend

@@ -80,19 +80,26 @@ class Network {
 
   // Calls `readable` from pollHost while the host has something to read on `fd`, until unwatch. It reads
   // without blocking, and may not call watch or unwatch.
-  void watch(int fd, std::function<void()> readable) { watched_[fd] = std::move(readable); }
+  void watch(int fd, std::function<void()> readable) { watched_[fd] = {std::move(readable), false}; }
+  // The same for the next time only: `readable` may leave the reading to a task.
+  void watchOnce(int fd, std::function<void()> readable) { watched_[fd] = {std::move(readable), true}; }
   void unwatch(int fd) { watched_.erase(fd); }
 
   Nanos now() const { return kernel_.now(); }
 
-  // Takes what has come from the host; waits for it that long at most, and less when a signal comes.
-  void pollHost(Nanos atMost);
+  // Takes what has come from the host; waits for it that long at most, and less when a signal comes. Whether
+  // something came.
+  bool pollHost(Nanos atMost);
 
  private:
   friend class UdpSocket;
+  struct Watch {
+    std::function<void()> readable;
+    bool once = false;
+  };
   Kernel& kernel_;
   std::map<std::uint16_t, UdpSocket*> sockets_;
-  std::map<int, std::function<void()>> watched_;
+  std::map<int, Watch> watched_;
   std::function<void(const UdpSocket&, const Datagram&)> onArrival_;
 };
 

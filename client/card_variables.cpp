@@ -18,12 +18,16 @@ constexpr Names kConstellations = {{{5, "64-QAM"}, {6, "128-QAM"}, {7, "256-QAM"
 constexpr Names kOnOff = {{{0, "on"}, {1, "off"}}};
 constexpr Names kPower = {{{0, "off"}, {15, "on"}}};
 
-constexpr std::string_view kTenths = "0.1 ";  // of a unit
+// Kilohertz.
+constexpr u32 kLeastFrequency = 52000;
+constexpr u32 kMostFrequency = 1000000;
+constexpr u32 kChannelSpacing = 8000;
 
 // clang-format off
 constexpr CardVariable kVariables[] = {
     {.id = 30, .writable = true, .name = "rfreq", .unit = "kHz",
-     .meaning = "carrier of channel 1; channel 2 is 8000 kHz above", .least = 52000, .most = 1000000},
+     .meaning = "carrier of channel 1; channel 2 is 8000 kHz above",
+     .least = kLeastFrequency, .most = kMostFrequency},
     {.id = 31, .writable = true, .name = "rflevel", .unit = "0.1 dBuV",
      .meaning = "output level of both channels", .least = 950, .most = 1150, .step = 5},
     {.id = 32, .writable = true, .name = "symbolrate", .unit = "kBd",
@@ -36,12 +40,15 @@ constexpr CardVariable kVariables[] = {
      .meaning = "supplies of the output", .least = 0, .most = 15, .step = 15},
     {.id = 36, .kind = kText, .name = "total_rate1", .meaning = "bit rate of channel 1"},
     {.id = 37, .kind = kText, .name = "valid_rate1", .meaning = "bit rate of channel 1 without null packets"},
-    {.id = 38, .name = "rfreq2", .unit = "kHz", .meaning = "carrier of channel 2"},
-    {.id = 39, .name = "rflevel2", .unit = "0.1 dBuV", .meaning = "as rflevel"},
-    {.id = 40, .name = "symbolrate2", .unit = "kBd", .meaning = "as symbolrate"},
-    {.id = 41, .name = "qammode2", .names = kConstellations, .meaning = "as qammode"},
-    {.id = 42, .name = "rfswitch2", .names = kOnOff, .meaning = "as rfswitch"},
-    {.id = 43, .name = "power2", .names = kPower, .meaning = "as power"},
+    {.id = 38, .name = "rfreq2", .unit = "kHz", .meaning = "carrier of channel 2",
+     .least = kLeastFrequency + kChannelSpacing, .most = kMostFrequency + kChannelSpacing},
+    {.id = 39, .name = "rflevel2", .unit = "0.1 dBuV", .meaning = "as rflevel", .least = 950, .most = 1150,
+     .step = 5},
+    {.id = 40, .name = "symbolrate2", .unit = "kBd", .meaning = "as symbolrate", .least = 5000,
+     .most = 7000},
+    {.id = 41, .name = "qammode2", .names = kConstellations, .meaning = "as qammode", .least = 5, .most = 7},
+    {.id = 42, .name = "rfswitch2", .names = kOnOff, .meaning = "as rfswitch", .least = 0, .most = 1},
+    {.id = 43, .name = "power2", .names = kPower, .meaning = "as power", .least = 0, .most = 15, .step = 15},
     {.id = 44, .kind = kText, .name = "total_rate2", .meaning = "bit rate of channel 2"},
     {.id = 45, .kind = kText, .name = "valid_rate2", .meaning = "bit rate of channel 2 without null packets"},
     {.id = 47, .kind = kSignedDegrees, .name = "temperature1", .unit = "deg C", .meaning = "sensor on the card"},
@@ -52,7 +59,7 @@ constexpr CardVariable kVariables[] = {
 };
 // clang-format on
 
-bool isStep(const CardVariable& variable, u32 value, u32 step) {
+bool isStep(const CardVariable& variable, std::int64_t value, u32 step) {
   return value >= variable.least && value <= variable.most && (value - variable.least) % step == 0;
 }
 
@@ -116,6 +123,10 @@ const CardVariable* findCardVariable(std::string_view idOrName) {
   return found == std::end(kVariables) ? nullptr : found;
 }
 
+bool isPossible(const CardVariable& variable, std::int64_t value) {
+  return variable.most > 0 && isStep(variable, value, variable.step);
+}
+
 std::string writableValues(const CardVariable& variable) {
   if (!variable.writable) return "";
   std::vector<std::string> choices;
@@ -129,7 +140,7 @@ std::string writableValues(const CardVariable& variable) {
 
 std::string valueRefusal(const CardVariable& variable, u32 value) {
   if (!variable.writable) return cannotBeSet(variable);
-  return isStep(variable, value, variable.step) ? "" : notPossible(variable, value);
+  return isPossible(variable, value) ? "" : notPossible(variable, value);
 }
 
 std::string valueWarning(const CardVariable& variable, u32 value) {

@@ -5,8 +5,9 @@
 # run needs the first list, test the first two, the checks of test --all and .ci/run all three.
 build_packages=(cmake ninja-build g++ pkg-config
                 libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev libncurses-dev
-                libpng-dev unifont)
-test_packages=(libgtest-dev libgmock-dev ffmpeg python3 sigrok-cli socat tmux valgrind)
+                libpng-dev libsnmp-dev unifont)
+test_packages=(libgtest-dev libgmock-dev ffmpeg python3 sigrok-cli socat tmux valgrind
+               smitools erlang-snmp libsnmp-base snmp)
 check_packages=(clang clang-tidy clang-format libclang-rt-14-dev g++-arm-linux-gnueabi)
 
 say() { printf '%s\n' "$@" >&2; }

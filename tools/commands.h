@@ -16,6 +16,7 @@ namespace tools {
 // runs. A command throws: CLI::ParseError for a wrong call, any other exception when it cannot be carried
 // out.
 void addAlarmsCommand(CLI::App& app, const std::string& server);
+void addMibCommand(CLI::App& app);
 void addPidMapCommands(CLI::App& app, const std::string& server);
 void addPsiCommands(CLI::App& app, const std::string& server);
 void addProgrammeCommands(CLI::App& app, const std::string& server);

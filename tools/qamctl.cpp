@@ -1,6 +1,6 @@
 // qamctl: manages the cards of a chassis over its management socket: the tables, the PID map and the
-// programmes of a channel, the variables of a card, what goes out at the RF connectors. Exit codes: 0 done; 1
-// the request could not be carried out; 2 wrong call.
+// programmes of a channel, the variables of a card, what goes out at the RF connectors. It also prints the
+// MIB module of the cards. Exit codes: 0 done; 1 the request could not be carried out; 2 wrong call.
 #include <fmt/format.h>
 
 #include <cstdio>
@@ -31,6 +31,7 @@ constexpr const char* kFooter =
     "  qamctl panel\n"
     "  qamctl key down ok\n"
     "  qamctl lcd --png panel.png\n"
+    "  qamctl mib > QAM-HEADEND-MIB.txt\n"
     "  qamctl --server 192.0.2.7:49160 status\n"
     "\n"
     "Exit codes: 0 done; 1 the request could not be carried out (refused, card error, no reply, file error); "
@@ -54,6 +55,7 @@ int run(int argc, char** argv) {
   tools::addAlarmsCommand(app, server);
   tools::addStatusCommand(app, server);
   tools::addLcdCommands(app, server);
+  tools::addMibCommand(app);
   return tools::runCommandLine(app, argc, argv);
 }
 

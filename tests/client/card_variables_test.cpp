@@ -69,6 +69,35 @@ TEST(CardVariables, TakeWhatIsPossibleAndSayWhatIs) {
   }
 }
 
+TEST(CardVariables, KnowWhatIsPossibleAlsoWhereOthersWrite) {
+  struct Row {
+    const char* name;
+    std::set<std::int64_t> possible;
+    std::set<std::int64_t> impossible;
+  };
+  const Row rows[] = {
+      {"rfreq", {52000, 1000000}, {51999, 1000001, 52000 - (1LL << 32), 52000 + (1LL << 32)}},
+      {"rflevel", {950, 955, 1150}, {945, 951, 1155}},
+      {"symbolrate", {5000, 5001, 7000}, {4999, 7001}},
+      {"power", {0, 15}, {-15, 1, 14, 30}},
+      {"power2", {0, 15}, {-15, 1, 14, 30}},
+      {"rfreq2", {60000, 1008000}, {59999, 1008001}},
+      {"rflevel2", {950, 955, 1150}, {945, 951, 1155}},
+      {"symbolrate2", {5000, 7000}, {4999, 7001}},
+      {"qammode2", {5, 6, 7}, {4, 8}},
+      {"rfswitch2", {0, 1}, {-1, 2}},
+      {"temperature1", {}, {0, 25}},
+      {"fpga_version", {}, {0, 1}},
+  };
+  for (const auto& [name, possible, impossible] : rows) {
+    const CardVariable& variable = *findCardVariable(name);
+    for (const std::int64_t value : possible)
+      EXPECT_TRUE(isPossible(variable, value)) << name << ' ' << value;
+    for (const std::int64_t value : impossible)
+      EXPECT_FALSE(isPossible(variable, value)) << name << ' ' << value;
+  }
+}
+
 TEST(CardVariables, WarnOfARateWithoutAClockRow) {
   const CardVariable& rate = *findCardVariable("symbolrate");
   int withRow = 0;

@@ -1,0 +1,24 @@
+# shellcheck shell=bash
+# Where programs find QAM-HEADEND-MIB and the modules that it needs, for smilint and smidump (SMIPATH) and for the
+# programs of Net-SNMP (MIBDIRS, MIBS). Needs the packages erlang-snmp and libsnmp-base. In bash:
+#
+#   . mibs/paths.sh
+#   snmptranslate -Td QAM-HEADEND-MIB::slot1Level
+#
+# The module for another base, in a folder of its own, goes behind: of two Net-SNMP takes the last.
+#
+#   MIBDIRS=$MIBDIRS:FOLDER
+
+_qam_mibs() {
+  local own base
+  own=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd) || return
+  base=$(dpkg -L erlang-snmp 2>/dev/null | sed -n 's|/SNMPv2-SMI\.mib$||p') || true
+  if [[ -z $base || ! -e /usr/share/snmp/mibs/NET-SNMP-MIB.txt ]]; then
+    echo "The modules that QAM-HEADEND-MIB needs are missing: install erlang-snmp and libsnmp-base." >&2
+    return 1
+  fi
+  export SMIPATH=$own:$base:/usr/share/snmp/mibs
+  export MIBDIRS=$SMIPATH
+  export MIBS=SNMPv2-MIB:SNMP-FRAMEWORK-MIB:SNMP-MPD-MIB:SNMP-USER-BASED-SM-MIB:QAM-HEADEND-MIB
+}
+_qam_mibs

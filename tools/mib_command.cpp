@@ -1,0 +1,40 @@
+// qamctl mib: prints the MIB module of the cards' SNMP objects.
+#include <fmt/format.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "client/mib_module.h"
+#include "tools/commands.h"
+
+namespace tools {
+namespace {
+
+std::string checkBase(const std::string& text) {
+  try {
+    client::parseMibBase(text);
+    return "";
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+}
+
+}  // namespace
+
+void addMibCommand(CLI::App& app) {
+  const auto base = std::make_shared<std::string>(client::mibBaseText(client::kDefaultMibBase));
+  CLI::App* command =
+      addCommand(app, "mib", "Print the MIB module of the cards' SNMP objects; asks no server",
+                 [base] { fmt::print("{}", client::mibModule(client::parseMibBase(*base))); });
+  command->add_option("--base", *base, "what the objects stand below: ten numbers with dots")
+      ->check(checkBase)
+      ->capture_default_str()
+      ->type_name("OID");
+  command->footer(
+      "The module is QAM-HEADEND-MIB (SMIv2); the base is the agent's. For the default one it is "
+      "mibs/QAM-HEADEND-MIB.txt.\n"
+      "Net-SNMP's programs misread numbers of the base above 2147483647.\n"
+      "\nExample: qamctl mib --base 1.3.6.1.4.1.32473.1.2.3 > QAM-HEADEND-MIB.txt");
+}
+
+}  // namespace tools

@@ -16,6 +16,7 @@
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
 #include "ui/qamMenu.h"
+#include "ui/qamSnmp.h"
 #include "ui/qamStatus.h"
 
 namespace {
@@ -81,6 +82,7 @@ void Qam_Init(u8 slotNo) {
   descriptor->setVar = QamSetVar;
   descriptor->statusCheck = qamStatusCheck;
   descriptor->backInit = qamBackInit;
+  descriptor->mibRegister = qamMibRegister;
   descriptor->init = QamInit;
   descriptor->auxClkIntRoutine = qamIntr;
   descriptor->varPtr = Qam_create_para(slotNo);

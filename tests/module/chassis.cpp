@@ -1,8 +1,10 @@
 #include "tests/module/chassis.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
+#include <compare>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -59,6 +61,25 @@ int closeFile(void* cookie) {
   current->openFiles.erase(file->stream);
   current->note("close " + file->path);
   return 0;
+}
+
+// Content of a value that is encoded with the tag (ITU-T X.690, 8.1: definite lengths); null when `data`
+// holds another, or more content than `room` bytes.
+u8* contentOf(u8* data, u8 tag, int room, int* size) {
+  if (*data++ != tag) return nullptr;
+  u32 length = *data++;
+  if (length > 0x80) {
+    int bytes = static_cast<int>(length & 0x7F);
+    for (length = 0; bytes > 0; --bytes) {
+      if (length > 0xFFFFFF) return nullptr;
+      length = length << 8 | *data++;
+    }
+  } else if (length == 0x80) {
+    return nullptr;
+  }
+  if (room < 0 || length > static_cast<u32>(room)) return nullptr;
+  *size = static_cast<int>(length);
+  return data;
 }
 
 }  // namespace
@@ -399,5 +420,46 @@ int bc_vars_register(u32 base, u32 limit, const bc_var* table, const char* text)
   return 0;
 }
 
+void mib_register(const u32* oid_base, int oid_base_len, const variable4* rows, int count, int rowSize) {
+  current->mibBase.assign(oid_base, oid_base + oid_base_len);
+  current->note(fmt::format("mib {} {} rows of {}", fmt::join(current->mibBase, "."), count, rowSize));
+  const auto* bytes = reinterpret_cast<const u8*>(rows);
+  current->mibRows.resize(static_cast<std::size_t>(count));
+  for (variable4& row : current->mibRows) {
+    std::memcpy(&row, bytes, sizeof row);
+    bytes += rowSize;
+  }
+}
+
 }  // extern "C"
+
+int compare(const u32* name1, int length1, const u32* name2, int length2) {
+  const auto order = std::lexicographical_compare_three_way(name1, name1 + length1, name2, name2 + length2);
+  return std::is_lt(order) ? -1 : std::is_gt(order) ? 1 : 0;
+}
+
+u8* asn_parse_string(u8* data, int* datalength, u8* type, u8* string, int* strlength) {
+  int size = 0;
+  u8* content = test::contentOf(data, ASN_OCTET_STR, std::min(*datalength, *strlength), &size);
+  if (content == nullptr) return nullptr;
+  *type = ASN_OCTET_STR;
+  std::copy_n(content, size, string);
+  *strlength = size;
+  *datalength -= size;
+  return content + size;
+}
+
+u8* asn_parse_unsigned_int(u8* data, int* datalength, u8* type, u32* number, int numberSize) {
+  EXPECT_EQ(numberSize, 4);
+  int size = 0;
+  u8* content = test::contentOf(data, ASN_INTEGER, *datalength, &size);
+  if (content == nullptr || size == 0) return nullptr;
+  if (size > numberSize && (size > numberSize + 1 || *content != 0)) return nullptr;
+  *type = ASN_INTEGER;
+  *number = *content >= 0x80 ? 0xFFFFFFFF : 0;  // the sign
+  for (int i = 0; i < size; ++i) *number = *number << 8 | content[i];
+  *datalength -= size;
+  return content + size;
+}
+
 }  // namespace chassis

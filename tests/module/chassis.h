@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "card/QamCardPara.h"
+#include "platform/agent.h"
 #include "platform/backend.h"
 #include "platform/chassis.h"
 #include "platform/kernel.h"
@@ -99,7 +100,9 @@ class FakeChassis {
   std::vector<FailedCheck> checks;
   std::vector<Task> tasks;
   std::vector<std::unique_ptr<os::MsgQ>> queues;
-  const chassis::bc_var* variables = nullptr;                             // the table registered last
+  const chassis::bc_var* variables = nullptr;  // the table registered last
+  std::vector<u32> mibBase;                    // of the rows registered last
+  std::vector<chassis::variable4> mibRows;
   std::map<std::pair<int, int>, std::vector<std::array<u16, 3>>> routes;  // by slot and port; sent in order
   std::set<std::tuple<int, int, int>> alarms;                             // that stand: slot, port, type
   std::set<void*> blocks;                                                 // allocated and not freed

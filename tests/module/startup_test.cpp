@@ -10,6 +10,7 @@
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ui/qamSnmp.h"
 #include "ui/qamStatus.h"
 
 namespace test {
@@ -46,6 +47,7 @@ TEST_F(ModuleTest, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
   EXPECT_EQ(card->statusCheck, &qamStatusCheck);
   EXPECT_EQ(card->auxClkIntRoutine, &qamIntr);
   EXPECT_EQ(card->backInit, &qamBackInit);
+  EXPECT_EQ(card->mibRegister, &qamMibRegister);
   EXPECT_TRUE(card->trapRoutine == nullptr && card->Irq0Routine == nullptr && card->Irq4Routine == nullptr &&
               card->Irq5Routine == nullptr);
   EXPECT_EQ(card->varPtr, GetQamCardParaFromList(2));

@@ -9,6 +9,7 @@
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
 #include "headend/options.h"
+#include "headend/snmp_flags.h"
 #include "headend/source_flags.h"
 #include "headend/vcd_trace.h"
 
@@ -54,6 +55,7 @@ void refuseSharedFiles(const Options& options) {
   };
   users[fs::weakly_canonical(fs::absolute(options.flash / "K717_QAM" / "qam.bin"))] = "the cards";
   users[fs::weakly_canonical(fs::absolute(options.flash / "alarms" / "history.dat"))] = "the alarms";
+  users[fs::weakly_canonical(fs::absolute(options.flash / "snmp" / "engine.txt"))] = "the SNMP engine";
   for (int slot = 1; slot <= 6; ++slot) {
     const std::string name = "card" + std::to_string(slot);
     users[fs::weakly_canonical(fs::absolute(options.flash / "para" / (name + ".dat")))] = "the cards";
@@ -62,6 +64,7 @@ void refuseSharedFiles(const Options& options) {
   for (const auto& [channel, target] : options.outputs) {
     if (!target.starts_with("udp://")) use("--out " + client::channelName(channel), target);
   }
+  use("--snmp-secrets", options.snmp.secrets);
   use("--report", options.report);
   use("--log", options.log);
   use("--bus-log", options.busLog);
@@ -138,6 +141,7 @@ struct Texts {
   std::string seconds;
   std::string epoch;
   std::string manage;
+  SnmpTexts snmp;
   int heapFill = 0xFF;
 };
 
@@ -318,6 +322,7 @@ void interpret(const Texts& t, Options& o) {
   } else if (!o.fast) {
     o.manage = {"127.0.0.1", client::kDefaultManagementPort};
   }
+  parseSnmp(t.snmp, o.snmp);
   o.heapFill = static_cast<u8>(t.heapFill);
   checkTogether(o);
   refuseSharedFiles(o);
@@ -341,6 +346,7 @@ CommandLine parseCommandLine(int argc, char** argv) {
   CommandLine line;
   Texts texts;
   addFlags(app, line.options, texts);
+  addSnmpFlags(app, line.options.snmp, texts.snmp);
   addMachineFlags(app, line.options, texts);
   try {
     app.parse(argc, argv);

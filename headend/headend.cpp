@@ -10,6 +10,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "client/mib_rows.h"
 #include "headend/firmware/status_tasks.h"
 #include "headend/hardware/faults.h"
 #include "headend/hardware/file_input.h"
@@ -95,6 +96,7 @@ Headend::Headend(Options options)
     chassis_.serveCalibration();
   }
   lookAtParameterFiles();
+  if (options_.snmp.isUsed()) openSnmp();
   setRunning(this);
   for (const int slot : sources_.slots()) chassis_.plugIn(sources_.descriptor(slot));
   chassis_.start(options_.slots);
@@ -104,6 +106,7 @@ Headend::Headend(Options options)
   backEnd_.onRunning(runs);
   backEnd_.start();
   panel_.menu().start();
+  if (snmp_ != nullptr) snmp_->start();
   operator_.start(std::move(jobs));
 }
 
@@ -144,6 +147,7 @@ void Headend::installCards() {
   chassis_.onInitReturned([this](int slot) {
     ports_[static_cast<std::size_t>(slot)]->loaderLeft();
     if (trace_ == nullptr) card(slot).onRegister(nullptr);  // nobody is interested any more
+    openMib(slot);
   });
 }
 
@@ -162,6 +166,31 @@ void Headend::scheduleFaults() {
       });
     }
   }
+}
+
+void Headend::openSnmp() {
+  const auto say = [this](const std::string& text) { log_.line(kernel_.now(), "headend", text); };
+  const Options::Snmp& snmp = options_.snmp;
+  const SnmpSecrets secrets = loadSnmpSecrets(snmp.secrets);
+  snmp_ = std::make_unique<SnmpAgent>(
+      kernel_, network_, flash_,
+      SnmpAgent::Settings{snmp.listen, snmp.trapSink, snmp.base, snmp.writeCommunity}, secrets,
+      [this](int slot) { return state(slot) == CardState::kRunning; }, say);
+  alarms_.onEvent([this](const AlarmEvent& event) { snmp_->notify(event); });
+}
+
+// A card whose configuration failed has no rows.
+void Headend::openMib(int slot) {
+  const chassis::card& card = *chassis_.slot(slot).descriptor;
+  if (card.mibRegister == nullptr || state(slot) != CardState::kRunning) return;
+  std::vector<u32> base = options_.snmp.base;
+  base.push_back(client::kMibFirstSlot + static_cast<u32>(slot));
+  card.mibRegister(base.data(), static_cast<int>(base.size()));
+}
+
+void Headend::registerMib(const u32* base, int baseLength, const chassis::variable4* rows, int count,
+                          int rowSize) {
+  if (snmp_ != nullptr) snmp_->registerRows(base, baseLength, rows, count, rowSize);
 }
 
 std::string Headend::calibrationAddress() const {
@@ -506,7 +535,8 @@ void Headend::auxiliaryClock() {
 
 void Headend::systemClock() {
   if (*interrupted_) kernel_.stop();
-  if (options_.fast && (options_.manage || options_.calibration)) network_.pollHost(0);
+  if (options_.fast && (options_.manage || options_.calibration || options_.snmp.listen))
+    network_.pollHost(0);
   keepEeproms();
   rates_.update(kernel_.now());
   if (onTick_) onTick_();

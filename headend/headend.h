@@ -19,6 +19,7 @@
 #include "headend/firmware/panel/panel.h"
 #include "headend/firmware/pid_search.h"
 #include "headend/firmware/rate_meter.h"
+#include "headend/firmware/snmp/agent.h"
 #include "headend/firmware/socket_table.h"
 #include "headend/firmware/source_cards.h"
 #include "headend/hardware/bus.h"
@@ -84,6 +85,7 @@ class Headend final : private KernelObserver {
   CardState state(int slot) const;
   bool powerWasCut() const { return powerCut_; }
   std::string calibrationAddress() const;
+  const SnmpAgent* snmp() const { return snmp_.get(); }  // null when it is off
   std::string managementAddress() { return backEnd_.socket().hostAddress(); }
 
   // For the services of platform/.
@@ -97,6 +99,7 @@ class Headend final : private KernelObserver {
   const Flash& flash() const { return flash_; }
   Bus& bus() { return bus_; }
   SocketTable& sockets() { return sockets_; }
+  void registerMib(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
   void checkFailed(const char* text, const char* unit, int line);
   void heapExhausted(std::size_t size);
   void debugPrint(const char* format, std::va_list args);
@@ -114,6 +117,8 @@ class Headend final : private KernelObserver {
   void semaphoreLong(const os::Semaphore& semaphore, const Task& task) override;
   std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
+  void openSnmp();
+  void openMib(int slot);
   void openOutputs();
   void openInputs();
   void connectRouter();
@@ -150,6 +155,7 @@ class Headend final : private KernelObserver {
   Chassis chassis_;
   AlarmList alarms_;
   Panel panel_;
+  std::unique_ptr<SnmpAgent> snmp_;
   BackEnd backEnd_;
   PidSearch search_;
   DebugShell shell_{kernel_};

@@ -67,6 +67,10 @@ int run(const headend::Options& options) {
     fmt::print("calibration on {}\n", machine.calibrationAddress());
     std::fflush(stdout);
   }
+  if (const headend::SnmpAgent* snmp = machine.snmp()) {
+    fmt::print("SNMP on {}, engine ID {}\n", snmp->address(), headend::engineIdText(snmp->engine()));
+    std::fflush(stdout);
+  }
   int code = machine.run(interrupted);
   if (panel && !panel->close() && code == headend::kExitDone) code = headend::kExitFailed;
   if (!options.report.empty()) writeReport(options.report, headend::reportText(machine));

@@ -83,6 +83,17 @@ struct Options {
     Nanos at = 0;
   };
 
+  // The SNMP agent: who reaches it, and where notifications go.
+  struct Snmp {
+    std::optional<std::pair<std::string, std::uint16_t>> listen;    // none: closed
+    std::optional<std::pair<std::string, std::uint16_t>> trapSink;  // none: nobody
+    std::filesystem::path secrets;
+    bool writeCommunity = false;
+    std::vector<u32> base;  // ten components
+
+    bool isUsed() const { return listen || trapSink; }
+  };
+
   std::filesystem::path flash = "flash";
   bool initFlash = false;
   std::vector<int> slots;
@@ -107,6 +118,7 @@ struct Options {
   u32 epoch = 0;  // when virtual time begins: seconds since 1970-01-01 UTC
   std::optional<std::pair<std::string, std::uint16_t>> manage;       // none: off
   std::optional<std::pair<std::string, std::uint16_t>> calibration;  // none: no service
+  Snmp snmp;
   bool panel = false;
   std::string log;
   std::string report;

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "headend/headend.h"
+#include "platform/agent.h"
 #include "platform/alarms.h"
 #include "platform/backend.h"
 #include "platform/bus.h"
@@ -258,6 +259,10 @@ void DebugPrint(const char* format, ...) {
   va_start(args, format);
   running->debugPrint(format, args);
   va_end(args);
+}
+
+void mib_register(const u32* oid_base, int oid_base_len, const variable4* rows, int count, int rowSize) {
+  running->registerMib(oid_base, oid_base_len, rows, count, rowSize);
 }
 
 int bc_vars_register(u32 base, u32 limit, const bc_var* table, const char* /*text*/) {

@@ -152,6 +152,7 @@ void AlarmList::note(AlarmEvent event) {
   history_.push_back(event);
   forgetOldest();
   if (file_.entries() >= 2 * kHistory || !file_.append(event)) file_.rewrite(base_, history_);
+  if (onEvent_) onEvent_(event);
 }
 
 void AlarmList::forgetOldest() {

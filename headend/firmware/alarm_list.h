@@ -39,6 +39,9 @@ class AlarmList {
   void remove(const Key& key, const char* zhTrap, const char* enTrap);
   bool exists(const Key& key) const;
 
+  // Called with each event as it is noted.
+  void onEvent(std::function<void(const AlarmEvent&)> hook) { onEvent_ = std::move(hook); }
+
   // Oldest first; as the events that raised them.
   const std::vector<AlarmEvent>& standing() const { return standing_; }
   const std::deque<AlarmEvent>& history() const { return history_; }
@@ -60,6 +63,7 @@ class AlarmList {
   std::vector<AlarmEvent> standing_;
   std::deque<AlarmEvent> history_;
   std::uint64_t last_ = 0;
+  std::function<void(const AlarmEvent&)> onEvent_;
 };
 
 // In UTF-8, as clients see it.

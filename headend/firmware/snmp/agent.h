@@ -1,0 +1,62 @@
+// The chassis's SNMP agent: Net-SNMP in a task of the kernel's, with the rows that cards have registered, the
+// system group and little else. It is closed but to those whom the operator has named, sends what the alarm
+// list notes as notifications, and uses no file of this machine's but the flash. docs/snmp.md tells about it.
+// One process has one, for the library's state is the process's.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "headend/firmware/alarm_file.h"
+#include "headend/firmware/snmp/card_rows.h"
+#include "headend/firmware/snmp/engine_identity.h"
+#include "headend/firmware/snmp/library.h"
+#include "headend/firmware/snmp/notifier.h"
+#include "headend/firmware/snmp/secrets.h"
+#include "headend/kernel/network.h"
+
+namespace headend {
+
+class SnmpAgent {
+ public:
+  struct Settings {
+    std::optional<SnmpLibrary::Address> listen;
+    std::optional<SnmpLibrary::Address> trapSink;
+    std::vector<u32> base;  // ten components; a slot's number comes behind them
+    bool communityWrites = false;
+  };
+
+  // Below the back end (220): operators come before stations that poll.
+  static constexpr int kPriority = 222;
+
+  // Opens the agent's sockets. Throws std::runtime_error.
+  SnmpAgent(Kernel& kernel, Network& network, Flash& flash, const Settings& settings,
+            const SnmpSecrets& secrets, std::function<bool(int slot)> runs,
+            std::function<void(const std::string&)> say);
+  void start();  // spawns the task
+
+  // Rows of a card, and an event of the alarm list; any task.
+  void registerRows(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
+  void notify(const AlarmEvent& event);
+
+  std::string address() const;  // "off" when it only sends
+  const EngineIdentity& engine() const { return engine_; }
+
+ private:
+  void serve();
+  void readRequest();
+
+  Kernel& kernel_;
+  Network& network_;
+  std::function<void(const std::string&)> say_;
+  EngineIdentity engine_;
+  CardRows rows_;
+  std::optional<SnmpLibrary> library_;
+  std::vector<Task*> waiters_;
+  bool readable_ = false;
+  std::optional<SnmpNotifier> notifier_;
+};
+
+}  // namespace headend

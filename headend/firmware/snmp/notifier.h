@@ -1,0 +1,41 @@
+// Sends what the alarm list notes as SNMPv2 notifications, in a task of its own: a card that keeps the agent
+// waiting keeps no alarm back. A sink that is not there harms nothing: nobody acknowledges a notification.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "headend/firmware/alarm_file.h"
+#include "headend/firmware/snmp/library.h"
+#include "headend/kernel/kernel.h"
+
+namespace headend {
+
+class SnmpNotifier {
+ public:
+  static constexpr int kPriority = 223;
+  static constexpr std::size_t kWaitingMost = 1000;  // of more the oldest are not sent
+
+  // `library` has a sink. Names of objects stand below `base` (client/mib_rows.h).
+  SnmpNotifier(Kernel& kernel, SnmpLibrary& library, std::vector<u32> base,
+               std::function<void(const std::string&)> say);
+
+  void start();                          // spawns the task
+  void notify(const AlarmEvent& event);  // any task
+
+ private:
+  void serve();
+  void send(const AlarmEvent& event);
+
+  Kernel& kernel_;
+  SnmpLibrary& library_;
+  std::vector<u32> base_;
+  std::function<void(const std::string&)> say_;
+  std::vector<Task*> waiters_;
+  std::deque<AlarmEvent> waiting_;
+  bool failed_ = false;  // the last one could not be sent
+};
+
+}  // namespace headend

@@ -1,0 +1,176 @@
+// What the SNMP agent starts from: the secrets that an operator names, and who the engine is over its
+// power-ups.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include "client/card_variables.h"
+#include "client/mib_rows.h"
+#include "headend/firmware/snmp/engine_identity.h"
+#include "headend/firmware/snmp/secrets.h"
+#include "tests/client/messages.h"
+#include "tests/headend/scratch.h"
+#include "ui/qamSnmp.h"
+
+namespace test {
+namespace {
+
+using headend::EngineIdentity;
+using headend::SnmpSecrets;
+
+std::string refusal(const std::string& text) {
+  return messageOf([&] { headend::parseSnmpSecrets(text, "file"); });
+}
+
+TEST(SnmpSecrets, LinesNameCommunitiesAndUsers) {
+  const SnmpSecrets secrets = headend::parseSnmpSecrets(
+      "# who\n\n  read-community look\nwrite-community \"ch an\\\"ge\"\n"
+      "user mon read SHA \"a pass phrase\"\nuser adm write SHA-512 authpass AES-256 privpass\ntrap-user "
+      "adm\n",
+      "file");
+  EXPECT_EQ(secrets.readCommunity, "look");
+  EXPECT_EQ(secrets.writeCommunity, "ch an\"ge");
+  EXPECT_EQ(secrets.trapUser, "adm");
+  ASSERT_EQ(secrets.users.size(), 2U);
+  const SnmpSecrets::User& mon = secrets.users[0];
+  EXPECT_EQ(mon.name + '|' + mon.authProtocol + '|' + mon.authPassphrase, "mon|SHA|a pass phrase");
+  EXPECT_FALSE(mon.writes || mon.hasPrivacy());
+  const SnmpSecrets::User& adm = *secrets.find("adm");
+  EXPECT_EQ(adm.privProtocol + '|' + adm.privPassphrase, "AES-256|privpass");
+  EXPECT_TRUE(adm.writes);
+  EXPECT_EQ(secrets.find("ad"), nullptr);
+}
+
+TEST(SnmpSecrets, WhatIsWrongIsSaidWithItsLineAndNoSecret) {
+  struct Row {
+    const char* text;
+    const char* says;
+  };
+  const Row rows[] = {
+      {"read-comunity SECRET", "line 1: want read-community"},
+      {"\nread-community", "line 2: read-community wants one word"},
+      {"read-community SECRET SECRET", "wants one word"},
+      {"read-community \"\"", "wants one word"},
+      {"read-community SECRET\nread-community SECRET2", "line 2: read-community is there twice"},
+      {"read-community SECRET\xC3\xBC", "wants one word"},
+      {"user mon read SHA", "want user NAME"},
+      {"user mon read SHA SECRETSECRET AES", "want user NAME"},
+      {"user mon look SHA SECRETSECRET", "read or write"},
+      {"user mon read MD5 SECRETSECRET", "SHA, SHA-224"},
+      {"user mon read SHA SECRETS8", ""},
+      {"user mon read SHA SECRET", "eight characters"},
+      {"user mon read SHA SECRETSECRET DES SECRETSECRET", "AES, AES-192"},
+      {"user mon read SHA SECRETSECRET AES SECRET", "eight characters"},
+      {"user mon write SHA SECRETSECRET", "needs a privacy protocol"},
+      {"user mon read SHA SECRETSECRET\nuser mon read SHA SECRETSECRET", "line 2: a user of that name"},
+      {"user abcdefghijabcdefghijabcdefghijabc read SHA SECRETSECRET", "1 to 32 characters"},
+      {"trap-user mon", "is no user"},
+      {"trap-community SECRET\nuser mon read SHA SECRETSECRET\ntrap-user mon", "both trap-community"},
+      {"read-community SECRET\nwrite-community SECRET", "must differ"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.text);
+    const std::string message = refusal(row.text);
+    if (*row.says == '\0') {
+      EXPECT_EQ(message, "");
+    } else {
+      EXPECT_TRUE(has(message, "file") && has(message, row.says)) << message;
+    }
+    EXPECT_FALSE(has(message, "SECRET")) << message;
+  }
+}
+
+TEST(SnmpSecrets, AFileIsItsOwnersAlone) {
+  const Scratch scratch;
+  const fs::path file = scratch.path / "secrets";
+  const std::string text = "read-community look\n";
+  writeFile(file, {reinterpret_cast<const u8*>(text.data()), text.size()});
+  for (const mode_t mode : {0640U, 0604U, 0620U, 0601U}) {
+    chmod(file.c_str(), mode);
+    EXPECT_TRUE(has(messageOf([&] { headend::loadSnmpSecrets(file); }), "chmod 600")) << mode;
+  }
+  chmod(file.c_str(), 0600);
+  setenv("HEADEND_SNMP_SECRETS", "read-community other", 1);
+  EXPECT_EQ(headend::loadSnmpSecrets(file).readCommunity, "look");
+  EXPECT_EQ(headend::loadSnmpSecrets({}).readCommunity, "other");
+  unsetenv("HEADEND_SNMP_SECRETS");
+  EXPECT_EQ(headend::loadSnmpSecrets({}).readCommunity, "");
+  EXPECT_TRUE(has(messageOf([&] { headend::loadSnmpSecrets(scratch.path / "none"); }), "No such file"));
+}
+
+class Engine : public ::testing::Test {
+ protected:
+  EngineIdentity boot() {
+    return headend::bootEngine(flash_, [this](const std::string& text) { said_ += text; });
+  }
+  void put(const std::string& text) const {
+    writeFile(scratch_.path / "snmp" / "engine.txt", {reinterpret_cast<const u8*>(text.data()), text.size()});
+  }
+
+  Scratch scratch_;
+  headend::Flash flash_{scratch_.path};
+  std::string said_;
+};
+
+TEST_F(Engine, KeepsItsIdAndCountsItsBoots) {
+  const EngineIdentity first = boot();
+  EXPECT_EQ(headend::engineIdText(first).substr(0, 12), "0x80001f8805");
+  for (const u32 boots : {2U, 3U}) {
+    const EngineIdentity next = boot();
+    EXPECT_EQ(next.id, first.id);
+    EXPECT_EQ(next.boots, boots);
+  }
+  EXPECT_EQ(said_, "");
+  const Scratch other;
+  headend::Flash flash{other.path};
+  EXPECT_NE(headend::bootEngine(flash, [](const std::string&) {}).id, first.id);
+}
+
+TEST_F(Engine, IsANewOneWhereItsFileIsDamagedOrItsBootsAreUsedUp) {
+  const std::string id = "0x80001f88050102030405060708";
+  put("engine " + id + " boots 2147483645\n");
+  EXPECT_EQ(boot().boots, 2147483646U);
+  EXPECT_EQ(boot().boots, 1U);
+  EXPECT_EQ(said_, "");
+  const std::vector<std::string> damaged = {"",
+                                            "engine " + id + " boots 7",
+                                            "engine " + id + " boots 0\n",
+                                            "engine 0x80001f88 boots 7\n",
+                                            "engine " + id + " boots 7\nmore",
+                                            "engine " + id + " boots 4294967298\n",
+                                            std::string(5000, 'x')};
+  for (const std::string& text : damaged) {
+    said_.clear();
+    put(text);
+    const EngineIdentity engine = boot();
+    EXPECT_TRUE(engine.boots == 1 && headend::engineIdText(engine) != id) << text;
+    EXPECT_TRUE(has(said_, "damaged"));
+  }
+}
+
+TEST_F(Engine, IsNotUsedUnlessItIsKept) {
+  writeFile(scratch_.path / "snmp", {});  // in the way
+  EXPECT_TRUE(has(messageOf([this] { boot(); }), "snmp/engine.txt"));
+}
+
+// The MIB is made of the one list, and the card registers the other.
+TEST(MibRows, AreWhatTheCardRegisters) {
+  std::vector<std::string> described;
+  for (const client::MibRow& row : client::mibRows()) {
+    const bool isText = client::findCardVariable(row.variable)->kind == client::VariableKind::kText;
+    described.push_back(fmt::format("{} {} {} {}", fmt::join(row.suffix, "."), row.variable,
+                                    isText ? "text" : "number", row.writable ? "rw" : "ro"));
+  }
+  std::vector<std::string> registered;
+  for (const chassis::variable4& row : qamVariable) {
+    registered.push_back(fmt::format("{} {} {} {}", fmt::join(row.name, "."), row.magic,
+                                     row.type == chassis::ASN_OCTET_STR ? "text" : "number",
+                                     row.acl == chassis::RWRITE ? "rw" : "ro"));
+  }
+  EXPECT_EQ(described, registered);
+}
+
+}  // namespace
+}  // namespace test

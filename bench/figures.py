@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """All figures of docs/benchmarks.md: the speed of the virtual headend under load, while settings change and in a
 start-up of all slots, packets through router and multiplexer, instruction counts, a start-up timeline, times of the
-calibration and of the front panel. Called by bench/run, which builds what is measured.
+calibration and of the front panel, SNMP requests. Called by bench/run, which builds what is measured.
 
 Exit code: 0 when the figures are there and the ratios of instruction counts and the rates of the calibration keep
 their limits, 1 when not. Goals of speed are reported and not judged: they depend on the machine and on what else it
@@ -18,6 +18,7 @@ import tempfile
 import time
 
 import instructions
+import snmp
 
 PATIENCE_SECONDS = 600
 BUS_NS = (30, 100, 300)
@@ -260,6 +261,7 @@ def main():
     parser.add_argument('--multiplexer', required=True, metavar='FILE')
     parser.add_argument('--status-pass', required=True, metavar='FILE')
     parser.add_argument('--panel', required=True, metavar='FILE')
+    parser.add_argument('--exchange', required=True, metavar='FILE')
     parser.add_argument('--json', metavar='FILE')
     parser.add_argument('--repeat', type=int, default=3, metavar='N')
     options = parser.parse_args()
@@ -289,12 +291,16 @@ def main():
         print(f'A status pass: {passes["accesses"]} register accesses, {passes["virtual_ms"]} virtual ms\n', flush=True)
         screens = panel(options.panel, options.samples)
         show_panel(screens)
+        print(flush=True)
+        with tempfile.TemporaryDirectory() as folder:
+            requests = snmp.measure(options.headend, options.exchange, folder)
+        snmp.show(requests)
         if options.json:
             save(options.json, {'machine': f'{platform.machine()}, {os.cpu_count()} processors', 'speed': rows,
                                 'full_house': house, 'routed': packets, 'instructions': counts,
                                 'instructions_a_routed_packet': routed_counts, 'startup': timelines,
-                                'calibration': calibrations, 'status_pass': passes, 'panel': screens})
-    except (NoFigure, instructions.CannotCount, OSError, subprocess.SubprocessError) as error:
+                                'calibration': calibrations, 'status_pass': passes, 'panel': screens, 'snmp': requests})
+    except (NoFigure, instructions.CannotCount, RuntimeError, OSError, subprocess.SubprocessError) as error:
         print(error, file=sys.stderr)
         return 1
     return 0 if instructions.kept(counts) and instructions.flat(routed_counts) else 1

@@ -2,12 +2,14 @@
 # What the commands run, test and .ci/run share: the Debian packages each needs and how a step is shown.
 # Sourced, never run.
 
-# run needs the first list, test the first two, the checks of test --all and .ci/run all three.
+# run needs the first list, test the first two, bench/run these and its own, the checks of test --all and .ci/run the
+# last too.
 build_packages=(cmake ninja-build g++ pkg-config
                 libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev libncurses-dev
                 libpng-dev libsnmp-dev unifont)
 test_packages=(libgtest-dev libgmock-dev ffmpeg python3 sigrok-cli socat tmux valgrind
                smitools erlang-snmp libsnmp-base snmp)
+bench_packages=(valgrind snmpd)
 check_packages=(clang clang-tidy clang-format libclang-rt-14-dev g++-arm-linux-gnueabi)
 
 say() { printf '%s\n' "$@" >&2; }

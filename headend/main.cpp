@@ -68,7 +68,8 @@ int run(const headend::Options& options) {
     std::fflush(stdout);
   }
   if (const headend::SnmpAgent* snmp = machine.snmp()) {
-    fmt::print("SNMP on {}, engine ID {}\n", snmp->address(), headend::engineIdText(snmp->engine()));
+    fmt::print("SNMP {}, engine ID {}\n", snmp->address().empty() ? "sends only" : "on " + snmp->address(),
+               headend::engineIdText(snmp->engine()));
     std::fflush(stdout);
   }
   int code = machine.run(interrupted);

@@ -56,7 +56,7 @@ SnmpAgent::SnmpAgent(Kernel& kernel, Network& network, Flash& flash, const Setti
 }
 
 std::string SnmpAgent::address() const {
-  return library_->fd() < 0 ? "off" : hostAddress(library_->fd());
+  return library_->fd() < 0 ? "" : hostAddress(library_->fd());
 }
 
 void SnmpAgent::start() {

@@ -41,7 +41,7 @@ class SnmpAgent {
   void registerRows(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
   void notify(const AlarmEvent& event);
 
-  std::string address() const;  // "off" when it only sends
+  std::string address() const;  // empty when it only sends
   const EngineIdentity& engine() const { return engine_; }
 
  private:

@@ -54,8 +54,7 @@ class Parser {
     if (words[0] == "user") {
       user(words);
     } else if (words[0] == "trap-user") {
-      single(words, secrets_.trapUser, "the name of a user above");
-      demand(secrets_.find(secrets_.trapUser) != nullptr, "trap-user is no user of the lines above");
+      single(words, secrets_.trapUser, "the name of a user");
     } else {
       const std::map<std::string, std::string*> communities = {{"read-community", &secrets_.readCommunity},
                                                                {"write-community", &secrets_.writeCommunity},
@@ -71,6 +70,8 @@ class Parser {
     if (!secrets_.readCommunity.empty() && secrets_.readCommunity == secrets_.writeCommunity)
       throw std::runtime_error(origin_ +
                                ": read-community and write-community are the same: they must differ");
+    if (!secrets_.trapUser.empty() && secrets_.find(secrets_.trapUser) == nullptr)
+      throw std::runtime_error(origin_ + ": trap-user is the name of no user line");
     if (!secrets_.trapCommunity.empty() && !secrets_.trapUser.empty())
       throw std::runtime_error(origin_ + ": both trap-community and trap-user: want one of them");
     return std::move(secrets_);

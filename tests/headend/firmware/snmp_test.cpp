@@ -27,8 +27,8 @@ std::string refusal(const std::string& text) {
 TEST(SnmpSecrets, LinesNameCommunitiesAndUsers) {
   const SnmpSecrets secrets = headend::parseSnmpSecrets(
       "# who\n\n  read-community look\nwrite-community \"ch an\\\"ge\"\n"
-      "user mon read SHA \"a pass phrase\"\nuser adm write SHA-512 authpass AES-256 privpass\ntrap-user "
-      "adm\n",
+      "user mon read SHA \"a pass phrase\"\ntrap-user adm\n"
+      "user adm write SHA-512 authpass AES-256 privpass\n",
       "file");
   EXPECT_EQ(secrets.readCommunity, "look");
   EXPECT_EQ(secrets.writeCommunity, "ch an\"ge");
@@ -66,7 +66,7 @@ TEST(SnmpSecrets, WhatIsWrongIsSaidWithItsLineAndNoSecret) {
       {"user mon write SHA SECRETSECRET", "needs a privacy protocol"},
       {"user mon read SHA SECRETSECRET\nuser mon read SHA SECRETSECRET", "line 2: a user of that name"},
       {"user abcdefghijabcdefghijabcdefghijabc read SHA SECRETSECRET", "1 to 32 characters"},
-      {"trap-user mon", "is no user"},
+      {"trap-user mon", "no user line"},
       {"trap-community SECRET\nuser mon read SHA SECRETSECRET\ntrap-user mon", "both trap-community"},
       {"read-community SECRET\nwrite-community SECRET", "must differ"},
   };

@@ -93,9 +93,9 @@ inline u8* asn_parse_unsigned_int(u8* data, int* datalength, u8* type, u32* numb
 // -1, 0 or 1: the order of two names.
 int compare(const u32* name1, int length1, const u32* name2, int length2);
 
-// Parse a value of `*datalength` bytes at most, which then holds what is left of them. The byte behind the
-// value, or null when it is none or does not fit: `*strlength` bytes, which then holds the length; or an
-// unsigned number of `numberSize` bytes.
+// Parse the value at `data`, of which at most `*datalength` bytes are looked at; it then holds what is left
+// of them. The byte behind the value, or null when it is none or does not fit: a text of at most `*strlength`
+// bytes, which then holds its length; or a number of `numberSize` bytes.
 u8* asn_parse_string(u8* data, int* datalength, u8* type, u8* string, int* strlength);
 u8* asn_parse_unsigned_int(u8* data, int* datalength, u8* type, u32* number, int numberSize);
 #endif

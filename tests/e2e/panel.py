@@ -165,4 +165,5 @@ def beside_the_carousel(case):
                    'the picture')
 
 
-harness.main({'tree': tree, 'edits': edits, 'not-running': not_running, 'beside-the-carousel': beside_the_carousel})
+if __name__ == '__main__':
+    harness.main({'tree': tree, 'edits': edits, 'not-running': not_running, 'beside-the-carousel': beside_the_carousel})

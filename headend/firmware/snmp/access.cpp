@@ -35,7 +35,9 @@ std::string access(const std::string& group, const char* model, const char* leve
 std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, bool communityWrites,
                                              std::span<const u32> base) {
   const std::string cards = fmt::format("{}", fmt::join(base, "."));
-  std::vector<std::string> lines = {fmt::format("view seen included {}", cards),
+  // A group without members, for the library wants to have heard of access, whoever is let in.
+  std::vector<std::string> lines = {access("nobody", "usm", "priv", false),
+                                    fmt::format("view seen included {}", cards),
                                     fmt::format("view set included {}", cards), "view none excluded 1"};
   for (const char* subtree : kSeen) lines.push_back(fmt::format("view seen included {}", subtree));
 

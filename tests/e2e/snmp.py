@@ -1,0 +1,508 @@
+#!/usr/bin/env python3
+"""The SNMP agent as managers meet it: Net-SNMP's programs with names of our MIB, and a client of the tests' own that
+sends what those cannot. `snmp.py ... storm-10000` sends five times the malformed packets of `storm`."""
+import itertools
+import json
+import os
+import random
+import re
+import struct
+import sys
+import subprocess
+import time
+
+import harness
+import mib
+import panel
+from harness import Server, read, record_file, write
+from snmp_client import (COUNTER, END_OF_VIEW, GET, GETBULK, GETNEXT, INTEGER, NO_SUCH_INSTANCE, NO_SUCH_OBJECT, NULL,
+                         OID, SET, STRING, Client, integer, message, name, number)
+
+BASE = name(mib.DEFAULT)
+VARIABLES = dict(zip((stem for stem, *_ in mib.ROWS), (
+    'hardware_version', 'software_version', 'fpga_version', 'qammode', 'rfreq', 'rflevel', 'rfswitch', 'power', 'symbolrate',
+    'qammode2', 'rfreq2', 'rflevel2', 'rfswitch2', 'power2', 'symbolrate2')))
+SUFFIX = {stem: name(suffix) for stem, suffix, *_ in mib.ROWS}
+LINES = ('read-community look', 'write-community change', 'user mon read SHA-256 "monitor pass" AES monitorpriv',
+         'user adm write SHA-512 adminauth123 AES-256 adminpriv123', 'user half read SHA halfauth123')
+ADM = ('-v3', '-l', 'authPriv', '-u', 'adm', '-a', 'SHA-512', '-A', 'adminauth123', '-x', 'AES-256', '-X', 'adminpriv123')
+ENGINE = 'snmp/engine.txt'
+SYS_NAME = name('1.3.6.1.2.1.1.5.0')
+PATIENT, QUICK = ('-r', '9', '-t', '2'), ('-r', '0', '-t', '0.5')  # quick for those who get no answer
+
+
+def instance(slot, stem):
+    return (*BASE, slot + 1, *SUFFIX[stem], 0)
+
+
+def dotted(oid):
+    return '.'.join(map(str, oid))
+
+
+def secrets(case, *lines, mode=0o600):
+    path = case.path('secrets')
+    write(path, '\n'.join(lines or LINES).encode() + b'\n')
+    os.chmod(path, mode)
+    return path
+
+
+class Agent(Server):
+    """A headend whose agent is open; `slots` are those whose rows are waited for."""
+
+    def __init__(self, case, flash, *args, slots=(1,), lines=LINES, writes=True):
+        self.slots = slots
+        cards = [word for slot in slots for word in ('--card', str(slot))]
+        super().__init__(case, flash, *cards, '--snmp', '127.0.0.1:0', '--snmp-secrets', secrets(case, *lines),
+                         *(['--snmp-write-community'] if writes else []), *args)
+
+    def __enter__(self):
+        super().__enter__()
+        found = self.wait(lambda: re.search(r'SNMP on 127\.0\.0\.1:(\d+), engine ID (0x\w+)', self.text()))
+        self.snmp, self.engine = int(found.group(1)), found.group(2)
+        self.reader, self.writer = Client(self.snmp), Client(self.snmp, 'change')
+        for slot in self.slots:
+            self.wait(lambda: self.reader.value(instance(slot, 'Ch2SymbolRate')) == 6875)
+        return self
+
+    def variables(self, slot):
+        text = self.case.qamctl(self.address, 'var', 'get', str(slot), '--json', *VARIABLES.values()).text
+        return {row['name']: row['value'] for row in json.loads(text)}
+
+    def rows(self, slot):
+        return {VARIABLES[stem]: self.reader.value(instance(slot, stem)) for stem in SUFFIX}
+
+    def rf(self, slot):
+        return json.loads(self.case.qamctl(self.address, 'rf', str(slot), '--json').text)
+
+
+class Programs(mib.Tools):
+    """Those of Net-SNMP."""
+
+    def __init__(self, case):
+        super().__init__(case, mib.DEFAULT)
+        self.environment |= {'SNMP_PERSISTENT_DIR': case.path('persistent')}
+
+    def ask(self, program, agent, *arguments, codes=(0,)):
+        """The address stands where '@' is."""
+        address = f'127.0.0.1:{agent.snmp}'
+        return self.run(program, *(address if word == '@' else word for word in arguments), codes=codes)
+
+
+LOOK, CHANGE = ('-v2c', '-c', 'look'), ('-v2c', '-c', 'change')
+
+
+def names(case):
+    """What a person types, for two cards, over SNMPv2c and SNMPv3."""
+    programs = Programs(case)
+    with Agent(case, case.flash(), slots=(1, 3)) as agent:
+        for who in (LOOK, ADM):
+            for program in ('snmpwalk', 'snmpbulkwalk'):
+                text = programs.ask(program, agent, *who, '@', 'QAM-HEADEND-MIB::qamHeadendMIB')
+                lines = [line for line in text.splitlines() if 'Created directory' not in line]
+                case.equal(len(lines), 30, f'lines of {program}')
+                for slot, text in itertools.product((1, 3), (
+                        'Constellation.0 = INTEGER: qam64(5)', 'Frequency.0 = INTEGER: 554000 kHz', 'Level.0 = INTEGER: 100.0 dBuV',
+                        'Ch2PowerSwitch.0 = INTEGER: on(15)', 'SoftwareVersion.0 = STRING: V2.1.05A')):
+                    case.check(f'QAM-HEADEND-MIB::slot{slot}{text}' in lines, f'{program}: no {text} in {lines}')
+        for who, value, khz in ((CHANGE, '474000', 474000), (ADM, '482000', 482000)):
+            programs.ask('snmpset', agent, *who, '@', 'slot3Frequency.0', 'i', value, 'slot3Constellation.0', 'i', 'qam256')
+            got = programs.ask('snmpget', agent, *who, '@', '-Oqv', 'slot3Frequency.0', 'slot3Constellation.0',
+                               'slot1Frequency.0', 'sysName.0')
+            case.equal(got.split(), [value, 'kHz', 'qam256', '554000', 'kHz', 'headend'], f'got as {who}')
+            case.equal([row['frequency_khz'] for row in agent.rf(3)], [khz, khz + 8000], 'on the air')
+
+
+EFFECTS = {  # value, where the record has it, what the RF readout says of it
+    'Frequency': (474000, '<I', 16, 'frequency_khz', 474000),
+    'Level': (1055, '<I', 12, 'level_dbuv', 105.5),
+    'SymbolRate': (6000, '<I', 20, 'clock_kbd', 6000),
+    'Constellation': (7, '<B', 24, 'constellation', '256-QAM'),
+    'RfSwitch': (1, '<B', 29, 'verdict', 'off'),
+    'PowerSwitch': (0, '<B', 32, 'verdict', 'off'),
+}
+
+
+def effects(case):
+    """A SET of each row is on the air, in the record, and there after a restart; one of row 14 is nowhere."""
+    flash = case.flash()
+    path = os.path.join(flash, record_file(2))
+    for stem, (value, form, at, field, shown) in EFFECTS.items():
+        if os.path.exists(path):
+            os.remove(path)
+        with Agent(case, flash, slots=(2,)) as agent:
+            case.check(agent.rf(2)[0][field] != shown, f'{field} is {shown} before')
+            case.equal(agent.writer.set((instance(2, stem), number(value))).error, 'noError', f'SET of {stem}')
+            case.equal(agent.rf(2)[0][field], shown, f'{field} after')
+            case.equal(struct.unpack_from(form, read(path), at)[0], value, f'{stem} in the record')
+        with Server(case, flash, '--card', '2') as server:
+            server.wait_started(2)
+            case.equal(json.loads(case.qamctl(server.address, 'rf', '2', '--json').text)[0][field], shown, f'{field} again')
+    os.remove(path)
+    with Agent(case, flash, slots=(2,)) as agent:
+        before = read(path), agent.rf(2)
+        case.equal(agent.writer.set((instance(2, 'Ch2PowerSwitch'), number(0))).error, 'noError', 'SET of row 14')
+        case.equal((read(path), agent.rf(2)), before, 'record and readout after it')
+        case.equal(agent.reader.value(instance(2, 'Ch2PowerSwitch')), 15, 'row 14')
+
+
+def agreement(case):
+    """All rows of six cards, each set otherwise, by SNMP, by qamctl and on the front panel."""
+    with Agent(case, case.flash(), slots=range(1, 7)) as agent:
+        for slot in range(1, 7):
+            values = {'Frequency': 400000 + 8000 * slot, 'Level': 950 + 5 * slot, 'Constellation': 5 + slot % 3}
+            answer = agent.writer.set(*((instance(slot, stem), number(value)) for stem, value in values.items()))
+            case.equal(answer.error, 'noError', f'SET of slot {slot}')
+        for slot in range(1, 7):
+            rows = agent.rows(slot)
+            case.equal(rows, agent.variables(slot), f'slot {slot} by SNMP and by qamctl')
+            case.equal(rows['rfreq2'], 408000 + 8000 * slot, f'channel 2 of slot {slot}')
+        panel.Panel(case, agent).go('ok ok down ok down down ok', 'RF Freq', '', '  0408.000MHz')
+
+
+SEEN = ('1.3.6.1.2.1.1', '1.3.6.1.2.1.11', mib.DEFAULT, '1.3.6.1.6.3.1.1.6.1', '1.3.6.1.6.3.10.2.1', '1.3.6.1.6.3.11.2.1',
+        '1.3.6.1.6.3.15.1.1')
+
+
+def order(case):
+    """All that there is, in order, and nothing of the host; and from everywhere the way to the next."""
+    with Agent(case, case.flash(), slots=range(1, 7)) as agent:
+        found = agent.reader.walk()
+        oids = [oid for oid, _ in found]
+        case.equal(oids, sorted(set(oids)), 'order of the walk')
+        cards = [instance(slot, stem) for slot in range(1, 7) for stem in SUFFIX]
+        case.equal([oid for oid in oids if oid[:10] == BASE], cards, 'objects of the cards')
+        seen = [name(text) for text in SEEN]
+        case.equal([dotted(oid) for oid in oids if not any(oid[:len(s)] == s for s in seen)], [], 'objects that nobody should see')
+        case.equal([dotted(s) for s in seen if not any(oid[:len(s)] == s for oid in oids)], [], 'groups that are missing')
+        host = os.uname()
+        for word in (host.nodename, host.release, host.machine, os.environ.get('USER', 'root')):
+            case.check(not any(tag == STRING and word.encode() in content for _, (tag, content) in found), f'{word} is to be seen')
+        tries = {oid[:-1] + (last,) for oid in oids for last in (oid[-1] - 1, oid[-1], oid[-1] + 1) if last >= 0}
+        tries |= {oid[:-1] for oid in cards} | {(*oid, 0) for oid in cards} | {BASE, (*BASE, 1), (*BASE, 8), (2, 99)}
+        for oid in sorted(tries):
+            wanted = next((each for each in oids if each > oid), None)
+            (got, value), = agent.reader.next(oid).bindings
+            case.equal(None if value == END_OF_VIEW else got, wanted, f'GETNEXT of {dotted(oid)}')
+            if oid not in oids:
+                (_, value), = agent.reader.get(oid).bindings
+                case.check(value in (NO_SUCH_OBJECT, NO_SUCH_INSTANCE), f'GET of {dotted(oid)}: {value}')
+        for start in (BASE, cards[7], cards[-3]):
+            page = agent.reader.bulk(start, 10).bindings
+            wanted = [oid for oid in oids if oid > start][:10]
+            case.equal([oid for oid, value in page if value != END_OF_VIEW], wanted, f'GETBULK from {dotted(start)}')
+
+
+def v3(user, level, *more):
+    return ('-v3', '-l', level, '-u', user, *more)
+
+
+MON_AUTH, MON_PRIV = ('-a', 'SHA-256', '-A', 'monitor pass'), ('-x', 'AES', '-X', 'monitorpriv')
+ADM_AUTH = ('-a', 'SHA-512', '-A', 'adminauth123')
+NOTHING = (r'Timeout|authorizationError|Unknown user|Authentication failure|[Dd]ecryption error|Unsupported security level|'
+           r'unknown user|not in time|Error in packet')
+WHO = {  # who: whether reading and setting a card are allowed
+    'the read community': (LOOK, True, False),
+    'the write community': (CHANGE, True, True),
+    'no community': (('-v2c', '-c', ''), False, False),
+    'a wrong community': (('-v2c', '-c', 'Look'), False, False),
+    'the trap community': (('-v2c', '-c', 'alarm'), False, False),
+    'SNMPv1': (('-v1', '-c', 'look'), False, False),
+    'SNMPv1 to write': (('-v1', '-c', 'change'), False, False),
+    'a reader with privacy': (v3('mon', 'authPriv', *MON_AUTH, *MON_PRIV), True, False),
+    'a reader below his level': (v3('mon', 'authNoPriv', *MON_AUTH), False, False),
+    'a reader without authentication': (v3('mon', 'noAuthNoPriv'), False, False),
+    'a reader with a wrong passphrase': (v3('mon', 'authPriv', '-a', 'SHA-256', '-A', 'monitor past', *MON_PRIV), False, False),
+    'a reader with a wrong privacy': (v3('mon', 'authPriv', *MON_AUTH, '-x', 'AES', '-X', 'monitorpriw'), False, False),
+    'a reader with another protocol': (v3('mon', 'authPriv', '-a', 'SHA', '-A', 'monitor pass', *MON_PRIV), False, False),
+    'a reader with authentication only': (v3('half', 'authNoPriv', '-a', 'SHA', '-A', 'halfauth123'), True, False),
+    'the writer': (ADM, True, True),
+    'the writer without privacy': (v3('adm', 'authNoPriv', *ADM_AUTH), False, False),
+    'the reader as the writer': (v3('adm', 'authPriv', *MON_AUTH, *MON_PRIV), False, False),
+    'nobody we know': (v3('eve', 'authPriv', *MON_AUTH, *MON_PRIV), False, False),
+}
+
+
+def access(case):
+    programs, target = Programs(case), dotted(instance(1, 'Frequency'))
+    flash, khz = case.flash(), 400000
+    path = os.path.join(flash, record_file(1))
+    with Agent(case, flash, '--snmp-trap', '127.0.0.1:9', lines=(*LINES, 'trap-community alarm')) as agent:
+        for who, (flags, reads, writes) in WHO.items():
+            khz += 8000
+            before, flags = read(path), (*(PATIENT if reads else QUICK), *flags)
+            got = programs.ask('snmpget', agent, *flags, '@', target, codes=(0, 1, 2))
+            case.equal('INTEGER: ' in got, reads, f'{who} reads: {got}')
+            case.check(reads or re.search(NOTHING, got), f'{who} reads: {got}')
+            got = programs.ask('snmpset', agent, *flags, '@', target, 'i', str(khz), codes=(0, 1, 2))
+            case.equal('INTEGER: ' in got, writes, f'{who} sets: {got}')
+            case.equal(read(path) != before, writes, f'{who} changes the record')
+            got = programs.ask('snmpset', agent, *flags, '@', dotted(SYS_NAME), 's', 'mine', codes=(1, 2))
+            case.check(re.search('noAccess' if reads else NOTHING, got), f'{who} sets sysName: {got}')
+            got = programs.ask('snmpwalk', agent, *flags, '@', '1.3.6.1.6.3.15.1.2', codes=(0, 1, 2))
+            case.check(re.search(f'No more variables|{NOTHING}', got), f'{who} sees users: {got}')
+        case.equal(agent.reader.value(SYS_NAME), 'headend', 'sysName')
+    with Agent(case, flash, writes=False) as agent:
+        case.check('write-community is not used' in agent.text(), agent.text())
+        case.equal(Client(agent.snmp, 'change', 0.3, 2).get(SYS_NAME), None, 'the write community without its flag')
+
+
+def refusals(case):
+    """Calls that would open too much, or nothing, or cannot be understood; and a headend that was not told to open."""
+    flash, anywhere = case.flash(), ('--snmp', '127.0.0.1:0')
+
+    def refused(pattern, *flags, codes=(1,), **options):
+        case.says(case.headend('--flash', flash, '--seconds', '1', '--manage', 'off', *flags, codes=codes, **options), pattern)
+
+    refused('nobody may read', *anywhere)
+    refused('nobody may read', *anywhere, '--snmp-secrets', secrets(case, 'trap-community alarm'))
+    refused('nobody may read', *anywhere, env={**os.environ, 'HEADEND_SNMP_SECRETS': 'write-community change'})
+    refused('no write-community', *anywhere, '--snmp-write-community', '--snmp-secrets', secrets(case, 'read-community look'))
+    refused('no trap-community', '--snmp-trap', '127.0.0.1:9', '--snmp-secrets', secrets(case, 'read-community look'))
+    refused('chmod 600', *anywhere, '--snmp-secrets', secrets(case, mode=0o640))
+    refused('cannot read', *anywhere, '--snmp-secrets', case.path('none'))
+    refused('line 2.*eight characters', *anywhere, '--snmp-secrets', secrets(case, '# who', 'user a read SHA short'))
+    refused('cannot listen for SNMP on 192.0.2.1', '--snmp', '192.0.2.1:0', '--snmp-secrets', secrets(case))
+    for base in ('1.3.6.1.4.1.32473.1.2', '1.3.6.1.4.1.32473.1.2.3.4', 'enterprises.1'):
+        refused('--snmp-base', *anywhere, '--snmp-base', base, codes=(2,))
+    refused('needs --snmp', '--snmp-secrets', secrets(case), codes=(2,))
+    refused('is the file of', *anywhere, '--snmp-secrets', os.path.join(flash, 'K717_QAM/qam.bin'), codes=(2,))
+    case.tidy(flash, ENGINE)
+    with Server(case, flash) as server:
+        server.wait_started()
+        sockets = {os.readlink(f'/proc/{server.process.pid}/fd/{fd}') for fd in os.listdir(f'/proc/{server.process.pid}/fd')}
+        case.equal(sum(link.startswith('socket:') for link in sockets), 1, 'sockets of a headend without --snmp')
+    environment = {**os.environ, 'HEADEND_SNMP_SECRETS': 'read-community look'}
+    run = case.fast(flash, 1, *anywhere, '--snmp-base', '1.3.6.1.4.1.32473.1.2.3', env=environment)
+    case.says(run, r'SNMP on 127\.0\.0\.1:\d+')
+
+
+I, S = number, (lambda text: (STRING, text))
+GOOD = (instance(1, 'Level'), I(1055))
+BAD = {  # bindings: the error, and which of them it is
+    'below': ([(instance(1, 'Frequency'), I(51999))], 'wrongValue'),
+    'above': ([(instance(1, 'Frequency'), I(1000001))], 'wrongValue'),
+    'between steps': ([(instance(1, 'Level'), I(1001))], 'wrongValue'),
+    'negative': ([(instance(1, 'SymbolRate'), I(-1))], 'wrongValue'),
+    'the least number': ([(instance(1, 'SymbolRate'), I(-2 ** 31))], 'wrongValue'),
+    'no such constellation': ([(instance(1, 'Constellation'), I(8))], 'wrongValue'),
+    'no such switch': ([(instance(1, 'PowerSwitch'), I(1))], 'wrongValue'),
+    'no such switch of channel 2': ([(instance(1, 'Ch2PowerSwitch'), I(1))], 'wrongValue'),
+    'a text': ([(instance(1, 'Frequency'), S(b'474000'))], 'wrongType'),
+    'a long text': ([(instance(1, 'Frequency'), S(b'4' * 460))], 'wrongType'),
+    'a counter': ([(instance(1, 'Frequency'), (COUNTER, integer(474000)))], 'wrongType'),
+    'a name': ([(instance(1, 'Frequency'), (OID, b'\x2b\6'))], 'wrongType'),
+    'nothing': ([(instance(1, 'Frequency'), (NULL, b''))], 'wrongType'),
+    'a reading': ([(instance(1, 'Ch2Frequency'), I(482000))], 'notWritable'),
+    'a version': ([(instance(1, 'SoftwareVersion'), S(b'V3'))], 'notWritable'),
+    'no instance': ([(instance(1, 'Frequency')[:-1], I(474000))], 'noCreation'),
+    'another instance': ([((*instance(1, 'Frequency')[:-1], 1), I(474000))], 'noCreation'),
+    'behind the instance': ([((*instance(1, 'Frequency'), 0), I(474000))], 'noCreation'),
+    'an empty slot': ([(instance(2, 'Frequency'), I(474000))], 'noCreation|notWritable'),
+    'no slot': ([((*BASE, 9, 2, 51, 1, 4, 0), I(474000))], 'noCreation|notWritable'),
+    'first of three': ([(instance(1, 'Frequency'), I(1)), GOOD, (instance(1, 'Constellation'), I(7))], 'wrongValue'),
+    'second of three': ([GOOD, (instance(1, 'Ch2Level'), I(1055)), (instance(1, 'Constellation'), I(7))], 'notWritable'),
+    'third of three': ([GOOD, (instance(1, 'Constellation'), I(7)), (instance(1, 'Frequency'), S(b'x'))], 'wrongType'),
+    'one of another slot': ([(instance(3, 'Level'), I(1055)), (instance(1, 'Level'), I(1056))], 'wrongValue'),
+}
+
+
+def bad_sets(case):
+    flash = case.flash()
+    with Agent(case, flash, slots=(1, 3)) as agent:
+        def state():
+            return [(read(os.path.join(flash, record_file(slot))), agent.rf(slot)) for slot in (1, 3)]
+        before = state()
+        for what, (bindings, error) in BAD.items():
+            answer = agent.writer.set(*bindings)
+            case.check(answer and re.fullmatch(error, answer.error), f'{what}: {answer}')
+        for raw in (b'', b'\0\0\7\x3b\x90' + b'\0' * 3, b'\0' * 9 + b'\7'):  # lengths that no INTEGER has here
+            agent.writer.tries = 1
+            answer = agent.writer.set((instance(1, 'Frequency'), (INTEGER, raw)))
+            case.check(answer is None or answer.error != 'noError', f'INTEGER {raw.hex()}: {answer}')
+        agent.writer.tries = 10
+        case.equal(state(), before, 'records and readouts after all of them')
+        both = agent.writer.set((instance(1, 'Level'), I(1055)), (instance(3, 'Constellation'), I(7)))
+        case.equal((both.error, agent.rf(1)[0]['level_dbuv'], agent.rf(3)[0]['constellation']), ('noError', 105.5, '256-QAM'),
+                   'two good ones')
+
+
+def storm(case, count=2000):
+    """Malformed packets, made of good ones, while a manager goes on asking."""
+    programs, chance = Programs(case), random.Random(8)
+    flash = case.flash()
+    with Agent(case, flash) as agent:
+        seeds = [message('change', kind, [(instance(1, stem), I(5)), (BASE, (NULL, b''))], 7, 0, 5)
+                 for kind in (GET, GETNEXT, GETBULK, SET) for stem in ('Frequency', 'SoftwareVersion')]
+        dump = programs.ask('snmpget', agent, *ADM, '-d', '@', dotted(instance(1, 'Level')))
+        for block in re.findall(r'Sending \d+ bytes.*?\n((?:\d+: .*\n)+)', dump):
+            seeds.append(bytes.fromhex(''.join(line[6:54] for line in block.splitlines())))
+        case.check(len(seeds) > 9, f'no v3 packets in {dump}')
+        before = agent.variables(1), read(os.path.join(flash, record_file(1)))
+        hostile = Client(agent.snmp)
+        for number_ in range(count):
+            packet = bytearray(chance.choice(seeds))
+            for _ in range(chance.randint(1, 4)):
+                at = chance.randrange(len(packet))
+                change = chance.randrange(5)
+                if change == 0:
+                    packet[at] ^= 1 << chance.randrange(8)
+                elif change == 1:
+                    packet[at] = chance.choice((0, 0x7F, 0x80, 0x82, 0x84, 0xFF))
+                elif change == 2 and len(packet) > 2:
+                    del packet[at:]
+                elif change == 3:
+                    packet[at:at] = bytes(chance.randrange(256) for _ in range(chance.randint(1, 300)))
+                else:
+                    packet[at:at + 4] = packet[:chance.randint(0, 8)]
+                packet = packet or bytearray(b'\x30')
+            hostile.socket.send(packet)
+            if number_ % 50 == 0:
+                case.equal(agent.reader.value(SYS_NAME), 'headend', f'the manager after {number_} packets')
+        case.equal((agent.variables(1), read(os.path.join(flash, record_file(1)))), before, 'the card after the storm')
+
+
+def restart(case):
+    """A manager that knows the engine from its last power-up, when it had run for 500 s, goes on; and would not, had the
+    boots not risen."""
+    programs, flash = Programs(case), case.flash()
+    path = os.path.join(flash, ENGINE)
+    session = os.path.join(os.path.dirname(case.args.headend), '..', 'tests', 'e2e', 'snmp_session')
+
+    def asks_on(agent, engine, boots, codes=(0,)):
+        return programs.ask(session, agent, str(boots), '500', *ADM, '-e', engine, '@', codes=codes)
+
+    engines, texts = [], []
+    for boots in (1, 2, 3):
+        with Agent(case, flash) as agent:
+            engines.append(agent.engine)
+            texts.append(read(path))
+            case.equal(agent.reader.value(name('1.3.6.1.6.3.10.2.1.2.0')), boots, 'snmpEngineBoots')
+            if boots > 1:
+                case.check('headend' in asks_on(agent, engines[0], boots - 1), 'a manager after a restart')
+    case.equal(len(set(engines)), 1, 'engine IDs')
+    write(path, texts[0])
+    with Agent(case, flash) as agent:  # boots 2 again
+        got = asks_on(agent, engines[0], 2, codes=(0, 1))
+        case.check('headend' not in got, f'a manager whose engine has not counted: {got}')
+    write(path, texts[0][:20])
+    with Agent(case, flash) as agent:
+        case.check(agent.engine != engines[0] and 'damaged' in agent.text(), f'a damaged file: {agent.text()[-300:]}')
+    case.tidy(flash, ENGINE)
+
+
+def traps(case):
+    """Alarms as snmptrapd receives them, by SNMPv2c and SNMPv3; and nobody to receive them."""
+    programs, flash = Programs(case), case.flash()
+    heat = ('--fast', '--seconds', '8', '--set', '1.temperature2=70@2', '--set', '1.temperature2=69@5')
+    with Agent(case, flash) as agent:
+        engine = agent.engine
+    for line, configuration in (
+            ('trap-community alarm', 'authCommunity log alarm\n'),
+            ('trap-user adm', f'createUser -e {engine} adm SHA-512 adminauth123 AES-256 adminpriv123\nauthUser log adm priv\n'),
+            ('trap-user half', f'createUser -e {engine} half SHA halfauth123\nauthUser log half\n')):
+        port, = harness.free_ports(1)
+        write(case.path('trapd.conf'), configuration.encode())
+        received = open(case.path('received'), 'wb')
+        receiver = subprocess.Popen(['snmptrapd', '-f', '-Lo', '-C', '-c', case.path('trapd.conf'), '-Oqs', '-F', '%v\n',
+                                     f'127.0.0.1:{port}'], env=programs.environment, stdout=received, stderr=received)
+        try:
+            for _ in range(200):
+                if any(int(row.split()[1].split(':')[1], 16) == port for row in read('/proc/net/udp').decode().splitlines()[1:]):
+                    break
+                time.sleep(0.05)
+            case.headend('--flash', flash, *heat, '--snmp-trap', f'127.0.0.1:{port}', '--snmp-secrets', secrets(case, *LINES, line))
+            for _ in range(200):
+                got = read(case.path('received')).decode()
+                if got.count('ChineseText') >= 2:
+                    break
+                time.sleep(0.05)
+        finally:
+            receiver.terminate()
+            receiver.wait()
+            received.close()
+        found = re.findall(r'qamAlarm(Raised|Cleared)\tqamAlarmSlot.0 (\d+)\tqamAlarmPort.0 (\d+)\tqamAlarmType.0 (\d+)\t'
+                           r'qamAlarmEnglishText.0 (.*?)\tqamAlarmChineseText.0 (.*)', got)
+        case.equal(found, [('Raised', '1', '1', '770', 'High Temperature', '温度过高'),
+                           ('Cleared', '1', '1', '770', 'qam card 1 normal temperature', '调制卡1温度恢复正常')],
+                   f'{line}: {got[-900:]!r}')
+    port, = harness.free_ports(1)
+    run = case.headend('--flash', flash, *heat, '--snmp-trap', f'127.0.0.1:{port}',
+                       '--snmp-secrets', secrets(case, 'trap-community alarm'))
+    case.equal(run.report['alarms']['events'], 8, 'alarms without a receiver')
+
+
+def lost(case):
+    """A card that hangs answers for itself only; one without a configuration has no rows, nor has a slot without a card."""
+    flash = case.flash()
+    with Agent(case, flash, '--fault', '1.sensor2-scl-low@2', slots=(1, 3)) as agent:
+        first, third = instance(1, 'Frequency'), instance(3, 'Frequency')
+        agent.wait(lambda: agent.reader.value(first) != 554000)
+        case.equal(agent.reader.value(first), 'resourceUnavailable', 'GET')
+        case.equal(agent.reader.next(first[:-1]).error, 'resourceUnavailable', 'GETNEXT')
+        case.equal(agent.writer.set((third, number(474000)), (first, number(474000))).error, 'resourceUnavailable', 'SET')
+        case.equal(agent.reader.value(third), 554000, 'another card')
+        last = instance(1, 'Ch2SymbolRate')
+        case.equal(agent.reader.next(last).bindings[0][0], instance(3, 'HardwareVersion'), 'the way past it')
+        agent.stop(code=1)
+    write(os.path.join(flash, harness.BITSTREAM), b'no bitstream')
+    with Agent(case, flash, slots=()) as agent:
+        agent.wait(lambda: 'config_error' in case.qamctl(agent.address, 'status').text)
+        case.equal([oid for oid, _ in agent.reader.walk(BASE) if oid[:10] == BASE], [], 'rows of a card without configuration')
+        agent.stop(code=1)
+
+
+def decoded(case):
+    """tshark reads what went to and fro, and finds nothing malformed."""
+    with Agent(case, case.flash()) as agent:
+        agent.reader.walk()
+        agent.reader.bulk(BASE, 20)
+        agent.writer.set((instance(1, 'Frequency'), number(474000)), (instance(1, 'Level'), number(1055)))
+        agent.writer.set((instance(1, 'Frequency'), number(1)))
+        packets = agent.reader.packets + agent.writer.packets
+    capture = struct.pack('<IHHiIII', 0xA1B2C3D4, 2, 4, 0, 0, 65535, 101)  # raw IP
+    for sent, payload in packets:
+        ports = (40000, 161) if sent else (161, 40000)
+        udp = struct.pack('>HHHH', *ports, 8 + len(payload), 0) + payload
+        ip = struct.pack('>BBHHHBBH4s4s', 0x45, 0, 20 + len(udp), 0, 0, 64, 17, 0, b'\x7f\0\0\1', b'\x7f\0\0\1')
+        capture += struct.pack('<IIII', 0, 0, len(ip + udp), len(ip + udp)) + ip + udp
+    write(case.path('snmp.pcap'), capture)
+
+    def tshark(*arguments):
+        return case.execute(['tshark', '-r', case.path('snmp.pcap'), *arguments],
+                            env={**os.environ, 'HOME': case.folder}).text
+    frames = re.findall(r'^\d+$', tshark('-Y', 'snmp', '-T', 'fields', '-e', 'frame.number'), re.M)
+    case.equal(len(frames), len(packets), 'packets that are SNMP')
+    case.equal(re.findall(r'^\d+$', tshark('-Y', '_ws.malformed', '-T', 'fields', '-e', 'frame.number'), re.M), [], 'malformed')
+    values = tshark('-Y', f'snmp.name == {dotted(instance(1, "Frequency"))}', '-T', 'fields', '-e', 'snmp.value.int',
+                    '-e', 'snmp.error_status')
+    case.check(re.search(r'^\S*474000\S*\t0$', values, re.M) and re.search(r'^1\t10$', values, re.M), f'values: {values}')
+
+
+def files(case):
+    """With the agent open the headend opens and makes nothing that it does not without, but for its secrets and flash."""
+    def touched(where, *flags):
+        trace = case.path(where + '.strace')
+        flash = case.flash(where)
+        run = case.execute(['strace', '-f', '-e', 'trace=%file', '-o', trace, case.args.headend, '--flash', flash, '--manage',
+                            'off', '--seconds', '2', *flags], (0, 1))
+        if 'ptrace' in run.text:
+            raise harness.Skip('this process may not trace another')
+        found = set()
+        for line in read(trace).decode(errors='replace').splitlines():
+            call = re.search(r'(\w+)\((?:AT_FDCWD, )?"([^"]*)"', line)
+            # What a program looks for and does not find, its libraries and the C library's own tables are no matter.
+            if call and 'ENOENT' not in line and not re.search(r'\.so\b|/locale/|/gconv/|/proc/|/sys/', call[2]):
+                found.add(os.path.abspath(call[2]).replace(flash, 'FLASH'))
+        return found
+    anew = touched('open', '--snmp', '127.0.0.1:0', '--snmp-secrets', secrets(case)) - touched('closed')
+    case.equal(sorted(path for path in anew if not path.startswith('FLASH/snmp') and path != case.path('secrets')), [],
+               'files of this machine')
+
+
+CASES = {
+    'names': names, 'effects': effects, 'agreement': agreement, 'order': order, 'access': access, 'refusals': refusals,
+    'bad-sets': bad_sets, 'storm': storm, 'restart': restart, 'traps': traps, 'lost': lost, 'decoded': decoded, 'files': files}
+
+if __name__ == '__main__':
+    campaign = {} if '--list' in sys.argv else {'storm-10000': lambda case: storm(case, 10000)}
+    harness.main(CASES | campaign)

@@ -35,6 +35,8 @@ Examples:
       two cards; a new interval for the PAT of slot 5, channel 2, kept in its record
   headend --source 6=four.ts --programme 1.1=6.1:101 --out 1.1=udp://127.0.0.1:5000
       a programme of a file on channel 1, under PIDs of its own, with tables that match
+  headend --snmp --snmp-secrets FILE --snmp-trap 127.0.0.1:1162
+      any SNMP manager whom FILE names reads and sets the cards, and gets their alarms
 
 Exit codes:
   0  the run went through (failed checks and violations are reported, no more)

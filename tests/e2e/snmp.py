@@ -341,10 +341,44 @@ def bad_sets(case):
                    ('noError', 105.5, '256-QAM'), 'two good ones')
 
 
+def bent(packet, chance):
+    """The packet with one to four places spoilt."""
+    packet = bytearray(packet)
+    for _ in range(chance.randint(1, 4)):
+        at, change = chance.randrange(len(packet)), chance.randrange(5)
+        if change == 0:
+            packet[at] ^= 1 << chance.randrange(8)
+        elif change == 1:
+            packet[at] = chance.choice((0, 0x7F, 0x80, 0x82, 0x84, 0xFF))
+        elif change == 2 and at > 0:
+            del packet[at:]
+        elif change == 3:
+            packet[at:at] = chance.randbytes(chance.randint(1, 300))
+        else:
+            packet[at:at + 4] = packet[:chance.randint(1, 8)]
+    return packet
+
+
+def nonsense(chance):
+    """A request in good BER that asks for the impossible, mostly of a card; what it sets, no card takes."""
+    def rarely(usual, *others):
+        return usual if chance.random() < 0.8 else chance.choice(others)
+
+    bindings = []
+    for _ in range(rarely(1, 0, 2, 4)):
+        oid = instance(rarely(1, 2, 6), chance.choice(list(EFFECTS)))[:rarely(16, 8, 11, 14, 15)]
+        oid += tuple(chance.getrandbits(32) for _ in range(rarely(0, 1, 100)))
+        tag = chance.choice((INTEGER, STRING, NULL, OID, COUNTER, 0x30, 0x40, 0x46, 0x80, 0xA0))
+        content = chance.randbytes(chance.choice((0, 1, 4, 9, 449, 1000)))
+        bindings.append((oid, (tag, integer(chance.choice((2, 999, -7))) if tag == INTEGER else content)))
+    return message(rarely('change', 'look', '', 'x' * 300), rarely(SET, GET, GETNEXT, GETBULK, 0xA4, 0xA7), bindings,
+                   chance.getrandbits(31), rarely(0, 1, -1, 2 ** 31 - 1), rarely(0, 1, 5, -1), rarely(1, 0, 2, 3))
+
+
 def storm(case, count=2000):
-    """Malformed packets, made of good ones, while a manager goes on asking."""
-    programs, chance = Programs(case), random.Random(8)
-    flash = case.flash()
+    """Malformed packets and nonsense, while a manager goes on asking."""
+    programs, chance, flash = Programs(case), random.Random(8), case.flash()
+    path = os.path.join(flash, record_file(1))
     with Agent(case, flash) as agent:
         seeds = [message('change', kind, [(instance(1, stem), I(5)), (BASE, (NULL, b''))], 7, 0, 5)
                  for kind in (GET, GETNEXT, GETBULK, SET) for stem in ('Frequency', 'SoftwareVersion')]
@@ -352,28 +386,12 @@ def storm(case, count=2000):
         for block in re.findall(r'Sending \d+ bytes.*?\n((?:\d+: .*\n)+)', dump):
             seeds.append(bytes.fromhex(''.join(line[6:54] for line in block.splitlines())))
         case.check(len(seeds) > 9, f'no v3 packets in {dump}')
-        before = agent.variables(1), read(os.path.join(flash, record_file(1)))
-        hostile = Client(agent.snmp)
-        for number_ in range(count):
-            packet = bytearray(chance.choice(seeds))
-            for _ in range(chance.randint(1, 4)):
-                at = chance.randrange(len(packet))
-                change = chance.randrange(5)
-                if change == 0:
-                    packet[at] ^= 1 << chance.randrange(8)
-                elif change == 1:
-                    packet[at] = chance.choice((0, 0x7F, 0x80, 0x82, 0x84, 0xFF))
-                elif change == 2 and len(packet) > 2:
-                    del packet[at:]
-                elif change == 3:
-                    packet[at:at] = bytes(chance.randrange(256) for _ in range(chance.randint(1, 300)))
-                else:
-                    packet[at:at + 4] = packet[:chance.randint(0, 8)]
-                packet = packet or bytearray(b'\x30')
-            hostile.socket.send(packet)
-            if number_ % 50 == 0:
-                case.equal(agent.reader.value(SYS_NAME), 'headend', f'the manager after {number_} packets')
-        case.equal((agent.variables(1), read(os.path.join(flash, record_file(1)))), before, 'the card after the storm')
+        before, hostile = (agent.variables(1), read(path)), Client(agent.snmp)
+        for sent in range(count):
+            hostile.socket.send(bent(chance.choice(seeds), chance) if sent % 2 else nonsense(chance))
+            if sent % 50 == 0:
+                case.equal(agent.reader.value(SYS_NAME), 'headend', f'the manager after {sent} packets')
+        case.equal((agent.variables(1), read(path)), before, 'the card after the storm')
 
 
 def restart(case):

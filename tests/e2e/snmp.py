@@ -392,6 +392,8 @@ def storm(case, count=2000):
             if sent % 50 == 0:
                 case.equal(agent.reader.value(SYS_NAME), 'headend', f'the manager after {sent} packets')
         case.equal((agent.variables(1), read(path)), before, 'the card after the storm')
+        arrived = int.from_bytes(agent.reader.get(name('1.3.6.1.2.1.11.1.0')).bindings[0][1][1], 'big')  # snmpInPkts
+        case.check(arrived > count, f'only {arrived} packets came in')
 
 
 def restart(case):

@@ -54,6 +54,14 @@ netsnmp_transport* openTransport(const SnmpLibrary::Address& address, bool liste
   return transport;
 }
 
+// In place of the library's own look at a packet before it is parsed, which asks files of the host about the
+// sender.
+int countPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/, void* /*sender*/,
+                int /*size*/) {
+  snmp_increment_statistic(STAT_SNMPINPKTS);
+  return 1;
+}
+
 }  // namespace
 
 SnmpLibrary::SnmpLibrary(const std::filesystem::path& folder, EngineIdentity engine,
@@ -97,7 +105,6 @@ int SnmpLibrary::take(int /*major*/, int /*minor*/, void* message, void* self) {
   return 0;
 }
 
-// Without the library's own check of a sender before it is parsed, which asks files of the host.
 void SnmpLibrary::listen(const Address& address) {
   netsnmp_transport* transport = openTransport(address, true, "listen for SNMP on");
   fd_ = transport->sock;
@@ -106,7 +113,7 @@ void SnmpLibrary::listen(const Address& address) {
   session.version = SNMP_DEFAULT_VERSION;
   session.callback = handle_snmp_packet;
   session.isAuthoritative = SNMP_SESS_AUTHORITATIVE;
-  netsnmp_session* added = snmp_add(&session, transport, nullptr, netsnmp_agent_check_parse);
+  netsnmp_session* added = snmp_add(&session, transport, countPacket, netsnmp_agent_check_parse);
   if (added == nullptr) throw std::runtime_error("Net-SNMP takes no session for requests");
   requests_ = snmp_sess_pointer(added);
 }

@@ -1,5 +1,7 @@
 #include "headend/snmp_flags.h"
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 #include "client/mib_module.h"
@@ -9,6 +11,9 @@ namespace headend {
 namespace {
 
 constexpr const char* kGroup = "SNMP (docs/snmp.md)";
+// mib-2 and snmpV2, where the agent has objects of its own.
+constexpr u32 kStandards[] = {2, 6};
+
 constexpr const char* kAddress = "127.0.0.1:1161";
 
 }  // namespace
@@ -56,6 +61,12 @@ void parseSnmp(const SnmpTexts& texts, Options::Snmp& options) {
     if (!texts.base.empty()) options.base = client::parseMibBase(texts.base);
   } catch (const std::invalid_argument& e) {
     refuse("--snmp-base", texts.base, e.what());
+  }
+  constexpr u32 kInternet[] = {1, 3, 6, 1};
+  if (std::equal(std::begin(kInternet), std::end(kInternet), options.base.begin()) &&
+      std::ranges::find(kStandards, options.base[std::size(kInternet)]) != std::end(kStandards)) {
+    refuse("--snmp-base", texts.base,
+           "lies among the standards' objects: want one of your own, below 1.3.6.1.4.1");
   }
   const bool isUsed = options.isUsed();
   if (!isUsed && !options.secrets.empty())

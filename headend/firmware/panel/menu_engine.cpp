@@ -61,8 +61,10 @@ void MenuEngine::walkTop() {
   };
   int chosen = 0;
   while (!leaving_) {
-    chosen = std::max(0, browse(heading, rows, chosen));
+    const int confirmed = browse(heading, rows, chosen);
     if (leaving_) return;
+    if (confirmed < 0) continue;  // there is nothing to go back to
+    chosen = confirmed;
     if (chosen < static_cast<int>(roots_.size())) {
       const item_t& root = std::next(roots_.begin(), chosen)->second;
       walkTable(root, root.val);

@@ -67,6 +67,17 @@ bool isPossible(const chassis::variable& row, const netsnmp_variable_list& bindi
   return variable != nullptr && client::isPossible(*variable, *binding.val.integer);
 }
 
+// Whether a request means this row although its card does not run: by its instance, or on the way through the
+// card's own objects. A way that comes from elsewhere goes past the card, to those that run.
+bool asksFor(const chassis::variable& row, const Name& name, bool exact) {
+  Name instance{.length = row.namelen + 1};
+  std::copy_n(row.name, row.namelen, instance.components.begin());
+  const int order =
+      chassis::compare(name.components.data(), name.length, instance.components.data(), instance.length);
+  if (exact) return order == 0;
+  return order < 0 && std::equal(row.name, row.name + kSlotComponent + 1, name.components.begin());
+}
+
 // Cards share the buffers of what they read: nobody may read between a card's answer and its copy.
 class ReadingTurn {
  public:
@@ -149,13 +160,7 @@ int CardRows::read(Row& row, netsnmp_request_info& request, bool exact) const {
   chassis::variable& variable = row.variable;
   netsnmp_variable_list& binding = *request.requestvb;
   Name name = nameOf(binding);
-  if (!runs(row)) {
-    Name instance{.length = variable.namelen + 1};
-    std::copy_n(variable.name, variable.namelen, instance.components.begin());
-    const int order =
-        chassis::compare(name.components.data(), name.length, instance.components.data(), instance.length);
-    return (exact ? order == 0 : order < 0) ? SNMP_ERR_RESOURCEUNAVAILABLE : SNMP_ERR_NOERROR;
-  }
+  if (!runs(row)) return asksFor(variable, name, exact) ? SNMP_ERR_RESOURCEUNAVAILABLE : SNMP_ERR_NOERROR;
   const ReadingTurn turn;
   int length = 0;
   chassis::WriteMethod write = nullptr;

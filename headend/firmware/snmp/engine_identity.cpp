@@ -60,6 +60,8 @@ EngineIdentity bootEngine(Flash& flash, const std::function<void(const std::stri
           "anew");
     } else if (last->boots < kMostBoots) {
       engine = {last->id, last->boots + 1};
+    } else {
+      say("the SNMP engine has used up its boots: this is a new engine, whose keys users must learn anew");
     }
   }
   const std::string content = fmt::format("engine {} boots {}\n", engineIdText(engine), engine.boots);

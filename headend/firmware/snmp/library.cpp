@@ -6,6 +6,7 @@
 #include <sys/select.h>
 #include <syslog.h>
 
+#include <bit>
 #include <cerrno>
 #include <clocale>
 #include <cstdlib>
@@ -98,11 +99,20 @@ int SnmpLibrary::take(int /*major*/, int /*minor*/, void* message, void* self) {
   std::string text = entry.msg;
   while (!text.empty() && text.back() == '\n') text.pop_back();
   if (library.isStarted_) {
-    library.say_("SNMP: " + text);
+    library.say(text);
   } else if (entry.priority <= LOG_WARNING) {
     library.complaints_ += "\n  " + text;
   }
   return 0;
+}
+
+// Whoever reaches the port may cause a message with each packet; what is said over and over is said at its
+// first, second, fourth, eighth ... time.
+void SnmpLibrary::say(const std::string& text) {
+  timesSaid_ = text == lastSaid_ ? timesSaid_ + 1 : 1;
+  lastSaid_ = text;
+  if (!std::has_single_bit(timesSaid_)) return;
+  say_("SNMP: " + text + (timesSaid_ > 1 ? fmt::format(" ({} times)", timesSaid_) : ""));
 }
 
 void SnmpLibrary::listen(const Address& address) {

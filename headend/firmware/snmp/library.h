@@ -37,6 +37,7 @@ class SnmpLibrary {
   bool send(snmp_pdu* notification);  // takes it; false when the host does not, with errno
 
  private:
+  void say(const std::string& text);
   static int take(int major, int minor, void* message, void* self);
 
   std::filesystem::path folder_;
@@ -44,6 +45,8 @@ class SnmpLibrary {
   std::function<void(const std::string&)> say_;
   bool isStarted_ = false;
   std::string complaints_;  // until it is
+  std::string lastSaid_;
+  std::uint64_t timesSaid_ = 0;
   void* requests_ = nullptr;
   int fd_ = -1;
   snmp_session* sink_ = nullptr;

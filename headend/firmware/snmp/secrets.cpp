@@ -19,7 +19,8 @@ namespace headend {
 namespace {
 
 constexpr const char* kVariable = "HEADEND_SNMP_SECRETS";
-constexpr std::size_t kLongestName = 32;        // RFC 3414, usmUserName
+constexpr std::size_t kLongestName = 32;  // RFC 3414, usmUserName
+constexpr std::size_t kLongestCommunity = 64;
 constexpr std::size_t kShortestPassphrase = 8;  // RFC 3414, section 11.2
 constexpr std::array kAuthProtocols = {"SHA", "SHA-224", "SHA-256", "SHA-384", "SHA-512"};
 constexpr std::array kPrivProtocols = {"AES", "AES-192", "AES-256"};
@@ -62,7 +63,8 @@ class Parser {
       const auto found = communities.find(words[0]);
       demand(found != communities.end(),
              "want read-community, write-community, user, trap-community or trap-user, or # for a comment");
-      single(words, *found->second, "one word, in \"\" where it has blanks");
+      single(words, *found->second,
+             "one word of at most 64 characters of ASCII, in \"\" where it has blanks");
     }
   }
 
@@ -83,7 +85,8 @@ class Parser {
   }
 
   void single(const Words& words, std::string& into, const char* want) const {
-    demand(words.size() == 2 && !words[1].empty() && isPrintable(words[1]),
+    demand(words.size() == 2 && !words[1].empty() && words[1].size() <= kLongestCommunity &&
+               isPrintable(words[1]),
            fmt::format("{} wants {}", words[0], want));
     demand(into.empty(), words[0] + " is there twice");
     into = words[1];
@@ -100,6 +103,9 @@ class Parser {
                            .authPassphrase = words[4],
                            .privProtocol = {},
                            .privPassphrase = {}};
+    demand(isOneOf(kAuthProtocols, user.authProtocol),
+           fmt::format("the authentication protocol is one of {}", fmt::join(kAuthProtocols, ", ")));
+    demand(isPassphrase(user.authPassphrase), "a passphrase has eight characters or more, of ASCII");
     if (words.size() == 7) {
       user.privProtocol = words[5];
       user.privPassphrase = words[6];
@@ -111,9 +117,6 @@ class Parser {
            "a user's name has 1 to 32 characters of ASCII");
     demand(secrets_.find(user.name) == nullptr, "a user of that name is there already");
     demand(user.writes || words[2] == "read", "after the user's name comes read or write");
-    demand(isOneOf(kAuthProtocols, user.authProtocol),
-           fmt::format("the authentication protocol is one of {}", fmt::join(kAuthProtocols, ", ")));
-    demand(isPassphrase(user.authPassphrase), "a passphrase has eight characters or more, of ASCII");
     demand(!user.writes || user.hasPrivacy(), "a user who writes needs a privacy protocol too");
     secrets_.users.push_back(std::move(user));
   }
@@ -141,6 +144,10 @@ std::string contentOf(const std::filesystem::path& file) {
   } closer{fd};
   struct stat status {};
   if (::fstat(fd, &status) != 0) cannotRead(file);
+  if (S_ISDIR(status.st_mode)) {
+    errno = EISDIR;
+    cannotRead(file);
+  }
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     throw std::runtime_error(
         fmt::format("SNMP secrets {0} are not its owner's alone (mode {1:04o}): chmod 600 {0}", file.string(),

@@ -333,6 +333,7 @@ TEST_F(PanelMenu, WalksTheTreesOfAllCardsAndKnowsNone) {
       {"o", "Set/5/>6//"},
       {"luo", "Leaves/Name        v0.8/>Seen           6/Set            6/"},  // to be looked at only
       {"lc", "Headend/>card 1/card 3/Language English/"},
+      {"cl", "Headend/>card 1/card 3/Language English/"},  // from where nothing goes back
       {"dodo", "Leaves/>Name        v2.8/Seen           6/Set            6/"},
       {"ccdo", "前端/卡1/卡3/>语言        中文/"},
       {"uo", "卡3/>leer/all//"},

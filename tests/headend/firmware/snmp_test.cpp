@@ -53,6 +53,8 @@ TEST(SnmpSecrets, WhatIsWrongIsSaidWithItsLineAndNoSecret) {
       {"\nread-community", "line 2: read-community wants one word"},
       {"read-community SECRET SECRET", "wants one word"},
       {"read-community \"\"", "wants one word"},
+      {"read-community SECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRET",
+       "at most 64 characters"},
       {"read-community SECRET\nread-community SECRET2", "line 2: read-community is there twice"},
       {"read-community SECRET\xC3\xBC", "wants one word"},
       {"user mon read SHA", "want user NAME"},
@@ -98,6 +100,7 @@ TEST(SnmpSecrets, AFileIsItsOwnersAlone) {
   unsetenv("HEADEND_SNMP_SECRETS");
   EXPECT_EQ(headend::loadSnmpSecrets({}).readCommunity, "");
   EXPECT_TRUE(has(messageOf([&] { headend::loadSnmpSecrets(scratch.path / "none"); }), "No such file"));
+  EXPECT_TRUE(has(messageOf([&] { headend::loadSnmpSecrets(scratch.path); }), "directory"));
 }
 
 class Engine : public ::testing::Test {
@@ -132,8 +135,9 @@ TEST_F(Engine, IsANewOneWhereItsFileIsDamagedOrItsBootsAreUsedUp) {
   const std::string id = "0x80001f88050102030405060708";
   put("engine " + id + " boots 2147483645\n");
   EXPECT_EQ(boot().boots, 2147483646U);
-  EXPECT_EQ(boot().boots, 1U);
   EXPECT_EQ(said_, "");
+  EXPECT_EQ(boot().boots, 1U);
+  EXPECT_TRUE(has(said_, "used up"));
   const std::vector<std::string> damaged = {"",
                                             "engine " + id + " boots 7",
                                             "engine " + id + " boots 0\n",

@@ -152,6 +152,8 @@ int CardRows::handle(netsnmp_mib_handler* handler, netsnmp_handler_registration*
     }
     if (result != SNMP_ERR_NOERROR) netsnmp_set_request_error(info, request, result);
   }
+  if (info->mode == MODE_SET_COMMIT || info->mode == MODE_SET_FREE || info->mode == MODE_SET_UNDO)
+    row.write = nullptr;
   return SNMP_ERR_NOERROR;
 }
 

@@ -14,6 +14,7 @@ import time
 import harness
 import mib
 import panel
+from alarms import too_much
 from harness import Server, read, record_file, write
 from snmp_client import (COUNTER, END_OF_VIEW, GET, GETBULK, GETNEXT, INTEGER, NO_SUCH_INSTANCE, NO_SUCH_OBJECT, NULL,
                          OID, SET, STRING, Client, integer, message, name, number)
@@ -226,6 +227,7 @@ WHO = {  # who: whether reading and setting a card are allowed
     'a reader with another protocol':
         (v3('mon', 'authPriv', '-a', 'SHA', '-A', 'monitor pass', *MON_PRIV), False, False),
     'a reader with authentication only': (v3('half', 'authNoPriv', '-a', 'SHA', '-A', 'halfauth123'), True, False),
+    'a reader with authentication only, without it': (v3('half', 'noAuthNoPriv'), False, False),
     'the writer': (ADM, True, True),
     'the writer without privacy': (v3('adm', 'authNoPriv', *ADM_AUTH), False, False),
     'the reader as the writer': (v3('adm', 'authPriv', *MON_AUTH, *MON_PRIV), False, False),
@@ -293,7 +295,7 @@ def refusals(case):
 
 I, S = number, (lambda text: (STRING, text))
 GOOD = (instance(1, 'Level'), I(1055))
-BAD = {  # bindings: the error, and which of them it is
+BAD = {  # bindings, of which the last is refused if nothing else is said: the error, and which of them it is
     'below': ([(instance(1, 'Frequency'), I(51999))], 'wrongValue'),
     'above': ([(instance(1, 'Frequency'), I(1000001))], 'wrongValue'),
     'between steps': ([(instance(1, 'Level'), I(1001))], 'wrongValue'),
@@ -314,12 +316,16 @@ BAD = {  # bindings: the error, and which of them it is
     'behind the instance': ([((*instance(1, 'Frequency'), 0), I(474000))], 'noCreation'),
     'an empty slot': ([(instance(2, 'Frequency'), I(474000))], 'noCreation|notWritable'),
     'no slot': ([((*BASE, 9, 2, 51, 1, 4, 0), I(474000))], 'noCreation|notWritable'),
-    'first of three': ([(instance(1, 'Frequency'), I(1)), GOOD, (instance(1, 'Constellation'), I(7))], 'wrongValue'),
+    'first of three': ([(instance(1, 'Frequency'), I(1)), GOOD, (instance(1, 'Constellation'), I(7))], 'wrongValue', 1),
     'second of three':
-        ([GOOD, (instance(1, 'Ch2Level'), I(1055)), (instance(1, 'Constellation'), I(7))], 'notWritable'),
+        ([GOOD, (instance(1, 'Ch2Level'), I(1055)), (instance(1, 'Constellation'), I(7))], 'notWritable', 2),
     'third of three': ([GOOD, (instance(1, 'Constellation'), I(7)), (instance(1, 'Frequency'), S(b'x'))], 'wrongType'),
     'one of another slot': ([(instance(3, 'Level'), I(1055)), (instance(1, 'Level'), I(1056))], 'wrongValue'),
 }
+
+# Numbers of no length that an INTEGER has here: empty, and more than 32 bits, some of which end in 474000.
+LONG = (b'', integer(2 ** 32 + 474000), b'\0\0' + integer(474000), b'\x12\x34\x56\x78\0' + integer(474000),
+        b'\0' * 9 + b'\7')
 
 
 def bad_sets(case):
@@ -328,14 +334,14 @@ def bad_sets(case):
         def state():
             return [(read(os.path.join(flash, record_file(slot))), agent.rf(slot)) for slot in (1, 3)]
         before = state()
-        for what, (bindings, error) in BAD.items():
+        for what, (bindings, error, *which) in BAD.items():
             answer = agent.writer.set(*bindings)
             case.check(answer and re.fullmatch(error, answer.error), f'{what}: {answer}')
-        for raw in (b'', b'\0\0\7\x3b\x90' + b'\0' * 3, b'\0' * 9 + b'\7'):  # lengths that no INTEGER has here
-            agent.writer.tries = 1
-            answer = agent.writer.set((instance(1, 'Frequency'), (INTEGER, raw)))
+            case.equal(answer and answer.index, which[0] if which else len(bindings), f'{what}: which binding')
+        hasty = Client(agent.snmp, 'change', 0.3, 1)
+        for raw in LONG:
+            answer = hasty.set((instance(1, 'Frequency'), (INTEGER, raw)))
             case.check(answer is None or answer.error != 'noError', f'INTEGER {raw.hex()}: {answer}')
-        agent.writer.tries = 10
         case.equal(state(), before, 'records and readouts after all of them')
         both = agent.writer.set((instance(1, 'Level'), I(1055)), (instance(3, 'Constellation'), I(7)))
         case.equal((both.error, agent.rf(1)[0]['level_dbuv'], agent.rf(3)[0]['constellation']),
@@ -426,10 +432,20 @@ def restart(case):
     case.tidy(flash, ENGINE)
 
 
+TRAPS = {  # what is received: from which virtual second on. The second run finds its PID map in the flash
+    ('Raised', '3', '1', '770', 'High Temperature', '温度过高'): 2,
+    ('Cleared', '3', '1', '770', 'qam card 3 normal temperature', '调制卡3温度恢复正常'): 5,
+    ('Raised', '1', '2', '771', 'QAM Card1 port2 rate overflow', '调制卡1端口2码率溢出'): 2,
+    ('Cleared', '1', '2', '771', 'QAM Card1 port2 rate resume', '调制卡1端口2码率恢复'): 8,
+}
+
+
 def traps(case):
     """Alarms as snmptrapd receives them, by SNMPv2c and SNMPv3; and nobody to receive them."""
     programs, flash = Programs(case), case.flash()
-    heat = ('--fast', '--seconds', '8', '--set', '1.temperature2=70@2', '--set', '1.temperature2=69@5')
+    # Of two slots and both ports.
+    causes = ('--fast', '--seconds', '12', '--card', '1', '--card', '3', '--set', '3.temperature2=70@2',
+              '--set', '3.temperature2=69@5', *too_much(case, '1.2'), '--set', '1.symbolrate=6875@8')
     with Agent(case, flash) as agent:
         engine = agent.engine
     for line, configuration in (
@@ -449,27 +465,28 @@ def traps(case):
                 if any(int(row.split()[1].split(':')[1], 16) == port for row in rows):
                     break
                 time.sleep(0.05)
-            case.headend('--flash', flash, *heat, '--snmp-trap', f'127.0.0.1:{port}',
+            case.headend('--flash', flash, *causes, '--snmp-trap', f'127.0.0.1:{port}',
                          '--snmp-secrets', secrets(case, *LINES, line))
             for _ in range(200):
                 got = read(case.path('received')).decode()
-                if got.count('ChineseText') >= 2:
+                if got.count('ChineseText') >= 4:
                     break
                 time.sleep(0.05)
         finally:
             receiver.terminate()
             receiver.wait()
             received.close()
-        found = re.findall(r'qamAlarm(Raised|Cleared)\tqamAlarmSlot.0 (\d+)\tqamAlarmPort.0 (\d+)\t'
-                           r'qamAlarmType.0 (\d+)\tqamAlarmEnglishText.0 (.*?)\tqamAlarmChineseText.0 (.*)', got)
-        case.equal(found, [('Raised', '1', '1', '770', 'High Temperature', '温度过高'),
-                           ('Cleared', '1', '1', '770', 'qam card 1 normal temperature',
-                            '调制卡1温度恢复正常')],
-                   f'{line}: {got[-900:]!r}')
+        found = re.findall(r'sysUpTime.0 0:0:00:(\d+)\.\d+\tsnmpTrapOID.0 qamAlarm(Raised|Cleared)\t'
+                           r'qamAlarmSlot.0 (\d+)\tqamAlarmPort.0 (\d+)\tqamAlarmType.0 (\d+)\t'
+                           r'qamAlarmEnglishText.0 (.*?)\tqamAlarmChineseText.0 (.*)', got)
+        case.equal(sorted(tuple(words) for _, *words in found), sorted(TRAPS), f'{line}: {got[-900:]!r}')
+        for second, *words in found:
+            start, = (TRAPS[each] for each in TRAPS if each == tuple(words))
+            case.check(start <= int(second) <= start + 3, f'{line}: {words} at {second} s, {start} s are due')
     port, = harness.free_ports(1)
-    run = case.headend('--flash', flash, *heat, '--snmp-trap', f'127.0.0.1:{port}',
+    run = case.headend('--flash', flash, *causes, '--snmp-trap', f'127.0.0.1:{port}',
                        '--snmp-secrets', secrets(case, 'trap-community alarm'))
-    case.equal(run.report['alarms']['events'], 8, 'alarms without a receiver')
+    case.equal(run.report['alarms']['events'], 16, 'alarms without a receiver')
 
 
 def lost(case):
@@ -490,14 +507,15 @@ def lost(case):
     write(os.path.join(flash, harness.BITSTREAM), b'no bitstream')
     with Agent(case, flash, slots=()) as agent:
         agent.wait(lambda: 'config_error' in case.qamctl(agent.address, 'status').text)
-        case.equal([oid for oid, _ in agent.reader.walk(BASE) if within(oid, BASE)], [],
-                   'rows of a card without configuration')
+        answers = [agent.reader.value(instance(1, stem)) for stem in SUFFIX]  # a walk goes past a card that hangs, too
+        case.equal(answers, [NO_SUCH_OBJECT[0]] * len(SUFFIX), 'rows of a card without configuration')
         agent.stop(code=1)
 
 
 def decoded(case):
     """tshark reads what went to and fro, and finds nothing malformed."""
     with Agent(case, case.flash()) as agent:
+        truth = agent.variables(1)
         agent.reader.walk()
         agent.reader.bulk(BASE, 20)
         agent.writer.set((instance(1, 'Frequency'), number(474000)), (instance(1, 'Level'), number(1055)))
@@ -521,25 +539,54 @@ def decoded(case):
     values = tshark(f'snmp.name == {dotted(instance(1, "Frequency"))}', 'snmp.value.int', 'snmp.error_status')
     for wanted in ('474000,1055\t0', '1\t10'):
         case.check(wanted in values, f'no {wanted!r} in {values}')
+    told = dict(line.split('\t')[::-1] for line in tshark('snmp.data == 2 && snmp.error_status == 0',
+                                                          'snmp.value.int', 'snmp.name'))
+    for stem in SUFFIX:
+        value, read_ = truth[VARIABLES[stem]], told.get(dotted(instance(1, stem)))
+        case.check(isinstance(value, str) or read_ == str(value), f'{stem} is {value}, and tshark reads {read_}')
 
 
 def files(case):
-    """With the agent open the headend opens and makes nothing that it does not without, but its secrets and flash."""
-    def touched(where, *flags):
-        trace = case.path(where + '.strace')
-        flash = case.flash(where)
-        run = case.execute(['strace', '-f', '-e', 'trace=%file', '-o', trace, case.args.headend, '--flash', flash,
-                            '--manage', 'off', '--seconds', '2', *flags], (0, 1))
-        if 'ptrace' in run.text:
-            raise harness.Skip('this process may not trace another')
-        found = set()
-        for line in read(trace).decode(errors='replace').splitlines():
-            call = re.search(r'(\w+)\((?:AT_FDCWD, )?"([^"]*)"', line)
-            # What a program looks for and does not find, its libraries and the C library's own tables are no matter.
-            if call and 'ENOENT' not in line and not re.search(r'\.so\b|/locale/|/gconv/|/proc/|/sys/', call[2]):
-                found.add(os.path.abspath(call[2]).replace(flash, 'FLASH'))
-        return found
-    anew = touched('open', '--snmp', '127.0.0.1:0', '--snmp-secrets', secrets(case)) - touched('closed')
+    """With the agent open, asked and sending, the headend looks for, opens and makes nothing that it does not without,
+    but its secrets and its flash."""
+    if 'ptrace' in case.execute(['strace', '-o', '/dev/null', 'true'], (0, 1)).text:
+        raise harness.Skip('this process may not trace another')
+    programs, headend, heat = Programs(case), case.args.headend, ('--set', '1.temperature2=80')
+
+    def touched(kind, *more, ask=lambda agent: None, **options):
+        trace, flash = case.path(kind.__name__ + '.strace'), case.flash(kind.__name__)
+        history = os.path.join(flash, 'alarms/history.dat')
+        case.args.headend = case.path('traced')
+        write(case.args.headend,
+              f'#!/bin/sh\nexec strace -D -f -e trace=%file -o "{trace}" "{headend}" "$@"\n'.encode())
+        os.chmod(case.args.headend, 0o700)
+        try:
+            with kind(case, flash, *heat, *more, **options) as agent:
+                agent.wait(lambda: os.path.exists(history))
+                ask(agent)
+                agent.stop()
+                for _ in range(200):  # the tracer ends after its process
+                    text = read(trace).decode(errors='replace')
+                    if re.search(rf'(?m)^{agent.process.pid} .*\+\+\+ exited', text):
+                        break
+                    time.sleep(0.05)
+        finally:
+            case.args.headend = headend
+        paths = set()
+        for line in text.splitlines():
+            call = re.search(r'\w+\((?:AT_FDCWD, )?"([^"]*)"', line)
+            # Libraries, and the C library's own tables, are no matter.
+            if call and not re.search(r'\.so\b|/locale/|/gconv/|/locale\.alias|/proc/|/sys/', call[1]):
+                paths.add(re.sub(r'server\d+', 'server', os.path.abspath(call[1]).replace(flash, 'FLASH')))
+        case.check('FLASH/alarms' in paths, f'{kind.__name__}: no alarm in {sorted(paths)}')
+        return paths
+
+    def ask(agent):
+        case.equal(agent.reader.value(SYS_NAME), 'headend', 'sysName')
+        case.equal(Client(agent.snmp, 'wrong', 0.3, 1).get(SYS_NAME), None, 'a wrong community')
+        programs.ask('snmpget', agent, *ADM, '@', dotted(SYS_NAME))
+
+    anew = touched(Agent, '--snmp-trap', '127.0.0.1:9', ask=ask, lines=(*LINES, 'trap-user adm')) - touched(Server)
     case.equal(sorted(path for path in anew if not path.startswith('FLASH/snmp') and path != case.path('secrets')), [],
                'files of this machine')
 

@@ -18,7 +18,8 @@ def ber(tag, content):
 
 
 def integer(value):
-    return value.to_bytes(value.bit_length() // 8 + 1, 'big', signed=True)
+    size = (value if value >= 0 else ~value).bit_length() // 8 + 1
+    return value.to_bytes(size, 'big', signed=True)
 
 
 def number(value):
@@ -130,7 +131,11 @@ class Client:
     def walk(self, oid=(1, 3)):
         found = []
         while True:
-            (oid, value), = self.next(oid).bindings
+            answer = self.next(oid)
+            (got, value), = answer.bindings
             if value == END_OF_VIEW:
                 return found
+            if answer.error != 'noError' or got <= oid:
+                raise ValueError(f'a walk comes no further than {oid}: {answer}')
+            oid = got
             found.append((oid, value))

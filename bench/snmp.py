@@ -6,49 +6,36 @@ import contextlib
 import os
 import socket
 import subprocess
+import sys
 import tempfile
 import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'tests', 'e2e'))
+import snmp_client
 
 GETS = 20000  # a round
 ROUNDS = 5
 WALKS = 200
 GOAL = 0.8  # of the other agent's
 COMMUNITY = 'look'
+SEQUENCE = 1
 BASE = '1.3.6.1.4.1.8072.9999.9999.27'
 SYS_UPTIME = '1.3.6.1.2.1.1.3.0'
 FREQUENCY = BASE + '.2.2.51.1.4.0'
 SECONDS_TO_START = 20
 
 
-def ber(tag, content):
-    assert len(content) < 128
-    return bytes([tag, len(content)]) + content
+def request(oid, kind=snmp_client.GET):
+    return snmp_client.message(COMMUNITY, kind, [(snmp_client.name(oid), (snmp_client.NULL, b''))], SEQUENCE)
 
 
-def oid(text):
-    first, second, *rest = [int(part) for part in text.split('.')]
-    content = bytes([40 * first + second])
-    for number in rest:
-        digits = [number & 0x7F]
-        while number := number >> 7:
-            digits.append(0x80 | number & 0x7F)
-        content += bytes(reversed(digits))
-    return ber(6, content)
-
-
-def request(name, kind=0xA0):
-    """An SNMPv2c request (RFC 3416) for one object; 0xA0 a GET, 0xA1 a GETNEXT."""
-    binding = ber(0x30, ber(0x30, oid(name) + ber(5, b'')))
-    pdu = ber(kind, ber(2, b'\1') + ber(2, b'\0') + ber(2, b'\0') + binding)
-    return ber(0x30, ber(2, b'\1') + ber(4, COMMUNITY.encode()) + pdu)
-
-
-def value_of(answer, name):
-    """What follows the object's name in a good answer."""
-    where = answer.find(oid(name))
-    if where < 0 or b'\x02\1\0\x02\1\0\x30' not in answer or answer[where + len(oid(name))] >= 0x80:
-        raise RuntimeError(f'{name}: {answer.hex()} is no answer')
-    return answer[where + len(oid(name)):]
+def value_of(answer, oid):
+    """Of the object in a good answer."""
+    said = snmp_client.answer_of(answer, SEQUENCE)
+    (got, value), = said.bindings
+    if said.error != 'noError' or got != snmp_client.name(oid) or value[0] >= 0x80:
+        raise RuntimeError(f'{oid}: {answer.hex()} is no answer')
+    return value
 
 
 def free_port():
@@ -95,10 +82,10 @@ def walks(port, objects):
         start = time.monotonic()
         for _ in range(WALKS):
             for name in [BASE, *objects[:-1]]:
-                s.send(request(name, 0xA1))
+                s.send(request(name, snmp_client.GETNEXT))
                 s.recv(2048)
         took = time.monotonic() - start
-        s.send(request(objects[-2], 0xA1))
+        s.send(request(objects[-2], snmp_client.GETNEXT))
         value_of(s.recv(2048), objects[-1])
     return WALKS / took
 

@@ -16,6 +16,7 @@
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/interruptible_input.h"
 #include "headend/hardware/udp_input.h"
+#include "headend/kernel/real_time_pace.h"
 #include "headend/report.h"
 #include "headend/run_plan.h"
 #include "platform/wire.h"
@@ -28,37 +29,6 @@ namespace fs = std::filesystem;
 constexpr std::uint16_t kCalibrationPort = 49156;
 
 constexpr const char* kBitstream = "K717_QAM/qam.bin";
-
-// Sleeps until the wall clock has come as far as virtual time, with an ear for datagrams and signals.
-class RealTimePace final : public Pace {
- public:
-  RealTimePace(Network& network, const std::atomic<bool>& interrupted)
-      : network_(network), interrupted_(interrupted), start_(Clock::now()) {}
-
-  void waitUntil(Nanos virtualTime) override {
-    while (left(virtualTime) > 0 && !interrupted_) network_.pollHost(left(virtualTime));
-    network_.pollHost(0);
-  }
-
-  Nanos idleUntil(Nanos virtualTime) override {
-    while (left(virtualTime) > 0 && !interrupted_) {
-      if (network_.pollHost(left(virtualTime))) return virtualTime - left(virtualTime);
-    }
-    return virtualTime;
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
-
-  Nanos left(Nanos virtualTime) const {
-    const Clock::duration wait = start_ + std::chrono::nanoseconds(virtualTime) - Clock::now();
-    return std::max<Nanos>(0, std::chrono::nanoseconds(wait).count());
-  }
-
-  Network& network_;
-  const std::atomic<bool>& interrupted_;
-  Clock::time_point start_;
-};
 
 }  // namespace
 

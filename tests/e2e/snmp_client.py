@@ -72,6 +72,19 @@ def message(community, kind, bindings, number_=1, first=0, second=0, version=1):
     return ber(0x30, ber(INTEGER, integer(version)) + ber(STRING, community.encode()) + ber(kind, pdu))
 
 
+def answer_of(raw, sequence):
+    """What a response says; None when it is the response to another request."""
+    (_, content), = items(raw)
+    _, _, (kind, pdu) = items(content)
+    number_, error, index, (_, listed) = items(pdu)
+    if int.from_bytes(number_[1], 'big') != sequence or kind != RESPONSE:
+        return None
+    pairs = [items(pair) for _, pair in items(listed)]
+    status = int.from_bytes(error[1], 'big')
+    return Answer(ERRORS.get(status, status), int.from_bytes(index[1], 'big'),
+                  [(name_of(oid[1]), value) for oid, value in pairs])
+
+
 class Client:
     def __init__(self, port, community='look', patience=2, tries=10):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -90,23 +103,12 @@ class Client:
                 while True:
                     reply = self.socket.recv(65536)
                     self.packets.append((False, reply))
-                    answer = self.decode(reply)
+                    answer = answer_of(reply, self.sequence)
                     if answer is not None:
                         return answer
             except (TimeoutError, ConnectionRefusedError):
                 pass
         return None
-
-    def decode(self, raw):
-        (_, content), = items(raw)
-        _, _, (kind, pdu) = items(content)
-        sequence, error, index, (_, listed) = items(pdu)
-        if int.from_bytes(sequence[1], 'big') != self.sequence or kind != RESPONSE:
-            return None
-        pairs = [items(pair) for _, pair in items(listed)]
-        status = int.from_bytes(error[1], 'big')
-        return Answer(ERRORS.get(status, status), int.from_bytes(index[1], 'big'),
-                      [(name_of(oid[1]), value) for oid, value in pairs])
 
     def get(self, *oids):
         return self.ask(GET, [(oid, (NULL, b'')) for oid in oids])

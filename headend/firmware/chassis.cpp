@@ -4,6 +4,7 @@
 
 #include "card/QamInit.h"
 #include "card/qamVar.h"
+#include "headend/firmware/reading_turn.h"
 #include "hw/ad9775_ctrl.h"
 #include "platform/address_word.h"
 #include "platform/kernel.h"
@@ -98,13 +99,11 @@ void Chassis::noteLine(int line, std::string text) {
 }
 
 std::string Chassis::readText(int number, u32 id) {
-  os::semTake(semQamVar, os::WAIT_FOREVER);
+  const ReadingTurn turn;
   const u32 word =
       slots_[static_cast<std::size_t>(number)].descriptor->getVar(static_cast<u8>(number), 0, id, nullptr);
   const char* text = os::wordAddress<const char>(word);
-  std::string copy = text == nullptr ? "" : text;
-  os::semGive(semQamVar);
-  return copy;
+  return text == nullptr ? "" : text;
 }
 
 }  // namespace headend

@@ -5,15 +5,16 @@
 #include <cstring>
 #include <optional>
 
-#include "card/qamVar.h"
 #include "client/card_variables.h"
+#include "client/mib_module.h"
 #include "client/mib_rows.h"
+#include "headend/firmware/reading_turn.h"
 #include "headend/firmware/snmp/net_snmp.h"
 
 namespace headend {
 namespace {
 
-constexpr int kSlotComponent = 10;
+constexpr std::size_t kSlotComponent = client::kMibBaseLength;  // the first behind the base
 
 struct Name {
   std::array<u32, MAX_OID_LEN + 1> components{};  // an instance is one longer than its row
@@ -78,15 +79,6 @@ bool asksFor(const chassis::variable& row, const Name& name, bool exact) {
   return order < 0 && std::equal(row.name, row.name + kSlotComponent + 1, name.components.begin());
 }
 
-// Cards share the buffers of what they read: nobody may read between a card's answer and its copy.
-class ReadingTurn {
- public:
-  ReadingTurn() { os::semTake(semQamVar, os::WAIT_FOREVER); }
-  ReadingTurn(const ReadingTurn&) = delete;
-  ReadingTurn& operator=(const ReadingTurn&) = delete;
-  ~ReadingTurn() { os::semGive(semQamVar); }
-};
-
 }  // namespace
 
 // ---- Registration ----
@@ -140,15 +132,7 @@ int CardRows::handle(netsnmp_mib_handler* handler, netsnmp_handler_registration*
       result = row.owner->read(row, *request, info->mode == MODE_GET);
     } else {
       if (info->mode == MODE_SET_RESERVE1) result = row.owner->prepareWrite(row, *request);
-      if (result == SNMP_ERR_NOERROR && row.write != nullptr) {
-        std::optional<Encoded> value = encode(*request->requestvb);
-        Name name = nameOf(*request->requestvb);
-        result =
-            !value
-                ? SNMP_ERR_WRONGLENGTH
-                : outwardError(row.write(info->mode, value->bytes.data(), request->requestvb->type,
-                                         value->contentLength, nullptr, name.components.data(), name.length));
-      }
+      if (result == SNMP_ERR_NOERROR && row.write != nullptr) result = carryOut(row, *request, info->mode);
     }
     if (result != SNMP_ERR_NOERROR) netsnmp_set_request_error(info, request, result);
   }
@@ -199,6 +183,16 @@ int CardRows::prepareWrite(Row& row, const netsnmp_request_info& request) const 
   if (!isPossible(row.variable, binding)) return SNMP_ERR_WRONGVALUE;
   row.write = write;
   return SNMP_ERR_NOERROR;
+}
+
+// One phase of a SET, as the card's write method sees it.
+int CardRows::carryOut(const Row& row, const netsnmp_request_info& request, int phase) {
+  const netsnmp_variable_list& binding = *request.requestvb;
+  std::optional<Encoded> value = encode(binding);
+  if (!value) return SNMP_ERR_WRONGLENGTH;
+  Name name = nameOf(binding);
+  return outwardError(row.write(phase, value->bytes.data(), binding.type, value->contentLength, nullptr,
+                                name.components.data(), name.length));
 }
 
 }  // namespace headend

@@ -37,6 +37,7 @@ class CardRows {
                     netsnmp_agent_request_info_s* info, netsnmp_request_info_s* requests);
   int read(Row& row, netsnmp_request_info_s& request, bool exact) const;
   int prepareWrite(Row& row, const netsnmp_request_info_s& request) const;
+  static int carryOut(const Row& row, const netsnmp_request_info_s& request, int phase);
   bool runs(const Row& row) const;
 
   std::function<bool(int slot)> runs_;

@@ -30,11 +30,13 @@ std::optional<EngineIdentity> parse(const std::string& text) {
       end != static_cast<int>(text.size()) || !text.ends_with('\n') || boots == 0 || boots > kMostBoots) {
     return {};
   }
+  const std::string digits = hex.data();
+  if (digits.size() != 2 * kIdSize) return {};
   EngineIdentity engine{.id = {}, .boots = static_cast<u32>(boots)};
-  for (std::size_t i = 0; i + 1 < hex.size() && hex[i] != '\0' && hex[i + 1] != '\0'; i += 2) {
-    engine.id.push_back(static_cast<u8>(std::stoul(std::string(&hex[i], 2), nullptr, 16)));
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    engine.id.push_back(static_cast<u8>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   }
-  return engine.id.size() == kIdSize ? std::optional(engine) : std::nullopt;
+  return engine;
 }
 
 std::optional<std::string> contentOf(const Flash& flash) {

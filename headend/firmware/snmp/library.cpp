@@ -68,8 +68,9 @@ int countPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/, 
 SnmpLibrary::SnmpLibrary(const std::filesystem::path& folder, EngineIdentity engine,
                          const std::vector<std::string>& configuration,
                          std::function<void(const std::string&)> say)
-    : folder_(std::filesystem::absolute(folder)), engine_(std::move(engine)), say_(std::move(say)) {
-  useNoFilesBut(folder_);
+    : engine_(std::move(engine)), say_(std::move(say)) {
+  const std::filesystem::path whole = std::filesystem::absolute(folder);  // the library wants a root
+  useNoFilesBut(whole);
   snmp_disable_log();
   snmp_enable_calllog();
   snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, take, this);
@@ -88,7 +89,7 @@ SnmpLibrary::SnmpLibrary(const std::filesystem::path& folder, EngineIdentity eng
   std::setlocale(LC_CTYPE, "C");  // which the library has changed
 
   std::error_code ignored;
-  std::filesystem::remove(folder_ / "cert_indexes", ignored);  // empty: the library makes it for nothing
+  std::filesystem::remove(whole / "cert_indexes", ignored);  // empty: the library makes it for nothing
   if (!complaints_.empty()) throw std::runtime_error("the SNMP agent does not start:" + complaints_);
   isStarted_ = true;
 }

@@ -40,7 +40,6 @@ class SnmpLibrary {
   void say(const std::string& text);
   static int take(int major, int minor, void* message, void* self);
 
-  std::filesystem::path folder_;
   EngineIdentity engine_;
   std::function<void(const std::string&)> say_;
   bool isStarted_ = false;

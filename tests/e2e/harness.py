@@ -21,7 +21,7 @@ TYPES = {'PAT': (0, 0x00), 'PMT': (1, 0x02), 'SDT_C': (2, 0x42), 'SDT_O': (3, 0x
          'NIT_O': (5, 0x41), 'BAT': (6, 0x4A), 'CAT': (7, 0x01)}  # name: (index in the card, table_id)
 # 6875 kBd, 64-QAM, 188 of 204 bytes.
 RATE_NUM, RATE_DEN = 646250000, 17
-RATE = ['--rate-num', str(RATE_NUM), '--rate-den', str(RATE_DEN)]
+RATE = ['--rate', f'{RATE_NUM}/{RATE_DEN}']
 RECORD_SIZE = 203132
 HANG_SECONDS = 280  # nothing that ends by itself takes this long
 RETRY_SECONDS, TRIES = 2, 30  # a datagram may be lost
@@ -138,18 +138,13 @@ class Case:
     def qamctl(self, server, *args, codes=(0,)):
         return self.execute([self.args.qamctl, '--server', server, *args], codes)
 
-    def findings(self, *command, codes=(0,)):
-        run = self.execute(command, codes)
+    def tscheck(self, file, *args, codes=(0,)):
+        """What the checker says of a stream: its summary, with the faults by kind."""
+        run = self.execute([self.args.tscheck, file, '--json', *args], codes)
         try:
             return json.loads(run.text)
         except ValueError:
             return {}
-
-    def judge(self, *args, codes=(0,)):
-        return self.findings(self.args.judge, '--json', *args, codes=codes)
-
-    def ts_judge(self, *args, codes=(0,)):
-        return self.findings(self.args.ts_judge, *args, codes=codes)
 
     def card(self, run, slot, state='running'):
         """The report's entry of a card, which must be in that state."""
@@ -363,7 +358,7 @@ def packed(pid, data):
 
 def main(cases):
     parser = argparse.ArgumentParser()
-    for name in ('headend', 'qamctl', 'judge', 'ts-judge', 'samples'):
+    for name in ('headend', 'qamctl', 'tscheck', 'samples'):
         parser.add_argument('--' + name)
     parser.add_argument('--other', help='a headend of another build, which must do the same')
     parser.add_argument('--seconds', type=int, default=8, help='that a case in real time plays')

@@ -6,7 +6,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "sections.h"
+#include "scan.h"
 
 // libdvbpsi's headers need those before them.
 // clang-format off
@@ -24,7 +24,7 @@ extern "C" {
 }
 // clang-format on
 
-namespace judge {
+namespace tscheck {
 
 struct TableDecoder::Decoder {
   TableDecoder* owner;
@@ -194,12 +194,9 @@ TableDecoder::~TableDecoder() {
   }
 }
 
-void TableDecoder::push(const uint8_t* packet) {
+void TableDecoder::push(Packet packet) {
   const size_t pid = (packet[1] & 0x1FU) << 8 | packet[2];
-  if (byPid_[pid].empty()) return;
-  std::array<uint8_t, kPacketSize> copy{};  // libdvbpsi asks for bytes it may write to
-  std::copy_n(packet, kPacketSize, copy.begin());
-  for (Decoder* decoder : byPid_[pid]) dvbpsi_packet_push(decoder->handle, copy.data());
+  for (Decoder* decoder : byPid_[pid]) dvbpsi_packet_push(decoder->handle, packet.data());
 }
 
-}  // namespace judge
+}  // namespace tscheck

@@ -1,16 +1,17 @@
-#include "sections.h"
+#include "scan.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
-namespace judge {
+namespace tscheck {
 namespace {
 
 constexpr size_t kHeaderSize = 3;         // of a section, up to its length
@@ -26,6 +27,13 @@ std::array<uint32_t, 256> makeCrcTable() {
     table[i] = c;
   }
   return table;
+}
+
+bool crcGood(const Bytes& section) {
+  static const std::array<uint32_t, 256> kTable = makeCrcTable();
+  uint32_t c = 0xFFFFFFFFU;
+  for (const uint8_t byte : section) c = c << 8 ^ kTable[c >> 24 ^ byte];
+  return c == 0;
 }
 
 // Follows the sections of one PID through its packets.
@@ -124,90 +132,137 @@ class Assembler {
   unsigned packets_ = 0;
 };
 
+std::optional<int64_t> pcrOf(const Packet& p) {
+  const bool hasField = (p[3] & 0x20) != 0 && p[4] >= 7;
+  if (!hasField || (p[5] & 0x10) == 0) return {};
+  int64_t base = 0;
+  for (size_t i = 6; i < 10; ++i) base = base << 8 | p[i];
+  return (base << 1 | p[10] >> 7) * 300 + ((p[10] & 1) << 8 | p[11]);
+}
+
+bool hasPayload(const Packet& p) {
+  return (p[3] & 0x10) != 0;
+}
+
+// Where the payload starts; the packet's size when there is none.
+size_t payloadStart(const Packet& p) {
+  if (!hasPayload(p)) return kPacketSize;
+  return std::min<size_t>((p[3] & 0x20) != 0 ? size_t{5} + p[4] : 4, kPacketSize);
+}
+
 // One pass over a file.
 class Scanner {
  public:
   Scanner(const ScanOptions& options, Contents& contents, Faults& faults)
-      : options_(options), contents_(contents), faults_(faults), assemblers_(kPidCount) {
-    lastCounter_.fill(-1);
-  }
+      : options_(options), contents_(contents), faults_(faults), following_(kPidCount) {}
 
   Scan run(const std::string& path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
-    if (!file) throw std::runtime_error(fmt::format("cannot open {}", path));
+    if (!file) throw std::runtime_error(fmt::format("cannot open {}: {}", path, std::strerror(errno)));
     std::vector<uint8_t> chunk(kChunkPackets * kPacketSize);
     size_t got = 0;
     while ((got = std::fread(chunk.data(), 1, chunk.size(), file.get())) > 0) {
-      for (size_t at = 0; at + kPacketSize <= got; at += kPacketSize) packet(chunk.data() + at);
+      Packet p{};
+      for (size_t at = 0; at + kPacketSize <= got; at += kPacketSize) {
+        std::copy_n(chunk.data() + at, kPacketSize, p.begin());
+        packet(p);
+      }
       if (got % kPacketSize != 0)
         faults_.add("tail", fmt::format("{} bytes after the last whole packet", got % kPacketSize));
     }
-    if (std::ferror(file.get()) != 0) throw std::runtime_error(fmt::format("cannot read {}", path));
+    if (std::ferror(file.get()) != 0)
+      throw std::runtime_error(fmt::format("cannot read {}: {}", path, std::strerror(errno)));
     return std::move(scan_);
   }
 
  private:
-  void packet(const uint8_t* data) {
+  // What is remembered of a PID from packet to packet.
+  struct Following {
+    std::optional<Assembler> sections;
+    std::optional<Packet> last;
+    bool repeated = false;  // the last packet was the second of two equal ones
+  };
+
+  void packet(const Packet& p) {
     const uint64_t index = scan_.packets++;
     if (index < options_.fromPacket) return;
-    if (data[0] != 0x47) {
-      faults_.add("sync", fmt::format("packet {} has no sync byte", index));
+    if (p[0] != 0x47) {
+      ++scan_.syncErrors;
+      faults_.add("sync", fmt::format("packet {} starts with {:#04x}, not with 0x47", index, p[0]));
       return;
     }
-    if (options_.onPacket) options_.onPacket(data);
-    const auto pid = static_cast<uint16_t>((data[1] & 0x1F) << 8 | data[2]);
-    if (pid == kNullPid) return;
-    if ((data[1] & 0x80) != 0)
+    if (options_.onPacket) options_.onPacket(p);
+    const auto number = static_cast<uint16_t>((p[1] & 0x1F) << 8 | p[2]);
+    if ((p[1] & 0x80) != 0) {
+      ++scan_.damaged;
       faults_.add("transport_error", fmt::format("packet {} is marked as damaged", index));
-    mark(index, pid, data);
-    const bool hasField = (data[3] & 0x20) != 0;
-    const bool hasPayload = (data[3] & 0x10) != 0;
-    counter(index, pid, data, hasField && data[4] > 0 && (data[5] & 0x80) != 0, hasPayload);
-    const size_t start = 4U + (hasField ? data[4] + 1U : 0U);
-    if (hasPayload && start < kPacketSize && carriesSections(pid))
-      assembler(pid).push(index, data + start, kPacketSize - start, (data[1] & 0x40) != 0);
+    }
+    Pid& pid = scan_.pids[number];
+    ++pid.packets;
+    if (number == kNullPid) return;
+    if (options_.marks) mark(index, number, p);
+    Following& following = following_[number];
+    if (isRepeated(following, p)) return;
+    checkCounter(index, number, pid, following, p);
+    following.last = p;
+    const size_t start = payloadStart(p);
+    if (const auto ticks = pcrOf(p)) pid.pcrs.push_back({index, *ticks, pid.payloadBytes});
+    if (options_.payloadPids.contains(number)) keepPayload(index, pid, p, start);
+    pid.payloadBytes += kPacketSize - start;
+    if (start < kPacketSize && (options_.everyPid || options_.sectionPids.contains(number))) {
+      if (!following.sections)
+        following.sections.emplace(number, options_.allowCut, contents_, faults_, scan_);
+      following.sections->push(index, p.data() + start, kPacketSize - start, (p[1] & 0x40) != 0);
+    }
   }
 
-  bool carriesSections(uint16_t pid) const { return options_.everyPid || options_.sectionPids.contains(pid); }
-
-  void mark(uint64_t index, uint16_t pid, const uint8_t* data) {
+  void mark(uint64_t index, uint16_t pid, const Packet& p) {
     unsigned content = 0;
     if (options_.contentPids.contains(pid)) {
-      Bytes bytes(data, data + kPacketSize);
+      Bytes bytes(p.begin(), p.end());
       bytes[3] &= 0xF0;
       content = contents_.number(bytes);
     }
     scan_.marks.push_back({index, pid, content});
   }
 
-  void counter(uint64_t index, uint16_t pid, const uint8_t* data, bool discontinuity, bool hasPayload) {
-    if (!hasPayload) return;
-    const int value = data[3] & 0x0F;
-    const int expected = (lastCounter_[pid] + 1) & 0x0F;
-    if (lastCounter_[pid] >= 0 && value != expected && !discontinuity)
-      faults_.add("continuity", fmt::format("packet {}, PID {:#x}: counter {} where {} is due", index, pid,
-                                            value, expected));
-    lastCounter_[pid] = value;
+  // A packet may come twice in a row: all bytes the same but those of the PCR.
+  bool isRepeated(Following& following, const Packet& p) const {
+    const bool mayBe = options_.allowRepeats && !following.repeated && following.last && hasPayload(p);
+    const size_t skipped = mayBe && pcrOf(p) && pcrOf(*following.last) ? 6 : 0;
+    following.repeated = mayBe && std::equal(p.begin(), p.begin() + 6, following.last->begin()) &&
+                         std::equal(p.begin() + 6 + skipped, p.end(), following.last->begin() + 6 + skipped);
+    return following.repeated;
   }
 
-  Assembler& assembler(uint16_t pid) {
-    if (!assemblers_[pid]) assemblers_[pid].emplace(pid, options_.allowCut, contents_, faults_, scan_);
-    return *assemblers_[pid];
+  void checkCounter(uint64_t index, uint16_t number, Pid& pid, const Following& following, const Packet& p) {
+    if ((p[3] & 0x30) == 0)
+      faults_.add("reserved", fmt::format("packet {} has neither payload nor adaptation field", index));
+    const bool announced = (p[3] & 0x20) != 0 && p[4] > 0 && (p[5] & 0x80) != 0;
+    if (!following.last || announced) return;
+    const int due = (((*following.last)[3] & 15) + (hasPayload(p) ? 1 : 0)) & 15;
+    if ((p[3] & 15) == due) return;
+    ++pid.jumps;
+    faults_.add("continuity", fmt::format("packet {}, PID {:#x}: counter {} where {} is due", index, number,
+                                          p[3] & 15, due));
+  }
+
+  static void keepPayload(uint64_t index, Pid& pid, const Packet& p, size_t start) {
+    if ((p[1] & 0x40) != 0 && start < kPacketSize) {
+      pid.units.push_back(pid.payload.size());
+      pid.unitPackets.push_back(index);
+    }
+    pid.payload.insert(pid.payload.end(), p.begin() + static_cast<std::ptrdiff_t>(start), p.end());
   }
 
   const ScanOptions& options_;
   Contents& contents_;
   Faults& faults_;
   Scan scan_;
-  std::vector<std::optional<Assembler>> assemblers_;
-  std::array<int, kPidCount> lastCounter_{};
+  std::vector<Following> following_;
 };
 
 }  // namespace
-
-void Faults::add(const std::string& kind, const std::string& text) {
-  byKind_[kind].push_back(text);
-}
 
 unsigned Contents::number(const Bytes& bytes) {
   const auto [at, isNew] = numbers_.try_emplace(bytes, static_cast<unsigned>(byNumber_.size()));
@@ -219,11 +274,9 @@ uint16_t big16(const Bytes& bytes, size_t at) {
   return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]);
 }
 
-bool crcGood(const Bytes& section) {
-  static const std::array<uint32_t, 256> kTable = makeCrcTable();
-  uint32_t c = 0xFFFFFFFFU;
-  for (const uint8_t byte : section) c = c << 8 ^ kTable[c >> 24 ^ byte];
-  return c == 0;
+int64_t signedModulo(int64_t value, int64_t wrap) {
+  const int64_t up = modulo(value, wrap);
+  return up > wrap / 2 ? up - wrap : up;
 }
 
 Scan scan(const std::string& path, const ScanOptions& options, Contents& contents, Faults& faults) {
@@ -247,4 +300,4 @@ std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path) {
   return found;
 }
 
-}  // namespace judge
+}  // namespace tscheck

@@ -10,11 +10,13 @@
 #include <utility>
 #include <vector>
 
+#include "scan.h"
+
 extern "C" {
 struct dvbpsi_s;
 }
 
-namespace judge {
+namespace tscheck {
 
 class TableDecoder {
  public:
@@ -28,7 +30,7 @@ class TableDecoder {
   TableDecoder(const TableDecoder&) = delete;
   TableDecoder& operator=(const TableDecoder&) = delete;
 
-  void push(const uint8_t* packet);
+  void push(Packet packet);  // a copy: libdvbpsi asks for bytes it may write to
 
  private:
   struct Decoder;
@@ -40,4 +42,4 @@ class TableDecoder {
   Decoder& add(uint16_t pid);
 };
 
-}  // namespace judge
+}  // namespace tscheck

@@ -1,0 +1,228 @@
+#!/usr/bin/env python3
+"""The stream checker accepts what a headend sends, and names each kind of damage to it.
+
+Two outputs of a headend are made: the tables of a capture, and two programmes of a source. Each row damages one of them
+in its way, and says which kinds of faults the checker must find: these and no others."""
+import harness
+from harness import NULL_PID, RATE, crc32, packets_of, pid_of
+
+NULL = b'\x47\x1f\xff\x10' + bytes(184)
+TICKS = 25  # packets in a tick of 1 ms, nearly
+
+
+def start(p):
+    return p[1] & 0x40
+
+
+def has_pcr(p):
+    return p[3] & 0x20 and p[4] and p[5] & 0x10
+
+
+def nth(out, n, pid, wanted=lambda p: True):
+    """Where the n-th packet of a PID is that is wanted."""
+    return [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)][n]
+
+
+def recount(out, pid):
+    """The continuity counter as it would be without the damage."""
+    count = 0
+    for i, p in enumerate(out):
+        if pid_of(p) == pid:
+            out[i] = p[:3] + bytes([p[3] & 0xF0 | count & 15]) + p[4:]
+            count += bool(p[3] & 0x10)
+
+
+def flip(pid, n, at, bits, wanted=lambda p: True):
+    def damage(out):
+        i = nth(out, n, pid, wanted)
+        out[i] = out[i][:at] + bytes([out[i][at] ^ bits]) + out[i][at + 1:]
+    return damage
+
+
+def remove(pid, wanted, first=0, count=1, counted=True):
+    """Null packets in place of some of the PID's packets; counted: the others are numbered anew."""
+    def damage(out):
+        for i in [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)][first:first + count]:
+            out[i] = NULL
+        if counted:
+            recount(out, pid)
+    return damage
+
+
+def move(pid, n, ticks, wanted=lambda p: True):
+    """A packet leaves so much later."""
+    def damage(out):
+        i = nth(out, n, pid, wanted)
+        to = next(k for k in range(i + ticks * TICKS, len(out)) if pid_of(out[k]) == NULL_PID)
+        out[i], out[to] = NULL, out[i]
+    return damage
+
+
+def swap(pid, other, n):
+    def damage(out):
+        a, b = nth(out, n, pid), nth(out, n, other)
+        out[a], out[b] = out[b], out[a]
+        recount(out, pid)
+        recount(out, other)
+    return damage
+
+
+def other_version(pid, n):
+    """A section with a good CRC that the source does not have."""
+    def damage(out):
+        i = nth(out, n, pid, start)
+        p, size = bytearray(out[i]), 3 + ((out[i][6] & 15) << 8 | out[i][7])
+        p[10] ^= 2
+        p[5 + size - 4:5 + size] = crc32(p[5:5 + size - 4]).to_bytes(4, 'big')
+        out[i] = bytes(p)
+    return damage
+
+
+def replace(pid, n, packet):
+    def damage(out):
+        out[nth(out, n, pid)] = packet
+    return damage
+
+
+def repeat(pid, times):
+    """A packet comes again, in place of the null packets behind it."""
+    def damage(out):
+        i = next(i for i in range(nth(out, 200, pid), len(out)) if pid_of(out[i]) == pid and out[i][3] & 0x10 and
+                 all(pid_of(p) == NULL_PID for p in out[i + 1:i + 1 + times]))
+        out[i + 1:i + 1 + times] = [out[i]] * times
+    return damage
+
+
+def move_pcr(pid, ticks):
+    def damage(out):
+        i = nth(out, 30, pid, has_pcr)
+        value = int.from_bytes(out[i][6:12], 'big')
+        pcr = (value >> 15) * 300 + (value & 511) + ticks
+        out[i] = out[i][:6] + (pcr // 300 << 15 | 0x7E00 | pcr % 300).to_bytes(6, 'big') + out[i][12:]
+    return damage
+
+
+def no_pcr(pid, first, end):
+    def damage(out):
+        for _ in range(first, end):
+            i = nth(out, first, pid, has_pcr)
+            out[i] = out[i][:5] + bytes([out[i][5] & ~0x10]) + out[i][6:]
+    return damage
+
+
+def wrong_pts(pid, n):
+    def damage(out):
+        i = nth(out, n, pid, start)
+        at = (5 + out[i][4] if out[i][3] & 0x20 else 4) + 13
+        out[i] = out[i][:at] + bytes([out[i][at] ^ 2]) + out[i][at + 1:]
+    return damage
+
+
+def jump(pid, announced):
+    """From a packet on the counter is 5 ahead."""
+    def damage(out):
+        first = nth(out, 20, pid, has_pcr)
+        for i in range(first, len(out)):
+            if pid_of(out[i]) == pid:
+                out[i] = out[i][:3] + bytes([out[i][3] & 0xF0 | (out[i][3] + 5) & 15]) + out[i][4:]
+        out[first] = out[first][:5] + bytes([out[first][5] | 0x80 * announced]) + out[first][6:]
+    return damage
+
+
+def of_table(table_id, number=None):
+    return lambda p: start(p) and p[5] == table_id and (number is None or p[11] == number)
+
+
+def goes_on(p):
+    return start(p) and ((p[6] & 15) << 8 | p[7]) > 180
+
+
+SDT = 0x11
+CUT = remove(SDT, lambda p: not start(p), first=12)
+SMALL_ROWS = {
+    'nothing': (lambda out: None, set()),
+    'a packet is lost': (remove(0, start, first=3, counted=False), {'continuity', 'late', 'libdvbpsi'}),
+    'a bit of a section is wrong': (flip(SDT, 4, 30, 0x10), {'crc', 'late', 'libdvbpsi'}),
+    'a sync byte is wrong': (flip(NULL_PID, 700, 0, 1), {'sync'}),
+    'a packet is marked as damaged': (flip(0, 4, 1, 0x80), {'transport_error'}),
+    'a pointer leads out of the packet': (flip(0, 4, 4, 0xF0), {'pointer', 'late'}),
+    'there are bytes behind a section': (flip(0, 3, 187, 0xFF), {'stuffing'}),
+    'the file ends in mid-packet': (lambda out: out.append(NULL[:100]), {'tail'}),
+    'a PID is not of the source': (replace(NULL_PID, 500, b'\x47\x01\x77\x10' + b'\xff' * 184), {'stray'}),
+    'a section comes three ticks late': (move(0, 4, 3), {'late', 'early'}),
+    'a table comes too often': (lambda out: None, {'early'}, '--interval', 'PAT=400'),
+    'a table does not come': (remove(SDT, start, count=99), {'missing', 'table'}),
+    'a table comes that must not': (lambda out: None, {'foreign', 'table', 'late'}, '--interval', 'CAT=0'),
+    'a section has another version': (other_version(0, 4), {'foreign', 'table', 'rotation'}),
+    'two programme maps change places': (swap(0x100, 0x110, 3), {'rotation'}),
+    'a programme map falls behind': (move(0x130, 3, 3), {'pace'}),
+}
+MANY_ROWS = {
+    'nothing': (lambda out: None, set()),
+    'a section breaks off': (CUT, {'cut', 'late', 'rotation'}),
+    'a section may break off': (CUT, {'late', 'rotation'}, '--allow-cut'),
+    'a section has no start': (remove(SDT, goes_on, first=4), {'orphan', 'late', 'rotation'}),
+}
+VIDEO = 0x101
+PROGRAMME_ROWS = {
+    'nothing': (lambda out: None, set()),
+    'a packet comes twice': (repeat(VIDEO, 1), set()),
+    'a packet comes three times': (repeat(VIDEO, 2), {'continuity', 'pass'}),
+    'the counter jumps': (jump(VIDEO, False), {'continuity'}),
+    'the counter jumps as announced': (jump(VIDEO, True), set()),
+    'a PCR is 0.7 us off': (move_pcr(VIDEO, 20), set()),
+    'a PCR is 1.5 us off': (move_pcr(VIDEO, 40), {'pcr', 'added'}),
+    'half the null packets are missing': (lambda out: out.__setitem__(
+        slice(None), [p for i, p in enumerate(out) if i % 2 or pid_of(p) != NULL_PID]), {'rate', 'pcr', 'added'}),
+    'a byte of the last pass is wrong': (flip(VIDEO, -5, 187, 1), {'pass'}),
+    'a PTS is wrong': (wrong_pts(VIDEO, 5), {'stamp'}),
+    'PCRs are missing': (no_pcr(VIDEO, 5, 9), {'pcr_interval', 'added'}),
+    'the PAT does not come for a second': (remove(0, start, first=5, count=3), {'repetition'}),
+    'the PAT stops': (remove(0, start, first=5, count=99), {'repetition'}),
+}
+
+
+def check_rows(case, rows, path, *args):
+    for name, (damage, wanted, *more) in rows.items():
+        out = packets_of(harness.read(path))
+        damage(out)
+        harness.write(case.path('damaged.ts'), b''.join(out))
+        seen = case.tscheck(case.path('damaged.ts'), *RATE, *args, *more, codes=(bool(wanted),))
+        case.equal(set(seen.get('faults', {})), wanted, f'{name}: {str(seen.get("faults"))[:700]}')
+
+
+def damage_to_tables_is_named(case):
+    for sample, rows in (('psi-small.ts', SMALL_ROWS), ('psi-many.ts', MANY_ROWS)):
+        psi, out = case.sample(sample), case.path(f'{sample}-out.ts')
+        case.fast(case.flash(f'flash-{sample}'), 3, '--psi', f'1.1={psi}', '--out', f'1.1={out}')
+        check_rows(case, rows, out, '--psi', psi, '--no-limits')
+
+
+def damage_to_programmes_is_named(case):
+    source, out = case.sample('four-programmes-cbr.ts'), case.path('out.ts')
+    case.fast(case.flash(), 12, '--source', f'6={source}', '--programme', '1.1=6.1:One', '--out', f'1.1={out}')
+    maps = ['--map', '0x300=0x101', '0x301=0x102']
+    check_rows(case, PROGRAMME_ROWS, out, '--constant-rate', '--source', source, *maps)
+
+
+def wrong_calls_are_refused(case):
+    path = case.sample('psi-small.ts')
+    for call in ([], ['/nonexistent/x'], [path, '--nonsense'], [path, '--rate', '0'], [path, '--rate', '1/x'],
+                 [path, '--psi', path], [path, *RATE, '--psi', case.sample('not-a-stream.ts')],
+                 [path, *RATE, '--psi', path, '--interval', 'FOO=3'], [path, *RATE, '--map', '1=2'],
+                 [path, *RATE, '--source', path, '--map', '1'], [path, *RATE, '--source', path, '--map', '1=2']):
+        case.says(case.execute([case.args.tscheck, *call], (2,)), r'\S')
+
+
+def text_and_json_say_the_same(case):
+    path = case.sample('four-programmes-cbr.ts')
+    seen = case.tscheck(path)
+    case.equal((seen['bit_rate'], seen['packets'], len(seen['pcr']), seen['faults']), (3e6, 10047, 4, {}), 'a good file')
+    case.says(case.execute([case.args.tscheck, path]), r'10047 packets', r'3000000\.0 bit/s by the PCRs', 'Nothing wrong')
+
+
+CASES = {case.__name__.replace('_', '-'): case for case in (damage_to_tables_is_named, damage_to_programmes_is_named,
+                                                            wrong_calls_are_refused, text_and_json_say_the_same)}
+
+if __name__ == '__main__':
+    harness.main(CASES)

@@ -1,0 +1,127 @@
+// The three checks of tscheck: the stream by itself, the tables it carries of a source, and the programmes
+// that were routed into it from a source.
+#pragma once
+
+#include <array>
+#include <map>
+#include <nlohmann/json_fwd.hpp>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "scan.h"
+
+namespace tscheck {
+
+__extension__ using Wide = __int128;
+using Json = nlohmann::ordered_json;
+
+// Bit rate of a stream: num / den bit/s.
+struct Rate {
+  int64_t num = 0;  // 0: not known
+  int64_t den = 1;
+
+  bool known() const { return num > 0; }
+  double bitsPerSecond() const { return static_cast<double>(num) / static_cast<double>(den); }
+  double seconds(double packets) const { return packets * kPacketBits / bitsPerSecond(); }
+  // Time of so many packets, in ticks of 27 MHz by `num`: exact.
+  Wide units(uint64_t packets) const {
+    return Wide{static_cast<int64_t>(packets) * kPacketBits} * den * kPcrHz;
+  }
+  double ms(Wide units) const { return static_cast<double>(units) / static_cast<double>(num) * 1e3 / kPcrHz; }
+};
+
+enum Type : size_t { kPat, kPmt, kSdtC, kSdtO, kNitC, kNitO, kBat, kCat, kTypes };
+
+struct TypeRow {
+  const char* name;
+  uint8_t tableId;
+  int pid;              // -1: the PIDs that the programme association names
+  const char* decoded;  // how the names of its decoded tables start
+  double limit_s;       // longest time between two comings of a section (ETSI TR 101 290); 0: none
+};
+inline constexpr std::array<TypeRow, kTypes> kTypeRows = {{
+    {"PAT", 0x00, 0x0000, "PAT", 0.5},
+    {"PMT", 0x02, -1, "PMT", 0.5},
+    {"SDT_C", 0x42, 0x0011, "SDT 0x42", 2},
+    {"SDT_O", 0x46, 0x0011, "SDT 0x46", 10},
+    {"NIT_C", 0x40, 0x0010, "NIT 0x40", 10},
+    {"NIT_O", 0x41, 0x0010, "NIT 0x41", 10},
+    {"BAT", 0x4A, 0x0011, "BAT", 10},
+    {"CAT", 0x01, 0x0001, "CAT", 0},
+}};
+
+struct Options {
+  std::string file;
+  Rate rate;
+  bool limits = true;
+  bool constantRate = false;
+  double tolerance_ns = 500;
+  double from_s = 0;
+  bool allowCut = false;
+  bool everyPid = false;
+  // Tables of a source.
+  std::string psi;
+  double auxHz = 1000;
+  std::array<unsigned, kTypes> intervals{};
+  bool untimed = false;
+  // Programmes of a source.
+  std::string source;
+  std::map<uint16_t, uint16_t> sourceOf;  // PID of the source by PID of the file
+};
+
+// The tables that libdvbpsi decodes, and what it complains about.
+struct Decoded {
+  std::map<std::string, std::set<std::string>> tables;  // every content that a name had
+  std::vector<std::string> errors;
+};
+
+// The most that a value is away from the constant that suits all of them best.
+struct Spread {
+  std::optional<Wide> low, high;
+  void add(Wide value) {
+    low = low ? std::min(*low, value) : value;
+    high = high ? std::max(*high, value) : value;
+  }
+  double ns(const Rate& rate) const { return low ? rate.ms(*high - *low) / 2 * 1e6 : 0; }
+};
+
+// How far a PCR is ahead of the departure of its packet; `ticks` continues over wraps.
+inline Wide aheadOfDeparture(const Rate& rate, const Pcr& pcr, int64_t ticks) {
+  return Wide{ticks} * rate.num - rate.units(pcr.packet);
+}
+
+std::set<uint16_t> tablePids(const std::set<uint16_t>& pmtPids);
+// The type of a table's section; none: it is no table that a card carries.
+std::optional<Type> typeOf(uint16_t pid, uint8_t tableId, const std::set<uint16_t>& pmtPids);
+
+// The tables of a source: what a card that was loaded with them must send.
+class PsiCheck {
+ public:
+  // Reads the source. Throws std::runtime_error when it has no tables.
+  PsiCheck(const Options& options, Contents& contents);
+  const std::set<uint16_t>& pmtPids() const { return pmtPids_; }
+  const std::set<std::pair<uint16_t, uint16_t>>& programmes() const { return programmes_; }
+  Json run(const Scan& scan, const Decoded& decoded, Faults& faults) const;
+
+ private:
+  const Options& options_;
+  Contents& contents_;
+  std::array<std::set<unsigned>, kTypes> sections_;  // contents by type
+  std::array<unsigned, kTypes> packets_{};           // of all sections of the type, each packed by itself
+  std::map<std::string, std::string> tables_;        // as libdvbpsi decodes them
+  std::set<std::pair<uint16_t, uint16_t>> programmes_;
+  std::set<uint16_t> pmtPids_;
+};
+
+// By PID of the file: passes of the source, and the error that was added to the PCRs.
+Json checkPasses(const Options& options, const Scan& scan, Faults& faults);
+
+// Counts, bit rate, repetition of the tables and PCRs of a stream by itself.
+Json checkStream(const Options& options, const Rate& rate, const Scan& scan, const Contents& contents,
+                 const std::set<uint16_t>& pmtPids, Faults& faults);
+
+// The bit rate by the PCRs of the PID that has most of them; unknown when no PID has two.
+Rate rateByPcr(const Scan& scan);
+
+}  // namespace tscheck

@@ -1,0 +1,127 @@
+// One pass over a transport stream file: sync, continuity, clocks and sections, as a monitor sees them.
+// tscheck shares no code with the programs whose output it checks.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tscheck {
+
+constexpr unsigned kPacketSize = 188;
+constexpr unsigned kPayloadSize = 184;
+constexpr int64_t kPacketBits = 1504;
+constexpr uint16_t kPidCount = 0x2000;
+constexpr uint16_t kNullPid = 0x1FFF;
+constexpr int64_t kPcrHz = 27'000'000;
+
+using Bytes = std::vector<uint8_t>;
+using Packet = std::array<uint8_t, kPacketSize>;
+
+// What was found wrong, by kind. The first texts of each kind are kept, the others are counted.
+class Faults {
+ public:
+  struct Kind {
+    uint64_t count = 0;
+    std::vector<std::string> first;
+  };
+  void add(const std::string& kind, const std::string& text) {
+    Kind& entry = byKind_[kind];
+    if (++entry.count <= kKept) entry.first.push_back(text);
+  }
+  const std::map<std::string, Kind>& byKind() const { return byKind_; }
+
+ private:
+  static constexpr uint64_t kKept = 20;
+  std::map<std::string, Kind> byKind_;
+};
+
+// Gives equal contents one number, so that a long stream of repetitions stays small in memory.
+class Contents {
+ public:
+  unsigned number(const Bytes& bytes);
+  const Bytes& bytes(unsigned number) const { return *byNumber_[number]; }
+
+ private:
+  std::map<Bytes, unsigned> numbers_;
+  std::vector<const Bytes*> byNumber_;
+};
+
+// A whole section with a good CRC. Packets are counted from the start of the file.
+struct Section {
+  uint16_t pid;
+  unsigned content;  // number in Contents
+  uint64_t firstPacket;
+  uint64_t lastPacket;
+  unsigned packets;
+};
+
+// A packet of any PID but the null packets'.
+struct Mark {
+  uint64_t index;
+  uint16_t pid;
+  unsigned content;  // without the continuity counter; kept for the PIDs of ScanOptions::contentPids, else 0
+};
+
+struct Pcr {
+  uint64_t packet;
+  int64_t ticks;  // of 27 MHz
+  size_t at;      // bytes of payload that the PID had before it
+};
+
+// What one PID carried.
+struct Pid {
+  uint64_t packets = 0;
+  uint64_t jumps = 0;         // of the continuity counter
+  uint64_t payloadBytes = 0;  // packets that came twice count once
+  std::vector<Pcr> pcrs;
+  // Kept for the PIDs of ScanOptions::payloadPids.
+  Bytes payload;
+  std::vector<size_t> units;          // where payload units start
+  std::vector<uint64_t> unitPackets;  // in which packets
+};
+
+struct ScanOptions {
+  std::set<uint16_t> sectionPids;               // PIDs that carry sections
+  bool everyPid = false;                        // all PIDs carry sections
+  bool allowCut = false;                        // a section may break off when a new one starts
+  bool allowRepeats = true;                     // a packet may come twice in a row (ISO/IEC 13818-1, 2.4.3.3)
+  bool marks = false;                           // keep the marks
+  std::set<uint16_t> contentPids;               // PIDs whose packets are told apart by content in the marks
+  std::set<uint16_t> payloadPids;               // PIDs whose payload is kept
+  uint64_t fromPacket = 0;                      // skip what lies before
+  std::function<void(const Packet&)> onPacket;  // sees every packet in sync, null packets too
+};
+
+struct Scan {
+  uint64_t packets = 0;  // of the whole file
+  uint64_t syncErrors = 0;
+  uint64_t damaged = 0;  // transport_error_indicator
+  uint64_t cutSections = 0;
+  std::vector<Mark> marks;
+  std::vector<Section> sections;
+  std::map<uint16_t, Pid> pids;  // those that occur
+};
+
+// Throws std::runtime_error if the file cannot be read.
+Scan scan(const std::string& path, const ScanOptions& options, Contents& contents, Faults& faults);
+
+// (PID, programme number) of every programme that the file's program association sections name.
+std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path);
+
+uint16_t big16(const Bytes& bytes, size_t at);
+
+// The difference of two readings of a clock that wraps, taken for the shorter way.
+int64_t signedModulo(int64_t value, int64_t wrap);
+inline int64_t modulo(int64_t value, int64_t wrap) {
+  return (value % wrap + wrap) % wrap;
+}
+
+}  // namespace tscheck

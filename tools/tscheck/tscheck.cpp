@@ -1,0 +1,255 @@
+// tscheck: is a transport stream sound, and, where its sources are given, did their tables and programmes
+// come through whole and on time? It shares no code with the programs whose output it checks.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "checks.h"
+#include "tables.h"
+
+namespace tscheck {
+namespace {
+
+constexpr double kConstant_ns = 1e6;  // PCRs further off mean that the rate varies
+constexpr int kOk = 0;
+constexpr int kFaulty = 1;
+constexpr int kWrongCall = 2;
+
+// The call as it was given, before its values are read.
+struct Call {
+  std::string rate;
+  std::vector<std::string> maps, intervals;
+  unsigned defaultInterval = 300;
+  bool noLimits = false;
+  bool json = false;
+};
+
+template <typename Number>
+const char* parse(const char* from, const std::string& text, Number& number, int base = 10) {
+  const auto [end, error] = std::from_chars(from, text.data() + text.size(), number, base);
+  return error == std::errc() ? end : nullptr;
+}
+
+Rate parseRate(const std::string& text) {
+  Rate rate;
+  const char* end = parse(text.data(), text, rate.num);
+  if (end != nullptr && *end == '/') end = parse(end + 1, text, rate.den);
+  if (end == nullptr || *end != '\0' || rate.num <= 0 || rate.den <= 0)
+    throw std::invalid_argument(
+        fmt::format("--rate {}: give N or N/D in bit/s, above 0, as 38014705 or 646250000/17", text));
+  return rate;
+}
+
+void parseInterval(const std::string& text, std::array<unsigned, kTypes>& intervals) {
+  const size_t equals = text.find('=');
+  for (size_t type = 0; equals != std::string::npos && type < kTypes; ++type) {
+    if (text.compare(0, equals, kTypeRows[type].name) != 0) continue;
+    const char* end = parse(text.data() + equals + 1, text, intervals[type]);
+    if (end != nullptr && *end == '\0') return;
+  }
+  throw std::invalid_argument(fmt::format(
+      "--interval {}: give TABLE=TICKS with TABLE one of PAT PMT SDT_C SDT_O NIT_C NIT_O BAT CAT", text));
+}
+
+uint16_t parsePid(const std::string& text) {
+  uint16_t pid = 0;
+  const bool isHex = text.starts_with("0x");
+  const char* end = parse(text.data() + (isHex ? 2 : 0), text, pid, isHex ? 16 : 10);
+  if (end == nullptr || *end != '\0' || pid >= kNullPid) throw std::invalid_argument(text);
+  return pid;
+}
+
+void parseMap(const std::string& text, std::map<uint16_t, uint16_t>& sourceOf) {
+  const size_t equals = text.find('=');
+  try {
+    if (equals == std::string::npos) throw std::invalid_argument(text);
+    sourceOf[parsePid(text.substr(equals + 1))] = parsePid(text.substr(0, equals));
+  } catch (const std::invalid_argument&) {
+    throw std::invalid_argument(fmt::format("--map {}: give SOURCE-PID=PID, as 0x300=0x100", text));
+  }
+}
+
+void readCall(const Call& call, Options& options) {
+  if (!call.rate.empty()) options.rate = parseRate(call.rate);
+  options.intervals.fill(call.defaultInterval);
+  for (const std::string& text : call.intervals) parseInterval(text, options.intervals);
+  for (const std::string& text : call.maps) parseMap(text, options.sourceOf);
+  options.limits = !call.noLimits;
+  if (options.source.empty() != options.sourceOf.empty())
+    throw std::invalid_argument("--source and --map go together: which PIDs of the source are in FILE?");
+  const bool needsRate =
+      !options.psi.empty() || !options.source.empty() || options.constantRate || options.from_s > 0;
+  if (needsRate && !options.rate.known())
+    throw std::invalid_argument(
+        "give the bit rate of FILE with --rate: --psi, --source, --constant-rate and --from need it");
+  if (options.auxHz <= 0) throw std::invalid_argument("--aux-hz: give a rate above 0");
+}
+
+// libdvbpsi joins the start of a new section to one that broke off and reports a bad CRC: what it says counts
+// only where every section is whole.
+void noteLibraryErrors(const Scan& scan, const Decoded& decoded, Faults& faults) {
+  if (scan.cutSections > 0) return;
+  for (const std::string& text : decoded.errors) faults.add("libdvbpsi", text);
+}
+
+Json check(const Options& options, Faults& faults) {
+  Contents contents;
+  const std::optional<PsiCheck> psi =
+      options.psi.empty() ? std::nullopt : std::make_optional<PsiCheck>(options, contents);
+  const auto named = psi ? psi->programmes() : programmes(options.file);
+  std::set<uint16_t> pmtPids;
+  for (const auto& [pid, programme] : named) pmtPids.insert(pid);
+
+  Decoded decoded;
+  TableDecoder decoder(
+      named,
+      [&](const std::string& name, const std::string& content) { decoded.tables[name].insert(content); },
+      [&](const std::string& text) { decoded.errors.push_back(text); });
+  ScanOptions scanOptions;
+  scanOptions.sectionPids = tablePids(pmtPids);
+  scanOptions.everyPid = options.everyPid;
+  scanOptions.allowCut = options.allowCut;
+  scanOptions.onPacket = [&](const Packet& packet) { decoder.push(packet); };
+  if (psi) {
+    scanOptions.marks = true;
+    scanOptions.allowRepeats = false;  // a card sends no packet of a table twice
+    scanOptions.contentPids = pmtPids;
+  }
+  for (const auto& [number, from] : options.sourceOf) scanOptions.payloadPids.insert(number);
+  if (options.from_s > 0)
+    scanOptions.fromPacket = static_cast<uint64_t>(std::ceil(options.from_s / options.rate.seconds(1)));
+  const Scan seen = scan(options.file, scanOptions, contents, faults);
+  noteLibraryErrors(seen, decoded, faults);
+
+  const Rate rate = options.rate.known() ? options.rate : rateByPcr(seen);
+  Json summary = checkStream(options, rate, seen, contents, pmtPids, faults);
+  for (const auto& [name, versions] : decoded.tables) summary["decoded"][name] = *versions.rbegin();
+  if (psi) summary["psi"] = psi->run(seen, decoded, faults);
+  if (!options.source.empty()) summary["streams"] = checkPasses(options, seen, faults);
+  return summary;
+}
+
+// ---- What people read ----
+
+void printStream(const Options& options, const Json& summary) {
+  fmt::print("{}: {} packets, {} of them not null", options.file, summary["packets"].get<uint64_t>(),
+             summary["packets_not_null"].get<uint64_t>());
+  if (summary.contains("bit_rate"))
+    fmt::print(", {:.3f} s at {:.1f} bit/s{}", summary["seconds"].get<double>(),
+               summary["bit_rate"].get<double>(), options.rate.known() ? "" : " by the PCRs");
+  fmt::print("\n");
+  for (const auto& table : summary["repetition"]) {
+    fmt::print("  {:6} PID {:7} {:3} sections", table["table"].get<std::string>(),
+               table["pid"].get<std::string>(), table["sections"].get<uint64_t>());
+    if (table.contains("interval_ms"))
+      fmt::print(", each repeated after {:.1f} to {:.1f} ms, {:.1f} on average",
+                 table["interval_ms"]["min"].get<double>(), table["interval_ms"]["max"].get<double>(),
+                 table["interval_ms"]["mean"].get<double>());
+    fmt::print("\n");
+  }
+  for (const auto& [pid, pcr] : summary["pcr"].items()) {
+    const double error_ns = pcr["absolute_error_ns"].get<double>();
+    fmt::print("  PCR    PID {:7} {} of them, {:.1f} to {:.1f} ms apart, {}\n", pid,
+               pcr["count"].get<uint64_t>(), pcr["interval_ms"]["min"].get<double>(),
+               pcr["interval_ms"]["max"].get<double>(),
+               error_ns < kConstant_ns ? fmt::format("up to {:.0f} ns off at a constant rate", error_ns)
+                                       : "the rate is not constant");
+  }
+  if (!summary.contains("bit_rate")) fmt::print("  No PID has two PCRs: give --rate to have times.\n");
+}
+
+void printFaults(const Faults& faults) {
+  for (const auto& [kind, found] : faults.byKind()) {
+    for (const std::string& text : found.first) fmt::print("fault: {}: {}\n", kind, text);
+    if (found.count > found.first.size())
+      fmt::print("fault: {}: {} more\n", kind, found.count - found.first.size());
+  }
+  if (faults.byKind().empty()) fmt::print("Nothing wrong was found.\n");
+}
+
+int run(const Call& call, Options& options) {
+  readCall(call, options);
+  Faults faults;
+  Json summary = check(options, faults);
+  if (call.json) {
+    summary["faults"] = Json::object();
+    for (const auto& [kind, found] : faults.byKind())
+      summary["faults"][kind] = {{"count", found.count}, {"first", found.first}};
+    fmt::print("{}\n", summary.dump(1));
+  } else {
+    printStream(options, summary);
+    printFaults(faults);
+  }
+  return faults.byKind().empty() ? kOk : kFaulty;
+}
+
+constexpr const char* kDescription =
+    "Checks a transport stream file: sync bytes, continuity, section CRCs, repetition of the tables, PCRs "
+    "and bit rate.\n"
+    "With --psi it also checks the tables against a capture of their source, with --source the programmes.";
+
+constexpr const char* kFooter =
+    R"(Limits: a PAT or PMT section comes again within 0.5 s, SDT (actual) within 2 s, NIT, SDT (other) and BAT within 10 s
+(ETSI TR 101 290), a PCR within 100 ms (ISO/IEC 13818-1). Times need --rate or a PID with two PCRs.
+
+Examples:
+  tscheck capture.ts
+  tscheck capture.ts --json
+  tscheck out.ts --rate 646250000/17 --psi samples/psi-many.ts --interval PAT=100
+  tscheck out.ts --rate 646250000/17 --source four.ts --map 0x300=0x100 --map 0x301=0x101 --constant-rate
+
+Exit code: 0 nothing wrong, 1 faults were found, 2 wrong call or a file that cannot be read.
+)";
+
+}  // namespace
+}  // namespace tscheck
+
+int main(int argc, char** argv) {
+  using namespace tscheck;
+  Options options;
+  Call call;
+  CLI::App app(kDescription, "tscheck");
+  app.footer(kFooter);
+  app.add_option("FILE", options.file, "transport stream of packets of 188 bytes")->required();
+  app.add_option("--rate", call.rate, "its bit rate in bit/s, N or N/D; without it the PCRs tell");
+  app.add_flag("--no-limits", call.noLimits, "measure repetition and PCR interval, but do not judge them");
+  app.add_flag("--constant-rate", options.constantRate,
+               "the rate is constant: PCRs must be right by it, within --tolerance");
+  app.add_option("--tolerance", options.tolerance_ns, "ns that a PCR may be off")->capture_default_str();
+  app.add_option("--from", options.from_s, "skip what comes before, in seconds");
+  app.add_flag("--allow-cut", options.allowCut, "a section may break off where another one starts");
+  app.add_flag("--every-pid", options.everyPid, "every PID but that of null packets carries sections");
+  app.add_flag("--json", call.json, "print what was measured and all kinds of faults as JSON");
+  app.add_option("--psi", options.psi, "capture whose tables FILE must carry, and no others")
+      ->group("Tables of a source");
+  app.add_option("--default-interval", call.defaultInterval, "ticks between two sections of a table")
+      ->capture_default_str()
+      ->group("Tables of a source");
+  app.add_option("--interval", call.intervals, "TABLE=TICKS, where it differs; 0: the table must not be sent")
+      ->group("Tables of a source");
+  app.add_option("--aux-hz", options.auxHz, "ticks a second")
+      ->capture_default_str()
+      ->group("Tables of a source");
+  app.add_flag("--untimed", options.untimed, "do not judge when tables come")->group("Tables of a source");
+  app.add_option("--source", options.source, "file that was played into FILE over and over")
+      ->group("Programmes of a source");
+  app.add_option(
+         "--map", call.maps,
+         "SOURCE-PID=PID: the number that a PID of the source has in FILE. The payload must be the end of a "
+         "pass, whole passes and the start of one; no PCR may have more error added than --tolerance")
+      ->group("Programmes of a source");
+  try {
+    app.parse(argc, argv);
+    return run(call, options);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kOk : kWrongCall;
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "tscheck: {}\n", error.what());
+    return kWrongCall;
+  }
+}

@@ -26,6 +26,7 @@ RECORD_SIZE = 203132
 HANG_SECONDS = 280  # nothing that ends by itself takes this long
 RETRY_SECONDS, TRIES = 2, 30  # a datagram may be lost
 SKIPPED = 77
+LONG = bool(os.environ.get('QAM_LONG'))  # campaigns are long
 
 Run = collections.namedtuple('Run', 'code text report')
 

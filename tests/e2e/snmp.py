@@ -1,19 +1,17 @@
 #!/usr/bin/env python3
 """The SNMP agent as managers meet it: Net-SNMP's programs with names of our MIB, and a client of the tests' own that
-sends what those cannot. `snmp.py ... storm-10000` sends five times as many malformed packets as `storm`."""
+sends what those cannot. With QAM_LONG in the environment ten times as many malformed packets are sent."""
 import itertools
 import json
 import os
 import random
 import re
 import struct
-import sys
 import subprocess
 import time
 
 import harness
 import mib
-import panel
 from alarms import too_much
 from harness import Server, read, record_file, write
 from snmp_client import (COUNTER, END_OF_VIEW, GET, GETBULK, GETNEXT, INTEGER, NO_SUCH_INSTANCE, NO_SUCH_OBJECT, NULL,
@@ -70,9 +68,6 @@ class Agent(Server):
         text = self.case.qamctl(self.address, 'var', 'get', str(slot), '--json', *VARIABLES.values()).text
         return {row['name']: row['value'] for row in json.loads(text)}
 
-    def rows(self, slot):
-        return {VARIABLES[stem]: self.reader.value(instance(slot, stem)) for stem in SUFFIX}
-
     def rf(self, slot):
         return json.loads(self.case.qamctl(self.address, 'rf', str(slot), '--json').text)
 
@@ -82,7 +77,6 @@ class Programs(mib.Tools):
 
     def __init__(self, case):
         super().__init__(case, mib.DEFAULT)
-        self.environment |= {'SNMP_PERSISTENT_DIR': case.path('persistent')}
 
     def ask(self, program, agent, *arguments, codes=(0,)):
         """The address stands where '@' is."""
@@ -116,52 +110,25 @@ def names(case):
             case.equal([row['frequency_khz'] for row in agent.rf(3)], [khz, khz + 8000], 'on the air')
 
 
-EFFECTS = {  # value, where the record has it, what the RF readout says of it
-    'Frequency': (474000, '<I', 16, 'frequency_khz', 474000),
-    'Level': (1055, '<I', 12, 'level_dbuv', 105.5),
-    'SymbolRate': (6000, '<I', 20, 'clock_kbd', 6000),
-    'Constellation': (7, '<B', 24, 'constellation', '256-QAM'),
-    'RfSwitch': (1, '<B', 29, 'verdict', 'off'),
-    'PowerSwitch': (0, '<B', 32, 'verdict', 'off'),
-}
+WRITABLE = ('Constellation', 'Frequency', 'Level', 'RfSwitch', 'PowerSwitch', 'SymbolRate')
 
 
 def effects(case):
-    """A SET of each row is on the air, in the record, and there after a restart; one of row 14 is nowhere."""
+    """A SET is on the air, in the record, and there after a restart; one of row 14 changes nothing."""
     flash = case.flash()
     path = os.path.join(flash, record_file(2))
-    for stem, (value, form, at, field, shown) in EFFECTS.items():
-        if os.path.exists(path):
-            os.remove(path)
-        with Agent(case, flash, slots=(2,)) as agent:
-            case.check(agent.rf(2)[0][field] != shown, f'{field} is {shown} before')
-            case.equal(agent.writer.set((instance(2, stem), number(value))).error, 'noError', f'SET of {stem}')
-            case.equal(agent.rf(2)[0][field], shown, f'{field} after')
-            case.equal(struct.unpack_from(form, read(path), at)[0], value, f'{stem} in the record')
-        with Server(case, flash, '--card', '2') as server:
-            server.wait_started(2)
-            again = json.loads(case.qamctl(server.address, 'rf', '2', '--json').text)
-            case.equal(again[0][field], shown, f'{field} after a restart')
-    os.remove(path)
     with Agent(case, flash, slots=(2,)) as agent:
+        case.equal(agent.writer.set((instance(2, 'Frequency'), number(474000))).error, 'noError', 'SET')
         before = read(path), agent.rf(2)
+        case.equal((struct.unpack_from('<I', before[0], 16)[0], before[1][0]['frequency_khz']), (474000, 474000),
+                   'in the record and on the air')
         case.equal(agent.writer.set((instance(2, 'Ch2PowerSwitch'), number(0))).error, 'noError', 'SET of row 14')
-        case.equal((read(path), agent.rf(2)), before, 'record and readout after it')
-        case.equal(agent.reader.value(instance(2, 'Ch2PowerSwitch')), 15, 'row 14')
-
-
-def agreement(case):
-    """All rows of six cards, each set otherwise, by SNMP, by qamctl and on the front panel."""
-    with Agent(case, case.flash(), slots=range(1, 7)) as agent:
-        for slot in range(1, 7):
-            values = {'Frequency': 400000 + 8000 * slot, 'Level': 950 + 5 * slot, 'Constellation': 5 + slot % 3}
-            answer = agent.writer.set(*((instance(slot, stem), number(value)) for stem, value in values.items()))
-            case.equal(answer.error, 'noError', f'SET of slot {slot}')
-        for slot in range(1, 7):
-            rows = agent.rows(slot)
-            case.equal(rows, agent.variables(slot), f'slot {slot} by SNMP and by qamctl')
-            case.equal(rows['rfreq2'], 408000 + 8000 * slot, f'channel 2 of slot {slot}')
-        panel.Panel(case, agent).go('ok ok down ok down down ok', 'RF Freq', '', '  0408.000MHz')
+        case.equal((read(path), agent.rf(2), agent.reader.value(instance(2, 'Ch2PowerSwitch'))), (*before, 15),
+                   'record, readout and row 14 after it')
+    with Server(case, flash, '--card', '2') as server:
+        server.wait_started(2)
+        again = json.loads(case.qamctl(server.address, 'rf', '2', '--json').text)
+        case.equal(again[0]['frequency_khz'], 474000, 'after a restart')
 
 
 SEEN = [name(text) for text in ('1.3.6.1.2.1.1', '1.3.6.1.2.1.11', mib.DEFAULT, '1.3.6.1.6.3.1.1.6.1',
@@ -249,10 +216,12 @@ def access(case):
             got = programs.ask('snmpset', agent, *flags, '@', target, 'i', str(khz), codes=(0, 1, 2))
             case.equal('INTEGER: ' in got, writes, f'{who} sets: {got}')
             case.equal(read(path) != before, writes, f'{who} changes the record')
-            got = programs.ask('snmpset', agent, *flags, '@', dotted(SYS_NAME), 's', 'mine', codes=(1, 2))
-            case.check(re.search('noAccess' if reads else NOTHING, got), f'{who} sets sysName: {got}')
+            if not reads:
+                continue
+            got = programs.ask('snmpset', agent, *flags, '@', dotted(SYS_NAME), 's', 'mine', codes=(2,))
+            case.check('noAccess' in got, f'{who} sets sysName: {got}')
             got = programs.ask('snmpwalk', agent, *flags, '@', '1.3.6.1.6.3.15.1.2', codes=(0, 1, 2))
-            case.check(re.search(f'No more variables|{NOTHING}', got), f'{who} sees users: {got}')
+            case.check('No more variables' in got, f'{who} sees users: {got}')
         case.equal(agent.reader.value(SYS_NAME), 'headend', 'sysName')
     with Agent(case, flash, writes=False) as agent:
         case.check('write-community is not used' in agent.text(), agent.text())
@@ -373,7 +342,7 @@ def nonsense(chance):
 
     bindings = []
     for _ in range(rarely(1, 0, 2, 4)):
-        oid = instance(rarely(1, 2, 6), chance.choice(list(EFFECTS)))[:rarely(16, 8, 11, 14, 15)]
+        oid = instance(rarely(1, 2, 6), chance.choice(WRITABLE))[:rarely(16, 8, 11, 14, 15)]
         oid += tuple(chance.getrandbits(32) for _ in range(rarely(0, 1, 100)))
         tag = chance.choice((INTEGER, STRING, NULL, OID, COUNTER, 0x30, 0x40, 0x46, 0x80, 0xA0))
         content = chance.randbytes(chance.choice((0, 1, 4, 9, 449, 1000)))
@@ -382,8 +351,8 @@ def nonsense(chance):
                    chance.getrandbits(31), rarely(0, 1, -1, 2 ** 31 - 1), rarely(0, 1, 5, -1), rarely(1, 0, 2, 3))
 
 
-def storm(case, count=2000):
-    """Malformed packets and nonsense, while a manager goes on asking."""
+def storm(case, count=10000 if harness.LONG else 1000):
+    """Malformed packets and nonsense, while a manager continues to ask."""
     programs, chance, flash = Programs(case), random.Random(8), case.flash()
     path = os.path.join(flash, record_file(1))
     with Agent(case, flash) as agent:
@@ -404,8 +373,8 @@ def storm(case, count=2000):
 
 
 def restart(case):
-    """A manager that knows the engine from its last power-up, when it had run for 500 s, goes on; and would not, had
-    the boots not risen."""
+    """A manager that knows the engine from its last power-up, when it had run for 500 s, is answered; it would not be if
+    the boots had not risen."""
     programs, flash = Programs(case), case.flash()
     path = os.path.join(flash, ENGINE)
     session = os.path.join(os.path.dirname(case.args.headend), '..', 'tests', 'e2e', 'snmp_session')
@@ -592,10 +561,12 @@ def files(case):
 
 
 CASES = {
-    'names': names, 'effects': effects, 'agreement': agreement, 'order': order, 'access': access, 'refusals': refusals,
-    'bad-sets': bad_sets, 'storm': storm, 'restart': restart, 'traps': traps, 'lost': lost, 'decoded': decoded,
-    'files': files}
+    'programs-know-the-objects-by-name': names, 'a-set-is-on-the-air-and-survives-a-restart': effects,
+    'a-walk-sees-all-in-order-and-nothing-of-the-host': order, 'only-the-named-read-and-set': access,
+    'starts-that-open-too-much-are-refused': refusals, 'bad-sets-change-nothing': bad_sets,
+    'malformed-packets-harm-nothing': storm, 'managers-continue-after-a-restart': restart,
+    'receivers-get-each-alarm': traps, 'a-card-that-hangs-delays-no-other': lost,
+    'tshark-reads-what-was-sent': decoded, 'the-agent-reads-no-file-of-the-machine': files}
 
 if __name__ == '__main__':
-    campaign = {} if '--list' in sys.argv else {'storm-10000': lambda case: storm(case, 10000)}
-    harness.main(CASES | campaign)
+    harness.main(CASES)

@@ -111,7 +111,8 @@ def dac_bytes(case, file):
                                               'mosi-data')]
 
 
-CASES = {'bytes': bytes_of_nobodys_library, 'power-cut': power_cut, 'lines': on_the_lines}
+CASES = {'bytes-written-outlive-a-kill': bytes_of_nobodys_library, 'a-power-cut-harms-no-byte': power_cut,
+         'decoders-read-the-transfers': on_the_lines}
 
 if __name__ == '__main__':
     harness.main(CASES)

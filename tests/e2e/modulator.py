@@ -79,7 +79,8 @@ def qamctl(case):
     case.equal(report['semaphore_waits'], [], 'waits')
 
 
-CASES = {'settings': settings, 'times': times, 'qamctl': qamctl}
+CASES = {'settings-are-on-the-air-and-survive-a-restart': settings, 'settings-and-faults-act-at-their-times': times,
+         'qamctl-sets-a-running-card': qamctl}
 
 if __name__ == '__main__':
     harness.main(CASES)

@@ -56,7 +56,7 @@ void rebuild(QamCardPara& para, u8 slot, u8 port, const std::string& store) {
 
 // What a tick posts to a queue with so much room.
 std::vector<u32> tick(u8 slot, u8 port, int room = 256) {
-  os::MsgQ& queue = *g_qam_PsiSendQ_ID[slot][port];
+  Queue& queue = Queue::of(g_qam_PsiSendQ_ID[slot][port]);
   queue.messages.clear();
   queue.room = room;
   qamIntr(slot);
@@ -99,7 +99,7 @@ TEST_P(Carousel, PostsAtItsTicks) {
     for (const u32 index : tick(row.slot, row.port)) posts.push_back(fmt::format("{}:{}", t, index));
   }
   EXPECT_EQ(fmt::format("{}", fmt::join(posts, " ")), row.posts);
-  EXPECT_EQ(g_qam_PsiSendQ_ID[row.slot][1 - row.port]->messages.size(), 0U);
+  EXPECT_EQ(Queue::of(g_qam_PsiSendQ_ID[row.slot][1 - row.port]).messages.size(), 0U);
 }
 
 // Module and model side by side: `disturb` says what happens before a tick and how much room the queue has.

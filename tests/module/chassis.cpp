@@ -91,7 +91,7 @@ void PrintTo(const Access& access, std::ostream* out) {
 FakeChassis::FakeChassis() {
   current = this;
   chassis::head = nullptr;
-  chassis::pbbFpgaIf = &mainBoard_;
+  chassis::pbbFpgaIf = reinterpret_cast<bbFpga_t*>(mainBoard_);
 }
 
 FakeChassis::~FakeChassis() {
@@ -109,6 +109,22 @@ QamCardPara* FakeChassis::start(u8 slotNo) {
   return GetQamCardParaFromList(slotNo);
 }
 
+Lines FakeChassis::landmarks() const {
+  static const Lines devices{"cdce925", "lo1", "lo2", "att", "rf_off", "nrst"};
+  Lines all;
+  for (const std::string& step : steps) {
+    if (step.find('=') == std::string::npos && !step.ends_with("lock")) continue;
+    const auto device = std::find_if(devices.begin(), devices.end(),
+                                     [&](const std::string& name) { return step.starts_with(name); });
+    if (device == devices.end()) {
+      all.push_back(step);
+    } else if (all.empty() || all.back() != *device) {
+      all.push_back(*device);
+    }
+  }
+  return all;
+}
+
 bool FakeChassis::runs(const std::function<void()>& body) {
   if (setjmp(wayOut_) != 0) return false;
   body();
@@ -124,22 +140,27 @@ void* FakeChassis::busAddress(u32 address) {
   return windows_ + (address - kWindows) / 2;
 }
 
+u16& FakeChassis::held(u32 address) {
+  return address >= kWindows ? windows_[(address - kWindows) / 2] : mainBoard_[(address - kMainBoard) / 2];
+}
+
 u16 FakeChassis::read(const volatile void* reg) {
   const u32 address = addressOf(reg);
-  const bool isCards = address >= kWindows;
-  const u16 value = onRead ? onRead(address) : isCards ? windows_[(address - kWindows) / 2] : u16{0};
+  now += 100;
+  const std::optional<u16> answer = onRead ? onRead(address) : std::nullopt;
+  const u16 value = answer.value_or(held(address));
   accesses.push_back({'r', address, value});
-  if (isCards) steps.push_back(fmt::format("{}?", headend::cardRegister(address & 0x1FF).name));
+  if (address >= kWindows) steps.push_back(fmt::format("{}?", headend::cardRegister(address & 0x1FF).name));
   return value;
 }
 
 void FakeChassis::write(volatile void* reg, u16 value) {
   const u32 address = addressOf(reg);
+  now += 100;
   accesses.push_back({'w', address, value});
-  if (address >= kWindows) {
-    windows_[(address - kWindows) / 2] = value;
+  held(address) = value;
+  if (address >= kWindows)
     steps.push_back(fmt::format("{}={}", headend::cardRegister(address & 0x1FF).name, value));
-  }
   if (onWrite) onWrite(address, value);
 }
 
@@ -147,7 +168,7 @@ u32 FakeChassis::addressOf(const volatile void* reg) const {
   const auto at = reinterpret_cast<std::uintptr_t>(reg);
   const auto windows = reinterpret_cast<std::uintptr_t>(windows_);
   if (at >= windows && at < windows + sizeof windows_) return kWindows + static_cast<u32>(at - windows);
-  return kMainBoard + static_cast<u32>(at - reinterpret_cast<std::uintptr_t>(&mainBoard_));
+  return kMainBoard + static_cast<u32>(at - reinterpret_cast<std::uintptr_t>(mainBoard_));
 }
 
 }  // namespace test
@@ -237,6 +258,7 @@ int close(int s) {
 }
 
 void countingLoop(u32 turns) {
+  current->now += 10 * std::int64_t{turns};
   current->steps.push_back(fmt::format("{} turns", turns));
 }
 
@@ -254,6 +276,7 @@ int taskDelay(int ticks) {
   if (current->onCall) current->onCall("delay");
   current->note(fmt::format("delay {}", ticks));
   current->steps.push_back(fmt::format("{} ticks", ticks));
+  current->now += 1'000'000'000LL * ticks / current->tickHz;
   return OK;
 }
 
@@ -283,26 +306,29 @@ int sysClkRateGet() {
 MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options) {
   current->note(fmt::format("queue {} {} {}", maxMsgs, maxMsgLength, options));
   if (!current->queuesToBeHad) return nullptr;
-  return current->queues.emplace_back(std::make_unique<MsgQ>()).get();
+  return current->queues.emplace_back(std::make_unique<test::Queue>())->handle();
 }
 
-int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int priority) {
+int msgQSend(MSG_Q_ID handle, char* buffer, unsigned length, int timeout, int priority) {
   EXPECT_EQ(length, 4U);
   EXPECT_EQ(timeout, NO_WAIT) << "an interrupt routine cannot wait";
   EXPECT_EQ(priority, MSG_PRI_NORMAL);
-  if (queue->room == 0) return ERROR;
-  --queue->room;
-  std::memcpy(&queue->messages.emplace_back(), buffer, sizeof(u32));
+  test::Queue& queue = test::Queue::of(handle);
+  if (queue.room == 0) return ERROR;
+  --queue.room;
+  std::memcpy(&queue.messages.emplace_back(), buffer, sizeof(u32));
   return OK;
 }
 
-int msgQReceive(MSG_Q_ID queue, char* buffer, unsigned maxLength, int timeout) {
+int msgQReceive(MSG_Q_ID handle, char* buffer, unsigned maxLength, int timeout) {
   EXPECT_EQ(maxLength, 4U);
-  if (timeout == NO_WAIT && (queue == nullptr || queue->messages.empty())) return ERROR;
   EXPECT_TRUE(timeout == NO_WAIT || timeout == WAIT_FOREVER);
-  if (queue->messages.empty()) current->leave();
-  std::memcpy(buffer, &queue->messages.front(), sizeof(u32));
-  queue->messages.erase(queue->messages.begin());
+  test::Queue& queue = test::Queue::of(handle);
+  const bool empty = handle == nullptr || queue.messages.empty();
+  if (empty && timeout == NO_WAIT) return ERROR;
+  if (empty) current->leave();
+  std::memcpy(buffer, &queue.messages.front(), sizeof(u32));
+  queue.messages.erase(queue.messages.begin());
   return sizeof(u32);
 }
 
@@ -398,9 +424,11 @@ u8 out_port_to_mbrd_out(u8 slotNo, u8 port) {
 }
 
 void Delay5us() {
+  current->now += 5'000;
   current->steps.emplace_back("5us");
 }
 void delay5us() {
+  current->now += 5'000;
   current->steps.emplace_back("5us'");
 }
 void Dog() {

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <csetjmp>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <functional>
@@ -27,12 +28,6 @@
 #include "platform/chassis.h"
 #include "platform/kernel.h"
 #include "platform/mainboard.h"
-
-// The tests' queue: what was sent, and how much more fits.
-struct os::MsgQ {
-  std::vector<u32> messages;
-  int room = 256;
-};
 
 namespace test {
 
@@ -55,6 +50,15 @@ struct Access {
   bool operator==(const Access&) const = default;
 };
 void PrintTo(const Access& access, std::ostream* out);
+
+// What stands behind a queue's handle: what was sent, and how much more fits.
+struct Queue {
+  std::vector<u32> messages;
+  int room = 256;
+
+  os::MSG_Q_ID handle() { return reinterpret_cast<os::MSG_Q_ID>(this); }
+  static Queue& of(os::MSG_Q_ID handle) { return *reinterpret_cast<Queue*>(handle); }
+};
 
 struct FailedCheck {
   std::string text, unit;
@@ -80,9 +84,9 @@ class FakeChassis {
   int heapBlocks = std::numeric_limits<int>::max();  // allocations until the heap is exhausted
   u8 heapFill = 0xA7;
   bool queuesToBeHad = true;
-  bool stopsAtChecks = false;              // a failed check ends `runs`
-  std::function<u16(u32 address)> onRead;  // a register's value; empty: a card's as written, else 0
-  std::function<void(u32, u16)> onWrite;   // the model's view of writes
+  bool stopsAtChecks = false;                             // a failed check ends `runs`
+  std::function<std::optional<u16>(u32 address)> onRead;  // a register's value; none: as written
+  std::function<void(u32 address, u16 value)> onWrite;
   bool socketsToBeHad = true;
   bool portsToBeHad = true;
   std::deque<std::optional<Bytes>>
@@ -97,9 +101,10 @@ class FakeChassis {
   // Every access to a card's window, wait and lock, in short: "nrst=3", "ad7414_scl?", "5us", "5us'"
   // (delay5us), "dog", "1000 turns", "10 ticks", "lock".
   Lines steps;
+  std::int64_t now = 0;  // nanoseconds: what accesses, waits and loops have taken
   std::vector<FailedCheck> checks;
   std::vector<Task> tasks;
-  std::vector<std::unique_ptr<os::MsgQ>> queues;
+  std::vector<std::unique_ptr<Queue>> queues;
   const chassis::bc_var* variables = nullptr;  // the table registered last
   std::vector<u32> mibBase;                    // of the rows registered last
   std::vector<chassis::variable4> mibRows;
@@ -107,6 +112,10 @@ class FakeChassis {
   std::set<std::tuple<int, int, int>> alarms;                             // that stand: slot, port, type
   std::set<void*> blocks;                                                 // allocated and not freed
   std::set<std::FILE*> openFiles;
+
+  // The steps in short: locks, and of each run of writes to one device (clock generator, oscillators,
+  // attenuator, modulator's rate and reset) its name, of any other register each write.
+  Lines landmarks() const;
 
   // Registers and starts a card whose FPGA needs no bitstream; the record. Leaves `log` empty.
   QamCardPara* start(u8 slotNo);
@@ -123,8 +132,10 @@ class FakeChassis {
 
  private:
   std::jmp_buf wayOut_{};
+  u16& held(u32 address);
+
   alignas(Reg16) u16 windows_[0x1100] = {};
-  bbFpga_t mainBoard_;
+  alignas(Reg16) u16 mainBoard_[sizeof(bbFpga_t) / 2] = {};
 };
 
 class ModuleTest : public ::testing::Test {

@@ -1,138 +1,176 @@
 // What the routines of the card's devices do to their lines, step by step: levels, looks, waits, kicks.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <limits>
 
 #include "card/QamFpga.h"
+#include "headend/hardware/card_registers.h"
 #include "hw/Cdce925.h"
 #include "hw/Qam_set.h"
+#include "hw/X24cxx.h"
 #include "hw/ad7414.h"
 #include "hw/adf4113.h"
 #include "tests/module/chassis.h"
 
 namespace test {
-
-struct BusStep {
-  const char* name;
-  std::function<void()> routine;
-  std::string steps;
-};
-
-struct Words {
-  const char* name;
-  std::function<void()> routine;
-  const char* lines;  // prefix of the synthesizer's registers
-  std::vector<u32> words;
-  int band;  // q1_12v_ctrl, -1 where it is left alone
-};
-
-struct SymbolRate {
-  const char* name;
-  i32 kBd;
-  u32 word;
-};
-
-struct Level {
-  const char* name;
-  u32 level, rf_kHz, word;
-};
-
 namespace {
 
-// D and C are a bus's data and clock line, 5 and ' the two waits of 5 us, k a kick of the watchdog.
-std::string brief(const Lines& steps) {
-  const std::map<std::string, std::string> names{{"5us", "5"},
-                                                 {"5us'", "'"},
-                                                 {"dog", "k"},
-                                                 {"cdce925_sda?", "d?"},
-                                                 {"cdce925_scl?", "c?"},
-                                                 {"cdce925_sda=0", "D0"},
-                                                 {"cdce925_sda=1", "D1"},
-                                                 {"cdce925_scl=0", "C0"},
-                                                 {"cdce925_scl=1", "C1"},
-                                                 {"ext_ad7414_sda?", "d?"},
-                                                 {"ext_ad7414_scl?", "c?"},
-                                                 {"ext_ad7414_sda=0", "D0"},
-                                                 {"ext_ad7414_sda=1", "D1"},
-                                                 {"ext_ad7414_scl=0", "C0"},
-                                                 {"ext_ad7414_scl=1", "C1"}};
-  std::string text;
-  for (const std::string& step : steps) {
-    const auto found = names.find(step);
-    text += (text.empty() ? "" : " ") + (found == names.end() ? step : found->second);
-  }
+using Devices = ModuleTest;
+
+// ---- The I2C buses ----
+
+// The single steps of a bus, on any slot.
+struct Bus {
+  const char* name;
+  std::string data, clock;
+  bool anyLevelIsHigh, slowFall, pacedSend;
+  void (*start)(u8);
+  void (*stop)(u8);
+  void (*sendAddress)(u8, u8 device, u8 address);
+  void (*send)(u8, u8);
+  void (*takeAcknowledge)(u8, u8 waits);
+  u8 (*receive)(u8);
+  void (*giveAcknowledge)(u8, u8);
+  void (*setClock)(u8, u8);
+  void (*setData)(u8, u8);
+  u8 (*clockLevel)(u8);
+  u8 (*dataLevel)(u8);
+};
+
+template <u8 kPlace>
+Bus sensorBus(const char* name, const std::string& prefix) {
+  return {name,
+          prefix + "_sda",
+          prefix + "_scl",
+          false,
+          false,
+          false,
+          [](u8 slot) { ad7414_start(slot, kPlace); },
+          [](u8 slot) { ad7414_stop(slot, kPlace); },
+          [](u8 slot, u8 device, u8 address) { ad7414_sendA(slot, device, address, kPlace); },
+          [](u8 slot, u8 byte) { ad7414_send(slot, byte, kPlace); },
+          [](u8 slot, u8 waits) { ad7414_wack(slot, waits, kPlace); },
+          [](u8 slot) { return ad7414_receive(slot, kPlace); },
+          [](u8 slot, u8 gives) { ad7414_ack(slot, gives, kPlace); },
+          [](u8 slot, u8 level) { WSCL_AD7414(slot, level, kPlace); },
+          [](u8 slot, u8 level) { WSDA_AD7414(slot, level, kPlace); },
+          [](u8 slot) { return RSCL_AD7414(slot, kPlace); },
+          [](u8 slot) { return RSDA_AD7414(slot, kPlace); }};
+}
+
+const Bus kBuses[] = {
+    sensorBus<1>("sensor 1", "ad7414"),
+    sensorBus<2>("sensor 2", "ext_ad7414"),
+    {"clock generator", "cdce925_sda", "cdce925_scl", false, true, true, CdceStart, CdceStop, CdceSendA,
+     CdceSend, CdceWack, CdceReceive, CdceAck, WsclCdce, WsdaCdce, RsclCdce, RsdaCdce},
+    {"EEPROM", "X24C16SDA", "X24C16SCL", true, false, false, x24c16_start, x24c16_stop, x24c16_sendA,
+     x24c16_send, x24c16_wack, x24c16_receive, x24c16_ack, WSCL_X24C16, WSDA_X24C16, RSCL_X24C16,
+     RSDA_X24C16}};
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+}
+
+// The steps in words. A change of a line stands between two waits of 5 us, a rise of the clock is looked at;
+// whatever is not as drawn stays a step among the words.
+std::string inWords(const Bus& bus, const Lines& steps) {
+  std::string text = fmt::format("{}", fmt::join(steps, " "));
+  const std::pair<std::string, std::string> words[] = {
+      {"5us " + bus.data + (bus.slowFall ? "=0 5us 5us" : "=0 5us"), "low"},
+      {"5us " + bus.data + "=1 5us", "high"},
+      {"5us " + bus.clock + "=0 5us", "fall"},
+      {"5us " + bus.clock + "=1 5us " + bus.clock + "?", "rise"},
+      {"5us " + bus.clock + "=1 5us", "unwatched"},
+      {bus.data + "?", "look"},
+      {"5us' dog unwatched 5us' fall 5us' dog", "paced pulse"},
+      {"rise fall", "pulse"},
+      {"high rise low fall", "start"},
+      {"low fall rise high", "stop"},
+      {"rise look fall", "read"},
+      {"low pulse", "0"},
+      {"high pulse", "1"}};
+  for (const auto& [drawn, word] : words) replaceAll(text, drawn, word);
   return text;
 }
 
-std::string times(int count, const std::string& text) {
-  std::string all;
-  for (int i = 0; i < count; ++i) all += text;
-  return all;
+// A byte on its way to the slave.
+std::string sent(const Bus& bus, u8 byte) {
+  std::string text;
+  for (int bit = 7; bit >= 0; --bit) {
+    const bool one = (byte >> bit & 1) != 0;
+    text += bus.pacedSend ? (one ? "high paced pulse " : "low paced pulse ") : (one ? "1 " : "0 ");
+  }
+  return text + "high";
 }
 
-const std::string kClock = "5 C1 5 c? 5 C0 5";
-const std::string kPacedClock = " ' k 5 C1 5 ' 5 C0 5 ' k ";
-
-class Bus : public ModuleTest, public ::testing::WithParamInterface<BusStep> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    ClockGenerator, Bus,
-    ::testing::Values(BusStep{"Start", [] { CdceStart(0); }, "5 D1 5 5 C1 5 c? 5 D0 5 5 5 C0 5"},
-                      BusStep{"Stop", [] { CdceStop(0); }, "5 D0 5 5 5 C0 5 5 C1 5 c? 5 D1 5"},
-                      BusStep{"Send", [] { CdceSend(0, 0x40); },
-                              "5 D0 5 5" + kPacedClock + "5 D1 5" + kPacedClock +
-                                  times(6, "5 D0 5 5" + kPacedClock) + "5 D1 5"},
-                      BusStep{"WaitForAcknowledge", [] { WsdaCdce(0, 0), CdceWack(0, 1); },
-                              "5 D0 5 5 d? " + kClock},
-                      BusStep{"ClockAcknowledge", [] { CdceWack(0, 0); }, "20 turns " + kClock},
-                      BusStep{"Receive", [] { EXPECT_EQ(CdceReceive(0), 0xFF); },
-                              "5 D1 5" + times(8, " 5 C1 5 c? d? 5 C0 5")},
-                      BusStep{"Acknowledge", [] { CdceAck(0, 1); }, "5 D0 5 5 " + kClock + " 5 D1 5"},
-                      BusStep{"WithholdAcknowledge", [] { CdceAck(0, 0); }, "5 D1 5 " + kClock + " 5 D1 5"}),
-    kRowName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Sensor, Bus,
-    ::testing::Values(BusStep{"Start", [] { ad7414_start(0, 2); }, "5 D1 5 5 C1 5 c? 5 D0 5 5 C0 5"},
-                      BusStep{"Send", [] { ad7414_send(0, 0x40, 2); },
-                              "5 D0 5 " + kClock + " 5 D1 5 " + kClock + times(6, " 5 D0 5 " + kClock) +
-                                  " 5 D1 5"},
-                      BusStep{"Acknowledge", [] { ad7414_ack(0, 1, 2); }, "5 D0 5 " + kClock + " 5 D1 5"},
-                      BusStep{"ThatIsNone",
-                              [] {
-                                ad7414_start(0, 3);
-                                EXPECT_EQ(RSDA_AD7414(0, 3), 1);
-                              },
-                              "5 5 5 5 5 5 5 5"}),
-    kRowName);
-
-TEST_P(Bus, TakesItsSteps) {
+TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
   fake.start(0);
-  GetParam().routine();
-  EXPECT_EQ(brief(fake.steps), GetParam().steps);
+  for (const Bus& bus : kBuses) {
+    SCOPED_TRACE(bus.name);
+    // What the slave has on its data line, look by look; a high line after that.
+    std::string slave;
+    fake.onRead = [&](u32 address) -> std::optional<u16> {
+      if (headend::cardRegister(address & 0x1FF).name != bus.data || slave.empty()) return {};
+      const u16 level = slave.front() == '1' ? 1 : 0;
+      slave.erase(0, 1);
+      return level;
+    };
+    const auto stepsOf = [&](const std::string& answers, const std::function<void()>& step) {
+      slave = answers;
+      fake.steps.clear();
+      step();
+      return inWords(bus, fake.steps);
+    };
+    EXPECT_EQ(stepsOf("", [&] { bus.start(0); }), "start");
+    EXPECT_EQ(stepsOf("", [&] { bus.stop(0); }), "stop");
+    EXPECT_EQ(stepsOf("", [&] { bus.send(0, 0x4D); }), sent(bus, 0x4D));
+    EXPECT_EQ(stepsOf("10", [&] { bus.sendAddress(0, 0x94, 0x31); }),
+              "start " + sent(bus, 0x94) + " look look pulse " + sent(bus, 0x31));
+    EXPECT_EQ(stepsOf("110", [&] { bus.takeAcknowledge(0, 1); }), "look look look pulse");
+    EXPECT_EQ(stepsOf("", [&] { bus.takeAcknowledge(0, 0); }), "20 turns pulse");
+    EXPECT_EQ(stepsOf("10110010", [&] { EXPECT_EQ(bus.receive(0), 0xB2); }),
+              "high read read read read read read read read");
+    EXPECT_EQ(stepsOf("", [&] { bus.giveAcknowledge(0, 1); }), "0 high");
+    EXPECT_EQ(stepsOf("", [&] { bus.giveAcknowledge(0, 0); }), "1 high");
+    EXPECT_EQ(stepsOf("", [&] { bus.setClock(0, 0), bus.setClock(0, 1); }), "fall unwatched");
+    EXPECT_EQ(stepsOf("", [&] { bus.setData(0, 0), bus.setData(0, 1); }), "low high");
+    EXPECT_EQ(stepsOf("10",
+                      [&] {
+                        EXPECT_EQ(bus.dataLevel(0), 1);
+                        EXPECT_EQ(bus.dataLevel(0), 0);
+                        EXPECT_EQ(bus.clockLevel(0), 1);
+                      }),
+              "look look " + bus.clock + "?");
+
+    std::string unanswered;
+    for (int i = 0; i < 200; ++i) unanswered += "look ";
+    EXPECT_EQ(stepsOf("", [&] { bus.takeAcknowledge(0, 1); }), unanswered + "pulse");
+
+    // A clock that is held low is looked at for ever. Which other value is a high one differs.
+    int looks = 0;
+    fake.onRead = [&](u32) { return ++looks == 1000 ? u16{1} : looks % 2 != 0 ? u16{0} : u16{0x80}; };
+    bus.stop(0);
+    EXPECT_EQ(looks, bus.anyLevelIsHigh ? 2 : 1000);
+  }
 }
 
-TEST_F(ModuleTest, BusesLookForAnAcknowledgeTwoHundredTimesAndForAHighClockForEver) {
+TEST_F(Devices, ASensorThatThereIsNotIsAnIdleBus) {
   fake.start(0);
-  WsdaCdce(0, 1);
-  fake.steps.clear();
-  CdceWack(0, 1);
-  EXPECT_EQ(brief(fake.steps), times(200, "d? ") + kClock);
-
-  // A register that is not the line's reads all ones: neither that nor 0 is a high clock.
-  int looks = 0;
-  fake.onRead = [&](u32) { return ++looks == 1000 ? u16{1} : looks % 2 != 0 ? u16{0} : u16{0xFFFF}; };
-  CdceStop(0);
-  EXPECT_EQ(looks, 1000);
+  const Bus none = sensorBus<3>("none", "none");
+  none.start(0);
+  EXPECT_EQ(fake.steps, Lines(8, "5us"));
+  EXPECT_EQ(none.dataLevel(0), 1);
 }
 
 // The conversion takes 29 us; a kick of the watchdog stands in each of a hundred waits for it.
-TEST_F(ModuleTest, AReadingOrdersAConversionWaitsAndFetchesWithTasksHeldOff) {
+TEST_F(Devices, AReadingOrdersAConversionWaitsAndFetchesWithTasksHeldOff) {
   fake.start(0);
   const auto stepsOf = [&](const std::function<void()>& routine) {
     fake.steps.clear();
     routine();
-    return brief(fake.steps);
+    return fake.steps;
   };
   u8 read[2] = {};
   EXPECT_EQ(stepsOf([] { get_temper(0, 2); }), stepsOf([&] {
@@ -144,57 +182,7 @@ TEST_F(ModuleTest, AReadingOrdersAConversionWaitsAndFetchesWithTasksHeldOff) {
             }));
 }
 
-// ---- Synthesizers ----
-
-class Synthesizer : public ModuleTest, public ::testing::WithParamInterface<Words> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    Word, Synthesizer,
-    ::testing::Values(
-        Words{"FirstOscillator", [] { SetLO1Freq(0); }, "lo1_", {0x9F8096, 0x001040, 0x0AA501, 0x9F8092}, -1},
-        Words{"Rf474", [] { SetFreq(0, 474000); }, "lo2_q1_", {0x9F8016, 0x001040, 0x0F5001, 0x9F8012}, 1},
-        // n = 208000, 2.6 GHz to the Hz: the lower band's last
-        Words{"LastOfTheLowerBand",
-              [] { SetFreq(0, 1506000); },
-              "lo2_q1_",
-              {0x9F8016, 0x001040, 6500 << 8 | 1, 0x9F8012},
-              1},
-        Words{"FirstOfTheUpperBand",
-              [] { SetFreq(0, 1506001); },
-              "lo2_q1_",
-              {0x9F8016, 0x001040, 6500 << 8 | 1, 0x9F8012},
-              0},
-        // 1568006250 Hz lies between two steps: n = 125441
-        Words{"HalfAStepGoesUp",
-              [] { set_pll(1, 2, 0, 1568006250, 0); },
-              "lo2_q1_",
-              {0x9F8016, 0x001040, 3920 << 8 | 1 << 2 | 1, 0x9F8012},
-              -1},
-        Words{"Prescaler8",
-              [] { set_pll(0, 0, 0, 100000000, 0); },
-              "lo1_",
-              {0x1F8016, 0x001040, 1000 << 8 | 1, 0x1F8012},
-              -1},
-        Words{"NoSuchSynthesizer", [] { set_pll(2, 2, 0, 1568000000, 0); }, "none", {}, -1}),
-    kRowName);
-
-TEST_P(Synthesizer, GetsItsLatchesMostSignificantBitFirst) {
-  fake.start(0);
-  GetParam().routine();
-  const std::string lines = GetParam().lines;
-  Lines expected;
-  if (GetParam().band >= 0) expected.push_back(fmt::format("q1_12v_ctrl={}", GetParam().band));
-  for (const u32 word : GetParam().words) {
-    for (int bit = 23; bit >= 0; --bit) {
-      expected.insert(expected.end(),
-                      {lines + "clk=0", fmt::format("{}dat={}", lines, word >> bit & 1), lines + "clk=1"});
-    }
-    expected.insert(expected.end(), {lines + "le=0", lines + "le=1", lines + "le=0"});
-  }
-  EXPECT_EQ(fake.steps, expected);
-}
-
-// ---- Settings ----
+// ---- Synthesizers and attenuator ----
 
 const Lines kDelay{"1000 turns", "dog"};
 
@@ -204,110 +192,146 @@ Lines join(std::initializer_list<Lines> parts) {
   return all;
 }
 
-const Lines kResets = join({{"nrst=3"},
-                            kDelay,
-                            {"nrst=2", "1 ticks", "nrst=3"},
-                            kDelay,
-                            {"nrst=3"},
-                            kDelay,
-                            {"nrst=1", "1 ticks", "nrst=3"},
-                            kDelay});
-
-class ModulatorRate : public ModuleTest, public ::testing::WithParamInterface<SymbolRate> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    kBd, ModulatorRate,
-    ::testing::Values(SymbolRate{"5000", 5000, 0x00CCCCCC}, SymbolRate{"6000", 6000, 0x00AAAAAA},
-                      SymbolRate{"6875", 6875, 0x0094F209}, SymbolRate{"7000", 7000, 0x00924924},
-                      // 67108864000 and its halves, to the low 32 bits
-                      SymbolRate{"1", 1, 0xA0000000}, SymbolRate{"2", 2, 0xD0000000},
-                      SymbolRate{"Minus1", -1, 0x60000000}, SymbolRate{"3000000", 3000000, 22369},
-                      SymbolRate{"Lowest", std::numeric_limits<i32>::min(), 0xFFFFFFE1}),
-    kRowName);
-
-TEST_P(ModulatorRate, GoesOutInFourBytesBeforeAReset) {
-  fake.start(0);
-  symbolrateinfpga(GetParam().kBd, 0);
-  const u32 word = GetParam().word;
-  EXPECT_EQ(fake.steps,
-            join({{fmt::format("rf_off_hh={}", word >> 24), fmt::format("rf_off_hl={}", word >> 16 & 0xFF),
-                   fmt::format("rf_off_lh={}", word >> 8 & 0xFF), fmt::format("rf_off_ll={}", word & 0xFF)},
-                  kResets}));
+// A word on its way into a latch, most significant bit first, with a pause after each change of a line.
+Lines latched(const std::string& device, int bits, u32 word, const Lines& pause) {
+  Lines steps;
+  for (int bit = bits - 1; bit >= 0; --bit) {
+    // The attenuator's line takes bit 0 of what is written.
+    const u32 level = device == "att_q1" ? word >> bit : word >> bit & 1;
+    steps = join({steps,
+                  {device + "_clk=0"},
+                  pause,
+                  {fmt::format("{}_dat={}", device, level)},
+                  pause,
+                  {device + "_clk=1"},
+                  pause});
+  }
+  return join({steps, {device + "_le=0"}, pause, {device + "_le=1"}, pause, {device + "_le=0"}, pause});
 }
 
-TEST_F(ModuleTest, ASymbolRateOfZeroLeavesTheModulatorAlone) {
+TEST_F(Devices, SynthesizersGetTheirLatches) {
+  struct Row {
+    const char* name;
+    std::function<void()> routine;
+    const char* device;
+    std::vector<u32> words;
+    Lines band;
+  };
+  const Lines lower{"q1_12v_ctrl=1"}, upper{"q1_12v_ctrl=0"};
+  constexpr u32 kFunction = 0x9F8012;
+  const auto latches = [](u32 b, u32 a, u32 function) {
+    return std::vector<u32>{function | 4, 0x001040, b << 8 | a << 2 | 1, function};
+  };
+  const Row rows[] = {
+      {"first oscillator", [] { SetLO1Freq(0); }, "lo1", latches(2725, 0, kFunction | 0x80), {}},
+      {"474 MHz", [] { SetFreq(0, 474000); }, "lo2_q1", latches(3920, 0, kFunction), lower},
+      // 2.6 GHz to the Hz, and a kHz above
+      {"end of lower band", [] { SetFreq(0, 1506000); }, "lo2_q1", latches(6500, 0, kFunction), lower},
+      {"start of upper band", [] { SetFreq(0, 1506001); }, "lo2_q1", latches(6500, 0, kFunction), upper},
+      {"half a step up", [] { set_pll(1, 2, 0, 1568006250, 0); }, "lo2_q1", latches(3920, 1, kFunction), {}},
+      {"prescaler 8", [] { set_pll(0, 0, 0, 100000000, 0); }, "lo1", latches(1000, 0, 0x1F8012), {}},
+      {"no such synthesizer", [] { set_pll(2, 2, 0, 1568000000, 0); }, "none", {}, {}},
+  };
   fake.start(0);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    fake.steps.clear();
+    row.routine();
+    Lines expected = row.band;
+    for (const u32 word : row.words) expected = join({expected, latched(row.device, 24, word, {})});
+    EXPECT_EQ(fake.steps, expected);
+  }
+  for (const int length : {0, 1, 32, 33}) {
+    fake.steps.clear();
+    latch_write(0, 0, 0xA5A5A5A5, length);
+    const bool fits = length == 1 || length == 32;
+    EXPECT_EQ(fake.steps, fits ? latched("lo1", length, 0xA5A5A5A5, {}) : Lines{}) << length << " bits";
+  }
+}
+
+TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator) {
+  struct Row {
+    u16 level;
+    u32 rf_kHz, word;
+  };
+  QamCardPara* record = fake.start(0);
+  SetRfLevel(1, 1000);
+  EXPECT_EQ(fake.steps, Lines{}) << "a slot without a record";
+  for (const Row& row : {Row{1000, 474000, 34},
+                         {1000, 50000, 36},
+                         {1000, 100000, 36},
+                         {1000, 100001, 38},
+                         {1000, 900000, 30},
+                         {1000, 900001, 30},
+                         {835, 800000, 63},
+                         {1150, 474000, 4},
+                         {1160, 800000, 13105},
+                         {800, 800000, 70}}) {
+    record->qam_para.rfreq = row.rf_kHz;
+    fake.steps.clear();
+    SetRfLevel(0, row.level);
+    EXPECT_EQ(fake.steps, join({kDelay, latched("att_q1", 6, row.word, kDelay)}))
+        << row.level << " at " << row.rf_kHz << " kHz";
+  }
+}
+
+// ---- The modulator ----
+
+TEST_F(Devices, ASymbolRateGoesOutInFourBytesBeforeAReset) {
+  const Lines resets = join({{"nrst=3"},
+                             kDelay,
+                             {"nrst=2", "1 ticks", "nrst=3"},
+                             kDelay,
+                             {"nrst=3"},
+                             kDelay,
+                             {"nrst=1", "1 ticks", "nrst=3"},
+                             kDelay});
+  fake.start(0);
+  for (const auto& [kBd, word] : {std::pair{5000, 0x00CCCCCCU},
+                                  {6875, 0x0094F209U},
+                                  // 67108864000 over it, to the low 32 bits
+                                  {1, 0xA0000000U},
+                                  {-1, 0x60000000U},
+                                  {std::numeric_limits<i32>::min(), 0xFFFFFFE1U}}) {
+    fake.steps.clear();
+    symbolrateinfpga(kBd, 0);
+    const Lines bytes{fmt::format("rf_off_hh={}", word >> 24), fmt::format("rf_off_hl={}", word >> 16 & 0xFF),
+                      fmt::format("rf_off_lh={}", word >> 8 & 0xFF),
+                      fmt::format("rf_off_ll={}", word & 0xFF)};
+    EXPECT_EQ(fake.steps, join({bytes, resets})) << kBd;
+  }
+  fake.steps.clear();
+  fake.log.clear();
   symbolrateinfpga(0, 0);
-  EXPECT_TRUE(fake.steps.empty());
+  EXPECT_EQ(fake.steps, Lines{});
   ASSERT_EQ(fake.log.size(), 1U);
   EXPECT_TRUE(fake.log[0].starts_with("debug "));
 }
 
-class OutputLevel : public ModuleTest, public ::testing::WithParamInterface<Level> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    Level, OutputLevel,
-    ::testing::Values(Level{"At474", 1000, 474000, 34}, Level{"At50", 1000, 50000, 36},
-                      Level{"At100", 1000, 100000, 36}, Level{"Above100", 1000, 100001, 38},
-                      Level{"At900", 1000, 900000, 30}, Level{"Above900", 1000, 900001, 30},
-                      Level{"Lowest", 835, 800000, 63}, Level{"Highest", 1150, 474000, 4},
-                      Level{"TooHigh", 1160, 800000, 13105}, Level{"TooLow", 800, 800000, 70}),
-    kRowName);
-
-TEST_P(OutputLevel, IsShiftedIntoTheAttenuatorUnmasked) {
-  fake.start(0)->qam_para.rfreq = GetParam().rf_kHz;
-  SetRfLevel(0, static_cast<u16>(GetParam().level));
-  Lines expected = kDelay;
-  for (int bit = 5; bit >= 0; --bit) {
-    expected = join({expected,
-                     {"att_q1_clk=0"},
-                     kDelay,
-                     {fmt::format("att_q1_dat={}", GetParam().word >> bit)},
-                     kDelay,
-                     {"att_q1_clk=1"},
-                     kDelay});
-  }
-  expected = join({expected, {"att_q1_le=0"}, kDelay, {"att_q1_le=1"}, kDelay, {"att_q1_le=0"}, kDelay});
-  EXPECT_EQ(fake.steps, expected);
-}
-
-TEST_F(ModuleTest, WithoutARecordOrAClockRowNothingIsTouched) {
+TEST_F(Devices, ASymbolRateWithoutARowLeavesTheClockAlone) {
   QamCardPara* record = fake.start(0);
-  SetRfLevel(1, 1000);
-  EXPECT_TRUE(fake.steps.empty());
   cdce925set(0, 6900, record->Cd925_para);
   cdce925set(0, 65536 + 5000, record->Cd925_para);  // the low half of which is a row's
   EXPECT_EQ(fake.steps, (Lines{"1 ticks", "1 ticks"}));
 }
 
-TEST_F(ModuleTest, ARecordIsAppliedInOrderWithTasksHeldOff) {
+TEST_F(Devices, ARecordIsAppliedInOrderWithTasksHeldOff) {
   QamCardPara* record = fake.start(3);
   record->qam_para.qammode = 7;
   record->qam_para.power = 0;
   record->qam_para.rfswitch = 1;
-  record->qam_para.rflevel = 65536 + 1100;  // the low half counts
   Qam_para_set(3, record);
-  Lines landmarks;  // of each device its first line, of each register its writes
-  for (const std::string& step : fake.steps) {
-    const std::string reg = step.substr(0, step.find_first_of("=?"));
-    const bool isDevices = reg.starts_with("cdce") || reg.starts_with("lo") || reg.starts_with("att");
-    if (step.find('=') == std::string::npos && !step.ends_with("lock")) continue;
-    if (!isDevices) landmarks.push_back(step);
-    if (isDevices && (landmarks.empty() || landmarks.back() != reg.substr(0, 4)))
-      landmarks.push_back(reg.substr(0, 4));
-  }
-  const Lines resets{"nrst=3", "nrst=2", "nrst=3", "nrst=3", "nrst=1", "nrst=3"};
-  EXPECT_EQ(
-      landmarks,
-      join({{"lock", "qam_mode=7", "cdce", "rf_off_hh=0", "rf_off_hl=148", "rf_off_lh=242", "rf_off_ll=9"},
-            resets,
-            {"pkt_len0=1", "pkt_len1=1", "oport_num0=0", "oport_num1=1"},
-            resets,
-            {"power=0", "rf0_en=1", "lo1_", "q1_12v_ctrl=1", "lo2_", "X24C16SDA=1", "X24C16SCL=1", "att_",
-             "unlock"}}));
+  EXPECT_EQ(fake.landmarks(),
+            (Lines{"lock", "qam_mode=7", "cdce925", "rf_off", "nrst", "pkt_len0=1", "pkt_len1=1",
+                   "oport_num0=0", "oport_num1=1", "nrst", "power=0", "rf0_en=1", "lo1", "q1_12v_ctrl=1",
+                   "lo2", "X24C16SDA=1", "X24C16SCL=1", "att", "unlock"}));
+  record->qam_para.rflevel = 65536 + 1150;  // the low half counts
+  fake.steps.clear();
+  Qam_para_set(3, record);
+  EXPECT_EQ(std::count(fake.steps.begin(), fake.steps.end(), "att_q1_dat=2"), 1) << "1 dB for the frequency";
 }
 
-TEST_F(ModuleTest, RatesAreCountedForHalfASecondAndReadInOrder) {
+TEST_F(Devices, RatesAreCountedForHalfASecondAndReadInOrder) {
   fake.start(0);
   fake.tickHz = 60;  // 10 ms are no tick, 500 ms are 30
   u16 next = 0x10;
@@ -320,10 +344,11 @@ TEST_F(ModuleTest, RatesAreCountedForHalfASecondAndReadInOrder) {
     next = 0x10;
     fake.steps.clear();
     FpgaGetRate(0, static_cast<u8>(port), &total, &valid);
-    EXPECT_EQ((Lines{fake.steps.begin() + 4, fake.steps.end()}),
-              (Lines{fmt::format("Valid_{}_rateM?", port), fmt::format("Valid_{}_rateH?", port),
-                     fmt::format("Valid_{}_rateL?", port), fmt::format("Sys_{}_rateL?", port),
-                     fmt::format("Sys_{}_rateH?", port)}));
+    Lines reads;
+    for (const char* part :
+         {"Valid_{}_rateM?", "Valid_{}_rateH?", "Valid_{}_rateL?", "Sys_{}_rateL?", "Sys_{}_rateH?"})
+      reads.push_back(fmt::format(fmt::runtime(part), port));
+    EXPECT_EQ((Lines{fake.steps.begin() + 4, fake.steps.end()}), reads);
     EXPECT_EQ(total, 0x111012U * 16);
     EXPECT_EQ(valid, total - 0x1413U * 3008);  // more null packets than bytes: it wraps
   }
@@ -332,7 +357,7 @@ TEST_F(ModuleTest, RatesAreCountedForHalfASecondAndReadInOrder) {
 
 // ---- The window itself ----
 
-TEST_F(ModuleTest, PidFiltersAreSetByAStrobeEach) {
+TEST_F(Devices, PidFiltersAreSetByAStrobeEach) {
   fake.start(0);
   qamPidSetFilter(0, 1, 0x1FFF, 1);
   EXPECT_EQ(fake.steps, (Lines{"qampidfilter1_filter_pid_l=8191", "qampidfilter1_filter_pid_h=31",
@@ -349,7 +374,7 @@ TEST_F(ModuleTest, PidFiltersAreSetByAStrobeEach) {
   }
 }
 
-TEST_F(ModuleTest, BenchTestsWriteScratchRegistersAndToggleTheClockLine) {
+TEST_F(Devices, BenchTestsWriteScratchRegistersAndToggleTheClockLine) {
   fake.start(0);
   fake.onRead = [&](u32 address) { return address == kWindows + 204 ? u16{7} : u16{0x1234}; };
   QamFpgaIfTest(0, 0x1234);

@@ -274,8 +274,8 @@ u8 captured[2][188];
 TEST_F(PidMap, SearchesKeepWhatTheyCapturedUntilAnotherBegins) {
   u8 packet[188];
   EXPECT_EQ(qamGetTsPidResult(0, 0, packet), -1) << "no queue yet";
-  os::MsgQ queue;
-  qamTsReadQID[3] = &queue;
+  Queue queue;
+  qamTsReadQID[3] = queue.handle();
   const auto capture = [&] {
     for (auto& one : captured) queue.messages.push_back(os::addressWord(one));
   };

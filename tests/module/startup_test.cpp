@@ -84,8 +84,8 @@ TEST_P(StartUp, SetsTheWindowAndStartsBothChannels) {
   EXPECT_EQ(fake.log, expected);
   EXPECT_EQ(fake.addressOf(QamFpgaIf[slot]), window);
   ASSERT_EQ(fake.queues.size(), 2U);
-  EXPECT_EQ(g_qam_PsiSendQ_ID[slot][0], fake.queues[0].get());
-  EXPECT_EQ(g_qam_PsiSendQ_ID[slot][1], fake.queues[1].get());
+  EXPECT_EQ(g_qam_PsiSendQ_ID[slot][0], fake.queues[0]->handle());
+  EXPECT_EQ(g_qam_PsiSendQ_ID[slot][1], fake.queues[1]->handle());
 }
 
 TEST_F(ModuleTest, StartUpBuildsTheSendListsOfARecordWithItsChannelHalted) {

@@ -10,11 +10,13 @@
 namespace test {
 namespace {
 
+using Checks = ModuleTest;
+
 constexpr const char* kSlot = "slotNo<MAX_BOARD_NUM";
 constexpr const char* kSpacedSlot = "slotNo < MAX_BOARD_NUM";
 constexpr const char* kPort = "port < MAX_QAM_OUT_NUM";
 
-TEST_F(ModuleTest, BadArgumentsFailTheirChecks) {
+TEST_F(Checks, BadArgumentsFailTheirChecks) {
   struct Row {
     const char* call;
     void (*entry)();
@@ -23,10 +25,10 @@ TEST_F(ModuleTest, BadArgumentsFailTheirChecks) {
   };
   static QamCardPara para;
   static const set_psi_pkt chunk{};
+  static const set_pid_map_t map{};
   static const u8 packet[188] = {};
   const Row rows[] = {
       {"Qam_create_para(2)", [] { Qam_create_para(2); }, "slotNo<MAX_QAM_OUT_NUM", "qamVar", 196},
-      {"Qam_create_para(5)", [] { Qam_create_para(5); }, "slotNo<MAX_QAM_OUT_NUM", "qamVar", 196},
       {"qam_load_para(6, p)", [] { qam_load_para(6, &para); }, kSlot, "qamVar", 145},
       {"qam_load_para(0, null)", [] { qam_load_para(0, nullptr); }, "pVar", "qamVar", 146},
       {"Qam_Init(6)", [] { Qam_Init(6); }, kSlot, "QamInit", 120},
@@ -46,8 +48,12 @@ TEST_F(ModuleTest, BadArgumentsFailTheirChecks) {
       {"qamWritePsi(null)", [] { qamWritePsi(0, nullptr, 0); }, "pkt != NULL", "qamIntr"},
       {"QamPsiSetLock(6, 0)", [] { QamPsiSetLock(6, 0, &para, 1); }, kSpacedSlot, "qamBack"},
       {"QamPsiSetLock(0, 2)", [] { QamPsiSetLock(0, 2, &para, 1); }, kPort, "qamBack"},
-      {"QamPsiSetLock(0, 2, unlock)", [] { QamPsiSetLock(0, 2, &para, 0); }, kPort, "qamBack"},
       {"QamSavePsiPkt(2)", [] { QamSavePsiPkt(2, &para, &chunk); }, kPort, "qamBack"},
+      {"QamPidMapSetLock(6, 0)", [] { QamPidMapSetLock(6, 0, &para, 1); }, kSpacedSlot, "qamBack"},
+      {"QamPidMapSetLock(0, 2)", [] { QamPidMapSetLock(0, 2, &para, 1); }, kPort, "qamBack"},
+      {"QamSavePidMap(2)", [] { QamSavePidMap(2, &para, &map); }, kPort, "qamBack"},
+      {"qamSetTSPID(6, 0)", [] { qamSetTSPID(6, 0, 0, 0, 1); }, kSlot, "qamBack"},
+      {"qamSetTSPID(0, 2)", [] { qamSetTSPID(0, 2, 0, 0, 1); }, "port<MAX_QAM_OUT_NUM", "qamBack"},
       {"qamBackInit(6)", [] { qamBackInit(6); }, kSpacedSlot, "qamBack"},
   };
   fake.stopsAtChecks = true;

@@ -6,6 +6,7 @@
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ui/qamStatus.h"
 
 namespace test {
 namespace {
@@ -34,6 +35,7 @@ TEST_F(Checks, BadArgumentsFailTheirChecks) {
       {"Qam_Init(6)", [] { Qam_Init(6); }, kSlot, "QamInit", 120},
       {"QamInit(6)", [] { QamInit(6); }, kSlot, "QamInit", 50},
       {"QamSetVar(6)", [] { QamSetVar(6, 0, 30, 474000); }, kSlot, "qamVar", 478},
+      {"qamStatusCheck(6)", [] { qamStatusCheck(6); }, kSlot, "qamStatus", 23},
       {"cfg_qam_fpga(6)", [] { cfg_qam_fpga(6, packet, 1); }, kSlot, "Qam_fpga_init"},
       {"cfg_qam_fpga(null)", [] { cfg_qam_fpga(0, nullptr, 1); }, "point", "Qam_fpga_init"},
       {"cfg_qam_fpga(size 0)", [] { cfg_qam_fpga(0, packet, 0); }, "dataSize>0", "Qam_fpga_init"},

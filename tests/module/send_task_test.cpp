@@ -13,6 +13,8 @@ constexpr u32 kWindow = kWindows + 0x400;  // slot 2
 constexpr u32 kPorts[2] = {kWindow + 156, kWindow + 172};
 constexpr u32 kReady[2] = {kWindow + 158, kWindow + 174};
 
+using SendTask = ModuleTest;
+
 // 188 bytes of which no two neighbours agree, on the PID.
 Bytes packetOn(u16 pid, u8 flags = 0x40) {
   Bytes packet(188);
@@ -32,7 +34,7 @@ std::vector<Access> onThePort(u8 port, Bytes packet, int count) {
   return accesses;
 }
 
-TEST_F(ModuleTest, PacketsTakeTheContinuityCountOfTheirPidAndPort) {
+TEST_F(SendTask, PacketsTakeTheContinuityCountOfTheirPidAndPort) {
   fake.start(2);
   struct Row {
     u8 port, flags;
@@ -54,32 +56,29 @@ TEST_F(ModuleTest, PacketsTakeTheContinuityCountOfTheirPidAndPort) {
   }
 }
 
-TEST_F(ModuleTest, TheTaskSendsWhatIsQueuedWhenThePortIsReady) {
+TEST_F(SendTask, SendsWhatIsQueuedWhenThePortIsReady) {
   QamCardPara& para = *fake.start(2);
   for (const u8 port : {u8{0}, u8{1}}) {
     SCOPED_TRACE(int{port});
-    const Bytes first = packetOn(0x20), second = packetOn(0x21);
+    const Bytes first = packetOn(0x20), last = packetOn(0x21);
     std::copy(first.begin(), first.end(), para.psiPkt[port][0].psiData);
-    std::copy(second.begin(), second.end(), para.psiPkt[port][511].psiData);
+    std::copy(last.begin(), last.end(), para.psiPkt[port][511].psiData);
     int polls = 0;
     fake.onRead = [&polls](u32) { return static_cast<u16>(++polls % 4 == 0 ? 0x8000 : 0); };
     fake.queues[port]->messages = {0, 512, 511, 0x10000, 0xFFFFFFFF, 0};
     fake.accesses.clear();
-
     const Task task = fake.tasks[port];
     EXPECT_FALSE(fake.runs([&] { task.entry(task.slotNo, task.port, 0, 0, 0, 0, 0, 0, 0, 0); }));
 
     std::vector<Access> expected;
-    const auto sent = [&](const Bytes& packet, int count) {
-      for (const int value : {0, 0, 0, 0x8000})
-        expected.push_back({'r', kReady[port], static_cast<u16>(value)});
-      for (const Access& access : onThePort(port, packet, count)) expected.push_back(access);
-    };
-    sent(first, 0);
-    sent(second, 0);
-    sent(first, 1);
+    for (const auto& [packet, count] : {std::pair{&first, 0}, {&last, 0}, {&first, 1}}) {
+      expected.insert(expected.end(), 3, {'r', kReady[port], 0});
+      expected.push_back({'r', kReady[port], 0x8000});
+      for (const Access& access : onThePort(port, *packet, count)) expected.push_back(access);
+    }
     EXPECT_EQ(fake.accesses, expected);
   }
+  EXPECT_EQ(QamTaskPsiSend(3, 0), -1) << "a slot without a record";
 }
 
 }  // namespace

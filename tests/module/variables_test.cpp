@@ -1,65 +1,35 @@
 // The card's variables: what a read gives, what a setting does to hardware and record, who keeps the
 // semaphore.
-#include <fmt/format.h>
-
-#include <algorithm>
-
 #include "card/QamFpga.h"
 #include "card/qamVar.h"
 #include "platform/address_word.h"
-#include "tests/module/chassis.h"
+#include "tests/module/card_devices.h"
 
 namespace test {
-
-struct Setting {
-  const char* name;
-  u32 id, value;
-  u32 stored;     // what the field then holds
-  Lines touched;  // first of each register written, in order
-  bool resets;    // of the modulator, in QamSetVar; the older setter does so for the symbol rate only
-};
-
 namespace {
 
-class Variables : public ModuleTest {
+class Variables : public DeviceTest {
  public:
-  Variables() { semQamVar = reinterpret_cast<os::SEM_ID>(&semaphore_); }
+  Variables() {
+    semQamVar = reinterpret_cast<os::SEM_ID>(&semaphore_);
+    record = fake.start(2);
+  }
   ~Variables() override { semQamVar = nullptr; }
 
  protected:
   static u32 get(u32 id) { return QamGetVar(2, 0, id, nullptr); }
   static std::string text(u32 id) { return os::wordAddress<const char>(get(id)); }
 
-  // Registers written, but for the modulator's reset: of runs on one device the first.
-  Lines touched() const {
-    Lines all;
-    for (const std::string& step : fake.steps) {
-      if (step.find('=') == std::string::npos || step.starts_with("nrst")) continue;
-      const std::string device = step.substr(0, step.find('_') + 1);
-      const bool isDevices = device == "lo2_" || device == "att_" || device == "cdce925_" || device == "rf_";
-      if (!isDevices)
-        all.push_back(step);
-      else if (all.empty() || all.back() != device)
-        all.push_back(device);
-    }
-    return all;
-  }
-  bool resets() const {
-    return std::find(fake.steps.begin(), fake.steps.end(), "nrst=2") != fake.steps.end();
-  }
+  QamCardPara* record;
 
  private:
   int semaphore_ = 0;
 };
 
-TEST_F(Variables, ReadsAreTheRecordsTheCountersAndTheVersions) {
-  QamCardPara* record = fake.start(2);
-  record->qam_para.rfreq = 554000;
+TEST_F(Variables, ReadsAreTheRecordsTheCountersTheSensorsAndTheVersions) {
   record->qam_para.rflevel = 1012;
-  record->qam_para.symbolrate = 6875;
   record->qam_para.qammode = 6;
   record->qam_para.rfswitch = 1;
-  record->qam_para.power = 15;
   u32 id = 30;
   for (const u32 value : {554000U, 1012U, 6875U, 6U, 1U, 15U}) {
     EXPECT_EQ(get(id), value) << id;
@@ -67,6 +37,10 @@ TEST_F(Variables, ReadsAreTheRecordsTheCountersAndTheVersions) {
     ++id;
   }
   for (const u32 none : {29U, 46U, 51U, 53U}) EXPECT_EQ(get(none), 0U) << none;
+  board.sensor(1).temperature(41.75, fake.now);
+  board.sensor(2).temperature(-2, fake.now);
+  EXPECT_EQ(get(47), 41U);
+  EXPECT_EQ(get(48), 254U) << "the sign is not extended";
   EXPECT_EQ(text(49), "V2.1.05A");
   EXPECT_EQ(text(52), "V1.0");
   QamFpgaIf[2]->version = 0x01FF;
@@ -87,7 +61,7 @@ TEST_F(Variables, ReadsAreTheRecordsTheCountersAndTheVersions) {
             std::count(fake.log.begin(), fake.log.end(), "give"));
 }
 
-TEST(AddressWord, FindsObjectsAndRoutinesOfTheImageAgain) {
+TEST_F(Variables, AddressWordsFindObjectsAndRoutinesOfTheImageAgain) {
   static int variable;
   static const int constant = 7;
   const auto routine = reinterpret_cast<const void*>(&QamGetVar);  // code lies on the other side of the data
@@ -98,67 +72,68 @@ TEST(AddressWord, FindsObjectsAndRoutinesOfTheImageAgain) {
   EXPECT_EQ(os::wordAddress<const void>(0), nullptr);
 }
 
-class Settings : public Variables, public ::testing::WithParamInterface<Setting> {};
-
-INSTANTIATE_TEST_SUITE_P(
-    Each, Settings,
-    ::testing::Values(
-        Setting{"Frequency", 30, 474000, 474000, {"q1_12v_ctrl=1", "lo2_", "att_"}, false},
-        Setting{"Level", 31, 1100, 1100, {"att_"}, false},
-        Setting{"SymbolRate", 32, 6250, 6250, {"cdce925_", "rf_"}, true},
-        Setting{"SymbolRateWithoutARow", 32, 6900, 6900, {"rf_"}, true},
-        Setting{"Constellation", 33, 6, 6, {"qam_mode=6"}, true},
-        Setting{"WideConstellation", 33, 261, 5, {"qam_mode=261"}, true},  // differs from the 5 stored
-        Setting{"QamSwitch", 34, 1, 1, {"rf0_en=1"}, false},
-        Setting{"Power", 35, 0x10000, 0, {"power=0"}, false}),
-    kRowName);
-
-TEST_P(Settings, GoToTheHardwareAndAreSavedOnce) {
-  const Setting& row = GetParam();
-  fake.start(2);
-  fake.onCall = [&](std::string_view what) {
-    EXPECT_FALSE(what == "save" && fake.steps.empty()) << "saved when the hardware has it";
+TEST_F(Variables, SettingsGoToTheHardwareAndAreSavedOnce) {
+  struct Row {
+    const char* name;
+    u32 id, value, stored;
+    Lines done, olderDone;  // by the setter, and by the older one: its clock table is empty
   };
-  EXPECT_EQ(QamSetVar(2, 0, row.id, row.value), 0);
-  EXPECT_EQ(get(row.id), row.stored);
-  EXPECT_EQ(touched(), row.touched);
-  EXPECT_EQ(resets(), row.resets);
-  EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), 1);
-  fake.steps.clear();
-  fake.log.clear();
-  EXPECT_EQ(QamSetVar(2, 0, row.id, row.stored), 0);
-  EXPECT_EQ(fake.log, (Lines{"take", "give"})) << "as it was: nothing to do";
-  EXPECT_TRUE(fake.steps.empty());
+  const Lines tuned{"q1_12v_ctrl=1", "lo2", "att"};
+  const Row rows[] = {
+      {"frequency", 30, 474000, 474000, tuned, tuned},
+      {"level", 31, 1100, 1100, {"att"}, {"att"}},
+      {"symbol rate", 32, 6250, 6250, {"cdce925", "rf_off", "nrst"}, {"rf_off", "nrst"}},
+      {"symbol rate without a row", 32, 6900, 6900, {"rf_off", "nrst"}, {"rf_off", "nrst"}},
+      {"constellation", 33, 6, 6, {"qam_mode=6", "nrst"}, {"qam_mode=6"}},
+      {"wide constellation", 33, 261, 5, {"qam_mode=261", "nrst"}, {"qam_mode=261"}},  // 5 is stored
+      {"QAM switch", 34, 1, 1, {"rf0_en=1"}, {"rf0_en=1"}},
+      {"power", 35, 0x10000, 0, {"power=0"}, {"power=0"}},
+  };
+  fake.onCall = [&](std::string_view call) {
+    EXPECT_FALSE(call == "save" && fake.steps.empty()) << "saved when the hardware has it";
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto set = [&](bool older, u32 value) {
+      fake.steps.clear();
+      fake.log.clear();
+      if (older) QamSetVar1(2, 0, row.id, value);
+      return older ? 0 : QamSetVar(2, 0, row.id, value);
+    };
+    for (const bool older : {true, false}) {
+      fake.steps = {"the record's defaults"};
+      qam_load_default(2, record);
+      EXPECT_EQ(set(older, row.value), 0);
+      EXPECT_EQ(fake.landmarks(), older ? row.olderDone : row.done);
+      EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), 1);
+      EXPECT_EQ(get(row.id), row.stored);
+    }
+    EXPECT_EQ(set(false, row.stored), 0);
+    EXPECT_EQ(fake.log, (Lines{"take", "give"})) << "as it was: nothing to do";
+    EXPECT_EQ(fake.steps, Lines{});
+  }
 }
 
-TEST_P(Settings, OfTheOlderSetterDifferInClockTableAndReset) {
-  const Setting& row = GetParam();
-  fake.start(2);
-  QamSetVar1(2, 0, row.id, row.value);
-  EXPECT_EQ(get(row.id), row.stored);
-  Lines expected = row.touched;
-  if (row.id == 32) expected = {"rf_"};  // the global record's clock table is empty
-  EXPECT_EQ(touched(), expected);
-  EXPECT_EQ(resets(), row.id == 32);
-  EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), 1);
+TEST_F(Variables, EveryStoredSymbolRateGetsItsClock) {
+  for (u32 kBd = 5000; kBd <= 7000; kBd += 125) {
+    if (kBd != record->qam_para.symbolrate) QamSetVar(2, 0, 32, kBd);
+    fake.now += headend::kSecond;
+    const auto clock = board.clockGenerator().y3(fake.now);
+    EXPECT_NEAR(clock.hz.value_or(0), 8000.0 * kBd, 1) << kBd << clock.why;
+  }
 }
 
 TEST_F(Variables, WhatCannotBeSetIsRefusedAndSomeCallsKeepTheSemaphore) {
-  const QamCardPara* record = fake.start(2);
-  const std::vector<u8> before(reinterpret_cast<const u8*>(record), reinterpret_cast<const u8*>(record + 1));
+  const Bytes before(reinterpret_cast<const u8*>(record), reinterpret_cast<const u8*>(record + 1));
+  const Lines lets{"take", "give"};
   for (u32 id = 0; id < 60; ++id) {
     if (id >= 30 && id <= 35) continue;
     fake.log.clear();
-    const int result = QamSetVar(2, 0, id, 7);
-    if (id == 51) {
-      EXPECT_NE(result, 0);
-    } else {
-      EXPECT_EQ(result, id == 43 ? 0 : -2) << id;
-    }
-    EXPECT_EQ(fake.log, id == 51 ? Lines{"take"} : (Lines{"take", "give"})) << id;
+    EXPECT_EQ(QamSetVar(2, 0, id, 7), id == 51 ? 1 : id == 43 ? 0 : -2) << id;
+    EXPECT_EQ(fake.log, id == 51 ? Lines{"take"} : lets) << id;
     fake.log.clear();
     QamSetVar1(2, 0, id, 7);
-    EXPECT_EQ(fake.log, (Lines{"take", "give"})) << id;
+    EXPECT_EQ(fake.log, lets) << id;
   }
   EXPECT_TRUE(fake.steps.empty());
   EXPECT_TRUE(std::equal(before.begin(), before.end(), reinterpret_cast<const u8*>(record)));
@@ -171,7 +146,6 @@ TEST_F(Variables, WhatCannotBeSetIsRefusedAndSomeCallsKeepTheSemaphore) {
 }
 
 TEST_F(Variables, RunUnlockedWhereTheChassisMadeNoSemaphore) {
-  fake.start(2);
   semQamVar = nullptr;
   EXPECT_EQ(get(33), 5U);
   EXPECT_EQ(QamSetVar(2, 0, 33, 7), 0);

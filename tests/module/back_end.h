@@ -17,10 +17,6 @@ inline Bytes fields(std::initializer_list<std::pair<u32, int>> numbers) {
 inline Bytes word(u32 value) {
   return fields({{value, 4}});
 }
-inline Bytes operator+(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 class BackEndTest : public ModuleTest {
  protected:

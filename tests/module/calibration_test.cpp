@@ -75,16 +75,13 @@ TEST_F(Calibration, BytesAndPagesBeyondTheEndAreRefused) {
 
 TEST_F(Calibration, AnEepromThatDoesNotAnswerIsAskedAHundredTimesAndReadsOnes) {
   board.eepromBus().inject(headend::OpenDrainBus::Fault::kAbsent, fake.now);
-  fake.log.clear();
-  fake.steps.clear();
-  at24cxx_rd_byte(3, 1);
-  const auto looksOfARead = count("X24C16SDA?");
-  fake.steps.clear();
-  at24cxx_wr_byte(3, 0x55, 1);
-  // Two acknowledges are waited for, of which each costs 200 looks, and a hundred polls look once.
-  EXPECT_EQ(count("X24C16SDA?"), 2 * 200 + 100);
-  EXPECT_EQ(looksOfARead, 3 * 200 + 8);
+  fake.forget();
   EXPECT_EQ(at24cxx_rd_byte(3, 1), 0xFF);
+  // An acknowledge costs 200 looks.
+  EXPECT_EQ(count("X24C16SDA?"), 3 * 200 + 8);
+  fake.forget();
+  at24cxx_wr_byte(3, 0x55, 1);
+  EXPECT_EQ(count("X24C16SDA?"), 2 * 200 + 100);
   EXPECT_EQ(fake.log, Lines{}) << "nobody sleeps";
 }
 
@@ -92,17 +89,16 @@ TEST_F(Calibration, StartUpLoadsTheDacFromTheEeprom) {
   Image image;
   std::iota(image.begin(), image.end(), u8{0x20});
   board.eeprom().load(image);
-  fake.steps.clear();
+  fake.forget();
   Ad9775Init(1);
   EXPECT_EQ(dacRegisters(), stored(0, 13));
   EXPECT_EQ(count("dog"), 1 + 1 + 3) << "in the reset, after it, and after each group of registers";
 }
 
 TEST_F(Calibration, TheDacsPortWaitsBetweenItsEdges) {
-  fake.steps.clear();
-  ad9775_init(1);
-  EXPECT_EQ(fake.steps, (Lines{"ad9775_1_rst=0", "100 turns", "ad9775_1_rst=1", "100 turns", "dog",
-                               "100 turns", "ad9775_1_rst=0", "ad9775_1_cs=1", "ad9775_1_clk=1"}));
+  EXPECT_EQ(fake.stepsOf([] { ad9775_init(1); }),
+            (Lines{"ad9775_1_rst=0", "100 turns", "ad9775_1_rst=1", "100 turns", "dog", "100 turns",
+                   "ad9775_1_rst=0", "ad9775_1_cs=1", "ad9775_1_clk=1"}));
   fake.steps.clear();
   const u8 data = 0xA5;
   ad9775_reg_write(1, 0x0C, &data, 1);
@@ -153,15 +149,13 @@ TEST_F(Calibration, TheServiceStartsOnSocketZeroWhateverFails) {
   EXPECT_EQ(fake.log, (Lines{asked, bound, spawned}));
   EXPECT_EQ(fake.steps, Lines{"dog"});
   EXPECT_EQ(mysock[2], 3);
-  fake.log.clear();
   fake.portsToBeHad = false;
-  Ad9775Ctrl_Init(2);
-  EXPECT_EQ(fake.log, (Lines{asked, bound, "close socket 3", "delay 100", spawned}));
-  fake.log.clear();
+  EXPECT_EQ(fake.logOf([] { Ad9775Ctrl_Init(2); }),
+            (Lines{asked, bound, "close socket 3", "delay 100", spawned}));
   fake.socketsToBeHad = false;
-  Ad9775Ctrl_Init(2);
-  EXPECT_EQ(fake.log[1], "delay 100");
-  EXPECT_EQ(fake.log.back(), spawned);
+  const Lines log = fake.logOf([] { Ad9775Ctrl_Init(2); });
+  EXPECT_EQ(log[1], "delay 100");
+  EXPECT_EQ(log.back(), spawned);
 }
 
 TEST_F(Calibration, TheServiceAnswersTenTimesASecondAndOutlivesWhatComes) {

@@ -102,11 +102,28 @@ FakeChassis::~FakeChassis() {
 
 QamCardPara* FakeChassis::start(u8 slotNo) {
   Qam_Init(slotNo);
-  QamInit(slotNo);
+  chassis::head->init(slotNo);
+  forget();
+  return static_cast<QamCardPara*>(chassis::head->varPtr);
+}
+
+void FakeChassis::forget() {
   log.clear();
   accesses.clear();
   steps.clear();
-  return GetQamCardParaFromList(slotNo);
+  checks.clear();
+}
+
+Lines FakeChassis::stepsOf(const std::function<void()>& routine) {
+  forget();
+  routine();
+  return steps;
+}
+
+Lines FakeChassis::logOf(const std::function<void()>& routine) {
+  forget();
+  routine();
+  return log;
 }
 
 Lines FakeChassis::landmarks() const {

@@ -34,6 +34,12 @@ namespace test {
 using Bytes = std::vector<u8>;
 using Lines = std::vector<std::string>;
 
+template <class T>
+std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
 // Appends a big-endian number.
 inline void put(Bytes& bytes, u32 value, int width) {
   while (width-- > 0) bytes.push_back(static_cast<u8>(value >> 8 * width));
@@ -119,6 +125,11 @@ class FakeChassis {
 
   // Registers and starts a card whose FPGA needs no bitstream; the record. Leaves `log` empty.
   QamCardPara* start(u8 slotNo);
+
+  // What the module does in `routine`, and nothing from before.
+  Lines stepsOf(const std::function<void()>& routine);
+  Lines logOf(const std::function<void()>& routine);
+  void forget();
 
   // Runs `body`; false when it ended in a failed check, or waiting for a message that nobody will send.
   bool runs(const std::function<void()>& body);

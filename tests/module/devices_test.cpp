@@ -16,7 +16,10 @@
 namespace test {
 namespace {
 
-using Devices = ModuleTest;
+class Devices : public ModuleTest {
+ protected:
+  QamCardPara* record = fake.start(0);
+};
 
 // ---- The I2C buses ----
 
@@ -106,7 +109,6 @@ std::string sent(const Bus& bus, u8 byte) {
 }
 
 TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
-  fake.start(0);
   for (const Bus& bus : kBuses) {
     SCOPED_TRACE(bus.name);
     // What the slave has on its data line, look by look; a high line after that.
@@ -119,9 +121,7 @@ TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
     };
     const auto stepsOf = [&](const std::string& answers, const std::function<void()>& step) {
       slave = answers;
-      fake.steps.clear();
-      step();
-      return inWords(bus, fake.steps);
+      return inWords(bus, fake.stepsOf(step));
     };
     EXPECT_EQ(stepsOf("", [&] { bus.start(0); }), "start");
     EXPECT_EQ(stepsOf("", [&] { bus.stop(0); }), "stop");
@@ -157,40 +157,26 @@ TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
 }
 
 TEST_F(Devices, ASensorThatThereIsNotIsAnIdleBus) {
-  fake.start(0);
   const Bus none = sensorBus<3>("none", "none");
-  none.start(0);
-  EXPECT_EQ(fake.steps, Lines(8, "5us"));
+  EXPECT_EQ(fake.stepsOf([&] { none.start(0); }), Lines(8, "5us"));
   EXPECT_EQ(none.dataLevel(0), 1);
 }
 
 // The conversion takes 29 us; a kick of the watchdog stands in each of a hundred waits for it.
 TEST_F(Devices, AReadingOrdersAConversionWaitsAndFetchesWithTasksHeldOff) {
-  fake.start(0);
-  const auto stepsOf = [&](const std::function<void()>& routine) {
-    fake.steps.clear();
-    routine();
-    return fake.steps;
-  };
-  u8 read[2] = {};
-  EXPECT_EQ(stepsOf([] { get_temper(0, 2); }), stepsOf([&] {
-              os::taskLock();
-              ad7414_reg_read(0, read, 1, 1, 2), ad7414_reg_write(0, 1, 0xFF, 2);
-              for (int i = 0; i < 100; ++i) chassis::Dog(), delay();
-              ad7414_reg_read(0, read, 0, 2, 2);
-              os::taskUnlock();
-            }));
+  const Lines steps = fake.stepsOf([] { get_temper(0, 2); });
+  EXPECT_EQ(steps, Lines{"lock"} + fake.stepsOf([] {
+    u8 read[2] = {};
+    ad7414_reg_read(0, read, 1, 1, 2);
+    ad7414_reg_write(0, 1, 0xFF, 2);
+    for (int i = 0; i < 100; ++i) chassis::Dog(), delay();
+    ad7414_reg_read(0, read, 0, 2, 2);
+  }) + Lines{"unlock"});
 }
 
 // ---- Synthesizers and attenuator ----
 
 const Lines kDelay{"1000 turns", "dog"};
-
-Lines join(std::initializer_list<Lines> parts) {
-  Lines all;
-  for (const Lines& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
 
 // A word on its way into a latch, most significant bit first, with a pause after each change of a line.
 Lines latched(const std::string& device, int bits, u32 word, const Lines& pause) {
@@ -198,15 +184,11 @@ Lines latched(const std::string& device, int bits, u32 word, const Lines& pause)
   for (int bit = bits - 1; bit >= 0; --bit) {
     // The attenuator's line takes bit 0 of what is written.
     const u32 level = device == "att_q1" ? word >> bit : word >> bit & 1;
-    steps = join({steps,
-                  {device + "_clk=0"},
-                  pause,
-                  {fmt::format("{}_dat={}", device, level)},
-                  pause,
-                  {device + "_clk=1"},
-                  pause});
+    steps = steps + Lines{device + "_clk=0"} + pause + Lines{fmt::format("{}_dat={}", device, level)} +
+            pause + Lines{device + "_clk=1"} + pause;
   }
-  return join({steps, {device + "_le=0"}, pause, {device + "_le=1"}, pause, {device + "_le=0"}, pause});
+  for (const char* level : {"0", "1", "0"}) steps = steps + Lines{device + "_le=" + level} + pause;
+  return steps;
 }
 
 TEST_F(Devices, SynthesizersGetTheirLatches) {
@@ -232,20 +214,17 @@ TEST_F(Devices, SynthesizersGetTheirLatches) {
       {"prescaler 8", [] { set_pll(0, 0, 0, 100000000, 0); }, "lo1", latches(1000, 0, 0x1F8012), {}},
       {"no such synthesizer", [] { set_pll(2, 2, 0, 1568000000, 0); }, "none", {}, {}},
   };
-  fake.start(0);
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    fake.steps.clear();
-    row.routine();
     Lines expected = row.band;
-    for (const u32 word : row.words) expected = join({expected, latched(row.device, 24, word, {})});
-    EXPECT_EQ(fake.steps, expected);
+    for (const u32 word : row.words) expected = expected + latched(row.device, 24, word, {});
+    EXPECT_EQ(fake.stepsOf(row.routine), expected);
   }
   for (const int length : {0, 1, 32, 33}) {
-    fake.steps.clear();
-    latch_write(0, 0, 0xA5A5A5A5, length);
     const bool fits = length == 1 || length == 32;
-    EXPECT_EQ(fake.steps, fits ? latched("lo1", length, 0xA5A5A5A5, {}) : Lines{}) << length << " bits";
+    EXPECT_EQ(fake.stepsOf([&] { latch_write(0, 0, 0xA5A5A5A5, length); }),
+              fits ? latched("lo1", length, 0xA5A5A5A5, {}) : Lines{})
+        << length << " bits";
   }
 }
 
@@ -254,7 +233,6 @@ TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator)
     u16 level;
     u32 rf_kHz, word;
   };
-  QamCardPara* record = fake.start(0);
   SetRfLevel(1, 1000);
   EXPECT_EQ(fake.steps, Lines{}) << "a slot without a record";
   for (const Row& row : {Row{1000, 474000, 34},
@@ -268,9 +246,8 @@ TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator)
                          {1160, 800000, 13105},
                          {800, 800000, 70}}) {
     record->qam_para.rfreq = row.rf_kHz;
-    fake.steps.clear();
-    SetRfLevel(0, row.level);
-    EXPECT_EQ(fake.steps, join({kDelay, latched("att_q1", 6, row.word, kDelay)}))
+    EXPECT_EQ(fake.stepsOf([&] { SetRfLevel(0, row.level); }),
+              kDelay + latched("att_q1", 6, row.word, kDelay))
         << row.level << " at " << row.rf_kHz << " kHz";
   }
 }
@@ -278,77 +255,55 @@ TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator)
 // ---- The modulator ----
 
 TEST_F(Devices, ASymbolRateGoesOutInFourBytesBeforeAReset) {
-  const Lines resets = join({{"nrst=3"},
-                             kDelay,
-                             {"nrst=2", "1 ticks", "nrst=3"},
-                             kDelay,
-                             {"nrst=3"},
-                             kDelay,
-                             {"nrst=1", "1 ticks", "nrst=3"},
-                             kDelay});
-  fake.start(0);
+  Lines resets;
+  for (const char* line : {"nrst=2", "nrst=1"})
+    resets = resets + Lines{"nrst=3"} + kDelay + Lines{line, "1 ticks", "nrst=3"} + kDelay;
   for (const auto& [kBd, word] : {std::pair{5000, 0x00CCCCCCU},
                                   {6875, 0x0094F209U},
                                   // 67108864000 over it, to the low 32 bits
                                   {1, 0xA0000000U},
                                   {-1, 0x60000000U},
                                   {std::numeric_limits<i32>::min(), 0xFFFFFFE1U}}) {
-    fake.steps.clear();
-    symbolrateinfpga(kBd, 0);
     const Lines bytes{fmt::format("rf_off_hh={}", word >> 24), fmt::format("rf_off_hl={}", word >> 16 & 0xFF),
                       fmt::format("rf_off_lh={}", word >> 8 & 0xFF),
                       fmt::format("rf_off_ll={}", word & 0xFF)};
-    EXPECT_EQ(fake.steps, join({bytes, resets})) << kBd;
+    const i32 rate = kBd;
+    EXPECT_EQ(fake.stepsOf([&] { symbolrateinfpga(rate, 0); }), bytes + resets) << kBd;
   }
-  fake.steps.clear();
-  fake.log.clear();
-  symbolrateinfpga(0, 0);
-  EXPECT_EQ(fake.steps, Lines{});
+  EXPECT_EQ(fake.stepsOf([] { symbolrateinfpga(0, 0); }), Lines{});
   ASSERT_EQ(fake.log.size(), 1U);
   EXPECT_TRUE(fake.log[0].starts_with("debug "));
-}
-
-TEST_F(Devices, ASymbolRateWithoutARowLeavesTheClockAlone) {
-  QamCardPara* record = fake.start(0);
-  cdce925set(0, 6900, record->Cd925_para);
-  cdce925set(0, 65536 + 5000, record->Cd925_para);  // the low half of which is a row's
-  EXPECT_EQ(fake.steps, (Lines{"1 ticks", "1 ticks"}));
+  // Nor is there a clock without a row, such as one of which the low half is a row's.
+  for (const u32 unknown : {6900U, 65536U + 5000})
+    EXPECT_EQ(fake.stepsOf([&] { cdce925set(0, unknown, record->Cd925_para); }), Lines{"1 ticks"});
 }
 
 TEST_F(Devices, ARecordIsAppliedInOrderWithTasksHeldOff) {
-  QamCardPara* record = fake.start(3);
   record->qam_para.qammode = 7;
   record->qam_para.power = 0;
   record->qam_para.rfswitch = 1;
-  Qam_para_set(3, record);
+  record->qam_para.rflevel = 65536 + 1150;  // the low half counts
+  Qam_para_set(0, record);
   EXPECT_EQ(fake.landmarks(),
             (Lines{"lock", "qam_mode=7", "cdce925", "rf_off", "nrst", "pkt_len0=1", "pkt_len1=1",
                    "oport_num0=0", "oport_num1=1", "nrst", "power=0", "rf0_en=1", "lo1", "q1_12v_ctrl=1",
                    "lo2", "X24C16SDA=1", "X24C16SCL=1", "att", "unlock"}));
-  record->qam_para.rflevel = 65536 + 1150;  // the low half counts
-  fake.steps.clear();
-  Qam_para_set(3, record);
   EXPECT_EQ(std::count(fake.steps.begin(), fake.steps.end(), "att_q1_dat=2"), 1) << "1 dB for the frequency";
 }
 
 TEST_F(Devices, RatesAreCountedForHalfASecondAndReadInOrder) {
-  fake.start(0);
   fake.tickHz = 60;  // 10 ms are no tick, 500 ms are 30
-  u16 next = 0x10;
-  fake.onRead = [&](u32) { return next++; };
   u32 total = 1, valid = 2;
-  FpgaGetRate(0, 2, &total, &valid);
-  EXPECT_EQ(fake.steps, (Lines{"rate_ctrl_rst=0", "0 ticks", "rate_ctrl_rst=1", "30 ticks"}));
+  const Lines counted{"rate_ctrl_rst=0", "0 ticks", "rate_ctrl_rst=1", "30 ticks"};
+  EXPECT_EQ(fake.stepsOf([&] { FpgaGetRate(0, 2, &total, &valid); }), counted);
   EXPECT_TRUE(total == 1 && valid == 2);
-  for (const int port : {0, 1}) {
-    next = 0x10;
-    fake.steps.clear();
-    FpgaGetRate(0, static_cast<u8>(port), &total, &valid);
+  for (const u8 port : {u8{0}, u8{1}}) {
+    fake.onRead = [next = u16{0x10}](u32) mutable { return next++; };
     Lines reads;
     for (const char* part :
          {"Valid_{}_rateM?", "Valid_{}_rateH?", "Valid_{}_rateL?", "Sys_{}_rateL?", "Sys_{}_rateH?"})
       reads.push_back(fmt::format(fmt::runtime(part), port));
-    EXPECT_EQ((Lines{fake.steps.begin() + 4, fake.steps.end()}), reads);
+    EXPECT_EQ(fake.stepsOf([&] { FpgaGetRate(0, port, &total, &valid); }), counted + reads);
     EXPECT_EQ(total, 0x111012U * 16);
     EXPECT_EQ(valid, total - 0x1413U * 3008);  // more null packets than bytes: it wraps
   }
@@ -358,13 +313,12 @@ TEST_F(Devices, RatesAreCountedForHalfASecondAndReadInOrder) {
 // ---- The window itself ----
 
 TEST_F(Devices, PidFiltersAreSetByAStrobeEach) {
-  fake.start(0);
-  qamPidSetFilter(0, 1, 0x1FFF, 1);
-  EXPECT_EQ(fake.steps, (Lines{"qampidfilter1_filter_pid_l=8191", "qampidfilter1_filter_pid_h=31",
-                               "qampidfilter1_filter_onoff=1", "qampidfilter1_filter_we=1",
-                               "qampidfilter1_filter_we=0"}));
+  EXPECT_EQ(
+      fake.stepsOf([] { qamPidSetFilter(0, 1, 0x1FFF, 1); }),
+      (Lines{"qampidfilter1_filter_pid_l=8191", "qampidfilter1_filter_pid_h=31",
+             "qampidfilter1_filter_onoff=1", "qampidfilter1_filter_we=1", "qampidfilter1_filter_we=0"}));
   for (const bool pass : {false, true}) {
-    fake.accesses.clear();
+    fake.forget();
     pass ? qamFpgaWFilter(0, 0, nullptr) : qamPidFilterAllSet(0, 0, 0);
     ASSERT_EQ(fake.accesses.size(), 8192U * 5);
     for (u32 pid = 0; pid < 8192; ++pid) {
@@ -375,19 +329,16 @@ TEST_F(Devices, PidFiltersAreSetByAStrobeEach) {
 }
 
 TEST_F(Devices, BenchTestsWriteScratchRegistersAndToggleTheClockLine) {
-  fake.start(0);
   fake.onRead = [&](u32 address) { return address == kWindows + 204 ? u16{7} : u16{0x1234}; };
   QamFpgaIfTest(0, 0x1234);
   EXPECT_EQ(fake.steps.front(), "Test0=4660");
   ASSERT_EQ(fake.log.size(), 28U) << "all but the first register are wrong";
   EXPECT_EQ((Lines{fake.log.begin() + 2, fake.log.begin() + 4}),
             (Lines{"debug Reg3 Value Err:", "debug Set Value:1238; Get Value:7\n"}));
-  fake.steps.clear();
-  QamFpgaTest(0);
-  Lines expected;
+  Lines toggles;
   for (int i = 0; i < 5; ++i)
-    expected = join({expected, {"cdce925_scl=0", "1 ticks", "cdce925_scl=1", "1 ticks"}});
-  EXPECT_EQ(fake.steps, expected);
+    toggles = toggles + Lines{"cdce925_scl=0", "1 ticks", "cdce925_scl=1", "1 ticks"};
+  EXPECT_EQ(fake.stepsOf([] { QamFpgaTest(0); }), toggles);
 }
 
 }  // namespace

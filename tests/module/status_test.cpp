@@ -63,8 +63,8 @@ TEST_F(Status, PassesTellTheAlarmListWhatHasChanged) {
     QamFpgaIf[2]->tslock = pass.lost;
     chassis::pbbFpgaIf->rate_overflow = pass.overflow;
     board.sensor(2).temperature(pass.degrees, fake.now);
-    fake.log.clear();
-    qamStatusCheck(2);
+    fake.forget();
+    chassis::head->statusCheck(2);
     std::erase_if(fake.log, [](const std::string& call) { return call.starts_with("raised? "); });
     EXPECT_EQ(fake.log, pass.calls);
   }

@@ -17,7 +17,7 @@ class Variables : public DeviceTest {
   ~Variables() override { semQamVar = nullptr; }
 
  protected:
-  static u32 get(u32 id) { return QamGetVar(2, 0, id, nullptr); }
+  static u32 get(u32 id) { return chassis::head->getVar(2, 0, id, nullptr); }
   static std::string text(u32 id) { return os::wordAddress<const char>(get(id)); }
 
   QamCardPara* record;
@@ -95,10 +95,9 @@ TEST_F(Variables, SettingsGoToTheHardwareAndAreSavedOnce) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     const auto set = [&](bool older, u32 value) {
-      fake.steps.clear();
-      fake.log.clear();
+      fake.forget();
       if (older) QamSetVar1(2, 0, row.id, value);
-      return older ? 0 : QamSetVar(2, 0, row.id, value);
+      return older ? 0 : chassis::head->setVar(2, 0, row.id, value);
     };
     for (const bool older : {true, false}) {
       fake.steps = {"the record's defaults"};
@@ -143,13 +142,6 @@ TEST_F(Variables, WhatCannotBeSetIsRefusedAndSomeCallsKeepTheSemaphore) {
   EXPECT_EQ(QamSetVar(3, 0, 30, 474000), -1);
   QamSetVar1(3, 0, 30, 474000);
   EXPECT_EQ(fake.log, (Lines{"take", "take", "take"}));
-}
-
-TEST_F(Variables, RunUnlockedWhereTheChassisMadeNoSemaphore) {
-  semQamVar = nullptr;
-  EXPECT_EQ(get(33), 5U);
-  EXPECT_EQ(QamSetVar(2, 0, 33, 7), 0);
-  EXPECT_EQ(get(33), 7U);
 }
 
 }  // namespace

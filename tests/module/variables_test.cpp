@@ -2,6 +2,7 @@
 // semaphore.
 #include "card/QamFpga.h"
 #include "card/qamVar.h"
+#include "hw/ad7414.h"
 #include "platform/address_word.h"
 #include "tests/module/card_devices.h"
 
@@ -37,6 +38,11 @@ TEST_F(Variables, ReadsAreTheRecordsTheCountersTheSensorsAndTheVersions) {
     ++id;
   }
   for (const u32 none : {29U, 46U, 51U, 53U}) EXPECT_EQ(get(none), 0U) << none;
+  for (const u8 place : {u8{1}, u8{2}}) {
+    u8 configuration = 0;
+    ad7414_reg_read(2, &configuration, 1, 1, place);
+    EXPECT_EQ(configuration & 0x80, 0x80) << "sensor " << place << " sleeps";
+  }
   board.sensor(1).temperature(41.75, fake.now);
   board.sensor(2).temperature(-2, fake.now);
   EXPECT_EQ(get(47), 41U);
@@ -47,16 +53,18 @@ TEST_F(Variables, ReadsAreTheRecordsTheCountersTheSensorsAndTheVersions) {
   EXPECT_EQ(text(50), "V2.1.55");
   QamFpgaIf[2]->version = 0x07;
   EXPECT_EQ(text(50), "V2.1.07");
-  // 2375999 bytes and 1000 null packets in half a second; the other channel had none
+  // Bytes and null packets in half a second
   QamFpgaIf[2]->Valid_0_rateH = 2375999 >> 16;
   QamFpgaIf[2]->Valid_0_rateM = 2375999 >> 8 & 0xFF;
   QamFpgaIf[2]->Valid_0_rateL = 2375999 & 0xFF;
   QamFpgaIf[2]->Sys_0_rateH = 1000 >> 8;
   QamFpgaIf[2]->Sys_0_rateL = 1000 & 0xFF;
+  QamFpgaIf[2]->Valid_1_rateM = 0x10;
+  QamFpgaIf[2]->Sys_1_rateL = 1;
   EXPECT_EQ(text(36), "38015Kb/s");
   EXPECT_EQ(text(37), "35007Kb/s");
-  EXPECT_EQ(text(44), "0Kb/s");
-  EXPECT_EQ(text(45), "0Kb/s");
+  EXPECT_EQ(text(44), "65Kb/s");
+  EXPECT_EQ(text(45), "62Kb/s");
   EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "take"),
             std::count(fake.log.begin(), fake.log.end(), "give"));
 }

@@ -18,30 +18,26 @@ constexpr const char* kFile = "/tffs0/K717_QAM/qam.bin";
 const Bytes kStream = {0x80, 0x01, 0xA5};
 const std::string kBits = "100000000000000110100101";
 
-// A part behind the port, whose faults last for so many attempts.
-struct Part {
-  int deafFor = 0;        // the request does not read back
-  int neverFallsFor = 0;  // the status stays 1
-  int neverRisesFor = 0;  // the status stays 0
-  int undoneFor = 0;      // done stays 0
-  int statusPolls = 1;    // the status has changed at this read
+enum class Fault { kNone, kDeaf, kStatusStays1, kStatusStays0, kNeverDone };
 
-  int attempt = 0, polls = 0;
+// A part behind the port, whose fault lasts for so many attempts.
+struct Part {
+  Fault fault = Fault::kNone;
+  int lasts = 0;
+  int attempt = 0;
   u16 request = 0;
 
   void written(u32 address, u16 value) {
     if (address != kRequest) return;
     if (value == kStart) ++attempt;
-    polls = 0;
     request = value;
   }
-  u16 read(u32 address) {
-    if (address == kRequest) return attempt <= deafFor ? u16{0} : request;
-    if (address == kDone) return attempt <= undoneFor ? u16{0} : u16{0x8000};
-    const bool inReset = request == kStart;
-    const bool stuck = attempt <= (inReset ? neverFallsFor : neverRisesFor);
-    const bool changed = !stuck && ++polls >= statusPolls;
-    return inReset != changed ? u16{0x0100} : u16{0};
+  u16 read(u32 address) const {
+    const auto has = [this](Fault which) { return fault == which && attempt <= lasts; };
+    if (address == kRequest) return has(Fault::kDeaf) ? u16{0} : request;
+    if (address == kDone) return has(Fault::kNeverDone) ? u16{0} : u16{0x8000};
+    const bool high = request == kStart ? has(Fault::kStatusStays1) : !has(Fault::kStatusStays0);
+    return high ? u16{0x0100} : u16{0};
   }
 };
 
@@ -90,27 +86,24 @@ TEST_F(Loader, TriesAFaultyPartTenTimes) {
     long statusReads;
     int streams;  // sent whole, every one from the first byte
   };
-  const Row rows[] = {{"no request", {.deafFor = 10}, kDeaf, 10, 1, 0, 0},
-                      {"no request at first", {.deafFor = 9}, kDeaf, 10, 0, 2, 1},
-                      {"status stays 1", {.neverFallsFor = 10}, kStays1, 10, 1, 100010, 0},
-                      {"status stays 0", {.neverRisesFor = 10}, kStays0, 10, 1, 100020, 0},
-                      {"status stays 0 once", {.neverRisesFor = 1}, kStays0, 2, 0, 10002 + 2, 1},
-                      {"last poll", {.statusPolls = 10001}, "", 1, 0, 20002, 1},
-                      {"one poll too many", {.statusPolls = 10002}, kStays1, 10, 1, 100010, 0},
-                      {"not done", {.undoneFor = 10}, kUndone, 10, 1, 20, 10},
-                      {"not done at first", {.undoneFor = 9}, kUndone, 10, 0, 20, 10}};
+  const Row rows[] = {{"no request", {Fault::kDeaf, 10}, kDeaf, 10, 1, 0, 0},
+                      {"no request at first", {Fault::kDeaf, 9}, kDeaf, 10, 0, 2, 1},
+                      {"status stays 1", {Fault::kStatusStays1, 10}, kStays1, 10, 1, 100010, 0},
+                      {"status stays 0", {Fault::kStatusStays0, 10}, kStays0, 10, 1, 100020, 0},
+                      {"status stays 0 once", {Fault::kStatusStays0, 1}, kStays0, 2, 0, 10002 + 2, 1},
+                      {"not done", {Fault::kNeverDone, 10}, kUndone, 10, 1, 20, 10},
+                      {"not done at first", {Fault::kNeverDone, 9}, kUndone, 10, 0, 20, 10}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     part = row.part;
-    fake.log.clear();
-    fake.accesses.clear();
+    fake.forget();
     EXPECT_EQ(cfg_qam_fpga(kSlot, kStream.data(), 3), row.result);
 
     Lines log;
     std::vector<u16> guard;
     for (int attempt = 1; attempt <= row.attempts; ++attempt) {
       guard.push_back(kOpen);
-      if (attempt > row.part.deafFor)
+      if (row.part.fault != Fault::kDeaf || attempt > row.part.lasts)
         log.push_back(fmt::format("debug fpga_ncfg cfg ok, confNum is {}!\r\n", attempt));
       if (attempt < row.attempts || row.result != 0) log.emplace_back(row.message);
     }
@@ -136,7 +129,7 @@ TEST_F(Loader, TriesAFaultyPartTenTimes) {
 TEST_F(Loader, KeepsBufferAndFileWhetherThePartStartsOrNot) {
   fake.files[kFile] = kStream;
   EXPECT_EQ(QamfpgaInit(kSlot), 0);
-  part.undoneFor = 100;
+  part = {Fault::kNeverDone, 100};
   EXPECT_EQ(QamfpgaInit(kSlot), -1);
   EXPECT_EQ(fake.blocks.size(), 2U);
   EXPECT_EQ(fake.openFiles.size(), 2U);

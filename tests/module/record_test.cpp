@@ -88,7 +88,8 @@ TEST_F(Record, IsTheFileOrTheDefaults) {
     if (message == nullptr) std::copy(file->begin(), file->end(), expected.begin());
     const u8* bytes = reinterpret_cast<const u8*>(record);
     const auto differs = std::mismatch(expected.begin(), expected.end(), bytes).first;
-    EXPECT_EQ(differs - expected.begin(), kRecordSize) << "the place of the first difference";
+    EXPECT_EQ(static_cast<std::size_t>(differs - expected.begin()), kRecordSize)
+        << "the place of the first difference";
   }
 }
 

@@ -93,6 +93,16 @@ TEST_F(StartUp, BuildsTheSendListsOfARecordWithItsChannelHalted) {
   EXPECT_EQ(fake.queues[0]->messages, std::vector<u32>{0});
 }
 
+TEST_F(StartUp, AQueueThatCannotBeHadFailsItsCheck) {
+  fake.queuesToBeHad = false;
+  fake.start(0);
+  fake.stopsAtChecks = true;
+  EXPECT_FALSE(fake.runs([] { QamInit(0); }));
+  ASSERT_EQ(fake.checks.size(), 1U);
+  EXPECT_EQ(fake.checks[0].text, "g_qam_PsiSendQ_ID[slotNo][i]");
+  EXPECT_EQ(fake.checks[0].line, 99);
+}
+
 TEST_F(StartUp, AnFpgaThatDoesNotStartLeavesTheSlotIdle) {
   fake.files[kBitstream] = {0x12};
   Qam_Init(4);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 
 #include "card/QamInit.h"
 #include "headend/hardware/card_registers.h"
@@ -107,37 +108,13 @@ QamCardPara* FakeChassis::start(u8 slotNo) {
   return static_cast<QamCardPara*>(chassis::head->varPtr);
 }
 
-void FakeChassis::forget() {
-  log.clear();
-  accesses.clear();
-  steps.clear();
-  checks.clear();
-}
-
-Lines FakeChassis::stepsOf(const std::function<void()>& routine) {
-  forget();
-  routine();
-  return steps;
-}
-
-Lines FakeChassis::logOf(const std::function<void()>& routine) {
-  forget();
-  routine();
-  return log;
-}
-
 Lines FakeChassis::landmarks() const {
-  static const Lines devices{"cdce925", "lo1", "lo2", "att", "rf_off", "nrst"};
+  static const std::regex devices("(cdce925|lo1|lo2|att|rf_off|nrst).*");
   Lines all;
   for (const std::string& step : steps) {
     if (step.find('=') == std::string::npos && !step.ends_with("lock")) continue;
-    const auto device = std::find_if(devices.begin(), devices.end(),
-                                     [&](const std::string& name) { return step.starts_with(name); });
-    if (device == devices.end()) {
-      all.push_back(step);
-    } else if (all.empty() || all.back() != *device) {
-      all.push_back(*device);
-    }
+    const std::string name = std::regex_replace(step, devices, "$1");
+    if (name == step || all.empty() || all.back() != name) all.push_back(name);
   }
   return all;
 }
@@ -207,7 +184,8 @@ void* busAddress(u32 address) {
 }
 
 void checkFailed(const char* text, const char* unit, int line) {
-  current->checks.push_back({text, unit, line});
+  current->checks.push_back(fmt::format("{}: {}", unit, text));
+  current->checkedLine = line;
   if (current->stopsAtChecks) current->leave();
 }
 

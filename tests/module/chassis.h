@@ -66,11 +66,6 @@ struct Queue {
   static Queue& of(os::MSG_Q_ID handle) { return *reinterpret_cast<Queue*>(handle); }
 };
 
-struct FailedCheck {
-  std::string text, unit;
-  int line;
-};
-
 struct Task {
   os::FUNCPTR entry;
   int slotNo, port;
@@ -108,7 +103,8 @@ class FakeChassis {
   // (delay5us), "dog", "1000 turns", "10 ticks", "lock".
   Lines steps;
   std::int64_t now = 0;  // nanoseconds: what accesses, waits and loops have taken
-  std::vector<FailedCheck> checks;
+  Lines checks;          // that failed: "unit: text"
+  int checkedLine = 0;   // of the last one
   std::vector<Task> tasks;
   std::vector<std::unique_ptr<Queue>> queues;
   const chassis::bc_var* variables = nullptr;  // the table registered last
@@ -127,9 +123,9 @@ class FakeChassis {
   QamCardPara* start(u8 slotNo);
 
   // What the module does in `routine`, and nothing from before.
-  Lines stepsOf(const std::function<void()>& routine);
-  Lines logOf(const std::function<void()>& routine);
-  void forget();
+  Lines stepsOf(const std::function<void()>& routine) { return forget(), routine(), steps; }
+  Lines logOf(const std::function<void()>& routine) { return forget(), routine(), log; }
+  void forget() { log = steps = checks = {}, accesses = {}; }
 
   // Runs `body`; false when it ended in a failed check, or waiting for a message that nobody will send.
   bool runs(const std::function<void()>& body);

@@ -13,15 +13,11 @@ namespace {
 
 using Checks = ModuleTest;
 
-constexpr const char* kSlot = "slotNo<MAX_BOARD_NUM";
-constexpr const char* kSpacedSlot = "slotNo < MAX_BOARD_NUM";
-constexpr const char* kPort = "port < MAX_QAM_OUT_NUM";
-
 TEST_F(Checks, BadArgumentsFailTheirChecks) {
   struct Row {
     const char* call;
     void (*entry)();
-    const char *text, *unit;
+    const char* check;
     int line = 0;  // 0: not fixed
   };
   static QamCardPara para;
@@ -29,44 +25,42 @@ TEST_F(Checks, BadArgumentsFailTheirChecks) {
   static const set_pid_map_t map{};
   static const u8 packet[188] = {};
   const Row rows[] = {
-      {"Qam_create_para(2)", [] { Qam_create_para(2); }, "slotNo<MAX_QAM_OUT_NUM", "qamVar", 196},
-      {"qam_load_para(6, p)", [] { qam_load_para(6, &para); }, kSlot, "qamVar", 145},
-      {"qam_load_para(0, null)", [] { qam_load_para(0, nullptr); }, "pVar", "qamVar", 146},
-      {"Qam_Init(6)", [] { Qam_Init(6); }, kSlot, "QamInit", 120},
-      {"QamInit(6)", [] { QamInit(6); }, kSlot, "QamInit", 50},
-      {"QamSetVar(6)", [] { QamSetVar(6, 0, 30, 474000); }, kSlot, "qamVar", 478},
-      {"qamStatusCheck(6)", [] { qamStatusCheck(6); }, kSlot, "qamStatus", 23},
-      {"cfg_qam_fpga(6)", [] { cfg_qam_fpga(6, packet, 1); }, kSlot, "Qam_fpga_init"},
-      {"cfg_qam_fpga(null)", [] { cfg_qam_fpga(0, nullptr, 1); }, "point", "Qam_fpga_init"},
-      {"cfg_qam_fpga(size 0)", [] { cfg_qam_fpga(0, packet, 0); }, "dataSize>0", "Qam_fpga_init"},
-      {"cfg_qam_fpga(size -1)", [] { cfg_qam_fpga(0, packet, -1); }, "dataSize>0", "Qam_fpga_init"},
-      {"QamSetPsiInterval(6, 0)", [] { QamSetPsiInterval(6, 0); }, kSlot, "qamIntr"},
-      {"QamSetPsiInterval(0, 2)", [] { QamSetPsiInterval(0, 2); }, kPort, "qamIntr"},
-      {"qamIntr(6)", [] { qamIntr(6); }, kSlot, "qamIntr"},
-      {"QamTaskPsiSend(6, 0)", [] { QamTaskPsiSend(6, 0); }, kSlot, "qamIntr"},
-      {"QamTaskPsiSend(0, 2)", [] { QamTaskPsiSend(0, 2); }, kPort, "qamIntr"},
-      {"qamWritePsi(6)", [] { qamWritePsi(6, packet, 0); }, kSpacedSlot, "qamIntr"},
-      {"qamWritePsi(port 2)", [] { qamWritePsi(0, packet, 2); }, kPort, "qamIntr"},
-      {"qamWritePsi(null)", [] { qamWritePsi(0, nullptr, 0); }, "pkt != NULL", "qamIntr"},
-      {"QamPsiSetLock(6, 0)", [] { QamPsiSetLock(6, 0, &para, 1); }, kSpacedSlot, "qamBack"},
-      {"QamPsiSetLock(0, 2)", [] { QamPsiSetLock(0, 2, &para, 1); }, kPort, "qamBack"},
-      {"QamSavePsiPkt(2)", [] { QamSavePsiPkt(2, &para, &chunk); }, kPort, "qamBack"},
-      {"QamPidMapSetLock(6, 0)", [] { QamPidMapSetLock(6, 0, &para, 1); }, kSpacedSlot, "qamBack"},
-      {"QamPidMapSetLock(0, 2)", [] { QamPidMapSetLock(0, 2, &para, 1); }, kPort, "qamBack"},
-      {"QamSavePidMap(2)", [] { QamSavePidMap(2, &para, &map); }, kPort, "qamBack"},
-      {"qamSetTSPID(6, 0)", [] { qamSetTSPID(6, 0, 0, 0, 1); }, kSlot, "qamBack"},
-      {"qamSetTSPID(0, 2)", [] { qamSetTSPID(0, 2, 0, 0, 1); }, "port<MAX_QAM_OUT_NUM", "qamBack"},
-      {"qamBackInit(6)", [] { qamBackInit(6); }, kSpacedSlot, "qamBack"},
+      {"Qam_create_para(2)", [] { Qam_create_para(2); }, "qamVar: slotNo<MAX_QAM_OUT_NUM", 196},
+      {"qam_load_para(6, p)", [] { qam_load_para(6, &para); }, "qamVar: slotNo<MAX_BOARD_NUM", 145},
+      {"qam_load_para(0, null)", [] { qam_load_para(0, nullptr); }, "qamVar: pVar", 146},
+      {"Qam_Init(6)", [] { Qam_Init(6); }, "QamInit: slotNo<MAX_BOARD_NUM", 120},
+      {"QamInit(6)", [] { QamInit(6); }, "QamInit: slotNo<MAX_BOARD_NUM", 50},
+      {"QamSetVar(6)", [] { QamSetVar(6, 0, 30, 474000); }, "qamVar: slotNo<MAX_BOARD_NUM", 478},
+      {"qamStatusCheck(6)", [] { qamStatusCheck(6); }, "qamStatus: slotNo<MAX_BOARD_NUM", 23},
+      {"cfg_qam_fpga(6)", [] { cfg_qam_fpga(6, packet, 1); }, "Qam_fpga_init: slotNo<MAX_BOARD_NUM"},
+      {"cfg_qam_fpga(null)", [] { cfg_qam_fpga(0, nullptr, 1); }, "Qam_fpga_init: point"},
+      {"cfg_qam_fpga(size 0)", [] { cfg_qam_fpga(0, packet, 0); }, "Qam_fpga_init: dataSize>0"},
+      {"cfg_qam_fpga(size -1)", [] { cfg_qam_fpga(0, packet, -1); }, "Qam_fpga_init: dataSize>0"},
+      {"QamSetPsiInterval(6, 0)", [] { QamSetPsiInterval(6, 0); }, "qamIntr: slotNo<MAX_BOARD_NUM"},
+      {"QamSetPsiInterval(0, 2)", [] { QamSetPsiInterval(0, 2); }, "qamIntr: port < MAX_QAM_OUT_NUM"},
+      {"qamIntr(6)", [] { qamIntr(6); }, "qamIntr: slotNo<MAX_BOARD_NUM"},
+      {"QamTaskPsiSend(6, 0)", [] { QamTaskPsiSend(6, 0); }, "qamIntr: slotNo<MAX_BOARD_NUM"},
+      {"QamTaskPsiSend(0, 2)", [] { QamTaskPsiSend(0, 2); }, "qamIntr: port < MAX_QAM_OUT_NUM"},
+      {"qamWritePsi(6)", [] { qamWritePsi(6, packet, 0); }, "qamIntr: slotNo < MAX_BOARD_NUM"},
+      {"qamWritePsi(port 2)", [] { qamWritePsi(0, packet, 2); }, "qamIntr: port < MAX_QAM_OUT_NUM"},
+      {"qamWritePsi(null)", [] { qamWritePsi(0, nullptr, 0); }, "qamIntr: pkt != NULL"},
+      {"QamPsiSetLock(6, 0)", [] { QamPsiSetLock(6, 0, &para, 1); }, "qamBack: slotNo < MAX_BOARD_NUM"},
+      {"QamPsiSetLock(0, 2)", [] { QamPsiSetLock(0, 2, &para, 1); }, "qamBack: port < MAX_QAM_OUT_NUM"},
+      {"QamSavePsiPkt(2)", [] { QamSavePsiPkt(2, &para, &chunk); }, "qamBack: port < MAX_QAM_OUT_NUM"},
+      {"QamPidMapSetLock(6, 0)", [] { QamPidMapSetLock(6, 0, &para, 1); }, "qamBack: slotNo < MAX_BOARD_NUM"},
+      {"QamPidMapSetLock(0, 2)", [] { QamPidMapSetLock(0, 2, &para, 1); }, "qamBack: port < MAX_QAM_OUT_NUM"},
+      {"QamSavePidMap(2)", [] { QamSavePidMap(2, &para, &map); }, "qamBack: port < MAX_QAM_OUT_NUM"},
+      {"qamSetTSPID(6, 0)", [] { qamSetTSPID(6, 0, 0, 0, 1); }, "qamBack: slotNo<MAX_BOARD_NUM"},
+      {"qamSetTSPID(0, 2)", [] { qamSetTSPID(0, 2, 0, 0, 1); }, "qamBack: port<MAX_QAM_OUT_NUM"},
+      {"qamBackInit(6)", [] { qamBackInit(6); }, "qamBack: slotNo < MAX_BOARD_NUM"},
   };
   fake.stopsAtChecks = true;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.call);
-    fake.checks.clear();
+    fake.forget();
     EXPECT_FALSE(fake.runs(row.entry));
-    ASSERT_EQ(fake.checks.size(), 1U);
-    EXPECT_EQ(fake.checks[0].text, row.text);
-    EXPECT_EQ(fake.checks[0].unit, row.unit);
-    EXPECT_TRUE(row.line == 0 || fake.checks[0].line == row.line) << fake.checks[0].line;
+    EXPECT_EQ(fake.checks, Lines{row.check});
+    EXPECT_TRUE(row.line == 0 || fake.checkedLine == row.line) << fake.checkedLine;
   }
   EXPECT_TRUE(fake.accesses.empty());
 }

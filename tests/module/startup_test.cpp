@@ -98,9 +98,8 @@ TEST_F(StartUp, AQueueThatCannotBeHadFailsItsCheck) {
   fake.start(0);
   fake.stopsAtChecks = true;
   EXPECT_FALSE(fake.runs([] { QamInit(0); }));
-  ASSERT_EQ(fake.checks.size(), 1U);
-  EXPECT_EQ(fake.checks[0].text, "g_qam_PsiSendQ_ID[slotNo][i]");
-  EXPECT_EQ(fake.checks[0].line, 99);
+  EXPECT_EQ(fake.checks, Lines{"QamInit: g_qam_PsiSendQ_ID[slotNo][i]"});
+  EXPECT_EQ(fake.checkedLine, 99);
 }
 
 TEST_F(StartUp, AnFpgaThatDoesNotStartLeavesTheSlotIdle) {

@@ -7,7 +7,7 @@
 #include <set>
 #include <utility>
 
-#include "tests/headend/hardware/i2c_lines.h"
+#include "tests/headend/hardware/drivers.h"
 
 namespace test {
 namespace {
@@ -15,9 +15,9 @@ namespace {
 constexpr Nanos kCycle = 5'000'000;
 
 struct Memory {
-  headend::Violations violations;
+  Violations violations;
   headend::Eeprom part;
-  I2cLines master{&part};
+  I2cLines master{part};
   headend::Eeprom::Image old{};
 
   explicit Memory(unsigned seed = 1) : part(violations, seed) {
@@ -26,18 +26,18 @@ struct Memory {
   }
   bool write(unsigned place, Bytes data, bool andStop = true) {
     data.insert(data.begin(), static_cast<u8>(place));
-    return master.send(static_cast<u8>(0x50 | place >> 8), data, andStop);
+    return master.sendAll(static_cast<int>(0x50 | place >> 8), data, andStop);
   }
-  u8 readOn(unsigned block) { return master.fetch(static_cast<u8>(0x50 | block), {}, 1)[0]; }
+  u8 readOn(unsigned block) { return master.fetch(static_cast<int>(0x50 | block), 1)[0]; }
   Nanos stopped() const { return master.now - master.busFree; }
 };
 
 TEST(Eeprom, ReadsRunOnThroughAllBlocks) {
   Memory memory;
-  const Bytes read = memory.master.fetch(0x50, {0xFE}, 2050);
+  const Bytes read = memory.master.fetch(0x50, 2050, 0xFE);
   for (unsigned i = 0; i < read.size(); ++i) ASSERT_EQ(read[i], memory.old[(0xFE + i) % 2048]) << i;
   EXPECT_EQ(memory.readOn(1), memory.old[0x100]);
-  EXPECT_FALSE(memory.master.send(0x48, {}));
+  EXPECT_FALSE(memory.master.send(0x48));
   EXPECT_EQ(kinds(memory.violations), "");
   EXPECT_EQ(memory.readOn(6), memory.old[0x601]);
   EXPECT_EQ(kinds(memory.violations), "eeprom_read_in_another_block");
@@ -64,8 +64,8 @@ TEST(Eeprom, WritesAPageWhenAStopConfirmsItAndAnswersNobodyMeanwhile) {
     EXPECT_TRUE(memory.write(row.place, Bytes(data.begin(), data.begin() + row.count), row.stop));
     const Nanos end = memory.stopped() + row.cycle;
     EXPECT_EQ(memory.part.image(end - 1), memory.old);
-    if (!row.stop) memory.master.restart(), memory.master.write(0xA6), memory.master.stop();
-    EXPECT_EQ(memory.master.send(0x53, {}), row.count == 0 || row.cycle == 0);
+    if (!row.stop) memory.master.prepareRestart(), memory.master.send(0x53);
+    EXPECT_EQ(memory.master.send(0x53), row.count == 0 || row.cycle == 0);
     memory.master.now = std::max(memory.master.now, end - 15'800);  // an address takes 15.8 us
     EXPECT_EQ(memory.readOn(row.then >> 8), expected[row.then]);
     EXPECT_EQ(memory.part.image(memory.master.now + kCycle), expected);

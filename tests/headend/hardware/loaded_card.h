@@ -16,6 +16,8 @@ using Bytes = std::vector<u8>;
 
 enum Port : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
 
+constexpr u16 kOpen = 0xC0DE, kStart = 0x3C5A, kRelease = 0xC3A5;
+
 struct Card {
   headend::Violations violations;
   headend::CardFpga fpga;
@@ -26,11 +28,11 @@ struct Card {
       : fpga({.anyBitstream = anyBitstream, .seed = 1}, violations), port(fpga.configuration(), violations) {}
 
   void set(u32 offset, u16 value) { port.write(offset, value, now); }
-  void request() {
-    set(kGuard, 0xC0DE);
+  void request(u16 guard = kOpen) {
+    set(kGuard, guard);
     set(kClock, 0);
-    set(kRequest, 0x3C5A);
-    set(kRequest, 0xC3A5);
+    set(kRequest, kStart);
+    set(kRequest, kRelease);
     now += 1'000'000;
   }
   void clocks(int count) {
@@ -41,6 +43,7 @@ struct Card {
       for (int bit = 7; bit >= 0; --bit) set(kData, byte >> bit & 1), clocks(1);
     }
   }
+  void clockIn(u8 byte) { clockIn({&byte, 1}); }
   void load(std::span<const u8> stream, int closingClocks = 10) {
     request();
     clockIn(stream);

@@ -1,0 +1,192 @@
+// Drivers of the card's devices, one for each kind of lines. They keep exactly the least times, unless told
+// to miss one.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "headend/hardware/dac.h"
+#include "headend/hardware/open_drain_bus.h"
+
+namespace test {
+
+using headend::Nanos;
+using headend::Violations;
+using Bytes = std::vector<u8>;
+
+// What has been counted, separated by spaces.
+inline std::string kinds(const Violations& violations) {
+  std::string all;
+  for (const auto& [kind, count] : violations.counts()) all += (all.empty() ? "" : " ") + kind;
+  return all;
+}
+
+// An I2C master in fast mode.
+struct I2cLines {
+  headend::OpenDrainBus bus;
+  Nanos now = headend::kSecond;
+  bool waits = false;  // for a clock that a slave holds
+  Nanos low = 1300, high = 600, dataSetup = 100, startSetup = 600, startHold = 600, stopSetup = 600;
+  Nanos busFree = 1300;
+
+  explicit I2cLines(headend::I2cSlave& slave) : bus(&slave) { scl(true), sda(true); }
+  void scl(bool level) {
+    bus.driveClock(level, now);
+    while (level && waits && !bus.clock(now)) now += 100;
+  }
+  void sda(bool level) { bus.driveData(level, now); }
+  void rise(bool data) {
+    now += low - dataSetup;
+    sda(data);
+    now += dataSetup;
+    scl(true);
+  }
+  bool bit(bool level) {
+    rise(level);
+    now += high;
+    const bool seen = bus.data(now);
+    scl(false);
+    return seen;
+  }
+  void bits(int count) {
+    for (int i = 0; i < count; ++i) bit(true);
+  }
+  void start() {
+    sda(false);
+    now += startHold;
+    scl(false);
+  }
+  void prepareRestart() {
+    rise(true);
+    now += startSetup;
+  }
+  void stop() {
+    rise(false);
+    now += stopSetup;
+    sda(true);
+    now += busFree;
+  }
+  bool write(u8 byte) {  // true: acknowledged
+    for (int i = 7; i >= 0; --i) bit((byte >> i & 1) != 0);
+    return !bit(true);
+  }
+  u8 read(bool acknowledge) {
+    unsigned byte = 0;
+    for (int i = 0; i < 8; ++i) byte = byte << 1 | (bit(true) ? 1U : 0U);
+    bit(!acknowledge);
+    return static_cast<u8>(byte);
+  }
+  bool begin(int address, bool reads = false) {
+    start();
+    return write(static_cast<u8>(address << 1 | (reads ? 1 : 0)));
+  }
+  template <typename... Values>
+  bool send(int address, Values... bytes) {  // true: all acknowledged
+    return sendAll(address, {static_cast<u8>(bytes)...});
+  }
+  bool sendAll(int address, const Bytes& bytes, bool andStop = true) {
+    bool taken = begin(address);
+    for (const u8 byte : bytes) taken = write(byte) && taken;
+    if (andStop) stop();
+    return taken;
+  }
+  template <typename... Values>
+  Bytes fetch(int address, int count, Values... command) {
+    if (sizeof...(command) > 0) sendAll(address, {static_cast<u8>(command)...}, false), prepareRestart();
+    begin(address, true);
+    Bytes bytes;
+    for (int i = 1; i <= count; ++i) bytes.push_back(read(i < count));
+    stop();
+    return bytes;
+  }
+};
+
+// At 0x50. Takes all but 0xEE, sends 0xA5 0xFF 0x00 ... in turn.
+struct Slave final : headend::I2cSlave {
+  explicit Slave(Violations& violations) : I2cSlave("slave", violations) {}
+  bool addressed(u8 byte, Nanos /*now*/) override { return byte >> 1 == 0x50; }
+  bool received(u8 byte, Nanos /*now*/) override {
+    bytes.push_back(byte);
+    return byte != 0xEE;
+  }
+  u8 next(Nanos /*now*/) override { return Bytes{0xA5, 0xFF, 0x00}[sent++ % 3]; }
+  Bytes bytes;
+  unsigned sent = 0;
+};
+
+// Data, clock and latch enable, at the times of the synthesizer. Data moves under the high clock, as it may
+// once it has been held.
+template <typename Part>
+struct ThreeLines {
+  Part& part;
+  Nanos now = 0;
+  Nanos setup = 10, hold = 10, high = 25, low = 25, toLatch = 10, width = 20;
+
+  void send(u32 word, int bits = 24) {
+    for (int i = bits - 1; i >= 0; --i) {
+      const bool level = (word >> i & 1) != 0;
+      part.data(level, now);
+      part.clock(true, now += setup);
+      if (i == 0) break;
+      part.data(!level, now += hold);
+      part.clock(false, now += high - hold);
+      now += low - setup;
+    }
+    part.latchEnable(true, now += toLatch);
+    part.latchEnable(false, now += width);
+    part.clock(false, now += high);
+    now += low;
+  }
+};
+
+// The four lines and the reset of the converter.
+struct DacLines {
+  headend::Dac& part;
+  Nanos now = 1000;
+  Nanos setup = 25, select = 25, high = 30, low = 37, width = 2;
+
+  bool bit(bool level) {  // what comes out at the rise
+    part.dataIn(level, now);
+    now += setup;
+    const bool seen = part.dataOut();
+    part.clock(true, now);
+    part.clock(false, now += high);
+    now += low - setup;
+    return seen;
+  }
+  template <typename... Values>
+  unsigned bytes(Values... values) {  // the last byte seen
+    unsigned seen = 0;
+    for (const unsigned value : {static_cast<unsigned>(values)...}) {
+      for (int place = 7; place >= 0; --place) seen = seen << 1 | (bit((value >> place & 1) != 0) ? 1U : 0U);
+    }
+    return seen & 0xFF;
+  }
+  void begin() {
+    part.chipSelect(true, now);
+    part.chipSelect(false, now);
+    now += select - setup;
+  }
+  template <typename... Values>
+  unsigned frame(Values... values) {
+    begin();
+    const unsigned seen = bytes(values...);
+    EXPECT_FALSE(part.dataOut());
+    part.chipSelect(true, now);
+    return seen;
+  }
+  template <typename... Values>
+  void returns(unsigned last, Values... values) {
+    EXPECT_EQ(frame(values...), last);
+  }
+  void shortenSetup() { --setup, ++now; }
+  void holds(u8 index, unsigned value) { EXPECT_EQ(part.reg(index), value); }
+  void reset() {
+    part.reset(true, now);
+    part.reset(false, now += width);
+  }
+};
+
+}  // namespace test

@@ -1,42 +1,17 @@
+// The outputs of a card's FPGA, as a driver sets them up and uploads to them.
 #include <gtest/gtest.h>
 
 #include <random>
 
-#include "headend/hardware/packet_sink.h"
 #include "tests/headend/hardware/loaded_card.h"
-#include "tests/headend/scratch.h"
+#include "tests/headend/packets.h"
 
 namespace test {
 namespace {
 
 __extension__ using Wide = __int128;
 constexpr Nanos kSecond = 1'000'000'000;
-
-// Keeps the second byte of each packet of the output, so that a test sees what left and in which order.
-class Memory final : public headend::PacketSink {
- public:
-  void packet(std::span<const u8> packet) override { seen += static_cast<char>(packet[1]); }
-  void nullPackets(std::uint64_t count) override { seen.append(count, '-'); }
-  void flush() override {}
-  const std::string& error() const override { return none; }
-  std::string seen;
-  std::string none;
-};
-
-Bytes packetOf(u8 mark) {
-  Bytes packet(188, 0x11);
-  packet[0] = 0x47;
-  packet[1] = mark;
-  return packet;
-}
-
-void words(Card& card, std::size_t count, u16 word, u32 port = 156) {
-  for (std::size_t i = 0; i < count; ++i) card.write(port, word);
-}
-void insert(Card& card, u8 mark, u32 port = 156) {
-  for (const u8 byte : packetOf(mark)) card.write(port, byte);
-  words(card, 16, 0xFFFF, port);
-}
+constexpr u32 kPsiData = 156, kPsiReady = 158, kPsiReadyOfSecond = 174, kTsLock = 110;
 
 // The registers as a driver writes them: 2^26 * 1000 / kBd, rounded down, a byte each; they count from the
 // release of the reset on.
@@ -60,133 +35,152 @@ std::uint64_t leftBy(Nanos t, u32 rate_kBd, unsigned bitsPerSymbol) {
 
 TEST(Output, HasExactlyTheBitRateOfEachModulationForEver) {
   for (u32 rate = 5000; rate <= 7000; rate += 125) {
-    for (const auto& [code, bits] : {std::pair<u16, unsigned>{5, 6U}, {6, 7U}, {7, 8U}}) {
+    for (const auto& [code, bitsPerSymbol] : {std::pair<u16, unsigned>{5, 6U}, {6, 7U}, {7, 8U}}) {
       SCOPED_TRACE(testing::Message() << rate << " kBd, code " << code);
       Card card;
       card.load();
       program(card, rate, code);
-      headend::Multiplexer& lazy = card.fpga.output(0);
-      headend::Multiplexer& eager = card.fpga.output(1);
-      EXPECT_DOUBLE_EQ(lazy.rate().perSecond(), rate * 1000.0 * bits * 188 / 204);
-      const headend::BitRate programmed = lazy.rate();
-      lazy.start(card.now, programmed);
-      eager.start(card.now, programmed);
-      const std::uint64_t before = lazy.counts().null;
-      const std::uint64_t eagerBefore = eager.counts().null;
+      headend::Multiplexer& output = card.fpga.output(0);
+      EXPECT_DOUBLE_EQ(output.rate().perSecond(), rate * 1000.0 * bitsPerSymbol * 188 / 204);
+      output.start(card.now, headend::BitRate(output.rate()));
+      const std::uint64_t before = output.counts().null;
       std::mt19937 steps(rate);
-      for (Nanos t = 0; t < 2 * kSecond; t += static_cast<Nanos>(steps() % 700'000)) {
-        eager.advance(card.now + t);
-        ASSERT_EQ(eager.counts().null - eagerBefore, leftBy(t, rate, bits)) << t;
+      for (Nanos t = 0; t < kSecond; t += static_cast<Nanos>(steps() % 700'000)) {
+        output.advance(card.now + t);
+        ASSERT_EQ(output.counts().null - before, leftBy(t, rate, bitsPerSymbol)) << t;
       }
-      for (const Nanos t : {Nanos{0}, Nanos{1}, kSecond - 1, kSecond, 86'400 * kSecond + 12'345}) {
-        lazy.advance(card.now + t);
-        ASSERT_EQ(lazy.counts().null - before, leftBy(t, rate, bits)) << t;
+      for (const Nanos t : {kSecond - 1, kSecond, 86'400 * kSecond + 12'345}) {
+        output.advance(card.now + t);
+        ASSERT_EQ(output.counts().null - before, leftBy(t, rate, bitsPerSymbol)) << t;
       }
     }
   }
 }
 
-TEST(Output, TablesGoBeforeStuffingInTheirOrderHoweverOftenItIsLookedAt) {
-  std::string streams[2];
-  for (const bool eager : {false, true}) {
-    Card card;
-    card.load();
-    Memory sinks[2];
-    for (const std::size_t channel : {0U, 1U}) card.fpga.output(channel).setSink(&sinks[channel]);
-    std::mt19937 random(5);
-    const Nanos start = card.now;
-    for (int i = 0; i < 2000; ++i) {
-      const Nanos until = card.now + static_cast<Nanos>(random() % 400'000);
-      const bool second = random() % 4 == 0;
-      if (eager) {
-        for (; card.now < until; card.now += 3'001) card.fpga.advanceOutputs(card.now);
-      }
-      card.now = until;
-      if (!second) insert(card, static_cast<u8>('A' + i % 26));
-      if (second) insert(card, static_cast<u8>('a' + i % 26), 172);
-    }
-    card.fpga.advanceOutputs(card.now);
-    EXPECT_EQ(sinks[0].seen.size(), leftBy(card.now - start, 6875, 6));
-    EXPECT_EQ(card.fpga.output(0).counts().psi + card.fpga.output(0).counts().null, sinks[0].seen.size());
-    EXPECT_EQ(sinks[0].seen.find_first_of("abcdefghijklmnopqrstuvwxyz"), std::string::npos);
-    EXPECT_EQ(card.count("psi_fifo_overflow"), 0U);
-    streams[eager ? 1 : 0] = sinks[0].seen + sinks[1].seen;
-  }
-  EXPECT_EQ(streams[0], streams[1]);
-}
+// A configured card whose first output is watched.
+struct Uploads : Card {
+  PacketKeeper kept;
 
-TEST(Output, TheReadyRegisterTellsOfRoomAndAFullFifoLosesThePacket) {
-  Card card;
-  card.load();
-  Memory sink;
-  card.fpga.output(0).setSink(&sink);
-  int taken = 0;
-  while (card.read(158) != 0 && taken < 100) insert(card, static_cast<u8>('A' + taken++));
-  ASSERT_GE(taken, 1);
-  ASSERT_LT(taken, 32);
-  EXPECT_EQ(card.read(174), 1);  // the other channel's own
-  insert(card, '!');
-  EXPECT_EQ(card.count("psi_fifo_overflow"), 1U);
-  const Nanos period = 1632 * 1'000'000 / (6875 * 6);
-  card.now += period + 1;
-  EXPECT_EQ(card.read(158), 1);
-  insert(card, 'z');
-  EXPECT_EQ(card.read(158), 0);
-  card.now += 100 * period;
-  card.fpga.advanceOutputs(card.now);
-  std::string expected;
-  for (int i = 0; i < taken; ++i) expected += static_cast<char>('A' + i);
-  EXPECT_NE(sink.seen.find(expected + "z-"), std::string::npos) << sink.seen;
-  EXPECT_EQ(sink.seen.find('!'), std::string::npos);
-}
+  Uploads() {
+    load();
+    fpga.output(0).setSink(&kept);
+  }
+  void words(int count, u16 word) {
+    for (int i = 0; i < count; ++i) write(kPsiData, word);
+  }
+  void filler(int count = 16) { words(count, 0xFFFF); }
+  void data(std::size_t from, std::size_t count, u64 number = 2) {
+    Bytes whole = packet({.number = number});
+    whole.resize(from + count, 0x22);
+    for (std::size_t i = from; i < from + count; ++i) write(kPsiData, whole[i]);
+  }
+  void insert(u64 number) { data(0, 188, number), filler(); }
+  std::vector<u64> left(Nanos after) {
+    fpga.advanceOutputs(now += after);
+    std::vector<u64> numbers;
+    for (const auto& each : kept.seen) numbers.push_back(each.number);
+    return numbers;
+  }
+};
 
 // Each row is what a driver writes between two good packets.
-TEST(PsiPort, LosesAndCountsAMisframedPacketAndTakesTheNextOne) {
-  const auto data = [](Card& card, std::size_t from, std::size_t count) {
-    for (std::size_t i = from; i < from + count; ++i) card.write(156, i < 188 ? packetOf('x')[i] : 0x22);
-  };
+TEST(Output, LosesAndCountsAMisframedPacketAndTakesTheNextOne) {
   struct Row {
     const char* name;
-    std::function<void(Card&)> bad;
-    std::uint64_t misframed;
-    std::uint64_t withoutSync;
-    const char* out;
+    void (*bad)(Uploads&);
+    std::uint64_t misframed = 1;
+    std::vector<u64> left = {1, 3};
+    std::uint64_t withoutSync = 0;
   };
   const Row rows[] = {
-      {"good", [&](Card& c) { data(c, 0, 188), words(c, 16, 0xFFFF); }, 0, 0, "AxB"},
-      {"a byte short", [&](Card& c) { data(c, 0, 187), words(c, 16, 0xFFFF); }, 1, 0, "AB"},
-      {"only a byte", [&](Card& c) { data(c, 0, 1), words(c, 16, 0xFFFF); }, 1, 0, "AB"},
-      {"no filler", [&](Card& c) { data(c, 0, 188); }, 1, 0, "AB"},
-      {"a filler short", [&](Card& c) { data(c, 0, 188), words(c, 15, 0xFFFF); }, 1, 0, "AB"},
-      {"a filler too many", [&](Card& c) { data(c, 0, 188), words(c, 17, 0xFFFF); }, 1, 0, "AxB"},
-      {"filler alone", [&](Card& c) { words(c, 16, 0xFFFF); }, 1, 0, "AB"},
-      {"a byte too many", [&](Card& c) { data(c, 0, 189), words(c, 16, 0xFFFF); }, 1, 0, "AB"},
+      {"good", [](Uploads& u) { u.data(0, 188), u.filler(); }, 0, {1, 2, 3}},
+      {"a byte short", [](Uploads& u) { u.data(0, 187), u.filler(); }},
+      {"only a byte", [](Uploads& u) { u.data(0, 1), u.filler(); }},
+      {"no filler", [](Uploads& u) { u.data(0, 188); }},
+      {"a filler short", [](Uploads& u) { u.data(0, 188), u.filler(15); }},
+      {"a filler too many", [](Uploads& u) { u.data(0, 188), u.filler(17); }, 1, {1, 2, 3}},
+      {"filler alone", [](Uploads& u) { u.filler(); }},
+      {"a byte too many", [](Uploads& u) { u.data(0, 189), u.filler(); }},
       {"a high byte in the data",
-       [&](Card& c) { data(c, 0, 100), words(c, 1, 0x0147), data(c, 101, 87), words(c, 16, 0xFFFF); }, 1, 0,
-       "AB"},
-      {"a high byte in the first word",
-       [&](Card& c) { words(c, 1, 0xFF47), data(c, 1, 187), words(c, 16, 0xFFFF); }, 1, 0, "AB"},
-      {"another word as filler", [&](Card& c) { data(c, 0, 188), words(c, 16, 0xFF00); }, 1, 0, "AB"},
-      {"erased", [&](Card& c) { words(c, 188, 0xFF), words(c, 16, 0xFFFF); }, 0, 1,
-       "A\xFF"
-       "B"},
+       [](Uploads& u) { u.data(0, 100), u.words(1, 0x0147), u.data(101, 87), u.filler(); }},
+      {"a high byte in the first word", [](Uploads& u) { u.words(1, 0xFF47), u.data(1, 187), u.filler(); }},
+      {"another word as filler", [](Uploads& u) { u.data(0, 188), u.words(16, 0xFF00); }},
+      {"erased", [](Uploads& u) { u.words(188, 0xFF), u.filler(); }, 0, {1, 0xFFFFFFFF, 3}, 1},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    Card card;
-    card.load();
-    Memory sink;
-    card.fpga.output(0).setSink(&sink);
-    card.fpga.advanceOutputs(card.now);
-    sink.seen.clear();
-    insert(card, 'A');
+    Uploads card;
+    card.insert(1);
     row.bad(card);
-    insert(card, 'B');
-    card.fpga.advanceOutputs(card.now += kSecond);
-    EXPECT_EQ(sink.seen.substr(0, sink.seen.find('-')), row.out);
-    EXPECT_EQ(card.count("psi_packet_misframed"), row.misframed);
-    EXPECT_EQ(card.count("psi_packet_without_sync"), row.withoutSync);
+    card.insert(3);
+    EXPECT_EQ(card.left(kSecond), row.left) << row.name;
+    EXPECT_EQ(card.count("psi_packet_misframed"), row.misframed) << row.name;
+    EXPECT_EQ(card.count("psi_packet_without_sync"), row.withoutSync) << row.name;
   }
+}
+
+TEST(Output, TellsOfRoomAndLosesWhatIsWrittenToAFullFifo) {
+  Uploads card;
+  std::vector<u64> written;
+  while (card.read(kPsiReady) != 0 && written.size() < 100) card.insert(written.emplace_back(written.size()));
+  ASSERT_GE(written.size(), 1U);
+  ASSERT_LT(written.size(), 32U);
+  EXPECT_EQ(card.read(kPsiReadyOfSecond), 1);
+  card.insert(1000);
+  EXPECT_EQ(card.count("psi_fifo_overflow"), 1U);
+  card.now += 1632 * 1'000'000 / (6875 * 6) + 1;  // a packet's time
+  EXPECT_EQ(card.read(kPsiReady), 1);
+  card.insert(written.emplace_back(written.size()));
+  EXPECT_EQ(card.read(kPsiReady), 0);
+  EXPECT_EQ(card.left(kSecond), written);
+}
+
+TEST(Output, TakesAFilterAtTheRiseOfItsStrobe) {
+  constexpr u32 kPass = 0, kStrobe = 2, kLow = 4, kHigh = 6;
+  struct Step {
+    const char* name;
+    std::vector<std::pair<u32, u16>> writes;
+    u16 pid;
+    bool passes;
+  };
+  const Step steps[] = {
+      {"nothing", {}, 0x1FFF, true},
+      {"bits that do not count, no strobe", {{kLow, 0x1234}, {kHigh, 0xFFF2}, {kPass, 0xFFFE}}, 0x1234, true},
+      {"the strobe rises", {{kStrobe, 1}}, 0x1234, false},
+      {"it stays", {{kLow, 0x35}, {kHigh, 0x12}, {kStrobe, 0xFFFF}}, 0x1235, true},
+      {"it falls", {{kStrobe, 0xFFFE}, {kPass, 1}, {kLow, 0x34}}, 0x1234, false},
+      {"it rises again", {{kStrobe, 1}}, 0x1234, true},
+      {"and again", {{kStrobe, 0}, {kPass, 0}, {kStrobe, 1}}, 0x1234, false},
+  };
+  Card card;
+  card.load();
+  const auto passes = [&](std::size_t channel, u16 pid) {
+    headend::Multiplexer& output = card.fpga.output(channel);
+    const std::uint64_t before = output.counts().filtered;
+    const Bytes any = packet({});
+    output.offer(card.now, headend::TsPacketView(any.data(), 188), pid);
+    return output.counts().filtered == before;
+  };
+  for (const std::size_t channel : {0U, 1U}) {
+    for (const Step& step : steps) {
+      for (const auto& [reg, value] : step.writes) card.write((channel == 0 ? 262 : 270) + reg, value);
+      EXPECT_EQ(passes(channel, step.pid), step.passes) << channel << ": " << step.name;
+    }
+  }
+  EXPECT_TRUE(card.fpga.output(0).insertPsi(card.now, packet({.pid = 0x1234})));
+  card.fpga.output(0).advance(card.now += kSecond);
+  EXPECT_EQ(card.fpga.output(0).counts().psi, 1U) << "tables always pass";
+  card.load();
+  EXPECT_TRUE(passes(0, 0x1234)) << "after a new configuration";
+}
+
+TEST(Output, TellsOfLostInputsInItsBit) {
+  Card card;
+  card.load();
+  EXPECT_EQ(card.read(kTsLock), 0);
+  card.fpga.onInputLost([](std::size_t channel, Nanos now) { return channel == 1 && now > kSecond; });
+  EXPECT_EQ(card.read(kTsLock), 0);
+  card.now += kSecond;
+  EXPECT_EQ(card.read(kTsLock), 2);
 }
 
 }  // namespace

@@ -1,0 +1,99 @@
+// Transport packets for the headend's tests: built and read bit by bit, not with the headend's own code; and
+// a sink that keeps what leaves an output.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "headend/hardware/packet_sink.h"
+
+namespace test {
+
+using Bytes = std::vector<u8>;
+using u64 = std::uint64_t;
+
+inline constexpr u64 kPcrWrap = (u64{1} << 33) * 300;
+
+inline u64 bits(std::span<const u8> bytes, std::size_t from, std::size_t count) {
+  u64 value = 0;
+  for (std::size_t i = from; i < from + count; ++i) value = value << 1 | (bytes[i / 8] >> (7 - i % 8) & 1);
+  return value;
+}
+inline void put(std::span<u8> bytes, std::size_t from, std::size_t count, u64 value) {
+  for (std::size_t i = from + count; i-- > from; value >>= 1) {
+    const auto mask = static_cast<u8>(0x80 >> i % 8);
+    bytes[i / 8] = static_cast<u8>((bytes[i / 8] & ~mask) | ((value & 1) != 0 ? mask : 0));
+  }
+}
+
+inline void append(Bytes& to, std::span<const u8> more) {
+  to.insert(to.end(), more.begin(), more.end());
+}
+
+inline u64 pidIn(std::span<const u8> p) {
+  return bits(p, 11, 13);
+}
+inline u64 pcrIn(std::span<const u8> p) {
+  return bits(p, 48, 33) * 300 + bits(p, 87, 9);
+}
+inline bool carriesPcr(std::span<const u8> p) {
+  return bits(p, 26, 1) == 1 && p[4] > 0 && bits(p, 43, 1) == 1;
+}
+// A packet's number, by which a test knows it again.
+inline u64 numberIn(std::span<const u8> p) {
+  return bits(p, 184 * 8, 32);
+}
+
+struct PacketFields {
+  u64 pid = 0x100;
+  u64 counter = 0;
+  u64 number = 0;
+  std::optional<u64> pcr = std::nullopt;
+};
+
+// A packet with payload.
+inline Bytes packet(const PacketFields& fields) {
+  Bytes p(188, 0xAA);
+  put(p, 0, 32, 0x47000010 | fields.pid << 8 | (fields.counter & 15));
+  put(p, 184 * 8, 32, fields.number);
+  if (fields.pcr) {
+    put(p, 26, 1, 1);
+    put(p, 32, 16, 0x0710);
+    put(p, 48, 33, *fields.pcr / 300);
+    put(p, 81, 15, 0x3F << 9 | *fields.pcr % 300);
+  }
+  return p;
+}
+
+class PacketKeeper final : public headend::PacketSink {
+ public:
+  struct Left {
+    u64 place;  // in the stream, null packets counted
+    u64 pid, number;
+    bool operator==(const Left&) const = default;
+  };
+
+  void packet(std::span<const u8> p) override {
+    seen.push_back({.place = places++, .pid = pidIn(p), .number = numberIn(p)});
+    whole.emplace_back(p.begin(), p.end());
+  }
+  void nullPackets(u64 count) override { places += count; }
+  void flush() override {}
+  const std::string& error() const override { return none_; }
+
+  std::vector<Left> seen;
+  std::vector<Bytes> whole;  // as many
+  u64 places = 0;
+
+ private:
+  std::string none_;
+};
+
+inline void PrintTo(const PacketKeeper::Left& left, std::ostream* out) {
+  *out << left.place << ": PID " << left.pid << " #" << left.number;
+}
+
+}  // namespace test

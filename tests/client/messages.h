@@ -1,7 +1,9 @@
 // What a call says when it fails.
 #pragma once
 
-#include <stdexcept>
+#include <gtest/gtest.h>
+
+#include <exception>
 #include <string>
 
 namespace test {
@@ -11,7 +13,7 @@ template <typename Call>
 std::string messageOf(const Call& call) {
   try {
     call();
-  } catch (const std::runtime_error& e) {
+  } catch (const std::exception& e) {
     return e.what();
   }
   return "";
@@ -19,6 +21,11 @@ std::string messageOf(const Call& call) {
 
 inline bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
+}
+
+// Holds the part, or is empty where that is.
+inline void expectSays(const std::string& text, const std::string& part) {
+  EXPECT_TRUE(part.empty() ? text.empty() : has(text, part)) << "'" << part << "' is not in: " << text;
 }
 
 }  // namespace test

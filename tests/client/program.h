@@ -9,6 +9,9 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include "tests/client/messages.h"
 
 namespace test {
 
@@ -30,7 +33,22 @@ inline Outcome runProgram(const std::string& command) {
 
 inline void expect(const Outcome& outcome, int code, const std::string& part) {
   EXPECT_EQ(outcome.code, code) << outcome.text;
-  EXPECT_NE(outcome.text.find(part), std::string::npos) << "no '" << part << "' in: " << outcome.text;
+  EXPECT_TRUE(has(outcome.text, part)) << "no '" << part << "' in: " << outcome.text;
+}
+
+// A call of a program, its exit code and a part of what it says.
+struct Call {
+  std::string arguments;
+  int code;
+  std::string part;
+};
+
+inline void expectCalls(const std::function<Outcome(const std::string&)>& run,
+                        const std::vector<Call>& calls) {
+  for (const Call& call : calls) {
+    SCOPED_TRACE(call.arguments);
+    expect(run(call.arguments), call.code, call.part);
+  }
 }
 
 // Calls, separated by semicolons, that the program must refuse as wrong.

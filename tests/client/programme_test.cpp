@@ -5,13 +5,10 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <functional>
-
 #include "client/pid_map_file.h"
 #include "client/psi_capture.h"
 #include "client/psi_upload.h"
-#include "tests/client/fake_chassis.h"
+#include "tests/client/card_link.h"
 #include "tests/client/messages.h"
 #include "tests/client/streams.h"
 
@@ -19,30 +16,26 @@ namespace client {
 namespace {
 
 namespace fs = std::filesystem;
-using test::FakeChassis;
-using test::FakeChassisLink;
+using test::expectSays;
+using test::FakeLink;
 using test::has;
+using test::makePat;
 using test::makeSection;
 using test::messageOf;
+using test::sectionsOn;
+using test::word;
+using test::operator+;
+using Entries = std::vector<MapEntry>;
+using Sections = std::vector<Section>;
 
 constexpr Channel kChannel = {0, 1};
 constexpr SourcePort kInput = {.slot = 5, .port = 0};
 constexpr u32 kPatInterval = 77;
-
-Bytes operator+(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-Bytes word(u32 value) {
-  return {static_cast<u8>(value >> 8), static_cast<u8>(value)};
-}
+const Bytes kLanguage = {0x0A, 4, 'd', 'e', 'u', 0};
 
 Bytes ca(u16 system, u16 pid) {
   return Bytes{9, 4} + word(system) + word(0xE000u | pid);
 }
-
-const Bytes kLanguage = {0x0A, 4, 'd', 'e', 'u', 0};
 
 struct Es {
   u8 type;
@@ -51,18 +44,14 @@ struct Es {
 };
 
 Section pmt(u16 pid, u16 number, u8 version, u16 pcr, const Bytes& info, const std::vector<Es>& streams) {
-  Bytes body = word(0xE000u | pcr) + word(0xF000 + static_cast<u32>(info.size())) + info;
-  for (const Es& s : streams) {
-    body = body + Bytes{s.type} + word(0xE000u | s.pid) +
-           word(0xF000 + static_cast<u32>(s.descriptors.size())) + s.descriptors;
-  }
+  const auto loop = [](const Bytes& bytes) { return word(0xF000u | static_cast<u32>(bytes.size())) + bytes; };
+  Bytes body = word(0xE000u | pcr) + loop(info);
+  for (const Es& s : streams) body = body + Bytes{s.type} + word(0xE000u | s.pid) + loop(s.descriptors);
   return makeSection({.pid = pid, .tableId = 2, .extension = number, .version = version}, body);
 }
 
 Section pat(u16 stream, u8 version, const std::vector<std::pair<u16, u16>>& programmes) {
-  Bytes body;
-  for (const auto& [number, pid] : programmes) body = body + word(number) + word(0xE000u | pid);
-  return makeSection({.pid = 0, .tableId = 0, .extension = stream, .version = version}, body);
+  return makePat(programmes, stream, version);
 }
 
 struct Service {
@@ -74,11 +63,9 @@ struct Service {
 Section sdt(u16 stream, u16 network, u8 version, const std::vector<Service>& services) {
   Bytes body = word(network) + Bytes{0xFF};
   for (const auto& [number, eit, name] : services) {
-    const Bytes descriptor =
-        Bytes{0x48, static_cast<u8>(name.size() + 3), 1, 0, static_cast<u8>(name.size())} +
-        Bytes(name.begin(), name.end());
-    body = body + word(number) + Bytes{static_cast<u8>(0xFC | eit)} +
-           word(0x8000 + static_cast<u32>(descriptor.size())) + descriptor;
+    const auto size = static_cast<u8>(name.size());
+    body = body + word(number) + Bytes{static_cast<u8>(0xFC | eit)} + word(0x8005u + size) +
+           Bytes{0x48, static_cast<u8>(size + 3), 1, 0, size} + test::bytesOf(name);
   }
   return makeSection({.extension = stream, .version = version}, body);
 }
@@ -90,115 +77,105 @@ Section cat(u8 version, const std::vector<std::pair<u16, u16>>& systems) {
 }
 
 MapEntry entry(u16 from, u16 to, u16 fromProgramme, u16 programme, u16 type) {
-  return {.sourceSlot = 5,
-          .sourcePort = 0,
-          .sourcePid = from,
-          .sourceProgramme = fromProgramme,
-          .pid = to,
-          .programme = programme,
-          .type = type};
+  return {5, 0, from, fromProgramme, to, programme, type};
 }
 
 // One and Two share the audio of PID 0x202 and the CA system; number 1 is taken on the output.
-FakeChassis chassisWithInput() {
-  FakeChassis chassis;
-  const auto send = [&](const Section& s) { chassis.input[{s.pid, s.tableId()}].push_back(s.bytes); };
-  send(pat(50, 3, {{1, 0x1F0}, {2, 0x1F1}, {3, 0x1F2}}));
-  send(pmt(0x1F0, 1, 9, 0x201, ca(0xB00, 0x290), {{2, 0x201}, {3, 0x202, kLanguage}}));
-  send(pmt(0x1F1, 2, 9, 0x1211, {}, {{2, 0x210}, {3, 0x202, kLanguage + ca(0xB00, 0x291)}}));
-  send(pmt(0x1F2, 3, 9, 0x1FFF, {}, {{6, 0x220}}));
-  send(sdt(50, 60, 3, {{1, 3, "One"}, {2, 1, "Two"}, {3, 2, "Three"}}));
-  send(cat(3, {{0x100, 0x2F0}, {0xB00, 0x2F1}}));
-  return chassis;
+const Sections kComing = {
+    pat(50, 3, {{1, 0x1F0}, {2, 0x1F1}, {3, 0x1F2}}),
+    pmt(0x1F0, 1, 9, 0x201, ca(0xB00, 0x290), {{2, 0x201}, {3, 0x202, kLanguage}}),
+    pmt(0x1F1, 2, 9, 0x1211, {}, {{2, 0x210}, {3, 0x202, kLanguage + ca(0xB00, 0x291)}}),
+    pmt(0x1F2, 3, 9, 0x1FFF, {}, {{6, 0x220}}),
+    sdt(50, 60, 3, {{1, 3, "One"}, {2, 1, "Two"}, {3, 2, "Three"}}),
+    cat(3, {{0x100, 0x2F0}, {0xB00, 0x2F1}})};
+
+// What the output carries: a programme of another input, and a table that no programme touches.
+const MapEntry kLocal = {4, 1, 0x40, 8, 0x101, 1, 2};
+const Sections kNames = {pat(7, 4, {{0, 0x10}, {1, 0x100}}), pmt(0x100, 1, 2, 0x101, {}, {{2, 0x101}}),
+                         sdt(7, 9, 31, {{1, 0, "Local"}}),
+                         makeSection({.pid = 0x10, .tableId = 0x40, .extension = 9}, 300)};
+
+Bytes comingStream() {
+  test::Stream stream;
+  for (const Section& section : kComing) stream.add(section);
+  return stream.bytes;
 }
 
-const MapEntry kLocal = {.sourceSlot = 4,
-                         .sourcePort = 1,
-                         .sourcePid = 0x40,
-                         .sourceProgramme = 8,
-                         .pid = 0x101,
-                         .programme = 1,
-                         .type = 2};
-const std::vector<Section> kNames = {
-    pat(7, 4, {{0, 0x10}, {1, 0x100}}), pmt(0x100, 1, 2, 0x101, {}, {{2, 0x101}}),
-    sdt(7, 9, 31, {{1, 0, "Local"}}), makeSection({.pid = 0x10, .tableId = 0x40, .extension = 9}, 300)};
-
-// An output that carries a programme of another input, and a table that no programme touches.
-FakeChassis chassisWithOutput() {
-  FakeChassis chassis = chassisWithInput();
-  FakeChassisLink link(chassis);
-  upload(link, kChannel, planUpload(kNames), {{TableType::kPat, kPatInterval}, {TableType::kCat, 0}});
-  replaceMap(link, kChannel, {kLocal}, {});
-  return chassis;
-}
-
-std::vector<Section> sectionsIn(const FakeChassis& chassis) {
-  std::map<std::pair<int, u16>, std::vector<Packet>> packets;
-  for (const auto& e : chassis.card.ports[1].store) packets[{e.type, e.pid}].push_back(e.packet);
-  std::vector<Section> all;
-  for (const auto& [key, list] : packets) {
-    for (Section& section : gatherSections(list)) all.push_back(std::move(section));
-  }
-  return all;
-}
-
-std::vector<Section> inOrder(std::vector<Section> sections) {
+Sections inOrder(Sections sections) {
   std::ranges::stable_sort(sections, {},
                            [](const Section& s) { return std::pair(tableOfId(s.tableId()), s.pid); });
   return sections;
 }
 
-class ProgrammeTest : public ::testing::Test {
- public:
-  ProgrammeTest() {
-    std::string pattern = ::testing::TempDir() + "programmeXXXXXX";
-    folder_ = mkdtemp(pattern.data());
-    options_.tablesFile = folder_ / "psi.ts";
-    options_.map.rescueFile = folder_ / "map.csv";
-  }
-  ~ProgrammeTest() override { fs::remove_all(folder_); }
+// What a client sees of the channel.
+struct State {
+  Sections tables;
+  std::vector<u32> intervals;
+  Entries map;
+  std::vector<RouterWords> router;
+  bool locked;
 
-  fs::path folder_;
-  ProgrammeOptions options_;
+  bool operator==(const State&) const = default;
+};
+
+class ProgrammeTest : public test::CardTest {
+ protected:
+  ProgrammeTest() : CardTest(comingStream()) {}
+
+  void prepareOutput() {
+    upload(link_, kChannel, planUpload(kNames), {{TableType::kPat, kPatInterval}, {TableType::kCat, 0}});
+    replaceMap(link_, kChannel, {kLocal}, {});
+  }
+  void add(const char* name) { addProgramme(link_, kChannel, kInput, name, options_); }
+  void remove(const char* name) { removeProgramme(link_, kChannel, name, options_); }
+  State state() {
+    const PidMap map = readMap(link_, kChannel);
+    const bool locked = map.locked || readBack(link_, kChannel).locked;
+    return {sectionsOn(link_, kChannel), test::intervalsOn(link_, kChannel), map.entries,
+            routerMap(link_, kChannel), locked};
+  }
+  // What is on the air names no PID that nobody routes there.
+  void expectNoReferenceToNothing() {
+    if (readBack(link_, kChannel).locked) return;
+    std::set<u16> routed = {kNoPid};
+    for (const MapEntry& e : entriesOf(routerMap(link_, kChannel))) routed.insert(e.pid);
+    for (const Section& section : sectionsOn(link_, kChannel)) {
+      if (section.tableId() != 2) continue;
+      for (const PidField& field : pidsOfPmt(section))
+        EXPECT_TRUE(routed.contains(field.pid(section.bytes))) << field.pid(section.bytes);
+    }
+  }
+
+  ProgrammeOptions options_{.add = {},
+                            .map = {.rescueFile = scratch_.path / "map.csv", .note = {}},
+                            .tablesFile = scratch_.path / "psi.ts"};
 };
 
 TEST_F(ProgrammeTest, MapAndTablesFollow) {
-  FakeChassis chassis = chassisWithOutput();
-  FakeChassisLink link(chassis);
-  const auto add = [&](const char* name, std::vector<u16> pass = {}) {
-    options_.add.pass = std::move(pass);
-    addProgramme(link, kChannel, kInput, name, options_);
-  };
-  const auto remove = [&](const char* name) { removeProgramme(link, kChannel, name, options_); };
-  const auto one = [](u8 version) {
-    return pmt(0x102, 2, version, 0x103, ca(0xB00, 0x105), {{2, 0x103}, {3, 0x104, kLanguage}});
-  };
-  const Section two = pmt(0x107, 3, 0, 0x109, {}, {{2, 0x108}, {3, 0x104, kLanguage + ca(0xB00, 0x10A)}});
-  const std::vector<MapEntry> ofOne = {entry(0x201, 0x103, 1, 2, 2), entry(0x202, 0x104, 1, 2, 3),
-                                       entry(0x290, 0x105, 1, 2, 0), entry(0x2F1, 0x106, 1, 2, 0)};
-  const std::vector<MapEntry> ofTwo = {entry(0x12, 0x12, 0, 0, 0), entry(0x210, 0x108, 2, 3, 2),
-                                       entry(0x1211, 0x109, 2, 3, 0), entry(0x291, 0x10A, 2, 3, 0)};
-  const std::vector<MapEntry> shared = {entry(0x202, 0x104, 2, 3, 3), entry(0x2F1, 0x106, 2, 3, 0)};
+  const auto one = pmt(0x102, 2, 0, 0x103, ca(0xB00, 0x105), {{2, 0x103}, {3, 0x104, kLanguage}});
+  const auto two = pmt(0x107, 3, 0, 0x109, {}, {{2, 0x108}, {3, 0x104, kLanguage + ca(0xB00, 0x10A)}});
+  const Entries ofOne = {entry(0x201, 0x103, 1, 2, 2), entry(0x202, 0x104, 1, 2, 3),
+                         entry(0x290, 0x105, 1, 2, 0), entry(0x2F1, 0x106, 1, 2, 0)};
+  const Entries ofTwo = {entry(0x12, 0x12, 0, 0, 0), entry(0x210, 0x108, 2, 3, 2),
+                         entry(0x1211, 0x109, 2, 3, 0), entry(0x291, 0x10A, 2, 3, 0)};
+  const Entries shared = {entry(0x202, 0x104, 2, 3, 3), entry(0x2F1, 0x106, 2, 3, 0)};
+  const Sections withOne = {pat(7, 5, {{0, 0x10}, {1, 0x100}, {2, 0x102}}), one,
+                            sdt(7, 9, 0, {{1, 0, "Local"}, {2, 0, "One"}}), cat(0, {{0xB00, 0x106}})};
   struct Step {
-    const char* what;
+    const char* name;
     std::function<void()> run;
-    std::vector<Section> tables;  // without those that nothing changes
-    std::vector<std::vector<MapEntry>> map;
+    Sections tables;  // without those that nothing changes
+    std::vector<Entries> map;
   };
   const Step steps[] = {
-      {"one, scrambled",
-       [&] { add("one"); },
-       {pat(7, 5, {{0, 0x10}, {1, 0x100}, {2, 0x102}}), one(0),
-        sdt(7, 9, 0, {{1, 0, "Local"}, {2, 0, "One"}}), cat(0, {{0xB00, 0x106}})},
-       {ofOne}},
-      {"the same again",
-       [&] { add("1"); },
-       {pat(7, 5, {{0, 0x10}, {1, 0x100}, {2, 0x102}}), one(0),
-        sdt(7, 9, 0, {{1, 0, "Local"}, {2, 0, "One"}}), cat(0, {{0xB00, 0x106}})},
-       {ofOne}},
+      {"one, scrambled", [&] { add("one"); }, withOne, {ofOne}},
+      {"the same again", [&] { add("1"); }, withOne, {ofOne}},
       {"another, with EIT",
-       [&] { add("Two", {0x12}); },
-       {pat(7, 6, {{0, 0x10}, {1, 0x100}, {2, 0x102}, {3, 0x107}}), one(0), two,
+       [&] {
+         options_.add.pass = {0x12};
+         add("Two");
+       },
+       {pat(7, 6, {{0, 0x10}, {1, 0x100}, {2, 0x102}, {3, 0x107}}), one, two,
         sdt(7, 9, 1, {{1, 0, "Local"}, {2, 3, "One"}, {3, 1, "Two"}}), cat(0, {{0xB00, 0x106}})},
        {ofOne, ofTwo}},
       {"the first goes",
@@ -211,28 +188,32 @@ TEST_F(ProgrammeTest, MapAndTablesFollow) {
        {pat(7, 8, {{0, 0x10}, {1, 0x100}}), sdt(7, 9, 3, {{1, 0, "Local"}})},
        {}},
   };
-  for (const Step& step : steps) {
-    step.run();
-    std::vector<Section> tables = step.tables;
-    tables.insert(tables.end(), {kNames[1], kNames[3]});
-    EXPECT_EQ(sectionsIn(chassis), inOrder(tables)) << step.what;
-    std::vector<MapEntry> map = {kLocal};
-    for (const auto& part : step.map) map.insert(map.end(), part.begin(), part.end());
-    EXPECT_EQ(readMap(link, kChannel).entries, asKept(map)) << step.what;
-    const auto& interval = chassis.card.ports[1].interval;
-    EXPECT_EQ(interval[0], kPatInterval) << step.what;
-    EXPECT_EQ(interval[7], 300u) << step.what;  // of the CAT, which stood still and came on the air
-    EXPECT_TRUE(fs::is_empty(folder_)) << step.what;
-  }
+  chassis_.drive([&] {
+    prepareOutput();
+    for (const Step& step : steps) {
+      SCOPED_TRACE(step.name);
+      step.run();
+      Sections tables = step.tables;
+      tables.insert(tables.end(), {kNames[1], kNames[3]});
+      EXPECT_EQ(sectionsOn(link_, kChannel), inOrder(tables));
+      Entries map = {kLocal};
+      for (const Entries& part : step.map) map.insert(map.end(), part.begin(), part.end());
+      EXPECT_EQ(readMap(link_, kChannel).entries, asKept(map));
+      const auto interval = test::intervalsOn(link_, kChannel);
+      EXPECT_EQ(interval.front(), kPatInterval);
+      EXPECT_EQ(interval.back(), 300u);  // of the CAT, which stood still and came on the air
+      EXPECT_TRUE(fs::is_empty(scratch_.path));
+    }
+  });
 }
 
 TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
   struct Row {
-    const char* what;
+    const char* name;
     std::optional<u16> base;
     std::vector<u16> pass;
-    std::size_t taken;  // PIDs from 0x102 on
-    u16 pmtPid;         // 0: refused
+    u16 taken;   // PIDs from 0x102 on
+    u16 pmtPid;  // 0: refused
     u16 streamPid;
     const char* refusal;
   };
@@ -251,149 +232,106 @@ TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
       {"null packets", {}, {0x1FFF}, 0, 0, 0, "PID 0x1fff cannot be passed"},
       {"another's PID", {}, {0x101}, 0, 0, 0, "has that PID from elsewhere"},
   };
-  for (const Row& row : rows) {
-    FakeChassis chassis = chassisWithOutput();
-    FakeChassisLink link(chassis);
-    std::vector<MapEntry> map = {kLocal};
-    for (u16 i = 0; i < row.taken; ++i) map.push_back(entry(0x1000 + i, 0x102 + i, 0, 0, 0));
-    replaceMap(link, kChannel, map, {});
-    const int applied = chassis.router.ports[1].applied;
-    options_.add.base = row.base;
-    options_.add.pass = row.pass;
-    const std::string message = messageOf([&] { addProgramme(link, kChannel, kInput, "Three", options_); });
-    EXPECT_TRUE(has(message, row.refusal) && message.empty() == (row.pmtPid != 0))
-        << row.what << ": " << message;
-    if (row.pmtPid == 0) {
-      EXPECT_TRUE(chassis.router.ports[1].applied == applied && chassis.card.ports[1].locks == 1) << row.what;
-      continue;
+  const SourceTables source = {
+      .input = kInput, .pat = {kComing[0]}, .sdt = {kComing[4]}, .cat = {}, .pmt = {kComing[3]}};
+  chassis_.drive([&] {
+    prepareOutput();
+    OutputState output = readOutput(link_, kChannel);
+    for (const Row& row : rows) {
+      SCOPED_TRACE(row.name);
+      output.map = {kLocal};
+      for (u16 i = 0; i < row.taken; ++i) output.map.push_back(entry(0x1000 + i, 0x102 + i, 0, 0, 0));
+      ProgrammePlan plan;
+      const AddOptions options = {.base = row.base, .pass = row.pass, .transportStreamId = {}};
+      expectSays(messageOf([&] { plan = planAdd(output, source, 3, options); }), row.refusal);
+      if (row.pmtPid == 0) continue;
+      Entries expected = output.map;
+      expected.push_back(entry(0x220, row.streamPid, 3, 3, row.pass.empty() ? 6 : 0));
+      if (!row.pass.empty()) expected.push_back(entry(0x14, 0x14, 0, 0, 0));
+      EXPECT_EQ(plan.map, asKept(expected));
+      EXPECT_EQ(plan.pmtPid, row.pmtPid);
     }
-    const auto sections = sectionsIn(chassis);
-    const Section expected = pmt(row.pmtPid, 3, 0, kNoPid, {}, {{6, row.streamPid}});
-    EXPECT_EQ(std::ranges::count(sections, expected), 1) << row.what;
-    map.push_back(entry(0x220, row.streamPid, 3, 3, row.pass.empty() ? 6 : 0));
-    if (!row.pass.empty()) map.push_back(entry(0x14, 0x14, 0, 0, 0));
-    EXPECT_EQ(readMap(link, kChannel).entries, asKept(map)) << row.what;
-  }
+  });
 }
 
 TEST_F(ProgrammeTest, MakesTheTablesOfAnOutputThatHasNone) {
-  FakeChassis chassis = chassisWithInput();
-  FakeChassisLink link(chassis);
-  options_.add.transportStreamId = 44;
-  addProgramme(link, kChannel, kInput, "Three", options_);
   Section services = sdt(44, 60, 0, {{3, 0, "Three"}});
   services.bytes[1] |= 0x40;  // reserved_future_use, which sdt() leaves clear
   setVersion(services, 0);
-  const std::vector<Section> expected = {pat(44, 0, {{3, 0x100}}), pmt(0x100, 3, 0, kNoPid, {}, {{6, 0x101}}),
-                                         services};
-  EXPECT_EQ(sectionsIn(chassis), expected);
-  replaceMap(link, kChannel, {entry(0x220, 0x101, 0, 0, 0)}, {});  // as a release leaves it
-  addProgramme(link, kChannel, kInput, "Three", options_);
-  EXPECT_EQ(sectionsIn(chassis), expected);
-  removeProgramme(link, kChannel, "three", options_);
-  EXPECT_TRUE(programmesOf(readOutput(link, kChannel)).empty());
-  EXPECT_TRUE(readMap(link, kChannel).entries.empty());
+  const Sections expected = {pat(44, 0, {{3, 0x100}}), pmt(0x100, 3, 0, kNoPid, {}, {{6, 0x101}}), services};
+  options_.add.transportStreamId = 44;
+  chassis_.drive([&] {
+    add("Three");
+    EXPECT_EQ(sectionsOn(link_, kChannel), expected);
+    replaceMap(link_, kChannel, {entry(0x220, 0x101, 0, 0, 0)}, {});  // as a release leaves it
+    add("Three");
+    EXPECT_EQ(sectionsOn(link_, kChannel), expected);
+    remove("three");
+    EXPECT_TRUE(programmesOf(readOutput(link_, kChannel)).empty());
+    EXPECT_TRUE(readMap(link_, kChannel).entries.empty());
+  });
 }
-
-// ---- Changes that break off
-
-enum Fault { kLost, kUnanswered, kRefused, kLostFromThere, kUnansweredOnceThenLost };
-constexpr Fault kFaults[] = {kLost, kUnanswered, kRefused, kLostFromThere, kUnansweredOnceThenLost};
-
-// What is on the air names no PID that nobody routes there.
-void expectNoReferenceToNothing(const FakeChassis& chassis, const std::string& where) {
-  if (chassis.card.ports[1].locked) return;
-  std::set<u16> routed = {kNoPid};
-  for (const MapEntry& e : entriesOf(chassis.router.ports[1].router)) routed.insert(e.pid);
-  for (const Section& section : sectionsIn(chassis)) {
-    if (section.tableId() != 2) continue;
-    for (const PidField& field : pidsOfPmt(section))
-      EXPECT_TRUE(routed.contains(field.pid(section.bytes)))
-          << where << fmt::format(", PID {:#x}", field.pid(section.bytes));
-  }
-}
-
-struct State {
-  std::vector<test::FakeCard::Entry> store;
-  std::array<u32, 8> interval;
-  std::vector<RouterWords> router;
-  bool locked;
-
-  explicit State(const FakeChassis& c)
-      : store(c.card.ports[1].store),
-        interval(c.card.ports[1].interval),
-        router(c.router.ports[1].router),
-        locked(c.card.ports[1].locked || c.router.ports[1].locked) {}
-  bool operator==(const State&) const = default;
-};
 
 // Old or new as a whole; where the way back is cut off too, files hold what was there, and the message says
 // so.
 TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
-  FakeChassis one = chassisWithOutput();
-  FakeChassisLink sure(one);
-  addProgramme(sure, kChannel, kInput, "One", options_);
-  one.card.log.clear();
-  one.router.log.clear();
-  using Change = std::function<void(Link&, const ProgrammeOptions&)>;
-  const std::pair<const char*, Change> changes[] = {
-      {"add", [](Link& l, const ProgrammeOptions& o) { addProgramme(l, kChannel, kInput, "Two", o); }},
-      {"remove", [](Link& l, const ProgrammeOptions& o) { removeProgramme(l, kChannel, "One", o); }}};
-  std::map<std::string, int> ends;
-  for (const auto& row : changes) {
-    const Change& change = row.second;
-    FakeChassis done = one;
-    FakeChassisLink through(done);
-    change(through, options_);
-    for (const Fault fault : kFaults) {
-      bool reached = true;
-      for (int at = 0; reached; ++at) {
-        FakeChassis chassis = one;
-        chassis.handled = 0;
-        FakeChassisLink link(chassis);
-        std::string where = fmt::format("{}, fault {} at {}", row.first, static_cast<int>(fault), at);
-        link.before = [=](int call, Request& r) {
-          if (call == at && fault == kRefused) r.data.push_back(0);
-          if ((call == at && fault == kLost) || (call >= at && fault == kLostFromThere) ||
-              (call > at && fault == kUnansweredOnceThenLost))
-            throw LinkError("gone");
-        };
-        link.after = [&](int call, Reply&) {
-          if (chassis.reachesTheAir) expectNoReferenceToNothing(chassis, where);
-          if (call == at && (fault == kUnanswered || fault == kUnansweredOnceThenLost))
-            throw LinkError("gone");
-        };
-        const std::string message = messageOf([&] { change(link, options_); });
-        where += ": " + message;
-        reached = at < chassis.handled;
-        ASSERT_LT(at, 300) << where;
-        const bool tablesKept = fs::exists(options_.tablesFile);
-        const bool mapKept = fs::exists(options_.map.rescueFile);
-        const State now(chassis);
-        const std::string end = message.empty() ? "done" : now == State(one) ? "as it was" : "in between";
-        ++ends[end];
-        EXPECT_TRUE(end != "done" || now == State(done)) << where;
-        if (end == "in between" && fault < kLostFromThere) {
-          EXPECT_TRUE(has(message, "could not be found in place") && !now.locked) << where;
-          EXPECT_EQ(now.store, State(has(message, "are the new ones") ? done : one).store) << where;
-        }
-        EXPECT_TRUE(!now.locked || tablesKept || mapKept) << where;
-        EXPECT_EQ(has(message, options_.tablesFile.string()), tablesKept) << where;
-        EXPECT_EQ(has(message, options_.map.rescueFile.string()), mapKept) << where;
-        if (tablesKept) {
-          EXPECT_TRUE(has(messageOf([&] { change(sure, options_); }), "could not be put back once")) << where;
-          FakeChassisLink back(chassis);
-          const auto kept = readCapture(options_.tablesFile).sections;
-          upload(back, kChannel, planUpload(kept), {}, {.force = true, .progress = {}});
-          EXPECT_EQ(sectionsIn(chassis), sectionsIn(one)) << where;
-          expectNoReferenceToNothing(chassis, where);
-          fs::remove(options_.tablesFile);
-        }
-        fs::remove(options_.map.rescueFile);
+  const auto addTwo = [&](Link& link) { addProgramme(link, kChannel, kInput, "Two", options_); };
+  const auto removeOne = [&](Link& link) { removeProgramme(link, kChannel, "One", options_); };
+  const auto breakOff = [&](const std::function<void(Link&)>& change, const State& old,
+                            const State& changed) {
+    return test::breakOffEverywhere(chassis_.headend(), [&](FakeLink& link, const std::string& where) {
+      const auto lose = link.after;
+      link.after = [&](int call, Reply& reply) {
+        const Request& request = link.log.back();
+        const bool onTheAir = request.variable == kVarPsiLock || request.variable == kVarPidMapLock;
+        if (onTheAir && request.operation == Operation::kWrite) expectNoReferenceToNothing();
+        lose(call, reply);
+      };
+      const std::string message = messageOf([&] { change(link); });
+      SCOPED_TRACE(where + ": " + message);
+      const bool forGood = has(where, "all that follow");
+      const bool tablesKept = fs::exists(options_.tablesFile);
+      const bool mapKept = fs::exists(options_.map.rescueFile);
+      const State now = state();
+      const std::string end = message.empty() ? "done" : now == old ? "as it was" : "in between";
+      EXPECT_TRUE(end != "done" || now == changed);
+      if (end == "in between" && !forGood) {
+        EXPECT_TRUE(has(message, "could not be found in place") && !now.locked);
+        EXPECT_EQ(now.tables, (has(message, "are the new ones") ? changed : old).tables);
       }
+      EXPECT_TRUE(!now.locked || tablesKept || mapKept);
+      EXPECT_EQ(has(message, options_.tablesFile), tablesKept);
+      EXPECT_EQ(has(message, options_.map.rescueFile), mapKept);
+      if (tablesKept) {
+        expectSays(messageOf([&] { change(link_); }), "could not be put back once");
+        const Sections kept = readCapture(options_.tablesFile).sections;
+        upload(link_, kChannel, planUpload(kept), {}, {.force = true, .progress = {}});
+        EXPECT_EQ(sectionsOn(link_, kChannel), old.tables);
+        expectNoReferenceToNothing();
+      }
+      fs::remove(options_.tablesFile);
+      fs::remove(options_.map.rescueFile);
+      return end;
+    });
+  };
+  chassis_.drive([&] {
+    prepareOutput();
+    add("One");
+    const State one = state();
+    const auto after = [&](const std::function<void(Link&)>& change) {
+      change(link_);
+      const State changed = state();
+      upload(link_, kChannel, planUpload(one.tables), {});
+      replaceMap(link_, kChannel, one.map, {});
+      EXPECT_TRUE(state() == one);
+      return changed;
+    };
+    const State two = after(addTwo);
+    const State none = after(removeOne);
+    for (const auto& ends : {breakOff(addTwo, one, two), breakOff(removeOne, one, none)}) {
+      for (const char* end : {"done", "as it was", "in between"}) EXPECT_TRUE(ends.contains(end)) << end;
     }
-  }
-  for (const char* end : {"done", "as it was", "in between"}) EXPECT_GT(ends[end], 0) << end;
+  });
 }
 
 }  // namespace

@@ -1,224 +1,183 @@
+// A channel's tables, loaded into a card and read back, also where the load breaks off.
 #include "client/psi_upload.h"
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "client/psi_capture.h"
-#include "client/psi_read_back.h"
-#include "tests/client/fake_card.h"
+#include "card/QamCardPara.h"
+#include "client/channel_variables.h"
+#include "tests/client/card_link.h"
 #include "tests/client/messages.h"
 #include "tests/client/streams.h"
 
 namespace client {
 namespace {
 
-using test::FakeCard;
+using test::expectSays;
 using test::FakeLink;
 using test::has;
+using test::intervalsOn;
+using test::messageOf;
+using test::sectionsOn;
+using Sections = std::vector<Section>;
 
-UploadPlan planOf(const char* name) {
-  return planUpload(readCapture(std::filesystem::path(test::sample(name))).sections);
+constexpr Channel kChannel = {0, 1};
+
+Sections sectionsOf(const char* name) {
+  return readCapture(std::filesystem::path(test::sample(name))).sections;
 }
 
-std::vector<FakeCard::Entry> entriesOf(const UploadPlan& plan) {
-  std::vector<FakeCard::Entry> entries;
-  for (const Chunk& chunk : plan.chunks) {
-    const int type = static_cast<int>(indexOf(*tableOfId(chunk.tableId)));
-    for (const Packet& packet : chunk.packets)
-      entries.push_back({.pid = chunk.pid, .type = type, .packet = packet});
-  }
-  return entries;
+// Whether a restart would find what the card has now.
+bool isSaved(test::Headend& headend) {
+  const auto* record = reinterpret_cast<const u8*>(GetQamCardParaFromList(0));
+  return test::readFile(headend.options().flash / "para" / "card1.dat") ==
+         Bytes(record, record + sizeof(QamCardPara));
 }
 
-// The message of the PsiError or LinkError that the call ends with; empty when it goes through.
-template <typename Call>
-std::string messageOf(const Call& call) {
-  try {
-    call();
-  } catch (const PsiError& e) {
-    return std::string("PsiError: ") + e.what();
-  } catch (const LinkError& e) {
-    return std::string("LinkError: ") + e.what();
-  }
-  return "";
-}
+using PsiUpload = test::CardTest;
 
-TEST(PsiUpload, ReplacesTheTablesUnderOneLock) {
-  for (const char* name : {"psi-small.ts", "psi-many.ts", "psi-full.ts"}) {
-    FakeCard card;
-    FakeLink link(card);
-    const UploadPlan plan = planOf(name);
-    upload(link, {0, 1}, planOf("psi-many.ts"), {});
-    card.log.clear();
-    std::size_t progress = 0;
-    const Intervals intervals = {{TableType::kCat, 65535}, {TableType::kPat, 40}, {TableType::kBat, 0}};
-    upload(link, {0, 1}, plan, intervals,
-           {.force = false, .progress = [&](std::size_t sent, std::size_t) { progress = sent; }});
-    EXPECT_EQ(card.ports[1].store, entriesOf(plan)) << name;
-    EXPECT_EQ(card.saved[1].store, entriesOf(plan)) << name;
-    EXPECT_EQ(card.saved[1].interval, (std::array<u32, 8>{40, 300, 300, 300, 300, 300, 0, 65535})) << name;
-    EXPECT_FALSE(card.saved[1].locked) << name;
-    EXPECT_EQ(card.ports[1].locks, 2) << name;
-    EXPECT_TRUE(card.ports[0].store.empty()) << name;
-    EXPECT_EQ(progress, plan.packets) << name;
-    // State, lock, chunks, a count of each table, intervals with CAT last, unlock.
-    const auto& log = card.log;
-    ASSERT_EQ(log.size(), 2 + plan.chunks.size() + kTableCount + 4) << name;
-    EXPECT_EQ(log[1].variable, 0x3101) << name;
-    EXPECT_EQ(log[log.size() - 4].variable, 0x3201) << name;
-    EXPECT_EQ(log[log.size() - 2].data[0], 0x01) << name;
-    EXPECT_EQ(log.back().variable, 0x3101) << name;
-  }
+TEST_F(PsiUpload, ReplacesTheTablesUnderOneLock) {
+  chassis_.drive([&] {
+    for (const char* name : {"psi-small.ts", "psi-many.ts", "psi-full.ts"}) {
+      SCOPED_TRACE(name);
+      link_.log.clear();
+      std::size_t progress = 0;
+      const UploadPlan plan = planUpload(sectionsOf(name));
+      upload(link_, kChannel, plan, {{TableType::kCat, 65535}, {TableType::kPat, 40}, {TableType::kBat, 0}},
+             {.force = false, .progress = [&](std::size_t sent, std::size_t) { progress = sent; }});
+      EXPECT_EQ(std::ranges::count(link_.log, kVarPsiLock, &Request::variable), 3);  // read, lock, unlock
+      EXPECT_EQ(progress, plan.packets);
+      EXPECT_EQ(sectionsOn(link_, kChannel), sectionsOf(name));
+      EXPECT_EQ(intervalsOn(link_, kChannel), (std::vector<u32>{40, 300, 300, 300, 300, 300, 0, 65535}));
+      EXPECT_TRUE(isSaved(chassis_.headend()));
+      EXPECT_TRUE(sectionsOn(link_, {0, 0}).empty());
+    }
+    expectSays(messageOf([&] { upload(link_, kChannel, {}, {{TableType::kPat, 65536}}); }), "65536 ticks");
+  });
 }
 
 // Between the reading of the lock and its setting another client may come in.
-TEST(PsiUpload, PutsNoMixtureOfTwoClientsOnTheAir) {
-  FakeCard card;
-  FakeLink link(card);
-  link.before = [&](int call, const Request& request) {
-    if (call == 3) FakeLink(card).call(request);
-  };
-  const std::string message = messageOf([&] { upload(link, {0, 1}, planOf("psi-small.ts"), {}); });
-  EXPECT_TRUE(has(message, "another client is loading the same channel")) << message;
-  EXPECT_TRUE(card.ports[1].locked);
+TEST_F(PsiUpload, PutsNoMixtureOfTwoClientsOnTheAir) {
+  chassis_.drive([&] {
+    link_.before = [&](int call, const Request& request) {
+      if (call == 3) FakeLink(chassis_.headend()).call(request);
+    };
+    expectSays(messageOf([&] { upload(link_, kChannel, planUpload(sectionsOf("psi-small.ts")), {}); }),
+               "another client is loading the same channel");
+    EXPECT_TRUE(ChannelVariables(link_, kChannel).locked());
+  });
 }
 
-TEST(PsiUpload, TouchesALockedChannelOnlyByForce) {
-  const UploadPlan plan = planOf("psi-small.ts");
-  for (const bool clearing : {false, true}) {
-    for (const bool force : {false, true}) {
-      FakeCard card;
-      FakeLink link(card);
-      upload(link, {0, 0}, plan, {});
-      card.ports[0].locked = true;  // of a client that went away in the middle
-      card.ports[0].store.resize(3);
-      const auto before = card.ports[0].store;
-      const std::string message = messageOf([&] {
-        if (clearing)
-          clear(link, {0, 0}, force);
-        else
-          upload(link, {0, 0}, plan, {}, {.force = force, .progress = {}});
-      });
-      const auto after = clearing ? std::vector<FakeCard::Entry>{} : entriesOf(plan);
-      EXPECT_EQ(card.ports[0].store, force ? after : before) << clearing;
-      EXPECT_EQ(card.ports[0].locked, !force) << clearing;
-      EXPECT_EQ(has(message, "psi clear 1.1 --force"), !force) << message;
+TEST_F(PsiUpload, TouchesALockedChannelOnlyByForce) {
+  chassis_.drive([&] {
+    ChannelVariables card(link_, kChannel);
+    const Sections small = sectionsOf("psi-small.ts");
+    const UploadPlan plan = planUpload(small);
+    const std::pair<std::function<void(bool force)>, Sections> changes[] = {
+        {[&](bool force) { upload(link_, kChannel, plan, {}, {.force = force, .progress = {}}); }, small},
+        {[&](bool force) { clear(link_, kChannel, force); }, {}}};
+    for (const auto& [change, after] : changes) {
+      card.setLock(true);  // of a client that went away in the middle
+      card.writeChunk(plan.chunks.front());
+      const Sections before = sectionsOn(link_, kChannel);
+      expectSays(messageOf([&, &run = change] { run(false); }), "psi clear 1.2 --force");
+      EXPECT_TRUE(card.locked());
+      EXPECT_EQ(sectionsOn(link_, kChannel), before);
+      change(true);
+      EXPECT_FALSE(card.locked());
+      EXPECT_EQ(sectionsOn(link_, kChannel), after);
     }
-  }
+  });
 }
 
-// Every request of a load, lost, carried out but unanswered, or refused: the message must tell whether the
-// channel is silent, and a forced load must always help.
-TEST(PsiUpload, SaysHowToGoOnWhereverItBreaksOff) {
-  const UploadPlan plan = planOf("psi-many.ts");
-  const Intervals intervals = {{TableType::kCat, 100}};
-  // State, lock, chunks, counts, interval, unlock.
-  const int total = static_cast<int>(plan.chunks.size() + kTableCount) + 4;
-  enum Fault { kLost, kUnanswered, kRefused };
-  for (int at = 0; at < total; ++at) {
-    for (const Fault fault : {kLost, kUnanswered, kRefused}) {
-      FakeCard card;
-      FakeLink link(card);
-      link.before = [&](int call, Request& request) {
-        if (call == at && fault == kLost) throw LinkError("gone");
-        if (call == at && fault == kRefused) request.length = 1, request.data = {0};
-      };
-      link.after = [&](int call, Reply&) {
-        if (call == at && fault == kUnanswered) throw LinkError("gone");
-      };
-      const std::string message = messageOf([&] { upload(link, {0, 1}, plan, intervals); });
-      const std::string where = fmt::format("request {}, fault {}: {}", at, static_cast<int>(fault), message);
-      const bool untouched = at == 0 || (at == 1 && fault == kRefused);
-      const bool unknown = (at == 1 || at == total - 1) && fault != kRefused;
-      ASSERT_FALSE(message.empty()) << where;
-      EXPECT_EQ(has(message, "is locked and sends no PSI"), !untouched && !unknown) << where;
-      EXPECT_EQ(has(message, "may be locked"), unknown) << where;
-      EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), !untouched) << where;
-      EXPECT_TRUE(card.ports[1].locked || untouched || unknown) << where;
-
-      link.before = nullptr;
-      link.after = nullptr;
-      EXPECT_EQ(messageOf([&] {
-                  upload(link, {0, 1}, plan, intervals, {.force = true, .progress = {}});
-                }),
-                "")
-          << where;
-      EXPECT_EQ(card.saved[1].store, entriesOf(plan)) << where;
-    }
-  }
+// The message tells whether the channel is silent, and a forced load always helps.
+TEST_F(PsiUpload, SaysHowToGoOnWhereverItBreaksOff) {
+  const Sections wanted = sectionsOf("psi-small.ts");
+  const UploadPlan plan = planUpload(wanted);
+  chassis_.drive([&] {
+    const auto ends = test::breakOffEverywhere(
+        chassis_.headend(), [&](FakeLink& link, const std::string& where) -> std::string {
+          const std::string message = messageOf([&] {
+            upload(link, kChannel, plan, {{TableType::kCat, 100}});
+          });
+          SCOPED_TRACE(where + ": " + message);
+          const Request& last = link.log.back();
+          const bool switches = last.operation == Operation::kWrite && last.variable == kVarPsiLock;
+          const bool locked = ChannelVariables(link_, kChannel).locked();
+          const bool unchanged = sectionsOn(link_, kChannel).empty();
+          if (message.empty()) {
+            EXPECT_EQ(sectionsOn(link_, kChannel), wanted);
+            EXPECT_FALSE(locked);
+            return "done";
+          }
+          const bool known = has(message, "is locked and sends no PSI");
+          const bool unknown = has(message, "may be locked");
+          EXPECT_TRUE(known ? locked : unknown ? switches : unchanged && !locked);
+          EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), known || unknown);
+          upload(link_, kChannel, plan, {}, {.force = true, .progress = {}});
+          EXPECT_EQ(sectionsOn(link_, kChannel), wanted);
+          EXPECT_TRUE(isSaved(chassis_.headend()));
+          return known ? "silent" : unknown ? "unknown" : "untouched";
+        });
+    for (const char* end : {"done", "silent", "unknown", "untouched"}) EXPECT_TRUE(ends.contains(end)) << end;
+  });
 }
 
-TEST(SetIntervals, LastWritesTheIntervalThatMakesTheCardSave) {
-  using Writes = std::vector<std::tuple<u32, u8, u32>>;  // port, table_id, ticks
+TEST_F(PsiUpload, SavesTheIntervalsThatItSets) {
+  const std::vector<u32> usual(kTableCount, 300);
   struct Row {
-    const char* what;
-    u32 port;
+    const char* name;
+    Channel channel;
     Intervals intervals;
-    Writes writes;
+    std::vector<u32> first, second;  // of the two channels
   };
   const Row rows[] = {
-      {"channel 1", 0, {{TableType::kPat, 7}}, {{0, 0x00, 7}, {1, 0x01, 222}}},
-      {"channel 1, CAT", 0, {{TableType::kCat, 7}}, {{0, 0x01, 7}, {1, 0x01, 222}}},
+      {"channel 1", {0, 0}, {{TableType::kPat, 7}}, {7, 300, 300, 300, 300, 300, 300, 300}, usual},
+      {"channel 1, CAT", {0, 0}, {{TableType::kCat, 9}}, {7, 300, 300, 300, 300, 300, 300, 9}, usual},
       {"channel 2",
-       1,
+       kChannel,
        {{TableType::kBat, 7}, {TableType::kPmt, 0}},
-       {{1, 0x02, 0}, {1, 0x4A, 7}, {1, 0x01, 222}}},
+       {7, 300, 300, 300, 300, 300, 300, 9},
+       {300, 0, 300, 300, 300, 300, 7, 300}},
       {"channel 2, CAT",
-       1,
-       {{TableType::kCat, 65535}, {TableType::kBat, 7}},
-       {{1, 0x4A, 7}, {1, 0x01, 65535}}},
+       kChannel,
+       {{TableType::kCat, 65535}, {TableType::kBat, 8}},
+       {7, 300, 300, 300, 300, 300, 300, 9},
+       {300, 0, 300, 300, 300, 300, 8, 65535}},
   };
-  for (const Row& row : rows) {
-    FakeCard card;
-    card.ports[1].interval[7] = 222;
-    FakeLink link(card);
-    setIntervals(link, {0, row.port}, row.intervals);
-    Writes writes;
-    for (const Request& r : card.log) {
-      EXPECT_EQ(r.variable, 0x3201) << row.what;
-      if (r.operation == Operation::kWrite) writes.emplace_back(r.port, r.data[0], wire::get32(&r.data[4]));
+  chassis_.drive([&] {
+    for (const Row& row : rows) {
+      SCOPED_TRACE(row.name);
+      const std::uint64_t saves = chassis_.headend().chassis().slot(0).saves;
+      setIntervals(link_, row.channel, row.intervals);
+      EXPECT_EQ(intervalsOn(link_, {0, 0}), row.first);
+      EXPECT_EQ(intervalsOn(link_, kChannel), row.second);
+      EXPECT_EQ(chassis_.headend().chassis().slot(0).saves, saves + 1);
+      EXPECT_TRUE(isSaved(chassis_.headend()));
     }
-    EXPECT_EQ(writes, row.writes) << row.what;
-    EXPECT_EQ(card.saves, 1) << row.what;
-    EXPECT_EQ(card.saved[row.port].interval, card.ports[row.port].interval) << row.what;
-  }
+  });
 }
 
 // Positions 0 to 261 can be asked for; and maps only where the PAT tells their PID.
-TEST(ReadBack, CountsWhatIsOutOfReach) {
+TEST_F(PsiUpload, ReadBackCountsWhatIsOutOfReach) {
   struct Row {
-    const char* what;
-    int type;
-    u16 pid;
-    std::size_t stored;
-    std::size_t read;
+    u8 tableId;
+    u16 stored, read;
   };
-  const Row rows[] = {
-      {"nothing", 2, 0x11, 0, 0},
-      {"one request", 2, 0x11, 7, 7},
-      {"one packet more", 2, 0x11, 8, 8},
-      {"up to the last start", 2, 0x11, 256, 256},
-      {"as far as it goes", 2, 0x11, 262, 262},
-      {"one packet beyond", 2, 0x11, 263, 262},
-      {"a full store", 3, 0x11, 512, 262},
-      {"a map that no PAT names", 1, 0x300, 4, 0},
-  };
-  for (const Row& row : rows) {
-    FakeCard card;
-    FakeLink link(card);
-    for (std::size_t i = 0; i < row.stored; ++i) {
-      FakeCard::Entry e{.pid = row.pid, .type = row.type, .packet = {}};
-      e.packet[100] = static_cast<u8>(i);
-      card.ports[0].store.push_back(e);
+  chassis_.drive([&] {
+    for (const Row& row : {Row{0x42, 0, 0}, Row{0x42, 7, 7}, Row{0x42, 8, 8}, Row{0x46, 256, 256},
+                           Row{0x46, 262, 262}, Row{0x46, 263, 262}, Row{0x46, 512, 262}, Row{2, 4, 0}}) {
+      SCOPED_TRACE(row.stored);
+      Sections sections;
+      for (u16 i = 0; i < row.stored; ++i)
+        sections.push_back(test::makeSection({.tableId = row.tableId, .extension = i}, 100));
+      upload(link_, kChannel, planUpload(sections), {});
+      const ReadBack tables = readBack(link_, kChannel);
+      EXPECT_EQ(tables.read(), row.read);
+      EXPECT_EQ(tables.outOfReach(), row.stored - row.read);
+      sections.resize(row.read);
+      EXPECT_EQ(sectionsOn(link_, kChannel), sections);
     }
-    const ReadBack tables = readBack(link, {0, 0});
-    EXPECT_EQ(tables.read(), row.read) << row.what;
-    EXPECT_EQ(tables.outOfReach(), row.stored - row.read) << row.what;
-    for (const auto& pid : tables.tables[static_cast<std::size_t>(row.type)].pids) {
-      for (std::size_t i = 0; i < pid.packets.size(); ++i)
-        ASSERT_EQ(pid.packets[i][100], static_cast<u8>(i)) << row.what;
-    }
-  }
+  });
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/psi_tables.h"
@@ -13,6 +14,19 @@
 namespace test {
 
 using client::Bytes;
+
+inline Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+inline Bytes bytesOf(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+inline Bytes word(u32 value) {
+  return {static_cast<u8>(value >> 8), static_cast<u8>(value)};
+}
 
 struct Head {
   u16 pid = 0x11;
@@ -25,75 +39,54 @@ struct Head {
 };
 
 inline client::Section makeSection(const Head& head, const Bytes& body) {
-  const std::size_t length = 5 + body.size() + 4;
-  client::Section s{.pid = head.pid, .bytes = {}};
-  s.bytes = {head.tableId,
-             static_cast<u8>(0xB0 | length >> 8),
-             static_cast<u8>(length),
-             static_cast<u8>(head.extension >> 8),
-             static_cast<u8>(head.extension),
-             static_cast<u8>(0xC0 | head.version << 1 | (head.current ? 1 : 0)),
-             head.number,
-             head.last};
-  s.bytes.resize(client::kSectionHeaderSize + body.size());
-  std::copy(body.begin(), body.end(), s.bytes.begin() + client::kSectionHeaderSize);
-  const u32 crc = client::crc32(s.bytes);
-  for (int shift = 24; shift >= 0; shift -= 8) s.bytes.push_back(static_cast<u8>(crc >> shift));
-  return s;
+  const auto length = static_cast<u32>(5 + body.size() + client::kCrcSize);
+  const auto version = static_cast<u8>(0xC0 | head.version << 1 | (head.current ? 1 : 0));
+  Bytes bytes = Bytes{head.tableId} + word(0xB000 | length) + word(head.extension) +
+                Bytes{version, head.number, head.last} + body;
+  const u32 crc = client::crc32(bytes);
+  return {.pid = head.pid, .bytes = bytes + word(crc >> 16) + word(crc)};
 }
 
 inline client::Section makeSection(const Head& head, std::size_t bodySize) {
   return makeSection(head, Bytes(bodySize, 0xAA));
 }
 
-// A PAT of the given programmes: number, PID, number, PID, ...
-inline client::Section makePat(const std::vector<u16>& programmes, u16 extension = 1) {
+// A PAT of programme numbers and PIDs.
+inline client::Section makePat(const std::vector<std::pair<u16, u16>>& programmes, u16 extension = 1,
+                               u8 version = 0) {
   Bytes body;
-  for (std::size_t i = 0; i < programmes.size(); ++i) {
-    const int bits = i % 2 == 1 ? 0xE000 : 0;
-    body.push_back(static_cast<u8>((programmes[i] | bits) >> 8));
-    body.push_back(static_cast<u8>(programmes[i]));
-  }
-  return makeSection({.pid = 0, .tableId = 0, .extension = extension}, body);
+  for (const auto& [number, pid] : programmes) body = body + word(number) + word(0xE000u | pid);
+  return makeSection({.pid = 0, .tableId = 0, .extension = extension, .version = version}, body);
 }
 
 class Stream {
  public:
+  explicit Stream(Bytes content = {}) : bytes(std::move(content)) {}
+
   Stream& add(const client::Section& section) {
     std::vector<client::Packet> packets;
     client::packSection(section, continuity_[section.pid], packets);
     for (const auto& p : packets) bytes.insert(bytes.end(), p.begin(), p.end());
     return *this;
   }
-  // One packet whose payload starts with the bytes given and is stuffed.
-  Stream& packet(u16 pid, bool start, const Bytes& payload) {
-    Bytes p(188, 0xFF);
-    p[0] = 0x47;
-    p[1] = static_cast<u8>((start ? 0x40 : 0) | pid >> 8);
-    p[2] = static_cast<u8>(pid);
-    p[3] = static_cast<u8>(0x10 | (continuity_[pid]++ & 15));
-    std::copy(payload.begin(), payload.end(), p.begin() + 4);
-    bytes.insert(bytes.end(), p.begin(), p.end());
-    return *this;
-  }
   u8& at(std::size_t packetNumber, std::size_t offset) { return bytes[packetNumber * 188 + offset]; }
   Stream& erase(std::size_t from, std::size_t count) {
-    bytes.erase(bytes.begin() + static_cast<std::ptrdiff_t>(from),
-                bytes.begin() + static_cast<std::ptrdiff_t>(from + count));
+    bytes.erase(place(from), place(from + count));
     return *this;
   }
   Stream& insert(std::size_t at, const Bytes& what) {
-    bytes.insert(bytes.begin() + static_cast<std::ptrdiff_t>(at), what.begin(), what.end());
+    bytes.insert(place(at), what.begin(), what.end());
     return *this;
   }
   Stream& repeatPacket(std::size_t number) {
-    const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(number * 188);
-    return insert(number * 188, Bytes(first, first + 188));
+    return insert(number * 188, Bytes(place(number * 188), place((number + 1) * 188)));
   }
 
   Bytes bytes;
 
  private:
+  Bytes::iterator place(std::size_t at) { return bytes.begin() + static_cast<std::ptrdiff_t>(at); }
+
   std::array<u8, 8192> continuity_{};
 };
 

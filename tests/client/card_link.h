@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,79 +19,72 @@
 
 namespace test {
 
-enum class Fault { kLost, kUnanswered, kRefused, kMisshapen, kLostFromThere, kUnansweredThenLost };
-struct FaultKind {
-  Fault fault;
+// What goes wrong with a request.
+struct Fault {
+  enum class Kind { kLost, kReplyLost, kRefused, kMisshapen };
   const char* name;
-  bool ofReads, ofWrites;  // where it differs from others
+  Kind kind;
+  bool forGood;  // and all that follow are lost
 };
-inline constexpr FaultKind kFaults[] = {
-    {Fault::kLost, "lost", true, true},
-    {Fault::kUnanswered, "carried out, the reply lost", false, true},
-    {Fault::kRefused, "refused", true, true},
-    {Fault::kMisshapen, "the reply misshapen", true, false},
-    {Fault::kLostFromThere, "lost like all that follow", true, true},
-    {Fault::kUnansweredThenLost, "carried out, the reply lost like all that follow", false, true},
+inline constexpr Fault kFaults[] = {
+    {"lost", Fault::Kind::kLost, false},
+    {"refused", Fault::Kind::kRefused, false},
+    {"lost like all that follow", Fault::Kind::kLost, true},
+    {"carried out, the reply lost", Fault::Kind::kReplyLost, false},
+    {"carried out, the reply lost like all that follow", Fault::Kind::kReplyLost, true},
+    {"answered with too many bytes", Fault::Kind::kMisshapen, false},
 };
 
 class FakeLink final : public client::Link {
  public:
-  explicit FakeLink(Headend& headend) : headend_(headend) {}
+  struct NoFault {};  // thrown where the fault would be none that another one is not as well
 
-  // Both number the calls from 0, and may throw: the request or the reply is lost.
-  std::function<void(int call, client::Request&)> before{};
-  std::function<void(int call, client::Reply&)> after{};
-  std::vector<client::Request> log{};  // what was asked, also where it was lost
+  explicit FakeLink(Headend& headend, const Fault& fault = {}, int at = -1)
+      : headend_(headend), fault_(fault), at_(at) {}
+
+  std::function<void(const client::Request&)> before{};
+  std::function<void(client::Reply&)> after{};
+  std::vector<client::Request> log{};  // what was asked, lost or not
 
   client::Reply call(client::Request request) override {
-    const int number = calls_++;
+    using Kind = Fault::Kind;
+    const bool faulty = std::cmp_equal(log.size(), at_);
+    const bool writes = request.operation == client::Operation::kWrite;
+    if (faulty && fault_.kind == (writes ? Kind::kMisshapen : Kind::kReplyLost)) throw NoFault();
+    const bool gone = at_ >= 0 && std::cmp_greater(log.size(), at_) && fault_.forGood;
     log.push_back(request);
-    if (before) before(number, request);
-    headend::UdpSocket socket(headend_.network(), kPort);
+    if (before) before(request);
+    if (gone || (faulty && fault_.kind == Kind::kLost)) throw client::LinkError("gone");
+    if (faulty && fault_.kind == Kind::kRefused) request.data.push_back(0);
+    headend::UdpSocket socket(headend_.network(), 50000);
     request.sequence = ++sequence();
     socket.send({.address = 0, .port = client::kDefaultManagementPort}, client::encode(request));
     const auto datagram = socket.receive(60 * headend_.kernel().settings().tickHz);
     client::Reply reply = client::decodeReply(datagram.value().bytes).value();
-    if (after) after(number, reply);
+    if (after) after(reply);
+    if (faulty && fault_.kind == Kind::kReplyLost) throw client::LinkError("gone");
+    if (faulty && fault_.kind == Kind::kMisshapen) reply.data.push_back(0);
     return reply;
   }
   void wait(std::chrono::milliseconds time) override {
     headend_.kernel().sleepUntil(headend_.kernel().now() + std::chrono::nanoseconds(time).count());
   }
-
-  void lay(Fault fault, int at) {
-    before = [=](int call, client::Request& request) {
-      if (call == at && fault == Fault::kRefused) request.data.push_back(0);
-      if ((call == at && fault == Fault::kLost) || (call >= at && fault == Fault::kLostFromThere) ||
-          (call > at && fault == Fault::kUnansweredThenLost)) {
-        throw client::LinkError("gone");
-      }
-    };
-    after = [=](int call, client::Reply& reply) {
-      if (call != at) return;
-      if (fault == Fault::kMisshapen) reply.data.push_back(0);
-      if (fault == Fault::kUnanswered || fault == Fault::kUnansweredThenLost) throw client::LinkError("gone");
-    };
-  }
-  int calls() const { return calls_; }
+  bool reached() const { return std::cmp_greater(log.size(), at_); }
 
  private:
-  static constexpr u16 kPort = 50000;
-
-  // Of all links: the back end tells repetitions by it, and they are one client there.
-  static u32& sequence() {
+  static u32& sequence() {  // of all links, which are one client to the back end
     static u32 last = 0;
     return last;
   }
 
   Headend& headend_;
-  int calls_ = 0;
+  Fault fault_;
+  int at_;
 };
 
-// What a channel has in its store, and its intervals by table.
-inline std::vector<client::Section> sectionsOn(client::Link& link, const client::Channel& channel) {
+inline std::vector<client::Section> sectionsIn(const client::ReadBack& tables) {
   std::vector<client::Section> all;
-  for (const auto& table : client::readBack(link, channel).tables) {
+  for (const auto& table : tables.tables) {
     for (const auto& pid : table.pids) {
       for (client::Section& section : client::gatherSections(pid.packets)) all.push_back(std::move(section));
     }
@@ -99,9 +92,9 @@ inline std::vector<client::Section> sectionsOn(client::Link& link, const client:
   return all;
 }
 
-inline std::vector<u32> intervalsOn(client::Link& link, const client::Channel& channel) {
+inline std::vector<u32> intervalsIn(const client::ReadBack& tables) {
   std::vector<u32> ticks;
-  for (const auto& table : client::readBack(link, channel).tables) ticks.push_back(table.interval_ticks);
+  for (const auto& table : tables.tables) ticks.push_back(table.interval_ticks);
   return ticks;
 }
 
@@ -109,6 +102,8 @@ inline std::vector<u32> intervalsOn(client::Link& link, const client::Channel& c
 // stream, and a link to it.
 class CardTest : public testing::Test {
  protected:
+  static constexpr client::Channel kChannel = {0, 1};
+
   explicit CardTest(const Bytes& stream = readFile(QAM_SAMPLES "/psi-small.ts"))
       : chassis_([&](headend::Options& options) {
           const fs::path file = options.flash.parent_path() / "stream.ts";
@@ -117,39 +112,41 @@ class CardTest : public testing::Test {
           options.sources = {{4, {2, input}}, {5, {16, input}}};
         }) {}
 
+  client::ReadBack tables(const client::Channel& channel = kChannel) {
+    return client::readBack(link_, channel);
+  }
+
+  // Runs a history with each fault at each request of its link, in an empty folder. It names its end; all
+  // ends that were met.
+  std::set<std::string> breakOffEverywhere(
+      const std::function<std::string(FakeLink& link, const Fault& fault)>& history) {
+    std::set<std::string> ends;
+    for (const Fault& fault : kFaults) {
+      bool reached = true;
+      for (int at = 0; reached; ++at) {
+        for (const auto& left : fs::directory_iterator(scratch_.path)) fs::remove_all(left);
+        const std::string end = inChild([&] {
+          SCOPED_TRACE(fmt::format("request {} {}", at, fault.name));
+          FakeLink link(chassis_.headend(), fault, at);
+          try {
+            const std::string itsEnd = history(link, fault);
+            return itsEnd + (link.reached() ? "" : ", whole");
+          } catch (const FakeLink::NoFault&) {
+            return std::string("none");
+          }
+        });
+        reached = !has(end, ", whole");
+        EXPECT_FALSE(has(end, "expectations failed") || has(end, "the child died"))
+            << fault.name << ' ' << at;
+        ends.insert(end);
+      }
+    }
+    return ends;
+  }
+
   Scratch scratch_;
   Driven chassis_;
   FakeLink link_{chassis_.headend()};
 };
-
-// Runs a history once for each fault at each request that its link is asked for, each time in a copy of this
-// process. How often it ended in what way, by the name of the end that it gives.
-inline std::map<std::string, int> breakOffEverywhere(
-    Headend& headend, const std::function<std::string(FakeLink& link, const std::string& where)>& history) {
-  std::map<std::string, int> ends;
-  std::vector<bool> writes;  // by request
-  for (const auto& [fault, name, ofReads, ofWrites] : kFaults) {
-    bool reached = true;
-    for (int at = 0; reached; ++at) {
-      const auto number = static_cast<std::size_t>(at);
-      if (number < writes.size() && !(writes[number] ? ofWrites : ofReads)) continue;
-      const std::string where = fmt::format("request {} {}", at, name);
-      const std::string end = inChild([&, fault = fault] {
-        FakeLink link(headend);
-        link.lay(fault, at);
-        const std::string itsEnd = history(link, where);
-        if (link.calls() <= at) return "whole " + itsEnd;
-        return (link.log[number].operation == client::Operation::kWrite ? "write " : "read ") + itsEnd;
-      });
-      const bool write = end.starts_with("write ");
-      reached = write || end.starts_with("read ");
-      EXPECT_TRUE(reached || end.starts_with("whole ")) << where << ": " << end;
-      if (fault == Fault::kLost) writes.push_back(write);
-      EXPECT_FALSE(has(end, "expectations failed")) << where;
-      ++ends[end.substr(end.find(' ') + 1)];
-    }
-  }
-  return ends;
-}
 
 }  // namespace test

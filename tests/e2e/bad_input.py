@@ -81,6 +81,8 @@ CALLS = """
 1 | --source 6=none.ts | none.ts.*No such file
 1 | --source 6=/proc/self/mem | /proc/self/mem.*could not be read
 1 | --source 6=/dev/zero | /dev/zero.*device
+0 | --source 6=192.ts --programme 1.1=6.1:Harbour | programme Harbour done
+0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme Harbour done
 0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*sync lost 1 times.* 100 behind
 0 | --source 6=garbage.ts --programme 1.1=6.1:Harbour | garbage.ts.*sync lost
 0 | --source 6=four-programmes-cbr.ts --pidmap 1.1=256.csv | 256.csv done
@@ -99,6 +101,8 @@ def inputs(case):
     whole = read(case.sample('two-programmes.ts'))
     files = {'empty.ts': b'', 'half.ts': whole[:100], 'full.ts': b'mine',
              'garbage.ts': whole[:40000] + random.Random(1).randbytes(5000) + whole[40000:],
+             '192.ts': b''.join(bytes(4) + packet for packet in packets_of(whole)),
+             '204.ts': b''.join(packet + bytes(16) for packet in packets_of(whole)),
              '256.csv': HEADER + b''.join(rows[:256]), '257.csv': HEADER + b''.join(rows),
              'slot4.csv': HEADER + b'4,1,768,1,1024,1,2\n', 'input2.csv': HEADER + b'6,2,768,1,1024,1,2\n',
              'header.csv': b'6,1,768,1,1024,1,2\n'}

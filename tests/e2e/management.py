@@ -66,20 +66,26 @@ def a_lock_that_a_dead_client_left_is_named_and_broken_by_force(case):
         case.equal([client.read_interval(table)[1] for table in TYPES], [0] * 8, 'packets after clearing by force')
 
 
+def map_chunk(slot, port):
+    """An entry of a PID map that leads to that input."""
+    return struct.pack('>III HHIHHHH', 1, 0, 1, slot - 1, 2, port - 1, 1, 2, 0x100, 0x101)
+
+
 # Operation, variable, slot, channel, data, length if it lies, result. The card's own tests know more of each kind.
 RESULTS = {
     'lock read': (READ, PSI_LOCK, 1, 1, b'', None, 0),
+    'tables': (WRITE, PSI_PACKETS, 1, 2, chunk(0x11, 0x42, SDT * 7), None, 0),
+    'interval': (WRITE, PSI_INTERVAL, 1, 2, struct.pack('>B3xII', 0x42, 9, 0), None, 0),
     'map lock': (WRITE, MAP_LOCK, 1, 2, bytes(4), None, 0),
+    'map': (WRITE, MAP_CHUNK, 1, 2, map_chunk(6, 1), None, 0),
     'slot 7': (READ, PSI_LOCK, 7, 1, b'', None, 18),
     'channel 3': (WRITE, PSI_LOCK, 1, 3, bytes(4), None, 18),
     'empty slot': (READ, PSI_LOCK, 2, 1, b'', None, 21),
     'map of slot 7': (READ, MAP_CHUNK, 7, 1, bytes(4), None, 18),
     'map of an empty slot': (READ, MAP_CHUNK, 2, 1, bytes(4), None, 21),
     'unknown variable': (WRITE, 0x3103, 1, 1, b'', None, 2),
-    'map that leads to an empty slot': (WRITE, MAP_CHUNK, 1, 1, struct.pack('>III HHIHHHH', 1, 0, 1, 1, 2, 0, 1, 2, 3, 4),
-                                        None, 21),
-    'map that leads to a missing input': (WRITE, MAP_CHUNK, 1, 1,
-                                          struct.pack('>III HHIHHHH', 1, 0, 1, 5, 2, 2, 1, 2, 3, 4), None, 3),
+    'map that leads to an empty slot': (WRITE, MAP_CHUNK, 1, 1, map_chunk(2, 1), None, 21),
+    'map that leads to a missing input': (WRITE, MAP_CHUNK, 1, 1, map_chunk(6, 3), None, 3),
     'length above the data': (WRITE, PSI_LOCK, 1, 1, bytes(4), 5, 22),
     'length below the data': (WRITE, PSI_INTERVAL, 1, 1, bytes(16), 12, 22),
     'setting of a source card': (GET, 30, 6, 1, b'', None, 21),
@@ -124,25 +130,15 @@ def datagrams_of_any_content_harm_nobody(case):
 
 
 def datagram_from(rng):
-    """Noise; requests of any kind and length; such with a wrong byte in the header, or cut."""
-    kind = rng.choice(('noise', 'request', 'wrong byte', 'cut'))
-    if kind == 'noise':
-        return rng.randbytes(rng.choice((0, 1, 7, 8, 23, 24, 27, 28, rng.randrange(2000), rng.randrange(60000))))
-    variable = rng.choice((PSI_LOCK, PSI_PACKETS, PSI_INTERVAL, MAP_LOCK, MAP_CHUNK, 0, 0xFFFF))
-    data = rng.randbytes(rng.choice((0, 3, 4, 8, 12, 16, 204, 1332, 1500, rng.randrange(60000))))
-    if variable == MAP_CHUNK:  # of the right length, whatever it says
-        entries = rng.choice((0, 1, 89, 90, 255))
-        data = struct.pack('>III', rng.choice((0, 1, 256, 257, 1 << 31)), rng.choice((0, 200, 256)), entries)
-        data += struct.pack('>HHIHHHH', rng.choice((5, 1, 6)), 2, rng.randrange(3), 1, 2, rng.randrange(1 << 16), 1) * entries
-    elif variable == PSI_PACKETS and len(data) > 16:
-        data = data[:12] + bytes([rng.choice((0, 1, 7, 8, 255, (len(data) - 16) // PACKET & 255))]) + data[13:]
-    raw = Client.datagram(rng.choice((READ, WRITE, rng.randrange(18), 255)), variable, rng.choice((1, 1, 1, 2, 6, 7)),
-                          rng.choice((1, 2, 2, 3)), data, rng.choice((None, None, None, 0, 16, rng.randrange(1 << 16))),
-                          rng.randrange(1 << 32))
-    if kind == 'wrong byte':
-        at = rng.randrange(24)
-        raw = raw[:at] + rng.randbytes(1) + raw[at + 1:]
-    return raw[:rng.randrange(len(raw) + 1)] if kind == 'cut' else raw
+    """Noise, or a request of the table with wrong bytes, something behind it, or cut."""
+    if rng.randrange(4) == 0:
+        return rng.randbytes(rng.choice((0, 23, 24, 27, 28, rng.randrange(60000))))
+    operation, variable, slot, channel, data, length, _ = rng.choice(list(RESULTS.values()))
+    raw = bytearray(Client.datagram(operation, variable, slot, channel, data, length, rng.randrange(1 << 32)))
+    raw += rng.randbytes(rng.choice((0, 0, 4, 1500)))
+    for _ in range(rng.randrange(4)):
+        raw[rng.randrange(len(raw))] = rng.choice((0, 1, 255, rng.randrange(256)))
+    return raw[:rng.choice((len(raw), len(raw), rng.randrange(len(raw))))]
 
 
 def a_request_that_starves_is_reported_with_who_kept_it_waiting(case):

@@ -335,7 +335,7 @@ def main(cases):
         cases = {function.__name__.replace('_', '-'): function for function in cases}
     parser = argparse.ArgumentParser()
     for name in ('headend', 'qamctl', 'tscheck', 'samples'):
-        parser.add_argument('--' + name)
+        parser.add_argument('--' + name, type=os.path.abspath)
     parser.add_argument('--other', help='a headend of another build, which must do the same')
     parser.add_argument('--seconds', type=int, default=4, help='that a case in real time plays')
     parser.add_argument('--datagrams', type=int, default=1000, help='that a case sends to try the back end')

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Wrong calls, bad files and full disks: each gives a clear message and a defined result, and leaves what was there."""
+"""Wrong calls, bad files and full disks: each gives a clear message and a defined result, and keeps what was there."""
 import os
 import random
 import resource
@@ -8,9 +8,8 @@ import signal
 import socket
 
 import harness
-from harness import BITSTREAM, PACKET, packets_of, read, record_file, write
+from harness import BITSTREAM, PACKET, packets_of, pid_map, read, record_file, write
 
-HEADER = b'src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n'
 RECORD = record_file(1)
 
 # Exit code | flags | a text that must come. The files are the samples and those that inputs() makes.
@@ -94,14 +93,13 @@ def inputs(case):
     """The files of the calls, in the folder where they run."""
     for name in os.listdir(case.args.samples):
         os.symlink(case.sample(name), case.path(name))
-    rows = [f'6,1,{pid},1,{pid},1,2\n'.encode() for pid in range(32, 289)]
+    rows = [(6, 1, pid, pid) for pid in range(32, 289)]
     whole = read(case.sample('two-programmes.ts'))
     files = {'empty.ts': b'', 'half.ts': whole[:100], 'full.ts': b'mine',
              'garbage.ts': whole[:40000] + random.Random(1).randbytes(5000) + whole[40000:],
              '192.ts': b''.join(bytes(4) + packet for packet in packets_of(whole)),
              '204.ts': b''.join(packet + bytes(16) for packet in packets_of(whole)),
-             '256.csv': HEADER + b''.join(rows[:256]), '257.csv': HEADER + b''.join(rows),
-             'slot4.csv': HEADER + b'4,1,768,1,1024,1,2\n'}
+             '256.csv': pid_map(*rows[:256]), '257.csv': pid_map(*rows), 'slot4.csv': pid_map((4, 1, 768, 1024))}
     for name, content in files.items():
         write(case.path(name), content)
     os.symlink('/dev/full', case.path('full'))  # a link, so that a fault here replaces no device of this machine

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Tables of real captures on the air, as psi_judge and ffprobe see them: whole and on time, on two cards at once, after
-a restart from the flash alone, on a slow machine, and while others replace them."""
+"""Tables of real captures on the air, as psi_judge and ffprobe see them: whole and on time, on two cards at once,
+after a restart from the flash alone, on a slow machine, and while others replace them."""
 import os
 
 import harness
@@ -15,7 +15,8 @@ def words(prefix, intervals):
 
 
 def judged(case, channel, capture, intervals, *flags):
-    return case.judge('--source', case.sample(capture), '--out', case.path(channel), *RATE, *words('', intervals), *flags)
+    flags = [*RATE, *words('', intervals), *flags]
+    return case.judge('--source', case.sample(capture), '--out', case.path(channel), *flags)
 
 
 def services(case, path):
@@ -63,15 +64,15 @@ def tables_are_whole_and_on_time_also_after_a_restart(case):
             seen = judged(case, channel, capture, intervals)
             told = case.card(run, int(channel[0]))['channels'][int(channel[2]) - 1]
             compare_report(case, told, seen, intervals, os.path.getsize(case.path(channel)))
-            case.equal(services(case, case.path(channel)), services(case, case.sample(capture)), f'{channel}: services')
+            case.equal(services(case, case.path(channel)), services(case, case.sample(capture)), channel)
             os.remove(case.path(channel))
     case.tidy(flash)
 
 
+SMALL = {'PAT': 10, 'PMT': 12}
 MACHINES = {  # name: flags, {channel: capture}, intervals, flags of the judge
-    '60 Hz': (['--aux-hz', '60', '--tick-hz', '60'], {'1.1': 'psi-small.ts'}, {'PAT': 10, 'PMT': 12}, ['--aux-hz', '60']),
-    '250 Hz': (['--aux-hz', '250', '--tick-hz', '1000'], {'1.2': 'psi-small.ts'}, {'PAT': 10, 'PMT': 12},
-               ['--aux-hz', '250']),
+    '60 Hz': (['--aux-hz', '60', '--tick-hz', '60'], {'1.1': 'psi-small.ts'}, SMALL, ['--aux-hz', '60']),
+    '250 Hz': (['--aux-hz', '250', '--tick-hz', '1000'], {'1.2': 'psi-small.ts'}, SMALL, ['--aux-hz', '250']),
     # More is due than the bus can carry: the queues are full all the time, and nothing is lost but time.
     'slow bus': (['--bus-ns', '800'], {'1.1': 'psi-many.ts', '1.2': 'two-programmes.ts'}, dict.fromkeys(TYPES, 1),
                  ['--untimed']),
@@ -86,8 +87,9 @@ def tables_are_whole_at_other_clocks_and_on_a_slow_bus(case):
         case.clean(case.fast(case.flash(name), 12, *ALONE, *flags))
         types = [judged(case, channel, capture, intervals, *how)['types'] for channel, capture in captures.items()]
         if '--untimed' not in how:  # and no section here is long enough to hold up another
-            first = {table: round(seen['first_tick'] - types[0]['PAT']['first_tick']) for table, seen in types[0].items()}
-            case.equal(first, {table: TYPES[table][0] for table in first}, f'{name}: ticks from the first PAT on')
+            begin = types[0]['PAT']['first_tick']
+            case.equal({table: round(seen['first_tick'] - begin) for table, seen in types[0].items()},
+                       {table: TYPES[table][0] for table in types[0]}, f'{name}: ticks from the first PAT on')
     many = types[0]['PMT']
     case.check(many['interval_ticks']['mean'] > 1.1 * many['sections'], f'no overload: {many}')
 

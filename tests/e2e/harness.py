@@ -1,7 +1,8 @@
 """What the end-to-end tests share: running the programs, temporary flash folders, sections of a stream, and a
 management client written from the description of the datagram.
 
-A script gives its cases to main(): functions of a Case, in a list or in a dictionary with names. Each is a test of its own."""
+A script gives its cases to main(): functions of a Case, in a list, or in a dictionary with names. Each is a test of
+its own."""
 import argparse
 import collections
 import json
@@ -158,7 +159,7 @@ class Case:
 
 
 class Server:
-    """A headend in real time with a management socket, ended when the block is left."""
+    """A headend with a management socket, ended when the block is left; in real time, unless --fast is given."""
 
     def __init__(self, case, flash, *args):
         self.case, self.output = case, case.path(f'server{case.runs}.log')
@@ -221,7 +222,7 @@ MAGIC, VERSION = 0x514D, 1
 READ, WRITE, STATUS = 1, 2, 3
 PSI_LOCK, PSI_PACKETS, PSI_INTERVAL = 0x3101, 0x3102, 0x3201
 NOT_STARTED = 0x100
-Reply = collections.namedtuple('Reply', 'raw operation sequence length result data')
+Reply = collections.namedtuple('Reply', 'raw operation sequence result data')
 
 
 class Client:
@@ -242,9 +243,8 @@ class Client:
     def receive(self):
         raw = self.socket.recv(65536)
         if len(raw) < 28:
-            return Reply(raw, None, None, None, None, b'')
-        return Reply(raw, raw[3], int.from_bytes(raw[4:8], 'big'), int.from_bytes(raw[16:18], 'big'),
-                     int.from_bytes(raw[24:28], 'big'), raw[28:])
+            return Reply(raw, None, None, None, b'')
+        return Reply(raw, raw[3], int.from_bytes(raw[4:8], 'big'), int.from_bytes(raw[24:28], 'big'), raw[28:])
 
     def request(self, operation, variable, slot=1, channel=1, data=b'', length=None, sequence=None):
         if sequence is None:
@@ -276,6 +276,12 @@ class Client:
 
 def chunk(pid, table_id, packets):
     return struct.pack('>HBxIIB3x', pid, table_id, len(packets), 0, len(packets)) + b''.join(packets)
+
+
+def pid_map(*rows):
+    """A file of a PID map: slot, input and PID of a source, and the PID that its packets get."""
+    head = 'src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n'
+    return (head + ''.join(f'{slot},{port},{pid},1,{out},1,2\n' for slot, port, pid, out in rows)).encode()
 
 
 def crc32(data):

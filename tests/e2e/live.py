@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Live, in real time: a programme comes over UDP, bare and in RTP, and goes out over UDP and into a file. A decoder must
-find every picture and every tone of the source as it was. --seconds makes it longer."""
+"""Live, in real time: a programme comes over UDP, bare and in RTP, and goes out over UDP and into a file. A decoder
+must find every picture and every tone of the source as it was. --seconds makes it longer."""
 import json
 import os
 import subprocess
@@ -27,7 +27,8 @@ def frames(path):
 def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
     seconds, source, due_list, got_list = case.args.seconds, case.path('live.ts'), case.path('due'), case.path('got')
     case.execute([*FFMPEG, '-f', 'lavfi', '-i', 'testsrc=size=352x288:rate=25', '-f', 'lavfi', '-i', 'sine', '-t',
-                  str(seconds), '-c:v', 'mpeg2video', '-b:v', '1M', '-c:a', 'mp2', '-metadata', 'service_name=Live', source])
+                  str(seconds), '-c:v', 'mpeg2video', '-b:v', '1M', '-c:a', 'mp2', '-metadata', 'service_name=Live',
+                  source])
     case.execute([*FFMPEG, '-i', source, *DIGESTS, due_list])
     due = frames(due_list)
     case.check(len(due['0']) == 25 * seconds and len(due['1']) > 38 * seconds, 'no source to compare with')
@@ -64,7 +65,8 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
         report = server.stop()
     case.equal(losses, [0, 0, 0], 'datagrams that the host has dropped')
     case.equal(said, '', 'what the decoder says')
-    case.equal([channel['packets']['dropped'] for channel in report['cards'][0]['channels']], [0, 0], 'packets dropped')
+    channels = report['cards'][0]['channels']
+    case.equal([channel['packets']['dropped'] for channel in channels], [0, 0], 'packets dropped')
     case.execute([*FFMPEG, '-probesize', '100M', '-i', copy, *DIGESTS, case.path('copied')])
     for name in (got_list, case.path('copied')):
         for stream, got in frames(name).items():

@@ -8,15 +8,15 @@ import harness
 def run(case, program):
     """Every file that a run with much in it leaves: two cards, uploads on the way, a crowded bus, a programme."""
     folder = case.path(f'run{case.runs}')
-    flash = case.flash(folder)
+    flash, outs = case.flash(folder), {channel: os.path.join(folder, channel) for channel in ('1.1', '1.2', '5.2')}
     # A short one, so that loading it does not fill the bus log.
     harness.write(os.path.join(flash, harness.BITSTREAM), bytes(range(256)) * 10)
     done = case.headend(
-        '--fast', '--seconds', '4', '--card', '1', '--card', '5', '--any-bitstream', '--bus-ns', '150', '--flash', flash,
-        '--psi', f'1.1={case.sample("psi-many.ts")}', '--psi', f'1.1={case.sample("psi-small.ts")}@2.5',
+        '--fast', '--seconds', '4', '--card', '1', '--card', '5', '--any-bitstream', '--bus-ns', '150',
+        '--flash', flash, '--psi', f'1.1={case.sample("psi-many.ts")}', '--psi', f'1.1={case.sample("psi-small.ts")}@2.5',
         '--psi', f'5.2={case.sample("psi-full.ts")}', '--interval', '1.1.PMT=1', '--interval', '5.2.SDT_O=2',
         '--source', f'6={case.sample("two-programmes.ts")}', '--programme', '1.2=6.1:Harbour',
-        *[word for channel in ('1.1', '1.2', '5.2') for word in ('--out', f'{channel}={os.path.join(folder, channel)}')],
+        *[word for channel, file in outs.items() for word in ('--out', f'{channel}={file}')],
         '--log', os.path.join(folder, 'log'), '--bus-log', os.path.join(folder, 'bus'),
         '--report', os.path.join(folder, 'report'), other=program)
     case.equal(done.code, 0, done.text)

@@ -16,7 +16,6 @@ RECORD = record_file(1)
 CALLS = """
 2 | --fast | seconds
 2 | --nonsense | nonsense
-2 | --card 7 | card
 2 | --fast --seconds -1 | seconds
 2 | --psi 3.3=psi-small.ts | 3.3
 2 | --psi 2.1=psi-small.ts | 2
@@ -29,11 +28,6 @@ CALLS = """
 2 | --out 1.1=out.ts --out 1.2=out.ts | out.ts
 2 | --out 1.1=out.ts --report out.ts | out.ts
 2 | --psi 1.1=out.ts --out 1.1=out.ts | out.ts
-2 | --heap -1 | heap
-2 | --aux-hz 0 | aux-hz
-2 | --tick-hz -5 | tick-hz
-2 | --bus-ns x | bus-ns
-2 | --heap-fill 256 | heap-fill
 2 | --set 1.rfreq=51999 | 52000.*1000000
 2 | --set 1.rfreq2=500000 | rfreq
 2 | --set rfreq=500000 | N.NAME
@@ -67,12 +61,6 @@ CALLS = """
 1 | --out 1.1=missing/out.ts | missing/out.ts
 1 | --out 1.1=flash | flash
 1 | --out 1.1=/dev/full | /dev/full
-1 | --log missing/log | missing/log
-1 | --log full | full
-1 | --bus-log missing/log | missing/log
-1 | --bus-log full | full
-1 | --report missing/report | missing/report
-1 | --report full | full
 1 | --source 6=half.ts | half.ts.*no transport-stream packets
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
 1 | --source 6=flash | flash.*folder
@@ -87,6 +75,9 @@ CALLS = """
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=257.csv | 257.csv.*(257|256)
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=slot4.csv | slot4.csv.*(slot 4|4\\.1)
 """.strip().splitlines()
+CALLS += [f'2 | {flag} {value} | {flag}' for flag, value in (
+    ('--card', 7), ('--heap', -1), ('--aux-hz', 0), ('--tick-hz', -5), ('--bus-ns', 'x'), ('--heap-fill', 256))]
+CALLS += [f'1 | {flag} {file} | {file}' for flag in ('--log', '--bus-log', '--report') for file in ('missing/x', 'full')]
 
 
 def inputs(case):

@@ -54,9 +54,9 @@ def write(path, data):
 
 
 def tree(folder):
-    """Relative name and content of every file below a folder."""
+    """Relative name and content of every file below a folder; links are none."""
     paths = [os.path.join(where, name) for where, _, names in os.walk(folder) for name in names]
-    return {os.path.relpath(path, folder): read(path) for path in paths if os.path.isfile(path)}
+    return {os.path.relpath(path, folder): read(path) for path in paths if not os.path.islink(path)}
 
 
 def free_ports(count):

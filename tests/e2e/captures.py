@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tables of real captures on the air, as psi_judge and ffprobe see them: whole and on time, on two cards at once,
+"""Tables of real captures on the air, as tscheck and ffprobe see them: whole and on time, on two cards at once,
 after a restart from the flash alone, on a slow machine, and while others replace them."""
 import os
 
@@ -16,7 +16,7 @@ def words(prefix, intervals):
 
 def judged(case, channel, capture, intervals, *flags):
     flags = [*RATE, *words('', intervals), *flags]
-    return case.judge('--source', case.sample(capture), '--out', case.path(channel), *flags)
+    return case.tscheck(case.path(channel), '--psi', case.sample(capture), '--no-limits', *flags)
 
 
 def services(case, path):
@@ -27,19 +27,19 @@ def services(case, path):
 
 
 def compare_report(case, told, seen, intervals, size):
-    """What the headend reports of a channel is what the judge has seen."""
+    """What the headend reports of a channel is what tscheck has seen."""
     packets = told['packets']
     case.equal((packets['total'], packets['psi'], packets['psi'] + packets['routed'] + packets['null']),
-               (size // PACKET, seen['table_packets'], packets['total']), 'packets in the report')
+               (size // PACKET, seen['packets_not_null'], packets['total']), 'packets in the report')
     case.check(abs(told['bit_rate'] - harness.RATE_NUM / harness.RATE_DEN) < 1, f'bit rate {told["bit_rate"]}')
     for table in TYPES:
-        entry, due = told['tables'].get(table, {}), seen['types'].get(table)
+        entry, due = told['tables'].get(table, {}), seen['psi']['types'].get(table)
         if due is None:
             case.equal(entry.get('posted', 0), 0, f'{table} packets posted')
             continue
         case.equal(entry['set_ticks'], intervals.get(table, 300), f'{table} interval in the report')
         for key, ticks in due['interval_ticks'].items():
-            case.check(abs(entry['interval_ticks'][key] - ticks) < 1, f'{table} {key}: report {entry}, judge {due}')
+            case.check(abs(entry['interval_ticks'][key] - ticks) < 1, f'{table} {key}: report {entry}, tscheck {due}')
 
 
 OUTPUTS = {  # channel: capture, intervals other than the default
@@ -70,7 +70,7 @@ def tables_are_whole_and_on_time_also_after_a_restart(case):
 
 
 SMALL = {'PAT': 10, 'PMT': 12}
-MACHINES = {  # name: flags, {channel: capture}, intervals, flags of the judge
+MACHINES = {  # name: flags, {channel: capture}, intervals, flags of tscheck
     '60 Hz': (['--aux-hz', '60', '--tick-hz', '60'], {'1.1': 'psi-small.ts'}, SMALL, ['--aux-hz', '60']),
     '250 Hz': (['--aux-hz', '250', '--tick-hz', '1000'], {'1.2': 'psi-small.ts'}, SMALL, ['--aux-hz', '250']),
     # More is due than the bus can carry: the queues are full all the time, and nothing is lost but time.
@@ -85,7 +85,7 @@ def tables_are_whole_at_other_clocks_and_on_a_slow_bus(case):
             flags = flags + ['--psi', f'{channel}={case.sample(capture)}', '--out', f'{channel}={case.path(channel)}',
                              *words(channel + '.', intervals)]
         case.clean(case.fast(case.flash(name), 12, *ALONE, *flags))
-        types = [judged(case, channel, capture, intervals, *how)['types'] for channel, capture in captures.items()]
+        types = [judged(case, channel, capture, intervals, *how)['psi']['types'] for channel, capture in captures.items()]
         if '--untimed' not in how:  # and no section here is long enough to hold up another
             begin = types[0]['PAT']['first_tick']
             case.equal({table: round(seen['first_tick'] - begin) for table, seen in types[0].items()},
@@ -110,9 +110,9 @@ def an_upload_while_the_card_sends_damages_nothing(case):
                             '--psi', f'1.1={case.sample(first)}', '--psi', f'1.1={case.sample(second)}@{offset}')
             case.clean(run)
             case.card(run, 1)
-            seen = case.judge('--self', case.path('out'), '--allow-cut', '--every-pid')
+            seen = case.tscheck(case.path('out'), '--allow-cut', '--every-pid')
             cut += seen['cut_sections']
-            case.check(seen['table_packets'] > 20, f'hardly anything on the air: {seen}')
+            case.check(seen['packets_not_null'] > 20, f'hardly anything on the air: {seen}')
             judged(case, 'out', second, intervals, '--untimed', '--from', str(LOADED))
         case.check(cut > 0 or ticks > 1, f'{first}, {second}: no section was ever cut short, so the row shows nothing')
 

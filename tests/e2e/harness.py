@@ -130,7 +130,11 @@ class Case:
 
     def tscheck(self, file, *args, codes=(0,)):
         """What the checker says of a stream: its summary, with the faults by kind."""
-        return json.loads(self.execute([self.args.tscheck, file, '--json', *args], codes).text)
+        return self.findings(self.args.tscheck, file, '--json', *args, codes=codes)
+
+    def findings(self, *command, codes=(0,)):
+        """The JSON that a program prints."""
+        return json.loads(self.execute(command, codes).text)
 
     def card(self, run, slot, state='running'):
         """The report's entry of a card, which must be in that state."""
@@ -343,8 +347,10 @@ def main(cases):
     for name in ('headend', 'qamctl', 'tscheck', 'samples'):
         parser.add_argument('--' + name, type=os.path.abspath)
     parser.add_argument('--other', help='a headend of another build, which must do the same')
-    parser.add_argument('--seconds', type=int, default=4, help='that a case in real time plays')
-    parser.add_argument('--datagrams', type=int, default=1000, help='that a case sends to try the back end')
+    parser.add_argument('--seconds', type=int, default=120 if LONG else 4,
+                        help='that a case in real time plays')
+    parser.add_argument('--datagrams', type=int, default=10000 if LONG else 1000,
+                        help='that a case sends to try the back end')
     parser.add_argument('--list', action='store_true')
     parser.add_argument('cases', nargs='*')
     args = parser.parse_args()

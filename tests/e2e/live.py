@@ -6,7 +6,7 @@ import os
 import subprocess
 
 import harness
-from harness import RATE_DEN, RATE_NUM, STATUS, Client, Server, read
+from harness import RATE, RATE_DEN, RATE_NUM, STATUS, Client, Server, read
 
 LATENT = 13  # frames that the decoder still keeps when its stream goes silent
 FFMPEG = ['ffmpeg', '-nostdin', '-v', 'error']
@@ -73,7 +73,7 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
             count = len(got) - 1  # the last one may be cut
             case.check(count >= len(due[stream]) - LATENT and got[:count] == due[stream][:count],
                        f'{name}: stream {stream}: {count} frames of {len(due[stream])}, or others')
-    seen = case.ts_judge(copy, '--rate', f'{RATE_NUM}/{RATE_DEN}')
+    seen = case.tscheck(copy, *RATE)
     case.equal((seen['continuity_errors'], len(seen['pcr'])), ({}, 1), 'continuity errors, PIDs with a clock')
 
 

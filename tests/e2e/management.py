@@ -41,7 +41,7 @@ def what_qamctl_loads_is_shown_saved_and_sent(case):
         report = server.stop()
     case.equal([card['state'] for card in report['cards']], ['running', 'running'], 'states at the end')
     case.fast(case.path('flash'), 3, '--card', '5', '--out', f'5.2={out}')
-    case.judge('--source', many, '--out', out, *harness.RATE, '--interval', 'SDT_O=40', '--interval', 'PAT=100',
+    case.tscheck(out, '--psi', many, *harness.RATE, '--no-limits', '--interval', 'SDT_O=40', '--interval', 'PAT=100',
                '--interval', 'BAT=77')
     case.tidy(case.path('flash'))
 
@@ -180,7 +180,7 @@ def a_signal_ends_a_run_with_whole_packets_and_a_report(case):
             case.equal(pids, wanted, 'PIDs on the air')
             report = server.stop(signum)
         case.equal(report['cards'][0]['channels'][0]['packets']['total'] * PACKET, os.path.getsize(out), 'bytes')
-        case.check(case.judge('--self', out, '--every-pid')['sections'] > 3, 'hardly a table on the air')
+        case.check(case.tscheck(out, '--every-pid')['sections'] > 3, 'hardly a table on the air')
         case.check(report['virtual_seconds'] < 10000000, 'it went on to its end')
 
 

@@ -318,12 +318,12 @@ int msgQSend(MSG_Q_ID handle, char* buffer, unsigned length, int timeout, int pr
 int msgQReceive(MSG_Q_ID handle, char* buffer, unsigned maxLength, int timeout) {
   EXPECT_EQ(maxLength, 4U);
   EXPECT_TRUE(timeout == NO_WAIT || timeout == WAIT_FOREVER);
-  test::Queue& queue = test::Queue::of(handle);
-  const bool empty = handle == nullptr || queue.messages.empty();
+  const bool empty = handle == nullptr || test::Queue::of(handle).messages.empty();
   if (empty && timeout == NO_WAIT) return ERROR;
   if (empty) current->leave();
-  std::memcpy(buffer, &queue.messages.front(), sizeof(u32));
-  queue.messages.erase(queue.messages.begin());
+  std::vector<u32>& messages = test::Queue::of(handle).messages;
+  std::memcpy(buffer, &messages.front(), sizeof(u32));
+  messages.erase(messages.begin());
   return sizeof(u32);
 }
 

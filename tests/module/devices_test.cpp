@@ -156,6 +156,11 @@ TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
   }
 }
 
+TEST_F(Devices, TheClockGeneratorsSetUpBeginsOnAnIdleBus) {
+  const std::string told = inWords(kBuses[2], fake.stepsOf([] { cdce925_init(0); }));
+  EXPECT_TRUE(told.starts_with("high unwatched cdce925_s0=1 start")) << told;
+}
+
 TEST_F(Devices, ASensorThatThereIsNotIsAnIdleBus) {
   const Bus none = sensorBus<3>("none", "none");
   EXPECT_EQ(fake.stepsOf([&] { none.start(0); }), Lines(8, "5us"));

@@ -128,6 +128,8 @@ TEST_F(Variables, EveryStoredSymbolRateGetsItsClock) {
     const auto clock = board.clockGenerator().y3(fake.now);
     EXPECT_NEAR(clock.hz.value_or(0), 8000.0 * kBd, 1) << kBd << clock.why;
   }
+  EXPECT_EQ(board.clockGenerator().reg(0x02), 0x14) << "Y1 is off";
+  EXPECT_EQ(board.clockGenerator().reg(0x24), 0xE5) << "Y4 and Y5 are off";
 }
 
 TEST_F(Variables, WhatCannotBeSetIsRefusedAndSomeCallsKeepTheSemaphore) {

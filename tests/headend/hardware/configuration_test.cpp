@@ -117,6 +117,9 @@ TEST(Configuration, RequestsReadBackAndMakeTheCardBlankAgain) {
   EXPECT_EQ(card.port.read(kStatus, card.now), 0);
   EXPECT_FALSE(card.done());
   EXPECT_EQ(card.read(200), 0xFFFF);
+  const std::uint64_t left = card.fpga.output(1).counts().total();
+  card.fpga.output(1).advance(card.now + 1'000'000'000);
+  EXPECT_EQ(card.fpga.output(1).counts().total(), left) << "a blank card sends nothing";
   card.port.loaderLeft();
   EXPECT_EQ(card.count("config_guard_left_open"), 1U);
   card.load();

@@ -59,6 +59,7 @@ TEST(DriverFaults, AtTheClockGenerator) {
       {"clock_generator_no_such_register", [](auto& m) { m.fetch(0x64, 1, kByteAccess | 0x30); }},
       {"clock_generator_write_to_read_only", [](auto& m) { m.send(0x64, kByteAccess | 0x00, 0); }},
       {"clock_generator_reserved_bits", [](auto& m) { m.send(0x64, kByteAccess | 0x09, 1); }},
+      {"clock_generator_reserved_bits", [](auto& m) { m.send(0x64, kByteAccess | 0x05, 1); }},
       {"clock_generator_eeprom_write_under_clock", [](auto& m) { m.send(0x64, kByteAccess | 0x06, 0x61); }},
       {"clock_generator_bus_given_up", [](auto& m) { m.send(0x64, kByteAccess | 0x02, 0xF4); }},
       {"clock_generator_write_past_end", [](auto& m) { m.send(0x64, kByteAccess | 0x16, 1, 2); }},

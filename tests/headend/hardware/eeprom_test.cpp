@@ -41,6 +41,9 @@ TEST(Eeprom, ReadsRunOnThroughAllBlocks) {
   EXPECT_EQ(kinds(memory.violations), "");
   EXPECT_EQ(memory.readOn(6), memory.old[0x601]);
   EXPECT_EQ(kinds(memory.violations), "eeprom_read_in_another_block");
+  Memory fresh;
+  fresh.readOn(1), fresh.readOn(2);
+  EXPECT_EQ(kinds(fresh.violations), "eeprom_read_in_another_block");
 }
 
 TEST(Eeprom, WritesAPageWhenAStopConfirmsItAndAnswersNobodyMeanwhile) {

@@ -205,6 +205,13 @@ def damage_to_programmes_is_named(case):
     check_rows(case, PROGRAMME_ROWS, out, '--constant-rate', '--source', source, *maps)
 
 
+def sections_without_a_header_are_passed_over(case):
+    """Three bytes of table_id 0 and a length of 0: neither a table of the file nor of its source."""
+    path = case.path('short.ts')
+    harness.write(path, b'\x47\x40\0\x10' + b'\0' + b'\0\x30\0' + b'\xff' * 180 + harness.read(case.sample('psi-small.ts')))
+    case.equal(case.tscheck(path, '--psi', path, *RATE, '--untimed', codes=(0, 1))['psi']['tables'][:1], ['CAT'], 'tables')
+
+
 def wrong_calls_are_refused(case):
     path = case.sample('psi-small.ts')
     for call in ([], ['/nonexistent/x'], [path, '--nonsense'], [path, '--rate', '0'], [path, '--rate', '1/x'],
@@ -222,6 +229,7 @@ def text_and_json_say_the_same(case):
 
 
 CASES = {case.__name__.replace('_', '-'): case for case in (damage_to_tables_is_named, damage_to_programmes_is_named,
+                                                            sections_without_a_header_are_passed_over,
                                                             wrong_calls_are_refused, text_and_json_say_the_same)}
 
 if __name__ == '__main__':

@@ -14,6 +14,8 @@
 namespace tscheck {
 namespace {
 
+constexpr size_t kLongHeader = 8;  // of a section up to its last_section_number
+
 // What is sent back to back once per repetition: a section, or all programme maps together.
 struct Group {
   double start;  // ticks from the start of the file, of its first packet
@@ -263,7 +265,8 @@ PsiCheck::PsiCheck(const Options& options, Contents& contents)
   std::map<std::tuple<uint16_t, uint8_t, uint16_t, uint8_t>, unsigned> newest;
   for (const Section& section : scan(options.psi, scanOptions, contents, ofSource).sections) {
     const Bytes& bytes = contents.bytes(section.content);
-    if (!typeOf(section.pid, bytes[0], pmtPids_) || (bytes[5] & 1) == 0) continue;
+    const bool isTables = bytes.size() >= kLongHeader && typeOf(section.pid, bytes[0], pmtPids_);
+    if (!isTables || (bytes[5] & 1) == 0) continue;
     newest[{section.pid, bytes[0], big16(bytes, 3), bytes[6]}] = section.content;
   }
   if (tables_.empty()) throw std::runtime_error(fmt::format("{} carries no tables to look for", options.psi));

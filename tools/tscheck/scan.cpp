@@ -293,7 +293,7 @@ std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path) {
   std::set<std::pair<uint16_t, uint16_t>> found;
   for (const Section& section : scan(path, options, contents, ignored).sections) {
     const Bytes& bytes = contents.bytes(section.content);
-    if (bytes[0] != 0) continue;
+    if (bytes[0] != 0 || bytes.size() < kLoopStart + kCrcSize) continue;
     for (size_t at = kLoopStart; at + 4 <= bytes.size() - kCrcSize; at += 4)
       if (big16(bytes, at) != 0) found.emplace(big16(bytes, at + 2) & 0x1FFF, big16(bytes, at));
   }

@@ -47,20 +47,14 @@ TEST(Tasks, RunByPriorityAndShareInSlices) {
         "35; say on",
         "high 100: delay 1; say on; delay 1; say on"},
        "low unlocks@70, high on@70, low on@70, low on@105, high on@105"},
+      {"a lock is set aside while its holder sleeps",
+       {"holder 100: lock; delay 3; say on; spend 50; say unlocks; unlock", "other 100 5: spend 25; say on"},
+       "other on@25, holder on@30, holder unlocks@80, other on@100, other on@125, other on@150, other "
+       "on@175"},
+      {"also while it waits",
+       {"holder 100: lock; receive 3; spend 50; say unlocks; unlock", "other 100 3: spend 25; say on"},
+       "other on@25, holder receive fails@30, holder unlocks@80, other on@100, other on@125"},
   });
-}
-
-TEST(Tasks, WithALockLetOthersInWhileTheyWait) {
-  for (const std::string wait : {"delay 3", "receive 3", "take binary 3", "recvfrom 3"}) {
-    const std::string told =
-        Scripts().play({"holder 100: lock; " + wait + "; say on; spend 50; say unlocks; unlock",
-                        "other 100 5: spend 25; say on"});
-    const std::string fails =
-        wait == "delay 3" ? "" : "holder " + wait.substr(0, wait.find(' ')) + " fails@30, ";
-    EXPECT_EQ(told,
-              "other on@25, " + fails +
-                  "holder on@30, holder unlocks@80, other on@100, other on@125, other on@150, other on@175");
-  }
 }
 
 // Whatever makes a higher task ready, it has run before the call returns, which has taken its time.

@@ -48,16 +48,21 @@ TEST(Eeprom, ReadsRunOnThroughAllBlocks) {
 
 TEST(Eeprom, WritesAPageWhenAStopConfirmsItAndAnswersNobodyMeanwhile) {
   struct Row {
+    const char* name;
     unsigned place, count, then;  // where, how many, the address counter afterwards
     Nanos cycle;
     bool stop;
     const char* kinds;
   };
-  for (const Row& row : {Row{0x345, 0, 0x345, kCycle, true, ""}, Row{0x7F0, 16, 0x7F0, 0, true, ""},
-                         Row{0x0FE, 3, 0x0F1, kCycle, true, "eeprom_page_wrapped"},
-                         Row{0x730, 17, 0x731, 2 * kCycle, true, "eeprom_page_wrapped"},
-                         Row{0x345, 2, 0x347, 0, false, "eeprom_write_abandoned"}}) {
-    SCOPED_TRACE(row.place);
+  const Row rows[] = {
+      {"nothing", 0x345, 0, 0x345, kCycle, true, ""},
+      {"a page, at once", 0x7F0, 16, 0x7F0, 0, true, ""},
+      {"over a page's end", 0x0FE, 3, 0x0F1, kCycle, true, "eeprom_page_wrapped"},
+      {"more than a page, slowly", 0x730, 17, 0x731, 2 * kCycle, true, "eeprom_page_wrapped"},
+      {"no stop", 0x345, 2, 0x347, 0, false, "eeprom_write_abandoned"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
     Memory memory;
     auto expected = memory.old;
     const Bytes data = {5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21};

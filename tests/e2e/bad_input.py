@@ -58,6 +58,7 @@ CALLS = """
 1 | --psi 1.1=empty.ts | empty.ts
 1 | --psi 1.1=psi-too-many.ts | psi-too-many.ts.*(512|255)
 0 | --psi 1.1=broken.ts | CRC
+0 | --report linked | cfg ok
 1 | --out 1.1=missing/out.ts | missing/out.ts
 1 | --out 1.1=flash | flash
 1 | --out 1.1=/dev/full | /dev/full
@@ -86,7 +87,7 @@ def inputs(case):
         os.symlink(case.sample(name), case.path(name))
     rows = [(6, 1, pid, pid) for pid in range(32, 289)]
     whole = read(case.sample('two-programmes.ts'))
-    files = {'empty.ts': b'', 'half.ts': whole[:100], 'full.ts': b'mine',
+    files = {'empty.ts': b'', 'report.json': b'', 'half.ts': whole[:100], 'full.ts': b'mine',
              'garbage.ts': whole[:40000] + random.Random(1).randbytes(5000) + whole[40000:],
              '192.ts': b''.join(bytes(4) + packet for packet in packets_of(whole)),
              '204.ts': b''.join(packet + bytes(16) for packet in packets_of(whole)),
@@ -94,6 +95,7 @@ def inputs(case):
     for name, content in files.items():
         write(case.path(name), content)
     os.symlink('/dev/full', case.path('full'))  # a link, so that a fault here replaces no device of this machine
+    os.symlink('report.json', case.path('linked'))
 
 
 def a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing(case):
@@ -113,7 +115,8 @@ def a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing(ca
                 changed = [name for name in {*before, *after} if before.get(name) != after.get(name)]
                 case.equal(changed, [], f'files that {flags} has changed')
             shutil.rmtree(case.path('flash'))
-    case.check(os.path.islink(case.path('full')), 'a report has replaced a link')
+    case.check(os.path.islink(case.path('full')) and os.path.islink(case.path('linked')), 'a report replaced a link')
+    case.check(read(case.path('report.json')), 'no report where the link leads')
     case.check(not os.path.exists(case.path('missing')), 'a folder was made for an output')
     flags = [word.split()[0] for line in CALLS for word in f' {line}'.split(' --')[1:]]
     known = case.execute([case.args.headend, '--help']).text

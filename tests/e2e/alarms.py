@@ -9,8 +9,8 @@ import subprocess
 
 import harness
 from harness import Server, read, write
-from programmes import FOUR, csv, ramp
 
+FOUR = 'four-programmes-cbr.ts'
 HISTORY = 'alarms/history.dat'
 INPUT, HEAT, RATE = 769, 770, 771
 KIND = 'event'
@@ -38,8 +38,8 @@ def source(case):
 def too_much(case, *channels):
     """More than a channel of 5000 kBd can carry."""
     feed, table = case.path('feed.ts'), case.path('map.csv')
-    write(feed, ramp([0x200], 20000))
-    write(table, csv([(1, 0x200, 0x300)]))
+    write(feed, harness.numbered_stream([0x200], 20000))
+    write(table, harness.pid_map((6, 1, 0x200, 0x300)))
     return ['--source', f'6={feed}@30000000', '--set', '1.symbolrate=5000',
             *(word for channel in channels for word in ('--pidmap', f'{channel}={table}@3'))]
 
@@ -90,7 +90,7 @@ def conditions(case):
 def early_end(case):
     """While the first output's alarm stands the second's is not looked at; then both change in one pass."""
     flash, table, empty = case.flash(), case.path('map.csv'), case.path('empty.csv')
-    write(empty, csv([]))
+    write(empty, harness.pid_map())
     run = case.fast(flash, 30, *too_much(case, '1.1'), '--pidmap', f'1.2={table}@6', '--pidmap', f'1.1={empty}@15')
     case.clean(run)
     found = [(e[KIND], e['port'], second(e)) for e in events(case, flash) if e['type'] == RATE]

@@ -288,6 +288,12 @@ def pid_map(*rows):
     return (head + ''.join(f'{slot},{port},{pid},1,{out},1,2\n' for slot, port, pid, out in rows)).encode()
 
 
+def numbered_stream(pids, count):
+    """A stream without clock, of PIDs in turn; every packet tells its number."""
+    return b''.join(bytes([0x47, pids[n % len(pids)] >> 8, pids[n % len(pids)] & 255, 0x10 | n // len(pids) % 16]) +
+                    n.to_bytes(4, 'big') * 46 for n in range(count))
+
+
 def crc32(data):
     c = 0xFFFFFFFF
     for byte in data:

@@ -44,9 +44,7 @@ def two_programmes_on_each_output_arrive_whole_and_on_time(case):
 def ten_outputs_with_full_maps_carry_every_packet_in_order_as_far_as_there_is_room(case):
     """A source of 35 Mb/s whose packets tell their numbers. The card in slot 5 has room for 27.6."""
     pids, count = [0x200 + i for i in range(256)], 25600
-    packets = [bytes([0x47, pids[n % 256] >> 8, n % 256, 0x10 | n // 256 % 16]) + n.to_bytes(4, 'big') * 46
-               for n in range(count)]
-    write(case.path('feed.ts'), b''.join(packets))
+    write(case.path('feed.ts'), harness.numbered_stream(pids, count))
     write(case.path('map.csv'), harness.pid_map(*((6, 1, pid, pid + 0x100) for pid in pids)))
     channels = [f'{slot}.{port}' for slot in range(1, 6) for port in (1, 2)]
     args = ['--source', f'6={case.path("feed.ts")}@35000000', '--set', '5.symbolrate=5000']

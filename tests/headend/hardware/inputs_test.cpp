@@ -144,6 +144,18 @@ TEST(Inputs, APesHeaderMayBeTorn) {
   }
 }
 
+TEST(Inputs, StreamsWithoutAPesHeaderAreLeftAlone) {
+  for (const u8 id : Bytes{0xBC, 0xBE, 0xBF, 0xF0, 0xF1, 0xF2, 0xF8, 0xFF}) {
+    Bytes one = packet({});
+    put(one, 9, 1, 1);
+    const Bytes start = {0, 0, 1, id, 0, 0, 0x80, 0x80, 5, 0x21, 0, 1, 0, 1};  // else a PTS
+    std::copy(start.begin(), start.end(), one.begin() + 4);
+    FileInput input = play(one, 1504);
+    input.take();
+    EXPECT_TRUE(std::ranges::equal(input.take().subspan(4), std::span(one).subspan(4))) << int{id};
+  }
+}
+
 // A sender on loopback, a router that takes what is due each millisecond, and virtual time, which the host's
 // clock does not touch.
 class Udp {

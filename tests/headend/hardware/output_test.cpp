@@ -57,6 +57,14 @@ TEST(Output, HasExactlyTheBitRateOfEachModulationForEver) {
   }
 }
 
+TEST(Output, HasTheRateOf6875KiloBaudWhereTheModulatorWasToldNone) {
+  Card card;
+  card.load();
+  card.write(2, 7);
+  card.write(0, 3);
+  EXPECT_DOUBLE_EQ(card.fpga.output(0).rate().perSecond(), 6'875'000.0 * 8 * 188 / 204);
+}
+
 // A configured card whose first output is watched.
 struct Uploads : Card {
   PacketKeeper kept;

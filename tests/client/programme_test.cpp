@@ -23,8 +23,8 @@ using test::makePat;
 using test::makeSection;
 using test::messageOf;
 using test::sectionsIn;
+using test::operator+;  // NOLINT(misc-unused-using-decls): clang-tidy 14 takes no operator for a use
 using test::word;
-using test::operator+;
 using Entries = std::vector<MapEntry>;
 using Sections = std::vector<Section>;
 
@@ -285,7 +285,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
       const std::string message = messageOf([&] { change(link); });
       SCOPED_TRACE(message);
       const State now = state();
-      const std::string end = message.empty() ? "done" : now == old ? "as it was" : "in between";
+      std::string end = message.empty() ? "done" : now == old ? "as it was" : "in between";
       EXPECT_TRUE(end != "done" || now == changed);
       if (end == "in between" && !fault.forGood) {
         EXPECT_TRUE(has(message, "could not be found in place") && !now.locked);
@@ -310,7 +310,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
     const State one = state();
     const auto after = [&](const Change& change) {
       change(link_);
-      const State changed = state();
+      State changed = state();
       upload(link_, kChannel, planUpload(one.tables), {});
       replaceMap(link_, kChannel, one.map, {});
       return changed;

@@ -19,7 +19,7 @@ class DeviceTest : public ModuleTest {
       return level ? std::optional<u16>{*level ? 1 : 0} : std::nullopt;
     };
   }
-  ~DeviceTest() override {
+  void TearDown() override {
     for (const auto& [kind, count] : violations.counts())
       ADD_FAILURE() << "a device complains: " << kind << " (" << count << " times)";
   }

@@ -206,11 +206,7 @@ Examples:
 Exit code: 0 nothing wrong, 1 faults were found, 2 wrong call or a file that cannot be read.
 )";
 
-}  // namespace
-}  // namespace tscheck
-
-int main(int argc, char** argv) {
-  using namespace tscheck;
+int runProgram(int argc, char** argv) {
   Options options;
   Call call;
   CLI::App app(kDescription, "tscheck");
@@ -252,4 +248,11 @@ int main(int argc, char** argv) {
     fmt::print(stderr, "tscheck: {}\n", error.what());
     return kWrongCall;
   }
+}
+
+}  // namespace
+}  // namespace tscheck
+
+int main(int argc, char** argv) {
+  return tscheck::runProgram(argc, argv);
 }

@@ -18,7 +18,7 @@ struct Chassis {
   headend::Violations violations;
   headend::Bus bus{violations};
 
-  explicit Chassis(std::initializer_list<int> slots) {
+  Chassis(std::initializer_list<int> slots) {
     for (const int slot : slots) bus.attach(slot, card(slot).fpga, card(slot).port), card(slot).load();
   }
   Card& card(int slot) { return cards[static_cast<std::size_t>(slot)]; }

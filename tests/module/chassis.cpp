@@ -304,24 +304,24 @@ MSG_Q_ID msgQCreate(int maxMsgs, int maxMsgLength, int options) {
   return current->queues.emplace_back(std::make_unique<test::Queue>())->handle();
 }
 
-int msgQSend(MSG_Q_ID handle, char* buffer, unsigned length, int timeout, int priority) {
+int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int priority) {
   EXPECT_EQ(length, 4U);
   EXPECT_EQ(timeout, NO_WAIT) << "an interrupt routine cannot wait";
   EXPECT_EQ(priority, MSG_PRI_NORMAL);
-  test::Queue& queue = test::Queue::of(handle);
-  if (queue.room == 0) return ERROR;
-  --queue.room;
-  std::memcpy(&queue.messages.emplace_back(), buffer, sizeof(u32));
+  test::Queue& sent = test::Queue::of(queue);
+  if (sent.room == 0) return ERROR;
+  --sent.room;
+  std::memcpy(&sent.messages.emplace_back(), buffer, sizeof(u32));
   return OK;
 }
 
-int msgQReceive(MSG_Q_ID handle, char* buffer, unsigned maxLength, int timeout) {
+int msgQReceive(MSG_Q_ID queue, char* buffer, unsigned maxLength, int timeout) {
   EXPECT_EQ(maxLength, 4U);
   EXPECT_TRUE(timeout == NO_WAIT || timeout == WAIT_FOREVER);
-  const bool empty = handle == nullptr || test::Queue::of(handle).messages.empty();
+  const bool empty = queue == nullptr || test::Queue::of(queue).messages.empty();
   if (empty && timeout == NO_WAIT) return ERROR;
   if (empty) current->leave();
-  std::vector<u32>& messages = test::Queue::of(handle).messages;
+  std::vector<u32>& messages = test::Queue::of(queue).messages;
   std::memcpy(buffer, &messages.front(), sizeof(u32));
   messages.erase(messages.begin());
   return sizeof(u32);

@@ -21,7 +21,7 @@ namespace test {
 
 // What goes wrong with a request.
 struct Fault {
-  enum class Kind { kLost, kReplyLost, kRefused, kMisshapen };
+  enum class Kind { kLost, kReplyLost, kRefused, kTooLong, kEmpty };
   const char* name;
   Kind kind;
   bool forGood;  // and all that follow are lost
@@ -32,7 +32,8 @@ inline constexpr Fault kFaults[] = {
     {"lost like all that follow", Fault::Kind::kLost, true},
     {"carried out, the reply lost", Fault::Kind::kReplyLost, false},
     {"carried out, the reply lost like all that follow", Fault::Kind::kReplyLost, true},
-    {"answered with too many bytes", Fault::Kind::kMisshapen, false},
+    {"answered with a byte too many", Fault::Kind::kTooLong, false},
+    {"answered without data", Fault::Kind::kEmpty, false},
 };
 
 class FakeLink final : public client::Link {
@@ -50,7 +51,8 @@ class FakeLink final : public client::Link {
     using Kind = Fault::Kind;
     const bool faulty = std::cmp_equal(log.size(), at_);
     const bool writes = request.operation == client::Operation::kWrite;
-    if (faulty && fault_.kind == (writes ? Kind::kMisshapen : Kind::kReplyLost)) throw NoFault();
+    const bool misshapen = fault_.kind == Kind::kTooLong || fault_.kind == Kind::kEmpty;
+    if (faulty && (writes ? misshapen : fault_.kind == Kind::kReplyLost)) throw NoFault();
     const bool gone = at_ >= 0 && std::cmp_greater(log.size(), at_) && fault_.forGood;
     log.push_back(request);
     if (before) before(request);
@@ -63,7 +65,8 @@ class FakeLink final : public client::Link {
     client::Reply reply = client::decodeReply(datagram.value().bytes).value();
     if (after) after(reply);
     if (faulty && fault_.kind == Kind::kReplyLost) throw client::LinkError("gone");
-    if (faulty && fault_.kind == Kind::kMisshapen) reply.data.push_back(0);
+    if (faulty && fault_.kind == Kind::kTooLong) reply.data.push_back(0);
+    if (faulty && fault_.kind == Kind::kEmpty) reply.data = client::Bytes();
     return reply;
   }
   void wait(std::chrono::milliseconds time) override {

@@ -84,6 +84,10 @@ TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
     const bool maybeOld = !message.empty() && !unverified;
     EXPECT_TRUE((maybeNew && carries(wanted)) || (maybeOld && carries(old)));
     EXPECT_TRUE(stuck ? locked || has(message, "may be locked") : !locked);
+    const auto switches = std::ranges::count_if(link.log, [](const Request& r) {
+      return r.variable == kVarPidMapLock && r.operation == Operation::kWrite;
+    });
+    EXPECT_TRUE(switches > 1 || !has(message, "or the new one"));  // not before the unlock
     EXPECT_TRUE(stuck || recorded() == sorted(maybeNew ? wanted : old));
     EXPECT_EQ(fs::exists(file), stuck || unverified);
     EXPECT_EQ(has(message, "'qamctl pidmap show 1.2'"), stuck || unverified);

@@ -139,6 +139,7 @@ TEST(PsiCapture, KeepsTheNewestCurrentSectionsOfEachTable) {
       {"too long", {pat, makeSection({}, 1017), sdt}, {0, 2}, {{kBadSection, 1}}},
       {"the short form", {pat, shortForm, sdt}, {0, 2}, {{kBadSection, 1}}},
       {"numbered beyond its last", {pat, makeSection({.number = 2, .last = 1}, 9)}, {0}, {{kBadSection, 1}}},
+      {"stuffing", {pat, makeSection({.tableId = 0x72}, 20)}, {0}, {}},
       {"tables of other kinds", {pat, makeSection({.tableId = 0x50}, 3000)}, {0}, {{kOtherTable, 1}}},
   };
   for (const Row& row : rows) {

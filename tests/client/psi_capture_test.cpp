@@ -41,6 +41,22 @@ TEST(PsiCapture, TellsWhereACaptureIsBroken) {
   }
 }
 
+// Sections back to back: one begins in the packet in which the one before ends.
+TEST(PsiCapture, ReadsSectionsThatShareAPacket) {
+  const std::vector<Section> sections = {makePat({{1, 0x100}}), makeSection({.extension = 7}, 200),
+                                         makeSection({.extension = 8}, 50)};
+  const Bytes& first = sections[1].bytes;
+  const auto cut = first.begin() + 183;
+  const auto rest = static_cast<u8>(first.end() - cut);
+  using test::operator+;
+  Bytes second = Bytes{0x47, 0x40, 0x11, 0x11, rest} + Bytes(cut, first.end()) + sections[2].bytes;
+  second.resize(kPacketSize, 0xFF);
+  Stream s;
+  s.add(sections[0]);
+  s.bytes = s.bytes + (Bytes{0x47, 0x40, 0x11, 0x10, 0} + Bytes(first.begin(), cut)) + second;
+  EXPECT_EQ(read(s.bytes).sections, sections);
+}
+
 // Of three sections the middle one (packets 1 to 3) is damaged or surrounded in one way.
 TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
   Stream whole;

@@ -7,9 +7,9 @@
 // Without WHICH all tests run. The program ends at the first failure with the line `FAILED name` or `TIMEOUT
 // name` and exit code 1. Exit code 2: no test is of that name. In the environment, for runs with a changed
 // source: MUTATE_FIRST="name name ...", tests that come first; MUTATE_ONLY="pattern ...", those that run at
-// all; MUTATE_WITHOUT, those that do not; MUTATE_LIMIT, the seconds that a test may take; MUTATE_ALL, to
-// continue after a failure. With --gtest_filter or --gtest_list_tests everything happens in this process, as
-// a debugger needs it.
+// all; MUTATE_WITHOUT, those that do not; MUTATE_LIMIT, the seconds that a test may take, 0 for no limit;
+// MUTATE_ALL, to continue after a failure. With --gtest_filter or --gtest_list_tests everything happens in
+// this process, as a debugger needs it.
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -86,7 +86,7 @@ int main(int count, char** arguments) {
   const Words first = wordsOf(environment("MUTATE_FIRST", "")),
               only = wordsOf(environment("MUTATE_ONLY", "*"));
   const Words without = wordsOf(environment("MUTATE_WITHOUT", ""));
-  const auto limit = static_cast<unsigned>(std::stoul(environment("MUTATE_LIMIT", "120")));
+  const auto limit = static_cast<unsigned>(std::stoul(environment("MUTATE_LIMIT", "0")));
 
   std::vector<Test> tests = allTests();
   std::erase_if(tests, [&](const Test& test) {

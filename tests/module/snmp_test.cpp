@@ -131,10 +131,6 @@ TEST_F(Snmp, AWalkOfEachSlotGivesItsCard) {
       walk.push_back(fmt::format("{} {} {}{}", fmt::join(name, "."), idOf(name),
                                  next.writer == &qam_write_custom ? "rw " : "", value));
       EXPECT_EQ(next.writer == nullptr, next.writer != &qam_write_custom);
-      const Answer same = ask(row, name, true);
-      ASSERT_NE(same.value, nullptr) << walk.back();
-      EXPECT_EQ(shown(row, same), value);
-      EXPECT_EQ(same.writer, next.writer);
       EXPECT_EQ(idOf({name.begin(), name.end() - 1}), idOf(name)) << "the row's own name will do";
     }
     const u32 rf = 554000U + slotNo;
@@ -159,13 +155,15 @@ TEST_F(Snmp, AWalkOfEachSlotGivesItsCard) {
 }
 
 TEST_F(Snmp, ARowHasOneInstanceAndIsNextForAllNamesBeforeIt) {
-  fake.start(3);
+  fake.start(3)->qam_para.rfreq = 482000;
   chassis::variable row = rows(5)[4];
   const Name instance = below("5.2.51.1.4.0");
   const auto found = [&](Name name, bool exact) {
     const Name request = name;
-    const bool any = ask(row, name, exact).value != nullptr;
+    const Answer answer = ask(row, name, exact);
+    const bool any = answer.value != nullptr;
     EXPECT_EQ(name, any ? instance : request);
+    EXPECT_TRUE(!any || (shown(row, answer) == "number 482000" && answer.writer == &qam_write_custom));
     return any;
   };
   EXPECT_TRUE(found(instance, true));

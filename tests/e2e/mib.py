@@ -18,8 +18,8 @@ BASES = (DEFAULT, '1.3.6.1.4.1.8072.9999.9999.2147483647', '1.3.6.1.4.1.32473.1.
          '1.3.5.1.4.1.9999.1.2.3', '2.999.1.2.3.4.5.6.7.8', '0.3.1.2.3.4.5.6.7.0')
 VARIABLES = {  # object of a slot: qamctl's name; those of channel 2 begin with Ch2, and its names end in 2
     'HardwareVersion': 'hardware_version', 'SoftwareVersion': 'software_version', 'FpgaVersion': 'fpga_version',
-    'Constellation': 'qammode', 'Frequency': 'rfreq', 'Level': 'rflevel', 'RfSwitch': 'rfswitch', 'PowerSwitch': 'power',
-    'SymbolRate': 'symbolrate'}
+    'Constellation': 'qammode', 'Frequency': 'rfreq', 'Level': 'rflevel', 'RfSwitch': 'rfswitch',
+    'PowerSwitch': 'power', 'SymbolRate': 'symbolrate'}
 VARIABLES |= {'Ch2' + stem: name + '2' for stem, name in VARIABLES.items() if not stem.endswith('Version')}
 ALARM = ['qamAlarmSlot', 'qamAlarmPort', 'qamAlarmType', 'qamAlarmEnglishText', 'qamAlarmChineseText']
 NOTIFICATIONS = {'qamAlarmRaised': '0.1', 'qamAlarmCleared': '0.2'}
@@ -72,8 +72,8 @@ def other_programs_find_no_fault_below_any_base(case):
         wanted |= {name: f'{base}.1.{number}' for number, name in enumerate(ALARM, 1)}
         wanted |= {name: f'{base}.{suffix}' for name, suffix in NOTIFICATIONS.items()}
         case.equal(sorted(got.items()), sorted(wanted.items()), f'names and OIDs below {base}')
-        for flag, asked, told in (('-On', [f'{MODULE}::{name}' for name in wanted], ['.' + oid for oid in wanted.values()]),
-                                  ('-OS', list(wanted.values()), [f'{MODULE}::{name}' for name in wanted])):
+        names, oids = [f'{MODULE}::{name}' for name in wanted], ['.' + oid for oid in wanted.values()]
+        for flag, asked, told in (('-On', names, oids), ('-OS', oids, names)):
             text = tools.run('snmptranslate', flag, *asked, MIBDIRS=f'{tools.environment["MIBDIRS"]}:{tools.folder}')
             case.equal(text.split(), told, f'what snmptranslate {flag} says below {base}')
 
@@ -93,7 +93,8 @@ def described(scalar):
 
 def objects_are_described_as_qamctl_sets_them(case):
     tree = Tools(case).module()
-    variables = {each['name']: each for each in json.loads(case.execute([case.args.qamctl, 'var', 'list', '--json']).text)}
+    listed = case.execute([case.args.qamctl, 'var', 'list', '--json']).text
+    variables = {each['name']: each for each in json.loads(listed)}
     conventions = {each.get('name'): {label.get('name'): int(label.get('number')) for label in each.iter('namednumber')}
                    for each in tree.find('typedefs')}
     case.equal(tree.findtext('.//typedef[@name="QamTenthDBuV"]/format'), 'd-1', 'format of a level')
@@ -101,7 +102,8 @@ def objects_are_described_as_qamctl_sets_them(case):
     for stem, name in VARIABLES.items():
         variable, limits = variables[name], variables[VARIABLES[stem.removeprefix('Ch2')]]  # a reading tells no limits
         writes = variable['writable'] or stem == 'Ch2PowerSwitch'
-        labels = {''.join(reversed(each['name'].lower().split('-'))): each['value'] for each in variable.get('values', [])}
+        labels = {''.join(reversed(each['name'].lower().split('-'))): each['value']  # 64-QAM is qam64
+                  for each in variable.get('values', [])}
         unit = (variable['unit'] or '').removeprefix('0.1 ')
         above = 8000 if stem == 'Ch2Frequency' else 0
         if variable['kind'] == 'text':
@@ -112,12 +114,14 @@ def objects_are_described_as_qamctl_sets_them(case):
             described_as = ('QamTenthDBuV' if unit == 'dBuV' else 'Integer32',
                             (limits['least'] + above, limits['most'] + above), unit)
         for slot in range(1, 7):
-            case.equal(got[f'slot{slot}{stem}'], ('readwrite' if writes else 'readonly', *described_as), f'slot{slot}{stem}')
+            name = f'slot{slot}{stem}'
+            case.equal(got[name], ('readwrite' if writes else 'readonly', *described_as), name)
     case.equal([got[name] for name in ALARM], [
         ('notifyonly', 'Integer32', (1, 6), None), ('notifyonly', 'Integer32', (1, 2), None),
-        ('notifyonly', 'Unsigned32', (0, 65535), None), *2 * [('notifyonly', 'SnmpAdminString', (0, 255), None)]], 'alarms')
-    case.equal({each.get('name'): [part.get('name') for part in each.iter('object')] for each in tree.iter('notification')},
-               dict.fromkeys(NOTIFICATIONS, ALARM), 'objects of the notifications')
+        ('notifyonly', 'Unsigned32', (0, 65535), None), *2 * [('notifyonly', 'SnmpAdminString', (0, 255), None)]],
+               'objects of alarms')
+    told = {each.get('name'): [part.get('name') for part in each.iter('object')] for each in tree.iter('notification')}
+    case.equal(told, dict.fromkeys(NOTIFICATIONS, ALARM), 'objects of the notifications')
 
 
 if __name__ == '__main__':

@@ -111,9 +111,9 @@ def keys_edit_and_the_screen_follows(case):
         terminal.until('^│QAM card1 *│')
         terminal.keys('l', 'p')
         terminal.until('● 1 运行', '○ 2 无卡', '^告警', '^无$', '[⠁-⣿]{3}')
-        for width, height, patterns in ((50, 12, ['太小|too small']), (160, 50, ['[▀▄█]{2}']), (80, 24, ['^│QAM card1 *│'])):
+        for width, height, pattern in ((50, 12, '太小'), (160, 50, '[▀▄█]{2}'), (80, 24, '^│QAM card1 *│')):
             terminal.tmux('resize-window', '-x', str(width), '-y', str(height))
-            terminal.until(*patterns)
+            terminal.until(pattern)
         terminal.keys('q')
         terminal.ended(0)
         terminal.run(*words)

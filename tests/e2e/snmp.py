@@ -23,7 +23,7 @@ LINES = ('read-community look', 'write-community change', 'user mon read SHA-256
 ADM_AUTH, ADM_PRIV = ('-a', 'SHA-512', '-A', 'adminauth123'), ('-x', 'AES-256', '-X', 'adminpriv123')
 ADM = ('-v3', '-l', 'authPriv', '-u', 'adm', *ADM_AUTH, *ADM_PRIV)
 ENGINE = 'snmp/engine.txt'
-SYS_NAME = name('1.3.6.1.2.1.1.5.0')
+SYS_NAME, ENGINE_BOOTS = name('1.3.6.1.2.1.1.5.0'), name('1.3.6.1.6.3.10.2.1.2.0')
 PATIENT, QUICK = ('-r', '9', '-t', '2'), ('-r', '0', '-t', '0.25')  # quick for those who get no answer
 
 
@@ -248,23 +248,17 @@ BAD = {  # bindings, of which the last is refused if nothing else is said: the e
     'above': ([(instance(1, 'Frequency'), I(1000001))], 'wrongValue'),
     'between steps': ([(instance(1, 'Level'), I(1001))], 'wrongValue'),
     'negative': ([(instance(1, 'SymbolRate'), I(-1))], 'wrongValue'),
-    'the least number': ([(instance(1, 'SymbolRate'), I(-2 ** 31))], 'wrongValue'),
     'no such constellation': ([(instance(1, 'Constellation'), I(8))], 'wrongValue'),
     'no such switch': ([(instance(1, 'PowerSwitch'), I(1))], 'wrongValue'),
     'no such switch of channel 2': ([(instance(1, 'Ch2PowerSwitch'), I(1))], 'wrongValue'),
     'a text': ([(instance(1, 'Frequency'), S(b'474000'))], 'wrongType'),
-    'a long text': ([(instance(1, 'Frequency'), S(b'4' * 460))], 'wrongType'),
     'a counter': ([(instance(1, 'Frequency'), (COUNTER, integer(474000)))], 'wrongType'),
-    'a name': ([(instance(1, 'Frequency'), (OID, b'\x2b\6'))], 'wrongType'),
-    'nothing': ([(instance(1, 'Frequency'), (NULL, b''))], 'wrongType'),
     'a reading': ([(instance(1, 'Ch2Frequency'), I(482000))], 'notWritable'),
     'a version': ([(instance(1, 'SoftwareVersion'), S(b'V3'))], 'notWritable'),
     'no instance': ([(instance(1, 'Frequency')[:-1], I(474000))], 'noCreation'),
-    'another instance': ([((*instance(1, 'Frequency')[:-1], 1), I(474000))], 'noCreation'),
     'behind the instance': ([((*instance(1, 'Frequency'), 0), I(474000))], 'noCreation'),
     'an empty slot': ([(instance(2, 'Frequency'), I(474000))], 'noCreation|notWritable'),
     'no slot': ([((*BASE, 9, 2, 51, 1, 4, 0), I(474000))], 'noCreation|notWritable'),
-    'first of three': ([(instance(1, 'Frequency'), I(1)), GOOD, (instance(1, 'Constellation'), I(7))], 'wrongValue', 1),
     'second of three':
         ([GOOD, (instance(1, 'Ch2Level'), I(1055)), (instance(1, 'Constellation'), I(7))], 'notWritable', 2),
     'third of three': ([GOOD, (instance(1, 'Constellation'), I(7)), (instance(1, 'Frequency'), S(b'x'))], 'wrongType'),
@@ -272,8 +266,7 @@ BAD = {  # bindings, of which the last is refused if nothing else is said: the e
 }
 
 # Numbers of no length that an INTEGER has here: empty, and more than 32 bits, some of which end in 474000.
-LONG = (b'', integer(2 ** 32 + 474000), b'\0\0' + integer(474000), b'\x12\x34\x56\x78\0' + integer(474000),
-        b'\0' * 9 + b'\7')
+LONG = b'', integer(2 ** 32 + 474000), b'\0\0' + integer(474000), b'\0' * 9 + b'\7'
 
 
 def a_set_is_done_whole_or_refused_by_name(case):
@@ -336,8 +329,9 @@ def a_storm_of_malformed_packets_leaves_all_as_it_was(case):
     programs, chance, flash = Programs(case), random.Random(8), case.flash()
     path = os.path.join(flash, record_file(1))
     with Agent(case, flash) as agent:
-        seeds = [message('change', kind, [(instance(1, stem), I(5)), (BASE, (NULL, b''))], 7, 0, 5)
-                 for kind in (GET, GETNEXT, GETBULK, SET) for stem in ('Frequency', 'SoftwareVersion')]
+        seeds = [message('change', kind, [(instance(1, stem), value), (BASE, (NULL, b''))], 7, 0, 5)
+                 for kind in (GET, GETNEXT, GETBULK, SET)
+                 for stem, value in (('Frequency', I(5)), ('SoftwareVersion', S(b'x' * 449)))]
         dump = programs.ask('snmpget', agent, *ADM, '-d', '@', dotted(instance(1, 'Level')))
         for block in re.findall(r'Sending \d+ bytes.*?\n((?:\d+: .*\n)+)', dump):
             seeds.append(bytes.fromhex(''.join(line[6:54] for line in block.splitlines())))
@@ -352,30 +346,16 @@ def a_storm_of_malformed_packets_leaves_all_as_it_was(case):
         case.check(arrived > count, f'only {arrived} packets came in')
 
 
-def a_manager_goes_on_after_a_restart(case):
-    """A manager that knows the engine from its last power-up, when it had run for 500 s, goes on; and would not, had
-    the boots not risen."""
-    programs, flash = Programs(case), case.flash()
-    path = os.path.join(flash, ENGINE)
-    session = os.path.join(os.path.dirname(case.args.headend), '..', 'tests', 'e2e', 'snmp_session')
-
-    def asks_on(agent, engine, boots, codes=(0,)):
-        return programs.ask(session, agent, str(boots), '500', *ADM, '-e', engine, '@', codes=codes)
-
-    engines, texts = [], []
-    for boots in (1, 2, 3):
+def managers_find_the_same_engine_after_a_restart(case):
+    """Its boots are counted, without which a manager that knows it would take what it says for old."""
+    flash, engines = case.flash(), []
+    for boots in (1, 2):
         with Agent(case, flash) as agent:
             engines.append(agent.engine)
-            texts.append(read(path))
-            case.equal(agent.reader.value(name('1.3.6.1.6.3.10.2.1.2.0')), boots, 'snmpEngineBoots')
-            if boots > 1:
-                case.check('headend' in asks_on(agent, engines[0], boots - 1), 'a manager after a restart')
+            case.equal(agent.reader.value(ENGINE_BOOTS), boots, 'snmpEngineBoots')
     case.equal(len(set(engines)), 1, 'engine IDs')
-    write(path, texts[0])
-    with Agent(case, flash) as agent:  # boots 2 again
-        got = asks_on(agent, engines[0], 2, codes=(0, 1))
-        case.check('headend' not in got, f'a manager whose engine has not counted: {got}')
-    write(path, texts[0][:20])
+    path = os.path.join(flash, ENGINE)
+    write(path, read(path)[:20])
     with Agent(case, flash) as agent:
         case.check(agent.engine != engines[0] and 'damaged' in agent.text(), f'a damaged file: {agent.text()[-300:]}')
     case.tidy(flash, ENGINE)
@@ -483,45 +463,29 @@ def tshark_finds_nothing_malformed(case):
 
 
 def the_agent_looks_for_no_files_of_this_machine(case):
-    """With the agent open, asked and sending, the headend looks for, opens and makes nothing that it does not without,
-    but its secrets and its flash."""
+    """Open, asked and sending, with neither configuration nor MIB of the library's."""
     if 'ptrace' in case.execute(['strace', '-o', '/dev/null', 'true'], (0, 1)).text:
         raise harness.Skip('this process may not trace another')
-    programs, headend, heat = Programs(case), case.args.headend, ('--set', '1.temperature2=80')
-
-    def touched(kind, *more, ask=lambda agent: None, **options):
-        trace, flash = case.path(kind.__name__ + '.strace'), case.flash(kind.__name__)
-        history = os.path.join(flash, 'alarms/history.dat')
-        case.args.headend = case.path('traced')
-        write(case.args.headend,
-              f'#!/bin/sh\nexec strace -D -f -e trace=%file -o "{trace}" "{headend}" "$@"\n'.encode())
-        os.chmod(case.args.headend, 0o700)
-        try:
-            with kind(case, flash, *heat, *more, **options) as agent:
-                agent.wait(lambda: os.path.exists(history))
-                ask(agent)
-                agent.stop()
-                ended = re.compile(rf'(?m)^{agent.process.pid} .*\+\+\+ exited')  # the tracer does so later
-                until(lambda: ended.search(read(trace).decode(errors='replace')))
-        finally:
-            case.args.headend = headend
-        paths = set()
-        for line in read(trace).decode(errors='replace').splitlines():
-            call = re.search(r'\w+\((?:AT_FDCWD, )?"([^"]*)"', line)
-            # Libraries, and the C library's own tables, are no matter.
-            if call and not re.search(r'\.so\b|/locale/|/gconv/|/locale\.alias|/proc/|/sys/', call[1]):
-                paths.add(re.sub(r'server\d+', 'server', os.path.abspath(call[1]).replace(flash, 'FLASH')))
-        case.check('FLASH/alarms' in paths, f'{kind.__name__}: no alarm in {sorted(paths)}')
-        return paths
-
-    def ask(agent):
+    flash, trace, traced, headend = case.flash(), case.path('trace'), case.path('traced'), case.args.headend
+    write(traced, f'#!/bin/sh\nexec strace -D -f -e trace=%file -o "{trace}" "{headend}" "$@"\n'.encode())
+    os.chmod(traced, 0o700)
+    case.args.headend = traced
+    agent = Agent(case, flash, '--set', '1.temperature2=80', '--snmp-trap', '127.0.0.1:9',
+                  lines=(*LINES, 'trap-user adm'))
+    case.args.headend = headend
+    with agent:
+        agent.wait(lambda: os.path.exists(os.path.join(flash, 'alarms/history.dat')))
         case.equal(agent.reader.value(SYS_NAME), 'headend', 'sysName')
-        case.equal(Client(agent.snmp, 'wrong', 0.3, 1).get(SYS_NAME), None, 'a wrong community')
-        programs.ask('snmpget', agent, *ADM, '@', dotted(SYS_NAME))
-
-    anew = touched(Agent, '--snmp-trap', '127.0.0.1:9', ask=ask, lines=(*LINES, 'trap-user adm')) - touched(Server)
-    case.equal(sorted(path for path in anew if not path.startswith('FLASH/snmp') and path != case.path('secrets')), [],
-               'files of this machine')
+        Programs(case).ask('snmpget', agent, *ADM, '@', dotted(SYS_NAME))
+        agent.stop()
+        ended = re.compile(rf'(?m)^{agent.process.pid} .*\+\+\+ exited')  # the tracer does so later
+        until(lambda: ended.search(read(trace).decode(errors='replace')))
+    paths = {os.path.abspath(path) for path in re.findall(r'\w+\((?:AT_FDCWD, )?"([^"]*)"', read(trace).decode())}
+    case.check(case.path('secrets') in paths, f'no secrets in {sorted(paths)}')
+    system = r'\.so\b|^/usr/(lib|share)/(locale|.*/gconv)/|^/(proc|sys|dev)/|^/etc/ld\.so'
+    others = [path for path in paths - {headend} if not re.search(system, path)
+              and os.path.commonpath((path, case.folder)) not in (path, case.folder)]
+    case.equal(sorted(others), [], 'files of this machine')
 
 
 if __name__ == '__main__':
@@ -529,6 +493,6 @@ if __name__ == '__main__':
         cards_are_read_and_set_by_name, a_walk_finds_all_cards_and_nothing_of_the_host,
         everyone_may_do_what_the_secrets_allow, calls_that_open_too_much_or_nothing_are_refused,
         a_set_is_done_whole_or_refused_by_name, a_storm_of_malformed_packets_leaves_all_as_it_was,
-        a_manager_goes_on_after_a_restart, alarms_come_as_notifications,
+        managers_find_the_same_engine_after_a_restart, alarms_come_as_notifications,
         a_card_that_hangs_or_is_not_configured_holds_up_no_other, tshark_finds_nothing_malformed,
         the_agent_looks_for_no_files_of_this_machine)})

@@ -95,29 +95,35 @@ def headend(case, *flags):
     return [case.args.headend, '--flash', case.flash(), '--manage', '127.0.0.1:0', '--panel', *flags]
 
 
+# Keys on the way through the editors of the card in slot 5, and the heading of the screen that they lead to.
+EDITS = (('Down Enter', 'QAM card5'), ('Down Enter', 'QAM SET'), ('Enter', 'Qam Mode'), ('Up Enter', 'QAM SET'),
+         ('Down Enter', 'Symbol Rate'), ('Right Down Enter', 'QAM SET'), ('Down Enter', 'RF Freq'),
+         ('Right Down Enter', 'QAM SET'), ('Down Enter', 'RF Level'), ('Right Up Enter', 'QAM SET'))
+
+
 def keys_edit_and_the_screen_follows(case):
-    """An edit by keys is on the air at once; language, sizes and pixels; what was edited is there after a restart."""
-    words, edited = headend(case), r'1\.1 +on air.* 454\.0000 .* 110\.0 '
+    """What is edited is on the air, and there after a restart; language, sizes and pixels."""
+    words = headend(case, '--card', '1', '--card', '5')
+    before, after = (rf'\.1 +on air +{shown} ' for shown in (
+        r'554\.0000 +100\.0 +64-QAM +6875', r'454\.0000 +110\.0 +256-QAM +6750'))
     with Terminal(case, 100, 30) as terminal:
         terminal.run(*words)
-        terminal.until('● 1 running', '○ 2 no card', '^│QAM card1', r'1\.1 +on air.* 554\.0000 .* 100\.0 ', '^none')
-        for keys, heading in (('Enter', 'QAM card1'), ('Down Enter', 'QAM SET'), ('Down Down Enter', 'RF Freq'),
-                              ('Right Down Enter', 'QAM SET'), ('Down Enter', 'RF Level')):
+        terminal.until('● 1 running', '○ 2 no card', '● 5 running', '^│QAM card1', '1' + before, '5' + before, '^none')
+        for keys, heading in EDITS:
             terminal.keys(*keys.split())
             terminal.until(f'^│{heading} *│')
-        terminal.keys('Right', 'Up', 'Enter')
-        terminal.until(edited)
+        terminal.until('1' + before, '5' + after)
         terminal.keys('Escape')
-        terminal.until('^│QAM card1 *│')
+        terminal.until('^│QAM card5 *│')
         terminal.keys('l', 'p')
         terminal.until('● 1 运行', '○ 2 无卡', '^告警', '^无$', '[⠁-⣿]{3}')
-        for width, height, pattern in ((50, 12, '太小'), (160, 50, '[▀▄█]{2}'), (80, 24, '^│QAM card1 *│')):
+        for width, height, pattern in ((50, 12, '太小'), (160, 50, '[▀▄█]{2}'), (80, 24, '^│QAM card5 *│')):
             terminal.tmux('resize-window', '-x', str(width), '-y', str(height))
             terminal.until(pattern)
         terminal.keys('q')
         terminal.ended(0)
         terminal.run(*words)
-        terminal.until(edited)
+        terminal.until('1' + before, '5' + after)
         terminal.keys('F10')
         terminal.ended(0)
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Programmes and PID maps of real streams on the outputs, as a receiver sees them: ffprobe, libdvbpsi and ts_judge,
+"""Programmes and PID maps of real streams on the outputs, as a receiver sees them: ffprobe, libdvbpsi and tscheck,
 which share no code with the multiplexer, find what the source has, whole and on time."""
 import harness
 from harness import NULL_PID, RATE_DEN, RATE_NUM, packets_of, pid_of, read, write

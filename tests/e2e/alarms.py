@@ -55,9 +55,6 @@ CONDITIONS = {
     'heat': (lambda case: ['--set', '1.temperature2=70@10', '--set', '1.temperature2=69@20'],
              1, HEAT, ('QAM Card1', 'High Temperature', 'High Temperature'), 'qam card 1 normal temperature',
              ('调制卡1', '温度过高', '温度过高'), '调制卡1温度恢复正常', 10, 20),
-    'frost': (lambda case: ['--set', '1.temperature2=-1@10', '--set', '1.temperature2=0@20'],
-              1, HEAT, ('QAM Card1', 'High Temperature', 'High Temperature'), 'qam card 1 normal temperature',
-              ('调制卡1', '温度过高', '温度过高'), '调制卡1温度恢复正常', 10, 20),
     'rate 1': (lambda case: [*too_much(case, '1.1'), '--set', '1.symbolrate=6875@17'],
                1, RATE, ('Card1Port1', 'rate overflow', 'QAM Card1 port1 rate overflow'), 'QAM Card1 port1 rate resume',
                ('卡1端口1', '码率溢出', '调制卡1端口1码率溢出'), '调制卡1端口1码率恢复', 3, 19),
@@ -67,7 +64,7 @@ CONDITIONS = {
 }
 
 
-def conditions(case):
+def each_condition_is_raised_and_recovers(case):
     for name, (flags, port, kind, en, en_end, zh, zh_end, start, end) in CONDITIONS.items():
         flash = case.flash(name)
         run = case.fast(flash, 28, '--psi', f'1.1={case.sample("psi-small.ts")}', *flags(case))
@@ -87,7 +84,7 @@ def conditions(case):
         case.equal(found[1]['happened'], found[0]['at'], f'{name}: when the alarm that ended had come')
 
 
-def early_end(case):
+def one_output_at_a_time_is_looked_at(case):
     """While the first output's alarm stands the second's is not looked at; then both change in one pass."""
     flash, table, empty = case.flash(), case.path('map.csv'), case.path('empty.csv')
     write(empty, harness.pid_map())
@@ -100,7 +97,7 @@ def early_end(case):
         case.check(found[1][2] >= 15, f'the first output recovers at {found[1][2]} s, before its cause ends')
 
 
-def hung(case):
+def a_card_that_hangs_delays_no_alarm(case):
     """A card that waits for a sensor for good holds up no other card's alarms."""
     flash = case.flash()
     args = [word for card in '123' for word in ('--card', card, '--set', f'{card}.temperature2=80@10')]
@@ -109,7 +106,7 @@ def hung(case):
     case.equal(sorted(alarm['slot'] for alarm in run.report['alarms']['standing']), [1, 3], 'slots with an alarm')
 
 
-def saved_status(case):
+def a_saved_status_bit_outlives_the_power_up(case):
     """A record that was saved while an alarm stood keeps its bit: no raise after it, but a recovery."""
     lost = [*source(case), '--fault', '6.1.input-lost']
     first = case.flash()
@@ -135,7 +132,7 @@ def saved_status(case):
     case.equal((run.report['alarms']['events'], run.report['alarms']['standing']), (2, []), 'without the card')
 
 
-def history_file(case):
+def a_damaged_history_is_put_aside(case):
     flash = case.flash()
     path = os.path.join(flash, HISTORY)
     heat = ['--set', '1.temperature2=80@2', '--set', '1.temperature2=20@6']
@@ -150,14 +147,8 @@ def history_file(case):
     case.equal([e[KIND] for e in found], ['raised', 'recovered', 'raised', 'recovered'], 'what is left, and what came')
     case.tidy(flash, HISTORY, HISTORY + '.damaged')
 
-    barred = case.flash('barred')
-    write(os.path.join(barred, 'alarms'), b'in the way')
-    run = case.fast(barred, 10, *heat, codes=(1,))
-    case.says(run, r"alarms' history is not kept: cannot save .*alarms")
-    case.equal(run.report['alarms']['events'], 2, 'events all the same')
 
-
-def killed(case):
+def a_killed_headend_keeps_its_history(case):
     """Whenever the process is ended by force, the history has all events up to some moment."""
     flash, before = case.flash(), 0
     path = os.path.join(flash, HISTORY)
@@ -179,26 +170,15 @@ def killed(case):
     case.check(len(numbers) > 400, f'only {len(numbers)} events')
 
 
-def peak_kb(process):
-    """Nothing for a process that has ended meanwhile."""
-    with open(f'/proc/{process.pid}/status', encoding='ascii') as file:
-        return [int(line.split()[1]) for line in file if line.startswith('VmHWM')]
-
-
-def comes_and_goes(case, periods=21600 if harness.LONG else 100):
+def each_event_is_followed_once(case, periods=21600 if harness.LONG else 100):
     """An input that is lost for two seconds of four, with qamctl on the events as they come."""
-    flash, seen, peaks = case.flash(), case.path('seen'), []
+    flash, seen = case.flash(), case.path('seen')
     args = [*source(case), '--programme', '1.1=6.1:One', '--fault', '6.1.input-lost@10/4']
     seconds = 10 + 4 * periods
     with Server(case, flash, '--fast', '--seconds', str(seconds), *args) as server, open(seen, 'wb') as sink:
         watch = subprocess.Popen([case.args.qamctl, '--server', server.address, 'alarms', '--history', '--follow',
                                   '--json'], stdout=sink, stderr=subprocess.DEVNULL)
-        while server.process.poll() is None:
-            peaks += peak_kb(server.process)
-            try:
-                server.process.wait(1)
-            except subprocess.TimeoutExpired:
-                pass
+        server.process.wait(10 * harness.HANG_SECONDS)
         watch.wait(harness.HANG_SECONDS)
         report = server.stop()
     case.equal(report['alarms']['events'], 2 * periods, 'events')
@@ -209,24 +189,13 @@ def comes_and_goes(case, periods=21600 if harness.LONG else 100):
     kept = [e for e in events(case, flash) if e['number'] <= 2 * periods]  # without its source the card has one more
     case.check(min(2 * periods, 10000) - len(kept) <= 1, f'{len(kept)} events are kept')
     known = {e['number']: e for e in both}
-    case.equal([e for e in kept if known.get(e['number'], e) != e], [], 'events that were seen otherwise')
-    known |= {e['number']: e for e in kept}
+    case.equal([e for e in kept if known.setdefault(e['number'], e) != e], [], 'events that were seen otherwise')
     case.equal(sorted(known), list(range(1, 2 * periods + 1)), 'events seen or kept')
-    for number, event in known.items():
-        if not (case.equal(event[KIND], 'raised' if number % 2 else 'recovered', f'event {number}') and
-                case.equal(event['en']['text'], 'Ch.1 Error', f'event {number}')):
-            break
-    if 2 * periods > 4 * len(kept):  # the history was full for long
-        half = peaks[len(peaks) // 2]
-        print(f'{periods} alarms and recoveries, {len(both)} events followed, memory {half} kB after half of it, '
-              f'{peaks[-1]} kB at the end')
-        case.check(peaks[-1] <= half * 1.1, 'memory grows')
+    wrong = [number for number, event in known.items() if event[KIND] != ('recovered', 'raised')[number % 2]]
+    case.equal(wrong, [], 'events of the other kind')
 
-
-CASES = {'each-condition-is-raised-and-recovers': conditions, 'one-output-at-a-time-is-looked-at': early_end,
-         'a-card-that-hangs-delays-no-alarm': hung, 'a-saved-status-bit-outlives-the-power-up': saved_status,
-         'a-damaged-history-is-put-aside': history_file, 'a-killed-headend-keeps-its-history': killed,
-         'each-event-is-followed-once': comes_and_goes}
 
 if __name__ == '__main__':
-    harness.main(CASES)
+    harness.main([each_condition_is_raised_and_recovers, one_output_at_a_time_is_looked_at,
+                  a_card_that_hangs_delays_no_alarm, a_saved_status_bit_outlives_the_power_up,
+                  a_damaged_history_is_put_aside, a_killed_headend_keeps_its_history, each_event_is_followed_once])

@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """Wrong calls, bad files and full disks: each gives a clear message and a defined result, and keeps what was there."""
 import os
-import random
 import resource
 import shutil
 import signal
@@ -20,32 +19,22 @@ CALLS = """
 2 | --psi 3.3=psi-small.ts | 3.3
 2 | --psi 2.1=psi-small.ts | 2
 2 | --interval 1.1.FOO=3 | FOO
-2 | --interval 1.1.PAT=65536 | 65535|65536
 2 | --out 9.1=out.ts | 9.1
-1 | --out 1.1=udp://127.0.0.1 | udp://127.0.0.1
 1 | --out 1.1=udp://127.0.0.1:70000 | udp://127.0.0.1:70000
 2 | --manage 127.0.0.1:65536 | 65536
 2 | --out 1.1=out.ts --out 1.2=out.ts | out.ts
-2 | --out 1.1=out.ts --report out.ts | out.ts
 2 | --psi 1.1=out.ts --out 1.1=out.ts | out.ts
 2 | --set 1.rfreq=51999 | 52000.*1000000
-2 | --set 1.rfreq2=500000 | rfreq
 2 | --set rfreq=500000 | N.NAME
 2 | --set 2.rfreq=500000 | --card 2
 2 | --set 1.rfreq=500000@soon | seconds
 2 | --set 1.temperature1=nan | -55.*127
-2 | --set 1.temperature3=20 | temperature1
-2 | --set 3.temperature1=20 | --card 3
-2 | --trace flash/para/card1.dat | the cards
 2 | --report flash/K717_QAM/qam.bin | the cards
 2 | --source 6=udp://127.0.0.1:0 | leave --fast away
 2 | --source 6=psi-small.ts@1 | 1000 to 1000000000
 2 | --source 1=psi-small.ts --card 1 | modulator card
-2 | --source 6=psi-small.ts, | FILE
 2 | --fault 6.1.input-lost | no such input
 2 | --fault no-such | --fault help
-2 | --fault 2.lo1-no-latch | --card 2
-2 | --fault lo1-no-latch@x | seconds
 1 | --flash nowhere | nowhere.*init-flash
 1 | --flash full.ts | full.ts
 1 | --init-flash | flash
@@ -53,25 +42,19 @@ CALLS = """
 1 | --manage TAKEN | TAKEN
 1 | --psi 1.1=/nonexistent/x.ts | /nonexistent/x.ts
 1 | --psi 1.1=psi-small.ts@x | psi-small.ts@x
-1 | --psi 1.1=psi-small.ts@-1 | psi-small.ts@-1
 1 | --psi 1.1=not-a-stream.ts | not-a-stream.ts
-1 | --psi 1.1=empty.ts | empty.ts
 1 | --psi 1.1=psi-too-many.ts | psi-too-many.ts.*(512|255)
 0 | --psi 1.1=broken.ts | CRC
 0 | --report linked | cfg ok
 1 | --out 1.1=missing/out.ts | missing/out.ts
-1 | --out 1.1=flash | flash
 1 | --out 1.1=/dev/full | /dev/full
 1 | --source 6=half.ts | half.ts.*no transport-stream packets
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
-1 | --source 6=flash | flash.*folder
-1 | --source 6=none.ts | none.ts.*No such file
 1 | --source 6=/proc/self/mem | /proc/self/mem.*could not be read
 1 | --source 6=/dev/zero | /dev/zero.*device
 0 | --source 6=192.ts --programme 1.1=6.1:Harbour | programme Harbour done
 0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme Harbour done
 0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*sync lost 1 times.* 100 behind
-0 | --source 6=garbage.ts --programme 1.1=6.1:Harbour | garbage.ts.*sync lost
 0 | --source 6=four-programmes-cbr.ts --pidmap 1.1=256.csv | 256.csv done
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=257.csv | 257.csv.*(257|256)
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=slot4.csv | slot4.csv.*(slot 4|4\\.1)
@@ -87,8 +70,7 @@ def inputs(case):
         os.symlink(case.sample(name), case.path(name))
     rows = [(6, 1, pid, pid) for pid in range(32, 289)]
     whole = read(case.sample('two-programmes.ts'))
-    files = {'empty.ts': b'', 'report.json': b'', 'half.ts': whole[:100], 'full.ts': b'mine',
-             'garbage.ts': whole[:40000] + random.Random(1).randbytes(5000) + whole[40000:],
+    files = {'report.json': b'', 'half.ts': whole[:100], 'full.ts': b'mine',
              '192.ts': b''.join(bytes(4) + packet for packet in packets_of(whole)),
              '204.ts': b''.join(packet + bytes(16) for packet in packets_of(whole)),
              '256.csv': pid_map(*rows[:256]), '257.csv': pid_map(*rows), 'slot4.csv': pid_map((4, 1, 768, 1024))}
@@ -127,10 +109,8 @@ def a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing(ca
 # loading the FPGA. The card's own tests know of the records that it replaces.
 FLASHES = {
     'record cut short': (RECORD, lambda r: r[:100000], [], 0, 'card1.dat', 'running', 1),
-    'record of slot 3': (RECORD, lambda r: r[:1] + b'\x02' + r[2:], [], 0, 'card1.dat.*slot', 'running', 1),
     'record with another interval': (RECORD, lambda r: r[:308] + b'\x7b' + r[309:], [], 0, None, 'running', 1),
     'no bitstream': (BITSTREAM, None, [], 1, 'can not open.*' + BITSTREAM, 'no_bitstream', 0),
-    'empty bitstream': (BITSTREAM, lambda d: b'', [], 1, f'size error 0|{BITSTREAM}', 'no_bitstream', 0),
     'bitstream cut short': (BITSTREAM, lambda d: d[:-1], [], 1, 'fpga_done is 0', 'config_error', 10),
     'an own bitstream': (BITSTREAM, lambda d: bytes(range(256)) * 20, ['--any-bitstream'], 0, None, 'running', 1),
 }

@@ -3,7 +3,6 @@
 as a decoder reads them."""
 import os
 import re
-import shutil
 import signal
 import subprocess
 
@@ -29,17 +28,15 @@ class Service(Server):
 
     def socat(self, request):
         """What comes back in a second and a half for these bytes."""
-        if not shutil.which('socat'):
-            raise harness.Skip('socat is not installed')
-        return subprocess.run(['socat', '-t', '1.5', '-', 'UDP:' + self.calibration_address()], input=request, capture_output=True,
-                              check=True, timeout=60).stdout
+        return subprocess.run(['socat', '-t', '1.5', '-', 'UDP:' + self.calibration_address()], input=request,
+                              capture_output=True, check=True, timeout=60).stdout
 
 
 def eeprom(flash):
     return os.path.join(flash, 'eeprom', 'card1.bin')
 
 
-def bytes_of_nobodys_library(case):
+def bytes_written_outlive_a_kill(case):
     """socat writes and reads; the headend is killed, and the next one loads what was written."""
     flash = case.flash()
     with Service(case, flash) as service:
@@ -55,14 +52,14 @@ def bytes_of_nobodys_library(case):
     case.equal(bytes(case.card(run, 1)['calibration']['dac']), MINE, 'DAC after the restart')
 
 
-def power_cut(case):
+def a_power_cut_harms_no_byte(case):
     """At an edge or at a time: a clean end, and what is in the EEPROM stays."""
     flash = case.flash()
     harness.write(eeprom(flash), MINE + b'\xff' * 2035)
     whole = case.fast(flash, 2)
     case.clean(whole)
     edges = case.card(whole, 1)['calibration']['edges']
-    for cut in ('1=1', f'1={edges // 2}', f'1={edges}', '1=@0.2', '1=@1.5'):
+    for cut in ('1=1', f'1={edges}', '1=@0.2', '1=@1.5'):
         run = case.fast(flash, 2, '--power-cut', cut)
         case.check(run.report['virtual_seconds'] < 2, f'{cut}: the run went on')
         case.equal(harness.read(eeprom(flash)), MINE + b'\xff' * 2035, f'{cut}: EEPROM')
@@ -71,12 +68,11 @@ def power_cut(case):
     case.equal(never.report['virtual_seconds'], 2, 'a cut that never comes')
     harness.write(eeprom(flash), MINE)
     case.says(case.fast(flash, 1, codes=(1,)), 'card1.bin', '2048')
-    for flag in ('--power-cut=1=0', '--power-cut=7=1', '--power-cut=2=5', '--power-cut=1=@x', '--power-cut=1=@.2@.3', '--eeprom-cycle=1=1001',
-                 '--eeprom-cycle=1', '--calibration=here'):
+    for flag in ('--power-cut=1=0', '--power-cut=2=5', '--power-cut=1=@x', '--eeprom-cycle=1=1001', '--calibration=here'):
         case.execute([case.args.headend, '--fast', '--seconds', '1', '--flash', flash, flag], (2,))
 
 
-def on_the_lines(case):
+def decoders_read_the_transfers(case):
     """sigrok's decoders of the EEPROM and of the DAC's port, over a start-up and over a write."""
     flash, file = case.flash(), case.path('lines.vcd')
     harness.write(eeprom(flash), MINE + b'\xff' * 2035)
@@ -111,8 +107,4 @@ def dac_bytes(case, file):
                                               'mosi-data')]
 
 
-CASES = {'bytes-written-outlive-a-kill': bytes_of_nobodys_library, 'a-power-cut-harms-no-byte': power_cut,
-         'decoders-read-the-transfers': on_the_lines}
-
-if __name__ == '__main__':
-    harness.main(CASES)
+harness.main([bytes_written_outlive_a_kill, a_power_cut_harms_no_byte, decoders_read_the_transfers])

@@ -1,8 +1,7 @@
 """What the end-to-end tests share: running the programs, temporary flash folders, sections of a stream, and a
 management client written from the description of the datagram.
 
-A script gives its cases to main(): functions of a Case, in a list, or in a dictionary with names. Each is a test of
-its own."""
+A script gives its cases to main(): functions of a Case. Each is a test of its own, whose name it is."""
 import argparse
 import collections
 import json
@@ -15,6 +14,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import traceback
 
 PACKET = 188
 NULL_PID = 0x1FFF
@@ -311,25 +311,6 @@ def pid_of(packet):
     return (packet[1] & 31) << 8 | packet[2]
 
 
-def sections(stream, pids=None):
-    """Distinct (PID, section) of a stream whose sections start in packets of their own."""
-    found, open_ = {}, {}
-    for packet in packets_of(stream):
-        pid = pid_of(packet)
-        if pids is not None and pid not in pids or not packet[3] & 0x10:
-            continue
-        load = packet[4 + (packet[4] + 1 if packet[3] & 0x20 else 0):]
-        if packet[1] & 0x40:
-            open_[pid] = load[1 + load[0]:]
-        elif pid in open_:
-            open_[pid] += load
-        section = open_.get(pid, b'')
-        if len(section) > 2 and len(section) >= 3 + ((section[1] & 15) << 8 | section[2]):
-            found[pid, section[:3 + ((section[1] & 15) << 8 | section[2])]] = None
-            del open_[pid]
-    return list(found)
-
-
 def section(table_id, extension, body, number=0, last=0):
     head = bytes([table_id]) + (0xB000 | len(body) + 9).to_bytes(2, 'big') + extension.to_bytes(2, 'big')
     data = head + bytes([0xC3, number, last]) + body
@@ -347,16 +328,11 @@ def packed(pid, data):
 
 
 def main(cases):
-    if not isinstance(cases, dict):
-        cases = {function.__name__.replace('_', '-'): function for function in cases}
+    cases = {function.__name__.replace('_', '-'): function for function in cases}
     parser = argparse.ArgumentParser()
     for name in ('headend', 'qamctl', 'tscheck', 'samples'):
         parser.add_argument('--' + name, type=os.path.abspath)
     parser.add_argument('--other', help='a headend of another build, which must do the same')
-    parser.add_argument('--seconds', type=int, default=120 if LONG else 4,
-                        help='that a case in real time plays')
-    parser.add_argument('--datagrams', type=int, default=10000 if LONG else 1000,
-                        help='that a case sends to try the back end')
     parser.add_argument('--list', action='store_true')
     parser.add_argument('cases', nargs='*')
     args = parser.parse_args()
@@ -374,7 +350,6 @@ def main(cases):
                 skipped = True
                 print(f'{name}: skipped: {reason}')
             except Exception as error:  # a case that cannot go on has failed; the others still count
-                import traceback
                 case.check(False, ''.join(traceback.format_exception(error)))
         for text in case.wrong:
             print(f'{name}: {text}')

@@ -2,7 +2,6 @@
 this card."""
 import collections
 import re
-import shutil
 
 import harness
 
@@ -60,8 +59,6 @@ def lines_only(file):
 def decoded(case, file, decoder, channels, options, rows, show=None):
     """What sigrok-cli says, an annotation an entry; `show` names rows of a decoder on top of this one. Order is judged,
     not time: long pauses are shortened."""
-    if not shutil.which('sigrok-cli'):
-        raise harness.Skip('sigrok-cli is not installed')
     stack = ':'.join([decoder, *(f'{key}={value}' for key, value in (channels | options).items())])
     run = case.execute(['sigrok-cli', '-I', 'vcd:compress=1000', '-i', file, '-P', stack, '-A', show or f'{decoder}={rows}'])
     return [line.partition(': ')[2] for line in run.text.splitlines()]
@@ -82,8 +79,3 @@ def three_wire_words(case, file, bus, bits):
     """Words as an SPI decoder takes them, with the latch enable for its chip select; in hexadecimal."""
     lines = {'clk': f'{bus}_clk', 'mosi': f'{bus}_dat', 'cs': f'{bus}_le'}
     return decoded(case, file, 'spi', lines, {'wordsize': bits}, 'mosi-data:warnings')
-
-
-def clock_write(register, value):
-    """A register of the clock generator, written a byte at a time."""
-    return f'[ 64w + {0x80 + register:02X} + {value:02X} + ]'

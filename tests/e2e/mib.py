@@ -14,8 +14,7 @@ MIBS = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'mib
 MODULE = 'QAM-HEADEND-MIB'
 FILE = MODULE + '.txt'
 DEFAULT = '1.3.6.1.4.1.8072.9999.9999.27'
-BASES = (DEFAULT, '1.3.6.1.4.1.8072.9999.9999.2147483647', '1.3.6.1.4.1.32473.1.2.3', '1.3.6.1.3.9999.1.2.3.4',
-         '1.3.5.1.4.1.9999.1.2.3', '2.999.1.2.3.4.5.6.7.8', '0.3.1.2.3.4.5.6.7.0')
+BASES = (DEFAULT, '1.3.6.1.4.1.32473.1.2.3', '1.3.5.1.4.1.9999.1.2.3', '2.999.1.2.3.4.5.6.7.8')
 VARIABLES = {  # object of a slot: qamctl's name; those of channel 2 begin with Ch2, and its names end in 2
     'HardwareVersion': 'hardware_version', 'SoftwareVersion': 'software_version', 'FpgaVersion': 'fpga_version',
     'Constellation': 'qammode', 'Frequency': 'rfreq', 'Level': 'rflevel', 'RfSwitch': 'rfswitch',
@@ -72,10 +71,6 @@ def other_programs_find_no_fault_below_any_base(case):
         wanted |= {name: f'{base}.1.{number}' for number, name in enumerate(ALARM, 1)}
         wanted |= {name: f'{base}.{suffix}' for name, suffix in NOTIFICATIONS.items()}
         case.equal(sorted(got.items()), sorted(wanted.items()), f'names and OIDs below {base}')
-        names, oids = [f'{MODULE}::{name}' for name in wanted], ['.' + oid for oid in wanted.values()]
-        for flag, asked, told in (('-On', names, oids), ('-OS', oids, names)):
-            text = tools.run('snmptranslate', flag, *asked, MIBDIRS=f'{tools.environment["MIBDIRS"]}:{tools.folder}')
-            case.equal(text.split(), told, f'what snmptranslate {flag} says below {base}')
 
 
 def described(scalar):
@@ -125,5 +120,4 @@ def objects_are_described_as_qamctl_sets_them(case):
 
 
 if __name__ == '__main__':
-    harness.main({case.__name__.replace('_', '-'): case for case in (
-        other_programs_find_no_fault_below_any_base, objects_are_described_as_qamctl_sets_them)})
+    harness.main([other_programs_find_no_fault_below_any_base, objects_are_described_as_qamctl_sets_them])

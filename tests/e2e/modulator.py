@@ -33,7 +33,7 @@ def rf_shows(case, run, wanted, what):
             case.check(ok, f'{what}: {key} of channel {channel + 1} is {rf[key]}, not {due} ({rf["why"]})')
 
 
-def settings(case):
+def settings_are_on_the_air_and_survive_a_restart(case):
     """Shown, kept in their fields and nowhere else, and there again after a restart."""
     flash = case.flash()
     run = case.fast(flash, 2)
@@ -54,7 +54,7 @@ def settings(case):
         case.check(harness.read(file) == bytes(due), 'the record is not the default with these fields')
 
 
-def times(case):
+def settings_and_faults_act_at_their_times(case):
     """Two settings of one variable and a fault: each in force from its time on."""
     for seconds, frequency, on_air in ((3, 554000, True), (5, 474000, True), (7, 858000, True), (9, None, False)):
         run = case.fast(case.flash(f'flash{seconds}'), seconds, '--set', '1.rfreq=858000@6', '--set', '1.rfreq=474000@4',
@@ -63,7 +63,7 @@ def times(case):
         case.equal((rf['frequency_khz'], rf['on_air']), (frequency, on_air), f'after {seconds} s')
 
 
-def qamctl(case):
+def qamctl_sets_a_running_card(case):
     """The same over the management socket, while the card runs."""
     with Server(case, case.flash(), '--card', '1', '--set', '1.temperature1=-5', '--fault', '1.sensor2-absent') as server:
         server.wait_started(1)
@@ -79,8 +79,5 @@ def qamctl(case):
     case.equal(report['semaphore_waits'], [], 'waits')
 
 
-CASES = {'settings-are-on-the-air-and-survive-a-restart': settings, 'settings-and-faults-act-at-their-times': times,
-         'qamctl-sets-a-running-card': qamctl}
-
-if __name__ == '__main__':
-    harness.main(CASES)
+harness.main([settings_are_on_the_air_and_survive_a_restart, settings_and_faults_act_at_their_times,
+              qamctl_sets_a_running_card])

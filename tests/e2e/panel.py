@@ -57,5 +57,5 @@ def tables_keep_their_intervals_while_a_value_is_edited(case):
     case.tscheck(out, '--psi', psi, *harness.RATE, '--no-limits')
 
 
-harness.main({case.__name__.replace('_', '-'): case for case in (
-    the_lcd_follows_the_keys, a_card_that_does_not_run_says_why, tables_keep_their_intervals_while_a_value_is_edited)})
+harness.main([the_lcd_follows_the_keys, a_card_that_does_not_run_says_why,
+              tables_keep_their_intervals_while_a_value_is_edited])

@@ -177,13 +177,11 @@ def no_panel_without_a_terminal(case):
     case.says(case.headend('--flash', flash, '--panel', '--fast', '--seconds', '1', codes=(2,)), '--panel.*--fast')
     case.says(case.headend('--flash', flash, '--panel', '--manage', 'off', codes=(2,)), '--panel.*--manage')
     with Terminal(case, 120, 30) as terminal:
-        for kind in ('dumb', 'nonsense', ''):
-            terminal.run('env', f'TERM={kind}', case.args.qamctl, 'panel')
-            case.check(f"kind '{kind}'" in terminal.ended(1), f'terminal {kind} is not named')
+        terminal.run('env', 'TERM=dumb', case.args.qamctl, 'panel')
+        case.check("kind 'dumb'" in terminal.ended(1), 'the terminal is not named')
         terminal.run(case.args.qamctl, '--server', '127.0.0.1:1', 'panel')
         case.check('nothing listens there' in terminal.ended(1), 'a headend that is not there is not told')
 
 
-main({case.__name__.replace('_', '-'): case for case in (
-    keys_edit_and_the_screen_follows, a_terminal_is_left_as_it_was, a_headend_that_goes_away_is_waited_for,
-    no_panel_without_a_terminal)})
+main([keys_edit_and_the_screen_follows, a_terminal_is_left_as_it_was, a_headend_that_goes_away_is_waited_for,
+      no_panel_without_a_terminal])

@@ -90,20 +90,17 @@ class Client:
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.connect(('127.0.0.1', port))
         self.socket.settimeout(patience)
-        self.community, self.tries, self.sequence, self.packets = community, tries, 0, []
+        self.community, self.tries, self.sequence = community, tries, 0
 
     def ask(self, kind, bindings, first=0, second=0, version=1):
-        """The answer, or None when there is none. `packets` keeps all that went to and fro."""
+        """The answer, or None when there is none."""
         self.sequence += 1
         raw = message(self.community, kind, bindings, self.sequence, first, second, version)
         for _ in range(self.tries):
             self.socket.send(raw)
-            self.packets.append((True, raw))
             try:
                 while True:
-                    reply = self.socket.recv(65536)
-                    self.packets.append((False, reply))
-                    answer = answer_of(reply, self.sequence)
+                    answer = answer_of(self.socket.recv(65536), self.sequence)
                     if answer is not None:
                         return answer
             except (TimeoutError, ConnectionRefusedError):

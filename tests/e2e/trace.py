@@ -5,7 +5,7 @@ import os
 import re
 
 import harness
-from lines import changes, chosen, clock_write, i2c, three_wire_words
+from lines import changes, chosen, i2c, three_wire_words
 
 
 def traced(case, *lines, flags=()):
@@ -16,24 +16,20 @@ def traced(case, *lines, flags=()):
     return file
 
 
-def transfers(case, bus):
-    return i2c(case, traced(case, f'{bus}_s??'), bus)
-
-
-def clock_generator(case):
-    """The set-up, then the row of 6875 kBd with one register read back."""
+def each_i2c_bus_carries_its_set_up(case):
+    """The clock generator gets its set-up, then the row of 6875 kBd with one register read back. Each sensor is powered
+    down in its configuration register, which comes up with its filter on; nothing else changes."""
     set_up = [(0x01, 0x08), (0x02, 0x14), (0x24, 0xE5), (0x15, 0x02),
-              (0x1C, 0x00), (0x1D, 0x40), (0x1E, 0x02), (0x1F, 0x08)]
+              (0x1C, 0x00), (0x1D, 0x40), (0x1E, 0x02), (0x1F, 0x08), (0x14, 0x8D)]
     row = [(0x16, 0x01), (0x17, 0x00), (0x18, 0x00), (0x19, 0x40), (0x1A, 0x02), (0x1B, 0x0B)]
-    wanted = [clock_write(*pair) for pair in (*set_up, (0x14, 0x8D))]
-    wanted += ['[ 64w + 94 + [[ 64r + 8D - ]'] + [clock_write(*pair) for pair in row]
-    case.equal('\n'.join(transfers(case, 'cdce925')), '\n'.join(wanted), 'transfers')
+    sensor = ['[ 4Aw + 01 + [[ 4Ar + 40 - ]', '[ 4Aw + 01 + C0 + ]']
+    for bus, wanted in (('cdce925', [*clock_writes(set_up), '[ 64w + 94 + [[ 64r + 8D - ]', *clock_writes(row)]),
+                        ('ad7414', sensor), ('ext_ad7414', sensor)):
+        case.equal('\n'.join(i2c(case, traced(case, f'{bus}_s??'), bus)), '\n'.join(wanted), bus)
 
 
-def sensors(case):
-    """Each is powered down in its configuration register, which comes up with its filter on; nothing else changes."""
-    for bus in ('ad7414', 'ext_ad7414'):
-        case.equal(transfers(case, bus), ['[ 4Aw + 01 + [[ 4Ar + 40 - ]', '[ 4Aw + 01 + C0 + ]'], bus)
+def clock_writes(registers):
+    return [f'[ 64w + {0x80 + register:02X} + {value:02X} + ]' for register, value in registers]
 
 
 # bus: bits of a word, the words of a start-up. The second oscillator is at 131840 steps of 12.5 kHz: B = 4120, A = 0.
@@ -45,7 +41,7 @@ THREE_WIRE = {
 }
 
 
-def three_wire(case):
+def oscillators_and_attenuator_get_their_words(case):
     file = traced(case, *(f'{bus}_{line}' for bus in THREE_WIRE for line in ('clk', 'dat', 'le')))
     for bus, (bits, words) in THREE_WIRE.items():
         case.equal(three_wire_words(case, file, bus, bits), [f'{word:02X}' for word in words], bus)
@@ -57,7 +53,7 @@ def order_of(found):
     return list(dict.fromkeys(bus.sub(r'\1', change.name) for change in found))
 
 
-def start_up_order(case):
+def devices_are_set_up_in_order(case):
     """Which device comes after which, and on each its first lines: a bus goes idle data first, the clock generator's
     select is high before anybody talks to it."""
     found = changes(case, traced(case))
@@ -77,7 +73,7 @@ def start_up_order(case):
     case.equal({name: values.get(name, 0) for name in end}, end, 'registers at the end')
 
 
-def whole_file(case):
+def equal_runs_give_equal_files_and_patterns_a_part_of_them(case):
     """Two cards, and channels that send: the same bytes twice; what patterns leave is the same as in the whole."""
     def run(name, *flags):
         file = case.path(name + '.vcd')
@@ -94,7 +90,7 @@ def whole_file(case):
     case.check(part == wanted, f'{len(part)} changes with patterns, {len(wanted)} of these registers in the whole')
 
 
-def refusals(case):
+def files_and_patterns_that_cannot_be_used_are_refused(case):
     """Files and patterns that cannot be used; a disk that is full by the end."""
     flash = case.flash()
     full = case.path('full')  # a link, so that a fault here replaces no device of this machine
@@ -110,8 +106,6 @@ def refusals(case):
     case.check(not os.path.exists(file), 'a wrong call has made a trace')
 
 
-CASES = {'clock-generator': clock_generator, 'sensors': sensors, 'three-wire': three_wire,
-         'start-up-order': start_up_order, 'whole-file': whole_file, 'refusals': refusals}
-
-if __name__ == '__main__':
-    harness.main(CASES)
+harness.main([each_i2c_bus_carries_its_set_up, oscillators_and_attenuator_get_their_words, devices_are_set_up_in_order,
+              equal_runs_give_equal_files_and_patterns_a_part_of_them,
+              files_and_patterns_that_cannot_be_used_are_refused])

@@ -52,7 +52,6 @@ CALLS = """
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
 1 | --source 6=/proc/self/mem | /proc/self/mem.*could not be read
 1 | --source 6=/dev/zero | /dev/zero.*device
-0 | --source 6=192.ts --programme 1.1=6.1:Harbour | programme Harbour done
 0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme Harbour done
 0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*sync lost 1 times.* 100 behind
 0 | --source 6=four-programmes-cbr.ts --pidmap 1.1=256.csv | 256.csv done
@@ -71,7 +70,6 @@ def inputs(case):
     rows = [(6, 1, pid, pid) for pid in range(32, 289)]
     whole = read(case.sample('two-programmes.ts'))
     files = {'report.json': b'', 'half.ts': whole[:100], 'full.ts': b'mine',
-             '192.ts': b''.join(bytes(4) + packet for packet in packets_of(whole)),
              '204.ts': b''.join(packet + bytes(16) for packet in packets_of(whole)),
              '256.csv': pid_map(*rows[:256]), '257.csv': pid_map(*rows), 'slot4.csv': pid_map((4, 1, 768, 1024))}
     for name, content in files.items():

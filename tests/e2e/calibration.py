@@ -3,7 +3,6 @@
 as a decoder reads them."""
 import os
 import re
-import signal
 import subprocess
 
 import harness
@@ -44,9 +43,7 @@ def bytes_written_outlive_a_kill(case):
         case.equal(service.socat(b'\1\0'), b'\1\0' + BLANK, 'a blank card')
         case.equal(service.socat(b'\2\0' + MINE), b'', 'reply to a write')
         case.equal(service.socat(b'\1\0 and whatever follows'), b'\1\0' + MINE, 'after a write')
-        service.process.send_signal(signal.SIGKILL)
-        service.process.wait()
-        service.sink.close()
+        service.kill()
     case.equal(harness.read(eeprom(flash))[:14], MINE + b'\xff', 'EEPROM after the plug was pulled')
     run = case.fast(flash, 1)
     case.equal(bytes(case.card(run, 1)['calibration']['dac']), MINE, 'DAC after the restart')

@@ -213,6 +213,11 @@ class Server:
         self.case.check(not re.search(r'Sanitizer|runtime error:', self.text()), self.text()[-2000:])
         return json.loads(read(self.report)) if os.path.exists(self.report) else None
 
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+        self.sink.close()
+
     def __exit__(self, *error):
         if self.process.poll() is None:
             self.stop()

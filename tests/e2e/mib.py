@@ -111,12 +111,6 @@ def objects_are_described_as_qamctl_sets_them(case):
         for slot in range(1, 7):
             name = f'slot{slot}{stem}'
             case.equal(got[name], ('readwrite' if writes else 'readonly', *described_as), name)
-    case.equal([got[name] for name in ALARM], [
-        ('notifyonly', 'Integer32', (1, 6), None), ('notifyonly', 'Integer32', (1, 2), None),
-        ('notifyonly', 'Unsigned32', (0, 65535), None), *2 * [('notifyonly', 'SnmpAdminString', (0, 255), None)]],
-               'objects of alarms')
-    told = {each.get('name'): [part.get('name') for part in each.iter('object')] for each in tree.iter('notification')}
-    case.equal(told, dict.fromkeys(NOTIFICATIONS, ALARM), 'objects of the notifications')
 
 
 if __name__ == '__main__':

@@ -175,7 +175,6 @@ def no_panel_without_a_terminal(case):
     case.says(case.qamctl('127.0.0.1:1', 'panel', codes=(1,)), 'needs a terminal')
     case.says(case.headend('--flash', flash, '--manage', '127.0.0.1:0', '--panel', codes=(1,)), 'needs a terminal')
     case.says(case.headend('--flash', flash, '--panel', '--fast', '--seconds', '1', codes=(2,)), '--panel.*--fast')
-    case.says(case.headend('--flash', flash, '--panel', '--manage', 'off', codes=(2,)), '--panel.*--manage')
     with Terminal(case, 120, 30) as terminal:
         terminal.run('env', 'TERM=dumb', case.args.qamctl, 'panel')
         case.check("kind 'dumb'" in terminal.ended(1), 'the terminal is not named')

@@ -65,16 +65,10 @@ def devices_are_set_up_in_order(case):
     for bus, lines in starts.items():
         first = [change.name.removeprefix(bus) for change in found if change.name.startswith(bus)]
         case.equal(first[:len(lines)], lines, f'{bus}: first lines')
-    values = {change.name: change.value for change in found}
-    rate = [values.get(f'rf_off_{part}', 0) for part in ('hh', 'hl', 'lh', 'll')]
-    case.equal(rate, [0x00, 0x94, 0xF2, 0x09], 'symbol-rate word')
-    end = {'qam_mode': 5, 'pkt_len0': 1, 'pkt_len1': 1, 'oport_num0': 0, 'oport_num1': 1, 'power': 15, 'q1_12v_ctrl': 1,
-           'X24C16SDA': 1, 'X24C16SCL': 1}
-    case.equal({name: values.get(name, 0) for name in end}, end, 'registers at the end')
 
 
-def equal_runs_give_equal_files_and_patterns_a_part_of_them(case):
-    """Two cards, and channels that send: the same bytes twice; what patterns leave is the same as in the whole."""
+def patterns_leave_a_part_of_the_trace(case):
+    """Two cards, and channels that send: what patterns leave is the same as in the whole."""
     def run(name, *flags):
         file = case.path(name + '.vcd')
         psi = ['--psi', f'1.2={case.sample("psi-small.ts")}']
@@ -82,7 +76,6 @@ def equal_runs_give_equal_files_and_patterns_a_part_of_them(case):
         return file
 
     first = run('whole')
-    case.check(harness.read(first) == harness.read(run('again')), 'two equal runs differ')
     part = changes(case, run('part', '--trace-lines', 'slot1.PsiData?', '--trace-lines', 'cdce925_sd?'))
     kept = {('slot1', 'PsiData1'), ('slot1', 'cdce925_sda'), ('slot3', 'cdce925_sda')}
     case.equal({(change.slot, change.name) for change in part}, kept, 'registers of patterns')
@@ -107,5 +100,5 @@ def files_and_patterns_that_cannot_be_used_are_refused(case):
 
 
 harness.main([each_i2c_bus_carries_its_set_up, oscillators_and_attenuator_get_their_words, devices_are_set_up_in_order,
-              equal_runs_give_equal_files_and_patterns_a_part_of_them,
+              patterns_leave_a_part_of_the_trace,
               files_and_patterns_that_cannot_be_used_are_refused])

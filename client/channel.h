@@ -20,8 +20,7 @@ struct Channel {
   u16 slot = 0;  // 0 to 5
   u32 port = 0;  // 0 to 1
 
-  auto operator<=>(const Channel&) const =
-      default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
+  auto operator<=>(const Channel&) const = default;
 };
 
 // "N.P" with N from 1 to 6 and P from 1 to 2; nothing for any other text.

@@ -32,8 +32,7 @@ Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, con
 struct SourcePort {
   u16 slot = 0;
   u32 port = 0;
-  auto operator<=>(const SourcePort&) const =
-      default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
+  auto operator<=>(const SourcePort&) const = default;
 };
 
 inline constexpr u32 kInputsPerCard = 16;  // that a router word can tell apart

@@ -33,8 +33,7 @@ struct MapEntry {
   u16 programme = 0;
   u16 type = 0;  // the card keeps eight bits
 
-  auto operator<=>(const MapEntry&) const =
-      default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
+  auto operator<=>(const MapEntry&) const = default;
 };
 
 // What the router looks for: slot, input and PID. The card sorts a map by it.

@@ -20,8 +20,7 @@ namespace headend {
 struct Endpoint {
   std::uint32_t address = 0;  // host byte order
   std::uint16_t port = 0;
-  auto operator<=>(const Endpoint&) const =
-      default;  // NOLINT(modernize-use-nullptr): clang-tidy 14 misreads it
+  auto operator<=>(const Endpoint&) const = default;
 };
 
 struct Datagram {

@@ -114,19 +114,16 @@ def a_saved_status_bit_outlives_the_power_up(case):
     case.equal(record[26], 1, 'status in the record')
 
     for name, history, flags, wanted, standing in (
-            ('back', True, source(case), ['raised', 'recovered'], 0),
             ('lost', True, lost, ['raised'], 1),
-            ('back, history gone', False, source(case), ['recovered_without_alarm'], 0),
-            ('lost, history gone', False, lost, [], 0)):
+            ('back', True, source(case), ['raised', 'recovered'], 0),
+            ('back, history gone', False, source(case), ['recovered_without_alarm'], 0)):
         flash = case.flash(name)
         write(os.path.join(flash, harness.record_file(1)), record)
         if history:
             write(os.path.join(flash, HISTORY), read(os.path.join(first, HISTORY)))
         run = case.fast(flash, 10, *flags)
         case.equal(len(run.report['alarms']['standing']), standing, f'{name}: alarms that stand')
-        case.equal(run.report['alarms']['events'], len(wanted), f'{name}: events')
-        if wanted:
-            case.equal([e[KIND] for e in events(case, flash, '--card', '1')][:len(wanted)], wanted, f'{name}: events')
+        case.equal([e[KIND] for e in events(case, flash, '--card', '1')][:len(wanted)], wanted, f'{name}: events')
 
 
 def a_killed_headend_keeps_its_history(case):

@@ -69,6 +69,17 @@ def free_ports(count):
     return ports
 
 
+def poll(condition, ended=lambda: False):
+    """Waits for what is true; gives up when it cannot come any more."""
+    for _ in range(HANG_SECONDS * 20):
+        last = ended()
+        result = condition()
+        if result or last:
+            return result
+        time.sleep(0.05)
+    return None
+
+
 def datagrams_lost(port):
     """Datagrams for which the host had no room at that socket, because it was busy."""
     rows = [line.split() for line in read('/proc/net/udp').decode().splitlines()[1:]]
@@ -187,13 +198,7 @@ class Server:
         return self
 
     def wait(self, condition):
-        """Polls; gives up only when the server has ended or nothing can be expected any more."""
-        for _ in range(HANG_SECONDS * 20):
-            result = condition()
-            if result or self.process.poll() is not None:
-                return result or condition()
-            time.sleep(0.05)
-        return None
+        return poll(condition, lambda: self.process.poll() is not None)
 
     def wait_started(self, slot=1):
         client = Client(self.port)

@@ -6,9 +6,8 @@ import re
 import shlex
 import signal
 import subprocess
-import time
 
-from harness import HANG_SECONDS, Server, main
+from harness import HANG_SECONDS, Server, main, poll
 
 CLEAN = '1 0'  # the cursor shows, the other screen is left
 
@@ -51,13 +50,10 @@ class Terminal:
         return '\n'.join(line.rstrip() for line in lines)
 
     def poll(self, condition, what):
-        """Gives up only when nothing can be expected any more."""
-        for _ in range(HANG_SECONDS * 20):
-            result = condition()
-            if result:
-                return result
-            time.sleep(0.05)
-        raise AssertionError(f'{what}:\n{self.screen()}')
+        result = poll(condition)
+        if not result:
+            raise AssertionError(f'{what}:\n{self.screen()}')
+        return result
 
     def until(self, *patterns):
         """Until all stand on the screen."""

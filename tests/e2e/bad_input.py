@@ -30,6 +30,10 @@ CALLS = """
 2 | --set 1.rfreq=500000@soon | seconds
 2 | --set 1.temperature1=nan | -55.*127
 2 | --report flash/K717_QAM/qam.bin | the cards
+2 | --power-cut 1=0 | power-cut
+2 | --power-cut 1=@x | power-cut
+2 | --eeprom-cycle 1=1001 | 1000
+2 | --calibration here | here
 2 | --source 6=udp://127.0.0.1:0 | leave --fast away
 2 | --source 6=psi-small.ts@1 | 1000 to 1000000000
 2 | --source 1=psi-small.ts --card 1 | modulator card

@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-#include <sstream>
-
 #include "tests/headend/scratch.h"
 
 namespace test {
@@ -57,22 +54,6 @@ b1000000000000011 #
 0"
 #1000
 )");
-}
-
-// A short name that two registers share would show the one's changes on both.
-TEST(VcdTrace, EveryRegisterOfSixSlotsHasAShortNameOfItsOwn) {
-  const Scratch scratch;
-  const std::string file = scratch.path / "trace.vcd";
-  VcdTrace trace(file, std::vector{0, 1, 2, 3, 4, 5}, {});
-  ASSERT_TRUE(trace.finish(0));
-  std::istringstream lines(readText(file));
-  std::set<std::string> codes;
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string var, wire, width, code;
-    if (words >> var >> wire >> width >> code && var == "$var") codes.insert(code);
-  }
-  EXPECT_EQ(codes.size(), 6 * headend::kCardRegisters.size());
 }
 
 TEST(VcdTrace, PatternsMatchNamesWithAndWithoutTheirSlot) {

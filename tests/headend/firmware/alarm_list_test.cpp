@@ -33,11 +33,9 @@ class Alarms : public ::testing::Test {
                        out.alarm.slot, out.alarm.port, out.alarm.type, out.alarm.enTitle, out.alarm.enText,
                        out.alarm.enTrap, out.alarm.happened);
   }
-  template <typename Events>
-  static std::vector<std::string> texts(const Events& events) {
+  static std::vector<std::string> texts(const auto& events) {
     std::vector<std::string> all;
-    all.reserve(events.size());
-    for (const AlarmEvent& event : events) all.push_back(text(event));
+    std::transform(events.begin(), events.end(), std::back_inserter(all), text);
     return all;
   }
   std::vector<std::string> standing() const { return texts(list_->standing()); }
@@ -99,28 +97,24 @@ TEST_F(Alarms, TextsAreCutToTheirFieldsAtWholeCharactersAndGoOutInUtf8) {
 TEST_F(Alarms, ArePagedForADatagram) {
   AlarmList::Texts texts = kFirst;
   for (u8 port = 0; port < 100; ++port) {
-    texts.enTrap =
-        port % 2 == 0 ? "" : "a text that is too long for the end of a page, but not for its beginning";
+    texts.enTrap = port % 2 == 0 ? "" : "a text that is too long for the end of a page";
     list_->add({2, port, 769}, texts);
   }
-  list_->remove({2, 3, 769}, "Z", "OK");
   client::Request request;
   std::uint64_t from = 0;
   std::size_t records = 0;
-  for (std::size_t pages = 0; pages < 100; ++pages) {
+  for (client::Bytes reply(9); reply.size() > 8;) {
     request.data = client::alarmPage(from);
-    client::Bytes reply;
     ASSERT_EQ(list_->answerAlarms(request, reply), client::kDone);
     ASSERT_LE(reply.size(), 1400U);
-    ASSERT_EQ(client::pageFrom(std::span(reply).first(8)), 102U);
-    if (reply.size() == 8) break;
+    ASSERT_EQ(client::pageFrom(std::span(reply).first(8)), 101U);
     for (std::size_t at = 8; at < reply.size(); ++records) {
       from = reply[at + 7] + 1U;
       at += 24;
       for (int i = 0; i < 6; ++i) at += reply[at] + 1U;
     }
   }
-  EXPECT_EQ(records, 99U);
+  EXPECT_EQ(records, 100U);
   request.data.pop_back();
   client::Bytes reply;
   EXPECT_EQ(list_->answerEvents(request, reply), client::kBadLength);
@@ -167,57 +161,35 @@ TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
 // What befell the file between two power-ups.
 struct Damage {
   const char* name;
-  std::function<void(const fs::path& file)> befall;
+  void (*befall)(Bytes& file);
   std::size_t left;  // of three events
   const char* said;
-  bool keptAside;
+  bool keptAside = true;
 };
 
-void change(const fs::path& file, const std::function<void(Bytes&)>& how) {
-  Bytes bytes = readFile(file);
-  how(bytes);
-  writeFile(file, bytes);
-}
-
 TEST_F(Alarms, GoOnAfterDamage) {
-  const std::vector<Damage> rows = {
-      {"missing", [](const fs::path& file) { fs::remove(file); }, 0, "", false},
-      {"cut within the last event",
-       [](const fs::path& file) { fs::resize_file(file, fs::file_size(file) - 1); }, 2,
-       "ends within an event", false},
-      {"a bit of the second event",
-       [](const fs::path& file) { change(file, [](Bytes& b) { b[8 + 352 + 60] ^= 4; }); }, 2,
-       "1 of 3 entries are lost", true},
-      {"an event twice",
-       [](const fs::path& file) {
-         change(file, [](Bytes& b) { b.insert(b.end(), b.end() - 352, b.end()); });
-       },
-       3, "1 of 4 entries are lost", true},
-      {"another file", [](const fs::path& file) { writeFile(file, Bytes(5000, 'x')); }, 0,
-       "is no alarms' history", true},
-      {"empty", [](const fs::path& file) { writeFile(file, {}); }, 0, "is no alarms' history", true},
-      {"a folder",
-       [](const fs::path& file) {
-         fs::remove(file);
-         fs::create_directories(file / "x");
-       },
-       0, "cannot be read", true},
+  const Damage rows[] = {
+      {"cut within the last event", [](Bytes& b) { b.pop_back(); }, 2, "ends within an event", false},
+      {"a bit of the second event", [](Bytes& b) { b[8 + 352 + 60] ^= 4; }, 2, "1 of 3 entries are lost"},
+      {"an event twice", [](Bytes& b) { b.insert(b.end(), b.end() - 352, b.end()); }, 3,
+       "1 of 4 entries are lost"},
+      {"another file", [](Bytes& b) { b.assign(5000, 'x'); }, 0, "is no alarms' history"},
   };
   for (const Damage& row : rows) {
     SCOPED_TRACE(row.name);
     fs::remove_all(file_.parent_path());
     powerUp();
     for (u8 port = 0; port < 3; ++port) list_->add({2, port, 769}, kFirst);
-    row.befall(file_);
+    Bytes bytes = readFile(file_);
+    row.befall(bytes);
+    writeFile(file_, bytes);
     powerUp();
     EXPECT_EQ(list_->history().size(), row.left);
     EXPECT_NE(said_.find(row.said), std::string::npos) << said_;
-    EXPECT_EQ(said_.empty(), *row.said == '\0') << said_;
     EXPECT_EQ(fs::exists(file_.string() + ".damaged"), row.keptAside);
     list_->add({1, 0, 770}, kSecond);
     const Lines now = history();
     EXPECT_EQ(now.size(), row.left + 1);
-    EXPECT_TRUE(list_->file().kept());
     powerUp();
     EXPECT_EQ(history(), now);
     EXPECT_EQ(said_, "");

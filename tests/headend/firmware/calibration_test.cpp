@@ -1,4 +1,4 @@
-// A calibration over the network, into the DAC and its EEPROM, through power cuts and whatever else comes.
+// A calibration over the network, into the DAC and its EEPROM, through power cuts.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -23,14 +23,6 @@ Registers randomRegisters(std::mt19937& random) {
   return registers;
 }
 
-Bytes request(u8 command, u8 slot, const Registers& registers = {}) {
-  Bytes bytes(2 + registers.size());
-  bytes[0] = command;
-  bytes[1] = slot;
-  std::copy(registers.begin(), registers.end(), bytes.begin() + 2);
-  return bytes;
-}
-
 Registers dacOf(headend::CardBoard& board) {
   Registers registers;
   for (u8 n = 0; n < kDacRegisters; ++n) registers[n] = board.dac().reg(n);
@@ -42,11 +34,12 @@ class Bench : public Driven {
  public:
   using Driven::Driven;
   static void write(const Registers& registers) {
-    Bytes packet = request(2, 0, registers);
+    Bytes packet = {2, 0};
+    packet.insert(packet.end(), registers.begin(), registers.end());
     EXPECT_EQ(AdPackHandle(0, packet.data(), static_cast<int>(packet.size()), nullptr, nullptr), 0);
   }
   static Registers read() {
-    Bytes packet = request(1, 0);
+    Bytes packet = {1, 0};
     std::array<u8, 100> reply{};
     int length = 0;
     EXPECT_EQ(AdPackHandle(0, packet.data(), 2, reply.data(), &length), 1);
@@ -61,17 +54,14 @@ class Bench : public Driven {
   }
 };
 
-class WriteCycle : public ::testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Ms, WriteCycle, ::testing::Values(0, 10));
-
 // The power is cut as soon as the service is done; the start-up's loading of the DAC follows.
-TEST_P(WriteCycle, LosesNoByte) {
+TEST(Calibration, IsKeptWhateverTheWriteCycle) {
   Bench bench;
   bench.drive([&] {
     for (const u8 value : Bench::read()) EXPECT_EQ(value, 255) << "blank";
-    bench.board().eeprom().writeCycle(GetParam() * 1'000'000);
     std::mt19937 random(7);
-    for (int i = 0; i < 150; ++i) {
+    for (int i = 0; i < 60; ++i) {
+      bench.board().eeprom().writeCycle(i % 11 * 1'000'000);
       const Registers wanted = randomRegisters(random);
       Bench::write(wanted);
       ASSERT_EQ(Bench::read(), wanted) << i;
@@ -84,16 +74,14 @@ TEST_P(WriteCycle, LosesNoByte) {
 }
 
 // Every edge of one calibration write is a point at which the power may go; each is a history of its own,
-// forked from here. A short slice of them without QAM_LONG; QAM_POWER_CUT=EDGE repeats one.
-TEST(PowerCut, LeavesEveryByteOldOrNewButTheOneInItsCycle) {
+// forked from here. A short slice of them without QAM_LONG.
+TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
   const bool all = std::getenv("QAM_LONG") != nullptr;
-  const char* single = std::getenv("QAM_POWER_CUT");
   std::mt19937 random(11);
   const Registers before = randomRegisters(random);
   const Registers after = randomRegisters(random);
   Bench bench;
   std::uint64_t points = 0;
-  std::uint64_t tried = 0;
   int undefined = 0;
   bench.drive([&] {
     Bench::write(before);
@@ -104,8 +92,7 @@ TEST(PowerCut, LeavesEveryByteOldOrNewButTheOneInItsCycle) {
     });
     points = std::stoull(edges);
     const std::uint64_t step = all ? 1 : 41;
-    for (std::uint64_t point = single != nullptr ? std::stoull(single) : 1; point <= points; point += step) {
-      ++tried;
+    for (std::uint64_t point = 1; point <= points; point += step) {
       const std::string found = inChild([&] {
         Registers left{};
         bool inCycle = false;
@@ -130,105 +117,11 @@ TEST(PowerCut, LeavesEveryByteOldOrNewButTheOneInItsCycle) {
         return std::string(isOld ? "" : "undefined");
       });
       undefined += found == "undefined" ? 1 : 0;
-      EXPECT_TRUE(found.empty() || found == "undefined")
-          << found << "; again: QAM_POWER_CUT=" << point << " headend_tests --gtest_filter='PowerCut.*'";
-      if (single != nullptr) break;
+      EXPECT_TRUE(found.empty() || found == "undefined") << "cut at edge " << point << ": " << found;
     }
   });
-  fmt::print("{} points of one calibration write, {} tried, {} left the byte in its cycle undefined\n",
-             points, tried, undefined);
   EXPECT_GT(points, 2000U);
-  EXPECT_TRUE(single != nullptr || undefined > 0) << "no cut has met a write cycle";
-}
-
-// ---- The service ----
-
-// A client inside the chassis; the service stands at its port.
-class Client {
- public:
-  explicit Client(Bench& bench) : bench_(bench), socket_(bench.headend().network(), 50'000) {
-    Ad9775Ctrl_Init(0);
-  }
-  std::optional<Bytes> call(const Bytes& bytes, int ticks) {
-    socket_.send({.address = 0, .port = 49156}, bytes);
-    const auto reply = socket_.receive(ticks);
-    bench_.headend().kernel().delay(ticks);  // the service's pause
-    if (!reply) return {};
-    return reply->bytes;
-  }
-
- private:
-  Bench& bench_;
-  headend::UdpSocket socket_;
-};
-
-TEST(Service, OutlivesAnyDatagramAndObeysOnlyRequests) {
-  Bench bench;
-  bench.drive([&] {
-    Client client(bench);
-    std::mt19937 random(3);
-    Registers expected = bench.kept();
-    for (int i = 0; i < 2000; ++i) {
-      Bytes datagram(random() % 101);
-      for (u8& byte : datagram) byte = static_cast<u8>(random());
-      if (!datagram.empty() && random() % 2 == 0) datagram[0] = static_cast<u8>(random() % 4);
-      if (datagram.size() > 1 && random() % 2 == 0) datagram[1] = static_cast<u8>(random() % 8);
-      const bool isMine = datagram.size() < 2 || datagram[1] == 0;
-      const bool isRead = isMine && !datagram.empty() && datagram[0] == 1;
-      const bool isWrite = isMine && !datagram.empty() && datagram[0] == 2;
-      if (isWrite) {
-        Bytes whole = datagram;
-        whole.resize(100);
-        std::copy_n(whole.begin() + 2, expected.size(), expected.begin());
-      }
-      const auto reply = client.call(datagram, isWrite ? 40 : 15);
-      ASSERT_EQ(reply.value_or(Bytes{}), isRead ? request(1, 0, expected) : Bytes{}) << i;
-      if (i % 100 == 0 || isWrite) {
-        ASSERT_EQ(bench.kept(), expected) << i;
-        ASSERT_EQ(dacOf(bench.board()), expected) << i;
-      }
-    }
-  });
-}
-
-TEST(Service, AWriteToAnEepromThatIsAbsentEndsWithinASecond) {
-  Bench bench([](headend::Options& options) {
-    options.faults.push_back({.slot = 0, .name = "eeprom-absent", .at = 0});
-  });
-  bench.drive([&] {
-    std::mt19937 random(5);
-    const Registers wanted = randomRegisters(random);
-    const Nanos begin = bench.now();
-    Bench::write(wanted);
-    EXPECT_LT(bench.now() - begin, kSecond);
-    EXPECT_EQ(Bench::read(), wanted) << "the DAC has it all the same";
-  });
-}
-
-// The service asks no lock: a request that comes while a start-up loads the DAC moves the same lines in
-// between. Transfers may be lost, and the devices see it; the card runs all the same.
-TEST(Service, ARequestDuringAStartUpMayBreakIntoItsTransfers) {
-  int broken = 0;
-  for (int step = 0; step < 12; ++step) {
-    const std::string story = inChild([&] {
-      const Scratch scratch;
-      headend::initFlash(scratch.path / "flash");
-      Headend headend(fastOptions(scratch.path, 2 * kSecond));
-      const auto sleep = [&](Nanos time) { headend.kernel().sleepUntil(headend.kernel().now() + time); };
-      headend.kernel().spawn("tTest", 235, [&] {
-        while (QamFpgaIf[0] == nullptr) sleep(1'000'000);  // there some time before the DAC is loaded
-        while (headend.card(0).board().calibrationEdges() < 100) sleep(100'000);
-        sleep(1'000'000 * step);
-        Bench::write({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13});
-      });
-      run(headend);
-      EXPECT_EQ(headend.state(0), Headend::CardState::kRunning);
-      return std::string(headend.violations().counts().empty() ? "whole" : "broken");
-    });
-    broken += story == "broken" ? 1 : 0;
-    EXPECT_TRUE(story == "whole" || story == "broken") << story;
-  }
-  EXPECT_GE(broken, 1) << "none came at the wrong moment, so this shows nothing";
+  EXPECT_GT(undefined, 0) << "no cut has met a write cycle";
 }
 
 }  // namespace

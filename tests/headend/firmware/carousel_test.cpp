@@ -16,11 +16,6 @@ os::MsgQ* queueNumber(std::uintptr_t n) {
 
 // A card in slot 2 whose first channel stores a PAT. How intervals are measured, captures.py shows.
 class CarouselMonitor : public testing::Test {
- public:
-  CarouselMonitor(const CarouselMonitor&) = delete;
-  CarouselMonitor& operator=(const CarouselMonitor&) = delete;
-  ~CarouselMonitor() override { chassis::head = nullptr; }
-
  protected:
   CarouselMonitor() {
     std::memset(record_.get(), 0xFF, sizeof *record_);
@@ -33,11 +28,7 @@ class CarouselMonitor : public testing::Test {
     for (const std::uintptr_t n : {1U, 2U}) monitor_.queueCreated(queueNumber(n), 1);
   }
   void post(u32 index, std::uint64_t tick, std::uintptr_t queue = 1) {
-    const auto* bytes = reinterpret_cast<const char*>(&index);
-    monitor_.posted(queueNumber(queue), {bytes, sizeof index}, tick);
-  }
-  const headend::CarouselMonitor::Table& table(TableType type, int port = 0) {
-    return monitor_.tables(1, port)[client::indexOf(type)];
+    monitor_.posted(queueNumber(queue), {reinterpret_cast<const char*>(&index), sizeof index}, tick);
   }
 
   std::unique_ptr<QamCardPara> record_ = std::make_unique<QamCardPara>();
@@ -52,13 +43,14 @@ TEST_F(CarouselMonitor, AnUploadAndAnotherChannelContinueNoGroup) {
   monitor_.restart(1, 0);
   post(0, 5000);
   post(0, 5100);
-  EXPECT_EQ(table(TableType::kPat).intervals, 2U);
-  EXPECT_EQ(table(TableType::kPat).max_ticks, 100U);
+  const auto& pat = monitor_.tables(1, 0)[client::indexOf(TableType::kPat)];
+  EXPECT_EQ(pat.intervals, 2U);
+  EXPECT_EQ(pat.max_ticks, 100U);
   post(0, 6000, 2);  // free places of the second channel's store: of no table
   post(512, 6001);
-  post(0, 6002, 3);  // nobody's queue
-  EXPECT_EQ(table(TableType::kPat).posted, 4U);
-  EXPECT_EQ(table(TableType::kPat, 1).posted, 0U);
+  post(0, 6002, 3);  // no channel's queue
+  EXPECT_EQ(monitor_.tables(1, 0)[client::indexOf(TableType::kPat)].posted, 4U);
+  EXPECT_EQ(monitor_.tables(1, 1)[client::indexOf(TableType::kPat)].posted, 0U);
 }
 
 }  // namespace

@@ -83,19 +83,6 @@ def each_condition_is_raised_and_recovers(case):
         case.equal(found[1]['happened'], found[0]['at'], f'{name}: when the alarm that ended had come')
 
 
-def one_output_at_a_time_is_looked_at(case):
-    """While the first output's alarm stands the second's is not looked at; then both change in one pass."""
-    flash, table, empty = case.flash(), case.path('map.csv'), case.path('empty.csv')
-    write(empty, harness.pid_map())
-    run = case.fast(flash, 30, *too_much(case, '1.1'), '--pidmap', f'1.2={table}@6', '--pidmap', f'1.1={empty}@15')
-    case.clean(run)
-    found = [(e[KIND], e['port'], second(e)) for e in events(case, flash) if e['type'] == RATE]
-    case.equal([e[:2] for e in found], [('raised', 1), ('recovered', 1), ('raised', 2)], 'events')
-    if len(found) == 3:
-        case.equal(found[2][2], found[1][2], 'second of the second alarm')
-        case.check(found[1][2] >= 15, f'the first output recovers at {found[1][2]} s, before its cause ends')
-
-
 def a_card_that_hangs_delays_no_alarm(case):
     """A card that waits for a sensor for good holds up no other card's alarms."""
     flash = case.flash()
@@ -167,6 +154,6 @@ def each_event_is_followed_once(case, periods=21600 if harness.LONG else 100):
 
 
 if __name__ == '__main__':
-    harness.main([each_condition_is_raised_and_recovers, one_output_at_a_time_is_looked_at,
-                  a_card_that_hangs_delays_no_alarm, a_saved_status_bit_outlives_the_power_up,
+    harness.main([each_condition_is_raised_and_recovers, a_card_that_hangs_delays_no_alarm,
+                  a_saved_status_bit_outlives_the_power_up,
                   a_killed_headend_keeps_its_history, each_event_is_followed_once])

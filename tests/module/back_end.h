@@ -11,7 +11,9 @@ namespace test {
 // Big-endian numbers, each with its width in bytes.
 inline Bytes fields(std::initializer_list<std::pair<u32, int>> numbers) {
   Bytes bytes;
-  for (const auto& [value, width] : numbers) put(bytes, value, width);
+  for (auto [value, width] : numbers) {
+    while (width-- > 0) bytes.push_back(static_cast<u8>(value >> 8 * width));
+  }
   return bytes;
 }
 inline Bytes word(u32 value) {
@@ -24,8 +26,6 @@ class BackEndTest : public ModuleTest {
     int result;
     Bytes data;  // as much as the header's length says
   };
-
-  BackEndTest() : para(*fake.start(0)) {}
 
   // The card's first variable stands in where there is none.
   const chassis::bc_var& variable(u16 id) const {
@@ -54,7 +54,7 @@ class BackEndTest : public ModuleTest {
     return variable(id).vwr(&header, data.data());
   }
 
-  QamCardPara& para;
+  QamCardPara& para = *fake.start(0);
 };
 
 }  // namespace test

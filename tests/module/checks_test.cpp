@@ -60,9 +60,15 @@ TEST_F(Checks, BadArgumentsFailTheirChecks) {
     fake.forget();
     EXPECT_FALSE(fake.runs(row.entry));
     EXPECT_EQ(fake.checks, Lines{row.check});
+    EXPECT_EQ(fake.steps, Lines{});
     EXPECT_TRUE(row.line == 0 || fake.checkedLine == row.line) << fake.checkedLine;
   }
-  EXPECT_TRUE(fake.accesses.empty());
+  fake.queuesToBeHad = false;
+  Qam_Init(0);
+  fake.forget();
+  EXPECT_FALSE(fake.runs([] { QamInit(0); }));
+  EXPECT_EQ(fake.checks, Lines{"QamInit: g_qam_PsiSendQ_ID[slotNo][i]"});
+  EXPECT_EQ(fake.checkedLine, 99);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include "card/QamFpga.h"
 #include "card/QamInit.h"
-#include "tests/module/card_devices.h"
+#include "tests/module/chassis.h"
 #include "ts/qamIntr.h"
 #include "ui/qamSnmp.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* kBitstream = "/tffs0/K717_QAM/qam.bin";
 
-class StartUp : public DeviceTest {};
+using StartUp = DeviceTest;
 
 TEST_F(StartUp, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
   Qam_Init(2);
@@ -22,18 +22,15 @@ TEST_F(StartUp, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
                              "save 2", "insert 2", "menu 2 QAM card3", "configure bus 2 1 255",
                              "card type 2 3002", "variables 02000000 02010000 OutVars of Slot2 port0\n",
                              "variables 02010000 02020000 OutVars of Slot2 port1\n"}));
-  const chassis::card* card = chassis::head;
-  ASSERT_NE(card, nullptr);
-  const char name[20] = "Qam Card 2";
-  EXPECT_EQ(std::memcmp(card->cardName, name, sizeof name), 0);
-  EXPECT_TRUE(card->slotNo == 2 && card->cardType == 27 && card->in_port_num == 0 && card->out_port_num == 2);
-  EXPECT_EQ(card->next, nullptr);
-  EXPECT_EQ(card->mibRegister, &qamMibRegister);
-  EXPECT_TRUE(card->trapRoutine == nullptr && card->Irq0Routine == nullptr && card->Irq4Routine == nullptr &&
-              card->Irq5Routine == nullptr);
-  EXPECT_EQ(card->varPtr, GetQamCardParaFromList(2));
-  EXPECT_EQ(card->varSize, 203132U);
-  EXPECT_TRUE(fake.accesses.empty()) << "registration leaves the hardware alone";
+  EXPECT_TRUE(fake.steps.empty()) << "registration leaves the hardware alone";
+  const chassis::card& card = *chassis::head;
+  EXPECT_STREQ(card.cardName, "Qam Card 2");
+  EXPECT_TRUE(card.slotNo == 2 && card.cardType == 27 && card.in_port_num == 0 && card.out_port_num == 2);
+  EXPECT_EQ(card.mibRegister, &qamMibRegister);
+  EXPECT_TRUE(card.next == nullptr && card.trapRoutine == nullptr && card.Irq0Routine == nullptr &&
+              card.Irq4Routine == nullptr && card.Irq5Routine == nullptr);
+  EXPECT_EQ(card.varPtr, GetQamCardParaFromList(2));
+  EXPECT_EQ(card.varSize, 203132U);
   for (const chassis::bc_var* row = fake.variables; row->vid != 0; ++row)
     EXPECT_TRUE(row->vnum == 1 && row->vtype == 1 && row->vfind == nullptr) << row->vid;
 }
@@ -45,30 +42,27 @@ TEST_F(StartUp, SetsTheWindowAndStartsBothChannels) {
     int tickHz, delay;  // ticks of 10 ms, cut
   };
   for (const auto& [slot, window, tickHz, delay] : {Row{0, 0x60000000, 100, 1},
-                                                    {1, 0x60000200, 60, 0},
-                                                    {2, 0x60000400, 99, 0},
-                                                    {3, 0x60000800, 1000, 10},
-                                                    {4, 0x60001000, 199, 1},
-                                                    {5, 0x60002000, 200, 2}}) {
+                                                    {1, 0x60000200, 99, 0},
+                                                    {2, 0x60000400, 1000, 10},
+                                                    {5, 0x60002000, 199, 1}}) {
     SCOPED_TRACE(fmt::format("slot {}", slot));
     fake.tickHz = tickHz;
     fake.queues.clear();
     Qam_Init(slot);
-    fake.log.clear();
+    fake.forget();
     QamInit(slot);
-    Lines expected{fmt::format("open {} rb+", kBitstream),
-                   fmt::format("debug qam fpga can not open {} file!\r\n", kBitstream)};
     // Settling; two waits for each of three resets, one before the clock generator's row.
-    expected.insert(expected.end(), 8, fmt::format("delay {}", delay));
+    Lines expected = Lines{fmt::format("open {} rb+", kBitstream),
+                           fmt::format("debug qam fpga can not open {} file!\r\n", kBitstream)} +
+                     Lines(8, fmt::format("delay {}", delay));
     for (int port = 0; port < 2; ++port) {
-      expected.emplace_back("queue 256 4 1");
-      expected.push_back(
-          fmt::format("spawn qam{0}PSISend{1} 212 0 4096 ({0} {1} 0 0 0 0 0 0 0 0)", slot, port));
-      expected.push_back(fmt::format("route {} {}", slot, port));
+      expected =
+          expected + Lines{"queue 256 4 1",
+                           fmt::format("spawn qam{0}PSISend{1} 212 0 4096 ({0} {1} 00000000)", slot, port),
+                           fmt::format("route {} {}", slot, port)};
     }
     EXPECT_EQ(fake.log, expected);
     EXPECT_EQ(fake.addressOf(QamFpgaIf[slot]), window);
-    ASSERT_EQ(fake.queues.size(), 2U);
     for (const std::size_t port : {0U, 1U})
       EXPECT_EQ(g_qam_PsiSendQ_ID[slot][port], fake.queues[port]->handle());
   }
@@ -83,8 +77,8 @@ TEST_F(StartUp, BuildsTheSendListsOfARecordWithItsChannelHalted) {
   }
   Lines flags;
   fake.onCall = [&](std::string_view call) {
-    if (call != "malloc") return;
-    flags.push_back(fmt::format("{} {}", qam_is_setting_psi[0][0], qam_is_setting_psi[0][1]));
+    if (call == "malloc")
+      flags.push_back(fmt::format("{} {}", qam_is_setting_psi[0][0], qam_is_setting_psi[0][1]));
   };
   QamInit(0);
   EXPECT_EQ(flags, (Lines{"1 0", "0 1"}));
@@ -93,23 +87,12 @@ TEST_F(StartUp, BuildsTheSendListsOfARecordWithItsChannelHalted) {
   EXPECT_EQ(fake.queues[0]->messages, std::vector<u32>{0});
 }
 
-TEST_F(StartUp, AQueueThatCannotBeHadFailsItsCheck) {
-  fake.queuesToBeHad = false;
-  fake.start(0);
-  fake.stopsAtChecks = true;
-  EXPECT_FALSE(fake.runs([] { QamInit(0); }));
-  EXPECT_EQ(fake.checks, Lines{"QamInit: g_qam_PsiSendQ_ID[slotNo][i]"});
-  EXPECT_EQ(fake.checkedLine, 99);
-}
-
 TEST_F(StartUp, AnFpgaThatDoesNotStartLeavesTheSlotIdle) {
-  fake.files[kBitstream] = {0x12};
+  writeFile(fake.flash.path.string() + kBitstream, Bytes{0x12});
   Qam_Init(4);
-  fake.log.clear();
   QamInit(4);
-  ASSERT_GE(fake.log.size(), 2U);
   EXPECT_EQ((Lines{fake.log.end() - 2, fake.log.end()}),
-            (Lines{"lcd 0 whole 0 0 Loading Card4", "lcd 3 whole 0 0 Config Error"}));
+            (Lines{"lcd 0 0 0 Loading Card4", "lcd 3 0 0 Config Error"}));
   EXPECT_EQ(QamFpgaIf[4], nullptr);
   EXPECT_TRUE(fake.queues.empty() && fake.tasks.empty());
 }

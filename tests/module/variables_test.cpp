@@ -4,7 +4,7 @@
 #include "card/qamVar.h"
 #include "hw/ad7414.h"
 #include "platform/address_word.h"
-#include "tests/module/card_devices.h"
+#include "tests/module/chassis.h"
 
 namespace test {
 namespace {
@@ -137,17 +137,17 @@ TEST_F(Variables, WhatCannotBeSetIsRefusedAndSomeCallsKeepTheSemaphore) {
   const Lines lets{"take", "give"};
   for (u32 id = 0; id < 60; ++id) {
     if (id >= 30 && id <= 35) continue;
-    fake.log.clear();
+    fake.forget();
     EXPECT_EQ(QamSetVar(2, 0, id, 7), id == 51 ? 1 : id == 43 ? 0 : -2) << id;
     EXPECT_EQ(fake.log, id == 51 ? Lines{"take"} : lets) << id;
-    fake.log.clear();
+    fake.forget();
     QamSetVar1(2, 0, id, 7);
     EXPECT_EQ(fake.log, lets) << id;
   }
   EXPECT_TRUE(fake.steps.empty());
   EXPECT_TRUE(std::equal(before.begin(), before.end(), reinterpret_cast<const u8*>(record)));
 
-  fake.log.clear();
+  fake.forget();
   EXPECT_EQ(QamGetVar(3, 0, 30, nullptr), 0U);
   EXPECT_EQ(QamSetVar(3, 0, 30, 474000), -1);
   QamSetVar1(3, 0, 30, 474000);

@@ -1,9 +1,12 @@
-// PSI tables and intervals, uploaded and read back by management software.
+// The card's back-end variables, PID maps and PSI tables, as management software reaches them; and the PID
+// search.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 
-#include "tests/module/back_end.h"
+#include "platform/address_word.h"
+#include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
 
@@ -12,6 +15,64 @@ namespace {
 
 constexpr u16 kMapLock = 0x2101, kMapChunk = 0x2102, kLock = 0x3101, kPackets = 0x3102, kInterval = 0x3201;
 constexpr u8 kPat = 0x00, kPmt = 0x02, kSdt = 0x42, kNoTable = 0x70;
+constexpr u16 kUnset = 0xFFFF;
+
+// Big-endian numbers, each with its width in bytes.
+Bytes fields(std::initializer_list<std::pair<u32, int>> numbers) {
+  Bytes bytes;
+  for (auto [value, width] : numbers) {
+    while (width-- > 0) bytes.push_back(static_cast<u8>(value >> 8 * width));
+  }
+  return bytes;
+}
+Bytes word(u32 value) {
+  return fields({{value, 4}});
+}
+
+// Source cards with two inputs stand in slots 1 and 3, and with sixteen in slot 5.
+class BackEnd : public ModuleTest {
+ protected:
+  struct Reply {
+    int result;
+    Bytes data;  // as much as the header's length says
+  };
+
+  BackEnd() {
+    for (int i = 0; i < 3; ++i) {
+      sources_[i].slotNo = static_cast<u8>(1 + 2 * i);
+      sources_[i].in_port_num = i == 2 ? 16 : 2;
+      chassis::cardInsert(&sources_[i]);
+    }
+    fake.forget();
+  }
+
+  // The request's data stands `reLength` - 4 bytes behind its header.
+  Reply read(u16 id, const Bytes& data = {}, u32 port = 0, u16 card = 0, u16 reLength = 4) const {
+    struct {
+      chassis::bc_vhdr_t header;
+      u8 data[40];
+    } request{{id, card, port, static_cast<u16>(data.size()), reLength, 0}, {}};
+    std::copy(data.begin(), data.end(), request.data + reLength - 4);
+    Bytes reply(2048, 0xEE);
+    const int result = qam_ord(&request.header, reply.data());
+    reply.resize(request.header.vLength);
+    return {result, reply};
+  }
+
+  // `length` where it is not that of the data.
+  int write(u16 id, Bytes data, u32 port = 0, u16 card = 0, std::optional<u16> length = {}) const {
+    chassis::bc_vhdr_t header{id, card, port, length.value_or(static_cast<u16>(data.size())), 0, 0};
+    data.resize(64 * 1024);
+    return qam_owr(&header, data.data());
+  }
+
+  QamCardPara& para = *fake.start(0);
+
+ private:
+  chassis::card sources_[3] = {};
+};
+
+// ---- PSI tables ----
 
 // A packet that a test can tell from others.
 Bytes packet(u8 mark) {
@@ -32,13 +93,6 @@ Bytes interval(u8 table, u32 ticks, u32 count) {
   return fields({{table, 1}, {0, 3}, {ticks, 4}, {count, 4}});
 }
 
-class BackEnd : public BackEndTest {
- protected:
-  void fillStore(std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) para.psiPkt[0][i].pid = 0x100;
-  }
-};
-
 TEST_F(BackEnd, RequestsGetTheirResultCodesAndChangeNothing) {
   struct Row {
     const char* name;
@@ -55,8 +109,6 @@ TEST_F(BackEnd, RequestsGetTheirResultCodesAndChangeNothing) {
       {"slot 6, write", 'w', kLock, 6, 0, 18, word(1)},
       {"low bits of slot and port", 'r', kLock, 0xFF00, 0xFFFFFF01, 0},
       {"empty slot", 'r', kLock, 3, 0, 21},
-      {"slot before variable", 'r', 0x9999, 6, 0, 18},
-      {"card before variable", 'w', 0x9999, 1, 0, 21},
       {"unknown variable", 'r', 0x2103, 0, 0, 2},
       {"unknown variable, write", 'w', 0x3103, 0, 1, 2, word(0)},
       {"interval of no table", 'r', kInterval, 0, 0, 9, {kNoTable, 0, 0, 0}},
@@ -164,7 +216,7 @@ TEST_F(BackEnd, ChunksFillTheStoreInOrderAndAreCountedByTable) {
 }
 
 TEST_F(BackEnd, AFullStoreTakesWhatFitsOfAChunkOfAnyLength) {
-  fillStore(262);
+  for (std::size_t i = 0; i < 262; ++i) para.psiPkt[0][i].pid = 0x100;
   Bytes marks(255);
   for (std::size_t i = 0; i < marks.size(); ++i) marks[i] = static_cast<u8>(i);
   EXPECT_EQ(write(kPackets, chunk(0x11, kSdt, marks)), 1);
@@ -174,7 +226,7 @@ TEST_F(BackEnd, AFullStoreTakesWhatFitsOfAChunkOfAnyLength) {
 }
 
 TEST_F(BackEnd, APidThatEndsInNineOnesIsAFreePlace) {
-  fillStore(1);
+  para.psiPkt[0][0].pid = 0x100;
   for (const u16 pid : {u16{0x1FF}, u16{0x3FF}, u16{0xFFFF}}) {
     para.psiPkt[0][1].pid = pid;
     EXPECT_EQ(write(kPackets, chunk(0x2FF, kPmt, {1})), 0);
@@ -255,6 +307,161 @@ TEST_F(BackEnd, IntervalsAreKeptToSixteenBitsAndSavedByTheLastOne) {
     EXPECT_EQ(read(kInterval, {row.table, 0xEE, 0xEE, 0xEE}, row.port).data,
               interval(row.table, 100, 0x0201U + row.type));
   }
+}
+
+// ---- PID maps ----
+
+struct Entry {
+  u16 slot;
+  u32 port;
+  u16 pid, out;
+};
+
+// Type and programme numbers follow from the PIDs, so that a swap of fields shows.
+Bytes mapChunk(u32 total, u32 start, u32 count, const std::vector<Entry>& entries) {
+  Bytes bytes = fields({{total, 4}, {start, 4}, {count, 4}});
+  for (const Entry& e : entries) {
+    bytes = bytes + fields({{e.slot, 2}, {e.pid & 0xFF, 2}, {e.port, 4}, {e.pid + 1U, 2}, {e.out + 2U, 2}});
+    bytes = bytes + fields({{e.pid, 2}, {e.out, 2}});
+  }
+  return bytes;
+}
+
+std::array<u16, 3> routed(const Entry& e) {
+  const std::uint64_t word = e.pid | std::uint64_t{e.port} << 13 | std::uint64_t{e.slot} << 17 |
+                             std::uint64_t{1} << 21 | std::uint64_t{e.out} << 22;
+  return {static_cast<u16>(word), static_cast<u16>(word >> 16), static_cast<u16>(word >> 32)};
+}
+
+std::vector<Entry> many(u16 first, u16 count) {
+  std::vector<Entry> entries;
+  for (u16 i = 0; i < count; ++i) entries.push_back({1, 0, static_cast<u16>(first + i), i});
+  return entries;
+}
+
+std::vector<u16> sourcePids(const QamCardPara& para) {
+  std::vector<u16> all;
+  for (u32 i = 0; i < para.pidMapNum[0]; ++i) all.push_back(para.pidMap[0][i].src_pid);
+  return all;
+}
+
+TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
+  const auto before = fake.routes;
+  write(kMapLock, word(1));
+  EXPECT_EQ(read(kMapLock).data, word(1));
+  const std::vector<Entry> entries{{3, 0, 0x100, 0x1ABC}, {1, 1, 0x20, 0x222}, {1, 0, 0x1FFF, 7},
+                                   {5, 15, 1, 2},         {1, 0, 2, 1},        {1, 0, 2, 2},
+                                   {1, 0, 1, 9},          {1, 0, 2, 3},        {1, 0, 1, 8}};
+  ASSERT_EQ(write(kMapChunk, mapChunk(9, 0, 9, entries)), 0);
+  write(kMapLock, word(1));
+  EXPECT_EQ(para.pidMapNum[0], 9U) << "locked already: nothing is emptied";
+  EXPECT_EQ(fake.log, Lines{});
+  EXPECT_EQ(fake.routes, before) << "the old map stays on the air";
+  write(kMapLock, word(0));
+  write(kMapLock, word(0));
+  EXPECT_EQ(fake.log, (Lines{"save 0", "route 0 0"})) << "once";
+  // What an exchange sort makes of equal keys, by hand; a stable sort would not change their order.
+  std::vector<Entry> sorted;
+  std::vector<std::array<u16, 3>> route;
+  for (const std::size_t i : {6U, 8U, 4U, 7U, 5U, 2U, 1U, 0U, 3U}) {
+    sorted.push_back(entries[i]);
+    route.push_back(routed(entries[i]));
+  }
+  route.resize(256, {0xFFFF, 0x001F, 0});
+  EXPECT_EQ((fake.routes[{0, 0}]), route);
+  EXPECT_EQ(read(kMapChunk, word(0)).data, mapChunk(9, 0, 9, sorted));
+  EXPECT_EQ(para.pidMap[0][0].reserved, 0xFF);
+
+  fake.forget();
+  for (const u32 lock : {1U, 0U}) write(kMapLock, word(lock), 1);
+  EXPECT_EQ(para.pidMapNum[0], 9U);
+  EXPECT_EQ(fake.log, (Lines{"save 0", "route 0 1", "save 0"}));
+  write(kMapLock, word(1));
+  const auto* bytes = reinterpret_cast<const u8*>(para.pidMap[0]);
+  EXPECT_EQ(std::count(bytes, bytes + sizeof para.pidMap[0], 0xFF), 256 * 12);
+  EXPECT_EQ(para.pidMapNum[0], 0U);
+}
+
+TEST_F(BackEnd, AMapsChunkIsStoredOrRefused) {
+  struct Row {
+    const char* name;
+    Bytes data;
+    int result;
+    std::vector<u16> stored;  // source PIDs
+    std::optional<u16> length = {};
+  };
+  const Row rows[] = {
+      {"too long", mapChunk(257, 0, 1, many(1, 1)), 1, {}},
+      {"past the total", mapChunk(256, 200, 89, many(1, 89)), 0, {}},
+      {"start past the end", mapChunk(256, 256, 0, {}), 0, {}},
+      {"announced", mapChunk(3, 1, 1, many(7, 1)), 0, {kUnset, 7, kUnset}},
+      {"no slot 6", mapChunk(3, 0, 3, {{1, 0, 7, 1}, {6, 0, 8, 1}, {1, 0, 9, 1}}), 3, {7, kUnset, kUnset}},
+      {"slot of 256", mapChunk(1, 0, 1, {{0x101, 0, 8, 1}}), 3, {kUnset}},
+      {"empty slot", mapChunk(2, 0, 2, {{1, 1, 7, 1}, {2, 0, 8, 1}}), 21, {7, kUnset}},
+      {"no third input", mapChunk(1, 0, 1, {{1, 2, 8, 1}}), 3, {kUnset}},
+      {"input of 256", mapChunk(1, 0, 1, {{1, 0x100, 8, 1}}), 3, {kUnset}},
+      {"wrong length", mapChunk(3, 0, 3, many(1, 3)), 22, {}, 64},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    write(kMapLock, word(0));
+    write(kMapLock, word(1));
+    EXPECT_EQ(write(kMapChunk, row.data, 0, 0, row.length), row.result);
+    EXPECT_EQ(sourcePids(para), row.stored);
+  }
+}
+
+TEST_F(BackEnd, AFullMapGoesAndComesInChunksOf89) {
+  write(kMapLock, word(1), 1);
+  for (const auto& [start, count] : {std::pair<u16, u16>{0, 89}, {89, 89}, {178, 78}}) {
+    const auto part = many(static_cast<u16>(0x300 + start), count);
+    ASSERT_EQ(write(kMapChunk, mapChunk(256, start, count, part), 1), 0);
+  }
+  // A parameter file may claim more, which is read back and routed as 256.
+  for (const u32 claimed : {256U, 257U}) {
+    para.pidMapNum[1] = claimed;
+    for (const auto& [start, count] : {std::pair<u16, u16>{0, 89}, {178, 78}, {256, 0}, {300, 0}}) {
+      const auto part = many(static_cast<u16>(0x300 + start), count);
+      EXPECT_EQ(read(kMapChunk, word(start), 1).data, mapChunk(256, start, count, part)) << start;
+    }
+  }
+  QamSetPidMap(0, 1, &para);
+  EXPECT_EQ((fake.routes[{0, 1}].size()), 256U);
+  // A ninetieth entry of a chunk is one too many for its record.
+  write(kMapLock, word(1));
+  ASSERT_EQ(write(kMapChunk, mapChunk(90, 0, 90, many(1, 90))), 0);
+  EXPECT_EQ(para.pidMap[0][88].src_pid, 89);
+  EXPECT_EQ(para.pidMap[0][89].src_pid, kUnset);
+}
+
+TEST_F(BackEnd, SearchesKeepWhatTheyCapturedUntilAnotherBegins) {
+  static u8 captured[188];
+  captured[187] = 8;
+  u8 packet[188];
+  EXPECT_EQ(qamGetTsPidResult(0, 0, packet), -1) << "no queue yet";
+  Queue queue;
+  qamTsReadQID[3] = queue.handle();
+  struct Step {
+    u16 pid;
+    u8 table, on, kept;
+  };
+  for (const Step& step : {Step{0x11, 0x42, 1, 0},
+                           {0x11, 0x42, 1, 2},
+                           {0x11, 0x46, 1, 0},
+                           {0x12, 0x46, 5, 0},
+                           {0x12, 0x46, 0, 0},
+                           {0x12, 0x46, 1, 0}}) {
+    queue.messages.assign(2, os::addressWord(captured));
+    EXPECT_EQ(qamSetTSPID(3, 1, step.pid, step.table, step.on), 0);
+    EXPECT_EQ(queue.messages.size(), step.kept);
+    const qamSearchPSI_t& search = qamSearchPSI[3];
+    EXPECT_EQ(search.isSearch, step.on != 0 ? 1 : 0);
+    EXPECT_TRUE(step.on == 0 || (search.pid == step.pid && search.tableId == step.table));
+  }
+  queue.messages.assign(1, os::addressWord(captured));
+  EXPECT_EQ(qamGetTsPidResult(3, 0, packet), 0);
+  EXPECT_EQ(packet[187], 8);
+  EXPECT_EQ(qamGetTsPidResult(3, 1, packet), -1);
 }
 
 }  // namespace

@@ -137,19 +137,26 @@ TEST_F(Menus, CardsShareTheRootAndTheLastOneNamesIt) {
 }
 
 // Each key's letter: u d l r as they are, o OK, x cancel, q leave, . none, ? and ! codes that no key has.
-TEST_F(Menus, EditorsShowEachStepAndWriteOnOkOnly) {
+TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
+  struct Screen {
+    chassis::ItemHandler* handler;
+    u32 id;
+    const char* unit;
+  };
   struct Row {
     const char* name;
-    chassis::ItemHandler* editor;
+    const Screen& screen;
     u32 start;
     const char* keys;
-    const char* screens;  // before each key
+    const char* screens;  // the value before each key
     u32 after;            // what the variable then holds
-    bool readOnly = false;
+    u16 flag = 0;
   };
-  constexpr auto* kRate = qamMenuSetSymRate;
-  constexpr auto* kLevel = qamMenuSetRfLevel;
-  constexpr auto* kFreq = qamMenuSetRfFreq;
+  const Screen kRate{qamMenuSetSymRate, kVarSymbolRate, " 70:Mbps"};
+  const Screen kLevel{qamMenuSetRfLevel, kVarLevel, " 70:dBuV"};
+  const Screen kFreq{qamMenuSetRfFreq, kVarFrequency, " 82:MHz"};
+  const Screen kMegahertz{qamMenuGetQamInfo, kVarFrequency, " 74:MHz"};
+  const Screen kDegrees{qamMenuGetQamTempr, kVarFrequency, " 74:*"};
   const Row rows[] = {
       {"rate below its range", kRate, 4000, "o", "[5].000", 5000},
       {"rate above its range", kRate, 8000, "o", "[7].000", 7000},
@@ -189,64 +196,40 @@ TEST_F(Menus, EditorsShowEachStepAndWriteOnOkOnly) {
       {"leave", kRate, 6875, "dq", "[6].875 [5].875", 6875},
       {"no key and other codes", kFreq, 474000, ".?!.o",
        "[0]474.000 [0]474.000 [0]474.000 [0]474.000 [0]474.000", 474000},
-      {"only shown", kLevel, 0, "..o", "095.0 095.0 095.0", 0, true},
+      {"only shown", kLevel, 0, "..o", "095.0 095.0 095.0", 0, item_t::kReadOnly},
+      {"last digits of a frequency", kMegahertz, 1052007, ".o", "52.007 52.007", 1052007, item_t::kReadOnly},
+      {"a screen that does not wait", kMegahertz, 52007, "", "", 52007},
+      {"last digits of a temperature", kDegrees, 205, ".o", "05 05", 205},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     QamParaS& settings = fake.start(2)->qam_para;
-    const u32 id = row.editor == kRate ? kVarSymbolRate : row.editor == kLevel ? kVarLevel : kVarFrequency;
+    const auto& [handler, id, unit] = row.screen;
     u32& value = id == kVarSymbolRate ? settings.symbolrate
                  : id == kVarLevel    ? settings.rflevel
                                       : settings.rfreq;
     value = row.start;
-    const item_t item{.id = id, .flag = row.readOnly ? item_t::kReadOnly : u16{0}, .en = "Item"_label};
+    const item_t item{.id = id, .flag = row.flag, .en = "Item"_label};
     std::string screens;
     const char* key = row.keys;
     fake.onKeyScan = [&] {
       if (*key == '\0') fake.leave();
       const std::string shown = screen();
+      EXPECT_TRUE(shown.starts_with("16:") && shown.ends_with(unit)) << shown;
       screens += (screens.empty() ? "" : " ") + shown.substr(3, shown.rfind(' ') - 3);
       const auto code = std::string_view(".oxudlr?!").find(*key);
       return *key++ == 'q' ? u8{0xFF} : static_cast<u8>(code);
     };
-    EXPECT_TRUE(fake.runs([&] { EXPECT_EQ(row.editor(&item, 2, 0x101), 0); })) << "it goes on";
+    EXPECT_TRUE(fake.runs([&] { EXPECT_EQ(handler(&item, 2, 0x101), 0); })) << "it goes on";
     EXPECT_STREQ(key, "") << "it has ended";
+    EXPECT_EQ(fake.log.front(), "heading Item 0 10000000");
     EXPECT_EQ(screens, row.screens);
     EXPECT_EQ(value, row.after);
     EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), row.after != row.start);
-  }
-}
-
-TEST_F(Menus, ViewersShowLastDigitsUntilAKeyIsPressed) {
-  struct Row {
-    chassis::ItemHandler* viewer;
-    u32 value;
-    u16 flag;
-    int scans;  // of keys, the second of which gives one
-    const char* screen;
-  };
-  const Row rows[] = {
-      {qamMenuGetQamInfo, 1052007, item_t::kReadOnly, 2, "16:52.007 74:MHz"},
-      {qamMenuGetQamInfo, 52007, 0, 0, "74:MHz"},
-      {qamMenuGetQamTempr, 205, 0, 2, "16:05 74:*"},
-  };
-  for (const Row& row : rows) {
-    fake.start(2)->qam_para.rfreq = row.value;
-    const item_t item{.id = kVarFrequency, .flag = row.flag, .en = "Item"_label};
-    int scanned = 0;
-    fake.onKeyScan = [&] { return ++scanned < 2 ? chassis::kKeyNone : chassis::kKeyCancel; };
-    EXPECT_EQ(row.viewer(&item, 2, 0), 0);
-    EXPECT_EQ(fake.log.at(0), "heading Item 0 10000000");
-    EXPECT_EQ(screen(), row.screen);
-    EXPECT_EQ(scanned, row.scans);
-  }
-}
-
-TEST_F(Menus, HandlersDrawNothingForNoItem) {
-  for (chassis::ItemHandler* handler :
-       {qamMenuSetSymRate, qamMenuSetRfFreq, qamMenuSetRfLevel, qamMenuGetQamInfo, qamMenuGetQamTempr})
+    fake.forget();
     EXPECT_EQ(handler(nullptr, 2, 0), -1);
-  EXPECT_TRUE(fake.log.empty());
+    EXPECT_EQ(fake.log, Lines{});
+  }
 }
 
 }  // namespace

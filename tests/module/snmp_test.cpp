@@ -83,12 +83,6 @@ class Snmp : public ModuleTest {
     return qam_write_custom(phase, encoding.data(), encoding[0], size, nullptr, name.data(),
                             static_cast<int>(name.size()));
   }
-  static int writeText(int phase, const std::string& text) {
-    const auto size = static_cast<u16>(text.size());
-    Bytes encoding{4, 0x82, static_cast<u8>(size >> 8), static_cast<u8>(size)};
-    encoding.insert(encoding.end(), text.begin(), text.end());
-    return write(phase, "5.2.51.1.4.0", size, encoding);
-  }
 };
 
 TEST_F(Snmp, AWalkOfEachSlotGivesItsCard) {
@@ -215,12 +209,20 @@ TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
 
 TEST_F(Snmp, ATextIsKeptWholeAndARowOfNumbersTakesItsAddress) {
   const QamParaS& settings = fake.start(3)->qam_para;
-  const std::string longest(449, 'x');
+  const auto writeText = [](int phase, const std::string& text) {
+    const auto size = static_cast<u16>(text.size());
+    Bytes encoding{4, 0x82, static_cast<u8>(size >> 8), static_cast<u8>(size)};
+    encoding.insert(encoding.end(), text.begin(), text.end());
+    return write(phase, "5.2.51.1.4.0", size, encoding);
+  };
+  const auto kept = [] { return std::string(std::begin(qam_strtmp), std::end(qam_strtmp)); };
+  std::fill(std::begin(qam_strtmp), std::end(qam_strtmp), 'y');
+  const std::string longest(446, 'x');
   EXPECT_EQ(writeText(chassis::ACTION, longest), 0);
-  EXPECT_EQ(std::string(std::begin(qam_strtmp), std::end(qam_strtmp)), longest + '\0');
+  EXPECT_EQ(kept(), longest + std::string(3, '\0') + 'y');
   EXPECT_EQ(settings.rfreq, os::addressWord(qam_strtmp));
   EXPECT_EQ(writeText(chassis::COMMIT, "ab"), 0);
-  EXPECT_EQ(std::string(std::begin(qam_strtmp), std::end(qam_strtmp)), "ab" + std::string(448, '\0'));
+  EXPECT_EQ(kept(), "ab" + std::string(447, '\0') + 'y');
   EXPECT_EQ(writeText(chassis::RESERVE1, longest + 'x'), 10);
   EXPECT_EQ(write(chassis::RESERVE1, "5.2.51.1.4.0", -1, {2, 1, 1}), 8);
 }

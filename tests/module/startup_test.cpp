@@ -6,6 +6,7 @@
 #include "card/QamFpga.h"
 #include "card/QamInit.h"
 #include "tests/module/chassis.h"
+#include "ts/qamBack.h"
 #include "ts/qamIntr.h"
 #include "ui/qamSnmp.h"
 
@@ -31,8 +32,11 @@ TEST_F(StartUp, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
               card.Irq4Routine == nullptr && card.Irq5Routine == nullptr);
   EXPECT_EQ(card.varPtr, GetQamCardParaFromList(2));
   EXPECT_EQ(card.varSize, 203132U);
-  for (const chassis::bc_var* row = fake.variables; row->vid != 0; ++row)
-    EXPECT_TRUE(row->vnum == 1 && row->vtype == 1 && row->vfind == nullptr) << row->vid;
+  std::vector<u32> ids;
+  for (const chassis::bc_var* row = fake.variables; row->vid != 0; ids.push_back(row++->vid))
+    EXPECT_TRUE(row->vnum == 1 && row->vtype == 1 && row->vrd == qam_ord && row->vwr == qam_owr &&
+                row->vfind == nullptr);
+  EXPECT_EQ(ids, (std::vector<u32>{0x2101, 0x2102, 0x3101, 0x3102, 0x3201}));
 }
 
 TEST_F(StartUp, SetsTheWindowAndStartsBothChannels) {

@@ -67,52 +67,12 @@ const Bus kBuses[] = {
      session<x24c16_start, x24c16_stop, x24c16_sendA, x24c16_send, x24c16_wack, x24c16_receive, x24c16_ack,
              WSCL_X24C16, WSDA_X24C16, RSCL_X24C16, RSDA_X24C16>}};
 
-void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-  for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-    text.replace(at, from.size(), to);
-}
-
-// The steps in words. A change of a line stands between two waits of 5 us, a rise of the clock is looked at;
-// whatever is not as drawn stays a step among the words.
-std::string inWords(const Bus& bus, const Lines& steps) {
-  std::string text = fmt::format("{}", fmt::join(steps, " "));
-  const std::pair<std::string, std::string> words[] = {
-      {"5us " + bus.data + (bus.slowFall ? "=0 5us 5us" : "=0 5us"), "low"},
-      {"5us " + bus.data + "=1 5us", "high"},
-      {"5us " + bus.clock + "=0 5us", "fall"},
-      {"5us " + bus.clock + "=1 5us " + bus.clock + "?", "rise"},
-      {"5us " + bus.clock + "=1 5us", "unwatched"},
-      {bus.data + "?", "look"},
-      {"5us' dog unwatched 5us' fall 5us' dog", "paced pulse"},
-      {"rise fall", "pulse"},
-      {"high rise low fall", "start"},
-      {"low fall rise high", "stop"},
-      {"rise look fall", "read"},
-      {"low pulse", "0"},
-      {"high pulse", "1"}};
-  for (const auto& [drawn, word] : words) replaceAll(text, drawn, word);
-  return text;
-}
-
-// A byte on its way to the slave.
-std::string sent(const Bus& bus, u8 byte) {
-  std::string text;
-  for (int bit = 7; bit >= 0; --bit) {
-    const bool one = (byte >> bit & 1) != 0;
-    text += bus.pacedSend ? (one ? "high paced pulse " : "low paced pulse ") : (one ? "1 " : "0 ");
-  }
-  return text + "high ";
-}
-
-std::string repeated(int times, const std::string& word) {
-  std::string text;
-  for (int i = 0; i < times; ++i) text += word;
-  return text;
+Lines repeated(int times, const Lines& steps) {
+  return times == 0 ? Lines{} : steps + repeated(times - 1, steps);
 }
 
 TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
   for (const Bus& bus : kBuses) {
-    SCOPED_TRACE(bus.name);
     // What the slave has on its lines, look by look; high lines after that. It holds the first clock low, at
     // levels of which only one bus takes the second for a high one.
     std::deque<u16> clock{0, 0x80, 1};
@@ -124,19 +84,36 @@ TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
       line.pop_front();
       return level;
     };
-    const std::string look = bus.clock + "? ";
-    EXPECT_EQ(inWords(bus, fake.stepsOf(bus.session)),
-              "high rise " + repeated(bus.anyLevelIsHigh ? 1 : 2, look) + "low fall start stop " +
-                  sent(bus, 0x4D) + "start " + sent(bus, 0x94) + "look look pulse " + sent(bus, 0x31) +
-                  "look look look pulse 20 turns pulse high " + repeated(8, "read ") +
-                  "0 high 1 high fall unwatched low high look look " + look + repeated(200, "look ") +
-                  "pulse");
+    // A change of a line stands between two waits, a rise of the clock is looked at.
+    const auto change = [](const std::string& step) { return Lines{"5us", step, "5us"}; };
+    const Lines low = change(bus.data + "=0") + Lines(bus.slowFall ? 1 : 0, "5us"),
+                high = change(bus.data + "=1");
+    const Lines fall = change(bus.clock + "=0"), unwatched = change(bus.clock + "=1");
+    const Lines look{bus.data + "?"}, watch{bus.clock + "?"};
+    const Lines rise = unwatched + watch, pulse = rise + fall, read = rise + look + fall;
+    const Lines pause{"5us'", "dog"}, paced = pause + unwatched + Lines{"5us'"} + fall + pause;
+    const Lines start = high + rise + low + fall, stop = low + fall + rise + high;
+    const auto sent = [&](u8 byte) {
+      Lines steps;
+      for (int bit = 7; bit >= 0; --bit)
+        steps = steps + ((byte >> bit & 1) != 0 ? high : low) + (bus.pacedSend ? paced : pulse);
+      return steps + high;
+    };
+    const Lines expected = high + rise + repeated(bus.anyLevelIsHigh ? 1 : 2, watch) + low + fall + start +
+                           stop + sent(0x4D) + start + sent(0x94) + repeated(2, look) + pulse + sent(0x31) +
+                           repeated(3, look) + pulse + Lines{"20 turns"} + pulse + high + repeated(8, read) +
+                           low + pulse + high + high + pulse + high + fall + unwatched + low + high +
+                           repeated(2, look) + watch + repeated(200, look) + pulse;
+    EXPECT_EQ(fmt::format("{}", fmt::join(fake.stepsOf(bus.session), "\n")),
+              fmt::format("{}", fmt::join(expected, "\n")))
+        << bus.name;
   }
 }
 
 TEST_F(Devices, TheClockGeneratorsSetUpBeginsOnAnIdleBus) {
-  const std::string told = inWords(kBuses[2], fake.stepsOf([] { cdce925_init(0); }));
-  EXPECT_TRUE(told.starts_with("high unwatched cdce925_s0=1 start")) << told;
+  Lines steps = fake.stepsOf([] { cdce925_init(0); });
+  steps.resize(7);
+  EXPECT_EQ(steps, (Lines{"5us", "cdce925_sda=1", "5us", "5us", "cdce925_scl=1", "5us", "cdce925_s0=1"}));
 }
 
 TEST_F(Devices, ASensorThatThereIsNotIsAnIdleBus) {

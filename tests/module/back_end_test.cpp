@@ -93,51 +93,32 @@ Bytes interval(u8 table, u32 ticks, u32 count) {
   return fields({{table, 1}, {0, 3}, {ticks, 4}, {count, 4}});
 }
 
+Bytes request(u16 pid, u8 table, u32 start) {
+  return fields({{pid, 2}, {table, 1}, {0xEE, 1}, {start, 4}});
+}
+
 TEST_F(BackEnd, RequestsGetTheirResultCodesAndChangeNothing) {
-  struct Row {
-    const char* name;
-    char operation;
-    u16 id, card;
-    u32 port;
-    int result;
-    Bytes data = {};
-    std::optional<u16> length = {};  // of a write, where it is not that of the data
-  };
-  const Row rows[] = {
-      {"slot 6", 'r', kLock, 6, 0, 18},
-      {"port 2", 'r', kLock, 0, 2, 18},
-      {"slot 6, write", 'w', kLock, 6, 0, 18, word(1)},
-      {"low bits of slot and port", 'r', kLock, 0xFF00, 0xFFFFFF01, 0},
-      {"empty slot", 'r', kLock, 3, 0, 21},
-      {"unknown variable", 'r', 0x2103, 0, 0, 2},
-      {"unknown variable, write", 'w', 0x3103, 0, 1, 2, word(0)},
-      {"interval of no table", 'r', kInterval, 0, 0, 9, {kNoTable, 0, 0, 0}},
-      {"chunk of other count", 'w', kPackets, 0, 0, 22, chunk(0x11, kSdt, {1}), 16},
-      {"chunk of no table", 'w', kPackets, 0, 0, 3, chunk(0x11, kNoTable, {1, 2})},
-      {"empty chunk of no table", 'w', kPackets, 0, 0, 0, chunk(0x11, kNoTable, {})},
-      {"interval write of no table", 'w', kInterval, 0, 1, 0, interval(kNoTable, 9, 0)},
-      {"unlock without a lock", 'w', kLock, 0, 0, 0, word(0)},
-  };
   const auto before = std::make_unique<QamCardPara>(para);
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    if (row.operation == 'w') {
-      EXPECT_EQ(write(row.id, row.data, row.port, row.card, row.length), row.result);
-    } else {
-      const Reply reply = read(row.id, row.data, row.port, row.card);
-      EXPECT_EQ(reply.result, row.result);
-      EXPECT_EQ(reply.data.size(), row.result != 0 ? row.data.size() : 4) << "refused: keeps its length";
-    }
-  }
-  for (const auto& [id, readLength, writeLength] : {std::tuple<u16, std::size_t, std::size_t>{kMapLock, 0, 4},
-                                                    {kMapChunk, 4, 12},
-                                                    {kLock, 0, 4},
-                                                    {kPackets, 8, 16},
-                                                    {kInterval, 4, 12}}) {
-    EXPECT_EQ(read(id, Bytes(readLength + 1)).result, 22) << id;
-    EXPECT_TRUE(readLength == 0 || read(id, Bytes(readLength - 1)).result == 22) << id;
-    EXPECT_EQ(write(id, Bytes(writeLength + 1)), 22) << id;
-    EXPECT_EQ(write(id, Bytes(writeLength - 1)), 22) << id;
+  EXPECT_EQ(read(kLock, {}, 0, 6).result, 18) << "slot 6";
+  EXPECT_EQ(read(kLock, {}, 2).result, 18) << "port 2";
+  EXPECT_EQ(write(kLock, word(1), 0, 6), 18) << "slot 6";
+  EXPECT_EQ(read(kLock, {}, 0xFFFFFF01, 0xFF00).data, word(0)) << "the low bits of slot and port";
+  EXPECT_EQ(read(kLock, {}, 0, 4).result, 21) << "an empty slot";
+  EXPECT_EQ(read(0x2103).result, 2);
+  EXPECT_EQ(write(0x3103, word(0), 1), 2);
+  const Reply noTable = read(kInterval, {kNoTable, 0, 0, 0});
+  EXPECT_TRUE(noTable.result == 9 && noTable.data.size() == 4) << "refused: keeps its length";
+  EXPECT_EQ(write(kPackets, chunk(0x11, kSdt, {1}), 0, 0, 16), 22) << "of another count";
+  EXPECT_EQ(write(kPackets, chunk(0x11, kNoTable, {1, 2})), 3);
+  EXPECT_EQ(write(kPackets, chunk(0x11, kNoTable, {})), 0);
+  EXPECT_EQ(write(kInterval, interval(kNoTable, 9, 0), 1), 0);
+  EXPECT_EQ(write(kLock, word(0)), 0) << "unlocked already";
+  using Lengths = std::tuple<u16, std::size_t, std::size_t>;  // of a read's data and a write's
+  for (const auto& [id, toRead, toWrite] :
+       {Lengths{kMapLock, 0, 4}, {kMapChunk, 4, 12}, {kLock, 0, 4}, {kPackets, 8, 16}, {kInterval, 4, 12}}) {
+    EXPECT_EQ(read(id, Bytes(toRead + 1)).result, 22) << id;
+    EXPECT_TRUE(toRead == 0 || read(id, Bytes(toRead - 1)).result == 22) << id;
+    EXPECT_TRUE(write(id, Bytes(toWrite + 1)) == 22 && write(id, Bytes(toWrite - 1)) == 22) << id;
   }
   EXPECT_EQ(std::memcmp(before.get(), &para, sizeof para), 0);
   EXPECT_EQ(fake.log, Lines{});
@@ -177,40 +158,33 @@ TEST_F(BackEnd, ALockErasesAndHaltsAndAnUnlockSavesThenRebuildsThenRuns) {
   EXPECT_EQ(fake.log, (Lines{"save 0", "save 0"}));
 }
 
-TEST_F(BackEnd, ChunksFillTheStoreInOrderAndAreCountedByTable) {
+TEST_F(BackEnd, ChunksAreStoredAndCountedByTableOnThePidWhereItBelongs) {
   struct Row {
     u8 table, type;
-    u16 pid;       // where the table belongs
-    Lines checks;  // that fail where it is counted on another
+    u16 pid;
+    std::string check;  // that fails on another PID
   };
-  constexpr u16 kUploadedOn = 0x1234;
-  std::size_t at = 0;
-  for (const Row& row : {Row{kSdt, SDT_C, 0x11, {"qamBack: pid == 0x11"}},
-                         {kPat, PAT, 0, {"qamBack: pid == 0"}},
-                         {0x01, CAT, 1, {"qamBack: pid == 1"}},
-                         {kPmt, PMT, kUploadedOn, {}},
-                         {0x40, NIT_C, 0x10, {"qamBack: pid == 0x10"}},
-                         {0x41, NIT_O, 0x10, {"qamBack: pid == 0x10"}},
-                         {0x46, SDT_O, 0x11, {"qamBack: pid == 0x11"}},
-                         {0x4A, BAT, 0x11, {"qamBack: pid == 0x11"}}}) {
+  for (const Row& row : {Row{kSdt, SDT_C, 0x11, "pid == 0x11"},
+                         {kPat, PAT, 0, "pid == 0"},
+                         {0x01, CAT, 1, "pid == 1"},
+                         {kPmt, PMT, 0x1234, ""},
+                         {0x40, NIT_C, 0x10, "pid == 0x10"},
+                         {0x41, NIT_O, 0x10, "pid == 0x10"},
+                         {0x46, SDT_O, 0x11, "pid == 0x11"},
+                         {0x4A, BAT, 0x11, "pid == 0x11"}}) {
     SCOPED_TRACE(fmt::format("table {:#x}", row.table));
     fake.forget();
-    Bytes marks;
-    for (u8 mark = 0; mark <= row.type; ++mark) marks.push_back(static_cast<u8>(row.table + mark));
-    EXPECT_EQ(write(kPackets, chunk(kUploadedOn, row.table, marks), 1), 0);
-    EXPECT_EQ(para.pktNum[1][row.type], marks.size());
-    for (const u8 mark : marks) {
-      const outPsiPkt_t& stored = para.psiPkt[1][at++];
-      EXPECT_TRUE(stored.pid == kUploadedOn && stored.psiType == row.type && stored.counter == 0xFF) << at;
-      EXPECT_EQ(Bytes(stored.psiData, stored.psiData + 188), packet(mark)) << at;
-    }
-    EXPECT_EQ(QamGetPsiPktNumSamePidTid(1, row.pid, row.table, &para), marks.size());
+    const Bytes marks(row.type % 7 + 1U, row.table);
+    const auto count = static_cast<u16>(marks.size());
+    EXPECT_EQ(write(kPackets, chunk(row.pid, row.table, marks), 1), 0);
+    EXPECT_EQ(para.pktNum[1][row.type], count);
+    EXPECT_EQ(read(kPackets, request(row.pid, row.table, 0), 1).data,
+              chunk(row.pid, row.table, marks, count));
     EXPECT_EQ(fake.checks, Lines{});
     const u16 onAnother = QamGetPsiPktNumSamePidTid(1, 5, row.table, &para);
-    EXPECT_EQ(onAnother, row.type == PMT ? 0 : marks.size()) << "a failed check goes on";
-    EXPECT_EQ(fake.checks, row.checks);
+    EXPECT_EQ(onAnother, row.type == PMT ? 0 : count) << "a failed check goes on";
+    EXPECT_EQ(fake.checks, row.type == PMT ? Lines{} : Lines{"qamBack: " + row.check});
   }
-  EXPECT_EQ(para.psiPkt[1][at].pid, 0xFFFF);
   EXPECT_EQ(para.psiPkt[0][0].pid, 0xFFFF) << "the other channel's store";
   EXPECT_EQ(QamGetPsiPktNumSamePidTid(1, 5, kNoTable, &para), 0);
 }
@@ -279,8 +253,7 @@ TEST_F(BackEnd, ReadsGiveThePacketsAskedFor) {
                       {0, kNoTable, 2, 0, {}}};
   for (const Row& row : rows) {
     SCOPED_TRACE(fmt::format("PID {:#x} table {:#x} from {:#x}", row.pid, row.table, row.start));
-    const Bytes request = fields({{row.pid, 2}, {row.table, 1}, {0xEE, 1}, {row.start, 4}});
-    const Reply reply = read(kPackets, request, 0, 0, 23);
+    const Reply reply = read(kPackets, request(row.pid, row.table, row.start), 0, 0, 23);
     EXPECT_EQ(reply.result, 0);
     EXPECT_EQ(reply.data, chunk(row.pid, row.table, row.marks, row.total, row.start & 0xFF));
   }
@@ -339,12 +312,6 @@ std::vector<Entry> many(u16 first, u16 count) {
   return entries;
 }
 
-std::vector<u16> sourcePids(const QamCardPara& para) {
-  std::vector<u16> all;
-  for (u32 i = 0; i < para.pidMapNum[0]; ++i) all.push_back(para.pidMap[0][i].src_pid);
-  return all;
-}
-
 TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
   const auto before = fake.routes;
   write(kMapLock, word(1));
@@ -383,32 +350,25 @@ TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
 }
 
 TEST_F(BackEnd, AMapsChunkIsStoredOrRefused) {
-  struct Row {
-    const char* name;
-    Bytes data;
-    int result;
-    std::vector<u16> stored;  // source PIDs
-    std::optional<u16> length = {};
-  };
-  const Row rows[] = {
-      {"too long", mapChunk(257, 0, 1, many(1, 1)), 1, {}},
-      {"past the total", mapChunk(256, 200, 89, many(1, 89)), 0, {}},
-      {"start past the end", mapChunk(256, 256, 0, {}), 0, {}},
-      {"announced", mapChunk(3, 1, 1, many(7, 1)), 0, {kUnset, 7, kUnset}},
-      {"no slot 6", mapChunk(3, 0, 3, {{1, 0, 7, 1}, {6, 0, 8, 1}, {1, 0, 9, 1}}), 3, {7, kUnset, kUnset}},
-      {"slot of 256", mapChunk(1, 0, 1, {{0x101, 0, 8, 1}}), 3, {kUnset}},
-      {"empty slot", mapChunk(2, 0, 2, {{1, 1, 7, 1}, {2, 0, 8, 1}}), 21, {7, kUnset}},
-      {"no third input", mapChunk(1, 0, 1, {{1, 2, 8, 1}}), 3, {kUnset}},
-      {"input of 256", mapChunk(1, 0, 1, {{1, 0x100, 8, 1}}), 3, {kUnset}},
-      {"wrong length", mapChunk(3, 0, 3, many(1, 3)), 22, {}, 64},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  using Outcome = std::pair<int, std::vector<u16>>;  // result, source PIDs of the map
+  const auto outcome = [&](const Bytes& data, std::optional<u16> length = {}) {
     write(kMapLock, word(0));
     write(kMapLock, word(1));
-    EXPECT_EQ(write(kMapChunk, row.data, 0, 0, row.length), row.result);
-    EXPECT_EQ(sourcePids(para), row.stored);
-  }
+    Outcome found{write(kMapChunk, data, 0, 0, length), {}};
+    for (u32 i = 0; i < para.pidMapNum[0]; ++i) found.second.push_back(para.pidMap[0][i].src_pid);
+    return found;
+  };
+  EXPECT_EQ(outcome(mapChunk(257, 0, 1, many(1, 1))), Outcome(1, {})) << "too long";
+  EXPECT_EQ(outcome(mapChunk(256, 200, 89, many(1, 89))), Outcome(0, {})) << "past the total";
+  EXPECT_EQ(outcome(mapChunk(256, 256, 0, {})), Outcome(0, {})) << "start past the end";
+  EXPECT_EQ(outcome(mapChunk(3, 1, 1, many(7, 1))), Outcome(0, {kUnset, 7, kUnset})) << "announced";
+  EXPECT_EQ(outcome(mapChunk(2, 0, 2, {{1, 0, 7, 1}, {6, 0, 8, 1}})), Outcome(3, {7, kUnset})) << "slot 6";
+  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{0x101, 0, 8, 1}})), Outcome(3, {kUnset})) << "slot 256";
+  EXPECT_EQ(outcome(mapChunk(2, 0, 2, {{1, 1, 7, 1}, {2, 0, 8, 1}})), Outcome(21, {7, kUnset}))
+      << "empty slot";
+  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 2, 8, 1}})), Outcome(3, {kUnset})) << "no third input";
+  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 0x100, 8, 1}})), Outcome(3, {kUnset})) << "input 256";
+  EXPECT_EQ(outcome(mapChunk(3, 0, 3, many(1, 3)), 64), Outcome(22, {})) << "wrong length";
 }
 
 TEST_F(BackEnd, AFullMapGoesAndComesInChunksOf89) {
@@ -437,31 +397,28 @@ TEST_F(BackEnd, AFullMapGoesAndComesInChunksOf89) {
 TEST_F(BackEnd, SearchesKeepWhatTheyCapturedUntilAnotherBegins) {
   static u8 captured[188];
   captured[187] = 8;
-  u8 packet[188];
-  EXPECT_EQ(qamGetTsPidResult(0, 0, packet), -1) << "no queue yet";
+  u8 found[188];
+  EXPECT_EQ(qamGetTsPidResult(0, 0, found), -1) << "no queue yet";
   Queue queue;
   qamTsReadQID[3] = queue.handle();
-  struct Step {
-    u16 pid;
-    u8 table, on, kept;
-  };
-  for (const Step& step : {Step{0x11, 0x42, 1, 0},
-                           {0x11, 0x42, 1, 2},
-                           {0x11, 0x46, 1, 0},
-                           {0x12, 0x46, 5, 0},
-                           {0x12, 0x46, 0, 0},
-                           {0x12, 0x46, 1, 0}}) {
+  const auto keptBy = [&](u16 pid, u8 table, u8 on) {
     queue.messages.assign(2, os::addressWord(captured));
-    EXPECT_EQ(qamSetTSPID(3, 1, step.pid, step.table, step.on), 0);
-    EXPECT_EQ(queue.messages.size(), step.kept);
+    EXPECT_EQ(qamSetTSPID(3, 1, pid, table, on), 0);
     const qamSearchPSI_t& search = qamSearchPSI[3];
-    EXPECT_EQ(search.isSearch, step.on != 0 ? 1 : 0);
-    EXPECT_TRUE(step.on == 0 || (search.pid == step.pid && search.tableId == step.table));
-  }
+    EXPECT_EQ(search.isSearch, on != 0 ? 1 : 0);
+    EXPECT_TRUE(on == 0 || (search.pid == pid && search.tableId == table));
+    return queue.messages.size();
+  };
+  EXPECT_EQ(keptBy(0x11, 0x42, 1), 0U);
+  EXPECT_EQ(keptBy(0x11, 0x42, 1), 2U) << "the same";
+  EXPECT_EQ(keptBy(0x11, 0x46, 1), 0U);
+  EXPECT_EQ(keptBy(0x12, 0x46, 5), 0U);
+  EXPECT_EQ(keptBy(0x12, 0x46, 0), 0U);
+  EXPECT_EQ(keptBy(0x12, 0x46, 1), 0U) << "it was ended";
   queue.messages.assign(1, os::addressWord(captured));
-  EXPECT_EQ(qamGetTsPidResult(3, 0, packet), 0);
-  EXPECT_EQ(packet[187], 8);
-  EXPECT_EQ(qamGetTsPidResult(3, 1, packet), -1);
+  EXPECT_EQ(qamGetTsPidResult(3, 0, found), 0);
+  EXPECT_EQ(found[187], 8);
+  EXPECT_EQ(qamGetTsPidResult(3, 1, found), -1);
 }
 
 }  // namespace

@@ -33,32 +33,28 @@ class Calibration : public DeviceTest {
 };
 
 TEST_F(Calibration, WhatIsWrittenStandsInTheEepromAndIsReadBackWhereverItLies) {
-  struct Row {
-    const char* name;
-    u16 address, count, fits;
-  };
-  for (const Row& row : {Row{"in one page", 0x33, 13, 13},
-                         {"three pages in part", 0x0E, 20, 20},
-                         {"two whole pages", 0x40, 32, 32},
-                         {"a block and more", 0x6F8, 264, 264},
-                         {"cut at the end", 0x7F8, 32, 8},
-                         {"beyond the end", 0x800, 4, 0}}) {
-    SCOPED_TRACE(row.name);
-    Bytes data(row.count);
+  const auto trip = [&](const char* name, u16 address, u16 count, u16 fits) {
+    SCOPED_TRACE(name);
+    Bytes data(count);
     std::iota(data.begin(), data.end(), u8{1});
     Image expected;
     expected.fill(0xEE);
     board.eeprom().load(expected);
-    std::copy_n(data.begin(), row.fits, expected.begin() + std::min<int>(row.address, 0x7FF));
-    at24cxx_wr_nbytes(row.address, data.data(), row.count, 1);
+    std::copy_n(data.begin(), fits, expected.begin() + std::min<int>(address, 0x7FF));
+    at24cxx_wr_nbytes(address, data.data(), count, 1);
     EXPECT_EQ(board.eeprom().image(fake.now), expected);
     EXPECT_FALSE(board.eeprom().busy(fake.now)) << "a write ends with its cycle";
-
-    Bytes read(row.count, 0xDD);
-    std::fill(data.begin() + row.fits, data.end(), u8{0xDD});
-    at24cxx_rd_nbytes(row.address, read.data(), row.count, 1);
+    Bytes read(count, 0xDD);
+    std::fill(data.begin() + fits, data.end(), u8{0xDD});
+    at24cxx_rd_nbytes(address, read.data(), count, 1);
     EXPECT_EQ(read, data);
-  }
+  };
+  trip("in one page", 0x33, 13, 13);
+  trip("three pages in part", 0x0E, 20, 20);
+  trip("two whole pages", 0x40, 32, 32);
+  trip("a block and more", 0x6F8, 264, 264);
+  trip("cut at the end", 0x7F8, 32, 8);
+  trip("beyond the end", 0x800, 4, 0);
 }
 
 TEST_F(Calibration, BytesAndPagesBeyondTheEndAreRefused) {

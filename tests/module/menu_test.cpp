@@ -143,93 +143,87 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
     u32 id;
     const char* unit;
   };
-  struct Row {
-    const char* name;
-    const Screen& screen;
-    u32 start;
-    const char* keys;
-    const char* screens;  // the value before each key
-    u32 after;            // what the variable then holds
-    u16 flag = 0;
-  };
   const Screen kRate{qamMenuSetSymRate, kVarSymbolRate, " 70:Mbps"};
   const Screen kLevel{qamMenuSetRfLevel, kVarLevel, " 70:dBuV"};
   const Screen kFreq{qamMenuSetRfFreq, kVarFrequency, " 82:MHz"};
   const Screen kMegahertz{qamMenuGetQamInfo, kVarFrequency, " 74:MHz"};
   const Screen kDegrees{qamMenuGetQamTempr, kVarFrequency, " 74:*"};
-  const Row rows[] = {
-      {"rate below its range", kRate, 4000, "o", "[5].000", 5000},
-      {"rate above its range", kRate, 8000, "o", "[7].000", 7000},
-      {"rate between eighths", kRate, 6999, "o", "[6].999", 6999},
-      {"rate goes round in eighths", kRate, 6750, "ruuddo", "[6].750 6.[750] 6.[875] 6.[000] 6.[875] 6.[750]",
-       6750},
-      {"rate stays in its range", kRate, 6875, "uruldddo",
-       "[6].875 [7].000 7.[000] 7.[000] [7].000 [6].000 [5].000 [5].000", 5000},
-      {"fraction runs over", kRate, 6900, "ruo", "[6].900 6.[900] 6.[025]", 6025},
-      {"fraction runs under", kRate, 6050, "rdo", "[6].050 6.[050] 6.[461]", 6461},
-      {"two stops of the rate", kRate, 6875, "rrllx", "[6].875 6.[875] [6].875 6.[875] [6].875", 6875},
-
-      {"level below its range", kLevel, 0, "o", "[0]95.0", 950},
-      {"level above its range", kLevel, 65535, "o", "[1]15.0", 1150},
-      {"level's hundreds", kLevel, 960, "uudo", "[0]96.0 [1]15.0 [1]15.0 [0]95.0", 950},
-      {"tens down from 0", kLevel, 1000, "rddo", "[1]00.0 1[0]0.0 1[1]0.0 1[0]0.0", 1000},
-      {"tens up from 9", kLevel, 990, "ruo", "[0]99.0 0[9]9.0 0[9]5.0", 950},
-      {"units down from 0", kLevel, 1000, "rrdo", "[1]00.0 1[0]0.0 10[0].0 10[1].0", 1010},
-      {"units up from 9", kLevel, 1090, "rruo", "[1]09.0 1[0]9.0 10[9].0 10[0].0", 1000},
-      {"tenths", kLevel, 1000, "luudo", "[1]00.0 100.[0] 100.[5] 100.[0] 100.[5]", 1005},
-      {"tenths past 9", kLevel, 1003, "luuo", "[1]00.3 100.[3] 100.[8] 101.[3]", 1013},
-      {"tenths below 0", kLevel, 1002, "ldo", "[1]00.2 100.[2] 099.[7]", 997},
-      {"stops of the level", kLevel, 1000, "rrrrlllx",
-       "[1]00.0 1[0]0.0 10[0].0 100.[0] [1]00.0 100.[0] 10[0].0 1[0]0.0", 1000},
-
-      {"frequency below its range", kFreq, 51999, "o", "[0]052.000", 52000},
-      {"frequency above its range", kFreq, 4000000000, "o", "[1]000.000", 1000000},
-      {"frequency's thousands", kFreq, 554000, "uudo", "[0]554.000 [1]000.000 [1]000.000 [0]052.000", 52000},
-      {"digits go round", kFreq, 954000, "rullduo",
-       "[0]954.000 0[9]54.000 0[0]54.000 [0]054.000 0054.00[0] 0054.00[9] 0054.00[0]", 54000},
-      {"stops of the frequency", kFreq, 474000, "rrrrrrrlllx",
-       "[0]474.000 0[4]74.000 04[7]4.000 047[4].000 0474.[0]00 0474.0[0]0 0474.00[0] [0]474.000 0474.00[0] "
-       "0474.0[0]0 0474.[0]00",
-       474000},
-
-      {"cancel", kLevel, 0, "lux", "[0]95.0 095.[0] 095.[5]", 0},
-      {"leave", kRate, 6875, "dq", "[6].875 [5].875", 6875},
-      {"no key and other codes", kFreq, 474000, ".?!.o",
-       "[0]474.000 [0]474.000 [0]474.000 [0]474.000 [0]474.000", 474000},
-      {"only shown", kLevel, 0, "..o", "095.0 095.0 095.0", 0, item_t::kReadOnly},
-      {"last digits of a frequency", kMegahertz, 1052007, ".o", "52.007 52.007", 1052007, item_t::kReadOnly},
-      {"a screen that does not wait", kMegahertz, 52007, "", "", 52007},
-      {"last digits of a temperature", kDegrees, 205, ".o", "05 05", 205},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  // The value before each key, and what the variable then holds.
+  const auto session = [&](const char* name, const Screen& on, u32 start, const char* keys,
+                           const char* screens, u32 after, u16 flag = 0) {
+    SCOPED_TRACE(name);
     QamParaS& settings = fake.start(2)->qam_para;
-    const auto& [handler, id, unit] = row.screen;
+    const auto& [handler, id, unit] = on;
     u32& value = id == kVarSymbolRate ? settings.symbolrate
                  : id == kVarLevel    ? settings.rflevel
                                       : settings.rfreq;
-    value = row.start;
-    const item_t item{.id = id, .flag = row.flag, .en = "Item"_label};
-    std::string screens;
-    const char* key = row.keys;
+    value = start;
+    const item_t item{.id = id, .flag = flag, .en = "Item"_label};
+    std::string shown;
+    const char* key = keys;
     fake.onKeyScan = [&] {
       if (*key == '\0') fake.leave();
-      const std::string shown = screen();
-      EXPECT_TRUE(shown.starts_with("16:") && shown.ends_with(unit)) << shown;
-      screens += (screens.empty() ? "" : " ") + shown.substr(3, shown.rfind(' ') - 3);
+      const std::string now = screen();
+      EXPECT_TRUE(now.starts_with("16:") && now.ends_with(unit)) << now;
+      shown += (shown.empty() ? "" : " ") + now.substr(3, now.rfind(' ') - 3);
       const auto code = std::string_view(".oxudlr?!").find(*key);
       return *key++ == 'q' ? u8{0xFF} : static_cast<u8>(code);
     };
     EXPECT_TRUE(fake.runs([&] { EXPECT_EQ(handler(&item, 2, 0x101), 0); })) << "it goes on";
     EXPECT_STREQ(key, "") << "it has ended";
     EXPECT_EQ(fake.log.front(), "heading Item 0 10000000");
-    EXPECT_EQ(screens, row.screens);
-    EXPECT_EQ(value, row.after);
-    EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), row.after != row.start);
+    EXPECT_EQ(shown, screens);
+    EXPECT_EQ(value, after);
+    EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), after != start);
     fake.forget();
     EXPECT_EQ(handler(nullptr, 2, 0), -1);
     EXPECT_EQ(fake.log, Lines{});
-  }
+  };
+  session("rate below its range", kRate, 4000, "o", "[5].000", 5000);
+  session("rate above its range", kRate, 8000, "o", "[7].000", 7000);
+  session("rate between eighths", kRate, 6999, "o", "[6].999", 6999);
+  session("rate goes round in eighths", kRate, 6750, "ruuddo",
+          "[6].750 6.[750] 6.[875] 6.[000] 6.[875] 6.[750]", 6750);
+  session("rate stays in its range", kRate, 6875, "uruldddo",
+          "[6].875 [7].000 7.[000] 7.[000] [7].000 [6].000 [5].000 [5].000", 5000);
+  session("fraction runs over", kRate, 6900, "ruo", "[6].900 6.[900] 6.[025]", 6025);
+  session("fraction runs under", kRate, 6050, "rdo", "[6].050 6.[050] 6.[461]", 6461);
+  session("two stops of the rate", kRate, 6875, "rrllx", "[6].875 6.[875] [6].875 6.[875] [6].875", 6875);
+
+  session("level below its range", kLevel, 0, "o", "[0]95.0", 950);
+  session("level above its range", kLevel, 65535, "o", "[1]15.0", 1150);
+  session("level's hundreds", kLevel, 960, "uudo", "[0]96.0 [1]15.0 [1]15.0 [0]95.0", 950);
+  session("tens down from 0", kLevel, 1000, "rddo", "[1]00.0 1[0]0.0 1[1]0.0 1[0]0.0", 1000);
+  session("tens up from 9", kLevel, 990, "ruo", "[0]99.0 0[9]9.0 0[9]5.0", 950);
+  session("units down from 0", kLevel, 1000, "rrdo", "[1]00.0 1[0]0.0 10[0].0 10[1].0", 1010);
+  session("units up from 9", kLevel, 1090, "rruo", "[1]09.0 1[0]9.0 10[9].0 10[0].0", 1000);
+  session("tenths", kLevel, 1000, "luudo", "[1]00.0 100.[0] 100.[5] 100.[0] 100.[5]", 1005);
+  session("tenths past 9", kLevel, 1003, "luuo", "[1]00.3 100.[3] 100.[8] 101.[3]", 1013);
+  session("tenths below 0", kLevel, 1002, "ldo", "[1]00.2 100.[2] 099.[7]", 997);
+  session("stops of the level", kLevel, 1000, "rrrrlllx",
+          "[1]00.0 1[0]0.0 10[0].0 100.[0] [1]00.0 100.[0] 10[0].0 1[0]0.0", 1000);
+
+  session("frequency below its range", kFreq, 51999, "o", "[0]052.000", 52000);
+  session("frequency above its range", kFreq, 4000000000, "o", "[1]000.000", 1000000);
+  session("frequency's thousands", kFreq, 554000, "uudo", "[0]554.000 [1]000.000 [1]000.000 [0]052.000",
+          52000);
+  session("digits go round", kFreq, 954000, "rullduo",
+          "[0]954.000 0[9]54.000 0[0]54.000 [0]054.000 0054.00[0] 0054.00[9] 0054.00[0]", 54000);
+  session(
+      "stops of the frequency", kFreq, 474000, "rrrrrrrlllx",
+      "[0]474.000 0[4]74.000 04[7]4.000 047[4].000 0474.[0]00 0474.0[0]0 0474.00[0] [0]474.000 0474.00[0] "
+      "0474.0[0]0 0474.[0]00",
+      474000);
+
+  session("cancel", kLevel, 0, "lux", "[0]95.0 095.[0] 095.[5]", 0);
+  session("leave", kRate, 6875, "dq", "[6].875 [5].875", 6875);
+  session("no key and other codes", kFreq, 474000, ".?!.o",
+          "[0]474.000 [0]474.000 [0]474.000 [0]474.000 [0]474.000", 474000);
+  session("only shown", kLevel, 0, "..o", "095.0 095.0 095.0", 0, item_t::kReadOnly);
+  session("last digits of a frequency", kMegahertz, 1052007, ".o", "52.007 52.007", 1052007,
+          item_t::kReadOnly);
+  session("a screen that does not wait", kMegahertz, 52007, "", "", 52007);
+  session("last digits of a temperature", kDegrees, 205, ".o", "05 05", 205);
 }
 
 }  // namespace

@@ -32,24 +32,19 @@ Lines onThePort(u8 port, Bytes packet, int count) {
 
 TEST_F(SendTask, PacketsTakeTheContinuityCountOfTheirPidAndPort) {
   fake.start(2);
-  struct Row {
-    u8 port, flags;
-    u16 pid;
-    int repeat, firstCount;
-  };
-  for (const Row& row : {Row{0, 0x40, 0, 300, 0},
-                         {1, 0x40, 0, 1, 0},
-                         {0, 0x40, 0x1FFF, 2, 0},
-                         {0, 0x40, 0x0FFF, 1, 0},
-                         {0, 0xA0, 0x1FFF, 1, 2},
-                         {0, 0x00, 0, 1, 300},
-                         {1, 0x40, 0, 1, 1}}) {
-    const Bytes packet = packetOn(row.pid, row.flags);
-    for (int count = row.firstCount; count < row.firstCount + row.repeat; ++count) {
-      ASSERT_EQ(fake.stepsOf([&] { qamWritePsi(2, packet.data(), row.port); }),
-                onThePort(row.port, packet, count));
+  const auto send = [&](u8 port, u16 pid, u8 flags, int first, int end) {
+    const Bytes packet = packetOn(pid, flags);
+    for (int count = first; count < end; ++count) {
+      ASSERT_EQ(fake.stepsOf([&] { qamWritePsi(2, packet.data(), port); }), onThePort(port, packet, count));
     }
-  }
+  };
+  send(0, 0, 0x40, 0, 300);
+  send(1, 0, 0x40, 0, 1);
+  send(0, 0x1FFF, 0x40, 0, 2);
+  send(0, 0x0FFF, 0x40, 0, 1);
+  send(0, 0x1FFF, 0xA0, 2, 3);
+  send(0, 0, 0x00, 300, 301);
+  send(1, 0, 0x40, 1, 2);
 }
 
 TEST_F(SendTask, SendsWhatIsQueuedWhenThePortIsReady) {

@@ -126,23 +126,17 @@ TEST_F(Snmp, AWalkOfEachSlotGivesItsCard) {
 TEST_F(Snmp, ARowHasOneInstanceAndIsNextForAllNamesBeforeIt) {
   fake.start(3);
   chassis::variable row = rows(5)[4];
-  const Name instance = below("5.2.51.1.4.0");
-  const auto found = [&](Name name, bool exact) {
-    const Name request = name;
+  const auto finds = [&](const char* asked, bool exact) {
+    Name name = below(asked);
     const bool any = ask(row, name, exact).value != nullptr;
-    EXPECT_EQ(name, any ? instance : request);
+    EXPECT_EQ(name, below(any ? "5.2.51.1.4.0" : asked));
     return any;
   };
-  EXPECT_TRUE(found(instance, true));
-  EXPECT_FALSE(found(instance, false));
-  for (const char* before : {"4.2.51.1.4.0", "5", "5.2.51.1.4", "5.2.51.1.3.9.9"}) {
-    EXPECT_FALSE(found(below(before), true)) << before;
-    EXPECT_TRUE(found(below(before), false)) << before;
-  }
-  for (const char* behind : {"5.2.51.1.4.0.0", "5.2.51.1.4.1", "6.2.51.1.4.0"}) {
-    EXPECT_FALSE(found(below(behind), true)) << behind;
-    EXPECT_FALSE(found(below(behind), false)) << behind;
-  }
+  EXPECT_TRUE(finds("5.2.51.1.4.0", true) && !finds("5.2.51.1.4.0", false));
+  for (const char* before : {"4.2.51.1.4.0", "5", "5.2.51.1.4", "5.2.51.1.3.9.9"})
+    EXPECT_TRUE(!finds(before, true) && finds(before, false)) << before;
+  for (const char* behind : {"5.2.51.1.4.0.0", "5.2.51.1.4.1", "6.2.51.1.4.0"})
+    EXPECT_TRUE(!finds(behind, true) && !finds(behind, false)) << behind;
 }
 
 TEST_F(Snmp, NothingIsReadOfOtherSlotsAndOfValuesThatAreNone) {
@@ -157,54 +151,55 @@ TEST_F(Snmp, NothingIsReadOfOtherSlotsAndOfValuesThatAreNone) {
   EXPECT_TRUE(text.value == nullptr && text.size == 0) << "a slot without a card";
 }
 
-// Of several faults the first is told.
 TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
-  struct Row {
-    const char* name;
-    std::string instance;  // from the component of the slot on
-    Bytes encoding;        // whose first two bytes are type and length as the agent tells them
+  // What is answered in ACTION and in each other phase; type and length are those of the encoding.
+  struct Outcome {
     int inAction, otherwise;
-    std::string said = {};     // in every phase that answers as ACTION does
-    const char* touched = "";  // the register that tells of the change; empty: none is touched
-    u32 stored = 0;
+    std::string said;  // in every phase that answers as ACTION does
+    bool operator==(const Outcome&) const = default;
+  };
+  const auto outcome = [&](const std::string& instance, const Bytes& encoding) {
+    for (const u8 slot : {u8{0}, u8{3}, u8{5}}) fake.start(slot);
+    const auto answered = [&](int phase) {
+      fake.forget();
+      return write(phase, instance, encoding[1], encoding);
+    };
+    const int otherwise = answered(chassis::RESERVE1);
+    for (const int phase : {1, 3, 4, 5}) EXPECT_EQ(answered(phase), otherwise) << phase;
+    EXPECT_EQ(fake.steps, Lines{});
+    Outcome found{answered(chassis::ACTION), otherwise, ""};
+    for (const std::string& call : fake.log) found.said += call.starts_with("debug ") ? call.substr(6) : "";
+    return found;
   };
   const std::string unknown =
       fmt::format("in4_reMap Error .{}5.2.51.1.9.4294967295.is not exist in the mib\r\n", kBase);
-  const Row rows[] = {{"another type", "8.2.51.1.9", {5, 9}, 7, 7, "type disagreement!\r\n"},
-                      {"five bytes", "8.2.51.1.9", {2, 5, 0, 0, 0, 0, 1}, 8, 8},
-                      {"an unknown row", "5.2.51.1.9.4294967295", {2, 0}, 2, 2, unknown},
-                      {"half a name", "5.2.51.1", {2, 0}, 2, 2},
-                      {"nothing", "8.2.51.1.4.0", {2, 0}, 10, 10},
-                      {"below the slots", "1.2.51.1.3.0", {2, 1, 7}, -2, 0, "slotNo is 1, snmp error!\n"},
-                      {"an empty slot", "6.1.19.1.2.0", {2, 1, 7}, 10, 0},
-                      {"a reading", "5.3.51.1.12.0", {2, 3, 7, 0x3B, 0x90}, 2, 0},
-                      {"the other switch", "5.3.51.1.15.0", {2, 1, 0}, 0, 0},
-                      {"constellation", "5.2.51.1.3.0", {2, 1, 7}, 0, 0, "", "qam_mode=7", 7},
-                      {"frequency", "5.2.51.1.4.0", {2, 3, 7, 0x3B, 0x90}, 0, 0, "", "lo2_", 474000},
-                      {"four bytes", "5.2.51.1.7.0", {2, 4, 0, 0, 0, 0}, 0, 0, "", "power=0", 0},
-                      {"a negative number", "5.2.51.1.7", {2, 1, 0xFE}, 0, 0, "", "power=65534", 254},
-                      {"the first slot", "2.2.51.1.3.0", {2, 1, 7}, 0, 0, "", "qam_mode=7", 7},
-                      {"the last slot", "7.2.51.1.3.0", {2, 1, 7}, 0, 0, "", "qam_mode=7", 7}};
-  for (const Row& row : rows) {
-    for (const u8 slot : {u8{0}, u8{3}, u8{5}}) fake.start(slot);
-    const Name name = below(row.instance);
-    for (const int phase : {0, 1, 3, 4, 5, 2}) {
-      SCOPED_TRACE(fmt::format("{}, phase {}", row.name, phase));
-      fake.forget();
-      const int expected = phase == chassis::ACTION ? row.inAction : row.otherwise;
-      const bool changes = phase == chassis::ACTION && *row.touched != 0;
-      EXPECT_EQ(write(phase, row.instance, row.encoding[1], row.encoding), expected);
-      std::string said;
-      for (const std::string& call : fake.log) said += call.starts_with("debug ") ? call.substr(6) : "";
-      EXPECT_EQ(said, expected == row.inAction ? row.said : "");
-      const auto isTouched = [&](const std::string& step) { return step.starts_with(row.touched); };
-      EXPECT_EQ(std::any_of(fake.steps.begin(), fake.steps.end(), isTouched), changes);
-      if (!changes) continue;
-      const auto slotNo = static_cast<u8>(name[10] - 2);
-      EXPECT_EQ(QamGetVar(slotNo, 0, idOf(name), nullptr), row.stored);
-      EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), fmt::format("save {}", slotNo)), 1);
-    }
-  }
+  // Of several faults the first is told.
+  EXPECT_EQ(outcome("8.2.51.1.9", {5, 9}), (Outcome{7, 7, "type disagreement!\r\n"}));
+  EXPECT_EQ(outcome("8.2.51.1.9", {2, 5, 0, 0, 0, 0, 1}), (Outcome{8, 8, ""}));
+  EXPECT_EQ(outcome("5.2.51.1.9.4294967295", {2, 0}), (Outcome{2, 2, unknown}));
+  EXPECT_EQ(outcome("5.2.51.1", {2, 0}), (Outcome{2, 2, ""})) << "half a name";
+  EXPECT_EQ(outcome("8.2.51.1.4.0", {2, 0}), (Outcome{10, 10, ""}));
+  EXPECT_EQ(outcome("1.2.51.1.3.0", {2, 1, 7}), (Outcome{-2, 0, "slotNo is 1, snmp error!\n"}));
+  EXPECT_EQ(outcome("6.1.19.1.2.0", {2, 1, 7}), (Outcome{10, 0, ""})) << "an empty slot";
+  EXPECT_EQ(outcome("5.3.51.1.12.0", {2, 3, 7, 0x3B, 0x90}), (Outcome{2, 0, ""})) << "a reading";
+  EXPECT_EQ(outcome("5.3.51.1.15.0", {2, 1, 0}), (Outcome{0, 0, ""})) << "the other switch";
+  EXPECT_EQ(fake.steps, Lines{});
+
+  const auto sets = [&](const std::string& instance, const Bytes& encoding, const std::string& reg,
+                        u32 value) {
+    EXPECT_EQ(outcome(instance, encoding), (Outcome{0, 0, ""}));
+    const Name name = below(instance);
+    const auto slotNo = static_cast<u8>(name[10] - 2);
+    EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), fmt::format("save {}", slotNo)), 1);
+    EXPECT_EQ(QamGetVar(slotNo, 0, idOf(name), nullptr), value);
+    return std::count(fake.steps.begin(), fake.steps.end(), reg) > 0;
+  };
+  EXPECT_TRUE(sets("5.2.51.1.3.0", {2, 1, 7}, "qam_mode=7", 7));
+  EXPECT_TRUE(sets("5.2.51.1.4.0", {2, 3, 7, 0x3B, 0x90}, "lo2_q1_le=1", 474000));
+  EXPECT_TRUE(sets("5.2.51.1.7.0", {2, 4, 0, 0, 0, 0}, "power=0", 0));
+  EXPECT_TRUE(sets("5.2.51.1.7", {2, 1, 0xFE}, "power=65534", 254));
+  EXPECT_TRUE(sets("2.2.51.1.3.0", {2, 1, 7}, "qam_mode=7", 7)) << "the first slot";
+  EXPECT_TRUE(sets("7.2.51.1.3.0", {2, 1, 7}, "qam_mode=7", 7)) << "the last slot";
 }
 
 TEST_F(Snmp, ATextIsKeptWholeAndARowOfNumbersTakesItsAddress) {

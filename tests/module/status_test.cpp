@@ -28,46 +28,35 @@ constexpr u16 kOut1 = 1 << 11, kOut2 = 1 << 10;  // the outputs' bits on the mai
 using Status = DeviceTest;
 
 TEST_F(Status, PassesTellTheAlarmListWhatHasChanged) {
-  struct Pass {
-    const char* finds;
-    u16 lost;  // the lock register
-    double degrees;
-    u16 overflow;  // the main board's register
-    Lines calls;
-  };
-  const Pass passes[] = {
-      {"an alarm of the saved record ended", 0, 20, 0, {kBack1}},
-      {"both inputs lost", 3, 20, 0, {kLost1, kLost2}},
-      {"no news", 3, 20, 0, {}},
-      {"input 1 back", 2, 20, 0, {kBack1}},
-      {"the inputs change places", 1, 20, 0, {kLost1, kBack2}},
-      {"other bits than the inputs'", 0xFFFC, 20, 0, {kBack1}},
-      {"input 2 lost", 2, 20, 0, {kLost2}},
-      {"almost hot", 2, 69.75, 0, {}},
-      {"hot", 2, 70, 0, {kHot}},
-      {"at the sensor's end", 2, 127, 0, {}},
-      {"cooler", 2, 69, 0, {kCooled}},
-      {"below zero, which reads as 255", 2, -1, 0, {kHot}},
-      {"zero", 2, 0, 0, {kCooled}},
-      {"others overflow", 2, 20, static_cast<u16>(~(kOut1 | kOut2)), {}},
-      {"output 1 overflows", 2, 20, kOut1, {kOver1}},
-      {"output 2 waits for output 1", 2, 20, kOut1 | kOut2, {}},
-      {"output 1 is done", 2, 20, kOut2, {kKept1, kOver2}},
-      {"output 1 again", 2, 20, kOut1 | kOut2, {kOver1}},
-      {"none", 2, 20, 0, {kKept1, kKept2}},
-  };
   QamCardPara* record = fake.start(2);
-  record->qam_para.status = 0xA1;
-  for (const Pass& pass : passes) {
-    SCOPED_TRACE(pass.finds);
-    QamFpgaIf[2]->tslock = pass.lost;
-    chassis::pbbFpgaIf->rate_overflow = pass.overflow;
-    board.sensor(2).temperature(pass.degrees, fake.now);
+  // What a pass tells, with these bits of the lock register and of the main board's.
+  const auto told = [&](u16 lost, double degrees, u16 overflow) {
+    QamFpgaIf[2]->tslock = lost;
+    chassis::pbbFpgaIf->rate_overflow = overflow;
+    board.sensor(2).temperature(degrees, fake.now);
     fake.forget();
     chassis::head->statusCheck(2);
-    EXPECT_EQ(fake.log, pass.calls);
-  }
+    return fake.log;
+  };
+  record->qam_para.status = 0xA1;
+  EXPECT_EQ(told(0, 20, 0), Lines{kBack1}) << "an alarm of the saved record has ended";
+  EXPECT_EQ(told(3, 20, 0), (Lines{kLost1, kLost2}));
+  EXPECT_EQ(told(3, 20, 0), Lines{}) << "no news";
+  EXPECT_EQ(told(2, 20, 0), Lines{kBack1});
+  EXPECT_EQ(told(1, 20, 0), (Lines{kLost1, kBack2}));
+  EXPECT_EQ(told(0xFFFC, 20, 0), Lines{kBack1}) << "other bits than the inputs'";
+  EXPECT_EQ(told(2, 69.75, 0), Lines{kLost2});
   EXPECT_EQ(record->qam_para.status, 0xA2);
+  EXPECT_EQ(told(2, 70, 0), Lines{kHot});
+  EXPECT_EQ(told(2, 127, 0), Lines{});
+  EXPECT_EQ(told(2, 69, 0), Lines{kCooled});
+  EXPECT_EQ(told(2, -1, 0), Lines{kHot}) << "reads as 255";
+  EXPECT_EQ(told(2, 0, static_cast<u16>(~(kOut1 | kOut2))), Lines{kCooled});
+  EXPECT_EQ(told(2, 20, kOut1), Lines{kOver1});
+  EXPECT_EQ(told(2, 20, kOut1 | kOut2), Lines{}) << "output 2 waits for output 1";
+  EXPECT_EQ(told(2, 20, kOut2), (Lines{kKept1, kOver2}));
+  EXPECT_EQ(told(2, 20, kOut1 | kOut2), Lines{kOver1});
+  EXPECT_EQ(told(2, 20, 0), (Lines{kKept1, kKept2}));
 }
 
 TEST_F(Status, ASlotWithoutARecordHasNone) {
@@ -80,9 +69,8 @@ TEST_F(Status, TheWatchdogsTaskKicksFiveTimesASecond) {
   taskDQam();
   EXPECT_EQ(fake.log, (Lines{"spawn tDQamSysCheck 232 0 4096 (0 0 00000000)"}));
   fake.tickHz = 60;
-  int delays = 0;
-  fake.onCall = [&](std::string_view call) {
-    if (call == "delay" && ++delays == 3) fake.leave();
+  fake.onCall = [&, delays = 0](std::string_view) mutable {
+    if (++delays == 3) fake.leave();
   };
   EXPECT_FALSE(fake.runs([&] { fake.tasks.at(0).entry(0, 0, 0, 0, 0, 0, 0, 0, 0, 0); }));
   EXPECT_EQ(fake.steps, (Lines{"60 ticks", "dog", "dog", "dog", "dog", "dog",  //

@@ -212,24 +212,19 @@ TEST_F(BackEnd, APidThatEndsInNineOnesIsAFreePlace) {
 }
 
 TEST_F(BackEnd, PmtIsCountedOnItsPidUpToTheEndOfTheStore) {
-  struct Row {
-    const char* name;
-    std::vector<std::pair<u16, u8>> store;  // PIDs and types
-    u16 pid, count;
-  };
-  const Row rows[] = {{"its PID only", {{0x100, 1}, {0x101, 1}, {0x100, 0}, {0x100, 1}}, 0x100, 2},
-                      {"up to an erased PID", {{0x100, 1}, {0xFFFF, 1}, {0x100, 1}}, 0x100, 1},
-                      {"up to an erased type", {{0x100, 1}, {0x101, 0xFF}, {0x100, 1}}, 0x100, 1},
-                      {"the last one too", {{0x1FFF, 1}, {0xFFFF, 1}, {0xFFFF, 1}}, 0xFFFF, 1},
-                      {"a full store", {512, {0x100, 1}}, 0x100, 512}};
-  for (const Row& row : rows) {
+  const auto counted = [&](const std::vector<std::pair<u16, u8>>& store, u16 pid) {  // PIDs and types
     qam_set_default_psipkt(0, 0, &para);
-    for (std::size_t i = 0; i < row.store.size(); ++i) {
-      para.psiPkt[0][i].pid = row.store[i].first;
-      para.psiPkt[0][i].psiType = row.store[i].second;
+    for (std::size_t i = 0; i < store.size(); ++i) {
+      para.psiPkt[0][i].pid = store[i].first;
+      para.psiPkt[0][i].psiType = store[i].second;
     }
-    EXPECT_EQ(QamGetPsiPktNumSamePidTid(0, row.pid, kPmt, &para), row.count) << row.name;
-  }
+    return QamGetPsiPktNumSamePidTid(0, pid, kPmt, &para);
+  };
+  EXPECT_EQ(counted({{0x100, 1}, {0x101, 1}, {0x100, 0}, {0x100, 1}}, 0x100), 2);
+  EXPECT_EQ(counted({{0x100, 1}, {0xFFFF, 1}, {0x100, 1}}, 0x100), 1) << "up to an erased PID";
+  EXPECT_EQ(counted({{0x100, 1}, {0x101, 0xFF}, {0x100, 1}}, 0x100), 1) << "up to an erased type";
+  EXPECT_EQ(counted({{0x1FFF, 1}, {0xFFFF, 1}, {0xFFFF, 1}}, 0xFFFF), 1) << "the last one too";
+  EXPECT_EQ(counted({512, {0x100, 1}}, 0x100), 512);
 }
 
 TEST_F(BackEnd, ReadsGiveThePacketsAskedFor) {
@@ -237,26 +232,19 @@ TEST_F(BackEnd, ReadsGiveThePacketsAskedFor) {
   write(kPackets, chunk(0, kPat, {20, 21, 22}));
   write(kPackets, chunk(0x200, kPmt, {30}));
   write(kPackets, chunk(0x100, kPmt, {6, 7, 8, 9}));
-  struct Row {
-    u16 pid;
-    u8 table;
-    u32 start, total;
-    Bytes marks;
-  };
-  const Row rows[] = {{0, kPat, 0x101, 3, {21, 22}},
-                      {0, kPat, 3, 3, {}},
-                      {0, kPat, 4, 3, {}},
-                      {0x100, kPmt, 1, 9, {2, 3, 4, 5, 6, 7, 8}},
-                      {0x100, kPmt, 0xFFFFFF07, 9, {8, 9}},
-                      {0x200, kPmt, 0, 1, {30}},
-                      {0x300, kPmt, 0, 0, {}},
-                      {0, kNoTable, 2, 0, {}}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(fmt::format("PID {:#x} table {:#x} from {:#x}", row.pid, row.table, row.start));
-    const Reply reply = read(kPackets, request(row.pid, row.table, row.start), 0, 0, 23);
+  const auto expectRead = [&](u16 pid, u8 table, u32 start, u32 total, const Bytes& marks) {
+    const Reply reply = read(kPackets, request(pid, table, start), 0, 0, 23);
     EXPECT_EQ(reply.result, 0);
-    EXPECT_EQ(reply.data, chunk(row.pid, row.table, row.marks, row.total, row.start & 0xFF));
-  }
+    EXPECT_EQ(reply.data, chunk(pid, table, marks, total, start & 0xFF)) << pid << " from " << start;
+  };
+  expectRead(0, kPat, 0x101, 3, {21, 22});
+  expectRead(0, kPat, 3, 3, {});
+  expectRead(0, kPat, 4, 3, {});
+  expectRead(0x100, kPmt, 1, 9, {2, 3, 4, 5, 6, 7, 8});
+  expectRead(0x100, kPmt, 0xFFFFFF07, 9, {8, 9});
+  expectRead(0x200, kPmt, 0, 1, {30});
+  expectRead(0x300, kPmt, 0, 0, {});
+  expectRead(0, kNoTable, 2, 0, {});
   para.pktNum[0][PAT] = 5;
   const Bytes data = read(kPackets, Bytes(8)).data;
   ASSERT_EQ(data.size(), 16U + 5 * 188);
@@ -264,22 +252,19 @@ TEST_F(BackEnd, ReadsGiveThePacketsAskedFor) {
 }
 
 TEST_F(BackEnd, IntervalsAreKeptToSixteenBitsAndSavedByTheLastOne) {
-  struct Row {
-    u8 port, table, type;
-    Lines log = {};
-  };
-  for (const Row& row : {Row{0, 0x01, CAT}, {1, 0x01, CAT, {"save 0"}}, {1, kPat, PAT}}) {
-    SCOPED_TRACE(fmt::format("port {} table {:#x}", row.port, row.table));
+  const auto expectSet = [&](u8 port, u8 table, u8 type, const Lines& log) {
     fake.forget();
     const auto expected = std::make_unique<QamCardPara>(para);
-    expected->Interval[row.port][row.type] = 100;
-    EXPECT_EQ(write(kInterval, interval(row.table, 0x00010064, 7), row.port), 0);
+    expected->Interval[port][type] = 100;
+    EXPECT_EQ(write(kInterval, interval(table, 0x00010064, 7), port), 0);
     EXPECT_EQ(std::memcmp(expected.get(), &para, sizeof para), 0);
-    EXPECT_EQ(fake.log, row.log);
-    para.pktNum[row.port][row.type] = static_cast<u16>(0x0201 + row.type);
-    EXPECT_EQ(read(kInterval, {row.table, 0xEE, 0xEE, 0xEE}, row.port).data,
-              interval(row.table, 100, 0x0201U + row.type));
-  }
+    EXPECT_EQ(fake.log, log);
+    para.pktNum[port][type] = static_cast<u16>(0x0201 + type);
+    EXPECT_EQ(read(kInterval, {table, 0xEE, 0xEE, 0xEE}, port).data, interval(table, 100, 0x0201U + type));
+  };
+  expectSet(0, 0x01, CAT, {});
+  expectSet(1, 0x01, CAT, {"save 0"});
+  expectSet(1, kPat, PAT, {});
 }
 
 // ---- PID maps ----

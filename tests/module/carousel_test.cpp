@@ -1,12 +1,13 @@
-// The carousel: what `qamIntr` posts at which tick, from which store.
+// The carousel: what `qamIntr` posts at which tick, from which store; and the send task.
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
+#include <numeric>
 #include <random>
 
 #include "tests/module/carousel_model.h"
 #include "tests/module/chassis.h"
+#include "ts/qamIntr.h"
 
 namespace test {
 namespace {
@@ -52,35 +53,10 @@ std::vector<u32> tick(u8 slot, u8 port, int room = 256) {
 
 using Carousel = ModuleTest;
 
-// Told by hand; the model, which tells any other, agrees.
-TEST_F(Carousel, PostsPacketsAtTheTicksOfTheirTable) {
-  struct Row {
-    const char* name;
-    u8 slot, port;
-    const char* store;
-    u16 interval;
-    std::string posts;  // the first, as tick:index
-  };
-  const Row rows[] = {{"longer than the interval", 0, 0, "Aaaa", 2, "1:0 2:1 3:2 4:3 5:0 6:1 "},
-                      {"a section a group", 0, 0, "AaAaa", 10, "1:0 2:1 11:2 12:3 13:4 21:0 "},
-                      {"all PMT one group", 0, 0, "MmMM", 10, "2:0 3:1 4:2 5:3 12:0 13:1 "},
-                      {"staggered", 2, 1, "KBXNOCMA", 300, "15:7 16:6 17:5 18:4 19:3 20:2 21:1 22:0 "},
-                      {"an SDT holds back its PID", 0, 0, "CcccOB", 100, "3:0 4:1 5:2 6:3 6:4 7:5 "},
-                      {"startless packets stand alone", 0, 0, "aaA", 10, "1:0 11:1 20:2 30:0 "}};
-  for (const Row& row : rows) {
-    QamCardPara& para = *fake.start(row.slot);
-    std::fill_n(para.Interval[row.port], 8, row.interval);
-    rebuild(para, row.slot, row.port, row.store);
-    std::string posts;
-    for (int t = 1; posts.size() < row.posts.size() && t < 400; ++t)
-      for (const u32 index : tick(row.slot, row.port)) posts += fmt::format("{}:{} ", t, index);
-    EXPECT_EQ(posts, row.posts) << row.name;
-  }
-}
-
 // Module and model side by side.
 TEST_F(Carousel, KeepsToTheModelWithAnyStoreAndLoad) {
   for (u8 slot = 0; slot < 6; ++slot) fake.start(slot);
+  const std::size_t blocks = fake.blocks.size();
   for (u32 seed = 0; seed < 400; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
@@ -115,19 +91,63 @@ TEST_F(Carousel, KeepsToTheModelWithAnyStoreAndLoad) {
     }
     rebuild(para, slot, port, "");
     tick(slot, port);
+    ASSERT_EQ(fake.blocks.size(), blocks) << "a rebuild gives back every node";
   }
 }
 
-TEST_F(Carousel, ARebuildGivesBackEveryNode) {
-  QamCardPara& para = *fake.start(0);
-  const std::size_t before = fake.blocks.size();
-  std::string full(512, 'a');
-  for (std::size_t i = 0; i < full.size(); ++i) full[i] = "AmconxbkaM"[i % 10];
-  for (const std::string& store : {full, std::string("A"), full, std::string("CcB"), std::string()}) {
-    rebuild(para, 0, 1, store);
-    EXPECT_EQ(fake.blocks.size() - before, store.size());
-    tick(0, 1);
+// ---- From a queue's indices to the PSI ports ----
+
+// 188 bytes of which no two neighbours agree, on the PID.
+Bytes packetOn(u16 pid, u8 flags = 0x40) {
+  Bytes packet(188);
+  std::iota(packet.begin(), packet.end(), u8{0x47});
+  packet[1] = static_cast<u8>(flags | pid >> 8);
+  packet[2] = static_cast<u8>(pid);
+  packet[3] = 0x9E;
+  return packet;
+}
+
+// The port's accesses for a packet that goes out with this count.
+Lines onThePort(u8 port, Bytes packet, int count) {
+  packet[3] = static_cast<u8>(0x90 | (count & 0x0F));
+  Lines steps;
+  for (const u8 byte : packet) steps.push_back(fmt::format("PsiData{}={}", port, byte));
+  steps.resize(204, fmt::format("PsiData{}=65535", port));
+  return steps;
+}
+
+TEST_F(Carousel, SentPacketsTakeTheContinuityCountOfTheirPidAndPort) {
+  fake.start(2);
+  const auto send = [&](u8 port, u16 pid, u8 flags, int first, int end) {
+    const Bytes packet = packetOn(pid, flags);
+    for (int count = first; count < end; ++count) {
+      ASSERT_EQ(fake.stepsOf([&] { qamWritePsi(2, packet.data(), port); }), onThePort(port, packet, count));
+    }
+  };
+  send(0, 0, 0x40, 0, 300);
+  send(1, 0, 0x40, 0, 1);
+  send(0, 0x1FFF, 0x40, 0, 2);
+  send(0, 0x0FFF, 0x40, 0, 1);
+  send(0, 0x1FFF, 0xA0, 2, 3);
+  send(0, 0, 0x00, 300, 301);
+  send(1, 0, 0x40, 1, 2);
+}
+
+TEST_F(Carousel, TheSendTaskSendsWhatIsQueuedWhenThePortIsReady) {
+  QamCardPara& para = *fake.start(2);
+  for (const u8 port : {u8{0}, u8{1}}) {
+    const Bytes first = packetOn(0x20), last = packetOn(0x21);
+    std::copy(first.begin(), first.end(), para.psiPkt[port][0].psiData);
+    std::copy(last.begin(), last.end(), para.psiPkt[port][511].psiData);
+    fake.onRead = [polls = 0](u32) mutable { return static_cast<u16>(++polls % 4 == 0 ? 0x8000 : 0); };
+    fake.queues[port]->messages = {0, 512, 511, 0x10000, 0xFFFFFFFF, 0};
+    fake.forget();
+    EXPECT_FALSE(fake.runs(fake.tasks[port]));
+    const Lines polled(4, fmt::format("PsiRdy{}?", port));
+    EXPECT_EQ(fake.steps, polled + onThePort(port, first, 0) + polled + onThePort(port, last, 0) + polled +
+                              onThePort(port, first, 1));
   }
+  EXPECT_EQ(QamTaskPsiSend(3, 0), -1) << "a slot without a record";
 }
 
 }  // namespace

@@ -201,7 +201,7 @@ int taskSpawn(const char* name, int priority, int options, int stackSize, FUNCPT
               int arg3, int arg4, int arg5, int arg6, int arg7, int arg8, int arg9, int arg10) {
   const int others[] = {arg3, arg4, arg5, arg6, arg7, arg8, arg9, arg10};
   note("spawn {} {} {} {} ({} {} {})", name, priority, options, stackSize, arg1, arg2, fmt::join(others, ""));
-  current->tasks.push_back({entry, arg1, arg2});
+  current->tasks.emplace_back([=] { entry(arg1, arg2, arg3, arg4, arg5, arg6, arg7, arg8, arg9, arg10); });
   return 1;
 }
 

@@ -85,11 +85,7 @@ struct FakeChassis {
   Lines checks;          // that failed: "unit: text"
   int checkedLine = 0;   // of the last one
   headend::Lcd lcd;
-  struct Task {
-    os::FUNCPTR entry;
-    int slotNo, port;
-  };
-  std::vector<Task> tasks;
+  std::vector<std::function<void()>> tasks;
   std::vector<std::unique_ptr<Queue>> queues;
   const chassis::bc_var* variables = nullptr;                             // the table registered last
   std::vector<chassis::variable4> mibRows;                                // registered last

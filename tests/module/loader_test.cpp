@@ -58,47 +58,38 @@ TEST_F(Loader, ClocksTheStreamInAccessByAccess) {
 }
 
 TEST_F(Loader, TriesAFaultyPartTenTimes) {
-  struct Row {
-    const char* name;
-    u32 reg;
-    u16 value;
-    const char* message;  // of each failed attempt
-    int statusReads;      // in each
-    bool sends;           // the stream, whole
-  };
-  const Row rows[] = {
-      {"no request", kRequest, 0, "fpgaCfg->fpga_ncfg is not 0x3c5a", 0, false},
-      {"status stays 1", kStatus, 0x100, "wait for fpgaCfg->fpga_stat too long, it's 1", 10001, false},
-      {"status stays 0", kStatus, 0, "wait for fpgaCfg->fpga_stat too long, it's 0", 10002, false},
-      {"not done", kDone, 0, "fpgaCfg->fpga_done is 0", 2, true}};
-  for (const Row& row : rows) {
-    for (const bool recovers : {true, false}) {
-      SCOPED_TRACE(fmt::format("{}, {}", row.name, recovers ? "but for the last time" : "ever"));
-      faulty = row.reg;
-      faultyValue = row.value;
-      faultyAttempts = recovers ? 9 : 10;
+  // How each failed attempt ends, after how many reads of the status; whether the whole stream was sent.
+  const auto expectTen = [&](u32 reg, u16 value, const char* message, int reads, bool sends) {
+    SCOPED_TRACE(message);
+    faulty = reg;
+    faultyValue = value;
+    for (faultyAttempts = 9; faultyAttempts <= 10; ++faultyAttempts) {
+      const bool recovers = faultyAttempts == 9;
       attempt = statusReads = 0;
       fake.forget();
       EXPECT_EQ(cfg_qam_fpga(kSlot, kStream.data(), 3), recovers ? 0 : 1);
-
       Lines log;
       std::string streams;
       for (int tried = 1; tried <= 10; ++tried) {
         const bool fails = tried <= faultyAttempts;
-        if (!fails || row.reg != kRequest)
+        if (!fails || reg != kRequest)
           log.push_back(fmt::format("debug fpga_ncfg cfg ok, confNum is {}!\r\n", tried));
-        if (fails) log.push_back(fmt::format("debug slotNo 3 {}\r\n", row.message));
-        if (!fails || row.sends) streams += kBits;
+        if (fails) log.push_back(fmt::format("debug slotNo 3 {}\r\n", message));
+        if (!fails || sends) streams += kBits;
       }
       if (!recovers) log.emplace_back("debug slotNo 3 fpgaCfg->config_protect is 0\r\n");
       EXPECT_EQ(fake.log, log);
       EXPECT_EQ(bitsSent(), streams);
-      EXPECT_EQ(statusReads, faultyAttempts * row.statusReads + (recovers ? 2 : 0));
+      EXPECT_EQ(statusReads, faultyAttempts * reads + (recovers ? 2 : 0));
       EXPECT_EQ(std::count(fake.steps.begin(), fake.steps.end(), kOpen), 10);
       EXPECT_EQ(std::count(fake.steps.begin(), fake.steps.end(), kClosed), 1);
       EXPECT_EQ(fake.steps.back(), kClosed) << "open between attempts";
     }
-  }
+  };
+  expectTen(kRequest, 0, "fpgaCfg->fpga_ncfg is not 0x3c5a", 0, false);
+  expectTen(kStatus, 0x100, "wait for fpgaCfg->fpga_stat too long, it's 1", 10001, false);
+  expectTen(kStatus, 0, "wait for fpgaCfg->fpga_stat too long, it's 0", 10002, false);
+  expectTen(kDone, 0, "fpgaCfg->fpga_done is 0", 2, true);
 }
 
 TEST_F(Loader, KeepsBufferAndFileWhetherThePartStartsOrNot) {
@@ -115,31 +106,22 @@ TEST_F(Loader, KeepsBufferAndFileWhetherThePartStartsOrNot) {
 
 TEST_F(Loader, GoesOnWithoutABitstream) {
   const std::string path = fake.flash.path.string() + kFile;
-  struct Row {
-    std::string message;
-    std::function<void()> arrange;
-  };
-  const Row rows[] = {
-      {"qam fpga can not open /tffs0/K717_QAM/qam.bin file!", [] {}},
-      {"/tffs0/K717_QAM/qam.bin size error 0!", [&] { writeFile(path, {}); }},
-      {"read 5000 bytes data from /tffs0/K717_QAM/qam.bin error!",
-       [&] {
-         writeFile(path, Bytes(5000));
-         fake.onCall = [&](std::string_view call) {
-           if (call == "malloc") fs::resize_file(path, 2);  // behind the loader's back
-         };
-       }},
-      {"bb fpga config FPGA malloc 2 bytes memory failed!", [&] { fake.heapBlocks = 0; }},
-  };
   const std::size_t open = filesIn("/proc/self/fd");
-  for (const Row& row : rows) {
-    row.arrange();
+  const auto expectSaid = [&](const std::string& message) {
     fake.forget();
     EXPECT_EQ(QamfpgaInit(kSlot), 0);
-    EXPECT_EQ(fake.log, (Lines{fmt::format("open {} rb+", kFile), "debug " + row.message + "\r\n"}));
+    EXPECT_EQ(fake.log, (Lines{fmt::format("open {} rb+", kFile), "debug " + message + "\r\n"}));
     EXPECT_TRUE(fake.blocks.empty() && fake.steps.empty());
-    EXPECT_EQ(filesIn("/proc/self/fd"), open) << row.message;
-  }
+    EXPECT_EQ(filesIn("/proc/self/fd"), open) << message;
+  };
+  expectSaid("qam fpga can not open /tffs0/K717_QAM/qam.bin file!");
+  writeFile(path, {});
+  expectSaid("/tffs0/K717_QAM/qam.bin size error 0!");
+  writeFile(path, Bytes(5000));
+  fake.onCall = [&](std::string_view) { fs::resize_file(path, 2); };  // behind the loader's back
+  expectSaid("read 5000 bytes data from /tffs0/K717_QAM/qam.bin error!");
+  fake.heapBlocks = 0;
+  expectSaid("bb fpga config FPGA malloc 2 bytes memory failed!");
 }
 
 }  // namespace

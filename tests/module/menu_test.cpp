@@ -18,10 +18,9 @@ using headend::utf8OfGbk;
 
 // The items of a table, which an engine must come to an end of.
 std::vector<const item_t*> items(const item_t* table) {
-  std::vector<const item_t*> all;
-  const auto isLast = [&] { return !all.empty() && (all.back()->flag & item_t::kLast) != 0; };
-  while (!isLast() && all.size() < 10) all.push_back(table++);
-  EXPECT_TRUE(isLast()) << all.front()->en.text;
+  std::vector<const item_t*> all{table};
+  while ((all.back()->flag & item_t::kLast) == 0 && all.size() < 10) all.push_back(++table);
+  EXPECT_LT(all.size(), 10U) << all.front()->en.text;
   return all;
 }
 
@@ -63,9 +62,8 @@ class Menus : public ModuleTest {
         std::string effects = "sets";
         for (const item_t* option : items(item.submenu)) {
           QamSetVar(2, 0, item.id, 99);
-          fake.forget();
-          QamSetVar(2, 0, item.id, option->val);
-          effects += fmt::format(", {}: {}", labels(*option), fake.steps.at(0));
+          const Lines steps = fake.stepsOf([&] { QamSetVar(2, 0, item.id, option->val); });
+          effects += fmt::format(", {}: {}", labels(*option), steps.at(0));
         }
         return effects;
       }
@@ -73,7 +71,6 @@ class Menus : public ModuleTest {
         fake.forget();
         fake.onKeyScan = [] { return chassis::kKeyCancel; };
         EXPECT_EQ(os::wordAddress<chassis::ItemHandler>(item.minVal)(&item, 2, 0x101), 0);
-        EXPECT_EQ(fake.log.at(0), fmt::format("heading {} 0 10000000", item.en.text));
         return fmt::format("screen {:x}, {}", item.flag & ~item_t::kLast, screen());
     }
   }
@@ -141,89 +138,80 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   struct Screen {
     chassis::ItemHandler* handler;
     u32 id;
+    u32 QamParaS::*setting;
     const char* unit;
   };
-  const Screen kRate{qamMenuSetSymRate, kVarSymbolRate, " 70:Mbps"};
-  const Screen kLevel{qamMenuSetRfLevel, kVarLevel, " 70:dBuV"};
-  const Screen kFreq{qamMenuSetRfFreq, kVarFrequency, " 82:MHz"};
-  const Screen kMegahertz{qamMenuGetQamInfo, kVarFrequency, " 74:MHz"};
-  const Screen kDegrees{qamMenuGetQamTempr, kVarFrequency, " 74:*"};
-  // The value before each key, and what the variable then holds.
-  const auto session = [&](const char* name, const Screen& on, u32 start, const char* keys,
-                           const char* screens, u32 after, u16 flag = 0) {
-    SCOPED_TRACE(name);
-    QamParaS& settings = fake.start(2)->qam_para;
-    const auto& [handler, id, unit] = on;
-    u32& value = id == kVarSymbolRate ? settings.symbolrate
-                 : id == kVarLevel    ? settings.rflevel
-                                      : settings.rfreq;
+  const Screen kRate{qamMenuSetSymRate, kVarSymbolRate, &QamParaS::symbolrate, " 70:Mbps"};
+  const Screen kLevel{qamMenuSetRfLevel, kVarLevel, &QamParaS::rflevel, " 70:dBuV"};
+  const Screen kFreq{qamMenuSetRfFreq, kVarFrequency, &QamParaS::rfreq, " 82:MHz"};
+  const Screen kMegahertz{qamMenuGetQamInfo, kVarFrequency, &QamParaS::rfreq, " 74:MHz"};
+  const Screen kDegrees{qamMenuGetQamTempr, kVarFrequency, &QamParaS::rfreq, " 74:*"};
+  // The value before each key, and what the setting then is.
+  const auto session = [&](const Screen& on, u32 start, const char* keys, const char* screens, u32 after,
+                           u16 flag = 0) {
+    SCOPED_TRACE(fmt::format("{} from {}", keys, start));
+    u32& value = fake.start(2)->qam_para.*on.setting;
     value = start;
-    const item_t item{.id = id, .flag = flag, .en = "Item"_label};
+    const item_t item{.id = on.id, .flag = flag, .en = "Item"_label};
     std::string shown;
-    const char* key = keys;
     fake.onKeyScan = [&] {
-      if (*key == '\0') fake.leave();
+      if (*keys == '\0') fake.leave();
       const std::string now = screen();
-      EXPECT_TRUE(now.starts_with("16:") && now.ends_with(unit)) << now;
+      EXPECT_TRUE(now.starts_with("16:") && now.ends_with(on.unit)) << now;
       shown += (shown.empty() ? "" : " ") + now.substr(3, now.rfind(' ') - 3);
-      const auto code = std::string_view(".oxudlr?!").find(*key);
-      return *key++ == 'q' ? u8{0xFF} : static_cast<u8>(code);
+      const auto code = std::string_view(".oxudlr?!").find(*keys);
+      return *keys++ == 'q' ? u8{0xFF} : static_cast<u8>(code);
     };
-    EXPECT_TRUE(fake.runs([&] { EXPECT_EQ(handler(&item, 2, 0x101), 0); })) << "it goes on";
-    EXPECT_STREQ(key, "") << "it has ended";
+    EXPECT_TRUE(fake.runs([&] { EXPECT_EQ(on.handler(&item, 2, 0x101), 0); })) << "it goes on";
+    EXPECT_STREQ(keys, "") << "it has ended";
     EXPECT_EQ(fake.log.front(), "heading Item 0 10000000");
     EXPECT_EQ(shown, screens);
     EXPECT_EQ(value, after);
     EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), after != start);
     fake.forget();
-    EXPECT_EQ(handler(nullptr, 2, 0), -1);
+    EXPECT_EQ(on.handler(nullptr, 2, 0), -1);
     EXPECT_EQ(fake.log, Lines{});
   };
-  session("rate below its range", kRate, 4000, "o", "[5].000", 5000);
-  session("rate above its range", kRate, 8000, "o", "[7].000", 7000);
-  session("rate between eighths", kRate, 6999, "o", "[6].999", 6999);
-  session("rate goes round in eighths", kRate, 6750, "ruuddo",
-          "[6].750 6.[750] 6.[875] 6.[000] 6.[875] 6.[750]", 6750);
-  session("rate stays in its range", kRate, 6875, "uruldddo",
-          "[6].875 [7].000 7.[000] 7.[000] [7].000 [6].000 [5].000 [5].000", 5000);
-  session("fraction runs over", kRate, 6900, "ruo", "[6].900 6.[900] 6.[025]", 6025);
-  session("fraction runs under", kRate, 6050, "rdo", "[6].050 6.[050] 6.[461]", 6461);
-  session("two stops of the rate", kRate, 6875, "rrllx", "[6].875 6.[875] [6].875 6.[875] [6].875", 6875);
-
-  session("level below its range", kLevel, 0, "o", "[0]95.0", 950);
-  session("level above its range", kLevel, 65535, "o", "[1]15.0", 1150);
-  session("level's hundreds", kLevel, 960, "uudo", "[0]96.0 [1]15.0 [1]15.0 [0]95.0", 950);
-  session("tens down from 0", kLevel, 1000, "rddo", "[1]00.0 1[0]0.0 1[1]0.0 1[0]0.0", 1000);
-  session("tens up from 9", kLevel, 990, "ruo", "[0]99.0 0[9]9.0 0[9]5.0", 950);
-  session("units down from 0", kLevel, 1000, "rrdo", "[1]00.0 1[0]0.0 10[0].0 10[1].0", 1010);
-  session("units up from 9", kLevel, 1090, "rruo", "[1]09.0 1[0]9.0 10[9].0 10[0].0", 1000);
-  session("tenths", kLevel, 1000, "luudo", "[1]00.0 100.[0] 100.[5] 100.[0] 100.[5]", 1005);
-  session("tenths past 9", kLevel, 1003, "luuo", "[1]00.3 100.[3] 100.[8] 101.[3]", 1013);
-  session("tenths below 0", kLevel, 1002, "ldo", "[1]00.2 100.[2] 099.[7]", 997);
-  session("stops of the level", kLevel, 1000, "rrrrlllx",
-          "[1]00.0 1[0]0.0 10[0].0 100.[0] [1]00.0 100.[0] 10[0].0 1[0]0.0", 1000);
-
-  session("frequency below its range", kFreq, 51999, "o", "[0]052.000", 52000);
-  session("frequency above its range", kFreq, 4000000000, "o", "[1]000.000", 1000000);
-  session("frequency's thousands", kFreq, 554000, "uudo", "[0]554.000 [1]000.000 [1]000.000 [0]052.000",
-          52000);
-  session("digits go round", kFreq, 954000, "rullduo",
-          "[0]954.000 0[9]54.000 0[0]54.000 [0]054.000 0054.00[0] 0054.00[9] 0054.00[0]", 54000);
-  session(
-      "stops of the frequency", kFreq, 474000, "rrrrrrrlllx",
-      "[0]474.000 0[4]74.000 04[7]4.000 047[4].000 0474.[0]00 0474.0[0]0 0474.00[0] [0]474.000 0474.00[0] "
-      "0474.0[0]0 0474.[0]00",
-      474000);
-
-  session("cancel", kLevel, 0, "lux", "[0]95.0 095.[0] 095.[5]", 0);
-  session("leave", kRate, 6875, "dq", "[6].875 [5].875", 6875);
-  session("no key and other codes", kFreq, 474000, ".?!.o",
-          "[0]474.000 [0]474.000 [0]474.000 [0]474.000 [0]474.000", 474000);
-  session("only shown", kLevel, 0, "..o", "095.0 095.0 095.0", 0, item_t::kReadOnly);
-  session("last digits of a frequency", kMegahertz, 1052007, ".o", "52.007 52.007", 1052007,
-          item_t::kReadOnly);
-  session("a screen that does not wait", kMegahertz, 52007, "", "", 52007);
-  session("last digits of a temperature", kDegrees, 205, ".o", "05 05", 205);
+  // Ranges
+  session(kRate, 4000, "o", "[5].000", 5000);
+  session(kRate, 8000, "o", "[7].000", 7000);
+  session(kRate, 6875, "uruldddo", "[6].875 [7].000 7.[000] 7.[000] [7].000 [6].000 [5].000 [5].000", 5000);
+  session(kLevel, 0, "o", "[0]95.0", 950);
+  session(kLevel, 65535, "o", "[1]15.0", 1150);
+  session(kLevel, 960, "uudo", "[0]96.0 [1]15.0 [1]15.0 [0]95.0", 950);
+  session(kFreq, 51999, "o", "[0]052.000", 52000);
+  session(kFreq, 4000000000, "o", "[1]000.000", 1000000);
+  session(kFreq, 554000, "uudo", "[0]554.000 [1]000.000 [1]000.000 [0]052.000", 52000);
+  // A fraction goes round in eighths; one between them runs over and under.
+  session(kRate, 6750, "ruuddo", "[6].750 6.[750] 6.[875] 6.[000] 6.[875] 6.[750]", 6750);
+  session(kRate, 6900, "ruo", "[6].900 6.[900] 6.[025]", 6025);
+  session(kRate, 6050, "rdo", "[6].050 6.[050] 6.[461]", 6461);
+  // Digits go round, a level's down from 0 to 1, its tenths in steps of five.
+  session(kLevel, 1000, "rddo", "[1]00.0 1[0]0.0 1[1]0.0 1[0]0.0", 1000);
+  session(kLevel, 990, "ruo", "[0]99.0 0[9]9.0 0[9]5.0", 950);
+  session(kLevel, 1090, "rruo", "[1]09.0 1[0]9.0 10[9].0 10[0].0", 1000);
+  session(kLevel, 1000, "luudo", "[1]00.0 100.[0] 100.[5] 100.[0] 100.[5]", 1005);
+  session(kLevel, 1003, "luuo", "[1]00.3 100.[3] 100.[8] 101.[3]", 1013);
+  session(kLevel, 1002, "ldo", "[1]00.2 100.[2] 099.[7]", 997);
+  session(kFreq, 954000, "rulluo", "[0]954.000 0[9]54.000 0[0]54.000 [0]054.000 0054.00[0] 0054.00[1]",
+          54001);
+  session(kFreq, 954000, "ldo", "[0]954.000 0954.00[0] 0954.00[9]", 954009);
+  // The cursor stops at each digit, at a fraction as a whole, and goes round.
+  session(kRate, 6875, "rrllx", "[6].875 6.[875] [6].875 6.[875] [6].875", 6875);
+  session(kLevel, 1000, "rrrrllx", "[1]00.0 1[0]0.0 10[0].0 100.[0] [1]00.0 100.[0] 10[0].0", 1000);
+  session(kFreq, 474000, "rrrrrx", "[0]474.000 0[4]74.000 04[7]4.000 047[4].000 0474.[0]00 0474.0[0]0",
+          474000);
+  session(kFreq, 474000, "lrlllx", "[0]474.000 0474.00[0] [0]474.000 0474.00[0] 0474.0[0]0 0474.[0]00",
+          474000);
+  // Without OK nothing is set; other codes change nothing.
+  session(kLevel, 0, "lux", "[0]95.0 095.[0] 095.[5]", 0);
+  session(kRate, 6875, "dq", "[6].875 [5].875", 6875);
+  session(kLevel, 1000, ".?!.o", "[1]00.0 [1]00.0 [1]00.0 [1]00.0 [1]00.0", 1000);
+  // What only shows.
+  session(kLevel, 0, "..o", "095.0 095.0 095.0", 0, item_t::kReadOnly);
+  session(kMegahertz, 1052007, ".o", "52.007 52.007", 1052007, item_t::kReadOnly);
+  session(kMegahertz, 52007, "", "", 52007);
+  session(kDegrees, 205, ".o", "05 05", 205);
 }
 
 }  // namespace

@@ -126,42 +126,33 @@ Bytes saved(std::size_t size, u8 type = 27, u8 version = 'd') {
 }
 
 TEST_F(StartUp, ARecordIsTheFileOrTheDefaults) {
-  constexpr const char* kShort = "read ds3 card {}'s para error, to load default";
-  constexpr const char* kForeign = "slot {} card's last saved para is not qam para,to load default!";
-  struct Row {
-    const char* name;
-    u8 slot;
-    std::optional<Bytes> file;
-    const char* message = nullptr;  // none: the file is taken
-  };
-  const Row rows[] = {{"missing", 5, {}, "slot {} 's para file is not exist"},
-                      {"seven bytes", 3, saved(7), kShort},
-                      {"eight bytes", 0, saved(8)},
-                      {"wrong type", 1, saved(kRecordSize, 26), kForeign},
-                      {"wrong version", 0, saved(kRecordSize, 27, 'e'), kForeign},
-                      {"cut", 4, saved(100001)},
-                      {"whole", 2, saved(kRecordSize)}};
   const std::size_t open = filesIn("/proc/self/fd");
-  for (const auto& [name, slot, file, message] : rows) {
-    SCOPED_TRACE(name);
+  // Loads the slot's record from such a file; with what message, where the file is not taken.
+  const auto expectLoaded = [&](u8 slot, const std::optional<Bytes>& file, const std::string& message = "") {
+    SCOPED_TRACE(fmt::format("slot {} {}", slot, message));
     const std::string path = fmt::format("/tffs0/para/card{}.dat", slot + 1);
     Lines calls = {"open " + path + " rb+"};
-    if (message != nullptr)
-      calls = calls + Lines{fmt::format(fmt::runtime("debug " + std::string(message) + "\r\n"), slot),
-                            fmt::format("save {}", slot)};
+    if (!message.empty()) calls = calls + Lines{"debug " + message + "\r\n", fmt::format("save {}", slot)};
     if (file) writeFile(fake.flash.path.string() + path, *file);
     fake.forget();
-
     const QamCardPara* record = Qam_create_para(slot);
     EXPECT_EQ(fake.log, calls);
     EXPECT_EQ(fake.checks.size(), slot < 2 ? 0U : 1U);
     Bytes expected(kRecordSize, 0xA7);  // what the heap holds
-    if (message != nullptr) expected = defaultRecord(slot, *record);
-    if (message == nullptr) std::copy(file->begin(), file->end(), expected.begin());
+    if (message.empty()) std::copy(file->begin(), file->end(), expected.begin());
+    if (!message.empty()) expected = defaultRecord(slot, *record);
     const auto differs = std::mismatch(expected.begin(), expected.end(), reinterpret_cast<const u8*>(record));
     EXPECT_EQ(differs.first - expected.begin(), kRecordSize) << "the place of the first difference";
     EXPECT_EQ(filesIn("/proc/self/fd"), open);
-  }
+  };
+  expectLoaded(5, {}, "slot 5 's para file is not exist");
+  expectLoaded(3, saved(7), "read ds3 card 3's para error, to load default");
+  expectLoaded(0, saved(8));
+  expectLoaded(1, saved(kRecordSize, 26), "slot 1 card's last saved para is not qam para,to load default!");
+  expectLoaded(0, saved(kRecordSize, 27, 'e'),
+               "slot 0 card's last saved para is not qam para,to load default!");
+  expectLoaded(4, saved(100001));
+  expectLoaded(2, saved(kRecordSize));
   fake.forget();
   fake.heapBlocks = 0;
   EXPECT_EQ(Qam_create_para(1), nullptr);

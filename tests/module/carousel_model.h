@@ -22,7 +22,7 @@ class CarouselModel {
       stored[packet.psiType].push_back(j);
     }
     for (u8 type = 0; type < 8; ++type) {
-      streams_[type].ring = type == PMT ? oneGroup(stored[type]) : sections(stored[type]);
+      streams_[type].ring = groups(stored[type], type == PMT);
       streams_[type].due = type + 6U * slot + 2U * port;
     }
   }
@@ -64,19 +64,12 @@ class CarouselModel {
     bool onAir = false;
   };
 
-  static std::vector<Packet> oneGroup(const std::vector<u16>& stored) {
-    std::vector<Packet> ring;
-    ring.reserve(stored.size());
-    const int size = static_cast<int>(stored.size());
-    for (int i = 0; i < size; ++i) ring.push_back({stored[static_cast<std::size_t>(i)], i % 256, size % 256});
-    return ring;
-  }
-
-  // Packets before the first start packet are groups of their own.
-  std::vector<Packet> sections(const std::vector<u16>& stored) const {
+  // All PMT packets are one group. Of other tables a section is one, and so is each packet before the first
+  // start packet.
+  std::vector<Packet> groups(const std::vector<u16>& stored, bool isOne) const {
     std::vector<Packet> ring;
     const auto starts = [&](std::size_t i) {
-      return (record_.psiPkt[port_][stored[i]].psiData[1] & 0x40) != 0;
+      return isOne ? i == 0 : (record_.psiPkt[port_][stored[i]].psiData[1] & 0x40) != 0;
     };
     for (std::size_t begin = 0, end = 0; begin < stored.size(); begin = end) {
       for (end = begin + 1; end < stored.size() && !starts(end);) ++end;

@@ -45,12 +45,9 @@ std::string formatted(const char* format, va_list arguments) {
   return text;
 }
 
-bool isOfWindow(u32 address) {
-  return address < kMainBoard;
-}
 std::string nameOf(u32 address) {
-  return isOfWindow(address) ? headend::cardRegister(address & 0x1FF).name
-                             : fmt::format("board+{:x}", address - kMainBoard);
+  return address < kMainBoard ? headend::cardRegister(address & 0x1FF).name
+                              : fmt::format("board+{:x}", address - kMainBoard);
 }
 
 }  // namespace
@@ -114,8 +111,7 @@ u16 busRead16(const volatile void* reg) {
   current->now += 100;
   step(test::nameOf(address) + '?');
   std::optional<u16> answer = current->onRead ? current->onRead(address) : std::nullopt;
-  if (!answer && current->hasDevices && test::isOfWindow(address))
-    answer = current->board.sense(address & 0x1FF, current->now);
+  if (!answer && current->hasDevices) answer = current->board.sense(address & 0x1FF, current->now);
   return answer.value_or(current->cell(address));
 }
 

@@ -1,5 +1,7 @@
 // The card's variables: what a read gives, what a setting does to hardware and record, who keeps the
 // semaphore.
+#include <fmt/format.h>
+
 #include "card/QamFpga.h"
 #include "card/qamVar.h"
 #include "hw/ad7414.h"
@@ -58,27 +60,21 @@ TEST_F(Variables, SettingsGoToTheHardwareAndAreSavedOnce) {
   fake.onCall = [&](std::string_view call) {
     EXPECT_FALSE(call == "save" && fake.steps.empty()) << "saved when the hardware has it";
   };
-  // What the setter does to the hardware, or the older one, whose clock table is empty.
-  const auto done = [&](u32 id, u32 value, u32 stored, bool older) {
-    fake.steps = {"the record's defaults"};
-    qam_load_default(2, record);
-    fake.forget();
-    if (older) {
-      QamSetVar1(2, 0, id, value);
-    } else {
-      EXPECT_EQ(chassis::head->setVar(2, 0, id, value), 0);
+  // What the setter does to the hardware, and the older one, whose clock table is empty.
+  const auto expectDone = [&](u32 id, u32 value, u32 stored, const Lines& expected, const Lines& olderOne) {
+    SCOPED_TRACE(fmt::format("{} to {}", id, value));
+    for (const bool older : {true, false}) {
+      fake.steps = {"the record's defaults"};
+      qam_load_default(2, record);
+      fake.forget();
+      EXPECT_EQ(older ? (QamSetVar1(2, 0, id, value), 0) : chassis::head->setVar(2, 0, id, value), 0);
+      EXPECT_EQ(fake.landmarks(), older ? olderOne : expected);
+      EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), 1);
+      EXPECT_EQ(get(id), stored);
     }
-    const Lines found = fake.landmarks();
-    EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), 1);
-    EXPECT_EQ(get(id), stored);
     fake.forget();
     EXPECT_EQ(QamSetVar(2, 0, id, stored), 0);
     EXPECT_EQ(fake.log + fake.steps, (Lines{"take", "give"})) << "as it was: nothing to do";
-    return found;
-  };
-  const auto expectDone = [&](u32 id, u32 value, u32 stored, const Lines& expected, const Lines& olderOne) {
-    EXPECT_EQ(done(id, value, stored, false), expected) << id << " " << value;
-    EXPECT_EQ(done(id, value, stored, true), olderOne) << id << " " << value;
   };
   const Lines tuned{"q1_12v_ctrl=1", "lo2", "att"};
   expectDone(30, 474000, 474000, tuned, tuned);

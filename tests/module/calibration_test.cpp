@@ -91,11 +91,9 @@ TEST_F(Calibration, TheDacsPortWaitsBetweenItsEdges) {
   ad9775_reg_write(1, 0x0C, &data, 1);
   EXPECT_EQ(board.dac().reg(0x0C), 0xA5);
   EXPECT_EQ(count("100 turns"), 2 * 8 * 3);
-  EXPECT_EQ(fake.steps.back(), "ad9775_1_cs=1");
   fake.forget();
   EXPECT_EQ(ad9775_reg_read(1, 0x0C), 0xA5);
   EXPECT_EQ(count("100 turns"), 8 * 3 + 1 + 8 * 2);
-  EXPECT_EQ(fake.steps.back(), "ad9775_1_cs=1");
 }
 
 // ---- The service ----

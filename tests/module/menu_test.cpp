@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "card/QamInit.h"
 #include "card/qamVar.h"
 #include "headend/firmware/gbk_text.h"
 #include "platform/address_word.h"
@@ -123,14 +122,6 @@ TEST_F(Menus, ShowTheCardsValuesAndSetThemUnderTheirNamesInBothLanguages) {
       "  RF Switch 调制开关: sets, On 打开: rf0_en=0, Off 关闭: rf0_en=1",
   };
   EXPECT_EQ(tree, expected);
-}
-
-TEST_F(Menus, CardsShareTheRootAndTheLastOneNamesIt) {
-  Qam_Init(1);
-  Qam_Init(4);
-  EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "menu 1 QAM card2"), 1);
-  EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "menu 4 QAM card5"), 1);
-  for (const u8 slot : {u8{1}, u8{4}}) EXPECT_EQ(chassis::GetCardPoint(slot)->menu, &qamMenuInit);
 }
 
 // Each key's letter: u d l r as they are, o OK, x cancel, q leave, . none, ? and ! codes that no key has.

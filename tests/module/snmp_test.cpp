@@ -16,16 +16,8 @@ namespace {
 
 using Name = std::vector<u32>;
 
-const std::string kBase = "1.3.6.1.4.1.32473.4.2.9.";  // the slot's component follows
+const Name kBase{1, 3, 6, 1, 4, 1, 32473, 4, 2, 9};  // the slot's component follows
 
-// The name of what stands below the bases.
-Name below(const std::string& instance) {
-  Name name;
-  std::istringstream components(kBase + instance);
-  for (std::string each; std::getline(components, each, '.');)
-    name.push_back(static_cast<u32>(std::stoul(each)));
-  return name;
-}
 u32 idOf(const Name& name) {
   return qam_remap(name.data(), static_cast<int>(name.size()));
 }
@@ -40,10 +32,10 @@ class Snmp : public ModuleTest {
  protected:
   // The rows below a slot's base, as the agent keeps them.
   std::vector<chassis::variable> rows(u32 slot) {
-    const Name base = below(std::to_string(slot));
+    const Name base = kBase + Name{slot};
     fake.forget();
     qamMibRegister(base.data(), static_cast<int>(base.size()));
-    EXPECT_EQ(fake.log, Lines{fmt::format("mib {}{}", kBase, slot)});
+    EXPECT_EQ(fake.log, Lines{fmt::format("mib {}", fmt::join(base, "."))});
     fake.forget();
     std::vector<chassis::variable> all;
     for (const chassis::variable4& row : fake.mibRows) {
@@ -77,8 +69,8 @@ class Snmp : public ModuleTest {
     return fmt::format("number {}", number);
   }
 
-  static int write(int phase, const std::string& instance, int size, Bytes encoding) {
-    Name name = below(instance);
+  static int write(int phase, const Name& instance, int size, Bytes encoding) {
+    Name name = kBase + instance;
     encoding.resize(1000);
     return qam_write_custom(phase, encoding.data(), encoding[0], size, nullptr, name.data(),
                             static_cast<int>(name.size()));
@@ -88,7 +80,7 @@ class Snmp : public ModuleTest {
 TEST_F(Snmp, AWalkGivesTheCard) {
   fake.start(3)->qam_para.rfswitch = 1;
   Lines walk;
-  Name name = below("5");
+  Name name = kBase + Name{5};
   for (chassis::variable& row : rows(5)) {  // in the order of the names
     const Answer next = ask(row, name, false);
     ASSERT_NE(next.value, nullptr) << fmt::format("{}", name);
@@ -102,24 +94,24 @@ TEST_F(Snmp, AWalkGivesTheCard) {
       "2.51.1.6.0 34 rw number 1", "2.51.1.7.0 35 rw number 15",     "2.51.1.8.0 32 rw number 6875",
       "3.51.1.11.0 41 number 5",   "3.51.1.12.0 38 number 562000",   "3.51.1.13.0 39 number 1000",
       "3.51.1.14.0 42 number 1",   "3.51.1.15.0 43 rw number 15",    "3.51.1.16.0 40 number 6875"};
-  for (std::string& line : expected) line.insert(0, kBase + "5.");
+  for (std::string& line : expected) line = fmt::format("{}.5.{}", fmt::join(kBase, "."), line);
   EXPECT_EQ(walk, expected);
 }
 
 TEST_F(Snmp, ARowHasOneInstanceAndIsNextForAllNamesBeforeIt) {
   fake.start(3);
   chassis::variable row = rows(5)[4];
-  const auto finds = [&](const char* asked, bool exact) {
-    Name name = below(asked);
+  const auto finds = [&](const Name& asked, bool exact) {
+    Name name = kBase + asked;
     const bool any = ask(row, name, exact).value != nullptr;
-    EXPECT_EQ(name, below(any ? "5.2.51.1.4.0" : asked));
+    EXPECT_EQ(name, kBase + (any ? Name{5, 2, 51, 1, 4, 0} : asked));
     return any;
   };
-  EXPECT_TRUE(finds("5.2.51.1.4.0", true) && !finds("5.2.51.1.4.0", false));
-  for (const char* before : {"4.2.51.1.4.0", "5", "5.2.51.1.4", "5.2.51.1.3.9.9"})
-    EXPECT_TRUE(!finds(before, true) && finds(before, false)) << before;
-  for (const char* behind : {"5.2.51.1.4.0.0", "5.2.51.1.4.1", "6.2.51.1.4.0"})
-    EXPECT_TRUE(!finds(behind, true) && !finds(behind, false)) << behind;
+  EXPECT_TRUE(finds({5, 2, 51, 1, 4, 0}, true) && !finds({5, 2, 51, 1, 4, 0}, false));
+  for (const Name& before : {Name{4, 2, 51, 1, 4, 0}, {5}, {5, 2, 51, 1, 4}, {5, 2, 51, 1, 3, 9, 9}})
+    EXPECT_TRUE(!finds(before, true) && finds(before, false)) << fmt::format("{}", before);
+  for (const Name& behind : {Name{5, 2, 51, 1, 4, 0, 0}, {5, 2, 51, 1, 4, 1}, {6, 2, 51, 1, 4, 0}})
+    EXPECT_TRUE(!finds(behind, true) && !finds(behind, false)) << fmt::format("{}", behind);
 }
 
 TEST_F(Snmp, NothingIsReadOfOtherSlotsAndOfValuesThatAreNone) {
@@ -141,7 +133,7 @@ TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
     std::string said;  // in every phase that answers as ACTION does
     bool operator==(const Outcome&) const = default;
   };
-  const auto outcome = [&](const std::string& instance, const Bytes& encoding) {
+  const auto outcome = [&](const Name& instance, const Bytes& encoding) {
     for (const u8 slot : {u8{0}, u8{3}, u8{5}}) fake.start(slot);
     const auto answered = [&](int phase) {
       fake.forget();
@@ -154,35 +146,34 @@ TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
     for (const std::string& call : fake.log) found.said += call.starts_with("debug ") ? call.substr(6) : "";
     return found;
   };
-  const std::string unknown =
-      fmt::format("in4_reMap Error .{}5.2.51.1.9.4294967295.is not exist in the mib\r\n", kBase);
+  const std::string unknown = fmt::format(
+      "in4_reMap Error .{}.5.2.51.1.9.4294967295.is not exist in the mib\r\n", fmt::join(kBase, "."));
   // Of several faults the first is told.
-  EXPECT_EQ(outcome("8.2.51.1.9", {5, 9}), (Outcome{7, 7, "type disagreement!\r\n"}));
-  EXPECT_EQ(outcome("8.2.51.1.9", {2, 5, 0, 0, 0, 0, 1}), (Outcome{8, 8, ""}));
-  EXPECT_EQ(outcome("5.2.51.1.9.4294967295", {2, 0}), (Outcome{2, 2, unknown}));
-  EXPECT_EQ(outcome("5.2.51.1", {2, 0}), (Outcome{2, 2, ""})) << "half a name";
-  EXPECT_EQ(outcome("8.2.51.1.4.0", {2, 0}), (Outcome{10, 10, ""}));
-  EXPECT_EQ(outcome("1.2.51.1.3.0", {2, 1, 7}), (Outcome{-2, 0, "slotNo is 1, snmp error!\n"}));
-  EXPECT_EQ(outcome("6.1.19.1.2.0", {2, 1, 7}), (Outcome{10, 0, ""})) << "an empty slot";
-  EXPECT_EQ(outcome("5.3.51.1.12.0", {2, 3, 7, 0x3B, 0x90}), (Outcome{2, 0, ""})) << "a reading";
-  EXPECT_EQ(outcome("5.3.51.1.15.0", {2, 1, 0}), (Outcome{0, 0, ""})) << "the other switch";
+  EXPECT_EQ(outcome({8, 2, 51, 1, 9}, {5, 9}), (Outcome{7, 7, "type disagreement!\r\n"}));
+  EXPECT_EQ(outcome({8, 2, 51, 1, 9}, {2, 5, 0, 0, 0, 0, 1}), (Outcome{8, 8, ""}));
+  EXPECT_EQ(outcome({5, 2, 51, 1, 9, 4294967295}, {2, 0}), (Outcome{2, 2, unknown}));
+  EXPECT_EQ(outcome({5, 2, 51, 1}, {2, 0}), (Outcome{2, 2, ""})) << "half a name";
+  EXPECT_EQ(outcome({8, 2, 51, 1, 4, 0}, {2, 0}), (Outcome{10, 10, ""}));
+  EXPECT_EQ(outcome({1, 2, 51, 1, 3, 0}, {2, 1, 7}), (Outcome{-2, 0, "slotNo is 1, snmp error!\n"}));
+  EXPECT_EQ(outcome({6, 1, 19, 1, 2, 0}, {2, 1, 7}), (Outcome{10, 0, ""})) << "an empty slot";
+  EXPECT_EQ(outcome({5, 3, 51, 1, 12, 0}, {2, 3, 7, 0x3B, 0x90}), (Outcome{2, 0, ""})) << "a reading";
+  EXPECT_EQ(outcome({5, 3, 51, 1, 15, 0}, {2, 1, 0}), (Outcome{0, 0, ""})) << "the other switch";
   EXPECT_EQ(fake.steps, Lines{});
 
-  const auto sets = [&](const std::string& instance, const Bytes& encoding, const std::string& reg,
-                        u32 value) {
+  const auto sets = [&](const Name& instance, const Bytes& encoding, const std::string& reg, u32 value) {
     EXPECT_EQ(outcome(instance, encoding), (Outcome{0, 0, ""}));
-    const Name name = below(instance);
+    const Name name = kBase + instance;
     const auto slotNo = static_cast<u8>(name[10] - 2);
     EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), fmt::format("save {}", slotNo)), 1);
     EXPECT_EQ(QamGetVar(slotNo, 0, idOf(name), nullptr), value);
     return std::count(fake.steps.begin(), fake.steps.end(), reg) > 0;
   };
-  EXPECT_TRUE(sets("5.2.51.1.3.0", {2, 1, 7}, "qam_mode=7", 7));
-  EXPECT_TRUE(sets("5.2.51.1.4.0", {2, 3, 7, 0x3B, 0x90}, "lo2_q1_le=1", 474000));
-  EXPECT_TRUE(sets("5.2.51.1.7.0", {2, 4, 0, 0, 0, 0}, "power=0", 0));
-  EXPECT_TRUE(sets("5.2.51.1.7", {2, 1, 0xFE}, "power=65534", 254));
-  EXPECT_TRUE(sets("2.2.51.1.3.0", {2, 1, 7}, "qam_mode=7", 7)) << "the first slot";
-  EXPECT_TRUE(sets("7.2.51.1.3.0", {2, 1, 7}, "qam_mode=7", 7)) << "the last slot";
+  EXPECT_TRUE(sets({5, 2, 51, 1, 3, 0}, {2, 1, 7}, "qam_mode=7", 7));
+  EXPECT_TRUE(sets({5, 2, 51, 1, 4, 0}, {2, 3, 7, 0x3B, 0x90}, "lo2_q1_le=1", 474000));
+  EXPECT_TRUE(sets({5, 2, 51, 1, 7, 0}, {2, 4, 0, 0, 0, 0}, "power=0", 0));
+  EXPECT_TRUE(sets({5, 2, 51, 1, 7}, {2, 1, 0xFE}, "power=65534", 254));
+  EXPECT_TRUE(sets({2, 2, 51, 1, 3, 0}, {2, 1, 7}, "qam_mode=7", 7)) << "the first slot";
+  EXPECT_TRUE(sets({7, 2, 51, 1, 3, 0}, {2, 1, 7}, "qam_mode=7", 7)) << "the last slot";
 }
 
 TEST_F(Snmp, ATextIsKeptWholeAndARowOfNumbersTakesItsAddress) {
@@ -191,7 +182,7 @@ TEST_F(Snmp, ATextIsKeptWholeAndARowOfNumbersTakesItsAddress) {
     const auto size = static_cast<u16>(text.size());
     Bytes encoding{4, 0x82, static_cast<u8>(size >> 8), static_cast<u8>(size)};
     encoding.insert(encoding.end(), text.begin(), text.end());
-    return write(phase, "5.2.51.1.4.0", size, encoding);
+    return write(phase, {5, 2, 51, 1, 4, 0}, size, encoding);
   };
   const auto kept = [] { return std::string(std::begin(qam_strtmp), std::end(qam_strtmp)); };
   std::fill(std::begin(qam_strtmp), std::end(qam_strtmp), 'y');
@@ -202,7 +193,7 @@ TEST_F(Snmp, ATextIsKeptWholeAndARowOfNumbersTakesItsAddress) {
   EXPECT_EQ(writeText(chassis::COMMIT, "ab"), 0);
   EXPECT_EQ(kept(), "ab" + std::string(447, '\0') + 'y');
   EXPECT_EQ(writeText(chassis::RESERVE1, longest + 'x'), 10);
-  EXPECT_EQ(write(chassis::RESERVE1, "5.2.51.1.4.0", -1, {2, 1, 1}), 8);
+  EXPECT_EQ(write(chassis::RESERVE1, {5, 2, 51, 1, 4, 0}, -1, {2, 1, 1}), 8);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ui/qamMenu.h"
 #include "ui/qamSnmp.h"
 
 namespace test {
@@ -27,7 +28,7 @@ TEST_F(StartUp, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
   const chassis::card& card = *chassis::head;
   EXPECT_STREQ(card.cardName, "Qam Card 2");
   EXPECT_TRUE(card.slotNo == 2 && card.cardType == 27 && card.in_port_num == 0 && card.out_port_num == 2);
-  EXPECT_EQ(card.mibRegister, &qamMibRegister);
+  EXPECT_TRUE(card.mibRegister == &qamMibRegister && card.menu == &qamMenuInit);
   EXPECT_TRUE(card.next == nullptr && card.trapRoutine == nullptr && card.Irq0Routine == nullptr &&
               card.Irq4Routine == nullptr && card.Irq5Routine == nullptr);
   EXPECT_EQ(card.varPtr, GetQamCardParaFromList(2));

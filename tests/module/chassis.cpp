@@ -23,10 +23,9 @@
 
 using headend::utf8OfGbk;
 
-namespace test {
 namespace {
 
-FakeChassis* current = nullptr;
+test::FakeChassis* current = nullptr;
 
 template <typename... Values>
 void note(fmt::format_string<Values...> format, Values&&... values) {
@@ -46,11 +45,13 @@ std::string formatted(const char* format, va_list arguments) {
 }
 
 std::string nameOf(u32 address) {
-  return address < kMainBoard ? headend::cardRegister(address & 0x1FF).name
-                              : fmt::format("board+{:x}", address - kMainBoard);
+  return address < test::kMainBoard ? headend::cardRegister(address & 0x1FF).name
+                                    : fmt::format("board+{:x}", address - test::kMainBoard);
 }
 
 }  // namespace
+
+namespace test {
 
 FakeChassis::FakeChassis() {
   current = this;
@@ -99,17 +100,12 @@ u32 FakeChassis::addressOf(const volatile void* reg) const {
 
 }  // namespace test
 
-using test::current;
-using test::note;
-using test::step;
-using test::tell;
-
 namespace os {
 
 u16 busRead16(const volatile void* reg) {
   const u32 address = current->addressOf(reg);
   current->now += 100;
-  step(test::nameOf(address) + '?');
+  step(nameOf(address) + '?');
   std::optional<u16> answer = current->onRead ? current->onRead(address) : std::nullopt;
   if (!answer && current->hasDevices) answer = current->board.sense(address & 0x1FF, current->now);
   return answer.value_or(current->cell(address));
@@ -118,7 +114,7 @@ u16 busRead16(const volatile void* reg) {
 void busWrite16(volatile void* reg, u16 value) {
   const u32 address = current->addressOf(reg);
   current->now += 100;
-  step(fmt::format("{}={}", test::nameOf(address), value));
+  step(fmt::format("{}={}", nameOf(address), value));
   current->cell(address) = value;
   if (current->hasDevices) current->board.drive(address & 0x1FF, (value & 1) != 0, current->now);
 }
@@ -313,7 +309,7 @@ void menuDispItem(const item_t* item, int arg2, u32 attribute) {
 void lcdPrintf(int row, int column, u32 attribute, u32 mask, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = test::formatted(format, arguments);
+  const std::string text = formatted(format, arguments);
   va_end(arguments);
   if (column == kPanelWholeLine) note("lcd {} {:x} {:x} {}", row, attribute, mask, text);
   current->lcd.print(row, column, mask, text);
@@ -360,7 +356,7 @@ void Dog() {
 void DebugPrint(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  note("debug {}", test::formatted(format, arguments));
+  note("debug {}", formatted(format, arguments));
   va_end(arguments);
 }
 

@@ -196,14 +196,15 @@ TEST_F(Devices, ASymbolRateGoesOutInFourBytesBeforeAReset) {
   Lines resets;
   for (const char* line : {"nrst=2", "nrst=1"})
     resets = resets + Lines{"nrst=3"} + kDelay + Lines{line, "1 ticks", "nrst=3"} + kDelay;
-  // 67108864000 over the rate, to the low 32 bits
-  for (const auto& [kBd, word] : {std::pair{6875, 0x0094F209U}, {1, 0xA0000000U}, {-1, 0x60000000U}}) {
+  const auto expectWord = [&](i32 kBd, u32 word) {
     const Lines bytes{fmt::format("rf_off_hh={}", word >> 24), fmt::format("rf_off_hl={}", word >> 16 & 0xFF),
                       fmt::format("rf_off_lh={}", word >> 8 & 0xFF),
                       fmt::format("rf_off_ll={}", word & 0xFF)};
-    const i32 rate = kBd;
-    EXPECT_EQ(fake.stepsOf([&] { symbolrateinfpga(rate, 0); }), bytes + resets) << kBd;
-  }
+    EXPECT_EQ(fake.stepsOf([&] { symbolrateinfpga(kBd, 0); }), bytes + resets) << kBd;
+  };
+  expectWord(6875, 0x0094F209);  // 67108864000 over the rate, to the low 32 bits
+  expectWord(1, 0xA0000000);
+  expectWord(-1, 0x60000000);
   EXPECT_EQ(fake.stepsOf([] { symbolrateinfpga(0, 0); }), Lines{});
   EXPECT_EQ(fake.log.size(), 1U) << "it says so";
   // Nor is there a clock without a row, such as one of which the low half is a row's.

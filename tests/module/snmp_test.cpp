@@ -127,12 +127,9 @@ TEST_F(Snmp, NothingIsReadOfOtherSlotsAndOfValuesThatAreNone) {
 }
 
 TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
-  // What is answered in ACTION and in each other phase; type and length are those of the encoding.
-  struct Outcome {
-    int inAction, otherwise;
-    std::string said;  // in every phase that answers as ACTION does
-    bool operator==(const Outcome&) const = default;
-  };
+  // What is answered in ACTION and in each other phase, and what is said in ACTION; type and length are those
+  // of the encoding.
+  using Outcome = std::tuple<int, int, std::string>;
   const auto outcome = [&](const Name& instance, const Bytes& encoding) {
     for (const u8 slot : {u8{0}, u8{3}, u8{5}}) fake.start(slot);
     const auto answered = [&](int phase) {
@@ -142,14 +139,16 @@ TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
     const int otherwise = answered(chassis::RESERVE1);
     for (const int phase : {1, 3, 4, 5}) EXPECT_EQ(answered(phase), otherwise) << phase;
     EXPECT_EQ(fake.steps, Lines{});
-    Outcome found{answered(chassis::ACTION), otherwise, ""};
-    for (const std::string& call : fake.log) found.said += call.starts_with("debug ") ? call.substr(6) : "";
-    return found;
+    const int inAction = answered(chassis::ACTION);
+    std::string said;
+    for (const std::string& call : fake.log) said += call.starts_with("debug ") ? call.substr(6) : "";
+    return Outcome{inAction, otherwise, said};
   };
   const std::string unknown = fmt::format(
       "in4_reMap Error .{}.5.2.51.1.9.4294967295.is not exist in the mib\r\n", fmt::join(kBase, "."));
   // Of several faults the first is told.
   EXPECT_EQ(outcome({8, 2, 51, 1, 9}, {5, 9}), (Outcome{7, 7, "type disagreement!\r\n"}));
+  EXPECT_EQ(outcome({5, 2, 51, 1, 4, 0}, {3, 1, 1}), (Outcome{7, 7, "type disagreement!\r\n"}));
   EXPECT_EQ(outcome({8, 2, 51, 1, 9}, {2, 5, 0, 0, 0, 0, 1}), (Outcome{8, 8, ""}));
   EXPECT_EQ(outcome({5, 2, 51, 1, 9, 4294967295}, {2, 0}), (Outcome{2, 2, unknown}));
   EXPECT_EQ(outcome({5, 2, 51, 1}, {2, 0}), (Outcome{2, 2, ""})) << "half a name";

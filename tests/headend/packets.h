@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -68,32 +69,19 @@ inline Bytes packet(const PacketFields& fields) {
   return p;
 }
 
+// By its place in the stream; null packets are counted and not kept.
 class PacketKeeper final : public headend::PacketSink {
  public:
-  struct Left {
-    u64 place;  // in the stream, null packets counted
-    u64 pid, number;
-    bool operator==(const Left&) const = default;
-  };
-
-  void packet(std::span<const u8> p) override {
-    seen.push_back({.place = places++, .pid = pidIn(p), .number = numberIn(p)});
-    whole.emplace_back(p.begin(), p.end());
-  }
+  void packet(std::span<const u8> p) override { kept.emplace(places++, Bytes(p.begin(), p.end())); }
   void nullPackets(u64 count) override { places += count; }
   void flush() override {}
   const std::string& error() const override { return none_; }
 
-  std::vector<Left> seen;
-  std::vector<Bytes> whole;  // as many
+  std::map<u64, Bytes> kept;
   u64 places = 0;
 
  private:
   std::string none_;
 };
-
-inline void PrintTo(const PacketKeeper::Left& left, std::ostream* out) {
-  *out << left.place << ": PID " << left.pid << " #" << left.number;
-}
 
 }  // namespace test

@@ -6,7 +6,6 @@
 
 #include <cmath>
 #include <map>
-#include <random>
 #include <tuple>
 
 #include "headend/hardware/file_input.h"
@@ -22,19 +21,15 @@ using headend::FileInput;
 using headend::kNever;
 using headend::UdpInput;
 
-u64 pesTimeIn(std::span<const u8> f) {
-  return bits(f, 4, 3) << 30 | bits(f, 8, 15) << 15 | bits(f, 24, 15);
-}
-
 constexpr double kNone = -1;
 
 // A packet a PCR in milliseconds after `base_ticks`, or kNone.
-Bytes stream(const std::vector<double>& pcrs_ms, u64 base_ticks = 0) {
+Bytes stream(const std::vector<double>& pcrs_ms, u64 base_ticks) {
   Bytes all;
-  for (std::size_t i = 0; i < pcrs_ms.size(); ++i) {
-    const u64 ticks = static_cast<u64>(std::llround(std::abs(pcrs_ms[i]) * 27e3));
-    const auto pcr = pcrs_ms[i] == kNone ? std::nullopt : std::optional((base_ticks + ticks) % kPcrWrap);
-    append(all, packet({.counter = i, .pcr = pcr}));
+  for (const double ms : pcrs_ms) {
+    PacketFields fields{.counter = all.size() / 188};
+    if (ms != kNone) fields.pcr = (base_ticks + static_cast<u64>(std::llround(ms * 27e3))) % kPcrWrap;
+    append(all, packet(fields));
   }
   return all;
 }
@@ -81,78 +76,58 @@ TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
 }
 
 TEST(Inputs, EachPassMovesPcrsAlikeAndContinuityGoesOn) {
-  for (const char* sample : {"four-programmes-cbr.ts", "psi-many.ts"}) {
-    const fs::path path = fs::path(QAM_SAMPLES) / sample;
-    const Bytes whole = readFile(path);
-    FileInput input(path.string(), 1'000'000);
+  const fs::path samples = QAM_SAMPLES;
+  for (const Bytes& whole : {readFile(samples / "four-programmes-cbr.ts"), readFile(samples / "psi-many.ts"),
+                             stream({0, kNone, 40}, kPcrWrap - 1)}) {
+    FileInput input = play(whole, 1'000'000);
     ASSERT_EQ(input.packets() * 188, whole.size());
     std::map<u64, u64> counters;
     for (u64 i = 0; i < 17 * input.packets(); ++i) {
       const auto taken = input.take();
       const auto original = std::span(whole).subspan(i % input.packets() * 188, 188);
-      const u64 pid = pidIn(taken);
-      const u64 counter = bits(taken, 28, 4);
+      const u64 pid = pidIn(taken), counter = bits(taken, 28, 4);
       const bool first = pid == 0x1FFF || !counters.contains(pid);
-      ASSERT_TRUE(first || counter == (counters[pid] + bits(taken, 27, 1)) % 16) << sample << i;
+      ASSERT_TRUE(first || counter == (counters[pid] + bits(taken, 27, 1)) % 16) << i;
       counters[pid] = counter;
       if (carriesPcr(taken)) {
         const u64 shift_ticks = i / input.packets() * input.period_ticks();
-        ASSERT_EQ(pcrIn(taken), (pcrIn(original) + shift_ticks) % kPcrWrap) << sample << i;
+        ASSERT_EQ(pcrIn(taken), (pcrIn(original) + shift_ticks) % kPcrWrap) << i;
       } else if (bits(taken, 9, 1) == 0) {
-        ASSERT_TRUE(std::ranges::equal(taken.subspan(4), original.subspan(4))) << sample << i;
+        ASSERT_TRUE(std::ranges::equal(taken.subspan(4), original.subspan(4))) << i;
       }
     }
   }
 }
 
-TEST(Inputs, TimesWrapOverThousandsOfPassesAndNothingDrifts) {
-  std::vector<double> pcrs(100, kNone);
-  pcrs[0] = 0;
-  FileInput input = play(stream(pcrs, kPcrWrap - 1), 1'504);  // a packet a second
-  for (u64 second = 0; second < 200'000; ++second) {
-    ASSERT_EQ(input.nextArrival(), static_cast<Nanos>(second) * kSecond);
-    const auto taken = input.take();
-    ASSERT_EQ(bits(taken, 28, 4), second % 16) << second;
-    const u64 pcr = (kPcrWrap - 1 + second * 27'000'000) % kPcrWrap;
-    ASSERT_TRUE(second % 100 != 0 || pcrIn(taken) == pcr) << second;
-  }
-}
-
-// PTS and DTS that lie across two packets, with one without payload between them.
-TEST(Inputs, APesHeaderMayBeTorn) {
-  const Bytes header = {0, 0, 1, 0xE0, 0, 0, 0x80, 0xC0, 10, 0x3F, 0xFF, 0xFF, 0xFF, 0xFD, 0x11, 0, 1, 0, 1};
+// In passes of a second. PTS and DTS lie across two packets, with one without payload between them.
+TEST(Inputs, EachPassMovesPtsAndDtsOfStreamsThatHaveAPesHeader) {
+  Bytes header = {0, 0, 1, 0xE0, 0, 0, 0x80, 0xC0, 10, 0x3F, 0xFF, 0xFF, 0xFF, 0xFD, 0x11, 0, 1, 0, 1};
   for (std::size_t cut = 1; cut < header.size(); ++cut) {
-    const auto tear = static_cast<std::ptrdiff_t>(cut);
-    Bytes all;
-    for (const u64 counter : {5U, 5U, 6U}) append(all, packet({.counter = counter}));
-    put(all, 9, 1, 1);
-    put(all, 26, 22, 0x350000U | (183 - cut) << 8);  // an adaptation field up to the header
-    put(all, 188 * 8 + 26, 22, 0x25B700);            // no payload
-    std::copy_n(header.begin(), tear, all.begin() + 188 - tear);
-    std::copy(header.begin() + tear, header.end(), all.begin() + 2 * 188 + 4);
+    for (const u8 id : Bytes{0xE0, 0xBB, 0xBC, 0xBE, 0xBF, 0xF0, 0xF1, 0xF2, 0xF8, 0xFF}) {
+      SCOPED_TRACE(testing::Message() << "stream " << int{id} << ", cut at " << cut);
+      header[3] = id;
+      Bytes all;
+      for (const u64 counter : {5U, 5U, 6U}) append(all, packet({.counter = counter}));
+      put(all, 9, 1, 1);
+      put(all, 26, 22, 0x350000U | (183 - cut) << 8);  // an adaptation field up to the header
+      put(all, 188 * 8 + 26, 22, 0x25B700);            // no payload
+      const auto begin = all.begin() + 188 - static_cast<std::ptrdiff_t>(cut),
+                 end = all.begin() + 2 * 188 + 4;
+      std::copy_n(header.begin(), cut, begin);
+      std::copy(header.begin() + static_cast<std::ptrdiff_t>(cut), header.end(), end);
 
-    FileInput input = play(all, 3 * 1504);  // passes of a second
-    for (int i = 0; i < 3; ++i) input.take();
-    Bytes second;
-    for (int i = 0; i < 3; ++i) append(second, input.take());
-    Bytes again(second.begin() + 188 - tear, second.begin() + 188);
-    append(again, std::span(second).subspan(2 * 188 + 4));
-    EXPECT_EQ(pesTimeIn(std::span(again).subspan(9, 5)), 90'000U - 2) << cut;
-    EXPECT_EQ(pesTimeIn(std::span(again).subspan(14, 5)), 90'000U) << cut;
-    EXPECT_EQ(again[9] & 0xF1, 0x31) << cut;
-    for (const std::size_t i : {0U, 1U, 2U}) EXPECT_EQ(bits(second, i * 1504 + 28, 4), i < 2 ? 7U : 8U);
-  }
-}
-
-TEST(Inputs, StreamsWithoutAPesHeaderAreLeftAlone) {
-  for (const u8 id : Bytes{0xBC, 0xBE, 0xBF, 0xF0, 0xF1, 0xF2, 0xF8, 0xFF}) {
-    Bytes one = packet({});
-    put(one, 9, 1, 1);
-    const Bytes start = {0, 0, 1, id, 0, 0, 0x80, 0x80, 5, 0x21, 0, 1, 0, 1};  // else a PTS
-    std::copy(start.begin(), start.end(), one.begin() + 4);
-    FileInput input = play(one, 1504);
-    input.take();
-    EXPECT_TRUE(std::ranges::equal(input.take().subspan(4), std::span(one).subspan(4))) << int{id};
+      FileInput input = play(all, 3 * 1504);
+      for (int i = 0; i < 3; ++i) input.take();
+      if (id == 0xE0) {  // 2^33 - 2 and 0
+        const Bytes moved = {0x31, 0, 5, 0xBF, 0x1D, 0x11, 0, 5, 0xBF, 0x21};
+        for (std::size_t i = 9; i < header.size(); ++i)
+          (i < cut ? begin + i : end + (i - cut))[0] = moved[i - 9];
+      }
+      for (const std::size_t i : {0U, 1U, 2U}) {
+        put(all, i * 1504 + 28, 4, i < 2 ? 7 : 8);
+        EXPECT_TRUE(std::ranges::equal(input.take(), std::span(all).subspan(i * 188, 188))) << "packet " << i;
+      }
+    }
   }
 }
 
@@ -206,7 +181,7 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     const char* name;
     int packets = 100;
     Nanos every = 10 * kMs;
-    std::int64_t pcrFrom_ticks = 0, jump_ticks = 0;
+    u64 pcrFrom_ticks = 0, jump_ticks = 0;
     Nanos pause = 0;
     int burst = 1;            // so many leave together, with the last of them
     Nanos delay = 200 * kMs;  // from its time until it plays
@@ -214,14 +189,11 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     Nanos within = 0;
     u64 discontinuities = 0, underruns = 0, overruns = 0, pauses = 0;
   };
-  constexpr std::int64_t kAhead = 900'000'000, kBack = -2'700'000;
   const Row rows[] = {
-      {.name = "even"},
       {.name = "in bursts", .packets = 400, .burst = 5, .delay = 220 * kMs, .from = 2, .within = 5 * kMs},
-      {.name = "through a wrap", .pcrFrom_ticks = -13'500'000},
+      {.name = "through a wrap", .pcrFrom_ticks = kPcrWrap - 13'500'000},
       {.name = "a sender 100 ppm slow", .packets = 60'000, .every = 10'001'000, .within = 4 * kMs},
-      {.name = "a new time base", .jump_ticks = kAhead, .discontinuities = 1},
-      {.name = "a time base that goes back", .jump_ticks = kBack, .discontinuities = 1},
+      {.name = "a new time base", .jump_ticks = 900'000'000, .discontinuities = 1},
       {.name = "a pause", .pause = 3 * kSecond, .pauses = 1},
       {"half as fast as it says", 60, 20 * kMs, 0, 0, 0, 1, 100 * kMs, 2, 101 * kMs, 0, 2},
       {"twice as fast as it says", 120, 5 * kMs, 0, 0, 0, 1, 300 * kMs, 2, 101 * kMs, 0, 0, 2},
@@ -232,10 +204,9 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     const auto late = [&](int i) { return i < 50 ? 0 : row.pause; };
     const auto sent = [&](int i) { return (i - i % row.burst + row.burst - 1) * row.every + late(i); };
     for (int i = 0; i < row.packets; ++i) {
-      const std::int64_t ticks =
-          row.pcrFrom_ticks + std::int64_t{i} * 270'000 + (i < 50 ? 0 : row.jump_ticks);
       PacketFields fields{.number = static_cast<u64>(i)};
-      if (i % 4 == 2) fields.pcr = (kPcrWrap + static_cast<u64>(ticks)) % kPcrWrap;
+      const u64 ticks = row.pcrFrom_ticks + fields.number * 270'000 + (i < 50 ? 0 : row.jump_ticks);
+      if (i % 4 == 2) fields.pcr = ticks % kPcrWrap;
       udp.sendAt(sent(i), packet(fields));
     }
     udp.rig.runUntil(sent(row.packets) + kSecond);
@@ -306,36 +277,6 @@ TEST(Inputs, DatagramsArePacketsAloneOrInRtp) {
   udp.rig.runUntil(kSecond);
   ASSERT_EQ(udp.arrived.size(), 19U);
   EXPECT_EQ(udp.arrived.front().first, 200 * kMs);  // without PCRs at arrival and the delay
-}
-
-// Whatever stands around sound packets: what comes out are those packets, whole and in order.
-TEST(Inputs, NoDatagramBringsWhatWasNotSent) {
-  Udp udp;
-  std::mt19937 random(3);
-  const auto below = [&](std::size_t n) { return random() % n; };
-  u64 sent = 0;
-  for (int i = 0; i < 4000; ++i) {
-    Bytes datagram(below(4) == 0 ? 0 : 12 + 4 * below(8));
-    for (u8& each : datagram) each = static_cast<u8>(below(8));
-    if (!datagram.empty()) {
-      datagram[0] = static_cast<u8>(0x80 | (below(2) == 0 ? below(0x40) : (datagram.size() - 12) / 4));
-      datagram[1] = 33;
-    }
-    for (std::size_t n = below(4); n > 0; --n, ++sent) {
-      append(datagram, packet({.number = sent, .pcr = below(9) == 0 ? std::optional(sent) : std::nullopt}));
-    }
-    datagram.resize(datagram.size() + below(4) * below(4), static_cast<u8>(below(6)));
-    if (below(5) == 0) datagram.resize(below(datagram.size() + 1));
-    udp.sendAt(i * kMs / 4, datagram);
-  }
-  udp.rig.runUntil(5 * kSecond);
-  ASSERT_EQ(udp.arrived.size(), udp.input.counts().packets);
-  EXPECT_GT(udp.arrived.size(), 1000U);
-  EXPECT_GT(udp.input.counts().foreign, 1000U);
-  for (std::size_t i = 0; i < udp.arrived.size(); ++i) {
-    ASSERT_LT(udp.arrived[i].second, sent);
-    ASSERT_TRUE(i == 0 || udp.arrived[i].second > udp.arrived[i - 1].second) << i;
-  }
 }
 
 TEST(Inputs, HoldNoMoreDatagramsThanTheirBuffer) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@ namespace test {
 
 using headend::Nanos;
 using Bytes = std::vector<u8>;
+using u64 = std::uint64_t;
 
 enum Port : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
 
@@ -38,25 +38,23 @@ struct Card {
   void clocks(int count) {
     for (int i = 0; i < count; ++i) set(kClock, 1), set(kClock, 0);
   }
-  void clockIn(std::span<const u8> stream) {
+  void clockIn(const Bytes& stream) {
     for (const u8 byte : stream) {
       for (int bit = 7; bit >= 0; --bit) set(kData, byte >> bit & 1), clocks(1);
     }
   }
-  void clockIn(u8 byte) { clockIn({&byte, 1}); }
-  void load(std::span<const u8> stream, int closingClocks = 10) {
+  void load(const Bytes& stream = {0x55}, int closingClocks = 10) {
     request();
     clockIn(stream);
     clocks(closingClocks);
     set(kGuard, 0);
   }
-  void load() { load(Bytes{0x55}); }
   bool done() { return port.read(kDone, now) != 0; }
 
   u16 read(u32 offset) { return fpga.read(offset, now); }
   void write(u32 offset, u16 value) { fpga.write(offset, value, now); }
 
-  std::uint64_t count(const std::string& kind) const {
+  u64 count(const std::string& kind) const {
     const auto found = violations.counts().find(kind);
     return found == violations.counts().end() ? 0 : found->second;
   }

@@ -1,0 +1,323 @@
+// A card's FPGA with its configuration port, on the bus: loaded, written to and uploaded to by a driver that
+// can make mistakes.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <random>
+
+#include "headend/hardware/bus.h"
+#include "tests/headend/packets.h"
+
+namespace test {
+namespace {
+
+using headend::kSecond;
+using headend::Multiplexer;
+using headend::Nanos;
+__extension__ using Wide = __int128;
+
+enum Port : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
+enum Window : u32 { kReset = 0, kConstellation = 2, kRateWord = 4, kVersion = 106, kPsiData = 156 };
+constexpr std::array<u32, 2> kPsiReady = {158, 174}, kFilter = {262, 270};
+constexpr u32 kScratch = 200, kEnd = 278;
+
+constexpr u16 kOpen = 0xC0DE, kStart = 0x3C5A, kRelease = 0xC3A5;
+
+struct Card {
+  headend::Violations violations;
+  headend::CardFpga fpga;
+  headend::ConfigPort port;
+  PacketKeeper sink;  // of the first output
+  Nanos now = 0;
+
+  explicit Card(bool anyBitstream = true)
+      : fpga({.anyBitstream = anyBitstream, .seed = 1}, violations), port(fpga.configuration(), violations) {
+    fpga.output(0).setSink(&sink);
+  }
+  void set(u32 offset, u16 value) { port.write(offset, value, now); }
+  u16 get(u32 offset) { return port.read(offset, now); }
+  void request(u16 guard = kOpen) {
+    set(kGuard, guard);
+    set(kClock, 0);
+    set(kRequest, kStart);
+    set(kRequest, kRelease);
+    now += 1'000'000;
+  }
+  void clocks(int count) {
+    for (int i = 0; i < count; ++i) set(kClock, 1), set(kClock, 0);
+  }
+  void clockIn(const Bytes& stream) {
+    for (std::size_t i = 0; i < stream.size() * 8; ++i) set(kData, bits(stream, i, 1) != 0), clocks(1);
+  }
+  void load(const Bytes& stream = {0x55}, int closingClocks = 10) {
+    request();
+    clockIn(stream);
+    clocks(closingClocks);
+    set(kGuard, 0);
+  }
+  u16 read(u32 offset) { return fpga.read(offset, now); }
+  void write(u32 offset, u16 value) { fpga.write(offset, value, now); }
+  u64 count(const std::string& kind) const {
+    const auto found = violations.counts().find(kind);
+    return found == violations.counts().end() ? 0 : found->second;
+  }
+
+  // ---- Uploads ----
+  void words(int count, u16 word) {
+    for (int i = 0; i < count; ++i) write(kPsiData, word);
+  }
+  void filler(int count = 16) { words(count, 0xFFFF); }
+  void data(std::size_t count, u64 number = 2) {
+    Bytes whole = packet({.number = number});
+    whole.resize(count, 0x22);
+    for (const u8 byte : whole) write(kPsiData, byte);
+  }
+  void insert(u64 number) { data(188, number), filler(); }
+  std::vector<u64> left(Nanos after) {
+    fpga.advanceOutputs(now += after);
+    std::vector<u64> numbers;
+    for (const auto& [place, each] : sink.kept) numbers.push_back(numberIn(each));
+    return numbers;
+  }
+};
+
+TEST(CardFpga, HasAWindowAndAPortInEachSlotAndNobodyElseAnswers) {
+  constexpr u32 kWindows[] = {0x60000000, 0x60000200, 0x60000400, 0x60000800, 0x60001000, 0x60002000};
+  std::array<Card, 6> cards;
+  headend::Violations violations;
+  headend::Bus bus(violations);
+  const auto window = [&](u32 address) { return static_cast<char*>(bus.hostAddress(address)); };
+  const auto board = [&](u32 offset) { return static_cast<char*>(bus.mainBoard()) + offset; };
+  for (const u32 slot : {0U, 2U, 3U, 4U, 5U}) {
+    Card& card = cards[slot];
+    card.load();
+    bus.attach(static_cast<int>(slot), card.fpga, card.port);
+    for (const u32 offset : {kScratch, kEnd - 2}) {
+      bus.write(window(kWindows[slot] + offset), static_cast<u16>(offset + slot), 0);
+      EXPECT_EQ(bus.read(window(kWindows[slot] + offset), 0), offset + slot);
+      EXPECT_EQ(card.read(offset), offset + slot);
+    }
+    bus.write(board(0x300 + 16 * slot + kGuard), kOpen, 0);
+    EXPECT_EQ(bus.peek(board(0x300 + 16 * slot + kDone), 0), 1);
+    bus.write(board(0x300 + 16 * slot + kRequest), kStart, 0);
+    EXPECT_EQ(card.get(kDone), 0);
+    EXPECT_EQ(bus.accesses(static_cast<int>(slot)), 6U);
+  }
+  EXPECT_TRUE(violations.counts().empty());
+
+  int local = 0;
+  u64 lost = 0;
+  for (void* reg : {window(kWindows[0] + kEnd), window(kWindows[5] + kEnd), window(0x60000600),
+                    window(kWindows[1]), board(0x300 + 16), board(0x300 - 2), board(0x300 + 16 * 6), board(0),
+                    reinterpret_cast<char*>(&local)}) {
+    EXPECT_EQ(bus.peek(reg, 0), 0xFFFF);
+    EXPECT_EQ(bus.read(reg, 0), 0xFFFF);
+    bus.write(reg, 1, 0);
+    EXPECT_EQ(violations.counts().at("bus_access_without_device"), lost += 2);
+  }
+  for (const u32 address : {0U, 0x5FFFFFFEU, 0x60002200U, 0xFFFFFFFFU})
+    EXPECT_EQ(bus.hostAddress(address), nullptr);
+}
+
+// ---- Configuration ----
+
+TEST(CardFpga, TakesAWholeStreamAndNoOther) {
+  Bytes whole(32, 0xFF);
+  append(whole, Bytes{'Q', 'A', 'M', 'B', 0, 0, 0, 5});                        // and the payload's length
+  append(whole, Bytes{0x12, 0x34, 0x56, 0x78, 0x9A, 0x4C, 0xA0, 0xF5, 0xAF});  // and a CRC of IEEE 802.3
+  const auto accepts = [](const Bytes& stream, int closingClocks = 200) {
+    Card card(false);
+    card.load(stream, closingClocks);
+    EXPECT_TRUE(card.violations.counts().empty());
+    return card.get(kDone) != 0;
+  };
+  for (const int clocks : {0, 9, 10, 30}) EXPECT_EQ(accepts(whole, clocks), clocks >= 10) << clocks;
+  for (std::size_t bit = 0; bit < whole.size() * 8; ++bit) {
+    Bytes flipped = whole;
+    flipped[bit / 8] ^= static_cast<u8>(0x80 >> bit % 8);
+    EXPECT_FALSE(accepts(flipped)) << "bit " << bit;
+  }
+  for (auto end = whole.begin(); end != whole.end(); ++end) EXPECT_FALSE(accepts({whole.begin(), end}));
+  whole.push_back(0);
+  EXPECT_FALSE(accepts(whole));
+}
+
+TEST(CardFpga, TakesAnIntegratorsStreamInWholeBytes) {
+  for (const int bits : {0, 24, 25, 28, 31}) {
+    Card card;
+    card.request();
+    for (int i = 0; i < bits; ++i) card.set(kData, 1), card.clocks(1);
+    card.clocks(9);
+    EXPECT_EQ(card.get(kDone), 0) << bits;
+    card.clocks(1);
+    EXPECT_EQ(card.get(kDone), bits == 24 ? 1 : 0) << bits;
+  }
+}
+
+TEST(CardFpga, LosesAndCountsDataWhileThePortIsClosedOrTheCardNotReady) {
+  const auto closed = [](Card& c) {
+    c.request(), c.clockIn({1}), c.set(kGuard, 0), c.clockIn({2}), c.set(kRequest, kStart);
+    c.set(kGuard, kOpen), c.clockIn({3}), c.clocks(10);
+  };
+  const std::tuple<const char*, void (*)(Card&), u16, u64> rows[] = {
+      {"another guard", [](Card& c) { c.request(0xC0DF), c.clocks(18); }, 0, 18},
+      {"closed in the middle", closed, 1, 8},
+      {"before the release", [](Card& c) { c.set(kGuard, kOpen), c.set(kRequest, kStart), c.clocks(3); }, 0,
+       3},
+      {"before the status rises", [](Card& c) { c.request(), c.now -= 1'000'000, c.clocks(3); }, 0, 3},
+      {"configured already", [](Card& c) { c.load(), c.set(kGuard, kOpen), c.clocks(8); }, 1, 0},
+  };
+  for (const auto& [name, drive, done, lost] : rows) {
+    Card card;
+    drive(card);
+    EXPECT_EQ(card.get(kDone), done) << name;
+    EXPECT_EQ(card.count("config_data_while_not_ready"), lost) << name;
+  }
+}
+
+TEST(CardFpga, IsBlankBeforeItsConfigurationAndAllZeroAfter) {
+  Card card;
+  for (const u64 before : {0U, 1U}) {
+    for (u32 offset = 0; offset < kEnd; offset += 2) {
+      card.write(offset, 0x1234);
+      EXPECT_EQ(card.read(offset), 0xFFFF) << offset;
+    }
+    EXPECT_EQ(card.get(kStatus), 0);
+    card.set(kRequest, kStart);
+    EXPECT_EQ(card.get(kRequest), before == 0 ? 0 : kStart) << "behind a guard, at first closed";
+    const u64 left = card.fpga.output(1).counts().total();
+    card.fpga.output(1).advance(card.now += kSecond);
+    EXPECT_EQ(card.fpga.output(1).counts().total(), left) << "a blank card sends nothing";
+
+    card.load();
+    card.port.loaderLeft();
+    EXPECT_EQ(card.count("config_guard_left_open"), before);
+    EXPECT_EQ(card.get(kRequest), kRelease);
+    EXPECT_EQ(card.get(kStatus), 1);
+    for (u32 offset = 0; offset < kEnd; offset += 2) {
+      const bool ready = offset == kPsiReady[0] || offset == kPsiReady[1];  // there is room
+      EXPECT_EQ(card.read(offset), ready ? 1 : offset == kVersion ? 5 : 0) << offset;
+    }
+    for (u32 offset = kScratch; offset < 230; offset += 2) {
+      card.write(offset, static_cast<u16>(offset * 257));
+      EXPECT_EQ(card.read(offset), static_cast<u16>(offset * 257));
+    }
+    card.set(kGuard, kOpen);
+    card.set(kRequest, kStart);
+    card.port.loaderLeft();
+  }
+  EXPECT_EQ(card.fpga.configuration().attempts(), 5U);
+}
+
+// ---- Outputs ----
+
+TEST(CardFpga, HasExactlyTheBitRateOfEachModulationForEver) {
+  for (u32 rate = 5000; rate <= 7000; rate += 125) {
+    for (const unsigned bitsPerSymbol : {6U, 7U, 8U}) {
+      SCOPED_TRACE(testing::Message() << rate << " kBd, bits " << bitsPerSymbol);
+      Multiplexer output;
+      output.start(kSecond, headend::BitRate::ofModulation(rate, bitsPerSymbol));
+      EXPECT_DOUBLE_EQ(output.rate().perSecond(), rate * 1000.0 * bitsPerSymbol * 188 / 204);
+      std::mt19937 steps(rate);
+      for (Nanos t = 0; t < 90'000 * kSecond; t += t < kSecond ? steps() % 700'000 : 86'400 * kSecond) {
+        output.advance(kSecond + t);
+        // Of 1632 bits on the air each, in whole nanoseconds, the first at 0.
+        const Wide perPacket = Wide{1632} * 1'000'000;
+        ASSERT_EQ(output.counts().null, (Wide{t + 1} * rate * bitsPerSymbol + perPacket - 1) / perPacket)
+            << t;
+      }
+    }
+  }
+}
+
+TEST(CardFpga, TakesTheModulatorsSettingsWhenBothItsResetsAreReleased) {
+  Card card;
+  card.load();
+  const auto onAir = [&] { return card.fpga.output(1).rate().perSecond() * 204 / 188; };
+  card.write(kConstellation, 7);
+  card.write(kReset, 3);
+  EXPECT_DOUBLE_EQ(onAir(), 6'875'000.0 * 8) << "told no symbol rate";
+  const std::pair<u32, u16> writes[] = {{kConstellation, 5},   {kRateWord + 2, 0xCC}, {kRateWord + 4, 0xCC},
+                                        {kRateWord + 6, 0xCC}, {kReset, 3},           {kReset, 2}};
+  for (const auto& [reg, value] : writes) {
+    card.write(reg, value);
+    EXPECT_DOUBLE_EQ(onAir(), 6'875'000.0 * 8) << "register " << reg;
+  }
+  card.write(kReset, 3);
+  EXPECT_DOUBLE_EQ(onAir(), 5'000'000.0 * 6);
+}
+
+// Each row is what a driver writes between two good packets.
+TEST(CardFpga, LosesAndCountsAMisframedPacketAndTakesTheNextOne) {
+  struct Row {
+    const char* name;
+    void (*bad)(Card&);
+    u64 misframed = 1;
+    std::vector<u64> left = {1, 3};
+    u64 withoutSync = 0;
+  };
+  const Row rows[] = {
+      {"a byte short", [](Card& c) { c.data(187), c.filler(); }},
+      {"no filler", [](Card& c) { c.data(188); }},
+      {"a filler short", [](Card& c) { c.data(188), c.filler(15); }},
+      {"a filler too many", [](Card& c) { c.data(188), c.filler(17); }, 1, {1, 2, 3}},
+      {"a byte too many", [](Card& c) { c.data(189), c.filler(); }},
+      {"a high byte in the data", [](Card& c) { c.data(100), c.words(88, 0x0147), c.filler(); }},
+      {"one after the data", [](Card& c) { c.data(188), c.words(16, 0xFF00); }},
+      {"erased", [](Card& c) { c.words(188, 0xFF), c.filler(); }, 0, {1, 0xFFFFFFFF, 3}, 1},
+  };
+  for (const Row& row : rows) {
+    Card card;
+    card.load();
+    card.insert(1), row.bad(card), card.insert(3);
+    EXPECT_EQ(card.left(kSecond), row.left) << row.name;
+    EXPECT_EQ(card.count("psi_packet_misframed"), row.misframed) << row.name;
+    EXPECT_EQ(card.count("psi_packet_without_sync"), row.withoutSync) << row.name;
+  }
+}
+
+TEST(CardFpga, TellsOfRoomAndLosesWhatIsWrittenToAFullFifo) {
+  Card card;
+  card.load();
+  std::vector<u64> written;
+  while (card.read(kPsiReady[0]) != 0) card.insert(written.emplace_back(written.size()));
+  EXPECT_EQ(card.read(kPsiReady[1]), 1);
+  card.insert(1000);
+  EXPECT_EQ(card.count("psi_fifo_overflow"), 1U);
+  card.now += 1632 * 1'000'000 / (6875 * 6) + 1;  // a packet's time
+  EXPECT_EQ(card.read(kPsiReady[0]), 1);
+  card.insert(written.emplace_back(written.size()));
+  EXPECT_EQ(card.read(kPsiReady[0]), 0);
+  EXPECT_EQ(card.left(kSecond), written);
+}
+
+TEST(CardFpga, TakesAFilterAtTheRiseOfItsStrobe) {
+  constexpr u32 kPass = 0, kStrobe = 2, kLow = 4, kHigh = 6;
+  const std::tuple<const char*, std::vector<std::pair<u32, u16>>, u16, bool> steps[] = {
+      {"bits that do not count, no strobe", {{kLow, 0x1234}, {kHigh, 0xFFF2}, {kPass, 0xFFFE}}, 0x1234, true},
+      {"the strobe rises", {{kStrobe, 1}}, 0x1234, false},
+      {"it stays", {{kLow, 0x35}, {kHigh, 0x12}, {kStrobe, 0xFFFF}}, 0x1235, true},
+      {"it falls", {{kStrobe, 0xFFFE}, {kPass, 1}, {kLow, 0x34}}, 0x1234, false},
+      {"it rises again", {{kStrobe, 1}}, 0x1234, true},
+      {"and again", {{kStrobe, 0}, {kPass, 0}, {kStrobe, 1}}, 0x1234, false},
+  };
+  Card card;
+  card.load();
+  const auto passes = [&](Multiplexer& output, u64 pid) {
+    const Bytes any = packet({});
+    const u64 before = output.counts().filtered;
+    output.offer(card.now, headend::TsPacketView(any.data(), 188), static_cast<u16>(pid));
+    return output.counts().filtered == before;
+  };
+  for (const std::size_t channel : {0U, 1U}) {
+    for (const auto& [name, writes, pid, pass] : steps) {
+      for (const auto& [reg, value] : writes) card.write(kFilter[channel] + reg, value);
+      EXPECT_EQ(passes(card.fpga.output(channel), pid), pass) << channel << ": " << name;
+    }
+  }
+  card.load();
+  EXPECT_TRUE(passes(card.fpga.output(0), 0x1234)) << "after a new configuration";
+}
+
+}  // namespace
+}  // namespace test

@@ -48,6 +48,11 @@ inline u64 numberIn(std::span<const u8> p) {
   return bits(p, 184 * 8, 32);
 }
 
+inline void putPcr(std::span<u8> p, u64 ticks) {
+  put(p, 48, 33, ticks / 300);
+  put(p, 81, 15, 0x3F << 9 | ticks % 300);
+}
+
 struct PacketFields {
   u64 pid = 0x100;
   u64 counter = 0;
@@ -63,8 +68,7 @@ inline Bytes packet(const PacketFields& fields) {
   if (fields.pcr) {
     put(p, 26, 1, 1);
     put(p, 32, 16, 0x0710);
-    put(p, 48, 33, *fields.pcr / 300);
-    put(p, 81, 15, 0x3F << 9 | *fields.pcr % 300);
+    putPcr(p, *fields.pcr);
   }
   return p;
 }

@@ -34,14 +34,8 @@ inline void append(Bytes& to, std::span<const u8> more) {
   to.insert(to.end(), more.begin(), more.end());
 }
 
-inline u64 pidIn(std::span<const u8> p) {
-  return bits(p, 11, 13);
-}
 inline u64 pcrIn(std::span<const u8> p) {
   return bits(p, 48, 33) * 300 + bits(p, 87, 9);
-}
-inline bool carriesPcr(std::span<const u8> p) {
-  return bits(p, 26, 1) == 1 && p[4] > 0 && bits(p, 43, 1) == 1;
 }
 // A packet's number, by which a test knows it again.
 inline u64 numberIn(std::span<const u8> p) {

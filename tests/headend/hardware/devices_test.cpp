@@ -160,18 +160,12 @@ TEST(Devices, AStretchedClockIsHeldFor100MicrosecondsAfterAByte) {
 constexpr u32 kReset = 0x400086, kR = 0x0000D0, kN = 0x013D21, kRun = 0x400082;
 
 TEST(Devices, TheSynthesizerLocksWhereItsLatchesSay) {
-  struct Row {
-    const char* name;
-    std::vector<u32> words;
-    double MHz;
-    const char* why = "";
-  };
-  const Row rows[] = {
-      {"pump currents, lock detect on the output", {0x5F8096, kR, kN, 0x5F8092}, 1270},
-      {"counters alone, afterwards", {kReset, kR, kN, kRun, 0x013D25}, 1270.25},
-      {"prescaler 8", {0x000086, kR, kN, 0x000082}, 636},
-      {"prescaler 64, A 40", {0xC00086, 0x000104, 0x00FAA1, 0xC00082}, 3208},
-      {"prescaler 32, R 8320, B 8000", {0x800086, 0x008200, 0x1F4001, 0x800082}, 400},
+  const std::tuple<const char*, std::vector<u32>, double, const char*> rows[] = {
+      {"pump currents, lock detect on the output", {0x5F8096, kR, kN, 0x5F8092}, 1270, ""},
+      {"counters alone, afterwards", {kReset, kR, kN, kRun, 0x013D25}, 1270.25, ""},
+      {"prescaler 8", {0x000086, kR, kN, 0x000082}, 636, ""},
+      {"prescaler 64, A 40", {0xC00086, 0x000104, 0x00FAA1, 0xC00082}, 3208, ""},
+      {"prescaler 32, R 8320, B 8000", {0x800086, 0x008200, 0x1F4001, 0x800082}, 400, ""},
       {"no reset", {kR, kN, kRun}, 0, "not programmed"},
       {"no counters", {kReset, kR, kRun}, 0, "not programmed"},
       {"no reference counter", {kReset, kN, kRun}, 0, "not programmed"},
@@ -184,18 +178,18 @@ TEST(Devices, TheSynthesizerLocksWhereItsLatchesSay) {
       {"R 0", {kReset, 0, kN, kRun}, 0, "the reference counter divides by 0"},
       {"B 2", {kReset, kR, 0x000201, kRun}, 0, "B is 2"},
       {"A 8, B 7", {kReset, 0x000004, 0x000721, kRun}, 0, "A is 8"},
-      {"A 8, B 8", {kReset, 0x000004, 0x000821, kRun}, 1768},
+      {"A 8, B 8", {kReset, 0x000004, 0x000821, kRun}, 1768, ""},
       {"RF too high", {kReset, kR, 0x03E801, kRun}, 0, "4000.000 MHz, outside"},
       {"RF too low", {kReset, kR, 0x003121, kRun}, 0, "198.000 MHz, outside"},
       {"prescaler too fast", {0x000086, kR, 0x051401, 0x000082}, 0, "the prescaler puts out 325.0 MHz"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, words, MHz, why] : rows) {
+    SCOPED_TRACE(name);
     Violations violations;
     headend::Synthesizer part("lo", 13e6, true, violations);
     ThreeLines<headend::Synthesizer> lines{part};
-    for (const u32 word : row.words) lines.send(word);
-    expectOutput(part.output(), row.MHz, row.why);
+    for (const u32 word : words) lines.send(word);
+    expectOutput(part.output(), MHz, why);
     EXPECT_EQ(kinds(violations), "");
   }
 }
@@ -236,14 +230,8 @@ TEST(Devices, TheEepromsReadsRunOnThroughAllBlocks) {
 
 TEST(Devices, TheEepromWritesAPageWhenAStopConfirmsItAndAnswersNobodyMeanwhile) {
   enum End { kStop, kStopInByte, kRestart };
-  struct Row {
-    const char* name;
-    unsigned place, count, then;  // where, how many, the address counter afterwards
-    Nanos cycle;
-    End end;
-    const char* kinds;
-  };
-  const Row rows[] = {
+  // By name: where, how many, the address counter afterwards.
+  const std::tuple<const char*, unsigned, unsigned, unsigned, Nanos, End, const char*> rows[] = {
       {"nothing", 0x345, 0, 0x345, kCycle, kStop, ""},
       {"a page, at once", 0x7F0, 16, 0x7F0, 0, kStop, ""},
       {"over a page's end", 0x0FE, 3, 0x0F1, kCycle, kStop, "eeprom_page_wrapped"},
@@ -251,26 +239,26 @@ TEST(Devices, TheEepromWritesAPageWhenAStopConfirmsItAndAnswersNobodyMeanwhile) 
       {"no stop", 0x345, 2, 0x347, 0, kRestart, "eeprom_write_abandoned"},
       {"a stop inside a byte", 0x345, 2, 0x347, 0, kStopInByte, "eeprom_stop_in_byte"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, place, count, then, cycle, end, complaints] : rows) {
+    SCOPED_TRACE(name);
     Memory memory;
     auto expected = memory.old;
-    Bytes data(row.count);
-    for (unsigned i = 0; i < row.count; ++i) {
+    Bytes data(count);
+    for (unsigned i = 0; i < count; ++i) {
       data[i] = static_cast<u8>(5 + i);
-      if (row.end == kStop) expected[(row.place & ~15U) + (row.place + i) % 16] = data[i];
+      if (end == kStop) expected[(place & ~15U) + (place + i) % 16] = data[i];
     }
-    memory.part.writeCycle(row.cycle);
-    EXPECT_TRUE(memory.write(row.place, data, row.end == kStop));
-    const Nanos end = memory.stopped() + row.cycle;
-    EXPECT_EQ(memory.part.image(end - 1), memory.old);
-    if (row.end == kStopInByte) memory.master.bit(true), memory.master.stop();
-    if (row.end == kRestart) memory.master.prepareRestart(), memory.master.send(0x53);
-    EXPECT_EQ(memory.master.send(0x53), row.count == 0 || row.cycle == 0);
-    memory.master.now = std::max(memory.master.now, end - 15'800);  // an address takes 15.8 us
-    EXPECT_EQ(memory.readOn(row.then >> 8), expected[row.then]);
+    memory.part.writeCycle(cycle);
+    EXPECT_TRUE(memory.write(place, data, end == kStop));
+    const Nanos written = memory.stopped() + cycle;
+    EXPECT_EQ(memory.part.image(written - 1), memory.old);
+    if (end == kStopInByte) memory.master.bit(true), memory.master.stop();
+    if (end == kRestart) memory.master.prepareRestart(), memory.master.send(0x53);
+    EXPECT_EQ(memory.master.send(0x53), count == 0 || cycle == 0);
+    memory.master.now = std::max(memory.master.now, written - 15'800);  // an address takes 15.8 us
+    EXPECT_EQ(memory.readOn(then >> 8), expected[then]);
     EXPECT_EQ(memory.part.image(memory.master.now + kCycle), expected);
-    EXPECT_EQ(kinds(memory.violations), row.kinds);
+    EXPECT_EQ(kinds(memory.violations), complaints);
   }
 }
 

@@ -35,27 +35,25 @@ struct I2cLines {
   Nanos low = 1300, high = 600, dataSetup = 100, startSetup = 600, startHold = 600, stopSetup = 600;
   Nanos busFree = 1300;
 
-  explicit I2cLines(headend::I2cSlave& slave) : bus(&slave) { scl(true), sda(true); }
+  explicit I2cLines(headend::I2cSlave& slave) : bus(&slave) { scl(true), sda(0, true); }
   void scl(bool level) {
     bus.driveClock(level, now);
     while (level && !bus.clock(now)) now += 100;
   }
-  void sda(bool level) { bus.driveData(level, now); }
+  void sda(Nanos wait, bool level) { bus.driveData(level, now += wait); }
   void rise(bool data) {
-    now += low - dataSetup;
-    sda(data);
+    sda(low - dataSetup, data);
     now += dataSetup;
     scl(true);
   }
   bool bit(bool level) {
     rise(level);
-    now += high;
-    const bool seen = bus.data(now);
+    const bool seen = bus.data(now += high);
     scl(false);
     return seen;
   }
   void start() {
-    sda(false);
+    sda(0, false);
     now += startHold;
     scl(false);
   }
@@ -65,8 +63,7 @@ struct I2cLines {
   }
   void stop() {
     rise(false);
-    now += stopSetup;
-    sda(true);
+    sda(stopSetup, true);
     now += busFree;
   }
   bool write(u8 byte) {  // true: acknowledged

@@ -101,6 +101,10 @@ TEST(Router, CountsWhatAnInputBringsAndMissesItAfterHalfASecond) {
   EXPECT_TRUE(lost(12 * kSecond));
   const PidRouter::InputCounts& counts = *h.router.input(5, 0);
   EXPECT_EQ(std::tuple(counts.packets, counts.damaged, counts.last), std::tuple(2U, 2U, 11 * kSecond));
+  h.route(1, position(5, 0, 0x100, 1));
+  h.route(2, position(5, 0, 0x101));
+  EXPECT_EQ(h.router.shadowed(3, 0), 1U) << "of three positions";
+  for (const u16 index : {u16{1}, u16{2}}) h.route(index, kUnused);
   h.route(0, position(15, 0, 0x100));
   EXPECT_TRUE(lost(11 * kSecond)) << "a slot that there is not";
   h.route(0, 0);
@@ -175,17 +179,9 @@ struct NaiveOutput {
       buffer.emplace_back(arrival, pid, number);
     }
   }
-  std::size_t shadowed() const {
-    std::multiset<u64> used;
-    for (const u64 position : map) {
-      if ((position & kInUse) != 0) used.insert(position & kNames);
-    }
-    return used.size() - std::set<u64>(used.begin(), used.end()).size();
-  }
 };
 
 TEST(Router, DoesAsTheNaiveModelInAnyHistory) {
-  u64 drops = 0, filtered = 0;
   for (unsigned seed = 0; seed < 20; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
@@ -243,12 +239,9 @@ TEST(Router, DoesAsTheNaiveModelInAnyHistory) {
       EXPECT_EQ(
           std::tuple(counts.total(), counts.dropped, counts.filtered, counts.offered - counts.routed),
           std::tuple(expected.place, expected.dropped, expected.filtered, counts.dropped + counts.filtered));
-      EXPECT_EQ(h.router.shadowed(3, static_cast<int>(o)), expected.shadowed());
-      drops += counts.dropped, filtered += counts.filtered;
+      EXPECT_GT(std::min(counts.dropped, counts.filtered), 5U);
     }
   }
-  EXPECT_GT(drops, 100U);
-  EXPECT_GT(filtered, 100U);
 }
 
 }  // namespace

@@ -195,7 +195,7 @@ TEST(Router, DoesAsTheNaiveModelInAnyHistory) {
     for (int step = 0; step < 1500; ++step) {
       if (step == 300) h.connect(2);
       for (u64 n = below(8), input = 3; n > 0; --n) {
-        if (input == 3 || below(3) != 0) now += static_cast<Nanos>(1 + below(2'000'000)), input = 0;
+        if (input == 3 || below(3) != 0) now += static_cast<Nanos>(1 + below(1'200'000)), input = 0;
         input += below((step < 300 ? 2 : 3) - input);  // at one time by slot and port
         const auto& [slot, port] = House::kInputs[input];
         const u64 pid = sourcePid();

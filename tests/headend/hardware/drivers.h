@@ -66,13 +66,14 @@ struct I2cLines {
     sda(stopSetup, true);
     now += busFree;
   }
-  bool write(u8 byte) {  // true: acknowledged
-    for (int i = 7; i >= 0; --i) bit((byte >> i & 1) != 0);
-    return !bit(true);
+  unsigned exchange(unsigned byte) {
+    unsigned seen = 0;
+    for (int i = 7; i >= 0; --i) seen = seen << 1 | (bit((byte >> i & 1) != 0) ? 1U : 0U);
+    return seen;
   }
+  bool write(u8 byte) { return exchange(byte) <= 0xFF && !bit(true); }  // true: acknowledged
   u8 read(bool acknowledge) {
-    unsigned byte = 0;
-    for (int i = 0; i < 8; ++i) byte = byte << 1 | (bit(true) ? 1U : 0U);
+    const unsigned byte = exchange(0xFF);
     bit(!acknowledge);
     return static_cast<u8>(byte);
   }

@@ -11,15 +11,13 @@ namespace {
 
 // What the routines below use; they get nothing but a slot number.
 struct Objects {
-  void (*act)(u8 slot) = nullptr;
-  os::MsgQ* queue = nullptr;
-  os::Semaphore* binary = nullptr;
-  os::Semaphore* mutex = nullptr;
-  Headend* headend = nullptr;
+  void (*act)(u8 slot);
+  os::MsgQ* queue;
+  os::Semaphore *binary, *mutex;
+  Headend* headend;
   int wentOn = 0;
   char byte = 'x';
-};
-Objects it;
+} it;
 
 void maySendWithoutWaitingGiveAndSpeak(u8 slot) {
   os::msgQSend(it.queue, &it.byte, 1, os::NO_WAIT, 0);

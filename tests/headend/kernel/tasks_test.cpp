@@ -31,8 +31,8 @@ class Scripts {
   explicit Scripts(const Kernel::Settings& settings = freeCalls()) : rig_(settings) {}
 
   // What happens, in the words of the scripts.
-  std::string play(const Words& scripts) {
-    for (const std::string& script : scripts) {
+  std::string play(const std::string& scripts) {
+    for (const std::string& script : split(scripts, '|')) {
       const std::size_t colon = script.find(':');
       const Words head = split(script.substr(0, colon), ' ');
       const auto body = [this, head, steps = split(script.substr(colon + 1), ';')] {
@@ -55,7 +55,7 @@ class Scripts {
     Kernel& k = rig_.kernel;
     const std::string& service = step[0];
     const auto ticks = [&](std::size_t i) { return i < step.size() ? std::stoi(step[i]) : os::WAIT_FOREVER; };
-    if (service == "say") return rig_.tell(name + " " + step[1]), os::OK;
+    if (service == "say") return rig_.tell(name + " on"), os::OK;
     if (service == "spend") return k.spend(nanos(step[1])), os::OK;
     if (service == "sleep") return k.sleepUntil(k.now() + nanos(step[1])), os::OK;
     if (service == "delay") return k.delay(ticks(1));
@@ -68,7 +68,7 @@ class Scripts {
     if (service == "receive") return receive(name, ticks(1), step.size() > 2 ? 2 : 16);
     if (service == "sendto") return socket_.send({.address = 0, .port = socket_.port()}, {1}), os::OK;
     if (service == "recvfrom") return socket_.receive(ticks(1)) ? os::OK : os::ERROR;
-    if (service == "spawn") return k.spawn("child", ticks(1), [this] { rig_.tell("child runs"); }), os::OK;
+    if (service == "spawn") return k.spawn("child", ticks(1), [this] { rig_.tell("child on"); }), os::OK;
     if (service == "set") return register_ = static_cast<std::uint16_t>(ticks(1)), os::OK;
     if (service == "look") return poll(otherRegister_, 0);
     if (service == "poll") return poll(register_, nanos(step[1]));
@@ -102,31 +102,25 @@ class Scripts {
 };
 
 // By name: the scripts, and what happens.
-void play(std::initializer_list<std::tuple<const char*, Words, const char*>> rows) {
+void play(std::initializer_list<std::array<std::string, 3>> rows) {
   for (const auto& [name, scripts, happens] : rows) EXPECT_EQ(Scripts().play(scripts), happens) << name;
 }
 
 TEST(Tasks, RunByPriorityAndShareInSlices) {
   play({
-      {"a higher one comes in the middle of a cost",
-       {"low 200: spend 10; say on", "high 100: take binary; say on; spend 2", "at 3.000007: give binary"},
+      {"a cost", "low 200: spend 10; say | high 100: take binary; say; spend 2 | at 3.000007: give binary",
        "high on@3.000007, low on@12"},
-      {"equals take turns of a tick, also where a higher one comes with each",
-       {"a 150 3: spend 5; say on", "b 150 3: spend 5; say on", "high 100 9: delay 1; spend 1"},
+      {"equals take turns", "a 150 3: spend 5; say | b 150 3: spend 5; say | high 100 9: delay 1; spend 1",
        "a on@5, b on@16, a on@21, a on@26, b on@27, b on@33"},
-      {"a displaced one goes on before its equals",
-       {"a 150: spend 5; say on", "b 150: say on", "high 100: take binary", "at 2: give binary"},
+      {"displaced", "a 150: spend 5; say | b 150: say | high 100: take binary | at 2: give binary",
        "a on@5, b on@5"},
-      {"a delay of 0 lets equals run and no lower one",
-       {"a 150 2: say on; delay 0", "b 150: say on; spend 1", "low 151: say on"},
+      {"delay 0", "a 150 2: say; delay 0 | b 150: say; spend 1 | low 151: say",
        "a on@0, b on@0, a on@1, low on@1"},
-      {"a lock keeps all others out until the last unlock, and an unlock too many is no debt",
-       {"low 200: lock; lock; spend 35; unlock; spend 35; say on; unlock; say on; unlock; lock; spend 35; "
-        "say on",
-        "high 100: delay 1; say on; delay 1; say on"},
+      {"locks",
+       "low 200: lock; lock; spend 35; unlock; spend 35; say; unlock; say; unlock; lock; spend 35; say | "
+       "high 100: delay 1; say; delay 1; say",
        "low on@70, high on@70, low on@70, low on@105, high on@105"},
-      {"a lock is set aside while its holder sleeps",
-       {"a 100: lock; delay 3; say on; spend 50; say on; unlock", "b 100 4: spend 25; say on"},
+      {"a sleeping holder", "a 100: lock; delay 3; say; spend 50; say; unlock | b 100 4: spend 25; say",
        "b on@25, a on@30, a on@80, b on@100, b on@125, b on@150"},
   });
 }
@@ -134,21 +128,20 @@ TEST(Tasks, RunByPriorityAndShareInSlices) {
 // Whatever makes a higher task ready, it has run before the call returns, which has taken its time.
 TEST(Tasks, ThatAreHigherRunBeforeTheCallReturnsThatWokeThem) {
   const std::array<std::string, 3> rows[] = {
-      {"receive", "send one", "low wakes@0.002, high gets 'one'@0.003, high on@0.003, low on@0.003"},
-      {"send a; send b; send c", "receive",
-       "low wakes@0.004, high on@0.005, low gets 'a'@0.005, low on@0.005"},
-      {"take binary", "give binary", "low wakes@0.002, high on@0.003, low on@0.003"},
+      {"receive", "send one", "low on@0.002, high gets 'one'@0.003, high on@0.003, low on@0.003"},
+      {"send a; send b; send c", "receive", "low on@0.004, high on@0.005, low gets 'a'@0.005, low on@0.005"},
+      {"take binary", "give binary", "low on@0.002, high on@0.003, low on@0.003"},
       {"delay 1; take mutex", "take mutex; spend 15; give mutex",
-       "low wakes@0.002, high on@15.005, low on@15.005"},
-      {"take binary", "lock; give binary; say locked; unlock",
-       "low wakes@0.002, low locked@0.004, high on@0.005, low on@0.005"},
-      {"delay 0", "spawn 50", "high on@0.002, low wakes@0.002, child runs@0.003, low on@0.003"},
-      {"recvfrom", "sendto", "low wakes@0.002, high on@0.003, low on@0.003"},
+       "low on@0.002, high on@15.005, low on@15.005"},
+      {"take binary", "lock; give binary; say; unlock",
+       "low on@0.002, low on@0.004, high on@0.005, low on@0.005"},
+      {"delay 0", "spawn 50", "high on@0.002, low on@0.002, child on@0.003, low on@0.003"},
+      {"recvfrom", "sendto", "low on@0.002, high on@0.003, low on@0.003"},
   };
-  for (const auto& [high, low, happens] : rows) {
-    const Words both = {"high 100: " + high + "; say on", "low 200: say wakes; " + low + "; say on"};
-    EXPECT_EQ(Scripts(Kernel::Settings{}).play(both), happens);
-  }
+  for (const auto& [high, low, happens] : rows)
+    EXPECT_EQ(
+        Scripts(Kernel::Settings{}).play("high 100: " + high + "; say | low 200: say; " + low + "; say"),
+        happens);
 }
 
 TEST(Tasks, PayForEachCallAlsoInVain) {
@@ -157,61 +150,52 @@ TEST(Tasks, PayForEachCallAlsoInVain) {
       {false, {"take none", "give none", "give mutex", "receive 0", "recvfrom 0"}}};
   for (const auto& [succeeds, calls] : rows) {
     for (const std::string& call : calls) {
-      const std::string story = Scripts(Kernel::Settings{}).play({"only 100: " + call + "; say on"});
-      const std::string failure = "only " + split(call, ' ')[0] + " fails@0.002, ";
-      EXPECT_TRUE(story.starts_with((succeeds ? "" : failure) + "only on@0.002")) << call << ": " << story;
+      const std::string story = Scripts(Kernel::Settings{}).play("a 100: " + call + "; say");
+      const std::string failure = "a " + split(call, ' ')[0] + " fails@0.002, ";
+      EXPECT_TRUE(story.starts_with((succeeds ? "" : failure) + "a on@0.002")) << call << ": " << story;
     }
   }
 }
 
-TEST(Tasks, PassMessagesInOrderAndWaitAsLongAsAsked) {
+TEST(Tasks, PassMessagesAndSemaphoresInOrderAndWaitAsLongAsAsked) {
   play({
-      {"in order, cut to the room, refused when too long or without room or to no queue",
-       {"only 100: send nowhere; send one 0; send three 0; send two2 0; send full 0; receive 0; receive 0 "
-        "short"},
-       "only send fails@0, only send fails@0, only send fails@0, only gets 'one'@0, only gets 'tw'@0"},
-      {"waits for a message",
-       {"a 100: receive 3; receive 3 short; receive 0", "b 200: spend 45; send half 0"},
+      {"a queue",
+       "a 100: send nowhere; send one 0; send three 0; send two2 0; send full 0; receive 0; receive 0 cut",
+       "a send fails@0, a send fails@0, a send fails@0, a gets 'one'@0, a gets 'tw'@0"},
+      {"an empty one", "a 100: receive 3; receive 3 cut; receive 0 | b 200: spend 45; send half 0",
        "a receive fails@30, a gets 'ha'@45, a receive fails@45"},
-      {"waits for room",
-       {"a 100: send a; send b; send c 3; say on; send d; say on",
-        "b 200: spend 75; receive; receive; receive"},
+      {"a full one",
+       "a 100: send a; send b; send c 3; say; send d; say | b 200: spend 75; receive; receive; receive",
        "a send fails@30, a on@30, a on@75, b gets 'a'@75, b gets 'b'@75, b gets 'd'@75"},
-      {"the most urgent receiver is first, then the first to come",
-       {"b 200: delay 2; receive", "high 150: delay 2; receive", "a 200: delay 1; receive",
-        "sends 250: delay 9; lock; send 1 0; send 2 0; send 3 0; send 4 0; unlock; receive 0"},
+      {"urgency",
+       "b 200: delay 2; receive | high 150: delay 2; receive | a 200: delay 1; receive | sends 250: delay 9; "
+       "lock; send 1 0; send 2 0; send 3 0; send 4 0; unlock; receive 0",
        "high gets '1'@90, a gets '2'@90, b gets '3'@90, sends gets '4'@90"},
-  });
-}
-
-TEST(Tasks, TakeAndGiveSemaphores) {
-  play({
-      {"a mutex is its owner's again and again, and goes over with the last give",
-       {"a 150: take mutex 0; take mutex 0; delay 2; give mutex; say on; give mutex; say on; give mutex",
-        "high 100: delay 1; take mutex 0; give mutex; take mutex; say on; give mutex"},
+      {"a mutex",
+       "a 150: take mutex 0; take mutex 0; delay 2; give mutex; say; give mutex; say; give mutex | high 100: "
+       "delay 1; take mutex 0; give mutex; take mutex; say; give mutex",
        "high take fails@10, high give fails@10, a on@20, high on@20, a on@20, a give fails@20"},
-      {"a binary one wakes one task a give and remembers one give",
-       {"a 100: take given 0; take given 0; take given 2; take given; say on; delay 3; take given 0; take "
-        "given 0",
-        "at 33: give given", "at 40: give given; give given"},
+      {"a flag",
+       "a 100: take given 0; take given 0; take given 2; take given; say; delay 3; take given 0; take given "
+       "0 | at 33: give given | at 40: give given; give given",
        "a take fails@0, a take fails@20, a on@33, a take fails@60"},
-      {"who waits for more than ten seconds is told once, with the holder",
-       {"a 100: take mutex", "b 200: take mutex", "c 200: take mutex 1000; take mutex 1000; say on"},
+      {"a long wait", "a 100: take mutex | b 200: take mutex | c 200: take mutex 1000; take mutex 1000; say",
        "c take fails@10000, b waits for mutex of a@10010, c take fails@20000, c on@20000"},
   });
 }
 
 TEST(Tasks, ThatPollForASecondAreParkedUntilTheRegisterChanges) {
-  play({{"with its lock",
-         {"a 100: delay 1; lock; await; say on; spend 50; unlock; delay 1000",
-          "b 200 4: delay 2; spend 1000; say on", "at 4003: set 1"},
-         "a parked@1010.01, b on@2010.01, b on@3030, a released@4010, a on@4010, b on@4100, b on@5120"},
-        {"not quite a second", {"a 100: poll 999.98; delay 10000"}, ""},
-        {"once", {"a 100: poll 10000; delay 10000"}, "a parked@1000.01"}});
+  play({
+      {"locked",
+       "a 100: delay 1; lock; await; say; spend 50; unlock | b 200 4: delay 2; spend 1000; say | at 4003: "
+       "set 1",
+       "a parked@1010.01, b on@2010.01, b on@3030, a released@4010, a on@4010, b on@4100, b on@5120"},
+      {"not quite", "a 100: poll 999.98; delay 10000", ""},
+  });
   for (const std::string between :
        {"set 1; poll 10; set 0", "look", "delay 1", "delay 0", "lock", "unlock", "send x 0", "receive 0",
         "take binary 0", "give binary", "recvfrom 0", "sendto", "sleep 0.01", "spawn 50"}) {
-    const std::string story = Scripts().play({"polls 100 300: poll 10; " + between});
+    const std::string story = Scripts().play("polls 100 300: poll 10; " + between);
     EXPECT_EQ(story.find("parked"), std::string::npos) << between;
   }
 }

@@ -69,15 +69,12 @@ TEST(Devices, TheClockFollowsFromTheRegistersAndSettlesAfterAChangeOfThePll) {
     Violations violations;
     headend::ClockGenerator part(55e6, violations);
     I2cLines master(part);
-    const auto write = [&](const Registers& registers) {
+    for (const Registers& registers : {run, row.registers, row.then}) {
       for (const auto& [index, value] : registers) {
         index == kS0 ? part.selectS0(value != 0, master.now) : void(master.send(0x64, 0x80 | index, value));
       }
       master.now += kSettling - 100'000;
-    };
-    write(run), write(row.registers);
-    master.now += 100'000;
-    if (!row.then.empty()) write(row.then);
+    }
     expectOutput(part.y3(master.now), row.MHz, row.why);
     EXPECT_EQ(kinds(violations), "");
   }
@@ -198,9 +195,10 @@ struct Memory {
     for (unsigned i = 0; i < old.size(); ++i) old[i] = static_cast<u8>(i * 7 + i / 256 * 31);
     part.load(old);
   }
-  bool write(unsigned place, Bytes data, bool andStop = true) {
-    data.insert(data.begin(), static_cast<u8>(place));
-    return master.sendAll(0x50 | place >> 8, data, andStop);
+  void write(unsigned place, const Bytes& data) {
+    master.begin(0x50 | place >> 8);
+    EXPECT_TRUE(master.write(static_cast<u8>(place)));
+    for (const u8 byte : data) EXPECT_TRUE(master.write(byte));
   }
   u8 readOn(unsigned block) { return master.fetch(0x50 | block, 1)[0]; }
   Nanos stopped() const { return master.now - master.busFree; }
@@ -238,7 +236,8 @@ TEST(Devices, TheEepromWritesAPageWhenAStopConfirmsItAndAnswersNobodyMeanwhile) 
       if (end == kStop) expected[(place & ~15U) + (place + i) % 16] = data[i];
     }
     memory.part.writeCycle(cycle);
-    EXPECT_TRUE(memory.write(place, data, end == kStop));
+    memory.write(place, data);
+    if (end == kStop) memory.master.stop();
     const Nanos written = memory.stopped() + cycle;
     EXPECT_EQ(memory.part.image(written - 1), memory.old);
     if (end == kStopInByte) memory.master.bit(true), memory.master.stop();
@@ -256,6 +255,7 @@ TEST(Devices, APowerCutInTheEepromsWriteCycleLeavesItsBytesOldNewOrGarbageAndNoO
   for (unsigned seed = 0; seed < 60; ++seed) {
     Memory memory(seed);
     memory.write(0x10E, {0x11, 0x22, 0x33});
+    memory.master.stop();
     memory.part.powerCut(memory.stopped() + kCycle - 1);
     auto image = memory.part.image(memory.master.now + kCycle);
     for (const auto& [place, written] : {std::pair{0x10EU, 0x11}, {0x10FU, 0x22}, {0x100U, 0x33}}) {

@@ -35,27 +35,25 @@ struct I2cLines {
   Nanos low = 1300, high = 600, dataSetup = 100, startSetup = 600, startHold = 600, stopSetup = 600;
   Nanos busFree = 1300;
 
-  explicit I2cLines(headend::I2cSlave& slave) : bus(&slave) { scl(true), sda(0, true); }
-  void scl(bool level) {
-    bus.driveClock(level, now);
+  explicit I2cLines(headend::I2cSlave& slave) : bus(&slave) { scl(0, true), sda(0, true); }
+  void scl(Nanos wait, bool level) {
+    bus.driveClock(level, now += wait);
     while (level && !bus.clock(now)) now += 100;
   }
   void sda(Nanos wait, bool level) { bus.driveData(level, now += wait); }
   void rise(bool data) {
     sda(low - dataSetup, data);
-    now += dataSetup;
-    scl(true);
+    scl(dataSetup, true);
   }
   bool bit(bool level) {
     rise(level);
-    const bool seen = bus.data(now += high);
-    scl(false);
+    const bool seen = bus.data(now + high);
+    scl(high, false);
     return seen;
   }
   void start() {
     sda(0, false);
-    now += startHold;
-    scl(false);
+    scl(startHold, false);
   }
   void prepareRestart() {
     rise(true);
@@ -83,17 +81,14 @@ struct I2cLines {
   }
   template <typename... Values>
   bool send(unsigned address, Values... bytes) {  // true: all acknowledged
-    return sendAll(address, {static_cast<u8>(bytes)...});
-  }
-  bool sendAll(unsigned address, const Bytes& bytes, bool andStop = true) {
     bool taken = begin(address);
-    for (const u8 byte : bytes) taken = write(byte) && taken;
-    if (andStop) stop();
+    ((taken = write(static_cast<u8>(bytes)) && taken), ...);
+    stop();
     return taken;
   }
   template <typename... Values>
   Bytes fetch(unsigned address, int count, Values... command) {
-    if (sizeof...(command) > 0) sendAll(address, {static_cast<u8>(command)...}, false), prepareRestart();
+    if (sizeof...(command) > 0) begin(address), (write(static_cast<u8>(command)), ...), prepareRestart();
     begin(address, true);
     Bytes bytes;
     for (int i = 1; i <= count; ++i) bytes.push_back(read(i < count));
@@ -135,9 +130,8 @@ struct DacLines {
 
   bool bit(bool level) {  // what comes out at the rise
     part.dataIn(level, now);
-    now += setup;
     const bool seen = part.dataOut();
-    part.clock(true, now);
+    part.clock(true, now += setup);
     part.clock(false, now += high);
     now += low - setup;
     return seen;

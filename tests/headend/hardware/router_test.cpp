@@ -148,22 +148,20 @@ constexpr u64 kTables = 0x666;  // a PID that filters know, to no effect
 struct NaiveOutput {
   std::array<u64, 256> map;
   std::map<u64, bool> passes;
-  std::deque<u64> psi;                             // numbers of packets
-  std::deque<std::tuple<Nanos, u64, u64>> buffer;  // arrival, PID, number
-  std::map<u64, Bytes> left;                       // by place
+  std::deque<std::tuple<Nanos, u64, u64>> psi, buffer;  // arrival, PID, number
+  std::map<u64, Bytes> left;                            // by place
   u64 place = 0, dropped = 0, filtered = 0;
 
   NaiveOutput() { map.fill(kUnused); }
   void leave(u64 until) {
     for (; place < until; ++place) {
-      if (!psi.empty()) {
-        left[place] = packet({.pid = kTables, .number = psi.front()});
-        psi.pop_front();
-      } else if (!buffer.empty()) {
-        const auto [arrival, pid, number] = buffer.front();
-        left[place] = packet({.pid = pid, .number = number, .pcr = restamped(arrival, place)});
-        buffer.pop_front();
-      }
+      auto& from = psi.empty() ? buffer : psi;
+      if (from.empty()) continue;
+      const auto& [arrival, pid, number] = from.front();
+      PacketFields fields{.pid = pid, .number = number};
+      if (psi.empty()) fields.pcr = restamped(arrival, place);
+      left[place] = packet(fields);
+      from.pop_front();
     }
   }
   void offer(Nanos arrival, u64 names, u64 number) {
@@ -222,7 +220,7 @@ TEST(Router, DoesAsTheNaiveModelInAnyHistory) {
         naive[o].leave(placeFrom(now + 1));
         const bool room = naive[o].psi.size() < Multiplexer::kPsiFifo;
         ASSERT_EQ(output.insertPsi(now, packet({.pid = kTables, .number = ++number})), room);
-        if (room) naive[o].psi.push_back(number);
+        if (room) naive[o].psi.emplace_back(now, kTables, number);
       } else if (action == 3) {
         output.advance(now);
       }

@@ -134,21 +134,20 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     const char* name;
     int packets = 100;
     Nanos every = 10 * kMs;
-    u64 pcrFrom_ticks = 0, jump_ticks = 0;
+    u64 jump_ticks = 0;
     Nanos pause = 0;
     int burst = 1;            // so many leave together, with the last of them
     Nanos delay = 200 * kMs;  // from its time until it plays
     Nanos within = 0;
-    u64 discontinuities = 0, underruns = 0, overruns = 0, pauses = 0;
+    std::array<u64, 4> faults = {};  // discontinuities, underruns, overruns, pauses
   };
   const Row rows[] = {
       {.name = "in bursts", .packets = 400, .burst = 5, .delay = 220 * kMs, .within = 5 * kMs},
-      {.name = "through a wrap", .pcrFrom_ticks = kPcrWrap - 13'500'000},
       {.name = "a sender 100 ppm slow", .packets = 60'000, .every = 10'001'000, .within = 4 * kMs},
-      {.name = "a new time base", .jump_ticks = 900'000'000, .discontinuities = 1},
-      {.name = "a pause", .pause = 3 * kSecond, .pauses = 1},
-      {"half as fast as it says", 60, 20 * kMs, 0, 0, 0, 1, 100 * kMs, 101 * kMs, 0, 2},
-      {"twice as fast as it says", 120, 5 * kMs, 0, 0, 0, 1, 300 * kMs, 101 * kMs, 0, 0, 2},
+      {.name = "a new time base", .jump_ticks = 900'000'000, .faults = {1, 0, 0, 0}},
+      {.name = "a pause", .pause = 3 * kSecond, .faults = {0, 0, 0, 1}},
+      {"half as fast as it says", 60, 20 * kMs, 0, 0, 1, 100 * kMs, 101 * kMs, {0, 2, 0, 0}},
+      {"twice as fast as it says", 120, 5 * kMs, 0, 0, 1, 300 * kMs, 101 * kMs, {0, 0, 2, 0}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -157,8 +156,7 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     const auto sent = [&](int i) { return (i - i % row.burst + row.burst - 1) * row.every + late(i); };
     for (int i = 0; i < row.packets; ++i) {
       PacketFields fields{.number = static_cast<u64>(i)};
-      const u64 ticks = row.pcrFrom_ticks + fields.number * 270'000 + (i < 50 ? 0 : row.jump_ticks);
-      if (i % 4 == 2) fields.pcr = ticks % kPcrWrap;
+      if (i % 4 == 2) fields.pcr = fields.number * 270'000 + (i < 50 ? 0 : row.jump_ticks);
       udp.sendAt(sent(i), packet(fields));
     }
     udp.rig.runUntil(sent(row.packets) + kSecond);
@@ -170,8 +168,8 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
       ASSERT_LE(std::abs(when - i * row.every - late(i) - row.delay), row.within) << i;
     }
     const UdpInput::Counts& counts = udp.input.counts();
-    EXPECT_EQ(std::tuple(counts.discontinuities, counts.underruns, counts.overruns, counts.pauses),
-              std::tuple(row.discontinuities, row.underruns, row.overruns, row.pauses));
+    const std::array faults = {counts.discontinuities, counts.underruns, counts.overruns, counts.pauses};
+    EXPECT_EQ(faults, row.faults);
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include "headend/hardware/attenuator.h"
 #include "headend/hardware/clock_generator.h"
+#include "headend/hardware/eeprom.h"
 #include "headend/hardware/synthesizer.h"
 #include "headend/hardware/temperature_sensor.h"
 #include "tests/headend/hardware/drivers.h"
@@ -83,6 +84,48 @@ TEST(DriverFaults, AtTheClockGenerator) {
       {"clock_generator_read_without_command", [](auto& m) { m.fetch(0x64, 1); }},
   };
   check<headend::ClockGenerator>(rows, 55e6);
+}
+
+// An EEPROM in which each byte tells its place.
+u8 old(unsigned place) {
+  return static_cast<u8>(place * 7 + place / 256 * 31);
+}
+struct Memory {
+  headend::Eeprom part;
+  explicit Memory(Violations& violations) : part(violations, 1) {
+    headend::Eeprom::Image image;
+    for (unsigned i = 0; i < image.size(); ++i) image[i] = old(i);
+    part.load(image);
+  }
+  operator headend::I2cSlave&() { return part; }
+};
+void writeHalf(I2cLines& m) {
+  m.begin(0x53), m.write(0x45), m.write(1);
+}
+void finds(I2cLines& m, unsigned place, u8 value) {
+  EXPECT_EQ(m.fetch(0x50 | place >> 8, 1, place)[0], value);
+}
+
+TEST(DriverFaults, AtTheEeprom) {
+  static constexpr Nanos kReady = 5'000'000 - 1'300 - 15'800;  // but for the bus, and the time of an address
+  const Row<I2cLines> rows[] = {
+      {"", [](auto& m) { expect(!m.send(0x48)); }, "another device"},
+      {"", [](auto& m) { expect(m.fetch(0x51, 1)[0] == old(0x100)); }, "at power-up"},
+      {"", [](auto& m) { expect(m.fetch(0x57, 2, 0xFF)[1] == old(0)); }, "over the end"},
+      {"eeprom_read_in_another_block",
+       [](auto& m) { m.fetch(0x51, 1), expect(m.fetch(0x52, 1)[0] == old(0x201)); }},
+      {"", [](auto& m) { m.send(0x53, 0x45), expect(m.send(0x53)); }, "nothing to write"},
+      {"", [](auto& m) { m.send(0x53, 0x45, 1), m.now += kReady - 1, expect(!m.send(0x53)); }, "busy"},
+      {"", [](auto& m) { m.send(0x53, 0x45, 1), m.now += kReady, finds(m, 0x345, 1); }, "written in time"},
+      {"", [](auto& m) { m.send(0x57, 0xF0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16); }},
+      {"eeprom_page_wrapped",
+       [](auto& m) { m.send(0x50, 0xFE, 1, 2, 3), m.now += kReady, finds(m, 0xF0, 3); }},
+      {"eeprom_write_abandoned",
+       [](auto& m) { writeHalf(m), m.prepareRestart(), finds(m, 0x345, old(0x345)); }},
+      {"eeprom_stop_in_byte",
+       [](auto& m) { writeHalf(m), m.bit(true), m.stop(), finds(m, 0x345, old(0x345)); }},
+  };
+  check<Memory>(rows);
 }
 
 TEST(DriverFaults, OnThreeLines) {

@@ -69,7 +69,7 @@ struct I2cLines {
     for (int i = 7; i >= 0; --i) seen = seen << 1 | (bit((byte >> i & 1) != 0) ? 1U : 0U);
     return seen;
   }
-  bool write(u8 byte) { return exchange(byte) <= 0xFF && !bit(true); }  // true: acknowledged
+  bool write(u8 byte) { return exchange(byte), !bit(true); }  // true: acknowledged
   u8 read(bool acknowledge) {
     const unsigned byte = exchange(0xFF);
     bit(!acknowledge);

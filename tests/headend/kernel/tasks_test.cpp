@@ -12,7 +12,6 @@ namespace test {
 namespace {
 
 using Words = std::vector<std::string>;
-__extension__ using Wide = unsigned __int128;
 
 Words split(const std::string& text, char at) {
   Words parts;
@@ -205,22 +204,20 @@ TEST(Tasks, ThatPollForASecondAreParkedUntilTheRegisterChanges) {
 
 // Idle, and under a task whose every piece of work reaches over many ticks.
 TEST(Tasks, HearTheNthTickAtNTimesThePeriodHoweverLongTheRun) {
-  for (const unsigned hz : {1000U, 100U, 60U, 7U}) {
+  for (const int hz : {1000, 100, 60, 7}) {
     for (const bool busy : {false, true}) {
-      Rig rig(freeCalls(static_cast<int>(hz), static_cast<int>(hz)));
-      std::uint64_t ticks = 0, auxTicks = 0, wrong = 0;
-      const auto tick = [&](std::uint64_t n) {
-        wrong += rig.kernel.now() == static_cast<Nanos>(Wide{n} * 1'000'000'000U / hz) ? 0 : 1;
-      };
+      Rig rig(freeCalls(hz, hz));
+      Nanos ticks = 0, auxTicks = 0, wrong = 0;
+      const auto tick = [&](Nanos n) { wrong += rig.kernel.now() == n * kSecond / hz ? 0 : 1; };
       rig.onTick = [&] { tick(++ticks); };
       rig.onAux = [&] { tick(++auxTicks); };
       const auto work = [&] {
         for (;;) rig.kernel.spend(333'333'337);
       };
       if (busy) rig.task("busy", 10, work);
-      const std::uint64_t seconds = 300'000 / hz;
-      rig.runUntil(static_cast<Nanos>(seconds) * kSecond + 1);
-      EXPECT_EQ(std::tuple(ticks, auxTicks, wrong), std::tuple(seconds * hz, seconds * hz, 0U)) << hz;
+      const Nanos seconds = 300'000 / hz;
+      rig.runUntil(seconds * kSecond + 1);
+      EXPECT_EQ(std::tuple(ticks, auxTicks, wrong), std::tuple(seconds * hz, seconds * hz, 0)) << hz;
     }
   }
 }
@@ -229,14 +226,14 @@ TEST(Tasks, DoNotPayForInterruptsAndNoTickIsLost) {
   Rig rig(freeCalls());
   static Kernel* kernel = nullptr;
   kernel = &rig.kernel;
-  std::uint64_t auxTicks = 0;
+  Nanos auxTicks = 0;
   const auto slow = [](u8) { kernel->spend(1'500'000); };
   rig.onAux = [&] { ++auxTicks, rig.kernel.interrupt("slow", 0, slow, 0); };
   rig.task("busy", 100, [&] { rig.kernel.spend(kMs / 2), rig.tell("worked"); });
   rig.runUntil(100 * kMs + 1);
   EXPECT_EQ(rig.story, Story{"worked@0.5"});
-  EXPECT_GE(auxTicks, 66U);  // each half a period late, and none left out before the end
-  EXPECT_EQ(rig.kernel.interruptTime(), static_cast<Nanos>(auxTicks) * 1'500'000);
+  EXPECT_GE(auxTicks, 66);  // each half a period late, and none left out before the end
+  EXPECT_EQ(rig.kernel.interruptTime(), auxTicks * 1'500'000);
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -99,11 +97,6 @@ class Stream {
 
 inline std::string sample(const std::string& name) {
   return std::string(QAM_SAMPLES) + "/" + name;
-}
-
-inline Bytes readBytes(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace test

@@ -56,19 +56,6 @@ class PidMapTest : public test::CardTest {
   PidMapVariables card_{link_, kChannel};
 };
 
-TEST_F(PidMapTest, ReplacesMapsOfAnySize) {
-  chassis_.drive([&] {
-    for (const std::size_t size : {1u, 89u, 90u, 256u, 178u, 0u, 0u}) {
-      const Entries wanted = mapOf(size, static_cast<u16>(0x100 + size));
-      EXPECT_EQ(load(wanted), "") << size;
-      EXPECT_EQ(recorded(), sorted(wanted)) << size;
-      EXPECT_TRUE(carries(wanted)) << size;
-      EXPECT_TRUE(entriesOf(routerMap(link_, {0, 0})).empty()) << size;
-      EXPECT_TRUE(fs::is_empty(scratch_.path)) << size;
-    }
-  });
-}
-
 // On the air is always one of the two maps, whole; and what the message says is so, whatever breaks where.
 TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
   const Entries old = mapOf(90, 0x100);
@@ -102,26 +89,6 @@ TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
     const auto ends = breakOffEverywhere(history);
     for (const char* end : {"done", "unverified", "stuck", "unchanged"})
       EXPECT_TRUE(ends.contains(end)) << end;
-  });
-}
-
-// A release that breaks off leaves the lock, or the map that it sends, whole.
-TEST_F(PidMapTest, LosesNoMapWhereverAReleaseBreaksOff) {
-  const Entries given = mapOf(89, 0x900);
-  const Entries old = mapOf(90, 0x100);
-  chassis_.drive([&] {
-    load(old);
-    card_.setLock(true);
-    breakOffEverywhere([&](FakeLink& link, const test::Fault&) {
-      const auto release = [&](Link& by) { releaseMap(by, kChannel, ReleaseBy::kMap, given, options_); };
-      const std::string message = messageOf([&] { release(link); });
-      SCOPED_TRACE(message);
-      EXPECT_TRUE(carries(card_.locked() ? old : given));
-      EXPECT_TRUE(!message.empty() || !card_.locked());
-      if (card_.locked()) release(link_);
-      EXPECT_TRUE(carries(given) && !card_.locked());
-      return "";
-    });
   });
 }
 

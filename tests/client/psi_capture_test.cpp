@@ -29,16 +29,6 @@ Counts countsOf(const Capture& capture) {
   return counts;
 }
 
-TEST(PsiCapture, TellsWhereACaptureIsBroken) {
-  const Capture capture = readCapture(std::filesystem::path(test::sample("broken.ts")));
-  std::string all;
-  for (const Note& note : capture.notes) all += note.text + "\n";
-  for (const char* part : {"byte 56400 (188 skipped)", "100 bytes at the end", "CRC error",
-                           "an elementary stream", "PATs of 2 transport streams"}) {
-    EXPECT_NE(all.find(part), std::string::npos) << part << "\n" << all;
-  }
-}
-
 // Of four sections the second one (packets 1 to 3) is damaged or surrounded in one way. The third one begins
 // in the packet in which that one ends.
 TEST(PsiCapture, LosesOnlyWhatIsDamaged) {

@@ -60,6 +60,7 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
                  {"psi show 1.2 >/dev/full", 1, ""},
                  {"psi show 1.1 --save " + beyond, 1, "stores no packets"},
                  {"psi load 1.2 " + sample("psi-full.ts"), 0, "503 packets"},
+                 {"psi load 1.1 " + sample("broken.ts"), 0, "byte 56400 (188 skipped)"},
                  {"psi load 1.1 " + sample("not-a-stream.ts"), 1, "no transport stream"},
                  {"psi load 1.1 " + file("absent.ts"), 1, "No such file"},
                  {"psi load 2.1 " + sample("psi-small.ts"), 1, "no card in this slot"}});
@@ -76,15 +77,29 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
 
 TEST_F(Qamctl, ReadsAndSetsVariables) {
   chassis_.drive([&] {
-    chassis_.board().sensor(1).temperature(-5, chassis_.now());
+    chassis_.board().sensor(1).temperature(-55, chassis_.now());
     link_.wait(std::chrono::seconds(2));
     expect(runWith("var list"), 0, "950 to 1150 in steps of 5");  // no server there
-    expectCalls(
-        {{"var get 1 rfreq 47", 0, "30  rfreq            554000 kHz\n47  temperature1     -5 deg C\n"},
-         {"var get 1 --json", 0, R"("value": -5)"},
-         {"var set 1 32 6900", 0, "clock table"},
-         {"var get 1 32", 0, "6900 kBd"},
-         {"var set 2 rfreq 600000", 1, "setting rfreq of the card in slot 2 was refused: no card in this"}});
+    const char* const all = "rfreq, rflevel, symbolrate, qammode, rfswitch and power can";
+    expectCalls({{"var set 1 rfreq 52001", 0, ""},
+                 {"var set 1 rfreq 1000000", 0, ""},
+                 {"var set 1 rfreq 1000001", 2, "52000 to 1000000 (kHz)"},
+                 {"var set 1 rflevel 1150", 0, ""},
+                 {"var set 1 rflevel 950", 0, ""},
+                 {"var set 1 rflevel 951", 2, "950 to 1150 in steps of 5 (0.1 dBuV)"},
+                 {"var set 1 rflevel 945", 2, "950 to 1150 in steps of 5"},
+                 {"var set 1 qammode 8", 2, "5 (64-QAM), 6 (128-QAM) or 7 (256-QAM)"},
+                 {"var set 1 rfswitch on", 2, "rfswitch cannot be 'on': possible are 0 (on) or 1 (off)\n"},
+                 {"var set 1 51 1", 2, "no variable"},
+                 {"var set 1 rfreq2 562000", 2, all},
+                 {"var set 1 32 6900", 0, "clock table"},
+                 {"var get 1 rfreq 31 qammode2 47 49", 0,
+                  "30  rfreq            1000000 kHz\n31  rflevel          950 (95.0 dBuV)\n"
+                  "41  qammode2         5 (64-QAM)\n47  temperature1     -55 deg C\n"
+                  "49  software_version V2.1.05A\n"},
+                 {"var get 1 --json", 0, R"("value": -55)"},
+                 {"var set 2 rfreq 600000", 1, "setting rfreq of the card in slot 2 was refused: no card"}});
+    EXPECT_FALSE(has(run("var set 1 32 6875").text, "clock table"));
     const auto answerWith = [&](u32 result, const Bytes& data) {
       link_.after = [=](Reply& reply) { reply.result = result, reply.data = data; };
     };
@@ -193,13 +208,12 @@ TEST_F(Qamctl, KnowsAWrongCall) {
         ";psi;fly;psi load;psi load 1.1;psi load 1.3 f.ts;psi load 7.1 f.ts;psi load 11 f.ts;"
         "psi interval 1.1;psi interval 1.1 PAT;psi interval 1.1 EIT=3;psi interval 1.1 PAT=65536;"
         "psi interval 1.1 PAT=-1;psi interval 1.1 PAT=1x;psi interval 1.1 PAT=1 PAT=2;"
-        "psi show 1.1 --fly;var get;var get 7 rfreq;var get 1.1 rfreq;var get 1 46;var set 1 rfreq;"
-        "var set 1 rfreq -1;var set 1 rfreq 600000 601000;var set 1 rfreq2 562000;var set 1 51 1;"
+        "psi show 1.1 --fly;var get;var get 7 rfreq;var get 1.1 rfreq;var get 1 46;var get 1 0x1e;"
+        "var get 1 rfre;var get 1 4294967326;var set 1 rfreq;"
+        "var set 1 rfreq -1;var set 1 rfreq 600000 601000;"
         "rf 0;rf 1.1;--server nowhere status;status 1.1");
     EXPECT_TRUE(link_.log.empty());
-    expectCalls({{"--help", 0, "Exit codes"},
-                 {"psi interval --help", 0, "middle of a section"},
-                 {"var set 1 rflevel 1001", 2, "950 to 1150 in steps of 5"}});
+    expectCalls({{"--help", 0, "Exit codes"}, {"psi interval --help", 0, "middle of a section"}});
   });
 }
 

@@ -39,8 +39,8 @@ struct Head {
 inline client::Section makeSection(const Head& head, const Bytes& body) {
   const auto length = static_cast<u32>(5 + body.size() + client::kCrcSize);
   const auto version = static_cast<u8>(0xC0 | head.version << 1 | (head.current ? 1 : 0));
-  Bytes bytes = Bytes{head.tableId} + word(0xB000 | length) + word(head.extension) +
-                Bytes{version, head.number, head.last} + body;
+  Bytes bytes = Bytes{head.tableId} + word((head.tableId == 0x42 ? 0xF000 : 0xB000) | length) +
+                word(head.extension) + Bytes{version, head.number, head.last} + body;
   const u32 crc = client::crc32(bytes);
   return {.pid = head.pid, .bytes = bytes + word(crc >> 16) + word(crc)};
 }

@@ -96,38 +96,33 @@ TEST_F(PsiUpload, SavesTheIntervalsThatItSets) {
 
 // Positions 0 to 261 can be asked for; and maps only where the PAT tells their PID.
 TEST_F(PsiUpload, ReadBackCountsWhatIsOutOfReach) {
-  struct Row {
-    u8 tableId;
-    u16 stored, read;
-  };
   chassis_.drive([&] {
-    for (const Row& row :
-         {Row{0x42, 7, 7}, {0x42, 8, 8}, {0x46, 262, 262}, {0x46, 263, 262}, {0x46, 512, 262}, {2, 4, 0}}) {
-      Sections sections = test::onePacketSections(row.tableId, 0x11, row.stored);
+    for (const auto& [tableId, stored, read] : {std::tuple<u8, u16, u16>(0x42, 8, 8),
+                                                {0x46, 262, 262},
+                                                {0x46, 263, 262},
+                                                {0x46, 512, 262},
+                                                {2, 4, 0}}) {
+      SCOPED_TRACE(stored);
+      Sections sections = test::onePacketSections(tableId, 0x11, stored);
       load(sections);
-      const ReadBack all = tables();
-      EXPECT_EQ(all.read(), row.read) << row.stored;
-      EXPECT_EQ(all.outOfReach(), row.stored - row.read) << row.stored;
-      sections.resize(row.read);
-      EXPECT_EQ(sectionsIn(tables()), sections) << row.stored;
+      EXPECT_EQ(tables().read(), read);
+      EXPECT_EQ(tables().outOfReach(), stored - read);
+      sections.resize(read);
+      EXPECT_EQ(sectionsIn(tables()), sections);
     }
   });
 }
 
 TEST_F(PsiUpload, PlansNothingThatACardCannotHold) {
-  struct Row {
-    u8 tableId;
-    u16 pid, count;
-    const char* reason;
-  };
-  for (const Row& row : {Row{0x42, 0x11, 513, "they take 513 packets"},
-                         {2, 0x100, 255, ""},
-                         {2, 0x100, 256, "PMTs take 256"},
-                         {2, 0xBFF, 513, "513 packets, and a channel holds 512; the PMTs take 513"},
-                         {2, 0xBFF, 1, "PID 0x0bff"},
-                         {2, 0x3FE, 1, ""}}) {
-    const auto plan = [&] { planUpload(test::onePacketSections(row.tableId, row.pid, row.count)); };
-    expectSays(messageOf(plan), row.reason);
+  for (const auto& [tableId, pid, count, reason] :
+       {std::tuple<u8, u16, u16, const char*>(0x42, 0x11, 513, "they take 513 packets"),
+        {2, 0x100, 255, ""},
+        {2, 0x100, 256, "PMTs take 256"},
+        {2, 0xBFF, 513, "513 packets, and a channel holds 512; the PMTs take 513"},
+        {2, 0xBFF, 1, "PID 0x0bff"},
+        {2, 0x3FE, 1, ""}}) {
+    const auto sections = test::onePacketSections(tableId, pid, count);
+    expectSays(messageOf([&] { planUpload(sections); }), reason);
   }
 }
 

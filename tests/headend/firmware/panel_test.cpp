@@ -12,7 +12,6 @@
 #include "headend/firmware/panel/menu_engine.h"
 #include "platform/address_word.h"
 #include "tests/headend/kernel/rig.h"
-#include "tests/module/gbk_text.h"
 
 namespace test {
 namespace {
@@ -112,8 +111,6 @@ TEST(PanelLcd, EveryCharacterHasItsPixelsFromTheFont) {
     const int width = character < 0x80 ? 8 : 16;
     for (std::size_t at = 2; width == 16 && glyph.size() < 64; at += 4) glyph.insert(at, "00");
     EXPECT_EQ(hexOf(lcd.shown(), 43, 2, width, true), glyph) << fmt::format("{:04X}", u32{character});
-    const std::string text = lcd.shown().text(2);
-    EXPECT_EQ(test::utf8(gbk.c_str()), text.substr(text.find_first_not_of(' ')));
   };
   for (char ascii = 0x21; ascii < 0x7F; ++ascii) draw({ascii});
   for (int high = 0xA1; high <= 0xF7; ++high) {

@@ -15,7 +15,6 @@ namespace {
 
 constexpr u16 kMapLock = 0x2101, kMapChunk = 0x2102, kLock = 0x3101, kPackets = 0x3102, kInterval = 0x3201;
 constexpr u8 kPat = 0x00, kPmt = 0x02, kSdt = 0x42, kNoTable = 0x70;
-constexpr u16 kUnset = 0xFFFF;
 
 // Big-endian numbers, each with its width in bytes.
 Bytes fields(std::initializer_list<std::pair<u32, int>> numbers) {
@@ -343,13 +342,13 @@ TEST_F(BackEnd, AMapsChunkIsStoredOrRefused) {
   EXPECT_EQ(outcome(mapChunk(257, 0, 1, many(1, 1))), Outcome(1, {})) << "too long";
   EXPECT_EQ(outcome(mapChunk(256, 200, 89, many(1, 89))), Outcome(0, {})) << "past the total";
   EXPECT_EQ(outcome(mapChunk(256, 256, 0, {})), Outcome(0, {})) << "start past the end";
-  EXPECT_EQ(outcome(mapChunk(3, 1, 1, many(7, 1))), Outcome(0, {kUnset, 7, kUnset})) << "announced";
-  EXPECT_EQ(outcome(mapChunk(2, 0, 2, {{1, 0, 7, 1}, {6, 0, 8, 1}})), Outcome(3, {7, kUnset})) << "slot 6";
-  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{0x101, 0, 8, 1}})), Outcome(3, {kUnset})) << "slot 256";
-  EXPECT_EQ(outcome(mapChunk(2, 0, 2, {{1, 1, 7, 1}, {2, 0, 8, 1}})), Outcome(21, {7, kUnset}))
+  EXPECT_EQ(outcome(mapChunk(3, 1, 1, many(7, 1))), Outcome(0, {0xFFFF, 7, 0xFFFF})) << "announced";
+  EXPECT_EQ(outcome(mapChunk(2, 0, 2, {{1, 0, 7, 1}, {6, 0, 8, 1}})), Outcome(3, {7, 0xFFFF})) << "slot 6";
+  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{0x101, 0, 8, 1}})), Outcome(3, {0xFFFF})) << "slot 256";
+  EXPECT_EQ(outcome(mapChunk(2, 0, 2, {{1, 1, 7, 1}, {2, 0, 8, 1}})), Outcome(21, {7, 0xFFFF}))
       << "empty slot";
-  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 2, 8, 1}})), Outcome(3, {kUnset})) << "no third input";
-  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 0x100, 8, 1}})), Outcome(3, {kUnset})) << "input 256";
+  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 2, 8, 1}})), Outcome(3, {0xFFFF})) << "no third input";
+  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 0x100, 8, 1}})), Outcome(3, {0xFFFF})) << "input 256";
   EXPECT_EQ(outcome(mapChunk(3, 0, 3, many(1, 3)), 64), Outcome(22, {})) << "wrong length";
 }
 
@@ -373,7 +372,7 @@ TEST_F(BackEnd, AFullMapGoesAndComesInChunksOf89) {
   write(kMapLock, word(1));
   ASSERT_EQ(write(kMapChunk, mapChunk(90, 0, 90, many(1, 90))), 0);
   EXPECT_EQ(para.pidMap[0][88].src_pid, 89);
-  EXPECT_EQ(para.pidMap[0][89].src_pid, kUnset);
+  EXPECT_EQ(para.pidMap[0][89].src_pid, 0xFFFF);
 }
 
 TEST_F(BackEnd, SearchesKeepWhatTheyCapturedUntilAnotherBegins) {

@@ -185,8 +185,11 @@ TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator)
     record->qam_para.rfreq = rf_kHz;
     EXPECT_EQ(fake.stepsOf([&] { SetRfLevel(0, level); }), kDelay + latched("att_q1", 6, word, kDelay));
   };
-  expectWord(1000, 100000, 36);
-  expectWord(1000, 900001, 30);
+  u32 edge_kHz = 100000;  // of bands with these corrections
+  for (const u32 correction : {30U, 40U, 30U, 30U, 20U, 10U, 0U, 0U, 0U, 0U}) {
+    for (const u32 rf_kHz : {edge_kHz - 99999, edge_kHz}) expectWord(1000, rf_kHz, (150 + correction) / 5);
+    edge_kHz += 100000;
+  }
   expectWord(1160, 800000, 13105);
 }
 
@@ -256,10 +259,8 @@ TEST_F(Devices, BenchTestsWriteScratchRegistersAndToggleTheClockLine) {
   ASSERT_EQ(fake.log.size(), 28U) << "all but the first register are wrong";
   EXPECT_EQ((Lines{fake.log.begin() + 2, fake.log.begin() + 4}),
             (Lines{"debug Reg3 Value Err:", "debug Set Value:1238; Get Value:7\n"}));
-  Lines toggles;
-  for (int i = 0; i < 5; ++i)
-    toggles = toggles + Lines{"cdce925_scl=0", "1 ticks", "cdce925_scl=1", "1 ticks"};
-  EXPECT_EQ(fake.stepsOf([] { QamFpgaTest(0); }), toggles);
+  EXPECT_EQ(fake.stepsOf([] { QamFpgaTest(0); }),
+            repeated(5, {"cdce925_scl=0", "1 ticks", "cdce925_scl=1", "1 ticks"}));
 }
 
 }  // namespace

@@ -48,7 +48,6 @@ TEST_F(Status, PassesTellTheAlarmListWhatHasChanged) {
   EXPECT_EQ(told(2, 69.75, 0), Lines{kLost2});
   EXPECT_EQ(record->qam_para.status, 0xA2);
   EXPECT_EQ(told(2, 70, 0), Lines{kHot});
-  EXPECT_EQ(told(2, 127, 0), Lines{});
   EXPECT_EQ(told(2, 69, 0), Lines{kCooled});
   EXPECT_EQ(told(2, -1, 0), Lines{kHot}) << "reads as 255";
   EXPECT_EQ(told(2, 0, static_cast<u16>(~(kOut1 | kOut2))), Lines{kCooled});

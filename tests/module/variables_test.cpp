@@ -38,17 +38,13 @@ TEST_F(Variables, ReadsAreTheRecordsTheCountersTheSensorsAndTheVersions) {
   board.sensor(1).temperature(41.75, fake.now);
   board.sensor(2).temperature(-2, fake.now);
   QamFpgaIf[2]->version = 0x01FF;
-  // Bytes and null packets in half a second
-  QamFpgaIf[2]->Valid_0_rateH = 0x24;
-  QamFpgaIf[2]->Valid_0_rateM = 0x41;
-  QamFpgaIf[2]->Valid_0_rateL = 0x3F;
-  QamFpgaIf[2]->Sys_0_rateH = 0x03;
-  QamFpgaIf[2]->Sys_0_rateL = 0xE8;
-  QamFpgaIf[2]->Valid_1_rateM = 0x10;
-  QamFpgaIf[2]->Sys_1_rateL = 1;
+  // Bytes and null packets in half a second: both channels' counts stand in a row, from the low byte on.
+  const u32 counts = fake.addressOf(&QamFpgaIf[2]->Valid_0_rateL);
+  for (u16 i = 0; i < 10; ++i) fake.cell(counts + 2U * i) = static_cast<u16>(0x11 + i);
   EXPECT_TRUE(get(47) == 41 && get(48) == 254) << "the sign is not extended";
-  const std::map<u32, std::string> texts{{36, "38015Kb/s"}, {37, "35007Kb/s"}, {44, "65Kb/s"}, {45, "62Kb/s"},
-                                         {49, "V2.1.05A"},  {50, "V2.1.55"},   {52, "V1.0"}};
+  const std::map<u32, std::string> texts{{36, "19996Kb/s"}, {37, "3765Kb/s"}, {44, "25260Kb/s"},
+                                         {45, "5163Kb/s"},  {49, "V2.1.05A"}, {50, "V2.1.55"},
+                                         {52, "V1.0"}};
   for (const auto& [vid, expected] : texts) EXPECT_EQ(text(vid), expected);
   QamFpgaIf[2]->version = 7;
   EXPECT_EQ(text(50), "V2.1.07");

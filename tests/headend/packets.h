@@ -10,10 +10,13 @@
 #include <vector>
 
 #include "headend/hardware/packet_sink.h"
+#include "headend/kernel/kernel.h"
 
 namespace test {
 
 using Bytes = std::vector<u8>;
+using headend::kSecond;
+using headend::Nanos;
 using u64 = std::uint64_t;
 
 inline constexpr u64 kPcrWrap = (u64{1} << 33) * 300;

@@ -71,18 +71,15 @@ inline Bytes packet(const PacketFields& fields) {
 }
 
 // By its place in the stream; null packets are counted and not kept.
-class PacketKeeper final : public headend::PacketSink {
- public:
+struct PacketKeeper final : headend::PacketSink {
   void packet(std::span<const u8> p) override { kept.emplace(places++, Bytes(p.begin(), p.end())); }
   void nullPackets(u64 count) override { places += count; }
   void flush() override {}
-  const std::string& error() const override { return none_; }
+  const std::string& error() const override { return none; }
 
   std::map<u64, Bytes> kept;
   u64 places = 0;
-
- private:
-  std::string none_;
+  std::string none;
 };
 
 }  // namespace test

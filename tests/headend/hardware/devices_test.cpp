@@ -2,10 +2,7 @@
 // driver_faults_test.cpp.
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "headend/hardware/clock_generator.h"
-#include "headend/hardware/eeprom.h"
 #include "headend/hardware/synthesizer.h"
 #include "headend/hardware/temperature_sensor.h"
 #include "tests/headend/hardware/drivers.h"
@@ -167,25 +164,6 @@ TEST(Devices, TheSynthesizerLocksWhereItsLatchesSay) {
     for (const u32 word : words) lines.send(word);
     expectOutput(part.output(), MHz, why, violations);
   }
-}
-
-// ---- EEPROM ----
-
-// What else it does: driver_faults_test.cpp.
-TEST(Devices, APowerCutInTheEepromsWriteCycleLeavesAByteOldNewOrGarbage) {
-  std::set<std::string> seen;
-  for (unsigned seed = 0; seed < 60; ++seed) {
-    Violations violations;
-    headend::Eeprom part(violations, seed);
-    I2cLines master(part);
-    master.send(0x51, 0x0E, 0x11);
-    part.powerCut(master.now - master.busFree + 5'000'000 - 1);
-    auto image = part.image(master.now + 5'000'000);
-    const u8 left = std::exchange(image[0x10E], u8{0xFF});
-    seen.insert(left == 0xFF ? "old" : left == 0x11 ? "new" : "garbage");
-    EXPECT_EQ(std::ranges::count(image, 0xFF), 2048);
-  }
-  EXPECT_EQ(seen, (std::set<std::string>{"garbage", "new", "old"}));
 }
 
 }  // namespace

@@ -14,7 +14,6 @@
 namespace test {
 namespace {
 
-using headend::FileInput;
 using headend::UdpInput;
 
 constexpr double kNone = -1;
@@ -30,10 +29,10 @@ Bytes stream(const std::vector<double>& pcrs_ms, u64 base_ticks) {
   return all;
 }
 
-FileInput play(const Bytes& content, std::optional<u64> rate = std::nullopt, Nanos start = 0) {
+headend::FileInput play(const Bytes& content, std::optional<u64> rate = std::nullopt, Nanos start = 0) {
   const Scratch scratch;  // a file is read whole when its input is made
   writeFile(scratch.path / "stream.ts", content);
-  return FileInput((scratch.path / "stream.ts").string(), rate, start);
+  return headend::FileInput((scratch.path / "stream.ts").string(), rate, start);
 }
 
 // Each pass moves PCRs alike, and continuity goes on.
@@ -54,7 +53,7 @@ TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
   for (const auto& [name, rate, base_ticks, pcrs_ms, arrive_ms, period_ms] : rows) {
     SCOPED_TRACE(name);
     const Bytes whole = stream(pcrs_ms, base_ticks);
-    FileInput input = play(whole, rate, kSecond);
+    auto input = play(whole, rate, kSecond);
     const double period_ns = static_cast<double>(input.period_ticks()) * 1000 / 27;
     EXPECT_EQ(input.period_ticks() % 300, 0U);
     EXPECT_NEAR(period_ns, period_ms * 1e6 + 5'555, 5'556);  // rounded up to a tick of 90 kHz
@@ -88,7 +87,7 @@ TEST(Inputs, EachPassMovesPtsAndDtsOfStreamsThatHaveAPesHeader) {
           all[i < cut ? 188 - cut + i : 380 + i - cut] = bytes[i];
       };
       fill(header);
-      FileInput input = play(all, 3 * 1504);
+      auto input = play(all, 3 * 1504);
       for (int i = 0; i < 3; ++i) input.take();
       if (id == 0xE0) fill(later);
       for (const std::size_t i : {0U, 1U, 2U}) {

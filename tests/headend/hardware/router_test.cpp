@@ -19,21 +19,19 @@ using Words = PidRouter::Words;
 __extension__ using Wide = __int128;
 
 // Knows of a packet what a test has put in; more may come at any time.
-class FakeInput final : public headend::TsInput {
- public:
-  void put(Nanos arrival, Bytes packet) { coming_.emplace_back(arrival, std::move(packet)); }
-  Nanos nextArrival() const override { return coming_.empty() ? headend::kNever : coming_.front().first; }
+struct FakeInput final : headend::TsInput {
+  void put(Nanos arrival, Bytes packet) { coming.emplace_back(arrival, std::move(packet)); }
+  Nanos nextArrival() const override { return coming.empty() ? headend::kNever : coming.front().first; }
   headend::TsPacketView take() override {
-    taken_ = std::move(coming_.front().second);
-    coming_.pop_front();
-    return headend::TsPacketView(taken_.data(), 188);
+    taken = std::move(coming.front().second);
+    coming.pop_front();
+    return headend::TsPacketView(taken.data(), 188);
   }
-  const std::string& name() const override { return name_; }
+  const std::string& name() const override { return unnamed; }
 
- private:
-  std::deque<std::pair<Nanos, Bytes>> coming_;
-  Bytes taken_;
-  std::string name_;
+  std::deque<std::pair<Nanos, Bytes>> coming;
+  Bytes taken;
+  std::string unnamed;
 };
 
 // A position of the map: 21 bits that name a source, one that it is in use, 13 of the new PID.

@@ -28,8 +28,7 @@ inline Kernel::Settings freeCalls(int tickHz = 100, int auxHz = 1000) {
 
 using Story = std::vector<std::string>;
 
-class Rig final : public headend::KernelObserver {
- public:
+struct Rig final : headend::KernelObserver {
   explicit Rig(const Kernel::Settings& settings = {}) : kernel(settings, *this) {}
 
   void task(const char* name, int priority, std::function<void()> body) {

@@ -26,8 +26,7 @@ Nanos nanos(const std::string& ms) {
 // "NAME PRIORITY [TIMES]: STEP; STEP; ...", or "at MS: STEP; ..." for an event. A step is a service of the
 // kernel and its arguments; with a time to wait, in ticks of 10 ms, it waits so long, without one for ever. A
 // step that fails is told, and what is received; all else only by "say".
-class Scripts {
- public:
+struct Scripts {
   explicit Scripts(const Kernel::Settings& settings = freeCalls()) : rig_(settings) {}
 
   // What happens, in the words of the scripts.
@@ -63,8 +62,7 @@ class Scripts {
     if (service == "unlock") return k.unlock();
     if (service == "take") return k.take(semaphores_[step[1]], ticks(2));
     if (service == "give") return k.give(semaphores_[step[1]]);
-    if (service == "send")
-      return k.send(step[1] == "nowhere" ? k.createQueue(0, 7) : queue_, step[1], ticks(2));
+    if (service == "send") return k.send(step[1] == "none" ? k.createQueue(0, 7) : queue_, step[1], ticks(2));
     if (service == "receive") return receive(name, ticks(1), step.size() > 2 ? 2 : 16);
     if (service == "sendto") return socket_.send({.address = 0, .port = socket_.port()}, {1}), os::OK;
     if (service == "recvfrom") return socket_.receive(ticks(1)) ? os::OK : os::ERROR;
@@ -160,7 +158,7 @@ TEST(Tasks, PayForEachCallAlsoInVain) {
 TEST(Tasks, PassMessagesAndSemaphoresInOrderAndWaitAsLongAsAsked) {
   play({
       {"a queue",
-       "a 100: send nowhere; send one 0; send three 0; send two2 0; send full 0; receive 0; receive 0 cut",
+       "a 100: send none; send one 0; send three 0; send two2 0; send full 0; receive 0; receive 0 cut",
        "a send fails@0, a send fails@0, a send fails@0, a gets 'one'@0, a gets 'tw'@0"},
       {"an empty one", "a 100: receive 3; receive 3 cut; receive 0 | b 200: spend 45; send half 0",
        "a receive fails@30, a gets 'ha'@45, a receive fails@45"},

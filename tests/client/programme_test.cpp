@@ -131,12 +131,9 @@ class ProgrammeTest : public test::CardTest {
   void expectNoReferenceToNothing() {
     const ReadBack all = tables();
     if (all.locked) return;
-    std::set<u16> routed = {kNoPid};
-    for (const MapEntry& e : entriesOf(routerMap(link_, kChannel))) routed.insert(e.pid);
-    for (const Section& section : sectionsIn(all)) {
-      if (section.tableId() != 2) continue;
-      for (const PidField& field : pidsOfPmt(section))
-        EXPECT_TRUE(routed.contains(field.pid(section.bytes))) << field.pid(section.bytes);
+    const Entries routed = entriesOf(routerMap(link_, kChannel));
+    for (const Programme& p : programmesOf({.channel = kChannel, .tables = all, .map = routed})) {
+      for (const ProgrammePid& pid : p.pids) EXPECT_TRUE(pid.source) << pid.pid;
     }
   }
 
@@ -193,14 +190,8 @@ TEST_F(ProgrammeTest, MapAndTablesFollow) {
 }
 
 TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
-  struct Row {
-    const char* name;
-    std::optional<u16> base;
-    std::vector<u16> pass;
-    u16 taken;  // PIDs from 0x102 on, besides 0x101
-    const char* outcome;
-  };
-  const Row rows[] = {
+  // Where the PIDs are to begin, which ones are passed, how many are taken from 0x102 on besides 0x101.
+  const std::tuple<const char*, std::optional<u16>, std::vector<u16>, u16, const char*> rows[] = {
       {"the lowest two that follow each other", {}, {}, 0, "PMT 0x102, stream 0x103"},
       {"behind those of others", 0x101, {}, 1, "PMT 0x103, stream 0x104"},
       {"a PMT may not stand on 0x1ff", 0x1FF, {}, 0, "PMT 0x200, stream 0x201"},
@@ -216,18 +207,18 @@ TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
   };
   const SourceTables source = {
       .input = kInput, .pat = {kComing[0]}, .sdt = {kComing[4]}, .cat = {}, .pmt = {kComing[3]}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, base, pass, taken, expected] : rows) {
+    SCOPED_TRACE(name);
     OutputState output{.channel = kChannel, .tables = {}, .map = {kLocal}};
-    for (u16 i = 0; i < row.taken; ++i) output.map.push_back(entry(0x1000 + i, 0x102 + i, 0, 0, 0));
-    std::string outcome;
-    outcome += messageOf([&] {
-      const ProgrammePlan plan =
-          planAdd(output, source, 3, {.base = row.base, .pass = row.pass, .transportStreamId = {}});
+    for (u16 i = 0; i < taken; ++i) output.map.push_back(entry(0x1000 + i, 0x102 + i, 0, 0, 0));
+    const AddOptions options = {.base = base, .pass = pass, .transportStreamId = {}};
+    std::string pids;
+    const std::string refusal = messageOf([&] {
+      const ProgrammePlan plan = planAdd(output, source, 3, options);
       const MapEntry& stream = *std::ranges::find(plan.map, 0x220, &MapEntry::sourcePid);
-      outcome = fmt::format("PMT {:#x}, stream {:#x}", plan.pmtPid, stream.pid);
+      pids = fmt::format("PMT {:#x}, stream {:#x}", plan.pmtPid, stream.pid);
     });
-    expectSays(outcome, row.outcome);
+    expectSays(pids + refusal, expected);
   }
 }
 

@@ -49,18 +49,13 @@ TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
     append(s, Bytes(s.bytes.begin() + 188, s.bytes.begin() + 376));
     s.at(5, 3) = 0x13;
   };
-  struct Row {
-    const char* name;
-    bool secondSurvives;
-    Counts notes;
-    std::function<void(Stream&)> damage;
-  };
   const Counts crcError = {{kCrcError, 1}};
   const Counts packetLost = {{kContinuityError, 1}, {kCutSection, 1}};
   const Counts counterWrong = {{kContinuityError, 2}, {kCutSection, 1}};
   const Counts markedLost = {{kTransportError, 1}, {kContinuityError, 1}, {kCutSection, 1}};
   const Counts syncLost = {{kLostSync, 1}, {kContinuityError, 1}, {kCutSection, 1}};
-  const Row rows[] = {
+  const std::tuple<const char*, bool, Counts, std::function<void(Stream&)>> rows[] = {
+      // whether the second one survives, and what is noted
       {"nothing", true, {}, [](auto&) {}},
       {"garbage in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.insert(0, Bytes(1001, 0x48)); }},
       {"sync bytes in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.insert(0, Bytes(30, 0x47)); }},
@@ -82,13 +77,13 @@ TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
       {"cut by the next start", false, {{kCutSection, 1}}, startAnew},
       {"cut by the end of the file", true, {{kCutSection, 1}}, cutAtTheEnd},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, survives, notes, damage] : rows) {
+    SCOPED_TRACE(name);
     Stream s = whole;
-    row.damage(s);
+    damage(s);
     auto expected = untouched;
-    if (!row.secondSurvives) std::erase(expected, second);
-    expectRead(s, expected, row.notes);
+    if (!survives) std::erase(expected, second);
+    expectRead(s, expected, notes);
   }
 }
 
@@ -105,13 +100,8 @@ TEST(PsiCapture, KeepsTheNewestCurrentSectionsOfEachTable) {
   const Section pmt11 = makeSection({.pid = 0x11, .tableId = 2}, 20);
   Section shortForm = makeSection({}, 20);
   shortForm.bytes[1] &= 0x7F;
-  struct Row {
-    const char* name;
-    std::vector<Section> sections;
-    std::vector<std::size_t> kept;  // by index
-    Counts notes;
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, std::vector<Section>, std::vector<std::size_t>, Counts> rows[] = {
+      // by index which ones are kept, and what is noted
       {"a repetition", {pat, sdt, sdt}, {0, 1}, {}},
       {"a new version", {pat, sdt, newSdt, newSdt}, {0, 2}, {{kOlderVersion, 1}}},
       {"a version that wrapped round", {pat, sdt31, sdt}, {0, 2}, {{kOlderVersion, 1}}},
@@ -134,13 +124,13 @@ TEST(PsiCapture, KeepsTheNewestCurrentSectionsOfEachTable) {
       {"stuffing", {pat, makeSection({.tableId = 0x72}, 20)}, {0}, {}},
       {"tables of other kinds", {pat, makeSection({.tableId = 0x50}, 3000)}, {0}, {{kOtherTable, 1}}},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, sections, kept, notes] : rows) {
+    SCOPED_TRACE(name);
     Stream s;
-    for (const Section& section : row.sections) s.add(section);
+    for (const Section& section : sections) s.add(section);
     std::vector<Section> expected;
-    for (const std::size_t i : row.kept) expected.push_back(row.sections[i]);
-    expectRead(s, expected, row.notes);
+    for (const std::size_t i : kept) expected.push_back(sections[i]);
+    expectRead(s, expected, notes);
   }
 }
 

@@ -32,17 +32,19 @@ void expectRead(const Stream& stream, const std::vector<Section>& sections, cons
 TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
   const Section second = makeSection({.extension = 7}, 500);
   const Section third = makeSection({.extension = 8}, 9);
-  const std::size_t firstBytes = 183 + 184;
-  Stream whole;
+  const auto rest = static_cast<std::ptrdiff_t>(second.bytes.size()) - 183 - 184;
   const Section map = makeSection({.pid = 0x100, .tableId = 2}, 50);
   const std::vector<Section> untouched = {makePat({{1, 0x100}}), map, second, third};
+  Stream whole;
   whole.add(untouched[0]).add(second);
   whole.at(3, 1) |= 0x40;
-  whole.insert(3 * 188 + 4, {static_cast<u8>(second.bytes.size() - firstBytes)});
-  whole.insert(3 * 188 + 5 + second.bytes.size() - firstBytes, third.bytes).bytes.resize(4 * 188);
+  whole.replace(3 * 188 + 4, 0, {static_cast<u8>(rest)});
+  whole.replace(3 * 188 + 5 + rest, 0, third.bytes);
+  whole.bytes.resize(4 * 188);
+  const Bytes again(whole.bytes.begin() + 2 * 188, whole.bytes.begin() + 3 * 188);
   whole.add(map);
   const Bytes packetWithoutPayload = test::operator+({0x47, 0, 0x11, 0x20, 183}, Bytes(183, 0xFF));
-  const auto append = [](Stream& s, const Bytes& what) { s.insert(s.bytes.size(), what); };
+  const auto append = [](Stream& s, const Bytes& what) { s.bytes = test::operator+(s.bytes, what); };
   const auto startAnew = [](Stream& s) { s.at(2, 1) |= 0x40, s.at(2, 4) = 0, s.at(2, 5) = 0xFF; };
   const auto endlessField = [](Stream& s) { s.at(2, 3) |= 0x20, s.at(2, 4) = 200; };
   const auto cutAtTheEnd = [&](Stream& s) {
@@ -57,22 +59,26 @@ TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
   const std::tuple<const char*, bool, Counts, std::function<void(Stream&)>> rows[] = {
       // whether the second one survives, and what is noted
       {"nothing", true, {}, [](auto&) {}},
-      {"garbage in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.insert(0, Bytes(1001, 0x48)); }},
-      {"sync bytes in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.insert(0, Bytes(30, 0x47)); }},
+      {"garbage in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.replace(0, 0, Bytes(1001, 0x48)); }},
+      {"sync bytes in front", true, {{kLeadingBytes, 1}}, [](auto& s) { s.replace(0, 0, Bytes(30, 0x47)); }},
       {"bytes at the end", true, {{kTrailingBytes, 1}}, [&](auto& s) { append(s, Bytes(60, 1)); }},
       {"a start at the end", true, {{kTrailingBytes, 1}}, [&](auto& s) { append(s, Bytes(60, 0x47)); }},
       {"a damaged sync byte", false, syncLost, [](auto& s) { s.at(2, 0) = 0; }},
-      {"bytes lost", false, {{kLostSync, 1}, {kCrcError, 1}}, [](auto& s) { s.erase(2 * 188 + 30, 50); }},
-      {"bytes put in", true, {{kLostSync, 1}}, [](auto& s) { s.insert(2 * 188, Bytes(77, 3)); }},
-      {"a packet lost", false, packetLost, [](auto& s) { s.erase(2 * 188, 188); }},
-      {"a packet twice", true, {}, [](auto& s) { s.repeatPacket(2); }},
-      {"a packet three times", false, packetLost, [](auto& s) { s.repeatPacket(2).repeatPacket(2); }},
+      {"bytes lost",
+       false,
+       {{kLostSync, 1}, {kCrcError, 1}},
+       [](auto& s) { s.replace(2 * 188 + 30, 50, {}); }},
+      {"bytes put in", true, {{kLostSync, 1}}, [](auto& s) { s.replace(2 * 188, 0, Bytes(77, 3)); }},
+      {"a packet lost", false, packetLost, [](auto& s) { s.replace(2 * 188, 188, {}); }},
+      {"a packet twice", true, {}, [&](auto& s) { s.replace(2 * 188, 0, again); }},
+      {"a packet three times", false, packetLost,
+       [&](auto& s) { s.replace(2 * 188, 0, test::operator+(again, again)); }},
       {"the counter of another packet", false, counterWrong, [](auto& s) { s.at(2, 3) = s.at(1, 3); }},
       {"a bit flipped", false, crcError, [](auto& s) { s.at(2, 99) ^= 4; }},
       {"marked as damaged", false, markedLost, [](auto& s) { s.at(2, 1) |= 0x80; }},
       {"scrambled", false, {{kScrambled, 1}, {kCutSection, 1}}, [](auto& s) { s.at(2, 3) |= 0x80; }},
       {"an endless adaptation field", false, {{kBadPacket, 1}, {kCutSection, 1}}, endlessField},
-      {"no payload", true, {}, [&](auto& s) { s.insert(2 * 188, packetWithoutPayload); }},
+      {"no payload", true, {}, [&](auto& s) { s.replace(2 * 188, 0, packetWithoutPayload); }},
       {"a pointer beyond the packet", false, {{kBadPacket, 1}}, [](auto& s) { s.at(1, 4) = 183; }},
       {"cut by the next start", false, {{kCutSection, 1}}, startAnew},
       {"cut by the end of the file", true, {{kCutSection, 1}}, cutAtTheEnd},

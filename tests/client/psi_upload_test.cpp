@@ -15,8 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::expectSays;
-using test::FakeLink;
-using test::has;
 using test::intervalsIn;
 using test::messageOf;
 using test::sectionsIn;
@@ -24,8 +22,8 @@ using Sections = std::vector<Section>;
 
 class PsiUpload : public test::CardTest {
  protected:
-  void load(const Sections& sections, const Intervals& intervals = {}, bool force = false) {
-    upload(link_, kChannel, planUpload(sections), intervals, {.force = force, .progress = {}});
+  void load(const Sections& sections, const Intervals& intervals = {}) {
+    upload(link_, kChannel, planUpload(sections), intervals);
   }
 
   const Sections small_ = readCapture(fs::path(test::sample("psi-small.ts"))).sections;
@@ -36,38 +34,12 @@ class PsiUpload : public test::CardTest {
 TEST_F(PsiUpload, PutsNoMixtureOfTwoClientsOnTheAir) {
   chassis_.drive([&] {
     link_.before = [&](const Request& request) {
-      if (link_.log.size() == 4) FakeLink(chassis_.headend()).call(request);
+      if (link_.log.size() == 4) test::FakeLink(chassis_.headend()).call(request);
     };
     expectSays(messageOf([&] { load(small_); }), "another client is loading the same channel");
     EXPECT_TRUE(card_.locked());
     expectSays(messageOf([&] { load(small_); }), "psi clear 1.2 --force");
     EXPECT_TRUE(card_.locked());
-  });
-}
-
-// The message tells whether the channel is silent, and a forced load always helps.
-TEST_F(PsiUpload, SaysHowToGoOnWhereverItBreaksOff) {
-  const auto history = [&](FakeLink& link, const test::Fault&) -> std::string {
-    const std::string message = messageOf([&] {
-      upload(link, kChannel, planUpload(small_), {{TableType::kCat, 100}});
-    });
-    SCOPED_TRACE(message);
-    const Request& last = link.log.back();
-    const bool switches = last.operation == Operation::kWrite && last.variable == kVarPsiLock;
-    const bool locked = card_.locked();
-    const bool silent = has(message, "is locked and sends no PSI");
-    const bool unknown = has(message, "may be locked");
-    const bool done = message.empty();
-    EXPECT_TRUE(silent ? locked : unknown ? switches : !locked);
-    EXPECT_TRUE(silent || unknown || sectionsIn(tables()) == (done ? small_ : Sections()));
-    EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), silent || unknown);
-    load(small_, {}, true);
-    EXPECT_EQ(sectionsIn(tables()), small_);
-    return silent ? "silent" : unknown ? "unknown" : done ? "done" : "untouched";
-  };
-  chassis_.drive([&] {
-    const auto ends = breakOffEverywhere(history);
-    for (const char* end : {"silent", "unknown", "untouched"}) EXPECT_TRUE(ends.contains(end)) << end;
   });
 }
 

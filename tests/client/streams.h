@@ -75,23 +75,15 @@ class Stream {
     return *this;
   }
   u8& at(std::size_t packetNumber, std::size_t offset) { return bytes[packetNumber * 188 + offset]; }
-  Stream& erase(std::size_t from, std::size_t count) {
-    bytes.erase(place(from), place(from + count));
-    return *this;
-  }
-  Stream& insert(std::size_t at, const Bytes& what) {
-    bytes.insert(place(at), what.begin(), what.end());
-    return *this;
-  }
-  Stream& repeatPacket(std::size_t number) {
-    return insert(number * 188, Bytes(place(number * 188), place((number + 1) * 188)));
+  // Puts bytes in place of `count` others.
+  void replace(std::ptrdiff_t from, std::ptrdiff_t count, const Bytes& by) {
+    const auto end = bytes.erase(bytes.begin() + from, bytes.begin() + from + count);
+    bytes.insert(end, by.begin(), by.end());
   }
 
   Bytes bytes;
 
  private:
-  Bytes::iterator place(std::size_t at) { return bytes.begin() + static_cast<std::ptrdiff_t>(at); }
-
   std::array<u8, 8192> continuity_{};
 };
 

@@ -131,30 +131,28 @@ TEST_F(Calibration, QamcalRestoresWhatItSavedAndNoFileThatItDoubts) {
   const std::string good =
       R"({"dac_calibration": 1, "common": ["4","1","2","3","4"], )"
       R"("i": ["12","0f","80","02"], "q": ["0c","0e","00","80"], "fields": {"pll": "off"}})";
-  struct Row {
-    std::string from, to;
-    const char* part;
-    int code = 1;
+  const std::tuple<std::string, std::string, const char*> rows[] = {
+      {"}}", "}", "is not JSON"},
+      {good, "[1]", "is no calibration"},
+      {"\": 1", "\": 2", "is no calibration"},
+      {"\"i\"", "\"j\"", R"("i" must have 4 bytes)"},
+      {"\"4\",", "", R"("common" must have 5 bytes)"},
+      {"\"0e\"", "14", R"("q" must hold texts)"},
+      {"0e", "0x100", "'0x100' is no byte"},
+      {"0e", "-1", "'-1' is no byte"},
+      {"off", "on", R"("pll" is not what the bytes say ("off"))"},
+      {"{", std::string(70000, ' ') + "{", "too long"},
   };
-  const Row rows[] = {{"}}", "}", "is not JSON"},
-                      {good, "[1]", "is no calibration"},
-                      {"\": 1", "\": 2", "is no calibration"},
-                      {"\"i\"", "\"j\"", R"("i" must have 4 bytes)"},
-                      {"\"4\",", "", R"("common" must have 5 bytes)"},
-                      {"\"0e\"", "14", R"("q" must hold texts)"},
-                      {"0e", "0x100", "'0x100' is no byte"},
-                      {"0e", "-1", "'-1' is no byte"},
-                      {"off", "on", R"("pll" is not what the bytes say ("off"))"},
-                      {"{", std::string(70000, ' ') + "{", "too long"},
-                      {"", "", "was not saved from slot 3", 0}};
   writes_.clear();
-  for (const auto& [from, to, part, code] : rows) {
-    EXPECT_TRUE(writes_.empty());
+  for (const auto& [from, to, part] : rows) {
     std::string text = good;
     text.replace(text.find(from), from.size(), to);
-    test::writeFile(saved, Bytes(text.begin(), text.end()));
-    expect(run("restore 3 " + saved), code, part);
+    test::writeFile(saved, test::bytesOf(text));
+    expect(run("restore 3 " + saved), 1, part);
   }
+  EXPECT_TRUE(writes_.empty());
+  test::writeFile(saved, test::bytesOf(good));
+  expect(run("restore 3 " + saved), 0, "was not saved from slot 3");
 }
 
 TEST_F(Calibration, QamcalWatchesUntilItIsInterrupted) {

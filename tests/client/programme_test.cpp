@@ -275,7 +275,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
     upload(link_, kChannel, planUpload(old.tables), {});
     replaceMap(link_, kChannel, old.map, {});
     old = state();
-    breakOffEverywhere({"done", "as it was", "in between"}, history);
+    breakOffEverywhere({"done", "as it was", "in between"}, history, 33);  // before, it only reads
   });
 }
 

@@ -122,22 +122,21 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
                  {"var get 1 --json", 0, R"("value": -55)"},
                  {"var set 2 rfreq 600000", 1, "setting rfreq of the card in slot 2 was refused: no card"}});
     EXPECT_FALSE(has(run("var set 1 32 6875").text, "clock table"));
-    struct Row {
-      u32 result;
-      Bytes data;
-      const char* part;
-    };
-    for (const Row& row : {Row{kNotRunning, {}, "does not run"},
-                           {kNotWritable, {}, "only be read"},
-                           {kSettingRefused, {}, "cannot set"},
-                           {kDone, {}, "not what was asked for"},
-                           {kDone, {0}, "not what was asked for"},
-                           {kDone, {0, 1, 2, 3}, "not what was asked for"},
-                           {kDone, {0, 1, 2, 3, 4, 5}, "not what was asked for"},
-                           {kDone, {1, '3', '0'}, "not what was asked for"},
-                           {kDone, {2, 0, 0, 0, 1}, "not what was asked for"}}) {
-      link_.after = [&](Reply& reply) { reply.result = row.result, reply.data = row.data; };
-      expect(run("var get 1 30"), 1, row.part);
+    const char* const odd = "not what was asked for";
+    const std::tuple<u32, Bytes, const char*> replies[] = {{kNotRunning, {}, "does not run"},
+                                                           {kNotWritable, {}, "only be read"},
+                                                           {kSettingRefused, {}, "cannot set"},
+                                                           {kDone, {}, odd},
+                                                           {kDone, {0}, odd},
+                                                           {kDone, {0, 1, 2, 3}, odd},
+                                                           {kDone, {0, 1, 2, 3, 4, 5}, odd},
+                                                           {kDone, {1, '3', '0'}, odd},
+                                                           {kDone, {2, 0, 0, 0, 1}, odd}};
+    for (const auto& [result, data, part] : replies) {
+      link_.after = [&, code = result, &bytes = data](Reply& reply) {
+        reply.result = code, reply.data = bytes;
+      };
+      expect(run("var get 1 30"), 1, part);
     }
     link_.after = [](Reply& reply) { reply.data = encodeValue(std::string("V\x1B[7m")); };
     for (const char* json : {"", " --json"}) {

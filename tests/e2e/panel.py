@@ -15,15 +15,36 @@ def shows(case, server, *wanted):
         lcd = json.loads(case.qamctl(server.address, 'lcd', '--json').text)
         inverse = {place['row'] for place in lcd['inverse'] if place['x'] == 0}
         return [('>' if row in inverse else '') + text for row, text in enumerate(lcd['rows'])]
-    server.wait(lambda: rows() == [*wanted, '', ''][:4])
-    case.equal(rows(), [*wanted, '', ''][:4], 'rows of the LCD')
+    if not server.wait(lambda: rows() == [*wanted, '', ''][:4]):
+        raise AssertionError(f'the LCD shows {rows()} where {wanted} is due')
+
+
+SET = ('>Qam Mode      64', 'Symbol Rate', 'RF Freq')
+STEPS = (  # keys, and the rows that the LCD then shows
+    ('up', 'Headend', 'QAM card1', 'QAM card3', '>Language English'),
+    ('down ok up right', 'QAM SET', *SET),
+    ('down down down', 'QAM SET', 'Symbol Rate', 'RF Freq', '>RF Level'),
+    ('up up up ok', 'Qam Mode', '>64', '128', '256'),
+    ('down cancel', 'QAM SET', *SET),
+    ('ok down down down ok', 'QAM SET', *SET),
+    ('ok down ok', 'QAM SET', '>Qam Mode     128', 'Symbol Rate', 'RF Freq'),
+    ('ok', 'Qam Mode', '64', '>128', '256'),
+    ('left left left', 'Headend', '>QAM card1', 'QAM card3', 'Language English'),
+    ('left down ok down ok', 'QAM SET', *SET),
+    ('cancel up ok down ok ok', 'Ch.1', *SET),  # to be looked at only
+    ('down ok', 'Symbol Rate', '', '  6.875  Mbps'),
+    ('ok cancel cancel cancel down ok', '前端', 'QAM卡1', 'QAM卡3', '>语言        中文'),
+    ('down ok ok ok', '版本', '>硬件版本    V1.0', '软件版本V2.1.05A', '逻辑版本 V2.1.05'),
+)
 
 
 def the_lcd_follows_the_keys(case):
-    with Server(case, case.flash(), '--key', 'ok,down,ok') as server:
-        shows(case, server, 'QAM SET', '>Qam Mode      64', 'Symbol Rate', 'RF Freq')
-        case.qamctl(server.address, 'key', 'cancel', 'cancel', 'down', 'ok', 'up', 'ok', 'ok', 'ok')
-        shows(case, server, '版本', '>硬件版本    V1.0', '软件版本V2.1.05A', '逻辑版本 V2.1.05')
+    with Server(case, case.flash(), '--card', '1', '--card', '3', '--key', 'ok,down,ok') as server:
+        shows(case, server, 'QAM SET', *SET)
+        case.qamctl(server.address, 'key', 'cancel', 'cancel')
+        for keys, *rows in STEPS:
+            case.qamctl(server.address, 'key', *keys.split())
+            shows(case, server, *rows)
         case.says(case.qamctl(server.address, 'lcd'), r'版本\n硬件版本    V1.0')
         case.qamctl(server.address, 'lcd', '--png', case.path('lcd.png'))
         found = case.findings('ffprobe', '-v', 'quiet', '-show_streams', '-of', 'json', case.path('lcd.png'))

@@ -46,7 +46,7 @@ class BackEnd : public ModuleTest {
   }
 
   // The request's data stands `reLength` - 4 bytes behind its header.
-  Reply read(u16 id, const Bytes& data = {}, u32 port = 0, u16 card = 0, u16 reLength = 4) const {
+  static Reply read(u16 id, const Bytes& data = {}, u32 port = 0, u16 card = 0, u16 reLength = 4) {
     struct {
       chassis::bc_vhdr_t header;
       u8 data[40];
@@ -59,7 +59,7 @@ class BackEnd : public ModuleTest {
   }
 
   // `length` where it is not that of the data.
-  int write(u16 id, Bytes data, u32 port = 0, u16 card = 0, std::optional<u16> length = {}) const {
+  static int write(u16 id, Bytes data, u32 port = 0, u16 card = 0, std::optional<u16> length = {}) {
     chassis::bc_vhdr_t header{id, card, port, length.value_or(static_cast<u16>(data.size())), 0, 0};
     data.resize(64 * 1024);
     return qam_owr(&header, data.data());

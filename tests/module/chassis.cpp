@@ -44,9 +44,11 @@ std::string formatted(const char* format, va_list arguments) {
   return text;
 }
 
+// Of the main board's registers those of the configuration ports.
 std::string nameOf(u32 address) {
-  return address < test::kMainBoard ? headend::cardRegister(address & 0x1FF).name
-                                    : fmt::format("board+{:x}", address - test::kMainBoard);
+  if (address < test::kMainBoard) return headend::cardRegister(address & 0x1FF).name;
+  constexpr std::array kPort{"ncfg", "dclk", "data", "stat", "done", "guard", "", ""};
+  return fmt::format("port{}.{}", address >> 4 & 0xF, kPort.at(address / 2 % 8));
 }
 
 }  // namespace

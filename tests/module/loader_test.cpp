@@ -12,8 +12,7 @@ namespace {
 constexpr u8 kSlot = 3;
 constexpr u32 kPort = kMainBoard + 0x300 + 16 * kSlot;
 constexpr u32 kRequest = kPort, kStatus = kPort + 6, kDone = kPort + 8;
-const std::string kOpen = "board+33a=49374", kClosed = "board+33a=0";
-const std::string kClockHigh = "board+332=1", kClockLow = "board+332=0";
+const std::string kOpen = "port3.guard=49374", kClosed = "port3.guard=0";
 constexpr u16 kStart = 0x3C5A;
 constexpr const char* kFile = "/tffs0/K717_QAM/qam.bin";
 const Bytes kStream = {0x80, 0x01, 0xA5};
@@ -33,7 +32,7 @@ class Loader : public ModuleTest {
   std::string bitsSent() const {
     std::string bits;
     for (const std::string& step : fake.steps)
-      if (step.starts_with("board+334=")) bits += step.substr(10);
+      if (step.starts_with("port3.data=")) bits += step.substr(11);
     return bits;
   }
 
@@ -46,14 +45,14 @@ class Loader : public ModuleTest {
 };
 
 TEST_F(Loader, ClocksTheStreamInAccessByAccess) {
-  Lines expected = {kOpen,        kClockLow,         "board+330=15450", "board+330?",
-                    "board+336?", "board+330=50085", "board+336?"};
+  Lines expected = {kOpen,         "port3.dclk=0",     "port3.ncfg=15450", "port3.ncfg?",
+                    "port3.stat?", "port3.ncfg=50085", "port3.stat?"};
   for (const char bit : kBits + "..........") {  // ten closing clocks
-    if (bit != '.') expected.push_back(fmt::format("board+334={}", bit));
-    expected = expected + Lines{kClockHigh, kClockLow};
+    if (bit != '.') expected.push_back(fmt::format("port3.data={}", bit));
+    expected = expected + Lines{"port3.dclk=1", "port3.dclk=0"};
   }
   EXPECT_EQ(cfg_qam_fpga(kSlot, kStream.data(), 3), 0);
-  EXPECT_EQ(fake.steps, (expected + Lines{"board+338?", kClosed}));
+  EXPECT_EQ(fake.steps, (expected + Lines{"port3.done?", kClosed}));
   EXPECT_EQ(fake.log, Lines{"debug fpga_ncfg cfg ok, confNum is 1!\r\n"});
 }
 

@@ -122,6 +122,7 @@ TEST(Router, FillsAnOutputsBufferAndTheMainBoardTellsForTwoSecondsWhatItDropped)
   const std::pair<Nanos, u16> reads[] = {
       {first - 1, 0}, {first, 0x81}, {first + 2 * kSecond - 1, 0x81}, {first + 2 * kSecond, 0}};
   for (const auto& [t, bits] : reads) EXPECT_EQ(told(t), bits) << t;
+  EXPECT_EQ(h.sinks[0].kept.begin()->first, placeFrom(first));
 
   burst(5 * kSecond, 40);
   output.setRate(5 * kSecond, {.numerator = output.rate().numerator / 2, .denominator = 204});

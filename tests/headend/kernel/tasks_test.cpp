@@ -23,13 +23,13 @@ Nanos nanos(const std::string& ms) {
   return std::llround(std::stod(ms) * 1e6);
 }
 
-// "NAME PRIORITY [TIMES]: STEP; STEP; ...", or "at MS: STEP; ..." for an event. A step is a service of the
-// kernel and its arguments; with a time to wait, in ticks of 10 ms, it waits so long, without one for ever. A
-// step that fails is told, and what is received; all else only by "say".
+// Scripts are "NAME PRIORITY [TIMES]: STEP; STEP; ...", or "at MS: STEP; ..." for an event, with "|" between
+// them. A step is a service of the kernel and its arguments; with a time to wait, in ticks of 10 ms, it waits
+// so long, without one for ever. A step that fails is told, and what is received; all else only by "say".
 struct Scripts {
   explicit Scripts(const Kernel::Settings& settings = freeCalls()) : rig_(settings) {}
 
-  // What happens, in the words of the scripts.
+  // What happens, each event with its time in ms.
   std::string play(const std::string& scripts) {
     for (const std::string& script : split(scripts, '|')) {
       const std::size_t colon = script.find(':');

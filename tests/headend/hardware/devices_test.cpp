@@ -42,7 +42,7 @@ TEST(Devices, TheClockFollowsFromTheRegistersAndSettlesAfterAChangeOfThePll) {
       {"Pdiv1 from the input", {{kY1, 0x34}, {kPdiv1, 5}, {kY2Y3, 0x4D}}, 11},
       {"Pdiv2", {{kPdiv2, 0x80 | 22}, {kY2Y3, 0x5D}}, 8},
       {"no divider", {{kY2Y3, 0x7D}}, 0, "Y3's multiplexer"},
-      {"bypass", {{kY2Y3, 0xED}}, 13.75},
+      {"bypass, down and up", {{kY2Y3, 0xED}}, 13.75, "", {{kGeneral, 0x10}, {kGeneral, 0}}},
       {"divider 0", {{kPdiv3, 0}}, 0, "Pdiv3 is 0"},
       {"M not whole", {{kPll + 2, 0x23}}, 0, "M of PLL1 is not whole: (128 - 4) / 25"},
       {"range bits", {{kPll + 3, 0x2E}}, 0, "VCO at 176.0 MHz, outside of the range that its bits 10 name"},

@@ -20,8 +20,8 @@ using Bytes = std::vector<u8>;
 
 class Scratch {
  public:
-  Scratch() {
-    std::string name = (fs::temp_directory_path() / "headend-test-XXXXXX").string();
+  explicit Scratch(const fs::path& in = fs::temp_directory_path()) {
+    std::string name = (in / "headend-test-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) std::abort();
     path = name;
   }

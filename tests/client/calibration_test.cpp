@@ -6,7 +6,6 @@
 
 #include <csignal>
 
-#include "tests/client/loopback.h"
 #include "tests/client/program.h"
 #include "tests/client/streams.h"
 #include "tests/headend/scratch.h"
@@ -14,7 +13,6 @@
 namespace client {
 namespace {
 
-using test::Call;
 using test::expect;
 using test::Outcome;
 using test::operator+;  // NOLINT(misc-unused-using-decls): clang-tidy 14 takes no operator for a use
@@ -25,17 +23,14 @@ constexpr u8 kWrite = 2;
 const Bytes kCard = {0x04, 1, 2, 3, 4, 0x12, 0x0F, 0x80, 0x02, 0x0C, 0x0E, 0, 0x80};
 
 // A service with a card in slot 3.
-class Calibration : public ::testing::Test {
+class Calibration : public testing::Test, protected test::Program {
  protected:
-  Outcome run(const std::string& arguments, const std::string& before = "") {
-    Outcome outcome{};
-    const std::string command = before + QAMCAL + " --server " + server_.address() + " " + arguments;
-    server_.serve([&] { outcome = test::runProgram(command); });
-    return outcome;
-  }
-  void expectCalls(const std::vector<Call>& calls) {
-    test::expectCalls([this](const std::string& arguments) { return run(arguments); }, calls);
-  }
+  Calibration()
+      : Program(QAMCAL, [this](const Bytes& datagram) {
+          ++requests_;
+          if (datagram.at(0) == kWrite) writes_.push_back(datagram);
+          return service_(datagram);
+        }) {}
   std::string file(const char* name) const { return scratch_.path / name; }
   Datagrams serve(const Bytes& datagram) {
     if (datagram.size() != 15 || datagram[1] != 2) return {};
@@ -49,11 +44,6 @@ class Calibration : public ::testing::Test {
   int requests_ = 0;
   Datagrams writes_;
   std::function<Datagrams(const Bytes&)> service_ = [this](const Bytes& d) { return serve(d); };
-  test::LoopbackServer server_{[this](const Bytes& datagram) {
-    ++requests_;
-    if (datagram.at(0) == kWrite) writes_.push_back(datagram);
-    return service_(datagram);
-  }};
 };
 
 TEST_F(Calibration, QamcalTakesOnlyTheReplyToItsOwnQuestion) {
@@ -170,10 +160,10 @@ TEST_F(Calibration, QamcalWatchesUntilItIsInterrupted) {
 }
 
 TEST_F(Calibration, QamcalKnowsAWrongCall) {
-  test::expectWrongCalls([this](const std::string& call) { return run(call); },
-                         ";fly;read;read 0;read 7;read 1.1;read 1 2;write 3;write 3 --i;write 3 --i 1 2 3;"
-                         "write 3 --i 1 2 3 100;write 3 --q 1 2 3 -1;write 3 --i 1 2 3 4 --i 1 2 3 4;save 3;"
-                         "watch 3 --every 0;--timeout 0 read 3;--timeout x read 3;--server nowhere read 3");
+  expectWrongCalls(
+      ";fly;read;read 0;read 7;read 1.1;read 1 2;write 3;write 3 --i;write 3 --i 1 2 3;"
+      "write 3 --i 1 2 3 100;write 3 --q 1 2 3 -1;write 3 --i 1 2 3 4 --i 1 2 3 4;save 3;"
+      "watch 3 --every 0;--timeout 0 read 3;--timeout x read 3;--server nowhere read 3");
   EXPECT_EQ(requests_, 0);
   expectCalls({{"--help", 0, "Exit codes"}, {"read 3 >/dev/full", 1, ""}});
 }

@@ -146,7 +146,6 @@ TEST_F(PidMapTest, SaysWhichLineOfAFileIsWrongAndWhy) {
       // below the header
       {"1,1,1,1,1,1\n", " line 2: 6 fields"},
       {"\n1,1,x,1,1,1,1\n", " line 3: src_pid 'x' is no number"},
-      {"1,1,0x,1,1,1,1\n", " line 2: src_pid '0x' is no number"},
       {"1,1,1,1,12 3,1,1\n", " line 2: dst_pid '12 3' is no number"},
       {"0,1,1,1,1,1,1\n", " line 2: src_slot 0 is not from 1 to 6"},
       {"7,1,1,1,1,1,1\n", " line 2: src_slot 7 is not from 1 to 6"},

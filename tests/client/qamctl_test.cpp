@@ -144,12 +144,11 @@ TEST_F(Qamctl, TellsTheStatusAndWhatGoesOutAtTheConnectors) {
     {"slot": 1, "state": "running", "lcd": "QAM \u001b[2J", "startup_ms": 12, "channels": [
       {"bit_rate": 38014705, "packets": {"total": 9, "psi": 4}, "locked_seconds": 10,
        "tables": {"PAT": {"set_ticks": 300, "posted": 4}},
-       "rf": {"verdict": "on air", "on_air": true, "why": "", "frequency_khz": 554006.25, "level_dbuv": 100.5,
+       "rf": {"verdict": "on air", "frequency_khz": 554006.25, "level_dbuv": 100.5,
               "symbol_rate_kbd": 6875, "clock_kbd": 6875.0, "constellation": "64-QAM", "bit_rate": 38014705.9}},
       {"locked_seconds": 10.1,
-       "rf": {"verdict": "faulty", "on_air": false, "why": "no\u001b clock", "frequency_khz": null,
-              "level_dbuv": 99, "symbol_rate_kbd": 6900, "clock_kbd": null, "constellation": null,
-              "bit_rate": 0}}]},
+       "rf": {"verdict": "faulty", "why": "no\u001b clock", "frequency_khz": null, "level_dbuv": 99,
+              "symbol_rate_kbd": 6900, "clock_kbd": null, "constellation": null, "bit_rate": 0}}]},
     {"slot": 3, "channels": [{"rf": {"verdict": "off"}}, {}, 5]},
     {"slot": 4}, 7],
     "assertion_failures": [{}, {}], "protocol_violations": {"short latch": 3}})";

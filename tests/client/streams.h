@@ -66,7 +66,9 @@ inline client::Section makePat(const std::vector<std::pair<u16, u16>>& programme
 
 class Stream {
  public:
-  explicit Stream(Bytes content = {}) : bytes(std::move(content)) {}
+  explicit Stream(const std::vector<client::Section>& sections = {}) {
+    for (const client::Section& section : sections) add(section);
+  }
 
   Stream& add(const client::Section& section) {
     std::vector<client::Packet> packets;

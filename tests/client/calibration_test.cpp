@@ -14,7 +14,6 @@ namespace client {
 namespace {
 
 using test::expect;
-using test::Outcome;
 using test::operator+;  // NOLINT(misc-unused-using-decls): clang-tidy 14 takes no operator for a use
 using Datagrams = std::vector<Bytes>;
 
@@ -53,7 +52,6 @@ TEST_F(Calibration, QamcalTakesOnlyTheReplyToItsOwnQuestion) {
     return Datagrams{{}, Bytes(14, 2), Bytes(16, 1), Bytes{kRead} + Bytes(14, 7), Bytes(15, 2), right, right};
   };
   expect(run("--timeout 60 read 3"), 0, "12 0f 80 02\n");
-  EXPECT_EQ(requests_, 2);
 }
 
 TEST_F(Calibration, QamcalShowsFieldsAsTheDataSheetHasThem) {
@@ -151,7 +149,7 @@ TEST_F(Calibration, QamcalWatchesUntilItIsInterrupted) {
     if (requests_ == 6) kill(std::stoi(test::readText(file("pid"))), SIGINT);
     return requests_ == 4 ? Datagrams{} : serve(datagram);
   };
-  const Outcome watched = run("--timeout 1 watch 3 --every 0.1", "echo $$ >" + file("pid") + "; exec ");
+  const test::Outcome watched = run("--timeout 1 watch 3 --every 0.1", "echo $$ >" + file("pid") + "; exec ");
   for (const char* part :
        {"slot 3\n", "0x05  0x12 -> 0x13  I fine gain: 18 -> 19\n", "no reply for slot 3", "answers again"}) {
     expect(watched, 0, part);

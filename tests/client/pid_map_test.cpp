@@ -13,10 +13,8 @@
 namespace client {
 namespace {
 
-namespace fs = std::filesystem;
 using Entries = std::vector<MapEntry>;
 using test::expectSays;
-using test::FakeLink;
 using test::has;
 using test::messageOf;
 
@@ -39,7 +37,7 @@ class PidMapTest : public test::CardTest {
   Entries recorded() { return readMap(link_, kChannel).entries; }
   // Another client's first chunk of a map that announces more.
   void announce(u32 total, const Entries& entries) {
-    FakeLink(chassis_.headend())
+    test::FakeLink(chassis_.headend())
         .call(makeRequest(Operation::kWrite, kVarPidMapChunk, kChannel.slot, kChannel.port,
                           encodeMapChunk(total, 0, entries)));
   }
@@ -56,7 +54,7 @@ TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
   const Entries old = mapOf(90, 0x100);
   const Entries wanted = mapOf(178, 0x900);
   const std::string file = options_.rescueFile.string();
-  const auto history = [&](FakeLink& link, const test::Fault&) -> std::string {
+  const auto history = [&](test::FakeLink& link, const test::Fault&) -> std::string {
     const std::string message = messageOf([&] { replaceMap(link, kChannel, wanted, options_); });
     SCOPED_TRACE(message);
     const bool stuck = has(message, "The way back failed");
@@ -67,10 +65,10 @@ TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
     EXPECT_TRUE((maybeNew && carries(wanted)) || (maybeOld && carries(old)));
     EXPECT_TRUE(stuck ? locked || has(message, "may be locked") : !locked);
     EXPECT_TRUE(stuck || recorded() == asKept(maybeNew ? wanted : old));
-    EXPECT_EQ(fs::exists(file), stuck || unverified);
+    EXPECT_EQ(std::filesystem::exists(file), stuck || unverified);
     EXPECT_EQ(has(message, "'qamctl pidmap show 1.2'"), stuck || unverified);
     EXPECT_EQ(has(message, "release 1.2 --restore " + file + "'"), stuck);
-    if (fs::exists(file)) {
+    if (std::filesystem::exists(file)) {
       const Entries rescued = readMapFile(file).entries;
       EXPECT_EQ(rescued, asKept(old));
       expectSays(messageOf([&] { releaseMap(link_, kChannel, ReleaseBy::kMap, rescued, options_); }),

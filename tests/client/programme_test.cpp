@@ -16,12 +16,9 @@ namespace client {
 namespace {
 
 namespace fs = std::filesystem;
-using test::expectSays;
 using test::has;
 using test::makePat;
 using test::makeSection;
-using test::messageOf;
-using test::sectionsIn;
 using test::operator+;  // NOLINT(misc-unused-using-decls): clang-tidy 14 takes no operator for a use
 using test::word;
 using Entries = std::vector<MapEntry>;
@@ -111,12 +108,12 @@ class ProgrammeTest : public test::CardTest {
   State state() {
     const PidMap map = readMap(link_, kChannel);
     const ReadBack all = tables();
-    return {sectionsIn(all), test::intervalsIn(all), map.entries, routerMap(link_, kChannel),
+    return {test::sectionsIn(all), test::intervalsIn(all), map.entries, routerMap(link_, kChannel),
             map.locked || all.locked};
   }
   void expectOutput(const char* after, const Sections& expected, Entries map, const Entries& more = {}) {
     SCOPED_TRACE(after);
-    EXPECT_EQ(sectionsIn(tables()), expected);
+    EXPECT_EQ(test::sectionsIn(tables()), expected);
     map.insert(map.end(), more.begin(), more.end());
     EXPECT_EQ(readMap(link_, kChannel).entries, asKept(map));
     EXPECT_TRUE(fs::is_empty(scratch_.path));
@@ -206,12 +203,12 @@ TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
     for (u16 i = 0; i < taken; ++i) output.map.push_back(entry(0x1000 + i, 0x102 + i, 0, 0, 0));
     const AddOptions options = {.base = base, .pass = pass, .transportStreamId = {}};
     std::string pids;
-    const std::string refusal = messageOf([&] {
+    const std::string refusal = test::messageOf([&] {
       const ProgrammePlan plan = planAdd(output, source, 3, options);
       const MapEntry& stream = *std::ranges::find(plan.map, 0x220, &MapEntry::sourcePid);
       pids = fmt::format("PMT {:#x}, stream {:#x}", plan.pmtPid, stream.pid);
     });
-    expectSays(pids + refusal, expected);
+    test::expectSays(pids + refusal, expected);
   }
 }
 
@@ -229,7 +226,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
       if (ofLock && last.operation == Operation::kWrite) expectNoReferenceToNothing();
     };
     const auto change = [&](Link& by) { addProgramme(by, kChannel, kInput, "One", options_); };
-    const std::string message = messageOf([&] { change(link); });
+    const std::string message = test::messageOf([&] { change(link); });
     SCOPED_TRACE(message);
     const State now = state();
     std::string end = message.empty() ? "done" : now == old ? "as it was" : "in between";
@@ -248,10 +245,10 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
     EXPECT_TRUE(!fault.forGood || unknown || silent == tables().locked);
     EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), silent || unknown);
     if (fs::exists(tablesFile)) {
-      expectSays(messageOf([&] { change(link_); }), "could not be put back once");
+      test::expectSays(test::messageOf([&] { change(link_); }), "could not be put back once");
       const Sections kept = readCapture(options_.tablesFile).sections;
       upload(link_, kChannel, planUpload(kept), {}, {.force = true, .progress = {}});
-      EXPECT_EQ(sectionsIn(tables()), old.tables);
+      EXPECT_EQ(test::sectionsIn(tables()), old.tables);
       expectNoReferenceToNothing();
     }
     return end;

@@ -13,11 +13,8 @@
 namespace client {
 namespace {
 
-namespace fs = std::filesystem;
 using test::expectSays;
-using test::intervalsIn;
 using test::messageOf;
-using test::sectionsIn;
 using Sections = std::vector<Section>;
 
 class PsiUpload : public test::CardTest {
@@ -26,7 +23,7 @@ class PsiUpload : public test::CardTest {
     upload(link_, kChannel, planUpload(sections), intervals);
   }
 
-  const Sections small_ = readCapture(fs::path(test::sample("psi-small.ts"))).sections;
+  const Sections small_ = readCapture(std::filesystem::path(test::sample("psi-small.ts"))).sections;
   ChannelVariables card_{link_, kChannel};
 };
 
@@ -52,11 +49,11 @@ TEST_F(PsiUpload, SavesTheIntervalsThatItSets) {
   chassis_.drive([&] {
     for (const auto& [channel, intervals] : rows) {
       std::map<Channel, std::vector<u32>> expected;
-      for (const Channel c : {Channel{0, 0}, kChannel}) expected[c] = intervalsIn(tables(c));
+      for (const Channel c : {Channel{0, 0}, kChannel}) expected[c] = test::intervalsIn(tables(c));
       for (const auto& [type, ticks] : intervals) expected[channel].at(indexOf(type)) = ticks;
       const auto saves = chassis_.headend().chassis().slot(0).saves;
       setIntervals(link_, channel, intervals);
-      for (const auto& [c, ticks] : expected) EXPECT_EQ(intervalsIn(tables(c)), ticks);
+      for (const auto& [c, ticks] : expected) EXPECT_EQ(test::intervalsIn(tables(c)), ticks);
       EXPECT_EQ(chassis_.headend().chassis().slot(0).saves, saves + 1);
       const auto* record = reinterpret_cast<const u8*>(GetQamCardParaFromList(0));
       EXPECT_EQ(test::readFile(chassis_.headend().options().flash / "para" / "card1.dat"),
@@ -80,7 +77,7 @@ TEST_F(PsiUpload, ReadBackCountsWhatIsOutOfReach) {
       EXPECT_EQ(tables().read(), read);
       EXPECT_EQ(tables().outOfReach(), stored - read);
       sections.resize(read);
-      EXPECT_EQ(sectionsIn(tables()), sections);
+      EXPECT_EQ(test::sectionsIn(tables()), sections);
     }
   });
 }

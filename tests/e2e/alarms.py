@@ -92,27 +92,6 @@ def a_card_that_hangs_delays_no_alarm(case):
     case.equal(sorted(alarm['slot'] for alarm in run.report['alarms']['standing']), [1, 3], 'slots with an alarm')
 
 
-def a_saved_status_bit_outlives_the_power_up(case):
-    """A record that was saved while an alarm stood keeps its bit: no raise after it, but a recovery."""
-    lost = [*source(case), '--fault', '6.1.input-lost']
-    first = case.flash()
-    case.fast(first, 10, *source(case), '--programme', '1.1=6.1:One', '--fault', '6.1.input-lost@3', '--set', '1.rflevel=1010@8')
-    record = read(os.path.join(first, harness.record_file(1)))
-    case.equal(record[26], 1, 'status in the record')
-
-    for name, history, flags, wanted, standing in (
-            ('lost', True, lost, ['raised'], 1),
-            ('back', True, source(case), ['raised', 'recovered'], 0),
-            ('back, history gone', False, source(case), ['recovered_without_alarm'], 0)):
-        flash = case.flash(name)
-        write(os.path.join(flash, harness.record_file(1)), record)
-        if history:
-            write(os.path.join(flash, HISTORY), read(os.path.join(first, HISTORY)))
-        run = case.fast(flash, 10, *flags)
-        case.equal(len(run.report['alarms']['standing']), standing, f'{name}: alarms that stand')
-        case.equal([e[KIND] for e in events(case, flash, '--card', '1')][:len(wanted)], wanted, f'{name}: events')
-
-
 def a_killed_headend_keeps_its_history(case):
     """Whenever the process is ended by force, the history has all events up to some moment."""
     flash, before = case.flash(), 0
@@ -155,5 +134,4 @@ def each_event_is_followed_once(case, periods=21600 if harness.LONG else 100):
 
 if __name__ == '__main__':
     harness.main([each_condition_is_raised_and_recovers, a_card_that_hangs_delays_no_alarm,
-                  a_saved_status_bit_outlives_the_power_up,
                   a_killed_headend_keeps_its_history, each_event_is_followed_once])

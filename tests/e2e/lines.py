@@ -73,9 +73,3 @@ def i2c(case, file, bus):
             word += 'r' if 'read' in text else 'w'
         words += [word] if word else []
     return ' '.join(words).replace(f' {STOP} {START}', f' {STOP}\n{START}').split('\n')
-
-
-def three_wire_words(case, file, bus, bits):
-    """Words as an SPI decoder takes them, with the latch enable for its chip select; in hexadecimal."""
-    lines = {'clk': f'{bus}_clk', 'mosi': f'{bus}_dat', 'cs': f'{bus}_le'}
-    return decoded(case, file, 'spi', lines, {'wordsize': bits}, 'mosi-data:warnings')

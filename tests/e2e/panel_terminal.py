@@ -125,8 +125,7 @@ def keys_edit_and_the_screen_follows(case):
 
 
 # Signal, and to whom.
-ENDS = [(signal.SIGTERM, 'headend'), (signal.SIGINT, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM, 'panel'),
-        (signal.SIGKILL, 'headend')]
+ENDS = [(signal.SIGTERM, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM, 'panel'), (signal.SIGKILL, 'headend')]
 
 
 def a_terminal_is_left_as_it_was(case):

@@ -5,7 +5,7 @@ import os
 import re
 
 import harness
-from lines import changes, chosen, i2c, three_wire_words
+from lines import changes, chosen, i2c
 
 
 def traced(case, *lines, flags=()):
@@ -30,21 +30,6 @@ def each_i2c_bus_carries_its_set_up(case):
 
 def clock_writes(registers):
     return [f'[ 64w + {0x80 + register:02X} + {value:02X} + ]' for register, value in registers]
-
-
-# bus: bits of a word, the words of a start-up. The second oscillator is at 131840 steps of 12.5 kHz: B = 4120, A = 0.
-# 100.0 dBuV are 15.0 dB below the full level, and 1.0 dB more between 500 and 600 MHz: 32 half decibels.
-THREE_WIRE = {
-    'lo1': (24, [0x9F8096, 0x001040, 0x0AA501, 0x9F8092]),
-    'lo2_q1': (24, [0x9F8016, 0x001040, 0x101801, 0x9F8012]),
-    'att_q1': (6, [32]),
-}
-
-
-def oscillators_and_attenuator_get_their_words(case):
-    file = traced(case, *(f'{bus}_{line}' for bus in THREE_WIRE for line in ('clk', 'dat', 'le')))
-    for bus, (bits, words) in THREE_WIRE.items():
-        case.equal(three_wire_words(case, file, bus, bits), [f'{word:02X}' for word in words], bus)
 
 
 def order_of(found):
@@ -99,6 +84,5 @@ def files_and_patterns_that_cannot_be_used_are_refused(case):
     case.check(not os.path.exists(file), 'a wrong call has made a trace')
 
 
-harness.main([each_i2c_bus_carries_its_set_up, oscillators_and_attenuator_get_their_words, devices_are_set_up_in_order,
-              patterns_leave_a_part_of_the_trace,
+harness.main([each_i2c_bus_carries_its_set_up, devices_are_set_up_in_order, patterns_leave_a_part_of_the_trace,
               files_and_patterns_that_cannot_be_used_are_refused])

@@ -34,6 +34,12 @@ CALLS = """
 2 | --source 6=psi-small.ts@1 | 1000 to 1000000000
 2 | --source 1=psi-small.ts --card 1 | modulator card
 2 | --fault 6.1.input-lost | no such input
+2 | --trace t.vcd --trace-lines lo3_* | lo3_
+2 | --trace-lines lo1_* | --trace
+2 | --trace t.vcd --trace-lines slot2.nrst | slot2.nrst
+2 | --trace t.vcd --log t.vcd | --log
+1 | --trace missing/t.vcd | missing/t.vcd
+1 | --trace full | full
 1 | --flash nowhere | nowhere.*init-flash
 1 | --flash full.ts | full.ts
 1 | --init-flash --flash full.ts | full.ts

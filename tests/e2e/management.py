@@ -13,7 +13,8 @@ import harness
 from harness import (PACKET, PSI_INTERVAL, PSI_LOCK, PSI_PACKETS, READ, STATUS, TYPES, WRITE, Client, Server, chunk,
                      packed, section)
 
-MAP_LOCK, MAP_CHUNK, GET, CALL = 0x2101, 0x2102, 4, 10
+MAP_LOCK, MAP_CHUNK, GET, SET, CALL = 0x2101, 0x2102, 4, 5, 10
+NUMBER = struct.pack('>I', 600000)
 FAST = ('--fast', '--seconds', '10000000')
 SDT = packed(0x11, section(0x42, 5, b'\0\1\xff'))
 
@@ -78,6 +79,16 @@ RESULTS = {
     'unknown variable': (WRITE, 0x3103, 1, 1, b'', None, 2),
     'map that leads to a missing input': (WRITE, MAP_CHUNK, 1, 1, map_chunk(6, 3), None, 3),
     'length above the data': (WRITE, PSI_LOCK, 1, 1, bytes(4), 5, 22),
+    'setting': (SET, 30, 1, 1, NUMBER, None, 0),
+    'setting with three bytes': (SET, 30, 1, 1, NUMBER[:3], None, 22),
+    'reading with data': (GET, 30, 1, 1, NUMBER, None, 22),
+    'setting of a reading': (SET, 36, 1, 1, NUMBER, None, 0x105),
+    'setting of a reading that the card ignores': (SET, 43, 1, 1, NUMBER, None, 0x105),
+    'setting that would keep the semaphore': (SET, 51, 1, 1, NUMBER, None, 0x104),
+    'number without a variable': (GET, 46, 1, 1, b'', None, 0x104),
+    'number below all variables': (GET, 29, 1, 1, b'', None, 0x104),
+    'number above all variables': (SET, 53, 1, 1, NUMBER, None, 0x104),
+    'setting in an empty slot': (SET, 30, 2, 1, NUMBER, None, 21),
     'setting of a source card': (GET, 30, 6, 1, b'', None, 21),
     'debug routine of a source card': (CALL, 0, 6, 1, b'QamFpgaTest\0', None, 21),
 }

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cmath>
-#include <nlohmann/json.hpp>
 
 #include "card/QamCardPara.h"
 #include "card/QamFpga.h"

@@ -61,7 +61,7 @@ TEST(DriverFaults, OnI2cAtTheTemperatureSensor) {
 }
 
 TEST(DriverFaults, AtTheClockGenerator) {
-  constexpr u8 kByte = 0x80;  // access to a byte, not a block
+  static constexpr u8 kByte = 0x80;  // access to a byte, not a block
   const Row<I2cLines> rows[] = {
       {"", [](auto& m) { m.send(0x64, kByte | 1, 1), expect(!m.send(0x64) && m.send(0x65, 0)); }, "moved"},
       {"", [](auto& m) { expect(m.fetch(0x64, 49, 0x00)[0x15] == 0xED); }, "a block is read"},
@@ -95,6 +95,7 @@ struct Memory {
     for (unsigned i = 0; i < image.size(); ++i) image[i] = old(i);
     part.load(image);
   }
+  // NOLINTNEXTLINE(google-explicit-constructor): a driver takes it for its part
   operator headend::I2cSlave&() { return part; }
 };
 void writeHalf(I2cLines& m) {
@@ -127,7 +128,7 @@ TEST(DriverFaults, AtTheEeprom) {
 }
 
 TEST(DriverFaults, OnThreeLines) {
-  constexpr u32 kReference = 0x0000D0, kTestMode = 0x040000;  // words
+  static constexpr u32 kReference = 0x0000D0, kTestMode = 0x040000;  // words
   const Row<ThreeLines<headend::Synthesizer>> rows[] = {
       {"", [](auto& l) { l.send(kReference), l.send(kReference); }, "the least times"},
       {"lo_data_setup_short", [](auto& l) { --l.setup, l.send(kReference); }},
@@ -153,7 +154,7 @@ TEST(DriverFaults, AtTheAttenuator) {
 }
 
 TEST(DriverFaults, AtTheConverter) {
-  constexpr u8 kRead = 0x80, kTwoBytes = 0x20, kFourBytes = 0x60;  // of its instruction
+  static constexpr u8 kRead = 0x80, kTwoBytes = 0x20, kFourBytes = 0x60;  // of its instruction
   const Row<DacLines> rows[] = {
       {"", [](auto& d) { d.frame(kFourBytes | 11, 1, 2, 3, 4), d.holds(11, 1), d.holds(8, 4); }, "down"},
       {"", [](auto& d) { d.frame(8, 4), expect(d.frame(kRead | kTwoBytes | 9, 0, 0) == 4); }, "read"},

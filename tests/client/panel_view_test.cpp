@@ -2,6 +2,7 @@
 // there.
 #include "tools/panel/panel_view.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <clocale>

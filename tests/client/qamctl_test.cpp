@@ -126,7 +126,7 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
       expect(run("var get 1 30"), 1, part);
     }
     link_.after = [](Reply& reply) { reply.data = encodeValue(std::string("V\x1B[7m")); };
-    expectCalls({{"var get 1 49", 0, "V[7m\n"}, {"var get 1 49 --json", 0, "\"text\": \"V[7m\""}});
+    expectCalls({{"var get 1 49", 0, "V[7m\n"}, {"var get 1 49 --json", 0, R"("text": "V[7m")"}});
     link_.after = [&](Reply& reply) {
       if (link_.log.back().variable == 38) reply.result = kNotRunning;
     };

@@ -61,6 +61,9 @@ def a_lock_that_a_dead_client_left_is_named_and_broken_by_force(case):
                    'status never names the locked channel')
         case.qamctl(server.address, 'psi', 'load', '1.1', small, '--force')
         case.equal((client.request(READ, PSI_LOCK).data, client.read_interval('PMT')[1]), (bytes(4), 4), 'by force')
+        client.lock(1)
+        case.qamctl(server.address, 'psi', 'clear', '1.1', '--force')
+        case.equal(client.read_interval('PMT')[1], 0, 'packets after clearing by force')
 
 
 def map_chunk(slot, port):

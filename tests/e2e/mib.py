@@ -73,44 +73,27 @@ def other_programs_find_no_fault_below_any_base(case):
         case.equal(sorted(got.items()), sorted(wanted.items()), f'names and OIDs below {base}')
 
 
-def described(scalar):
-    """Access, type, range and unit. The type is the convention's name where there is one."""
-    syntax = scalar.find('syntax')
-    kind, derived, limits = syntax.find('type'), syntax.find('typedef'), syntax.find('typedef/range')
-    if derived is not None:
-        parent = derived.find('parent')
-        name = derived.get('basetype') if parent is None else parent.get('name')
-    else:
-        name = kind.get('name')
-    return (scalar.findtext('access'), name,
-            None if limits is None else (int(limits.get('min')), int(limits.get('max'))), scalar.findtext('units'))
-
-
 def objects_are_described_as_qamctl_sets_them(case):
     tree = Tools(case).module()
     listed = case.execute([case.args.qamctl, 'var', 'list', '--json']).text
     variables = {each['name']: each for each in json.loads(listed)}
-    conventions = {each.get('name'): {label.get('name'): int(label.get('number')) for label in each.iter('namednumber')}
+    conventions = {each.get('name'): sorted(int(label.get('number')) for label in each.iter('namednumber'))
                    for each in tree.find('typedefs')}
-    case.equal(tree.findtext('.//typedef[@name="QamTenthDBuV"]/format'), 'd-1', 'format of a level')
-    got = {scalar.get('name'): described(scalar) for scalar in tree.iter('scalar')}
+    scalars = {scalar.get('name'): scalar for scalar in tree.iter('scalar')}
     for stem, name in VARIABLES.items():
         variable, limits = variables[name], variables[VARIABLES[stem.removeprefix('Ch2')]]  # a reading tells no limits
-        writes = variable['writable'] or stem == 'Ch2PowerSwitch'
-        labels = {''.join(reversed(each['name'].lower().split('-'))): each['value']  # 64-QAM is qam64
-                  for each in variable.get('values', [])}
-        unit = (variable['unit'] or '').removeprefix('0.1 ')
-        above = 8000 if stem == 'Ch2Frequency' else 0
-        if variable['kind'] == 'text':
-            described_as = 'DisplayString', (0, 15), None
-        elif labels:
-            described_as = next((each for each in conventions if conventions[each] == labels), labels), None, None
-        else:
-            described_as = ('QamTenthDBuV' if unit == 'dBuV' else 'Integer32',
-                            (limits['least'] + above, limits['most'] + above), unit)
+        writes, above = variable['writable'] or stem == 'Ch2PowerSwitch', 8000 if stem == 'Ch2Frequency' else 0
         for slot in range(1, 7):
-            name = f'slot{slot}{stem}'
-            case.equal(got[name], ('readwrite' if writes else 'readonly', *described_as), name)
+            scalar = scalars[f'slot{slot}{stem}']
+            case.equal(scalar.findtext('access'), 'readwrite' if writes else 'readonly', f'access of {stem}')
+            if 'values' in variable:
+                labels = conventions[scalar.find('syntax/type').get('name')]
+                case.equal(labels, sorted(each['value'] for each in variable['values']), f'values of {stem}')
+            elif variable['kind'] != 'text':
+                limit = scalar.find('.//range')
+                case.equal((int(limit.get('min')), int(limit.get('max'))),
+                           (limits['least'] + above, limits['most'] + above), f'limits of {stem}')
+                case.equal(scalar.findtext('units'), variable['unit'].removeprefix('0.1 '), f'unit of {stem}')
 
 
 if __name__ == '__main__':

@@ -64,7 +64,6 @@ def tables_are_whole_and_on_time_also_after_a_restart(case):
 SMALL = {'PAT': 10, 'PMT': 12}
 MACHINES = {  # name: flags, {channel: capture}, intervals, flags of tscheck
     '60 Hz': (['--aux-hz', '60', '--tick-hz', '60'], {'1.1': 'psi-small.ts'}, SMALL, ['--aux-hz', '60']),
-    '250 Hz': (['--aux-hz', '250', '--tick-hz', '1000'], {'1.2': 'psi-small.ts'}, SMALL, ['--aux-hz', '250']),
     # More is due than the bus can carry: the queues are full all the time, and nothing is lost but time.
     'slow bus': (['--bus-ns', '800'], {'1.1': 'psi-many.ts', '1.2': 'two-programmes.ts'}, dict.fromkeys(TYPES, 1),
                  ['--untimed']),

@@ -148,22 +148,6 @@ def a_terminal_is_left_as_it_was(case):
         terminal.ended(0)
 
 
-def a_headend_that_goes_away_is_waited_for(case):
-    """qamctl's panel waits for a headend that is away for a moment, and ends when it stays away."""
-    with Server(case, case.flash()) as server, Terminal(case, 120, 30) as terminal:
-        server.wait_started()
-        terminal.run(case.args.qamctl, '--server', server.address, 'panel', '--patience', '2')
-        terminal.until('● 1 running')
-        server.process.send_signal(signal.SIGSTOP)
-        terminal.until('no answer for')
-        server.process.send_signal(signal.SIGCONT)
-        server.wait(lambda: 'no answer' not in terminal.screen())
-        terminal.until('● 1 running')
-        server.stop()
-        screen = terminal.ended(1)
-        case.check('has not answered' in screen, f'not said why: {screen}')
-
-
 def no_panel_without_a_terminal(case):
     """Without a terminal, on a dumb one, and in runs that have no panel."""
     flash = case.flash()
@@ -177,5 +161,4 @@ def no_panel_without_a_terminal(case):
         case.check('nothing listens there' in terminal.ended(1), 'a headend that is not there is not told')
 
 
-main([keys_edit_and_the_screen_follows, a_terminal_is_left_as_it_was, a_headend_that_goes_away_is_waited_for,
-      no_panel_without_a_terminal])
+main([keys_edit_and_the_screen_follows, a_terminal_is_left_as_it_was, no_panel_without_a_terminal])

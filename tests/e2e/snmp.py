@@ -147,7 +147,6 @@ WHO = {  # who: whether reading and setting a card are allowed
     'the write community': (CHANGE, True, True),
     'a wrong community': (('-v2c', '-c', 'Look'), False, False),
     'the trap community': (('-v2c', '-c', 'alarm'), False, False),
-    'SNMPv1': (('-v1', '-c', 'look'), False, False),
     'a reader with privacy': (v3('mon', 'authPriv', *MON_AUTH, *MON_PRIV), True, False),
     'a reader below his level': (v3('mon', 'authNoPriv', *MON_AUTH), False, False),
     'a reader with a wrong passphrase':
@@ -224,7 +223,6 @@ BAD = {  # bindings, of which the last is refused if nothing else is said: the e
     'a counter': ([(instance(1, 'Frequency'), (COUNTER, integer(474000)))], 'wrongType'),
     'a reading': ([(instance(1, 'Ch2Frequency'), I(482000))], 'notWritable'),
     'behind the instance': ([((*instance(1, 'Frequency'), 0), I(474000))], 'noCreation'),
-    'an empty slot': ([(instance(2, 'Frequency'), I(474000))], 'noCreation|notWritable'),
     'second of three':
         ([GOOD, (instance(1, 'Ch2Level'), I(1055)), (instance(1, 'Constellation'), I(7))], 'notWritable', 2),
     'third of three': ([GOOD, (instance(1, 'Constellation'), I(7)), (instance(1, 'Frequency'), S(b'x'))], 'wrongType'),

@@ -94,32 +94,6 @@ TEST_F(Alarms, TextsAreCutToTheirFieldsAtWholeCharactersAndGoOutInUtf8) {
   EXPECT_EQ(alarm.zhTrap, "\uFFFD!");
 }
 
-TEST_F(Alarms, ArePagedForADatagram) {
-  AlarmList::Texts texts = kFirst;
-  for (u8 port = 0; port < 100; ++port) {
-    texts.enTrap = port % 2 == 0 ? "" : "a text that is too long for the end of a page";
-    list_->add({2, port, 769}, texts);
-  }
-  client::Request request;
-  std::uint64_t from = 0;
-  std::size_t records = 0;
-  for (client::Bytes reply(9); reply.size() > 8;) {
-    request.data = client::alarmPage(from);
-    ASSERT_EQ(list_->answerAlarms(request, reply), client::kDone);
-    ASSERT_LE(reply.size(), 1400U);
-    ASSERT_EQ(client::pageFrom(std::span(reply).first(8)), 101U);
-    for (std::size_t at = 8; at < reply.size(); ++records) {
-      from = reply[at + 7] + 1U;
-      at += 24;
-      for (int i = 0; i < 6; ++i) at += reply[at] + 1U;
-    }
-  }
-  EXPECT_EQ(records, 100U);
-  request.data.pop_back();
-  client::Bytes reply;
-  EXPECT_EQ(list_->answerEvents(request, reply), client::kBadLength);
-}
-
 TEST_F(Alarms, OutliveAPowerUpAndEndWhereTheCardIsGone) {
   list_->add(kInput, kFirst);
   list_->add({4, 1, 771}, kSecond);

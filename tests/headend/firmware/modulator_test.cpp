@@ -279,31 +279,5 @@ TEST(FaultNames, AreAllTested) {
   }
 }
 
-// Under taskLock, in a reading: the reader is set aside with the semaphore, and who wants it is named.
-TEST(Faults, OfASensorsBusThatHangsLaterKeepTheVariablesAndNothingElse) {
-  const Scratch scratch;
-  headend::initFlash(scratch.path / "flash");
-  auto options = fastOptions(scratch.path, 20 * kSecond, {0});
-  options.psi.push_back({.channel = {0, 0}, .file = QAM_SAMPLES "/psi-small.ts", .at = 0});
-  options.faults.push_back({.slot = 0, .name = "sensor2-scl-low", .at = 3 * kSecond});
-  Headend headend(options);
-  headend.kernel().at(4 * kSecond, [&] {
-    headend.kernel().spawn("tReader", 150, [] { QamGetVar(0, 0, kVarTemperature2, nullptr); });
-    headend.kernel().spawn("tWaiter", 160, [] { QamGetVar(0, 0, kVarFrequency, nullptr); });
-  });
-  run(headend);
-  EXPECT_EQ(headend.state(0), Headend::CardState::kHung);
-  ASSERT_EQ(headend.parkedTasks().size(), 2U);
-  EXPECT_EQ(headend.parkedTasks()[0].task, "tStatus1");
-  EXPECT_EQ(headend.parkedTasks()[1].task, "tReader");
-  for (const Headend::ParkedTask& parked : headend.parkedTasks())
-    EXPECT_EQ(parked.reg, "slot 1 ext_ad7414_scl");
-  ASSERT_EQ(headend.longWaits().size(), 1U);
-  EXPECT_EQ(headend.longWaits()[0].task, "tWaiter");
-  EXPECT_EQ(headend.longWaits()[0].holder, "tReader");
-  EXPECT_EQ(headend.longWaits()[0].semaphore, "semQamVar");
-  EXPECT_GT(headend.card(0).output(0).counts().psi, 100U) << "the carousel goes on";
-}
-
 }  // namespace
 }  // namespace test

@@ -119,7 +119,7 @@ class ProgrammeTest : public test::CardTest {
     EXPECT_EQ(readMap(link_, kChannel).entries, asKept(map));
     EXPECT_TRUE(fs::is_empty(scratch_.path));
   }
-  // What is on the air names no PID that nobody routes there.
+  // What is on the air names no PID that is not routed there.
   void expectNoReferenceToNothing() {
     const ReadBack all = tables();
     if (all.locked) return;

@@ -35,7 +35,7 @@ class Qamctl : public test::CardTest, protected test::Program {
   std::vector<u32> sequences_;         // of requests
 
  private:
-  // The reply comes behind datagrams that nobody may take for it.
+  // The reply comes behind datagrams that must not be taken for it.
   std::vector<Bytes> answer(const Bytes& datagram) {
     const Request request = decodeRequest(datagram).value();
     sequences_.push_back(request.sequence);

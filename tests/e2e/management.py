@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""A running headend and its clients: qamctl, well-behaved ones, hostile ones, one that goes away, and the operator who
-ends it."""
+"""A running headend and its clients: qamctl, ones that send nonsense, one that goes away, and the
+operator who ends it."""
 import contextlib
 import os
 import random
@@ -115,7 +115,7 @@ def a_request_gets_its_result_once_however_often_it_is_repeated(case):
         case.equal(two.read_interval('SDT_C')[1], 2, 'packets after two chunks, one of which came three times')
 
 
-def datagrams_of_any_content_harm_nobody(case):
+def datagrams_of_any_content_harm_no_other_client(case):
     rng = random.Random(20)
     with running(case, '--source', f'6={case.sample("four-programmes-cbr.ts")}') as (server, client):
         client.lock(1, channel=2)
@@ -157,7 +157,7 @@ def a_request_that_starves_is_reported_with_who_kept_it_waiting(case):
             client.send(Client.datagram(READ, PSI_LOCK, 1, 1))
             return 'qam0PSISend' in server.text()
 
-        case.check(server.wait(asked_in_vain), f'nobody is named for the delay: {server.text()[-900:]}')
+        case.check(server.wait(asked_in_vain), f'no task is named for the delay: {server.text()[-900:]}')
         report = server.stop()
     case.equal(sorted(load['task'] for load in report['late_requests'][0]['load'] if 'PSISend' in load['task']),
                ['qam0PSISend0', 'qam0PSISend1'], f'tasks in {report["late_requests"][0]}')
@@ -188,6 +188,6 @@ def a_signal_ends_a_run_with_whole_packets_and_a_report(case):
 
 
 harness.main([what_qamctl_loads_is_shown_saved_and_sent, a_lock_that_a_dead_client_left_is_named_and_broken_by_force,
-              a_request_gets_its_result_once_however_often_it_is_repeated, datagrams_of_any_content_harm_nobody,
+              a_request_gets_its_result_once_however_often_it_is_repeated, datagrams_of_any_content_harm_no_other_client,
               a_request_that_starves_is_reported_with_who_kept_it_waiting,
               a_signal_ends_a_run_with_whole_packets_and_a_report])

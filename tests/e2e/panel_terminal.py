@@ -68,7 +68,7 @@ class Terminal:
     def left_clean(self):
         """The terminal is as it was before the command."""
         self.poll(lambda: self.modes() == CLEAN, 'the cursor is hidden, or the other screen is not left')
-        self.keys('Enter')  # whoever was killed has not waited for the shell's prompt, nor it for him
+        self.keys('Enter')  # a killed program has not waited for the shell's prompt
         self.type('clear; stty -g | diff - before && echo as before')
         self.until('^as before$')
         self.type('clear')

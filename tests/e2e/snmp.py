@@ -121,7 +121,7 @@ def a_walk_finds_all_cards_and_nothing_of_the_host(case):
         cards = [instance(slot, stem) for slot in range(1, 7) for stem in SUFFIX]
         case.equal([oid for oid in oids if within(oid, BASE)], cards, 'objects of the cards')
         case.equal([dotted(oid) for oid in oids if not any(within(oid, subtree) for subtree in SEEN)], [],
-                   'objects that nobody should see')
+                   'objects that should not be seen')
         case.equal([dotted(subtree) for subtree in SEEN if not any(within(oid, subtree) for oid in oids)], [],
                    'groups that are missing')
         host = os.uname()

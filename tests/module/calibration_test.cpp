@@ -79,7 +79,7 @@ TEST_F(Calibration, AnEepromThatDoesNotAnswerIsAskedAHundredTimesAndReadsOnes) {
   fake.forget();
   at24cxx_wr_byte(3, 0x55, 1);
   EXPECT_EQ(count("X24C16SDA?"), 2 * 200 + 100);
-  EXPECT_EQ(fake.log, Lines{}) << "nobody sleeps";
+  EXPECT_EQ(fake.log, Lines{}) << "no sleep";
 }
 
 TEST_F(Calibration, TheDacsPortWaitsBetweenItsEdges) {

@@ -66,7 +66,7 @@ struct FakeChassis {
   bool queuesToBeHad = true, socketsToBeHad = true, portsToBeHad = true;
   bool stopsAtChecks = false;                             // a failed check ends `runs`
   std::function<std::optional<u16>(u32 address)> onRead;  // a register's value; none: as written
-  std::deque<std::optional<Bytes>> datagrams;    // that come, from port 7; none: an error. Then nobody sends
+  std::deque<std::optional<Bytes>> datagrams;    // that come, from port 7; none: an error. Then no more come
   std::function<void(std::string_view)> onCall;  // "save", "malloc" or "delay", before it is carried out
   std::function<u8()> onKeyScan;                 // the key pressed
 
@@ -104,7 +104,7 @@ struct FakeChassis {
   Lines stepsOf(const std::function<void()>& routine) { return forget(), routine(), steps; }
   void forget() { log = steps = checks = {}; }
 
-  // Runs `body`; false when it ended in a failed check, or waiting for a message that nobody will send.
+  // Runs `body`; false when it ended in a failed check, or waiting for a message that never comes.
   bool runs(const std::function<void()>& body);
   [[noreturn]] void leave();
 

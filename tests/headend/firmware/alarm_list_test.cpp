@@ -132,10 +132,10 @@ TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
   EXPECT_LE(fs::file_size(file_), 20'000U * 352 + 8);
 }
 
-// What befell the file between two power-ups.
+// What happened to the file between two power-ups.
 struct Damage {
   const char* name;
-  void (*befall)(Bytes& file);
+  void (*change)(Bytes& file);
   std::size_t left;  // of three events
   const char* said;
   bool keptAside = true;
@@ -155,7 +155,7 @@ TEST_F(Alarms, GoOnAfterDamage) {
     powerUp();
     for (u8 port = 0; port < 3; ++port) list_->add({2, port, 769}, kFirst);
     Bytes bytes = readFile(file_);
-    row.befall(bytes);
+    row.change(bytes);
     writeFile(file_, bytes);
     powerUp();
     EXPECT_EQ(list_->history().size(), row.left);

@@ -253,7 +253,7 @@ TEST_P(Faults, ChangeWhatTheyShould) {
     EXPECT_EQ(headend.parkedTasks()[0].reg, fmt::format("slot 1 {}", row.hangsAt));
     return;
   }
-  // A clock that is stretched costs looks at it: 286 accesses without, some 1300 where nobody acknowledges.
+  // A clock that is stretched costs looks at it: 286 accesses without, some 1300 without an acknowledge.
   for (const auto& phase : headend.chassis().timeline(0).phases(now, 0)) {
     const bool isStretched = row.fault.ends_with("-stretch") && phase.name.ends_with(row.fault.substr(6, 1));
     if (phase.name.starts_with("temperature sensor")) {

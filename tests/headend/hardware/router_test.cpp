@@ -196,7 +196,7 @@ TEST(Router, DoesAsTheNaiveModelInAnyHistory) {
       now += static_cast<Nanos>(below(2'000'000));
       const std::size_t o = below(2);
       Multiplexer& output = h.outputs[o];
-      const u64 action = below(6);  // the highest: nobody looks
+      const u64 action = below(6);  // the highest: no check
       if (action == 0) {
         const auto& [slot, port] = House::kInputs[below(4)];
         const u64 index = below(2) * 244 + below(12), tooMuch = below(2) * 0xFFF800000000;

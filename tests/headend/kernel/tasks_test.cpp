@@ -200,7 +200,8 @@ TEST(Tasks, ThatPollForASecondAreParkedUntilTheRegisterChanges) {
 
 // ---- Clocks ----
 
-// Idle, and under a task whose every piece of work reaches over many ticks. The interrupts' time is nobody's.
+// Idle, and under a task whose every piece of work reaches over many ticks. The interrupts' time counts for
+// no task.
 TEST(Tasks, HearTheNthTickAtNTimesThePeriodHoweverLongTheRun) {
   for (const int hz : {1000, 100, 60, 7}) {
     for (const bool busy : {false, true}) {

@@ -36,7 +36,7 @@ class PanelView : public ::testing::Test {
       state_.alarms[i].zhTitle = "输入";
     }
   }
-  void expectLines(const Screen& screen, int y, std::initializer_list<const char*> lines) {
+  static void expectLines(const Screen& screen, int y, std::initializer_list<const char*> lines) {
     for (const char* line : lines) EXPECT_EQ(screen.line(y++), line);
   }
 

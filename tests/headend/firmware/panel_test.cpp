@@ -41,7 +41,7 @@ struct Drawing {
   std::string wanted;  // of row 1
 };
 
-TEST(PanelLcd, DrawsWhatFitsWhereItBelongs) {
+TEST(Panel, DrawsWhatFitsWhereItBelongs) {
   const std::string ka = "\xBF\xA8";  // 卡
   const std::vector<Drawing> drawings = {
       {"the last that fits", {{1, 112, 0, ka + "A"}}, "              卡"},
@@ -87,7 +87,7 @@ std::string hexOf(const client::Lcd& lcd, int x, int row, int width, bool invers
   return hex;
 }
 
-TEST(PanelLcd, EveryCharacterHasItsPixelsFromTheFont) {
+TEST(Panel, EveryCharacterHasItsPixelsFromTheFont) {
   std::map<std::string, std::string> font;  // by code, as the file has them
   std::ifstream file(QAM_FONT);
   for (std::string line; std::getline(file, line);)
@@ -114,7 +114,7 @@ TEST(PanelLcd, EveryCharacterHasItsPixelsFromTheFont) {
 
 // ---- The keys ----
 
-TEST(PanelKeys, PaceWhoeverScansThemAndEndAMenuThatNobodyUses) {
+TEST(Panel, PaceTheTaskThatScansThemAndEndAMenuThatIsNotUsed) {
   Rig rig(freeCalls());
   Keypad keys(rig.kernel);
   keys.timeout(kSecond);

@@ -69,7 +69,7 @@ struct Card {
   void insert(u64 number) { data(188, number), filler(); }
 };
 
-TEST(CardFpga, IsOnTheBusWithItsWindowAndItsPortAndNobodyElseAnswers) {
+TEST(CardFpga, IsOnTheBusWithItsWindowAndItsPortAndNoOtherAnswers) {
   constexpr u32 kFirst = 0x60000000, kLast = 0x60002000, kPorts = 0x300;
   Card card;
   card.load();

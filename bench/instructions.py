@@ -6,6 +6,7 @@ that runs here changes them, so this is a test too.
 Exit code: 0 when all ratios keep their limits, 1 when one does not or nothing could be counted, 2 for a wrong call,
 77 when valgrind is missing."""
 import argparse
+import concurrent.futures
 import json
 import os
 import re
@@ -125,10 +126,9 @@ def show_routed(rows):
     print(f'{"plain copy":34} {rows[0]:12,.0f}   {"ok" if flat(rows) else "not flat"}, at most {FLAT} wanted')
 
 
-def measure(modules, capture):
-    return {level: {'ratios': ratios(program, capture), 'ticks': ticks(program, capture),
-                    'status_pass': status_pass(program, capture)}
-            for level, program in modules.items()}
+def measured(program, capture):
+    return {'ratios': ratios(program, capture), 'ticks': ticks(program, capture),
+            'status_pass': status_pass(program, capture)}
 
 
 def kept(results):
@@ -162,8 +162,11 @@ def main():
         print('valgrind is missing: nothing counted. As root: apt-get install valgrind', file=sys.stderr)
         return SKIPPED
     try:
-        results = measure(dict(module.split('=', 1) for module in options.module), options.capture)
-        routed = routed_packets(options.multiplexer)
+        with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+            routing = pool.submit(routed_packets, options.multiplexer)
+            modules = dict(module.split('=', 1) for module in options.module)
+            counting = {level: pool.submit(measured, program, options.capture) for level, program in modules.items()}
+            results, routed = {level: each.result() for level, each in counting.items()}, routing.result()
     except (CannotCount, subprocess.TimeoutExpired) as error:
         print(error, file=sys.stderr)
         return 1

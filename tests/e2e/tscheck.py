@@ -18,9 +18,13 @@ def has_pcr(p):
     return p[3] & 0x20 and p[4] and p[5] & 0x10
 
 
+def places(out, pid, wanted=lambda p: True):
+    return [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)]
+
+
 def nth(out, n, pid, wanted=lambda p: True):
     """Where the n-th packet of a PID is that is wanted."""
-    return [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)][n]
+    return places(out, pid, wanted)[n]
 
 
 def recount(out, pid):
@@ -35,7 +39,8 @@ def recount(out, pid):
 def changed(pid, n, change, wanted=lambda p: True, count=1):
     """Some packets of a PID as `change` makes them, from the n-th on that is wanted."""
     def damage(out):
-        for i in [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)][n:][:count]:
+        where = places(out, pid, wanted)
+        for i in (where[k] for k in range(n, n + count)):
             out[i] = bytes(change(bytearray(out[i])))
     return damage
 
@@ -47,7 +52,7 @@ def flip(pid, n, at, bits, wanted=lambda p: True):
 def remove(pid, wanted, first=0, count=1, counted=True):
     """Null packets in place of some of the PID's packets; counted: the others are numbered anew."""
     def damage(out):
-        for i in [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)][first:first + count]:
+        for i in places(out, pid, wanted)[first:first + count]:
             out[i] = NULL
         if counted:
             recount(out, pid)
@@ -95,6 +100,11 @@ def moved_pcr(ticks):
         pcr = (value >> 15) * 300 + (value & 511) + ticks
         return p[:6] + (pcr // 300 << 15 | 0x7E00 | pcr % 300).to_bytes(6, 'big') + p[12:]
     return change
+
+
+def without_pcr(p):
+    p[5] &= ~0x10
+    return p
 
 
 def with_wrong_pts(p):
@@ -152,7 +162,7 @@ PROGRAMME_ROWS = {
     'a PCR is 1.5 us off': (changed(VIDEO, 30, moved_pcr(40), has_pcr), {'pcr', 'added'}),
     'a byte of the last pass is wrong': (flip(VIDEO, -5, 187, 1), {'pass'}),
     'a PTS is wrong': (changed(VIDEO, 5, with_wrong_pts, start), {'stamp'}),
-    'PCRs are missing': (changed(VIDEO, 5, lambda p: p[:5] + bytes([p[5] & ~0x10]) + p[6:], has_pcr, 4), {'pcr_interval', 'added'}),
+    'PCRs are missing': (changed(VIDEO, 5, without_pcr, has_pcr, 4), {'pcr_interval', 'added'}),
     'the PAT does not come for a second': (remove(0, start, first=5, count=3), {'repetition'}),
 }
 

@@ -25,10 +25,14 @@ TEST(CardStates, ASendTaskWithoutAReadyOutputHangsAloneAndIsNamedOnce) {
       EXPECT_EQ(headend.state(0), Headend::CardState::kRunning);
       for (const int slot : {0, 2}) EXPECT_GE(headend.card(slot).output(0).counts().psi, 100U);
       const std::string log = readText(scratch.path / "log");
+      EXPECT_NE(log.find("has polled"), std::string::npos);
       EXPECT_EQ(log.find("has polled"), log.rfind("has polled"));
       std::string hung;
-      if (headend.state(2) == Headend::CardState::kHung)
-        for (const Headend::ParkedTask& task : headend.parkedTasks()) hung += task.task + " at " + task.reg;
+      for (const Headend::ParkedTask& task : headend.parkedTasks()) {
+        EXPECT_TRUE(task.since >= 3 * kSecond && task.since <= 6 * kSecond) << task.since;
+        if (task.still) hung += task.task + " at " + task.reg;
+      }
+      EXPECT_EQ(headend.state(2), comesBack ? Headend::CardState::kRunning : Headend::CardState::kHung);
       return fmt::format("{}, exit code {}", hung, exitCode);
     });
     EXPECT_EQ(end, comesBack ? ", exit code 0" : "qam2PSISend1 at slot 3 PsiRdy1, exit code 1");

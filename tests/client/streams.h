@@ -8,15 +8,11 @@
 #include <vector>
 
 #include "client/psi_tables.h"
+#include "tests/headend/scratch.h"
 
 namespace test {
 
 using client::Bytes;
-
-inline Bytes operator+(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 inline Bytes bytesOf(const std::string& text) {
   return {text.begin(), text.end()};

@@ -6,7 +6,7 @@ import os
 import subprocess
 
 import harness
-from harness import RATE, RATE_DEN, RATE_NUM, STATUS, Client, Server, read
+from harness import RATE, STATUS, Client, Server, read
 
 LATENT = 13  # frames that the decoder still keeps when its stream goes silent
 FFMPEG = ['ffmpeg', '-nostdin', '-v', 'error']
@@ -25,7 +25,8 @@ def frames(path):
 
 
 def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
-    seconds, source, due_list, got_list = 120 if harness.LONG else 4, case.path('live.ts'), case.path('due'), case.path('got')
+    seconds = 120 if harness.LONG else 4
+    source, due_list, got_list = case.path('live.ts'), case.path('due'), case.path('got')
     case.execute([*FFMPEG, '-f', 'lavfi', '-i', 'testsrc=size=352x288:rate=25', '-f', 'lavfi', '-i', 'sine', '-t',
                   str(seconds), '-c:v', 'mpeg2video', '-b:v', '1M', '-c:a', 'mp2', '-metadata', 'service_name=Live',
                   source])

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""A running headend and its clients: qamctl, ones that send nonsense, one that goes away, and the
-operator who ends it."""
+"""A running headend and its clients: qamctl, clients that send nonsense, and one that ends while it holds a lock; and
+how an operator ends a run."""
 import contextlib
 import os
 import random
@@ -10,10 +10,10 @@ import socket
 import struct
 
 import harness
-from harness import (PACKET, PSI_INTERVAL, PSI_LOCK, PSI_PACKETS, READ, STATUS, TYPES, WRITE, Client, Server, chunk,
+from harness import (PACKET, PSI_INTERVAL, PSI_LOCK, PSI_PACKETS, READ, TYPES, WRITE, Client, Server, chunk,
                      packed, section)
 
-MAP_LOCK, MAP_CHUNK, GET, SET, CALL = 0x2101, 0x2102, 4, 5, 10
+MAP_CHUNK, GET, SET, CALL = 0x2102, 4, 5, 10
 NUMBER = struct.pack('>I', 600000)
 FAST = ('--fast', '--seconds', '10000000')
 SDT = packed(0x11, section(0x42, 5, b'\0\1\xff'))
@@ -188,6 +188,7 @@ def a_signal_ends_a_run_with_whole_packets_and_a_report(case):
 
 
 harness.main([what_qamctl_loads_is_shown_saved_and_sent, a_lock_that_a_dead_client_left_is_named_and_broken_by_force,
-              a_request_gets_its_result_once_however_often_it_is_repeated, datagrams_of_any_content_harm_no_other_client,
+              a_request_gets_its_result_once_however_often_it_is_repeated,
+              datagrams_of_any_content_harm_no_other_client,
               a_request_that_starves_is_reported_with_who_kept_it_waiting,
               a_signal_ends_a_run_with_whole_packets_and_a_report])

@@ -7,7 +7,7 @@ import shlex
 import signal
 import subprocess
 
-from harness import HANG_SECONDS, Server, main, poll
+from harness import HANG_SECONDS, main, poll
 
 CLEAN = '1 0'  # the cursor shows, the other screen is left
 
@@ -125,7 +125,8 @@ def keys_edit_and_the_screen_follows(case):
 
 
 # Signal, and to whom.
-ENDS = [(signal.SIGTERM, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM, 'panel'), (signal.SIGKILL, 'headend')]
+ENDS = [(signal.SIGTERM, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM, 'panel'),
+        (signal.SIGKILL, 'headend')]
 
 
 def a_terminal_is_left_as_it_was(case):

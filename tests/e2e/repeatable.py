@@ -17,8 +17,8 @@ def run(case, program):
         '--psi', f'5.2={case.sample("psi-full.ts")}', '--interval', '1.1.PMT=1', '--interval', '5.2.SDT_O=2',
         '--source', f'6={case.sample("two-programmes.ts")}', '--programme', '1.2=6.1:Harbour',
         *[word for channel, file in outs.items() for word in ('--out', f'{channel}={file}')],
-        '--log', os.path.join(folder, 'log'), '--trace', os.path.join(folder, 'trace'), '--bus-log', os.path.join(folder, 'bus'),
-        '--report', os.path.join(folder, 'report'), other=program)
+        *[word for name in ('log', 'trace', 'bus-log', 'report') for word in ('--' + name, os.path.join(folder, name))],
+        other=program)
     case.equal(done.code, 0, done.text)
     return harness.tree(folder)
 

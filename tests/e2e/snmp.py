@@ -238,7 +238,8 @@ def a_set_is_done_whole_or_refused_by_name(case):
             answer = agent.writer.set(*bindings)
             case.check(answer and re.fullmatch(error, answer.error), f'{what}: {answer}')
             case.equal(answer and answer.index, which[0] if which else len(bindings), f'{what}: which binding')
-        answer = Client(agent.snmp, 'change', 0.3, 1).set((instance(1, 'Frequency'), (INTEGER, integer(2 ** 32 + 474000))))
+        hasty = Client(agent.snmp, 'change', 0.3, 1)
+        answer = hasty.set((instance(1, 'Frequency'), (INTEGER, integer(2 ** 32 + 474000))))
         case.check(answer is None or answer.error != 'noError', f'an INTEGER of more than 32 bits: {answer}')
         case.equal(state(), before, 'records and readouts after all of them')
         both = agent.writer.set((instance(1, 'Level'), I(1055)), (instance(3, 'Constellation'), I(7)))
@@ -258,7 +259,8 @@ def a_storm_of_damaged_requests_leaves_all_as_it_was(case):
         for sent in range(count):
             packet = bytearray(chance.choice(requests))
             for _ in range(chance.choice((0, 1, 4))):
-                packet[chance.randrange(len(packet))] = chance.choice((0, 2, 6, 0x7F, 0x82, 0xFF, chance.randrange(256)))
+                value = chance.choice((0, 2, 6, 0x7F, 0x82, 0xFF, chance.randrange(256)))
+                packet[chance.randrange(len(packet))] = value
             hostile.socket.send(packet[:chance.choice((None, None, -1, 20))])
             if sent % 50 == 0:
                 case.equal(agent.reader.value(SYS_NAME), 'headend', f'the manager after {sent} packets')

@@ -11,12 +11,15 @@ START, REPEATED, STOP, ACK, NACK = '[ [[ ] + -'.split()
 I2C = {'Start': START, 'Start repeat': REPEATED, 'Stop': STOP, 'ACK': ACK, 'NACK': NACK, 'Write': None, 'Read': None}
 
 
+def chosen(patterns):
+    return [word for pattern in patterns for word in ('--trace-lines', pattern)]
+
+
 def traced(case, *patterns):
     """The trace file of a default start-up of card 1, with a calibration in its EEPROM."""
     flash, file = case.flash(f'flash{case.runs}'), case.path('trace.vcd')
     harness.write(eeprom(flash), MINE + b'\xff' * 2035)
-    flags = [word for pattern in patterns for word in ('--trace-lines', pattern)]
-    case.card(case.fast(flash, 1, '--trace', file, *flags), 1)
+    case.card(case.fast(flash, 1, '--trace', file, *chosen(patterns)), 1)
     return file
 
 
@@ -61,8 +64,7 @@ def eeprom_and_dac_are_read_at_the_start_and_written_in_a_calibration(case):
     file, live = traced(case, *lines), case.path('live.vcd')
     case.equal(eeprom_operations(case, file), [read_of(n, MINE) for n in range(13)], 'EEPROM in a start-up')
     case.equal(dac_bytes(case, file), [byte for n in range(13) for byte in (n, MINE[n])], 'DAC in a start-up')
-    flags = [word for pattern in lines for word in ('--trace-lines', pattern)]
-    with Service(case, case.flash(), '--eeprom-cycle', '1=10', '--trace', live, *flags) as service:
+    with Service(case, case.flash(), '--eeprom-cycle', '1=10', '--trace', live, *chosen(lines)) as service:
         service.wait_started(1)
         service.socat(b'\2\0' + THEIRS)
         report = service.stop()
@@ -95,10 +97,11 @@ def devices_are_set_up_in_order(case):
     text = harness.read(traced(case)).decode('ascii')
     names = dict(re.findall(r'(?m)^\$var wire \d+ (\S+) (\S+) \$end$', text))
     changed = [names[code] for code in re.findall(r'(?m)^(?:[01]|b\d+ )(\S+)$', text)[len(names):]]
-    bus = re.compile(r'^(cdce925|ad9775_1|ad7414|ext_ad7414|lo1|lo2_q1|att_q1|rf_off|pkt_len|oport_num|X24C16).*')
-    order = dict.fromkeys(bus.sub(r'\1', name) for name in changed if not name.startswith('Psi'))
-    case.equal(list(order), ['nrst', 'cdce925', 'ad9775_1', 'X24C16', 'ad7414', 'ext_ad7414', 'qam_mode', 'rf_off',
-                             'pkt_len', 'oport_num', 'power', 'lo1', 'q1_12v_ctrl', 'lo2_q1', 'att_q1'], 'first changes')
+    device = re.compile(r'^(cdce925|ad9775_1|ad7414|ext_ad7414|lo1|lo2_q1|att_q1|rf_off|pkt_len|oport_num|X24C16).*')
+    order = dict.fromkeys(device.sub(r'\1', name) for name in changed if not name.startswith('Psi'))
+    wanted = ['nrst', 'cdce925', 'ad9775_1', 'X24C16', 'ad7414', 'ext_ad7414', 'qam_mode', 'rf_off', 'pkt_len',
+              'oport_num', 'power', 'lo1', 'q1_12v_ctrl', 'lo2_q1', 'att_q1']
+    case.equal(list(order), wanted, 'order of first changes')
     starts = {'cdce925': ['_sda', '_scl', '_s0'], 'ad7414': ['_sda', '_scl'], 'ext_ad7414': ['_sda', '_scl'],
               'X24C16': ['SDA', 'SCL']}
     for bus, lines in starts.items():

@@ -1,4 +1,4 @@
-// A folder of a test's own, gone when the test is over.
+// A folder of a test's own, gone when the test is over, files in it and their bytes.
 #pragma once
 
 #include <unistd.h>
@@ -17,6 +17,12 @@ namespace test {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<u8>;
+
+template <class T>
+std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
 
 class Scratch {
  public:

@@ -35,12 +35,6 @@ namespace test {
 
 using Lines = std::vector<std::string>;
 
-template <class T>
-std::vector<T> operator+(std::vector<T> a, const std::vector<T>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
 inline constexpr u32 kWindows = 0x60000000;           // the cards' windows on the bus
 inline constexpr u32 kMainBoard = kWindows + 0x2200;  // where the main board's FPGA answers here
 

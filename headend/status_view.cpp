@@ -110,38 +110,36 @@ std::string StatusView::table() {
   std::string text =
       fmt::format("virtual time {:.1f} s, management {}\n",
                   static_cast<double>(headend_.kernel().now()) / 1e9, headend_.managementAddress());
-  const auto out = std::back_inserter(text);
   for (const int slot : headend_.options().slots) {
-    fmt::format_to(out, "card {}: {}\n", slot + 1, stateName(headend_.state(slot)));
+    text += fmt::format("card {}: {}\n", slot + 1, stateName(headend_.state(slot)));
     for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
       const Multiplexer& output = headend_.card(slot).output(static_cast<std::size_t>(port));
       const RateMeter::Rates& rates = headend_.rates().output(slot, port);
-      fmt::format_to(
-          out,
+      text += fmt::format(
           "  {}.{}  input {:>10.0f}  routed {:>10.0f}  PSI {:>8.0f}  null {:>10.0f}  total {:>10.0f} bit/s",
           slot + 1, port + 1, rates.input, rates.routed, rates.psi, rates.null, output.rate().perSecond());
-      if (output.counts().dropped > 0) fmt::format_to(out, "  dropped {}", output.counts().dropped);
+      if (output.counts().dropped > 0) text += fmt::format("  dropped {}", output.counts().dropped);
       if (headend_.router().inputLost(slot, port, headend_.kernel().now())) text += "  input lost";
       text += lockNote(slot, port);
       text += '\n';
-      fmt::format_to(out, "       {}\n",
-                     rfLine(headend_.card(slot).rf(static_cast<std::size_t>(port), headend_.kernel().now())));
+      text += fmt::format("       {}\n", rfLine(headend_.card(slot).rf(static_cast<std::size_t>(port),
+                                                                       headend_.kernel().now())));
     }
   }
   for (const int slot : headend_.sources().slots()) {
-    fmt::format_to(out, "source card {}:\n", slot + 1);
+    text += fmt::format("source card {}:\n", slot + 1);
     for (std::size_t input = 0; input < headend_.sources().inputs(slot); ++input) {
-      fmt::format_to(out, "  {}.{}  {:10.0f} bit/s  {}\n", slot + 1, input + 1,
-                     headend_.rates().input(slot, static_cast<int>(input)),
-                     headend_.sources().nameOf(slot, input));
+      text += fmt::format("  {}.{}  {:10.0f} bit/s  {}\n", slot + 1, input + 1,
+                          headend_.rates().input(slot, static_cast<int>(input)),
+                          headend_.sources().nameOf(slot, input));
     }
   }
   text += alarmLine();
   if (!headend_.assertionFailures().empty()) {
-    fmt::format_to(out, "failed checks: {}\n", headend_.assertionFailures().size());
+    text += fmt::format("failed checks: {}\n", headend_.assertionFailures().size());
   }
   for (const auto& [kind, count] : headend_.violations().counts())
-    fmt::format_to(out, "violation {}: {}\n", kind, count);
+    text += fmt::format("violation {}: {}\n", kind, count);
   return text + "Ctrl-C ends it.\n";
 }
 

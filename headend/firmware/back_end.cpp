@@ -235,8 +235,7 @@ void BackEnd::reportLate(std::uint64_t number, Nanos arrived) {
 
   std::string load;
   for (const auto& [name, took] : late.load) {
-    fmt::format_to(std::back_inserter(load), "{}{} {} %", load.empty() ? "" : ", ", name,
-                   took * 100 / kSecond);
+    load += fmt::format("{}{} {} %", load.empty() ? "" : ", ", name, took * 100 / kSecond);
   }
   log_.line(kernel_.now(), "headend",
             fmt::format("a back-end request has waited for a second; meanwhile ran: {}", load));

@@ -36,8 +36,12 @@ void writeThrough(const std::string& path, const std::string& text) {
 void writeReport(const std::string& path, const std::string& text) {
   namespace fs = std::filesystem;
   std::error_code error;
-  const fs::path target = fs::is_symlink(path, error) ? fs::weakly_canonical(path, error) : fs::path(path);
+  fs::path target = path;
   try {
+    for (int links = 0; fs::is_symlink(target, error); ++links) {  // where it leads, be there a file or none
+      if (links == 40) throw std::system_error(ELOOP, std::generic_category());
+      target = target.parent_path() / fs::read_symlink(target);
+    }
     if (fs::exists(target, error) && !fs::is_regular_file(target, error))
       return writeThrough(target.string(), text);
     client::replaceFile(target, target.string() + ".new",

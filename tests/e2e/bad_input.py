@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """Wrong calls, bad files and full disks: each gives a clear message and a defined result, and keeps what was there."""
+import json
 import os
 import resource
 import shutil
@@ -45,6 +46,7 @@ CALLS = """
 1 | --psi 1.1=psi-too-many.ts | psi-too-many.ts.*(512|255)
 0 | --psi 1.1=broken.ts | CRC
 0 | --report linked | cfg ok
+0 | --report linked --card 2 | cfg ok
 1 | --out 1.1=missing/out.ts | missing/out.ts
 1 | --out 1.1=/dev/full | /dev/full
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
@@ -66,7 +68,7 @@ def inputs(case):
         os.symlink(case.sample(name), case.path(name))
     rows = [(6, 1, pid, pid) for pid in range(32, 289)]
     whole = read(case.sample('two-programmes.ts'))
-    files = {'report.json': b'', 'full.ts': b'mine',
+    files = {'full.ts': b'mine',
              '204.ts': b''.join(packet + bytes(16) for packet in packets_of(whole)),
              '256.csv': pid_map(*rows[:256]), '257.csv': pid_map(*rows), 'slot4.csv': pid_map((4, 1, 768, 1024))}
     for name, content in files.items():
@@ -93,7 +95,7 @@ def a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing(ca
                 case.equal(changed, [], f'files that {flags} has changed')
             shutil.rmtree(case.path('flash'))
     case.check(os.path.islink(case.path('full')) and os.path.islink(case.path('linked')), 'a report replaced a link')
-    case.check(read(case.path('report.json')), 'no report where the link leads')
+    case.equal(json.loads(read(case.path('report.json')))['cards'][0]['slot'], 2, 'the report where the link leads')
     case.check(not os.path.exists(case.path('missing')), 'a folder was made for an output')
     flags = [word.split()[0] for line in CALLS for word in f' {line}'.split(' --')[1:]]
     known = case.execute([case.args.headend, '--help']).text

@@ -2,6 +2,7 @@
 """A running headend and its clients: qamctl, clients that send nonsense, and one that ends while it holds a lock; and
 how an operator ends a run."""
 import contextlib
+import json
 import os
 import random
 import re
@@ -34,6 +35,8 @@ def what_qamctl_loads_is_shown_saved_and_sent(case):
         case.qamctl(server.address, 'psi', 'load', '5.2', many, '--interval', 'SDT_O=40', '--interval', 'PAT=100')
         shown = case.qamctl(server.address, 'psi', 'show', '5.2', '--save', saved)
         case.says(shown, 'Service 60', 'SDT_O', r'\b40\b', r'\b100\b', r'\b300\b', r'\b200\b')  # 5 sections of 40
+        found = json.loads(case.qamctl(server.address, 'psi', 'search', '5.2', '0x11', 'SDT_O', '--json').text)
+        case.equal([(row['table'], row['crc_good']) for row in found], [('SDT_O', True)] * 5, 'sections in the output')
         case.qamctl(server.address, 'psi', 'interval', '5.2', 'BAT=77')
         case.qamctl(server.address, 'psi', 'load', '5.2', saved)
         case.equal([client.read_interval(table, 5, 2) for table in ('BAT', 'PAT', 'PMT')],

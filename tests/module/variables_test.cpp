@@ -82,17 +82,6 @@ TEST_F(Variables, SettingsGoToTheHardwareAndAreSavedOnce) {
   expectDone(35, 0x10000, 0, {"power=0"}, {"power=0"});
 }
 
-TEST_F(Variables, EveryStoredSymbolRateGetsItsClock) {
-  for (u32 kBd = 5000; kBd <= 7000; kBd += 125) {
-    if (kBd != record->qam_para.symbolrate) QamSetVar(2, 0, 32, kBd);
-    fake.now += headend::kSecond;
-    const auto clock = board.clockGenerator().y3(fake.now);
-    EXPECT_NEAR(clock.hz.value_or(0), 8000.0 * kBd, 1) << kBd << clock.why;
-  }
-  EXPECT_EQ(board.clockGenerator().reg(0x02), 0x14) << "Y1 is off";
-  EXPECT_EQ(board.clockGenerator().reg(0x24), 0xE5) << "Y4 and Y5 are off";
-}
-
 TEST_F(Variables, WhatCannotBeSetIsRefusedAndSomeCallsKeepTheSemaphore) {
   const Bytes before(reinterpret_cast<const u8*>(record), reinterpret_cast<const u8*>(record + 1));
   const Lines lets{"take", "give"};

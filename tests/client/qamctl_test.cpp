@@ -62,24 +62,40 @@ class Qamctl : public test::CardTest, protected test::Program {
 
 TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
   const std::string beyond = file("beyond.ts");
+  const std::string saved = file("saved.ts");
+  const std::string small = sample("psi-small.ts");
   chassis_.drive([&] {
-    expectCalls({{"psi load 1.2 " + sample("psi-eit.ts") + " --interval PAT=50", 0, "EIT"},
+    expectCalls({{"psi load 1.2 " + sample("psi-eit.ts") + " --interval BAT=60 --interval PAT=50", 0, "EIT"},
                  {"psi show 1.2", 0, "50 ticks (50 ms)"},
+                 {"psi show 1.2 --save " + saved, 0, "60 ticks"},
+                 {"psi interval 1.2 BAT=77", 0, ""},
+                 {"psi show 1.2", 0, "77 ticks"},
                  {"psi show 1.2 --json", 0, "\"interval_ms\": 50.0"},
                  {"psi show 1.2 >/dev/full", 1, ""},
                  {"psi show 1.1 --save " + beyond, 1, "stores no packets"},
-                 {"psi load 1.2 " + sample("psi-full.ts"), 0, "503 packets"},
+                 {"psi load 1.1 " + saved, 0, ""}});
+    EXPECT_EQ(test::sectionsIn(tables({0, 0})), test::sectionsIn(tables()));
+    expectCalls({{"psi load 1.2 " + sample("psi-full.ts"), 0, "503 packets"},
                  {"psi load 1.1 " + sample("broken.ts"), 0, "byte 56400 (188 skipped)"},
                  {"psi load 1.1 " + sample("not-a-stream.ts"), 1, "no transport stream"},
                  {"psi load 1.1 " + file("absent.ts"), 1, "No such file"},
-                 {"psi load 2.1 " + sample("psi-small.ts"), 1, "no card in this slot"}});
+                 {"psi load 2.1 " + small, 1, "no card in this slot"}});
     upload(link_, {0, 1}, planUpload(test::onePacketSections(0x46, 0x11, 300)), {});
     expectCalls({{"psi show 1.2", 0, "SDT_O: 38 packets beyond"},
                  {"psi show 1.2", 0, "version 0: extension 7: cannot be decoded"},
                  {"psi show 1.2 --save " + beyond, 1, "38 packets cannot be read"}});
-    ChannelVariables(link_, {0, 1}).setLock(true);
-    expectCalls(
-        {{"psi show 1.2 --save " + beyond, 1, "the channel is locked"}, {"psi clear 1.2", 1, "--force"}});
+    ChannelVariables channel(link_, {0, 1});
+    channel.setLock(true);
+    link_.wait(std::chrono::seconds(11));
+    expectCalls({{"psi show 1.2 --save " + beyond, 1, "the channel is locked"},
+                 {"status", 0, "LOCKED for 11 s"},
+                 {"psi clear 1.2", 1, "--force"},
+                 {"psi load 1.2 " + small, 1, "--force"},
+                 {"psi load 1.2 " + small + " --force", 0, "packets"}});
+    EXPECT_TRUE(!channel.locked() && tables().read() > 0);
+    channel.setLock(true);
+    expectCalls({{"psi clear 1.2 --force", 0, ""}});
+    EXPECT_TRUE(!channel.locked() && tables().read() == 0);
   });
   EXPECT_FALSE(fs::exists(beyond));
 }
@@ -87,6 +103,7 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
 TEST_F(Qamctl, ReadsAndSetsVariables) {
   chassis_.drive([&] {
     chassis_.board().sensor(1).temperature(-55, chassis_.now());
+    chassis_.board().sensor(2).temperature(-1, chassis_.now());
     link_.wait(std::chrono::seconds(2));
     const char* const all = "rfreq, rflevel, symbolrate, qammode, rfswitch and power can";
     expectCalls({{"var list", 0, "950 to 1150 in steps of 5"},
@@ -102,9 +119,11 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
                  {"var set 1 51 1", 2, "no variable"},
                  {"var set 1 rfreq2 562000", 2, all},
                  {"var set 1 32 6900", 0, "clock table"},
-                 {"var get 1 rfreq 31 qammode2 47 49", 0,
+                 {"var get 1 36", 0, "Kb/s\n"},
+                 {"var get 1 rfreq 31 qammode2 47 temperature2 49", 0,
                   "30  rfreq            1000000 kHz\n31  rflevel          950 (95.0 dBuV)\n"
                   "41  qammode2         5 (64-QAM)\n47  temperature1     -55 deg C\n"
+                  "48  temperature2     -1 deg C\n"
                   "49  software_version V2.1.05A\n"},
                  {"var get 1 --json", 0, R"("value": -55)"},
                  {"var set 2 rfreq 600000", 1, "setting rfreq of the card in slot 2 was refused: no card"}});

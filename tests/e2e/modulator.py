@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
 """Settings from an operator to the RF connector, to the flash, and through a restart."""
-import json
 import os
 import struct
 
 import harness
-from harness import Server, record_file
+from harness import record_file
 
 # name: (value, what the RF output then shows, offset and format of the field in the record)
 SETTINGS = {
@@ -28,9 +27,8 @@ def rf_shows(case, run, wanted, what):
         rf = entry['rf']
         for key, value in wanted.items():
             due = value + 8000 * channel if key == 'frequency_khz' else value
-            ok = abs(rf[key] - due) < 0.01 if isinstance(due, (int, float)) and not isinstance(due, bool) and \
-                rf[key] is not None else rf[key] == due
-            case.check(ok, f'{what}: {key} of channel {channel + 1} is {rf[key]}, not {due} ({rf["why"]})')
+            got = round(rf[key], 2) if isinstance(rf[key], float) else rf[key]
+            case.equal(got, due, f'{what}: {key} of channel {channel + 1} ({rf["why"]})')
 
 
 def settings_are_on_the_air_and_survive_a_restart(case):
@@ -51,23 +49,8 @@ def settings_are_on_the_air_and_survive_a_restart(case):
         case.clean(run)
         rf_shows(case, run, wanted, f'with {given}')
         case.equal(case.card(run, 1)['saves'], saves, f'saves with {given}')
+        case.equal(run.report['semaphore_waits'], [], f'waits with {given}')
         case.check(harness.read(file) == bytes(due), 'the record is not the default with these fields')
 
 
-def qamctl_sets_a_running_card(case):
-    """The same over the management socket, while the card runs."""
-    with Server(case, case.flash(), '--card', '1', '--set', '1.temperature1=-5', '--fault', '1.sensor2-absent') as server:
-        server.wait_started(1)
-        case.says(case.qamctl(server.address, 'rf'), 'on air', '554', '562', '64-QAM')
-        for name, (value, shown, _, _) in SETTINGS.items():
-            case.qamctl(server.address, 'var', 'set', '1', name, str(value))
-            rf = json.loads(case.qamctl(server.address, 'rf', '1', '--json').text)
-            case.equal({key: rf[0][key] for key in shown}, shown, name)
-        case.says(case.qamctl(server.address, 'var', 'get', '1', 'rfreq2', 'temperature1', '48', '36', 'fpga_version'),
-                  '482000', '-5', '-1', r'\d+Kb/s', r'V2\.1\.05')
-        report = server.stop()
-    case.equal(report['protocol_violations'], {}, 'violations')
-    case.equal(report['semaphore_waits'], [], 'waits')
-
-
-harness.main([settings_are_on_the_air_and_survive_a_restart, qamctl_sets_a_running_card])
+harness.main([settings_are_on_the_air_and_survive_a_restart])

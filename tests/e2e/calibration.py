@@ -18,14 +18,11 @@ class Service(Server):
     def __init__(self, case, flash, *args):
         super().__init__(case, flash, '--calibration', '127.0.0.1:0', *args)
 
-    def calibration_address(self):
-        self.wait(lambda: re.search(r'calibration on (\S+)', self.text()))
-        return re.search(r'calibration on (\S+)', self.text()).group(1)
-
     def socat(self, request):
         """What comes back in a second and a half for these bytes."""
-        return subprocess.run(['socat', '-t', '1.5', '-', 'UDP:' + self.calibration_address()], input=request,
-                              capture_output=True, check=True, timeout=60).stdout
+        address = self.wait(lambda: re.search(r'calibration on (\S+)', self.text())).group(1)
+        return subprocess.run(['socat', '-t', '1.5', '-', 'UDP:' + address], input=request, capture_output=True,
+                              check=True, timeout=60).stdout
 
 
 def eeprom(flash):

@@ -22,11 +22,6 @@ def places(out, pid, wanted=lambda p: True):
     return [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)]
 
 
-def nth(out, n, pid, wanted=lambda p: True):
-    """Where the n-th packet of a PID is that is wanted."""
-    return places(out, pid, wanted)[n]
-
-
 def recount(out, pid):
     """The continuity counter as it would be without the damage."""
     count = 0
@@ -62,7 +57,7 @@ def remove(pid, wanted, first=0, count=1, counted=True):
 def move(pid, n, ticks, wanted=lambda p: True):
     """A packet leaves so much later."""
     def damage(out):
-        i = nth(out, n, pid, wanted)
+        i = places(out, pid, wanted)[n]
         to = next(k for k in range(i + ticks * TICKS, len(out)) if pid_of(out[k]) == NULL_PID)
         out[i], out[to] = NULL, out[i]
     return damage
@@ -70,7 +65,7 @@ def move(pid, n, ticks, wanted=lambda p: True):
 
 def swap(pid, other, n):
     def damage(out):
-        a, b = nth(out, n, pid), nth(out, n, other)
+        a, b = places(out, pid)[n], places(out, other)[n]
         out[a], out[b] = out[b], out[a]
         recount(out, pid)
         recount(out, other)
@@ -88,7 +83,7 @@ def with_other_version(p):
 def repeat(pid, times):
     """A packet comes again, in place of the null packets behind it."""
     def damage(out):
-        i = next(i for i in range(nth(out, 200, pid), len(out)) if pid_of(out[i]) == pid and out[i][3] & 0x10 and
+        i = next(i for i in range(places(out, pid)[200], len(out)) if pid_of(out[i]) == pid and out[i][3] & 0x10 and
                  all(pid_of(p) == NULL_PID for p in out[i + 1:i + 1 + times]))
         out[i + 1:i + 1 + times] = [out[i]] * times
     return damage
@@ -115,7 +110,7 @@ def with_wrong_pts(p):
 def jump(pid, announced):
     """From a packet on the counter is 5 ahead."""
     def damage(out):
-        first = nth(out, 20, pid, has_pcr)
+        first = places(out, pid, has_pcr)[20]
         out[first:] = [p[:3] + bytes([p[3] & 0xF0 | (p[3] + 5) & 15]) + p[4:] if pid_of(p) == pid else p
                        for p in out[first:]]
         out[first] = out[first][:5] + bytes([out[first][5] | 0x80 * announced]) + out[first][6:]

@@ -26,7 +26,7 @@ Registers randomRegisters(std::mt19937& random) {
 // Every edge of one calibration write is a point at which the power may go; each is a history of its own,
 // forked from here. A short slice of them without QAM_LONG.
 TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
-  const bool all = std::getenv("QAM_LONG") != nullptr;
+  const std::uint64_t step = std::getenv("QAM_LONG") != nullptr ? 1 : 41;
   std::mt19937 random(11);
   const Registers before = randomRegisters(random);
   const Registers after = randomRegisters(random);
@@ -41,12 +41,10 @@ TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
   bench.drive([&] {
     write(before);
     const std::uint64_t first = bench.board().calibrationEdges() + 1;
-    const std::string edges = inChild([&] {
+    points = std::stoull(inChild([&] {
       write(after);
       return std::to_string(bench.board().calibrationEdges() - first + 1);
-    });
-    points = std::stoull(edges);
-    const std::uint64_t step = all ? 1 : 41;
+    }));
     for (std::uint64_t point = 1; point <= points; point += step) {
       const std::string found = inChild([&] {
         Registers left{};

@@ -47,6 +47,7 @@ TEST(Interrupt, EndsTheRunWhenItAsksForWhatOnlyATaskMayHave) {
       {"semTake", [](u8) { os::semTake(it.binary, os::WAIT_FOREVER); }},
       {"semGive of a mutex", [](u8) { os::semGive(it.mutex); }},
       {"a counting loop", [](u8) { os::countingLoop(20); }},
+      {"sendto", [](u8) { it.headend->backEnd().socket().send({}, {}); }},
       {"recvfrom", [](u8) { it.headend->backEnd().socket().receive(1); }},
   };
   for (const auto& [service, act] : rows) {

@@ -33,7 +33,7 @@ def bytes_written_outlive_a_kill(case):
     """socat writes and reads; the headend is killed, and the next one loads what was written."""
     flash = case.flash()
     with Service(case, flash) as service:
-        service.wait_started(1)
+        service.wait_started()
         case.equal(service.socat(b'\1\0'), b'\1\0' + BLANK, 'a blank card')
         case.equal(service.socat(b'\2\0' + MINE), b'', 'reply to a write')
         case.equal(service.socat(b'\1\0 and whatever follows'), b'\1\0' + MINE, 'after a write')

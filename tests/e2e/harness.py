@@ -200,10 +200,10 @@ class Server:
     def wait(self, condition):
         return poll(condition, lambda: self.process.poll() is not None)
 
-    def wait_started(self, slot=1):
+    def wait_started(self):
         client = Client(self.port)
-        return self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK, slot).result != NOT_STARTED),
-                               f'slot {slot} does not start: {self.text()[-600:]}')
+        return self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK).result != NOT_STARTED),
+                               f'slot 1 does not start: {self.text()[-600:]}')
 
     def stop(self, signum=signal.SIGTERM, code=0):
         if self.process.poll() is None:
@@ -277,14 +277,14 @@ class Client:
     def write(self, variable, data, slot=1, channel=1):
         return self.request(WRITE, variable, slot, channel, data).result
 
-    def lock(self, on, slot=1, channel=1):
-        return self.write(PSI_LOCK, struct.pack('>I', on), slot, channel)
+    def lock(self, on, channel=1):
+        return self.write(PSI_LOCK, struct.pack('>I', on), 1, channel)
 
-    def interval(self, table, ticks, slot=1, channel=1):
-        return self.write(PSI_INTERVAL, struct.pack('>B3xII', TYPES[table][1], ticks, 0), slot, channel)
+    def interval(self, table, ticks):
+        return self.write(PSI_INTERVAL, struct.pack('>B3xII', TYPES[table][1], ticks, 0))
 
-    def read_interval(self, table, slot=1, channel=1):
-        data = self.request(READ, PSI_INTERVAL, slot, channel, struct.pack('>B3x', TYPES[table][1])).data
+    def read_interval(self, table):
+        data = self.request(READ, PSI_INTERVAL, data=struct.pack('>B3x', TYPES[table][1])).data
         return struct.unpack('>4xII', data)
 
 

@@ -65,7 +65,7 @@ def eeprom_and_dac_are_read_at_the_start_and_written_in_a_calibration(case):
     case.equal(eeprom_operations(case, file), [read_of(n, MINE) for n in range(13)], 'EEPROM in a start-up')
     case.equal(dac_bytes(case, file), [byte for n in range(13) for byte in (n, MINE[n])], 'DAC in a start-up')
     with Service(case, case.flash(), '--eeprom-cycle', '1=10', '--trace', live, *chosen(lines)) as service:
-        service.wait_started(1)
+        service.wait_started()
         service.socat(b'\2\0' + THEIRS)
         report = service.stop()
     case.equal(bytes(report['cards'][0]['calibration']['eeprom']), THEIRS, 'EEPROM in the report')

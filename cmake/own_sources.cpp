@@ -1,6 +1,5 @@
-// A plug-in of clang-tidy for `./test --lint`: its checks walk through our own sources and headers, and no
-// longer through every header of the system, of which they report nothing. That takes less than half the
-// time.
+// A plug-in of clang-tidy for `./test --lint`: its checks walk through our own sources and headers, and not
+// through the headers of the system, of which they report nothing. That takes less than half the time.
 #include <clang-tidy/ClangTidyCheck.h>
 #include <clang-tidy/ClangTidyModule.h>
 #include <clang-tidy/ClangTidyModuleRegistry.h>

@@ -1,4 +1,5 @@
-// The front panel: what firmware and drivers can put on the LCD, and how the keys pace the menu's task.
+// The front panel: what firmware and drivers can put on the LCD, how the keys pace the menu's task, and the
+// trees at which the menu ends the run. Whole menus are walked in tests/e2e/panel.py.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -6,8 +7,7 @@
 #include <fstream>
 #include <map>
 
-#include "headend/firmware/panel/keypad.h"
-#include "headend/firmware/panel/lcd.h"
+#include "headend/firmware/panel/menu_engine.h"
 #include "tests/headend/kernel/rig.h"
 
 namespace test {
@@ -139,6 +139,33 @@ TEST(Panel, PaceTheTaskThatScansThemAndEndAMenuThatIsNotUsed) {
 
   for (std::size_t i = 0; i < Keypad::kWaiting; ++i) press(chassis::kKeyUp);
   EXPECT_FALSE(keys.press(chassis::kKeyUp));
+}
+
+// ---- The menu ----
+
+using chassis::item_t;
+
+TEST(Panel, ATreeThatCannotBeWalkedEndsTheRunAndIsNamed) {
+  const std::vector<item_t> endless(headend::MenuEngine::kLongestTable + 1);
+  const item_t unhandled = {.flag = item_t::kHandler | item_t::kLast, .en = {"Own"}};
+  for (const auto& [tree, why] :
+       {std::pair{endless.data(), "menu: the table below 'card 1' has no end mark in 64 items"},
+        std::pair{&unhandled, "menu of slot 1: item 'Own' names no handler"}}) {
+    Rig rig;
+    Lcd lcd;
+    Keypad keys(rig.kernel);
+    headend::MenuEngine menu(rig.kernel, lcd, keys,
+                             {.card = [](int) { return nullptr; },
+                              .fault = [](int) { return std::nullopt; },
+                              .text = [](int, u32) { return ""; },
+                              .stop = [&](const std::string& text) { rig.kernel.fail(text); }});
+    menu.registerRoot({.flag = item_t::kLast, .submenu = tree, .en = {"card 1"}});
+    menu.start();
+    keys.press(chassis::kKeyConfirm);
+    keys.press(chassis::kKeyConfirm);
+    rig.runUntil(kSecond);
+    EXPECT_EQ(rig.kernel.fatalError(), why);
+  }
 }
 
 }  // namespace

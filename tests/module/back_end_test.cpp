@@ -39,7 +39,7 @@ class BackEnd : public ModuleTest {
   BackEnd() {
     for (int i = 0; i < 3; ++i) {
       sources_[i].slotNo = static_cast<u8>(1 + 2 * i);
-      sources_[i].in_port_num = i == 2 ? 16 : 2;
+      sources_[i].in_port_num = i == 1 ? 2 : i == 0 ? 17 : 16;
       chassis::cardInsert(&sources_[i]);
     }
     fake.forget();
@@ -105,6 +105,7 @@ TEST_F(BackEnd, RequestsGetTheirResultCodesAndChangeNothing) {
   EXPECT_EQ(read(kLock, {}, 0, 4).result, 21) << "an empty slot";
   EXPECT_EQ(read(0x2103).result, 2);
   EXPECT_EQ(write(0x3103, word(0), 1), 2);
+  EXPECT_EQ(TableidToPsiType(kNoTable), 255);
   const Reply noTable = read(kInterval, {kNoTable, 0, 0, 0});
   EXPECT_TRUE(noTable.result == 9 && noTable.data.size() == 4) << "refused: keeps its length";
   EXPECT_EQ(write(kPackets, chunk(0x11, kSdt, {1}), 0, 0, 16), 22) << "of another count";
@@ -282,7 +283,7 @@ Bytes mapChunk(u32 total, u32 start, u32 count, const std::vector<Entry>& entrie
 }
 
 std::array<u16, 3> routed(const Entry& e) {
-  const std::uint64_t word = e.pid | std::uint64_t{e.port} << 13 | std::uint64_t{e.slot} << 17 |
+  const std::uint64_t word = e.pid | std::uint64_t{e.port & 15U} << 13 | std::uint64_t{e.slot} << 17 |
                              std::uint64_t{1} << 21 | std::uint64_t{e.out} << 22;
   return {static_cast<u16>(word), static_cast<u16>(word >> 16), static_cast<u16>(word >> 32)};
 }
@@ -299,10 +300,11 @@ TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
   EXPECT_EQ(read(kMapLock).data, word(1));
   const std::vector<Entry> entries{{3, 0, 0x100, 0x1ABC}, {1, 1, 0x20, 0x222}, {1, 0, 0x1FFF, 7},
                                    {5, 15, 1, 2},         {1, 0, 2, 1},        {1, 0, 2, 2},
-                                   {1, 0, 1, 9},          {1, 0, 2, 3},        {1, 0, 1, 8}};
-  ASSERT_EQ(write(kMapChunk, mapChunk(9, 0, 9, entries)), 0);
+                                   {1, 0, 1, 9},          {1, 0, 2, 3},        {1, 0, 1, 8},
+                                   {1, 16, 2, 4}};  // a port beyond four bits counts as a slot
+  ASSERT_EQ(write(kMapChunk, mapChunk(10, 0, 10, entries)), 0);
   write(kMapLock, word(1));
-  EXPECT_EQ(para.pidMapNum[0], 9U) << "locked already: nothing is emptied";
+  EXPECT_EQ(para.pidMapNum[0], 10U) << "locked already: nothing is emptied";
   EXPECT_EQ(fake.log, Lines{});
   EXPECT_EQ(fake.routes, before) << "the old map stays on the air";
   write(kMapLock, word(0));
@@ -311,18 +313,18 @@ TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
   // What an exchange sort makes of equal keys, by hand; a stable sort would not change their order.
   std::vector<Entry> sorted;
   std::vector<std::array<u16, 3>> route;
-  for (const std::size_t i : {6U, 8U, 4U, 7U, 5U, 2U, 1U, 0U, 3U}) {
+  for (const std::size_t i : {6U, 8U, 4U, 7U, 5U, 9U, 2U, 1U, 0U, 3U}) {
     sorted.push_back(entries[i]);
     route.push_back(routed(entries[i]));
   }
   route.resize(256, {0xFFFF, 0x001F, 0});
   EXPECT_EQ((fake.routes[{0, 0}]), route);
-  EXPECT_EQ(read(kMapChunk, word(0)).data, mapChunk(9, 0, 9, sorted));
+  EXPECT_EQ(read(kMapChunk, word(0)).data, mapChunk(10, 0, 10, sorted));
   EXPECT_EQ(para.pidMap[0][0].reserved, 0xFF);
 
   fake.forget();
   for (const u32 lock : {1U, 0U}) write(kMapLock, word(lock), 1);
-  EXPECT_EQ(para.pidMapNum[0], 9U);
+  EXPECT_EQ(para.pidMapNum[0], 10U);
   EXPECT_EQ(fake.log, (Lines{"save 0", "route 0 1", "save 0"}));
   write(kMapLock, word(1));
   const auto* bytes = reinterpret_cast<const u8*>(para.pidMap[0]);
@@ -347,7 +349,7 @@ TEST_F(BackEnd, AMapsChunkIsStoredOrRefused) {
   EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{0x101, 0, 8, 1}})), Outcome(3, {0xFFFF})) << "slot 256";
   EXPECT_EQ(outcome(mapChunk(2, 0, 2, {{1, 1, 7, 1}, {2, 0, 8, 1}})), Outcome(21, {7, 0xFFFF}))
       << "empty slot";
-  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 2, 8, 1}})), Outcome(3, {0xFFFF})) << "no third input";
+  EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{3, 2, 8, 1}})), Outcome(3, {0xFFFF})) << "no third input";
   EXPECT_EQ(outcome(mapChunk(1, 0, 1, {{1, 0x100, 8, 1}})), Outcome(3, {0xFFFF})) << "input 256";
   EXPECT_EQ(outcome(mapChunk(3, 0, 3, many(1, 3)), 64), Outcome(22, {})) << "wrong length";
 }

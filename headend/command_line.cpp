@@ -40,10 +40,11 @@ Examples:
 
 Exit codes:
   0  the run went through (failed checks and violations are reported, no more)
-  1  a card does not run at the end; an output, save, upload, setting, log or trace failed or was not done by the
-     end; or a file cannot be used
+  1  a card does not run at the end; an output, save, upload, setting, log, trace or the alarms' history failed or
+     was not done by the end; or a file or an address cannot be used
   2  wrong call
-  3  an interrupt routine waited, allocated, used a file or touched a register: the run was stopped)";
+  3  an interrupt routine waited, allocated, used a file or touched a register, or a card's menu is broken: the run
+     was stopped)";
 
 // Two flags that name one file would leave a mixture, or none of the one read. Devices and pipes are for all.
 void refuseSharedFiles(const Options& options) {

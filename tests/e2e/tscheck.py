@@ -3,6 +3,8 @@
 
 Two outputs of a headend are made: the tables of a capture, and two programmes of a source. Each row damages one of them
 in its way, and says which kinds of faults the checker must find: these and no others."""
+import subprocess
+
 import harness
 from harness import NULL_PID, RATE, crc32, packets_of, pid_of
 
@@ -189,8 +191,13 @@ def text_json_and_exit_codes_agree(case):
     path = case.sample('four-programmes-cbr.ts')
     seen = case.tscheck(path)
     case.equal((seen['bit_rate'], seen['packets'], len(seen['pcr']), seen['faults']), (3e6, 10047, 4, {}), 'a good file')
-    for call in (['/nonexistent/x'], [path, '--rate', '1/x'], [path, '--psi', path], [path, *RATE, '--map', '1=2']):
+    for call in (['/nonexistent/x'], [path, '--rate', '1/x'], [path, '--psi', path], [path, *RATE, '--map', '1=2'],
+                 [path, '--tolerance', 'nan'], [path, '--untimed'], [path, '--interval', 'PAT=5']):
         case.says(case.execute([case.args.tscheck, *call], (2,)), r'\S')
+    seen = case.tscheck(path, '--rate', '3000000', '--from', '9', codes=(1,))
+    case.equal(set(seen['faults']), {'empty'}, 'nothing behind --from')
+    with open('/dev/full', 'w', encoding='ascii') as full:
+        case.equal(subprocess.run([case.args.tscheck, path], stdout=full, check=False).returncode, 2, 'a full disk')
     case.says(case.execute([case.args.tscheck, path]), r'10047 packets', r'3000000\.0 bit/s by the PCRs', 'Nothing wrong')
 
 

@@ -87,7 +87,11 @@ void readCall(const Call& call, Options& options) {
   if (needsRate && !options.rate.known())
     throw std::invalid_argument(
         "give the bit rate of FILE with --rate: --psi, --source, --constant-rate and --from need it");
-  if (options.auxHz <= 0) throw std::invalid_argument("--aux-hz: give a rate above 0");
+  if (options.psi.empty() && (!call.intervals.empty() || options.untimed))
+    throw std::invalid_argument("--interval and --untimed need --psi, the source of the tables");
+  // not(a >= b): what is no number fails too
+  if (!(options.auxHz > 0) || !(options.tolerance_ns >= 0) || !(options.from_s >= 0))
+    throw std::invalid_argument("--aux-hz must be above 0, --tolerance and --from 0 or more");
 }
 
 // libdvbpsi joins the start of a new section to one that broke off and reports a bad CRC: what it says counts
@@ -125,6 +129,8 @@ Json check(const Options& options, Faults& faults) {
     scanOptions.fromPacket = static_cast<uint64_t>(std::ceil(options.from_s / options.rate.seconds(1)));
   const Scan seen = scan(options.file, scanOptions, contents, faults);
   noteLibraryErrors(seen, decoded, faults);
+  if (seen.packets <= scanOptions.fromPacket)
+    faults.add("empty", options.from_s > 0 ? "no packet lies behind --from" : "there is no packet");
 
   const Rate rate = options.rate.known() ? options.rate : rateByPcr(seen);
   Json summary = checkStream(options, rate, seen, contents, pmtPids, faults);
@@ -144,8 +150,9 @@ void printStream(const Options& options, const Json& summary) {
                summary["bit_rate"].get<double>(), options.rate.known() ? "" : " by the PCRs");
   fmt::print("\n");
   for (const auto& table : summary["repetition"]) {
-    fmt::print("  {:6} PID {:7} {:3} sections", table["table"].get<std::string>(),
-               table["pid"].get<std::string>(), table["sections"].get<uint64_t>());
+    fmt::print("  {:6} PID {:7} {:3} section{}", table["table"].get<std::string>(),
+               table["pid"].get<std::string>(), table["sections"].get<uint64_t>(),
+               table["sections"] == 1 ? "" : "s");
     if (table.contains("interval_ms"))
       fmt::print(", each repeated after {:.1f} to {:.1f} ms, {:.1f} on average",
                  table["interval_ms"]["min"].get<double>(), table["interval_ms"]["max"].get<double>(),
@@ -185,6 +192,8 @@ int run(const Call& call, Options& options) {
     printStream(options, summary);
     printFaults(faults);
   }
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+    throw std::runtime_error("the output could not be written");
   return faults.byKind().empty() ? kOk : kFaulty;
 }
 
@@ -203,7 +212,7 @@ Examples:
   tscheck out.ts --rate 646250000/17 --psi samples/psi-many.ts --interval PAT=100
   tscheck out.ts --rate 646250000/17 --source four.ts --map 0x300=0x100 --map 0x301=0x101 --constant-rate
 
-Exit code: 0 nothing wrong, 1 faults were found, 2 wrong call or a file that cannot be read.
+Exit code: 0 nothing wrong, 1 faults were found, 2 wrong call, or a file that cannot be read or output not written.
 )";
 
 int runProgram(int argc, char** argv) {
@@ -212,7 +221,9 @@ int runProgram(int argc, char** argv) {
   CLI::App app(kDescription, "tscheck");
   app.footer(kFooter);
   app.add_option("FILE", options.file, "transport stream of packets of 188 bytes")->required();
-  app.add_option("--rate", call.rate, "its bit rate in bit/s, N or N/D; without it the PCRs tell");
+  app.add_option("--rate", call.rate,
+                 "its bit rate in bit/s, N or N/D; without it the PCRs tell. --psi, --source, "
+                 "--constant-rate and --from need it");
   app.add_flag("--no-limits", call.noLimits, "measure repetition and PCR interval, but do not judge them");
   app.add_flag("--constant-rate", options.constantRate,
                "the rate is constant: PCRs must be right by it, within --tolerance");

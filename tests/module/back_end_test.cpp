@@ -321,6 +321,7 @@ TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
   EXPECT_EQ((fake.routes[{0, 0}]), route);
   EXPECT_EQ(read(kMapChunk, word(0)).data, mapChunk(10, 0, 10, sorted));
   EXPECT_EQ(para.pidMap[0][0].reserved, 0xFF);
+  EXPECT_EQ(QamSetPidMap(0, 0, &para), 0);
 
   fake.forget();
   for (const u32 lock : {1U, 0U}) write(kMapLock, word(lock), 1);

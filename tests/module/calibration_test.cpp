@@ -64,7 +64,11 @@ TEST_F(Calibration, BytesAndPagesBeyondTheEndAreRefused) {
   EXPECT_EQ(stored(0x7F0, 16), page);
   board.eeprom().writeCycle(0);
   at24cxx_wr_byte(0x7FF, 0x12, 1);
+  fake.forget();
   EXPECT_EQ(at24cxx_rd_byte(0x7FF, 1), 0x12);
+  EXPECT_EQ((Lines{fake.steps.end() - 6, fake.steps.end()}),
+            (Lines{"X24C16SCL=1", "5us", "X24C16SCL?", "5us", "X24C16SDA=1", "5us"}))
+      << "a stop frees the bus";
   fake.forget();
   at24cxx_wr_byte(0x800, 0x34, 1);
   at24cxx_wr_page(0x80, page.data(), 1);

@@ -154,8 +154,9 @@ TEST(Panel, ATreeThatCannotBeWalkedEndsTheRunAndIsNamed) {
     Rig rig;
     Lcd lcd;
     Keypad keys(rig.kernel);
+    chassis::card card{};
     headend::MenuEngine menu(rig.kernel, lcd, keys,
-                             {.card = [](int) { return nullptr; },
+                             {.card = [&](int) { return &card; },
                               .fault = [](int) { return std::nullopt; },
                               .text = [](int, u32) { return ""; },
                               .stop = [&](const std::string& text) { rig.kernel.fail(text); }});

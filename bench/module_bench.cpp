@@ -21,7 +21,7 @@ constexpr std::size_t kAccessesOfPacket = 204;
 constexpr std::size_t kAccessesOfBit = 3;
 
 void demandFull(bench::Card& card) {
-  for (std::size_t type = 0; type < kTableTypes; ++type) {
+  for (std::size_t type = 0; type < PSINUM; ++type) {
     if (card.record().pktNum[0][type] == 0) throw std::runtime_error("the capture lacks a type of table");
   }
   if (card.packets() < kPsiStoreSize - 32) throw std::runtime_error("the capture does not fill the store");

@@ -14,11 +14,10 @@
 
 namespace {
 
-using headend::kTsPacket;
 using headend::Nanos;
 
 constexpr int kOutputs = 10;
-constexpr unsigned kPids = 256;
+constexpr unsigned kMappedPids = 256;
 constexpr Nanos kStep = 1'000'000;  // virtual time between two looks at the outputs
 const headend::BitRate kRate = headend::BitRate::ofModulation(7000, 8);
 
@@ -26,7 +25,7 @@ const headend::BitRate kRate = headend::BitRate::ofModulation(7000, 8);
 class Source final : public headend::TsInput {
  public:
   explicit Source(unsigned pids) {
-    for (unsigned i = 0; i < kPids; ++i) {
+    for (unsigned i = 0; i < kMappedPids; ++i) {
       auto& packet = packets_[i];
       packet.fill(static_cast<u8>(i));
       packet[0] = 0x47;
@@ -36,13 +35,13 @@ class Source final : public headend::TsInput {
     }
   }
   Nanos nextArrival() const override {
-    return static_cast<Nanos>(static_cast<double>(taken_) * 1e9 * kTsPacket * 8 / kRate.perSecond());
+    return static_cast<Nanos>(static_cast<double>(taken_) * 1e9 * kTsPacketSize * 8 / kRate.perSecond());
   }
-  headend::TsPacketView take() override { return headend::TsPacketView(packets_[taken_++ % kPids]); }
+  mpeg::PacketView take() override { return mpeg::PacketView(packets_[taken_++ % kMappedPids]); }
   const std::string& name() const override { return name_; }
 
  private:
-  std::array<std::array<u8, kTsPacket>, kPids> packets_;
+  std::array<std::array<u8, kTsPacketSize>, kMappedPids> packets_;
   std::uint64_t taken_ = 0;
   std::string name_ = "bench";
 };
@@ -51,15 +50,15 @@ class Source final : public headend::TsInput {
 class Block final : public headend::PacketSink {
  public:
   void packet(std::span<const u8> packet) override {
-    std::memcpy(block_.data() + used_, packet.data(), kTsPacket);
-    used_ = (used_ + kTsPacket) % block_.size();
+    std::memcpy(block_.data() + used_, packet.data(), kTsPacketSize);
+    used_ = (used_ + kTsPacketSize) % block_.size();
   }
   void nullPackets(std::uint64_t /*count*/) override {}
   void flush() override {}
   const std::string& error() const override { return error_; }
 
  private:
-  std::vector<u8> block_ = std::vector<u8>(2048 * kTsPacket);
+  std::vector<u8> block_ = std::vector<u8>(2048 * kTsPacketSize);
   std::size_t used_ = 0;
   std::string error_;
 };
@@ -99,9 +98,9 @@ std::uint64_t copy(Nanos duration) {
   std::vector<std::unique_ptr<Source>> sources;
   std::array<Block, kOutputs> blocks;
   sources.reserve(kOutputs);
-  for (int i = 0; i < kOutputs; ++i) sources.push_back(std::make_unique<Source>(kPids));
+  for (int i = 0; i < kOutputs; ++i) sources.push_back(std::make_unique<Source>(kMappedPids));
   const auto each =
-      static_cast<std::uint64_t>(static_cast<double>(duration) / 1e9 * kRate.perSecond() / 8 / kTsPacket);
+      static_cast<std::uint64_t>(static_cast<double>(duration) / 1e9 * kRate.perSecond() / 8 / kTsPacketSize);
   for (std::uint64_t n = 0; n < each; ++n) {
     for (std::size_t i = 0; i < kOutputs; ++i) blocks[i].packet(sources[i]->take());
   }
@@ -115,7 +114,7 @@ std::uint64_t copy(Nanos duration) {
 int main(int argc, char** argv) {
   const int entries = argc == 3 ? std::atoi(argv[1]) : -1;
   const double seconds = argc == 3 ? std::atof(argv[2]) : 0;
-  if (entries < 0 || entries > static_cast<int>(kPids) || !(seconds >= 0.01 && seconds <= 3600)) {
+  if (entries < 0 || entries > static_cast<int>(kMappedPids) || !(seconds >= 0.01 && seconds <= 3600)) {
     std::fprintf(stderr,
                  "Usage: multiplexer_bench ENTRIES SECONDS; 0 entries to 256: 0 copies the packets only\n");
     return 2;
@@ -127,7 +126,7 @@ int main(int argc, char** argv) {
   const double took = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
   std::printf("{\"entries\": %d, \"seconds\": %g, \"packets\": %llu, \"processor_seconds\": %g}\n", entries,
               seconds, static_cast<unsigned long long>(packets), took);
-  const double full = kOutputs * (seconds - 0.005) * kRate.perSecond() / 8 / kTsPacket;
+  const double full = kOutputs * (seconds - 0.005) * kRate.perSecond() / 8 / kTsPacketSize;
   if (static_cast<double>(packets) >= full) return 0;
   std::fprintf(stderr, "multiplexer_bench: %llu packets are not %g seconds of full outputs\n",
                static_cast<unsigned long long>(packets), seconds);

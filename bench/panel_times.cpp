@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "client/panel.h"
 #include "client/udp_link.h"
 #include "headend/headend.h"
+#include "protocol/panel.h"
 #include "tests/headend/scratch.h"
 
 namespace {
@@ -55,7 +55,7 @@ headend::Options oneCard(const std::filesystem::path& folder, const char* captur
   if (capture == nullptr) return options;
   for (const u32 port : {0U, 1U}) {
     options.psi.push_back({.channel = {0, port}, .file = capture, .at = 0});
-    for (const client::TableType type : client::kAllTables) options.intervals[{0, port}][type] = 1;
+    for (const PsiType type : mpeg::kAllTables) options.intervals[{0, port}][type] = 1;
   }
   return options;
 }

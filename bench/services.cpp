@@ -112,7 +112,7 @@ Card::Card(const std::filesystem::path& capture) {
   chassis::head = &descriptor_;
   QamFpgaIf[0] = &window_;
   for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-    if (store(port, *record_, plan) != plan.packets) throw client::PlanError("the card refused packets");
+    if (store(port, *record_, plan) != plan.packets) throw client::Error("the card refused packets");
     g_qam_PsiSendQ_ID[0][port] = &queues_[port];
     QamSetPsiInterval(0, port);
   }

@@ -5,16 +5,11 @@
 #include <bit>
 #include <cstddef>
 
-#include "platform/types.h"
+#include "card/PsiType.h"
 
-inline constexpr u8 MAX_QAM_OUT_NUM = 2;  // channels of a card
-inline constexpr u8 QAM_CARD_TYPE = 27;   // tag of this card in its descriptor and its record
+inline constexpr u8 QAM_CARD_TYPE = 27;  // tag of this card in its descriptor and its record
 
-inline constexpr std::size_t kTableTypes = 8;
 inline constexpr std::size_t kClockRows = 17;
-inline constexpr std::size_t kPidMapSize = 256;
-inline constexpr std::size_t kPsiStoreSize = 512;
-inline constexpr std::size_t kTsPacketSize = 188;  // ISO/IEC 13818-1
 
 struct QamParaS {
   u16 reserve0;
@@ -67,8 +62,8 @@ struct QamCardPara {
   u8 reserved;
   QamParaS qam_para;
   cdce925_para Cd925_para[kClockRows];
-  u16 Interval[MAX_QAM_OUT_NUM][kTableTypes];  // ticks of the auxiliary clock
-  u16 pktNum[MAX_QAM_OUT_NUM][kTableTypes];
+  u16 Interval[MAX_QAM_OUT_NUM][PSINUM];  // ticks of the auxiliary clock
+  u16 pktNum[MAX_QAM_OUT_NUM][PSINUM];
   u32 pidMapNum[MAX_QAM_OUT_NUM];
   pidmap_t pidMap[MAX_QAM_OUT_NUM][kPidMapSize];
   outPsiPkt_t psiPkt[MAX_QAM_OUT_NUM][kPsiStoreSize];

@@ -4,12 +4,6 @@
 
 Qam_fpga_if* QamFpgaIf[MAX_BOARD_NUM];
 
-namespace {
-
-constexpr u16 kPids = 8192;
-
-}  // namespace
-
 void qamPidSetFilter(u8 slotNo, u8 portNo, u16 pid, u8 pass) {
   __qampidfilter& filter = QamFpgaIf[slotNo]->qampidfilter[portNo];
   filter.filter_pid_l = pid;  // whole: the register keeps the low byte

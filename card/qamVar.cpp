@@ -17,7 +17,6 @@ AD9775_Para Para9775;
 namespace {
 
 constexpr const char* kUnit = "qamVar";
-constexpr u32 kChannelSpacing_kHz = 8000;
 constexpr int kNotWritable = -2;
 
 u32 rateText(u8 slotNo, u8 port, bool payload, char (&text)[16]) {

@@ -95,11 +95,11 @@ class CalibrationClient {
   explicit CalibrationClient(std::string server, const CalibrationOptions& options = {})
       : server_(std::move(server)), options_(options) {}
 
-  // What the DAC in this slot (from 0) holds. Throws LinkError when no reply came.
+  // What the DAC in this slot (from 0) holds. Throws Error when no reply came.
   DacRegisters read(u8 slot) const;
 
   // Sends the bytes to the DAC and to the EEPROM, and returns when the card must be done. The service does
-  // not say whether it did: read back. Throws LinkError when nothing can be sent.
+  // not say whether it did: read back. Throws Error when nothing can be sent.
   void write(u8 slot, const DacRegisters& registers) const;
 
  private:

@@ -2,62 +2,113 @@
 
 #include <fmt/format.h>
 
-#include "client/psi_upload.h"
+#include <algorithm>
+
+#include "client/upload_plan.h"
 
 namespace client {
+namespace {
 
-Reply ChannelVariables::call(Operation operation, u16 variable, Bytes data, const std::string& what) {
-  Reply reply = link_.call(makeRequest(operation, variable, channel_.slot, channel_.port, std::move(data)));
-  if (reply.result != kDone) {
-    throw PsiError(
-        fmt::format("{} of {} was refused: {}", what, channelName(channel_), resultText(reply.result)));
-  }
-  return reply;
+const char* contentOf(u16 lock) {
+  return lock == kPsiLock ? "tables" : "PID map";
 }
 
-void ChannelVariables::failOnReply(const std::string& what) const {
-  throw PsiError(fmt::format("{} of {}: the reply is not what was asked for; is this server a chassis?", what,
-                             channelName(channel_)));
+[[noreturn]] void failOnChange(const Channel& channel) {
+  throw Error(fmt::format(
+      "the PID map of {} changed while it was read: another client is loading it; try again when it is done",
+      channelName(channel)));
 }
 
-bool ChannelVariables::locked() {
-  const std::string what = "reading the lock state";
-  const auto state = decodeLock(call(Operation::kRead, kVarPsiLock, {}, what).data);
+}  // namespace
+
+Bytes ChannelVariables::call(Operation operation, u16 variable, Bytes data, const std::string& what) {
+  return ask(link_, makeRequest(operation, variable, channel_.slot, channel_.port, std::move(data)), what);
+}
+
+bool ChannelVariables::readLock(u16 variable) {
+  const std::string what =
+      fmt::format("read the lock of the {} of {}", contentOf(variable), channelName(channel_));
+  const auto state = decodeNumber(call(Operation::kRead, variable, {}, what));
   if (!state) failOnReply(what);
-  return *state;
+  return *state != 0;
 }
 
-void ChannelVariables::setLock(bool locked) {
-  call(Operation::kWrite, kVarPsiLock, encodeLock(locked), locked ? "the lock" : "the unlock");
+void ChannelVariables::writeLock(u16 variable, bool lock) {
+  call(Operation::kWrite, variable, encodeNumber(lock ? 1 : 0),
+       fmt::format("{} the {} of {}", lock ? "lock" : "unlock", contentOf(variable), channelName(channel_)));
 }
+
+// ---- Tables ----
 
 void ChannelVariables::writeChunk(const Chunk& chunk) {
-  call(Operation::kWrite, kVarPsiPackets, encodeChunk(chunk),
-       fmt::format("a chunk of {} on PID {:#06x}", nameOfTableId(chunk.tableId), chunk.pid));
+  call(Operation::kWrite, kPsiPackets, encodePackets(chunk.pid, chunk.tableId, chunk.packets),
+       fmt::format("write {} on PID {:#06x} of {}", nameOfTableId(chunk.tableId), chunk.pid,
+                   channelName(channel_)));
 }
 
-ChunkReply ChannelVariables::readChunk(u16 pid, u8 tableId, u8 startPosition) {
-  const std::string what = fmt::format("reading {} on PID {:#06x}", nameOfTableId(tableId), pid);
-  const Reply reply =
-      call(Operation::kRead, kVarPsiPackets, encodeChunkRequest(pid, tableId, startPosition), what);
-  const auto chunk = decodeChunkReply(reply.data);
-  if (!chunk || chunk->pid != pid || chunk->tableId != tableId || chunk->startPosition != startPosition) {
+PacketsReply ChannelVariables::readPackets(u16 pid, u8 tableId, u8 startPosition) {
+  const std::string what =
+      fmt::format("read {} on PID {:#06x} of {}", nameOfTableId(tableId), pid, channelName(channel_));
+  auto reply = decodePacketsReply(
+      call(Operation::kRead, kPsiPackets, encodePacketsRequest(pid, tableId, startPosition), what));
+  if (!reply || reply->pid != pid || reply->tableId != tableId || reply->startPosition != startPosition) {
     failOnReply(what);
   }
-  return *chunk;
+  return *std::move(reply);
 }
 
-void ChannelVariables::writeInterval(TableType type, u32 ticks) {
-  call(Operation::kWrite, kVarPsiInterval, encodeInterval(tableId(type), ticks),
-       fmt::format("the interval of {}", tableName(type)));
+void ChannelVariables::writeInterval(PsiType type, u32 ticks) {
+  call(Operation::kWrite, kPsiInterval, encodeInterval(tableId(type), ticks),
+       fmt::format("set the interval of {} of {}", tableName(type), channelName(channel_)));
 }
 
-IntervalReply ChannelVariables::readInterval(TableType type) {
-  const std::string what = fmt::format("reading the interval of {}", tableName(type));
-  const Reply reply = call(Operation::kRead, kVarPsiInterval, encodeIntervalRequest(tableId(type)), what);
-  const auto interval = decodeIntervalReply(reply.data);
+IntervalReply ChannelVariables::readInterval(PsiType type) {
+  const std::string what =
+      fmt::format("read the interval of {} of {}", tableName(type), channelName(channel_));
+  const auto interval =
+      decodeIntervalReply(call(Operation::kRead, kPsiInterval, encodeIntervalRequest(tableId(type)), what));
   if (!interval || interval->tableId != tableId(type)) failOnReply(what);
   return *interval;
+}
+
+// ---- The PID map ----
+
+void ChannelVariables::writeMap(std::span<const MapEntry> entries) {
+  std::size_t sent = 0;
+  do {
+    const auto chunk =
+        entries.subspan(sent, std::min<std::size_t>(kMapEntriesPerChunk, entries.size() - sent));
+    call(Operation::kWrite, kPidMapChunk,
+         encodeMapChunk(static_cast<u32>(entries.size()), static_cast<u32>(sent), chunk),
+         fmt::format("write entries {} to {} of the PID map of {}", sent + 1, sent + chunk.size(),
+                     channelName(channel_)));
+    sent += chunk.size();
+  } while (sent < entries.size());
+}
+
+std::vector<MapEntry> ChannelVariables::readMap() {
+  std::vector<MapEntry> entries;
+  std::size_t total = 0;
+  do {
+    const u32 position = static_cast<u32>(entries.size());
+    const std::string what =
+        fmt::format("read the PID map of {} from entry {}", channelName(channel_), position + 1);
+    const auto chunk = decodeMapChunk(call(Operation::kRead, kPidMapChunk, encodeNumber(position), what));
+    if (!chunk || chunk->startPosition != position || chunk->total > kPidMapSize) failOnReply(what);
+    const bool changed = !entries.empty() && chunk->total != total;
+    total = chunk->total;
+    entries.insert(entries.end(), chunk->entries.begin(), chunk->entries.end());
+    if (changed || entries.size() > total || (chunk->entries.empty() && entries.size() < total))
+      failOnChange(channel_);
+  } while (entries.size() < total);
+  return entries;
+}
+
+PidMap readMap(Link& link, const Channel& channel) {
+  ChannelVariables card(link, channel);
+  PidMap map{.locked = card.mapLocked(), .entries = card.readMap()};
+  if (card.mapLocked() != map.locked) failOnChange(channel);  // a lock in between empties the map
+  return map;
 }
 
 }  // namespace client

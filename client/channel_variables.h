@@ -1,14 +1,17 @@
-// Reads and writes the PSI variables of one channel over a link, with refusals as exceptions. What psi_upload
-// and psi_read_back are written on.
+// Reads and writes the variables of one channel over a link: its tables and its PID map. What uploads and
+// read-backs are written on.
 #pragma once
 
+#include <span>
 #include <string>
+#include <vector>
 
-#include "client/channel.h"
 #include "client/link.h"
-#include "client/psi_records.h"
+#include "protocol/records.h"
 
 namespace client {
+
+struct Chunk;
 
 class ChannelVariables {
  public:
@@ -16,20 +19,35 @@ class ChannelVariables {
 
   const Channel& channel() const { return channel_; }
 
-  // All throw LinkError, and PsiError when the card or the chassis refuses or answers something else.
-  bool locked();
-  void setLock(bool locked);
+  // All throw Error, also when the reply does not answer the request.
+  bool tablesLocked() { return readLock(kPsiLock); }
+  void lockTables(bool lock) { writeLock(kPsiLock, lock); }
   void writeChunk(const Chunk& chunk);
-  ChunkReply readChunk(u16 pid, u8 tableId, u8 startPosition);
-  void writeInterval(TableType type, u32 ticks);
-  IntervalReply readInterval(TableType type);
+  PacketsReply readPackets(u16 pid, u8 tableId, u8 startPosition);
+  void writeInterval(PsiType type, u32 ticks);
+  IntervalReply readInterval(PsiType type);
+
+  bool mapLocked() { return readLock(kPidMapLock); }
+  void lockMap(bool lock) { writeLock(kPidMapLock, lock); }
+  // As many requests as it takes; one for an empty map, which sets the count to 0.
+  void writeMap(std::span<const MapEntry> entries);
+  // Throws Error too when another client changes the map meanwhile.
+  std::vector<MapEntry> readMap();
 
  private:
-  Reply call(Operation operation, u16 variable, Bytes data, const std::string& what);
-  [[noreturn]] void failOnReply(const std::string& what) const;
+  bool readLock(u16 variable);
+  void writeLock(u16 variable, bool lock);
+  Bytes call(Operation operation, u16 variable, Bytes data, const std::string& what);
 
   Link& link_;
   Channel channel_;
 };
+
+struct PidMap {
+  bool locked = false;            // a load is under way or broke off: the entries may be few or none
+  std::vector<MapEntry> entries;  // as the card's record holds them, blank ones included
+};
+// Throws Error, also when another client changes the map meanwhile.
+PidMap readMap(Link& link, const Channel& channel);
 
 }  // namespace client

@@ -1,6 +1,7 @@
-// What the chassis itself answers over the management socket, beside the cards: the sections that an input
-// carries, what the PID router holds, the PID search, and calls of routines meant for a debug shell. Records
-// are big-endian; docs/management-datagram.md describes them.
+// What the chassis itself answers over the management socket, beside the variables of a channel: a card's
+// settings and readings, the sections that an input carries, what the PID router holds, the PID search, calls
+// of routines meant for a debug shell, the alarms and the front panel. docs/management-datagram.md describes
+// the records. All throw Error.
 #pragma once
 
 #include <array>
@@ -10,52 +11,26 @@
 #include <string_view>
 #include <vector>
 
-#include "client/channel.h"
 #include "client/link.h"
-#include "client/psi_tables.h"
+#include "platform/router_word.h"
+#include "protocol/alarms.h"
+#include "protocol/panel.h"
+#include "protocol/variables.h"
 
 namespace client {
 
-// The chassis refused; what() says why.
-class ServiceError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-// Asks the chassis to carry out an operation; the data of its reply. `what` it is for stands in errors.
-// Throws ServiceError or LinkError.
-Bytes ask(Link& link, Operation operation, const Channel& place, Bytes data, const std::string& what);
-// Throws ServiceError: the reply has not the form that this program knows.
-[[noreturn]] void misshapen(const std::string& what);
-
-// An input of a source card; both count from 0 here and from 1 for operators.
-struct SourcePort {
-  u16 slot = 0;
-  u32 port = 0;
-  auto operator<=>(const SourcePort&) const = default;
-};
-
-inline constexpr u32 kInputsPerCard = 16;  // that a router word can tell apart
-
-std::string inputName(const SourcePort& source);  // "input 6.1"
-// "6.1", slot and input from 1; nothing for any other text.
-std::optional<SourcePort> parseSourcePort(std::string_view text);
-
 // The sections of that PID and table_id that the input carries now, each with a good CRC, by extension and
 // number; empty while none has come. An input gathers PAT, CAT, NIT, SDT, BAT and the PMTs that its PAT
-// names. Throws ServiceError (no such input) or LinkError.
+// names.
 std::vector<Section> sourceSections(Link& link, const SourcePort& source, u16 pid, u8 tableId);
 
-// The three words of a router position, lowest first.
-using RouterWords = std::array<u16, 3>;
-inline constexpr std::size_t kRouterPositions = 256;
-// Throws ServiceError or LinkError.
-std::vector<RouterWords> routerMap(Link& link, const Channel& channel);
+// What the router holds for the channel, by position.
+std::vector<chassis::RouterWords> routerMap(Link& link, const Channel& channel);
 
 // Begins or ends the search for packets of a PID that carry a table's sections, in what the channel sends.
-// The search is one a card. Throws ServiceError or LinkError.
+// The search is one a card.
 void search(Link& link, const Channel& channel, u16 pid, u8 tableId, bool on);
-// Takes what has been captured, up to seven packets. Throws as above.
+// Takes what has been captured, up to seven packets.
 std::vector<Packet> searched(Link& link, const Channel& channel);
 
 // Begins a routine of the slot's card in a task of its own; the number by which to ask for its end.
@@ -65,5 +40,20 @@ struct CallState {
   std::string printed;  // debug lines so far
 };
 CallState callState(Link& link, u16 slot, u32 number);
+
+// A variable of a card, by its id. A rate takes the card half a second.
+VariableValue getVariable(Link& link, int slot, u32 id);
+void setVariable(Link& link, int slot, u32 id, u32 value);
+
+// Oldest first.
+std::vector<Alarm> readAlarms(Link& link);
+// The events from this number on that the chassis still keeps.
+std::vector<AlarmEvent> readAlarmEvents(Link& link, std::uint64_t from);
+// The number that the next event will have.
+std::uint64_t nextAlarmEvent(Link& link);
+
+Lcd readLcd(Link& link);
+// The chassis keeps the keys that its menu has not read yet, up to 64.
+void pressKey(Link& link, chassis::PanelKey key);
 
 }  // namespace client

@@ -4,15 +4,36 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <string>
 
-#include "client/datagram.h"
+#include "mpeg/section.h"
+#include "protocol/channel.h"
+#include "protocol/datagram.h"
 
 namespace client {
 
-// No reply came, or none that fits the request.
-class LinkError : public std::runtime_error {
+// A client is written in the words of streams and of the protocol.
+using namespace mpeg;
+using namespace protocol;
+using base::Bytes;
+
+// Something was refused or could not be carried out; what() says why, and how to go on.
+class Error : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  enum class Kind {
+    kFailed,
+    kNoReply,  // none came, or none that fits the request: it may have been carried out
+    kLocked,   // another client has the lock, and nothing was changed
+    kUnseen,   // a new PID map was sent whole; it or the one that was there is on the air
+  };
+  explicit Error(const std::string& text, Kind kind = Kind::kFailed)
+      : std::runtime_error(text), kind_(kind) {}
+
+  Kind kind() const { return kind_; }
+  bool gotNoReply() const { return kind_ == Kind::kNoReply; }
+
+ private:
+  Kind kind_;
 };
 
 class Link {
@@ -22,12 +43,18 @@ class Link {
   Link& operator=(const Link&) = delete;
   virtual ~Link() = default;
 
-  // Sends the request with a new sequence number and waits for its reply. Throws LinkError.
+  // Sends the request with a new sequence number and waits for its reply. Throws Error (kNoReply).
   virtual Reply call(Request request) = 0;
 
   // Lets that much of the time pass in which the server lives: for a procedure that waits for something
   // there.
   virtual void wait(std::chrono::milliseconds time) = 0;
 };
+
+// Has a request carried out; the data of its reply. `what` stands in errors: "lock the tables of 1.1". Throws
+// Error.
+Bytes ask(Link& link, const Request& request, const std::string& what);
+// Throws Error: the reply has not the form of an answer to this.
+[[noreturn]] void failOnReply(const std::string& what);
 
 }  // namespace client

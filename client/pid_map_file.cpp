@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <fstream>
+#include <cstdint>
+#include <system_error>
+
+#include "base/files.h"
+#include "base/numbers.h"
 
 namespace client {
 namespace {
@@ -19,9 +22,12 @@ struct Column {
   u32 highest;
 };
 constexpr std::array kColumns = {
-    Column{"src_slot", 1, kSlots}, Column{"src_port", 1, 0x100},
-    Column{"src_pid", 0, 0xFFFF},  Column{"src_programme", 0, 0xFFFF},
-    Column{"dst_pid", 0, 0xFFFF},  Column{"dst_programme", 0, 0xFFFF},
+    Column{"src_slot", 1, MAX_BOARD_NUM},
+    Column{"src_port", 1, 0x100},
+    Column{"src_pid", 0, 0xFFFF},
+    Column{"src_programme", 0, 0xFFFF},
+    Column{"dst_pid", 0, 0xFFFF},
+    Column{"dst_programme", 0, 0xFFFF},
     Column{"type", 0, 0xFF},
 };
 using Fields = std::array<u32, kColumns.size()>;
@@ -42,25 +48,19 @@ std::string_view next(std::string_view& text, char separator) {
 }
 
 u32 parseField(std::string_view text, const Column& column, const std::string& where) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  const std::string_view digits = text.substr(hex ? 2 : 0);
-  u32 value = 0;
-  const auto [end, error] =
-      std::from_chars(digits.data(), digits.data() + digits.size(), value, hex ? 16 : 10);
-  if (error == std::errc::invalid_argument || end != digits.data() + digits.size()) {
-    throw PidMapError(fmt::format("{}: {} '{}' is no number", where, column.name, text));
+  const auto value = base::parseNumber<std::uint64_t>(text);
+  if (!value) throw Error(fmt::format("{}: {} '{}' is no number", where, column.name, text));
+  if (*value < column.lowest || *value > column.highest) {
+    throw Error(fmt::format("{}: {} {} is not from {} to {}", where, column.name, text, column.lowest,
+                            column.highest));
   }
-  if (error == std::errc::result_out_of_range || value < column.lowest || value > column.highest) {
-    throw PidMapError(fmt::format("{}: {} {} is not from {} to {}", where, column.name, text, column.lowest,
-                                  column.highest));
-  }
-  return value;
+  return static_cast<u32>(*value);
 }
 
 MapEntry parseEntry(std::string_view line, const std::string& where) {
   const auto count = static_cast<std::size_t>(std::ranges::count(line, ',')) + 1;
   if (count != kColumns.size()) {
-    throw PidMapError(fmt::format("{}: {} fields where there should be {}", where, count, kColumns.size()));
+    throw Error(fmt::format("{}: {} fields where there should be {}", where, count, kColumns.size()));
   }
   Fields fields{};
   for (std::size_t i = 0; i < kColumns.size(); ++i) {
@@ -92,24 +92,20 @@ MapFile parseMapFile(std::string_view text, const std::string& name) {
     } else if (line == kHeader) {
       headed = true;
     } else {
-      throw PidMapError(fmt::format("{}: the header is not {}", where, kHeader));
+      throw Error(fmt::format("{}: the header is not {}", where, kHeader));
     }
   }
-  if (!headed) throw PidMapError(fmt::format("{}: there is no header {}", name, kHeader));
+  if (!headed) throw Error(fmt::format("{}: there is no header {}", name, kHeader));
   return file;
 }
 
 MapFile readMapFile(const std::filesystem::path& file) {
   constexpr std::size_t kLongest = 1 << 20;  // many times a full map with remarks
-  std::ifstream in(file, std::ios::binary);
-  std::string text(kLongest + 1, '\0');
-  in.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (in.bad() || (in.fail() && !in.eof())) {
-    throw PidMapError(fmt::format("{}: cannot be read", file.string()));
+  try {
+    return parseMapFile(base::readFile(file, kLongest), file.string());
+  } catch (const std::system_error& e) {
+    throw Error(fmt::format("{}: cannot be read: {}", file.string(), e.code().message()));
   }
-  text.resize(static_cast<std::size_t>(in.gcount()));
-  if (text.size() > kLongest) throw PidMapError(fmt::format("{}: is too long for a map", file.string()));
-  return parseMapFile(text, file.string());
 }
 
 std::string mapFileText(const std::vector<MapEntry>& entries) {

@@ -7,7 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "client/pid_map.h"
+#include "client/link.h"
+#include "protocol/records.h"
 
 namespace client {
 
@@ -18,9 +19,9 @@ struct MapFile {
 
 // Reads the header and lines of numbers, decimal or 0x; blank lines and those that begin with # are left out,
 // lines may end in CR LF. Only the ranges are checked; checkMap does the rest. `name` stands before messages.
-// Throws PidMapError with the line's number.
+// Throws Error with the line's number.
 MapFile parseMapFile(std::string_view text, const std::string& name);
-// The same of a file; also throws PidMapError when it cannot be read.
+// The same of a file; also throws Error when it cannot be read.
 MapFile readMapFile(const std::filesystem::path& file);
 
 std::string mapFileText(const std::vector<MapEntry>& entries);

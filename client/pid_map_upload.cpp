@@ -10,9 +10,10 @@
 #include <system_error>
 #include <utility>
 
+#include "base/files.h"
+#include "client/channel_variables.h"
+#include "client/chassis_services.h"
 #include "client/pid_map_file.h"
-#include "client/pid_map_variables.h"
-#include "client/replace_file.h"
 
 namespace client {
 namespace {
@@ -32,13 +33,14 @@ std::string nameOf(const MapOptions& options, std::size_t index) {
 // Empty when the entry is right by itself.
 std::string faultOf(const MapEntry& e, const std::optional<SourceCards>& sources) {
   constexpr u16 kHighestType = 0xFF;
-  if (e.sourceSlot >= kSlots) return fmt::format("src_slot {} is above {}", e.sourceSlot + 1, kSlots);
+  if (e.sourceSlot >= MAX_BOARD_NUM)
+    return fmt::format("src_slot {} is above {}", e.sourceSlot + 1, MAX_BOARD_NUM);
   if (e.sourcePort >= kInputsPerCard) {
     return fmt::format("src_port {} is above {}", std::uint64_t{e.sourcePort} + 1, kInputsPerCard);
   }
   for (const auto& [column, pid] : {std::pair("src_pid", e.sourcePid), std::pair("dst_pid", e.pid)}) {
-    if (pid > kHighestPid) return fmt::format("{} {:#06x} is above 0x1FFF", column, pid);
-    if (pid == kHighestPid) return fmt::format("{} 0x1FFF is that of null packets", column);
+    if (pid > kNullPid) return fmt::format("{} {:#06x} is above 0x1FFF", column, pid);
+    if (pid == kNullPid) return fmt::format("{} 0x1FFF is that of null packets", column);
   }
   if (e.type > kHighestType) return fmt::format("type {} is above {}", e.type, kHighestType);
   if (!sources) return "";
@@ -58,21 +60,21 @@ void refuseDoubles(const Entries& entries, const MapOptions& options) {
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const auto [source, newSource] = sources.emplace(sourceKey(entries[i]), i);
     if (!newSource) {
-      throw PidMapError(fmt::format("{} and {} have the same source, PID {:#06x} of {}",
-                                    nameOf(options, source->second), nameOf(options, i), entries[i].sourcePid,
-                                    inputName({entries[i].sourceSlot, entries[i].sourcePort})));
+      throw Error(fmt::format("{} and {} have the same source, PID {:#06x} of {}",
+                              nameOf(options, source->second), nameOf(options, i), entries[i].sourcePid,
+                              inputName({entries[i].sourceSlot, entries[i].sourcePort})));
     }
     const auto [pid, newPid] = pids.emplace(entries[i].pid, i);
     if (!newPid) {
-      throw PidMapError(fmt::format("{} and {} bring two sources onto dst_pid {:#06x}",
-                                    nameOf(options, pid->second), nameOf(options, i), entries[i].pid));
+      throw Error(fmt::format("{} and {} bring two sources onto dst_pid {:#06x}",
+                              nameOf(options, pid->second), nameOf(options, i), entries[i].pid));
     }
   }
 }
 
 void noteTablePids(const Entries& entries, const MapOptions& options) {
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    for (const TableType type : kAllTables) {
+    for (const PsiType type : kAllTables) {
       if (tablePid(type) != entries[i].pid) continue;
       tell(options, fmt::format("{}: dst_pid {:#06x} is where the card sends tables of its own ({})",
                                 nameOf(options, i), entries[i].pid, tableName(type)));
@@ -102,11 +104,11 @@ class Rescue {
     claim(channel);
     const std::string text = mapFileText(entries);
     try {
-      replaceFile(file_, file_.string() + ".part", Bytes(text.begin(), text.end()));
+      base::replaceFile(file_, file_.string() + ".part", Bytes(text.begin(), text.end()));
     } catch (const std::system_error& e) {
       drop();
-      throw PidMapError(fmt::format("nothing was changed: the map of {} cannot be kept in {}: {}",
-                                    channelName(channel), file_.string(), e.what()));
+      throw Error(fmt::format("nothing was changed: the map of {} cannot be kept in {}: {}",
+                              channelName(channel), file_.string(), e.what()));
     }
   }
 
@@ -125,14 +127,14 @@ class Rescue {
     }
     const std::string name = channelName(channel);
     if (errno == EEXIST) {
-      throw PidMapError(fmt::format(
+      throw Error(fmt::format(
           "nothing was changed: {} stands there from a load of {} that broke off, or from one under way.\n"
           "It holds the map that the channel had before. 'qamctl pidmap show {}' tells what it has now: move "
           "the file away, and load it from there if that map is wanted; or remove it",
           file_.string(), name, name));
     }
-    throw PidMapError(fmt::format("nothing was changed: the map of {} cannot be kept in {}: {}", name,
-                                  file_.string(), std::generic_category().message(errno)));
+    throw Error(fmt::format("nothing was changed: the map of {} cannot be kept in {}: {}", name,
+                            file_.string(), std::generic_category().message(errno)));
   }
 
   std::filesystem::path file_;
@@ -148,51 +150,50 @@ bool same(Entries a, Entries b) {
 
 // Reading the lock and setting it are two requests: another client may have come in between, and the card
 // takes the chunks of both.
-void send(PidMapVariables& card, const Entries& entries) {
-  card.write(entries);
-  if (card.read() != entries) {
-    throw PidMapError(fmt::format(
+void send(ChannelVariables& card, const Entries& entries) {
+  card.writeMap(entries);
+  if (card.readMap() != entries) {
+    throw Error(fmt::format(
         "the card holds another PID map than was sent: another client is loading channel {} as well",
         channelName(card.channel())));
   }
 }
 
 // An unlock without a reply may have been carried out.
-void unlock(PidMapVariables& card) {
+void unlock(ChannelVariables& card) {
   try {
-    card.setLock(false);
-  } catch (const LinkError&) {
-    if (card.locked()) card.setLock(false);
+    card.lockMap(false);
+  } catch (const Error& e) {
+    if (!e.gotNoReply()) throw;
+    if (card.mapLocked()) card.lockMap(false);
   }
 }
 
-// Calls `step`; its PidMapError or LinkError goes to `failed` as a text.
+// Calls `step`; its Error goes to `failed` as a text.
 template <typename Step, typename Failed>
 void attempt(const Step& step, const Failed& failed) {
-  std::string cause;
   try {
     step();
-    return;
-  } catch (const PidMapError& e) {
-    cause = e.what();
-  } catch (const LinkError& e) {
-    cause = e.what();
+  } catch (const Error& e) {
+    failed(e.what());
   }
-  failed(cause);
 }
 
 // The record and the router must hold the map after the unlock.
 void verify(Link& link, const Channel& channel, const Entries& wanted, const MapOptions& options) {
   const PidMap now = readMap(link, channel);
   if (now.locked || !same(now.entries, wanted)) {
-    throw PidMapError("the card holds another map: another client has loaded the channel meanwhile");
+    throw Error("the card holds another map: another client has loaded the channel meanwhile");
   }
+  std::vector<chassis::RouterWords> router;
   try {
-    if (!holds(routerMap(link, channel), now.entries)) {
-      throw PidMapError("the chassis's router does not hold what the card's record holds");
-    }
-  } catch (const ServiceError& e) {
-    tell(options, fmt::format("whether the router holds the map was not seen: {}", e.what()));
+    router = routerMap(link, channel);
+  } catch (const Error& e) {
+    if (e.gotNoReply()) throw;
+    return tell(options, fmt::format("whether the router holds the map was not seen: {}", e.what()));
+  }
+  if (!holds(router, now.entries)) {
+    throw Error("the chassis's router does not hold what the card's record holds");
   }
 }
 
@@ -214,7 +215,7 @@ class Replacement {
 
  private:
   void load() {
-    card_.setLock(true);
+    card_.lockMap(true);
     send(card_, wanted_);
     unlocking_ = true;
     unlock(card_);
@@ -225,26 +226,26 @@ class Replacement {
     Entries now;
     attempt(
         [&] {
-          if (card_.locked()) {
+          if (card_.mapLocked()) {
             unlocking_ = false;
             locked_ = true;
             send(card_, before_);
             locked_ = false;  // not for sure any more
             unlock(card_);
           }
-          now = card_.read();
+          now = card_.readMap();
         },
         [&](const std::string& second) { failStuck(cause, second); });
     if (unlocking_ && same(now, wanted_)) return;
     std::erase_if(now, isBlank);  // as they are left out of what was there
     if (!same(now, before_)) {
-      throw PidMapError(
+      throw Error(
           fmt::format("{}\nChannel {} holds neither the map that was there nor the new one: "
                       "another client has loaded it meanwhile{}",
                       cause, name_, whereKept()));
     }
     rescue.drop();
-    throw PidMapError(
+    throw Error(
         fmt::format("{}\nNothing was changed: channel {} carries the map that was there", cause, name_));
   }
 
@@ -255,7 +256,7 @@ class Replacement {
 
   [[noreturn]] void refuseLocked() const {
     const bool kept = !options_.rescueFile.empty() && std::filesystem::exists(options_.rescueFile);
-    throw PidMapError(fmt::format(
+    throw Error(fmt::format(
         "the PID map of {} is locked: another client is loading it, or broke off. When none is at work any "
         "more, 'qamctl pidmap release {}{}' ends the lock{}",
         name_, name_, kept ? " --restore " + options_.rescueFile.string() : "",
@@ -272,19 +273,19 @@ class Replacement {
         "the map that was there",
         cause, second, name_, locked_ ? "is" : "may be", unlocking_ ? " or the new one" : "", whereKept(),
         name_, name_, restore);
-    if (unlocking_) throw MapUnseenError(text);
-    throw PidMapError(text);
+    throw Error(text, unlocking_ ? Error::Kind::kUnseen : Error::Kind::kFailed);
   }
 
   [[noreturn]] void failUnverified(const std::string& cause) const {
-    throw MapUnseenError(
+    throw Error(
         fmt::format("the new map of {} was sent whole and unlocked, but could not be found in place: {}{}\n"
                     "'qamctl pidmap show {}' tells what the channel carries",
-                    name_, cause, whereKept(), name_));
+                    name_, cause, whereKept(), name_),
+        Error::Kind::kUnseen);
   }
 
   Link& link_;
-  PidMapVariables card_;
+  ChannelVariables card_;
   const Entries& wanted_;
   const MapOptions& options_;
   std::string name_;
@@ -294,15 +295,16 @@ class Replacement {
 };
 
 // What the lock is to be ended with.
-Entries mapOfRelease(Link& link, PidMapVariables& card, ReleaseBy by, const Entries& entries,
+Entries mapOfRelease(Link& link, ChannelVariables& card, ReleaseBy by, const Entries& entries,
                      const MapOptions& options) {
   if (by == ReleaseBy::kMap) return withoutBlanks(entries, options);
-  if (by == ReleaseBy::kRecord) return withoutBlanks(card.read(), options);
+  if (by == ReleaseBy::kRecord) return withoutBlanks(card.readMap(), options);
   tell(options, "the router knows no programme numbers and types: they become 0");
   try {
     return withoutBlanks(entriesOf(routerMap(link, card.channel())), options);
-  } catch (const ServiceError& e) {
-    throw PidMapError(
+  } catch (const Error& e) {
+    if (e.gotNoReply()) throw;
+    throw Error(
         fmt::format("nothing was changed: {}; --restore FILE ends the lock with a map of yours", e.what()));
   }
 }
@@ -310,13 +312,13 @@ Entries mapOfRelease(Link& link, PidMapVariables& card, ReleaseBy by, const Entr
 }  // namespace
 
 void checkMap(const Entries& entries, const MapOptions& options) {
-  if (entries.size() > kMapSize) {
-    throw PidMapError(fmt::format("{} is one too many: a map has at most {} entries, this one has {}",
-                                  nameOf(options, kMapSize), kMapSize, entries.size()));
+  if (entries.size() > kPidMapSize) {
+    throw Error(fmt::format("{} is one too many: a map has at most {} entries, this one has {}",
+                            nameOf(options, kPidMapSize), kPidMapSize, entries.size()));
   }
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const std::string fault = faultOf(entries[i], options.sources);
-    if (!fault.empty()) throw PidMapError(fmt::format("{}: {}", nameOf(options, i), fault));
+    if (!fault.empty()) throw Error(fmt::format("{}: {}", nameOf(options, i), fault));
   }
   refuseDoubles(entries, options);
   noteTablePids(entries, options);
@@ -330,12 +332,12 @@ void replaceMap(Link& link, const Channel& channel, const Entries& entries, cons
 Entries releaseMap(Link& link, const Channel& channel, ReleaseBy by, const Entries& entries,
                    const MapOptions& options) {
   const std::string name = channelName(channel);
-  if (entries.size() > kMapSize) {
-    throw PidMapError(fmt::format("{} entries are more than the {} of a map", entries.size(), kMapSize));
+  if (entries.size() > kPidMapSize) {
+    throw Error(fmt::format("{} entries are more than the {} of a map", entries.size(), kPidMapSize));
   }
-  PidMapVariables card(link, channel);
-  if (!card.locked()) {
-    throw PidMapError(fmt::format(
+  ChannelVariables card(link, channel);
+  if (!card.mapLocked()) {
+    throw Error(fmt::format(
         "the PID map of {} is not locked: there is nothing to release, nothing was changed", name));
   }
   Entries wanted = mapOfRelease(link, card, by, entries, options);
@@ -345,7 +347,7 @@ Entries releaseMap(Link& link, const Channel& channel, ReleaseBy by, const Entri
         unlock(card);
       },
       [&](const std::string& cause) {
-        throw PidMapError(fmt::format(
+        throw Error(fmt::format(
             "{}\nChannel {} may be locked still; on the air is the map that was there or the one that was "
             "sent, whole.\n'qamctl pidmap show {}' tells; while the lock is held, the same command can be "
             "given again",
@@ -353,7 +355,7 @@ Entries releaseMap(Link& link, const Channel& channel, ReleaseBy by, const Entri
       });
   attempt([&] { verify(link, channel, wanted, options); },
           [&](const std::string& cause) {
-            throw PidMapError(
+            throw Error(
                 fmt::format("the lock of {} was ended, but the map could not be found in place: "
                             "{}\n'qamctl pidmap show {}' tells what the channel carries",
                             name, cause, name));

@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "client/pid_map.h"
+#include "client/link.h"
+#include "protocol/records.h"
 
 namespace client {
 
@@ -27,23 +28,16 @@ struct MapOptions {
   std::function<void(const std::string& text)> note;  // what an operator should know; may be empty
 };
 
-// Refuses a map that the card would not take or the router not carry as meant: more than kMapSize entries,
+// Refuses a map that the card would not take or the router not carry as meant: more than kPidMapSize entries,
 // numbers out of range, a source twice, two sources on one output PID, inputs that `options.sources` has not.
-// Notes output PIDs on which the card sends tables of its own. Throws PidMapError, which names the entries.
+// Notes output PIDs on which the card sends tables of its own. Throws Error, which names the entries.
 void checkMap(const std::vector<MapEntry>& entries, const MapOptions& options);
-
-// The new map was sent whole, and it or the one that was there is on the air: the unlock failed, or what
-// followed it could not be seen.
-class MapUnseenError : public PidMapError {
- public:
-  using PidMapError::PidMapError;
-};
 
 // Replaces the channel's map: checks it, refuses a locked channel, keeps the map that is there, locks, sends,
 // compares, unlocks, and looks whether record and router hold it. An error after the lock sends back the map
 // that was there and unlocks; where that fails too, what() says what stands where and which command comes
-// next. Throws PidMapError (MapUnseenError once the new map may be on the air); LinkError only where nothing
-// was changed yet.
+// next. Throws Error (kUnseen once the new map may be on the air, kNoReply only where nothing
+// was changed yet).
 void replaceMap(Link& link, const Channel& channel, const std::vector<MapEntry>& entries,
                 const MapOptions& options);
 
@@ -55,8 +49,8 @@ enum class ReleaseBy {
 };
 // Ends the lock of a locked channel by sending a whole map under it (not so for kRecord) and unlocking.
 // `entries` is for kMap; they are sent as they are, unchecked, for they stood in a card before. Returns what
-// the channel carries then. Throws PidMapError, also when the channel is not locked; LinkError only where
-// nothing was changed yet.
+// the channel carries then. Throws Error, also when the channel is not locked; kNoReply only
+// where nothing was changed yet.
 std::vector<MapEntry> releaseMap(Link& link, const Channel& channel, ReleaseBy by,
                                  const std::vector<MapEntry>& entries, const MapOptions& options);
 

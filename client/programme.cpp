@@ -7,9 +7,10 @@
 #include <functional>
 #include <system_error>
 
+#include "base/files.h"
+#include "client/channel_variables.h"
 #include "client/psi_read_back.h"
 #include "client/psi_upload.h"
-#include "client/replace_file.h"
 
 namespace client {
 namespace {
@@ -18,7 +19,7 @@ constexpr u32 kUsualInterval_ticks = 300;  // for a table that comes on the air 
 constexpr std::chrono::milliseconds kPoll{100};
 
 // Asks an input for a table until it is accepted; nothing when its patience ends before.
-std::vector<Section> awaitSections(Link& link, const SourcePort& source, u16 pid, TableType type,
+std::vector<Section> awaitSections(Link& link, const SourcePort& source, u16 pid, PsiType type,
                                    std::chrono::milliseconds patience,
                                    const std::function<bool(const std::vector<Section>&)>& accept) {
   for (auto waited = std::chrono::milliseconds(0);; waited += kPoll) {
@@ -37,17 +38,17 @@ class SourceReader {
   }
 
   std::pair<SourceTables, u16> read(const std::string& choice) {
-    tables_.pat = whole(TableType::kPat);
-    if (tables_.pat.empty()) fail(tableName(TableType::kPat), "is the input there and its stream running?");
-    tables_.sdt = whole(TableType::kSdtC);
+    tables_.pat = whole(PAT);
+    if (tables_.pat.empty()) fail(tableName(PAT), "is the input there and its stream running?");
+    tables_.sdt = whole(SDT_C);
     const u16 number = choose(choice);
     tables_.pmt =
-        awaitSections(link_, tables_.input, pmtPidOf(tables_.pat, number).value(), TableType::kPmt, patience_,
+        awaitSections(link_, tables_.input, pmtPidOf(tables_.pat, number).value(), PMT, patience_,
                       [&](const auto& sections) { return std::ranges::any_of(sections, isOf(number)); });
     if (tables_.pmt.empty()) {
       fail(fmt::format("PMT of programme {}", number), "the PAT names it, and nothing sends it");
     }
-    if (isScrambled(number)) tables_.cat = whole(TableType::kCat);
+    if (isScrambled(number)) tables_.cat = whole(CAT);
     return {std::move(tables_), number};
   }
 
@@ -56,7 +57,7 @@ class SourceReader {
     return [number](const Section& s) { return s.extension() == number; };
   }
 
-  std::vector<Section> whole(TableType type) {
+  std::vector<Section> whole(PsiType type) {
     return awaitSections(link_, tables_.input, tablePid(type).value(), type, patience_, isWhole);
   }
 
@@ -64,7 +65,7 @@ class SourceReader {
   u16 choose(const std::string& choice) const {
     try {
       return chooseProgramme(tables_.pat, tables_.sdt, choice, inputName(tables_.input));
-    } catch (const ProgrammeError& e) {
+    } catch (const Error& e) {
       if (!tables_.sdt.empty()) throw;
       fail("SDT", fmt::format("its services have no names, so choose by number ({})", e.what()));
     }
@@ -77,9 +78,9 @@ class SourceReader {
   }
 
   [[noreturn]] void fail(const std::string& table, const std::string& hint) const {
-    throw ProgrammeError(fmt::format("the {} of {} did not come whole within {:.1f} s: {}", table,
-                                     inputName(tables_.input),
-                                     std::chrono::duration<double>(patience_).count(), hint));
+    throw Error(fmt::format("the {} of {} did not come whole within {:.1f} s: {}", table,
+                            inputName(tables_.input), std::chrono::duration<double>(patience_).count(),
+                            hint));
   }
 
   Link& link_;
@@ -87,10 +88,10 @@ class SourceReader {
   SourceTables tables_;
 };
 
-Intervals intervalsOf(const ReadBack& tables, const std::set<TableType>& fresh) {
+Intervals intervalsOf(const ReadBack& tables, const std::set<PsiType>& fresh) {
   Intervals intervals;
-  for (const TableType type : kAllTables) {
-    const u32 ticks = tables.tables[indexOf(type)].interval_ticks;
+  for (const PsiType type : kAllTables) {
+    const u32 ticks = tables.tables[type].interval_ticks;
     intervals[type] = ticks == 0 && fresh.contains(type) ? kUsualInterval_ticks : ticks;
   }
   return intervals;
@@ -114,7 +115,8 @@ class Change {
     if (both != oldMap_) {
       try {
         replaceMap(link_, before_.channel, both, options_.map);
-      } catch (const MapUnseenError& e) {
+      } catch (const Error& e) {
+        if (e.kind() != Error::Kind::kUnseen) throw;
         failUnseen(e, "those that were there");
       }
     }
@@ -125,10 +127,9 @@ class Change {
     if (plan_.map != both) {
       try {
         replaceMap(link_, before_.channel, plan_.map, options_.map);
-      } catch (const MapUnseenError& e) {  // the old tables would name what the new map does not bring
-        failUnseen(e, "the new ones");
-      } catch (const std::runtime_error& e) {
-        undo(e.what(), tablesChange, both);
+      } catch (const Error& e) {
+        if (e.kind() != Error::Kind::kUnseen) undo(e.what(), tablesChange, both);
+        failUnseen(e, "the new ones");  // the old ones would name what the new map does not bring
       }
     }
     dropFile();
@@ -145,22 +146,17 @@ class Change {
     return asKept(both);
   }
 
-  [[noreturn]] void failUnseen(const MapUnseenError& e, const char* tables) {
+  [[noreturn]] void failUnseen(const Error& e, const char* tables) {
     dropFile();
-    throw ProgrammeError(
-        fmt::format("{}\nThe tables of {} are {}", e.what(), ownerName(before_.channel), tables));
+    throw Error(fmt::format("{}\nThe tables of {} are {}", e.what(), ownerName(before_.channel), tables));
   }
 
   void loadTables(const std::vector<MapEntry>& map) {
     const auto intervals = intervalsOf(before_.tables, plan_.fresh);
     try {
       upload(link_, before_.channel, plan_.tables, intervals);
-    } catch (const PsiLockedError& e) {
-      undo(e.what(), false, map);
-    } catch (const LinkError& e) {  // before the lock, or it would be a PsiError
-      undo(e.what(), false, map);
-    } catch (const PsiError& e) {
-      undo(e.what(), true, map);
+    } catch (const Error& e) {
+      undo(e.what(), e.kind() == Error::Kind::kFailed, map);
     }
   }
 
@@ -193,7 +189,7 @@ class Change {
       attempt(
           "PID map", [&] { replaceMap(link_, before_.channel, oldMap_, options_.map); }, "");
     }
-    throw ProgrammeError(text);
+    throw Error(text);
   }
 
   std::string wayBack() const {
@@ -207,8 +203,8 @@ class Change {
     if (options_.tablesFile.empty() || oldTables_.packets == 0) return;
     const auto& file = options_.tablesFile;
     try {
-      replaceFile(file, fmt::format("{}.{}.part", file.string(), ::getpid()),
-                  transportStream(before_.tables));
+      base::replaceFile(file, fmt::format("{}.{}.part", file.string(), ::getpid()),
+                        transportStream(before_.tables));
     } catch (const std::system_error& e) {
       undo(fmt::format("the tables of {} cannot be kept in {}, so they are not changed: {}",
                        ownerName(before_.channel), file.string(), e.what()),
@@ -236,7 +232,7 @@ void refuseLeftFile(const ProgrammeOptions& options, const Channel& channel) {
   std::error_code ignored;
   if (options.tablesFile.empty() || !std::filesystem::exists(options.tablesFile, ignored)) return;
   const std::string file = options.tablesFile.string();
-  throw ProgrammeError(
+  throw Error(
       fmt::format("{} holds tables of {} that could not be put back once: 'qamctl psi load {} {} --force' "
                   "does; then, or when they are not wanted any more, remove the file",
                   file, ownerName(channel), channelName(channel), file));
@@ -247,7 +243,7 @@ void refuseLeftFile(const ProgrammeOptions& options, const Channel& channel) {
 OutputState readOutput(Link& link, const Channel& channel) {
   OutputState state{.channel = channel, .tables = readBack(link, channel), .map = {}};
   if (state.tables.locked) {
-    throw ProgrammeError(fmt::format(
+    throw Error(fmt::format(
         "the tables of {0} are locked: another client is loading them, or broke off. When none is "
         "at work any more, 'qamctl psi load {1} FILE --force' loads them anew, 'qamctl psi clear "
         "{1} --force' leaves none",
@@ -255,7 +251,7 @@ OutputState readOutput(Link& link, const Channel& channel) {
   }
   PidMap map = readMap(link, channel);
   if (map.locked) {
-    throw ProgrammeError(fmt::format(
+    throw Error(fmt::format(
         "the PID map of {} is locked: another client is loading it, or broke off. When none is at "
         "work any more, 'qamctl pidmap release {}' ends that",
         ownerName(channel), channelName(channel)));
@@ -279,8 +275,8 @@ ProgrammePlan removeProgramme(Link& link, const Channel& channel, const std::str
   refuseLeftFile(options, channel);
   const OutputState before = readOutput(link, channel);
   const ChannelTables tables(before.tables, ownerName(channel));
-  const u16 number = chooseProgramme(tables.sections(TableType::kPat), tables.sections(TableType::kSdtC),
-                                     choice, ownerName(channel));
+  const u16 number =
+      chooseProgramme(tables.sections(PAT), tables.sections(SDT_C), choice, ownerName(channel));
   ProgrammePlan plan = planRemove(before, number);
   Change(link, before, plan, options).run();
   return plan;

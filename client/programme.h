@@ -23,13 +23,13 @@ struct ProgrammeOptions {
   std::chrono::milliseconds patience{5000};  // for each table of an input to come
 };
 
-// Refuses a channel of which tables or map are locked. Throws ProgrammeError, PsiError, PidMapError or
-// LinkError.
+// Refuses a channel of which tables or map are locked. Throws Error or
+// Error.
 OutputState readOutput(Link& link, const Channel& channel);
 
 // `choice` is a programme number or a service's name. What must be on the air first goes first: when a
 // programme comes, its packets and then the tables that name them; when it goes, the other way round. Throws
-// ProgrammeError and PlanError, also as above while nothing was changed; what() of an error that comes later
+// Error and Error, also as above while nothing was changed; what() of an error that comes later
 // says what was taken back, and what was not.
 ProgrammePlan addProgramme(Link& link, const Channel& channel, const SourcePort& source,
                            const std::string& choice, const ProgrammeOptions& options);

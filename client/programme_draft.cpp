@@ -14,7 +14,7 @@ bool isFrom(const MapEntry& entry, const SourcePort& input) {
 std::vector<PidField> fieldsByPid(const Section& pmt) {
   std::vector<PidField> fields = pidsOfPmt(pmt);
   std::ranges::stable_sort(fields, {}, &PidField::use);
-  std::set<u16> seen{kNoPid};
+  std::set<u16> seen{kNullPid};
   std::erase_if(fields, [&](const PidField& f) { return !seen.insert(f.pid(pmt.bytes)).second; });
   return fields;
 }
@@ -27,31 +27,30 @@ ProgrammeDraft::ProgrammeDraft(const OutputState& output)
   if (map_.size() != output.map.size()) {
     note(fmt::format("{} map entries that name no slot left out", output.map.size() - map_.size()));
   }
-  for (Section& section : tables_.sections(TableType::kPmt)) pmts_.push_back(std::move(section));
+  for (Section& section : tables_.sections(PMT)) pmts_.push_back(std::move(section));
 }
 
-std::optional<EntryTable> ProgrammeDraft::table(TableType type) const {
+std::optional<EntryTable> ProgrammeDraft::table(PsiType type) const {
   const auto sections = tables_.sections(type);
   if (sections.empty()) {
     if (tables_.has(type)) {
-      throw ProgrammeError(
-          fmt::format("{} of {} has no whole section: load it anew first", tableName(type), owner_));
+      throw Error(fmt::format("{} of {} has no whole section: load it anew first", tableName(type), owner_));
     }
     return std::nullopt;
   }
   return EntryTable(type, sections, owner_);
 }
 
-std::vector<Bytes> ProgrammeDraft::entries(TableType type) const {
+std::vector<Bytes> ProgrammeDraft::entries(PsiType type) const {
   const auto found = table(type);
   return found ? found->entries() : std::vector<Bytes>();
 }
 
-void ProgrammeDraft::put(const EntryTable& table, TableType type) {
+void ProgrammeDraft::put(const EntryTable& table, PsiType type) {
   tables_.put(type, tablePid(type).value(), table.sections());
 }
 
-void ProgrammeDraft::drop(TableType type) {
+void ProgrammeDraft::drop(PsiType type) {
   tables_.put(type, tablePid(type).value(), {});
 }
 
@@ -67,7 +66,7 @@ void ProgrammeDraft::putPmt(u16 number, u16 pid, const std::optional<Section>& s
   std::vector<Section> onPid;
   std::ranges::copy_if(pmts_, std::back_inserter(onPid), [&](const Section& s) { return s.pid == pid; });
   std::ranges::stable_sort(onPid, {}, [](const Section& s) { return s.extension(); });
-  tables_.put(TableType::kPmt, pid, onPid);
+  tables_.put(PMT, pid, onPid);
 }
 
 MapEntry* ProgrammeDraft::entryOf(const SourcePort& input, u16 sourcePid) {
@@ -87,24 +86,24 @@ std::map<u16, std::set<u16>> ProgrammeDraft::users() const {
 std::set<u16> ProgrammeDraft::usedPids() const {
   std::set<u16> used;
   for (const MapEntry& entry : map_) used.insert(entry.pid);
-  for (const Bytes& entry : entries(TableType::kPat)) used.insert(entryPid(entry));
+  for (const Bytes& entry : entries(PAT)) used.insert(entryPid(entry));
   for (const auto& [number, pids] : users()) used.insert(pids.begin(), pids.end());
-  for (const Bytes& entry : entries(TableType::kCat)) {
+  for (const Bytes& entry : entries(CAT)) {
     if (const auto field = pidOfCatEntry(entry)) used.insert(field->pid(entry));
   }
   return used;
 }
 
 ProgrammePlan ProgrammeDraft::plan() const {
-  if (map_.size() > kMapSize) {
-    throw ProgrammeError(fmt::format("the PID map of {} would have {} entries, and it holds {}", owner_,
-                                     map_.size(), kMapSize));
+  if (map_.size() > kPidMapSize) {
+    throw Error(fmt::format("the PID map of {} would have {} entries, and it holds {}", owner_, map_.size(),
+                            kPidMapSize));
   }
   ProgrammePlan plan;
   plan.map = asKept(map_);
   plan.tables = tables_.plan();
   plan.notes = notes_;
-  for (const TableType type : kAllTables) {
+  for (const PsiType type : kAllTables) {
     if (tables_.has(type) && !before_.has(type)) plan.fresh.insert(type);
   }
   return plan;

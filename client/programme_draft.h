@@ -28,11 +28,11 @@ class ProgrammeDraft {
   const std::vector<MapEntry>& map() const { return map_; }
   const std::vector<Section>& pmts() const { return pmts_; }
 
-  // Nothing where the output has none. Throws ProgrammeError for one without a whole section.
-  std::optional<EntryTable> table(TableType type) const;
-  std::vector<Bytes> entries(TableType type) const;
-  void put(const EntryTable& table, TableType type);
-  void drop(TableType type);
+  // Nothing where the output has none. Throws Error for one without a whole section.
+  std::optional<EntryTable> table(PsiType type) const;
+  std::vector<Bytes> entries(PsiType type) const;
+  void put(const EntryTable& table, PsiType type);
+  void drop(PsiType type);
 
   const Section* pmt(u16 number, u16 pid) const;  // null: none
   // Puts the programme's PMT in the place of the one it had, or (nothing) takes that away.
@@ -50,7 +50,7 @@ class ProgrammeDraft {
 
   void note(std::string text) { notes_.push_back(std::move(text)); }
 
-  // Without the programme's own members. Throws ProgrammeError for a map that is too long, or PlanError.
+  // Without the programme's own members. Throws Error for a map that is too long, or Error.
   ProgrammePlan plan() const;
 
  private:

@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
 #include <map>
 
+#include "base/numbers.h"
 #include "client/programme_draft.h"
 #include "platform/wire.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 using Use = PidField::Use;
 
-std::vector<Bytes> entriesIn(TableType type, const std::vector<Section>& sections, const std::string& owner) {
+std::vector<Bytes> entriesIn(PsiType type, const std::vector<Section>& sections, const std::string& owner) {
   return sections.empty() ? std::vector<Bytes>() : EntryTable(type, sections, owner).entries();
 }
 
@@ -25,13 +25,6 @@ std::string fold(std::string text) {
   return text;
 }
 
-std::optional<u16> numberIn(const std::string& text) {
-  u16 number = 0;
-  const char* end = text.data() + text.size();
-  const auto [at, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && at == end ? std::optional(number) : std::nullopt;
-}
-
 // `count` PIDs for a programme, the first one for its PMT when that needs one.
 std::vector<u16> takePids(const std::set<u16>& used, std::optional<u16> base, std::size_t count,
                           bool firstIsPmt, const std::string& owner) {
@@ -40,7 +33,7 @@ std::vector<u16> takePids(const std::set<u16>& used, std::optional<u16> base, st
            !(position == 0 && firstIsPmt && marksFreePlace(pid));
   };
   if (!base) {  // a block without gaps is easier to read in a list
-    for (std::size_t first = kFirstProgrammePid; first + count <= kNoPid; ++first) {
+    for (std::size_t first = kFirstProgrammePid; first + count <= kNullPid; ++first) {
       std::vector<u16> block;
       while (block.size() < count && fits(static_cast<u16>(first + block.size()), block.size()))
         block.push_back(static_cast<u16>(first + block.size()));
@@ -48,12 +41,12 @@ std::vector<u16> takePids(const std::set<u16>& used, std::optional<u16> base, st
     }
   }
   std::vector<u16> pids;
-  for (u16 pid = base.value_or(kFirstProgrammePid); pid < kNoPid && pids.size() < count; ++pid) {
+  for (u16 pid = base.value_or(kFirstProgrammePid); pid < kNullPid && pids.size() < count; ++pid) {
     if (fits(pid, pids.size())) pids.push_back(pid);
   }
   if (pids.size() < count) {
-    throw ProgrammeError(fmt::format("{} has no {} free PIDs from {:#06x} on", owner, count,
-                                     base.value_or(kFirstProgrammePid)));
+    throw Error(fmt::format("{} has no {} free PIDs from {:#06x} on", owner, count,
+                            base.value_or(kFirstProgrammePid)));
   }
   return pids;
 }
@@ -67,7 +60,7 @@ class Adding {
         options_(options),
         from_(inputName(source.input)),
         pmt_(sourcePmt()),
-        pat_(draft_.table(TableType::kPat)) {}
+        pat_(draft_.table(PAT)) {}
 
   ProgrammePlan run() {
     findOldOne();
@@ -91,15 +84,15 @@ class Adding {
     std::ranges::copy_if(source_.pmt, std::back_inserter(own),
                          [&](const Section& s) { return s.extension() == sourceNumber_; });
     if (own.empty()) {
-      throw ProgrammeError(fmt::format("{} has no PMT of programme {}", from_, sourceNumber_));
+      throw Error(fmt::format("{} has no PMT of programme {}", from_, sourceNumber_));
     }
     if (own.size() > 1 || own[0].lastNumber() > 0) {
-      throw ProgrammeError(fmt::format("the PMT of programme {} on {} has several sections; a PMT has one",
-                                       sourceNumber_, from_));
+      throw Error(fmt::format("the PMT of programme {} on {} has several sections; a PMT has one",
+                              sourceNumber_, from_));
     }
     if (own[0].bytes.size() > kMaxSectionSize) {
-      throw ProgrammeError(fmt::format("the PMT of programme {} on {} has {} bytes, and {} are the most",
-                                       sourceNumber_, from_, own[0].bytes.size(), kMaxSectionSize));
+      throw Error(fmt::format("the PMT of programme {} on {} has {} bytes, and {} are the most",
+                              sourceNumber_, from_, own[0].bytes.size(), kMaxSectionSize));
     }
     return own[0];
   }
@@ -109,7 +102,7 @@ class Adding {
     for (const MapEntry& entry : draft_.map()) {
       if (!isFrom(entry, source_.input) || entry.sourceProgramme != sourceNumber_ || entry.programme == 0)
         continue;
-      for (const Bytes& p : draft_.entries(TableType::kPat)) {
+      for (const Bytes& p : draft_.entries(PAT)) {
         if (entryNumber(p) != entry.programme) continue;
         number_ = entry.programme;
         pmtPid_ = entryPid(p);
@@ -136,7 +129,7 @@ class Adding {
 
   u16 freeNumber() {
     std::set<u16> taken{kNoNetwork};
-    for (const TableType type : {TableType::kPat, TableType::kSdtC}) {
+    for (const PsiType type : {PAT, SDT_C}) {
       for (const Bytes& entry : draft_.entries(type)) taken.insert(entryNumber(entry));
     }
     u16 number = sourceNumber_;
@@ -151,19 +144,19 @@ class Adding {
   void pass(u16 pid) {
     const bool isShared = pid == kEitPid || pid == kTimePid;
     if (!isShared && isReservedPid(pid)) {
-      throw ProgrammeError(
+      throw Error(
           fmt::format("PID {:#06x} cannot be passed: the card sends tables of its own there, or nobody does; "
                       "0x12 (EIT), 0x14 (TDT and TOT) and those from 0x20 on can",
                       pid));
     }
     if (const MapEntry* entry = draft_.entryOf(source_.input, pid)) {
       if (entry->pid == pid) return;
-      throw ProgrammeError(fmt::format("PID {:#06x} of {} is in {} already, as PID {:#06x}", pid, from_,
-                                       draft_.owner(), entry->pid));
+      throw Error(fmt::format("PID {:#06x} of {} is in {} already, as PID {:#06x}", pid, from_,
+                              draft_.owner(), entry->pid));
     }
     if (draft_.usedPids().contains(pid)) {
-      throw ProgrammeError(fmt::format("PID {:#06x} of {} cannot be passed: {} has that PID from elsewhere",
-                                       pid, from_, draft_.owner()));
+      throw Error(fmt::format("PID {:#06x} of {} cannot be passed: {} has that PID from elsewhere", pid,
+                              from_, draft_.owner()));
     }
     // EIT and time belong to all programmes of an input, any other PID to the one that it came with.
     draft_.map().push_back(mapEntry(pid, pid, 0));
@@ -187,10 +180,10 @@ class Adding {
       if (field.use == Use::kCa) systems.insert(field.caSystem);
     }
     if (systems.empty()) return {};
-    std::vector<Bytes> entries = entriesIn(TableType::kCat, source_.cat, from_);
+    std::vector<Bytes> entries = entriesIn(CAT, source_.cat, from_);
     std::erase_if(entries, [&](const Bytes& entry) {
       const auto field = pidOfCatEntry(entry);
-      return !field || !systems.contains(field->caSystem) || field->pid(entry) == kNoPid;
+      return !field || !systems.contains(field->caSystem) || field->pid(entry) == kNullPid;
     });
     draft_.note(entries.empty() ? fmt::format("the programme has CA descriptors, and {} no CAT for them: "
                                               "entitlements do not come with it",
@@ -203,8 +196,8 @@ class Adding {
     std::vector<std::pair<u16, u16>> wanted;  // PID on the input, type
     const auto want = [&](u16 pid, u16 type) {
       if (pid < kFirstFreePid) {
-        throw ProgrammeError(fmt::format("programme {} of {} names PID {:#06x}, which belongs to tables",
-                                         sourceNumber_, from_, pid));
+        throw Error(fmt::format("programme {} of {} names PID {:#06x}, which belongs to tables",
+                                sourceNumber_, from_, pid));
       }
       if (draft_.entryOf(source_.input, pid) == nullptr) wanted.emplace_back(pid, type);
     };
@@ -226,13 +219,13 @@ class Adding {
   }
 
   u16 mapped(u16 sourcePid) {
-    const MapEntry* entry = sourcePid == kNoPid ? nullptr : draft_.entryOf(source_.input, sourcePid);
-    return entry == nullptr ? kNoPid : entry->pid;
+    const MapEntry* entry = sourcePid == kNullPid ? nullptr : draft_.entryOf(source_.input, sourcePid);
+    return entry == nullptr ? kNullPid : entry->pid;
   }
 
   u16 transportStreamId() {
     if (pat_) return pat_->extension();
-    if (const auto sdt = draft_.table(TableType::kSdtC)) return sdt->extension();
+    if (const auto sdt = draft_.table(SDT_C)) return sdt->extension();
     if (options_.transportStreamId) return *options_.transportStreamId;
     draft_.note(
         fmt::format("{} has no transport_stream_id yet: it gets 1 (--ts-id sets another)", draft_.owner()));
@@ -245,9 +238,9 @@ class Adding {
     if (options_.transportStreamId && *options_.transportStreamId != streamId_) {
       draft_.note(fmt::format("{} keeps its transport_stream_id {}", draft_.owner(), streamId_));
     }
-    EntryTable pat = pat_ ? *pat_ : EntryTable(TableType::kPat, streamId_, {});
+    EntryTable pat = pat_ ? *pat_ : EntryTable(PAT, streamId_, {});
     pat.add(patEntry(number_, pmtPid_));
-    draft_.put(pat, TableType::kPat);
+    draft_.put(pat, PAT);
   }
 
   void putPmt() {
@@ -270,8 +263,8 @@ class Adding {
 
   void putCat() {
     if (entitlements_.empty()) return;
-    const auto there = draft_.table(TableType::kCat);
-    EntryTable cat = there ? *there : EntryTable(TableType::kCat, 0xFFFF, {});
+    const auto there = draft_.table(CAT);
+    EntryTable cat = there ? *there : EntryTable(CAT, 0xFFFF, {});
     bool changed = false;
     for (Bytes entry : entitlements_) {
       const PidField field = *pidOfCatEntry(entry);
@@ -289,7 +282,7 @@ class Adding {
       cat.add(std::move(entry));
       changed = true;
     }
-    if (changed) draft_.put(cat, TableType::kCat);
+    if (changed) draft_.put(cat, CAT);
   }
 
   bool passesEit() {
@@ -298,7 +291,7 @@ class Adding {
   }
 
   std::optional<Bytes> sourceService(u16 number) const {
-    for (Bytes& entry : entriesIn(TableType::kSdtC, source_.sdt, from_)) {
+    for (Bytes& entry : entriesIn(SDT_C, source_.sdt, from_)) {
       if (entryNumber(entry) == number) return std::move(entry);
     }
     return std::nullopt;
@@ -312,10 +305,10 @@ class Adding {
       return;
     }
     name_ = serviceName(*service);
-    auto sdt = draft_.table(TableType::kSdtC);
+    auto sdt = draft_.table(SDT_C);
     if (!sdt) {
-      const EntryTable theirs(TableType::kSdtC, source_.sdt, from_);
-      sdt.emplace(TableType::kSdtC, old_ ? transportStreamId() : streamId_, theirs.head());
+      const EntryTable theirs(SDT_C, source_.sdt, from_);
+      sdt.emplace(SDT_C, old_ ? transportStreamId() : streamId_, theirs.head());
       draft_.note(fmt::format("{} has no SDT yet: it gets the original_network_id {} of {}", draft_.owner(),
                               wire::get16(theirs.head().data()), from_));
     }
@@ -327,7 +320,7 @@ class Adding {
       sdt->add(*service);
     }
     followEit(*sdt);
-    if (sdt->entries() != before) draft_.put(*sdt, TableType::kSdtC);
+    if (sdt->entries() != before) draft_.put(*sdt, SDT_C);
     if (passesEit()) noteForeignEit(*sdt);
   }
 
@@ -344,7 +337,7 @@ class Adding {
   }
 
   void noteForeignEit(const EntryTable& sdt) {
-    const EntryTable theirs(TableType::kSdtC, source_.sdt, from_);
+    const EntryTable theirs(SDT_C, source_.sdt, from_);
     if (theirs.extension() == sdt.extension() && theirs.head() == sdt.head() && number_ == sourceNumber_)
       return;
     draft_.note(fmt::format(
@@ -373,14 +366,14 @@ class Removing {
   Removing(const OutputState& output, u16 number) : draft_(output), number_(number) {}
 
   ProgrammePlan run() {
-    auto pat = draft_.table(TableType::kPat);
+    auto pat = draft_.table(PAT);
     const auto pmtPid = pat ? pmtPidOf(pat->sections(), number_) : std::nullopt;
-    if (!pmtPid) throw ProgrammeError(fmt::format("{} has no programme {}", draft_.owner(), number_));
+    if (!pmtPid) throw Error(fmt::format("{} has no programme {}", draft_.owner(), number_));
     if (const Section* pmt = draft_.pmt(number_, *pmtPid)) {
       for (const PidField& field : pidsOfPmt(*pmt)) pids_.insert(field.pid(pmt->bytes));
     }
     pat->remove([&](const Bytes& entry) { return entryNumber(entry) == number_; });
-    draft_.put(*pat, TableType::kPat);
+    draft_.put(*pat, PAT);
     draft_.putPmt(number_, *pmtPid, std::nullopt);
     const std::string name = removeService();
 
@@ -404,7 +397,7 @@ class Removing {
 
   std::string removeService() {
     std::string name;
-    auto sdt = draft_.table(TableType::kSdtC);
+    auto sdt = draft_.table(SDT_C);
     if (!sdt) return name;
     const auto before = sdt->entries();
     sdt->remove([&](const Bytes& entry) {
@@ -412,7 +405,7 @@ class Removing {
       name = serviceName(entry);
       return true;
     });
-    if (sdt->entries() != before) draft_.put(*sdt, TableType::kSdtC);
+    if (sdt->entries() != before) draft_.put(*sdt, SDT_C);
     return name;
   }
 
@@ -431,7 +424,7 @@ class Removing {
 
   // The CAT entries of the programme go with it unless another one from the input has the same CA system.
   void removeEntitlements(const SourcePort& input) {
-    auto cat = draft_.table(TableType::kCat);
+    auto cat = draft_.table(CAT);
     if (!cat) return;
     const auto systems = systemsFrom(input);
     const auto before = cat->entries();
@@ -451,9 +444,9 @@ class Removing {
     const auto after = cat->entries();
     if (after == before) return;
     if (after.empty())
-      draft_.drop(TableType::kCat);
+      draft_.drop(CAT);
     else
-      draft_.put(*cat, TableType::kCat);
+      draft_.put(*cat, CAT);
   }
 
   u16 sourceNumberOf(u16 programme, const SourcePort& input) const {
@@ -486,7 +479,7 @@ std::vector<MapEntry> asKept(std::vector<MapEntry> map) {
 }
 
 std::optional<u16> pmtPidOf(const std::vector<Section>& pat, u16 number) {
-  for (const Bytes& entry : entriesIn(TableType::kPat, pat, "this stream")) {
+  for (const Bytes& entry : entriesIn(PAT, pat, "this stream")) {
     if (entryNumber(entry) == number && number != kNoNetwork) return entryPid(entry);
   }
   return std::nullopt;
@@ -495,14 +488,14 @@ std::optional<u16> pmtPidOf(const std::vector<Section>& pat, u16 number) {
 u16 chooseProgramme(const std::vector<Section>& pat, const std::vector<Section>& sdt,
                     const std::string& choice, const std::string& owner) {
   std::map<u16, std::string> programmes;
-  for (const Bytes& entry : entriesIn(TableType::kPat, pat, owner))
-    programmes.emplace(entryNumber(entry), "");
+  for (const Bytes& entry : entriesIn(PAT, pat, owner)) programmes.emplace(entryNumber(entry), "");
   programmes.erase(kNoNetwork);
-  for (const Bytes& entry : entriesIn(TableType::kSdtC, sdt, owner)) {
+  for (const Bytes& entry : entriesIn(SDT_C, sdt, owner)) {
     if (const auto found = programmes.find(entryNumber(entry)); found != programmes.end())
       found->second = serviceName(entry);
   }
-  if (const auto number = numberIn(choice); number && programmes.contains(*number)) return *number;
+  if (const auto number = base::parseDecimal<u16>(choice); number && programmes.contains(*number))
+    return *number;
   std::vector<u16> named;
   std::string all;
   for (const auto& [number, name] : programmes) {
@@ -511,11 +504,11 @@ u16 chooseProgramme(const std::vector<Section>& pat, const std::vector<Section>&
   }
   if (named.size() == 1) return named[0];
   if (named.empty()) {
-    throw ProgrammeError(
+    throw Error(
         fmt::format("{} has no programme '{}': it has {}", owner, choice, all.empty() ? "none at all" : all));
   }
-  throw ProgrammeError(fmt::format("{} has {} programmes of the name '{}': choose by number, {}", owner,
-                                   named.size(), choice, fmt::join(named, " or ")));
+  throw Error(fmt::format("{} has {} programmes of the name '{}': choose by number, {}", owner, named.size(),
+                          choice, fmt::join(named, " or ")));
 }
 
 ProgrammePlan planAdd(const OutputState& output, const SourceTables& source, u16 number,
@@ -530,7 +523,7 @@ ProgrammePlan planRemove(const OutputState& output, u16 number) {
 std::vector<Programme> programmesOf(const OutputState& output) {
   const ProgrammeDraft draft(output);
   std::vector<Programme> programmes;
-  for (const Bytes& entry : draft.entries(TableType::kPat)) {
+  for (const Bytes& entry : draft.entries(PAT)) {
     if (entryNumber(entry) == kNoNetwork) continue;
     Programme programme{.number = entryNumber(entry), .pmtPid = entryPid(entry), .name = {}, .pids = {}};
     if (const Section* pmt = draft.pmt(programme.number, programme.pmtPid)) {
@@ -545,7 +538,7 @@ std::vector<Programme> programmesOf(const OutputState& output) {
              .source = source == draft.map().end() ? std::nullopt : std::optional(*source)});
       }
     }
-    for (const Bytes& service : draft.entries(TableType::kSdtC)) {
+    for (const Bytes& service : draft.entries(SDT_C)) {
       if (entryNumber(service) == programme.number) programme.name = serviceName(service);
     }
     programmes.push_back(std::move(programme));

@@ -7,15 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "client/channel.h"
 #include "client/chassis_services.h"
-#include "client/pid_map.h"
 #include "client/programme_tables.h"
+#include "protocol/channel.h"
+#include "protocol/records.h"
 
 namespace client {
 
-inline constexpr u16 kEitPid = 0x12;
-inline constexpr u16 kTimePid = 0x14;  // of TDT and TOT
 inline constexpr u16 kFirstProgrammePid = 0x100;
 
 // What an output carries now.
@@ -47,7 +45,7 @@ struct ProgrammePlan {
   std::string name;
   std::vector<MapEntry> map;
   UploadPlan tables;
-  std::set<TableType> fresh;       // of which the output had nothing before
+  std::set<PsiType> fresh;         // of which the output had nothing before
   std::vector<std::string> notes;  // sentences for an operator
 };
 
@@ -61,7 +59,7 @@ struct Programme {
   u16 pmtPid = 0;
   std::string name;  // empty without an SDT entry
   bool hasPmt = false;
-  u16 pcrPid = kNoPid;
+  u16 pcrPid = kNullPid;
   std::vector<ProgrammePid> pids;  // each once: streams, PCR_PID, CA PIDs
 };
 
@@ -69,14 +67,14 @@ struct Programme {
 std::vector<MapEntry> asKept(std::vector<MapEntry> map);
 
 // The number of the programme that the text names: a number in the PAT, else a service's name in the SDT (in
-// capitals or not). Throws ProgrammeError, which lists what there is, for none or several.
+// capitals or not). Throws Error, which lists what there is, for none or several.
 u16 chooseProgramme(const std::vector<Section>& pat, const std::vector<Section>& sdt,
                     const std::string& choice, const std::string& owner);
 // The PID of the programme's PMT; nothing when the PAT has no such programme.
 std::optional<u16> pmtPidOf(const std::vector<Section>& pat, u16 number);
 
 // Adds the input's programme `number`. One that came from there before is brought up to date: it keeps number
-// and PIDs. Throws ProgrammeError or PlanError.
+// and PIDs. Throws Error or Error.
 ProgrammePlan planAdd(const OutputState& output, const SourceTables& source, u16 number,
                       const AddOptions& options);
 // Removes the programme with this number on the output, and every mapped PID whose last user it was. Throws

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <numeric>
 
-#include "client/dvb_text.h"
 #include "client/psi_capture.h"
+#include "mpeg/dvb_text.h"
 #include "platform/wire.h"
 
 namespace client {
@@ -36,16 +36,16 @@ void setCrc(Bytes& bytes) {
   wire::put32(&bytes[at], crc32(std::span(bytes).first(at)));
 }
 
-std::size_t headSize(TableType type) {
-  return type == TableType::kSdtC ? kSdtHeadSize : 0;
+std::size_t headSize(PsiType type) {
+  return type == SDT_C ? kSdtHeadSize : 0;
 }
 
 // Of the entry that begins there; more than there is where it is cut.
-std::size_t entrySize(TableType type, std::span<const u8> rest) {
+std::size_t entrySize(PsiType type, std::span<const u8> rest) {
   switch (type) {
-    case TableType::kPat:
+    case PAT:
       return kPatEntrySize;
-    case TableType::kCat:
+    case CAT:
       return rest.size() < 2 ? 2 : 2u + rest[1];
     default:
       return rest.size() < kSdtEntrySize ? kSdtEntrySize
@@ -64,9 +64,8 @@ bool forDescriptors(std::span<const u8> loop, const Take& take) {
   return true;
 }
 
-[[noreturn]] void failMalformed(const std::string& owner, TableType type) {
-  throw ProgrammeError(
-      fmt::format("{} of {} is malformed: lengths in it do not fit", tableName(type), owner));
+[[noreturn]] void failMalformed(const std::string& owner, PsiType type) {
+  throw Error(fmt::format("{} of {} is malformed: lengths in it do not fit", tableName(type), owner));
 }
 
 }  // namespace
@@ -75,17 +74,17 @@ std::string ownerName(const Channel& channel) {
   return "channel " + channelName(channel);
 }
 
-EntryTable::EntryTable(TableType type, u16 extension, Bytes head)
+EntryTable::EntryTable(PsiType type, u16 extension, Bytes head)
     : type_(type),
       extension_(extension),
-      flags_(type == TableType::kSdtC ? 0xF0 : 0xB0),
+      flags_(type == SDT_C ? 0xF0 : 0xB0),
       head_(std::move(head)),
       sections_(1) {}
 
-EntryTable::EntryTable(TableType type, const std::vector<Section>& sections, const std::string& owner)
+EntryTable::EntryTable(PsiType type, const std::vector<Section>& sections, const std::string& owner)
     : EntryTable(type, sections.at(0).extension(), {}) {
   if (!isWhole(sections)) {
-    throw ProgrammeError(fmt::format(
+    throw Error(fmt::format(
         "{} of {} is incomplete, not current or of several streams: it cannot be changed, only loaded anew",
         tableName(type), owner));
   }
@@ -123,8 +122,7 @@ void EntryTable::add(Bytes entry) {
   constexpr std::size_t kRoom = kMaxSectionSize - kSectionHeaderSize - kCrcSize;
   if (bodySize(sections_.back()) + entry.size() > kRoom) sections_.emplace_back();
   if (bodySize(sections_.back()) + entry.size() > kRoom || sections_.size() > 256) {
-    throw ProgrammeError(
-        fmt::format("an entry of {} bytes has no place in the {}", entry.size(), tableName(type_)));
+    throw Error(fmt::format("an entry of {} bytes has no place in the {}", entry.size(), tableName(type_)));
   }
   sections_.back().push_back(std::move(entry));
 }
@@ -210,9 +208,9 @@ std::vector<PidField> pidsOfPmt(const Section& pmt) {
   // The loop whose length stands at `at`; `at` then stands behind it.
   const auto readLoop = [&] {
     const std::size_t begin = at + 2;
-    if (begin > all.size()) failMalformed(owner, TableType::kPmt);
+    if (begin > all.size()) failMalformed(owner, PMT);
     const std::size_t length = wire::get16(&all[at]) & kLengthMask;
-    if (length > all.size() - begin) failMalformed(owner, TableType::kPmt);
+    if (length > all.size() - begin) failMalformed(owner, PMT);
     const auto loop = all.subspan(begin, length);
     const bool fits = forDescriptors(loop, [&](std::span<const u8> d) {
       if (d[0] != kCaTag || d.size() < kCaSize) return;
@@ -220,15 +218,15 @@ std::vector<PidField> pidsOfPmt(const Section& pmt) {
                         .use = PidField::Use::kCa,
                         .caSystem = wire::get16(&d[2])});
     });
-    if (!fits) failMalformed(owner, TableType::kPmt);
+    if (!fits) failMalformed(owner, PMT);
     at = begin + length;
   };
-  if (at + 2 > all.size()) failMalformed(owner, TableType::kPmt);
+  if (at + 2 > all.size()) failMalformed(owner, PMT);
   fields.push_back({.at = at, .use = PidField::Use::kPcr});
   at += 2;
   readLoop();
   while (at < all.size()) {
-    if (at + 3 > all.size()) failMalformed(owner, TableType::kPmt);
+    if (at + 3 > all.size()) failMalformed(owner, PMT);
     fields.push_back({.at = at + 1, .use = PidField::Use::kStream, .streamType = all[at]});
     at += 3;
     readLoop();
@@ -266,13 +264,13 @@ bool isWhole(const std::vector<Section>& sections) {
 
 ChannelTables::ChannelTables(const ReadBack& tables, const std::string& owner) {
   if (tables.outOfReach() > 0) {
-    throw ProgrammeError(
+    throw Error(
         fmt::format("{} holds {} packets of tables that cannot be read back, and a change would lose them: "
                     "load tables of fewer packets first",
                     owner, tables.outOfReach()));
   }
-  for (const TableType type : kAllTables) {
-    for (const ReadBack::Pid& pid : tables.tables[indexOf(type)].pids) {
+  for (const PsiType type : kAllTables) {
+    for (const ReadBack::Pid& pid : tables.tables[type].pids) {
       stored_[{type, pid.pid}] = {.type = type,
                                   .pid = pid.pid,
                                   .sections = gatherSections(pid.packets).size(),
@@ -281,7 +279,7 @@ ChannelTables::ChannelTables(const ReadBack& tables, const std::string& owner) {
   }
 }
 
-std::vector<Section> ChannelTables::sections(TableType type) const {
+std::vector<Section> ChannelTables::sections(PsiType type) const {
   std::vector<Section> all;
   for (const auto& [key, table] : stored_) {
     if (key.first != type) continue;
@@ -292,7 +290,7 @@ std::vector<Section> ChannelTables::sections(TableType type) const {
   return all;
 }
 
-void ChannelTables::put(TableType type, u16 pid, const std::vector<Section>& sections) {
+void ChannelTables::put(PsiType type, u16 pid, const std::vector<Section>& sections) {
   stored_.erase({type, pid});
   if (sections.empty()) return;
   StoredTable table{.type = type, .pid = pid, .sections = sections.size(), .packets = {}};
@@ -301,7 +299,7 @@ void ChannelTables::put(TableType type, u16 pid, const std::vector<Section>& sec
   stored_[{type, pid}] = std::move(table);
 }
 
-bool ChannelTables::has(TableType type) const {
+bool ChannelTables::has(PsiType type) const {
   return std::ranges::any_of(stored_, [&](const auto& row) { return row.first.first == type; });
 }
 

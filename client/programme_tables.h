@@ -7,30 +7,18 @@
 #include <map>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "client/channel.h"
 #include "client/psi_read_back.h"
-#include "client/psi_tables.h"
 #include "client/upload_plan.h"
+#include "mpeg/section.h"
+#include "protocol/channel.h"
 
 namespace client {
 
-// A programme cannot be added, listed or removed; what() says why and how to go on.
-class ProgrammeError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-inline constexpr u16 kNoPid = 0x1FFF;       // where a table must name a PID and there is none
-inline constexpr u16 kFirstFreePid = 0x20;  // below lie the PIDs of tables
-inline constexpr u16 kNoNetwork = 0;        // "programme" of the PAT that names the NIT's PID
-constexpr bool isReservedPid(u16 pid) {
-  return pid < kFirstFreePid || pid >= kNoPid;
-}
+inline constexpr u16 kNoNetwork = 0;  // "programme" of the PAT that names the NIT's PID
 
 std::string ownerName(const Channel& channel);  // "channel 1.2", for messages
 
@@ -39,10 +27,10 @@ std::string ownerName(const Channel& channel);  // "channel 1.2", for messages
 class EntryTable {
  public:
   // An empty table of one section; `head` is what stands before the entries (three bytes of an SDT).
-  EntryTable(TableType type, u16 extension, Bytes head);
+  EntryTable(PsiType type, u16 extension, Bytes head);
   // Of all sections of a table, in any order. `owner` names it in messages ("channel 1.2"). Throws
-  // ProgrammeError for a table that is incomplete, not current, of several extensions or malformed.
-  EntryTable(TableType type, const std::vector<Section>& sections, const std::string& owner);
+  // Error for a table that is incomplete, not current, of several extensions or malformed.
+  EntryTable(PsiType type, const std::vector<Section>& sections, const std::string& owner);
 
   u16 extension() const { return extension_; }
   const Bytes& head() const { return head_; }
@@ -57,7 +45,7 @@ class EntryTable {
  private:
   std::size_t bodySize(const std::vector<Bytes>& entries) const;
 
-  TableType type_;
+  PsiType type_;
   u16 extension_;
   u8 flags_;  // the high four bits before section_length
   u8 version_ = 0;
@@ -86,7 +74,7 @@ struct PidField {
   u16 pid(std::span<const u8> bytes) const;
   void set(Bytes& bytes, u16 pid) const;  // the three bits before it stay
 };
-// Throw ProgrammeError when lengths in it do not fit.
+// Throw Error when lengths in it do not fit.
 std::vector<PidField> pidsOfPmt(const Section& pmt);
 std::optional<PidField> pidOfCatEntry(std::span<const u8> entry);  // nothing for another descriptor
 
@@ -100,16 +88,16 @@ bool isWhole(const std::vector<Section>& sections);
 // What a channel stores, table by table.
 class ChannelTables {
  public:
-  // Throws ProgrammeError when packets cannot be read back: they would be lost.
+  // Throws Error when packets cannot be read back: they would be lost.
   ChannelTables(const ReadBack& tables, const std::string& owner);
 
-  std::vector<Section> sections(TableType type) const;
-  void put(TableType type, u16 pid, const std::vector<Section>& sections);  // none: the table goes
-  bool has(TableType type) const;
-  UploadPlan plan() const;  // throws PlanError
+  std::vector<Section> sections(PsiType type) const;
+  void put(PsiType type, u16 pid, const std::vector<Section>& sections);  // none: the table goes
+  bool has(PsiType type) const;
+  UploadPlan plan() const;  // throws Error
 
  private:
-  std::map<std::pair<TableType, u16>, StoredTable> stored_;
+  std::map<std::pair<PsiType, u16>, StoredTable> stored_;
 };
 
 }  // namespace client

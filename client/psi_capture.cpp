@@ -15,15 +15,13 @@
 #include <tuple>
 #include <utility>
 
-#include "client/packet_reader.h"
-#include "client/section_gatherer.h"
+#include "mpeg/packet_reader.h"
+#include "mpeg/section_gatherer.h"
 
 namespace client {
 namespace {
 
 constexpr std::size_t kMinLongSection = kSectionHeaderSize + kCrcSize;
-constexpr u16 kFirstPmtPid = 0x20;  // below lie the PIDs that MPEG and DVB gave to other tables
-constexpr u16 kNullPid = 0x1FFF;
 constexpr u8 kStuffingTable = 0x72;
 
 // PIDs whose tables no card carries; looked at so that these can be named.
@@ -116,7 +114,7 @@ class SectionStore {
     std::size_t pats = 0;
     for (const auto& [key, table] : tables_) {
       const auto& [type, pid, extension] = key;
-      if (type == TableType::kPat) ++pats;
+      if (type == PAT) ++pats;
       std::size_t whole = 0;
       for (const auto& [number, section] : table)
         whole = std::max<std::size_t>(whole, section.lastNumber() + 1u);
@@ -132,23 +130,23 @@ class SectionStore {
     if (pats > 1) {
       notes.push_back(
           {.kind = NoteKind::kSeveralPats,
-           .pid = tablePid(TableType::kPat),
-           .tableId = tableId(TableType::kPat),
+           .pid = tablePid(PAT),
+           .tableId = tableId(PAT),
            .count = pats,
            .text = fmt::format("the capture has PATs of {} transport streams: a receiver takes one of them",
                                pats)});
     }
     if (pats == 0) {
       notes.push_back({.kind = NoteKind::kNoPat,
-                       .pid = tablePid(TableType::kPat),
-                       .tableId = tableId(TableType::kPat),
+                       .pid = tablePid(PAT),
+                       .tableId = tableId(PAT),
                        .count = 1,
                        .text = "the capture has no PAT, so programme maps cannot be found in it"});
     }
   }
 
  private:
-  using Key = std::tuple<TableType, u16, u16>;  // PID, extension
+  using Key = std::tuple<PsiType, u16, u16>;  // PID, extension
   std::map<Key, std::map<u8, Section>> tables_;
 };
 
@@ -156,7 +154,7 @@ class SectionStore {
 class Pass {
  public:
   explicit Pass(const std::set<u16>& pmtPids) : pmtPids_(pmtPids) {
-    for (const TableType type : kAllTables) {
+    for (const PsiType type : kAllTables) {
       if (const auto pid = tablePid(type)) listen(*pid);
     }
     for (const u16 pid : kOtherTablePids) listen(pid);
@@ -168,9 +166,10 @@ class Pass {
   void run(PacketReader& reader) {
     while (const u8* packet = reader.next()) {
       ++packets_;
-      const auto pid = static_cast<u16>((packet[1] & 0x1F) << 8 | packet[2]);
+      const PacketView view(packet, kTsPacketSize);
+      const u16 pid = pidOf(view);
       at_ = reader.position();
-      if (gatherers_[pid]) gatherers_[pid]->push({packet, kPacketSize});
+      if (gatherers_[pid]) gatherers_[pid]->push(view);
     }
     at_ = reader.size();
     for (const auto& gatherer : gatherers_) {
@@ -204,7 +203,7 @@ class Pass {
     gatherers_[pid] = std::make_unique<SectionGatherer>(onSection, onLoss);
   }
 
-  bool belongs(TableType type, u16 pid) const {
+  bool belongs(PsiType type, u16 pid) const {
     const auto own = tablePid(type);
     return own ? pid == *own : pmtPids_.contains(pid);
   }
@@ -229,7 +228,7 @@ class Pass {
   }
 
   const std::set<u16>& pmtPids_;
-  std::array<std::unique_ptr<SectionGatherer>, kNullPid + 1> gatherers_;
+  std::array<std::unique_ptr<SectionGatherer>, kPids> gatherers_;
   SectionStore store_;
   Account account_;
   Offset at_ = 0;
@@ -245,16 +244,16 @@ PmtPids findPmtPids(const std::vector<Section>& sections) {
   PmtPids found;
   std::set<u16> bad;
   for (const Section& section : sections) {
-    if (tableOfId(section.tableId()) != TableType::kPat) continue;
+    if (tableOfId(section.tableId()) != PAT) continue;
     for (const u16 pid : programmeMapPids(section)) {
-      (pid < kFirstPmtPid || pid == kNullPid ? bad : found.pids).insert(pid);
+      (isReservedPid(pid) ? bad : found.pids).insert(pid);
     }
   }
   for (const u16 pid : bad) {
     found.notes.push_back(
         {.kind = NoteKind::kBadPmtPid,
          .pid = pid,
-         .tableId = tableId(TableType::kPmt),
+         .tableId = tableId(PMT),
          .count = 1,
          .text = fmt::format("the PAT names PID {:#06x} for a programme map: not looked at, that PID "
                              "has another use",
@@ -301,7 +300,7 @@ std::vector<Note> fileNotes(const PacketReader& reader) {
 void rewind(std::istream& stream, const std::string& name) {
   stream.clear();
   if (!stream.seekg(0)) {
-    throw CaptureError(
+    throw Error(
         fmt::format("{}: cannot be read twice, as a capture must be; store it in a file first", name));
   }
 }
@@ -319,10 +318,9 @@ Capture readCapture(std::istream& stream, const std::string& name) {
   const std::set<u16> none;
   Pass patPass(none);
   patPass.run(first);
-  if (stream.bad()) throw CaptureError(fmt::format("{}: reading failed: {}", name, std::strerror(errno)));
+  if (stream.bad()) throw Error(fmt::format("{}: reading failed: {}", name, std::strerror(errno)));
   if (patPass.packets() == 0) {
-    throw CaptureError(
-        fmt::format("{}: no transport stream: no packets found in its {} bytes", name, first.size()));
+    throw Error(fmt::format("{}: no transport stream: no packets found in its {} bytes", name, first.size()));
   }
   PmtPids pmt = findPmtPids(patPass.sections());
 
@@ -330,13 +328,13 @@ Capture readCapture(std::istream& stream, const std::string& name) {
   PacketReader second(stream);
   Pass pass(pmt.pids);
   pass.run(second);
-  if (stream.bad()) throw CaptureError(fmt::format("{}: reading failed: {}", name, std::strerror(errno)));
+  if (stream.bad()) throw Error(fmt::format("{}: reading failed: {}", name, std::strerror(errno)));
 
   Capture capture{.sections = pass.sections(), .notes = fileNotes(second), .packets = pass.packets()};
   std::ranges::move(pass.notes(), std::back_inserter(capture.notes));
   std::ranges::move(pmt.notes, std::back_inserter(capture.notes));
   if (capture.sections.empty()) {
-    throw CaptureError(
+    throw Error(
         withNotes(fmt::format("{}: no PSI that a card carries in its {} packets", name, capture.packets),
                   capture.notes));
   }
@@ -346,13 +344,12 @@ Capture readCapture(std::istream& stream, const std::string& name) {
 Capture readCapture(const std::filesystem::path& file) {
   std::error_code error;
   if (std::filesystem::is_directory(file, error)) {
-    throw CaptureError(fmt::format("{}: a folder, no capture", file.string()));
+    throw Error(fmt::format("{}: a folder, no capture", file.string()));
   }
   std::ifstream stream(file, std::ios::binary);
-  if (!stream)
-    throw CaptureError(fmt::format("{}: cannot be opened: {}", file.string(), std::strerror(errno)));
+  if (!stream) throw Error(fmt::format("{}: cannot be opened: {}", file.string(), std::strerror(errno)));
   if (!std::filesystem::is_regular_file(file, error)) {
-    throw CaptureError(
+    throw Error(
         fmt::format("{}: no file that can be read twice; save the stream to one first", file.string()));
   }
   return readCapture(stream, file.string());
@@ -371,8 +368,8 @@ std::vector<Section> gatherSections(const std::vector<Packet>& packets) {
       [](SectionGatherer::Loss, std::optional<u8>) {});
   u8 continuity = 0;
   for (Packet packet : packets) {
-    pid = static_cast<u16>((packet[1] & 0x1F) << 8 | packet[2]);
-    packet[3] = static_cast<u8>((packet[3] & 0xF0) | (continuity++ & 0x0F));
+    pid = pidOf(packet);
+    setContinuity(packet, continuity++);
     gatherer.push(packet);
   }
   return sections;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "client/psi_tables.h"
+#include "client/link.h"
 
 namespace client {
 
@@ -51,19 +51,13 @@ struct Note {
 };
 
 struct Capture {
-  std::vector<Section> sections;  // ordered by table (as TableType), PID, extension, section number
+  std::vector<Section> sections;  // ordered by table (as PsiType), PID, extension, section number
   std::vector<Note> notes;
   std::size_t packets = 0;
 };
 
-// The file cannot be read, is no transport stream, or has no PSI that a card could carry.
-class CaptureError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 // Reads the file twice, in pieces: the PAT may come after packets of the programme maps that it names.
-// Packets may have 188, 192 or 204 bytes. Throws CaptureError.
+// Packets may have 188, 192 or 204 bytes. Throws Error.
 Capture readCapture(const std::filesystem::path& file);
 
 // The same for a stream that can be rewound; `name` stands for it in messages.

@@ -21,14 +21,14 @@ class Reader {
       : card_(link, channel), progress_(progress) {}
 
   ReadBack run() {
-    ReadBack result{.locked = card_.locked(), .tables = {}};
-    for (const TableType type : kAllTables) {
-      ReadBack::Table& table = result.tables[indexOf(type)];
+    ReadBack result{.locked = card_.tablesLocked(), .tables = {}};
+    for (const PsiType type : kAllTables) {
+      ReadBack::Table& table = result.tables[type];
       const IntervalReply interval = card_.readInterval(type);
       table.interval_ticks = interval.ticks;
       table.stored = interval.packets;
       if (table.stored > 0) readTable(type, table);
-      if (type == TableType::kPat) pmtPids_ = pmtPidsOf(table);
+      if (type == PAT) pmtPids_ = pmtPidsOf(table);
     }
     checkCounts(result);
     return result;
@@ -36,7 +36,7 @@ class Reader {
 
  private:
   // A PAT comes before the PMT in the order of tables, so that the PIDs of the PMT are known by then.
-  void readTable(TableType type, ReadBack::Table& table) {
+  void readTable(PsiType type, ReadBack::Table& table) {
     const auto own = tablePid(type);
     for (const u16 pid : own ? std::set{*own} : pmtPids_) {
       ReadBack::Pid read = readPid(type, pid);
@@ -50,18 +50,18 @@ class Reader {
 
   // Tables read before and after a change do not belong together.
   void checkCounts(const ReadBack& result) {
-    if (card_.locked() != result.locked) failOnChange();
-    for (const TableType type : kAllTables) {
-      if (card_.readInterval(type).packets != result.tables[indexOf(type)].stored) failOnChange();
+    if (card_.tablesLocked() != result.locked) failOnChange();
+    for (const PsiType type : kAllTables) {
+      if (card_.readInterval(type).packets != result.tables[type].stored) failOnChange();
     }
   }
 
   // The last read that is possible starts before the end of the one before it, so packets may come twice.
-  ReadBack::Pid readPid(TableType type, u16 pid) {
+  ReadBack::Pid readPid(PsiType type, u16 pid) {
     ReadBack::Pid result{.pid = pid, .stored = 0, .packets = {}};
     do {
       const std::size_t start = std::min(result.packets.size(), kLastStart);
-      const ChunkReply reply = card_.readChunk(pid, tableId(type), static_cast<u8>(start));
+      const PacketsReply reply = card_.readPackets(pid, tableId(type), static_cast<u8>(start));
       if (!result.packets.empty() && reply.total != result.stored) failOnChange();
       result.stored = reply.total;
       const std::size_t known = result.packets.size() - start;
@@ -81,7 +81,7 @@ class Reader {
     std::set<u16> pids;
     for (const auto& pid : pat.pids) {
       for (const Section& section : gatherSections(pid.packets)) {
-        if (section.tableId() == tableId(TableType::kPat)) pids.merge(asSet(programmeMapPids(section)));
+        if (section.tableId() == tableId(PAT)) pids.merge(asSet(programmeMapPids(section)));
       }
     }
     return pids;
@@ -90,7 +90,7 @@ class Reader {
   static std::set<u16> asSet(const std::vector<u16>& pids) { return {pids.begin(), pids.end()}; }
 
   [[noreturn]] void failOnChange() const {
-    throw PsiError(
+    throw Error(
         fmt::format("the tables of {} changed while they were read: another client is loading it; read "
                     "again when it is done",
                     channelName(card_.channel())));
@@ -125,7 +125,7 @@ Bytes transportStream(const ReadBack& tables) {
   for (const auto& table : tables.tables) {
     for (const auto& pid : table.pids) {
       for (Packet packet : pid.packets) {
-        packet[3] = static_cast<u8>((packet[3] & 0xF0) | (continuity[pid.pid]++ & 0x0F));
+        setContinuity(packet, continuity[pid.pid]++);
         stream.insert(stream.end(), packet.begin(), packet.end());
       }
     }

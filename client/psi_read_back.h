@@ -6,15 +6,15 @@
 #include <functional>
 #include <vector>
 
-#include "client/channel.h"
 #include "client/link.h"
 #include "client/psi_upload.h"
+#include "protocol/channel.h"
 
 namespace client {
 
-// A read starts at a position of 8 bits and returns at most kChunkPackets: what lies at or beyond this
+// A read starts at a position of 8 bits and returns at most kPacketsPerChunk: what lies at or beyond this
 // position of a table (of a PID, for the PMT) cannot be read.
-inline constexpr std::size_t kReachablePackets = 255 + kChunkPackets;
+inline constexpr std::size_t kReachablePackets = 255 + kPacketsPerChunk;
 
 struct ReadBack {
   struct Pid {
@@ -32,8 +32,8 @@ struct ReadBack {
     std::size_t outOfReach() const { return stored > read() ? stored - read() : 0; }
   };
 
-  bool locked = false;                    // an upload is under way: the tables may be incomplete
-  std::array<Table, kTableCount> tables;  // by TableType
+  bool locked = false;               // an upload is under way: the tables may be incomplete
+  std::array<Table, PSINUM> tables;  // by PsiType
 
   std::size_t read() const;
   std::size_t outOfReach() const;
@@ -44,8 +44,8 @@ struct ReadBack {
 Bytes transportStream(const ReadBack& tables);
 
 // PMT packets are looked for on the PIDs that the stored PAT names. `progress` is called after each reply
-// with the packets read so far. Throws PsiError (also when another client changes the store meanwhile) or
-// LinkError.
+// with the packets read so far. Throws Error (also when another client changes the store meanwhile) or
+// Error.
 ReadBack readBack(Link& link, const Channel& channel, const std::function<void(std::size_t)>& progress = {});
 
 }  // namespace client

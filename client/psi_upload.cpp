@@ -12,13 +12,13 @@ constexpr u32 kCommittingPort = 1;  // the write of its CAT interval makes the c
 void refuseLongIntervals(const Intervals& intervals) {
   for (const auto& [type, ticks] : intervals) {
     if (ticks > kMaxInterval) {
-      throw PsiError(fmt::format("an interval of {} ticks for {} is more than {}", ticks, tableName(type),
-                                 kMaxInterval));
+      throw Error(fmt::format("an interval of {} ticks for {} is more than {}", ticks, tableName(type),
+                              kMaxInterval));
     }
   }
 }
 
-std::string waysOn(const Channel& channel) {
+std::string recoveryHint(const Channel& channel) {
   const std::string name = channelName(channel);
   return fmt::format(
       "'qamctl psi load {} FILE --force' loads it anew, 'qamctl psi clear {} --force' leaves it empty", name,
@@ -28,41 +28,41 @@ std::string waysOn(const Channel& channel) {
 // From the lock on the channel is silent, so whoever breaks off there has to say so. Where the link failed in
 // the lock or the unlock itself, nobody knows on which side of it.
 [[noreturn]] void failSilent(const Channel& channel, bool certain, const std::string& cause) {
-  throw PsiError(fmt::format("{}\nChannel {} {} locked and sends no PSI: {}", cause, channelName(channel),
-                             certain ? "is" : "may be", waysOn(channel)));
+  throw Error(fmt::format("{}\nChannel {} {} locked and sends no PSI: {}", cause, channelName(channel),
+                          certain ? "is" : "may be", recoveryHint(channel)));
 }
 
 [[noreturn]] void failUnsaved(const Channel& channel, const std::string& cause) {
-  throw PsiError(fmt::format("{}\nIntervals of {} may be on the air and not saved: set them again", cause,
-                             channelName(channel)));
+  throw Error(fmt::format("{}\nIntervals of {} may be on the air and not saved: set them again", cause,
+                          channelName(channel)));
 }
 
 void lock(ChannelVariables& card) {
   try {
-    card.setLock(true);
-  } catch (const LinkError& e) {
+    card.lockTables(true);
+  } catch (const Error& e) {
+    if (!e.gotNoReply()) throw;
     failSilent(card.channel(), false, e.what());
   }
 }
 
 void unlock(ChannelVariables& card) {
   try {
-    card.setLock(false);
-  } catch (const LinkError& e) {
-    failSilent(card.channel(), false, e.what());
-  } catch (const PsiError& e) {
-    failSilent(card.channel(), true, e.what());
+    card.lockTables(false);
+  } catch (const Error& e) {
+    failSilent(card.channel(), !e.gotNoReply(), e.what());
   }
 }
 
 // A lock on a locked channel changes nothing: what is left of another upload only goes with an unlock before.
 void lockAnew(ChannelVariables& card, bool force) {
-  if (card.locked()) {
+  if (card.tablesLocked()) {
     if (!force) {
-      throw PsiLockedError(
+      throw Error(
           fmt::format("channel {} is locked: another client is loading it, or broke off. When none is at "
                       "work any more, {}",
-                      channelName(card.channel()), waysOn(card.channel())));
+                      channelName(card.channel()), recoveryHint(card.channel())),
+          Error::Kind::kLocked);
     }
     unlock(card);
   }
@@ -81,19 +81,19 @@ void writeTables(ChannelVariables& card, const UploadPlan& plan, const UploadOpt
 // Reading the lock and setting it are two requests: another client may have come in between, and the card
 // takes the chunks of both.
 void refuseMixture(ChannelVariables& card, const UploadPlan& plan) {
-  for (const TableType type : kAllTables) {
+  for (const PsiType type : kAllTables) {
     const std::size_t stored = card.readInterval(type).packets;
-    if (stored == plan.tables[indexOf(type)].packets) continue;
-    throw PsiError(
+    if (stored == plan.tables[type].packets) continue;
+    throw Error(
         fmt::format("the card holds {} packets of {} where {} were sent: another client is loading the same "
                     "channel",
-                    stored, tableName(type), plan.tables[indexOf(type)].packets));
+                    stored, tableName(type), plan.tables[type].packets));
   }
 }
 
 // CAT, the last of the tables, comes last.
 void writeIntervals(ChannelVariables& card, const Intervals& intervals) {
-  static_assert(kAllTables.back() == TableType::kCat);
+  static_assert(kAllTables.back() == CAT);
   for (const auto& [type, ticks] : intervals) card.writeInterval(type, ticks);
 }
 
@@ -103,9 +103,7 @@ void writeLocked(ChannelVariables& card, const UploadPlan& plan, const Intervals
     writeTables(card, plan, options);
     refuseMixture(card, plan);
     writeIntervals(card, intervals);
-  } catch (const LinkError& e) {
-    failSilent(card.channel(), true, e.what());
-  } catch (const PsiError& e) {
+  } catch (const Error& e) {
     failSilent(card.channel(), true, e.what());
   }
 }
@@ -132,14 +130,12 @@ void setIntervals(Link& link, const Channel& channel, const Intervals& intervals
   ChannelVariables card(link, channel);
   ChannelVariables committing(link, {.slot = channel.slot, .port = kCommittingPort});
   Intervals rest = intervals;
-  auto last = channel.port == kCommittingPort ? rest.extract(TableType::kCat) : Intervals::node_type();
-  const u32 lastTicks = last ? last.mapped() : committing.readInterval(TableType::kCat).ticks;
+  auto last = channel.port == kCommittingPort ? rest.extract(CAT) : Intervals::node_type();
+  const u32 lastTicks = last ? last.mapped() : committing.readInterval(CAT).ticks;
   try {
     writeIntervals(card, rest);
-    committing.writeInterval(TableType::kCat, lastTicks);
-  } catch (const LinkError& e) {
-    failUnsaved(channel, e.what());
-  } catch (const PsiError& e) {
+    committing.writeInterval(CAT, lastTicks);
+  } catch (const Error& e) {
     failUnsaved(channel, e.what());
   }
 }

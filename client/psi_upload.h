@@ -6,24 +6,11 @@
 #include <functional>
 #include <stdexcept>
 
-#include "client/channel.h"
 #include "client/link.h"
 #include "client/upload_plan.h"
+#include "protocol/channel.h"
 
 namespace client {
-
-// A request was refused, or a procedure broke off. what() says how to go on. A LinkError leaves the
-// procedures as it is only where nothing was changed yet.
-class PsiError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-// The channel is locked by another client, and nothing was changed.
-class PsiLockedError : public PsiError {
- public:
-  using PsiError::PsiError;
-};
 
 struct UploadOptions {
   bool force =
@@ -33,7 +20,8 @@ struct UploadOptions {
 };
 
 // Replaces the channel's tables: lock, chunks, intervals (CAT last), unlock. Refuses a locked channel unless
-// forced (PsiLockedError), and an interval above kMaxInterval. Throws PsiError or LinkError.
+// forced (Error of kLocked), and an interval above kMaxInterval. Throws Error; kNoReply only where nothing
+// was changed yet.
 void upload(Link& link, const Channel& channel, const UploadPlan& plan, const Intervals& intervals,
             const UploadOptions& options = {});
 
@@ -41,7 +29,7 @@ void upload(Link& link, const Channel& channel, const UploadPlan& plan, const In
 void clear(Link& link, const Channel& channel, bool force);
 
 // Sets intervals while the tables are on the air. The card saves them only when channel 2's CAT interval is
-// written: that write comes last, with the value it had where it was not named. Throws PsiError or LinkError.
+// written: that write comes last, with the value it had where it was not named. Throws Error.
 void setIntervals(Link& link, const Channel& channel, const Intervals& intervals);
 
 }  // namespace client

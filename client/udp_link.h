@@ -17,10 +17,10 @@ struct UdpLinkOptions {
 
 class UdpLink : public Link {
  public:
-  // Throws LinkError when `server` is none (see isServer), is not known, or cannot be sent to.
+  // Throws Error when `server` is none (see isServer), is not known, or cannot be sent to.
   explicit UdpLink(const std::string& server, const UdpLinkOptions& options = {});
 
-  // Throws LinkError when no reply came within the tries, or nothing listens there.
+  // Throws Error when no reply came within the tries, or nothing listens there.
   Reply call(Request request) override;
   void wait(std::chrono::milliseconds time) override;
 

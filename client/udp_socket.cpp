@@ -6,48 +6,32 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <utility>
+
+#include "base/numbers.h"
 
 namespace client {
 namespace {
 
 constexpr std::size_t kMaxDatagram = 65536;
 
-struct HostPort {
-  std::string host;
-  std::string port;
-};
-
-std::optional<HostPort> split(const std::string& server) {
-  const auto colon = server.rfind(':');
-  if (colon == std::string::npos) return std::nullopt;
-  HostPort result{.host = server.substr(0, colon), .port = server.substr(colon + 1)};
-  if (result.host.size() > 2 && result.host.front() == '[' && result.host.back() == ']') {
-    result.host = result.host.substr(1, result.host.size() - 2);
-  }
-  const std::string& port = result.port;
-  const bool digits = std::ranges::all_of(port, [](char c) { return c >= '0' && c <= '9'; });
-  if (result.host.empty() || port.empty() || port.size() > 5 || !digits) return std::nullopt;
-  if (std::stoi(port) < 1 || std::stoi(port) > 0xFFFF) return std::nullopt;
-  return result;
-}
-
 // A connected socket gets datagrams of this server only, and hears when nothing listens there.
 int connectTo(const std::string& server, u16 defaultPort) {
-  const auto to = split(server);
-  if (!to) {
-    throw LinkError(
-        fmt::format("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{}", server, defaultPort));
+  const auto to = base::parseAddress(server);
+  if (!to || to->port == 0) {
+    throw Error(fmt::format("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{}", server, defaultPort),
+                Error::Kind::kNoReply);
   }
   addrinfo hints{};
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
-  if (const int error = getaddrinfo(to->host.c_str(), to->port.c_str(), &hints, &found); error != 0) {
-    throw LinkError(fmt::format("{}: {}; name another server with --server", server, gai_strerror(error)));
+  if (const int error = getaddrinfo(to->host.c_str(), fmt::to_string(to->port).c_str(), &hints, &found);
+      error != 0) {
+    throw Error(fmt::format("{}: {}; name another server with --server", server, gai_strerror(error)),
+                Error::Kind::kNoReply);
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
   int error = 0;
@@ -57,13 +41,14 @@ int connectTo(const std::string& server, u16 defaultPort) {
     error = errno;
     if (fd >= 0) close(fd);
   }
-  throw LinkError(fmt::format("{}: no socket to it: {}", server, std::strerror(error)));
+  throw Error(fmt::format("{}: no socket to it: {}", server, std::strerror(error)), Error::Kind::kNoReply);
 }
 
 }  // namespace
 
 bool isServer(const std::string& text) {
-  return split(text).has_value();
+  const auto address = base::parseAddress(text);
+  return address && address->port != 0;
 }
 
 UdpSocket::UdpSocket(std::string server, const UdpService& service)
@@ -74,7 +59,7 @@ UdpSocket::~UdpSocket() {
 }
 
 void UdpSocket::fail(const std::string& what) const {
-  throw LinkError(fmt::format("{}: {}; {}", server_, what, service_.advice));
+  throw Error(fmt::format("{}: {}; {}", server_, what, service_.advice), Error::Kind::kNoReply);
 }
 
 void UdpSocket::send(std::span<const u8> datagram) {

@@ -25,20 +25,20 @@ class UdpSocket {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Throws LinkError when `server` is none (see isServer), is not known, or cannot be sent to. `service` must
+  // Throws Error when `server` is none (see isServer), is not known, or cannot be sent to. `service` must
   // outlive the socket.
   UdpSocket(std::string server, const UdpService& service);
   ~UdpSocket();
   UdpSocket(const UdpSocket&) = delete;
   UdpSocket& operator=(const UdpSocket&) = delete;
 
-  // Throws LinkError, also when nothing listens where an earlier datagram went.
+  // Throws Error, also when nothing listens where an earlier datagram went.
   void send(std::span<const u8> datagram);
 
-  // The server's next datagram, or nothing by the deadline. Throws LinkError when nothing listens there.
+  // The server's next datagram, or nothing by the deadline. Throws Error when nothing listens there.
   std::optional<Bytes> receive(Clock::time_point deadline);
 
-  // Throws LinkError: the server, what happened, and the service's advice.
+  // Throws Error: the server, what happened, and the service's advice.
   [[noreturn]] void fail(const std::string& what) const;
 
  private:

@@ -11,18 +11,18 @@
 namespace client {
 namespace {
 
-TableType typeOf(const Section& section) {
+PsiType typeOf(const Section& section) {
   return tableOfId(section.tableId()).value();
 }
 
 void append(UploadPlan& plan, const StoredTable& stored) {
-  auto& table = plan.tables[indexOf(stored.type)];
+  auto& table = plan.tables[stored.type];
   table.sections += stored.sections;
   table.packets += stored.packets.size();
   plan.packets += stored.packets.size();
-  for (std::size_t first = 0; first < stored.packets.size(); first += kChunkPackets) {
+  for (std::size_t first = 0; first < stored.packets.size(); first += kPacketsPerChunk) {
     const auto begin = stored.packets.begin() + static_cast<std::ptrdiff_t>(first);
-    const auto size = std::min(kChunkPackets, stored.packets.size() - first);
+    const auto size = std::min<std::size_t>(kPacketsPerChunk, stored.packets.size() - first);
     plan.chunks.push_back({.pid = stored.pid,
                            .tableId = tableId(stored.type),
                            .packets = {begin, begin + static_cast<std::ptrdiff_t>(size)}});
@@ -32,10 +32,10 @@ void append(UploadPlan& plan, const StoredTable& stored) {
 std::string reasonsAgainst(const UploadPlan& plan) {
   std::string reasons;
   const auto add = [&](const std::string& reason) { reasons += (reasons.empty() ? "" : "; ") + reason; };
-  if (plan.packets > kStoreSize) {
-    add(fmt::format("they take {} packets, and a channel holds {}", plan.packets, kStoreSize));
+  if (plan.packets > kPsiStoreSize) {
+    add(fmt::format("they take {} packets, and a channel holds {}", plan.packets, kPsiStoreSize));
   }
-  if (const auto pmt = plan.tables[indexOf(TableType::kPmt)].packets; pmt > kMaxPmtPackets) {
+  if (const auto pmt = plan.tables[PMT].packets; pmt > kMaxPmtPackets) {
     add(fmt::format("the PMTs take {} packets, and a card sends no more than {} of them in order", pmt,
                     kMaxPmtPackets));
   }
@@ -47,7 +47,7 @@ std::string reasonsAgainst(const UploadPlan& plan) {
     add(fmt::format(
         "{} on PID {:#06x}: the low nine bits of this PID are all ones, which marks a free place in the "
         "card's store",
-        tableName(TableType::kPmt), pid));
+        tableName(PMT), pid));
   }
   return reasons;
 }
@@ -58,7 +58,7 @@ UploadPlan planStored(const std::vector<StoredTable>& tables) {
   UploadPlan plan;
   for (const StoredTable& table : tables) append(plan, table);
   if (const std::string reasons = reasonsAgainst(plan); !reasons.empty()) {
-    throw PlanError("a card cannot hold these tables: " + reasons);
+    throw Error("a card cannot hold these tables: " + reasons);
   }
   return plan;
 }
@@ -69,7 +69,7 @@ UploadPlan planUpload(std::vector<Section> sections) {
   std::vector<StoredTable> tables;
   std::map<u16, u8> continuity;
   for (const Section& section : sections) {
-    const TableType type = typeOf(section);
+    const PsiType type = typeOf(section);
     if (tables.empty() || tables.back().type != type || tables.back().pid != section.pid) {
       tables.push_back({.type = type, .pid = section.pid, .sections = 0, .packets = {}});
     }

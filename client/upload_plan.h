@@ -3,22 +3,20 @@
 #pragma once
 
 #include <array>
-#include <stdexcept>
 #include <vector>
 
-#include "client/psi_tables.h"
+#include "client/link.h"
+#include "protocol/records.h"
 
 namespace client {
 
-inline constexpr std::size_t kStoreSize = 512;  // packets of all tables of a channel
 inline constexpr std::size_t kMaxPmtPackets =
     255;  // the PMT list is one group, and positions in a group have 8 bits
-inline constexpr std::size_t kChunkPackets = 7;  // packets of one request
 
 struct Chunk {
   u16 pid = 0;
   u8 tableId = 0;
-  std::vector<Packet> packets;  // 1 to kChunkPackets
+  std::vector<Packet> packets;  // 1 to kPacketsPerChunk
 
   bool operator==(const Chunk&) const = default;
 };
@@ -30,14 +28,8 @@ struct UploadPlan {
   };
 
   std::vector<Chunk> chunks;
-  std::array<Table, kTableCount> tables;  // by TableType
+  std::array<Table, PSINUM> tables;  // by PsiType
   std::size_t packets = 0;
-};
-
-// The card cannot hold these tables; what() gives every reason.
-class PlanError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
 };
 
 // A PID whose low nine bits are all ones marks a free place in the card's store: a packet on it would be
@@ -48,18 +40,18 @@ constexpr bool marksFreePlace(u16 pid) {
 
 // What a card stores of one table on one PID, in the order in which it sends it.
 struct StoredTable {
-  TableType type{};
+  PsiType type{};
   u16 pid = 0;
   std::size_t sections = 0;
   std::vector<Packet> packets;
 };
 
-// Packets are sent as they are and in the order of the tables here, which must be that of TableType. Throws
-// PlanError.
+// Packets are sent as they are and in the order of the tables here, which must be that of PsiType. Throws
+// Error.
 UploadPlan planStored(const std::vector<StoredTable>& tables);
 
-// Sections are sent in ascending order of table (as TableType), PID, extension and number, whatever their
-// order here. Throws PlanError.
+// Sections are sent in ascending order of table (as PsiType), PID, extension and number, whatever their
+// order here. Throws Error.
 UploadPlan planUpload(std::vector<Section> sections);
 
 }  // namespace client

@@ -5,13 +5,14 @@
 #include <map>
 #include <set>
 
-#include "client/datagram.h"
+#include "base/files.h"
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
 #include "headend/options.h"
 #include "headend/snmp_flags.h"
 #include "headend/source_flags.h"
 #include "headend/vcd_trace.h"
+#include "protocol/datagram.h"
 
 namespace headend {
 namespace {
@@ -50,22 +51,29 @@ Exit codes:
 void refuseSharedFiles(const Options& options) {
   namespace fs = std::filesystem;
   std::map<fs::path, std::string> users;
+  const auto nameOf = [](const fs::path& file) {
+    std::error_code ignored;
+    return fs::weakly_canonical(fs::absolute(base::followLinks(file)), ignored);
+  };
   const auto use = [&](const std::string& flag, const fs::path& file) {
     std::error_code ignored;
     if (file.empty() || (fs::exists(file, ignored) && !fs::is_regular_file(file, ignored))) return;
-    const auto [entry, isNew] = users.emplace(fs::weakly_canonical(fs::absolute(file), ignored), flag);
-    if (!isNew) refuse(flag, file.string(), "is the file of " + entry->second + " already");
+    for (const auto& [other, user] : users) {  // a hard link is another name of the file
+      if (other == nameOf(file) || fs::equivalent(other, file, ignored))
+        refuse(flag, file.string(), "is the file of " + user + " already");
+    }
+    users[nameOf(file)] = flag;
   };
-  users[fs::weakly_canonical(fs::absolute(options.flash / "K717_QAM" / "qam.bin"))] = "the cards";
-  users[fs::weakly_canonical(fs::absolute(options.flash / "alarms" / "history.dat"))] = "the alarms";
-  users[fs::weakly_canonical(fs::absolute(options.flash / "snmp" / "engine.txt"))] = "the SNMP engine";
-  for (int slot = 1; slot <= 6; ++slot) {
+  users[nameOf(options.flash / "K717_QAM" / "qam.bin")] = "the cards";
+  users[nameOf(options.flash / "alarms" / "history.dat")] = "the alarms";
+  users[nameOf(options.flash / "snmp" / "engine.txt")] = "the SNMP engine";
+  for (int slot = 1; slot <= MAX_BOARD_NUM; ++slot) {
     const std::string name = "card" + std::to_string(slot);
-    users[fs::weakly_canonical(fs::absolute(options.flash / "para" / (name + ".dat")))] = "the cards";
-    users[fs::weakly_canonical(fs::absolute(options.flash / "eeprom" / (name + ".bin")))] = "the cards";
+    users[nameOf(options.flash / "para" / (name + ".dat"))] = "the cards";
+    users[nameOf(options.flash / "eeprom" / (name + ".bin"))] = "the cards";
   }
   for (const auto& [channel, target] : options.outputs) {
-    if (!target.starts_with("udp://")) use("--out " + client::channelName(channel), target);
+    if (!target.starts_with("udp://")) use("--out " + protocol::channelName(channel), target);
   }
   use("--snmp-secrets", options.snmp.secrets);
   use("--report", options.report);
@@ -94,8 +102,8 @@ void checkTogether(const Options& options) {
   const auto demandSlot = [&](const std::string& flag, const std::string& what, int slot) {
     if (!hasCard(slot)) refuse(flag, what, "no card in that slot: add --card " + std::to_string(slot + 1));
   };
-  const auto demand = [&](const std::string& flag, const client::Channel& channel) {
-    demandSlot(flag, client::channelName(channel), channel.slot);
+  const auto demand = [&](const std::string& flag, const protocol::Channel& channel) {
+    demandSlot(flag, protocol::channelName(channel), channel.slot);
   };
   for (const Options::Psi& psi : options.psi) demand("--psi", psi.channel);
   for (const auto& [channel, intervals] : options.intervals) demand("--interval", channel);
@@ -214,7 +222,7 @@ void addFlags(CLI::App& app, Options& o, Texts& t) {
       "--manage", t.manage,
       "ADDRESS:PORT of the management socket, or off; port 0 takes a free one and says which (default "
       "127.0.0.1:" +
-          std::to_string(client::kDefaultManagementPort) +
+          std::to_string(protocol::kDefaultManagementPort) +
           ", with --fast off). It has no "
           "authentication: leave it on loopback unless the network is yours");
   app.add_option("--calibration", t.calibration,
@@ -323,7 +331,7 @@ void interpret(const Texts& t, Options& o) {
   if (!t.manage.empty()) {
     parseManage(t.manage, o);
   } else if (!o.fast) {
-    o.manage = {"127.0.0.1", client::kDefaultManagementPort};
+    o.manage = {"127.0.0.1", protocol::kDefaultManagementPort};
   }
   parseSnmp(t.snmp, o.snmp);
   o.heapFill = static_cast<u8>(t.heapFill);

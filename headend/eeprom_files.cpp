@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "client/replace_file.h"
+#include "base/files.h"
 
 namespace headend {
 
@@ -38,7 +38,7 @@ std::string EepromFiles::save(int slot, Eeprom& eeprom, Nanos now) {
   std::error_code ignored;
   std::filesystem::create_directories(folder_, ignored);  // what is in the way shows at the open
   try {
-    client::replaceFile(file(slot), file(slot).string() + ".new", image, client::Flush::kLater);
+    base::replaceFile(file(slot), file(slot).string() + ".new", image, base::Flush::kLater);
   } catch (const std::system_error& e) {
     return fmt::format("cannot save {}: {}", file(slot).string(), e.what());
   }

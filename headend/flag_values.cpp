@@ -2,14 +2,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <ctime>
 #include <limits>
 
-#include "client/card_variables.h"
-#include "client/panel.h"
+#include "base/numbers.h"
+
 #include "headend/hardware/faults.h"
+#include "protocol/panel.h"
+#include "protocol/variables.h"
 
 namespace headend {
 namespace {
@@ -26,9 +27,9 @@ Nanos takeTime(const std::string& flag, std::string& text) {
 
 // Takes "N." off the front of a text: a slot, from 0. Nothing, and the text as it was, where there is none.
 std::optional<int> takeSlot(std::string& text) {
-  if (text.size() < 2 || text[0] < '1' || text[0] > '6' || text[1] != '.') return {};
-  const int slot = text[0] - '1';
-  text.erase(0, 2);
+  const std::size_t dot = text.find('.');
+  const auto slot = dot == std::string::npos ? std::nullopt : protocol::parseSlot(text.substr(0, dot));
+  if (slot) text.erase(0, 2);
   return slot;
 }
 
@@ -41,18 +42,17 @@ std::optional<int> sensorOf(const std::string& name) {
 
 void setTemperature(const std::string& text, Options::Temperature temperature, const std::string& value,
                     Options& options) {
-  const char* end = value.data() + value.size();
-  const auto [stop, error] = std::from_chars(value.data(), end, temperature.celsius);
-  // not(a and b): a value that is no number fails too
-  if (error != std::errc() || stop != end || !(temperature.celsius >= -55 && temperature.celsius <= 127)) {
+  const auto celsius = base::parseReal(value);
+  if (!celsius || *celsius < -55 || *celsius > 127) {
     refuse("--set", text, "a sensor measures -55 to 127 degrees");
   }
+  temperature.celsius = *celsius;
   options.temperatures.push_back(temperature);
 }
 
 std::string settableNames() {
   std::string names;
-  for (const client::CardVariable& variable : client::cardVariables()) {
+  for (const protocol::CardVariable& variable : protocol::cardVariables()) {
     if (variable.writable) names += std::string(variable.name) + ", ";
   }
   return names + "temperature1 or temperature2";
@@ -66,13 +66,9 @@ void refuse(const std::string& flag, const std::string& text, const std::string&
 
 std::pair<std::string, std::uint16_t> parseAddress(const std::string& flag, const std::string& text,
                                                    const std::string& want) {
-  const std::size_t colon = text.rfind(':');
-  std::uint16_t port = 0;
-  const char* end = text.data() + text.size();
-  const bool hasPort = colon != std::string::npos && colon > 0 && colon + 1 < text.size();
-  const auto parsed = std::from_chars(hasPort ? text.data() + colon + 1 : end, end, port);
-  if (!hasPort || parsed.ec != std::errc() || parsed.ptr != end) refuse(flag, text, want);
-  return {text.substr(0, colon), port};
+  const auto address = base::parseAddress(text);
+  if (!address) refuse(flag, text, want);
+  return {address->host, address->port};
 }
 
 std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
@@ -82,19 +78,16 @@ std::pair<std::string, std::string> splitAssignment(const std::string& flag, con
   return {text.substr(0, at), text.substr(at + 1)};
 }
 
-client::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name) {
-  const auto channel = client::parseChannel(name);
+protocol::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name) {
+  const auto channel = protocol::parseChannel(name);
   if (!channel) refuse(flag, text, "the channel must be N.P with N from 1 to 6 and P 1 or 2");
   return *channel;
 }
 
 std::optional<Nanos> parseSeconds(const std::string& text) {
-  double seconds = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, seconds);
-  if (error != std::errc() || stop != end || !std::isfinite(seconds) || seconds < 0 || seconds > 1e9)
-    return {};
-  return std::llround(seconds * 1e9);
+  const auto seconds = base::parseReal(text);
+  if (!seconds || *seconds < 0 || *seconds > 1e9) return {};
+  return std::llround(*seconds * 1e9);
 }
 
 Nanos takeTimeIfAny(std::string& text) {
@@ -118,9 +111,9 @@ void parseInterval(const std::string& text, Options& options) {
   const char* want = "want N.P.TABLE=TICKS, as 1.2.PAT=100";
   const std::size_t dot = text.find('.', text.find('.') == std::string::npos ? 0 : text.find('.') + 1);
   if (dot == std::string::npos) refuse("--interval", text, want);
-  const client::Channel channel = channelOf("--interval", text, text.substr(0, dot));
+  const protocol::Channel channel = channelOf("--interval", text, text.substr(0, dot));
   try {
-    const auto [table, ticks] = client::parseInterval(text.substr(dot + 1));
+    const auto [table, ticks] = protocol::parseInterval(text.substr(dot + 1));
     options.intervals[channel][table] = ticks;
   } catch (const std::invalid_argument& e) {
     throw CLI::ValidationError("--interval", "'" + text + "': " + e.what());
@@ -129,7 +122,7 @@ void parseInterval(const std::string& text, Options& options) {
 
 void parseOutput(const std::string& text, Options& options) {
   const auto [name, target] = splitAssignment("--out", text, "want N.P=FILE or N.P=udp://ADDRESS:PORT");
-  const client::Channel channel = channelOf("--out", text, name);
+  const protocol::Channel channel = channelOf("--out", text, name);
   if (!options.outputs.emplace(channel, target).second)
     refuse("--out", text, "this channel has an output already");
 }
@@ -185,9 +178,8 @@ void parsePowerCut(const std::string& text, Options& options) {
     cut.at = takeTime("--power-cut", time);
     if (!time.empty()) refuse("--power-cut", text, want);
   } else {
-    const char* end = value.data() + value.size();
-    const auto [stop, error] = std::from_chars(value.data(), end, cut.edge);
-    if (error != std::errc() || stop != end || cut.edge == 0) refuse("--power-cut", text, want);
+    cut.edge = base::parseDecimal<u64>(value).value_or(0);
+    if (cut.edge == 0) refuse("--power-cut", text, want);
   }
   options.powerCut = cut;
 }
@@ -201,17 +193,17 @@ void parseSet(const std::string& text, Options& options) {
   if (const std::optional<int> sensor = sensorOf(name)) {
     return setTemperature(text, {.slot = *slot, .sensor = *sensor, .celsius = 0, .at = at}, value, options);
   }
-  const client::CardVariable* variable = client::findCardVariable(std::string_view(name));
+  const protocol::CardVariable* variable = protocol::findCardVariable(std::string_view(name));
   if (variable == nullptr || !variable->writable) {
     refuse("--set", text, "there is nothing to set of that name; want " + settableNames());
   }
   try {
-    const u32 number = client::parseValue(*variable, value);
+    const u32 number = protocol::parseValue(*variable, value);
     options.settings.push_back({.slot = *slot,
                                 .id = variable->id,
                                 .name = name + "=" + value,
                                 .value = number,
-                                .warning = client::valueWarning(*variable, number),
+                                .warning = protocol::valueWarning(*variable, number),
                                 .at = at});
   } catch (const std::invalid_argument& e) {
     throw CLI::ValidationError("--set", "'" + text + "': " + e.what());
@@ -221,14 +213,13 @@ void parseSet(const std::string& text, Options& options) {
 void parseKeys(const std::string& text, Options& options) {
   Options::Keys keys{.names = text, .keys = {}, .at = 0};
   keys.at = takeTime("--key", keys.names);
-  try {
-    for (std::size_t from = 0; from <= keys.names.size();) {
-      const std::size_t end = std::min(keys.names.find(',', from), keys.names.size());
-      keys.keys.push_back(client::keyOf(std::string_view(keys.names).substr(from, end - from)));
-      from = end + 1;
-    }
-  } catch (const std::invalid_argument& e) {
-    throw CLI::ValidationError("--key", "'" + text + "': " + e.what());
+  for (std::size_t from = 0; from <= keys.names.size();) {
+    const std::size_t end = std::min(keys.names.find(',', from), keys.names.size());
+    const std::string name = keys.names.substr(from, end - from);
+    const auto key = protocol::keyOf(name);
+    if (!key) refuse("--key", text, "'" + name + "' is no key: up, down, left, right, ok or cancel");
+    keys.keys.push_back(*key);
+    from = end + 1;
   }
   options.keys.push_back(std::move(keys));
 }

@@ -19,7 +19,7 @@ std::optional<Nanos> parseSeconds(const std::string& text);
 std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
                                                     const std::string& want);
 // The channel of that name, which stands in `text`.
-client::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name);
+protocol::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name);
 
 // Takes "@SECONDS" off the end of a text; 0 where what follows the last @ is no time, for a file may have an
 // @ in its name.

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "client/mib_rows.h"
 #include "headend/firmware/status_tasks.h"
 #include "headend/hardware/faults.h"
 #include "headend/hardware/file_input.h"
@@ -20,6 +19,7 @@
 #include "headend/report.h"
 #include "headend/run_plan.h"
 #include "platform/wire.h"
+#include "protocol/mib_rows.h"
 
 namespace headend {
 namespace {
@@ -36,7 +36,7 @@ Headend::Headend(Options options)
     : options_(std::move(options)),
       log_(options_.log),
       heap_(options_.heapBytes, options_.heapFill),
-      flash_(options_.flash, options_.fast ? client::Flush::kLater : client::Flush::kNow),
+      flash_(options_.flash, options_.fast ? base::Flush::kLater : base::Flush::kNow),
       kernel_(options_.kernel, *this),
       network_(kernel_),
       bus_(violations_),
@@ -98,8 +98,9 @@ void Headend::installCards() {
     trace_ = std::make_unique<VcdTrace>(options_.trace, options_.slots, options_.traceLines);
   for (const int slot : options_.slots) {
     const auto index = static_cast<std::size_t>(slot);
-    const FpgaConfiguration::Settings settings{.anyBitstream = options_.anyBitstream,
-                                               .seed = options_.seed * kSlots + static_cast<unsigned>(slot)};
+    const FpgaConfiguration::Settings settings{
+        .anyBitstream = options_.anyBitstream,
+        .seed = options_.seed * MAX_BOARD_NUM + static_cast<unsigned>(slot)};
     cards_[index] = std::make_unique<CardFpga>(settings, violations_);
     ports_[index] = std::make_unique<ConfigPort>(cards_[index]->configuration(), violations_);
     eepromFiles_.load(slot, cards_[index]->board().eeprom());
@@ -154,7 +155,7 @@ void Headend::openMib(int slot) {
   const chassis::card& card = *chassis_.slot(slot).descriptor;
   if (card.mibRegister == nullptr || state(slot) != CardState::kRunning) return;
   std::vector<u32> base = options_.snmp.base;
-  base.push_back(client::kMibFirstSlot + static_cast<u32>(slot));
+  base.push_back(protocol::kMibFirstSlot + static_cast<u32>(slot));
   card.mibRegister(base.data(), static_cast<int>(base.size()));
 }
 
@@ -220,7 +221,7 @@ void Headend::openInputs() {
     for (u32 port = 0; port < targets.size(); ++port) {
       auto& input = inputs.emplace_back(openInput(targets[port]));
       for (const Options::InputLoss& loss : options_.inputLosses) {
-        if (loss.source != client::SourcePort{static_cast<u16>(slot), port}) continue;
+        if (loss.source != protocol::SourcePort{static_cast<u16>(slot), port}) continue;
         input = std::make_unique<InterruptibleInput>(kernel_, std::move(input), Loss{loss.at, loss.period});
       }
     }
@@ -271,65 +272,71 @@ Multiplexer* Headend::outputOf(int slot, int port) {
 
 // What management software may ask of the chassis itself.
 void Headend::provideServices() {
-  using client::Operation;
-  backEnd_.provide(Operation::kStatus, [this](const client::Request&, client::Bytes& reply) {
+  using protocol::Operation;
+  backEnd_.provide(Operation::kStatus, [this](const protocol::Request&, base::Bytes& reply) -> u32 {
     const std::string text = statusText(*this);
     reply.assign(text.begin(), text.end());
-    return client::kDone;
+    return protocol::kDone;
   });
-  backEnd_.provide(Operation::kSourceSections, [this](const client::Request& request, client::Bytes& reply) {
-    router_.deliverUntil(kernel_.now());
-    return sources_.sections(request, reply);
-  });
-  backEnd_.provide(Operation::kRouterMap, [this](const client::Request& request, client::Bytes& reply) {
-    return routerMap(request, reply);
-  });
-  backEnd_.provide(Operation::kSearch, [this](const client::Request& request, client::Bytes&) {
+  backEnd_.provide(Operation::kSourceSections,
+                   [this](const protocol::Request& request, base::Bytes& reply) -> u32 {
+                     router_.deliverUntil(kernel_.now());
+                     return sources_.sections(request, reply);
+                   });
+  backEnd_.provide(Operation::kRouterMap,
+                   [this](const protocol::Request& request, base::Bytes& reply) -> u32 {
+                     return routerMap(request, reply);
+                   });
+  backEnd_.provide(Operation::kSearch, [this](const protocol::Request& request, base::Bytes&) -> u32 {
     return search_.search(request);
   });
-  backEnd_.provide(Operation::kSearched, [this](const client::Request& request, client::Bytes& reply) {
+  backEnd_.provide(Operation::kSearched, [this](const protocol::Request& request, base::Bytes& reply) -> u32 {
     return search_.searched(request, reply);
   });
-  backEnd_.provide(Operation::kCall, [this](const client::Request& request, client::Bytes& reply) {
+  backEnd_.provide(Operation::kCall, [this](const protocol::Request& request, base::Bytes& reply) -> u32 {
     const int slot = request.slot & 0xFF;
-    if (slot >= kSlots) return client::kBadSlotOrPort;
-    if (cards_[static_cast<std::size_t>(slot)] == nullptr) return client::kNoCard;
-    return state(slot) == CardState::kRunning ? shell_.call(request, reply) : client::kNotRunning;
+    if (slot >= MAX_BOARD_NUM) return protocol::kBadSlotOrPort;
+    if (cards_[static_cast<std::size_t>(slot)] == nullptr) return protocol::kNoCard;
+    return state(slot) == CardState::kRunning ? shell_.call(request, reply) : protocol::kNotRunning;
   });
-  backEnd_.provide(Operation::kAlarms, [this](const client::Request& request, client::Bytes& reply) {
+  backEnd_.provide(Operation::kAlarms, [this](const protocol::Request& request, base::Bytes& reply) -> u32 {
     return alarms_.answerAlarms(request, reply);
   });
-  backEnd_.provide(Operation::kAlarmEvents, [this](const client::Request& request, client::Bytes& reply) {
-    return alarms_.answerEvents(request, reply);
+  backEnd_.provide(Operation::kAlarmEvents,
+                   [this](const protocol::Request& request, base::Bytes& reply) -> u32 {
+                     return alarms_.answerEvents(request, reply);
+                   });
+  backEnd_.provide(Operation::kLcd, [this](const protocol::Request&, base::Bytes& reply) -> u32 {
+    return panel_.show(reply);
   });
-  backEnd_.provide(Operation::kLcd,
-                   [this](const client::Request&, client::Bytes& reply) { return panel_.show(reply); });
-  backEnd_.provide(Operation::kKey,
-                   [this](const client::Request& request, client::Bytes&) { return panel_.press(request); });
-  backEnd_.provide(Operation::kCallResult, [this](const client::Request& request, client::Bytes& reply) {
-    return shell_.result(request, reply);
+  backEnd_.provide(Operation::kKey, [this](const protocol::Request& request, base::Bytes&) -> u32 {
+    return panel_.press(request);
   });
+  backEnd_.provide(Operation::kCallResult,
+                   [this](const protocol::Request& request, base::Bytes& reply) -> u32 {
+                     return shell_.result(request, reply);
+                   });
 }
 
 MenuEngine::Firmware Headend::menuFirmware() {
   return {.card = [this](int slot) { return chassis_.slot(slot).descriptor; },
-          .fault = [this](int slot) { return panelWords(state(slot)); },
+          .fault = [this](int slot) -> std::optional<protocol::Words> {
+            const CardState now = state(slot);
+            return now == CardState::kRunning ? std::nullopt : std::optional(protocol::nameOf(now).words);
+          },
           .text = [this](int slot, u32 id) { return chassis_.readText(slot, id); },
           .stop = [this](const std::string& why) { kernel_.fail(why); }};
 }
 
-u32 Headend::routerMap(const client::Request& request, client::Bytes& reply) {
+u32 Headend::routerMap(const protocol::Request& request, base::Bytes& reply) {
   const int slot = request.slot & 0xFF;
   const int port = static_cast<int>(request.port & 0xFF);
-  if (slot >= kSlots || port >= MAX_QAM_OUT_NUM) return client::kBadSlotOrPort;
-  if (outputOf(slot, port) == nullptr) return client::kNoCard;
-  for (u16 i = 0; i < PidRouter::kPositions; ++i) {
-    for (const u16 word : router_.position(slot, port, i)) {
-      reply.resize(reply.size() + sizeof word);
-      wire::put16(&reply[reply.size() - sizeof word], word);
-    }
+  if (slot >= MAX_BOARD_NUM || port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
+  if (outputOf(slot, port) == nullptr) return protocol::kNoCard;
+  for (u16 i = 0; i < kPidMapSize; ++i) {
+    for (const u16 word : router_.position(slot, port, i)) base::append16(reply, word);
   }
-  return client::kDone;
+  return protocol::kDone;
 }
 
 // What the card will make of its parameter file, said before it does. A file that it cannot open for update
@@ -417,7 +424,8 @@ int Headend::exitCode() {
   }
   for (const int slot : powerCut_ ? std::vector<int>{} : options_.slots) {
     if (state(slot) == CardState::kRunning) continue;
-    complain(fmt::format("the card in slot {} does not run: {}", slot + 1, stateName(state(slot))));
+    complain(
+        fmt::format("the card in slot {} does not run: {}", slot + 1, protocol::nameOf(state(slot)).name));
     failed = true;
   }
   if (busLog_ != nullptr && (std::fflush(busLog_) != 0 || std::ferror(busLog_) != 0)) {
@@ -452,47 +460,6 @@ Headend::CardState Headend::state(int slot) const {
   if (s.descriptor->varPtr == nullptr) return CardState::kNoRecord;
   if (part.done()) return CardState::kRunning;
   return part.attempts() == 0 ? CardState::kNoBitstream : CardState::kConfigError;
-}
-
-std::optional<MenuEngine::Words> panelWords(Headend::CardState state) {
-  using Words = MenuEngine::Words;
-  switch (state) {
-    case Headend::CardState::kRunning:
-      return {};
-    case Headend::CardState::kStarting:
-      return Words{u"starting", u"正在启动"};
-    case Headend::CardState::kConfigError:
-      return Words{u"config error", u"配置错误"};
-    case Headend::CardState::kNoBitstream:
-      return Words{u"no bitstream", u"没有逻辑文件"};
-    case Headend::CardState::kHung:
-      return Words{u"hangs", u"无响应"};
-    case Headend::CardState::kNotRegistered:
-      return Words{u"not registered", u"未注册"};
-    case Headend::CardState::kNoRecord:
-      return Words{u"no record", u"没有参数"};
-  }
-  return Words{u"?", u"?"};
-}
-
-const char* stateName(Headend::CardState state) {
-  switch (state) {
-    case Headend::CardState::kStarting:
-      return "starting";
-    case Headend::CardState::kRunning:
-      return "running";
-    case Headend::CardState::kConfigError:
-      return "config_error";
-    case Headend::CardState::kNoBitstream:
-      return "no_bitstream";
-    case Headend::CardState::kHung:
-      return "hung";
-    case Headend::CardState::kNotRegistered:
-      return "not_registered";
-    case Headend::CardState::kNoRecord:
-      return "no_record";
-  }
-  return "";
 }
 
 // ---- What the kernel tells ----

@@ -15,7 +15,7 @@
 #include "headend/firmware/carousel_monitor.h"
 #include "headend/firmware/chassis.h"
 #include "headend/firmware/debug_shell.h"
-#include "headend/firmware/operator.h"
+#include "headend/firmware/log.h"
 #include "headend/firmware/panel/panel.h"
 #include "headend/firmware/pid_search.h"
 #include "headend/firmware/rate_meter.h"
@@ -28,9 +28,10 @@
 #include "headend/kernel/flash.h"
 #include "headend/kernel/heap.h"
 #include "headend/kernel/network.h"
-#include "headend/log.h"
+#include "headend/operator.h"
 #include "headend/options.h"
 #include "headend/vcd_trace.h"
+#include "protocol/card_state.h"
 
 namespace headend {
 
@@ -54,7 +55,7 @@ class Headend final : private KernelObserver {
     std::string holder;
     Nanos since = 0;
   };
-  enum class CardState { kStarting, kRunning, kConfigError, kNoBitstream, kHung, kNotRegistered, kNoRecord };
+  using CardState = protocol::CardState;
 
   // Reads the captures and opens outputs and sockets. Throws std::runtime_error that says what cannot be
   // used.
@@ -125,7 +126,7 @@ class Headend final : private KernelObserver {
   void provideServices();
   std::unique_ptr<TsInput> openInput(const Options::Input& input);
   Multiplexer* outputOf(int slot, int port);  // null where there is no card
-  u32 routerMap(const client::Request& request, client::Bytes& reply);
+  u32 routerMap(const protocol::Request& request, base::Bytes& reply);
   MenuEngine::Firmware menuFirmware();
   void installCards();
   void scheduleFaults();
@@ -145,8 +146,8 @@ class Headend final : private KernelObserver {
   Kernel kernel_;
   Network network_;
   Bus bus_;
-  std::array<std::unique_ptr<CardFpga>, kSlots> cards_;
-  std::array<std::unique_ptr<ConfigPort>, kSlots> ports_;
+  std::array<std::unique_ptr<CardFpga>, MAX_BOARD_NUM> cards_;
+  std::array<std::unique_ptr<ConfigPort>, MAX_BOARD_NUM> ports_;
   PidRouter router_;
   MainBoard mainBoard_;
   SourceCards sources_{router_};
@@ -164,7 +165,7 @@ class Headend final : private KernelObserver {
   EepromFiles eepromFiles_;
   bool eepromsKept_ = true;
   bool powerCut_ = false;
-  std::map<client::Channel, std::unique_ptr<PacketSink>> sinks_;
+  std::map<protocol::Channel, std::unique_ptr<PacketSink>> sinks_;
   std::FILE* busLog_ = nullptr;
   std::unique_ptr<VcdTrace> trace_;
   std::vector<AssertionFailure> assertionFailures_;
@@ -173,10 +174,6 @@ class Headend final : private KernelObserver {
   const std::atomic<bool>* interrupted_ = nullptr;
   std::function<void()> onTick_;
 };
-
-const char* stateName(Headend::CardState state);
-// The same for the front panel; nothing for a card that runs.
-std::optional<MenuEngine::Words> panelWords(Headend::CardState state);
 
 // Makes a flash folder with the sample bitstream. Throws std::runtime_error; a folder with a bitstream is
 // refused.

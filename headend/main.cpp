@@ -1,15 +1,13 @@
 // The program `headend`.
 #include <fmt/format.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
 #include <optional>
 #include <system_error>
 
-#include "client/replace_file.h"
+#include "base/files.h"
 #include "headend/headend.h"
 #include "headend/panel_process.h"
 #include "headend/report.h"
@@ -24,28 +22,9 @@ void onSignal(int) {
   interrupted = true;
 }
 
-// A device or pipe takes its text as it is.
-void writeThrough(const std::string& path, const std::string& text) {
-  std::FILE* file = std::fopen(path.c_str(), "we");
-  bool good = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
-  if (file != nullptr) good = std::fclose(file) == 0 && good;
-  if (!good) throw std::system_error(errno, std::generic_category());
-}
-
-// A reader never finds half a report.
 void writeReport(const std::string& path, const std::string& text) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  fs::path target = path;
   try {
-    for (int links = 0; fs::is_symlink(target, error); ++links) {  // where it leads, be there a file or none
-      if (links == 40) throw std::system_error(ELOOP, std::generic_category());
-      target = target.parent_path() / fs::read_symlink(target);
-    }
-    if (fs::exists(target, error) && !fs::is_regular_file(target, error))
-      return writeThrough(target.string(), text);
-    client::replaceFile(target, target.string() + ".new",
-                        {reinterpret_cast<const u8*>(text.data()), text.size()});
+    base::writeOutput(path, {reinterpret_cast<const u8*>(text.data()), text.size()});
   } catch (const std::system_error& e) {
     throw std::runtime_error(fmt::format("cannot write report {}: {}", path, e.code().message()));
   }

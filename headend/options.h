@@ -8,16 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "client/channel.h"
 #include "client/chassis_services.h"
 #include "headend/kernel/kernel.h"
 #include "platform/panel.h"
+#include "protocol/channel.h"
 
 namespace headend {
 
 struct Options {
   struct Psi {
-    client::Channel channel;
+    protocol::Channel channel;
     std::filesystem::path file;
     Nanos at = 0;
   };
@@ -67,18 +67,18 @@ struct Options {
   };
   // An input that is lost from a time on: for good, or for the first half of each period.
   struct InputLoss {
-    client::SourcePort source;
+    protocol::SourcePort source;
     Nanos at = 0;
     std::optional<Nanos> period;
   };
   struct PidMap {
-    client::Channel channel;
+    protocol::Channel channel;
     std::filesystem::path file;
     Nanos at = 0;
   };
   struct Programme {
-    client::Channel channel;
-    client::SourcePort source;
+    protocol::Channel channel;
+    protocol::SourcePort source;
     std::string service;  // name or number
     Nanos at = 0;
   };
@@ -98,8 +98,8 @@ struct Options {
   bool initFlash = false;
   std::vector<int> slots;
   std::vector<Psi> psi;
-  std::map<client::Channel, client::Intervals> intervals;
-  std::map<client::Channel, std::string> outputs;
+  std::map<protocol::Channel, protocol::Intervals> intervals;
+  std::map<protocol::Channel, std::string> outputs;
   std::map<int, std::vector<Input>> sources;  // by slot
   std::vector<InputLoss> inputLosses;
   Nanos deJitter = kSecond / 5;

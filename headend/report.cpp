@@ -30,10 +30,10 @@ Json tables(Headend& headend, int slot, int port) {
   Json all = Json::object();
   const QamCardPara* record = GetQamCardParaFromList(static_cast<u8>(slot));
   const CarouselMonitor::Tables& seen = headend.monitor().tables(slot, port);
-  for (const client::TableType type : client::kAllTables) {
-    const CarouselMonitor::Table& table = seen[client::indexOf(type)];
-    Json entry = {{"set_ticks", record == nullptr ? 0 : record->Interval[port][client::indexOf(type)]},
-                  {"stored", record == nullptr ? 0 : record->pktNum[port][client::indexOf(type)]},
+  for (const PsiType type : mpeg::kAllTables) {
+    const CarouselMonitor::Table& table = seen[type];
+    Json entry = {{"set_ticks", record == nullptr ? 0 : record->Interval[port][type]},
+                  {"stored", record == nullptr ? 0 : record->pktNum[port][type]},
                   {"posted", table.posted}};
     if (table.intervals > 0) {
       entry["interval_ticks"] = {
@@ -43,7 +43,7 @@ Json tables(Headend& headend, int slot, int port) {
     } else {
       entry["interval_ticks"] = nullptr;
     }
-    all[client::tableName(type)] = std::move(entry);
+    all[mpeg::tableName(type)] = std::move(entry);
   }
   return all;
 }
@@ -161,7 +161,7 @@ Json card(Headend& headend, int slot) {
   Json lcd = Json::array();
   for (const std::string& line : s.lcd) lcd.push_back(printable(line));
   Json entry = {{"slot", slot + 1},
-                {"state", stateName(headend.state(slot))},
+                {"state", protocol::nameOf(headend.state(slot)).name},
                 {"lcd", std::move(lcd)},
                 {"startup_ms", s.initTook ? Json(milliseconds(*s.initTook)) : Json(nullptr)},
                 {"startup", startup(headend, slot)},
@@ -204,7 +204,7 @@ Json semaphoreWaits(const Headend& headend) {
 Json alarms(const Headend& headend) {
   Json standing = Json::array();
   for (const AlarmEvent& raised : headend.alarms().standing()) {
-    const client::Alarm alarm = outward(raised).alarm;
+    const protocol::Alarm alarm = outward(raised).alarm;
     standing.push_back({{"slot", alarm.slot + 1},
                         {"port", alarm.port + 1},
                         {"type", alarm.type},

@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "client/card_settings.h"
-#include "client/panel.h"
 #include "client/pid_map_file.h"
 #include "client/pid_map_upload.h"
 #include "client/programme.h"
 #include "client/psi_capture.h"
 #include "client/psi_upload.h"
+#include "protocol/panel.h"
+#include "protocol/variables.h"
 
 namespace headend {
 namespace {
@@ -23,13 +23,13 @@ client::UploadPlan planOf(const std::filesystem::path& file, Log& log) {
   }
   try {
     return client::planUpload(capture.sections);
-  } catch (const client::PlanError& e) {
+  } catch (const client::Error& e) {
     throw std::runtime_error(fmt::format("cannot upload {}: {}", file.string(), e.what()));
   }
 }
 
-Operator::Job jobOf(const client::Channel& channel, std::string name, Nanos at) {
-  return {.lane = client::channelName(channel),
+Operator::Job jobOf(const protocol::Channel& channel, std::string name, Nanos at) {
+  return {.lane = protocol::channelName(channel),
           .slot = channel.slot,
           .name = std::move(name),
           .at = at,
@@ -38,11 +38,11 @@ Operator::Job jobOf(const client::Channel& channel, std::string name, Nanos at) 
 
 // Intervals go with the first upload of their channel, else on their own.
 void addPsi(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
-  std::map<client::Channel, client::Intervals> left = options.intervals;
+  std::map<protocol::Channel, protocol::Intervals> left = options.intervals;
   std::vector<Options::Psi> uploads = options.psi;
   std::stable_sort(uploads.begin(), uploads.end(), [](const auto& a, const auto& b) { return a.at < b.at; });
   for (const Options::Psi& psi : uploads) {
-    client::Intervals intervals;
+    protocol::Intervals intervals;
     if (auto node = left.extract(psi.channel)) intervals = std::move(node.mapped());
     Operator::Job& job = jobs.emplace_back(jobOf(psi.channel, psi.file.string(), psi.at));
     job.carryOut = [channel = psi.channel, plan = planOf(psi.file, log), intervals](client::Link& link) {

@@ -2,8 +2,8 @@
 // before anything starts.
 #pragma once
 
-#include "headend/firmware/operator.h"
-#include "headend/log.h"
+#include "headend/firmware/log.h"
+#include "headend/operator.h"
 #include "headend/options.h"
 
 namespace headend {

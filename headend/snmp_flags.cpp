@@ -4,8 +4,8 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "client/mib_module.h"
 #include "headend/flag_values.h"
+#include "protocol/mib_rows.h"
 
 namespace headend {
 namespace {
@@ -43,7 +43,7 @@ void addSnmpFlags(CLI::App& app, Options::Snmp& options, SnmpTexts& texts) {
       ->group(kGroup);
   app.add_option("--snmp-base", texts.base,
                  "OID of ten components below which the slots stand, slot 1 as .2 (default " +
-                     client::mibBaseText(client::kDefaultMibBase) +
+                     protocol::mibBaseText(protocol::kDefaultMibBase) +
                      "; qamctl mib --base prints a MIB for another)")
       ->type_name("OID")
       ->group(kGroup);
@@ -56,9 +56,9 @@ void parseSnmp(const SnmpTexts& texts, Options::Snmp& options) {
     options.trapSink = parseAddress("--snmp-trap", texts.trapSink, want);
     if (options.trapSink->second == 0) refuse("--snmp-trap", texts.trapSink, "nobody receives on port 0");
   }
-  options.base.assign(client::kDefaultMibBase.begin(), client::kDefaultMibBase.end());
+  options.base.assign(protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end());
   try {
-    if (!texts.base.empty()) options.base = client::parseMibBase(texts.base);
+    if (!texts.base.empty()) options.base = protocol::parseMibBase(texts.base);
   } catch (const std::invalid_argument& e) {
     refuse("--snmp-base", texts.base, e.what());
   }

@@ -2,8 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 
+#include "base/numbers.h"
 #include "headend/flag_values.h"
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/pid_router.h"
@@ -23,11 +23,9 @@ Options::Input parseInput(const std::string& whole, const std::string& text) {
   input.file = text;
   const std::size_t at = text.rfind('@');
   if (at == std::string::npos) return input;
-  std::uint64_t rate = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data() + at + 1, end, rate);
-  if (error != std::errc() || stop != end) return input;  // an @ of the file's name
-  if (rate < FileInput::kSlowest || rate > FileInput::kFastest) {
+  const auto rate = base::parseDecimal<u64>(text.substr(at + 1));
+  if (!rate) return input;  // an @ of the file's name
+  if (*rate < FileInput::kSlowest || *rate > FileInput::kFastest) {
     refuse("--source", whole, "a rate is in bits a second, from 1000 to 1000000000");
   }
   input.file = text.substr(0, at);
@@ -42,9 +40,9 @@ void parseSource(const std::string& text, Options& options) {
       "want N=FILE.ts[,FILE.ts...] with N from 1 to 6; FILE.ts@RATE in bits a second for a file without "
       "PCRs; "
       "udp://ADDRESS:PORT instead of a file";
-  if (text.size() < 3 || text[0] < '1' || text[0] > '6' || text[1] != '=') refuse("--source", text, want);
-  const int slot = text[0] - '1';
-  std::vector<Options::Input>& inputs = options.sources[slot];
+  const auto slot = protocol::parseSlot(text.substr(0, text.find('=')));
+  if (!slot || text.size() < 3) refuse("--source", text, want);
+  std::vector<Options::Input>& inputs = options.sources[*slot];
   if (!inputs.empty())
     refuse("--source", text, "this slot has a source card already: name all its inputs at once");
   for (std::size_t from = 2; from <= text.size();) {
@@ -53,13 +51,13 @@ void parseSource(const std::string& text, Options& options) {
     inputs.push_back(parseInput(text, text.substr(from, comma - from)));
     from = comma + 1;
   }
-  if (inputs.size() > PidRouter::kInputPorts) refuse("--source", text, "a source card has at most 16 inputs");
+  if (inputs.size() > kInputsPerCard) refuse("--source", text, "a source card has at most 16 inputs");
 }
 
 void parsePidMap(const std::string& text, Options& options) {
   const char* want = "want N.P=FILE.csv or N.P=FILE.csv@SECONDS";
   auto [name, file] = splitAssignment("--pidmap", text, want);
-  const client::Channel channel = channelOf("--pidmap", text, name);
+  const protocol::Channel channel = channelOf("--pidmap", text, name);
   const Nanos at = takeTimeIfAny(file);
   if (file.empty()) refuse("--pidmap", text, want);
   options.pidMaps.push_back({.channel = channel, .file = file, .at = at});
@@ -68,11 +66,11 @@ void parsePidMap(const std::string& text, Options& options) {
 void parseProgramme(const std::string& text, Options& options) {
   const char* want = "want N.P=SLOT.INPUT:SERVICE or N.P=SLOT.INPUT:SERVICE@SECONDS, as 1.1=6.1:Four";
   auto [name, rest] = splitAssignment("--programme", text, want);
-  const client::Channel channel = channelOf("--programme", text, name);
+  const protocol::Channel channel = channelOf("--programme", text, name);
   const Nanos at = takeTimeIfAny(rest);
   const std::size_t colon = rest.find(':');
   const auto source =
-      colon == std::string::npos ? std::nullopt : client::parseSourcePort(rest.substr(0, colon));
+      colon == std::string::npos ? std::nullopt : protocol::parseSourcePort(rest.substr(0, colon));
   if (!source || colon + 1 == rest.size()) refuse("--programme", text, want);
   options.programmes.push_back(
       {.channel = channel, .source = *source, .service = rest.substr(colon + 1), .at = at});
@@ -83,7 +81,7 @@ bool parseInputLoss(const std::string& text, Options& options) {
   if (name == std::string::npos) return false;
   const char* want =
       "want N.P.input-lost[@SECONDS[/PERIOD]] with slot and input of a source card, as 6.1.input-lost@10/4";
-  const auto source = client::parseSourcePort(text.substr(0, name));
+  const auto source = protocol::parseSourcePort(text.substr(0, name));
   if (!source) refuse("--fault", text, want);
   Options::InputLoss loss{.source = *source, .at = 0, .period = {}};
   std::string rest = text.substr(name + std::string_view(kInputLost).size());
@@ -118,7 +116,7 @@ void checkSources(const Options& options) {
       refuse("--source", slotName(slot), "there is a modulator card in that slot");
     }
   }
-  const auto demand = [&](const std::string& flag, const client::SourcePort& source) {
+  const auto demand = [&](const std::string& flag, const protocol::SourcePort& source) {
     const auto card = options.sources.find(source.slot);
     const std::string what = slotName(source.slot) + "." + std::to_string(source.port + 1);
     if (card == options.sources.end() || source.port >= card->second.size()) {

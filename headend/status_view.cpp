@@ -58,13 +58,13 @@ void StatusView::announceChanges() {
     if (!isNew && entry->second == state) continue;
     entry->second = state;
     fmt::print("{:.3f} s: card {} {}\n", static_cast<double>(headend_.kernel().now()) / 1e9, slot + 1,
-               stateName(state));
+               protocol::nameOf(state).name);
     std::fflush(stdout);
   }
 }
 
 // Once it has lasted for a second: a setting goes through a reset, and a start-up through everything.
-void StatusView::announceOutput(client::Channel channel) {
+void StatusView::announceOutput(protocol::Channel channel) {
   const Nanos now = headend_.kernel().now();
   Shown& shown = outputs_[channel];
   const std::string line = rfLine(headend_.card(channel.slot).rf(channel.port, now));
@@ -73,7 +73,7 @@ void StatusView::announceOutput(client::Channel channel) {
     shown.since = now;
   } else if (line != shown.announced && now - shown.since >= kSecond) {
     shown.announced = line;
-    fmt::print("{:.3f} s: {}  {}\n", static_cast<double>(shown.since) / 1e9, client::channelName(channel),
+    fmt::print("{:.3f} s: {}  {}\n", static_cast<double>(shown.since) / 1e9, protocol::channelName(channel),
                line);
     std::fflush(stdout);
   }
@@ -111,7 +111,7 @@ std::string StatusView::table() {
       fmt::format("virtual time {:.1f} s, management {}\n",
                   static_cast<double>(headend_.kernel().now()) / 1e9, headend_.managementAddress());
   for (const int slot : headend_.options().slots) {
-    text += fmt::format("card {}: {}\n", slot + 1, stateName(headend_.state(slot)));
+    text += fmt::format("card {}: {}\n", slot + 1, protocol::nameOf(headend_.state(slot)).name);
     for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
       const Multiplexer& output = headend_.card(slot).output(static_cast<std::size_t>(port));
       const RateMeter::Rates& rates = headend_.rates().output(slot, port);

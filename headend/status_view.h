@@ -19,7 +19,7 @@ class StatusView {
   using Clock = std::chrono::steady_clock;
   void draw();
   void announceChanges();
-  void announceOutput(client::Channel channel);
+  void announceOutput(protocol::Channel channel);
   void showProgress();
   std::string table();
   std::string alarmLine() const;
@@ -37,7 +37,7 @@ class StatusView {
     std::string now;
     Nanos since = 0;
   };
-  std::map<client::Channel, Shown> outputs_;
+  std::map<protocol::Channel, Shown> outputs_;
 };
 
 }  // namespace headend

@@ -2,10 +2,8 @@
 // C linkage, so that the firmware's own functions satisfy these declarations. Tasks and start-up only.
 #pragma once
 
+#include "platform/numbers.h"
 #include "platform/panel.h"
-#include "platform/types.h"
-
-inline constexpr u8 MAX_BOARD_NUM = 6;  // slots of a chassis
 
 namespace chassis {
 

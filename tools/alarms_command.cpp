@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "client/alarms.h"
+#include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "tools/commands.h"
 #include "tools/json_fields.h"
@@ -14,7 +14,7 @@
 namespace tools {
 namespace {
 
-using client::AlarmEvent;
+using protocol::AlarmEvent;
 
 constexpr std::chrono::milliseconds kPoll{500};
 
@@ -26,27 +26,12 @@ struct Options {
   bool json = false;
 };
 
-struct KindNames {
-  const char* json;
-  const char* en;
-  const char* zh;
-};
-
-const KindNames& namesOf(AlarmEvent::Kind kind) {
-  static constexpr KindNames kNames[] = {
-      {"raised", "alarm", "告警"},
-      {"recovered", "recovered", "恢复"},
-      {"recovered_without_alarm", "recovered, no alarm stood", "恢复(无告警)"},
-      {"slot_absent", "ended, no card in the slot", "结束(无卡)"}};
-  return kNames[static_cast<std::size_t>(kind)];
-}
-
 std::string utc(u32 seconds) {
   return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time_t{seconds}));
 }
 
 // One line of JSON; `kind` is null for an alarm that stands.
-Json jsonOf(const client::Alarm& alarm) {
+Json jsonOf(const protocol::Alarm& alarm) {
   return {{"slot", alarm.slot + 1},
           {"port", alarm.port + 1},
           {"type", alarm.type},
@@ -60,26 +45,26 @@ void printLine(const Json& json) {
 }
 
 // "1.1  Card1: Ch.1 Error (No Input)"
-std::string textOf(const client::Alarm& alarm, bool zh) {
+std::string textOf(const protocol::Alarm& alarm, bool zh) {
   return fmt::format("{}.{}  {}: {} ({})", alarm.slot + 1, alarm.port + 1,
                      oneLine(zh ? alarm.zhTitle : alarm.enTitle), oneLine(zh ? alarm.zhText : alarm.enText),
                      oneLine(zh ? alarm.zhTrap : alarm.enTrap));
 }
 
-void show(const Options& options, const client::Alarm& alarm) {
+void show(const Options& options, const protocol::Alarm& alarm) {
   if (options.json) return printLine(jsonOf(alarm));
   fmt::print("{}  {}\n", utc(alarm.happened), textOf(alarm, options.language == "zh"));
 }
 
 void show(const Options& options, const AlarmEvent& event) {
-  const KindNames& names = namesOf(event.kind);
+  const protocol::AlarmEventKind& kind = protocol::kindOf(event);
   if (options.json) {
-    Json line = {{"number", event.number}, {"at", utc(event.at)}, {"event", names.json}};
+    Json line = {{"number", event.number}, {"at", utc(event.at)}, {"event", kind.name}};
     line.update(jsonOf(event.alarm));
     return printLine(line);
   }
   const bool zh = options.language == "zh";
-  fmt::print("{}  {}: {}\n", utc(event.at), zh ? names.zh : names.en, textOf(event.alarm, zh));
+  fmt::print("{}  {}: {}\n", utc(event.at), zh ? kind.chinese : kind.english, textOf(event.alarm, zh));
 }
 
 void run(const Options& options) {
@@ -91,8 +76,8 @@ void run(const Options& options) {
       next = event.number + 1;
     }
   } else {
-    const std::vector<client::Alarm> alarms = client::readAlarms(link);
-    for (const client::Alarm& alarm : alarms) show(options, alarm);
+    const std::vector<protocol::Alarm> alarms = client::readAlarms(link);
+    for (const protocol::Alarm& alarm : alarms) show(options, alarm);
     if (alarms.empty() && !options.json) fmt::print("no alarm stands\n");
   }
   while (options.follow && std::fflush(stdout) == 0) {

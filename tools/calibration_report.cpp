@@ -3,10 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
+
+#include "base/files.h"
+#include "base/numbers.h"
 
 namespace tools {
 namespace {
@@ -39,12 +40,12 @@ std::string hexByte(u8 byte) {
 }
 
 u8 parseHexByte(const std::string& text) {
-  const std::string digits = text.starts_with("0x") || text.starts_with("0X") ? text.substr(2) : text;
-  const bool hex = std::ranges::all_of(digits, [](unsigned char c) { return std::isxdigit(c) != 0; });
-  if (digits.empty() || digits.size() > 2 || !hex) {
+  const bool isMarked = text.starts_with("0x") || text.starts_with("0X");
+  const std::string_view digits = std::string_view(text).substr(isMarked ? 2 : 0);
+  const auto byte = base::parseDigits<u8>(digits, 16, 0xFF);
+  if (!byte || digits.size() > 2)
     throw std::invalid_argument(fmt::format("'{}' is no byte in hex, 00 to ff", text));
-  }
-  return static_cast<u8>(std::stoi(digits, nullptr, 16));
+  return *byte;
 }
 
 // --- Text ---
@@ -110,18 +111,6 @@ Json calibrationJson(u8 slot, const DacRegisters& registers) {
 
 namespace {
 
-std::string readText(const std::filesystem::path& file) {
-  constexpr std::size_t kMost = 65536;  // no calibration is longer, and a device file would never end
-  std::ifstream stream(file, std::ios::binary);
-  std::string text(kMost, '\0');
-  if (!stream.is_open() || (!stream.read(text.data(), kMost) && !stream.eof())) {
-    throw std::runtime_error("cannot be read");
-  }
-  if (!stream.eof()) throw std::runtime_error("is too long for a calibration");
-  text.resize(static_cast<std::size_t>(stream.gcount()));
-  return text;
-}
-
 void parseGroup(const Json& json, const DacGroup& group, DacRegisters& registers) {
   const Json bytes = json.value(group.name, Json());
   if (!bytes.is_array() || bytes.size() != group.count) {
@@ -158,8 +147,11 @@ SavedCalibration parseCalibration(const std::string& text) {
 }  // namespace
 
 SavedCalibration loadCalibration(const std::filesystem::path& file) {
+  constexpr std::size_t kLongest = 65536;
   try {
-    return parseCalibration(readText(file));
+    return parseCalibration(base::readFile(file, kLongest));
+  } catch (const std::system_error& e) {
+    throw std::runtime_error(fmt::format("{}: cannot be read: {}", file.string(), e.what()));
   } catch (const std::exception& e) {
     throw std::runtime_error(fmt::format("{}: {}", file.string(), e.what()));
   }

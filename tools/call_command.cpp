@@ -8,8 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "base/numbers.h"
+#include "base/text.h"
 #include "client/chassis_services.h"
-#include "client/dvb_text.h"
 #include "client/udp_link.h"
 #include "tools/commands.h"
 
@@ -28,8 +29,8 @@ struct Options {
 
 // Decimal, negative too as a debug shell takes them, or 0x.
 std::optional<u32> argumentOf(std::string_view text) {
-  if (!text.starts_with('-')) return wordOf(text);
-  const auto value = wordOf(text.substr(1));
+  if (!text.starts_with('-')) return base::parseNumber(text);
+  const auto value = base::parseNumber(text.substr(1));
   return value ? std::optional(0u - *value) : std::nullopt;
 }
 
@@ -45,10 +46,10 @@ void printNew(const std::string& printed, std::size_t& shown) {
       line += printed[shown];
       continue;
     }
-    fmt::print("{}\n", client::printable(line));
+    fmt::print("{}\n", base::printable(line));
     line.clear();
   }
-  fmt::print("{}", client::printable(line));
+  fmt::print("{}", base::printable(line));
   std::fflush(stdout);
 }
 

@@ -2,14 +2,13 @@
 
 #include <fmt/format.h>
 
-#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
 
-#include "client/channel.h"
 #include "client/udp_link.h"
+#include "protocol/channel.h"
 #include "tools/status_report.h"
 
 namespace tools {
@@ -54,36 +53,23 @@ CLI::Option* addChannel(CLI::App* app, std::string& channel) {
   return app->add_option("channel", channel, "slot (1 to 6) and channel (1 or 2), such as 1.2")
       ->required()
       ->check([](const std::string& text) {
-        return client::parseChannel(text) ? "" : fmt::format("'{}' is no SLOT.CHANNEL from 1.1 to 6.2", text);
+        return protocol::parseChannel(text) ? ""
+                                            : fmt::format("'{}' is no SLOT.CHANNEL from 1.1 to 6.2", text);
       })
       ->type_name("N.P");
 }
 
 CLI::Option* addSlot(CLI::App* app, std::string& slot) {
-  return app->add_option("slot", slot, fmt::format("slot of the card, 1 to {}", client::kSlots))
+  return app->add_option("slot", slot, fmt::format("slot of the card, 1 to {}", MAX_BOARD_NUM))
       ->check([](const std::string& text) {
-        const bool is = text.size() == 1 && text[0] >= '1' && text[0] < '1' + client::kSlots;
-        return is ? "" : fmt::format("'{}' is no slot from 1 to {}", text, client::kSlots);
+        return protocol::parseSlot(text) ? ""
+                                         : fmt::format("'{}' is no slot from 1 to {}", text, MAX_BOARD_NUM);
       })
       ->type_name("N");
 }
 
 int slotOf(const std::string& slot) {
-  return slot.at(0) - '1';
-}
-
-std::optional<u32> wordOf(std::string_view text) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  if (hex) text.remove_prefix(2);
-  const char* end = text.data() + text.size();
-  u32 value = 0;
-  const auto [at, error] = std::from_chars(text.data(), end, value, hex ? 16 : 10);
-  return error == std::errc() && at == end ? std::optional(value) : std::nullopt;
-}
-
-std::optional<u16> numberOf(std::string_view text, u16 most) {
-  const auto value = wordOf(text);
-  return value && *value <= most ? std::optional(static_cast<u16>(*value)) : std::nullopt;
+  return protocol::parseSlot(slot).value();
 }
 
 void addJson(CLI::App* app, bool& json) {

@@ -37,12 +37,9 @@ void addServer(CLI::App& app, std::string& server, const char* text);
 int runCommandLine(CLI::App& app, int argc, char** argv);
 
 CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::function<void()> run);
-CLI::Option* addChannel(CLI::App* app, std::string& channel);  // "N.P", for client::parseChannel
+CLI::Option* addChannel(CLI::App* app, std::string& channel);  // "N.P", for protocol::parseChannel
 CLI::Option* addSlot(CLI::App* app, std::string& slot);        // "N", 1 to 6, for slotOf
 int slotOf(const std::string& slot);                           // from 0
-// Numbers, decimal or 0x, the second from 0 to `most`; nothing for any other text.
-std::optional<u32> wordOf(std::string_view text);
-std::optional<u16> numberOf(std::string_view text, u16 most);
 void addJson(CLI::App* app, bool& json);
 
 // What the server tells of its chassis. Throws std::runtime_error, which names the server, when it does not.

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "client/dvb_text.h"
+#include "base/text.h"
 
 namespace tools {
 
@@ -16,12 +16,12 @@ std::optional<double> number(const Json& object, const char* key) {
 }
 
 std::string oneLine(const Json& value) {
-  if (value.is_string()) return client::printable(value.get<std::string>());
+  if (value.is_string()) return base::printable(value.get<std::string>());
   if (value.is_number()) return fmt::format("{:g}", value.get<double>());
   std::string text;
   if (!value.is_array()) return text;
   for (const Json& part : value) {
-    if (part.is_string()) text += (text.empty() ? "" : " | ") + client::printable(part.get<std::string>());
+    if (part.is_string()) text += (text.empty() ? "" : " | ") + base::printable(part.get<std::string>());
   }
   return text;
 }

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "client/panel.h"
+#include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "tools/commands.h"
 #include "tools/save_file.h"
@@ -20,12 +20,12 @@ constexpr u8 kPixelColours[] = {0xB8, 0xD0, 0x40, 0x18, 0x28, 0x10, 0x40, 0x48, 
 enum Colour : u8 { kOff, kOn, kFrameColour };
 
 // An 8-bit picture with a palette, whole or not at all.
-std::vector<u8> pngOf(const client::Lcd& lcd) {
-  constexpr int kWidth = client::kLcdWidth * kScale + 2 * kFrame;
-  constexpr int kHeight = client::kLcdHeight * kScale + 2 * kFrame;
+std::vector<u8> pngOf(const protocol::Lcd& lcd) {
+  constexpr int kWidth = protocol::kLcdWidth * kScale + 2 * kFrame;
+  constexpr int kHeight = protocol::kLcdHeight * kScale + 2 * kFrame;
   std::vector<u8> picture(std::size_t{kWidth} * kHeight, kFrameColour);
-  for (int y = 0; y < client::kLcdHeight * kScale; ++y) {
-    for (int x = 0; x < client::kLcdWidth * kScale; ++x) {
+  for (int y = 0; y < protocol::kLcdHeight * kScale; ++y) {
+    for (int x = 0; x < protocol::kLcdWidth * kScale; ++x) {
       const int at = (y + kFrame) * kWidth + kFrame + x;
       picture[static_cast<std::size_t>(at)] = lcd.pixel(x / kScale, y / kScale) ? kOn : kOff;
     }
@@ -49,28 +49,29 @@ std::vector<u8> pngOf(const client::Lcd& lcd) {
 
 void showLcd(const std::string& server, const std::string& picture, bool json) {
   client::UdpLink link(server);
-  const client::Lcd lcd = client::readLcd(link);
+  const protocol::Lcd lcd = client::readLcd(link);
   if (!picture.empty()) saveFile(picture, pngOf(lcd));
   if (json) {
     Json rows = Json::array(), characters = Json::array();
-    for (int row = 0; row < client::kLcdRows; ++row) rows.push_back(lcd.text(row));
-    for (const client::LcdCharacter& c : lcd.characters) {
+    for (int row = 0; row < protocol::kLcdRows; ++row) rows.push_back(lcd.text(row));
+    for (const protocol::LcdCharacter& c : lcd.characters) {
       if (c.inverse) characters.push_back({{"row", c.row}, {"x", c.x}});
     }
     printJson({{"rows", std::move(rows)}, {"inverse", std::move(characters)}});
   } else if (picture.empty()) {
-    for (int row = 0; row < client::kLcdRows; ++row) fmt::print("{}\n", lcd.text(row));
+    for (int row = 0; row < protocol::kLcdRows; ++row) fmt::print("{}\n", lcd.text(row));
   }
 }
 
 void pressKeys(const std::string& server, const std::vector<std::string>& names) {
   std::vector<chassis::PanelKey> keys;
   for (const std::string& name : names) {
-    try {
-      keys.push_back(client::keyOf(name));
-    } catch (const std::invalid_argument& e) {
-      throw CLI::ValidationError("KEY", e.what());
+    const auto key = protocol::keyOf(name);
+    if (!key) {
+      throw CLI::ValidationError("KEY",
+                                 fmt::format("'{}' is no key: up, down, left, right, ok or cancel", name));
     }
+    keys.push_back(*key);
   }
   client::UdpLink link(server);
   for (const chassis::PanelKey key : keys) client::pressKey(link, key);

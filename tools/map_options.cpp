@@ -29,9 +29,9 @@ fs::path stateFolder() {
   return fs::temp_directory_path();
 }
 
-fs::path rescueFileOf(const std::string& server, const client::Channel& channel) {
+fs::path rescueFileOf(const std::string& server, const protocol::Channel& channel) {
   return stateFolder() / "qamctl" / server /
-         fmt::format("pidmap-{}.rescue.csv", client::channelName(channel));
+         fmt::format("pidmap-{}.rescue.csv", protocol::channelName(channel));
 }
 
 // Nothing when the status tells of none.
@@ -42,7 +42,7 @@ std::optional<client::SourceCards> sourcesOf(const Json& status) {
   for (const Json& card : list) {
     const auto slot = number(card, "slot");
     const Json inputs = member(card, "inputs");
-    if (!slot || *slot < 1 || *slot > client::kSlots || !inputs.is_array()) return std::nullopt;
+    if (!slot || *slot < 1 || *slot > MAX_BOARD_NUM || !inputs.is_array()) return std::nullopt;
     sources[static_cast<u16>(*slot - 1)] = static_cast<u32>(inputs.size());
   }
   return sources;
@@ -50,7 +50,8 @@ std::optional<client::SourceCards> sourcesOf(const Json& status) {
 
 }  // namespace
 
-client::MapOptions mapOptions(client::Link& link, const std::string& server, const client::Channel& channel) {
+client::MapOptions mapOptions(client::Link& link, const std::string& server,
+                              const protocol::Channel& channel) {
   client::MapOptions options;
   options.rescueFile = rescueFileOf(server, channel);
   fs::create_directories(options.rescueFile.parent_path());

@@ -10,8 +10,9 @@ namespace tools {
 
 // With the rescue file "ADDR:PORT/pidmap-N.P.rescue.csv" in $XDG_STATE_HOME/qamctl, else
 // ~/.local/state/qamctl, else the folder for temporary files; its folder is made. With the inputs that the
-// status tells of, and with notes to stderr. Throws LinkError when no reply comes,
+// status tells of, and with notes to stderr. Throws Error when no reply comes,
 // std::filesystem::filesystem_error when the folder cannot be made.
-client::MapOptions mapOptions(client::Link& link, const std::string& server, const client::Channel& channel);
+client::MapOptions mapOptions(client::Link& link, const std::string& server,
+                              const protocol::Channel& channel);
 
 }  // namespace tools

@@ -4,15 +4,16 @@
 #include <memory>
 #include <stdexcept>
 
-#include "client/mib_module.h"
+#include "protocol/mib_rows.h"
 #include "tools/commands.h"
+#include "tools/mib_module.h"
 
 namespace tools {
 namespace {
 
 std::string checkBase(const std::string& text) {
   try {
-    client::parseMibBase(text);
+    protocol::parseMibBase(text);
     return "";
   } catch (const std::invalid_argument& e) {
     return e.what();
@@ -22,10 +23,10 @@ std::string checkBase(const std::string& text) {
 }  // namespace
 
 void addMibCommand(CLI::App& app) {
-  const auto base = std::make_shared<std::string>(client::mibBaseText(client::kDefaultMibBase));
+  const auto base = std::make_shared<std::string>(protocol::mibBaseText(protocol::kDefaultMibBase));
   CLI::App* command =
       addCommand(app, "mib", "Print the MIB module of the cards' SNMP objects; asks no server",
-                 [base] { fmt::print("{}", client::mibModule(client::parseMibBase(*base))); });
+                 [base] { fmt::print("{}", mibModule(protocol::parseMibBase(*base))); });
   command->add_option("--base", *base, "what the objects stand below: ten numbers with dots")
       ->check(checkBase)
       ->capture_default_str()

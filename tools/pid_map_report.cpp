@@ -8,7 +8,7 @@
 namespace tools {
 namespace {
 
-using client::MapEntry;
+using protocol::MapEntry;
 
 Json sourceAndPid(const MapEntry& e) {
   return {{"src_slot", e.sourceSlot + 1},
@@ -27,7 +27,7 @@ Json entryOf(const MapEntry& e) {
 
 std::size_t repeatedIn(const std::vector<MapEntry>& entries) {
   std::set<u32> sources;
-  for (const MapEntry& e : entries) sources.insert(client::sourceKey(e));
+  for (const MapEntry& e : entries) sources.insert(protocol::sourceKey(e));
   return entries.size() - sources.size();
 }
 
@@ -50,24 +50,24 @@ std::string linesOf(const char* title, const Json& entries) {
 
 }  // namespace
 
-Json pidMapReport(const client::PidMap& map, const client::Channel& channel,
-                  const std::optional<std::vector<client::RouterWords>>& router) {
-  Json report = {{"channel", client::channelName(channel)},
+Json pidMapReport(const client::PidMap& map, const protocol::Channel& channel,
+                  const std::optional<std::vector<chassis::RouterWords>>& router) {
+  Json report = {{"channel", protocol::channelName(channel)},
                  {"locked", map.locked},
-                 {"announced_only", std::ranges::count_if(map.entries, client::isBlank)},
+                 {"announced_only", std::ranges::count_if(map.entries, protocol::isBlank)},
                  {"record", Json::array()},
                  {"router", nullptr},
                  {"repeated", nullptr},
                  {"router_holds_record", nullptr}};
   for (const MapEntry& e : map.entries) {
-    if (!client::isBlank(e)) report["record"].push_back(entryOf(e));
+    if (!protocol::isBlank(e)) report["record"].push_back(entryOf(e));
   }
   if (!router) return report;
-  const auto routed = client::entriesOf(*router);
+  const auto routed = protocol::entriesOf(*router);
   report["router"] = Json::array();
   for (const MapEntry& e : routed) report["router"].push_back(sourceAndPid(e));
   report["repeated"] = repeatedIn(routed);
-  report["router_holds_record"] = client::holds(*router, map.entries);
+  report["router_holds_record"] = protocol::holds(*router, map.entries);
   return report;
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "client/pid_map.h"
+#include "client/channel_variables.h"
 #include "tools/psi_decode.h"
 
 namespace tools {
@@ -15,8 +15,8 @@ namespace tools {
 // objects with the members of a map file), router (the same without programme numbers and type; null when the
 // chassis does not tell), repeated (positions of the router whose source stands at an earlier one, which it
 // takes) and router_holds_record (null as router).
-Json pidMapReport(const client::PidMap& map, const client::Channel& channel,
-                  const std::optional<std::vector<client::RouterWords>>& router);
+Json pidMapReport(const client::PidMap& map, const protocol::Channel& channel,
+                  const std::optional<std::vector<chassis::RouterWords>>& router);
 
 // The report of pidMapReport in lines.
 std::string pidMapText(const Json& report);

@@ -6,10 +6,11 @@
 #include <optional>
 #include <vector>
 
-#include "client/channel.h"
+#include "client/chassis_services.h"
 #include "client/pid_map_file.h"
 #include "client/pid_map_upload.h"
 #include "client/udp_link.h"
+#include "protocol/channel.h"
 #include "tools/commands.h"
 #include "tools/map_options.h"
 #include "tools/pid_map_report.h"
@@ -17,9 +18,9 @@
 namespace tools {
 namespace {
 
-using client::Channel;
-using client::MapEntry;
 using client::ReleaseBy;
+using protocol::Channel;
+using protocol::MapEntry;
 
 struct Options {
   const std::string& server;
@@ -31,7 +32,7 @@ struct Options {
 };
 
 Channel channelOf(const Options& options) {
-  return client::parseChannel(options.channel).value();
+  return protocol::parseChannel(options.channel).value();
 }
 
 void replace(const Options& options, const client::MapFile& map) {
@@ -42,7 +43,8 @@ void replace(const Options& options, const client::MapFile& map) {
     return fmt::format("{} line {}", options.file, map.lines.at(index));
   };
   client::replaceMap(link, channel, map.entries, care);
-  fmt::print("Channel {}: {} entries loaded, on the air\n", client::channelName(channel), map.entries.size());
+  fmt::print("Channel {}: {} entries loaded, on the air\n", protocol::channelName(channel),
+             map.entries.size());
 }
 
 void loadMap(const Options& options) {
@@ -53,23 +55,24 @@ void clearMap(const Options& options) {
   replace(options, {});
 }
 
-std::optional<std::vector<client::RouterWords>> routerOf(client::Link& link, const Channel& channel) {
+std::optional<std::vector<chassis::RouterWords>> routerOf(client::Link& link, const Channel& channel) {
   try {
     return client::routerMap(link, channel);
-  } catch (const client::ServiceError& e) {
+  } catch (const client::Error& e) {
+    if (e.gotNoReply()) throw;
     fmt::print(stderr, "note: {}\n", e.what());
     return std::nullopt;
   }
 }
 
 // Of a locked channel the map that is on the air: its record may be empty or half a map.
-std::string csvOf(const client::PidMap& map, const std::optional<std::vector<client::RouterWords>>& router) {
+std::string csvOf(const client::PidMap& map, const std::optional<std::vector<chassis::RouterWords>>& router) {
   std::vector<MapEntry> entries = map.entries;
   if (map.locked) {
-    if (!router) throw client::PidMapError("the channel is locked, so its record may be incomplete");
-    entries = client::entriesOf(*router);
+    if (!router) throw client::Error("the channel is locked, so its record may be incomplete");
+    entries = protocol::entriesOf(*router);
   }
-  std::erase_if(entries, client::isBlank);
+  std::erase_if(entries, protocol::isBlank);
   const char* remark =
       map.locked ? "# the channel is locked: this is on the air, programme numbers and types unknown\n" : "";
   return remark + client::mapFileText(entries);
@@ -118,7 +121,7 @@ void releaseMap(const Options& options) {
   const client::MapOptions care = mapOptions(link, options.server, channel);
   const auto carried = client::releaseMap(link, channel, by, entries, care);
   dropServed(options.file, care.rescueFile);
-  fmt::print("Channel {}: released, {} entries on the air\n", client::channelName(channel), carried.size());
+  fmt::print("Channel {}: released, {} entries on the air\n", protocol::channelName(channel), carried.size());
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "client/dvb_text.h"
+#include "base/numbers.h"
 #include "client/programme.h"
 #include "client/udp_link.h"
 #include "tools/commands.h"
@@ -15,7 +15,7 @@
 namespace tools {
 namespace {
 
-using client::Channel;
+using protocol::Channel;
 
 struct Options {
   const std::string& server;
@@ -30,30 +30,30 @@ struct Options {
 };
 
 std::string checkInput(const std::string& text) {
-  return client::parseSourcePort(text) ? "" : fmt::format("'{}' is no SLOT.INPUT such as 2.1", text);
+  return protocol::parseSourcePort(text) ? "" : fmt::format("'{}' is no SLOT.INPUT such as 2.1", text);
 }
 
 std::string checkPid(const std::string& text) {
-  const auto pid = numberOf(text, client::kHighestPid);
+  const auto pid = base::parseNumber<u16>(text, kNullPid);
   return pid ? "" : fmt::format("'{}' is no PID from 0 to 0x1FFF", text);
 }
 
 std::string checkBase(const std::string& text) {
-  const auto pid = numberOf(text, client::kHighestPid);
-  return pid && !client::isReservedPid(*pid)
+  const auto pid = base::parseNumber<u16>(text, kNullPid);
+  return pid && !mpeg::isReservedPid(*pid)
              ? ""
              : fmt::format("'{}' is no PID from 0x20 to 0x1FFE, which programmes may have", text);
 }
 
 std::string checkStreamId(const std::string& text) {
-  return numberOf(text, 0xFFFF) ? "" : fmt::format("'{}' is no transport_stream_id", text);
+  return base::parseNumber<u16>(text) ? "" : fmt::format("'{}' is no transport_stream_id", text);
 }
 
 client::ProgrammeOptions careFor(client::Link& link, const Options& options, const Channel& channel) {
   client::ProgrammeOptions care;
   care.map = mapOptions(link, options.server, channel);
   care.tablesFile =
-      care.map.rescueFile.parent_path() / fmt::format("psi-{}.rescue.ts", client::channelName(channel));
+      care.map.rescueFile.parent_path() / fmt::format("psi-{}.rescue.ts", protocol::channelName(channel));
   care.patience = std::chrono::milliseconds(static_cast<int>(options.seconds * 1000));
   return care;
 }
@@ -62,7 +62,7 @@ void tell(const Options& options, const Channel& channel, const client::Programm
           const char* done) {
   for (const std::string& note : plan.notes) fmt::print(stderr, "note: {}\n", note);
   if (options.json) {
-    printJson({{"channel", client::channelName(channel)},
+    printJson({{"channel", protocol::channelName(channel)},
                {"number", plan.number},
                {"name", plan.name},
                {"pmt_pid", plan.pmtPid},
@@ -71,33 +71,33 @@ void tell(const Options& options, const Channel& channel, const client::Programm
     return;
   }
   fmt::print("Channel {}: programme {} '{}' {} (PMT PID {:#06x}); the PID map has {} entries\n",
-             client::channelName(channel), plan.number, plan.name, done, plan.pmtPid, plan.map.size());
+             protocol::channelName(channel), plan.number, plan.name, done, plan.pmtPid, plan.map.size());
 }
 
 void add(const Options& options) {
-  const Channel channel = client::parseChannel(options.channel).value();
+  const Channel channel = protocol::parseChannel(options.channel).value();
   client::UdpLink link(options.server);
   client::ProgrammeOptions care = careFor(link, options, channel);
-  if (!options.base.empty()) care.add.base = numberOf(options.base, client::kHighestPid);
+  if (!options.base.empty()) care.add.base = base::parseNumber<u16>(options.base, kNullPid);
   if (!options.transportStreamId.empty())
-    care.add.transportStreamId = numberOf(options.transportStreamId, 0xFFFF);
+    care.add.transportStreamId = base::parseNumber<u16>(options.transportStreamId);
   for (const std::string& pid : options.pass)
-    care.add.pass.push_back(numberOf(pid, client::kHighestPid).value());
+    care.add.pass.push_back(base::parseNumber<u16>(pid, kNullPid).value());
   tell(options, channel,
-       client::addProgramme(link, channel, client::parseSourcePort(options.from).value(), options.service,
+       client::addProgramme(link, channel, protocol::parseSourcePort(options.from).value(), options.service,
                             care),
        "added");
 }
 
 void remove(const Options& options) {
-  const Channel channel = client::parseChannel(options.channel).value();
+  const Channel channel = protocol::parseChannel(options.channel).value();
   client::UdpLink link(options.server);
   tell(options, channel,
        client::removeProgramme(link, channel, options.service, careFor(link, options, channel)), "removed");
 }
 
 void list(const Options& options) {
-  const Channel channel = client::parseChannel(options.channel).value();
+  const Channel channel = protocol::parseChannel(options.channel).value();
   client::UdpLink link(options.server);
   const Json report = programmeReport(channel, client::programmesOf(client::readOutput(link, channel)));
   if (options.json)

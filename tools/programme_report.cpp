@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "client/dvb_text.h"
 #include "tools/json_fields.h"
 
 namespace tools {
@@ -51,7 +50,7 @@ std::string pidText(const Json& pid) {
 
 }  // namespace
 
-Json programmeReport(const client::Channel& channel, const std::vector<client::Programme>& programmes) {
+Json programmeReport(const protocol::Channel& channel, const std::vector<client::Programme>& programmes) {
   Json list = Json::array();
   for (const client::Programme& programme : programmes) {
     Json pids = Json::array();
@@ -60,10 +59,10 @@ Json programmeReport(const client::Channel& channel, const std::vector<client::P
                     {"name", programme.name},
                     {"pmt_pid", programme.pmtPid},
                     {"has_pmt", programme.hasPmt},
-                    {"pcr_pid", programme.pcrPid == client::kNoPid ? Json() : Json(programme.pcrPid)},
+                    {"pcr_pid", programme.pcrPid == kNullPid ? Json() : Json(programme.pcrPid)},
                     {"pids", std::move(pids)}});
   }
-  return {{"channel", client::channelName(channel)}, {"programmes", std::move(list)}};
+  return {{"channel", protocol::channelName(channel)}, {"programmes", std::move(list)}};
 }
 
 std::string programmeText(const Json& report) {

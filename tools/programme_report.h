@@ -13,7 +13,7 @@ namespace tools {
 // none) and pids: [{pid, use ("stream", "pcr" or "ca"), stream_type, ca_system, source}], where source is
 // null or {slot, input, pid, programme}, slot and input from 1. stream_type and ca_system stand where they
 // apply.
-Json programmeReport(const client::Channel& channel, const std::vector<client::Programme>& programmes);
+Json programmeReport(const protocol::Channel& channel, const std::vector<client::Programme>& programmes);
 std::string programmeText(const Json& report);
 
 // Of a status object: a list of {channel, input, routed, psi, null, total (bit/s), dropped (packets)}; what

@@ -8,11 +8,11 @@
 #include <stdexcept>
 #include <vector>
 
-#include "client/channel.h"
 #include "client/psi_capture.h"
 #include "client/psi_read_back.h"
 #include "client/psi_upload.h"
 #include "client/udp_link.h"
+#include "protocol/channel.h"
 #include "tools/commands.h"
 #include "tools/psi_report.h"
 #include "tools/save_file.h"
@@ -21,7 +21,7 @@
 namespace tools {
 namespace {
 
-using client::Channel;
+using protocol::Channel;
 
 struct Options {
   const std::string& server;
@@ -55,15 +55,15 @@ class Progress {
 };
 
 Channel channelOf(const Options& options) {
-  return client::parseChannel(options.channel).value();
+  return protocol::parseChannel(options.channel).value();
 }
 
-client::Intervals intervalsOf(const Options& options) {
-  client::Intervals intervals;
+protocol::Intervals intervalsOf(const Options& options) {
+  protocol::Intervals intervals;
   for (const std::string& text : options.intervals) {
-    const auto [type, ticks] = client::parseInterval(text);
+    const auto [type, ticks] = protocol::parseInterval(text);
     if (!intervals.emplace(type, ticks).second) {
-      throw CLI::ValidationError(fmt::format("{} has two intervals", client::tableName(type)));
+      throw CLI::ValidationError(fmt::format("{} has two intervals", mpeg::tableName(type)));
     }
   }
   return intervals;
@@ -71,7 +71,7 @@ client::Intervals intervalsOf(const Options& options) {
 
 void loadTables(const Options& options) {
   const Channel channel = channelOf(options);
-  const client::Intervals intervals = intervalsOf(options);
+  const protocol::Intervals intervals = intervalsOf(options);
   const client::Capture capture = client::readCapture(std::filesystem::path(options.file));
   for (const client::Note& note : capture.notes) fmt::print(stderr, "note: {}\n", note.text);
   const client::UploadPlan plan = client::planUpload(capture.sections);
@@ -83,25 +83,25 @@ void loadTables(const Options& options) {
                       progress.show(fmt::format("{} of {} packets sent", sent, total));
                     }});
   }
-  fmt::print("Channel {}: {} packets loaded", client::channelName(channel), plan.packets);
-  for (const client::TableType type : client::kAllTables) {
-    const auto& table = plan.tables[client::indexOf(type)];
-    if (table.sections > 0) fmt::print(", {} {}", client::tableName(type), table.sections);
+  fmt::print("Channel {}: {} packets loaded", protocol::channelName(channel), plan.packets);
+  for (const PsiType type : mpeg::kAllTables) {
+    const auto& table = plan.tables[type];
+    if (table.sections > 0) fmt::print(", {} {}", mpeg::tableName(type), table.sections);
   }
   fmt::print(" (sections)\n");
 }
 
 void save(const client::ReadBack& tables, const std::string& file) {
   if (tables.locked) {
-    throw client::PsiError(
+    throw client::Error(
         fmt::format("{} is not written: the channel is locked, so its tables may be incomplete", file));
   }
   if (tables.outOfReach() > 0) {
-    throw client::PsiError(fmt::format("{} is not written: {} packets cannot be read back from the card",
-                                       file, tables.outOfReach()));
+    throw client::Error(fmt::format("{} is not written: {} packets cannot be read back from the card", file,
+                                    tables.outOfReach()));
   }
   if (tables.read() == 0)
-    throw client::PsiError(fmt::format("{} is not written: the channel stores no packets", file));
+    throw client::Error(fmt::format("{} is not written: the channel stores no packets", file));
   saveFile(file, transportStream(tables));
 }
 
@@ -128,7 +128,7 @@ void showTables(const Options& options) {
 }
 
 void setIntervals(const Options& options) {
-  const client::Intervals intervals = intervalsOf(options);
+  const protocol::Intervals intervals = intervalsOf(options);
   client::UdpLink link(options.server);
   client::setIntervals(link, channelOf(options), intervals);
 }
@@ -140,7 +140,7 @@ void clearTables(const Options& options) {
 
 std::string checkInterval(const std::string& text) {
   try {
-    client::parseInterval(text);
+    protocol::parseInterval(text);
   } catch (const std::invalid_argument& e) {
     return e.what();
   }

@@ -22,14 +22,13 @@
 
 #include <memory>
 
-#include "client/dvb_text.h"
+#include "mpeg/dvb_text.h"
 #include "platform/wire.h"
 
 namespace tools {
 namespace {
 
-using client::Section;
-using client::TableType;
+using mpeg::Section;
 
 constexpr u8 kCaTag = 0x09;
 constexpr u8 kLanguageTag = 0x0A;
@@ -64,7 +63,7 @@ class List {
 };
 
 std::string text(const u8* bytes, std::size_t size) {
-  return client::dvbText({bytes, size});
+  return mpeg::dvbText({bytes, size});
 }
 
 const char* streamKind(u8 type) {
@@ -200,16 +199,16 @@ void onTable(void* out, Table* table) {
 
 // Tables that share a PID hang below a demultiplexer, which asks for their decoders when it meets them.
 void onSubtable(dvbpsi_t* handle, u8 tableId, u16 extension, void* out) {
-  switch (client::tableOfId(tableId).value_or(TableType::kPat)) {
-    case TableType::kSdtC:
-    case TableType::kSdtO:
+  switch (mpeg::tableOfId(tableId).value_or(PAT)) {
+    case SDT_C:
+    case SDT_O:
       dvbpsi_sdt_attach(handle, tableId, extension, onTable<dvbpsi_sdt_t, dvbpsi_sdt_delete>, out);
       break;
-    case TableType::kNitC:
-    case TableType::kNitO:
+    case NIT_C:
+    case NIT_O:
       dvbpsi_nit_attach(handle, tableId, extension, onTable<dvbpsi_nit_t, dvbpsi_nit_delete>, out);
       break;
-    case TableType::kBat:
+    case BAT:
       dvbpsi_bat_attach(handle, tableId, extension, onTable<dvbpsi_bat_t, dvbpsi_bat_delete>, out);
       break;
     default:
@@ -220,16 +219,16 @@ void onSubtable(dvbpsi_t* handle, u8 tableId, u16 extension, void* out) {
 class Decoder {
  public:
   Decoder(const Section& section, Json& out) : handle_(dvbpsi_new(nullptr, DVBPSI_MSG_NONE)) {
-    switch (client::tableOfId(section.tableId()).value()) {
-      case TableType::kPat:
+    switch (mpeg::tableOfId(section.tableId()).value()) {
+      case PAT:
         dvbpsi_pat_attach(handle_, onTable<dvbpsi_pat_t, dvbpsi_pat_delete>, &out);
         detach_ = dvbpsi_pat_detach;
         break;
-      case TableType::kCat:
+      case CAT:
         dvbpsi_cat_attach(handle_, onTable<dvbpsi_cat_t, dvbpsi_cat_delete>, &out);
         detach_ = dvbpsi_cat_detach;
         break;
-      case TableType::kPmt:
+      case PMT:
         dvbpsi_pmt_attach(handle_, section.extension(), onTable<dvbpsi_pmt_t, dvbpsi_pmt_delete>, &out);
         detach_ = dvbpsi_pmt_detach;
         break;
@@ -245,7 +244,7 @@ class Decoder {
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
 
-  void push(client::Packet& packet) { dvbpsi_packet_push(handle_, packet.data()); }
+  void push(mpeg::Packet& packet) { dvbpsi_packet_push(handle_, packet.data()); }
 
  private:
   dvbpsi_t* handle_;
@@ -256,8 +255,8 @@ class Decoder {
 class Body {
  public:
   explicit Body(const Section& section)
-      : rest_(std::span(section.bytes).first(section.bytes.size() - client::kCrcSize)) {
-    rest_ = rest_.subspan(client::kSectionHeaderSize);
+      : rest_(std::span(section.bytes).first(section.bytes.size() - mpeg::kCrcSize)) {
+    rest_ = rest_.subspan(mpeg::kSectionHeaderSize);
   }
 
   bool atEnd() const { return rest_.empty(); }
@@ -311,30 +310,31 @@ class Body {
 // libdvbpsi trusts the lengths in a section, and reads beyond it where they are wrong.
 bool isWellFormed(const Section& section) {
   Body body(section);
-  switch (client::tableOfId(section.tableId()).value()) {
-    case TableType::kPat:
-      return (section.bytes.size() - client::kSectionHeaderSize - client::kCrcSize) % 4 == 0;
-    case TableType::kCat:
+  switch (mpeg::tableOfId(section.tableId()).value()) {
+    case PAT:
+      return (section.bytes.size() - mpeg::kSectionHeaderSize - mpeg::kCrcSize) % 4 == 0;
+    case CAT:
       return body.restIsDescriptors();
-    case TableType::kPmt:
+    case PMT:
       return body.skip(2) && body.skipDescriptorLoop() && body.restIsEntries(3);
-    case TableType::kSdtC:
-    case TableType::kSdtO:
+    case SDT_C:
+    case SDT_O:
       return body.skip(3) && body.restIsEntries(3);
-    case TableType::kNitC:
-    case TableType::kNitO:
-    case TableType::kBat:
+    case NIT_C:
+    case NIT_O:
+    case BAT:
       return body.skipDescriptorLoop() && body.lengthOfRest() && body.restIsEntries(4);
+    default:
+      return false;
   }
-  return false;
 }
 
 // libdvbpsi waits for all sections of a table; told that this one is all, it decodes what there is of it.
 Section alone(Section section) {
   section.bytes[6] = 0;
   section.bytes[7] = 0;
-  const std::size_t body = section.bytes.size() - client::kCrcSize;
-  wire::put32(&section.bytes[body], client::crc32(std::span(section.bytes).first(body)));
+  const std::size_t body = section.bytes.size() - mpeg::kCrcSize;
+  wire::put32(&section.bytes[body], mpeg::crc32(std::span(section.bytes).first(body)));
   return section;
 }
 
@@ -344,10 +344,10 @@ Json decodeSection(const Section& section) {
   Json out;
   if (!isWellFormed(section)) return out;
   Decoder decoder(section, out);
-  std::vector<client::Packet> packets;
+  std::vector<mpeg::Packet> packets;
   u8 continuity = 0;
-  client::packSection(alone(section), continuity, packets);
-  for (client::Packet& packet : packets) decoder.push(packet);
+  mpeg::packSection(alone(section), continuity, packets);
+  for (mpeg::Packet& packet : packets) decoder.push(packet);
   return out;
 }
 

@@ -3,7 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "client/psi_tables.h"
+#include "mpeg/section.h"
 
 namespace tools {
 
@@ -17,6 +17,6 @@ using Json = nlohmann::ordered_json;
 //   NIT_*  network_id, name, transport_streams [{transport_stream_id, original_network_id}]
 //   BAT    bouquet_id, name, transport_streams
 // Null when the section's body cannot be decoded. All texts are printable UTF-8.
-Json decodeSection(const client::Section& section);
+Json decodeSection(const mpeg::Section& section);
 
 }  // namespace tools

@@ -10,28 +10,23 @@
 namespace tools {
 namespace {
 
-using client::Packet;
 using client::ReadBack;
-using client::Section;
-using client::TableType;
-
-bool startsSection(const Packet& packet) {
-  return (packet[1] & 0x40) != 0;
-}
+using mpeg::Packet;
+using mpeg::Section;
 
 // Packets of each group, in the order in which the carousel sends them. A packet before the first start is a
 // group of its own, as on the card.
-std::vector<std::size_t> groups(TableType type, const ReadBack::Table& table) {
+std::vector<std::size_t> groups(PsiType type, const ReadBack::Table& table) {
   std::vector<std::size_t> sizes;
-  if (type == TableType::kPmt) {
+  if (type == PMT) {
     if (table.stored > 0) sizes.push_back(table.stored);
     return sizes;
   }
   bool opened = false;
   for (const auto& pid : table.pids) {
     for (const Packet& packet : pid.packets) {
-      opened = opened || startsSection(packet);
-      if (startsSection(packet) || !opened)
+      opened = opened || mpeg::startsUnit(packet);
+      if (mpeg::startsUnit(packet) || !opened)
         sizes.push_back(1);
       else
         ++sizes.back();
@@ -43,7 +38,7 @@ std::vector<std::size_t> groups(TableType type, const ReadBack::Table& table) {
 std::size_t packetsOf(const Section& section) {
   std::vector<Packet> packets;
   u8 counter = 0;
-  client::packSection(section, counter, packets);
+  mpeg::packSection(section, counter, packets);
   return packets.size();
 }
 
@@ -63,10 +58,10 @@ Json sectionsOf(const ReadBack::Table& table) {
   return sections;
 }
 
-Json tableReport(TableType type, const ReadBack::Table& table, std::optional<double> auxHz) {
+Json tableReport(PsiType type, const ReadBack::Table& table, std::optional<double> auxHz) {
   constexpr double kMsPerSecond = 1000;
   const auto whole = wholeTableTicks(type, table);
-  Json report = {{"table", client::tableName(type)},
+  Json report = {{"table", mpeg::tableName(type)},
                  {"packets", table.stored},
                  {"packets_out_of_reach", table.outOfReach()},
                  {"interval_ticks", table.interval_ticks}};
@@ -121,15 +116,15 @@ void appendTransportStreams(std::string& text, const Json& streams) {
   }
 }
 
-void appendItems(std::string& text, TableType type, const Json& content) {
+void appendItems(std::string& text, PsiType type, const Json& content) {
   switch (type) {
-    case TableType::kPat:
+    case PAT:
       for (const Json& p : content["programmes"]) {
         text += fmt::format("  programme {}: PMT on PID {:#06x}\n", p["number"].get<unsigned>(),
                             p["pid"].get<unsigned>());
       }
       break;
-    case TableType::kPmt:
+    case PMT:
       appendCaSystems(text, content["ca_systems"], "ECM");
       for (const Json& es : content["streams"]) {
         text += fmt::format("  PID {:#06x}: {} (type {:#04x}){}\n", es["pid"].get<unsigned>(),
@@ -137,51 +132,52 @@ void appendItems(std::string& text, TableType type, const Json& content) {
                             es.contains("language") ? ", " + es["language"].get<std::string>() : "");
       }
       break;
-    case TableType::kSdtC:
-    case TableType::kSdtO:
+    case SDT_C:
+    case SDT_O:
       for (const Json& s : content["services"]) {
         text += fmt::format("  service {}: \"{}\" ({})\n", s["service_id"].get<unsigned>(),
                             s["name"].get<std::string>(), s["provider"].get<std::string>());
       }
       break;
-    case TableType::kCat:
+    case CAT:
       appendCaSystems(text, content["ca_systems"], "EMM");
       break;
-    case TableType::kNitC:
-    case TableType::kNitO:
-    case TableType::kBat:
+    case NIT_C:
+    case NIT_O:
+    case BAT:
       appendTransportStreams(text, content["transport_streams"]);
+      break;
+    default:
       break;
   }
 }
 
-std::string titleOf(TableType type, const Json& content) {
+std::string titleOf(PsiType type, const Json& content) {
   switch (type) {
-    case TableType::kPat:
+    case PAT:
       return fmt::format("transport stream {}", content["transport_stream_id"].get<unsigned>());
-    case TableType::kPmt:
+    case PMT:
       return fmt::format("programme {}, PCR on PID {:#06x}", content["programme"].get<unsigned>(),
                          content["pcr_pid"].get<unsigned>());
-    case TableType::kSdtC:
-    case TableType::kSdtO:
+    case SDT_C:
+    case SDT_O:
       return fmt::format("transport stream {} of network {}", content["transport_stream_id"].get<unsigned>(),
                          content["original_network_id"].get<unsigned>());
-    case TableType::kNitC:
-    case TableType::kNitO:
+    case NIT_C:
+    case NIT_O:
       return fmt::format("network {} \"{}\"", content["network_id"].get<unsigned>(),
                          content["name"].get<std::string>());
-    case TableType::kBat:
+    case BAT:
       return fmt::format("bouquet {} \"{}\"", content["bouquet_id"].get<unsigned>(),
                          content["name"].get<std::string>());
-    case TableType::kCat:
-      break;
+    default:
+      return "conditional access";
   }
-  return "conditional access";
 }
 
 // The lines of one table; its title again only where another PID, extension or version begins.
 std::string details(const Json& table) {
-  const TableType type = client::tableOfName(table["table"].get<std::string>()).value();
+  const PsiType type = mpeg::tableOfName(table["table"].get<std::string>()).value();
   std::string text;
   std::string lastTitle;
   for (const Json& s : table["sections"]) {
@@ -201,7 +197,7 @@ std::string details(const Json& table) {
 
 }  // namespace
 
-std::optional<std::size_t> wholeTableTicks(TableType type, const ReadBack::Table& table) {
+std::optional<std::size_t> wholeTableTicks(PsiType type, const ReadBack::Table& table) {
   if (table.interval_ticks == 0 || table.stored == 0) return std::nullopt;
   std::size_t ticks = 0;
   for (const std::size_t packets : groups(type, table))
@@ -209,15 +205,15 @@ std::optional<std::size_t> wholeTableTicks(TableType type, const ReadBack::Table
   return ticks;
 }
 
-Json psiReport(const ReadBack& tables, const client::Channel& channel, std::optional<double> auxHz) {
+Json psiReport(const ReadBack& tables, const protocol::Channel& channel, std::optional<double> auxHz) {
   Json list = Json::array();
   std::size_t stored = 0;
-  for (const TableType type : client::kAllTables) {
-    const auto& table = tables.tables[client::indexOf(type)];
+  for (const PsiType type : mpeg::kAllTables) {
+    const auto& table = tables.tables[type];
     stored += table.stored;
     list.push_back(tableReport(type, table, auxHz));
   }
-  return {{"channel", client::channelName(channel)},
+  return {{"channel", protocol::channelName(channel)},
           {"locked", tables.locked},
           {"packets", stored},
           {"packets_out_of_reach", tables.outOfReach()},

@@ -86,7 +86,7 @@ void runRead(const Options& options) {
 void runSave(const Options& options) {
   const DacRegisters registers = options.client().read(options.slot());
   const std::string text = tools::calibrationJson(options.slot(), registers).dump(2) + "\n";
-  tools::saveFile(options.file, client::Bytes(text.begin(), text.end()));
+  tools::saveFile(options.file, base::Bytes(text.begin(), text.end()));
   fmt::print(stderr, "{}", tools::doubts(registers));
 }
 
@@ -149,7 +149,7 @@ void writeGroups(const Options& options, const Groups<u8>& groups) {
   client.write(options.slot(), wanted);
   try {
     reportWrite(options, before, wanted, client.read(options.slot()));
-  } catch (const client::LinkError& e) {
+  } catch (const client::Error& e) {
     throw std::runtime_error(fmt::format("written, but it could not be read back: {}", e.what()));
   }
 }
@@ -212,7 +212,7 @@ void runWatch(const Options& options) {
       if (now != last) showChange(options, last, now);
       last = now;
       answered = true;
-    } catch (const client::LinkError& e) {
+    } catch (const client::Error& e) {
       if (answered) fmt::print(stderr, "{} {}\n", timeNow(), e.what());
       answered = false;
     }

@@ -7,7 +7,7 @@
 #include <exception>
 #include <string>
 
-#include "client/datagram.h"
+#include "protocol/datagram.h"
 #include "tools/commands.h"
 
 namespace {
@@ -39,7 +39,7 @@ constexpr const char* kFooter =
     "call.";
 
 int run(int argc, char** argv) {
-  std::string server = fmt::format("127.0.0.1:{}", client::kDefaultManagementPort);
+  std::string server = fmt::format("127.0.0.1:{}", protocol::kDefaultManagementPort);
   CLI::App app("Manages the modulator cards of a chassis over its management socket.", "qamctl");
   app.footer(kFooter);
   app.require_subcommand(1);

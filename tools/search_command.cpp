@@ -11,10 +11,11 @@
 #include <stdexcept>
 #include <vector>
 
+#include "base/numbers.h"
 #include "client/chassis_services.h"
-#include "client/pid_map.h"
-#include "client/section_gatherer.h"
 #include "client/udp_link.h"
+#include "mpeg/section_gatherer.h"
+#include "protocol/records.h"
 #include "tools/commands.h"
 #include "tools/psi_decode.h"
 
@@ -33,9 +34,8 @@ struct Options {
 };
 
 std::optional<u8> tableOf(const std::string& text) {
-  if (const auto type = client::tableOfName(text)) return client::tableId(*type);
-  const auto number = numberOf(text, 0xFF);
-  return number ? std::optional(static_cast<u8>(*number)) : std::nullopt;
+  if (const auto type = mpeg::tableOfName(text)) return mpeg::tableId(*type);
+  return base::parseNumber<u8>(text);
 }
 
 // Keeps an interrupt waiting meanwhile, so that the search is ended first. The signal acts when this ends.
@@ -69,7 +69,7 @@ class Found {
 
   void add(std::span<const u8> bytes) {
     if (bytes[0] != tableId_) return;
-    client::Bytes section(bytes.begin(), bytes.end());
+    base::Bytes section(bytes.begin(), bytes.end());
     const auto known = std::ranges::find(sections_, section, &Row::bytes);
     if (known != sections_.end())
       ++known->count;
@@ -85,25 +85,25 @@ class Found {
 
  private:
   struct Row {
-    client::Bytes bytes;
+    base::Bytes bytes;
     std::size_t count;
   };
 
   static Json report(u16 pid, const Row& row) {
     const auto& b = row.bytes;
-    const bool isLong = (b[1] & 0x80) != 0 && b.size() >= client::kSectionHeaderSize + client::kCrcSize;
-    Json report = {{"pid", pid}, {"table_id", b[0]}, {"table", client::nameOfTableId(b[0])}};
-    const client::Section section{.pid = pid, .bytes = b};
+    const bool isLong = (b[1] & 0x80) != 0 && b.size() >= mpeg::kSectionHeaderSize + mpeg::kCrcSize;
+    Json report = {{"pid", pid}, {"table_id", b[0]}, {"table", mpeg::nameOfTableId(b[0])}};
+    const mpeg::Section section{.pid = pid, .bytes = b};
     if (isLong) {
       report["extension"] = section.extension();
       report["version"] = section.version();
       report["section"] = section.number();
       report["last_section"] = section.lastNumber();
-      report["crc_good"] = client::crc32(b) == 0;
+      report["crc_good"] = mpeg::crc32(b) == 0;
     }
     report["seen"] = row.count;
     report["bytes"] = fmt::format("{:02x}", fmt::join(b, ""));
-    const bool decodes = isLong && client::tableOfId(b[0]) && report["crc_good"].get<bool>();
+    const bool decodes = isLong && mpeg::tableOfId(b[0]) && report["crc_good"].get<bool>();
     report["content"] = decodes ? decodeSection(section) : Json();
     return report;
   }
@@ -112,11 +112,11 @@ class Found {
   std::vector<Row> sections_;
 };
 
-Json searchFor(client::Link& link, const client::Channel& channel, u16 pid, u8 table,
+Json searchFor(client::Link& link, const protocol::Channel& channel, u16 pid, u8 table,
                std::chrono::duration<double> time) {
   Found found(table);
-  client::SectionGatherer gatherer([&](std::span<const u8> section) { found.add(section); },
-                                   [](client::SectionGatherer::Loss, std::optional<u8>) {});
+  mpeg::SectionGatherer gatherer([&](std::span<const u8> section) { found.add(section); },
+                                 [](mpeg::SectionGatherer::Loss, std::optional<u8>) {});
   const HeldSignals signals;
   client::search(link, channel, pid, table, true);
   std::exception_ptr failure;
@@ -124,7 +124,7 @@ Json searchFor(client::Link& link, const client::Channel& channel, u16 pid, u8 t
     for (std::chrono::duration<double> waited(0); waited < time && !HeldSignals::came(); waited += kPoll) {
       for (auto packets = client::searched(link, channel); !packets.empty() && !HeldSignals::came();
            packets = client::searched(link, channel)) {
-        for (const client::Packet& packet : packets) gatherer.push(packet);
+        for (const mpeg::Packet& packet : packets) gatherer.push(packet);
       }
       link.wait(kPoll);
     }
@@ -154,10 +154,10 @@ std::string sectionText(const Json& section) {
 }
 
 void run(const Options& options) {
-  const auto pid = numberOf(options.pid, client::kHighestPid).value();
+  const auto pid = base::parseNumber<u16>(options.pid, kNullPid).value();
   client::UdpLink link(options.server);
   const Json found =
-      searchFor(link, client::parseChannel(options.channel).value(), pid, tableOf(options.table).value(),
+      searchFor(link, protocol::parseChannel(options.channel).value(), pid, tableOf(options.table).value(),
                 std::chrono::duration<double>(options.seconds));
   if (options.json) {
     printJson(found);
@@ -179,7 +179,7 @@ void addSearchCommand(CLI::App& psi, const std::string& server) {
   search->add_option("pid", options->pid, "0 to 0x1FFF")
       ->required()
       ->check([](const std::string& text) {
-        return numberOf(text, client::kHighestPid) ? "" : fmt::format("'{}' is no PID", text);
+        return base::parseNumber<u16>(text, kNullPid) ? "" : fmt::format("'{}' is no PID", text);
       })
       ->type_name("PID");
   search->add_option("table", options->table, "PAT, PMT, SDT_C, ..., or a table_id such as 0x4E")

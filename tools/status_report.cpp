@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "client/dvb_text.h"
+#include "base/text.h"
 #include "tools/json_fields.h"
 
 namespace tools {
@@ -16,7 +16,7 @@ std::string tablesOf(const Json& channel) {
   for (const auto& [name, table] : tables.items()) {
     const auto posted = number(table, "posted");
     if (!posted || *posted <= 0) continue;
-    text += fmt::format(" {} {:.0f}/{}", client::printable(name), *posted, whole(table, "set_ticks"));
+    text += fmt::format(" {} {:.0f}/{}", base::printable(name), *posted, whole(table, "set_ticks"));
   }
   return text.empty() ? " none" : text;
 }
@@ -63,7 +63,7 @@ std::string faultsText(const Json& status, const char* key, const char* title) {
   if (!faults.is_object()) return fmt::format("{}: {}\n", title, faults.size());
   std::string text;
   for (const auto& [kind, count] : faults.items()) {
-    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", client::printable(kind), oneLine(count));
+    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", base::printable(kind), oneLine(count));
   }
   return fmt::format("{}: {}\n", title, text);
 }
@@ -71,8 +71,8 @@ std::string faultsText(const Json& status, const char* key, const char* title) {
 }  // namespace
 
 std::optional<Json> statusOf(client::Link& link) {
-  const client::Reply reply = link.call(client::makeRequest(client::Operation::kStatus, 0, 0, 0, {}));
-  if (reply.result != client::kDone) return std::nullopt;
+  const protocol::Reply reply = link.call(protocol::makeRequest(protocol::Operation::kStatus, 0, 0, 0, {}));
+  if (reply.result != protocol::kDone) return std::nullopt;
   constexpr int kMaxDepth = 16;  // deeper than any status; what lies below is not worth a full stack
   const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth < kMaxDepth; };
   Json status = Json::parse(reply.data.begin(), reply.data.end(), shallow, false);

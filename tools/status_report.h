@@ -9,7 +9,7 @@
 
 namespace tools {
 
-// What the server tells of its chassis; nothing when it does not. Throws client::LinkError.
+// What the server tells of its chassis; nothing when it does not. Throws client::Error.
 std::optional<Json> statusOf(client::Link& link);
 
 // The status in lines. Whatever is missing from it, or of another kind than expected, is left out.

@@ -6,17 +6,17 @@
 #include <utility>
 #include <vector>
 
-#include "client/card_settings.h"
-#include "client/dvb_text.h"
+#include "base/text.h"
+#include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "tools/commands.h"
 
 namespace tools {
 namespace {
 
-using client::CardVariable;
-using client::VariableKind;
-using client::VariableValue;
+using protocol::CardVariable;
+using protocol::VariableKind;
+using protocol::VariableValue;
 
 struct Options {
   const std::string& server;
@@ -56,14 +56,14 @@ Json listed(const CardVariable& variable) {
 void list(const Options& options) {
   if (options.json) {
     Json all = Json::array();
-    for (const CardVariable& variable : client::cardVariables()) all.push_back(listed(variable));
+    for (const CardVariable& variable : protocol::cardVariables()) all.push_back(listed(variable));
     printJson(all);
     return;
   }
   constexpr auto kRow = "{:<3} {:<16} {:<8} {:<39} {}\n";
   fmt::print(kRow, "id", "name", "unit", "may be set to", "meaning");
-  for (const CardVariable& v : client::cardVariables()) {
-    fmt::print(kRow, v.id, v.name, v.unit, client::writableValues(v), v.meaning);
+  for (const CardVariable& v : protocol::cardVariables()) {
+    fmt::print(kRow, v.id, v.name, v.unit, protocol::writableValues(v), v.meaning);
   }
 }
 
@@ -72,14 +72,14 @@ void list(const Options& options) {
 Json valueOf(const CardVariable& variable, const VariableValue& value) {
   if (const auto* text = std::get_if<std::string>(&value)) return *text;
   const u32 number = std::get<u32>(value);
-  return variable.kind == VariableKind::kSignedDegrees ? Json(client::signedDegrees(number)) : Json(number);
+  return variable.kind == VariableKind::kSignedDegrees ? Json(protocol::signedDegrees(number)) : Json(number);
 }
 
 std::vector<const CardVariable*> wanted(const Options& options) {
   std::vector<const CardVariable*> all;
-  for (const std::string& name : options.toRead) all.push_back(client::findCardVariable(name));
+  for (const std::string& name : options.toRead) all.push_back(protocol::findCardVariable(name));
   if (all.empty()) {
-    for (const CardVariable& variable : client::cardVariables()) all.push_back(&variable);
+    for (const CardVariable& variable : protocol::cardVariables()) all.push_back(&variable);
   }
   return all;
 }
@@ -92,7 +92,7 @@ void get(const Options& options) {
   std::string text;
   for (const CardVariable* variable : wanted(options)) {
     const VariableValue value = client::getVariable(link, slot, variable->id);
-    const std::string shown = client::printable(client::valueText(*variable, value));
+    const std::string shown = base::printable(protocol::valueText(*variable, value));
     report.push_back({{"slot", slot + 1},
                       {"id", variable->id},
                       {"name", variable->name},
@@ -112,25 +112,25 @@ void get(const Options& options) {
 
 u32 valueToSet(const CardVariable& variable, const std::string& text) {
   try {
-    return client::parseValue(variable, text);
+    return protocol::parseValue(variable, text);
   } catch (const std::invalid_argument& e) {
     throw CLI::ValidationError(e.what());
   }
 }
 
 void set(const Options& options) {
-  const CardVariable& variable = *client::findCardVariable(options.toSet);
+  const CardVariable& variable = *protocol::findCardVariable(options.toSet);
   const u32 value = valueToSet(variable, options.value);
   client::UdpLink link(options.server);
   client::setVariable(link, slotOf(options.slot), variable.id, value);
-  const std::string warning = client::valueWarning(variable, value);
+  const std::string warning = protocol::valueWarning(variable, value);
   if (!warning.empty()) fmt::print(stderr, "note: {}\n", warning);
 }
 
 // --- The command line ---
 
 std::string checkVariable(const std::string& text) {
-  return client::findCardVariable(text) != nullptr
+  return protocol::findCardVariable(text) != nullptr
              ? ""
              : fmt::format("'{}' is no variable of a card; qamctl var list shows them", text);
 }

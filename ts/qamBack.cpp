@@ -11,29 +11,10 @@
 
 namespace {
 
+using namespace qam_back;
+
 constexpr const char* kUnit = "qamBack";
 constexpr u8 kNoType = 255;
-
-enum Result : int {
-  kDone = 0,
-  kStoreFull = 1,
-  kMapTooLong = 1,
-  kUnknownVariable = 2,
-  kUnknownTable = 3,
-  kBadSource = 3,
-  kUnknownTableRead = 9,
-  kBadSlotOrPort = 18,
-  kNoCard = 21,
-  kBadLength = 22,
-};
-
-enum Variable : u16 {
-  kPidMapLock = 0x2101,
-  kPidMapChunk = 0x2102,
-  kPsiLock = 0x3101,
-  kPsiPackets = 0x3102,
-  kPsiInterval = 0x3201,
-};
 
 u8 qam_pidmap_lock_status[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];
 u8 qam_psi_lock_status[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];
@@ -326,26 +307,10 @@ int QamGetPidMap(u8 port, u32 StartPos, QamCardPara* ptr, set_pid_map_t* v) {
 }
 
 u8 TableidToPsiType(u8 table_id) {
-  switch (table_id) {
-    case 0x00:
-      return PAT;
-    case 0x01:
-      return CAT;
-    case 0x02:
-      return PMT;
-    case 0x40:
-      return NIT_C;
-    case 0x41:
-      return NIT_O;
-    case 0x42:
-      return SDT_C;
-    case 0x46:
-      return SDT_O;
-    case 0x4A:
-      return BAT;
-    default:
-      return kNoType;
+  for (u8 type = 0; type < PSINUM; ++type) {
+    if (kPsiTables[type].table_id == table_id) return type;
   }
+  return kNoType;
 }
 
 int QamPsiSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch) {

@@ -10,9 +10,7 @@ volatile u8 qam_is_setting_psi[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];
 namespace {
 
 constexpr const char* kUnit = "qamIntr";
-constexpr u16 kNullPid = 0x1FFF;
 constexpr u8 kUnitStart = 0x40;  // payload_unit_start_indicator, in a packet's second byte
-constexpr int kPidCount = 8192;
 
 // One stored packet in the circular send list of its type.
 struct psi_tree_t {
@@ -28,7 +26,7 @@ psi_tree_t* pQamPsi_Cur[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];
 u32 g_qam_psi_total_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];  // ticks until the next packet may go
 u32 g_qam_psi_lock[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];       // not 0 while a group is on its way
 
-u8 qam_pkt_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][kPidCount];  // continuity counter of all that was inserted
+u8 qam_pkt_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][kPids];  // continuity counter of all that was inserted
 
 // Types carried on one PID: a section of one must be out whole before one of another may start.
 constexpr u8 bit(PsiType type) {

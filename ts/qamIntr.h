@@ -6,9 +6,6 @@
 #include "platform/chassis.h"
 #include "platform/kernel.h"
 
-enum PsiType : u8 { PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT, CAT, PSINUM };
-static_assert(PSINUM == kTableTypes);
-
 // Each channel's send queue: messages of four bytes, the store index of the packet to write.
 extern os::MSG_Q_ID g_qam_PsiSendQ_ID[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];
 

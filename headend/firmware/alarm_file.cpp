@@ -4,11 +4,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string_view>
+#include <system_error>
 
-#include "client/psi_tables.h"
+#include "mpeg/section.h"
 
 namespace headend {
 namespace {
@@ -16,6 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPath = "/tffs0/alarms/history.dat";
+constexpr std::size_t kLongest = 64U << 20;  // many times what is kept
 constexpr std::string_view kMagic = "QAMALRM1";
 
 // As it stands in memory, like the cards' records.
@@ -31,23 +31,12 @@ struct Entry {
 static_assert(sizeof(Entry) == 32 + sizeof(chassis::alarm_t));
 static_assert(offsetof(Entry, number) == 8 && offsetof(Entry, kind) == 24 && offsetof(Entry, alarm) == 32);
 
-bool readWhole(const fs::path& file, std::string& bytes) {
-  std::error_code ignored;
-  if (!fs::is_regular_file(file, ignored)) return false;
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream) return false;
-  std::ostringstream content;
-  content << stream.rdbuf();
-  bytes = content.str();
-  return !stream.bad();
-}
-
 u32 checkOf(const Entry& entry) {
   const auto* bytes = reinterpret_cast<const u8*>(&entry);
-  return client::crc32({bytes + sizeof entry.check, sizeof entry - sizeof entry.check});
+  return mpeg::crc32({bytes + sizeof entry.check, sizeof entry - sizeof entry.check});
 }
 
-void put(client::Bytes& bytes, const AlarmEvent& event) {
+void put(base::Bytes& bytes, const AlarmEvent& event) {
   Entry entry{.check = 0,
               .at = event.at,
               .number = event.number,
@@ -82,7 +71,7 @@ Reading read(std::string_view bytes) {
     reading.events.push_back({.number = entry.number,
                               .ends = entry.ends,
                               .at = entry.at,
-                              .kind = static_cast<client::AlarmEvent::Kind>(entry.kind),
+                              .kind = static_cast<protocol::AlarmEvent::Kind>(entry.kind),
                               .alarm = entry.alarm});
   }
   reading.cut = !bytes.empty();
@@ -96,7 +85,9 @@ std::deque<AlarmEvent> AlarmFile::load() {
   std::error_code ignored;
   if (!fs::exists(file, ignored)) return {};
   std::string bytes;
-  if (!readWhole(file, bytes)) {
+  try {
+    bytes = base::readFile(file, kLongest);
+  } catch (const std::system_error&) {
     say_(fmt::format("the alarms' history {} cannot be read; it begins anew", file.string()));
     locked_ = !putAside(file);
     return {};
@@ -133,7 +124,7 @@ bool AlarmFile::putAside(const fs::path& file) {
 
 bool AlarmFile::append(const AlarmEvent& event) {
   if (!hasFile_) return false;
-  client::Bytes bytes;
+  base::Bytes bytes;
   put(bytes, event);
   const std::string failure = flash_.append(kPath, bytes);
   if (!failure.empty()) {
@@ -146,7 +137,7 @@ bool AlarmFile::append(const AlarmEvent& event) {
 
 void AlarmFile::rewrite(const std::vector<AlarmEvent>& standing, const std::deque<AlarmEvent>& events) {
   if (locked_) return;
-  client::Bytes bytes;
+  base::Bytes bytes;
   bytes.reserve(kMagic.size() + (standing.size() + events.size()) * sizeof(Entry));
   bytes.assign(kMagic.begin(), kMagic.end());
   for (const AlarmEvent& event : standing) put(bytes, event);

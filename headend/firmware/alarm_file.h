@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "client/alarms.h"
 #include "headend/kernel/flash.h"
 #include "platform/alarms.h"
+#include "protocol/alarms.h"
 
 namespace headend {
 
@@ -18,7 +18,7 @@ struct AlarmEvent {
   std::uint64_t number = 0;  // from 1, rising by one
   std::uint64_t ends = 0;    // the number of the event that raised the alarm which this one ends
   u32 at = 0;                // seconds since 1970-01-01 UTC
-  client::AlarmEvent::Kind kind{};
+  protocol::AlarmEvent::Kind kind{};
   chassis::alarm_t alarm{};
 };
 

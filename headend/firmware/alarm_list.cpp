@@ -7,12 +7,12 @@
 #include <set>
 #include <sstream>
 
-#include "headend/firmware/gbk_text.h"
+#include "base/text.h"
 
 namespace headend {
 namespace {
 
-using Kind = client::AlarmEvent::Kind;
+using Kind = protocol::AlarmEvent::Kind;
 using chassis::alarm_t;
 
 // Cut to the field where it is too long, but never within a Chinese character.
@@ -62,15 +62,15 @@ void account(std::vector<AlarmEvent>& standing, const AlarmEvent& event) {
 }
 
 template <typename Events>
-u32 answer(const Events& events, std::uint64_t next, const client::Request& request, client::Bytes& reply) {
-  const auto from = client::pageFrom(request.data);
-  if (!from) return client::kBadLength;
-  reply = client::alarmPage(next);
+u32 answer(const Events& events, std::uint64_t next, const protocol::Request& request, base::Bytes& reply) {
+  const auto from = protocol::pageFrom(request.data);
+  if (!from) return protocol::kBadLength;
+  reply = protocol::alarmPage(next);
   const auto isBefore = [](const AlarmEvent& event, std::uint64_t number) { return event.number < number; };
   for (auto event = std::lower_bound(events.begin(), events.end(), *from, isBefore);
-       event != events.end() && client::addToPage(reply, outward(*event)); ++event) {
+       event != events.end() && protocol::addToPage(reply, outward(*event)); ++event) {
   }
-  return client::kDone;
+  return protocol::kDone;
 }
 
 }  // namespace
@@ -159,15 +159,15 @@ void AlarmList::forgetOldest() {
   for (; history_.size() > kHistory; history_.pop_front()) account(base_, history_.front());
 }
 
-u32 AlarmList::answerAlarms(const client::Request& request, client::Bytes& reply) const {
+u32 AlarmList::answerAlarms(const protocol::Request& request, base::Bytes& reply) const {
   return answer(standing_, last_ + 1, request, reply);
 }
 
-u32 AlarmList::answerEvents(const client::Request& request, client::Bytes& reply) const {
+u32 AlarmList::answerEvents(const protocol::Request& request, base::Bytes& reply) const {
   return answer(history_, last_ + 1, request, reply);
 }
 
-client::AlarmEvent outward(const AlarmEvent& event) {
+protocol::AlarmEvent outward(const AlarmEvent& event) {
   const alarm_t& alarm = event.alarm;
   return {.number = event.number,
           .at = event.at,
@@ -176,12 +176,12 @@ client::AlarmEvent outward(const AlarmEvent& event) {
                     .port = alarm.Port,
                     .type = alarm.Type,
                     .happened = alarm.HappenTime,
-                    .zhTitle = utf8OfGbk(alarm.StrZhTitle),
-                    .zhText = utf8OfGbk(alarm.StrZhCont),
-                    .enTitle = utf8OfGbk(alarm.StrEnTitle),
-                    .enText = utf8OfGbk(alarm.StrEnCont),
-                    .zhTrap = utf8OfGbk(alarm.StrZhTrap),
-                    .enTrap = utf8OfGbk(alarm.StrEnTrap)}};
+                    .zhTitle = base::utf8OfGbk(alarm.StrZhTitle),
+                    .zhText = base::utf8OfGbk(alarm.StrZhCont),
+                    .enTitle = base::utf8OfGbk(alarm.StrEnTitle),
+                    .enText = base::utf8OfGbk(alarm.StrEnCont),
+                    .zhTrap = base::utf8OfGbk(alarm.StrZhTrap),
+                    .enTrap = base::utf8OfGbk(alarm.StrEnTrap)}};
 }
 
 }  // namespace headend

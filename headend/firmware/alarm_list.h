@@ -2,8 +2,8 @@
 // Tasks call it through the services of platform/alarms.h; nothing here takes virtual time.
 #pragma once
 
-#include "client/datagram.h"
 #include "headend/firmware/alarm_file.h"
+#include "protocol/datagram.h"
 
 namespace headend {
 
@@ -49,13 +49,13 @@ class AlarmList {
   const AlarmFile& file() const { return file_; }
 
   // The operations kAlarms and kAlarmEvents.
-  u32 answerAlarms(const client::Request& request, client::Bytes& reply) const;
-  u32 answerEvents(const client::Request& request, client::Bytes& reply) const;
+  u32 answerAlarms(const protocol::Request& request, base::Bytes& reply) const;
+  u32 answerEvents(const protocol::Request& request, base::Bytes& reply) const;
 
  private:
   void note(AlarmEvent event);
   void forgetOldest();
-  void end(const AlarmEvent& raised, client::AlarmEvent::Kind kind, const char* zhTrap, const char* enTrap);
+  void end(const AlarmEvent& raised, protocol::AlarmEvent::Kind kind, const char* zhTrap, const char* enTrap);
 
   AlarmFile file_;
   std::function<u32()> clock_;
@@ -67,6 +67,6 @@ class AlarmList {
 };
 
 // In UTF-8, as clients see it.
-client::AlarmEvent outward(const AlarmEvent& event);
+protocol::AlarmEvent outward(const AlarmEvent& event);
 
 }  // namespace headend

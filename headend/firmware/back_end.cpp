@@ -5,9 +5,9 @@
 #include <algorithm>
 
 #include "card/qamVar.h"
-#include "client/card_settings.h"
 #include "platform/address_word.h"
 #include "platform/wire.h"
+#include "protocol/variables.h"
 
 namespace headend {
 namespace {
@@ -21,7 +21,7 @@ BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMon
       chassis_(chassis),
       monitor_(monitor),
       log_(log),
-      socket_(network, client::kDefaultManagementPort) {
+      socket_(network, protocol::kDefaultManagementPort) {
   network.onArrival([this](const UdpSocket& socket, const Datagram& datagram) {
     if (&socket == &socket_) noteArrival(datagram);
   });
@@ -45,7 +45,7 @@ void BackEnd::serve() {
 }
 
 void BackEnd::answer(const Datagram& datagram) {
-  const std::optional<client::Request> request = client::decodeRequest(datagram.bytes);
+  const std::optional<protocol::Request> request = protocol::decodeRequest(datagram.bytes);
   if (!request) return;  // not ours: an answer would go to whoever was named as its sender
 
   auto known = std::find_if(clients_.begin(), clients_.end(),
@@ -58,26 +58,26 @@ void BackEnd::answer(const Datagram& datagram) {
   }
   KnownClient& sender = clients_.front();
   if (sender.lastReply.empty() || sender.lastSequence != request->sequence) {
-    sender.lastReply = client::encode(carryOut(*request));
+    sender.lastReply = protocol::encode(carryOut(*request));
     sender.lastSequence = request->sequence;
   }
   socket_.send(sender.address, sender.lastReply);
 }
 
-client::Reply BackEnd::carryOut(const client::Request& request) {
-  client::Reply reply = client::replyTo(request);
+protocol::Reply BackEnd::carryOut(const protocol::Request& request) {
+  protocol::Reply reply = protocol::replyTo(request);
   switch (request.operation) {
-    case client::Operation::kRead:
+    case protocol::Operation::kRead:
       reply.result = callCard(request, reply.data);
       break;
-    case client::Operation::kWrite:
+    case protocol::Operation::kWrite:
       reply.result = callCard(request, reply.data);
-      if (reply.result == client::kDone) noteLock(request);
+      if (reply.result == protocol::kDone) noteLock(request);
       break;
-    case client::Operation::kGetVariable:
+    case protocol::Operation::kGetVariable:
       reply.result = getVariable(request, reply.data);
       break;
-    case client::Operation::kSetVariable:
+    case protocol::Operation::kSetVariable:
       reply.result = setVariable(request);
       break;
     default:
@@ -86,18 +86,18 @@ client::Reply BackEnd::carryOut(const client::Request& request) {
   return reply;
 }
 
-u32 BackEnd::passOn(const client::Request& request, client::Bytes& reply) const {
+u32 BackEnd::passOn(const protocol::Request& request, base::Bytes& reply) const {
   const auto handler = handlers_.find(request.operation);
-  if (handler == handlers_.end()) return client::kUnknownOperation;
-  if (request.length != request.data.size()) return client::kBadLength;
+  if (handler == handlers_.end()) return protocol::kUnknownOperation;
+  if (request.length != request.data.size()) return protocol::kBadLength;
   const u32 result = handler->second(request, reply);
-  if (result != client::kDone) reply.clear();
+  if (result != protocol::kDone) reply.clear();
   return result;
 }
 
 // The row of the table that is registered for the request's channel. Where no range or row fits, any table's
 // routine serves: the card itself then says what is wrong.
-const chassis::bc_var* BackEnd::findVariable(const client::Request& request) const {
+const chassis::bc_var* BackEnd::findVariable(const protocol::Request& request) const {
   if (registrations_.empty()) return nullptr;
   const u32 address = static_cast<u32>(request.slot & 0xFF) << 24 | (request.port & 0xFF) << 16;
   const auto fits = [&](const Registration& r) { return r.base <= address && address < r.limit; };
@@ -109,14 +109,15 @@ const chassis::bc_var* BackEnd::findVariable(const client::Request& request) con
   return table;
 }
 
-u32 BackEnd::callCard(const client::Request& request, client::Bytes& reply) {
+u32 BackEnd::callCard(const protocol::Request& request, base::Bytes& reply) {
   const int slot = request.slot & 0xFF;
-  if (slot < kSlots && chassis_.slot(slot).descriptor != nullptr && !chassis_.slot(slot).initReturned) {
-    return client::kNotStarted;
+  if (slot < MAX_BOARD_NUM && chassis_.slot(slot).descriptor != nullptr &&
+      !chassis_.slot(slot).initReturned) {
+    return protocol::kNotStarted;
   }
-  if (request.data.size() != request.length) return client::kBadLength;
+  if (request.data.size() != request.length) return protocol::kBadLength;
   const chassis::bc_var* variable = findVariable(request);
-  if (variable == nullptr) return client::kNoBackEnd;
+  if (variable == nullptr) return protocol::kNoBackEnd;
 
   constexpr u16 kDataAfterHeader =
       sizeof(chassis::bc_vhdr_t) - 12;  // a read's data begins 12 + this after the header
@@ -129,7 +130,7 @@ u32 BackEnd::callCard(const client::Request& request, client::Bytes& reply) {
   buffers_.request.fill(0);
   std::copy(request.data.begin(), request.data.end(), buffers_.request.begin());
 
-  if (request.operation == client::Operation::kWrite) {
+  if (request.operation == protocol::Operation::kWrite) {
     return static_cast<u32>(variable->vwr(&buffers_.header, buffers_.request.data()));
   }
   buffers_.reply.fill(0);
@@ -139,15 +140,15 @@ u32 BackEnd::callCard(const client::Request& request, client::Bytes& reply) {
   return static_cast<u32>(result);
 }
 
-void BackEnd::noteLock(const client::Request& request) {
-  const bool ofPsi = request.variable == client::kVarPsiLock;
-  if (!ofPsi && request.variable != client::kVarPidMapLock) return;
-  client::Request read = request;
-  read.operation = client::Operation::kRead;
+void BackEnd::noteLock(const protocol::Request& request) {
+  const bool ofPsi = request.variable == qam_back::kPsiLock;
+  if (!ofPsi && request.variable != qam_back::kPidMapLock) return;
+  protocol::Request read = request;
+  read.operation = protocol::Operation::kRead;
   read.length = 0;
   read.data.clear();
-  client::Bytes state;
-  if (callCard(read, state) != client::kDone) return;
+  base::Bytes state;
+  if (callCard(read, state) != protocol::kDone) return;
   const bool locked = std::any_of(state.begin(), state.end(), [](u8 byte) { return byte != 0; });
   const int slot = request.slot & 0xFF;
   const int port = static_cast<int>(request.port & 0xFF);
@@ -169,37 +170,37 @@ std::optional<Nanos> BackEnd::lockedSince(Lock lock, int slot, int port) const {
 // ---- The variables of a card ----
 
 // A card checks less than this, and for some of these calls it would keep semQamVar for good.
-u32 BackEnd::refuseVariable(const client::Request& request, std::size_t length) const {
+u32 BackEnd::refuseVariable(const protocol::Request& request, std::size_t length) const {
   const int slot = request.slot & 0xFF;
-  if (slot >= kSlots) return client::kBadSlotOrPort;
+  if (slot >= MAX_BOARD_NUM) return protocol::kBadSlotOrPort;
   const chassis::card* card = chassis_.slot(slot).descriptor;
-  if (card == nullptr || card->getVar == nullptr) return client::kNoCard;  // a source card has no variables
-  if (!chassis_.slot(slot).initReturned) return client::kNotStarted;
-  if (!running_(slot)) return client::kNotRunning;
-  if (request.length != length || request.data.size() != length) return client::kBadLength;
-  const client::CardVariable* variable = client::findCardVariable(request.variable);
-  if (variable == nullptr) return client::kUnknownCardVariable;
-  if (request.operation == client::Operation::kSetVariable && !variable->writable)
-    return client::kNotWritable;
-  return client::kDone;
+  if (card == nullptr || card->getVar == nullptr) return protocol::kNoCard;  // a source card has no variables
+  if (!chassis_.slot(slot).initReturned) return protocol::kNotStarted;
+  if (!running_(slot)) return protocol::kNotRunning;
+  if (request.length != length || request.data.size() != length) return protocol::kBadLength;
+  const protocol::CardVariable* variable = protocol::findCardVariable(request.variable);
+  if (variable == nullptr) return protocol::kUnknownCardVariable;
+  if (request.operation == protocol::Operation::kSetVariable && !variable->writable)
+    return protocol::kNotWritable;
+  return protocol::kDone;
 }
 
-u32 BackEnd::getVariable(const client::Request& request, client::Bytes& reply) {
-  if (const u32 refusal = refuseVariable(request, 0); refusal != client::kDone) return refusal;
+u32 BackEnd::getVariable(const protocol::Request& request, base::Bytes& reply) {
+  if (const u32 refusal = refuseVariable(request, 0); refusal != protocol::kDone) return refusal;
   const int slot = request.slot & 0xFF;
-  const bool isText = client::findCardVariable(request.variable)->kind == client::VariableKind::kText;
+  const bool isText = protocol::findCardVariable(request.variable)->kind == protocol::VariableKind::kText;
   if (isText) {
-    reply = client::encodeValue(chassis_.readText(slot, request.variable));
+    reply = protocol::encodeValue(chassis_.readText(slot, request.variable));
   } else {
-    reply = client::encodeValue(
+    reply = protocol::encodeValue(
         chassis_.slot(slot).descriptor->getVar(static_cast<u8>(slot), 0, request.variable, nullptr));
   }
-  return client::kDone;
+  return protocol::kDone;
 }
 
-u32 BackEnd::setVariable(const client::Request& request) {
+u32 BackEnd::setVariable(const protocol::Request& request) {
   constexpr std::size_t kNumberSize = 4;
-  if (const u32 refusal = refuseVariable(request, kNumberSize); refusal != client::kDone) return refusal;
+  if (const u32 refusal = refuseVariable(request, kNumberSize); refusal != protocol::kDone) return refusal;
   const int slot = request.slot & 0xFF;
   const u32 value = wire::get32(request.data.data());
   return static_cast<u32>(

@@ -13,11 +13,11 @@
 #include <tuple>
 #include <vector>
 
-#include "client/datagram.h"
 #include "headend/firmware/carousel_monitor.h"
 #include "headend/firmware/chassis.h"
 #include "headend/kernel/network.h"
 #include "platform/backend.h"
+#include "protocol/datagram.h"
 
 namespace headend {
 
@@ -38,8 +38,8 @@ class BackEnd {
   UdpSocket& socket() { return socket_; }
   void start();  // spawns the task
   // Who carries out an operation that is none of the cards' variables: gives a result, and a reply's data.
-  using Handler = std::function<u32(const client::Request& request, client::Bytes& reply)>;
-  void provide(client::Operation operation, Handler handler) { handlers_[operation] = std::move(handler); }
+  using Handler = std::function<u32(const protocol::Request& request, base::Bytes& reply)>;
+  void provide(protocol::Operation operation, Handler handler) { handlers_[operation] = std::move(handler); }
 
   // Whether the slot's card runs. One that does not has no registers to set, and would wait for ever.
   void onRunning(std::function<bool(int slot)> running) { running_ = std::move(running); }
@@ -60,7 +60,7 @@ class BackEnd {
   struct KnownClient {
     Endpoint address;
     u32 lastSequence;
-    client::Bytes lastReply;
+    base::Bytes lastReply;
   };
   struct Outstanding {
     std::uint64_t number;
@@ -70,14 +70,14 @@ class BackEnd {
 
   void serve();
   void answer(const Datagram& datagram);
-  client::Reply carryOut(const client::Request& request);
-  u32 callCard(const client::Request& request, client::Bytes& reply);
-  u32 passOn(const client::Request& request, client::Bytes& reply) const;
-  u32 getVariable(const client::Request& request, client::Bytes& reply);
-  u32 setVariable(const client::Request& request);
-  u32 refuseVariable(const client::Request& request, std::size_t length) const;
-  const chassis::bc_var* findVariable(const client::Request& request) const;
-  void noteLock(const client::Request& request);
+  protocol::Reply carryOut(const protocol::Request& request);
+  u32 callCard(const protocol::Request& request, base::Bytes& reply);
+  u32 passOn(const protocol::Request& request, base::Bytes& reply) const;
+  u32 getVariable(const protocol::Request& request, base::Bytes& reply);
+  u32 setVariable(const protocol::Request& request);
+  u32 refuseVariable(const protocol::Request& request, std::size_t length) const;
+  const chassis::bc_var* findVariable(const protocol::Request& request) const;
+  void noteLock(const protocol::Request& request);
   void noteArrival(const Datagram& datagram);
   void reportLate(std::uint64_t number, Nanos arrived);
 
@@ -86,7 +86,7 @@ class BackEnd {
   CarouselMonitor& monitor_;
   Log& log_;
   UdpSocket socket_;
-  std::map<client::Operation, Handler> handlers_;
+  std::map<protocol::Operation, Handler> handlers_;
   std::function<bool(int slot)> running_ = [](int) { return false; };
   std::vector<Registration> registrations_;
   std::list<KnownClient> clients_;                           // the one heard last in front

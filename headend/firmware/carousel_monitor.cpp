@@ -10,8 +10,7 @@ constexpr u8 kUnitStart = 0x40;
 
 bool startsGroup(const QamCardPara& record, std::size_t port, u32 index) {
   const outPsiPkt_t& packet = record.psiPkt[port][index];
-  if (packet.psiType != static_cast<u8>(client::TableType::kPmt))
-    return (packet.psiData[1] & kUnitStart) != 0;
+  if (packet.psiType != static_cast<u8>(PMT)) return (packet.psiData[1] & kUnitStart) != 0;
   const outPsiPkt_t* store = record.psiPkt[port];
   return std::none_of(store, store + index,
                       [&](const outPsiPkt_t& p) { return p.psiType == packet.psiType; });
@@ -38,7 +37,7 @@ void CarouselMonitor::posted(const os::MsgQ* queue, std::span<const char> messag
       if (channel.queue != queue) continue;
       const QamCardPara* record = GetQamCardParaFromList(static_cast<u8>(slot));
       const u8 type = record->psiPkt[port][index].psiType;
-      if (type >= client::kTableCount) return;
+      if (type >= PSINUM) return;
       Table& table = channel.tables[type];
       ++table.posted;
       if (!startsGroup(*record, port, index)) return;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "card/QamCardPara.h"
-#include "client/psi_tables.h"
+#include "mpeg/section.h"
 #include "platform/kernel.h"
 
 namespace headend {
@@ -25,7 +25,7 @@ class CarouselMonitor {
     std::uint64_t max_ticks = 0;
     std::optional<std::uint64_t> lastStart;
   };
-  using Tables = std::array<Table, client::kTableCount>;
+  using Tables = std::array<Table, PSINUM>;
 
   // A slot's start-up makes one queue a channel, in the order of the channels.
   void queueCreated(const os::MsgQ* queue, int slot);

@@ -52,7 +52,7 @@ void Chassis::startSlot(int number) {
 }
 
 void Chassis::auxiliaryClock() {
-  for (int number = 0; number < kSlots; ++number) {
+  for (int number = 0; number < MAX_BOARD_NUM; ++number) {
     const Slot& slot = slots_[static_cast<std::size_t>(number)];
     if (!slot.initReturned || slot.descriptor->auxClkIntRoutine == nullptr) continue;
     kernel_.interrupt("auxClkIntRoutine", number, slot.descriptor->auxClkIntRoutine, static_cast<u8>(number));

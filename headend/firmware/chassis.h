@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "headend/firmware/log.h"
 #include "headend/firmware/startup_timeline.h"
 #include "headend/hardware/bus.h"
 #include "headend/kernel/flash.h"
-#include "headend/log.h"
 #include "platform/chassis.h"
 
 namespace headend {
@@ -75,7 +75,7 @@ class Chassis {
   Bus& bus_;
   Flash& flash_;
   Log& log_;
-  std::array<Slot, kSlots> slots_;
+  std::array<Slot, MAX_BOARD_NUM> slots_;
   std::function<void(int)> onInitReturned_;
   bool saveFailed_ = false;
   bool servesCalibration_ = false;

@@ -34,15 +34,15 @@ constexpr Routine kRoutines[] = {
 
 }  // namespace
 
-u32 DebugShell::call(const client::Request& request, client::Bytes& reply) {
+u32 DebugShell::call(const protocol::Request& request, base::Bytes& reply) {
   const auto end = std::find(request.data.begin(), request.data.end(), u8{0});
-  if (end == request.data.end()) return client::kBadLength;
+  if (end == request.data.end()) return protocol::kBadLength;
   const std::string name(request.data.begin(), end);
   const std::size_t size = static_cast<std::size_t>(request.data.end() - end) - 1;
   const Routine* routine = std::find_if(std::begin(kRoutines), std::end(kRoutines),
                                         [&](const Routine& r) { return name == r.name; });
   constexpr std::size_t kArgument = 4;
-  if (routine == std::end(kRoutines) || size != routine->count * kArgument) return client::kUnknownRoutine;
+  if (routine == std::end(kRoutines) || size != routine->count * kArgument) return protocol::kUnknownRoutine;
   std::array<u32, 4> arguments{};
   for (std::size_t i = 0; i < routine->count; ++i) {
     arguments[i] = wire::get32(&*(end + 1 + static_cast<std::ptrdiff_t>(i * kArgument)));
@@ -60,18 +60,18 @@ u32 DebugShell::call(const client::Request& request, client::Bytes& reply) {
       slot);
   reply.resize(sizeof(u32));
   wire::put32(reply.data(), call.number);
-  return client::kDone;
+  return protocol::kDone;
 }
 
-u32 DebugShell::result(const client::Request& request, client::Bytes& reply) const {
-  if (request.data.size() != sizeof(u32)) return client::kBadLength;
+u32 DebugShell::result(const protocol::Request& request, base::Bytes& reply) const {
+  if (request.data.size() != sizeof(u32)) return protocol::kBadLength;
   const u32 number = wire::get32(request.data.data());
   const auto call =
       std::find_if(calls_.begin(), calls_.end(), [&](const Call& c) { return c.number == number; });
-  if (call == calls_.end()) return client::kUnknownCall;
+  if (call == calls_.end()) return protocol::kUnknownCall;
   reply = {static_cast<u8>(call->finished ? 1 : 0), 0, 0, 0};
   reply.insert(reply.end(), call->printed.begin(), call->printed.end());
-  return client::kDone;
+  return protocol::kDone;
 }
 
 void DebugShell::printed(const Task* task, const std::string& text) {

@@ -6,9 +6,9 @@
 #include <deque>
 #include <string>
 
-#include "client/datagram.h"
 #include "headend/kernel/kernel.h"
 #include "platform/types.h"
+#include "protocol/datagram.h"
 
 namespace headend {
 
@@ -21,8 +21,8 @@ class DebugShell {
 
   // Operations of the management socket: begin a call (name, 0, arguments of four bytes), ask for its end.
   // Tasks only.
-  u32 call(const client::Request& request, client::Bytes& reply);
-  u32 result(const client::Request& request, client::Bytes& reply) const;
+  u32 call(const protocol::Request& request, base::Bytes& reply);
+  u32 result(const protocol::Request& request, base::Bytes& reply) const;
 
   // A debug line of the running task, which may be a call's.
   void printed(const Task* task, const std::string& text);

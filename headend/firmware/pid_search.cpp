@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "headend/hardware/pcr.h"
+#include "mpeg/pcr.h"
 #include "platform/address_word.h"
 #include "ts/qamBack.h"
 
@@ -11,7 +11,7 @@ namespace {
 
 // Static, for a packet's address travels as a 32-bit word, which names objects of the program image alone.
 u8 capturedPackets[MAX_BOARD_NUM][PidSearch::kCaptured]
-                  [kTsPacket];  // NOLINT(*-avoid-non-const-global-variables)
+                  [kTsPacketSize];  // NOLINT(*-avoid-non-const-global-variables)
 
 // What a packet says of the sections of one table.
 struct Content {
@@ -21,17 +21,17 @@ struct Content {
   bool endsOther = false;    // in front of the first start stands the end of an earlier section
 };
 
-Content contentOf(TsPacketView packet, u8 tableId) {
+Content contentOf(mpeg::PacketView packet, u8 tableId) {
   Content content;
-  std::size_t at = payloadStart(packet);
-  if (!startsUnit(packet) || at >= kTsPacket) return content;
+  std::size_t at = mpeg::payloadStart(packet);
+  if (!mpeg::startsUnit(packet) || at >= kTsPacketSize) return content;
   content.endsOther = packet[at] != 0;
   at += 1U + packet[at];
-  while (at < kTsPacket && packet[at] != 0xFF) {
+  while (at < kTsPacketSize && packet[at] != 0xFF) {
     content.startsAny = true;
     content.lastIsTable = packet[at] == tableId;
     content.startsTable |= content.lastIsTable;
-    if (at + 3 > kTsPacket) break;
+    if (at + 3 > kTsPacketSize) break;
     at += 3U + ((packet[at + 1] & 0x0FU) << 8 | packet[at + 2]);
   }
   return content;
@@ -46,37 +46,37 @@ PidSearch::PidSearch(Kernel& kernel, std::function<Multiplexer*(int slot, int po
   }
 }
 
-u32 PidSearch::search(const client::Request& request) {
-  if (request.data.size() != sizeof(ts_data_set)) return client::kBadLength;
+u32 PidSearch::search(const protocol::Request& request) {
+  if (request.data.size() != sizeof(ts_data_set)) return protocol::kBadLength;
   const auto& wanted = *reinterpret_cast<const ts_data_set*>(request.data.data());
   const std::size_t slot = request.slot & 0xFF;
   const auto port = static_cast<u8>(request.port);
-  if (slot >= captures_.size() || port >= MAX_QAM_OUT_NUM) return client::kBadSlotOrPort;
+  if (slot >= captures_.size() || port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
   Multiplexer* output = output_(static_cast<int>(slot), port);
-  if (output == nullptr) return client::kNoCard;
+  if (output == nullptr) return protocol::kNoCard;
 
   Capture& capture = captures_[slot];
   const qamSearchPSI_t before = qamSearchPSI[slot];
   if (wanted.status != 0 && before.isSearch == 1 && before.pid == wanted.pid &&
       before.tableId == wanted.tableid && capture.output == output) {
-    return client::kDone;  // it goes on, with what it has captured
+    return protocol::kDone;  // it goes on, with what it has captured
   }
   if (capture.output != nullptr) capture.output->setTap(nullptr);
   capture = {};
   qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, 0);
-  if (wanted.status == 0) return client::kDone;
+  if (wanted.status == 0) return protocol::kDone;
   qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, wanted.status);
   output->advance(kernel_.now());  // what left before the search began is not of it
   capture.output = output;
-  output->setTap([this, slot](TsPacketView packet) { look(slot, packet); });
-  return client::kDone;
+  output->setTap([this, slot](mpeg::PacketView packet) { look(slot, packet); });
+  return protocol::kDone;
 }
 
-u32 PidSearch::searched(const client::Request& request, client::Bytes& reply) {
-  if (!request.data.empty()) return client::kBadLength;
+u32 PidSearch::searched(const protocol::Request& request, base::Bytes& reply) {
+  if (!request.data.empty()) return protocol::kBadLength;
   const std::size_t slot = request.slot & 0xFF;
-  if (slot >= captures_.size() || (request.port & 0xFF) >= MAX_QAM_OUT_NUM) return client::kBadSlotOrPort;
-  if (output_(static_cast<int>(slot), 0) == nullptr) return client::kNoCard;
+  if (slot >= captures_.size() || (request.port & 0xFF) >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
+  if (output_(static_cast<int>(slot), 0) == nullptr) return protocol::kNoCard;
 
   ts_data_rt found{};
   found.pid = qamSearchPSI[slot].pid;
@@ -90,14 +90,14 @@ u32 PidSearch::searched(const client::Request& request, client::Bytes& reply) {
     ++captures_[slot].taken;
   }
   const auto* bytes = reinterpret_cast<const u8*>(&found);
-  reply.assign(bytes, bytes + offsetof(ts_data_rt, pkt) + found.nmuber * kTsPacket);
-  return client::kDone;
+  reply.assign(bytes, bytes + offsetof(ts_data_rt, pkt) + found.nmuber * kTsPacketSize);
+  return protocol::kDone;
 }
 
 // In whatever runs when the packet leaves: it only copies.
-void PidSearch::look(std::size_t slot, TsPacketView packet) {
+void PidSearch::look(std::size_t slot, mpeg::PacketView packet) {
   const qamSearchPSI_t& wanted = qamSearchPSI[slot];
-  if (wanted.isSearch == 0 || pidOf(packet) != wanted.pid) return;
+  if (wanted.isSearch == 0 || mpeg::pidOf(packet) != wanted.pid) return;
   Capture& capture = captures_[slot];
   const Content content = contentOf(packet, wanted.tableId);
   const bool continues = capture.inTable && (!content.startsAny || content.endsOther);

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <functional>
 
-#include "client/datagram.h"
 #include "headend/hardware/multiplexer.h"
 #include "headend/kernel/kernel.h"
+#include "protocol/datagram.h"
 
 namespace headend {
 
@@ -21,8 +21,8 @@ class PidSearch {
 
   // Operations of the management socket: begin or end a search (`ts_data_set`), take what it found
   // (`ts_data_rt`). Tasks only.
-  u32 search(const client::Request& request);
-  u32 searched(const client::Request& request, client::Bytes& reply);
+  u32 search(const protocol::Request& request);
+  u32 searched(const protocol::Request& request, base::Bytes& reply);
 
  private:
   struct Capture {
@@ -33,7 +33,7 @@ class PidSearch {
     std::uint64_t taken = 0;
   };
 
-  void look(std::size_t slot, TsPacketView packet);
+  void look(std::size_t slot, mpeg::PacketView packet);
   void post(std::size_t slot);
 
   Kernel& kernel_;

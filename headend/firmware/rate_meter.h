@@ -28,7 +28,7 @@ class RateMeter {
   void update(Nanos now) {
     if (now - measuredAt_ < kSecond) return;
     const double bitsASecond =
-        static_cast<double>(kTsPacket) * 8 * 1e9 / static_cast<double>(now - measuredAt_);
+        static_cast<double>(kTsPacketSize) * 8 * 1e9 / static_cast<double>(now - measuredAt_);
     measuredAt_ = now;
     for (auto& [place, meter] : outputs_) {
       meter.source->advance(now);

@@ -24,7 +24,8 @@ void SourceCards::plugIn(int slot, std::vector<std::unique_ptr<TsInput>> inputs)
   for (std::size_t i = 0; i < card.inputs.size(); ++i) {
     const int port = static_cast<int>(i);
     router_.connectInput(slot, port, *card.inputs[i]);
-    router_.onPacket(slot, port, [tables = &card.tables[i]](TsPacketView packet) { tables->packet(packet); });
+    router_.onPacket(slot, port,
+                     [tables = &card.tables[i]](mpeg::PacketView packet) { tables->packet(packet); });
   }
 }
 
@@ -34,11 +35,11 @@ std::vector<int> SourceCards::slots() const {
   return all;
 }
 
-u32 SourceCards::sections(const client::Request& request, client::Bytes& reply) const {
+u32 SourceCards::sections(const protocol::Request& request, base::Bytes& reply) const {
   constexpr std::size_t kRequestSize = 8;
-  if (request.data.size() != kRequestSize) return client::kBadLength;
+  if (request.data.size() != kRequestSize) return protocol::kBadLength;
   const auto card = cards_.find(request.slot & 0xFF);
-  if (card == cards_.end() || request.port >= card->second.inputs.size()) return client::kNoInput;
+  if (card == cards_.end() || request.port >= card->second.inputs.size()) return protocol::kNoInput;
 
   const SourceTables& tables = card->second.tables[request.port];
   const auto all = tables.sections(wire::get16(request.data.data()), request.data[2]);
@@ -51,7 +52,7 @@ u32 SourceCards::sections(const client::Request& request, client::Bytes& reply) 
     wire::put16(&reply[reply.size() - 2], static_cast<u16>(all[i]->size()));
     reply.insert(reply.end(), all[i]->begin(), all[i]->end());
   }
-  return client::kDone;
+  return protocol::kDone;
 }
 
 }  // namespace headend

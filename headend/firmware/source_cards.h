@@ -6,10 +6,10 @@
 #include <memory>
 #include <vector>
 
-#include "client/datagram.h"
 #include "headend/firmware/source_tables.h"
 #include "headend/hardware/pid_router.h"
 #include "platform/chassis.h"
+#include "protocol/datagram.h"
 
 namespace headend {
 
@@ -30,7 +30,7 @@ class SourceCards {
   }
 
   // Operation of the management socket: sections of a table on an input.
-  u32 sections(const client::Request& request, client::Bytes& reply) const;
+  u32 sections(const protocol::Request& request, base::Bytes& reply) const;
 
  private:
   struct Card {

@@ -7,9 +7,9 @@
 #include <tuple>
 #include <vector>
 
-#include "client/section_gatherer.h"
-#include "headend/hardware/pcr.h"
 #include "headend/hardware/ts_input.h"
+#include "mpeg/pcr.h"
+#include "mpeg/section_gatherer.h"
 
 namespace headend {
 
@@ -17,24 +17,24 @@ class SourceTables {
  public:
   SourceTables();
 
-  void packet(TsPacketView packet) {
-    const u16 pid = pidOf(packet);
+  void packet(mpeg::PacketView packet) {
+    const u16 pid = mpeg::pidOf(packet);
     if (wanted_[pid]) gather(pid, packet);
   }
 
   // By extension and number. Valid until the next packet.
-  std::vector<const client::Bytes*> sections(u16 pid, u8 tableId) const;
+  std::vector<const base::Bytes*> sections(u16 pid, u8 tableId) const;
 
  private:
   using Key = std::tuple<u16, u8, u16, u8>;  // PID, table_id, extension, number
 
-  void gather(u16 pid, TsPacketView packet);
-  void take(const client::Section& section);
-  void follow(const client::Section& pat);
+  void gather(u16 pid, mpeg::PacketView packet);
+  void take(const mpeg::Section& section);
+  void follow(const mpeg::Section& pat);
 
   std::bitset<kPids> wanted_;
-  std::map<u16, client::SectionGatherer> gatherers_;
-  std::map<Key, client::Bytes> sections_;
+  std::map<u16, mpeg::SectionGatherer> gatherers_;
+  std::map<Key, base::Bytes> sections_;
 };
 
 }  // namespace headend

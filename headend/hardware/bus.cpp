@@ -14,7 +14,7 @@ Bus::Bus(Violations& violations) : violations_(violations) {
   base_ = static_cast<char*>(mapped);
   slotOfWindow_.fill(-1);
   slotOfWindow_[0] = 0;
-  for (int slot = 1; slot < kSlots; ++slot) slotOfWindow_[std::size_t{1} << (slot - 1)] = slot;
+  for (int slot = 1; slot < MAX_BOARD_NUM; ++slot) slotOfWindow_[std::size_t{1} << (slot - 1)] = slot;
 }
 
 Bus::~Bus() {

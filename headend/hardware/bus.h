@@ -15,8 +15,6 @@
 
 namespace headend {
 
-inline constexpr int kSlots = 6;
-
 class Bus {
  public:
   explicit Bus(Violations& violations);
@@ -79,7 +77,7 @@ class Bus {
       if (slot >= 0 && cards_[static_cast<std::size_t>(slot)] != nullptr && offset < CardFpga::kWindowSize) {
         return {cards_[static_cast<std::size_t>(slot)], offset, slot};
       }
-    } else if (at >= kConfigPorts && at < kConfigPorts + kSlots * ConfigPort::kSize) {
+    } else if (at >= kConfigPorts && at < kConfigPorts + MAX_BOARD_NUM * ConfigPort::kSize) {
       const std::size_t slot = (at - kConfigPorts) / ConfigPort::kSize;
       if (ports_[slot] != nullptr) {
         return {ports_[slot], static_cast<u32>((at - kConfigPorts) % ConfigPort::kSize),
@@ -105,10 +103,10 @@ class Bus {
   char* base_;
   std::FILE* log_ = nullptr;
   std::array<int, kWindows / kWindowGrid> slotOfWindow_{};
-  std::array<CardFpga*, kSlots> cards_{};
-  std::array<ConfigPort*, kSlots> ports_{};
+  std::array<CardFpga*, MAX_BOARD_NUM> cards_{};
+  std::array<ConfigPort*, MAX_BOARD_NUM> ports_{};
   MainBoard* board_ = nullptr;
-  std::array<std::uint64_t, kSlots> accesses_{};
+  std::array<std::uint64_t, MAX_BOARD_NUM> accesses_{};
 };
 
 }  // namespace headend

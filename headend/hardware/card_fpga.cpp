@@ -130,7 +130,7 @@ void CardFpga::act(u32 offset, u16 before, u16 value, Nanos now) {
     case kConstellation:
       return modulator_.constellationCode(value);
     case kRateGate:
-      for (std::size_t channel = 0; channel < kChannels; ++channel) {
+      for (std::size_t channel = 0; channel < MAX_QAM_OUT_NUM; ++channel) {
         outputs_[channel].advance(now);
         rateCounters_[channel].gate((value & 1) != 0, outputs_[channel].counts());
       }

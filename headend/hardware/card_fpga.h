@@ -19,7 +19,6 @@ namespace headend {
 class CardFpga final : public BusDevice {
  public:
   static constexpr u32 kWindowSize = kCardWindowSize;
-  static constexpr std::size_t kChannels = 2;
 
   CardFpga(const FpgaConfiguration::Settings& settings, Violations& violations);
 
@@ -67,9 +66,9 @@ class CardFpga final : public BusDevice {
   Violations& violations_;
   CardBoard board_;
   Modulator modulator_;
-  std::array<Multiplexer, kChannels> outputs_;
-  std::array<PsiPort, kChannels> psiPorts_;
-  std::array<RateCounter, kChannels> rateCounters_;
+  std::array<Multiplexer, MAX_QAM_OUT_NUM> outputs_;
+  std::array<PsiPort, MAX_QAM_OUT_NUM> psiPorts_;
+  std::array<RateCounter, MAX_QAM_OUT_NUM> rateCounters_;
   std::array<u16, kWindowSize / 2> cells_{};
 };
 

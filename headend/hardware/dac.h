@@ -70,12 +70,11 @@ class Dac {
   u8 shift_ = 0;
   u8 sent_ = 0;  // the byte that goes out
 
-  static constexpr Nanos kNever = -kSecond;
-  Nanos resetAt_ = kNever;
-  Nanos selectedAt_ = kNever;
-  Nanos dataAt_ = kNever;
-  Nanos roseAt_ = kNever;
-  Nanos fellAt_ = kNever;
+  Nanos resetAt_ = kLongAgo;
+  Nanos selectedAt_ = kLongAgo;
+  Nanos dataAt_ = kLongAgo;
+  Nanos roseAt_ = kLongAgo;
+  Nanos fellAt_ = kLongAgo;
 };
 
 }  // namespace headend

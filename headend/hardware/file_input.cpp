@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "client/packet_reader.h"
+#include "mpeg/packet_reader.h"
 
 namespace headend {
 namespace {
@@ -21,11 +21,11 @@ namespace {
 // rounded before the end.
 constexpr u64 kUnitsPerTick = 1'000;
 constexpr u64 kUnitsPerNano = 27;
-constexpr u64 kUnitsPerSecond = kPcrHz * kUnitsPerTick;
-constexpr u64 kPacketBits = kTsPacket * 8;
+constexpr u64 kUnitsPerSecond = mpeg::kPcrHz * kUnitsPerTick;
+constexpr u64 kPacketBits = kTsPacketSize * 8;
 
 // PCRs farther apart than this are no clock: the standard wants ten a second.
-constexpr u64 kLongestInterval_ticks = kPcrHz;
+constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
 
 // What is to be done with a packet in further passes.
 constexpr u8 kStep = 0x0F;  // by which its continuity counter moves each pass
@@ -45,12 +45,13 @@ struct Pace {
 };
 
 bool isInterval(const Pcr& from, const Pcr& to) {
-  const u64 ticks = pcrDistance(from.ticks, to.ticks);
+  const u64 ticks = mpeg::pcrDistance(from.ticks, to.ticks);
   return ticks > 0 && ticks <= kLongestInterval_ticks;
 }
 
 Pace paceBetween(const Pcr& from, const Pcr& to) {
-  return {.packets = to.packet - from.packet, .units = pcrDistance(from.ticks, to.ticks) * kUnitsPerTick};
+  return {.packets = to.packet - from.packet,
+          .units = mpeg::pcrDistance(from.ticks, to.ticks) * kUnitsPerTick};
 }
 
 // Without single PCRs that are broken between two that fit each other.
@@ -68,10 +69,10 @@ std::vector<Pcr> withoutStrays(const std::vector<Pcr>& all) {
 }
 
 // Of the first PID that has two which follow each other; none if no PID has.
-std::vector<Pcr> clockOf(const std::vector<std::array<u8, kTsPacket>>& packets) {
+std::vector<Pcr> clockOf(const std::vector<std::array<u8, kTsPacketSize>>& packets) {
   std::map<u16, std::vector<Pcr>> byPid;
   for (std::size_t i = 0; i < packets.size(); ++i) {
-    if (const auto ticks = pcrOf(packets[i])) byPid[pidOf(packets[i])].push_back({i, *ticks});
+    if (const auto ticks = mpeg::pcrOf(packets[i])) byPid[mpeg::pidOf(packets[i])].push_back({i, *ticks});
   }
   std::vector<Pcr> first;
   for (const auto& [pid, all] : byPid) {
@@ -112,7 +113,7 @@ void followPcrs(Timetable& timetable, const std::vector<Pcr>& pcrs, std::size_t 
 
 // The first bytes of a PES packet, with the places they lie in.
 struct PesHeader {
-  static constexpr std::size_t kMost = kPesTimesAt + 2 * kPesTimeSize;
+  static constexpr std::size_t kMost = mpeg::kPesTimesAt + 2 * mpeg::kPesTimeSize;
   struct Place {
     std::uint32_t packet;
     u8 at;
@@ -122,8 +123,10 @@ struct PesHeader {
   std::array<u8, kMost> bytes{};
   std::array<Place, kMost> places{};
 
-  unsigned times() const { return size < kPesTimesAt ? 0 : pesTimesIn(bytes); }
-  bool complete() const { return size >= kPesTimesAt && size >= kPesTimesAt + times() * kPesTimeSize; }
+  unsigned times() const { return size < mpeg::kPesTimesAt ? 0 : mpeg::pesTimesIn(bytes); }
+  bool complete() const {
+    return size >= mpeg::kPesTimesAt && size >= mpeg::kPesTimesAt + times() * mpeg::kPesTimeSize;
+  }
 };
 
 }  // namespace
@@ -150,11 +153,12 @@ void FileInput::read() {
   if (std::filesystem::is_character_file(path_, error)) failed("it is a device, which may have no end");
   std::ifstream stream(path_, std::ios::binary);
   if (!stream) failed(std::strerror(errno));
-  if (const auto size = std::filesystem::file_size(path_, error); !error) packets_.reserve(size / kTsPacket);
+  if (const auto size = std::filesystem::file_size(path_, error); !error)
+    packets_.reserve(size / kTsPacketSize);
 
-  client::PacketReader reader(stream);
+  mpeg::PacketReader reader(stream);
   while (const u8* packet = reader.next()) {
-    std::copy_n(packet, kTsPacket, packets_.emplace_back().begin());
+    std::copy_n(packet, kTsPacketSize, packets_.emplace_back().begin());
   }
   if (stream.bad()) failed("it could not be read to its end");
   if (packets_.empty()) failed("it holds no transport-stream packets (of 188, 192 or 204 bytes)");
@@ -180,8 +184,8 @@ void FileInput::pace(std::optional<std::uint64_t> bitRate) {
   }
   // PCR, PTS and DTS move by one same amount: whole ticks of 90 kHz. Upwards, so that no packet of a pass
   // comes later than the first of the next.
-  constexpr u64 kPtsUnits = kPcrPerPts * kUnitsPerTick;
-  period_ticks_ = (timetable.end() + kPtsUnits - 1) / kPtsUnits * kPcrPerPts;
+  constexpr u64 kPtsUnits = mpeg::kPcrPerPts * kUnitsPerTick;
+  period_ticks_ = (timetable.end() + kPtsUnits - 1) / kPtsUnits * mpeg::kPcrPerPts;
 }
 
 // The continuity of a PID moves each pass by what its last packet is ahead of the one before the first. A
@@ -190,17 +194,17 @@ void FileInput::markPackets() {
   std::vector<const Packet*> firsts(kPids);
   std::vector<const Packet*> lasts(kPids);
   for (const Packet& packet : packets_) {
-    const u16 pid = pidOf(packet);
+    const u16 pid = mpeg::pidOf(packet);
     if (firsts[pid] == nullptr) firsts[pid] = &packet;
     lasts[pid] = &packet;
   }
   marks_.reserve(packets_.size());
   for (const Packet& packet : packets_) {
-    const u16 pid = pidOf(packet);
-    u8 mark = hasPcr(packet) ? kPcr : u8{0};
+    const u16 pid = mpeg::pidOf(packet);
+    u8 mark = mpeg::hasPcr(packet) ? kPcr : u8{0};
     if (pid != kNullPid) {
-      const int step =
-          continuityOf(*lasts[pid]) - continuityOf(*firsts[pid]) + (hasPayload(*firsts[pid]) ? 1 : 0);
+      const int step = mpeg::continuityOf(*lasts[pid]) - mpeg::continuityOf(*firsts[pid]) +
+                       (mpeg::hasPayload(*firsts[pid]) ? 1 : 0);
       mark = static_cast<u8>(mark | (step & kStep));
     }
     marks_.push_back(mark);
@@ -211,11 +215,11 @@ void FileInput::findStamps() {
   std::map<u16, PesHeader> headers;
   const auto keep = [this](const PesHeader& header) {
     for (unsigned time = 0; time < header.times(); ++time) {
-      const std::size_t begin = kPesTimesAt + time * kPesTimeSize;
-      std::array<u8, kPesTimeSize> field{};
-      std::copy_n(&header.bytes[begin], kPesTimeSize, field.begin());
-      if (!pesTimeOf(field)) continue;
-      for (u8 i = 0; i < kPesTimeSize; ++i) {
+      const std::size_t begin = mpeg::kPesTimesAt + time * mpeg::kPesTimeSize;
+      std::array<u8, mpeg::kPesTimeSize> field{};
+      std::copy_n(&header.bytes[begin], mpeg::kPesTimeSize, field.begin());
+      if (!mpeg::pesTimeOf(field)) continue;
+      for (u8 i = 0; i < mpeg::kPesTimeSize; ++i) {
         const PesHeader::Place& place = header.places[begin + i];
         if (i > 0 && stamps_.back().packet == place.packet) {
           ++stamps_.back().count;
@@ -228,15 +232,15 @@ void FileInput::findStamps() {
   };
   for (std::uint32_t i = 0; i < packets_.size(); ++i) {
     const Packet& packet = packets_[i];
-    if (!hasPayload(packet) || pidOf(packet) == kNullPid) continue;
-    PesHeader& header = headers[pidOf(packet)];
-    if (startsUnit(packet)) {
+    if (!mpeg::hasPayload(packet) || mpeg::pidOf(packet) == kNullPid) continue;
+    PesHeader& header = headers[mpeg::pidOf(packet)];
+    if (mpeg::startsUnit(packet)) {
       header.open = true;
       header.size = 0;
     }
-    if (isScrambled(packet)) header.open = false;
+    if (mpeg::isScrambled(packet)) header.open = false;
     if (!header.open) continue;
-    for (std::size_t at = payloadStart(packet); at < kTsPacket && !header.complete(); ++at) {
+    for (std::size_t at = mpeg::payloadStart(packet); at < kTsPacketSize && !header.complete(); ++at) {
       header.places[header.size] = {.packet = i, .at = static_cast<u8>(at)};
       header.bytes[header.size++] = packet[at];
     }
@@ -252,13 +256,14 @@ void FileInput::schedule() {
   next_ = start_ + static_cast<Nanos>((units + kUnitsPerNano / 2) / kUnitsPerNano);
 }
 
-TsPacketView FileInput::take() {
-  TsPacketView taken = packets_[index_];
+mpeg::PacketView FileInput::take() {
+  mpeg::PacketView taken = packets_[index_];
   if (pass_ > 0) {
     moved_ = packets_[index_];
     const u8 mark = marks_[index_];
-    setContinuity(moved_, continuityOf(moved_) + static_cast<unsigned>(pass_ & 0x0F) * (mark & kStep));
-    if ((mark & kPcr) != 0) setPcr(moved_, *pcrOf(moved_) + shift_ticks_);
+    mpeg::setContinuity(moved_,
+                        mpeg::continuityOf(moved_) + static_cast<unsigned>(pass_ & 0x0F) * (mark & kStep));
+    if ((mark & kPcr) != 0) mpeg::setPcr(moved_, *mpeg::pcrOf(moved_) + shift_ticks_);
     if ((mark & kStamps) != 0) moveStamps();
     taken = moved_;
   }
@@ -267,7 +272,7 @@ TsPacketView FileInput::take() {
     stamp_ = 0;
     ++pass_;
     passBegin_ += period_ticks_ * kUnitsPerTick;
-    shift_ticks_ = (shift_ticks_ + period_ticks_) % kPcrWrap;
+    shift_ticks_ = (shift_ticks_ + period_ticks_) % mpeg::kPcrWrap;
   }
   schedule();
   return taken;
@@ -276,8 +281,8 @@ TsPacketView FileInput::take() {
 void FileInput::moveStamps() {
   for (; stamp_ < stamps_.size() && stamps_[stamp_].packet == index_; ++stamp_) {
     const Stamp& stamp = stamps_[stamp_];
-    std::array<u8, kPesTimeSize> field = stamp.field;
-    setPesTime(field, *pesTimeOf(field) + shift_ticks_ / kPcrPerPts);
+    std::array<u8, mpeg::kPesTimeSize> field = stamp.field;
+    mpeg::setPesTime(field, *mpeg::pesTimeOf(field) + shift_ticks_ / mpeg::kPcrPerPts);
     std::copy_n(&field[stamp.first], stamp.count, &moved_[stamp.at]);
   }
 }

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "headend/hardware/pcr.h"
 #include "headend/hardware/ts_input.h"
+#include "mpeg/pcr.h"
 
 namespace headend {
 
@@ -31,7 +31,7 @@ class FileInput final : public TsInput {
   explicit FileInput(std::string path, std::optional<std::uint64_t> bitRate = std::nullopt, Nanos start = 0);
 
   Nanos nextArrival() const override { return next_; }
-  TsPacketView take() override;
+  mpeg::PacketView take() override;
   const std::string& name() const override { return path_; }
 
   std::size_t packets() const { return packets_.size(); }       // in one pass
@@ -42,7 +42,7 @@ class FileInput final : public TsInput {
   static constexpr std::uint64_t kFastest = 1'000'000'000;
 
  private:
-  using Packet = std::array<u8, kTsPacket>;
+  using Packet = std::array<u8, kTsPacketSize>;
 
   // A PTS or DTS, or a part of one where a PES header is torn between packets.
   struct Stamp {
@@ -50,7 +50,7 @@ class FileInput final : public TsInput {
     u8 at;     // in the packet
     u8 first;  // of the field's bytes
     u8 count;
-    std::array<u8, kPesTimeSize> field;  // the whole field, as it is in the file
+    std::array<u8, mpeg::kPesTimeSize> field;  // the whole field, as it is in the file
   };
 
   void read();
@@ -71,7 +71,7 @@ class FileInput final : public TsInput {
   Nanos start_;
   std::uint64_t pass_ = 0;
   std::uint64_t passBegin_ = 0;    // in units of 1/27 ns from `start_`
-  std::uint64_t shift_ticks_ = 0;  // by which this pass has moved, below kPcrWrap
+  std::uint64_t shift_ticks_ = 0;  // by which this pass has moved, below mpeg::kPcrWrap
   std::size_t index_ = 0;
   std::size_t stamp_ = 0;  // the next one
   Nanos next_ = 0;

@@ -10,7 +10,6 @@
 
 namespace headend {
 
-inline constexpr Nanos kLongAgo = -1000 * kSecond;  // before anything that a device could time
 
 class I2cSlave {
  public:

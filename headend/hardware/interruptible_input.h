@@ -27,7 +27,7 @@ class InterruptibleInput final : public TsInput {
   // Packets of a lost time are discarded here as that time comes, not before: a looping file has no end of
   // them. So kNever means until asked again, as with an input from the network.
   Nanos nextArrival() const override;
-  TsPacketView take() override { return input_->take(); }
+  mpeg::PacketView take() override { return input_->take(); }
   const std::string& name() const override { return input_->name(); }
 
  private:

@@ -16,7 +16,7 @@ bool MainBoard::overflows(int slot, int port, Nanos now) {
 
 u16 MainBoard::read(u32 /*offset*/, Nanos now) {
   unsigned bits = 0;
-  for (int slot = 0; slot < kSlots; ++slot) {
+  for (int slot = 0; slot < MAX_BOARD_NUM; ++slot) {
     for (int port = 0; port < kPorts; ++port) {
       if (overflows(slot, port, now)) bits |= 1U << outputNumber(slot, port);
     }

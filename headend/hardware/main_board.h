@@ -30,9 +30,8 @@ class MainBoard final : public BusDevice {
   const char* registerName(u32 /*offset*/) const override { return "rate_overflow"; }
 
  private:
-  static constexpr int kSlots = 6;
   static constexpr int kPorts = 2;
-  std::array<Multiplexer*, std::size_t{kSlots} * kPorts> outputs_{};
+  std::array<Multiplexer*, std::size_t{MAX_BOARD_NUM} * kPorts> outputs_{};
 };
 
 }  // namespace headend

@@ -5,9 +5,9 @@
 namespace headend {
 namespace {
 
-constexpr std::uint64_t kPacketBits = kTsPacket * 8;
+constexpr std::uint64_t kPacketBits = kTsPacketSize * 8;
 
-void setPid(std::span<u8, kTsPacket> packet, u16 pid) {
+void setPid(std::span<u8, kTsPacketSize> packet, u16 pid) {
   packet[1] = static_cast<u8>((packet[1] & 0xE0) | pid >> 8);
   packet[2] = static_cast<u8>(pid);
 }
@@ -59,7 +59,7 @@ bool Multiplexer::insertPsi(Nanos now, std::span<const u8> packet) {
   return true;
 }
 
-void Multiplexer::offer(Nanos arrival, TsPacketView packet, u16 pid) {
+void Multiplexer::offer(Nanos arrival, mpeg::PacketView packet, u16 pid) {
   if (!running_) return;
   leave(arrival - 1);
   ++counts_.offered;
@@ -115,8 +115,8 @@ void Multiplexer::leavePsi() {
 
 void Multiplexer::leaveRouted() {
   PacketRing::Waiting& waiting = buffer_.front();
-  if (const std::optional<u64> pcr = pcrOf(waiting.packet)) {
-    setPcr(waiting.packet, *pcr + ticksSince(waiting.arrival));
+  if (const std::optional<u64> pcr = mpeg::pcrOf(waiting.packet)) {
+    mpeg::setPcr(waiting.packet, *pcr + ticksSince(waiting.arrival));
   }
   show(waiting.packet);
   buffer_.pop();
@@ -124,7 +124,7 @@ void Multiplexer::leaveRouted() {
   skip(1);
 }
 
-void Multiplexer::show(TsPacketView packet) {
+void Multiplexer::show(mpeg::PacketView packet) {
   if (sink_ != nullptr) sink_->packet(packet);
   if (tap_) tap_(packet);
 }

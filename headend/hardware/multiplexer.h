@@ -13,9 +13,9 @@
 
 #include "headend/hardware/packet_ring.h"
 #include "headend/hardware/packet_sink.h"
-#include "headend/hardware/pcr.h"
 #include "headend/hardware/ts_input.h"
 #include "headend/kernel/kernel.h"
+#include "mpeg/pcr.h"
 
 namespace headend {
 
@@ -59,7 +59,7 @@ class Multiplexer {
   void setSink(PacketSink* sink) { sink_ = sink; }
   void setFeed(PacketFeed* feed) { feed_ = feed; }
   // Shown every packet but null packets as it leaves; an empty function ends it.
-  void setTap(std::function<void(TsPacketView)> tap) { tap_ = std::move(tap); }
+  void setTap(std::function<void(mpeg::PacketView)> tap) { tap_ = std::move(tap); }
 
   void start(Nanos now, BitRate rate);  // the first packet leaves at once
   void stop(Nanos now);
@@ -72,7 +72,7 @@ class Multiplexer {
 
   // A packet for this output, which shall carry `pid`. For the feed alone, with no arrival before the one
   // before. Ignored, and not counted, while the output stands still.
-  void offer(Nanos arrival, TsPacketView packet, u16 pid);
+  void offer(Nanos arrival, mpeg::PacketView packet, u16 pid);
 
   // Whether routed packets of a PID of this output pass; all do after `start`. PSI always passes.
   void setPass(Nanos now, u16 pid, bool pass);
@@ -92,13 +92,13 @@ class Multiplexer {
   void leavePsi();
   void leaveRouted();
   void leaveNulls(Nanos until);
-  void show(TsPacketView packet);
+  void show(mpeg::PacketView packet);
   std::uint64_t ticksSince(Nanos arrival) const;
   void skip(std::uint64_t packets);
 
   PacketSink* sink_ = nullptr;
   PacketFeed* feed_ = nullptr;
-  std::function<void(TsPacketView)> tap_;
+  std::function<void(mpeg::PacketView)> tap_;
   bool running_ = false;
   BitRate rate_;
   Nanos next_ = 0;            // when the next packet leaves
@@ -106,7 +106,7 @@ class Multiplexer {
   std::uint64_t periodRest_ = 0;
   std::uint64_t divisor_ = 1;
   std::uint64_t rest_ = 0;
-  std::deque<std::array<u8, kTsPacket>> psi_;
+  std::deque<std::array<u8, kTsPacketSize>> psi_;
   PacketRing buffer_;
   std::size_t bufferLimit_ = 1;
   std::bitset<kPids> blocked_;

@@ -16,7 +16,7 @@ class PacketRing {
  public:
   struct Waiting {
     Nanos arrival;
-    std::array<u8, kTsPacket> packet;
+    std::array<u8, kTsPacketSize> packet;
   };
 
   std::size_t size() const { return size_; }

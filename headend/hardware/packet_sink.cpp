@@ -8,34 +8,27 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
 
+#include "base/numbers.h"
+
 namespace headend {
 namespace {
 
-constexpr std::array<u8, kTsPacket> makeNullPacket() {
-  std::array<u8, kTsPacket> packet{};
-  packet.fill(0xFF);
-  packet[0] = 0x47;
-  packet[1] = 0x1F;
-  packet[3] = 0x10;
-  return packet;
-}
-constexpr std::array<u8, kTsPacket> kNullPacket = makeNullPacket();
+constexpr std::string_view kUdp = "udp://";
+constexpr mpeg::Packet kNullPacket = mpeg::makePacket(kNullPid, false, 0);
 
 // Gathers packets and hands them on in blocks of a fixed number.
 class BlockSink : public PacketSink {
  public:
   BlockSink(std::string name, std::size_t packetsABlock)
-      : name_(std::move(name)), block_(packetsABlock * kTsPacket) {}
+      : name_(std::move(name)), block_(packetsABlock * kTsPacketSize) {}
 
   void packet(std::span<const u8> packet) override {
-    std::memcpy(block_.data() + used_, packet.data(), kTsPacket);
+    std::memcpy(block_.data() + used_, packet.data(), kTsPacketSize);
     advance();
   }
 
@@ -53,7 +46,7 @@ class BlockSink : public PacketSink {
 
  private:
   void advance() {
-    used_ += kTsPacket;
+    used_ += kTsPacketSize;
     if (used_ == block_.size()) handOn();
   }
 
@@ -100,7 +93,8 @@ class FileSink final : public BlockSink {
   void cutToWholePackets() const {
     struct stat info {};
     if (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) return;
-    [[maybe_unused]] const int cut = ::ftruncate(fd_, written_ - written_ % static_cast<off_t>(kTsPacket));
+    [[maybe_unused]] const int cut =
+        ::ftruncate(fd_, written_ - written_ % static_cast<off_t>(kTsPacketSize));
   }
 
   int fd_;
@@ -110,18 +104,12 @@ class FileSink final : public BlockSink {
 class UdpSink final : public BlockSink {
  public:
   explicit UdpSink(const std::string& target) : BlockSink(target, 7) {
-    const std::string address = target.substr(std::strlen("udp://"));
-    const std::size_t colon = address.rfind(':');
+    const auto address = base::parseAddress(std::string_view(target).substr(kUdp.size()));
     sockaddr_in to{};
     to.sin_family = AF_INET;
-    std::uint16_t port = 0;
-    const char* end = address.data() + address.size();
-    const bool parsed = colon != std::string::npos &&
-                        inet_pton(AF_INET, address.substr(0, colon).c_str(), &to.sin_addr) == 1 &&
-                        std::from_chars(address.data() + colon + 1, end, port).ptr == end && port != 0;
-    if (!parsed)
+    if (!address || address->port == 0 || inet_pton(AF_INET, address->host.c_str(), &to.sin_addr) != 1)
       throw std::runtime_error(fmt::format("cannot open output {}: want udp://ADDRESS:PORT", target));
-    to.sin_port = htons(port);
+    to.sin_port = htons(address->port);
     fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
       throw std::runtime_error(fmt::format("cannot open output {}: {}", target, std::strerror(errno)));
@@ -141,7 +129,7 @@ class UdpSink final : public BlockSink {
 }  // namespace
 
 std::unique_ptr<PacketSink> openSink(const std::string& target) {
-  if (target.starts_with("udp://")) return std::make_unique<UdpSink>(target);
+  if (target.starts_with(kUdp)) return std::make_unique<UdpSink>(target);
   return std::make_unique<FileSink>(target);
 }
 

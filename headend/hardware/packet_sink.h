@@ -6,11 +6,9 @@
 #include <span>
 #include <string>
 
-#include "platform/types.h"
+#include "mpeg/packet.h"
 
 namespace headend {
-
-inline constexpr std::size_t kTsPacket = 188;
 
 class PacketSink {
  public:

@@ -3,20 +3,14 @@
 #include <algorithm>
 
 namespace headend {
-namespace {
-
-constexpr u8 kSync = 0x47;
-constexpr u8 kTransportError = 0x80;
-
-}  // namespace
 
 // As a word of the map numbers them.
 std::size_t PidRouter::inputIndex(int slot, int port) {
-  return static_cast<std::size_t>(slot) * kInputPorts + static_cast<std::size_t>(port);
+  return static_cast<std::size_t>(slot) * kInputsPerCard + static_cast<std::size_t>(port);
 }
 
 std::size_t PidRouter::outputIndex(int slot, int port) {
-  return static_cast<std::size_t>(slot) * kOutputPorts + static_cast<std::size_t>(port);
+  return static_cast<std::size_t>(slot) * MAX_QAM_OUT_NUM + static_cast<std::size_t>(port);
 }
 
 void PidRouter::connectInput(int slot, int port, TsInput& source) {
@@ -45,7 +39,8 @@ void PidRouter::connectOutput(int slot, int port, Multiplexer& output) {
 // ---- The map ----
 
 void PidRouter::set(Nanos now, int slot, int port, u16 index, const Words& words) {
-  if (slot < 0 || slot >= kSlots || port < 0 || port >= kOutputPorts || index >= kPositions) return;
+  if (slot < 0 || slot >= MAX_BOARD_NUM || port < 0 || port >= MAX_QAM_OUT_NUM || index >= kPidMapSize)
+    return;
   deliverUntil(now);
   const std::size_t number = outputIndex(slot, port);
   Output& output = outputs_[number];
@@ -68,7 +63,7 @@ void PidRouter::relink(std::size_t output, Key key) {
   if (!input) return;
   u16& head = input->routes[key % kPids];
   for (u16* link = &head; *link != kNoRoute; link = &route(*link).nextRoute) {
-    if (*link / kPositions == output) {
+    if (*link / kPidMapSize == output) {
       *link = route(*link).nextRoute;
       break;
     }
@@ -78,7 +73,7 @@ void PidRouter::relink(std::size_t output, Key key) {
       std::find_if(map.begin(), map.end(), [key](const Position& p) { return p.inUse() && p.key() == key; });
   if (first == map.end()) return;
   first->nextRoute = head;
-  head = static_cast<u16>(output * kPositions + static_cast<std::size_t>(first - map.begin()));
+  head = static_cast<u16>(output * kPidMapSize + static_cast<std::size_t>(first - map.begin()));
 }
 
 const PidRouter::Words& PidRouter::position(int slot, int port, u16 index) const {
@@ -136,16 +131,17 @@ PidRouter::Lane* PidRouter::earliest() {
 void PidRouter::deliver(Lane& lane) {
   Input& input = *lane.input;
   const Nanos arrival = lane.next;
-  const TsPacketView packet = input.source->take();
-  const bool synchronous = packet[0] == kSync;
-  if (!synchronous || (packet[1] & kTransportError) != 0) ++input.counts.damaged;
+  const mpeg::PacketView packet = input.source->take();
+  const bool synchronous = packet[0] == mpeg::kSyncByte;
+  if (!synchronous || mpeg::hasTransportError(packet)) ++input.counts.damaged;
   if (synchronous) {
     ++input.counts.packets;
     input.counts.last = arrival;
     if (input.observer) input.observer(packet);
-    for (u16 number = input.routes[pidOf(packet)]; number != kNoRoute; number = route(number).nextRoute) {
-      Multiplexer* output = outputs_[number / kPositions].multiplexer;
-      if (output != nullptr) output->offer(arrival, packet, route(number).destination());
+    for (u16 number = input.routes[mpeg::pidOf(packet)]; number != kNoRoute;
+         number = route(number).nextRoute) {
+      Multiplexer* output = outputs_[number / kPidMapSize].multiplexer;
+      if (output != nullptr) output->offer(arrival, packet, chassis::outputPid(route(number).words));
     }
   }
   lane.next = input.source->nextArrival();
@@ -158,7 +154,7 @@ const PidRouter::InputCounts* PidRouter::input(int slot, int port) const {
   return input ? &input->counts : nullptr;
 }
 
-void PidRouter::onPacket(int slot, int port, std::function<void(TsPacketView)> observer) {
+void PidRouter::onPacket(int slot, int port, std::function<void(mpeg::PacketView)> observer) {
   const auto& input = inputs_.at(inputIndex(slot, port));
   if (input) input->observer = std::move(observer);
 }

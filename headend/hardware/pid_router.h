@@ -12,21 +12,15 @@
 
 #include "headend/hardware/multiplexer.h"
 #include "headend/hardware/ts_input.h"
+#include "platform/router_word.h"
 
 namespace headend {
 
 class PidRouter final : public PacketFeed {
  public:
-  static constexpr int kSlots = 6;
-  static constexpr int kInputPorts = 16;
-  static constexpr int kOutputPorts = 2;
-  static constexpr u16 kPositions = 256;
   static constexpr Nanos kLostAfter = kSecond / 2;
 
-  // 35 bits, lowest word first: source PID (13), source port (4), source slot (4), in use (1), destination
-  // PID (13).
-  using Words = std::array<u16, 3>;
-  static constexpr Words kUnused = {0xFFFF, 0x001F, 0x0000};
+  using Words = chassis::RouterWords;
 
   struct InputCounts {
     std::uint64_t packets = 0;  // delivered; with the damaged ones of which the PID can be read
@@ -54,7 +48,7 @@ class PidRouter final : public PacketFeed {
   const InputCounts* input(int slot, int port) const;  // null: there is no such input
   // Shown every packet of an input that has a sync byte; an empty function ends it. No effect without the
   // input.
-  void onPacket(int slot, int port, std::function<void(TsPacketView)> observer);
+  void onPacket(int slot, int port, std::function<void(mpeg::PacketView)> observer);
   // Whether the output's map names an input that has delivered nothing for half a second, or since the
   // beginning when it never has.
   bool inputLost(int slot, int port, Nanos now);
@@ -62,25 +56,24 @@ class PidRouter final : public PacketFeed {
  private:
   using Key = u32;  // source slot, port and PID: 4, 4 and 13 bits
   static constexpr u16 kNoRoute = 0xFFFF;
-  static constexpr std::size_t kOutputs = std::size_t{kSlots} * kOutputPorts;
+  static constexpr std::size_t kOutputs = std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM;
   static constexpr std::size_t kNameable = 256;  // inputs that a word can name, by slot and port
 
   struct Position {
-    Words words = kUnused;
+    Words words = chassis::kUnusedPosition;
     u16 nextRoute = kNoRoute;  // the next one of the same source, in another output
-    bool inUse() const { return (words[1] & 0x20) != 0; }
-    Key key() const { return (u32{words[0]} | u32{words[1]} << 16) & 0x1FFFFF; }
-    u16 destination() const { return static_cast<u16>(words[1] >> 6 | (words[2] & 7) << 10); }
+    bool inUse() const { return chassis::isUsed(words); }
+    Key key() const { return chassis::sourceOf(words); }
   };
   struct Output {
     Multiplexer* multiplexer = nullptr;
-    std::array<Position, kPositions> map;
+    std::array<Position, kPidMapSize> map;
     std::array<u16, kNameable> namedBy{};  // positions in use that name an input
   };
   struct Input {
     TsInput* source = nullptr;
     InputCounts counts;
-    std::function<void(TsPacketView)> observer;
+    std::function<void(mpeg::PacketView)> observer;
     std::array<u16, kPids> routes{};  // the first route of each PID
   };
   struct Lane {
@@ -90,7 +83,7 @@ class PidRouter final : public PacketFeed {
 
   static std::size_t inputIndex(int slot, int port);
   static std::size_t outputIndex(int slot, int port);
-  Position& route(u16 number) { return outputs_[number / kPositions].map[number % kPositions]; }
+  Position& route(u16 number) { return outputs_[number / kPidMapSize].map[number % kPidMapSize]; }
   void relink(std::size_t output, Key key);
   void listenToIdle();
   Lane* earliest();

@@ -5,7 +5,6 @@ namespace {
 
 constexpr std::size_t kWritesAPacket = 204;
 constexpr u16 kFiller = 0xFFFF;
-constexpr u8 kSync = 0x47;
 
 }  // namespace
 
@@ -21,13 +20,14 @@ void PsiPort::write(u16 word, Nanos now) {
   if (lost_ == Lost::kUntilData && isData) lost_ = Lost::kNo;
   if (lost_ != Lost::kNo) return;
 
-  if (position_ < kTsPacket && !isData) return misframed(isFiller ? Lost::kUntilData : Lost::kUntilFiller);
-  if (position_ >= kTsPacket && !isFiller) {
-    if (isData && word != kSync) return misframed(Lost::kUntilFiller);  // too long
+  if (position_ < kTsPacketSize && !isData)
+    return misframed(isFiller ? Lost::kUntilData : Lost::kUntilFiller);
+  if (position_ >= kTsPacketSize && !isFiller) {
+    if (isData && word != mpeg::kSyncByte) return misframed(Lost::kUntilFiller);  // too long
     misframed(isData ? Lost::kNo : Lost::kUntilData);
     if (!isData) return;  // else the next packet begins, before the filler of this one was complete
   }
-  if (position_ < kTsPacket) packet_[position_] = static_cast<u8>(word);
+  if (position_ < kTsPacketSize) packet_[position_] = static_cast<u8>(word);
   if (++position_ == kWritesAPacket) complete(now);
 }
 
@@ -39,7 +39,7 @@ void PsiPort::misframed(Lost lost) {
 
 void PsiPort::complete(Nanos now) {
   position_ = 0;
-  if (packet_[0] != kSync) violations_.count("psi_packet_without_sync");
+  if (packet_[0] != mpeg::kSyncByte) violations_.count("psi_packet_without_sync");
   if (!output_.insertPsi(now, packet_)) violations_.count("psi_fifo_overflow");
 }
 

@@ -25,7 +25,7 @@ class PsiPort {
 
   Multiplexer& output_;
   Violations& violations_;
-  std::array<u8, kTsPacket> packet_{};
+  std::array<u8, kTsPacketSize> packet_{};
   std::size_t position_ = 0;
   Lost lost_ = Lost::kNo;
 };

@@ -18,7 +18,7 @@ class RateCounter {
     open_ = open;
   }
   u32 bytes(const Multiplexer::Counts& counts) const {
-    return static_cast<u32>((now(counts).total() - begin_.total()) * kTsPacket) & 0xFFFFFF;
+    return static_cast<u32>((now(counts).total() - begin_.total()) * kTsPacketSize) & 0xFFFFFF;
   }
   u16 nullPackets(const Multiplexer::Counts& counts) const {
     return static_cast<u16>(now(counts).null - begin_.null);

@@ -22,7 +22,6 @@ constexpr u8 kLowFlag = 0x08;
 constexpr Nanos kWakeUp = 4'000;
 constexpr Nanos kConversion = 25'000;
 constexpr Nanos kUpdate = 800'000'000;
-constexpr Nanos kNever = INT64_MAX;
 
 constexpr double kMin_celsius = -55;
 constexpr double kMax_celsius = 127;

@@ -49,11 +49,10 @@ class ThreeWire {
   u32 shift_ = 0;
   unsigned clocks_ = 0;  // since the last latch
 
-  static constexpr Nanos kNever = -kSecond;
-  Nanos dataAt_ = kNever;
-  Nanos roseAt_ = kNever;
-  Nanos fellAt_ = kNever;
-  Nanos latchAt_ = kNever;
+  Nanos dataAt_ = kLongAgo;
+  Nanos roseAt_ = kLongAgo;
+  Nanos fellAt_ = kLongAgo;
+  Nanos latchAt_ = kLongAgo;
 };
 
 }  // namespace headend

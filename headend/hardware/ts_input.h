@@ -2,7 +2,6 @@
 // takes them; who plays a file or listens to the network knows nothing of where they go.
 #pragma once
 
-#include <limits>
 #include <span>
 #include <string>
 
@@ -10,10 +9,6 @@
 #include "headend/kernel/kernel.h"
 
 namespace headend {
-
-inline constexpr Nanos kNever = std::numeric_limits<Nanos>::max();
-
-using TsPacketView = std::span<const u8, kTsPacket>;
 
 class TsInput {
  public:
@@ -25,7 +20,7 @@ class TsInput {
   // When the next packet arrives; kNever while none is known to come. Never earlier than the packet before.
   virtual Nanos nextArrival() const = 0;
   // Takes that packet, which must be known; valid until the next call.
-  virtual TsPacketView take() = 0;
+  virtual mpeg::PacketView take() = 0;
 
   // What a person would call it: the file's path or the address.
   virtual const std::string& name() const = 0;

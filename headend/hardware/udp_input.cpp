@@ -10,7 +10,6 @@
 namespace headend {
 namespace {
 
-constexpr u8 kSync = 0x47;
 constexpr std::size_t kLargestDatagram = 65536;
 constexpr int kDatagramsAtOnce = 4096;
 constexpr int kHostBuffer = 4 * 1024 * 1024;  // bytes; the host may give less
@@ -23,7 +22,7 @@ constexpr std::size_t kPacketsAtLeast = 1024;
 constexpr std::int64_t kUnitsPerTick = 1'000;
 constexpr std::int64_t kUnitsPerNano = 27;
 
-constexpr u64 kLongestInterval_ticks = kPcrHz;
+constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
 constexpr Nanos kPcrPidGone = kSecond;         // after which another PID's PCRs may take over
 constexpr Nanos kShortestPause = 100'000'000;  // the standard wants a PCR each 100 ms
 
@@ -39,9 +38,9 @@ constexpr u8 kRtpTransportStream = 33;
 constexpr int kReordered = 100;  // a datagram at most so far back is late; farther, the sender began anew
 
 bool isPackets(std::span<const u8> bytes) {
-  if (bytes.empty() || bytes.size() % kTsPacket != 0) return false;
-  for (std::size_t at = 0; at < bytes.size(); at += kTsPacket) {
-    if (bytes[at] != kSync) return false;
+  if (bytes.empty() || bytes.size() % kTsPacketSize != 0) return false;
+  for (std::size_t at = 0; at < bytes.size(); at += kTsPacketSize) {
+    if (bytes[at] != mpeg::kSyncByte) return false;
   }
   return true;
 }
@@ -102,7 +101,8 @@ void UdpInput::accept(std::span<const u8> datagram) {
     running_ = false;
   }
   lastArrival_ = now;
-  for (std::size_t at = 0; at < packets->size(); at += kTsPacket) push(packets->subspan(at, kTsPacket));
+  for (std::size_t at = 0; at < packets->size(); at += kTsPacketSize)
+    push(packets->subspan(at, kTsPacketSize));
 }
 
 std::optional<std::span<const u8>> UdpInput::payloadOf(std::span<const u8> datagram) {
@@ -139,9 +139,9 @@ void UdpInput::push(std::span<const u8> packet) {
   lastWhen_ = std::max(lastWhen_, network_.now() + deJitter_);
   last.when = lastWhen_;
 
-  const auto ticks = pcrOf(packet);
+  const auto ticks = mpeg::pcrOf(packet);
   if (!ticks) return;
-  const u16 pid = pidOf(packet);
+  const u16 pid = mpeg::pidOf(packet);
   if (pcrPid_ != pid) {
     if (pcrPid_ && network_.now() - pcrArrival_ < kPcrPidGone) return;
     if (running_) ++counts_.discontinuities;
@@ -151,7 +151,7 @@ void UdpInput::push(std::span<const u8> packet) {
   onPcr(*ticks);
 }
 
-TsPacketView UdpInput::take() {
+mpeg::PacketView UdpInput::take() {
   const Entry& first = ring_[head_];
   lastTaken_ = first.when;
   head_ = (head_ + 1) % ring_.size();
@@ -165,7 +165,7 @@ TsPacketView UdpInput::take() {
 // `ticks` is the PCR of the packet pushed last.
 void UdpInput::onPcr(u64 ticks) {
   const Nanos now = network_.now();
-  const u64 elapsed_ticks = pcrDistance(pcr_ticks_, ticks);
+  const u64 elapsed_ticks = mpeg::pcrDistance(pcr_ticks_, ticks);
   if (!running_) {
     beginClock(ticks);
   } else if (elapsed_ticks == 0 || elapsed_ticks > kLongestInterval_ticks) {
@@ -200,7 +200,7 @@ void UdpInput::beginClock(u64 ticks) {
 
 // Moves the clock on to a PCR that comes so much later, and a little towards the middle of the buffer.
 void UdpInput::follow(u64 elapsed_ticks) {
-  const double elapsed_s = static_cast<double>(elapsed_ticks) / static_cast<double>(kPcrHz);
+  const double elapsed_s = static_cast<double>(elapsed_ticks) / static_cast<double>(mpeg::kPcrHz);
   const auto straight = static_cast<std::int64_t>(elapsed_ticks) * kUnitsPerTick;
   const Nanos play = (play_ + straight) / kUnitsPerNano;
   const auto excess = static_cast<double>(play - network_.now() - deJitter_);

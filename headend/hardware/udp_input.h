@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "headend/hardware/pcr.h"
 #include "headend/hardware/ts_input.h"
 #include "headend/kernel/network.h"
+#include "mpeg/pcr.h"
 
 namespace headend {
 
@@ -40,7 +40,7 @@ class UdpInput final : public TsInput {
   ~UdpInput() override;
 
   Nanos nextArrival() const override { return size_ == 0 ? kNever : ring_[head_].when; }
-  TsPacketView take() override;
+  mpeg::PacketView take() override;
   const std::string& name() const override { return name_; }  // "udp://127.0.0.1:49160"
 
   const Counts& counts() const { return counts_; }
@@ -52,7 +52,7 @@ class UdpInput final : public TsInput {
  private:
   struct Entry {
     Nanos when;
-    std::array<u8, kTsPacket> packet;
+    std::array<u8, kTsPacketSize> packet;
   };
 
   void receive();

@@ -33,8 +33,8 @@ std::string Flash::replace(const std::string& path, std::span<const u8> content)
   std::error_code ignored;
   std::filesystem::create_directories(host->parent_path(), ignored);  // what is in the way shows at the open
   try {
-    client::replaceFile(*host, host->string() + ".new", content, flush_);
-    if (flush_ == client::Flush::kLater) unflushed_.insert(*host);
+    base::replaceFile(*host, host->string() + ".new", content, flush_);
+    if (flush_ == base::Flush::kLater) unflushed_.insert(*host);
   } catch (const std::system_error& e) {
     return fmt::format("cannot save {}: {}", host->string(), e.what());
   }
@@ -45,8 +45,8 @@ std::string Flash::append(const std::string& path, std::span<const u8> content) 
   const auto host = hostPath(path);
   if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
   try {
-    client::appendToFile(*host, content, flush_);
-    if (flush_ == client::Flush::kLater) unflushed_.insert(*host);
+    base::appendToFile(*host, content, flush_);
+    if (flush_ == base::Flush::kLater) unflushed_.insert(*host);
   } catch (const std::system_error& e) {
     return fmt::format("cannot save {}: {}", host->string(), e.what());
   }
@@ -56,7 +56,7 @@ std::string Flash::append(const std::string& path, std::span<const u8> content) 
 std::string Flash::flush() {
   for (const std::filesystem::path& file : unflushed_) {
     try {
-      client::flushFile(file);
+      base::flushFile(file);
     } catch (const std::system_error& e) {
       return fmt::format("cannot save {}: {}", file.string(), e.what());
     }

@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-#include "client/replace_file.h"
+#include "base/files.h"
 #include "platform/types.h"
 
 namespace headend {
@@ -19,7 +19,7 @@ class Flash {
  public:
   // A run that is faster than its disk flushes what it has replaced at its end (`flush`), not each time: then
   // only a crash of the machine itself, and not of this process, can cost a file.
-  explicit Flash(std::filesystem::path folder, client::Flush flush = client::Flush::kNow)
+  explicit Flash(std::filesystem::path folder, base::Flush flush = base::Flush::kNow)
       : folder_(std::move(folder)), flush_(flush) {}
 
   const std::filesystem::path& folder() const { return folder_; }
@@ -37,7 +37,7 @@ class Flash {
 
  private:
   std::filesystem::path folder_;
-  client::Flush flush_;
+  base::Flush flush_;
   std::set<std::filesystem::path> unflushed_;
 };
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <queue>
 #include <span>
@@ -19,6 +20,8 @@ namespace headend {
 
 using Nanos = std::int64_t;
 inline constexpr Nanos kSecond = 1'000'000'000;
+inline constexpr Nanos kNever = std::numeric_limits<Nanos>::max();  // for what is not known to come
+inline constexpr Nanos kLongAgo = -kSecond;                         // for what has not happened in this run
 
 // What the controller takes for each kind of work.
 struct Costs {

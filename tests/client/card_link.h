@@ -42,34 +42,35 @@ class FakeLink final : public client::Link {
   explicit FakeLink(Headend& headend, const Fault& fault = {}, int at = -1)
       : headend_(headend), fault_(fault), at_(at) {}
 
-  std::function<void(const client::Request&)> before{};
-  std::function<void(client::Reply&)> after{};
-  std::vector<client::Request> log{};  // what was asked, lost or not
+  std::function<void(const protocol::Request&)> before{};
+  std::function<void(protocol::Reply&)> after{};
+  std::vector<protocol::Request> log{};  // what was asked, lost or not
 
-  client::Reply call(client::Request request) override {
+  protocol::Reply call(protocol::Request request) override {
     using Kind = Fault::Kind;
     const bool faulty = std::cmp_equal(log.size(), at_);
     const bool gone = at_ >= 0 && std::cmp_greater(log.size(), at_) && fault_.forGood;
     log.push_back(request);
     if (before) before(request);
-    if (gone || (faulty && fault_.kind == Kind::kLost)) throw client::LinkError("gone");
+    if (gone || (faulty && fault_.kind == Kind::kLost))
+      throw client::Error("gone", client::Error::Kind::kNoReply);
     if (faulty && fault_.kind == Kind::kRefused) request.data.push_back(0);
     headend::UdpSocket socket(headend_.network(), 50000);
     request.sequence = ++sequence_;
-    socket.send({.address = 0, .port = client::kDefaultManagementPort}, client::encode(request));
+    socket.send({.address = 0, .port = protocol::kDefaultManagementPort}, protocol::encode(request));
     const auto datagram = socket.receive(60 * headend_.kernel().settings().tickHz);
-    client::Reply reply = client::decodeReply(datagram.value().bytes).value();
+    protocol::Reply reply = protocol::decodeReply(datagram.value().bytes).value();
     if (after) after(reply);
-    if (faulty && fault_.kind == Kind::kReplyLost) throw client::LinkError("gone");
+    if (faulty && fault_.kind == Kind::kReplyLost) throw client::Error("gone", client::Error::Kind::kNoReply);
     if (faulty && fault_.kind == Kind::kTooLong) reply.data.push_back(0);
-    if (faulty && fault_.kind == Kind::kEmpty) reply.data = client::Bytes();
+    if (faulty && fault_.kind == Kind::kEmpty) reply.data = base::Bytes();
     return reply;
   }
   void wait(std::chrono::milliseconds time) override {
     headend_.kernel().sleepUntil(headend_.kernel().now() + std::chrono::nanoseconds(time).count());
   }
   bool reached() const { return std::cmp_greater(log.size(), at_); }
-  const client::Request& broken() const { return log.at(static_cast<std::size_t>(at_)); }
+  const protocol::Request& broken() const { return log.at(static_cast<std::size_t>(at_)); }
 
  private:
   inline static u32 sequence_ = 0;  // of all links, which are one client to the back end
@@ -79,11 +80,11 @@ class FakeLink final : public client::Link {
   int at_;
 };
 
-inline std::vector<client::Section> sectionsIn(const client::ReadBack& tables) {
-  std::vector<client::Section> all;
+inline std::vector<mpeg::Section> sectionsIn(const client::ReadBack& tables) {
+  std::vector<mpeg::Section> all;
   for (const auto& table : tables.tables) {
     for (const auto& pid : table.pids) {
-      for (client::Section& section : client::gatherSections(pid.packets)) all.push_back(std::move(section));
+      for (mpeg::Section& section : client::gatherSections(pid.packets)) all.push_back(std::move(section));
     }
   }
   return all;
@@ -99,7 +100,7 @@ inline std::vector<u32> intervalsIn(const client::ReadBack& tables) {
 // stream, and a link to it.
 class CardTest : public testing::Test {
  protected:
-  static constexpr client::Channel kChannel = {0, 1};
+  static constexpr protocol::Channel kChannel = {0, 1};
 
   explicit CardTest(const Bytes& stream = readFile(QAM_SAMPLES "/psi-small.ts"))
       : chassis_([&](headend::Options& options) {
@@ -109,7 +110,7 @@ class CardTest : public testing::Test {
           options.sources = {{4, {2, input}}, {5, {16, input}}};
         }) {}
 
-  client::ReadBack tables(const client::Channel& channel = kChannel) {
+  client::ReadBack tables(const protocol::Channel& channel = kChannel) {
     return client::readBack(link_, channel);
   }
 

@@ -63,7 +63,7 @@ TEST_F(PanelView, EverythingHasItsPlaceInTheSmallestTerminalAndNoControlCharacte
                   "│QAM卡1          │  ○ 2 no card",
                   "│  0554.000 MHz  │  ● 3 a[2J??z",
                   "│???       ℃ x   │  ○ 4 no card",
-                  "│              卡│  ● 5 config_error",
+                  "│              卡│  ● 5 config error",
                   "└────────────────┘  ○ 6 no card",
                   "↑ ↓ ← → Enter Esc   ● alarm 5",
                   "",

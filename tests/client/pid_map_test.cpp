@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
+#include "client/channel_variables.h"
 #include "client/pid_map_file.h"
 #include "client/pid_map_upload.h"
-#include "client/pid_map_variables.h"
 #include "client/programme_plan.h"
 #include "tests/client/card_link.h"
 
@@ -38,7 +38,7 @@ class PidMapTest : public test::CardTest {
   // Another client's first chunk of a map that announces more.
   void announce(u32 total, const Entries& entries) {
     test::FakeLink(chassis_.headend())
-        .call(makeRequest(Operation::kWrite, kVarPidMapChunk, kChannel.slot, kChannel.port,
+        .call(makeRequest(Operation::kWrite, kPidMapChunk, kChannel.slot, kChannel.port,
                           encodeMapChunk(total, 0, entries)));
   }
   std::string load(const Entries& entries) {
@@ -46,7 +46,7 @@ class PidMapTest : public test::CardTest {
   }
 
   MapOptions options_{.rescueFile = scratch_.path / "rescue.csv", .note = {}};
-  PidMapVariables card_{link_, kChannel};
+  ChannelVariables card_{link_, kChannel};
 };
 
 // On the air is always one of the two maps, whole; and what the message says is so, whatever breaks where.
@@ -59,7 +59,7 @@ TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
     SCOPED_TRACE(message);
     const bool stuck = has(message, "The way back failed");
     const bool unverified = has(message, "sent whole and unlocked");
-    const bool locked = card_.locked();
+    const bool locked = card_.mapLocked();
     const bool maybeNew = message.empty() || unverified || has(message, "or the new one");
     const bool maybeOld = !message.empty() && !unverified;
     EXPECT_TRUE((maybeNew && carries(wanted)) || (maybeOld && carries(old)));
@@ -73,7 +73,7 @@ TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
       EXPECT_EQ(rescued, asKept(old));
       expectSays(messageOf([&] { releaseMap(link_, kChannel, ReleaseBy::kMap, rescued, options_); }),
                  locked ? "" : "not locked");
-      EXPECT_TRUE(!locked || (carries(old) && !card_.locked()));
+      EXPECT_TRUE(!locked || (carries(old) && !card_.mapLocked()));
     }
     return stuck ? "stuck" : unverified ? "unverified" : message.empty() ? "done" : "unchanged";
   };
@@ -93,7 +93,7 @@ TEST_F(PidMapTest, KeepsHandsOff) {
     expectSays(load({}), "move the file away");
     options_.rescueFile = scratch_.path / "none" / "rescue.csv";
     expectSays(load({}), "cannot be kept");
-    EXPECT_TRUE(carries(old) && !card_.locked());
+    EXPECT_TRUE(carries(old) && !card_.mapLocked());
     EXPECT_EQ(recorded(), asKept(old));
   });
 }
@@ -113,13 +113,13 @@ TEST_F(PidMapTest, PutsNoMixtureOfTwoClientsOnTheAir) {
     expectSays(load(mapOf(9, 0x900)), "another client is loading");
     EXPECT_TRUE(carries(mapOf(5, 0x100)));
     for (const bool releases : {true, false}) {
-      card_.setLock(true);
+      card_.lockMap(true);
       announce(200, came);
       EXPECT_EQ(recorded().size(), 200u);
       if (releases) {
         releaseMap(link_, kChannel, ReleaseBy::kRecord, {}, options_);
       } else {
-        card_.setLock(false);
+        card_.lockMap(false);
         expectSays(load(refused), "Nothing was changed");
       }
       EXPECT_TRUE(carries(came));
@@ -129,7 +129,7 @@ TEST_F(PidMapTest, PutsNoMixtureOfTwoClientsOnTheAir) {
 }
 
 TEST_F(PidMapTest, ReadsFilesThatItWritesAndThatPeopleWrite) {
-  const Entries entries = mapOf(kMapSize, 0x100);
+  const Entries entries = mapOf(kPidMapSize, 0x100);
   EXPECT_EQ(parseMapFile(mapFileText(entries), "f").entries, entries);
   const MapFile file = parseMapFile(
       "\xEF\xBB\xBF# by hand\r\n\r\n" + kHeader + "6,16,0x1ffe,1,512,2,255\r\n \n# x\n1, 2 ,3,4,5,6,7", "f");
@@ -139,7 +139,7 @@ TEST_F(PidMapTest, ReadsFilesThatItWritesAndThatPeopleWrite) {
 
 TEST_F(PidMapTest, SaysWhichLineOfAFileIsWrongAndWhy) {
   const std::string tooMany =
-      "\n" + mapFileText(mapOf(kMapSize, 0x100)).substr(kHeader.size()) + "6,1,0x1e01,0,0x1e01,0,0\n";
+      "\n" + mapFileText(mapOf(kPidMapSize, 0x100)).substr(kHeader.size()) + "6,1,0x1e01,0,0x1e01,0,0\n";
   const std::pair<std::string, const char*> rows[] = {
       // below the header
       {"1,1,1,1,1,1\n", " line 2: 6 fields"},

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "client/datagram.h"
 #include "headend/kernel/network.h"
+#include "protocol/datagram.h"
 #include "tests/client/messages.h"
 
 namespace test {
@@ -43,7 +43,7 @@ struct Call {
 class Program {
  public:
   // Gives the datagrams to send back for one that came, in order.
-  using Answer = std::function<std::vector<client::Bytes>(const client::Bytes&)>;
+  using Answer = std::function<std::vector<base::Bytes>(const base::Bytes&)>;
 
   Program(std::string name, Answer answer) : name_(std::move(name)), answer_(std::move(answer)) {}
   ~Program() { close(socket_); }
@@ -87,7 +87,7 @@ class Program {
     sockaddr_storage from{};
     socklen_t size = sizeof from;
     auto* sender = reinterpret_cast<sockaddr*>(&from);
-    client::Bytes datagram(65536);
+    base::Bytes datagram(65536);
     const ssize_t length = recvfrom(socket_, datagram.data(), datagram.size(), 0, sender, &size);
     datagram.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
     for (const auto& reply : answer_(datagram)) sendto(socket_, reply.data(), reply.size(), 0, sender, size);

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "client/channel_variables.h"
 #include "client/pid_map_file.h"
 #include "client/psi_capture.h"
 #include "client/psi_upload.h"
@@ -87,7 +88,7 @@ struct State {
   Sections tables;
   std::vector<u32> intervals;
   Entries map;
-  std::vector<RouterWords> router;
+  std::vector<chassis::RouterWords> router;
   bool locked;
 
   bool operator==(const State&) const = default;
@@ -100,8 +101,7 @@ class ProgrammeTest : public test::CardTest {
   void prepareOutput() {
     const Sections names = {makePat({{0, 0x10}, {1, 0x100}}, 7, 4), kLocalPmt,
                             sdt(7, 9, 31, {{1, 0, "Local"}}), kNit};
-    upload(link_, kChannel, planUpload(names),
-           {{TableType::kPat, 77}, {TableType::kBat, 0}, {TableType::kCat, 0}});
+    upload(link_, kChannel, planUpload(names), {{PAT, 77}, {BAT, 0}, {CAT, 0}});
     replaceMap(link_, kChannel, {kLocal}, {});
   }
   void add(const char* name) { addProgramme(link_, kChannel, kInput, name, options_); }
@@ -135,7 +135,7 @@ class ProgrammeTest : public test::CardTest {
 };
 
 TEST_F(ProgrammeTest, MapAndTablesFollow) {
-  const Sections withThree = {makePat({{3, 0x100}}, 44, 0), pmt(0x100, 3, 0, kNoPid, {}, {{6, 0x101}}),
+  const Sections withThree = {makePat({{3, 0x100}}, 44, 0), pmt(0x100, 3, 0, kNullPid, {}, {{6, 0x101}}),
                               sdt(44, 60, 0, {{3, 0, "Three"}})};
   const Entries released = {entry(0x220, 0x101, 0, 0, 0)};
 
@@ -223,7 +223,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
   const auto history = [&](test::FakeLink& link, const test::Fault& fault) -> std::string {
     link.after = [&](const Reply&) {
       const Request& last = link.log.back();
-      const bool ofLock = last.variable == kVarPsiLock || last.variable == kVarPidMapLock;
+      const bool ofLock = last.variable == kPsiLock || last.variable == kPidMapLock;
       if (ofLock && last.operation == Operation::kWrite) expectNoReferenceToNothing();
     };
     const auto change = [&](Link& by) { addProgramme(by, kChannel, kInput, "One", options_); };
@@ -242,7 +242,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
     const bool silent = has(message, "is locked and sends no PSI");
     const bool unknown = has(message, "may be locked and sends no PSI");
     EXPECT_TRUE(!unknown ||
-                (link.broken().operation == Operation::kWrite && link.broken().variable == kVarPsiLock));
+                (link.broken().operation == Operation::kWrite && link.broken().variable == kPsiLock));
     EXPECT_TRUE(!fault.forGood || unknown || silent == tables().locked);
     EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), silent || unknown);
     if (fs::exists(tablesFile)) {

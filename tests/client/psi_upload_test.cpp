@@ -34,23 +34,21 @@ TEST_F(PsiUpload, PutsNoMixtureOfTwoClientsOnTheAir) {
       if (link_.log.size() == 4) test::FakeLink(chassis_.headend()).call(request);
     };
     expectSays(messageOf([&] { load(small_); }), "another client is loading the same channel");
-    EXPECT_TRUE(card_.locked());
+    EXPECT_TRUE(card_.tablesLocked());
     expectSays(messageOf([&] { load(small_); }), "psi clear 1.2 --force");
-    EXPECT_TRUE(card_.locked());
+    EXPECT_TRUE(card_.tablesLocked());
   });
 }
 
 // The card saves when the CAT's interval of channel 2 is written, so that one comes last, set or not.
 TEST_F(PsiUpload, SavesTheIntervalsThatItSets) {
-  using enum TableType;
-  const std::pair<Channel, Intervals> rows[] = {{{0, 0}, {{kPat, 7}, {kCat, 9}}},
-                                                {kChannel, {{kBat, 8}, {kPmt, 0}}},
-                                                {kChannel, {{kCat, 65535}, {kBat, 7}}}};
+  const std::pair<Channel, Intervals> rows[] = {
+      {{0, 0}, {{PAT, 7}, {CAT, 9}}}, {kChannel, {{BAT, 8}, {PMT, 0}}}, {kChannel, {{CAT, 65535}, {BAT, 7}}}};
   chassis_.drive([&] {
     for (const auto& [channel, intervals] : rows) {
       std::map<Channel, std::vector<u32>> expected;
       for (const Channel c : {Channel{0, 0}, kChannel}) expected[c] = test::intervalsIn(tables(c));
-      for (const auto& [type, ticks] : intervals) expected[channel].at(indexOf(type)) = ticks;
+      for (const auto& [type, ticks] : intervals) expected[channel].at(type) = ticks;
       const auto saves = chassis_.headend().chassis().slot(0).saves;
       setIntervals(link_, channel, intervals);
       for (const auto& [c, ticks] : expected) EXPECT_EQ(test::intervalsIn(tables(c)), ticks);
@@ -59,7 +57,7 @@ TEST_F(PsiUpload, SavesTheIntervalsThatItSets) {
       EXPECT_EQ(test::readFile(chassis_.headend().options().flash / "para" / "card1.dat"),
                 Bytes(record, record + sizeof(QamCardPara)));
     }
-    expectSays(messageOf([&] { load(small_, {{kPat, 65536}}); }), "65536 ticks");
+    expectSays(messageOf([&] { load(small_, {{PAT, 65536}}); }), "65536 ticks");
   });
 }
 

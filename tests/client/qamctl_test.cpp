@@ -4,15 +4,15 @@
 
 #include <set>
 
-#include "client/card_settings.h"
 #include "client/channel_variables.h"
-#include "client/dvb_text.h"
-#include "client/mib_module.h"
-#include "client/pid_map_variables.h"
 #include "client/psi_upload.h"
+#include "mpeg/dvb_text.h"
+#include "protocol/mib_rows.h"
+#include "protocol/variables.h"
 #include "tests/client/card_link.h"
 #include "tests/client/program.h"
 #include "tests/client/streams.h"
+#include "tools/mib_module.h"
 #include "tools/psi_decode.h"
 
 namespace client {
@@ -85,17 +85,17 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
                  {"psi show 1.2", 0, "version 0: extension 7: cannot be decoded"},
                  {"psi show 1.2 --save " + beyond, 1, "38 packets cannot be read"}});
     ChannelVariables channel(link_, {0, 1});
-    channel.setLock(true);
+    channel.lockTables(true);
     link_.wait(std::chrono::seconds(11));
     expectCalls({{"psi show 1.2 --save " + beyond, 1, "the channel is locked"},
                  {"status", 0, "LOCKED for 11 s"},
                  {"psi clear 1.2", 1, "--force"},
                  {"psi load 1.2 " + small, 1, "--force"},
                  {"psi load 1.2 " + small + " --force", 0, "packets"}});
-    EXPECT_TRUE(!channel.locked() && tables().read() > 0);
-    channel.setLock(true);
+    EXPECT_TRUE(!channel.tablesLocked() && tables().read() > 0);
+    channel.lockTables(true);
     expectCalls({{"psi clear 1.2 --force", 0, ""}});
-    EXPECT_TRUE(!channel.locked() && tables().read() == 0);
+    EXPECT_TRUE(!channel.tablesLocked() && tables().read() == 0);
   });
   EXPECT_FALSE(fs::exists(beyond));
 }
@@ -126,7 +126,7 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
                   "48  temperature2     -1 deg C\n"
                   "49  software_version V2.1.05A\n"},
                  {"var get 1 --json", 0, R"("value": -55)"},
-                 {"var set 2 rfreq 600000", 1, "setting rfreq of the card in slot 2 was refused: no card"}});
+                 {"var set 2 rfreq 600000", 1, "cannot set rfreq of the card in slot 2: no card"}});
     EXPECT_FALSE(has(run("var set 1 32 6875").text, "clock table"));
     const char* const odd = "not what was asked for";
     const std::tuple<u32, Bytes, const char*> replies[] = {{kNotRunning, {}, "does not run"},
@@ -196,7 +196,7 @@ TEST_F(Qamctl, LoadsShowsAndReleasesPidMaps) {
   test::writeFile(map, test::bytesOf(header + rows));
   test::writeFile(bad, test::bytesOf(header + "5,3,1,0,2,0,0\n"));
   chassis_.drive([&] {
-    PidMapVariables card(link_, {0, 1});
+    ChannelVariables card(link_, {0, 1});
     expectCalls({{"pidmap load 1.2 " + map, 0, "2 entries loaded"},
                  {"pidmap show 1.2", 0, "  5.2  0x0101 -> 0x1cff  programme 1 -> 7, type 1\n"},
                  {"pidmap show 1.2", 0, "router: holds the record"},
@@ -207,13 +207,13 @@ TEST_F(Qamctl, LoadsShowsAndReleasesPidMaps) {
                  {"pidmap release 1.2 --empty --restore " + map, 2, "excludes"},
                  {"pidmap release 1.2", 1, "not locked"},
                  {"pidmap load 2.1 " + map, 1, "no card"}});
-    card.setLock(true);
+    card.lockMap(true);
     expectCalls({{"pidmap show 1.2", 0, "LOCKED"},
                  {"pidmap show 1.2", 0, "router, ANOTHER MAP than the record: 2 entries"},
                  {"pidmap show 1.2 --csv", 0, "6,1,0x0102,0,0x1cfe,0,0"},
                  {"pidmap clear 1.2", 1, "'qamctl pidmap release 1.2' ends the lock"},
                  {"pidmap release 1.2", 0, "released, 2 entries"}});
-    card.setLock(true);
+    card.lockMap(true);
     const fs::path rescue = scratch_.path / "qamctl" / address() / "pidmap-1.2.rescue.csv";
     EXPECT_FALSE(fs::exists(rescue));
     fs::copy_file(map, rescue);
@@ -270,7 +270,7 @@ TEST_F(Qamctl, DecodesNoSectionWhoseLengthsContradictEachOther) {
 }
 
 TEST_F(Qamctl, PrintsTheMibModuleThatLiesInTheTreeAndThatOfAnyRightBase) {
-  const std::string module = mibModule(kDefaultMibBase);
+  const std::string module = tools::mibModule(kDefaultMibBase);
   EXPECT_EQ(test::readText(QAM_MIB), module) << "qamctl mib > mibs/QAM-HEADEND-MIB.txt makes it anew";
   EXPECT_EQ(run("mib").text, module);
   EXPECT_EQ(run("mib --base .1.3.6.1.4.1.8072.9999.9999.27").text, module);

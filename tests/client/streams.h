@@ -7,12 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include "client/psi_tables.h"
+#include "mpeg/section.h"
 #include "tests/headend/scratch.h"
 
 namespace test {
 
-using client::Bytes;
+using base::Bytes;
 
 inline Bytes bytesOf(const std::string& text) {
   return {text.begin(), text.end()};
@@ -32,29 +32,29 @@ struct Head {
   bool current = true;
 };
 
-inline client::Section makeSection(const Head& head, const Bytes& body) {
-  const auto length = static_cast<u32>(5 + body.size() + client::kCrcSize);
+inline mpeg::Section makeSection(const Head& head, const Bytes& body) {
+  const auto length = static_cast<u32>(5 + body.size() + mpeg::kCrcSize);
   const auto version = static_cast<u8>(0xC0 | head.version << 1 | (head.current ? 1 : 0));
   Bytes bytes = Bytes{head.tableId} + word((head.tableId == 0x42 ? 0xF000 : 0xB000) | length) +
                 word(head.extension) + Bytes{version, head.number, head.last} + body;
-  const u32 crc = client::crc32(bytes);
+  const u32 crc = mpeg::crc32(bytes);
   return {.pid = head.pid, .bytes = bytes + word(crc >> 16) + word(crc)};
 }
 
-inline client::Section makeSection(const Head& head, std::size_t bodySize) {
+inline mpeg::Section makeSection(const Head& head, std::size_t bodySize) {
   return makeSection(head, Bytes(bodySize, 0xAA));
 }
 
-inline std::vector<client::Section> onePacketSections(u8 tableId, u16 pid, u16 count) {
-  std::vector<client::Section> sections;
+inline std::vector<mpeg::Section> onePacketSections(u8 tableId, u16 pid, u16 count) {
+  std::vector<mpeg::Section> sections;
   for (u16 i = 0; i < count; ++i)
     sections.push_back(makeSection({.pid = pid, .tableId = tableId, .extension = i}, 100));
   return sections;
 }
 
 // A PAT of programme numbers and PIDs.
-inline client::Section makePat(const std::vector<std::pair<u16, u16>>& programmes, u16 extension = 1,
-                               u8 version = 0) {
+inline mpeg::Section makePat(const std::vector<std::pair<u16, u16>>& programmes, u16 extension = 1,
+                             u8 version = 0) {
   Bytes body;
   for (const auto& [number, pid] : programmes) body = body + word(number) + word(0xE000u | pid);
   return makeSection({.pid = 0, .tableId = 0, .extension = extension, .version = version}, body);
@@ -62,13 +62,13 @@ inline client::Section makePat(const std::vector<std::pair<u16, u16>>& programme
 
 class Stream {
  public:
-  explicit Stream(const std::vector<client::Section>& sections = {}) {
-    for (const client::Section& section : sections) add(section);
+  explicit Stream(const std::vector<mpeg::Section>& sections = {}) {
+    for (const mpeg::Section& section : sections) add(section);
   }
 
-  Stream& add(const client::Section& section) {
-    std::vector<client::Packet> packets;
-    client::packSection(section, continuity_[section.pid], packets);
+  Stream& add(const mpeg::Section& section) {
+    std::vector<mpeg::Packet> packets;
+    mpeg::packSection(section, continuity_[section.pid], packets);
     for (const auto& p : packets) bytes.insert(bytes.end(), p.begin(), p.end());
     return *this;
   }

@@ -45,6 +45,8 @@ CALLS = """
 1 | --psi 1.1=not-a-stream.ts | not-a-stream.ts
 1 | --psi 1.1=psi-too-many.ts | psi-too-many.ts.*(512|255)
 0 | --psi 1.1=broken.ts | CRC
+2 | --log report.json --report linked | report.json|linked
+2 | --out 1.1=full.ts --out 1.2=hard.ts | hard.ts
 0 | --report linked | cfg ok
 0 | --report linked --card 2 | cfg ok
 1 | --out 1.1=missing/out.ts | missing/out.ts
@@ -74,6 +76,7 @@ def inputs(case):
         write(case.path(name), content)
     os.symlink('/dev/full', case.path('full'))  # a link, so that a fault here replaces no device of this machine
     os.symlink('report.json', case.path('linked'))
+    os.link(case.path('full.ts'), case.path('hard.ts'))
 
 
 def a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing(case):

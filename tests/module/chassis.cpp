@@ -11,8 +11,8 @@
 #include <regex>
 #include <span>
 
+#include "base/text.h"
 #include "card/QamInit.h"
-#include "headend/firmware/gbk_text.h"
 #include "headend/hardware/card_registers.h"
 #include "platform/alarms.h"
 #include "platform/bus.h"
@@ -21,7 +21,7 @@
 #include "platform/memory.h"
 #include "platform/sockets.h"
 
-using headend::utf8OfGbk;
+using base::utf8OfGbk;
 
 namespace {
 

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
+#include "base/text.h"
 #include "card/qamVar.h"
-#include "headend/firmware/gbk_text.h"
 #include "platform/address_word.h"
 #include "tests/module/chassis.h"
 #include "ui/qamMenu.h"
@@ -12,8 +12,8 @@
 namespace test {
 namespace {
 
+using base::utf8OfGbk;
 using chassis::item_t;
-using headend::utf8OfGbk;
 
 // The items of a table, which an engine must come to an end of.
 std::vector<const item_t*> items(const item_t* table) {
@@ -34,7 +34,7 @@ class Menus : public ModuleTest {
     std::string text;
     int end = -1;
     bool inverse = false;
-    for (const client::LcdCharacter& c : fake.lcd.shown().characters) {
+    for (const protocol::LcdCharacter& c : fake.lcd.shown().characters) {
       if (c.row != 2) continue;
       if (inverse && (!c.inverse || c.x != end)) text += ']';
       if (c.x != end) text += fmt::format("{}{}:", text.empty() ? "" : " ", c.x);

@@ -116,9 +116,11 @@ class Panel {
       state_.silentSeconds.reset();
       state_.refusal.clear();
       return true;
-    } catch (const client::ServiceError& e) {
-      state_.refusal = e.what();
-    } catch (const client::LinkError& e) {
+    } catch (const client::Error& e) {
+      if (!e.gotNoReply()) {
+        state_.refusal = e.what();
+        return false;
+      }
       answers_ = false;
       const auto silent = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - heard_);
       if (silent >= options_.patience)

@@ -1,5 +1,6 @@
 #include "tools/panel/panel_feed.h"
 
+#include "client/chassis_services.h"
 #include "tools/json_fields.h"
 #include "tools/rf_report.h"
 #include "tools/status_report.h"
@@ -22,7 +23,7 @@ void PanelFeed::readStatus(PanelState& state) {
   Json readouts = Json::array();
   for (const Json& card : member(*status, "cards")) {
     const auto slot = number(card, "slot");
-    if (!slot || *slot < 1 || *slot > client::kSlots) continue;
+    if (!slot || *slot < 1 || *slot > MAX_BOARD_NUM) continue;
     state.cards[static_cast<std::size_t>(*slot) - 1] = oneLine(member(card, "state"));
     for (const Json& readout : rfOfCard(card)) readouts.push_back(readout);
   }

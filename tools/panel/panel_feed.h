@@ -14,8 +14,8 @@ class PanelFeed {
 
   explicit PanelFeed(client::Link& link) : link_(link) {}
 
-  // Brings the state up to date: the LCD each time, the rest twice a second. Throws client::LinkError or
-  // client::ServiceError; what has been read by then stands in the state.
+  // Brings the state up to date: the LCD each time, the rest twice a second. Throws client::Error; what has
+  // been read by then stands in the state.
   void refresh(PanelState& state);
 
  private:

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "protocol/card_state.h"
+
 namespace tools {
 namespace {
 
@@ -28,20 +30,10 @@ constexpr Caption kNoRoom = {"(too small for pixels)", "(终端太小,无法显�
 constexpr Caption kTooSmall = {"Terminal too small: {}x{}, needs {}x{}. q quits",
                                "终端太小: {}x{}, 至少需要 {}x{}. q 退出"};
 
-struct StateName {
-  const char* name;  // in the status
-  const char* zh;
-  Colour colour;
-};
-constexpr StateName kStates[] = {
-    {"starting", "启动中", Colour::kWarning},
-    {"running", "运行", Colour::kGood},
-    {"config_error", "配置错误", Colour::kBad},
-    {"no_bitstream", "无配置文件", Colour::kBad},
-    {"hung", "挂起", Colour::kBad},
-    {"not_registered", "未注册", Colour::kBad},
-    {"no_record", "无参数记录", Colour::kBad},
-};
+Colour colourOf(protocol::CardState state) {
+  if (state == protocol::CardState::kRunning) return Colour::kGood;
+  return state == protocol::CardState::kStarting ? Colour::kWarning : Colour::kBad;
+}
 
 struct Key {
   chassis::PanelKey key;
@@ -59,9 +51,9 @@ struct LcdStyle {
   int width;
   int height;
 };
-constexpr LcdStyle kText = {LcdStyle::Kind::kText, client::kLcdWidth / 8, client::kLcdRows};
-constexpr LcdStyle kBraille = {LcdStyle::Kind::kBraille, client::kLcdWidth / 2, client::kLcdHeight / 4};
-constexpr LcdStyle kHalfBlocks = {LcdStyle::Kind::kHalfBlocks, client::kLcdWidth, client::kLcdHeight / 2};
+constexpr LcdStyle kText = {LcdStyle::Kind::kText, protocol::kLcdWidth / 8, protocol::kLcdRows};
+constexpr LcdStyle kBraille = {LcdStyle::Kind::kBraille, protocol::kLcdWidth / 2, protocol::kLcdHeight / 4};
+constexpr LcdStyle kHalfBlocks = {LcdStyle::Kind::kHalfBlocks, protocol::kLcdWidth, protocol::kLcdHeight / 2};
 
 constexpr int kLampWidth = 22;   // beside the LCD
 constexpr int kAlarmsShown = 3;  // at least, however long the RF readout is
@@ -123,7 +115,7 @@ class PanelPainter {
     screen_.text(0, 2 + style.height, "└" + edge + "┘");
     if (!state_.lcd) return;
     if (style.kind == LcdStyle::Kind::kText) {
-      for (const client::LcdCharacter& c : state_.lcd->characters) character(c);
+      for (const protocol::LcdCharacter& c : state_.lcd->characters) character(c);
       return;
     }
     for (int y = 0; y < style.height; ++y) {
@@ -135,12 +127,12 @@ class PanelPainter {
   }
 
   // A character of two LCD cells takes two columns, also where the terminal's own is narrow.
-  void character(const client::LcdCharacter& c) {
+  void character(const protocol::LcdCharacter& c) {
     const int cells = c.character < 0x80 ? 1 : 2;
     const int x = 1 + (c.x + 7) / 8;
     const int y = 2 + c.row;
     const int end = 1 + kText.width;
-    if (c.row >= client::kLcdRows || x + cells > end) return;
+    if (c.row >= protocol::kLcdRows || x + cells > end) return;
     const Look look = {.inverse = c.inverse};
     for (int i = 0; i < cells; ++i) screen_.put(x + i, y, L' ', look, end);
     if (screen_.put(x, y, static_cast<wchar_t>(c.character), look, x + cells) == 0)
@@ -167,18 +159,21 @@ class PanelPainter {
   }
 
   void lamps(int x) {
-    for (int slot = 0; slot < client::kSlots; ++slot) {
+    for (int slot = 0; slot < MAX_BOARD_NUM; ++slot) {
       const std::string& state = state_.cards[static_cast<std::size_t>(slot)];
-      const auto* const known = std::find_if(std::begin(kStates), std::end(kStates),
-                                             [&](const StateName& s) { return state == s.name; });
-      const bool isKnown = known != std::end(kStates);
+      const auto* const known =
+          std::ranges::find(protocol::kCardStates, state, &protocol::CardStateName::name);
+      const bool isKnown = known != std::end(protocol::kCardStates);
       const bool chinese = state_.language == PanelState::Language::kChinese;
-      const std::string text = state.empty() ? word(kNoCard) : isKnown && chinese ? known->zh : state;
-      lamp(x, 1 + slot, !state.empty(), isKnown ? known->colour : Colour::kBad,
+      const std::string text(state.empty() ? word(kNoCard)
+                             : !isKnown    ? state
+                             : chinese     ? known->words.chinese
+                                           : known->words.english);
+      lamp(x, 1 + slot, !state.empty(), isKnown ? colourOf(known->state) : Colour::kBad,
            fmt::format("{} {}", slot + 1, text));
     }
     const std::size_t alarms = state_.alarms.size();
-    lamp(x, 1 + client::kSlots, alarms > 0, Colour::kBad,
+    lamp(x, 1 + MAX_BOARD_NUM, alarms > 0, Colour::kBad,
          alarms > 0 ? fmt::format("{} {}", word(kAlarm), alarms) : word(kAlarm));
   }
 
@@ -201,7 +196,7 @@ class PanelPainter {
     list(y, rfEnd, state_.rf);
     screen_.text(0, rfEnd, word(kAlarms), {.bold = true});
     std::vector<std::string> lines;
-    for (const client::Alarm& alarm : state_.alarms) lines.push_back(alarmLine(alarm));
+    for (const protocol::Alarm& alarm : state_.alarms) lines.push_back(alarmLine(alarm));
     std::reverse(lines.begin(), lines.end());
     if (lines.empty()) lines.emplace_back(word(kNoAlarm));
     list(rfEnd + 1, end, lines);
@@ -215,7 +210,7 @@ class PanelPainter {
       screen_.text(0, end - 1, fmt::format(fmt::runtime(word(kMore)), lines.size() - shown));
   }
 
-  std::string alarmLine(const client::Alarm& alarm) const {
+  std::string alarmLine(const protocol::Alarm& alarm) const {
     const bool chinese = state_.language == PanelState::Language::kChinese;
     return fmt::format("{} {}  {:%Y-%m-%d %H:%M:%S}  {}  {}", word(kSlot), alarm.slot + 1,
                        fmt::gmtime(static_cast<std::time_t>(alarm.happened)),

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "client/alarms.h"
-#include "client/channel.h"
-#include "client/panel.h"
+#include "protocol/alarms.h"
+#include "protocol/channel.h"
+#include "protocol/panel.h"
 #include "tools/panel/screen.h"
 
 namespace tools {
@@ -18,12 +18,12 @@ struct PanelState {
   enum class Language { kEnglish, kChinese };
 
   std::string server;
-  std::optional<client::Lcd> lcd;
-  std::array<std::string, client::kSlots> cards;  // the card's state as the status names it; empty: no card
-  std::vector<std::string> rf;                    // lines, the first a heading
-  std::vector<client::Alarm> alarms;              // oldest first
-  std::optional<long> silentSeconds;              // since the headend has answered; nothing while it does
-  std::string refusal;                            // what else the headend said instead of an answer
+  std::optional<protocol::Lcd> lcd;
+  std::array<std::string, MAX_BOARD_NUM> cards;  // the card's state as the status names it; empty: no card
+  std::vector<std::string> rf;                   // lines, the first a heading
+  std::vector<protocol::Alarm> alarms;           // oldest first
+  std::optional<long> silentSeconds;             // since the headend has answered; nothing while it does
+  std::string refusal;                           // what else the headend said instead of an answer
 
   Language language = Language::kEnglish;
   bool pixels = false;  // the LCD by its pixels, where there is room

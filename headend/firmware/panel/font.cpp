@@ -20,17 +20,4 @@ u16 takeCode(std::string_view& text) {
   return code;
 }
 
-std::string gbkOf(std::u16string_view text) {
-  const std::span<const Glyph> glyphs(kGlyphs, kGlyphCount);
-  std::string gbk;
-  for (const char16_t character : text) {
-    const auto glyph =
-        std::find_if(glyphs.begin(), glyphs.end(), [&](const Glyph& g) { return g.character == character; });
-    const u16 code = glyph == glyphs.end() ? u16{'?'} : glyph->code;
-    if (code >= 0x80) gbk += static_cast<char>(code >> 8);
-    gbk += static_cast<char>(code & 0xFF);
-  }
-  return gbk;
-}
-
 }  // namespace headend

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <string>
 #include <string_view>
 
 #include "platform/types.h"
@@ -24,8 +23,5 @@ const Glyph* findGlyph(u16 code);  // null for what the font lacks
 
 // The next character of a text in GBK, which is taken off it. Not empty.
 u16 takeCode(std::string_view& text);
-
-// The firmware's own texts, as drivers hand over theirs. Characters that the font lacks become '?'.
-std::string gbkOf(std::u16string_view text);
 
 }  // namespace headend

@@ -7,7 +7,7 @@
 namespace headend {
 namespace {
 
-constexpr int kRowHeight = client::kLcdHeight / client::kLcdRows;
+constexpr int kRowHeight = protocol::kLcdHeight / protocol::kLcdRows;
 constexpr int kNarrow = 8, kWide = 16;
 constexpr u32 kFirstOfMask = 0x80000000;
 constexpr char16_t kReplacement = 0xFFFD;
@@ -27,20 +27,20 @@ int widthOf(std::string_view gbk) {
 }
 
 void Lcd::print(int row, int column, u32 mask, std::string_view gbk) {
-  if (row < 0 || row >= client::kLcdRows || column < 0) return;
+  if (row < 0 || row >= protocol::kLcdRows || column < 0) return;
   int x = column;
   for (; !gbk.empty(); mask <<= 1) {
     const u16 code = takeCode(gbk);
-    if (x + widthOf(code) > client::kLcdWidth) return;
+    if (x + widthOf(code) > protocol::kLcdWidth) return;
     draw(row, x, code, (mask & kFirstOfMask) != 0);
     x += widthOf(code);
   }
 }
 
 void Lcd::printRow(int row, std::string_view left, std::string_view right, bool inverse) {
-  if (row < 0 || row >= client::kLcdRows) return;
-  erase(row, 0, client::kLcdWidth);
-  const int between = std::max(0, client::kLcdWidth - widthOf(left) - widthOf(right));
+  if (row < 0 || row >= protocol::kLcdRows) return;
+  erase(row, 0, protocol::kLcdWidth);
+  const int between = std::max(0, protocol::kLcdWidth - widthOf(left) - widthOf(right));
   const std::string blanks(static_cast<std::size_t>(between / kNarrow), ' ');
   print(row, 0, inverse ? ~u32{0} : 0, std::string(left) + blanks + std::string(right));
 }
@@ -54,15 +54,15 @@ void Lcd::draw(int row, int x, u16 code, bool inverse) {
     for (int i = 0; i < width; ++i) {
       const bool lit = ((pixels[line] >> (15 - i)) & 1) != 0;
       if (lit == inverse) continue;
-      const int at = (row * kRowHeight + line) * client::kLcdWidth + x + i;
+      const int at = (row * kRowHeight + line) * protocol::kLcdWidth + x + i;
       shown_.pixels[static_cast<std::size_t>(at) / 8] |= static_cast<u8>(0x80 >> at % 8);
     }
   }
   const char16_t character = glyph == nullptr ? kReplacement : glyph->character;
   if (character == u' ' && !inverse) return;
-  const client::LcdCharacter drawn{
+  const protocol::LcdCharacter drawn{
       .row = static_cast<u8>(row), .x = static_cast<u8>(x), .inverse = inverse, .character = character};
-  const auto before = [](const client::LcdCharacter& a, const client::LcdCharacter& b) {
+  const auto before = [](const protocol::LcdCharacter& a, const protocol::LcdCharacter& b) {
     return std::pair(a.row, a.x) < std::pair(b.row, b.x);
   };
   auto& all = shown_.characters;
@@ -73,11 +73,11 @@ void Lcd::draw(int row, int x, u16 code, bool inverse) {
 void Lcd::erase(int row, int from, int to) {
   for (int line = row * kRowHeight; line < (row + 1) * kRowHeight; ++line) {
     for (int x = from; x < to; ++x) {
-      const int at = line * client::kLcdWidth + x;
+      const int at = line * protocol::kLcdWidth + x;
       shown_.pixels[static_cast<std::size_t>(at) / 8] &= static_cast<u8>(~(0x80 >> at % 8));
     }
   }
-  std::erase_if(shown_.characters, [&](const client::LcdCharacter& c) {
+  std::erase_if(shown_.characters, [&](const protocol::LcdCharacter& c) {
     const int width = c.character < 0x80 ? kNarrow : kWide;
     return c.row == row && c.x < to && c.x + width > from;
   });

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "client/panel.h"
+#include "protocol/panel.h"
 
 namespace headend {
 
@@ -22,13 +22,13 @@ class Lcd {
   // The row anew, with a text at its left edge and one at its right. What does not fit on it is cut off.
   void printRow(int row, std::string_view left, std::string_view right = {}, bool inverse = false);
 
-  const client::Lcd& shown() const { return shown_; }
+  const protocol::Lcd& shown() const { return shown_; }
 
  private:
   void draw(int row, int x, u16 code, bool inverse);
   void erase(int row, int from, int to);
 
-  client::Lcd shown_;
+  protocol::Lcd shown_;
 };
 
 // Pixels that a text in GBK takes.

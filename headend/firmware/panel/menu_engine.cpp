@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/text.h"
 #include "headend/firmware/panel/font.h"
 #include "platform/address_word.h"
 
@@ -13,7 +14,7 @@ namespace {
 
 using chassis::item_t;
 
-constexpr int kRowsBelowHeading = client::kLcdRows - 1;
+constexpr int kRowsBelowHeading = protocol::kLcdRows - 1;
 constexpr Nanos kRefresh = kSecond;  // of what is shown, for values change by themselves
 
 bool has(const item_t& item, u16 flag) {
@@ -26,7 +27,7 @@ MenuEngine::MenuEngine(Kernel& kernel, Lcd& lcd, Keypad& keys, Firmware firmware
     : kernel_(kernel), lcd_(lcd), keys_(keys), firmware_(std::move(firmware)) {}
 
 void MenuEngine::start() {
-  kernel_.spawn("tMenu", kPriority, [this] {
+  kernel_.spawn("tMen", kPriority, [this] {
     for (;;) walkTop();
   });
 }
@@ -37,7 +38,7 @@ void MenuEngine::showHeading(const item_t& item) {
 }
 
 std::string MenuEngine::own(const Words& words) const {
-  return gbkOf(language_ == Language::kEnglish ? words.english : words.chinese);
+  return base::gbkOfUtf8(language_ == Language::kEnglish ? words.english : words.chinese);
 }
 
 std::string MenuEngine::labelOf(const item_t& item) const {
@@ -51,12 +52,12 @@ void MenuEngine::walkTop() {
   leaving_ = false;
   const auto heading = [this] {
     lcd_.clear();
-    lcd_.printRow(0, own({u"Headend", u"前端"}));
+    lcd_.printRow(0, own({"Headend", "前端"}));
   };
   const Rows rows = [this] {
     std::vector<Row> all;
     for (const auto& [slot, root] : roots_) all.push_back({labelOf(root), firmware_.fault(slot) ? "!" : ""});
-    all.push_back({own({u"Language", u"语言"}), own({u"English", u"中文"})});
+    all.push_back({own({"Language", "语言"}), own({"English", "中文"})});
     return all;
   };
   int chosen = 0;

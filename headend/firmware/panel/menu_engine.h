@@ -12,6 +12,7 @@
 #include "headend/firmware/panel/keypad.h"
 #include "headend/firmware/panel/lcd.h"
 #include "platform/chassis.h"
+#include "protocol/card_state.h"
 
 namespace headend {
 
@@ -20,10 +21,7 @@ class MenuEngine {
   static constexpr int kPriority = 230;     // below everything that keeps a channel on the air
   static constexpr int kLongestTable = 64;  // items; a longer one has lost its end mark
 
-  // A text of the firmware's own in the panel's languages.
-  struct Words {
-    std::u16string_view english, chinese;
-  };
+  using Words = protocol::Words;
 
   // What the menu asks of the rest of the firmware.
   struct Firmware {

@@ -1,10 +1,10 @@
 // The chassis's front panel: LCD, keys and the menu on them, and how the management socket reaches it.
 #pragma once
 
-#include "client/datagram.h"
 #include "headend/firmware/panel/keypad.h"
 #include "headend/firmware/panel/lcd.h"
 #include "headend/firmware/panel/menu_engine.h"
+#include "protocol/datagram.h"
 
 namespace headend {
 
@@ -20,15 +20,15 @@ class Panel {
   MenuEngine& menu() { return menu_; }
 
   // Operations of the management socket.
-  u32 show(client::Bytes& reply) const {
-    reply = client::encode(lcd_.shown());
-    return client::kDone;
+  u32 show(base::Bytes& reply) const {
+    reply = protocol::encode(lcd_.shown());
+    return protocol::kDone;
   }
-  u32 press(const client::Request& request) {
-    if (request.data.size() != 1) return client::kBadLength;
+  u32 press(const protocol::Request& request) {
+    if (request.data.size() != 1) return protocol::kBadLength;
     const u8 key = request.data[0];
-    if (key < chassis::kKeyConfirm || key > chassis::kKeyRight) return client::kUnknownKey;
-    return keys_.press(static_cast<chassis::PanelKey>(key)) ? client::kDone : client::kTooManyKeys;
+    if (key < chassis::kKeyConfirm || key > chassis::kKeyRight) return protocol::kUnknownKey;
+    return keys_.press(static_cast<chassis::PanelKey>(key)) ? protocol::kDone : protocol::kTooManyKeys;
   }
 
  private:

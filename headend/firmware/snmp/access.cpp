@@ -5,7 +5,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "client/mib_module.h"
+#include "protocol/mib_rows.h"
 
 namespace headend {
 namespace {
@@ -35,7 +35,7 @@ std::string access(const std::string& group, const char* model, const char* leve
 
 std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, bool communityWrites,
                                              std::span<const u32> base) {
-  const std::string cards = client::mibBaseText(base);
+  const std::string cards = protocol::mibBaseText(base);
   // A group without members, for the library wants to have heard of access, whoever is let in.
   std::vector<std::string> lines = {access("nobody", "usm", "priv", false),
                                     fmt::format("view seen included {}", cards),

@@ -2,9 +2,9 @@
 
 #include <stdexcept>
 
-#include "client/mib_module.h"
 #include "headend/firmware/snmp/access.h"
 #include "headend/firmware/snmp/net_snmp.h"
+#include "protocol/mib_rows.h"
 
 namespace headend {
 namespace {
@@ -30,7 +30,7 @@ void demandAccess(const SnmpAgent::Settings& settings, const SnmpSecrets& secret
 std::vector<std::string> configuration(const SnmpAgent::Settings& settings, const SnmpSecrets& secrets) {
   std::vector<std::string> lines = accessConfiguration(secrets, settings.communityWrites, settings.base);
   lines.emplace_back("sysdescr Virtual headend with QAM modulator cards");
-  lines.push_back("sysobjectid " + client::mibBaseText(settings.base));
+  lines.push_back("sysobjectid " + protocol::mibBaseText(settings.base));
   lines.emplace_back("sysname headend");
   lines.emplace_back("syslocation not set");
   lines.emplace_back("syscontact not set");

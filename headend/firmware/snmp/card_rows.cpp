@@ -5,16 +5,15 @@
 #include <cstring>
 #include <optional>
 
-#include "client/card_variables.h"
-#include "client/mib_module.h"
-#include "client/mib_rows.h"
 #include "headend/firmware/reading_turn.h"
 #include "headend/firmware/snmp/net_snmp.h"
+#include "protocol/mib_rows.h"
+#include "protocol/variables.h"
 
 namespace headend {
 namespace {
 
-constexpr std::size_t kSlotComponent = client::kMibBaseLength;  // the first behind the base
+constexpr std::size_t kSlotComponent = protocol::kMibBaseLength;  // the first behind the base
 
 struct Name {
   std::array<u32, MAX_OID_LEN + 1> components{};  // an instance is one longer than its row
@@ -64,8 +63,8 @@ int outwardError(int result) {
 // What `qamctl var set` refuses, no other client gets past either: the card takes what it is given.
 bool isPossible(const chassis::variable& row, const netsnmp_variable_list& binding) {
   if (row.type != ASN_INTEGER) return true;
-  const client::CardVariable* variable = client::findCardVariable(row.magic);
-  return variable != nullptr && client::isPossible(*variable, *binding.val.integer);
+  const protocol::CardVariable* variable = protocol::findCardVariable(row.magic);
+  return variable != nullptr && protocol::isPossible(*variable, *binding.val.integer);
 }
 
 // Whether a request means this row although its card does not run: by its instance, or on the way through the
@@ -119,7 +118,7 @@ bool CardRows::makeKnown() {
 // ---- Requests ----
 
 bool CardRows::runs(const Row& row) const {
-  return runs_(static_cast<int>(row.variable.name[kSlotComponent] - client::kMibFirstSlot));
+  return runs_(static_cast<int>(row.variable.name[kSlotComponent] - protocol::kMibFirstSlot));
 }
 
 int CardRows::handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*registration*/,

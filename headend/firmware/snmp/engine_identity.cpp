@@ -7,6 +7,8 @@
 #include <random>
 #include <stdexcept>
 
+#include "base/numbers.h"
+
 namespace headend {
 namespace {
 
@@ -34,7 +36,7 @@ std::optional<EngineIdentity> parse(const std::string& text) {
   if (digits.size() != 2 * kIdSize) return {};
   EngineIdentity engine{.id = {}, .boots = static_cast<u32>(boots)};
   for (std::size_t i = 0; i < digits.size(); i += 2) {
-    engine.id.push_back(static_cast<u8>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    engine.id.push_back(base::parseDigits<u8>(digits.substr(i, 2), 16, 0xFF).value());
   }
   return engine;
 }

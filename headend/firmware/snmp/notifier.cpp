@@ -7,9 +7,9 @@
 #include <span>
 #include <utility>
 
-#include "client/mib_rows.h"
 #include "headend/firmware/alarm_list.h"
 #include "headend/firmware/snmp/net_snmp.h"
+#include "protocol/mib_rows.h"
 
 namespace headend {
 namespace {
@@ -26,7 +26,7 @@ class Notification {
 
   void uptime(long hundredths) { add(kSysUpTime, ASN_TIMETICKS, &hundredths, sizeof hundredths); }
   void kind(u32 which) {
-    const Name name = below({client::kMibNotifications, which});
+    const Name name = below({protocol::kMibNotifications, which});
     add(kSnmpTrapOid, ASN_OBJECT_ID, name.data(), name.size() * sizeof(oid));
   }
   void number(u32 object, u8 type, long value) { add(instance(object), type, &value, sizeof value); }
@@ -41,7 +41,7 @@ class Notification {
     name.insert(name.end(), suffix.begin(), suffix.end());
     return name;
   }
-  Name instance(u32 object) const { return below({client::kMibNotificationObjects, object, 0}); }
+  Name instance(u32 object) const { return below({protocol::kMibNotificationObjects, object, 0}); }
   void add(const Name& name, u8 type, const void* value, std::size_t size) {
     snmp_pdu_add_variable(pdu_, name.data(), name.size(), type, value, size);
   }
@@ -76,16 +76,16 @@ void SnmpNotifier::serve() {
 }
 
 void SnmpNotifier::send(const AlarmEvent& event) {
-  const client::Alarm alarm = outward(event).alarm;
-  const bool raised = event.kind == client::AlarmEvent::Kind::kRaised;
+  const protocol::Alarm alarm = outward(event).alarm;
+  const bool raised = event.kind == protocol::AlarmEvent::Kind::kRaised;
   Notification notification(base_);
   notification.uptime(static_cast<long>(kernel_.now() / (kSecond / 100)));
-  notification.kind(raised ? client::kMibAlarmRaised : client::kMibAlarmCleared);
-  notification.number(client::kMibAlarmSlot, ASN_INTEGER, alarm.slot + 1);
-  notification.number(client::kMibAlarmPort, ASN_INTEGER, alarm.port + 1);
-  notification.number(client::kMibAlarmType, ASN_UNSIGNED, alarm.type);
-  notification.text(client::kMibAlarmEnglish, alarm.enTrap);
-  notification.text(client::kMibAlarmChinese, alarm.zhTrap);
+  notification.kind(raised ? protocol::kMibAlarmRaised : protocol::kMibAlarmCleared);
+  notification.number(protocol::kMibAlarmSlot, ASN_INTEGER, alarm.slot + 1);
+  notification.number(protocol::kMibAlarmPort, ASN_INTEGER, alarm.port + 1);
+  notification.number(protocol::kMibAlarmType, ASN_UNSIGNED, alarm.type);
+  notification.text(protocol::kMibAlarmEnglish, alarm.enTrap);
+  notification.text(protocol::kMibAlarmChinese, alarm.zhTrap);
 
   kernel_.charge("sendto", kernel_.settings().costs.kernelCall);
   const bool sent = library_.send(notification.release());

@@ -11,7 +11,7 @@ namespace {
 
 using headend::AlarmEvent;
 using headend::AlarmList;
-using Kind = client::AlarmEvent::Kind;
+using Kind = protocol::AlarmEvent::Kind;
 
 constexpr AlarmList::Key kInput{2, 0, 769};
 constexpr AlarmList::Texts kFirst{"K", "1", "Card3", "Ch.1 Error", "N", "No Input"};
@@ -27,7 +27,7 @@ class Alarms : public ::testing::Test {
         flash_, [this] { return now_; }, [this](const std::string& text) { said_ += text + '\n'; });
   }
   static std::string text(const AlarmEvent& event) {
-    const client::AlarmEvent out = headend::outward(event);
+    const protocol::AlarmEvent out = headend::outward(event);
     constexpr const char* kKinds = "+-?x";
     return fmt::format("{}{} {}.{} {} {}|{}|{} {}", kKinds[static_cast<int>(out.kind)], out.at,
                        out.alarm.slot, out.alarm.port, out.alarm.type, out.alarm.enTitle, out.alarm.enText,
@@ -43,7 +43,7 @@ class Alarms : public ::testing::Test {
 
   Scratch scratch_;
   fs::path file_ = scratch_.path / "alarms" / "history.dat";
-  headend::Flash flash_{scratch_.path, client::Flush::kLater};
+  headend::Flash flash_{scratch_.path, base::Flush::kLater};
   u32 now_ = 1000;
   std::string said_;
   std::unique_ptr<AlarmList> list_;
@@ -86,7 +86,7 @@ TEST_F(Alarms, TextsAreCutToTheirFieldsAtWholeCharactersAndGoOutInUtf8) {
       "\xB5\xF7\xD6\xC6\xBF\xA8\xB5\xF7\xD6\xC6\xBF\xA8\xB5\xF7\xD6\xC6\xBF\xA8";  // 9 characters
   const std::string odd = "x" + wide;
   list_->add(kInput, {odd.c_str(), wide.c_str(), "seventeen letters", "eighteen letters !", "\xFF!", ""});
-  const client::Alarm alarm = headend::outward(list_->standing().at(0)).alarm;
+  const protocol::Alarm alarm = headend::outward(list_->standing().at(0)).alarm;
   EXPECT_EQ(alarm.zhTitle, "x调制卡调制卡调制");
   EXPECT_EQ(alarm.zhText, "调制卡调制卡调制");
   EXPECT_EQ(alarm.enTitle, "seventeen letters");

@@ -8,8 +8,6 @@
 
 namespace {
 
-using client::TableType;
-
 os::MsgQ* queueNumber(std::uintptr_t n) {
   return reinterpret_cast<os::MsgQ*>(n);  // NOLINT(performance-no-int-to-ptr): a name, never followed
 }
@@ -37,14 +35,14 @@ TEST(CarouselMonitor, AnUploadAndAnotherChannelContinueNoGroup) {
   monitor.restart(1, 0);
   post(0, 5000);
   post(0, 5100);
-  const auto& pat = monitor.tables(1, 0)[client::indexOf(TableType::kPat)];
+  const auto& pat = monitor.tables(1, 0)[PAT];
   EXPECT_EQ(pat.intervals, 2U);
   EXPECT_EQ(pat.max_ticks, 100U);
   post(0, 6000, 2);  // free places of the second channel's store: of no table
   post(512, 6001);
   post(0, 6002, 3);  // no channel's queue
-  EXPECT_EQ(monitor.tables(1, 0)[client::indexOf(TableType::kPat)].posted, 4U);
-  EXPECT_EQ(monitor.tables(1, 1)[client::indexOf(TableType::kPat)].posted, 0U);
+  EXPECT_EQ(monitor.tables(1, 0)[PAT].posted, 4U);
+  EXPECT_EQ(monitor.tables(1, 1)[PAT].posted, 0U);
 }
 
 }  // namespace

@@ -123,7 +123,7 @@ TEST(Modulator, RunsOnAClockForEveryRateOfItsTable) {
 TEST(Modulator, MeasuresTheRatesThatLeave) {
   Powered powered([](headend::Options& options) {
     options.psi.push_back({.channel = {0, 0}, .file = QAM_SAMPLES "/psi-full.ts", .at = 0});
-    for (const auto table : client::kAllTables) options.intervals[{0, 0}][table] = 20;
+    for (const auto table : mpeg::kAllTables) options.intervals[{0, 0}][table] = 20;
   });
   std::array<PacketKeeper, 2> sinks;
   for (const std::size_t channel : {0U, 1U}) powered.card().output(channel).setSink(&sinks[channel]);

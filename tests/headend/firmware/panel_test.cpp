@@ -19,10 +19,10 @@ using headend::Lcd;
 // ---- The LCD ----
 
 // A row as text, the inverse characters in brackets.
-std::string rowOf(const client::Lcd& lcd, int row) {
+std::string rowOf(const protocol::Lcd& lcd, int row) {
   std::string text = lcd.text(row);
   std::string inverse;
-  for (const client::LcdCharacter& c : lcd.characters) {
+  for (const protocol::LcdCharacter& c : lcd.characters) {
     if (c.row == row && c.inverse) inverse += fmt::format(" {}", c.x);
   }
   return inverse.empty() ? text : text + " |" + inverse;
@@ -74,7 +74,7 @@ TEST(Panel, DrawsWhatFitsWhereItBelongs) {
 }
 
 // What a glyph's cell shows, in the notation of the font's file.
-std::string hexOf(const client::Lcd& lcd, int x, int row, int width, bool inverse) {
+std::string hexOf(const protocol::Lcd& lcd, int x, int row, int width, bool inverse) {
   std::string hex;
   for (int y = row * 16; y < row * 16 + 16; ++y) {
     for (int digit = 0; digit < width / 4; ++digit) {

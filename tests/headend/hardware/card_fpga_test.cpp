@@ -238,7 +238,7 @@ TEST(CardFpga, TakesAFilterAtTheRiseOfItsStrobe) {
     for (const auto& [reg, value, passes] : writes) {
       card.write(kFilter[channel] + reg, value);
       const u64 before = output.counts().filtered;
-      output.offer(card.now, headend::TsPacketView(any.data(), 188), 0x1234);
+      output.offer(card.now, mpeg::PacketView(any.data(), 188), 0x1234);
       EXPECT_EQ(output.counts().filtered == before, passes) << channel << ": " << reg << ", " << value;
     }
   }

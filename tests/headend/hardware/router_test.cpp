@@ -22,10 +22,10 @@ __extension__ using Wide = __int128;
 struct FakeInput final : headend::TsInput {
   void put(Nanos arrival, Bytes packet) { coming.emplace_back(arrival, std::move(packet)); }
   Nanos nextArrival() const override { return coming.empty() ? headend::kNever : coming.front().first; }
-  headend::TsPacketView take() override {
+  mpeg::PacketView take() override {
     taken = std::move(coming.front().second);
     coming.pop_front();
-    return headend::TsPacketView(taken.data(), 188);
+    return mpeg::PacketView(taken.data(), 188);
   }
   const std::string& name() const override { return unnamed; }
 

@@ -1,0 +1,62 @@
+// Numbers and addresses from text. Everything that an operator or a file writes is read by these.
+#pragma once
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "platform/types.h"
+
+namespace base {
+
+// The whole text as a number from 0 to `most`; nothing for any other text, nor for one with a sign or blanks.
+template <typename T>
+std::optional<T> parseDigits(std::string_view text, int radix, T most) {
+  static_assert(std::is_unsigned_v<T>);
+  T value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, radix);
+  const bool isWhole = error == std::errc() && end == text.data() + text.size();
+  return isWhole && value <= most ? std::optional(value) : std::nullopt;
+}
+
+// Decimal digits alone.
+template <typename T = u32>
+std::optional<T> parseDecimal(std::string_view text, T most = std::numeric_limits<T>::max()) {
+  return parseDigits(text, 10, most);
+}
+
+// Decimal, or hexadecimal behind 0x.
+template <typename T = u32>
+std::optional<T> parseNumber(std::string_view text, T most = std::numeric_limits<T>::max()) {
+  const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+  return parseDigits(text.substr(isHex ? 2 : 0), isHex ? 16 : 10, most);
+}
+
+// With a fraction; finite.
+inline std::optional<double> parseReal(std::string_view text) {
+  double value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  const bool isWhole = error == std::errc() && end == text.data() + text.size();
+  return isWhole && std::isfinite(value) ? std::optional(value) : std::nullopt;
+}
+
+// "HOST:PORT", an IPv6 address in brackets.
+struct Address {
+  std::string host;
+  u16 port = 0;
+};
+inline std::optional<Address> parseAddress(std::string_view text) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string_view::npos) return std::nullopt;
+  std::string_view host = text.substr(0, colon);
+  const auto port = parseDecimal<u16>(text.substr(colon + 1));
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  if (host.empty() || !port) return std::nullopt;
+  return Address{.host = std::string(host), .port = *port};
+}
+
+}  // namespace base

@@ -1,0 +1,15 @@
+// Text of DVB tables (EN 300 468 annex A) as UTF-8 that is safe on a terminal.
+#pragma once
+
+#include <span>
+#include <string>
+
+#include "platform/types.h"
+
+namespace mpeg {
+
+// The text without its emphasis marks, line breaks as spaces. Bytes that its character table does not have,
+// and texts of a table that nobody here knows, come out with U+FFFD in their place.
+std::string dvbText(std::span<const u8> text);
+
+}  // namespace mpeg

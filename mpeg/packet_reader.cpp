@@ -1,0 +1,109 @@
+#include "mpeg/packet_reader.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace mpeg {
+namespace {
+
+constexpr std::size_t kReadSize = 256 * 1024;
+constexpr Offset kTimestampSize = 4;
+constexpr Offset kTimestampedStride = 192;
+constexpr Offset kStrides[] = {kTsPacketSize, kTimestampedStride, 204};
+
+// How many sync bytes in a row make a raster: where nobody knew of one, and where a packet was due.
+constexpr int kSearchRun = 5;
+constexpr int kRasterRun = 2;
+
+}  // namespace
+
+const u8* PacketReader::next() {
+  if (stride_ == 0) {
+    if (!findFirst()) return nullptr;
+  } else if (next_ >= size() && !ensure(next_ + 1)) {
+    return nullptr;
+  } else if (!hasSync(next_) && !resync()) {
+    trailingBytes_ = size() - next_;
+    return nullptr;
+  }
+  if (!ensure(next_ + kTsPacketSize)) {
+    trailingBytes_ = size() - next_;
+    return nullptr;
+  }
+  forgetBefore(next_);
+  last_ = next_;
+  next_ += stride_;
+  return &window_[static_cast<std::size_t>(last_ - base_)];
+}
+
+// Whether the stream has all bytes before `end`; reads on as needed.
+bool PacketReader::ensure(Offset end) {
+  while (size() < end && stream_) {
+    const std::size_t old = window_.size();
+    window_.resize(old + kReadSize);
+    stream_.read(reinterpret_cast<char*>(&window_[old]), static_cast<std::streamsize>(kReadSize));
+    window_.resize(old + static_cast<std::size_t>(stream_.gcount()));
+  }
+  return size() >= end;
+}
+
+// Gives memory back, in large steps: a step moves what is kept.
+void PacketReader::forgetBefore(Offset position) {
+  if (position - base_ < kReadSize) return;
+  window_.erase(window_.begin(), window_.begin() + static_cast<std::ptrdiff_t>(position - base_));
+  base_ = position;
+}
+
+// Whether a whole packet starts here and the sync bytes that should follow it do. Where the stream ends
+// within the run, one follower is enough, or none where a packet was due here.
+bool PacketReader::isRun(Offset start, Offset stride, int length, bool onRaster) {
+  if (!ensure(start + kTsPacketSize)) return false;
+  for (int i = 0; i < length; ++i) {
+    const Offset position = start + static_cast<Offset>(i) * stride;
+    if (!ensure(position + 1)) return i >= kRasterRun || onRaster;
+    if (at(position) != kSyncByte) return false;
+  }
+  return true;
+}
+
+bool PacketReader::search(Offset from) {
+  for (Offset start = from; ensure(start + kTsPacketSize); ++start) {
+    forgetBefore(start);
+    if (at(start) != kSyncByte) continue;
+    for (const Offset stride : kStrides) {
+      if (!isRun(start, stride, kSearchRun, false)) continue;
+      stride_ = stride;
+      next_ = start;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool PacketReader::findFirst() {
+  const auto startsAtOnce = [this](Offset stride) {
+    return hasSync(0) && isRun(0, stride, kRasterRun, true);
+  };
+  if (const auto* stride = std::ranges::find_if(kStrides, startsAtOnce); stride != std::end(kStrides)) {
+    stride_ = *stride;
+    return true;
+  }
+  if (!search(0)) return false;
+  leadingBytes_ = stride_ == kTimestampedStride && next_ >= kTimestampSize ? next_ - kTimestampSize : next_;
+  return true;
+}
+
+// A damaged sync byte leaves the raster where it was. Lost or inserted bytes move it: the next packet may
+// then start within what was taken for the last one.
+bool PacketReader::resync() {
+  const Offset lost = next_;
+  if (isRun(lost + stride_, stride_, kRasterRun, true)) {
+    next_ = lost + stride_;
+  } else if (!search(last_ + 1)) {
+    return false;
+  }
+  losses_.push_back({.at = lost, .skipped = next_ > lost ? next_ - lost : 0});
+  return true;
+}
+
+}  // namespace mpeg

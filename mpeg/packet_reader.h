@@ -1,0 +1,59 @@
+// Finds the packets of a transport stream in a file: the first one behind any garbage, the next one after a
+// lost sync byte, of 188, 192 (with a time stamp in front) or 204 bytes (with parity behind). Used by
+// psi_capture.
+#pragma once
+
+#include <cstdint>
+#include <istream>
+#include <string>
+#include <vector>
+
+#include "mpeg/packet.h"
+
+namespace mpeg {
+
+using Offset = std::uint64_t;  // a position in a file, which may be larger than any number of the wire
+
+class PacketReader {
+ public:
+  struct SyncLoss {
+    Offset at;       // position in the file where a sync byte was expected
+    Offset skipped;  // bytes up to the next packet; 0 when that starts within the packet before
+  };
+
+  explicit PacketReader(std::istream& stream) : stream_(stream) {}
+
+  // The first kTsPacketSize bytes of the next packet, valid until the next call; null at the end of the
+  // stream.
+  const u8* next();
+
+  // Of the packet returned last.
+  Offset position() const { return last_; }
+
+  Offset leadingBytes() const { return leadingBytes_; }
+  Offset trailingBytes() const { return trailingBytes_; }
+  Offset size() const { return base_ + window_.size(); }  // of the stream, once next() has returned null
+  const std::vector<SyncLoss>& losses() const { return losses_; }
+
+ private:
+  bool ensure(Offset end);
+  void forgetBefore(Offset position);
+  bool hasSync(Offset position) { return ensure(position + 1) && at(position) == kSyncByte; }
+  bool isRun(Offset start, Offset stride, int length, bool onRaster);
+  bool search(Offset from);
+  bool findFirst();
+  bool resync();
+  u8 at(Offset position) const { return window_[static_cast<std::size_t>(position - base_)]; }
+
+  std::istream& stream_;
+  std::vector<u8> window_;  // the bytes of the stream from base_ on
+  Offset base_ = 0;
+  Offset stride_ = 0;  // distance between packets; 0 before the first is found
+  Offset last_ = 0;    // where the packet returned last starts
+  Offset next_ = 0;    // where the next one should start
+  Offset leadingBytes_ = 0;
+  Offset trailingBytes_ = 0;
+  std::vector<SyncLoss> losses_;
+};
+
+}  // namespace mpeg

@@ -1,0 +1,48 @@
+// Puts the sections of one PID together from its packets, and reports what cannot be put together. Used by
+// psi_capture; knows nothing of tables, CRCs or versions.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <span>
+
+#include "mpeg/section.h"
+
+namespace mpeg {
+
+class SectionGatherer {
+ public:
+  enum class Loss {
+    kTransportError,  // the demodulator marked the packet as damaged
+    kScrambled,
+    kContinuityError,  // packets are missing before this one
+    kBadPacket,        // no room for what its adaptation field or pointer announces
+    kNotSections,      // the packet starts an elementary stream's unit
+    kCutSection,       // the rest of a section did not come; with its table_id
+  };
+  using OnSection = std::function<void(std::span<const u8> section)>;
+  using OnLoss = std::function<void(Loss loss, std::optional<u8> tableId)>;
+
+  SectionGatherer(OnSection onSection, OnLoss onLoss);
+
+  // A packet of the PID, kTsPacketSize bytes from its sync byte on.
+  void push(std::span<const u8> packet);
+
+  // No packet follows.
+  void finish() { cut(); }
+
+ private:
+  enum class Order { kFollows, kRepeats, kBreaks };
+  Order order(std::span<const u8> packet);
+  void start(std::span<const u8> payload);
+  void append(std::span<const u8>& payload);
+  void cut();
+
+  OnSection onSection_;
+  OnLoss onLoss_;
+  Bytes open_;                      // what has come of a section; empty when none is open
+  std::optional<Packet> previous_;  // the last packet with payload
+  bool repeated_ = false;           // it came twice
+};
+
+}  // namespace mpeg

@@ -1,0 +1,42 @@
+// Names of tables (ISO/IEC 13818-1, EN 300 468): of the eight that a card carries, and of all others that a
+// stream may have.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "card/PsiType.h"
+
+namespace mpeg {
+
+// Also the order in which they are uploaded.
+inline constexpr std::array kAllTables = {PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT, CAT};
+static_assert(kAllTables.size() == PSINUM);
+
+inline constexpr u16 kEitPid = 0x12;
+inline constexpr u16 kTimePid = 0x14;       // of TDT and TOT
+inline constexpr u16 kFirstFreePid = 0x20;  // below lie the PIDs of tables
+constexpr bool isReservedPid(u16 pid) {
+  return pid < kFirstFreePid || pid >= kNullPid;
+}
+
+const char* tableName(PsiType type);  // "PAT", "SDT_C", ...
+constexpr u8 tableId(PsiType type) {
+  return kPsiTables[type].table_id;
+}
+// The PID on which the table belongs; nothing for the PMT, whose PIDs the PAT names.
+constexpr std::optional<u16> tablePid(PsiType type) {
+  return kPsiTables[type].pid == kNullPid ? std::nullopt : std::optional(kPsiTables[type].pid);
+}
+
+// Nothing for a name (in capitals, as above) or a table_id that is none of the eight.
+std::optional<PsiType> tableOfName(std::string_view name);
+std::optional<PsiType> tableOfId(u8 tableId);
+
+// A name for any table_id: one of the eight above, "EIT", "TDT", ..., or "table 0x80" where nobody agreed on
+// one.
+std::string nameOfTableId(u8 tableId);
+
+}  // namespace mpeg

@@ -1,0 +1,65 @@
+#include "protocol/channel.h"
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <stdexcept>
+
+#include "base/numbers.h"
+
+namespace protocol {
+namespace {
+
+// "N.P" with P from 1 to `ports`.
+std::optional<std::pair<u16, u32>> parsePlace(std::string_view text, u32 ports) {
+  const auto slot = parseSlot(text.substr(0, text.find('.')));
+  const auto port = text.size() > 2 ? base::parseDecimal(text.substr(2), ports) : std::nullopt;
+  if (!slot || !port || *port == 0 || text[2] == '0') return std::nullopt;
+  return std::pair(static_cast<u16>(*slot), *port - 1);
+}
+
+}  // namespace
+
+std::optional<int> parseSlot(std::string_view text) {
+  if (text.size() != 1 || text[0] < '1' || text[0] >= '1' + MAX_BOARD_NUM) return std::nullopt;
+  return text[0] - '1';
+}
+
+std::optional<Channel> parseChannel(std::string_view text) {
+  const auto place = parsePlace(text, MAX_QAM_OUT_NUM);
+  return place ? std::optional(Channel{.slot = place->first, .port = place->second}) : std::nullopt;
+}
+
+std::optional<SourcePort> parseSourcePort(std::string_view text) {
+  const auto place = parsePlace(text, kInputsPerCard);
+  return place ? std::optional(SourcePort{.slot = place->first, .port = place->second}) : std::nullopt;
+}
+
+std::string channelName(const Channel& channel) {
+  return fmt::format("{}.{}", channel.slot + 1, channel.port + 1);
+}
+
+std::string inputName(const SourcePort& source) {
+  return fmt::format("input {}.{}", source.slot + 1, source.port + 1);
+}
+
+std::pair<PsiType, u32> parseInterval(std::string_view text) {
+  const auto equals = text.find('=');
+  if (equals == std::string_view::npos) {
+    throw std::invalid_argument(fmt::format("'{}' is no TABLE=TICKS", text));
+  }
+  const auto type = mpeg::tableOfName(text.substr(0, equals));
+  if (!type) {
+    throw std::invalid_argument(fmt::format(
+        "'{}' is no table: PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT and CAT are", text.substr(0, equals)));
+  }
+  const std::string_view digits = text.substr(equals + 1);
+  const auto ticks = base::parseDecimal<std::uint64_t>(digits);
+  if (!ticks) throw std::invalid_argument(fmt::format("'{}' is no number of ticks", digits));
+  if (*ticks > kMaxInterval) {
+    throw std::invalid_argument(fmt::format("an interval of {} ticks is more than {}", digits, kMaxInterval));
+  }
+  return {*type, static_cast<u32>(*ticks)};
+}
+
+}  // namespace protocol

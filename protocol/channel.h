@@ -1,0 +1,45 @@
+// The places that operators name: an output of a card, an input of a source card. They count from 1 in texts
+// ("1.2" is channel 2 of the card in slot 1), from 0 on the wire and in the code.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "mpeg/tables.h"
+#include "platform/numbers.h"
+
+namespace protocol {
+
+struct Channel {
+  u16 slot = 0;
+  u32 port = 0;
+  auto operator<=>(const Channel&) const = default;
+};
+struct SourcePort {
+  u16 slot = 0;
+  u32 port = 0;
+  auto operator<=>(const SourcePort&) const = default;
+};
+
+// "N", a slot; from 0.
+std::optional<int> parseSlot(std::string_view text);
+// "N.P"; nothing for any other text.
+std::optional<Channel> parseChannel(std::string_view text);
+std::optional<SourcePort> parseSourcePort(std::string_view text);
+
+std::string channelName(const Channel& channel);  // "1.2"
+std::string inputName(const SourcePort& source);  // "input 6.1"
+
+// Ticks of the chassis's auxiliary clock from the start of a section (of the PMT list as a whole) to the
+// start of the next one; 0 stops the table.
+using Intervals = std::map<PsiType, u32>;
+inline constexpr u32 kMaxInterval = 65535;
+
+// "TABLE=TICKS", TICKS a decimal number up to kMaxInterval. Throws std::invalid_argument, which says what is
+// wrong.
+std::pair<PsiType, u32> parseInterval(std::string_view text);
+
+}  // namespace protocol

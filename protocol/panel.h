@@ -1,0 +1,50 @@
+// The chassis's front panel from outside: what its LCD shows, and the names of its keys.
+// docs/management-datagram.md describes the records.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/bytes.h"
+#include "platform/panel.h"
+
+namespace protocol {
+
+using base::Bytes;
+
+inline constexpr int kLcdWidth = 128;
+inline constexpr int kLcdHeight = 64;
+inline constexpr int kLcdRows = 4;  // of text
+
+// A character on the LCD: 16 pixels wide when it is not ASCII, else 8.
+struct LcdCharacter {
+  u8 row = 0;  // 0..3
+  u8 x = 0;    // its left pixel
+  bool inverse = false;
+  char32_t character = U' ';
+};
+
+struct Lcd {
+  std::array<u8, std::size_t{kLcdWidth} / 8 * kLcdHeight>
+      pixels{};                          // by line, the left pixel in the high bit
+  std::vector<LcdCharacter> characters;  // by row and x; none for blanks
+
+  bool pixel(int x, int y) const {
+    return ((pixels[static_cast<std::size_t>(y * kLcdWidth + x) / 8] >> (7 - x % 8)) & 1) != 0;
+  }
+  // A row as UTF-8 with blanks where nothing stands, one a started 8 pixels; none at its end.
+  std::string text(int row) const;
+};
+
+// The data of a reply to kLcd; nothing when it is none.
+Bytes encode(const Lcd& lcd);
+std::optional<Lcd> decodeLcd(std::span<const u8> data);
+
+// "up", "down", "left", "right", "ok", "cancel"; nothing for any other text.
+std::optional<chassis::PanelKey> keyOf(std::string_view name);
+
+}  // namespace protocol

@@ -1,0 +1,81 @@
+// The records of a channel's variables (ts/qamRecords.h) as values, and their bytes. A decoder gives nothing
+// when the data has not the length that the record asks for.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "mpeg/packet.h"
+#include "platform/router_word.h"
+#include "protocol/channel.h"
+#include "protocol/datagram.h"
+
+namespace protocol {
+
+// A lock state (not 0 while an upload is under way), a position, a number of a card's variable.
+Bytes encodeNumber(u32 value);
+std::optional<u32> decodeNumber(std::span<const u8> data);
+
+// ---- PSI ----
+
+// Up to kPacketsPerChunk packets; total and start position belong to replies and stay 0.
+Bytes encodePackets(u16 pid, u8 tableId, std::span<const mpeg::Packet> packets);
+Bytes encodePacketsRequest(u16 pid, u8 tableId, u8 startPosition);
+struct PacketsReply {
+  u16 pid = 0;
+  u8 tableId = 0;
+  u32 total = 0;          // packets stored of this PID and table
+  u32 startPosition = 0;  // of the first packet below
+  std::vector<mpeg::Packet> packets;
+};
+std::optional<PacketsReply> decodePacketsReply(std::span<const u8> data);
+
+Bytes encodeInterval(u8 tableId, u32 ticks);
+Bytes encodeIntervalRequest(u8 tableId);
+struct IntervalReply {
+  u8 tableId = 0;
+  u32 ticks = 0;
+  u32 packets = 0;  // stored of this table
+};
+std::optional<IntervalReply> decodeIntervalReply(std::span<const u8> data);
+
+// ---- The PID map ----
+
+struct MapEntry {
+  u16 sourceSlot = 0;
+  u32 sourcePort = 0;
+  u16 sourcePid = 0;
+  u16 sourceProgramme = 0;  // programme numbers and type are stored by the card and routed by nobody
+  u16 pid = 0;              // in the output
+  u16 programme = 0;
+  u16 type = 0;  // the card keeps eight bits
+
+  auto operator<=>(const MapEntry&) const = default;
+};
+
+// What the router looks for: slot, input and PID. The card sorts a map by it.
+constexpr u32 sourceKey(const MapEntry& entry) {
+  return (entry.sourcePid & u32{kNullPid}) | entry.sourcePort << 13 | u32{entry.sourceSlot} << 17;
+}
+
+// An entry that was announced and never came: its slot is none, and the card would not take it again.
+constexpr bool isBlank(const MapEntry& entry) {
+  return entry.sourceSlot >= MAX_BOARD_NUM;
+}
+
+struct MapChunk {
+  u32 total = 0;          // of the whole map
+  u32 startPosition = 0;  // of the first entry below
+  std::vector<MapEntry> entries;
+};
+// Up to kMapEntriesPerChunk entries.
+Bytes encodeMapChunk(u32 total, u32 startPosition, std::span<const MapEntry> entries);
+std::optional<MapChunk> decodeMapChunk(std::span<const u8> data);
+
+// The entries at the positions in use. Programme numbers and type, which a router does not know, are 0.
+std::vector<MapEntry> entriesOf(std::span<const chassis::RouterWords> router);
+// True when the router holds exactly these entries, at the first positions and in this order.
+bool holds(std::span<const chassis::RouterWords> router, std::span<const MapEntry> entries);
+
+}  // namespace protocol

@@ -126,8 +126,8 @@ std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram)
 // A reply has no number, so one that comes late could pass for the answer to a later question. Each read has
 // a socket of its own, and so a port at which only its own replies arrive.
 DacRegisters CalibrationClient::read(u8 slot) const {
-  using Clock = UdpSocket::Clock;
-  UdpSocket socket(server_, kService);
+  using Clock = ServerSocket::Clock;
+  ServerSocket socket(server_, kService);
   const auto request = encode(CalibrationPacket{.command = CalibrationCommand::kRead, .slot = slot});
   const Clock::time_point end = Clock::now() + options_.timeout;
   int foreign = 0;
@@ -146,7 +146,7 @@ DacRegisters CalibrationClient::read(u8 slot) const {
 }
 
 void CalibrationClient::write(u8 slot, const DacRegisters& registers) const {
-  UdpSocket(server_, kService)
+  ServerSocket(server_, kService)
       .send(encode({.command = CalibrationCommand::kWrite, .slot = slot, .registers = registers}));
   std::this_thread::sleep_for(options_.settle);
 }

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "client/link.h"
-#include "client/udp_socket.h"
+#include "client/server_socket.h"
 #include "platform/types.h"
 
 namespace client {

@@ -168,7 +168,7 @@ std::uint64_t nextAlarmEvent(Link& link) {
 
 // ---- The front panel ----
 
-Lcd readLcd(Link& link) {
+LcdImage readLcd(Link& link) {
   const std::string what = "read the LCD";
   auto lcd = decodeLcd(askChassis(link, Operation::kLcd, {}, {}, what));
   if (!lcd) failOnReply(what);

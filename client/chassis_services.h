@@ -52,7 +52,7 @@ std::vector<AlarmEvent> readAlarmEvents(Link& link, std::uint64_t from);
 // The number that the next event will have.
 std::uint64_t nextAlarmEvent(Link& link);
 
-Lcd readLcd(Link& link);
+LcdImage readLcd(Link& link);
 // The chassis keeps the keys that its menu has not read yet, up to 64.
 void pressKey(Link& link, chassis::PanelKey key);
 

@@ -13,8 +13,8 @@
 namespace client {
 
 // A client is written in the words of streams and of the protocol.
-using namespace mpeg;
-using namespace protocol;
+using namespace mpeg;      // NOLINT(google-build-using-namespace)
+using namespace protocol;  // NOLINT(google-build-using-namespace)
 using base::Bytes;
 
 // Something was refused or could not be carried out; what() says why, and how to go on.

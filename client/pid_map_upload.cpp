@@ -31,7 +31,7 @@ std::string nameOf(const MapOptions& options, std::size_t index) {
 // ---- The check before the lock
 
 // Empty when the entry is right by itself.
-std::string faultOf(const MapEntry& e, const std::optional<SourceCards>& sources) {
+std::string faultOf(const MapEntry& e, const std::optional<InputCounts>& sources) {
   constexpr u16 kHighestType = 0xFF;
   if (e.sourceSlot >= MAX_BOARD_NUM)
     return fmt::format("src_slot {} is above {}", e.sourceSlot + 1, MAX_BOARD_NUM);

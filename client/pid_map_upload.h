@@ -17,13 +17,13 @@
 namespace client {
 
 // How many inputs the card in a slot (from 0) has.
-using SourceCards = std::map<u16, u32>;
+using InputCounts = std::map<u16, u32>;
 
 struct MapOptions {
   // Holds the map that was there, from before the lock until the new one is on the air; kept where the way
   // back failed. Empty: no file. A file that stands there already is another failure's: the load is refused.
   std::filesystem::path rescueFile{};
-  std::optional<SourceCards> sources{};               // nothing: not known, the card will tell
+  std::optional<InputCounts> sources{};               // nothing: not known, the card will tell
   std::function<std::string(std::size_t)> nameOf{};   // of an entry, for messages; empty: "entry 1" and so on
   std::function<void(const std::string& text)> note;  // what an operator should know; may be empty
 };

@@ -37,7 +37,7 @@ class SourceReader {
     tables_.input = source;
   }
 
-  std::pair<SourceTables, u16> read(const std::string& choice) {
+  std::pair<InputTables, u16> read(const std::string& choice) {
     tables_.pat = whole(PAT);
     if (tables_.pat.empty()) fail(tableName(PAT), "is the input there and its stream running?");
     tables_.sdt = whole(SDT_C);
@@ -85,7 +85,7 @@ class SourceReader {
 
   Link& link_;
   std::chrono::milliseconds patience_;
-  SourceTables tables_;
+  InputTables tables_;
 };
 
 Intervals intervalsOf(const ReadBack& tables, const std::set<PsiType>& fresh) {
@@ -182,7 +182,7 @@ class Change {
             upload(link_, before_.channel, oldTables_, intervalsOf(before_.tables, {}),
                    {.force = true, .progress = {}});
           },
-          wayBack());
+          recoveryHint());
     }
     if (whole) dropFile();
     if (map != oldMap_) {
@@ -192,7 +192,7 @@ class Change {
     throw Error(text);
   }
 
-  std::string wayBack() const {
+  std::string recoveryHint() const {
     if (!kept_) return "";
     return fmt::format("\nIts tables stand in {}: 'qamctl psi load {} {} --force' puts them back",
                        options_.tablesFile.string(), channelName(before_.channel),

@@ -53,7 +53,7 @@ std::vector<u16> takePids(const std::set<u16>& used, std::optional<u16> base, st
 
 class Adding {
  public:
-  Adding(const OutputState& output, const SourceTables& source, u16 number, const AddOptions& options)
+  Adding(const OutputState& output, const InputTables& source, u16 number, const AddOptions& options)
       : draft_(output),
         source_(source),
         sourceNumber_(number),
@@ -347,7 +347,7 @@ class Adding {
   }
 
   ProgrammeDraft draft_;
-  const SourceTables& source_;
+  const InputTables& source_;
   u16 sourceNumber_;
   const AddOptions& options_;
   std::string from_;
@@ -511,7 +511,7 @@ u16 chooseProgramme(const std::vector<Section>& pat, const std::vector<Section>&
                           choice, fmt::join(named, " or ")));
 }
 
-ProgrammePlan planAdd(const OutputState& output, const SourceTables& source, u16 number,
+ProgrammePlan planAdd(const OutputState& output, const InputTables& source, u16 number,
                       const AddOptions& options) {
   return Adding(output, source, number, options).run();
 }

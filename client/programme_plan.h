@@ -24,7 +24,7 @@ struct OutputState {
 };
 
 // What an input tells of the programmes in it.
-struct SourceTables {
+struct InputTables {
   SourcePort input;
   std::vector<Section> pat;
   std::vector<Section> sdt;  // may be empty: then the service has no name in the output either
@@ -75,7 +75,7 @@ std::optional<u16> pmtPidOf(const std::vector<Section>& pat, u16 number);
 
 // Adds the input's programme `number`. One that came from there before is brought up to date: it keeps number
 // and PIDs. Throws Error or Error.
-ProgrammePlan planAdd(const OutputState& output, const SourceTables& source, u16 number,
+ProgrammePlan planAdd(const OutputState& output, const InputTables& source, u16 number,
                       const AddOptions& options);
 // Removes the programme with this number on the output, and every mapped PID whose last user it was. Throws
 // as above.

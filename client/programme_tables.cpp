@@ -127,8 +127,8 @@ void EntryTable::add(Bytes entry) {
   sections_.back().push_back(std::move(entry));
 }
 
-void EntryTable::remove(const std::function<bool(const Bytes&)>& goes) {
-  for (auto& section : sections_) std::erase_if(section, goes);
+void EntryTable::remove(const std::function<bool(const Bytes&)>& shouldRemove) {
+  for (auto& section : sections_) std::erase_if(section, shouldRemove);
   // One section stays, for its head names the stream even when no entry is left.
   std::erase_if(sections_, [](const auto& section) { return section.empty(); });
   if (sections_.empty()) sections_.emplace_back();

@@ -36,7 +36,7 @@ class EntryTable {
   const Bytes& head() const { return head_; }
   std::vector<Bytes> entries() const;
   void add(Bytes entry);
-  void remove(const std::function<bool(const Bytes&)>& goes);
+  void remove(const std::function<bool(const Bytes&)>& shouldRemove);
   void change(const std::function<void(Bytes&)>& edit);  // the size of an entry stays
 
   // With the version that follows that of the sections given, or 0 where there were none.

@@ -9,7 +9,7 @@
 namespace client {
 namespace {
 
-using Clock = UdpSocket::Clock;
+using Clock = ServerSocket::Clock;
 
 constexpr UdpService kManagement = {
     .defaultPort = kDefaultManagementPort,

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "client/link.h"
-#include "client/udp_socket.h"
+#include "client/server_socket.h"
 
 namespace client {
 
@@ -25,9 +25,9 @@ class UdpLink : public Link {
   void wait(std::chrono::milliseconds time) override;
 
  private:
-  std::optional<Reply> await(const Request& request, UdpSocket::Clock::time_point deadline);
+  std::optional<Reply> await(const Request& request, ServerSocket::Clock::time_point deadline);
 
-  UdpSocket socket_;
+  ServerSocket socket_;
   UdpLinkOptions options_;
   u32 sequence_ = 0;
 };

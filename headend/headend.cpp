@@ -147,7 +147,7 @@ void Headend::openSnmp() {
       kernel_, network_, flash_,
       SnmpAgent::Settings{snmp.listen, snmp.trapSink, snmp.base, snmp.writeCommunity}, secrets,
       [this](int slot) { return state(slot) == CardState::kRunning; }, say);
-  alarms_.onEvent([this](const AlarmEvent& event) { snmp_->notify(event); });
+  alarms_.onEvent([this](const AlarmRecord& event) { snmp_->notify(event); });
 }
 
 // A card whose configuration failed has no rows.

@@ -203,7 +203,7 @@ Json semaphoreWaits(const Headend& headend) {
 
 Json alarms(const Headend& headend) {
   Json standing = Json::array();
-  for (const AlarmEvent& raised : headend.alarms().standing()) {
+  for (const AlarmRecord& raised : headend.alarms().standing()) {
     const protocol::Alarm alarm = outward(raised).alarm;
     standing.push_back({{"slot", alarm.slot + 1},
                         {"port", alarm.port + 1},

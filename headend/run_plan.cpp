@@ -70,8 +70,8 @@ void addSettings(const Options& options, Log& log, std::vector<Operator::Job>& j
   }
 }
 
-client::SourceCards sourceCards(const Options& options) {
-  client::SourceCards cards;
+client::InputCounts sourceCards(const Options& options) {
+  client::InputCounts cards;
   for (const auto& [slot, inputs] : options.sources) {
     cards[static_cast<u16>(slot)] = static_cast<u32>(inputs.size());
   }

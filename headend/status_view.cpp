@@ -95,7 +95,7 @@ std::string StatusView::lockNote(int slot, int port) const {
 // "alarms: Card1 Ch.1 Error; Card1 Ch.2 Error", as many as a line has room for.
 std::string StatusView::alarmLine() const {
   constexpr std::size_t kShown = 3;
-  const std::vector<AlarmEvent>& standing = headend_.alarms().standing();
+  const std::vector<AlarmRecord>& standing = headend_.alarms().standing();
   if (standing.empty()) return {};
   std::string text = "alarms: ";
   for (std::size_t i = 0; i < standing.size() && i < kShown; ++i) {

@@ -51,6 +51,7 @@ constexpr ResultText kResultTexts[] = {
     {kNoBackEnd, "no card has registered any variable"},
     {kNotRunning, "the card does not run (its status says why)"},
     {kUnknownCardVariable, "a card has no variable of this id"},
+    {kImpossibleValue, "the variable cannot have this value (qamctl var list shows what it can be)"},
     {kNotWritable, "this variable can only be read"},
     {kSettingWithoutRecord, "the card has no record for this slot"},
     {kSettingRefused, "the card cannot set this variable"},

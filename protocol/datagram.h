@@ -43,11 +43,12 @@ inline constexpr u32 kNoBackEnd = 0x102;         // no card has registered any v
 inline constexpr u32 kNotRunning = 0x103;  // kGetVariable, kSetVariable: there is no FPGA to ask, or it hangs
 inline constexpr u32 kUnknownCardVariable = 0x104;
 inline constexpr u32 kNotWritable = 0x105;
-inline constexpr u32 kNoInput = 0x106;         // kSourceSections: there is no such input
-inline constexpr u32 kUnknownRoutine = 0x107;  // kCall
-inline constexpr u32 kUnknownCall = 0x108;     // kCallResult: no call has this number, or it is forgotten
-inline constexpr u32 kTooManyKeys = 0x109;     // kKey: the menu has not read those before
-inline constexpr u32 kUnknownKey = 0x10A;      // kKey
+inline constexpr u32 kNoInput = 0x106;          // kSourceSections: there is no such input
+inline constexpr u32 kUnknownRoutine = 0x107;   // kCall
+inline constexpr u32 kUnknownCall = 0x108;      // kCallResult: no call has this number, or it is forgotten
+inline constexpr u32 kTooManyKeys = 0x109;      // kKey: the menu has not read those before
+inline constexpr u32 kUnknownKey = 0x10A;       // kKey
+inline constexpr u32 kImpossibleValue = 0x10B;  // kSetVariable: beyond the bounds of protocol/variables.h
 inline constexpr u32 kSettingWithoutRecord = 0xFFFFFFFF;  // -1: the card has no record for the slot
 inline constexpr u32 kSettingRefused = 0xFFFFFFFE;        // -2: the card cannot set this variable
 

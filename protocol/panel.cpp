@@ -24,7 +24,7 @@ constexpr KeyName kKeys[] = {{"up", chassis::kKeyUp},      {"down", chassis::kKe
 
 }  // namespace
 
-std::string Lcd::text(int row) const {
+std::string LcdImage::text(int row) const {
   std::string utf8;
   int at = 0;
   for (const LcdCharacter& c : characters) {
@@ -37,7 +37,7 @@ std::string Lcd::text(int row) const {
   return utf8;
 }
 
-Bytes encode(const Lcd& lcd) {
+Bytes encode(const LcdImage& lcd) {
   Bytes data(lcd.pixels.begin(), lcd.pixels.end());
   for (const LcdCharacter& c : lcd.characters) {
     CharacterRecord record{.row = c.row, .x = c.x, .inverse = c.inverse, .reserved = 0, .character = {}};
@@ -47,8 +47,8 @@ Bytes encode(const Lcd& lcd) {
   return data;
 }
 
-std::optional<Lcd> decodeLcd(std::span<const u8> data) {
-  Lcd lcd;
+std::optional<LcdImage> decodeLcd(std::span<const u8> data) {
+  LcdImage lcd;
   if (data.size() < lcd.pixels.size()) return std::nullopt;
   std::copy_n(data.begin(), lcd.pixels.size(), lcd.pixels.begin());
   data = data.subspan(lcd.pixels.size());

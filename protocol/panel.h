@@ -28,7 +28,7 @@ struct LcdCharacter {
   char32_t character = U' ';
 };
 
-struct Lcd {
+struct LcdImage {
   std::array<u8, std::size_t{kLcdWidth} / 8 * kLcdHeight>
       pixels{};                          // by line, the left pixel in the high bit
   std::vector<LcdCharacter> characters;  // by row and x; none for blanks
@@ -41,8 +41,8 @@ struct Lcd {
 };
 
 // The data of a reply to kLcd; nothing when it is none.
-Bytes encode(const Lcd& lcd);
-std::optional<Lcd> decodeLcd(std::span<const u8> data);
+Bytes encode(const LcdImage& lcd);
+std::optional<LcdImage> decodeLcd(std::span<const u8> data);
 
 // "up", "down", "left", "right", "ok", "cancel"; nothing for any other text.
 std::optional<chassis::PanelKey> keyOf(std::string_view name);

@@ -20,7 +20,7 @@ constexpr u8 kPixelColours[] = {0xB8, 0xD0, 0x40, 0x18, 0x28, 0x10, 0x40, 0x48, 
 enum Colour : u8 { kOff, kOn, kFrameColour };
 
 // An 8-bit picture with a palette, whole or not at all.
-std::vector<u8> pngOf(const protocol::Lcd& lcd) {
+std::vector<u8> pngOf(const protocol::LcdImage& lcd) {
   constexpr int kWidth = protocol::kLcdWidth * kScale + 2 * kFrame;
   constexpr int kHeight = protocol::kLcdHeight * kScale + 2 * kFrame;
   std::vector<u8> picture(std::size_t{kWidth} * kHeight, kFrameColour);
@@ -49,7 +49,7 @@ std::vector<u8> pngOf(const protocol::Lcd& lcd) {
 
 void showLcd(const std::string& server, const std::string& picture, bool json) {
   client::UdpLink link(server);
-  const protocol::Lcd lcd = client::readLcd(link);
+  const protocol::LcdImage lcd = client::readLcd(link);
   if (!picture.empty()) saveFile(picture, pngOf(lcd));
   if (json) {
     Json rows = Json::array(), characters = Json::array();

@@ -35,10 +35,10 @@ fs::path rescueFileOf(const std::string& server, const protocol::Channel& channe
 }
 
 // Nothing when the status tells of none.
-std::optional<client::SourceCards> sourcesOf(const Json& status) {
+std::optional<client::InputCounts> sourcesOf(const Json& status) {
   const Json list = member(status, "sources");
   if (!list.is_array()) return std::nullopt;
-  client::SourceCards sources;
+  client::InputCounts sources;
   for (const Json& card : list) {
     const auto slot = number(card, "slot");
     const Json inputs = member(card, "inputs");

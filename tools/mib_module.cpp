@@ -13,7 +13,7 @@
 namespace tools {
 namespace {
 
-using namespace protocol;
+using namespace protocol;  // NOLINT(google-build-using-namespace)
 
 constexpr std::string_view kDate = "202611250000Z";
 constexpr std::string_view kTextSize = "DisplayString (SIZE (0..15))";  // what the card's texts fit in

@@ -11,7 +11,7 @@
 
 namespace {
 
-using namespace qam_back;
+using namespace qam_back;  // NOLINT(google-build-using-namespace)
 
 constexpr const char* kUnit = "qamBack";
 constexpr u8 kNoType = 255;

@@ -36,7 +36,7 @@ u32 checkOf(const Entry& entry) {
   return mpeg::crc32({bytes + sizeof entry.check, sizeof entry - sizeof entry.check});
 }
 
-void put(base::Bytes& bytes, const AlarmEvent& event) {
+void put(base::Bytes& bytes, const AlarmRecord& event) {
   Entry entry{.check = 0,
               .at = event.at,
               .number = event.number,
@@ -50,7 +50,7 @@ void put(base::Bytes& bytes, const AlarmEvent& event) {
 }
 
 struct Reading {
-  std::deque<AlarmEvent> events;
+  std::deque<AlarmRecord> events;
   std::size_t entries = 0;
   std::size_t damaged = 0;  // entries
   bool cut = false;         // within its last entry, as by the end of a process while it wrote
@@ -80,7 +80,7 @@ Reading read(std::string_view bytes) {
 
 }  // namespace
 
-std::deque<AlarmEvent> AlarmFile::load() {
+std::deque<AlarmRecord> AlarmFile::load() {
   const fs::path file = flash_.hostPath(kPath).value();
   std::error_code ignored;
   if (!fs::exists(file, ignored)) return {};
@@ -122,7 +122,7 @@ bool AlarmFile::putAside(const fs::path& file) {
   return true;
 }
 
-bool AlarmFile::append(const AlarmEvent& event) {
+bool AlarmFile::append(const AlarmRecord& event) {
   if (!hasFile_) return false;
   base::Bytes bytes;
   put(bytes, event);
@@ -135,13 +135,13 @@ bool AlarmFile::append(const AlarmEvent& event) {
   return true;
 }
 
-void AlarmFile::rewrite(const std::vector<AlarmEvent>& standing, const std::deque<AlarmEvent>& events) {
+void AlarmFile::rewrite(const std::vector<AlarmRecord>& standing, const std::deque<AlarmRecord>& events) {
   if (locked_) return;
   base::Bytes bytes;
   bytes.reserve(kMagic.size() + (standing.size() + events.size()) * sizeof(Entry));
   bytes.assign(kMagic.begin(), kMagic.end());
-  for (const AlarmEvent& event : standing) put(bytes, event);
-  for (const AlarmEvent& event : events) put(bytes, event);
+  for (const AlarmRecord& event : standing) put(bytes, event);
+  for (const AlarmRecord& event : events) put(bytes, event);
   const std::string failure = flash_.replace(kPath, bytes);
   hasFile_ = failure.empty();
   if (!hasFile_) return failed(failure);

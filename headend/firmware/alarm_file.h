@@ -14,7 +14,7 @@
 
 namespace headend {
 
-struct AlarmEvent {
+struct AlarmRecord {
   std::uint64_t number = 0;  // from 1, rising by one
   std::uint64_t ends = 0;    // the number of the event that raised the alarm which this one ends
   u32 at = 0;                // seconds since 1970-01-01 UTC
@@ -29,10 +29,10 @@ class AlarmFile {
       : flash_(flash), say_(std::move(say)) {}
 
   // What can be read of the file. One that is damaged is put aside, and a new one takes its place.
-  std::deque<AlarmEvent> load();
+  std::deque<AlarmRecord> load();
   // Entries of the file; false when it could not be kept whole: then `rewrite` is to try.
-  bool append(const AlarmEvent& event);
-  void rewrite(const std::vector<AlarmEvent>& standing, const std::deque<AlarmEvent>& events);
+  bool append(const AlarmRecord& event);
+  void rewrite(const std::vector<AlarmRecord>& standing, const std::deque<AlarmRecord>& events);
 
   std::size_t entries() const { return entries_; }
   bool kept() const { return failure_.empty(); }  // whether all events are in the file

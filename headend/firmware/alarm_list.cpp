@@ -53,11 +53,11 @@ std::ptrdiff_t sharedWords(const alarm_t& alarm, const std::set<std::string>& wo
 }
 
 // What an event makes of the alarms that stand.
-void account(std::vector<AlarmEvent>& standing, const AlarmEvent& event) {
+void account(std::vector<AlarmRecord>& standing, const AlarmRecord& event) {
   if (event.kind == Kind::kRaised) {
     standing.push_back(event);
   } else {
-    std::erase_if(standing, [&](const AlarmEvent& raised) { return raised.number == event.ends; });
+    std::erase_if(standing, [&](const AlarmRecord& raised) { return raised.number == event.ends; });
   }
 }
 
@@ -66,7 +66,7 @@ u32 answer(const Events& events, std::uint64_t next, const protocol::Request& re
   const auto from = protocol::pageFrom(request.data);
   if (!from) return protocol::kBadLength;
   reply = protocol::alarmPage(next);
-  const auto isBefore = [](const AlarmEvent& event, std::uint64_t number) { return event.number < number; };
+  const auto isBefore = [](const AlarmRecord& event, std::uint64_t number) { return event.number < number; };
   for (auto event = std::lower_bound(events.begin(), events.end(), *from, isBefore);
        event != events.end() && protocol::addToPage(reply, outward(*event)); ++event) {
   }
@@ -78,21 +78,21 @@ u32 answer(const Events& events, std::uint64_t next, const protocol::Request& re
 AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, std::function<void(const std::string&)> say)
     : file_(flash, std::move(say)), clock_(std::move(clock)) {
   history_ = file_.load();
-  for (const AlarmEvent& event : history_) account(standing_, event);
+  for (const AlarmRecord& event : history_) account(standing_, event);
   if (!history_.empty()) last_ = history_.back().number;
   forgetOldest();
 }
 
 void AlarmList::endAbsent(const std::vector<int>& slotsWithCard) {
-  const std::vector<AlarmEvent> before = standing_;
-  for (const AlarmEvent& raised : before) {
+  const std::vector<AlarmRecord> before = standing_;
+  for (const AlarmRecord& raised : before) {
     if (std::ranges::find(slotsWithCard, int{raised.alarm.Slot}) != slotsWithCard.end()) continue;
     end(raised, Kind::kSlotAbsent, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
   }
 }
 
 void AlarmList::add(const Key& key, const Texts& texts) {
-  AlarmEvent event{.at = clock_(), .kind = Kind::kRaised};
+  AlarmRecord event{.at = clock_(), .kind = Kind::kRaised};
   alarm_t& alarm = event.alarm;
   alarm.Type = key.type;
   alarm.Slot = key.slot;
@@ -105,7 +105,7 @@ void AlarmList::add(const Key& key, const Texts& texts) {
   fill(alarm.StrEnCont, texts.enContent);
   fill(alarm.StrZhTrap, texts.zhTrap);
   fill(alarm.StrEnTrap, texts.enTrap);
-  const auto stands = [&](const AlarmEvent& other) {
+  const auto stands = [&](const AlarmRecord& other) {
     return fits(other.alarm, key) && hasTextsOf(other.alarm, alarm);
   };
   if (std::ranges::none_of(standing_, stands)) note(event);
@@ -113,18 +113,18 @@ void AlarmList::add(const Key& key, const Texts& texts) {
 
 void AlarmList::remove(const Key& key, const char* zhTrap, const char* enTrap) {
   const std::set<std::string> words = wordsOf(enTrap);
-  const AlarmEvent* best = nullptr;
+  const AlarmRecord* best = nullptr;
   std::ptrdiff_t most = -1;
-  for (const AlarmEvent& raised : standing_) {
+  for (const AlarmRecord& raised : standing_) {
     if (!fits(raised.alarm, key)) continue;
     const std::ptrdiff_t shared = sharedWords(raised.alarm, words);
     if (shared <= most) continue;
     best = &raised;
     most = shared;
   }
-  if (best != nullptr) return end(AlarmEvent(*best), Kind::kRecovered, zhTrap, enTrap);
+  if (best != nullptr) return end(AlarmRecord(*best), Kind::kRecovered, zhTrap, enTrap);
 
-  AlarmEvent nothing;
+  AlarmRecord nothing;
   nothing.alarm.Type = key.type;
   nothing.alarm.Slot = key.slot;
   nothing.alarm.Port = key.port;
@@ -132,12 +132,12 @@ void AlarmList::remove(const Key& key, const char* zhTrap, const char* enTrap) {
 }
 
 bool AlarmList::exists(const Key& key) const {
-  return std::ranges::any_of(standing_, [&](const AlarmEvent& raised) { return fits(raised.alarm, key); });
+  return std::ranges::any_of(standing_, [&](const AlarmRecord& raised) { return fits(raised.alarm, key); });
 }
 
 // The record of a recovery keeps the titles of what it ends and has trap texts of its own.
-void AlarmList::end(const AlarmEvent& raised, Kind kind, const char* zhTrap, const char* enTrap) {
-  AlarmEvent event{.ends = raised.number, .at = clock_(), .kind = kind, .alarm = raised.alarm};
+void AlarmList::end(const AlarmRecord& raised, Kind kind, const char* zhTrap, const char* enTrap) {
+  AlarmRecord event{.ends = raised.number, .at = clock_(), .kind = kind, .alarm = raised.alarm};
   event.alarm.Stat = 0;
   event.alarm.IsDisappeared = 1;
   event.alarm.DisappearTime = event.at;
@@ -146,7 +146,7 @@ void AlarmList::end(const AlarmEvent& raised, Kind kind, const char* zhTrap, con
   note(event);
 }
 
-void AlarmList::note(AlarmEvent event) {
+void AlarmList::note(AlarmRecord event) {
   event.number = ++last_;
   account(standing_, event);
   history_.push_back(event);
@@ -167,7 +167,7 @@ u32 AlarmList::answerEvents(const protocol::Request& request, base::Bytes& reply
   return answer(history_, last_ + 1, request, reply);
 }
 
-protocol::AlarmEvent outward(const AlarmEvent& event) {
+protocol::AlarmEvent outward(const AlarmRecord& event) {
   const alarm_t& alarm = event.alarm;
   return {.number = event.number,
           .at = event.at,

@@ -40,11 +40,11 @@ class AlarmList {
   bool exists(const Key& key) const;
 
   // Called with each event as it is noted.
-  void onEvent(std::function<void(const AlarmEvent&)> hook) { onEvent_ = std::move(hook); }
+  void onEvent(std::function<void(const AlarmRecord&)> hook) { onEvent_ = std::move(hook); }
 
   // Oldest first; as the events that raised them.
-  const std::vector<AlarmEvent>& standing() const { return standing_; }
-  const std::deque<AlarmEvent>& history() const { return history_; }
+  const std::vector<AlarmRecord>& standing() const { return standing_; }
+  const std::deque<AlarmRecord>& history() const { return history_; }
   std::uint64_t events() const { return last_; }  // since the history began
   const AlarmFile& file() const { return file_; }
 
@@ -53,20 +53,21 @@ class AlarmList {
   u32 answerEvents(const protocol::Request& request, base::Bytes& reply) const;
 
  private:
-  void note(AlarmEvent event);
+  void note(AlarmRecord event);
   void forgetOldest();
-  void end(const AlarmEvent& raised, protocol::AlarmEvent::Kind kind, const char* zhTrap, const char* enTrap);
+  void end(const AlarmRecord& raised, protocol::AlarmEvent::Kind kind, const char* zhTrap,
+           const char* enTrap);
 
   AlarmFile file_;
   std::function<u32()> clock_;
-  std::vector<AlarmEvent> base_;  // what stood before the oldest event of the history
-  std::vector<AlarmEvent> standing_;
-  std::deque<AlarmEvent> history_;
+  std::vector<AlarmRecord> base_;  // what stood before the oldest event of the history
+  std::vector<AlarmRecord> standing_;
+  std::deque<AlarmRecord> history_;
   std::uint64_t last_ = 0;
-  std::function<void(const AlarmEvent&)> onEvent_;
+  std::function<void(const AlarmRecord&)> onEvent_;
 };
 
 // In UTF-8, as clients see it.
-protocol::AlarmEvent outward(const AlarmEvent& event);
+protocol::AlarmEvent outward(const AlarmRecord& event);
 
 }  // namespace headend

@@ -203,6 +203,8 @@ u32 BackEnd::setVariable(const protocol::Request& request) {
   if (const u32 refusal = refuseVariable(request, kNumberSize); refusal != protocol::kDone) return refusal;
   const int slot = request.slot & 0xFF;
   const u32 value = wire::get32(request.data.data());
+  if (!protocol::isPossible(*protocol::findCardVariable(request.variable), value))
+    return protocol::kImpossibleValue;
   return static_cast<u32>(
       chassis_.slot(slot).descriptor->setVar(static_cast<u8>(slot), 0, request.variable, value));
 }

@@ -34,7 +34,7 @@ class Bus {
   u16 read(const volatile void* reg, Nanos now) {
     const Place place = find(reg);
     count(place);
-    const u16 value = place.device == nullptr ? kNobody : place.device->read(place.offset, now);
+    const u16 value = place.device == nullptr ? kOpenBus : place.device->read(place.offset, now);
     if (log_ != nullptr) logAccess(place, 'r', value, now);
     return value;
   }
@@ -47,7 +47,7 @@ class Bus {
   // What a register reads, without an access.
   u16 peek(const volatile void* reg, Nanos now) {
     const Place place = find(reg);
-    return place.device == nullptr ? kNobody : place.device->read(place.offset, now);
+    return place.device == nullptr ? kOpenBus : place.device->read(place.offset, now);
   }
 
   std::string registerName(const volatile void* reg) const;              // "slot 1 PsiRdy0"
@@ -61,7 +61,7 @@ class Bus {
     int slot;
   };
 
-  static constexpr u16 kNobody = 0xFFFF;  // the data lines are pulled up
+  static constexpr u16 kOpenBus = 0xFFFF;  // the data lines are pulled up
   static constexpr u32 kFirstWindow = 0x60000000;
   static constexpr std::size_t kWindowGrid = 0x200;
   static constexpr std::size_t kWindows = 0x2200;  // from the first window to the end of the last

@@ -10,7 +10,6 @@
 
 namespace headend {
 
-
 class I2cSlave {
  public:
   I2cSlave(const I2cSlave&) = delete;

@@ -164,7 +164,7 @@ TEST_F(PidMapTest, SaysWhichLineOfAFileIsWrongAndWhy) {
   };
   MapOptions options;
   std::string notes;
-  options.sources = SourceCards{{4, 2}, {5, 16}, {0, 16}};
+  options.sources = InputCounts{{4, 2}, {5, 16}, {0, 16}};
   options.note = [&](const std::string& text) { notes += text; };
   for (const auto& [text, part] : rows) {
     notes.clear();

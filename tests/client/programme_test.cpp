@@ -196,7 +196,7 @@ TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
       {"passing a table of the card's", {}, {0x11}, 0, "PID 0x0011 cannot be passed"},
       {"passing another's PID", {}, {0x101}, 0, "has that PID from elsewhere"},
   };
-  const SourceTables source = {
+  const InputTables source = {
       .input = kInput, .pat = {kComing[0]}, .sdt = {kComing[4]}, .cat = {}, .pmt = {kComing[3]}};
   for (const auto& [name, base, pass, taken, expected] : rows) {
     SCOPED_TRACE(name);

@@ -54,6 +54,7 @@ RESULTS = {
     'reading with data': (GET, 30, 1, 1, NUMBER, None, 22),
     'setting of a reading': (SET, 36, 1, 1, NUMBER, None, 0x105),
     'setting of a reading that the card ignores': (SET, 43, 1, 1, NUMBER, None, 0x105),
+    'setting to a value beyond its bounds': (SET, 30, 1, 1, struct.pack('>I', 51999), None, 0x10B),
     'setting that would keep the semaphore': (SET, 51, 1, 1, NUMBER, None, 0x104),
     'number without a variable': (GET, 46, 1, 1, b'', None, 0x104),
     'number below all variables': (GET, 29, 1, 1, b'', None, 0x104),

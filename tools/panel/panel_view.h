@@ -18,7 +18,7 @@ struct PanelState {
   enum class Language { kEnglish, kChinese };
 
   std::string server;
-  std::optional<protocol::Lcd> lcd;
+  std::optional<protocol::LcdImage> lcd;
   std::array<std::string, MAX_BOARD_NUM> cards;  // the card's state as the status names it; empty: no card
   std::vector<std::string> rf;                   // lines, the first a heading
   std::vector<protocol::Alarm> alarms;           // oldest first

@@ -22,13 +22,13 @@ class Lcd {
   // The row anew, with a text at its left edge and one at its right. What does not fit on it is cut off.
   void printRow(int row, std::string_view left, std::string_view right = {}, bool inverse = false);
 
-  const protocol::Lcd& shown() const { return shown_; }
+  const protocol::LcdImage& shown() const { return shown_; }
 
  private:
   void draw(int row, int x, u16 code, bool inverse);
   void erase(int row, int from, int to);
 
-  protocol::Lcd shown_;
+  protocol::LcdImage shown_;
 };
 
 // Pixels that a text in GBK takes.

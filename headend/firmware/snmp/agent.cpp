@@ -68,7 +68,7 @@ void SnmpAgent::registerRows(const u32* base, int baseLength, const chassis::var
   kernel_.wakeFirst(waiters_);
 }
 
-void SnmpAgent::notify(const AlarmEvent& event) {
+void SnmpAgent::notify(const AlarmRecord& event) {
   if (notifier_) notifier_->notify(event);
 }
 

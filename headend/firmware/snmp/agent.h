@@ -39,7 +39,7 @@ class SnmpAgent {
 
   // Rows of a card, and an event of the alarm list; any task.
   void registerRows(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
-  void notify(const AlarmEvent& event);
+  void notify(const AlarmRecord& event);
 
   std::string address() const;  // empty when it only sends
   const EngineIdentity& engine() const { return engine_; }

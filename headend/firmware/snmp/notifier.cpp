@@ -60,7 +60,7 @@ void SnmpNotifier::start() {
   kernel_.spawn("tSnmpTrap", kPriority, [this] { serve(); });
 }
 
-void SnmpNotifier::notify(const AlarmEvent& event) {
+void SnmpNotifier::notify(const AlarmRecord& event) {
   if (waiting_.size() == kWaitingMost) waiting_.pop_front();
   waiting_.push_back(event);
   kernel_.wakeFirst(waiters_);
@@ -69,13 +69,13 @@ void SnmpNotifier::notify(const AlarmEvent& event) {
 void SnmpNotifier::serve() {
   for (;;) {
     while (waiting_.empty()) kernel_.waitOn(waiters_, os::WAIT_FOREVER);
-    const AlarmEvent event = waiting_.front();
+    const AlarmRecord event = waiting_.front();
     waiting_.pop_front();
     send(event);
   }
 }
 
-void SnmpNotifier::send(const AlarmEvent& event) {
+void SnmpNotifier::send(const AlarmRecord& event) {
   const protocol::Alarm alarm = outward(event).alarm;
   const bool raised = event.kind == protocol::AlarmEvent::Kind::kRaised;
   Notification notification(base_);

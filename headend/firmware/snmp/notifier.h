@@ -22,19 +22,19 @@ class SnmpNotifier {
   SnmpNotifier(Kernel& kernel, SnmpLibrary& library, std::vector<u32> base,
                std::function<void(const std::string&)> say);
 
-  void start();                          // spawns the task
-  void notify(const AlarmEvent& event);  // any task
+  void start();                           // spawns the task
+  void notify(const AlarmRecord& event);  // any task
 
  private:
   void serve();
-  void send(const AlarmEvent& event);
+  void send(const AlarmRecord& event);
 
   Kernel& kernel_;
   SnmpLibrary& library_;
   std::vector<u32> base_;
   std::function<void(const std::string&)> say_;
   std::vector<Task*> waiters_;
-  std::deque<AlarmEvent> waiting_;
+  std::deque<AlarmRecord> waiting_;
   bool failed_ = false;  // the last one could not be sent
 };
 

@@ -9,8 +9,8 @@
 namespace test {
 namespace {
 
-using headend::AlarmEvent;
 using headend::AlarmList;
+using headend::AlarmRecord;
 using Kind = protocol::AlarmEvent::Kind;
 
 constexpr AlarmList::Key kInput{2, 0, 769};
@@ -26,7 +26,7 @@ class Alarms : public ::testing::Test {
     list_ = std::make_unique<AlarmList>(
         flash_, [this] { return now_; }, [this](const std::string& text) { said_ += text + '\n'; });
   }
-  static std::string text(const AlarmEvent& event) {
+  static std::string text(const AlarmRecord& event) {
     const protocol::AlarmEvent out = headend::outward(event);
     constexpr const char* kKinds = "+-?x";
     return fmt::format("{}{} {}.{} {} {}|{}|{} {}", kKinds[static_cast<int>(out.kind)], out.at,
@@ -126,7 +126,7 @@ TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
     if (again) powerUp();
     ASSERT_EQ(list_->history().size(), AlarmList::kHistory);
     std::uint64_t number = 20'003 - AlarmList::kHistory;
-    for (const AlarmEvent& event : list_->history()) ASSERT_EQ(event.number, number++);
+    for (const AlarmRecord& event : list_->history()) ASSERT_EQ(event.number, number++);
     EXPECT_EQ(standing(), stood);
   }
   EXPECT_LE(fs::file_size(file_), 20'000U * 352 + 8);

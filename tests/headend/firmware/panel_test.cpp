@@ -19,7 +19,7 @@ using headend::Lcd;
 // ---- The LCD ----
 
 // A row as text, the inverse characters in brackets.
-std::string rowOf(const protocol::Lcd& lcd, int row) {
+std::string rowOf(const protocol::LcdImage& lcd, int row) {
   std::string text = lcd.text(row);
   std::string inverse;
   for (const protocol::LcdCharacter& c : lcd.characters) {
@@ -74,7 +74,7 @@ TEST(Panel, DrawsWhatFitsWhereItBelongs) {
 }
 
 // What a glyph's cell shows, in the notation of the font's file.
-std::string hexOf(const protocol::Lcd& lcd, int x, int row, int width, bool inverse) {
+std::string hexOf(const protocol::LcdImage& lcd, int x, int row, int width, bool inverse) {
   std::string hex;
   for (int y = row * 16; y < row * 16 + 16; ++y) {
     for (int digit = 0; digit < width / 4; ++digit) {

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <tuple>
 
-#include "client/udp_socket.h"
+#include "client/server_socket.h"
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/udp_input.h"
 #include "tests/headend/kernel/rig.h"
@@ -106,7 +106,7 @@ struct Udp {
   headend::Network network{rig.kernel};
   UdpInput input;
   client::UdpService service{.defaultPort = 1, .advice = ""};
-  client::UdpSocket socket{input.name().substr(std::string("udp://").size()), service};
+  client::ServerSocket socket{input.name().substr(std::string("udp://").size()), service};
   std::vector<std::pair<Nanos, u64>> arrived;  // and the packet's number
 
   explicit Udp(Nanos deJitter = UdpInput::kDefault) : input(network, "127.0.0.1", 0, deJitter) {

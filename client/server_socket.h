@@ -21,16 +21,16 @@ struct UdpService {
   const char* advice;  // what to do when it does not answer
 };
 
-class UdpSocket {
+class ServerSocket {
  public:
   using Clock = std::chrono::steady_clock;
 
   // Throws Error when `server` is none (see isServer), is not known, or cannot be sent to. `service` must
   // outlive the socket.
-  UdpSocket(std::string server, const UdpService& service);
-  ~UdpSocket();
-  UdpSocket(const UdpSocket&) = delete;
-  UdpSocket& operator=(const UdpSocket&) = delete;
+  ServerSocket(std::string server, const UdpService& service);
+  ~ServerSocket();
+  ServerSocket(const ServerSocket&) = delete;
+  ServerSocket& operator=(const ServerSocket&) = delete;
 
   // Throws Error, also when nothing listens where an earlier datagram went.
   void send(std::span<const u8> datagram);

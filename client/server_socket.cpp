@@ -1,4 +1,4 @@
-#include "client/udp_socket.h"
+#include "client/server_socket.h"
 
 #include <fmt/format.h>
 #include <netdb.h>
@@ -51,24 +51,24 @@ bool isServer(const std::string& text) {
   return address && address->port != 0;
 }
 
-UdpSocket::UdpSocket(std::string server, const UdpService& service)
+ServerSocket::ServerSocket(std::string server, const UdpService& service)
     : server_(std::move(server)), service_(service), socket_(connectTo(server_, service.defaultPort)) {}
 
-UdpSocket::~UdpSocket() {
+ServerSocket::~ServerSocket() {
   close(socket_);
 }
 
-void UdpSocket::fail(const std::string& what) const {
+void ServerSocket::fail(const std::string& what) const {
   throw Error(fmt::format("{}: {}; {}", server_, what, service_.advice), Error::Kind::kNoReply);
 }
 
-void UdpSocket::send(std::span<const u8> datagram) {
+void ServerSocket::send(std::span<const u8> datagram) {
   if (::send(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) return;
   if (errno == ECONNREFUSED) fail("nothing listens there");
   fail(fmt::format("cannot send: {}", std::strerror(errno)));
 }
 
-std::optional<Bytes> UdpSocket::receive(Clock::time_point deadline) {
+std::optional<Bytes> ServerSocket::receive(Clock::time_point deadline) {
   Bytes buffer(kMaxDatagram);
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());

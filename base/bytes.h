@@ -1,4 +1,4 @@
-// Bytes that travel or lie in a file.
+// Bytes in datagrams or files.
 #pragma once
 
 #include <algorithm>
@@ -30,7 +30,7 @@ Bytes bytesOf(const Record& record, std::size_t size = sizeof(Record)) {
   const auto* first = reinterpret_cast<const u8*>(&record);
   return {first, first + size};
 }
-// A record from the bytes that there are of it; the rest is 0.
+// A record from the available bytes; the rest is 0.
 template <typename Record>
 Record recordOf(std::span<const u8> bytes) {
   Record record{};

@@ -1,4 +1,4 @@
-// Numbers and addresses from text. Everything that an operator or a file writes is read by these.
+// Parses numbers and addresses. All input of operators and files is parsed by these functions.
 #pragma once
 
 #include <charconv>
@@ -13,7 +13,7 @@
 
 namespace base {
 
-// The whole text as a number from 0 to `most`; nothing for any other text, nor for one with a sign or blanks.
+// The whole text as a number from 0 to `most`; nullopt for other texts, including a sign or blanks.
 template <typename T>
 std::optional<T> parseDigits(std::string_view text, int radix, T most) {
   static_assert(std::is_unsigned_v<T>);
@@ -23,13 +23,13 @@ std::optional<T> parseDigits(std::string_view text, int radix, T most) {
   return isWhole && value <= most ? std::optional(value) : std::nullopt;
 }
 
-// Decimal digits alone.
+// Decimal digits only.
 template <typename T = u32>
 std::optional<T> parseDecimal(std::string_view text, T most = std::numeric_limits<T>::max()) {
   return parseDigits(text, 10, most);
 }
 
-// Decimal, or hexadecimal behind 0x.
+// Decimal, or hexadecimal after 0x.
 template <typename T = u32>
 std::optional<T> parseNumber(std::string_view text, T most = std::numeric_limits<T>::max()) {
   const bool isHex = text.starts_with("0x") || text.starts_with("0X");

@@ -17,7 +17,7 @@ using CodePoint = char32_t;
 
 struct Decoded {
   CodePoint point;
-  std::size_t size;  // 0 when the bytes are no UTF-8
+  std::size_t size;  // 0 if the bytes are not UTF-8
 };
 
 Decoded decodeUtf8(std::string_view text) {
@@ -69,7 +69,7 @@ std::optional<std::string> convert(const char* fromEncoding, const char* toEncod
     std::array<char, 256> buffer{};
     char* out = buffer.data();
     std::size_t room = buffer.size();
-    isDone = left == 0;  // then comes what an encoding with combining characters still holds back
+    isDone = left == 0;  // then the rest that an encoding with combining characters still holds
     const std::size_t converted = iconv(handle, isDone ? nullptr : &in, &left, &out, &room);
     const int error = errno;
     result.append(buffer.data(), buffer.size() - room);
@@ -107,7 +107,7 @@ void appendUtf8(std::string& text, char32_t character) {
   } else if (character < 0x800) {
     text += static_cast<char>(0xC0 | character >> 6);
     text += static_cast<char>(0x80 | (character & 0x3F));
-  } else {  // nothing here lies beyond the first plane
+  } else {  // all these characters are in the first plane
     text += static_cast<char>(0xE0 | (character >> 12 & 0xF));
     text += static_cast<char>(0x80 | (character >> 6 & 0x3F));
     text += static_cast<char>(0x80 | (character & 0x3F));

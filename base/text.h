@@ -1,4 +1,4 @@
-// Text as UTF-8: from the encodings that cards and networks use, and safe on a terminal.
+// Text as UTF-8: from the encodings of cards and networks, and safe on a terminal.
 #pragma once
 
 #include <optional>
@@ -9,17 +9,17 @@ namespace base {
 
 inline constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 
-// From an encoding as iconv names it; kReplacement for each byte that the encoding does not have. Nothing
-// when the C library does not know the encoding.
+// From an encoding with its iconv name; kReplacement for each byte that is not in the encoding. nullopt if
+// the C library does not have the encoding.
 std::optional<std::string> toUtf8(const std::string& encoding, std::string_view bytes);
-// What is shown on the front panel and stands in alarms. Throws std::runtime_error where the C library has no
+// GBK is the encoding of the front panel and the alarms. Throws std::runtime_error if the C library has no
 // GBK.
 std::string utf8OfGbk(std::string_view gbk);
-std::string gbkOfUtf8(std::string_view utf8);  // '?' for a byte that GBK does not have
+std::string gbkOfUtf8(std::string_view utf8);  // '?' for a byte that is not in GBK
 
 void appendUtf8(std::string& text, char32_t character);
 
-// The UTF-8 text without control, direction and private-use characters; U+FFFD stands for what is no UTF-8.
+// The UTF-8 text without control, direction and private-use characters; U+FFFD replaces invalid UTF-8.
 std::string printable(std::string_view text);
 
 }  // namespace base

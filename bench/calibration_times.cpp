@@ -29,9 +29,9 @@ using Packet = std::array<u8, sizeof(AdIpPacket)>;
 
 constexpr std::array kCycles_ms = {0, 5, 10};
 constexpr int kRequests = 50;
-constexpr int kPatience_ticks = 200;                // for one request; the slowest takes some 26
-constexpr Nanos kLongest = 300 * headend::kSecond;  // the whole run takes some 60
-constexpr int kPriority = 240;  // behind the service, so that the client sees a request done, not begun
+constexpr int kPatience_ticks = 200;                // for one request; the slowest takes about 26
+constexpr Nanos kLongest = 300 * headend::kSecond;  // the whole run takes about 60
+constexpr int kPriority = 240;  // below the service, so that the client sees only finished requests
 constexpr std::uint16_t kServicePort = 49156;
 constexpr std::uint16_t kClientPort = 50'000;
 enum Command : u8 { kRead = 1, kWrite = 2 };
@@ -103,7 +103,7 @@ class Technician {
     return rows;
   }
 
-  // From a tick on, as after a pause of the service.
+  // Starts on a tick, as after a pause of the service.
   double took(const std::function<void()>& call) {
     headend_.kernel().delay(1);
     const Nanos begin = now();
@@ -112,7 +112,7 @@ class Technician {
   }
 
   double perSecond(const std::function<void()>& serve) {
-    // The first finds the service idle, all others in its pause; and that ends on a tick from the second on.
+    // The first finds the service idle, all others in its pause, which ends on a tick from the second on.
     serve();
     serve();
     const Nanos begin = now();
@@ -137,7 +137,7 @@ class Technician {
       throw std::runtime_error("a read got other registers than were written");
   }
 
-  // Nothing answers a write, so it is done when all its bytes are in the EEPROM.
+  // A write has no reply, so it is done when all its bytes are in the EEPROM.
   void serveWrite() {
     send(newCalibration());
     const Nanos limit = now() + kPatience_ticks * headend::kSecond / headend_.kernel().settings().tickHz;
@@ -151,7 +151,7 @@ class Technician {
     client_->send({.address = 0, .port = kServicePort}, {request.begin(), request.end()});
   }
 
-  // Other registers than before, every one.
+  // All registers different from before.
   const Packet& newCalibration() {
     written_[0] = kWrite;
     for (std::size_t n = 2; n < written_.size(); ++n) written_[n] = static_cast<u8>(written_[n] + n);

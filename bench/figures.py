@@ -22,11 +22,11 @@ import snmp
 
 PATIENCE_SECONDS = 600
 BUS_NS = (30, 100, 300)
-STARTUP_SECONDS = 5  # virtual; enough at 300 ns an access
+STARTUP_SECONDS = 5  # virtual; enough at 300 ns per access
 
 SLOTS = range(1, 7)
 FULL_HOUSE_SECONDS = 3  # virtual; six cards share the processor and have all started after 2.3
-FULL_HOUSE_GOAL = 1  # start-ups a real second
+FULL_HOUSE_GOAL = 1  # start-ups per real second
 
 Load = collections.namedtuple('Load', 'name sample outputs seconds goal settings memory', defaults=(False, False))
 LOADS = (
@@ -40,16 +40,16 @@ LOADS = (
     Load('settings, two outputs to files', None, 'files', 21, 50, settings=True),
     Load('settings, no output, all in memory', None, None, 61, 50, settings=True, memory=True),
 )
-MEMORY = '/dev/shm'  # a folder that no disk stands behind
+MEMORY = '/dev/shm'  # a folder in memory
 
-# Each routine of the modulator in turn. A card comes up with the second value of each, so every setting is a change.
+# Each routine of the modulator in turn. A card starts with the second value of each, so every setting is a change.
 SETTINGS = (('rfreq', (666000, 554000)), ('rflevel', (1055, 1000)), ('qammode', (7, 5)), ('rfswitch', (1, 0)),
             ('power', (0, 15)), ('symbolrate', (6000, 6875)))
 SETTINGS_A_SECOND = 10
 FIRST_SETTING = 0.5  # virtual seconds; the card runs by then
 
 ROUTED_SECONDS = 20  # virtual
-ROUTED_GOAL = 2  # virtual seconds a second of the processor: half a core in real time
+ROUTED_GOAL = 2  # virtual seconds per second of the processor: half a core in real time
 
 CALIBRATION = (('dac_load_ms', '`Ad9775Set`, virtual ms'), ('read_ms', 'one read, virtual ms'),
                ('write_ms', 'one write, virtual ms'), ('reads_per_second', 'reads a virtual second'),
@@ -73,7 +73,7 @@ def headend(program, folder, *arguments):
         raise NoFigure(f'{" ".join(command)}: exit code {run.returncode}\n{run.stderr}')
     with open(report, encoding='utf-8') as file:
         result = json.load(file)
-    # A check of the module holds a slot's number against the bound of channels, at every start.
+    # A check of the module compares a slot's number with the bound of channels, at every start.
     known = sum(card['slot'] > 2 for card in result['cards'])
     if (any(card['state'] != 'running' for card in result['cards']) or result['protocol_violations']
             or len(result['assertion_failures']) != known):

@@ -20,8 +20,8 @@ PATIENCE_SECONDS = 240  # a count takes seconds
 
 # name of the row: (case and routine of the module, case and routine of the bare loop, callgrind's options, limit)
 #
-# The configuration runs into page faults on purpose (status_port.h). Callgrind counts by blocks and is wrong for
-# good once a fault has left one in its middle; blocks of a single instruction have none.
+# The configuration causes page faults intentionally (status_port.h). Callgrind counts by blocks and is permanently
+# wrong after a fault in the middle of a block; blocks of a single instruction avoid this.
 RATIOS = {
     'qamWritePsi': (('psi-packets', 'qamWritePsi(*'), ('bare-psi-packets', 'barePsiPacket(*'), [], 1.2),
     'cfg_qam_fpga': (('configuration', 'cfg_qam_fpga(*'),
@@ -31,7 +31,7 @@ RATIOS = {
 }
 MAP_ENTRIES = (1, 16, 256)
 FLAT = 1.1  # a packet with the longest map against one with the shortest
-SPANS = (0.02, 0.06)  # virtual seconds; what the second takes more than the first is packets alone
+SPANS = (0.02, 0.06)  # virtual seconds; the difference between the two is only packets
 TICKS = {'qamIntr': 'ticks', 'qamIntr, all intervals 1': 'busy-ticks'}
 
 
@@ -57,7 +57,7 @@ def count(program, case, capture, routine, options):
     """Instructions of a call, on average."""
     did, counts = callgrind(program, case, capture, routine, options)
     total = max(counts, default=0)
-    if total < did['accesses']:  # the toggle did not fire, or callgrind lost count
+    if total < did['accesses']:  # the toggle did not work, or callgrind counted wrong
         raise CannotCount(f'{case}: {total} instructions cannot make {did["accesses"]} register accesses')
     return total / did['calls'], total / did['accesses']
 

@@ -56,7 +56,7 @@ void psiPackets(bench::Card& card) {
 
 void barePsiPackets(bench::Card& card) {
   for (std::size_t i = 0; i < card.packets(); ++i) {
-    // Which counter value a packet carries makes no difference to a loop that only copies.
+    // The counter value of a packet does not matter for a loop that only copies.
     barePsiPacket(card.window().PsiData0, card.record().psiPkt[0][i].psiData);
   }
   std::printf("calls %zu\naccesses %zu\n", card.packets(), card.packets() * kAccessesOfPacket);
@@ -80,7 +80,7 @@ void configureBare() {
 }
 
 constexpr int kRegisterWrites = 100;
-constexpr std::size_t kAccessesOfRegisterWrite = 83;  // lines changed; looks at them come on top
+constexpr std::size_t kAccessesOfRegisterWrite = 83;  // lines changed; reads of lines are additional
 
 // Nobody acknowledges: each byte but the last is looked at 200 times.
 void registerWrites(bench::Card& card, bool bare) {

@@ -18,7 +18,7 @@ using headend::Nanos;
 
 constexpr int kOutputs = 10;
 constexpr unsigned kMappedPids = 256;
-constexpr Nanos kStep = 1'000'000;  // virtual time between two looks at the outputs
+constexpr Nanos kStep = 1'000'000;  // virtual time between two advances of the outputs
 const headend::BitRate kRate = headend::BitRate::ofModulation(7000, 8);
 
 // Packets of as many PIDs as the map has entries, in turn, as fast as the output takes them.

@@ -30,12 +30,12 @@ constexpr int kKeys = 100;  // measured of each kind
 constexpr Nanos kLook = 20'000;
 constexpr Nanos kPatience = 2 * headend::kSecond;
 constexpr Nanos kBetween = 20'000'000, kTick = 10'000'000;
-constexpr int kPriority = 240;  // behind the menu
+constexpr int kPriority = 240;  // below the menu
 
 struct Kind {
   const char* name;
-  std::vector<PanelKey> before;  // from the kind above, the first from the first screen
-  std::vector<PanelKey> keys;    // each brings another screen, in turn
+  std::vector<PanelKey> before;  // from the previous kind's screen; for the first kind from the first screen
+  std::vector<PanelKey> keys;    // each leads to another screen, in turn
 };
 const std::vector<Kind> kKinds = {
     {"an item further", {chassis::kKeyConfirm, chassis::kKeyDown, chassis::kKeyConfirm}, {chassis::kKeyDown}},
@@ -79,7 +79,7 @@ std::vector<Times> measure(Screen screen, Press press, Wait wait, Now now) {
     for (const PanelKey key : kind.before) pressAndSee(key);
     Times& times = all.emplace_back();
     for (int i = 0; i < kKeys; ++i) {
-      wait(kBetween + kTick * i / kKeys);  // the keys come at all points of a tick
+      wait(kBetween + kTick * i / kKeys);  // the keys are at all points of a tick
       times.push_back(pressAndSee(kind.keys[static_cast<std::size_t>(i) % kind.keys.size()]));
     }
   }
@@ -90,7 +90,7 @@ std::vector<Times> measure(Screen screen, Press press, Wait wait, Now now) {
 std::vector<Times> inside(headend::Headend& headend) {
   headend::Kernel& kernel = headend.kernel();
   while (!headend.chassis().slot(0).initReturned) kernel.delay(1);
-  kernel.delay(2 * kernel.settings().tickHz);  // the upload too is over, and the first screen shows it
+  kernel.delay(2 * kernel.settings().tickHz);  // the upload has also ended, and the first screen shows it
   return measure([&] { return headend.panel().lcd().shown().pixels; },
                  [&](PanelKey key) { headend.panel().keys().press(key); },
                  [&](Nanos time) { kernel.sleepUntil(kernel.now() + time); }, [&] { return kernel.now(); });

@@ -50,7 +50,7 @@ class RecordingBus {
   std::vector<Access> accesses_;
 };
 
-RecordingBus* bus = nullptr;  // the module's way to it, as to any bus
+RecordingBus* bus = nullptr;  // the module uses it like any bus
 
 bool same(const char* what, const std::vector<Access>& module, const std::vector<Access>& bare) {
   const auto [m, b] = std::mismatch(module.begin(), module.end(), bare.begin(), bare.end());

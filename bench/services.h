@@ -26,7 +26,7 @@ namespace bench {
 // The card, in the chassis's list while it lives. One at a time.
 class Card {
  public:
-  // Throws client::Error or client::Error for a capture that a card cannot hold.
+  // Throws client::Error for a capture that a card cannot store.
   explicit Card(const std::filesystem::path& capture);
   Card(const Card&) = delete;
   Card& operator=(const Card&) = delete;

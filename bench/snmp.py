@@ -16,7 +16,7 @@ import snmp_client
 GETS = 20000  # a round
 ROUNDS = 5
 WALKS = 200
-GOAL = 0.8  # of the other agent's
+GOAL = 0.8  # relative to the other agent
 COMMUNITY = 'look'
 SEQUENCE = 1
 BASE = '1.3.6.1.4.1.8072.9999.9999.27'
@@ -107,7 +107,7 @@ def measure(headend, exchange, folder):
                    '--manage', 'off', '--log', os.path.join(folder, 'log')], ours),
           running(['snmpd', '-f', '-Lf', os.devnull, '-C', '-c', conf, f'udp:127.0.0.1:{theirs}'], theirs,
                   env=environment)):
-        for _ in range(SECONDS_TO_START * 10):  # until the last card's rows are there
+        for _ in range(SECONDS_TO_START * 10):  # until the last card's rows exist
             time.sleep(0.1)
             with contextlib.suppress(RuntimeError, subprocess.CalledProcessError):
                 with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:

@@ -28,7 +28,7 @@ Cost measure(const std::filesystem::path& folder) {
   options.log = folder / "log";
   headend::Headend headend(options);
   Cost cost;
-  // Above everything else, so that the time is the pass's own.
+  // Above all other tasks, so that the time is only that of the check.
   headend.kernel().spawn("tBench", 10, [&] {
     while (!headend.chassis().slot(0).initReturned) headend.kernel().delay(1);
     const headend::Nanos began = headend.kernel().now();

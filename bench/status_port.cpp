@@ -9,7 +9,7 @@
 namespace bench {
 namespace {
 
-StatusPort* current = nullptr;  // a signal handler gets no argument of ours
+StatusPort* current = nullptr;  // a signal handler cannot get our argument
 
 }  // namespace
 
@@ -46,7 +46,7 @@ void StatusPort::access(const char* address) {
     close(requestPage_);
     return;
   }
-  // Start and release take turns.
+  // Start and release alternate.
   port().fpga_stat = requests_++ % 2;
   close(statusPage_);
   open(requestPage_);

@@ -23,7 +23,7 @@ class StatusPort {
   StatusPort& operator=(const StatusPort&) = delete;
   ~StatusPort();
 
-  // The main board's block, of which slot 1 has the port. Nothing else in it may be used.
+  // The main board's block, which has the port of slot 1. The rest of it must not be used.
   bbFpga_t* mainBoard() { return mainBoard_; }
   brdFpgaCfg_t& port() { return mainBoard_->fpgaCfg[0]; }
 

@@ -1,5 +1,5 @@
-// The tables that a card carries, in the order in which it numbers them, and where they belong (ISO/IEC
-// 13818-1, EN 300 468). C is the actual stream or network, O another.
+// The tables that a card carries, in the order of their numbers, with table_id and PID (ISO/IEC 13818-1, EN
+// 300 468). C is the actual stream or network, O another.
 #pragma once
 
 #include "platform/numbers.h"

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* kUnit = "qamVar";
 constexpr u8 kRecordVersion = 'd';
-constexpr std::size_t kFileHead = 8;  // what the validity test reads before the rest is worth reading
+constexpr std::size_t kFileHead = 8;  // the bytes that the validity test reads first
 
 // Register values of the clock generator for each symbol rate. The rows 5500 and 6875 are no slips: they take
 // another divider plan than their neighbours.
@@ -39,8 +39,8 @@ constexpr cdce925_para TmpData[kClockRows] = {
 }  // namespace
 
 QamCardPara* Qam_create_para(u8 slotNo) {
-  // The bound is the channels', not the slots': field notes know this message at every start of slots 3 to 6,
-  // and a chassis that lost it would be taken for one with another driver.
+  // The bound is for channels, not slots: field notes expect this message at every start of slots 3 to 6.
+  // Without it, a chassis would be taken for one with another driver.
   os::check(slotNo < MAX_QAM_OUT_NUM, "slotNo<MAX_QAM_OUT_NUM", kUnit, 196);
 
   auto* record = static_cast<QamCardPara*>(os::malloc(sizeof(QamCardPara)));
@@ -76,8 +76,8 @@ int qam_load_para(u8 slotNo, QamCardPara* pVar) {
     return qam_load_default(slotNo, pVar);
   }
 
-  // The amount read is not looked at: records of older firmware are shorter, and their settings, which stand
-  // in front, must survive an update. What they lack stays as the heap gave it.
+  // The amount read is ignored: records of older firmware are shorter, and their settings, which are at the
+  // start, must survive an update. The missing rest stays as allocated.
   [[maybe_unused]] const std::size_t whole = std::fread(bytes + kFileHead, sizeof *pVar - kFileHead, 1, file);
   return std::fclose(file);
 }

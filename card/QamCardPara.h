@@ -1,5 +1,5 @@
-// The parameter record of one card, which is also the body of its parameter file, byte for byte; its loading,
-// its defaults, and the lookup that everybody uses. Called at start-up (creation) and by any task (lookup).
+// The parameter record of one card, which is also the content of its parameter file, byte for byte; its
+// loading, its defaults, and the lookup. Called at start-up (creation) and by any task (lookup).
 #pragma once
 
 #include <bit>
@@ -31,7 +31,7 @@ struct QamParaS {
   u8 reserved[2];
 };
 
-// One row of the clock generator's table: the registers (decimal 20 to 27) that give one symbol rate.
+// One row of the clock generator's table: the registers (decimal 20 to 27) for one symbol rate.
 struct cdce925_para {
   u16 freq;  // kBd
   u16 h20, h22, h23, h24, h25, h26, h27;
@@ -97,20 +97,19 @@ static_assert(offsetof(QamCardPara, Interval) == 308 && offsetof(QamCardPara, pk
 static_assert(offsetof(QamCardPara, pidMapNum) == 372 && offsetof(QamCardPara, pidMap) == 380);
 static_assert(offsetof(QamCardPara, psiPkt) == 6524);
 
-// The slot's new record, loaded from its file or with defaults; null when the heap is exhausted. Start-up
-// only.
+// The slot's new record, loaded from its file or with defaults; null if the heap is exhausted. Start-up only.
 QamCardPara* Qam_create_para(u8 slotNo);
 
-// Fills the record from "/tffs0/para/card<slot + 1>.dat", or with defaults where that is no record of this
-// card. A file of this card that is cut short leaves the record's tail as the heap gave it. Start-up only.
+// Fills the record from "/tffs0/para/card<slot + 1>.dat", or with defaults if that is not a record of this
+// card type. If a file of this card type is truncated, the record's tail stays as allocated. Start-up only.
 int qam_load_para(u8 slotNo, QamCardPara* pVar);
 
-// Defaults for every field, saved at once; the result of the save.
+// Sets defaults in every field and saves at once; returns the result of the save.
 int qam_load_default(u8 slotNo, QamCardPara* pVar);
 
-// Empty a channel's PID map, or its stored PSI packets: all bytes 0xFF.
+// Clear a channel's PID map, or its stored PSI packets: all bytes 0xFF.
 void qam_set_default_pidmap(u8 slotNo, u8 port, QamCardPara* ptr);
 void qam_set_default_psipkt(u8 slotNo, u8 port, QamCardPara* ptr);
 
-// The record of the card in the slot; null where no card of this kind is inserted. Tasks and interrupts.
+// The record of the card in the slot; null if no card of this kind is inserted. Tasks and interrupts.
 QamCardPara* GetQamCardParaFromList(u8 slotNo);

@@ -6,7 +6,7 @@ Qam_fpga_if* QamFpgaIf[MAX_BOARD_NUM];
 
 void qamPidSetFilter(u8 slotNo, u8 portNo, u16 pid, u8 pass) {
   __qampidfilter& filter = QamFpgaIf[slotNo]->qampidfilter[portNo];
-  filter.filter_pid_l = pid;  // whole: the register keeps the low byte
+  filter.filter_pid_l = pid;  // the whole value: the register keeps the low byte
   filter.filter_pid_h = pid >> 8;
   filter.filter_onoff = pass;
   filter.filter_we = 1;

@@ -1,5 +1,5 @@
-// The card FPGA's register window on the main board's bus: the one definition of its map, and each slot's
-// pointer to it. Whoever drives a device of the card does so through these registers.
+// The card FPGA's register window on the main board's bus: the only definition of its map, and each slot's
+// pointer to it. All drivers of the card's devices use these registers.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 #include "platform/bus.h"
 #include "platform/chassis.h"
 
-// Table port for PIDs on the card; this module maps PIDs in the chassis's router instead.
+// Table port for PIDs on the card; this module uses the chassis's router for PID mapping instead.
 struct __qampidmap {  // NOLINT(bugprone-reserved-identifier)
   Reg16 oldpid_l, oldpid_h;
   Reg16 newpid_l, newpid_h;
@@ -17,7 +17,7 @@ struct __qampidmap {  // NOLINT(bugprone-reserved-identifier)
   Reg16 reserved0;
 };
 
-// Pass filter by PID: the value for the addressed PID is taken at the rise of the strobe.
+// Pass filter by PID: the value for the addressed PID is stored at the rising edge of the strobe.
 struct __qampidfilter {  // NOLINT(bugprone-reserved-identifier)
   Reg16 filter_onoff;
   Reg16 filter_we;
@@ -54,7 +54,7 @@ struct Qam_fpga_if {
   Reg16 oport_num0, oport_num1;
   Reg16 pkt_len0;
   Reg16 Orate0_0, Orate0_1, Orate0_2, Orate0_3;
-  Reg16 PsiData0, PsiRdy0;  // PSI insertion of channel 0: data port, and not 0 when a packet may come
+  Reg16 PsiData0, PsiRdy0;  // PSI insertion of channel 0: data port, and not 0 when a packet may be written
   Reg16 reserved;
   Reg16 pkt_len1;
   Reg16 Orate1_0, Orate1_1, Orate1_2, Orate1_3;
@@ -172,22 +172,22 @@ extern Qam_fpga_if* QamFpgaIf[MAX_BOARD_NUM];
 
 struct QamCardPara;
 
-// Filters and bench tests, for the chassis and a debug shell: nothing else of the module calls them. Started
-// slots only; tasks only. Two writers of one channel's filter must not overlap.
+// Filters and bench tests, for the chassis and a debug shell: the rest of the module does not call them.
+// Started slots only; tasks only. Two writers of one channel's filter must not overlap.
 extern "C" {
 
-// Whether packets of `pid` (0 to 0x1FFF) pass on the channel (0, 1); the second sets all 8192 PIDs, the third
-// opens them.
+// Sets whether packets of `pid` (0 to 0x1FFF) pass on the channel (0, 1); the second sets all 8192 PIDs, the
+// third opens them.
 void qamPidSetFilter(u8 slotNo, u8 portNo, u16 pid, u8 pass);
 void qamPidFilterAllSet(u8 slotNo, u8 Port, u8 pass);
 void qamFpgaWFilter(u8 slotNo, u8 port, QamCardPara* ptr);
 
-// Writes Value, Value + 2, ... to the fifteen scratch registers and prints what does not read back.
+// Writes Value, Value + 2, ... to the fifteen scratch registers and prints those that read back wrong.
 void QamFpgaIfTest(u8 slotNo, u16 Value);
-// Toggles the clock generator's clock line five times, slowly enough to be seen on a scope.
+// Toggles the clock generator's clock line five times, slow enough for an oscilloscope.
 void QamFpgaTest(u8 slotNo);
 
-// What other kinds of card do at these points; this kind has nothing to do there.
+// Functions of other card types; for this type they do nothing.
 void qamTsPro(u8 slotNo, QamCardPara* pEnc);
 void setAencOnePortTsPid(u8 slotNo, u8 portNo, u16 pid);
 void setSlotPortNo2FPGA(u8 slotNo);

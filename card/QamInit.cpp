@@ -22,7 +22,7 @@
 namespace {
 
 constexpr const char* kUnit = "QamInit";
-constexpr int kSlotCardType = 3002;  // the chassis's own code for this kind of card; 27 is the drivers' code
+constexpr int kSlotCardType = 3002;  // the chassis's code for this kind of card; 27 is the drivers' code
 constexpr int kSendTaskPriority = 212;
 constexpr int kSendTaskStack = 4096;
 constexpr int kSendQueueLength = 256;

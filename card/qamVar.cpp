@@ -121,7 +121,7 @@ void apply(u8 slotNo, u32 vid, u32 value, const QamParaS& settings, cdce925_para
   switch (vid) {
     case kVarFrequency:
       SetFreq(slotNo, value);
-      SetRfLevel(slotNo, static_cast<u16>(settings.rflevel));  // its correction may be another now
+      SetRfLevel(slotNo, static_cast<u16>(settings.rflevel));  // its correction may have changed
       break;
     case kVarLevel:
       SetRfLevel(slotNo, static_cast<u16>(value));
@@ -148,8 +148,8 @@ void apply(u8 slotNo, u32 vid, u32 value, const QamParaS& settings, cdce925_para
 u32 QamGetVar(u8 slotNo, u8 /*portNo*/, u32 vid, u8** /*str*/) {
   os::semTake(semQamVar, os::WAIT_FOREVER);
   const QamCardPara* record = GetQamCardParaFromList(slotNo);
-  // The semaphore stays taken, here and in the setters: a chassis that asks for a card without a record is to
-  // stop at its next question, where it is found, and not to go on with values of nothing.
+  // The semaphore stays taken, here and in the setters: a chassis that asks for a card without a record must
+  // stop at its next request, where the error is found, and must not continue with invalid values.
   if (record == nullptr) return 0;
   const u32 value = read(slotNo, vid, record->qam_para);
   os::semGive(semQamVar);
@@ -161,7 +161,7 @@ int QamSetVar(u8 slotNo, u8 /*portNo*/, u32 vid, u32 value) {
   os::semTake(semQamVar, os::WAIT_FOREVER);
   QamCardPara* record = GetQamCardParaFromList(slotNo);
   if (record == nullptr) return -1;
-  // Where a loader once took over from the running firmware: it counts on nobody using the card from then on.
+  // A loader once took over from the running firmware here: it needs the card unused from then on.
   if (vid == kVarKeepsLock) return 1;
 
   int result = 0;
@@ -171,7 +171,7 @@ int QamSetVar(u8 slotNo, u8 /*portNo*/, u32 vid, u32 value) {
       chassis::para_save(slotNo);
     }
   } else if (vid !=
-             kVarPower2) {  // menus set channel 2's switch together with channel 1's, and must not fail
+             kVarPower2) {  // menus set channel 2's switch together with channel 1's, so this must not fail
     result = kNotWritable;
   }
   os::semGive(semQamVar);
@@ -183,8 +183,8 @@ void QamSetVar1(u8 slotNo, u8 /*portNo*/, u32 vid, u32 value) {
   QamCardPara* record = GetQamCardParaFromList(slotNo);
   if (record == nullptr) return;
   if (isSetting(vid) && store(record->qam_para, vid, value)) {
-    // The clock table is the global record's, which a debug shell fills with trial rows; no slot's table is
-    // put at risk by a trial.
+    // The clock table is in the global record, which a debug shell fills with trial rows; a trial changes no
+    // slot's table.
     apply(slotNo, vid, value, record->qam_para, QamPara.Cd925_para, AfterConstellation::kLeaveRunning);
     chassis::para_save(slotNo);
   }

@@ -1,5 +1,5 @@
 // The numbers of a card's variables, which are those of its menu items. Channel 2 has the settings of channel
-// 1, 8 MHz higher.
+// 1, at a frequency 8 MHz higher.
 #pragma once
 
 #include "platform/types.h"
@@ -21,11 +21,11 @@ enum QamVariable : u32 {
   kVarPower2 = 43,
   kVarTotalRate2 = 44,    // text
   kVarPayloadRate2 = 45,  // text
-  kVarTemperature1 = 47,  // degrees, as get_temper gives them
+  kVarTemperature1 = 47,  // degrees, from get_temper
   kVarTemperature2 = 48,
   kVarSoftwareVersion = 49,  // text
   kVarFpgaVersion = 50,      // text
-  kVarKeepsLock = 51,        // never to be set: see QamSetVar
+  kVarKeepsLock = 51,        // must never be set: see QamSetVar
   kVarHardwareVersion = 52,  // text
 };
 

@@ -1,6 +1,6 @@
-// The calibration of a card's DAC: its thirteen register bytes, what stands in them, the datagram that
-// carries them, and a client of the chassis's calibration service. Used by qamcal; docs/calibration.md
-// describes the datagram for anybody who writes a client of their own.
+// The calibration of a card's DAC: its thirteen register bytes, the meaning of their fields, the datagram,
+// and a client of the chassis's calibration service. Used by qamcal; docs/calibration.md describes the
+// datagram for authors of other clients.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@
 
 namespace client {
 
-// --- The registers, as the AD9775's data sheet has them ---
+// --- The registers, as in the AD9775's data sheet ---
 
 inline constexpr std::size_t kDacRegisters = 13;
 
@@ -48,18 +48,18 @@ struct DacField {
   const char* name;
   DacBits bits;
   DacBits below{};                          // the bits under those, when the field spans two registers
-  std::array<std::string_view, 8> names{};  // what the values mean; none for a plain number
+  std::array<std::string_view, 8> names{};  // names of the values; none for a plain number
 };
 
 std::span<const DacField> dacFields();  // by address
 unsigned fieldValue(const DacRegisters& registers, const DacField& field);
 std::string fieldText(const DacRegisters& registers, const DacField& field);  // "8x", "512"
 
-// The fields whose value differs between the two.
+// The fields that have different values in the two sets.
 std::vector<const DacField*> differingFields(const DacRegisters& a, const DacRegisters& b);
 
-// Why the DAC would no longer understand its driver after these bytes, or empty. The driver speaks MSB first
-// over separate data lines, and a software reset throws away what has just been loaded.
+// Why the DAC could no longer communicate with its driver after these bytes, or empty. The driver sends MSB
+// first over separate data lines, and a software reset discards the bytes just loaded.
 std::string portRisk(const DacRegisters& registers);
 
 // --- The datagram ---
@@ -77,16 +77,16 @@ struct CalibrationPacket {
 
 std::array<u8, kCalibrationSize> encode(const CalibrationPacket& packet);
 
-// Nothing for another length or a command that nobody knows.
+// nullopt for another length or an unknown command.
 std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram);
 
 // --- The service ---
 
 struct CalibrationOptions {
-  std::chrono::milliseconds timeout{3000};  // for the reply, with all repetitions of the request
+  std::chrono::milliseconds timeout{3000};  // for the reply, including all repetitions of the request
   std::chrono::milliseconds repeat{1000};   // a request without a reply is sent again after this time
-  // A write is over after thirteen EEPROM write cycles of at most 10 ms and the 100 ms until the service
-  // takes its next request.
+  // A write ends after thirteen EEPROM write cycles of at most 10 ms and the 100 ms until the service takes
+  // its next request.
   std::chrono::milliseconds settle{500};
 };
 
@@ -95,11 +95,11 @@ class CalibrationClient {
   explicit CalibrationClient(std::string server, const CalibrationOptions& options = {})
       : server_(std::move(server)), options_(options) {}
 
-  // What the DAC in this slot (from 0) holds. Throws Error when no reply came.
+  // Reads the DAC in this slot (from 0). Throws Error if no reply arrives.
   DacRegisters read(u8 slot) const;
 
-  // Sends the bytes to the DAC and to the EEPROM, and returns when the card must be done. The service does
-  // not say whether it did: read back. Throws Error when nothing can be sent.
+  // Sends the bytes to the DAC and the EEPROM, and returns when the card must have finished. The service does
+  // not confirm the write: read the values back. Throws Error if nothing can be sent.
   void write(u8 slot, const DacRegisters& registers) const;
 
  private:

@@ -107,7 +107,7 @@ std::vector<MapEntry> ChannelVariables::readMap() {
 PidMap readMap(Link& link, const Channel& channel) {
   ChannelVariables card(link, channel);
   PidMap map{.locked = card.mapLocked(), .entries = card.readMap()};
-  if (card.mapLocked() != map.locked) failOnChange(channel);  // a lock in between empties the map
+  if (card.mapLocked() != map.locked) failOnChange(channel);  // a lock in between clears the map
   return map;
 }
 

@@ -1,5 +1,5 @@
-// Reads and writes the variables of one channel over a link: its tables and its PID map. What uploads and
-// read-backs are written on.
+// Reads and writes the variables of one channel over a link: its tables and its PID map. Uploads and
+// read-backs use it.
 #pragma once
 
 #include <span>
@@ -19,7 +19,7 @@ class ChannelVariables {
 
   const Channel& channel() const { return channel_; }
 
-  // All throw Error, also when the reply does not answer the request.
+  // All throw Error, also if the reply does not match the request.
   bool tablesLocked() { return readLock(kPsiLock); }
   void lockTables(bool lock) { writeLock(kPsiLock, lock); }
   void writeChunk(const Chunk& chunk);
@@ -29,9 +29,9 @@ class ChannelVariables {
 
   bool mapLocked() { return readLock(kPidMapLock); }
   void lockMap(bool lock) { writeLock(kPidMapLock, lock); }
-  // As many requests as it takes; one for an empty map, which sets the count to 0.
+  // Sends as many requests as needed; one for an empty map, which sets the count to 0.
   void writeMap(std::span<const MapEntry> entries);
-  // Throws Error too when another client changes the map meanwhile.
+  // Also throws Error if another client changes the map meanwhile.
   std::vector<MapEntry> readMap();
 
  private:
@@ -44,10 +44,10 @@ class ChannelVariables {
 };
 
 struct PidMap {
-  bool locked = false;            // a load is under way or broke off: the entries may be few or none
-  std::vector<MapEntry> entries;  // as the card's record holds them, blank ones included
+  bool locked = false;            // a load is in progress or was aborted: there may be few or no entries
+  std::vector<MapEntry> entries;  // as in the card's record, including blank ones
 };
-// Throws Error, also when another client changes the map meanwhile.
+// Throws Error, also if another client changes the map meanwhile.
 PidMap readMap(Link& link, const Channel& channel);
 
 }  // namespace client

@@ -1,7 +1,7 @@
-// What the chassis itself answers over the management socket, beside the variables of a channel: a card's
-// settings and readings, the sections that an input carries, what the PID router holds, the PID search, calls
-// of routines meant for a debug shell, the alarms and the front panel. docs/management-datagram.md describes
-// the records. All throw Error.
+// Services of the chassis on the management socket, in addition to the variables of a channel: a card's
+// settings and readings, the sections on an input, the map in the PID router, the PID search, calls of
+// routines for a debug shell, the alarms and the front panel. docs/management-datagram.md describes the
+// records. All functions throw Error.
 #pragma once
 
 #include <array>
@@ -19,21 +19,21 @@
 
 namespace client {
 
-// The sections of that PID and table_id that the input carries now, each with a good CRC, by extension and
-// number; empty while none has come. An input gathers PAT, CAT, NIT, SDT, BAT and the PMTs that its PAT
+// The current sections of that PID and table_id on the input, each with a correct CRC, by extension and
+// number; empty if none has arrived. An input collects PAT, CAT, NIT, SDT, BAT and the PMTs that its PAT
 // names.
 std::vector<Section> sourceSections(Link& link, const SourcePort& source, u16 pid, u8 tableId);
 
-// What the router holds for the channel, by position.
+// The router's map for the channel, by position.
 std::vector<chassis::RouterWords> routerMap(Link& link, const Channel& channel);
 
-// Begins or ends the search for packets of a PID that carry a table's sections, in what the channel sends.
-// The search is one a card.
+// Starts or stops the search for packets of a PID that have sections of a table, in the channel's output.
+// There is one search per card.
 void search(Link& link, const Channel& channel, u16 pid, u8 tableId, bool on);
-// Takes what has been captured, up to seven packets.
+// Reads captured packets, up to seven.
 std::vector<Packet> searched(Link& link, const Channel& channel);
 
-// Begins a routine of the slot's card in a task of its own; the number by which to ask for its end.
+// Starts a routine of the slot's card in its own task. Returns the number for queries of its result.
 u32 beginCall(Link& link, u16 slot, const std::string& routine, std::span<const u32> arguments);
 struct CallState {
   bool finished = false;
@@ -41,19 +41,19 @@ struct CallState {
 };
 CallState callState(Link& link, u16 slot, u32 number);
 
-// A variable of a card, by its id. A rate takes the card half a second.
+// A variable of a card, by its id. The card needs half a second for a rate.
 VariableValue getVariable(Link& link, int slot, u32 id);
 void setVariable(Link& link, int slot, u32 id, u32 value);
 
 // Oldest first.
 std::vector<Alarm> readAlarms(Link& link);
-// The events from this number on that the chassis still keeps.
+// The events from this number on that are still in the log.
 std::vector<AlarmEvent> readAlarmEvents(Link& link, std::uint64_t from);
-// The number that the next event will have.
+// The number of the next event.
 std::uint64_t nextAlarmEvent(Link& link);
 
 LcdImage readLcd(Link& link);
-// The chassis keeps the keys that its menu has not read yet, up to 64.
+// The chassis stores up to 64 keys that its menu has not read yet.
 void pressKey(Link& link, chassis::PanelKey key);
 
 }  // namespace client

@@ -1,5 +1,5 @@
-// The way from a client to the back end, whatever carries the datagrams: UDP for qamctl, the chassis's own
-// network in virtual time for the headend's operator. Procedures such as an upload are written once, on this.
+// The connection from a client to the back end, independent of the transport: UDP for qamctl, the chassis's
+// own network in virtual time for the headend's operator. Procedures such as an upload use it.
 #pragma once
 
 #include <chrono>
@@ -12,19 +12,19 @@
 
 namespace client {
 
-// A client is written in the words of streams and of the protocol.
+// Clients use the names of streams and of the protocol.
 using namespace mpeg;      // NOLINT(google-build-using-namespace)
 using namespace protocol;  // NOLINT(google-build-using-namespace)
 using base::Bytes;
 
-// Something was refused or could not be carried out; what() says why, and how to go on.
+// A request was refused or could not be carried out; what() gives the reason and how to continue.
 class Error : public std::runtime_error {
  public:
   enum class Kind {
     kFailed,
-    kNoReply,  // none came, or none that fits the request: it may have been carried out
+    kNoReply,  // no matching reply arrived: the request may have been carried out
     kLocked,   // another client has the lock, and nothing was changed
-    kUnseen,   // a new PID map was sent whole; it or the one that was there is on the air
+    kUnseen,   // a new PID map was sent completely; it or the old one is on the air
   };
   explicit Error(const std::string& text, Kind kind = Kind::kFailed)
       : std::runtime_error(text), kind_(kind) {}
@@ -46,15 +46,14 @@ class Link {
   // Sends the request with a new sequence number and waits for its reply. Throws Error (kNoReply).
   virtual Reply call(Request request) = 0;
 
-  // Lets that much of the time pass in which the server lives: for a procedure that waits for something
-  // there.
+  // Waits for that much of the server's time: for a procedure that waits for an event there.
   virtual void wait(std::chrono::milliseconds time) = 0;
 };
 
-// Has a request carried out; the data of its reply. `what` stands in errors: "lock the tables of 1.1". Throws
-// Error.
+// Sends a request and returns the data of its reply. `what` is for error messages: "lock the tables of 1.1".
+// Throws Error.
 Bytes ask(Link& link, const Request& request, const std::string& what);
-// Throws Error: the reply has not the form of an answer to this.
+// Throws Error: the reply has not the form of an answer to this request.
 [[noreturn]] void failOnReply(const std::string& what);
 
 }  // namespace client

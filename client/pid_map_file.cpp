@@ -100,7 +100,7 @@ MapFile parseMapFile(std::string_view text, const std::string& name) {
 }
 
 MapFile readMapFile(const std::filesystem::path& file) {
-  constexpr std::size_t kLongest = 1 << 20;  // many times a full map with remarks
+  constexpr std::size_t kLongest = 1 << 20;  // many times a full map with comments
   try {
     return parseMapFile(base::readFile(file, kLongest), file.string());
   } catch (const std::system_error& e) {

@@ -1,5 +1,5 @@
-// A PID map as a CSV file: what operators write by hand, `qamctl pidmap show --csv` prints, and a rescue file
-// holds. Slots and inputs count from 1 in it.
+// A PID map as a CSV file, for three cases: written by operators, printed by `qamctl pidmap show --csv`, or
+// saved as a rescue file. Slots and inputs count from 1 in it.
 #pragma once
 
 #include <filesystem>
@@ -17,11 +17,11 @@ struct MapFile {
   std::vector<std::size_t> lines;  // of the entries, from 1
 };
 
-// Reads the header and lines of numbers, decimal or 0x; blank lines and those that begin with # are left out,
-// lines may end in CR LF. Only the ranges are checked; checkMap does the rest. `name` stands before messages.
+// Reads the header and lines of numbers, decimal or 0x. Blank lines and lines that begin with # are ignored;
+// lines may end in CR LF. Only the ranges are checked; checkMap checks the rest. `name` precedes messages.
 // Throws Error with the line's number.
 MapFile parseMapFile(std::string_view text, const std::string& name);
-// The same of a file; also throws Error when it cannot be read.
+// The same for a file; also throws Error if it cannot be read.
 MapFile readMapFile(const std::filesystem::path& file);
 
 std::string mapFileText(const std::vector<MapEntry>& entries);

@@ -118,7 +118,7 @@ class Rescue {
   }
 
  private:
-  // By a file without a header, which nobody takes for a map, should this process end here.
+  // A file without a header is not a valid map, in case this process ends here.
   void claim(const Channel& channel) const {
     std::FILE* claimed = std::fopen(file_.c_str(), "wx");
     if (claimed != nullptr) {
@@ -221,7 +221,7 @@ class Replacement {
     unlock(card_);
   }
 
-  // Throws, unless the new map is in place all the same.
+  // Throws unless the new map is active anyway.
   void goBack(const std::string& cause, const Rescue& rescue) {
     Entries now;
     attempt(
@@ -230,14 +230,14 @@ class Replacement {
             unlocking_ = false;
             locked_ = true;
             send(card_, before_);
-            locked_ = false;  // not for sure any more
+            locked_ = false;  // the state is no longer certain
             unlock(card_);
           }
           now = card_.readMap();
         },
         [&](const std::string& second) { failStuck(cause, second); });
     if (unlocking_ && same(now, wanted_)) return;
-    std::erase_if(now, isBlank);  // as they are left out of what was there
+    std::erase_if(now, isBlank);  // because blank entries are also removed from the old map
     if (!same(now, before_)) {
       throw Error(
           fmt::format("{}\nChannel {} holds neither the map that was there nor the new one: "
@@ -290,7 +290,7 @@ class Replacement {
   const MapOptions& options_;
   std::string name_;
   Entries before_;
-  bool locked_ = false;     // known to be
+  bool locked_ = false;     // known to be locked
   bool unlocking_ = false;  // the new map may be on the air
 };
 

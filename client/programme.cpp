@@ -15,7 +15,7 @@
 namespace client {
 namespace {
 
-constexpr u32 kUsualInterval_ticks = 300;  // for a table that comes on the air and was stopped
+constexpr u32 kUsualInterval_ticks = 300;  // for a table that was stopped and is now on the air
 constexpr std::chrono::milliseconds kPoll{100};
 
 // Asks an input for a table until it is accepted; nothing when its patience ends before.
@@ -61,7 +61,7 @@ class SourceReader {
     return awaitSections(link_, tables_.input, tablePid(type).value(), type, patience_, isWhole);
   }
 
-  // Without an SDT a number still says which programme is meant.
+  // Without an SDT a number still identifies the programme.
   u16 choose(const std::string& choice) const {
     try {
       return chooseProgramme(tables_.pat, tables_.sdt, choice, inputName(tables_.input));
@@ -108,7 +108,7 @@ class Change {
         oldTables_(ChannelTables(before.tables, ownerName(before.channel)).plan()),
         oldMap_(asKept(before.map)) {}
 
-  // The map first gets what is new, and loses what is old when no table names it any more.
+  // New entries are added to the map first; old ones are removed after no table names them any more.
   void run() {
     const std::vector<MapEntry> both = withNew();
     const bool tablesChange = oldTables_.chunks != plan_.tables.chunks;
@@ -129,7 +129,7 @@ class Change {
         replaceMap(link_, before_.channel, plan_.map, options_.map);
       } catch (const Error& e) {
         if (e.kind() != Error::Kind::kUnseen) undo(e.what(), tablesChange, both);
-        failUnseen(e, "the new ones");  // the old ones would name what the new map does not bring
+        failUnseen(e, "the new ones");  // the old tables would name PIDs that the new map does not have
       }
     }
     dropFile();
@@ -160,7 +160,7 @@ class Change {
     }
   }
 
-  // Each half on its own: that one cannot be taken back is no reason to leave the other.
+  // The two parts are independent: if one cannot be undone, the other still is.
   [[noreturn]] void undo(const std::string& cause, bool tables, const std::vector<MapEntry>& map) {
     std::string text = cause;
     const auto attempt = [&](const char* what, const std::function<void()>& step, const std::string& then) {
@@ -214,7 +214,7 @@ class Change {
   }
 
   void dropFile() {
-    std::error_code ignored;  // a copy too many does no harm
+    std::error_code ignored;  // an extra copy does no harm
     if (kept_) std::filesystem::remove(options_.tablesFile, ignored);
     kept_ = false;
   }

@@ -1,5 +1,5 @@
-// An output while programmes are added to it or removed: its map, and its tables, of which those that are put
-// change and the others stay as they are. What the plans of programme_plan are written on.
+// An output while programmes are added or removed: its map and its tables. Only the tables that are put
+// change; the others stay unchanged. Used by the plans of programme_plan.
 #pragma once
 
 #include <functional>
@@ -15,8 +15,8 @@ namespace client {
 
 bool isFrom(const MapEntry& entry, const SourcePort& input);
 
-// The fields that name a PID to be mapped, each PID once, streams first: their order is that of the PIDs in
-// the output.
+// The fields that name a PID to be mapped, each PID once, streams first: this is the order of the PIDs in the
+// output.
 std::vector<PidField> fieldsByPid(const Section& pmt);
 
 class ProgrammeDraft {
@@ -28,29 +28,29 @@ class ProgrammeDraft {
   const std::vector<MapEntry>& map() const { return map_; }
   const std::vector<Section>& pmts() const { return pmts_; }
 
-  // Nothing where the output has none. Throws Error for one without a whole section.
+  // nullopt if the output has none. Throws Error for a table without a whole section.
   std::optional<EntryTable> table(PsiType type) const;
   std::vector<Bytes> entries(PsiType type) const;
   void put(const EntryTable& table, PsiType type);
   void drop(PsiType type);
 
   const Section* pmt(u16 number, u16 pid) const;  // null: none
-  // Puts the programme's PMT in the place of the one it had, or (nothing) takes that away.
+  // Replaces the programme's PMT, or removes it (nullopt).
   void putPmt(u16 number, u16 pid, const std::optional<Section>& section);
 
   MapEntry* entryOf(const SourcePort& input, u16 sourcePid);  // null: none
-  // PIDs that the PMTs on the output name, by programme.
+  // PIDs that the output's PMTs name, by programme.
   std::map<u16, std::set<u16>> users() const;
   std::set<u16> usedPids() const;
-  // Programmes on the output that take a PID from the input.
+  // Programmes on the output that use a PID of the input.
   std::set<u16> programmesFrom(const SourcePort& input) const;
-  // Takes entries out of the map that nobody needs any more, out of those that `candidate` picks. One that
-  // stays goes over to a programme that uses it.
+  // Removes unused entries from the map, among those that `candidate` selects. An entry that is kept is
+  // assigned to a programme that uses it.
   void dropUnused(const std::function<bool(const MapEntry&)>& candidate);
 
   void note(std::string text) { notes_.push_back(std::move(text)); }
 
-  // Without the programme's own members. Throws Error for a map that is too long, or Error.
+  // Without the programme's own members. Throws Error, also if the map is too long.
   ProgrammePlan plan() const;
 
  private:

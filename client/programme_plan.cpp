@@ -113,7 +113,7 @@ class Adding {
     findByPids();
   }
 
-  // Its entries may all be another programme's, or have lost their numbers in a release.
+  // All its entries may belong to another programme, or may have lost their numbers in a release.
   void findByPids() {
     std::set<u16> pids;
     for (const PidField& field : pidsOfPmt(pmt_)) pids.insert(mapped(field.pid(pmt_.bytes)));
@@ -133,7 +133,7 @@ class Adding {
       for (const Bytes& entry : draft_.entries(type)) taken.insert(entryNumber(entry));
     }
     u16 number = sourceNumber_;
-    while (taken.contains(number)) ++number;  // from 65535 on to 0, which is taken
+    while (taken.contains(number)) ++number;  // from 65535 to 0, which is used
     if (number != sourceNumber_) {
       draft_.note(fmt::format("programme number {} is taken on {}: it is {} there", sourceNumber_,
                               draft_.owner(), number));
@@ -158,7 +158,7 @@ class Adding {
       throw Error(fmt::format("PID {:#06x} of {} cannot be passed: {} has that PID from elsewhere", pid,
                               from_, draft_.owner()));
     }
-    // EIT and time belong to all programmes of an input, any other PID to the one that it came with.
+    // EIT and time belong to all programmes of an input; any other PID to its own programme.
     draft_.map().push_back(mapEntry(pid, pid, 0));
     if (isShared) draft_.map().back().sourceProgramme = draft_.map().back().programme = 0;
   }
@@ -324,7 +324,7 @@ class Adding {
     if (passesEit()) noteForeignEit(*sdt);
   }
 
-  // Programmes of the input that came before its EIT did.
+  // Programmes of the input that were added before its EIT.
   void followEit(EntryTable& sdt) {
     if (!passesEit()) return;
     sdt.change([&](Bytes& entry) {
@@ -353,12 +353,12 @@ class Adding {
   std::string from_;
   Section pmt_;
   std::optional<EntryTable> pat_;
-  std::optional<Section> old_;  // the PMT that it has on the output already
+  std::optional<Section> old_;  // its current PMT on the output
   u16 number_ = 0;
   u16 pmtPid_ = 0;
   u16 streamId_ = 0;
   std::string name_;
-  std::vector<Bytes> entitlements_;  // CAT entries as the input has them
+  std::vector<Bytes> entitlements_;  // CAT entries as on the input
 };
 
 class Removing {
@@ -409,7 +409,7 @@ class Removing {
     return name;
   }
 
-  // CA systems of the programmes that stay and come from the input, with one of the programmes each.
+  // CA systems of the remaining programmes from the input, with one of the programmes each.
   std::map<u16, u16> systemsFrom(const SourcePort& input) const {
     const std::set<u16> staying = draft_.programmesFrom(input);
     std::map<u16, u16> systems;
@@ -422,7 +422,7 @@ class Removing {
     return systems;
   }
 
-  // The CAT entries of the programme go with it unless another one from the input has the same CA system.
+  // The programme's CAT entries are removed unless another programme from the input has the same CA system.
   void removeEntitlements(const SourcePort& input) {
     auto cat = draft_.table(CAT);
     if (!cat) return;
@@ -456,7 +456,7 @@ class Removing {
     return found == draft_.map().end() ? u16{0} : found->sourceProgramme;
   }
 
-  // EIT and time stay while a programme from the input does.
+  // EIT and time stay while a programme from the input is left.
   void removePassed(const SourcePort& input) {
     if (!draft_.programmesFrom(input).empty()) return;
     std::erase_if(draft_.map(), [&](const MapEntry& e) {
@@ -467,7 +467,7 @@ class Removing {
 
   ProgrammeDraft draft_;
   u16 number_;
-  std::set<u16> pids_;  // that its PMT names
+  std::set<u16> pids_;  // PIDs in its PMT
 };
 
 }  // namespace

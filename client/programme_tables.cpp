@@ -22,7 +22,7 @@ constexpr std::size_t kCaSize = 6;  // tag, length, system, PID
 constexpr u8 kServiceTag = 0x48;
 
 constexpr std::size_t kPatEntrySize = 4;
-constexpr std::size_t kSdtHeadSize = 3;   // original_network_id and a byte without use
+constexpr std::size_t kSdtHeadSize = 3;   // original_network_id and a reserved byte
 constexpr std::size_t kSdtEntrySize = 5;  // before its descriptors
 constexpr u8 kEitFlags = 0x03;            // schedule, present and following
 
@@ -97,7 +97,7 @@ EntryTable::EntryTable(PsiType type, const std::vector<Section>& sections, const
     head_.assign(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(headSize(type)));
     rest = rest.subspan(headSize(type));
     auto& entries = sections_[section.number()];
-    entries.clear();  // a store may hold a section twice, to send it more often
+    entries.clear();  // a store may have a section twice, to send it more often
     while (!rest.empty()) {
       const std::size_t size = entrySize(type, rest);
       if (size > rest.size()) failMalformed(owner, type);
@@ -129,7 +129,7 @@ void EntryTable::add(Bytes entry) {
 
 void EntryTable::remove(const std::function<bool(const Bytes&)>& shouldRemove) {
   for (auto& section : sections_) std::erase_if(section, shouldRemove);
-  // One section stays, for its head names the stream even when no entry is left.
+  // One section stays, because its head names the stream even without entries.
   std::erase_if(sections_, [](const auto& section) { return section.empty(); });
   if (sections_.empty()) sections_.emplace_back();
 }
@@ -178,7 +178,7 @@ std::string serviceName(std::span<const u8> entry) {
   std::string name;
   forDescriptors(entry.subspan(kSdtEntrySize), [&](std::span<const u8> d) {
     if (d[0] != kServiceTag || d.size() < 4) return;
-    const std::size_t at = 4u + d[3];  // behind type and provider
+    const std::size_t at = 4u + d[3];  // after type and provider
     if (at < d.size() && at + 1 + d[at] <= d.size()) name = dvbText(d.subspan(at + 1, d[at]));
   });
   return name;
@@ -205,7 +205,7 @@ std::vector<PidField> pidsOfPmt(const Section& pmt) {
   const std::string owner = fmt::format("programme {}", pmt.extension());
   std::vector<PidField> fields;
   std::size_t at = kSectionHeaderSize;
-  // The loop whose length stands at `at`; `at` then stands behind it.
+  // The loop whose length is at `at`; afterwards `at` is the position after the loop.
   const auto readLoop = [&] {
     const std::size_t begin = at + 2;
     if (begin > all.size()) failMalformed(owner, PMT);

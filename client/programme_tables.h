@@ -1,6 +1,6 @@
-// The tables that a programme stands in, taken apart and put together: the lists of entries of PAT, CAT and
-// SDT, the PIDs that a PMT names, and the store of a channel of which some tables change and the others stay
-// as they are, packet by packet. Used by programme_plan.
+// Reads and edits the tables of a programme: the entry lists of PAT, CAT and SDT, the PIDs that a PMT names,
+// and the store of a channel, in which some tables change and the others keep their packets. Used by
+// programme_plan.
 #pragma once
 
 #include <functional>
@@ -22,14 +22,14 @@ inline constexpr u16 kNoNetwork = 0;  // "programme" of the PAT that names the N
 
 std::string ownerName(const Channel& channel);  // "channel 1.2", for messages
 
-// A PAT, CAT or SDT: entries behind a head that each section repeats. Entries stay in the sections in which
-// they stand, so that what is added and removed again leaves the table as it was.
+// A PAT, CAT or SDT: entries after a head that each section repeats. Entries stay in their sections, so
+// adding and then removing an entry leaves the table unchanged.
 class EntryTable {
  public:
-  // An empty table of one section; `head` is what stands before the entries (three bytes of an SDT).
+  // An empty table of one section; `head` is the data before the entries (three bytes of an SDT).
   EntryTable(PsiType type, u16 extension, Bytes head);
-  // Of all sections of a table, in any order. `owner` names it in messages ("channel 1.2"). Throws
-  // Error for a table that is incomplete, not current, of several extensions or malformed.
+  // From all sections of a table, in any order. `owner` is its name in messages ("channel 1.2"). Throws Error
+  // for a table that is incomplete, not current, of several extensions or malformed.
   EntryTable(PsiType type, const std::vector<Section>& sections, const std::string& owner);
 
   u16 extension() const { return extension_; }
@@ -37,9 +37,9 @@ class EntryTable {
   std::vector<Bytes> entries() const;
   void add(Bytes entry);
   void remove(const std::function<bool(const Bytes&)>& shouldRemove);
-  void change(const std::function<void(Bytes&)>& edit);  // the size of an entry stays
+  void change(const std::function<void(Bytes&)>& edit);  // the size of an entry must not change
 
-  // With the version that follows that of the sections given, or 0 where there were none.
+  // With the next version after the given sections, or 0 if there were none.
   std::vector<Section> sections() const;
 
  private:
@@ -63,7 +63,7 @@ std::string serviceName(std::span<const u8> entry);
 u8 eitFlags(std::span<const u8> entry);
 void setEitFlags(Bytes& entry, u8 flags);
 
-// A place where a PMT section or a CAT entry names a PID.
+// A position where a PMT section or a CAT entry names a PID.
 struct PidField {
   enum class Use { kStream, kPcr, kCa };
   std::size_t at = 0;  // of the two bytes that hold it
@@ -72,27 +72,27 @@ struct PidField {
   u16 caSystem = 0;   // of kCa
 
   u16 pid(std::span<const u8> bytes) const;
-  void set(Bytes& bytes, u16 pid) const;  // the three bits before it stay
+  void set(Bytes& bytes, u16 pid) const;  // the three bits before it are unchanged
 };
-// Throw Error when lengths in it do not fit.
+// Throw Error if lengths in it do not match.
 std::vector<PidField> pidsOfPmt(const Section& pmt);
-std::optional<PidField> pidOfCatEntry(std::span<const u8> entry);  // nothing for another descriptor
+std::optional<PidField> pidOfCatEntry(std::span<const u8> entry);  // nullopt for another descriptor
 
-// Gives a section another version, and its CRC anew.
+// Sets the version of a section, and recomputes its CRC.
 void setVersion(Section& section, u8 version);
 u8 nextVersion(u8 version);
 
-// True when every section from 0 to the last is there, all of one extension and version.
+// True if all sections from 0 to the last exist, all of one extension and version.
 bool isWhole(const std::vector<Section>& sections);
 
-// What a channel stores, table by table.
+// The store of a channel, table by table.
 class ChannelTables {
  public:
-  // Throws Error when packets cannot be read back: they would be lost.
+  // Throws Error if packets cannot be read back, because they would be lost.
   ChannelTables(const ReadBack& tables, const std::string& owner);
 
   std::vector<Section> sections(PsiType type) const;
-  void put(PsiType type, u16 pid, const std::vector<Section>& sections);  // none: the table goes
+  void put(PsiType type, u16 pid, const std::vector<Section>& sections);  // none: the table is removed
   bool has(PsiType type) const;
   UploadPlan plan() const;  // throws Error
 

@@ -29,7 +29,7 @@ constexpr u16 kOtherTablePids[] = {0x02, 0x12, 0x13, 0x14, 0x1E, 0x1F};
 
 struct NoteText {
   NoteKind kind;
-  const char* text;  // {0} the count, {1} "s" unless that is one
+  const char* text;  // {0} the count, {1} "s" unless the count is one
 };
 constexpr NoteText kNoteTexts[] = {
     {NoteKind::kTransportError, "{0} packet{1} marked as damaged left out"},
@@ -50,7 +50,7 @@ constexpr NoteText kNoteTexts[] = {
 class Account {
  public:
   void add(NoteKind kind, u16 pid, std::optional<u8> table, Offset at) {
-    // Table_ids of one name are one row: an event schedule alone uses sixteen.
+    // Table_ids with one name share a row: an event schedule alone uses sixteen.
     const Key key{kind, pid, table ? nameOfTableId(*table) : ""};
     Row& row = rows_.try_emplace(key, Row{.tableId = table, .count = 0, .first = at}).first->second;
     ++row.count;
@@ -88,7 +88,7 @@ class Account {
 // of one version only, so a new version does away with every section of the old one.
 class SectionStore {
  public:
-  // Gives the number of sections that the new one does away with.
+  // Returns the number of sections that the new one replaces.
   std::size_t add(Section section) {
     const Key key{*tableOfId(section.tableId()), section.pid, section.extension()};
     auto& table = tables_[key];

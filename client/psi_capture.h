@@ -1,6 +1,5 @@
-// Gathers the PSI of a capture: the sections of the eight tables that a card carries, of the newest version
-// each, and an account of everything that was left out. Used by whoever uploads a capture (qamctl, the
-// headend).
+// Collects the PSI of a capture: the sections of the eight tables that a card carries, in the newest version,
+// and a list of everything that was skipped. Used by programs that upload a capture (qamctl, the headend).
 #pragma once
 
 #include <filesystem>
@@ -14,8 +13,8 @@
 
 namespace client {
 
-// What a note reports. The first group concerns the file, the second packets, the third sections, the last
-// tables.
+// What a note reports. The first group is about the file, the second about packets, the third about sections,
+// the last about tables.
 enum class NoteKind {
   kLeadingBytes,
   kLostSync,
@@ -41,7 +40,7 @@ enum class NoteKind {
   kBadPmtPid,
 };
 
-// One kind of loss, of one table on one PID where it has these, and how often it happened.
+// One kind of loss, with its table and PID where they apply, and its count.
 struct Note {
   NoteKind kind{};
   std::optional<u16> pid;
@@ -60,11 +59,11 @@ struct Capture {
 // Packets may have 188, 192 or 204 bytes. Throws Error.
 Capture readCapture(const std::filesystem::path& file);
 
-// The same for a stream that can be rewound; `name` stands for it in messages.
+// The same for a stream that can be rewound; `name` is its name in messages.
 Capture readCapture(std::istream& stream, const std::string& name);
 
-// The sections, in order, that packets of one PID carry back to back; continuity counters are not looked at,
-// since a card stamps its own. Sections with errors are left out.
+// The sections, in order, from successive packets of one PID. Continuity counters are ignored, because a card
+// sets its own. Sections with errors are skipped.
 std::vector<Section> gatherSections(const std::vector<Packet>& packets);
 
 }  // namespace client

@@ -35,7 +35,7 @@ class Reader {
   }
 
  private:
-  // A PAT comes before the PMT in the order of tables, so that the PIDs of the PMT are known by then.
+  // A PAT precedes the PMT in the order of tables, so the PIDs of the PMT are known here.
   void readTable(PsiType type, ReadBack::Table& table) {
     const auto own = tablePid(type);
     for (const u16 pid : own ? std::set{*own} : pmtPids_) {
@@ -48,7 +48,7 @@ class Reader {
     }
   }
 
-  // Tables read before and after a change do not belong together.
+  // Tables read before and after a change do not match.
   void checkCounts(const ReadBack& result) {
     if (card_.tablesLocked() != result.locked) failOnChange();
     for (const PsiType type : kAllTables) {
@@ -56,7 +56,7 @@ class Reader {
     }
   }
 
-  // The last read that is possible starts before the end of the one before it, so packets may come twice.
+  // The last possible read starts before the end of the previous one, so packets may be read twice.
   ReadBack::Pid readPid(PsiType type, u16 pid) {
     ReadBack::Pid result{.pid = pid, .stored = 0, .packets = {}};
     do {

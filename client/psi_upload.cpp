@@ -7,7 +7,7 @@
 namespace client {
 namespace {
 
-constexpr u32 kCommittingPort = 1;  // the write of its CAT interval makes the card save its record
+constexpr u32 kCommittingPort = 1;  // after the write of its CAT interval the card saves its record
 
 void refuseLongIntervals(const Intervals& intervals) {
   for (const auto& [type, ticks] : intervals) {

@@ -1,6 +1,5 @@
-// The management of a channel's PSI, as procedures over a link: load, clear, set intervals. Used by qamctl
-// over UDP and by the headend's own operator in virtual time, so nothing here knows a socket, a thread or a
-// clock.
+// Procedures for a channel's PSI over a link: load, clear, set intervals. Used by qamctl over UDP and by the
+// headend's own operator in virtual time, so it does not depend on a socket, a thread or a clock.
 #pragma once
 
 #include <functional>
@@ -14,14 +13,14 @@ namespace client {
 
 struct UploadOptions {
   bool force =
-      false;  // unlock a locked channel and lock it again, so that a dead client's half upload is gone
+      false;  // unlock a locked channel and lock it again, to discard an aborted upload of another client
   std::function<void(std::size_t sent, std::size_t total)>
       progress;  // after each chunk, in packets; may be empty
 };
 
 // Replaces the channel's tables: lock, chunks, intervals (CAT last), unlock. Refuses a locked channel unless
-// forced (Error of kLocked), and an interval above kMaxInterval. Throws Error; kNoReply only where nothing
-// was changed yet.
+// forced (Error of kLocked), and an interval above kMaxInterval. Throws Error; kNoReply only if nothing was
+// changed yet.
 void upload(Link& link, const Channel& channel, const UploadPlan& plan, const Intervals& intervals,
             const UploadOptions& options = {});
 
@@ -29,7 +28,7 @@ void upload(Link& link, const Channel& channel, const UploadPlan& plan, const In
 void clear(Link& link, const Channel& channel, bool force);
 
 // Sets intervals while the tables are on the air. The card saves them only when channel 2's CAT interval is
-// written: that write comes last, with the value it had where it was not named. Throws Error.
+// written: that write is the last, with the old value if no new one is given. Throws Error.
 void setIntervals(Link& link, const Channel& channel, const Intervals& intervals);
 
 }  // namespace client

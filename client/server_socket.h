@@ -1,5 +1,5 @@
-// A UDP socket towards one server, with errors that an operator can act on. What the links over UDP are made
-// of: management (client/udp_link.h) and calibration (client/calibration.h).
+// A UDP socket to one server, with error messages that help an operator. Used by the links over UDP:
+// management (client/udp_link.h) and calibration (client/calibration.h).
 #pragma once
 
 #include <chrono>
@@ -12,33 +12,33 @@
 
 namespace client {
 
-// Whether the text is an "ADDR:PORT", with an IPv6 address in brackets. Asks no name server.
+// Whether the text is an "ADDR:PORT", with an IPv6 address in brackets. Does no name lookup.
 bool isServer(const std::string& text);
 
-// What an error says about the service that was looked for.
+// The service's name and advice for error messages.
 struct UdpService {
   u16 defaultPort;
-  const char* advice;  // what to do when it does not answer
+  const char* advice;  // what to do if it does not answer
 };
 
 class ServerSocket {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Throws Error when `server` is none (see isServer), is not known, or cannot be sent to. `service` must
+  // Throws Error if `server` is not valid (see isServer), is unknown, or cannot be sent to. `service` must
   // outlive the socket.
   ServerSocket(std::string server, const UdpService& service);
   ~ServerSocket();
   ServerSocket(const ServerSocket&) = delete;
   ServerSocket& operator=(const ServerSocket&) = delete;
 
-  // Throws Error, also when nothing listens where an earlier datagram went.
+  // Throws Error, also if no program listens at the destination of an earlier datagram.
   void send(std::span<const u8> datagram);
 
-  // The server's next datagram, or nothing by the deadline. Throws Error when nothing listens there.
+  // The server's next datagram, or nullopt at the deadline. Throws Error if no program listens there.
   std::optional<Bytes> receive(Clock::time_point deadline);
 
-  // Throws Error: the server, what happened, and the service's advice.
+  // Throws Error with the server, the problem, and the service's advice.
   [[noreturn]] void fail(const std::string& what) const;
 
  private:

@@ -1,4 +1,4 @@
-// The link over UDP that programs outside the headend use. One request at a time, from one thread.
+// The link over UDP for programs outside the headend. One request at a time, from one thread.
 #pragma once
 
 #include <chrono>
@@ -12,15 +12,15 @@ namespace client {
 struct UdpLinkOptions {
   std::chrono::milliseconds timeout{1000};  // for one reply, before the request is repeated
   int tries = 4;                       // all with one sequence number: the back end carries out one of them
-  std::chrono::milliseconds total{0};  // for one call with all its tries; 0 sets no limit of its own
+  std::chrono::milliseconds total{0};  // for one call with all its tries; 0: no limit of its own
 };
 
 class UdpLink : public Link {
  public:
-  // Throws Error when `server` is none (see isServer), is not known, or cannot be sent to.
+  // Throws Error if `server` is not valid (see isServer), is unknown, or cannot be sent to.
   explicit UdpLink(const std::string& server, const UdpLinkOptions& options = {});
 
-  // Throws Error when no reply came within the tries, or nothing listens there.
+  // Throws Error if no reply arrived within the tries, or no program listens there.
   Reply call(Request request) override;
   void wait(std::chrono::milliseconds time) override;
 

@@ -1,5 +1,5 @@
-// Turns the sections of a capture into what a card stores: packets, in chunks of one PID and one table. What
-// a card cannot hold is refused here, before anything is erased.
+// Converts the sections of a capture into the packets that a card stores, in chunks of one PID and one table.
+// Data that a card cannot store is refused here, before anything is erased.
 #pragma once
 
 #include <array>
@@ -32,13 +32,13 @@ struct UploadPlan {
   std::size_t packets = 0;
 };
 
-// A PID whose low nine bits are all ones marks a free place in the card's store: a packet on it would be
-// overwritten by the next one.
+// A PID whose low nine bits are all ones marks a free place in the card's store: the next packet would
+// overwrite a packet on that PID.
 constexpr bool marksFreePlace(u16 pid) {
   return (pid & 0x1FF) == 0x1FF;
 }
 
-// What a card stores of one table on one PID, in the order in which it sends it.
+// The packets that a card stores of one table on one PID, in sending order.
 struct StoredTable {
   PsiType type{};
   u16 pid = 0;
@@ -46,12 +46,12 @@ struct StoredTable {
   std::vector<Packet> packets;
 };
 
-// Packets are sent as they are and in the order of the tables here, which must be that of PsiType. Throws
+// Packets are sent unchanged and in the order of the tables here, which must be that of PsiType. Throws
 // Error.
 UploadPlan planStored(const std::vector<StoredTable>& tables);
 
-// Sections are sent in ascending order of table (as PsiType), PID, extension and number, whatever their
-// order here. Throws Error.
+// Sections are sent in ascending order of table (as PsiType), PID, extension and number, whatever their order
+// here. Throws Error.
 UploadPlan planUpload(std::vector<Section> sections);
 
 }  // namespace client

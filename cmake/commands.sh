@@ -1,9 +1,9 @@
 # shellcheck shell=bash disable=SC2034
-# What the commands run, test and .ci/run share: the Debian packages each needs and how a step is shown.
-# Sourced, never run.
+# Shared by the commands run, test and .ci/run: the Debian packages that each needs and the display of a step. Sourced,
+# never run.
 
-# run needs the first list, test the first two, bench/run these and its own, the checks of test --all and .ci/run the
-# last too.
+# run needs the first list, test the first two, bench/run these and its own, the checks of test --all and .ci/run also
+# the last.
 build_packages=(cmake ninja-build g++ pkg-config
                 libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev libncurses-dev
                 libpng-dev libsnmp-dev unifont)
@@ -15,7 +15,7 @@ check_packages=(clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev
 say() { printf '%s\n' "$@" >&2; }
 die() { say "$@"; exit 1; }
 
-# Runs a command and shows what it printed only if it fails.
+# Runs a command and shows its output only if it fails.
 quietly() {
   local output status=0
   output=$("$@" 2>&1 </dev/null) || status=$?
@@ -28,7 +28,7 @@ missing_packages() {
            <(printf '%s\n' "$@" | sort -u)
 }
 
-# Installs those of the packages that are missing. Asks dpkg first, so that a machine that has them needs no network.
+# Installs missing packages. Asks dpkg first, so that a machine with all packages needs no network.
 install_packages() {
   command -v dpkg-query >/dev/null || { say "No dpkg here, so packages are not checked; needed: $*"; return; }
   local missing as_root=()
@@ -41,7 +41,7 @@ install_packages() {
   fi
   say "Installing ${missing[*]} ..."
   local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300)
-  # A list that cannot be fetched need not matter: what counts is whether the packages install.
+  # A list that cannot be fetched is ignored: only the installation of the packages matters.
   local update_log
   update_log=$("${apt[@]}" update 2>&1 </dev/null) || true
   quietly "${apt[@]}" install --no-install-recommends -y "${missing[@]}" && return

@@ -1,5 +1,5 @@
-// A plug-in of clang-tidy for `./test --lint`: its checks walk through our own sources and headers, and not
-// through the headers of the system, of which they report nothing. That takes less than half the time.
+// A clang-tidy plug-in for `./test --lint`: its checks read only our own sources and headers, not the
+// system's headers, for which they report nothing. That takes less than half the time.
 #include <clang-tidy/ClangTidyCheck.h>
 #include <clang-tidy/ClangTidyModule.h>
 #include <clang-tidy/ClangTidyModuleRegistry.h>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// Called for the root of the syntax tree, before any check gets to what is below it.
+// Called for the root of the syntax tree, before any check reads the nodes below it.
 class OwnSources : public clang::tidy::ClangTidyCheck {
  public:
   using ClangTidyCheck::ClangTidyCheck;

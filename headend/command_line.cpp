@@ -58,7 +58,7 @@ void refuseSharedFiles(const Options& options) {
   const auto use = [&](const std::string& flag, const fs::path& file) {
     std::error_code ignored;
     if (file.empty() || (fs::exists(file, ignored) && !fs::is_regular_file(file, ignored))) return;
-    for (const auto& [other, user] : users) {  // a hard link is another name of the file
+    for (const auto& [other, user] : users) {  // a hard link is another name of the same file
       if (other == nameOf(file) || fs::equivalent(other, file, ignored))
         refuse(flag, file.string(), "is the file of " + user + " already");
     }

@@ -18,7 +18,7 @@ void EepromFiles::load(int slot, Eeprom& eeprom) {
   Eeprom::Image image;
   image.fill(0xFF);
   std::error_code error;
-  // What cannot be looked at is not blank.
+  // A file that cannot be checked must not be treated as blank.
   if (std::filesystem::symlink_status(file(slot), error).type() != std::filesystem::file_type::not_found) {
     std::ifstream stream(file(slot), std::ios::binary);
     stream.read(reinterpret_cast<char*>(image.data()), static_cast<std::streamsize>(image.size()));
@@ -36,7 +36,7 @@ std::string EepromFiles::save(int slot, Eeprom& eeprom, Nanos now) {
   const Eeprom::Image& image = eeprom.image(now);
   if (saved_[slot] == image) return {};
   std::error_code ignored;
-  std::filesystem::create_directories(folder_, ignored);  // what is in the way shows at the open
+  std::filesystem::create_directories(folder_, ignored);  // an error is reported by the open
   try {
     base::replaceFile(file(slot), file(slot).string() + ".new", image, base::Flush::kLater);
   } catch (const std::system_error& e) {

@@ -1,5 +1,4 @@
-// The calibration EEPROMs between runs: one file a slot in the flash folder, which is where a card's own
-// memory has to go when there is no card.
+// Keeps the contents of the calibration EEPROMs between runs: one file per slot in the flash folder.
 #pragma once
 
 #include <filesystem>
@@ -13,10 +12,10 @@ class EepromFiles {
  public:
   explicit EepromFiles(const std::filesystem::path& flash) : folder_(flash / "eeprom") {}
 
-  // Contents from the slot's file; blank where there is none. Throws std::runtime_error for a file of another
-  // size, or one that cannot be read.
+  // Contents from the slot's file; blank if there is no file. Throws std::runtime_error if the file has a
+  // different size or cannot be read.
   void load(int slot, Eeprom& eeprom);
-  // Writes the slot's file where the contents have changed. Empty when done, else what went wrong.
+  // Writes the slot's file if the contents have changed. Returns an empty text on success, else the error.
   std::string save(int slot, Eeprom& eeprom, Nanos now);
 
  private:

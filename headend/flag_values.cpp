@@ -142,7 +142,7 @@ void parseEepromCycle(const std::string& text, Options& options) {
   const auto [name, value] = splitAssignment("--eeprom-cycle", text, want);
   std::string slot = name + ".";
   const std::optional<int> number = takeSlot(slot);
-  const std::optional<Nanos> duration = parseSeconds(value);  // taken for milliseconds
+  const std::optional<Nanos> duration = parseSeconds(value);  // parsed as milliseconds
   if (!number || !slot.empty() || !duration || *duration > 1000 * kSecond)
     refuse("--eeprom-cycle", text, want);
   options.eepromCycles[*number] = *duration / 1000;

@@ -1,5 +1,5 @@
-// The values of `headend`'s flags, from text: each function reads one flag's text into the options, or throws
-// CLI::ValidationError that says what it should be. For the command line alone.
+// Parses the values of `headend`'s flags: each function parses one flag's text into the options, or throws
+// CLI::ValidationError with the expected form. Used only for the command line.
 #pragma once
 
 #include <optional>
@@ -12,17 +12,17 @@ namespace headend {
 
 [[noreturn]] void refuse(const std::string& flag, const std::string& text, const std::string& want);
 
-// Seconds with a fraction; nothing when the text is none, or does not fit.
+// Seconds with a fraction; nullopt if the text is not a number or is out of range.
 std::optional<Nanos> parseSeconds(const std::string& text);
 
-// Splits "LEFT=RIGHT"; both must be there, or `want` is said.
+// Splits "LEFT=RIGHT"; if one part is missing, the error message contains `want`.
 std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
                                                     const std::string& want);
-// The channel of that name, which stands in `text`.
+// The channel with that name; `text` is for messages.
 protocol::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name);
 
-// Takes "@SECONDS" off the end of a text; 0 where what follows the last @ is no time, for a file may have an
-// @ in its name.
+// Removes "@SECONDS" from the end of a text; 0 if the text after the last @ is not a time, because a file
+// name may contain an @.
 Nanos takeTimeIfAny(std::string& text);
 
 // "ADDRESS:PORT".
@@ -37,7 +37,7 @@ void parseSet(const std::string& text, Options& options);
 void parseCalibration(const std::string& text, Options& options);
 void parseEepromCycle(const std::string& text, Options& options);
 void parsePowerCut(const std::string& text, Options& options);
-void parseEpoch(const std::string& text, Options& options);  // empty: by default
+void parseEpoch(const std::string& text, Options& options);  // empty: default
 void parseKeys(const std::string& text, Options& options);
 void parseFault(const std::string& text, Options& options);
 

@@ -117,7 +117,7 @@ void Headend::installCards() {
   scheduleLossOfPower();
   chassis_.onInitReturned([this](int slot) {
     ports_[static_cast<std::size_t>(slot)]->loaderLeft();
-    if (trace_ == nullptr) card(slot).onRegister(nullptr);  // nobody is interested any more
+    if (trace_ == nullptr) card(slot).onRegister(nullptr);  // no receiver is left
     openMib(slot);
   });
 }
@@ -451,8 +451,8 @@ Headend::CardState Headend::state(int slot) const {
   const Chassis::Slot& s = chassis_.slot(slot);
   const auto hangs = [slot](const ParkedTask& p) { return p.still && p.slot == slot; };
   const FpgaConfiguration& part = cards_[static_cast<std::size_t>(slot)]->configuration();
-  // A card without a bitstream hangs too, at the first bus of which it waits for a line; what it lacks says
-  // more.
+  // A card without a bitstream also hangs, at the first bus whose line it waits for; the missing bitstream is
+  // the more useful message.
   if (std::any_of(parkedTasks_.begin(), parkedTasks_.end(), hangs)) {
     return part.attempts() == 0 ? CardState::kNoBitstream : CardState::kHung;
   }

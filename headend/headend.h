@@ -1,5 +1,5 @@
-// The running headend: the chassis's kernel, its hardware and its firmware, put together for one power-up.
-// One process runs one, for the cards' module keeps the state of its chassis.
+// The running headend: the chassis's kernel, hardware and firmware for one power-up. Only one per process,
+// because the cards' module keeps the state of its chassis in global variables.
 #pragma once
 
 #include <array>
@@ -57,12 +57,12 @@ class Headend final : private KernelObserver {
   };
   using CardState = protocol::CardState;
 
-  // Reads the captures and opens outputs and sockets. Throws std::runtime_error that says what cannot be
+  // Reads the captures and opens outputs and sockets. Throws std::runtime_error with the item that cannot be
   // used.
   explicit Headend(Options options);
   ~Headend() override;
 
-  // Runs to the end of the duration, or until `interrupted` becomes true. An ExitCode.
+  // Runs until the end of the duration, or until `interrupted` becomes true. Returns an ExitCode.
   int run(const std::atomic<bool>& interrupted);
 
   // For the report and the status view.
@@ -86,7 +86,7 @@ class Headend final : private KernelObserver {
   CardState state(int slot) const;
   bool powerWasCut() const { return powerCut_; }
   std::string calibrationAddress() const;
-  const SnmpAgent* snmp() const { return snmp_.get(); }  // null when it is off
+  const SnmpAgent* snmp() const { return snmp_.get(); }  // null if it is off
   std::string managementAddress() { return backEnd_.socket().hostAddress(); }
 
   // For the services of platform/.
@@ -105,7 +105,7 @@ class Headend final : private KernelObserver {
   void heapExhausted(std::size_t size);
   void debugPrint(const char* format, std::va_list args);
 
-  // Called once a system tick, on the running task's stack: for views of a person who watches.
+  // Called once per system tick, on the running task's stack: for status views.
   void onTick(std::function<void()> hook) { onTick_ = std::move(hook); }
 
  private:
@@ -125,7 +125,7 @@ class Headend final : private KernelObserver {
   void connectRouter();
   void provideServices();
   std::unique_ptr<TsInput> openInput(const Options::Input& input);
-  Multiplexer* outputOf(int slot, int port);  // null where there is no card
+  Multiplexer* outputOf(int slot, int port);  // null if there is no card
   u32 routerMap(const protocol::Request& request, base::Bytes& reply);
   MenuEngine::Firmware menuFirmware();
   void installCards();
@@ -175,11 +175,11 @@ class Headend final : private KernelObserver {
   std::function<void()> onTick_;
 };
 
-// Makes a flash folder with the sample bitstream. Throws std::runtime_error; a folder with a bitstream is
-// refused.
+// Creates a flash folder with the sample bitstream. Throws std::runtime_error; refuses a folder that has a
+// bitstream.
 void initFlash(const std::filesystem::path& folder);
 
-// The one running headend, through which the services of platform/ reach it. Set while a Headend lives.
+// The one running headend; the services of platform/ use it. Set while a Headend exists.
 void setRunning(Headend* headend);
 
 }  // namespace headend

@@ -68,12 +68,12 @@ int main(int argc, char** argv) {
   if (line.exitCode) return *line.exitCode;
   struct sigaction action {};
   action.sa_handler = onSignal;
-  action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second one ends it at once
+  action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second signal ends it at once
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
   if (line.options.panel) {
     sigaction(SIGHUP, &action, nullptr);
-    action.sa_flags = SA_NOCLDSTOP;  // whoever quits the panel ends the run
+    action.sa_flags = SA_NOCLDSTOP;  // quitting the panel ends the run
     sigaction(SIGCHLD, &action, nullptr);
   }
   std::signal(SIGPIPE, SIG_IGN);

@@ -7,7 +7,7 @@
 namespace headend {
 namespace {
 
-constexpr std::uint16_t kFirstPort = 49200;  // inside the chassis only; one a lane
+constexpr std::uint16_t kFirstPort = 49200;  // inside the chassis only; one per lane
 constexpr int kPatienceSeconds = 60;         // a chassis under load answers late, but it answers
 
 }  // namespace

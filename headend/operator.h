@@ -1,5 +1,5 @@
-// The operator of a run without one: does what the command line asks for, through the management datagrams,
-// as a management client would. Needs no network, so such a run is the same each time.
+// The automatic operator of a run: carries out the command line's jobs through the management datagrams, like
+// a management client. Needs no network, so such a run is always the same.
 #pragma once
 
 #include <functional>
@@ -15,24 +15,24 @@ namespace headend {
 
 class Operator {
  public:
-  // A client is outside the chassis: no load in there keeps it from asking.
+  // A client is outside the chassis: load inside the chassis does not stop it from sending requests.
   static constexpr int kPriority = 50;
 
   struct Job {
-    std::string lane;  // jobs of one lane are done one after the other
+    std::string lane;  // jobs of one lane run one after the other
     int slot = 0;
-    std::string name;                                  // what is said of it
+    std::string name;                                  // name for messages
     Nanos at = 0;                                      // at this time, or as soon as the card runs
-    std::function<void(client::Link& link)> carryOut;  // throws where it fails
+    std::function<void(client::Link& link)> carryOut;  // throws if it fails
   };
 
   Operator(Kernel& kernel, Network& network, const Chassis& chassis, Log& log);
   ~Operator();
 
-  // Each lane has a task of its own, so that a card that does not start holds up nobody else's jobs.
+  // Each lane has its own task, so that a card that does not start does not delay other jobs.
   void start(std::vector<Job> jobs);
 
-  // Jobs that failed, and those that were not done when the run ended; empty when all is well.
+  // Jobs that failed, and jobs not done when the run ended; empty if all jobs succeeded.
   std::vector<std::string> complaints() const;
 
  private:

@@ -1,4 +1,4 @@
-// What a run is asked to do: the flags of `headend`, checked and turned into values. Slots and channels count
+// The options of a run: the flags of `headend`, checked and converted into values. Slots and channels count
 // from 0 here, from 1 on the command line.
 #pragma once
 
@@ -28,10 +28,10 @@ struct Options {
     u32 id = 0;
     std::string name;
     u32 value = 0;
-    std::string warning;  // what an operator should know of that value
+    std::string warning;  // a warning about that value for the operator
     Nanos at = 0;
   };
-  // What a sensor measures from a time on.
+  // The temperature of a sensor from a time on.
   struct Temperature {
     int slot = 0;
     int sensor = 1;
@@ -44,28 +44,28 @@ struct Options {
     std::vector<chassis::PanelKey> keys;
     Nanos at = 0;
   };
-  // What breaks, on one card or on all of them.
+  // A fault, on one card or on all of them.
   struct Fault {
     std::optional<int> slot;
     std::string name;
     Nanos at = 0;
   };
 
-  // The power goes, at an edge of the slot's DAC and EEPROM lines or at a time.
+  // A power cut, at an edge of the slot's DAC and EEPROM lines or at a time.
   struct PowerCut {
     int slot = 0;
     std::uint64_t edge = 0;  // from 1; 0: at the time
     Nanos at = 0;
   };
 
-  // What comes into an input of a source card: a file, at its own pace or at a bit rate, or what is sent to
+  // The signal at an input of a source card: a file, at its own pace or at a bit rate, or packets received at
   // an address of this machine.
   struct Input {
     std::filesystem::path file;
     std::optional<std::uint64_t> bitRate;
     std::optional<std::pair<std::string, std::uint16_t>> address;
   };
-  // An input that is lost from a time on: for good, or for the first half of each period.
+  // An input that is lost from a time on: permanently, or for the first half of each period.
   struct InputLoss {
     protocol::SourcePort source;
     Nanos at = 0;
@@ -83,10 +83,10 @@ struct Options {
     Nanos at = 0;
   };
 
-  // The SNMP agent: who reaches it, and where notifications go.
+  // The SNMP agent: its listening address, and the destination of notifications.
   struct Snmp {
-    std::optional<std::pair<std::string, std::uint16_t>> listen;    // none: closed
-    std::optional<std::pair<std::string, std::uint16_t>> trapSink;  // none: nobody
+    std::optional<std::pair<std::string, std::uint16_t>> listen;    // nullopt: closed
+    std::optional<std::pair<std::string, std::uint16_t>> trapSink;  // nullopt: none
     std::filesystem::path secrets;
     bool writeCommunity = false;
     std::vector<u32> base;  // ten components
@@ -115,16 +115,16 @@ struct Options {
   std::optional<PowerCut> powerCut;
   std::optional<Nanos> duration;
   bool fast = false;
-  u32 epoch = 0;  // when virtual time begins: seconds since 1970-01-01 UTC
-  std::optional<std::pair<std::string, std::uint16_t>> manage;       // none: off
-  std::optional<std::pair<std::string, std::uint16_t>> calibration;  // none: no service
+  u32 epoch = 0;  // start of virtual time: seconds since 1970-01-01 UTC
+  std::optional<std::pair<std::string, std::uint16_t>> manage;       // nullopt: off
+  std::optional<std::pair<std::string, std::uint16_t>> calibration;  // nullopt: no service
   Snmp snmp;
   bool panel = false;
   std::string log;
   std::string report;
   std::string busLog;
   std::string trace;
-  std::vector<std::string> traceLines;  // globs; none: every register
+  std::vector<std::string> traceLines;  // globs; empty: every register
   Kernel::Settings kernel;
   std::size_t heapBytes = 32U << 20;
   u8 heapFill = 0xFF;
@@ -136,11 +136,10 @@ enum ExitCode : int {
   kExitDone = 0,
   kExitFailed = 1,  // a card does not run at the end, an output, save or upload failed, a file cannot be used
   kExitWrongCall = 2,  // the command line
-  kExitStopped = 3,    // an interrupt routine did what it may not, or a menu tree is broken
+  kExitStopped = 3,    // an interrupt routine did something forbidden, or a menu tree is broken
 };
 
-// The options of a command line; or the exit code with which to leave, after help or an error has been
-// printed.
+// The options of a command line; or the exit code, after help or an error has been printed.
 struct CommandLine {
   Options options;
   std::optional<int> exitCode;

@@ -47,7 +47,7 @@ std::string readAll(int pipe) {
   const std::string server = readAll(pipe);
   if (!server.empty() && getppid() == parent) {
     try {
-      // A headend that is stopped for a while keeps its panel; its end is told by the signal.
+      // The panel stays if the headend is stopped for a while; a signal reports the headend's end.
       tools::runPanel({.server = server, .patience = std::chrono::hours(24)});
     } catch (const std::exception& e) {
       fmt::print(stderr, "headend: panel: {}\n", e.what());

@@ -1,6 +1,5 @@
-// The front panel on the terminal that a run was started from: a child of the process, which reaches the
-// headend over the management socket like every client. A headend that crashes takes it along, and the
-// terminal is as it was.
+// The front panel on the terminal from which a run was started: a child process that uses the management
+// socket like every client. If the headend crashes, the child ends too and restores the terminal.
 #pragma once
 
 #include <sys/types.h>
@@ -13,23 +12,23 @@ namespace headend {
 
 class PanelProcess {
  public:
-  // Makes the child, which waits for `show`: to be called while the process has neither sockets nor outputs.
-  // Throws std::runtime_error where there is no terminal for a panel.
+  // Creates the child, which waits for `show`: call it while the process has no sockets or outputs. Throws
+  // std::runtime_error if there is no terminal for a panel.
   PanelProcess();
   ~PanelProcess();
   PanelProcess(const PanelProcess&) = delete;
   PanelProcess& operator=(const PanelProcess&) = delete;
 
-  // The panel takes the terminal; what the process says on it from now on is kept until the panel has ended.
-  // When it ends by itself, the process gets SIGCHLD. Throws std::runtime_error.
+  // The panel takes over the terminal; the output of the process is stored from now on until the panel ends.
+  // If the panel ends by itself, the process gets SIGCHLD. Throws std::runtime_error.
   void show(const std::string& server);
 
-  // Ends the panel and prints what was said meanwhile, the last lines of it. Returns whether the panel ended
-  // well.
+  // Ends the panel and prints the last lines of the stored output. Returns whether the panel ended without an
+  // error.
   bool close();
 
  private:
-  struct Kept {  // a stream on the terminal, turned aside
+  struct Kept {  // a redirected stream of the terminal
     int stream;
     int terminal;
   };
@@ -37,7 +36,7 @@ class PanelProcess {
   void turnBack();
 
   pid_t child_ = -1;
-  int server_ = -1;  // a pipe, on which the child waits for its address
+  int server_ = -1;  // a pipe from which the child reads its address
   std::FILE* said_ = nullptr;
   std::vector<Kept> kept_;
 };

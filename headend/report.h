@@ -1,5 +1,5 @@
-// What a run tells at its end, and a client that asks for the status while it runs: one JSON object,
-// described in docs/report.md.
+// The report at the end of a run, and the status for clients while it runs: one JSON object, described in
+// docs/report.md.
 #pragma once
 
 #include <string>

@@ -119,7 +119,7 @@ void addKeys(const Options& options, std::vector<Operator::Job>& jobs) {
                     .carryOut = [keys](client::Link& link) {
                       for (const chassis::PanelKey key : keys.keys) {
                         client::pressKey(link, key);
-                        link.wait(kBetweenKeys);  // as a hand would, so that the menu follows
+                        link.wait(kBetweenKeys);  // gives the menu time, as for a user's keys
                       }
                     }});
   }

@@ -1,5 +1,4 @@
-// What the command line asks a run to do besides running: jobs for the operator. Captures are read here,
-// before anything starts.
+// The jobs that the command line gives to the operator. Captures are read here, before the run starts.
 #pragma once
 
 #include "headend/firmware/log.h"
@@ -8,7 +7,7 @@
 
 namespace headend {
 
-// Throws std::runtime_error that says which capture cannot be used.
+// Throws std::runtime_error with the capture that cannot be used.
 std::vector<Operator::Job> operatorJobs(const Options& options, Log& log);
 
 }  // namespace headend

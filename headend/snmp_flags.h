@@ -1,4 +1,4 @@
-// The flags of the SNMP agent: --snmp and what goes with it. As flag_values.h, for the command line alone.
+// The flags of the SNMP agent: --snmp and related flags. Like flag_values.h, only for the command line.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -9,7 +9,7 @@
 
 namespace headend {
 
-// As they come.
+// The unparsed texts.
 struct SnmpTexts {
   std::optional<std::string> listen;
   std::string trapSink;

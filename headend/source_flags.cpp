@@ -24,7 +24,7 @@ Options::Input parseInput(const std::string& whole, const std::string& text) {
   const std::size_t at = text.rfind('@');
   if (at == std::string::npos) return input;
   const auto rate = base::parseDecimal<u64>(text.substr(at + 1));
-  if (!rate) return input;  // an @ of the file's name
+  if (!rate) return input;  // the @ is part of the file's name
   if (*rate < FileInput::kSlowest || *rate > FileInput::kFastest) {
     refuse("--source", whole, "a rate is in bits a second, from 1000 to 1000000000");
   }

@@ -1,5 +1,5 @@
-// The flags that bring programmes into a run: --source, --pidmap, --programme, and the fault of an input. As
-// flag_values.h, for the command line alone.
+// The flags for programme sources: --source, --pidmap, --programme, and the fault of an input. Like
+// flag_values.h, only for the command line.
 #pragma once
 
 #include <string>
@@ -12,10 +12,10 @@ void parseSource(const std::string& text, Options& options);
 void parsePidMap(const std::string& text, Options& options);
 void parseProgramme(const std::string& text, Options& options);
 
-// "N.P.input-lost[@SECONDS[/PERIOD]]"; false when the text names another fault.
+// "N.P.input-lost[@SECONDS[/PERIOD]]"; false if the text names another fault.
 bool parseInputLoss(const std::string& text, Options& options);
 
-// Whether these flags fit together and with the cards. Throws CLI::ValidationError.
+// Checks that these flags match each other and the cards. Throws CLI::ValidationError.
 void checkSources(const Options& options);
 
 }  // namespace headend

@@ -146,7 +146,7 @@ std::string StatusView::table() {
 void StatusView::draw() {
   for (const int slot : headend_.options().slots) headend_.card(slot).advanceOutputs(headend_.kernel().now());
   const std::string text = table();
-  // Debug lines on the same terminal have moved the old table up: leave it and begin anew below.
+  // Debug lines on the same terminal have moved the old table up: draw a new table below.
   const bool undisturbed = !headend_.log().onStderr() || headend_.log().lines() == logLinesThen_;
   if (linesDrawn_ > 0 && undisturbed) fmt::print("\033[{}A\033[J", linesDrawn_);
   fmt::print("{}", text);

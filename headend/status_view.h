@@ -1,6 +1,5 @@
-// The plain view for a person who watches: a table of the cards, drawn over itself on a terminal once a
-// second; where output is no terminal, a line whenever a card's state or what it has on the air changes. With
-// --fast, how far the run has come.
+// The plain status view: on a terminal, a table of the cards, redrawn once a second; if output is not a
+// terminal, a line when a card's state or output changes. With --fast, the progress of the run.
 #pragma once
 
 #include <chrono>

@@ -12,7 +12,7 @@ namespace headend {
 namespace {
 
 bool matchesOne(const std::string& glob, int slot, const char* name) {
-  const bool namesSlot = glob.find('.') != std::string::npos;  // no register has a point in its name
+  const bool namesSlot = glob.find('.') != std::string::npos;  // register names have no point
   return fnmatch(glob.c_str(), namesSlot ? fmt::format("slot{}.{}", slot + 1, name).c_str() : name, 0) == 0;
 }
 
@@ -31,7 +31,7 @@ VcdTrace::VcdTrace(const std::string& file, std::span<const int> slots, std::spa
   if (file_ == nullptr)
     throw std::runtime_error(fmt::format("cannot open trace {}: {}", file, std::strerror(errno)));
   const std::string text = header(slots, globs);
-  // A full disk is told by finish(), here and in all that follows.
+  // A full disk is reported by finish(), for this and all later writes.
   std::fwrite(text.data(), 1, text.size(), file_);
 }
 

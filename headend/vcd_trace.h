@@ -1,6 +1,6 @@
 // The registers of the cards' windows over virtual time, as a VCD file (IEEE 1364, four-state value change
-// dump): what waveform viewers show and protocol decoders read. The headend tells it of every access while
-// --trace is given.
+// dump) for waveform viewers and protocol decoders. The headend reports every access to it if --trace is
+// given.
 #pragma once
 
 #include <array>
@@ -16,9 +16,9 @@ namespace headend {
 
 class VcdTrace {
  public:
-  // A file of the registers of these slots (from 0) that any of the globs matches, as "cdce925_*" or
+  // A file of the registers of these slots (from 0) that match any of the globs, as "cdce925_*" or
   // "slot1.att_*"; without a glob all of them. All begin with 0, as in an FPGA just configured. Throws
-  // std::runtime_error when the file cannot be opened.
+  // std::runtime_error if the file cannot be opened.
   VcdTrace(const std::string& file, std::span<const int> slots, std::span<const std::string> globs);
   VcdTrace(const VcdTrace&) = delete;
   VcdTrace& operator=(const VcdTrace&) = delete;
@@ -27,11 +27,11 @@ class VcdTrace {
   // Whether a glob matches a register of one of these slots.
   static bool matches(const std::string& glob, std::span<const int> slots);
 
-  // A register has this value now. Written if it is traced and has changed; of a line, bit 0 counts.
+  // Reports a register's current value. Written if it is traced and has changed; for a line, bit 0 is used.
   void note(int slot, u32 offset, u16 value, Nanos now);
 
-  // The end of the run: viewers show the last values up to here. False if the file could not be written
-  // whole.
+  // The end of the run: viewers show the last values until here. False if the file could not be written
+  // completely.
   bool finish(Nanos now);
 
  private:
@@ -44,7 +44,7 @@ class VcdTrace {
   void writeTime(Nanos now);
 
   std::FILE* file_;
-  Nanos written_ = 0;                                               // the time that the file has come to
+  Nanos written_ = 0;                                               // the time reached in the file
   std::vector<std::array<Signal, kCardRegisters.size()>> signals_;  // by slot, from 0
 };
 

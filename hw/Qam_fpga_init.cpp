@@ -14,8 +14,8 @@ constexpr const char* kUnit = "Qam_fpga_init";
 constexpr const char* kBitstream = "/tffs0/K717_QAM/qam.bin";
 constexpr int kAttempts = 10;
 constexpr int kStatusReads =
-    10001;  // some milliseconds on the main board's bus; a part answers in microseconds
-constexpr int kClosingClocks = 10;  // the part starts up on clocks that follow the last bit
+    10001;  // some milliseconds on the main board's bus; a part is ready in microseconds
+constexpr int kClosingClocks = 10;  // the part starts on clocks that follow the last bit
 
 void clockPulse(brdFpgaCfg_t& port) {
   port.fpga_dclk = 1;
@@ -97,15 +97,15 @@ int QamfpgaInit(u8 slotNo) {
     chassis::DebugPrint("qam fpga can not open %s file!\r\n", kBitstream);
     return 0;
   }
-  // Without a bitstream the start-up goes on: a card whose FPGA was loaded over its test connector has none
-  // here.
+  // Without a bitstream the start-up continues: a card whose FPGA was loaded over its test connector has no
+  // file here.
   int size = 0;
   const u8* data = readBitstream(file, size);
   if (data == nullptr) {
     std::fclose(file);
     return 0;
   }
-  // Buffer and file stay: once a slot start, and a debugger finds in memory what the part was given.
+  // Buffer and file are kept: one per slot start, so that a debugger can show the data sent to the part.
   return cfg_qam_fpga(slotNo, data, size) == 0 ? 0 : -1;
 }
 

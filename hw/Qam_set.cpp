@@ -62,8 +62,8 @@ void Qam_ResetAll(u8 slotNo) {
   os::sleepMilliseconds(10);
   window->nrst = kResetReleased;
   delay();
-  // Once more: the logic of the first line needs two pauses before the second line may fall, and a glitch on
-  // the bus in between must not leave it held.
+  // Repeated: the logic of the first line needs two pauses before the second line may fall, and a glitch on
+  // the bus in between must not leave it in reset.
   window->nrst = kResetReleased;
   delay();
   window->nrst = kResetSecond;
@@ -83,12 +83,12 @@ void Qam_para_set(u8 slotNo, QamCardPara* pQam) {
   window->pkt_len1 = 1;
   window->oport_num0 = 0;
   window->oport_num1 = 1;
-  Qam_ResetAll(slotNo);  // again: the first one may have fallen into the settling of the new clock
+  Qam_ResetAll(slotNo);  // again: the first reset may have happened while the new clock settled
   window->power = settings.power;
   window->rf0_en = settings.rfswitch;
   SetLO1Freq(slotNo);
   SetFreq(slotNo, settings.rfreq);
-  window->X24C16SDA = 1;  // the EEPROM's bus idles high, whatever a start-up cut short has left on it
+  window->X24C16SDA = 1;  // the EEPROM's bus idles high, whatever an aborted start-up has left on it
   window->X24C16SCL = 1;
   SetRfLevel(slotNo, static_cast<u16>(settings.rflevel));
   os::taskUnlock();
@@ -124,7 +124,7 @@ void hrf_set(u8 slotNo, u16 data) {
   for (int bit = kAttenuatorBits - 1; bit >= 0; --bit) {
     window->att_q1_clk = 0;
     delay();
-    window->att_q1_dat = static_cast<u16>(data >> bit);  // the line takes bit 0: nothing needs masking
+    window->att_q1_dat = static_cast<u16>(data >> bit);  // the line uses only bit 0: no mask is needed
     delay();
     window->att_q1_clk = 1;
     delay();
@@ -144,8 +144,8 @@ void FpgaGetRate(u8 slotNo, u8 Port, u32* pSysRate, u32* pVldRate) {
   window->rate_ctrl_rst = 1;
   os::sleepMilliseconds(500);
 
-  // The names mislead: "valid" counts all bytes of the output, "system" its null packets. They stand like
-  // this in the FPGA's own documents.
+  // The names are misleading: "valid" counts all bytes of the output, "system" its null packets. The FPGA's
+  // own documents use these names.
   u32 bytes = 0;
   u16 nullPackets = 0;
   if (Port == 0) {
@@ -208,7 +208,7 @@ void cdce925set(u8 slotNo, u32 freq, cdce925_para* pPara) {
   if (row == pPara + kClockRows) return;
 
   CdceRegWrite(slotNo, 0x14, static_cast<u8>(row->h20));
-  CdceRegRead(slotNo, 0x14, 1);  // looked at on a bus analyser only, never here
+  CdceRegRead(slotNo, 0x14, 1);  // for a bus analyser only; the value is not used
   CdceRegWrite(slotNo, 0x16, static_cast<u8>(row->h22));
   CdceRegWrite(slotNo, 0x17, static_cast<u8>(row->h23));
   CdceRegWrite(slotNo, 0x18, static_cast<u8>(row->h24));

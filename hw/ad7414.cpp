@@ -53,8 +53,8 @@ u16 get_temper(u8 slotNo, u8 placeNo) {
   }
   u8 value[2];
   ad7414_reg_read(slotNo, value, kTemperature, sizeof value, placeNo);
-  // Ten bits in quarter degrees, down to whole ones. The sign is not extended: panels and management systems
-  // in the field know the sensor's eight bits as they stand.
+  // Ten bits in quarter degrees, rounded down to whole ones. The sign is not extended: panels and management
+  // systems in the field expect the sensor's eight bits unchanged.
   const u16 degrees = wire::get16(value) >> 6 >> 2;
   os::taskUnlock();
   return degrees;

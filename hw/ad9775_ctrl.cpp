@@ -59,8 +59,8 @@ void Ad9775Ctrl_Init(u8 slotNo) {
 
   char name[20];
   std::snprintf(name, sizeof name, "tAd9775Ctrl%d", slotNo);
-  // All arguments are 0, so the task serves the first socket whoever starts it: packets name their slot, and
-  // one service is enough for a chassis.
+  // All arguments are 0, so the task always serves the first socket: packets give their slot, and one service
+  // is enough for a chassis.
   os::taskSpawn(name, kTaskPriority, 0, kTaskStack, serviceEntry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
   chassis::Dog();
 }

@@ -1,12 +1,12 @@
 // The calibration service: a factory or service tool reads the DAC's thirteen registers over UDP, port 49156,
-// and writes new values to DAC and EEPROM. It has no authentication: whoever reaches the port calibrates. One
-// task serves all slots, for a packet names its own; the chassis starts it with `Ad9775Ctrl_Init(0)`.
+// and writes new values to DAC and EEPROM. It has no authentication: any client can calibrate. One task
+// serves all slots, because a packet gives its slot; started with `Ad9775Ctrl_Init(0)`.
 #pragma once
 
 #include "platform/chassis.h"
 #include "platform/types.h"
 
-// Request and reply alike. docs/calibration.md describes them for anybody who writes a tool.
+// Same format for request and reply. docs/calibration.md describes them for authors of tools.
 struct AdIpPacket {
   u8 idx;      // 1 read, 2 write and save
   u8 Channel;  // slot, from 0
@@ -16,18 +16,18 @@ struct AdIpPacket {
 };
 static_assert(sizeof(AdIpPacket) == 15 && alignof(AdIpPacket) == 1);
 
-extern int mysock[MAX_BOARD_NUM];  // of which the task serves the first
+extern int mysock[MAX_BOARD_NUM];  // the task serves only the first
 
 extern "C" {
 
-// Makes the socket and starts the task, once: for slot 0, whose socket is the one served. Failures are not
-// reported; the task then waits for a socket that never receives. Start-up, or a debug shell.
+// Creates the socket and starts the task, once: for slot 0, whose socket is the one served. Failures are not
+// reported; the task then waits on a socket that never receives. Start-up, or a debug shell.
 void Ad9775Ctrl_Init(u8 slotNo);
 
-// The task: about ten requests a second, for ever.
+// The task: about ten requests per second, never returns.
 void Ad9775Ctrl(u8 slotNo);
 
 // One request. 1: a reply of *OutLen bytes is in Out; 0: done, no reply; -1: no request, nothing done. `Src`
-// must hold 15 bytes, whatever `Len` says.
+// must have 15 bytes, whatever the value of `Len`.
 int AdPackHandle(u8 slotNo, u8* Src, int Len, u8* Out, int* OutLen);
 }

@@ -16,7 +16,7 @@ enum Synthesizer : u32 { kFirst = 0, kSecond = 1 };
 
 // Latch words (ADF4113 data sheet, tables of the latches).
 constexpr i32 kLatchBits = 24;
-constexpr u32 kReferenceLatch = 1040 << 2;  // 13 MHz over 1040 is one step
+constexpr u32 kReferenceLatch = 1040 << 2;  // 13 MHz divided by 1040 is one step
 constexpr u32 kNCounterLatch = 1;
 // Function latch: both charge-pump currents at maximum, digital lock detect on the multiplexer output.
 constexpr u32 kFunctionLatch = 0x1F8012;

@@ -1,7 +1,7 @@
-// The one I2C master of the card's software-driven buses (UM10204, standard mode): start, stop, bytes and
-// acknowledges as changes of two lines, and the two transfers that every device on them knows. A bus differs
-// from the others only in what `I2cBus` says. Takes no lock; a slave that holds the clock low holds the
-// caller for good.
+// The only I2C master of the card's software-driven buses (UM10204, standard mode): start, stop, bytes and
+// acknowledges as changes of two lines, and the two transfers that every device on them supports. Buses
+// differ only in the fields of `I2cBus`. Takes no lock; a slave that holds the clock low blocks the caller
+// permanently.
 #pragma once
 
 #include "platform/bus.h"
@@ -9,13 +9,13 @@
 #include "platform/kernel.h"
 
 struct I2cBus {
-  // A data line that was let fall gets a second wait.
+  // A falling data line gets a second wait.
   bool slowFall = false;
-  // A byte is sent at a pace of its own, with the watchdog kicked, and no look at the clock line.
+  // A byte is sent at its own pace, with watchdog kicks, and without checking the clock line.
   bool pacedSend = false;
-  // What reads as a high clock: exactly 1, or all but 0.
+  // What counts as a high clock: exactly 1, or all but 0.
   bool anyLevelIsHigh = false;
-  // Lines may be null, which is no bus: writes go nowhere, and it reads as an idle one.
+  // Lines may be null, which means no bus: writes have no effect, and it reads as an idle bus.
   bool optionalLines = false;
 };
 
@@ -73,8 +73,8 @@ class I2cMaster {
     return byte;
   }
 
-  // The clock of the slave's acknowledge, after up to 200 looks for it where the caller waits. One that does
-  // not come is clocked through: what a device did not take shows in what it does.
+  // The clock of the slave's acknowledge, after checking for it up to 200 times if the caller waits. A
+  // missing acknowledge is ignored and clocked: an error is visible only in the device's behaviour.
   void takeAcknowledge(bool waits) {
     if (waits) {
       const Reg16* line = data_;
@@ -92,7 +92,7 @@ class I2cMaster {
     dataHigh();
   }
 
-  // Whether a device acknowledges its address byte: one that is busy does not.
+  // Whether a device acknowledges its address byte: a busy device does not.
   bool answers(u8 device) {
     start();
     send(device);
@@ -110,7 +110,7 @@ class I2cMaster {
     send(address);
   }
 
-  // `device` is the address byte for writing. The last byte's acknowledge is not waited for.
+  // `device` is the address byte for writing. The acknowledge of the last byte is not waited for.
   void write(u8 device, u8 address, const u8* bytes, int size) {
     startWith(device, address);
     takeAcknowledge(true);
@@ -135,8 +135,7 @@ class I2cMaster {
   }
 
  private:
-  // The changes of a line are two calls and a store: a compiler that saves space would make them calls of
-  // calls.
+  // A line change is two calls and a store: a compiler that optimises for size would make them nested calls.
   [[gnu::always_inline]] static void change(Reg16* line, u16 level) {
     chassis::Delay5us();
     if (!kBus.optionalLines || line != nullptr) *line = level;
@@ -149,7 +148,7 @@ class I2cMaster {
     change(data_, 0);
     if (kBus.slowFall) chassis::Delay5us();
   }
-  // In the loops that wait for a line; a compiler that saves space would make it a call there.
+  // Used in the loops that wait for a line; a compiler that optimises for size would make it a call there.
   [[gnu::always_inline]] static u8 sense(const Reg16* line) {
     return !kBus.optionalLines || line != nullptr ? static_cast<u8>(*line) : 1;
   }

@@ -1,11 +1,11 @@
 # shellcheck shell=bash
-# Where programs find QAM-HEADEND-MIB and the modules that it needs, for smilint and smidump (SMIPATH) and for the
-# programs of Net-SNMP (MIBDIRS, MIBS). Needs the packages erlang-snmp and libsnmp-base. In bash:
+# Paths to QAM-HEADEND-MIB and the modules that it needs, for smilint and smidump (SMIPATH) and for the programs of
+# Net-SNMP (MIBDIRS, MIBS). Needs the packages erlang-snmp and libsnmp-base. In bash:
 #
 #   . mibs/paths.sh
 #   snmptranslate -Td QAM-HEADEND-MIB::slot1Level
 #
-# The module for another base, in a folder of its own, goes behind: of two Net-SNMP takes the last.
+# A module for another base, in its own folder, must be added at the end: Net-SNMP uses the last of two.
 #
 #   MIBDIRS=$MIBDIRS:FOLDER
 

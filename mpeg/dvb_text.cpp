@@ -10,7 +10,7 @@ namespace mpeg {
 namespace {
 
 struct Coding {
-  std::string table;      // as iconv names it; empty for one that nobody knows
+  std::string table;      // its iconv name; empty if unknown
   std::size_t selection;  // bytes at the start of the text that select it
   bool byteControls;      // 0x80 to 0x9F are controls, one byte each
 };

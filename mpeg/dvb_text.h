@@ -8,8 +8,8 @@
 
 namespace mpeg {
 
-// The text without its emphasis marks, line breaks as spaces. Bytes that its character table does not have,
-// and texts of a table that nobody here knows, come out with U+FFFD in their place.
+// The text without its emphasis marks, line breaks as spaces. Bytes that are not in its character table, and
+// texts of an unknown table, are replaced with U+FFFD.
 std::string dvbText(std::span<const u8> text);
 
 }  // namespace mpeg

@@ -15,7 +15,7 @@ inline constexpr std::size_t kPacketHeaderSize = 4;
 using Packet = std::array<u8, kTsPacketSize>;
 using PacketView = std::span<const u8, kTsPacketSize>;
 
-// Without a payload yet: all bytes behind the header are stuffing.
+// Without a payload yet: all bytes after the header are stuffing.
 constexpr Packet makePacket(u16 pid, bool startsUnit, u8 continuity) {
   Packet packet{};
   packet.fill(0xFF);
@@ -54,8 +54,7 @@ inline bool announcesDiscontinuity(std::span<const u8> packet) {
   return hasAdaptation(packet) && packet[4] > 0 && (packet[5] & 0x80) != 0;
 }
 
-// Where the payload starts; kTsPacketSize when there is none, or no room for the one that the header
-// announces.
+// Start of the payload; kTsPacketSize if there is none, or no room for the announced one.
 inline std::size_t payloadStart(std::span<const u8> packet) {
   if (!hasPayload(packet)) return kTsPacketSize;
   if (!hasAdaptation(packet)) return kPacketHeaderSize;

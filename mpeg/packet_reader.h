@@ -1,6 +1,5 @@
-// Finds the packets of a transport stream in a file: the first one behind any garbage, the next one after a
-// lost sync byte, of 188, 192 (with a time stamp in front) or 204 bytes (with parity behind). Used by
-// psi_capture.
+// Finds the packets of a transport stream in a file, after leading garbage and after a lost sync byte.
+// Packets have 188, 192 (with a time stamp before) or 204 bytes (with parity after). Used by psi_capture.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +11,13 @@
 
 namespace mpeg {
 
-using Offset = std::uint64_t;  // a position in a file, which may be larger than any number of the wire
+using Offset = std::uint64_t;  // a position in a file, which may exceed the numbers in a stream
 
 class PacketReader {
  public:
   struct SyncLoss {
     Offset at;       // position in the file where a sync byte was expected
-    Offset skipped;  // bytes up to the next packet; 0 when that starts within the packet before
+    Offset skipped;  // bytes to the next packet; 0 if that starts within the packet before
   };
 
   explicit PacketReader(std::istream& stream) : stream_(stream) {}
@@ -27,7 +26,7 @@ class PacketReader {
   // stream.
   const u8* next();
 
-  // Of the packet returned last.
+  // For the packet returned last.
   Offset position() const { return last_; }
 
   Offset leadingBytes() const { return leadingBytes_; }
@@ -49,8 +48,8 @@ class PacketReader {
   std::vector<u8> window_;  // the bytes of the stream from base_ on
   Offset base_ = 0;
   Offset stride_ = 0;  // distance between packets; 0 before the first is found
-  Offset last_ = 0;    // where the packet returned last starts
-  Offset next_ = 0;    // where the next one should start
+  Offset last_ = 0;    // start of the packet returned last
+  Offset next_ = 0;    // expected start of the next one
   Offset leadingBytes_ = 0;
   Offset trailingBytes_ = 0;
   std::vector<SyncLoss> losses_;

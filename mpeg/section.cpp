@@ -41,7 +41,7 @@ void packSection(const Section& section, u8& continuity, std::vector<Packet>& pa
   for (bool isFirst = true; !rest.empty(); isFirst = false) {
     Packet& packet = packets.emplace_back(makePacket(section.pid, isFirst, continuity++));
     std::size_t at = kPacketHeaderSize;
-    if (isFirst) packet[at++] = 0;  // pointer_field: the section starts right behind it
+    if (isFirst) packet[at++] = 0;  // pointer_field: the section starts directly after it
     const auto part = rest.first(std::min(rest.size(), kTsPacketSize - at));
     std::ranges::copy(part, packet.begin() + static_cast<std::ptrdiff_t>(at));
     rest = rest.subspan(part.size());

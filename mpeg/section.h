@@ -1,4 +1,4 @@
-// Sections of the tables that a card carries (ISO/IEC 13818-1, 2.4.4), and the packets they travel in.
+// Sections of the tables that a card carries (ISO/IEC 13818-1, 2.4.4), and their packets.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@ namespace mpeg {
 
 using base::Bytes;
 
-// A section of one of the eight tables, whole (table_id to CRC), of valid length and CRC.
+// A complete section of one of the eight tables (table_id to CRC), with valid length and CRC.
 struct Section {
   u16 pid = 0;
   Bytes bytes;
@@ -32,15 +32,14 @@ inline constexpr std::size_t kSectionHeaderSize = 8;  // table_id to last_sectio
 inline constexpr std::size_t kCrcSize = 4;
 inline constexpr std::size_t kMaxSectionSize = 1024;  // of the eight tables; others may have 4096
 
-// CRC_32 of MPEG-2 sections; 0 over a section that ends with its own.
+// CRC_32 of MPEG-2 sections; 0 over a section including its own CRC.
 u32 crc32(std::span<const u8> bytes);
 
-// The PIDs of programme map sections that a PAT section names; not the one of the network (programme number
-// 0).
+// The PIDs of programme map sections that a PAT section names, without the network PID (programme number 0).
 std::vector<u16> programmeMapPids(const Section& pat);
 
-// Appends the section to `packets` in packets of its own: the first with a start indicator and pointer_field
-// 0, the last one stuffed with 0xFF. `continuity` is the PID's counter, used and moved on.
+// Appends the section to `packets` in its own packets: the first with a start indicator and pointer_field 0,
+// the last one stuffed with 0xFF. `continuity` is the PID's counter; it is updated.
 void packSection(const Section& section, u8& continuity, std::vector<Packet>& packets);
 
 }  // namespace mpeg

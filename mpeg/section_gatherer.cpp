@@ -20,7 +20,7 @@ SectionGatherer::SectionGatherer(OnSection onSection, OnLoss onLoss)
     : onSection_(std::move(onSection)), onLoss_(std::move(onLoss)) {}
 
 void SectionGatherer::push(std::span<const u8> packet) {
-  if (hasTransportError(packet)) {  // its header may be as wrong as its payload: the counter will tell
+  if (hasTransportError(packet)) {  // its header may be wrong too: the counter will show it
     onLoss_(Loss::kTransportError, std::nullopt);
     return;
   }

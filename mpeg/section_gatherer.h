@@ -1,5 +1,5 @@
-// Puts the sections of one PID together from its packets, and reports what cannot be put together. Used by
-// psi_capture; knows nothing of tables, CRCs or versions.
+// Assembles the sections of one PID from its packets, and reports errors. Used by psi_capture; does not
+// depend on tables, CRCs or versions.
 #pragma once
 
 #include <functional>
@@ -13,12 +13,12 @@ namespace mpeg {
 class SectionGatherer {
  public:
   enum class Loss {
-    kTransportError,  // the demodulator marked the packet as damaged
+    kTransportError,  // the packet is marked as damaged
     kScrambled,
     kContinuityError,  // packets are missing before this one
-    kBadPacket,        // no room for what its adaptation field or pointer announces
+    kBadPacket,        // no room for the announced adaptation field or pointer
     kNotSections,      // the packet starts an elementary stream's unit
-    kCutSection,       // the rest of a section did not come; with its table_id
+    kCutSection,       // the rest of a section is missing; with its table_id
   };
   using OnSection = std::function<void(std::span<const u8> section)>;
   using OnLoss = std::function<void(Loss loss, std::optional<u8> tableId)>;
@@ -28,7 +28,7 @@ class SectionGatherer {
   // A packet of the PID, kTsPacketSize bytes from its sync byte on.
   void push(std::span<const u8> packet);
 
-  // No packet follows.
+  // There are no more packets.
   void finish() { cut(); }
 
  private:
@@ -40,9 +40,9 @@ class SectionGatherer {
 
   OnSection onSection_;
   OnLoss onLoss_;
-  Bytes open_;                      // what has come of a section; empty when none is open
+  Bytes open_;                      // received part of a section; empty if none is open
   std::optional<Packet> previous_;  // the last packet with payload
-  bool repeated_ = false;           // it came twice
+  bool repeated_ = false;           // it was received twice
 };
 
 }  // namespace mpeg

@@ -11,13 +11,13 @@
 
 namespace mpeg {
 
-// Also the order in which they are uploaded.
+// Also the upload order.
 inline constexpr std::array kAllTables = {PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT, CAT};
 static_assert(kAllTables.size() == PSINUM);
 
 inline constexpr u16 kEitPid = 0x12;
 inline constexpr u16 kTimePid = 0x14;       // of TDT and TOT
-inline constexpr u16 kFirstFreePid = 0x20;  // below lie the PIDs of tables
+inline constexpr u16 kFirstFreePid = 0x20;  // lower PIDs are for tables
 constexpr bool isReservedPid(u16 pid) {
   return pid < kFirstFreePid || pid >= kNullPid;
 }
@@ -26,17 +26,17 @@ const char* tableName(PsiType type);  // "PAT", "SDT_C", ...
 constexpr u8 tableId(PsiType type) {
   return kPsiTables[type].table_id;
 }
-// The PID on which the table belongs; nothing for the PMT, whose PIDs the PAT names.
+// The PID of the table; nullopt for the PMT, whose PIDs are in the PAT.
 constexpr std::optional<u16> tablePid(PsiType type) {
   return kPsiTables[type].pid == kNullPid ? std::nullopt : std::optional(kPsiTables[type].pid);
 }
 
-// Nothing for a name (in capitals, as above) or a table_id that is none of the eight.
+// nullopt for a name (in capitals, as above) or a table_id that is not one of the eight.
 std::optional<PsiType> tableOfName(std::string_view name);
 std::optional<PsiType> tableOfId(u8 tableId);
 
-// A name for any table_id: one of the eight above, "EIT", "TDT", ..., or "table 0x80" where nobody agreed on
-// one.
+// A name for any table_id: one of the eight above, "EIT", "TDT", ..., or "table 0x80" if it has no standard
+// name.
 std::string nameOfTableId(u8 tableId);
 
 }  // namespace mpeg

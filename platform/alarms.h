@@ -1,4 +1,4 @@
-// The chassis's alarm list, one for all slots. The chassis keeps the records; drivers hand over their parts.
+// The chassis's alarm list, one for all slots. The chassis stores the records; drivers provide parts of them.
 // Chinese texts are GBK, English ones ASCII. Tasks only.
 #pragma once
 
@@ -12,7 +12,7 @@ struct alarm_t {
   u16 RstTimes;
   u16 Type;
   u32 HappenTime;     // seconds since 1970-01-01 UTC
-  u32 DisappearTime;  // likewise, once cleared
+  u32 DisappearTime;  // same unit, once cleared
   u8 Stat;
   u8 IsDisappeared;
   u8 Slot;
@@ -40,7 +40,7 @@ extern "C" {
 void AddAnAlarm(u8 slotNo, u8 port, u16 type, const char* zhTitle, const char* zhContent, const char* enTitle,
                 const char* enContent, const char* zhTrap, const char* enTrap);
 void DelAnAlarm(u8 slotNo, u8 port, u16 type, const char* zhTrap, const char* enTrap);
-// Not 0 while the list holds such an alarm. The last argument is the chassis's own; 0.
+// Not 0 while the list has such an alarm. The last argument is for the chassis; pass 0.
 int IsAlarmExist(u8 slotNo, u8 port, u16 type, int arg4);
 
 // The main board's number of a card's output: its bit in the board's registers.

@@ -1,5 +1,5 @@
-// The chassis's back-end registry: tables of variables that management software reads and writes, and the
-// header that comes with each request. Requests are served one at a time, by one task.
+// The chassis's back-end registry: tables of variables for management software to read and write, and the
+// header of each request. Requests are served one at a time, by one task.
 #pragma once
 
 #include "platform/types.h"
@@ -9,9 +9,9 @@ namespace chassis {
 // The header of a request, parsed to host byte order.
 struct bc_vhdr_t {
   u16 paraType;  // variable id
-  u16 cardNo;    // slot; the low 8 bits count
-  u32 portNo;    // output port; the low 8 bits count
-  u16 vLength;   // bytes of data: of the request on entry, of the reply on return from a read
+  u16 cardNo;    // slot; only the low 8 bits are used
+  u32 portNo;    // output port; only the low 8 bits are used
+  u16 vLength;   // bytes of data: of the request at the call, of the reply at the return from a read
   u16 reLength;  // a read's request data begins reLength + 12 bytes after the start of this header
   u32 reserved;
 };

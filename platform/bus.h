@@ -13,7 +13,7 @@ namespace os {
 u16 busRead16(const volatile void* reg);
 void busWrite16(volatile void* reg, u16 value);
 
-// Where the models keep what the processor sees at `address`; null where nothing answers.
+// The pointer that the models use for the bus address `address`; null if no device is there.
 void* busAddress(u32 address);
 
 #else
@@ -43,7 +43,7 @@ class Reg16 {
     os::busWrite16(&cell_, value);
     return *this;
   }
-  // NOLINTNEXTLINE(google-explicit-constructor): code reads as on the card, `if (fpga->version == 7)`
+  // NOLINTNEXTLINE(google-explicit-constructor): same code as on the card, `if (fpga->version == 7)`
   operator u16() const { return os::busRead16(&cell_); }
 
  private:

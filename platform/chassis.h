@@ -1,5 +1,5 @@
-// What the module asks of the chassis's main firmware, and the descriptor by which the firmware knows a card.
-// C linkage, so that the firmware's own functions satisfy these declarations. Tasks and start-up only.
+// What the module needs from the chassis's main firmware, and the descriptor through which the firmware uses
+// a card. C linkage, so that the firmware's functions match. Tasks and start-up only.
 #pragma once
 
 #include "platform/numbers.h"
@@ -7,8 +7,8 @@
 
 namespace chassis {
 
-// The driver descriptor of one card. A driver fills one from the heap and hands it to `cardInsert`; the
-// firmware keeps it and reaches the card through it. Routines that a card has not are null.
+// The driver descriptor of one card. A driver fills one from the heap and passes it to `cardInsert`; the
+// firmware keeps it and accesses the card through it. Routines that a card does not have are null.
 struct card {
   char cardName[20];
   u8 slotNo;
@@ -24,11 +24,11 @@ struct card {
   void (*mibRegister)(const u32* oid_base, int oid_base_len);
   void (*trapRoutine)(u8 slotNo);
   void (*init)(u8 slotNo);
-  void (*auxClkIntRoutine)(u8 slotNo);  // called in interrupt context, once a tick of the auxiliary clock
+  void (*auxClkIntRoutine)(u8 slotNo);  // called in interrupt context, once per tick of the auxiliary clock
   void (*Irq0Routine)(u8 slotNo);
   void (*Irq4Routine)(u8 slotNo);
   void (*Irq5Routine)(u8 slotNo);
-  void* varPtr;  // the card's parameter record, `varSize` bytes, which `para_save` writes out
+  void* varPtr;  // the card's parameter record, `varSize` bytes, which `para_save` writes
   u32 varSize;
 };
 
@@ -42,14 +42,13 @@ void configOneSlotBus(u8 slotNo, int arg1, int arg2);
 void setCardType(u8 slotNo, int typeCode);
 
 // Programs a position (0..255) of the chassis's PID router for an output of the card: three words, the lowest
-// first, that hold bits 0-12 source PID, 13-16 source port, 17-20 source slot, 21 in use, 22-34 PID on the
-// output.
+// first: bits 0-12 source PID, 13-16 source port, 17-20 source slot, 21 in use, 22-34 PID on the output.
 int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words);
 
 // Writes the slot's record to its parameter file. 0, or -1 when it could not be written.
 int para_save(u8 slotNo);
 
-// Busy waits of 5 us, two routines of the main firmware's, and a kick of the watchdog.
+// Busy waits of 5 us, two routines of the main firmware, and a watchdog kick.
 void Delay5us();
 void delay5us();
 void Dog();

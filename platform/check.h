@@ -1,5 +1,5 @@
-// Checks of what a caller handed over. A failed check is reported with its text, unit and line, and the code
-// goes on as if it had passed: what happens then is the chassis's decision.
+// Checks of arguments. A failed check is reported with its text, unit and line, and the code continues as if
+// it had passed: the chassis decides what happens then.
 #pragma once
 
 #include "platform/types.h"
@@ -11,7 +11,7 @@ extern "C" void __assert_fail(const char* text, const char* unit, unsigned line,
 namespace os {
 
 #ifdef QAM_VIRTUAL_BUS
-// What lies behind a failed check is the caller's fault, and no finding of the analyzer.
+// After a failed check, errors are the caller's fault and not a finding for the analyzer.
 #ifdef __clang_analyzer__
 __attribute__((analyzer_noreturn))
 #endif
@@ -23,7 +23,7 @@ inline void checkFailed(const char* text, const char* unit, int line) {
 #endif
 
 // `line` is given where field engineers search for that number in their notes; elsewhere it is the caller's
-// own.
+// line.
 inline void check(bool holds, const char* text, const char* unit, int line = __builtin_LINE()) {
   if (!holds) checkFailed(text, unit, line);
 }

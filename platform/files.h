@@ -1,5 +1,5 @@
-// Files of the chassis's flash, below "/tffs0". Reading, seeking and closing are the standard library's own;
-// only opening is the system's, for a host keeps the flash in a folder. Tasks only.
+// Files of the chassis's flash, below "/tffs0". Reading, seeking and closing are the standard library's
+// functions; only opening is a system function, because a host keeps the flash in a folder. Tasks only.
 #pragma once
 
 #include <cstdio>

@@ -1,6 +1,6 @@
-// Chinese text of the front panel and the alarms: written as UTF-8 in the sources, GBK on the wire. The
-// conversion is the compiler's work; a character that the table lacks is a compile error. Code points from
-// Unicode, codes from GB 2312-80, whose 94 x 94 square GBK keeps.
+// Chinese text of the front panel and the alarms: UTF-8 in the sources, GBK in memory and datagrams. The
+// compiler does the conversion; a character missing in the table is a compile error. Code points from
+// Unicode, codes from GB 2312-80, whose 94 x 94 square is part of GBK.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +27,7 @@ inline constexpr Code kCodes[] = {
     {U'高', 0xB8DF},
 };
 
-void characterMissing();  // never defined, and not constexpr: the compiler stops where it would be called
+void characterMissing();  // never defined, and not constexpr: a call is a compile error
 
 constexpr u16 codeOf(char32_t character) {
   for (const Code& code : kCodes) {

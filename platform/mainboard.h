@@ -1,6 +1,6 @@
-// The main board's FPGA as a card driver sees it: a block of 16-bit registers, of which drivers of this kind
-// use the configuration ports, one a slot, and the outputs' overflow bits. The pointer `pbbFpgaIf` is the
-// chassis's.
+// The main board's FPGA as a card driver uses it: a block of 16-bit registers. Drivers of this kind use the
+// configuration ports, one per slot, and the outputs' overflow bits. The pointer `pbbFpgaIf` belongs to the
+// chassis.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 #include "platform/bus.h"
 #include "platform/chassis.h"
 
-// One slot's port for loading the FPGA of the card in it.
+// One slot's port for loading the FPGA of its card.
 struct brdFpgaCfg_t {
   Reg16 fpga_ncfg;       // request: kStartConfiguration, then kReleaseConfiguration; reads back the last code
   Reg16 fpga_dclk;       // configuration clock line
@@ -33,9 +33,9 @@ static_assert(offsetof(brdFpgaCfg_t, config_protect) == 10);
 static_assert(offsetof(brdFpgaCfg_t, reserved) == 12);
 
 struct bbFpga_t {
-  Reg16 chassis[188];        // resets, interrupts, LEDs and router: the main firmware's own
-  Reg16 rate_overflow;       // read: a bit an output, by the number of `out_port_to_mbrd_out`
-  Reg16 chassis_rates[195];  // the main firmware's own
+  Reg16 chassis[188];        // resets, interrupts, LEDs and router: for the main firmware
+  Reg16 rate_overflow;       // read: one bit per output, by the number of `out_port_to_mbrd_out`
+  Reg16 chassis_rates[195];  // for the main firmware
   brdFpgaCfg_t fpgaCfg[MAX_BOARD_NUM];
 };
 static_assert(offsetof(bbFpga_t, rate_overflow) == 376);

@@ -1,5 +1,5 @@
-// The card's share of the heap. A host limits it, fills it with a byte of its own, and makes it a point at
-// which tasks are switched. Tasks only; null when the heap is exhausted.
+// The card's part of the heap. A host limits it, fills it with a byte value, and switches tasks at these
+// calls. Tasks only; null if the heap is exhausted.
 #pragma once
 
 #include <cstdlib>

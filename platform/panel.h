@@ -1,6 +1,6 @@
-// The chassis's front panel as a card driver sees it: menu items, the engine that walks them, the LCD of four
-// rows and the keys. The engine, the LCD and the keypad are the chassis's. Start-up registers; only the menu
-// task draws and reads keys, but for what a failed start-up says.
+// The chassis's front panel as a card driver uses it: menu items, the menu engine, the LCD of four rows and
+// the keys. The engine, the LCD and the keypad belong to the chassis. Start-up registers items; only the menu
+// task draws and reads keys, except that a failed start-up prints lines.
 #pragma once
 
 #include "platform/gbk.h"
@@ -8,18 +8,18 @@
 
 namespace chassis {
 
-// A label of a menu item: text of the panel's code, padded with zeros; written "..."_label.
+// A label of a menu item: text in the panel's encoding, padded with zeros; written "..."_label.
 struct Label {
   char text[20];
 };
 
-// One line of a menu. A table is an array of them, its last marked so by `flag`.
+// One line of a menu. A table is an array of them; `flag` marks the last.
 struct item_t {
   static constexpr u32 kNoVariable = 0xFFFFFFFF;
 
   u32 id = kNoVariable;  // variable; kNoVariable for navigation and options
-  u16 val = 0;           // of an option: the variable's value that it stands for; of a root: the slot
-  u16 flag = 0;          // kLast and others below
+  u16 val = 0;           // of an option: its value of the variable; of a root: the slot
+  u16 flag = 0;          // kLast and the others below
   u32 minVal = 0;        // with kHandler, the address word of an `ItemHandler`
   u32 maxVal = 0;
   const char* postfix = "";         // unit after a value
@@ -27,7 +27,7 @@ struct item_t {
   Label zh = {};                    // GBK
   Label en = {};                    // ASCII
 
-  static constexpr u16 kReadOnly = 0x0001;  // of a handler: it shows and does not edit
+  static constexpr u16 kReadOnly = 0x0001;  // of a handler: only shows, does not edit
   static constexpr u16 kLast = 0x0002;      // of its table
   static constexpr u16 kSettable = 0x0004;  // of an option item: the operator may choose
   static constexpr u16 kOptions = 0x0008;   // `submenu` holds options for the variable's value
@@ -35,13 +35,13 @@ struct item_t {
   static constexpr u16 kHandler = 0x2000;   // `minVal` names the routine that shows or edits the value
 };
 
-// What the engine calls for an item with `kHandler`, in the menu task. It owns LCD and keys until it returns:
-// 0, or -1 for a null item.
+// The engine calls this for an item with `kHandler`, in the menu task. The handler has LCD and keys until it
+// returns: 0, or -1 for a null item.
 using ItemHandler = long(const item_t* item, u8 slotNo, u32 port);
 
 // Attributes of lines and headings.
 inline constexpr u32 kPanelValue = 0x10000000;
-inline constexpr int kPanelWholeLine = 0x20000000;  // in place of a column: the line anew, from column 0
+inline constexpr int kPanelWholeLine = 0x20000000;  // instead of a column: redraws the line from column 0
 
 enum PanelKey : u8 {
   kKeyNone = 0,
@@ -51,13 +51,13 @@ enum PanelKey : u8 {
   kKeyDown = 4,
   kKeyLeft = 5,
   kKeyRight = 6,
-  kKeyLeave = 0xFF,  // nobody has pressed a key for long: leave, and save nothing
+  kKeyLeave = 0xFF,  // no key for a long time: leave, and save nothing
 };
 
 extern "C" {
 
-// Hands a card's root item to the engine, which copies it: the next card of the same kind may use the record
-// anew.
+// Gives a card's root item to the engine, which copies it: the next card of the same kind may reuse the
+// record.
 void menuRegister(item_t* root);
 
 // Empties the LCD and draws the item's heading line.
@@ -67,13 +67,13 @@ void menuDispItem(const item_t* item, int arg2, u32 attribute);
 [[gnu::format(printf, 5, 6)]] void lcdPrintf(int row, int column, u32 attribute, u32 mask, const char* format,
                                              ...);
 
-// The key pressed, a PanelKey; with none it waits for one system tick and returns kKeyNone.
+// The key pressed, a PanelKey; without a key it waits for one system tick and returns kKeyNone.
 u8 keyScan();
 
 }  // extern "C"
 }  // namespace chassis
 
-// A label's text in the panel's code. One that does not fit, with its closing zero, is a compile error.
+// A label's text in the panel's encoding. A text that does not fit with its final zero is a compile error.
 template <gbk::Utf8 S>
 constexpr chassis::Label operator""_label() {
   static_assert(gbk::kConverted<S>.length() < sizeof(chassis::Label));

@@ -1,4 +1,4 @@
-// How the chassis reads the three words that `set_one_map` gives a position of its PID router, the lowest
+// How the chassis reads the three words that `set_one_map` sets for a position of its PID router, lowest
 // first: bits 0-12 PID on the input, 13-16 input port, 17-20 slot, 21 in use, 22-34 PID on the output.
 #pragma once
 

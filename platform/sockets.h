@@ -1,6 +1,6 @@
-// UDP sockets of the chassis, as its kernel has them. The names are the C library's, so a host redirects
-// them: a socket here is one of the chassis's, and waiting for a datagram holds up one task and not the
-// process. Tasks only.
+// UDP sockets of the chassis, from its kernel. The names are the C library's, so a host redirects them: a
+// socket here is a chassis socket, and waiting for a datagram blocks one task and not the process. Tasks
+// only.
 #pragma once
 
 #include "platform/types.h"
@@ -11,7 +11,7 @@ namespace os {
 inline constexpr int AF_INET = 2;
 inline constexpr int SOCK_DGRAM = 2;
 
-// An address of the Internet family as the kernel keeps it: port and address in network order.
+// An address of the Internet family as the kernel stores it: port and address in network order.
 struct sockaddr_in {
   u8 sin_len;
   u8 sin_family;
@@ -51,7 +51,7 @@ inline int close(int s) {
 // A socket, or ERROR.
 int socket(int domain, int type, int protocol);
 int bind(int s, sockaddr_in* name, int length);
-// Bytes received, cut to `length`, or ERROR. Waits.
+// Bytes received, cut to `length`, or ERROR. Blocks until a datagram arrives.
 int recvfrom(int s, char* buffer, int length, int flags, sockaddr_in* from, int* fromLength);
 int sendto(int s, char* buffer, int length, int flags, sockaddr_in* to, int toLength);
 int close(int s);

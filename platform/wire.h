@@ -1,5 +1,5 @@
-// Big-endian numbers of records that travel. `wire::U16` and `wire::U32` are fields of such records: bytes
-// without alignment, so that a record can be laid over any buffer from the network.
+// Big-endian numbers of records in datagrams. `wire::U16` and `wire::U32` are fields of such records: bytes
+// without alignment, so that a record can be placed over any buffer from the network.
 #pragma once
 
 #include "platform/types.h"

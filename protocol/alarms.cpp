@@ -7,7 +7,7 @@
 namespace protocol {
 namespace {
 
-constexpr std::size_t kPageHead = 8;  // the number that the next event will have
+constexpr std::size_t kPageHead = 8;  // the number of the next event
 constexpr std::size_t kRecordHead = 24;
 
 void put64(u8* at, std::uint64_t value) {
@@ -70,7 +70,7 @@ Bytes alarmPage(std::uint64_t next) {
 }
 
 bool addToPage(Bytes& page, const AlarmEvent& event) {
-  constexpr std::size_t kMostData = 1400;  // with all headers it fits a frame of Ethernet
+  constexpr std::size_t kMostData = 1400;  // with all headers it fits into an Ethernet frame
   const Bytes record = encode(event);
   if (page.size() + record.size() > kMostData) return false;
   page.insert(page.end(), record.begin(), record.end());

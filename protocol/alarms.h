@@ -1,5 +1,5 @@
-// The chassis's alarms from outside, and the pages in which they travel: those that stand, and the events
-// that its log keeps. docs/management-datagram.md describes the records.
+// The chassis's alarms for clients, and the pages that transfer them: the active alarms, and the events of
+// the log. docs/management-datagram.md describes the records.
 #pragma once
 
 #include <cstdint>
@@ -20,20 +20,20 @@ struct Alarm {
   u8 port = 0;
   u16 type = 0;
   u32 happened = 0;             // seconds since 1970-01-01 UTC
-  std::string zhTitle, zhText;  // what the panel shows
+  std::string zhTitle, zhText;  // shown on the panel
   std::string enTitle, enText;
   std::string zhTrap, enTrap;  // for logs and traps
 };
 
 struct AlarmEvent {
   enum class Kind : u8 { kRaised = 0, kRecovered = 1, kRecoveredWithoutAlarm = 2, kSlotAbsent = 3 };
-  std::uint64_t number = 0;  // rises by one an event, across restarts
+  std::uint64_t number = 0;  // increases by one per event, also across restarts
   u32 at = 0;                // seconds since 1970-01-01 UTC
   Kind kind = Kind::kRaised;
-  Alarm alarm;  // of a recovery its own trap texts, and the titles of the alarm that it ended
+  Alarm alarm;  // for a recovery: its own trap texts, and the titles of the alarm that it ended
 };
 
-// How a kind is called in JSON and in the languages of the front panel.
+// The name of a kind in JSON and in the languages of the front panel.
 struct AlarmEventKind {
   const char* name;
   const char* english;
@@ -41,8 +41,8 @@ struct AlarmEventKind {
 };
 const AlarmEventKind& kindOf(const AlarmEvent& event);
 
-// A page of alarms or events: begun with the number that the next event will have, filled while there is room
-// (false: there is none), and read.
+// A page of alarms or events: starts with the number of the next event; entries are added while there is room
+// (false: no room); and it can be read.
 Bytes alarmPage(std::uint64_t next);
 bool addToPage(Bytes& page, const AlarmEvent& event);
 struct AlarmPage {
@@ -50,7 +50,7 @@ struct AlarmPage {
   std::vector<AlarmEvent> events;
 };
 std::optional<AlarmPage> decodeAlarmPage(std::span<const u8> data);
-// The data of a request: the number from which on events are wanted.
+// The data of a request: the number of the first event wanted.
 std::optional<std::uint64_t> pageFrom(std::span<const u8> request);
 
 }  // namespace protocol

@@ -1,4 +1,4 @@
-// What a card is doing, as the status names it and the panels say it. The names are part of docs/report.md.
+// The state of a card: names in the status and texts on the panels. The names are part of docs/report.md.
 #pragma once
 
 #include <optional>

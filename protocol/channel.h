@@ -1,5 +1,5 @@
-// The places that operators name: an output of a card, an input of a source card. They count from 1 in texts
-// ("1.2" is channel 2 of the card in slot 1), from 0 on the wire and in the code.
+// Names of places for operators: an output of a card, an input of a source card. They count from 1 in texts
+// ("1.2" is channel 2 of the card in slot 1), from 0 in datagrams and in the code.
 #pragma once
 
 #include <map>
@@ -26,7 +26,7 @@ struct SourcePort {
 
 // "N", a slot; from 0.
 std::optional<int> parseSlot(std::string_view text);
-// "N.P"; nothing for any other text.
+// "N.P"; nullopt for any other text.
 std::optional<Channel> parseChannel(std::string_view text);
 std::optional<SourcePort> parseSourcePort(std::string_view text);
 
@@ -38,8 +38,7 @@ std::string inputName(const SourcePort& source);  // "input 6.1"
 using Intervals = std::map<PsiType, u32>;
 inline constexpr u32 kMaxInterval = 65535;
 
-// "TABLE=TICKS", TICKS a decimal number up to kMaxInterval. Throws std::invalid_argument, which says what is
-// wrong.
+// "TABLE=TICKS", TICKS a decimal number up to kMaxInterval. Throws std::invalid_argument with the error.
 std::pair<PsiType, u32> parseInterval(std::string_view text);
 
 }  // namespace protocol

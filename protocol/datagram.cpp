@@ -25,7 +25,7 @@ constexpr std::size_t kResultAt = 24;
 struct ResultText {
   u32 result;
   const char* text;
-  u16 variable = 0;  // of which it means this; 0: of any other
+  u16 variable = 0;  // the variable for this meaning; 0: any other
 };
 constexpr ResultText kResultTexts[] = {
     {kMapTooLong, "the card takes at most 256 entries", kPidMapChunk},

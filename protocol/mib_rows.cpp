@@ -67,7 +67,7 @@ std::vector<u32> parseMibBase(std::string_view text) {
   if (base.size() != kMibBaseLength) throw wrong(fmt::format("it has {} components", base.size()));
   if (base[0] > 2) throw wrong("the first component is above 2");
   if (base[0] < 2 && base[1] > 39) throw wrong("the second component is above 39, behind a first of 0 or 1");
-  // The first two travel as one 32-bit number.
+  // The first two are encoded as one 32-bit number.
   if (base[0] == 2 && base[1] > 0xFFFFFFFF - 80)
     throw wrong("the second component is above 4294967215, behind a first of 2");
   return base;

@@ -1,4 +1,4 @@
-// The chassis's front panel from outside: what its LCD shows, and the names of its keys.
+// The chassis's front panel for clients: the content of its LCD, and the names of its keys.
 // docs/management-datagram.md describes the records.
 #pragma once
 
@@ -20,7 +20,7 @@ inline constexpr int kLcdWidth = 128;
 inline constexpr int kLcdHeight = 64;
 inline constexpr int kLcdRows = 4;  // of text
 
-// A character on the LCD: 16 pixels wide when it is not ASCII, else 8.
+// A character on the LCD: 8 pixels wide if it is ASCII, else 16.
 struct LcdCharacter {
   u8 row = 0;  // 0..3
   u8 x = 0;    // its left pixel
@@ -36,15 +36,15 @@ struct LcdImage {
   bool pixel(int x, int y) const {
     return ((pixels[static_cast<std::size_t>(y * kLcdWidth + x) / 8] >> (7 - x % 8)) & 1) != 0;
   }
-  // A row as UTF-8 with blanks where nothing stands, one a started 8 pixels; none at its end.
+  // A row as UTF-8 with one blank per empty 8 pixels, without blanks at its end.
   std::string text(int row) const;
 };
 
-// The data of a reply to kLcd; nothing when it is none.
+// The data of a reply to kLcd; nullopt if it is not valid.
 Bytes encode(const LcdImage& lcd);
 std::optional<LcdImage> decodeLcd(std::span<const u8> data);
 
-// "up", "down", "left", "right", "ok", "cancel"; nothing for any other text.
+// "up", "down", "left", "right", "ok", "cancel"; nullopt for any other text.
 std::optional<chassis::PanelKey> keyOf(std::string_view name);
 
 }  // namespace protocol

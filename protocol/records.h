@@ -1,5 +1,5 @@
-// The records of a channel's variables (ts/qamRecords.h) as values, and their bytes. A decoder gives nothing
-// when the data has not the length that the record asks for.
+// The records of a channel's variables (ts/qamRecords.h) as values, and their bytes. A decoder gives nullopt
+// if the data has not the length of the record.
 #pragma once
 
 #include <optional>
@@ -13,19 +13,19 @@
 
 namespace protocol {
 
-// A lock state (not 0 while an upload is under way), a position, a number of a card's variable.
+// A lock state (not 0 during an upload), a position, a number of a card's variable.
 Bytes encodeNumber(u32 value);
 std::optional<u32> decodeNumber(std::span<const u8> data);
 
 // ---- PSI ----
 
-// Up to kPacketsPerChunk packets; total and start position belong to replies and stay 0.
+// Up to kPacketsPerChunk packets; total and start position are for replies and stay 0.
 Bytes encodePackets(u16 pid, u8 tableId, std::span<const mpeg::Packet> packets);
 Bytes encodePacketsRequest(u16 pid, u8 tableId, u8 startPosition);
 struct PacketsReply {
   u16 pid = 0;
   u8 tableId = 0;
-  u32 total = 0;          // packets stored of this PID and table
+  u32 total = 0;          // packets stored for this PID and table
   u32 startPosition = 0;  // of the first packet below
   std::vector<mpeg::Packet> packets;
 };
@@ -36,7 +36,7 @@ Bytes encodeIntervalRequest(u8 tableId);
 struct IntervalReply {
   u8 tableId = 0;
   u32 ticks = 0;
-  u32 packets = 0;  // stored of this table
+  u32 packets = 0;  // packets stored for this table
 };
 std::optional<IntervalReply> decodeIntervalReply(std::span<const u8> data);
 
@@ -46,20 +46,20 @@ struct MapEntry {
   u16 sourceSlot = 0;
   u32 sourcePort = 0;
   u16 sourcePid = 0;
-  u16 sourceProgramme = 0;  // programme numbers and type are stored by the card and routed by nobody
+  u16 sourceProgramme = 0;  // the card stores programme numbers and type; the router does not use them
   u16 pid = 0;              // in the output
   u16 programme = 0;
-  u16 type = 0;  // the card keeps eight bits
+  u16 type = 0;  // the card stores eight bits
 
   auto operator<=>(const MapEntry&) const = default;
 };
 
-// What the router looks for: slot, input and PID. The card sorts a map by it.
+// The key of the router: slot, input and PID. The card sorts a map by it.
 constexpr u32 sourceKey(const MapEntry& entry) {
   return (entry.sourcePid & u32{kNullPid}) | entry.sourcePort << 13 | u32{entry.sourceSlot} << 17;
 }
 
-// An entry that was announced and never came: its slot is none, and the card would not take it again.
+// An entry that was announced but never received: it has no valid slot, and the card would reject it.
 constexpr bool isBlank(const MapEntry& entry) {
   return entry.sourceSlot >= MAX_BOARD_NUM;
 }
@@ -73,9 +73,9 @@ struct MapChunk {
 Bytes encodeMapChunk(u32 total, u32 startPosition, std::span<const MapEntry> entries);
 std::optional<MapChunk> decodeMapChunk(std::span<const u8> data);
 
-// The entries at the positions in use. Programme numbers and type, which a router does not know, are 0.
+// The entries at the used positions. Programme numbers and type, which a router does not have, are 0.
 std::vector<MapEntry> entriesOf(std::span<const chassis::RouterWords> router);
-// True when the router holds exactly these entries, at the first positions and in this order.
+// True if the router has exactly these entries, at the first positions and in this order.
 bool holds(std::span<const chassis::RouterWords> router, std::span<const MapEntry> entries);
 
 }  // namespace protocol

@@ -65,7 +65,7 @@ std::vector<Test> allTests() {
 
 // The wait status of the one test.
 int statusOf(const Test& test, unsigned limitSeconds) {
-  std::fflush(stdout);  // or the child would print it again
+  std::fflush(stdout);  // otherwise the child would print it again
   const pid_t child = fork();
   if (child == 0) {
     alarm(limitSeconds);

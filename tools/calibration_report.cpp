@@ -59,7 +59,7 @@ std::string calibrationText(const DacRegisters& registers) {
     text += fmt::format("  0x{:02x}  {}", address, hexByte(registers.at(address)));
     const char* separator = "  ";
     for (const DacField& field : client::dacFields()) {
-      if (field.bits.address != address) continue;  // an offset stands with its upper bits
+      if (field.bits.address != address) continue;  // an offset is listed with its upper bits
       text += fmt::format("{}{}: {}", separator, field.name, client::fieldText(registers, field));
       separator = "; ";
     }

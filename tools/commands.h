@@ -1,4 +1,4 @@
-// The command groups of qamctl, each in a file of its own, and what they share with each other and qamcal.
+// The command groups of qamctl, each in its own file, and functions that they share with qamcal.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -12,9 +12,8 @@
 
 namespace tools {
 
-// Each adds its commands to the program's. `server` is the --server of the command line, known when a command
-// runs. A command throws: CLI::ParseError for a wrong call, any other exception when it cannot be carried
-// out.
+// Each adds its commands to the program's. `server` is the --server of the command line, set before a command
+// runs. A command throws CLI::ParseError for a wrong call, any other exception if it cannot be carried out.
 void addAlarmsCommand(CLI::App& app, const std::string& server);
 void addMibCommand(CLI::App& app);
 void addPidMapCommands(CLI::App& app, const std::string& server);
@@ -29,11 +28,11 @@ void addRfCommand(CLI::App& app, const std::string& server);
 void addPanelCommand(CLI::App& app, const std::string& server);
 void addStatusCommand(CLI::App& app, const std::string& server);
 
-// --server, an ADDR:PORT; `server` holds its default.
+// --server, an ADDR:PORT; `server` has its default.
 void addServer(CLI::App& app, std::string& server, const char* text);
 
-// Runs what the command line asks for; errors go to stderr. Returns the exit code: 0 done, 1 could not be
-// carried out (or its output not written), 2 wrong call.
+// Runs the command of the command line; errors are printed to stderr. Returns the exit code: 0 done, 1 could
+// not be carried out (or its output not written), 2 wrong call.
 int runCommandLine(CLI::App& app, int argc, char** argv);
 
 CLI::App* addCommand(CLI::App& parent, const char* name, const char* text, std::function<void()> run);
@@ -42,10 +41,10 @@ CLI::Option* addSlot(CLI::App* app, std::string& slot);        // "N", 1 to 6, f
 int slotOf(const std::string& slot);                           // from 0
 void addJson(CLI::App* app, bool& json);
 
-// What the server tells of its chassis. Throws std::runtime_error, which names the server, when it does not.
+// The server's status of its chassis. Throws std::runtime_error with the server's name if there is none.
 Json requiredStatusOf(const std::string& server);
 
-// Indented, and escaped beyond ASCII, so that nothing the chassis sends acts on a terminal.
+// Indented, and escaped beyond ASCII, so that no text from the chassis can control a terminal.
 void printJson(const Json& json);
 
 }  // namespace tools

@@ -1,5 +1,5 @@
-// Fields of a JSON object that a server made: whatever is missing, or of another kind than expected, is no
-// failure. Used for what the status tells.
+// Fields of a JSON object from a server: a missing field, or one of an unexpected type, is not an error. Used
+// for the status.
 #pragma once
 
 #include <optional>
@@ -9,11 +9,11 @@
 
 namespace tools {
 
-Json member(const Json& object, const char* key);  // null when there is none
+Json member(const Json& object, const char* key);  // null if it is missing
 std::optional<double> number(const Json& object, const char* key);
 std::string whole(const Json& object, const char* key);  // without decimals, or "?"
 
-// A text, a number, or the texts of a list, as printable text in one line; else empty.
+// A text, a number, or the texts of a list, as printable text on one line; else empty.
 std::string oneLine(const Json& value);
 
 }  // namespace tools

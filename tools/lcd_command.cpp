@@ -14,7 +14,7 @@
 namespace tools {
 namespace {
 
-constexpr int kScale = 4;  // of the picture
+constexpr int kScale = 4;  // pixels of the picture per LCD pixel
 constexpr int kFrame = 16;
 constexpr u8 kPixelColours[] = {0xB8, 0xD0, 0x40, 0x18, 0x28, 0x10, 0x40, 0x48, 0x50};  // RGB: off, on, frame
 enum Colour : u8 { kOff, kOn, kFrameColour };
@@ -41,7 +41,7 @@ std::vector<u8> pngOf(const protocol::LcdImage& lcd) {
     if (png_image_write_to_memory(&image, memory, &size, 0, picture.data(), 0, kPixelColours) == 0)
       throw std::runtime_error(fmt::format("cannot make the picture: {}", image.message));
   };
-  write(nullptr);  // for its size
+  write(nullptr);  // to get its size
   std::vector<u8> png(size);
   write(png.data());
   return png;

@@ -1,5 +1,5 @@
-// The care with which every command of qamctl loads a PID map: where the map that was there is kept
-// meanwhile, and what the chassis has as inputs. Used by pidmap and programme.
+// The options with which all commands of qamctl load a PID map: the file for the old map, and the inputs of
+// the chassis. Used by pidmap and programme.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@
 namespace tools {
 
 // With the rescue file "ADDR:PORT/pidmap-N.P.rescue.csv" in $XDG_STATE_HOME/qamctl, else
-// ~/.local/state/qamctl, else the folder for temporary files; its folder is made. With the inputs that the
-// status tells of, and with notes to stderr. Throws Error when no reply comes,
-// std::filesystem::filesystem_error when the folder cannot be made.
+// ~/.local/state/qamctl, else the folder for temporary files; its folder is created. With the inputs from the
+// status, and with notes to stderr. Throws Error if no reply arrives, std::filesystem::filesystem_error if
+// the folder cannot be created.
 client::MapOptions mapOptions(client::Link& link, const std::string& server,
                               const protocol::Channel& channel);
 

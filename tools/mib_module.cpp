@@ -16,13 +16,13 @@ namespace {
 using namespace protocol;  // NOLINT(google-build-using-namespace)
 
 constexpr std::string_view kDate = "202611250000Z";
-constexpr std::string_view kTextSize = "DisplayString (SIZE (0..15))";  // what the card's texts fit in
+constexpr std::string_view kTextSize = "DisplayString (SIZE (0..15))";  // large enough for the card's texts
 
 // Nodes that a base may stand below, the longest first: the last three have every base below them.
 struct Anchor {
   std::vector<u32> name;
   std::string_view descriptor;
-  std::string_view module;  // empty: known without an import
+  std::string_view module;  // empty: needs no import
 };
 
 const Anchor& anchorOf(std::span<const u32> base) {

@@ -116,7 +116,7 @@ void showTables(const Options& options) {
   }
   const auto status = statusOf(link);
   const Json report = psiReport(tables, channel, status ? auxHzOf(*status) : std::nullopt);
-  // Saved first: whoever reads the output may stop reading.
+  // Saved first: the reader of the output may stop reading.
   std::exception_ptr failure;
   try {
     if (!options.file.empty()) save(tables, options.file);

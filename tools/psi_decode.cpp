@@ -267,7 +267,7 @@ class Body {
     return true;
   }
 
-  // A loop of descriptors behind its 12-bit length.
+  // A loop of descriptors after its 12-bit length.
   bool skipDescriptorLoop() {
     if (rest_.size() < kLoopLengthSize) return false;
     const std::size_t length = wire::get16(rest_.data()) & 0x0FFFu;
@@ -275,7 +275,7 @@ class Body {
     return length <= rest_.size() && areDescriptors(rest_.first(length)) && skip(length);
   }
 
-  // What is left, all of it.
+  // All the remaining bytes.
   bool restIsDescriptors() const { return areDescriptors(rest_); }
 
   // Entries of `size` bytes and a loop of descriptors each, up to the end.
@@ -286,7 +286,7 @@ class Body {
     return true;
   }
 
-  // The length of a loop that must be all that is left.
+  // The length of a loop that must fill the remaining bytes.
   bool lengthOfRest() {
     if (rest_.size() < kLoopLengthSize) return false;
     const std::size_t length = wire::get16(rest_.data()) & 0x0FFFu;

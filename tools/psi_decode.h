@@ -1,4 +1,4 @@
-// What a section says, decoded with libdvbpsi into names and numbers. Used by psi_report.
+// The content of a section, decoded with libdvbpsi into names and numbers. Used by psi_report.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -12,11 +12,11 @@ using Json = nlohmann::ordered_json;
 // An object with, by table:
 //   PAT    transport_stream_id, network_pid (if named), programmes [{number, pid}]
 //   CAT    ca_systems [{system_id, pid}]
-//   PMT    programme, pcr_pid, ca_systems, streams [{pid, type, kind, language (if told)}]
+//   PMT    programme, pcr_pid, ca_systems, streams [{pid, type, kind, language (if present)}]
 //   SDT_*  transport_stream_id, original_network_id, services [{service_id, name, provider}]
 //   NIT_*  network_id, name, transport_streams [{transport_stream_id, original_network_id}]
 //   BAT    bouquet_id, name, transport_streams
-// Null when the section's body cannot be decoded. All texts are printable UTF-8.
+// Null if the section's body cannot be decoded. All texts are printable UTF-8.
 Json decodeSection(const mpeg::Section& section);
 
 }  // namespace tools

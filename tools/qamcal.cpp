@@ -280,7 +280,7 @@ void addCommands(CLI::App& app, Options& options) {
   addForce(restore);
   command("watch", "Show what the DAC holds, then each change until Ctrl-C", runWatch)
       ->add_option("--every", options.every_s, "seconds between two looks")
-      ->check(secondsBetween(0.1, 3600))  // the service takes a request each 100 ms
+      ->check(secondsBetween(0.1, 3600))  // the service takes a request every 100 ms
       ->capture_default_str()
       ->type_name("S");
 }

@@ -1,4 +1,4 @@
-// What goes out at the RF connectors, as the status tells it: for `qamctl rf` and the panel.
+// The signals at the RF connectors, from the status: for `qamctl rf` and the panel.
 #pragma once
 
 #include <string>
@@ -8,10 +8,10 @@
 
 namespace tools {
 
-// The readout of each channel of a card's status entry, with its slot and channel in front.
+// The readout of each channel of a card's status entry, each with its slot and channel.
 Json rfOfCard(const Json& card);
 
-// A table of such readouts, its heading first; a line below a channel says why it is off or faulty.
+// A table of such readouts with a heading; a line below a channel gives the reason if it is off or faulty.
 std::vector<std::string> rfLines(const Json& readouts);
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-// Writes a file whole or not at all. Used by qamctl for what it saves.
+// Writes a file completely or not at all. Used by qamctl for saved files.
 #pragma once
 
 #include <filesystem>
@@ -8,7 +8,7 @@
 
 namespace tools {
 
-// Throws std::runtime_error with the file's name; what stood there then stands still.
+// Throws std::runtime_error with the file's name; an existing file is then unchanged.
 void saveFile(const std::filesystem::path& file, std::span<const u8> bytes);
 
 }  // namespace tools

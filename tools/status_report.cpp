@@ -73,7 +73,7 @@ std::string faultsText(const Json& status, const char* key, const char* title) {
 std::optional<Json> statusOf(client::Link& link) {
   const protocol::Reply reply = link.call(protocol::makeRequest(protocol::Operation::kStatus, 0, 0, 0, {}));
   if (reply.result != protocol::kDone) return std::nullopt;
-  constexpr int kMaxDepth = 16;  // deeper than any status; what lies below is not worth a full stack
+  constexpr int kMaxDepth = 16;  // more than any status has; deeper levels are not shown
   const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth < kMaxDepth; };
   Json status = Json::parse(reply.data.begin(), reply.data.end(), shallow, false);
   return status.is_object() ? std::optional(std::move(status)) : std::nullopt;

@@ -1,4 +1,4 @@
-// The chassis's status object, and what `qamctl status` tells of it as text for people.
+// The chassis's status object, and the report of `qamctl status` about it as text for users.
 #pragma once
 
 #include <optional>
@@ -9,13 +9,13 @@
 
 namespace tools {
 
-// What the server tells of its chassis; nothing when it does not. Throws client::Error.
+// The server's status of its chassis; nullopt if it gives none. Throws client::Error.
 std::optional<Json> statusOf(client::Link& link);
 
-// The status in lines. Whatever is missing from it, or of another kind than expected, is left out.
+// The status in lines. Members that are missing or of an unexpected type are skipped.
 std::string statusText(const Json& status);
 
-// The rate of the carousel's ticks that the status tells; nothing when it does not.
+// The tick rate of the carousel from the status; nullopt if it is missing.
 std::optional<double> auxHzOf(const Json& status);
 
 }  // namespace tools

@@ -161,7 +161,7 @@ int readPackets(const Target& t, chassis::bc_vhdr_t* pv, const void* data, void*
   const auto& request = *static_cast<const get_psi_pkt*>(data);
   const u16 pid = request.pid;
   const u8 tableId = request.tableid;
-  // One byte, as long as management software pages through a table: it asks for no position beyond.
+  // One byte, as long as management software reads a table in pages: it requests no higher position.
   const u8 start = static_cast<u8>(request.start_pos);
 
   const u8 type = TableidToPsiType(tableId);
@@ -227,7 +227,7 @@ int writeInterval(const Target& t, const chassis::bc_vhdr_t& header, const void*
   if (type >= PSINUM) return kDone;
   t.para->Interval[t.port][type] = static_cast<u16>(request.time);
   // Management software writes the intervals of both ports, type by type: this one is the last, and one save
-  // does for all.
+  // is enough for all.
   if (t.port == 1 && type == CAT) chassis::para_save(t.slot);
   return kDone;
 }
@@ -271,8 +271,8 @@ int QamPidMapSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch) {
     sortBySource(ptr->pidMap[port], mapSize(*ptr, port));
     chassis::para_save(slotNo);
     QamSetPidMap(slotNo, port, ptr);
-    // Once more for the second port: management software ends an upload of both with it, and what stands on
-    // the flash then is the record as the router has it.
+    // Repeated for the second port: management software ends an upload of both with it, and then the record
+    // on the flash is the same as the router's map.
     if (port == 1) chassis::para_save(slotNo);
   }
   return 0;
@@ -285,7 +285,7 @@ int QamSavePidMap(u8 port, QamCardPara* ptr, const set_pid_map_t* v) {
   const u32 start = v->start_pos;
   const u32 count = std::min<u32>(v->this_num, kMapEntriesPerChunk);
   if (total > kPidMapSize) return kMapTooLong;
-  // A stray chunk, such as one that a client repeats from an upload given up, is not worth failing this one.
+  // A stray chunk, such as a repeated chunk of an aborted upload, is no reason to fail this upload.
   if (start >= kPidMapSize || start + count > total) return kDone;
 
   ptr->pidMapNum[port] = total;
@@ -329,7 +329,7 @@ int QamPsiSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch) {
     locked = 0;
     chassis::para_save(slotNo);
     QamSetPsiInterval(slotNo, port);
-    qam_is_setting_psi[slotNo][port] = 0;  // last: the tick routine may walk the lists only when they stand
+    qam_is_setting_psi[slotNo][port] = 0;  // last: the tick routine may use only complete lists
   }
   return 0;
 }
@@ -340,7 +340,7 @@ int QamSavePsiPkt(u8 port, QamCardPara* ptr, const set_psi_pkt* v) {
   const u16 pid = v->pid;
   const u8 type = TableidToPsiType(v->tableid);
   int result = kDone;
-  // More than seven packets run on behind the record, as far as the chassis's buffer reaches.
+  // More than seven packets extend beyond the record, up to the size of the chassis's buffer.
   const u8* packet = reinterpret_cast<const u8*>(v) + offsetof(set_psi_pkt, psi_pkt);
   for (int i = 0; i < v->this_num; ++i, packet += kTsPacketSize) {
     outPsiPkt_t* entry = firstFree(port, ptr);
@@ -444,7 +444,7 @@ int qamSetTSPID(u8 slotNo, u8 port, u16 pid, u8 tableId, u8 isSearch) {
   }
   const bool same = current.isSearch == 1 && current.pid == pid && current.tableId == tableId;
   if (same) return 0;
-  current = {.isSearch = 0, .tableId = tableId, .pid = pid};  // what is captured from here on is dropped
+  current = {.isSearch = 0, .tableId = tableId, .pid = pid};  // packets captured from here on are dropped
   dropCaptured(slotNo);
   setAencOnePortTsPid(slotNo, port, pid);
   current.isSearch = 1;

@@ -1,6 +1,6 @@
-// The card's side of the management back end: PID map and PSI tables, each replaced as a whole under a lock;
-// the variables by which management software reaches them; the search for packets of a PID. Called by the
-// chassis's back-end task, one request at a time; the task's priority must be below the send tasks' (212), so
+// The card's part of the management back end: PID map and PSI tables, each replaced as a whole under a lock;
+// the variables with which management software accesses them; the search for packets of a PID. Called by the
+// chassis's back-end task, one request at a time; its priority must be lower than the send tasks' (212), so
 // that their queues are empty when a lock erases the store.
 #pragma once
 
@@ -10,8 +10,8 @@
 #include "platform/kernel.h"
 #include "ts/qamRecords.h"
 
-// Queues of captured packets, a slot each: messages of four bytes, the packet's address as a word
-// (platform/address_word.h). The chassis creates and fills them; nulls until then.
+// Queues of captured packets, one per slot: messages of four bytes, the packet's address as a word
+// (platform/address_word.h). The chassis creates and fills them; null until then.
 extern os::MSG_Q_ID qamTsReadQID[MAX_BOARD_NUM];
 
 struct qamSearchPSI_t {
@@ -28,27 +28,27 @@ u8 TableidToPsiType(u8 table_id);
 // Sends the channel's whole map to the chassis's router, all 256 positions. Always 0. Start-up and unlock.
 int QamSetPidMap(u8 slotNo, u8 port, QamCardPara* ptr);
 
-// Not 0 locks: the map of the record is emptied, the router keeps its own. 0 unlocks: map sorted by source,
-// record saved, router programmed. A second lock, or an unlock without one, changes nothing. Always 0.
+// Not 0 locks: the map of the record is cleared, the router keeps its map. 0 unlocks: map sorted by source,
+// record saved, router programmed. A second lock, or an unlock without a lock, changes nothing. Always 0.
 int QamPidMapSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch);
 
-// Stores a chunk of the map. 0 stored, or dropped because it lies outside of what it announces; 1 more than
-// 256 entries announced; 3 a source slot or port that does not exist, 21 no card in a source slot: entries
+// Stores a chunk of the map. 0: stored, or dropped because it is outside the announced range; 1: more than
+// 256 entries announced; 3: a source slot or port that does not exist; 21: no card in a source slot. Entries
 // before the bad one are stored.
 int QamSavePidMap(u8 port, QamCardPara* ptr, const set_pid_map_t* v);
 
 // Fills a chunk with the map's entries from `StartPos` on. Always 0.
 int QamGetPidMap(u8 port, u32 StartPos, QamCardPara* ptr, set_pid_map_t* v);
 
-// Not 0 locks: the store is erased and the carousel of the channel halts. 0 unlocks: record saved, lists
-// rebuilt, carousel started. A second lock, or an unlock without one, changes nothing. Always 0.
+// Not 0 locks: the store is erased and the channel's carousel stops. 0 unlocks: record saved, lists rebuilt,
+// carousel started. A second lock, or an unlock without a lock, changes nothing. Always 0.
 int QamPsiSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch);
 
-// Appends a chunk to the store. 0, 1 when the store is full, 3 when the table_id has no type. `v` holds
-// `this_num` packets, however many that are.
+// Appends a chunk to the store. 0, 1 if the store is full, 3 if the table_id has no type. `v` must have
+// `this_num` packets; this is not checked.
 int QamSavePsiPkt(u8 port, QamCardPara* ptr, const set_psi_pkt* v);
 
-// Stored packets of a table on a PID.
+// Number of stored packets of a table on a PID.
 u16 QamGetPsiPktNumSamePidTid(u8 port, u16 pid, u8 table_id, QamCardPara* ptr);
 
 // Registers the variables of both channels. Start-up, through the descriptor.
@@ -59,10 +59,10 @@ extern "C" void qamBackInit(u8 slotNo);
 int qam_ord(chassis::bc_vhdr_t* pv, void* var);
 int qam_owr(chassis::bc_vhdr_t* pv, void* var);
 
-// Begins (`isSearch` not 0) or ends the slot's search for packets of a PID and table. Another PID or table
-// drops what was captured; the same one again changes nothing. Always 0.
+// Starts (`isSearch` not 0) or stops the slot's search for packets of a PID and table. Another PID or table
+// drops the captured packets; the same one again changes nothing. Always 0.
 extern "C" int qamSetTSPID(u8 slotNo, u8 port, u16 pid, u8 tableId, u8 isSearch);
 
-// Copies the next captured packet to `pkt_buf`, 188 bytes; -1 when there is none. Never waits. The search is
-// one a slot, whatever the port.
+// Copies the next captured packet to `pkt_buf`, 188 bytes; -1 if there is none. Never waits. There is one
+// search per slot, for all ports.
 extern "C" int qamGetTsPidResult(u8 slotNo, u8 port, u8* pkt_buf);

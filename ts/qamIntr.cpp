@@ -23,10 +23,10 @@ struct psi_tree_t {
 // What the tick routine and the list builder keep, per slot, channel and type.
 psi_tree_t* pQamPsi_head[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];
 psi_tree_t* pQamPsi_Cur[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];
-u32 g_qam_psi_total_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];  // ticks until the next packet may go
-u32 g_qam_psi_lock[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];       // not 0 while a group is on its way
+u32 g_qam_psi_total_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];  // ticks until the next packet may be sent
+u32 g_qam_psi_lock[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];       // not 0 while a group is being sent
 
-u8 qam_pkt_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][kPids];  // continuity counter of all that was inserted
+u8 qam_pkt_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][kPids];  // continuity counters of all inserted packets
 
 // Types carried on one PID: a section of one must be out whole before one of another may start.
 constexpr u8 bit(PsiType type) {
@@ -68,8 +68,8 @@ struct ListUnderConstruction {
   }
 
   void append(psi_tree_t*& head, u16 index, bool startsGroup) {
-    // Not tested for null: a list with a gap would put a section on the air that no receiver can finish, and
-    // a controller that is out of memory is for its watchdog to restart.
+    // Not checked for null: an incomplete list would send a section that no receiver can complete, and a
+    // controller without free memory must be restarted by its watchdog.
     auto* node = static_cast<psi_tree_t*>(os::malloc(sizeof(psi_tree_t)));
     node->index = index;
     if (startsGroup) {
@@ -78,7 +78,7 @@ struct ListUnderConstruction {
       segments = 0;
     }
     node->idx = segments++;
-    node->num = segments;  // a packet that no start packet opened stays a group of its own
+    node->num = segments;  // a packet without a preceding start packet is its own group
     if (head == nullptr) {
       head = node;
     } else {
@@ -168,7 +168,7 @@ void QamSetPsiInterval(u8 slotNo, u8 port) {
   for (u8 type = 0; type < PSINUM; ++type) {
     list[type].closeGroup();
     pQamPsi_Cur[slotNo][port][type] = head[type];
-    // Staggered, so that types, ports and slots do not all fall on one tick.
+    // Staggered, so that types, ports and slots are not all due on one tick.
     g_qam_psi_total_cnt[slotNo][port][type] = type + 6U * slotNo + 2U * port;
   }
   joinToOneGroup(head[PMT]);
@@ -210,7 +210,7 @@ void qamWritePsi(u8 slotNo, const u8* pkt, u8 port) {
   os::check(pkt != nullptr, "pkt != NULL", kUnit);
 
   constexpr int kFillerWords =
-      16;  // a packet takes the time of 204 bytes, as one with Reed-Solomon parity does
+      16;  // a packet takes the time of 204 bytes, as a packet with Reed-Solomon parity does
   constexpr u16 kFiller = 0xFFFF;
 
   const int pid = (pkt[1] & 0x1F) << 8 | pkt[2];

@@ -1,5 +1,5 @@
-// The variables by which management software reaches a channel's PID map and PSI tables: their ids, the
-// records that travel, big-endian, and the results. Included by the card and by everyone who talks to it.
+// The variables with which management software accesses a channel's PID map and PSI tables: their ids, their
+// records, big-endian, and the results. Included by the card, the chassis and clients.
 #pragma once
 
 #include "platform/numbers.h"
@@ -32,7 +32,7 @@ inline constexpr int kBadLength = 22;
 inline constexpr u8 kPacketsPerChunk = 7;
 inline constexpr u32 kMapEntriesPerChunk = 89;
 
-// One entry of a PID map. Type and programme numbers are management software's, stored and reported back.
+// One entry of a PID map. Type and programme numbers are for management software: only stored and reported.
 struct pid_map_t {
   wire::U16 src_slot;
   wire::U16 type;
@@ -97,18 +97,18 @@ struct get_psi_interval {
 };
 static_assert(sizeof(get_psi_interval) == 4);
 
-// Records of the PID search. They travel between chassis and management software; no variable carries them.
+// Records of the PID search. They are sent between chassis and management software; no variable uses them.
 struct ts_data_set {
   wire::U16 pid;
   u8 tableid;
-  u8 status;  // not 0 begins a search, 0 ends it
+  u8 status;  // not 0 starts a search, 0 stops it
 };
 static_assert(offsetof(ts_data_set, tableid) == 2 && sizeof(ts_data_set) == 4);
 
 struct ts_data_rt {
   wire::U16 pid;
   u8 tableid;
-  u8 nmuber;  // packets that follow; spelled as in the management software's own header
+  u8 nmuber;  // packets that follow; same spelling as in the management software's header
   u8 pkt[kPacketsPerChunk][kTsPacketSize];
 };
 static_assert(offsetof(ts_data_rt, nmuber) == 3 && offsetof(ts_data_rt, pkt) == 4);

@@ -178,7 +178,7 @@ struct Editor {
   u32 min, max;
   Digits digits;
   Unit unit;
-  int lastStop;  // of the cursor, which stops at every character from the first on but for the point
+  int lastStop;  // last stop of the cursor, which stops at every character except the decimal point
   void (*draw)(const char* text, int cursor);
   void (*step)(char* text, int cursor, bool up);
 };

@@ -79,7 +79,7 @@ u8* qam_var_custom(chassis::variable* vp, u32* name, int* length, int exact, int
   u32 instance[chassis::MAX_OID_LEN + 1];
   const int instanceLength = vp->namelen + 1;
   std::copy_n(vp->name, vp->namelen, instance);
-  instance[vp->namelen] = 0;  // a scalar's only one
+  instance[vp->namelen] = 0;  // the only instance of a scalar
   const int order = chassis::compare(name, *length, instance, instanceLength);
   if (exact != 0 ? order != 0 : order >= 0) return nullptr;
 

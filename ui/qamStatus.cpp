@@ -36,7 +36,7 @@ class Text {
 };
 
 struct Channel {
-  u8 bit;  // of the lock register, and of the record's `status`
+  u8 bit;  // in the lock register, and in the record's `status`
   const char* zhLost;
   const char* enLost;
   const char* zhBack;
@@ -67,11 +67,11 @@ void checkInputs(u8 slotNo, QamCardPara* record) {
 }
 
 void checkTemperature(u8 slotNo) {
-  // Below zero degrees the sensor's eight bits stand for 192 and more: too hot as well, as systems in the
-  // field have it.
+  // Below zero degrees the sensor's eight bits read as 192 and more: also too hot, as systems in the field
+  // expect.
   const bool isHot = get_temper(slotNo, kWatchedSensor) >= kHotFrom;
   const bool wasHot = chassis::IsAlarmExist(slotNo, 0, kTooHot, 0) != 0;
-  // One threshold both ways: a card at its edge is to show in the log as often as it crosses it.
+  // One threshold for both directions: the log must show every crossing.
   if (isHot && !wasHot) {
     chassis::AddAnAlarm(slotNo, 0, kTooHot, Text("调制卡%d"_gbk, slotNo), "温度过高"_gbk,
                         Text("QAM Card%d", slotNo), "High Temperature", "温度过高"_gbk, "High Temperature");
@@ -87,7 +87,7 @@ void checkRates(u8 slotNo) {
     const bool overflows = (chassis::pbbFpgaIf->rate_overflow & bit) != 0;
     const bool isRaised = chassis::IsAlarmExist(slotNo, port, kRateOverflow, 0) != 0;
     if (overflows) {
-      // The whole pass ends: while the first port's alarm stands the second's waits, and is not news yet.
+      // The whole check ends: while the first port's alarm is active, the second's waits.
       if (isRaised) return;
       chassis::AddAnAlarm(slotNo, port, kRateOverflow, Text("卡%d端口%d"_gbk, slotNo, port), "码率溢出"_gbk,
                           Text("Card%dPort%d", slotNo, port), "rate overflow",
@@ -126,7 +126,7 @@ void taskDQam() {
 }
 
 void taskDQamSysCheck() {
-  u8 kicks[5] = {};  // for a debugger: nobody reads them
+  u8 kicks[5] = {};  // for a debugger only
   for (;;) {
     os::sleepMilliseconds(1000);
     for (u8& count : kicks) {

@@ -1,21 +1,21 @@
-// What the card itself tells the chassis's alarm list: an input lost, by channel; a card too hot; an output
-// with more packets than it can send. And a task that kicks the watchdog.
+// The card's reports to the chassis's alarm list: a lost input, by channel; a card too hot; an output with
+// more packets than it can send. Also a task that kicks the watchdog.
 #pragma once
 
 #include "platform/types.h"
 
 extern "C" {
 
-// One look at the conditions of the slot's card, `statusCheck` of the descriptor; says to the alarm list what
-// has changed. Started slots only; the chassis's status task calls it periodically, at a period of its own.
-// It reads a sensor: other tasks stand still for some milliseconds.
+// One check of the conditions of the slot's card, `statusCheck` of the descriptor; reports changes to the
+// alarm list. Started slots only; the chassis's status task calls it periodically, with its own period. It
+// reads a sensor: other tasks are stopped for some milliseconds.
 void qamStatusCheck(u8 slotNo);
 
 // Prepares a slot for status passes: nothing to do for this kind of card. 0.
 int qam_create_status(u8 slotNo);
 
-// Starts the watchdog's task; nothing in the module calls this, a chassis or a debug shell may. The second is
-// that task, which does not return.
+// Starts the watchdog's task; the module does not call this, a chassis or a debug shell may. The second
+// function is that task, which does not return.
 void taskDQam();
 void taskDQamSysCheck();
 }

@@ -15,12 +15,12 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPath = "/tffs0/alarms/history.dat";
-constexpr std::size_t kLongest = 64U << 20;  // many times what is kept
+constexpr std::size_t kLongest = 64U << 20;  // many times the size of the stored entries
 constexpr std::string_view kMagic = "QAMALRM1";
 
 // As it stands in memory, like the cards' records.
 struct Entry {
-  u32 check;  // CRC-32 of what follows
+  u32 check;  // CRC-32 of the following fields
   u32 at;
   std::uint64_t number;
   std::uint64_t ends;
@@ -53,7 +53,7 @@ struct Reading {
   std::deque<AlarmRecord> events;
   std::size_t entries = 0;
   std::size_t damaged = 0;  // entries
-  bool cut = false;         // within its last entry, as by the end of a process while it wrote
+  bool cut = false;         // the last entry is incomplete, as after the end of a process during a write
 };
 
 Reading read(std::string_view bytes) {

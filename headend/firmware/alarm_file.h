@@ -1,6 +1,6 @@
-// The alarms' history in the flash folder: the last events, and before them those that raised what stood
-// already when they began. An event is appended, so that whoever ends this process by force costs at most the
-// last one; now and then the file is written anew, whole. Each entry has a checksum.
+// The alarm history in the flash folder: the last events, after the events that raised the alarms active when
+// the history begins. Events are appended, so a forced end of the process loses at most the last event. The
+// file is rewritten completely from time to time. Each entry has a checksum.
 #pragma once
 
 #include <deque>
@@ -15,8 +15,8 @@
 namespace headend {
 
 struct AlarmRecord {
-  std::uint64_t number = 0;  // from 1, rising by one
-  std::uint64_t ends = 0;    // the number of the event that raised the alarm which this one ends
+  std::uint64_t number = 0;  // from 1, increases by one
+  std::uint64_t ends = 0;    // the number of the event that raised the alarm that this event ends
   u32 at = 0;                // seconds since 1970-01-01 UTC
   protocol::AlarmEvent::Kind kind{};
   chassis::alarm_t alarm{};
@@ -24,18 +24,18 @@ struct AlarmRecord {
 
 class AlarmFile {
  public:
-  // `say` is told what is wrong with a file.
+  // `say` is called with a message if the file has an error.
   AlarmFile(Flash& flash, std::function<void(const std::string&)> say)
       : flash_(flash), say_(std::move(say)) {}
 
-  // What can be read of the file. One that is damaged is put aside, and a new one takes its place.
+  // Returns all readable entries of the file. A damaged file is renamed, and a new file replaces it.
   std::deque<AlarmRecord> load();
-  // Entries of the file; false when it could not be kept whole: then `rewrite` is to try.
+  // Entries of the file; false if it could not be saved completely: the caller then tries `rewrite`.
   bool append(const AlarmRecord& event);
   void rewrite(const std::vector<AlarmRecord>& standing, const std::deque<AlarmRecord>& events);
 
   std::size_t entries() const { return entries_; }
-  bool kept() const { return failure_.empty(); }  // whether all events are in the file
+  bool kept() const { return failure_.empty(); }  // whether the file has all events
   const std::string& failure() const { return failure_; }
 
  private:
@@ -45,8 +45,8 @@ class AlarmFile {
   Flash& flash_;
   std::function<void(const std::string&)> say_;
   std::size_t entries_ = 0;
-  bool hasFile_ = false;  // that holds all events so far
-  bool locked_ = false;   // by a damaged file that cannot be put aside
+  bool hasFile_ = false;  // the file has all events so far
+  bool locked_ = false;   // by a damaged file that cannot be renamed
   std::string failure_;
 };
 

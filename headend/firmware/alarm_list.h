@@ -1,5 +1,5 @@
-// The chassis's alarm list: the alarms that stand, and the log of the last events, kept in the flash folder.
-// Tasks call it through the services of platform/alarms.h; nothing here takes virtual time.
+// The chassis's alarm list: the active alarms, and the log of the last events, stored in the flash folder.
+// Tasks call it through the services of platform/alarms.h; no function here takes virtual time.
 #pragma once
 
 #include "headend/firmware/alarm_file.h"
@@ -26,26 +26,26 @@ class AlarmList {
     const char* enTrap;
   };
 
-  // `clock` gives seconds since 1970-01-01 UTC. Reads what the flash folder holds.
+  // `clock` gives seconds since 1970-01-01 UTC. Reads the history from the flash folder.
   AlarmList(Flash& flash, std::function<u32()> clock, std::function<void(const std::string&)> say);
 
-  // Alarms of slots without a card end: nobody is left to do it.
+  // Ends the alarms of slots without a card, because no task there can end them.
   void endAbsent(const std::vector<int>& slotsWithCard);
 
-  // Nothing happens when one with these texts stands already.
+  // Does nothing if an alarm with these texts is already active.
   void add(const Key& key, const Texts& texts);
-  // Of several that the key fits it ends the one whose English texts share the most words with `enTrap`, else
-  // the oldest.
+  // If the key matches several alarms, ends the one whose English texts share the most words with `enTrap`,
+  // or else the oldest.
   void remove(const Key& key, const char* zhTrap, const char* enTrap);
   bool exists(const Key& key) const;
 
-  // Called with each event as it is noted.
+  // Called for each event when it is recorded.
   void onEvent(std::function<void(const AlarmRecord&)> hook) { onEvent_ = std::move(hook); }
 
-  // Oldest first; as the events that raised them.
+  // Oldest first, as the events that raised the alarms.
   const std::vector<AlarmRecord>& standing() const { return standing_; }
   const std::deque<AlarmRecord>& history() const { return history_; }
-  std::uint64_t events() const { return last_; }  // since the history began
+  std::uint64_t events() const { return last_; }  // since the start of the history
   const AlarmFile& file() const { return file_; }
 
   // The operations kAlarms and kAlarmEvents.
@@ -60,14 +60,14 @@ class AlarmList {
 
   AlarmFile file_;
   std::function<u32()> clock_;
-  std::vector<AlarmRecord> base_;  // what stood before the oldest event of the history
+  std::vector<AlarmRecord> base_;  // alarms active before the oldest event of the history
   std::vector<AlarmRecord> standing_;
   std::deque<AlarmRecord> history_;
   std::uint64_t last_ = 0;
   std::function<void(const AlarmRecord&)> onEvent_;
 };
 
-// In UTF-8, as clients see it.
+// In UTF-8, as clients receive it.
 protocol::AlarmEvent outward(const AlarmRecord& event);
 
 }  // namespace headend

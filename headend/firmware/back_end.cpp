@@ -46,7 +46,7 @@ void BackEnd::serve() {
 
 void BackEnd::answer(const Datagram& datagram) {
   const std::optional<protocol::Request> request = protocol::decodeRequest(datagram.bytes);
-  if (!request) return;  // not ours: an answer would go to whoever was named as its sender
+  if (!request) return;  // not a request: its sender address may be forged
 
   auto known = std::find_if(clients_.begin(), clients_.end(),
                             [&](const KnownClient& c) { return c.address == datagram.from; });

@@ -1,7 +1,7 @@
-// The back-end registry behind a datagram socket: finds the table that a card registered, calls its routine,
-// sends the reply; asks cards for their settings and readings; and passes on what other parts of the firmware
-// answer. One task serves one request at a time. A request that a client repeats under its last number gets
-// the stored reply. docs/management-datagram.md describes the datagrams.
+// The back-end registry behind a datagram socket. It finds the table that a card registered, calls its
+// routine and sends the reply. It also reads and sets variables of cards, and forwards other operations to
+// other parts of the firmware. One task serves one request at a time. A request repeated with the client's
+// last number gets the stored reply. docs/management-datagram.md describes the datagrams.
 #pragma once
 
 #include <array>
@@ -23,30 +23,30 @@ namespace headend {
 
 class BackEnd {
  public:
-  // Below the send tasks (212): when a request is served, their queues are empty, so that no index of a
-  // packet waits whose place in the store the request is about to erase.
+  // Lower priority than the send tasks (212): their queues are empty when a request is served. So no queue
+  // holds the index of a packet that the request is about to erase from the store.
   static constexpr int kPriority = 220;
 
-  // A request that waited for more than a second, and who had the processor meanwhile.
+  // A request that waited for more than a second, and the tasks that used the processor meanwhile.
   struct LateRequest {
     Nanos arrived = 0;
-    std::vector<std::pair<std::string, Nanos>> load;  // task and its time in that second, the greatest first
+    std::vector<std::pair<std::string, Nanos>> load;  // task and its time in that second, longest first
   };
 
   BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log);
 
   UdpSocket& socket() { return socket_; }
   void start();  // spawns the task
-  // Who carries out an operation that is none of the cards' variables: gives a result, and a reply's data.
+  // Handles an operation that is not a card variable: gives a result, and the data of the reply.
   using Handler = std::function<u32(const protocol::Request& request, base::Bytes& reply)>;
   void provide(protocol::Operation operation, Handler handler) { handlers_[operation] = std::move(handler); }
 
-  // Whether the slot's card runs. One that does not has no registers to set, and would wait for ever.
+  // Whether the slot's card runs. A card that does not run has no registers to set, and would wait forever.
   void onRunning(std::function<bool(int slot)> running) { running_ = std::move(running); }
 
   void registerVariables(u32 base, u32 limit, const chassis::bc_var* table);
 
-  // Since when a channel's PSI store or its PID map is locked.
+  // The time since which a channel's PSI store or PID map is locked.
   enum class Lock { kPsi, kPidMap };
   std::optional<Nanos> lockedSince(Lock lock, int slot, int port) const;
   const std::vector<LateRequest>& lateRequests() const { return late_; }
@@ -89,14 +89,14 @@ class BackEnd {
   std::map<protocol::Operation, Handler> handlers_;
   std::function<bool(int slot)> running_ = [](int) { return false; };
   std::vector<Registration> registrations_;
-  std::list<KnownClient> clients_;                           // the one heard last in front
+  std::list<KnownClient> clients_;                           // most recent first
   std::map<std::tuple<Lock, int, int>, Nanos> lockedSince_;  // by slot and port
   std::deque<Outstanding> outstanding_;
   std::uint64_t arrivals_ = 0;
   std::vector<LateRequest> late_;
 
-  // What a card's routines read and write. Large enough for whatever a header can announce, and zero past the
-  // datagram; the header stands in front of a read's request data.
+  // The buffer for the cards' read and write routines. It has room for the largest length that a header can
+  // give, and is zero after the datagram; for a read, the header precedes the request data.
   struct alignas(8) Buffers {
     chassis::bc_vhdr_t header;
     std::array<u8, 0x12000> request;

@@ -1,6 +1,6 @@
-// Watches what the cards' tick routines post to their send queues: how many packets of each table, and how
-// many ticks lie between the starts of successive groups. A group starts with a packet that opens a section;
-// the PMT packets of a channel are one group.
+// Monitors the packets that the cards' tick routines post to their send queues: the number of packets of each
+// table, and the ticks between the starts of successive groups. A group starts with a packet that starts a
+// section; the PMT packets of a channel are one group.
 #pragma once
 
 #include <array>
@@ -19,7 +19,7 @@ class CarouselMonitor {
  public:
   struct Table {
     std::uint64_t posted = 0;
-    std::uint64_t intervals = 0;  // between group starts seen so far
+    std::uint64_t intervals = 0;  // between group starts so far
     std::uint64_t sum_ticks = 0;
     std::uint64_t min_ticks = 0;
     std::uint64_t max_ticks = 0;
@@ -27,10 +27,10 @@ class CarouselMonitor {
   };
   using Tables = std::array<Table, PSINUM>;
 
-  // A slot's start-up makes one queue a channel, in the order of the channels.
+  // A slot's start-up creates one queue per channel, in the order of the channels.
   void queueCreated(const os::MsgQ* queue, int slot);
   void posted(const os::MsgQ* queue, std::span<const char> message, std::uint64_t tick);
-  // The channel's tables are being replaced: what comes next continues no group.
+  // The channel's tables are being replaced: the next packet does not continue a group.
   void restart(int slot, int port);
 
   const Tables& tables(int slot, int port) const;

@@ -1,5 +1,5 @@
-// The main firmware as far as a card needs it: the card list, slot configuration, the panel's lines,
-// parameter saving, and the start-up of the slots, each in a task of its own.
+// The parts of the main firmware that a card needs: the card list, slot configuration, the panel's lines,
+// parameter saving, and the start-up of the slots, each in its own task.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ namespace headend {
 class Chassis {
  public:
   static constexpr int kPanelLines = 4;
-  // Send tasks have 212. What starts a slot comes after everything that keeps others running.
+  // Send tasks have 212. The start-up task has a lower priority than all tasks that keep other cards running.
   static constexpr int kRootPriority = 100;
   static constexpr int kSlotStartPriority = 250;
 
@@ -30,7 +30,7 @@ class Chassis {
     std::optional<Nanos> initTook;
     std::array<std::string, kPanelLines> lcd;  // what the slot's own tasks printed
     StartupTimeline timeline;
-    bool savePending = false;  // asked for before the card was inserted
+    bool savePending = false;  // requested before the card was inserted
     std::uint64_t saves = 0;
     int typeCode = 0;
     std::array<int, 2> bus{};
@@ -38,13 +38,13 @@ class Chassis {
 
   Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log);
 
-  // A card of another kind, which needs no start; before `start`.
+  // Adds a card of another kind, which needs no start. Call before `start`.
   void plugIn(chassis::card& card);
 
   // Starts the cards of these slots (0..5): registration first, then each slot's `init`.
   void start(const std::vector<int>& slots);
 
-  // Starts the calibration service once the cards are registered.
+  // Starts the calibration service after the cards are registered.
   void serveCalibration() { servesCalibration_ = true; }
 
   const Slot& slot(int number) const { return slots_[static_cast<std::size_t>(number)]; }
@@ -64,8 +64,8 @@ class Chassis {
   // A line of the panel that a slot's own task prints.
   void noteLine(int line, std::string text);
 
-  // A variable of a slot's card that reads a text. Cards share the buffer of their texts, so this keeps
-  // others away from it until it is copied.
+  // Reads a text variable of a slot's card. Cards share one buffer for texts, so this blocks other readers
+  // until the text is copied.
   std::string readText(int number, u32 id);
 
  private:

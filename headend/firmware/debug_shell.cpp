@@ -11,12 +11,12 @@
 namespace headend {
 namespace {
 
-constexpr std::size_t kPrintedMost = 4096;  // of one call, in bytes
+constexpr std::size_t kPrintedMost = 4096;  // for one call, in bytes
 
 // Routines whose first argument, the slot, is the request's.
 struct Routine {
   const char* name;
-  std::size_t count;  // of the other arguments
+  std::size_t count;  // number of the other arguments
   void (*call)(u8 slot, const u32* arguments);
 };
 constexpr Routine kRoutines[] = {

@@ -1,5 +1,5 @@
-// The debug shell as far as management software reaches it: calls of a card's bench and filter routines, each
-// in a task of its own, and what they print.
+// The part of the debug shell that management software can use: calls of a card's bench and filter routines,
+// each in its own task, and the lines that they print.
 #pragma once
 
 #include <cstdint>
@@ -14,17 +14,17 @@ namespace headend {
 
 class DebugShell {
  public:
-  static constexpr int kPriority = 240;           // below everything that keeps a channel on the air
-  static constexpr std::size_t kRemembered = 32;  // calls; what is older is forgotten once it has ended
+  static constexpr int kPriority = 240;           // below all tasks that keep a channel on the air
+  static constexpr std::size_t kRemembered = 32;  // calls; older finished calls are deleted
 
   explicit DebugShell(Kernel& kernel) : kernel_(kernel) {}
 
-  // Operations of the management socket: begin a call (name, 0, arguments of four bytes), ask for its end.
+  // Operations of the management socket: start a call (name, 0, arguments of four bytes), query its result.
   // Tasks only.
   u32 call(const protocol::Request& request, base::Bytes& reply);
   u32 result(const protocol::Request& request, base::Bytes& reply) const;
 
-  // A debug line of the running task, which may be a call's.
+  // A debug line of the running task; it is kept if the task is a call.
   void printed(const Task* task, const std::string& text);
 
  private:

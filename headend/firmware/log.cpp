@@ -13,7 +13,7 @@ Log::Log(const std::string& file) : file_(stderr) {
   file_ = std::fopen(file.c_str(), "we");
   if (file_ == nullptr)
     throw std::runtime_error(fmt::format("cannot open log {}: {}", file, std::strerror(errno)));
-  std::setvbuf(file_, nullptr, _IOLBF, BUFSIZ);  // a run that crashes leaves its last line
+  std::setvbuf(file_, nullptr, _IOLBF, BUFSIZ);  // after a crash the last line is in the file
 }
 
 Log::~Log() {
@@ -22,7 +22,7 @@ Log::~Log() {
 
 void Log::line(Nanos now, std::string_view who, std::string_view text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
-  // A full disk is told at the end (`complete`); it does not stop the run.
+  // A full disk is reported at the end (`complete`); it does not stop the run.
   const std::string whole = fmt::format("[{:>6}.{:09}] {}: {}\n", now / kSecond, now % kSecond, who, text);
   std::fwrite(whole.data(), 1, whole.size(), file_);
   ++lines_;

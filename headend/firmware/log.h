@@ -1,5 +1,5 @@
-// The debug lines of a run, each with its virtual time and the task that speaks: the card's only voice, and
-// the headend's own remarks. To a file, or to stderr.
+// The debug lines of a run, each with its virtual time and the task that printed it: lines of the cards and
+// lines of the headend. To a file, or to stderr.
 #pragma once
 
 #include <cstdio>
@@ -20,7 +20,7 @@ class Log {
 
   void line(Nanos now, std::string_view who, std::string_view text);
   std::uint64_t lines() const { return lines_; }
-  bool complete();  // all lines have been written so far
+  bool complete();  // whether all lines have been written so far
   bool onStderr() const { return file_ == stderr; }
 
  private:

@@ -17,8 +17,8 @@ u8 capturedPackets[MAX_BOARD_NUM][PidSearch::kCaptured]
 struct Content {
   bool startsAny = false;
   bool startsTable = false;
-  bool lastIsTable = false;  // the section that goes on behind the packet's end, or fills it
-  bool endsOther = false;    // in front of the first start stands the end of an earlier section
+  bool lastIsTable = false;  // the section that continues after the packet's end, or fills it
+  bool endsOther = false;    // the packet begins with the end of an earlier section
 };
 
 Content contentOf(mpeg::PacketView packet, u8 tableId) {
@@ -59,14 +59,14 @@ u32 PidSearch::search(const protocol::Request& request) {
   const qamSearchPSI_t before = qamSearchPSI[slot];
   if (wanted.status != 0 && before.isSearch == 1 && before.pid == wanted.pid &&
       before.tableId == wanted.tableid && capture.output == output) {
-    return protocol::kDone;  // it goes on, with what it has captured
+    return protocol::kDone;  // the search continues with the captured packets
   }
   if (capture.output != nullptr) capture.output->setTap(nullptr);
   capture = {};
   qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, 0);
   if (wanted.status == 0) return protocol::kDone;
   qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, wanted.status);
-  output->advance(kernel_.now());  // what left before the search began is not of it
+  output->advance(kernel_.now());  // packets sent before the start do not belong to the search
   capture.output = output;
   output->setTap([this, slot](mpeg::PacketView packet) { look(slot, packet); });
   return protocol::kDone;
@@ -104,7 +104,7 @@ void PidSearch::look(std::size_t slot, mpeg::PacketView packet) {
   if (content.startsAny) capture.inTable = content.lastIsTable;
   if (!continues && !content.startsTable) return;
   if (capture.written - capture.taken >= kCaptured) {
-    capture.inTable = false;  // a section with a hole is worth nothing
+    capture.inTable = false;  // a section with a gap is useless
     return;
   }
   std::copy(packet.begin(), packet.end(), capturedPackets[slot][capture.written % kCaptured]);

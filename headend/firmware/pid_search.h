@@ -1,5 +1,5 @@
-// The chassis's side of the PID search: captures packets from what a channel sends, hands them to the card's
-// queue, and serves management software. One search a card, as the card has it.
+// The chassis's part of the PID search: captures packets from a channel's output, puts them into the card's
+// queue, and serves management software. One search per card, because the card supports only one.
 #pragma once
 
 #include <array>
@@ -14,21 +14,21 @@ namespace headend {
 
 class PidSearch {
  public:
-  static constexpr std::size_t kCaptured = 64;  // packets of a card that wait; what comes then is lost
+  static constexpr std::size_t kCaptured = 64;  // waiting packets per card; more are lost
 
   // `output` gives a channel's multiplexer; null where there is no card.
   PidSearch(Kernel& kernel, std::function<Multiplexer*(int slot, int port)> output);
 
-  // Operations of the management socket: begin or end a search (`ts_data_set`), take what it found
+  // Operations of the management socket: start or stop a search (`ts_data_set`), read the captured packets
   // (`ts_data_rt`). Tasks only.
   u32 search(const protocol::Request& request);
   u32 searched(const protocol::Request& request, base::Bytes& reply);
 
  private:
   struct Capture {
-    Multiplexer* output = nullptr;  // that the tap is on
-    bool inTable = false;           // the packets that come continue a section of the table
-    std::uint64_t written = 0;      // packets, since the search began
+    Multiplexer* output = nullptr;  // the multiplexer that the tap is on
+    bool inTable = false;           // the next packets continue a section of the table
+    std::uint64_t written = 0;      // packets since the start of the search
     std::uint64_t queued = 0;
     std::uint64_t taken = 0;
   };

@@ -1,4 +1,4 @@
-// Bit rates of the last whole virtual second, of channels and inputs, for views and management software.
+// Bit rates over the last whole virtual second, of channels and inputs, for views and management software.
 #pragma once
 
 #include <array>
@@ -12,9 +12,9 @@ namespace headend {
 
 class RateMeter {
  public:
-  struct Rates {        // bits a second
-    double input = 0;   // what the router brought
-    double routed = 0;  // what of it went out
+  struct Rates {        // bits per second
+    double input = 0;   // from the router
+    double routed = 0;  // the part of it that was sent
     double psi = 0;
     double null = 0;
     double total = 0;
@@ -24,7 +24,7 @@ class RateMeter {
   void watchOutput(int slot, int port, Multiplexer& output) { outputs_[{slot, port}].source = &output; }
   void watchInput(int slot, int port, const PidRouter& router) { inputs_[{slot, port}].source = &router; }
 
-  // Call it often; it looks once a second.
+  // Call it often; it measures once a second.
   void update(Nanos now) {
     if (now - measuredAt_ < kSecond) return;
     const double bitsASecond =

@@ -1,5 +1,5 @@
-// Cards share the buffers of what they read: nobody else may read between a card's answer and its copy. A
-// task may take the turn again while it has it, as the cards themselves do.
+// Cards share the buffers for read values: no other task may read between a card's answer and the copy. A
+// task may lock again while it has the lock, as the cards themselves do.
 #pragma once
 
 #include "card/qamVar.h"

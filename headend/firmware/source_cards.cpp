@@ -8,7 +8,7 @@
 namespace headend {
 namespace {
 
-constexpr u8 kReceiverType = 1;           // any but the modulator cards' 27
+constexpr u8 kReceiverType = 1;           // any value except the modulator cards' 27
 constexpr std::size_t kReplyMost = 8192;  // bytes of sections in one reply
 
 }  // namespace

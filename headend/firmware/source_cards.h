@@ -1,5 +1,5 @@
-// The source cards of the chassis: receivers that bring transport streams in. Each has a descriptor in the
-// chassis's list, so that modulator cards find how many inputs it has, and its inputs are on the PID router.
+// The source cards of the chassis: receivers of transport streams. Each has a descriptor in the chassis's
+// list, from which modulator cards read its number of inputs. Its inputs are connected to the PID router.
 #pragma once
 
 #include <map>
@@ -36,7 +36,7 @@ class SourceCards {
   struct Card {
     chassis::card descriptor{};
     std::vector<std::unique_ptr<TsInput>> inputs;
-    std::vector<SourceTables> tables;  // of each input
+    std::vector<SourceTables> tables;  // one per input
   };
 
   PidRouter& router_;

@@ -1,5 +1,5 @@
-// What a source card's firmware knows of the tables on one of its inputs: the latest PAT, CAT, NIT, SDT and
-// BAT sections, and the PMTs that the PAT names. The router shows it every packet; management software asks.
+// The tables on one input of a source card: the latest PAT, CAT, NIT, SDT and BAT sections, and the PMTs that
+// the PAT names. The router passes every packet to it; management software reads the tables.
 #pragma once
 
 #include <bitset>

@@ -1,5 +1,4 @@
-// How long each phase of a card's start-up takes on the modelled controller, and how many bus accesses it
-// makes.
+// The duration of each phase of a card's start-up on the modelled controller, and its number of bus accesses.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +20,7 @@ class StartupTimeline {
     std::uint64_t busAccesses = 0;
   };
 
-  // Ends the phase before, if one runs. `busAccesses` counts the slot's accesses so far.
+  // Ends the previous phase, if one runs. `busAccesses` is the slot's number of accesses so far.
   void begin(std::string name, Nanos now, std::uint64_t busAccesses) {
     end(now, busAccesses);
     phases_.push_back({std::move(name), now, now, 0});
@@ -35,8 +34,7 @@ class StartupTimeline {
     running_ = false;
   }
 
-  // A start-up that comes to a device for the first time has begun the phase that brings it up. `busAccesses`
-  // has the access to the register in it.
+  // The first access to a device begins the phase that starts the device. `busAccesses` includes this access.
   void reached(u32 offset, Nanos now, std::uint64_t busAccesses) {
     for (const auto& [first, name] : kDevicePhases) {
       if (first != offset || !running_) continue;
@@ -46,7 +44,7 @@ class StartupTimeline {
   }
 
   bool running() const { return running_; }
-  // A phase that still runs has lasted until `now`.
+  // A phase that still runs is counted until `now`.
   std::vector<Phase> phases(Nanos now, std::uint64_t busAccesses) const {
     StartupTimeline ended = *this;
     ended.end(now, busAccesses);
@@ -54,7 +52,7 @@ class StartupTimeline {
   }
 
  private:
-  // The register that a phase touches before anything else does.
+  // The register that a phase accesses first.
   struct DevicePhase {
     u32 first;
     const char* name;

@@ -12,7 +12,7 @@ void startStatusTasks(Kernel& kernel, const Chassis& chassis, const std::vector<
   const int ticks = std::max(1, static_cast<int>(period * kernel.settings().tickHz / kSecond));
   for (const int slot : slots) {
     const auto check = [&kernel, &chassis, slot, runs, ticks] {
-      kernel.delay(slot * ticks / MAX_BOARD_NUM);  // slots take turns within the period
+      kernel.delay(slot * ticks / MAX_BOARD_NUM);  // slots are spread over the period
       for (;;) {
         kernel.delay(ticks);
         const chassis::card* card = chassis.slot(slot).descriptor;

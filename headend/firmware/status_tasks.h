@@ -1,6 +1,6 @@
-// The chassis's status tasks: once a period each calls the status check of its slot's card, as long as that
-// runs. One a slot, so that a card whose bus hangs holds up no other card's alarms. A pass holds the
-// processor for some milliseconds, while the card reads its sensor: PSI packets wait as long.
+// The chassis's status tasks: each calls the status check of its slot's card once per period while the card
+// runs. One task per slot, so a card with a blocked bus does not delay other cards' alarms. A check holds the
+// processor for some milliseconds while the card reads its sensor; PSI packets wait meanwhile.
 #pragma once
 
 #include <functional>
@@ -10,7 +10,7 @@
 
 namespace headend {
 
-// Below the send tasks (212), the back end (220) and the menu (230).
+// Lower priority than the send tasks (212), the back end (220) and the menu (230).
 inline constexpr int kStatusPriority = 231;
 
 void startStatusTasks(Kernel& kernel, const Chassis& chassis, const std::vector<int>& slots, Nanos period,

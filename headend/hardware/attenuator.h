@@ -15,7 +15,7 @@ class Attenuator {
 
   void disconnectLatchEnable() { lines_.disconnectLatchEnable(); }
 
-  // Greatest at power-up.
+  // Maximum at power-up.
   double dB() const { return steps_ * 0.5; }
 
  private:

@@ -9,7 +9,7 @@ namespace {
 constexpr std::uint32_t kPreambleSize = 32;
 constexpr std::array<u8, 4> kSync = {'Q', 'A', 'M', 'B'};
 constexpr std::uint32_t kFieldSize = 4;
-constexpr std::uint32_t kPayloadSize = 120'000;  // of the order of a mid-sized part's compressed stream
+constexpr std::uint32_t kPayloadSize = 120'000;  // similar to a mid-sized part's compressed stream
 
 constexpr std::array<std::uint32_t, 256> makeCrcTable() {
   std::array<std::uint32_t, 256> table{};

@@ -1,6 +1,6 @@
-// The sample bitstream of a card's FPGA, and the part's view of one that is clocked in: whole and unaltered,
-// or not. Layout, bits of each byte most significant first: 32 bytes 0xFF, "QAMB", payload length (4 bytes,
-// big endian), payload, CRC-32 (IEEE 802.3, big endian) over length and payload.
+// The sample bitstream of a card's FPGA, and a check of a received bitstream: complete and unaltered, or not.
+// Layout, most significant bit of each byte first: 32 bytes 0xFF, "QAMB", payload length (4 bytes, big
+// endian), payload, CRC-32 (IEEE 802.3, big endian) over length and payload.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace headend {
 
 std::vector<u8> makeSampleBitstream();
 
-// Takes a stream bit by bit, as the part's shift register does.
+// Receives a stream bit by bit, like the shift register of the FPGA.
 class BitstreamReceiver {
  public:
   void restart() { *this = BitstreamReceiver(); }

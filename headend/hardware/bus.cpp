@@ -43,7 +43,7 @@ void Bus::logAccess(const Place& place, char direction, u16 value, Nanos now) {
   std::array<char, 96> line{};  // formatted in place: this runs at every access
   const auto end = fmt::format_to_n(line.data(), line.size(), "{} {} {} {} {:04X} {}\n", now, place.slot + 1,
                                     direction, place.offset, value, name);
-  std::fwrite(line.data(), 1, std::min(end.size, line.size()), log_);  // a full disk is told at the end
+  std::fwrite(line.data(), 1, std::min(end.size, line.size()), log_);  // a full disk is reported at the end
 }
 
 }  // namespace headend

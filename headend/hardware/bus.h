@@ -1,5 +1,5 @@
-// The main board's bus as the processor sees it: the cards' windows from 0x60000000 on and the main board's
-// own FPGA. Turns the address of a register into the device behind it, and writes the log of accesses.
+// The main board's bus: the cards' windows from 0x60000000 on and the main board's own FPGA. Maps a register
+// address to its device, and writes the log of accesses.
 #pragma once
 
 #include <array>
@@ -26,8 +26,8 @@ class Bus {
   void attach(MainBoard& board) { board_ = &board; }
   void logTo(std::FILE* log) { log_ = log; }
 
-  // What stands for a bus address in this process: addresses that only the bus understands, with no memory
-  // behind.
+  // Addresses in this process that represent bus addresses. Only the bus can resolve them; there is no memory
+  // behind them.
   void* hostAddress(u32 busAddress) const;
   void* mainBoard() const { return base_ + kMainBoard; }
 
@@ -44,14 +44,14 @@ class Bus {
     if (log_ != nullptr) logAccess(place, 'w', value, now);
     if (place.device != nullptr) place.device->write(place.offset, value, now);
   }
-  // What a register reads, without an access.
+  // The value of a register, without an access.
   u16 peek(const volatile void* reg, Nanos now) {
     const Place place = find(reg);
     return place.device == nullptr ? kOpenBus : place.device->read(place.offset, now);
   }
 
   std::string registerName(const volatile void* reg) const;              // "slot 1 PsiRdy0"
-  int slotOf(const volatile void* reg) const { return find(reg).slot; }  // -1: of no slot, or of no device
+  int slotOf(const volatile void* reg) const { return find(reg).slot; }  // -1: no slot, or no device
   std::uint64_t accesses(int slot) const { return accesses_[static_cast<std::size_t>(slot)]; }
 
  private:

@@ -1,4 +1,4 @@
-// What sits on the main board's bus: a block of 16-bit registers at byte offsets.
+// A device on the main board's bus: a block of 16-bit registers at byte offsets.
 #pragma once
 
 #include "headend/kernel/kernel.h"

@@ -1,5 +1,5 @@
-// The devices of a card, wired to the lines of its FPGA: clock generator, temperature sensors, synthesizers,
-// attenuator, DAC and calibration EEPROM. Knows which line goes where; the devices know nothing of registers.
+// The devices of a card, connected to the lines of its FPGA: clock generator, temperature sensors,
+// synthesizers, attenuator, DAC and calibration EEPROM. Only this class maps registers to lines.
 #pragma once
 
 #include <array>
@@ -24,13 +24,13 @@ class CardBoard {
  public:
   CardBoard(Violations& violations, unsigned seed);
 
-  // The FPGA drives one of its lines. Registers that are no lines of these devices are ignored.
+  // The FPGA drives one of its lines. Registers that are not lines of these devices are ignored.
   void drive(u32 offset, bool level, Nanos now);
-  // The FPGA starts up anew: it pulls every line low, clocks first, so that no bus sees a start.
+  // The FPGA restarts: it pulls every line low, clocks first, so that no bus has a start condition.
   void pullAllLow(Nanos now);
-  // What the FPGA sees on a line that others drive too; nothing where it only sees its own register.
+  // The level that the FPGA reads on a shared line; nullopt if it reads only its own register.
   std::optional<bool> sense(u32 offset, Nanos now);
-  // The line on which a device may answer a change of this one.
+  // The line on which a device may respond to a change of this line.
   static std::optional<u32> companion(u32 offset);
 
   ClockGenerator& clockGenerator() { return clockGenerator_; }
@@ -50,10 +50,10 @@ class CardBoard {
   OpenDrainBus& eepromBus() { return eepromBus_; }
   OpenDrainBus& sensorBus(int number) { return number == 1 ? sensorBus1_ : sensorBus2_; }
 
-  // Changes of the lines to DAC and EEPROM, which are the points at which a calibration can be cut short.
+  // Line changes to DAC and EEPROM: the points at which a calibration can be interrupted.
   std::uint64_t calibrationEdges() const { return calibrationEdges_; }
   void atEdge(std::uint64_t edge, std::function<void()> hook);  // from 1; one hook at a time
-  void cutPower(Nanos now);                                     // from then on nothing moves
+  void cutPower(Nanos now);                                     // after that, no line changes
 
  private:
   static constexpr std::size_t kCalibrationLines = 6;

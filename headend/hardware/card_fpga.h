@@ -1,5 +1,4 @@
-// The FPGA of a card: blank until it is configured, then a window of registers behind which the two outputs
-// run.
+// The FPGA of a card: blank until it is configured, then a window of registers that controls the two outputs.
 #pragma once
 
 #include <array>
@@ -34,17 +33,17 @@ class CardFpga final : public BusDevice {
   CardBoard& board() { return board_; }
   RfOutput rf(std::size_t channel, Nanos now) const;
 
-  // Told when a configuration begins (false) and when it is complete (true).
+  // Called when a configuration begins (false) and when it is complete (true).
   void onConfiguration(std::function<void(bool complete, Nanos now)> hook) {
     onConfiguration_ = std::move(hook);
   }
 
-  // Told of each register as it stands after an access to it, and of a bus line when its level has changed.
+  // Called with each register's value after an access, and with a bus line when its level has changed.
   void onRegister(std::function<void(u32 offset, u16 value, Nanos now)> hook) {
     onRegister_ = std::move(hook);
   }
 
-  // Answers whether a channel's input is lost; without it none is.
+  // Returns whether a channel's input is lost; without this function no input is lost.
   void onInputLost(std::function<bool(std::size_t channel, Nanos now)> hook) {
     onInputLost_ = std::move(hook);
   }

@@ -1,5 +1,5 @@
-// The register map of the card's FPGA as the hardware has it: name, width and direction of each register. For
-// the FPGA itself, the wiring of its lines, and whoever shows them.
+// The register map of the card's FPGA in hardware: name, width and direction of each register. Used by the
+// FPGA model, the wiring of its lines, and views of the registers.
 #pragma once
 
 #include <array>
@@ -178,7 +178,7 @@ constexpr const CardRegister& cardRegister(u32 offset) {
   return kCardRegisters[offset / 2];
 }
 
-// The byte offset of a register; a name that there is not does not compile.
+// The byte offset of a register; an unknown name is a compile error.
 consteval u32 offsetOf(std::string_view name) {
   u32 offset = 0;
   while (kCardRegisters.at(offset / 2).name != name) offset += 2;

@@ -6,7 +6,7 @@ namespace headend {
 namespace {
 
 constexpr u8 kAddress = 0x64;
-constexpr u8 kByteAccess = 0x80;  // in the command byte; without it a block
+constexpr u8 kByteAccess = 0x80;  // in the command byte; without it, a block access
 constexpr Nanos kSettling = 5'000'000;
 
 constexpr double kMHz = 1e6;
@@ -106,7 +106,7 @@ void ClockGenerator::write(u8 index, u8 value, Nanos now) {
   if (index == kByteCount && (value & kEepromWrite) != 0) violation("eeprom_write_under_clock");
   if (index == kY1 && (value & kPinsAreControl) != 0) violation("bus_given_up");
   change(now, [&] { registers_[index] = static_cast<u8>(value & ~reservedBits(index) & ~readOnly); });
-  // Written one by one, the registers of PLL1 and its outputs make sense only together.
+  // The registers of PLL1 and its outputs are valid only together, but they are written one by one.
   if (index >= kY2Y3 && index <= kPll1Set0End) disturbedAt_ = now;
 }
 

@@ -1,6 +1,6 @@
-// Clock generator CDCE925, programmed through I2C at address 0x64: registers, PLL1, and what comes out at Y3.
-// Not modelled: spread spectrum, PLL2 and its outputs, the EEPROM (programming it is a violation, for it
-// needs the input clock held low, and on the card that clock never stops).
+// Clock generator CDCE925, programmed through I2C at address 0x64: registers, PLL1, and output Y3. Not
+// modelled: spread spectrum, PLL2 and its outputs, the EEPROM. Programming the EEPROM is a violation: it
+// needs the input clock held low, and on the card that clock never stops.
 #pragma once
 
 #include <array>
@@ -13,19 +13,19 @@ namespace headend {
 
 class ClockGenerator final : public I2cSlave {
  public:
-  // `input_hz` is the clock at the input pin. The PLL has settled on the power-up values.
+  // `input_hz` is the clock at the input pin. The PLL is locked with the power-up values.
   ClockGenerator(double input_hz, Violations& violations);
 
-  // Control pin S0; a pull-up inside holds it high until somebody drives it.
+  // Control pin S0; an internal pull-up holds it high until it is driven.
   void selectS0(bool level, Nanos now);
 
   struct Output {
-    std::optional<double> hz;  // none: no clock, or none that could be trusted
-    std::string why;           // then says what is wrong
+    std::optional<double> hz;  // nullopt: no clock, or no reliable one
+    std::string why;           // the reason if `hz` is nullopt
   };
   Output y3(Nanos now) const;
 
-  // A register's value; 0 beyond the last.
+  // A register's value; 0 after the last register.
   u8 reg(u8 index) const { return index < registers_.size() ? registers_[index] : u8{0}; }
 
  protected:
@@ -55,12 +55,12 @@ class ClockGenerator final : public I2cSlave {
   double input_hz_;
   std::array<u8, 0x30> registers_;
   bool s0_ = true;
-  Nanos disturbedAt_ = kLongAgo;  // the PLL's settings last moved
+  Nanos disturbedAt_ = kLongAgo;  // last change of the PLL's settings
 
   Expects expects_ = Expects::kCommand;
   bool block_ = false;
   u8 index_ = 0;
-  unsigned left_ = 0;  // data bytes of this transfer still to come
+  unsigned left_ = 0;  // data bytes of this transfer still expected
   bool reading_ = false;
   bool countSent_ = false;
 };

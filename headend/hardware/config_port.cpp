@@ -40,7 +40,7 @@ void ConfigPort::write(u32 offset, u16 value, Nanos now) {
       } else if (value == kRelease) {
         part_.release(now);
       } else {
-        return;  // the port knows two codes
+        return;  // only two codes have an effect
       }
       code_ = value;
       return;

@@ -17,7 +17,7 @@ class ConfigPort final : public BusDevice {
   void write(u32 offset, u16 value, Nanos now) override;
   const char* registerName(u32 offset) const override;
 
-  // The slot's start-up is over: a guard left open by then stays open for good.
+  // The slot's start-up has ended: a guard that is still open then stays open permanently.
   void loaderLeft();
 
  private:

@@ -4,7 +4,7 @@ namespace headend {
 namespace {
 
 // The least times in nanoseconds.
-constexpr Nanos kSetup = 25;  // of data and of the chip select, before the rise of the clock
+constexpr Nanos kSetup = 25;  // of data and of the chip select, before the rising clock edge
 constexpr Nanos kClockHigh = 30;
 constexpr Nanos kClockLow = 30;
 constexpr Nanos kClockPeriod = 67;  // 15 MHz

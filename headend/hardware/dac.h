@@ -1,9 +1,9 @@
 // The serial port of the digital-to-analog converter AD9775, with four lines and the most significant bit
-// first: thirteen registers of gain, offset and modes. Of the converter itself nothing is modelled.
+// first: thirteen registers of gain, offset and modes. The converter itself is not modelled.
 //
-// A departure from the part: bits 7 to 5 of register 0x00 (SDIO's direction, bit order, software reset) and
-// read-only bits are stored like any other and not acted on, for a blank EEPROM loads 0xFF. portAtRisk()
-// tells.
+// Different from the part: bits 7 to 5 of register 0x00 (SDIO direction, bit order, software reset) and
+// read-only bits are stored like other bits and have no effect, because a blank EEPROM loads 0xFF.
+// portAtRisk() reports this state.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ namespace headend {
 
 class Dac {
  public:
-  // All lines are low in the beginning, the chip select included; the registers hold their defaults.
+  // All lines are low at first, also the chip select; the registers have their defaults.
   Dac(std::string name, Violations& violations);
 
   // The levels at the pins. Reset is active high, chip select active low.
@@ -26,13 +26,13 @@ class Dac {
   void clock(bool level, Nanos now);
   void dataIn(bool level, Nanos now);
 
-  // SDO. The part lets it float unless it sends; a pull-down on the board makes that a 0, so that a driver
+  // SDO. The part drives it only while it sends; otherwise a pull-down on the board makes it 0. So a driver
   // that samples too early or too late does not read the 0xFF of a blank calibration.
   bool dataOut() const { return out_; }
 
   // A register's value; 0 beyond 0x0C.
   u8 reg(u8 index) const { return index < kRegisters ? registers_[index] : u8{0}; }
-  // Register 0x00 holds what would change the data's direction or the bit order, or reset a real part.
+  // Whether register 0x00 has bits that change the data direction or bit order, or reset a real part.
   bool portAtRisk() const { return (registers_[0] & 0xE0) != 0; }
 
  private:
@@ -66,9 +66,9 @@ class Dac {
   bool reads_ = false;
   unsigned address_ = 0;
   unsigned bytesLeft_ = 0;  // data bytes, this one included
-  unsigned bits_ = 0;       // of this byte, whose clock has risen
+  unsigned bits_ = 0;       // of this byte, bits with a rising clock edge
   u8 shift_ = 0;
-  u8 sent_ = 0;  // the byte that goes out
+  u8 sent_ = 0;  // the byte being sent
 
   Nanos resetAt_ = kLongAgo;
   Nanos selectedAt_ = kLongAgo;

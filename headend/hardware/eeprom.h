@@ -1,6 +1,5 @@
 // EEPROM 24C16 behind I2C: 2048 bytes in eight blocks of 256, written in pages of 16. The block is part of
-// the device's address. Write protection is off. The contents outlive a run: whoever owns the model keeps
-// them.
+// the device's address. Write protection is off. The owner of the model keeps the contents between runs.
 #pragma once
 
 #include <array>
@@ -15,19 +14,19 @@ class Eeprom final : public I2cSlave {
  public:
   using Image = std::array<u8, 2048>;
 
-  // Blank: every byte is 0xFF. The seed decides what a power cut leaves behind.
+  // Blank: every byte is 0xFF. The seed determines the contents after a power cut.
   Eeprom(Violations& violations, unsigned seed);
 
-  // The contents from now on. A write cycle that runs is forgotten.
+  // Sets the contents. Cancels a write cycle in progress.
   void load(const Image& image);
-  // How long each later write cycle takes, 0 or more; 5 ms unless set.
+  // Duration of each later write cycle, 0 or more; default 5 ms.
   void writeCycle(Nanos duration) { cycle_ = duration; }
-  // The contents. A write cycle shows once it is over.
+  // The contents. They include a write cycle only after its end.
   const Image& image(Nanos now);
-  // The power goes: a write cycle that runs leaves each of its bytes old, new or garbage, and no other byte
-  // changes. Bytes that no stop has confirmed are lost.
+  // Power is cut: in a write cycle in progress, each byte becomes old, new or garbage; no other byte changes.
+  // Bytes not confirmed by a stop condition are lost.
   void powerCut(Nanos now);
-  // In its write cycle: answers no address.
+  // In its write cycle it does not acknowledge its address.
   bool busy(Nanos now) const { return now < cycleEndsAt_; }
 
  protected:

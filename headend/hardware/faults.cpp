@@ -10,7 +10,7 @@ struct BusName {
   const char* name;
   const char* text;
   OpenDrainBus& (*of)(CardBoard& board);
-  bool mayLack = true;  // a card can do without the device
+  bool mayLack = true;  // a card can work without the device
 };
 constexpr BusName kBuses[] = {
     {"clock", "the clock generator", [](CardBoard& b) -> OpenDrainBus& { return b.clockBus(); }, false},

@@ -1,4 +1,4 @@
-// Faults of a card that a run can ask for by name: what breaks on its board, and when.
+// Faults of a card that a run can inject by name: which part of the board fails, and when.
 #pragma once
 
 #include <span>
@@ -10,12 +10,12 @@ namespace headend {
 
 struct FaultKind {
   std::string name;  // "clock-no-ack"
-  std::string text;  // what breaks, for a list
+  std::string text;  // description for a list
   std::function<void(CardBoard& board, Nanos now)> inject;
 };
 
 // All of them, in the order of a list.
 const std::vector<FaultKind>& faultKinds();
-const FaultKind* findFault(const std::string& name);  // null: there is none of that name
+const FaultKind* findFault(const std::string& name);  // null: unknown name
 
 }  // namespace headend

@@ -28,7 +28,7 @@ constexpr u64 kPacketBits = kTsPacketSize * 8;
 constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
 
 // What is to be done with a packet in further passes.
-constexpr u8 kStep = 0x0F;  // by which its continuity counter moves each pass
+constexpr u8 kStep = 0x0F;  // added to its continuity counter in each pass
 constexpr u8 kPcr = 0x10;
 constexpr u8 kStamps = 0x20;
 
@@ -182,8 +182,8 @@ void FileInput::pace(std::optional<std::uint64_t> bitRate) {
     }
     followPcrs(timetable, pcrs, packets_.size());
   }
-  // PCR, PTS and DTS move by one same amount: whole ticks of 90 kHz. Upwards, so that no packet of a pass
-  // comes later than the first of the next.
+  // PCR, PTS and DTS are shifted by the same amount: whole ticks of 90 kHz, rounded up, so that no packet of
+  // a pass is later than the first of the next.
   constexpr u64 kPtsUnits = mpeg::kPcrPerPts * kUnitsPerTick;
   period_ticks_ = (timetable.end() + kPtsUnits - 1) / kPtsUnits * mpeg::kPcrPerPts;
 }

@@ -1,6 +1,6 @@
-// A transport stream from a file, played between its own PCRs, over and over. The whole file is kept in
-// memory, so that a packet costs one copy of 188 bytes at play time, and none in the first pass. Made by
-// whoever plugs in a source card; the router takes the packets.
+// A transport stream from a file, played between its own PCRs in a loop. The whole file is kept in memory: a
+// packet costs one copy of 188 bytes when played, and none in the first pass. Created by the code that adds a
+// source card; read by the router.
 #pragma once
 
 #include <array>
@@ -14,20 +14,20 @@
 
 namespace headend {
 
-// The first pass is the file's bytes. In each further one PCR, PTS and DTS move by the time of one pass, and
-// each PID's continuity goes on where it ended. The PID with the first usable PCRs sets the pace: a packet
-// with a PCR arrives at that PCR's time, those between at even distances. Where PCRs go back or jump by more
-// than a second, the pace of the interval before goes on.
+// The first pass plays the file's bytes. In each later pass, PCR, PTS and DTS are shifted by the duration of
+// a pass, and each PID's continuity counter continues. The PID with the first usable PCRs sets the pace: a
+// packet with a PCR arrives at that PCR's time, the packets between at equal intervals. Where PCRs decrease
+// or jump by more than a second, the pace of the previous interval continues.
 class FileInput final : public TsInput {
  public:
-  struct Damage {  // what in the file is not packets
+  struct Damage {  // parts of the file that are not packets
     std::size_t syncLosses = 0;
     std::uint64_t leadingBytes = 0;
     std::uint64_t trailingBytes = 0;
   };
 
-  // Plays from `start` on. With a rate, in bits a second of 188-byte packets, that is the pace; without one
-  // the PCRs are. Throws std::runtime_error that says what the file lacks.
+  // Plays from `start` on, at the given rate in bits per second of 188-byte packets, or by the PCRs if there
+  // is no rate. Throws std::runtime_error with the missing item if the file cannot be used.
   explicit FileInput(std::string path, std::optional<std::uint64_t> bitRate = std::nullopt, Nanos start = 0);
 
   Nanos nextArrival() const override { return next_; }
@@ -38,16 +38,16 @@ class FileInput final : public TsInput {
   std::uint64_t period_ticks() const { return period_ticks_; }  // of one pass; 27 MHz, a multiple of 300
   const Damage& damage() const { return damage_; }
 
-  static constexpr std::uint64_t kSlowest = 1'000;  // bits a second
+  static constexpr std::uint64_t kSlowest = 1'000;  // bits per second
   static constexpr std::uint64_t kFastest = 1'000'000'000;
 
  private:
   using Packet = std::array<u8, kTsPacketSize>;
 
-  // A PTS or DTS, or a part of one where a PES header is torn between packets.
+  // A PTS or DTS, or a part of one if a PES header is split between packets.
   struct Stamp {
     std::uint32_t packet;
-    u8 at;     // in the packet
+    u8 at;     // position in the packet
     u8 first;  // of the field's bytes
     u8 count;
     std::array<u8, mpeg::kPesTimeSize> field;  // the whole field, as it is in the file
@@ -71,7 +71,7 @@ class FileInput final : public TsInput {
   Nanos start_;
   std::uint64_t pass_ = 0;
   std::uint64_t passBegin_ = 0;    // in units of 1/27 ns from `start_`
-  std::uint64_t shift_ticks_ = 0;  // by which this pass has moved, below mpeg::kPcrWrap
+  std::uint64_t shift_ticks_ = 0;  // offset of this pass, below mpeg::kPcrWrap
   std::size_t index_ = 0;
   std::size_t stamp_ = 0;  // the next one
   Nanos next_ = 0;

@@ -30,7 +30,7 @@ void FpgaConfiguration::release(Nanos now) {
 }
 
 void FpgaConfiguration::data(bool level) {
-  if (receiver_.accepted()) receiver_.refuse();  // more than the stream says it has: not the stream it was
+  if (receiver_.accepted()) receiver_.refuse();  // more data than the stream's length: not a valid stream
   data_ = level;
   clocksSinceData_ = 0;
 }

@@ -14,13 +14,13 @@ namespace headend {
 class FpgaConfiguration {
  public:
   struct Settings {
-    bool anyBitstream = false;  // take any stream of whole bytes, not only one with length and CRC of its own
-    unsigned seed = 0;          // for the part's spread of its status times
+    bool anyBitstream = false;  // accept any stream of whole bytes, not only one with its own length and CRC
+    unsigned seed = 0;          // for the variation of the part's status times
   };
 
   FpgaConfiguration(const Settings& settings, Violations& violations);
 
-  // Called when the part becomes blank, and when it starts up configured.
+  // Called when the part becomes blank, and when it starts configured.
   void onChange(std::function<void(bool configured, Nanos now)> hook) { onChange_ = std::move(hook); }
 
   void request(Nanos now);

@@ -72,7 +72,7 @@ void I2cSlave::start(Nanos now) {
 }
 
 void I2cSlave::stop(Nanos now) {
-  if (phase_ == Phase::kIdle) return;  // lines that rise for the first time
+  if (phase_ == Phase::kIdle) return;  // the first rise of the lines
   if (bits_ != 0) {
     violation("stop_in_byte");
   } else if (phase_ == Phase::kAddress) {
@@ -108,7 +108,7 @@ void I2cSlave::bit(bool level, Nanos now) {
     violation("data_held_low_while_sending");
   if (phase_ == Phase::kRefused) violation("write_after_nack");
   if (phase_ == Phase::kSent) violation("read_after_nack");
-  if (phase_ == Phase::kRefused || phase_ == Phase::kSent) phase_ = Phase::kForeign;  // said once
+  if (phase_ == Phase::kRefused || phase_ == Phase::kSent) phase_ = Phase::kForeign;  // counted once
 
   if (bits_ == 8) {
     pulls_ = takeByte(now);

@@ -1,5 +1,5 @@
 // The protocol of an I2C slave, UM10204 in fast mode (400 kHz): start, stop, address, acknowledge, and the
-// times a master must keep. Device models derive from it; OpenDrainBus tells it the levels on the wire.
+// minimum times of a master. Base class of device models; OpenDrainBus passes the line levels to it.
 #pragma once
 
 #include <string>
@@ -16,14 +16,14 @@ class I2cSlave {
   I2cSlave& operator=(const I2cSlave&) = delete;
   virtual ~I2cSlave() = default;
 
-  // The levels on the wire, after each change of either. Both are low in the beginning: lines that rise for
-  // the first time break no rule. Whoever lets both fall again lets the clock fall first.
+  // The levels on the wire, after each change of either. Both are low at first: the first rise of the lines
+  // breaks no rule. A caller that sets both low again must set the clock low first.
   void wire(bool scl, bool sda, Nanos now);
-  // Holds SDA low: an acknowledge, or a 0 that it sends.
+  // Holds SDA low: an acknowledge, or a 0 that the slave sends.
   bool pullsData() const { return pulls_; }
-  // False: answers no address from now on and takes nothing.
+  // False: from now on it does not acknowledge its address and receives nothing.
   void acknowledges(bool does) { acknowledges_ = does; }
-  // From the fall of the clock that ends a ninth bit, of whichever slave, until its next rise.
+  // From the falling clock edge after a ninth bit, of any slave, until the next rising edge.
   bool byteEnded() const { return byteEnded_; }
 
  protected:
@@ -32,11 +32,11 @@ class I2cSlave {
   // The 7-bit address and the R/W bit below it. True: acknowledge.
   virtual bool addressed(u8 addressByte, Nanos now) = 0;
   virtual bool received(u8 byte, Nanos now) = 0;  // true: acknowledge
-  virtual u8 next(Nanos now) = 0;                 // the next byte to send; asked for only when it goes out
+  virtual u8 next(Nanos now) = 0;                 // the next byte to send; called only when it is sent
   virtual void started(Nanos /*now*/) {}
   virtual void stopped(Nanos /*now*/) {}
 
-  // In started() and stopped(): the condition came inside a byte.
+  // In started() and stopped(): the condition was inside a byte.
   bool inByte() const { return bits_ != 0; }
 
   // Counts a violation "<name>_<kind>".
@@ -46,7 +46,7 @@ class I2cSlave {
   enum class Phase {
     kIdle,
     kAddress,
-    kForeign,    // others are meant
+    kForeign,    // another device is addressed
     kReceiving,  // from the master
     kRefused,    // this slave did not acknowledge: only a stop or a start may follow
     kSending,    // to the master
@@ -74,9 +74,9 @@ class I2cSlave {
   bool byteEnded_ = false;
 
   Phase phase_ = Phase::kIdle;
-  bool firstFall_ = false;  // a start has been, the fall of the clock after it has not
-  unsigned bits_ = 0;       // of this byte, those whose clock has fallen again
-  bool sampled_ = false;    // SDA at the last rise of the clock: a bit only once the clock falls
+  bool firstFall_ = false;  // the start was received, the following falling clock edge was not
+  unsigned bits_ = 0;       // of this byte, bits with a falling clock edge
+  bool sampled_ = false;    // SDA at the last rising clock edge: a bit only after the falling edge
   u8 shift_ = 0;
   u8 out_ = 0;
 

@@ -1,5 +1,5 @@
-// An input of a source card whose cable comes loose at a given time, for good or again and again. Put around
-// the real input by whoever injects the fault.
+// An input of a source card that is lost at a given time, permanently or periodically. The code that injects
+// the fault wraps the real input with it.
 #pragma once
 
 #include <memory>
@@ -12,8 +12,8 @@ namespace headend {
 
 struct Loss {
   Nanos at = 0;
-  // The input is lost for the first half of each period from `at` on and there for the second; without one it
-  // stays lost.
+  // The input is lost for the first half of each period from `at` on, and present for the second half.
+  // Without a period it stays lost.
   std::optional<Nanos> period;
 
   bool covers(Nanos time) const;
@@ -21,11 +21,11 @@ struct Loss {
 
 class InterruptibleInput final : public TsInput {
  public:
-  // Throws std::runtime_error when the period is too short to be halved.
+  // Throws std::runtime_error if the period is too short to be halved.
   InterruptibleInput(const Kernel& kernel, std::unique_ptr<TsInput> input, const Loss& loss);
 
-  // Packets of a lost time are discarded here as that time comes, not before: a looping file has no end of
-  // them. So kNever means until asked again, as with an input from the network.
+  // Packets in lost intervals are discarded only when that time is reached: a looping file has an endless
+  // number of packets. So kNever is valid only until the next query, as for an input from the network.
   Nanos nextArrival() const override;
   mpeg::PacketView take() override { return input_->take(); }
   const std::string& name() const override { return input_->name(); }

@@ -1,4 +1,4 @@
-// The registers of the main board's FPGA that tell of the outputs. The chassis reads them over the bus.
+// The registers of the main board's FPGA for the state of the outputs. The chassis reads them over the bus.
 #pragma once
 
 #include <array>
@@ -10,8 +10,8 @@ namespace headend {
 
 class MainBoard final : public BusDevice {
  public:
-  // Byte offset in the main board's block. Two bits a slot, the first output's lower: set by a packet that
-  // found the output's buffer full, clear once no other has for kOverflowHold.
+  // Byte offset in the main board's block. Two bits per slot, the first output in the lower bit. A bit is set
+  // when a packet finds the output's buffer full, and cleared after kOverflowHold without another.
   static constexpr u32 kRateOverflow = 376;
   static constexpr Nanos kOverflowHold = 2 * kSecond;
 
@@ -22,7 +22,7 @@ class MainBoard final : public BusDevice {
 
   void watch(int slot, int port, Multiplexer& output);
 
-  // Whether the output's bit is set; false where none is watched.
+  // Whether the output's bit is set; false if no output is monitored there.
   bool overflows(int slot, int port, Nanos now);
 
   u16 read(u32 offset, Nanos now) override;

@@ -41,7 +41,7 @@ std::uint32_t Modulator::programmedRate_kBd() const {
 
 // Packets keep the pace of 64-QAM where the code says nothing.
 BitRate Modulator::rate() const {
-  constexpr std::uint32_t kFastest_kBd = 20'000;  // the logic follows no faster clock
+  constexpr std::uint32_t kFastest_kBd = 20'000;  // the logic does not support a faster clock
   const unsigned bits = bitsOf(inForce_.code);
   return BitRate::ofModulation(std::min(inForce_.symbolRate_kBd, kFastest_kBd), bits == 0 ? 6 : bits);
 }

@@ -1,5 +1,5 @@
-// The modulator logic of a card's FPGA: two reset lines, the constellation and the symbol-rate word. What it
-// is told takes effect when its reset is released, so that four registers change as one.
+// The modulator logic of a card's FPGA: two reset lines, the constellation and the symbol-rate word. New
+// values take effect when the reset is released, so that four registers change together.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@ class Modulator {
  public:
   void powerUp() { *this = {}; }
 
-  // Registers as a driver writes them. True when another setting has come into force.
+  // Registers as a driver writes them. True if the active settings have changed.
   bool reset(u16 nrst);
   void constellationCode(u16 code) { code_ = code; }
   void symbolRateByte(std::size_t index, u16 value) {
@@ -22,7 +22,7 @@ class Modulator {
   }  // 0 is the highest
 
   bool inReset() const { return !released_; }
-  std::optional<unsigned> constellation() const;  // points: 64, 128, 256; none for a code that nobody knows
+  std::optional<unsigned> constellation() const;  // points: 64, 128, 256; nullopt for an unknown code
   std::uint32_t symbolRate_kBd() const { return inForce_.symbolRate_kBd; }
   BitRate rate() const;
 

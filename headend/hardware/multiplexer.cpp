@@ -16,7 +16,7 @@ void setPid(std::span<u8, kTsPacketSize> packet, u16 pid) {
 
 void Multiplexer::start(Nanos now, BitRate rate) {
   rate_ = {};
-  setRate(now, rate);  // which lets the feed bring what came before: not for this stream
+  setRate(now, rate);  // here the feed delivers earlier packets: they are not for this stream
   running_ = true;
   next_ = now;
   psi_.clear();
@@ -86,7 +86,7 @@ void Multiplexer::setPass(Nanos now, u16 pid, bool pass) {
 }
 
 void Multiplexer::advance(Nanos now) {
-  if (advancing_) return;  // a sink or a tap has asked
+  if (advancing_) return;  // called by a sink or a tap
   advancing_ = true;
   if (feed_ != nullptr) feed_->deliverUntil(now);
   leave(now);
@@ -141,7 +141,7 @@ std::uint64_t Multiplexer::ticksSince(Nanos arrival) const {
 void Multiplexer::leaveNulls(Nanos until) {
   const std::uint64_t before = counts_.null;
   while (next_ <= until) {
-    // As many as leave by now for certain; the last few one by one.
+    // All packets that certainly leave by now; the last few one by one.
     const std::uint64_t atLeast = static_cast<std::uint64_t>(until - next_) / (period_ + 1);
     const std::uint64_t packets = std::clamp<std::uint64_t>(atLeast, 1, 100'000'000);
     counts_.null += packets;

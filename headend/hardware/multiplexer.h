@@ -1,6 +1,6 @@
-// One output of the card's FPGA: a transport stream of constant bit rate in which PSI packets go first, then
-// the packets that the chassis's router brings, in order of arrival; null packets fill the rest. Packets
-// leave at the times that the bit rate gives; nothing is computed before it is asked.
+// One output of the card's FPGA: a transport stream of constant bit rate. PSI packets are sent first, then
+// packets from the chassis's router in order of arrival; null packets fill the rest. Packets leave at the
+// times given by the bit rate. Packets are computed only when they are needed.
 #pragma once
 
 #include <array>
@@ -19,7 +19,7 @@
 
 namespace headend {
 
-// Bits a second as a fraction, for 188 of 204 bytes of each packet are the transport stream's.
+// Bits per second as a fraction, because only 188 of 204 bytes of each packet are transport stream.
 struct BitRate {
   std::uint64_t numerator = 0;
   std::uint64_t denominator = 1;
@@ -31,7 +31,7 @@ struct BitRate {
   bool operator==(const BitRate&) const = default;
 };
 
-// Who brings an output its packets.
+// The source of an output's packets.
 class PacketFeed {
  public:
   PacketFeed() = default;
@@ -39,26 +39,26 @@ class PacketFeed {
   PacketFeed& operator=(const PacketFeed&) = delete;
   virtual ~PacketFeed() = default;
 
-  // Offers every packet that has arrived by `now` to the outputs that it goes to.
+  // Offers every packet that has arrived by `now` to its outputs.
   virtual void deliverUntil(Nanos now) = 0;
 };
 
 class Multiplexer {
  public:
-  // All in packets. What waits when the output stops is in `offered` only.
+  // All in packets. Packets waiting when the output stops are counted in `offered` only.
   struct Counts {
     std::uint64_t psi = 0;
-    std::uint64_t routed = 0;  // have left
+    std::uint64_t routed = 0;  // sent
     std::uint64_t null = 0;
-    std::uint64_t offered = 0;   // by the router while the output ran, before filter and buffer
-    std::uint64_t filtered = 0;  // stopped by the PID filter
-    std::uint64_t dropped = 0;   // found the buffer full
+    std::uint64_t offered = 0;   // from the router while the output ran, before filter and buffer
+    std::uint64_t filtered = 0;  // discarded by the PID filter
+    std::uint64_t dropped = 0;   // discarded because the buffer was full
     std::uint64_t total() const { return psi + routed + null; }
   };
 
   void setSink(PacketSink* sink) { sink_ = sink; }
   void setFeed(PacketFeed* feed) { feed_ = feed; }
-  // Shown every packet but null packets as it leaves; an empty function ends it.
+  // Called with every packet sent, except null packets; an empty function removes it.
   void setTap(std::function<void(mpeg::PacketView)> tap) { tap_ = std::move(tap); }
 
   void start(Nanos now, BitRate rate);  // the first packet leaves at once
@@ -67,24 +67,24 @@ class Multiplexer {
   const BitRate& rate() const { return rate_; }
 
   bool psiHasRoom(Nanos now);
-  // False when the FIFO was full: the packet is lost.
+  // False if the FIFO was full: the packet is lost.
   bool insertPsi(Nanos now, std::span<const u8> packet);
 
-  // A packet for this output, which shall carry `pid`. For the feed alone, with no arrival before the one
-  // before. Ignored, and not counted, while the output stands still.
+  // A packet for this output, to be sent with `pid`. Only for the feed; arrival times must not decrease.
+  // Ignored and not counted while the output is stopped.
   void offer(Nanos arrival, mpeg::PacketView packet, u16 pid);
 
   // Whether routed packets of a PID of this output pass; all do after `start`. PSI always passes.
   void setPass(Nanos now, u16 pid, bool pass);
 
-  // Lets every packet leave that is due by `now`, after the feed has brought what has arrived until then.
+  // Sends every packet due by `now`, after the feed has delivered the packets that arrived until then.
   void advance(Nanos now);
   const Counts& counts() const { return counts_; }
-  std::size_t buffered() const { return buffer_.size(); }  // routed packets that wait
+  std::size_t buffered() const { return buffer_.size(); }  // waiting routed packets
   std::optional<Nanos> lastDrop() const { return lastDrop_; }
 
   static constexpr std::size_t kPsiFifo = 8;
-  static constexpr Nanos kBuffer = kSecond / 10;  // what it holds of routed packets at the output's rate
+  static constexpr Nanos kBuffer = kSecond / 10;  // buffer for routed packets, as time at the output's rate
 
  private:
   void drop(Nanos when, std::size_t packets);

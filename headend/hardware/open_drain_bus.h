@@ -1,5 +1,5 @@
-// Two open-drain lines with pull-ups between a master and one slave that may be absent: the level on a wire
-// is low when either pulls. Faults of the wires and of the slave are injected here.
+// Two open-drain lines with pull-ups between a master and one slave, which may be absent: a line is low if
+// either device pulls it low. Faults of the wires and of the slave are injected here.
 #pragma once
 
 #include "headend/hardware/i2c_slave.h"
@@ -10,7 +10,7 @@ class OpenDrainBus {
  public:
   enum class Fault {
     kAbsent,         // there is no slave
-    kNoAcknowledge,  // the slave answers no address
+    kNoAcknowledge,  // the slave does not acknowledge its address
     kClockLow,       // a line is stuck, for master and slave alike
     kClockHigh,
     kDataLow,
@@ -18,13 +18,13 @@ class OpenDrainBus {
     kStretch,  // the slave holds the clock low for 100 us from the end of each ninth bit
   };
 
-  // `slave` may be null: absent. Both lines are pulled low by the master in the beginning.
+  // `slave` may be null: absent. At first the master pulls both lines low.
   explicit OpenDrainBus(I2cSlave* slave) : slave_(slave) {}
 
-  // Faults add up and stay.
+  // Faults accumulate and stay.
   void inject(Fault fault, Nanos now);
 
-  // What the master does: false pulls, true lets go.
+  // Output of the master: false pulls the line low, true releases it.
   void driveClock(bool level, Nanos now);
   void driveData(bool level, Nanos now);
 
@@ -49,7 +49,7 @@ class OpenDrainBus {
   bool stretches_ = false;
   bool holdsClock_ = false;
   Nanos heldUntil_ = 0;
-  bool clock_ = false;  // as last told to the slave
+  bool clock_ = false;  // last level passed to the slave
   bool data_ = false;
 };
 

@@ -1,5 +1,5 @@
-// Packets that wait for an output, oldest first, each with the time at which it came. Grows to what has once
-// been waiting and never allocates after that. For the multiplexer.
+// Packets waiting for an output, oldest first, each with its arrival time. It grows to the largest number of
+// waiting packets and does not allocate after that. For the multiplexer.
 #pragma once
 
 #include <algorithm>

@@ -40,7 +40,7 @@ class BlockSink : public PacketSink {
   const std::string& error() const override { return error_; }
 
  protected:
-  // False when the block could not be written; errno says why.
+  // False if the block could not be written; errno gives the reason.
   virtual bool write(std::span<const u8> block) = 0;
   const std::string& name() const { return name_; }
 
@@ -89,7 +89,7 @@ class FileSink final : public BlockSink {
     return true;
   }
 
-  // A full disk takes a part of a packet: nobody downstream shall find one.
+  // A full disk accepts a part of a packet: the file must not contain it.
   void cutToWholePackets() const {
     struct stat info {};
     if (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) return;
@@ -120,7 +120,7 @@ class UdpSink final : public BlockSink {
  private:
   bool write(std::span<const u8> block) override {
     if (::send(fd_, block.data(), block.size(), 0) >= 0) return true;
-    return errno == ECONNREFUSED || errno == EINTR;  // nobody listens: as with any broadcast
+    return errno == ECONNREFUSED || errno == EINTR;  // no receiver: as with any broadcast
   }
 
   int fd_;

@@ -1,4 +1,4 @@
-// Where an output's packets go: a file, UDP on loopback, or nowhere. The multiplexer writes, in order.
+// Destination of an output's packets: a file, UDP on loopback, or none. The multiplexer writes in order.
 #pragma once
 
 #include <cstdint>
@@ -21,12 +21,12 @@ class PacketSink {
   virtual void nullPackets(std::uint64_t count) = 0;
   virtual void flush() = 0;
 
-  // Empty while all is well; else what failed on which output. After a failure nothing more is written.
+  // Empty if there is no error; else the error and its output. After an error nothing more is written.
   virtual const std::string& error() const = 0;
 };
 
-// `target` is "udp://ADDRESS:PORT" (seven packets a datagram) or a file's path. Throws std::runtime_error
-// that says what cannot be opened.
+// `target` is "udp://ADDRESS:PORT" (seven packets per datagram) or a file's path. Throws std::runtime_error
+// with the target that cannot be opened.
 std::unique_ptr<PacketSink> openSink(const std::string& target);
 
 }  // namespace headend

@@ -1,6 +1,6 @@
 // The chassis's PID router between the inputs of source cards and the outputs of modulator cards. The chassis
-// programs its map word by word; an output asks for its packets when it comes to them, and so the router
-// costs nothing while nobody looks.
+// programs its map word by word. An output reads its packets when it needs them, so the router uses no
+// processor time while no output reads.
 #pragma once
 
 #include <array>
@@ -23,41 +23,40 @@ class PidRouter final : public PacketFeed {
   using Words = chassis::RouterWords;
 
   struct InputCounts {
-    std::uint64_t packets = 0;  // delivered; with the damaged ones of which the PID can be read
+    std::uint64_t packets = 0;  // delivered; with damaged ones that have a readable PID
     std::uint64_t damaged =
-        0;  // marked by transport_error_indicator, or without a sync byte: those go nowhere
-    std::optional<Nanos> last;  // when the last packet with a sync byte came
+        0;  // marked by transport_error_indicator, or without a sync byte: these are not delivered
+    std::optional<Nanos> last;  // arrival of the last packet with a sync byte
   };
 
-  // Slots from 0 to 5, ports of inputs from 0 to 15, ports of outputs 0 and 1. Input and output outlive the
-  // router's use; the output gets the router as its feed.
+  // Slots from 0 to 5, ports of inputs from 0 to 15, ports of outputs 0 and 1. Input and output must outlive
+  // the router; the router becomes the feed of the output.
   void connectInput(int slot, int port, TsInput& source);
   void connectOutput(int slot, int port, Multiplexer& output);
 
-  // Programs a position of an output's map, from packets on that arrive after `now`. Nothing happens for a
-  // position or an output that there is not.
+  // Programs a position of an output's map, for packets that arrive after `now`. Does nothing for a position
+  // or an output that does not exist.
   void set(Nanos now, int slot, int port, u16 index, const Words& words);
   const Words& position(int slot, int port, u16 index) const;
   std::size_t used(int slot, int port) const;  // positions in use
-  // How many positions in use have no effect, for one before them in the same map names the same source.
+  // Number of used positions without effect, because an earlier position in the same map has the same source.
   std::size_t shadowed(int slot, int port) const;
 
-  // In order of arrival, at one time by slot and port.
+  // In order of arrival; packets of the same time by slot and port.
   void deliverUntil(Nanos now) override;
 
-  const InputCounts* input(int slot, int port) const;  // null: there is no such input
-  // Shown every packet of an input that has a sync byte; an empty function ends it. No effect without the
-  // input.
+  const InputCounts* input(int slot, int port) const;  // null: no such input
+  // Called with every packet of an input that has a sync byte; an empty function removes it. No effect if the
+  // input does not exist.
   void onPacket(int slot, int port, std::function<void(mpeg::PacketView)> observer);
-  // Whether the output's map names an input that has delivered nothing for half a second, or since the
-  // beginning when it never has.
+  // Whether the output's map names an input that has delivered nothing for half a second, or never.
   bool inputLost(int slot, int port, Nanos now);
 
  private:
   using Key = u32;  // source slot, port and PID: 4, 4 and 13 bits
   static constexpr u16 kNoRoute = 0xFFFF;
   static constexpr std::size_t kOutputs = std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM;
-  static constexpr std::size_t kNameable = 256;  // inputs that a word can name, by slot and port
+  static constexpr std::size_t kNameable = 256;  // inputs that a word can address, by slot and port
 
   struct Position {
     Words words = chassis::kUnusedPosition;

@@ -25,7 +25,7 @@ void PsiPort::write(u16 word, Nanos now) {
   if (position_ >= kTsPacketSize && !isFiller) {
     if (isData && word != mpeg::kSyncByte) return misframed(Lost::kUntilFiller);  // too long
     misframed(isData ? Lost::kNo : Lost::kUntilData);
-    if (!isData) return;  // else the next packet begins, before the filler of this one was complete
+    if (!isData) return;  // else the next packet begins before the filler of this one was complete
   }
   if (position_ < kTsPacketSize) packet_[position_] = static_cast<u8>(word);
   if (++position_ == kWritesAPacket) complete(now);

@@ -1,5 +1,5 @@
-// A channel's PSI data port: 204 writes a packet, of which the first 188 carry a byte each in their low half
-// and the rest are 0xFFFF. What comes otherwise is a misframed packet, lost and counted.
+// A channel's PSI data port: 204 writes per packet. The first 188 have a byte each in their low half; the
+// rest are 0xFFFF. Any other sequence is a misframed packet, which is lost and counted.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ class PsiPort {
   void write(u16 word, Nanos now);
 
  private:
-  // A misframed packet is lost to its end, so that it counts once.
+  // A misframed packet is discarded to its end, so that it is counted once.
   enum class Lost { kNo, kUntilFiller, kUntilData };
 
   void misframed(Lost lost);

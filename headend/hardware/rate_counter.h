@@ -1,5 +1,5 @@
 // The rate counters of one output: bytes and null packets that leave while the gate is open. They start from
-// 0 when the gate opens, stand still when it closes, and count on while they are read: 24 and 16 bits wide.
+// 0 when the gate opens, stop when it closes, and continue while they are read: 24 and 16 bits wide.
 #pragma once
 
 #include "headend/hardware/multiplexer.h"

@@ -11,8 +11,8 @@ namespace {
 constexpr double kMixerOffset_Hz = 4e6;
 constexpr double kChannelSpacing_Hz = 8e6;
 constexpr double kClocksPerSymbol = 8;
-constexpr double kBandLimit_Hz = 2600e6;   // the second oscillator's lower band goes up to here
-constexpr double kClockTolerance = 50e-6;  // a receiver follows the symbol rate no further
+constexpr double kBandLimit_Hz = 2600e6;   // the upper limit of the second oscillator's lower band
+constexpr double kClockTolerance = 50e-6;  // limit for a receiver's symbol-rate tracking
 constexpr double kFullLevel_dBuV = 115;
 constexpr u16 kAllSupplies = 15;
 

@@ -1,5 +1,5 @@
-// What an analyser at a card's RF connector shows of one channel, worked out from what the devices took off
-// their lines and from nothing else. For the status view, the report and management clients.
+// The signal of one channel at a card's RF connector, as an analyser shows it, computed only from the data
+// that the devices received on their lines. For the status view, the report and management clients.
 #pragma once
 
 #include <optional>
@@ -13,14 +13,14 @@ namespace headend {
 struct RfOutput {
   enum class Verdict { kOnAir, kOff, kFaulty };
 
-  std::optional<double> frequency_kHz;    // none where an oscillator does not run
-  double level_dBuV = 0;                  // 0 where nothing comes out
-  std::uint32_t symbolRate_kBd = 0;       // as the modulator was told
-  std::optional<double> clock_kBd;        // as the clock generator gives it
+  std::optional<double> frequency_kHz;    // nullopt if an oscillator does not run
+  double level_dBuV = 0;                  // 0 if there is no output
+  std::uint32_t symbolRate_kBd = 0;       // as set in the modulator
+  std::optional<double> clock_kBd;        // from the clock generator
   std::optional<unsigned> constellation;  // points
   double bitRate = 0;                     // bit/s of the transport stream
   Verdict verdict = Verdict::kOff;
-  std::string why;  // off or faulty: the reason, in words
+  std::string why;  // the reason in words if off or faulty
 };
 
 std::optional<std::string> constellationName(const RfOutput& output);  // "64-QAM"

@@ -47,7 +47,7 @@ void Synthesizer::latchEnable(bool level, Nanos now) {
     case kCounters:
       counterLatch_ = *word;
       break;
-    default:  // the initialization word goes to the function latch too
+    default:  // the initialization word is also written to the function latch
       functionLatch_ = *word;
       break;
   }

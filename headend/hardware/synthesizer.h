@@ -11,7 +11,7 @@ namespace headend {
 
 class Synthesizer {
  public:
-  // The loop locks with that polarity of the phase detector only: the sign of its filter and oscillator.
+  // The loop locks only with that polarity of the phase detector: the sign of its filter and oscillator.
   Synthesizer(std::string name, double reference_hz, bool positivePolarityLocks, Violations& violations);
 
   void data(bool level, Nanos now) { lines_.data(level, now); }
@@ -22,8 +22,8 @@ class Synthesizer {
   void removeReference() { reference_hz_ = 0; }
 
   struct Output {
-    std::optional<double> hz;  // none: the loop does not lock
-    std::string why;           // then says what is wrong
+    std::optional<double> hz;  // nullopt: the loop does not lock
+    std::string why;           // the reason if `hz` is nullopt
   };
   Output output() const;
 

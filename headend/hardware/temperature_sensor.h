@@ -1,6 +1,6 @@
-// Temperature sensor AD7414 behind I2C: address pointer, configuration, limits, and a ten-bit temperature
-// that a conversion renews every 800 ms, or once on demand. The alert pin is not connected; its flags are
-// kept.
+// Temperature sensor AD7414 behind I2C: address pointer, configuration, limits, and a ten-bit temperature,
+// updated by a conversion every 800 ms, or once on request. The alert pin is not connected; its flags are
+// stored.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@ class TemperatureSensor final : public I2cSlave {
   // `address` is the 7-bit address. Power-up is at time 0, at 25 degrees.
   TemperatureSensor(u8 address, std::string name, Violations& violations);
 
-  // What it measures from `now` on, in degrees Celsius, -55 to 127 (clamped), in steps of a quarter.
+  // The temperature from `now` on, in degrees Celsius, -55 to 127 (clamped), in steps of a quarter.
   void temperature(double celsius, Nanos now = 0);
 
  protected:
@@ -31,7 +31,7 @@ class TemperatureSensor final : public I2cSlave {
   unsigned temperatureRegister() const;
 
   u8 address_;
-  int measured_quarters_ = 100;  // the world around it
+  int measured_quarters_ = 100;  // the ambient temperature
   int value_quarters_ = 0;       // the temperature value register
 
   u8 pointer_ = 0;
@@ -41,8 +41,8 @@ class TemperatureSensor final : public I2cSlave {
 
   bool active_ = false;        // this device takes part in the transfer
   unsigned bytes_ = 0;         // of this access, after the address
-  bool oneShotAsked_ = false;  // by the access that goes on
-  bool wakesUp_ = false;       // likewise
+  bool oneShotAsked_ = false;  // by the current access
+  bool wakesUp_ = false;       // by the current access
   Nanos oneShotDoneAt_;
   Nanos nextDoneAt_;
 };

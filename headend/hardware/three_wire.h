@@ -1,5 +1,5 @@
-// The shift register of a device with data, clock and latch enable: bits enter at the rise of the clock, most
-// significant first, the latch takes the word. Checks what a driver may get wrong.
+// The shift register of a device with data, clock and latch enable: bits are shifted in at the rising clock
+// edge, most significant first; the latch stores the word. Checks the driver for errors.
 #pragma once
 
 #include <optional>
@@ -13,11 +13,11 @@ namespace headend {
 
 class ThreeWire {
  public:
-  // The least times in nanoseconds.
+  // The minimum times in nanoseconds.
   struct Timing {
-    Nanos dataSetup, dataHold;  // before and after the rise of the clock
+    Nanos dataSetup, dataHold;  // before and after the rising clock edge
     Nanos clockHigh, clockLow;
-    Nanos clockToLatch;  // from the last rise of the clock to the latch
+    Nanos clockToLatch;  // from the last rising clock edge to the latch
     Nanos latchWidth;
   };
 
@@ -26,9 +26,9 @@ class ThreeWire {
 
   void data(bool level, Nanos now);
   void clock(bool level, Nanos now);
-  // The word that the latch takes, at its rise.
+  // The word stored by the latch, at its rising edge.
   std::optional<u32> latchEnable(bool level, Nanos now);
-  // The latch hears nothing any more.
+  // The latch is disconnected.
   void disconnectLatchEnable() { latchConnected_ = false; }
 
   // Counts a violation "<name>_<kind>".

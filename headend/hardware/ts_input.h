@@ -1,5 +1,5 @@
 // One input of a source card: a transport stream whose packets arrive one by one in virtual time. The router
-// takes them; who plays a file or listens to the network knows nothing of where they go.
+// reads the packets; the inputs do not depend on their destination.
 #pragma once
 
 #include <span>
@@ -17,12 +17,12 @@ class TsInput {
   TsInput& operator=(const TsInput&) = delete;
   virtual ~TsInput() = default;
 
-  // When the next packet arrives; kNever while none is known to come. Never earlier than the packet before.
+  // When the next packet arrives; kNever if none is known. Never earlier than the previous packet.
   virtual Nanos nextArrival() const = 0;
-  // Takes that packet, which must be known; valid until the next call.
+  // Removes that packet, which must be known; valid until the next call.
   virtual mpeg::PacketView take() = 0;
 
-  // What a person would call it: the file's path or the address.
+  // The name for users: the file's path or the address.
   virtual const std::string& name() const = 0;
 };
 

@@ -23,8 +23,8 @@ constexpr std::int64_t kUnitsPerTick = 1'000;
 constexpr std::int64_t kUnitsPerNano = 27;
 
 constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
-constexpr Nanos kPcrPidGone = kSecond;         // after which another PID's PCRs may take over
-constexpr Nanos kShortestPause = 100'000'000;  // the standard wants a PCR each 100 ms
+constexpr Nanos kPcrPidGone = kSecond;         // after this time another PID's PCRs may be used
+constexpr Nanos kShortestPause = 100'000'000;  // the standard requires a PCR every 100 ms
 
 // How the sender's clock is followed: jitter is averaged over the first, what remains is made good over the
 // second, at no more than the rate, which is several times what a quartz is off.
@@ -35,7 +35,7 @@ constexpr double kFastestCorrection = 200e-6;
 // RTP (RFC 3550); MPEG-2 transport streams are type 33.
 constexpr std::size_t kRtpHeader = 12;
 constexpr u8 kRtpTransportStream = 33;
-constexpr int kReordered = 100;  // a datagram at most so far back is late; farther, the sender began anew
+constexpr int kReordered = 100;  // a datagram at most this far back is late; farther, the sender restarted
 
 bool isPackets(std::span<const u8> bytes) {
   if (bytes.empty() || bytes.size() % kTsPacketSize != 0) return false;

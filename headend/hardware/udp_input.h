@@ -1,5 +1,5 @@
-// A transport stream from the host's network: packets in UDP datagrams, plain or in RTP, that play out on
-// their PCRs behind a de-jitter buffer. Made by whoever plugs in a source card; the router takes the packets.
+// A transport stream from the host's network: packets in UDP datagrams, plain or in RTP, played by their PCRs
+// after a de-jitter buffer. Created by the code that adds a source card; read by the router.
 #pragma once
 
 #include <array>
@@ -15,27 +15,27 @@
 
 namespace headend {
 
-// The packet with the first PCR plays at its arrival and the buffer's delay; later ones when their PCRs say,
-// those between at even distances. Sender and host may disagree a little on how long a second is: what that
-// does to the buffer is followed slowly. Where PCRs and buffer no longer fit, the next PCR begins anew.
-// Without PCRs each packet plays at its arrival and the delay. Times never go back nor lie in the past.
+// The packet with the first PCR plays at its arrival time plus the buffer's delay; later ones at the times of
+// their PCRs, and those between at equal intervals. Small differences between the clocks of sender and host
+// are corrected slowly. If PCRs and buffer no longer match, the next PCR restarts it. Without PCRs each
+// packet plays at its arrival plus the delay. Times never decrease and are not in the past.
 class UdpInput final : public TsInput {
  public:
   struct Counts {
     std::uint64_t datagrams = 0;
     std::uint64_t packets = 0;
     std::uint64_t foreign = 0;  // datagrams that are neither packets nor RTP with packets; dropped
-    std::uint64_t rtpLost = 0;  // datagrams that the sequence numbers miss
-    std::uint64_t full = 0;     // packets that found no room; dropped
-    // Why the clock began anew.
+    std::uint64_t rtpLost = 0;  // datagrams missing in the sequence numbers
+    std::uint64_t full = 0;     // packets dropped because the buffer was full
+    // Why the clock was restarted.
     std::uint64_t discontinuities = 0;
-    std::uint64_t underruns = 0;  // packets came too late to play in time
-    std::uint64_t overruns = 0;   // twice the delay was waiting
+    std::uint64_t underruns = 0;  // packets arrived too late to play in time
+    std::uint64_t overruns = 0;   // twice the delay was in the buffer
     std::uint64_t pauses = 0;
   };
 
-  // `deJitter` from kShortest to kLongest. Port 0 takes a free one. Throws std::runtime_error that names
-  // what is wrong.
+  // `deJitter` from kShortest to kLongest. Port 0 selects a free port. Throws std::runtime_error with the
+  // value that is wrong.
   UdpInput(Network& network, const std::string& address, std::uint16_t port, Nanos deJitter = kDefault);
   ~UdpInput() override;
 
@@ -73,26 +73,26 @@ class UdpInput final : public TsInput {
   std::string name_;
   Counts counts_;
   std::vector<u8> datagram_;
-  std::optional<u16> sequence_;  // of RTP, that is to come next
+  std::optional<u16> sequence_;  // next expected RTP sequence number
   Nanos lastArrival_ = 0;
 
-  // A ring with one place kept free: the packet taken last stays where it is until the next is taken.
+  // A ring with one free place: the packet removed last stays valid until the next is removed.
   std::vector<Entry> ring_;
   std::size_t head_ = 0;
   std::size_t size_ = 0;
-  std::uint64_t taken_ = 0;  // packets, ever: the number of the one at `head_`
+  std::uint64_t taken_ = 0;  // packets in total: the number of the one at `head_`
   std::uint64_t pushed_ = 0;
   Nanos lastTaken_ = 0;
-  Nanos lastWhen_ = 0;  // of the packet pushed last
+  Nanos lastWhen_ = 0;  // of the last packet pushed
 
   // The clock of the PCRs, as of the last one.
   std::optional<u16> pcrPid_;
   bool running_ = false;
   Nanos pcrArrival_ = 0;
-  std::uint64_t pcrNumber_ = 0;  // of its packet
+  std::uint64_t pcrNumber_ = 0;  // number of its packet
   u64 pcr_ticks_ = 0;
-  std::int64_t play_ = 0;  // when it plays, in units of 1/27 ns
-  double excess_ = 0;      // by how many ns the buffer is longer than it should be, smoothed
+  std::int64_t play_ = 0;  // its play time, in units of 1/27 ns
+  double excess_ = 0;      // smoothed excess length of the buffer in ns
 };
 
 }  // namespace headend

@@ -1,4 +1,4 @@
-// Counts what a driver does against a device's rules, by name. The devices count, the report reads.
+// Counts violations of a device's rules by a driver, by name. The devices count, the report reads.
 #pragma once
 
 #include <cstdint>

@@ -24,7 +24,7 @@ namespace {
 
 namespace context = boost::context::detail;
 
-constexpr std::size_t kStackSize = 256 * 1024;  // printing on a host takes more than a card's 4096 bytes
+constexpr std::size_t kStackSize = 256 * 1024;  // printing on a host needs more than a card's 4096 bytes
 constexpr std::size_t kGuardSize = 4096;
 
 void beforeSwitch([[maybe_unused]] void** fakeStack, [[maybe_unused]] const void* bottom,
@@ -47,7 +47,7 @@ Fiber::Fiber(std::function<void()> body) : body_(std::move(body)) {
   stackBase_ = mmap(nullptr, kStackSize + kGuardSize, PROT_READ | PROT_WRITE,
                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (stackBase_ == MAP_FAILED) throw std::bad_alloc();
-  mprotect(stackBase_, kGuardSize, PROT_NONE);  // stacks grow down, into the guard
+  mprotect(stackBase_, kGuardSize, PROT_NONE);  // stacks grow down, towards the guard
   char* top = static_cast<char*>(stackBase_) + kStackSize + kGuardSize;
   self_ = context::make_fcontext(top, kStackSize, [](context::transfer_t from) {
     auto* fiber = static_cast<Fiber*>(from.data);

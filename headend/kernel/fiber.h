@@ -1,4 +1,4 @@
-// A fiber: a flow of control with a stack of its own, entered by `resume` and left by `suspend`. The kernel's
+// A fiber: a flow of control with its own stack, entered by `resume` and left by `suspend`. The kernel's
 // tasks and its interrupt context are fibers of one host thread.
 #pragma once
 
@@ -12,11 +12,11 @@ class Fiber {
   explicit Fiber(std::function<void()> body);
   Fiber(const Fiber&) = delete;
   Fiber& operator=(const Fiber&) = delete;
-  // A fiber that has not finished is dropped where it stands: nothing on its stack is destroyed.
+  // A fiber that has not finished is discarded: objects on its stack are not destroyed.
   ~Fiber();
 
   void resume();   // from outside: runs the body until it suspends or returns
-  void suspend();  // from inside: back to whoever resumed
+  void suspend();  // from inside: back to the caller of `resume`
   bool finished() const { return finished_; }
 
  private:
@@ -25,10 +25,10 @@ class Fiber {
   std::function<void()> body_;
   bool finished_ = false;
   void* stackBase_ = nullptr;
-  void* self_ = nullptr;    // where the fiber goes on
-  void* caller_ = nullptr;  // where its resumer goes on
+  void* self_ = nullptr;    // where the fiber continues
+  void* caller_ = nullptr;  // where its resumer continues
 
-  // What the address sanitizer must be told at a switch; unused in other builds.
+  // For the address sanitizer at a switch; unused in other builds.
   void* callerFakeStack_ = nullptr;
   void* fakeStack_ = nullptr;
   const void* callerStack_ = nullptr;

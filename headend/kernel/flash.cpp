@@ -22,7 +22,7 @@ std::optional<std::filesystem::path> Flash::hostPath(const std::string& path) co
 
 std::FILE* Flash::open(const char* path, const char* mode) const {
   const auto host = hostPath(path);
-  // A folder opens for reading on a host; on the flash it is no file.
+  // On a host a folder can be opened for reading; on the flash it is not a file.
   if (!host || std::filesystem::is_directory(*host)) return nullptr;
   return std::fopen(host->c_str(), mode);
 }
@@ -31,7 +31,7 @@ std::string Flash::replace(const std::string& path, std::span<const u8> content)
   const auto host = hostPath(path);
   if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
   std::error_code ignored;
-  std::filesystem::create_directories(host->parent_path(), ignored);  // what is in the way shows at the open
+  std::filesystem::create_directories(host->parent_path(), ignored);  // an error is reported by the open
   try {
     base::replaceFile(*host, host->string() + ".new", content, flush_);
     if (flush_ == base::Flush::kLater) unflushed_.insert(*host);

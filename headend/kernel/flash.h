@@ -1,6 +1,5 @@
-// The flash file system: the folder that stands for "/tffs0". Opens files below it for the module, and
-// replaces files whole: after a crash or a full disk there is the old file or the new one, never a part of
-// either.
+// The flash file system: the host folder for "/tffs0". Opens files in it for the module, and replaces whole
+// files: after a crash or a full disk there is the old file or the new one, never a part of either.
 #pragma once
 
 #include <cstdio>
@@ -17,23 +16,23 @@ namespace headend {
 
 class Flash {
  public:
-  // A run that is faster than its disk flushes what it has replaced at its end (`flush`), not each time: then
-  // only a crash of the machine itself, and not of this process, can cost a file.
+  // A run faster than its disk flushes replaced files at its end (`flush`), not each time: then only a crash
+  // of the machine, not of this process, can lose a file.
   explicit Flash(std::filesystem::path folder, base::Flush flush = base::Flush::kNow)
       : folder_(std::move(folder)), flush_(flush) {}
 
   const std::filesystem::path& folder() const { return folder_; }
 
-  // Where "/tffs0/..." lies on this machine; nothing for a path outside the flash.
+  // The path of "/tffs0/..." on this machine; nullopt for a path outside the flash.
   std::optional<std::filesystem::path> hostPath(const std::string& path) const;
 
   std::FILE* open(const char* path, const char* mode) const;
 
-  // Writes aside and renames. Empty when done, else what went wrong on which file.
+  // Writes to a temporary file and renames it. Returns an empty text on success, else the error and the file.
   std::string replace(const std::string& path, std::span<const u8> content);
-  // Appends to a file that is there, whole or not at all. As above.
+  // Appends to an existing file, completely or not at all. Returns as above.
   std::string append(const std::string& path, std::span<const u8> content);
-  std::string flush();  // what is left to be flushed; empty when done
+  std::string flush();  // flushes the remaining files; empty on success
 
  private:
   std::filesystem::path folder_;

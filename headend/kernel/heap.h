@@ -1,5 +1,5 @@
-// The chassis's heap: host memory with a limit, filled with one byte as a card's memory comes with what was
-// in it before.
+// The chassis's heap: host memory with a limit, filled with one byte value, because memory on a card has its
+// previous contents.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@ class Heap {
  public:
   Heap(std::size_t limit, u8 fill) : limit_(limit), fill_(fill) {}
 
-  void* allocate(std::size_t size);  // null when the limit would be passed
-  void release(void* block);         // null is nothing
+  void* allocate(std::size_t size);  // null if the limit would be exceeded
+  void release(void* block);         // null is ignored
 
   std::size_t used() const { return used_; }
   std::size_t failures() const { return failures_; }

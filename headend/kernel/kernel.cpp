@@ -36,7 +36,7 @@ void Kernel::at(Nanos when, std::function<void()> action) {
 
 // The cost just charged reaches past something that is due: take it back and spend it piece by piece.
 void Kernel::overrun(Nanos cost) {
-  if (inInterrupt_) return;  // what is due comes when the routine has returned
+  if (inInterrupt_) return;  // due events run after the routine has returned
   now_ -= cost;
   Nanos rest = cost;
   while (now_ + rest >= due_) {
@@ -76,7 +76,7 @@ void Kernel::systemTick() {
     if (task->wakeTick > ticks_) {
       ++i;
     } else {
-      wake(*task, true);  // leaves the list
+      wake(*task, true);  // removes it from the list
     }
   }
   if (!parked_.empty()) releaseParked();
@@ -87,7 +87,7 @@ void Kernel::systemTick() {
 // ---- Interrupts ----
 
 void Kernel::interrupt(const char* name, int slot, void (*routine)(u8), u8 argument) {
-  if (stopping_) return;  // a routine that was refused stands where it asked, and must not go on
+  if (stopping_) return;  // a refused routine stops at its call and must not continue
   interrupt_ = {name, slot, routine, argument};
   inInterrupt_ = true;
   const Nanos begin = now_;
@@ -103,7 +103,7 @@ void Kernel::refuseInInterrupt(const char* service) {
       "register",
       interrupt_.name, interrupt_.slot + 1, service);
   stopping_ = true;
-  interruptFiber_->suspend();  // for good: the run ends
+  interruptFiber_->suspend();  // permanently: the run ends
 }
 
 // ---- Scheduling ----
@@ -150,8 +150,8 @@ void Kernel::reschedule() {
   if (stopping_) leave();
   if (ready_.empty() || current_->lockDepth > 0) return;
   const int best = ready_.front()->priority;
-  // A slice is over for a task that a higher one displaces too, or its equals would wait for ever where one
-  // wakes with each tick.
+  // A task's slice also ends if a higher task preempts it; otherwise tasks of equal priority would wait
+  // forever if a higher one wakes at each tick.
   if (best < current_->priority || (sliceEnded_ && best == current_->priority)) {
     insertReady(*current_, sliceEnded_);
     leave();
@@ -370,7 +370,7 @@ int Kernel::take(os::Semaphore* semaphore, int timeout) {
     current_->waitsSince = now_;
     current_->waitTold = false;
     if (timeout == os::NO_WAIT || !waitOn(semaphore->waiters, timeout)) return os::ERROR;
-    return os::OK;  // the giver has handed it over
+    return os::OK;  // the giving task has passed it on
   }
   semaphore->available = false;
   semaphore->owner = current_;

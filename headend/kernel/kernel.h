@@ -1,6 +1,6 @@
-// The chassis's real-time kernel in virtual time, on one host thread: tasks and their priorities, delays,
-// message queues, semaphores, the two clocks and interrupts. Time is in nanoseconds and moves only where
-// something costs time; interrupts come and tasks are switched only there, so a run is the same each time.
+// The chassis's real-time kernel in virtual time, on one host thread: tasks and priorities, delays, message
+// queues, semaphores, the two clocks and interrupts. Time is in nanoseconds and advances only at operations
+// that cost time. Interrupts and task switches occur only there, so each run is the same.
 #pragma once
 
 #include <cstdint>
@@ -20,10 +20,10 @@ namespace headend {
 
 using Nanos = std::int64_t;
 inline constexpr Nanos kSecond = 1'000'000'000;
-inline constexpr Nanos kNever = std::numeric_limits<Nanos>::max();  // for what is not known to come
-inline constexpr Nanos kLongAgo = -kSecond;                         // for what has not happened in this run
+inline constexpr Nanos kNever = std::numeric_limits<Nanos>::max();  // an event that is not expected
+inline constexpr Nanos kLongAgo = -kSecond;                         // an event that has not happened yet
 
-// What the controller takes for each kind of work.
+// The controller's time for each kind of work.
 struct Costs {
   Nanos busAccess = 100;
   Nanos wait5us = 5'000;
@@ -37,7 +37,7 @@ struct Costs {
 
 class Kernel;
 
-// A task of the kernel. Made by `Kernel::spawn`, kept until the kernel goes.
+// A task of the kernel. Created by `Kernel::spawn`, kept until the kernel is destroyed.
 struct Task {
   enum class State { kReady, kRunning, kWaiting, kParked, kFinished };
 
@@ -54,12 +54,12 @@ struct Task {
   std::uint64_t wakeTick = 0;
   std::vector<Task*>* waitList = nullptr;
   bool timedOut = false;
-  std::span<char> receiveInto;  // where a sender puts the message for a waiting receiver
+  std::span<char> receiveInto;  // where a sender stores the message for a waiting receiver
   unsigned receivedLength = 0;
   bool waitTold = false;
   Nanos waitsSince = 0;  // for a semaphore
 
-  // Polling: the register read last, what it read, since when nothing else was done.
+  // Polling: the register read last, its value, and the time since which nothing else was done.
   const volatile void* polled = nullptr;
   std::uint16_t polledValue = 0;
   Nanos polledSince = 0;
@@ -68,7 +68,7 @@ struct Task {
   Nanos runningSince = 0;
 };
 
-// What others want to know of the kernel's doings. Called in the context of whoever causes it.
+// Callbacks for the kernel's events. Called in the context that causes the event.
 class KernelObserver {
  public:
   KernelObserver() = default;
@@ -76,19 +76,19 @@ class KernelObserver {
   KernelObserver& operator=(const KernelObserver&) = delete;
   virtual ~KernelObserver() = default;
 
-  virtual void auxiliaryClock() {}  // once a tick; calls the cards' routines through `Kernel::interrupt`
+  virtual void auxiliaryClock() {}  // once per tick; calls the cards' routines through `Kernel::interrupt`
   virtual void systemClock() {}
   virtual void queueCreated(os::MsgQ* /*queue*/, const Task* /*by*/) {}
   virtual void messageSent(os::MsgQ* /*queue*/, std::span<const char> /*message*/) {}
   virtual void taskParked(const Task& /*task*/) {}
   virtual void taskReleased(const Task& /*task*/) {}
-  // `task` has waited for the semaphore for more than ten seconds; told once a wait.
+  // `task` has waited for the semaphore for more than ten seconds; called once per wait.
   virtual void semaphoreLong(const os::Semaphore& /*semaphore*/, const Task& /*task*/) {}
-  // What a polled register reads now, without an access.
+  // The current value of a polled register, without an access.
   virtual std::uint16_t peek(const volatile void* reg) = 0;
 };
 
-// Holds virtual time back, for a run in real time.
+// Delays virtual time, for a run in real time.
 class Pace {
  public:
   Pace() = default;
@@ -96,7 +96,7 @@ class Pace {
   Pace& operator=(const Pace&) = delete;
   virtual ~Pace() = default;
   virtual void waitUntil(Nanos virtualTime) = 0;
-  // The same, but ends as soon as something has come from outside. The time that is reached.
+  // The same, but ends as soon as input arrives from outside. Returns the time reached.
   virtual Nanos idleUntil(Nanos virtualTime) = 0;
 };
 
@@ -113,10 +113,10 @@ class Kernel {
   Kernel& operator=(const Kernel&) = delete;
   ~Kernel();
 
-  // Runs tasks and clocks until `stop`, or until an interrupt routine does what it may not.
+  // Runs tasks and clocks until `stop`, or until an interrupt routine does something forbidden.
   void run();
   void stop() { stopping_ = true; }
-  // Stops too, with what is wrong in `fatalError`.
+  // Also stops; `fatalError` then has the error.
   void fail(std::string why) {
     fatal_ = std::move(why);
     stop();
@@ -128,15 +128,15 @@ class Kernel {
   std::uint64_t auxTicks() const { return auxTicks_; }
   const Settings& settings() const { return settings_; }
 
-  // Calls `action` at a virtual time, between the instructions of whatever runs. It may wake tasks, not
-  // block.
+  // Calls `action` at a virtual time, between two instructions of the running code. It may wake tasks, but
+  // must not block.
   void at(Nanos when, std::function<void()> action);
 
   // Runs `routine` in interrupt context, as the clocks' handlers do. `name` and `slot` are for messages.
   void interrupt(const char* name, int slot, void (*routine)(u8), u8 argument);
   bool inInterrupt() const { return inInterrupt_; }
 
-  // Time passes for the running task; interrupts and other tasks may come in between.
+  // Time passes for the running task; interrupts and other tasks may run in between.
   void spend(Nanos cost) {
     now_ += cost;
     if (now_ >= due_) [[unlikely]] {
@@ -144,22 +144,22 @@ class Kernel {
     }
   }
 
-  // Ends the run when an interrupt routine asks for `service`, which waits, allocates or touches a register.
+  // Ends the run if an interrupt routine calls `service`, which waits, allocates or accesses a register.
   void requireTask(const char* service) {
     if (inInterrupt_) [[unlikely]] {
       refuseInInterrupt(service);
     }
   }
 
-  // A service that only a task may ask for: it ends a poll and costs time.
+  // A service that only a task may call: it ends a poll and costs time.
   void charge(const char* service, Nanos cost) {
     requireTask(service);
     notePollingEnds();
     spend(cost);
   }
 
-  // After a read of `reg` by the running task: one that reads nothing else for a virtual second is parked
-  // until the register reads otherwise.
+  // After a read of `reg` by the running task. A task that reads nothing else for a virtual second is
+  // suspended until the register's value changes.
   void notePolling(const volatile void* reg, std::uint16_t value) {
     if (current_ == nullptr) return;
     if (current_->polled != reg || current_->polledValue != value) {
@@ -187,7 +187,7 @@ class Kernel {
   int take(os::Semaphore* semaphore, int timeout);
   int give(os::Semaphore* semaphore);
 
-  // For the chassis's own tasks: wait on a list until woken or `timeout` ticks have come (false).
+  // For the chassis's own tasks: wait on a list until woken, or until `timeout` ticks have passed (false).
   bool waitOn(std::vector<Task*>& list, int timeout);
   void wakeFirst(std::vector<Task*>& list);
   void reschedule();  // after a wake, in a task
@@ -195,7 +195,7 @@ class Kernel {
 
   const Task* current() const { return current_; }
   const std::vector<std::unique_ptr<Task>>& tasks() const { return tasks_; }
-  Nanos cpuTime(const Task& task) const;  // up to now
+  Nanos cpuTime(const Task& task) const;  // until now
   Nanos interruptTime() const { return interruptTime_; }
 
  private:
@@ -277,7 +277,7 @@ struct os::Semaphore {
   std::string name;
   bool mutex;
   bool available;
-  headend::Task* owner = nullptr;  // of a mutex, which its owner may take again
+  headend::Task* owner = nullptr;  // of a mutex, which its owner may lock again
   int depth = 0;
   std::vector<headend::Task*> waiters;
 };

@@ -90,12 +90,12 @@ void UdpSocket::send(const Endpoint& to, const std::vector<u8>& bytes) {
     }
   } else if (fd_ >= 0) {
     const sockaddr_in form = hostForm(to.address, to.port);
-    // A client that has gone, or whose buffer is full, gets no reply: it asks again.
+    // A client that has closed, or whose buffer is full, gets no reply: it repeats the request.
     [[maybe_unused]] const ssize_t sent =
         ::sendto(fd_, bytes.data(), bytes.size(), 0, generic(form), sizeof form);
   }
   kernel.spend(kernel.settings().costs.kernelCall);
-  kernel.reschedule();  // the receiver may be the more urgent task
+  kernel.reschedule();  // the receiver may have a higher priority
 }
 
 void UdpSocket::deliver(Datagram datagram) {

@@ -1,6 +1,6 @@
-// UDP in the kernel: a task waits on a socket for datagrams, whether they come from this machine's network or
-// from another socket inside. Sockets inside reach each other by port, in no virtual time at all, so a run
-// that uses only them is the same each time.
+// UDP in the kernel: a task waits on a socket for datagrams, from this machine's network or from another
+// internal socket. Internal sockets send to each other by port without virtual time, so a run that uses only
+// them is always the same.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@
 
 namespace headend {
 
-// Who sends: an address of the host's network, or a socket inside (address 0).
+// The sender: an address of the host's network, or an internal socket (address 0).
 struct Endpoint {
   std::uint32_t address = 0;  // host byte order
   std::uint16_t port = 0;
@@ -29,8 +29,8 @@ struct Datagram {
   Nanos arrived = 0;
 };
 
-// A datagram socket of the host that does not block. Port 0 takes a free one. Throws std::runtime_error that
-// names the address.
+// A non-blocking datagram socket of the host. Port 0 selects a free port. Throws std::runtime_error with the
+// address.
 int openHostSocket(const std::string& address, std::uint16_t port);
 std::string hostAddress(int fd);  // "127.0.0.1:49160"
 
@@ -43,11 +43,11 @@ class UdpSocket {
   UdpSocket& operator=(const UdpSocket&) = delete;
   ~UdpSocket();
 
-  // Opens a socket of the host too, so that its network reaches this one. As openHostSocket.
+  // Also opens a socket of the host, so that this socket is reachable from its network. See openHostSocket.
   void openToHost(const std::string& address, std::uint16_t port) { fd_ = openHostSocket(address, port); }
   std::string hostAddress() const { return fd_ < 0 ? "off" : headend::hostAddress(fd_); }
 
-  // Blocks the calling task for at most `timeout` ticks. A datagram that finds kWaitingMost waiting is lost.
+  // Blocks the calling task for at most `timeout` ticks. A datagram is lost if kWaitingMost are waiting.
   std::optional<Datagram> receive(int timeout);
   void send(const Endpoint& to, const std::vector<u8>& bytes);
 
@@ -72,22 +72,22 @@ class Network {
  public:
   explicit Network(Kernel& kernel) : kernel_(kernel) {}
 
-  // Called for each datagram that a socket has taken.
+  // Called for each datagram that a socket has received.
   void onArrival(std::function<void(const UdpSocket&, const Datagram&)> hook) {
     onArrival_ = std::move(hook);
   }
 
-  // Calls `readable` from pollHost while the host has something to read on `fd`, until unwatch. It reads
-  // without blocking, and may not call watch or unwatch.
+  // Calls `readable` from pollHost while data is available on `fd`, until unwatch. `readable` reads without
+  // blocking, and must not call watch or unwatch.
   void watch(int fd, std::function<void()> readable) { watched_[fd] = {std::move(readable), false}; }
-  // The same for the next time only: `readable` may leave the reading to a task.
+  // The same, but only once: `readable` may leave the reading to a task.
   void watchOnce(int fd, std::function<void()> readable) { watched_[fd] = {std::move(readable), true}; }
   void unwatch(int fd) { watched_.erase(fd); }
 
   Nanos now() const { return kernel_.now(); }
 
-  // Takes what has come from the host; waits for it that long at most, and less when a signal comes. Whether
-  // something came.
+  // Receives data from the host. Waits for it at most that long, and less if a signal arrives. Returns
+  // whether data arrived.
   bool pollHost(Nanos atMost);
 
  private:

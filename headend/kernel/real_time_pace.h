@@ -1,5 +1,5 @@
-// The pace of a run in real time: virtual time goes with the wall clock, and what comes from the host is
-// taken in meanwhile.
+// The pace of a run in real time: virtual time follows the wall clock, and input from the host is received
+// meanwhile.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 namespace headend {
 
-// Sleeps until the wall clock has come as far as virtual time, with an ear for datagrams and signals.
+// Sleeps until the wall clock reaches virtual time; receives datagrams and signals meanwhile.
 class RealTimePace final : public Pace {
  public:
   RealTimePace(Network& network, const std::atomic<bool>& interrupted)

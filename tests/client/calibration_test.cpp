@@ -47,7 +47,7 @@ class Calibration : public testing::Test, protected test::Program {
 
 TEST_F(Calibration, QamcalTakesOnlyTheReplyToItsOwnQuestion) {
   service_ = [&](const Bytes& question) {
-    if (requests_ == 1) return Datagrams{};  // lost: it asks again
+    if (requests_ == 1) return Datagrams{};  // lost: the client repeats the request
     const Bytes right = serve(question).at(0);
     return Datagrams{{}, Bytes(14, 2), Bytes(16, 1), Bytes{kRead} + Bytes(14, 7), Bytes(15, 2), right, right};
   };
@@ -154,7 +154,7 @@ TEST_F(Calibration, QamcalWatchesUntilItIsInterrupted) {
        {"slot 3\n", "0x05  0x12 -> 0x13  I fine gain: 18 -> 19\n", "no reply for slot 3", "answers again"}) {
     expect(watched, 0, part);
   }
-  EXPECT_EQ(watched.text.find("18 -> 19"), watched.text.rfind("18 -> 19"));  // once
+  EXPECT_EQ(watched.text.find("18 -> 19"), watched.text.rfind("18 -> 19"));  // only once
 }
 
 TEST_F(Calibration, QamcalKnowsAWrongCall) {

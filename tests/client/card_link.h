@@ -25,7 +25,7 @@ struct Fault {
   enum class Kind { kLost, kReplyLost, kRefused, kTooLong, kEmpty };
   const char* name;
   Kind kind;
-  bool forGood;  // and all that follow are lost
+  bool forGood;  // permanently: all following requests are lost too
 };
 inline constexpr Fault kFaults[] = {
     {"lost", Fault::Kind::kLost, false},
@@ -44,7 +44,7 @@ class FakeLink final : public client::Link {
 
   std::function<void(const protocol::Request&)> before{};
   std::function<void(protocol::Reply&)> after{};
-  std::vector<protocol::Request> log{};  // what was asked, lost or not
+  std::vector<protocol::Request> log{};  // all requests, lost or not
 
   protocol::Reply call(protocol::Request request) override {
     using Kind = Fault::Kind;
@@ -73,7 +73,7 @@ class FakeLink final : public client::Link {
   const protocol::Request& broken() const { return log.at(static_cast<std::size_t>(at_)); }
 
  private:
-  inline static u32 sequence_ = 0;  // of all links, which are one client to the back end
+  inline static u32 sequence_ = 0;  // of all links, which are one client for the back end
 
   Headend& headend_;
   Fault fault_;
@@ -114,8 +114,8 @@ class CardTest : public testing::Test {
     return client::readBack(link_, channel);
   }
 
-  // Runs a history with each fault at each request of its link from one on, in an empty folder. It names its
-  // end: there are these, and all are met.
+  // Runs a history with each fault at each request of its link from one on, in an empty folder. It returns
+  // the name of its result: exactly these names must occur.
   void breakOffEverywhere(const std::set<std::string>& ends,
                           const std::function<std::string(FakeLink& link, const Fault& fault)>& history,
                           int from = 0) {
@@ -137,7 +137,7 @@ class CardTest : public testing::Test {
     EXPECT_EQ(met, ends);
   }
 
-  // In memory: each rescue file is flushed, for which a busy disk takes long.
+  // In memory: each rescue file is flushed, which takes long on a busy disk.
   Scratch scratch_{fs::is_directory("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path()};
   Driven chassis_;
   FakeLink link_{chassis_.headend()};

@@ -24,7 +24,7 @@ class PanelView : public ::testing::Test {
       x = static_cast<u8>(x + (c < 0x80 ? 8 : 16));
     }
   }
-  // That many lines of RF readout and alarms, which are numbered from 0 on.
+  // That many lines of RF readout and alarms, numbered from 0 on.
   void fill(std::size_t rf, u8 alarms) {
     state_.rf.clear();
     state_.alarms.assign(alarms, {});
@@ -46,10 +46,10 @@ class PanelView : public ::testing::Test {
 TEST_F(PanelView, EverythingHasItsPlaceInTheSmallestTerminalAndNoControlCharacterAny) {
   write(0, 0, U"QAM卡1");
   write(1, 16, U"0554.000", true);
-  write(1, 82, U"MHz");  // units stand between cells
+  write(1, 82, U"MHz");  // units are between cells
   write(2, 0, U"\x1b\x07\u202E");
   write(2, 74, U"℃x");     // two cells on the LCD, one column of a terminal
-  write(3, 112, U"卡卡");  // the second one has no room, and there is no fifth row
+  write(3, 112, U"卡卡");  // no room for the second one, and there is no fifth row
   write(4, 0, U"x");
   const std::string bad = std::string("a\x1b[2J\r\n\x9b", 8) + "\xC2\x9B" + "\u202E\xFFz";
   state_.cards = {"running", "", bad, "", "config_error", ""};

@@ -42,7 +42,7 @@ struct Call {
 // the program runs.
 class Program {
  public:
-  // Gives the datagrams to send back for one that came, in order.
+  // Returns the datagrams to send back for a received one, in order.
   using Answer = std::function<std::vector<base::Bytes>(const base::Bytes&)>;
 
   Program(std::string name, Answer answer) : name_(std::move(name)), answer_(std::move(answer)) {}
@@ -52,7 +52,7 @@ class Program {
 
   std::string address() const { return headend::hostAddress(socket_); }
 
-  // All parts of the command are for the shell, which stays until the program ends, and with it the pipe.
+  // All parts of the command are for the shell, which runs until the program ends and keeps the pipe open.
   Outcome run(const std::string& arguments, const std::string& before = "") {
     FILE* pipe = popen(
         fmt::format("{}{} --server {} {} 2>&1; exit $?", before, name_, address(), arguments).c_str(), "r");

@@ -119,7 +119,7 @@ class ProgrammeTest : public test::CardTest {
     EXPECT_EQ(readMap(link_, kChannel).entries, asKept(map));
     EXPECT_TRUE(fs::is_empty(scratch_.path));
   }
-  // What is on the air names no PID that is not routed there.
+  // The tables on the air name only routed PIDs.
   void expectNoReferenceToNothing() {
     const ReadBack all = tables();
     if (all.locked) return;
@@ -159,7 +159,7 @@ TEST_F(ProgrammeTest, MapAndTablesFollow) {
     prepareOutput();
     add("one");
     expectOutput("a scrambled one", withOne, ofOne);
-    // The CAT, which stood still, came on the air; no other table that stands still did.
+    // The stopped CAT is now on the air; all other stopped tables are not.
     EXPECT_EQ(test::intervalsIn(tables()), (std::vector<u32>{77, 300, 300, 300, 300, 300, 0, 300}));
     add("1");
     expectOutput("the same again", withOne, ofOne);
@@ -182,7 +182,7 @@ TEST_F(ProgrammeTest, MapAndTablesFollow) {
 }
 
 TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
-  // Where the PIDs are to begin, which ones are passed, how many are taken from 0x102 on besides 0x101.
+  // First PID, passed PIDs, number of PIDs used from 0x102 on in addition to 0x101.
   const std::tuple<const char*, std::optional<u16>, std::vector<u16>, u16, const char*> rows[] = {
       {"the lowest two that follow each other", {}, {}, 0, "PMT 0x102, stream 0x103"},
       {"behind those of others", 0x101, {}, 1, "PMT 0x103, stream 0x104"},
@@ -258,7 +258,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
     prepareOutput();
     add("One");
     wanted = state();
-    // As if the input had had its audio on another PID: the map loses an entry and gets one, the PMT follows.
+    // As if the input's audio were on another PID: the map loses an entry and gets one, the PMT follows.
     old = wanted;
     *std::ranges::find(old.tables, 0x102, &Section::pid) =
         pmt(0x102, 2, 31, 0x103, ca(0xB00, 0x105), {{2, 0x103}, {3, 0x107, kLanguage}});
@@ -266,7 +266,7 @@ TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
     upload(link_, kChannel, planUpload(old.tables), {});
     replaceMap(link_, kChannel, old.map, {});
     old = state();
-    breakOffEverywhere({"done", "as it was", "in between"}, history, 33);  // before, it only reads
+    breakOffEverywhere({"done", "as it was", "in between"}, history, 33);  // before that, it only reads
   });
 }
 

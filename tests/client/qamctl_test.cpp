@@ -30,12 +30,12 @@ class Qamctl : public test::CardTest, protected test::Program {
                 [this](const Bytes& datagram) { return answer(datagram); }) {}
   std::string file(const char* name) const { return scratch_.path / name; }
 
-  std::optional<std::string> status_;  // in place of the chassis's own
-  int lost_ = 0;                       // requests from now on
+  std::optional<std::string> status_;  // instead of the chassis's own
+  int lost_ = 0;                       // number of requests to lose from now on
   std::vector<u32> sequences_;         // of requests
 
  private:
-  // The reply comes behind datagrams that must not be taken for it.
+  // The reply follows datagrams that must not be taken for it.
   std::vector<Bytes> answer(const Bytes& datagram) {
     const Request request = decodeRequest(datagram).value();
     sequences_.push_back(request.sequence);
@@ -149,7 +149,7 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
     link_.after = [&](Reply& reply) {
       if (link_.log.back().variable == 38) reply.result = kNotRunning;
     };
-    const test::Outcome broken = run("var get 1 30 38");  // leaves no half of an answer
+    const test::Outcome broken = run("var get 1 30 38");  // prints no partial answer
     EXPECT_TRUE(broken.code == 1 && !has(broken.text, "kHz")) << broken.text;
   });
 }

@@ -73,7 +73,7 @@ class Stream {
     return *this;
   }
   u8& at(std::size_t packetNumber, std::size_t offset) { return bytes[packetNumber * 188 + offset]; }
-  // Puts bytes in place of `count` others.
+  // Replaces `count` bytes with other bytes.
   void replace(std::ptrdiff_t from, std::ptrdiff_t count, const Bytes& by) {
     const auto end = bytes.erase(bytes.begin() + from, bytes.begin() + from + count);
     bytes.insert(end, by.begin(), by.end());

@@ -76,7 +76,7 @@ def a_card_that_hangs_delays_no_alarm(case):
     """A card that waits for a sensor for good holds up no other card's alarms."""
     flash = case.flash()
     args = [word for card in '123' for word in ('--card', card, '--set', f'{card}.temperature2=80@10')]
-    args += ['--card', '4', '--fault', '4.sensor2-absent', '--fault', '2.sensor2-scl-low@5']  # absent: it reads 255
+    args += ['--card', '4', '--fault', '4.sensor2-absent', '--fault', '2.sensor2-scl-low@5']  # absent: the value is 255
     run = case.fast(flash, 20, *args, codes=(1,))
     case.card(run, 2, 'hung')
     case.equal(sorted(alarm['slot'] for alarm in run.report['alarms']['standing']), [1, 3, 4], 'slots with an alarm')
@@ -95,7 +95,7 @@ def each_event_is_followed_once(case, periods=21600 if harness.LONG else 100):
         report = server.stop()
     case.equal(report['alarms']['events'], 2 * periods, 'events')
     case.equal(report['protocol_violations'], {}, 'violations')
-    # What was seen, and what the history keeps: each event once, and the same in both.
+    # The events seen and the history: each event once, and the same in both.
     both = [json.loads(line) for line in read(seen).splitlines()]
     case.equal([e['number'] for e in both], list(range(1, len(both) + 1)), 'numbers that were followed')
     kept = [e for e in events(case, flash) if e['number'] <= 2 * periods]  # without its source the card has one more

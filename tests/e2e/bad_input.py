@@ -12,7 +12,7 @@ from harness import BITSTREAM, PACKET, packets_of, pid_map, read, record_file, w
 
 RECORD = record_file(1)
 
-# Exit code | flags | a text that must come. The files are the samples and those that inputs() makes.
+# Exit code | flags | a text that must be printed. The files are the samples and those made by inputs().
 CALLS = """
 2 | --fast | seconds
 2 | --nonsense | nonsense
@@ -104,8 +104,8 @@ def a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing(ca
     case.equal([flag for flag in flags if f'--{flag}' not in known and flag != 'nonsense'], [], 'flags without help')
 
 
-# What is in the flash folder: file, how it is made of the right one, flags, exit code, what is said, state, attempts at
-# loading the FPGA. The card's own tests know of the records that it replaces.
+# Content of the flash folder: file, how it is made from the correct one, flags, exit code, message, state, attempts at
+# loading the FPGA. The card's own tests cover the records that it replaces.
 FLASHES = {
     'record cut short': (RECORD, lambda r: r[:100000], [], 0, 'card1.dat', 'running', 1),
     'no bitstream': (BITSTREAM, None, [], 1, 'can not open.*' + BITSTREAM, 'no_bitstream', 0),
@@ -157,7 +157,7 @@ def a_full_or_write_protected_disk_is_named_and_leaves_the_old_record_and_whole_
     case.says(case.fast(flash, 3, '--out', f'1.1={out}', codes=(1,), **limited(1_000_050)), out)
     case.equal(os.path.getsize(out), 1_000_050 // PACKET * PACKET, 'size of an output cut by a full disk')
     shutil.rmtree(os.path.join(flash, 'para'))
-    write(os.path.join(flash, 'para'), b'')  # a file where the folder should be stops root as well
+    write(os.path.join(flash, 'para'), b'')  # a file in place of the folder also stops root
     case.says(case.fast(flash, 3, *upload, codes=(1,)), 'para')
     case.tidy(flash, 'para')
 

@@ -54,7 +54,7 @@ def a_power_cut_harms_no_byte(case):
         run = case.fast(flash, 2, '--power-cut', cut)
         case.check(run.report['virtual_seconds'] < 2, f'{cut}: the run went on')
         case.equal(harness.read(eeprom(flash)), MINE + b'\xff' * 2035, f'{cut}: EEPROM')
-    case.says(case.fast(flash, 2, '--power-cut', f'1={edges + 1}', codes=(1,)), f'{edges} edges')  # never comes
+    case.says(case.fast(flash, 2, '--power-cut', f'1={edges + 1}', codes=(1,)), f'{edges} edges')  # never reached
     harness.write(eeprom(flash), MINE)
     case.says(case.fast(flash, 1, codes=(1,)), 'card1.bin', '2048')
 

@@ -6,7 +6,7 @@ import os
 import harness
 from harness import PACKET, RATE, TYPES
 
-# To the tick: nothing else holds the processor meanwhile, as a status check does for some milliseconds.
+# Exact to the tick: nothing else uses the processor meanwhile, as a status check does for some milliseconds.
 ALONE = ['--status-period', '0']
 
 
@@ -50,7 +50,7 @@ def tables_are_whole_and_on_time_also_after_a_restart(case):
         uploads += ['--psi', f'{channel}={case.sample(capture)}', *words(channel + '.', intervals)]
     for start in (uploads, []):
         run = case.fast(flash, 12, *ALONE, *flags, *start)
-        case.clean(run, assertions=1)  # the card in slot 5 trips a bound that is meant for channels, at every start
+        case.clean(run, assertions=1)  # the card in slot 5 fails a check meant for channels, at every start
         case.equal([(f['unit'], f['line'], f['text']) for f in run.report['assertion_failures']],
                    [('qamVar', 196, 'slotNo<MAX_QAM_OUT_NUM')], 'failed checks')
         for channel, (capture, intervals) in OUTPUTS.items():
@@ -64,7 +64,7 @@ def tables_are_whole_and_on_time_also_after_a_restart(case):
 SMALL = {'PAT': 10, 'PMT': 12}
 MACHINES = {  # name: flags, {channel: capture}, intervals, flags of tscheck
     '60 Hz': (['--aux-hz', '60', '--tick-hz', '60'], {'1.1': 'psi-small.ts'}, SMALL, ['--aux-hz', '60']),
-    # More is due than the bus can carry: the queues are full all the time, and nothing is lost but time.
+    # More packets are due than the bus can carry: the queues are always full, and packets are only delayed.
     'slow bus': (['--bus-ns', '800'], {'1.1': 'psi-many.ts', '1.2': 'two-programmes.ts'}, dict.fromkeys(TYPES, 1),
                  ['--untimed']),
 }
@@ -77,7 +77,7 @@ def tables_are_whole_at_other_clocks_and_on_a_slow_bus(case):
                              *words(channel + '.', intervals)]
         case.clean(case.fast(case.flash(name), 12, *ALONE, *flags))
         types = [judged(case, channel, capture, intervals, *how)['psi']['types'] for channel, capture in captures.items()]
-        if '--untimed' not in how:  # and no section here is long enough to hold up another
+        if '--untimed' not in how:  # and no section here is long enough to delay another
             begin = types[0]['PAT']['first_tick']
             case.equal({table: round(seen['first_tick'] - begin) for table, seen in types[0].items()},
                        {table: TYPES[table][0] for table in types[0]}, f'{name}: ticks from the first PAT on')
@@ -85,11 +85,11 @@ def tables_are_whole_at_other_clocks_and_on_a_slow_bus(case):
     case.check(many['interval_ticks']['mean'] > 1.1 * many['sections'], f'no overload: {many}')
 
 
-# First and second capture, interval of all tables, nanoseconds a bus access: the more a packet costs to write, the
-# fuller the queues. 8 packets a tick of 204 writes at 500 ns leave little of the tick.
+# First and second capture, interval of all tables, nanoseconds per bus access: the longer the write of a packet, the
+# fuller the queues. 8 packets per tick of 204 writes at 500 ns leave little of the tick.
 UPLOADS = [('psi-many.ts', 'psi-full.ts', 1, 30), ('psi-many.ts', 'psi-small.ts', 1, 150),
            ('psi-many.ts', 'psi-many.ts', 1, 500), ('psi-full.ts', 'two-programmes.ts', 3, 300)]
-LOADED = 4.5  # the second capture is in place; the start takes up to 2 s
+LOADED = 4.5  # the second capture is loaded; the start takes up to 2 s
 
 
 def an_upload_while_the_card_sends_damages_nothing(case):

@@ -23,7 +23,7 @@ TYPES = {'PAT': (0, 0x00), 'PMT': (1, 0x02), 'SDT_C': (2, 0x42), 'SDT_O': (3, 0x
 # 6875 kBd, 64-QAM, 188 of 204 bytes.
 RATE_NUM, RATE_DEN = 646250000, 17
 RATE = ['--rate', f'{RATE_NUM}/{RATE_DEN}']
-HANG_SECONDS = 280  # nothing that ends by itself takes this long
+HANG_SECONDS = 280  # no program that ends by itself takes this long
 RETRY_SECONDS, TRIES = 2, 30  # a datagram may be lost
 SKIPPED = 77
 LONG = bool(os.environ.get('QAM_LONG'))  # campaigns are long
@@ -244,7 +244,7 @@ class Client:
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.settimeout(RETRY_SECONDS)
         self.socket.connect(('127.0.0.1', port))
-        self.sequence = int.from_bytes(os.urandom(4), 'big')  # the port may have been another client's just now
+        self.sequence = int.from_bytes(os.urandom(4), 'big')  # another client may have used the port just before
 
     @staticmethod
     def datagram(operation, variable, slot, channel, data=b'', length=None, sequence=1):
@@ -359,7 +359,7 @@ def main(cases):
             except Skip as reason:
                 skipped = True
                 print(f'{name}: skipped: {reason}')
-            except Exception as error:  # a case that cannot go on has failed; the others still count
+            except Exception as error:  # a case that cannot continue has failed; the others still count
                 case.check(False, ''.join(traceback.format_exception(error)))
         for text in case.wrong:
             print(f'{name}: {text}')

@@ -8,7 +8,7 @@ import subprocess
 import harness
 from harness import RATE, STATUS, Client, Server, read
 
-LATENT = 13  # frames that the decoder still keeps when its stream goes silent
+LATENT = 13  # frames that the decoder still keeps when its stream stops
 FFMPEG = ['ffmpeg', '-nostdin', '-v', 'error']
 STREAMS = ['-map', '0:v', '-map', '0:a']
 DIGESTS = [*STREAMS, '-f', 'framemd5', '-flush_packets', '1']
@@ -34,7 +34,7 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
     due = frames(due_list)
     case.check(len(due['0']) == 25 * seconds and len(due['1']) > 38 * seconds, 'no source to compare with')
 
-    # An operator maps the programme once, from a file; the flash brings the map back.
+    # An operator maps the programme once, from a file; the flash restores the map.
     flash, copy = case.flash(), case.path('copy.ts')
     case.fast(flash, 2, '--source', f'6={source},{source}', '--programme', '1.1=6.1:Live', '--programme', '1.2=6.2:1')
     udp, rtp, control, out = harness.free_ports(4)
@@ -71,7 +71,7 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
     case.execute([*FFMPEG, '-probesize', '100M', '-i', copy, *DIGESTS, case.path('copied')])
     for name in (got_list, case.path('copied')):
         for stream, got in frames(name).items():
-            count = len(got) - 1  # the last one may be cut
+            count = len(got) - 1  # the last one may be incomplete
             case.check(count >= len(due[stream]) - LATENT and got[:count] == due[stream][:count],
                        f'{name}: stream {stream}: {count} frames of {len(due[stream])}, or others')
     seen = case.tscheck(copy, *RATE)

@@ -38,7 +38,7 @@ def map_chunk(slot, port):
     return struct.pack('>III HHIHHHH', 1, 0, 1, slot - 1, 2, port - 1, 1, 2, 0x100, 0x101)
 
 
-# Operation, variable, slot, channel, data, length if it lies, result. The card's own tests know more of each kind.
+# Operation, variable, slot, channel, data, length if it is wrong, result. The card's own tests cover more of each kind.
 RESULTS = {
     'lock read': (READ, PSI_LOCK, 1, 1, b'', None, 0),
     'tables': (WRITE, PSI_PACKETS, 1, 2, chunk(0x11, 0x42, SDT * 7), None, 0),
@@ -90,7 +90,7 @@ def datagrams_of_any_content_harm_no_other_client(case):
         other = Client(server.port)
         for number in range(10000 if harness.LONG else 1000):
             client.send(datagram_from(rng))
-            if number % 50 == 49:  # let it keep up, and see that others are answered
+            if number % 50 == 49:  # wait for it, and check that others are answered
                 reply = other.request(READ, PSI_LOCK, channel=2)
                 case.equal((reply.result, len(reply.data)), (0, 4), f'reply after {number}: {server.text()[-600:]}')
         for channel in (1, 2):

@@ -44,7 +44,7 @@ class Tools:
         paths = subprocess.run(['bash', '-euo', 'pipefail', '-c', '. "$0"; env -0', os.path.join(MIBS, 'paths.sh')],
                                capture_output=True, check=True).stdout.decode()
         self.environment = dict(line.split('=', 1) for line in paths.split('\0') if line)
-        os.makedirs(case.path('persistent', 'cert_indexes'), exist_ok=True)  # is not said to be made
+        os.makedirs(case.path('persistent', 'cert_indexes'), exist_ok=True)  # prevents a message about its creation
         self.environment |= {'HOME': case.folder, 'SNMPCONFPATH': case.folder,
                              'SNMP_PERSISTENT_DIR': case.path('persistent')}
 
@@ -81,7 +81,7 @@ def objects_are_described_as_qamctl_sets_them(case):
                    for each in tree.find('typedefs')}
     scalars = {scalar.get('name'): scalar for scalar in tree.iter('scalar')}
     for stem, name in VARIABLES.items():
-        variable, limits = variables[name], variables[VARIABLES[stem.removeprefix('Ch2')]]  # a reading tells no limits
+        variable, limits = variables[name], variables[VARIABLES[stem.removeprefix('Ch2')]]  # a reading has no limits
         writes, above = variable['writable'] or stem == 'Ch2PowerSwitch', 8000 if stem == 'Ch2Frequency' else 0
         for slot in range(1, 7):
             scalar = scalars[f'slot{slot}{stem}']

@@ -6,7 +6,7 @@ import struct
 import harness
 from harness import record_file
 
-# name: (value, what the RF output then shows, offset and format of the field in the record)
+# name: (value, the RF output then shown, offset and format of the field in the record)
 SETTINGS = {
     'rfreq': (474000, {'frequency_khz': 474000}, 16, '<I'),
     'rflevel': (1105, {'level_dbuv': 110.5}, 12, '<I'),

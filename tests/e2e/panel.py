@@ -20,7 +20,7 @@ def shows(case, server, *wanted):
 
 
 SET = ('>Qam Mode      64', 'Symbol Rate', 'RF Freq')
-STEPS = (  # keys, and the rows that the LCD then shows
+STEPS = (  # keys, and the expected rows of the LCD
     ('up', 'Headend', 'QAM card1', 'QAM card3', '>Language English'),
     ('down ok up right', 'QAM SET', *SET),
     ('down down down', 'QAM SET', 'Symbol Rate', 'RF Freq', '>RF Level'),
@@ -31,7 +31,7 @@ STEPS = (  # keys, and the rows that the LCD then shows
     ('ok', 'Qam Mode', '64', '>128', '256'),
     ('left left left', 'Headend', '>QAM card1', 'QAM card3', 'Language English'),
     ('left down ok down ok', 'QAM SET', *SET),
-    ('cancel up ok down ok ok', 'Ch.1', *SET),  # to be looked at only
+    ('cancel up ok down ok ok', 'Ch.1', *SET),  # read only
     ('down ok', 'Symbol Rate', '', '  6.875  Mbps'),
     ('ok cancel cancel cancel down ok', '前端', 'QAM卡1', 'QAM卡3', '>语言        中文'),
     ('down ok ok ok', '版本', '>硬件版本    V1.0', '软件版本V2.1.05A', '逻辑版本 V2.1.05'),

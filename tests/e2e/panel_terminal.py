@@ -9,7 +9,7 @@ import subprocess
 
 from harness import HANG_SECONDS, main, poll
 
-CLEAN = '1 0'  # the cursor shows, the other screen is left
+CLEAN = '1 0'  # the cursor is visible, the alternate screen is left
 
 
 class Terminal:
@@ -91,7 +91,7 @@ def headend(case, *flags):
     return [case.args.headend, '--flash', case.flash(), '--manage', '127.0.0.1:0', '--panel', *flags]
 
 
-# Keys on the way through the editors of the card in slot 5, and the heading of the screen that they lead to.
+# Keys through the editors of the card in slot 5, and the heading of the resulting screen.
 EDITS = (('Down Enter', 'QAM card5'), ('Down Enter', 'QAM SET'), ('Enter', 'Qam Mode'), ('Up Enter', 'QAM SET'),
          ('Down Enter', 'Symbol Rate'), ('Right Down Enter', 'QAM SET'), ('Down Enter', 'RF Freq'),
          ('Right Down Enter', 'QAM SET'), ('Down Enter', 'RF Level'), ('Right Up Enter', 'QAM SET'))
@@ -124,7 +124,7 @@ def keys_edit_and_the_screen_follows(case):
         terminal.ended(0)
 
 
-# Signal, and to whom.
+# Signal, and its target.
 ENDS = [(signal.SIGTERM, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM, 'panel'),
         (signal.SIGKILL, 'headend')]
 

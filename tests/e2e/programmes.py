@@ -62,7 +62,7 @@ def ten_outputs_with_full_maps_carry_every_packet_in_order_as_far_as_there_is_ro
         missing = sum((b - a) % count - 1 for a, b in zip(numbers, numbers[1:]))
         dropped, full = seen['packets']['dropped'], channel[0] == '5'
         case.equal((seen['map']['entries'], seen['map']['overflow']), (256, full), f'{channel}: entries, overflow')
-        behind = 500 if full else 0  # dropped in the last 100 ms; what was sent does not show these
+        behind = 500 if full else 0  # dropped in the last 100 ms; the packets sent do not show these
         case.check(len(numbers) > 5000 and missing <= dropped <= missing + behind and (dropped > 1000) == full,
                    f'{channel}: {len(numbers)} packets, {missing} are missing where {dropped} were dropped')
 

@@ -22,7 +22,7 @@ ADM_AUTH, ADM_PRIV = ('-a', 'SHA-512', '-A', 'adminauth123'), ('-x', 'AES-256', 
 ADM = ('-v3', '-l', 'authPriv', '-u', 'adm', *ADM_AUTH, *ADM_PRIV)
 ENGINE = 'snmp/engine.txt'
 SYS_NAME, ENGINE_BOOTS = name('1.3.6.1.2.1.1.5.0'), name('1.3.6.1.6.3.10.2.1.2.0')
-PATIENT, QUICK = ('-r', '9', '-t', '2'), ('-r', '0', '-t', '0.25')  # quick for those who get no answer
+PATIENT, QUICK = ('-r', '9', '-t', '2'), ('-r', '0', '-t', '0.25')  # quick for requests without an answer
 
 
 def instance(slot, stem):
@@ -142,7 +142,7 @@ def v3(user, level, *more):
 MON_AUTH, MON_PRIV = ('-a', 'SHA-256', '-A', 'monitor pass'), ('-x', 'AES', '-X', 'monitorpriv')
 NOTHING = (r'Timeout|authorizationError|[Uu]nknown user|Authentication failure|[Dd]ecryption error|'
            r'Unsupported security level|Error in packet')
-WHO = {  # who: whether reading and setting a card are allowed
+WHO = {  # user: whether reading and setting a card are allowed
     'the read community': (LOOK, True, False),
     'the write community': (CHANGE, True, True),
     'a wrong community': (('-v2c', '-c', 'Look'), False, False),
@@ -159,7 +159,7 @@ WHO = {  # who: whether reading and setting a card are allowed
 
 def everyone_may_do_what_the_secrets_allow(case):
     programs, target = Programs(case), dotted(instance(1, 'Frequency'))
-    programs.environment['MIBS'] = ''  # numbers alone: the programs start sooner
+    programs.environment['MIBS'] = ''  # only numbers: the programs start faster
     flash, khz = case.flash(), 400000
     path = os.path.join(flash, record_file(1))
     with Agent(case, flash, '--snmp-trap', '127.0.0.1:9', lines=(*LINES, 'trap-community alarm')) as agent:
@@ -215,7 +215,7 @@ def calls_that_open_too_much_or_nothing_are_refused(case):
 
 I, S = number, (lambda text: (STRING, text))
 GOOD = (instance(1, 'Level'), I(1055))
-BAD = {  # bindings, of which the last is refused if nothing else is said: the error, and which of them it is
+BAD = {  # bindings, of which by default the last is refused: the error, and the index of the refused one
     'below': ([(instance(1, 'Frequency'), I(51999))], 'wrongValue'),
     'between steps': ([(instance(1, 'Level'), I(1001))], 'wrongValue'),
     'no such constellation': ([(instance(1, 'Constellation'), I(8))], 'wrongValue'),
@@ -269,7 +269,7 @@ def a_storm_of_damaged_requests_leaves_all_as_it_was(case):
         case.check(arrived > count, f'only {arrived} packets came in')
 
 
-TRAPS = {  # what is received: from which virtual second on. The second run finds its PID map in the flash
+TRAPS = {  # received notifications: from which virtual second on. The second run finds its PID map in the flash
     ('Raised', '3', '1', '770', 'High Temperature', '温度过高'): 2,
     ('Cleared', '3', '1', '770', 'qam card 3 normal temperature', '调制卡3温度恢复正常'): 5,
     ('Raised', '1', '2', '771', 'QAM Card1 port2 rate overflow', '调制卡1端口2码率溢出'): 2,
@@ -333,7 +333,7 @@ def a_card_that_hangs_or_is_not_configured_holds_up_no_other(case):
     write(os.path.join(flash, harness.BITSTREAM), b'no bitstream')
     with Agent(case, flash, slots=()) as agent:
         agent.wait(lambda: 'config_error' in case.qamctl(agent.address, 'status').text)
-        answers = [agent.reader.value(instance(1, stem)) for stem in SUFFIX]  # a walk goes past a card that hangs, too
+        answers = [agent.reader.value(instance(1, stem)) for stem in SUFFIX]  # a walk also skips a card that hangs
         case.equal(answers, [NO_SUCH_OBJECT[0]] * len(SUFFIX), 'rows of a card without configuration')
         agent.stop(code=1)
 

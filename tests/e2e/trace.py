@@ -7,7 +7,7 @@ import harness
 from calibration import MINE, THEIRS, Service, eeprom
 
 START, REPEATED, STOP, ACK, NACK = '[ [[ ] + -'.split()
-# What the decoder says, and how it is written in expectations; after 'Write' and 'Read' comes the address.
+# Output of the decoder, and its form in expectations; after 'Write' and 'Read' the address follows.
 I2C = {'Start': START, 'Start repeat': REPEATED, 'Stop': STOP, 'ACK': ACK, 'NACK': NACK, 'Write': None, 'Read': None}
 
 

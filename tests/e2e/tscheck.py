@@ -9,7 +9,7 @@ import harness
 from harness import NULL_PID, RATE, crc32, packets_of, pid_of
 
 NULL = b'\x47\x1f\xff\x10' + bytes(184)
-TICKS = 25  # packets in a tick of 1 ms, nearly
+TICKS = 25  # packets in a tick of 1 ms, approximately
 
 
 def start(p):

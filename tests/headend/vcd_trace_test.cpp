@@ -16,14 +16,14 @@ TEST(VcdTrace, WritesChangesOfTheTracedRegistersInOrderOfTime) {
   {
     VcdTrace trace(file, std::vector{0, 4}, std::vector<std::string>{"slot5.nrst", "att_q1_[cd]*"});
     const u32 clock = headend::offsetOf("att_q1_clk");
-    trace.note(0, clock, 0, 100);                           // as it stands
-    trace.note(0, headend::offsetOf("nrst"), 3, 200);       // of a slot where it is not traced
+    trace.note(0, clock, 0, 100);                           // unchanged
+    trace.note(0, headend::offsetOf("nrst"), 3, 200);       // of a slot that is not traced
     trace.note(4, headend::offsetOf("att_q1_le"), 1, 200);  // not traced anywhere
     trace.note(0, clock, 1, 300);
-    trace.note(4, headend::offsetOf("nrst"), 0x8003, 300);  // at the same time: no stamp of its own
+    trace.note(4, headend::offsetOf("nrst"), 0x8003, 300);  // at the same time: no time stamp
     trace.note(0, clock, 0xFFFF, 400);                      // a line is bit 0
     trace.note(4, headend::offsetOf("att_q1_dat"), 21, 600);
-    trace.note(0, clock, 0xFFFE, 500);  // told late
+    trace.note(0, clock, 0xFFFE, 500);  // reported late
     EXPECT_TRUE(trace.finish(1000));
   }
   EXPECT_EQ(readText(file), R"($version headend $end

@@ -33,7 +33,7 @@ class BackEnd : public ModuleTest {
  protected:
   struct Reply {
     int result;
-    Bytes data;  // as much as the header's length says
+    Bytes data;  // as long as the header's length
   };
 
   BackEnd() {
@@ -45,7 +45,7 @@ class BackEnd : public ModuleTest {
     fake.forget();
   }
 
-  // The request's data stands `reLength` - 4 bytes behind its header.
+  // The request's data is `reLength` - 4 bytes after its header.
   static Reply read(u16 id, const Bytes& data = {}, u32 port = 0, u16 card = 0, u16 reLength = 4) {
     struct {
       chassis::bc_vhdr_t header;
@@ -58,7 +58,7 @@ class BackEnd : public ModuleTest {
     return {result, reply};
   }
 
-  // `length` where it is not that of the data.
+  // `length` if it differs from that of the data.
   static int write(u16 id, Bytes data, u32 port = 0, u16 card = 0, std::optional<u16> length = {}) {
     chassis::bc_vhdr_t header{id, card, port, length.value_or(static_cast<u16>(data.size())), 0, 0};
     data.resize(64 * 1024);
@@ -159,7 +159,7 @@ TEST_F(BackEnd, ChunksAreStoredAndCountedByTableOnThePidWhereItBelongs) {
   struct Row {
     u8 table, type;
     u16 pid;
-    std::string check;  // that fails on another PID
+    std::string check;  // fails on another PID
   };
   for (const Row& row : {Row{kSdt, SDT_C, 0x11, "pid == 0x11"},
                          {kPat, PAT, 0, "pid == 0"},
@@ -301,7 +301,7 @@ TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
   const std::vector<Entry> entries{{3, 0, 0x100, 0x1ABC}, {1, 1, 0x20, 0x222}, {1, 0, 0x1FFF, 7},
                                    {5, 15, 1, 2},         {1, 0, 2, 1},        {1, 0, 2, 2},
                                    {1, 0, 1, 9},          {1, 0, 2, 3},        {1, 0, 1, 8},
-                                   {1, 16, 2, 4}};  // a port beyond four bits counts as a slot
+                                   {1, 16, 2, 4}};  // a port above four bits counts as a slot
   ASSERT_EQ(write(kMapChunk, mapChunk(10, 0, 10, entries)), 0);
   write(kMapLock, word(1));
   EXPECT_EQ(para.pidMapNum[0], 10U) << "locked already: nothing is emptied";
@@ -310,7 +310,7 @@ TEST_F(BackEnd, AMapsLockEmptiesTheRecordAndTheUnlockSortsSavesAndRoutesIt) {
   write(kMapLock, word(0));
   write(kMapLock, word(0));
   EXPECT_EQ(fake.log, (Lines{"save 0", "route 0 0"})) << "once";
-  // What an exchange sort makes of equal keys, by hand; a stable sort would not change their order.
+  // The expected result of an exchange sort with equal keys; a stable sort would not change their order.
   std::vector<Entry> sorted;
   std::vector<std::array<u16, 3>> route;
   for (const std::size_t i : {6U, 8U, 4U, 7U, 5U, 9U, 2U, 1U, 0U, 3U}) {
@@ -361,7 +361,7 @@ TEST_F(BackEnd, AFullMapGoesAndComesInChunksOf89) {
     const auto part = many(static_cast<u16>(0x300 + start), count);
     ASSERT_EQ(write(kMapChunk, mapChunk(256, start, count, part), 1), 0);
   }
-  // A parameter file may claim more, which is read back and routed as 256.
+  // A parameter file may give a larger count, which is read back and routed as 256.
   for (const u32 claimed : {256U, 257U}) {
     para.pidMapNum[1] = claimed;
     for (const auto& [start, count] : {std::pair<u16, u16>{0, 89}, {178, 78}, {256, 0}, {300, 0}}) {
@@ -371,7 +371,7 @@ TEST_F(BackEnd, AFullMapGoesAndComesInChunksOf89) {
   }
   QamSetPidMap(0, 1, &para);
   EXPECT_EQ((fake.routes[{0, 1}].size()), 256U);
-  // A ninetieth entry of a chunk is one too many for its record.
+  // A ninetieth entry exceeds the record of a chunk.
   write(kMapLock, word(1));
   ASSERT_EQ(write(kMapChunk, mapChunk(90, 0, 90, many(1, 90))), 0);
   EXPECT_EQ(para.pidMap[0][88].src_pid, 89);

@@ -80,7 +80,7 @@ TEST_F(Calibration, AnEepromThatDoesNotAnswerIsAskedAHundredTimesAndReadsOnes) {
   board.eepromBus().inject(headend::OpenDrainBus::Fault::kAbsent, fake.now);
   fake.forget();
   EXPECT_EQ(at24cxx_rd_byte(3, 1), 0xFF);
-  // An acknowledge costs 200 looks.
+  // An acknowledge costs 200 reads of the line.
   EXPECT_EQ(count("X24C16SDA?"), 3 * 200 + 8);
   fake.forget();
   at24cxx_wr_byte(3, 0x55, 1);

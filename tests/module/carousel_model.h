@@ -13,7 +13,7 @@ namespace test {
 
 class CarouselModel {
  public:
-  // The channel's packets as they stand in the store now; its intervals and counts are read at every tick.
+  // The channel's packets as they are in the store now; its intervals and counts are read at every tick.
   CarouselModel(const QamCardPara& record, u8 slot, u8 port) : record_(record), port_(port) {
     std::array<std::vector<u16>, 8> stored;
     for (u16 j = 0; j < 512; ++j) {
@@ -27,7 +27,7 @@ class CarouselModel {
     }
   }
 
-  // The packets posted in one tick, when the queue has room for `room`.
+  // The packets posted in one tick, if the queue has room for `room`.
   std::vector<u32> tick(int room) {
     std::vector<u32> posted;
     for (u8 type = 0; type < 8; ++type) {
@@ -64,8 +64,8 @@ class CarouselModel {
     bool onAir = false;
   };
 
-  // All PMT packets are one group. Of other tables a section is one, and so is each packet before the first
-  // start packet.
+  // All PMT packets are one group. Of other tables a section is one group, and so is each packet before the
+  // first start packet.
   std::vector<Packet> groups(const std::vector<u16>& stored, bool isOne) const {
     std::vector<Packet> ring;
     const auto starts = [&](std::size_t i) {

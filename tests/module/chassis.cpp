@@ -290,7 +290,7 @@ int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words) {
   if (index == 0) note("route {} {}", slotNo, port);
   route.resize(index);
   route.push_back({words[0], words[1], words[2]});
-  return os::ERROR;  // which the module does not look at
+  return os::ERROR;  // the module ignores it
 }
 
 int para_save(u8 slotNo) {

@@ -36,7 +36,7 @@ namespace test {
 using Lines = std::vector<std::string>;
 
 inline constexpr u32 kWindows = 0x60000000;           // the cards' windows on the bus
-inline constexpr u32 kMainBoard = kWindows + 0x2200;  // where the main board's FPGA answers here
+inline constexpr u32 kMainBoard = kWindows + 0x2200;  // address of the main board's FPGA here
 
 // What stands behind a queue's handle: what was sent, and how much more fits.
 struct Queue {
@@ -53,30 +53,30 @@ struct FakeChassis {
   FakeChassis(const FakeChassis&) = delete;
   FakeChassis& operator=(const FakeChassis&) = delete;
 
-  // What it answers.
+  // Inputs for the module.
   Scratch flash;
   int tickHz = 100;
   int heapBlocks = std::numeric_limits<int>::max();  // allocations until the heap is exhausted
   bool queuesToBeHad = true, socketsToBeHad = true, portsToBeHad = true;
   bool stopsAtChecks = false;                             // a failed check ends `runs`
   std::function<std::optional<u16>(u32 address)> onRead;  // a register's value; none: as written
-  std::deque<std::optional<Bytes>> datagrams;    // that come, from port 7; none: an error. Then no more come
-  std::function<void(std::string_view)> onCall;  // "save", "malloc" or "delay", before it is carried out
+  std::deque<std::optional<Bytes>> datagrams;    // received from port 7; none: an error. Then no more arrive
+  std::function<void(std::string_view)> onCall;  // "save", "malloc" or "delay", before it is done
   std::function<u8()> onKeyScan;                 // the key pressed
 
-  // The headend's models behind the lines of the windows, once they are connected. They decode what the lines
-  // do, answer on theirs, and count what breaks a data sheet's rule, which fails the test.
+  // The headend's models on the lines of the windows, once they are connected. They decode and drive the
+  // lines, and count violations of data sheet rules, which fail the test.
   bool hasDevices = false;
   headend::Violations violations;
   headend::CardBoard board{violations, 1};
 
-  // What the module did. `log` has a line a call, in order; allocations and queue traffic are apart.
+  // Calls of the module. `log` has a line per call, in order, except allocations and queue traffic.
   Lines log;
   // Every access to a register, wait and lock, in short: "nrst=3", "ad7414_scl?", "5us", "5us'" (delay5us),
   // "dog", "1000 turns", "10 ticks", "lock".
   Lines steps;
-  std::int64_t now = 0;  // nanoseconds: what accesses, waits and loops have taken
-  Lines checks;          // that failed: "unit: text"
+  std::int64_t now = 0;  // nanoseconds: duration of all accesses, waits and loops
+  Lines checks;          // failed checks: "unit: text"
   int checkedLine = 0;   // of the last one
   headend::Lcd lcd;
   std::vector<std::function<void()>> tasks;
@@ -84,21 +84,21 @@ struct FakeChassis {
   const chassis::bc_var* variables = nullptr;                             // the table registered last
   std::vector<chassis::variable4> mibRows;                                // registered last
   std::map<std::pair<int, int>, std::vector<std::array<u16, 3>>> routes;  // by slot and port; sent in order
-  std::set<std::tuple<int, int, int>> alarms;                             // that stand: slot, port, type
+  std::set<std::tuple<int, int, int>> alarms;                             // active alarms: slot, port, type
   std::set<void*> blocks;                                                 // allocated and not freed
 
-  // The steps in short: locks, and of each run of writes to one device (clock generator, oscillators,
-  // attenuator, modulator's rate and reset) its name, of any other register each write.
+  // The steps in short: locks, for each run of writes to one device (clock generator, oscillators,
+  // attenuator, modulator's rate and reset) its name, for any other register each write.
   Lines landmarks() const;
 
-  // Registers and starts a card whose FPGA needs no bitstream; the record. Forgets what was done.
+  // Registers and starts a card whose FPGA needs no bitstream; returns the record. Clears the recorded steps.
   QamCardPara* start(u8 slotNo);
 
-  // What the module does in `routine`, and nothing from before.
+  // The steps of the module in `routine`, without earlier ones.
   Lines stepsOf(const std::function<void()>& routine) { return forget(), routine(), steps; }
   void forget() { log = steps = checks = {}; }
 
-  // Runs `body`; false when it ended in a failed check, or waiting for a message that never comes.
+  // Runs `body`; false if it ended in a failed check, or waits for a message that never arrives.
   bool runs(const std::function<void()>& body);
   [[noreturn]] void leave();
 

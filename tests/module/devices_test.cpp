@@ -73,8 +73,8 @@ Lines repeated(int times, const Lines& steps) {
 
 TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
   for (const Bus& bus : kBuses) {
-    // What the slave has on its lines, look by look; high lines after that. It holds the first clock low, at
-    // levels of which only one bus takes the second for a high one.
+    // The slave's line levels, read by read; high lines after that. It holds the first clock low, at levels
+    // of which only one bus takes the second for a high one.
     std::deque<u16> clock{0, 0x80, 1};
     std::deque<u16> data{1, 0, 1, 1, 0, 1, 0, 1, 1, 0, 0, 1, 0, 1, 0};
     fake.onRead = [&](u32 address) -> std::optional<u16> {
@@ -84,7 +84,7 @@ TEST_F(Devices, BusesTakeTheStepsOfTheirProtocol) {
       line.pop_front();
       return level;
     };
-    // A change of a line stands between two waits, a rise of the clock is looked at.
+    // A change of a line is between two waits; a rise of the clock is read back.
     const auto change = [](const std::string& step) { return Lines{"5us", step, "5us"}; };
     const Lines low = change(bus.data + "=0") + Lines(bus.slowFall ? 1 : 0, "5us"),
                 high = change(bus.data + "=1");
@@ -144,7 +144,7 @@ const Lines kDelay{"1000 turns", "dog"};
 Lines latched(const std::string& device, int bits, u32 word, const Lines& pause) {
   Lines steps;
   for (int bit = bits - 1; bit >= 0; --bit) {
-    // The attenuator's line takes bit 0 of what is written.
+    // The attenuator's line uses bit 0 of the written value.
     const u32 level = device == "att_q1" ? word >> bit : word >> bit & 1;
     steps = steps + Lines{device + "_clk=0"} + pause + Lines{fmt::format("{}_dat={}", device, level)} +
             pause + Lines{device + "_clk=1"} + pause;
@@ -213,7 +213,7 @@ TEST_F(Devices, ASymbolRateGoesOutInFourBytesBeforeAReset) {
   expectWord(-1, 0x60000000);
   EXPECT_EQ(fake.stepsOf([] { symbolrateinfpga(0, 0); }), Lines{});
   EXPECT_EQ(fake.log.size(), 1U) << "it says so";
-  // Nor is there a clock without a row, such as one of which the low half is a row's.
+  // There is also no clock without a row, for example if only the low half matches a row.
   EXPECT_EQ(fake.stepsOf([&] { cdce925set(0, 65536 + 5000, record->Cd925_para); }), Lines{"1 ticks"});
 }
 
@@ -221,7 +221,7 @@ TEST_F(Devices, ARecordIsAppliedInOrderWithTasksHeldOff) {
   record->qam_para.qammode = 7;
   record->qam_para.power = 0;
   record->qam_para.rfswitch = 1;
-  record->qam_para.rflevel = 65536 + 1150;  // the low half counts
+  record->qam_para.rflevel = 65536 + 1150;  // only the low half is used
   Qam_para_set(0, record);
   EXPECT_EQ(fake.landmarks(),
             (Lines{"lock", "qam_mode=7", "cdce925", "rf_off", "nrst", "pkt_len0=1", "pkt_len1=1",

@@ -36,7 +36,7 @@ class Loader : public ModuleTest {
     return bits;
   }
 
-  // A part behind the port whose register reads this for so many attempts.
+  // A part at the port whose register reads this for that many attempts.
   u32 faulty = 0;
   u16 faultyValue = 0;
   int faultyAttempts = 0;
@@ -116,7 +116,7 @@ TEST_F(Loader, GoesOnWithoutABitstream) {
   writeFile(path, {});
   expectSaid("/tffs0/K717_QAM/qam.bin size error 0!");
   writeFile(path, Bytes(5000));
-  fake.onCall = [&](std::string_view) { fs::resize_file(path, 2); };  // behind the loader's back
+  fake.onCall = [&](std::string_view) { fs::resize_file(path, 2); };  // between two steps of the loader
   expectSaid("read 5000 bytes data from /tffs0/K717_QAM/qam.bin error!");
   fake.heapBlocks = 0;
   expectSaid("bb fpga config FPGA malloc 2 bytes memory failed!");

@@ -29,7 +29,7 @@ std::string labels(const item_t& item) {
 
 class Menus : public ModuleTest {
  protected:
-  // What stands in the value's row: each text behind its column, its inverse characters in brackets.
+  // The value's row: each text after its column, its inverse characters in brackets.
   std::string screen() const {
     std::string text;
     int end = -1;
@@ -46,7 +46,7 @@ class Menus : public ModuleTest {
     return text;
   }
 
-  // What an engine and the card's own screens show of an item, and what setting an option does first.
+  // The display of an item by an engine and the card's own screens, and the steps of setting an option.
   std::string content(const item_t& item) {
     switch (item.flag & ~item_t::kLast) {
       case 0x0000:
@@ -137,7 +137,7 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   const Screen kFreq{qamMenuSetRfFreq, kVarFrequency, &QamParaS::rfreq, " 82:MHz"};
   const Screen kMegahertz{qamMenuGetQamInfo, kVarFrequency, &QamParaS::rfreq, " 74:MHz"};
   const Screen kDegrees{qamMenuGetQamTempr, kVarFrequency, &QamParaS::rfreq, " 74:*"};
-  // The value before each key, and what the setting then is.
+  // The value before each key, and the setting after it.
   const auto session = [&](const Screen& on, u32 start, const char* keys, const char* screens, u32 after,
                            u16 flag = 0) {
     SCOPED_TRACE(fmt::format("{} from {}", keys, start));
@@ -173,11 +173,11 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   session(kFreq, 51999, "o", "[0]052.000", 52000);
   session(kFreq, 4000000000, "o", "[1]000.000", 1000000);
   session(kFreq, 554000, "uudo", "[0]554.000 [1]000.000 [1]000.000 [0]052.000", 52000);
-  // A fraction goes round in eighths; one between them runs over and under.
+  // A fraction wraps around in eighths; one between them overflows and underflows.
   session(kRate, 6750, "ruuddo", "[6].750 6.[750] 6.[875] 6.[000] 6.[875] 6.[750]", 6750);
   session(kRate, 6900, "ruo", "[6].900 6.[900] 6.[025]", 6025);
   session(kRate, 6050, "rdo", "[6].050 6.[050] 6.[461]", 6461);
-  // Digits go round, a level's down from 0 to 1, its tenths in steps of five.
+  // Digits wrap around, a level's down from 0 to 1, its tenths in steps of five.
   session(kLevel, 1000, "rddo", "[1]00.0 1[0]0.0 1[1]0.0 1[0]0.0", 1000);
   session(kLevel, 990, "ruo", "[0]99.0 0[9]9.0 0[9]5.0", 950);
   session(kLevel, 1000, "luudo", "[1]00.0 100.[0] 100.[5] 100.[0] 100.[5]", 1005);
@@ -186,7 +186,7 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   session(kFreq, 954000, "rulluo", "[0]954.000 0[9]54.000 0[0]54.000 [0]054.000 0054.00[0] 0054.00[1]",
           54001);
   session(kFreq, 954000, "ldo", "[0]954.000 0954.00[0] 0954.00[9]", 954009);
-  // The cursor stops at each digit, at a fraction as a whole, and goes round.
+  // The cursor stops at each digit, at a fraction as a whole, and wraps around.
   session(kRate, 6875, "rrllx", "[6].875 6.[875] [6].875 6.[875] [6].875", 6875);
   session(kLevel, 1000, "rrrrllx", "[1]00.0 1[0]0.0 10[0].0 100.[0] [1]00.0 100.[0] 10[0].0", 1000);
   session(kFreq, 474000, "rrrrrx", "[0]474.000 0[4]74.000 04[7]4.000 047[4].000 0474.[0]00 0474.0[0]0",
@@ -197,7 +197,7 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   session(kLevel, 0, "lux", "[0]95.0 095.[0] 095.[5]", 0);
   session(kRate, 6875, "dq", "[6].875 [5].875", 6875);
   session(kLevel, 1000, ".?!.o", "[1]00.0 [1]00.0 [1]00.0 [1]00.0 [1]00.0", 1000);
-  // What only shows.
+  // Viewers.
   session(kLevel, 0, "..o", "095.0 095.0 095.0", 0, item_t::kReadOnly);
   session(kMegahertz, 1052007, ".o", "52.007 52.007", 1052007, item_t::kReadOnly);
   session(kMegahertz, 52007, "", "", 52007);

@@ -30,7 +30,7 @@ struct Answer {
 
 class Snmp : public ModuleTest {
  protected:
-  // The rows below a slot's base, as the agent keeps them.
+  // The rows below a slot's base, as the agent stores them.
   std::vector<chassis::variable> rows(u32 slot) {
     const Name base = kBase + Name{slot};
     fake.forget();
@@ -46,7 +46,7 @@ class Snmp : public ModuleTest {
     return all;
   }
 
-  // The answer's instance is in `name` then.
+  // The answer's instance is then in `name`.
   static Answer ask(chassis::variable& row, Name& name, bool exact) {
     Answer answer;
     int length = static_cast<int>(name.size());
@@ -127,8 +127,8 @@ TEST_F(Snmp, NothingIsReadOfOtherSlotsAndOfValuesThatAreNone) {
 }
 
 TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
-  // What is answered in ACTION and in each other phase, and what is said in ACTION; type and length are those
-  // of the encoding.
+  // The answers in ACTION and in each other phase, and the message in ACTION; type and length are those of
+  // the encoding.
   using Outcome = std::tuple<int, int, std::string>;
   const auto outcome = [&](const Name& instance, const Bytes& encoding) {
     for (const u8 slot : {u8{0}, u8{3}, u8{5}}) fake.start(slot);
@@ -146,7 +146,7 @@ TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
   };
   const std::string unknown = fmt::format(
       "in4_reMap Error .{}.5.2.51.1.9.4294967295.is not exist in the mib\r\n", fmt::join(kBase, "."));
-  // Of several faults the first is told.
+  // Of several faults the first is reported.
   EXPECT_EQ(outcome({8, 2, 51, 1, 9}, {5, 9}), (Outcome{7, 7, "type disagreement!\r\n"}));
   EXPECT_EQ(outcome({5, 2, 51, 1, 4, 0}, {3, 1, 1}), (Outcome{7, 7, "type disagreement!\r\n"}));
   EXPECT_EQ(outcome({8, 2, 51, 1, 9}, {2, 5, 0, 0, 0, 0, 1}), (Outcome{8, 8, ""}));

@@ -129,7 +129,7 @@ Bytes saved(std::size_t size, u8 type = 27, u8 version = 'd') {
 
 TEST_F(StartUp, ARecordIsTheFileOrTheDefaults) {
   const std::size_t open = filesIn("/proc/self/fd");
-  // Loads the slot's record from such a file; with what message, where the file is not taken.
+  // Loads the slot's record from such a file; the message if the file is rejected.
   const auto expectLoaded = [&](u8 slot, const std::optional<Bytes>& file, const std::string& message = "") {
     SCOPED_TRACE(fmt::format("slot {} {}", slot, message));
     const std::string path = fmt::format("/tffs0/para/card{}.dat", slot + 1);
@@ -140,7 +140,7 @@ TEST_F(StartUp, ARecordIsTheFileOrTheDefaults) {
     const QamCardPara* record = Qam_create_para(slot);
     EXPECT_EQ(fake.log, calls);
     EXPECT_EQ(fake.checks.size(), slot < 2 ? 0U : 1U);
-    Bytes expected(kRecordSize, 0xA7);  // what the heap holds
+    Bytes expected(kRecordSize, 0xA7);  // the heap's fill byte
     if (message.empty()) std::copy_n(file->begin(), std::min(file->size(), kRecordSize), expected.begin());
     if (!message.empty()) expected = defaultRecord(slot, *record);
     const auto differs = std::mismatch(expected.begin(), expected.end(), reinterpret_cast<const u8*>(record));

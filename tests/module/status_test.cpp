@@ -29,7 +29,7 @@ using Status = DeviceTest;
 
 TEST_F(Status, PassesTellTheAlarmListWhatHasChanged) {
   QamCardPara* record = fake.start(2);
-  // What a pass tells, with these bits of the lock register and of the main board's.
+  // The reports of a check, with these bits of the lock register and of the main board's.
   const auto told = [&](u16 lost, double degrees, u16 overflow) {
     QamFpgaIf[2]->tslock = lost;
     chassis::pbbFpgaIf->rate_overflow = overflow;

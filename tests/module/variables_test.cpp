@@ -38,7 +38,7 @@ TEST_F(Variables, ReadsAreTheRecordsTheCountersTheSensorsAndTheVersions) {
   board.sensor(1).temperature(41.75, fake.now);
   board.sensor(2).temperature(-2, fake.now);
   QamFpgaIf[2]->version = 0x01FF;
-  // Bytes and null packets in half a second: both channels' counts stand in a row, from the low byte on.
+  // Bytes and null packets in half a second: both channels' counts are in one row, from the low byte on.
   const u32 counts = fake.addressOf(&QamFpgaIf[2]->Valid_0_rateL);
   for (u16 i = 0; i < 10; ++i) fake.cell(counts + 2U * i) = static_cast<u16>(0x11 + i);
   EXPECT_TRUE(get(47) == 41 && get(48) == 254) << "the sign is not extended";
@@ -56,7 +56,7 @@ TEST_F(Variables, SettingsGoToTheHardwareAndAreSavedOnce) {
   fake.onCall = [&](std::string_view call) {
     EXPECT_FALSE(call == "save" && fake.steps.empty()) << "saved when the hardware has it";
   };
-  // What the setter does to the hardware, and the older one, whose clock table is empty.
+  // The hardware steps of the setter and of the older one, whose clock table is empty.
   const auto expectDone = [&](u32 id, u32 value, u32 stored, const Lines& expected, const Lines& olderOne) {
     SCOPED_TRACE(fmt::format("{} to {}", id, value));
     for (const bool older : {true, false}) {
@@ -77,7 +77,7 @@ TEST_F(Variables, SettingsGoToTheHardwareAndAreSavedOnce) {
   expectDone(31, 1100, 1100, {"att"}, {"att"});
   expectDone(32, 6250, 6250, {"cdce925", "rf_off", "nrst"}, {"rf_off", "nrst"});
   expectDone(32, 6900, 6900, {"rf_off", "nrst"}, {"rf_off", "nrst"});  // no row
-  expectDone(33, 261, 5, {"qam_mode=261", "nrst"}, {"qam_mode=261"});  // compared before it is cut
+  expectDone(33, 261, 5, {"qam_mode=261", "nrst"}, {"qam_mode=261"});  // compared before truncation
   expectDone(34, 1, 1, {"rf0_en=1"}, {"rf0_en=1"});
   expectDone(35, 0x10000, 0, {"power=0"}, {"power=0"});
 }

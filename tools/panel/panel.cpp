@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kBetweenLooks{100};
-constexpr milliseconds kAfterKey{30};  // for the menu to draw what the key does
+constexpr milliseconds kAfterKey{30};  // time for the menu to draw the effect of the key
 
 // A reply takes a few milliseconds; a headend that is away must not keep the keys from being read.
 constexpr client::UdpLinkOptions kQuickLink = {.timeout = milliseconds(400), .tries = 2};
@@ -89,7 +89,7 @@ class Panel {
   }
 
  private:
-  // Returns false when nothing comes of it.
+  // Returns false if the key has no effect.
   bool take(PanelInput input) {
     using Language = PanelState::Language;
     if (input == PanelInput::kLanguage) {
@@ -100,13 +100,13 @@ class Panel {
       state_.pixels = !state_.pixels;
       return true;
     }
-    if (!answers_) return false;  // each key would wait for its own reply in vain
+    if (!answers_) return false;  // each key would wait for its own reply without success
     state_.pressed = keyOfInput(input);
     wait_ = kAfterKey;
     return talk([this] { client::pressKey(link_, state_.pressed); });
   }
 
-  // Throws std::runtime_error when the headend has been silent for too long.
+  // Throws std::runtime_error if the headend has not answered for too long.
   template <typename Exchange>
   bool talk(const Exchange& exchange) {
     try {

@@ -9,12 +9,12 @@ namespace tools {
 
 struct PanelOptions {
   std::string server;
-  std::chrono::seconds patience{30};  // with a headend that does not answer any more
+  std::chrono::seconds patience{30};  // with a headend that no longer answers
 };
 
-// Runs until the operator quits, a signal asks for the end, or the terminal is gone. Throws
-// std::runtime_error: no terminal for it, no headend from the start, or none any more. However it ends, the
-// terminal is as it was.
+// Runs until the operator quits, a signal requests the end, or the terminal is closed. Throws
+// std::runtime_error: no usable terminal, no headend at the start, or no more replies from it. The terminal
+// is always restored.
 void runPanel(const PanelOptions& options);
 
 }  // namespace tools

@@ -1,4 +1,4 @@
-// What the panel shows, asked of the headend over the management socket.
+// Reads the panel's content from the headend over the management socket.
 #pragma once
 
 #include <chrono>
@@ -14,15 +14,15 @@ class PanelFeed {
 
   explicit PanelFeed(client::Link& link) : link_(link) {}
 
-  // Brings the state up to date: the LCD each time, the rest twice a second. Throws client::Error; what has
-  // been read by then stands in the state.
+  // Updates the state: the LCD each time, the rest twice a second. Throws client::Error; the values read
+  // until then are in the state.
   void refresh(PanelState& state);
 
  private:
   void readStatus(PanelState& state);
 
   client::Link& link_;
-  Clock::time_point next_;  // for the rest
+  Clock::time_point next_;  // for the other values
 };
 
 }  // namespace tools

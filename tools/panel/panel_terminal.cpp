@@ -20,7 +20,7 @@ namespace {
 
 using Colour = Look::Colour;
 
-constexpr int kEscapeWait_ms = 50;  // for the rest of an arrow key's sequence, which a network may tear
+constexpr int kEscapeWait_ms = 50;  // for the rest of an arrow key's sequence, which a network may split
 constexpr wint_t kEscape = 0x1B, kControlC = 0x03, kControlL = 0x0C;
 
 std::string kindOfTerminal() {
@@ -110,7 +110,7 @@ PanelTerminal::PanelTerminal() {
   if (terminal_ == nullptr)
     throw std::runtime_error(fmt::format("the panel cannot use a terminal of kind '{}'", kindOfTerminal()));
   window_ = stdscr;
-  raw();  // Ctrl-C comes as a key, Ctrl-S does not stop the screen
+  raw();  // Ctrl-C is a normal key, Ctrl-S does not stop the screen
   noecho();
   nonl();
   curs_set(0);

@@ -1,5 +1,5 @@
-// The terminal that the panel stands on, by ncurses: its own from construction to destruction, which leaves
-// it as it was found. One at a time.
+// The terminal of the panel, by ncurses: initialised by the constructor, restored by the destructor. Only one
+// at a time.
 #pragma once
 
 #include <chrono>
@@ -7,7 +7,7 @@
 
 #include "tools/panel/screen.h"
 
-// Of ncurses.
+// Types of ncurses.
 struct screen;
 struct _win_st;
 
@@ -15,12 +15,12 @@ namespace tools {
 
 enum class PanelInput { kUp, kDown, kLeft, kRight, kConfirm, kCancel, kLanguage, kPixels, kQuit };
 
-// Throws std::runtime_error where stdin and stdout are no terminal on which a cursor can be placed.
+// Throws std::runtime_error if stdin and stdout are not a terminal with a positionable cursor.
 void requirePanelTerminal();
 
 class PanelTerminal {
  public:
-  // Takes the environment's locale, or one of UTF-8 where that has another coding. Throws std::runtime_error.
+  // Uses the environment's locale, or a UTF-8 locale if that has another encoding. Throws std::runtime_error.
   PanelTerminal();
   ~PanelTerminal();
   PanelTerminal(const PanelTerminal&) = delete;
@@ -31,8 +31,8 @@ class PanelTerminal {
   void show(const Screen& screen);  // sends only what has changed
   void beep();
 
-  // The next key; nothing when none came in that time, or a signal did, or the terminal has another size now.
-  // A terminal that is gone is as good as kQuit.
+  // The next key; nullopt after a timeout, a signal, or a change of the terminal's size. A closed terminal
+  // gives kQuit.
   std::optional<PanelInput> wait(std::chrono::milliseconds time);
 
  private:

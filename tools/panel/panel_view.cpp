@@ -55,8 +55,8 @@ constexpr LcdStyle kText = {LcdStyle::Kind::kText, protocol::kLcdWidth / 8, prot
 constexpr LcdStyle kBraille = {LcdStyle::Kind::kBraille, protocol::kLcdWidth / 2, protocol::kLcdHeight / 4};
 constexpr LcdStyle kHalfBlocks = {LcdStyle::Kind::kHalfBlocks, protocol::kLcdWidth, protocol::kLcdHeight / 2};
 
-constexpr int kLampWidth = 22;   // beside the LCD
-constexpr int kAlarmsShown = 3;  // at least, however long the RF readout is
+constexpr int kLampWidth = 22;   // next to the LCD
+constexpr int kAlarmsShown = 3;  // at least, for any length of the RF readout
 
 class PanelPainter {
  public:
@@ -126,7 +126,7 @@ class PanelPainter {
     }
   }
 
-  // A character of two LCD cells takes two columns, also where the terminal's own is narrow.
+  // A character of two LCD cells takes two columns, even if the terminal's character is narrow.
   void character(const protocol::LcdCharacter& c) {
     const int cells = c.character < 0x80 ? 1 : 2;
     const int x = 1 + (c.x + 7) / 8;
@@ -188,7 +188,7 @@ class PanelPainter {
       x = 1 + screen_.text(x, y, key.cap, {.inverse = key.key == state_.pressed});
   }
 
-  // The RF readout, and the alarms, the latest first, in what is left.
+  // The RF readout, and the alarms, latest first, in the remaining lines.
   void readings(int y) {
     const int end = screen_.height() - 1;
     const int alarms = 1 + std::clamp(static_cast<int>(state_.alarms.size()), 1, kAlarmsShown);

@@ -1,5 +1,5 @@
-// The front panel as it stands on a terminal's screen: LCD, lamps, keys, RF readout and alarms. Pure drawing:
-// what the panel knows goes in, a screen comes out.
+// The front panel on a terminal's screen: LCD, lamps, keys, RF readout and alarms. Only drawing: converts the
+// panel's state into a screen.
 #pragma once
 
 #include <array>
@@ -19,21 +19,21 @@ struct PanelState {
 
   std::string server;
   std::optional<protocol::LcdImage> lcd;
-  std::array<std::string, MAX_BOARD_NUM> cards;  // the card's state as the status names it; empty: no card
-  std::vector<std::string> rf;                   // lines, the first a heading
+  std::array<std::string, MAX_BOARD_NUM> cards;  // state names from the status; empty: no card
+  std::vector<std::string> rf;                   // lines, the first is a heading
   std::vector<protocol::Alarm> alarms;           // oldest first
-  std::optional<long> silentSeconds;             // since the headend has answered; nothing while it does
-  std::string refusal;                           // what else the headend said instead of an answer
+  std::optional<long> silentSeconds;             // since the last answer; nullopt while it answers
+  std::string refusal;                           // an error reply of the headend
 
   Language language = Language::kEnglish;
-  bool pixels = false;  // the LCD by its pixels, where there is room
+  bool pixels = false;  // the LCD by its pixels, if there is room
   chassis::PanelKey pressed = chassis::kKeyNone;
 };
 
 inline constexpr int kPanelMinWidth = 68;
 inline constexpr int kPanelMinHeight = 18;
 
-// Too small a screen says so, and what it would take.
+// A screen that is too small shows a message with the required size.
 Screen drawPanel(const PanelState& state, int width, int height);
 
 }  // namespace tools

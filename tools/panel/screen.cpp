@@ -27,7 +27,7 @@ int Screen::text(int x, int y, std::string_view utf8, Look look, int end) {
   while (!utf8.empty()) {
     wchar_t character = L'?';
     std::size_t size = std::mbrtowc(&character, utf8.data(), utf8.size(), &state);
-    if (size == 0 || size > utf8.size()) {  // a zero, or what is no UTF-8
+    if (size == 0 || size > utf8.size()) {  // a zero, or invalid UTF-8
       character = L'?';
       size = 1;
       state = {};

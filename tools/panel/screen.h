@@ -1,6 +1,6 @@
-// A terminal's screen as a model: what the panel draws on and its terminal copies out. Every character comes
-// through here, so that none reaches the terminal that would act on it. How many columns a character takes is
-// the locale's to say (wcwidth), for the terminal's library asks it too.
+// A model of a terminal's screen: the panel draws on it and its terminal copies it. Every character passes
+// through here, so that no control character reaches the terminal. The locale gives the columns of a
+// character (wcwidth), because the terminal's library uses it too.
 #pragma once
 
 #include <string>
@@ -35,16 +35,16 @@ class Screen {
   int height() const { return height_; }
   const Cell& at(int x, int y) const { return cells_[index(x, y)]; }
 
-  // Draws a character whose left half is still on the screen and returns its columns: 0 where it has none
-  // (controls and marks of direction, combining marks) or no room before `end`, which no column beyond the
-  // screen's width extends. What it covers of other characters becomes blank.
+  // Draws a character whose left half is still on the screen and returns its columns: 0 if it has none
+  // (controls, direction marks, combining marks) or does not fit before `end` and the screen's width. Other
+  // characters that it partly covers become blank.
   int put(int x, int y, wchar_t character, Look look, int end);
 
-  // UTF-8 from a column on, cut by whole characters before `end`. Returns the column behind it.
+  // Draws UTF-8 from a column on, cut by whole characters before `end`. Returns the column after it.
   int text(int x, int y, std::string_view utf8, Look look, int end);
   int text(int x, int y, std::string_view utf8, Look look = {}) { return text(x, y, utf8, look, width_); }
 
-  std::string line(int y) const;  // as UTF-8, for tests; blanks at its end left out
+  std::string line(int y) const;  // as UTF-8, for tests; without blanks at its end
 
   bool operator==(const Screen&) const = default;
 

@@ -1,5 +1,5 @@
-// The three checks of tscheck: the stream by itself, the tables it carries of a source, and the programmes
-// that were routed into it from a source.
+// The three checks of tscheck: the stream alone, the tables in it from a source, and the programmes routed
+// into it from a source.
 #pragma once
 
 #include <array>
@@ -18,13 +18,13 @@ using Json = nlohmann::ordered_json;
 
 // Bit rate of a stream: num / den bit/s.
 struct Rate {
-  int64_t num = 0;  // 0: not known
+  int64_t num = 0;  // 0: unknown
   int64_t den = 1;
 
   bool known() const { return num > 0; }
   double bitsPerSecond() const { return static_cast<double>(num) / static_cast<double>(den); }
   double seconds(double packets) const { return packets * kPacketBits / bitsPerSecond(); }
-  // Time of so many packets, in ticks of 27 MHz by `num`: exact.
+  // Time of that many packets, in ticks of 27 MHz by `num`: exact.
   Wide units(uint64_t packets) const {
     return Wide{static_cast<int64_t>(packets) * kPacketBits} * den * kPcrHz;
   }
@@ -37,8 +37,8 @@ struct TypeRow {
   const char* name;
   uint8_t tableId;
   int pid;              // -1: the PIDs that the programme association names
-  const char* decoded;  // how the names of its decoded tables start
-  double limit_s;       // longest time between two comings of a section (ETSI TR 101 290); 0: none
+  const char* decoded;  // prefix of the names of its decoded tables
+  double limit_s;       // longest time between repetitions of a section (ETSI TR 101 290); 0: none
 };
 inline constexpr std::array<TypeRow, kTypes> kTypeRows = {{
     {"PAT", 0x00, 0x0000, "PAT", 0.5},
@@ -67,16 +67,16 @@ struct Options {
   bool untimed = false;
   // Programmes of a source.
   std::string source;
-  std::map<uint16_t, uint16_t> sourceOf;  // PID of the source by PID of the file
+  std::map<uint16_t, uint16_t> sourceOf;  // PID in the source by PID in the file
 };
 
-// The tables that libdvbpsi decodes, and what it complains about.
+// The tables that libdvbpsi decodes, and its error messages.
 struct Decoded {
-  std::map<std::string, std::set<std::string>> tables;  // every content that a name had
+  std::map<std::string, std::set<std::string>> tables;  // all contents of each name
   std::vector<std::string> errors;
 };
 
-// The most that a value is away from the constant that suits all of them best.
+// The largest deviation of a value from the best constant for all values.
 struct Spread {
   std::optional<Wide> low, high;
   void add(Wide value) {
@@ -86,16 +86,16 @@ struct Spread {
   double ns(const Rate& rate) const { return low ? rate.ms(*high - *low) / 2 * 1e6 : 0; }
 };
 
-// How far a PCR is ahead of the departure of its packet; `ticks` continues over wraps.
+// The time from the departure of a PCR's packet to the PCR; `ticks` continues over wraps.
 inline Wide aheadOfDeparture(const Rate& rate, const Pcr& pcr, int64_t ticks) {
   return Wide{ticks} * rate.num - rate.units(pcr.packet);
 }
 
 std::set<uint16_t> tablePids(const std::set<uint16_t>& pmtPids);
-// The type of a table's section; none: it is no table that a card carries.
+// The table type of a section; none: not a table that a card carries.
 std::optional<Type> typeOf(uint16_t pid, uint8_t tableId, const std::set<uint16_t>& pmtPids);
 
-// The tables of a source: what a card that was loaded with them must send.
+// The tables of a source: a card loaded with them must send these.
 class PsiCheck {
  public:
   // Reads the source. Throws std::runtime_error when it has no tables.
@@ -114,14 +114,14 @@ class PsiCheck {
   std::set<uint16_t> pmtPids_;
 };
 
-// By PID of the file: passes of the source, and the error that was added to the PCRs.
+// By PID in the file: passes of the source, and the error that was added to the PCRs.
 Json checkPasses(const Options& options, const Scan& scan, Faults& faults);
 
-// Counts, bit rate, repetition of the tables and PCRs of a stream by itself.
+// Counts, bit rate, repetition of the tables and PCRs of a stream alone.
 Json checkStream(const Options& options, const Rate& rate, const Scan& scan, const Contents& contents,
                  const std::set<uint16_t>& pmtPids, Faults& faults);
 
-// The bit rate by the PCRs of the PID that has most of them; unknown when no PID has two.
+// The bit rate from the PCRs of the PID with the most PCRs; unknown if no PID has two.
 Rate rateByPcr(const Scan& scan);
 
 }  // namespace tscheck

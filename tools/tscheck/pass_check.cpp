@@ -73,7 +73,7 @@ class SourceClock {
     if (pcrs_ == nullptr) throw std::runtime_error("the source has no PID with two PCRs");
   }
 
-  // What a PCR of that packet is ahead of that time.
+  // The time from that packet's departure to its PCR.
   Wide ahead(uint64_t packet, int64_t ticks) const {
     const auto after = std::upper_bound(pcrs_->begin() + 1, pcrs_->end() - 1, packet,
                                         [](uint64_t value, const Pcr& pcr) { return value < pcr.packet; });
@@ -112,7 +112,7 @@ class PassCheck {
     ScanOptions scanOptions;
     for (const auto& [number, from] : options.sourceOf) scanOptions.payloadPids.insert(from);
     Contents contents;
-    Faults ofSource;  // are not the file's
+    Faults ofSource;  // faults of the source, not of the file
     return scan(options.source, scanOptions, contents, ofSource);
   }
 
@@ -156,7 +156,7 @@ class PassCheck {
     return (at - first - modulo(at - first, length)) / length;
   }
 
-  // All times of a pass are moved by one amount, and from pass to pass by one more, the same for all PIDs.
+  // All times of a pass are shifted by one amount; each next pass is shifted by the same further amount.
   using Shifts = std::map<int64_t, int64_t>;  // by pass
   Shifts judgeStamps(uint16_t number, const PidContent& out, const PidContent& source, int64_t first) {
     const auto length = static_cast<int64_t>(source.payload.size());
@@ -190,7 +190,7 @@ class PassCheck {
       faults_.add("added", fmt::format("PID {:#x}: only one of source and output has PCRs", number));
       return;
     }
-    // PCRs of packets without payload stand at the same byte whether they end a pass or begin the next. Those
+    // PCRs of packets without payload are at the same byte whether they end a pass or begin the next. Those
     // that begin one are the last of them.
     const auto opening =
         std::count_if(source.pcrs.begin(), source.pcrs.end(), [](const Pcr& pcr) { return pcr.at == 0; });

@@ -28,7 +28,7 @@ struct Group {
 struct Spacing {
   size_t sections = 0;
   size_t groups = 0;
-  size_t held = 0;   // groups that another table on their PID held back
+  size_t held = 0;   // groups delayed by another table on their PID
   double first = 0;  // tick of the first group
   double min = 0, mean = 0, max = 0;
 };
@@ -78,7 +78,7 @@ class Carousel {
                        big16(b, 3), b[5] >> 1 & 31, b[6]);
   }
 
-  // Every section is one of the source's, and every section of the source is there.
+  // Every section is in the source, and every section of the source is present.
   void judgeSections() {
     std::array<std::set<unsigned>, kTypes> seen;
     for (const Section& section : scan_.sections) {
@@ -109,7 +109,7 @@ class Carousel {
     return groups;
   }
 
-  // All programme maps are one group; where the stream is joined late, it starts after the longest silence.
+  // All programme maps are one group; in a stream joined late, it starts after the longest silence.
   std::vector<Group> programmeMapGroups() {
     std::vector<Mark> marks;
     for (const Mark& mark : scan_.marks)
@@ -122,7 +122,7 @@ class Carousel {
       for (size_t i = 1, longest = 0; i <= size && i < marks.size(); ++i)
         if (const size_t gap = marks[i].index - marks[i - 1].index; gap > longest) {
           longest = gap;
-          first = i % size;  // a silence behind as many as there are: it was joined between two groups
+          first = i % size;  // a silence after a full set: it was joined between two groups
         }
     for (; first + size <= marks.size(); first += size) {
       Bytes order;
@@ -136,7 +136,7 @@ class Carousel {
     return groups;
   }
 
-  // Packets that stand in the queue before this one: those sent within the tick before it, in ticks.
+  // Packets in the queue before this one: those sent within the tick before it, in ticks.
   double queueTicks(uint64_t packet) const {
     const auto byIndex = [](const Mark& mark, uint64_t index) { return mark.index < index; };
     const auto perTick = static_cast<uint64_t>(std::ceil(1.0 / ticks(1)));
@@ -169,8 +169,8 @@ class Carousel {
     return total;
   }
 
-  // Groups start every max(interval, packets of the group) ticks. The due time is carried on from group to
-  // group, so that a drift shows, and is taken anew only where another table held the PID.
+  // Groups start every max(interval, packets of the group) ticks. The due time continues from group to group,
+  // so that a drift is detected, and is reset only where another table used the PID.
   Spacing judgeSpacing(Type type) {
     const auto& groups = groups_[type];
     Spacing spacing;
@@ -187,7 +187,7 @@ class Carousel {
     for (size_t i = 1; i <= groups.size(); ++i) {
       due += std::max(options_.intervals[type], groups[i - 1].packets);
       const bool ended =
-          i == groups.size();  // then no group may have been due before, and had time to be whole
+          i == groups.size();  // then no group may have been due before with time to be complete
       const double start = ended ? ticksOf(scan_.packets) : groups[i].start;
       const double allowed = std::max(slack, ended ? 1.0 + longest : 1 + queueTicks(groups[i].firstPacket));
       const double held = heldTicks(type, due - 1, start);
@@ -217,7 +217,7 @@ class Carousel {
     spacing.max = std::max(spacing.max, interval);
   }
 
-  // Within a group one packet goes out a tick.
+  // Within a group one packet is sent per tick.
   void judgePace(Type type, const Group& group) {
     const double length = group.last - group.start;
     if (!options_.untimed && std::abs(length - (group.packets - 1)) > 1 + queueTicks(group.firstPacket))
@@ -225,7 +225,7 @@ class Carousel {
                                 group.packets, group.start, length));
   }
 
-  // A section of a table of S sections comes every S groups; all programme maps come each time in one order.
+  // A section of a table of S sections is sent every S groups; all programme maps are sent in one order.
   void judgeRotation(Type type) {
     const auto& groups = groups_[type];
     const size_t round = type == kPmt ? 1 : sections_[type].size();
@@ -261,7 +261,7 @@ PsiCheck::PsiCheck(const Options& options, Contents& contents)
   scanOptions.sectionPids = tablePids(pmtPids_);
   scanOptions.allowCut = true;
   scanOptions.onPacket = [&](const Packet& packet) { decoder.push(packet); };
-  Faults ofSource;  // it may be a damaged capture; what is whole in it counts
+  Faults ofSource;  // the capture may be damaged; its complete sections count
   std::map<std::tuple<uint16_t, uint8_t, uint16_t, uint8_t>, unsigned> newest;
   for (const Section& section : scan(options.psi, scanOptions, contents, ofSource).sections) {
     const Bytes& bytes = contents.bytes(section.content);
@@ -272,7 +272,7 @@ PsiCheck::PsiCheck(const Options& options, Contents& contents)
   if (tables_.empty()) throw std::runtime_error(fmt::format("{} carries no tables to look for", options.psi));
   for (const auto& [key, content] : newest) {
     const Type type = *typeOf(std::get<0>(key), std::get<1>(key), pmtPids_);
-    const size_t bytes = 1 + contents.bytes(content).size();  // with the pointer field
+    const size_t bytes = 1 + contents.bytes(content).size();  // including the pointer field
     packets_[type] += static_cast<unsigned>((bytes + kPayloadSize - 1) / kPayloadSize);
     if (options.intervals[type] != 0) sections_[type].insert(content);
   }

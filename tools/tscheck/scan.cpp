@@ -73,7 +73,7 @@ class Assembler {
     open_ = false;
   }
 
-  // Continues the open section, then reads what else the packet holds.
+  // Continues the open section, then reads the rest of the packet.
   void take(const uint8_t* data, size_t size) {
     if (open_) {
       const size_t used = append(data, size);
@@ -93,7 +93,7 @@ class Assembler {
       fault("stuffing", "bytes after the last section are not stuffing");
   }
 
-  // Takes bytes of the open section and closes it when it is whole; gives the number of bytes taken.
+  // Reads bytes of the open section and closes it when it is complete; returns the number of bytes read.
   size_t append(const uint8_t* data, size_t size) {
     size_t used = 0;
     while (used < size && open_) {
@@ -176,7 +176,7 @@ class Scanner {
   }
 
  private:
-  // What is remembered of a PID from packet to packet.
+  // State of a PID between packets.
   struct Following {
     std::optional<Assembler> sections;
     std::optional<Packet> last;
@@ -226,7 +226,7 @@ class Scanner {
     scan_.marks.push_back({index, pid, content});
   }
 
-  // A packet may come twice in a row: all bytes the same but those of the PCR.
+  // A packet may be sent twice in a row: all bytes equal except those of the PCR.
   bool isRepeated(Following& following, const Packet& p) const {
     const bool mayBe = options_.allowRepeats && !following.repeated && following.last && hasPayload(p);
     const size_t skipped = mayBe && pcrOf(p) && pcrOf(*following.last) ? 6 : 0;

@@ -1,4 +1,4 @@
-// One pass over a transport stream file: sync, continuity, clocks and sections, as a monitor sees them.
+// One pass over a transport stream file: sync, continuity, clocks and sections, like a stream monitor.
 // tscheck shares no code with the programs whose output it checks.
 #pragma once
 
@@ -25,7 +25,7 @@ constexpr int64_t kPcrHz = 27'000'000;
 using Bytes = std::vector<uint8_t>;
 using Packet = std::array<uint8_t, kPacketSize>;
 
-// What was found wrong, by kind. The first texts of each kind are kept, the others are counted.
+// The errors found, by kind. The first texts of each kind are stored, the others are counted.
 class Faults {
  public:
   struct Kind {
@@ -43,7 +43,7 @@ class Faults {
   std::map<std::string, Kind> byKind_;
 };
 
-// Gives equal contents one number, so that a long stream of repetitions stays small in memory.
+// Gives equal contents one number, so that a long repeating stream uses little memory.
 class Contents {
  public:
   unsigned number(const Bytes& bytes);
@@ -63,29 +63,29 @@ struct Section {
   unsigned packets;
 };
 
-// A packet of any PID but the null packets'.
+// A packet of any PID except null packets.
 struct Mark {
   uint64_t index;
   uint16_t pid;
-  unsigned content;  // without the continuity counter; kept for the PIDs of ScanOptions::contentPids, else 0
+  unsigned content;  // without continuity counter; stored for the PIDs of ScanOptions::contentPids, else 0
 };
 
 struct Pcr {
   uint64_t packet;
   int64_t ticks;  // of 27 MHz
-  size_t at;      // bytes of payload that the PID had before it
+  size_t at;      // bytes of payload of the PID before it
 };
 
-// What one PID carried.
+// The data of one PID.
 struct Pid {
   uint64_t packets = 0;
   uint64_t jumps = 0;         // of the continuity counter
-  uint64_t payloadBytes = 0;  // packets that came twice count once
+  uint64_t payloadBytes = 0;  // repeated packets count once
   std::vector<Pcr> pcrs;
-  // Kept for the PIDs of ScanOptions::payloadPids.
+  // Stored for the PIDs of ScanOptions::payloadPids.
   Bytes payload;
-  std::vector<size_t> units;          // where payload units start
-  std::vector<uint64_t> unitPackets;  // in which packets
+  std::vector<size_t> units;          // start positions of payload units
+  std::vector<uint64_t> unitPackets;  // and their packets
 };
 
 struct ScanOptions {
@@ -94,10 +94,10 @@ struct ScanOptions {
   bool allowCut = false;                        // a section may break off when a new one starts
   bool allowRepeats = true;                     // a packet may come twice in a row (ISO/IEC 13818-1, 2.4.3.3)
   bool marks = false;                           // keep the marks
-  std::set<uint16_t> contentPids;               // PIDs whose packets are told apart by content in the marks
-  std::set<uint16_t> payloadPids;               // PIDs whose payload is kept
-  uint64_t fromPacket = 0;                      // skip what lies before
-  std::function<void(const Packet&)> onPacket;  // sees every packet in sync, null packets too
+  std::set<uint16_t> contentPids;               // PIDs whose marks distinguish packets by content
+  std::set<uint16_t> payloadPids;               // PIDs whose payload is stored
+  uint64_t fromPacket = 0;                      // skip the packets before
+  std::function<void(const Packet&)> onPacket;  // called with every packet in sync, also null packets
 };
 
 struct Scan {
@@ -118,7 +118,7 @@ std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path);
 
 uint16_t big16(const Bytes& bytes, size_t at);
 
-// The difference of two readings of a clock that wraps, taken for the shorter way.
+// The difference of two readings of a clock that wraps, in the shorter direction.
 int64_t signedModulo(int64_t value, int64_t wrap);
 inline int64_t modulo(int64_t value, int64_t wrap) {
   return (value % wrap + wrap) % wrap;

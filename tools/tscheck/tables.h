@@ -1,4 +1,4 @@
-// The tables of a stream as libdvbpsi decodes them, each written out as text, so that two streams can be
+// The tables of a stream as libdvbpsi decodes them, each converted to text, so that two streams can be
 // compared.
 #pragma once
 
@@ -20,7 +20,7 @@ namespace tscheck {
 
 class TableDecoder {
  public:
-  // Name of a table ("SDT 0x46 ts 12"), and everything it says. Called for each version that is current.
+  // Name of a table ("SDT 0x46 ts 12") and its whole content. Called for each current version.
   using OnTable = std::function<void(const std::string& name, const std::string& content)>;
   using OnError = std::function<void(const std::string& text)>;
 
@@ -30,7 +30,7 @@ class TableDecoder {
   TableDecoder(const TableDecoder&) = delete;
   TableDecoder& operator=(const TableDecoder&) = delete;
 
-  void push(Packet packet);  // a copy: libdvbpsi asks for bytes it may write to
+  void push(Packet packet);  // a copy: libdvbpsi may write to the bytes
 
  private:
   struct Decoder;

@@ -15,7 +15,7 @@
 namespace tscheck {
 namespace {
 
-constexpr double kConstant_ns = 1e6;  // PCRs further off mean that the rate varies
+constexpr double kConstant_ns = 1e6;  // larger PCR errors mean that the rate varies
 constexpr int kOk = 0;
 constexpr int kFaulty = 1;
 constexpr int kWrongCall = 2;
@@ -89,7 +89,7 @@ void readCall(const Call& call, Options& options) {
         "give the bit rate of FILE with --rate: --psi, --source, --constant-rate and --from need it");
   if (options.psi.empty() && (!call.intervals.empty() || options.untimed))
     throw std::invalid_argument("--interval and --untimed need --psi, the source of the tables");
-  // not(a >= b): what is no number fails too
+  // not(a >= b): also true for NaN
   if (!(options.auxHz > 0) || !(options.tolerance_ns >= 0) || !(options.from_s >= 0))
     throw std::invalid_argument("--aux-hz must be above 0, --tolerance and --from 0 or more");
 }

@@ -1,4 +1,4 @@
-// The panel's characters: ASCII, 8 x 16 pixels, and GB 2312, 16 x 16. The table is made at build time.
+// The panel's characters: ASCII, 8 x 16 pixels, and GB 2312, 16 x 16. The build generates the table.
 #pragma once
 
 #include <cstddef>
@@ -19,9 +19,9 @@ struct Glyph {
 extern const Glyph kGlyphs[];  // by code
 extern const std::size_t kGlyphCount;
 
-const Glyph* findGlyph(u16 code);  // null for what the font lacks
+const Glyph* findGlyph(u16 code);  // null if the font does not have it
 
-// The next character of a text in GBK, which is taken off it. Not empty.
+// Removes the next character from a text in GBK and returns it. The text must not be empty.
 u16 takeCode(std::string_view& text);
 
 }  // namespace headend

@@ -1,4 +1,4 @@
-// The front panel's keys: who presses them puts them into a queue, and the menu's task takes them.
+// The front panel's keys: a queue between the code that presses keys and the menu's task, which reads them.
 #pragma once
 
 #include <deque>
@@ -10,21 +10,21 @@ namespace headend {
 
 class Keypad {
  public:
-  static constexpr std::size_t kWaiting = 64;  // keys that nobody has taken
+  static constexpr std::size_t kWaiting = 64;  // keys not read yet
 
   explicit Keypad(Kernel& kernel) : kernel_(kernel) {}
 
-  // After this time without a key `scan` gives kKeyLeave, once; 0: never.
+  // After this time without a key, `scan` gives kKeyLeave once; 0: never.
   void timeout(Nanos time) { timeout_ = time; }
 
-  // False when kWaiting keys wait.
+  // False if kWaiting keys are in the queue.
   bool press(chassis::PanelKey key) {
     if (keys_.size() == kWaiting) return false;
     keys_.push_back(key);
     return true;
   }
 
-  // The next key, at once; with none waiting it takes one tick of the calling task, for kKeyNone.
+  // The next key, at once. If the queue is empty, waits one tick of the calling task and returns kKeyNone.
   chassis::PanelKey scan() {
     if (!keys_.empty()) {
       const chassis::PanelKey key = keys_.front();
@@ -40,7 +40,7 @@ class Keypad {
     return chassis::kKeyLeave;
   }
 
-  // Whether nobody has pressed a key since kKeyLeave was given.
+  // Whether no key was pressed since kKeyLeave was given.
   bool left() const { return left_; }
 
  private:
@@ -48,7 +48,7 @@ class Keypad {
   std::deque<chassis::PanelKey> keys_;
   Nanos timeout_ = 0;
   Nanos lastKey_ = 0;
-  bool left_ = true;  // nothing to leave before the first key
+  bool left_ = true;  // no kKeyLeave before the first key
 };
 
 }  // namespace headend

@@ -1,5 +1,5 @@
-// The front panel's LCD: 128 x 64 pixels, which firmware and drivers fill with four rows of text. It keeps
-// both the pixels and which character stands where.
+// The front panel's LCD: 128 x 64 pixels. Firmware and drivers write four rows of text. It stores both the
+// pixels and the position of each character.
 #pragma once
 
 #include <string>
@@ -11,15 +11,15 @@ namespace headend {
 
 class Lcd {
  public:
-  // Everything dark.
+  // Clears all pixels.
   void clear() { shown_ = {}; }
 
-  // Draws a text in GBK on row 0..3 from a pixel column on. Bit 31 of the mask inverts the first character,
-  // bit 30 the second, and so on. A character that would reach past the right edge is left out, and those
-  // behind it. Texts on other rows or left of the LCD are ignored.
+  // Draws a text in GBK on row 0..3, starting at a pixel column. Bit 31 of the mask inverts the first
+  // character, bit 30 the second, and so on. A character that would cross the right edge and all characters
+  // after it are not drawn. Texts on other rows or left of the LCD are ignored.
   void print(int row, int column, u32 mask, std::string_view gbk);
 
-  // The row anew, with a text at its left edge and one at its right. What does not fit on it is cut off.
+  // Redraws the row with a text at its left edge and one at its right. Text that does not fit is cut off.
   void printRow(int row, std::string_view left, std::string_view right = {}, bool inverse = false);
 
   const protocol::LcdImage& shown() const { return shown_; }
@@ -31,7 +31,7 @@ class Lcd {
   protocol::LcdImage shown_;
 };
 
-// Pixels that a text in GBK takes.
+// Width of a text in GBK, in pixels.
 int widthOf(std::string_view gbk);
 
 }  // namespace headend

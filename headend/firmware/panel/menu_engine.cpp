@@ -15,7 +15,7 @@ namespace {
 using chassis::item_t;
 
 constexpr int kRowsBelowHeading = protocol::kLcdRows - 1;
-constexpr Nanos kRefresh = kSecond;  // of what is shown, for values change by themselves
+constexpr Nanos kRefresh = kSecond;  // of the displayed values, because they can change
 
 bool has(const item_t& item, u16 flag) {
   return (item.flag & flag) != 0;
@@ -64,7 +64,7 @@ void MenuEngine::walkTop() {
   while (!leaving_) {
     const int confirmed = browse(heading, rows, chosen);
     if (leaving_) return;
-    if (confirmed < 0) continue;  // there is nothing to go back to
+    if (confirmed < 0) continue;  // this is the top level
     chosen = confirmed;
     if (chosen < static_cast<int>(roots_.size())) {
       const item_t& root = std::next(roots_.begin(), chosen)->second;

@@ -1,5 +1,5 @@
-// The chassis's menu: walks the trees of items that cards have registered, on an LCD and with keys. It knows
-// items and their flags, and a card by its descriptor. At the top stand the cards, by slot, and the language.
+// The chassis's menu: shows the trees of items that cards have registered, on the LCD and with keys. It uses
+// only items, their flags and card descriptors. The top level has the cards and the language.
 #pragma once
 
 #include <functional>
@@ -18,16 +18,16 @@ namespace headend {
 
 class MenuEngine {
  public:
-  static constexpr int kPriority = 230;     // below everything that keeps a channel on the air
-  static constexpr int kLongestTable = 64;  // items; a longer one has lost its end mark
+  static constexpr int kPriority = 230;     // below all tasks that keep a channel on the air
+  static constexpr int kLongestTable = 64;  // items; a longer table has no end mark
 
   using Words = protocol::Words;
 
-  // What the menu asks of the rest of the firmware.
+  // Functions of the rest of the firmware that the menu uses.
   struct Firmware {
     std::function<chassis::card*(int slot)> card;
-    std::function<std::optional<Words>(int slot)> fault;  // why a card cannot be used; nothing when it runs
-    std::function<std::string(int slot, u32 id)> text;    // a variable that reads a text
+    std::function<std::optional<Words>(int slot)> fault;  // why a card cannot be used; nullopt if it runs
+    std::function<std::string(int slot, u32 id)> text;    // reads a text variable
     std::function<void(const std::string& text)> stop;    // ends the run: a tree is broken
   };
 
@@ -53,8 +53,8 @@ class MenuEngine {
   void chooseOption(const chassis::item_t& item, int slot);
   void showFault(const chassis::item_t& heading, int slot);
 
-  // Shows rows below a heading, the chosen one inverted, until it is opened: its number, or -1 to go back.
-  // Goes back too when `stays` says so. With -1 chosen there is nothing to open.
+  // Shows rows below a heading, with the chosen row inverted. Returns the number of the opened row, or -1 to
+  // go back, also when `stays` returns false. With -1 chosen, no row can be opened.
   int browse(
       const std::function<void()>& heading, const Rows& rows, int chosen,
       const std::function<bool()>& stays = [] { return true; });
@@ -71,7 +71,7 @@ class MenuEngine {
   Firmware firmware_;
   std::map<int, chassis::item_t> roots_;  // by slot: cards of one kind share one record
   Language language_ = Language::kEnglish;
-  bool leaving_ = false;  // up to the top
+  bool leaving_ = false;  // back to the top level
 };
 
 }  // namespace headend

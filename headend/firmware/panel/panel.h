@@ -1,4 +1,4 @@
-// The chassis's front panel: LCD, keys and the menu on them, and how the management socket reaches it.
+// The chassis's front panel: LCD, keys and menu, and their operations for the management socket.
 #pragma once
 
 #include "headend/firmware/panel/keypad.h"

@@ -36,7 +36,7 @@ std::string access(const std::string& group, const char* model, const char* leve
 std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, bool communityWrites,
                                              std::span<const u32> base) {
   const std::string cards = protocol::mibBaseText(base);
-  // A group without members, for the library wants to have heard of access, whoever is let in.
+  // A group without members: the library requires an access line, even without any user.
   std::vector<std::string> lines = {access("nobody", "usm", "priv", false),
                                     fmt::format("view seen included {}", cards),
                                     fmt::format("view set included {}", cards), "view none excluded 1"};

@@ -1,5 +1,4 @@
-// Who may see and change what, in Net-SNMP's own words: the lines of configuration that the agent starts
-// with.
+// Access rights in the syntax of Net-SNMP: the configuration lines with which the agent starts.
 #pragma once
 
 #include <span>
@@ -11,8 +10,8 @@
 
 namespace headend {
 
-// What anybody may see at most: the system and SNMP groups, the engine's objects and counters, the cards.
-// What writers may set: the cards' objects. Users and communities come to that, and nobody else.
+// The most that can be read: the system and SNMP groups, the engine's objects and counters, the cards.
+// Writers may set the cards' objects. Only the configured users and communities have access.
 std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, bool communityWrites,
                                              std::span<const u32> base);
 

@@ -1,7 +1,7 @@
-// The chassis's SNMP agent: Net-SNMP in a task of the kernel's, with the rows that cards have registered, the
-// system group and little else. It is closed but to those whom the operator has named, sends what the alarm
-// list notes as notifications, and uses no file of this machine's but the flash. docs/snmp.md tells about it.
-// One process has one, for the library's state is the process's.
+// The chassis's SNMP agent: Net-SNMP in a task of the kernel, with the rows that cards have registered and
+// the system group. Only the users and communities that the operator configured have access. It sends the
+// events of the alarm list as notifications, and uses no file of this machine except the flash. See
+// docs/snmp.md. Only one per process, because the library's state is global.
 #pragma once
 
 #include <functional>
@@ -24,11 +24,11 @@ class SnmpAgent {
   struct Settings {
     std::optional<SnmpLibrary::Address> listen;
     std::optional<SnmpLibrary::Address> trapSink;
-    std::vector<u32> base;  // ten components; a slot's number comes behind them
+    std::vector<u32> base;  // ten components; the slot number follows them
     bool communityWrites = false;
   };
 
-  // Below the back end (220): operators come before stations that poll.
+  // Lower priority than the back end (220): operators are served before polling stations.
   static constexpr int kPriority = 222;
 
   // Opens the agent's sockets. Throws std::runtime_error.
@@ -37,11 +37,11 @@ class SnmpAgent {
             std::function<void(const std::string&)> say);
   void start();  // spawns the task
 
-  // Rows of a card, and an event of the alarm list; any task.
+  // Rows of a card, and an event of the alarm list; callable from any task.
   void registerRows(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
   void notify(const AlarmRecord& event);
 
-  std::string address() const;  // empty when it only sends
+  std::string address() const;  // empty if it only sends
   const EngineIdentity& engine() const { return engine_; }
 
  private:

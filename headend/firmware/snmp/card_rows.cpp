@@ -13,10 +13,10 @@
 namespace headend {
 namespace {
 
-constexpr std::size_t kSlotComponent = protocol::kMibBaseLength;  // the first behind the base
+constexpr std::size_t kSlotComponent = protocol::kMibBaseLength;  // the first after the base
 
 struct Name {
-  std::array<u32, MAX_OID_LEN + 1> components{};  // an instance is one longer than its row
+  std::array<u32, MAX_OID_LEN + 1> components{};  // an instance is one component longer than its row
   int length = 0;
 };
 

@@ -1,5 +1,5 @@
-// The rows that cards have registered with the agent, and how a request reaches one: as the classic agent
-// would call it, whatever the library's own way is. The agent's task only, but for `add`.
+// The rows that cards have registered with the agent, and the calls of their handlers, which follow the
+// classic agent interface. Used only by the agent's task, except `add`.
 #pragma once
 
 #include <deque>
@@ -8,7 +8,7 @@
 
 #include "platform/agent.h"
 
-// The library's, which stay in the sources.
+// Types of the library, which are used only in the sources.
 struct netsnmp_agent_request_info_s;
 struct netsnmp_handler_registration_s;
 struct netsnmp_mib_handler_s;
@@ -18,19 +18,19 @@ namespace headend {
 
 class CardRows {
  public:
-  // `runs` tells whether a slot's card has a configuration: without one nothing of it is read or written.
+  // `runs` gives whether a slot's card has a configuration; without one, none of its rows is read or written.
   explicit CardRows(std::function<bool(int slot)> runs) : runs_(std::move(runs)) {}
 
-  // Takes rows that a card hands over; the library learns of them in the agent's task.
+  // Stores rows that a card registers; the agent's task adds them to the library later.
   void add(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
   bool hasNew() const { return known_ < rows_.size(); }
-  bool makeKnown();  // to the library; false when it does not take them all
+  bool makeKnown();  // registers with the library; false if it rejects a row
 
  private:
   struct Row {
     CardRows* owner;
     chassis::variable variable;
-    chassis::WriteMethod write = nullptr;  // of the SET that is going on
+    chassis::WriteMethod write = nullptr;  // of the current SET
   };
 
   static int handle(netsnmp_mib_handler_s* handler, netsnmp_handler_registration_s* registration,
@@ -41,7 +41,7 @@ class CardRows {
   bool runs(const Row& row) const;
 
   std::function<bool(int slot)> runs_;
-  std::deque<Row> rows_;  // the library points into it
+  std::deque<Row> rows_;  // the library keeps pointers into it
   std::size_t known_ = 0;
 };
 

@@ -13,7 +13,7 @@ namespace headend {
 namespace {
 
 constexpr const char* kFile = "/tffs0/snmp/engine.txt";
-constexpr u32 kMostBoots = 0x7FFFFFFF - 1;  // at the last one an engine must take a new ID
+constexpr u32 kMostBoots = 0x7FFFFFFF - 1;  // after the last one an engine must take a new ID
 constexpr std::size_t kIdSize = 13;
 
 // RFC 3411, SnmpEngineID: an enterprise's number with the highest bit set, 5 for octets of its own choice.

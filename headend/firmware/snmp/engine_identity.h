@@ -1,5 +1,5 @@
-// Who the SNMP engine is over all its power-ups (RFC 3414, section 2.2): its ID, and how often it has booted.
-// Both are kept in the flash; managers take an engine that comes back with a lower count for a forgery.
+// The identity of the SNMP engine over all power-ups (RFC 3414, section 2.2): its ID and its boot count. Both
+// are stored in the flash; managers reject an engine that returns with a lower count as forged.
 #pragma once
 
 #include <functional>
@@ -15,9 +15,8 @@ struct EngineIdentity {
   u32 boots = 1;
 };
 
-// The identity of this power-up, which is saved before it is used. An engine without one in its flash, or
-// with a damaged one, becomes a new one; `say` tells of damage. Throws std::runtime_error when it cannot be
-// saved.
+// The identity of this power-up, which is saved before it is used. If the flash has none, or a damaged one, a
+// new identity is made; `say` is called to report damage. Throws std::runtime_error if it cannot be saved.
 EngineIdentity bootEngine(Flash& flash, const std::function<void(const std::string&)>& say);
 
 std::string engineIdText(const EngineIdentity& engine);  // "0x80001f88..."

@@ -19,7 +19,7 @@
 namespace headend {
 namespace {
 
-constexpr const char* kName = "headend";  // what the library calls us
+constexpr const char* kName = "headend";  // our application name in the library
 
 // Parts of Net-SNMP's agent: the system group and the engine's own, nothing of the host's.
 constexpr const char* kModules =
@@ -69,7 +69,7 @@ SnmpLibrary::SnmpLibrary(const std::filesystem::path& folder, EngineIdentity eng
                          const std::vector<std::string>& configuration,
                          std::function<void(const std::string&)> say)
     : engine_(std::move(engine)), say_(std::move(say)) {
-  const std::filesystem::path whole = std::filesystem::absolute(folder);  // the library wants a root
+  const std::filesystem::path whole = std::filesystem::absolute(folder);  // the library needs a full path
   useNoFilesBut(whole);
   snmp_disable_log();
   snmp_enable_calllog();
@@ -86,10 +86,10 @@ SnmpLibrary::SnmpLibrary(const std::filesystem::path& folder, EngineIdentity eng
   lines.insert(lines.end(), configuration.begin(), configuration.end());
   for (std::string& line : lines) netsnmp_config_remember(line.data());
   init_snmp(kName);
-  std::setlocale(LC_CTYPE, "C");  // which the library has changed
+  std::setlocale(LC_CTYPE, "C");  // the library has changed it
 
   std::error_code ignored;
-  std::filesystem::remove(whole / "cert_indexes", ignored);  // empty: the library makes it for nothing
+  std::filesystem::remove(whole / "cert_indexes", ignored);  // empty: the library creates it without need
   if (!complaints_.empty()) throw std::runtime_error("the SNMP agent does not start:" + complaints_);
   isStarted_ = true;
 }
@@ -139,7 +139,7 @@ void SnmpLibrary::openSink(const Address& address, const SnmpSecrets& secrets) {
     session.securityName = name.data();
     session.securityNameLen = name.size();
     session.securityLevel = user->hasPrivacy() ? SNMP_SEC_LEVEL_AUTHPRIV : SNMP_SEC_LEVEL_AUTHNOPRIV;
-    session.securityEngineID = engine_.id.data();  // who notifies is the authority
+    session.securityEngineID = engine_.id.data();  // the sender of notifications is the authority
     session.securityEngineIDLen = engine_.id.size();
     session.contextEngineID = engine_.id.data();
     session.contextEngineIDLen = engine_.id.size();

@@ -1,4 +1,4 @@
-// Net-SNMP set up for this process: configured by lines, with none of this machine's files, its messages in
+// Net-SNMP set up for this process: configured by lines, without this machine's files, with its messages in
 // the headend's log; and its two sessions, for requests and for notifications.
 #pragma once
 
@@ -21,20 +21,20 @@ class SnmpLibrary {
  public:
   using Address = std::pair<std::string, std::uint16_t>;
 
-  // `folder` is all that the library may look into. Throws std::runtime_error when it finds anything to
-  // complain of: a line that it does not take could leave a door open.
+  // `folder` is the only folder that the library may read. Throws std::runtime_error if the library reports
+  // any error, because a rejected line could allow access by mistake.
   SnmpLibrary(const std::filesystem::path& folder, EngineIdentity engine,
               const std::vector<std::string>& configuration, std::function<void(const std::string&)> say);
 
-  // Both throw std::runtime_error that names the address.
+  // Both throw std::runtime_error with the address in the message.
   void listen(const Address& address);
   void openSink(const Address& address, const SnmpSecrets& secrets);
 
-  int fd() const { return fd_; }  // where requests come in; -1 when it does not listen
+  int fd() const { return fd_; }  // receives requests; -1 if it does not listen
   bool hasSink() const { return sink_ != nullptr; }
 
-  void readRequest();                 // which has come, and answers it
-  bool send(snmp_pdu* notification);  // takes it; false when the host does not, with errno
+  void readRequest();                 // reads a received request and answers it
+  bool send(snmp_pdu* notification);  // takes ownership; false with errno if the host refuses
 
  private:
   void say(const std::string& text);
@@ -43,7 +43,7 @@ class SnmpLibrary {
   EngineIdentity engine_;
   std::function<void(const std::string&)> say_;
   bool isStarted_ = false;
-  std::string complaints_;  // until it is
+  std::string complaints_;  // until it is running
   std::string lastSaid_;
   std::uint64_t timesSaid_ = 0;
   void* requests_ = nullptr;

@@ -1,10 +1,10 @@
-// Net-SNMP's headers. Their macros have names of platform/agent.h, with the same values: what is included
-// after this cannot name those of the chassis, and need not.
+// Net-SNMP's headers. Their macros have the same names and values as constants of platform/agent.h. Code
+// after this include cannot use the chassis's constants, and does not need them.
 #pragma once
 
 #include "platform/agent.h"
 
-// The library's order.
+// The order that the library requires.
 // clang-format off
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
@@ -14,7 +14,7 @@
 #include <net-snmp/library/snmpUDPDomain.h>
 // clang-format on
 
-#undef RONLY  // the library's own codes
+#undef RONLY  // use the library's own codes
 #undef RWRITE
 
 static_assert(MAX_OID_LEN == sizeof(chassis::variable::name) / sizeof(u32));

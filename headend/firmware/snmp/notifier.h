@@ -1,5 +1,5 @@
-// Sends what the alarm list notes as SNMPv2 notifications, in a task of its own: a card that keeps the agent
-// waiting keeps no alarm back. A sink that is not there harms nothing: nobody acknowledges a notification.
+// Sends the events of the alarm list as SNMPv2 notifications, in its own task: a card that delays the agent
+// does not delay notifications. A missing sink does no harm: notifications are not acknowledged.
 #pragma once
 
 #include <deque>
@@ -16,9 +16,9 @@ namespace headend {
 class SnmpNotifier {
  public:
   static constexpr int kPriority = 223;
-  static constexpr std::size_t kWaitingMost = 1000;  // of more the oldest are not sent
+  static constexpr std::size_t kWaitingMost = 1000;  // if there are more, the oldest are not sent
 
-  // `library` has a sink. Names of objects stand below `base` (client/mib_rows.h).
+  // `library` has a sink. Names of objects are below `base` (client/mib_rows.h).
   SnmpNotifier(Kernel& kernel, SnmpLibrary& library, std::vector<u32> base,
                std::function<void(const std::string&)> say);
 

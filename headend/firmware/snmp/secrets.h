@@ -1,5 +1,5 @@
-// Who may read and write over SNMP, and who the notifications come from: named by the operator, in a file
-// that is nobody else's to read or in the environment. docs/snmp.md describes the lines.
+// SNMP users and communities for reading, writing and notifications. The operator gives them in the
+// environment or in a file that only its owner can read. docs/snmp.md describes the lines.
 #pragma once
 
 #include <filesystem>
@@ -30,8 +30,8 @@ struct SnmpSecrets {
   const User* find(const std::string& name) const;
 };
 
-// `file` when there is one, else what the environment variable HEADEND_SNMP_SECRETS holds, else nothing.
-// Throws std::runtime_error, which says what is wrong where and shows no secret.
+// Uses `file` if given, else the environment variable HEADEND_SNMP_SECRETS, else nothing. Throws
+// std::runtime_error with the error and its position, but without any secret.
 SnmpSecrets loadSnmpSecrets(const std::filesystem::path& file);
 SnmpSecrets parseSnmpSecrets(const std::string& text, const std::string& origin);
 

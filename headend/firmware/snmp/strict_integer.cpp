@@ -9,7 +9,7 @@
 
 extern "C" u_char* asn_parse_int(u_char* data, std::size_t* datalength, u_char* type, long* number,
                                  std::size_t /*size*/) {
-  constexpr std::size_t kHeader = 2;  // a number is never so long that its length takes more than a byte
+  constexpr std::size_t kHeader = 2;  // a number is always short enough for a length of one byte
   constexpr std::size_t kMostContent = 4;
   if (*datalength <= kHeader) return nullptr;
   const std::size_t length = data[1];

@@ -66,7 +66,7 @@ TEST_F(Alarms, StandSideBySideAndEndByTheWordsOfTheirRecovery) {
   list_->remove(kInput, "Z", "qam card 3 CH.2  input OK!");
   EXPECT_EQ(standing().size(), 2U);
   list_->add(kInput, kSecond);
-  list_->remove(kInput, "Z", "nothing of ch.2x");  // no word is shared: the oldest
+  list_->remove(kInput, "Z", "nothing of ch.2x");  // no word in common: the oldest
   list_->remove(kInput, "Z", "whatever");
   list_->remove(kInput, "Z", "too much");
   EXPECT_EQ(standing(), (Lines{"+1001 2.1 769 Card3|Ch.1 Error|No Input 1001"}));

@@ -57,7 +57,7 @@ TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
         write(after);
         std::size_t n = 0;
         while (n < left.size() && left[n] == after[n]) ++n;
-        const std::size_t cut = n;  // from here on old, but for one that may be anything
+        const std::size_t cut = n;  // bytes from here on are old, except one that may have any value
         const bool isOld = cut == left.size() || left[cut] == before[cut];
         for (n = cut + 1; n < left.size(); ++n) {
           if (left[n] != before[n]) return fmt::format("byte {} is {:02X}", n, left[n]);

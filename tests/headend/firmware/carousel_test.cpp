@@ -38,9 +38,9 @@ TEST(CarouselMonitor, AnUploadAndAnotherChannelContinueNoGroup) {
   const auto& pat = monitor.tables(1, 0)[PAT];
   EXPECT_EQ(pat.intervals, 2U);
   EXPECT_EQ(pat.max_ticks, 100U);
-  post(0, 6000, 2);  // free places of the second channel's store: of no table
+  post(0, 6000, 2);  // free places of the second channel's store: no table
   post(512, 6001);
-  post(0, 6002, 3);  // no channel's queue
+  post(0, 6002, 3);  // not a channel's queue
   EXPECT_EQ(monitor.tables(1, 0)[PAT].posted, 4U);
   EXPECT_EQ(monitor.tables(1, 1)[PAT].posted, 0U);
 }

@@ -87,7 +87,7 @@ TEST(Modulator, FollowsLevelConstellationAndSwitches) {
     EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kOnAir);
     set_pll(1, 2, 0, 1648006250, 0);  // half way between two steps: the upper one
     EXPECT_DOUBLE_EQ(powered.rf().frequency_kHz.value_or(0), 554012.5);
-    powered.set(kVarFrequency, 1600000);  // beyond the menus: the upper band of the oscillator
+    powered.set(kVarFrequency, 1600000);  // above the menus' range: the upper band of the oscillator
     EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kOnAir) << powered.rf().why;
     QamFpgaIf[0]->q1_12v_ctrl = 1;
     EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kFaulty);
@@ -105,12 +105,12 @@ TEST(Modulator, RunsOnAClockForEveryRateOfItsTable) {
       EXPECT_EQ(output.symbolRate_kBd, rate);
       EXPECT_NEAR(output.clock_kBd.value_or(0) / rate, 1, 2e-8);
     }
-    powered.set(kVarSymbolRate, 6900);  // no row: the clock stays behind
+    powered.set(kVarSymbolRate, 6900);  // no row: the clock does not follow
     EXPECT_EQ(powered.rf().verdict, RfOutput::Verdict::kFaulty);
     EXPECT_EQ(powered.rf().symbolRate_kBd, 6900U);
     EXPECT_NEAR(powered.rf().clock_kBd.value_or(0), 7000, 0.01);
 
-    // A row of the record's own, for a rate that the factory's table does not have.
+    // A row in the record, for a rate that is not in the factory's table.
     cdce925_para& row = Powered::record().Cd925_para[3];
     row = Powered::record().Cd925_para[8];
     row.freq = 6001;
@@ -134,7 +134,7 @@ TEST(Modulator, MeasuresTheRatesThatLeave) {
       const std::size_t channel = id < 40 ? 0 : 1;
       const u32 readFirst =
           channel == 0 ? headend::offsetOf("Valid_0_rateM") : headend::offsetOf("Valid_1_rateM");
-      std::pair<std::size_t, u64> begin, end;  // packets but for null packets, and all
+      std::pair<std::size_t, u64> begin, end;  // packets without null packets, and all
       Nanos opened = 0;
       Nanos readAt = 0;
       powered.card().onRegister([&](u32 offset, u16 value, Nanos now) {
@@ -150,7 +150,7 @@ TEST(Modulator, MeasuresTheRatesThatLeave) {
       const bool isTotal = id == 36 || id == 44;
       EXPECT_EQ(text, fmt::format("{}Kb/s", (isTotal ? total : payload) * 2 * 1504 / 1000));
       EXPECT_EQ(payload > 0, channel == 0);
-      // A status pass may hold the processor when the gate is to close.
+      // A status check may hold the processor when the gate must close.
       EXPECT_TRUE(readAt - opened >= 489'900'000 && readAt - opened <= 506'000'000) << readAt - opened;
     }
   });
@@ -164,7 +164,7 @@ headend::Options optionsWith(const std::string& fault, const Scratch& scratch,
   writeFile(scratch.path / "flash" / "eeprom" / "card1.bin", Bytes(2048, 0x5A));
   auto options = fastOptions(scratch.path, 4 * kSecond, slots);
   if (!fault.empty()) options.faults.push_back({.slot = 0, .name = fault, .at = 0});
-  // Another rate than the one that the clock generator gives at power-up.
+  // A rate different from the clock generator's at power-up.
   options.settings.push_back(
       {.slot = 0, .id = kVarSymbolRate, .name = "symbolrate", .value = 6250, .warning = {}, .at = 0});
   return options;
@@ -206,7 +206,7 @@ void judge(const std::string& fault, const std::string& why, const Temperatures&
   });
   EXPECT_EQ(run(headend), headend::kExitDone);
   const Nanos now = headend.kernel().now();
-  // A clock that is stretched costs looks at it: 286 accesses without, some 1300 without an acknowledge.
+  // A stretched clock costs more reads: 286 accesses without, about 1300 without an acknowledge.
   for (const auto& phase : headend.chassis().timeline(0).phases(now, 0)) {
     const bool isStretched = fault.ends_with("-stretch") && phase.name.ends_with(fault.substr(6, 1));
     if (phase.name.starts_with("temperature sensor")) {
@@ -231,7 +231,7 @@ TEST(Faults, ChangeWhatTheyShould) {
   expectChange("");
   expectChange("attenuator-no-latch");
   using Row = std::tuple<std::string, u32, int>;
-  // What a sensor then reads, and the DAC's registers get.
+  // The value that a sensor then reads, and the DAC's registers.
   const Row onAnyBus[] = {{"absent", 255, 0xFF}, {"no-ack", 255, 0xFF},   {"scl-high", 255, 0xFF},
                           {"sda-low", 0, 0},     {"sda-high", 255, 0xFF}, {"stretch", 25, 0x5A}};
   for (const auto& [fault, reads, dac] : onAnyBus) {

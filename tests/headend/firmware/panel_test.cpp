@@ -28,7 +28,7 @@ std::string rowOf(const protocol::LcdImage& lcd, int row) {
   return inverse.empty() ? text : text + " |" + inverse;
 }
 
-constexpr int kAnew = -2;  // in place of a column: the whole row
+constexpr int kAnew = -2;  // instead of a column: the whole row
 
 struct Drawing {
   const char* what;
@@ -88,7 +88,7 @@ std::string hexOf(const protocol::LcdImage& lcd, int x, int row, int width, bool
 }
 
 TEST(Panel, EveryCharacterHasItsPixelsFromTheFont) {
-  std::map<std::string, std::string> font;  // by code, as the file has them
+  std::map<std::string, std::string> font;  // by code, as in the file
   std::ifstream file(QAM_FONT);
   for (std::string line; std::getline(file, line);)
     font[line.substr(0, line.find(':'))] = line.substr(line.find(':') + 1);

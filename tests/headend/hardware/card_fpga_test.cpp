@@ -233,7 +233,7 @@ TEST(CardFpga, TakesAFilterAtTheRiseOfItsStrobe) {
   const Bytes any = packet({});
   Card card;
   for (const std::size_t channel : {0U, 1U, 0U}) {
-    card.load();  // with no filter
+    card.load();  // without a filter
     headend::Multiplexer& output = card.fpga.output(channel);
     for (const auto& [reg, value, passes] : writes) {
       card.write(kFilter[channel] + reg, value);

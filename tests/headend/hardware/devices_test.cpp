@@ -117,14 +117,14 @@ TEST(Devices, TheSensorConvertsEvery800MillisecondsOrOnDemandAndReportsTenBitsAn
     EXPECT_EQ(after(headend::kSecond), value) << celsius;
   }
 
-  // The other faults of a bus stand in the modulator's table of faults.
+  // The other faults of a bus are in the modulator's table of faults.
   master.bus.inject(headend::OpenDrainBus::Fault::kStretch, master.now);
   EXPECT_EQ(after(0), 0xC928);
   master.begin(0x4A, true);
   EXPECT_FALSE(master.bus.clock(master.now));
   master.bus.driveClock(true, master.now + 1300);
   EXPECT_FALSE(master.bus.clock(master.now + 99'999));
-  master.bus.driveClock(false, master.now + 100'600);  // unseen, the clock has been high since 100'000
+  master.bus.driveClock(false, master.now + 100'600);  // not called: the clock has been high since 100'000
   EXPECT_EQ(kinds(violations), "");
 }
 

@@ -15,7 +15,7 @@ template <typename Lines>
 struct Row {
   const char* counted;
   void (*drive)(Lines&);
-  const char* name = "";  // where the count does not say it
+  const char* name = "";  // if the count does not give it
 };
 
 template <typename Part, std::size_t count, typename Lines, typename... Arguments>
@@ -106,7 +106,7 @@ void finds(I2cLines& m, unsigned place, u8 value) {
 }
 
 TEST(DriverFaults, AtTheEeprom) {
-  static constexpr Nanos kReady = 5'000'000 - 1'300 - 15'800;  // but for the bus, and the time of an address
+  static constexpr Nanos kReady = 5'000'000 - 1'300 - 15'800;  // except the bus, and the time of an address
   const Row<I2cLines> rows[] = {
       {"", [](auto& m) { expect(!m.send(0x48)); }, "another device"},
       {"", [](auto& m) { expect(m.fetch(0x51, 1)[0] == old(0x100)); }, "at power-up"},

@@ -128,7 +128,7 @@ struct DacLines {
   Nanos now = 1000;
   Nanos setup = 25, select = 25, high = 30, low = 37, width = 2;
 
-  bool bit(bool level) {  // what comes out at the rise
+  bool bit(bool level) {  // the output at the rising clock edge
     part.dataIn(level, now);
     const bool seen = part.dataOut();
     part.clock(true, now += setup);
@@ -137,7 +137,7 @@ struct DacLines {
     return seen;
   }
   template <typename... Values>
-  unsigned bytes(Values... values) {  // the last byte seen
+  unsigned bytes(Values... values) {  // returns the last byte read
     unsigned seen = 0;
     for (const u8 value : {static_cast<u8>(values)...}) {
       for (int place = 7; place >= 0; --place) seen = seen << 1 | (bit((value >> place & 1) != 0) ? 1U : 0U);

@@ -30,7 +30,7 @@ Bytes stream(const std::vector<double>& pcrs_ms, u64 base_ticks) {
 }
 
 headend::FileInput play(const Bytes& content, std::optional<u64> rate = std::nullopt, Nanos start = 0) {
-  const Scratch scratch;  // a file is read whole when its input is made
+  const Scratch scratch;  // a file is read completely when its input is created
   writeFile(scratch.path / "stream.ts", content);
   return headend::FileInput((scratch.path / "stream.ts").string(), rate, start);
 }
@@ -39,7 +39,7 @@ headend::FileInput play(const Bytes& content, std::optional<u64> rate = std::nul
 TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
   using Times = std::vector<double>;
   constexpr double none = kNone, tick = 1 / 27e3, bit = 1 / 7e3;
-  // By name the rate, where the PCRs begin, and in ms: the PCRs, when packets arrive, the time of a pass.
+  // By name: the rate, the start of the PCRs, and in ms: the PCRs, arrivals of packets, the time of a pass.
   const std::tuple<const char*, std::optional<u64>, u64, Times, Times, double> rows[] = {
       {"before, between and after", {}, 5, {none, 0, none, 30, 60, none}, {0, 15, 30, 45, 75, 105}, 135},
       {"no whole nanoseconds", {}, 7, {0, tick, 2 * tick}, {0, tick, 2 * tick}, 1 / 90.},
@@ -137,8 +137,8 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     Nanos every = 10 * kMs;
     u64 jump_ticks = 0;
     Nanos pause = 0;
-    int burst = 1;            // so many leave together, with the last of them
-    Nanos delay = 200 * kMs;  // from its time until it plays
+    int burst = 1;            // number of packets sent together, with the last of them
+    Nanos delay = 200 * kMs;  // from its arrival until it plays
     Nanos within = 0;
     std::array<u64, 4> faults = {};  // discontinuities, underruns, overruns, pauses
   };

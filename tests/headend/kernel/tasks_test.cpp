@@ -29,7 +29,7 @@ Nanos nanos(const std::string& ms) {
 struct Scripts {
   explicit Scripts(const Kernel::Settings& settings = freeCalls()) : rig_(settings) {}
 
-  // What happens, each event with its time in ms.
+  // The events, each with its time in ms.
   std::string play(const std::string& scripts) {
     for (const std::string& script : split(scripts, '|')) {
       const std::size_t colon = script.find(':');
@@ -79,7 +79,7 @@ struct Scripts {
     if (length >= 0) rig_.tell(name + " gets '" + buffer.substr(0, static_cast<std::size_t>(length)) + "'");
     return length;
   }
-  // Reads the register each 10 us until it holds `until`, for `most` at most.
+  // Reads the register every 10 us until it equals `until`, at most for `most`.
   int poll(const std::uint16_t& reg, Nanos most, int until = -1) {
     const Nanos end = rig_.kernel.now() + most;
     do {

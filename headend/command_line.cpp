@@ -4,6 +4,7 @@
 #include <iostream>
 #include <map>
 #include <set>
+#include <system_error>
 
 #include "base/files.h"
 #include "headend/flag_values.h"
@@ -53,16 +54,21 @@ void refuseSharedFiles(const Options& options) {
   std::map<fs::path, std::string> users;
   const auto nameOf = [](const fs::path& file) {
     std::error_code ignored;
-    return fs::weakly_canonical(fs::absolute(base::followLinks(file)), ignored);
+    try {
+      return fs::weakly_canonical(fs::absolute(base::followLinks(file)), ignored);
+    } catch (const std::system_error&) {  // a loop of links: the open reports it
+      return fs::absolute(file);
+    }
   };
   const auto use = [&](const std::string& flag, const fs::path& file) {
     std::error_code ignored;
     if (file.empty() || (fs::exists(file, ignored) && !fs::is_regular_file(file, ignored))) return;
+    const fs::path name = nameOf(file);
     for (const auto& [other, user] : users) {  // a hard link is another name of the same file
-      if (other == nameOf(file) || fs::equivalent(other, file, ignored))
+      if (other == name || fs::equivalent(other, file, ignored))
         refuse(flag, file.string(), "is the file of " + user + " already");
     }
-    users[nameOf(file)] = flag;
+    users[name] = flag;
   };
   users[nameOf(options.flash / "K717_QAM" / "qam.bin")] = "the cards";
   users[nameOf(options.flash / "alarms" / "history.dat")] = "the alarms";

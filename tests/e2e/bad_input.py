@@ -49,6 +49,7 @@ CALLS = """
 2 | --out 1.1=full.ts --out 1.2=hard.ts | hard.ts
 0 | --report linked | cfg ok
 0 | --report linked --card 2 | cfg ok
+1 | --report loop | loop.*levels
 1 | --out 1.1=missing/out.ts | missing/out.ts
 1 | --out 1.1=/dev/full | /dev/full
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
@@ -76,6 +77,7 @@ def inputs(case):
         write(case.path(name), content)
     os.symlink('/dev/full', case.path('full'))  # a link, so that a fault here replaces no device of this machine
     os.symlink('report.json', case.path('linked'))
+    os.symlink('loop', case.path('loop'))
     os.link(case.path('full.ts'), case.path('hard.ts'))
 
 

@@ -86,6 +86,8 @@ std::deque<AlarmRecord> AlarmFile::load() {
   if (!fs::exists(file, ignored)) return {};
   std::string bytes;
   try {
+    if (!fs::is_regular_file(file, ignored))  // a pipe would block the open
+      throw std::system_error(std::make_error_code(std::errc::invalid_argument));
     bytes = base::readFile(file, kLongest);
   } catch (const std::system_error&) {
     say_(fmt::format("the alarms' history {} cannot be read; it begins anew", file.string()));

@@ -34,15 +34,14 @@ void SectionGatherer::push(std::span<const u8> packet) {
     case Order::kFollows:
       break;
   }
-  const auto payload = packet.subspan(payloadStart(packet));
+  auto payload = packet.subspan(payloadStart(packet));
   if (isScrambled(packet) || payload.empty()) {
     onLoss_(isScrambled(packet) ? Loss::kScrambled : Loss::kBadPacket, std::nullopt);
     cut();
   } else if (startsUnit(packet)) {
     start(payload);
   } else if (!open_.empty()) {
-    auto rest = payload;
-    append(rest);
+    append(payload);
   }
 }
 

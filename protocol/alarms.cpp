@@ -73,7 +73,7 @@ bool addToPage(Bytes& page, const AlarmEvent& event) {
   constexpr std::size_t kMostData = 1400;  // with all headers it fits into an Ethernet frame
   const Bytes record = encode(event);
   if (page.size() + record.size() > kMostData) return false;
-  page.insert(page.end(), record.begin(), record.end());
+  base::append(page, record);
   return true;
 }
 

@@ -6,11 +6,9 @@
 namespace headend {
 namespace {
 
-constexpr u8 kUnitStart = 0x40;
-
 bool startsGroup(const QamCardPara& record, std::size_t port, u32 index) {
   const outPsiPkt_t& packet = record.psiPkt[port][index];
-  if (packet.psiType != static_cast<u8>(PMT)) return (packet.psiData[1] & kUnitStart) != 0;
+  if (packet.psiType != PMT) return mpeg::startsUnit(packet.psiData);
   const outPsiPkt_t* store = record.psiPkt[port];
   return std::none_of(store, store + index,
                       [&](const outPsiPkt_t& p) { return p.psiType == packet.psiType; });

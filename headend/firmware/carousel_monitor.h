@@ -40,7 +40,7 @@ class CarouselMonitor {
     const os::MsgQ* queue = nullptr;
     Tables tables;
   };
-  std::array<std::array<Channel, MAX_QAM_OUT_NUM>, 6> channels_;
+  std::array<std::array<Channel, MAX_QAM_OUT_NUM>, MAX_BOARD_NUM> channels_;
 };
 
 }  // namespace headend

@@ -17,7 +17,7 @@ bool MainBoard::overflows(int slot, int port, Nanos now) {
 u16 MainBoard::read(u32 /*offset*/, Nanos now) {
   unsigned bits = 0;
   for (int slot = 0; slot < MAX_BOARD_NUM; ++slot) {
-    for (int port = 0; port < kPorts; ++port) {
+    for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
       if (overflows(slot, port, now)) bits |= 1U << outputNumber(slot, port);
     }
   }

@@ -17,7 +17,7 @@ class MainBoard final : public BusDevice {
 
   // The output's bit in the register.
   static constexpr std::size_t outputNumber(int slot, int port) {
-    return static_cast<std::size_t>(slot) * kPorts + static_cast<std::size_t>(port);
+    return static_cast<std::size_t>(slot) * MAX_QAM_OUT_NUM + static_cast<std::size_t>(port);
   }
 
   void watch(int slot, int port, Multiplexer& output);
@@ -30,8 +30,7 @@ class MainBoard final : public BusDevice {
   const char* registerName(u32 /*offset*/) const override { return "rate_overflow"; }
 
  private:
-  static constexpr int kPorts = 2;
-  std::array<Multiplexer*, std::size_t{MAX_BOARD_NUM} * kPorts> outputs_{};
+  std::array<Multiplexer*, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> outputs_{};
 };
 
 }  // namespace headend

@@ -49,6 +49,21 @@ class PidMapTest : public test::CardTest {
   ChannelVariables card_{link_, kChannel};
 };
 
+TEST_F(PidMapTest, ARouterHoldsAMapOnlyInAllBitsOfItsWords) {
+  // Slot 6, input 16, PID 0x101 on PID 0x1CFF.
+  std::vector<chassis::RouterWords> router(kPidMapSize, chassis::kUnusedPosition);
+  router[0] = {0xE101, 0x3FEB, 7};
+  const MapEntry entry{.sourceSlot = 5, .sourcePort = 15, .sourcePid = 0x101, .pid = 0x1CFF};
+  EXPECT_TRUE(holds(router, std::vector{entry}));
+  for (std::size_t word = 0; word < 3; ++word) {
+    for (int bit = 0; bit < 16; ++bit) {
+      auto other = router;
+      other[0][word] = static_cast<u16>(other[0][word] ^ 1 << bit);
+      EXPECT_FALSE(holds(other, std::vector{entry})) << word << ' ' << bit;
+    }
+  }
+}
+
 // On the air is always one of the two maps, whole; and what the message says is so, whatever breaks where.
 TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
   const Entries old = mapOf(90, 0x100);

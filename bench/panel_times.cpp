@@ -51,11 +51,12 @@ headend::Options oneCard(const std::filesystem::path& folder, const char* captur
   options.flash = folder / "flash";
   options.slots = {0};
   options.log = folder / "log";
-  options.manage = {"127.0.0.1", 0};
+  options.manage = base::Address{.host = "127.0.0.1", .port = 0};
   if (capture == nullptr) return options;
-  for (const u32 port : {0U, 1U}) {
-    options.psi.push_back({.channel = {0, port}, .file = capture, .at = 0});
-    for (const PsiType type : mpeg::kAllTables) options.intervals[{0, port}][type] = 1;
+  for (const int port : {1, 2}) {
+    std::string load = fmt::format("psi load 1.{} {}", port, capture);
+    for (const PsiType type : mpeg::kAllTables) load += fmt::format(" --interval {}=1", mpeg::tableName(type));
+    options.jobs.push_back(headend::jobOf(load));
   }
   return options;
 }

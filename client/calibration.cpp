@@ -3,18 +3,15 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <thread>
-
 namespace client {
 namespace {
 
 constexpr std::size_t kHeaderSize = 2;  // command and slot
 
-constexpr UdpService kService = {
-    .defaultPort = kDefaultCalibrationPort,
-    .advice =
-        "see that the chassis serves calibration there ('headend --calibration') and has a card in this "
-        "slot, or name another address with --server"};
+constexpr std::chrono::milliseconds kRepeat{1000};
+// A write ends after thirteen EEPROM write cycles of at most 10 ms and the 100 ms until the service takes its
+// next request.
+constexpr std::chrono::milliseconds kSettle{500};
 
 // clang-format off
 constexpr std::array kFields = {
@@ -123,32 +120,29 @@ std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram)
 
 // --- The service ---
 
-// A reply has no number, so one that comes late could pass for the answer to a later question. Each read has
-// a socket of its own, and so a port at which only its own replies arrive.
-DacRegisters CalibrationClient::read(u8 slot) const {
-  using Clock = ServerSocket::Clock;
-  ServerSocket socket(server_, kService);
+DacRegisters readCalibration(CalibrationLink& link, u8 slot, std::chrono::milliseconds timeout) {
+  link.begin();
   const auto request = encode(CalibrationPacket{.command = CalibrationCommand::kRead, .slot = slot});
-  const Clock::time_point end = Clock::now() + options_.timeout;
+  const std::chrono::nanoseconds end = link.now() + timeout;
   int foreign = 0;
   do {
-    socket.send(request);
-    const Clock::time_point deadline = std::min(Clock::now() + options_.repeat, end);
-    while (const auto datagram = socket.receive(deadline)) {
+    link.send(request);
+    const auto deadline = std::min<std::chrono::nanoseconds>(link.now() + kRepeat, end);
+    while (const auto datagram = link.receive(deadline - link.now())) {
       const auto reply = decodeCalibration(*datagram);
       if (reply && reply->command == CalibrationCommand::kRead && reply->slot == slot)
         return reply->registers;
       ++foreign;
     }
-  } while (Clock::now() < end);
+  } while (link.now() < end);
   const std::string other = foreign == 0 ? "" : fmt::format(" (but {} other datagrams)", foreign);
-  socket.fail(fmt::format("no reply for slot {} within {} ms{}", slot + 1, options_.timeout.count(), other));
+  throw link.failure(fmt::format("no reply for slot {} within {} ms{}", slot + 1, timeout.count(), other));
 }
 
-void CalibrationClient::write(u8 slot, const DacRegisters& registers) const {
-  ServerSocket(server_, kService)
-      .send(encode({.command = CalibrationCommand::kWrite, .slot = slot, .registers = registers}));
-  std::this_thread::sleep_for(options_.settle);
+void writeCalibration(CalibrationLink& link, u8 slot, const DacRegisters& registers) {
+  link.begin();
+  link.send(encode({.command = CalibrationCommand::kWrite, .slot = slot, .registers = registers}));
+  link.wait(kSettle);
 }
 
 }  // namespace client

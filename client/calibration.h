@@ -1,5 +1,5 @@
 // The calibration of a card's DAC: its thirteen register bytes, the meaning of their fields, the datagram,
-// and a client of the chassis's calibration service. Used by qamcal; docs/calibration.md describes the
+// and the procedures of a client of the chassis's calibration service. docs/calibration.md describes the
 // datagram for authors of other clients.
 #pragma once
 
@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "client/link.h"
-#include "client/server_socket.h"
 #include "platform/types.h"
 
 namespace client {
@@ -82,29 +81,31 @@ std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram)
 
 // --- The service ---
 
-struct CalibrationOptions {
-  std::chrono::milliseconds timeout{3000};  // for the reply, including all repetitions of the request
-  std::chrono::milliseconds repeat{1000};   // a request without a reply is sent again after this time
-  // A write ends after thirteen EEPROM write cycles of at most 10 ms and the 100 ms until the service takes
-  // its next request.
-  std::chrono::milliseconds settle{500};
-};
-
-class CalibrationClient {
+// The way of datagrams to the service and back.
+class CalibrationLink {
  public:
-  explicit CalibrationClient(std::string server, const CalibrationOptions& options = {})
-      : server_(std::move(server)), options_(options) {}
+  CalibrationLink() = default;
+  CalibrationLink(const CalibrationLink&) = delete;
+  CalibrationLink& operator=(const CalibrationLink&) = delete;
+  virtual ~CalibrationLink() = default;
 
-  // Reads the DAC in this slot (from 0). Throws Error if no reply arrives.
-  DacRegisters read(u8 slot) const;
-
-  // Sends the bytes to the DAC and the EEPROM, and returns when the card must have finished. The service does
-  // not confirm the write: read the values back. Throws Error if nothing can be sent.
-  void write(u8 slot, const DacRegisters& registers) const;
-
- private:
-  std::string server_;
-  CalibrationOptions options_;
+  // A reply has no number, so one that comes late could pass for the answer to a later question: from here on
+  // only replies to requests sent from here on are received. Throws Error.
+  virtual void begin() = 0;
+  virtual void send(std::span<const u8> datagram) = 0;  // throws Error
+  // The next datagram; nullopt if none arrives within that time. Throws Error.
+  virtual std::optional<Bytes> receive(std::chrono::nanoseconds time) = 0;
+  virtual void wait(std::chrono::milliseconds time) = 0;
+  virtual std::chrono::nanoseconds now() const = 0;
+  virtual Error failure(const std::string& what) const = 0;  // with the service and advice
 };
+
+// Reads the DAC in this slot (from 0). A request without a reply is sent again each second, until `timeout`.
+// Throws Error if no reply arrives.
+DacRegisters readCalibration(CalibrationLink& link, u8 slot, std::chrono::milliseconds timeout);
+
+// Sends the bytes to the DAC and the EEPROM, and returns when the card must have finished. The service does
+// not confirm the write: read the values back. Throws Error if nothing can be sent.
+void writeCalibration(CalibrationLink& link, u8 slot, const DacRegisters& registers);
 
 }  // namespace client

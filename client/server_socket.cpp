@@ -58,14 +58,14 @@ ServerSocket::~ServerSocket() {
   close(socket_);
 }
 
-void ServerSocket::fail(const std::string& what) const {
-  throw Error(fmt::format("{}: {}; {}", server_, what, service_.advice), Error::Kind::kNoReply);
+Error ServerSocket::failure(const std::string& what) const {
+  return Error(fmt::format("{}: {}; {}", server_, what, service_.advice), Error::Kind::kNoReply);
 }
 
 void ServerSocket::send(std::span<const u8> datagram) {
   if (::send(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) return;
-  if (errno == ECONNREFUSED) fail("nothing listens there");
-  fail(fmt::format("cannot send: {}", std::strerror(errno)));
+  if (errno == ECONNREFUSED) throw failure("nothing listens there");
+  throw failure(fmt::format("cannot send: {}", std::strerror(errno)));
 }
 
 std::optional<Bytes> ServerSocket::receive(Clock::time_point deadline) {
@@ -79,9 +79,9 @@ std::optional<Bytes> ServerSocket::receive(Clock::time_point deadline) {
       buffer.resize(static_cast<std::size_t>(size));
       return buffer;
     }
-    if (errno == ECONNREFUSED) fail("nothing listens there");
+    if (errno == ECONNREFUSED) throw failure("nothing listens there");
     if (errno == EAGAIN || errno == EINTR) continue;
-    fail(fmt::format("cannot receive: {}", std::strerror(errno)));
+    throw failure(fmt::format("cannot receive: {}", std::strerror(errno)));
   }
 }
 

@@ -38,8 +38,8 @@ class ServerSocket {
   // The server's next datagram, or nullopt at the deadline. Throws Error if no program listens there.
   std::optional<Bytes> receive(Clock::time_point deadline);
 
-  // Throws Error with the server, the problem, and the service's advice.
-  [[noreturn]] void fail(const std::string& what) const;
+  // Names the server, the problem, and the service's advice.
+  Error failure(const std::string& what) const;
 
  private:
   std::string server_;

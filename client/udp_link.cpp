@@ -17,6 +17,12 @@ constexpr UdpService kManagement = {
         "see that 'headend' runs and serves this address, or name another with --server; a back end that "
         "hangs with a card's bus answers nobody"};
 
+constexpr UdpService kCalibration = {
+    .defaultPort = kDefaultCalibrationPort,
+    .advice =
+        "see that the chassis serves calibration there ('headend --calibration') and has a card in this "
+        "slot, or name another address with --server"};
+
 bool answers(const Reply& reply, const Request& request) {
   return reply.sequence == request.sequence && reply.operation == static_cast<u8>(request.operation) &&
          reply.variable == request.variable && reply.slot == request.slot && reply.port == request.port;
@@ -41,7 +47,7 @@ Reply UdpLink::call(Request request) {
     if (reply) return *std::move(reply);
   }
   const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
-  socket_.fail(fmt::format("no reply within {} ms", waited.count()));
+  throw socket_.failure(fmt::format("no reply within {} ms", waited.count()));
 }
 
 void UdpLink::wait(std::chrono::milliseconds time) {
@@ -54,6 +60,18 @@ std::optional<Reply> UdpLink::await(const Request& request, Clock::time_point de
     if (reply && answers(*reply, request)) return reply;
   }
   return std::nullopt;
+}
+
+void UdpCalibrationLink::begin() {
+  socket_.emplace(server_, kCalibration);
+}
+
+std::optional<Bytes> UdpCalibrationLink::receive(std::chrono::nanoseconds time) {
+  return socket_->receive(Clock::now() + time);
+}
+
+void UdpCalibrationLink::wait(std::chrono::milliseconds time) {
+  std::this_thread::sleep_for(time);
 }
 
 }  // namespace client

@@ -1,9 +1,14 @@
-// The link over UDP for programs outside the headend. One request at a time, from one thread.
+// The links over UDP for programs outside the headend: to the management service and to the calibration
+// service. One request at a time, from one thread.
 #pragma once
 
 #include <chrono>
+#include <optional>
+#include <span>
 #include <string>
+#include <utility>
 
+#include "client/calibration.h"
 #include "client/link.h"
 #include "client/server_socket.h"
 
@@ -30,6 +35,23 @@ class UdpLink : public Link {
   ServerSocket socket_;
   UdpLinkOptions options_;
   u32 sequence_ = 0;
+};
+
+// Each request has a socket of its own, and so a port at which only its own replies arrive.
+class UdpCalibrationLink : public CalibrationLink {
+ public:
+  explicit UdpCalibrationLink(std::string server) : server_(std::move(server)) {}
+
+  void begin() override;
+  void send(std::span<const u8> datagram) override { socket_->send(datagram); }
+  std::optional<Bytes> receive(std::chrono::nanoseconds time) override;
+  void wait(std::chrono::milliseconds time) override;
+  std::chrono::nanoseconds now() const override { return ServerSocket::Clock::now().time_since_epoch(); }
+  Error failure(const std::string& what) const override { return socket_->failure(what); }
+
+ private:
+  std::string server_;
+  std::optional<ServerSocket> socket_;
 };
 
 }  // namespace client

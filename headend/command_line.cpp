@@ -1,22 +1,30 @@
 // The flags of `headend`.
-#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <ctime>
+#include <filesystem>
 #include <iostream>
 #include <map>
-#include <set>
+#include <optional>
 #include <system_error>
 
 #include "base/files.h"
+#include "client/calibration.h"
+#include "commands/command.h"
+#include "commands/values.h"
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
 #include "headend/options.h"
-#include "headend/snmp_flags.h"
-#include "headend/source_flags.h"
 #include "headend/vcd_trace.h"
 #include "protocol/datagram.h"
+#include "protocol/mib_rows.h"
 
 namespace headend {
 namespace {
+
+using commands::Form;
+using commands::kAny;
 
 constexpr const char* kDescription =
     "A virtual headend: a chassis with QAM modulator cards in one process, in virtual time. It loads each "
@@ -37,6 +45,8 @@ Examples:
       two cards; a new interval for the PAT of slot 5, channel 2, kept in its record
   headend --source 6=four.ts --programme 1.1=6.1:101 --out 1.1=udp://127.0.0.1:5000
       a programme of a file on channel 1, under PIDs of its own, with tables that match
+  headend --fast --seconds 10 --do '@5 var set 1 rfreq 474000' --do '@8 rf'
+      any command of qamctl, at a time of the run
   headend --snmp --snmp-secrets FILE --snmp-trap 127.0.0.1:1162
       any SNMP manager whom FILE names reads and sets the cards, and gets their alarms
 
@@ -48,7 +58,12 @@ Exit codes:
   3  an interrupt routine waited, allocated, used a file or touched a register, or a card's menu is broken: the run
      was stopped)";
 
-// Two flags that name one file would leave a mixture, or none of the one read. Devices and pipes are for all.
+[[noreturn]] void wrong(const std::string& flag, const std::string& why) {
+  throw commands::WrongCall(flag + ": " + why);
+}
+
+// Two flags that write one file would leave a mixture; one that reads it would lose it. Devices and pipes are
+// for all.
 void refuseSharedFiles(const Options& options) {
   namespace fs = std::filesystem;
   std::map<fs::path, std::string> users;
@@ -60,15 +75,15 @@ void refuseSharedFiles(const Options& options) {
       return fs::absolute(file);
     }
   };
-  const auto use = [&](const std::string& flag, const fs::path& file) {
+  const auto use = [&](const std::string& flag, const fs::path& file, bool isWritten) {
     std::error_code ignored;
     if (file.empty() || (fs::exists(file, ignored) && !fs::is_regular_file(file, ignored))) return;
     const fs::path name = nameOf(file);
     for (const auto& [other, user] : users) {  // a hard link is another name of the same file
       if (other == name || fs::equivalent(other, file, ignored))
-        refuse(flag, file.string(), "is the file of " + user + " already");
+        wrong(flag, "'" + file.string() + "': is the file of " + user + " already");
     }
-    users[name] = flag;
+    if (isWritten) users[name] = flag;
   };
   users[nameOf(options.flash / "K717_QAM" / "qam.bin")] = "the cards";
   users[nameOf(options.flash / "alarms" / "history.dat")] = "the alarms";
@@ -79,304 +94,379 @@ void refuseSharedFiles(const Options& options) {
     users[nameOf(options.flash / "eeprom" / (name + ".bin"))] = "the cards";
   }
   for (const auto& [channel, target] : options.outputs) {
-    if (!target.starts_with("udp://")) use("--out " + protocol::channelName(channel), target);
+    if (!target.starts_with("udp://")) use("--out " + protocol::channelName(channel), target, true);
   }
-  use("--snmp-secrets", options.snmp.secrets);
-  use("--report", options.report);
-  use("--log", options.log);
-  use("--bus-log", options.busLog);
-  use("--trace", options.trace);
-  std::set<fs::path> captures;
-  for (const Options::Psi& psi : options.psi) captures.insert(psi.file);
-  for (const fs::path& capture : captures) use("--psi", capture);
-  std::set<fs::path> maps;
-  for (const Options::PidMap& map : options.pidMaps) maps.insert(map.file);
-  for (const fs::path& map : maps) use("--pidmap", map);
-  std::set<fs::path> sources;
-  for (const auto& [slot, inputs] : options.sources) {
-    for (const Options::Input& input : inputs) {
-      if (!input.address && !captures.contains(input.file)) sources.insert(input.file);
+  use("--report", options.report, true);
+  use("--log", options.log, true);
+  use("--bus-log", options.busLog, true);
+  use("--trace", options.trace, true);
+  for (const bool isWritten : {true, false}) {  // several flags may read one file
+    for (const Job& job : options.jobs) {
+      for (const commands::FileUse& file : job.call->command->files) {
+        if (file.isWritten == isWritten) use(job.flag, file.file, isWritten);
+      }
     }
   }
-  for (const fs::path& source : sources) use("--source", source);
+  use("--snmp-secrets", options.snmp.secrets, false);
+  for (const auto& [slot, inputs] : options.sources) {
+    for (const Options::Input& input : inputs) {
+      if (!input.address) use("--source", input.file, false);
+    }
+  }
+}
+
+void checkSources(const Options& options) {
+  for (const auto& [slot, inputs] : options.sources) {
+    const std::string flag = "--source " + std::to_string(slot + 1);
+    const bool fromNetwork = std::ranges::any_of(inputs, [](const auto& i) { return i.address.has_value(); });
+    if (options.fast && fromNetwork) wrong(flag, "a udp:// input comes in real time: leave --fast away");
+    if (std::ranges::find(options.slots, slot) != options.slots.end())
+      wrong(flag, "there is a modulator card in that slot");
+  }
+}
+
+// Slots and inputs that other flags name.
+void checkPlaces(const Options& options) {
+  const auto demandSlot = [&](const std::string& flag, int slot) {
+    if (std::ranges::find(options.slots, slot) == options.slots.end())
+      wrong(flag, "no card in that slot: add --card " + std::to_string(slot + 1));
+  };
+  const auto demandInput = [&](const std::string& flag, const protocol::SourcePort& input) {
+    const auto card = options.sources.find(input.slot);
+    if (card == options.sources.end() || input.port >= card->second.size())
+      wrong(flag, "no such input: add --source " + std::to_string(input.slot + 1) + "=FILE.ts");
+  };
+  for (const Job& job : options.jobs) {
+    if (job.slot() >= 0) demandSlot(job.flag, job.slot());
+    if (job.target().input) demandInput(job.flag, *job.target().input);
+  }
+  for (const auto& [channel, target] : options.outputs)
+    demandSlot("--out " + protocol::channelName(channel), channel.slot);
+  for (const auto& t : options.temperatures) demandSlot("--set", t.slot);
+  for (const auto& fault : options.faults) {
+    if (fault.slot) demandSlot("--fault " + fault.name, *fault.slot);
+  }
+  for (const auto& [slot, cycle] : options.eepromCycles) demandSlot("--eeprom-cycle", slot);
+  if (options.powerCut) demandSlot("--power-cut", options.powerCut->slot);
+  for (const auto& loss : options.inputLosses) demandInput("--fault", loss.source);
 }
 
 void checkTogether(const Options& options) {
-  const auto hasCard = [&](int slot) {
-    return std::find(options.slots.begin(), options.slots.end(), slot) != options.slots.end();
-  };
-  const auto demandSlot = [&](const std::string& flag, const std::string& what, int slot) {
-    if (!hasCard(slot)) refuse(flag, what, "no card in that slot: add --card " + std::to_string(slot + 1));
-  };
-  const auto demand = [&](const std::string& flag, const protocol::Channel& channel) {
-    demandSlot(flag, protocol::channelName(channel), channel.slot);
-  };
-  for (const Options::Psi& psi : options.psi) demand("--psi", psi.channel);
-  for (const auto& [channel, intervals] : options.intervals) demand("--interval", channel);
-  for (const auto& [channel, target] : options.outputs) demand("--out", channel);
-  for (const auto& setting : options.settings) demandSlot("--set", setting.name, setting.slot);
-  for (const auto& t : options.temperatures) demandSlot("--set", "temperature", t.slot);
-  for (const auto& fault : options.faults) {
-    if (fault.slot) demandSlot("--fault", fault.name, *fault.slot);
-  }
-  for (const auto& map : options.pidMaps) demand("--pidmap", map.channel);
-  for (const auto& programme : options.programmes) demand("--programme", programme.channel);
   checkSources(options);
-  for (const auto& [slot, cycle] : options.eepromCycles) demandSlot("--eeprom-cycle", "write cycle", slot);
-  if (options.powerCut) demandSlot("--power-cut", "power cut", options.powerCut->slot);
+  checkPlaces(options);
   for (const std::string& glob : options.traceLines) {
-    if (options.trace.empty()) refuse("--trace-lines", glob, "needs --trace FILE.vcd");
-    if (!VcdTrace::matches(glob, options.slots))
-      refuse("--trace-lines", glob, "no register of the cards has such a name, as cdce925_* or slot1.att_*");
+    if (options.trace.empty()) wrong("--trace-lines " + glob, "needs --trace FILE.vcd");
+    if (!VcdTrace::matches(glob, options.slots)) {
+      wrong("--trace-lines " + glob, "no register of the cards has such a name, as cdce925_* or slot1.att_*");
+    }
   }
-  if (options.panel && options.fast)
-    throw CLI::ValidationError("--panel", "is for real time: leave --fast out");
-  if (options.panel && !options.manage)
-    throw CLI::ValidationError("--panel", "reaches the headend over --manage, which is off");
-  if (options.fast && !options.duration)
-    throw CLI::ValidationError("--fast", "needs --seconds: nothing else would end the run");
+  const Options::Snmp& snmp = options.snmp;
+  if (!snmp.isUsed() && !snmp.secrets.empty()) wrong("--snmp-secrets", "needs --snmp or --snmp-trap");
+  if (!snmp.isUsed() && !std::ranges::equal(snmp.base, protocol::kDefaultMibBase))
+    wrong("--snmp-base", "needs --snmp or --snmp-trap");
+  if (!snmp.listen && snmp.writeCommunity) wrong("--snmp-write-community", "needs --snmp");
+  if (snmp.trapSink && snmp.trapSink->port == 0) wrong("--snmp-trap", "nobody receives on port 0");
+  if (options.panel && options.fast) wrong("--panel", "is for real time: leave --fast out");
+  if (options.panel && !options.manage) wrong("--panel", "reaches the headend over --manage, which is off");
+  if (options.fast && !options.duration) wrong("--fast", "needs --seconds: nothing else would end the run");
 }
 
-// Texts as they come; they are turned into options when all are there.
-struct Texts {
-  std::vector<int> cards;
-  std::vector<std::string> psi;
-  std::vector<std::string> intervals;
-  std::vector<std::string> outputs;
-  std::vector<std::string> sources;
-  std::vector<std::string> pidMaps;
-  std::vector<std::string> programmes;
-  double deJitter_ms = 200;
-  std::vector<std::string> settings;
-  std::vector<std::string> keys;
-  double menuTimeout_s = 60;
-  double statusPeriod_s = 1;
-  std::vector<std::string> faults;
-  std::vector<std::string> eepromCycles;
-  std::optional<std::string> calibration;
-  std::string powerCut;
-  std::string seconds;
-  std::string epoch;
-  std::string manage;
-  SnmpTexts snmp;
-  int heapFill = 0xFF;
+std::string faultList() {
+  std::string list;
+  for (const FaultKind& kind : faultKinds()) list += kind.name + ": " + kind.text + '\n';
+  return list + "input-lost: an input of a source card is lost (as 6.1.input-lost@10/4)\n";
+}
+
+// Takes a time in a unit of `unit` nanoseconds.
+Form::Take timeInto(Nanos& field, double unit, double least, double most) {
+  return [=, &field](const std::string& text) {
+    const auto value = base::parseReal(text);
+    if (!value || *value < least || *value > most)
+      refuse(text, fmt::format("want a number from {:g} to {:g}", least, most));
+    field = static_cast<Nanos>(*value * unit);
+  };
+}
+
+// Flags whose default depends on other flags.
+struct Given {
+  bool manage = false;
+  std::optional<u32> epoch;
 };
 
-void addFlags(CLI::App& app, Options& o, Texts& t) {
-  app.add_option("--flash", o.flash, "the folder that stands for the flash file system")
-      ->capture_default_str();
-  app.add_flag("--init-flash", o.initFlash,
-               "make that folder with the sample bitstream, no record yet, and exit");
-  app.add_option("--card", t.cards, "a card in slot N (repeatable; default 1)")->check(CLI::Range(1, 6));
-  app.add_option("--psi", t.psi,
-                 "N.P=FILE.ts[@SECONDS]: upload the PSI of a capture once the card runs, or at that time; a "
-                 "file whose name ends in @NUMBER takes @0 behind it (repeatable)");
-  app.add_option(
-      "--interval", t.intervals,
-      "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of PAT, PMT, SDT_C, SDT_O, "
-      "NIT_C, NIT_O, BAT or CAT (repeatable). It goes with the first --psi of the channel; alone it is set "
-      "while the tables are on the air. 0 stops a table; set in the middle of a section it leaves the "
-      "tables on the same PID waiting until the next upload");
-  app.add_option(
-      "--out", t.outputs,
-      "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a datagram "
-      "(repeatable)");
-  app.add_option(
-      "--source", t.sources,
-      "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays between its "
-      "PCRs, over and over; FILE.ts@RATE for one without PCRs (bit/s); udp://ADDRESS:PORT listens there "
-      "(repeatable)");
-  app.add_option("--pidmap", t.pidMaps,
-                 "N.P=FILE.csv[@SECONDS]: load a PID map, as qamctl pidmap load does (repeatable)");
-  app.add_option(
-      "--programme", t.programmes,
-      "N.P=SLOT.INPUT:SERVICE[@SECONDS]: put a programme of an input on the channel, by service name or "
-      "number, as qamctl programme add does (repeatable)");
-  app.add_option("--dejitter", t.deJitter_ms, "milliseconds that a udp:// input waits for late datagrams")
-      ->check(CLI::Range(1, 5'000))
-      ->capture_default_str();
-  app.add_option("--set", t.settings,
-                 "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that "
-                 "time: rfreq (kHz), "
-                 "rflevel (0.1 dBuV), symbolrate (kBd), qammode, rfswitch, power (qamctl var list tells "
-                 "their values); or "
-                 "what a sensor measures: temperature1, temperature2 (degrees C) (repeatable)");
-  app.add_option(
-      "--fault", t.faults,
-      "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from that "
-      "time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes input P of "
-      "source card N away, for good or for the first half of each period");
-  app.add_option("--key", t.keys,
-                 "NAME[,NAME...][@SECONDS]: press keys of the front panel: up, down, left, right, ok, cancel "
-                 "(repeatable)");
-  app.add_option("--menu-timeout", t.menuTimeout_s,
-                 "seconds without a key after which the front panel goes back to its first screen; 0: never")
-      ->check(CLI::Range(0, 86'400))
-      ->capture_default_str();
-  app.add_option("--status-period", t.statusPeriod_s,
-                 "seconds between status checks of a card, which raise and end its alarms; 0: none. A check "
-                 "holds up PSI packets for some milliseconds")
-      ->check(CLI::Range(0.0, 86'400.0))
-      ->capture_default_str();
-  app.add_option("--seconds", t.seconds, "end after this much virtual time");
-  app.add_flag("--fast", o.fast, "as fast as this machine can; needs --seconds");
-  app.add_option(
-      "--epoch", t.epoch,
-      "when virtual time begins, for the alarms: UTC, as 2024-05-01 or 2024-05-01T12:00:00Z (default "
-      "this machine's clock, with --fast 2000-01-01)");
-  app.add_option(
-      "--manage", t.manage,
-      "ADDRESS:PORT of the management socket, or off; port 0 takes a free one and says which (default "
-      "127.0.0.1:" +
-          std::to_string(protocol::kDefaultManagementPort) +
-          ", with --fast off). It has no "
-          "authentication: leave it on loopback unless the network is yours");
-  app.add_option("--calibration", t.calibration,
-                 "start the DAC calibration service, on ADDRESS:PORT of this machine (default "
-                 "127.0.0.1:49156). It has "
-                 "no authentication: leave it on loopback unless the network is yours")
-      ->expected(0, 1)
-      ->default_str("127.0.0.1:49156");
-  app.add_flag(
-      "--panel", o.panel,
-      "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says on it "
-      "meanwhile is shown when the panel has ended. Whoever quits it ends the run");
-  app.add_option("--log", o.log, "debug lines into this file instead of stderr");
-  app.add_option("--report", o.report, "write the report (JSON, docs/report.md) to this file at the end");
-  app.add_option(
-      "--bus-log", o.busLog,
-      "one line an access to a card's window or configuration port: ns, slot, r or w, byte offset, value, "
-      "register");
-  app.add_option("--trace", o.trace,
-                 "the cards' registers over virtual time, as a VCD file for waveform viewers and protocol "
-                 "decoders (docs/tracing.md)");
-  app.add_option(
-      "--trace-lines", o.traceLines,
-      "only registers whose name matches this pattern, as 'cdce925_*' or 'slot1.att_*' (repeatable)");
+void describeCards(Form& form, Options& o) {
+  form.take(
+      {.name = "--flash", .text = "the folder that stands for the flash file system", .byDefault = "flash"},
+      [&o](const std::string& text) { o.flash = text; });
+  form.flag(
+      {.name = "--init-flash", .text = "make that folder with the sample bitstream, no record yet, and exit"},
+      o.initFlash);
+  form.values({.name = "--card",
+               .text = "a card in slot N (repeatable; default 1)",
+               .type = "N",
+               .most = kAny,
+               .repeatable = true},
+              o.slots, commands::slotOf);
+  form.take(
+      {.name = "--out",
+       .text = "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a datagram "
+               "(repeatable)",
+       .most = kAny,
+       .repeatable = true},
+      [&o](const std::string& text) { parseOutput(text, o); });
+  form.take(
+      {.name = "--source",
+       .text =
+           "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays between "
+           "its PCRs, over and over; FILE.ts@RATE for one without PCRs (bit/s); udp://ADDRESS:PORT listens "
+           "there (repeatable)",
+       .most = kAny,
+       .repeatable = true},
+      [&o](const std::string& text) { parseSource(text, o); });
+  form.take({.name = "--dejitter",
+             .text = "milliseconds that a udp:// input waits for late datagrams",
+             .type = "MS",
+             .byDefault = "200"},
+            timeInto(o.deJitter, 1e6, 1, 5'000));
 }
 
-void addMachineFlags(CLI::App& app, Options& o, Texts& t) {
+void describeRun(Form& form, Options& o, JobFlags& jobs) {
+  jobs.describe(form);
+  form.take(
+      {.name = "--set",
+       .text = "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that time: "
+               "rfreq "
+               "(kHz), rflevel (0.1 dBuV), symbolrate (kBd), qammode, rfswitch, power (qamctl var list tells "
+               "their "
+               "values); or what a sensor measures: temperature1, temperature2 (degrees C) (repeatable)",
+       .most = kAny,
+       .repeatable = true},
+      [&](const std::string& text) {
+        if (!parseTemperature(text, o)) jobs.set(text);
+      });
+  form.take(
+      {.name = "--fault",
+       .text =
+           "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from "
+           "that "
+           "time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes input P of "
+           "source card N away, for good or for the first half of each period",
+       .most = kAny,
+       .repeatable = true},
+      [&o](const std::string& text) {
+        if (text == "help") throw commands::Help{faultList()};
+        parseFault(text, o);
+      });
+  form.take(
+      {.name = "--menu-timeout",
+       .text = "seconds without a key after which the front panel goes back to its first screen; 0: never",
+       .type = "S",
+       .byDefault = "60"},
+      timeInto(o.menuTimeout, 1e9, 0, 86'400));
+  form.take(
+      {.name = "--status-period",
+       .text =
+           "seconds between status checks of a card, which raise and end its alarms; 0: none. A check holds "
+           "up PSI packets for some milliseconds",
+       .type = "S",
+       .byDefault = "1"},
+      timeInto(o.statusPeriod, 1e9, 0, 86'400));
+  form.take({.name = "--seconds", .text = "end after this much virtual time", .type = "S"},
+            [&o](const std::string& text) {
+              o.duration = parseSeconds(text);
+              if (!o.duration || *o.duration == 0)
+                refuse(text, "want a number of seconds above 0, 1e9 at most");
+            });
+  form.flag({.name = "--fast", .text = "as fast as this machine can; needs --seconds"}, o.fast);
+}
+
+constexpr const char* kOpenToAll =
+    "It has no authentication: leave it on loopback unless the network is yours";
+
+void describeServices(Form& form, Options& o, Given& given) {
+  form.take({.name = "--manage",
+             .text = fmt::format(
+                 "ADDRESS:PORT of the management socket, or off; port 0 takes a free one and says which "
+                 "(default 127.0.0.1:{}, with --fast off). {}",
+                 protocol::kDefaultManagementPort, kOpenToAll),
+             .type = "ADDRESS:PORT"},
+            [&](const std::string& text) {
+              given.manage = true;
+              if (text != "off") o.manage = parseAddress(text);
+            });
+  form.take(
+      {.name = "--epoch",
+       .text =
+           "when virtual time begins, for the alarms: UTC, as 2024-05-01 or 2024-05-01T12:00:00Z (default "
+           "this machine's clock, with --fast 2000-01-01)",
+       .type = "TIME"},
+      [&given](const std::string& text) { given.epoch = parseEpoch(text); });
+  const std::string calibration = fmt::format("127.0.0.1:{}", client::kDefaultCalibrationPort);
+  form.take({.name = "--calibration",
+             .text = fmt::format(
+                 "start the DAC calibration service, on ADDRESS:PORT of this machine (default {}). {}",
+                 calibration, kOpenToAll),
+             .type = "ADDRESS:PORT",
+             .least = 0,
+             .byDefault = calibration},
+            [&o](const std::string& text) { o.calibration = parseAddress(text); });
+  form.flag(
+      {.name = "--panel",
+       .text =
+           "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says on "
+           "it meanwhile is shown when the panel has ended. To quit the panel ends the run"},
+      o.panel);
+  const auto file = [&form](const char* name, const char* text, std::string& field) {
+    form.text({.name = name, .text = text, .type = "FILE"}, field);
+  };
+  file("--log", "debug lines into this file instead of stderr", o.log);
+  file("--report", "write the report (JSON, docs/report.md) to this file at the end", o.report);
+  file("--bus-log",
+       "one line an access to a card's window or configuration port: ns, slot, r or w, byte offset, value, "
+       "register",
+       o.busLog);
+  file("--trace",
+       "the cards' registers over virtual time, as a VCD file for waveform viewers and protocol decoders "
+       "(docs/tracing.md)",
+       o.trace);
+  form.take(
+      {.name = "--trace-lines",
+       .text = "only registers whose name matches this pattern, as 'cdce925_*' or 'slot1.att_*' (repeatable)",
+       .type = "PATTERN",
+       .most = kAny,
+       .repeatable = true},
+      [&o](const std::string& text) { o.traceLines.push_back(text); });
+}
+
+void describeSnmp(Form& form, Options::Snmp& snmp) {
+  const std::string group = "SNMP (docs/snmp.md)";
+  const std::string address = "127.0.0.1:1161";
+  snmp.base.assign(protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end());
+  form.take({.name = "--snmp",
+             .text = fmt::format(
+                 "open the SNMP agent, on ADDRESS:PORT of this machine (default {}; port 0 takes a free "
+                 "one and says which). Only managers that --snmp-secrets names are answered",
+                 address),
+             .type = "ADDRESS:PORT",
+             .least = 0,
+             .byDefault = address,
+             .group = group},
+            [&snmp](const std::string& text) { snmp.listen = parseAddress(text); });
+  form.take(
+      {.name = "--snmp-secrets",
+       .text = "FILE with communities and users, which its owner alone may read (chmod 600). Without it the "
+               "environment variable HEADEND_SNMP_SECRETS holds the lines: read-community WORD; "
+               "write-community WORD; user NAME read|write SHA-256 PASSPHRASE [AES PASSPHRASE]; "
+               "trap-community WORD; trap-user NAME",
+       .type = "FILE",
+       .group = group},
+      [&snmp](const std::string& text) { snmp.secrets = text; });
+  form.flag(
+      {.name = "--snmp-write-community",
+       .text =
+           "let managers that know the write-community set the cards: SNMPv2c sends it in the clear. Without "
+           "this, only users with authentication and privacy write",
+       .group = group},
+      snmp.writeCommunity);
+  form.take(
+      {.name = "--snmp-trap",
+       .text = "ADDRESS:PORT to which alarms go as notifications, by the trap-community or the trap-user",
+       .type = "ADDRESS:PORT",
+       .group = group},
+      [&snmp](const std::string& text) { snmp.trapSink = parseAddress(text); });
+  form.take({.name = "--snmp-base",
+             .text = fmt::format(
+                 "OID of ten components below which the slots are, slot 1 as .2 (default {}; qamctl mib "
+                 "--base prints a MIB for another)",
+                 protocol::mibBaseText(protocol::kDefaultMibBase)),
+             .type = "OID",
+             .group = group},
+            [&snmp](const std::string& text) { parseSnmpBase(text, snmp); });
+}
+
+void describeMachine(Form& form, Options& o) {
   Kernel::Settings& k = o.kernel;
   const std::string group = "The machine";
-  const auto cost = [&](const char* flag, Nanos& value, const char* what, Nanos atLeast) {
-    app.add_option(flag, value, what)
-        ->check(CLI::Range(atLeast, Nanos{10} * kSecond))
-        ->capture_default_str()
-        ->group(group);
+  const auto number = [&](const char* flag, auto& value, const char* what, u64 least, u64 most) {
+    form.integer({.name = flag, .text = what, .type = "NUMBER", .group = group}, value, least, most);
   };
-  app.add_option("--aux-hz", k.auxHz, "auxiliary clock, which counts the PSI intervals")
-      ->check(CLI::Range(1, 100'000))
-      ->capture_default_str()
-      ->group(group);
-  app.add_option("--tick-hz", k.tickHz, "system clock, which counts delays")
-      ->check(CLI::Range(1, 100'000))
-      ->capture_default_str()
-      ->group(group);
-  cost("--bus-ns", k.costs.busAccess, "virtual time of a register access; clean runs from 30 on", 1);
-  cost("--loop-ns", k.costs.loopTurn, "of a turn of a counting loop", 1);
-  cost("--wait5us-ns", k.costs.wait5us, "of the 5 us wait", 1);
-  cost("--dog-ns", k.costs.watchdogKick, "of a kick of the watchdog", 1);
-  cost("--call-ns", k.costs.kernelCall, "of a call of the kernel", 1);
-  cost("--memory-ns", k.costs.memoryCall, "of malloc and free", 1);
-  cost("--file-ns", k.costs.fileCall, "of opening a file", 1);
-  cost("--save-ns", k.costs.save, "of saving a parameter record", 1);
-  app.add_option("--heap", o.heapBytes, "bytes of the cards' heap")
-      ->check(CLI::Range(std::int64_t{1}, std::int64_t{1} << 40))
-      ->capture_default_str()
-      ->group(group);
-  app.add_option("--heap-fill", t.heapFill, "byte that fresh memory holds")
-      ->check(CLI::Range(0, 255))
-      ->capture_default_str()
-      ->group(group);
-  app.add_option("--seed", o.seed, "for the spread of the parts' times; the same seed, the same run")
-      ->capture_default_str()
-      ->group(group);
-  app.add_option(
-         "--eeprom-cycle", t.eepromCycles,
-         "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; repeatable)")
-      ->group(group);
-  app.add_option("--power-cut", t.powerCut,
-                 "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of slot "
-                 "N, or at that "
-                 "time. Ends the run; what the EEPROM then holds is kept")
-      ->group(group);
-  app.add_flag("--any-bitstream", o.anyBitstream,
-               "the cards' FPGAs take any bitstream, not only one with length and CRC of its own")
-      ->group(group);
+  const auto cost = [&](const char* flag, Nanos& value, const char* what) {
+    number(flag, value, what, 1, u64{10} * kSecond);
+  };
+  number("--aux-hz", k.auxHz, "auxiliary clock, which counts the PSI intervals", 1, 100'000);
+  number("--tick-hz", k.tickHz, "system clock, which counts delays", 1, 100'000);
+  cost("--bus-ns", k.costs.busAccess, "virtual time of a register access; clean runs from 30 on");
+  cost("--loop-ns", k.costs.loopTurn, "of a turn of a counting loop");
+  cost("--wait5us-ns", k.costs.wait5us, "of the 5 us wait");
+  cost("--dog-ns", k.costs.watchdogKick, "of a kick of the watchdog");
+  cost("--call-ns", k.costs.kernelCall, "of a call of the kernel");
+  cost("--memory-ns", k.costs.memoryCall, "of malloc and free");
+  cost("--file-ns", k.costs.fileCall, "of opening a file");
+  cost("--save-ns", k.costs.save, "of saving a parameter record");
+  number("--heap", o.heapBytes, "bytes of the cards' heap", 1, u64{1} << 40);
+  number("--heap-fill", o.heapFill, "byte that fresh memory holds", 0, 255);
+  number("--seed", o.seed, "for the spread of the parts' times; the same seed, the same run", 0, 0xFFFF'FFFF);
+  form.take({.name = "--eeprom-cycle",
+             .text = "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; "
+                     "repeatable)",
+             .most = kAny,
+             .repeatable = true,
+             .group = group},
+            [&o](const std::string& text) { parseEepromCycle(text, o); });
+  form.take({.name = "--power-cut",
+             .text = "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of "
+                     "slot N, or at "
+                     "that time. Ends the run; what the EEPROM then holds is kept",
+             .group = group},
+            [&o](const std::string& text) { parsePowerCut(text, o); });
+  form.flag({.name = "--any-bitstream",
+             .text = "the cards' FPGAs take any bitstream, not only one with length and CRC of its own",
+             .group = group},
+            o.anyBitstream);
 }
 
-void interpret(const Texts& t, Options& o) {
-  for (const int card : t.cards) o.slots.push_back(card - 1);
+// What depends on other flags.
+void complete(Options& o, JobFlags& jobs, const Given& given) {
+  constexpr u32 kYear2000 = 946'684'800;
   if (o.slots.empty()) o.slots.push_back(0);
-  std::sort(o.slots.begin(), o.slots.end());
+  std::ranges::sort(o.slots);
   o.slots.erase(std::unique(o.slots.begin(), o.slots.end()), o.slots.end());
-
-  for (const std::string& text : t.psi) parsePsi(text, o);
-  for (const std::string& text : t.intervals) parseInterval(text, o);
-  for (const std::string& text : t.outputs) parseOutput(text, o);
-  for (const std::string& text : t.sources) parseSource(text, o);
-  for (const std::string& text : t.pidMaps) parsePidMap(text, o);
-  for (const std::string& text : t.programmes) parseProgramme(text, o);
-  o.deJitter = static_cast<Nanos>(t.deJitter_ms * 1e6);
-  for (const std::string& text : t.settings) parseSet(text, o);
-  o.statusPeriod = static_cast<Nanos>(t.statusPeriod_s * 1e9);
-  o.menuTimeout = static_cast<Nanos>(t.menuTimeout_s * 1e9);
-  for (const std::string& text : t.keys) parseKeys(text, o);
-  for (const std::string& text : t.faults) {
-    if (!parseInputLoss(text, o)) parseFault(text, o);
-  }
-  for (const std::string& text : t.eepromCycles) parseEepromCycle(text, o);
-  if (!t.powerCut.empty()) parsePowerCut(t.powerCut, o);
-  if (t.calibration) parseCalibration(*t.calibration, o);
-  if (!t.seconds.empty()) {
-    o.duration = parseSeconds(t.seconds);
-    if (!o.duration || *o.duration == 0)
-      refuse("--seconds", t.seconds, "want a number of seconds above 0, 1e9 at most");
-  }
-  parseEpoch(t.epoch, o);
-  if (!t.manage.empty()) {
-    parseManage(t.manage, o);
-  } else if (!o.fast) {
-    o.manage = {"127.0.0.1", protocol::kDefaultManagementPort};
-  }
-  parseSnmp(t.snmp, o.snmp);
-  o.heapFill = static_cast<u8>(t.heapFill);
+  o.epoch = given.epoch.value_or(o.fast ? kYear2000 : static_cast<u32>(std::time(nullptr)));
+  if (!given.manage && !o.fast)
+    o.manage = base::Address{.host = "127.0.0.1", .port = protocol::kDefaultManagementPort};
+  o.jobs = jobs.jobs();
   checkTogether(o);
   refuseSharedFiles(o);
-}
-
-// "help" instead of a name.
-bool asksForFaults(const Texts& texts) {
-  return std::find(texts.faults.begin(), texts.faults.end(), "help") != texts.faults.end();
-}
-
-void listFaults() {
-  for (const FaultKind& kind : faultKinds()) std::cout << kind.name << ": " << kind.text << '\n';
-  std::cout << "input-lost: an input of a source card is lost (as 6.1.input-lost@10/4)\n";
+  if (o.initFlash) return;
+  client::InputCounts inputs;
+  for (const auto& [slot, files] : o.sources) inputs[static_cast<u16>(slot)] = static_cast<u32>(files.size());
+  for (Job& job : o.jobs) job.prepare(inputs);
 }
 
 }  // namespace
 
 CommandLine parseCommandLine(int argc, char** argv) {
-  CLI::App app(kDescription, "headend");
-  app.footer(kFooter);
   CommandLine line;
-  Texts texts;
-  addFlags(app, line.options, texts);
-  addSnmpFlags(app, line.options.snmp, texts.snmp);
-  addMachineFlags(app, line.options, texts);
+  JobFlags jobs;
+  Given given;
+  Form form("headend", kDescription);
+  form.footer(kFooter);
+  describeCards(form, line.options);
+  describeRun(form, line.options, jobs);
+  describeServices(form, line.options, given);
+  describeSnmp(form, line.options.snmp);
+  describeMachine(form, line.options);
   try {
-    app.parse(argc, argv);
-    if (asksForFaults(texts)) {
-      listFaults();
-      line.exitCode = kExitDone;
-      return line;
-    }
-    interpret(texts, line.options);
-  } catch (const CLI::ParseError& e) {
-    const bool help = e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
-    app.exit(e, std::cout, std::cerr);
-    line.exitCode = help ? kExitDone : kExitWrongCall;
+    form.parse({argv + 1, argv + argc});
+    complete(line.options, jobs, given);
+  } catch (const commands::Help& help) {
+    std::cout << help.text;
+    line.exitCode = kExitDone;
+  } catch (const commands::WrongCall& e) {
+    std::cerr << e.what() << commands::kHelpAdvice;
+    line.exitCode = kExitWrongCall;
+  } catch (const std::exception& e) {
+    std::cerr << "headend: " << e.what() << '\n';
+    line.exitCode = kExitFailed;
   }
   return line;
 }

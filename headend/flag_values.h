@@ -1,5 +1,5 @@
-// Parses the values of `headend`'s flags: each function parses one flag's text into the options, or throws
-// CLI::ValidationError with the expected form. Used only for the command line.
+// Converts the texts of `headend`'s flags into options. All throw std::invalid_argument with the text and the
+// expected form. Used only for the command line.
 #pragma once
 
 #include <optional>
@@ -10,35 +10,28 @@
 
 namespace headend {
 
-[[noreturn]] void refuse(const std::string& flag, const std::string& text, const std::string& want);
+[[noreturn]] void refuse(const std::string& text, const std::string& want);
 
 // Seconds with a fraction; nullopt if the text is not a number or is out of range.
 std::optional<Nanos> parseSeconds(const std::string& text);
 
 // Splits "LEFT=RIGHT"; if one part is missing, the error message contains `want`.
-std::pair<std::string, std::string> splitAssignment(const std::string& flag, const std::string& text,
-                                                    const std::string& want);
-// The channel with that name; `text` is for messages.
-protocol::Channel channelOf(const std::string& flag, const std::string& text, const std::string& name);
+std::pair<std::string, std::string> splitAssignment(const std::string& text, const std::string& want);
 
 // Removes "@SECONDS" from the end of a text; 0 if the text after the last @ is not a time, because a file
 // name may contain an @.
 Nanos takeTimeIfAny(std::string& text);
 
-// "ADDRESS:PORT".
-std::pair<std::string, std::uint16_t> parseAddress(const std::string& flag, const std::string& text,
-                                                   const std::string& want);
+base::Address parseAddress(const std::string& text);  // "ADDRESS:PORT"
+u32 parseEpoch(const std::string& text);              // UTC, in seconds since 1970
 
-void parsePsi(const std::string& text, Options& options);
-void parseInterval(const std::string& text, Options& options);
 void parseOutput(const std::string& text, Options& options);
-void parseManage(const std::string& text, Options& options);
-void parseSet(const std::string& text, Options& options);
-void parseCalibration(const std::string& text, Options& options);
+void parseSource(const std::string& text, Options& options);
 void parseEepromCycle(const std::string& text, Options& options);
 void parsePowerCut(const std::string& text, Options& options);
-void parseEpoch(const std::string& text, Options& options);  // empty: default
-void parseKeys(const std::string& text, Options& options);
-void parseFault(const std::string& text, Options& options);
+void parseFault(const std::string& text, Options& options);  // also the loss of an input
+// False if the text sets something else than what a sensor measures.
+bool parseTemperature(const std::string& text, Options& options);
+void parseSnmpBase(const std::string& text, Options::Snmp& snmp);
 
 }  // namespace headend

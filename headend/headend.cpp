@@ -17,7 +17,6 @@
 #include "headend/hardware/udp_input.h"
 #include "headend/kernel/real_time_pace.h"
 #include "headend/report.h"
-#include "headend/run_plan.h"
 #include "platform/wire.h"
 #include "protocol/mib_rows.h"
 
@@ -25,8 +24,6 @@ namespace headend {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::uint16_t kCalibrationPort = 49156;
 
 constexpr const char* kBitstream = "K717_QAM/qam.bin";
 
@@ -54,17 +51,18 @@ Headend::Headend(Options options)
         fmt::format("there is no flash folder {0}: make one with headend --init-flash --flash {0}",
                     options_.flash.string()));
   }
-  std::vector<Operator::Job> jobs = operatorJobs(options_, log_);
   installCards();
   openOutputs();
   openInputs();
   connectRouter();
   provideServices();
-  if (options_.manage) backEnd_.socket().openToHost(options_.manage->first, options_.manage->second);
+  if (options_.manage) backEnd_.socket().openToHost(options_.manage->host, options_.manage->port);
   if (options_.calibration) {
-    sockets_.expose(kCalibrationPort, options_.calibration->first, options_.calibration->second);
-    chassis_.serveCalibration();
+    sockets_.expose(client::kDefaultCalibrationPort, options_.calibration->host, options_.calibration->port);
   }
+  const bool isCalibrated = std::ranges::any_of(
+      options_.jobs, [](const Job& job) { return job.call->entry->needs == commands::Needs::kCalibration; });
+  if (options_.calibration || isCalibrated) chassis_.serveCalibration();
   lookAtParameterFiles();
   if (options_.snmp.isUsed()) openSnmp();
   setRunning(this);
@@ -77,7 +75,10 @@ Headend::Headend(Options options)
   backEnd_.start();
   panel_.menu().start();
   if (snmp_ != nullptr) snmp_->start();
-  operator_.start(std::move(jobs));
+  client::InputCounts inputs;
+  for (const int slot : sources_.slots())
+    inputs[static_cast<u16>(slot)] = static_cast<u32>(sources_.inputs(slot));
+  operator_.start(options_.jobs, options_.slots.empty() ? 0 : options_.slots.front(), inputs);
 }
 
 Headend::~Headend() {
@@ -165,7 +166,7 @@ void Headend::registerMib(const u32* base, int baseLength, const chassis::variab
 }
 
 std::string Headend::calibrationAddress() const {
-  return sockets_.hostAddress(kCalibrationPort);
+  return sockets_.hostAddress(client::kDefaultCalibrationPort);
 }
 
 void Headend::scheduleLossOfPower() {
@@ -242,7 +243,7 @@ std::unique_ptr<TsInput> Headend::openInput(const Options::Input& input) {
     }
     return file;
   }
-  return std::make_unique<UdpInput>(network_, input.address->first, input.address->second, options_.deJitter);
+  return std::make_unique<UdpInput>(network_, input.address->host, input.address->port, options_.deJitter);
 }
 
 void Headend::connectRouter() {

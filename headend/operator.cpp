@@ -3,12 +3,18 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdio>
 
 namespace headend {
 namespace {
 
-constexpr std::uint16_t kFirstPort = 49200;  // inside the chassis only; one per lane
+constexpr std::uint16_t kFirstPort = 49200;  // inside the chassis only; two per lane
 constexpr int kPatienceSeconds = 60;         // a chassis under load answers late, but it answers
+
+std::string laneOf(const Job& job) {
+  if (job.target().channel) return protocol::channelName(*job.target().channel);
+  return job.target().slot ? fmt::format("{}", *job.target().slot + 1) : "";
+}
 
 }  // namespace
 
@@ -40,49 +46,119 @@ class Operator::VirtualLink final : public client::Link {
   u32 sequence_ = 0;
 };
 
+class Operator::VirtualCalibrationLink final : public client::CalibrationLink {
+ public:
+  VirtualCalibrationLink(Kernel& kernel, Network& network, std::uint16_t port)
+      : kernel_(kernel), socket_(network, port) {}
+
+  void begin() override {
+    while (!socket_.waiting().empty()) socket_.receive(0);
+  }
+  void send(std::span<const u8> datagram) override {
+    socket_.send({.address = 0, .port = client::kDefaultCalibrationPort}, {datagram.begin(), datagram.end()});
+  }
+  std::optional<client::Bytes> receive(std::chrono::nanoseconds time) override {
+    const Nanos tick = kSecond / kernel_.settings().tickHz;
+    auto datagram = socket_.receive(static_cast<int>((time.count() + tick - 1) / tick));
+    return datagram ? std::optional(std::move(datagram->bytes)) : std::nullopt;
+  }
+  void wait(std::chrono::milliseconds time) override {
+    kernel_.sleepUntil(kernel_.now() + std::chrono::nanoseconds(time).count());
+  }
+  std::chrono::nanoseconds now() const override { return std::chrono::nanoseconds(kernel_.now()); }
+  client::Error failure(const std::string& what) const override {
+    return client::Error("the calibration service: " + what, client::Error::Kind::kNoReply);
+  }
+
+ private:
+  Kernel& kernel_;
+  UdpSocket socket_;
+};
+
+class Operator::VirtualSession final : public commands::Session {
+ public:
+  VirtualSession(Operator& owner, std::uint16_t port)
+      : owner_(owner),
+        link_(owner.kernel_, owner.network_, port),
+        calibration_(owner.kernel_, owner.network_, static_cast<std::uint16_t>(port + 1)) {}
+
+  void begin(std::string& output) { output_ = &output; }
+
+  client::Link& link() override { return link_; }
+  client::CalibrationLink& calibration() override { return calibration_; }
+  std::string chassis() const override { return "this chassis"; }
+  void print(const std::string& text) override { *output_ += text; }
+  void note(const std::string& text) override { owner_.log_.line(owner_.kernel_.now(), "operator", text); }
+  std::filesystem::path rescueFolder() const override { return {}; }
+  std::optional<client::InputCounts> inputs() override { return owner_.inputs_; }
+  bool pause(std::chrono::milliseconds time) override {
+    link_.wait(time);
+    return true;
+  }
+  void showPanel(std::chrono::seconds /*patience*/) override { throw client::Error("there is no terminal"); }
+
+ private:
+  Operator& owner_;
+  VirtualLink link_;
+  VirtualCalibrationLink calibration_;
+  std::string* output_ = nullptr;
+};
+
 Operator::Operator(Kernel& kernel, Network& network, const Chassis& chassis, Log& log)
     : kernel_(kernel), network_(network), chassis_(chassis), log_(log) {}
 
-Operator::~Operator() = default;
+void Operator::start(const std::vector<Job>& jobs, int firstSlot, const client::InputCounts& inputs) {
+  firstSlot_ = firstSlot;
+  inputs_ = inputs;
+  for (const Job& job : jobs) {
+    for (const std::string& note : job.notes) log_.line(0, "headend", note);
+    jobs_.push_back({.job = job, .began = {}, .ended = {}, .output = {}, .error = {}});
+  }
+  std::ranges::stable_sort(jobs_, {}, [](const Progress& p) { return p.job.at; });
 
-void Operator::start(std::vector<Job> jobs) {
-  std::stable_sort(jobs.begin(), jobs.end(), [](const Job& a, const Job& b) { return a.at < b.at; });
-  for (Job& job : jobs) workers_[job.lane].jobs.push_back(std::move(job));
-
+  std::map<std::string, std::vector<Progress*>> lanes;
+  for (Progress& progress : jobs_) lanes[laneOf(progress.job)].push_back(&progress);
   std::uint16_t port = kFirstPort;
-  for (auto& [lane, worker] : workers_) {
-    worker.link = std::make_unique<VirtualLink>(kernel_, network_, port++);
-    kernel_.spawn("tOperator" + lane, kPriority, [this, w = &worker] { work(*w); });
+  for (const auto& [name, lane] : lanes) {
+    kernel_.spawn("tOperator" + name, kPriority, [this, lane = lane, port] { work(lane, port); });
+    port += 2;
   }
 }
 
-void Operator::work(Worker& worker) {
-  for (const Job& job : worker.jobs) {
-    kernel_.sleepUntil(job.at);
-    while (!chassis_.slot(job.slot).initReturned) kernel_.delay(1);
-    carryOut(*worker.link, job);
-    ++worker.done;
+void Operator::work(const std::vector<Progress*>& lane, std::uint16_t port) {
+  VirtualSession session(*this, port);
+  for (Progress* progress : lane) {
+    kernel_.sleepUntil(progress->job.at);
+    const int slot = progress->job.slot() >= 0 ? progress->job.slot() : firstSlot_;
+    while (!chassis_.slot(slot).initReturned) kernel_.delay(1);
+    carryOut(*progress, session);
   }
 }
 
-void Operator::carryOut(VirtualLink& link, const Job& job) {
-  std::string error;
+void Operator::carryOut(Progress& progress, VirtualSession& session) {
+  const Job& job = progress.job;
+  progress.began = kernel_.now();
+  session.begin(progress.output);
   try {
-    job.carryOut(link);
+    job.call->command->carryOut(session);
   } catch (const std::exception& e) {
-    error = e.what();
+    progress.error = e.what();
   }
-  const std::string what = fmt::format("{}: {}", job.lane, job.name);
-  if (!error.empty()) failures_.push_back(fmt::format("{} failed: {}", what, error));
-  log_.line(kernel_.now(), "operator", error.empty() ? what + " done" : failures_.back());
+  progress.ended = kernel_.now();
+  const std::string how = progress.error.empty() ? " done" : " failed: " + progress.error;
+  log_.line(kernel_.now(), "operator", job.text + how);
+  if (!job.isDo || progress.output.empty()) return;
+  std::fputs(progress.output.c_str(), stdout);
+  std::fflush(stdout);
+  linesPrinted_ += static_cast<std::uint64_t>(std::ranges::count(progress.output, '\n'));
 }
 
 std::vector<std::string> Operator::complaints() const {
-  std::vector<std::string> all = failures_;
-  for (const auto& [lane, worker] : workers_) {
-    for (std::size_t i = worker.done; i < worker.jobs.size(); ++i) {
-      all.push_back(fmt::format("{}: {} was not done when the run ended", lane, worker.jobs[i].name));
-    }
+  std::vector<std::string> all;
+  for (const Progress& progress : jobs_) {
+    if (!progress.error.empty())
+      all.push_back(fmt::format("{} failed: {}", progress.job.text, progress.error));
+    if (!progress.ended) all.push_back(fmt::format("{} was not done when the run ended", progress.job.text));
   }
   return all;
 }

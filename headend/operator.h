@@ -1,15 +1,16 @@
-// The automatic operator of a run: carries out the command line's jobs through the management datagrams, like
-// a management client. Needs no network, so such a run is always the same.
+// The automatic operator of a run: carries out the command line's jobs as a management client does, in
+// virtual time. Needs no network, so such a run is always the same.
 #pragma once
 
 #include <functional>
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "client/link.h"
 #include "headend/firmware/back_end.h"
+#include "headend/firmware/log.h"
+#include "headend/jobs.h"
 
 namespace headend {
 
@@ -18,40 +19,43 @@ class Operator {
   // A client is outside the chassis: load inside the chassis does not stop it from sending requests.
   static constexpr int kPriority = 50;
 
-  struct Job {
-    std::string lane;  // jobs of one lane run one after the other
-    int slot = 0;
-    std::string name;                                  // name for messages
-    Nanos at = 0;                                      // at this time, or as soon as the card runs
-    std::function<void(client::Link& link)> carryOut;  // throws if it fails
+  // A job, and how far it has come.
+  struct Progress {
+    Job job;
+    std::optional<Nanos> began;
+    std::optional<Nanos> ended;
+    std::string output;
+    std::string error;  // empty: it succeeded, or has not ended
   };
 
   Operator(Kernel& kernel, Network& network, const Chassis& chassis, Log& log);
-  ~Operator();
 
-  // Each lane has its own task, so that a card that does not start does not delay other jobs.
-  void start(std::vector<Job> jobs);
+  // Jobs on one channel, or on one card, run one after the other. Each such lane has a task of its own, so
+  // that a card that does not start does not delay other jobs. A job on no card waits for that in
+  // `firstSlot`. `inputs` are those of the source cards.
+  void start(const std::vector<Job>& jobs, int firstSlot, const client::InputCounts& inputs);
 
+  const std::vector<Progress>& jobs() const { return jobs_; }  // by time
   // Jobs that failed, and jobs not done when the run ended; empty if all jobs succeeded.
   std::vector<std::string> complaints() const;
+  std::uint64_t linesPrinted() const { return linesPrinted_; }  // on stdout
 
  private:
   class VirtualLink;
-  struct Worker {
-    std::unique_ptr<VirtualLink> link;
-    std::vector<Job> jobs;  // by time
-    std::size_t done = 0;
-  };
+  class VirtualCalibrationLink;
+  class VirtualSession;
 
-  void work(Worker& worker);
-  void carryOut(VirtualLink& link, const Job& job);
+  void work(const std::vector<Progress*>& lane, std::uint16_t port);
+  void carryOut(Progress& progress, VirtualSession& session);
 
   Kernel& kernel_;
   Network& network_;
   const Chassis& chassis_;
   Log& log_;
-  std::map<std::string, Worker> workers_;  // by lane
-  std::vector<std::string> failures_;
+  int firstSlot_ = 0;
+  client::InputCounts inputs_;
+  std::vector<Progress> jobs_;
+  std::uint64_t linesPrinted_ = 0;
 };
 
 }  // namespace headend

@@ -8,40 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "client/chassis_services.h"
+#include "base/numbers.h"
+#include "headend/jobs.h"
 #include "headend/kernel/kernel.h"
-#include "platform/panel.h"
 #include "protocol/channel.h"
 
 namespace headend {
 
 struct Options {
-  struct Psi {
-    protocol::Channel channel;
-    std::filesystem::path file;
-    Nanos at = 0;
-  };
-
-  // A variable of a card, set at a time or as soon as the card runs.
-  struct Setting {
-    int slot = 0;
-    u32 id = 0;
-    std::string name;
-    u32 value = 0;
-    std::string warning;  // a warning about that value for the operator
-    Nanos at = 0;
-  };
   // The temperature of a sensor from a time on.
   struct Temperature {
     int slot = 0;
     int sensor = 1;
     double celsius = 0;
-    Nanos at = 0;
-  };
-  // Keys of the front panel, pressed one after the other.
-  struct Keys {
-    std::string names;
-    std::vector<chassis::PanelKey> keys;
     Nanos at = 0;
   };
   // A fault, on one card or on all of them.
@@ -63,7 +42,7 @@ struct Options {
   struct Input {
     std::filesystem::path file;
     std::optional<std::uint64_t> bitRate;
-    std::optional<std::pair<std::string, std::uint16_t>> address;
+    std::optional<base::Address> address;
   };
   // An input that is lost from a time on: permanently, or for the first half of each period.
   struct InputLoss {
@@ -71,22 +50,10 @@ struct Options {
     Nanos at = 0;
     std::optional<Nanos> period;
   };
-  struct PidMap {
-    protocol::Channel channel;
-    std::filesystem::path file;
-    Nanos at = 0;
-  };
-  struct Programme {
-    protocol::Channel channel;
-    protocol::SourcePort source;
-    std::string service;  // name or number
-    Nanos at = 0;
-  };
-
   // The SNMP agent: its listening address, and the destination of notifications.
   struct Snmp {
-    std::optional<std::pair<std::string, std::uint16_t>> listen;    // nullopt: closed
-    std::optional<std::pair<std::string, std::uint16_t>> trapSink;  // nullopt: none
+    std::optional<base::Address> listen;    // nullopt: closed
+    std::optional<base::Address> trapSink;  // nullopt: none
     std::filesystem::path secrets;
     bool writeCommunity = false;
     std::vector<u32> base;  // ten components
@@ -97,16 +64,11 @@ struct Options {
   std::filesystem::path flash = "flash";
   bool initFlash = false;
   std::vector<int> slots;
-  std::vector<Psi> psi;
-  std::map<protocol::Channel, protocol::Intervals> intervals;
   std::map<protocol::Channel, std::string> outputs;
   std::map<int, std::vector<Input>> sources;  // by slot
   std::vector<InputLoss> inputLosses;
+  std::vector<Job> jobs;
   Nanos deJitter = kSecond / 5;
-  std::vector<PidMap> pidMaps;
-  std::vector<Programme> programmes;
-  std::vector<Setting> settings;
-  std::vector<Keys> keys;
   Nanos menuTimeout = 60 * kSecond;
   Nanos statusPeriod = kSecond;
   std::vector<Temperature> temperatures;
@@ -115,9 +77,9 @@ struct Options {
   std::optional<PowerCut> powerCut;
   std::optional<Nanos> duration;
   bool fast = false;
-  u32 epoch = 0;  // start of virtual time: seconds since 1970-01-01 UTC
-  std::optional<std::pair<std::string, std::uint16_t>> manage;       // nullopt: off
-  std::optional<std::pair<std::string, std::uint16_t>> calibration;  // nullopt: no service
+  u32 epoch = 0;                             // start of virtual time: seconds since 1970-01-01 UTC
+  std::optional<base::Address> manage;       // nullopt: off
+  std::optional<base::Address> calibration;  // nullopt: no service
   Snmp snmp;
   bool panel = false;
   std::string log;

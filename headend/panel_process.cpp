@@ -1,6 +1,5 @@
 #include "headend/panel_process.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -11,69 +10,45 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <stdexcept>
 #include <utility>
-
-#include "tools/panel/panel.h"
-#include "tools/panel/panel_terminal.h"
 
 namespace headend {
 namespace {
 
 constexpr std::size_t kLinesShown = 100;
 
-[[noreturn]] void fail(const char* what) {
+[[noreturn]] void fail(const std::string& what) {
   throw std::runtime_error(fmt::format("no panel: {}: {}", what, std::strerror(errno)));
 }
 
-// To the end of the pipe.
-std::string readAll(int pipe) {
-  std::string text;
-  std::array<char, 256> buffer{};
-  for (;;) {
-    const ssize_t size = read(pipe, buffer.data(), buffer.size());
-    if (size > 0)
-      text.append(buffer.data(), static_cast<std::size_t>(size));
-    else if (size == 0 || errno != EINTR)
-      return text;
+// Beside this program where both are installed, in tools/ where both are built.
+std::string findQamctl() {
+  const auto folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  for (const auto& file : {folder / "qamctl", folder.parent_path() / "tools" / "qamctl"}) {
+    if (access(file.c_str(), X_OK) == 0) return file.string();
   }
+  throw std::runtime_error(fmt::format("no panel: the program qamctl is not in {}", folder.string()));
 }
 
-// The child's whole life. No address: the headend could not be set up, and has said why.
-[[noreturn]] void live(int pipe, pid_t parent) {
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) std::signal(number, SIG_DFL);
+// The child's part. The panel stays if the headend is stopped for a while; a signal reports the headend's
+// end.
+[[noreturn]] void becomePanel(const std::string& program, const std::string& server, pid_t parent) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGPIPE}) std::signal(number, SIG_DFL);
   prctl(PR_SET_PDEATHSIG, SIGTERM);
-  int code = 0;
-  const std::string server = readAll(pipe);
-  if (!server.empty() && getppid() == parent) {
-    try {
-      // The panel stays if the headend is stopped for a while; a signal reports the headend's end.
-      tools::runPanel({.server = server, .patience = std::chrono::hours(24)});
-    } catch (const std::exception& e) {
-      fmt::print(stderr, "headend: panel: {}\n", e.what());
-      code = 1;
-    }
-  }
+  if (getppid() == parent)
+    execl(program.c_str(), "qamctl", "--server", server.c_str(), "panel", "--patience", "86400", nullptr);
+  fmt::print(stderr, "headend: cannot start {}: {}\n", program, std::strerror(errno));
   std::fflush(stderr);
-  _exit(code);
+  _exit(1);
 }
 
 }  // namespace
 
-PanelProcess::PanelProcess() {
-  tools::requirePanelTerminal();
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) fail("pipe");
-  std::fflush(nullptr);
-  const pid_t self = getpid();
-  child_ = fork();
-  if (child_ == 0) {
-    ::close(ends[1]);
-    live(ends[0], self);
-  }
-  ::close(ends[0]);
-  server_ = ends[1];
-  if (child_ < 0) fail("fork");
+PanelProcess::PanelProcess() : program_(findQamctl()) {
+  if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
+    throw std::runtime_error("the panel needs a terminal: stdin and stdout must be one");
 }
 
 PanelProcess::~PanelProcess() {
@@ -82,10 +57,13 @@ PanelProcess::~PanelProcess() {
 
 void PanelProcess::show(const std::string& server) {
   said_ = std::tmpfile();
-  if (said_ == nullptr) fail("a temporary file for what the headend says");
+  if (said_ == nullptr) fail("a temporary file for what the headend prints");
+  std::fflush(nullptr);
+  const pid_t self = getpid();
+  child_ = fork();
+  if (child_ < 0) fail("fork");
+  if (child_ == 0) becomePanel(program_, server, self);
   for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) turnAside(stream);
-  if (write(server_, server.data(), server.size()) != static_cast<ssize_t>(server.size())) fail("write");
-  ::close(std::exchange(server_, -1));
 }
 
 void PanelProcess::turnAside(int stream) {
@@ -119,7 +97,6 @@ void PanelProcess::turnBack() {
 
 bool PanelProcess::close() {
   if (child_ < 0) return true;
-  if (server_ >= 0) ::close(std::exchange(server_, -1));
   kill(child_, SIGTERM);
   int status = 0;
   while (waitpid(child_, &status, 0) < 0 && errno == EINTR) {

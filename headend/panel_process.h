@@ -1,5 +1,5 @@
-// The front panel on the terminal from which a run was started: a child process that uses the management
-// socket like every client. If the headend crashes, the child ends too and restores the terminal.
+// The front panel of `headend --panel`: `qamctl panel`, in a child of this process. Meanwhile the child has
+// the terminal: what this process prints on it is kept, and printed when the child has ended.
 #pragma once
 
 #include <sys/types.h>
@@ -12,32 +12,28 @@ namespace headend {
 
 class PanelProcess {
  public:
-  // Creates the child, which waits for `show`: call it while the process has no sockets or outputs. Throws
-  // std::runtime_error if there is no terminal for a panel.
+  // Throws std::runtime_error: stdin and stdout are no terminal, or qamctl is not beside this program.
   PanelProcess();
-  ~PanelProcess();
   PanelProcess(const PanelProcess&) = delete;
   PanelProcess& operator=(const PanelProcess&) = delete;
+  ~PanelProcess();
 
-  // The panel takes over the terminal; the output of the process is stored from now on until the panel ends.
-  // If the panel ends by itself, the process gets SIGCHLD. Throws std::runtime_error.
+  // Shows the panel of the headend whose management socket has this address. Throws std::runtime_error.
   void show(const std::string& server);
-
-  // Ends the panel and prints the last lines of the stored output. Returns whether the panel ended without an
-  // error.
+  // Ends the child, if it still runs. False if it failed.
   bool close();
 
  private:
-  struct Kept {  // a redirected stream of the terminal
-    int stream;
-    int terminal;
-  };
   void turnAside(int stream);
   void turnBack();
 
+  struct Kept {
+    int stream;
+    int terminal;
+  };
+  std::string program_;
   pid_t child_ = -1;
-  int server_ = -1;  // a pipe from which the child reads its address
-  std::FILE* said_ = nullptr;
+  std::FILE* said_ = nullptr;  // what this process printed meanwhile
   std::vector<Kept> kept_;
 };
 

@@ -1,16 +1,28 @@
-// qamctl: manages the cards of a chassis over its management socket: the tables, the PID map and the
-// programmes of a channel, the variables of a card, what goes out at the RF connectors. It also prints the
-// MIB module of the cards. Exit codes: 0 done; 1 the request could not be carried out; 2 wrong call.
+// qamctl: carries out the management commands over the chassis's sockets. Called by the name qamcal it has
+// the commands of calibration only. Exit codes: 0 done; 1 the request could not be carried out; 2 wrong call.
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
-#include <string>
+#include <filesystem>
 
-#include "protocol/datagram.h"
-#include "tools/commands.h"
+#include "client/udp_link.h"
+#include "commands/command.h"
+#include "commands/status_report.h"
+#include "tools/panel/panel.h"
 
+namespace tools {
 namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kFailed = 1;
+constexpr int kWrongCall = 2;
+constexpr auto kCalibrationName = "qamcal";
 
 constexpr const char* kFooter =
     "TABLE is PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT or CAT: C is the actual stream or network, O "
@@ -31,39 +43,140 @@ constexpr const char* kFooter =
     "  qamctl panel\n"
     "  qamctl key down ok\n"
     "  qamctl lcd --png panel.png\n"
+    "  qamctl cal read 1\n"
     "  qamctl mib > QAM-HEADEND-MIB.txt\n"
     "  qamctl --server 192.0.2.7:49160 status\n"
     "\n"
     "Exit codes: 0 done; 1 the request could not be carried out (refused, card error, no reply, file error); "
-    "2 wrong "
-    "call.";
+    "2 wrong call.";
 
-int run(int argc, char** argv) {
-  std::string server = fmt::format("127.0.0.1:{}", protocol::kDefaultManagementPort);
-  CLI::App app("Manages the modulator cards of a chassis over its management socket.", "qamctl");
-  app.footer(kFooter);
-  app.require_subcommand(1);
-  tools::addServer(app, server, "the chassis's management socket");
-  tools::addPsiCommands(app, server);
-  tools::addPidMapCommands(app, server);
-  tools::addProgrammeCommands(app, server);
-  tools::addRatesCommand(app, server);
-  tools::addCallCommand(app, server);
-  tools::addVarCommands(app, server);
-  tools::addRfCommand(app, server);
-  tools::addPanelCommand(app, server);
-  tools::addAlarmsCommand(app, server);
-  tools::addStatusCommand(app, server);
-  tools::addLcdCommands(app, server);
-  tools::addMibCommand(app);
-  return tools::runCommandLine(app, argc, argv);
+// Only absolute ones count, so that a rescue file is found again from any folder.
+fs::path folderIn(const char* variable) {
+  const char* value = std::getenv(variable);
+  const fs::path folder = value != nullptr ? value : "";
+  return folder.is_absolute() ? folder : fs::path();
+}
+
+// $XDG_STATE_HOME, else ~/.local/state, else the folder for temporary files.
+fs::path stateFolder() {
+  if (const fs::path state = folderIn("XDG_STATE_HOME"); !state.empty()) return state;
+  if (const fs::path home = folderIn("HOME"); !home.empty()) return home / ".local" / "state";
+  return fs::temp_directory_path();
+}
+
+class SocketSession final : public commands::Session {
+ public:
+  explicit SocketSession(std::string server) : server_(std::move(server)), calibration_(server_) {}
+
+  client::Link& link() override {
+    if (!link_) link_.emplace(server_);
+    return *link_;
+  }
+  client::CalibrationLink& calibration() override { return calibration_; }
+  std::string chassis() const override { return server_; }
+
+  void print(const std::string& text) override {
+    fmt::print("{}", text);
+    if (std::fflush(stdout) != 0) throw std::runtime_error("the output could not be written");
+  }
+  void note(const std::string& text) override { fmt::print(stderr, "note: {}\n", text); }
+  void progress(const std::string& text) override {
+    if (isatty(STDERR_FILENO) == 1) fmt::print(stderr, "\r{}\x1B[K", text);
+  }
+
+  fs::path rescueFolder() const override {
+    const fs::path folder = stateFolder() / "qamctl" / server_;
+    fs::create_directories(folder);
+    return folder;
+  }
+  std::optional<client::InputCounts> inputs() override {
+    const auto status = commands::statusOf(link());
+    return status ? commands::inputsOf(*status) : std::nullopt;
+  }
+
+  bool pause(std::chrono::milliseconds time) override {
+    const sigset_t signals = held();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    const std::timespec limit = {.tv_sec = seconds.count(),
+                                 .tv_nsec = std::chrono::nanoseconds(time - seconds).count()};
+    return sigtimedwait(&signals, nullptr, &limit) < 0;
+  }
+  void holdSignals(bool hold) override {
+    const sigset_t signals = held();
+    sigprocmask(hold ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
+  }
+
+  void showPanel(std::chrono::seconds patience) override {
+    runPanel({.server = server_, .patience = patience});
+  }
+
+ private:
+  static sigset_t held() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+    return signals;
+  }
+
+  std::string server_;
+  std::optional<client::UdpLink> link_;
+  client::UdpCalibrationLink calibration_;
+};
+
+std::string serverOf(const std::string& text) {
+  if (!client::isServer(text)) throw std::invalid_argument(fmt::format("'{}' is no ADDR:PORT", text));
+  return text;
+}
+
+void carryOut(const commands::Call& call, const std::string& server) {
+  commands::Surroundings surroundings;
+  call.command->prepare(surroundings);
+  const std::string byDefault =
+      fmt::format("127.0.0.1:{}", call.entry->needs == commands::Needs::kCalibration ? client::kDefaultCalibrationPort
+                                                         : protocol::kDefaultManagementPort);
+  SocketSession session(server.empty() ? byDefault : server);
+  for (const std::string& note : surroundings.notes) session.note(note);
+  call.command->carryOut(session);
+}
+
+int run(const std::string& name, std::vector<std::string> words) {
+  const bool isCalibration = name == kCalibrationName;
+  commands::Form form(
+      name, isCalibration ? "Calibrates the DAC of a modulator card over its chassis's calibration service."
+                          : "Manages the modulator cards of a chassis over its management socket.");
+  std::string server;
+  form.value({.name = "--server",
+              .text = fmt::format("the chassis's management socket (default 127.0.0.1:{}), or of 'cal' its "
+                                  "calibration service (default 127.0.0.1:{})",
+                                  protocol::kDefaultManagementPort, client::kDefaultCalibrationPort),
+              .type = "ADDR:PORT"},
+             server, serverOf);
+  if (!isCalibration) form.footer(kFooter);
+  commands::Calls calls(form, isCalibration ? "cal" : "");
+  try {
+    form.parse(std::move(words));
+    carryOut(calls.called(), server);
+  } catch (const commands::Help& help) {
+    fmt::print("{}", help.text);
+  } catch (const commands::WrongCall& e) {
+    fmt::print(stderr, "{}{}", e.what(), commands::kHelpAdvice);
+    return kWrongCall;
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "{}: {}\n", name, e.what());
+    return kFailed;
+  }
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
+  fmt::print(stderr, "{}: the output could not be written\n", name);
+  return kFailed;
 }
 
 }  // namespace
+}  // namespace tools
 
 int main(int argc, char** argv) {
   try {
-    return run(argc, argv);
+    const std::string called = argc > 0 ? std::filesystem::path(argv[0]).filename().string() : "";
+    return tools::run(called == tools::kCalibrationName ? called : "qamctl", {argv + 1, argv + argc});
   } catch (const std::exception& e) {  // out of memory, or a fault in this program
     std::fprintf(stderr, "qamctl: %s\n", e.what());
     return 1;

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "client/channel_variables.h"
+#include "client/chassis_services.h"
 #include "client/psi_upload.h"
 #include "mpeg/dvb_text.h"
 #include "protocol/mib_rows.h"
@@ -12,8 +13,8 @@
 #include "tests/client/card_link.h"
 #include "tests/client/program.h"
 #include "tests/client/streams.h"
-#include "tools/mib_module.h"
-#include "tools/psi_decode.h"
+#include "commands/mib_module.h"
+#include "commands/psi_decode.h"
 
 namespace client {
 namespace {
@@ -264,13 +265,13 @@ TEST_F(Qamctl, DecodesNoSectionWhoseLengthsContradictEachOther) {
     for (std::size_t size = 0; size <= body.size(); ++size) {
       const Bytes cut(body.begin(), body.begin() + static_cast<std::ptrdiff_t>(size));
       const Section section = test::makeSection({.pid = 0x20, .tableId = tableId}, cut);
-      EXPECT_NE(tools::decodeSection(section).is_null(), whole.contains(size)) << name << ' ' << size;
+      EXPECT_NE(commands::decodeSection(section).is_null(), whole.contains(size)) << name << ' ' << size;
     }
   }
 }
 
 TEST_F(Qamctl, PrintsTheMibModuleThatLiesInTheTreeAndThatOfAnyRightBase) {
-  const std::string module = tools::mibModule(kDefaultMibBase);
+  const std::string module = commands::mibModule(kDefaultMibBase);
   EXPECT_EQ(test::readText(QAM_MIB), module) << "qamctl mib > mibs/QAM-HEADEND-MIB.txt makes it anew";
   EXPECT_EQ(run("mib").text, module);
   EXPECT_EQ(run("mib --base .1.3.6.1.4.1.8072.9999.9999.27").text, module);

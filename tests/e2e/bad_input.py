@@ -3,6 +3,7 @@
 import json
 import os
 import resource
+import shlex
 import shutil
 import signal
 import socket
@@ -16,6 +17,13 @@ RECORD = record_file(1)
 CALLS = """
 2 | --fast | seconds
 2 | --nonsense | nonsense
+2 | --do fly | no command 'fly'
+2 | --do panel | user at a terminal
+2 | --do '@5 var set 2 rfreq 500000' | --card 2
+2 | --do 'psi load 1.1 missing.ts' | missing.ts
+2 | --do 'lcd --png flash/K717_QAM/qam.bin' | the cards
+1 | --do 'psi show 1.1 --save s.ts' | stores no packets
+1 | --do '@9 rf' | rf was not done
 2 | --fast --seconds -1 | seconds
 2 | --psi 3.3=psi-small.ts | 3.3
 2 | --interval 1.1.FOO=3 | FOO
@@ -54,7 +62,7 @@ CALLS = """
 1 | --out 1.1=/dev/full | /dev/full
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
 1 | --source 6=/dev/zero | /dev/zero.*device
-0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme Harbour done
+0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme add .*Harbour done
 0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*sync lost 1 times.* 100 behind
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=257.csv | 257.csv.*(257|256)
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=slot4.csv | slot4.csv.*(slot 4|4\\.1)
@@ -91,7 +99,7 @@ def a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing(ca
             shutil.copytree(case.path('kept'), case.path('flash'))
             before = harness.tree(case.folder)
             duration = [] if '--fast' in flags else ['--fast', '--seconds', '3']
-            call = [case.args.headend, *duration, *flags.split()]
+            call = [case.args.headend, *duration, *shlex.split(flags)]
             case.says(case.execute(call, (int(code),), cwd=case.folder), text)
             if code != '0':
                 after = harness.tree(case.folder)

@@ -16,10 +16,12 @@ def run(case, program):
         '--flash', flash, '--psi', f'1.1={case.sample("psi-many.ts")}', '--psi', f'1.1={case.sample("psi-small.ts")}@2.5',
         '--psi', f'5.2={case.sample("psi-full.ts")}', '--interval', '1.1.PMT=1', '--interval', '5.2.SDT_O=2',
         '--source', f'6={case.sample("two-programmes.ts")}', '--programme', '1.2=6.1:Harbour',
+        '--do', '@2.5 var set 1 rfreq 474000', '--do', '@3.5 rf 1', '--do', '@3 cal read 1',
         *[word for channel, file in outs.items() for word in ('--out', f'{channel}={file}')],
         *[word for name in ('log', 'trace', 'bus-log', 'report') for word in ('--' + name, os.path.join(folder, name))],
         other=program)
     case.equal(done.code, 0, done.text)
+    case.says(done, r'slot 1\n  common  ff[\s\S]*1\.1  on air    474\.0000 .*\n1\.2')  # what the commands show, in order
     return harness.tree(folder)
 
 

@@ -1,11 +1,15 @@
 #include "tools/panel/panel_feed.h"
 
 #include "client/chassis_services.h"
-#include "tools/json_fields.h"
-#include "tools/rf_report.h"
-#include "tools/status_report.h"
+#include "commands/json_fields.h"
+#include "commands/rf_report.h"
+#include "commands/status_report.h"
 
 namespace tools {
+
+using commands::Json;
+using commands::member;
+
 
 void PanelFeed::refresh(PanelState& state) {
   state.lcd = client::readLcd(link_);
@@ -17,17 +21,17 @@ void PanelFeed::refresh(PanelState& state) {
 }
 
 void PanelFeed::readStatus(PanelState& state) {
-  const auto status = statusOf(link_);
+  const auto status = commands::statusOf(link_);
   if (!status) return;
   state.cards = {};
   Json readouts = Json::array();
   for (const Json& card : member(*status, "cards")) {
-    const auto slot = number(card, "slot");
+    const auto slot = commands::number(card, "slot");
     if (!slot || *slot < 1 || *slot > MAX_BOARD_NUM) continue;
-    state.cards[static_cast<std::size_t>(*slot) - 1] = oneLine(member(card, "state"));
-    for (const Json& readout : rfOfCard(card)) readouts.push_back(readout);
+    state.cards[static_cast<std::size_t>(*slot) - 1] = commands::oneLine(member(card, "state"));
+    for (const Json& readout : commands::rfOfCard(card)) readouts.push_back(readout);
   }
-  state.rf = rfLines(readouts);
+  state.rf = commands::rfLines(readouts);
 }
 
 }  // namespace tools

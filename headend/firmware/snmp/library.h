@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/numbers.h"
 #include "headend/firmware/snmp/engine_identity.h"
 #include "headend/firmware/snmp/secrets.h"
 
@@ -19,7 +20,7 @@ namespace headend {
 
 class SnmpLibrary {
  public:
-  using Address = std::pair<std::string, std::uint16_t>;
+  using Address = base::Address;
 
   // `folder` is the only folder that the library may read. Throws std::runtime_error if the library reports
   // any error, because a rejected line could allow access by mistake.

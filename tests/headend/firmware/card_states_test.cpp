@@ -14,8 +14,8 @@ TEST(CardStates, ASendTaskWithoutAReadyOutputHangsAloneAndIsNamedOnce) {
       const Scratch scratch;
       headend::initFlash(scratch.path / "flash");
       auto options = fastOptions(scratch.path, 10 * kSecond, {0, 2});
-      for (const auto& [slot, port] : {std::pair<u16, u32>{0, 0}, {2, 0}, {2, 1}})
-        options.psi.push_back({.channel = {slot, port}, .file = QAM_SAMPLES "/psi-small.ts", .at = 0});
+      for (const std::string channel : {"1.1", "3.1", "3.2"})
+        options.jobs.push_back(headend::jobOf("psi load " + channel + " " QAM_SAMPLES "/psi-small.ts"));
       Headend headend(options);
       headend::Kernel& kernel = headend.kernel();
       headend::Multiplexer& output = headend.card(2).output(1);

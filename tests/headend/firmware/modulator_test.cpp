@@ -122,8 +122,9 @@ TEST(Modulator, RunsOnAClockForEveryRateOfItsTable) {
 // The texts against the packets behind the output, from the access that opens the gate to that which reads.
 TEST(Modulator, MeasuresTheRatesThatLeave) {
   Powered powered([](headend::Options& options) {
-    options.psi.push_back({.channel = {0, 0}, .file = QAM_SAMPLES "/psi-full.ts", .at = 0});
-    for (const auto table : mpeg::kAllTables) options.intervals[{0, 0}][table] = 20;
+    std::string load = "psi load 1.1 " QAM_SAMPLES "/psi-full.ts";
+    for (const auto table : mpeg::kAllTables) load += fmt::format(" --interval {}=20", mpeg::tableName(table));
+    options.jobs.push_back(headend::jobOf(load));
   });
   std::array<PacketKeeper, 2> sinks;
   for (const std::size_t channel : {0U, 1U}) powered.card().output(channel).setSink(&sinks[channel]);
@@ -165,8 +166,7 @@ headend::Options optionsWith(const std::string& fault, const Scratch& scratch,
   auto options = fastOptions(scratch.path, 4 * kSecond, slots);
   if (!fault.empty()) options.faults.push_back({.slot = 0, .name = fault, .at = 0});
   // A rate different from the clock generator's at power-up.
-  options.settings.push_back(
-      {.slot = 0, .id = kVarSymbolRate, .name = "symbolrate", .value = 6250, .warning = {}, .at = 0});
+  options.jobs.push_back(headend::jobOf("var set 1 symbolrate 6250"));
   return options;
 }
 

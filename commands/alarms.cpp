@@ -1,0 +1,116 @@
+// alarms: the alarms that are raised, the events of the chassis's log, and those to come.
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "client/chassis_services.h"
+#include "commands/families.h"
+#include "commands/json_fields.h"
+
+namespace commands {
+namespace {
+
+using protocol::AlarmEvent;
+
+constexpr std::chrono::milliseconds kPoll{500};
+
+std::string utc(u32 seconds) {
+  return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time_t{seconds}));
+}
+
+// One line of JSON; `kind` is null for an alarm that stands.
+Json jsonOf(const protocol::Alarm& alarm) {
+  return {{"slot", alarm.slot + 1},
+          {"port", alarm.port + 1},
+          {"type", alarm.type},
+          {"happened", utc(alarm.happened)},
+          {"en", {{"title", alarm.enTitle}, {"text", alarm.enText}, {"trap", alarm.enTrap}}},
+          {"zh", {{"title", alarm.zhTitle}, {"text", alarm.zhText}, {"trap", alarm.zhTrap}}}};
+}
+
+std::string lineOf(const Json& json) {
+  return json.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
+// "1.1  Card1: Ch.1 Error (No Input)"
+std::string textOf(const protocol::Alarm& alarm, bool zh) {
+  return fmt::format("{}.{}  {}: {} ({})", alarm.slot + 1, alarm.port + 1,
+                     oneLine(zh ? alarm.zhTitle : alarm.enTitle), oneLine(zh ? alarm.zhText : alarm.enText),
+                     oneLine(zh ? alarm.zhTrap : alarm.enTrap));
+}
+
+class Alarms final : public Command {
+ public:
+  void describe(Form& form) override {
+    form.flag({.name = "--history", .text = "the events of the log, oldest first"}, history_);
+    form.flag({.name = "--follow", .text = "then go on with each event as it comes, until interrupted"},
+              follow_);
+    form.take(
+        {.name = "--lang", .text = "language of the texts: zh or en", .type = "LANG", .byDefault = "en"},
+        [this](const std::string& text) {
+          if (text != "zh" && text != "en") throw std::invalid_argument("'" + text + "' is not zh or en");
+          isChinese_ = text == "zh";
+        });
+    form.flag({.name = "--json", .text = "one line of JSON an alarm or event, with both languages"}, json);
+    form.footer(
+        "A line has the time (UTC), slot and port, title, text, and in brackets the text for logs.\n"
+        "\nExample: qamctl alarms --history --follow --lang zh");
+  }
+
+  void prepare(Surroundings& surroundings) override {
+    if (follow_ && !surroundings.attended) throw WrongCall("--follow goes on until a user interrupts it");
+  }
+
+  void carryOut(Session& session) override {
+    client::Link& link = session.link();
+    std::uint64_t next = follow_ ? client::nextAlarmEvent(link) : 0;
+    if (history_) {
+      next = showEvents(session, 0, next);
+    } else {
+      const std::vector<protocol::Alarm> alarms = client::readAlarms(link);
+      for (const protocol::Alarm& alarm : alarms) session.print(textOf(alarm));
+      if (alarms.empty() && !json) session.print("no alarm stands\n");
+    }
+    if (!follow_) return;
+    session.holdSignals(true);
+    while (session.pause(kPoll)) next = showEvents(session, next, next);
+  }
+
+ private:
+  // The events from a number on. Returns the number of the next one, `none` where there are none.
+  std::uint64_t showEvents(Session& session, std::uint64_t from, std::uint64_t none) const {
+    for (const AlarmEvent& event : client::readAlarmEvents(session.link(), from)) {
+      session.print(textOf(event));
+      none = event.number + 1;
+    }
+    return none;
+  }
+
+  std::string textOf(const protocol::Alarm& alarm) const {
+    if (json) return lineOf(jsonOf(alarm));
+    return fmt::format("{}  {}\n", utc(alarm.happened), commands::textOf(alarm, isChinese_));
+  }
+
+  std::string textOf(const AlarmEvent& event) const {
+    const protocol::AlarmEventKind& kind = protocol::kindOf(event);
+    if (json) {
+      Json line = {{"number", event.number}, {"at", utc(event.at)}, {"event", kind.name}};
+      line.update(jsonOf(event.alarm));
+      return lineOf(line);
+    }
+    return fmt::format("{}  {}: {}\n", utc(event.at), isChinese_ ? kind.chinese : kind.english,
+                       commands::textOf(event.alarm, isChinese_));
+  }
+
+  bool history_ = false;
+  bool follow_ = false;
+  bool isChinese_ = false;
+};
+
+}  // namespace
+
+Group alarmCommands() {
+  return {.commands = {{"alarms", "Show the alarms that stand, or what the log keeps of them",
+                        Needs::kChassis, make<Alarms>}}};
+}
+
+}  // namespace commands

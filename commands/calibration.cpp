@@ -1,0 +1,272 @@
+// cal: reads and writes the calibration of a card's DAC over the chassis's calibration service.
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <ctime>
+#include <stdexcept>
+#include <vector>
+
+#include "commands/calibration_report.h"
+#include "commands/families.h"
+#include "commands/save_file.h"
+
+namespace commands {
+namespace {
+
+using client::DacRegisters;
+
+// Bytes for each of kDacGroups; none for a group that is not given.
+using Groups = std::array<std::vector<u8>, client::kDacGroups.size()>;
+
+std::string timeNow() {
+  return fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
+}
+
+class Calibrate : public Command {
+ protected:
+  DacRegisters read(Session& session) const {
+    return client::readCalibration(session.calibration(), card(),
+                                   std::chrono::milliseconds(static_cast<int>(timeout_s * 1000)));
+  }
+
+  void show(Session& session, const DacRegisters& registers) const {
+    session.print(json ? jsonText(calibrationJson(card(), registers))
+                       : fmt::format("slot {}\n{}", slot() + 1, calibrationText(registers)));
+    noteDoubts(session, registers);
+  }
+
+  static void noteDoubts(Session& session, const DacRegisters& registers) {
+    if (const std::string text = doubts(registers); !text.empty()) session.note(text);
+  }
+
+  u8 card() const { return static_cast<u8>(slot()); }
+};
+
+class Read final : public Calibrate {
+ public:
+  void describe(Form& form) override { takeSlot(form); }
+  void carryOut(Session& session) override { show(session, read(session)); }
+};
+
+class Save final : public Calibrate {
+ public:
+  void describe(Form& form) override {
+    takeSlot(form);
+    takeFile(form, {.name = "file", .text = "the file to write", .type = "FILE.json", .required = true},
+             file_, true);
+  }
+  void carryOut(Session& session) override {
+    const DacRegisters registers = read(session);
+    const std::string text = calibrationJson(card(), registers).dump(2) + "\n";
+    saveFile(file_, base::Bytes(text.begin(), text.end()));
+    noteDoubts(session, registers);
+  }
+
+ private:
+  std::string file_;
+};
+
+// Write and restore: the groups that are given are written; the others keep the DAC's values, so nothing is
+// sent unless those can be read.
+class Change : public Calibrate {
+ public:
+  void carryOut(Session& session) override {
+    const DacRegisters before = read(session);
+    DacRegisters wanted = before;
+    for (std::size_t n = 0; n < groups_.size(); ++n) {
+      std::ranges::copy(groups_.at(n), bytesOf(wanted, client::kDacGroups.at(n)).begin());
+    }
+    demandSafePort(wanted);
+    client::writeCalibration(session.calibration(), card(), wanted);
+    try {
+      reportWrite(session, before, wanted, read(session));
+    } catch (const client::Error& e) {
+      throw std::runtime_error(fmt::format("written, but it could not be read back: {}", e.what()));
+    }
+  }
+
+ protected:
+  void takeForce(Form& form) {
+    form.flag(
+        {.name = "--force",
+         .text = "write also what puts the DAC's serial port at risk: bits 7 to 5 of register 0x00 (data "
+                 "direction, bit order, software reset)"},
+        force_);
+  }
+
+  Groups groups_;
+
+ private:
+  void demandSafePort(const DacRegisters& wanted) const {
+    const std::string risk = client::portRisk(wanted);
+    if (risk.empty() || force_) return;
+    throw std::runtime_error(fmt::format(
+        "slot {}: nothing was written: {}, and the card may then no longer reach the DAC; give other "
+        "common bytes, or --force",
+        slot() + 1, risk));
+  }
+
+  void demandEqual(const DacRegisters& before, const DacRegisters& wanted, const DacRegisters& after) const {
+    if (after == wanted) return;
+    const char* advice = after == before
+                             ? "the DAC has its old values: the request was lost; write again"
+                             : "read again; another client may have written, or the DAC is faulty";
+    throw std::runtime_error(fmt::format("slot {}: the DAC reads back other bytes than written:\n{}{}",
+                                         slot() + 1, differenceText(wanted, after), advice));
+  }
+
+  void reportWrite(Session& session, const DacRegisters& before, const DacRegisters& wanted,
+                   const DacRegisters& after) const {
+    if (json) {
+      session.print(jsonText({{"before", calibrationJson(card(), before)},
+                              {"written", calibrationJson(card(), wanted)},
+                              {"read_back", calibrationJson(card(), after)},
+                              {"equal", after == wanted}}));
+    }
+    demandEqual(before, wanted, after);
+    if (!json) {
+      session.print(fmt::format("slot {}: 13 bytes written, and the DAC reads back the same.\n{}", slot() + 1,
+                                differenceText(before, wanted)));
+    }
+    if (before == wanted) {
+      session.note(
+          "the DAC had these values before, so the read-back does not show that the request came through");
+    }
+    session.note(fmt::format(
+        "this proves the DAC, not the EEPROM: restart the card and 'qamcal read {}' to see that the "
+        "EEPROM kept them",
+        slot() + 1));
+  }
+
+  bool force_ = false;
+};
+
+class Write final : public Change {
+ public:
+  void describe(Form& form) override {
+    takeSlot(form);
+    for (std::size_t n = 0; n < client::kDacGroups.size(); ++n) {
+      const client::DacGroup& group = client::kDacGroups.at(n);
+      const int count = static_cast<int>(group.count);
+      form.values({.name = fmt::format("--{}", group.name),
+                   .text = fmt::format("registers 0x{:02x} to 0x{:02x}; without it they keep their values",
+                                       group.first, group.first + group.count - 1),
+                   .type = "BYTE",
+                   .least = count,
+                   .most = count},
+                  groups_.at(n), parseHexByte);
+    }
+    takeForce(form);
+  }
+
+  void prepare(Surroundings& /*surroundings*/) override {
+    if (std::ranges::all_of(groups_, [](const auto& bytes) { return bytes.empty(); }))
+      throw WrongCall("write wants at least one of --common, --i and --q");
+  }
+};
+
+class Restore final : public Change {
+ public:
+  void describe(Form& form) override {
+    takeSlot(form);
+    takeFile(form, {.name = "file", .text = "a file that save wrote", .type = "FILE.json", .required = true},
+             file_, false);
+    takeForce(form);
+  }
+
+  void prepare(Surroundings& surroundings) override {
+    const SavedCalibration saved = loadCalibration(file_);
+    if (saved.slot != slot() + 1)
+      surroundings.notes.push_back(fmt::format("{} was not saved from slot {}", file_, slot() + 1));
+    for (std::size_t n = 0; n < groups_.size(); ++n) {
+      const auto bytes = bytesOf(saved.registers, client::kDacGroups.at(n));
+      groups_.at(n).assign(bytes.begin(), bytes.end());
+    }
+  }
+
+ private:
+  std::string file_;
+};
+
+class Watch final : public Calibrate {
+ public:
+  void describe(Form& form) override {
+    takeSlot(form);
+    // The service takes a request every 100 ms.
+    form.number({.name = "--every", .text = "seconds between two looks", .type = "S"}, every_s_, 0.1, 3600);
+  }
+
+  void carryOut(Session& session) override {
+    session.holdSignals(true);
+    DacRegisters last = read(session);
+    show(session, last);
+    for (bool answered = true; session.pause(std::chrono::milliseconds(static_cast<int>(every_s_ * 1000)));) {
+      try {
+        const DacRegisters now = read(session);
+        if (!answered) session.note(timeNow() + " the service answers again");
+        if (now != last) showChange(session, last, now);
+        last = now;
+        answered = true;
+      } catch (const client::Error& e) {
+        if (answered) session.note(fmt::format("{} {}", timeNow(), e.what()));
+        answered = false;
+      }
+    }
+  }
+
+ private:
+  void showChange(Session& session, const DacRegisters& from, const DacRegisters& to) const {
+    Json line = calibrationJson(card(), to);
+    line["time"] = timeNow();
+    session.print(json ? line.dump() + "\n" : fmt::format("{}\n{}", timeNow(), differenceText(from, to)));
+  }
+
+  double every_s_ = 1;
+};
+
+void describeShared(Form& form, Shared& shared) {
+  form.number(
+      {.name = "--timeout", .text = "seconds to wait for a reply; asked again each second", .type = "S"},
+      shared.timeout_s, 0.05, 600);
+  form.flag({.name = "--json", .text = "as JSON"}, shared.json);
+}
+
+}  // namespace
+
+Group calibrationCommands() {
+  return {
+      .name = "cal",
+      .text = "The calibration of a card's DAC (qamcal is another name for it)",
+      .footer =
+          "N is the slot of the card, 1 to 6. Bytes are in hex: registers 0x00 to 0x04 of the DAC are "
+          "common, 0x05 "
+          "to\n"
+          "0x08 gain and offset of I, 0x09 to 0x0c those of Q. The service asks for no password: every user "
+          "who "
+          "reaches it\n"
+          "may calibrate.\n"
+          "\n"
+          "Examples:\n"
+          "  qamcal read 1\n"
+          "  qamcal write 1 --i 10 0f 40 00 --q 0c 0f 00 00\n"
+          "  qamcal write 1 --common 04 00 00 00 00\n"
+          "  qamcal save 1 card.json\n"
+          "  qamcal --server 192.0.2.7:49156 restore 1 card.json\n"
+          "  qamcal watch 1 --every 5\n"
+          "\n"
+          "Exit codes: 0 done; 1 the request could not be carried out (no reply, the DAC reads back "
+          "something "
+          "else, values\n"
+          "that need --force, file error); 2 wrong call.",
+      .commands = {{"read", "Show what the DAC holds", Needs::kCalibration, make<Read>},
+                   {"write", "Write the DAC and the EEPROM, and read the DAC back", Needs::kCalibration,
+                    make<Write>},
+                   {"save", "Save what the DAC holds to a file", Needs::kCalibration, make<Save>},
+                   {"restore", "Write what a file holds, as write does", Needs::kCalibration, make<Restore>},
+                   {"watch", "Show what the DAC holds, then each change until Ctrl-C", Needs::kCalibration,
+                    make<Watch>, true}},
+      .describe = describeShared};
+}
+
+}  // namespace commands

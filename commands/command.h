@@ -1,0 +1,159 @@
+// A management command: what a user may call, in two steps. First it is prepared: its command line is parsed
+// and its files are read, without a chassis. Then it is carried out in a session: over sockets by `qamctl`,
+// in virtual time by `headend --do`.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "client/calibration.h"
+#include "client/link.h"
+#include "client/pid_map_upload.h"
+#include "commands/form.h"
+#include "protocol/channel.h"
+
+namespace commands {
+
+// What a command uses while it is carried out.
+class Session {
+ public:
+  Session() = default;
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  virtual ~Session() = default;
+
+  virtual client::Link& link() = 0;                         // throws client::Error
+  virtual client::CalibrationLink& calibration() = 0;       // throws client::Error
+  virtual std::string chassis() const = 0;                  // its name, for messages
+  virtual void print(const std::string& text) = 0;          // the result, in whole lines
+  virtual void note(const std::string& text) = 0;           // a sentence beside the result
+  virtual void progress(const std::string& /*text*/) {}     // replaces the text before; empty: none
+  virtual std::filesystem::path rescueFolder() const = 0;   // for what was there before; empty: none is kept
+  virtual std::optional<client::InputCounts> inputs() = 0;  // of source cards; nullopt: unknown
+  // Waits for that time of the chassis. False: the user wants the command to end. Only while `holdSignals` is
+  // on does a signal of the user not end the program at once.
+  virtual bool pause(std::chrono::milliseconds time) = 0;
+  virtual void holdSignals(bool /*hold*/) {}
+  virtual void showPanel(std::chrono::seconds patience) = 0;
+};
+
+// What is known before a command is carried out.
+struct Surroundings {
+  std::optional<client::InputCounts> inputs;  // of source cards; nullopt: unknown
+  bool attended = true;                       // a user can end the command
+  std::vector<std::string> notes{};           // filled by the commands
+};
+
+// What a command works on.
+struct Target {
+  std::optional<int> slot;  // of a card, from 0
+  std::optional<protocol::Channel> channel;
+  std::optional<protocol::SourcePort> input;
+};
+
+struct FileUse {
+  std::string name;  // of the option
+  std::filesystem::path file;
+  bool isWritten = false;
+};
+
+// Options that may also be given before the command's name.
+struct Shared {
+  bool json = false;
+  double timeout_s = 3;  // for a reply of the calibration service
+};
+
+class Command {
+ public:
+  Command() = default;
+  Command(const Command&) = delete;
+  Command& operator=(const Command&) = delete;
+  virtual ~Command() = default;
+
+  virtual void describe(Form& form) = 0;
+  // Reads files and checks what can be checked. Throws WrongCall, or std::runtime_error for a file that
+  // cannot be used.
+  virtual void prepare(Surroundings& /*surroundings*/) {}
+  // Throws std::exception.
+  virtual void carryOut(Session& session) = 0;
+
+  void share(const Shared& shared) {
+    json = json || shared.json;
+    timeout_s = shared.timeout_s;
+  }
+
+  Target target;
+  std::vector<FileUse> files;
+
+ protected:
+  // Values that several commands have; they are noted in `target` and `files`.
+  void takeChannel(Form& form);
+  void takeSlot(Form& form, bool required = true);
+  void takeFile(Form& form, const Option& option, std::string& file, bool isWritten);
+  void takeJson(Form& form) { form.flag({.name = "--json", .text = "as JSON"}, json); }
+
+  const protocol::Channel& channel() const { return target.channel.value(); }
+  int slot() const { return target.slot.value(); }
+
+  bool json = false;
+  double timeout_s = 0;
+};
+
+// The service of the chassis that a command uses.
+enum class Needs { kNothing, kChassis, kCalibration };
+
+// A row of the table of commands.
+struct Entry {
+  const char* name;
+  const char* text;
+  Needs needs;
+  std::unique_ptr<Command> (*make)();
+  bool needsTerminal = false;  // or at least a user, who ends it
+};
+template <typename T>
+std::unique_ptr<Command> make() {
+  return std::make_unique<T>();
+}
+
+// Commands about one subject. With a name they are called behind it: "psi load".
+struct Group {
+  std::string name{};
+  std::string text{};
+  std::string footer{};
+  std::vector<Entry> commands;
+  void (*describe)(Form& form, Shared& shared) = nullptr;  // options of the whole group; may be null
+};
+std::span<const Group> table();
+
+// A command that is called on a command line.
+struct Call {
+  const Entry* entry = nullptr;
+  std::unique_ptr<Command> command;
+};
+
+// The commands below a program's form. Must not be moved while the form is in use.
+class Calls {
+ public:
+  // All commands; or those of one group, called without the group's name.
+  explicit Calls(Form& program, const std::string& group = "");
+  Call called();  // once the program's form has been parsed
+
+ private:
+  struct Candidate {
+    Form form;
+    Call call;
+  };
+  std::vector<std::unique_ptr<Form>> groups_;
+  std::vector<Candidate> candidates_;
+  Shared shared_;
+};
+
+// The command of a line without a program, as "psi load 1.1 FILE". Throws WrongCall.
+Call parseCall(const std::vector<std::string>& words);
+
+}  // namespace commands

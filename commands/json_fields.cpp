@@ -1,0 +1,38 @@
+#include "commands/json_fields.h"
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+
+namespace commands {
+
+Json member(const Json& object, const char* key) {
+  return object.is_object() && object.contains(key) ? object[key] : Json();
+}
+
+std::optional<double> number(const Json& object, const char* key) {
+  const Json value = member(object, key);
+  return value.is_number() ? std::optional(value.get<double>()) : std::nullopt;
+}
+
+std::string oneLine(const Json& value) {
+  if (value.is_string()) return base::printable(value.get<std::string>());
+  if (value.is_number()) return fmt::format("{:g}", value.get<double>());
+  std::string text;
+  if (!value.is_array()) return text;
+  for (const Json& part : value) {
+    if (part.is_string()) text += (text.empty() ? "" : " | ") + base::printable(part.get<std::string>());
+  }
+  return text;
+}
+
+std::string whole(const Json& object, const char* key) {
+  const auto value = number(object, key);
+  return value ? fmt::format("{:.0f}", *value) : "?";
+}
+
+std::string jsonText(const Json& json) {
+  return json.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace commands

@@ -1,0 +1,132 @@
+// lcd, key and panel: the front panel, from a script and on a terminal.
+#include <fmt/format.h>
+#include <png.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include "client/chassis_services.h"
+#include "commands/families.h"
+#include "commands/json_fields.h"
+#include "commands/save_file.h"
+
+namespace commands {
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenKeys{20};  // gives the menu time, as a user's fingers do
+constexpr int kScale = 4;                              // pixels of the picture per LCD pixel
+constexpr int kFrame = 16;
+constexpr u8 kPixelColours[] = {0xB8, 0xD0, 0x40, 0x18, 0x28, 0x10, 0x40, 0x48, 0x50};  // RGB: off, on, frame
+enum Colour : u8 { kOff, kOn, kFrameColour };
+
+// An 8-bit picture with a palette, whole or not at all.
+std::vector<u8> pngOf(const protocol::LcdImage& lcd) {
+  constexpr int kWidth = protocol::kLcdWidth * kScale + 2 * kFrame;
+  constexpr int kHeight = protocol::kLcdHeight * kScale + 2 * kFrame;
+  std::vector<u8> picture(std::size_t{kWidth} * kHeight, kFrameColour);
+  for (int y = 0; y < protocol::kLcdHeight * kScale; ++y) {
+    for (int x = 0; x < protocol::kLcdWidth * kScale; ++x) {
+      const int at = (y + kFrame) * kWidth + kFrame + x;
+      picture[static_cast<std::size_t>(at)] = lcd.pixel(x / kScale, y / kScale) ? kOn : kOff;
+    }
+  }
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = kWidth;
+  image.height = kHeight;
+  image.format = PNG_FORMAT_RGB_COLORMAP;
+  image.colormap_entries = sizeof kPixelColours / 3;
+  png_alloc_size_t size = 0;
+  const auto write = [&](void* memory) {
+    if (png_image_write_to_memory(&image, memory, &size, 0, picture.data(), 0, kPixelColours) == 0)
+      throw std::runtime_error(fmt::format("cannot make the picture: {}", image.message));
+  };
+  write(nullptr);  // to get its size
+  std::vector<u8> png(size);
+  write(png.data());
+  return png;
+}
+
+class Lcd final : public Command {
+ public:
+  void describe(Form& form) override {
+    takeFile(form, {.name = "--png", .text = "save it as a picture in FILE instead", .type = "FILE"},
+             picture_, true);
+    takeJson(form);
+  }
+
+  void carryOut(Session& session) override {
+    const protocol::LcdImage lcd = client::readLcd(session.link());
+    if (!picture_.empty()) saveFile(picture_, pngOf(lcd));
+    Json rows = Json::array(), characters = Json::array();
+    for (int row = 0; row < protocol::kLcdRows; ++row) {
+      rows.push_back(lcd.text(row));
+      if (!json && picture_.empty()) session.print(lcd.text(row) + "\n");
+    }
+    for (const protocol::LcdCharacter& c : lcd.characters) {
+      if (c.inverse) characters.push_back({{"row", c.row}, {"x", c.x}});
+    }
+    if (json) session.print(jsonText({{"rows", std::move(rows)}, {"inverse", std::move(characters)}}));
+  }
+
+ private:
+  std::string picture_;
+};
+
+class Key final : public Command {
+ public:
+  void describe(Form& form) override {
+    form.values({.name = "KEY",
+                 .text = "up, down, left, right, ok or cancel",
+                 .type = "",
+                 .required = true,
+                 .most = kAny},
+                keys_, [](const std::string& name) {
+                  const auto key = protocol::keyOf(name);
+                  if (!key) {
+                    throw std::invalid_argument(
+                        fmt::format("'{}' is no key: up, down, left, right, ok or cancel", name));
+                  }
+                  return *key;
+                });
+    form.footer("The panel takes keys as fast as its menu can; up to 64 wait for it.");
+  }
+
+  void carryOut(Session& session) override {
+    for (const chassis::PanelKey key : keys_) {
+      client::pressKey(session.link(), key);
+      session.pause(kBetweenKeys);
+    }
+  }
+
+ private:
+  std::vector<chassis::PanelKey> keys_;
+};
+
+class PanelOnTerminal final : public Command {
+ public:
+  void describe(Form& form) override {
+    form.integer({.name = "--patience", .text = "seconds without an answer after which it ends", .type = "S"},
+                 patience_s_, 1, 86'400);
+    form.footer(
+        "Keys: the arrow keys, Enter and Esc are the panel's own; l changes the language of the alarms, p "
+        "shows the\n"
+        "LCD by its pixels where there is room, q, F10 and Ctrl-C quit. The headend goes on.");
+  }
+  void carryOut(Session& session) override { session.showPanel(std::chrono::seconds(patience_s_)); }
+
+ private:
+  unsigned patience_s_ = 30;
+};
+
+}  // namespace
+
+Group panelCommands() {
+  return {
+      .commands = {{"lcd", "Show what the front panel's LCD shows", Needs::kChassis, make<Lcd>},
+                   {"key", "Press keys of the front panel, one after the other", Needs::kChassis, make<Key>},
+                   {"panel", "Show the chassis's front panel on this terminal", Needs::kChassis,
+                    make<PanelOnTerminal>, true}}};
+}
+
+}  // namespace commands

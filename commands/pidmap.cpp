@@ -1,0 +1,185 @@
+// pidmap: loads, shows and clears the PID map of a channel, and ends a lock that was left behind.
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "client/channel_variables.h"
+#include "client/chassis_services.h"
+#include "client/pid_map_file.h"
+#include "client/pid_map_upload.h"
+#include "commands/families.h"
+#include "commands/map_options.h"
+#include "commands/pid_map_report.h"
+
+namespace commands {
+namespace {
+
+using client::ReleaseBy;
+using protocol::Channel;
+using protocol::MapEntry;
+
+std::optional<std::vector<chassis::RouterWords>> routerOf(Session& session, const Channel& channel) {
+  try {
+    return client::routerMap(session.link(), channel);
+  } catch (const client::Error& e) {
+    if (e.gotNoReply()) throw;
+    session.note(e.what());
+    return std::nullopt;
+  }
+}
+
+// Of a locked channel the map that is on the air: its record may be empty or half a map.
+std::string csvOf(const client::PidMap& map, const std::optional<std::vector<chassis::RouterWords>>& router) {
+  std::vector<MapEntry> entries = map.entries;
+  if (map.locked) {
+    if (!router) throw client::Error("the channel is locked, so its record may be incomplete");
+    entries = protocol::entriesOf(*router);
+  }
+  std::erase_if(entries, protocol::isBlank);
+  const char* remark =
+      map.locked ? "# the channel is locked: this is on the air, programme numbers and types unknown\n" : "";
+  return remark + client::mapFileText(entries);
+}
+
+// Load and clear: a file's map, or an empty one.
+class Replace : public Command {
+ public:
+  void carryOut(Session& session) override {
+    client::MapOptions options = mapOptions(session, channel());
+    options.nameOf = nameOf();
+    client::replaceMap(session.link(), channel(), map_.entries, options);
+    session.print(fmt::format("Channel {}: {} entries loaded, on the air\n", protocol::channelName(channel()),
+                              map_.entries.size()));
+  }
+
+ protected:
+  std::function<std::string(std::size_t)> nameOf() const {
+    return [this](std::size_t entry) { return fmt::format("{} line {}", file_, map_.lines.at(entry)); };
+  }
+
+  std::string file_;
+  client::MapFile map_;
+};
+
+class Clear final : public Replace {
+ public:
+  void describe(Form& form) override { takeChannel(form); }
+};
+
+class Load final : public Replace {
+ public:
+  void describe(Form& form) override {
+    takeChannel(form);
+    takeFile(form, {.name = "file", .text = "the map, as CSV", .type = "FILE.csv", .required = true}, file_,
+             false);
+    form.footer(
+        "The file begins with the line src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type; "
+        "then an entry a line, up to 256. Slots (1 to 6) and inputs (1 to 16) count from 1; numbers are "
+        "decimal "
+        "or 0x; lines that begin with # are left out. Each source goes onto a PID of its own, and the type "
+        "and "
+        "the programme numbers are only stored.\n"
+        "The map that was there is kept, until the new one is on the air, in "
+        "$XDG_STATE_HOME/qamctl/ADDR:PORT/pidmap-N.P.rescue.csv, else below ~/.local/state; an error puts it "
+        "back.");
+  }
+
+  void prepare(Surroundings& surroundings) override {
+    map_ = client::readMapFile(file_);
+    if (!surroundings.inputs) return;  // checked with the chassis's inputs
+    client::MapOptions options;
+    options.sources = surroundings.inputs;
+    options.nameOf = nameOf();
+    client::checkMap(map_.entries, options);
+  }
+};
+
+class Show final : public Command {
+ public:
+  void describe(Form& form) override {
+    takeChannel(form);
+    takeJson(form);
+    form.flag(
+        {.name = "--csv",
+         .text = "as a file for load; of a locked channel the map on the air, without programme numbers"},
+        csv_);
+    form.excludes("--csv", "--json");
+  }
+
+  void carryOut(Session& session) override {
+    const client::PidMap map = client::readMap(session.link(), channel());
+    const auto router = routerOf(session, channel());
+    if (csv_) return session.print(csvOf(map, router));
+    const Json report = pidMapReport(map, channel(), router);
+    session.print(json ? jsonText(report) : pidMapText(report));
+  }
+
+ private:
+  bool csv_ = false;
+};
+
+class Release final : public Command {
+ public:
+  void describe(Form& form) override {
+    takeChannel(form);
+    takeFile(form,
+             {.name = "--restore",
+              .text = "that map: a rescue file, which is then removed, or another",
+              .type = "FILE.csv"},
+             file_, false);
+    form.flag({.name = "--empty", .text = "no map: what stands in the record goes on the air, often nothing"},
+              empty_);
+    form.excludes("--empty", "--restore");
+    form.footer(
+        "Without --restore and --empty the map is sent that is on the air, which has lost its programme "
+        "numbers and types. First make sure that nobody is loading the channel.");
+  }
+
+  void prepare(Surroundings& /*surroundings*/) override {
+    if (!file_.empty()) entries_ = client::readMapFile(file_).entries;
+  }
+
+  void carryOut(Session& session) override {
+    const ReleaseBy by = !file_.empty() ? ReleaseBy::kMap : empty_ ? ReleaseBy::kRecord : ReleaseBy::kRouter;
+    const client::MapOptions options = mapOptions(session, channel());
+    const auto carried = client::releaseMap(session.link(), channel(), by, entries_, options);
+    dropServed(session, options.rescueFile);
+    session.print(fmt::format("Channel {}: released, {} entries on the air\n",
+                              protocol::channelName(channel()), carried.size()));
+  }
+
+ private:
+  // The rescue file has served once its map, whole, is on the air again.
+  void dropServed(Session& session, const std::filesystem::path& rescue) const {
+    std::error_code none;
+    if (!std::filesystem::exists(rescue, none)) return;
+    if (!file_.empty() && std::filesystem::equivalent(file_, rescue, none)) {
+      std::filesystem::remove(rescue, none);
+      return;
+    }
+    session.note(fmt::format(
+        "{} still holds the map from before a load that broke off: move it away, or the next load is refused",
+        rescue.string()));
+  }
+
+  std::string file_;
+  bool empty_ = false;
+  std::vector<MapEntry> entries_;
+};
+
+}  // namespace
+
+Group pidMapCommands() {
+  return {.name = "pidmap",
+          .text = "Which packets of which inputs a channel carries",
+          .commands = {{"load", "Replace the map by that of a file", Needs::kChassis, make<Load>},
+                       {"show", "Read the map back from the card, and from the chassis's router",
+                        Needs::kChassis, make<Show>},
+                       {"clear", "Replace the map by an empty one", Needs::kChassis, make<Clear>},
+                       {"release", "End a lock that was left behind, by sending a whole map under it",
+                        Needs::kChassis, make<Release>}}};
+}
+
+}  // namespace commands

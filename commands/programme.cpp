@@ -1,0 +1,160 @@
+// programme: adds a programme of an input to a channel, lists the programmes there, removes one.
+#include <fmt/format.h>
+
+#include <vector>
+
+#include "client/programme.h"
+#include "commands/families.h"
+#include "commands/map_options.h"
+#include "commands/programme_report.h"
+#include "commands/values.h"
+
+namespace commands {
+namespace {
+
+u16 baseOf(const std::string& text) {
+  const auto pid = base::parseNumber<u16>(text, kNullPid);
+  if (!pid || mpeg::isReservedPid(*pid)) {
+    throw std::invalid_argument(
+        fmt::format("'{}' is no PID from 0x20 to 0x1FFE, which programmes may have", text));
+  }
+  return *pid;
+}
+
+u16 streamIdOf(const std::string& text) {
+  const auto id = base::parseNumber<u16>(text);
+  if (!id) throw std::invalid_argument(fmt::format("'{}' is no transport_stream_id", text));
+  return *id;
+}
+
+class Change : public Command {
+ protected:
+  client::ProgrammeOptions optionsFor(Session& session) const {
+    client::ProgrammeOptions options;
+    options.map = mapOptions(session, channel());
+    const auto folder = session.rescueFolder();
+    if (!folder.empty())
+      options.tablesFile = folder / fmt::format("psi-{}.rescue.ts", protocol::channelName(channel()));
+    return options;
+  }
+
+  void report(Session& session, const client::ProgrammePlan& plan, const char* done) const {
+    for (const std::string& note : plan.notes) session.note(note);
+    const std::string name = protocol::channelName(channel());
+    if (json) {
+      return session.print(jsonText({{"channel", name},
+                                     {"number", plan.number},
+                                     {"name", plan.name},
+                                     {"pmt_pid", plan.pmtPid},
+                                     {"map_entries", plan.map.size()},
+                                     {"notes", plan.notes}}));
+    }
+    session.print(
+        fmt::format("Channel {}: programme {} '{}' {} (PMT PID {:#06x}); the PID map has {} entries\n", name,
+                    plan.number, plan.name, done, plan.pmtPid, plan.map.size()));
+  }
+
+  std::string service_;
+};
+
+class Add final : public Change {
+ public:
+  void describe(Form& form) override {
+    takeJson(form);
+    takeChannel(form);
+    form.value({.name = "--from",
+                .text = "the input that carries the programme",
+                .type = "SLOT.INPUT",
+                .required = true},
+               target.input, inputOf);
+    form.text({.name = "--service",
+               .text = "a programme number, or the service's name, in capitals or not",
+               .type = "NAME|NUMBER",
+               .required = true},
+              service_);
+    form.value({.name = "--pid",
+                .text = "take free PIDs from here on; else the lowest free block from 0x100",
+                .type = "BASE"},
+               add_.base, baseOf);
+    form.values(
+        {.name = "--pass",
+         .text = "route a PID of the input as it is, repeatable: 0x12 for the EIT (the SDT's EIT flags "
+                 "follow), 0x14 for TDT and TOT, or one from 0x20 on",
+         .type = "PID",
+         .repeatable = true},
+        add_.pass, pidOf);
+    form.value({.name = "--ts-id",
+                .text = "the transport_stream_id of a channel that has neither PAT nor SDT",
+                .type = "NUMBER"},
+               add_.transportStreamId, streamIdOf);
+    form.number({.name = "--seconds", .text = "how long to wait for each table of the input", .type = "S"},
+                seconds_, 0, 600);
+    form.footer(
+        "The PIDs of the programme are mapped to free ones of the channel, and PAT, PMT, SDT and (for a "
+        "scrambled one) CAT are made to match; transport_stream_id and original_network_id stay the "
+        "channel's. "
+        "A programme that is there already is brought up to date.\n"
+        "What the channel had is kept, until all of the new is on the air, in pidmap-N.P.rescue.csv and "
+        "psi-N.P.rescue.ts where 'pidmap load' keeps its map; an error puts it back.\n"
+        "\nExamples:\n"
+        "  qamctl programme add 1.1 --from 2.1 --service News --pass 0x12 --pass 0x14\n"
+        "  qamctl programme add 1.2 --from 2.2 --service 101 --pid 0x400");
+  }
+
+  void carryOut(Session& session) override {
+    client::ProgrammeOptions options = optionsFor(session);
+    options.add = add_;
+    options.patience = std::chrono::milliseconds(static_cast<int>(seconds_ * 1000));
+    report(session, client::addProgramme(session.link(), channel(), target.input.value(), service_, options),
+           "added");
+  }
+
+ private:
+  client::AddOptions add_;
+  double seconds_ = 5;
+};
+
+class Remove final : public Change {
+ public:
+  void describe(Form& form) override {
+    takeJson(form);
+    takeChannel(form);
+    form.text({.name = "service",
+               .text = "its number on the channel, or its name",
+               .type = "NAME|NUMBER",
+               .required = true},
+              service_);
+    form.footer("Example: qamctl programme remove 1.1 News");
+  }
+  void carryOut(Session& session) override {
+    report(session, client::removeProgramme(session.link(), channel(), service_, optionsFor(session)),
+           "removed");
+  }
+};
+
+class List final : public Command {
+ public:
+  void describe(Form& form) override {
+    takeJson(form);
+    takeChannel(form);
+  }
+  void carryOut(Session& session) override {
+    const Json report =
+        programmeReport(channel(), client::programmesOf(client::readOutput(session.link(), channel())));
+    session.print(json ? jsonText(report) : programmeText(report));
+  }
+};
+
+}  // namespace
+
+Group programmeCommands() {
+  return {.name = "programme",
+          .text = "The programmes that a channel carries",
+          .commands = {{"add", "Take a programme of an input into the channel", Needs::kChassis, make<Add>},
+                       {"list", "Show the programmes, their PIDs and where these come from", Needs::kChassis,
+                        make<List>},
+                       {"remove", "Take a programme out, with every PID whose last user it was",
+                        Needs::kChassis, make<Remove>}}};
+}
+
+}  // namespace commands

@@ -1,0 +1,115 @@
+#include "commands/status_report.h"
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+#include "commands/json_fields.h"
+
+namespace commands {
+namespace {
+
+constexpr double kLongLock_s = 10;  // an upload takes much less
+
+std::string tablesOf(const Json& channel) {
+  std::string text;
+  const Json tables = member(channel, "tables");
+  for (const auto& [name, table] : tables.items()) {
+    const auto posted = number(table, "posted");
+    if (!posted || *posted <= 0) continue;
+    text += fmt::format(" {} {:.0f}/{}", base::printable(name), *posted, whole(table, "set_ticks"));
+  }
+  return text.empty() ? " none" : text;
+}
+
+std::string channelText(const std::string& name, const Json& channel) {
+  const Json packets = member(channel, "packets");
+  std::string text = fmt::format("    {:<4} {:>12} {:>12} {:>12} {:>12} {:>12}\n", name,
+                                 whole(channel, "bit_rate"), whole(packets, "total"), whole(packets, "psi"),
+                                 whole(packets, "routed"), whole(packets, "null"));
+  text += fmt::format("         tables (posted/interval):{}\n", tablesOf(channel));
+  const auto locked = number(channel, "locked_seconds");
+  if (locked && *locked > kLongLock_s) {
+    text += fmt::format(
+        "         LOCKED for {:.0f} s and silent: its upload broke off. 'qamctl psi load {} FILE --force' "
+        "loads it anew, 'qamctl psi clear {} --force' leaves it empty\n",
+        *locked, name, name);
+  } else if (locked) {
+    text += fmt::format("         locked for {:.0f} s: an upload is under way\n", *locked);
+  }
+  return text;
+}
+
+std::string cardText(const Json& card) {
+  const std::string slot = whole(card, "slot");
+  std::string text = fmt::format("slot {}: {}", slot, oneLine(member(card, "state")));
+  if (const auto ms = number(card, "startup_ms")) text += fmt::format(", started in {:.0f} ms", *ms);
+  if (const std::string lcd = oneLine(member(card, "lcd")); !lcd.empty())
+    text += fmt::format(", LCD: {}", lcd);
+  text += '\n';
+  const Json channels = member(card, "channels");
+  if (!channels.is_array() || channels.empty()) return text;
+  text += fmt::format("    {:<4} {:>12} {:>12} {:>12} {:>12} {:>12}\n", "", "bit/s", "packets", "PSI",
+                      "routed", "null");
+  for (std::size_t i = 0; i < channels.size(); ++i) {
+    text += channelText(fmt::format("{}.{}", slot, i + 1), channels[i]);
+  }
+  return text;
+}
+
+// Kinds and their counts, or the number of entries of a list.
+std::string faultsText(const Json& status, const char* key, const char* title) {
+  const Json faults = member(status, key);
+  if (faults.empty()) return "";
+  if (!faults.is_object()) return fmt::format("{}: {}\n", title, faults.size());
+  std::string text;
+  for (const auto& [kind, count] : faults.items()) {
+    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", base::printable(kind), oneLine(count));
+  }
+  return fmt::format("{}: {}\n", title, text);
+}
+
+}  // namespace
+
+std::optional<Json> statusOf(client::Link& link) {
+  const protocol::Reply reply = link.call(protocol::makeRequest(protocol::Operation::kStatus, 0, 0, 0, {}));
+  if (reply.result != protocol::kDone) return std::nullopt;
+  constexpr int kMaxDepth = 16;  // more than any status has; deeper levels are not shown
+  const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth < kMaxDepth; };
+  Json status = Json::parse(reply.data.begin(), reply.data.end(), shallow, false);
+  return status.is_object() ? std::optional(std::move(status)) : std::nullopt;
+}
+
+std::optional<client::InputCounts> inputsOf(const Json& status) {
+  const Json cards = member(status, "sources");
+  if (!cards.is_array()) return std::nullopt;
+  client::InputCounts counts;
+  for (const Json& card : cards) {
+    const auto slot = number(card, "slot");
+    const Json inputs = member(card, "inputs");
+    if (!slot || *slot < 1 || *slot > MAX_BOARD_NUM || !inputs.is_array()) return std::nullopt;
+    counts[static_cast<u16>(*slot - 1)] = static_cast<u32>(inputs.size());
+  }
+  return counts;
+}
+
+std::optional<double> auxHzOf(const Json& status) {
+  const auto hz = number(status, "aux_hz");
+  return hz && *hz > 0 ? hz : std::nullopt;
+}
+
+std::string statusText(const Json& status) {
+  std::string text;
+  if (const auto seconds = number(status, "virtual_seconds"))
+    text += fmt::format("running for {:.1f} s", *seconds);
+  if (const auto hz = auxHzOf(status))
+    text += fmt::format("{}{:.0f} ticks a second", text.empty() ? "" : ", ", *hz);
+  if (!text.empty()) text += '\n';
+  for (const Json& card : member(status, "cards")) {
+    if (card.is_object()) text += cardText(card);
+  }
+  text += faultsText(status, "assertion_failures", "failed checks");
+  text += faultsText(status, "protocol_violations", "protocol violations");
+  return text.empty() ? "the chassis tells nothing\n" : text;
+}
+
+}  // namespace commands

@@ -2,6 +2,7 @@
 # Paths to QAM-HEADEND-MIB and the modules that it needs, for smilint and smidump (SMIPATH) and for the programs of
 # Net-SNMP (MIBDIRS, MIBS). Needs the packages erlang-snmp and libsnmp-base. In bash:
 #
+#   build/gcc/tools/qamctl mib > mibs/QAM-HEADEND-MIB.txt
 #   . mibs/paths.sh
 #   snmptranslate -Td QAM-HEADEND-MIB::slot1Level
 #

@@ -3,6 +3,7 @@
 what it says of the cards' objects is what qamctl lets an operator set."""
 import json
 import os
+import re
 import subprocess
 import xml.etree.ElementTree as ElementTree
 
@@ -21,6 +22,7 @@ VARIABLES = {  # object of a slot: qamctl's name; those of channel 2 begin with 
 VARIABLES |= {'Ch2' + stem: name + '2' for stem, name in VARIABLES.items() if not stem.endswith('Version')}
 SUFFIX = dict(zip(VARIABLES, [*((1, 19, 1, n) for n in range(1, 4)), *((2, 51, 1, n) for n in range(3, 9)),
                               *((3, 51, 1, n) for n in range(11, 17))]))  # of its OID, after the slot's component
+STEPS = {'Level': ['0.5 dBuV'], 'Ch2Level': ['0.5 dBuV'], 'SymbolRate': ['125 kBd']}  # told in the description
 ALARM = ['qamAlarmSlot', 'qamAlarmPort', 'qamAlarmType', 'qamAlarmEnglishText', 'qamAlarmChineseText']
 NOTIFICATIONS = {'qamAlarmRaised': '0.1', 'qamAlarmCleared': '0.2'}
 
@@ -56,6 +58,7 @@ def other_programs_find_no_fault_below_any_base(case):
     for base in BASES:
         tools = Tools(case, base)
         case.equal(tools.lint(tools.file), '', f'smilint of the module below {base}')
+        case.check(max(map(len, harness.read(tools.file).splitlines())) <= 80, f'long lines below {base}')
         tree = tools.module()
         got = {node.get('name'): node.get('oid') for node in (*tree.iter('scalar'), *tree.iter('notification'))}
         wanted = {f'slot{slot}{stem}': '.'.join(map(str, (base, slot + 1, *suffix)))
@@ -69,18 +72,21 @@ def objects_are_described_as_qamctl_sets_them(case):
     tree = Tools(case).module()
     listed = case.execute([case.args.qamctl, 'var', 'list', '--json']).text
     variables = {each['name']: each for each in json.loads(listed)}
-    conventions = {each.get('name'): sorted(int(label.get('number')) for label in each.iter('namednumber'))
-                   for each in tree.find('typedefs')}
+    conventions = {each.get('name'): sorted((int(label.get('number')), label.get('name'))
+                                            for label in each.iter('namednumber')) for each in tree.find('typedefs')}
     scalars = {scalar.get('name'): scalar for scalar in tree.iter('scalar')}
     for stem, name in VARIABLES.items():
         variable, limits = variables[name], variables[VARIABLES[stem.removeprefix('Ch2')]]  # a reading has no limits
         writes, above = variable['writable'] or stem == 'Ch2PowerSwitch', 8000 if stem == 'Ch2Frequency' else 0
         for slot in range(1, 7):
             scalar = scalars[f'slot{slot}{stem}']
+            described = ' '.join(scalar.findtext('description').split())
+            case.equal(re.findall(r'in steps of (\S+ \w+)', described, re.I), STEPS.get(stem, []), f'steps of {stem}')
             case.equal(scalar.findtext('access'), 'readwrite' if writes else 'readonly', f'access of {stem}')
             if 'values' in variable:
                 labels = conventions[scalar.find('syntax/type').get('name')]
-                case.equal(labels, sorted(each['value'] for each in variable['values']), f'values of {stem}')
+                case.equal(labels, sorted((each['value'], re.sub(r'(\d+)-QAM', r'qam\1', each['name']))
+                                          for each in variable['values']), f'values of {stem}')
             elif variable['kind'] != 'text':
                 limit = scalar.find('.//range')
                 case.equal((int(limit.get('min')), int(limit.get('max'))),

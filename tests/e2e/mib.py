@@ -39,7 +39,7 @@ class Tools:
                                capture_output=True, check=True).stdout.decode()
         self.environment = dict(line.split('=', 1) for line in paths.split('\0') if line)
         os.makedirs(case.path('persistent', 'cert_indexes'), exist_ok=True)  # prevents a message about its creation
-        self.environment |= {name: f'{self.folder}:{self.environment[name]}' for name in ('MIBDIRS', 'SMIPATH')}
+        self.environment |= {name: f'{self.environment[name]}:{self.folder}' for name in ('MIBDIRS', 'SMIPATH')}
         self.environment |= {'HOME': case.folder, 'SNMPCONFPATH': case.folder,
                              'SNMP_PERSISTENT_DIR': case.path('persistent')}
 

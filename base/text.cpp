@@ -2,10 +2,11 @@
 
 #include <iconv.h>
 
-#include <algorithm>
 #include <array>
+#include <boost/locale/utf.hpp>
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -13,29 +14,8 @@
 namespace base {
 namespace {
 
-using CodePoint = char32_t;
-
-struct Decoded {
-  CodePoint point;
-  std::size_t size;  // 0 if the bytes are not UTF-8
-};
-
-Decoded decodeUtf8(std::string_view text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char first = byte(0);
-  if (first < 0x80) return {.point = first, .size = 1};
-  const std::size_t size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-  if (first < 0xC2 || first > 0xF4 || text.size() < size) return {.point = 0, .size = 0};
-  CodePoint point = first & (0x7Fu >> size);
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return {.point = 0, .size = 0};
-    point = point << 6 | (byte(i) & 0x3Fu);
-  }
-  constexpr std::array<CodePoint, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
-  const bool surrogate = point >= 0xD800 && point <= 0xDFFF;
-  if (point < kSmallest[size] || point > 0x10FFFF || surrogate) return {.point = 0, .size = 0};
-  return {.point = point, .size = size};
-}
+using Utf8 = boost::locale::utf::utf_traits<char>;
+using CodePoint = boost::locale::utf::code_point;
 
 // Characters that act on the terminal or on the order of what stands around them; U+E080 to U+E09F are the
 // controls of DVB in tables of more than one byte a character.
@@ -102,29 +82,22 @@ std::string gbkOfUtf8(std::string_view utf8) {
 }
 
 void appendUtf8(std::string& text, char32_t character) {
-  if (character < 0x80) {
-    text += static_cast<char>(character);
-  } else if (character < 0x800) {
-    text += static_cast<char>(0xC0 | character >> 6);
-    text += static_cast<char>(0x80 | (character & 0x3F));
-  } else {  // all these characters are in the first plane
-    text += static_cast<char>(0xE0 | (character >> 12 & 0xF));
-    text += static_cast<char>(0x80 | (character >> 6 & 0x3F));
-    text += static_cast<char>(0x80 | (character & 0x3F));
-  }
+  Utf8::encode(character, std::back_inserter(text));
 }
 
 std::string printable(std::string_view text) {
   std::string result;
-  while (!text.empty()) {
-    const auto [point, size] = decodeUtf8(text);
-    if (size == 0)
+  for (const char* at = text.data(); at != text.data() + text.size();) {
+    const char* const start = at;
+    const CodePoint point = Utf8::decode(at, text.data() + text.size());
+    if (!boost::locale::utf::is_valid_codepoint(point)) {
       result += kReplacement;
-    else if (breaksLine(point))
+      at = start + 1;
+    } else if (breaksLine(point)) {
       result += ' ';
-    else if (!isHidden(point))
-      result += text.substr(0, size);
-    text.remove_prefix(std::max<std::size_t>(size, 1));
+    } else if (!isHidden(point)) {
+      result.append(start, at);
+    }
   }
   return result;
 }

@@ -8,8 +8,8 @@
 #include "platform/alarms.h"
 #include "platform/backend.h"
 #include "platform/mainboard.h"
-#include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ts/qamPsi.h"
 
 namespace os {
 extern "C" {

@@ -15,6 +15,7 @@
 #include "platform/memory.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ts/qamPidMap.h"
 #include "ui/qamMenu.h"
 #include "ui/qamSnmp.h"
 #include "ui/qamStatus.h"

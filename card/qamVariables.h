@@ -30,3 +30,11 @@ enum QamVariable : u32 {
 };
 
 inline constexpr u32 kChannelSpacing_kHz = 8000;  // from channel 1 to channel 2
+
+// Bounds of a setting, in its unit. The card does not check them: its menus, the chassis and clients do.
+struct QamBounds {
+  u32 least, most;
+};
+inline constexpr QamBounds kFrequencyBounds = {52000, 1000000};
+inline constexpr QamBounds kLevelBounds = {950, 1150};
+inline constexpr QamBounds kSymbolRateBounds = {5000, 7000};

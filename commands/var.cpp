@@ -38,8 +38,8 @@ Json listed(const CardVariable& variable) {
                 {"kind", variable.kind == VariableKind::kText ? "text" : "number"},
                 {"writable", variable.writable}};
   if (variable.writable) {
-    entry["least"] = variable.least;
-    entry["most"] = variable.most;
+    entry["least"] = variable.bounds.least;
+    entry["most"] = variable.bounds.most;
     entry["step"] = variable.step;
   }
   Json values = Json::array();

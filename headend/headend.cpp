@@ -156,7 +156,7 @@ void Headend::openMib(int slot) {
   const chassis::card& card = *chassis_.slot(slot).descriptor;
   if (card.mibRegister == nullptr || state(slot) != CardState::kRunning) return;
   std::vector<u32> base = options_.snmp.base;
-  base.push_back(protocol::kMibFirstSlot + static_cast<u32>(slot));
+  base.push_back(kMibFirstSlot + static_cast<u32>(slot));
   card.mibRegister(base.data(), static_cast<int>(base.size()));
 }
 

@@ -2,6 +2,7 @@
 # Paths to QAM-HEADEND-MIB and the modules that it needs, for smilint and smidump (SMIPATH) and for the programs of
 # Net-SNMP (MIBDIRS, MIBS). Needs the packages erlang-snmp and libsnmp-base. In bash:
 #
+#   build/gcc/tools/qamctl mib > build/QAM-HEADEND-MIB.txt
 #   . mibs/paths.sh
 #   snmptranslate -Td QAM-HEADEND-MIB::slot1Level
 #
@@ -11,7 +12,7 @@
 
 _qam_mibs() {
   local own base
-  own=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd) || return
+  own=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build || return  # not here: Net-SNMP would read the template
   base=$(dpkg -L erlang-snmp 2>/dev/null | sed -n 's|/SNMPv2-SMI\.mib$||p') || true
   if [[ -z $base || ! -e /usr/share/snmp/mibs/NET-SNMP-MIB.txt ]]; then
     echo "The modules that QAM-HEADEND-MIB needs are missing: install erlang-snmp and libsnmp-base." >&2

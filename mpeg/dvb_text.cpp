@@ -21,27 +21,14 @@ Coding codingOf(std::span<const u8> text) {
   if (selector >= 0x01 && selector <= 0x0B && selector != 0x08) {
     return {.table = fmt::format("ISO-8859-{}", selector + 4), .selection = 1, .byteControls = true};
   }
-  switch (selector) {
-    case 0x10: {
-      const bool known = text.size() >= 3 && text[1] == 0 && text[2] >= 1 && text[2] <= 15 && text[2] != 12;
-      return {
-          .table = known ? fmt::format("ISO-8859-{}", text[2]) : "", .selection = 3, .byteControls = true};
-    }
-    case 0x11:
-      return {.table = "UCS-2BE", .selection = 1, .byteControls = false};
-    case 0x12:
-      return {.table = "EUC-KR", .selection = 1, .byteControls = false};
-    case 0x13:
-      return {.table = "GBK", .selection = 1, .byteControls = false};
-    case 0x14:
-      return {.table = "BIG5", .selection = 1, .byteControls = false};
-    case 0x15:
-      return {.table = "UTF-8", .selection = 1, .byteControls = false};
-    case 0x1F:
-      return {.table = "", .selection = 2, .byteControls = true};
-    default:
-      return {.table = "", .selection = 1, .byteControls = true};
+  if (selector == 0x10) {
+    const bool known = text.size() >= 3 && text[1] == 0 && text[2] >= 1 && text[2] <= 15 && text[2] != 12;
+    return {.table = known ? fmt::format("ISO-8859-{}", text[2]) : "", .selection = 3, .byteControls = true};
   }
+  constexpr const char* kWide[] = {"UCS-2BE", "EUC-KR", "GBK", "BIG5", "UTF-8"};
+  if (selector >= 0x11 && selector <= 0x15)
+    return {.table = kWide[selector - 0x11], .selection = 1, .byteControls = false};
+  return {.table = "", .selection = selector == 0x1F ? 2U : 1U, .byteControls = true};
 }
 
 std::string onlyAscii(const std::string& bytes) {

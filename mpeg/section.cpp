@@ -1,28 +1,14 @@
 #include "mpeg/section.h"
 
 #include <algorithm>
-#include <array>
+#include <boost/crc.hpp>
 
 namespace mpeg {
-namespace {
-
-constexpr std::array<u32, 256> makeCrcTable() {
-  std::array<u32, 256> table{};
-  for (u32 byte = 0; byte < 256; ++byte) {
-    u32 crc = byte << 24;
-    for (int bit = 0; bit < 8; ++bit) crc = crc << 1 ^ ((crc >> 31) != 0 ? 0x04C11DB7u : 0u);
-    table[byte] = crc;
-  }
-  return table;
-}
-constexpr std::array<u32, 256> kCrcTable = makeCrcTable();
-
-}  // namespace
 
 u32 crc32(std::span<const u8> bytes) {
-  u32 crc = 0xFFFFFFFF;
-  for (const u8 byte : bytes) crc = crc << 8 ^ kCrcTable[crc >> 24 ^ byte];
-  return crc;
+  boost::crc_optimal<32, 0x04C11DB7, 0xFFFFFFFF> crc;
+  crc.process_bytes(bytes.data(), bytes.size());
+  return crc.checksum();
 }
 
 std::vector<u16> programmeMapPids(const Section& pat) {

@@ -3,42 +3,45 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <charconv>
+#include <algorithm>
 #include <stdexcept>
 
-#include "card/qamVariables.h"
+#include "base/numbers.h"
 
 namespace protocol {
 namespace {
 
+constexpr const char* kText = "DisplayString (SIZE (0..15))";  // large enough for the card's texts
+
 // clang-format off
-constexpr MibRow kRows[] = {
-    {{1, 19, 1, 1}, kVarHardwareVersion, false, "HardwareVersion", "Version of the card's board."},
-    {{1, 19, 1, 2}, kVarSoftwareVersion, false, "SoftwareVersion", "Version of the card's software."},
-    {{1, 19, 1, 3}, kVarFpgaVersion, false, "FpgaVersion", "Version of the card's FPGA."},
+constexpr MibText kTexts[] = {
+    {kVarHardwareVersion, "HardwareVersion", kText, "Version of the card's board."},
+    {kVarSoftwareVersion, "SoftwareVersion", kText, "Version of the card's software."},
+    {kVarFpgaVersion, "FpgaVersion", kText, "Version of the card's FPGA."},
 
-    {{2, 51, 1, 3}, kVarConstellation, true, "Constellation", "Constellation of both channels."},
-    {{2, 51, 1, 4}, kVarFrequency, true, "Frequency", "Carrier of channel 1. That of channel 2 is 8000 kHz above."},
-    {{2, 51, 1, 5}, kVarLevel, true, "Level", "Output level of both channels."},
-    {{2, 51, 1, 6}, kVarQamSwitch, true, "RfSwitch", "Modulation of both channels."},
-    {{2, 51, 1, 7}, kVarPower, true, "PowerSwitch", "Supplies of the output, for both channels."},
-    {{2, 51, 1, 8}, kVarSymbolRate, true, "SymbolRate", "Symbol rate of both channels."},
+    {kVarConstellation, "Constellation", "QamConstellation", "Constellation of both channels."},
+    {kVarFrequency, "Frequency", "Integer32", "Carrier of channel 1. That of channel 2 is 8000 kHz above."},
+    {kVarLevel, "Level", "QamTenthDBuV", "Output level of both channels."},
+    {kVarQamSwitch, "RfSwitch", "QamRfSwitch", "Modulation of both channels."},
+    {kVarPower, "PowerSwitch", "QamPowerSwitch", "Supplies of the output, for both channels."},
+    {kVarSymbolRate, "SymbolRate", "Integer32", "Symbol rate of both channels."},
 
-    {{3, 51, 1, 11}, kVarConstellation2, false, "Ch2Constellation", "Constellation of channel 2: that of channel 1."},
-    {{3, 51, 1, 12}, kVarFrequency2, false, "Ch2Frequency", "Carrier of channel 2: 8000 kHz above that of channel 1."},
-    {{3, 51, 1, 13}, kVarLevel2, false, "Ch2Level", "Output level of channel 2: that of channel 1."},
-    {{3, 51, 1, 14}, kVarQamSwitch2, false, "Ch2RfSwitch", "Modulation of channel 2: as that of channel 1."},
-    {{3, 51, 1, 15}, kVarPower2, true, "Ch2PowerSwitch",
+    {kVarConstellation2, "Ch2Constellation", "QamConstellation", "Constellation of channel 2: that of channel 1."},
+    {kVarFrequency2, "Ch2Frequency", "Integer32", "Carrier of channel 2: 8000 kHz above that of channel 1."},
+    {kVarLevel2, "Ch2Level", "QamTenthDBuV", "Output level of channel 2: that of channel 1."},
+    {kVarQamSwitch2, "Ch2RfSwitch", "QamRfSwitch", "Modulation of channel 2: as that of channel 1."},
+    {kVarPower2, "Ch2PowerSwitch", "QamPowerSwitch",
      "Supplies of channel 2's output, which are those of channel 1. A value that is written here is accepted "
      "and changes nothing: the switch of channel 1 is the one to write."},
-    {{3, 51, 1, 16}, kVarSymbolRate2, false, "Ch2SymbolRate", "Symbol rate of channel 2: that of channel 1."},
+    {kVarSymbolRate2, "Ch2SymbolRate", "Integer32", "Symbol rate of channel 2: that of channel 1."},
 };
 // clang-format on
+static_assert(std::ranges::equal(kTexts, kMibRows, {}, &MibText::variable, &QamMibRow::variable));
 
 }  // namespace
 
-std::span<const MibRow> mibRows() {
-  return kRows;
+std::span<const MibText> mibTexts() {
+  return kTexts;
 }
 
 std::string mibBaseText(std::span<const u32> base) {
@@ -52,17 +55,13 @@ std::vector<u32> parseMibBase(std::string_view text) {
                     why, mibBaseText(kDefaultMibBase)));
   };
   std::vector<u32> base;
-  const char* at = text.data();
-  const char* const end = at + text.size();
-  if (text.starts_with('.')) ++at;
-  for (;;) {
-    u32 component = 0;
-    const auto [stop, error] = std::from_chars(at, end, component);
-    if (error == std::errc::result_out_of_range) throw wrong("a component is above 4294967295");
-    if (error != std::errc() || (stop != end && *stop != '.')) throw wrong("a component is no number");
-    base.push_back(component);
-    if (stop == end) break;
-    at = stop + 1;
+  for (std::size_t at = text.starts_with('.') ? 1 : 0; at <= text.size();) {
+    const std::string_view component = text.substr(at, text.find('.', at) - at);
+    const auto number = base::parseDecimal(component);
+    const bool hasDigits = !component.empty() && component.find_first_not_of("0123456789") == component.npos;
+    if (!number) throw wrong(hasDigits ? "a component is above 4294967295" : "a component is no number");
+    base.push_back(*number);
+    at += component.size() + 1;
   }
   if (base.size() != kMibBaseLength) throw wrong(fmt::format("it has {} components", base.size()));
   if (base[0] > 2) throw wrong("the first component is above 2");

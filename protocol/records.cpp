@@ -38,12 +38,8 @@ MapEntry entryOf(const chassis::RouterWords& words) {
           .pid = chassis::outputPid(words)};
 }
 
-// All bits of the words must match; slot, port and PIDs of the entry are cut to the bits that words have.
 bool isRouted(const chassis::RouterWords& words, const MapEntry& entry) {
-  return chassis::isUsed(words) && chassis::sourcePid(words) == (entry.sourcePid & kNullPid) &&
-         chassis::sourcePort(words) == (entry.sourcePort & 0x0F) &&
-         chassis::sourceSlot(words) == (entry.sourceSlot & 0x0F) &&
-         chassis::outputPid(words) == (entry.pid & kNullPid) && words[2] <= 7;
+  return words == chassis::routerWords(entry.sourceSlot, entry.sourcePort, entry.sourcePid, entry.pid);
 }
 
 }  // namespace

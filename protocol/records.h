@@ -54,9 +54,9 @@ struct MapEntry {
   auto operator<=>(const MapEntry&) const = default;
 };
 
-// The key of the router: slot, input and PID. The card sorts a map by it.
+// The card sorts a map by it.
 constexpr u32 sourceKey(const MapEntry& entry) {
-  return (entry.sourcePid & u32{kNullPid}) | entry.sourcePort << 13 | u32{entry.sourceSlot} << 17;
+  return chassis::sourceKey(entry.sourceSlot, entry.sourcePort, entry.sourcePid);
 }
 
 // An entry that was announced but never received: it has no valid slot, and the card would reject it.
@@ -75,7 +75,8 @@ std::optional<MapChunk> decodeMapChunk(std::span<const u8> data);
 
 // The entries at the used positions. Programme numbers and type, which a router does not have, are 0.
 std::vector<MapEntry> entriesOf(std::span<const chassis::RouterWords> router);
-// True if the router has exactly these entries, at the first positions and in this order.
+// True if the router has exactly these entries, at the first positions and in this order. Slot, port and PIDs
+// of an entry are cut to the bits that the words have.
 bool holds(std::span<const chassis::RouterWords> router, std::span<const MapEntry> entries);
 
 }  // namespace protocol

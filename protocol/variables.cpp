@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "base/numbers.h"
-#include "card/qamVariables.h"
 #include "protocol/records.h"
 
 namespace protocol {
@@ -21,36 +20,34 @@ constexpr Names kConstellations = {{{5, "64-QAM"}, {6, "128-QAM"}, {7, "256-QAM"
 constexpr Names kOnOff = {{{0, "on"}, {1, "off"}}};
 constexpr Names kPower = {{{0, "off"}, {15, "on"}}};
 
-// Kilohertz.
-constexpr u32 kLeastFrequency = 52000;
-constexpr u32 kMostFrequency = 1000000;
+constexpr QamBounds kFrequency2Bounds = {kFrequencyBounds.least + kChannelSpacing_kHz,
+                                         kFrequencyBounds.most + kChannelSpacing_kHz};
 
 // clang-format off
 constexpr CardVariable kVariables[] = {
     {.id = kVarFrequency, .writable = true, .name = "rfreq", .unit = "kHz",
      .meaning = "carrier of channel 1; channel 2 is 8000 kHz above",
-     .least = kLeastFrequency, .most = kMostFrequency},
+     .bounds = kFrequencyBounds},
     {.id = kVarLevel, .writable = true, .name = "rflevel", .unit = "0.1 dBuV",
-     .meaning = "output level of both channels", .least = 950, .most = 1150, .step = 5},
+     .meaning = "output level of both channels", .bounds = kLevelBounds, .step = 5},
     {.id = kVarSymbolRate, .writable = true, .name = "symbolrate", .unit = "kBd",
-     .meaning = "symbol rate of both channels", .least = 5000, .most = 7000, .warnStep = 125},
+     .meaning = "symbol rate of both channels", .bounds = kSymbolRateBounds, .warnStep = 125},
     {.id = kVarConstellation, .writable = true, .name = "qammode", .names = kConstellations,
-     .meaning = "constellation of both channels", .least = 5, .most = 7},
+     .meaning = "constellation of both channels", .bounds = {5, 7}},
     {.id = kVarQamSwitch, .writable = true, .name = "rfswitch", .names = kOnOff,
-     .meaning = "modulation of both channels", .least = 0, .most = 1},
+     .meaning = "modulation of both channels", .bounds = {0, 1}},
     {.id = kVarPower, .writable = true, .name = "power", .names = kPower,
-     .meaning = "supplies of the output", .least = 0, .most = 15, .step = 15},
+     .meaning = "supplies of the output", .bounds = {0, 15}, .step = 15},
     {.id = kVarTotalRate1, .kind = kText, .name = "total_rate1", .meaning = "bit rate of channel 1"},
     {.id = kVarPayloadRate1, .kind = kText, .name = "valid_rate1", .meaning = "bit rate of channel 1 without null packets"},
     {.id = kVarFrequency2, .name = "rfreq2", .unit = "kHz", .meaning = "carrier of channel 2",
-     .least = kLeastFrequency + kChannelSpacing_kHz, .most = kMostFrequency + kChannelSpacing_kHz},
-    {.id = kVarLevel2, .name = "rflevel2", .unit = "0.1 dBuV", .meaning = "as rflevel", .least = 950, .most = 1150,
+     .bounds = kFrequency2Bounds},
+    {.id = kVarLevel2, .name = "rflevel2", .unit = "0.1 dBuV", .meaning = "as rflevel", .bounds = kLevelBounds,
      .step = 5},
-    {.id = kVarSymbolRate2, .name = "symbolrate2", .unit = "kBd", .meaning = "as symbolrate", .least = 5000,
-     .most = 7000},
-    {.id = kVarConstellation2, .name = "qammode2", .names = kConstellations, .meaning = "as qammode", .least = 5, .most = 7},
-    {.id = kVarQamSwitch2, .name = "rfswitch2", .names = kOnOff, .meaning = "as rfswitch", .least = 0, .most = 1},
-    {.id = kVarPower2, .name = "power2", .names = kPower, .meaning = "as power", .least = 0, .most = 15, .step = 15},
+    {.id = kVarSymbolRate2, .name = "symbolrate2", .unit = "kBd", .meaning = "as symbolrate", .bounds = kSymbolRateBounds},
+    {.id = kVarConstellation2, .name = "qammode2", .names = kConstellations, .meaning = "as qammode", .bounds = {5, 7}},
+    {.id = kVarQamSwitch2, .name = "rfswitch2", .names = kOnOff, .meaning = "as rfswitch", .bounds = {0, 1}},
+    {.id = kVarPower2, .name = "power2", .names = kPower, .meaning = "as power", .bounds = {0, 15}, .step = 15},
     {.id = kVarTotalRate2, .kind = kText, .name = "total_rate2", .meaning = "bit rate of channel 2"},
     {.id = kVarPayloadRate2, .kind = kText, .name = "valid_rate2", .meaning = "bit rate of channel 2 without null packets"},
     {.id = kVarTemperature1, .kind = kSignedDegrees, .name = "temperature1", .unit = "deg C", .meaning = "sensor on the card"},
@@ -62,7 +59,8 @@ constexpr CardVariable kVariables[] = {
 // clang-format on
 
 bool isStep(const CardVariable& variable, std::int64_t value, u32 step) {
-  return value >= variable.least && value <= variable.most && (value - variable.least) % step == 0;
+  return value >= variable.bounds.least && value <= variable.bounds.most &&
+         (value - variable.bounds.least) % step == 0;
 }
 
 std::string named(const CardVariable::NamedValue& choice) {
@@ -122,7 +120,7 @@ const CardVariable* findCardVariable(std::string_view idOrName) {
 }
 
 bool isPossible(const CardVariable& variable, std::int64_t value) {
-  return variable.most > 0 && isStep(variable, value, variable.step);
+  return variable.bounds.most > 0 && isStep(variable, value, variable.step);
 }
 
 std::string writableValues(const CardVariable& variable) {
@@ -132,7 +130,7 @@ std::string writableValues(const CardVariable& variable) {
     if (!choice.name.empty()) choices.push_back(named(choice));
   }
   if (!choices.empty()) return enumeration(choices, "or");
-  return fmt::format("{} to {}{}", variable.least, variable.most,
+  return fmt::format("{} to {}{}", variable.bounds.least, variable.bounds.most,
                      variable.step > 1 ? fmt::format(" in steps of {}", variable.step) : "");
 }
 
@@ -147,7 +145,7 @@ std::string valueWarning(const CardVariable& variable, u32 value) {
       "{} {}: the default clock table has rows from {} to {} in steps of {} only. Without a row in the "
       "card's "
       "own table the clock stays as it is and disagrees with the modulator",
-      variable.name, value, variable.least, variable.most, variable.warnStep);
+      variable.name, value, variable.bounds.least, variable.bounds.most, variable.warnStep);
 }
 
 u32 parseValue(const CardVariable& variable, std::string_view text) {

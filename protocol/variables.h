@@ -1,6 +1,5 @@
 // The variables of a card: name, unit and range of each, in one table for all programs that show or set them
-// (qamctl, the headend's --set, the back end, the SNMP agent and its MIB module). The card itself does not
-// check values, so the bounds of a setting are here.
+// (qamctl, the headend's --set, the back end, the SNMP agent and its MIB module).
 #pragma once
 
 #include <array>
@@ -12,6 +11,7 @@
 #include <variant>
 
 #include "base/bytes.h"
+#include "card/qamVariables.h"
 
 namespace protocol {
 
@@ -38,11 +38,10 @@ struct CardVariable {
   std::array<NamedValue, 3> names{};  // of a choice
   std::string_view meaning{};
   // The possible values of a setting, and of channel 2's copy of one: least, least + step, ... most. For
-  // other variables `most` is 0, and the bounds are unknown.
-  u32 least = 0;
-  u32 most = 0;
+  // other variables both bounds are 0, which means unknown.
+  QamBounds bounds{};
   u32 step = 1;
-  u32 warnStep = 0;  // values not in these steps from `least` are written with a warning; 0: none
+  u32 warnStep = 0;  // values not in these steps from the lower bound are written with a warning; 0: none
 };
 
 // Start of the unit of a number that counts tenths.

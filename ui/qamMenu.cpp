@@ -175,7 +175,7 @@ bool isReadOnly(const item_t* item) {
 // ---- The editors ----
 
 struct Editor {
-  u32 min, max;
+  QamBounds bounds;
   Digits digits;
   Unit unit;
   int lastStop;  // last stop of the cursor, which stops at every character except the decimal point
@@ -199,7 +199,7 @@ long run(const Editor& editor, const item_t* item, u8 slotNo, u32 port) {
   if (item == nullptr) return -1;
   char text[kLongest + 1] = {};
   const auto show = [&](u32 value) {
-    render(editor.digits, std::clamp(value, editor.min, editor.max), text);
+    render(editor.digits, std::clamp(value, editor.bounds.least, editor.bounds.most), text);
   };
   show(openScreen(editor.unit, item, slotNo, port));
   if (isReadOnly(item)) {
@@ -287,8 +287,7 @@ void stepSymbolRate(char* text, int cursor, bool up) {
 }
 
 // "Mbps" for MBd: the word that operators of these panels know.
-constexpr Editor kSymbolRate = {.min = 5000,
-                                .max = 7000,
+constexpr Editor kSymbolRate = {.bounds = kSymbolRateBounds,
                                 .digits = {.size = 5, .point = 1},
                                 .unit = {.column = 70, .text = "Mbps"},
                                 .lastStop = kFraction,
@@ -297,8 +296,7 @@ constexpr Editor kSymbolRate = {.min = 5000,
 
 // ---- RF frequency ----
 
-constexpr Editor kRfFreq = {.min = 52000,
-                            .max = 1000000,
+constexpr Editor kRfFreq = {.bounds = kFrequencyBounds,
                             .digits = {.size = 8, .point = 4},
                             .unit = {.column = 82, .text = "MHz"},
                             .lastStop = 7,
@@ -323,8 +321,7 @@ void stepLevel(char* text, int cursor, bool up) {
   }
 }
 
-constexpr Editor kRfLevel = {.min = 950,
-                             .max = 1150,
+constexpr Editor kRfLevel = {.bounds = kLevelBounds,
                              .digits = {.size = 5, .point = 3},
                              .unit = {.column = 70, .text = "dBuV"},
                              .lastStop = kTenths,

@@ -1,12 +1,14 @@
 #include "ui/qamSnmp.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
 
 #include "card/qamVar.h"
 #include "platform/address_word.h"
 #include "platform/chassis.h"
+#include "ui/qamMibRows.h"
 
 using chassis::ASN_INTEGER;
 using chassis::ASN_OCTET_STR;
@@ -17,61 +19,41 @@ using chassis::variable4;
 namespace {
 
 // An instance's name: the base, whose last component is the slot, a row's suffix, 0.
-constexpr int kSlotComponent = 10;
-constexpr int kSuffix = 11;
+constexpr int kSlotComponent = kMibBaseLength;
+constexpr int kSuffix = kSlotComponent + 1;
 constexpr int kSuffixLength = 4;
-constexpr u32 kFirstSlot = 2;
 constexpr u32 kNoVariable = 0xFFFFFFFF;
 
-constexpr variable4 row(QamVariable id, u8 type, u16 acl, const u32 (&suffix)[kSuffixLength]) {
-  return {.magic = static_cast<u16>(id),
-          .type = type,
-          .acl = acl,
-          .findVar = qam_var_custom,
-          .namelen = kSuffixLength,
-          .name = {suffix[0], suffix[1], suffix[2], suffix[3]}};
+// Rows as they are registered; `magic` is the number of the card's variable.
+constexpr auto makeRows() {
+  std::array<variable4, std::size(kMibRows)> rows{};
+  std::transform(std::begin(kMibRows), std::end(kMibRows), rows.begin(), [](const QamMibRow& row) {
+    variable4 made = {.magic = static_cast<u16>(row.variable),
+                      .type = row.isText ? ASN_OCTET_STR : ASN_INTEGER,
+                      .acl = row.writable ? RWRITE : RONLY,
+                      .findVar = qam_var_custom,
+                      .namelen = kSuffixLength,
+                      .name = {}};
+    std::copy_n(row.suffix, kSuffixLength, made.name);
+    return made;
+  });
+  return rows;
 }
-constexpr variable4 text(QamVariable id, const u32 (&suffix)[kSuffixLength]) {
-  return row(id, ASN_OCTET_STR, RONLY, suffix);
-}
-constexpr variable4 number(QamVariable id, u16 acl, const u32 (&suffix)[kSuffixLength]) {
-  return row(id, ASN_INTEGER, acl, suffix);
-}
+constexpr auto qamVariable = makeRows();
 
 bool isSlot(u32 component) {
-  if (component >= kFirstSlot && component < kFirstSlot + MAX_BOARD_NUM) return true;
+  if (component >= kMibFirstSlot && component < kMibFirstSlot + MAX_BOARD_NUM) return true;
   chassis::DebugPrint("slotNo is %d, snmp error!\n", static_cast<int>(component));
   return false;
 }
 
 }  // namespace
 
-// clang-format off
-const variable4 qamVariable[kMibRows] = {
-    text(kVarHardwareVersion, {1, 19, 1, 1}),
-    text(kVarSoftwareVersion, {1, 19, 1, 2}),
-    text(kVarFpgaVersion,     {1, 19, 1, 3}),
-
-    number(kVarConstellation, RWRITE, {2, 51, 1, 3}),
-    number(kVarFrequency,     RWRITE, {2, 51, 1, 4}),
-    number(kVarLevel,         RWRITE, {2, 51, 1, 5}),
-    number(kVarQamSwitch,     RWRITE, {2, 51, 1, 6}),
-    number(kVarPower,         RWRITE, {2, 51, 1, 7}),
-    number(kVarSymbolRate,    RWRITE, {2, 51, 1, 8}),
-
-    number(kVarConstellation2, RONLY,  {3, 51, 1, 11}),
-    number(kVarFrequency2,     RONLY,  {3, 51, 1, 12}),
-    number(kVarLevel2,         RONLY,  {3, 51, 1, 13}),
-    number(kVarQamSwitch2,     RONLY,  {3, 51, 1, 14}),
-    number(kVarPower2,         RWRITE, {3, 51, 1, 15}),  // management stations write both switches together
-    number(kVarSymbolRate2,    RONLY,  {3, 51, 1, 16}),
-};
-// clang-format on
-
 u8 qam_strtmp[450];
 
 void qamMibRegister(const u32* oid_base, int oid_base_len) {
-  chassis::mib_register(oid_base, oid_base_len, qamVariable, kMibRows, sizeof(variable4));
+  chassis::mib_register(oid_base, oid_base_len, qamVariable.data(), static_cast<int>(qamVariable.size()),
+                        sizeof(variable4));
 }
 
 u8* qam_var_custom(chassis::variable* vp, u32* name, int* length, int exact, int* var_len,
@@ -90,7 +72,7 @@ u8* qam_var_custom(chassis::variable* vp, u32* name, int* length, int exact, int
 
   const u32 component = vp->name[kSlotComponent];
   if (!isSlot(component)) return nullptr;
-  const u8 slotNo = static_cast<u8>(component - kFirstSlot);
+  const u8 slotNo = static_cast<u8>(component - kMibFirstSlot);
   static u32 value;
   value = QamGetVar(slotNo, 0, vp->magic, nullptr);
   if (value == kNoVariable) {
@@ -135,7 +117,7 @@ int qam_write_custom(int action, u8* var_val, u8 var_val_type, int var_val_len, 
   if (action != chassis::ACTION) return chassis::SNMP_ERR_NOERROR;
 
   if (!isSlot(name[kSlotComponent])) return -2;
-  const int result = QamSetVar(static_cast<u8>(name[kSlotComponent] - kFirstSlot), 0, vid, value);
+  const int result = QamSetVar(static_cast<u8>(name[kSlotComponent] - kMibFirstSlot), 0, vid, value);
   if (result >= 0) return chassis::SNMP_ERR_NOERROR;
   if (result == -2) return chassis::SNMP_ERR_NOSUCHNAME;
   return result == -1 ? chassis::SNMP_ERR_WRONGVALUE : chassis::SNMP_ERR_COMMITFAILED;

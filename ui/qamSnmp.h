@@ -1,14 +1,9 @@
-// The card's part of the chassis's SNMP agent: 15 scalars below the base of its slot, each a variable of the
-// card with another name (card/qamVar.h). A base has 11 components; the last is the slot, from 2 on.
+// The card's part of the chassis's SNMP agent: the scalars of ui/qamMibRows.h below the base of its slot. A
+// base has 11 components; the last is the slot, from 2 on.
 #pragma once
 
 #include "platform/agent.h"
 #include "platform/types.h"
-
-inline constexpr int kMibRows = 15;
-
-// Rows as they are registered; `magic` is the number of the card's variable.
-extern const chassis::variable4 qamVariable[kMibRows];
 
 extern u8 qam_strtmp[450];  // the last text written, up to 449 bytes and a NUL
 

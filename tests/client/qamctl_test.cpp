@@ -7,14 +7,12 @@
 #include "client/channel_variables.h"
 #include "client/chassis_services.h"
 #include "client/psi_upload.h"
+#include "commands/psi_decode.h"
 #include "mpeg/dvb_text.h"
-#include "protocol/mib_rows.h"
 #include "protocol/variables.h"
 #include "tests/client/card_link.h"
 #include "tests/client/program.h"
 #include "tests/client/streams.h"
-#include "commands/mib_module.h"
-#include "commands/psi_decode.h"
 
 namespace client {
 namespace {
@@ -270,12 +268,10 @@ TEST_F(Qamctl, DecodesNoSectionWhoseLengthsContradictEachOther) {
   }
 }
 
-TEST_F(Qamctl, PrintsTheMibModuleThatLiesInTheTreeAndThatOfAnyRightBase) {
-  const std::string module = commands::mibModule(kDefaultMibBase);
-  EXPECT_EQ(test::readText(QAM_MIB), module) << "qamctl mib > mibs/QAM-HEADEND-MIB.txt makes it anew";
-  EXPECT_EQ(run("mib").text, module);
-  EXPECT_EQ(run("mib --base .1.3.6.1.4.1.8072.9999.9999.27").text, module);
-  expectCalls({{"mib --base 0.39.0.0.0.0.0.0.0.4294967295", 0, "below 0.39.0.0.0.0.0.0.0.4294967295."},
+TEST_F(Qamctl, PrintsTheMibModuleBelowAnyRightBase) {
+  expectCalls({{"mib", 0, "below 1.3.6.1.4.1.8072.9999.9999.27."},
+               {"mib --base .1.3.6.1.4.1.8072.9999.9999.27", 0, "below 1.3.6.1.4.1.8072.9999.9999.27."},
+               {"mib --base 0.39.0.0.0.0.0.0.0.4294967295", 0, "below 0.39.0.0.0.0.0.0.0.4294967295."},
                {"mib --base 2.4294967215.6.1.4.1.1.2.3.4", 0, "below 2.4294967215.6.1.4.1.1.2.3.4."},
                {"mib --base ..1.3.6.1.4.1.1.2.3.4", 2, "no number"},
                {"mib --base 1.3.6.1.4.1.1.2.3.4.", 2, "no number"},

@@ -8,7 +8,7 @@ import subprocess
 import xml.etree.ElementTree as ElementTree
 
 import harness
-from harness import read, write
+from harness import write
 
 MIBS = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'mibs')
 MODULE = 'QAM-HEADEND-MIB'
@@ -20,17 +20,11 @@ VARIABLES = {  # object of a slot: qamctl's name; those of channel 2 begin with 
     'Constellation': 'qammode', 'Frequency': 'rfreq', 'Level': 'rflevel', 'RfSwitch': 'rfswitch',
     'PowerSwitch': 'power', 'SymbolRate': 'symbolrate'}
 VARIABLES |= {'Ch2' + stem: name + '2' for stem, name in VARIABLES.items() if not stem.endswith('Version')}
+SUFFIX = dict(zip(VARIABLES, [*((1, 19, 1, n) for n in range(1, 4)), *((2, 51, 1, n) for n in range(3, 9)),
+                              *((3, 51, 1, n) for n in range(11, 17))]))  # of its OID, after the slot's component
+STEPS = {'Level': ['0.5 dBuV'], 'Ch2Level': ['0.5 dBuV'], 'SymbolRate': ['125 kBd']}  # told in the description
 ALARM = ['qamAlarmSlot', 'qamAlarmPort', 'qamAlarmType', 'qamAlarmEnglishText', 'qamAlarmChineseText']
 NOTIFICATIONS = {'qamAlarmRaised': '0.1', 'qamAlarmCleared': '0.2'}
-
-
-def suffixes():
-    """What stands behind a slot's component in the OID of each of its objects, from the file in mibs/."""
-    nodes = {'slot1': ()}
-    for node, parent, number in re.findall(r'(?ms)^(slot1\w+) OBJECT.*?::= \{ (slot1\w*) (\d+) \}',
-                                           read(os.path.join(MIBS, FILE)).decode()):
-        nodes[node] = (*nodes[parent], int(number))
-    return {stem: nodes['slot1' + stem] for stem in VARIABLES}
 
 
 class Tools:
@@ -45,6 +39,7 @@ class Tools:
                                capture_output=True, check=True).stdout.decode()
         self.environment = dict(line.split('=', 1) for line in paths.split('\0') if line)
         os.makedirs(case.path('persistent', 'cert_indexes'), exist_ok=True)  # prevents a message about its creation
+        self.environment |= {name: f'{self.environment[name]}:{self.folder}' for name in ('MIBDIRS', 'SMIPATH')}
         self.environment |= {'HOME': case.folder, 'SNMPCONFPATH': case.folder,
                              'SNMP_PERSISTENT_DIR': case.path('persistent')}
 
@@ -60,14 +55,14 @@ class Tools:
 
 
 def other_programs_find_no_fault_below_any_base(case):
-    case.equal(Tools(case).lint(os.path.join(MIBS, FILE)), '', f'smilint of {FILE}')
     for base in BASES:
         tools = Tools(case, base)
         case.equal(tools.lint(tools.file), '', f'smilint of the module below {base}')
+        case.check(max(map(len, harness.read(tools.file).splitlines())) <= 80, f'long lines below {base}')
         tree = tools.module()
         got = {node.get('name'): node.get('oid') for node in (*tree.iter('scalar'), *tree.iter('notification'))}
         wanted = {f'slot{slot}{stem}': '.'.join(map(str, (base, slot + 1, *suffix)))
-                  for slot in range(1, 7) for stem, suffix in suffixes().items()}
+                  for slot in range(1, 7) for stem, suffix in SUFFIX.items()}
         wanted |= {name: f'{base}.1.{number}' for number, name in enumerate(ALARM, 1)}
         wanted |= {name: f'{base}.{suffix}' for name, suffix in NOTIFICATIONS.items()}
         case.equal(sorted(got.items()), sorted(wanted.items()), f'names and OIDs below {base}')
@@ -77,18 +72,21 @@ def objects_are_described_as_qamctl_sets_them(case):
     tree = Tools(case).module()
     listed = case.execute([case.args.qamctl, 'var', 'list', '--json']).text
     variables = {each['name']: each for each in json.loads(listed)}
-    conventions = {each.get('name'): sorted(int(label.get('number')) for label in each.iter('namednumber'))
-                   for each in tree.find('typedefs')}
+    conventions = {each.get('name'): sorted((int(label.get('number')), label.get('name'))
+                                            for label in each.iter('namednumber')) for each in tree.find('typedefs')}
     scalars = {scalar.get('name'): scalar for scalar in tree.iter('scalar')}
     for stem, name in VARIABLES.items():
         variable, limits = variables[name], variables[VARIABLES[stem.removeprefix('Ch2')]]  # a reading has no limits
         writes, above = variable['writable'] or stem == 'Ch2PowerSwitch', 8000 if stem == 'Ch2Frequency' else 0
         for slot in range(1, 7):
             scalar = scalars[f'slot{slot}{stem}']
+            described = ' '.join(scalar.findtext('description').split())
+            case.equal(re.findall(r'in steps of (\S+ \w+)', described, re.I), STEPS.get(stem, []), f'steps of {stem}')
             case.equal(scalar.findtext('access'), 'readwrite' if writes else 'readonly', f'access of {stem}')
             if 'values' in variable:
                 labels = conventions[scalar.find('syntax/type').get('name')]
-                case.equal(labels, sorted(each['value'] for each in variable['values']), f'values of {stem}')
+                case.equal(labels, sorted((each['value'], re.sub(r'(\d+)-QAM', r'qam\1', each['name']))
+                                          for each in variable['values']), f'values of {stem}')
             elif variable['kind'] != 'text':
                 limit = scalar.find('.//range')
                 case.equal((int(limit.get('min')), int(limit.get('max'))),

@@ -15,7 +15,7 @@ from snmp_client import (COUNTER, END_OF_VIEW, GET, GETBULK, GETNEXT, INTEGER, N
                          STRING, Client, integer, message, name, number)
 
 BASE = name(mib.DEFAULT)
-SUFFIX = mib.suffixes()
+SUFFIX = mib.SUFFIX
 LINES = ('read-community look', 'write-community change', 'user mon read SHA-256 "monitor pass" AES monitorpriv',
          'user adm write SHA-512 adminauth123 AES-256 adminpriv123', 'user half read SHA halfauth123')
 ADM_AUTH, ADM_PRIV = ('-a', 'SHA-512', '-A', 'adminauth123'), ('-x', 'AES-256', '-X', 'adminpriv123')

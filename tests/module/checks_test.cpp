@@ -6,6 +6,8 @@
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
+#include "ts/qamPidMap.h"
+#include "ts/qamPsi.h"
 #include "ui/qamStatus.h"
 
 namespace test {

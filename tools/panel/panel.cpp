@@ -8,8 +8,11 @@
 
 #include "client/chassis_services.h"
 #include "client/udp_link.h"
-#include "tools/panel/panel_feed.h"
+#include "commands/json_fields.h"
+#include "commands/rf_report.h"
+#include "commands/status_report.h"
 #include "tools/panel/panel_terminal.h"
+#include "tools/panel/panel_view.h"
 
 namespace tools {
 namespace {
@@ -23,47 +26,8 @@ constexpr milliseconds kAfterKey{30};  // time for the menu to draw the effect o
 // A reply takes a few milliseconds; a headend that is away must not keep the keys from being read.
 constexpr client::UdpLinkOptions kQuickLink = {.timeout = milliseconds(400), .tries = 2};
 
-std::atomic<bool> asked{false};
+std::atomic<bool> asked{false};  // a signal asked for the end
 static_assert(std::atomic<bool>::is_always_lock_free);
-
-// Signals that ask for the end do so while it lives.
-class EndBySignal {
- public:
-  EndBySignal() {
-    asked = false;
-    struct sigaction action {};
-    action.sa_handler = [](int) { asked = true; };
-    for (std::size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &action, &old_[i]);
-  }
-  ~EndBySignal() {
-    for (std::size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &old_[i], nullptr);
-  }
-  EndBySignal(const EndBySignal&) = delete;
-  EndBySignal& operator=(const EndBySignal&) = delete;
-
- private:
-  static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
-  struct sigaction old_[std::size(kSignals)] = {};
-};
-
-chassis::PanelKey keyOfInput(PanelInput input) {
-  switch (input) {
-    case PanelInput::kUp:
-      return chassis::kKeyUp;
-    case PanelInput::kDown:
-      return chassis::kKeyDown;
-    case PanelInput::kLeft:
-      return chassis::kKeyLeft;
-    case PanelInput::kRight:
-      return chassis::kKeyRight;
-    case PanelInput::kConfirm:
-      return chassis::kKeyConfirm;
-    case PanelInput::kCancel:
-      return chassis::kKeyCancel;
-    default:
-      return chassis::kKeyNone;
-  }
-}
 
 class Panel {
  public:
@@ -71,7 +35,7 @@ class Panel {
       : options_(options), link_(options.server, kQuickLink), heard_(Clock::now()) {
     state_.server = options.server;
     client::UdpLink patient(options.server);
-    PanelFeed(patient).refresh(state_);
+    refresh(patient);
   }
 
   void run(PanelTerminal& terminal) {
@@ -84,11 +48,34 @@ class Panel {
         if (input == PanelInput::kQuit) return;
         if (!take(*input)) terminal.beep();
       }
-      talk([this] { feed_.refresh(state_); });
+      talk([this] { refresh(link_); });
     }
   }
 
  private:
+  // Reads the LCD each time, the rest twice a second. Throws client::Error; the values read until then are in
+  // the state.
+  void refresh(client::Link& link) {
+    state_.lcd = client::readLcd(link);
+    const Clock::time_point now = Clock::now();
+    if (now < nextStatus_) return;
+    state_.alarms = client::readAlarms(link);
+    if (const auto status = commands::statusOf(link)) take(*status);
+    nextStatus_ = now + milliseconds(500);
+  }
+
+  void take(const commands::Json& status) {
+    state_.cards = {};
+    commands::Json readouts = commands::Json::array();
+    for (const commands::Json& card : commands::member(status, "cards")) {
+      const auto slot = commands::number(card, "slot");
+      if (!slot || *slot < 1 || *slot > MAX_BOARD_NUM) continue;
+      state_.cards[static_cast<std::size_t>(*slot) - 1] = commands::oneLine(commands::member(card, "state"));
+      for (const commands::Json& readout : commands::rfOfCard(card)) readouts.push_back(readout);
+    }
+    state_.rf = commands::rfLines(readouts);
+  }
+
   // Returns false if the key has no effect.
   bool take(PanelInput input) {
     using Language = PanelState::Language;
@@ -101,7 +88,7 @@ class Panel {
       return true;
     }
     if (!answers_) return false;  // each key would wait for its own reply without success
-    state_.pressed = keyOfInput(input);
+    state_.pressed = static_cast<chassis::PanelKey>(input);
     wait_ = kAfterKey;
     return talk([this] { client::pressKey(link_, state_.pressed); });
   }
@@ -134,7 +121,7 @@ class Panel {
   PanelOptions options_;
   PanelState state_;
   client::UdpLink link_;
-  PanelFeed feed_{link_};
+  Clock::time_point nextStatus_;
   Clock::time_point heard_;
   bool answers_ = true;
   milliseconds wait_ = kBetweenLooks;
@@ -145,7 +132,7 @@ class Panel {
 void runPanel(const PanelOptions& options) {
   requirePanelTerminal();
   Panel panel(options);
-  const EndBySignal endBySignal;
+  for (const int each : {SIGINT, SIGTERM, SIGHUP}) std::signal(each, [](int) { asked = true; });
   PanelTerminal terminal;
   panel.run(terminal);
 }

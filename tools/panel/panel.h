@@ -14,7 +14,7 @@ struct PanelOptions {
 
 // Runs until the operator quits, a signal requests the end, or the terminal is closed. Throws
 // std::runtime_error: no usable terminal, no headend at the start, or no more replies from it. The terminal
-// is always restored.
+// is always restored; the process's handlers of SIGINT, SIGTERM and SIGHUP are not.
 void runPanel(const PanelOptions& options);
 
 }  // namespace tools

@@ -12,6 +12,7 @@
 #include <array>
 #include <clocale>
 #include <cstdlib>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -48,45 +49,19 @@ void startColours() {
   init_pair(static_cast<short>(Colour::kBad), COLOR_RED, -1);
 }
 
-std::optional<PanelInput> functionKey(wint_t key) {
-  switch (key) {
-    case KEY_UP:
-      return PanelInput::kUp;
-    case KEY_DOWN:
-      return PanelInput::kDown;
-    case KEY_LEFT:
-      return PanelInput::kLeft;
-    case KEY_RIGHT:
-      return PanelInput::kRight;
-    case KEY_ENTER:
-      return PanelInput::kConfirm;
-    case KEY_F(10):
-      return PanelInput::kQuit;
-    default:
-      return std::nullopt;
-  }
-}
+using Keys = std::map<wint_t, PanelInput>;
+const Keys kFunctionKeys = {{KEY_UP, PanelInput::kUp},         {KEY_DOWN, PanelInput::kDown},
+                            {KEY_LEFT, PanelInput::kLeft},     {KEY_RIGHT, PanelInput::kRight},
+                            {KEY_ENTER, PanelInput::kConfirm}, {KEY_F(10), PanelInput::kQuit}};
+const Keys kCharacterKeys = {{L'\r', PanelInput::kConfirm},  {L'\n', PanelInput::kConfirm},
+                             {kEscape, PanelInput::kCancel}, {L'l', PanelInput::kLanguage},
+                             {L'L', PanelInput::kLanguage},  {L'p', PanelInput::kPixels},
+                             {L'P', PanelInput::kPixels},    {L'q', PanelInput::kQuit},
+                             {L'Q', PanelInput::kQuit},      {kControlC, PanelInput::kQuit}};
 
-std::optional<PanelInput> characterKey(wint_t key) {
-  switch (key) {
-    case L'\r':
-    case L'\n':
-      return PanelInput::kConfirm;
-    case kEscape:
-      return PanelInput::kCancel;
-    case L'l':
-    case L'L':
-      return PanelInput::kLanguage;
-    case L'p':
-    case L'P':
-      return PanelInput::kPixels;
-    case L'q':
-    case L'Q':
-    case kControlC:
-      return PanelInput::kQuit;
-    default:
-      return std::nullopt;
-  }
+std::optional<PanelInput> find(const Keys& keys, wint_t key) {
+  const auto found = keys.find(key);
+  return found == keys.end() ? std::nullopt : std::optional(found->second);
 }
 
 }  // namespace
@@ -160,8 +135,8 @@ std::optional<PanelInput> PanelTerminal::wait(std::chrono::milliseconds time) {
   wint_t key = 0;
   const int kind = get_wch(&key);
   if (kind == ERR) return std::nullopt;
-  if (kind == OK && key != kControlL) return characterKey(key);
-  if (kind == KEY_CODE_YES && key != KEY_RESIZE) return functionKey(key);
+  if (kind == OK && key != kControlL) return find(kCharacterKeys, key);
+  if (kind == KEY_CODE_YES && key != KEY_RESIZE) return find(kFunctionKeys, key);
   clearok(curscr, TRUE);
   shown_.reset();
   return std::nullopt;

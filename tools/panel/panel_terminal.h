@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 
+#include "platform/panel.h"
 #include "tools/panel/screen.h"
 
 // Types of ncurses.
@@ -13,7 +14,18 @@ struct _win_st;
 
 namespace tools {
 
-enum class PanelInput { kUp, kDown, kLeft, kRight, kConfirm, kCancel, kLanguage, kPixels, kQuit };
+// A key of the panel, or a command of its own.
+enum class PanelInput : u8 {
+  kUp = chassis::kKeyUp,
+  kDown = chassis::kKeyDown,
+  kLeft = chassis::kKeyLeft,
+  kRight = chassis::kKeyRight,
+  kConfirm = chassis::kKeyConfirm,
+  kCancel = chassis::kKeyCancel,
+  kLanguage = 0x80,
+  kPixels,
+  kQuit
+};
 
 // Throws std::runtime_error if stdin and stdout are not a terminal with a positionable cursor.
 void requirePanelTerminal();

@@ -12,23 +12,20 @@ namespace {
 
 using Colour = Look::Colour;
 
-struct Caption {
-  const char* en;
-  const char* zh;
-};
+using protocol::Words;
 
-constexpr Caption kTitle = {"Front panel", "前面板"};
-constexpr Caption kNoAnswer = {"no answer for {} s", "{} 秒无应答"};
-constexpr Caption kAlarm = {"alarm", "告警"};
-constexpr Caption kAlarms = {"Alarms (UTC)", "告警 (UTC)"};
-constexpr Caption kNoAlarm = {"none", "无"};
-constexpr Caption kSlot = {"slot", "槽位"};
-constexpr Caption kNoCard = {"no card", "无卡"};
-constexpr Caption kMore = {"... {} more", "... 还有 {} 条"};
-constexpr Caption kKeys = {"l 中文   p pixels   q quit", "l English   p 点阵   q 退出"};
-constexpr Caption kNoRoom = {"(too small for pixels)", "(终端太小,无法显示点阵)"};
-constexpr Caption kTooSmall = {"Terminal too small: {}x{}, needs {}x{}. q quits",
-                               "终端太小: {}x{}, 至少需要 {}x{}. q 退出"};
+constexpr Words kTitle = {"Front panel", "前面板"};
+constexpr Words kNoAnswer = {"no answer for {} s", "{} 秒无应答"};
+constexpr Words kAlarm = {"alarm", "告警"};
+constexpr Words kAlarms = {"Alarms (UTC)", "告警 (UTC)"};
+constexpr Words kNoAlarm = {"none", "无"};
+constexpr Words kSlot = {"slot", "槽位"};
+constexpr Words kNoCard = {"no card", "无卡"};
+constexpr Words kMore = {"... {} more", "... 还有 {} 条"};
+constexpr Words kKeys = {"l 中文   p pixels   q quit", "l English   p 点阵   q 退出"};
+constexpr Words kNoRoom = {"(too small for pixels)", "(终端太小,无法显示点阵)"};
+constexpr Words kTooSmall = {"Terminal too small: {}x{}, needs {}x{}. q quits",
+                             "终端太小: {}x{}, 至少需要 {}x{}. q 退出"};
 
 Colour colourOf(protocol::CardState state) {
   if (state == protocol::CardState::kRunning) return Colour::kGood;
@@ -80,8 +77,8 @@ class PanelPainter {
   }
 
  private:
-  const char* word(const Caption& caption) const {
-    return state_.language == PanelState::Language::kChinese ? caption.zh : caption.en;
+  std::string_view word(const Words& words) const {
+    return state_.language == PanelState::Language::kChinese ? words.chinese : words.english;
   }
 
   bool hasRoom(const LcdStyle& style) const {
@@ -164,17 +161,13 @@ class PanelPainter {
       const auto* const known =
           std::ranges::find(protocol::kCardStates, state, &protocol::CardStateName::name);
       const bool isKnown = known != std::end(protocol::kCardStates);
-      const bool chinese = state_.language == PanelState::Language::kChinese;
-      const std::string text(state.empty() ? word(kNoCard)
-                             : !isKnown    ? state
-                             : chinese     ? known->words.chinese
-                                           : known->words.english);
+      const std::string_view text = state.empty() ? word(kNoCard) : isKnown ? word(known->words) : state;
       lamp(x, 1 + slot, !state.empty(), isKnown ? colourOf(known->state) : Colour::kBad,
            fmt::format("{} {}", slot + 1, text));
     }
     const std::size_t alarms = state_.alarms.size();
     lamp(x, 1 + MAX_BOARD_NUM, alarms > 0, Colour::kBad,
-         alarms > 0 ? fmt::format("{} {}", word(kAlarm), alarms) : word(kAlarm));
+         fmt::format(fmt::runtime(alarms > 0 ? "{} {}" : "{}"), word(kAlarm), alarms));
   }
 
   void lamp(int x, int y, bool on, Colour colour, const std::string& text) {
@@ -211,10 +204,9 @@ class PanelPainter {
   }
 
   std::string alarmLine(const protocol::Alarm& alarm) const {
-    const bool chinese = state_.language == PanelState::Language::kChinese;
     return fmt::format("{} {}  {:%Y-%m-%d %H:%M:%S}  {}  {}", word(kSlot), alarm.slot + 1,
                        fmt::gmtime(static_cast<std::time_t>(alarm.happened)),
-                       chinese ? alarm.zhTitle : alarm.enTitle, chinese ? alarm.zhText : alarm.enText);
+                       word({alarm.enTitle, alarm.zhTitle}), word({alarm.enText, alarm.zhText}));
   }
 
   void footer(const LcdStyle& style) {

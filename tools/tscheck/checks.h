@@ -96,23 +96,17 @@ std::set<uint16_t> tablePids(const std::set<uint16_t>& pmtPids);
 std::optional<Type> typeOf(uint16_t pid, uint8_t tableId, const std::set<uint16_t>& pmtPids);
 
 // The tables of a source: a card loaded with them must send these.
-class PsiCheck {
- public:
-  // Reads the source. Throws std::runtime_error when it has no tables.
-  PsiCheck(const Options& options, Contents& contents);
-  const std::set<uint16_t>& pmtPids() const { return pmtPids_; }
-  const std::set<std::pair<uint16_t, uint16_t>>& programmes() const { return programmes_; }
-  Json run(const Scan& scan, const Decoded& decoded, Faults& faults) const;
-
- private:
-  const Options& options_;
-  Contents& contents_;
-  std::array<std::set<unsigned>, kTypes> sections_;  // contents by type
-  std::array<unsigned, kTypes> packets_{};           // of all sections of the type, each packed by itself
-  std::map<std::string, std::string> tables_;        // as libdvbpsi decodes them
-  std::set<std::pair<uint16_t, uint16_t>> programmes_;
-  std::set<uint16_t> pmtPids_;
+struct PsiSource {
+  std::array<std::set<unsigned>, kTypes> sections{};  // contents by type
+  std::array<unsigned, kTypes> packets{};             // of all sections of the type, each packed by itself
+  std::map<std::string, std::string> tables{};        // as libdvbpsi decodes them
+  std::set<std::pair<uint16_t, uint16_t>> programmes{};
+  std::set<uint16_t> pmtPids{};
 };
+// Throws std::runtime_error when the file has no tables.
+PsiSource readPsiSource(const Options& options, Contents& contents);
+Json checkPsi(const Options& options, const PsiSource& source, const Scan& scan, const Decoded& decoded,
+              Contents& contents, Faults& faults);
 
 // By PID in the file: passes of the source, and the error that was added to the PCRs.
 Json checkPasses(const Options& options, const Scan& scan, Faults& faults);

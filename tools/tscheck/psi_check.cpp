@@ -36,16 +36,9 @@ struct Spacing {
 // Judges the carousel of one file by the packets and sections that were found.
 class Carousel {
  public:
-  Carousel(const Options& options, const std::array<std::set<unsigned>, kTypes>& sections,
-           const std::array<unsigned, kTypes>& packets, const std::set<uint16_t>& pmtPids, const Scan& scan,
-           Contents& contents, Faults& faults)
-      : options_(options),
-        sections_(sections),
-        packets_(packets),
-        pmtPids_(pmtPids),
-        scan_(scan),
-        contents_(contents),
-        faults_(faults) {
+  Carousel(const Options& options, const PsiSource& source, const Scan& scan, Contents& contents,
+           Faults& faults)
+      : options_(options), source_(source), scan_(scan), contents_(contents), faults_(faults) {
     for (size_t type = 0; type < kTypes; ++type)
       groups_[type] = type == kPmt ? programmeMapGroups() : sectionGroups(static_cast<Type>(type));
   }
@@ -82,15 +75,15 @@ class Carousel {
   void judgeSections() {
     std::array<std::set<unsigned>, kTypes> seen;
     for (const Section& section : scan_.sections) {
-      const auto type = typeOf(section.pid, contents_.bytes(section.content)[0], pmtPids_);
-      if (!type || !sections_[*type].contains(section.content))
+      const auto type = typeOf(section.pid, contents_.bytes(section.content)[0], source_.pmtPids);
+      if (!type || !source_.sections[*type].contains(section.content))
         fault("foreign", fmt::format("packet {}: section ({}) is none of the source's", section.firstPacket,
                                      nameOf(section)));
       else
         seen[*type].insert(section.content);
     }
     for (size_t type = 0; type < kTypes; ++type)
-      for (const unsigned content : sections_[type])
+      for (const unsigned content : source_.sections[type])
         if (!seen[type].contains(content)) {
           const Bytes& b = contents_.bytes(content);
           fault("missing", fmt::format("{}: section {} of extension {} is not in the output",
@@ -103,7 +96,7 @@ class Carousel {
   std::vector<Group> sectionGroups(Type type) const {
     std::vector<Group> groups;
     for (const Section& s : scan_.sections)
-      if (typeOf(s.pid, contents_.bytes(s.content)[0], pmtPids_) == type)
+      if (typeOf(s.pid, contents_.bytes(s.content)[0], source_.pmtPids) == type)
         groups.push_back(
             {ticksOf(s.firstPacket), ticksOf(s.lastPacket), s.firstPacket, s.packets, s.content});
     return groups;
@@ -113,8 +106,8 @@ class Carousel {
   std::vector<Group> programmeMapGroups() {
     std::vector<Mark> marks;
     for (const Mark& mark : scan_.marks)
-      if (pmtPids_.contains(mark.pid)) marks.push_back(mark);
-    const size_t size = packets_[kPmt];
+      if (source_.pmtPids.contains(mark.pid)) marks.push_back(mark);
+    const size_t size = source_.packets[kPmt];
     std::vector<Group> groups;
     if (size == 0 || marks.size() < size) return groups;
     size_t first = 0;
@@ -174,7 +167,7 @@ class Carousel {
   Spacing judgeSpacing(Type type) {
     const auto& groups = groups_[type];
     Spacing spacing;
-    spacing.sections = sections_[type].size();
+    spacing.sections = source_.sections[type].size();
     spacing.groups = groups.size();
     if (groups.empty()) return spacing;
     spacing.first = groups[0].start;
@@ -228,7 +221,7 @@ class Carousel {
   // A section of a table of S sections is sent every S groups; all programme maps are sent in one order.
   void judgeRotation(Type type) {
     const auto& groups = groups_[type];
-    const size_t round = type == kPmt ? 1 : sections_[type].size();
+    const size_t round = type == kPmt ? 1 : source_.sections[type].size();
     for (size_t i = round; i < groups.size(); ++i)
       if (groups[i].content != groups[i - round].content) {
         fault("rotation", fmt::format("{}: group {} at tick {:.2f} is not the one that came {} groups before",
@@ -238,9 +231,7 @@ class Carousel {
   }
 
   const Options& options_;
-  const std::array<std::set<unsigned>, kTypes>& sections_;
-  const std::array<unsigned, kTypes>& packets_;
-  const std::set<uint16_t>& pmtPids_;
+  const PsiSource& source_;
   const Scan& scan_;
   Contents& contents_;
   Faults& faults_;
@@ -251,58 +242,62 @@ class Carousel {
 
 // The newest current section of each PID, table_id, extension and section number, and the tables they make
 // up. A table whose interval is 0 is not sent at all.
-PsiCheck::PsiCheck(const Options& options, Contents& contents)
-    : options_(options), contents_(contents), programmes_(tscheck::programmes(options.psi)) {
-  for (const auto& [pid, programme] : programmes_) pmtPids_.insert(pid);
+PsiSource readPsiSource(const Options& options, Contents& contents) {
+  PsiSource source{.programmes = programmes(options.psi)};
+  for (const auto& [pid, programme] : source.programmes) source.pmtPids.insert(pid);
   TableDecoder decoder(
-      programmes_, [&](const std::string& name, const std::string& content) { tables_[name] = content; },
+      source.programmes,
+      [&](const std::string& name, const std::string& content) { source.tables[name] = content; },
       [](const std::string&) {});
   ScanOptions scanOptions;
-  scanOptions.sectionPids = tablePids(pmtPids_);
+  scanOptions.sectionPids = tablePids(source.pmtPids);
   scanOptions.allowCut = true;
   scanOptions.onPacket = [&](const Packet& packet) { decoder.push(packet); };
   Faults ofSource;  // the capture may be damaged; its complete sections count
   std::map<std::tuple<uint16_t, uint8_t, uint16_t, uint8_t>, unsigned> newest;
   for (const Section& section : scan(options.psi, scanOptions, contents, ofSource).sections) {
     const Bytes& bytes = contents.bytes(section.content);
-    const bool isTables = bytes.size() >= kLongHeader && typeOf(section.pid, bytes[0], pmtPids_);
+    const bool isTables = bytes.size() >= kLongHeader && typeOf(section.pid, bytes[0], source.pmtPids);
     if (!isTables || (bytes[5] & 1) == 0) continue;
     newest[{section.pid, bytes[0], big16(bytes, 3), bytes[6]}] = section.content;
   }
-  if (tables_.empty()) throw std::runtime_error(fmt::format("{} carries no tables to look for", options.psi));
+  if (source.tables.empty())
+    throw std::runtime_error(fmt::format("{} carries no tables to look for", options.psi));
   for (const auto& [key, content] : newest) {
-    const Type type = *typeOf(std::get<0>(key), std::get<1>(key), pmtPids_);
+    const Type type = *typeOf(std::get<0>(key), std::get<1>(key), source.pmtPids);
     const size_t bytes = 1 + contents.bytes(content).size();  // including the pointer field
-    packets_[type] += static_cast<unsigned>((bytes + kPayloadSize - 1) / kPayloadSize);
-    if (options.intervals[type] != 0) sections_[type].insert(content);
+    source.packets[type] += static_cast<unsigned>((bytes + kPayloadSize - 1) / kPayloadSize);
+    if (options.intervals[type] != 0) source.sections[type].insert(content);
   }
   for (size_t type = 0; type < kTypes; ++type)
     if (options.intervals[type] == 0)
-      std::erase_if(tables_,
+      std::erase_if(source.tables,
                     [&](const auto& table) { return table.first.starts_with(kTypeRows[type].decoded); });
+  return source;
 }
 
-Json PsiCheck::run(const Scan& scan, const Decoded& decoded, Faults& faults) const {
-  for (const auto& [name, contents] : decoded.tables) {
-    const auto wanted = tables_.find(name);
-    if (wanted == tables_.end()) faults.add("table", fmt::format("{} is not in the source", name));
-    for (const std::string& content : contents)
-      if (wanted != tables_.end() && wanted->second != content)
+Json checkPsi(const Options& options, const PsiSource& source, const Scan& scan, const Decoded& decoded,
+              Contents& contents, Faults& faults) {
+  for (const auto& [name, versions] : decoded.tables) {
+    const auto wanted = source.tables.find(name);
+    if (wanted == source.tables.end()) faults.add("table", fmt::format("{} is not in the source", name));
+    for (const std::string& content : versions)
+      if (wanted != source.tables.end() && wanted->second != content)
         faults.add("table", fmt::format("{} differs: source {}, file {}", name, wanted->second, content));
   }
   Json names = Json::array();
-  for (const auto& [name, content] : tables_) {
+  for (const auto& [name, content] : source.tables) {
     names.push_back(name);
     const auto found = decoded.tables.find(name);
     if (found == decoded.tables.end() || !found->second.contains(content))
       faults.add("table", fmt::format("{} cannot be decoded from the file", name));
   }
-  const std::set<uint16_t> known = tablePids(pmtPids_);
+  const std::set<uint16_t> known = tablePids(source.pmtPids);
   for (const Mark& mark : scan.marks)
     if (!known.contains(mark.pid))
       faults.add("stray", fmt::format("packet {} is of PID {:#x}, which carries no table of the source",
                                       mark.index, mark.pid));
-  Json types = Carousel(options_, sections_, packets_, pmtPids_, scan, contents_, faults).run();
+  Json types = Carousel(options, source, scan, contents, faults).run();
   return {{"types", types}, {"tables", names}};
 }
 

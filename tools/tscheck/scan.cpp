@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <boost/crc.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,21 +20,10 @@ constexpr size_t kLongestSection = 4096;  // 1024 for the tables of ISO/IEC 1381
 constexpr size_t kChunkPackets = 4096;    // read at once
 constexpr uint8_t kStuffing = 0xFF;
 
-std::array<uint32_t, 256> makeCrcTable() {
-  std::array<uint32_t, 256> table{};
-  for (uint32_t i = 0; i < 256; ++i) {
-    uint32_t c = i << 24;
-    for (int bit = 0; bit < 8; ++bit) c = (c & 0x80000000U) != 0 ? c << 1 ^ 0x04C11DB7U : c << 1;
-    table[i] = c;
-  }
-  return table;
-}
-
 bool crcGood(const Bytes& section) {
-  static const std::array<uint32_t, 256> kTable = makeCrcTable();
-  uint32_t c = 0xFFFFFFFFU;
-  for (const uint8_t byte : section) c = c << 8 ^ kTable[c >> 24 ^ byte];
-  return c == 0;
+  boost::crc_optimal<32, 0x04C11DB7, 0xFFFFFFFF> crc;
+  crc.process_bytes(section.data(), section.size());
+  return crc.checksum() == 0;
 }
 
 // Follows the sections of one PID through its packets.

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <array>
 #include <stdexcept>
 
 #include "scan.h"
@@ -35,7 +33,7 @@ struct TableDecoder::Decoder {
 
 namespace {
 
-std::string text(const dvbpsi_descriptor_t* d) {
+std::string descriptors(const dvbpsi_descriptor_t* d) {
   std::string out = "[";
   for (; d != nullptr; d = d->p_next) {
     out += fmt::format("{:02x}:", d->i_tag);
@@ -45,146 +43,105 @@ std::string text(const dvbpsi_descriptor_t* d) {
   return out + "]";
 }
 
+// The name and the content of each kind of table.
+
+std::string nameOf(const dvbpsi_pat_t& pat) {
+  return fmt::format("PAT ts {}", pat.i_ts_id);
+}
 std::string text(const dvbpsi_pat_t& pat) {
-  std::string out = fmt::format("v{}", pat.i_version);
+  std::string out;
   for (const auto* p = pat.p_first_program; p != nullptr; p = p->p_next)
     out += fmt::format(" {}->{:#x}", p->i_number, p->i_pid);
   return out;
 }
 
+std::string nameOf(const dvbpsi_cat_t& /*cat*/) {
+  return "CAT";
+}
+std::string text(const dvbpsi_cat_t& cat) {
+  return ' ' + descriptors(cat.p_first_descriptor);
+}
+
+std::string nameOf(const dvbpsi_pmt_t& pmt) {
+  return fmt::format("PMT programme {}", pmt.i_program_number);
+}
 std::string text(const dvbpsi_pmt_t& pmt) {
-  std::string out =
-      fmt::format("v{} pcr {:#x} {}", pmt.i_version, pmt.i_pcr_pid, text(pmt.p_first_descriptor));
+  std::string out = fmt::format(" pcr {:#x} {}", pmt.i_pcr_pid, descriptors(pmt.p_first_descriptor));
   for (const auto* e = pmt.p_first_es; e != nullptr; e = e->p_next)
-    out += fmt::format(" {}:{:#x}{}", e->i_type, e->i_pid, text(e->p_first_descriptor));
+    out += fmt::format(" {}:{:#x}{}", e->i_type, e->i_pid, descriptors(e->p_first_descriptor));
   return out;
 }
 
+std::string nameOf(const dvbpsi_sdt_t& sdt) {
+  return fmt::format("SDT {:#x} ts {}", sdt.i_table_id, sdt.i_extension);
+}
 std::string text(const dvbpsi_sdt_t& sdt) {
-  std::string out = fmt::format("v{} network {}", sdt.i_version, sdt.i_network_id);
+  std::string out = fmt::format(" network {}", sdt.i_network_id);
   for (const auto* s = sdt.p_first_service; s != nullptr; s = s->p_next)
     out += fmt::format(" {}:{}{}{}{}{}", s->i_service_id, s->b_eit_schedule, s->b_eit_present,
-                       s->i_running_status, s->b_free_ca, text(s->p_first_descriptor));
+                       s->i_running_status, s->b_free_ca, descriptors(s->p_first_descriptor));
   return out;
 }
 
-template <typename Stream>
-std::string textOfStreams(const Stream* s) {
-  std::string out;
-  for (; s != nullptr; s = s->p_next)
-    out += fmt::format(" {}/{}{}", s->i_ts_id, s->i_orig_network_id, text(s->p_first_descriptor));
+std::string nameOf(const dvbpsi_nit_t& nit) {
+  return fmt::format("NIT {:#x} network {}", nit.i_table_id, nit.i_network_id);
+}
+std::string nameOf(const dvbpsi_bat_t& bat) {
+  return fmt::format("BAT {:#x}", bat.i_extension);
+}
+template <typename Table>  // NIT or BAT
+std::string text(const Table& table) {
+  std::string out = ' ' + descriptors(table.p_first_descriptor);
+  for (const auto* s = table.p_first_ts; s != nullptr; s = s->p_next)
+    out += fmt::format(" {}/{}{}", s->i_ts_id, s->i_orig_network_id, descriptors(s->p_first_descriptor));
   return out;
 }
 
-}  // namespace
-
-TableDecoder::Decoder& TableDecoder::add(uint16_t pid) {
-  const auto onMessage = [](dvbpsi_t* handle, dvbpsi_msg_level_t, const char* message) {
-    const auto& decoder = *static_cast<Decoder*>(handle->p_sys);
-    std::string line = message;
-    line.erase(std::remove(line.begin(), line.end(), '\n'), line.end());
-    decoder.owner->onError_(fmt::format("PID {:#x}: {}", decoder.pid, line));
-  };
-  decoders_.push_back(std::make_unique<Decoder>());
-  Decoder& decoder = *decoders_.back();
-  decoder = {this, pid, dvbpsi_new(onMessage, DVBPSI_MSG_ERROR), nullptr};
-  if (decoder.handle == nullptr) throw std::runtime_error("libdvbpsi gives no decoder");
-  decoder.handle->p_sys = &decoder;
-  byPid_[pid].push_back(&decoder);
-  return decoder;
-}
-
-namespace {
-
-// What the callbacks of one kind of table have in common: name it, hand it on if it is current, release it.
-template <typename Table, typename Owner, typename Name, typename Release>
-void report(Owner& onTable, Table* table, Name name, const std::string& content, Release release) {
-  if (table->b_current_next) onTable(name, content);
+// Called by the library for a whole table, which it owns no longer.
+template <typename Table, void (*release)(Table*)>
+void report(void* to, Table* table) {
+  if (table->b_current_next)
+    (*static_cast<TableDecoder::OnTable*>(to))(nameOf(*table),
+                                               fmt::format("v{}{}", table->i_version, text(*table)));
   release(table);
 }
 
-// Attaches the decoder of a sub-table of the network, service and bouquet tables as it first shows up.
-void onSubtable(dvbpsi_t* handle, uint8_t tableId, uint16_t extension, void* data) {
-  switch (tableId) {
-    case 0x40:
-    case 0x41:
-      dvbpsi_nit_attach(
-          handle, tableId, extension,
-          [](void* to, dvbpsi_nit_t* t) {
-            report(*static_cast<TableDecoder::OnTable*>(to), t,
-                   fmt::format("NIT {:#x} network {}", t->i_table_id, t->i_network_id),
-                   fmt::format("v{} {}{}", t->i_version, text(t->p_first_descriptor),
-                               textOfStreams(t->p_first_ts)),
-                   dvbpsi_nit_delete);
-          },
-          data);
-      break;
-    case 0x42:
-    case 0x46:
-      dvbpsi_sdt_attach(
-          handle, tableId, extension,
-          [](void* to, dvbpsi_sdt_t* t) {
-            report(*static_cast<TableDecoder::OnTable*>(to), t,
-                   fmt::format("SDT {:#x} ts {}", t->i_table_id, t->i_extension), text(*t),
-                   dvbpsi_sdt_delete);
-          },
-          data);
-      break;
-    case 0x4A:
-      dvbpsi_bat_attach(
-          handle, tableId, extension,
-          [](void* to, dvbpsi_bat_t* t) {
-            report(*static_cast<TableDecoder::OnTable*>(to), t, fmt::format("BAT {:#x}", t->i_extension),
-                   fmt::format("v{} {}{}", t->i_version, text(t->p_first_descriptor),
-                               textOfStreams(t->p_first_ts)),
-                   dvbpsi_bat_delete);
-          },
-          data);
-      break;
-    default:
-      break;
-  }
+// Attaches the decoder of a sub-table of the network, service and bouquet tables when it first occurs.
+void onSubtable(dvbpsi_t* handle, uint8_t tableId, uint16_t extension, void* to) {
+  if (tableId == 0x40 || tableId == 0x41)
+    dvbpsi_nit_attach(handle, tableId, extension, report<dvbpsi_nit_t, dvbpsi_nit_delete>, to);
+  else if (tableId == 0x42 || tableId == 0x46)
+    dvbpsi_sdt_attach(handle, tableId, extension, report<dvbpsi_sdt_t, dvbpsi_sdt_delete>, to);
+  else if (tableId == 0x4A)
+    dvbpsi_bat_attach(handle, tableId, extension, report<dvbpsi_bat_t, dvbpsi_bat_delete>, to);
 }
 
 }  // namespace
 
+dvbpsi_t* TableDecoder::add(uint16_t pid, void (*detach)(dvbpsi_t*)) {
+  const auto onMessage = [](dvbpsi_t* handle, dvbpsi_msg_level_t, const char* message) {
+    const auto& decoder = *static_cast<Decoder*>(handle->p_sys);
+    std::string line = message;
+    std::erase(line, '\n');
+    decoder.owner->onError_(fmt::format("PID {:#x}: {}", decoder.pid, line));
+  };
+  dvbpsi_t* handle = dvbpsi_new(onMessage, DVBPSI_MSG_ERROR);
+  if (handle == nullptr) throw std::runtime_error("libdvbpsi gives no decoder");
+  decoders_.push_back(std::make_unique<Decoder>(Decoder{this, pid, handle, detach}));
+  handle->p_sys = decoders_.back().get();
+  return handle;
+}
+
 TableDecoder::TableDecoder(const std::set<std::pair<uint16_t, uint16_t>>& programmes, OnTable onTable,
                            OnError onError)
-    : byPid_(kPidCount), onTable_(std::move(onTable)), onError_(std::move(onError)) {
-  Decoder& pat = add(0x0000);
-  pat.detach = dvbpsi_pat_detach;
-  dvbpsi_pat_attach(
-      pat.handle,
-      [](void* to, dvbpsi_pat_t* t) {
-        report(*static_cast<OnTable*>(to), t, fmt::format("PAT ts {}", t->i_ts_id), text(*t),
-               dvbpsi_pat_delete);
-      },
-      &onTable_);
-  Decoder& cat = add(0x0001);
-  cat.detach = dvbpsi_cat_detach;
-  dvbpsi_cat_attach(
-      cat.handle,
-      [](void* to, dvbpsi_cat_t* t) {
-        report(*static_cast<OnTable*>(to), t, "CAT",
-               fmt::format("v{} {}", t->i_version, text(t->p_first_descriptor)), dvbpsi_cat_delete);
-      },
-      &onTable_);
-  for (const auto& [pid, programme] : programmes) {
-    Decoder& pmt = add(pid);
-    pmt.detach = dvbpsi_pmt_detach;
-    dvbpsi_pmt_attach(
-        pmt.handle, programme,
-        [](void* to, dvbpsi_pmt_t* t) {
-          report(*static_cast<OnTable*>(to), t, fmt::format("PMT programme {}", t->i_program_number),
-                 text(*t), dvbpsi_pmt_delete);
-        },
-        &onTable_);
-  }
-  for (const uint16_t pid : {uint16_t{0x0010}, uint16_t{0x0011}}) {
-    Decoder& demux = add(pid);
-    demux.detach = dvbpsi_DetachDemux;
-    dvbpsi_AttachDemux(demux.handle, onSubtable, &onTable_);
-  }
+    : onTable_(std::move(onTable)), onError_(std::move(onError)) {
+  dvbpsi_pat_attach(add(0x0000, dvbpsi_pat_detach), report<dvbpsi_pat_t, dvbpsi_pat_delete>, &onTable_);
+  dvbpsi_cat_attach(add(0x0001, dvbpsi_cat_detach), report<dvbpsi_cat_t, dvbpsi_cat_delete>, &onTable_);
+  for (const auto& [pid, programme] : programmes)
+    dvbpsi_pmt_attach(add(pid, dvbpsi_pmt_detach), programme, report<dvbpsi_pmt_t, dvbpsi_pmt_delete>,
+                      &onTable_);
+  for (const uint16_t pid : {uint16_t{0x0010}, uint16_t{0x0011}})
+    dvbpsi_AttachDemux(add(pid, dvbpsi_DetachDemux), onSubtable, &onTable_);
 }
 
 TableDecoder::~TableDecoder() {
@@ -196,7 +153,8 @@ TableDecoder::~TableDecoder() {
 
 void TableDecoder::push(Packet packet) {
   const size_t pid = (packet[1] & 0x1FU) << 8 | packet[2];
-  for (Decoder* decoder : byPid_[pid]) dvbpsi_packet_push(decoder->handle, packet.data());
+  for (const auto& decoder : decoders_)
+    if (decoder->pid == pid) dvbpsi_packet_push(decoder->handle, packet.data());
 }
 
 }  // namespace tscheck

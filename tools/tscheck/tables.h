@@ -35,11 +35,11 @@ class TableDecoder {
  private:
   struct Decoder;
   std::vector<std::unique_ptr<Decoder>> decoders_;
-  std::vector<std::vector<Decoder*>> byPid_;
   OnTable onTable_;
   OnError onError_;
 
-  Decoder& add(uint16_t pid);
+  // The handle of a new decoder of the PID.
+  dvbpsi_s* add(uint16_t pid, void (*detach)(dvbpsi_s*));
 };
 
 }  // namespace tscheck

@@ -20,15 +20,6 @@ constexpr int kOk = 0;
 constexpr int kFaulty = 1;
 constexpr int kWrongCall = 2;
 
-// The call as it was given, before its values are read.
-struct Call {
-  std::string rate;
-  std::vector<std::string> maps, intervals;
-  unsigned defaultInterval = 300;
-  bool noLimits = false;
-  bool json = false;
-};
-
 template <typename Number>
 const char* parse(const char* from, const std::string& text, Number& number, int base = 10) {
   const auto [end, error] = std::from_chars(from, text.data() + text.size(), number, base);
@@ -74,12 +65,7 @@ void parseMap(const std::string& text, std::map<uint16_t, uint16_t>& sourceOf) {
   }
 }
 
-void readCall(const Call& call, Options& options) {
-  if (!call.rate.empty()) options.rate = parseRate(call.rate);
-  options.intervals.fill(call.defaultInterval);
-  for (const std::string& text : call.intervals) parseInterval(text, options.intervals);
-  for (const std::string& text : call.maps) parseMap(text, options.sourceOf);
-  options.limits = !call.noLimits;
+void checkCall(const Options& options, bool hasIntervals) {
   if (options.source.empty() != options.sourceOf.empty())
     throw std::invalid_argument("--source and --map go together: which PIDs of the source are in FILE?");
   const bool needsRate =
@@ -87,7 +73,7 @@ void readCall(const Call& call, Options& options) {
   if (needsRate && !options.rate.known())
     throw std::invalid_argument(
         "give the bit rate of FILE with --rate: --psi, --source, --constant-rate and --from need it");
-  if (options.psi.empty() && (!call.intervals.empty() || options.untimed))
+  if (options.psi.empty() && (hasIntervals || options.untimed))
     throw std::invalid_argument("--interval and --untimed need --psi, the source of the tables");
   // not(a >= b): also true for NaN
   if (!(options.auxHz > 0) || !(options.tolerance_ns >= 0) || !(options.from_s >= 0))
@@ -103,9 +89,9 @@ void noteLibraryErrors(const Scan& scan, const Decoded& decoded, Faults& faults)
 
 Json check(const Options& options, Faults& faults) {
   Contents contents;
-  const std::optional<PsiCheck> psi =
-      options.psi.empty() ? std::nullopt : std::make_optional<PsiCheck>(options, contents);
-  const auto named = psi ? psi->programmes() : programmes(options.file);
+  std::optional<PsiSource> psi;
+  if (!options.psi.empty()) psi = readPsiSource(options, contents);
+  const auto named = psi ? psi->programmes : programmes(options.file);
   std::set<uint16_t> pmtPids;
   for (const auto& [pid, programme] : named) pmtPids.insert(pid);
 
@@ -135,7 +121,7 @@ Json check(const Options& options, Faults& faults) {
   const Rate rate = options.rate.known() ? options.rate : rateByPcr(seen);
   Json summary = checkStream(options, rate, seen, contents, pmtPids, faults);
   for (const auto& [name, versions] : decoded.tables) summary["decoded"][name] = *versions.rbegin();
-  if (psi) summary["psi"] = psi->run(seen, decoded, faults);
+  if (psi) summary["psi"] = checkPsi(options, *psi, seen, decoded, contents, faults);
   if (!options.source.empty()) summary["streams"] = checkPasses(options, seen, faults);
   return summary;
 }
@@ -179,11 +165,10 @@ void printFaults(const Faults& faults) {
   if (faults.byKind().empty()) fmt::print("Nothing wrong was found.\n");
 }
 
-int run(const Call& call, Options& options) {
-  readCall(call, options);
+int run(const Options& options, bool asJson) {
   Faults faults;
   Json summary = check(options, faults);
-  if (call.json) {
+  if (asJson) {
     summary["faults"] = Json::object();
     for (const auto& [kind, found] : faults.byKind())
       summary["faults"][kind] = {{"count", found.count}, {"first", found.first}};
@@ -217,27 +202,32 @@ Exit code: 0 nothing wrong, 1 faults were found, 2 wrong call, or a file that ca
 
 int runProgram(int argc, char** argv) {
   Options options;
-  Call call;
+  std::vector<std::string> intervals;
+  unsigned defaultInterval = 300;
+  bool asJson = false;
   CLI::App app(kDescription, "tscheck");
   app.footer(kFooter);
   app.add_option("FILE", options.file, "transport stream of packets of 188 bytes")->required();
-  app.add_option("--rate", call.rate,
-                 "its bit rate in bit/s, N or N/D; without it the PCRs tell. --psi, --source, "
-                 "--constant-rate and --from need it");
-  app.add_flag("--no-limits", call.noLimits, "measure repetition and PCR interval, but do not judge them");
+  app.add_option_function<std::string>(
+      "--rate", [&](const std::string& text) { options.rate = parseRate(text); },
+      "its bit rate in bit/s, N or N/D; without it the PCRs tell. --psi, --source, "
+      "--constant-rate and --from need it");
+  app.add_flag_callback(
+      "--no-limits", [&] { options.limits = false; },
+      "measure repetition and PCR interval, but do not judge them");
   app.add_flag("--constant-rate", options.constantRate,
                "the rate is constant: PCRs must be right by it, within --tolerance");
   app.add_option("--tolerance", options.tolerance_ns, "ns that a PCR may be off")->capture_default_str();
   app.add_option("--from", options.from_s, "skip what comes before, in seconds");
   app.add_flag("--allow-cut", options.allowCut, "a section may break off where another one starts");
   app.add_flag("--every-pid", options.everyPid, "every PID but that of null packets carries sections");
-  app.add_flag("--json", call.json, "print what was measured and all kinds of faults as JSON");
+  app.add_flag("--json", asJson, "print what was measured and all kinds of faults as JSON");
   app.add_option("--psi", options.psi, "capture whose tables FILE must carry, and no others")
       ->group("Tables of a source");
-  app.add_option("--default-interval", call.defaultInterval, "ticks between two sections of a table")
+  app.add_option("--default-interval", defaultInterval, "ticks between two sections of a table")
       ->capture_default_str()
       ->group("Tables of a source");
-  app.add_option("--interval", call.intervals, "TABLE=TICKS, where it differs; 0: the table must not be sent")
+  app.add_option("--interval", intervals, "TABLE=TICKS, where it differs; 0: the table must not be sent")
       ->group("Tables of a source");
   app.add_option("--aux-hz", options.auxHz, "ticks a second")
       ->capture_default_str()
@@ -245,14 +235,20 @@ int runProgram(int argc, char** argv) {
   app.add_flag("--untimed", options.untimed, "do not judge when tables come")->group("Tables of a source");
   app.add_option("--source", options.source, "file that was played into FILE over and over")
       ->group("Programmes of a source");
-  app.add_option(
-         "--map", call.maps,
+  app.add_option_function<std::vector<std::string>>(
+         "--map",
+         [&](const std::vector<std::string>& maps) {
+           for (const std::string& text : maps) parseMap(text, options.sourceOf);
+         },
          "SOURCE-PID=PID: the number that a PID of the source has in FILE. The payload must be the end of a "
          "pass, whole passes and the start of one; no PCR may have more error added than --tolerance")
       ->group("Programmes of a source");
   try {
     app.parse(argc, argv);
-    return run(call, options);
+    options.intervals.fill(defaultInterval);
+    for (const std::string& text : intervals) parseInterval(text, options.intervals);
+    checkCall(options, !intervals.empty());
+    return run(options, asJson);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kOk : kWrongCall;
   } catch (const std::exception& error) {

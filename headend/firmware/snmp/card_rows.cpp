@@ -7,13 +7,13 @@
 
 #include "headend/firmware/reading_turn.h"
 #include "headend/firmware/snmp/net_snmp.h"
-#include "protocol/mib_rows.h"
 #include "protocol/variables.h"
+#include "ui/qamMibRows.h"
 
 namespace headend {
 namespace {
 
-constexpr std::size_t kSlotComponent = protocol::kMibBaseLength;  // the first after the base
+constexpr std::size_t kSlotComponent = kMibBaseLength;  // the first after the base
 
 struct Name {
   std::array<u32, MAX_OID_LEN + 1> components{};  // an instance is one component longer than its row
@@ -118,7 +118,7 @@ bool CardRows::makeKnown() {
 // ---- Requests ----
 
 bool CardRows::runs(const Row& row) const {
-  return runs_(static_cast<int>(row.variable.name[kSlotComponent] - protocol::kMibFirstSlot));
+  return runs_(static_cast<int>(row.variable.name[kSlotComponent] - kMibFirstSlot));
 }
 
 int CardRows::handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*registration*/,

@@ -2,11 +2,13 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <optional>
 #include <random>
 #include <stdexcept>
+#include <string_view>
+#include <system_error>
 
+#include "base/files.h"
 #include "base/numbers.h"
 
 namespace headend {
@@ -24,30 +26,25 @@ EngineIdentity newEngine() {
   return engine;
 }
 
-std::optional<EngineIdentity> parse(const std::string& text) {
-  std::array<char, 2 * kIdSize + 1> hex{};
-  unsigned long boots = 0;
-  int end = 0;
-  if (std::sscanf(text.c_str(), "engine 0x%26[0-9a-f] boots %10lu\n%n", hex.data(), &boots, &end) != 2 ||
-      end != static_cast<int>(text.size()) || !text.ends_with('\n') || boots == 0 || boots > kMostBoots) {
-    return {};
-  }
-  const std::string digits = hex.data();
-  if (digits.size() != 2 * kIdSize) return {};
-  EngineIdentity engine{.id = {}, .boots = static_cast<u32>(boots)};
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    engine.id.push_back(base::parseDigits<u8>(digits.substr(i, 2), 16, 0xFF).value());
-  }
-  return engine;
+std::string encode(const EngineIdentity& engine) {
+  return fmt::format("engine {} boots {}\n", engineIdText(engine), engine.boots);
 }
 
-std::optional<std::string> contentOf(const Flash& flash) {
-  std::FILE* file = flash.open(kFile, "rb");
-  if (file == nullptr) return {};
-  std::array<char, 100> text{};
-  const std::size_t size = std::fread(text.data(), 1, text.size(), file);
-  std::fclose(file);
-  return std::string(text.data(), size);
+std::optional<EngineIdentity> decode(std::string_view text) {
+  constexpr std::size_t kIdAt = sizeof "engine 0x" - 1;
+  EngineIdentity engine{.id = {}, .boots = 0};
+  for (std::size_t at = kIdAt; engine.id.size() < kIdSize && at < text.size(); at += 2)
+    engine.id.push_back(base::parseDigits<u8>(text.substr(at, 2), 16, 0xFF).value_or(0));
+  const std::string_view boots = text.substr(text.rfind(' ') + 1);
+  engine.boots = base::parseDecimal(boots.substr(0, boots.find('\n')), kMostBoots).value_or(0);
+  return engine.boots > 0 && encode(engine) == text ? std::optional(engine) : std::nullopt;
+}
+
+// nullopt if the flash has none; empty if it cannot be read.
+std::optional<std::string> savedText(const Flash& flash) try {
+  return base::readFile(flash.hostPath(kFile).value(), 100);
+} catch (const std::system_error& e) {
+  return e.code() == std::errc::no_such_file_or_directory ? std::nullopt : std::optional<std::string>("");
 }
 
 }  // namespace
@@ -58,8 +55,8 @@ std::string engineIdText(const EngineIdentity& engine) {
 
 EngineIdentity bootEngine(Flash& flash, const std::function<void(const std::string&)>& say) {
   EngineIdentity engine = newEngine();
-  if (const auto text = contentOf(flash)) {
-    if (const auto last = parse(*text); !last) {
+  if (const auto text = savedText(flash)) {
+    if (const auto last = decode(*text); !last) {
       say("the SNMP engine's ID in the flash is damaged: this is a new engine, whose keys users must learn "
           "anew");
     } else if (last->boots < kMostBoots) {
@@ -68,7 +65,7 @@ EngineIdentity bootEngine(Flash& flash, const std::function<void(const std::stri
       say("the SNMP engine has used up its boots: this is a new engine, whose keys users must learn anew");
     }
   }
-  const std::string content = fmt::format("engine {} boots {}\n", engineIdText(engine), engine.boots);
+  const std::string content = encode(engine);
   const std::string error =
       flash.replace(kFile, {reinterpret_cast<const u8*>(content.data()), content.size()});
   if (!error.empty()) throw std::runtime_error(error);

@@ -18,7 +18,7 @@ class SnmpNotifier {
   static constexpr int kPriority = 223;
   static constexpr std::size_t kWaitingMost = 1000;  // if there are more, the oldest are not sent
 
-  // `library` has a sink. Names of objects are below `base` (client/mib_rows.h).
+  // `library` has a sink. Names of objects are below `base` (protocol/mib_rows.h).
   SnmpNotifier(Kernel& kernel, SnmpLibrary& library, std::vector<u32> base,
                std::function<void(const std::string&)> say);
 

@@ -1,24 +1,23 @@
 #include "headend/firmware/snmp/secrets.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <iomanip>
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
+
+#include "base/files.h"
 
 namespace headend {
 namespace {
 
 constexpr const char* kVariable = "HEADEND_SNMP_SECRETS";
+constexpr std::size_t kLongestFile = 1 << 20;
 constexpr std::size_t kLongestName = 32;  // RFC 3414, usmUserName
 constexpr std::size_t kLongestCommunity = 64;
 constexpr std::size_t kShortestPassphrase = 8;  // RFC 3414, section 11.2
@@ -130,36 +129,18 @@ class Parser {
   SnmpSecrets secrets_;
 };
 
-[[noreturn]] void cannotRead(const std::filesystem::path& file) {
-  throw std::runtime_error(
-      fmt::format("cannot read SNMP secrets {}: {}", file.string(), std::strerror(errno)));
-}
-
-std::string contentOf(const std::filesystem::path& file) {
-  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) cannotRead(file);
-  const struct Closer {
-    int fd;
-    ~Closer() { ::close(fd); }
-  } closer{fd};
-  struct stat status {};
-  if (::fstat(fd, &status) != 0) cannotRead(file);
-  if (S_ISDIR(status.st_mode)) {
-    errno = EISDIR;
-    cannotRead(file);
-  }
-  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+std::string contentOf(const std::filesystem::path& file) try {
+  using std::filesystem::perms;
+  const std::string content = base::readFile(file, kLongestFile);
+  const perms mode = std::filesystem::status(file).permissions();
+  if ((mode & (perms::group_all | perms::others_all)) != perms::none) {
     throw std::runtime_error(
         fmt::format("SNMP secrets {0} are not its owner's alone (mode {1:04o}): chmod 600 {0}", file.string(),
-                    status.st_mode & 07777U));
-  }
-  std::string content;
-  std::array<char, 4096> part{};
-  for (ssize_t n = 0; (n = ::read(fd, part.data(), part.size())) != 0;) {
-    if (n < 0) cannotRead(file);
-    content.append(part.data(), static_cast<std::size_t>(n));
+                    static_cast<unsigned>(mode)));
   }
   return content;
+} catch (const std::system_error& e) {
+  throw std::runtime_error(fmt::format("cannot read SNMP secrets {}: {}", file.string(), e.code().message()));
 }
 
 }  // namespace

@@ -7,9 +7,9 @@
 
 #include "platform/types.h"
 
-namespace commands {
+namespace mibs {
 
 // The text of the module QAM-HEADEND-MIB.
 std::string mibModule(std::span<const u32> base);
 
-}  // namespace commands
+}  // namespace mibs

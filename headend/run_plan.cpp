@@ -5,24 +5,27 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "client/carry_out.h"
+#include "client/pid_map_change.h"
 #include "client/pid_map_file.h"
-#include "client/pid_map_upload.h"
 #include "client/programme.h"
 #include "client/psi_capture.h"
-#include "client/psi_upload.h"
+#include "client/psi_change.h"
 #include "protocol/panel.h"
 #include "protocol/variables.h"
 
 namespace headend {
 namespace {
 
-client::UploadPlan planOf(const std::filesystem::path& file, Log& log) {
+client::Tables tablesOf(const std::filesystem::path& file, Log& log) {
   const client::Capture capture = client::readCapture(file);
   for (const client::Note& note : capture.notes) {
     log.line(0, "headend", fmt::format("{}: {}", file.string(), note.text));
   }
   try {
-    return client::planUpload(capture.sections);
+    client::Tables tables = client::packTables(capture.sections);
+    client::checkStorable(tables);
+    return tables;
   } catch (const client::Error& e) {
     throw std::runtime_error(fmt::format("cannot upload {}: {}", file.string(), e.what()));
   }
@@ -45,14 +48,14 @@ void addPsi(const Options& options, Log& log, std::vector<Operator::Job>& jobs) 
     protocol::Intervals intervals;
     if (auto node = left.extract(psi.channel)) intervals = std::move(node.mapped());
     Operator::Job& job = jobs.emplace_back(jobOf(psi.channel, psi.file.string(), psi.at));
-    job.carryOut = [channel = psi.channel, plan = planOf(psi.file, log), intervals](client::Link& link) {
-      client::upload(link, channel, plan, intervals);
+    job.carryOut = [channel = psi.channel, tables = tablesOf(psi.file, log), intervals](client::Link& link) {
+      client::carryOut(link, client::planLoad(link, channel, tables, intervals));
     };
   }
   for (const auto& [channel, intervals] : left) {
     Operator::Job& job = jobs.emplace_back(jobOf(channel, "intervals", 0));
     job.carryOut = [channel = channel, intervals = intervals](client::Link& link) {
-      client::setIntervals(link, channel, intervals);
+      client::carryOut(link, client::planIntervals(link, channel, intervals));
     };
   }
 }
@@ -81,7 +84,7 @@ client::InputCounts sourceCards(const Options& options) {
 void addPidMaps(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
   for (const Options::PidMap& map : options.pidMaps) {
     const client::MapFile file = client::readMapFile(map.file);
-    client::MapOptions how;
+    client::ChangeOptions how;
     how.sources = sourceCards(options);
     how.nameOf = [name = map.file.string(), lines = file.lines](std::size_t entry) {
       return fmt::format("{} line {}", name, lines[entry]);
@@ -90,20 +93,22 @@ void addPidMaps(const Options& options, Log& log, std::vector<Operator::Job>& jo
     client::checkMap(file.entries, how);
     Operator::Job& job = jobs.emplace_back(jobOf(map.channel, map.file.string(), map.at));
     job.carryOut = [channel = map.channel, entries = file.entries, how](client::Link& link) {
-      client::replaceMap(link, channel, entries, how);
+      client::carryOut(link, client::planMap(link, channel, entries, how));
     };
   }
 }
 
 void addProgrammes(const Options& options, Log& log, std::vector<Operator::Job>& jobs) {
   for (const Options::Programme& programme : options.programmes) {
-    client::ProgrammeOptions how;
-    how.map.sources = sourceCards(options);
-    how.map.note = [&log](const std::string& text) { log.line(0, "operator", text); };
+    client::ChangeOptions how;
+    how.sources = sourceCards(options);
+    how.note = [&log](const std::string& text) { log.line(0, "operator", text); };
     Operator::Job& job =
         jobs.emplace_back(jobOf(programme.channel, "programme " + programme.service, programme.at));
     job.carryOut = [programme, how](client::Link& link) {
-      client::addProgramme(link, programme.channel, programme.source, programme.service, how);
+      client::carryOut(link, client::planAddProgramme(link, programme.channel, programme.source,
+                                                      programme.service, {}, how)
+                                 .change);
     };
   }
 }

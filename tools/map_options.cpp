@@ -50,11 +50,11 @@ std::optional<client::InputCounts> sourcesOf(const Json& status) {
 
 }  // namespace
 
-client::MapOptions mapOptions(client::Link& link, const std::string& server,
-                              const protocol::Channel& channel) {
-  client::MapOptions options;
-  options.rescueFile = rescueFileOf(server, channel);
-  fs::create_directories(options.rescueFile.parent_path());
+client::ChangeOptions mapOptions(client::Link& link, const std::string& server,
+                                 const protocol::Channel& channel) {
+  client::ChangeOptions options;
+  options.mapFile = rescueFileOf(server, channel);
+  fs::create_directories(options.mapFile.parent_path());
   if (const auto status = statusOf(link)) options.sources = sourcesOf(*status);
   options.note = [](const std::string& text) { fmt::print(stderr, "note: {}\n", text); };
   return options;

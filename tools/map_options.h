@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "client/pid_map_upload.h"
+#include "client/channel_change.h"
 
 namespace tools {
 
@@ -12,7 +12,7 @@ namespace tools {
 // ~/.local/state/qamctl, else the folder for temporary files; its folder is created. With the inputs from the
 // status, and with notes to stderr. Throws Error if no reply arrives, std::filesystem::filesystem_error if
 // the folder cannot be created.
-client::MapOptions mapOptions(client::Link& link, const std::string& server,
-                              const protocol::Channel& channel);
+client::ChangeOptions mapOptions(client::Link& link, const std::string& server,
+                                 const protocol::Channel& channel);
 
 }  // namespace tools

@@ -6,9 +6,10 @@
 #include <optional>
 #include <vector>
 
+#include "client/carry_out.h"
 #include "client/chassis_services.h"
+#include "client/pid_map_change.h"
 #include "client/pid_map_file.h"
-#include "client/pid_map_upload.h"
 #include "client/udp_link.h"
 #include "protocol/channel.h"
 #include "tools/commands.h"
@@ -38,11 +39,11 @@ Channel channelOf(const Options& options) {
 void replace(const Options& options, const client::MapFile& map) {
   const Channel channel = channelOf(options);
   client::UdpLink link(options.server);
-  client::MapOptions care = mapOptions(link, options.server, channel);
+  client::ChangeOptions care = mapOptions(link, options.server, channel);
   care.nameOf = [&](std::size_t index) {
     return fmt::format("{} line {}", options.file, map.lines.at(index));
   };
-  client::replaceMap(link, channel, map.entries, care);
+  client::carryOut(link, client::planMap(link, channel, map.entries, care));
   fmt::print("Channel {}: {} entries loaded, on the air\n", protocol::channelName(channel),
              map.entries.size());
 }
@@ -118,10 +119,12 @@ void releaseMap(const Options& options) {
     by = ReleaseBy::kMap;
   }
   client::UdpLink link(options.server);
-  const client::MapOptions care = mapOptions(link, options.server, channel);
-  const auto carried = client::releaseMap(link, channel, by, entries, care);
-  dropServed(options.file, care.rescueFile);
-  fmt::print("Channel {}: released, {} entries on the air\n", protocol::channelName(channel), carried.size());
+  const client::ChangeOptions care = mapOptions(link, options.server, channel);
+  const client::ChannelChange change = client::planRelease(link, channel, by, entries, care);
+  client::carryOut(link, change);
+  dropServed(options.file, care.mapFile);
+  fmt::print("Channel {}: released, {} entries on the air\n", protocol::channelName(channel),
+             change.map->size());
 }
 
 }  // namespace

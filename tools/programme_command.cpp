@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/numbers.h"
+#include "client/carry_out.h"
 #include "client/programme.h"
 #include "client/udp_link.h"
 #include "tools/commands.h"
@@ -49,12 +50,10 @@ std::string checkStreamId(const std::string& text) {
   return base::parseNumber<u16>(text) ? "" : fmt::format("'{}' is no transport_stream_id", text);
 }
 
-client::ProgrammeOptions careFor(client::Link& link, const Options& options, const Channel& channel) {
-  client::ProgrammeOptions care;
-  care.map = mapOptions(link, options.server, channel);
+client::ChangeOptions careFor(client::Link& link, const Options& options, const Channel& channel) {
+  client::ChangeOptions care = mapOptions(link, options.server, channel);
   care.tablesFile =
-      care.map.rescueFile.parent_path() / fmt::format("psi-{}.rescue.ts", protocol::channelName(channel));
-  care.patience = std::chrono::milliseconds(static_cast<int>(options.seconds * 1000));
+      care.mapFile.parent_path() / fmt::format("psi-{}.rescue.ts", protocol::channelName(channel));
   return care;
 }
 
@@ -77,23 +76,28 @@ void tell(const Options& options, const Channel& channel, const client::Programm
 void add(const Options& options) {
   const Channel channel = protocol::parseChannel(options.channel).value();
   client::UdpLink link(options.server);
-  client::ProgrammeOptions care = careFor(link, options, channel);
-  if (!options.base.empty()) care.add.base = base::parseNumber<u16>(options.base, kNullPid);
+  const client::ChangeOptions care = careFor(link, options, channel);
+  client::AddOptions how;
+  if (!options.base.empty()) how.base = base::parseNumber<u16>(options.base, kNullPid);
   if (!options.transportStreamId.empty())
-    care.add.transportStreamId = base::parseNumber<u16>(options.transportStreamId);
+    how.transportStreamId = base::parseNumber<u16>(options.transportStreamId);
   for (const std::string& pid : options.pass)
-    care.add.pass.push_back(base::parseNumber<u16>(pid, kNullPid).value());
-  tell(options, channel,
-       client::addProgramme(link, channel, protocol::parseSourcePort(options.from).value(), options.service,
-                            care),
-       "added");
+    how.pass.push_back(base::parseNumber<u16>(pid, kNullPid).value());
+  const auto patience = std::chrono::milliseconds(static_cast<int>(options.seconds * 1000));
+  const auto source = protocol::parseSourcePort(options.from).value();
+  const client::ProgrammeChange programme =
+      client::planAddProgramme(link, channel, source, options.service, how, care, patience);
+  client::carryOut(link, programme.change);
+  tell(options, channel, programme.plan, "added");
 }
 
 void remove(const Options& options) {
   const Channel channel = protocol::parseChannel(options.channel).value();
   client::UdpLink link(options.server);
-  tell(options, channel,
-       client::removeProgramme(link, channel, options.service, careFor(link, options, channel)), "removed");
+  const client::ProgrammeChange programme =
+      client::planRemoveProgramme(link, channel, options.service, careFor(link, options, channel));
+  client::carryOut(link, programme.change);
+  tell(options, channel, programme.plan, "removed");
 }
 
 void list(const Options& options) {

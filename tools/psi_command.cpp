@@ -2,15 +2,16 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <stdexcept>
 #include <vector>
 
+#include "client/carry_out.h"
 #include "client/psi_capture.h"
-#include "client/psi_read_back.h"
-#include "client/psi_upload.h"
+#include "client/psi_change.h"
 #include "client/udp_link.h"
 #include "protocol/channel.h"
 #include "tools/commands.h"
@@ -74,24 +75,25 @@ void loadTables(const Options& options) {
   const protocol::Intervals intervals = intervalsOf(options);
   const client::Capture capture = client::readCapture(std::filesystem::path(options.file));
   for (const client::Note& note : capture.notes) fmt::print(stderr, "note: {}\n", note.text);
-  const client::UploadPlan plan = client::planUpload(capture.sections);
+  const client::Tables tables = client::packTables(capture.sections);
   client::UdpLink link(options.server);
   {
     Progress progress;
-    client::upload(link, channel, plan, intervals,
-                   {.force = options.force, .progress = [&](std::size_t sent, std::size_t total) {
-                      progress.show(fmt::format("{} of {} packets sent", sent, total));
-                    }});
+    client::ChangeOptions how{.force = options.force};
+    how.progress = [&](std::size_t sent, std::size_t total) {
+      progress.show(fmt::format("{} of {} packets sent", sent, total));
+    };
+    client::carryOut(link, client::planLoad(link, channel, tables, intervals, how));
   }
-  fmt::print("Channel {}: {} packets loaded", protocol::channelName(channel), plan.packets);
+  fmt::print("Channel {}: {} packets loaded", protocol::channelName(channel), client::packetsIn(tables));
   for (const PsiType type : mpeg::kAllTables) {
-    const auto& table = plan.tables[type];
-    if (table.sections > 0) fmt::print(", {} {}", mpeg::tableName(type), table.sections);
+    const auto sections = std::ranges::count(capture.sections, mpeg::tableId(type), &mpeg::Section::tableId);
+    if (sections > 0) fmt::print(", {} {}", mpeg::tableName(type), sections);
   }
   fmt::print(" (sections)\n");
 }
 
-void save(const client::ReadBack& tables, const std::string& file) {
+void save(const client::PsiStore& tables, const std::string& file) {
   if (tables.locked) {
     throw client::Error(
         fmt::format("{} is not written: the channel is locked, so its tables may be incomplete", file));
@@ -100,19 +102,19 @@ void save(const client::ReadBack& tables, const std::string& file) {
     throw client::Error(fmt::format("{} is not written: {} packets cannot be read back from the card", file,
                                     tables.outOfReach()));
   }
-  if (tables.read() == 0)
+  if (tables.readable().empty())
     throw client::Error(fmt::format("{} is not written: the channel stores no packets", file));
-  saveFile(file, transportStream(tables));
+  saveFile(file, client::transportStream(tables.readable()));
 }
 
 void showTables(const Options& options) {
   const Channel channel = channelOf(options);
   client::UdpLink link(options.server);
-  client::ReadBack tables;
+  client::PsiStore tables;
   {
     Progress progress;
-    tables = client::readBack(link, channel,
-                              [&](std::size_t read) { progress.show(fmt::format("{} packets read", read)); });
+    tables = client::readPsi(link, channel,
+                             [&](std::size_t read) { progress.show(fmt::format("{} packets read", read)); });
   }
   const auto status = statusOf(link);
   const Json report = psiReport(tables, channel, status ? auxHzOf(*status) : std::nullopt);
@@ -130,12 +132,12 @@ void showTables(const Options& options) {
 void setIntervals(const Options& options) {
   const protocol::Intervals intervals = intervalsOf(options);
   client::UdpLink link(options.server);
-  client::setIntervals(link, channelOf(options), intervals);
+  client::carryOut(link, client::planIntervals(link, channelOf(options), intervals));
 }
 
 void clearTables(const Options& options) {
   client::UdpLink link(options.server);
-  client::clear(link, channelOf(options), options.force);
+  client::carryOut(link, client::planClear(link, channelOf(options), {.force = options.force}));
 }
 
 std::string checkInterval(const std::string& text) {

@@ -304,6 +304,7 @@ bool ChangePart::readLock() {
 
 void ChangePart::setLock(bool on) {
   const Lock before = lock_;
+  touched_ = true;
   lock_ = Lock::kUnknown;
   try {
     writeCardLock(on);
@@ -316,8 +317,9 @@ void ChangePart::setLock(bool on) {
 
 void ChangePart::putBack() {
   const bool locked = readLock();
+  const bool lockedBefore = change_.before.psi.locked || change_.before.map.locked;
+  if (!locked && !lockedBefore && holds(Content::kOld)) return;
   if (const std::string why = obstacle(); !why.empty()) throw Error(why);
-  if (!locked && holds(Content::kOld)) return;
   if (!locked && !holds(Content::kNew)) throw Error("another client has loaded it meanwhile");
   lock();
   write(Content::kOld);

@@ -36,8 +36,8 @@ void refuseLocked(const ChannelChange& change) {
     throw Error(fmt::format(
         kLocked, "PID map", name, "is",
         isThere(file) ? fmt::format("'qamctl pidmap release {} --restore {}' ends the lock with the old map",
-                                   name, file.string())
-                     : fmt::format("'qamctl pidmap release {}' ends the lock", name)));
+                                    name, file.string())
+                      : fmt::format("'qamctl pidmap release {}' ends the lock", name)));
   }
 }
 
@@ -72,13 +72,8 @@ std::string tableLines(const PsiStore& before, const Tables& after) {
     const std::size_t packets = packetsIn(after, type);
     const std::size_t old = before.tables[type].stored;
     if (packets == 0 && old == 0) continue;
-    const bool same = std::ranges::includes(
-                          after, before.tables[type].pids, {},
-                          [](const auto& t) { return std::tie(t.type, t.pid, t.packets); },
-                          [](const auto& t) { return std::tie(t.type, t.pid, t.packets); }) &&
-                      packets == old;
-    text += fmt::format("{}: {} sections in {} packets, {}\n", tableName(type), sectionsIn(after, type),
-                        packets, same ? "as before" : fmt::format("{} packets before", old));
+    text += fmt::format("{}: {} sections in {} packets, {} packets before\n", tableName(type),
+                        sectionsIn(after, type), packets, old);
   }
   if (before.outOfReach() > 0) {
     text += fmt::format("{} packets cannot be read back: these tables cannot be put back after a failure\n",
@@ -96,6 +91,7 @@ std::string recoveryHint(const Channel& channel, const std::string& file) {
 }
 
 void ChannelChange::check() const {
+  refuseLocked(*this);
   const std::string name = channelName(before.channel);
   if (map) {
     refuseLeftFile(release ? fs::path() : options.mapFile, "the PID map of channel " + name,
@@ -120,7 +116,6 @@ void ChannelChange::check() const {
                               kMaxInterval));
     }
   }
-  refuseLocked(*this);
 }
 
 std::string ChannelChange::describe() const {

@@ -49,7 +49,7 @@ struct Procedure {
   const char* name;
   bool map;
   bool psi;
-  bool release;
+  bool leftLocked;  // by another client
   std::function<ChannelChange(Link&, const ChangeOptions&)> plan;
 };
 
@@ -67,7 +67,7 @@ class ChannelChangeTest : public test::CardTest {
     test::FakeLink link(chassis_.headend());
     ChannelVariables card(link, kChannel);
     if (procedure.map) {
-      if (!procedure.release) card.lockMap(true);
+      if (!procedure.leftLocked) card.lockMap(true);
       card.writeMap(mapOf(3, 0x700));
     }
     if (procedure.psi) {
@@ -94,7 +94,7 @@ class ChannelChangeTest : public test::CardTest {
     EXPECT_TRUE(has(message, "1.2 may be locked; on") || now.mapLocked == has(message, "1.2 is locked; on"));
     EXPECT_TRUE(!has(message, "on the air") || now.router == old_.router || now.router == wanted_.router);
     EXPECT_TRUE(has(message, "'qamctl pidmap show 1.2'"));
-    if (procedure.release) return "told";
+    if (procedure.leftLocked) return "told";
     EXPECT_TRUE(has(message, options_.mapFile.string()));
     const Entries rescued = readMapFile(options_.mapFile).entries;
     if (now.mapLocked) {
@@ -156,10 +156,11 @@ class ChannelChangeTest : public test::CardTest {
     return text;
   }
 
-  // Two programmes of input 6.1, and with `leftLocked` a lock of the map that another client has left.
+  // Two programmes of input 6.1, and with `leftLocked` the locks that another client has left.
   void prepare(bool leftLocked) {
     ChannelVariables card(link_, kChannel);
     card.lockMap(false);
+    card.lockTables(false);
     if (base_.tables.empty()) {
       load({}, {{PAT, 77}, {CAT, 0}});
       for (const char* number : {"1", "2"})
@@ -173,15 +174,16 @@ class ChannelChangeTest : public test::CardTest {
     if (!leftLocked) return;
     card.lockMap(true);
     card.writeMap(mapOf(2, 0x500));
+    card.lockTables(true);
   }
 
   void breakAll(const Procedure& procedure) {
-    prepare(procedure.release);
+    prepare(procedure.leftLocked);
     link_.log.clear();
     carryOut(link_, procedure.plan(link_, options_));
     fmt::print("{}: {} requests\n", procedure.name, link_.log.size());
     wanted_ = state();
-    prepare(procedure.release);
+    prepare(procedure.leftLocked);
     old_ = state();
     for (const test::Fault& fault : test::kFaults)
       fmt::print("  {:<32}{}\n", fault.name, breakEverywhere(procedure, fault));
@@ -199,6 +201,12 @@ TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
       {"psi load", false, true, false,
        [&](Link& l, const ChangeOptions& o) {
          return planLoad(l, kChannel, small, {{PAT, 70}, {CAT, 80}}, o);
+       }},
+      {"psi load --force", false, true, true,
+       [&](Link& l, const ChangeOptions& o) {
+         ChangeOptions forced = o;
+         forced.force = true;
+         return planLoad(l, kChannel, small, {}, forced);
        }},
       {"psi clear", false, true, false,
        [&](Link& l, const ChangeOptions& o) { return planClear(l, kChannel, o); }},

@@ -24,6 +24,7 @@ struct StoredTable {
   std::vector<TablePackets> pids;  // the readable packets, without PIDs that have none
 
   std::size_t outOfReach() const;
+  bool operator==(const StoredTable&) const = default;
 };
 
 struct PsiStore {
@@ -32,18 +33,21 @@ struct PsiStore {
 
   Tables readable() const;
   std::size_t outOfReach() const;
+  bool operator==(const PsiStore&) const = default;
 };
 
 struct PidMap {
   bool locked = false;            // a load is in progress or was aborted: there may be few or no entries
   std::vector<MapEntry> entries;  // as in the card's record, including blank ones
+
+  bool operator==(const PidMap&) const = default;
 };
 
 // The parts that were read; a plan that needs only one part reads only that.
 struct ChannelState {
   Channel channel;
-  PsiStore psi;
-  PidMap map;
+  PsiStore psi{};
+  PidMap map{};
 };
 
 // After each reply, with the packets read so far.

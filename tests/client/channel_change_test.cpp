@@ -23,19 +23,11 @@ using Kind = test::Fault::Kind;
 
 // What a client sees of the channel.
 struct State {
-  Tables tables;
-  std::vector<u32> intervals;
-  bool psiLocked;
-  Entries map;
+  PsiStore psi;
+  PidMap map;
   std::vector<chassis::RouterWords> router;
-  bool mapLocked;
 
-  bool sameMap(const State& s) const {
-    return map == s.map && router == s.router && mapLocked == s.mapLocked;
-  }
-  bool samePsi(const State& s) const {
-    return tables == s.tables && intervals == s.intervals && psiLocked == s.psiLocked;
-  }
+  bool sameMap(const State& s) const { return map == s.map && router == s.router; }
 };
 
 Entries mapOf(u16 size, u16 pid) {
@@ -55,12 +47,7 @@ struct Procedure {
 
 class ChannelChangeTest : public test::CardTest {
  protected:
-  State state() {
-    const PsiStore psi = tables();
-    const PidMap map = readMap(link_, kChannel);
-    return {psi.readable(), test::intervalsIn(psi),     psi.locked,
-            map.entries,    routerMap(link_, kChannel), map.locked};
-  }
+  State state() { return {tables(), readMap(link_, kChannel), routerMap(link_, kChannel)}; }
 
   // Another client begins to load the same parts, or sets an interval.
   void interfere(const Procedure& procedure) {
@@ -77,27 +64,26 @@ class ChannelChangeTest : public test::CardTest {
     if (!procedure.map && !procedure.psi) card.writeInterval(PAT, 11);
   }
 
-  std::string judgePsi(const std::string& message, const State& now) {
+  std::string judgePsi(const Procedure& procedure, const std::string& message, const State& now) {
     const bool is = has(message, "Channel 1.2 is locked and sends no PSI");
     const bool may = has(message, "Channel 1.2 may be locked and sends no PSI");
-    EXPECT_TRUE(is ? now.psiLocked : may || !now.psiLocked);
+    EXPECT_TRUE(is ? now.psi.locked : may || !now.psi.locked);
     EXPECT_TRUE(!(is || may) || has(message, "'qamctl psi clear 1.2 --force'"));
-    const std::string file = options_.tablesFile;
-    if (!fs::exists(file)) return "told";
-    EXPECT_TRUE(has(message, file));
+    if (procedure.leftLocked || !procedure.psi) return "told";
+    EXPECT_TRUE(has(message, options_.tablesFile.string()));
     load(readCapture(options_.tablesFile).sections, {}, kChannel, true);
-    EXPECT_EQ(test::sectionsIn(tables()), test::sectionsIn(old_.tables));
+    EXPECT_EQ(test::sectionsIn(tables()), test::sectionsIn(old_.psi));
     return "told";
   }
 
   std::string judgeMap(const Procedure& procedure, const std::string& message, const State& now) {
-    EXPECT_TRUE(has(message, "1.2 may be locked; on") || now.mapLocked == has(message, "1.2 is locked; on"));
+    EXPECT_TRUE(has(message, "1.2 may be locked; on") || now.map.locked == has(message, "1.2 is locked; on"));
     EXPECT_TRUE(!has(message, "on the air") || now.router == old_.router || now.router == wanted_.router);
     EXPECT_TRUE(has(message, "'qamctl pidmap show 1.2'"));
     if (procedure.leftLocked) return "told";
     EXPECT_TRUE(has(message, options_.mapFile.string()));
     const Entries rescued = readMapFile(options_.mapFile).entries;
-    if (now.mapLocked) {
+    if (now.map.locked) {
       carryOut(link_, planRelease(link_, kChannel, ReleaseBy::kMap, rescued, options_));
       EXPECT_TRUE(state().sameMap(old_));
     }
@@ -109,7 +95,7 @@ class ChannelChangeTest : public test::CardTest {
     SCOPED_TRACE(message);
     const State now = state();
     if (message.empty()) {
-      if (now.sameMap(wanted_) && now.samePsi(wanted_)) return "new";
+      if (now.sameMap(wanted_) && now.psi == wanted_.psi) return "new";
       EXPECT_TRUE(fault.kind == Kind::kSecondClient);
       return fmt::format("unseen ({:#x})", link.broken().variable);
     }
@@ -119,9 +105,9 @@ class ChannelChangeTest : public test::CardTest {
     const std::string lost = " channel 1.2 could not be put back";
     const bool theirs = fault.kind == Kind::kSecondClient;  // they may have changed what was not touched
     if (has(message, psi + lost))
-      end = judgePsi(message, now);
+      end = judgePsi(procedure, message, now);
     else
-      EXPECT_TRUE(now.samePsi(old_) || (theirs && !has(message, psi)));
+      EXPECT_TRUE(now.psi == old_.psi || (theirs && !has(message, psi)));
     if (has(message, map + lost))
       end = judgeMap(procedure, message, now);
     else
@@ -161,16 +147,16 @@ class ChannelChangeTest : public test::CardTest {
     ChannelVariables card(link_, kChannel);
     card.lockMap(false);
     card.lockTables(false);
-    if (base_.tables.empty()) {
+    if (base_.router.empty()) {
       load({}, {{PAT, 77}, {CAT, 0}});
       for (const char* number : {"1", "2"})
         carryOut(link_, planAddProgramme(link_, kChannel, {5, 0}, number).change);
       base_ = state();
     }
     Intervals intervals;
-    for (const PsiType type : kAllTables) intervals[type] = base_.intervals[type];
-    carryOut(link_, planLoad(link_, kChannel, base_.tables, intervals));
-    loadMap(base_.map);
+    for (const PsiType type : kAllTables) intervals[type] = base_.psi.tables[type].interval_ticks;
+    carryOut(link_, planLoad(link_, kChannel, base_.psi.readable(), intervals));
+    loadMap(base_.map.entries);
     if (!leftLocked) return;
     card.lockMap(true);
     card.writeMap(mapOf(2, 0x500));
@@ -197,41 +183,44 @@ class ChannelChangeTest : public test::CardTest {
 
 TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
   const Tables small = packTables(readCapture(fs::path(test::sample("psi-small.ts"))).sections);
+  const Intervals two = {{PAT, 70}, {CAT, 80}};
+  const auto forced = [&](auto& link) { return planLoad(link, kChannel, small, {}, {.force = true}); };
   const Procedure procedures[] = {
+      // name, changes the map, changes the tables, begins with locks of another client
       {"psi load", false, true, false,
-       [&](Link& l, const ChangeOptions& o) {
-         return planLoad(l, kChannel, small, {{PAT, 70}, {CAT, 80}}, o);
-       }},
-      {"psi load --force", false, true, true,
-       [&](Link& l, const ChangeOptions& o) {
-         ChangeOptions forced = o;
-         forced.force = true;
-         return planLoad(l, kChannel, small, {}, forced);
-       }},
-      {"psi clear", false, true, false,
-       [&](Link& l, const ChangeOptions& o) { return planClear(l, kChannel, o); }},
-      {"psi interval", false, false, false,
-       [&](Link& l, const ChangeOptions&) {
-         return planIntervals(l, kChannel, {{PAT, 70}, {CAT, 80}});
-       }},
+       [&](auto& l, auto& o) { return planLoad(l, kChannel, small, two, o); }},
+      {"psi load --force", false, true, true, [&](auto& l, auto&) { return forced(l); }},
+      {"psi clear", false, true, false, [](auto& l, auto& o) { return planClear(l, kChannel, o); }},
+      {"psi interval", false, false, false, [&](auto& l, auto&) { return planIntervals(l, kChannel, two); }},
       {"pidmap load", true, false, false,
-       [&](Link& l, const ChangeOptions& o) { return planMap(l, kChannel, mapOf(178, 0x900), o); }},
-      {"pidmap clear", true, false, false,
-       [&](Link& l, const ChangeOptions& o) { return planMap(l, kChannel, {}, o); }},
+       [](auto& l, auto& o) { return planMap(l, kChannel, mapOf(178, 0x900), o); }},
+      {"pidmap clear", true, false, false, [](auto& l, auto& o) { return planMap(l, kChannel, {}, o); }},
       {"pidmap release", true, false, true,
-       [&](Link& l, const ChangeOptions& o) {
-         return planRelease(l, kChannel, ReleaseBy::kMap, mapOf(90, 0x600), o);
-       }},
+       [](auto& l, auto& o) { return planRelease(l, kChannel, ReleaseBy::kMap, mapOf(90, 0x600), o); }},
       {"programme add", true, true, false,
-       [&](Link& l, const ChangeOptions& o) {
+       [](auto& l, auto& o) {
          return planAddProgramme(l, kChannel, {5, 0}, "3", {}, o).change;
        }},
       {"programme remove", true, true, false,
-       [&](Link& l, const ChangeOptions& o) { return planRemoveProgramme(l, kChannel, "1", o).change; }},
+       [](auto& l, auto& o) { return planRemoveProgramme(l, kChannel, "1", o).change; }},
   };
   chassis_.drive([&] {
     for (const Procedure& procedure : procedures) breakAll(procedure);
   });
+}
+
+TEST_F(ChannelChangeTest, IsDescribed) {
+  const MapEntry stays = {4, 0, 0x100, 1, 0x200, 2, 3};
+  const ChannelChange change{
+      .before = {.channel = kChannel, .map = {.entries = {stays, {4, 1, 0x101, 1, 0x201, 2, 3}}}},
+      .tables = packTables({test::makePat({{1, 0x100}})}),
+      .map = Entries{stays, {5, 0, 0x102, 4, 0x202, 5, 6}},
+      .intervals = {{PAT, 70}}};
+  EXPECT_EQ(change.describe(),
+            "Channel 1.2: locks PID map and tables\nPID map: 2 entries, 2 before\n"
+            "  - input 5.2 PID 0x0101 to PID 0x0201, programme 1 to 2, type 3\n"
+            "  + input 6.1 PID 0x0102 to PID 0x0202, programme 4 to 5, type 6\n"
+            "PAT: 1 sections in 1 packets, 0 packets before\nInterval of PAT: 70 ticks, 0 before\n");
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "client/psi_capture.h"
-#include "client/upload_plan.h"
+#include "client/table_packets.h"
 #include "platform/alarms.h"
 #include "platform/backend.h"
 #include "platform/mainboard.h"
@@ -85,17 +85,17 @@ int bc_vars_register(u32 /*base*/, u32 /*limit*/, const bc_var* /*table*/, const
 namespace bench {
 namespace {
 
-std::size_t store(u8 port, QamCardPara& record, const client::UploadPlan& plan) {
+std::size_t store(u8 port, QamCardPara& record, const client::Tables& tables) {
   std::size_t stored = 0;
-  for (const client::Chunk& chunk : plan.chunks) {
-    set_psi_pkt request{};
-    request.pid = chunk.pid;
-    request.tableid = chunk.tableId;
-    request.this_num = static_cast<u8>(chunk.packets.size());
-    for (std::size_t i = 0; i < chunk.packets.size(); ++i) {
-      std::copy(chunk.packets[i].begin(), chunk.packets[i].end(), request.psi_pkt[i]);
+  for (const client::TablePackets& table : tables) {
+    for (const mpeg::Packet& packet : table.packets) {
+      set_psi_pkt request{};
+      request.pid = table.pid;
+      request.tableid = mpeg::tableId(table.type);
+      request.this_num = 1;
+      std::copy(packet.begin(), packet.end(), request.psi_pkt[0]);
+      if (QamSavePsiPkt(port, &record, &request) == 0) ++stored;
     }
-    if (QamSavePsiPkt(port, &record, &request) == 0) stored += chunk.packets.size();
   }
   return stored;
 }
@@ -103,8 +103,9 @@ std::size_t store(u8 port, QamCardPara& record, const client::UploadPlan& plan) 
 }  // namespace
 
 Card::Card(const std::filesystem::path& capture) {
-  const client::UploadPlan plan = client::planUpload(client::readCapture(capture).sections);
-  packets_ = plan.packets;
+  const client::Tables tables = client::packTables(client::readCapture(capture).sections);
+  client::checkStorable(tables);
+  packets_ = client::packetsIn(tables);
 
   qam_load_default(0, record_.get());
   descriptor_.cardType = QAM_CARD_TYPE;
@@ -112,7 +113,7 @@ Card::Card(const std::filesystem::path& capture) {
   chassis::head = &descriptor_;
   QamFpgaIf[0] = &window_;
   for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-    if (store(port, *record_, plan) != plan.packets) throw client::Error("the card refused packets");
+    if (store(port, *record_, tables) != packets_) throw client::Error("the card refused packets");
     g_qam_PsiSendQ_ID[0][port] = &queues_[port];
     QamSetPsiInterval(0, port);
   }

@@ -4,19 +4,11 @@
 
 #include <algorithm>
 
-#include "client/upload_plan.h"
-
 namespace client {
 namespace {
 
 const char* contentOf(u16 lock) {
   return lock == kPsiLock ? "tables" : "PID map";
-}
-
-[[noreturn]] void failOnChange(const Channel& channel) {
-  throw Error(fmt::format(
-      "the PID map of {} changed while it was read: another client is loading it; try again when it is done",
-      channelName(channel)));
 }
 
 }  // namespace
@@ -40,10 +32,16 @@ void ChannelVariables::writeLock(u16 variable, bool lock) {
 
 // ---- Tables ----
 
-void ChannelVariables::writeChunk(const Chunk& chunk) {
-  call(Operation::kWrite, kPsiPackets, encodePackets(chunk.pid, chunk.tableId, chunk.packets),
-       fmt::format("write {} on PID {:#06x} of {}", nameOfTableId(chunk.tableId), chunk.pid,
-                   channelName(channel_)));
+void ChannelVariables::writeTable(const TablePackets& table, const std::function<void(std::size_t)>& sent) {
+  const std::span<const Packet> packets = table.packets;
+  for (std::size_t first = 0; first < packets.size(); first += kPacketsPerChunk) {
+    const auto chunk =
+        packets.subspan(first, std::min<std::size_t>(kPacketsPerChunk, packets.size() - first));
+    call(Operation::kWrite, kPsiPackets, encodePackets(table.pid, tableId(table.type), chunk),
+         fmt::format("write {} on PID {:#06x} of {}", tableName(table.type), table.pid,
+                     channelName(channel_)));
+    if (sent) sent(chunk.size());
+  }
 }
 
 PacketsReply ChannelVariables::readPackets(u16 pid, u8 tableId, u8 startPosition) {
@@ -86,7 +84,7 @@ void ChannelVariables::writeMap(std::span<const MapEntry> entries) {
   } while (sent < entries.size());
 }
 
-std::vector<MapEntry> ChannelVariables::readMap() {
+std::optional<std::vector<MapEntry>> ChannelVariables::readMap() {
   std::vector<MapEntry> entries;
   std::size_t total = 0;
   do {
@@ -99,16 +97,9 @@ std::vector<MapEntry> ChannelVariables::readMap() {
     total = chunk->total;
     entries.insert(entries.end(), chunk->entries.begin(), chunk->entries.end());
     if (changed || entries.size() > total || (chunk->entries.empty() && entries.size() < total))
-      failOnChange(channel_);
+      return std::nullopt;
   } while (entries.size() < total);
   return entries;
-}
-
-PidMap readMap(Link& link, const Channel& channel) {
-  ChannelVariables card(link, channel);
-  PidMap map{.locked = card.mapLocked(), .entries = card.readMap()};
-  if (card.mapLocked() != map.locked) failOnChange(channel);  // a lock in between clears the map
-  return map;
 }
 
 }  // namespace client

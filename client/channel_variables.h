@@ -1,17 +1,17 @@
-// Reads and writes the variables of one channel over a link: its tables and its PID map. Uploads and
-// read-backs use it.
+// Reads and writes the variables of one channel over a link: its tables and its PID map.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "client/link.h"
+#include "client/table_packets.h"
 #include "protocol/records.h"
 
 namespace client {
-
-struct Chunk;
 
 class ChannelVariables {
  public:
@@ -22,7 +22,8 @@ class ChannelVariables {
   // All throw Error, also if the reply does not match the request.
   bool tablesLocked() { return readLock(kPsiLock); }
   void lockTables(bool lock) { writeLock(kPsiLock, lock); }
-  void writeChunk(const Chunk& chunk);
+  // Sends chunks of up to kPacketsPerChunk; `sent` receives the packets of each.
+  void writeTable(const TablePackets& table, const std::function<void(std::size_t)>& sent = {});
   PacketsReply readPackets(u16 pid, u8 tableId, u8 startPosition);
   void writeInterval(PsiType type, u32 ticks);
   IntervalReply readInterval(PsiType type);
@@ -31,23 +32,18 @@ class ChannelVariables {
   void lockMap(bool lock) { writeLock(kPidMapLock, lock); }
   // Sends as many requests as needed; one for an empty map, which sets the count to 0.
   void writeMap(std::span<const MapEntry> entries);
-  // Also throws Error if another client changes the map meanwhile.
-  std::vector<MapEntry> readMap();
+  // nullopt if another client changes the map meanwhile.
+  std::optional<std::vector<MapEntry>> readMap();
 
- private:
+  // kPsiLock or kPidMapLock.
   bool readLock(u16 variable);
   void writeLock(u16 variable, bool lock);
+
+ private:
   Bytes call(Operation operation, u16 variable, Bytes data, const std::string& what);
 
   Link& link_;
   Channel channel_;
 };
-
-struct PidMap {
-  bool locked = false;            // a load is in progress or was aborted: there may be few or no entries
-  std::vector<MapEntry> entries;  // as in the card's record, including blank ones
-};
-// Throws Error, also if another client changes the map meanwhile.
-PidMap readMap(Link& link, const Channel& channel);
 
 }  // namespace client

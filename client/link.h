@@ -23,8 +23,6 @@ class Error : public std::runtime_error {
   enum class Kind {
     kFailed,
     kNoReply,  // no matching reply arrived: the request may have been carried out
-    kLocked,   // another client has the lock, and nothing was changed
-    kUnseen,   // a new PID map was sent completely; it or the old one is on the air
   };
   explicit Error(const std::string& text, Kind kind = Kind::kFailed)
       : std::runtime_error(text), kind_(kind) {}

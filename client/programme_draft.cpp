@@ -7,6 +7,8 @@
 
 namespace client {
 
+constexpr u32 kUsualInterval_ticks = 300;  // for a table that was stopped and is now on the air
+
 bool isFrom(const MapEntry& entry, const SourcePort& input) {
   return entry.sourceSlot == input.slot && entry.sourcePort == input.port;
 }
@@ -19,26 +21,40 @@ std::vector<PidField> fieldsByPid(const Section& pmt) {
   return fields;
 }
 
-ProgrammeDraft::ProgrammeDraft(const OutputState& output)
+ProgrammeDraft::ProgrammeDraft(const ChannelState& output)
     : owner_(ownerName(output.channel)),
-      tables_(output.tables, owner_),
-      before_(tables_),
-      map_(asKept(output.map)) {
-  if (map_.size() != output.map.size()) {
-    note(fmt::format("{} map entries that name no slot left out", output.map.size() - map_.size()));
+      before_(output.psi),
+      tables_(output.psi.readable()),
+      map_(asKept(output.map.entries)) {
+  if (const std::size_t lost = before_.outOfReach(); lost > 0) {
+    throw Error(
+        fmt::format("{} holds {} packets of tables that cannot be read back, and a change would lose them: "
+                    "load tables of fewer packets first",
+                    owner_, lost));
   }
-  for (Section& section : tables_.sections(PMT)) pmts_.push_back(std::move(section));
+  if (map_.size() != output.map.entries.size()) {
+    note(fmt::format("{} map entries that name no slot left out", output.map.entries.size() - map_.size()));
+  }
+  pmts_ = sections(PMT);
+}
+
+std::vector<Section> ProgrammeDraft::sections(PsiType type) const {
+  std::vector<Section> all;
+  for (const TablePackets& table : tables_) {
+    if (table.type == type) std::ranges::move(sectionsOf(table), std::back_inserter(all));
+  }
+  return all;
 }
 
 std::optional<EntryTable> ProgrammeDraft::table(PsiType type) const {
-  const auto sections = tables_.sections(type);
-  if (sections.empty()) {
-    if (tables_.has(type)) {
+  const auto found = sections(type);
+  if (found.empty()) {
+    if (packetsIn(tables_, type) > 0) {
       throw Error(fmt::format("{} of {} has no whole section: load it anew first", tableName(type), owner_));
     }
     return std::nullopt;
   }
-  return EntryTable(type, sections, owner_);
+  return EntryTable(type, found, owner_);
 }
 
 std::vector<Bytes> ProgrammeDraft::entries(PsiType type) const {
@@ -46,12 +62,14 @@ std::vector<Bytes> ProgrammeDraft::entries(PsiType type) const {
   return found ? found->entries() : std::vector<Bytes>();
 }
 
-void ProgrammeDraft::put(const EntryTable& table, PsiType type) {
-  tables_.put(type, tablePid(type).value(), table.sections());
-}
-
-void ProgrammeDraft::drop(PsiType type) {
-  tables_.put(type, tablePid(type).value(), {});
+void ProgrammeDraft::put(PsiType type, u16 pid, const std::vector<Section>& sections) {
+  const auto key = [](const TablePackets& table) { return std::pair(table.type, table.pid); };
+  std::erase_if(tables_, [&](const TablePackets& table) { return key(table) == std::pair(type, pid); });
+  if (sections.empty()) return;
+  TablePackets table{.type = type, .pid = pid, .packets = {}};
+  u8 continuity = 0;
+  for (const Section& section : sections) packSection(section, continuity, table.packets);
+  tables_.insert(std::ranges::upper_bound(tables_, key(table), {}, key), std::move(table));
 }
 
 const Section* ProgrammeDraft::pmt(u16 number, u16 pid) const {
@@ -66,7 +84,7 @@ void ProgrammeDraft::putPmt(u16 number, u16 pid, const std::optional<Section>& s
   std::vector<Section> onPid;
   std::ranges::copy_if(pmts_, std::back_inserter(onPid), [&](const Section& s) { return s.pid == pid; });
   std::ranges::stable_sort(onPid, {}, [](const Section& s) { return s.extension(); });
-  tables_.put(PMT, pid, onPid);
+  put(PMT, pid, onPid);
 }
 
 MapEntry* ProgrammeDraft::entryOf(const SourcePort& input, u16 sourcePid) {
@@ -95,16 +113,14 @@ std::set<u16> ProgrammeDraft::usedPids() const {
 }
 
 ProgrammePlan ProgrammeDraft::plan() const {
-  if (map_.size() > kPidMapSize) {
-    throw Error(fmt::format("the PID map of {} would have {} entries, and it holds {}", owner_, map_.size(),
-                            kPidMapSize));
-  }
   ProgrammePlan plan;
   plan.map = asKept(map_);
-  plan.tables = tables_.plan();
+  plan.tables = tables_;
   plan.notes = notes_;
   for (const PsiType type : kAllTables) {
-    if (tables_.has(type) && !before_.has(type)) plan.fresh.insert(type);
+    const StoredTable& old = before_.tables[type];
+    if (packetsIn(tables_, type) > 0 && old.stored == 0 && old.interval_ticks == 0)
+      plan.intervals[type] = kUsualInterval_ticks;
   }
   return plan;
 }

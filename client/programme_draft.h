@@ -1,5 +1,5 @@
 // An output while programmes are added or removed: its map and its tables. Only the tables that are put
-// change; the others stay unchanged. Used by the plans of programme_plan.
+// change; the others stay unchanged.
 #pragma once
 
 #include <functional>
@@ -9,9 +9,21 @@
 #include <string>
 #include <vector>
 
-#include "client/programme_plan.h"
+#include "client/channel_state.h"
+#include "client/programme_tables.h"
 
 namespace client {
+
+// A plan for an output. Unchanged tables keep their packets.
+struct ProgrammePlan {
+  u16 number = 0;  // on the output
+  u16 pmtPid = 0;
+  std::string name;
+  std::vector<MapEntry> map;
+  Tables tables;
+  Intervals intervals;             // of tables that the output did not have before, and that were stopped
+  std::vector<std::string> notes;  // sentences for an operator
+};
 
 bool isFrom(const MapEntry& entry, const SourcePort& input);
 
@@ -19,20 +31,22 @@ bool isFrom(const MapEntry& entry, const SourcePort& input);
 // output.
 std::vector<PidField> fieldsByPid(const Section& pmt);
 
+// `output` must outlive it.
 class ProgrammeDraft {
  public:
-  explicit ProgrammeDraft(const OutputState& output);
+  explicit ProgrammeDraft(const ChannelState& output);
 
   const std::string& owner() const { return owner_; }
   std::vector<MapEntry>& map() { return map_; }
   const std::vector<MapEntry>& map() const { return map_; }
   const std::vector<Section>& pmts() const { return pmts_; }
 
+  std::vector<Section> sections(PsiType type) const;
   // nullopt if the output has none. Throws Error for a table without a whole section.
   std::optional<EntryTable> table(PsiType type) const;
   std::vector<Bytes> entries(PsiType type) const;
-  void put(const EntryTable& table, PsiType type);
-  void drop(PsiType type);
+  void put(const EntryTable& table, PsiType type) { put(type, tablePid(type).value(), table.sections()); }
+  void drop(PsiType type) { put(type, tablePid(type).value(), {}); }
 
   const Section* pmt(u16 number, u16 pid) const;  // null: none
   // Replaces the programme's PMT, or removes it (nullopt).
@@ -54,9 +68,12 @@ class ProgrammeDraft {
   ProgrammePlan plan() const;
 
  private:
+  // No sections: the table is removed.
+  void put(PsiType type, u16 pid, const std::vector<Section>& sections);
+
   std::string owner_;
-  ChannelTables tables_;
-  ChannelTables before_;
+  const PsiStore& before_;
+  Tables tables_;
   std::vector<MapEntry> map_;
   std::vector<Section> pmts_;
   std::vector<std::string> notes_;

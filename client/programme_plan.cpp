@@ -6,7 +6,6 @@
 #include <map>
 
 #include "base/numbers.h"
-#include "client/programme_draft.h"
 #include "platform/wire.h"
 
 namespace client {
@@ -53,7 +52,7 @@ std::vector<u16> takePids(const std::set<u16>& used, std::optional<u16> base, st
 
 class Adding {
  public:
-  Adding(const OutputState& output, const InputTables& source, u16 number, const AddOptions& options)
+  Adding(const ChannelState& output, const InputTables& source, u16 number, const AddOptions& options)
       : draft_(output),
         source_(source),
         sourceNumber_(number),
@@ -363,7 +362,7 @@ class Adding {
 
 class Removing {
  public:
-  Removing(const OutputState& output, u16 number) : draft_(output), number_(number) {}
+  Removing(const ChannelState& output, u16 number) : draft_(output), number_(number) {}
 
   ProgrammePlan run() {
     auto pat = draft_.table(PAT);
@@ -472,12 +471,6 @@ class Removing {
 
 }  // namespace
 
-std::vector<MapEntry> asKept(std::vector<MapEntry> map) {
-  std::erase_if(map, isBlank);
-  std::ranges::stable_sort(map, {}, sourceKey);
-  return map;
-}
-
 std::optional<u16> pmtPidOf(const std::vector<Section>& pat, u16 number) {
   for (const Bytes& entry : entriesIn(PAT, pat, "this stream")) {
     if (entryNumber(entry) == number && number != kNoNetwork) return entryPid(entry);
@@ -511,16 +504,16 @@ u16 chooseProgramme(const std::vector<Section>& pat, const std::vector<Section>&
                           choice, fmt::join(named, " or ")));
 }
 
-ProgrammePlan planAdd(const OutputState& output, const InputTables& source, u16 number,
+ProgrammePlan planAdd(const ChannelState& output, const InputTables& source, u16 number,
                       const AddOptions& options) {
   return Adding(output, source, number, options).run();
 }
 
-ProgrammePlan planRemove(const OutputState& output, u16 number) {
+ProgrammePlan planRemove(const ChannelState& output, u16 number) {
   return Removing(output, number).run();
 }
 
-std::vector<Programme> programmesOf(const OutputState& output) {
+std::vector<Programme> programmesOf(const ChannelState& output) {
   const ProgrammeDraft draft(output);
   std::vector<Programme> programmes;
   for (const Bytes& entry : draft.entries(PAT)) {

@@ -3,25 +3,14 @@
 #pragma once
 
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "client/chassis_services.h"
-#include "client/programme_tables.h"
-#include "protocol/channel.h"
-#include "protocol/records.h"
+#include "client/programme_draft.h"
 
 namespace client {
 
 inline constexpr u16 kFirstProgrammePid = 0x100;
-
-// The current content of an output.
-struct OutputState {
-  Channel channel;
-  ReadBack tables;
-  std::vector<MapEntry> map;
-};
 
 // The tables of the programmes on an input.
 struct InputTables {
@@ -38,17 +27,6 @@ struct AddOptions {
   std::optional<u16> transportStreamId{};  // for an output that has none yet
 };
 
-// A plan for an output. Unchanged tables keep their packets.
-struct ProgrammePlan {
-  u16 number = 0;  // on the output
-  u16 pmtPid = 0;
-  std::string name;
-  std::vector<MapEntry> map;
-  UploadPlan tables;
-  std::set<PsiType> fresh;         // tables that the output did not have before
-  std::vector<std::string> notes;  // sentences for an operator
-};
-
 struct ProgrammePid {
   u16 pid = 0;
   PidField field;
@@ -63,9 +41,6 @@ struct Programme {
   std::vector<ProgrammePid> pids;  // each once: streams, PCR_PID, CA PIDs
 };
 
-// In the order in which a card stores a map, without blank entries.
-std::vector<MapEntry> asKept(std::vector<MapEntry> map);
-
 // The number of the programme that the text names: a number in the PAT, else a service's name in the SDT
 // (case is ignored). Throws Error with a list of the programmes if none or several match.
 u16 chooseProgramme(const std::vector<Section>& pat, const std::vector<Section>& sdt,
@@ -75,11 +50,11 @@ std::optional<u16> pmtPidOf(const std::vector<Section>& pat, u16 number);
 
 // Adds the input's programme `number`. A programme already added from this input is updated: it keeps its
 // number and PIDs. Throws Error.
-ProgrammePlan planAdd(const OutputState& output, const InputTables& source, u16 number,
+ProgrammePlan planAdd(const ChannelState& output, const InputTables& source, u16 number,
                       const AddOptions& options);
 // Removes the programme with this number on the output, and all mapped PIDs that no other programme uses.
 // Throws as above.
-ProgrammePlan planRemove(const OutputState& output, u16 number);
-std::vector<Programme> programmesOf(const OutputState& output);
+ProgrammePlan planRemove(const ChannelState& output, u16 number);
+std::vector<Programme> programmesOf(const ChannelState& output);
 
 }  // namespace client

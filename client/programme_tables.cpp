@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <numeric>
 
-#include "client/psi_capture.h"
 #include "mpeg/dvb_text.h"
 #include "platform/wire.h"
 
@@ -69,10 +68,6 @@ bool forDescriptors(std::span<const u8> loop, const Take& take) {
 }
 
 }  // namespace
-
-std::string ownerName(const Channel& channel) {
-  return "channel " + channelName(channel);
-}
 
 EntryTable::EntryTable(PsiType type, u16 extension, Bytes head)
     : type_(type),
@@ -260,53 +255,6 @@ bool isWhole(const std::vector<Section>& sections) {
     found[s.number()] = true;
   }
   return std::ranges::all_of(found, std::identity());
-}
-
-ChannelTables::ChannelTables(const ReadBack& tables, const std::string& owner) {
-  if (tables.outOfReach() > 0) {
-    throw Error(
-        fmt::format("{} holds {} packets of tables that cannot be read back, and a change would lose them: "
-                    "load tables of fewer packets first",
-                    owner, tables.outOfReach()));
-  }
-  for (const PsiType type : kAllTables) {
-    for (const ReadBack::Pid& pid : tables.tables[type].pids) {
-      stored_[{type, pid.pid}] = {.type = type,
-                                  .pid = pid.pid,
-                                  .sections = gatherSections(pid.packets).size(),
-                                  .packets = pid.packets};
-    }
-  }
-}
-
-std::vector<Section> ChannelTables::sections(PsiType type) const {
-  std::vector<Section> all;
-  for (const auto& [key, table] : stored_) {
-    if (key.first != type) continue;
-    for (Section& section : gatherSections(table.packets)) {
-      if (section.tableId() == tableId(type)) all.push_back(std::move(section));
-    }
-  }
-  return all;
-}
-
-void ChannelTables::put(PsiType type, u16 pid, const std::vector<Section>& sections) {
-  stored_.erase({type, pid});
-  if (sections.empty()) return;
-  StoredTable table{.type = type, .pid = pid, .sections = sections.size(), .packets = {}};
-  u8 continuity = 0;
-  for (const Section& section : sections) packSection(section, continuity, table.packets);
-  stored_[{type, pid}] = std::move(table);
-}
-
-bool ChannelTables::has(PsiType type) const {
-  return std::ranges::any_of(stored_, [&](const auto& row) { return row.first.first == type; });
-}
-
-UploadPlan ChannelTables::plan() const {
-  std::vector<StoredTable> tables;
-  for (const auto& [key, table] : stored_) tables.push_back(table);
-  return planStored(tables);
 }
 
 }  // namespace client

@@ -1,26 +1,19 @@
-// Reads and edits the tables of a programme: the entry lists of PAT, CAT and SDT, the PIDs that a PMT names,
-// and the store of a channel, in which some tables change and the others keep their packets. Used by
-// programme_plan.
+// Reads and edits the tables of a programme: the entry lists of PAT, CAT and SDT, and the PIDs that a PMT
+// names.
 #pragma once
 
 #include <functional>
-#include <map>
 #include <optional>
 #include <span>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "client/psi_read_back.h"
-#include "client/upload_plan.h"
+#include "client/link.h"
 #include "mpeg/section.h"
-#include "protocol/channel.h"
 
 namespace client {
 
 inline constexpr u16 kNoNetwork = 0;  // "programme" of the PAT that names the NIT's PID
-
-std::string ownerName(const Channel& channel);  // "channel 1.2", for messages
 
 // A PAT, CAT or SDT: entries after a head that each section repeats. Entries stay in their sections, so
 // adding and then removing an entry leaves the table unchanged.
@@ -84,20 +77,5 @@ u8 nextVersion(u8 version);
 
 // True if all sections from 0 to the last exist, all of one extension and version.
 bool isWhole(const std::vector<Section>& sections);
-
-// The store of a channel, table by table.
-class ChannelTables {
- public:
-  // Throws Error if packets cannot be read back, because they would be lost.
-  ChannelTables(const ReadBack& tables, const std::string& owner);
-
-  std::vector<Section> sections(PsiType type) const;
-  void put(PsiType type, u16 pid, const std::vector<Section>& sections);  // none: the table is removed
-  bool has(PsiType type) const;
-  UploadPlan plan() const;  // throws Error
-
- private:
-  std::map<std::pair<PsiType, u16>, StoredTable> stored_;
-};
 
 }  // namespace client

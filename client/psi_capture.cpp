@@ -49,27 +49,21 @@ constexpr NoteText kNoteTexts[] = {
 // Counts losses by what they concern, so that a bad capture gives a short account.
 class Account {
  public:
+  // Table_ids with one name share a row: an event schedule alone uses sixteen.
   void add(NoteKind kind, u16 pid, std::optional<u8> table, Offset at) {
-    // Table_ids with one name share a row: an event schedule alone uses sixteen.
     const Key key{kind, pid, table ? nameOfTableId(*table) : ""};
-    Row& row = rows_.try_emplace(key, Row{.tableId = table, .count = 0, .first = at}).first->second;
-    ++row.count;
+    ++rows_.try_emplace(key, Row{.count = 0, .first = at}).first->second.count;
   }
 
   std::vector<Note> notes() const {
     std::vector<Note> notes;
     for (const auto& [key, row] : rows_) {
       const auto& [kind, pid, name] = key;
-      const auto text = std::find_if(std::begin(kNoteTexts), std::end(kNoteTexts),
-                                     [kind = kind](const NoteText& t) { return t.kind == kind; });
-      notes.push_back(
-          {.kind = kind,
-           .pid = pid,
-           .tableId = row.tableId,
-           .count = row.count,
-           .text = fmt::format(
-               "{}{}PID {:#06x}: {} (first at byte {})", name, name.empty() ? "" : " on ", pid,
-               fmt::format(fmt::runtime(text->text), row.count, row.count == 1 ? "" : "s"), row.first)});
+      const auto* text = std::ranges::find(kNoteTexts, kind, &NoteText::kind);
+      const std::string what = fmt::format(fmt::runtime(text->text), row.count, row.count == 1 ? "" : "s");
+      notes.push_back({kind, row.count,
+                       fmt::format("{}{}PID {:#06x}: {} (first at byte {})", name, name.empty() ? "" : " on ",
+                                   pid, what, row.first)});
     }
     return notes;
   }
@@ -77,7 +71,6 @@ class Account {
  private:
   using Key = std::tuple<NoteKind, u16, std::string>;
   struct Row {
-    std::optional<u8> tableId;
     std::size_t count;
     Offset first;
   };
@@ -119,30 +112,18 @@ class SectionStore {
       for (const auto& [number, section] : table)
         whole = std::max<std::size_t>(whole, section.lastNumber() + 1u);
       if (table.size() == whole) continue;
-      notes.push_back(
-          {.kind = NoteKind::kIncomplete,
-           .pid = pid,
-           .tableId = tableId(type),
-           .count = whole - table.size(),
-           .text = fmt::format("{} on PID {:#06x}, extension {}: incomplete, {} of {} sections found",
-                               tableName(type), pid, extension, table.size(), whole)});
+      notes.push_back({NoteKind::kIncomplete, whole - table.size(),
+                       fmt::format("{} on PID {:#06x}, extension {}: incomplete, {} of {} sections found",
+                                   tableName(type), pid, extension, table.size(), whole)});
     }
     if (pats > 1) {
       notes.push_back(
-          {.kind = NoteKind::kSeveralPats,
-           .pid = tablePid(PAT),
-           .tableId = tableId(PAT),
-           .count = pats,
-           .text = fmt::format("the capture has PATs of {} transport streams: a receiver takes one of them",
-                               pats)});
+          {NoteKind::kSeveralPats, pats,
+           fmt::format("the capture has PATs of {} transport streams: a receiver takes one of them", pats)});
     }
-    if (pats == 0) {
-      notes.push_back({.kind = NoteKind::kNoPat,
-                       .pid = tablePid(PAT),
-                       .tableId = tableId(PAT),
-                       .count = 1,
-                       .text = "the capture has no PAT, so programme maps cannot be found in it"});
-    }
+    if (pats == 0)
+      notes.push_back(
+          {NoteKind::kNoPat, 1, "the capture has no PAT, so programme maps cannot be found in it"});
   }
 
  private:
@@ -196,9 +177,8 @@ class Pass {
     };
     const auto onSection = [this, pid](std::span<const u8> section) { take(pid, section); };
     const auto onLoss = [this, pid](Loss loss, std::optional<u8> table) {
-      const auto kind =
-          std::find_if(std::begin(kKinds), std::end(kKinds), [loss](auto& k) { return k.first == loss; });
-      account_.add(kind->second, pid, table, at_);
+      account_.add(std::ranges::find(kKinds, loss, &std::pair<Loss, NoteKind>::first)->second, pid, table,
+                   at_);
     };
     gatherers_[pid] = std::make_unique<SectionGatherer>(onSection, onLoss);
   }
@@ -251,13 +231,10 @@ PmtPids findPmtPids(const std::vector<Section>& sections) {
   }
   for (const u16 pid : bad) {
     found.notes.push_back(
-        {.kind = NoteKind::kBadPmtPid,
-         .pid = pid,
-         .tableId = tableId(PMT),
-         .count = 1,
-         .text = fmt::format("the PAT names PID {:#06x} for a programme map: not looked at, that PID "
-                             "has another use",
-                             pid)});
+        {NoteKind::kBadPmtPid, 1,
+         fmt::format(
+             "the PAT names PID {:#06x} for a programme map: not read, because that PID has another use",
+             pid)});
   }
   return found;
 }
@@ -266,11 +243,8 @@ std::vector<Note> fileNotes(const PacketReader& reader) {
   constexpr std::size_t kPlacesNamed = 5;
   std::vector<Note> notes;
   if (reader.leadingBytes() > 0) {
-    notes.push_back({.kind = NoteKind::kLeadingBytes,
-                     .pid = {},
-                     .tableId = {},
-                     .count = 1,
-                     .text = fmt::format("{} bytes before the first packet skipped", reader.leadingBytes())});
+    notes.push_back({NoteKind::kLeadingBytes, 1,
+                     fmt::format("{} bytes before the first packet skipped", reader.leadingBytes())});
   }
   const auto& losses = reader.losses();
   if (!losses.empty()) {
@@ -278,21 +252,15 @@ std::vector<Note> fileNotes(const PacketReader& reader) {
     for (std::size_t i = 0; i < std::min(losses.size(), kPlacesNamed); ++i) {
       places += fmt::format("{}byte {} ({} skipped)", i == 0 ? "" : ", ", losses[i].at, losses[i].skipped);
     }
-    notes.push_back({.kind = NoteKind::kLostSync,
-                     .pid = {},
-                     .tableId = {},
-                     .count = losses.size(),
-                     .text = fmt::format("synchronisation lost {} time{}: at {}{}", losses.size(),
-                                         losses.size() == 1 ? "" : "s", places,
-                                         losses.size() > kPlacesNamed ? ", ..." : "")});
+    notes.push_back(
+        {NoteKind::kLostSync, losses.size(),
+         fmt::format("synchronisation lost {} time{}: at {}{}", losses.size(), losses.size() == 1 ? "" : "s",
+                     places, losses.size() > kPlacesNamed ? ", ..." : "")});
   }
   if (reader.trailingBytes() > 0) {
-    notes.push_back({.kind = NoteKind::kTrailingBytes,
-                     .pid = {},
-                     .tableId = {},
-                     .count = 1,
-                     .text = fmt::format("{} bytes at the end, from byte {} on, are no whole packet: skipped",
-                                         reader.trailingBytes(), reader.size() - reader.trailingBytes())});
+    notes.push_back({NoteKind::kTrailingBytes, 1,
+                     fmt::format("{} bytes at the end, from byte {} on, are no whole packet: skipped",
+                                 reader.trailingBytes(), reader.size() - reader.trailingBytes())});
   }
   return notes;
 }

@@ -4,8 +4,6 @@
 
 #include <filesystem>
 #include <iosfwd>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -40,11 +38,8 @@ enum class NoteKind {
   kBadPmtPid,
 };
 
-// One kind of loss, with its table and PID where they apply, and its count.
 struct Note {
   NoteKind kind{};
-  std::optional<u16> pid;
-  std::optional<u8> tableId;
   std::size_t count = 0;
   std::string text;  // a sentence for the operator
 };

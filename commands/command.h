@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "client/calibration.h"
+#include "client/channel_change.h"
 #include "client/link.h"
-#include "client/pid_map_upload.h"
 #include "commands/form.h"
 #include "protocol/channel.h"
 

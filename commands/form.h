@@ -17,7 +17,8 @@ class WrongCall : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-inline constexpr const char* kHelpAdvice = "\nRun with --help for more information.\n";  // behind a wrong call
+inline constexpr const char* kHelpAdvice =
+    "\nRun with --help for more information.\n";  // behind a wrong call
 
 // A command line that asks for a text, such as the one of --help.
 struct Help {

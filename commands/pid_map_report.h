@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "client/channel_variables.h"
+#include "client/channel_state.h"
 #include "commands/json_fields.h"
 
 namespace commands {

@@ -5,12 +5,11 @@
 #include <optional>
 #include <vector>
 
-#include "client/channel_variables.h"
 #include "client/chassis_services.h"
+#include "client/pid_map_change.h"
 #include "client/pid_map_file.h"
-#include "client/pid_map_upload.h"
+#include "commands/change.h"
 #include "commands/families.h"
-#include "commands/map_options.h"
 #include "commands/pid_map_report.h"
 
 namespace commands {
@@ -44,12 +43,13 @@ std::string csvOf(const client::PidMap& map, const std::optional<std::vector<cha
 }
 
 // Load and clear: a file's map, or an empty one.
-class Replace : public Command {
+class Replace : public ChangeCommand {
  public:
   void carryOut(Session& session) override {
-    client::MapOptions options = mapOptions(session, channel());
+    client::ChangeOptions options = optionsFor(session);
+    options.sources = session.inputs();
     options.nameOf = nameOf();
-    client::replaceMap(session.link(), channel(), map_.entries, options);
+    if (!apply(session, client::planMap(session.link(), channel(), map_.entries, options))) return;
     session.print(fmt::format("Channel {}: {} entries loaded, on the air\n", protocol::channelName(channel()),
                               map_.entries.size()));
   }
@@ -65,7 +65,10 @@ class Replace : public Command {
 
 class Clear final : public Replace {
  public:
-  void describe(Form& form) override { takeChannel(form); }
+  void describe(Form& form) override {
+    takeChannel(form);
+    takeDryRun(form);
+  }
 };
 
 class Load final : public Replace {
@@ -74,6 +77,7 @@ class Load final : public Replace {
     takeChannel(form);
     takeFile(form, {.name = "file", .text = "the map, as CSV", .type = "FILE.csv", .required = true}, file_,
              false);
+    takeDryRun(form);
     form.footer(
         "The file begins with the line src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type; "
         "then an entry a line, up to 256. Slots (1 to 6) and inputs (1 to 16) count from 1; numbers are "
@@ -89,7 +93,7 @@ class Load final : public Replace {
   void prepare(Surroundings& surroundings) override {
     map_ = client::readMapFile(file_);
     if (!surroundings.inputs) return;  // checked with the chassis's inputs
-    client::MapOptions options;
+    client::ChangeOptions options;
     options.sources = surroundings.inputs;
     options.nameOf = nameOf();
     client::checkMap(map_.entries, options);
@@ -120,7 +124,7 @@ class Show final : public Command {
   bool csv_ = false;
 };
 
-class Release final : public Command {
+class Release final : public ChangeCommand {
  public:
   void describe(Form& form) override {
     takeChannel(form);
@@ -132,6 +136,7 @@ class Release final : public Command {
     form.flag({.name = "--empty", .text = "no map: what stands in the record goes on the air, often nothing"},
               empty_);
     form.excludes("--empty", "--restore");
+    takeDryRun(form);
     form.footer(
         "Without --restore and --empty the map is sent that is on the air, which has lost its programme "
         "numbers and types. First make sure that nobody is loading the channel.");
@@ -143,11 +148,13 @@ class Release final : public Command {
 
   void carryOut(Session& session) override {
     const ReleaseBy by = !file_.empty() ? ReleaseBy::kMap : empty_ ? ReleaseBy::kRecord : ReleaseBy::kRouter;
-    const client::MapOptions options = mapOptions(session, channel());
-    const auto carried = client::releaseMap(session.link(), channel(), by, entries_, options);
-    dropServed(session, options.rescueFile);
+    const client::ChangeOptions options = optionsFor(session);
+    const client::ChannelChange change =
+        client::planRelease(session.link(), channel(), by, entries_, options);
+    if (!apply(session, change)) return;
+    dropServed(session, options.mapFile);
     session.print(fmt::format("Channel {}: released, {} entries on the air\n",
-                              protocol::channelName(channel()), carried.size()));
+                              protocol::channelName(channel()), change.map->size()));
   }
 
  private:

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "client/programme.h"
+#include "commands/change.h"
 #include "commands/families.h"
-#include "commands/map_options.h"
 #include "commands/programme_report.h"
 #include "commands/values.h"
 
@@ -27,17 +27,15 @@ u16 streamIdOf(const std::string& text) {
   return *id;
 }
 
-class Change : public Command {
+class Change : public ChangeCommand {
  protected:
-  client::ProgrammeOptions optionsFor(Session& session) const {
-    client::ProgrammeOptions options;
-    options.map = mapOptions(session, channel());
-    const auto folder = session.rescueFolder();
-    if (!folder.empty())
-      options.tablesFile = folder / fmt::format("psi-{}.rescue.ts", protocol::channelName(channel()));
-    return options;
+  void finish(Session& session, const client::ProgrammeChange& programme, const char* done) const {
+    if (apply(session, programme.change)) report(session, programme.plan, done);
   }
 
+  std::string service_;
+
+ private:
   void report(Session& session, const client::ProgrammePlan& plan, const char* done) const {
     for (const std::string& note : plan.notes) session.note(note);
     const std::string name = protocol::channelName(channel());
@@ -53,8 +51,6 @@ class Change : public Command {
         fmt::format("Channel {}: programme {} '{}' {} (PMT PID {:#06x}); the PID map has {} entries\n", name,
                     plan.number, plan.name, done, plan.pmtPid, plan.map.size()));
   }
-
-  std::string service_;
 };
 
 class Add final : public Change {
@@ -89,6 +85,7 @@ class Add final : public Change {
                add_.transportStreamId, streamIdOf);
     form.number({.name = "--seconds", .text = "how long to wait for each table of the input", .type = "S"},
                 seconds_, 0, 600);
+    takeDryRun(form);
     form.footer(
         "The PIDs of the programme are mapped to free ones of the channel, and PAT, PMT, SDT and (for a "
         "scrambled one) CAT are made to match; transport_stream_id and original_network_id stay the "
@@ -102,10 +99,12 @@ class Add final : public Change {
   }
 
   void carryOut(Session& session) override {
-    client::ProgrammeOptions options = optionsFor(session);
-    options.add = add_;
-    options.patience = std::chrono::milliseconds(static_cast<int>(seconds_ * 1000));
-    report(session, client::addProgramme(session.link(), channel(), target.input.value(), service_, options),
+    client::ChangeOptions options = optionsFor(session);
+    options.sources = session.inputs();
+    const auto patience = std::chrono::milliseconds(static_cast<int>(seconds_ * 1000));
+    finish(session,
+           client::planAddProgramme(session.link(), channel(), target.input.value(), service_, add_,
+                                    options, patience),
            "added");
   }
 
@@ -124,10 +123,11 @@ class Remove final : public Change {
                .type = "NAME|NUMBER",
                .required = true},
               service_);
+    takeDryRun(form);
     form.footer("Example: qamctl programme remove 1.1 News");
   }
   void carryOut(Session& session) override {
-    report(session, client::removeProgramme(session.link(), channel(), service_, optionsFor(session)),
+    finish(session, client::planRemoveProgramme(session.link(), channel(), service_, optionsFor(session)),
            "removed");
   }
 };

@@ -1,13 +1,14 @@
 // psi: loads, shows and clears the tables of a channel, and sets their intervals.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 #include <vector>
 
 #include "client/psi_capture.h"
-#include "client/psi_read_back.h"
-#include "client/psi_upload.h"
+#include "client/psi_change.h"
+#include "commands/change.h"
 #include "commands/families.h"
 #include "commands/psi_report.h"
 #include "commands/save_file.h"
@@ -32,7 +33,7 @@ protocol::Intervals together(const std::vector<Interval>& texts) {
   return intervals;
 }
 
-class Load final : public Command {
+class Load final : public ChangeCommand {
  public:
   void describe(Form& form) override {
     takeChannel(form);
@@ -50,6 +51,7 @@ class Load final : public Command {
     form.flag({.name = "--force",
                .text = "load a locked channel too: what another client left half loaded is gone"},
               force_);
+    takeDryRun(form);
   }
 
   void prepare(Surroundings& surroundings) override {
@@ -58,23 +60,24 @@ class Load final : public Command {
     for (const client::Note& note : capture.notes)
       surroundings.notes.push_back(fmt::format("{}: {}", file_, note.text));
     try {
-      plan_ = client::planUpload(capture.sections);
+      sections_ = capture.sections;
+      tables_ = client::packTables(sections_);
+      client::checkStorable(tables_);
     } catch (const client::Error& e) {
       throw std::runtime_error(fmt::format("cannot upload {}: {}", file_, e.what()));
     }
   }
 
   void carryOut(Session& session) override {
-    client::upload(session.link(), channel(), plan_, together(intervals_),
-                   {.force = force_, .progress = [&](std::size_t sent, std::size_t total) {
-                      session.progress(fmt::format("{} of {} packets sent", sent, total));
-                    }});
-    session.progress("");
-    std::string text =
-        fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()), plan_.packets);
+    client::ChangeOptions options = optionsFor(session);
+    options.force = force_;
+    if (!apply(session, client::planLoad(session.link(), channel(), tables_, together(intervals_), options)))
+      return;
+    std::string text = fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()),
+                                   client::packetsIn(tables_));
     for (const PsiType type : mpeg::kAllTables) {
-      const auto& table = plan_.tables[type];
-      if (table.sections > 0) text += fmt::format(", {} {}", mpeg::tableName(type), table.sections);
+      const auto sections = std::ranges::count(sections_, mpeg::tableId(type), &mpeg::Section::tableId);
+      if (sections > 0) text += fmt::format(", {} {}", mpeg::tableName(type), sections);
     }
     session.print(text + " (sections)\n");
   }
@@ -83,7 +86,8 @@ class Load final : public Command {
   std::string file_;
   std::vector<Interval> intervals_;
   bool force_ = false;
-  client::UploadPlan plan_;
+  std::vector<mpeg::Section> sections_;
+  client::Tables tables_;
 };
 
 class Show final : public Command {
@@ -104,7 +108,7 @@ class Show final : public Command {
 
   // Saved first: the reader of the output may stop reading.
   void carryOut(Session& session) override {
-    const client::ReadBack tables = client::readBack(session.link(), channel(), [&](std::size_t read) {
+    const client::PsiStore tables = client::readPsi(session.link(), channel(), [&](std::size_t read) {
       session.progress(fmt::format("{} packets read", read));
     });
     session.progress("");
@@ -121,21 +125,21 @@ class Show final : public Command {
   }
 
  private:
-  void save(const client::ReadBack& tables) const {
+  void save(const client::PsiStore& tables) const {
     const auto refuse = [&](const std::string& why) {
       throw client::Error(fmt::format("{} is not written: {}", file_, why));
     };
     if (tables.locked) refuse("the channel is locked, so its tables may be incomplete");
     if (tables.outOfReach() > 0)
       refuse(fmt::format("{} packets cannot be read back from the card", tables.outOfReach()));
-    if (tables.read() == 0) refuse("the channel stores no packets");
-    saveFile(file_, transportStream(tables));
+    if (tables.readable().empty()) refuse("the channel stores no packets");
+    saveFile(file_, client::transportStream(tables.readable()));
   }
 
   std::string file_;
 };
 
-class SetIntervals final : public Command {
+class SetIntervals final : public ChangeCommand {
  public:
   void describe(Form& form) override {
     takeChannel(form);
@@ -145,6 +149,7 @@ class SetIntervals final : public Command {
                    .required = true,
                    .most = kAny},
                   intervals_);
+    takeDryRun(form);
     form.footer(
         "A countdown that runs is not cut short: the new interval counts from the next section on.\n"
         "An interval of 0 that comes in the middle of a section leaves that PID to the section: the other "
@@ -154,20 +159,25 @@ class SetIntervals final : public Command {
 
   void prepare(Surroundings& /*surroundings*/) override { together(intervals_); }
   void carryOut(Session& session) override {
-    client::setIntervals(session.link(), channel(), together(intervals_));
+    apply(session, client::planIntervals(session.link(), channel(), together(intervals_)));
   }
 
  private:
   std::vector<Interval> intervals_;
 };
 
-class Clear final : public Command {
+class Clear final : public ChangeCommand {
  public:
   void describe(Form& form) override {
     takeChannel(form);
     form.flag({.name = "--force", .text = "clear a locked channel too"}, force_);
+    takeDryRun(form);
   }
-  void carryOut(Session& session) override { client::clear(session.link(), channel(), force_); }
+  void carryOut(Session& session) override {
+    client::ChangeOptions options = optionsFor(session);
+    options.force = force_;
+    apply(session, client::planClear(session.link(), channel(), options));
+  }
 
  private:
   bool force_ = false;

@@ -11,13 +11,14 @@
 namespace commands {
 namespace {
 
-using client::ReadBack;
+using client::PsiStore;
+using client::StoredTable;
 using mpeg::Packet;
 using mpeg::Section;
 
 // Packets of each group, in the order in which the carousel sends them. A packet before the first start is a
 // group of its own, as on the card.
-std::vector<std::size_t> groups(PsiType type, const ReadBack::Table& table) {
+std::vector<std::size_t> groups(PsiType type, const StoredTable& table) {
   std::vector<std::size_t> sizes;
   if (type == PMT) {
     if (table.stored > 0) sizes.push_back(table.stored);
@@ -43,7 +44,7 @@ std::size_t packetsOf(const Section& section) {
   return packets.size();
 }
 
-Json sectionsOf(const ReadBack::Table& table) {
+Json sectionsOf(const StoredTable& table) {
   Json sections = Json::array();
   for (const auto& pid : table.pids) {
     for (const Section& section : client::gatherSections(pid.packets)) {
@@ -59,7 +60,7 @@ Json sectionsOf(const ReadBack::Table& table) {
   return sections;
 }
 
-Json tableReport(PsiType type, const ReadBack::Table& table, std::optional<double> auxHz) {
+Json tableReport(PsiType type, const StoredTable& table, std::optional<double> auxHz) {
   constexpr double kMsPerSecond = 1000;
   const auto whole = wholeTableTicks(type, table);
   Json report = {{"table", mpeg::tableName(type)},
@@ -198,7 +199,7 @@ std::string details(const Json& table) {
 
 }  // namespace
 
-std::optional<std::size_t> wholeTableTicks(PsiType type, const ReadBack::Table& table) {
+std::optional<std::size_t> wholeTableTicks(PsiType type, const StoredTable& table) {
   if (table.interval_ticks == 0 || table.stored == 0) return std::nullopt;
   std::size_t ticks = 0;
   for (const std::size_t packets : groups(type, table))
@@ -206,7 +207,7 @@ std::optional<std::size_t> wholeTableTicks(PsiType type, const ReadBack::Table& 
   return ticks;
 }
 
-Json psiReport(const ReadBack& tables, const protocol::Channel& channel, std::optional<double> auxHz) {
+Json psiReport(const PsiStore& tables, const protocol::Channel& channel, std::optional<double> auxHz) {
   Json list = Json::array();
   std::size_t stored = 0;
   for (const PsiType type : mpeg::kAllTables) {

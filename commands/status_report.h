@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "client/channel_change.h"
 #include "client/link.h"
-#include "client/pid_map_upload.h"
 #include "commands/json_fields.h"
 
 namespace commands {

@@ -7,14 +7,15 @@
 
 #include <algorithm>
 #include <functional>
-#include <set>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "client/carry_out.h"
 #include "client/link.h"
-#include "client/psi_capture.h"
-#include "client/psi_read_back.h"
+#include "client/pid_map_change.h"
+#include "client/psi_change.h"
 #include "tests/client/messages.h"
 #include "tests/headend/headend_run.h"
 
@@ -22,19 +23,19 @@ namespace test {
 
 // What goes wrong with a request.
 struct Fault {
-  enum class Kind { kLost, kReplyLost, kRefused, kTooLong, kEmpty };
+  enum class Kind { kLost, kReplyLost, kRefused, kMalformed, kSecondClient };
   const char* name;
   Kind kind;
-  bool forGood;  // permanently: all following requests are lost too
+  bool forGood = false;  // permanently: all following requests are lost too
 };
 inline constexpr Fault kFaults[] = {
-    {"lost", Fault::Kind::kLost, false},
-    {"refused", Fault::Kind::kRefused, false},
-    {"lost like all that follow", Fault::Kind::kLost, true},
-    {"carried out, the reply lost", Fault::Kind::kReplyLost, false},
-    {"carried out, the reply lost like all that follow", Fault::Kind::kReplyLost, true},
-    {"answered with a byte too many", Fault::Kind::kTooLong, false},
-    {"answered without data", Fault::Kind::kEmpty, false},
+    {"request lost", Fault::Kind::kLost},
+    {"request and all later ones lost", Fault::Kind::kLost, true},
+    {"reply lost", Fault::Kind::kReplyLost},
+    {"reply and all later ones lost", Fault::Kind::kReplyLost, true},
+    {"refused", Fault::Kind::kRefused},
+    {"malformed reply", Fault::Kind::kMalformed},
+    {"second client before it", Fault::Kind::kSecondClient},
 };
 
 class FakeLink final : public client::Link {
@@ -44,6 +45,7 @@ class FakeLink final : public client::Link {
 
   std::function<void(const protocol::Request&)> before{};
   std::function<void(protocol::Reply&)> after{};
+  std::function<void()> secondClient{};
   std::vector<protocol::Request> log{};  // all requests, lost or not
 
   protocol::Reply call(protocol::Request request) override {
@@ -52,6 +54,7 @@ class FakeLink final : public client::Link {
     const bool gone = at_ >= 0 && std::cmp_greater(log.size(), at_) && fault_.forGood;
     log.push_back(request);
     if (before) before(request);
+    if (faulty && fault_.kind == Kind::kSecondClient && secondClient) secondClient();
     if (gone || (faulty && fault_.kind == Kind::kLost))
       throw client::Error("gone", client::Error::Kind::kNoReply);
     if (faulty && fault_.kind == Kind::kRefused) request.data.push_back(0);
@@ -62,8 +65,7 @@ class FakeLink final : public client::Link {
     protocol::Reply reply = protocol::decodeReply(datagram.value().bytes).value();
     if (after) after(reply);
     if (faulty && fault_.kind == Kind::kReplyLost) throw client::Error("gone", client::Error::Kind::kNoReply);
-    if (faulty && fault_.kind == Kind::kTooLong) reply.data.push_back(0);
-    if (faulty && fault_.kind == Kind::kEmpty) reply.data = base::Bytes();
+    if (faulty && fault_.kind == Kind::kMalformed) reply.data.push_back(0);
     return reply;
   }
   void wait(std::chrono::milliseconds time) override {
@@ -80,19 +82,18 @@ class FakeLink final : public client::Link {
   int at_;
 };
 
-inline std::vector<mpeg::Section> sectionsIn(const client::ReadBack& tables) {
+inline std::vector<mpeg::Section> sectionsIn(const client::Tables& tables) {
   std::vector<mpeg::Section> all;
-  for (const auto& table : tables.tables) {
-    for (const auto& pid : table.pids) {
-      for (mpeg::Section& section : client::gatherSections(pid.packets)) all.push_back(std::move(section));
-    }
-  }
+  for (const auto& table : tables) std::ranges::move(client::sectionsOf(table), std::back_inserter(all));
   return all;
 }
+inline std::vector<mpeg::Section> sectionsIn(const client::PsiStore& psi) {
+  return sectionsIn(psi.readable());
+}
 
-inline std::vector<u32> intervalsIn(const client::ReadBack& tables) {
+inline std::vector<u32> intervalsIn(const client::PsiStore& psi) {
   std::vector<u32> ticks;
-  for (const auto& table : tables.tables) ticks.push_back(table.interval_ticks);
+  for (const auto& table : psi.tables) ticks.push_back(table.interval_ticks);
   return ticks;
 }
 
@@ -110,31 +111,16 @@ class CardTest : public testing::Test {
           options.sources = {{4, {2, input}}, {5, {16, input}}};
         }) {}
 
-  client::ReadBack tables(const protocol::Channel& channel = kChannel) {
-    return client::readBack(link_, channel);
+  client::PsiStore tables(const protocol::Channel& channel = kChannel) {
+    return client::readPsi(link_, channel);
   }
-
-  // Runs a history with each fault at each request of its link from one on, in an empty folder. It returns
-  // the name of its result: exactly these names must occur.
-  void breakOffEverywhere(const std::set<std::string>& ends,
-                          const std::function<std::string(FakeLink& link, const Fault& fault)>& history,
-                          int from = 0) {
-    std::set<std::string> met;
-    for (const Fault& fault : kFaults) {
-      std::string end;
-      for (int at = from; !has(end, ", whole") && !HasFailure(); ++at) {
-        for (const auto& left : fs::directory_iterator(scratch_.path)) fs::remove_all(left);
-        end = inChild([&] {
-          SCOPED_TRACE(fmt::format("request {} {}", at, fault.name));
-          FakeLink link(chassis_.headend(), fault, at);
-          const std::string itsEnd = history(link, fault);
-          return itsEnd + (link.reached() ? "" : ", whole");
-        });
-        met.insert(end.substr(0, end.find(", whole")));
-        EXPECT_TRUE(std::ranges::includes(ends, met)) << fault.name << ' ' << at << ": " << end;
-      }
-    }
-    EXPECT_EQ(met, ends);
+  void load(const std::vector<mpeg::Section>& sections, const protocol::Intervals& intervals = {},
+            const protocol::Channel& channel = kChannel, bool force = false) {
+    client::carryOut(
+        link_, client::planLoad(link_, channel, client::packTables(sections), intervals, {.force = force}));
+  }
+  void loadMap(const std::vector<protocol::MapEntry>& entries) {
+    client::carryOut(link_, client::planMap(link_, kChannel, entries));
   }
 
   // In memory: each rescue file is flushed, which takes long on a busy disk.

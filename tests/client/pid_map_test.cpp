@@ -1,13 +1,11 @@
-// PID maps as CSV files, what is looked at before one is loaded, and maps on a card and its router, also
-// where a load breaks off.
+// PID maps as CSV files, what is checked before one is loaded, and maps on a card and its router.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "client/channel_variables.h"
+#include "client/chassis_services.h"
 #include "client/pid_map_file.h"
-#include "client/pid_map_upload.h"
-#include "client/programme_plan.h"
 #include "tests/client/card_link.h"
 
 namespace client {
@@ -15,7 +13,6 @@ namespace {
 
 using Entries = std::vector<MapEntry>;
 using test::expectSays;
-using test::has;
 using test::messageOf;
 
 const std::string kHeader = "src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n";
@@ -35,17 +32,11 @@ class PidMapTest : public test::CardTest {
  protected:
   bool carries(const Entries& entries) { return holds(routerMap(link_, kChannel), asKept(entries)); }
   Entries recorded() { return readMap(link_, kChannel).entries; }
-  // Another client's first chunk of a map that announces more.
-  void announce(u32 total, const Entries& entries) {
-    test::FakeLink(chassis_.headend())
-        .call(makeRequest(Operation::kWrite, kPidMapChunk, kChannel.slot, kChannel.port,
-                          encodeMapChunk(total, 0, entries)));
-  }
   std::string load(const Entries& entries) {
-    return messageOf([&] { replaceMap(link_, kChannel, entries, options_); });
+    return messageOf([&] { carryOut(link_, planMap(link_, kChannel, entries, options_)); });
   }
 
-  MapOptions options_{.rescueFile = scratch_.path / "rescue.csv", .note = {}};
+  ChangeOptions options_{.mapFile = scratch_.path / "rescue.csv"};
   ChannelVariables card_{link_, kChannel};
 };
 
@@ -64,78 +55,37 @@ TEST_F(PidMapTest, ARouterHoldsAMapOnlyInAllBitsOfItsWords) {
   }
 }
 
-// On the air is always one of the two maps, whole; and what the message says is so, whatever breaks where.
-TEST_F(PidMapTest, LosesNoMapWhereverALoadBreaksOff) {
-  const Entries old = mapOf(90, 0x100);
-  const Entries wanted = mapOf(178, 0x900);
-  const std::string file = options_.rescueFile.string();
-  const auto history = [&](test::FakeLink& link, const test::Fault&) -> std::string {
-    const std::string message = messageOf([&] { replaceMap(link, kChannel, wanted, options_); });
-    SCOPED_TRACE(message);
-    const bool stuck = has(message, "The way back failed");
-    const bool unverified = has(message, "sent whole and unlocked");
-    const bool locked = card_.mapLocked();
-    const bool maybeNew = message.empty() || unverified || has(message, "or the new one");
-    const bool maybeOld = !message.empty() && !unverified;
-    EXPECT_TRUE((maybeNew && carries(wanted)) || (maybeOld && carries(old)));
-    EXPECT_TRUE(stuck ? locked || has(message, "may be locked") : !locked);
-    EXPECT_TRUE(stuck || recorded() == asKept(maybeNew ? wanted : old));
-    EXPECT_EQ(std::filesystem::exists(file), stuck || unverified);
-    EXPECT_EQ(has(message, "'qamctl pidmap show 1.2'"), stuck || unverified);
-    EXPECT_EQ(has(message, "release 1.2 --restore " + file + "'"), stuck);
-    if (std::filesystem::exists(file)) {
-      const Entries rescued = readMapFile(file).entries;
-      EXPECT_EQ(rescued, asKept(old));
-      expectSays(messageOf([&] { releaseMap(link_, kChannel, ReleaseBy::kMap, rescued, options_); }),
-                 locked ? "" : "not locked");
-      EXPECT_TRUE(!locked || (carries(old) && !card_.mapLocked()));
-    }
-    return stuck ? "stuck" : unverified ? "unverified" : message.empty() ? "done" : "unchanged";
-  };
-  chassis_.drive([&] {
-    load(old);
-    breakOffEverywhere({"done", "unverified", "stuck", "unchanged"}, history);
-  });
-}
-
 TEST_F(PidMapTest, KeepsHandsOff) {
   const Entries old = mapOf(3, 0x100);
   chassis_.drive([&] {
     load(old);
     expectSays(load({{4, 2, 0x100, 0, 0x200}}), "input that its source card has not");
     expectSays(load({{3, 0, 0x100, 0, 0x200}}), "in a source slot that an entry names");
-    test::writeFile(options_.rescueFile, Bytes{});
-    expectSays(load({}), "move the file away");
-    options_.rescueFile = scratch_.path / "none" / "rescue.csv";
+    test::writeFile(options_.mapFile, Bytes{});
+    expectSays(load({}), "rescue.csv exists");
+    options_.mapFile = scratch_.path / "none" / "rescue.csv";
     expectSays(load({}), "cannot be kept");
     EXPECT_TRUE(carries(old) && !card_.mapLocked());
     EXPECT_EQ(recorded(), asKept(old));
   });
 }
 
-// Between the reading of the map and the lock another client may come in: the card takes the chunks of both.
-// What such a client announced and never wrote goes neither back to the card nor on the air.
-TEST_F(PidMapTest, PutsNoMixtureOfTwoClientsOnTheAir) {
+// Entries that another client announced and never wrote go neither back to the card nor on the air.
+TEST_F(PidMapTest, LeavesOutEntriesThatNeverCame) {
   const Entries came = mapOf(2, 0x100);
   Entries refused = mapOf(100, 0x900);
   refused.back() = {4, 2, 2, 0, 2};  // in the second chunk
   chassis_.drive([&] {
-    load(mapOf(5, 0x100));
-    link_.log.clear();
-    link_.before = [&](const Request&) {
-      if (link_.log.size() == 6) announce(3, mapOf(1, 0x40));  // before the comparison
-    };
-    expectSays(load(mapOf(9, 0x900)), "another client is loading");
-    EXPECT_TRUE(carries(mapOf(5, 0x100)));
     for (const bool releases : {true, false}) {
       card_.lockMap(true);
-      announce(200, came);
+      link_.call(makeRequest(Operation::kWrite, kPidMapChunk, kChannel.slot, kChannel.port,
+                             encodeMapChunk(200, 0, came)));
       EXPECT_EQ(recorded().size(), 200u);
       if (releases) {
-        releaseMap(link_, kChannel, ReleaseBy::kRecord, {}, options_);
+        carryOut(link_, planRelease(link_, kChannel, ReleaseBy::kRecord, {}, options_));
       } else {
         card_.lockMap(false);
-        expectSays(load(refused), "Nothing was changed");
+        expectSays(load(refused), "The old PID map of channel 1.2 is in place");
       }
       EXPECT_TRUE(carries(came));
       EXPECT_EQ(recorded(), asKept(came));
@@ -177,7 +127,7 @@ TEST_F(PidMapTest, SaysWhichLineOfAFileIsWrongAndWhy) {
       {"5,2,0x1ffe,1,0x14,1,255\n6,16,1,1,65,1,1\n", ""},
       {"5,1,1,1,64,1,1\n6,1,1,1,17,1,1\n", "map.csv line 3: dst_pid 0x0011 is where the card"},
   };
-  MapOptions options;
+  ChangeOptions options;
   std::string notes;
   options.sources = InputCounts{{4, 2}, {5, 16}, {0, 16}};
   options.note = [&](const std::string& text) { notes += text; };

@@ -1,14 +1,9 @@
-// Programmes that come onto an output and leave it: what its map and tables then are, and what is left of
-// both wherever a change breaks off.
+// Programmes that are added to an output and removed: its map and tables after that.
 #include "client/programme.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "client/channel_variables.h"
-#include "client/pid_map_file.h"
-#include "client/psi_capture.h"
-#include "client/psi_upload.h"
 #include "tests/client/card_link.h"
 #include "tests/client/messages.h"
 #include "tests/client/streams.h"
@@ -17,7 +12,6 @@ namespace client {
 namespace {
 
 namespace fs = std::filesystem;
-using test::has;
 using test::makePat;
 using test::makeSection;
 using test::operator+;  // NOLINT(misc-unused-using-decls): clang-tidy 14 takes no operator for a use
@@ -83,17 +77,6 @@ const MapEntry kLocal = {4, 1, 0x40, 8, 0x101, 1, 2};
 const Section kLocalPmt = pmt(0x100, 1, 2, 0x101, {}, {{2, 0x101}});
 const Section kNit = makeSection({.pid = 0x10, .tableId = 0x40, .extension = 9}, 300);
 
-// What a client sees of the channel.
-struct State {
-  Sections tables;
-  std::vector<u32> intervals;
-  Entries map;
-  std::vector<chassis::RouterWords> router;
-  bool locked;
-
-  bool operator==(const State&) const = default;
-};
-
 class ProgrammeTest : public test::CardTest {
  protected:
   ProgrammeTest() : CardTest(test::Stream(kComing).bytes) {}
@@ -101,16 +84,14 @@ class ProgrammeTest : public test::CardTest {
   void prepareOutput() {
     const Sections names = {makePat({{0, 0x10}, {1, 0x100}}, 7, 4), kLocalPmt,
                             sdt(7, 9, 31, {{1, 0, "Local"}}), kNit};
-    upload(link_, kChannel, planUpload(names), {{PAT, 77}, {BAT, 0}, {CAT, 0}});
-    replaceMap(link_, kChannel, {kLocal}, {});
+    load(names, {{PAT, 77}, {BAT, 0}, {CAT, 0}});
+    loadMap({kLocal});
   }
-  void add(const char* name) { addProgramme(link_, kChannel, kInput, name, options_); }
-  void remove(const char* name) { removeProgramme(link_, kChannel, name, options_); }
-  State state() {
-    const PidMap map = readMap(link_, kChannel);
-    const ReadBack all = tables();
-    return {test::sectionsIn(all), test::intervalsIn(all), map.entries, routerMap(link_, kChannel),
-            map.locked || all.locked};
+  void add(const char* name) {
+    carryOut(link_, planAddProgramme(link_, kChannel, kInput, name, how_, options_).change);
+  }
+  void remove(const char* name) {
+    carryOut(link_, planRemoveProgramme(link_, kChannel, name, options_).change);
   }
   void expectOutput(const char* after, const Sections& expected, Entries map, const Entries& more = {}) {
     SCOPED_TRACE(after);
@@ -119,19 +100,8 @@ class ProgrammeTest : public test::CardTest {
     EXPECT_EQ(readMap(link_, kChannel).entries, asKept(map));
     EXPECT_TRUE(fs::is_empty(scratch_.path));
   }
-  // The tables on the air name only routed PIDs.
-  void expectNoReferenceToNothing() {
-    const ReadBack all = tables();
-    if (all.locked) return;
-    const Entries routed = entriesOf(routerMap(link_, kChannel));
-    for (const Programme& p : programmesOf({.channel = kChannel, .tables = all, .map = routed})) {
-      for (const ProgrammePid& pid : p.pids) EXPECT_TRUE(pid.source) << pid.pid;
-    }
-  }
-
-  ProgrammeOptions options_{.add = {},
-                            .map = {.rescueFile = scratch_.path / "map.csv", .note = {}},
-                            .tablesFile = scratch_.path / "psi.ts"};
+  AddOptions how_;
+  ChangeOptions options_{.mapFile = scratch_.path / "map.csv", .tablesFile = scratch_.path / "psi.ts"};
 };
 
 TEST_F(ProgrammeTest, MapAndTablesFollow) {
@@ -150,10 +120,10 @@ TEST_F(ProgrammeTest, MapAndTablesFollow) {
   const Sections withOne = {makePat({{0, 0x10}, {1, 0x100}, {2, 0x102}}, 7, 5), kLocalPmt, one,
                             sdt(7, 9, 0, {{1, 0, "Local"}, {2, 0, "One"}}),     kNit,      entitlements};
   chassis_.drive([&] {
-    options_.add.transportStreamId = 44;
+    how_.transportStreamId = 44;
     add("Three");
     expectOutput("one onto an output that has none", withThree, {entry(0x220, 0x101, 3, 3, 6)});
-    replaceMap(link_, kChannel, released, {});
+    loadMap(released);
     add("3");
     expectOutput("the same after a release", withThree, released);
     prepareOutput();
@@ -163,7 +133,7 @@ TEST_F(ProgrammeTest, MapAndTablesFollow) {
     EXPECT_EQ(test::intervalsIn(tables()), (std::vector<u32>{77, 300, 300, 300, 300, 300, 0, 300}));
     add("1");
     expectOutput("the same again", withOne, ofOne);
-    options_.add.pass = {0x12, 0x210};
+    how_.pass = {0x12, 0x210};
     add("Two");
     expectOutput("another, with EIT and a stream under its own PID",
                  {makePat({{0, 0x10}, {1, 0x100}, {2, 0x102}, {3, 0x107}}, 7, 6), kLocalPmt, one, two,
@@ -200,74 +170,18 @@ TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
       .input = kInput, .pat = {kComing[0]}, .sdt = {kComing[4]}, .cat = {}, .pmt = {kComing[3]}};
   for (const auto& [name, base, pass, taken, expected] : rows) {
     SCOPED_TRACE(name);
-    OutputState output{.channel = kChannel, .tables = {}, .map = {kLocal}};
-    for (u16 i = 0; i < taken; ++i) output.map.push_back(entry(0x1000 + i, 0x102 + i, 0, 0, 0));
+    ChannelState output{.channel = kChannel, .psi = {}, .map = {.entries = {kLocal}}};
+    for (u16 i = 0; i < taken; ++i) output.map.entries.push_back(entry(0x1000 + i, 0x102 + i, 0, 0, 0));
     const AddOptions options = {.base = base, .pass = pass, .transportStreamId = {}};
     std::string pids;
     const std::string refusal = test::messageOf([&] {
       const ProgrammePlan plan = planAdd(output, source, 3, options);
+      ChannelChange{.before = output, .map = plan.map}.check();
       const MapEntry& stream = *std::ranges::find(plan.map, 0x220, &MapEntry::sourcePid);
       pids = fmt::format("PMT {:#x}, stream {:#x}", plan.pmtPid, stream.pid);
     });
     test::expectSays(pids + refusal, expected);
   }
-}
-
-// Old or new as a whole; where the way back is cut off too, files hold what was there, and the message says
-// so.
-TEST_F(ProgrammeTest, LosesNothingWhereverAChangeBreaksOff) {
-  const std::string tablesFile = options_.tablesFile;
-  const std::string mapFile = options_.map.rescueFile;
-  State old;
-  State wanted;
-  const auto history = [&](test::FakeLink& link, const test::Fault& fault) -> std::string {
-    link.after = [&](const Reply&) {
-      const Request& last = link.log.back();
-      const bool ofLock = last.variable == kPsiLock || last.variable == kPidMapLock;
-      if (ofLock && last.operation == Operation::kWrite) expectNoReferenceToNothing();
-    };
-    const auto change = [&](Link& by) { addProgramme(by, kChannel, kInput, "One", options_); };
-    const std::string message = test::messageOf([&] { change(link); });
-    SCOPED_TRACE(message);
-    const State now = state();
-    std::string end = message.empty() ? "done" : now == old ? "as it was" : "in between";
-    EXPECT_TRUE(end != "done" || now == wanted);
-    if (end == "in between" && !fault.forGood) {
-      EXPECT_TRUE(has(message, "could not be found in place") && !now.locked);
-      EXPECT_EQ(now.tables, (has(message, "are the new ones") ? wanted : old).tables);
-    }
-    EXPECT_TRUE(!now.locked || fs::exists(tablesFile) || fs::exists(mapFile));
-    EXPECT_EQ(has(message, mapFile), fs::exists(mapFile));
-    EXPECT_EQ(has(message, tablesFile), fs::exists(tablesFile));
-    const bool silent = has(message, "is locked and sends no PSI");
-    const bool unknown = has(message, "may be locked and sends no PSI");
-    EXPECT_TRUE(!unknown ||
-                (link.broken().operation == Operation::kWrite && link.broken().variable == kPsiLock));
-    EXPECT_TRUE(!fault.forGood || unknown || silent == tables().locked);
-    EXPECT_EQ(has(message, "'qamctl psi load 1.2 FILE --force'"), silent || unknown);
-    if (fs::exists(tablesFile)) {
-      test::expectSays(test::messageOf([&] { change(link_); }), "could not be put back once");
-      const Sections kept = readCapture(options_.tablesFile).sections;
-      upload(link_, kChannel, planUpload(kept), {}, {.force = true, .progress = {}});
-      EXPECT_EQ(test::sectionsIn(tables()), old.tables);
-      expectNoReferenceToNothing();
-    }
-    return end;
-  };
-  chassis_.drive([&] {
-    prepareOutput();
-    add("One");
-    wanted = state();
-    // As if the input's audio were on another PID: the map loses an entry and gets one, the PMT follows.
-    old = wanted;
-    *std::ranges::find(old.tables, 0x102, &Section::pid) =
-        pmt(0x102, 2, 31, 0x103, ca(0xB00, 0x105), {{2, 0x103}, {3, 0x107, kLanguage}});
-    *std::ranges::find(old.map, 0x202, &MapEntry::sourcePid) = entry(0x2AA, 0x107, 1, 2, 3);
-    upload(link_, kChannel, planUpload(old.tables), {});
-    replaceMap(link_, kChannel, old.map, {});
-    old = state();
-    breakOffEverywhere({"done", "as it was", "in between"}, history, 33);  // before that, it only reads
-  });
 }
 
 }  // namespace

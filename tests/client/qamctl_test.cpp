@@ -6,7 +6,6 @@
 
 #include "client/channel_variables.h"
 #include "client/chassis_services.h"
-#include "client/psi_upload.h"
 #include "commands/psi_decode.h"
 #include "mpeg/dvb_text.h"
 #include "protocol/variables.h"
@@ -79,7 +78,7 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
                  {"psi load 1.1 " + sample("not-a-stream.ts"), 1, "no transport stream"},
                  {"psi load 1.1 " + file("absent.ts"), 1, "No such file"},
                  {"psi load 2.1 " + small, 1, "no card in this slot"}});
-    upload(link_, {0, 1}, planUpload(test::onePacketSections(0x46, 0x11, 300)), {});
+    load(test::onePacketSections(0x46, 0x11, 300));
     expectCalls({{"psi show 1.2", 0, "SDT_O: 38 packets beyond"},
                  {"psi show 1.2", 0, "version 0: extension 7: cannot be decoded"},
                  {"psi show 1.2 --save " + beyond, 1, "38 packets cannot be read"}});
@@ -91,10 +90,10 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
                  {"psi clear 1.2", 1, "--force"},
                  {"psi load 1.2 " + small, 1, "--force"},
                  {"psi load 1.2 " + small + " --force", 0, "packets"}});
-    EXPECT_TRUE(!channel.tablesLocked() && tables().read() > 0);
+    EXPECT_TRUE(!channel.tablesLocked() && !tables().readable().empty());
     channel.lockTables(true);
     expectCalls({{"psi clear 1.2 --force", 0, ""}});
-    EXPECT_TRUE(!channel.tablesLocked() && tables().read() == 0);
+    EXPECT_TRUE(!channel.tablesLocked() && tables().readable().empty());
   });
   EXPECT_FALSE(fs::exists(beyond));
 }

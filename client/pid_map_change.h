@@ -1,0 +1,31 @@
+// Plans for a channel's PID map. See channel_change.h. A lock empties the card's record at once; the router
+// keeps the old map until the unlock, which sends the whole record to it.
+#pragma once
+
+#include <vector>
+
+#include "client/channel_change.h"
+
+namespace client {
+
+// Refuses a map that the card would reject or the router misroute: more than kPidMapSize entries, numbers out
+// of range, duplicate sources, two sources on one output PID, inputs that are not in `options.sources`. Notes
+// output PIDs on which the card sends its own tables. Throws Error with the entries.
+void checkMap(const std::vector<MapEntry>& entries, const ChangeOptions& options);
+
+// Checks the entries and reads the map. Throws Error, also for a locked map.
+ChannelChange planMap(Link& link, const Channel& channel, const std::vector<MapEntry>& entries,
+                      const ChangeOptions& options = {});
+
+// How to end a lock that another client has left.
+enum class ReleaseBy {
+  kMap,     // a given map: from a rescue file
+  kRouter,  // the map that is on the air; its programme numbers and types are lost
+  kRecord,  // the current content of the record, even if it is empty or half a map
+};
+// Sends a whole map under the lock of a locked channel, and unlocks. `entries` is for kMap; they are sent
+// unchecked, because a card had them before. Throws Error, also if the map is not locked.
+ChannelChange planRelease(Link& link, const Channel& channel, ReleaseBy by,
+                          const std::vector<MapEntry>& entries, const ChangeOptions& options = {});
+
+}  // namespace client

@@ -29,7 +29,7 @@ std::string printable(const std::string& text) {
 Json tables(Headend& headend, int slot, int port) {
   Json all = Json::object();
   const QamCardPara* record = GetQamCardParaFromList(static_cast<u8>(slot));
-  const CarouselMonitor::Tables& seen = headend.monitor().tables(slot, port);
+  const CarouselMonitor::Tables& seen = headend.monitor.tables(slot, port);
   for (const PsiType type : mpeg::kAllTables) {
     const CarouselMonitor::Table& table = seen[type];
     Json entry = {{"set_ticks", record == nullptr ? 0 : record->Interval[port][type]},
@@ -53,18 +53,6 @@ Json orNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json(nullptr);
 }
 
-Json rf(const RfOutput& output) {
-  return {{"verdict", verdictName(output.verdict)},
-          {"on_air", output.verdict == RfOutput::Verdict::kOnAir},
-          {"why", output.why},
-          {"frequency_khz", orNull(output.frequency_kHz)},
-          {"level_dbuv", output.level_dBuV},
-          {"symbol_rate_kbd", output.symbolRate_kBd},
-          {"clock_kbd", orNull(output.clock_kBd)},
-          {"constellation", orNull(constellationName(output))},
-          {"bit_rate", output.bitRate}};
-}
-
 Json rates(const RateMeter::Rates& rates) {
   return {{"input", std::llround(rates.input)},
           {"routed", std::llround(rates.routed)},
@@ -75,13 +63,13 @@ Json rates(const RateMeter::Rates& rates) {
 
 // What the router does for a channel.
 Json map(Headend& headend, int slot, int port) {
-  PidRouter& router = headend.router();
-  const Nanos now = headend.kernel().now();
+  PidRouter& router = headend.router;
+  const Nanos now = headend.kernel.now();
   Json entry = {{"entries", router.used(slot, port)},
                 {"shadowed", router.shadowed(slot, port)},
                 {"input_lost", router.inputLost(slot, port, now)},
-                {"overflow", headend.mainBoard().overflows(slot, port, now)}};
-  if (const auto since = headend.backEnd().lockedSince(BackEnd::Lock::kPidMap, slot, port)) {
+                {"overflow", headend.mainBoard.overflows(slot, port, now)}};
+  if (const auto since = headend.backEnd.lockedSince(BackEnd::Lock::kPidMap, slot, port)) {
     entry["locked_seconds"] = seconds(now - *since);
   }
   return entry;
@@ -89,16 +77,16 @@ Json map(Headend& headend, int slot, int port) {
 
 Json sources(Headend& headend) {
   Json all = Json::array();
-  for (const int slot : headend.sources().slots()) {
+  for (const int slot : headend.sources.slots()) {
     Json inputs = Json::array();
-    for (std::size_t input = 0; input < headend.sources().inputs(slot); ++input) {
+    for (std::size_t input = 0; input < headend.sources.inputs(slot); ++input) {
       const int port = static_cast<int>(input);
-      const PidRouter::InputCounts& counts = *headend.router().input(slot, port);
+      const PidRouter::InputCounts& counts = *headend.router.input(slot, port);
       inputs.push_back({{"input", input + 1},
-                        {"name", headend.sources().nameOf(slot, input)},
+                        {"name", headend.sources.nameOf(slot, input)},
                         {"packets", counts.packets},
                         {"damaged", counts.damaged},
-                        {"bit_rate", std::llround(headend.rates().input(slot, port))},
+                        {"bit_rate", std::llround(headend.rates.input(slot, port))},
                         {"last_seconds", counts.last ? Json(seconds(*counts.last)) : Json(nullptr)}});
     }
     all.push_back({{"slot", slot + 1}, {"inputs", std::move(inputs)}});
@@ -107,8 +95,8 @@ Json sources(Headend& headend) {
 }
 
 Json channel(Headend& headend, int slot, int port) {
-  Multiplexer& output = headend.card(slot).output(static_cast<std::size_t>(port));
-  output.advance(headend.kernel().now());
+  Multiplexer& output = headend.output(slot, port);
+  output.advance(headend.kernel.now());
   const Multiplexer::Counts& counts = output.counts();
   Json entry = {{"bit_rate", output.rate().perSecond()},
                 {"packets",
@@ -119,20 +107,20 @@ Json channel(Headend& headend, int slot, int port) {
                   {"offered", counts.offered},
                   {"filtered", counts.filtered},
                   {"dropped", counts.dropped}}},
-                {"rates", rates(headend.rates().output(slot, port))},
+                {"rates", rates(headend.rates.output(slot, port))},
                 {"map", map(headend, slot, port)},
-                {"rf", rf(headend.card(slot).rf(static_cast<std::size_t>(port), headend.kernel().now()))},
+                {"rf", rfReport(headend.card(slot).rf(static_cast<std::size_t>(port), headend.kernel.now()))},
                 {"tables", tables(headend, slot, port)}};
-  if (const auto since = headend.backEnd().lockedSince(BackEnd::Lock::kPsi, slot, port)) {
-    entry["locked_seconds"] = seconds(headend.kernel().now() - *since);
+  if (const auto since = headend.backEnd.lockedSince(BackEnd::Lock::kPsi, slot, port)) {
+    entry["locked_seconds"] = seconds(headend.kernel.now() - *since);
   }
   return entry;
 }
 
 Json startup(Headend& headend, int slot) {
-  const StartupTimeline& timeline = headend.chassis().timeline(slot);
+  const StartupTimeline& timeline = headend.chassis.timeline(slot);
   Json phases = Json::array();
-  for (const auto& phase : timeline.phases(headend.kernel().now(), headend.bus().accesses(slot))) {
+  for (const auto& phase : timeline.phases(headend.kernel.now(), headend.bus.accesses(slot))) {
     phases.push_back({{"phase", phase.name},
                       {"from_ms", milliseconds(phase.from)},
                       {"ms", milliseconds(phase.until - phase.from)},
@@ -148,7 +136,7 @@ Json calibration(Headend& headend, int slot) {
   Json eeprom = Json::array();
   for (u8 n = 0; n < kDacRegisters; ++n) {
     dac.push_back(board.dac().reg(n));
-    eeprom.push_back(board.eeprom().image(headend.kernel().now())[n]);
+    eeprom.push_back(board.eeprom().image(headend.kernel.now())[n]);
   }
   return {{"dac", std::move(dac)},
           {"eeprom", std::move(eeprom)},
@@ -157,7 +145,7 @@ Json calibration(Headend& headend, int slot) {
 }
 
 Json card(Headend& headend, int slot) {
-  const Chassis::Slot& s = headend.chassis().slot(slot);
+  const Chassis::Slot& s = headend.chassis.slot(slot);
   Json lcd = Json::array();
   for (const std::string& line : s.lcd) lcd.push_back(printable(line));
   Json entry = {{"slot", slot + 1},
@@ -168,11 +156,8 @@ Json card(Headend& headend, int slot) {
                 {"fpga_attempts", headend.card(slot).configuration().attempts()},
                 {"saves", s.saves},
                 {"calibration", calibration(headend, slot)}};
-  for (const Headend::ParkedTask& parked : headend.parkedTasks()) {
-    if (!parked.still || parked.slot != slot) continue;
-    entry["hung"] = {
-        {"task", parked.task}, {"register", parked.reg}, {"since_seconds", seconds(parked.since)}};
-    break;
+  if (const Observation::ParkedTask* hung = headend.observation.hangingTask(slot)) {
+    entry["hung"] = {{"task", hung->task}, {"register", hung->reg}, {"since_seconds", seconds(hung->since)}};
   }
   Json channels = Json::array();
   for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) channels.push_back(channel(headend, slot, port));
@@ -182,7 +167,7 @@ Json card(Headend& headend, int slot) {
 
 Json lateRequests(const Headend& headend) {
   Json all = Json::array();
-  for (const BackEnd::LateRequest& late : headend.backEnd().lateRequests()) {
+  for (const BackEnd::LateRequest& late : headend.backEnd.lateRequests()) {
     Json load = Json::array();
     for (const auto& [name, took] : late.load) load.push_back({{"task", name}, {"ms", milliseconds(took)}});
     all.push_back({{"arrived_seconds", seconds(late.arrived)}, {"load", std::move(load)}});
@@ -192,7 +177,7 @@ Json lateRequests(const Headend& headend) {
 
 Json semaphoreWaits(const Headend& headend) {
   Json all = Json::array();
-  for (const Headend::LongWait& wait : headend.longWaits()) {
+  for (const Observation::LongWait& wait : headend.observation.longWaits()) {
     all.push_back({{"task", wait.task},
                    {"semaphore", wait.semaphore},
                    {"held_by", wait.holder},
@@ -203,7 +188,7 @@ Json semaphoreWaits(const Headend& headend) {
 
 Json alarms(const Headend& headend) {
   Json standing = Json::array();
-  for (const AlarmRecord& raised : headend.alarms().standing()) {
+  for (const AlarmRecord& raised : headend.alarms.standing()) {
     const protocol::Alarm alarm = outward(raised).alarm;
     standing.push_back({{"slot", alarm.slot + 1},
                         {"port", alarm.port + 1},
@@ -213,20 +198,34 @@ Json alarms(const Headend& headend) {
                         {"zh", {{"title", alarm.zhTitle}, {"text", alarm.zhText}, {"trap", alarm.zhTrap}}}});
   }
   return {{"standing", std::move(standing)},
-          {"events", headend.alarms().events()},
-          {"kept", headend.alarms().file().kept()}};
+          {"events", headend.alarms.events()},
+          {"kept", headend.alarms.file().kept()}};
 }
 
-Json build(Headend& headend) {
-  const Kernel& kernel = headend.kernel();
+}  // namespace
+
+Json rfReport(const RfOutput& output) {
+  return {{"verdict", verdictName(output.verdict)},
+          {"on_air", output.verdict == RfOutput::Verdict::kOnAir},
+          {"why", output.why},
+          {"frequency_khz", orNull(output.frequency_kHz)},
+          {"level_dbuv", output.level_dBuV},
+          {"symbol_rate_kbd", output.symbolRate_kBd},
+          {"clock_kbd", orNull(output.clock_kBd)},
+          {"constellation", orNull(constellationName(output))},
+          {"bit_rate", output.bitRate}};
+}
+
+Json report(Headend& headend) {
+  const Kernel& kernel = headend.kernel;
   Json failures = Json::array();
-  for (const Headend::AssertionFailure& f : headend.assertionFailures()) {
+  for (const Observation::FailedCheck& f : headend.observation.failedChecks()) {
     failures.push_back({{"unit", f.unit}, {"line", f.line}, {"text", f.text}});
   }
   Json violations = Json::object();
-  for (const auto& [kind, count] : headend.violations().counts()) violations[kind] = count;
+  for (const auto& [kind, count] : headend.violations.counts()) violations[kind] = count;
   Json cards = Json::array();
-  for (const int slot : headend.options().slots) cards.push_back(card(headend, slot));
+  for (const int slot : headend.options.slots) cards.push_back(card(headend, slot));
   return {{"virtual_seconds", seconds(kernel.now())},
           {"aux_hz", kernel.settings().auxHz},
           {"tick_hz", kernel.settings().tickHz},
@@ -234,19 +233,23 @@ Json build(Headend& headend) {
           {"protocol_violations", std::move(violations)},
           {"late_requests", lateRequests(headend)},
           {"semaphore_waits", semaphoreWaits(headend)},
-          {"heap", {{"used", headend.heap().used()}, {"failures", headend.heap().failures()}}},
+          {"heap", {{"used", headend.heap.used()}, {"failures", headend.heap.failures()}}},
           {"alarms", alarms(headend)},
           {"sources", sources(headend)},
           {"cards", std::move(cards)}};
 }
 
-}  // namespace
-
 std::string reportText(Headend& headend) {
-  return build(headend).dump(2) + "\n";
+  return report(headend).dump(2) + "\n";
 }
-std::string statusText(Headend& headend) {
-  return build(headend).dump();
+
+void provideStatus(Headend& headend) {
+  headend.backEnd.provide(protocol::Operation::kStatus, BackEnd::Target::kChassis,
+                          [&headend](const protocol::Request&, base::Bytes& reply) -> u32 {
+                            const std::string text = report(headend).dump();
+                            reply.assign(text.begin(), text.end());
+                            return protocol::kDone;
+                          });
 }
 
 }  // namespace headend

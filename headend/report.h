@@ -1,14 +1,22 @@
-// The report at the end of a run, and the status for clients while it runs: one JSON object, described in
-// docs/report.md.
+// The report of a run, which is also the status for clients and the source of the status view: one JSON
+// object, described in docs/report.md.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "headend/headend.h"
 
 namespace headend {
 
+nlohmann::ordered_json report(Headend& headend);
+
+// The signal at an RF connector, as in the report.
+nlohmann::ordered_json rfReport(const RfOutput& output);
+
 std::string reportText(Headend& headend);  // indented, for a file
-std::string statusText(Headend& headend);  // compact, for a datagram
+
+// Serves the operation kStatus: the report as compact text.
+void provideStatus(Headend& headend);
 
 }  // namespace headend

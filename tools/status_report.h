@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "client/link.h"
 #include "tools/psi_decode.h"
@@ -14,6 +15,13 @@ std::optional<Json> statusOf(client::Link& link);
 
 // The status in lines. Members that are missing or of an unexpected type are skipped.
 std::string statusText(const Json& status);
+
+// Parts of that text, for the headend's own view. A card's state in one line.
+std::string cardLine(const Json& card);
+// What an operator must know about a channel, as "1.2", at once: a lock, a lost input.
+std::vector<std::string> channelNotes(const std::string& name, const Json& channel);
+// Failed checks and protocol violations, in lines; empty if there are none.
+std::string faultsText(const Json& status);
 
 // The tick rate of the carousel from the status; nullopt if it is missing.
 std::optional<double> auxHzOf(const Json& status);

@@ -159,12 +159,15 @@ void AlarmList::forgetOldest() {
   for (; history_.size() > kHistory; history_.pop_front()) account(base_, history_.front());
 }
 
-u32 AlarmList::answerAlarms(const protocol::Request& request, base::Bytes& reply) const {
-  return answer(standing_, last_ + 1, request, reply);
-}
-
-u32 AlarmList::answerEvents(const protocol::Request& request, base::Bytes& reply) const {
-  return answer(history_, last_ + 1, request, reply);
+void AlarmList::provide(BackEnd& backEnd) {
+  const auto provideList = [&](protocol::Operation operation, const auto& list) {
+    backEnd.provide(operation, BackEnd::Target::kChassis,
+                    [this, &list](const protocol::Request& request, base::Bytes& reply) {
+                      return answer(list, last_ + 1, request, reply);
+                    });
+  };
+  provideList(protocol::Operation::kAlarms, standing_);
+  provideList(protocol::Operation::kAlarmEvents, history_);
 }
 
 protocol::AlarmEvent outward(const AlarmRecord& event) {

@@ -194,6 +194,10 @@ class Kernel {
   void sleepUntil(Nanos when);
 
   const Task* current() const { return current_; }
+  // The code that runs, for the log: "interrupt", a task's name, or "chassis".
+  std::string runningName() const {
+    return inInterrupt_ ? "interrupt" : current_ != nullptr ? current_->name : "chassis";
+  }
   const std::vector<std::unique_ptr<Task>>& tasks() const { return tasks_; }
   Nanos cpuTime(const Task& task) const;  // until now
   Nanos interruptTime() const { return interruptTime_; }

@@ -80,8 +80,7 @@ class Technician {
     const int exitCode = headend::run(headend_, interrupted);
     if (!failure.empty()) throw std::runtime_error(failure);
     if (exitCode != headend::kExitDone || rows.empty()) throw std::runtime_error("the run came to no end");
-    if (!headend_.violations.counts().empty())
-      throw std::runtime_error("a device saw its protocol violated");
+    if (!headend_.violations.counts().empty()) throw std::runtime_error("a device saw its protocol violated");
     return rows;
   }
 

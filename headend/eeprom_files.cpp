@@ -17,22 +17,18 @@ std::string pathOf(int slot) {
 void EepromFiles::load(int slot, Eeprom& eeprom) {
   Eeprom::Image image;
   image.fill(0xFF);
-  const std::filesystem::path file = flash_.hostPath(pathOf(slot)).value();
-  std::error_code error;
-  // A file that cannot be checked must not be treated as blank.
-  if (std::filesystem::symlink_status(file, error).type() != std::filesystem::file_type::not_found) {
-    std::string bytes;
-    try {
-      bytes = base::readFile(file, image.size());
-    } catch (const std::system_error&) {  // reported by the size
-    }
-    if (bytes.size() != image.size()) {
-      throw std::runtime_error(
-          fmt::format("{} is no calibration EEPROM: want a file of {} bytes that can be read", file.string(),
-                      image.size()));
-    }
-    std::copy(bytes.begin(), bytes.end(), image.begin());
+  std::optional<std::string> bytes;
+  try {
+    bytes = flash_.read(pathOf(slot), image.size());
+  } catch (const std::system_error&) {
+    bytes.emplace();  // reported by its size
   }
+  if (bytes && bytes->size() != image.size()) {
+    throw std::runtime_error(
+        fmt::format("{} is no calibration EEPROM: want a file of {} bytes that can be read",
+                    flash_.hostPath(pathOf(slot))->string(), image.size()));
+  }
+  if (bytes) std::copy(bytes->begin(), bytes->end(), image.begin());
   eeprom.load(image);
   parts_[slot] = {&eeprom, image};
 }

@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 #include "headend/card_state.h"
-#include "headend/firmware/status_tasks.h"
 #include "headend/flash_folder.h"
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/interruptible_input.h"
@@ -72,7 +71,7 @@ Headend::Headend(Options chosen)
           flash, [this] { return options.epoch + static_cast<u32>(kernel.now() / kSecond); },
           [this](const std::string& text) { say(text); }),
       panel(kernel, options.menuTimeout, menuFirmware(*this)),
-      backEnd(kernel, network, chassis, monitor, log, [this](int slot) { return runs(slot); }),
+      backEnd(kernel, network, chassis, monitor, log, [this](int slot) { return state(slot); }),
       search(kernel, [this](int slot, int port) -> Multiplexer& { return output(slot, port); }),
       shell(kernel),
       automaticOperator(kernel, network, chassis, log),
@@ -213,8 +212,7 @@ void Headend::startCards() {
   });
   chassis.start(options.slots);
   alarms.endAbsent(options.slots);
-  startStatusTasks(kernel, chassis, options.slots, options.statusPeriod,
-                   [this](int slot) { return runs(slot); });
+  chassis.startStatusChecks(options.slots, options.statusPeriod, [this](int slot) { return runs(slot); });
   backEnd.start();
   panel.menu().start();
   if (snmp != nullptr) snmp->start();

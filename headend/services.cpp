@@ -31,6 +31,12 @@ const Costs& costs() {
   return running->kernel.settings().costs;
 }
 
+std::string formatted(const char* format, std::va_list args) {
+  std::array<char, 512> text{};
+  std::vsnprintf(text.data(), text.size(), format, args);
+  return text.data();
+}
+
 }  // namespace
 
 void setRunning(Headend* headend) {
@@ -185,14 +191,9 @@ card* GetCardPoint(u8 slotNo) {
   return slotNo < MAX_BOARD_NUM ? running->chassis.slot(slotNo).descriptor : nullptr;
 }
 
-void configOneSlotBus(u8 slotNo, int arg1, int arg2) {
-  if (slotNo >= MAX_BOARD_NUM) return;
-  running->chassis.configureBus(slotNo, arg1, arg2);
-}
-void setCardType(u8 slotNo, int typeCode) {
-  if (slotNo >= MAX_BOARD_NUM) return;
-  running->chassis.setCardType(slotNo, typeCode);
-}
+// This chassis has the same bus and the same start-up for all kinds of cards.
+void configOneSlotBus(u8 /*slotNo*/, int /*arg1*/, int /*arg2*/) {}
+void setCardType(u8 /*slotNo*/, int /*typeCode*/) {}
 
 // The main firmware writes the words and the index to registers of its own.
 int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words) {
@@ -218,17 +219,16 @@ u8 keyScan() {
 }
 
 void lcdPrintf(int row, int column, u32 /*attribute*/, u32 mask, const char* format, ...) {
-  std::array<char, 128> text{};
   std::va_list args;
   va_start(args, format);
-  std::vsnprintf(text.data(), text.size(), format, args);
+  const std::string text = headend::formatted(format, args);
   va_end(args);
   headend::Lcd& lcd = running->panel.lcd();
   if (column == kPanelWholeLine) {
-    lcd.printRow(row, text.data());
-    running->chassis.noteLine(row, text.data());
+    lcd.printRow(row, text);
+    running->chassis.noteLine(row, text);
   } else {
-    lcd.print(row, column, mask, text.data());
+    lcd.print(row, column, mask, text);
   }
 }
 
@@ -261,13 +261,12 @@ void Dog() {
 }
 
 void DebugPrint(const char* format, ...) {
-  std::array<char, 512> text{};
   std::va_list args;
   va_start(args, format);
-  std::vsnprintf(text.data(), text.size(), format, args);
+  const std::string text = headend::formatted(format, args);
   va_end(args);
-  running->log.line(kernel().now(), kernel().runningName(), text.data());
-  running->shell.printed(kernel().current(), text.data());
+  running->log.line(kernel().now(), kernel().runningName(), text);
+  running->shell.printed(kernel().current(), text);
 }
 
 void mib_register(const u32* oid_base, int oid_base_len, const variable4* rows, int count, int rowSize) {

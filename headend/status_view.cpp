@@ -108,7 +108,7 @@ void StatusView::announceChanges() {
   }
 }
 
-// Once it has lasted for a second: a setting goes through a reset, and a start-up through everything. Text is
+// Announces an output once it has been the same for a second, because a setting includes a reset. The text is
 // made only then.
 void StatusView::announceOutput(protocol::Channel channel) {
   const Nanos now = headend_.kernel.now();

@@ -17,13 +17,13 @@ constexpr std::size_t kKnownClients = 64;
 }  // namespace
 
 BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log,
-                 std::function<bool(int slot)> runs)
+                 std::function<protocol::CardState(int slot)> state)
     : kernel_(kernel),
       chassis_(chassis),
       monitor_(monitor),
       log_(log),
       socket_(network, protocol::kDefaultManagementPort),
-      runs_(std::move(runs)) {
+      state_(std::move(state)) {
   using protocol::Operation;
   provide(Operation::kRead, Target::kChassis, std::bind_front(&BackEnd::callCard, this));
   provide(Operation::kWrite, Target::kChassis, std::bind_front(&BackEnd::write, this));
@@ -96,11 +96,16 @@ u32 BackEnd::refuseTarget(const protocol::Request& request, Target target) const
   if (target == Target::kChassis) return protocol::kDone;
   if (request.slot >= MAX_BOARD_NUM) return protocol::kBadSlotOrPort;
   if (target == Target::kChannel && request.port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
-  const Chassis::Slot& slot = chassis_.slot(request.slot);
-  if (!slot.occupied) return protocol::kNoCard;
+  if (!chassis_.slot(request.slot).occupied) return protocol::kNoCard;
   if (target != Target::kRunningCard) return protocol::kDone;
-  if (!slot.initReturned && !slot.registrationFailed) return protocol::kNotStarted;
-  return runs_(request.slot) ? protocol::kDone : protocol::kNotRunning;
+  switch (state_(request.slot)) {
+    case protocol::CardState::kRunning:
+      return protocol::kDone;
+    case protocol::CardState::kStarting:
+      return protocol::kNotStarted;
+    default:
+      return protocol::kNotRunning;
+  }
 }
 
 // ---- The variables of a card's channels ----

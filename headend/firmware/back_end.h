@@ -18,6 +18,7 @@
 #include "headend/firmware/chassis.h"
 #include "headend/kernel/network.h"
 #include "platform/backend.h"
+#include "protocol/card_state.h"
 #include "protocol/datagram.h"
 
 namespace headend {
@@ -41,9 +42,9 @@ class BackEnd {
   // length; its slot and port are valid for the target.
   using Handler = std::function<u32(const protocol::Request& request, base::Bytes& reply)>;
 
-  // `runs` gives whether the slot's card runs.
+  // `state` gives the state of the slot's card.
   BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log,
-          std::function<bool(int slot)> runs);
+          std::function<protocol::CardState(int slot)> state);
 
   UdpSocket& socket() { return socket_; }
   void start();  // spawns the task
@@ -97,7 +98,7 @@ class BackEnd {
   CarouselMonitor& monitor_;
   Log& log_;
   UdpSocket socket_;
-  std::function<bool(int slot)> runs_;
+  std::function<protocol::CardState(int slot)> state_;
   std::map<protocol::Operation, Provided> operations_;
   std::vector<Registration> registrations_;
   std::list<KnownClient> clients_;                           // most recent first

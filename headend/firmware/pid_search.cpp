@@ -13,7 +13,7 @@ namespace {
 u8 capturedPackets[MAX_BOARD_NUM][PidSearch::kCaptured]
                   [kTsPacketSize];  // NOLINT(*-avoid-non-const-global-variables)
 
-// What a packet says of the sections of one table.
+// The sections of one table in a packet.
 struct Content {
   bool startsAny = false;
   bool startsTable = false;
@@ -94,7 +94,7 @@ u32 PidSearch::searched(const protocol::Request& request, base::Bytes& reply) {
   return protocol::kDone;
 }
 
-// In whatever runs when the packet leaves: it only copies.
+// Runs in any context, when the packet leaves the output: it only copies.
 void PidSearch::look(std::size_t slot, mpeg::PacketView packet) {
   const qamSearchPSI_t& wanted = qamSearchPSI[slot];
   if (wanted.isSearch == 0 || mpeg::pidOf(packet) != wanted.pid) return;

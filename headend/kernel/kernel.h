@@ -134,7 +134,6 @@ class Kernel {
 
   // Runs `routine` in interrupt context, as the clocks' handlers do. `name` and `slot` are for messages.
   void interrupt(const char* name, int slot, void (*routine)(u8), u8 argument);
-  bool inInterrupt() const { return inInterrupt_; }
 
   // Time passes for the running task; interrupts and other tasks may run in between.
   void spend(Nanos cost) {

@@ -16,7 +16,8 @@
 #include <vector>
 
 #include "card/QamFpga.h"
-#include "headend/headend.h"
+#include "headend/flash_folder.h"
+#include "headend/run.h"
 #include "hw/Qam_set.h"
 #include "hw/ad9775.h"
 #include "hw/ad9775_ctrl.h"
@@ -67,28 +68,27 @@ class Technician {
   std::vector<Row> measure() {
     std::vector<Row> rows;
     std::string failure;
-    headend_.kernel().spawn("tBench", kPriority, [&] {
+    headend_.kernel.spawn("tBench", kPriority, [&] {
       try {
         rows = work();
       } catch (const std::runtime_error& error) {
         failure = error.what();
       }
-      headend_.kernel().stop();
+      headend_.kernel.stop();
     });
     const std::atomic<bool> interrupted = false;
-    const int exitCode = headend_.run(interrupted);
+    const int exitCode = headend::run(headend_, interrupted);
     if (!failure.empty()) throw std::runtime_error(failure);
     if (exitCode != headend::kExitDone || rows.empty()) throw std::runtime_error("the run came to no end");
-    if (!headend_.violations().counts().empty())
-      throw std::runtime_error("a device saw its protocol violated");
+    if (!headend_.violations.counts().empty()) throw std::runtime_error("a device saw its protocol violated");
     return rows;
   }
 
  private:
   std::vector<Row> work() {
-    while (!headend_.chassis().slot(0).initReturned) headend_.kernel().delay(1);
+    while (!headend_.chassis.slot(0).initReturned) headend_.kernel.delay(1);
     Ad9775Ctrl_Init(0);
-    client_.emplace(headend_.network(), kClientPort);
+    client_.emplace(headend_.network, kClientPort);
     std::vector<Row> rows;
     for (const int cycle_ms : kCycles_ms) {
       eeprom().writeCycle(cycle_ms * Nanos{1'000'000});
@@ -105,7 +105,7 @@ class Technician {
 
   // Starts on a tick, as after a pause of the service.
   double took(const std::function<void()>& call) {
-    headend_.kernel().delay(1);
+    headend_.kernel.delay(1);
     const Nanos begin = now();
     call();
     return milliseconds(now() - begin);
@@ -140,10 +140,10 @@ class Technician {
   // A write has no reply, so it is done when all its bytes are in the EEPROM.
   void serveWrite() {
     send(newCalibration());
-    const Nanos limit = now() + kPatience_ticks * headend::kSecond / headend_.kernel().settings().tickHz;
+    const Nanos limit = now() + kPatience_ticks * headend::kSecond / headend_.kernel.settings().tickHz;
     while (!isKept()) {
       if (now() > limit) throw std::runtime_error("a write did not reach the EEPROM");
-      headend_.kernel().sleepUntil(now() + 1'000'000);
+      headend_.kernel.sleepUntil(now() + 1'000'000);
     }
   }
 
@@ -160,7 +160,7 @@ class Technician {
 
   bool isKept() { return std::equal(written_.begin() + 2, written_.end(), eeprom().image(now()).begin()); }
 
-  Nanos now() { return headend_.kernel().now(); }
+  Nanos now() { return headend_.kernel.now(); }
   headend::Eeprom& eeprom() { return headend_.card(0).board().eeprom(); }
 
   headend::Headend headend_;

@@ -17,7 +17,8 @@
 #include <vector>
 
 #include "client/udp_link.h"
-#include "headend/headend.h"
+#include "headend/flash_folder.h"
+#include "headend/run.h"
 #include "protocol/panel.h"
 #include "tests/headend/scratch.h"
 
@@ -89,11 +90,11 @@ std::vector<Times> measure(Screen screen, Press press, Wait wait, Now now) {
 }
 
 std::vector<Times> inside(headend::Headend& headend) {
-  headend::Kernel& kernel = headend.kernel();
-  while (!headend.chassis().slot(0).initReturned) kernel.delay(1);
+  headend::Kernel& kernel = headend.kernel;
+  while (!headend.chassis.slot(0).initReturned) kernel.delay(1);
   kernel.delay(2 * kernel.settings().tickHz);  // the upload has also ended, and the first screen shows it
-  return measure([&] { return headend.panel().lcd().shown().pixels; },
-                 [&](PanelKey key) { headend.panel().keys().press(key); },
+  return measure([&] { return headend.panel.lcd().shown().pixels; },
+                 [&](PanelKey key) { headend.panel.keys().press(key); },
                  [&](Nanos time) { kernel.sleepUntil(kernel.now() + time); }, [&] { return kernel.now(); });
 }
 
@@ -117,7 +118,7 @@ void run(const char* capture) {
   const test::Scratch scratch;
   headend::Headend headend(oneCard(scratch.path, capture));
   std::promise<std::vector<Times>> done;
-  headend.kernel().spawn("tBench", kPriority, [&] {
+  headend.kernel.spawn("tBench", kPriority, [&] {
     try {
       done.set_value(inside(headend));
     } catch (...) {
@@ -126,7 +127,7 @@ void run(const char* capture) {
   });
   std::atomic<bool> interrupted = false;
   const std::string server = headend.managementAddress();
-  std::thread machine([&] { headend.run(interrupted); });
+  std::thread machine([&] { headend::run(headend, interrupted); });
   std::exception_ptr failure;
   try {
     const std::vector<Times> virtual_ms = done.get_future().get();

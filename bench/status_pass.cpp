@@ -7,7 +7,8 @@
 #include <exception>
 #include <stdexcept>
 
-#include "headend/headend.h"
+#include "headend/flash_folder.h"
+#include "headend/run.h"
 #include "tests/headend/scratch.h"
 #include "ui/qamStatus.h"
 
@@ -29,20 +30,20 @@ Cost measure(const std::filesystem::path& folder) {
   headend::Headend headend(options);
   Cost cost;
   // Above all other tasks, so that the time is only that of the check.
-  headend.kernel().spawn("tBench", 10, [&] {
-    while (!headend.chassis().slot(0).initReturned) headend.kernel().delay(1);
-    const headend::Nanos began = headend.kernel().now();
-    const std::uint64_t before = headend.bus().accesses(0);
+  headend.kernel.spawn("tBench", 10, [&] {
+    while (!headend.chassis.slot(0).initReturned) headend.kernel.delay(1);
+    const headend::Nanos began = headend.kernel.now();
+    const std::uint64_t before = headend.bus.accesses(0);
     qamStatusCheck(0);
-    cost = {headend.bus().accesses(0) - before + MAX_QAM_OUT_NUM,
-            headend.kernel().now() - began};  // + main board's
-    headend.kernel().stop();
+    cost = {headend.bus.accesses(0) - before + MAX_QAM_OUT_NUM,
+            headend.kernel.now() - began};  // + main board's
+    headend.kernel.stop();
   });
   const std::atomic<bool> interrupted = false;
-  if (headend.run(interrupted) != headend::kExitDone || cost.time == 0)
+  if (headend::run(headend, interrupted) != headend::kExitDone || cost.time == 0)
     throw std::runtime_error("no pass was made");
-  if (headend.alarms().events() != 0) throw std::runtime_error("the pass raised an alarm");
-  const headend::Nanos tick = headend::kSecond / headend.kernel().settings().tickHz;
+  if (headend.alarms.events() != 0) throw std::runtime_error("the pass raised an alarm");
+  const headend::Nanos tick = headend::kSecond / headend.kernel.settings().tickHz;
   if (cost.time > tick) throw std::runtime_error(fmt::format("the pass took {} ns", cost.time));
   return cost;
 }

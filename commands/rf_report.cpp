@@ -30,6 +30,18 @@ Json rfOfCard(const Json& card) {
   return readouts;
 }
 
+std::string rfLine(const Json& readout) {
+  const std::string frequency = measured(readout, "frequency_khz", 1000, 3);
+  const std::string constellation = oneLine(member(readout, "constellation"));
+  const std::string clock = measured(readout, "clock_kbd", 1, 3);
+  const std::string why = oneLine(member(readout, "why"));
+  return fmt::format(
+      "{}  {} dBuV  {}  {} kBd (clock {})  {}{}{}", frequency == "-" ? "no carrier" : frequency + " MHz",
+      measured(readout, "level_dbuv", 1, 1), constellation.empty() ? "no constellation" : constellation,
+      measured(readout, "symbol_rate_kbd", 1, 0), clock == "-" ? "none" : clock,
+      oneLine(member(readout, "verdict")), why.empty() ? "" : ": ", why);
+}
+
 std::vector<std::string> rfLines(const Json& readouts) {
   constexpr auto kRow = "{:<4} {:<8} {:>9} {:>6} {:>8} {:>5} {:>10} {:>9}";
   std::vector<std::string> lines = {

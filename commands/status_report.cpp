@@ -27,31 +27,18 @@ std::string channelText(const std::string& name, const Json& channel) {
                                  whole(channel, "bit_rate"), whole(packets, "total"), whole(packets, "psi"),
                                  whole(packets, "routed"), whole(packets, "null"));
   text += fmt::format("         tables (posted/interval):{}\n", tablesOf(channel));
-  const auto locked = number(channel, "locked_seconds");
-  if (locked && *locked > kLongLock_s) {
-    text += fmt::format(
-        "         LOCKED for {:.0f} s and silent: its upload broke off. 'qamctl psi load {} FILE --force' "
-        "loads it anew, 'qamctl psi clear {} --force' leaves it empty\n",
-        *locked, name, name);
-  } else if (locked) {
-    text += fmt::format("         locked for {:.0f} s: an upload is under way\n", *locked);
-  }
+  for (const std::string& note : channelNotes(name, channel)) text += fmt::format("         {}\n", note);
   return text;
 }
 
 std::string cardText(const Json& card) {
-  const std::string slot = whole(card, "slot");
-  std::string text = fmt::format("slot {}: {}", slot, oneLine(member(card, "state")));
-  if (const auto ms = number(card, "startup_ms")) text += fmt::format(", started in {:.0f} ms", *ms);
-  if (const std::string lcd = oneLine(member(card, "lcd")); !lcd.empty())
-    text += fmt::format(", LCD: {}", lcd);
-  text += '\n';
+  std::string text = cardLine(card) + '\n';
   const Json channels = member(card, "channels");
   if (!channels.is_array() || channels.empty()) return text;
   text += fmt::format("    {:<4} {:>12} {:>12} {:>12} {:>12} {:>12}\n", "", "bit/s", "packets", "PSI",
                       "routed", "null");
   for (std::size_t i = 0; i < channels.size(); ++i) {
-    text += channelText(fmt::format("{}.{}", slot, i + 1), channels[i]);
+    text += channelText(fmt::format("{}.{}", whole(card, "slot"), i + 1), channels[i]);
   }
   return text;
 }
@@ -69,6 +56,38 @@ std::string faultsText(const Json& status, const char* key, const char* title) {
 }
 
 }  // namespace
+
+std::string cardLine(const Json& card) {
+  std::string text = fmt::format("slot {}: {}", whole(card, "slot"), oneLine(member(card, "state")));
+  if (const auto ms = number(card, "startup_ms")) text += fmt::format(", started in {:.0f} ms", *ms);
+  if (const std::string lcd = oneLine(member(card, "lcd")); !lcd.empty())
+    text += fmt::format(", LCD: {}", lcd);
+  return text;
+}
+
+std::vector<std::string> channelNotes(const std::string& name, const Json& channel) {
+  std::vector<std::string> notes;
+  const auto locked = number(channel, "locked_seconds");
+  if (locked && *locked > kLongLock_s) {
+    notes.push_back(
+        fmt::format("LOCKED for {:.0f} s and silent: its upload broke off. 'qamctl psi load {} FILE --force' "
+                    "loads it anew, 'qamctl psi clear {} --force' leaves it empty",
+                    *locked, name, name));
+  } else if (locked) {
+    notes.push_back(fmt::format("locked for {:.0f} s: an upload is under way", *locked));
+  }
+  const Json map = member(channel, "map");
+  const auto mapLocked = number(map, "locked_seconds");
+  if (mapLocked && *mapLocked > kLongLock_s)
+    notes.push_back(fmt::format("PID map LOCKED for {:.0f} s: its load broke off", *mapLocked));
+  if (member(map, "input_lost") == true) notes.emplace_back("input lost");
+  return notes;
+}
+
+std::string faultsText(const Json& status) {
+  return faultsText(status, "assertion_failures", "failed checks") +
+         faultsText(status, "protocol_violations", "protocol violations");
+}
 
 std::optional<Json> statusOf(client::Link& link) {
   const protocol::Reply reply = link.call(protocol::makeRequest(protocol::Operation::kStatus, 0, 0, 0, {}));
@@ -107,8 +126,7 @@ std::string statusText(const Json& status) {
   for (const Json& card : member(status, "cards")) {
     if (card.is_object()) text += cardText(card);
   }
-  text += faultsText(status, "assertion_failures", "failed checks");
-  text += faultsText(status, "protocol_violations", "protocol violations");
+  text += faultsText(status);
   return text.empty() ? "the chassis tells nothing\n" : text;
 }
 

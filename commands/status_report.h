@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "client/channel_change.h"
 #include "client/link.h"
@@ -18,6 +19,13 @@ std::string statusText(const Json& status);
 
 // The number of inputs of each source card; nullopt if the status does not have it.
 std::optional<client::InputCounts> inputsOf(const Json& status);
+
+// Parts of that text, for the headend's own view. A card's state in one line.
+std::string cardLine(const Json& card);
+// What an operator must know about a channel, as "1.2", at once: a lock, a lost input.
+std::vector<std::string> channelNotes(const std::string& name, const Json& channel);
+// Failed checks and protocol violations, in lines; empty if there are none.
+std::string faultsText(const Json& status);
 
 // The tick rate of the carousel from the status; nullopt if it is missing.
 std::optional<double> auxHzOf(const Json& status);

@@ -2,48 +2,49 @@
 
 #include <fmt/format.h>
 
-#include <fstream>
 #include <stdexcept>
 #include <system_error>
 
-#include "base/files.h"
-
 namespace headend {
+namespace {
 
-std::filesystem::path EepromFiles::file(int slot) const {
-  return folder_ / fmt::format("card{}.bin", slot + 1);
+std::string pathOf(int slot) {
+  return fmt::format("/tffs0/eeprom/card{}.bin", slot + 1);
 }
+
+}  // namespace
 
 void EepromFiles::load(int slot, Eeprom& eeprom) {
   Eeprom::Image image;
   image.fill(0xFF);
-  std::error_code error;
-  // A file that cannot be checked must not be treated as blank.
-  if (std::filesystem::symlink_status(file(slot), error).type() != std::filesystem::file_type::not_found) {
-    std::ifstream stream(file(slot), std::ios::binary);
-    stream.read(reinterpret_cast<char*>(image.data()), static_cast<std::streamsize>(image.size()));
-    if (!stream || stream.peek() != std::ifstream::traits_type::eof()) {
-      throw std::runtime_error(
-          fmt::format("{} is no calibration EEPROM: want a file of {} bytes that can be read",
-                      file(slot).string(), image.size()));
-    }
+  std::optional<std::string> bytes;
+  try {
+    bytes = flash_.read(pathOf(slot), image.size());
+  } catch (const std::system_error&) {
+    bytes.emplace();  // reported by its size
   }
+  if (bytes && bytes->size() != image.size()) {
+    throw std::runtime_error(
+        fmt::format("{} is no calibration EEPROM: want a file of {} bytes that can be read",
+                    flash_.hostPath(pathOf(slot))->string(), image.size()));
+  }
+  if (bytes) std::copy(bytes->begin(), bytes->end(), image.begin());
   eeprom.load(image);
-  saved_[slot] = image;
+  parts_[slot] = {&eeprom, image};
 }
 
-std::string EepromFiles::save(int slot, Eeprom& eeprom, Nanos now) {
-  const Eeprom::Image& image = eeprom.image(now);
-  if (saved_[slot] == image) return {};
-  std::error_code ignored;
-  std::filesystem::create_directories(folder_, ignored);  // an error is reported by the open
-  try {
-    base::replaceFile(file(slot), file(slot).string() + ".new", image, base::Flush::kLater);
-  } catch (const std::system_error& e) {
-    return fmt::format("cannot save {}: {}", file(slot).string(), e.what());
+void EepromFiles::save(Nanos now) {
+  for (auto& [slot, part] : parts_) {
+    const Eeprom::Image& image = part.eeprom->image(now);
+    if (part.saved == image) continue;
+    const std::string failure = flash_.replace(pathOf(slot), image);
+    if (failure.empty()) {
+      part.saved = image;
+    } else if (kept_) {
+      say_(failure);
+      kept_ = false;
+    }
   }
-  saved_[slot] = image;
-  return {};
 }
 
 }  // namespace headend

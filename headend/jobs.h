@@ -23,6 +23,7 @@ struct Job {
 
   const commands::Target& target() const { return call->command->target; }
   int slot() const;  // of the card that it works on, from 0; -1: none
+  bool usesCalibration() const { return call->entry->needs == commands::Needs::kCalibration; }
   // Reads its files and checks it. Throws commands::WrongCall, std::runtime_error for a file of a short form.
   void prepare(const client::InputCounts& inputs);
 };

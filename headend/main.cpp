@@ -8,9 +8,10 @@
 #include <system_error>
 
 #include "base/files.h"
-#include "headend/headend.h"
+#include "headend/flash_folder.h"
 #include "headend/panel_process.h"
 #include "headend/report.h"
+#include "headend/run.h"
 #include "headend/status_view.h"
 
 namespace {
@@ -40,8 +41,9 @@ int run(const headend::Options& options) {
   if (options.panel) panel.emplace();
   headend::Headend machine(options);
   if (panel) panel->show(machine.managementAddress());
+  headend::provideStatus(machine);
   headend::StatusView view(machine);
-  machine.onTick([&view] { view.update(); });
+  machine.onTick = [&view] { view.update(); };
   if (options.manage) {
     fmt::print("management on {}\n", machine.managementAddress());
     std::fflush(stdout);
@@ -50,12 +52,12 @@ int run(const headend::Options& options) {
     fmt::print("calibration on {}\n", machine.calibrationAddress());
     std::fflush(stdout);
   }
-  if (const headend::SnmpAgent* snmp = machine.snmp()) {
+  if (const headend::SnmpAgent* snmp = machine.snmp.get()) {
     fmt::print("SNMP {}, engine ID {}\n", snmp->address().empty() ? "sends only" : "on " + snmp->address(),
                headend::engineIdText(snmp->engine()));
     std::fflush(stdout);
   }
-  int code = machine.run(interrupted);
+  int code = headend::run(machine, interrupted);
   if (panel && !panel->close() && code == headend::kExitDone) code = headend::kExitFailed;
   if (!options.report.empty()) writeReport(options.report, headend::reportText(machine));
   return code;

@@ -7,33 +7,78 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "commands/json_fields.h"
+#include "commands/programme_report.h"
+#include "commands/rf_report.h"
+#include "commands/status_report.h"
+#include "headend/report.h"
+
 namespace headend {
 namespace {
+
+using commands::Json;
+using commands::member;
+using commands::oneLine;
+using commands::whole;
 
 bool movesItsCursor() {
   const char* kind = std::getenv("TERM");
   return kind != nullptr && std::string_view(kind) != "dumb";
 }
 
-// "554.000 MHz  100.0 dBuV  64-QAM  6875 kBd (clock 6875.000)  on air"
-std::string rfLine(const RfOutput& output) {
-  const std::string frequency =
-      output.frequency_kHz ? fmt::format("{:.3f} MHz", *output.frequency_kHz / 1e3) : "no carrier";
-  const std::string clock = output.clock_kBd ? fmt::format("{:.3f}", *output.clock_kBd) : "none";
-  return fmt::format("{}  {:.1f} dBuV  {}  {} kBd (clock {})  {}{}{}", frequency, output.level_dBuV,
-                     constellationName(output).value_or("no constellation"), output.symbolRate_kBd, clock,
-                     verdictName(output.verdict), output.why.empty() ? "" : ": ", output.why);
+// As `qamctl status`, `rates` and `rf` show them.
+std::string cardsText(const Json& report) {
+  std::string cards;
+  std::string notes;
+  Json readouts = Json::array();
+  for (const Json& card : report["cards"]) {
+    cards += commands::cardLine(card) + '\n';
+    for (std::size_t i = 0; i < card["channels"].size(); ++i) {
+      const std::string name = fmt::format("{}.{}", whole(card, "slot"), i + 1);
+      for (const std::string& note : commands::channelNotes(name, card["channels"][i]))
+        notes += fmt::format("{}: {}\n", name, note);
+    }
+    for (Json& readout : commands::rfOfCard(card)) readouts.push_back(std::move(readout));
+  }
+  std::string text = cards + commands::ratesText(commands::ratesReport(report));
+  for (const std::string& line : commands::rfLines(readouts)) text += line + '\n';
+  return text + notes;
+}
+
+std::string sourcesText(const Json& report) {
+  std::string text;
+  for (const Json& card : report["sources"]) {
+    for (const Json& input : card["inputs"]) {
+      text += fmt::format("input {}.{}: {} bit/s  {}\n", whole(card, "slot"), whole(input, "input"),
+                          whole(input, "bit_rate"), oneLine(input["name"]));
+    }
+  }
+  return text;
+}
+
+// "alarms: Card1 Ch.1 Error; Card1 Ch.2 Error", as many as a line has room for.
+std::string alarmLine(const Json& report) {
+  constexpr std::size_t kShown = 3;
+  const Json& standing = report["alarms"]["standing"];
+  if (standing.empty()) return {};
+  std::string text = "alarms: ";
+  for (std::size_t i = 0; i < standing.size() && i < kShown; ++i) {
+    const Json& words = standing[i]["en"];
+    text += fmt::format("{}{} {}", i == 0 ? "" : "; ", oneLine(words["title"]), oneLine(words["text"]));
+  }
+  if (standing.size() > kShown) text += fmt::format("; and {} more", standing.size() - kShown);
+  return text + '\n';
 }
 
 }  // namespace
 
 StatusView::StatusView(Headend& headend)
     : headend_(headend),
-      terminal_(::isatty(headend.options().fast ? STDERR_FILENO : STDOUT_FILENO) == 1 && movesItsCursor()),
+      terminal_(::isatty(headend.options.fast ? STDERR_FILENO : STDOUT_FILENO) == 1 && movesItsCursor()),
       next_(Clock::now()) {}
 
 void StatusView::update() {
-  if (!headend_.options().fast) {
+  if (!headend_.options.fast) {
     if (!terminal_) return announceChanges();
     if (Clock::now() < next_) return;
     next_ = Clock::now() + std::chrono::seconds(1);
@@ -45,33 +90,38 @@ void StatusView::update() {
 }
 
 void StatusView::showProgress() {
-  fmt::print(stderr, "\r{} of {} virtual seconds ", headend_.kernel().now() / kSecond,
-             *headend_.options().duration / kSecond);
+  fmt::print(stderr, "\r{} of {} virtual seconds ", headend_.kernel.now() / kSecond,
+             *headend_.options.duration / kSecond);
   std::fflush(stderr);
 }
 
 void StatusView::announceChanges() {
-  for (const int slot : headend_.options().slots) {
-    const Headend::CardState state = headend_.state(slot);
+  for (const int slot : headend_.options.slots) {
+    const protocol::CardState state = headend_.state(slot);
     for (u32 port = 0; port < MAX_QAM_OUT_NUM; ++port) announceOutput({static_cast<u16>(slot), port});
     const auto [entry, isNew] = announced_.emplace(slot, state);
     if (!isNew && entry->second == state) continue;
     entry->second = state;
-    fmt::print("{:.3f} s: card {} {}\n", static_cast<double>(headend_.kernel().now()) / 1e9, slot + 1,
+    fmt::print("{:.3f} s: card {} {}\n", static_cast<double>(headend_.kernel.now()) / 1e9, slot + 1,
                protocol::nameOf(state).name);
     std::fflush(stdout);
   }
 }
 
-// Once it has lasted for a second: a setting goes through a reset, and a start-up through everything.
+// Announces an output once it has been the same for a second, because a setting includes a reset. The text is
+// made only then.
 void StatusView::announceOutput(protocol::Channel channel) {
-  const Nanos now = headend_.kernel().now();
+  const Nanos now = headend_.kernel.now();
   Shown& shown = outputs_[channel];
-  const std::string line = rfLine(headend_.card(channel.slot).rf(channel.port, now));
-  if (line != shown.now) {
-    shown.now = line;
+  const RfOutput output = headend_.card(channel.slot).rf(channel.port, now);
+  if (output != shown.now) {
+    shown.now = output;
     shown.since = now;
-  } else if (line != shown.announced && now - shown.since >= kSecond) {
+    shown.isNew = true;
+  } else if (shown.isNew && now - shown.since >= kSecond) {
+    shown.isNew = false;
+    const std::string line = commands::rfLine(rfReport(output));
+    if (line == shown.announced) return;
     shown.announced = line;
     fmt::print("{:.3f} s: {}  {}\n", static_cast<double>(shown.since) / 1e9, protocol::channelName(channel),
                line);
@@ -79,80 +129,22 @@ void StatusView::announceOutput(protocol::Channel channel) {
   }
 }
 
-// Of a channel that has been locked for long, which a client that went away does.
-std::string StatusView::lockNote(int slot, int port) const {
-  std::string text;
-  const auto note = [&](BackEnd::Lock lock, const char* what) {
-    const auto since = headend_.backEnd().lockedSince(lock, slot, port);
-    const Nanos locked = since ? headend_.kernel().now() - *since : 0;
-    if (locked > 10 * kSecond) text += fmt::format("  {} locked for {} s", what, locked / kSecond);
-  };
-  note(BackEnd::Lock::kPsi, "silent, PSI");
-  note(BackEnd::Lock::kPidMap, "PID map");
-  return text;
-}
-
-// "alarms: Card1 Ch.1 Error; Card1 Ch.2 Error", as many as a line has room for.
-std::string StatusView::alarmLine() const {
-  constexpr std::size_t kShown = 3;
-  const std::vector<AlarmRecord>& standing = headend_.alarms().standing();
-  if (standing.empty()) return {};
-  std::string text = "alarms: ";
-  for (std::size_t i = 0; i < standing.size() && i < kShown; ++i) {
-    const chassis::alarm_t& alarm = standing[i].alarm;
-    text += fmt::format("{}{} {}", i == 0 ? "" : "; ", alarm.StrEnTitle, alarm.StrEnCont);
-  }
-  if (standing.size() > kShown) text += fmt::format("; and {} more", standing.size() - kShown);
-  return text + '\n';
-}
-
-std::string StatusView::table() {
-  std::string text =
-      fmt::format("virtual time {:.1f} s, management {}\n",
-                  static_cast<double>(headend_.kernel().now()) / 1e9, headend_.managementAddress());
-  for (const int slot : headend_.options().slots) {
-    text += fmt::format("card {}: {}\n", slot + 1, protocol::nameOf(headend_.state(slot)).name);
-    for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-      const Multiplexer& output = headend_.card(slot).output(static_cast<std::size_t>(port));
-      const RateMeter::Rates& rates = headend_.rates().output(slot, port);
-      text += fmt::format(
-          "  {}.{}  input {:>10.0f}  routed {:>10.0f}  PSI {:>8.0f}  null {:>10.0f}  total {:>10.0f} bit/s",
-          slot + 1, port + 1, rates.input, rates.routed, rates.psi, rates.null, output.rate().perSecond());
-      if (output.counts().dropped > 0) text += fmt::format("  dropped {}", output.counts().dropped);
-      if (headend_.router().inputLost(slot, port, headend_.kernel().now())) text += "  input lost";
-      text += lockNote(slot, port);
-      text += '\n';
-      text += fmt::format("       {}\n", rfLine(headend_.card(slot).rf(static_cast<std::size_t>(port),
-                                                                       headend_.kernel().now())));
-    }
-  }
-  for (const int slot : headend_.sources().slots()) {
-    text += fmt::format("source card {}:\n", slot + 1);
-    for (std::size_t input = 0; input < headend_.sources().inputs(slot); ++input) {
-      text += fmt::format("  {}.{}  {:10.0f} bit/s  {}\n", slot + 1, input + 1,
-                          headend_.rates().input(slot, static_cast<int>(input)),
-                          headend_.sources().nameOf(slot, input));
-    }
-  }
-  text += alarmLine();
-  if (!headend_.assertionFailures().empty()) {
-    text += fmt::format("failed checks: {}\n", headend_.assertionFailures().size());
-  }
-  for (const auto& [kind, count] : headend_.violations().counts())
-    text += fmt::format("violation {}: {}\n", kind, count);
-  return text + "Ctrl-C ends it.\n";
-}
-
 void StatusView::draw() {
-  for (const int slot : headend_.options().slots) headend_.card(slot).advanceOutputs(headend_.kernel().now());
-  const std::string text = table();
-  // Debug lines on the same terminal have moved the old table up: draw a new table below.
-  const bool undisturbed = !headend_.log().onStderr() || headend_.log().lines() == logLinesThen_;
+  const Json status = report(headend_);
+  const std::string text =
+      fmt::format("virtual time {:.1f} s, management {}\n", static_cast<double>(headend_.kernel.now()) / 1e9,
+                  headend_.managementAddress()) +
+      cardsText(status) + sourcesText(status) + alarmLine(status) + commands::faultsText(status) +
+      "Ctrl-C ends it.\n";
+  // Other lines on the same terminal have moved the old text up: draw a new one below.
+  const std::uint64_t lines =
+      headend_.automaticOperator.linesPrinted() + (headend_.log.onStderr() ? headend_.log.lines() : 0);
+  const bool undisturbed = lines == linesThen_;
   if (linesDrawn_ > 0 && undisturbed) fmt::print("\033[{}A\033[J", linesDrawn_);
   fmt::print("{}", text);
   std::fflush(stdout);
   linesDrawn_ = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-  logLinesThen_ = headend_.log().lines();
+  linesThen_ = lines;
 }
 
 }  // namespace headend

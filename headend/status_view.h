@@ -1,4 +1,4 @@
-// The plain status view: on a terminal, a table of the cards, redrawn once a second; if output is not a
+// The plain status view: on a terminal, the report as text, drawn anew once a second; if output is not a
 // terminal, a line when a card's state or output changes. With --fast, the progress of the run.
 #pragma once
 
@@ -12,7 +12,7 @@ namespace headend {
 class StatusView {
  public:
   explicit StatusView(Headend& headend);
-  void update();  // cheap; call it often
+  void update();  // cheap; call it at each tick
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -20,21 +20,19 @@ class StatusView {
   void announceChanges();
   void announceOutput(protocol::Channel channel);
   void showProgress();
-  std::string table();
-  std::string alarmLine() const;
-  std::string lockNote(int slot, int port) const;
 
   Headend& headend_;
   bool terminal_;
   Clock::time_point next_;
   unsigned calls_ = 0;
   std::size_t linesDrawn_ = 0;
-  std::uint64_t logLinesThen_ = 0;
-  std::map<int, Headend::CardState> announced_;
+  std::uint64_t linesThen_ = 0;
+  std::map<int, protocol::CardState> announced_;
   struct Shown {
-    std::string announced;
-    std::string now;
+    std::optional<RfOutput> now;
     Nanos since = 0;
+    bool isNew = false;  // since it was announced last
+    std::string announced;
   };
   std::map<protocol::Channel, Shown> outputs_;
 };

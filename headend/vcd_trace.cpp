@@ -87,7 +87,7 @@ void VcdTrace::note(int slot, u32 offset, u16 value, Nanos now) {
   std::fwrite(text.data(), 1, static_cast<std::size_t>(end - text.data()), file_);
 }
 
-// A change that is told late stands at the time that the file has come to: it cannot go back.
+// A change that is reported late gets the time that the file has reached, because times must not decrease.
 void VcdTrace::writeTime(Nanos now) {
   if (now <= written_) return;
   written_ = now;

@@ -35,6 +35,10 @@ inline bool startsUnit(std::span<const u8> packet) {
 inline u16 pidOf(std::span<const u8> packet) {
   return static_cast<u16>((packet[1] & 0x1F) << 8 | packet[2]);
 }
+inline void setPid(std::span<u8> packet, u16 pid) {
+  packet[1] = static_cast<u8>((packet[1] & 0xE0) | pid >> 8);
+  packet[2] = static_cast<u8>(pid);
+}
 inline bool isScrambled(std::span<const u8> packet) {
   return (packet[3] & 0xC0) != 0;
 }

@@ -18,35 +18,15 @@ constexpr const char* kPath = "/tffs0/alarms/history.dat";
 constexpr std::size_t kLongest = 64U << 20;  // many times the size of the stored entries
 constexpr std::string_view kMagic = "QAMALRM1";
 
-// As it stands in memory, like the cards' records.
-struct Entry {
-  u32 check;  // CRC-32 of the following fields
-  u32 at;
-  std::uint64_t number;
-  std::uint64_t ends;
-  u8 kind;
-  u8 reserved[7];
-  chassis::alarm_t alarm;
-};
-static_assert(sizeof(Entry) == 32 + sizeof(chassis::alarm_t));
-static_assert(offsetof(Entry, number) == 8 && offsetof(Entry, kind) == 24 && offsetof(Entry, alarm) == 32);
-
-u32 checkOf(const Entry& entry) {
-  const auto* bytes = reinterpret_cast<const u8*>(&entry);
-  return mpeg::crc32({bytes + sizeof entry.check, sizeof entry - sizeof entry.check});
+u32 checkOf(const AlarmRecord& event) {
+  const auto* bytes = reinterpret_cast<const u8*>(&event);
+  return mpeg::crc32({bytes + sizeof event.check, sizeof event - sizeof event.check});
 }
 
-void put(base::Bytes& bytes, const AlarmRecord& event) {
-  Entry entry{.check = 0,
-              .at = event.at,
-              .number = event.number,
-              .ends = event.ends,
-              .kind = static_cast<u8>(event.kind),
-              .reserved = {},
-              .alarm = event.alarm};
-  entry.check = checkOf(entry);
-  const auto* from = reinterpret_cast<const u8*>(&entry);
-  bytes.insert(bytes.end(), from, from + sizeof entry);
+void put(base::Bytes& bytes, AlarmRecord event) {
+  event.check = checkOf(event);
+  const auto* from = reinterpret_cast<const u8*>(&event);
+  bytes.insert(bytes.end(), from, from + sizeof event);
 }
 
 struct Reading {
@@ -58,21 +38,16 @@ struct Reading {
 
 Reading read(std::string_view bytes) {
   Reading reading;
-  std::uint64_t last = 0;
-  for (; bytes.size() >= sizeof(Entry); bytes.remove_prefix(sizeof(Entry))) {
-    Entry entry;
-    std::memcpy(&entry, bytes.data(), sizeof entry);
+  for (; bytes.size() >= sizeof(AlarmRecord); bytes.remove_prefix(sizeof(AlarmRecord))) {
+    AlarmRecord event;
+    std::memcpy(&event, bytes.data(), sizeof event);
     ++reading.entries;
-    if (entry.check != checkOf(entry) || entry.number <= last) {
+    const std::uint64_t last = reading.events.empty() ? 0 : reading.events.back().number;
+    if (event.check == checkOf(event) && event.number > last) {
+      reading.events.push_back(event);
+    } else {
       ++reading.damaged;
-      continue;
     }
-    last = entry.number;
-    reading.events.push_back({.number = entry.number,
-                              .ends = entry.ends,
-                              .at = entry.at,
-                              .kind = static_cast<protocol::AlarmEvent::Kind>(entry.kind),
-                              .alarm = entry.alarm});
   }
   reading.cut = !bytes.empty();
   return reading;
@@ -82,24 +57,21 @@ Reading read(std::string_view bytes) {
 
 std::deque<AlarmRecord> AlarmFile::load() {
   const fs::path file = flash_.hostPath(kPath).value();
-  std::error_code ignored;
-  if (!fs::exists(file, ignored)) return {};
-  std::string bytes;
+  std::optional<std::string> bytes;
+  std::string wrong;
   try {
-    if (!fs::is_regular_file(file, ignored))  // a pipe would block the open
-      throw std::system_error(std::make_error_code(std::errc::invalid_argument));
-    bytes = base::readFile(file, kLongest);
+    bytes = flash_.read(kPath, kLongest);
+    if (!bytes) return {};
+    if (!bytes->starts_with(kMagic)) wrong = fmt::format("{} is no alarms' history", file.string());
   } catch (const std::system_error&) {
-    say_(fmt::format("the alarms' history {} cannot be read; it begins anew", file.string()));
+    wrong = fmt::format("the alarms' history {} cannot be read; it begins anew", file.string());
+  }
+  if (!wrong.empty()) {
+    say_(wrong);
     locked_ = !putAside(file);
     return {};
   }
-  if (!bytes.starts_with(kMagic)) {
-    say_(fmt::format("{} is no alarms' history", file.string()));
-    locked_ = !putAside(file);
-    return {};
-  }
-  Reading reading = read(std::string_view(bytes).substr(kMagic.size()));
+  Reading reading = read(std::string_view(*bytes).substr(kMagic.size()));
   entries_ = reading.entries;
   hasFile_ = reading.damaged == 0 && !reading.cut;
   if (reading.damaged > 0) {
@@ -140,7 +112,7 @@ bool AlarmFile::append(const AlarmRecord& event) {
 void AlarmFile::rewrite(const std::vector<AlarmRecord>& standing, const std::deque<AlarmRecord>& events) {
   if (locked_) return;
   base::Bytes bytes;
-  bytes.reserve(kMagic.size() + (standing.size() + events.size()) * sizeof(Entry));
+  bytes.reserve(kMagic.size() + (standing.size() + events.size()) * sizeof(AlarmRecord));
   bytes.assign(kMagic.begin(), kMagic.end());
   for (const AlarmRecord& event : standing) put(bytes, event);
   for (const AlarmRecord& event : events) put(bytes, event);

@@ -3,6 +3,8 @@
 // file is rewritten completely from time to time. Each entry has a checksum.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <deque>
 #include <functional>
 #include <string>
@@ -14,13 +16,18 @@
 
 namespace headend {
 
+// An entry of the file has this layout.
 struct AlarmRecord {
+  u32 check = 0;             // CRC-32 of the following fields, in the file
+  u32 at = 0;                // seconds since 1970-01-01 UTC
   std::uint64_t number = 0;  // from 1, increases by one
   std::uint64_t ends = 0;    // the number of the event that raised the alarm that this event ends
-  u32 at = 0;                // seconds since 1970-01-01 UTC
   protocol::AlarmEvent::Kind kind{};
+  std::array<u8, 7> reserved{};
   chassis::alarm_t alarm{};
 };
+static_assert(sizeof(AlarmRecord) == 32 + sizeof(chassis::alarm_t));
+static_assert(offsetof(AlarmRecord, number) == 8 && offsetof(AlarmRecord, alarm) == 32);
 
 class AlarmFile {
  public:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <set>
@@ -33,13 +34,22 @@ bool fits(const alarm_t& alarm, const AlarmList::Key& key) {
   return alarm.Slot == key.slot && alarm.Port == key.port && alarm.Type == key.type;
 }
 
+// The six texts are the end of the record; each is zero after its text.
 bool hasTextsOf(const alarm_t& a, const alarm_t& b) {
-  return std::strcmp(a.StrZhTitle, b.StrZhTitle) == 0 && std::strcmp(a.StrZhCont, b.StrZhCont) == 0 &&
-         std::strcmp(a.StrEnTitle, b.StrEnTitle) == 0 && std::strcmp(a.StrEnCont, b.StrEnCont) == 0 &&
-         std::strcmp(a.StrZhTrap, b.StrZhTrap) == 0 && std::strcmp(a.StrEnTrap, b.StrEnTrap) == 0;
+  constexpr std::size_t kTexts = offsetof(alarm_t, StrZhTitle);
+  return std::memcmp(reinterpret_cast<const char*>(&a) + kTexts, reinterpret_cast<const char*>(&b) + kTexts,
+                     sizeof a - kTexts) == 0;
 }
 
-// What stands between blanks, in small letters.
+AlarmRecord recordOf(const AlarmList::Key& key) {
+  AlarmRecord event;
+  event.alarm.Type = key.type;
+  event.alarm.Slot = key.slot;
+  event.alarm.Port = key.port;
+  return event;
+}
+
+// The words of a text between blanks, in small letters.
 std::set<std::string> wordsOf(std::string text) {
   std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
   std::istringstream stream(text);
@@ -52,7 +62,7 @@ std::ptrdiff_t sharedWords(const alarm_t& alarm, const std::set<std::string>& wo
   return std::ranges::count_if(own, [&](const std::string& word) { return words.contains(word); });
 }
 
-// What an event makes of the alarms that stand.
+// Updates the active alarms by an event.
 void account(std::vector<AlarmRecord>& standing, const AlarmRecord& event) {
   if (event.kind == Kind::kRaised) {
     standing.push_back(event);
@@ -92,11 +102,10 @@ void AlarmList::endAbsent(const std::vector<int>& slotsWithCard) {
 }
 
 void AlarmList::add(const Key& key, const Texts& texts) {
-  AlarmRecord event{.at = clock_(), .kind = Kind::kRaised};
+  AlarmRecord event = recordOf(key);
+  event.at = clock_();
+  event.kind = Kind::kRaised;
   alarm_t& alarm = event.alarm;
-  alarm.Type = key.type;
-  alarm.Slot = key.slot;
-  alarm.Port = key.port;
   alarm.HappenTime = event.at;
   alarm.Stat = 1;
   fill(alarm.StrZhTitle, texts.zhTitle);
@@ -123,12 +132,7 @@ void AlarmList::remove(const Key& key, const char* zhTrap, const char* enTrap) {
     most = shared;
   }
   if (best != nullptr) return end(AlarmRecord(*best), Kind::kRecovered, zhTrap, enTrap);
-
-  AlarmRecord nothing;
-  nothing.alarm.Type = key.type;
-  nothing.alarm.Slot = key.slot;
-  nothing.alarm.Port = key.port;
-  end(nothing, Kind::kRecoveredWithoutAlarm, zhTrap, enTrap);
+  end(recordOf(key), Kind::kRecoveredWithoutAlarm, zhTrap, enTrap);
 }
 
 bool AlarmList::exists(const Key& key) const {
@@ -137,7 +141,10 @@ bool AlarmList::exists(const Key& key) const {
 
 // The record of a recovery keeps the titles of what it ends and has trap texts of its own.
 void AlarmList::end(const AlarmRecord& raised, Kind kind, const char* zhTrap, const char* enTrap) {
-  AlarmRecord event{.ends = raised.number, .at = clock_(), .kind = kind, .alarm = raised.alarm};
+  AlarmRecord event = raised;
+  event.at = clock_();
+  event.ends = raised.number;
+  event.kind = kind;
   event.alarm.Stat = 0;
   event.alarm.IsDisappeared = 1;
   event.alarm.DisappearTime = event.at;
@@ -159,12 +166,15 @@ void AlarmList::forgetOldest() {
   for (; history_.size() > kHistory; history_.pop_front()) account(base_, history_.front());
 }
 
-u32 AlarmList::answerAlarms(const protocol::Request& request, base::Bytes& reply) const {
-  return answer(standing_, last_ + 1, request, reply);
-}
-
-u32 AlarmList::answerEvents(const protocol::Request& request, base::Bytes& reply) const {
-  return answer(history_, last_ + 1, request, reply);
+void AlarmList::provide(BackEnd& backEnd) {
+  const auto provideList = [&](protocol::Operation operation, const auto& list) {
+    backEnd.provide(operation, BackEnd::Target::kChassis,
+                    [this, &list](const protocol::Request& request, base::Bytes& reply) {
+                      return answer(list, last_ + 1, request, reply);
+                    });
+  };
+  provideList(protocol::Operation::kAlarms, standing_);
+  provideList(protocol::Operation::kAlarmEvents, history_);
 }
 
 protocol::AlarmEvent outward(const AlarmRecord& event) {

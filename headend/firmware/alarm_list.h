@@ -3,7 +3,7 @@
 #pragma once
 
 #include "headend/firmware/alarm_file.h"
-#include "protocol/datagram.h"
+#include "headend/firmware/back_end.h"
 
 namespace headend {
 
@@ -48,9 +48,7 @@ class AlarmList {
   std::uint64_t events() const { return last_; }  // since the start of the history
   const AlarmFile& file() const { return file_; }
 
-  // The operations kAlarms and kAlarmEvents.
-  u32 answerAlarms(const protocol::Request& request, base::Bytes& reply) const;
-  u32 answerEvents(const protocol::Request& request, base::Bytes& reply) const;
+  void provide(BackEnd& backEnd);  // the operations kAlarms and kAlarmEvents
 
  private:
   void note(AlarmRecord event);

@@ -16,12 +16,19 @@ constexpr std::size_t kKnownClients = 64;
 
 }  // namespace
 
-BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log)
+BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log,
+                 std::function<protocol::CardState(int slot)> state)
     : kernel_(kernel),
       chassis_(chassis),
       monitor_(monitor),
       log_(log),
-      socket_(network, protocol::kDefaultManagementPort) {
+      socket_(network, protocol::kDefaultManagementPort),
+      state_(std::move(state)) {
+  using protocol::Operation;
+  provide(Operation::kRead, Target::kChassis, std::bind_front(&BackEnd::callCard, this));
+  provide(Operation::kWrite, Target::kChassis, std::bind_front(&BackEnd::write, this));
+  provide(Operation::kGetVariable, Target::kRunningCard, std::bind_front(&BackEnd::getVariable, this));
+  provide(Operation::kSetVariable, Target::kRunningCard, std::bind_front(&BackEnd::setVariable, this));
   network.onArrival([this](const UdpSocket& socket, const Datagram& datagram) {
     if (&socket == &socket_) noteArrival(datagram);
   });
@@ -66,34 +73,42 @@ void BackEnd::answer(const Datagram& datagram) {
 
 protocol::Reply BackEnd::carryOut(const protocol::Request& request) {
   protocol::Reply reply = protocol::replyTo(request);
-  switch (request.operation) {
-    case protocol::Operation::kRead:
-      reply.result = callCard(request, reply.data);
-      break;
-    case protocol::Operation::kWrite:
-      reply.result = callCard(request, reply.data);
-      if (reply.result == protocol::kDone) noteLock(request);
-      break;
-    case protocol::Operation::kGetVariable:
-      reply.result = getVariable(request, reply.data);
-      break;
-    case protocol::Operation::kSetVariable:
-      reply.result = setVariable(request);
-      break;
-    default:
-      reply.result = passOn(request, reply.data);
+  const auto found = operations_.find(request.operation);
+  if (found == operations_.end()) {
+    reply.result = protocol::kUnknownOperation;
+  } else if (request.length != request.data.size()) {
+    reply.result = protocol::kBadLength;
+  } else {
+    const auto& [target, handler] = found->second;
+    protocol::Request addressed = request;
+    if (target != Target::kChassis) {  // a card uses the low bytes only
+      addressed.slot &= 0xFF;
+      addressed.port &= 0xFF;
+    }
+    reply.result = refuseTarget(addressed, target);
+    if (reply.result == protocol::kDone) reply.result = handler(addressed, reply.data);
+    if (reply.result != protocol::kDone) reply.data.clear();
   }
   return reply;
 }
 
-u32 BackEnd::passOn(const protocol::Request& request, base::Bytes& reply) const {
-  const auto handler = handlers_.find(request.operation);
-  if (handler == handlers_.end()) return protocol::kUnknownOperation;
-  if (request.length != request.data.size()) return protocol::kBadLength;
-  const u32 result = handler->second(request, reply);
-  if (result != protocol::kDone) reply.clear();
-  return result;
+u32 BackEnd::refuseTarget(const protocol::Request& request, Target target) const {
+  if (target == Target::kChassis) return protocol::kDone;
+  if (request.slot >= MAX_BOARD_NUM) return protocol::kBadSlotOrPort;
+  if (target == Target::kChannel && request.port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
+  if (!chassis_.slot(request.slot).occupied) return protocol::kNoCard;
+  if (target != Target::kRunningCard) return protocol::kDone;
+  switch (state_(request.slot)) {
+    case protocol::CardState::kRunning:
+      return protocol::kDone;
+    case protocol::CardState::kStarting:
+      return protocol::kNotStarted;
+    default:
+      return protocol::kNotRunning;
+  }
 }
+
+// ---- The variables of a card's channels ----
 
 // The row of the table that is registered for the request's channel. Where no range or row fits, any table's
 // routine serves: the card itself then says what is wrong.
@@ -115,7 +130,6 @@ u32 BackEnd::callCard(const protocol::Request& request, base::Bytes& reply) {
       !chassis_.slot(slot).initReturned) {
     return protocol::kNotStarted;
   }
-  if (request.data.size() != request.length) return protocol::kBadLength;
   const chassis::bc_var* variable = findVariable(request);
   if (variable == nullptr) return protocol::kNoBackEnd;
 
@@ -138,6 +152,12 @@ u32 BackEnd::callCard(const protocol::Request& request, base::Bytes& reply) {
   if (result == os::OK)
     reply.assign(buffers_.reply.begin(), buffers_.reply.begin() + buffers_.header.vLength);
   return static_cast<u32>(result);
+}
+
+u32 BackEnd::write(const protocol::Request& request, base::Bytes& reply) {
+  const u32 result = callCard(request, reply);
+  if (result == protocol::kDone) noteLock(request);
+  return result;
 }
 
 void BackEnd::noteLock(const protocol::Request& request) {
@@ -169,44 +189,28 @@ std::optional<Nanos> BackEnd::lockedSince(Lock lock, int slot, int port) const {
 
 // ---- The variables of a card ----
 
-// A card checks less than this, and for some of these calls it would keep semQamVar for good.
-u32 BackEnd::refuseVariable(const protocol::Request& request, std::size_t length) const {
-  const int slot = request.slot & 0xFF;
-  if (slot >= MAX_BOARD_NUM) return protocol::kBadSlotOrPort;
-  const chassis::card* card = chassis_.slot(slot).descriptor;
-  if (card == nullptr || card->getVar == nullptr) return protocol::kNoCard;  // a source card has no variables
-  if (!chassis_.slot(slot).initReturned) return protocol::kNotStarted;
-  if (!running_(slot)) return protocol::kNotRunning;
-  if (request.length != length || request.data.size() != length) return protocol::kBadLength;
+u32 BackEnd::getVariable(const protocol::Request& request, base::Bytes& reply) {
+  if (!request.data.empty()) return protocol::kBadLength;
   const protocol::CardVariable* variable = protocol::findCardVariable(request.variable);
   if (variable == nullptr) return protocol::kUnknownCardVariable;
-  if (request.operation == protocol::Operation::kSetVariable && !variable->writable)
-    return protocol::kNotWritable;
-  return protocol::kDone;
-}
-
-u32 BackEnd::getVariable(const protocol::Request& request, base::Bytes& reply) {
-  if (const u32 refusal = refuseVariable(request, 0); refusal != protocol::kDone) return refusal;
-  const int slot = request.slot & 0xFF;
-  const bool isText = protocol::findCardVariable(request.variable)->kind == protocol::VariableKind::kText;
-  if (isText) {
-    reply = protocol::encodeValue(chassis_.readText(slot, request.variable));
+  if (variable->kind == protocol::VariableKind::kText) {
+    reply = protocol::encodeValue(chassis_.readText(request.slot, variable->id));
   } else {
-    reply = protocol::encodeValue(
-        chassis_.slot(slot).descriptor->getVar(static_cast<u8>(slot), 0, request.variable, nullptr));
+    const chassis::card& card = *chassis_.slot(request.slot).descriptor;
+    reply = protocol::encodeValue(card.getVar(card.slotNo, 0, variable->id, nullptr));
   }
   return protocol::kDone;
 }
 
-u32 BackEnd::setVariable(const protocol::Request& request) {
-  constexpr std::size_t kNumberSize = 4;
-  if (const u32 refusal = refuseVariable(request, kNumberSize); refusal != protocol::kDone) return refusal;
-  const int slot = request.slot & 0xFF;
+u32 BackEnd::setVariable(const protocol::Request& request, base::Bytes& /*reply*/) {
+  if (request.data.size() != sizeof(u32)) return protocol::kBadLength;
+  const protocol::CardVariable* variable = protocol::findCardVariable(request.variable);
+  if (variable == nullptr) return protocol::kUnknownCardVariable;
+  if (!variable->writable) return protocol::kNotWritable;
   const u32 value = wire::get32(request.data.data());
-  if (!protocol::isPossible(*protocol::findCardVariable(request.variable), value))
-    return protocol::kImpossibleValue;
-  return static_cast<u32>(
-      chassis_.slot(slot).descriptor->setVar(static_cast<u8>(slot), 0, request.variable, value));
+  if (!protocol::isPossible(*variable, value)) return protocol::kImpossibleValue;
+  const chassis::card& card = *chassis_.slot(request.slot).descriptor;
+  return static_cast<u32>(card.setVar(card.slotNo, 0, variable->id, value));
 }
 
 // ---- Requests that wait ----

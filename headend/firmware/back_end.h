@@ -6,6 +6,7 @@
 
 #include <array>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <optional>
@@ -17,6 +18,7 @@
 #include "headend/firmware/chassis.h"
 #include "headend/kernel/network.h"
 #include "platform/backend.h"
+#include "protocol/card_state.h"
 #include "protocol/datagram.h"
 
 namespace headend {
@@ -33,16 +35,22 @@ class BackEnd {
     std::vector<std::pair<std::string, Nanos>> load;  // task and its time in that second, longest first
   };
 
-  BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log);
+  // What a request addresses: the chassis, a modulator card or one of its channels, or a card that runs. A
+  // card that does not run has no registers to set, and would wait forever.
+  enum class Target { kChassis, kCard, kChannel, kRunningCard };
+  // Carries out an operation: gives a result, and the data of the reply. The request's data has the given
+  // length; its slot and port are valid for the target.
+  using Handler = std::function<u32(const protocol::Request& request, base::Bytes& reply)>;
+
+  // `state` gives the state of the slot's card.
+  BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log,
+          std::function<protocol::CardState(int slot)> state);
 
   UdpSocket& socket() { return socket_; }
   void start();  // spawns the task
-  // Handles an operation that is not a card variable: gives a result, and the data of the reply.
-  using Handler = std::function<u32(const protocol::Request& request, base::Bytes& reply)>;
-  void provide(protocol::Operation operation, Handler handler) { handlers_[operation] = std::move(handler); }
-
-  // Whether the slot's card runs. A card that does not run has no registers to set, and would wait forever.
-  void onRunning(std::function<bool(int slot)> running) { running_ = std::move(running); }
+  void provide(protocol::Operation operation, Target target, Handler handler) {
+    operations_[operation] = {target, std::move(handler)};
+  }
 
   void registerVariables(u32 base, u32 limit, const chassis::bc_var* table);
 
@@ -56,6 +64,10 @@ class BackEnd {
     u32 base;
     u32 limit;
     const chassis::bc_var* table;
+  };
+  struct Provided {
+    Target target;
+    Handler handler;
   };
   struct KnownClient {
     Endpoint address;
@@ -72,10 +84,10 @@ class BackEnd {
   void answer(const Datagram& datagram);
   protocol::Reply carryOut(const protocol::Request& request);
   u32 callCard(const protocol::Request& request, base::Bytes& reply);
-  u32 passOn(const protocol::Request& request, base::Bytes& reply) const;
+  u32 write(const protocol::Request& request, base::Bytes& reply);
+  u32 refuseTarget(const protocol::Request& request, Target target) const;
   u32 getVariable(const protocol::Request& request, base::Bytes& reply);
-  u32 setVariable(const protocol::Request& request);
-  u32 refuseVariable(const protocol::Request& request, std::size_t length) const;
+  u32 setVariable(const protocol::Request& request, base::Bytes& reply);
   const chassis::bc_var* findVariable(const protocol::Request& request) const;
   void noteLock(const protocol::Request& request);
   void noteArrival(const Datagram& datagram);
@@ -86,8 +98,8 @@ class BackEnd {
   CarouselMonitor& monitor_;
   Log& log_;
   UdpSocket socket_;
-  std::map<protocol::Operation, Handler> handlers_;
-  std::function<bool(int slot)> running_ = [](int) { return false; };
+  std::function<protocol::CardState(int slot)> state_;
+  std::map<protocol::Operation, Provided> operations_;
   std::vector<Registration> registrations_;
   std::list<KnownClient> clients_;                           // most recent first
   std::map<std::tuple<Lock, int, int>, Nanos> lockedSince_;  // by slot and port

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,8 +19,10 @@ namespace headend {
 class Chassis {
  public:
   static constexpr int kPanelLines = 4;
-  // Send tasks have 212. The start-up task has a lower priority than all tasks that keep other cards running.
+  // Send tasks have 212, the back end 220, the menu 230. The start-up task has a lower priority than all
+  // tasks that keep other cards running.
   static constexpr int kRootPriority = 100;
+  static constexpr int kStatusPriority = 231;
   static constexpr int kSlotStartPriority = 250;
 
   struct Slot {
@@ -32,8 +35,6 @@ class Chassis {
     StartupTimeline timeline;
     bool savePending = false;  // requested before the card was inserted
     std::uint64_t saves = 0;
-    int typeCode = 0;
-    std::array<int, 2> bus{};
   };
 
   Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log);
@@ -43,6 +44,12 @@ class Chassis {
 
   // Starts the cards of these slots (0..5): registration first, then each slot's `init`.
   void start(const std::vector<int>& slots);
+
+  // Calls the status check of each of these cards once per period while the card runs; 0: never. One task per
+  // slot, so a card with a blocked bus does not delay other cards' alarms. A check holds the processor for
+  // some milliseconds while the card reads its sensor; PSI packets wait meanwhile.
+  void startStatusChecks(const std::vector<int>& slots, Nanos period,
+                         const std::function<bool(int slot)>& runs);
 
   // Starts the calibration service after the cards are registered.
   void serveCalibration() { servesCalibration_ = true; }
@@ -59,8 +66,6 @@ class Chassis {
   // The services of platform/chassis.h.
   void cardInsert(chassis::card* card);
   int save(u8 number);
-  void configureBus(u8 slot, int arg1, int arg2) { slots_[slot].bus = {arg1, arg2}; }
-  void setCardType(u8 slot, int typeCode) { slots_[slot].typeCode = typeCode; }
   // A line of the panel that a slot's own task prints.
   void noteLine(int line, std::string text);
 

@@ -34,6 +34,12 @@ constexpr Routine kRoutines[] = {
 
 }  // namespace
 
+void DebugShell::provide(BackEnd& backEnd) {
+  using enum protocol::Operation;
+  backEnd.provide(kCall, BackEnd::Target::kRunningCard, std::bind_front(&DebugShell::call, this));
+  backEnd.provide(kCallResult, BackEnd::Target::kChassis, std::bind_front(&DebugShell::result, this));
+}
+
 u32 DebugShell::call(const protocol::Request& request, base::Bytes& reply) {
   const auto end = std::find(request.data.begin(), request.data.end(), u8{0});
   if (end == request.data.end()) return protocol::kBadLength;

@@ -6,9 +6,7 @@
 #include <deque>
 #include <string>
 
-#include "headend/kernel/kernel.h"
-#include "platform/types.h"
-#include "protocol/datagram.h"
+#include "headend/firmware/back_end.h"
 
 namespace headend {
 
@@ -19,10 +17,7 @@ class DebugShell {
 
   explicit DebugShell(Kernel& kernel) : kernel_(kernel) {}
 
-  // Operations of the management socket: start a call (name, 0, arguments of four bytes), query its result.
-  // Tasks only.
-  u32 call(const protocol::Request& request, base::Bytes& reply);
-  u32 result(const protocol::Request& request, base::Bytes& reply) const;
+  void provide(BackEnd& backEnd);
 
   // A debug line of the running task; it is kept if the task is a call.
   void printed(const Task* task, const std::string& text);
@@ -34,6 +29,10 @@ class DebugShell {
     bool finished = false;
     std::string printed;
   };
+
+  // Starts a call (name, 0, arguments of four bytes); queries its result.
+  u32 call(const protocol::Request& request, base::Bytes& reply);
+  u32 result(const protocol::Request& request, base::Bytes& reply) const;
 
   Kernel& kernel_;
   std::deque<Call> calls_;

@@ -13,7 +13,7 @@ namespace {
 u8 capturedPackets[MAX_BOARD_NUM][PidSearch::kCaptured]
                   [kTsPacketSize];  // NOLINT(*-avoid-non-const-global-variables)
 
-// What a packet says of the sections of one table.
+// The sections of one table in a packet.
 struct Content {
   bool startsAny = false;
   bool startsTable = false;
@@ -39,21 +39,25 @@ Content contentOf(mpeg::PacketView packet, u8 tableId) {
 
 }  // namespace
 
-PidSearch::PidSearch(Kernel& kernel, std::function<Multiplexer*(int slot, int port)> output)
+PidSearch::PidSearch(Kernel& kernel, std::function<Multiplexer&(int slot, int port)> output)
     : kernel_(kernel), output_(std::move(output)) {
   for (os::MSG_Q_ID& queue : qamTsReadQID) {
     queue = kernel.createQueue(static_cast<int>(kCaptured), sizeof(u32));
   }
 }
 
-u32 PidSearch::search(const protocol::Request& request) {
+void PidSearch::provide(BackEnd& backEnd) {
+  using enum protocol::Operation;
+  backEnd.provide(kSearch, BackEnd::Target::kChannel, std::bind_front(&PidSearch::search, this));
+  backEnd.provide(kSearched, BackEnd::Target::kChannel, std::bind_front(&PidSearch::searched, this));
+}
+
+u32 PidSearch::search(const protocol::Request& request, base::Bytes& /*reply*/) {
   if (request.data.size() != sizeof(ts_data_set)) return protocol::kBadLength;
   const auto& wanted = *reinterpret_cast<const ts_data_set*>(request.data.data());
-  const std::size_t slot = request.slot & 0xFF;
+  const auto slot = static_cast<u8>(request.slot);
   const auto port = static_cast<u8>(request.port);
-  if (slot >= captures_.size() || port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
-  Multiplexer* output = output_(static_cast<int>(slot), port);
-  if (output == nullptr) return protocol::kNoCard;
+  Multiplexer* output = &output_(slot, port);
 
   Capture& capture = captures_[slot];
   const qamSearchPSI_t before = qamSearchPSI[slot];
@@ -63,9 +67,9 @@ u32 PidSearch::search(const protocol::Request& request) {
   }
   if (capture.output != nullptr) capture.output->setTap(nullptr);
   capture = {};
-  qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, 0);
+  qamSetTSPID(slot, port, wanted.pid, wanted.tableid, 0);
   if (wanted.status == 0) return protocol::kDone;
-  qamSetTSPID(static_cast<u8>(slot), port, wanted.pid, wanted.tableid, wanted.status);
+  qamSetTSPID(slot, port, wanted.pid, wanted.tableid, wanted.status);
   output->advance(kernel_.now());  // packets sent before the start do not belong to the search
   capture.output = output;
   output->setTap([this, slot](mpeg::PacketView packet) { look(slot, packet); });
@@ -74,18 +78,14 @@ u32 PidSearch::search(const protocol::Request& request) {
 
 u32 PidSearch::searched(const protocol::Request& request, base::Bytes& reply) {
   if (!request.data.empty()) return protocol::kBadLength;
-  const std::size_t slot = request.slot & 0xFF;
-  if (slot >= captures_.size() || (request.port & 0xFF) >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
-  if (output_(static_cast<int>(slot), 0) == nullptr) return protocol::kNoCard;
-
+  const auto slot = static_cast<u8>(request.slot);
   ts_data_rt found{};
   found.pid = qamSearchPSI[slot].pid;
   found.tableid = qamSearchPSI[slot].tableId;
   if (captures_[slot].output != nullptr) captures_[slot].output->advance(kernel_.now());
   post(slot);
   while (found.nmuber < kPacketsPerChunk &&
-         qamGetTsPidResult(static_cast<u8>(slot), static_cast<u8>(request.port), found.pkt[found.nmuber]) ==
-             0) {
+         qamGetTsPidResult(slot, static_cast<u8>(request.port), found.pkt[found.nmuber]) == 0) {
     ++found.nmuber;
     ++captures_[slot].taken;
   }
@@ -94,7 +94,7 @@ u32 PidSearch::searched(const protocol::Request& request, base::Bytes& reply) {
   return protocol::kDone;
 }
 
-// In whatever runs when the packet leaves: it only copies.
+// Runs in any context, when the packet leaves the output: it only copies.
 void PidSearch::look(std::size_t slot, mpeg::PacketView packet) {
   const qamSearchPSI_t& wanted = qamSearchPSI[slot];
   if (wanted.isSearch == 0 || mpeg::pidOf(packet) != wanted.pid) return;

@@ -6,9 +6,8 @@
 #include <cstdint>
 #include <functional>
 
+#include "headend/firmware/back_end.h"
 #include "headend/hardware/multiplexer.h"
-#include "headend/kernel/kernel.h"
-#include "protocol/datagram.h"
 
 namespace headend {
 
@@ -16,13 +15,10 @@ class PidSearch {
  public:
   static constexpr std::size_t kCaptured = 64;  // waiting packets per card; more are lost
 
-  // `output` gives a channel's multiplexer; null where there is no card.
-  PidSearch(Kernel& kernel, std::function<Multiplexer*(int slot, int port)> output);
+  // `output` gives the multiplexer of a card's channel.
+  PidSearch(Kernel& kernel, std::function<Multiplexer&(int slot, int port)> output);
 
-  // Operations of the management socket: start or stop a search (`ts_data_set`), read the captured packets
-  // (`ts_data_rt`). Tasks only.
-  u32 search(const protocol::Request& request);
-  u32 searched(const protocol::Request& request, base::Bytes& reply);
+  void provide(BackEnd& backEnd);
 
  private:
   struct Capture {
@@ -33,12 +29,15 @@ class PidSearch {
     std::uint64_t taken = 0;
   };
 
+  // Starts or stops a search (`ts_data_set`); reads the captured packets (`ts_data_rt`).
+  u32 search(const protocol::Request& request, base::Bytes& reply);
+  u32 searched(const protocol::Request& request, base::Bytes& reply);
   void look(std::size_t slot, mpeg::PacketView packet);
   void post(std::size_t slot);
 
   Kernel& kernel_;
-  std::function<Multiplexer*(int, int)> output_;
-  std::array<Capture, 6> captures_;
+  std::function<Multiplexer&(int, int)> output_;
+  std::array<Capture, MAX_BOARD_NUM> captures_;
 };
 
 }  // namespace headend

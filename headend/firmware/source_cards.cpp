@@ -35,9 +35,24 @@ std::vector<int> SourceCards::slots() const {
   return all;
 }
 
+void SourceCards::provide(BackEnd& backEnd) {
+  using enum protocol::Operation;
+  backEnd.provide(kSourceSections, BackEnd::Target::kChassis, std::bind_front(&SourceCards::sections, this));
+  backEnd.provide(kRouterMap, BackEnd::Target::kChannel, std::bind_front(&SourceCards::routerMap, this));
+}
+
+u32 SourceCards::routerMap(const protocol::Request& request, base::Bytes& reply) {
+  for (u16 i = 0; i < kPidMapSize; ++i) {
+    for (const u16 word : router_.position(request.slot, static_cast<int>(request.port), i))
+      base::append16(reply, word);
+  }
+  return protocol::kDone;
+}
+
 u32 SourceCards::sections(const protocol::Request& request, base::Bytes& reply) const {
   constexpr std::size_t kRequestSize = 8;
   if (request.data.size() != kRequestSize) return protocol::kBadLength;
+  router_.deliverUntil(kernel_.now());
   const auto card = cards_.find(request.slot & 0xFF);
   if (card == cards_.end() || request.port >= card->second.inputs.size()) return protocol::kNoInput;
 
@@ -53,6 +68,13 @@ u32 SourceCards::sections(const protocol::Request& request, base::Bytes& reply) 
     reply.insert(reply.end(), all[i]->begin(), all[i]->end());
   }
   return protocol::kDone;
+}
+
+std::map<u16, u32> SourceCards::counts() const {
+  std::map<u16, u32> counts;
+  for (const auto& [slot, card] : cards_)
+    counts[static_cast<u16>(slot)] = static_cast<u32>(card.inputs.size());
+  return counts;
 }
 
 }  // namespace headend

@@ -6,16 +6,15 @@
 #include <memory>
 #include <vector>
 
+#include "headend/firmware/back_end.h"
 #include "headend/firmware/source_tables.h"
 #include "headend/hardware/pid_router.h"
-#include "platform/chassis.h"
-#include "protocol/datagram.h"
 
 namespace headend {
 
 class SourceCards {
  public:
-  explicit SourceCards(PidRouter& router) : router_(router) {}
+  SourceCards(const Kernel& kernel, PidRouter& router) : kernel_(kernel), router_(router) {}
 
   // A card in the slot, with one to sixteen inputs.
   void plugIn(int slot, std::vector<std::unique_ptr<TsInput>> inputs);
@@ -25,20 +24,24 @@ class SourceCards {
   chassis::card& descriptor(int slot) { return cards_.at(slot).descriptor; }
 
   std::size_t inputs(int slot) const { return cards_.at(slot).inputs.size(); }
+  std::map<u16, u32> counts() const;  // of the inputs, by slot
   const std::string& nameOf(int slot, std::size_t input) const {
     return cards_.at(slot).inputs[input]->name();
   }
 
-  // Operation of the management socket: sections of a table on an input.
-  u32 sections(const protocol::Request& request, base::Bytes& reply) const;
+  // The operations kSourceSections, of a table on an input, and kRouterMap.
+  void provide(BackEnd& backEnd);
 
  private:
+  u32 sections(const protocol::Request& request, base::Bytes& reply) const;
+  u32 routerMap(const protocol::Request& request, base::Bytes& reply);
   struct Card {
     chassis::card descriptor{};
     std::vector<std::unique_ptr<TsInput>> inputs;
     std::vector<SourceTables> tables;  // one per input
   };
 
+  const Kernel& kernel_;
   PidRouter& router_;
   std::map<int, Card> cards_;  // by slot
 };

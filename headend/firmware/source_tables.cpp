@@ -33,7 +33,7 @@ void SourceTables::gather(u16 pid, mpeg::PacketView packet) {
   found->second.push(packet);
 }
 
-// A new version of a table replaces the old one, whatever number of sections that had.
+// A new version of a table replaces all sections of the old one.
 void SourceTables::take(const mpeg::Section& section) {
   const Key first{section.pid, section.tableId(), section.extension(), 0};
   const Key last{section.pid, section.tableId(), section.extension(), 0xFF};

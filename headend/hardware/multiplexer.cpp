@@ -7,11 +7,6 @@ namespace {
 
 constexpr std::uint64_t kPacketBits = kTsPacketSize * 8;
 
-void setPid(std::span<u8, kTsPacketSize> packet, u16 pid) {
-  packet[1] = static_cast<u8>((packet[1] & 0xE0) | pid >> 8);
-  packet[2] = static_cast<u8>(pid);
-}
-
 }  // namespace
 
 void Multiplexer::start(Nanos now, BitRate rate) {
@@ -71,7 +66,7 @@ void Multiplexer::offer(Nanos arrival, mpeg::PacketView packet, u16 pid) {
     PacketRing::Waiting& waiting = buffer_.push();
     waiting.arrival = arrival;
     std::copy(packet.begin(), packet.end(), waiting.packet.begin());
-    setPid(waiting.packet, pid);
+    mpeg::setPid(waiting.packet, pid);
   }
 }
 

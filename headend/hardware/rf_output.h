@@ -21,6 +21,8 @@ struct RfOutput {
   double bitRate = 0;                     // bit/s of the transport stream
   Verdict verdict = Verdict::kOff;
   std::string why;  // the reason in words if off or faulty
+
+  bool operator==(const RfOutput&) const = default;
 };
 
 std::optional<std::string> constellationName(const RfOutput& output);  // "64-QAM"

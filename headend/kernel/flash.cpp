@@ -27,30 +27,40 @@ std::FILE* Flash::open(const char* path, const char* mode) const {
   return std::fopen(host->c_str(), mode);
 }
 
-std::string Flash::replace(const std::string& path, std::span<const u8> content) {
+std::optional<std::string> Flash::read(const std::string& path, std::size_t most) const {
+  const std::filesystem::path host = hostPath(path).value();
+  std::error_code ignored;  // of a file that cannot be looked at: it is there, and cannot be read
+  const std::filesystem::file_type type = std::filesystem::symlink_status(host, ignored).type();
+  if (type == std::filesystem::file_type::not_found) return std::nullopt;
+  if (!std::filesystem::is_regular_file(host, ignored))  // a pipe would block the open
+    throw std::system_error(std::make_error_code(std::errc::invalid_argument));
+  return base::readFile(host, most);
+}
+
+// Empty if `action` has written the file, else the error and the file.
+template <typename Action>
+std::string Flash::save(const std::string& path, Action action) {
   const auto host = hostPath(path);
   if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
-  std::error_code ignored;
-  std::filesystem::create_directories(host->parent_path(), ignored);  // an error is reported by the open
   try {
-    base::replaceFile(*host, host->string() + ".new", content, flush_);
-    if (flush_ == base::Flush::kLater) unflushed_.insert(*host);
+    action(*host);
   } catch (const std::system_error& e) {
     return fmt::format("cannot save {}: {}", host->string(), e.what());
   }
+  if (flush_ == base::Flush::kLater) unflushed_.insert(*host);
   return {};
 }
 
+std::string Flash::replace(const std::string& path, std::span<const u8> content) {
+  return save(path, [&](const std::filesystem::path& host) {
+    std::error_code ignored;
+    std::filesystem::create_directories(host.parent_path(), ignored);  // an error is reported by the open
+    base::replaceFile(host, host.string() + ".new", content, flush_);
+  });
+}
+
 std::string Flash::append(const std::string& path, std::span<const u8> content) {
-  const auto host = hostPath(path);
-  if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
-  try {
-    base::appendToFile(*host, content, flush_);
-    if (flush_ == base::Flush::kLater) unflushed_.insert(*host);
-  } catch (const std::system_error& e) {
-    return fmt::format("cannot save {}: {}", host->string(), e.what());
-  }
-  return {};
+  return save(path, [&](const std::filesystem::path& host) { base::appendToFile(host, content, flush_); });
 }
 
 std::string Flash::flush() {

@@ -28,6 +28,10 @@ class Flash {
 
   std::FILE* open(const char* path, const char* mode) const;
 
+  // The content of a file; nullopt if there is no such file. Throws std::system_error if it cannot be read or
+  // is longer than `most`.
+  std::optional<std::string> read(const std::string& path, std::size_t most) const;
+
   // Writes to a temporary file and renames it. Returns an empty text on success, else the error and the file.
   std::string replace(const std::string& path, std::span<const u8> content);
   // Appends to an existing file, completely or not at all. Returns as above.
@@ -35,6 +39,9 @@ class Flash {
   std::string flush();  // flushes the remaining files; empty on success
 
  private:
+  template <typename Action>
+  std::string save(const std::string& path, Action action);
+
   std::filesystem::path folder_;
   base::Flush flush_;
   std::set<std::filesystem::path> unflushed_;

@@ -6,7 +6,7 @@
 namespace headend {
 namespace {
 
-// In front of each block stands its size; the rest keeps the block aligned for anything.
+// Each block's size is stored before it; the header's length keeps the block aligned for any type.
 constexpr std::size_t kHeader = alignof(std::max_align_t) > sizeof(std::size_t) ? alignof(std::max_align_t)
                                                                                 : sizeof(std::size_t);
 

@@ -144,7 +144,7 @@ void Kernel::leave() {
   current_->fiber->suspend();
 }
 
-// Gives the processor to whoever has a better right to it than the running task.
+// Gives the processor to a ready task that has precedence over the running one.
 void Kernel::reschedule() {
   if (current_ == nullptr) return;
   if (stopping_) leave();
@@ -210,7 +210,7 @@ void Kernel::sleepUntil(Nanos when) {
   leave();
 }
 
-// ---- Tasks that poll for good ----
+// ---- Tasks that poll without an end ----
 
 void Kernel::park() {
   Task& task = *current_;
@@ -231,7 +231,7 @@ void Kernel::releaseParked() {
   parked_.erase(std::remove_if(parked_.begin(), parked_.end(), changed), parked_.end());
 }
 
-// ---- Tasks that wait for a semaphore for good ----
+// ---- Long waits for a semaphore ----
 
 void Kernel::reportLongWaits() {
   constexpr Nanos kLong = 10 * kSecond;

@@ -134,7 +134,6 @@ class Kernel {
 
   // Runs `routine` in interrupt context, as the clocks' handlers do. `name` and `slot` are for messages.
   void interrupt(const char* name, int slot, void (*routine)(u8), u8 argument);
-  bool inInterrupt() const { return inInterrupt_; }
 
   // Time passes for the running task; interrupts and other tasks may run in between.
   void spend(Nanos cost) {
@@ -194,6 +193,10 @@ class Kernel {
   void sleepUntil(Nanos when);
 
   const Task* current() const { return current_; }
+  // The code that runs, for the log: "interrupt", a task's name, or "chassis".
+  std::string runningName() const {
+    return inInterrupt_ ? "interrupt" : current_ != nullptr ? current_->name : "chassis";
+  }
   const std::vector<std::unique_ptr<Task>>& tasks() const { return tasks_; }
   Nanos cpuTime(const Task& task) const;  // until now
   Nanos interruptTime() const { return interruptTime_; }

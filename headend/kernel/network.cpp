@@ -23,9 +23,6 @@ sockaddr_in hostForm(std::uint32_t address, std::uint16_t port) {
   return form;
 }
 
-const sockaddr* generic(const sockaddr_in& form) {
-  return reinterpret_cast<const sockaddr*>(&form);
-}
 sockaddr* generic(sockaddr_in& form) {
   return reinterpret_cast<sockaddr*>(&form);
 }
@@ -40,7 +37,7 @@ int openHostSocket(const std::string& address, std::uint16_t port) {
   if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) failed("not an IPv4 address");
   const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) failed(std::strerror(errno));
-  const sockaddr_in form = hostForm(ntohl(parsed.s_addr), port);
+  sockaddr_in form = hostForm(ntohl(parsed.s_addr), port);
   if (::bind(fd, generic(form), sizeof form) != 0) {
     const int error = errno;
     ::close(fd);
@@ -89,7 +86,7 @@ void UdpSocket::send(const Endpoint& to, const std::vector<u8>& bytes) {
           {.from = {.address = 0, .port = port_}, .bytes = bytes, .arrived = kernel.now()});
     }
   } else if (fd_ >= 0) {
-    const sockaddr_in form = hostForm(to.address, to.port);
+    sockaddr_in form = hostForm(to.address, to.port);
     // A client that has closed, or whose buffer is full, gets no reply: it repeats the request.
     [[maybe_unused]] const ssize_t sent =
         ::sendto(fd_, bytes.data(), bytes.size(), 0, generic(form), sizeof form);

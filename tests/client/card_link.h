@@ -58,10 +58,10 @@ class FakeLink final : public client::Link {
     if (gone || (faulty && fault_.kind == Kind::kLost))
       throw client::Error("gone", client::Error::Kind::kNoReply);
     if (faulty && fault_.kind == Kind::kRefused) request.data.push_back(0);
-    headend::UdpSocket socket(headend_.network(), 50000);
+    headend::UdpSocket socket(headend_.network, 50000);
     request.sequence = ++sequence_;
     socket.send({.address = 0, .port = protocol::kDefaultManagementPort}, protocol::encode(request));
-    const auto datagram = socket.receive(60 * headend_.kernel().settings().tickHz);
+    const auto datagram = socket.receive(60 * headend_.kernel.settings().tickHz);
     protocol::Reply reply = protocol::decodeReply(datagram.value().bytes).value();
     if (after) after(reply);
     if (faulty && fault_.kind == Kind::kReplyLost) throw client::Error("gone", client::Error::Kind::kNoReply);
@@ -69,7 +69,7 @@ class FakeLink final : public client::Link {
     return reply;
   }
   void wait(std::chrono::milliseconds time) override {
-    headend_.kernel().sleepUntil(headend_.kernel().now() + std::chrono::nanoseconds(time).count());
+    headend_.kernel.sleepUntil(headend_.kernel.now() + std::chrono::nanoseconds(time).count());
   }
   bool reached() const { return std::cmp_greater(log.size(), at_); }
   const protocol::Request& broken() const { return log.at(static_cast<std::size_t>(at_)); }

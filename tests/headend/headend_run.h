@@ -11,8 +11,8 @@
 #include <memory>
 #include <string>
 
-#include "headend/headend.h"
-#include "headend/report.h"
+#include "headend/flash_folder.h"
+#include "headend/run.h"
 #include "tests/headend/scratch.h"
 
 namespace test {
@@ -33,7 +33,7 @@ inline headend::Options fastOptions(const fs::path& folder, Nanos duration, std:
 
 inline int run(Headend& headend) {
   const std::atomic<bool> interrupted = false;
-  return headend.run(interrupted);
+  return headend::run(headend, interrupted);
 }
 
 // A headend that a body of the test's own drives, in a task as a chassis would, once the card in slot 1 runs.
@@ -47,20 +47,20 @@ class Driven {
   }
   // Ends with neither a violation of a protocol nor a failed check.
   void drive(std::function<void()> body) {
-    headend_->kernel().spawn("tTest", 240, [this, body = std::move(body)] {
-      while (!headend_->chassis().slot(0).initReturned) headend_->kernel().delay(1);
-      headend_->kernel().delay(1);
+    headend_->kernel.spawn("tTest", 240, [this, body = std::move(body)] {
+      while (!headend_->chassis.slot(0).initReturned) headend_->kernel.delay(1);
+      headend_->kernel.delay(1);
       body();
-      headend_->kernel().stop();
+      headend_->kernel.stop();
     });
     run(*headend_);
-    EXPECT_TRUE(headend_->violations().counts().empty()) << headend_->violations().counts().begin()->first;
-    EXPECT_TRUE(headend_->assertionFailures().empty());
+    EXPECT_TRUE(headend_->violations.counts().empty()) << headend_->violations.counts().begin()->first;
+    EXPECT_TRUE(headend_->observation.failedChecks().empty());
   }
   Headend& headend() { return *headend_; }
   headend::CardFpga& card() { return headend_->card(0); }
   headend::CardBoard& board() { return card().board(); }
-  Nanos now() const { return headend_->kernel().now(); }
+  Nanos now() const { return headend_->kernel.now(); }
 
  private:
   Scratch scratch_;

@@ -1,6 +1,7 @@
 #include "headend/firmware/panel/lcd.h"
 
 #include <algorithm>
+#include <span>
 
 #include "headend/firmware/panel/font.h"
 
@@ -18,13 +19,29 @@ int widthOf(u16 code) {
   return code < 0x80 ? kNarrow : kWide;
 }
 
-}  // namespace
+// Removes the next character from a text in GBK and returns it. The text must not be empty.
+u16 takeCode(std::string_view& text) {
+  const auto first = static_cast<u8>(text[0]);
+  const bool isPair = first >= 0x80 && text.size() > 1;
+  const u16 code = isPair ? static_cast<u16>(first << 8 | static_cast<u8>(text[1])) : first;
+  text.remove_prefix(isPair ? 2 : 1);
+  return code;
+}
 
 int widthOf(std::string_view gbk) {
   int width = 0;
   while (!gbk.empty()) width += widthOf(takeCode(gbk));
   return width;
 }
+
+// Null if the font does not have it.
+const Glyph* findGlyph(u16 code) {
+  const std::span<const Glyph> glyphs(kGlyphs, kGlyphCount);
+  const auto at = std::ranges::lower_bound(glyphs, code, {}, &Glyph::code);
+  return at != glyphs.end() && at->code == code ? &*at : nullptr;
+}
+
+}  // namespace
 
 void Lcd::print(int row, int column, u32 mask, std::string_view gbk) {
   if (row < 0 || row >= protocol::kLcdRows || column < 0) return;
@@ -69,7 +86,7 @@ void Lcd::draw(int row, int x, u16 code, bool inverse) {
   all.insert(std::upper_bound(all.begin(), all.end(), drawn, before), drawn);
 }
 
-// Characters of which a part goes are no longer there; what is left of their pixels stays, as on glass.
+// Removes the characters of which a part is erased; their other pixels stay, as on a real LCD.
 void Lcd::erase(int row, int from, int to) {
   for (int line = row * kRowHeight; line < (row + 1) * kRowHeight; ++line) {
     for (int x = from; x < to; ++x) {

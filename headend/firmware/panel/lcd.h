@@ -31,7 +31,4 @@ class Lcd {
   protocol::LcdImage shown_;
 };
 
-// Width of a text in GBK, in pixels.
-int widthOf(std::string_view gbk);
-
 }  // namespace headend

@@ -5,10 +5,8 @@
 #include <iconv.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <map>
-#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -29,67 +27,58 @@ std::map<unsigned, std::string> readFont(const char* path) {
   return rows;
 }
 
-std::optional<unsigned> codePointOf(iconv_t converter, unsigned gbk) {
-  char in[2] = {static_cast<char>(gbk >> 8), static_cast<char>(gbk & 0xFF)};
-  unsigned char out[4] = {};
+// 0 if GB 2312 has no such character.
+unsigned codePointOf(iconv_t converter, unsigned code) {
+  char in[2] = {static_cast<char>(code >> 8), static_cast<char>(code & 0xFF)};
+  std::uint32_t out = 0;
   char* from = in;
-  char* to = reinterpret_cast<char*>(out);
+  char* to = reinterpret_cast<char*>(&out);
   std::size_t left = sizeof in, room = sizeof out;
-  if (iconv(converter, &from, &left, &to, &room) == static_cast<std::size_t>(-1) || room != 0) return {};
-  return static_cast<unsigned>(out[0]) << 24 | static_cast<unsigned>(out[1]) << 16 |
-         static_cast<unsigned>(out[2]) << 8 | out[3];
+  return iconv(converter, &from, &left, &to, &room) == 0 && room == 0 ? out : 0;
 }
 
 // A glyph of eight pixels fills the left half of its rows.
-void write(std::FILE* out, unsigned code, unsigned character, const std::string& hex) {
+std::string initializer(unsigned code, unsigned character, const std::string& hex) {
   const std::size_t digits = hex.size() / 16;
   if (digits != 2 && digits != 4) throw std::runtime_error(fmt::format("glyph {:X} has {}", character, hex));
-  fmt::print(out, "    {{{:#x}, {:#x}, {{", code, character);
-  for (unsigned row = 0; row < 16; ++row) {
-    fmt::print(out, "0x{}{},", hex.substr(row * digits, digits), digits == 2 ? "00" : "");
-  }
-  fmt::print(out, "}}}},\n");
+  std::string text = fmt::format("    {{{:#x}, {:#x}, {{", code, character);
+  for (unsigned row = 0; row < 16; ++row)
+    text += fmt::format("0x{}{},", hex.substr(row * digits, digits), digits == 2 ? "00" : "");
+  return text + "}},\n";
 }
 
 void make(const char* font, const char* target) {
   const std::map<unsigned, std::string> glyphs = readFont(font);
-  iconv_t converter = iconv_open("UTF-32BE", "GB2312");
-  std::FILE* out = std::fopen(target, "w");
-  if (out == nullptr) throw std::runtime_error(fmt::format("cannot write {}", target));
-  fmt::print(
-      out,
-      "// Made at build time from the glyphs of GNU Unifont: GNU GPL version 2 or later with the font\n"
-      "// embedding exception, or SIL OFL 1.1.\n"
-      "#include \"headend/firmware/panel/font.h\"\n\n"
-      "namespace headend {{\n\nconst Glyph kGlyphs[] = {{\n");
+  std::ofstream out(target);
+  out << "// Made at build time from the glyphs of GNU Unifont: GNU GPL version 2 or later with the font\n"
+         "// embedding exception, or SIL OFL 1.1.\n"
+         "#include \"headend/firmware/panel/font.h\"\n\n"
+         "namespace headend {\n\nconst Glyph kGlyphs[] = {\n";
   std::size_t count = 0;
   const auto add = [&](unsigned code, unsigned character) {
     const auto glyph = glyphs.find(character);
-    if (glyph == glyphs.end()) return;
-    write(out, code, character, glyph->second);
+    if (character == 0 || glyph == glyphs.end()) return;
+    out << initializer(code, character, glyph->second);
     ++count;
   };
   for (unsigned code = kFirstAscii; code <= kLastAscii; ++code) add(code, code);
+  const iconv_t converter = iconv_open("UTF-32LE", "GB2312");
   for (unsigned high = kFirstOfSquare; high <= kLastRow; ++high) {
     for (unsigned low = kFirstOfSquare; low <= kLastOfSquare; ++low) {
       const unsigned code = high << 8 | low;
-      if (const std::optional<unsigned> character = codePointOf(converter, code)) add(code, *character);
+      add(code, codePointOf(converter, code));
     }
   }
-  fmt::print(out, "}};\nconst std::size_t kGlyphCount = {};\n\n}}  // namespace headend\n", count);
-  const bool good = std::ferror(out) == 0;
-  if (std::fclose(out) != 0 || !good) throw std::runtime_error(fmt::format("cannot write {}", target));
   iconv_close(converter);
+  out << fmt::format("}};\nconst std::size_t kGlyphCount = {};\n\n}}  // namespace headend\n", count);
+  if (!out.flush()) throw std::runtime_error(fmt::format("cannot write {}", target));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    fmt::print(stderr, "make_font FONT.hex OUT.cpp\n");
-    return 2;
-  }
   try {
+    if (argc != 3) throw std::invalid_argument("want FONT.hex OUT.cpp");
     make(argv[1], argv[2]);
     return 0;
   } catch (const std::exception& e) {

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "base/text.h"
-#include "headend/firmware/panel/font.h"
 #include "platform/address_word.h"
 
 namespace headend {
@@ -75,7 +74,7 @@ void MenuEngine::walkTop() {
   }
 }
 
-// A card that does not run has nothing to show but that: until somebody goes back, or it runs.
+// Shows why a card does not run, until the operator goes back or the card runs.
 void MenuEngine::showFault(const item_t& heading, int slot) {
   browse([&] { showHeading(heading); },
          [&] {
@@ -126,13 +125,10 @@ void MenuEngine::chooseOption(const item_t& item, int slot) {
   const u32 value = card.getVar(static_cast<u8>(slot), 0, item.id, nullptr);
   const auto now =
       std::find_if(options.begin(), options.end(), [&](const item_t* o) { return o->val == value; });
-  const Rows rows = [&] {
-    std::vector<Row> all;
-    all.reserve(options.size());
-    for (const item_t* option : options) all.push_back({labelOf(*option), {}});
-    return all;
-  };
-  const int chosen = browse([&] { showHeading(item); }, rows,
+  std::vector<Row> rows;
+  rows.reserve(options.size());
+  for (const item_t* option : options) rows.push_back({labelOf(*option), {}});
+  const int chosen = browse([&] { showHeading(item); }, [&] { return rows; },
                             now == options.end() ? 0 : static_cast<int>(now - options.begin()),
                             [&] { return !firmware_.fault(slot); });
   if (chosen < 0) return;

@@ -9,7 +9,7 @@
 namespace headend {
 namespace {
 
-// An agent that answers nobody, or knows nobody to send to, is no agent.
+// Throws std::runtime_error if the secrets allow no access, or give no sender for notifications.
 void demandAccess(const SnmpAgent::Settings& settings, const SnmpSecrets& secrets,
                   const std::function<void(const std::string&)>& say) {
   if (settings.communityWrites && secrets.writeCommunity.empty())

@@ -33,7 +33,7 @@ void rename(netsnmp_variable_list& binding, const Name& name) {
   snmp_set_var_objid(&binding, components.data(), static_cast<std::size_t>(name.length));
 }
 
-// A value as the card's write handlers take it: encoded anew, with room behind it for their parsers.
+// A value in the form that a card's write handler expects: encoded again, with room behind it for its parser.
 struct Encoded {
   std::array<u8, 512> bytes{};
   int contentLength = 0;
@@ -54,7 +54,7 @@ std::optional<Encoded> encode(const netsnmp_variable_list& binding) {
   return end == nullptr ? std::nullopt : std::optional(value);
 }
 
-// The handlers speak SNMPv1 where a name cannot be written.
+// The handlers use the SNMPv1 error for a name that cannot be written.
 int outwardError(int result) {
   if (result < 0) return SNMP_ERR_GENERR;
   return result == SNMP_ERR_NOSUCHNAME ? SNMP_ERR_NOTWRITABLE : result;
@@ -68,7 +68,7 @@ bool isPossible(const chassis::variable& row, const netsnmp_variable_list& bindi
 }
 
 // Whether a request means this row although its card does not run: by its instance, or on the way through the
-// card's own objects. A way that comes from elsewhere goes past the card, to those that run.
+// card's own objects. A GETNEXT from another object skips the card and reaches the next one that runs.
 bool asksFor(const chassis::variable& row, const Name& name, bool exact) {
   Name instance{.length = row.namelen + 1};
   std::copy_n(row.name, row.namelen, instance.components.begin());
@@ -140,7 +140,7 @@ int CardRows::handle(netsnmp_mib_handler* handler, netsnmp_handler_registration*
   return SNMP_ERR_NOERROR;
 }
 
-// Without a value the library answers noSuchInstance, or goes on to the next row.
+// Without a value the library answers noSuchInstance, or continues with the next row.
 int CardRows::read(Row& row, netsnmp_request_info& request, bool exact) const {
   chassis::variable& variable = row.variable;
   netsnmp_variable_list& binding = *request.requestvb;

@@ -25,7 +25,7 @@ constexpr const char* kName = "headend";  // our application name in the library
 constexpr const char* kModules =
     "system_mib,sysORTable,snmp_mib,setSerialNo,snmpEngine,snmpMPDStats,usmStats,usmConf,vacm_conf";
 
-// The library looks into its folders whatever it is told; it shall look into ours.
+// The library always reads its configuration folders; this makes our folder the only one.
 void useNoFilesBut(const std::filesystem::path& folder) {
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
   set_configuration_directory(folder.c_str());
@@ -55,7 +55,7 @@ netsnmp_transport* openTransport(const SnmpLibrary::Address& address, bool liste
   return transport;
 }
 
-// In place of the library's own look at a packet before it is parsed, which asks files of the host about the
+// Replaces the library's check of a packet before it is parsed, which reads files of the host about the
 // sender.
 int countPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/, void* /*sender*/,
                 int /*size*/) {
@@ -107,8 +107,8 @@ int SnmpLibrary::take(int /*major*/, int /*minor*/, void* message, void* self) {
   return 0;
 }
 
-// Whoever reaches the port may cause a message with each packet; what is said over and over is said at its
-// first, second, fourth, eighth ... time.
+// Any sender can cause a message with each packet. A repeated message is printed the first, second, fourth,
+// eighth ... time.
 void SnmpLibrary::say(const std::string& text) {
   timesSaid_ = text == lastSaid_ ? timesSaid_ + 1 : 1;
   lastSaid_ = text;

@@ -32,7 +32,6 @@ class SnmpLibrary {
   void openSink(const Address& address, const SnmpSecrets& secrets);
 
   int fd() const { return fd_; }  // receives requests; -1 if it does not listen
-  bool hasSink() const { return sink_ != nullptr; }
 
   void readRequest();                 // reads a received request and answers it
   bool send(snmp_pdu* notification);  // takes ownership; false with errno if the host refuses

@@ -19,36 +19,36 @@ using Name = std::vector<oid>;
 const Name kSysUpTime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 const Name kSnmpTrapOid = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
 
-// A notification while it is put together (RFC 3416, section 4.2.6).
-class Notification {
- public:
-  explicit Notification(std::span<const u32> base) : base_(base.begin(), base.end()) {}
-
-  void uptime(long hundredths) { add(kSysUpTime, ASN_TIMETICKS, &hundredths, sizeof hundredths); }
-  void kind(u32 which) {
-    const Name name = below({protocol::kMibNotifications, which});
-    add(kSnmpTrapOid, ASN_OBJECT_ID, name.data(), name.size() * sizeof(oid));
-  }
-  void number(u32 object, u8 type, long value) { add(instance(object), type, &value, sizeof value); }
-  void text(u32 object, const std::string& value) {
-    add(instance(object), ASN_OCTET_STR, value.data(), value.size());
-  }
-  netsnmp_pdu* release() { return std::exchange(pdu_, nullptr); }
-
- private:
-  Name below(std::initializer_list<u32> suffix) const {
-    Name name = base_;
+// The notification of an event (RFC 3416, section 4.2.6). `uptime` is in hundredths of a second.
+netsnmp_pdu* notificationOf(const AlarmRecord& event, std::span<const u32> base, long uptime) {
+  netsnmp_pdu* pdu = snmp_pdu_create(SNMP_MSG_TRAP2);
+  const auto below = [&](std::initializer_list<u32> suffix) {
+    Name name(base.begin(), base.end());
     name.insert(name.end(), suffix.begin(), suffix.end());
     return name;
-  }
-  Name instance(u32 object) const { return below({protocol::kMibNotificationObjects, object, 0}); }
-  void add(const Name& name, u8 type, const void* value, std::size_t size) {
-    snmp_pdu_add_variable(pdu_, name.data(), name.size(), type, value, size);
-  }
-
-  Name base_;
-  netsnmp_pdu* pdu_ = snmp_pdu_create(SNMP_MSG_TRAP2);
-};
+  };
+  const auto add = [&](const Name& name, u8 type, const void* value, std::size_t size) {
+    snmp_pdu_add_variable(pdu, name.data(), name.size(), type, value, size);
+  };
+  const auto number = [&](u32 object, u8 type, long value) {
+    add(below({protocol::kMibNotificationObjects, object, 0}), type, &value, sizeof value);
+  };
+  const auto text = [&](u32 object, const std::string& value) {
+    add(below({protocol::kMibNotificationObjects, object, 0}), ASN_OCTET_STR, value.data(), value.size());
+  };
+  const bool raised = event.kind == protocol::AlarmEvent::Kind::kRaised;
+  const Name kind =
+      below({protocol::kMibNotifications, raised ? protocol::kMibAlarmRaised : protocol::kMibAlarmCleared});
+  const protocol::Alarm alarm = outward(event).alarm;
+  add(kSysUpTime, ASN_TIMETICKS, &uptime, sizeof uptime);
+  add(kSnmpTrapOid, ASN_OBJECT_ID, kind.data(), kind.size() * sizeof(oid));
+  number(protocol::kMibAlarmSlot, ASN_INTEGER, alarm.slot + 1);
+  number(protocol::kMibAlarmPort, ASN_INTEGER, alarm.port + 1);
+  number(protocol::kMibAlarmType, ASN_UNSIGNED, alarm.type);
+  text(protocol::kMibAlarmEnglish, alarm.enTrap);
+  text(protocol::kMibAlarmChinese, alarm.zhTrap);
+  return pdu;
+}
 
 }  // namespace
 
@@ -76,19 +76,10 @@ void SnmpNotifier::serve() {
 }
 
 void SnmpNotifier::send(const AlarmRecord& event) {
-  const protocol::Alarm alarm = outward(event).alarm;
-  const bool raised = event.kind == protocol::AlarmEvent::Kind::kRaised;
-  Notification notification(base_);
-  notification.uptime(static_cast<long>(kernel_.now() / (kSecond / 100)));
-  notification.kind(raised ? protocol::kMibAlarmRaised : protocol::kMibAlarmCleared);
-  notification.number(protocol::kMibAlarmSlot, ASN_INTEGER, alarm.slot + 1);
-  notification.number(protocol::kMibAlarmPort, ASN_INTEGER, alarm.port + 1);
-  notification.number(protocol::kMibAlarmType, ASN_UNSIGNED, alarm.type);
-  notification.text(protocol::kMibAlarmEnglish, alarm.enTrap);
-  notification.text(protocol::kMibAlarmChinese, alarm.zhTrap);
-
+  netsnmp_pdu* notification =
+      notificationOf(event, base_, static_cast<long>(kernel_.now() / (kSecond / 100)));
   kernel_.charge("sendto", kernel_.settings().costs.kernelCall);
-  const bool sent = library_.send(notification.release());
+  const bool sent = library_.send(notification);
   if (!sent && !failed_)
     say_(fmt::format("an SNMP notification could not be sent: {}", std::strerror(errno)));
   failed_ = !sent;

@@ -25,7 +25,7 @@ class Powered : public Driven {
   RfOutput rf(std::size_t channel = 0) { return card().rf(channel, now()); }
   int set(u32 id, u32 value) {
     const int result = QamSetVar(0, 0, id, value);
-    headend().kernel().delay(1);  // the clock settles
+    headend().kernel.delay(1);  // the clock settles
     return result;
   }
   static u32 get(u32 id) { return QamGetVar(0, 0, id, nullptr); }
@@ -129,7 +129,7 @@ TEST(Modulator, MeasuresTheRatesThatLeave) {
   std::array<PacketKeeper, 2> sinks;
   for (const std::size_t channel : {0U, 1U}) powered.card().output(channel).setSink(&sinks[channel]);
   powered.drive([&] {
-    powered.headend().kernel().delay(500);
+    powered.headend().kernel.delay(500);
     for (const u32 id : {36U, 37U, 44U, 45U}) {
       SCOPED_TRACE(id);
       const std::size_t channel = id < 40 ? 0 : 1;
@@ -182,11 +182,11 @@ TEST(Faults, OfABusThatIsHeldLowHangTheirCardAlone) {
       const Scratch scratch;
       Headend headend(optionsWith(fault, scratch, {0, 1}));
       EXPECT_EQ(run(headend), headend::kExitFailed);
-      EXPECT_EQ(headend.card(1).rf(0, headend.kernel().now()).verdict, RfOutput::Verdict::kOnAir);
-      EXPECT_EQ(headend.state(1), Headend::CardState::kRunning);
-      EXPECT_EQ(headend.state(0), Headend::CardState::kHung);
-      EXPECT_EQ(headend.parkedTasks().size(), 1U);
-      return headend.parkedTasks().at(0).reg;
+      EXPECT_EQ(headend.card(1).rf(0, headend.kernel.now()).verdict, RfOutput::Verdict::kOnAir);
+      EXPECT_EQ(headend.state(1), protocol::CardState::kRunning);
+      EXPECT_EQ(headend.state(0), protocol::CardState::kHung);
+      EXPECT_EQ(headend.observation.parkedTasks().size(), 1U);
+      return headend.observation.parkedTasks().at(0).reg;
     });
     EXPECT_EQ(end, "slot 1 " + reg);
   }
@@ -199,15 +199,15 @@ void judge(const std::string& fault, const std::string& why, const Temperatures&
   const Scratch scratch;
   Headend headend(optionsWith(fault, scratch, {0}));
   Temperatures temperatures{};
-  headend.kernel().at(3 * kSecond, [&] {
-    headend.kernel().spawn("tTest", 150, [&] {
+  headend.kernel.at(3 * kSecond, [&] {
+    headend.kernel.spawn("tTest", 150, [&] {
       temperatures = {QamGetVar(0, 0, kVarTemperature1, nullptr), QamGetVar(0, 0, kVarTemperature2, nullptr)};
     });
   });
   EXPECT_EQ(run(headend), headend::kExitDone);
-  const Nanos now = headend.kernel().now();
+  const Nanos now = headend.kernel.now();
   // A stretched clock costs more reads: 286 accesses without, about 1300 without an acknowledge.
-  for (const auto& phase : headend.chassis().timeline(0).phases(now, 0)) {
+  for (const auto& phase : headend.chassis.timeline(0).phases(now, 0)) {
     const bool isStretched = fault.ends_with("-stretch") && phase.name.ends_with(fault.substr(6, 1));
     if (phase.name.starts_with("temperature sensor")) {
       EXPECT_EQ(phase.busAccesses > 3000, isStretched) << phase.name << ": " << phase.busAccesses;

@@ -47,22 +47,22 @@ TEST(Interrupt, EndsTheRunWhenItAsksForWhatOnlyATaskMayHave) {
       {"semTake", [](u8) { os::semTake(it.binary, os::WAIT_FOREVER); }},
       {"semGive of a mutex", [](u8) { os::semGive(it.mutex); }},
       {"a counting loop", [](u8) { os::countingLoop(20); }},
-      {"sendto", [](u8) { it.headend->backEnd().socket().send({}, {}); }},
-      {"recvfrom", [](u8) { it.headend->backEnd().socket().receive(1); }},
+      {"sendto", [](u8) { it.headend->backEnd.socket().send({}, {}); }},
+      {"recvfrom", [](u8) { it.headend->backEnd.socket().receive(1); }},
   };
   for (const auto& [service, act] : rows) {
     SCOPED_TRACE(service);
     const Scratch scratch;
     fs::create_directories(scratch.path / "flash");
     Headend headend(fastOptions(scratch.path, kSecond, {}));
-    headend::Kernel& kernel = headend.kernel();
+    headend::Kernel& kernel = headend.kernel;
     it = {act, kernel.createQueue(1, 1), kernel.createBinary(false), kernel.createMutex("mutex"), &headend};
-    headend.onTick([&] {
+    headend.onTick = [&] {
       const auto routine = [](u8 slot) { it.act(slot), ++it.wentOn; };
       kernel.interrupt("tickRoutine", 2, routine, 2);
       kernel.interrupt(
           "another", 3, [](u8) { ++it.wentOn; }, 3);
-    });
+    };
     EXPECT_EQ(run(headend), service.empty() ? headend::kExitDone : headend::kExitStopped);
     EXPECT_EQ(it.wentOn > 0, service.empty());
     const std::string error = "interrupt routine tickRoutine of slot 3 called " + service + ": ";

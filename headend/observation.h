@@ -1,0 +1,77 @@
+// Records the events of a run that the kernel and the module report: tasks that poll a register in vain, long
+// waits, failed checks, the use of the send queues. For the log, the report and the states of the cards.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "headend/firmware/carousel_monitor.h"
+#include "headend/firmware/chassis.h"
+
+namespace headend {
+
+class Observation final : public KernelObserver {
+ public:
+  struct FailedCheck {
+    std::string unit;
+    int line = 0;
+    std::string text;
+  };
+  struct ParkedTask {
+    std::string task;
+    int slot = -1;
+    std::string reg;
+    Nanos since = 0;
+    bool still = true;
+  };
+  struct LongWait {  // for a semaphore
+    std::string task;
+    std::string semaphore;
+    std::string holder;
+    Nanos since = 0;
+  };
+  // The parts of the same headend. They are used only when the kernel runs.
+  struct Parts {
+    Kernel& kernel;
+    Bus& bus;
+    Chassis& chassis;
+    CarouselMonitor& monitor;
+    Log& log;
+  };
+
+  explicit Observation(const Parts& parts) : parts_(parts) {}
+
+  // Called once per tick of each clock.
+  void onAuxiliaryClock(std::function<void()> hook) { onAuxiliaryClock_ = std::move(hook); }
+  void onSystemClock(std::function<void()> hook) { onSystemClock_ = std::move(hook); }
+
+  // A check of the module has failed (platform/check.h).
+  void checkFailed(const char* text, const char* unit, int line);
+
+  const std::vector<FailedCheck>& failedChecks() const { return failedChecks_; }
+  const std::vector<ParkedTask>& parkedTasks() const { return parkedTasks_; }
+  const std::vector<LongWait>& longWaits() const { return longWaits_; }
+  // The task that polls a register of this slot's card in vain now; null if there is none.
+  const ParkedTask* hangingTask(int slot) const;
+
+ private:
+  void auxiliaryClock() override { onAuxiliaryClock_(); }
+  void systemClock() override { onSystemClock_(); }
+  void queueCreated(os::MsgQ* queue, const Task* by) override;
+  void messageSent(os::MsgQ* queue, std::span<const char> message) override;
+  void taskParked(const Task& task) override;
+  void taskReleased(const Task& task) override;
+  void semaphoreLong(const os::Semaphore& semaphore, const Task& task) override;
+  std::uint16_t peek(const volatile void* reg) override;
+  void say(const std::string& text);
+
+  Parts parts_;
+  std::vector<FailedCheck> failedChecks_;
+  std::vector<ParkedTask> parkedTasks_;
+  std::vector<LongWait> longWaits_;
+  std::function<void()> onAuxiliaryClock_ = [] {};
+  std::function<void()> onSystemClock_ = [] {};
+};
+
+}  // namespace headend

@@ -111,10 +111,10 @@ class TablesPart final : public ChangePart {
       : ChangePart(link, change, "PSI", change.options.force ? "" : change.options.tablesFile),
         old_(change.before.psi.readable()) {}
 
-  // Counts only of the tables that the change replaces: the others have none.
+  // Counts of the PAT, and of the tables that the change removes or writes.
   void confirm() override {
     if (change_.options.force) return void(readLock());
-    std::set<PsiType> types;
+    std::set<PsiType> types{PAT};
     for (const PsiType type : kAllTables) {
       if (packetsIn(*change_.tables, type) > 0 || change_.before.psi.tables[type].stored > 0)
         types.insert(type);

@@ -224,6 +224,19 @@ TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
   });
 }
 
+// Another client has loaded the channel after the plan.
+TEST_F(ChannelChangeTest, IsRefusedOnceTheChannelHasChanged) {
+  chassis_.drive([&] {
+    const ChannelChange changes[] = {planClear(link_, kChannel), planMap(link_, kChannel, {})};
+    load({test::makePat({{1, 0x100}})});
+    loadMap(mapOf(2, 0x100));
+    const State theirs = state();
+    for (const ChannelChange& change : changes)
+      test::expectSays(messageOf([&] { carryOut(link_, change); }), "another client is loading it");
+    EXPECT_TRUE(state().psi == theirs.psi && state().sameMap(theirs));
+  });
+}
+
 TEST_F(ChannelChangeTest, IsDescribed) {
   const MapEntry stays = {4, 0, 0x100, 1, 0x200, 2, 3};
   const ChannelChange change{

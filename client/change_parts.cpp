@@ -111,10 +111,10 @@ class TablesPart final : public ChangePart {
       : ChangePart(link, change, "PSI", change.options.force ? "" : change.options.tablesFile),
         old_(change.before.psi.readable()) {}
 
-  // Counts only of the tables that the change replaces: the others have none.
+  // Counts of the PAT, and of the tables that the change removes or writes.
   void confirm() override {
     if (change_.options.force) return void(readLock());
-    std::set<PsiType> types;
+    std::set<PsiType> types{PAT};
     for (const PsiType type : kAllTables) {
       if (packetsIn(*change_.tables, type) > 0 || change_.before.psi.tables[type].stored > 0)
         types.insert(type);
@@ -122,14 +122,20 @@ class TablesPart final : public ChangePart {
     checkUnchanged(link_, channel(), change_.before.psi, types);
   }
 
-  // A lock on a locked channel erases nothing: only an unlock and a new lock do.
+  // A lock on a locked channel erases nothing: only an unlock and a new lock do. Meanwhile all intervals are
+  // 0, so that no part of unfinished tables is sent.
   void lock() override {
+    if (written_) {
+      stopped_ = true;
+      for (const PsiType type : kAllTables) card_.writeInterval(type, 0);
+    }
     if (lock_ == Lock::kOn) unlock();
     ChangePart::lock();
   }
 
   void write(Content content) override {
     const bool isNew = content == Content::kNew;
+    written_ = true;
     std::size_t sent = 0;
     for (const TablePackets& table : tablesOf(content)) {
       card_.writeTable(table, [&](std::size_t packets) {
@@ -137,8 +143,8 @@ class TablesPart final : public ChangePart {
         if (isNew && change_.options.progress) change_.options.progress(sent, packetsIn(*change_.tables));
       });
     }
-    for (const auto& [type, ticks] : change_.intervals)
-      card_.writeInterval(type, isNew ? ticks : change_.before.psi.tables[type].interval_ticks);
+    const Intervals old = oldIntervals();
+    for (const auto& [type, ticks] : isNew ? change_.intervals : old) card_.writeInterval(type, ticks);
   }
 
   // Reading the lock and setting it are two requests: another client may have come in between, and the card
@@ -160,6 +166,16 @@ class TablesPart final : public ChangePart {
  private:
   bool readCardLock() override { return card_.tablesLocked(); }
   void writeCardLock(bool on) override { card_.lockTables(on); }
+
+  // All that a failure may have changed.
+  Intervals oldIntervals() const {
+    Intervals old;
+    for (const PsiType type : kAllTables) {
+      if (stopped_ || change_.intervals.contains(type))
+        old[type] = change_.before.psi.tables[type].interval_ticks;
+    }
+    return old;
+  }
 
   const Tables& tablesOf(Content content) const { return content == Content::kNew ? *change_.tables : old_; }
 
@@ -189,13 +205,22 @@ class TablesPart final : public ChangePart {
   Bytes fileContent() const override { return transportStream(old_); }
   std::string stateText() const override {
     const std::string name = channelName(channel());
-    if (lock_ == Lock::kOff) return fmt::format("'qamctl psi show {}' shows the tables that it sends", name);
-    return fmt::format("Channel {} {} locked and sends no PSI: {}", name,
-                       lock_ == Lock::kOn ? "is" : "may be", recoveryHint(channel(), fileOr("FILE")));
+    if (lock_ == Lock::kOff) {
+      return fmt::format("'qamctl psi show {}' shows the tables that it sends{}", name,
+                         stopped_ ? ", and their intervals, which may be 0" : "");
+    }
+    std::string options = fileOr("FILE");
+    for (const auto& [type, ticks] : oldIntervals())
+      options += fmt::format(" --interval {}={}", tableName(type), ticks);
+    return fmt::format("Channel {} {} locked and sends no PSI{}: {}", name,
+                       lock_ == Lock::kOn ? "is" : "may be", stopped_ ? ", and its intervals may be 0" : "",
+                       recoveryHint(channel(), options));
   }
 
   Tables old_;
   bool mixed_ = false;
+  bool written_ = false;
+  bool stopped_ = false;
 };
 
 // There is no lock; the card saves the intervals of both channels when that of channel 2's CAT is written.

@@ -43,7 +43,6 @@ class FakeLink final : public client::Link {
   explicit FakeLink(Headend& headend, const Fault& fault = {}, int at = -1)
       : headend_(headend), fault_(fault), at_(at) {}
 
-  std::function<void(const protocol::Request&)> before{};
   std::function<void(protocol::Reply&)> after{};
   std::function<void()> secondClient{};
   std::vector<protocol::Request> log{};  // all requests, lost or not
@@ -53,7 +52,6 @@ class FakeLink final : public client::Link {
     const bool faulty = std::cmp_equal(log.size(), at_);
     const bool gone = at_ >= 0 && std::cmp_greater(log.size(), at_) && fault_.forGood;
     log.push_back(request);
-    if (before) before(request);
     if (faulty && fault_.kind == Kind::kSecondClient && secondClient) secondClient();
     if (gone || (faulty && fault_.kind == Kind::kLost))
       throw client::Error("gone", client::Error::Kind::kNoReply);
@@ -72,7 +70,7 @@ class FakeLink final : public client::Link {
     headend_.kernel.sleepUntil(headend_.kernel.now() + std::chrono::nanoseconds(time).count());
   }
   bool reached() const { return std::cmp_greater(log.size(), at_); }
-  const protocol::Request& broken() const { return log.at(static_cast<std::size_t>(at_)); }
+  bool brokeLast() const { return std::cmp_equal(log.size(), at_ + 1); }
 
  private:
   inline static u32 sequence_ = 0;  // of all links, which are one client for the back end

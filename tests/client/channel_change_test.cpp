@@ -96,8 +96,9 @@ class ChannelChangeTest : public test::CardTest {
     const State now = state();
     if (message.empty()) {
       if (now.sameMap(wanted_) && now.psi == wanted_.psi) return "new";
-      EXPECT_TRUE(fault.kind == Kind::kSecondClient);
-      return fmt::format("unseen ({:#x})", link.broken().variable);
+      // Nothing reads the channel again after the last request.
+      EXPECT_TRUE(fault.kind == Kind::kSecondClient && link.brokeLast());
+      return "unseen";
     }
     std::string end = "old";
     const std::string psi = procedure.psi ? "The old PSI of" : "The old intervals of";
@@ -119,6 +120,18 @@ class ChannelChangeTest : public test::CardTest {
     return end;
   }
 
+  // The tables on the air name only routed PIDs.
+  void expectNoReferenceToNothing(const Request& last) {
+    if (last.operation != Operation::kWrite || (last.variable != kPsiLock && last.variable != kPidMapLock))
+      return;
+    const State now = state();
+    if (now.psi.locked || now.psi.tables[PMT].interval_ticks == 0) return;
+    const PidMap routed = {.entries = entriesOf(now.router)};
+    for (const Programme& p : programmesOf({.channel = kChannel, .psi = now.psi, .map = routed})) {
+      for (const ProgrammePid& pid : p.pids) EXPECT_TRUE(pid.source) << pid.pid;
+    }
+  }
+
   // The numbers of ends for one fault at each request.
   std::string breakEverywhere(const Procedure& procedure, const test::Fault& fault) {
     std::map<std::string, int> ends;
@@ -129,6 +142,8 @@ class ChannelChangeTest : public test::CardTest {
         SCOPED_TRACE(fmt::format("{}: request {}: {}", procedure.name, at, fault.name));
         test::FakeLink link(chassis_.headend(), fault, at);
         link.secondClient = [&] { interfere(procedure); };
+        if (procedure.map && procedure.psi && fault.kind != Kind::kSecondClient)
+          link.after = [&](const Reply&) { expectNoReferenceToNothing(link.log.back()); };
         const std::string message = messageOf([&] { carryOut(link, procedure.plan(link, options_)); });
         return link.reached() ? judge(procedure, link, fault, message) : "whole";
       });
@@ -206,6 +221,19 @@ TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
   };
   chassis_.drive([&] {
     for (const Procedure& procedure : procedures) breakAll(procedure);
+  });
+}
+
+// Another client has loaded the channel after the plan.
+TEST_F(ChannelChangeTest, IsRefusedOnceTheChannelHasChanged) {
+  chassis_.drive([&] {
+    const ChannelChange changes[] = {planClear(link_, kChannel), planMap(link_, kChannel, {})};
+    load({test::makePat({{1, 0x100}})});
+    loadMap(mapOf(2, 0x100));
+    const State theirs = state();
+    for (const ChannelChange& change : changes)
+      test::expectSays(messageOf([&] { carryOut(link_, change); }), "another client is loading it");
+    EXPECT_TRUE(state().psi == theirs.psi && state().sameMap(theirs));
   });
 }
 

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "headend/flash_folder.h"
 #include "headend/run.h"
@@ -56,7 +57,8 @@ headend::Options oneCard(const std::filesystem::path& folder, const char* captur
   if (capture == nullptr) return options;
   for (const int port : {1, 2}) {
     std::string load = fmt::format("psi load 1.{} {}", port, capture);
-    for (const PsiType type : mpeg::kAllTables) load += fmt::format(" --interval {}=1", mpeg::tableName(type));
+    for (const PsiType type : mpeg::kAllTables)
+      load += fmt::format(" --interval {}=1", mpeg::tableName(type));
     options.jobs.push_back(headend::jobOf(load));
   }
   return options;

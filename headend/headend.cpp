@@ -11,7 +11,7 @@
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/interruptible_input.h"
 #include "headend/hardware/udp_input.h"
-#include "protocol/mib_rows.h"
+#include "ui/qamMibRows.h"
 
 namespace headend {
 namespace {
@@ -31,7 +31,7 @@ void openMib(Headend& headend, int slot) {
   const chassis::card& card = *headend.chassis.slot(slot).descriptor;
   if (card.mibRegister == nullptr || !headend.runs(slot)) return;
   std::vector<u32> base = headend.options.snmp.base;
-  base.push_back(protocol::kMibFirstSlot + static_cast<u32>(slot));
+  base.push_back(kMibFirstSlot + static_cast<u32>(slot));
   card.mibRegister(base.data(), static_cast<int>(base.size()));
 }
 

@@ -98,14 +98,8 @@ u32 BackEnd::refuseTarget(const protocol::Request& request, Target target) const
   if (target == Target::kChannel && request.port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
   if (!chassis_.slot(request.slot).occupied) return protocol::kNoCard;
   if (target != Target::kRunningCard) return protocol::kDone;
-  switch (state_(request.slot)) {
-    case protocol::CardState::kRunning:
-      return protocol::kDone;
-    case protocol::CardState::kStarting:
-      return protocol::kNotStarted;
-    default:
-      return protocol::kNotRunning;
-  }
+  if (!chassis_.slot(request.slot).initReturned) return protocol::kNotStarted;
+  return state_(request.slot) == protocol::CardState::kRunning ? protocol::kDone : protocol::kNotRunning;
 }
 
 // ---- The variables of a card's channels ----

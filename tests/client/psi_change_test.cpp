@@ -27,12 +27,12 @@ TEST_F(PsiChange, SavesTheIntervalsThatItSets) {
       std::map<Channel, std::vector<u32>> expected;
       for (const Channel c : {Channel{0, 0}, kChannel}) expected[c] = test::intervalsIn(tables(c));
       for (const auto& [type, ticks] : intervals) expected[channel].at(type) = ticks;
-      const auto saves = chassis_.headend().chassis().slot(0).saves;
+      const auto saves = chassis_.headend().chassis.slot(0).saves;
       carryOut(link_, planIntervals(link_, channel, intervals));
       for (const auto& [c, ticks] : expected) EXPECT_EQ(test::intervalsIn(tables(c)), ticks);
-      EXPECT_EQ(chassis_.headend().chassis().slot(0).saves, saves + 1);
+      EXPECT_EQ(chassis_.headend().chassis.slot(0).saves, saves + 1);
       const auto* record = reinterpret_cast<const u8*>(GetQamCardParaFromList(0));
-      EXPECT_EQ(test::readFile(chassis_.headend().options().flash / "para" / "card1.dat"),
+      EXPECT_EQ(test::readFile(chassis_.headend().options.flash / "para" / "card1.dat"),
                 Bytes(record, record + sizeof(QamCardPara)));
     }
     expectSays(messageOf([&] { load({}, {{PAT, 65536}}); }), "65536 ticks");

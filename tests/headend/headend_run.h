@@ -12,6 +12,7 @@
 #include <string>
 
 #include "headend/flash_folder.h"
+#include "headend/report.h"
 #include "headend/run.h"
 #include "tests/headend/scratch.h"
 
@@ -44,6 +45,7 @@ class Driven {
     auto options = fastOptions(scratch_.path, 100'000 * kSecond);
     if (prepare) prepare(options);
     headend_ = std::make_unique<Headend>(options);
+    headend::provideStatus(*headend_);
   }
   // Ends with neither a violation of a protocol nor a failed check.
   void drive(std::function<void()> body) {

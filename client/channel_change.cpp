@@ -18,8 +18,8 @@ bool isThere(const fs::path& file) {
 void refuseLeftFile(const fs::path& file, const std::string& content, const std::string& commands) {
   if (!isThere(file)) return;
   throw Error(fmt::format(
-      "nothing was changed: {} exists. It holds {} from before a change that failed and could "
-      "not be put back, or that is in progress.\n{}. Then, or if it is not wanted, remove the file",
+      "nothing was changed: {} exists. It holds {} from before a change that failed and could not be put "
+      "back, or that is in progress.\n{}. Then, or if it is not wanted, remove the file",
       file.string(), content, commands));
 }
 

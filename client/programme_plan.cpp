@@ -339,10 +339,10 @@ class Adding {
     const EntryTable theirs(SDT_C, source_.sdt, from_);
     if (theirs.extension() == sdt.extension() && theirs.head() == sdt.head() && number_ == sourceNumber_)
       return;
-    draft_.note(fmt::format(
-        "the EIT names the programme as {}, stream {}, network {}, which is not what it is on {}: "
-        "receivers may not find its events",
-        sourceNumber_, theirs.extension(), wire::get16(theirs.head().data()), draft_.owner()));
+    draft_.note(
+        fmt::format("the EIT names the programme as {}, stream {}, network {}, which is not what it is on "
+                    "{}: receivers may not find its events",
+                    sourceNumber_, theirs.extension(), wire::get16(theirs.head().data()), draft_.owner()));
   }
 
   ProgrammeDraft draft_;

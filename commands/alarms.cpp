@@ -41,16 +41,15 @@ std::string textOf(const protocol::Alarm& alarm, bool zh) {
 class Alarms final : public Command {
  public:
   void describe(Form& form) override {
-    form.flag({.name = "--history", .text = "the events of the log, oldest first"}, history_);
-    form.flag({.name = "--follow", .text = "then go on with each event as it comes, until interrupted"},
-              follow_);
-    form.take(
-        {.name = "--lang", .text = "language of the texts: zh or en", .type = "LANG", .byDefault = "en"},
-        [this](const std::string& text) {
-          if (text != "zh" && text != "en") throw std::invalid_argument("'" + text + "' is not zh or en");
-          isChinese_ = text == "zh";
-        });
-    form.flag({.name = "--json", .text = "one line of JSON an alarm or event, with both languages"}, json);
+    form.flag("--history", "the events of the log, oldest first", history_);
+    form.flag("--follow", "then go on with each event as it comes, until interrupted", follow_);
+    form.take(Option("--lang", "LANG", "language of the texts: zh or en").byDefault("en"),
+              [this](const std::string& text) {
+                if (text != "zh" && text != "en")
+                  throw std::invalid_argument("'" + text + "' is not zh or en");
+                isChinese_ = text == "zh";
+              });
+    form.flag("--json", "one line of JSON an alarm or event, with both languages", json);
     form.footer(
         "A line has the time (UTC), slot and port, title, text, and in brackets the text for logs.\n"
         "\nExample: qamctl alarms --history --follow --lang zh");

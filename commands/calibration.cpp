@@ -53,8 +53,7 @@ class Save final : public Calibrate {
  public:
   void describe(Form& form) override {
     takeSlot(form);
-    takeFile(form, {.name = "file", .text = "the file to write", .type = "FILE.json", .required = true},
-             file_, true);
+    takeFile(form, Option("file", "FILE.json", "the file to write").required(), file_, true);
   }
   void carryOut(Session& session) override {
     const DacRegisters registers = read(session);
@@ -88,11 +87,10 @@ class Change : public Calibrate {
 
  protected:
   void takeForce(Form& form) {
-    form.flag(
-        {.name = "--force",
-         .text = "write also what puts the DAC's serial port at risk: bits 7 to 5 of register 0x00 (data "
-                 "direction, bit order, software reset)"},
-        force_);
+    form.flag("--force",
+              "write also what puts the DAC's serial port at risk: bits 7 to 5 of register 0x00 (data "
+              "direction, bit order, software reset)",
+              force_);
   }
 
   Groups groups_;
@@ -101,10 +99,10 @@ class Change : public Calibrate {
   void demandSafePort(const DacRegisters& wanted) const {
     const std::string risk = client::portRisk(wanted);
     if (risk.empty() || force_) return;
-    throw std::runtime_error(fmt::format(
-        "slot {}: nothing was written: {}, and the card may then no longer reach the DAC; give other "
-        "common bytes, or --force",
-        slot() + 1, risk));
+    throw std::runtime_error(
+        fmt::format("slot {}: nothing was written: {}, and the card may then no longer reach the DAC; give "
+                    "other common bytes, or --force",
+                    slot() + 1, risk));
   }
 
   void demandEqual(const DacRegisters& before, const DacRegisters& wanted, const DacRegisters& after) const {
@@ -133,10 +131,10 @@ class Change : public Calibrate {
       session.note(
           "the DAC had these values before, so the read-back does not show that the request came through");
     }
-    session.note(fmt::format(
-        "this proves the DAC, not the EEPROM: restart the card and 'qamcal read {}' to see that the "
-        "EEPROM kept them",
-        slot() + 1));
+    session.note(
+        fmt::format("this proves the DAC, not the EEPROM: restart the card and 'qamcal read {}' to see that "
+                    "the EEPROM kept them",
+                    slot() + 1));
   }
 
   bool force_ = false;
@@ -149,12 +147,10 @@ class Write final : public Change {
     for (std::size_t n = 0; n < client::kDacGroups.size(); ++n) {
       const client::DacGroup& group = client::kDacGroups.at(n);
       const int count = static_cast<int>(group.count);
-      form.values({.name = fmt::format("--{}", group.name),
-                   .text = fmt::format("registers 0x{:02x} to 0x{:02x}; without it they keep their values",
-                                       group.first, group.first + group.count - 1),
-                   .type = "BYTE",
-                   .least = count,
-                   .most = count},
+      form.values(Option(fmt::format("--{}", group.name), "BYTE",
+                         fmt::format("registers 0x{:02x} to 0x{:02x}; without it they keep their values",
+                                     group.first, group.first + group.count - 1))
+                      .count(count, count),
                   groups_.at(n), parseHexByte);
     }
     takeForce(form);
@@ -170,8 +166,7 @@ class Restore final : public Change {
  public:
   void describe(Form& form) override {
     takeSlot(form);
-    takeFile(form, {.name = "file", .text = "a file that save wrote", .type = "FILE.json", .required = true},
-             file_, false);
+    takeFile(form, Option("file", "FILE.json", "a file that save wrote").required(), file_, false);
     takeForce(form);
   }
 
@@ -194,7 +189,7 @@ class Watch final : public Calibrate {
   void describe(Form& form) override {
     takeSlot(form);
     // The service takes a request every 100 ms.
-    form.number({.name = "--every", .text = "seconds between two looks", .type = "S"}, every_s_, 0.1, 3600);
+    form.number(Option("--every", "S", "seconds between two looks"), every_s_, 0.1, 3600);
   }
 
   void carryOut(Session& session) override {
@@ -226,10 +221,9 @@ class Watch final : public Calibrate {
 };
 
 void describeShared(Form& form, Shared& shared) {
-  form.number(
-      {.name = "--timeout", .text = "seconds to wait for a reply; asked again each second", .type = "S"},
-      shared.timeout_s, 0.05, 600);
-  form.flag({.name = "--json", .text = "as JSON"}, shared.json);
+  form.number(Option("--timeout", "S", "seconds to wait for a reply; asked again each second"),
+              shared.timeout_s, 0.05, 600);
+  form.flag("--json", "as JSON", shared.json);
 }
 
 }  // namespace
@@ -240,11 +234,9 @@ Group calibrationCommands() {
       .text = "The calibration of a card's DAC (qamcal is another name for it)",
       .footer =
           "N is the slot of the card, 1 to 6. Bytes are in hex: registers 0x00 to 0x04 of the DAC are "
-          "common, 0x05 "
-          "to\n"
+          "common, 0x05 to\n"
           "0x08 gain and offset of I, 0x09 to 0x0c those of Q. The service asks for no password: every user "
-          "who "
-          "reaches it\n"
+          "who reaches it\n"
           "may calibrate.\n"
           "\n"
           "Examples:\n"
@@ -256,8 +248,7 @@ Group calibrationCommands() {
           "  qamcal watch 1 --every 5\n"
           "\n"
           "Exit codes: 0 done; 1 the request could not be carried out (no reply, the DAC reads back "
-          "something "
-          "else, values\n"
+          "something else, values\n"
           "that need --force, file error); 2 wrong call.",
       .commands = {{"read", "Show what the DAC holds", Needs::kCalibration, make<Read>},
                    {"write", "Write the DAC and the EEPROM, and read the DAC back", Needs::kCalibration,

@@ -41,11 +41,9 @@ class CallRoutine final : public Command {
  public:
   void describe(Form& form) override {
     takeSlot(form);
-    form.text({.name = "routine", .text = "its name", .type = "ROUTINE", .required = true}, routine_);
-    form.values({.name = "arguments", .text = "numbers, decimal or 0x", .type = "ARGS", .most = kAny},
-                arguments_, argumentOf);
-    form.number({.name = "--seconds", .text = "how long to wait for its end", .type = "S"}, seconds_, 0.001,
-                1e6);
+    form.text(Option("routine", "ROUTINE", "its name").required(), routine_);
+    form.values(Option("arguments", "ARGS", "numbers, decimal or 0x").count(1, kAny), arguments_, argumentOf);
+    form.number(Option("--seconds", "S", "how long to wait for its end"), seconds_, 0.001, 1e6);
     form.footer("The routine runs in a task of its own; what it prints is shown as it comes.");
   }
 

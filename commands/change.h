@@ -10,9 +10,7 @@ namespace commands {
 class ChangeCommand : public Command {
  protected:
   void takeDryRun(Form& form) {
-    form.flag({.name = "--dry-run",
-               .text = "read and check everything, print what would change, and change nothing"},
-              dryRun_);
+    form.flag("--dry-run", "read and check everything, print what would change, and change nothing", dryRun_);
   }
   // The files for what the channel holds are "pidmap-N.P.rescue.csv" and "psi-N.P.rescue.ts" in the session's
   // rescue folder. Throws client::Error if no reply arrives, std::filesystem::filesystem_error if the folder

@@ -7,23 +7,19 @@
 namespace commands {
 
 void Command::takeChannel(Form& form) {
-  form.value({.name = "channel",
-              .text = fmt::format("slot (1 to {}) and channel (1 or 2), such as 1.2", MAX_BOARD_NUM),
-              .type = "N.P",
-              .required = true},
-             target.channel, channelOf);
+  form.value(
+      Option("channel", "N.P", fmt::format("slot (1 to {}) and channel (1 or 2), such as 1.2", MAX_BOARD_NUM))
+          .required(),
+      target.channel, channelOf);
 }
 
 void Command::takeSlot(Form& form, bool required) {
-  form.value({.name = "slot",
-              .text = fmt::format("slot of the card, 1 to {}", MAX_BOARD_NUM),
-              .type = "N",
-              .required = required},
-             target.slot, slotOf);
+  form.value(Option("slot", "N", fmt::format("slot of the card, 1 to {}", MAX_BOARD_NUM)), target.slot,
+             slotOf);
 }
 
 void Command::takeFile(Form& form, const Option& option, std::string& file, bool isWritten) {
-  form.take(option, [this, &file, isWritten, name = option.name](const std::string& text) {
+  form.take(option, [this, &file, isWritten, name = option.name()](const std::string& text) {
     file = text;
     files.push_back({.name = name, .file = text, .isWritten = isWritten});
   });

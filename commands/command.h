@@ -95,7 +95,7 @@ class Command {
   void takeChannel(Form& form);
   void takeSlot(Form& form, bool required = true);
   void takeFile(Form& form, const Option& option, std::string& file, bool isWritten);
-  void takeJson(Form& form) { form.flag({.name = "--json", .text = "as JSON"}, json); }
+  void takeJson(Form& form) { form.flag("--json", "as JSON", json); }
 
   const protocol::Channel& channel() const { return target.channel.value(); }
   int slot() const { return target.slot.value(); }

@@ -28,7 +28,7 @@ Form::Form(const std::string& program, const std::string& text) : parts_(std::ma
 }
 
 void Form::take(const Option& option, Take take) {
-  const auto each = [take = std::move(take), name = option.name](const CLI::results_t& texts) {
+  const auto each = [take = std::move(take), name = option.name()](const CLI::results_t& texts) {
     try {
       for (const std::string& text : texts) take(text);
     } catch (const std::invalid_argument& e) {
@@ -36,13 +36,13 @@ void Form::take(const Option& option, Take take) {
     }
     return true;
   };
-  CLI::Option* added = parts_->app->add_option(option.name, each, option.text);
-  added->type_name(option.type)->required(option.required)->expected(option.least, option.most);
-  if (!option.byDefault.empty()) added->default_str(option.byDefault);
-  if (!option.group.empty()) added->group(option.group);
-  added->allow_extra_args(option.most == kAny);
-  if (option.repeatable || option.most > 1) added->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  if (!option.repeatable && option.least > 1) added->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+  CLI::Option* added = parts_->app->add_option(option.name_, each, option.text_);
+  added->type_name(option.type_)->required(option.isRequired_)->expected(option.least_, option.most_);
+  if (!option.default_.empty()) added->default_str(option.default_);
+  if (!option.group_.empty()) added->group(option.group_);
+  added->allow_extra_args(option.most_ == kAny);
+  if (option.isRepeatable_ || option.most_ > 1) added->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  if (!option.isRepeatable_ && option.least_ > 1) added->multi_option_policy(CLI::MultiOptionPolicy::Throw);
 }
 
 void Form::text(const Option& option, std::string& field) {
@@ -50,7 +50,7 @@ void Form::text(const Option& option, std::string& field) {
 }
 
 void Form::number(Option option, double& field, double least, double most) {
-  option.byDefault = fmt::format("{:g}", field);
+  option.byDefault(fmt::format("{:g}", field));
   take(option, [&field, least, most](const std::string& text) {
     const auto value = base::parseReal(text);
     if (!value || *value < least || *value > most)
@@ -66,9 +66,9 @@ u64 Form::wholeNumber(const std::string& text, u64 least, u64 most) {
   return *value;
 }
 
-void Form::flag(const Option& option, bool& field) {
-  CLI::Option* added = parts_->app->add_flag(option.name, field, option.text);
-  if (!option.group.empty()) added->group(option.group);
+void Form::flag(const std::string& name, const std::string& text, bool& field, const std::string& group) {
+  CLI::Option* added = parts_->app->add_flag(name, field, text);
+  if (!group.empty()) added->group(group);
 }
 
 void Form::excludes(const std::string& name, const std::string& other) {

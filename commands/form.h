@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/types.h"
@@ -25,18 +26,36 @@ struct Help {
   std::string text;
 };
 
-// An option ("--seconds") or a value that is told by its place ("file").
-struct Option {
-  std::string name;
-  std::string text;           // for --help
-  std::string type = "TEXT";  // what the value is, for --help: "FILE.ts"
-  bool required = false;
-  int least = 1, most = 1;     // number of texts; 0 is for an option that may stand alone
-  bool repeatable = false;     // of an option; each time with that many texts
-  std::string byDefault = "";  // shown by --help; also the text of an option that stands alone
-  std::string group = "";      // heading in --help
+constexpr int kAny = 1 << 20;  // number of texts without a limit
+
+// An option ("--seconds"), or a value that is told by its place ("file").
+class Option {
+ public:
+  // `type` is what the value is, for --help: "FILE.ts".
+  Option(std::string name, std::string type, std::string text)
+      : name_(std::move(name)), type_(std::move(type)), text_(std::move(text)) {}
+
+  Option& required() { return set(isRequired_, true); }
+  // The number of texts behind it; 0 is for an option that may stand alone.
+  Option& count(int least, int most) { return set(least_, least).set(most_, most); }
+  Option& repeatable(int most = 1) { return set(isRepeatable_, true).set(most_, most); }
+  // Shown by --help; also the text of an option that stands alone.
+  Option& byDefault(const std::string& text) { return set(default_, text); }
+  Option& group(const std::string& heading) { return set(group_, heading); }
+  const std::string& name() const { return name_; }
+
+ private:
+  friend class Form;
+  template <typename T>
+  Option& set(T& field, const T& value) {
+    field = value;
+    return *this;
+  }
+
+  std::string name_, type_, text_, default_{}, group_{};
+  bool isRequired_ = false, isRepeatable_ = false;
+  int least_ = 1, most_ = 1;
 };
-constexpr int kAny = 1 << 20;  // for Option::most
 
 class Form {
  public:
@@ -63,12 +82,12 @@ class Form {
   void number(Option option, double& field, double least, double most);
   template <typename T>
   void integer(Option option, T& field, u64 least, u64 most) {
-    option.byDefault = std::to_string(field);
+    option.byDefault(std::to_string(field));
     take(option, [&field, least, most](const std::string& text) {
       field = static_cast<T>(wholeNumber(text, least, most));
     });
   }
-  void flag(const Option& option, bool& field);
+  void flag(const std::string& name, const std::string& text, bool& field, const std::string& group = "");
   void excludes(const std::string& name, const std::string& other);
   void footer(const std::string& text);
 

@@ -9,10 +9,8 @@ namespace {
 class Mib final : public Command {
  public:
   void describe(Form& form) override {
-    form.value({.name = "--base",
-                .text = "what the objects stand below: ten numbers with dots",
-                .type = "OID",
-                .byDefault = protocol::mibBaseText(protocol::kDefaultMibBase)},
+    form.value(Option("--base", "OID", "what the objects stand below: ten numbers with dots")
+                   .byDefault(protocol::mibBaseText(protocol::kDefaultMibBase)),
                base_, protocol::parseMibBase);
     form.footer(
         "The module is QAM-HEADEND-MIB (SMIv2); the base is the agent's.\n"

@@ -50,8 +50,7 @@ std::vector<u8> pngOf(const protocol::LcdImage& lcd) {
 class Lcd final : public Command {
  public:
   void describe(Form& form) override {
-    takeFile(form, {.name = "--png", .text = "save it as a picture in FILE instead", .type = "FILE"},
-             picture_, true);
+    takeFile(form, Option("--png", "FILE", "save it as a picture in FILE instead"), picture_, true);
     takeJson(form);
   }
 
@@ -76,12 +75,8 @@ class Lcd final : public Command {
 class Key final : public Command {
  public:
   void describe(Form& form) override {
-    form.values({.name = "KEY",
-                 .text = "up, down, left, right, ok or cancel",
-                 .type = "",
-                 .required = true,
-                 .most = kAny},
-                keys_, [](const std::string& name) {
+    form.values(Option("KEY", "", "up, down, left, right, ok or cancel").required().count(1, kAny), keys_,
+                [](const std::string& name) {
                   const auto key = protocol::keyOf(name);
                   if (!key) {
                     throw std::invalid_argument(
@@ -106,8 +101,8 @@ class Key final : public Command {
 class PanelOnTerminal final : public Command {
  public:
   void describe(Form& form) override {
-    form.integer({.name = "--patience", .text = "seconds without an answer after which it ends", .type = "S"},
-                 patience_s_, 1, 86'400);
+    form.integer(Option("--patience", "S", "seconds without an answer after which it ends"), patience_s_, 1,
+                 86'400);
     form.footer(
         "Keys: the arrow keys, Enter and Esc are the panel's own; l changes the language of the alarms, p "
         "shows the\n"

@@ -75,16 +75,13 @@ class Load final : public Replace {
  public:
   void describe(Form& form) override {
     takeChannel(form);
-    takeFile(form, {.name = "file", .text = "the map, as CSV", .type = "FILE.csv", .required = true}, file_,
-             false);
+    takeFile(form, Option("file", "FILE.csv", "the map, as CSV").required(), file_, false);
     takeDryRun(form);
     form.footer(
         "The file begins with the line src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type; "
         "then an entry a line, up to 256. Slots (1 to 6) and inputs (1 to 16) count from 1; numbers are "
-        "decimal "
-        "or 0x; lines that begin with # are left out. Each source goes onto a PID of its own, and the type "
-        "and "
-        "the programme numbers are only stored.\n"
+        "decimal or 0x; lines that begin with # are left out. Each source goes onto a PID of its own, and "
+        "the type and the programme numbers are only stored.\n"
         "The map that was there is kept, until the new one is on the air, in "
         "$XDG_STATE_HOME/qamctl/ADDR:PORT/pidmap-N.P.rescue.csv, else below ~/.local/state; an error puts it "
         "back.");
@@ -105,10 +102,8 @@ class Show final : public Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeJson(form);
-    form.flag(
-        {.name = "--csv",
-         .text = "as a file for load; of a locked channel the map on the air, without programme numbers"},
-        csv_);
+    form.flag("--csv",
+              "as a file for load; of a locked channel the map on the air, without programme numbers", csv_);
     form.excludes("--csv", "--json");
   }
 
@@ -129,12 +124,9 @@ class Release final : public ChangeCommand {
   void describe(Form& form) override {
     takeChannel(form);
     takeFile(form,
-             {.name = "--restore",
-              .text = "that map: a rescue file, which is then removed, or another",
-              .type = "FILE.csv"},
+             Option("--restore", "FILE.csv", "that map: a rescue file, which is then removed, or another"),
              file_, false);
-    form.flag({.name = "--empty", .text = "no map: what stands in the record goes on the air, often nothing"},
-              empty_);
+    form.flag("--empty", "no map: what stands in the record goes on the air, often nothing", empty_);
     form.excludes("--empty", "--restore");
     takeDryRun(form);
     form.footer(

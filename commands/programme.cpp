@@ -58,39 +58,28 @@ class Add final : public Change {
   void describe(Form& form) override {
     takeJson(form);
     takeChannel(form);
-    form.value({.name = "--from",
-                .text = "the input that carries the programme",
-                .type = "SLOT.INPUT",
-                .required = true},
+    form.value(Option("--from", "SLOT.INPUT", "the input that carries the programme").required(),
                target.input, inputOf);
-    form.text({.name = "--service",
-               .text = "a programme number, or the service's name, in capitals or not",
-               .type = "NAME|NUMBER",
-               .required = true},
-              service_);
-    form.value({.name = "--pid",
-                .text = "take free PIDs from here on; else the lowest free block from 0x100",
-                .type = "BASE"},
+    form.text(
+        Option("--service", "NAME|NUMBER", "a programme number, or the service's name, in capitals or not")
+            .required(),
+        service_);
+    form.value(Option("--pid", "BASE", "take free PIDs from here on; else the lowest free block from 0x100"),
                add_.base, baseOf);
-    form.values(
-        {.name = "--pass",
-         .text = "route a PID of the input as it is, repeatable: 0x12 for the EIT (the SDT's EIT flags "
-                 "follow), 0x14 for TDT and TOT, or one from 0x20 on",
-         .type = "PID",
-         .repeatable = true},
-        add_.pass, pidOf);
-    form.value({.name = "--ts-id",
-                .text = "the transport_stream_id of a channel that has neither PAT nor SDT",
-                .type = "NUMBER"},
-               add_.transportStreamId, streamIdOf);
-    form.number({.name = "--seconds", .text = "how long to wait for each table of the input", .type = "S"},
-                seconds_, 0, 600);
+    form.values(Option("--pass", "PID",
+                       "route a PID of the input as it is, repeatable: 0x12 for the EIT (the SDT's EIT flags "
+                       "follow), 0x14 for TDT and TOT, or one from 0x20 on")
+                    .repeatable(),
+                add_.pass, pidOf);
+    form.value(
+        Option("--ts-id", "NUMBER", "the transport_stream_id of a channel that has neither PAT nor SDT"),
+        add_.transportStreamId, streamIdOf);
+    form.number(Option("--seconds", "S", "how long to wait for each table of the input"), seconds_, 0, 600);
     takeDryRun(form);
     form.footer(
         "The PIDs of the programme are mapped to free ones of the channel, and PAT, PMT, SDT and (for a "
         "scrambled one) CAT are made to match; transport_stream_id and original_network_id stay the "
-        "channel's. "
-        "A programme that is there already is brought up to date.\n"
+        "channel's. A programme that is there already is brought up to date.\n"
         "What the channel had is kept, until all of the new is on the air, in pidmap-N.P.rescue.csv and "
         "psi-N.P.rescue.ts where 'pidmap load' keeps its map; an error puts it back.\n"
         "\nExamples:\n"
@@ -103,8 +92,8 @@ class Add final : public Change {
     options.sources = session.inputs();
     const auto patience = std::chrono::milliseconds(static_cast<int>(seconds_ * 1000));
     finish(session,
-           client::planAddProgramme(session.link(), channel(), target.input.value(), service_, add_,
-                                    options, patience),
+           client::planAddProgramme(session.link(), channel(), target.input.value(), service_, add_, options,
+                                    patience),
            "added");
   }
 
@@ -118,10 +107,7 @@ class Remove final : public Change {
   void describe(Form& form) override {
     takeJson(form);
     takeChannel(form);
-    form.text({.name = "service",
-               .text = "its number on the channel, or its name",
-               .type = "NAME|NUMBER",
-               .required = true},
+    form.text(Option("service", "NAME|NUMBER", "its number on the channel, or its name").required(),
               service_);
     takeDryRun(form);
     form.footer("Example: qamctl programme remove 1.1 News");

@@ -19,11 +19,6 @@ namespace {
 
 using Interval = std::pair<PsiType, u32>;
 
-void takeIntervals(Form& form, Option option, std::vector<Interval>& intervals) {
-  option.type = "TABLE=TICKS";
-  form.values(option, intervals, protocol::parseInterval);
-}
-
 protocol::Intervals together(const std::vector<Interval>& texts) {
   protocol::Intervals intervals;
   for (const auto& [type, ticks] : texts) {
@@ -39,18 +34,14 @@ class Load final : public ChangeCommand {
     takeChannel(form);
     takeFile(
         form,
-        {.name = "file",
-         .text = "a capture; its PAT, PMT, SDT, NIT, BAT and CAT are loaded, and what is left out is named",
-         .type = "FILE.ts",
-         .required = true},
+        Option("file", "FILE.ts",
+               "a capture; its PAT, PMT, SDT, NIT, BAT and CAT are loaded, and what is left out is named")
+            .required(),
         file_, false);
-    takeIntervals(
-        form,
-        {.name = "--interval", .text = "set an interval with the tables (repeatable)", .repeatable = true},
-        intervals_);
-    form.flag({.name = "--force",
-               .text = "load a locked channel too: what another client left half loaded is gone"},
-              force_);
+    form.values(
+        Option("--interval", "TABLE=TICKS", "set an interval with the tables (repeatable)").repeatable(),
+        intervals_, protocol::parseInterval);
+    form.flag("--force", "load a locked channel too: what another client left half loaded is gone", force_);
     takeDryRun(form);
   }
 
@@ -95,10 +86,9 @@ class Show final : public Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeFile(form,
-             {.name = "--save",
-              .text = "write the packets to a file as well, whole or not at all: nothing is written when the "
-                      "channel is locked or packets lie beyond the 262 positions that can be read",
-              .type = "FILE.ts"},
+             Option("--save", "FILE.ts",
+                    "write the packets to a file as well, whole or not at all: nothing is written when the "
+                    "channel is locked or packets lie beyond the 262 positions that can be read"),
              file_, true);
     takeJson(form);
     form.footer(
@@ -143,12 +133,11 @@ class SetIntervals final : public ChangeCommand {
  public:
   void describe(Form& form) override {
     takeChannel(form);
-    takeIntervals(form,
-                  {.name = "intervals",
-                   .text = "ticks from one section to the next, 0 to 65535; 0 stops the table",
-                   .required = true,
-                   .most = kAny},
-                  intervals_);
+    form.values(Option("intervals", "TABLE=TICKS",
+                       "ticks from one section to the next, 0 to 65535; 0 stops the table")
+                    .required()
+                    .count(1, kAny),
+                intervals_, protocol::parseInterval);
     takeDryRun(form);
     form.footer(
         "A countdown that runs is not cut short: the new interval counts from the next section on.\n"
@@ -170,7 +159,7 @@ class Clear final : public ChangeCommand {
  public:
   void describe(Form& form) override {
     takeChannel(form);
-    form.flag({.name = "--force", .text = "clear a locked channel too"}, force_);
+    form.flag("--force", "clear a locked channel too", force_);
     takeDryRun(form);
   }
   void carryOut(Session& session) override {

@@ -96,16 +96,13 @@ class Search final : public Command {
  public:
   void describe(Form& form) override {
     takeChannel(form);
-    form.value({.name = "pid", .text = "0 to 0x1FFF", .type = "PID", .required = true}, pid_, pidOf);
-    form.take({.name = "table",
-               .text = "PAT, PMT, SDT_C, ..., or a table_id such as 0x4E",
-               .type = "TABLE",
-               .required = true},
+    form.value(Option("pid", "PID", "0 to 0x1FFF").required(), pid_, pidOf);
+    form.take(Option("table", "TABLE", "PAT, PMT, SDT_C, ..., or a table_id such as 0x4E").required(),
               [this](const std::string& text) {
                 tableId_ = tableIdOf(text);
                 table_ = text;
               });
-    form.number({.name = "--seconds", .text = "how long to look", .type = "S"}, seconds_, 0.001, 1e6);
+    form.number(Option("--seconds", "S", "how long to look"), seconds_, 0.001, 1e6);
     takeJson(form);
     form.footer(
         "Each section is shown once, with how often it came. A card has one search: another one on it, of "

@@ -32,8 +32,7 @@ class Rates final : public Command {
     takeJson(form);
     form.footer(
         "Input is what comes in from the inputs that the channel's PID map names, routed what of it is sent. "
-        "A "
-        "channel that drops packets has more routed to it than its symbol rate and constellation carry.");
+        "A channel that drops packets has more routed to it than its symbol rate and constellation carry.");
   }
   void carryOut(Session& session) override {
     const Json report = ratesReport(requiredStatus(session));
@@ -48,8 +47,7 @@ class Rf final : public Command {
     takeJson(form);
     form.footer(
         "kBd is the symbol rate that the modulator was told, clock kBd the one that the clock generator "
-        "gives. "
-        "A channel\n"
+        "gives. A channel\n"
         "is on air, off, or faulty; the line below says why. '-' stands for what cannot be measured.");
   }
 

@@ -77,10 +77,7 @@ class Get final : public Command {
  public:
   void describe(Form& form) override {
     takeSlot(form);
-    form.values({.name = "variables",
-                 .text = "what to read; all when there is none",
-                 .type = "ID|NAME",
-                 .most = kAny},
+    form.values(Option("variables", "ID|NAME", "what to read; all when there is none").count(1, kAny),
                 variables_, variableOf);
     takeJson(form);
     form.footer(
@@ -117,15 +114,11 @@ class Set final : public Command {
  public:
   void describe(Form& form) override {
     takeSlot(form);
-    form.value({.name = "variable", .text = "what to set", .type = "ID|NAME", .required = true}, variable_,
-               variableOf);
-    form.text(
-        {.name = "value", .text = "a number, as qamctl var list shows", .type = "VALUE", .required = true},
-        text_);
+    form.value(Option("variable", "ID|NAME", "what to set").required(), variable_, variableOf);
+    form.text(Option("value", "VALUE", "a number, as qamctl var list shows").required(), text_);
     form.footer(
         "A symbol rate without a row in the clock table (5000 to 7000 in steps of 125 have one) is set, with "
-        "a "
-        "note:\n"
+        "a note:\n"
         "the clock generator keeps its rate, and the channels are faulty until another rate is set.");
   }
 
@@ -162,8 +155,8 @@ Group variableCommands() {
               {"list", "Show what there is and what may be set; asks no server", Needs::kNothing, make<List>},
               {"get", "Read variables of a card", Needs::kChassis, make<Get>},
               {"set",
-               "Set a variable of a card, which applies it and has it saved (a save that fails shows in "
-               "the chassis's log alone)",
+               "Set a variable of a card, which applies it and has it saved (a save that fails shows in the "
+               "chassis's log alone)",
                Needs::kChassis, make<Set>}}};
 }
 

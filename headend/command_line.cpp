@@ -28,10 +28,8 @@ using commands::kAny;
 
 constexpr const char* kDescription =
     "A virtual headend: a chassis with QAM modulator cards in one process, in virtual time. It loads each "
-    "card's FPGA "
-    "from the flash folder, starts the card, and puts its transport streams where --out says. Slots (1 to 6) "
-    "and "
-    "channels (1, 2) count from 1: 2.1 is channel 1 of the card in slot 2.";
+    "card's FPGA from the flash folder, starts the card, and puts its transport streams where --out says. "
+    "Slots (1 to 6) and channels (1, 2) count from 1: 2.1 is channel 1 of the card in slot 2.";
 
 constexpr const char* kFooter = R"(
 Examples:
@@ -194,129 +192,97 @@ struct Given {
 };
 
 void describeCards(Form& form, Options& o) {
-  form.take(
-      {.name = "--flash", .text = "the folder that stands for the flash file system", .byDefault = "flash"},
-      [&o](const std::string& text) { o.flash = text; });
-  form.flag(
-      {.name = "--init-flash", .text = "make that folder with the sample bitstream, no record yet, and exit"},
-      o.initFlash);
-  form.values({.name = "--card",
-               .text = "a card in slot N (repeatable; default 1)",
-               .type = "N",
-               .most = kAny,
-               .repeatable = true},
-              o.slots, commands::slotOf);
-  form.take(
-      {.name = "--out",
-       .text = "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a datagram "
-               "(repeatable)",
-       .most = kAny,
-       .repeatable = true},
-      [&o](const std::string& text) { parseOutput(text, o); });
-  form.take(
-      {.name = "--source",
-       .text =
-           "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays between "
-           "its PCRs, over and over; FILE.ts@RATE for one without PCRs (bit/s); udp://ADDRESS:PORT listens "
-           "there (repeatable)",
-       .most = kAny,
-       .repeatable = true},
-      [&o](const std::string& text) { parseSource(text, o); });
-  form.take({.name = "--dejitter",
-             .text = "milliseconds that a udp:// input waits for late datagrams",
-             .type = "MS",
-             .byDefault = "200"},
+  form.take(Option("--flash", "TEXT", "the folder that stands for the flash file system").byDefault("flash"),
+            [&o](const std::string& text) { o.flash = text; });
+  form.flag("--init-flash", "make that folder with the sample bitstream, no record yet, and exit",
+            o.initFlash);
+  form.values(Option("--card", "N", "a card in slot N (repeatable; default 1)").repeatable(kAny), o.slots,
+              commands::slotOf);
+  form.take(Option("--out", "TEXT",
+                   "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a "
+                   "datagram (repeatable)")
+                .repeatable(kAny),
+            [&o](const std::string& text) { parseOutput(text, o); });
+  form.take(Option("--source", "TEXT",
+                   "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays "
+                   "between its PCRs, over and over; FILE.ts@RATE for one without PCRs (bit/s); "
+                   "udp://ADDRESS:PORT listens there (repeatable)")
+                .repeatable(kAny),
+            [&o](const std::string& text) { parseSource(text, o); });
+  form.take(Option("--dejitter", "MS", "milliseconds that a udp:// input waits for late datagrams")
+                .byDefault("200"),
             timeInto(o.deJitter, 1e6, 1, 5'000));
 }
 
 void describeRun(Form& form, Options& o, JobFlags& jobs) {
   jobs.describe(form);
   form.take(
-      {.name = "--set",
-       .text = "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that time: "
-               "rfreq "
-               "(kHz), rflevel (0.1 dBuV), symbolrate (kBd), qammode, rfswitch, power (qamctl var list tells "
-               "their "
-               "values); or what a sensor measures: temperature1, temperature2 (degrees C) (repeatable)",
-       .most = kAny,
-       .repeatable = true},
+      Option(
+          "--set", "TEXT",
+          "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that time: rfreq "
+          "(kHz), rflevel (0.1 dBuV), symbolrate (kBd), qammode, rfswitch, power (qamctl var list tells "
+          "their values); or what a sensor measures: temperature1, temperature2 (degrees C) (repeatable)")
+          .repeatable(kAny),
       [&](const std::string& text) {
         if (!parseTemperature(text, o)) jobs.set(text);
       });
   form.take(
-      {.name = "--fault",
-       .text =
-           "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from "
-           "that "
-           "time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes input P of "
-           "source card N away, for good or for the first half of each period",
-       .most = kAny,
-       .repeatable = true},
+      Option("--fault", "TEXT",
+             "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from "
+             "that time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes "
+             "input P of source card N away, for good or for the first half of each period")
+          .repeatable(kAny),
       [&o](const std::string& text) {
         if (text == "help") throw commands::Help{faultList()};
         parseFault(text, o);
       });
   form.take(
-      {.name = "--menu-timeout",
-       .text = "seconds without a key after which the front panel goes back to its first screen; 0: never",
-       .type = "S",
-       .byDefault = "60"},
+      Option("--menu-timeout", "S",
+             "seconds without a key after which the front panel goes back to its first screen; 0: never")
+          .byDefault("60"),
       timeInto(o.menuTimeout, 1e9, 0, 86'400));
-  form.take(
-      {.name = "--status-period",
-       .text =
-           "seconds between status checks of a card, which raise and end its alarms; 0: none. A check holds "
-           "up PSI packets for some milliseconds",
-       .type = "S",
-       .byDefault = "1"},
-      timeInto(o.statusPeriod, 1e9, 0, 86'400));
-  form.take({.name = "--seconds", .text = "end after this much virtual time", .type = "S"},
-            [&o](const std::string& text) {
-              o.duration = parseSeconds(text);
-              if (!o.duration || *o.duration == 0)
-                refuse(text, "want a number of seconds above 0, 1e9 at most");
-            });
-  form.flag({.name = "--fast", .text = "as fast as this machine can; needs --seconds"}, o.fast);
+  form.take(Option("--status-period", "S",
+                   "seconds between status checks of a card, which raise and end its alarms; 0: none. A "
+                   "check holds up PSI packets for some milliseconds")
+                .byDefault("1"),
+            timeInto(o.statusPeriod, 1e9, 0, 86'400));
+  form.take(Option("--seconds", "S", "end after this much virtual time"), [&o](const std::string& text) {
+    o.duration = parseSeconds(text);
+    if (!o.duration || *o.duration == 0) refuse(text, "want a number of seconds above 0, 1e9 at most");
+  });
+  form.flag("--fast", "as fast as this machine can; needs --seconds", o.fast);
 }
 
 constexpr const char* kOpenToAll =
     "It has no authentication: leave it on loopback unless the network is yours";
 
 void describeServices(Form& form, Options& o, Given& given) {
-  form.take({.name = "--manage",
-             .text = fmt::format(
-                 "ADDRESS:PORT of the management socket, or off; port 0 takes a free one and says which "
-                 "(default 127.0.0.1:{}, with --fast off). {}",
-                 protocol::kDefaultManagementPort, kOpenToAll),
-             .type = "ADDRESS:PORT"},
+  form.take(Option("--manage", "ADDRESS:PORT",
+                   fmt::format("ADDRESS:PORT of the management socket, or off; port 0 takes a free one and "
+                               "says which (default 127.0.0.1:{}, with --fast off). {}",
+                               protocol::kDefaultManagementPort, kOpenToAll)),
             [&](const std::string& text) {
               given.manage = true;
               if (text != "off") o.manage = parseAddress(text);
             });
-  form.take(
-      {.name = "--epoch",
-       .text =
-           "when virtual time begins, for the alarms: UTC, as 2024-05-01 or 2024-05-01T12:00:00Z (default "
-           "this machine's clock, with --fast 2000-01-01)",
-       .type = "TIME"},
-      [&given](const std::string& text) { given.epoch = parseEpoch(text); });
+  form.take(Option("--epoch", "TIME",
+                   "when virtual time begins, for the alarms: UTC, as 2024-05-01 or 2024-05-01T12:00:00Z "
+                   "(default this machine's clock, with --fast 2000-01-01)"),
+            [&given](const std::string& text) { given.epoch = parseEpoch(text); });
   const std::string calibration = fmt::format("127.0.0.1:{}", client::kDefaultCalibrationPort);
-  form.take({.name = "--calibration",
-             .text = fmt::format(
-                 "start the DAC calibration service, on ADDRESS:PORT of this machine (default {}). {}",
-                 calibration, kOpenToAll),
-             .type = "ADDRESS:PORT",
-             .least = 0,
-             .byDefault = calibration},
+  form.take(Option("--calibration", "ADDRESS:PORT",
+                   fmt::format(
+                       "start the DAC calibration service, on ADDRESS:PORT of this machine (default {}). {}",
+                       calibration, kOpenToAll))
+                .count(0, 1)
+                .byDefault(calibration),
             [&o](const std::string& text) { o.calibration = parseAddress(text); });
-  form.flag(
-      {.name = "--panel",
-       .text =
-           "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says on "
-           "it meanwhile is shown when the panel has ended. To quit the panel ends the run"},
-      o.panel);
+  form.flag("--panel",
+            "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says "
+            "on it meanwhile is shown when the panel has ended. To quit the panel ends the run",
+            o.panel);
   const auto file = [&form](const char* name, const char* text, std::string& field) {
-    form.text({.name = name, .text = text, .type = "FILE"}, field);
+    form.text(Option(name, "FILE", text), field);
   };
   file("--log", "debug lines into this file instead of stderr", o.log);
   file("--report", "write the report (JSON, docs/report.md) to this file at the end", o.report);
@@ -329,11 +295,9 @@ void describeServices(Form& form, Options& o, Given& given) {
        "(docs/tracing.md)",
        o.trace);
   form.take(
-      {.name = "--trace-lines",
-       .text = "only registers whose name matches this pattern, as 'cdce925_*' or 'slot1.att_*' (repeatable)",
-       .type = "PATTERN",
-       .most = kAny,
-       .repeatable = true},
+      Option("--trace-lines", "PATTERN",
+             "only registers whose name matches this pattern, as 'cdce925_*' or 'slot1.att_*' (repeatable)")
+          .repeatable(kAny),
       [&o](const std::string& text) { o.traceLines.push_back(text); });
 }
 
@@ -341,45 +305,35 @@ void describeSnmp(Form& form, Options::Snmp& snmp) {
   const std::string group = "SNMP (docs/snmp.md)";
   const std::string address = "127.0.0.1:1161";
   snmp.base.assign(protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end());
-  form.take({.name = "--snmp",
-             .text = fmt::format(
-                 "open the SNMP agent, on ADDRESS:PORT of this machine (default {}; port 0 takes a free "
-                 "one and says which). Only managers that --snmp-secrets names are answered",
-                 address),
-             .type = "ADDRESS:PORT",
-             .least = 0,
-             .byDefault = address,
-             .group = group},
-            [&snmp](const std::string& text) { snmp.listen = parseAddress(text); });
   form.take(
-      {.name = "--snmp-secrets",
-       .text = "FILE with communities and users, which its owner alone may read (chmod 600). Without it the "
-               "environment variable HEADEND_SNMP_SECRETS holds the lines: read-community WORD; "
-               "write-community WORD; user NAME read|write SHA-256 PASSPHRASE [AES PASSPHRASE]; "
-               "trap-community WORD; trap-user NAME",
-       .type = "FILE",
-       .group = group},
-      [&snmp](const std::string& text) { snmp.secrets = text; });
-  form.flag(
-      {.name = "--snmp-write-community",
-       .text =
-           "let managers that know the write-community set the cards: SNMPv2c sends it in the clear. Without "
-           "this, only users with authentication and privacy write",
-       .group = group},
-      snmp.writeCommunity);
-  form.take(
-      {.name = "--snmp-trap",
-       .text = "ADDRESS:PORT to which alarms go as notifications, by the trap-community or the trap-user",
-       .type = "ADDRESS:PORT",
-       .group = group},
-      [&snmp](const std::string& text) { snmp.trapSink = parseAddress(text); });
-  form.take({.name = "--snmp-base",
-             .text = fmt::format(
-                 "OID of ten components below which the slots are, slot 1 as .2 (default {}; qamctl mib "
-                 "--base prints a MIB for another)",
-                 protocol::mibBaseText(protocol::kDefaultMibBase)),
-             .type = "OID",
-             .group = group},
+      Option("--snmp", "ADDRESS:PORT",
+             fmt::format("open the SNMP agent, on ADDRESS:PORT of this machine (default {}; port 0 takes a "
+                         "free one and says which). Only managers that --snmp-secrets names are answered",
+                         address))
+          .count(0, 1)
+          .byDefault(address)
+          .group(group),
+      [&snmp](const std::string& text) { snmp.listen = parseAddress(text); });
+  form.take(Option("--snmp-secrets", "FILE",
+                   "FILE with communities and users, which its owner alone may read (chmod 600). Without it "
+                   "the environment variable HEADEND_SNMP_SECRETS holds the lines: read-community WORD; "
+                   "write-community WORD; user NAME read|write SHA-256 PASSPHRASE [AES PASSPHRASE]; "
+                   "trap-community WORD; trap-user NAME")
+                .group(group),
+            [&snmp](const std::string& text) { snmp.secrets = text; });
+  form.flag("--snmp-write-community",
+            "let managers that know the write-community set the cards: SNMPv2c sends it in the clear. "
+            "Without this, only users with authentication and privacy write",
+            snmp.writeCommunity, group);
+  form.take(Option("--snmp-trap", "ADDRESS:PORT",
+                   "ADDRESS:PORT to which alarms go as notifications, by the trap-community or the trap-user")
+                .group(group),
+            [&snmp](const std::string& text) { snmp.trapSink = parseAddress(text); });
+  form.take(Option("--snmp-base", "OID",
+                   fmt::format("OID of ten components below which the slots are, slot 1 as .2 (default {}; "
+                               "qamctl mib --base prints a MIB for another)",
+                               protocol::mibBaseText(protocol::kDefaultMibBase)))
+                .group(group),
             [&snmp](const std::string& text) { parseSnmpBase(text, snmp); });
 }
 
@@ -387,7 +341,7 @@ void describeMachine(Form& form, Options& o) {
   Kernel::Settings& k = o.kernel;
   const std::string group = "The machine";
   const auto number = [&](const char* flag, auto& value, const char* what, u64 least, u64 most) {
-    form.integer({.name = flag, .text = what, .type = "NUMBER", .group = group}, value, least, most);
+    form.integer(Option(flag, "NUMBER", what).group(group), value, least, most);
   };
   const auto cost = [&](const char* flag, Nanos& value, const char* what) {
     number(flag, value, what, 1, u64{10} * kSecond);
@@ -405,23 +359,20 @@ void describeMachine(Form& form, Options& o) {
   number("--heap", o.heapBytes, "bytes of the cards' heap", 1, u64{1} << 40);
   number("--heap-fill", o.heapFill, "byte that fresh memory holds", 0, 255);
   number("--seed", o.seed, "for the spread of the parts' times; the same seed, the same run", 0, 0xFFFF'FFFF);
-  form.take({.name = "--eeprom-cycle",
-             .text = "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; "
-                     "repeatable)",
-             .most = kAny,
-             .repeatable = true,
-             .group = group},
+  form.take(Option("--eeprom-cycle", "TEXT",
+                   "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; "
+                   "repeatable)")
+                .repeatable(kAny)
+                .group(group),
             [&o](const std::string& text) { parseEepromCycle(text, o); });
-  form.take({.name = "--power-cut",
-             .text = "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of "
-                     "slot N, or at "
-                     "that time. Ends the run; what the EEPROM then holds is kept",
-             .group = group},
+  form.take(Option("--power-cut", "TEXT",
+                   "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of slot "
+                   "N, or at that time. Ends the run; what the EEPROM then holds is kept")
+                .group(group),
             [&o](const std::string& text) { parsePowerCut(text, o); });
-  form.flag({.name = "--any-bitstream",
-             .text = "the cards' FPGAs take any bitstream, not only one with length and CRC of its own",
-             .group = group},
-            o.anyBitstream);
+  form.flag("--any-bitstream",
+            "the cards' FPGAs take any bitstream, not only one with length and CRC of its own",
+            o.anyBitstream, group);
 }
 
 // What depends on other flags.

@@ -131,8 +131,7 @@ void parseOutput(const std::string& text, Options& options) {
 void parseSource(const std::string& text, Options& options) {
   const char* want =
       "want N=FILE.ts[,FILE.ts...] with N from 1 to 6; FILE.ts@RATE in bits a second for a file without "
-      "PCRs; "
-      "udp://ADDRESS:PORT instead of a file";
+      "PCRs; udp://ADDRESS:PORT instead of a file";
   const auto slot = protocol::parseSlot(text.substr(0, text.find('=')));
   if (!slot || text.size() < 3) refuse(text, want);
   std::vector<Options::Input>& inputs = options.sources[*slot];

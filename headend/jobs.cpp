@@ -136,32 +136,27 @@ void JobFlags::takeKeys(const std::string& text) {
 
 void JobFlags::describe(commands::Form& form) {
   const auto flag = [&form](const char* name, const char* text, auto take) {
-    form.take({.name = name, .text = text, .most = kAny, .repeatable = true}, take);
+    form.take(Option(name, "TEXT", text).repeatable(kAny), take);
   };
   flag("--psi",
        "N.P=FILE.ts[@SECONDS]: upload the PSI of a capture once the card runs, or at that time; a file whose "
-       "name "
-       "ends in @NUMBER takes @0 behind it (repeatable)",
+       "name ends in @NUMBER takes @0 behind it (repeatable)",
        [this](const std::string& text) {
          take("--psi", text, "want N.P=FILE.ts, or N.P=FILE.ts@SECONDS", loadPsi);
        });
-  flag(
-      "--interval",
-      "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of PAT, PMT, SDT_C, SDT_O, "
-      "NIT_C, NIT_O, BAT or CAT (repeatable). It goes with the first --psi of the channel; alone it is set "
-      "while "
-      "the tables are on the air. 0 stops a table; set in the middle of a section it leaves the tables on "
-      "the "
-      "same PID waiting until the next upload",
-      [this](const std::string& text) { takeInterval(text); });
+  flag("--interval",
+       "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of PAT, PMT, SDT_C, "
+       "SDT_O, NIT_C, NIT_O, BAT or CAT (repeatable). It goes with the first --psi of the channel; alone it "
+       "is set while the tables are on the air. 0 stops a table; set in the middle of a section it leaves "
+       "the tables on the same PID waiting until the next upload",
+       [this](const std::string& text) { takeInterval(text); });
   flag("--pidmap", "N.P=FILE.csv[@SECONDS]: load a PID map, as qamctl pidmap load does (repeatable)",
        [this](const std::string& text) {
          take("--pidmap", text, "want N.P=FILE.csv or N.P=FILE.csv@SECONDS", loadPidMap);
        });
   flag("--programme",
        "N.P=SLOT.INPUT:SERVICE[@SECONDS]: put a programme of an input on the channel, by service name or "
-       "number, as "
-       "qamctl programme add does (repeatable)",
+       "number, as qamctl programme add does (repeatable)",
        [this](const std::string& text) {
          take("--programme", text,
               "want N.P=SLOT.INPUT:SERVICE or N.P=SLOT.INPUT:SERVICE@SECONDS, as 1.1=6.1:Four", addProgramme);
@@ -172,9 +167,8 @@ void JobFlags::describe(commands::Form& form) {
        [this](const std::string& text) { takeKeys(text); });
   flag("--do",
        "'[@SECONDS] COMMAND ...': carry out a command of qamctl once the card runs, or at that time, as '@5 "
-       "var set 1 "
-       "rfreq 474000' (repeatable; qamctl --help lists the commands). A wrong command is refused before the "
-       "start",
+       "var set 1 rfreq 474000' (repeatable; qamctl --help lists the commands). A wrong command is refused "
+       "before the start",
        [this](const std::string& text) { takeDo(text); });
 }
 

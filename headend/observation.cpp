@@ -38,10 +38,10 @@ void Observation::taskParked(const Task& task) {
                                                                   .slot = parts_.bus.slotOf(task.polled),
                                                                   .reg = parts_.bus.registerName(task.polled),
                                                                   .since = task.polledSince});
-  say(fmt::format(
-      "{} has polled {} since {:.6f} s and reads {}; it is set aside until that changes (on a chassis "
-      "everything of lower priority would stand still)",
-      parked.task, parked.reg, static_cast<double>(parked.since) / 1e9, task.polledValue));
+  say(
+      fmt::format("{} has polled {} since {:.6f} s and reads {}; it is set aside until that changes (on a "
+                  "chassis everything of lower priority would stand still)",
+                  parked.task, parked.reg, static_cast<double>(parked.since) / 1e9, task.polledValue));
 }
 
 void Observation::taskReleased(const Task& task) {

@@ -40,8 +40,7 @@ constexpr ResultText kResultTexts[] = {
     {kNoCard, "no card in this slot"},
     {kBadLength, "the data has not the length that the variable asks for"},
     {kNoInput,
-     "there is no such input: the chassis has no source card in this slot, or none with so many "
-     "inputs"},
+     "there is no such input: the chassis has no source card in this slot, or none with so many inputs"},
     {kUnknownRoutine, "no routine of this name is offered, or it takes another number of arguments"},
     {kUnknownCall, "no call has this number, or it is forgotten"},
     {kTooManyKeys, "the menu has not read the keys that were pressed before: try again"},

@@ -143,8 +143,7 @@ std::string valueWarning(const CardVariable& variable, u32 value) {
   if (variable.warnStep == 0 || isStep(variable, value, variable.warnStep)) return "";
   return fmt::format(
       "{} {}: the default clock table has rows from {} to {} in steps of {} only. Without a row in the "
-      "card's "
-      "own table the clock stays as it is and disagrees with the modulator",
+      "card's own table the clock stays as it is and disagrees with the modulator",
       variable.name, value, variable.bounds.least, variable.bounds.most, variable.warnStep);
 }
 

@@ -131,9 +131,9 @@ std::string serverOf(const std::string& text) {
 void carryOut(const commands::Call& call, const std::string& server) {
   commands::Surroundings surroundings;
   call.command->prepare(surroundings);
-  const std::string byDefault =
-      fmt::format("127.0.0.1:{}", call.entry->needs == commands::Needs::kCalibration ? client::kDefaultCalibrationPort
-                                                         : protocol::kDefaultManagementPort);
+  const std::string byDefault = fmt::format("127.0.0.1:{}", call.entry->needs == commands::Needs::kCalibration
+                                                                ? client::kDefaultCalibrationPort
+                                                                : protocol::kDefaultManagementPort);
   SocketSession session(server.empty() ? byDefault : server);
   for (const std::string& note : surroundings.notes) session.note(note);
   call.command->carryOut(session);
@@ -145,11 +145,10 @@ int run(const std::string& name, std::vector<std::string> words) {
       name, isCalibration ? "Calibrates the DAC of a modulator card over its chassis's calibration service."
                           : "Manages the modulator cards of a chassis over its management socket.");
   std::string server;
-  form.value({.name = "--server",
-              .text = fmt::format("the chassis's management socket (default 127.0.0.1:{}), or of 'cal' its "
-                                  "calibration service (default 127.0.0.1:{})",
-                                  protocol::kDefaultManagementPort, client::kDefaultCalibrationPort),
-              .type = "ADDR:PORT"},
+  form.value(Option("--server", "ADDR:PORT",
+                    fmt::format("the chassis's management socket (default 127.0.0.1:{}), or of 'cal' its "
+                                "calibration service (default 127.0.0.1:{})",
+                                protocol::kDefaultManagementPort, client::kDefaultCalibrationPort)),
              server, serverOf);
   if (!isCalibration) form.footer(kFooter);
   commands::Calls calls(form, isCalibration ? "cal" : "");

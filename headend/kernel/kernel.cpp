@@ -99,8 +99,7 @@ void Kernel::interrupt(const char* name, int slot, void (*routine)(u8), u8 argum
 void Kernel::refuseInInterrupt(const char* service) {
   fatal_ = fmt::format(
       "interrupt routine {} of slot {} called {}: an interrupt routine may not wait, allocate, use a file or "
-      "touch a "
-      "register",
+      "touch a register",
       interrupt_.name, interrupt_.slot + 1, service);
   stopping_ = true;
   interruptFiber_->suspend();  // permanently: the run ends

@@ -206,9 +206,10 @@ class PassCheck {
       const Pcr& was = source.pcrs[static_cast<size_t>(
           modulo(static_cast<int64_t>(i) - before, static_cast<int64_t>(source.pcrs.size())))];
       if (modulo(static_cast<int64_t>(pcr.at) - first - static_cast<int64_t>(was.at), length) != 0) {
-        faults_.add("added", fmt::format("PID {:#x}: packet {} has a PCR where the source has none, or one "
-                                         "was lost before",
-                                         number, pcr.packet));
+        faults_.add(
+            "added",
+            fmt::format("PID {:#x}: packet {} has a PCR where the source has none, or one was lost before",
+                        number, pcr.packet));
         return;
       }
       const Wide added = aheadOfDeparture(options_.rate, pcr, ticks) - clock_.ahead(was.packet, was.ticks);

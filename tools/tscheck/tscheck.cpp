@@ -210,8 +210,8 @@ int runProgram(int argc, char** argv) {
   app.add_option("FILE", options.file, "transport stream of packets of 188 bytes")->required();
   app.add_option_function<std::string>(
       "--rate", [&](const std::string& text) { options.rate = parseRate(text); },
-      "its bit rate in bit/s, N or N/D; without it the PCRs tell. --psi, --source, "
-      "--constant-rate and --from need it");
+      "its bit rate in bit/s, N or N/D; without it the PCRs tell. --psi, --source, --constant-rate and "
+      "--from need it");
   app.add_flag_callback(
       "--no-limits", [&] { options.limits = false; },
       "measure repetition and PCR interval, but do not judge them");

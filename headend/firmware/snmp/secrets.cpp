@@ -92,10 +92,9 @@ class Parser {
   }
 
   void user(const Words& words) {
-    demand(
-        words.size() == 5 || words.size() == 7,
-        "want user NAME read|write AUTH-PROTOCOL PASSPHRASE [PRIVACY-PROTOCOL PASSPHRASE]; what has blanks "
-        "goes in \"\"");
+    demand(words.size() == 5 || words.size() == 7,
+           "want user NAME read|write AUTH-PROTOCOL PASSPHRASE [PRIVACY-PROTOCOL PASSPHRASE]; what has "
+           "blanks goes in \"\"");
     SnmpSecrets::User user{.name = words[1],
                            .writes = words[2] == "write",
                            .authProtocol = words[3],

@@ -67,6 +67,7 @@ fs::path stateFolder() {
 class SocketSession final : public commands::Session {
  public:
   explicit SocketSession(std::string server) : server_(std::move(server)), calibration_(server_) {}
+  ~SocketSession() override { SocketSession::progress(""); }  // before an error is printed
 
   client::Link& link() override {
     if (!link_) link_.emplace(server_);
@@ -81,7 +82,9 @@ class SocketSession final : public commands::Session {
   }
   void note(const std::string& text) override { fmt::print(stderr, "note: {}\n", text); }
   void progress(const std::string& text) override {
-    if (isatty(STDERR_FILENO) == 1) fmt::print(stderr, "\r{}\x1B[K", text);
+    if (isatty(STDERR_FILENO) == 0 || (text.empty() && !hasProgress_)) return;
+    fmt::print(stderr, "\r{}\x1B[K", text);
+    hasProgress_ = !text.empty();
   }
 
   fs::path rescueFolder() const override {
@@ -119,6 +122,7 @@ class SocketSession final : public commands::Session {
   }
 
   std::string server_;
+  bool hasProgress_ = false;
   std::optional<client::UdpLink> link_;
   client::UdpCalibrationLink calibration_;
 };

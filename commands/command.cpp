@@ -13,9 +13,9 @@ void Command::takeChannel(Form& form) {
       target.channel, channelOf);
 }
 
-void Command::takeSlot(Form& form, bool required) {
-  form.value(Option("slot", "N", fmt::format("slot of the card, 1 to {}", MAX_BOARD_NUM)), target.slot,
-             slotOf);
+void Command::takeSlot(Form& form, bool isRequired) {
+  Option option("slot", "N", fmt::format("slot of the card, 1 to {}", MAX_BOARD_NUM));
+  form.value(isRequired ? option.required() : option, target.slot, slotOf);
 }
 
 void Command::takeFile(Form& form, const Option& option, std::string& file, bool isWritten) {

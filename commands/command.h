@@ -93,7 +93,7 @@ class Command {
  protected:
   // Values that several commands have; they are noted in `target` and `files`.
   void takeChannel(Form& form);
-  void takeSlot(Form& form, bool required = true);
+  void takeSlot(Form& form, bool isRequired = true);
   void takeFile(Form& form, const Option& option, std::string& file, bool isWritten);
   void takeJson(Form& form) { form.flag("--json", "as JSON", json); }
 

@@ -25,6 +25,7 @@ namespace {
 
 using commands::Form;
 using commands::kAny;
+using commands::Option;
 
 constexpr const char* kDescription =
     "A virtual headend: a chassis with QAM modulator cards in one process, in virtual time. It loads each "

@@ -12,6 +12,7 @@ namespace headend {
 namespace {
 
 using commands::kAny;
+using commands::Option;
 using Words = std::vector<std::string>;
 
 std::string quoted(const std::string& word) {

@@ -149,11 +149,12 @@ int run(const std::string& name, std::vector<std::string> words) {
       name, isCalibration ? "Calibrates the DAC of a modulator card over its chassis's calibration service."
                           : "Manages the modulator cards of a chassis over its management socket.");
   std::string server;
-  form.value(Option("--server", "ADDR:PORT",
-                    fmt::format("the chassis's management socket (default 127.0.0.1:{}), or of 'cal' its "
-                                "calibration service (default 127.0.0.1:{})",
-                                protocol::kDefaultManagementPort, client::kDefaultCalibrationPort)),
-             server, serverOf);
+  form.value(
+      commands::Option("--server", "ADDR:PORT",
+                       fmt::format("the chassis's management socket (default 127.0.0.1:{}), or of 'cal' its "
+                                   "calibration service (default 127.0.0.1:{})",
+                                   protocol::kDefaultManagementPort, client::kDefaultCalibrationPort)),
+      server, serverOf);
   if (!isCalibration) form.footer(kFooter);
   commands::Calls calls(form, isCalibration ? "cal" : "");
   try {

@@ -1,10 +1,8 @@
 #include "headend/flag_values.h"
 
 #include <algorithm>
-#include <cmath>
 #include <ctime>
 #include <limits>
-#include <stdexcept>
 
 #include "commands/values.h"
 #include "headend/hardware/faults.h"
@@ -93,33 +91,10 @@ bool parseInputLoss(const std::string& text, Options& options) {
 
 }  // namespace
 
-void refuse(const std::string& text, const std::string& want) {
-  throw std::invalid_argument("'" + text + "': " + want);
-}
-
 base::Address parseAddress(const std::string& text) {
   const auto address = base::parseAddress(text);
   if (!address) refuse(text, "want ADDRESS:PORT with a port up to 65535");
   return *address;
-}
-
-std::pair<std::string, std::string> splitAssignment(const std::string& text, const std::string& want) {
-  const std::size_t at = text.find('=');
-  if (at == std::string::npos || at == 0 || at + 1 == text.size()) refuse(text, want);
-  return {text.substr(0, at), text.substr(at + 1)};
-}
-
-std::optional<Nanos> parseSeconds(const std::string& text) {
-  const auto seconds = base::parseReal(text);
-  if (!seconds || *seconds < 0 || *seconds > 1e9) return {};
-  return std::llround(*seconds * 1e9);
-}
-
-Nanos takeTimeIfAny(std::string& text) {
-  const std::size_t at = text.rfind('@');
-  const auto seconds = at == std::string::npos ? std::nullopt : parseSeconds(text.substr(at + 1));
-  if (seconds) text.resize(at);
-  return seconds.value_or(0);
 }
 
 void parseOutput(const std::string& text, Options& options) {

@@ -2,25 +2,12 @@
 // expected form. Used only for the command line.
 #pragma once
 
-#include <optional>
 #include <string>
-#include <utility>
 
+#include "headend/flag_text.h"
 #include "headend/options.h"
 
 namespace headend {
-
-[[noreturn]] void refuse(const std::string& text, const std::string& want);
-
-// Seconds with a fraction; nullopt if the text is not a number or is out of range.
-std::optional<Nanos> parseSeconds(const std::string& text);
-
-// Splits "LEFT=RIGHT"; if one part is missing, the error message contains `want`.
-std::pair<std::string, std::string> splitAssignment(const std::string& text, const std::string& want);
-
-// Removes "@SECONDS" from the end of a text; 0 if the text after the last @ is not a time, because a file
-// name may contain an @.
-Nanos takeTimeIfAny(std::string& text);
 
 base::Address parseAddress(const std::string& text);  // "ADDRESS:PORT"
 u32 parseEpoch(const std::string& text);              // UTC, in seconds since 1970

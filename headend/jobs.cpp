@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "headend/flag_values.h"
+#include "headend/flag_text.h"
 
 namespace headend {
 namespace {

@@ -41,14 +41,12 @@ void useNoFilesBut(const std::filesystem::path& folder) {
 
 netsnmp_transport* openTransport(const SnmpLibrary::Address& address, bool listens, const char* purpose) {
   const auto failed = [&](const char* why) {
-    return std::runtime_error(
-        fmt::format("cannot {} {}:{}: {}", purpose, address.host, address.port, why));
+    return std::runtime_error(fmt::format("cannot {} {}:{}: {}", purpose, address.host, address.port, why));
   };
   netsnmp_ep end{};
   end.a.sin.sin_family = AF_INET;
   end.a.sin.sin_port = htons(address.port);
-  if (inet_pton(AF_INET, address.host.c_str(), &end.a.sin.sin_addr) != 1)
-    throw failed("not an IPv4 address");
+  if (inet_pton(AF_INET, address.host.c_str(), &end.a.sin.sin_addr) != 1) throw failed("not an IPv4 address");
   errno = 0;
   netsnmp_transport* transport = netsnmp_udp_transport(&end, listens ? 1 : 0);
   if (transport == nullptr) throw failed(std::strerror(errno));

@@ -123,7 +123,8 @@ TEST(Modulator, RunsOnAClockForEveryRateOfItsTable) {
 TEST(Modulator, MeasuresTheRatesThatLeave) {
   Powered powered([](headend::Options& options) {
     std::string load = "psi load 1.1 " QAM_SAMPLES "/psi-full.ts";
-    for (const auto table : mpeg::kAllTables) load += fmt::format(" --interval {}=20", mpeg::tableName(table));
+    for (const auto table : mpeg::kAllTables)
+      load += fmt::format(" --interval {}=20", mpeg::tableName(table));
     options.jobs.push_back(headend::jobOf(load));
   });
   std::array<PacketKeeper, 2> sinks;

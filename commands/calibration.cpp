@@ -9,7 +9,6 @@
 
 #include "commands/calibration_report.h"
 #include "commands/families.h"
-#include "commands/save_file.h"
 
 namespace commands {
 namespace {

@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <system_error>
+
+#include "base/files.h"
 #include "commands/values.h"
 
 namespace commands {
@@ -23,6 +26,14 @@ void Command::takeFile(Form& form, const Option& option, std::string& file, bool
     file = text;
     files.push_back({.name = name, .file = text, .isWritten = isWritten});
   });
+}
+
+void Command::saveFile(const std::string& file, std::span<const u8> bytes) {
+  try {
+    base::writeOutput(file, bytes);
+  } catch (const std::system_error& e) {
+    throw std::runtime_error(fmt::format("{}: cannot be written: {}", file, e.what()));
+  }
 }
 
 }  // namespace commands

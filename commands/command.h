@@ -97,6 +97,9 @@ class Command {
   void takeFile(Form& form, const Option& option, std::string& file, bool isWritten);
   void takeJson(Form& form) { form.flag("--json", "as JSON", json); }
 
+  // Writes a file that the user names, whole or not at all. Throws std::runtime_error with its name.
+  static void saveFile(const std::string& file, std::span<const u8> bytes);
+
   const protocol::Channel& channel() const { return target.channel.value(); }
   int slot() const { return target.slot.value(); }
 

@@ -8,7 +8,6 @@
 #include "client/chassis_services.h"
 #include "commands/families.h"
 #include "commands/json_fields.h"
-#include "commands/save_file.h"
 
 namespace commands {
 namespace {

@@ -1,8 +1,10 @@
 // pidmap: loads, shows and clears the PID map of a channel, and ends a lock that was left behind.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "client/chassis_services.h"
@@ -10,7 +12,7 @@
 #include "client/pid_map_file.h"
 #include "commands/change.h"
 #include "commands/families.h"
-#include "commands/pid_map_report.h"
+#include "commands/json_fields.h"
 
 namespace commands {
 namespace {
@@ -18,6 +20,100 @@ namespace {
 using client::ReleaseBy;
 using protocol::Channel;
 using protocol::MapEntry;
+
+// ---- The report of a map
+
+Json sourceAndPid(const MapEntry& e) {
+  return {{"src_slot", e.sourceSlot + 1},
+          {"src_port", e.sourcePort + 1},
+          {"src_pid", e.sourcePid},
+          {"dst_pid", e.pid}};
+}
+
+Json entryOf(const MapEntry& e) {
+  Json entry = sourceAndPid(e);
+  entry["src_programme"] = e.sourceProgramme;
+  entry["dst_programme"] = e.programme;
+  entry["type"] = e.type;
+  return entry;
+}
+
+std::size_t repeatedIn(const std::vector<MapEntry>& entries) {
+  std::set<u32> sources;
+  for (const MapEntry& e : entries) sources.insert(protocol::sourceKey(e));
+  return entries.size() - sources.size();
+}
+
+std::string lineOf(const Json& e) {
+  std::string line = fmt::format("  {}.{}  {:#06x} -> {:#06x}", e["src_slot"].get<u32>(),
+                                 e["src_port"].get<u32>(), e["src_pid"].get<u16>(), e["dst_pid"].get<u16>());
+  if (e.contains("type")) {
+    line += fmt::format("  programme {} -> {}, type {}", e["src_programme"].get<u16>(),
+                        e["dst_programme"].get<u16>(), e["type"].get<u16>());
+  }
+  return line + "\n";
+}
+
+std::string linesOf(const char* title, const Json& entries) {
+  std::string text =
+      fmt::format("{}: {} {}\n", title, entries.size(), entries.size() == 1 ? "entry" : "entries");
+  for (const Json& entry : entries) text += lineOf(entry);
+  return text;
+}
+
+// An object with channel, locked, announced_only (entries announced but never received), record (a list of
+// objects with the members of a map file), router (the same without programme numbers and type; null if the
+// chassis gives none), repeated (positions of the router whose source has an earlier position, which takes
+// effect) and router_holds_record (null as router).
+Json pidMapReport(const client::PidMap& map, const protocol::Channel& channel,
+                  const std::optional<std::vector<chassis::RouterWords>>& router) {
+  Json report = {{"channel", protocol::channelName(channel)},
+                 {"locked", map.locked},
+                 {"announced_only", std::ranges::count_if(map.entries, protocol::isBlank)},
+                 {"record", Json::array()},
+                 {"router", nullptr},
+                 {"repeated", nullptr},
+                 {"router_holds_record", nullptr}};
+  for (const MapEntry& e : map.entries) {
+    if (!protocol::isBlank(e)) report["record"].push_back(entryOf(e));
+  }
+  if (!router) return report;
+  const auto routed = protocol::entriesOf(*router);
+  report["router"] = Json::array();
+  for (const MapEntry& e : routed) report["router"].push_back(sourceAndPid(e));
+  report["repeated"] = repeatedIn(routed);
+  report["router_holds_record"] = protocol::holds(*router, map.entries);
+  return report;
+}
+
+// The report of pidMapReport as text lines.
+std::string pidMapText(const Json& report) {
+  const std::string channel = report["channel"];
+  std::string text = fmt::format("Channel {}\n", channel);
+  if (report["locked"].get<bool>()) {
+    text += fmt::format(
+        "LOCKED: a load is under way, or broke off; on the air is what the router holds. When nobody is at "
+        "work any more, 'qamctl pidmap release {}' ends the lock\n",
+        channel);
+  }
+  if (const auto blank = report["announced_only"].get<std::size_t>(); blank > 0) {
+    text += fmt::format("{} more entries of the record were announced and never came\n", blank);
+  }
+  text += linesOf("record", report["record"]);
+  const Json& router = report["router"];
+  if (router.is_null()) return text + "router: the chassis does not tell\n";
+  if (report["router_holds_record"].get<bool>()) {
+    text += "router: holds the record\n";
+  } else {
+    text += linesOf("router, ANOTHER MAP than the record", router);
+  }
+  if (const auto repeated = report["repeated"].get<std::size_t>(); repeated > 0) {
+    text += fmt::format("{} of the router's positions repeat a source: it takes the first\n", repeated);
+  }
+  return text;
+}
+
+// ---- The commands
 
 std::optional<std::vector<chassis::RouterWords>> routerOf(Session& session, const Channel& channel) {
   try {

@@ -6,11 +6,87 @@
 #include "client/programme.h"
 #include "commands/change.h"
 #include "commands/families.h"
-#include "commands/programme_report.h"
+#include "commands/json_fields.h"
 #include "commands/values.h"
 
 namespace commands {
 namespace {
+
+// ---- The report of programmes
+
+Json sourceOf(const client::ProgrammePid& pid) {
+  if (!pid.source) return {};
+  return {{"slot", pid.source->sourceSlot + 1},
+          {"input", pid.source->sourcePort + 1},
+          {"pid", pid.source->sourcePid},
+          {"programme", pid.source->sourceProgramme}};
+}
+
+Json pidReport(const client::ProgrammePid& pid) {
+  using Use = client::PidField::Use;
+  Json report = {{"pid", pid.pid}};
+  switch (pid.field.use) {
+    case Use::kStream:
+      report["use"] = "stream";
+      report["stream_type"] = pid.field.streamType;
+      break;
+    case Use::kPcr:
+      report["use"] = "pcr";
+      break;
+    case Use::kCa:
+      report["use"] = "ca";
+      report["ca_system"] = pid.field.caSystem;
+      break;
+  }
+  report["source"] = sourceOf(pid);
+  return report;
+}
+
+std::string pidText(const Json& pid) {
+  std::string use = pid["use"].get<std::string>();
+  if (pid.contains("stream_type")) use += fmt::format(" {:#04x}", pid["stream_type"].get<int>());
+  if (pid.contains("ca_system")) use += fmt::format(" {:#06x}", pid["ca_system"].get<int>());
+  const Json& source = pid["source"];
+  return fmt::format("    {:#06x} {:<12} {}\n", pid["pid"].get<int>(), use,
+                     source.is_null() ? "from nowhere: the PID map has no entry for it"
+                                      : fmt::format("from {}.{} PID {:#06x}", source["slot"].get<int>(),
+                                                    source["input"].get<int>(), source["pid"].get<int>()));
+}
+
+// An object with channel and programmes: a list of objects with number, name, pmt_pid, pcr_pid (null for
+// none) and pids: [{pid, use ("stream", "pcr" or "ca"), stream_type, ca_system, source}], where source is
+// null or {slot, input, pid, programme}, slot and input from 1. stream_type and ca_system are present where
+// they apply.
+Json programmeReport(const protocol::Channel& channel, const std::vector<client::Programme>& programmes) {
+  Json list = Json::array();
+  for (const client::Programme& programme : programmes) {
+    Json pids = Json::array();
+    for (const client::ProgrammePid& pid : programme.pids) pids.push_back(pidReport(pid));
+    list.push_back({{"number", programme.number},
+                    {"name", programme.name},
+                    {"pmt_pid", programme.pmtPid},
+                    {"has_pmt", programme.hasPmt},
+                    {"pcr_pid", programme.pcrPid == kNullPid ? Json() : Json(programme.pcrPid)},
+                    {"pids", std::move(pids)}});
+  }
+  return {{"channel", protocol::channelName(channel)}, {"programmes", std::move(list)}};
+}
+
+std::string programmeText(const Json& report) {
+  std::string text;
+  for (const Json& programme : report["programmes"]) {
+    const Json& pcr = programme["pcr_pid"];
+    text += fmt::format("{} '{}': PMT PID {:#06x}{}, {}\n", programme["number"].get<int>(),
+                        programme["name"].get<std::string>(), programme["pmt_pid"].get<int>(),
+                        programme["has_pmt"].get<bool>() ? "" : ", which the channel does not store",
+                        pcr.is_null() ? "no PCR" : fmt::format("PCR PID {:#06x}", pcr.get<int>()));
+    for (const Json& pid : programme["pids"]) text += pidText(pid);
+  }
+  return text.empty() ? fmt::format("channel {} has no programmes\n", report["channel"].get<std::string>())
+                      : text;
+}
+
+// ---- The commands
 
 u16 baseOf(const std::string& text) {
   const auto pid = base::parseNumber<u16>(text, kNullPid);

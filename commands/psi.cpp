@@ -11,7 +11,6 @@
 #include "commands/change.h"
 #include "commands/families.h"
 #include "commands/psi_report.h"
-#include "commands/save_file.h"
 #include "commands/status_report.h"
 
 namespace commands {

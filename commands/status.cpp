@@ -4,8 +4,6 @@
 #include <stdexcept>
 
 #include "commands/families.h"
-#include "commands/programme_report.h"
-#include "commands/rf_report.h"
 #include "commands/status_report.h"
 
 namespace commands {

@@ -8,6 +8,14 @@
 namespace commands {
 namespace {
 
+constexpr const char* kRates[] = {"input", "routed", "psi", "null", "total"};
+
+// "-" where nothing is measured.
+std::string measured(const Json& entry, const char* key, double unit, int decimals) {
+  const auto value = number(entry, key);
+  return value ? fmt::format("{:.{}f}", *value / unit, decimals) : "-";
+}
+
 constexpr double kLongLock_s = 10;  // an upload takes much less
 
 std::string tablesOf(const Json& channel) {
@@ -128,6 +136,77 @@ std::string statusText(const Json& status) {
   }
   text += faultsText(status);
   return text.empty() ? "the chassis tells nothing\n" : text;
+}
+
+Json rfOfCard(const Json& card) {
+  Json readouts = Json::array();
+  const Json channels = member(card, "channels");
+  for (std::size_t i = 0; channels.is_array() && i < channels.size(); ++i) {
+    const Json rf = member(channels[i], "rf");
+    if (!rf.is_object()) continue;
+    Json entry = {{"slot", member(card, "slot")}, {"channel", i + 1}};
+    entry.update(rf);
+    readouts.push_back(std::move(entry));
+  }
+  return readouts;
+}
+
+std::string rfLine(const Json& readout) {
+  const std::string frequency = measured(readout, "frequency_khz", 1000, 3);
+  const std::string constellation = oneLine(member(readout, "constellation"));
+  const std::string clock = measured(readout, "clock_kbd", 1, 3);
+  const std::string why = oneLine(member(readout, "why"));
+  return fmt::format(
+      "{}  {} dBuV  {}  {} kBd (clock {})  {}{}{}", frequency == "-" ? "no carrier" : frequency + " MHz",
+      measured(readout, "level_dbuv", 1, 1), constellation.empty() ? "no constellation" : constellation,
+      measured(readout, "symbol_rate_kbd", 1, 0), clock == "-" ? "none" : clock,
+      oneLine(member(readout, "verdict")), why.empty() ? "" : ": ", why);
+}
+
+std::vector<std::string> rfLines(const Json& readouts) {
+  constexpr auto kRow = "{:<4} {:<8} {:>9} {:>6} {:>8} {:>5} {:>10} {:>9}";
+  std::vector<std::string> lines = {
+      fmt::format(kRow, "", "", "MHz", "dBuV", "", "kBd", "clock kBd", "bit/s")};
+  for (const Json& entry : readouts) {
+    const std::string constellation = oneLine(member(entry, "constellation"));
+    lines.push_back(fmt::format(kRow, fmt::format("{}.{}", whole(entry, "slot"), whole(entry, "channel")),
+                                oneLine(member(entry, "verdict")), measured(entry, "frequency_khz", 1000, 4),
+                                measured(entry, "level_dbuv", 1, 1),
+                                constellation.empty() ? "-" : constellation,
+                                measured(entry, "symbol_rate_kbd", 1, 0), measured(entry, "clock_kbd", 1, 3),
+                                measured(entry, "bit_rate", 1, 0)));
+    const std::string why = oneLine(member(entry, "why"));
+    if (!why.empty()) lines.push_back("     " + why);
+  }
+  return lines;
+}
+
+Json ratesReport(const Json& status) {
+  Json list = Json::array();
+  for (const Json& card : member(status, "cards")) {
+    const Json channels = member(card, "channels");
+    if (!channels.is_array()) continue;
+    for (std::size_t i = 0; i < channels.size(); ++i) {
+      const Json rates = member(channels[i], "rates");
+      Json row = {{"channel", fmt::format("{}.{}", whole(card, "slot"), i + 1)}};
+      for (const char* rate : kRates) row[rate] = member(rates, rate);
+      row["dropped"] = member(member(channels[i], "packets"), "dropped");
+      list.push_back(std::move(row));
+    }
+  }
+  return list;
+}
+
+std::string ratesText(const Json& report) {
+  std::string text = fmt::format("{:<4}", "");
+  for (const char* rate : kRates) text += fmt::format(" {:>11}", rate);
+  text += fmt::format(" {:>11}\n", "dropped");
+  for (const Json& row : report) {
+    text += fmt::format("{:<4}", oneLine(row["channel"]));
+    for (const char* rate : kRates) text += fmt::format(" {:>11}", whole(row, rate));
+    text += fmt::format(" {:>11}\n", whole(row, "dropped"));
+  }
+  return text + "Rates in bit/s, of packets of 188 bytes; dropped in packets since the start.\n";
 }
 
 }  // namespace commands

@@ -30,4 +30,18 @@ std::string faultsText(const Json& status);
 // The tick rate of the carousel from the status; nullopt if it is missing.
 std::optional<double> auxHzOf(const Json& status);
 
+// The readout of each channel of a card's status entry, each with its slot and channel.
+Json rfOfCard(const Json& card);
+
+// A readout in one line: "554.000 MHz  100.0 dBuV  64-QAM  6875 kBd (clock 6875.000)  on air".
+std::string rfLine(const Json& readout);
+
+// A table of such readouts with a heading; a line below a channel gives the reason if it is off or faulty.
+std::vector<std::string> rfLines(const Json& readouts);
+
+// From a status object: a list of {channel, input, routed, psi, null, total (bit/s), dropped (packets)};
+// values missing in the status are null.
+Json ratesReport(const Json& status);
+std::string ratesText(const Json& report);
+
 }  // namespace commands

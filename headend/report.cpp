@@ -2,7 +2,8 @@
 
 #include <cmath>
 #include <nlohmann/json.hpp>
-#include <ranges>
+#include <numeric>
+#include <vector>
 
 #include "hw/ad9775.h"
 
@@ -10,6 +11,12 @@ namespace headend {
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+std::vector<int> numbersBelow(int end) {
+  std::vector<int> numbers(static_cast<std::size_t>(end));
+  std::iota(numbers.begin(), numbers.end(), 0);
+  return numbers;
+}
 
 template <typename Range, typename Entry>
 Json listOf(const Range& range, Entry entryOf) {
@@ -94,7 +101,7 @@ Json sources(Headend& headend) {
             {"last_seconds", counts.last ? Json(seconds(*counts.last)) : Json(nullptr)}};
   };
   return listOf(headend.sources.slots(), [&](int slot) -> Json {
-    const auto inputs = std::views::iota(0, static_cast<int>(headend.sources.inputs(slot)));
+    const auto inputs = numbersBelow(static_cast<int>(headend.sources.inputs(slot)));
     return {{"slot", slot + 1}, {"inputs", listOf(inputs, [&](int port) { return inputOf(slot, port); })}};
   });
 }
@@ -136,10 +143,10 @@ Json startup(Headend& headend, int slot) {
 // What the DAC has taken, what its EEPROM holds for it, and whether that would trouble a real part's port.
 Json calibration(Headend& headend, int slot) {
   CardBoard& board = headend.card(slot).board();
-  const auto registers = std::views::iota(u8{0}, kDacRegisters);
+  const auto registers = numbersBelow(kDacRegisters);
   const Eeprom::Image& image = board.eeprom().image(headend.kernel.now());
-  return {{"dac", listOf(registers, [&board](u8 n) { return board.dac().reg(n); })},
-          {"eeprom", listOf(registers, [&image](u8 n) { return image[n]; })},
+  return {{"dac", listOf(registers, [&board](int n) { return board.dac().reg(static_cast<u8>(n)); })},
+          {"eeprom", listOf(registers, [&image](int n) { return image[static_cast<std::size_t>(n)]; })},
           {"dac_port_at_risk", board.dac().portAtRisk()},
           {"edges", board.calibrationEdges()}};
 }
@@ -157,8 +164,8 @@ Json card(Headend& headend, int slot) {
   if (const Observation::ParkedTask* hung = headend.observation.hangingTask(slot)) {
     entry["hung"] = {{"task", hung->task}, {"register", hung->reg}, {"since_seconds", seconds(hung->since)}};
   }
-  entry["channels"] = listOf(std::views::iota(0, int{MAX_QAM_OUT_NUM}),
-                             [&](int port) { return channel(headend, slot, port); });
+  entry["channels"] =
+      listOf(numbersBelow(MAX_QAM_OUT_NUM), [&](int port) { return channel(headend, slot, port); });
   return entry;
 }
 

@@ -8,8 +8,6 @@
 #include <string_view>
 
 #include "commands/json_fields.h"
-#include "commands/programme_report.h"
-#include "commands/rf_report.h"
 #include "commands/status_report.h"
 #include "headend/report.h"
 

@@ -9,7 +9,6 @@
 #include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "commands/json_fields.h"
-#include "commands/rf_report.h"
 #include "commands/status_report.h"
 #include "tools/panel/panel_terminal.h"
 #include "tools/panel/panel_view.h"

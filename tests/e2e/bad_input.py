@@ -19,6 +19,7 @@ CALLS = """
 2 | --nonsense | nonsense
 2 | --do fly | no command 'fly'
 2 | --do panel | user at a terminal
+2 | --do 'key sideways' | sideways
 2 | --do '@5 var set 2 rfreq 500000' | --card 2
 2 | --do 'psi load 1.1 missing.ts' | missing.ts
 2 | --do 'lcd --png flash/K717_QAM/qam.bin' | the cards
@@ -172,6 +173,4 @@ def a_full_or_write_protected_disk_is_named_and_leaves_the_old_record_and_whole_
     case.tidy(flash, 'para')
 
 
-harness.main([a_call_that_cannot_be_done_is_refused_with_the_reason_and_changes_nothing,
-              a_bad_file_in_the_flash_is_named_and_kept,
-              a_full_or_write_protected_disk_is_named_and_leaves_the_old_record_and_whole_packets])
+harness.main(__name__)

@@ -59,5 +59,4 @@ def a_power_cut_harms_no_byte(case):
     case.says(case.fast(flash, 1, codes=(1,)), 'card1.bin', '2048')
 
 
-if __name__ == '__main__':
-    harness.main([bytes_written_outlive_a_kill, a_power_cut_harms_no_byte])
+harness.main(__name__)

@@ -1,9 +1,11 @@
 """What the end-to-end tests share: running the programs, temporary flash folders, sections of a stream, and a
 management client written from the description of the datagram.
 
-A script gives its cases to main(): functions of a Case. Each is a test of its own, whose name it is."""
+A script calls main() at its end. Its cases are its functions with three underscores in the name or more; each is
+a test of its own, of that name."""
 import argparse
 import collections
+import inspect
 import json
 import os
 import re
@@ -337,8 +339,11 @@ def packed(pid, data):
     return packets
 
 
-def main(cases):
-    cases = {function.__name__.replace('_', '-'): function for function in cases}
+def main(script):
+    if script != '__main__':
+        return
+    cases = {name.replace('_', '-'): each for name, each in vars(sys.modules[script]).items()
+             if name.count('_') > 2 and inspect.isfunction(each) and each.__module__ == script}
     parser = argparse.ArgumentParser()
     for name in ('headend', 'qamctl', 'tscheck', 'samples'):
         parser.add_argument('--' + name, type=os.path.abspath)

@@ -78,4 +78,4 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
     case.equal((seen['continuity_errors'], len(seen['pcr'])), ({}, 1), 'continuity errors, PIDs with a clock')
 
 
-harness.main([every_picture_and_tone_arrives_over_udp_and_in_rtp])
+harness.main(__name__)

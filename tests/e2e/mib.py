@@ -94,5 +94,4 @@ def objects_are_described_as_qamctl_sets_them(case):
                 case.equal(scalar.findtext('units'), variable['unit'].removeprefix('0.1 '), f'unit of {stem}')
 
 
-if __name__ == '__main__':
-    harness.main([other_programs_find_no_fault_below_any_base, objects_are_described_as_qamctl_sets_them])
+harness.main(__name__)

@@ -53,4 +53,4 @@ def settings_are_on_the_air_and_survive_a_restart(case):
         case.check(harness.read(file) == bytes(due), 'the record is not the default with these fields')
 
 
-harness.main([settings_are_on_the_air_and_survive_a_restart])
+harness.main(__name__)

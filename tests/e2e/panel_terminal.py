@@ -162,4 +162,4 @@ def no_panel_without_a_terminal(case):
         case.check('nothing listens there' in terminal.ended(1), 'a headend that is not there is not told')
 
 
-main([keys_edit_and_the_screen_follows, a_terminal_is_left_as_it_was, no_panel_without_a_terminal])
+main(__name__)

@@ -354,10 +354,4 @@ def the_agent_looks_for_no_files_of_this_machine(case):
     case.equal(sorted(others), [], 'files of this machine')
 
 
-if __name__ == '__main__':
-    harness.main([
-        cards_are_read_and_set_by_name, a_walk_finds_all_cards_and_nothing_of_the_host,
-        everyone_may_do_what_the_secrets_allow, calls_that_open_too_much_or_nothing_are_refused,
-        a_set_is_done_whole_or_refused_by_name, a_storm_of_damaged_requests_leaves_all_as_it_was,
-        alarms_come_as_notifications, a_card_that_hangs_or_is_not_configured_holds_up_no_other,
-        the_agent_looks_for_no_files_of_this_machine])
+harness.main(__name__)

@@ -91,4 +91,4 @@ def dac_bytes(case, file):
     return [int(text, 16) for text in decoded(case, file, 'spi', lines, options, 'spi=mosi-data')]
 
 
-harness.main([each_i2c_bus_carries_its_set_up, eeprom_and_dac_are_read_at_the_start_and_written_in_a_calibration])
+harness.main(__name__)

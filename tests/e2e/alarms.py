@@ -69,7 +69,6 @@ def each_condition_is_raised_and_recovers(case):
 
 
 def a_card_that_hangs_delays_no_alarm(case):
-    """A card that waits for a sensor for good holds up no other card's alarms."""
     flash = case.flash()
     args = [word for card in '123' for word in ('--card', card, '--set', f'{card}.temperature2=80@10')]
     args += ['--card', '4', '--fault', '4.sensor2-absent', '--fault', '2.sensor2-scl-low@5']  # absent: the value is 255

@@ -46,10 +46,6 @@ class Tools:
     def run(self, *command, codes=(0,), **more):
         return self.case.execute(command, codes, env=self.environment | more).text
 
-    def lint(self, path):
-        """smilint's exit code says nothing."""
-        return self.run('smilint', '-c', '/dev/null', '-l', '6', path)
-
     def module(self):
         return ElementTree.fromstring(self.run('smidump', '-c', '/dev/null', '-f', 'xml', self.file))
 
@@ -57,7 +53,8 @@ class Tools:
 def other_programs_find_no_fault_below_any_base(case):
     for base in BASES:
         tools = Tools(case, base)
-        case.equal(tools.lint(tools.file), '', f'smilint of the module below {base}')
+        said = tools.run('smilint', '-c', '/dev/null', '-l', '6', tools.file)  # its exit code says nothing
+        case.equal(said, '', f'smilint of the module below {base}')
         case.check(max(map(len, harness.read(tools.file).splitlines())) <= 80, f'long lines below {base}')
         tree = tools.module()
         got = {node.get('name'): node.get('oid') for node in (*tree.iter('scalar'), *tree.iter('notification'))}

@@ -62,7 +62,6 @@ def a_card_that_does_not_run_says_why(case):
 
 
 def tables_keep_their_intervals_while_a_value_is_edited(case):
-    """With keys at virtual times."""
     out, psi = case.path('out.ts'), case.sample('psi-many.ts')
     run = case.fast(case.flash(), 8, '--psi', f'1.1={psi}', '--out', f'1.1={out}',
                     '--key', 'ok,down,ok,down,down,ok,up@2', '--key', 'ok@7')

@@ -77,12 +77,10 @@ def inputs(case):
     """The files of the calls, in the folder where they run."""
     for name in os.listdir(case.args.samples):
         os.symlink(case.sample(name), case.path(name))
-    rows = [(6, 1, pid, pid) for pid in range(32, 289)]
-    whole = read(case.sample('two-programmes.ts'))
-    files = {'full.ts': b'mine',
-             '204.ts': b''.join(packet + bytes(16) for packet in packets_of(whole)),
-             '257.csv': pid_map(*rows), 'slot4.csv': pid_map((4, 1, 768, 1024))}
-    for name, content in files.items():
+    packets = packets_of(read(case.sample('two-programmes.ts')))
+    for name, content in {'full.ts': b'mine', '204.ts': b''.join(packet + bytes(16) for packet in packets),
+                          '257.csv': pid_map(*((6, 1, pid, pid) for pid in range(32, 289))),
+                          'slot4.csv': pid_map((4, 1, 768, 1024))}.items():
         write(case.path(name), content)
     os.symlink('/dev/full', case.path('full'))  # a link, so that a fault here replaces no device of this machine
     os.symlink('report.json', case.path('linked'))

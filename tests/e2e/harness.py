@@ -228,7 +228,7 @@ MAGIC, VERSION = 0x514D, 1
 READ, WRITE, STATUS = 1, 2, 3
 PSI_LOCK, PSI_PACKETS, PSI_INTERVAL = 0x3101, 0x3102, 0x3201
 NOT_STARTED = 0x100
-Reply = collections.namedtuple('Reply', 'raw operation sequence result data')
+Reply = collections.namedtuple('Reply', 'raw operation result data')
 
 
 class Client:
@@ -246,22 +246,16 @@ class Client:
     def send(self, raw):
         self.socket.send(raw)
 
-    def receive(self):
-        raw = self.socket.recv(65536)
-        if len(raw) < 28:
-            return Reply(raw, None, None, None, b'')
-        return Reply(raw, raw[3], int.from_bytes(raw[4:8], 'big'), int.from_bytes(raw[24:28], 'big'), raw[28:])
-
     def request(self, operation, variable, slot=1, channel=1, data=b'', length=None, sequence=None):
         if sequence is None:
             sequence = self.sequence = (self.sequence + 1) & 0xFFFFFFFF
         for _ in range(TRIES):
             self.send(self.datagram(operation, variable, slot, channel, data, length, sequence))
             try:
-                reply = self.receive()
-                while reply.sequence != sequence:
-                    reply = self.receive()
-                return reply
+                while True:
+                    raw = self.socket.recv(65536)
+                    if int.from_bytes(raw[4:8], 'big') == sequence:
+                        return Reply(raw, raw[3], int.from_bytes(raw[24:28], 'big'), raw[28:])
             except TimeoutError:
                 pass
         raise AssertionError('the back end does not answer')

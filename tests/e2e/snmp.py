@@ -63,9 +63,6 @@ class Agent(Server):
         text = self.case.qamctl(self.address, 'var', 'get', str(slot), '--json', *mib.VARIABLES.values()).text
         return {row['name']: row['value'] for row in json.loads(text)}
 
-    def rows(self, slot):
-        return {mib.VARIABLES[stem]: self.reader.value(instance(slot, stem)) for stem in SUFFIX}
-
     def rf(self, slot):
         return json.loads(self.case.qamctl(self.address, 'rf', str(slot), '--json').text)
 
@@ -113,7 +110,7 @@ def a_walk_finds_all_cards_and_nothing_of_the_host(case):
     with Agent(case, case.flash(), slots=range(1, 7)) as agent:
         for slot in range(1, 7):
             agent.writer.set((instance(slot, 'Frequency'), number(400000 + 8000 * slot)))
-            rows = agent.rows(slot)
+            rows = {mib.VARIABLES[stem]: agent.reader.value(instance(slot, stem)) for stem in SUFFIX}
             case.equal(rows, agent.variables(slot), f'slot {slot} by SNMP and by qamctl')
             case.equal(rows['rfreq2'], 408000 + 8000 * slot, f'channel 2 of slot {slot}')
         found = agent.reader.walk()
@@ -150,8 +147,7 @@ WHO = {  # user: whether reading and setting a card are allowed
     'the trap community': (('-v2c', '-c', 'alarm'), False, False),
     'a reader with privacy': (v3('mon', 'authPriv', *MON_AUTH, *MON_PRIV), True, False),
     'a reader below his level': (v3('mon', 'authNoPriv', *MON_AUTH), False, False),
-    'a reader with a wrong passphrase':
-        (v3('mon', 'authPriv', '-a', 'SHA-256', '-A', 'monitor past', *MON_PRIV), False, False),
+    'a wrong passphrase': (v3('mon', 'authPriv', '-a', 'SHA-256', '-A', 'monitor past', *MON_PRIV), False, False),
     'a reader with authentication only': (v3('half', 'authNoPriv', '-a', 'SHA', '-A', 'halfauth123'), True, False),
     'the writer': (ADM, True, True),
     'the writer without privacy': (v3('adm', 'authNoPriv', *ADM_AUTH), False, False),
@@ -218,8 +214,7 @@ BAD = {  # bindings, of which by default the last is refused: the error, and the
     'a counter': ([(instance(1, 'Frequency'), (COUNTER, integer(474000)))], 'wrongType'),
     'a reading': ([(instance(1, 'Ch2Frequency'), I(482000))], 'notWritable'),
     'behind the instance': ([((*instance(1, 'Frequency'), 0), I(474000))], 'noCreation'),
-    'second of three':
-        ([GOOD, (instance(1, 'Ch2Level'), I(1055)), (instance(1, 'Constellation'), I(7))], 'notWritable', 2),
+    'second of three': ([GOOD, (instance(1, 'Ch2Level'), I(1055)), (instance(1, 'Level'), I(1055))], 'notWritable', 2),
     'third of three': ([GOOD, (instance(1, 'Constellation'), I(7)), (instance(1, 'Frequency'), S(b'x'))], 'wrongType'),
 }
 

@@ -6,9 +6,9 @@ import re
 import harness
 from calibration import MINE, THEIRS, Service, eeprom
 
-START, REPEATED, STOP, ACK, NACK = '[ [[ ] + -'.split()
+START, STOP = '[', ']'
 # Output of the decoder, and its form in expectations; after 'Write' and 'Read' the address follows.
-I2C = {'Start': START, 'Start repeat': REPEATED, 'Stop': STOP, 'ACK': ACK, 'NACK': NACK, 'Write': None, 'Read': None}
+I2C = {'Start': START, 'Start repeat': '[[', 'Stop': STOP, 'ACK': '+', 'NACK': '-', 'Write': None, 'Read': None}
 
 
 def chosen(patterns):

@@ -115,10 +115,7 @@ TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
   list_->add({5, 0, 769}, kFirst);
   for (int i = 0; i < 20'001; ++i) {
     ++now_;
-    if (i % 2 == 0)
-      list_->add(kInput, kFirst);
-    else
-      list_->remove(kInput, "Z", "OK");
+    i % 2 == 0 ? list_->add(kInput, kFirst) : list_->remove(kInput, "Z", "OK");
   }
   const Lines stood = standing();
   EXPECT_EQ(stood.size(), 2U);

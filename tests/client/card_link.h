@@ -80,19 +80,28 @@ class FakeLink final : public client::Link {
   int at_;
 };
 
-inline std::vector<mpeg::Section> sectionsIn(const client::Tables& tables) {
-  std::vector<mpeg::Section> all;
-  for (const auto& table : tables) std::ranges::move(client::sectionsOf(table), std::back_inserter(all));
-  return all;
-}
 inline std::vector<mpeg::Section> sectionsIn(const client::PsiStore& psi) {
-  return sectionsIn(psi.readable());
+  std::vector<mpeg::Section> all;
+  for (const auto& table : psi.readable())
+    std::ranges::move(client::sectionsOf(table), std::back_inserter(all));
+  return all;
 }
 
 inline std::vector<u32> intervalsIn(const client::PsiStore& psi) {
   std::vector<u32> ticks;
   for (const auto& table : psi.tables) ticks.push_back(table.interval_ticks);
   return ticks;
+}
+
+// Sources and PIDs of their own, highest source first, so that the card has to sort.
+inline std::vector<protocol::MapEntry> mapOf(std::size_t size, u16 pid) {
+  std::vector<protocol::MapEntry> entries;
+  for (auto n = static_cast<u16>(size); n > 0; --n) {
+    const bool odd = n % 2 != 0;
+    entries.push_back({odd ? u16{4} : u16{5}, odd ? 1u : n % 16u, static_cast<u16>(pid + n), n,
+                       static_cast<u16>(0x1E00 - pid - n), 7, static_cast<u16>(n & 0xFF)});
+  }
+  return entries;
 }
 
 // A chassis with a card in slot 1 and source cards in slots 5 (two inputs) and 6 (sixteen), all with one

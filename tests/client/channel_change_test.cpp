@@ -16,6 +16,7 @@ namespace client {
 namespace {
 
 using test::has;
+using test::mapOf;
 using test::messageOf;
 namespace fs = std::filesystem;
 using Entries = std::vector<MapEntry>;
@@ -29,13 +30,6 @@ struct State {
 
   bool sameMap(const State& s) const { return map == s.map && router == s.router; }
 };
-
-Entries mapOf(u16 size, u16 pid) {
-  Entries entries;
-  for (u16 n = 0; n < size; ++n)
-    entries.push_back({4, 1, static_cast<u16>(pid + n), 0, static_cast<u16>(pid + 300 + n)});
-  return entries;
-}
 
 struct Procedure {
   const char* name;

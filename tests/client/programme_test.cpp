@@ -39,13 +39,9 @@ Section pmt(u16 pid, u16 number, u8 version, u16 pcr, const Bytes& info, const s
   return makeSection({.pid = pid, .tableId = 2, .extension = number, .version = version}, body);
 }
 
-struct Service {
-  u16 number;
-  u8 eit;
-  std::string name;
-};
-
-Section sdt(u16 stream, u16 network, u8 version, const std::vector<Service>& services) {
+// Services with their number, EIT flags and name.
+Section sdt(u16 stream, u16 network, u8 version,
+            const std::vector<std::tuple<u16, u8, std::string>>& services) {
   Bytes body = word(network) + Bytes{0xFF};
   for (const auto& [number, eit, name] : services) {
     const auto size = static_cast<u8>(name.size());

@@ -51,7 +51,7 @@ TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
   const auto append = [](Stream& s, const Bytes& what) { s.bytes = s.bytes + what; };
   const auto startAnew = [](Stream& s) { s.at(2, 1) |= 0x40, s.at(2, 4) = 0, s.at(2, 5) = 0xFF; };
   const auto endlessField = [](Stream& s) { s.at(2, 3) |= 0x20, s.at(2, 4) = 200; };
-  const Counts bytesLost = {{kLostSync, 1}, {kCrcError, 1}};
+  const Counts cut = {{kCutSection, 1}}, bytesLost = {{kLostSync, 1}, {kCrcError, 1}};
   const Counts packetLost = {{kContinuityError, 1}, {kCutSection, 1}};
   const Counts counterWrong = {{kContinuityError, 2}, {kCutSection, 1}};
   const Counts markedLost = {{kTransportError, 1}, {kContinuityError, 1}, {kCutSection, 1}};
@@ -76,11 +76,8 @@ TEST(PsiCapture, LosesOnlyWhatIsDamaged) {
       {"an endless adaptation field", false, {{kBadPacket, 1}, {kCutSection, 1}}, endlessField},
       {"no payload", true, {}, [&](auto& s) { s.replace(kMiddle, 0, emptyPacket); }},
       {"a pointer beyond the packet", false, {{kBadPacket, 1}}, [](auto& s) { s.at(1, 4) = 183; }},
-      {"cut by the next start", false, {{kCutSection, 1}}, startAnew},
-      {"cut by the end of the file",
-       true,
-       {{kCutSection, 1}},
-       [&](auto& s) { append(s, first), s.at(5, 3) = 0x13; }},
+      {"cut by the next start", false, cut, startAnew},
+      {"cut by the end of the file", true, cut, [&](auto& s) { append(s, first), s.at(5, 3) = 0x13; }},
   };
   for (const auto& [name, survives, notes, damage] : rows) {
     SCOPED_TRACE(name);

@@ -2,6 +2,7 @@
 """A technician's calibration: over the network with bytes of no library of ours, and through power cuts."""
 import os
 import re
+import signal
 import subprocess
 
 import harness
@@ -30,14 +31,13 @@ def eeprom(flash):
 
 
 def bytes_written_outlive_a_kill(case):
-    """socat writes and reads; the headend is killed, and the next one loads what was written."""
     flash = case.flash()
     with Service(case, flash) as service:
         service.wait_started()
         case.equal(service.socat(b'\1\0'), b'\1\0' + BLANK, 'a blank card')
         case.equal(service.socat(b'\2\0' + MINE), b'', 'reply to a write')
         case.equal(service.socat(b'\1\0 and whatever follows'), b'\1\0' + MINE, 'after a write')
-        service.kill()
+        service.stop(signal.SIGKILL, -signal.SIGKILL)
     case.equal(harness.read(eeprom(flash))[:14], MINE + b'\xff', 'EEPROM after the plug was pulled')
     run = case.fast(flash, 1)
     case.equal(bytes(case.card(run, 1)['calibration']['dac']), MINE, 'DAC after the restart')
@@ -59,5 +59,4 @@ def a_power_cut_harms_no_byte(case):
     case.says(case.fast(flash, 1, codes=(1,)), 'card1.bin', '2048')
 
 
-if __name__ == '__main__':
-    harness.main([bytes_written_outlive_a_kill, a_power_cut_harms_no_byte])
+harness.main(__name__)

@@ -108,5 +108,4 @@ def an_upload_while_the_card_sends_damages_nothing(case):
         case.check(cut > 0 or ticks > 1, f'{first}, {second}: no section was ever cut short, so the row shows nothing')
 
 
-harness.main([tables_are_whole_and_on_time_also_after_a_restart, tables_are_whole_at_other_clocks_and_on_a_slow_bus,
-              an_upload_while_the_card_sends_damages_nothing])
+harness.main(__name__)

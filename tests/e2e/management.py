@@ -61,6 +61,7 @@ RESULTS = {
     'number above all variables': (SET, 53, 1, 1, NUMBER, None, 0x104),
     'setting in an empty slot': (SET, 30, 2, 1, NUMBER, None, 21),
     'setting of a source card': (GET, 30, 6, 1, b'', None, 21),
+    'key that is none': (15, 0, 1, 1, b'\x07', None, 0x10A),
     'debug routine of a source card': (CALL, 0, 6, 1, b'QamFpgaTest\0', None, 21),
 }
 
@@ -155,7 +156,4 @@ def a_signal_ends_a_run_with_whole_packets_and_a_report(case):
         case.check(report['virtual_seconds'] < 10000000, 'it went on to its end')
 
 
-harness.main([what_qamctl_loads_is_found_in_the_output, a_request_gets_its_result_once_however_often_it_is_repeated,
-              datagrams_of_any_content_harm_no_other_client,
-              a_request_that_starves_is_reported_with_who_kept_it_waiting,
-              a_signal_ends_a_run_with_whole_packets_and_a_report])
+harness.main(__name__)

@@ -32,7 +32,6 @@ def rf_shows(case, run, wanted, what):
 
 
 def settings_are_on_the_air_and_survive_a_restart(case):
-    """Shown, kept in their fields and nowhere else, and there again after a restart."""
     flash = case.flash()
     run = case.fast(flash, 2)
     case.clean(run)
@@ -53,4 +52,4 @@ def settings_are_on_the_air_and_survive_a_restart(case):
         case.check(harness.read(file) == bytes(due), 'the record is not the default with these fields')
 
 
-harness.main([settings_are_on_the_air_and_survive_a_restart])
+harness.main(__name__)

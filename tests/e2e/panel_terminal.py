@@ -130,7 +130,6 @@ ENDS = [(signal.SIGTERM, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM
 
 
 def a_terminal_is_left_as_it_was(case):
-    """However it ends, the terminal is as it was, and what the headend has said stands there then."""
     with Terminal(case, 120, 60) as terminal:
         words = headend(case)
         for signum, whom in ENDS:
@@ -150,7 +149,6 @@ def a_terminal_is_left_as_it_was(case):
 
 
 def no_panel_without_a_terminal(case):
-    """Without a terminal, on a dumb one, and in runs that have no panel."""
     flash = case.flash()
     case.says(case.qamctl('127.0.0.1:1', 'panel', codes=(1,)), 'needs a terminal')
     case.says(case.headend('--flash', flash, '--manage', '127.0.0.1:0', '--panel', codes=(1,)), 'needs a terminal')
@@ -162,4 +160,4 @@ def no_panel_without_a_terminal(case):
         case.check('nothing listens there' in terminal.ended(1), 'a headend that is not there is not told')
 
 
-main([keys_edit_and_the_screen_follows, a_terminal_is_left_as_it_was, no_panel_without_a_terminal])
+main(__name__)

@@ -2,9 +2,8 @@
 """Programmes and PID maps of real streams on the outputs, as a receiver sees them: ffprobe, libdvbpsi and tscheck,
 which share no code with the multiplexer, find what the source has, whole and on time."""
 import harness
-from harness import NULL_PID, RATE_DEN, RATE_NUM, packets_of, pid_of, read, write
+from harness import NULL_PID, packets_of, pid_of, read, write
 
-BITRATE = f'{RATE_NUM}/{RATE_DEN}'
 FOUR = 'four-programmes-cbr.ts'
 SERVICES = {101: 'One', 102: 'Two', 103: 'Three', 104: 'Four'}
 PLAN = {'1.1': (101, 102), '1.2': (103, 104), '2.1': (101, 103), '2.2': (102, 104)}
@@ -34,7 +33,7 @@ def two_programmes_on_each_output_arrive_whole_and_on_time(case):
             (name, theirs), (our_name, ours) = known[number], found[number]
             case.equal((our_name, [codec for codec, _ in ours]), (name, [codec for codec, _ in theirs]), f'{number}')
             maps += [f'{their_pid:#x}={our_pid:#x}' for (_, their_pid), (_, our_pid) in zip(theirs, ours)]
-        seen = case.tscheck(case.path(channel), '--rate', BITRATE, '--source', source, '--constant-rate', '--map',
+        seen = case.tscheck(case.path(channel), *harness.RATE, '--source', source, '--constant-rate', '--map',
                              *maps)
         case.equal(seen['continuity_errors'], {}, f'{channel}: continuity errors')
         case.check(len(seen['streams']) == 4 and all(s['passes'] > 0 for s in seen['streams'].values()),
@@ -67,5 +66,4 @@ def ten_outputs_with_full_maps_carry_every_packet_in_order_as_far_as_there_is_ro
                    f'{channel}: {len(numbers)} packets, {missing} are missing where {dropped} were dropped')
 
 
-harness.main([two_programmes_on_each_output_arrive_whole_and_on_time,
-              ten_outputs_with_full_maps_carry_every_packet_in_order_as_far_as_there_is_room])
+harness.main(__name__)

@@ -6,8 +6,7 @@ import socket
 GET, GETNEXT, RESPONSE, SET, GETBULK = 0xA0, 0xA1, 0xA2, 0xA3, 0xA5
 INTEGER, STRING, NULL, OID, COUNTER = 2, 4, 5, 6, 0x41
 NO_SUCH_OBJECT, END_OF_VIEW = (0x80, b''), (0x82, b'')
-ERRORS = {0: 'noError', 5: 'genErr', 6: 'noAccess', 7: 'wrongType', 8: 'wrongLength', 10: 'wrongValue',
-          11: 'noCreation', 13: 'resourceUnavailable', 14: 'commitFailed', 17: 'notWritable'}
+ERRORS = {0: 'noError', 7: 'wrongType', 10: 'wrongValue', 11: 'noCreation', 13: 'resourceUnavailable', 17: 'notWritable'}
 Answer = collections.namedtuple('Answer', 'error index bindings')
 
 

@@ -201,4 +201,4 @@ def text_json_and_exit_codes_agree(case):
     case.says(case.execute([case.args.tscheck, path]), r'10047 packets', r'3000000\.0 bit/s by the PCRs', 'Nothing wrong')
 
 
-harness.main([damage_to_tables_is_named, damage_to_programmes_is_named, text_json_and_exit_codes_agree])
+harness.main(__name__)

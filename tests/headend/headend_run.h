@@ -71,31 +71,18 @@ class Driven {
 
 // What `body` returns in a process of its own; its failed expectations come back too.
 inline std::string inChild(const std::function<std::string()>& body) {
-  int ends[2];
-  if (::pipe(ends) != 0) return "no pipe";
+  const Scratch scratch;
   const pid_t child = ::fork();
   if (child == 0) {
-    ::close(ends[0]);
     const bool failedBefore = testing::Test::HasFailure();
     std::string text = body();
     if (testing::Test::HasFailure() && !failedBefore) text += " (expectations failed in the child)";
-    for (std::size_t done = 0; done < text.size();) {
-      const ssize_t n = ::write(ends[1], text.data() + done, text.size() - done);
-      if (n <= 0) break;
-      done += static_cast<std::size_t>(n);
-    }
+    (std::ofstream(scratch.path / "text") << text).flush();
     ::_exit(0);
   }
-  ::close(ends[1]);
-  std::string text;
-  char buffer[65536];
-  for (ssize_t n = 0; (n = ::read(ends[0], buffer, sizeof buffer)) > 0;) {
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(ends[0]);
   int status = 0;
   ::waitpid(child, &status, 0);
-  return status == 0 ? text : "the child died of " + std::to_string(status);
+  return status == 0 ? readText(scratch.path / "text") : "the child died of " + std::to_string(status);
 }
 
 }  // namespace test

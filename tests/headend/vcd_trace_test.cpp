@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/headend/scratch.h"
 
 namespace test {
@@ -26,34 +28,15 @@ TEST(VcdTrace, WritesChangesOfTheTracedRegistersInOrderOfTime) {
     trace.note(0, clock, 0xFFFE, 500);  // reported late
     EXPECT_TRUE(trace.finish(1000));
   }
-  EXPECT_EQ(readText(file), R"($version headend $end
-$timescale 1 ns $end
-$scope module slot1 $end
-$var wire 1 ! att_q1_dat $end
-$var wire 1 " att_q1_clk $end
-$upscope $end
-$scope module slot5 $end
-$var wire 16 # nrst $end
-$var wire 1 $ att_q1_dat $end
-$var wire 1 % att_q1_clk $end
-$upscope $end
-$enddefinitions $end
-#0
-$dumpvars
-0!
-0"
-b0 #
-0$
-0%
-$end
-#300
-1"
-b1000000000000011 #
-#600
-1$
-0"
-#1000
-)");
+  std::string text = readText(file);
+  std::ranges::replace(text, '\n', '|');
+  EXPECT_EQ(
+      text,
+      "$version headend $end|$timescale 1 ns $end|"
+      "$scope module slot1 $end|$var wire 1 ! att_q1_dat $end|$var wire 1 \" att_q1_clk $end|$upscope $end|"
+      "$scope module slot5 $end|$var wire 16 # nrst $end|$var wire 1 $ att_q1_dat $end|"
+      "$var wire 1 % att_q1_clk $end|$upscope $end|$enddefinitions $end|"
+      "#0|$dumpvars|0!|0\"|b0 #|0$|0%|$end|#300|1\"|b1000000000000011 #|#600|1$|0\"|#1000|");
 }
 
 TEST(VcdTrace, PatternsMatchNamesWithAndWithoutTheirSlot) {

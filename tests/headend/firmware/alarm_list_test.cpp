@@ -115,10 +115,7 @@ TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
   list_->add({5, 0, 769}, kFirst);
   for (int i = 0; i < 20'001; ++i) {
     ++now_;
-    if (i % 2 == 0)
-      list_->add(kInput, kFirst);
-    else
-      list_->remove(kInput, "Z", "OK");
+    i % 2 == 0 ? list_->add(kInput, kFirst) : list_->remove(kInput, "Z", "OK");
   }
   const Lines stood = standing();
   EXPECT_EQ(stood.size(), 2U);
@@ -132,38 +129,29 @@ TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
   EXPECT_LE(fs::file_size(file_), 20'000U * 352 + 8);
 }
 
-// What happened to the file between two power-ups.
-struct Damage {
-  const char* name;
-  void (*change)(Bytes& file);
-  std::size_t left;  // of three events
-  const char* said;
-  bool keptAside = true;
-};
-
 TEST_F(Alarms, GoOnAfterDamage) {
-  const Damage rows[] = {
-      {"cut within the last event", [](Bytes& b) { b.pop_back(); }, 2, "ends within an event", false},
-      {"a bit of the second event", [](Bytes& b) { b[8 + 352 + 60] ^= 4; }, 2, "1 of 3 entries are lost"},
-      {"an event twice", [](Bytes& b) { b.insert(b.end(), b.end() - 352, b.end()); }, 3,
-       "1 of 4 entries are lost"},
-      {"another file", [](Bytes& b) { b.assign(5000, 'x'); }, 0, "is no alarms' history"},
+  // What happened to the file between two power-ups, how many of three events are left, and what is said.
+  const std::tuple<void (*)(Bytes&), std::size_t, const char*> rows[] = {
+      {[](Bytes& b) { b.pop_back(); }, 2, "ends within an event"},
+      {[](Bytes& b) { b[8 + 352 + 60] ^= 4; }, 2, "1 of 3 entries are lost"},
+      {[](Bytes& b) { b.insert(b.end(), b.end() - 352, b.end()); }, 3, "1 of 4 entries are lost"},
+      {[](Bytes& b) { b.assign(5000, 'x'); }, 0, "is no alarms' history"},
   };
-  for (const Damage& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [change, left, says] : rows) {
+    SCOPED_TRACE(says);
     fs::remove_all(file_.parent_path());
     powerUp();
     for (u8 port = 0; port < 3; ++port) list_->add({2, port, 769}, kFirst);
     Bytes bytes = readFile(file_);
-    row.change(bytes);
+    change(bytes);
     writeFile(file_, bytes);
     powerUp();
-    EXPECT_EQ(list_->history().size(), row.left);
-    EXPECT_NE(said_.find(row.said), std::string::npos) << said_;
-    EXPECT_EQ(fs::exists(file_.string() + ".damaged"), row.keptAside);
+    EXPECT_EQ(list_->history().size(), left);
+    EXPECT_NE(said_.find(says), std::string::npos) << said_;
+    EXPECT_EQ(fs::exists(file_.string() + ".damaged"), says != std::get<2>(rows[0])) << "kept aside";
     list_->add({1, 0, 770}, kSecond);
     const Lines now = history();
-    EXPECT_EQ(now.size(), row.left + 1);
+    EXPECT_EQ(now.size(), left + 1);
     powerUp();
     EXPECT_EQ(history(), now);
     EXPECT_EQ(said_, "");

@@ -17,19 +17,14 @@ namespace {
 
 using Registers = std::array<u8, kDacRegisters>;
 
-Registers randomRegisters(std::mt19937& random) {
-  Registers registers;
-  for (u8& value : registers) value = static_cast<u8>(random());
-  return registers;
-}
-
 // Every edge of one calibration write is a point at which the power may go; each is a history of its own,
 // forked from here. A short slice of them without QAM_LONG.
 TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
   const std::uint64_t step = std::getenv("QAM_LONG") != nullptr ? 1 : 41;
   std::mt19937 random(11);
-  const Registers before = randomRegisters(random);
-  const Registers after = randomRegisters(random);
+  Registers before{}, after{};
+  for (Registers* each : {&before, &after})
+    std::ranges::generate(*each, [&] { return static_cast<u8>(random()); });
   const auto write = [](const Registers& registers) {
     Bytes packet = {2, 0};
     packet.insert(packet.end(), registers.begin(), registers.end());
@@ -55,13 +50,11 @@ TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
           std::copy_n(bench.board().eeprom().image(bench.now()).begin(), left.size(), left.begin());
         });
         write(after);
-        std::size_t n = 0;
-        while (n < left.size() && left[n] == after[n]) ++n;
-        const std::size_t cut = n;  // bytes from here on are old, except one that may have any value
+        std::size_t cut = 0;  // bytes from here on are old, except one that may have any value
+        while (cut < left.size() && left[cut] == after[cut]) ++cut;
         const bool isOld = cut == left.size() || left[cut] == before[cut];
-        for (n = cut + 1; n < left.size(); ++n) {
+        for (std::size_t n = cut + 1; n < left.size(); ++n)
           if (left[n] != before[n]) return fmt::format("byte {} is {:02X}", n, left[n]);
-        }
         const headend::Eeprom::Image& image = bench.board().eeprom().image(bench.now());
         if (std::any_of(image.begin() + kDacRegisters, image.end(), [](u8 value) { return value != 0xFF; })) {
           return std::string("a byte beyond the calibration has changed");

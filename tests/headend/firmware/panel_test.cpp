@@ -30,20 +30,11 @@ std::string rowOf(const protocol::LcdImage& lcd, int row) {
 
 constexpr int kAnew = -2;  // instead of a column: the whole row
 
-struct Drawing {
-  const char* what;
-  struct Text {
-    int row, column;
-    u32 mask;
-    std::string gbk;
-  };
-  std::vector<Text> texts;
-  std::string wanted;  // of row 1
-};
-
 TEST(Panel, DrawsWhatFitsWhereItBelongs) {
   const std::string ka = "\xBF\xA8";  // 卡
-  const std::vector<Drawing> drawings = {
+  // What; row, column, mask and text of each print; and row 1 then.
+  using Texts = std::vector<std::tuple<int, int, u32, std::string>>;
+  const std::tuple<const char*, Texts, std::string> drawings[] = {
       {"the last that fits", {{1, 112, 0, ka + "A"}}, "              卡"},
       {"one that does not, and those behind it", {{1, 120, 0, ka + "A"}}, ""},
       {"left of the LCD, above and below it", {{1, -1, 0, "A"}, {-1, 0, 0, "A"}, {4, 0, 0, "A"}}, ""},
@@ -57,18 +48,13 @@ TEST(Panel, DrawsWhatFitsWhereItBelongs) {
        std::string(15, 'x')},
       {"a byte that is no character", {{1, 0, 0, std::string("A\xFF")}}, "A\uFFFD"},
   };
-  for (const Drawing& drawing : drawings) {
-    SCOPED_TRACE(drawing.what);
+  for (const auto& [what, texts, wanted] : drawings) {
+    SCOPED_TRACE(what);
     Lcd lcd;
-    for (const auto& [row, column, mask, gbk] : drawing.texts) {
-      if (column == kAnew) {
-        lcd.printRow(row, gbk);
-      } else {
-        lcd.print(row, column, mask, gbk);
-      }
-    }
+    for (const auto& [row, column, mask, gbk] : texts)
+      column == kAnew ? lcd.printRow(row, gbk) : lcd.print(row, column, mask, gbk);
     const std::string row = rowOf(lcd.shown(), 1);
-    EXPECT_EQ(row.starts_with(" |") ? row.substr(1) : row, drawing.wanted);
+    EXPECT_EQ(row.starts_with(" |") ? row.substr(1) : row, wanted);
     for (const int other : {0, 2, 3}) EXPECT_EQ(rowOf(lcd.shown(), other), "");
   }
 }

@@ -143,14 +143,10 @@ TEST(DriverFaults, OnThreeLines) {
        [](auto& l) { l.part.latchEnable(true, 0), l.part.clock(true, 100); }},
   };
   check<headend::Synthesizer>(rows, "lo", 13e6, true);
-}
-
-TEST(DriverFaults, AtTheAttenuator) {
-  const Row<ThreeLines<headend::Attenuator>> rows[] = {
+  const Row<ThreeLines<headend::Attenuator>> ofTheAttenuator[] = {
       {"attenuator_wrong_number_of_clocks",
-       [](auto& l) { l.high = l.low = l.width = 30, l.send(0b1110011, 7), expect(l.part.dB() == 25.5); }},
-  };
-  check<headend::Attenuator>(rows, "attenuator");
+       [](auto& l) { l.high = l.low = l.width = 30, l.send(0b1110011, 7), expect(l.part.dB() == 25.5); }}};
+  check<headend::Attenuator>(ofTheAttenuator, "attenuator");
 }
 
 TEST(DriverFaults, AtTheConverter) {

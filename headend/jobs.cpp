@@ -182,7 +182,7 @@ void JobFlags::placeIntervals() {
       if (isUpload && (first == nullptr || line.at < first->at)) first = &line;
     }
     Words words;
-    for (const auto& [table, ticks] : tables) words.push_back(table + "=" + ticks);
+    for (const auto& [table, ticks] : tables) words.push_back(fmt::format("{}={}", table, ticks));
     if (first == nullptr) {
       Line line{.flag = fmt::format("--interval {}.{}", channel, words.front()),
                 .at = 0,

@@ -15,7 +15,6 @@ namespace headend {
 namespace {
 
 using commands::Json;
-using commands::member;
 using commands::oneLine;
 using commands::whole;
 

@@ -78,7 +78,8 @@ std::string labels(const CardVariable& variable) {
   for (const auto& [value, name] : variable.names) {
     const std::size_t qam = name.find("-QAM");
     if (!name.empty())
-      all.push_back(fmt::format("{}{}({})", qam == name.npos ? "" : "qam", name.substr(0, qam), value));
+      all.push_back(
+          fmt::format("{}{}({})", qam == std::string_view::npos ? "" : "qam", name.substr(0, qam), value));
   }
   return fmt::format("{}", fmt::join(all, ", "));
 }

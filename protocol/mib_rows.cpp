@@ -58,7 +58,8 @@ std::vector<u32> parseMibBase(std::string_view text) {
   for (std::size_t at = text.starts_with('.') ? 1 : 0; at <= text.size();) {
     const std::string_view component = text.substr(at, text.find('.', at) - at);
     const auto number = base::parseDecimal(component);
-    const bool hasDigits = !component.empty() && component.find_first_not_of("0123456789") == component.npos;
+    const bool hasDigits =
+        !component.empty() && component.find_first_not_of("0123456789") == std::string_view::npos;
     if (!number) throw wrong(hasDigits ? "a component is above 4294967295" : "a component is no number");
     base.push_back(*number);
     at += component.size() + 1;

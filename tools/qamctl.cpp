@@ -59,7 +59,7 @@ fs::path folderIn(const char* variable) {
 
 // $XDG_STATE_HOME, else ~/.local/state, else the folder for temporary files.
 fs::path stateFolder() {
-  if (const fs::path state = folderIn("XDG_STATE_HOME"); !state.empty()) return state;
+  if (fs::path state = folderIn("XDG_STATE_HOME"); !state.empty()) return state;
   if (const fs::path home = folderIn("HOME"); !home.empty()) return home / ".local" / "state";
   return fs::temp_directory_path();
 }
@@ -88,7 +88,7 @@ class SocketSession final : public commands::Session {
   }
 
   fs::path rescueFolder() const override {
-    const fs::path folder = stateFolder() / "qamctl" / server_;
+    fs::path folder = stateFolder() / "qamctl" / server_;
     fs::create_directories(folder);
     return folder;
   }

@@ -62,7 +62,7 @@ void make(const char* font, const char* target) {
     ++count;
   };
   for (unsigned code = kFirstAscii; code <= kLastAscii; ++code) add(code, code);
-  const iconv_t converter = iconv_open("UTF-32LE", "GB2312");
+  auto* converter = iconv_open("UTF-32LE", "GB2312");
   for (unsigned high = kFirstOfSquare; high <= kLastRow; ++high) {
     for (unsigned low = kFirstOfSquare; low <= kLastOfSquare; ++low) {
       const unsigned code = high << 8 | low;

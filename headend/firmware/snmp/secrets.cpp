@@ -130,7 +130,7 @@ class Parser {
 
 std::string contentOf(const std::filesystem::path& file) try {
   using std::filesystem::perms;
-  const std::string content = base::readFile(file, kLongestFile);
+  std::string content = base::readFile(file, kLongestFile);
   const perms mode = std::filesystem::status(file).permissions();
   if ((mode & (perms::group_all | perms::others_all)) != perms::none) {
     throw std::runtime_error(

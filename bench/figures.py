@@ -275,8 +275,9 @@ def main():
         packets = routed(options.multiplexer, options.repeat)
         show_routed(packets)
         print(flush=True)
-        counts = instructions.measure(dict(module.split('=', 1) for module in options.module),
-                                      os.path.join(options.samples, 'psi-full.ts'))
+        capture = os.path.join(options.samples, 'psi-full.ts')
+        counts = {level: instructions.measured(program, capture)
+                  for level, program in (module.split('=', 1) for module in options.module)}
         instructions.show(counts)
         routed_counts = instructions.routed_packets(options.multiplexer)
         instructions.show_routed(routed_counts)

@@ -142,8 +142,8 @@ struct Call {
 // The commands below a program's form. Must not be moved while the form is in use.
 class Calls {
  public:
-  // All commands; or those of one group, called without the group's name.
-  explicit Calls(Form& program, const std::string& group = "");
+  // All commands; those of one group, called without the group's name; or only one command.
+  explicit Calls(Form& program, const std::string& group = "", const Entry* only = nullptr);
   Call called();  // once the program's form has been parsed
 
  private:

@@ -60,12 +60,6 @@ std::string mapLines(std::vector<MapEntry> before, std::vector<MapEntry> after) 
   return text;
 }
 
-std::size_t sectionsIn(const Tables& tables, PsiType type) {
-  std::size_t sum = 0;
-  for (const TablePackets& table : tables) sum += table.type == type ? sectionsOf(table).size() : 0;
-  return sum;
-}
-
 std::string tableLines(const PsiStore& before, const Tables& after) {
   std::string text;
   for (const PsiType type : kAllTables) {

@@ -42,6 +42,12 @@ std::vector<Section> sectionsOf(const TablePackets& table) {
   return sections;
 }
 
+std::size_t sectionsIn(const Tables& tables, PsiType type) {
+  std::size_t sum = 0;
+  for (const TablePackets& table : tables) sum += table.type == type ? sectionsOf(table).size() : 0;
+  return sum;
+}
+
 std::size_t packetsIn(const Tables& tables) {
   std::size_t sum = 0;
   for (const TablePackets& table : tables) sum += table.packets.size();

@@ -29,6 +29,7 @@ constexpr bool marksFreePlace(u16 pid) {
 // The sections are packed in ascending order of table, PID, extension and number, whatever their order here.
 Tables packTables(std::vector<Section> sections);
 std::vector<Section> sectionsOf(const TablePackets& table);
+std::size_t sectionsIn(const Tables& tables, PsiType type);
 std::size_t packetsIn(const Tables& tables);
 std::size_t packetsIn(const Tables& tables, PsiType type);
 

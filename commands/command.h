@@ -151,7 +151,6 @@ class Calls {
     Form form;
     Call call;
   };
-  std::vector<std::unique_ptr<Form>> groups_;
   std::vector<Candidate> candidates_;
   Shared shared_;
 };

@@ -1,7 +1,6 @@
 // psi: loads, shows and clears the tables of a channel, and sets their intervals.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <exception>
 #include <stdexcept>
 #include <vector>
@@ -50,8 +49,7 @@ class Load final : public ChangeCommand {
     for (const client::Note& note : capture.notes)
       surroundings.notes.push_back(fmt::format("{}: {}", file_, note.text));
     try {
-      sections_ = capture.sections;
-      tables_ = client::packTables(sections_);
+      tables_ = client::packTables(capture.sections);
       client::checkStorable(tables_);
     } catch (const client::Error& e) {
       throw std::runtime_error(fmt::format("cannot upload {}: {}", file_, e.what()));
@@ -66,7 +64,7 @@ class Load final : public ChangeCommand {
     std::string text = fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()),
                                    client::packetsIn(tables_));
     for (const PsiType type : mpeg::kAllTables) {
-      const auto sections = std::ranges::count(sections_, mpeg::tableId(type), &mpeg::Section::tableId);
+      const std::size_t sections = client::sectionsIn(tables_, type);
       if (sections > 0) text += fmt::format(", {} {}", mpeg::tableName(type), sections);
     }
     session.print(text + " (sections)\n");
@@ -76,7 +74,6 @@ class Load final : public ChangeCommand {
   std::string file_;
   std::vector<Interval> intervals_;
   bool force_ = false;
-  std::vector<mpeg::Section> sections_;
   client::Tables tables_;
 };
 

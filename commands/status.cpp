@@ -66,12 +66,11 @@ class Rf final : public Command {
       found = true;
       for (const Json& entry : rfOfCard(card)) all.push_back(entry);
     }
-    const char* what =
-        found ? all.empty() ? "the server tells no RF output" : nullptr : "the chassis has no card";
-    if (what == nullptr) return all;
-    throw std::runtime_error(
-        fmt::format("{}: {}{}", session.chassis(), !found && target.slot ? "no card" : what,
-                    !found && target.slot ? fmt::format(" in slot {}", *target.slot + 1) : ""));
+    if (!all.empty()) return all;
+    const std::string why = found         ? "the server tells no RF output"
+                            : target.slot ? fmt::format("no card in slot {}", *target.slot + 1)
+                                          : "the chassis has no card";
+    throw std::runtime_error(fmt::format("{}: {}", session.chassis(), why));
   }
 };
 

@@ -1,9 +1,9 @@
 #include <algorithm>
+#include <optional>
 
 #include "commands/families.h"
 
 namespace commands {
-
 namespace {
 
 bool contains(const Group& family, const Entry* entry) {
@@ -38,16 +38,14 @@ Calls::Calls(Form& program, const std::string& group, const Entry* only) {
   for (const Group& family : table()) {
     if (!group.empty() && family.name != group) continue;
     if (only != nullptr && !contains(family, only)) continue;
-    Form* above = &program;
-    if (!family.name.empty() && group.empty()) {
-      groups_.push_back(std::make_unique<Form>(program.command(family.name, family.text)));
-      above = groups_.back().get();
-    }
-    if (!family.footer.empty()) above->footer(family.footer);
-    if (family.describe != nullptr) family.describe(*above, shared_);
+    std::optional<Form> own;
+    if (!family.name.empty() && group.empty()) own = program.command(family.name, family.text);
+    Form& above = own ? *own : program;
+    if (!family.footer.empty()) above.footer(family.footer);
+    if (family.describe != nullptr) family.describe(above, shared_);
     for (const Entry& entry : family.commands) {
       if (only != nullptr && &entry != only) continue;
-      candidates_.push_back({.form = above->command(entry.name, entry.text),
+      candidates_.push_back({.form = above.command(entry.name, entry.text),
                              .call = {.entry = &entry, .command = entry.make()}});
       candidates_.back().call.command->describe(candidates_.back().form);
     }

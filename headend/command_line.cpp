@@ -389,8 +389,7 @@ void complete(Options& o, JobFlags& jobs, const Given& given) {
   checkTogether(o);
   refuseSharedFiles(o);
   if (o.initFlash) return;
-  client::InputCounts inputs;
-  for (const auto& [slot, files] : o.sources) inputs[static_cast<u16>(slot)] = static_cast<u32>(files.size());
+  const client::InputCounts inputs = o.inputCounts();
   for (Job& job : o.jobs) job.prepare(inputs);
 }
 

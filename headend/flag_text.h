@@ -12,6 +12,9 @@ namespace headend {
 // Throws std::invalid_argument: "'TEXT': WANT".
 [[noreturn]] void refuse(const std::string& text, const std::string& want);
 
+// The form of --set, for a variable or for what a sensor measures.
+inline constexpr auto kWantSetting = "want N.NAME=VALUE or N.NAME=VALUE@SECONDS, as 1.rfreq=474000@5";
+
 // Seconds with a fraction; nullopt if the text is not a number or is out of range.
 std::optional<Nanos> parseSeconds(const std::string& text);
 

@@ -175,8 +175,7 @@ void parseFault(const std::string& text, Options& options) {
 }
 
 bool parseTemperature(const std::string& text, Options& options) {
-  auto [name, value] =
-      splitAssignment(text, "want N.NAME=VALUE or N.NAME=VALUE@SECONDS, as 1.rfreq=474000@5");
+  auto [name, value] = splitAssignment(text, kWantSetting);
   const std::optional<int> slot = takeSlot(name);
   const std::optional<int> sensor = sensorOf(name);
   if (!slot || !sensor) return false;

@@ -85,7 +85,8 @@ Headend::Headend(Options chosen)
   if (options.snmp.isUsed()) openSnmp();
   setRunning(this);
   startCards();
-  automaticOperator.start(options.jobs, options.slots.empty() ? 0 : options.slots.front(), sources.counts());
+  automaticOperator.start(options.jobs, options.slots.empty() ? 0 : options.slots.front(),
+                          options.inputCounts());
 }
 
 Headend::~Headend() {

@@ -61,8 +61,6 @@ Words setVariable(const std::string& name, const std::string& value) {
   return {"var", "set", "--", name.substr(0, dot), name.substr(dot + 1), value};
 }
 
-constexpr auto kWantSetting = "want N.NAME=VALUE or N.NAME=VALUE@SECONDS, as 1.rfreq=474000@5";
-
 }  // namespace
 
 int Job::slot() const {

@@ -66,6 +66,12 @@ struct Options {
   std::vector<int> slots;
   std::map<protocol::Channel, std::string> outputs;
   std::map<int, std::vector<Input>> sources;  // by slot
+  client::InputCounts inputCounts() const {   // of source cards
+    client::InputCounts counts;
+    for (const auto& [slot, inputs] : sources)
+      counts[static_cast<u16>(slot)] = static_cast<u32>(inputs.size());
+    return counts;
+  }
   std::vector<InputLoss> inputLosses;
   std::vector<Job> jobs;
   Nanos deJitter = kSecond / 5;

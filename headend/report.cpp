@@ -2,8 +2,6 @@
 
 #include <cmath>
 #include <nlohmann/json.hpp>
-#include <numeric>
-#include <vector>
 
 #include "hw/ad9775.h"
 
@@ -12,16 +10,18 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::vector<int> numbersBelow(int end) {
-  std::vector<int> numbers(static_cast<std::size_t>(end));
-  std::iota(numbers.begin(), numbers.end(), 0);
-  return numbers;
-}
-
 template <typename Range, typename Entry>
 Json listOf(const Range& range, Entry entryOf) {
   Json all = Json::array();
   for (const auto& element : range) all.push_back(entryOf(element));
+  return all;
+}
+
+// For the numbers from 0 to below `end`.
+template <typename Entry>
+Json listBelow(int end, Entry entryOf) {
+  Json all = Json::array();
+  for (int i = 0; i < end; ++i) all.push_back(entryOf(i));
   return all;
 }
 
@@ -101,8 +101,8 @@ Json sources(Headend& headend) {
             {"last_seconds", counts.last ? Json(seconds(*counts.last)) : Json(nullptr)}};
   };
   return listOf(headend.sources.slots(), [&](int slot) -> Json {
-    const auto inputs = numbersBelow(static_cast<int>(headend.sources.inputs(slot)));
-    return {{"slot", slot + 1}, {"inputs", listOf(inputs, [&](int port) { return inputOf(slot, port); })}};
+    const int inputs = static_cast<int>(headend.sources.inputs(slot));
+    return {{"slot", slot + 1}, {"inputs", listBelow(inputs, [&](int port) { return inputOf(slot, port); })}};
   });
 }
 
@@ -143,12 +143,12 @@ Json startup(Headend& headend, int slot) {
 // What the DAC has taken, what its EEPROM holds for it, and whether that would trouble a real part's port.
 Json calibration(Headend& headend, int slot) {
   CardBoard& board = headend.card(slot).board();
-  const auto registers = numbersBelow(kDacRegisters);
   const Eeprom::Image& image = board.eeprom().image(headend.kernel.now());
-  return {{"dac", listOf(registers, [&board](int n) { return board.dac().reg(static_cast<u8>(n)); })},
-          {"eeprom", listOf(registers, [&image](int n) { return image[static_cast<std::size_t>(n)]; })},
-          {"dac_port_at_risk", board.dac().portAtRisk()},
-          {"edges", board.calibrationEdges()}};
+  return {
+      {"dac", listBelow(kDacRegisters, [&board](int n) { return board.dac().reg(static_cast<u8>(n)); })},
+      {"eeprom", listBelow(kDacRegisters, [&image](int n) { return image[static_cast<std::size_t>(n)]; })},
+      {"dac_port_at_risk", board.dac().portAtRisk()},
+      {"edges", board.calibrationEdges()}};
 }
 
 Json card(Headend& headend, int slot) {
@@ -164,8 +164,7 @@ Json card(Headend& headend, int slot) {
   if (const Observation::ParkedTask* hung = headend.observation.hangingTask(slot)) {
     entry["hung"] = {{"task", hung->task}, {"register", hung->reg}, {"since_seconds", seconds(hung->since)}};
   }
-  entry["channels"] =
-      listOf(numbersBelow(MAX_QAM_OUT_NUM), [&](int port) { return channel(headend, slot, port); });
+  entry["channels"] = listBelow(MAX_QAM_OUT_NUM, [&](int port) { return channel(headend, slot, port); });
   return entry;
 }
 

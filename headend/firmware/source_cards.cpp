@@ -70,11 +70,4 @@ u32 SourceCards::sections(const protocol::Request& request, base::Bytes& reply) 
   return protocol::kDone;
 }
 
-std::map<u16, u32> SourceCards::counts() const {
-  std::map<u16, u32> counts;
-  for (const auto& [slot, card] : cards_)
-    counts[static_cast<u16>(slot)] = static_cast<u32>(card.inputs.size());
-  return counts;
-}
-
 }  // namespace headend

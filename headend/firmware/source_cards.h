@@ -24,7 +24,6 @@ class SourceCards {
   chassis::card& descriptor(int slot) { return cards_.at(slot).descriptor; }
 
   std::size_t inputs(int slot) const { return cards_.at(slot).inputs.size(); }
-  std::map<u16, u32> counts() const;  // of the inputs, by slot
   const std::string& nameOf(int slot, std::size_t input) const {
     return cards_.at(slot).inputs[input]->name();
   }

@@ -82,7 +82,7 @@ void configureBare() {
 constexpr int kRegisterWrites = 100;
 constexpr std::size_t kAccessesOfRegisterWrite = 83;  // lines changed; reads of lines are additional
 
-// Nobody acknowledges: each byte but the last is looked at 200 times.
+// No device acknowledges: the line is read 200 times after each byte but the last.
 void registerWrites(bench::Card& card, bool bare) {
   card.window().cdce925_scl = 1;
   for (int i = 0; i < kRegisterWrites; ++i) {
@@ -96,8 +96,8 @@ void registerWrites(bench::Card& card, bool bare) {
   std::printf("calls %d\naccesses %zu\n", kRegisterWrites, kRegisterWrites * kAccessesOfRegisterWrite);
 }
 
-// The longest pass. Nobody acknowledges for the sensor, so each byte but the last is looked at 200 times; it
-// reads as ones, which is too hot; and both inputs are lost, both outputs overflow.
+// The longest pass. No sensor acknowledges, so the line is read 200 times after each byte but the last; the
+// temperature reads as ones, which is too hot; and both inputs are lost, both outputs overflow.
 void statusPasses(bench::Card& card) {
   constexpr int kPasses = 100;
   static bbFpga_t mainBoard{};

@@ -64,7 +64,7 @@ headend::Options oneCard(const std::filesystem::path& folder, const char* captur
   return options;
 }
 
-// Goes through the kinds; `screen` tells what stands on the LCD, `press` presses a key, `wait` lets a time
+// Goes through the kinds; `screen` gives the text of the LCD, `press` presses a key, `wait` lets a time
 // pass.
 template <typename Screen, typename Press, typename Wait, typename Now>
 std::vector<Times> measure(Screen screen, Press press, Wait wait, Now now) {

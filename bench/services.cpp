@@ -19,7 +19,7 @@ int msgQSend(MSG_Q_ID queue, char* buffer, unsigned /*length*/, int /*timeout*/,
   std::memcpy(&queue->messages[queue->count++], buffer, sizeof(u32));
   return OK;
 }
-// Nobody waits here: the send tasks' loop is not what is counted.
+// No task waits: the loop of the send tasks is not counted.
 int msgQReceive(MSG_Q_ID /*queue*/, char* /*buffer*/, unsigned /*maxLength*/, int /*timeout*/) {
   return ERROR;
 }
@@ -54,7 +54,7 @@ bbFpga_t* pbbFpgaIf = nullptr;
 int para_save(u8 /*slotNo*/) {
   return os::OK;
 }
-// Nothing stands, so that a condition that holds is raised anew in each pass.
+// No alarm is kept, so that a condition that holds is raised anew in each pass.
 void AddAnAlarm(u8 /*slotNo*/, u8 /*port*/, u16 /*type*/, const char* /*zhTitle*/, const char* /*zhContent*/,
                 const char* /*enTitle*/, const char* /*enContent*/, const char* /*zhTrap*/,
                 const char* /*enTrap*/) {}

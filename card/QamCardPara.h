@@ -69,7 +69,7 @@ struct QamCardPara {
   outPsiPkt_t psiPkt[MAX_QAM_OUT_NUM][kPsiStoreSize];
 };
 
-static_assert(std::endian::native == std::endian::little, "the record is stored as it stands in memory");
+static_assert(std::endian::native == std::endian::little, "the record is stored as it is in memory");
 static_assert(sizeof(QamParaS) == 32);
 static_assert(offsetof(QamParaS, QamVersion) == 3 && offsetof(QamParaS, lo1freq) == 4);
 static_assert(offsetof(QamParaS, rflevel) == 8 && offsetof(QamParaS, rfreq) == 12);

@@ -29,8 +29,8 @@ bool waitForStatus(const brdFpgaCfg_t& port, bool ready) {
   return false;
 }
 
-// The file holds its bytes as the part wants them on this shift: the most significant bit goes first,
-// although the part's own data sheet draws its serial format the other way round.
+// The file is made for this shift: the most significant bit of each byte goes first. The part's data sheet
+// draws its serial format with the other order.
 void sendStream(brdFpgaCfg_t& port, const u8* data, int dataSize) {
   for (const u8* end = data + dataSize; data != end; ++data) {
     for (int bit = 7; bit >= 0; --bit) {

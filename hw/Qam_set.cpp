@@ -43,7 +43,7 @@ constexpr ClockRegister kClockSetUp[] = {
     {.reg = 0x1E, .value = 0x02}, {.reg = 0x1F, .value = 0x08},
 };
 
-// DAC register n stands in byte n of the EEPROM.
+// DAC register n is stored in byte n of the EEPROM.
 void loadDac(u8 slotNo, u8 first, u8 end) {
   for (u8 addr = first; addr < end; ++addr) {
     const u8 data = at24cxx_rd_byte(addr, slotNo);

@@ -24,7 +24,7 @@ int serviceEntry(int slotNo, int, int, int, int, int, int, int, int, int) {
   return 0;
 }
 
-// Of a packet the registers stand behind its two first bytes, in the DAC's order.
+// In a packet the registers follow the first two bytes, in the DAC's order.
 constexpr int kFirstRegister = offsetof(AdIpPacket, CommonReg);
 static_assert(kFirstRegister == 2 && offsetof(AdIpPacket, I_Para) == 7 && offsetof(AdIpPacket, Q_Para) == 11);
 
@@ -32,8 +32,8 @@ void readAll(u8 slotNo, u8* registers) {
   for (u8 n = 0; n < kDacRegisters; ++n) registers[n] = ad9775_reg_read(slotNo, n);
 }
 
-// Each byte goes to the DAC, into the EEPROM, and is read back there, which shows on a bus analyser whether
-// it arrived; nobody else looks.
+// Each byte is written to the DAC and to the EEPROM, and read back from the EEPROM. A bus analyser shows with
+// that whether it was stored; the module does not compare.
 void writeAll(u8 slotNo, const u8* registers) {
   for (u8 n = 0; n < kDacRegisters; ++n) {
     ad9775_reg_write(slotNo, n, &registers[n], 1);

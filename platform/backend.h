@@ -29,7 +29,7 @@ struct bc_var {
   int (*vfind)(int, int);
 };
 
-// Requests whose (slot << 24 | port << 16) lies in [base, limit) go to `table`. The registry keeps the
+// Requests whose (slot << 24 | port << 16) is in [base, limit) go to `table`. The registry keeps the
 // pointer to the table and copies the text.
 extern "C" int bc_vars_register(u32 base, u32 limit, const bc_var* table, const char* text);
 

@@ -42,7 +42,7 @@ int findTarget(const chassis::bc_vhdr_t& header, Target& target) {
   return target.para == nullptr ? kNoCard : kDone;
 }
 
-// Replies are laid out over the caller's buffer; the header's length says how much of it travels.
+// A reply is built in the caller's buffer; the length in its header is what is sent.
 template <class Record>
 Record& emptyReply(void* var) {
   std::memset(var, 0, sizeof(Record));

@@ -28,7 +28,7 @@ outPsiPkt_t* firstFree(u8 port, QamCardPara* ptr) {
   return entry == end ? nullptr : entry;
 }
 
-// The PMTs of different programmes stand on different PIDs, so here the store itself must be counted.
+// The PMTs of different programmes are on different PIDs, so the packets of the store are counted.
 u16 countPmtOnPid(u8 port, u16 pid, const QamCardPara* ptr) {
   u16 count = 0;
   for (const outPsiPkt_t& entry : ptr->psiPkt[port]) {

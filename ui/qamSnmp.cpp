@@ -88,8 +88,7 @@ u8* qam_var_custom(chassis::variable* vp, u32* name, int* length, int exact, int
   return string;
 }
 
-// The row's own type is not looked at: the agent in front of this knows it, and has refused a value of
-// another.
+// The row's type is not checked: the agent that calls this has refused a value of another type.
 int qam_write_custom(int action, u8* var_val, u8 var_val_type, int var_val_len, u8* /*statP*/, u32* name,
                      int name_len) {
   if (var_val_type != ASN_INTEGER && var_val_type != ASN_OCTET_STR) {

@@ -47,8 +47,8 @@ constexpr Channel kChannels[MAX_QAM_OUT_NUM] = {
     {0x02, "频点二错误"_gbk, "Ch.2 Error", "QAM卡%d频点二输入恢复正常"_gbk, "qam card %d ch.2 input OK!"},
 };
 
-// The record remembers what was raised, over a restart too if somebody saves it meanwhile. Both channels
-// raise with port 0: management systems in the field tell them apart by the texts.
+// The record keeps what was raised, over a restart too if the record is saved meanwhile. Both channels raise
+// with port 0: management systems in the field distinguish them by the texts.
 void checkInputs(u8 slotNo, QamCardPara* record) {
   const u8 status = record->qam_para.status;
   const u16 lost = QamFpgaIf[slotNo]->tslock;

@@ -66,15 +66,10 @@ u8 Eeprom::next(Nanos /*now*/) {
   return byte;
 }
 
-void Eeprom::started(Nanos /*now*/) {
+void Eeprom::accessEnded(bool byStop, Nanos now) {
   if (buffered_ == 0) return;
-  violation("write_abandoned");
-  forgetPage();
-}
-
-void Eeprom::stopped(Nanos now) {
-  if (buffered_ == 0) return;
-  if (inByte()) return forgetPage();
+  if (!byStop) violation("write_abandoned");
+  if (!byStop || inByte()) return forgetPage();
   buffered_ = 0;
   cycleEndsAt_ = now + cycle_;
 }

@@ -13,10 +13,10 @@ struct BusName {
   bool mayLack = true;  // a card can work without the device
 };
 constexpr BusName kBuses[] = {
-    {"clock", "the clock generator", [](CardBoard& b) -> OpenDrainBus& { return b.clockBus(); }, false},
-    {"sensor1", "temperature sensor 1", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(1); }},
-    {"sensor2", "temperature sensor 2", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(2); }},
-    {"eeprom", "the calibration EEPROM", [](CardBoard& b) -> OpenDrainBus& { return b.eepromBus(); }},
+    {"clock", "the clock generator", [](CardBoard& b) -> OpenDrainBus& { return b.clockBus; }, false},
+    {"sensor1", "temperature sensor 1", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus1; }},
+    {"sensor2", "temperature sensor 2", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus2; }},
+    {"eeprom", "the calibration EEPROM", [](CardBoard& b) -> OpenDrainBus& { return b.eepromBus; }},
 };
 
 struct BusFaultName {
@@ -48,15 +48,15 @@ std::vector<FaultKind> makeKinds() {
     kinds.push_back({name, text, [inject](CardBoard& board, Nanos) { inject(board); }});
   };
   add("lo1-no-latch", "the first oscillator's latch enable is not connected",
-      [](CardBoard& b) { b.firstOscillator().disconnectLatchEnable(); });
+      [](CardBoard& b) { b.firstOscillator.disconnectLatchEnable(); });
   add("lo2-no-latch", "the second oscillator's latch enable is not connected",
-      [](CardBoard& b) { b.secondOscillator().disconnectLatchEnable(); });
+      [](CardBoard& b) { b.secondOscillator.disconnectLatchEnable(); });
   add("attenuator-no-latch", "the attenuator's latch enable is not connected",
-      [](CardBoard& b) { b.attenuator().disconnectLatchEnable(); });
+      [](CardBoard& b) { b.attenuator.disconnectLatchEnable(); });
   add("lo1-no-reference", "the first oscillator has no reference",
-      [](CardBoard& b) { b.firstOscillator().removeReference(); });
+      [](CardBoard& b) { b.firstOscillator.removeReference(); });
   add("lo2-no-reference", "the second oscillator has no reference",
-      [](CardBoard& b) { b.secondOscillator().removeReference(); });
+      [](CardBoard& b) { b.secondOscillator.removeReference(); });
   return kinds;
 }
 
@@ -68,10 +68,8 @@ const std::vector<FaultKind>& faultKinds() {
 }
 
 const FaultKind* findFault(const std::string& name) {
-  const auto& kinds = faultKinds();
-  const auto found =
-      std::find_if(kinds.begin(), kinds.end(), [&](const FaultKind& k) { return k.name == name; });
-  return found == kinds.end() ? nullptr : &*found;
+  const auto found = std::ranges::find(faultKinds(), name, &FaultKind::name);
+  return found == faultKinds().end() ? nullptr : &*found;
 }
 
 }  // namespace headend

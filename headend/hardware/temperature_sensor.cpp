@@ -100,15 +100,7 @@ void TemperatureSensor::configure(u8 value) {
   if (sleeps) nextDoneAt_ = kNever;
 }
 
-void TemperatureSensor::started(Nanos now) {
-  endAccess(now);
-}
-
-void TemperatureSensor::stopped(Nanos now) {
-  endAccess(now);
-}
-
-void TemperatureSensor::endAccess(Nanos now) {
+void TemperatureSensor::accessEnded(bool /*byStop*/, Nanos now) {
   if (!active_) return;
   convertUntil(now);
   active_ = false;

@@ -3,9 +3,7 @@
 // stored.
 #pragma once
 
-#include <string>
-
-#include "headend/hardware/i2c_slave.h"
+#include "headend/hardware/i2c.h"
 
 namespace headend {
 
@@ -21,12 +19,10 @@ class TemperatureSensor final : public I2cSlave {
   bool addressed(u8 addressByte, Nanos now) override;
   bool received(u8 byte, Nanos now) override;
   u8 next(Nanos now) override;
-  void started(Nanos now) override;
-  void stopped(Nanos now) override;
+  void accessEnded(bool byStop, Nanos now) override;
 
  private:
   void configure(u8 value);
-  void endAccess(Nanos now);
   void convertUntil(Nanos now);
   unsigned temperatureRegister() const;
 

@@ -121,10 +121,11 @@ TEST(Devices, TheSensorConvertsEvery800MillisecondsOrOnDemandAndReportsTenBitsAn
   master.bus.inject(headend::OpenDrainBus::Fault::kStretch, master.now);
   EXPECT_EQ(after(0), 0xC928);
   master.begin(0x4A, true);
-  EXPECT_FALSE(master.bus.clock(master.now));
-  master.bus.driveClock(true, master.now + 1300);
-  EXPECT_FALSE(master.bus.clock(master.now + 99'999));
-  master.bus.driveClock(false, master.now + 100'600);  // not called: the clock has been high since 100'000
+  constexpr auto kClock = headend::OpenDrainBus::kClock;
+  EXPECT_FALSE(master.bus.level(kClock, master.now));
+  master.bus.drive(kClock, true, master.now + 1300);
+  EXPECT_FALSE(master.bus.level(kClock, master.now + 99'999));
+  master.bus.drive(kClock, false, master.now + 100'600);  // not called: the clock has been high since 100'000
   EXPECT_EQ(kinds(violations), "");
 }
 

@@ -19,9 +19,7 @@ class CardFpga final : public BusDevice {
   std::string_view registerName(u32 offset) const override { return cardRegister(offset).name; }
 
   FpgaConfiguration& configuration() { return configuration_; }
-  const FpgaConfiguration& configuration() const { return configuration_; }
   Multiplexer& output(std::size_t channel) { return outputs_[channel]; }
-  const Multiplexer& output(std::size_t channel) const { return outputs_[channel]; }
   void advanceOutputs(Nanos now);
   CardBoard& board() { return board_; }
   RfOutput rf(std::size_t channel, Nanos now) const;

@@ -228,7 +228,7 @@ ClockOutput ClockGenerator::divided() const {
   if (source == 3) return {.why = "Y3's multiplexer is set to no divider"};
   const unsigned pdiv1 = (registers_[kY1] & 3U) << 8 | registers_[kPdiv1];
   const unsigned divider = source == 0 ? pdiv1 : registers_[source == 1 ? kPdiv2 : kPdiv3] & 0x7FU;
-  if (divider == 0) return {.why = fmt::format("Pdiv{} is 0 and stands still", source + 1)};
+  if (divider == 0) return {.why = fmt::format("Pdiv{} is 0: it does not count", source + 1)};
   const bool fromInput = source == 0 && (registers_[kY1] & kY1FromPll) == 0;
   ClockOutput clock = fromInput ? ClockOutput{.hz = input_hz_} : pll();
   if (clock.hz) *clock.hz /= divider;

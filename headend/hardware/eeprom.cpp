@@ -92,14 +92,8 @@ void Eeprom::powerCut(Nanos now) {
 }
 
 u8 Eeprom::leftBehind(u8 before, u8 after) {
-  switch (random_() % 3) {
-    case 0:
-      return before;
-    case 1:
-      return after;
-    default:
-      return static_cast<u8>(random_());
-  }
+  const auto kind = random_() % 3;
+  return kind == 0 ? before : kind == 1 ? after : static_cast<u8>(random_());
 }
 
 void Eeprom::forgetPage() {

@@ -9,14 +9,14 @@ namespace {
 struct BusName {
   const char* name;
   const char* text;
-  OpenDrainBus& (*of)(CardBoard& board);
+  OpenDrainBus CardBoard::*bus;
   bool mayLack = true;  // a card can work without the device
 };
 constexpr BusName kBuses[] = {
-    {"clock", "the clock generator", [](CardBoard& b) -> OpenDrainBus& { return b.clockBus; }, false},
-    {"sensor1", "temperature sensor 1", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus1; }},
-    {"sensor2", "temperature sensor 2", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus2; }},
-    {"eeprom", "the calibration EEPROM", [](CardBoard& b) -> OpenDrainBus& { return b.eepromBus; }},
+    {"clock", "the clock generator", &CardBoard::clockBus, false},
+    {"sensor1", "temperature sensor 1", &CardBoard::sensorBus1},
+    {"sensor2", "temperature sensor 2", &CardBoard::sensorBus2},
+    {"eeprom", "the calibration EEPROM", &CardBoard::eepromBus},
 };
 
 struct BusFaultName {
@@ -41,7 +41,7 @@ std::vector<FaultKind> makeKinds() {
       if (!bus.mayLack && fault.fault == OpenDrainBus::Fault::kAbsent) continue;
       kinds.push_back(
           {std::string(bus.name) + "-" + fault.name, std::string(bus.text) + " " + fault.text,
-           [of = bus.of, kind = fault.fault](CardBoard& b, Nanos now) { of(b).inject(kind, now); }});
+           [lines = bus.bus, kind = fault.fault](CardBoard& b, Nanos now) { (b.*lines).inject(kind, now); }});
     }
   }
   const auto add = [&](const char* name, const char* text, void (*inject)(CardBoard&)) {

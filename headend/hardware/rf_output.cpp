@@ -64,7 +64,7 @@ std::string oscillatorFault(const RfSwitches& switches, const CardBoard& board) 
 std::string clockFault(const RfOutput& output, const CardBoard& board, Nanos now) {
   if (!output.clock_kBd) return "clock generator: " + board.clockGenerator.y3(now).why;
   if (std::abs(*output.clock_kBd / output.symbolRate_kBd - 1) > kClockTolerance) {
-    return fmt::format("the clock gives {:.3f} kBd, the modulator was told {} kBd", *output.clock_kBd,
+    return fmt::format("the clock gives {:.3f} kBd, the modulator is set to {} kBd", *output.clock_kBd,
                        output.symbolRate_kBd);
   }
   return {};

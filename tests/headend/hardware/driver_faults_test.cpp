@@ -84,7 +84,7 @@ TEST(DriverFaults, AtTheClockGenerator) {
   check<headend::ClockGenerator>(rows, 55e6);
 }
 
-// An EEPROM in which each byte tells its place.
+// An EEPROM in which each byte depends on its place.
 u8 old(unsigned place) {
   return static_cast<u8>(place * 7 + place / 256 * 31);
 }

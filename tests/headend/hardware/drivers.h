@@ -1,5 +1,5 @@
-// Drivers of the card's devices, one for each kind of lines. They keep exactly the least times, unless told
-// to miss one.
+// Drivers of the card's devices, one for each kind of lines. They keep exactly the least times, unless a
+// row changes one.
 #pragma once
 
 #include <gtest/gtest.h>

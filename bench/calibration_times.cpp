@@ -161,7 +161,7 @@ class Technician {
   bool isKept() { return std::equal(written_.begin() + 2, written_.end(), eeprom().image(now()).begin()); }
 
   Nanos now() { return headend_.kernel.now(); }
-  headend::Eeprom& eeprom() { return headend_.card(0).board().eeprom(); }
+  headend::Eeprom& eeprom() { return headend_.card(0).board().eeprom; }
 
   headend::Headend headend_;
   std::optional<headend::UdpSocket> client_;

@@ -9,7 +9,7 @@
 #include "headend/card_state.h"
 #include "headend/flash_folder.h"
 #include "headend/hardware/file_input.h"
-#include "headend/hardware/interruptible_input.h"
+#include "headend/hardware/ts_input.h"
 #include "headend/hardware/udp_input.h"
 #include "ui/qamMibRows.h"
 
@@ -114,17 +114,15 @@ void Headend::installCards() {
   if (!options.trace.empty())
     trace = std::make_unique<VcdTrace>(options.trace, options.slots, options.traceLines);
   for (const int slot : options.slots) {
-    const auto index = static_cast<std::size_t>(slot);
     const FpgaConfiguration::Settings settings{
         .anyBitstream = options.anyBitstream,
         .seed = options.seed * MAX_BOARD_NUM + static_cast<unsigned>(slot)};
-    cards[index] = std::make_unique<CardFpga>(settings, violations);
-    ports[index] = std::make_unique<ConfigPort>(card(slot).configuration(), violations);
-    Eeprom& eeprom = card(slot).board().eeprom();
+    cards[static_cast<std::size_t>(slot)] = std::make_unique<CardFpga>(settings, violations);
+    Eeprom& eeprom = card(slot).board().eeprom;
     eepromFiles.load(slot, eeprom);
     if (const auto cycle = options.eepromCycles.find(slot); cycle != options.eepromCycles.end())
       eeprom.writeCycle(cycle->second);
-    bus.attach(slot, card(slot), *ports[index]);
+    bus.attach(slot, card(slot));
     card(slot).onConfiguration([this, slot](bool complete, Nanos now) {
       if (!complete && card(slot).configuration().attempts() != 1) return;
       chassis.timeline(slot).begin(complete ? "settling" : "FPGA configuration", now, bus.accesses(slot));
@@ -161,7 +159,7 @@ void Headend::openInputs() {
       auto& input = inputs.emplace_back(openInput(*this, targets[port]));
       for (const Options::InputLoss& loss : options.inputLosses) {
         if (loss.source != protocol::SourcePort{static_cast<u16>(slot), port}) continue;
-        input = std::make_unique<InterruptibleInput>(kernel, std::move(input), Loss{loss.at, loss.period});
+        input = std::make_unique<InterruptibleInput>(kernel, std::move(input), loss.at, loss.period);
       }
     }
     sources.plugIn(slot, std::move(inputs));
@@ -204,7 +202,7 @@ void Headend::provideServices() {
 void Headend::startCards() {
   for (const int slot : sources.slots()) chassis.plugIn(sources.descriptor(slot));
   chassis.onInitReturned([this](int slot) {
-    ports[static_cast<std::size_t>(slot)]->loaderLeft();
+    card(slot).configuration().loaderLeft();
     if (trace == nullptr) card(slot).onRegister(nullptr);  // no receiver is left
     openMib(*this, slot);
   });

@@ -18,7 +18,7 @@
 #include "headend/firmware/snmp/agent.h"
 #include "headend/firmware/socket_table.h"
 #include "headend/firmware/source_cards.h"
-#include "headend/hardware/config_port.h"
+#include "headend/hardware/fpga_configuration.h"
 #include "headend/kernel/heap.h"
 #include "headend/observation.h"
 #include "headend/operator.h"
@@ -55,7 +55,6 @@ class Headend final {
   Network network;
   Bus bus;
   std::array<std::unique_ptr<CardFpga>, MAX_BOARD_NUM> cards;  // null in a slot without a card
-  std::array<std::unique_ptr<ConfigPort>, MAX_BOARD_NUM> ports;
   PidRouter router;
   MainBoard mainBoard;
   SourceCards sources;

@@ -143,11 +143,11 @@ Json startup(Headend& headend, int slot) {
 // What the DAC has taken, what its EEPROM holds for it, and whether that would trouble a real part's port.
 Json calibration(Headend& headend, int slot) {
   CardBoard& board = headend.card(slot).board();
-  const Eeprom::Image& image = board.eeprom().image(headend.kernel.now());
+  const Eeprom::Image& image = board.eeprom.image(headend.kernel.now());
   return {
-      {"dac", listBelow(kDacRegisters, [&board](int n) { return board.dac().reg(static_cast<u8>(n)); })},
+      {"dac", listBelow(kDacRegisters, [&board](int n) { return board.dac.reg(static_cast<u8>(n)); })},
       {"eeprom", listBelow(kDacRegisters, [&image](int n) { return image[static_cast<std::size_t>(n)]; })},
-      {"dac_port_at_risk", board.dac().portAtRisk()},
+      {"dac_port_at_risk", board.dac.portAtRisk()},
       {"edges", board.calibrationEdges()}};
 }
 

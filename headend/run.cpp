@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "headend/hardware/faults.h"
-#include "headend/kernel/real_time_pace.h"
+#include "headend/kernel/network.h"
 
 namespace headend {
 namespace {

@@ -11,9 +11,10 @@
 namespace headend {
 namespace {
 
-bool matchesOne(const std::string& glob, int slot, const char* name) {
+bool matchesOne(const std::string& glob, int slot, std::string_view name) {
   const bool namesSlot = glob.find('.') != std::string::npos;  // register names have no point
-  return fnmatch(glob.c_str(), namesSlot ? fmt::format("slot{}.{}", slot + 1, name).c_str() : name, 0) == 0;
+  const std::string text = namesSlot ? fmt::format("slot{}.{}", slot + 1, name) : std::string(name);
+  return fnmatch(glob.c_str(), text.c_str(), 0) == 0;
 }
 
 // One or two of the printable characters, '!' to '~'.
@@ -48,7 +49,7 @@ bool VcdTrace::matches(const std::string& glob, std::span<const int> slots) {
 
 // No date: the same run gives the same bytes.
 std::string VcdTrace::header(std::span<const int> slots, std::span<const std::string> globs) {
-  const auto wanted = [&](int slot, const char* name) {
+  const auto wanted = [&](int slot, std::string_view name) {
     return globs.empty() || std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
              return matchesOne(glob, slot, name);
            });

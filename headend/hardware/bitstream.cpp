@@ -1,50 +1,48 @@
 #include "headend/hardware/bitstream.h"
 
+#include <algorithm>
 #include <array>
+#include <boost/crc.hpp>
 #include <random>
+#include <span>
 
 namespace headend {
 namespace {
 
-constexpr std::uint32_t kPreambleSize = 32;
-constexpr std::array<u8, 4> kSync = {'Q', 'A', 'M', 'B'};
-constexpr std::uint32_t kFieldSize = 4;
-constexpr std::uint32_t kPayloadSize = 120'000;  // similar to a mid-sized part's compressed stream
+constexpr std::array<u8, 36> kBegin = [] {
+  std::array<u8, 36> begin{};
+  begin.fill(0xFF);
+  std::ranges::copy(std::to_array<u8>({'Q', 'A', 'M', 'B'}), begin.begin() + 32);
+  return begin;
+}();
+constexpr std::size_t kFieldSize = 4;
+constexpr u32 kPayloadSize = 120'000;  // similar to a mid-sized part's compressed stream
 
-constexpr std::array<std::uint32_t, 256> makeCrcTable() {
-  std::array<std::uint32_t, 256> table{};
-  for (std::uint32_t i = 0; i < table.size(); ++i) {
-    std::uint32_t c = i;
-    for (int k = 0; k < 8; ++k) c = (c & 1) != 0 ? 0xEDB88320U ^ c >> 1 : c >> 1;
-    table[i] = c;
-  }
-  return table;
-}
-constexpr auto kCrcTable = makeCrcTable();
-
-std::uint32_t crcStep(std::uint32_t crc, u8 byte) {
-  return kCrcTable[(crc ^ byte) & 0xFF] ^ crc >> 8;
+void append(std::vector<u8>& stream, u32 value) {
+  for (int shift = 24; shift >= 0; shift -= 8) stream.push_back(static_cast<u8>(value >> shift));
 }
 
-void appendBigEndian(std::vector<u8>& out, std::uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<u8>(value >> shift));
+u32 numberAt(const std::vector<u8>& stream, std::size_t at) {
+  u32 value = 0;
+  for (std::size_t i = 0; i < kFieldSize; ++i) value = value << 8 | stream[at + i];
+  return value;
+}
+
+// Of length and payload.
+u32 crcOf(std::span<const u8> bytes) {
+  boost::crc_32_type crc;
+  crc.process_bytes(bytes.data(), bytes.size());
+  return crc.checksum();
 }
 
 }  // namespace
 
 std::vector<u8> makeSampleBitstream() {
-  std::vector<u8> stream;
-  stream.reserve(kPreambleSize + kSync.size() + 2 * kFieldSize + kPayloadSize);
-  stream.resize(kPreambleSize, 0xFF);
-  for (const u8 byte : kSync) stream.push_back(byte);
-  const std::size_t covered = stream.size();
-  appendBigEndian(stream, kPayloadSize);
+  std::vector<u8> stream(kBegin.begin(), kBegin.end());
+  append(stream, kPayloadSize);
   std::mt19937 content(1);  // NOLINT(cert-msc51-cpp): the same sample each time
-  for (std::uint32_t i = 0; i < kPayloadSize; ++i) stream.push_back(static_cast<u8>(content()));
-
-  std::uint32_t crc = 0xFFFFFFFF;
-  for (std::size_t i = covered; i < stream.size(); ++i) crc = crcStep(crc, stream[i]);
-  appendBigEndian(stream, ~crc);
+  for (u32 i = 0; i < kPayloadSize; ++i) stream.push_back(static_cast<u8>(content()));
+  append(stream, crcOf(std::span(stream).subspan(kBegin.size())));
   return stream;
 }
 
@@ -52,37 +50,23 @@ void BitstreamReceiver::bit(bool value) {
   shift_ = static_cast<u8>(shift_ << 1 | (value ? 1 : 0));
   if (++bits_ < 8) return;
   bits_ = 0;
-  byte(shift_);
+  if (!refused_ && !complete_) byte(shift_);
 }
 
 void BitstreamReceiver::byte(u8 value) {
-  const std::uint32_t at = position_++;
-  switch (state_) {
-    case State::kPreamble:
-      if (value != 0xFF) return enter(State::kRefused);
-      if (position_ == kPreambleSize) enter(State::kSync);
-      return;
-    case State::kSync:
-      if (value != kSync[at]) return enter(State::kRefused);
-      if (position_ == kSync.size()) enter(State::kLength);
-      return;
-    case State::kLength:
-      crc_ = crcStep(crc_, value);
-      length_ = length_ << 8 | value;
-      if (position_ == kFieldSize) enter(length_ == 0 ? State::kRefused : State::kPayload);
-      return;
-    case State::kPayload:
-      crc_ = crcStep(crc_, value);
-      if (position_ == length_) enter(State::kCrc);
-      return;
-    case State::kCrc:
-      expected_ = expected_ << 8 | value;
-      if (position_ == kFieldSize) enter(expected_ == ~crc_ ? State::kAccepted : State::kRefused);
-      return;
-    case State::kAccepted:
-    case State::kRefused:
-      return;
+  received_.push_back(value);
+  const std::size_t count = received_.size();
+  if (count <= kBegin.size()) {
+    if (value != kBegin[count - 1]) refuse();
+    return;
   }
+  if (count < kBegin.size() + kFieldSize) return;
+  const u32 length = numberAt(received_, kBegin.size());
+  if (length == 0) refuse();
+  const std::size_t end = kBegin.size() + kFieldSize + length;
+  if (count < end + kFieldSize) return;
+  complete_ = true;
+  if (crcOf(std::span(received_).first(end).subspan(kBegin.size())) != numberAt(received_, end)) refuse();
 }
 
 }  // namespace headend

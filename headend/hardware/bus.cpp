@@ -8,6 +8,24 @@
 
 namespace headend {
 
+bool MainBoard::overflows(int slot, int port, Nanos now) {
+  Multiplexer* output = outputs_.at(outputNumber(slot, port));
+  if (output == nullptr) return false;
+  output->advance(now);
+  const std::optional<Nanos> last = output->lastDrop();
+  return last && now - *last < kOverflowHold;
+}
+
+u16 MainBoard::read(u32 /*offset*/, Nanos now) {
+  unsigned bits = 0;
+  for (int slot = 0; slot < MAX_BOARD_NUM; ++slot) {
+    for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
+      if (overflows(slot, port, now)) bits |= 1U << outputNumber(slot, port);
+    }
+  }
+  return static_cast<u16>(bits);
+}
+
 Bus::Bus(Violations& violations) : violations_(violations) {
   void* mapped = mmap(nullptr, kMapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (mapped == MAP_FAILED) throw std::bad_alloc();
@@ -19,11 +37,6 @@ Bus::Bus(Violations& violations) : violations_(violations) {
 
 Bus::~Bus() {
   munmap(base_, kMapped);
-}
-
-void Bus::attach(int slot, CardFpga& card, ConfigPort& port) {
-  cards_[static_cast<std::size_t>(slot)] = &card;
-  ports_[static_cast<std::size_t>(slot)] = &port;
 }
 
 void* Bus::hostAddress(u32 busAddress) const {
@@ -39,7 +52,7 @@ std::string Bus::registerName(const volatile void* reg) const {
 }
 
 void Bus::logAccess(const Place& place, char direction, u16 value, Nanos now) {
-  const char* name = place.device == nullptr ? "nobody" : place.device->registerName(place.offset);
+  const std::string_view name = place.device == nullptr ? "nobody" : place.device->registerName(place.offset);
   std::array<char, 96> line{};  // formatted in place: this runs at every access
   const auto end = fmt::format_to_n(line.data(), line.size(), "{} {} {} {} {:04X} {}\n", now, place.slot + 1,
                                     direction, place.offset, value, name);

@@ -4,16 +4,37 @@
 
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <string>
 
-#include "headend/hardware/bus_device.h"
 #include "headend/hardware/card_fpga.h"
-#include "headend/hardware/config_port.h"
-#include "headend/hardware/main_board.h"
-#include "headend/hardware/violations.h"
 
 namespace headend {
+
+// The registers of the main board's FPGA for the state of the outputs. The chassis reads them over the bus.
+class MainBoard final : public BusDevice {
+ public:
+  // Byte offset in the main board's block. Two bits per slot, the first output in the lower bit. A bit is set
+  // when a packet finds the output's buffer full, and cleared after kOverflowHold without another.
+  static constexpr u32 kRateOverflow = 376;
+  static constexpr Nanos kOverflowHold = 2 * kSecond;
+
+  // The output's bit in the register.
+  static constexpr std::size_t outputNumber(int slot, int port) {
+    return static_cast<std::size_t>(slot) * MAX_QAM_OUT_NUM + static_cast<std::size_t>(port);
+  }
+
+  void watch(int slot, int port, Multiplexer& output) { outputs_.at(outputNumber(slot, port)) = &output; }
+
+  // Whether the output's bit is set; false if no output is monitored there.
+  bool overflows(int slot, int port, Nanos now);
+
+  u16 read(u32 offset, Nanos now) override;
+  void write(u32 /*offset*/, u16 /*value*/, Nanos /*now*/) override {}  // only the board writes it
+  std::string_view registerName(u32 /*offset*/) const override { return "rate_overflow"; }
+
+ private:
+  std::array<Multiplexer*, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> outputs_{};
+};
 
 class Bus {
  public:
@@ -22,7 +43,7 @@ class Bus {
   Bus& operator=(const Bus&) = delete;
   ~Bus();
 
-  void attach(int slot, CardFpga& card, ConfigPort& port);
+  void attach(int slot, CardFpga& card) { cards_[static_cast<std::size_t>(slot)] = &card; }
   void attach(MainBoard& board) { board_ = &board; }
   void logTo(std::FILE* log) { log_ = log; }
 
@@ -77,11 +98,11 @@ class Bus {
       if (slot >= 0 && cards_[static_cast<std::size_t>(slot)] != nullptr && offset < CardFpga::kWindowSize) {
         return {cards_[static_cast<std::size_t>(slot)], offset, slot};
       }
-    } else if (at >= kConfigPorts && at < kConfigPorts + MAX_BOARD_NUM * ConfigPort::kSize) {
-      const std::size_t slot = (at - kConfigPorts) / ConfigPort::kSize;
-      if (ports_[slot] != nullptr) {
-        return {ports_[slot], static_cast<u32>((at - kConfigPorts) % ConfigPort::kSize),
-                static_cast<int>(slot)};
+    } else if (at >= kConfigPorts && at < kConfigPorts + MAX_BOARD_NUM * FpgaConfiguration::kSize) {
+      const std::size_t slot = (at - kConfigPorts) / FpgaConfiguration::kSize;
+      if (cards_[slot] != nullptr) {
+        return {&cards_[slot]->configuration(),
+                static_cast<u32>((at - kConfigPorts) % FpgaConfiguration::kSize), static_cast<int>(slot)};
       }
     } else if (at == kMainBoard + MainBoard::kRateOverflow && board_ != nullptr) {
       return {board_, MainBoard::kRateOverflow, -1};
@@ -104,7 +125,6 @@ class Bus {
   std::FILE* log_ = nullptr;
   std::array<int, kWindows / kWindowGrid> slotOfWindow_{};
   std::array<CardFpga*, MAX_BOARD_NUM> cards_{};
-  std::array<ConfigPort*, MAX_BOARD_NUM> ports_{};
   MainBoard* board_ = nullptr;
   std::array<std::uint64_t, MAX_BOARD_NUM> accesses_{};
 };

@@ -1,6 +1,6 @@
 #include "headend/hardware/card_board.h"
 
-#include "headend/hardware/card_registers.h"
+#include <utility>
 
 namespace headend {
 namespace {
@@ -10,29 +10,63 @@ constexpr double kClockInput_Hz = 55e6;  // of the clock generator
 constexpr u8 kSensorAddress = 0x4A;
 
 constexpr u32 kClockScl = offsetOf("cdce925_scl");
-constexpr u32 kClockSda = offsetOf("cdce925_sda");
-constexpr u32 kClockS0 = offsetOf("cdce925_s0");
 constexpr u32 kSensor1Scl = offsetOf("ad7414_scl");
-constexpr u32 kSensor1Sda = offsetOf("ad7414_sda");
 constexpr u32 kSensor2Scl = offsetOf("ext_ad7414_scl");
-constexpr u32 kSensor2Sda = offsetOf("ext_ad7414_sda");
 constexpr u32 kEepromScl = offsetOf("X24C16SCL");
 constexpr u32 kEepromSda = offsetOf("X24C16SDA");
-
-// The lines of a calibration, which a power cut counts.
-enum CalibrationLine : std::size_t { kSclEdge, kSdaEdge, kResetEdge, kSelectEdge, kClockEdge, kDataEdge };
 
 }  // namespace
 
 CardBoard::CardBoard(Violations& violations, unsigned seed)
-    : clockGenerator_(kClockInput_Hz, violations),
-      sensor1_(kSensorAddress, "sensor1", violations),
-      sensor2_(kSensorAddress, "sensor2", violations),
-      firstOscillator_("lo1", kReference_Hz, true, violations),
-      secondOscillator_("lo2", kReference_Hz, false, violations),
-      attenuator_("attenuator", violations),
-      dac_("dac", violations),
-      eeprom_(violations, seed) {}
+    : clockGenerator(kClockInput_Hz, violations),
+      sensor1(kSensorAddress, "sensor1", violations),
+      sensor2(kSensorAddress, "sensor2", violations),
+      eeprom(violations, seed),
+      firstOscillator("lo1", kReference_Hz, true, violations),
+      secondOscillator("lo2", kReference_Hz, false, violations),
+      attenuator("attenuator", violations),
+      dac("dac", violations) {
+  connect(kClockScl, offsetOf("cdce925_sda"), clockBus);
+  connect(kSensor1Scl, offsetOf("ad7414_sda"), sensorBus1);
+  connect(kSensor2Scl, offsetOf("ext_ad7414_sda"), sensorBus2);
+  connect(kEepromScl, kEepromSda, eepromBus);
+  connect(offsetOf("lo1_dat"), offsetOf("lo1_clk"), offsetOf("lo1_le"), firstOscillator);
+  connect(offsetOf("lo2_q1_dat"), offsetOf("lo2_q1_clk"), offsetOf("lo2_q1_le"), secondOscillator);
+  connect(offsetOf("att_q1_dat"), offsetOf("att_q1_clk"), offsetOf("att_q1_le"), attenuator);
+  wires_[offsetOf("cdce925_s0") / 2].drive = [this](bool level, Nanos now) {
+    clockGenerator.selectS0(level, now);
+  };
+  connectDac();
+  for (const u32 line : {kEepromScl, kEepromSda, offsetOf("ad9775_1_rst"), offsetOf("ad9775_1_cs"),
+                         offsetOf("ad9775_1_clk"), offsetOf("ad9775_1_sdio")})
+    wires_[line / 2].calibrates = true;
+}
+
+void CardBoard::connect(u32 clock, u32 data, OpenDrainBus& bus) {
+  const auto connectLine = [&](u32 offset, OpenDrainBus::Line line, u32 other) {
+    wires_[offset / 2] = {.drive = [&bus, line](bool level, Nanos now) { bus.drive(line, level, now); },
+                          .sense = [&bus, line](Nanos now) { return bus.level(line, now); },
+                          .companion = other};
+  };
+  connectLine(clock, OpenDrainBus::kClock, data);
+  connectLine(data, OpenDrainBus::kData, clock);
+}
+
+void CardBoard::connect(u32 data, u32 clock, u32 latchEnable, ThreeWire& part) {
+  wires_[data / 2].drive = [&part](bool level, Nanos now) { part.data(level, now); };
+  wires_[clock / 2].drive = [&part](bool level, Nanos now) { part.clock(level, now); };
+  wires_[latchEnable / 2].drive = [&part](bool level, Nanos now) { part.latchEnable(level, now); };
+}
+
+void CardBoard::connectDac() {
+  wires_[offsetOf("ad9775_1_rst") / 2].drive = [this](bool level, Nanos now) { dac.reset(level, now); };
+  wires_[offsetOf("ad9775_1_cs") / 2].drive = [this](bool level, Nanos now) { dac.chipSelect(level, now); };
+  wires_[offsetOf("ad9775_1_sdio") / 2].drive = [this](bool level, Nanos now) { dac.dataIn(level, now); };
+  wires_[offsetOf("ad9775_1_sdo") / 2].sense = [this](Nanos) { return dac.dataOut(); };
+  Wire& clock = wires_[offsetOf("ad9775_1_clk") / 2];
+  clock.drive = [this](bool level, Nanos now) { dac.clock(level, now); };
+  clock.companion = offsetOf("ad9775_1_sdo");
+}
 
 void CardBoard::pullAllLow(Nanos now) {
   for (const u32 clock : {kClockScl, kSensor1Scl, kSensor2Scl, kEepromScl}) drive(clock, false, now);
@@ -41,130 +75,29 @@ void CardBoard::pullAllLow(Nanos now) {
   }
 }
 
-// The edge itself still reaches its device.
-void CardBoard::countEdge(std::size_t line, bool level) {
-  if (calibrationLevels_[line] == level) return;
-  calibrationLevels_[line] = level;
-  if (++calibrationEdges_ == cutAt_) onCut_();
-}
-
 void CardBoard::atEdge(std::uint64_t edge, std::function<void()> hook) {
   cutAt_ = edge;
   onCut_ = std::move(hook);
 }
 
 void CardBoard::cutPower(Nanos now) {
-  eeprom_.powerCut(now);
+  eeprom.powerCut(now);
   powerless_ = true;
 }
 
+// The edge at which power is cut still reaches its device.
 void CardBoard::drive(u32 offset, bool level, Nanos now) {
-  if (powerless_) return;
-  switch (offset) {
-    case kEepromScl:
-      eepromBus_.driveClock(level, now);
-      return countEdge(kSclEdge, level);
-    case kEepromSda:
-      eepromBus_.driveData(level, now);
-      return countEdge(kSdaEdge, level);
-    case offsetOf("ad9775_1_rst"):
-      dac_.reset(level, now);
-      return countEdge(kResetEdge, level);
-    case offsetOf("ad9775_1_cs"):
-      dac_.chipSelect(level, now);
-      return countEdge(kSelectEdge, level);
-    case offsetOf("ad9775_1_clk"):
-      dac_.clock(level, now);
-      return countEdge(kClockEdge, level);
-    case offsetOf("ad9775_1_sdio"):
-      dac_.dataIn(level, now);
-      return countEdge(kDataEdge, level);
-    case kClockScl:
-      return clockBus_.driveClock(level, now);
-    case kClockSda:
-      return clockBus_.driveData(level, now);
-    case kClockS0:
-      return clockGenerator_.selectS0(level, now);
-    case kSensor1Scl:
-      return sensorBus1_.driveClock(level, now);
-    case kSensor1Sda:
-      return sensorBus1_.driveData(level, now);
-    case kSensor2Scl:
-      return sensorBus2_.driveClock(level, now);
-    case kSensor2Sda:
-      return sensorBus2_.driveData(level, now);
-    case offsetOf("lo1_dat"):
-      return firstOscillator_.data(level, now);
-    case offsetOf("lo1_clk"):
-      return firstOscillator_.clock(level, now);
-    case offsetOf("lo1_le"):
-      return firstOscillator_.latchEnable(level, now);
-    case offsetOf("lo2_q1_dat"):
-      return secondOscillator_.data(level, now);
-    case offsetOf("lo2_q1_clk"):
-      return secondOscillator_.clock(level, now);
-    case offsetOf("lo2_q1_le"):
-      return secondOscillator_.latchEnable(level, now);
-    case offsetOf("att_q1_dat"):
-      return attenuator_.data(level, now);
-    case offsetOf("att_q1_clk"):
-      return attenuator_.clock(level, now);
-    case offsetOf("att_q1_le"):
-      return attenuator_.latchEnable(level, now);
-    default:
-      return;
-  }
+  Wire& wire = wires_[offset / 2];
+  if (powerless_ || !wire.drive) return;
+  wire.drive(level, now);
+  if (!wire.calibrates || std::exchange(wire.level, level) == level) return;
+  if (++calibrationEdges_ == cutAt_) onCut_();
 }
 
 std::optional<bool> CardBoard::sense(u32 offset, Nanos now) {
-  if (powerless_) return {};
-  switch (offset) {
-    case kClockScl:
-      return clockBus_.clock(now);
-    case kClockSda:
-      return clockBus_.data(now);
-    case kSensor1Scl:
-      return sensorBus1_.clock(now);
-    case kSensor1Sda:
-      return sensorBus1_.data(now);
-    case kSensor2Scl:
-      return sensorBus2_.clock(now);
-    case kSensor2Sda:
-      return sensorBus2_.data(now);
-    case kEepromScl:
-      return eepromBus_.clock(now);
-    case kEepromSda:
-      return eepromBus_.data(now);
-    case offsetOf("ad9775_1_sdo"):
-      return dac_.dataOut();
-    default:
-      return {};
-  }
-}
-
-std::optional<u32> CardBoard::companion(u32 offset) {
-  switch (offset) {
-    case kClockScl:
-      return kClockSda;
-    case kClockSda:
-      return kClockScl;
-    case kSensor1Scl:
-      return kSensor1Sda;
-    case kSensor1Sda:
-      return kSensor1Scl;
-    case kSensor2Scl:
-      return kSensor2Sda;
-    case kSensor2Sda:
-      return kSensor2Scl;
-    case kEepromScl:
-      return kEepromSda;
-    case kEepromSda:
-      return kEepromScl;
-    case offsetOf("ad9775_1_clk"):
-      return offsetOf("ad9775_1_sdo");
-    default:
-      return {};
-  }
+  const Wire& wire = wires_[offset / 2];
+  if (powerless_ || !wire.sense) return {};
+  return wire.sense(now);
 }
 
 }  // namespace headend

@@ -6,17 +6,14 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include "headend/hardware/attenuator.h"
+#include "headend/hardware/card_registers.h"
 #include "headend/hardware/clock_generator.h"
 #include "headend/hardware/dac.h"
 #include "headend/hardware/eeprom.h"
-#include "headend/hardware/open_drain_bus.h"
+#include "headend/hardware/i2c.h"
 #include "headend/hardware/synthesizer.h"
 #include "headend/hardware/temperature_sensor.h"
-#include "platform/types.h"
 
 namespace headend {
 
@@ -31,49 +28,43 @@ class CardBoard {
   // The level that the FPGA reads on a shared line; nullopt if it reads only its own register.
   std::optional<bool> sense(u32 offset, Nanos now);
   // The line on which a device may respond to a change of this line.
-  static std::optional<u32> companion(u32 offset);
+  std::optional<u32> companion(u32 offset) const { return wires_[offset / 2].companion; }
 
-  ClockGenerator& clockGenerator() { return clockGenerator_; }
-  const ClockGenerator& clockGenerator() const { return clockGenerator_; }
-  TemperatureSensor& sensor(int number) { return number == 1 ? sensor1_ : sensor2_; }
-  Synthesizer& firstOscillator() { return firstOscillator_; }
-  Synthesizer& secondOscillator() { return secondOscillator_; }
-  const Synthesizer& firstOscillator() const { return firstOscillator_; }
-  const Synthesizer& secondOscillator() const { return secondOscillator_; }
-  Attenuator& attenuator() { return attenuator_; }
-  const Attenuator& attenuator() const { return attenuator_; }
-
-  Dac& dac() { return dac_; }
-  Eeprom& eeprom() { return eeprom_; }
-
-  OpenDrainBus& clockBus() { return clockBus_; }
-  OpenDrainBus& eepromBus() { return eepromBus_; }
-  OpenDrainBus& sensorBus(int number) { return number == 1 ? sensorBus1_ : sensorBus2_; }
+  TemperatureSensor& sensor(int number) { return number == 1 ? sensor1 : sensor2; }
 
   // Line changes to DAC and EEPROM: the points at which a calibration can be interrupted.
   std::uint64_t calibrationEdges() const { return calibrationEdges_; }
   void atEdge(std::uint64_t edge, std::function<void()> hook);  // from 1; one hook at a time
   void cutPower(Nanos now);                                     // after that, no line changes
 
+  ClockGenerator clockGenerator;
+  TemperatureSensor sensor1;
+  TemperatureSensor sensor2;
+  Eeprom eeprom;
+  OpenDrainBus clockBus{&clockGenerator};
+  OpenDrainBus sensorBus1{&sensor1};
+  OpenDrainBus sensorBus2{&sensor2};
+  OpenDrainBus eepromBus{&eeprom};
+  Synthesizer firstOscillator;
+  Synthesizer secondOscillator;
+  Attenuator attenuator;
+  Dac dac;
+
  private:
-  static constexpr std::size_t kCalibrationLines = 6;
+  // What is connected to a line of the FPGA.
+  struct Wire {
+    std::function<void(bool level, Nanos now)> drive;
+    std::function<bool(Nanos now)> sense;
+    std::optional<u32> companion;
+    bool calibrates = false;
+    bool level = false;  // of a line that calibrates
+  };
 
-  void countEdge(std::size_t line, bool level);
+  void connect(u32 clock, u32 data, OpenDrainBus& bus);
+  void connect(u32 data, u32 clock, u32 latchEnable, ThreeWire& part);
+  void connectDac();
 
-  ClockGenerator clockGenerator_;
-  TemperatureSensor sensor1_;
-  TemperatureSensor sensor2_;
-  OpenDrainBus clockBus_{&clockGenerator_};
-  OpenDrainBus sensorBus1_{&sensor1_};
-  OpenDrainBus sensorBus2_{&sensor2_};
-  Synthesizer firstOscillator_;
-  Synthesizer secondOscillator_;
-  Attenuator attenuator_;
-  Dac dac_;
-  Eeprom eeprom_;
-  OpenDrainBus eepromBus_{&eeprom_};
-
-  std::array<bool, kCalibrationLines> calibrationLevels_{};
+  std::array<Wire, kCardRegisters.size()> wires_;
   std::uint64_t calibrationEdges_ = 0;
   std::uint64_t cutAt_ = 0;  // 0: never
   std::function<void()> onCut_;

@@ -37,17 +37,10 @@ CardFpga::CardFpga(const FpgaConfiguration::Settings& settings, Violations& viol
       board_(violations, settings.seed),
       psiPorts_{PsiPort(outputs_[0], violations), PsiPort(outputs_[1], violations)} {
   configuration_.onChange([this](bool configured, Nanos now) {
-    if (configured) {
-      startUp(now);
-    } else {
-      becomeBlank(now);
-    }
+    if (configured) startUp(now);
+    for (Multiplexer& output : outputs_) configured ? output.start(now, modulator_.rate()) : output.stop(now);
     if (onConfiguration_) onConfiguration_(configured, now);
   });
-}
-
-void CardFpga::becomeBlank(Nanos now) {
-  for (Multiplexer& output : outputs_) output.stop(now);
 }
 
 // Every register is 0 and every line low.
@@ -57,7 +50,6 @@ void CardFpga::startUp(Nanos now) {
   rateCounters_ = {};
   modulator_.powerUp();
   for (PsiPort& port : psiPorts_) port.reset();
-  for (Multiplexer& output : outputs_) output.start(now, modulator_.rate());
 }
 
 u16 CardFpga::read(u32 offset, Nanos now) {
@@ -77,8 +69,8 @@ u16 CardFpga::level(u32 offset, Nanos now) {
     case offsetOf("version"):
       return kVersion;
     case offsetOf("plllock"):
-      return static_cast<u16>((board_.firstOscillator().output().hz ? 1 : 0) |
-                              (board_.secondOscillator().output().hz ? 2 : 0));
+      return static_cast<u16>((board_.firstOscillator.output().hz ? 1 : 0) |
+                              (board_.secondOscillator.output().hz ? 2 : 0));
     case offsetOf("tslock"):
       return lostInputs(now);
     default:
@@ -91,16 +83,25 @@ u16 CardFpga::lostInputs(Nanos now) const {
   return static_cast<u16>((onInputLost_(0, now) ? 1 : 0) | (onInputLost_(1, now) ? 2 : 0));
 }
 
-// A byte a register: the count of bytes from its lowest, then that of null packets.
+// A byte per register: three of the count of bytes from the lowest on, then two of the count of null packets.
 u16 CardFpga::rateCount(u32 offset, Nanos now) {
   const std::size_t channel = offset / kRatesOfChannel;
-  Multiplexer& output = outputs_[channel];
-  output.advance(now);
-  const RateCounter& counter = rateCounters_[channel];
+  outputs_[channel].advance(now);
+  const auto& [open, begin, end] = rateCounters_[channel];
+  const Multiplexer::Counts& counts = open ? outputs_[channel].counts() : end;
   const u32 index = offset % kRatesOfChannel / 2;
-  const u32 count = index < 3 ? counter.bytes(output.counts()) >> 8 * index
-                              : counter.nullPackets(output.counts()) >> 8U * (index - 3);
-  return count & 0xFF;
+  return (index < 3 ? (counts.total() - begin.total()) * kTsPacketSize >> 8 * index
+                    : (counts.null - begin.null) >> 8 * (index - 3)) &
+         0xFF;
+}
+
+void CardFpga::openRateGate(bool open, Nanos now) {
+  advanceOutputs(now);
+  for (std::size_t channel = 0; channel < MAX_QAM_OUT_NUM; ++channel) {
+    RateCounter& counter = rateCounters_[channel];
+    if (std::exchange(counter.open, open) != open)
+      (open ? counter.begin : counter.end) = outputs_[channel].counts();
+  }
 }
 
 void CardFpga::write(u32 offset, u16 value, Nanos now) {
@@ -118,7 +119,7 @@ void CardFpga::write(u32 offset, u16 value, Nanos now) {
   act(offset, before, value, now);
   if (!onRegister_) return;
   onRegister_(offset, level(offset, now), now);
-  if (const auto other = CardBoard::companion(offset)) onRegister_(*other, level(*other, now), now);
+  if (const auto other = board_.companion(offset)) onRegister_(*other, level(*other, now), now);
 }
 
 void CardFpga::act(u32 offset, u16 before, u16 value, Nanos now) {
@@ -130,11 +131,7 @@ void CardFpga::act(u32 offset, u16 before, u16 value, Nanos now) {
     case kConstellation:
       return modulator_.constellationCode(value);
     case kRateGate:
-      for (std::size_t channel = 0; channel < MAX_QAM_OUT_NUM; ++channel) {
-        outputs_[channel].advance(now);
-        rateCounters_[channel].gate((value & 1) != 0, outputs_[channel].counts());
-      }
-      return;
+      return openRateGate((value & 1) != 0, now);
     case kPsiData[0]:
       return psiPorts_[0].write(value, now);
     case kPsiData[1]:
@@ -167,10 +164,6 @@ RfOutput CardFpga::rf(std::size_t channel, Nanos now) const {
                             .packetLength = cell(kPacketLength[channel]),
                             .port = cell(kPort[channel])};
   return rfOutput(channel, switches, modulator_, board_, now);
-}
-
-const char* CardFpga::registerName(u32 offset) const {
-  return cardRegister(offset).name;
 }
 
 }  // namespace headend

@@ -3,14 +3,7 @@
 
 #include <array>
 
-#include "headend/hardware/bus_device.h"
-#include "headend/hardware/card_board.h"
-#include "headend/hardware/card_registers.h"
 #include "headend/hardware/fpga_configuration.h"
-#include "headend/hardware/modulator.h"
-#include "headend/hardware/multiplexer.h"
-#include "headend/hardware/psi_port.h"
-#include "headend/hardware/rate_counter.h"
 #include "headend/hardware/rf_output.h"
 
 namespace headend {
@@ -23,12 +16,10 @@ class CardFpga final : public BusDevice {
 
   u16 read(u32 offset, Nanos now) override;
   void write(u32 offset, u16 value, Nanos now) override;
-  const char* registerName(u32 offset) const override;
+  std::string_view registerName(u32 offset) const override { return cardRegister(offset).name; }
 
   FpgaConfiguration& configuration() { return configuration_; }
-  const FpgaConfiguration& configuration() const { return configuration_; }
   Multiplexer& output(std::size_t channel) { return outputs_[channel]; }
-  const Multiplexer& output(std::size_t channel) const { return outputs_[channel]; }
   void advanceOutputs(Nanos now);
   CardBoard& board() { return board_; }
   RfOutput rf(std::size_t channel, Nanos now) const;
@@ -49,12 +40,20 @@ class CardFpga final : public BusDevice {
   }
 
  private:
+  // The bytes and null packets that leave an output while the gate is open. They start from 0 when the gate
+  // opens, stop when it closes, and continue while they are read.
+  struct RateCounter {
+    bool open = false;
+    Multiplexer::Counts begin;
+    Multiplexer::Counts end;
+  };
+
   u16 level(u32 offset, Nanos now);
   u16 rateCount(u32 offset, Nanos now);
   u16 lostInputs(Nanos now) const;
   void act(u32 offset, u16 before, u16 value, Nanos now);
   void setFilter(std::size_t channel, Nanos now);
-  void becomeBlank(Nanos now);
+  void openRateGate(bool open, Nanos now);
   void startUp(Nanos now);
   u16 cell(u32 offset) const { return cells_[offset / 2]; }
 

@@ -62,11 +62,8 @@ constexpr u8 reservedBits(u8 index) {
   }
 }
 
-struct VcoRange {
-  double from_hz, to_hz;
-};
-constexpr std::array<VcoRange, 4> kVcoRanges = {
-    {{0, 125 * kMHz}, {125 * kMHz, 150 * kMHz}, {150 * kMHz, 175 * kMHz}, {175 * kMHz, 1e12}}};
+// The range bits name the interval from one of these to the next.
+constexpr std::array kVcoRanges_hz = {0.0, 125 * kMHz, 150 * kMHz, 175 * kMHz, 1e12};
 
 }  // namespace
 
@@ -164,19 +161,11 @@ u8 ClockGenerator::next(Nanos /*now*/) {
   return reg(index_++);
 }
 
-void ClockGenerator::started(Nanos /*now*/) {
-  endOfTransfer();
-}
-
-void ClockGenerator::stopped(Nanos /*now*/) {
-  endOfTransfer();
-  expects_ = Expects::kCommand;
-}
-
-// A block read has to take as many bytes as the count said.
-void ClockGenerator::endOfTransfer() {
+// A block read must take as many bytes as the count that was sent.
+void ClockGenerator::accessEnded(bool byStop, Nanos /*now*/) {
   if (reading_ && block_ && left_ != 0) violation("block_read_unfinished");
   reading_ = false;
+  if (byStop) expects_ = Expects::kCommand;
 }
 
 // --- What comes out -------------------------------------------------------------------------------------
@@ -210,9 +199,9 @@ ClockGenerator::PllWord ClockGenerator::pllWord() const {
 }
 
 // The clock in the PLL's place. M is not stored: R = N * 2^P - M * Q, with Q the whole part of N * 2^P / M.
-ClockGenerator::Output ClockGenerator::pll() const {
-  if ((registers_[kY2Y3] & kPllBypass) != 0) return {.hz = input_hz_, .why = {}};
-  const auto wrong = [](std::string why) { return Output{.hz = std::nullopt, .why = std::move(why)}; };
+ClockOutput ClockGenerator::pll() const {
+  if ((registers_[kY2Y3] & kPllBypass) != 0) return {.hz = input_hz_};
+  const auto wrong = [](std::string why) { return ClockOutput{.why = std::move(why)}; };
   const PllWord word = pllWord();
   if (word.n == 0) return wrong("N of PLL1 is 0");
   if (word.p > 4) return wrong(fmt::format("P of PLL1 is {}, outside of 0 to 4", word.p));
@@ -227,31 +216,29 @@ ClockGenerator::Output ClockGenerator::pll() const {
   const double vco_hz = input_hz_ * word.n / m;
   const auto vco = [&] { return fmt::format("VCO at {:.1f} MHz", vco_hz / kMHz); };
   if (vco_hz < kVcoMin_hz || vco_hz > kVcoMax_hz) return wrong(vco() + ", outside of 80 to 230");
-  if (vco_hz < kVcoRanges[word.range].from_hz || vco_hz >= kVcoRanges[word.range].to_hz) {
+  if (vco_hz < kVcoRanges_hz[word.range] || vco_hz >= kVcoRanges_hz[word.range + 1]) {
     return wrong(vco() + fmt::format(", outside of the range that its bits {:02b} name", word.range));
   }
-  return {.hz = vco_hz, .why = {}};
+  return {.hz = vco_hz};
 }
 
 // Y3's multiplexer and the divider that it picks.
-ClockGenerator::Output ClockGenerator::divided() const {
+ClockOutput ClockGenerator::divided() const {
   const unsigned source = registers_[kY2Y3] >> 4 & 3;
-  if (source == 3) return {.hz = std::nullopt, .why = "Y3's multiplexer is set to no divider"};
+  if (source == 3) return {.why = "Y3's multiplexer is set to no divider"};
   const unsigned pdiv1 = (registers_[kY1] & 3U) << 8 | registers_[kPdiv1];
   const unsigned divider = source == 0 ? pdiv1 : registers_[source == 1 ? kPdiv2 : kPdiv3] & 0x7FU;
-  if (divider == 0)
-    return {.hz = std::nullopt, .why = fmt::format("Pdiv{} is 0 and stands still", source + 1)};
+  if (divider == 0) return {.why = fmt::format("Pdiv{} is 0: it does not count", source + 1)};
   const bool fromInput = source == 0 && (registers_[kY1] & kY1FromPll) == 0;
-  Output clock = fromInput ? Output{.hz = input_hz_, .why = {}} : pll();
+  ClockOutput clock = fromInput ? ClockOutput{.hz = input_hz_} : pll();
   if (clock.hz) *clock.hz /= divider;
   return clock;
 }
 
-ClockGenerator::Output ClockGenerator::y3(Nanos now) const {
-  const auto off = [](const char* why) { return Output{.hz = std::nullopt, .why = why}; };
-  if (poweredDown()) return off("the clock generator is powered down");
-  if (now - disturbedAt_ < kSettling) return off("the PLL is settling");
-  if (outputState() != kStateEnabled) return off("Y3 is disabled by its state bits");
+ClockOutput ClockGenerator::y3(Nanos now) const {
+  if (poweredDown()) return {.why = "the clock generator is powered down"};
+  if (now - disturbedAt_ < kSettling) return {.why = "the PLL is settling"};
+  if (outputState() != kStateEnabled) return {.why = "Y3 is disabled by its state bits"};
   return divided();
 }
 

@@ -4,10 +4,8 @@
 #pragma once
 
 #include <array>
-#include <optional>
-#include <string>
 
-#include "headend/hardware/i2c_slave.h"
+#include "headend/hardware/i2c.h"
 
 namespace headend {
 
@@ -19,11 +17,7 @@ class ClockGenerator final : public I2cSlave {
   // Control pin S0; an internal pull-up holds it high until it is driven.
   void selectS0(bool level, Nanos now);
 
-  struct Output {
-    std::optional<double> hz;  // nullopt: no clock, or no reliable one
-    std::string why;           // the reason if `hz` is nullopt
-  };
-  Output y3(Nanos now) const;
+  ClockOutput y3(Nanos now) const;
 
   // A register's value; 0 after the last register.
   u8 reg(u8 index) const { return index < registers_.size() ? registers_[index] : u8{0}; }
@@ -32,8 +26,7 @@ class ClockGenerator final : public I2cSlave {
   bool addressed(u8 addressByte, Nanos now) override;
   bool received(u8 byte, Nanos now) override;
   u8 next(Nanos now) override;
-  void started(Nanos now) override;
-  void stopped(Nanos now) override;
+  void accessEnded(bool byStop, Nanos now) override;
 
  private:
   struct PllWord;
@@ -44,13 +37,12 @@ class ClockGenerator final : public I2cSlave {
   unsigned outputState() const;
   bool pllRuns() const;
   PllWord pllWord() const;
-  Output pll() const;
-  Output divided() const;
+  ClockOutput pll() const;
+  ClockOutput divided() const;
 
   void write(u8 index, u8 value, Nanos now);
   template <typename Change>
   void change(Nanos now, const Change& apply);
-  void endOfTransfer();
 
   double input_hz_;
   std::array<u8, 0x30> registers_;

@@ -22,7 +22,7 @@ constexpr std::array<u8, 13> kDefaults = {0x00, 0x04};
 }  // namespace
 
 Dac::Dac(std::string name, Violations& violations)
-    : name_(std::move(name)), violations_(violations), registers_(kDefaults) {}
+    : Device(std::move(name), violations), registers_(kDefaults) {}
 
 void Dac::reset(bool level, Nanos now) {
   if (level == reset_) return;
@@ -77,8 +77,7 @@ void Dac::checkRise(Nanos now) {
   if (!sends()) checkTime(dataAt_, now, kSetup, "data_setup_short");
 }
 
-// After a transfer the part takes the next eight bits for another instruction; on this card nobody means
-// that.
+// After a transfer the part takes the next eight bits as another instruction; on this card that is an error.
 void Dac::takeBit() {
   if (frameComplete()) {
     violation("second_instruction");
@@ -121,10 +120,6 @@ void Dac::sendBit() {
 // The part has one register more, which can only be read: its version. Here it reads as 0.
 void Dac::checkAddress() {
   if (address_ >= kRegisters + (reads_ ? 1U : 0U)) violation("no_such_register");
-}
-
-void Dac::checkTime(Nanos since, Nanos now, Nanos least, const char* kind) {
-  if (now - since < least) violation(kind);
 }
 
 }  // namespace headend

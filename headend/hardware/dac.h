@@ -7,15 +7,12 @@
 #pragma once
 
 #include <array>
-#include <string>
 
-#include "headend/hardware/violations.h"
-#include "headend/kernel/kernel.h"
-#include "platform/types.h"
+#include "headend/hardware/device.h"
 
 namespace headend {
 
-class Dac {
+class Dac final : public Device {
  public:
   // All lines are low at first, also the chip select; the registers have their defaults.
   Dac(std::string name, Violations& violations);
@@ -49,11 +46,7 @@ class Dac {
   void endDataByte();
   void sendBit();
   void checkAddress();
-  void violation(const char* kind) { violations_.count(name_ + "_" + kind); }
-  void checkTime(Nanos since, Nanos now, Nanos least, const char* kind);
 
-  std::string name_;
-  Violations& violations_;
   std::array<u8, kRegisters> registers_;
 
   bool reset_ = false;

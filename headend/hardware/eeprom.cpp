@@ -66,15 +66,10 @@ u8 Eeprom::next(Nanos /*now*/) {
   return byte;
 }
 
-void Eeprom::started(Nanos /*now*/) {
+void Eeprom::accessEnded(bool byStop, Nanos now) {
   if (buffered_ == 0) return;
-  violation("write_abandoned");
-  forgetPage();
-}
-
-void Eeprom::stopped(Nanos now) {
-  if (buffered_ == 0) return;
-  if (inByte()) return forgetPage();
+  if (!byStop) violation("write_abandoned");
+  if (!byStop || inByte()) return forgetPage();
   buffered_ = 0;
   cycleEndsAt_ = now + cycle_;
 }
@@ -97,14 +92,8 @@ void Eeprom::powerCut(Nanos now) {
 }
 
 u8 Eeprom::leftBehind(u8 before, u8 after) {
-  switch (random_() % 3) {
-    case 0:
-      return before;
-    case 1:
-      return after;
-    default:
-      return static_cast<u8>(random_());
-  }
+  const auto kind = random_() % 3;
+  return kind == 0 ? before : kind == 1 ? after : static_cast<u8>(random_());
 }
 
 void Eeprom::forgetPage() {

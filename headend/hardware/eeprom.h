@@ -6,7 +6,7 @@
 #include <optional>
 #include <random>
 
-#include "headend/hardware/i2c_slave.h"
+#include "headend/hardware/i2c.h"
 
 namespace headend {
 
@@ -33,8 +33,7 @@ class Eeprom final : public I2cSlave {
   bool addressed(u8 addressByte, Nanos now) override;
   bool received(u8 byte, Nanos now) override;
   u8 next(Nanos now) override;
-  void started(Nanos now) override;
-  void stopped(Nanos now) override;
+  void accessEnded(bool byStop, Nanos now) override;
 
  private:
   static constexpr unsigned kPageSize = 16;

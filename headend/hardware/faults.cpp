@@ -9,14 +9,14 @@ namespace {
 struct BusName {
   const char* name;
   const char* text;
-  OpenDrainBus& (*of)(CardBoard& board);
+  OpenDrainBus CardBoard::*bus;
   bool mayLack = true;  // a card can work without the device
 };
 constexpr BusName kBuses[] = {
-    {"clock", "the clock generator", [](CardBoard& b) -> OpenDrainBus& { return b.clockBus(); }, false},
-    {"sensor1", "temperature sensor 1", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(1); }},
-    {"sensor2", "temperature sensor 2", [](CardBoard& b) -> OpenDrainBus& { return b.sensorBus(2); }},
-    {"eeprom", "the calibration EEPROM", [](CardBoard& b) -> OpenDrainBus& { return b.eepromBus(); }},
+    {"clock", "the clock generator", &CardBoard::clockBus, false},
+    {"sensor1", "temperature sensor 1", &CardBoard::sensorBus1},
+    {"sensor2", "temperature sensor 2", &CardBoard::sensorBus2},
+    {"eeprom", "the calibration EEPROM", &CardBoard::eepromBus},
 };
 
 struct BusFaultName {
@@ -41,22 +41,22 @@ std::vector<FaultKind> makeKinds() {
       if (!bus.mayLack && fault.fault == OpenDrainBus::Fault::kAbsent) continue;
       kinds.push_back(
           {std::string(bus.name) + "-" + fault.name, std::string(bus.text) + " " + fault.text,
-           [of = bus.of, kind = fault.fault](CardBoard& b, Nanos now) { of(b).inject(kind, now); }});
+           [lines = bus.bus, kind = fault.fault](CardBoard& b, Nanos now) { (b.*lines).inject(kind, now); }});
     }
   }
   const auto add = [&](const char* name, const char* text, void (*inject)(CardBoard&)) {
     kinds.push_back({name, text, [inject](CardBoard& board, Nanos) { inject(board); }});
   };
   add("lo1-no-latch", "the first oscillator's latch enable is not connected",
-      [](CardBoard& b) { b.firstOscillator().disconnectLatchEnable(); });
+      [](CardBoard& b) { b.firstOscillator.disconnectLatchEnable(); });
   add("lo2-no-latch", "the second oscillator's latch enable is not connected",
-      [](CardBoard& b) { b.secondOscillator().disconnectLatchEnable(); });
+      [](CardBoard& b) { b.secondOscillator.disconnectLatchEnable(); });
   add("attenuator-no-latch", "the attenuator's latch enable is not connected",
-      [](CardBoard& b) { b.attenuator().disconnectLatchEnable(); });
+      [](CardBoard& b) { b.attenuator.disconnectLatchEnable(); });
   add("lo1-no-reference", "the first oscillator has no reference",
-      [](CardBoard& b) { b.firstOscillator().removeReference(); });
+      [](CardBoard& b) { b.firstOscillator.removeReference(); });
   add("lo2-no-reference", "the second oscillator has no reference",
-      [](CardBoard& b) { b.secondOscillator().removeReference(); });
+      [](CardBoard& b) { b.secondOscillator.removeReference(); });
   return kinds;
 }
 
@@ -68,10 +68,8 @@ const std::vector<FaultKind>& faultKinds() {
 }
 
 const FaultKind* findFault(const std::string& name) {
-  const auto& kinds = faultKinds();
-  const auto found =
-      std::find_if(kinds.begin(), kinds.end(), [&](const FaultKind& k) { return k.name == name; });
-  return found == kinds.end() ? nullptr : &*found;
+  const auto found = std::ranges::find(faultKinds(), name, &FaultKind::name);
+  return found == faultKinds().end() ? nullptr : &*found;
 }
 
 }  // namespace headend

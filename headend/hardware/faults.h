@@ -1,8 +1,8 @@
 // Faults of a card that a run can inject by name: which part of the board fails, and when.
 #pragma once
 
-#include <span>
 #include <string>
+#include <vector>
 
 #include "headend/hardware/card_board.h"
 

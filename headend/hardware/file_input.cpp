@@ -24,10 +24,10 @@ constexpr u64 kUnitsPerNano = 27;
 constexpr u64 kUnitsPerSecond = mpeg::kPcrHz * kUnitsPerTick;
 constexpr u64 kPacketBits = kTsPacketSize * 8;
 
-// PCRs farther apart than this are no clock: the standard wants ten a second.
+// PCRs farther apart than this are no clock: the standard requires ten per second.
 constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
 
-// What is to be done with a packet in further passes.
+// The changes of a packet in further passes.
 constexpr u8 kStep = 0x0F;  // added to its continuity counter in each pass
 constexpr u8 kPcr = 0x10;
 constexpr u8 kStamps = 0x20;
@@ -37,7 +37,7 @@ struct Pcr {
   u64 ticks;
 };
 
-// How fast packets come: so many in so many units.
+// The rate of packets: a number of packets in a number of units.
 struct Pace {
   u64 packets = 0;
   u64 units = 0;
@@ -69,7 +69,7 @@ std::vector<Pcr> withoutStrays(const std::vector<Pcr>& all) {
 }
 
 // Of the first PID that has two which follow each other; none if no PID has.
-std::vector<Pcr> clockOf(const std::vector<std::array<u8, kTsPacketSize>>& packets) {
+std::vector<Pcr> clockOf(const std::vector<mpeg::Packet>& packets) {
   std::map<u16, std::vector<Pcr>> byPid;
   for (std::size_t i = 0; i < packets.size(); ++i) {
     if (const auto ticks = mpeg::pcrOf(packets[i])) byPid[mpeg::pidOf(packets[i])].push_back({i, *ticks});
@@ -77,41 +77,32 @@ std::vector<Pcr> clockOf(const std::vector<std::array<u8, kTsPacketSize>>& packe
   std::vector<Pcr> first;
   for (const auto& [pid, all] : byPid) {
     std::vector<Pcr> pcrs = withoutStrays(all);
-    const auto apart = [](const Pcr& a, const Pcr& b) { return isInterval(a, b); };
-    if (std::ranges::adjacent_find(pcrs, apart) == pcrs.end()) continue;
+    if (std::ranges::adjacent_find(pcrs, isInterval) == pcrs.end()) continue;
     if (first.empty() || pcrs.front().packet < first.front().packet) first = std::move(pcrs);
   }
   return first;
 }
 
-// The offsets of packets one after the other, at paces that change.
-class Timetable {
- public:
-  explicit Timetable(std::vector<u64>& offsets) : offsets_(offsets) {}
-  void add(u64 packets, const Pace& pace) {
-    for (u64 i = 0; i < packets; ++i) offsets_.push_back(end_ + pace.of(i));
-    end_ += pace.of(packets);
-  }
-  u64 end() const { return end_; }
-
- private:
-  std::vector<u64>& offsets_;
-  u64 end_ = 0;
+// So many packets at one pace.
+struct Run {
+  u64 packets;
+  Pace pace;
 };
 
-void followPcrs(Timetable& timetable, const std::vector<Pcr>& pcrs, std::size_t packets) {
-  std::size_t good = 0;
-  while (!isInterval(pcrs[good], pcrs[good + 1])) ++good;
-  Pace pace = paceBetween(pcrs[good], pcrs[good + 1]);
-  timetable.add(pcrs.front().packet, pace);
+// `pcrs` has two which follow each other.
+std::vector<Run> runsOf(const std::vector<Pcr>& pcrs, std::size_t packets) {
+  const auto good = std::ranges::adjacent_find(pcrs, isInterval);
+  Pace pace = paceBetween(good[0], good[1]);
+  std::vector<Run> runs = {{pcrs.front().packet, pace}};
   for (std::size_t i = 0; i + 1 < pcrs.size(); ++i) {
     if (isInterval(pcrs[i], pcrs[i + 1])) pace = paceBetween(pcrs[i], pcrs[i + 1]);
-    timetable.add(pcrs[i + 1].packet - pcrs[i].packet, pace);
+    runs.push_back({pcrs[i + 1].packet - pcrs[i].packet, pace});
   }
-  timetable.add(packets - pcrs.back().packet, pace);
+  runs.push_back({packets - pcrs.back().packet, pace});
+  return runs;
 }
 
-// The first bytes of a PES packet, with the places they lie in.
+// The first bytes of a PES packet, with their places.
 struct PesHeader {
   static constexpr std::size_t kMost = mpeg::kPesTimesAt + 2 * mpeg::kPesTimeSize;
   struct Place {
@@ -133,10 +124,6 @@ struct PesHeader {
 
 FileInput::FileInput(std::string path, std::optional<std::uint64_t> bitRate, Nanos start)
     : path_(std::move(path)), start_(start) {
-  if (bitRate && (*bitRate < kSlowest || *bitRate > kFastest)) {
-    throw std::runtime_error(fmt::format("cannot play {} at {} bits a second: name a rate from {} to {}",
-                                         path_, *bitRate, kSlowest, kFastest));
-  }
   read();
   pace(bitRate);
   markPackets();
@@ -144,15 +131,16 @@ FileInput::FileInput(std::string path, std::optional<std::uint64_t> bitRate, Nan
   schedule();
 }
 
+void FileInput::fail(const std::string& why) const {
+  throw std::runtime_error(fmt::format("cannot play {}: {}", path_, why));
+}
+
 void FileInput::read() {
-  const auto failed = [this](const std::string& why) {
-    throw std::runtime_error(fmt::format("cannot play {}: {}", path_, why));
-  };
   std::error_code error;
-  if (std::filesystem::is_directory(path_, error)) failed("it is a folder");
-  if (std::filesystem::is_character_file(path_, error)) failed("it is a device, which may have no end");
+  if (std::filesystem::is_directory(path_, error)) fail("it is a folder");
+  if (std::filesystem::is_character_file(path_, error)) fail("it is a device, which may have no end");
   std::ifstream stream(path_, std::ios::binary);
-  if (!stream) failed(std::strerror(errno));
+  if (!stream) fail(std::strerror(errno));
   if (const auto size = std::filesystem::file_size(path_, error); !error)
     packets_.reserve(size / kTsPacketSize);
 
@@ -160,46 +148,51 @@ void FileInput::read() {
   while (const u8* packet = reader.next()) {
     std::copy_n(packet, kTsPacketSize, packets_.emplace_back().begin());
   }
-  if (stream.bad()) failed("it could not be read to its end");
-  if (packets_.empty()) failed("it holds no transport-stream packets (of 188, 192 or 204 bytes)");
+  if (stream.bad()) fail("it could not be read to its end");
+  if (packets_.empty()) fail("it holds no transport-stream packets (of 188, 192 or 204 bytes)");
   damage_ = {.syncLosses = reader.losses().size(),
              .leadingBytes = reader.leadingBytes(),
              .trailingBytes = reader.trailingBytes()};
 }
 
 void FileInput::pace(std::optional<std::uint64_t> bitRate) {
-  offsets_.reserve(packets_.size());
-  Timetable timetable(offsets_);
+  std::vector<Run> runs;
   if (bitRate) {
-    timetable.add(packets_.size(), {.packets = *bitRate, .units = kPacketBits * kUnitsPerSecond});
+    runs = {{packets_.size(), {.packets = *bitRate, .units = kPacketBits * kUnitsPerSecond}}};
   } else {
     const std::vector<Pcr> pcrs = clockOf(packets_);
     if (pcrs.empty()) {
-      throw std::runtime_error(
-          fmt::format("cannot play {}: no PID has two PCRs within a second of each other, which would give "
-                      "its pace; name a rate in bits a second, {}@RATE",
-                      path_, path_));
+      fail(
+          "no PID has two PCRs within a second of each other, which would give its pace; name a rate in bits "
+          "a second, " +
+          path_ + "@RATE");
     }
-    followPcrs(timetable, pcrs, packets_.size());
+    runs = runsOf(pcrs, packets_.size());
+  }
+  offsets_.reserve(packets_.size());
+  u64 end = 0;
+  for (const auto& [packets, pace] : runs) {
+    for (u64 i = 0; i < packets; ++i) offsets_.push_back(end + pace.of(i));
+    end += pace.of(packets);
   }
   // PCR, PTS and DTS are shifted by the same amount: whole ticks of 90 kHz, rounded up, so that no packet of
   // a pass is later than the first of the next.
   constexpr u64 kPtsUnits = mpeg::kPcrPerPts * kUnitsPerTick;
-  period_ticks_ = (timetable.end() + kPtsUnits - 1) / kPtsUnits * mpeg::kPcrPerPts;
+  period_ticks_ = (end + kPtsUnits - 1) / kPtsUnits * mpeg::kPcrPerPts;
 }
 
 // The continuity of a PID moves each pass by what its last packet is ahead of the one before the first. A
 // packet without payload does not count.
 void FileInput::markPackets() {
-  std::vector<const Packet*> firsts(kPids);
-  std::vector<const Packet*> lasts(kPids);
-  for (const Packet& packet : packets_) {
+  std::vector<const mpeg::Packet*> firsts(kPids);
+  std::vector<const mpeg::Packet*> lasts(kPids);
+  for (const mpeg::Packet& packet : packets_) {
     const u16 pid = mpeg::pidOf(packet);
     if (firsts[pid] == nullptr) firsts[pid] = &packet;
     lasts[pid] = &packet;
   }
   marks_.reserve(packets_.size());
-  for (const Packet& packet : packets_) {
+  for (const mpeg::Packet& packet : packets_) {
     const u16 pid = mpeg::pidOf(packet);
     u8 mark = mpeg::hasPcr(packet) ? kPcr : u8{0};
     if (pid != kNullPid) {
@@ -231,7 +224,7 @@ void FileInput::findStamps() {
     }
   };
   for (std::uint32_t i = 0; i < packets_.size(); ++i) {
-    const Packet& packet = packets_[i];
+    const mpeg::Packet& packet = packets_[i];
     if (!mpeg::hasPayload(packet) || mpeg::pidOf(packet) == kNullPid) continue;
     PesHeader& header = headers[mpeg::pidOf(packet)];
     if (mpeg::startsUnit(packet)) {

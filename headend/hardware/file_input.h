@@ -26,8 +26,9 @@ class FileInput final : public TsInput {
     std::uint64_t trailingBytes = 0;
   };
 
-  // Plays from `start` on, at the given rate in bits per second of 188-byte packets, or by the PCRs if there
-  // is no rate. Throws std::runtime_error with the missing item if the file cannot be used.
+  // Plays from `start` on, at the given rate in bits per second of 188-byte packets, from kSlowest to
+  // kFastest, or by the PCRs if there is no rate. Throws std::runtime_error with the missing item if the file
+  // cannot be used.
   explicit FileInput(std::string path, std::optional<std::uint64_t> bitRate = std::nullopt, Nanos start = 0);
 
   Nanos nextArrival() const override { return next_; }
@@ -42,8 +43,6 @@ class FileInput final : public TsInput {
   static constexpr std::uint64_t kFastest = 1'000'000'000;
 
  private:
-  using Packet = std::array<u8, kTsPacketSize>;
-
   // A PTS or DTS, or a part of one if a PES header is split between packets.
   struct Stamp {
     std::uint32_t packet;
@@ -53,6 +52,7 @@ class FileInput final : public TsInput {
     std::array<u8, mpeg::kPesTimeSize> field;  // the whole field, as it is in the file
   };
 
+  [[noreturn]] void fail(const std::string& why) const;
   void read();
   void pace(std::optional<std::uint64_t> bitRate);
   void markPackets();
@@ -62,7 +62,7 @@ class FileInput final : public TsInput {
 
   std::string path_;
   Damage damage_;
-  std::vector<Packet> packets_;
+  std::vector<mpeg::Packet> packets_;
   std::vector<std::uint64_t> offsets_;  // of each packet from the start of a pass, in units of 1/27 ns
   std::vector<u8> marks_;
   std::vector<Stamp> stamps_;  // by packet
@@ -75,7 +75,7 @@ class FileInput final : public TsInput {
   std::size_t index_ = 0;
   std::size_t stamp_ = 0;  // the next one
   Nanos next_ = 0;
-  Packet moved_{};
+  mpeg::Packet moved_{};
 };
 
 }  // namespace headend

@@ -1,7 +1,14 @@
 #include "headend/hardware/fpga_configuration.h"
 
+#include <array>
+#include <utility>
+
 namespace headend {
 namespace {
+
+enum Register : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
+
+constexpr u16 kOpen = 0xC0DE;
 
 constexpr unsigned kClosingClocks = 10;
 constexpr Nanos kReadyAfterMin = 20'000;  // from release to status high
@@ -9,24 +16,66 @@ constexpr Nanos kReadyAfterSpread = 40'000;
 
 }  // namespace
 
+// ---- The port ----
+
 FpgaConfiguration::FpgaConfiguration(const Settings& settings, Violations& violations)
     : settings_(settings), violations_(violations), spread_(settings.seed) {}
 
-void FpgaConfiguration::request(Nanos now) {
-  ++attempts_;
-  released_ = false;
-  done_ = false;
-  receiver_.restart();
-  clocks_ = 0;
-  clocksAfterStream_ = 0;
-  clocksSinceData_ = 0;
-  if (onChange_) onChange_(false, now);
+u16 FpgaConfiguration::read(u32 offset, Nanos now) {
+  switch (offset) {
+    case kRequest:
+      return code_;
+    case kStatus:
+      return status(now) ? 1 : 0;
+    case kDone:
+      return done_ ? 1 : 0;
+    default:
+      return 0;
+  }
 }
 
-void FpgaConfiguration::release(Nanos now) {
-  if (released_) return;
-  released_ = true;
-  readyAt_ = now + kReadyAfterMin + static_cast<Nanos>(spread_() % kReadyAfterSpread);
+void FpgaConfiguration::write(u32 offset, u16 value, Nanos now) {
+  const bool level = (value & 1) != 0;
+  if (offset == kGuard) {
+    open_ = value == kOpen;
+  } else if (!open_) {
+    if (offset == kClock && value != 0) violations_.count("config_data_while_not_ready");
+  } else if (offset == kRequest) {
+    request(value, now);
+  } else if (offset == kClock) {
+    if (!std::exchange(clock_, level) && level) clockRise(now);
+  } else if (offset == kData) {
+    data(level);
+  }
+}
+
+std::string_view FpgaConfiguration::registerName(u32 offset) const {
+  constexpr std::array<std::string_view, kSize / 2> kNames = {"fpga_ncfg", "fpga_dclk", "fpga_data",
+                                                              "fpga_stat", "fpga_done", "config_protect",
+                                                              "reserved",  "reserved"};
+  return kNames[offset / 2];
+}
+
+void FpgaConfiguration::loaderLeft() {
+  if (open_) violations_.count("config_guard_left_open");
+}
+
+// ---- The part ----
+
+// Only two codes have an effect.
+void FpgaConfiguration::request(u16 code, Nanos now) {
+  if (code == kStart) {
+    ++attempts_;
+    done_ = false;
+    receiver_ = {};
+    clocks_ = clocksAfterStream_ = clocksSinceData_ = 0;
+    if (onChange_) onChange_(false, now);
+  } else if (code != kRelease) {
+    return;
+  } else if (code_ != kRelease) {
+    readyAt_ = now + kReadyAfterMin + static_cast<Nanos>(spread_() % kReadyAfterSpread);
+  }
+  code_ = code;
 }
 
 void FpgaConfiguration::data(bool level) {
@@ -51,8 +100,8 @@ void FpgaConfiguration::clockRise(Nanos now) {
   }
 }
 
-// A part that takes any stream cannot know its end but by the closing clocks: as many as belong to none of
-// its bits, the data line not driven any more.
+// The end of a stream of any kind is known only from the closing clocks: as many as belong to none of its
+// bits, with the data line no longer driven.
 bool FpgaConfiguration::streamComplete() const {
   if (!settings_.anyBitstream) return clocksAfterStream_ >= kClosingClocks;
   return clocks_ > kClosingClocks && clocksSinceData_ > kClosingClocks && (clocks_ - kClosingClocks) % 8 == 0;

@@ -7,6 +7,9 @@ namespace {
 
 constexpr std::uint64_t kPacketBits = kTsPacketSize * 8;
 
+constexpr std::size_t kWritesAPacket = 204;  // to the PSI data port
+constexpr u16 kFiller = 0xFFFF;
+
 }  // namespace
 
 void Multiplexer::start(Nanos now, BitRate rate) {
@@ -35,12 +38,9 @@ void Multiplexer::setRate(Nanos now, BitRate rate) {
   period_ = scaled / divisor_;
   periodRest_ = scaled % divisor_;
   rest_ = 0;
-  bufferLimit_ = static_cast<std::size_t>(static_cast<std::uint64_t>(kBuffer) * divisor_ / scaled);
-  if (buffer_.size() > bufferLimit_) {
-    const std::size_t excess = buffer_.size() - bufferLimit_;
-    buffer_.dropNewest(excess);
-    drop(now, excess);
-  }
+  const std::size_t waiting = buffer_.size();
+  buffer_.set_capacity(static_cast<std::uint64_t>(kBuffer) * divisor_ / scaled);  // removes the newest
+  if (waiting > buffer_.size()) drop(now, waiting - buffer_.size());
 }
 
 bool Multiplexer::psiHasRoom(Nanos now) {
@@ -60,13 +60,12 @@ void Multiplexer::offer(Nanos arrival, mpeg::PacketView packet, u16 pid) {
   ++counts_.offered;
   if (blocked_[pid]) {
     ++counts_.filtered;
-  } else if (buffer_.size() >= bufferLimit_) {
+  } else if (buffer_.full()) {
     drop(arrival, 1);
   } else {
-    PacketRing::Waiting& waiting = buffer_.push();
-    waiting.arrival = arrival;
-    std::copy(packet.begin(), packet.end(), waiting.packet.begin());
-    mpeg::setPid(waiting.packet, pid);
+    buffer_.push_back({.arrival = arrival, .packet = {}});
+    std::copy(packet.begin(), packet.end(), buffer_.back().packet.begin());
+    mpeg::setPid(buffer_.back().packet, pid);
   }
 }
 
@@ -109,12 +108,12 @@ void Multiplexer::leavePsi() {
 }
 
 void Multiplexer::leaveRouted() {
-  PacketRing::Waiting& waiting = buffer_.front();
+  Waiting& waiting = buffer_.front();
   if (const std::optional<u64> pcr = mpeg::pcrOf(waiting.packet)) {
     mpeg::setPcr(waiting.packet, *pcr + ticksSince(waiting.arrival));
   }
   show(waiting.packet);
-  buffer_.pop();
+  buffer_.pop_front();
   ++counts_.routed;
   skip(1);
 }
@@ -149,6 +148,43 @@ void Multiplexer::skip(std::uint64_t packets) {
   rest_ += periodRest_ * packets;
   next_ += static_cast<Nanos>(period_ * packets + rest_ / divisor_);
   rest_ %= divisor_;
+}
+
+// ---- The PSI data port ----
+
+void PsiPort::reset() {
+  position_ = 0;
+  lost_ = Lost::kNo;
+}
+
+void PsiPort::write(u16 word, Nanos now) {
+  const bool isData = word <= 0xFF;
+  const bool isFiller = word == kFiller;
+  if (lost_ == Lost::kUntilFiller && isFiller) lost_ = Lost::kUntilData;
+  if (lost_ == Lost::kUntilData && isData) lost_ = Lost::kNo;
+  if (lost_ != Lost::kNo) return;
+
+  if (position_ < kTsPacketSize && !isData)
+    return misframed(isFiller ? Lost::kUntilData : Lost::kUntilFiller);
+  if (position_ >= kTsPacketSize && !isFiller) {
+    if (isData && word != mpeg::kSyncByte) return misframed(Lost::kUntilFiller);  // too long
+    misframed(isData ? Lost::kNo : Lost::kUntilData);
+    if (!isData) return;  // else the next packet begins before the filler of this one was complete
+  }
+  if (position_ < kTsPacketSize) packet_[position_] = static_cast<u8>(word);
+  if (++position_ == kWritesAPacket) complete(now);
+}
+
+void PsiPort::misframed(Lost lost) {
+  violations_.count("psi_packet_misframed");
+  position_ = 0;
+  lost_ = lost;
+}
+
+void PsiPort::complete(Nanos now) {
+  position_ = 0;
+  if (packet_[0] != mpeg::kSyncByte) violations_.count("psi_packet_without_sync");
+  if (!output_.insertPsi(now, packet_)) violations_.count("psi_fifo_overflow");
 }
 
 }  // namespace headend

@@ -5,16 +5,15 @@
 
 #include <array>
 #include <bitset>
+#include <boost/circular_buffer.hpp>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
 #include <span>
 
-#include "headend/hardware/packet_ring.h"
+#include "headend/hardware/device.h"
 #include "headend/hardware/packet_sink.h"
-#include "headend/hardware/ts_input.h"
-#include "headend/kernel/kernel.h"
 #include "mpeg/pcr.h"
 
 namespace headend {
@@ -32,13 +31,8 @@ struct BitRate {
 };
 
 // The source of an output's packets.
-class PacketFeed {
+class PacketFeed : public base::Interface {
  public:
-  PacketFeed() = default;
-  PacketFeed(const PacketFeed&) = delete;
-  PacketFeed& operator=(const PacketFeed&) = delete;
-  virtual ~PacketFeed() = default;
-
   // Offers every packet that has arrived by `now` to its outputs.
   virtual void deliverUntil(Nanos now) = 0;
 };
@@ -87,6 +81,11 @@ class Multiplexer {
   static constexpr Nanos kBuffer = kSecond / 10;  // buffer for routed packets, as time at the output's rate
 
  private:
+  struct Waiting {
+    Nanos arrival;
+    mpeg::Packet packet;
+  };
+
   void drop(Nanos when, std::size_t packets);
   void leave(Nanos until);
   void leavePsi();
@@ -106,13 +105,35 @@ class Multiplexer {
   std::uint64_t periodRest_ = 0;
   std::uint64_t divisor_ = 1;
   std::uint64_t rest_ = 0;
-  std::deque<std::array<u8, kTsPacketSize>> psi_;
-  PacketRing buffer_;
-  std::size_t bufferLimit_ = 1;
+  std::deque<mpeg::Packet> psi_;
+  boost::circular_buffer<Waiting> buffer_;
   std::bitset<kPids> blocked_;
   std::optional<Nanos> lastDrop_;
   bool advancing_ = false;
   Counts counts_;
+};
+
+// An output's PSI data port: 204 writes per packet. The first 188 have a byte each in their low half; the
+// rest are 0xFFFF. Any other sequence is a misframed packet, which is lost and counted.
+class PsiPort {
+ public:
+  PsiPort(Multiplexer& output, Violations& violations) : output_(output), violations_(violations) {}
+
+  void reset();
+  void write(u16 word, Nanos now);
+
+ private:
+  // A misframed packet is discarded to its end, so that it is counted once.
+  enum class Lost { kNo, kUntilFiller, kUntilData };
+
+  void misframed(Lost lost);
+  void complete(Nanos now);
+
+  Multiplexer& output_;
+  Violations& violations_;
+  mpeg::Packet packet_{};
+  std::size_t position_ = 0;
+  Lost lost_ = Lost::kNo;
 };
 
 }  // namespace headend

@@ -21,7 +21,11 @@ namespace {
 constexpr std::string_view kUdp = "udp://";
 constexpr mpeg::Packet kNullPacket = mpeg::makePacket(kNullPid, false, 0);
 
-// Gathers packets and hands them on in blocks of a fixed number.
+[[noreturn]] void fail(const std::string& target, std::string_view why) {
+  throw std::runtime_error(fmt::format("cannot open output {}: {}", target, why));
+}
+
+// Gathers packets and writes them in blocks of a fixed number.
 class BlockSink : public PacketSink {
  public:
   BlockSink(std::string name, std::size_t packetsABlock)
@@ -29,34 +33,27 @@ class BlockSink : public PacketSink {
 
   void packet(std::span<const u8> packet) override {
     std::memcpy(block_.data() + used_, packet.data(), kTsPacketSize);
-    advance();
+    used_ += kTsPacketSize;
+    if (used_ == block_.size()) flush();
   }
 
   void nullPackets(std::uint64_t count) override {
     for (; count > 0 && error_.empty(); --count) packet(kNullPacket);
   }
 
-  void flush() override { handOn(); }
-  const std::string& error() const override { return error_; }
-
- protected:
-  // False if the block could not be written; errno gives the reason.
-  virtual bool write(std::span<const u8> block) = 0;
-  const std::string& name() const { return name_; }
-
- private:
-  void advance() {
-    used_ += kTsPacketSize;
-    if (used_ == block_.size()) handOn();
-  }
-
-  void handOn() {
+  void flush() override {
     if (used_ != 0 && error_.empty() && !write(std::span(block_).first(used_))) {
       error_ = fmt::format("cannot write to output {}: {}", name_, std::strerror(errno));
     }
     used_ = 0;
   }
+  const std::string& error() const override { return error_; }
 
+ protected:
+  // False if the block could not be written; errno gives the reason.
+  virtual bool write(std::span<const u8> block) = 0;
+
+ private:
   std::string name_;
   std::vector<u8> block_;
   std::size_t used_ = 0;
@@ -67,8 +64,7 @@ class FileSink final : public BlockSink {
  public:
   explicit FileSink(const std::string& path) : BlockSink(path, 2048) {
     fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd_ < 0)
-      throw std::runtime_error(fmt::format("cannot open output {}: {}", path, std::strerror(errno)));
+    if (fd_ < 0) fail(path, std::strerror(errno));
   }
   ~FileSink() override { ::close(fd_); }
 
@@ -108,12 +104,11 @@ class UdpSink final : public BlockSink {
     sockaddr_in to{};
     to.sin_family = AF_INET;
     if (!address || address->port == 0 || inet_pton(AF_INET, address->host.c_str(), &to.sin_addr) != 1)
-      throw std::runtime_error(fmt::format("cannot open output {}: want udp://ADDRESS:PORT", target));
+      fail(target, "want udp://ADDRESS:PORT");
     to.sin_port = htons(address->port);
     fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
-      throw std::runtime_error(fmt::format("cannot open output {}: {}", target, std::strerror(errno)));
-    }
+    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
+      fail(target, std::strerror(errno));
   }
   ~UdpSink() override { ::close(fd_); }
 

@@ -6,17 +6,13 @@
 #include <span>
 #include <string>
 
+#include "base/interface.h"
 #include "mpeg/packet.h"
 
 namespace headend {
 
-class PacketSink {
+class PacketSink : public base::Interface {
  public:
-  PacketSink() = default;
-  PacketSink(const PacketSink&) = delete;
-  PacketSink& operator=(const PacketSink&) = delete;
-  virtual ~PacketSink() = default;
-
   virtual void packet(std::span<const u8> packet) = 0;
   virtual void nullPackets(std::uint64_t count) = 0;
   virtual void flush() = 0;

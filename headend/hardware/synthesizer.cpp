@@ -2,12 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace headend {
 namespace {
 
 constexpr unsigned kBits = 24;
-constexpr ThreeWire::Timing kTiming{
-    .dataSetup = 10, .dataHold = 10, .clockHigh = 25, .clockLow = 25, .clockToLatch = 10, .latchWidth = 20};
 
 enum Latch : u32 { kReference = 0, kCounters = 1, kFunction = 2, kInitialization = 3 };
 
@@ -32,33 +32,28 @@ constexpr double kPrescaledMax_hz = 200 * kMHz;
 
 Synthesizer::Synthesizer(std::string name, double reference_hz, bool positivePolarityLocks,
                          Violations& violations)
-    : lines_(std::move(name), kBits, kTiming, violations),
+    : ThreeWire(std::move(name), kBits,
+                {.dataSetup = 10,
+                 .dataHold = 10,
+                 .clockHigh = 25,
+                 .clockLow = 25,
+                 .clockToLatch = 10,
+                 .latchWidth = 20},
+                violations),
       reference_hz_(reference_hz),
       positivePolarityLocks_(positivePolarityLocks) {}
 
-void Synthesizer::latchEnable(bool level, Nanos now) {
-  const auto word = lines_.latchEnable(level, now);
-  if (!word) return;
-  switch (*word & 3) {
-    case kReference:
-      referenceLatch_ = *word;
-      if ((*word & kTestModes) != 0) lines_.violation("test_mode");
-      break;
-    case kCounters:
-      counterLatch_ = *word;
-      break;
-    default:  // the initialization word is also written to the function latch
-      functionLatch_ = *word;
-      break;
-  }
-  follow(*word);
+void Synthesizer::latched(u32 word) {
+  if ((word & 3) == kReference && (word & kTestModes) != 0) violation("test_mode");
+  latches_[std::min<u32>(word & 3, kFunction)] = word;  // the initialization word is also a function word
+  follow(word);
 }
 
 // The counter-reset method: function with reset, reference counter, A and B counters, function without reset.
 // Counters loaded after that count at once. A reset by the function word begins anew, and so does the
 // initialization word.
 void Synthesizer::follow(u32 word) {
-  const bool reset = (functionLatch_ & kCounterReset) != 0;
+  const bool reset = (latches_[kFunction] & kCounterReset) != 0;
   switch (word & 3) {
     case kReference:
       if (method_ == Method::kReset) method_ = Method::kReferenceLoaded;
@@ -81,9 +76,9 @@ void Synthesizer::follow(u32 word) {
   }
 }
 
-Synthesizer::Output Synthesizer::output() const {
-  if (std::string why = fault(); !why.empty()) return {.hz = std::nullopt, .why = std::move(why)};
-  return {.hz = frequency_hz(), .why = {}};
+ClockOutput Synthesizer::output() const {
+  if (std::string why = fault(); !why.empty()) return {.why = std::move(why)};
+  return {.hz = frequency_hz()};
 }
 
 double Synthesizer::frequency_hz() const {
@@ -95,11 +90,11 @@ std::string Synthesizer::fault() const {
     return reference_hz_ > 0 ? fmt::format("a reference of {} MHz, outside of 5 to 104", reference_hz_ / kMHz)
                              : "no reference";
   }
-  if ((functionLatch_ & kCounterReset) != 0) return "the counters are held in reset";
+  if ((latches_[kFunction] & kCounterReset) != 0) return "the counters are held in reset";
   if (method_ != Method::kFollowed) return "not programmed by the counter-reset method";
-  if ((functionLatch_ & kPowerDown) != 0) return "powered down";
-  if ((functionLatch_ & kThreeState) != 0) return "the charge pump is in three-state";
-  if (((functionLatch_ & kPositivePolarity) != 0) != positivePolarityLocks_) {
+  if ((latches_[kFunction] & kPowerDown) != 0) return "powered down";
+  if ((latches_[kFunction] & kThreeState) != 0) return "the charge pump is in three-state";
+  if (((latches_[kFunction] & kPositivePolarity) != 0) != positivePolarityLocks_) {
     return "the loop runs away: wrong polarity of the phase detector";
   }
   return counterFault();

@@ -39,6 +39,10 @@ void TemperatureSensor::temperature(double celsius, Nanos now) {
   measured_quarters_ = static_cast<int>(std::lround(std::clamp(celsius, kMin_celsius, kMax_celsius) * 4));
 }
 
+bool TemperatureSensor::sleeps() const {
+  return (registers_[kConfiguration] & kPowerDown) != 0;
+}
+
 // Conversions that end while the device takes part in a transfer are lost, so that no mixture is read.
 void TemperatureSensor::convertUntil(Nanos now) {
   bool converted = false;
@@ -73,46 +77,31 @@ bool TemperatureSensor::received(u8 byte, Nanos /*now*/) {
     violation("write_past_end");
     return false;
   }
-  switch (pointer_) {
-    case kConfiguration:
-      configure(byte);
-      return true;
-    case kHigh:
-      high_ = byte;
-      return true;
-    case kLow:
-      low_ = byte;
-      return true;
-    default:
-      violation("write_to_read_only");
-      return false;
+  if (pointer_ == kTemperature) {
+    violation("write_to_read_only");
+    return false;
   }
+  if (pointer_ == kConfiguration)
+    configure(byte);
+  else
+    registers_[pointer_] = byte;
+  return true;
 }
 
-// What a write sets going begins when the access is over.
+// The effects of a write begin when the access is over.
 void TemperatureSensor::configure(u8 value) {
   if ((value & kTestModes) != 0) violation("test_mode");
   if ((value & kOneShot) != 0) oneShotAsked_ = true;
-  const bool slept = (configuration_ & kPowerDown) != 0;
-  configuration_ = static_cast<u8>(value & ~(kOneShot | kAlertReset));
-  const bool sleeps = (configuration_ & kPowerDown) != 0;
-  wakesUp_ = slept && !sleeps;
-  if (sleeps) nextDoneAt_ = kNever;
+  wakesUp_ = sleeps() && (value & kPowerDown) == 0;
+  registers_[kConfiguration] = static_cast<u8>(value & ~(kOneShot | kAlertReset));
+  if (sleeps()) nextDoneAt_ = kNever;
 }
 
-void TemperatureSensor::started(Nanos now) {
-  endAccess(now);
-}
-
-void TemperatureSensor::stopped(Nanos now) {
-  endAccess(now);
-}
-
-void TemperatureSensor::endAccess(Nanos now) {
+void TemperatureSensor::accessEnded(bool /*byStop*/, Nanos now) {
   if (!active_) return;
   convertUntil(now);
   active_ = false;
-  const Nanos wakeUp = wakesUp_ || (configuration_ & kPowerDown) != 0 ? kWakeUp : 0;
+  const Nanos wakeUp = wakesUp_ || sleeps() ? kWakeUp : 0;
   if (oneShotAsked_) oneShotDoneAt_ = now + wakeUp + kConversion;
   if (wakesUp_) nextDoneAt_ = now + kWakeUp + kConversion;
   oneShotAsked_ = false;
@@ -125,24 +114,16 @@ u8 TemperatureSensor::next(Nanos /*now*/) {
     violation("read_past_end");
     return 0xFF;
   }
-  switch (pointer_) {
-    case kConfiguration:
-      return configuration_;
-    case kHigh:
-      return high_;
-    case kLow:
-      return low_;
-    default:
-      return static_cast<u8>(temperatureRegister() >> (place == 0 ? 8 : 0));
-  }
+  if (pointer_ != kTemperature) return registers_[pointer_];
+  return static_cast<u8>(temperatureRegister() >> (place == 0 ? 8 : 0));
 }
 
 // Ten bits in two's complement on the left of sixteen, then the flags.
 unsigned TemperatureSensor::temperatureRegister() const {
   const int quarters = value_quarters_;
   unsigned flags = 0;
-  if (quarters > 4 * static_cast<std::int8_t>(high_)) flags |= kHighFlag | kAlertFlag;
-  if (quarters < 4 * static_cast<std::int8_t>(low_)) flags |= kLowFlag | kAlertFlag;
+  if (quarters > 4 * static_cast<std::int8_t>(registers_[kHigh])) flags |= kHighFlag | kAlertFlag;
+  if (quarters < 4 * static_cast<std::int8_t>(registers_[kLow])) flags |= kLowFlag | kAlertFlag;
   return (static_cast<unsigned>(quarters) << 6 & 0xFFC0) | flags;
 }
 

@@ -3,9 +3,9 @@
 // stored.
 #pragma once
 
-#include <string>
+#include <array>
 
-#include "headend/hardware/i2c_slave.h"
+#include "headend/hardware/i2c.h"
 
 namespace headend {
 
@@ -21,12 +21,11 @@ class TemperatureSensor final : public I2cSlave {
   bool addressed(u8 addressByte, Nanos now) override;
   bool received(u8 byte, Nanos now) override;
   u8 next(Nanos now) override;
-  void started(Nanos now) override;
-  void stopped(Nanos now) override;
+  void accessEnded(bool byStop, Nanos now) override;
 
  private:
   void configure(u8 value);
-  void endAccess(Nanos now);
+  bool sleeps() const;
   void convertUntil(Nanos now);
   unsigned temperatureRegister() const;
 
@@ -35,9 +34,8 @@ class TemperatureSensor final : public I2cSlave {
   int value_quarters_ = 0;       // the temperature value register
 
   u8 pointer_ = 0;
-  u8 configuration_ = 0x40;
-  u8 high_ = 0x7F;
-  u8 low_ = 0x80;
+  std::array<u8, 4> registers_ = {0, 0x40, 0x7F,
+                                  0x80};  // by pointer; the first, the temperature, is computed
 
   bool active_ = false;        // this device takes part in the transfer
   unsigned bytes_ = 0;         // of this access, after the address

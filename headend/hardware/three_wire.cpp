@@ -25,22 +25,18 @@ void ThreeWire::clock(bool level, Nanos now) {
   ++clocks_;
 }
 
-std::optional<u32> ThreeWire::latchEnable(bool level, Nanos now) {
-  if (!latchConnected_ || level == latch_) return std::nullopt;
+void ThreeWire::latchEnable(bool level, Nanos now) {
+  if (!latchConnected_ || level == latch_) return;
   latch_ = level;
   if (!level) {
     checkTime(latchAt_, now, timing_.latchWidth, "latch_short");
-    return std::nullopt;
+    return;
   }
   latchAt_ = now;
   checkTime(roseAt_, now, timing_.clockToLatch, "latch_setup_short");
   if (clocks_ != bits_) violation("wrong_number_of_clocks");
   clocks_ = 0;
-  return shift_ & ((1U << bits_) - 1);
-}
-
-void ThreeWire::checkTime(Nanos since, Nanos now, Nanos least, const char* kind) {
-  if (now - since < least) violation(kind);
+  latched(shift_ & ((1U << bits_) - 1));
 }
 
 }  // namespace headend

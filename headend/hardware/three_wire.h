@@ -1,18 +1,19 @@
-// The shift register of a device with data, clock and latch enable: bits are shifted in at the rising clock
-// edge, most significant first; the latch stores the word. Checks the driver for errors.
+// Devices with data, clock and latch enable: a shift register takes bits at the rising clock edge, most
+// significant first; the latch stores the word. Checks the driver for errors.
 #pragma once
 
-#include <optional>
-#include <string>
-
-#include "headend/hardware/violations.h"
-#include "headend/kernel/kernel.h"
-#include "platform/types.h"
+#include "headend/hardware/device.h"
 
 namespace headend {
 
-class ThreeWire {
+class ThreeWire : public Device {
  public:
+  void data(bool level, Nanos now);
+  void clock(bool level, Nanos now);
+  void latchEnable(bool level, Nanos now);
+  void disconnectLatchEnable() { latchConnected_ = false; }
+
+ protected:
   // The minimum times in nanoseconds.
   struct Timing {
     Nanos dataSetup, dataHold;  // before and after the rising clock edge
@@ -22,25 +23,14 @@ class ThreeWire {
   };
 
   ThreeWire(std::string name, unsigned bits, const Timing& timing, Violations& violations)
-      : name_(std::move(name)), bits_(bits), timing_(timing), violations_(violations) {}
+      : Device(std::move(name), violations), bits_(bits), timing_(timing) {}
 
-  void data(bool level, Nanos now);
-  void clock(bool level, Nanos now);
   // The word stored by the latch, at its rising edge.
-  std::optional<u32> latchEnable(bool level, Nanos now);
-  // The latch is disconnected.
-  void disconnectLatchEnable() { latchConnected_ = false; }
-
-  // Counts a violation "<name>_<kind>".
-  void violation(const char* kind) { violations_.count(name_ + "_" + kind); }
+  virtual void latched(u32 word) = 0;
 
  private:
-  void checkTime(Nanos since, Nanos now, Nanos least, const char* kind);
-
-  std::string name_;
   unsigned bits_;
   Timing timing_;
-  Violations& violations_;
 
   bool latchConnected_ = true;
   bool data_ = false;
@@ -53,6 +43,29 @@ class ThreeWire {
   Nanos roseAt_ = kLongAgo;
   Nanos fellAt_ = kLongAgo;
   Nanos latchAt_ = kLongAgo;
+};
+
+// Step attenuator with six bits: 0 to 31.5 dB in steps of 0.5 dB. The times are those of the slowest of the
+// usual six-bit parts.
+class Attenuator final : public ThreeWire {
+ public:
+  Attenuator(std::string name, Violations& violations)
+      : ThreeWire(std::move(name), 6,
+                  {.dataSetup = 10,
+                   .dataHold = 10,
+                   .clockHigh = 30,
+                   .clockLow = 30,
+                   .clockToLatch = 10,
+                   .latchWidth = 30},
+                  violations) {}
+
+  // Maximum at power-up.
+  double dB() const { return steps_ * 0.5; }
+
+ private:
+  void latched(u32 word) override { steps_ = word; }
+
+  unsigned steps_ = 63;
 };
 
 }  // namespace headend

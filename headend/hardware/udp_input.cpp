@@ -1,11 +1,9 @@
 #include "headend/hardware/udp_input.h"
 
-#include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace headend {
 namespace {
@@ -26,8 +24,8 @@ constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
 constexpr Nanos kPcrPidGone = kSecond;         // after this time another PID's PCRs may be used
 constexpr Nanos kShortestPause = 100'000'000;  // the standard requires a PCR every 100 ms
 
-// How the sender's clock is followed: jitter is averaged over the first, what remains is made good over the
-// second, at no more than the rate, which is several times what a quartz is off.
+// How the sender's clock is followed: jitter is averaged over the first time, the rest is corrected over the
+// second, at no more than the rate, which is several times the tolerance of a quartz.
 constexpr double kSmoothing_s = 2;
 constexpr double kCorrection_s = 20;
 constexpr double kFastestCorrection = 200e-6;
@@ -45,7 +43,7 @@ bool isPackets(std::span<const u8> bytes) {
   return true;
 }
 
-// What is behind the header and before the padding; empty when that does not fit the datagram.
+// The bytes between header and padding; empty if they do not fit the datagram.
 std::span<const u8> rtpPayload(std::span<const u8> datagram) {
   std::size_t begin = kRtpHeader + std::size_t{4} * (datagram[0] & 0x0F);
   if ((datagram[0] & 0x10) != 0) {
@@ -60,14 +58,11 @@ std::span<const u8> rtpPayload(std::span<const u8> datagram) {
 }  // namespace
 
 UdpInput::UdpInput(Network& network, const std::string& address, std::uint16_t port, Nanos deJitter)
-    : network_(network), deJitter_(deJitter), datagram_(kLargestDatagram) {
-  if (deJitter < kShortest || deJitter > kLongest) {
-    throw std::runtime_error(fmt::format("a de-jitter buffer of {} ms is none of {} to {} ms",
-                                         static_cast<double>(deJitter) / 1e6, kShortest / 1'000'000,
-                                         kLongest / 1'000'000));
-  }
-  ring_.resize(kPacketsAtLeast + static_cast<std::size_t>(2 * deJitter * kPacketsPerSecond / kSecond));
-  fd_ = openHostSocket(address, port);
+    : network_(network),
+      deJitter_(deJitter),
+      fd_(openHostSocket(address, port)),
+      datagram_(kLargestDatagram),
+      buffer_(kPacketsAtLeast + static_cast<std::size_t>(2 * deJitter * kPacketsPerSecond / kSecond)) {
   ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &kHostBuffer, sizeof kHostBuffer);
   name_ = "udp://" + hostAddress(fd_);
   network_.watch(fd_, [this] { receive(); });
@@ -125,19 +120,16 @@ void UdpInput::noteSequence(u16 sequence) {
 
 // ---- The buffer ----
 
-// A packet's time is not known before the next PCR comes; until then it is its arrival's.
+// A packet's time is known only with the next PCR; until then it is that of its arrival.
 void UdpInput::push(std::span<const u8> packet) {
-  if (size_ + 1 >= ring_.size()) {
+  if (buffer_.full()) {
     ++counts_.full;
     return;
   }
-  ++size_;
-  ++pushed_;
   ++counts_.packets;
-  Entry& last = entry(pushed_ - 1);
-  std::ranges::copy(packet, last.packet.begin());
   lastWhen_ = std::max(lastWhen_, network_.now() + deJitter_);
-  last.when = lastWhen_;
+  buffer_.push_back({.when = lastWhen_, .packet = {}});
+  std::ranges::copy(packet, buffer_.back().packet.begin());
 
   const auto ticks = mpeg::pcrOf(packet);
   if (!ticks) return;
@@ -152,12 +144,10 @@ void UdpInput::push(std::span<const u8> packet) {
 }
 
 mpeg::PacketView UdpInput::take() {
-  const Entry& first = ring_[head_];
-  lastTaken_ = first.when;
-  head_ = (head_ + 1) % ring_.size();
-  --size_;
+  lastTaken_ = buffer_.front();
+  buffer_.pop_front();
   ++taken_;
-  return first.packet;
+  return lastTaken_.packet;
 }
 
 // ---- The clock ----
@@ -187,7 +177,7 @@ void UdpInput::onPcr(u64 ticks) {
     }
   }
   pcr_ticks_ = ticks;
-  pcrNumber_ = pushed_ - 1;
+  pcrNumber_ = pushed() - 1;
   pcrArrival_ = now;
 }
 
@@ -198,7 +188,7 @@ void UdpInput::beginClock(u64 ticks) {
   excess_ = 0;
 }
 
-// Moves the clock on to a PCR that comes so much later, and a little towards the middle of the buffer.
+// Moves the clock to a PCR that is later by this time, and a little towards the middle of the buffer.
 void UdpInput::follow(u64 elapsed_ticks) {
   const double elapsed_s = static_cast<double>(elapsed_ticks) / static_cast<double>(mpeg::kPcrHz);
   const auto straight = static_cast<std::int64_t>(elapsed_ticks) * kUnitsPerTick;
@@ -209,23 +199,21 @@ void UdpInput::follow(u64 elapsed_ticks) {
   play_ += straight - static_cast<std::int64_t>(rate * static_cast<double>(straight));
 }
 
-// Gives the packets since the last PCR, which are still waiting, their times up to that of the one just come.
+// Sets the times of the waiting packets since the last PCR, up to that of the packet with the new PCR.
 void UdpInput::spread(Nanos begin, Nanos play) {
-  const Nanos earliest = std::max(network_.now(), lastTaken_);
-  const auto packets = static_cast<Nanos>(pushed_ - 1 - pcrNumber_);
-  for (std::uint64_t number = std::max(pcrNumber_ + 1, taken_); number < pushed_; ++number) {
+  const Nanos earliest = std::max(network_.now(), lastTaken_.when);
+  const auto packets = static_cast<Nanos>(pushed() - 1 - pcrNumber_);
+  for (std::uint64_t number = std::max(pcrNumber_ + 1, taken_); number < pushed(); ++number) {
     const Nanos even = begin + (play - begin) * static_cast<Nanos>(number - pcrNumber_) / packets;
-    entry(number).when = std::max(even, earliest);
+    buffer_[number - taken_].when = std::max(even, earliest);
   }
   lastWhen_ = std::max(play, earliest);
 }
 
-// After an overrun: what waits plays by then, so that no more waits than should.
+// After an overrun: the waiting packets play by then, so that the buffer is no longer than it should be.
 void UdpInput::hurry(Nanos latest) {
-  latest = std::max(latest, lastTaken_);
-  for (std::uint64_t number = taken_; number < pushed_; ++number) {
-    entry(number).when = std::min(entry(number).when, latest);
-  }
+  latest = std::max(latest, lastTaken_.when);
+  for (Entry& entry : buffer_) entry.when = std::min(entry.when, latest);
   lastWhen_ = std::min(lastWhen_, latest);
 }
 

@@ -2,7 +2,7 @@
 // after a de-jitter buffer. Created by the code that adds a source card; read by the router.
 #pragma once
 
-#include <array>
+#include <boost/circular_buffer.hpp>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -34,25 +34,20 @@ class UdpInput final : public TsInput {
     std::uint64_t pauses = 0;
   };
 
-  // `deJitter` from kShortest to kLongest. Port 0 selects a free port. Throws std::runtime_error with the
-  // value that is wrong.
-  UdpInput(Network& network, const std::string& address, std::uint16_t port, Nanos deJitter = kDefault);
+  // `deJitter` from 1 ms to 5 s. Port 0 selects a free port. Throws std::runtime_error with the address.
+  UdpInput(Network& network, const std::string& address, std::uint16_t port, Nanos deJitter);
   ~UdpInput() override;
 
-  Nanos nextArrival() const override { return size_ == 0 ? kNever : ring_[head_].when; }
+  Nanos nextArrival() const override { return buffer_.empty() ? kNever : buffer_.front().when; }
   mpeg::PacketView take() override;
   const std::string& name() const override { return name_; }  // "udp://127.0.0.1:49160"
 
   const Counts& counts() const { return counts_; }
 
-  static constexpr Nanos kDefault = 200'000'000;
-  static constexpr Nanos kShortest = 1'000'000;
-  static constexpr Nanos kLongest = 5 * kSecond;
-
  private:
   struct Entry {
-    Nanos when;
-    std::array<u8, kTsPacketSize> packet;
+    Nanos when = 0;
+    mpeg::Packet packet{};
   };
 
   void receive();
@@ -65,7 +60,7 @@ class UdpInput final : public TsInput {
   void follow(u64 elapsed_ticks);
   void spread(Nanos begin, Nanos play);
   void hurry(Nanos latest);
-  Entry& entry(std::uint64_t number) { return ring_[(head_ + (number - taken_)) % ring_.size()]; }
+  std::uint64_t pushed() const { return taken_ + buffer_.size(); }  // packets in total
 
   Network& network_;
   Nanos deJitter_;
@@ -76,13 +71,9 @@ class UdpInput final : public TsInput {
   std::optional<u16> sequence_;  // next expected RTP sequence number
   Nanos lastArrival_ = 0;
 
-  // A ring with one free place: the packet removed last stays valid until the next is removed.
-  std::vector<Entry> ring_;
-  std::size_t head_ = 0;
-  std::size_t size_ = 0;
-  std::uint64_t taken_ = 0;  // packets in total: the number of the one at `head_`
-  std::uint64_t pushed_ = 0;
-  Nanos lastTaken_ = 0;
+  boost::circular_buffer<Entry> buffer_;
+  std::uint64_t taken_ = 0;  // packets in total: the number of the first in the buffer
+  Entry lastTaken_;
   Nanos lastWhen_ = 0;  // of the last packet pushed
 
   // The clock of the PCRs, as of the last one.

@@ -1,9 +1,7 @@
 #include "headend/kernel/fiber.h"
 
-#include <sys/mman.h>
-
 #include <boost/context/detail/fcontext.hpp>
-#include <new>
+#include <boost/context/protected_fixedsize_stack.hpp>
 #include <utility>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -25,7 +23,7 @@ namespace {
 namespace context = boost::context::detail;
 
 constexpr std::size_t kStackSize = 256 * 1024;  // printing on a host needs more than a card's 4096 bytes
-constexpr std::size_t kGuardSize = 4096;
+using Stack = boost::context::protected_fixedsize_stack;
 
 void beforeSwitch([[maybe_unused]] void** fakeStack, [[maybe_unused]] const void* bottom,
                   [[maybe_unused]] std::size_t size) {
@@ -43,16 +41,11 @@ void afterSwitch([[maybe_unused]] void* fakeStack, [[maybe_unused]] const void**
 
 }  // namespace
 
-Fiber::Fiber(std::function<void()> body) : body_(std::move(body)) {
-  stackBase_ = mmap(nullptr, kStackSize + kGuardSize, PROT_READ | PROT_WRITE,
-                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (stackBase_ == MAP_FAILED) throw std::bad_alloc();
-  mprotect(stackBase_, kGuardSize, PROT_NONE);  // stacks grow down, towards the guard
-  char* top = static_cast<char*>(stackBase_) + kStackSize + kGuardSize;
-  self_ = context::make_fcontext(top, kStackSize, [](context::transfer_t from) {
+Fiber::Fiber(std::function<void()> body) : body_(std::move(body)), stack_(Stack(kStackSize).allocate()) {
+  self_ = context::make_fcontext(stack_.sp, stack_.size, [](context::transfer_t from) {
     auto* fiber = static_cast<Fiber*>(from.data);
     fiber->caller_ = from.fctx;
-    entry(fiber);
+    fiber->run();
   });
 }
 
@@ -60,22 +53,25 @@ Fiber::~Fiber() {
 #ifdef HEADEND_ASAN
   // A task that never ended has left marks around its locals; the next fiber's stack may be at the same
   // address.
-  ASAN_UNPOISON_MEMORY_REGION(stackBase_, kStackSize + kGuardSize);
+  ASAN_UNPOISON_MEMORY_REGION(stackBottom(), kStackSize);
 #endif
-  munmap(stackBase_, kStackSize + kGuardSize);
+  Stack(kStackSize).deallocate(stack_);
 }
 
-void Fiber::entry(void* self) {
-  auto* fiber = static_cast<Fiber*>(self);
-  afterSwitch(nullptr, &fiber->callerStack_, &fiber->callerStackSize_);
-  fiber->body_();
-  fiber->finished_ = true;
-  beforeSwitch(nullptr, fiber->callerStack_, fiber->callerStackSize_);
-  context::jump_fcontext(fiber->caller_, nullptr);
+const void* Fiber::stackBottom() const {
+  return static_cast<const char*>(stack_.sp) - kStackSize;
+}
+
+void Fiber::run() {
+  afterSwitch(nullptr, &callerStack_, &callerStackSize_);
+  body_();
+  finished_ = true;
+  beforeSwitch(nullptr, callerStack_, callerStackSize_);
+  context::jump_fcontext(caller_, nullptr);
 }
 
 void Fiber::resume() {
-  beforeSwitch(&callerFakeStack_, static_cast<char*>(stackBase_) + kGuardSize, kStackSize);
+  beforeSwitch(&callerFakeStack_, stackBottom(), kStackSize);
   const context::transfer_t back = context::jump_fcontext(self_, this);
   afterSwitch(callerFakeStack_, nullptr, nullptr);
   self_ = back.fctx;

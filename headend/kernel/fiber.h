@@ -2,6 +2,7 @@
 // tasks and its interrupt context are fibers of one host thread.
 #pragma once
 
+#include <boost/context/stack_context.hpp>
 #include <cstddef>
 #include <functional>
 
@@ -20,11 +21,12 @@ class Fiber {
   bool finished() const { return finished_; }
 
  private:
-  static void entry(void* self);
+  void run();
+  const void* stackBottom() const;
 
   std::function<void()> body_;
   bool finished_ = false;
-  void* stackBase_ = nullptr;
+  boost::context::stack_context stack_;
   void* self_ = nullptr;    // where the fiber continues
   void* caller_ = nullptr;  // where its resumer continues
 

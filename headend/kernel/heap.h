@@ -2,7 +2,9 @@
 // previous contents.
 #pragma once
 
-#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <unordered_map>
 
 #include "platform/types.h"
 
@@ -12,8 +14,25 @@ class Heap {
  public:
   Heap(std::size_t limit, u8 fill) : limit_(limit), fill_(fill) {}
 
-  void* allocate(std::size_t size);  // null if the limit would be exceeded
-  void release(void* block);         // null is ignored
+  // Null if the limit would be exceeded.
+  void* allocate(std::size_t size) {
+    void* block = size > limit_ - used_ ? nullptr : std::malloc(size);
+    if (block == nullptr) {
+      ++failures_;
+      return nullptr;
+    }
+    std::memset(block, fill_, size);
+    sizes_[block] = size;
+    used_ += size;
+    return block;
+  }
+
+  void release(void* block) {  // null is ignored
+    if (const auto size = sizes_.extract(block)) {
+      used_ -= size.mapped();
+      std::free(block);
+    }
+  }
 
   std::size_t used() const { return used_; }
   std::size_t failures() const { return failures_; }
@@ -21,6 +40,7 @@ class Heap {
  private:
   std::size_t limit_;
   u8 fill_;
+  std::unordered_map<void*, std::size_t> sizes_;
   std::size_t used_ = 0;
   std::size_t failures_ = 0;
 };

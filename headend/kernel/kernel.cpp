@@ -6,6 +6,21 @@
 #include <utility>
 
 namespace headend {
+namespace {
+
+// By priority; among equals last or first.
+void insert(std::vector<Task*>& list, Task& task, bool behindEquals) {
+  const int from = task.priority + (behindEquals ? 1 : 0);
+  list.insert(std::ranges::find_if(list, [&](const Task* other) { return other->priority >= from; }), &task);
+}
+
+std::size_t copyWhatFits(std::span<const char> message, std::span<char> buffer) {
+  const std::size_t length = std::min(message.size(), buffer.size());
+  std::copy_n(message.begin(), length, buffer.begin());
+  return length;
+}
+
+}  // namespace
 
 Kernel::Kernel(const Settings& settings, KernelObserver& observer)
     : settings_(settings), observer_(observer) {
@@ -71,13 +86,8 @@ void Kernel::dispatchDue() {
 
 void Kernel::systemTick() {
   sliceEnded_ = true;
-  for (std::size_t i = 0; i < timed_.size();) {
-    Task* task = timed_[i];
-    if (task->wakeTick > ticks_) {
-      ++i;
-    } else {
-      wake(*task, true);  // removes it from the list
-    }
+  for (Task* task : std::vector(timed_)) {
+    if (task->wakeTick <= ticks_) wake(*task, true);  // removes it from the list
   }
   if (!parked_.empty()) releaseParked();
   reportLongWaits();
@@ -152,44 +162,36 @@ void Kernel::reschedule() {
   // A task's slice also ends if a higher task preempts it; otherwise tasks of equal priority would wait
   // forever if a higher one wakes at each tick.
   if (best < current_->priority || (sliceEnded_ && best == current_->priority)) {
-    insertReady(*current_, sliceEnded_);
+    makeReady(*current_, sliceEnded_);
     leave();
   }
 }
 
-void Kernel::insertReady(Task& task, bool behindEquals) {
+void Kernel::makeReady(Task& task, bool behindEquals) {
   task.state = Task::State::kReady;
-  const auto before = [&](const Task* other) {
-    return behindEquals ? other->priority <= task.priority : other->priority < task.priority;
-  };
-  ready_.insert(std::find_if_not(ready_.begin(), ready_.end(), before), &task);
-}
-
-void Kernel::makeReady(Task& task) {
-  insertReady(task, true);
+  insert(ready_, task, behindEquals);
 }
 
 void Kernel::wake(Task& task, bool timedOut) {
-  if (task.timed) timed_.erase(std::find(timed_.begin(), timed_.end(), &task));
-  if (task.waitList != nullptr) {
-    task.waitList->erase(std::find(task.waitList->begin(), task.waitList->end(), &task));
-  }
+  if (task.timed) std::erase(timed_, &task);
+  if (task.waitList != nullptr) std::erase(*task.waitList, &task);
   task.timed = false;
   task.waitList = nullptr;
   task.timedOut = timedOut;
   makeReady(task);
 }
 
+void Kernel::waitForTick(Task& task, int ticks) {
+  task.timed = true;
+  task.wakeTick = ticks_ + static_cast<std::uint64_t>(ticks);
+  timed_.push_back(&task);
+}
+
 bool Kernel::waitOn(std::vector<Task*>& list, int timeout) {
   Task& task = *current_;
-  const auto before = [&](const Task* other) { return other->priority <= task.priority; };
-  list.insert(std::find_if_not(list.begin(), list.end(), before), &task);
+  insert(list, task, true);
   task.waitList = &list;
-  if (timeout != os::WAIT_FOREVER) {
-    task.timed = true;
-    task.wakeTick = ticks_ + static_cast<std::uint64_t>(timeout);
-    timed_.push_back(&task);
-  }
+  if (timeout != os::WAIT_FOREVER) waitForTick(task, timeout);
   task.state = Task::State::kWaiting;
   leave();
   return !task.timedOut;
@@ -227,18 +229,18 @@ void Kernel::releaseParked() {
     observer_.taskReleased(*task);
     return true;
   };
-  parked_.erase(std::remove_if(parked_.begin(), parked_.end(), changed), parked_.end());
+  std::erase_if(parked_, changed);
 }
 
 // ---- Long waits for a semaphore ----
 
 void Kernel::reportLongWaits() {
   constexpr Nanos kLong = 10 * kSecond;
-  for (const auto& semaphore : semaphores_) {
-    for (Task* task : semaphore->waiters) {
+  for (const os::Semaphore& semaphore : semaphores_) {
+    for (Task* task : semaphore.waiters) {
       if (task->waitTold || now_ - task->waitsSince <= kLong) continue;
       task->waitTold = true;
-      observer_.semaphoreLong(*semaphore, *task);
+      observer_.semaphoreLong(semaphore, *task);
     }
   }
 }
@@ -270,10 +272,8 @@ int Kernel::delay(int ticks) {
   if (ticks <= 0) {
     makeReady(task);
   } else {
-    task.timed = true;
-    task.wakeTick = ticks_ + static_cast<std::uint64_t>(ticks);
+    waitForTick(task, ticks);
     task.state = Task::State::kWaiting;
-    timed_.push_back(&task);
   }
   leave();
   return os::OK;
@@ -297,13 +297,10 @@ int Kernel::unlock() {
 os::MsgQ* Kernel::createQueue(int maxMessages, int maxLength) {
   charge("msgQCreate", settings_.costs.kernelCall);
   if (maxMessages <= 0 || maxLength < 0) return nullptr;
-  queues_.push_back(std::make_unique<os::MsgQ>(os::MsgQ{.maxMessages = static_cast<std::size_t>(maxMessages),
-                                                        .maxLength = static_cast<std::size_t>(maxLength),
-                                                        .messages = {},
-                                                        .receivers = {},
-                                                        .senders = {}}));
-  observer_.queueCreated(queues_.back().get(), current_);
-  return queues_.back().get();
+  os::MsgQ& queue = queues_.emplace_back(os::MsgQ{.maxMessages = static_cast<std::size_t>(maxMessages),
+                                                  .maxLength = static_cast<std::size_t>(maxLength)});
+  observer_.queueCreated(&queue, current_);
+  return &queue;
 }
 
 int Kernel::send(os::MsgQ* queue, std::span<const char> message, int timeout) {
@@ -319,9 +316,7 @@ int Kernel::send(os::MsgQ* queue, std::span<const char> message, int timeout) {
     queue->messages.emplace_back(message.begin(), message.end());
   } else {
     Task& receiver = *queue->receivers.front();
-    const std::size_t length = std::min(message.size(), receiver.receiveInto.size());
-    std::copy_n(message.begin(), length, receiver.receiveInto.begin());
-    receiver.receivedLength = static_cast<unsigned>(length);
+    receiver.receivedLength = copyWhatFits(message, receiver.receiveInto);
     wake(receiver, false);
     if (!inInterrupt_) reschedule();
   }
@@ -339,23 +334,10 @@ int Kernel::receive(os::MsgQ* queue, std::span<char> buffer, int timeout) {
   }
   const std::vector<char> message = std::move(queue->messages.front());
   queue->messages.pop_front();
-  const std::size_t length = std::min(message.size(), buffer.size());
-  std::copy_n(message.begin(), length, buffer.begin());
+  const std::size_t length = copyWhatFits(message, buffer);
   wakeFirst(queue->senders);
   reschedule();
   return static_cast<int>(length);
-}
-
-os::Semaphore* Kernel::createMutex(std::string name) {
-  semaphores_.push_back(std::make_unique<os::Semaphore>(
-      os::Semaphore{.name = std::move(name), .mutex = true, .available = true, .waiters = {}}));
-  return semaphores_.back().get();
-}
-
-os::Semaphore* Kernel::createBinary(bool available) {
-  semaphores_.push_back(std::make_unique<os::Semaphore>(
-      os::Semaphore{.name = {}, .mutex = false, .available = available, .waiters = {}}));
-  return semaphores_.back().get();
 }
 
 int Kernel::take(os::Semaphore* semaphore, int timeout) {

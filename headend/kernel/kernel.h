@@ -13,8 +13,31 @@
 #include <string>
 #include <vector>
 
+#include "base/interface.h"
 #include "headend/kernel/fiber.h"
 #include "platform/kernel.h"
+
+namespace headend {
+struct Task;
+}
+
+// The kernel's objects behind the handles of platform/kernel.h.
+struct os::MsgQ {
+  std::size_t maxMessages;
+  std::size_t maxLength;
+  std::deque<std::vector<char>> messages = {};
+  std::vector<headend::Task*> receivers = {};
+  std::vector<headend::Task*> senders = {};
+};
+
+struct os::Semaphore {
+  std::string name = {};
+  bool mutex;
+  bool available;
+  headend::Task* owner = nullptr;  // of a mutex, which its owner may lock again
+  int depth = 0;
+  std::vector<headend::Task*> waiters = {};
+};
 
 namespace headend {
 
@@ -55,7 +78,7 @@ struct Task {
   std::vector<Task*>* waitList = nullptr;
   bool timedOut = false;
   std::span<char> receiveInto;  // where a sender stores the message for a waiting receiver
-  unsigned receivedLength = 0;
+  std::size_t receivedLength = 0;
   bool waitTold = false;
   Nanos waitsSince = 0;  // for a semaphore
 
@@ -69,13 +92,8 @@ struct Task {
 };
 
 // Callbacks for the kernel's events. Called in the context that causes the event.
-class KernelObserver {
+class KernelObserver : public base::Interface {
  public:
-  KernelObserver() = default;
-  KernelObserver(const KernelObserver&) = delete;
-  KernelObserver& operator=(const KernelObserver&) = delete;
-  virtual ~KernelObserver() = default;
-
   virtual void auxiliaryClock() {}  // once per tick; calls the cards' routines through `Kernel::interrupt`
   virtual void systemClock() {}
   virtual void queueCreated(os::MsgQ* /*queue*/, const Task* /*by*/) {}
@@ -89,12 +107,8 @@ class KernelObserver {
 };
 
 // Delays virtual time, for a run in real time.
-class Pace {
+class Pace : public base::Interface {
  public:
-  Pace() = default;
-  Pace(const Pace&) = delete;
-  Pace& operator=(const Pace&) = delete;
-  virtual ~Pace() = default;
   virtual void waitUntil(Nanos virtualTime) = 0;
   // The same, but ends as soon as input arrives from outside. Returns the time reached.
   virtual Nanos idleUntil(Nanos virtualTime) = 0;
@@ -181,8 +195,13 @@ class Kernel {
   os::MsgQ* createQueue(int maxMessages, int maxLength);
   int send(os::MsgQ* queue, std::span<const char> message, int timeout);
   int receive(os::MsgQ* queue, std::span<char> buffer, int timeout);
-  os::Semaphore* createMutex(std::string name);
-  os::Semaphore* createBinary(bool available);
+  os::Semaphore* createMutex(std::string name) {
+    return &semaphores_.emplace_back(
+        os::Semaphore{.name = std::move(name), .mutex = true, .available = true});
+  }
+  os::Semaphore* createBinary(bool available) {
+    return &semaphores_.emplace_back(os::Semaphore{.mutex = false, .available = available});
+  }
   int take(os::Semaphore* semaphore, int timeout);
   int give(os::Semaphore* semaphore);
 
@@ -217,8 +236,8 @@ class Kernel {
   void findDue();
   void systemTick();
   void leave();
-  void makeReady(Task& task);
-  void insertReady(Task& task, bool behindEquals);
+  void makeReady(Task& task, bool behindEquals = true);
+  void waitForTick(Task& task, int ticks);
   void wake(Task& task, bool timedOut);
   void park();
   void releaseParked();
@@ -261,26 +280,8 @@ class Kernel {
 
   bool stopping_ = false;
   std::string fatal_;
-  std::vector<std::unique_ptr<os::MsgQ>> queues_;
-  std::vector<std::unique_ptr<os::Semaphore>> semaphores_;
+  std::deque<os::MsgQ> queues_;
+  std::deque<os::Semaphore> semaphores_;
 };
 
 }  // namespace headend
-
-// The kernel's objects behind the handles of platform/kernel.h.
-struct os::MsgQ {
-  std::size_t maxMessages;
-  std::size_t maxLength;
-  std::deque<std::vector<char>> messages;
-  std::vector<headend::Task*> receivers;
-  std::vector<headend::Task*> senders;
-};
-
-struct os::Semaphore {
-  std::string name;
-  bool mutex;
-  bool available;
-  headend::Task* owner = nullptr;  // of a mutex, which its owner may lock again
-  int depth = 0;
-  std::vector<headend::Task*> waiters;
-};

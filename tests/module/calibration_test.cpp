@@ -21,12 +21,12 @@ class Calibration : public DeviceTest {
 
   Calibration() { fake.start(1); }
   Bytes stored(int from, int count) {
-    const Image& image = board.eeprom().image(fake.now);
+    const Image& image = board.eeprom.image(fake.now);
     return {image.begin() + from, image.begin() + from + count};
   }
   Bytes dacRegisters() {
     Bytes all;
-    for (u8 n = 0; n < 13; ++n) all.push_back(board.dac().reg(n));
+    for (u8 n = 0; n < 13; ++n) all.push_back(board.dac.reg(n));
     return all;
   }
   auto count(const char* step) const { return std::count(fake.steps.begin(), fake.steps.end(), step); }
@@ -39,11 +39,11 @@ TEST_F(Calibration, WhatIsWrittenStandsInTheEepromAndIsReadBackWhereverItLies) {
     std::iota(data.begin(), data.end(), u8{1});
     Image expected;
     expected.fill(0xEE);
-    board.eeprom().load(expected);
+    board.eeprom.load(expected);
     std::copy_n(data.begin(), fits, expected.begin() + std::min<int>(address, 0x7FF));
     at24cxx_wr_nbytes(address, data.data(), count, 1);
-    EXPECT_EQ(board.eeprom().image(fake.now), expected);
-    EXPECT_FALSE(board.eeprom().busy(fake.now)) << "a write ends with its cycle";
+    EXPECT_EQ(board.eeprom.image(fake.now), expected);
+    EXPECT_FALSE(board.eeprom.busy(fake.now)) << "a write ends with its cycle";
     Bytes read(count, 0xDD);
     std::fill(data.begin() + fits, data.end(), u8{0xDD});
     at24cxx_rd_nbytes(address, read.data(), count, 1);
@@ -59,10 +59,10 @@ TEST_F(Calibration, WhatIsWrittenStandsInTheEepromAndIsReadBackWhereverItLies) {
 
 TEST_F(Calibration, BytesAndPagesBeyondTheEndAreRefused) {
   const Bytes page{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-  board.eeprom().writeCycle(10'000'000);
+  board.eeprom.writeCycle(10'000'000);
   at24cxx_wr_page(0x7F, page.data(), 1);
   EXPECT_EQ(stored(0x7F0, 16), page);
-  board.eeprom().writeCycle(0);
+  board.eeprom.writeCycle(0);
   at24cxx_wr_byte(0x7FF, 0x12, 1);
   fake.forget();
   EXPECT_EQ(at24cxx_rd_byte(0x7FF, 1), 0x12);
@@ -77,7 +77,7 @@ TEST_F(Calibration, BytesAndPagesBeyondTheEndAreRefused) {
 }
 
 TEST_F(Calibration, AnEepromThatDoesNotAnswerIsAskedAHundredTimesAndReadsOnes) {
-  board.eepromBus().inject(headend::OpenDrainBus::Fault::kAbsent, fake.now);
+  board.eepromBus.inject(headend::OpenDrainBus::Fault::kAbsent, fake.now);
   fake.forget();
   EXPECT_EQ(at24cxx_rd_byte(3, 1), 0xFF);
   // An acknowledge costs 200 reads of the line.
@@ -95,7 +95,7 @@ TEST_F(Calibration, TheDacsPortWaitsBetweenItsEdges) {
   fake.forget();
   const u8 data = 0xA5;
   ad9775_reg_write(1, 0x0C, &data, 1);
-  EXPECT_EQ(board.dac().reg(0x0C), 0xA5);
+  EXPECT_EQ(board.dac.reg(0x0C), 0xA5);
   EXPECT_EQ(count("100 turns"), 2 * 8 * 3);
   fake.forget();
   EXPECT_EQ(ad9775_reg_read(1, 0x0C), 0xA5);

@@ -46,7 +46,7 @@ std::string formatted(const char* format, va_list arguments) {
 
 // Of the main board's registers those of the configuration ports.
 std::string nameOf(u32 address) {
-  if (address < test::kMainBoard) return headend::cardRegister(address & 0x1FF).name;
+  if (address < test::kMainBoard) return std::string(headend::cardRegister(address & 0x1FF).name);
   constexpr std::array kPort{"ncfg", "dclk", "data", "stat", "done", "guard", "", ""};
   return fmt::format("port{}.{}", address >> 4 & 0xF, kPort.at(address / 2 % 8));
 }
@@ -109,7 +109,8 @@ u16 busRead16(const volatile void* reg) {
   current->now += 100;
   step(nameOf(address) + '?');
   std::optional<u16> answer = current->onRead ? current->onRead(address) : std::nullopt;
-  if (!answer && current->hasDevices) answer = current->board.sense(address & 0x1FF, current->now);
+  if (!answer && current->hasDevices && address < test::kMainBoard)
+    answer = current->board.sense(address & 0x1FF, current->now);
   return answer.value_or(current->cell(address));
 }
 
@@ -118,7 +119,8 @@ void busWrite16(volatile void* reg, u16 value) {
   current->now += 100;
   step(fmt::format("{}={}", nameOf(address), value));
   current->cell(address) = value;
-  if (current->hasDevices) current->board.drive(address & 0x1FF, (value & 1) != 0, current->now);
+  if (current->hasDevices && address < test::kMainBoard)
+    current->board.drive(address & 0x1FF, (value & 1) != 0, current->now);
 }
 
 void* busAddress(u32 address) {

@@ -1,4 +1,4 @@
-// A chassis for tests of the module alone: it answers as a test tells it, and keeps what the module did, in
+// A chassis for tests of the module alone: it answers as a test sets it, and keeps what the module did, in
 // order. One chassis is one power-up; the module cannot be powered down, so every test runs in a process of
 // its own.
 #pragma once
@@ -38,7 +38,7 @@ using Lines = std::vector<std::string>;
 inline constexpr u32 kWindows = 0x60000000;           // the cards' windows on the bus
 inline constexpr u32 kMainBoard = kWindows + 0x2200;  // address of the main board's FPGA here
 
-// What stands behind a queue's handle: what was sent, and how much more fits.
+// The object behind a queue's handle: what was sent, and how much more fits.
 struct Queue {
   std::vector<u32> messages;
   int room = 256;

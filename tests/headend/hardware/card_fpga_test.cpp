@@ -22,12 +22,11 @@ constexpr u16 kOpen = 0xC0DE, kStart = 0x3C5A, kRelease = 0xC3A5;
 struct Card {
   headend::Violations violations;
   headend::CardFpga fpga;
-  headend::ConfigPort port;
+  headend::FpgaConfiguration& port = fpga.configuration();
   PacketKeeper sink;  // of the first output
   Nanos now = 0;
 
-  explicit Card(bool anyBitstream = true)
-      : fpga({.anyBitstream = anyBitstream, .seed = 1}, violations), port(fpga.configuration(), violations) {
+  explicit Card(bool anyBitstream = true) : fpga({.anyBitstream = anyBitstream, .seed = 1}, violations) {
     fpga.output(0).setSink(&sink);
   }
   void set(u32 offset, u16 value) { port.write(offset, value, now); }
@@ -75,7 +74,7 @@ TEST(CardFpga, IsOnTheBusWithItsWindowAndItsPortAndNoOtherAnswers) {
   card.load();
   headend::Violations violations;
   headend::Bus bus(violations);
-  for (const int slot : {0, 5}) bus.attach(slot, card.fpga, card.port);
+  for (const int slot : {0, 5}) bus.attach(slot, card.fpga);
   const auto window = [&](u32 address) { return static_cast<char*>(bus.hostAddress(address)); };
   const auto board = [&](u32 offset) { return static_cast<char*>(bus.mainBoard()) + offset; };
   bus.write(window(kFirst + kEnd - 2), 0x1234, 0);

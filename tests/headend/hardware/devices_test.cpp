@@ -53,7 +53,7 @@ TEST(Devices, TheClockFollowsFromTheRegistersAndSettlesAfterAChangeOfThePll) {
       {"state 1 off", {{kY2Y3, 0x6B}}, 0, "Y3 is disabled"},
       {"S0 low, state 0 off", {{kS0, 0}}, 0, "Y3 is disabled"},
       {"S0 low, state 0 on", {{kS0, 0}, {kY2Y3, 0x67}}, 44},
-      {"S0 low, told state 1", {{kS0, 0}, {0x15, 0x01}}, 44},
+      {"S0 low, state 1 selected", {{kS0, 0}, {0x15, 0x01}}, 44},
       {"powered down", {{kGeneral, 0x10}}, 0, "the clock generator is powered down"},
       {"powered down by Y1's state", {{kY1, 0x84}}, 0, "the clock generator is powered down"},
       {"the value it had, but a write", {}, 0, "the PLL is settling", {{kY2Y3, 0x6D}}},
@@ -121,10 +121,11 @@ TEST(Devices, TheSensorConvertsEvery800MillisecondsOrOnDemandAndReportsTenBitsAn
   master.bus.inject(headend::OpenDrainBus::Fault::kStretch, master.now);
   EXPECT_EQ(after(0), 0xC928);
   master.begin(0x4A, true);
-  EXPECT_FALSE(master.bus.clock(master.now));
-  master.bus.driveClock(true, master.now + 1300);
-  EXPECT_FALSE(master.bus.clock(master.now + 99'999));
-  master.bus.driveClock(false, master.now + 100'600);  // not called: the clock has been high since 100'000
+  constexpr auto kClock = headend::OpenDrainBus::kClock;
+  EXPECT_FALSE(master.bus.level(kClock, master.now));
+  master.bus.drive(kClock, true, master.now + 1300);
+  EXPECT_FALSE(master.bus.level(kClock, master.now + 99'999));
+  master.bus.drive(kClock, false, master.now + 100'600);  // not called: the clock has been high since 100'000
   EXPECT_EQ(kinds(violations), "");
 }
 

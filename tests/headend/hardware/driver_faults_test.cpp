@@ -1,11 +1,11 @@
 // What a driver can do wrong, and what the device counts; an empty text where nothing is wrong.
 #include <gtest/gtest.h>
 
-#include "headend/hardware/attenuator.h"
 #include "headend/hardware/clock_generator.h"
 #include "headend/hardware/eeprom.h"
 #include "headend/hardware/synthesizer.h"
 #include "headend/hardware/temperature_sensor.h"
+#include "headend/hardware/three_wire.h"
 #include "tests/headend/hardware/drivers.h"
 
 namespace test {
@@ -84,7 +84,7 @@ TEST(DriverFaults, AtTheClockGenerator) {
   check<headend::ClockGenerator>(rows, 55e6);
 }
 
-// An EEPROM in which each byte tells its place.
+// An EEPROM in which each byte depends on its place.
 u8 old(unsigned place) {
   return static_cast<u8>(place * 7 + place / 256 * 31);
 }

@@ -1,5 +1,5 @@
-// Drivers of the card's devices, one for each kind of lines. They keep exactly the least times, unless told
-// to miss one.
+// Drivers of the card's devices, one for each kind of lines. They keep exactly the least times, unless a
+// row changes one.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "headend/hardware/dac.h"
-#include "headend/hardware/open_drain_bus.h"
+#include "headend/hardware/i2c.h"
 
 namespace test {
 
@@ -37,17 +37,17 @@ struct I2cLines {
 
   explicit I2cLines(headend::I2cSlave& slave) : bus(&slave) { scl(0, true), sda(0, true); }
   void scl(Nanos wait, bool level) {
-    bus.driveClock(level, now += wait);
-    while (level && !bus.clock(now)) now += 100;
+    bus.drive(bus.kClock, level, now += wait);
+    while (level && !bus.level(bus.kClock, now)) now += 100;
   }
-  void sda(Nanos wait, bool level) { bus.driveData(level, now += wait); }
+  void sda(Nanos wait, bool level) { bus.drive(bus.kData, level, now += wait); }
   void rise(bool data) {
     sda(low - dataSetup, data);
     scl(dataSetup, true);
   }
   bool bit(bool level) {
     rise(level);
-    const bool seen = bus.data(now + high);
+    const bool seen = bus.level(bus.kData, now + high);
     scl(high, false);
     return seen;
   }

@@ -109,7 +109,7 @@ struct Udp {
   client::ServerSocket socket{input.name().substr(std::string("udp://").size()), service};
   std::vector<std::pair<Nanos, u64>> arrived;  // and the packet's number
 
-  explicit Udp(Nanos deJitter = UdpInput::kDefault) : input(network, "127.0.0.1", 0, deJitter) {
+  explicit Udp(Nanos deJitter = 200 * kMs) : input(network, "127.0.0.1", 0, deJitter) {
     rig.onAux = [this] {
       while (input.nextArrival() <= rig.kernel.now()) {
         const Nanos when = input.nextArrival();

@@ -6,7 +6,7 @@
 #include <random>
 #include <set>
 
-#include "headend/hardware/main_board.h"
+#include "headend/hardware/bus.h"
 #include "headend/hardware/pid_router.h"
 #include "tests/headend/packets.h"
 

@@ -1,4 +1,4 @@
-// A kernel with nothing on it, whose tasks a test brings. What happens is told, each event with its time in
+// A kernel with nothing on it, whose tasks a test brings. What happens is kept, each event with its time in
 // ms.
 #pragma once
 

@@ -25,7 +25,7 @@ Nanos nanos(const std::string& ms) {
 
 // Scripts are "NAME PRIORITY [TIMES]: STEP; STEP; ...", or "at MS: STEP; ..." for an event, with "|" between
 // them. A step is a service of the kernel and its arguments; with a time to wait, in ticks of 10 ms, it waits
-// so long, without one for ever. A step that fails is told, and what is received; all else only by "say".
+// so long, without one forever. The story has each step that fails, what is received, and what "say" adds.
 struct Scripts {
   explicit Scripts(const Kernel::Settings& settings = freeCalls()) : rig_(settings) {}
 

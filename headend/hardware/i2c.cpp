@@ -1,4 +1,4 @@
-#include "headend/hardware/i2c_slave.h"
+#include "headend/hardware/i2c.h"
 
 namespace headend {
 namespace {
@@ -11,6 +11,8 @@ constexpr Nanos kStartSetup = 600;
 constexpr Nanos kStartHold = 600;
 constexpr Nanos kStopSetup = 600;
 constexpr Nanos kBusFree = 1'300;
+
+constexpr Nanos kStretchTime = 100'000;
 
 }  // namespace
 
@@ -61,14 +63,9 @@ void I2cSlave::start(Nanos now) {
   } else {
     if (bits_ != 0) violation("start_in_byte");
     checkTime(roseAt_, now, kStartSetup, "start_setup_short");
-    checkEndOfTransfer();
   }
-  phase_ = Phase::kAddress;
-  firstFall_ = true;
-  pulls_ = false;
   startAt_ = now;
-  started(now);
-  bits_ = 0;
+  endAccess(false, now);
 }
 
 void I2cSlave::stop(Nanos now) {
@@ -79,18 +76,18 @@ void I2cSlave::stop(Nanos now) {
     violation("empty_transfer");
   }
   if (!firstFall_) checkTime(roseAt_, now, kStopSetup, "stop_setup_short");
-  checkEndOfTransfer();
-  phase_ = Phase::kIdle;
-  firstFall_ = false;
-  pulls_ = false;
   stopAt_ = now;
-  stopped(now);
-  bits_ = 0;
+  endAccess(true, now);
 }
 
-// The master that reads says which byte is the last, by not acknowledging it.
-void I2cSlave::checkEndOfTransfer() {
+// A master that reads does not acknowledge the last byte.
+void I2cSlave::endAccess(bool byStop, Nanos now) {
   if (phase_ == Phase::kSending && bits_ == 0) violation("read_ended_without_nack");
+  phase_ = byStop ? Phase::kIdle : Phase::kAddress;
+  firstFall_ = !byStop;
+  pulls_ = false;
+  accessEnded(byStop, now);
+  bits_ = 0;
 }
 
 void I2cSlave::bit(bool level, Nanos now) {
@@ -117,7 +114,7 @@ void I2cSlave::bit(bool level, Nanos now) {
   }
 }
 
-// Eight bits are there. True: acknowledge them.
+// Eight bits have been received. True: acknowledge them.
 bool I2cSlave::takeByte(Nanos now) {
   switch (phase_) {
     case Phase::kAddress: {
@@ -145,8 +142,55 @@ void I2cSlave::afterNinthBit(bool acknowledged, Nanos now) {
   pulls_ = (out_ & 0x80) == 0;
 }
 
-void I2cSlave::checkTime(Nanos since, Nanos now, Nanos least, const char* kind) {
-  if (now - since < least) violation(kind);
+// ---- The lines ----
+
+void OpenDrainBus::inject(Fault fault, Nanos now) {
+  endStretch(now);
+  switch (fault) {
+    case Fault::kAbsent:
+      slave_ = nullptr;
+      holdsClock_ = false;
+      break;
+    case Fault::kNoAcknowledge:
+      if (slave_ != nullptr) slave_->acknowledges(false);
+      break;
+    case Fault::kClockLow:
+    case Fault::kClockHigh:
+      stuck_[kClock] = fault == Fault::kClockHigh;
+      break;
+    case Fault::kDataLow:
+    case Fault::kDataHigh:
+      stuck_[kData] = fault == Fault::kDataHigh;
+      break;
+    case Fault::kStretch:
+      stretches_ = true;
+      break;
+  }
+  settle(now);
+}
+
+// The slave released the clock at that time, also if the bus is looked at later.
+void OpenDrainBus::endStretch(Nanos now) {
+  if (!holdsClock_ || now < heldUntil_) return;
+  holdsClock_ = false;
+  settle(heldUntil_);
+}
+
+// The slave responds to a change of the wire by a change of what it pulls, which is a change of the wire.
+void OpenDrainBus::settle(Nanos now) {
+  for (;;) {
+    const bool clock = stuck_[kClock].value_or(master_[kClock] && !holdsClock_);
+    const bool data = stuck_[kData].value_or(master_[kData] && (slave_ == nullptr || !slave_->pullsData()));
+    if (clock == wire_[kClock] && data == wire_[kData]) return;
+    const bool fell = wire_[kClock] && !clock;
+    wire_ = {clock, data};
+    if (slave_ == nullptr) continue;
+    slave_->wire(clock, data, now);
+    if (stretches_ && fell && slave_->byteEnded()) {
+      holdsClock_ = true;
+      heldUntil_ = now + kStretchTime;
+    }
+  }
 }
 
 }  // namespace headend

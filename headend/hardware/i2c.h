@@ -1,21 +1,17 @@
-// The protocol of an I2C slave, UM10204 in fast mode (400 kHz): start, stop, address, acknowledge, and the
-// minimum times of a master. Base class of device models; OpenDrainBus passes the line levels to it.
+// An I2C bus with one slave: the two open-drain lines, and the protocol of the slave, UM10204 in fast mode
+// (400 kHz).
 #pragma once
 
-#include <string>
+#include <array>
+#include <optional>
 
-#include "headend/hardware/violations.h"
-#include "headend/kernel/kernel.h"
-#include "platform/types.h"
+#include "headend/hardware/device.h"
 
 namespace headend {
 
-class I2cSlave {
+// Start, stop, address, acknowledge, and the minimum times of a master. Base class of device models.
+class I2cSlave : public Device {
  public:
-  I2cSlave(const I2cSlave&) = delete;
-  I2cSlave& operator=(const I2cSlave&) = delete;
-  virtual ~I2cSlave() = default;
-
   // The levels on the wire, after each change of either. Both are low at first: the first rise of the lines
   // breaks no rule. A caller that sets both low again must set the clock low first.
   void wire(bool scl, bool sda, Nanos now);
@@ -27,20 +23,17 @@ class I2cSlave {
   bool byteEnded() const { return byteEnded_; }
 
  protected:
-  I2cSlave(std::string name, Violations& violations) : name_(std::move(name)), violations_(violations) {}
+  using Device::Device;
 
   // The 7-bit address and the R/W bit below it. True: acknowledge.
   virtual bool addressed(u8 addressByte, Nanos now) = 0;
   virtual bool received(u8 byte, Nanos now) = 0;  // true: acknowledge
   virtual u8 next(Nanos now) = 0;                 // the next byte to send; called only when it is sent
-  virtual void started(Nanos /*now*/) {}
-  virtual void stopped(Nanos /*now*/) {}
+  // A start or a stop condition, which ends the access before it, if there was one.
+  virtual void accessEnded(bool byStop, Nanos now) = 0;
 
-  // In started() and stopped(): the condition was inside a byte.
+  // In accessEnded(): the condition was inside a byte.
   bool inByte() const { return bits_ != 0; }
-
-  // Counts a violation "<name>_<kind>".
-  void violation(const char* kind) { violations_.count(name_ + "_" + kind); }
 
  private:
   enum class Phase {
@@ -58,14 +51,11 @@ class I2cSlave {
   void dataChanged(bool level, Nanos now);
   void start(Nanos now);
   void stop(Nanos now);
+  void endAccess(bool byStop, Nanos now);
   void bit(bool level, Nanos now);
   bool takeByte(Nanos now);
   void afterNinthBit(bool acknowledged, Nanos now);
-  void checkEndOfTransfer();
-  void checkTime(Nanos since, Nanos now, Nanos least, const char* kind);
 
-  std::string name_;
-  Violations& violations_;
   bool acknowledges_ = true;
 
   bool scl_ = false;
@@ -85,6 +75,52 @@ class I2cSlave {
   Nanos dataAt_ = kLongAgo;
   Nanos startAt_ = kLongAgo;
   Nanos stopAt_ = kLongAgo;
+};
+
+// Two lines with pull-ups between a master and one slave, which may be absent: a line is low if either device
+// pulls it low. Faults of the wires and of the slave are injected here.
+class OpenDrainBus {
+ public:
+  enum Line : std::size_t { kClock, kData };
+  enum class Fault {
+    kAbsent,         // there is no slave
+    kNoAcknowledge,  // the slave does not acknowledge its address
+    kClockLow,       // a line is stuck, for master and slave alike
+    kClockHigh,
+    kDataLow,
+    kDataHigh,
+    kStretch,  // the slave holds the clock low for 100 us from the end of each ninth bit
+  };
+
+  // `slave` may be null: absent. At first the master pulls both lines low.
+  explicit OpenDrainBus(I2cSlave* slave) : slave_(slave) {}
+
+  // Faults accumulate and stay.
+  void inject(Fault fault, Nanos now);
+
+  // Output of the master: false pulls the line low, true releases it.
+  void drive(Line line, bool level, Nanos now) {
+    endStretch(now);
+    master_[line] = level;
+    settle(now);
+  }
+  // The level on the wire.
+  bool level(Line line, Nanos now) {
+    endStretch(now);
+    return wire_[line];
+  }
+
+ private:
+  void endStretch(Nanos now);
+  void settle(Nanos now);
+
+  I2cSlave* slave_;
+  std::array<bool, 2> master_{};
+  std::array<std::optional<bool>, 2> stuck_{};
+  bool stretches_ = false;
+  bool holdsClock_ = false;
+  Nanos heldUntil_ = 0;
+  std::array<bool, 2> wire_{};  // last levels passed to the slave
 };
 
 }  // namespace headend

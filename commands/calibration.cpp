@@ -2,21 +2,163 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <ctime>
 #include <stdexcept>
 #include <vector>
 
-#include "commands/calibration_report.h"
-#include "commands/families.h"
+#include "base/files.h"
+#include "client/calibration.h"
+#include "commands/command.h"
+#include "commands/json_fields.h"
 
 namespace commands {
 namespace {
 
+using client::DacField;
+using client::DacGroup;
 using client::DacRegisters;
 
-// Bytes for each of kDacGroups; none for a group that is not given.
-using Groups = std::array<std::vector<u8>, client::kDacGroups.size()>;
+constexpr auto kVersionKey = "dac_calibration";
+constexpr int kVersion = 1;
+
+std::string keyOf(const DacField& field) {
+  std::string key;
+  for (const char c : std::string_view(field.name)) {
+    const auto byte = static_cast<unsigned char>(c);
+    key += std::isalnum(byte) != 0 ? static_cast<char>(std::tolower(byte)) : '_';
+  }
+  return key;
+}
+
+Json fieldJson(const DacRegisters& registers, const DacField& field) {
+  const unsigned value = client::fieldValue(registers, field);
+  return field.names[0].empty() ? Json(value) : Json(client::fieldText(registers, field));
+}
+
+std::string hexByte(u8 byte) {
+  return fmt::format("0x{:02x}", byte);
+}
+
+// One byte in hex, as "1f" or "0x1f".
+u8 parseHexByte(const std::string& text) {
+  const bool isMarked = text.starts_with("0x") || text.starts_with("0X");
+  const std::string_view digits = std::string_view(text).substr(isMarked ? 2 : 0);
+  const auto byte = base::parseDigits<u8>(digits, 16, 0xFF);
+  return valid(digits.size() > 2 ? std::nullopt : byte, text, "byte in hex, 00 to ff");
+}
+
+// --- The report
+
+// The bytes by group, then the meaning of each register.
+std::string calibrationText(const DacRegisters& registers) {
+  std::string text;
+  for (const DacGroup& group : client::kDacGroups)
+    text += fmt::format("  {:<6}  {:02x}\n", group.name, fmt::join(bytesOf(registers, group), " "));
+  for (std::size_t address = 0; address < registers.size(); ++address) {
+    std::vector<std::string> meaning;
+    for (const DacField& field : client::dacFields()) {
+      if (field.bits.address == address)  // an offset is listed with its upper bits
+        meaning.push_back(fmt::format("{}: {}", field.name, client::fieldText(registers, field)));
+    }
+    text += fmt::format("  0x{:02x}  {}{}{}\n", address, hexByte(registers.at(address)),
+                        meaning.empty() ? "" : "  ", fmt::join(meaning, "; "));
+  }
+  return text;
+}
+
+// One line per different register, with the different fields: "0x05  0x10 -> 0x12  I fine gain: 16 -> 18".
+std::string differenceText(const DacRegisters& from, const DacRegisters& to) {
+  std::string text;
+  for (std::size_t address = 0; address < from.size(); ++address) {
+    if (from.at(address) == to.at(address)) continue;
+    std::vector<std::string> meaning;
+    for (const DacField* field : client::differingFields(from, to)) {
+      if (field->bits.address == address || (field->below.count != 0 && field->below.address == address))
+        meaning.push_back(fmt::format("{}: {} -> {}", field->name, client::fieldText(from, *field),
+                                      client::fieldText(to, *field)));
+    }
+    if (meaning.empty()) meaning.emplace_back("reserved bits");
+    text += fmt::format("  0x{:02x}  {} -> {}  {}\n", address, hexByte(from.at(address)),
+                        hexByte(to.at(address)), fmt::join(meaning, "; "));
+  }
+  return text;
+}
+
+// Warnings about the bytes of a card: one line each, or none.
+std::string doubts(const DacRegisters& registers) {
+  if (std::ranges::all_of(registers, [](u8 byte) { return byte == 0xFF; }))
+    return "all registers are 0xff: the EEPROM is blank or does not answer";
+  return client::portRisk(registers);
+}
+
+// The bytes by group, and their meaning as "fields". The slot is the one they were read from, from 0.
+Json calibrationJson(u8 slot, const DacRegisters& registers) {
+  Json json = {{kVersionKey, kVersion}, {"slot", slot + 1}};
+  for (const DacGroup& group : client::kDacGroups) {
+    for (const u8 byte : bytesOf(registers, group)) json[group.name].push_back(hexByte(byte));
+  }
+  for (const DacField& field : client::dacFields())
+    json["fields"][keyOf(field)] = fieldJson(registers, field);
+  return json;
+}
+
+// --- The file, which is the output of calibrationJson
+
+void parseGroup(const Json& json, const DacGroup& group, DacRegisters& registers) {
+  const Json bytes = json.value(group.name, Json());
+  if (!bytes.is_array() || bytes.size() != group.count) {
+    throw std::runtime_error(fmt::format("\"{}\" must have {} bytes", group.name, group.count));
+  }
+  for (std::size_t n = 0; n < group.count; ++n) {
+    if (!bytes[n].is_string()) {
+      throw std::runtime_error(fmt::format(R"("{}" must hold texts such as "0x1f")", group.name));
+    }
+    bytesOf(registers, group)[n] = parseHexByte(bytes[n].get<std::string>());
+  }
+}
+
+struct SavedCalibration {
+  Json slot;  // from 1, if the file gives it
+  DacRegisters registers{};
+};
+
+// "fields" may be absent, but if present must match the bytes, because a user may have edited it.
+SavedCalibration parseCalibration(const std::string& text) {
+  const Json json = Json::parse(text, nullptr, false);
+  if (json.is_discarded()) throw std::runtime_error("is not JSON");
+  if (!json.is_object() || json.value(kVersionKey, Json()) != kVersion) {
+    throw std::runtime_error(fmt::format("is no calibration: \"{}\": {} is missing", kVersionKey, kVersion));
+  }
+  SavedCalibration saved{.slot = json.value("slot", Json())};
+  for (const DacGroup& group : client::kDacGroups) parseGroup(json, group, saved.registers);
+  const Json fields = json.value("fields", Json());
+  for (const DacField& field : client::dacFields()) {
+    const std::string key = keyOf(field);
+    const Json meant = fieldJson(saved.registers, field);
+    if (!fields.is_object() || !fields.contains(key) || fields[key] == meant) continue;
+    throw std::runtime_error(
+        fmt::format(R"("{}" is not what the bytes say ({}); change the bytes and leave "fields" out)", key,
+                    meant.dump()));
+  }
+  return saved;
+}
+
+// Throws std::runtime_error with the file's name and the error.
+SavedCalibration loadCalibration(const std::filesystem::path& file) {
+  constexpr std::size_t kLongest = 65536;
+  try {
+    return parseCalibration(base::readFile(file, kLongest));
+  } catch (const std::system_error& e) {
+    throw std::runtime_error(fmt::format("{}: cannot be read: {}", file.string(), e.what()));
+  } catch (const std::exception& e) {
+    throw std::runtime_error(fmt::format("{}: {}", file.string(), e.what()));
+  }
+}
+
+// --- The commands
 
 std::string timeNow() {
   return fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
@@ -65,16 +207,13 @@ class Save final : public Calibrate {
   std::string file_;
 };
 
-// Write and restore: the groups that are given are written; the others keep the DAC's values, so nothing is
-// sent unless those can be read.
+// Write and restore. Nothing is sent unless the DAC's values can be read: registers that are not given keep
+// them.
 class Change : public Calibrate {
  public:
   void carryOut(Session& session) override {
     const DacRegisters before = read(session);
-    DacRegisters wanted = before;
-    for (std::size_t n = 0; n < groups_.size(); ++n) {
-      std::ranges::copy(groups_.at(n), bytesOf(wanted, client::kDacGroups.at(n)).begin());
-    }
+    const DacRegisters wanted = changed(before);
     demandSafePort(wanted);
     client::writeCalibration(session.calibration(), card(), wanted);
     try {
@@ -92,9 +231,9 @@ class Change : public Calibrate {
               force_);
   }
 
-  Groups groups_;
-
  private:
+  virtual DacRegisters changed(DacRegisters registers) const = 0;
+
   void demandSafePort(const DacRegisters& wanted) const {
     const std::string risk = client::portRisk(wanted);
     if (risk.empty() || force_) return;
@@ -159,6 +298,15 @@ class Write final : public Change {
     if (std::ranges::all_of(groups_, [](const auto& bytes) { return bytes.empty(); }))
       throw WrongCall("write wants at least one of --common, --i and --q");
   }
+
+ private:
+  DacRegisters changed(DacRegisters registers) const override {
+    for (std::size_t n = 0; n < groups_.size(); ++n)
+      std::ranges::copy(groups_.at(n), bytesOf(registers, client::kDacGroups.at(n)).begin());
+    return registers;
+  }
+
+  std::array<std::vector<u8>, client::kDacGroups.size()> groups_;  // empty for a group that is not given
 };
 
 class Restore final : public Change {
@@ -170,17 +318,16 @@ class Restore final : public Change {
   }
 
   void prepare(Surroundings& surroundings) override {
-    const SavedCalibration saved = loadCalibration(file_);
-    if (saved.slot != slot() + 1)
+    saved_ = loadCalibration(file_);
+    if (saved_.slot != slot() + 1)
       surroundings.notes.push_back(fmt::format("{} was not saved from slot {}", file_, slot() + 1));
-    for (std::size_t n = 0; n < groups_.size(); ++n) {
-      const auto bytes = bytesOf(saved.registers, client::kDacGroups.at(n));
-      groups_.at(n).assign(bytes.begin(), bytes.end());
-    }
   }
 
  private:
+  DacRegisters changed(DacRegisters /*registers*/) const override { return saved_.registers; }
+
   std::string file_;
+  SavedCalibration saved_;
 };
 
 class Watch final : public Calibrate {

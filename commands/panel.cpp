@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "client/chassis_services.h"
-#include "commands/families.h"
+#include "commands/command.h"
 #include "commands/json_fields.h"
 
 namespace commands {
@@ -76,12 +76,7 @@ class Key final : public Command {
   void describe(Form& form) override {
     form.values(Option("KEY", "", "up, down, left, right, ok or cancel").required().count(1, kAny), keys_,
                 [](const std::string& name) {
-                  const auto key = protocol::keyOf(name);
-                  if (!key) {
-                    throw std::invalid_argument(
-                        fmt::format("'{}' is no key: up, down, left, right, ok or cancel", name));
-                  }
-                  return *key;
+                  return valid(protocol::keyOf(name), name, "key: up, down, left, right, ok or cancel");
                 });
     form.footer("The panel takes keys as fast as its menu can; up to 64 wait for it.");
   }

@@ -10,8 +10,7 @@
 #include "client/chassis_services.h"
 #include "client/pid_map_change.h"
 #include "client/pid_map_file.h"
-#include "commands/change.h"
-#include "commands/families.h"
+#include "commands/command.h"
 #include "commands/json_fields.h"
 
 namespace commands {
@@ -32,9 +31,7 @@ Json sourceAndPid(const MapEntry& e) {
 
 Json entryOf(const MapEntry& e) {
   Json entry = sourceAndPid(e);
-  entry["src_programme"] = e.sourceProgramme;
-  entry["dst_programme"] = e.programme;
-  entry["type"] = e.type;
+  entry.update({{"src_programme", e.sourceProgramme}, {"dst_programme", e.programme}, {"type", e.type}});
   return entry;
 }
 
@@ -44,20 +41,15 @@ std::size_t repeatedIn(const std::vector<MapEntry>& entries) {
   return entries.size() - sources.size();
 }
 
-std::string lineOf(const Json& e) {
-  std::string line = fmt::format("  {}.{}  {:#06x} -> {:#06x}", e["src_slot"].get<u32>(),
-                                 e["src_port"].get<u32>(), e["src_pid"].get<u16>(), e["dst_pid"].get<u16>());
-  if (e.contains("type")) {
-    line += fmt::format("  programme {} -> {}, type {}", e["src_programme"].get<u16>(),
-                        e["dst_programme"].get<u16>(), e["type"].get<u16>());
-  }
-  return line + "\n";
-}
-
 std::string linesOf(const char* title, const Json& entries) {
   std::string text =
       fmt::format("{}: {} {}\n", title, entries.size(), entries.size() == 1 ? "entry" : "entries");
-  for (const Json& entry : entries) text += lineOf(entry);
+  for (const Json& entry : entries) {
+    text += filled("  {src_slot}.{src_port}  {src_pid:#06x} -> {dst_pid:#06x}", entry);
+    if (entry.contains("type"))
+      text += filled("  programme {src_programme} -> {dst_programme}, type {type}", entry);
+    text += '\n';
+  }
   return text;
 }
 
@@ -88,28 +80,23 @@ Json pidMapReport(const client::PidMap& map, const protocol::Channel& channel,
 
 // The report of pidMapReport as text lines.
 std::string pidMapText(const Json& report) {
-  const std::string channel = report["channel"];
-  std::string text = fmt::format("Channel {}\n", channel);
+  std::string text = filled("Channel {channel}\n", report);
   if (report["locked"].get<bool>()) {
-    text += fmt::format(
-        "LOCKED: a load is under way, or broke off; on the air is what the router holds. When nobody is at "
-        "work any more, 'qamctl pidmap release {}' ends the lock\n",
-        channel);
+    text += filled(
+        "LOCKED: a load is under way, or broke off; on the air is what the router holds. When no load is "
+        "under "
+        "way any more, 'qamctl pidmap release {channel}' ends the lock\n",
+        report);
   }
-  if (const auto blank = report["announced_only"].get<std::size_t>(); blank > 0) {
-    text += fmt::format("{} more entries of the record were announced and never came\n", blank);
-  }
+  if (report["announced_only"] > 0)
+    text += filled("{announced_only} more entries of the record were announced and never received\n", report);
   text += linesOf("record", report["record"]);
-  const Json& router = report["router"];
-  if (router.is_null()) return text + "router: the chassis does not tell\n";
-  if (report["router_holds_record"].get<bool>()) {
-    text += "router: holds the record\n";
-  } else {
-    text += linesOf("router, ANOTHER MAP than the record", router);
-  }
-  if (const auto repeated = report["repeated"].get<std::size_t>(); repeated > 0) {
-    text += fmt::format("{} of the router's positions repeat a source: it takes the first\n", repeated);
-  }
+  if (report["router"].is_null()) return text + "router: the chassis does not report it\n";
+  text += report["router_holds_record"].get<bool>()
+              ? "router: holds the record\n"
+              : linesOf("router, ANOTHER MAP than the record", report["router"]);
+  if (report["repeated"] > 0)
+    text += filled("{repeated} of the router's positions repeat a source: it takes the first\n", report);
   return text;
 }
 
@@ -222,12 +209,12 @@ class Release final : public ChangeCommand {
     takeFile(form,
              Option("--restore", "FILE.csv", "that map: a rescue file, which is then removed, or another"),
              file_, false);
-    form.flag("--empty", "no map: what stands in the record goes on the air, often nothing", empty_);
+    form.flag("--empty", "no map: what the record holds goes on the air, often nothing", empty_);
     form.excludes("--empty", "--restore");
     takeDryRun(form);
     form.footer(
         "Without --restore and --empty the map is sent that is on the air, which has lost its programme "
-        "numbers and types. First make sure that nobody is loading the channel.");
+        "numbers and types. First make sure that no client is loading the channel.");
   }
 
   void prepare(Surroundings& /*surroundings*/) override {

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "commands/json_fields.h"
-#include "commands/status_report.h"
+#include "commands/status.h"
 #include "headend/report.h"
 
 namespace headend {

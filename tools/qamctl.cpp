@@ -12,7 +12,7 @@
 
 #include "client/udp_link.h"
 #include "commands/command.h"
-#include "commands/status_report.h"
+#include "commands/status.h"
 #include "tools/panel/panel.h"
 
 namespace tools {
@@ -109,9 +109,7 @@ class SocketSession final : public commands::Session {
     sigprocmask(hold ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
   }
 
-  void showPanel(std::chrono::seconds patience) override {
-    runPanel({.server = server_, .patience = patience});
-  }
+  void showPanel(std::chrono::seconds patience) override { runPanel(server_, patience); }
 
  private:
   static sigset_t held() {

@@ -1,20 +1,174 @@
+#define NCURSES_WIDECHAR 1
+#define NCURSES_NOMACROS 1
 #include "tools/panel/panel.h"
 
+#include <curses.h>
 #include <fmt/format.h>
+#include <langinfo.h>
+#include <poll.h>
+#include <term.h>
+#include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <clocale>
 #include <csignal>
+#include <cstdlib>
+#include <map>
+#include <optional>
 #include <stdexcept>
 
 #include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "commands/json_fields.h"
-#include "commands/status_report.h"
-#include "tools/panel/panel_terminal.h"
+#include "commands/status.h"
 #include "tools/panel/panel_view.h"
 
 namespace tools {
 namespace {
+
+// --- The terminal
+
+// A key of the panel, or a command of its own.
+enum class PanelInput : u8 {
+  kUp = chassis::kKeyUp,
+  kDown = chassis::kKeyDown,
+  kLeft = chassis::kKeyLeft,
+  kRight = chassis::kKeyRight,
+  kConfirm = chassis::kKeyConfirm,
+  kCancel = chassis::kKeyCancel,
+  kLanguage = 0x80,
+  kPixels,
+  kQuit
+};
+
+using Colour = Look::Colour;
+
+constexpr int kEscapeWait_ms = 50;  // for the rest of an arrow key's sequence, which a network may split
+constexpr wint_t kEscape = 0x1B, kControlC = 0x03, kControlL = 0x0C;
+
+std::string kindOfTerminal() {
+  const char* kind = std::getenv("TERM");
+  return kind == nullptr ? "" : kind;
+}
+
+void useUtf8() {
+  const char* taken = std::setlocale(LC_ALL, "");
+  if (taken != nullptr && std::string_view(nl_langinfo(CODESET)) == "UTF-8") return;
+  if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr)
+    throw std::runtime_error("the panel needs a locale of UTF-8, and there is none: set LC_ALL to one");
+}
+
+attr_t attributesOf(const Look& look) {
+  return (look.inverse ? A_REVERSE : A_NORMAL) | (look.bold ? A_BOLD : A_NORMAL);
+}
+
+void startColours() {
+  if (!has_colors()) return;
+  start_color();
+  use_default_colors();
+  init_pair(static_cast<short>(Colour::kGood), COLOR_GREEN, -1);
+  init_pair(static_cast<short>(Colour::kWarning), COLOR_YELLOW, -1);
+  init_pair(static_cast<short>(Colour::kBad), COLOR_RED, -1);
+}
+
+using Keys = std::map<wint_t, PanelInput>;
+const Keys kFunctionKeys = {{KEY_UP, PanelInput::kUp},         {KEY_DOWN, PanelInput::kDown},
+                            {KEY_LEFT, PanelInput::kLeft},     {KEY_RIGHT, PanelInput::kRight},
+                            {KEY_ENTER, PanelInput::kConfirm}, {KEY_F(10), PanelInput::kQuit}};
+const Keys kCharacterKeys = {{L'\r', PanelInput::kConfirm},  {L'\n', PanelInput::kConfirm},
+                             {kEscape, PanelInput::kCancel}, {L'l', PanelInput::kLanguage},
+                             {L'L', PanelInput::kLanguage},  {L'p', PanelInput::kPixels},
+                             {L'P', PanelInput::kPixels},    {L'q', PanelInput::kQuit},
+                             {L'Q', PanelInput::kQuit},      {kControlC, PanelInput::kQuit}};
+
+std::optional<PanelInput> find(const Keys& keys, wint_t key) {
+  const auto found = keys.find(key);
+  return found == keys.end() ? std::nullopt : std::optional(found->second);
+}
+
+// Throws std::runtime_error if stdin and stdout are not a terminal with a positionable cursor.
+void requirePanelTerminal() {
+  if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
+    throw std::runtime_error("the panel needs a terminal: stdin and stdout must be one");
+  const std::string kind = kindOfTerminal();
+  int error = 0;
+  const bool known = !kind.empty() && setupterm(kind.c_str(), STDOUT_FILENO, &error) == OK;
+  if (!known || tigetstr("cup") == nullptr) {
+    throw std::runtime_error(fmt::format(
+        "the panel cannot draw on a terminal of kind '{}': set TERM to what it is, such as xterm", kind));
+  }
+  del_curterm(cur_term);
+}
+
+// The terminal, by ncurses: initialised by the constructor, restored by the destructor. Only one at a time.
+class PanelTerminal {
+ public:
+  // Uses the environment's locale, or a UTF-8 locale if that has another encoding. Throws std::runtime_error.
+  PanelTerminal() {
+    useUtf8();
+    terminal_ = newterm(nullptr, stdout, stdin);
+    if (terminal_ == nullptr)
+      throw std::runtime_error(fmt::format("the panel cannot use a terminal of kind '{}'", kindOfTerminal()));
+    raw();  // Ctrl-C is a normal key, Ctrl-S does not stop the screen
+    noecho();
+    nonl();
+    curs_set(0);
+    set_escdelay(kEscapeWait_ms);
+    keypad(stdscr, TRUE);
+    nodelay(stdscr, TRUE);
+    startColours();
+  }
+  ~PanelTerminal() {
+    endwin();
+    delscreen(terminal_);
+  }
+  PanelTerminal(const PanelTerminal&) = delete;
+  PanelTerminal& operator=(const PanelTerminal&) = delete;
+
+  int width() const { return getmaxx(stdscr); }
+  int height() const { return getmaxy(stdscr); }
+  void beep() { beep_sp(terminal_); }
+
+  // Sends only what has changed.
+  void show(const Screen& screen) {
+    if (shown_ == screen) return;
+    for (int y = 0; y < screen.height(); ++y) {
+      for (int x = 0; x < screen.width(); ++x) {
+        const Screen::Cell& cell = screen.at(x, y);
+        if (cell.character == Screen::kCovered) continue;
+        const std::array<wchar_t, 2> text = {cell.character, L'\0'};
+        cchar_t drawn{};
+        setcchar(&drawn, text.data(), attributesOf(cell.look), static_cast<short>(cell.look.colour), nullptr);
+        mvadd_wch(y, x, &drawn);
+      }
+    }
+    refresh();
+    shown_ = screen;
+  }
+
+  // The next key; nullopt after a timeout, a signal, or a change of the terminal's size. A closed terminal
+  // gives kQuit.
+  std::optional<PanelInput> wait(std::chrono::milliseconds time) {
+    pollfd input = {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+    const int ready = poll(&input, 1, static_cast<int>(time.count()));
+    if (ready > 0 && (input.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return PanelInput::kQuit;
+    wint_t key = 0;
+    const int kind = get_wch(&key);
+    if (kind == ERR) return std::nullopt;
+    if (kind == OK && key != kControlL) return find(kCharacterKeys, key);
+    if (kind == KEY_CODE_YES && key != KEY_RESIZE) return find(kFunctionKeys, key);
+    clearok(curscr, TRUE);
+    shown_.reset();
+    return std::nullopt;
+  }
+
+ private:
+  SCREEN* terminal_;
+  std::optional<Screen> shown_;
+};
+
+// --- The panel on it
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
@@ -30,10 +184,10 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 class Panel {
  public:
-  explicit Panel(const PanelOptions& options)
-      : options_(options), link_(options.server, kQuickLink), heard_(Clock::now()) {
-    state_.server = options.server;
-    client::UdpLink patient(options.server);
+  Panel(const std::string& server, std::chrono::seconds patience)
+      : patience_(patience), link_(server, kQuickLink), heard_(Clock::now()) {
+    state_.server = server;
+    client::UdpLink patient(server);
     refresh(patient);
   }
 
@@ -109,7 +263,7 @@ class Panel {
       }
       answers_ = false;
       const auto silent = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - heard_);
-      if (silent >= options_.patience)
+      if (silent >= patience_)
         throw std::runtime_error(
             fmt::format("the headend has not answered for {} s: {}", silent.count(), e.what()));
       state_.silentSeconds = silent.count();
@@ -117,7 +271,7 @@ class Panel {
     return false;
   }
 
-  PanelOptions options_;
+  std::chrono::seconds patience_;
   PanelState state_;
   client::UdpLink link_;
   Clock::time_point nextStatus_;
@@ -128,9 +282,9 @@ class Panel {
 
 }  // namespace
 
-void runPanel(const PanelOptions& options) {
+void runPanel(const std::string& server, std::chrono::seconds patience) {
   requirePanelTerminal();
-  Panel panel(options);
+  Panel panel(server, patience);
   for (const int each : {SIGINT, SIGTERM, SIGHUP}) std::signal(each, [](int) { asked = true; });
   PanelTerminal terminal;
   panel.run(terminal);

@@ -127,7 +127,7 @@ std::optional<int64_t> pcrOf(const Packet& p) {
   if (!hasField || (p[5] & 0x10) == 0) return {};
   int64_t base = 0;
   for (size_t i = 6; i < 10; ++i) base = base << 8 | p[i];
-  return (base << 1 | p[10] >> 7) * 300 + ((p[10] & 1) << 8 | p[11]);
+  return (base << 1 | p[10] >> 7) * kPcrPerPts + ((p[10] & 1) << 8 | p[11]);
 }
 
 bool hasPayload(const Packet& p) {
@@ -264,23 +264,18 @@ uint16_t big16(const Bytes& bytes, size_t at) {
   return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]);
 }
 
-int64_t signedModulo(int64_t value, int64_t wrap) {
-  const int64_t up = modulo(value, wrap);
-  return up > wrap / 2 ? up - wrap : up;
-}
-
 Scan scan(const std::string& path, const ScanOptions& options, Contents& contents, Faults& faults) {
   return Scanner(options, contents, faults).run(path);
 }
 
-std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path) {
+Programmes programmes(const std::string& path) {
   constexpr size_t kLoopStart = 8;
   constexpr size_t kCrcSize = 4;
   Contents contents;
   Faults ignored;
   ScanOptions options;
   options.sectionPids = {0};
-  std::set<std::pair<uint16_t, uint16_t>> found;
+  Programmes found;
   for (const Section& section : scan(path, options, contents, ignored).sections) {
     const Bytes& bytes = contents.bytes(section.content);
     if (bytes[0] != 0 || bytes.size() < kLoopStart + kCrcSize) continue;

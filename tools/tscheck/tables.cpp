@@ -1,10 +1,8 @@
-#include "tables.h"
-
 #include <fmt/format.h>
 
 #include <stdexcept>
 
-#include "scan.h"
+#include "checks.h"
 
 // libdvbpsi's headers need those before them.
 // clang-format off
@@ -100,9 +98,11 @@ std::string text(const Table& table) {
 // Called by the library for a whole table, which it owns no longer.
 template <typename Table, void (*release)(Table*)>
 void report(void* to, Table* table) {
-  if (table->b_current_next)
-    (*static_cast<TableDecoder::OnTable*>(to))(nameOf(*table),
-                                               fmt::format("v{}{}", table->i_version, text(*table)));
+  if (table->b_current_next) {
+    TableDecoder::Versions& versions = static_cast<TableDecoder*>(to)->tables[nameOf(*table)];
+    versions.last = fmt::format("v{}{}", table->i_version, text(*table));
+    versions.all.insert(versions.last);
+  }
   release(table);
 }
 
@@ -123,7 +123,7 @@ dvbpsi_t* TableDecoder::add(uint16_t pid, void (*detach)(dvbpsi_t*)) {
     const auto& decoder = *static_cast<Decoder*>(handle->p_sys);
     std::string line = message;
     std::erase(line, '\n');
-    decoder.owner->onError_(fmt::format("PID {:#x}: {}", decoder.pid, line));
+    decoder.owner->errors.push_back(fmt::format("PID {:#x}: {}", decoder.pid, line));
   };
   dvbpsi_t* handle = dvbpsi_new(onMessage, DVBPSI_MSG_ERROR);
   if (handle == nullptr) throw std::runtime_error("libdvbpsi gives no decoder");
@@ -132,16 +132,13 @@ dvbpsi_t* TableDecoder::add(uint16_t pid, void (*detach)(dvbpsi_t*)) {
   return handle;
 }
 
-TableDecoder::TableDecoder(const std::set<std::pair<uint16_t, uint16_t>>& programmes, OnTable onTable,
-                           OnError onError)
-    : onTable_(std::move(onTable)), onError_(std::move(onError)) {
-  dvbpsi_pat_attach(add(0x0000, dvbpsi_pat_detach), report<dvbpsi_pat_t, dvbpsi_pat_delete>, &onTable_);
-  dvbpsi_cat_attach(add(0x0001, dvbpsi_cat_detach), report<dvbpsi_cat_t, dvbpsi_cat_delete>, &onTable_);
+TableDecoder::TableDecoder(const Programmes& programmes) {
+  dvbpsi_pat_attach(add(0x0000, dvbpsi_pat_detach), report<dvbpsi_pat_t, dvbpsi_pat_delete>, this);
+  dvbpsi_cat_attach(add(0x0001, dvbpsi_cat_detach), report<dvbpsi_cat_t, dvbpsi_cat_delete>, this);
   for (const auto& [pid, programme] : programmes)
-    dvbpsi_pmt_attach(add(pid, dvbpsi_pmt_detach), programme, report<dvbpsi_pmt_t, dvbpsi_pmt_delete>,
-                      &onTable_);
+    dvbpsi_pmt_attach(add(pid, dvbpsi_pmt_detach), programme, report<dvbpsi_pmt_t, dvbpsi_pmt_delete>, this);
   for (const uint16_t pid : {uint16_t{0x0010}, uint16_t{0x0011}})
-    dvbpsi_AttachDemux(add(pid, dvbpsi_DetachDemux), onSubtable, &onTable_);
+    dvbpsi_AttachDemux(add(pid, dvbpsi_DetachDemux), onSubtable, this);
 }
 
 TableDecoder::~TableDecoder() {

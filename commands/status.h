@@ -1,4 +1,4 @@
-// The chassis's status object, and the report of `qamctl status` about it as text for users.
+// What a chassis reports of itself: its status object as text for users, and its alarms as JSON.
 #pragma once
 
 #include <optional>
@@ -8,6 +8,7 @@
 #include "client/channel_change.h"
 #include "client/link.h"
 #include "commands/json_fields.h"
+#include "protocol/alarms.h"
 
 namespace commands {
 
@@ -43,5 +44,9 @@ std::vector<std::string> rfLines(const Json& readouts);
 // values missing in the status are null.
 Json ratesReport(const Json& status);
 std::string ratesText(const Json& report);
+
+// An object with slot, port, type, happened (seconds since 1970-01-01 UTC), and in en and zh: title, text and
+// trap (the text for logs).
+Json alarmJson(const protocol::Alarm& alarm);
 
 }  // namespace commands

@@ -30,8 +30,7 @@ std::string textOf(const protocol::Alarm& alarm, bool zh) {
                      oneLine(zh ? alarm.zhTrap : alarm.enTrap));
 }
 
-class Alarms final : public Command {
- public:
+struct Alarms final : Command {
   void describe(Form& form) override {
     form.flag("--history", "the events of the log, oldest first", history_);
     form.flag("--follow", "then go on with each event as it comes, until interrupted", follow_);
@@ -66,7 +65,6 @@ class Alarms final : public Command {
     while (session.pause(kPoll)) next = showEvents(session, next, next);
   }
 
- private:
   // The events from a number on. Returns the number of the next one, `none` where there are none.
   std::uint64_t showEvents(Session& session, std::uint64_t from, std::uint64_t none) const {
     for (const AlarmEvent& event : client::readAlarmEvents(session.link(), from)) {
@@ -100,8 +98,8 @@ class Alarms final : public Command {
 }  // namespace
 
 Group alarmCommands() {
-  return {.commands = {{"alarms", "Show the alarms that are raised, or what the log keeps of them",
-                        Needs::kChassis, make<Alarms>}}};
+  return {.commands = {
+              {"alarms", "Show the alarms that are raised, or what the log keeps of them", make<Alarms>}}};
 }
 
 }  // namespace commands

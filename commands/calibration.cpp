@@ -87,11 +87,11 @@ std::string differenceText(const DacRegisters& from, const DacRegisters& to) {
   return text;
 }
 
-// Warnings about the bytes of a card: one line each, or none.
-std::string doubts(const DacRegisters& registers) {
+void noteDoubts(Session& session, const DacRegisters& registers) {
   if (std::ranges::all_of(registers, [](u8 byte) { return byte == 0xFF; }))
-    return "all registers are 0xff: the EEPROM is blank or does not answer";
-  return client::portRisk(registers);
+    session.note("all registers are 0xff: the EEPROM is blank or does not answer");
+  else if (const std::string risk = client::portRisk(registers); !risk.empty())
+    session.note(risk);
 }
 
 // The bytes by group, and their meaning as "fields". The slot is the one they were read from, from 0.
@@ -107,16 +107,13 @@ Json calibrationJson(u8 slot, const DacRegisters& registers) {
 
 // --- The file, which is the output of calibrationJson
 
-void parseGroup(const Json& json, const DacGroup& group, DacRegisters& registers) {
-  const Json bytes = json.value(group.name, Json());
-  if (!bytes.is_array() || bytes.size() != group.count) {
+void parseGroup(const Json& bytes, const DacGroup& group, DacRegisters& registers) {
+  if (!bytes.is_array() || bytes.size() != group.count)
     throw std::runtime_error(fmt::format("\"{}\" must have {} bytes", group.name, group.count));
-  }
   for (std::size_t n = 0; n < group.count; ++n) {
-    if (!bytes[n].is_string()) {
+    if (!bytes[n].is_string())
       throw std::runtime_error(fmt::format(R"("{}" must hold texts such as "0x1f")", group.name));
-    }
-    bytesOf(registers, group)[n] = parseHexByte(bytes[n].get<std::string>());
+    bytesOf(registers, group)[n] = parseHexByte(bytes[n]);
   }
 }
 
@@ -129,12 +126,13 @@ struct SavedCalibration {
 SavedCalibration parseCalibration(const std::string& text) {
   const Json json = Json::parse(text, nullptr, false);
   if (json.is_discarded()) throw std::runtime_error("is not JSON");
-  if (!json.is_object() || json.value(kVersionKey, Json()) != kVersion) {
+  if (member(json, kVersionKey) != kVersion) {
     throw std::runtime_error(fmt::format("is no calibration: \"{}\": {} is missing", kVersionKey, kVersion));
   }
-  SavedCalibration saved{.slot = json.value("slot", Json())};
-  for (const DacGroup& group : client::kDacGroups) parseGroup(json, group, saved.registers);
-  const Json fields = json.value("fields", Json());
+  SavedCalibration saved{.slot = member(json, "slot")};
+  for (const DacGroup& group : client::kDacGroups)
+    parseGroup(member(json, group.name), group, saved.registers);
+  const Json fields = member(json, "fields");
   for (const DacField& field : client::dacFields()) {
     const std::string key = keyOf(field);
     const Json meant = fieldJson(saved.registers, field);
@@ -164,11 +162,15 @@ std::string timeNow() {
   return fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
 }
 
-class Calibrate : public Command {
- protected:
+struct Calibrate : Command {
+  void describe(Form& form) final {
+    takeSlot(form);
+    describeMore(form);
+  }
+  virtual void describeMore(Form& /*form*/) {}  // behind the slot
+
   DacRegisters read(Session& session) const {
-    return client::readCalibration(session.calibration(), card(),
-                                   std::chrono::milliseconds(static_cast<int>(timeout_s * 1000)));
+    return client::readCalibration(session.calibration(), card(), milliseconds(timeout_s));
   }
 
   void show(Session& session, const DacRegisters& registers) const {
@@ -177,23 +179,15 @@ class Calibrate : public Command {
     noteDoubts(session, registers);
   }
 
-  static void noteDoubts(Session& session, const DacRegisters& registers) {
-    if (const std::string text = doubts(registers); !text.empty()) session.note(text);
-  }
-
   u8 card() const { return static_cast<u8>(slot()); }
 };
 
-class Read final : public Calibrate {
- public:
-  void describe(Form& form) override { takeSlot(form); }
+struct Read final : Calibrate {
   void carryOut(Session& session) override { show(session, read(session)); }
 };
 
-class Save final : public Calibrate {
- public:
-  void describe(Form& form) override {
-    takeSlot(form);
+struct Save final : Calibrate {
+  void describeMore(Form& form) override {
     takeFile(form, Option("file", "FILE.json", "the file to write").required(), file_, true);
   }
   void carryOut(Session& session) override {
@@ -203,18 +197,22 @@ class Save final : public Calibrate {
     noteDoubts(session, registers);
   }
 
- private:
   std::string file_;
 };
 
 // Write and restore. Nothing is sent unless the DAC's values can be read: registers that are not given keep
 // them.
-class Change : public Calibrate {
- public:
+struct Change : Calibrate {
   void carryOut(Session& session) override {
     const DacRegisters before = read(session);
     const DacRegisters wanted = changed(before);
-    demandSafePort(wanted);
+    const std::string risk = client::portRisk(wanted);
+    if (!risk.empty() && !force_) {
+      throw std::runtime_error(
+          fmt::format("slot {}: nothing was written: {}, and the card may then no longer reach the DAC; give "
+                      "other common bytes, or --force",
+                      slot() + 1, risk));
+    }
     client::writeCalibration(session.calibration(), card(), wanted);
     try {
       reportWrite(session, before, wanted, read(session));
@@ -223,34 +221,14 @@ class Change : public Calibrate {
     }
   }
 
- protected:
-  void takeForce(Form& form) {
+  void describeMore(Form& form) override {
     form.flag("--force",
               "write also what puts the DAC's serial port at risk: bits 7 to 5 of register 0x00 (data "
               "direction, bit order, software reset)",
               force_);
   }
 
- private:
   virtual DacRegisters changed(DacRegisters registers) const = 0;
-
-  void demandSafePort(const DacRegisters& wanted) const {
-    const std::string risk = client::portRisk(wanted);
-    if (risk.empty() || force_) return;
-    throw std::runtime_error(
-        fmt::format("slot {}: nothing was written: {}, and the card may then no longer reach the DAC; give "
-                    "other common bytes, or --force",
-                    slot() + 1, risk));
-  }
-
-  void demandEqual(const DacRegisters& before, const DacRegisters& wanted, const DacRegisters& after) const {
-    if (after == wanted) return;
-    const char* advice = after == before
-                             ? "the DAC has its old values: the request was lost; write again"
-                             : "read again; another client may have written, or the DAC is faulty";
-    throw std::runtime_error(fmt::format("slot {}: the DAC reads back other bytes than written:\n{}{}",
-                                         slot() + 1, differenceText(wanted, after), advice));
-  }
 
   void reportWrite(Session& session, const DacRegisters& before, const DacRegisters& wanted,
                    const DacRegisters& after) const {
@@ -260,7 +238,13 @@ class Change : public Calibrate {
                               {"read_back", calibrationJson(card(), after)},
                               {"equal", after == wanted}}));
     }
-    demandEqual(before, wanted, after);
+    if (after != wanted) {
+      throw std::runtime_error(
+          fmt::format("slot {}: the DAC reads back other bytes than written:\n{}{}", slot() + 1,
+                      differenceText(wanted, after),
+                      after == before ? "the DAC has its old values: the request was lost; write again"
+                                      : "read again; another client may have written, or the DAC is faulty"));
+    }
     if (!json) {
       session.print(fmt::format("slot {}: 13 bytes written, and the DAC reads back the same.\n{}", slot() + 1,
                                 differenceText(before, wanted)));
@@ -278,10 +262,8 @@ class Change : public Calibrate {
   bool force_ = false;
 };
 
-class Write final : public Change {
- public:
-  void describe(Form& form) override {
-    takeSlot(form);
+struct Write final : Change {
+  void describeMore(Form& form) override {
     for (std::size_t n = 0; n < client::kDacGroups.size(); ++n) {
       const client::DacGroup& group = client::kDacGroups.at(n);
       const int count = static_cast<int>(group.count);
@@ -291,7 +273,7 @@ class Write final : public Change {
                       .count(count, count),
                   groups_.at(n), parseHexByte);
     }
-    takeForce(form);
+    Change::describeMore(form);
   }
 
   void prepare(Surroundings& /*surroundings*/) override {
@@ -299,7 +281,6 @@ class Write final : public Change {
       throw WrongCall("write wants at least one of --common, --i and --q");
   }
 
- private:
   DacRegisters changed(DacRegisters registers) const override {
     for (std::size_t n = 0; n < groups_.size(); ++n)
       std::ranges::copy(groups_.at(n), bytesOf(registers, client::kDacGroups.at(n)).begin());
@@ -309,12 +290,10 @@ class Write final : public Change {
   std::array<std::vector<u8>, client::kDacGroups.size()> groups_;  // empty for a group that is not given
 };
 
-class Restore final : public Change {
- public:
-  void describe(Form& form) override {
-    takeSlot(form);
+struct Restore final : Change {
+  void describeMore(Form& form) override {
     takeFile(form, Option("file", "FILE.json", "a file that save wrote").required(), file_, false);
-    takeForce(form);
+    Change::describeMore(form);
   }
 
   void prepare(Surroundings& surroundings) override {
@@ -323,17 +302,14 @@ class Restore final : public Change {
       surroundings.notes.push_back(fmt::format("{} was not saved from slot {}", file_, slot() + 1));
   }
 
- private:
   DacRegisters changed(DacRegisters /*registers*/) const override { return saved_.registers; }
 
   std::string file_;
   SavedCalibration saved_;
 };
 
-class Watch final : public Calibrate {
- public:
-  void describe(Form& form) override {
-    takeSlot(form);
+struct Watch final : Calibrate {
+  void describeMore(Form& form) override {
     // The service takes a request every 100 ms.
     form.number(Option("--every", "S", "seconds between two looks"), every_s_, 0.1, 3600);
   }
@@ -342,7 +318,7 @@ class Watch final : public Calibrate {
     session.holdSignals(true);
     DacRegisters last = read(session);
     show(session, last);
-    for (bool answered = true; session.pause(std::chrono::milliseconds(static_cast<int>(every_s_ * 1000)));) {
+    for (bool answered = true; session.pause(milliseconds(every_s_));) {
       try {
         const DacRegisters now = read(session);
         if (!answered) session.note(timeNow() + " the service answers again");
@@ -356,7 +332,6 @@ class Watch final : public Calibrate {
     }
   }
 
- private:
   void showChange(Session& session, const DacRegisters& from, const DacRegisters& to) const {
     Json line = calibrationJson(card(), to);
     line["time"] = timeNow();
@@ -396,13 +371,13 @@ Group calibrationCommands() {
           "Exit codes: 0 done; 1 the request could not be carried out (no reply, the DAC reads back "
           "something else, values\n"
           "that need --force, file error); 2 wrong call.",
-      .commands = {{"read", "Show what the DAC holds", Needs::kCalibration, make<Read>},
-                   {"write", "Write the DAC and the EEPROM, and read the DAC back", Needs::kCalibration,
-                    make<Write>},
-                   {"save", "Save what the DAC holds to a file", Needs::kCalibration, make<Save>},
-                   {"restore", "Write what a file holds, as write does", Needs::kCalibration, make<Restore>},
-                   {"watch", "Show what the DAC holds, then each change until Ctrl-C", Needs::kCalibration,
-                    make<Watch>, true}},
+      .commands = {{"read", "Show what the DAC holds", make<Read>, Needs::kCalibration},
+                   {"write", "Write the DAC and the EEPROM, and read the DAC back", make<Write>,
+                    Needs::kCalibration},
+                   {"save", "Save what the DAC holds to a file", make<Save>, Needs::kCalibration},
+                   {"restore", "Write what a file holds, as write does", make<Restore>, Needs::kCalibration},
+                   {"watch", "Show what the DAC holds, then each change until Ctrl-C", make<Watch>,
+                    Needs::kCalibration, true}},
       .describe = describeShared};
 }
 

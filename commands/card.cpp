@@ -55,8 +55,7 @@ Json valueOf(const CardVariable& variable, const VariableValue& value) {
   return variable.kind == VariableKind::kSignedDegrees ? Json(protocol::signedDegrees(number)) : Json(number);
 }
 
-class List final : public Command {
- public:
+struct List final : Command {
   void describe(Form& form) override { takeJson(form); }
 
   void carryOut(Session& session) override {
@@ -71,8 +70,7 @@ class List final : public Command {
   }
 };
 
-class Get final : public Command {
- public:
+struct Get final : Command {
   void describe(Form& form) override {
     takeSlot(form);
     form.values(Option("variables", "ID|NAME", "what to read; all when there is none").count(1, kAny),
@@ -104,12 +102,10 @@ class Get final : public Command {
     session.print(json ? jsonText(report) : text);
   }
 
- private:
   std::vector<const CardVariable*> variables_;
 };
 
-class Set final : public Command {
- public:
+struct Set final : Command {
   void describe(Form& form) override {
     takeSlot(form);
     form.value(Option("variable", "ID|NAME", "what to set").required(), variable_, variableOf);
@@ -134,14 +130,12 @@ class Set final : public Command {
     if (!warning.empty()) session.note(warning);
   }
 
- private:
   const CardVariable* variable_ = nullptr;
   std::string text_;
   u32 value_ = 0;
 };
 
-class Mib final : public Command {
- public:
+struct Mib final : Command {
   void describe(Form& form) override {
     form.value(Option("--base", "OID", "the node that the objects are below: ten numbers with dots")
                    .byDefault(protocol::mibBaseText(protocol::kDefaultMibBase)),
@@ -153,7 +147,6 @@ class Mib final : public Command {
   }
   void carryOut(Session& session) override { session.print(mibs::mibModule(base_)); }
 
- private:
   std::vector<u32> base_{protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end()};
 };
 
@@ -176,8 +169,7 @@ std::string safe(std::string_view printed) {
   return text + base::printable(printed);
 }
 
-class CallRoutine final : public Command {
- public:
+struct CallRoutine final : Command {
   void describe(Form& form) override {
     takeSlot(form);
     form.text(Option("routine", "ROUTINE", "its name").required(), routine_);
@@ -204,7 +196,6 @@ class CallRoutine final : public Command {
     }
   }
 
- private:
   std::string routine_;
   std::vector<u32> arguments_;
   double seconds_ = 10;
@@ -220,22 +211,22 @@ Group variableCommands() {
               "  qamctl var get 1 rfreq rflevel\n"
               "  qamctl var set 1 qammode 7",
           .commands = {
-              {"list", "Show what there is and what may be set; asks no server", Needs::kNothing, make<List>},
-              {"get", "Read variables of a card", Needs::kChassis, make<Get>},
+              {"list", "Show what there is and what may be set; asks no server", make<List>, Needs::kNothing},
+              {"get", "Read variables of a card", make<Get>},
               {"set",
                "Set a variable of a card, which applies it and has it saved (a save that fails shows in the "
                "chassis's log alone)",
-               Needs::kChassis, make<Set>}}};
+               make<Set>}}};
 }
 
 Group mibCommands() {
-  return {.commands = {{"mib", "Print the MIB module of the cards' SNMP objects; asks no server",
-                        Needs::kNothing, make<Mib>}}};
+  return {.commands = {{"mib", "Print the MIB module of the cards' SNMP objects; asks no server", make<Mib>,
+                        Needs::kNothing}}};
 }
 
 Group callCommands() {
-  return {.commands = {{"call", "Run a routine of a card that is meant for a debug shell", Needs::kChassis,
-                        make<CallRoutine>}}};
+  return {
+      .commands = {{"call", "Run a routine of a card that is meant for a debug shell", make<CallRoutine>}}};
 }
 
 }  // namespace commands

@@ -37,8 +37,14 @@ void Command::saveFile(const std::string& file, std::span<const u8> bytes) {
   }
 }
 
+void ChangeCommand::describe(Form& form) {
+  takeChannel(form);
+  describeMore(form);
+  form.flag("--dry-run", "read and check everything, print what would change, and change nothing", dryRun_);
+}
+
 client::ChangeOptions ChangeCommand::optionsFor(Session& session) const {
-  client::ChangeOptions options;
+  client::ChangeOptions options{.force = force};
   const std::filesystem::path folder = session.rescueFolder();
   if (!folder.empty()) {
     const std::string name = protocol::channelName(channel());

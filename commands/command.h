@@ -44,6 +44,10 @@ class Session {
   virtual void showPanel(std::chrono::seconds patience) = 0;
 };
 
+constexpr std::chrono::milliseconds milliseconds(double seconds) {
+  return std::chrono::milliseconds(static_cast<int>(seconds * 1000));
+}
+
 // What is known before a command is carried out.
 struct Surroundings {
   std::optional<client::InputCounts> inputs;  // of source cards; nullopt: unknown
@@ -112,16 +116,19 @@ class Command {
 
 // A command that changes a channel: it plans the change, and prints the plan (--dry-run) or carries it out.
 class ChangeCommand : public Command {
+ public:
+  void describe(Form& form) final;
+
  protected:
-  void takeDryRun(Form& form) {
-    form.flag("--dry-run", "read and check everything, print what would change, and change nothing", dryRun_);
-  }
+  virtual void describeMore(Form& /*form*/) {}  // behind the channel
   // The files for what the channel holds are "pidmap-N.P.rescue.csv" and "psi-N.P.rescue.ts" in the session's
   // rescue folder. Throws client::Error if no reply arrives, std::filesystem::filesystem_error if the folder
   // cannot be created.
   client::ChangeOptions optionsFor(Session& session) const;
   // False: the change was only printed.
   bool apply(Session& session, const client::ChannelChange& change) const;
+
+  bool force = false;  // see client::ChangeOptions
 
  private:
   bool dryRun_ = false;
@@ -134,8 +141,8 @@ enum class Needs { kNothing, kChassis, kCalibration };
 struct Entry {
   const char* name;
   const char* text;
-  Needs needs;
   std::unique_ptr<Command> (*make)(Command* described);
+  Needs needs = Needs::kChassis;
   bool needsTerminal = false;  // or at least a user, who ends it
 };
 // A new command; or one with the values of a described command, which gets those of a new one.

@@ -83,9 +83,8 @@ std::string pidMapText(const Json& report) {
   std::string text = filled("Channel {channel}\n", report);
   if (report["locked"].get<bool>()) {
     text += filled(
-        "LOCKED: a load is under way, or broke off; on the air is what the router holds. When no load is "
-        "under "
-        "way any more, 'qamctl pidmap release {channel}' ends the lock\n",
+        "LOCKED: a load is under way, or broke off; on the air is what the router holds. Once no load "
+        "is under way, 'qamctl pidmap release {channel}' ends the lock\n",
         report);
   }
   if (report["announced_only"] > 0)
@@ -125,9 +124,8 @@ std::string csvOf(const client::PidMap& map, const std::optional<std::vector<cha
   return remark + client::mapFileText(entries);
 }
 
-// Load and clear: a file's map, or an empty one.
-class Replace : public ChangeCommand {
- public:
+// Clear, and the base of load: replaces the map by an empty one, or by that of a file.
+struct Replace : ChangeCommand {
   void carryOut(Session& session) override {
     client::ChangeOptions options = optionsFor(session);
     options.sources = session.inputs();
@@ -137,7 +135,6 @@ class Replace : public ChangeCommand {
                               map_.entries.size()));
   }
 
- protected:
   std::function<std::string(std::size_t)> nameOf() const {
     return [this](std::size_t entry) { return fmt::format("{} line {}", file_, map_.lines.at(entry)); };
   }
@@ -146,20 +143,9 @@ class Replace : public ChangeCommand {
   client::MapFile map_;
 };
 
-class Clear final : public Replace {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
-    takeDryRun(form);
-  }
-};
-
-class Load final : public Replace {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
+struct Load final : Replace {
+  void describeMore(Form& form) override {
     takeFile(form, Option("file", "FILE.csv", "the map, as CSV").required(), file_, false);
-    takeDryRun(form);
     form.footer(
         "The file begins with the line src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type; "
         "then an entry a line, up to 256. Slots (1 to 6) and inputs (1 to 16) count from 1; numbers are "
@@ -180,8 +166,7 @@ class Load final : public Replace {
   }
 };
 
-class Show final : public Command {
- public:
+struct Show final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeJson(form);
@@ -198,20 +183,16 @@ class Show final : public Command {
     session.print(json ? jsonText(report) : pidMapText(report));
   }
 
- private:
   bool csv_ = false;
 };
 
-class Release final : public ChangeCommand {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
+struct Release final : ChangeCommand {
+  void describeMore(Form& form) override {
     takeFile(form,
              Option("--restore", "FILE.csv", "that map: a rescue file, which is then removed, or another"),
              file_, false);
     form.flag("--empty", "no map: what the record holds goes on the air, often nothing", empty_);
     form.excludes("--empty", "--restore");
-    takeDryRun(form);
     form.footer(
         "Without --restore and --empty the map is sent that is on the air, which has lost its programme "
         "numbers and types. First make sure that no client is loading the channel.");
@@ -232,7 +213,6 @@ class Release final : public ChangeCommand {
                               protocol::channelName(channel()), change.map->size()));
   }
 
- private:
   // The rescue file has served once its map, whole, is on the air again.
   void dropServed(Session& session, const std::filesystem::path& rescue) const {
     std::error_code none;
@@ -256,12 +236,11 @@ class Release final : public ChangeCommand {
 Group pidMapCommands() {
   return {.name = "pidmap",
           .text = "Which packets of which inputs a channel carries",
-          .commands = {{"load", "Replace the map by that of a file", Needs::kChassis, make<Load>},
-                       {"show", "Read the map back from the card, and from the chassis's router",
-                        Needs::kChassis, make<Show>},
-                       {"clear", "Replace the map by an empty one", Needs::kChassis, make<Clear>},
+          .commands = {{"load", "Replace the map by that of a file", make<Load>},
+                       {"show", "Read the map back from the card, and from the chassis's router", make<Show>},
+                       {"clear", "Replace the map by an empty one", make<Replace>},
                        {"release", "End a lock that was left behind, by sending a whole map under it",
-                        Needs::kChassis, make<Release>}}};
+                        make<Release>}}};
 }
 
 }  // namespace commands

@@ -86,8 +86,7 @@ u16 streamIdOf(const std::string& text) {
   return valid(base::parseNumber<u16>(text), text, "transport_stream_id");
 }
 
-class Change : public ChangeCommand {
- protected:
+struct Change : ChangeCommand {
   // `done` is what has been done to the programme.
   void finish(Session& session, const client::ProgrammeChange& programme, const char* done) const {
     if (!apply(session, programme.change)) return;
@@ -108,11 +107,9 @@ class Change : public ChangeCommand {
   std::string service_;
 };
 
-class Add final : public Change {
- public:
-  void describe(Form& form) override {
+struct Add final : Change {
+  void describeMore(Form& form) override {
     takeJson(form);
-    takeChannel(form);
     form.value(Option("--from", "SLOT.INPUT", "the input that carries the programme").required(),
                target.input, inputOf);
     form.text(
@@ -130,7 +127,6 @@ class Add final : public Change {
         Option("--ts-id", "NUMBER", "the transport_stream_id of a channel that has neither PAT nor SDT"),
         add_.transportStreamId, streamIdOf);
     form.number(Option("--seconds", "S", "how long to wait for each table of the input"), seconds_, 0, 600);
-    takeDryRun(form);
     form.footer(
         "The PIDs of the programme are mapped to free ones of the channel, and PAT, PMT, SDT and (for a "
         "scrambled one) CAT are made to match; transport_stream_id and original_network_id stay the "
@@ -145,26 +141,21 @@ class Add final : public Change {
   void carryOut(Session& session) override {
     client::ChangeOptions options = optionsFor(session);
     options.sources = session.inputs();
-    const auto patience = std::chrono::milliseconds(static_cast<int>(seconds_ * 1000));
     finish(session,
            client::planAddProgramme(session.link(), channel(), target.input.value(), service_, add_, options,
-                                    patience),
+                                    milliseconds(seconds_)),
            "added");
   }
 
- private:
   client::AddOptions add_;
   double seconds_ = 5;
 };
 
-class Remove final : public Change {
- public:
-  void describe(Form& form) override {
+struct Remove final : Change {
+  void describeMore(Form& form) override {
     takeJson(form);
-    takeChannel(form);
     form.text(Option("service", "NAME|NUMBER", "its number on the channel, or its name").required(),
               service_);
-    takeDryRun(form);
     form.footer("Example: qamctl programme remove 1.1 News");
   }
   void carryOut(Session& session) override {
@@ -173,8 +164,7 @@ class Remove final : public Change {
   }
 };
 
-class List final : public Command {
- public:
+struct List final : Command {
   void describe(Form& form) override {
     takeJson(form);
     takeChannel(form);
@@ -189,13 +179,12 @@ class List final : public Command {
 }  // namespace
 
 Group programmeCommands() {
-  return {.name = "programme",
-          .text = "The programmes that a channel carries",
-          .commands = {{"add", "Take a programme of an input into the channel", Needs::kChassis, make<Add>},
-                       {"list", "Show the programmes, their PIDs and where these come from", Needs::kChassis,
-                        make<List>},
-                       {"remove", "Take a programme out, with every PID whose last user it was",
-                        Needs::kChassis, make<Remove>}}};
+  return {
+      .name = "programme",
+      .text = "The programmes that a channel carries",
+      .commands = {{"add", "Take a programme of an input into the channel", make<Add>},
+                   {"list", "Show the programmes, their PIDs and where these come from", make<List>},
+                   {"remove", "Take a programme out, with every PID whose last user it was", make<Remove>}}};
 }
 
 }  // namespace commands

@@ -40,10 +40,8 @@ void inAnyCase(const Work& work, const End& end) {
   if (failure) std::rethrow_exception(failure);
 }
 
-class Load final : public ChangeCommand {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
+struct Load final : ChangeCommand {
+  void describeMore(Form& form) override {
     takeFile(
         form,
         Option("file", "FILE.ts",
@@ -54,8 +52,7 @@ class Load final : public ChangeCommand {
         form,
         Option("--interval", "TABLE=TICKS", "set an interval with the tables (repeatable)").repeatable(),
         intervals_);
-    form.flag("--force", "load a locked channel too: what another client left half loaded is gone", force_);
-    takeDryRun(form);
+    form.flag("--force", "load a locked channel too: what another client left half loaded is gone", force);
   }
 
   void prepare(Surroundings& surroundings) override {
@@ -71,9 +68,9 @@ class Load final : public ChangeCommand {
   }
 
   void carryOut(Session& session) override {
-    client::ChangeOptions options = optionsFor(session);
-    options.force = force_;
-    if (!apply(session, client::planLoad(session.link(), channel(), tables_, intervals_, options))) return;
+    if (!apply(session,
+               client::planLoad(session.link(), channel(), tables_, intervals_, optionsFor(session))))
+      return;
     std::string text = fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()),
                                    client::packetsIn(tables_));
     for (const PsiType type : mpeg::kAllTables) {
@@ -83,15 +80,12 @@ class Load final : public ChangeCommand {
     session.print(text + " (sections)\n");
   }
 
- private:
   std::string file_;
   protocol::Intervals intervals_;
-  bool force_ = false;
   client::Tables tables_;
 };
 
-class Show final : public Command {
- public:
+struct Show final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeFile(form,
@@ -120,7 +114,6 @@ class Show final : public Command {
         [&] { session.print(json ? report.dump(2) + "\n" : psiText(report)); });
   }
 
- private:
   void save(const client::PsiStore& tables) const {
     const auto refuse = [&](const std::string& why) {
       throw client::Error(fmt::format("{} is not written: {}", file_, why));
@@ -135,17 +128,14 @@ class Show final : public Command {
   std::string file_;
 };
 
-class SetIntervals final : public ChangeCommand {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
+struct SetIntervals final : ChangeCommand {
+  void describeMore(Form& form) override {
     takeIntervals(form,
                   Option("intervals", "TABLE=TICKS",
                          "ticks from one section to the next, 0 to 65535; 0 stops the table")
                       .required()
                       .count(1, kAny),
                   intervals_);
-    takeDryRun(form);
     form.footer(
         "A countdown that runs is not cut short: the new interval counts from the next section on.\n"
         "An interval of 0 that comes in the middle of a section leaves that PID to the section: the other "
@@ -157,25 +147,14 @@ class SetIntervals final : public ChangeCommand {
     apply(session, client::planIntervals(session.link(), channel(), intervals_));
   }
 
- private:
   protocol::Intervals intervals_;
 };
 
-class Clear final : public ChangeCommand {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
-    form.flag("--force", "clear a locked channel too", force_);
-    takeDryRun(form);
-  }
+struct Clear final : ChangeCommand {
+  void describeMore(Form& form) override { form.flag("--force", "clear a locked channel too", force); }
   void carryOut(Session& session) override {
-    client::ChangeOptions options = optionsFor(session);
-    options.force = force_;
-    apply(session, client::planClear(session.link(), channel(), options));
+    apply(session, client::planClear(session.link(), channel(), optionsFor(session)));
   }
-
- private:
-  bool force_ = false;
 };
 
 constexpr std::chrono::milliseconds kPoll{100};
@@ -223,8 +202,7 @@ std::string foundText(const Json& found) {
   return text;
 }
 
-class Search final : public Command {
- public:
+struct Search final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     form.value(Option("pid", "PID", "0 to 0x1FFF").required(), pid_, pidOf);
@@ -258,7 +236,6 @@ class Search final : public Command {
       session.print(fmt::format("nothing of {} on PID {:#06x} within {:g} s\n", table_, pid_, seconds_));
   }
 
- private:
   void gather(Session& session) {
     mpeg::SectionGatherer gatherer([this](std::span<const u8> section) { add(section); },
                                    [](mpeg::SectionGatherer::Loss, std::optional<u8>) {});
@@ -292,15 +269,13 @@ class Search final : public Command {
 }  // namespace
 
 Group psiCommands() {
-  return {
-      .name = "psi",
-      .text = "The tables that a channel sends",
-      .commands = {
-          {"load", "Replace the tables by those of a capture", Needs::kChassis, make<Load>},
-          {"show", "Read the tables back from the card and decode them", Needs::kChassis, make<Show>},
-          {"interval", "Set intervals and have the card save them", Needs::kChassis, make<SetIntervals>},
-          {"clear", "Remove all tables", Needs::kChassis, make<Clear>},
-          {"search", "Look for a table on a PID of what the channel sends", Needs::kChassis, make<Search>}}};
+  return {.name = "psi",
+          .text = "The tables that a channel sends",
+          .commands = {{"load", "Replace the tables by those of a capture", make<Load>},
+                       {"show", "Read the tables back from the card and decode them", make<Show>},
+                       {"interval", "Set intervals and have the card save them", make<SetIntervals>},
+                       {"clear", "Remove all tables", make<Clear>},
+                       {"search", "Look for a table on a PID of what the channel sends", make<Search>}}};
 }
 
 }  // namespace commands

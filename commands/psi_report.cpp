@@ -202,35 +202,25 @@ const TableForm& formOf(PsiType type) {
 
 // --- The report
 
-// Packets of each group, in the order in which the carousel sends them. A packet before the first start is a
-// group of its own, as on the card.
-std::vector<std::size_t> groups(PsiType type, const StoredTable& table) {
-  if (type == PMT) return {table.stored};
-  std::vector<std::size_t> sizes;
+// Ticks from the first section of the table to the end of its last group's interval, if no other table delays
+// it on its PID. Each section is a group and takes the interval, or its packets' ticks if those are more; the
+// PMT list is one group. A packet before the first start is a group of its own, as on the card. nullopt for a
+// table that is stopped (interval 0) or empty.
+std::optional<std::size_t> wholeTableTicks(PsiType type, const StoredTable& table) {
+  const std::size_t interval = table.interval_ticks;
+  if (interval == 0 || table.stored == 0) return std::nullopt;
+  if (type == PMT) return std::max(interval, table.stored);
+  std::size_t ticks = 0, packets = 0;  // up to the last group, and of that group
   bool opened = false;
   for (const auto& pid : table.pids) {
     for (const mpeg::Packet& packet : pid.packets) {
       opened = opened || mpeg::startsUnit(packet);
-      if (mpeg::startsUnit(packet) || !opened)
-        sizes.push_back(1);
-      else
-        ++sizes.back();
+      if (packets > 0 && (mpeg::startsUnit(packet) || !opened))
+        ticks += std::max(interval, std::exchange(packets, 0));
+      ++packets;
     }
   }
-  return sizes;
-}
-
-// Ticks from the first section of the table to the end of its last group's interval, if no other table delays
-// it on its PID. Each section is a group and takes the interval, or its packets' ticks if those are more; the
-// PMT list is one group. nullopt for a table that is stopped (interval 0) or empty.
-std::optional<std::size_t> wholeTableTicks(PsiType type, const client::StoredTable& table);
-
-std::optional<std::size_t> wholeTableTicks(PsiType type, const StoredTable& table) {
-  if (table.interval_ticks == 0 || table.stored == 0) return std::nullopt;
-  std::size_t ticks = 0;
-  for (const std::size_t packets : groups(type, table))
-    ticks += std::max<std::size_t>(table.interval_ticks, packets);
-  return ticks;
+  return packets == 0 ? ticks : ticks + std::max(interval, packets);
 }
 
 Json sectionsOf(const StoredTable& table) {

@@ -139,15 +139,18 @@ std::string statusText(const Json& status) {
   return text.empty() ? "the chassis reports nothing\n" : text;
 }
 
-Json rfOfCard(const Json& card) {
+Json rfOf(const Json& status, std::optional<int> slot) {
   Json readouts = Json::array();
-  const Json channels = member(card, "channels");
-  for (std::size_t i = 0; channels.is_array() && i < channels.size(); ++i) {
-    const Json rf = member(channels[i], "rf");
-    if (!rf.is_object()) continue;
-    Json entry = {{"slot", member(card, "slot")}, {"channel", i + 1}};
-    entry.update(rf);
-    readouts.push_back(std::move(entry));
+  for (const Json& card : member(status, "cards")) {
+    const auto place = number(card, "slot");
+    const Json channels = member(card, "channels");
+    if (!place || (slot && *place != *slot + 1) || !channels.is_array()) continue;
+    for (std::size_t i = 0; i < channels.size(); ++i) {
+      const Json rf = member(channels[i], "rf");
+      if (!rf.is_object()) continue;
+      readouts.push_back({{"slot", member(card, "slot")}, {"channel", i + 1}});
+      readouts.back().update(rf);
+    }
   }
   return readouts;
 }
@@ -229,8 +232,7 @@ Json requiredStatus(Session& session) {
   return *std::move(status);
 }
 
-class Status final : public Command {
- public:
+struct Status final : Command {
   void describe(Form& form) override { takeJson(form); }
   void carryOut(Session& session) override {
     const Json status = requiredStatus(session);
@@ -238,8 +240,7 @@ class Status final : public Command {
   }
 };
 
-class Rates final : public Command {
- public:
+struct Rates final : Command {
   void describe(Form& form) override {
     takeJson(form);
     form.footer(
@@ -252,8 +253,7 @@ class Rates final : public Command {
   }
 };
 
-class Rf final : public Command {
- public:
+struct Rf final : Command {
   void describe(Form& form) override {
     takeSlot(form, false);
     takeJson(form);
@@ -264,27 +264,19 @@ class Rf final : public Command {
   }
 
   void carryOut(Session& session) override {
-    const Json all = readout(session);
+    const Json status = requiredStatus(session);
+    const Json all = rfOf(status, target.slot);
+    if (all.empty()) throw std::runtime_error(fmt::format("{}: {}", session.chassis(), whyNone(status)));
     if (json) return session.print(jsonText(all));
     for (const std::string& line : rfLines(all)) session.print(line + "\n");
   }
 
- private:
-  Json readout(Session& session) const {
-    const Json status = requiredStatus(session);
-    Json all = Json::array();
-    bool found = false;
+  std::string whyNone(const Json& status) const {
     for (const Json& card : member(status, "cards")) {
       const auto place = number(card, "slot");
-      if (!place || (target.slot && *place != *target.slot + 1)) continue;
-      found = true;
-      for (const Json& entry : rfOfCard(card)) all.push_back(entry);
+      if (place && (!target.slot || *place == *target.slot + 1)) return "the server reports no RF output";
     }
-    if (!all.empty()) return all;
-    const std::string why = found         ? "the server reports no RF output"
-                            : target.slot ? fmt::format("no card in slot {}", *target.slot + 1)
-                                          : "the chassis has no card";
-    throw std::runtime_error(fmt::format("{}: {}", session.chassis(), why));
+    return target.slot ? fmt::format("no card in slot {}", *target.slot + 1) : "the chassis has no card";
   }
 };
 
@@ -292,10 +284,9 @@ class Rf final : public Command {
 
 Group statusCommands() {
   return {.commands = {
-              {"status", "Show the cards of the chassis and what they send", Needs::kChassis, make<Status>},
-              {"rates", "Show the rates of each channel: input, routed, PSI, null and total", Needs::kChassis,
-               make<Rates>},
-              {"rf", "Show what goes out at the RF connectors", Needs::kChassis, make<Rf>}}};
+              {"status", "Show the cards of the chassis and what they send", make<Status>},
+              {"rates", "Show the rates of each channel: input, routed, PSI, null and total", make<Rates>},
+              {"rf", "Show what goes out at the RF connectors", make<Rf>}}};
 }
 
 }  // namespace commands

@@ -31,8 +31,9 @@ std::string faultsText(const Json& status);
 // The tick rate of the carousel from the status; nullopt if it is missing.
 std::optional<double> auxHzOf(const Json& status);
 
-// The readout of each channel of a card's status entry, each with its slot and channel.
-Json rfOfCard(const Json& card);
+// From a status object: the readouts of the channels of one slot (from 0) or of all, each with its slot and
+// channel.
+Json rfOf(const Json& status, std::optional<int> slot = {});
 
 // A readout in one line: "554.000 MHz  100.0 dBuV  64-QAM  6875 kBd (clock 6875.000)  on air".
 std::string rfLine(const Json& readout);

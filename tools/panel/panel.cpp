@@ -14,6 +14,7 @@
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
+#include <cwctype>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -28,19 +29,6 @@ namespace tools {
 namespace {
 
 // --- The terminal
-
-// A key of the panel, or a command of its own.
-enum class PanelInput : u8 {
-  kUp = chassis::kKeyUp,
-  kDown = chassis::kKeyDown,
-  kLeft = chassis::kKeyLeft,
-  kRight = chassis::kKeyRight,
-  kConfirm = chassis::kKeyConfirm,
-  kCancel = chassis::kKeyCancel,
-  kLanguage = 0x80,
-  kPixels,
-  kQuit
-};
 
 using Colour = Look::Colour;
 
@@ -72,20 +60,12 @@ void startColours() {
   init_pair(static_cast<short>(Colour::kBad), COLOR_RED, -1);
 }
 
-using Keys = std::map<wint_t, PanelInput>;
-const Keys kFunctionKeys = {{KEY_UP, PanelInput::kUp},         {KEY_DOWN, PanelInput::kDown},
-                            {KEY_LEFT, PanelInput::kLeft},     {KEY_RIGHT, PanelInput::kRight},
-                            {KEY_ENTER, PanelInput::kConfirm}, {KEY_F(10), PanelInput::kQuit}};
-const Keys kCharacterKeys = {{L'\r', PanelInput::kConfirm},  {L'\n', PanelInput::kConfirm},
-                             {kEscape, PanelInput::kCancel}, {L'l', PanelInput::kLanguage},
-                             {L'L', PanelInput::kLanguage},  {L'p', PanelInput::kPixels},
-                             {L'P', PanelInput::kPixels},    {L'q', PanelInput::kQuit},
-                             {L'Q', PanelInput::kQuit},      {kControlC, PanelInput::kQuit}};
-
-std::optional<PanelInput> find(const Keys& keys, wint_t key) {
-  const auto found = keys.find(key);
-  return found == keys.end() ? std::nullopt : std::optional(found->second);
-}
+// What the terminal gives for a key: a small letter, a character below it, or a code of ncurses.
+constexpr wint_t kLanguage = L'l', kPixels = L'p', kQuit = L'q';
+const std::map<wint_t, chassis::PanelKey> kKeys = {
+    {KEY_UP, chassis::kKeyUp},       {KEY_DOWN, chassis::kKeyDown},     {KEY_LEFT, chassis::kKeyLeft},
+    {KEY_RIGHT, chassis::kKeyRight}, {KEY_ENTER, chassis::kKeyConfirm}, {L'\r', chassis::kKeyConfirm},
+    {L'\n', chassis::kKeyConfirm},   {kEscape, chassis::kKeyCancel}};
 
 // Throws std::runtime_error if stdin and stdout are not a terminal with a positionable cursor.
 void requirePanelTerminal() {
@@ -147,17 +127,17 @@ class PanelTerminal {
     shown_ = screen;
   }
 
-  // The next key; nullopt after a timeout, a signal, or a change of the terminal's size. A closed terminal
-  // gives kQuit.
-  std::optional<PanelInput> wait(std::chrono::milliseconds time) {
+  // The next key, 0 for one without use here; nullopt after a timeout, a signal, or a change of the
+  // terminal's size. A closed terminal gives kQuit.
+  std::optional<wint_t> wait(std::chrono::milliseconds time) {
     pollfd input = {.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
     const int ready = poll(&input, 1, static_cast<int>(time.count()));
-    if (ready > 0 && (input.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return PanelInput::kQuit;
+    if (ready > 0 && (input.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) return kQuit;
     wint_t key = 0;
     const int kind = get_wch(&key);
     if (kind == ERR) return std::nullopt;
-    if (kind == OK && key != kControlL) return find(kCharacterKeys, key);
-    if (kind == KEY_CODE_YES && key != KEY_RESIZE) return find(kFunctionKeys, key);
+    if (kind == OK && key != kControlL) return key == kControlC ? kQuit : key < KEY_MIN ? towlower(key) : 0;
+    if (kind == KEY_CODE_YES && key != KEY_RESIZE) return key == KEY_F(10) ? kQuit : key;
     clearok(curscr, TRUE);
     shown_.reset();
     return std::nullopt;
@@ -198,7 +178,7 @@ class Panel {
       auto input = terminal.wait(wait_);
       wait_ = kBetweenLooks;
       for (; input; input = terminal.wait(milliseconds(0))) {
-        if (input == PanelInput::kQuit) return;
+        if (input == kQuit) return;
         if (!take(*input)) terminal.beep();
       }
       talk([this] { refresh(link_); });
@@ -219,29 +199,24 @@ class Panel {
 
   void take(const commands::Json& status) {
     state_.cards = {};
-    commands::Json readouts = commands::Json::array();
     for (const commands::Json& card : commands::member(status, "cards")) {
       const auto slot = commands::number(card, "slot");
       if (!slot || *slot < 1 || *slot > MAX_BOARD_NUM) continue;
       state_.cards[static_cast<std::size_t>(*slot) - 1] = commands::oneLine(commands::member(card, "state"));
-      for (const commands::Json& readout : commands::rfOfCard(card)) readouts.push_back(readout);
     }
-    state_.rf = commands::rfLines(readouts);
+    state_.rf = commands::rfLines(commands::rfOf(status));
   }
 
   // Returns false if the key has no effect.
-  bool take(PanelInput input) {
+  bool take(wint_t input) {
     using Language = PanelState::Language;
-    if (input == PanelInput::kLanguage) {
+    const auto key = kKeys.find(input);
+    if (input == kLanguage)
       state_.language = state_.language == Language::kEnglish ? Language::kChinese : Language::kEnglish;
-      return true;
-    }
-    if (input == PanelInput::kPixels) {
-      state_.pixels = !state_.pixels;
-      return true;
-    }
+    if (input == kPixels) state_.pixels = !state_.pixels;
+    if (key == kKeys.end()) return true;
     if (!answers_) return false;  // each key would wait for its own reply without success
-    state_.pressed = static_cast<chassis::PanelKey>(input);
+    state_.pressed = key->second;
     wait_ = kAfterKey;
     return talk([this] { client::pressKey(link_, state_.pressed); });
   }

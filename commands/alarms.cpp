@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include "client/chassis_services.h"
-#include "commands/families.h"
-#include "commands/json_fields.h"
+#include "commands/command.h"
+#include "commands/status.h"
 
 namespace commands {
 namespace {
@@ -17,18 +17,10 @@ std::string utc(u32 seconds) {
   return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time_t{seconds}));
 }
 
-// One line of JSON; `kind` is null for an alarm that stands.
-Json jsonOf(const protocol::Alarm& alarm) {
-  return {{"slot", alarm.slot + 1},
-          {"port", alarm.port + 1},
-          {"type", alarm.type},
-          {"happened", utc(alarm.happened)},
-          {"en", {{"title", alarm.enTitle}, {"text", alarm.enText}, {"trap", alarm.enTrap}}},
-          {"zh", {{"title", alarm.zhTitle}, {"text", alarm.zhText}, {"trap", alarm.zhTrap}}}};
-}
-
-std::string lineOf(const Json& json) {
-  return json.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
+// One line of JSON, with the time as a text.
+std::string lineOf(Json alarm) {
+  alarm["happened"] = utc(alarm["happened"].get<u32>());
+  return alarm.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
 // "1.1  Card1: Ch.1 Error (No Input)"
@@ -38,8 +30,7 @@ std::string textOf(const protocol::Alarm& alarm, bool zh) {
                      oneLine(zh ? alarm.zhTrap : alarm.enTrap));
 }
 
-class Alarms final : public Command {
- public:
+struct Alarms final : Command {
   void describe(Form& form) override {
     form.flag("--history", "the events of the log, oldest first", history_);
     form.flag("--follow", "then go on with each event as it comes, until interrupted", follow_);
@@ -67,14 +58,13 @@ class Alarms final : public Command {
     } else {
       const std::vector<protocol::Alarm> alarms = client::readAlarms(link);
       for (const protocol::Alarm& alarm : alarms) session.print(textOf(alarm));
-      if (alarms.empty() && !json) session.print("no alarm stands\n");
+      if (alarms.empty() && !json) session.print("no alarm is raised\n");
     }
     if (!follow_) return;
     session.holdSignals(true);
     while (session.pause(kPoll)) next = showEvents(session, next, next);
   }
 
- private:
   // The events from a number on. Returns the number of the next one, `none` where there are none.
   std::uint64_t showEvents(Session& session, std::uint64_t from, std::uint64_t none) const {
     for (const AlarmEvent& event : client::readAlarmEvents(session.link(), from)) {
@@ -85,7 +75,7 @@ class Alarms final : public Command {
   }
 
   std::string textOf(const protocol::Alarm& alarm) const {
-    if (json) return lineOf(jsonOf(alarm));
+    if (json) return lineOf(alarmJson(alarm));
     return fmt::format("{}  {}\n", utc(alarm.happened), commands::textOf(alarm, isChinese_));
   }
 
@@ -93,7 +83,7 @@ class Alarms final : public Command {
     const protocol::AlarmEventKind& kind = protocol::kindOf(event);
     if (json) {
       Json line = {{"number", event.number}, {"at", utc(event.at)}, {"event", kind.name}};
-      line.update(jsonOf(event.alarm));
+      line.update(alarmJson(event.alarm));
       return lineOf(line);
     }
     return fmt::format("{}  {}: {}\n", utc(event.at), isChinese_ ? kind.chinese : kind.english,
@@ -108,8 +98,8 @@ class Alarms final : public Command {
 }  // namespace
 
 Group alarmCommands() {
-  return {.commands = {{"alarms", "Show the alarms that stand, or what the log keeps of them",
-                        Needs::kChassis, make<Alarms>}}};
+  return {.commands = {
+              {"alarms", "Show the alarms that are raised, or what the log keeps of them", make<Alarms>}}};
 }
 
 }  // namespace commands

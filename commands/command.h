@@ -5,10 +5,12 @@
 
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/calibration.h"
@@ -42,6 +44,10 @@ class Session {
   virtual void showPanel(std::chrono::seconds patience) = 0;
 };
 
+constexpr std::chrono::milliseconds milliseconds(double seconds) {
+  return std::chrono::milliseconds(static_cast<int>(seconds * 1000));
+}
+
 // What is known before a command is carried out.
 struct Surroundings {
   std::optional<client::InputCounts> inputs;  // of source cards; nullopt: unknown
@@ -71,8 +77,6 @@ struct Shared {
 class Command {
  public:
   Command() = default;
-  Command(const Command&) = delete;
-  Command& operator=(const Command&) = delete;
   virtual ~Command() = default;
 
   virtual void describe(Form& form) = 0;
@@ -91,6 +95,9 @@ class Command {
   std::vector<FileUse> files;
 
  protected:
+  Command(Command&&) = default;
+  Command& operator=(Command&&) = default;
+
   // Values that several commands have; they are noted in `target` and `files`.
   void takeChannel(Form& form);
   void takeSlot(Form& form, bool isRequired = true);
@@ -107,6 +114,26 @@ class Command {
   double timeout_s = 0;
 };
 
+// A command that changes a channel: it plans the change, and prints the plan (--dry-run) or carries it out.
+class ChangeCommand : public Command {
+ public:
+  void describe(Form& form) final;
+
+ protected:
+  virtual void describeMore(Form& /*form*/) {}  // behind the channel
+  // The files for what the channel holds are "pidmap-N.P.rescue.csv" and "psi-N.P.rescue.ts" in the session's
+  // rescue folder. Throws client::Error if no reply arrives, std::filesystem::filesystem_error if the folder
+  // cannot be created.
+  client::ChangeOptions optionsFor(Session& session) const;
+  // False: the change was only printed.
+  bool apply(Session& session, const client::ChannelChange& change) const;
+
+  bool force = false;  // see client::ChangeOptions
+
+ private:
+  bool dryRun_ = false;
+};
+
 // The service of the chassis that a command uses.
 enum class Needs { kNothing, kChassis, kCalibration };
 
@@ -114,13 +141,15 @@ enum class Needs { kNothing, kChassis, kCalibration };
 struct Entry {
   const char* name;
   const char* text;
-  Needs needs;
-  std::unique_ptr<Command> (*make)();
+  std::unique_ptr<Command> (*make)(Command* described);
+  Needs needs = Needs::kChassis;
   bool needsTerminal = false;  // or at least a user, who ends it
 };
+// A new command; or one with the values of a described command, which gets those of a new one.
 template <typename T>
-std::unique_ptr<Command> make() {
-  return std::make_unique<T>();
+std::unique_ptr<Command> make(Command* described) {
+  if (described == nullptr) return std::make_unique<T>();
+  return std::make_unique<T>(std::exchange(static_cast<T&>(*described), T()));
 }
 
 // Commands about one subject. With a name they are called behind it: "psi load".
@@ -131,7 +160,17 @@ struct Group {
   std::vector<Entry> commands;
   void (*describe)(Form& form, Shared& shared) = nullptr;  // options of the whole group; may be null
 };
-std::span<const Group> table();
+// The groups, each in the file of its commands.
+Group alarmCommands();
+Group calibrationCommands();
+Group callCommands();
+Group mibCommands();
+Group panelCommands();
+Group pidMapCommands();
+Group programmeCommands();
+Group psiCommands();
+Group statusCommands();
+Group variableCommands();
 
 // A command that is called on a command line.
 struct Call {
@@ -144,7 +183,7 @@ class Calls {
  public:
   // All commands; those of one group, called without the group's name; or only one command.
   explicit Calls(Form& program, const std::string& group = "", const Entry* only = nullptr);
-  Call called();  // once the program's form has been parsed
+  Call called();  // each time the program's form has been parsed
 
  private:
   struct Candidate {
@@ -155,7 +194,19 @@ class Calls {
   Shared shared_;
 };
 
-// The command of a line without a program, as "psi load 1.1 FILE". Throws WrongCall.
-Call parseCall(const std::vector<std::string>& words);
+// Parses lines without a program, as "psi load 1.1 FILE". A run may have hundreds of lines, so a command is
+// described only when it is called, and once for all its calls.
+class LineParser {
+ public:
+  Call parse(const std::vector<std::string>& words);  // throws WrongCall or Help
+
+ private:
+  struct Described {
+    explicit Described(const Entry* only) : calls(form, "", only) {}
+    Form form{"", ""};
+    Calls calls;
+  };
+  std::map<const Entry*, Described> described_;
+};
 
 }  // namespace commands

@@ -2,14 +2,22 @@
 // to. The one place that uses the parsing library is form.cpp.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "platform/types.h"
+#include "base/numbers.h"
+#include "protocol/channel.h"
+
+namespace CLI {
+class App;
+}
 
 namespace commands {
 
@@ -28,33 +36,28 @@ struct Help {
 
 constexpr int kAny = 1 << 20;  // number of texts without a limit
 
-// An option ("--seconds"), or a value that is told by its place ("file").
-class Option {
- public:
-  // `type` is what the value is, for --help: "FILE.ts".
-  Option(std::string name, std::string type, std::string text)
-      : name_(std::move(name)), type_(std::move(type)), text_(std::move(text)) {}
+// An option ("--seconds"), or a value that is identified by its place ("file").
+struct Option {
+  // `valueType` is what the value is, for --help: "FILE.ts".
+  Option(std::string optionName, std::string valueType, std::string help)
+      : name(std::move(optionName)), type(std::move(valueType)), text(std::move(help)) {}
 
-  Option& required() { return set(isRequired_, true); }
-  // The number of texts behind it; 0 is for an option that may stand alone.
-  Option& count(int least, int most) { return set(least_, least).set(most_, most); }
-  Option& repeatable(int most = 1) { return set(isRepeatable_, true).set(most_, most); }
-  // Shown by --help; also the text of an option that stands alone.
-  Option& byDefault(const std::string& text) { return set(default_, text); }
-  Option& group(const std::string& heading) { return set(group_, heading); }
-  const std::string& name() const { return name_; }
-
- private:
-  friend class Form;
+  Option& required() { return set(isRequired, true); }
+  // The number of texts behind it; 0 is for an option that may be given alone.
+  Option& count(int fewest, int largest) { return set(least, fewest).set(most, largest); }
+  Option& repeatable(int largest = 1) { return set(isRepeatable, true).set(most, largest); }
+  // Shown by --help; also the text of an option that is given alone.
+  Option& byDefault(const std::string& value) { return set(defaultText, value); }
+  Option& group(const std::string& title) { return set(heading, title); }
   template <typename T>
   Option& set(T& field, const T& value) {
     field = value;
     return *this;
   }
 
-  std::string name_, type_, text_, default_{}, group_{};
-  bool isRequired_ = false, isRepeatable_ = false;
-  int least_ = 1, most_ = 1;
+  std::string name, type, text, defaultText{}, heading{};
+  bool isRequired = false, isRepeatable = false;
+  int least = 1, most = 1;
 };
 
 class Form {
@@ -63,9 +66,6 @@ class Form {
   using Take = std::function<void(const std::string& text)>;
 
   Form(const std::string& program, const std::string& text);
-  Form(Form&&) noexcept;
-  Form& operator=(Form&&) noexcept;
-  ~Form();
 
   void take(const Option& option, Take take);
   // `convert` turns a text into the field's value, or throws std::invalid_argument.
@@ -77,15 +77,13 @@ class Form {
   void values(const Option& option, std::vector<T>& field, Convert convert) {
     take(option, [&field, convert](const std::string& text) { field.push_back(convert(text)); });
   }
-  void text(const Option& option, std::string& field);
+  void text(const Option& option, std::string& field) { value(option, field, std::identity()); }
   // Numbers from `least` to `most`; the field's value is the default.
   void number(Option option, double& field, double least, double most);
   template <typename T>
   void integer(Option option, T& field, u64 least, u64 most) {
-    option.byDefault(std::to_string(field));
-    take(option, [&field, least, most](const std::string& text) {
-      field = static_cast<T>(wholeNumber(text, least, most));
-    });
+    value(option.byDefault(std::to_string(field)), field,
+          [least, most](const std::string& text) { return static_cast<T>(wholeNumber(text, least, most)); });
   }
   void flag(const std::string& name, const std::string& text, bool& field, const std::string& group = "");
   void excludes(const std::string& name, const std::string& other);
@@ -95,17 +93,40 @@ class Form {
   Form command(const std::string& name, const std::string& text);
   bool isCalled() const;
 
-  // Fills the fields from a command line without its program. Throws WrongCall or Help.
+  // Fills the fields from a command line without its program. Throws WrongCall or Help. A form may parse
+  // several lines.
   void parse(std::vector<std::string> words);
   // Splits a text as a shell does: blanks separate, quotes keep together.
   static std::vector<std::string> wordsOf(const std::string& line);
 
  private:
-  struct Parts;
-  explicit Form(std::unique_ptr<Parts> parts);
+  explicit Form(std::shared_ptr<CLI::App> app) : app_(std::move(app)) {}
   static u64 wholeNumber(const std::string& text, u64 least, u64 most);
 
-  std::unique_ptr<Parts> parts_;
+  std::shared_ptr<CLI::App> app_;  // of a command: that of the program keeps it
 };
+
+// --- Texts of a command line as values. All throw std::invalid_argument with the text and what is wanted.
+
+// "'TEXT' is no WANTED" without a value.
+template <typename T>
+T valid(std::optional<T> value, const std::string& text, const std::string& wanted) {
+  if (!value) throw std::invalid_argument(fmt::format("'{}' is no {}", text, wanted));
+  return *std::move(value);
+}
+
+inline int slotOf(const std::string& text) {
+  return valid(protocol::parseSlot(text), text, fmt::format("slot from 1 to {}", MAX_BOARD_NUM));
+}
+inline protocol::Channel channelOf(const std::string& text) {
+  return valid(protocol::parseChannel(text), text,
+               fmt::format("SLOT.CHANNEL from 1.1 to {}.{}", MAX_BOARD_NUM, MAX_QAM_OUT_NUM));
+}
+inline protocol::SourcePort inputOf(const std::string& text) {
+  return valid(protocol::parseSourcePort(text), text, "SLOT.INPUT such as 2.1");
+}
+inline u16 pidOf(const std::string& text) {
+  return valid(base::parseNumber<u16>(text, kNullPid), text, "PID from 0 to 0x1FFF");
+}
 
 }  // namespace commands

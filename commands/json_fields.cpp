@@ -1,5 +1,6 @@
 #include "commands/json_fields.h"
 
+#include <fmt/args.h>
 #include <fmt/format.h>
 
 #include "base/text.h"
@@ -29,6 +30,15 @@ std::string oneLine(const Json& value) {
 std::string whole(const Json& object, const char* key) {
   const auto value = number(object, key);
   return value ? fmt::format("{:.0f}", *value) : "?";
+}
+
+std::string filled(const char* text, const Json& object) {
+  fmt::dynamic_format_arg_store<fmt::format_context> values;
+  for (const auto& [key, value] : object.items()) {
+    if (value.is_string()) values.push_back(fmt::arg(key.c_str(), value.get<std::string>()));
+    if (value.is_number()) values.push_back(fmt::arg(key.c_str(), value.get<std::int64_t>()));
+  }
+  return fmt::vformat(text, values);
 }
 
 std::string jsonText(const Json& json) {

@@ -17,6 +17,10 @@ std::string whole(const Json& object, const char* key);  // without decimals, or
 // A text, a number, or the texts of a list, as printable text on one line; else empty.
 std::string oneLine(const Json& value);
 
+// The text with the members of an object in place of their names in braces, as "{pid:#06x}". Only texts and
+// numbers can be named.
+std::string filled(const char* text, const Json& object);
+
 // Indented lines, escaped beyond ASCII, so that no text from the chassis can control a terminal.
 std::string jsonText(const Json& json);
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "client/chassis_services.h"
-#include "commands/families.h"
+#include "commands/command.h"
 #include "commands/json_fields.h"
 
 namespace commands {
@@ -46,8 +46,7 @@ std::vector<u8> pngOf(const protocol::LcdImage& lcd) {
   return png;
 }
 
-class Lcd final : public Command {
- public:
+struct Lcd final : Command {
   void describe(Form& form) override {
     takeFile(form, Option("--png", "FILE", "save it as a picture in FILE instead"), picture_, true);
     takeJson(form);
@@ -67,21 +66,14 @@ class Lcd final : public Command {
     if (json) session.print(jsonText({{"rows", std::move(rows)}, {"inverse", std::move(characters)}}));
   }
 
- private:
   std::string picture_;
 };
 
-class Key final : public Command {
- public:
+struct Key final : Command {
   void describe(Form& form) override {
     form.values(Option("KEY", "", "up, down, left, right, ok or cancel").required().count(1, kAny), keys_,
                 [](const std::string& name) {
-                  const auto key = protocol::keyOf(name);
-                  if (!key) {
-                    throw std::invalid_argument(
-                        fmt::format("'{}' is no key: up, down, left, right, ok or cancel", name));
-                  }
-                  return *key;
+                  return valid(protocol::keyOf(name), name, "key: up, down, left, right, ok or cancel");
                 });
     form.footer("The panel takes keys as fast as its menu can; up to 64 wait for it.");
   }
@@ -93,12 +85,10 @@ class Key final : public Command {
     }
   }
 
- private:
   std::vector<chassis::PanelKey> keys_;
 };
 
-class PanelOnTerminal final : public Command {
- public:
+struct PanelOnTerminal final : Command {
   void describe(Form& form) override {
     form.integer(Option("--patience", "S", "seconds without an answer after which it ends"), patience_s_, 1,
                  86'400);
@@ -109,18 +99,16 @@ class PanelOnTerminal final : public Command {
   }
   void carryOut(Session& session) override { session.showPanel(std::chrono::seconds(patience_s_)); }
 
- private:
   unsigned patience_s_ = 30;
 };
 
 }  // namespace
 
 Group panelCommands() {
-  return {
-      .commands = {{"lcd", "Show what the front panel's LCD shows", Needs::kChassis, make<Lcd>},
-                   {"key", "Press keys of the front panel, one after the other", Needs::kChassis, make<Key>},
-                   {"panel", "Show the chassis's front panel on this terminal", Needs::kChassis,
-                    make<PanelOnTerminal>, true}}};
+  return {.commands = {{"lcd", "Show what the front panel's LCD shows", make<Lcd>},
+                       {"key", "Press keys of the front panel, one after the other", make<Key>},
+                       {"panel", "Show the chassis's front panel on this terminal", make<PanelOnTerminal>,
+                        Needs::kChassis, true}}};
 }
 
 }  // namespace commands

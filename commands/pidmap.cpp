@@ -10,8 +10,7 @@
 #include "client/chassis_services.h"
 #include "client/pid_map_change.h"
 #include "client/pid_map_file.h"
-#include "commands/change.h"
-#include "commands/families.h"
+#include "commands/command.h"
 #include "commands/json_fields.h"
 
 namespace commands {
@@ -32,9 +31,7 @@ Json sourceAndPid(const MapEntry& e) {
 
 Json entryOf(const MapEntry& e) {
   Json entry = sourceAndPid(e);
-  entry["src_programme"] = e.sourceProgramme;
-  entry["dst_programme"] = e.programme;
-  entry["type"] = e.type;
+  entry.update({{"src_programme", e.sourceProgramme}, {"dst_programme", e.programme}, {"type", e.type}});
   return entry;
 }
 
@@ -44,20 +41,15 @@ std::size_t repeatedIn(const std::vector<MapEntry>& entries) {
   return entries.size() - sources.size();
 }
 
-std::string lineOf(const Json& e) {
-  std::string line = fmt::format("  {}.{}  {:#06x} -> {:#06x}", e["src_slot"].get<u32>(),
-                                 e["src_port"].get<u32>(), e["src_pid"].get<u16>(), e["dst_pid"].get<u16>());
-  if (e.contains("type")) {
-    line += fmt::format("  programme {} -> {}, type {}", e["src_programme"].get<u16>(),
-                        e["dst_programme"].get<u16>(), e["type"].get<u16>());
-  }
-  return line + "\n";
-}
-
 std::string linesOf(const char* title, const Json& entries) {
   std::string text =
       fmt::format("{}: {} {}\n", title, entries.size(), entries.size() == 1 ? "entry" : "entries");
-  for (const Json& entry : entries) text += lineOf(entry);
+  for (const Json& entry : entries) {
+    text += filled("  {src_slot}.{src_port}  {src_pid:#06x} -> {dst_pid:#06x}", entry);
+    if (entry.contains("type"))
+      text += filled("  programme {src_programme} -> {dst_programme}, type {type}", entry);
+    text += '\n';
+  }
   return text;
 }
 
@@ -88,28 +80,22 @@ Json pidMapReport(const client::PidMap& map, const protocol::Channel& channel,
 
 // The report of pidMapReport as text lines.
 std::string pidMapText(const Json& report) {
-  const std::string channel = report["channel"];
-  std::string text = fmt::format("Channel {}\n", channel);
+  std::string text = filled("Channel {channel}\n", report);
   if (report["locked"].get<bool>()) {
-    text += fmt::format(
-        "LOCKED: a load is under way, or broke off; on the air is what the router holds. When nobody is at "
-        "work any more, 'qamctl pidmap release {}' ends the lock\n",
-        channel);
+    text += filled(
+        "LOCKED: a load is under way, or broke off; on the air is what the router holds. Once no load "
+        "is under way, 'qamctl pidmap release {channel}' ends the lock\n",
+        report);
   }
-  if (const auto blank = report["announced_only"].get<std::size_t>(); blank > 0) {
-    text += fmt::format("{} more entries of the record were announced and never came\n", blank);
-  }
+  if (report["announced_only"] > 0)
+    text += filled("{announced_only} more entries of the record were announced and never received\n", report);
   text += linesOf("record", report["record"]);
-  const Json& router = report["router"];
-  if (router.is_null()) return text + "router: the chassis does not tell\n";
-  if (report["router_holds_record"].get<bool>()) {
-    text += "router: holds the record\n";
-  } else {
-    text += linesOf("router, ANOTHER MAP than the record", router);
-  }
-  if (const auto repeated = report["repeated"].get<std::size_t>(); repeated > 0) {
-    text += fmt::format("{} of the router's positions repeat a source: it takes the first\n", repeated);
-  }
+  if (report["router"].is_null()) return text + "router: the chassis does not report it\n";
+  text += report["router_holds_record"].get<bool>()
+              ? "router: holds the record\n"
+              : linesOf("router, ANOTHER MAP than the record", report["router"]);
+  if (report["repeated"] > 0)
+    text += filled("{repeated} of the router's positions repeat a source: it takes the first\n", report);
   return text;
 }
 
@@ -138,9 +124,8 @@ std::string csvOf(const client::PidMap& map, const std::optional<std::vector<cha
   return remark + client::mapFileText(entries);
 }
 
-// Load and clear: a file's map, or an empty one.
-class Replace : public ChangeCommand {
- public:
+// Clear, and the base of load: replaces the map by an empty one, or by that of a file.
+struct Replace : ChangeCommand {
   void carryOut(Session& session) override {
     client::ChangeOptions options = optionsFor(session);
     options.sources = session.inputs();
@@ -150,7 +135,6 @@ class Replace : public ChangeCommand {
                               map_.entries.size()));
   }
 
- protected:
   std::function<std::string(std::size_t)> nameOf() const {
     return [this](std::size_t entry) { return fmt::format("{} line {}", file_, map_.lines.at(entry)); };
   }
@@ -159,20 +143,9 @@ class Replace : public ChangeCommand {
   client::MapFile map_;
 };
 
-class Clear final : public Replace {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
-    takeDryRun(form);
-  }
-};
-
-class Load final : public Replace {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
+struct Load final : Replace {
+  void describeMore(Form& form) override {
     takeFile(form, Option("file", "FILE.csv", "the map, as CSV").required(), file_, false);
-    takeDryRun(form);
     form.footer(
         "The file begins with the line src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type; "
         "then an entry a line, up to 256. Slots (1 to 6) and inputs (1 to 16) count from 1; numbers are "
@@ -193,8 +166,7 @@ class Load final : public Replace {
   }
 };
 
-class Show final : public Command {
- public:
+struct Show final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeJson(form);
@@ -211,23 +183,19 @@ class Show final : public Command {
     session.print(json ? jsonText(report) : pidMapText(report));
   }
 
- private:
   bool csv_ = false;
 };
 
-class Release final : public ChangeCommand {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
+struct Release final : ChangeCommand {
+  void describeMore(Form& form) override {
     takeFile(form,
              Option("--restore", "FILE.csv", "that map: a rescue file, which is then removed, or another"),
              file_, false);
-    form.flag("--empty", "no map: what stands in the record goes on the air, often nothing", empty_);
+    form.flag("--empty", "no map: what the record holds goes on the air, often nothing", empty_);
     form.excludes("--empty", "--restore");
-    takeDryRun(form);
     form.footer(
         "Without --restore and --empty the map is sent that is on the air, which has lost its programme "
-        "numbers and types. First make sure that nobody is loading the channel.");
+        "numbers and types. First make sure that no client is loading the channel.");
   }
 
   void prepare(Surroundings& /*surroundings*/) override {
@@ -245,7 +213,6 @@ class Release final : public ChangeCommand {
                               protocol::channelName(channel()), change.map->size()));
   }
 
- private:
   // The rescue file has served once its map, whole, is on the air again.
   void dropServed(Session& session, const std::filesystem::path& rescue) const {
     std::error_code none;
@@ -269,12 +236,11 @@ class Release final : public ChangeCommand {
 Group pidMapCommands() {
   return {.name = "pidmap",
           .text = "Which packets of which inputs a channel carries",
-          .commands = {{"load", "Replace the map by that of a file", Needs::kChassis, make<Load>},
-                       {"show", "Read the map back from the card, and from the chassis's router",
-                        Needs::kChassis, make<Show>},
-                       {"clear", "Replace the map by an empty one", Needs::kChassis, make<Clear>},
+          .commands = {{"load", "Replace the map by that of a file", make<Load>},
+                       {"show", "Read the map back from the card, and from the chassis's router", make<Show>},
+                       {"clear", "Replace the map by an empty one", make<Replace>},
                        {"release", "End a lock that was left behind, by sending a whole map under it",
-                        Needs::kChassis, make<Release>}}};
+                        make<Release>}}};
 }
 
 }  // namespace commands

@@ -4,10 +4,8 @@
 #include <vector>
 
 #include "client/programme.h"
-#include "commands/change.h"
-#include "commands/families.h"
+#include "commands/command.h"
 #include "commands/json_fields.h"
-#include "commands/values.h"
 
 namespace commands {
 namespace {
@@ -25,32 +23,25 @@ Json sourceOf(const client::ProgrammePid& pid) {
 Json pidReport(const client::ProgrammePid& pid) {
   using Use = client::PidField::Use;
   Json report = {{"pid", pid.pid}};
-  switch (pid.field.use) {
-    case Use::kStream:
-      report["use"] = "stream";
-      report["stream_type"] = pid.field.streamType;
-      break;
-    case Use::kPcr:
-      report["use"] = "pcr";
-      break;
-    case Use::kCa:
-      report["use"] = "ca";
-      report["ca_system"] = pid.field.caSystem;
-      break;
-  }
+  if (pid.field.use == Use::kStream)
+    report.update({{"use", "stream"}, {"stream_type", pid.field.streamType}});
+  else if (pid.field.use == Use::kCa)
+    report.update({{"use", "ca"}, {"ca_system", pid.field.caSystem}});
+  else
+    report["use"] = "pcr";
   report["source"] = sourceOf(pid);
   return report;
 }
 
 std::string pidText(const Json& pid) {
-  std::string use = pid["use"].get<std::string>();
-  if (pid.contains("stream_type")) use += fmt::format(" {:#04x}", pid["stream_type"].get<int>());
-  if (pid.contains("ca_system")) use += fmt::format(" {:#06x}", pid["ca_system"].get<int>());
+  const char* use = pid.contains("stream_type") ? "{use} {stream_type:#04x}"
+                    : pid.contains("ca_system") ? "{use} {ca_system:#06x}"
+                                                : "{use}";
   const Json& source = pid["source"];
-  return fmt::format("    {:#06x} {:<12} {}\n", pid["pid"].get<int>(), use,
-                     source.is_null() ? "from nowhere: the PID map has no entry for it"
-                                      : fmt::format("from {}.{} PID {:#06x}", source["slot"].get<int>(),
-                                                    source["input"].get<int>(), source["pid"].get<int>()));
+  return filled("    {pid:#06x} ", pid) +
+         fmt::format("{:<12} {}\n", filled(use, pid),
+                     source.is_null() ? "without a source: the PID map has no entry for it"
+                                      : filled("from {slot}.{input} PID {pid:#06x}", source));
 }
 
 // An object with channel and programmes: a list of objects with number, name, pmt_pid, pcr_pid (null for
@@ -75,65 +66,50 @@ Json programmeReport(const protocol::Channel& channel, const std::vector<client:
 std::string programmeText(const Json& report) {
   std::string text;
   for (const Json& programme : report["programmes"]) {
-    const Json& pcr = programme["pcr_pid"];
-    text += fmt::format("{} '{}': PMT PID {:#06x}{}, {}\n", programme["number"].get<int>(),
-                        programme["name"].get<std::string>(), programme["pmt_pid"].get<int>(),
-                        programme["has_pmt"].get<bool>() ? "" : ", which the channel does not store",
-                        pcr.is_null() ? "no PCR" : fmt::format("PCR PID {:#06x}", pcr.get<int>()));
+    text += filled("{number} '{name}': PMT PID {pmt_pid:#06x}", programme) +
+            (programme["has_pmt"].get<bool>() ? "" : ", which the channel does not store") +
+            filled(programme["pcr_pid"].is_null() ? ", no PCR\n" : ", PCR PID {pcr_pid:#06x}\n", programme);
     for (const Json& pid : programme["pids"]) text += pidText(pid);
   }
-  return text.empty() ? fmt::format("channel {} has no programmes\n", report["channel"].get<std::string>())
-                      : text;
+  return text.empty() ? filled("channel {channel} has no programmes\n", report) : text;
 }
 
 // ---- The commands
 
 u16 baseOf(const std::string& text) {
-  const auto pid = base::parseNumber<u16>(text, kNullPid);
-  if (!pid || mpeg::isReservedPid(*pid)) {
-    throw std::invalid_argument(
-        fmt::format("'{}' is no PID from 0x20 to 0x1FFE, which programmes may have", text));
-  }
-  return *pid;
+  auto pid = base::parseNumber<u16>(text, kNullPid);
+  if (pid && mpeg::isReservedPid(*pid)) pid.reset();
+  return valid(pid, text, "PID from 0x20 to 0x1FFE, which programmes may have");
 }
 
 u16 streamIdOf(const std::string& text) {
-  const auto id = base::parseNumber<u16>(text);
-  if (!id) throw std::invalid_argument(fmt::format("'{}' is no transport_stream_id", text));
-  return *id;
+  return valid(base::parseNumber<u16>(text), text, "transport_stream_id");
 }
 
-class Change : public ChangeCommand {
- protected:
+struct Change : ChangeCommand {
+  // `done` is what has been done to the programme.
   void finish(Session& session, const client::ProgrammeChange& programme, const char* done) const {
-    if (apply(session, programme.change)) report(session, programme.plan, done);
+    if (!apply(session, programme.change)) return;
+    const client::ProgrammePlan& plan = programme.plan;
+    for (const std::string& note : plan.notes) session.note(note);
+    const Json report = {{"channel", protocol::channelName(channel())},
+                         {"number", plan.number},
+                         {"name", plan.name},
+                         {"pmt_pid", plan.pmtPid},
+                         {"map_entries", plan.map.size()},
+                         {"notes", plan.notes}};
+    session.print(
+        json ? jsonText(report)
+             : filled("Channel {channel}: programme {number} '{name}' ", report) + done +
+                   filled(" (PMT PID {pmt_pid:#06x}); the PID map has {map_entries} entries\n", report));
   }
 
   std::string service_;
-
- private:
-  void report(Session& session, const client::ProgrammePlan& plan, const char* done) const {
-    for (const std::string& note : plan.notes) session.note(note);
-    const std::string name = protocol::channelName(channel());
-    if (json) {
-      return session.print(jsonText({{"channel", name},
-                                     {"number", plan.number},
-                                     {"name", plan.name},
-                                     {"pmt_pid", plan.pmtPid},
-                                     {"map_entries", plan.map.size()},
-                                     {"notes", plan.notes}}));
-    }
-    session.print(
-        fmt::format("Channel {}: programme {} '{}' {} (PMT PID {:#06x}); the PID map has {} entries\n", name,
-                    plan.number, plan.name, done, plan.pmtPid, plan.map.size()));
-  }
 };
 
-class Add final : public Change {
- public:
-  void describe(Form& form) override {
+struct Add final : Change {
+  void describeMore(Form& form) override {
     takeJson(form);
-    takeChannel(form);
     form.value(Option("--from", "SLOT.INPUT", "the input that carries the programme").required(),
                target.input, inputOf);
     form.text(
@@ -151,7 +127,6 @@ class Add final : public Change {
         Option("--ts-id", "NUMBER", "the transport_stream_id of a channel that has neither PAT nor SDT"),
         add_.transportStreamId, streamIdOf);
     form.number(Option("--seconds", "S", "how long to wait for each table of the input"), seconds_, 0, 600);
-    takeDryRun(form);
     form.footer(
         "The PIDs of the programme are mapped to free ones of the channel, and PAT, PMT, SDT and (for a "
         "scrambled one) CAT are made to match; transport_stream_id and original_network_id stay the "
@@ -166,26 +141,21 @@ class Add final : public Change {
   void carryOut(Session& session) override {
     client::ChangeOptions options = optionsFor(session);
     options.sources = session.inputs();
-    const auto patience = std::chrono::milliseconds(static_cast<int>(seconds_ * 1000));
     finish(session,
            client::planAddProgramme(session.link(), channel(), target.input.value(), service_, add_, options,
-                                    patience),
+                                    milliseconds(seconds_)),
            "added");
   }
 
- private:
   client::AddOptions add_;
   double seconds_ = 5;
 };
 
-class Remove final : public Change {
- public:
-  void describe(Form& form) override {
+struct Remove final : Change {
+  void describeMore(Form& form) override {
     takeJson(form);
-    takeChannel(form);
     form.text(Option("service", "NAME|NUMBER", "its number on the channel, or its name").required(),
               service_);
-    takeDryRun(form);
     form.footer("Example: qamctl programme remove 1.1 News");
   }
   void carryOut(Session& session) override {
@@ -194,8 +164,7 @@ class Remove final : public Change {
   }
 };
 
-class List final : public Command {
- public:
+struct List final : Command {
   void describe(Form& form) override {
     takeJson(form);
     takeChannel(form);
@@ -210,13 +179,12 @@ class List final : public Command {
 }  // namespace
 
 Group programmeCommands() {
-  return {.name = "programme",
-          .text = "The programmes that a channel carries",
-          .commands = {{"add", "Take a programme of an input into the channel", Needs::kChassis, make<Add>},
-                       {"list", "Show the programmes, their PIDs and where these come from", Needs::kChassis,
-                        make<List>},
-                       {"remove", "Take a programme out, with every PID whose last user it was",
-                        Needs::kChassis, make<Remove>}}};
+  return {
+      .name = "programme",
+      .text = "The programmes that a channel carries",
+      .commands = {{"add", "Take a programme of an input into the channel", make<Add>},
+                   {"list", "Show the programmes, their PIDs and where these come from", make<List>},
+                   {"remove", "Take a programme out, with every PID whose last user it was", make<Remove>}}};
 }
 
 }  // namespace commands

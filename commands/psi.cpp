@@ -1,50 +1,61 @@
-// psi: loads, shows and clears the tables of a channel, and sets their intervals.
+// psi: loads, shows and clears the tables of a channel, sets their intervals, and has a card search for a
+// table in what a channel sends.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 #include <vector>
 
+#include "client/chassis_services.h"
 #include "client/psi_capture.h"
 #include "client/psi_change.h"
-#include "commands/change.h"
-#include "commands/families.h"
+#include "commands/command.h"
 #include "commands/psi_report.h"
-#include "commands/status_report.h"
+#include "commands/status.h"
+#include "mpeg/section_gatherer.h"
 
 namespace commands {
 namespace {
 
-using Interval = std::pair<PsiType, u32>;
-
-protocol::Intervals together(const std::vector<Interval>& texts) {
-  protocol::Intervals intervals;
-  for (const auto& [type, ticks] : texts) {
+void takeIntervals(Form& form, const Option& option, protocol::Intervals& intervals) {
+  form.take(option, [&intervals](const std::string& text) {
+    const auto [type, ticks] = protocol::parseInterval(text);
     if (!intervals.emplace(type, ticks).second)
-      throw WrongCall(fmt::format("{} has two intervals", mpeg::tableName(type)));
-  }
-  return intervals;
+      throw std::invalid_argument(fmt::format("{} has two intervals", mpeg::tableName(type)));
+  });
 }
 
-class Load final : public ChangeCommand {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
+// Does `work`, then `end` in any case.
+template <typename Work, typename End>
+void inAnyCase(const Work& work, const End& end) {
+  std::exception_ptr failure;
+  try {
+    work();
+  } catch (const std::exception&) {
+    failure = std::current_exception();
+  }
+  end();
+  if (failure) std::rethrow_exception(failure);
+}
+
+struct Load final : ChangeCommand {
+  void describeMore(Form& form) override {
     takeFile(
         form,
         Option("file", "FILE.ts",
                "a capture; its PAT, PMT, SDT, NIT, BAT and CAT are loaded, and what is left out is named")
             .required(),
         file_, false);
-    form.values(
+    takeIntervals(
+        form,
         Option("--interval", "TABLE=TICKS", "set an interval with the tables (repeatable)").repeatable(),
-        intervals_, protocol::parseInterval);
-    form.flag("--force", "load a locked channel too: what another client left half loaded is gone", force_);
-    takeDryRun(form);
+        intervals_);
+    form.flag("--force", "load a locked channel too: what another client left half loaded is gone", force);
   }
 
   void prepare(Surroundings& surroundings) override {
-    together(intervals_);
     const client::Capture capture = client::readCapture(std::filesystem::path(file_));
     for (const client::Note& note : capture.notes)
       surroundings.notes.push_back(fmt::format("{}: {}", file_, note.text));
@@ -57,9 +68,8 @@ class Load final : public ChangeCommand {
   }
 
   void carryOut(Session& session) override {
-    client::ChangeOptions options = optionsFor(session);
-    options.force = force_;
-    if (!apply(session, client::planLoad(session.link(), channel(), tables_, together(intervals_), options)))
+    if (!apply(session,
+               client::planLoad(session.link(), channel(), tables_, intervals_, optionsFor(session))))
       return;
     std::string text = fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()),
                                    client::packetsIn(tables_));
@@ -70,15 +80,12 @@ class Load final : public ChangeCommand {
     session.print(text + " (sections)\n");
   }
 
- private:
   std::string file_;
-  std::vector<Interval> intervals_;
-  bool force_ = false;
+  protocol::Intervals intervals_;
   client::Tables tables_;
 };
 
-class Show final : public Command {
- public:
+struct Show final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeFile(form,
@@ -100,17 +107,13 @@ class Show final : public Command {
     session.progress("");
     const auto status = statusOf(session.link());
     const Json report = psiReport(tables, channel(), status ? auxHzOf(*status) : std::nullopt);
-    std::exception_ptr failure;
-    try {
-      if (!file_.empty()) save(tables);
-    } catch (const std::exception&) {
-      failure = std::current_exception();
-    }
-    session.print(json ? report.dump(2) + "\n" : psiText(report));
-    if (failure) std::rethrow_exception(failure);
+    inAnyCase(
+        [&] {
+          if (!file_.empty()) save(tables);
+        },
+        [&] { session.print(json ? report.dump(2) + "\n" : psiText(report)); });
   }
 
- private:
   void save(const client::PsiStore& tables) const {
     const auto refuse = [&](const std::string& why) {
       throw client::Error(fmt::format("{} is not written: {}", file_, why));
@@ -125,16 +128,14 @@ class Show final : public Command {
   std::string file_;
 };
 
-class SetIntervals final : public ChangeCommand {
- public:
-  void describe(Form& form) override {
-    takeChannel(form);
-    form.values(Option("intervals", "TABLE=TICKS",
-                       "ticks from one section to the next, 0 to 65535; 0 stops the table")
-                    .required()
-                    .count(1, kAny),
-                intervals_, protocol::parseInterval);
-    takeDryRun(form);
+struct SetIntervals final : ChangeCommand {
+  void describeMore(Form& form) override {
+    takeIntervals(form,
+                  Option("intervals", "TABLE=TICKS",
+                         "ticks from one section to the next, 0 to 65535; 0 stops the table")
+                      .required()
+                      .count(1, kAny),
+                  intervals_);
     form.footer(
         "A countdown that runs is not cut short: the new interval counts from the next section on.\n"
         "An interval of 0 that comes in the middle of a section leaves that PID to the section: the other "
@@ -142,45 +143,139 @@ class SetIntervals final : public ChangeCommand {
         "next load or clear.");
   }
 
-  void prepare(Surroundings& /*surroundings*/) override { together(intervals_); }
   void carryOut(Session& session) override {
-    apply(session, client::planIntervals(session.link(), channel(), together(intervals_)));
+    apply(session, client::planIntervals(session.link(), channel(), intervals_));
   }
 
- private:
-  std::vector<Interval> intervals_;
+  protocol::Intervals intervals_;
 };
 
-class Clear final : public ChangeCommand {
- public:
+struct Clear final : ChangeCommand {
+  void describeMore(Form& form) override { form.flag("--force", "clear a locked channel too", force); }
+  void carryOut(Session& session) override {
+    apply(session, client::planClear(session.link(), channel(), optionsFor(session)));
+  }
+};
+
+constexpr std::chrono::milliseconds kPoll{100};
+
+u8 tableIdOf(const std::string& text) {
+  if (const auto type = mpeg::tableOfName(text)) return mpeg::tableId(*type);
+  return valid(base::parseNumber<u8>(text), text, "table's name, nor a table_id");
+}
+
+struct Found {
+  base::Bytes section;
+  std::size_t count = 1;  // how often it came
+};
+
+Json foundReport(u16 pid, const Found& found) {
+  const mpeg::Section section{.pid = pid, .bytes = found.section};
+  const base::Bytes& b = section.bytes;
+  const bool isLong = (b[1] & 0x80) != 0 && b.size() >= mpeg::kSectionHeaderSize + mpeg::kCrcSize;
+  const bool isGood = isLong && mpeg::crc32(b) == 0;
+  Json report = {{"pid", pid}, {"table_id", b[0]}, {"table", mpeg::nameOfTableId(b[0])}};
+  if (isLong) {
+    report.update({{"extension", section.extension()},
+                   {"version", section.version()},
+                   {"section", section.number()},
+                   {"last_section", section.lastNumber()},
+                   {"crc_good", isGood}});
+  }
+  report.update({{"seen", found.count},
+                 {"bytes", fmt::format("{:02x}", fmt::join(b, ""))},
+                 {"content", isGood && mpeg::tableOfId(b[0]) ? decodeSection(section) : Json()}});
+  return report;
+}
+
+std::string foundText(const Json& found) {
+  std::string text = filled("{table} on PID {pid:#06x}", found);
+  if (found.contains("extension")) {
+    text += filled(", extension {extension}, version {version}, section {section} of {last_section}", found) +
+            (found["crc_good"].get<bool>() ? "" : ", CRC WRONG");
+  }
+  text += filled(found["seen"] == 1 ? ", seen {seen} time\n" : ", seen {seen} times\n", found);
+  const std::string bytes = found["bytes"];
+  constexpr std::size_t kLine = 64;
+  for (std::size_t at = 0; at < bytes.size(); at += kLine) text += "  " + bytes.substr(at, kLine) + "\n";
+  if (!found["content"].is_null()) text += "  " + found["content"].dump() + "\n";
+  return text;
+}
+
+struct Search final : Command {
   void describe(Form& form) override {
     takeChannel(form);
-    form.flag("--force", "clear a locked channel too", force_);
-    takeDryRun(form);
-  }
-  void carryOut(Session& session) override {
-    client::ChangeOptions options = optionsFor(session);
-    options.force = force_;
-    apply(session, client::planClear(session.link(), channel(), options));
+    form.value(Option("pid", "PID", "0 to 0x1FFF").required(), pid_, pidOf);
+    form.take(Option("table", "TABLE", "PAT, PMT, SDT_C, ..., or a table_id such as 0x4E").required(),
+              [this](const std::string& text) {
+                tableId_ = tableIdOf(text);
+                table_ = text;
+              });
+    form.number(Option("--seconds", "S", "how long to look"), seconds_, 0.001, 1e6);
+    takeJson(form);
+    form.footer(
+        "Each section is shown once, with how often it came. A card has one search: another one on it, of "
+        "either channel, takes over. The search is ended at the end, and by an interrupt too.\n"
+        "\nExample: qamctl psi search 1.1 0x12 0x4E --seconds 10");
   }
 
- private:
-  bool force_ = false;
+  // The card's search is ended in any case: signals wait until then.
+  void carryOut(Session& session) override {
+    session.holdSignals(true);
+    client::search(session.link(), channel(), pid_, tableId_, true);
+    inAnyCase([&] { gather(session); },
+              [&] {
+                client::search(session.link(), channel(), pid_, tableId_, false);
+                session.holdSignals(false);
+              });
+    Json report = Json::array();
+    for (const Found& each : found_) report.push_back(foundReport(pid_, each));
+    if (json) return session.print(jsonText(report));
+    for (const Json& each : report) session.print(foundText(each));
+    if (found_.empty())
+      session.print(fmt::format("nothing of {} on PID {:#06x} within {:g} s\n", table_, pid_, seconds_));
+  }
+
+  void gather(Session& session) {
+    mpeg::SectionGatherer gatherer([this](std::span<const u8> section) { add(section); },
+                                   [](mpeg::SectionGatherer::Loss, std::optional<u8>) {});
+    const std::chrono::duration<double> time(seconds_);
+    for (std::chrono::duration<double> waited(0); waited < time; waited += kPoll) {
+      for (auto packets = client::searched(session.link(), channel()); !packets.empty();
+           packets = client::searched(session.link(), channel())) {
+        for (const mpeg::Packet& packet : packets) gatherer.push(packet);
+      }
+      if (!session.pause(kPoll)) return;
+    }
+  }
+
+  void add(std::span<const u8> bytes) {
+    if (bytes[0] != tableId_) return;
+    base::Bytes section(bytes.begin(), bytes.end());
+    const auto known = std::ranges::find(found_, section, &Found::section);
+    if (known != found_.end())
+      ++known->count;
+    else
+      found_.push_back({.section = std::move(section)});
+  }
+
+  u16 pid_ = 0;
+  u8 tableId_ = 0;
+  std::string table_;
+  double seconds_ = 5;
+  std::vector<Found> found_;  // in order of arrival
 };
 
 }  // namespace
 
 Group psiCommands() {
-  return {
-      .name = "psi",
-      .text = "The tables that a channel sends",
-      .footer = "",
-      .commands = {
-          {"load", "Replace the tables by those of a capture", Needs::kChassis, make<Load>},
-          {"show", "Read the tables back from the card and decode them", Needs::kChassis, make<Show>},
-          {"interval", "Set intervals and have the card save them", Needs::kChassis, make<SetIntervals>},
-          {"clear", "Remove all tables", Needs::kChassis, make<Clear>},
-          {"search", "Look for a table on a PID of what the channel sends", Needs::kChassis, makeSearch}}};
+  return {.name = "psi",
+          .text = "The tables that a channel sends",
+          .commands = {{"load", "Replace the tables by those of a capture", make<Load>},
+                       {"show", "Read the tables back from the card and decode them", make<Show>},
+                       {"interval", "Set intervals and have the card save them", make<SetIntervals>},
+                       {"clear", "Remove all tables", make<Clear>},
+                       {"search", "Look for a table on a PID of what the channel sends", make<Search>}}};
 }
 
 }  // namespace commands

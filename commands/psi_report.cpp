@@ -3,80 +3,259 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
+#include <map>
+#include <span>
+#include <stdexcept>
 
 #include "client/psi_capture.h"
-#include "commands/psi_decode.h"
+#include "mpeg/dvb_text.h"
+#include "platform/wire.h"
 
 namespace commands {
 namespace {
 
-using client::PsiStore;
 using client::StoredTable;
-using mpeg::Packet;
 using mpeg::Section;
 
-// Packets of each group, in the order in which the carousel sends them. A packet before the first start is a
-// group of its own, as on the card.
-std::vector<std::size_t> groups(PsiType type, const StoredTable& table) {
-  std::vector<std::size_t> sizes;
-  if (type == PMT) {
-    if (table.stored > 0) sizes.push_back(table.stored);
-    return sizes;
+// --- The content of a section
+
+constexpr u8 kCaTag = 0x09;
+constexpr u8 kLanguageTag = 0x0A;
+constexpr u8 kNetworkNameTag = 0x40;
+constexpr u8 kBouquetNameTag = 0x47;
+constexpr u8 kServiceTag = 0x48;
+
+using Bytes = std::span<const u8>;
+using Descriptors = std::vector<std::pair<u8, Bytes>>;  // tag and content
+
+// Reads the fields of a section's body one after the other. Throws std::out_of_range where there is no room
+// for a field.
+class Fields {
+ public:
+  explicit Fields(Bytes bytes) : rest_(bytes) {}
+
+  bool atEnd() const { return rest_.empty(); }
+  std::size_t size() const { return rest_.size(); }
+  Bytes bytes(std::size_t size) {
+    if (size > rest_.size()) throw std::out_of_range("a length is larger than the rest of the section");
+    const Bytes taken = rest_.first(size);
+    rest_ = rest_.subspan(size);
+    return taken;
   }
-  bool opened = false;
-  for (const auto& pid : table.pids) {
-    for (const Packet& packet : pid.packets) {
-      opened = opened || mpeg::startsUnit(packet);
-      if (mpeg::startsUnit(packet) || !opened)
-        sizes.push_back(1);
-      else
-        ++sizes.back();
+  u8 number8() { return bytes(1)[0]; }
+  u16 number16() { return wire::get16(bytes(2).data()); }
+  u16 pid() { return number16() & 0x1FFF; }
+  std::string text(std::size_t size) { return mpeg::dvbText(bytes(size)); }
+  Fields loop() { return Fields(bytes(number16() & 0x0FFFu)); }  // after its 12-bit length
+  Descriptors descriptors() {                                    // up to the end
+    Descriptors all;
+    while (!atEnd()) {
+      const u8 tag = number8();
+      all.emplace_back(tag, bytes(number8()));
+    }
+    return all;
+  }
+
+ private:
+  Bytes rest_;
+};
+
+// Calls `take` with the content of each descriptor of a tag; content that is too short for it is left out.
+template <typename Take>
+void forEach(const Descriptors& descriptors, u8 tag, const Take& take) {
+  for (const auto& [each, content] : descriptors) {
+    try {
+      if (each == tag) take(Fields(content));
+    } catch (const std::out_of_range&) {
+      continue;
     }
   }
-  return sizes;
 }
 
-std::size_t packetsOf(const Section& section) {
-  std::vector<Packet> packets;
-  u8 counter = 0;
-  mpeg::packSection(section, counter, packets);
-  return packets.size();
+Json caSystems(const Descriptors& descriptors) {
+  Json systems = Json::array();
+  forEach(descriptors, kCaTag, [&](Fields ca) {
+    systems.push_back({{"system_id", ca.number16()}, {"pid", ca.pid()}});
+  });
+  return systems;
+}
+
+Json patContent(u16 extension, Fields body) {
+  Json content = {{"transport_stream_id", extension}};
+  Json programmes = Json::array();
+  while (!body.atEnd()) {
+    const u16 number = body.number16();
+    const u16 pid = body.pid();
+    if (number == 0)
+      content["network_pid"] = pid;
+    else
+      programmes.push_back({{"number", number}, {"pid", pid}});
+  }
+  content["programmes"] = std::move(programmes);
+  return content;
+}
+
+Json catContent(u16 /*extension*/, Fields body) {
+  Json content;
+  content["ca_systems"] = caSystems(body.descriptors());
+  return content;
+}
+
+const char* streamKind(u8 type) {
+  static const std::map<u8, const char*> kKinds = {
+      {0x01, "MPEG-2 video"}, {0x02, "MPEG-2 video"},     {0x03, "MPEG audio"},  {0x04, "MPEG audio"},
+      {0x06, "private data"}, {0x05, "private sections"}, {0x0B, "DSM-CC"},      {0x0F, "AAC audio"},
+      {0x11, "AAC audio"},    {0x10, "MPEG-4 video"},     {0x1B, "H.264 video"}, {0x24, "H.265 video"},
+      {0x42, "AVS video"},    {0x81, "AC-3 audio"}};
+  const auto found = kKinds.find(type);
+  return found == kKinds.end() ? "other" : found->second;
+}
+
+Json pmtContent(u16 extension, Fields body) {
+  Json content = {{"programme", extension},
+                  {"pcr_pid", body.pid()},
+                  {"ca_systems", caSystems(body.loop().descriptors())},
+                  {"streams", Json::array()}};
+  while (!body.atEnd()) {
+    const u8 type = body.number8();
+    Json stream = {{"pid", body.pid()}, {"type", type}, {"kind", streamKind(type)}};
+    forEach(body.loop().descriptors(), kLanguageTag,
+            [&](Fields languages) { stream["language"] = languages.text(3); });
+    content["streams"].push_back(std::move(stream));
+  }
+  return content;
+}
+
+Json sdtContent(u16 extension, Fields body) {
+  Json content = {{"transport_stream_id", extension},
+                  {"original_network_id", body.number16()},
+                  {"services", Json::array()}};
+  body.number8();  // reserved
+  while (!body.atEnd()) {
+    Json service = {{"service_id", body.number16()}, {"name", ""}, {"provider", ""}};
+    body.number8();  // EIT flags
+    forEach(body.loop().descriptors(), kServiceTag, [&](Fields names) {
+      names.number8();  // the service's type
+      service["provider"] = names.text(names.number8());
+      service["name"] = names.text(names.number8());
+    });
+    content["services"].push_back(std::move(service));
+  }
+  return content;
+}
+
+// Of a NIT or BAT, whose number and name have these key and tag.
+Json networkContent(const char* key, u8 nameTag, u16 extension, Fields body) {
+  Json content = {{key, extension}, {"name", ""}, {"transport_streams", Json::array()}};
+  forEach(body.loop().descriptors(), nameTag, [&](Fields name) { content["name"] = name.text(name.size()); });
+  Fields streams = body.loop();
+  if (!body.atEnd()) throw std::out_of_range("bytes behind the list of streams");
+  while (!streams.atEnd()) {
+    content["transport_streams"].push_back(
+        {{"transport_stream_id", streams.number16()}, {"original_network_id", streams.number16()}});
+    streams.loop().descriptors();
+  }
+  return content;
+}
+
+Json nitContent(u16 extension, Fields body) {
+  return networkContent("network_id", kNetworkNameTag, extension, body);
+}
+Json batContent(u16 extension, Fields body) {
+  return networkContent("bouquet_id", kBouquetNameTag, extension, body);
+}
+
+// How the content of a table is decoded and shown: a title, and a line for each object of its lists.
+struct TableForm {
+  Json (*contentOf)(u16 extension, Fields body);
+  const char* title;
+  std::vector<std::pair<const char*, const char*>> lines;  // the key of a list, and a text for filled()
+};
+
+const TableForm& formOf(PsiType type) {
+  constexpr auto kStream = "transport stream {transport_stream_id} of network {original_network_id}";
+  static const TableForm kSdt = {
+      sdtContent, kStream, {{"services", "service {service_id}: \"{name}\" ({provider})"}}};
+  static const TableForm kNit = {
+      nitContent, "network {network_id} \"{name}\"", {{"transport_streams", kStream}}};
+  static const std::map<PsiType, TableForm> kForms = {
+      {PAT,
+       {patContent,
+        "transport stream {transport_stream_id}",
+        {{"programmes", "programme {number}: PMT on PID {pid:#06x}"}}}},
+      {PMT,
+       {pmtContent,
+        "programme {programme}, PCR on PID {pcr_pid:#06x}",
+        {{"ca_systems", "CA system {system_id:#06x}: ECM on PID {pid:#06x}"},
+         {"streams", "PID {pid:#06x}: {kind} (type {type:#04x})"}}}},
+      {SDT_C, kSdt},
+      {SDT_O, kSdt},
+      {NIT_C, kNit},
+      {NIT_O, kNit},
+      {BAT, {batContent, "bouquet {bouquet_id} \"{name}\"", {{"transport_streams", kStream}}}},
+      {CAT,
+       {catContent,
+        "conditional access",
+        {{"ca_systems", "CA system {system_id:#06x}: EMM on PID {pid:#06x}"}}}}};
+  return kForms.at(type);
+}
+
+// --- The report
+
+// Ticks from the first section of the table to the end of its last group's interval, if no other table delays
+// it on its PID. Each section is a group and takes the interval, or its packets' ticks if those are more; the
+// PMT list is one group. A packet before the first start is a group of its own, as on the card. nullopt for a
+// table that is stopped (interval 0) or empty.
+std::optional<std::size_t> wholeTableTicks(PsiType type, const StoredTable& table) {
+  const std::size_t interval = table.interval_ticks;
+  if (interval == 0 || table.stored == 0) return std::nullopt;
+  if (type == PMT) return std::max(interval, table.stored);
+  std::size_t ticks = 0, packets = 0;  // up to the last group, and of that group
+  bool opened = false;
+  for (const auto& pid : table.pids) {
+    for (const mpeg::Packet& packet : pid.packets) {
+      opened = opened || mpeg::startsUnit(packet);
+      if (packets > 0 && (mpeg::startsUnit(packet) || !opened))
+        ticks += std::max(interval, std::exchange(packets, 0));
+      ++packets;
+    }
+  }
+  return packets == 0 ? ticks : ticks + std::max(interval, packets);
 }
 
 Json sectionsOf(const StoredTable& table) {
+  constexpr std::size_t kPayload = kTsPacketSize - mpeg::kPacketHeaderSize;
   Json sections = Json::array();
   for (const auto& pid : table.pids) {
     for (const Section& section : client::gatherSections(pid.packets)) {
-      sections.push_back({{"pid", pid.pid},
-                          {"extension", section.extension()},
-                          {"version", section.version()},
-                          {"section", section.number()},
-                          {"last_section", section.lastNumber()},
-                          {"packets", packetsOf(section)},
-                          {"content", decodeSection(section)}});
+      sections.push_back(
+          {{"pid", pid.pid},
+           {"extension", section.extension()},
+           {"version", section.version()},
+           {"section", section.number()},
+           {"last_section", section.lastNumber()},
+           {"packets", section.bytes.size() / kPayload + 1},  // a pointer field comes before it
+           {"content", decodeSection(section)}});
     }
   }
   return sections;
 }
 
 Json tableReport(PsiType type, const StoredTable& table, std::optional<double> auxHz) {
-  constexpr double kMsPerSecond = 1000;
-  const auto whole = wholeTableTicks(type, table);
   Json report = {{"table", mpeg::tableName(type)},
                  {"packets", table.stored},
-                 {"packets_out_of_reach", table.outOfReach()},
-                 {"interval_ticks", table.interval_ticks}};
-  if (auxHz) report["interval_ms"] = table.interval_ticks * kMsPerSecond / *auxHz;
-  report["whole_table_ticks"] = whole ? Json(*whole) : Json();
-  if (auxHz)
-    report["whole_table_ms"] = whole ? Json(static_cast<double>(*whole) * kMsPerSecond / *auxHz) : Json();
+                 {"packets_out_of_reach", table.outOfReach()}};
+  const auto addTime = [&](const std::string& what, std::optional<std::size_t> ticks) {
+    report[what + "_ticks"] = ticks ? Json(*ticks) : Json();
+    if (auxHz) report[what + "_ms"] = ticks ? Json(static_cast<double>(*ticks) * 1000 / *auxHz) : Json();
+  };
+  addTime("interval", table.interval_ticks);
+  addTime("whole_table", wholeTableTicks(type, table));
   report["sections"] = sectionsOf(table);
   return report;
 }
 
 // --- As text
-// --------------------------------------------------------------------------------------------------
 
 std::string time(const Json& table, const std::string& what) {
   const Json& ticks = table[what + "_ticks"];
@@ -91,129 +270,61 @@ std::string plural(std::size_t count, const char* noun) {
 }
 
 std::string overview(const Json& tables) {
-  constexpr const char* kRow = "{:<6} {:>8} {:>8}  {:<24} {}\n";
-  std::string text =
-      fmt::format(fmt::runtime(kRow), "TABLE", "SECTIONS", "PACKETS", "INTERVAL", "WHOLE TABLE WITHIN");
+  constexpr auto kRow = "{:<6} {:>8} {:>8}  {:<24} {}\n";
+  std::string text = fmt::format(kRow, "TABLE", "SECTIONS", "PACKETS", "INTERVAL", "WHOLE TABLE WITHIN");
   for (const Json& t : tables) {
-    const bool stopped = t["interval_ticks"] == 0;
-    const std::size_t beyond = t["packets_out_of_reach"];
-    text += fmt::format(fmt::runtime(kRow), t["table"].get<std::string>(), t["sections"].size(),
-                        t["packets"].get<std::size_t>(), stopped ? "0 (stopped)" : time(t, "interval"),
-                        t["packets"] == 0 ? "-" : (beyond > 0 ? "more than " : "") + time(t, "whole_table"));
+    const std::string atLeast = t["packets_out_of_reach"] > 0 ? "more than " : "";
+    text += fmt::format(kRow, t["table"].get<std::string>(), t["sections"].size(),
+                        t["packets"].get<std::size_t>(),
+                        t["interval_ticks"] == 0 ? "0 (stopped)" : time(t, "interval"),
+                        t["packets"] == 0 ? "-" : atLeast + time(t, "whole_table"));
   }
   return text;
 }
 
-void appendCaSystems(std::string& text, const Json& systems, const char* role) {
-  for (const Json& ca : systems) {
-    text += fmt::format("  CA system {:#06x}: {} on PID {:#06x}\n", ca["system_id"].get<unsigned>(), role,
-                        ca["pid"].get<unsigned>());
-  }
-}
-
-void appendTransportStreams(std::string& text, const Json& streams) {
-  for (const Json& ts : streams) {
-    text += fmt::format("  transport stream {} of network {}\n", ts["transport_stream_id"].get<unsigned>(),
-                        ts["original_network_id"].get<unsigned>());
-  }
-}
-
-void appendItems(std::string& text, PsiType type, const Json& content) {
-  switch (type) {
-    case PAT:
-      for (const Json& p : content["programmes"]) {
-        text += fmt::format("  programme {}: PMT on PID {:#06x}\n", p["number"].get<unsigned>(),
-                            p["pid"].get<unsigned>());
-      }
-      break;
-    case PMT:
-      appendCaSystems(text, content["ca_systems"], "ECM");
-      for (const Json& es : content["streams"]) {
-        text += fmt::format("  PID {:#06x}: {} (type {:#04x}){}\n", es["pid"].get<unsigned>(),
-                            es["kind"].get<std::string>(), es["type"].get<unsigned>(),
-                            es.contains("language") ? ", " + es["language"].get<std::string>() : "");
-      }
-      break;
-    case SDT_C:
-    case SDT_O:
-      for (const Json& s : content["services"]) {
-        text += fmt::format("  service {}: \"{}\" ({})\n", s["service_id"].get<unsigned>(),
-                            s["name"].get<std::string>(), s["provider"].get<std::string>());
-      }
-      break;
-    case CAT:
-      appendCaSystems(text, content["ca_systems"], "EMM");
-      break;
-    case NIT_C:
-    case NIT_O:
-    case BAT:
-      appendTransportStreams(text, content["transport_streams"]);
-      break;
-    default:
-      break;
-  }
-}
-
-std::string titleOf(PsiType type, const Json& content) {
-  switch (type) {
-    case PAT:
-      return fmt::format("transport stream {}", content["transport_stream_id"].get<unsigned>());
-    case PMT:
-      return fmt::format("programme {}, PCR on PID {:#06x}", content["programme"].get<unsigned>(),
-                         content["pcr_pid"].get<unsigned>());
-    case SDT_C:
-    case SDT_O:
-      return fmt::format("transport stream {} of network {}", content["transport_stream_id"].get<unsigned>(),
-                         content["original_network_id"].get<unsigned>());
-    case NIT_C:
-    case NIT_O:
-      return fmt::format("network {} \"{}\"", content["network_id"].get<unsigned>(),
-                         content["name"].get<std::string>());
-    case BAT:
-      return fmt::format("bouquet {} \"{}\"", content["bouquet_id"].get<unsigned>(),
-                         content["name"].get<std::string>());
-    default:
-      return "conditional access";
-  }
-}
-
 // The lines of one table; its title again only where another PID, extension or version begins.
 std::string details(const Json& table) {
-  const PsiType type = mpeg::tableOfName(table["table"].get<std::string>()).value();
+  const std::string name = table["table"];
+  const TableForm& form = formOf(mpeg::tableOfName(name).value());
   std::string text;
   std::string lastTitle;
-  for (const Json& s : table["sections"]) {
-    const Json& content = s["content"];
-    const std::string what =
-        content.is_null() ? fmt::format("extension {}: cannot be decoded", s["extension"].get<unsigned>())
-                          : titleOf(type, content);
-    const std::string title =
-        fmt::format("{} on PID {:#06x}, version {}: {}\n", table["table"].get<std::string>(),
-                    s["pid"].get<unsigned>(), s["version"].get<unsigned>(), what);
+  for (const Json& section : table["sections"]) {
+    const Json& content = section["content"];
+    const std::string title = name + filled(" on PID {pid:#06x}, version {version}: ", section) +
+                              (content.is_null() ? filled("extension {extension}: cannot be decoded", section)
+                                                 : filled(form.title, content)) +
+                              "\n";
     if (title != lastTitle) text += title;
     lastTitle = title;
-    if (!content.is_null()) appendItems(text, type, content);
+    if (content.is_null()) continue;
+    for (const auto& [key, line] : form.lines) {
+      for (const Json& item : content[key])
+        text +=
+            "  " + filled(line, item) + (item.contains("language") ? filled(", {language}\n", item) : "\n");
+    }
   }
   return text;
 }
 
 }  // namespace
 
-std::optional<std::size_t> wholeTableTicks(PsiType type, const StoredTable& table) {
-  if (table.interval_ticks == 0 || table.stored == 0) return std::nullopt;
-  std::size_t ticks = 0;
-  for (const std::size_t packets : groups(type, table))
-    ticks += std::max<std::size_t>(table.interval_ticks, packets);
-  return ticks;
+Json decodeSection(const Section& section) {
+  const auto size = section.bytes.size() - mpeg::kSectionHeaderSize - mpeg::kCrcSize;
+  const Fields body(Bytes(section.bytes).subspan(mpeg::kSectionHeaderSize, size));
+  try {
+    return formOf(mpeg::tableOfId(section.tableId()).value()).contentOf(section.extension(), body);
+  } catch (const std::out_of_range&) {
+    return {};
+  }
 }
 
-Json psiReport(const PsiStore& tables, const protocol::Channel& channel, std::optional<double> auxHz) {
+Json psiReport(const client::PsiStore& tables, const protocol::Channel& channel,
+               std::optional<double> auxHz) {
   Json list = Json::array();
   std::size_t stored = 0;
   for (const PsiType type : mpeg::kAllTables) {
-    const auto& table = tables.tables[type];
-    stored += table.stored;
-    list.push_back(tableReport(type, table, auxHz));
+    stored += tables.tables[type].stored;
+    list.push_back(tableReport(type, tables.tables[type], auxHz));
   }
   return {{"channel", protocol::channelName(channel)},
           {"locked", tables.locked},

@@ -12,7 +12,6 @@
 #include "base/files.h"
 #include "client/calibration.h"
 #include "commands/command.h"
-#include "commands/values.h"
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
 #include "headend/options.h"

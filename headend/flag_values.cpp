@@ -4,7 +4,7 @@
 #include <ctime>
 #include <limits>
 
-#include "commands/values.h"
+#include "commands/form.h"
 #include "headend/hardware/faults.h"
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/pid_router.h"

@@ -27,7 +27,7 @@ std::string lineOf(const Words& words) {
   return line;
 }
 
-Job makeJob(const std::string& flag, Nanos at, const Words& words) {
+Job makeJob(commands::LineParser& parser, const std::string& flag, Nanos at, const Words& words) {
   Job job{.flag = flag,
           .text = lineOf(words),
           .at = at,
@@ -35,7 +35,7 @@ Job makeJob(const std::string& flag, Nanos at, const Words& words) {
           .call = {},
           .notes = {}};
   try {
-    job.call = std::make_shared<commands::Call>(commands::parseCall(words));
+    job.call = std::make_shared<commands::Call>(parser.parse(words));
   } catch (const commands::WrongCall& e) {
     throw commands::WrongCall(fmt::format("{}: {}", flag, e.what()));
   }
@@ -85,7 +85,8 @@ void Job::prepare(const client::InputCounts& inputs) {
 }
 
 Job jobOf(const std::string& line) {
-  Job job = makeJob(line, 0, commands::Form::wordsOf(line));
+  commands::LineParser parser;
+  Job job = makeJob(parser, line, 0, commands::Form::wordsOf(line));
   job.prepare({});
   return job;
 }
@@ -195,8 +196,9 @@ void JobFlags::placeIntervals() {
 
 std::vector<Job> JobFlags::jobs() {
   placeIntervals();
+  commands::LineParser parser;
   std::vector<Job> jobs;
-  for (const Line& line : lines_) jobs.push_back(makeJob(line.flag, line.at, line.words));
+  for (const Line& line : lines_) jobs.push_back(makeJob(parser, line.flag, line.at, line.words));
   return jobs;
 }
 

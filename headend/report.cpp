@@ -3,6 +3,7 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "commands/status.h"
 #include "hw/ad9775.h"
 
 namespace headend {
@@ -189,13 +190,7 @@ Json failedCheck(const Observation::FailedCheck& check) {
 }
 
 Json standingAlarm(const AlarmRecord& raised) {
-  const protocol::Alarm alarm = outward(raised).alarm;
-  return {{"slot", alarm.slot + 1},
-          {"port", alarm.port + 1},
-          {"type", alarm.type},
-          {"happened", alarm.happened},
-          {"en", {{"title", alarm.enTitle}, {"text", alarm.enText}, {"trap", alarm.enTrap}}},
-          {"zh", {{"title", alarm.zhTitle}, {"text", alarm.zhText}, {"trap", alarm.zhTrap}}}};
+  return commands::alarmJson(outward(raised).alarm);
 }
 
 Json command(const Operator::Progress& progress) {

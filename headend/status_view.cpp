@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "commands/json_fields.h"
-#include "commands/status_report.h"
+#include "commands/status.h"
 #include "headend/report.h"
 
 namespace headend {
@@ -27,7 +27,6 @@ bool movesItsCursor() {
 std::string cardsText(const Json& report) {
   std::string cards;
   std::string notes;
-  Json readouts = Json::array();
   for (const Json& card : report["cards"]) {
     cards += commands::cardLine(card) + '\n';
     for (std::size_t i = 0; i < card["channels"].size(); ++i) {
@@ -35,10 +34,9 @@ std::string cardsText(const Json& report) {
       for (const std::string& note : commands::channelNotes(name, card["channels"][i]))
         notes += fmt::format("{}: {}\n", name, note);
     }
-    for (Json& readout : commands::rfOfCard(card)) readouts.push_back(std::move(readout));
   }
   std::string text = cards + commands::ratesText(commands::ratesReport(report));
-  for (const std::string& line : commands::rfLines(readouts)) text += line + '\n';
+  for (const std::string& line : commands::rfLines(commands::rfOf(report))) text += line + '\n';
   return text + notes;
 }
 

@@ -12,7 +12,7 @@
 
 #include "client/udp_link.h"
 #include "commands/command.h"
-#include "commands/status_report.h"
+#include "commands/status.h"
 #include "tools/panel/panel.h"
 
 namespace tools {
@@ -109,9 +109,7 @@ class SocketSession final : public commands::Session {
     sigprocmask(hold ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
   }
 
-  void showPanel(std::chrono::seconds patience) override {
-    runPanel({.server = server_, .patience = patience});
-  }
+  void showPanel(std::chrono::seconds patience) override { runPanel(server_, patience); }
 
  private:
   static sigset_t held() {
@@ -128,8 +126,7 @@ class SocketSession final : public commands::Session {
 };
 
 std::string serverOf(const std::string& text) {
-  if (!client::isServer(text)) throw std::invalid_argument(fmt::format("'{}' is no ADDR:PORT", text));
-  return text;
+  return commands::valid(client::isServer(text) ? std::optional(text) : std::nullopt, text, "ADDR:PORT");
 }
 
 void carryOut(const commands::Call& call, const std::string& server) {
@@ -143,7 +140,7 @@ void carryOut(const commands::Call& call, const std::string& server) {
   call.command->carryOut(session);
 }
 
-int run(const std::string& name, std::vector<std::string> words) {
+void run(const std::string& name, std::vector<std::string> words) {
   const bool isCalibration = name == kCalibrationName;
   commands::Form form(
       name, isCalibration ? "Calibrates the DAC of a modulator card over its chassis's calibration service."
@@ -157,32 +154,28 @@ int run(const std::string& name, std::vector<std::string> words) {
       server, serverOf);
   if (!isCalibration) form.footer(kFooter);
   commands::Calls calls(form, isCalibration ? "cal" : "");
-  try {
-    form.parse(std::move(words));
-    carryOut(calls.called(), server);
-  } catch (const commands::Help& help) {
-    fmt::print("{}", help.text);
-  } catch (const commands::WrongCall& e) {
-    fmt::print(stderr, "{}{}", e.what(), commands::kHelpAdvice);
-    return kWrongCall;
-  } catch (const std::exception& e) {
-    fmt::print(stderr, "{}: {}\n", name, e.what());
-    return kFailed;
-  }
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
-  fmt::print(stderr, "{}: the output could not be written\n", name);
-  return kFailed;
+  form.parse(std::move(words));
+  carryOut(calls.called(), server);
 }
 
 }  // namespace
 }  // namespace tools
 
 int main(int argc, char** argv) {
+  const bool isCalibration = argc > 0 && std::filesystem::path(argv[0]).filename() == tools::kCalibrationName;
+  const char* name = isCalibration ? tools::kCalibrationName : "qamctl";
   try {
-    const std::string called = argc > 0 ? std::filesystem::path(argv[0]).filename().string() : "";
-    return tools::run(called == tools::kCalibrationName ? called : "qamctl", {argv + 1, argv + argc});
-  } catch (const std::exception& e) {  // out of memory, or a fault in this program
-    std::fprintf(stderr, "qamctl: %s\n", e.what());
-    return 1;
+    tools::run(name, {argv + 1, argv + argc});
+  } catch (const commands::Help& help) {
+    std::fputs(help.text.c_str(), stdout);
+  } catch (const commands::WrongCall& e) {
+    std::fprintf(stderr, "%s%s", e.what(), commands::kHelpAdvice);
+    return tools::kWrongCall;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s: %s\n", name, e.what());
+    return tools::kFailed;
   }
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
+  std::fprintf(stderr, "%s: the output could not be written\n", name);
+  return tools::kFailed;
 }

@@ -6,7 +6,7 @@
 
 #include "client/channel_variables.h"
 #include "client/chassis_services.h"
-#include "commands/psi_decode.h"
+#include "commands/psi_report.h"
 #include "mpeg/dvb_text.h"
 #include "protocol/variables.h"
 #include "tests/client/card_link.h"
@@ -171,14 +171,14 @@ TEST_F(Qamctl, TellsTheStatusAndWhatGoesOutAtTheConnectors) {
         {{"rf", 0, table},
          {"rf 3", 0, "bit/s\n3.1  off"},
          {"rf 2", 1, "no card in slot 2"},
-         {"rf 4", 1, "tells no RF output"},
+         {"rf 4", 1, "reports no RF output"},
          {"rf 1 --json", 0, "\"clock_kbd\": null"},
          {"status", 0, "61.5 s, 1000 ticks a second\nslot 1: running, started in 12 ms, LCD: QAM [2J\n"},
          {"status", 0, " PAT 4/300\n         locked for 10 s: an upload is under way"},
          {"status", 0, "LOCKED for 10 s and silent: its upload broke off. 'qamctl psi load 1.2"},
          {"status", 0, "failed checks: 2\nprotocol violations: short latch 3\n"}});
     status_ = "[]";
-    expect(run("rf"), 1, "tells no status");
+    expect(run("rf"), 1, "reports no status");
     status_ = R"({"cards": []})";
     expect(run("rf"), 1, "no card");
   });
@@ -247,7 +247,7 @@ TEST_F(Qamctl, ReadsEveryCharacterTableAndLetsNoControlThrough) {
 TEST_F(Qamctl, DecodesNoSectionWhoseLengthsContradictEachOther) {
   const std::tuple<const char*, u8, Bytes, std::set<std::size_t>> rows[] = {
       // table_id, body, sizes at which an entry ends
-      {"PAT", 0x00, {0, 1, 0xE1, 0, 0, 2, 0xE2, 0}, {4, 8}},
+      {"PAT", 0x00, {0, 1, 0xE1, 0, 0, 2, 0xE2, 0}, {0, 4, 8}},
       {"CAT", 0x01, {9, 4, 0x0B, 0, 0xE1, 0, 0x52, 0}, {0, 6, 8}},
       {"PMT", 0x02, {0xE1, 1, 0xF0, 2, 0x52, 0, 0x1B, 0xE1, 1, 0xF0, 2, 0x52, 0}, {6, 13}},
       {"PMT with a descriptor beyond its loop", 0x02, {0xE1, 1, 0xF0, 2, 0x52, 1}, {}},

@@ -7,14 +7,10 @@
 
 namespace tools {
 
-struct PanelOptions {
-  std::string server;
-  std::chrono::seconds patience{30};  // with a headend that no longer answers
-};
-
-// Runs until the operator quits, a signal requests the end, or the terminal is closed. Throws
-// std::runtime_error: no usable terminal, no headend at the start, or no more replies from it. The terminal
-// is always restored; the process's handlers of SIGINT, SIGTERM and SIGHUP are not.
-void runPanel(const PanelOptions& options);
+// Runs until the operator quits, a signal requests the end, or the terminal is closed. `patience` is for a
+// headend that no longer answers. Throws std::runtime_error: no usable terminal, no headend at the start, or
+// no more replies from it. The terminal is always restored; the process's handlers of SIGINT, SIGTERM and
+// SIGHUP are not.
+void runPanel(const std::string& server, std::chrono::seconds patience);
 
 }  // namespace tools

@@ -32,25 +32,29 @@ Colour colourOf(protocol::CardState state) {
   return state == protocol::CardState::kStarting ? Colour::kWarning : Colour::kBad;
 }
 
-struct Key {
-  chassis::PanelKey key;
-  const char* cap;
-};
-constexpr Key kKeypad[] = {
+constexpr std::pair<chassis::PanelKey, const char*> kKeypad[] = {
     {chassis::kKeyUp, "↑"},    {chassis::kKeyDown, "↓"},        {chassis::kKeyLeft, "←"},
     {chassis::kKeyRight, "→"}, {chassis::kKeyConfirm, "Enter"}, {chassis::kKeyCancel, "Esc"},
 };
 
-// How the LCD is drawn, and the columns and rows that it takes within its frame.
+// How the LCD is drawn: a character of the terminal for each cell of pixels.
 struct LcdStyle {
-  enum class Kind { kText, kBraille, kHalfBlocks };
-  Kind kind;
-  int width;
-  int height;
+  int cellWidth;
+  int cellHeight;
+  // For the pixels of a cell as bits, line by line, the upper left one lowest; null: the LCD's own text.
+  wchar_t (*character)(unsigned pixels);
+
+  int width() const { return protocol::kLcdWidth / cellWidth; }
+  int height() const { return protocol::kLcdHeight / cellHeight; }
 };
-constexpr LcdStyle kText = {LcdStyle::Kind::kText, protocol::kLcdWidth / 8, protocol::kLcdRows};
-constexpr LcdStyle kBraille = {LcdStyle::Kind::kBraille, protocol::kLcdWidth / 2, protocol::kLcdHeight / 4};
-constexpr LcdStyle kHalfBlocks = {LcdStyle::Kind::kHalfBlocks, protocol::kLcdWidth, protocol::kLcdHeight / 2};
+constexpr LcdStyle kText = {8, protocol::kLcdHeight / protocol::kLcdRows, nullptr};
+constexpr LcdStyle kHalfBlocks = {1, 2, [](unsigned pixels) { return L" ▀▄█"[pixels]; }};
+constexpr LcdStyle kBraille = {2, 4, [](unsigned pixels) {
+                                 constexpr int kDots[] = {0x01, 0x08, 0x02, 0x10, 0x04, 0x20, 0x40, 0x80};
+                                 int dots = 0;
+                                 for (int n = 0; n < 8; ++n) dots |= (pixels >> n & 1) != 0 ? kDots[n] : 0;
+                                 return static_cast<wchar_t>(L'\u2800' + dots);
+                               }};
 
 constexpr int kLampWidth = 22;   // next to the LCD
 constexpr int kAlarmsShown = 3;  // at least, for any length of the RF readout
@@ -69,9 +73,9 @@ class PanelPainter {
     const LcdStyle style = lcdStyle();
     title();
     lcd(style);
-    lamps(style.width + 4);
-    keypad(style.height + 3);
-    readings(style.height + 5);
+    lamps(style.width() + 4);
+    keypad(style.height() + 3);
+    readings(style.height() + 5);
     footer(style);
     return std::move(screen_);
   }
@@ -82,8 +86,8 @@ class PanelPainter {
   }
 
   bool hasRoom(const LcdStyle& style) const {
-    return screen_.width() >= style.width + 4 + kLampWidth &&
-           screen_.height() >= style.height - kText.height + kPanelMinHeight;
+    return screen_.width() >= style.width() + 4 + kLampWidth &&
+           screen_.height() >= style.height() - kText.height() + kPanelMinHeight;
   }
 
   LcdStyle lcdStyle() const {
@@ -103,24 +107,32 @@ class PanelPainter {
 
   void lcd(const LcdStyle& style) {
     std::string edge;
-    for (int i = 0; i < style.width; ++i) edge += "─";
+    for (int i = 0; i < style.width(); ++i) edge += "─";
     screen_.text(0, 1, "┌" + edge + "┐");
-    for (int y = 0; y < style.height; ++y) {
+    for (int y = 0; y < style.height(); ++y) {
       screen_.text(0, 2 + y, "│");
-      screen_.text(style.width + 1, 2 + y, "│");
+      screen_.text(style.width() + 1, 2 + y, "│");
     }
-    screen_.text(0, 2 + style.height, "└" + edge + "┘");
+    screen_.text(0, 2 + style.height(), "└" + edge + "┘");
     if (!state_.lcd) return;
-    if (style.kind == LcdStyle::Kind::kText) {
+    if (style.character == nullptr) {
       for (const protocol::LcdCharacter& c : state_.lcd->characters) character(c);
       return;
     }
-    for (int y = 0; y < style.height; ++y) {
-      for (int x = 0; x < style.width; ++x) {
-        const wchar_t cell = style.kind == LcdStyle::Kind::kBraille ? braille(x, y) : halfBlock(x, y);
-        screen_.put(1 + x, 2 + y, cell, {}, screen_.width());
-      }
+    for (int y = 0; y < style.height(); ++y) {
+      for (int x = 0; x < style.width(); ++x)
+        screen_.put(1 + x, 2 + y, style.character(pixels(style, x, y)), {}, screen_.width());
     }
+  }
+
+  unsigned pixels(const LcdStyle& style, int x, int y) const {
+    unsigned bits = 0;
+    for (int n = 0; n < style.cellWidth * style.cellHeight; ++n) {
+      const bool isSet = state_.lcd->pixel(x * style.cellWidth + n % style.cellWidth,
+                                           y * style.cellHeight + n / style.cellWidth);
+      bits |= (isSet ? 1U : 0U) << n;
+    }
+    return bits;
   }
 
   // A character of two LCD cells takes two columns, even if the terminal's character is narrow.
@@ -128,31 +140,12 @@ class PanelPainter {
     const int cells = c.character < 0x80 ? 1 : 2;
     const int x = 1 + (c.x + 7) / 8;
     const int y = 2 + c.row;
-    const int end = 1 + kText.width;
+    const int end = 1 + kText.width();
     if (c.row >= protocol::kLcdRows || x + cells > end) return;
     const Look look = {.inverse = c.inverse};
     for (int i = 0; i < cells; ++i) screen_.put(x + i, y, L' ', look, end);
     if (screen_.put(x, y, static_cast<wchar_t>(c.character), look, x + cells) == 0)
       screen_.put(x, y, L'?', look, end);
-  }
-
-  wchar_t braille(int x, int y) const {
-    constexpr std::array<std::array<int, 2>, 4> kDots = {
-        {{0x01, 0x08}, {0x02, 0x10}, {0x04, 0x20}, {0x40, 0x80}}};
-    int dots = 0;
-    for (int dy = 0; dy < 4; ++dy) {
-      for (int dx = 0; dx < 2; ++dx) {
-        const int dot = kDots[static_cast<std::size_t>(dy)][static_cast<std::size_t>(dx)];
-        if (state_.lcd->pixel(2 * x + dx, 4 * y + dy)) dots |= dot;
-      }
-    }
-    return static_cast<wchar_t>(L'\u2800' + dots);
-  }
-
-  wchar_t halfBlock(int x, int y) const {
-    const bool upper = state_.lcd->pixel(x, 2 * y);
-    const bool lower = state_.lcd->pixel(x, 2 * y + 1);
-    return upper ? (lower ? L'█' : L'▀') : lower ? L'▄' : L' ';
   }
 
   void lamps(int x) {
@@ -177,8 +170,8 @@ class PanelPainter {
 
   void keypad(int y) {
     int x = 0;
-    for (const Key& key : kKeypad)
-      x = 1 + screen_.text(x, y, key.cap, {.inverse = key.key == state_.pressed});
+    for (const auto& [key, cap] : kKeypad)
+      x = 1 + screen_.text(x, y, cap, {.inverse = key == state_.pressed});
   }
 
   // The RF readout, and the alarms, latest first, in the remaining lines.
@@ -189,8 +182,7 @@ class PanelPainter {
     list(y, rfEnd, state_.rf);
     screen_.text(0, rfEnd, word(kAlarms), {.bold = true});
     std::vector<std::string> lines;
-    for (const protocol::Alarm& alarm : state_.alarms) lines.push_back(alarmLine(alarm));
-    std::reverse(lines.begin(), lines.end());
+    for (const protocol::Alarm& alarm : state_.alarms) lines.insert(lines.begin(), alarmLine(alarm));
     if (lines.empty()) lines.emplace_back(word(kNoAlarm));
     list(rfEnd + 1, end, lines);
   }
@@ -212,7 +204,7 @@ class PanelPainter {
   void footer(const LcdStyle& style) {
     const int y = screen_.height() - 1;
     const int x = screen_.text(0, y, word(kKeys));
-    if (state_.pixels && style.kind == LcdStyle::Kind::kText) screen_.text(x + 2, y, word(kNoRoom));
+    if (state_.pixels && style.character == nullptr) screen_.text(x + 2, y, word(kNoRoom));
   }
 
   const PanelState& state_;

@@ -2,14 +2,21 @@
 // into it from a source.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <functional>
 #include <map>
-#include <nlohmann/json_fwd.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "scan.h"
+
+struct dvbpsi_s;
 
 namespace tscheck {
 
@@ -34,7 +41,7 @@ struct Rate {
 enum Type : size_t { kPat, kPmt, kSdtC, kSdtO, kNitC, kNitO, kBat, kCat, kTypes };
 
 struct TypeRow {
-  const char* name;
+  std::string_view name;
   uint8_t tableId;
   int pid;              // -1: the PIDs that the programme association names
   const char* decoded;  // prefix of the names of its decoded tables
@@ -70,10 +77,32 @@ struct Options {
   std::map<uint16_t, uint16_t> sourceOf;  // PID in the source by PID in the file
 };
 
-// The tables that libdvbpsi decodes, and its error messages.
-struct Decoded {
-  std::map<std::string, std::set<std::string>> tables;  // all contents of each name
-  std::vector<std::string> errors;
+// Decodes the tables of a stream with libdvbpsi, each converted to a text, so that two streams can be
+// compared.
+class TableDecoder {
+ public:
+  // Decodes the programme maps of these programmes, and all tables of the other types.
+  explicit TableDecoder(const Programmes& programmes);
+  ~TableDecoder();
+  TableDecoder(const TableDecoder&) = delete;
+  TableDecoder& operator=(const TableDecoder&) = delete;
+
+  void push(Packet packet);  // a copy: libdvbpsi may write to the bytes
+
+  // The contents that a table had.
+  struct Versions {
+    std::set<std::string> all;
+    std::string last;
+  };
+  std::map<std::string, Versions> tables;  // by name: "SDT 0x46 ts 12"
+  std::vector<std::string> errors;         // messages of libdvbpsi
+
+ private:
+  struct Decoder;
+  // The handle of a new decoder of the PID.
+  dvbpsi_s* add(uint16_t pid, void (*detach)(dvbpsi_s*));
+
+  std::vector<std::unique_ptr<Decoder>> decoders_;
 };
 
 // The largest deviation of a value from the best constant for all values.
@@ -85,6 +114,31 @@ struct Spread {
   }
   double ns(const Rate& rate) const { return low ? rate.ms(*high - *low) / 2 * 1e6 : 0; }
 };
+
+// Times between events.
+struct Intervals {
+  uint64_t count = 0;
+  double min = 0, max = 0, sum = 0;
+  void add(double value) {
+    min = count == 0 ? value : std::min(min, value);
+    max = std::max(max, value);
+    sum += value;
+    ++count;
+  }
+  // An object with min, mean and max, each times `scale`.
+  Json json(double scale = 1) const {
+    const double mean = count == 0 ? 0 : sum / static_cast<double>(count);
+    return {{"min", min * scale}, {"mean", mean * scale}, {"max", max * scale}};
+  }
+};
+
+// The ticks of PCRs, continued over wraps. There must be at least one.
+inline std::vector<int64_t> continued(const std::vector<Pcr>& pcrs) {
+  std::vector<int64_t> ticks = {pcrs[0].ticks};
+  for (size_t i = 1; i < pcrs.size(); ++i)
+    ticks.push_back(ticks.back() + signedModulo(pcrs[i].ticks - pcrs[i - 1].ticks, kPcrWrap));
+  return ticks;
+}
 
 // The time from the departure of a PCR's packet to the PCR; `ticks` continues over wraps.
 inline Wide aheadOfDeparture(const Rate& rate, const Pcr& pcr, int64_t ticks) {
@@ -100,12 +154,12 @@ struct PsiSource {
   std::array<std::set<unsigned>, kTypes> sections{};  // contents by type
   std::array<unsigned, kTypes> packets{};             // of all sections of the type, each packed by itself
   std::map<std::string, std::string> tables{};        // as libdvbpsi decodes them
-  std::set<std::pair<uint16_t, uint16_t>> programmes{};
+  Programmes programmes{};
   std::set<uint16_t> pmtPids{};
 };
 // Throws std::runtime_error when the file has no tables.
 PsiSource readPsiSource(const Options& options, Contents& contents);
-Json checkPsi(const Options& options, const PsiSource& source, const Scan& scan, const Decoded& decoded,
+Json checkPsi(const Options& options, const PsiSource& source, const Scan& scan, const TableDecoder& decoder,
               Contents& contents, Faults& faults);
 
 // By PID in the file: passes of the source, and the error that was added to the PCRs.

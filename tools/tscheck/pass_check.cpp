@@ -12,18 +12,11 @@
 namespace tscheck {
 namespace {
 
-constexpr int64_t kPcrPerPts = 300;
-constexpr int64_t kPtsWrap = int64_t{1} << 33;
-constexpr int64_t kPcrWrap = kPtsWrap * kPcrPerPts;
 constexpr int64_t kLongestWait_ticks = kPcrHz / 10;  // in the buffer of an output
 
 // A mapped PID. In the payload the bits of PTS and DTS are 0; their values are in `stamps`, by where they
 // were.
-struct PidContent {
-  Bytes payload;
-  std::vector<size_t> units;
-  std::vector<uint64_t> unitPackets;
-  std::vector<Pcr> pcrs;
+struct PidContent : Pid {
   std::map<size_t, int64_t> stamps;
 };
 
@@ -57,8 +50,7 @@ void takeStamps(PidContent& pid) {
 PidContent contentOf(const Scan& scan, uint16_t number) {
   const auto found = scan.pids.find(number);
   if (found == scan.pids.end()) return {};
-  const Pid& pid = found->second;
-  PidContent content{pid.payload, pid.units, pid.unitPackets, pid.pcrs, {}};
+  PidContent content{found->second, {}};
   takeStamps(content);
   return content;
 }
@@ -199,10 +191,9 @@ class PassCheck {
                       [&](const Pcr& pcr) { return static_cast<int64_t>(pcr.at) <= first; }) -
         opening;
     Spread wait, spread;
-    int64_t ticks = out.pcrs[0].ticks;
+    const std::vector<int64_t> ticks = continued(out.pcrs);
     for (size_t i = 0; i < out.pcrs.size(); ++i) {
       const Pcr& pcr = out.pcrs[i];
-      if (i > 0) ticks += signedModulo(pcr.ticks - out.pcrs[i - 1].ticks, kPcrWrap);
       const Pcr& was = source.pcrs[static_cast<size_t>(
           modulo(static_cast<int64_t>(i) - before, static_cast<int64_t>(source.pcrs.size())))];
       if (modulo(static_cast<int64_t>(pcr.at) - first - static_cast<int64_t>(was.at), length) != 0) {
@@ -212,15 +203,11 @@ class PassCheck {
                         number, pcr.packet));
         return;
       }
-      const Wide added = aheadOfDeparture(options_.rate, pcr, ticks) - clock_.ahead(was.packet, was.ticks);
+      const Wide added = aheadOfDeparture(options_.rate, pcr, ticks[i]) - clock_.ahead(was.packet, was.ticks);
       spread.add(added);
       // PCRs of different PIDs are counted from different wraps at most.
       if (!base_) base_ = added;
-      const Wide wrap = Wide{kPcrWrap} * options_.rate.num;
-      Wide common = (added - *base_) % wrap;
-      if (common > wrap / 2) common -= wrap;
-      if (common < -wrap / 2) common += wrap;
-      allAdded_.add(common);
+      allAdded_.add(signedModulo(added - *base_, Wide{kPcrWrap} * options_.rate.num));
       const int64_t pass = passOf(static_cast<int64_t>(i), before, static_cast<int64_t>(source.pcrs.size()));
       if (const auto shift = shifts.find(pass); shift != shifts.end())
         wait.add(signedModulo(pcr.ticks - was.ticks - shift->second * kPcrPerPts, kPcrWrap));

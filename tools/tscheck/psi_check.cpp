@@ -9,7 +9,6 @@
 #include <tuple>
 
 #include "checks.h"
-#include "tables.h"
 
 namespace tscheck {
 namespace {
@@ -25,14 +24,6 @@ struct Group {
   unsigned content;  // equal for equal groups
 };
 
-struct Spacing {
-  size_t sections = 0;
-  size_t groups = 0;
-  size_t held = 0;   // groups delayed by another table on their PID
-  double first = 0;  // tick of the first group
-  double min = 0, mean = 0, max = 0;
-};
-
 // Judges the carousel of one file by the packets and sections that were found.
 class Carousel {
  public:
@@ -46,23 +37,18 @@ class Carousel {
   Json run() {
     judgeSections();
     Json types;
-    for (size_t type = 0; type < kTypes; ++type) {
-      const Spacing s = judgeSpacing(static_cast<Type>(type));
-      if (s.sections == 0) continue;
-      judgeRotation(static_cast<Type>(type));
-      types[kTypeRows[type].name] = {{"sections", s.sections},
-                                     {"groups", s.groups},
-                                     {"held", s.held},
-                                     {"first_tick", s.first},
-                                     {"interval_ticks", {{"min", s.min}, {"mean", s.mean}, {"max", s.max}}}};
+    for (size_t n = 0; n < kTypes; ++n) {
+      const auto type = static_cast<Type>(n);
+      Json entry = judgeSpacing(type);
+      if (source_.sections[type].empty()) continue;
+      judgeRotation(type);
+      types[std::string(kTypeRows[type].name)] = std::move(entry);
     }
     return types;
   }
 
  private:
   void fault(const char* kind, const std::string& text) { faults_.add(kind, text); }
-
-  double ticks(double packets) const { return options_.rate.seconds(packets) * options_.auxHz; }
 
   std::string nameOf(const Section& section) const {
     const Bytes& b = contents_.bytes(section.content);
@@ -91,7 +77,10 @@ class Carousel {
         }
   }
 
-  double ticksOf(uint64_t packet) const { return ticks(static_cast<double>(packet)); }
+  // The time of that many packets.
+  double ticksOf(uint64_t packets) const {
+    return options_.rate.seconds(static_cast<double>(packets)) * options_.auxHz;
+  }
 
   std::vector<Group> sectionGroups(Type type) const {
     std::vector<Group> groups;
@@ -132,15 +121,15 @@ class Carousel {
   // Packets in the queue before this one: those sent within the tick before it, in ticks.
   double queueTicks(uint64_t packet) const {
     const auto byIndex = [](const Mark& mark, uint64_t index) { return mark.index < index; };
-    const auto perTick = static_cast<uint64_t>(std::ceil(1.0 / ticks(1)));
+    const auto perTick = static_cast<uint64_t>(std::ceil(1.0 / ticksOf(1)));
     const auto to = std::lower_bound(scan_.marks.begin(), scan_.marks.end(), packet, byIndex);
     const auto from =
         std::lower_bound(scan_.marks.begin(), to, packet > perTick ? packet - perTick : 0, byIndex);
-    return ticks(static_cast<double>(to - from));
+    return ticksOf(static_cast<uint64_t>(to - from));
   }
 
   // Ticks between `from` and `to` in which sections of other types were on this type's PID.
-  double heldTicks(Type type, double from, double to) const {
+  double ticksHeld(Type type, double from, double to) const {
     if (kTypeRows[type].pid < 0) return 0;
     std::vector<std::pair<double, double>> holds;
     for (size_t other = 0; other < kTypes; ++other) {
@@ -162,19 +151,25 @@ class Carousel {
     return total;
   }
 
-  // Groups start every max(interval, packets of the group) ticks. The due time continues from group to group,
-  // so that a drift is detected, and is reset only where another table used the PID.
-  Spacing judgeSpacing(Type type) {
+  Json judgeSpacing(Type type) {
     const auto& groups = groups_[type];
-    Spacing spacing;
-    spacing.sections = source_.sections[type].size();
-    spacing.groups = groups.size();
-    if (groups.empty()) return spacing;
-    spacing.first = groups[0].start;
-    const unsigned longest =
-        std::max_element(groups.begin(), groups.end(), [](const Group& a, const Group& b) {
-          return a.packets < b.packets;
-        })->packets;
+    size_t held = 0;
+    Intervals intervals;
+    if (!groups.empty()) held = judgeTimes(type, intervals);
+    return {{"sections", source_.sections[type].size()},
+            {"groups", groups.size()},
+            {"held", held},
+            {"first_tick", groups.empty() ? 0.0 : groups[0].start},
+            {"interval_ticks", intervals.json()}};
+  }
+
+  // Groups start every max(interval, packets of the group) ticks. The due time continues from group to group,
+  // so that a drift is detected, and is reset only where another table used the PID. Returns the number of
+  // groups that another table on their PID delayed.
+  size_t judgeTimes(Type type, Intervals& intervals) {
+    const auto& groups = groups_[type];
+    const unsigned longest = std::ranges::max_element(groups, {}, &Group::packets)->packets;
+    size_t held = 0;
     double due = groups[0].start;
     double slack = 1 + queueTicks(groups[0].firstPacket);
     for (size_t i = 1; i <= groups.size(); ++i) {
@@ -183,31 +178,24 @@ class Carousel {
           i == groups.size();  // then no group may have been due before with time to be complete
       const double start = ended ? ticksOf(scan_.packets) : groups[i].start;
       const double allowed = std::max(slack, ended ? 1.0 + longest : 1 + queueTicks(groups[i].firstPacket));
-      const double held = heldTicks(type, due - 1, start);
-      const bool late = !options_.untimed && start > due + held + allowed;
+      const double heldTicks = ticksHeld(type, due - 1, start);
+      const bool late = !options_.untimed && start > due + heldTicks + allowed;
       const bool early = !options_.untimed && !ended && start < due - allowed;
       if (late || early)
         fault(late ? "late" : "early",
               fmt::format("{}: group {} {} at tick {:.2f}, due at {:.2f}, held back {:.2f}, tolerance {:.2f}",
                           kTypeRows[type].name, i, ended ? "has not come by the end" : "starts", start, due,
-                          held, allowed));
+                          heldTicks, allowed));
       if (ended) break;
-      if (held > 0) ++spacing.held;
-      if (held > 0 || late || early) {
+      if (heldTicks > 0) ++held;
+      if (heldTicks > 0 || late || early) {
         due = start;
         slack = 1 + queueTicks(groups[i].firstPacket);
       }
       judgePace(type, groups[i]);
-      measure(spacing, groups[i].start - groups[i - 1].start);
+      intervals.add(groups[i].start - groups[i - 1].start);
     }
-    if (groups.size() > 1)
-      spacing.mean = (groups.back().start - groups.front().start) / static_cast<double>(groups.size() - 1);
-    return spacing;
-  }
-
-  static void measure(Spacing& spacing, double interval) {
-    spacing.min = spacing.min > 0 ? std::min(spacing.min, interval) : interval;
-    spacing.max = std::max(spacing.max, interval);
+    return held;
   }
 
   // Within a group one packet is sent per tick.
@@ -245,10 +233,7 @@ class Carousel {
 PsiSource readPsiSource(const Options& options, Contents& contents) {
   PsiSource source{.programmes = programmes(options.psi)};
   for (const auto& [pid, programme] : source.programmes) source.pmtPids.insert(pid);
-  TableDecoder decoder(
-      source.programmes,
-      [&](const std::string& name, const std::string& content) { source.tables[name] = content; },
-      [](const std::string&) {});
+  TableDecoder decoder(source.programmes);
   ScanOptions scanOptions;
   scanOptions.sectionPids = tablePids(source.pmtPids);
   scanOptions.allowCut = true;
@@ -261,6 +246,7 @@ PsiSource readPsiSource(const Options& options, Contents& contents) {
     if (!isTables || (bytes[5] & 1) == 0) continue;
     newest[{section.pid, bytes[0], big16(bytes, 3), bytes[6]}] = section.content;
   }
+  for (const auto& [name, versions] : decoder.tables) source.tables[name] = versions.last;
   if (source.tables.empty())
     throw std::runtime_error(fmt::format("{} carries no tables to look for", options.psi));
   for (const auto& [key, content] : newest) {
@@ -276,20 +262,20 @@ PsiSource readPsiSource(const Options& options, Contents& contents) {
   return source;
 }
 
-Json checkPsi(const Options& options, const PsiSource& source, const Scan& scan, const Decoded& decoded,
+Json checkPsi(const Options& options, const PsiSource& source, const Scan& scan, const TableDecoder& decoder,
               Contents& contents, Faults& faults) {
-  for (const auto& [name, versions] : decoded.tables) {
+  for (const auto& [name, versions] : decoder.tables) {
     const auto wanted = source.tables.find(name);
     if (wanted == source.tables.end()) faults.add("table", fmt::format("{} is not in the source", name));
-    for (const std::string& content : versions)
+    for (const std::string& content : versions.all)
       if (wanted != source.tables.end() && wanted->second != content)
         faults.add("table", fmt::format("{} differs: source {}, file {}", name, wanted->second, content));
   }
   Json names = Json::array();
   for (const auto& [name, content] : source.tables) {
     names.push_back(name);
-    const auto found = decoded.tables.find(name);
-    if (found == decoded.tables.end() || !found->second.contains(content))
+    const auto found = decoder.tables.find(name);
+    if (found == decoder.tables.end() || !found->second.all.contains(content))
       faults.add("table", fmt::format("{} cannot be decoded from the file", name));
   }
   const std::set<uint16_t> known = tablePids(source.pmtPids);

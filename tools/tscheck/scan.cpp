@@ -17,7 +17,6 @@ namespace {
 
 constexpr size_t kHeaderSize = 3;         // of a section, up to its length
 constexpr size_t kLongestSection = 4096;  // 1024 for the tables of ISO/IEC 13818-1, this for private sections
-constexpr size_t kChunkPackets = 4096;    // read at once
 constexpr uint8_t kStuffing = 0xFF;
 
 bool crcGood(const Bytes& section) {
@@ -65,22 +64,21 @@ class Assembler {
 
   // Continues the open section, then reads the rest of the packet.
   void take(const uint8_t* data, size_t size) {
-    if (open_) {
-      const size_t used = append(data, size);
-      data += used;
-      size -= used;
-    }
-    while (size > 0 && *data != kStuffing) {
-      open_ = true;
-      buffer_.clear();
-      first_ = packet_;
-      packets_ = 1;
+    while (size > 0 && (open_ || *data != kStuffing)) {
+      if (!open_) start();
       const size_t used = append(data, size);
       data += used;
       size -= used;
     }
     if (std::any_of(data, data + size, [](uint8_t byte) { return byte != kStuffing; }))
       fault("stuffing", "bytes after the last section are not stuffing");
+  }
+
+  void start() {
+    open_ = true;
+    buffer_.clear();
+    first_ = packet_;
+    packets_ = 1;
   }
 
   // Reads bytes of the open section and closes it when it is complete; returns the number of bytes read.
@@ -127,7 +125,7 @@ std::optional<int64_t> pcrOf(const Packet& p) {
   if (!hasField || (p[5] & 0x10) == 0) return {};
   int64_t base = 0;
   for (size_t i = 6; i < 10; ++i) base = base << 8 | p[i];
-  return (base << 1 | p[10] >> 7) * 300 + ((p[10] & 1) << 8 | p[11]);
+  return (base << 1 | p[10] >> 7) * kPcrPerPts + ((p[10] & 1) << 8 | p[11]);
 }
 
 bool hasPayload(const Packet& p) {
@@ -149,17 +147,10 @@ class Scanner {
   Scan run(const std::string& path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
     if (!file) throw std::runtime_error(fmt::format("cannot open {}: {}", path, std::strerror(errno)));
-    std::vector<uint8_t> chunk(kChunkPackets * kPacketSize);
+    Packet p{};
     size_t got = 0;
-    while ((got = std::fread(chunk.data(), 1, chunk.size(), file.get())) > 0) {
-      Packet p{};
-      for (size_t at = 0; at + kPacketSize <= got; at += kPacketSize) {
-        std::copy_n(chunk.data() + at, kPacketSize, p.begin());
-        packet(p);
-      }
-      if (got % kPacketSize != 0)
-        faults_.add("tail", fmt::format("{} bytes after the last whole packet", got % kPacketSize));
-    }
+    while ((got = std::fread(p.data(), 1, p.size(), file.get())) == p.size()) packet(p);
+    if (got > 0) faults_.add("tail", fmt::format("{} bytes after the last whole packet", got));
     if (std::ferror(file.get()) != 0)
       throw std::runtime_error(fmt::format("cannot read {}: {}", path, std::strerror(errno)));
     return std::move(scan_);
@@ -264,23 +255,18 @@ uint16_t big16(const Bytes& bytes, size_t at) {
   return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]);
 }
 
-int64_t signedModulo(int64_t value, int64_t wrap) {
-  const int64_t up = modulo(value, wrap);
-  return up > wrap / 2 ? up - wrap : up;
-}
-
 Scan scan(const std::string& path, const ScanOptions& options, Contents& contents, Faults& faults) {
   return Scanner(options, contents, faults).run(path);
 }
 
-std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path) {
+Programmes programmes(const std::string& path) {
   constexpr size_t kLoopStart = 8;
   constexpr size_t kCrcSize = 4;
   Contents contents;
   Faults ignored;
   ScanOptions options;
   options.sectionPids = {0};
-  std::set<std::pair<uint16_t, uint16_t>> found;
+  Programmes found;
   for (const Section& section : scan(path, options, contents, ignored).sections) {
     const Bytes& bytes = contents.bytes(section.content);
     if (bytes[0] != 0 || bytes.size() < kLoopStart + kCrcSize) continue;

@@ -21,26 +21,25 @@ constexpr int64_t kPacketBits = 1504;
 constexpr uint16_t kPidCount = 0x2000;
 constexpr uint16_t kNullPid = 0x1FFF;
 constexpr int64_t kPcrHz = 27'000'000;
+constexpr int64_t kPtsWrap = int64_t{1} << 33;
+constexpr int64_t kPcrPerPts = 300;
+constexpr int64_t kPcrWrap = kPtsWrap * kPcrPerPts;
 
 using Bytes = std::vector<uint8_t>;
 using Packet = std::array<uint8_t, kPacketSize>;
 
-// The errors found, by kind. The first texts of each kind are stored, the others are counted.
-class Faults {
- public:
+// The errors found. The first texts of each kind are stored, the others are counted.
+struct Faults {
   struct Kind {
     uint64_t count = 0;
     std::vector<std::string> first;
   };
   void add(const std::string& kind, const std::string& text) {
-    Kind& entry = byKind_[kind];
+    constexpr uint64_t kKept = 20;
+    Kind& entry = byKind[kind];
     if (++entry.count <= kKept) entry.first.push_back(text);
   }
-  const std::map<std::string, Kind>& byKind() const { return byKind_; }
-
- private:
-  static constexpr uint64_t kKept = 20;
-  std::map<std::string, Kind> byKind_;
+  std::map<std::string, Kind> byKind;
 };
 
 // Gives equal contents one number, so that a long repeating stream uses little memory.
@@ -114,14 +113,20 @@ struct Scan {
 Scan scan(const std::string& path, const ScanOptions& options, Contents& contents, Faults& faults);
 
 // (PID, programme number) of every programme that the file's program association sections name.
-std::set<std::pair<uint16_t, uint16_t>> programmes(const std::string& path);
+using Programmes = std::set<std::pair<uint16_t, uint16_t>>;
+Programmes programmes(const std::string& path);
 
 uint16_t big16(const Bytes& bytes, size_t at);
 
-// The difference of two readings of a clock that wraps, in the shorter direction.
-int64_t signedModulo(int64_t value, int64_t wrap);
-inline int64_t modulo(int64_t value, int64_t wrap) {
+template <typename Integer>
+Integer modulo(Integer value, Integer wrap) {
   return (value % wrap + wrap) % wrap;
+}
+// The difference of two readings of a clock that wraps, in the shorter direction.
+template <typename Integer>
+Integer signedModulo(Integer value, Integer wrap) {
+  const Integer up = modulo(value, wrap);
+  return up > wrap / 2 ? up - wrap : up;
 }
 
 }  // namespace tscheck

@@ -10,7 +10,6 @@
 namespace tscheck {
 namespace {
 
-constexpr int64_t kPcrWrap = (int64_t{1} << 33) * 300;
 constexpr double kLongestPcrInterval_ms = 100;  // ISO/IEC 13818-1, 2.7.2
 constexpr double kRateTolerance = 1e-6;
 
@@ -20,17 +19,14 @@ std::string hex(uint16_t pid) {
 
 Json checkPcrs(const Options& options, const Rate& rate, uint16_t number, const Pid& pid, Faults& faults) {
   const std::vector<Pcr>& pcrs = pid.pcrs;
-  int64_t ticks = pcrs[0].ticks;
+  const std::vector<int64_t> ticks = continued(pcrs);
   Spread absolute, interval;
   for (size_t i = 0; i < pcrs.size(); ++i) {
-    if (i > 0) {
-      interval.add(rate.units(pcrs[i].packet - pcrs[i - 1].packet));
-      ticks += signedModulo(pcrs[i].ticks - pcrs[i - 1].ticks, kPcrWrap);
-    }
-    absolute.add(aheadOfDeparture(rate, pcrs[i], ticks));
+    if (i > 0) interval.add(rate.units(pcrs[i].packet - pcrs[i - 1].packet));
+    absolute.add(aheadOfDeparture(rate, pcrs[i], ticks[i]));
   }
   const double byPcr = static_cast<double>((pcrs.back().packet - pcrs[0].packet) * kPacketBits) * kPcrHz /
-                       static_cast<double>(ticks - pcrs[0].ticks);
+                       static_cast<double>(ticks.back() - ticks[0]);
   const double error = absolute.ns(rate);
   if (options.constantRate && error > options.tolerance_ns)
     faults.add("pcr", fmt::format("PID {:#x}: PCRs are up to {:.1f} ns off", number, error));
@@ -49,9 +45,8 @@ Json checkPcrs(const Options& options, const Rate& rate, uint16_t number, const 
 // How often a table comes: the times from each section to the next one of the same number.
 struct Repetition {
   std::set<unsigned> sections;
-  uint64_t times = 0;
   uint64_t lastPacket = 0;  // of the last section's start
-  double min_s = 0, max_s = 0, sum_s = 0;
+  Intervals gaps_s;
 };
 
 Json checkRepetition(const Options& options, const Rate& rate, const Scan& scan, const Contents& contents,
@@ -69,30 +64,24 @@ Json checkRepetition(const Options& options, const Rate& rate, const Scan& scan,
     const auto [last, isFirst] =
         lastPacket.try_emplace({section.pid, *type, big16(bytes, 3), bytes[6]}, section.firstPacket);
     if (isFirst) continue;
-    const double gap_s = rate.seconds(static_cast<double>(section.firstPacket - last->second));
+    table.gaps_s.add(rate.seconds(static_cast<double>(section.firstPacket - last->second)));
     last->second = section.firstPacket;
-    table.min_s = table.times == 0 ? gap_s : std::min(table.min_s, gap_s);
-    table.max_s = std::max(table.max_s, gap_s);
-    table.sum_s += gap_s;
-    ++table.times;
   }
   Json all = Json::array();
   for (const auto& [key, table] : tables) {
     const TypeRow& row = kTypeRows[key.second];
     Json entry = {{"table", row.name}, {"pid", hex(key.first)}, {"sections", table.sections.size()}};
-    if (rate.known() && table.times > 0)
-      entry["interval_ms"] = {{"min", table.min_s * 1e3},
-                              {"mean", table.sum_s * 1e3 / static_cast<double>(table.times)},
-                              {"max", table.max_s * 1e3}};
+    if (rate.known() && table.gaps_s.count > 0) entry["interval_ms"] = table.gaps_s.json(1e3);
     all.push_back(entry);
     if (!options.limits || !rate.known() || row.limit_s == 0) continue;
     const double silence_s = rate.seconds(static_cast<double>(scan.packets - table.lastPacket));
-    if (std::max(table.max_s, silence_s) > row.limit_s)
-      faults.add("repetition", fmt::format("{} on PID {:#x}: {:.3f} s {}, {} s are allowed", row.name,
-                                           key.first, std::max(table.max_s, silence_s),
-                                           silence_s > table.max_s ? "without it at the end"
-                                                                   : "from a section to its repetition",
-                                           row.limit_s));
+    const double longest_s = std::max(table.gaps_s.max, silence_s);
+    if (longest_s > row.limit_s)
+      faults.add("repetition",
+                 fmt::format("{} on PID {:#x}: {:.3f} s {}, {} s are allowed", row.name, key.first, longest_s,
+                             silence_s > table.gaps_s.max ? "without it at the end"
+                                                          : "from a section to its repetition",
+                             row.limit_s));
   }
   return all;
 }
@@ -120,9 +109,7 @@ Rate rateByPcr(const Scan& scan) {
   for (const auto& [number, pid] : scan.pids)
     if (pid.pcrs.size() > 1 && (best == nullptr || pid.pcrs.size() > best->pcrs.size())) best = &pid;
   if (best == nullptr) return {};
-  int64_t ticks = 0;
-  for (size_t i = 1; i < best->pcrs.size(); ++i)
-    ticks += signedModulo(best->pcrs[i].ticks - best->pcrs[i - 1].ticks, kPcrWrap);
+  const int64_t ticks = continued(best->pcrs).back() - best->pcrs[0].ticks;
   if (ticks <= 0) return {};
   return {static_cast<int64_t>(best->pcrs.back().packet - best->pcrs[0].packet) * kPacketBits * kPcrHz,
           ticks};

@@ -1,10 +1,9 @@
-#include "tables.h"
-
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <stdexcept>
 
-#include "scan.h"
+#include "checks.h"
 
 // libdvbpsi's headers need those before them.
 // clang-format off
@@ -33,76 +32,70 @@ struct TableDecoder::Decoder {
 
 namespace {
 
-std::string descriptors(const dvbpsi_descriptor_t* d) {
-  std::string out = "[";
-  for (; d != nullptr; d = d->p_next) {
-    out += fmt::format("{:02x}:", d->i_tag);
-    for (unsigned i = 0; i < d->i_length; ++i) out += fmt::format("{:02x}", d->p_data[i]);
-    out += ' ';
-  }
-  return out + "]";
+// The texts of all nodes of a list of the library.
+template <typename Node, typename TextOf>
+std::string each(const Node* node, const TextOf& textOf) {
+  std::string text;
+  for (; node != nullptr; node = node->p_next) text += textOf(*node);
+  return text;
 }
 
-// The name and the content of each kind of table.
-
-std::string nameOf(const dvbpsi_pat_t& pat) {
-  return fmt::format("PAT ts {}", pat.i_ts_id);
-}
-std::string text(const dvbpsi_pat_t& pat) {
-  std::string out;
-  for (const auto* p = pat.p_first_program; p != nullptr; p = p->p_next)
-    out += fmt::format(" {}->{:#x}", p->i_number, p->i_pid);
-  return out;
+std::string descriptors(const dvbpsi_descriptor_t* first) {
+  return '[' +
+         each(first,
+              [](const dvbpsi_descriptor_t& d) {
+                return fmt::format("{:02x}:{:02x} ", d.i_tag, fmt::join(d.p_data, d.p_data + d.i_length, ""));
+              }) +
+         ']';
 }
 
-std::string nameOf(const dvbpsi_cat_t& /*cat*/) {
-  return "CAT";
-}
-std::string text(const dvbpsi_cat_t& cat) {
-  return ' ' + descriptors(cat.p_first_descriptor);
-}
+// A table's name and content.
+using Described = std::pair<std::string, std::string>;
 
-std::string nameOf(const dvbpsi_pmt_t& pmt) {
-  return fmt::format("PMT programme {}", pmt.i_program_number);
+Described described(const dvbpsi_pat_t& pat) {
+  return {fmt::format("PAT ts {}", pat.i_ts_id), each(pat.p_first_program, [](const auto& p) {
+            return fmt::format(" {}->{:#x}", p.i_number, p.i_pid);
+          })};
 }
-std::string text(const dvbpsi_pmt_t& pmt) {
-  std::string out = fmt::format(" pcr {:#x} {}", pmt.i_pcr_pid, descriptors(pmt.p_first_descriptor));
-  for (const auto* e = pmt.p_first_es; e != nullptr; e = e->p_next)
-    out += fmt::format(" {}:{:#x}{}", e->i_type, e->i_pid, descriptors(e->p_first_descriptor));
-  return out;
+Described described(const dvbpsi_cat_t& cat) {
+  return {"CAT", ' ' + descriptors(cat.p_first_descriptor)};
 }
-
-std::string nameOf(const dvbpsi_sdt_t& sdt) {
-  return fmt::format("SDT {:#x} ts {}", sdt.i_table_id, sdt.i_extension);
+Described described(const dvbpsi_pmt_t& pmt) {
+  return {fmt::format("PMT programme {}", pmt.i_program_number),
+          fmt::format(" pcr {:#x} {}", pmt.i_pcr_pid, descriptors(pmt.p_first_descriptor)) +
+              each(pmt.p_first_es, [](const auto& e) {
+                return fmt::format(" {}:{:#x}{}", e.i_type, e.i_pid, descriptors(e.p_first_descriptor));
+              })};
 }
-std::string text(const dvbpsi_sdt_t& sdt) {
-  std::string out = fmt::format(" network {}", sdt.i_network_id);
-  for (const auto* s = sdt.p_first_service; s != nullptr; s = s->p_next)
-    out += fmt::format(" {}:{}{}{}{}{}", s->i_service_id, s->b_eit_schedule, s->b_eit_present,
-                       s->i_running_status, s->b_free_ca, descriptors(s->p_first_descriptor));
-  return out;
-}
-
-std::string nameOf(const dvbpsi_nit_t& nit) {
-  return fmt::format("NIT {:#x} network {}", nit.i_table_id, nit.i_network_id);
-}
-std::string nameOf(const dvbpsi_bat_t& bat) {
-  return fmt::format("BAT {:#x}", bat.i_extension);
+Described described(const dvbpsi_sdt_t& sdt) {
+  return {fmt::format("SDT {:#x} ts {}", sdt.i_table_id, sdt.i_extension),
+          fmt::format(" network {}", sdt.i_network_id) + each(sdt.p_first_service, [](const auto& s) {
+            return fmt::format(" {}:{}{}{}{}{}", s.i_service_id, s.b_eit_schedule, s.b_eit_present,
+                               s.i_running_status, s.b_free_ca, descriptors(s.p_first_descriptor));
+          })};
 }
 template <typename Table>  // NIT or BAT
-std::string text(const Table& table) {
-  std::string out = ' ' + descriptors(table.p_first_descriptor);
-  for (const auto* s = table.p_first_ts; s != nullptr; s = s->p_next)
-    out += fmt::format(" {}/{}{}", s->i_ts_id, s->i_orig_network_id, descriptors(s->p_first_descriptor));
-  return out;
+std::string streams(const Table& table) {
+  return ' ' + descriptors(table.p_first_descriptor) + each(table.p_first_ts, [](const auto& s) {
+           return fmt::format(" {}/{}{}", s.i_ts_id, s.i_orig_network_id, descriptors(s.p_first_descriptor));
+         });
+}
+Described described(const dvbpsi_nit_t& nit) {
+  return {fmt::format("NIT {:#x} network {}", nit.i_table_id, nit.i_network_id), streams(nit)};
+}
+Described described(const dvbpsi_bat_t& bat) {
+  return {fmt::format("BAT {:#x}", bat.i_extension), streams(bat)};
 }
 
 // Called by the library for a whole table, which it owns no longer.
 template <typename Table, void (*release)(Table*)>
 void report(void* to, Table* table) {
-  if (table->b_current_next)
-    (*static_cast<TableDecoder::OnTable*>(to))(nameOf(*table),
-                                               fmt::format("v{}{}", table->i_version, text(*table)));
+  if (table->b_current_next) {
+    const auto [name, content] = described(*table);
+    TableDecoder::Versions& versions = static_cast<TableDecoder*>(to)->tables[name];
+    versions.last = fmt::format("v{}{}", table->i_version, content);
+    versions.all.insert(versions.last);
+  }
   release(table);
 }
 
@@ -123,7 +116,7 @@ dvbpsi_t* TableDecoder::add(uint16_t pid, void (*detach)(dvbpsi_t*)) {
     const auto& decoder = *static_cast<Decoder*>(handle->p_sys);
     std::string line = message;
     std::erase(line, '\n');
-    decoder.owner->onError_(fmt::format("PID {:#x}: {}", decoder.pid, line));
+    decoder.owner->errors.push_back(fmt::format("PID {:#x}: {}", decoder.pid, line));
   };
   dvbpsi_t* handle = dvbpsi_new(onMessage, DVBPSI_MSG_ERROR);
   if (handle == nullptr) throw std::runtime_error("libdvbpsi gives no decoder");
@@ -132,16 +125,13 @@ dvbpsi_t* TableDecoder::add(uint16_t pid, void (*detach)(dvbpsi_t*)) {
   return handle;
 }
 
-TableDecoder::TableDecoder(const std::set<std::pair<uint16_t, uint16_t>>& programmes, OnTable onTable,
-                           OnError onError)
-    : onTable_(std::move(onTable)), onError_(std::move(onError)) {
-  dvbpsi_pat_attach(add(0x0000, dvbpsi_pat_detach), report<dvbpsi_pat_t, dvbpsi_pat_delete>, &onTable_);
-  dvbpsi_cat_attach(add(0x0001, dvbpsi_cat_detach), report<dvbpsi_cat_t, dvbpsi_cat_delete>, &onTable_);
+TableDecoder::TableDecoder(const Programmes& programmes) {
+  dvbpsi_pat_attach(add(0x0000, dvbpsi_pat_detach), report<dvbpsi_pat_t, dvbpsi_pat_delete>, this);
+  dvbpsi_cat_attach(add(0x0001, dvbpsi_cat_detach), report<dvbpsi_cat_t, dvbpsi_cat_delete>, this);
   for (const auto& [pid, programme] : programmes)
-    dvbpsi_pmt_attach(add(pid, dvbpsi_pmt_detach), programme, report<dvbpsi_pmt_t, dvbpsi_pmt_delete>,
-                      &onTable_);
+    dvbpsi_pmt_attach(add(pid, dvbpsi_pmt_detach), programme, report<dvbpsi_pmt_t, dvbpsi_pmt_delete>, this);
   for (const uint16_t pid : {uint16_t{0x0010}, uint16_t{0x0011}})
-    dvbpsi_AttachDemux(add(pid, dvbpsi_DetachDemux), onSubtable, &onTable_);
+    dvbpsi_AttachDemux(add(pid, dvbpsi_DetachDemux), onSubtable, this);
 }
 
 TableDecoder::~TableDecoder() {

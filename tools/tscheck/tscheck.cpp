@@ -10,7 +10,6 @@
 #include <stdexcept>
 
 #include "checks.h"
-#include "tables.h"
 
 namespace tscheck {
 namespace {
@@ -21,48 +20,47 @@ constexpr int kFaulty = 1;
 constexpr int kWrongCall = 2;
 
 template <typename Number>
-const char* parse(const char* from, const std::string& text, Number& number, int base = 10) {
-  const auto [end, error] = std::from_chars(from, text.data() + text.size(), number, base);
-  return error == std::errc() ? end : nullptr;
+bool parse(std::string_view text, Number& number, int base = 10) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+  return error == std::errc() && end == text.data() + text.size();
+}
+
+// The texts before and behind a mark; all and `otherwise` without one.
+std::pair<std::string_view, std::string_view> split(std::string_view text, char mark,
+                                                    std::string_view otherwise = "") {
+  const size_t at = text.find(mark);
+  if (at == std::string_view::npos) return {text, otherwise};
+  return {text.substr(0, at), text.substr(at + 1)};
 }
 
 Rate parseRate(const std::string& text) {
   Rate rate;
-  const char* end = parse(text.data(), text, rate.num);
-  if (end != nullptr && *end == '/') end = parse(end + 1, text, rate.den);
-  if (end == nullptr || *end != '\0' || rate.num <= 0 || rate.den <= 0)
+  const auto [num, den] = split(text, '/', "1");
+  if (!parse(num, rate.num) || !parse(den, rate.den) || rate.num <= 0 || rate.den <= 0)
     throw std::invalid_argument(
         fmt::format("--rate {}: give N or N/D in bit/s, above 0, as 38014705 or 646250000/17", text));
   return rate;
 }
 
 void parseInterval(const std::string& text, std::array<unsigned, kTypes>& intervals) {
-  const size_t equals = text.find('=');
-  for (size_t type = 0; equals != std::string::npos && type < kTypes; ++type) {
-    if (text.compare(0, equals, kTypeRows[type].name) != 0) continue;
-    const char* end = parse(text.data() + equals + 1, text, intervals[type]);
-    if (end != nullptr && *end == '\0') return;
-  }
-  throw std::invalid_argument(fmt::format(
-      "--interval {}: give TABLE=TICKS with TABLE one of PAT PMT SDT_C SDT_O NIT_C NIT_O BAT CAT", text));
+  const auto [name, ticks] = split(text, '=');
+  const auto* row = std::ranges::find(kTypeRows, name, &TypeRow::name);
+  if (row == kTypeRows.end() || !parse(ticks, intervals.at(static_cast<size_t>(row - kTypeRows.begin()))))
+    throw std::invalid_argument(fmt::format(
+        "--interval {}: give TABLE=TICKS with TABLE one of PAT PMT SDT_C SDT_O NIT_C NIT_O BAT CAT", text));
 }
 
-uint16_t parsePid(const std::string& text) {
-  uint16_t pid = 0;
+bool parsePid(std::string_view text, uint16_t& pid) {
   const bool isHex = text.starts_with("0x");
-  const char* end = parse(text.data() + (isHex ? 2 : 0), text, pid, isHex ? 16 : 10);
-  if (end == nullptr || *end != '\0' || pid >= kNullPid) throw std::invalid_argument(text);
-  return pid;
+  return parse(text.substr(isHex ? 2 : 0), pid, isHex ? 16 : 10) && pid < kNullPid;
 }
 
 void parseMap(const std::string& text, std::map<uint16_t, uint16_t>& sourceOf) {
-  const size_t equals = text.find('=');
-  try {
-    if (equals == std::string::npos) throw std::invalid_argument(text);
-    sourceOf[parsePid(text.substr(equals + 1))] = parsePid(text.substr(0, equals));
-  } catch (const std::invalid_argument&) {
+  const auto [source, file] = split(text, '=');
+  uint16_t from = 0, pid = 0;
+  if (!parsePid(source, from) || !parsePid(file, pid))
     throw std::invalid_argument(fmt::format("--map {}: give SOURCE-PID=PID, as 0x300=0x100", text));
-  }
+  sourceOf[pid] = from;
 }
 
 void checkCall(const Options& options, bool hasIntervals) {
@@ -80,13 +78,6 @@ void checkCall(const Options& options, bool hasIntervals) {
     throw std::invalid_argument("--aux-hz must be above 0, --tolerance and --from 0 or more");
 }
 
-// libdvbpsi joins the start of a new section to one that broke off and reports a bad CRC: what it says counts
-// only where every section is whole.
-void noteLibraryErrors(const Scan& scan, const Decoded& decoded, Faults& faults) {
-  if (scan.cutSections > 0) return;
-  for (const std::string& text : decoded.errors) faults.add("libdvbpsi", text);
-}
-
 Json check(const Options& options, Faults& faults) {
   Contents contents;
   std::optional<PsiSource> psi;
@@ -95,11 +86,7 @@ Json check(const Options& options, Faults& faults) {
   std::set<uint16_t> pmtPids;
   for (const auto& [pid, programme] : named) pmtPids.insert(pid);
 
-  Decoded decoded;
-  TableDecoder decoder(
-      named,
-      [&](const std::string& name, const std::string& content) { decoded.tables[name].insert(content); },
-      [&](const std::string& text) { decoded.errors.push_back(text); });
+  TableDecoder decoder(named);
   ScanOptions scanOptions;
   scanOptions.sectionPids = tablePids(pmtPids);
   scanOptions.everyPid = options.everyPid;
@@ -114,42 +101,47 @@ Json check(const Options& options, Faults& faults) {
   if (options.from_s > 0)
     scanOptions.fromPacket = static_cast<uint64_t>(std::ceil(options.from_s / options.rate.seconds(1)));
   const Scan seen = scan(options.file, scanOptions, contents, faults);
-  noteLibraryErrors(seen, decoded, faults);
+  // libdvbpsi joins the start of a new section to one that broke off and reports a bad CRC: its messages
+  // count only where every section is whole.
+  if (seen.cutSections == 0)
+    for (const std::string& text : decoder.errors) faults.add("libdvbpsi", text);
   if (seen.packets <= scanOptions.fromPacket)
     faults.add("empty", options.from_s > 0 ? "no packet lies behind --from" : "there is no packet");
 
   const Rate rate = options.rate.known() ? options.rate : rateByPcr(seen);
   Json summary = checkStream(options, rate, seen, contents, pmtPids, faults);
-  for (const auto& [name, versions] : decoded.tables) summary["decoded"][name] = *versions.rbegin();
-  if (psi) summary["psi"] = checkPsi(options, *psi, seen, decoded, contents, faults);
+  for (const auto& [name, versions] : decoder.tables) summary["decoded"][name] = *versions.all.rbegin();
+  if (psi) summary["psi"] = checkPsi(options, *psi, seen, decoder, contents, faults);
   if (!options.source.empty()) summary["streams"] = checkPasses(options, seen, faults);
   return summary;
 }
 
-// ---- What people read ----
+// ---- The text
+
+double real(const Json& number) {
+  return number.get<double>();
+}
 
 void printStream(const Options& options, const Json& summary) {
   fmt::print("{}: {} packets, {} of them not null", options.file, summary["packets"].get<uint64_t>(),
              summary["packets_not_null"].get<uint64_t>());
   if (summary.contains("bit_rate"))
-    fmt::print(", {:.3f} s at {:.1f} bit/s{}", summary["seconds"].get<double>(),
-               summary["bit_rate"].get<double>(), options.rate.known() ? "" : " by the PCRs");
+    fmt::print(", {:.3f} s at {:.1f} bit/s{}", real(summary["seconds"]), real(summary["bit_rate"]),
+               options.rate.known() ? "" : " by the PCRs");
   fmt::print("\n");
   for (const auto& table : summary["repetition"]) {
     fmt::print("  {:6} PID {:7} {:3} section{}", table["table"].get<std::string>(),
                table["pid"].get<std::string>(), table["sections"].get<uint64_t>(),
                table["sections"] == 1 ? "" : "s");
-    if (table.contains("interval_ms"))
-      fmt::print(", each repeated after {:.1f} to {:.1f} ms, {:.1f} on average",
-                 table["interval_ms"]["min"].get<double>(), table["interval_ms"]["max"].get<double>(),
-                 table["interval_ms"]["mean"].get<double>());
+    if (const Json ms = table.value("interval_ms", Json()); !ms.is_null())
+      fmt::print(", each repeated after {:.1f} to {:.1f} ms, {:.1f} on average", real(ms["min"]),
+                 real(ms["max"]), real(ms["mean"]));
     fmt::print("\n");
   }
   for (const auto& [pid, pcr] : summary["pcr"].items()) {
-    const double error_ns = pcr["absolute_error_ns"].get<double>();
+    const double error_ns = real(pcr["absolute_error_ns"]);
     fmt::print("  PCR    PID {:7} {} of them, {:.1f} to {:.1f} ms apart, {}\n", pid,
-               pcr["count"].get<uint64_t>(), pcr["interval_ms"]["min"].get<double>(),
-               pcr["interval_ms"]["max"].get<double>(),
+               pcr["count"].get<uint64_t>(), real(pcr["interval_ms"]["min"]), real(pcr["interval_ms"]["max"]),
                error_ns < kConstant_ns ? fmt::format("up to {:.0f} ns off at a constant rate", error_ns)
                                        : "the rate is not constant");
   }
@@ -157,12 +149,12 @@ void printStream(const Options& options, const Json& summary) {
 }
 
 void printFaults(const Faults& faults) {
-  for (const auto& [kind, found] : faults.byKind()) {
+  for (const auto& [kind, found] : faults.byKind) {
     for (const std::string& text : found.first) fmt::print("fault: {}: {}\n", kind, text);
     if (found.count > found.first.size())
       fmt::print("fault: {}: {} more\n", kind, found.count - found.first.size());
   }
-  if (faults.byKind().empty()) fmt::print("Nothing wrong was found.\n");
+  if (faults.byKind.empty()) fmt::print("Nothing wrong was found.\n");
 }
 
 int run(const Options& options, bool asJson) {
@@ -170,7 +162,7 @@ int run(const Options& options, bool asJson) {
   Json summary = check(options, faults);
   if (asJson) {
     summary["faults"] = Json::object();
-    for (const auto& [kind, found] : faults.byKind())
+    for (const auto& [kind, found] : faults.byKind)
       summary["faults"][kind] = {{"count", found.count}, {"first", found.first}};
     fmt::print("{}\n", summary.dump(1));
   } else {
@@ -179,7 +171,7 @@ int run(const Options& options, bool asJson) {
   }
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
     throw std::runtime_error("the output could not be written");
-  return faults.byKind().empty() ? kOk : kFaulty;
+  return faults.byKind.empty() ? kOk : kFaulty;
 }
 
 constexpr const char* kDescription =
@@ -202,7 +194,7 @@ Exit code: 0 nothing wrong, 1 faults were found, 2 wrong call, or a file that ca
 
 int runProgram(int argc, char** argv) {
   Options options;
-  std::vector<std::string> intervals;
+  std::vector<std::string> intervals, maps;
   unsigned defaultInterval = 300;
   bool asJson = false;
   CLI::App app(kDescription, "tscheck");
@@ -210,7 +202,7 @@ int runProgram(int argc, char** argv) {
   app.add_option("FILE", options.file, "transport stream of packets of 188 bytes")->required();
   app.add_option_function<std::string>(
       "--rate", [&](const std::string& text) { options.rate = parseRate(text); },
-      "its bit rate in bit/s, N or N/D; without it the PCRs tell. --psi, --source, --constant-rate and "
+      "its bit rate in bit/s, N or N/D; without it that of the PCRs. --psi, --source, --constant-rate and "
       "--from need it");
   app.add_flag_callback(
       "--no-limits", [&] { options.limits = false; },
@@ -222,31 +214,28 @@ int runProgram(int argc, char** argv) {
   app.add_flag("--allow-cut", options.allowCut, "a section may break off where another one starts");
   app.add_flag("--every-pid", options.everyPid, "every PID but that of null packets carries sections");
   app.add_flag("--json", asJson, "print what was measured and all kinds of faults as JSON");
-  app.add_option("--psi", options.psi, "capture whose tables FILE must carry, and no others")
-      ->group("Tables of a source");
-  app.add_option("--default-interval", defaultInterval, "ticks between two sections of a table")
-      ->capture_default_str()
-      ->group("Tables of a source");
-  app.add_option("--interval", intervals, "TABLE=TICKS, where it differs; 0: the table must not be sent")
-      ->group("Tables of a source");
-  app.add_option("--aux-hz", options.auxHz, "ticks a second")
-      ->capture_default_str()
-      ->group("Tables of a source");
-  app.add_flag("--untimed", options.untimed, "do not judge when tables come")->group("Tables of a source");
-  app.add_option("--source", options.source, "file that was played into FILE over and over")
-      ->group("Programmes of a source");
-  app.add_option_function<std::vector<std::string>>(
-         "--map",
-         [&](const std::vector<std::string>& maps) {
-           for (const std::string& text : maps) parseMap(text, options.sourceOf);
-         },
-         "SOURCE-PID=PID: the number that a PID of the source has in FILE. The payload must be the end of a "
-         "pass, whole passes and the start of one; no PCR may have more error added than --tolerance")
-      ->group("Programmes of a source");
+  for (CLI::Option* option :
+       {app.add_option("--psi", options.psi, "capture whose tables FILE must carry, and no others"),
+        app.add_option("--default-interval", defaultInterval, "ticks between two sections of a table")
+            ->capture_default_str(),
+        app.add_option("--interval", intervals,
+                       "TABLE=TICKS, where it differs; 0: the table must not be sent"),
+        app.add_option("--aux-hz", options.auxHz, "ticks a second")->capture_default_str(),
+        app.add_flag("--untimed", options.untimed, "do not judge when tables come")})
+    option->group("Tables of a source");
+  for (CLI::Option* option :
+       {app.add_option("--source", options.source, "file that was played into FILE over and over"),
+        app.add_option(
+            "--map", maps,
+            "SOURCE-PID=PID: the number that a PID of the source has in FILE. The payload must be the end of "
+            "a "
+            "pass, whole passes and the start of one; no PCR may have more error added than --tolerance")})
+    option->group("Programmes of a source");
   try {
     app.parse(argc, argv);
     options.intervals.fill(defaultInterval);
     for (const std::string& text : intervals) parseInterval(text, options.intervals);
+    for (const std::string& text : maps) parseMap(text, options.sourceOf);
     checkCall(options, !intervals.empty());
     return run(options, asJson);
   } catch (const CLI::ParseError& error) {

@@ -1,14 +1,16 @@
-// var: lists the variables of a card, reads and sets them.
+// var, mib and call: the variables of a card, the MIB module that describes them, and its routines for a
+// debug shell.
 #include <fmt/format.h>
 
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 #include "base/text.h"
 #include "client/chassis_services.h"
-#include "commands/families.h"
+#include "commands/command.h"
 #include "commands/json_fields.h"
+#include "mibs/mib_module.h"
+#include "protocol/mib_rows.h"
 
 namespace commands {
 namespace {
@@ -19,17 +21,13 @@ using protocol::VariableValue;
 
 const CardVariable* variableOf(const std::string& text) {
   const CardVariable* variable = protocol::findCardVariable(text);
-  if (variable == nullptr)
-    throw std::invalid_argument(
-        fmt::format("'{}' is no variable of a card; qamctl var list shows them", text));
-  return variable;
+  return valid(variable == nullptr ? std::nullopt : std::optional(variable), text,
+               "variable of a card; qamctl var list shows them");
 }
 
 Json unitOf(const CardVariable& variable) {
   return variable.unit.empty() ? Json(nullptr) : Json(variable.unit);
 }
-
-// --- list ---
 
 Json listed(const CardVariable& variable) {
   Json entry = {{"id", variable.id},
@@ -57,8 +55,7 @@ Json valueOf(const CardVariable& variable, const VariableValue& value) {
   return variable.kind == VariableKind::kSignedDegrees ? Json(protocol::signedDegrees(number)) : Json(number);
 }
 
-class List final : public Command {
- public:
+struct List final : Command {
   void describe(Form& form) override { takeJson(form); }
 
   void carryOut(Session& session) override {
@@ -73,19 +70,18 @@ class List final : public Command {
   }
 };
 
-class Get final : public Command {
- public:
+struct Get final : Command {
   void describe(Form& form) override {
     takeSlot(form);
     form.values(Option("variables", "ID|NAME", "what to read; all when there is none").count(1, kAny),
                 variables_, variableOf);
     takeJson(form);
     form.footer(
-        "A bit rate takes the card half a second, in which it answers nobody else.\n"
-        "A number comes as the card stores it; behind it, in brackets, what it means.");
+        "A bit rate takes the card half a second, in which it answers no other client.\n"
+        "A number is shown as the card stores it; behind it, in brackets, what it means.");
   }
 
-  // Prints when all have been read: what there is, is whole.
+  // Prints when all have been read, so never a partial answer.
   void carryOut(Session& session) override {
     if (variables_.empty()) {
       for (const CardVariable& variable : protocol::cardVariables()) variables_.push_back(&variable);
@@ -106,12 +102,10 @@ class Get final : public Command {
     session.print(json ? jsonText(report) : text);
   }
 
- private:
   std::vector<const CardVariable*> variables_;
 };
 
-class Set final : public Command {
- public:
+struct Set final : Command {
   void describe(Form& form) override {
     takeSlot(form);
     form.value(Option("variable", "ID|NAME", "what to set").required(), variable_, variableOf);
@@ -136,10 +130,75 @@ class Set final : public Command {
     if (!warning.empty()) session.note(warning);
   }
 
- private:
   const CardVariable* variable_ = nullptr;
   std::string text_;
   u32 value_ = 0;
+};
+
+struct Mib final : Command {
+  void describe(Form& form) override {
+    form.value(Option("--base", "OID", "the node that the objects are below: ten numbers with dots")
+                   .byDefault(protocol::mibBaseText(protocol::kDefaultMibBase)),
+               base_, protocol::parseMibBase);
+    form.footer(
+        "The module is QAM-HEADEND-MIB (SMIv2); the base is the agent's.\n"
+        "Net-SNMP's programs misread numbers of the base above 2147483647.\n"
+        "\nExample: qamctl mib --base 1.3.6.1.4.1.32473.1.2.3 > QAM-HEADEND-MIB.txt");
+  }
+  void carryOut(Session& session) override { session.print(mibs::mibModule(base_)); }
+
+  std::vector<u32> base_{protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end()};
+};
+
+constexpr std::chrono::milliseconds kPoll{100};
+
+// Decimal, negative too as a debug shell takes them, or 0x.
+u32 argumentOf(const std::string& text) {
+  const bool isNegative = text.starts_with('-');
+  const u32 value = valid(base::parseNumber(std::string_view(text).substr(isNegative ? 1 : 0)), text,
+                          "number of 32 bits, decimal or 0x");
+  return isNegative ? 0u - value : value;
+}
+
+// The lines of a text, safe on a terminal.
+std::string safe(std::string_view printed) {
+  std::string text;
+  for (std::size_t end = 0; (end = printed.find('\n')) != std::string_view::npos;
+       printed.remove_prefix(end + 1))
+    text += base::printable(printed.substr(0, end)) + '\n';
+  return text + base::printable(printed);
+}
+
+struct CallRoutine final : Command {
+  void describe(Form& form) override {
+    takeSlot(form);
+    form.text(Option("routine", "ROUTINE", "its name").required(), routine_);
+    form.values(Option("arguments", "ARGS", "numbers, decimal or 0x").count(1, kAny), arguments_, argumentOf);
+    form.number(Option("--seconds", "S", "how long to wait for its end"), seconds_, 0.001, 1e6);
+    form.footer("The routine runs in its own task; what it prints is shown as it is printed.");
+  }
+
+  void carryOut(Session& session) override {
+    const u16 card = static_cast<u16>(slot());
+    const u32 number = client::beginCall(session.link(), card, routine_, arguments_);
+    std::size_t shown = 0;
+    for (double waited_s = 0;; waited_s += std::chrono::duration<double>(kPoll).count()) {
+      const client::CallState state = client::callState(session.link(), card, number);
+      session.print(safe(std::string_view(state.printed).substr(shown)));
+      shown = state.printed.size();
+      if (state.finished) return;
+      if (waited_s >= seconds_) {
+        throw std::runtime_error(
+            fmt::format("{} of card {} has not returned within {:g} s; it goes on (--seconds waits longer)",
+                        routine_, slot() + 1, seconds_));
+      }
+      session.pause(kPoll);
+    }
+  }
+
+  std::string routine_;
+  std::vector<u32> arguments_;
+  double seconds_ = 10;
 };
 
 }  // namespace
@@ -152,12 +211,22 @@ Group variableCommands() {
               "  qamctl var get 1 rfreq rflevel\n"
               "  qamctl var set 1 qammode 7",
           .commands = {
-              {"list", "Show what there is and what may be set; asks no server", Needs::kNothing, make<List>},
-              {"get", "Read variables of a card", Needs::kChassis, make<Get>},
+              {"list", "Show what there is and what may be set; asks no server", make<List>, Needs::kNothing},
+              {"get", "Read variables of a card", make<Get>},
               {"set",
                "Set a variable of a card, which applies it and has it saved (a save that fails shows in the "
                "chassis's log alone)",
-               Needs::kChassis, make<Set>}}};
+               make<Set>}}};
+}
+
+Group mibCommands() {
+  return {.commands = {{"mib", "Print the MIB module of the cards' SNMP objects; asks no server", make<Mib>,
+                        Needs::kNothing}}};
+}
+
+Group callCommands() {
+  return {
+      .commands = {{"call", "Run a routine of a card that is meant for a debug shell", make<CallRoutine>}}};
 }
 
 }  // namespace commands

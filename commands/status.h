@@ -1,4 +1,4 @@
-// The chassis's status object, and the report of `qamctl status` about it as text for users.
+// What a chassis reports of itself: its status object as text for users, and its alarms as JSON.
 #pragma once
 
 #include <optional>
@@ -8,6 +8,7 @@
 #include "client/channel_change.h"
 #include "client/link.h"
 #include "commands/json_fields.h"
+#include "protocol/alarms.h"
 
 namespace commands {
 
@@ -30,8 +31,9 @@ std::string faultsText(const Json& status);
 // The tick rate of the carousel from the status; nullopt if it is missing.
 std::optional<double> auxHzOf(const Json& status);
 
-// The readout of each channel of a card's status entry, each with its slot and channel.
-Json rfOfCard(const Json& card);
+// From a status object: the readouts of the channels of one slot (from 0) or of all, each with its slot and
+// channel.
+Json rfOf(const Json& status, std::optional<int> slot = {});
 
 // A readout in one line: "554.000 MHz  100.0 dBuV  64-QAM  6875 kBd (clock 6875.000)  on air".
 std::string rfLine(const Json& readout);
@@ -43,5 +45,9 @@ std::vector<std::string> rfLines(const Json& readouts);
 // values missing in the status are null.
 Json ratesReport(const Json& status);
 std::string ratesText(const Json& report);
+
+// An object with slot, port, type, happened (seconds since 1970-01-01 UTC), and in en and zh: title, text and
+// trap (the text for logs).
+Json alarmJson(const protocol::Alarm& alarm);
 
 }  // namespace commands

@@ -11,7 +11,7 @@ namespace {
 
 using protocol::AlarmEvent;
 
-constexpr std::chrono::milliseconds kPoll{500};
+constexpr std::chrono::milliseconds kFollowPoll{500};
 
 std::string utc(u32 seconds) {
   return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time_t{seconds}));
@@ -62,7 +62,7 @@ struct Alarms final : Command {
     }
     if (!follow_) return;
     session.holdSignals(true);
-    while (session.pause(kPoll)) next = showEvents(session, next, next);
+    while (session.pause(kFollowPoll)) next = showEvents(session, next, next);
   }
 
   // The events from a number on. Returns the number of the next one, `none` where there are none.

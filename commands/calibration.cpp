@@ -182,11 +182,11 @@ struct Calibrate : Command {
   u8 card() const { return static_cast<u8>(slot()); }
 };
 
-struct Read final : Calibrate {
+struct CalRead final : Calibrate {
   void carryOut(Session& session) override { show(session, read(session)); }
 };
 
-struct Save final : Calibrate {
+struct CalSave final : Calibrate {
   void describeMore(Form& form) override {
     takeFile(form, Option("file", "FILE.json", "the file to write").required(), file_, true);
   }
@@ -202,7 +202,7 @@ struct Save final : Calibrate {
 
 // Write and restore. Nothing is sent unless the DAC's values can be read: registers that are not given keep
 // them.
-struct Change : Calibrate {
+struct CalChange : Calibrate {
   void carryOut(Session& session) override {
     const DacRegisters before = read(session);
     const DacRegisters wanted = changed(before);
@@ -262,7 +262,7 @@ struct Change : Calibrate {
   bool force_ = false;
 };
 
-struct Write final : Change {
+struct CalWrite final : CalChange {
   void describeMore(Form& form) override {
     for (std::size_t n = 0; n < client::kDacGroups.size(); ++n) {
       const client::DacGroup& group = client::kDacGroups.at(n);
@@ -273,7 +273,7 @@ struct Write final : Change {
                       .count(count, count),
                   groups_.at(n), parseHexByte);
     }
-    Change::describeMore(form);
+    CalChange::describeMore(form);
   }
 
   void prepare(Surroundings& /*surroundings*/) override {
@@ -290,10 +290,10 @@ struct Write final : Change {
   std::array<std::vector<u8>, client::kDacGroups.size()> groups_;  // empty for a group that is not given
 };
 
-struct Restore final : Change {
+struct CalRestore final : CalChange {
   void describeMore(Form& form) override {
     takeFile(form, Option("file", "FILE.json", "a file that save wrote").required(), file_, false);
-    Change::describeMore(form);
+    CalChange::describeMore(form);
   }
 
   void prepare(Surroundings& surroundings) override {
@@ -308,7 +308,7 @@ struct Restore final : Change {
   SavedCalibration saved_;
 };
 
-struct Watch final : Calibrate {
+struct CalWatch final : Calibrate {
   void describeMore(Form& form) override {
     // The service takes a request every 100 ms.
     form.number(Option("--every", "S", "seconds between two looks"), every_s_, 0.1, 3600);
@@ -371,12 +371,13 @@ Group calibrationCommands() {
           "Exit codes: 0 done; 1 the request could not be carried out (no reply, the DAC reads back "
           "something else, values\n"
           "that need --force, file error); 2 wrong call.",
-      .commands = {{"read", "Show what the DAC holds", make<Read>, Needs::kCalibration},
-                   {"write", "Write the DAC and the EEPROM, and read the DAC back", make<Write>,
+      .commands = {{"read", "Show what the DAC holds", make<CalRead>, Needs::kCalibration},
+                   {"write", "Write the DAC and the EEPROM, and read the DAC back", make<CalWrite>,
                     Needs::kCalibration},
-                   {"save", "Save what the DAC holds to a file", make<Save>, Needs::kCalibration},
-                   {"restore", "Write what a file holds, as write does", make<Restore>, Needs::kCalibration},
-                   {"watch", "Show what the DAC holds, then each change until Ctrl-C", make<Watch>,
+                   {"save", "Save what the DAC holds to a file", make<CalSave>, Needs::kCalibration},
+                   {"restore", "Write what a file holds, as write does", make<CalRestore>,
+                    Needs::kCalibration},
+                   {"watch", "Show what the DAC holds, then each change until Ctrl-C", make<CalWatch>,
                     Needs::kCalibration, true}},
       .describe = describeShared};
 }

@@ -55,7 +55,7 @@ Json valueOf(const CardVariable& variable, const VariableValue& value) {
   return variable.kind == VariableKind::kSignedDegrees ? Json(protocol::signedDegrees(number)) : Json(number);
 }
 
-struct List final : Command {
+struct VarList final : Command {
   void describe(Form& form) override { takeJson(form); }
 
   void carryOut(Session& session) override {
@@ -70,7 +70,7 @@ struct List final : Command {
   }
 };
 
-struct Get final : Command {
+struct VarGet final : Command {
   void describe(Form& form) override {
     takeSlot(form);
     form.values(Option("variables", "ID|NAME", "what to read; all when there is none").count(1, kAny),
@@ -105,7 +105,7 @@ struct Get final : Command {
   std::vector<const CardVariable*> variables_;
 };
 
-struct Set final : Command {
+struct VarSet final : Command {
   void describe(Form& form) override {
     takeSlot(form);
     form.value(Option("variable", "ID|NAME", "what to set").required(), variable_, variableOf);
@@ -150,7 +150,7 @@ struct Mib final : Command {
   std::vector<u32> base_{protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end()};
 };
 
-constexpr std::chrono::milliseconds kPoll{100};
+constexpr std::chrono::milliseconds kCallPoll{100};
 
 // Decimal, negative too as a debug shell takes them, or 0x.
 u32 argumentOf(const std::string& text) {
@@ -182,7 +182,7 @@ struct CallRoutine final : Command {
     const u16 card = static_cast<u16>(slot());
     const u32 number = client::beginCall(session.link(), card, routine_, arguments_);
     std::size_t shown = 0;
-    for (double waited_s = 0;; waited_s += std::chrono::duration<double>(kPoll).count()) {
+    for (double waited_s = 0;; waited_s += std::chrono::duration<double>(kCallPoll).count()) {
       const client::CallState state = client::callState(session.link(), card, number);
       session.print(safe(std::string_view(state.printed).substr(shown)));
       shown = state.printed.size();
@@ -192,7 +192,7 @@ struct CallRoutine final : Command {
             fmt::format("{} of card {} has not returned within {:g} s; it goes on (--seconds waits longer)",
                         routine_, slot() + 1, seconds_));
       }
-      session.pause(kPoll);
+      session.pause(kCallPoll);
     }
   }
 
@@ -204,19 +204,20 @@ struct CallRoutine final : Command {
 }  // namespace
 
 Group variableCommands() {
-  return {.name = "var",
-          .text = "The settings and readings of a card",
-          .footer =
-              "Examples:\n"
-              "  qamctl var get 1 rfreq rflevel\n"
-              "  qamctl var set 1 qammode 7",
-          .commands = {
-              {"list", "Show what there is and what may be set; asks no server", make<List>, Needs::kNothing},
-              {"get", "Read variables of a card", make<Get>},
-              {"set",
-               "Set a variable of a card, which applies it and has it saved (a save that fails shows in the "
-               "chassis's log alone)",
-               make<Set>}}};
+  return {
+      .name = "var",
+      .text = "The settings and readings of a card",
+      .footer =
+          "Examples:\n"
+          "  qamctl var get 1 rfreq rflevel\n"
+          "  qamctl var set 1 qammode 7",
+      .commands = {
+          {"list", "Show what there is and what may be set; asks no server", make<VarList>, Needs::kNothing},
+          {"get", "Read variables of a card", make<VarGet>},
+          {"set",
+           "Set a variable of a card, which applies it and has it saved (a save that fails shows in the "
+           "chassis's log alone)",
+           make<VarSet>}}};
 }
 
 Group mibCommands() {

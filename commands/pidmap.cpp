@@ -125,7 +125,7 @@ std::string csvOf(const client::PidMap& map, const std::optional<std::vector<cha
 }
 
 // Clear, and the base of load: replaces the map by an empty one, or by that of a file.
-struct Replace : ChangeCommand {
+struct MapReplace : ChangeCommand {
   void carryOut(Session& session) override {
     client::ChangeOptions options = optionsFor(session);
     options.sources = session.inputs();
@@ -143,7 +143,7 @@ struct Replace : ChangeCommand {
   client::MapFile map_;
 };
 
-struct Load final : Replace {
+struct MapLoad final : MapReplace {
   void describeMore(Form& form) override {
     takeFile(form, Option("file", "FILE.csv", "the map, as CSV").required(), file_, false);
     form.footer(
@@ -166,7 +166,7 @@ struct Load final : Replace {
   }
 };
 
-struct Show final : Command {
+struct MapShow final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeJson(form);
@@ -186,7 +186,7 @@ struct Show final : Command {
   bool csv_ = false;
 };
 
-struct Release final : ChangeCommand {
+struct MapRelease final : ChangeCommand {
   void describeMore(Form& form) override {
     takeFile(form,
              Option("--restore", "FILE.csv", "that map: a rescue file, which is then removed, or another"),
@@ -234,13 +234,14 @@ struct Release final : ChangeCommand {
 }  // namespace
 
 Group pidMapCommands() {
-  return {.name = "pidmap",
-          .text = "Which packets of which inputs a channel carries",
-          .commands = {{"load", "Replace the map by that of a file", make<Load>},
-                       {"show", "Read the map back from the card, and from the chassis's router", make<Show>},
-                       {"clear", "Replace the map by an empty one", make<Replace>},
-                       {"release", "End a lock that was left behind, by sending a whole map under it",
-                        make<Release>}}};
+  return {
+      .name = "pidmap",
+      .text = "Which packets of which inputs a channel carries",
+      .commands = {
+          {"load", "Replace the map by that of a file", make<MapLoad>},
+          {"show", "Read the map back from the card, and from the chassis's router", make<MapShow>},
+          {"clear", "Replace the map by an empty one", make<MapReplace>},
+          {"release", "End a lock that was left behind, by sending a whole map under it", make<MapRelease>}}};
 }
 
 }  // namespace commands

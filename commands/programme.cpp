@@ -86,7 +86,7 @@ u16 streamIdOf(const std::string& text) {
   return valid(base::parseNumber<u16>(text), text, "transport_stream_id");
 }
 
-struct Change : ChangeCommand {
+struct ProgrammeChange : ChangeCommand {
   // `done` is what has been done to the programme.
   void finish(Session& session, const client::ProgrammeChange& programme, const char* done) const {
     if (!apply(session, programme.change)) return;
@@ -107,7 +107,7 @@ struct Change : ChangeCommand {
   std::string service_;
 };
 
-struct Add final : Change {
+struct ProgrammeAdd final : ProgrammeChange {
   void describeMore(Form& form) override {
     takeJson(form);
     form.value(Option("--from", "SLOT.INPUT", "the input that carries the programme").required(),
@@ -151,7 +151,7 @@ struct Add final : Change {
   double seconds_ = 5;
 };
 
-struct Remove final : Change {
+struct ProgrammeRemove final : ProgrammeChange {
   void describeMore(Form& form) override {
     takeJson(form);
     form.text(Option("service", "NAME|NUMBER", "its number on the channel, or its name").required(),
@@ -164,7 +164,7 @@ struct Remove final : Change {
   }
 };
 
-struct List final : Command {
+struct ProgrammeList final : Command {
   void describe(Form& form) override {
     takeJson(form);
     takeChannel(form);
@@ -182,9 +182,10 @@ Group programmeCommands() {
   return {
       .name = "programme",
       .text = "The programmes that a channel carries",
-      .commands = {{"add", "Take a programme of an input into the channel", make<Add>},
-                   {"list", "Show the programmes, their PIDs and where these come from", make<List>},
-                   {"remove", "Take a programme out, with every PID whose last user it was", make<Remove>}}};
+      .commands = {
+          {"add", "Take a programme of an input into the channel", make<ProgrammeAdd>},
+          {"list", "Show the programmes, their PIDs and where these come from", make<ProgrammeList>},
+          {"remove", "Take a programme out, with every PID whose last user it was", make<ProgrammeRemove>}}};
 }
 
 }  // namespace commands

@@ -40,7 +40,7 @@ void inAnyCase(const Work& work, const End& end) {
   if (failure) std::rethrow_exception(failure);
 }
 
-struct Load final : ChangeCommand {
+struct PsiLoad final : ChangeCommand {
   void describeMore(Form& form) override {
     takeFile(
         form,
@@ -85,7 +85,7 @@ struct Load final : ChangeCommand {
   client::Tables tables_;
 };
 
-struct Show final : Command {
+struct PsiShow final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     takeFile(form,
@@ -128,7 +128,7 @@ struct Show final : Command {
   std::string file_;
 };
 
-struct SetIntervals final : ChangeCommand {
+struct PsiInterval final : ChangeCommand {
   void describeMore(Form& form) override {
     takeIntervals(form,
                   Option("intervals", "TABLE=TICKS",
@@ -150,14 +150,14 @@ struct SetIntervals final : ChangeCommand {
   protocol::Intervals intervals_;
 };
 
-struct Clear final : ChangeCommand {
+struct PsiClear final : ChangeCommand {
   void describeMore(Form& form) override { form.flag("--force", "clear a locked channel too", force); }
   void carryOut(Session& session) override {
     apply(session, client::planClear(session.link(), channel(), optionsFor(session)));
   }
 };
 
-constexpr std::chrono::milliseconds kPoll{100};
+constexpr std::chrono::milliseconds kSearchPoll{100};
 
 u8 tableIdOf(const std::string& text) {
   if (const auto type = mpeg::tableOfName(text)) return mpeg::tableId(*type);
@@ -202,7 +202,7 @@ std::string foundText(const Json& found) {
   return text;
 }
 
-struct Search final : Command {
+struct PsiSearch final : Command {
   void describe(Form& form) override {
     takeChannel(form);
     form.value(Option("pid", "PID", "0 to 0x1FFF").required(), pid_, pidOf);
@@ -240,12 +240,12 @@ struct Search final : Command {
     mpeg::SectionGatherer gatherer([this](std::span<const u8> section) { add(section); },
                                    [](mpeg::SectionGatherer::Loss, std::optional<u8>) {});
     const std::chrono::duration<double> time(seconds_);
-    for (std::chrono::duration<double> waited(0); waited < time; waited += kPoll) {
+    for (std::chrono::duration<double> waited(0); waited < time; waited += kSearchPoll) {
       for (auto packets = client::searched(session.link(), channel()); !packets.empty();
            packets = client::searched(session.link(), channel())) {
         for (const mpeg::Packet& packet : packets) gatherer.push(packet);
       }
-      if (!session.pause(kPoll)) return;
+      if (!session.pause(kSearchPoll)) return;
     }
   }
 
@@ -271,11 +271,11 @@ struct Search final : Command {
 Group psiCommands() {
   return {.name = "psi",
           .text = "The tables that a channel sends",
-          .commands = {{"load", "Replace the tables by those of a capture", make<Load>},
-                       {"show", "Read the tables back from the card and decode them", make<Show>},
-                       {"interval", "Set intervals and have the card save them", make<SetIntervals>},
-                       {"clear", "Remove all tables", make<Clear>},
-                       {"search", "Look for a table on a PID of what the channel sends", make<Search>}}};
+          .commands = {{"load", "Replace the tables by those of a capture", make<PsiLoad>},
+                       {"show", "Read the tables back from the card and decode them", make<PsiShow>},
+                       {"interval", "Set intervals and have the card save them", make<PsiInterval>},
+                       {"clear", "Remove all tables", make<PsiClear>},
+                       {"search", "Look for a table on a PID of what the channel sends", make<PsiSearch>}}};
 }
 
 }  // namespace commands

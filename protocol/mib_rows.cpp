@@ -11,13 +11,13 @@
 namespace protocol {
 namespace {
 
-constexpr const char* kText = "DisplayString (SIZE (0..15))";  // large enough for the card's texts
+constexpr const char* kTextSyntax = "DisplayString (SIZE (0..15))";  // large enough for the card's texts
 
 // clang-format off
 constexpr MibText kTexts[] = {
-    {kVarHardwareVersion, "HardwareVersion", kText, "Version of the card's board."},
-    {kVarSoftwareVersion, "SoftwareVersion", kText, "Version of the card's software."},
-    {kVarFpgaVersion, "FpgaVersion", kText, "Version of the card's FPGA."},
+    {kVarHardwareVersion, "HardwareVersion", kTextSyntax, "Version of the card's board."},
+    {kVarSoftwareVersion, "SoftwareVersion", kTextSyntax, "Version of the card's software."},
+    {kVarFpgaVersion, "FpgaVersion", kTextSyntax, "Version of the card's FPGA."},
 
     {kVarConstellation, "Constellation", "QamConstellation", "Constellation of both channels."},
     {kVarFrequency, "Frequency", "Integer32", "Carrier of channel 1. That of channel 2 is 8000 kHz above."},

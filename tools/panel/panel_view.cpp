@@ -22,7 +22,7 @@ constexpr Words kNoAlarm = {"none", "无"};
 constexpr Words kSlot = {"slot", "槽位"};
 constexpr Words kNoCard = {"no card", "无卡"};
 constexpr Words kMore = {"... {} more", "... 还有 {} 条"};
-constexpr Words kKeys = {"l 中文   p pixels   q quit", "l English   p 点阵   q 退出"};
+constexpr Words kKeyHelp = {"l 中文   p pixels   q quit", "l English   p 点阵   q 退出"};
 constexpr Words kNoRoom = {"(too small for pixels)", "(终端太小,无法显示点阵)"};
 constexpr Words kTooSmall = {"Terminal too small: {}x{}, needs {}x{}. q quits",
                              "终端太小: {}x{}, 至少需要 {}x{}. q 退出"};
@@ -203,7 +203,7 @@ class PanelPainter {
 
   void footer(const LcdStyle& style) {
     const int y = screen_.height() - 1;
-    const int x = screen_.text(0, y, word(kKeys));
+    const int x = screen_.text(0, y, word(kKeyHelp));
     if (state_.pixels && style.character == nullptr) screen_.text(x + 2, y, word(kNoRoom));
   }
 

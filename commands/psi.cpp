@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "client/channel_change.h"
 #include "client/psi_capture.h"
-#include "client/psi_change.h"
 #include "commands/change.h"
 #include "commands/families.h"
 #include "commands/psi_report.h"
@@ -46,8 +46,8 @@ class Load final : public ChangeCommand {
   void prepare(Surroundings& surroundings) override {
     together(intervals_);
     const client::Capture capture = client::readCapture(std::filesystem::path(file_));
-    for (const client::Note& note : capture.notes)
-      surroundings.notes.push_back(fmt::format("{}: {}", file_, note.text));
+    for (const std::string& note : capture.notes)
+      surroundings.notes.push_back(fmt::format("{}: {}", file_, note));
     try {
       tables_ = client::packTables(capture.sections);
       client::checkStorable(tables_);
@@ -64,7 +64,7 @@ class Load final : public ChangeCommand {
     std::string text = fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()),
                                    client::packetsIn(tables_));
     for (const PsiType type : mpeg::kAllTables) {
-      const std::size_t sections = client::sectionsIn(tables_, type);
+      const std::size_t sections = client::sectionsOf(tables_, type).size();
       if (sections > 0) text += fmt::format(", {} {}", mpeg::tableName(type), sections);
     }
     session.print(text + " (sections)\n");

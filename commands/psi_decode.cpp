@@ -22,7 +22,7 @@
 
 #include <memory>
 
-#include "mpeg/dvb_text.h"
+#include "base/text.h"
 #include "platform/wire.h"
 
 namespace commands {
@@ -63,7 +63,7 @@ class List {
 };
 
 std::string text(const u8* bytes, std::size_t size) {
-  return mpeg::dvbText({bytes, size});
+  return base::dvbText({bytes, size});
 }
 
 const char* streamKind(u8 type) {

@@ -10,7 +10,7 @@
 #include "commands/families.h"
 #include "commands/psi_decode.h"
 #include "commands/values.h"
-#include "mpeg/section_gatherer.h"
+#include "mpeg/section.h"
 #include "protocol/records.h"
 
 namespace commands {
@@ -129,8 +129,7 @@ class Search final : public Command {
 
  private:
   void gather(Session& session, Found& found) const {
-    mpeg::SectionGatherer gatherer([&](std::span<const u8> section) { found.add(section); },
-                                   [](mpeg::SectionGatherer::Loss, std::optional<u8>) {});
+    mpeg::SectionGatherer gatherer([&](std::span<const u8> section) { found.add(section); });
     const std::chrono::duration<double> time(seconds_);
     for (std::chrono::duration<double> waited(0); waited < time; waited += kPoll) {
       for (auto packets = client::searched(session.link(), channel()); !packets.empty();

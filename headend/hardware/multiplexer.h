@@ -15,7 +15,7 @@
 #include "headend/hardware/packet_sink.h"
 #include "headend/hardware/ts_input.h"
 #include "headend/kernel/kernel.h"
-#include "mpeg/pcr.h"
+#include "mpeg/packet.h"
 
 namespace headend {
 

@@ -114,9 +114,8 @@ class Adding : ProgrammeDraft {
       if (there == pid) return;
       fail("PID {:#06x} of {} is in {} already, as PID {:#06x}", pid, from_, owner, there);
     }
-    if (usedPids().contains(pid)) {
+    if (usedPids().contains(pid))
       fail("PID {:#06x} of {} cannot be passed: {} has that PID from elsewhere", pid, from_, owner);
-    }
     // EIT and time belong to all programmes of an input; any other PID to its own programme.
     map.push_back(mapEntry(pid, pid, 0));
     if (isShared) map.back().sourceProgramme = map.back().programme = 0;
@@ -152,9 +151,8 @@ class Adding : ProgrammeDraft {
   void mapPids() {
     std::vector<std::pair<u16, u16>> wanted;  // PID on the input, type
     const auto want = [&](u16 pid, u16 type) {
-      if (pid < kFirstFreePid) {
+      if (pid < kFirstFreePid)
         fail("programme {} of {} names PID {:#06x}, which belongs to tables", sourceNumber_, from_, pid);
-      }
       if (mapped(pid) == kNullPid) wanted.emplace_back(pid, type);
     };
     for (const PidField& field : fieldsByPid(pmt_)) want(field.pid(pmt_.bytes), field.streamType);
@@ -218,9 +216,8 @@ class Adding : ProgrammeDraft {
         const auto f = pidOfCatEntry(e);
         return f && f->caSystem == field.caSystem;
       });
-      if (isSecond) {
+      if (isSecond)
         note("the CAT of {} has CA system {:#06x} twice: receivers may take either", owner, field.caSystem);
-      }
       cat.add(std::move(entry));
     }
   }
@@ -231,9 +228,8 @@ class Adding : ProgrammeDraft {
 
   void writeSdt() {
     auto service = sourceService(sourceNumber_);
-    if (!service) {
+    if (!service)
       return note("{} has no SDT entry for the programme: it has no name on {} either", from_, owner);
-    }
     name = serviceName(*service);
     const EntryTable theirs(SDT_C, source_.sdt, from_);
     const u16 network = wire::get16(theirs.head().data());

@@ -26,9 +26,8 @@ Tables packTables(std::vector<Section> sections) {
   std::map<u16, u8> continuity;
   for (const Section& section : sections) {
     const PsiType type = typeOf(section);
-    if (tables.empty() || tables.back().type != type || tables.back().pid != section.pid) {
+    if (tables.empty() || tables.back().type != type || tables.back().pid != section.pid)
       tables.push_back({.type = type, .pid = section.pid, .packets = {}});
-    }
     packSection(section, continuity[section.pid], tables.back().packets);
   }
   return tables;

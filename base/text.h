@@ -1,17 +1,14 @@
 // Text as UTF-8: from the encodings of cards and networks, and safe on a terminal.
 #pragma once
 
-#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
+#include "platform/types.h"
+
 namespace base {
 
-inline constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
-
-// From an encoding with its iconv name; kReplacement for each byte that is not in the encoding. nullopt if
-// the C library does not have the encoding.
-std::optional<std::string> toUtf8(const std::string& encoding, std::string_view bytes);
 // GBK is the encoding of the front panel and the alarms. Throws std::runtime_error if the C library has no
 // GBK.
 std::string utf8OfGbk(std::string_view gbk);
@@ -21,5 +18,9 @@ void appendUtf8(std::string& text, char32_t character);
 
 // The UTF-8 text without control, direction and private-use characters; U+FFFD replaces invalid UTF-8.
 std::string printable(std::string_view text);
+
+// Text of DVB tables (EN 300 468 annex A) without its emphasis marks and otherwise printable, line breaks as
+// spaces. Bytes that are not in its character table, and texts of an unknown table, are replaced with U+FFFD.
+std::string dvbText(std::span<const u8> text);
 
 }  // namespace base

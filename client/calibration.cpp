@@ -3,10 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+
 namespace client {
 namespace {
-
-constexpr std::size_t kHeaderSize = 2;  // command and slot
 
 constexpr std::chrono::milliseconds kRepeat{1000};
 // A write ends after thirteen EEPROM write cycles of at most 10 ms and the 100 ms until the service takes its
@@ -60,14 +59,6 @@ unsigned bitsOf(const DacRegisters& registers, const DacBits& bits) {
 
 // --- The registers ---
 
-std::span<u8> bytesOf(DacRegisters& registers, const DacGroup& group) {
-  return std::span(registers).subspan(group.first, group.count);
-}
-
-std::span<const u8> bytesOf(const DacRegisters& registers, const DacGroup& group) {
-  return std::span(registers).subspan(group.first, group.count);
-}
-
 std::span<const DacField> dacFields() {
   return kFields;
 }
@@ -93,45 +84,44 @@ std::vector<const DacField*> differingFields(const DacRegisters& a, const DacReg
 std::string portRisk(const DacRegisters& registers) {
   constexpr u8 kDangerous = 0xE0;
   if ((registers[0] & kDangerous) == 0) return "";
-  std::string set;
+  std::vector<std::string_view> set;
   for (const DacField& field : std::span(kFields).first(3)) {
-    if (fieldValue(registers, field) != 0) set += fmt::format("{}{}", set.empty() ? "" : ", ", field.name);
+    if (fieldValue(registers, field) != 0) set.emplace_back(field.name);
   }
-  return fmt::format("0x{:02x} in register 0x00 changes the DAC's serial port ({})", registers[0], set);
-}
-
-// --- The datagram ---
-
-std::array<u8, kCalibrationSize> encode(const CalibrationPacket& packet) {
-  std::array<u8, kCalibrationSize> datagram{static_cast<u8>(packet.command), packet.slot};
-  std::ranges::copy(packet.registers, datagram.begin() + kHeaderSize);
-  return datagram;
-}
-
-std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram) {
-  if (datagram.size() != kCalibrationSize) return std::nullopt;
-  CalibrationPacket packet{.command = CalibrationCommand{datagram[0]}, .slot = datagram[1]};
-  if (packet.command != CalibrationCommand::kRead && packet.command != CalibrationCommand::kWrite) {
-    return std::nullopt;
-  }
-  std::ranges::copy(datagram.subspan(kHeaderSize), packet.registers.begin());
-  return packet;
+  return fmt::format("0x{:02x} in register 0x00 changes the DAC's serial port ({})", registers[0],
+                     fmt::join(set, ", "));
 }
 
 // --- The service ---
 
+namespace {
+
+constexpr std::size_t kHeaderSize = 2;  // command and slot
+
+enum Command : u8 { kRead = 1, kWrite = 2 };
+
+Bytes datagramOf(Command command, u8 slot, const DacRegisters& registers = {}) {
+  Bytes datagram(kHeaderSize + registers.size());
+  datagram[0] = command;
+  datagram[1] = slot;
+  std::ranges::copy(registers, datagram.begin() + kHeaderSize);
+  return datagram;
+}
+
+}  // namespace
+
 DacRegisters readCalibration(CalibrationLink& link, u8 slot, std::chrono::milliseconds timeout) {
   link.begin();
-  const auto request = encode(CalibrationPacket{.command = CalibrationCommand::kRead, .slot = slot});
+  const Bytes request = datagramOf(kRead, slot);
   const std::chrono::nanoseconds end = link.now() + timeout;
   int foreign = 0;
   do {
     link.send(request);
     const auto deadline = std::min<std::chrono::nanoseconds>(link.now() + kRepeat, end);
-    while (const auto datagram = link.receive(deadline - link.now())) {
-      const auto reply = decodeCalibration(*datagram);
-      if (reply && reply->command == CalibrationCommand::kRead && reply->slot == slot)
-        return reply->registers;
+    while (const auto reply = link.receive(deadline - link.now())) {
+      if (reply->size() == request.size() &&
+          std::equal(request.begin(), request.begin() + kHeaderSize, reply->begin()))
+        return base::recordOf<DacRegisters>(std::span(*reply).subspan(kHeaderSize));
       ++foreign;
     }
   } while (link.now() < end);
@@ -141,7 +131,7 @@ DacRegisters readCalibration(CalibrationLink& link, u8 slot, std::chrono::millis
 
 void writeCalibration(CalibrationLink& link, u8 slot, const DacRegisters& registers) {
   link.begin();
-  link.send(encode({.command = CalibrationCommand::kWrite, .slot = slot, .registers = registers}));
+  link.send(datagramOf(kWrite, slot, registers));
   link.wait(kSettle);
 }
 

@@ -1,6 +1,6 @@
-// The calibration of a card's DAC: its thirteen register bytes, the meaning of their fields, the datagram,
-// and the procedures of a client of the chassis's calibration service. docs/calibration.md describes the
-// datagram for authors of other clients.
+// The calibration of a card's DAC: its thirteen register bytes, the meaning of their fields, and the
+// procedures of a client of the chassis's calibration service. docs/calibration.md describes the datagram for
+// authors of other clients.
 #pragma once
 
 #include <array>
@@ -34,8 +34,11 @@ inline constexpr std::array<DacGroup, 3> kDacGroups = {{
     {.name = "q", .first = 0x09, .count = 4},
 }};
 
-std::span<u8> bytesOf(DacRegisters& registers, const DacGroup& group);
-std::span<const u8> bytesOf(const DacRegisters& registers, const DacGroup& group);
+// Of DacRegisters; const if they are.
+template <typename Registers>
+auto bytesOf(Registers& registers, const DacGroup& group) {
+  return std::span(registers).subspan(group.first, group.count);
+}
 
 struct DacBits {
   std::size_t address = 0;
@@ -61,32 +64,13 @@ std::vector<const DacField*> differingFields(const DacRegisters& a, const DacReg
 // first over separate data lines, and a software reset discards the bytes just loaded.
 std::string portRisk(const DacRegisters& registers);
 
-// --- The datagram ---
+// --- The service ---
 
 inline constexpr u16 kDefaultCalibrationPort = 49156;
-inline constexpr std::size_t kCalibrationSize = 15;
-
-enum class CalibrationCommand : u8 { kRead = 1, kWrite = 2 };
-
-struct CalibrationPacket {
-  CalibrationCommand command = CalibrationCommand::kRead;
-  u8 slot = 0;  // from 0
-  DacRegisters registers{};
-};
-
-std::array<u8, kCalibrationSize> encode(const CalibrationPacket& packet);
-
-// nullopt for another length or an unknown command.
-std::optional<CalibrationPacket> decodeCalibration(std::span<const u8> datagram);
-
-// --- The service ---
 
 // The way of datagrams to the service and back.
 class CalibrationLink {
  public:
-  CalibrationLink() = default;
-  CalibrationLink(const CalibrationLink&) = delete;
-  CalibrationLink& operator=(const CalibrationLink&) = delete;
   virtual ~CalibrationLink() = default;
 
   // A reply has no number, so one that comes late could pass for the answer to a later question: from here on

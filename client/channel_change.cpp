@@ -17,10 +17,10 @@ bool isThere(const fs::path& file) {
 
 void refuseLeftFile(const fs::path& file, const std::string& content, const std::string& commands) {
   if (!isThere(file)) return;
-  throw Error(fmt::format(
+  fail(
       "nothing was changed: {} exists. It holds {} from before a change that failed and could not be put "
       "back, or that is in progress.\n{}. Then, or if it is not wanted, remove the file",
-      file.string(), content, commands));
+      file.string(), content, commands);
 }
 
 void refuseLocked(const ChannelChange& change) {
@@ -28,36 +28,35 @@ void refuseLocked(const ChannelChange& change) {
   constexpr const char* kLocked =
       "the {} of channel {} {} locked: another client is loading it, or stopped before the end. When no "
       "client is at work any more, {}";
-  if (change.before.psi.locked && !change.options.force) {
-    throw Error(fmt::format(kLocked, "tables", name, "are", recoveryHint(change.before.channel)));
-  }
+  if (change.before.psi.locked && !change.options.force)
+    fail(kLocked, "tables", name, "are", recoveryHint(change.before.channel));
   if (change.before.map.locked && !change.release) {
     const fs::path& file = change.options.mapFile;
-    throw Error(fmt::format(
-        kLocked, "PID map", name, "is",
-        isThere(file) ? fmt::format("'qamctl pidmap release {} --restore {}' ends the lock with the old map",
-                                    name, file.string())
-                      : fmt::format("'qamctl pidmap release {}' ends the lock", name)));
+    fail(kLocked, "PID map", name, "is",
+         isThere(file) ? fmt::format("'qamctl pidmap release {} --restore {}' ends the lock with the old map",
+                                     name, file.string())
+                       : fmt::format("'qamctl pidmap release {}' ends the lock", name));
   }
 }
 
-std::string lineOf(char sign, const MapEntry& e) {
-  return fmt::format("  {} {} PID {:#06x} to PID {:#06x}, programme {} to {}, type {}\n", sign,
-                     inputName({e.sourceSlot, e.sourcePort}), e.sourcePid, e.pid, e.sourceProgramme,
-                     e.programme, e.type);
+// The entries of `from` that are not in `other`, a line each.
+std::string linesOf(char sign, const std::vector<MapEntry>& from, const std::vector<MapEntry>& other) {
+  std::vector<MapEntry> entries;
+  std::ranges::set_difference(from, other, std::back_inserter(entries));
+  std::string text;
+  for (const MapEntry& e : entries) {
+    text += fmt::format("  {} {} PID {:#06x} to PID {:#06x}, programme {} to {}, type {}\n", sign,
+                        inputName({e.sourceSlot, e.sourcePort}), e.sourcePid, e.pid, e.sourceProgramme,
+                        e.programme, e.type);
+  }
+  return text;
 }
 
 std::string mapLines(std::vector<MapEntry> before, std::vector<MapEntry> after) {
-  std::string text = fmt::format("PID map: {} entries, {} before\n", after.size(), before.size());
   std::ranges::sort(before);
   std::ranges::sort(after);
-  std::vector<MapEntry> entries;
-  std::ranges::set_difference(before, after, std::back_inserter(entries));
-  for (const MapEntry& entry : entries) text += lineOf('-', entry);
-  entries.clear();
-  std::ranges::set_difference(after, before, std::back_inserter(entries));
-  for (const MapEntry& entry : entries) text += lineOf('+', entry);
-  return text;
+  return fmt::format("PID map: {} entries, {} before\n", after.size(), before.size()) +
+         linesOf('-', before, after) + linesOf('+', after, before);
 }
 
 std::string tableLines(const PsiStore& before, const Tables& after) {
@@ -67,7 +66,7 @@ std::string tableLines(const PsiStore& before, const Tables& after) {
     const std::size_t old = before.tables[type].stored;
     if (packets == 0 && old == 0) continue;
     text += fmt::format("{}: {} sections in {} packets, {} packets before\n", tableName(type),
-                        sectionsIn(after, type), packets, old);
+                        sectionsOf(after, type).size(), packets, old);
   }
   if (before.outOfReach() > 0) {
     text += fmt::format("{} packets cannot be read back: these tables cannot be put back after a failure\n",
@@ -93,8 +92,8 @@ void ChannelChange::check() const {
                                "FILE' loads a copy of the file",
                                name));
     if (map->size() > kPidMapSize) {
-      throw Error(fmt::format("the PID map of channel {} would have {} entries, and it holds {}", name,
-                              map->size(), kPidMapSize));
+      fail("the PID map of channel {} would have {} entries, and it holds {}", name, map->size(),
+           kPidMapSize);
     }
   }
   if (tables) {
@@ -105,10 +104,8 @@ void ChannelChange::check() const {
     checkStorable(*tables);
   }
   for (const auto& [type, ticks] : intervals) {
-    if (ticks > kMaxInterval) {
-      throw Error(fmt::format("an interval of {} ticks for {} is more than {}", ticks, tableName(type),
-                              kMaxInterval));
-    }
+    if (ticks > kMaxInterval)
+      fail("an interval of {} ticks for {} is more than {}", ticks, tableName(type), kMaxInterval);
   }
 }
 
@@ -127,6 +124,32 @@ std::string ChannelChange::describe() const {
                         before.psi.tables[type].interval_ticks);
   }
   return text;
+}
+
+// ---- Plans for the tables
+
+ChannelChange planLoad(Link& link, const Channel& channel, Tables tables, const Intervals& intervals,
+                       const ChangeOptions& options) {
+  checkStorable(tables);
+  ChannelChange change{.before = {.channel = channel, .psi = readPsiOnce(link, channel)},
+                       .tables = std::move(tables),
+                       .intervals = intervals,
+                       .options = options};
+  change.check();
+  return change;
+}
+
+ChannelChange planClear(Link& link, const Channel& channel, const ChangeOptions& options) {
+  return planLoad(link, channel, {}, {}, options);
+}
+
+ChannelChange planIntervals(Link& link, const Channel& channel, const Intervals& intervals) {
+  ChannelChange change{.before = {.channel = channel}, .intervals = intervals};
+  change.check();
+  const ChannelVariables card(link, channel);
+  for (const auto& [type, ticks] : intervals)
+    change.before.psi.tables[type].interval_ticks = card.readInterval(type).ticks;
+  return change;
 }
 
 }  // namespace client

@@ -1,9 +1,11 @@
-// A change of a channel: what it holds now and what it shall hold. A plan makes it (psi_change,
-// pid_map_change, programme), and carryOut (carry_out.h) does it:
+// A change of a channel: what it holds now and what it shall hold. A plan makes it (below, pid_map,
+// programme), and carryOut (carry_out.h) does it:
 //   ChannelChange change = planClear(link, channel);  // reads and checks, changes nothing
 //   if (dryRun) print(change.describe()); else carryOut(link, change);
 // There is no socket, thread or clock in it, so it also runs in virtual time.
 #pragma once
+
+#include <fmt/format.h>
 
 #include <filesystem>
 #include <functional>
@@ -27,10 +29,13 @@ struct ChangeOptions {
   std::filesystem::path tablesFile{};    // a transport stream; ignored if forced
   bool force = false;                    // discard what another client has left under its lock of the tables
   std::optional<InputCounts> sources{};  // for checks of a map; nullopt: unknown, the card checks it
-  std::function<std::string(std::size_t)>
-      nameOf{};  // of a map entry, for messages; empty: "entry 1" and so on
-  std::function<void(const std::string& text)> note{};                  // receives notes for the operator
-  std::function<void(std::size_t sent, std::size_t total)> progress{};  // after each request, in packets
+  // The name of a map entry in messages.
+  std::function<std::string(std::size_t)> nameOf = [](std::size_t i) {
+    return fmt::format("entry {}", i + 1);
+  };
+  std::function<void(const std::string& text)> note = [](const auto&) {};  // receives notes for the operator
+  // After each request, in packets.
+  std::function<void(std::size_t sent, std::size_t total)> progress = [](std::size_t, std::size_t) {};
 };
 
 struct ChannelChange {
@@ -46,6 +51,16 @@ struct ChannelChange {
   // Lines for an operator: what is locked, replaced, added and removed.
   std::string describe() const;
 };
+
+// ---- Plans for the tables of a channel. All read the channel and check; throw Error. A channel whose tables
+// another client has locked is refused unless options.force.
+
+// Replaces the tables, and sets intervals under the same lock.
+ChannelChange planLoad(Link& link, const Channel& channel, Tables tables, const Intervals& intervals,
+                       const ChangeOptions& options = {});
+ChannelChange planClear(Link& link, const Channel& channel, const ChangeOptions& options = {});
+// Sets intervals while the tables are on the air, and has the card save them.
+ChannelChange planIntervals(Link& link, const Channel& channel, const Intervals& intervals);
 
 // "'qamctl psi load 1.2 FILE --force' loads it anew, ...": for a channel whose tables are locked.
 std::string recoveryHint(const Channel& channel, const std::string& file = "FILE");

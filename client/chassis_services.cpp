@@ -10,50 +10,56 @@
 namespace client {
 namespace {
 
-Bytes askChassis(Link& link, Operation operation, const Channel& place, Bytes data, const std::string& what) {
-  return ask(link, makeRequest(operation, 0, place.slot, place.port, std::move(data)), what);
+Request chassisRequest(Operation operation, const Channel& place, Bytes data = {}) {
+  return makeRequest(operation, 0, place.slot, place.port, std::move(data));
 }
+
+// For replies whose bytes are taken as they are.
+constexpr auto kUndecoded = [](Bytes data) { return std::optional(std::move(data)); };
 
 }  // namespace
 
 std::vector<Section> sourceSections(Link& link, const SourcePort& source, u16 pid, u8 tableId) {
   const std::string what = fmt::format("read {} of {}", nameOfTableId(tableId), inputName(source));
-  constexpr std::size_t kReplyHead = 8;
   std::vector<Section> sections;
   u32 total = 0;
-  do {
-    Bytes request;
-    base::append16(request, pid);
-    request.insert(request.end(), {tableId, 0});
-    base::append32(request, static_cast<u32>(sections.size()));
-    const Bytes reply = askChassis(link, Operation::kSourceSections,
-                                   {.slot = source.slot, .port = source.port}, request, what);
-    if (reply.size() < kReplyHead) failOnReply(what);
-    total = wire::get32(reply.data());
-    const std::size_t before = sections.size();
-    for (std::size_t at = kReplyHead; at + 2 <= reply.size();) {
-      const std::size_t size = wire::get16(&reply[at]);
-      at += 2;
-      if (size < kSectionHeaderSize + kCrcSize || size > reply.size() - at) failOnReply(what);
-      const auto first = reply.begin() + static_cast<std::ptrdiff_t>(at);
-      sections.push_back({.pid = pid, .bytes = Bytes(first, first + static_cast<std::ptrdiff_t>(size))});
-      at += size;
+  // Appends the sections of a page; false if it is malformed.
+  const auto takePage = [&](std::span<const u8> page) {
+    constexpr std::size_t kHead = 8;
+    if (page.size() < kHead) return false;
+    total = wire::get32(page.data());
+    for (page = page.subspan(kHead); page.size() >= 2;) {
+      const std::size_t size = wire::get16(page.data());
+      page = page.subspan(2);
+      if (size < kSectionHeaderSize + kCrcSize || size > std::min(page.size(), kMaxSectionSize)) return false;
+      const auto bytes = page.first(size);
+      sections.push_back({.pid = pid, .bytes = Bytes(bytes.begin(), bytes.end())});
+      page = page.subspan(size);
     }
-    if (sections.size() == before) break;  // the table has become shorter meanwhile
-  } while (sections.size() < total);
+    return true;
+  };
+  std::size_t before = 0;
+  do {
+    before = sections.size();
+    Bytes data;
+    base::append16(data, pid);
+    data.insert(data.end(), {tableId, 0});
+    base::append32(data, static_cast<u32>(before));
+    ask(link, chassisRequest(Operation::kSourceSections, {source.slot, source.port}, std::move(data)), what,
+        kUndecoded, takePage);
+    // A page without sections: the table has become shorter meanwhile.
+  } while (sections.size() < total && sections.size() > before);
   return sections;
 }
 
 std::vector<chassis::RouterWords> routerMap(Link& link, const Channel& channel) {
-  constexpr std::size_t kPositionSize = 6;
-  const std::string what = fmt::format("read the router's map of channel {}", channelName(channel));
-  const Bytes reply = askChassis(link, Operation::kRouterMap, channel, {}, what);
-  if (reply.size() != kPidMapSize * kPositionSize) failOnReply(what);
   std::vector<chassis::RouterWords> map(kPidMapSize);
-  for (std::size_t i = 0; i < kPidMapSize; ++i) {
-    for (std::size_t word = 0; word < map[i].size(); ++word) {
-      map[i][word] = wire::get16(&reply[i * kPositionSize + word * 2]);
-    }
+  const Bytes data = ask(link, chassisRequest(Operation::kRouterMap, channel),
+                         fmt::format("read the router's map of channel {}", channelName(channel)), kUndecoded,
+                         [&](const Bytes& d) { return d.size() == map.size() * sizeof map[0]; });
+  const u8* at = data.data();
+  for (auto& words : map) {
+    for (u16& word : words) word = wire::get16(std::exchange(at, at + 2));
   }
   return map;
 }
@@ -61,50 +67,43 @@ std::vector<chassis::RouterWords> routerMap(Link& link, const Channel& channel) 
 void search(Link& link, const Channel& channel, u16 pid, u8 tableId, bool on) {
   ts_data_set request{.pid = {}, .tableid = tableId, .status = on ? u8{1} : u8{0}};
   request.pid = pid;
-  askChassis(link, Operation::kSearch, channel, base::bytesOf(request),
-             fmt::format("search channel {}", channelName(channel)));
+  ask(link, chassisRequest(Operation::kSearch, channel, base::bytesOf(request)),
+      fmt::format("search channel {}", channelName(channel)));
 }
 
 std::vector<Packet> searched(Link& link, const Channel& channel) {
   constexpr std::size_t kHead = 4;
-  const std::string what = fmt::format("read what the search of channel {} found", channelName(channel));
-  const Bytes reply = askChassis(link, Operation::kSearched, channel, {}, what);
-  if (reply.size() < kHead || reply.size() != kHead + reply[3] * kTsPacketSize) failOnReply(what);
-  std::vector<Packet> packets(reply[3]);
-  for (std::size_t i = 0; i < packets.size(); ++i) {
-    std::copy_n(&reply[kHead + i * kTsPacketSize], kTsPacketSize, packets[i].begin());
-  }
+  const Bytes data =
+      ask(link, chassisRequest(Operation::kSearched, channel),
+          fmt::format("read what the search of channel {} found", channelName(channel)), kUndecoded,
+          [](const Bytes& d) { return d.size() >= kHead && d.size() == kHead + d[3] * kTsPacketSize; });
+  std::vector<Packet> packets(data[3]);
+  auto from = data.begin() + kHead;
+  for (Packet& packet : packets) from = std::ranges::copy_n(from, kTsPacketSize, packet.begin()).in;
   return packets;
 }
 
 u32 beginCall(Link& link, u16 slot, const std::string& routine, std::span<const u32> arguments) {
   Bytes request(routine.begin(), routine.end());
   request.push_back(0);
-  for (const u32 argument : arguments) {
-    base::append32(request, argument);
-  }
-  const std::string what = fmt::format("call {} of card {}", routine, slot + 1);
-  const Bytes reply = askChassis(link, Operation::kCall, {.slot = slot, .port = 0}, std::move(request), what);
-  const auto number = decodeNumber(reply);
-  if (!number) failOnReply(what);
-  return *number;
+  for (const u32 argument : arguments) base::append32(request, argument);
+  return ask(link, chassisRequest(Operation::kCall, {.slot = slot}, std::move(request)),
+             fmt::format("call {} of card {}", routine, slot + 1), decodeNumber);
 }
 
 CallState callState(Link& link, u16 slot, u32 number) {
-  const std::string what = fmt::format("ask for call {} of card {}", number, slot + 1);
-  const Bytes reply =
-      askChassis(link, Operation::kCallResult, {.slot = slot, .port = 0}, encodeNumber(number), what);
-  if (reply.size() < 4) failOnReply(what);
-  return {.finished = reply[0] != 0, .printed = std::string(reply.begin() + 4, reply.end())};
+  const Bytes data = ask(link, chassisRequest(Operation::kCallResult, {.slot = slot}, encodeNumber(number)),
+                         fmt::format("ask for call {} of card {}", number, slot + 1), kUndecoded,
+                         [](const Bytes& d) { return d.size() >= 4; });
+  return {.finished = data[0] != 0, .printed = std::string(data.begin() + 4, data.end())};
 }
 
 // ---- The variables of a card ----
 
 namespace {
 
-Bytes askCard(Link& link, Operation operation, int slot, u32 id, Bytes data, const std::string& what) {
-  return ask(link, makeRequest(operation, static_cast<u16>(id), static_cast<u16>(slot), 0, std::move(data)),
-             what);
+Request variableRequest(Operation operation, int slot, u32 id, Bytes data = {}) {
+  return makeRequest(operation, static_cast<u16>(id), static_cast<u16>(slot), 0, std::move(data));
 }
 
 std::string variableName(int slot, u32 id) {
@@ -116,16 +115,16 @@ std::string variableName(int slot, u32 id) {
 }  // namespace
 
 VariableValue getVariable(Link& link, int slot, u32 id) {
-  const std::string what = "read " + variableName(slot, id);
-  const auto value = decodeValue(askCard(link, Operation::kGetVariable, slot, id, {}, what));
   const CardVariable* variable = findCardVariable(id);
   const bool isText = variable != nullptr && variable->kind == VariableKind::kText;
-  if (!value || std::holds_alternative<std::string>(*value) != isText) failOnReply(what);
-  return *value;
+  return ask(link, variableRequest(Operation::kGetVariable, slot, id), "read " + variableName(slot, id),
+             decodeValue,
+             [&](const VariableValue& v) { return std::holds_alternative<std::string>(v) == isText; });
 }
 
 void setVariable(Link& link, int slot, u32 id, u32 value) {
-  askCard(link, Operation::kSetVariable, slot, id, encodeNumber(value), "set " + variableName(slot, id));
+  ask(link, variableRequest(Operation::kSetVariable, slot, id, encodeNumber(value)),
+      "set " + variableName(slot, id));
 }
 
 // ---- Alarms ----
@@ -133,11 +132,11 @@ void setVariable(Link& link, int slot, u32 id, u32 value) {
 namespace {
 
 AlarmPage readPage(Link& link, Operation operation, std::uint64_t from) {
-  const std::string what = operation == Operation::kAlarms ? "read the alarms" : "read the alarms' history";
-  auto page = decodeAlarmPage(askChassis(link, operation, {}, alarmPage(from), what));
-  const auto isEarlier = [&](const AlarmEvent& event) { return event.number < from; };
-  if (!page || std::ranges::any_of(page->events, isEarlier)) failOnReply(what);
-  return *std::move(page);
+  return ask(link, chassisRequest(operation, {}, alarmPage(from)),
+             operation == Operation::kAlarms ? "read the alarms" : "read the alarms' history",
+             decodeAlarmPage, [&](const AlarmPage& page) {
+               return std::ranges::none_of(page.events, [&](const auto& e) { return e.number < from; });
+             });
 }
 
 std::vector<AlarmEvent> readAll(Link& link, Operation operation, std::uint64_t from) {
@@ -169,14 +168,11 @@ std::uint64_t nextAlarmEvent(Link& link) {
 // ---- The front panel ----
 
 LcdImage readLcd(Link& link) {
-  const std::string what = "read the LCD";
-  auto lcd = decodeLcd(askChassis(link, Operation::kLcd, {}, {}, what));
-  if (!lcd) failOnReply(what);
-  return *std::move(lcd);
+  return ask(link, chassisRequest(Operation::kLcd, {}), "read the LCD", decodeLcd);
 }
 
 void pressKey(Link& link, chassis::PanelKey key) {
-  askChassis(link, Operation::kKey, {}, {key}, "press a key");
+  ask(link, chassisRequest(Operation::kKey, {}, {key}), "press a key");
 }
 
 }  // namespace client

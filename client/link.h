@@ -2,9 +2,12 @@
 // own network in virtual time for the headend's operator. Procedures such as an upload use it.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "mpeg/section.h"
 #include "protocol/channel.h"
@@ -27,18 +30,20 @@ class Error : public std::runtime_error {
   explicit Error(const std::string& text, Kind kind = Kind::kFailed)
       : std::runtime_error(text), kind_(kind) {}
 
-  Kind kind() const { return kind_; }
   bool gotNoReply() const { return kind_ == Kind::kNoReply; }
 
  private:
   Kind kind_;
 };
 
+// Throws Error with a text formatted by fmt.
+template <typename... Args>
+[[noreturn]] void fail(fmt::format_string<Args...> text, Args&&... args) {
+  throw Error(fmt::format(text, std::forward<Args>(args)...));
+}
+
 class Link {
  public:
-  Link() = default;
-  Link(const Link&) = delete;
-  Link& operator=(const Link&) = delete;
   virtual ~Link() = default;
 
   // Sends the request with a new sequence number and waits for its reply. Throws Error (kNoReply).
@@ -50,8 +55,23 @@ class Link {
 
 // Sends a request and returns the data of its reply. `what` is for error messages: "lock the tables of 1.1".
 // Throws Error.
-Bytes ask(Link& link, const Request& request, const std::string& what);
-// Throws Error: the reply has not the form of an answer to this request.
-[[noreturn]] void failOnReply(const std::string& what);
+inline Bytes ask(Link& link, const Request& request, const std::string& what) {
+  Reply reply = link.call(request);
+  if (reply.result != kDone) fail("cannot {}: {}", what, resultText(reply.result, request.variable));
+  return std::move(reply.data);
+}
+// The same for data that is decoded. Throws Error also if `decode` returns nullopt, or the value is not
+// right.
+struct Always {
+  bool operator()(const auto& /*value*/) const { return true; }
+};
+template <typename Decode, typename IsRight = Always>
+auto ask(Link& link, const Request& request, const std::string& what, const Decode& decode,
+         const IsRight& isRight = {}) {
+  auto value = decode(ask(link, request, what));
+  if (!value || !isRight(*value))
+    fail("cannot {}: the reply is not what was asked for; is this server a chassis?", what);
+  return *std::move(value);
+}
 
 }  // namespace client

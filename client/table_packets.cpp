@@ -3,11 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
-#include <set>
 #include <tuple>
-
-#include "client/psi_capture.h"
 
 namespace client {
 namespace {
@@ -28,56 +26,46 @@ Tables packTables(std::vector<Section> sections) {
   std::map<u16, u8> continuity;
   for (const Section& section : sections) {
     const PsiType type = typeOf(section);
-    if (tables.empty() || tables.back().type != type || tables.back().pid != section.pid) {
+    if (tables.empty() || tables.back().type != type || tables.back().pid != section.pid)
       tables.push_back({.type = type, .pid = section.pid, .packets = {}});
-    }
     packSection(section, continuity[section.pid], tables.back().packets);
   }
   return tables;
 }
 
-std::vector<Section> sectionsOf(const TablePackets& table) {
-  std::vector<Section> sections = gatherSections(table.packets);
-  std::erase_if(sections, [&](const Section& s) { return s.tableId() != tableId(table.type); });
+std::vector<Section> sectionsOf(const Tables& tables, PsiType type) {
+  std::vector<Section> sections;
+  for (const TablePackets& table : tables) {
+    if (table.type == type) std::ranges::move(gatherSections(table.packets), std::back_inserter(sections));
+  }
+  std::erase_if(sections, [&](const Section& s) { return s.tableId() != tableId(type); });
   return sections;
 }
 
-std::size_t sectionsIn(const Tables& tables, PsiType type) {
+std::size_t packetsIn(const Tables& tables, std::optional<PsiType> type) {
   std::size_t sum = 0;
-  for (const TablePackets& table : tables) sum += table.type == type ? sectionsOf(table).size() : 0;
-  return sum;
-}
-
-std::size_t packetsIn(const Tables& tables) {
-  std::size_t sum = 0;
-  for (const TablePackets& table : tables) sum += table.packets.size();
-  return sum;
-}
-
-std::size_t packetsIn(const Tables& tables, PsiType type) {
-  std::size_t sum = 0;
-  for (const TablePackets& table : tables) sum += table.type == type ? table.packets.size() : 0;
+  for (const TablePackets& table : tables) {
+    if (!type || table.type == *type) sum += table.packets.size();
+  }
   return sum;
 }
 
 void checkStorable(const Tables& tables) {
-  std::string reasons;
-  const auto add = [&](const std::string& reason) { reasons += (reasons.empty() ? "" : "; ") + reason; };
-  if (const auto packets = packetsIn(tables); packets > kPsiStoreSize) {
-    add(fmt::format("they take {} packets, and a channel holds {}", packets, kPsiStoreSize));
-  }
+  std::vector<std::string> reasons;
+  if (const auto packets = packetsIn(tables); packets > kPsiStoreSize)
+    reasons.push_back(fmt::format("they take {} packets, and a channel holds {}", packets, kPsiStoreSize));
   if (const auto pmt = packetsIn(tables, PMT); pmt > kMaxPmtPackets) {
-    add(fmt::format("the PMTs take {} packets, and a card sends no more than {} of them in order", pmt,
-                    kMaxPmtPackets));
+    reasons.push_back(fmt::format(
+        "the PMTs take {} packets, and a card sends no more than {} of them in order", pmt, kMaxPmtPackets));
   }
   for (const TablePackets& table : tables) {
     if (!marksFreePlace(table.pid)) continue;
-    add(
+    reasons.push_back(
         fmt::format("{} on PID {:#06x}: the low nine bits of this PID are all ones, which marks a free place "
                     "in the card's store",
                     tableName(table.type), table.pid));
   }
-  if (!reasons.empty()) throw Error("a card cannot hold these tables: " + reasons);
+  if (!reasons.empty()) fail("a card cannot hold these tables: {}", fmt::join(reasons, "; "));
 }
 
 Bytes transportStream(const Tables& tables) {
@@ -86,7 +74,7 @@ Bytes transportStream(const Tables& tables) {
   for (const TablePackets& table : tables) {
     for (Packet packet : table.packets) {
       setContinuity(packet, continuity[table.pid]++);
-      stream.insert(stream.end(), packet.begin(), packet.end());
+      base::append(stream, packet);
     }
   }
   return stream;

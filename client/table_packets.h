@@ -2,7 +2,7 @@
 // it and edited by the programmes.
 #pragma once
 
-#include <functional>
+#include <optional>
 #include <vector>
 
 #include "client/link.h"
@@ -28,10 +28,9 @@ constexpr bool marksFreePlace(u16 pid) {
 
 // The sections are packed in ascending order of table, PID, extension and number, whatever their order here.
 Tables packTables(std::vector<Section> sections);
-std::vector<Section> sectionsOf(const TablePackets& table);
-std::size_t sectionsIn(const Tables& tables, PsiType type);
-std::size_t packetsIn(const Tables& tables);
-std::size_t packetsIn(const Tables& tables, PsiType type);
+std::vector<Section> sectionsOf(const Tables& tables, PsiType type);
+// Of one table, or of all.
+std::size_t packetsIn(const Tables& tables, std::optional<PsiType> type = std::nullopt);
 
 // Throws Error with all reasons why a card cannot store and send these tables.
 void checkStorable(const Tables& tables);

@@ -1,27 +1,66 @@
 #include "client/udp_link.h"
 
-#include <fmt/format.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
 #include <random>
-#include <thread>
+
+#include "base/numbers.h"
 
 namespace client {
 namespace {
 
-using Clock = ServerSocket::Clock;
+constexpr std::size_t kMaxDatagram = 65536;
 
 constexpr UdpService kManagement = {
     .defaultPort = kDefaultManagementPort,
     .advice =
         "see that 'headend' runs and serves this address, or name another with --server; a back end that "
-        "hangs with a card's bus answers nobody"};
+        "hangs with a card's bus does not answer"};
 
 constexpr UdpService kCalibration = {
     .defaultPort = kDefaultCalibrationPort,
     .advice =
         "see that the chassis serves calibration there ('headend --calibration') and has a card in this "
         "slot, or name another address with --server"};
+
+template <typename... Args>
+[[noreturn]] void failToReach(fmt::format_string<Args...> text, Args&&... args) {
+  throw Error(fmt::format(text, std::forward<Args>(args)...), Error::Kind::kNoReply);
+}
+
+// A connected socket receives only datagrams of this server, and an error when no program listens there.
+int connectTo(const std::string& server, u16 defaultPort) {
+  if (!isServer(server))
+    failToReach("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{}", server, defaultPort);
+  const auto to = base::parseAddress(server);
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* found = nullptr;
+  if (const int error = getaddrinfo(to->host.c_str(), fmt::to_string(to->port).c_str(), &hints, &found);
+      error != 0)
+    failToReach("{}: {}; name another server with --server", server, gai_strerror(error));
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+  int error = 0;
+  for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
+    const int fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+    if (fd >= 0 && connect(fd, a->ai_addr, a->ai_addrlen) == 0) return fd;
+    error = errno;
+    if (fd >= 0) close(fd);
+  }
+  failToReach("{}: no socket to it: {}", server, std::strerror(error));
+}
+
+std::string problemWith(const char* action) {
+  return errno == ECONNREFUSED ? "nothing listens there"
+                               : fmt::format("cannot {}: {}", action, std::strerror(errno));
+}
 
 bool answers(const Reply& reply, const Request& request) {
   return reply.sequence == request.sequence && reply.operation == static_cast<u8>(request.operation) &&
@@ -30,48 +69,66 @@ bool answers(const Reply& reply, const Request& request) {
 
 }  // namespace
 
+bool isServer(const std::string& text) {
+  const auto address = base::parseAddress(text);
+  return address && address->port != 0;
+}
+
+ServerSocket::ServerSocket(std::string server, const UdpService& service)
+    : server_(std::move(server)), service_(service), socket_(connectTo(server_, service.defaultPort)) {}
+
+ServerSocket::~ServerSocket() {
+  close(socket_);
+}
+
+Error ServerSocket::failure(const std::string& what) const {
+  return Error(fmt::format("{}: {}; {}", server_, what, service_.advice), Error::Kind::kNoReply);
+}
+
+void ServerSocket::send(std::span<const u8> datagram) {
+  if (::send(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) return;
+  throw failure(problemWith("send"));
+}
+
+std::optional<Bytes> ServerSocket::receive(Clock::time_point deadline) {
+  Bytes buffer(kMaxDatagram);
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd poller{.fd = socket_, .events = POLLIN, .revents = 0};
+    if (left.count() <= 0 || poll(&poller, 1, static_cast<int>(left.count())) == 0) return std::nullopt;
+    const ssize_t size = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (size >= 0) {
+      buffer.resize(static_cast<std::size_t>(size));
+      return buffer;
+    }
+    if (errno != EAGAIN && errno != EINTR) throw failure(problemWith("receive"));
+  }
+}
+
 // A new process may get the port of an old one; the random start keeps it from being answered with what the
 // server stored for that one.
 UdpLink::UdpLink(const std::string& server, const UdpLinkOptions& options)
     : socket_(server, kManagement), options_(options), sequence_(std::random_device{}()) {}
 
 Reply UdpLink::call(Request request) {
+  using Clock = ServerSocket::Clock;
   request.sequence = ++sequence_;
   const Bytes datagram = encode(request);
-  const Clock::time_point start = Clock::now();
-  const bool limited = options_.total > std::chrono::milliseconds(0);
-  const Clock::time_point end = limited ? start + options_.total : Clock::time_point::max();
-  for (int attempt = 0; attempt < options_.tries && Clock::now() < end; ++attempt) {
+  const auto start = Clock::now();
+  for (int attempt = 0; attempt < options_.tries; ++attempt) {
     socket_.send(datagram);
-    auto reply = await(request, std::min(Clock::now() + options_.timeout, end));
-    if (reply) return *std::move(reply);
+    const auto deadline = Clock::now() + options_.timeout;
+    while (const auto received = socket_.receive(deadline)) {
+      auto reply = decodeReply(*received);
+      if (reply && answers(*reply, request)) return *std::move(reply);
+    }
   }
   const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
   throw socket_.failure(fmt::format("no reply within {} ms", waited.count()));
 }
 
-void UdpLink::wait(std::chrono::milliseconds time) {
-  std::this_thread::sleep_for(time);
-}
-
-std::optional<Reply> UdpLink::await(const Request& request, Clock::time_point deadline) {
-  while (const auto datagram = socket_.receive(deadline)) {
-    auto reply = decodeReply(*datagram);
-    if (reply && answers(*reply, request)) return reply;
-  }
-  return std::nullopt;
-}
-
 void UdpCalibrationLink::begin() {
   socket_.emplace(server_, kCalibration);
-}
-
-std::optional<Bytes> UdpCalibrationLink::receive(std::chrono::nanoseconds time) {
-  return socket_->receive(Clock::now() + time);
-}
-
-void UdpCalibrationLink::wait(std::chrono::milliseconds time) {
-  std::this_thread::sleep_for(time);
 }
 
 }  // namespace client

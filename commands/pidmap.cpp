@@ -8,8 +8,7 @@
 #include <vector>
 
 #include "client/chassis_services.h"
-#include "client/pid_map_change.h"
-#include "client/pid_map_file.h"
+#include "client/pid_map.h"
 #include "commands/command.h"
 #include "commands/json_fields.h"
 

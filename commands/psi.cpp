@@ -8,13 +8,13 @@
 #include <stdexcept>
 #include <vector>
 
+#include "client/channel_change.h"
 #include "client/chassis_services.h"
 #include "client/psi_capture.h"
-#include "client/psi_change.h"
 #include "commands/command.h"
 #include "commands/psi_report.h"
 #include "commands/status.h"
-#include "mpeg/section_gatherer.h"
+#include "mpeg/section.h"
 
 namespace commands {
 namespace {
@@ -57,8 +57,8 @@ struct PsiLoad final : ChangeCommand {
 
   void prepare(Surroundings& surroundings) override {
     const client::Capture capture = client::readCapture(std::filesystem::path(file_));
-    for (const client::Note& note : capture.notes)
-      surroundings.notes.push_back(fmt::format("{}: {}", file_, note.text));
+    for (const std::string& note : capture.notes)
+      surroundings.notes.push_back(fmt::format("{}: {}", file_, note));
     try {
       tables_ = client::packTables(capture.sections);
       client::checkStorable(tables_);
@@ -74,7 +74,7 @@ struct PsiLoad final : ChangeCommand {
     std::string text = fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()),
                                    client::packetsIn(tables_));
     for (const PsiType type : mpeg::kAllTables) {
-      const std::size_t sections = client::sectionsIn(tables_, type);
+      const std::size_t sections = client::sectionsOf(tables_, type).size();
       if (sections > 0) text += fmt::format(", {} {}", mpeg::tableName(type), sections);
     }
     session.print(text + " (sections)\n");
@@ -237,8 +237,7 @@ struct PsiSearch final : Command {
   }
 
   void gather(Session& session) {
-    mpeg::SectionGatherer gatherer([this](std::span<const u8> section) { add(section); },
-                                   [](mpeg::SectionGatherer::Loss, std::optional<u8>) {});
+    mpeg::SectionGatherer gatherer([this](std::span<const u8> section) { add(section); });
     const std::chrono::duration<double> time(seconds_);
     for (std::chrono::duration<double> waited(0); waited < time; waited += kSearchPoll) {
       for (auto packets = client::searched(session.link(), channel()); !packets.empty();

@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "client/psi_capture.h"
-#include "mpeg/dvb_text.h"
+#include "base/text.h"
 #include "platform/wire.h"
 
 namespace commands {
@@ -45,7 +45,7 @@ class Fields {
   u8 number8() { return bytes(1)[0]; }
   u16 number16() { return wire::get16(bytes(2).data()); }
   u16 pid() { return number16() & 0x1FFF; }
-  std::string text(std::size_t size) { return mpeg::dvbText(bytes(size)); }
+  std::string text(std::size_t size) { return base::dvbText(bytes(size)); }
   Fields loop() { return Fields(bytes(number16() & 0x0FFFu)); }  // after its 12-bit length
   Descriptors descriptors() {                                    // up to the end
     Descriptors all;

@@ -11,22 +11,15 @@ constexpr Offset kTimestampSize = 4;
 constexpr Offset kTimestampedStride = 192;
 constexpr Offset kStrides[] = {kTsPacketSize, kTimestampedStride, 204};
 
-// How many sync bytes in a row make a raster: where nobody knew of one, and where a packet was due.
+// How many sync bytes in a row make a raster: if none was known before, and where a packet was due.
 constexpr int kSearchRun = 5;
 constexpr int kRasterRun = 2;
 
 }  // namespace
 
 const u8* PacketReader::next() {
-  if (stride_ == 0) {
-    if (!findFirst()) return nullptr;
-  } else if (next_ >= size() && !ensure(next_ + 1)) {
-    return nullptr;
-  } else if (!hasSync(next_) && !resync()) {
-    trailingBytes_ = size() - next_;
-    return nullptr;
-  }
-  if (!ensure(next_ + kTsPacketSize)) {
+  if (stride_ == 0 ? !findFirst() : !ensure(next_ + 1)) return nullptr;
+  if ((!hasSync(next_) && !resync()) || !ensure(next_ + kTsPacketSize)) {
     trailingBytes_ = size() - next_;
     return nullptr;
   }

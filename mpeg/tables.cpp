@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <tuple>
 
 namespace mpeg {
 namespace {
@@ -10,12 +11,8 @@ namespace {
 constexpr std::array<const char*, PSINUM> kNames = {"PAT",   "PMT",   "SDT_C", "SDT_O",
                                                     "NIT_C", "NIT_O", "BAT",   "CAT"};
 
-struct OtherTable {
-  u8 first;
-  u8 last;
-  const char* name;
-};
-constexpr OtherTable kOtherTables[] = {
+// First and last table_id, and name.
+constexpr std::tuple<u8, u8, const char*> kOtherTables[] = {
     {0x03, 0x03, "TSDT"},        {0x38, 0x3F, "DSM-CC"},
     {0x4B, 0x4D, "UNT/INT/SAT"}, {0x4E, 0x6F, "EIT"},
     {0x70, 0x70, "TDT"},         {0x71, 0x71, "RST"},
@@ -43,8 +40,8 @@ std::optional<PsiType> tableOfId(u8 id) {
 
 std::string nameOfTableId(u8 id) {
   if (const auto type = tableOfId(id)) return tableName(*type);
-  for (const OtherTable& other : kOtherTables) {
-    if (id >= other.first && id <= other.last) return other.name;
+  for (const auto& [first, last, name] : kOtherTables) {
+    if (id >= first && id <= last) return name;
   }
   return fmt::format("table {:#04x}", id);
 }

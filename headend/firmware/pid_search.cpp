@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "mpeg/pcr.h"
+#include "mpeg/packet.h"
 #include "platform/address_word.h"
 #include "ts/qamBack.h"
 

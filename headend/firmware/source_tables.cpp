@@ -25,12 +25,7 @@ void SourceTables::gather(u16 pid, mpeg::PacketView packet) {
       take(section);
     }
   };
-  auto found = gatherers_.find(pid);
-  if (found == gatherers_.end()) {
-    found =
-        gatherers_.try_emplace(pid, onSection, [](mpeg::SectionGatherer::Loss, std::optional<u8>) {}).first;
-  }
-  found->second.push(packet);
+  gatherers_.try_emplace(pid, onSection).first->second.push(packet);
 }
 
 // A new version of a table replaces all sections of the old one.

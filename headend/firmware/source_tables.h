@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "headend/hardware/ts_input.h"
-#include "mpeg/pcr.h"
-#include "mpeg/section_gatherer.h"
+#include "mpeg/packet.h"
+#include "mpeg/section.h"
 
 namespace headend {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "headend/hardware/ts_input.h"
-#include "mpeg/pcr.h"
+#include "mpeg/packet.h"
 
 namespace headend {
 

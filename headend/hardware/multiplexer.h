@@ -14,7 +14,7 @@
 
 #include "headend/hardware/device.h"
 #include "headend/hardware/packet_sink.h"
-#include "mpeg/pcr.h"
+#include "mpeg/packet.h"
 
 namespace headend {
 

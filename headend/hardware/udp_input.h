@@ -11,7 +11,7 @@
 
 #include "headend/hardware/ts_input.h"
 #include "headend/kernel/network.h"
-#include "mpeg/pcr.h"
+#include "mpeg/packet.h"
 
 namespace headend {
 

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "client/carry_out.h"
+#include "client/channel_change.h"
 #include "client/link.h"
-#include "client/pid_map_change.h"
-#include "client/psi_change.h"
+#include "client/pid_map.h"
 #include "tests/client/messages.h"
 #include "tests/headend/headend_run.h"
 
@@ -82,8 +82,8 @@ class FakeLink final : public client::Link {
 
 inline std::vector<mpeg::Section> sectionsIn(const client::PsiStore& psi) {
   std::vector<mpeg::Section> all;
-  for (const auto& table : psi.readable())
-    std::ranges::move(client::sectionsOf(table), std::back_inserter(all));
+  for (const PsiType type : mpeg::kAllTables)
+    std::ranges::move(client::sectionsOf(psi.readable(), type), std::back_inserter(all));
   return all;
 }
 

@@ -1,4 +1,4 @@
-// What stands on the terminal for what the panel knows: places, widths, what is cut, and what never gets
+// What the terminal shows of the panel's state: places, widths, what is cut, and what never gets
 // there.
 #include "tools/panel/panel_view.h"
 

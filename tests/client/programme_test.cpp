@@ -152,7 +152,7 @@ TEST_F(ProgrammeTest, TakesPidsThatAreFreeAndRefusesTheOthers) {
   const std::tuple<const char*, std::optional<u16>, std::vector<u16>, u16, const char*> rows[] = {
       {"the lowest two that follow each other", {}, {}, 0, "PMT 0x102, stream 0x103"},
       {"behind those of others", 0x101, {}, 1, "PMT 0x103, stream 0x104"},
-      {"a PMT may not stand on 0x1ff", 0x1FF, {}, 0, "PMT 0x200, stream 0x201"},
+      {"a PMT not on 0x1ff", 0x1FF, {}, 0, "PMT 0x200, stream 0x201"},
       {"nor the block begin there", {}, {}, 0xFD, "PMT 0x200, stream 0x201"},
       {"a stream may", 0x3FE, {}, 0, "PMT 0x3fe, stream 0x3ff"},
       {"none of tables", 0x10, {}, 0, "PMT 0x20, stream 0x21"},

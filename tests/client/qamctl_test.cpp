@@ -4,10 +4,10 @@
 
 #include <set>
 
-#include "client/channel_variables.h"
+#include "base/text.h"
+#include "client/channel_state.h"
 #include "client/chassis_services.h"
 #include "commands/psi_report.h"
-#include "mpeg/dvb_text.h"
 #include "protocol/variables.h"
 #include "tests/client/card_link.h"
 #include "tests/client/program.h"
@@ -239,7 +239,7 @@ TEST_F(Qamctl, ReadsEveryCharacterTableAndLetsNoControlThrough) {
       {"terminal controls", {'a', 0x1B, '[', '2', 'J', 0x07, 0x9B, 'm', 0x7F, 0x00}, "a[2Jm"},
       {"C1 controls in UTF-8", {0x15, 0xC2, 0x9B, 'm'}, "m"},
   };
-  for (const auto& [name, bytes, text] : rows) EXPECT_EQ(dvbText(bytes), text) << name;
+  for (const auto& [name, bytes, text] : rows) EXPECT_EQ(base::dvbText(bytes), text) << name;
 }
 
 // Sections whose lengths contradict each other crash decoders that trust them: a body is decoded where it is

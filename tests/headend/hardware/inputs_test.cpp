@@ -4,7 +4,7 @@
 #include <cmath>
 #include <tuple>
 
-#include "client/server_socket.h"
+#include "client/udp_link.h"
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/udp_input.h"
 #include "tests/headend/kernel/rig.h"

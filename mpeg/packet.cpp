@@ -1,4 +1,4 @@
-#include "mpeg/pcr.h"
+#include "mpeg/packet.h"
 
 #include <algorithm>
 

@@ -1,12 +1,31 @@
-// Plans for a channel's PID map. See channel_change.h. A lock empties the card's record at once; the router
-// keeps the old map until the unlock, which sends the whole record to it.
+// A channel's PID map: as a CSV file, its checks, and the plans of its changes (see channel_change.h). A file
+// is written by operators, printed by `qamctl pidmap show --csv`, or saved as a rescue file; slots and inputs
+// count from 1 in it. A lock empties the card's record at once; the router keeps the old map until the
+// unlock, which sends the whole record to it.
 #pragma once
 
+#include <filesystem>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/channel_change.h"
 
 namespace client {
+
+struct MapFile {
+  std::vector<MapEntry> entries;
+  std::vector<std::size_t> lines;  // of the entries, from 1
+};
+
+// Reads the header and lines of numbers, decimal or 0x. Blank lines and lines that begin with # are ignored;
+// lines may end in CR LF. Only the ranges are checked; checkMap checks the rest. `name` precedes messages.
+// Throws Error with the line's number.
+MapFile parseMapFile(std::string_view text, const std::string& name);
+// The same for a file; also throws Error if it cannot be read.
+MapFile readMapFile(const std::filesystem::path& file);
+
+std::string mapFileText(const std::vector<MapEntry>& entries);
 
 // Refuses a map that the card would reject or the router misroute: more than kPidMapSize entries, numbers out
 // of range, duplicate sources, two sources on one output PID, inputs that are not in `options.sources`. Notes

@@ -19,7 +19,8 @@
 #include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "headend/flash_folder.h"
-#include "headend/run.h"
+#include "headend/headend.h"
+#include "headend/jobs.h"
 #include "protocol/panel.h"
 #include "tests/headend/scratch.h"
 

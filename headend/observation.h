@@ -31,16 +31,10 @@ class Observation final : public KernelObserver {
     std::string holder;
     Nanos since = 0;
   };
-  // The parts of the same headend. They are used only when the kernel runs.
-  struct Parts {
-    Kernel& kernel;
-    Bus& bus;
-    Chassis& chassis;
-    CarouselMonitor& monitor;
-    Log& log;
-  };
 
-  explicit Observation(const Parts& parts) : parts_(parts) {}
+  // The parts of the same headend. They are used only when the kernel runs.
+  Observation(Kernel& kernel, Bus& bus, Chassis& chassis, CarouselMonitor& monitor, Log& log, const Say& say)
+      : kernel_(kernel), bus_(bus), chassis_(chassis), monitor_(monitor), log_(log), say_(say) {}
 
   // Called once per tick of each clock.
   void onAuxiliaryClock(std::function<void()> hook) { onAuxiliaryClock_ = std::move(hook); }
@@ -63,10 +57,14 @@ class Observation final : public KernelObserver {
   void taskParked(const Task& task) override;
   void taskReleased(const Task& task) override;
   void semaphoreLong(const os::Semaphore& semaphore, const Task& task) override;
-  std::uint16_t peek(const volatile void* reg) override;
-  void say(const std::string& text);
+  std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
-  Parts parts_;
+  Kernel& kernel_;
+  Bus& bus_;
+  Chassis& chassis_;
+  CarouselMonitor& monitor_;
+  Log& log_;
+  const Say& say_;
   std::vector<FailedCheck> failedChecks_;
   std::vector<ParkedTask> parkedTasks_;
   std::vector<LongWait> longWaits_;

@@ -22,17 +22,13 @@ class SocketTable {
   // The services of platform/sockets.h; os::ERROR for a socket that does not exist.
   int open();
   int bind(int socket, std::uint16_t port);
-  std::optional<Datagram> receive(int socket);  // waits
-  int send(int socket, const Endpoint& to, const std::vector<u8>& bytes);
-  int close(int socket);
+  int close(int socket) { return sockets_.erase(socket) != 0 ? os::OK : os::ERROR; }
+  UdpSocket* find(int socket) const;  // null until it is bound
 
  private:
-  UdpSocket* find(int socket);
-
   Network& network_;
-  std::map<std::uint16_t, std::unique_ptr<UdpSocket>> exposed_;  // not bound yet
-  std::map<std::uint16_t, std::string> hostAddresses_;
-  std::map<int, std::unique_ptr<UdpSocket>> sockets_;  // null until bound
+  std::map<std::uint16_t, std::shared_ptr<UdpSocket>> exposed_;
+  std::map<int, std::shared_ptr<UdpSocket>> sockets_;  // null until bound
   int last_ = 2;                                       // a shell uses the first three
 };
 

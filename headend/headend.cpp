@@ -79,7 +79,7 @@ Headend::Headend(Options chosen)
   if (options.snmp.isUsed()) {
     snmp.emplace(
         kernel, network, flash, options.snmp, [this](int slot) { return runs(slot); }, say);
-    alarms.onEvent([this](const AlarmRecord& event) { snmp->notify(event); });
+    alarms.onEvent = [this](const AlarmRecord& event) { snmp->notify(event); };
   }
   setRunning(this);
   startCards();
@@ -175,20 +175,19 @@ void Headend::provideServices() {
   if (const auto& address = options.manage) backEnd.socket().openToHost(address->host, address->port);
   if (const auto& address = options.calibration)
     sockets.expose(client::kDefaultCalibrationPort, address->host, address->port);
-  const auto usesCalibration = [](const Job& job) {
-    return job.call->entry->needs == commands::Needs::kCalibration;
-  };
-  if (options.calibration || std::ranges::any_of(options.jobs, usesCalibration)) chassis.serveCalibration();
 }
 
 void Headend::startCards() {
   for (auto& [slot, source] : sources.cards()) chassis.plugIn(source.descriptor);
-  chassis.onInitReturned([this](int slot) {
+  chassis.onInitReturned = [this](int slot) {
     ports[static_cast<std::size_t>(slot)]->loaderLeft();
     if (!trace) card(slot).onRegister(nullptr);  // no receiver is left
     openMib(*this, slot);
-  });
-  chassis.start(options.slots);
+  };
+  const auto usesCalibration = [](const Job& job) {
+    return job.call->entry->needs == commands::Needs::kCalibration;
+  };
+  chassis.start(options.slots, options.calibration || std::ranges::any_of(options.jobs, usesCalibration));
   alarms.endAbsent(options.slots);
   chassis.startStatusChecks(options.slots, options.statusPeriod, [this](int slot) { return runs(slot); });
   backEnd.start();

@@ -64,43 +64,43 @@ void JobFlags::set(const std::string& text) {
                     .words = {"var", "set", "--", name.substr(0, dot), name.substr(dot + 1), value}});
 }
 
-void JobFlags::describe(commands::Form& form) {
-  const auto option = [&form](const std::string& name, const char* text, auto take) {
-    form.take(commands::Option(name, "TEXT", text).repeatable(commands::kAny), take);
-  };
-  const auto flag = [&](const std::string& name, const char* text, auto lineOfText) {
-    option(name, text, [this, name, lineOfText](const std::string& value) {
-      Line line = lineOfText(value);
-      line.flag = name + ' ' + value;
-      lines_.push_back(std::move(line));
-    });
-  };
-  flag("--psi",
+void JobFlags::flag(commands::Form& form, const std::string& name, const char* text,
+                    Line (*lineOfText)(const std::string& text)) {
+  form.take(commands::Option(name, "TEXT", text).repeatable(commands::kAny),
+            [this, name, lineOfText](const std::string& value) {
+              Line line = lineOfText(value);
+              line.flag = name + ' ' + value;
+              lines_.push_back(std::move(line));
+            });
+}
+
+void JobFlags::describeUploads(commands::Form& form) {
+  flag(form, "--psi",
        "N.P=FILE.ts[@SECONDS]: upload the PSI of a capture once the card runs, or at that time; a file whose "
        "name ends in @NUMBER takes @0 behind it (repeatable)",
        [](const std::string& text) -> Line {
          const auto [channel, file, at] = parseAssignment(text, "want N.P=FILE.ts, or N.P=FILE.ts@SECONDS");
          return {.at = at, .words = {"psi", "load", "--", channel, file}, .uploadTo = channel};
        });
-  option(
-      "--interval",
+  const char* interval =
       "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of PAT, PMT, SDT_C, SDT_O, "
       "NIT_C, NIT_O, BAT or CAT (repeatable). It goes with the first --psi of the channel; alone it is set "
       "while the tables are on the air. 0 stops a table; set in the middle of a section it leaves the tables "
-      "on the same PID waiting until the next upload",
-      [this](const std::string& text) {
-        constexpr auto kWant = "want N.P.TABLE=TICKS, as 1.2.PAT=100";
-        const auto [name, ticks] = splitAssignment(text, kWant);
-        const std::size_t dot = name.rfind('.');
-        if (dot == std::string::npos || dot == 0) refuse(text, kWant);
-        intervals_[name.substr(0, dot)][name.substr(dot + 1)] = ticks;
-      });
-  flag("--pidmap", "N.P=FILE.csv[@SECONDS]: load a PID map, as qamctl pidmap load does (repeatable)",
+      "on the same PID waiting until the next upload";
+  form.take(commands::Option("--interval", "TEXT", interval).repeatable(commands::kAny),
+            [this](const std::string& text) {
+              constexpr auto kWant = "want N.P.TABLE=TICKS, as 1.2.PAT=100";
+              const auto [name, ticks] = splitAssignment(text, kWant);
+              const std::size_t dot = name.rfind('.');
+              if (dot == std::string::npos || dot == 0) refuse(text, kWant);
+              intervals_[name.substr(0, dot)][name.substr(dot + 1)] = ticks;
+            });
+  flag(form, "--pidmap", "N.P=FILE.csv[@SECONDS]: load a PID map, as qamctl pidmap load does (repeatable)",
        [](const std::string& text) -> Line {
          const auto [channel, file, at] = parseAssignment(text, "want N.P=FILE.csv or N.P=FILE.csv@SECONDS");
          return {.at = at, .words = {"pidmap", "load", "--", channel, file}};
        });
-  flag("--programme",
+  flag(form, "--programme",
        "N.P=SLOT.INPUT:SERVICE[@SECONDS]: put a programme of an input on the channel, by service name or "
        "number, as qamctl programme add does (repeatable)",
        [](const std::string& text) -> Line {
@@ -113,16 +113,20 @@ void JobFlags::describe(commands::Form& form) {
          return {.at = at,
                  .words = {"programme", "add", channel, input, "--service=" + from.substr(colon + 1)}};
        });
-  flag("--key",
+}
+
+void JobFlags::describeCommands(commands::Form& form) {
+  flag(form, "--key",
        "NAME[,NAME...][@SECONDS]: press keys of the front panel: up, down, left, right, ok, cancel "
        "(repeatable)",
-       [](std::string text) -> Line {
-         const Nanos at = takeTime(text);
-         Words words = partsOf(text);
+       [](const std::string& text) -> Line {
+         std::string names = text;
+         const Nanos at = takeTime(names);
+         Words words = partsOf(names);
          words.insert(words.begin(), "key");
          return {.at = at, .words = words};
        });
-  flag("--do",
+  flag(form, "--do",
        "'[@SECONDS] COMMAND ...': carry out a command of qamctl once the card runs, or at that time, as '@5 "
        "var set 1 rfreq 474000' (repeatable; qamctl --help lists the commands). A wrong command is refused "
        "before the start",

@@ -19,7 +19,10 @@ Job jobOf(const std::string& line);
 
 class JobFlags {
  public:
-  void describe(commands::Form& form);
+  void describe(commands::Form& form) {
+    describeUploads(form);
+    describeCommands(form);
+  }
   // `--set` of a variable; the form of the flag is the same for what a sensor measures.
   void set(const std::string& text);
 
@@ -35,6 +38,10 @@ class JobFlags {
     std::string uploadTo{};  // the channel of --psi
     bool isDo = false;
   };
+  void describeUploads(commands::Form& form);
+  void describeCommands(commands::Form& form);
+  void flag(commands::Form& form, const std::string& name, const char* text,
+            Line (*lineOfText)(const std::string& text));
   void placeIntervals();
 
   std::vector<Line> lines_;

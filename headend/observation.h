@@ -37,8 +37,8 @@ class Observation final : public KernelObserver {
       : kernel_(kernel), bus_(bus), chassis_(chassis), monitor_(monitor), log_(log), say_(say) {}
 
   // Called once per tick of each clock.
-  void onAuxiliaryClock(std::function<void()> hook) { onAuxiliaryClock_ = std::move(hook); }
-  void onSystemClock(std::function<void()> hook) { onSystemClock_ = std::move(hook); }
+  std::function<void()> onAuxiliaryClock = [] {};
+  std::function<void()> onSystemClock = [] {};
 
   // A check of the module has failed (platform/check.h).
   void checkFailed(const char* text, const char* unit, int line);
@@ -50,8 +50,8 @@ class Observation final : public KernelObserver {
   const ParkedTask* hangingTask(int slot) const;
 
  private:
-  void auxiliaryClock() override { onAuxiliaryClock_(); }
-  void systemClock() override { onSystemClock_(); }
+  void auxiliaryClock() override { onAuxiliaryClock(); }
+  void systemClock() override { onSystemClock(); }
   void queueCreated(os::MsgQ* queue, const Task* by) override;
   void messageSent(os::MsgQ* queue, std::span<const char> message) override;
   void taskParked(const Task& task) override;
@@ -68,8 +68,6 @@ class Observation final : public KernelObserver {
   std::vector<FailedCheck> failedChecks_;
   std::vector<ParkedTask> parkedTasks_;
   std::vector<LongWait> longWaits_;
-  std::function<void()> onAuxiliaryClock_ = [] {};
-  std::function<void()> onSystemClock_ = [] {};
 };
 
 }  // namespace headend

@@ -49,19 +49,19 @@ void advanceOutputs(Headend& headend) {
 }
 
 void doTheClocksWork(Headend& headend, const std::atomic<bool>& interrupted) {
-  headend.observation.onAuxiliaryClock([&headend] {
+  headend.observation.onAuxiliaryClock = [&headend] {
     headend.chassis.auxiliaryClock();
     if (!headend.sinks.empty() || !headend.options.sources.empty()) advanceOutputs(headend);
-  });
+  };
   const Options& options = headend.options;
   const bool polls = options.fast && (options.manage || options.calibration || options.snmp.listen);
-  headend.observation.onSystemClock([&headend, &interrupted, polls] {
+  headend.observation.onSystemClock = [&headend, &interrupted, polls] {
     if (interrupted) headend.kernel.stop();
     if (polls) headend.network.pollHost(0);
     headend.eepromFiles.save(headend.kernel.now());  // at each tick: the process may be killed
     headend.rates.update(headend.kernel.now());
     headend.onTick();
-  });
+  };
 }
 
 // What has failed, one text each. After a power cut the cards and the operator have not failed.

@@ -155,25 +155,20 @@ bool AlarmFile::putAside(const fs::path& file) {
   return true;
 }
 
-bool AlarmFile::append(const AlarmRecord& event) {
-  if (!hasFile_) return false;
+void AlarmFile::save(const std::vector<AlarmRecord>& before, const std::deque<AlarmRecord>& events) {
   base::Bytes bytes;
-  put(bytes, event);
-  hasFile_ = flash_.append(kPath, bytes).empty();
+  put(bytes, events.back());
+  hasFile_ = hasFile_ && entries_ < kMostEntries && flash_.append(kPath, bytes).empty();
   if (hasFile_) ++entries_;
-  return hasFile_;
-}
-
-void AlarmFile::rewrite(const std::vector<AlarmRecord>& standing, const std::deque<AlarmRecord>& events) {
-  if (locked_) return;
-  base::Bytes bytes(kMagic.begin(), kMagic.end());
-  for (const AlarmRecord& event : standing) put(bytes, event);
+  if (hasFile_ || locked_) return;
+  bytes.assign(kMagic.begin(), kMagic.end());
+  for (const AlarmRecord& event : before) put(bytes, event);
   for (const AlarmRecord& event : events) put(bytes, event);
   const std::string failure = flash_.replace(kPath, bytes);
   hasFile_ = failure.empty();
   if (!hasFile_) return failed(failure);
   failure_.clear();
-  entries_ = standing.size() + events.size();
+  entries_ = before.size() + events.size();
 }
 
 // Said once, and again when it fails for another reason.
@@ -252,8 +247,8 @@ void AlarmList::note(AlarmRecord event) {
   account(standing_, event);
   history_.push_back(event);
   forgetOldest();
-  if (file_.entries() >= 2 * kHistory || !file_.append(event)) file_.rewrite(base_, history_);
-  if (onEvent_) onEvent_(event);
+  file_.save(base_, history_);
+  onEvent(event);
 }
 
 void AlarmList::forgetOldest() {

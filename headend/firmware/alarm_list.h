@@ -35,16 +35,17 @@ static_assert(offsetof(AlarmRecord, number) == 8 && offsetof(AlarmRecord, alarm)
 // is rewritten completely from time to time. Each entry has a checksum.
 class AlarmFile {
  public:
+  static constexpr std::size_t kMostEntries = 20'000;  // the file is rewritten when it has so many
+
   // `say` is called with a message if the file has an error.
   AlarmFile(Flash& flash, Say say) : flash_(flash), say_(std::move(say)) {}
 
   // Returns all readable entries of the file. A damaged file is renamed, and a new file replaces it.
   std::deque<AlarmRecord> load();
-  // Entries of the file; false if it could not be saved completely: the caller then tries `rewrite`.
-  bool append(const AlarmRecord& event);
-  void rewrite(const std::vector<AlarmRecord>& standing, const std::deque<AlarmRecord>& events);
+  // Saves the last of `events`: appended where that is possible, else with all of them and the events that
+  // raised the alarms active before the first.
+  void save(const std::vector<AlarmRecord>& before, const std::deque<AlarmRecord>& events);
 
-  std::size_t entries() const { return entries_; }
   bool kept() const { return failure_.empty(); }  // whether the file has all events
   const std::string& failure() const { return failure_; }
 
@@ -62,7 +63,7 @@ class AlarmFile {
 
 class AlarmList {
  public:
-  static constexpr std::size_t kHistory = 10'000;  // events
+  static constexpr std::size_t kHistory = AlarmFile::kMostEntries / 2;  // events
 
   struct Key {
     u8 slot;
@@ -93,7 +94,7 @@ class AlarmList {
   bool exists(const Key& key) const;
 
   // Called for each event when it is recorded.
-  void onEvent(std::function<void(const AlarmRecord&)> hook) { onEvent_ = std::move(hook); }
+  std::function<void(const AlarmRecord&)> onEvent = [](const AlarmRecord&) {};
 
   // Oldest first, as the events that raised the alarms.
   const std::vector<AlarmRecord>& standing() const { return standing_; }
@@ -115,7 +116,6 @@ class AlarmList {
   std::vector<AlarmRecord> standing_;
   std::deque<AlarmRecord> history_;
   std::uint64_t last_ = 0;
-  std::function<void(const AlarmRecord&)> onEvent_;
 };
 
 // In UTF-8, as clients receive it.

@@ -38,17 +38,17 @@ void Chassis::plugIn(chassis::card& card) {
 
 // ---- Start-up ----
 
-void Chassis::start(const std::vector<int>& slots) {
+void Chassis::start(const std::vector<int>& slots, bool servesCalibration) {
   for (const int number : slots) at(number).occupied = true;
   semQamVar = kernel_.createMutex("semQamVar");
-  kernel_.spawn("tRoot", kRootPriority, [this, slots] {
+  kernel_.spawn("tRoot", kRootPriority, [this, slots, servesCalibration] {
     for (const int number : slots) {
       beginPhase(number, "registration");
       Qam_Init(static_cast<u8>(number));
       endPhase(number);
       at(number).registrationFailed = slot(number).descriptor == nullptr;
     }
-    if (servesCalibration_) Ad9775Ctrl_Init(0);
+    if (servesCalibration) Ad9775Ctrl_Init(0);
     for (const int number : slots) {
       const std::string name = fmt::format("tSlot{}", number + 1);
       kernel_.spawn(
@@ -66,7 +66,7 @@ void Chassis::startSlot(int number) {
   endPhase(number);
   slot.initTook = kernel_.now() - began;
   slot.initReturned = true;
-  if (onInitReturned_) onInitReturned_(number);
+  onInitReturned(number);
 }
 
 std::vector<Chassis::Phase> Chassis::startup(int number) const {

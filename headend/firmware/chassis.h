@@ -62,8 +62,9 @@ class Chassis {
   // Adds a card of another kind, which needs no start. Call before `start`.
   void plugIn(chassis::card& card);
 
-  // Starts the cards of these slots (0..5): registration first, then each slot's `init`.
-  void start(const std::vector<int>& slots);
+  // Starts the cards of these slots (0..5): registration first, then the calibration service if it is wanted,
+  // and each slot's `init`.
+  void start(const std::vector<int>& slots, bool servesCalibration);
 
   // Calls the status check of each of these cards once per period while the card runs; 0: never. One task per
   // slot, so a card with a blocked bus does not delay other cards' alarms. A check holds the processor for
@@ -71,12 +72,9 @@ class Chassis {
   void startStatusChecks(const std::vector<int>& slots, Nanos period,
                          const std::function<bool(int slot)>& runs);
 
-  // Starts the calibration service after the cards are registered.
-  void serveCalibration() { servesCalibration_ = true; }
-
   const Slot& slot(int number) const { return slots_[static_cast<std::size_t>(number)]; }
   bool saveFailed() const { return saveFailed_; }
-  void onInitReturned(std::function<void(int slot)> hook) { onInitReturned_ = std::move(hook); }
+  std::function<void(int slot)> onInitReturned = [](int /*slot*/) {};
 
   // A phase of a slot's start-up begins, and ends the previous one.
   void beginPhase(int number, std::string name);
@@ -109,9 +107,7 @@ class Chassis {
   Flash& flash_;
   Log& log_;
   std::array<Slot, MAX_BOARD_NUM> slots_;
-  std::function<void(int)> onInitReturned_;
   bool saveFailed_ = false;
-  bool servesCalibration_ = false;
 };
 
 }  // namespace headend

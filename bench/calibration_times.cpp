@@ -17,7 +17,7 @@
 
 #include "card/QamFpga.h"
 #include "headend/flash_folder.h"
-#include "headend/run.h"
+#include "headend/headend.h"
 #include "hw/Qam_set.h"
 #include "hw/ad9775.h"
 #include "hw/ad9775_ctrl.h"

@@ -19,7 +19,8 @@
 #include "client/chassis_services.h"
 #include "client/udp_link.h"
 #include "headend/flash_folder.h"
-#include "headend/run.h"
+#include "headend/headend.h"
+#include "headend/jobs.h"
 #include "protocol/panel.h"
 #include "tests/headend/scratch.h"
 
@@ -95,8 +96,8 @@ std::vector<Times> inside(headend::Headend& headend) {
   headend::Kernel& kernel = headend.kernel;
   while (!headend.chassis.slot(0).initReturned) kernel.delay(1);
   kernel.delay(2 * kernel.settings().tickHz);  // the upload has also ended, and the first screen shows it
-  return measure([&] { return headend.panel.lcd().shown().pixels; },
-                 [&](PanelKey key) { headend.panel.keys().press(key); },
+  return measure([&] { return headend.panel.lcd.shown().pixels; },
+                 [&](PanelKey key) { headend.panel.keys.press(key); },
                  [&](Nanos time) { kernel.sleepUntil(kernel.now() + time); }, [&] { return kernel.now(); });
 }
 

@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "headend/flash_folder.h"
-#include "headend/run.h"
+#include "headend/headend.h"
 #include "tests/headend/scratch.h"
 #include "ui/qamStatus.h"
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -14,7 +15,7 @@
 #include "commands/command.h"
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
-#include "headend/options.h"
+#include "headend/jobs.h"
 #include "headend/vcd_trace.h"
 #include "protocol/datagram.h"
 #include "protocol/mib_rows.h"
@@ -46,7 +47,7 @@ Examples:
   headend --fast --seconds 10 --do '@5 var set 1 rfreq 474000' --do '@8 rf'
       any command of qamctl, at a time of the run
   headend --snmp --snmp-secrets FILE --snmp-trap 127.0.0.1:1162
-      any SNMP manager whom FILE names reads and sets the cards, and gets their alarms
+      any SNMP manager that FILE names reads and sets the cards, and gets their alarms
 
 Exit codes:
   0  the run went through (failed checks and violations are reported, no more)
@@ -83,13 +84,15 @@ void refuseSharedFiles(const Options& options) {
     }
     if (isWritten) users[name] = flag;
   };
-  users[nameOf(options.flash / "K717_QAM" / "qam.bin")] = "the cards";
-  users[nameOf(options.flash / "alarms" / "history.dat")] = "the alarms";
-  users[nameOf(options.flash / "snmp" / "engine.txt")] = "the SNMP engine";
+  const auto own = [&](const char* user, const fs::path& file) {
+    users[nameOf(options.flash / file)] = user;
+  };
+  own("the cards", "K717_QAM/qam.bin");
+  own("the alarms", "alarms/history.dat");
+  own("the SNMP engine", "snmp/engine.txt");
   for (int slot = 1; slot <= MAX_BOARD_NUM; ++slot) {
-    const std::string name = "card" + std::to_string(slot);
-    users[nameOf(options.flash / "para" / (name + ".dat"))] = "the cards";
-    users[nameOf(options.flash / "eeprom" / (name + ".bin"))] = "the cards";
+    own("the cards", fmt::format("para/card{}.dat", slot));
+    own("the cards", fmt::format("eeprom/card{}.bin", slot));
   }
   for (const auto& [channel, target] : options.outputs) {
     if (!target.starts_with("udp://")) use("--out " + protocol::channelName(channel), target, true);
@@ -107,33 +110,27 @@ void refuseSharedFiles(const Options& options) {
   }
   use("--snmp-secrets", options.snmp.secrets, false);
   for (const auto& [slot, inputs] : options.sources) {
-    for (const Options::Input& input : inputs) {
-      if (!input.address) use("--source", input.file, false);
-    }
-  }
-}
-
-void checkSources(const Options& options) {
-  for (const auto& [slot, inputs] : options.sources) {
-    const std::string flag = "--source " + std::to_string(slot + 1);
-    const bool fromNetwork = std::ranges::any_of(inputs, [](const auto& i) { return i.address.has_value(); });
-    if (options.fast && fromNetwork) wrong(flag, "a udp:// input comes in real time: leave --fast away");
-    if (std::ranges::find(options.slots, slot) != options.slots.end())
-      wrong(flag, "there is a modulator card in that slot");
+    for (const Options::Input& input : inputs) use("--source", input.file, false);
   }
 }
 
 // Slots and inputs that other flags name.
 void checkPlaces(const Options& options) {
+  const auto hasCard = [&](int slot) { return std::ranges::count(options.slots, slot) > 0; };
   const auto demandSlot = [&](const std::string& flag, int slot) {
-    if (std::ranges::find(options.slots, slot) == options.slots.end())
-      wrong(flag, "no card in that slot: add --card " + std::to_string(slot + 1));
+    if (!hasCard(slot)) wrong(flag, "no card in that slot: add --card " + std::to_string(slot + 1));
   };
   const auto demandInput = [&](const std::string& flag, const protocol::SourcePort& input) {
     const auto card = options.sources.find(input.slot);
     if (card == options.sources.end() || input.port >= card->second.size())
       wrong(flag, "no such input: add --source " + std::to_string(input.slot + 1) + "=FILE.ts");
   };
+  for (const auto& [slot, inputs] : options.sources) {
+    const std::string flag = "--source " + std::to_string(slot + 1);
+    if (options.fast && std::ranges::any_of(inputs, [](const auto& i) { return i.address.has_value(); }))
+      wrong(flag, "a udp:// input comes in real time: leave --fast away");
+    if (hasCard(slot)) wrong(flag, "there is a modulator card in that slot");
+  }
   for (const Job& job : options.jobs) {
     if (job.slot() >= 0) demandSlot(job.flag, job.slot());
     if (job.target().input) demandInput(job.flag, *job.target().input);
@@ -150,40 +147,24 @@ void checkPlaces(const Options& options) {
 }
 
 void checkTogether(const Options& options) {
-  checkSources(options);
   checkPlaces(options);
   for (const std::string& glob : options.traceLines) {
     if (options.trace.empty()) wrong("--trace-lines " + glob, "needs --trace FILE.vcd");
-    if (!VcdTrace::matches(glob, options.slots)) {
+    if (!VcdTrace::matches(glob, options.slots))
       wrong("--trace-lines " + glob, "no register of the cards has such a name, as cdce925_* or slot1.att_*");
-    }
   }
-  const Options::Snmp& snmp = options.snmp;
+  const SnmpSettings& snmp = options.snmp;
   if (!snmp.isUsed() && !snmp.secrets.empty()) wrong("--snmp-secrets", "needs --snmp or --snmp-trap");
   if (!snmp.isUsed() && !std::ranges::equal(snmp.base, protocol::kDefaultMibBase))
     wrong("--snmp-base", "needs --snmp or --snmp-trap");
   if (!snmp.listen && snmp.writeCommunity) wrong("--snmp-write-community", "needs --snmp");
-  if (snmp.trapSink && snmp.trapSink->port == 0) wrong("--snmp-trap", "nobody receives on port 0");
+  if (snmp.trapSink && snmp.trapSink->port == 0) wrong("--snmp-trap", "no program receives on port 0");
   if (options.panel && options.fast) wrong("--panel", "is for real time: leave --fast out");
   if (options.panel && !options.manage) wrong("--panel", "reaches the headend over --manage, which is off");
   if (options.fast && !options.duration) wrong("--fast", "needs --seconds: nothing else would end the run");
 }
 
-std::string faultList() {
-  std::string list;
-  for (const FaultKind& kind : faultKinds()) list += kind.name + ": " + kind.text + '\n';
-  return list + "input-lost: an input of a source card is lost (as 6.1.input-lost@10/4)\n";
-}
-
-// Takes a time in a unit of `unit` nanoseconds.
-Form::Take timeInto(Nanos& field, double unit, double least, double most) {
-  return [=, &field](const std::string& text) {
-    const auto value = base::parseReal(text);
-    if (!value || *value < least || *value > most)
-      refuse(text, fmt::format("want a number from {:g} to {:g}", least, most));
-    field = static_cast<Nanos>(*value * unit);
-  };
-}
+// ---- The flags ----
 
 // Flags whose default depends on other flags.
 struct Given {
@@ -191,64 +172,78 @@ struct Given {
   std::optional<u32> epoch;
 };
 
+// A flag that may be given several times.
+void repeated(Form& form, Options& o, const char* name, const char* text,
+              void (*parse)(const std::string& text, Options& options), const char* group = "") {
+  form.take(Option(name, "TEXT", text).repeatable(kAny).group(group),
+            [&o, parse](const std::string& value) { parse(value, o); });
+}
+
+// A time in units of `unit`, from `least` to `most` of them.
+void time(Form& form, Option option, Nanos& field, Nanos unit, double least, double most) {
+  const auto scale = static_cast<double>(unit);
+  option.byDefault(fmt::format("{:g}", static_cast<double>(field) / scale));
+  form.take(option, [=, &field](const std::string& text) {
+    const auto value = base::parseReal(text);
+    if (!value || *value < least || *value > most)
+      refuse(text, fmt::format("want a number from {:g} to {:g}", least, most));
+    field = static_cast<Nanos>(*value * scale);
+  });
+}
+
 void describeCards(Form& form, Options& o) {
-  form.take(Option("--flash", "TEXT", "the folder that stands for the flash file system").byDefault("flash"),
-            [&o](const std::string& text) { o.flash = text; });
+  form.value(Option("--flash", "TEXT", "the folder of the flash file system").byDefault(o.flash.string()),
+             o.flash, std::identity());
   form.flag("--init-flash", "make that folder with the sample bitstream, no record yet, and exit",
             o.initFlash);
   form.values(Option("--card", "N", "a card in slot N (repeatable; default 1)").repeatable(kAny), o.slots,
               commands::slotOf);
-  form.take(Option("--out", "TEXT",
-                   "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a "
-                   "datagram (repeatable)")
-                .repeatable(kAny),
-            [&o](const std::string& text) { parseOutput(text, o); });
-  form.take(Option("--source", "TEXT",
-                   "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays "
-                   "between its PCRs, over and over; FILE.ts@RATE for one without PCRs (bit/s); "
-                   "udp://ADDRESS:PORT listens there (repeatable)")
-                .repeatable(kAny),
-            [&o](const std::string& text) { parseSource(text, o); });
-  form.take(Option("--dejitter", "MS", "milliseconds that a udp:// input waits for late datagrams")
-                .byDefault("200"),
-            timeInto(o.deJitter, 1e6, 1, 5'000));
+  repeated(form, o, "--out",
+           "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a datagram "
+           "(repeatable)",
+           parseOutput);
+  repeated(
+      form, o, "--source",
+      "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays between its "
+      "PCRs, over and over; FILE.ts@RATE for one without PCRs (bit/s); udp://ADDRESS:PORT listens there "
+      "(repeatable)",
+      parseSource);
+  time(form, {"--dejitter", "MS", "milliseconds that a udp:// input waits for late datagrams"}, o.deJitter,
+       kSecond / 1000, 1, 5'000);
 }
 
 void describeRun(Form& form, Options& o, JobFlags& jobs) {
   jobs.describe(form);
   form.take(
-      Option(
-          "--set", "TEXT",
-          "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that time: rfreq "
-          "(kHz), rflevel (0.1 dBuV), symbolrate (kBd), qammode, rfswitch, power (qamctl var list tells "
-          "their values); or what a sensor measures: temperature1, temperature2 (degrees C) (repeatable)")
+      Option("--set", "TEXT",
+             "N.NAME=VALUE[@SECONDS]: set a variable of the card in slot N once it runs, or at that time: "
+             "rfreq (kHz), rflevel (0.1 dBuV), symbolrate (kBd), qammode, rfswitch, power (qamctl var list "
+             "shows their values); or what a sensor measures: temperature1, temperature2 (degrees C) "
+             "(repeatable)")
           .repeatable(kAny),
       [&](const std::string& text) {
         if (!parseTemperature(text, o)) jobs.set(text);
       });
-  form.take(
-      Option("--fault", "TEXT",
-             "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from "
-             "that time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes "
-             "input P of source card N away, for good or for the first half of each period")
-          .repeatable(kAny),
-      [&o](const std::string& text) {
-        if (text == "help") throw commands::Help{faultList()};
-        parseFault(text, o);
-      });
-  form.take(
-      Option("--menu-timeout", "S",
-             "seconds without a key after which the front panel goes back to its first screen; 0: never")
-          .byDefault("60"),
-      timeInto(o.menuTimeout, 1e9, 0, 86'400));
-  form.take(Option("--status-period", "S",
-                   "seconds between status checks of a card, which raise and end its alarms; 0: none. A "
-                   "check holds up PSI packets for some milliseconds")
-                .byDefault("1"),
-            timeInto(o.statusPeriod, 1e9, 0, 86'400));
+  repeated(
+      form, o, "--fault",
+      "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from that "
+      "time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes input P of "
+      "source card N away, permanently or for the first half of each period",
+      parseFault);
+  constexpr double kDay = 86'400;
+  time(form,
+       {"--menu-timeout", "S",
+        "seconds without a key after which the front panel goes back to its first screen; 0: never"},
+       o.menuTimeout, kSecond, 0, kDay);
+  time(form,
+       {"--status-period", "S",
+        "seconds between status checks of a card, which raise and end its alarms; 0: none. A check holds up "
+        "PSI "
+        "packets for some milliseconds"},
+       o.statusPeriod, kSecond, 0, kDay);
   form.take(Option("--seconds", "S", "end after this much virtual time"), [&o](const std::string& text) {
     o.duration = parseSeconds(text);
-    if (!o.duration || *o.duration == 0) refuse(text, "want a number of seconds above 0, 1e9 at most");
+    if (*o.duration == 0) refuse(text, "want a number of seconds above 0");
   });
   form.flag("--fast", "as fast as this machine can; needs --seconds", o.fast);
 }
@@ -259,89 +254,87 @@ constexpr const char* kOpenToAll =
 void describeServices(Form& form, Options& o, Given& given) {
   form.take(Option("--manage", "ADDRESS:PORT",
                    fmt::format("ADDRESS:PORT of the management socket, or off; port 0 takes a free one and "
-                               "says which (default 127.0.0.1:{}, with --fast off). {}",
+                               "prints which (default 127.0.0.1:{}, with --fast off). {}",
                                protocol::kDefaultManagementPort, kOpenToAll)),
             [&](const std::string& text) {
               given.manage = true;
               if (text != "off") o.manage = parseAddress(text);
             });
-  form.take(Option("--epoch", "TIME",
-                   "when virtual time begins, for the alarms: UTC, as 2024-05-01 or 2024-05-01T12:00:00Z "
-                   "(default this machine's clock, with --fast 2000-01-01)"),
-            [&given](const std::string& text) { given.epoch = parseEpoch(text); });
+  form.value(Option("--epoch", "TIME",
+                    "when virtual time begins, for the alarms: UTC, as 2024-05-01 or 2024-05-01T12:00:00Z "
+                    "(default this machine's clock, with --fast 2000-01-01)"),
+             given.epoch, parseEpoch);
   const std::string calibration = fmt::format("127.0.0.1:{}", client::kDefaultCalibrationPort);
-  form.take(Option("--calibration", "ADDRESS:PORT",
-                   fmt::format(
-                       "start the DAC calibration service, on ADDRESS:PORT of this machine (default {}). {}",
-                       calibration, kOpenToAll))
-                .count(0, 1)
-                .byDefault(calibration),
-            [&o](const std::string& text) { o.calibration = parseAddress(text); });
-  form.flag("--panel",
-            "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend says "
-            "on it meanwhile is shown when the panel has ended. To quit the panel ends the run",
-            o.panel);
-  const auto file = [&form](const char* name, const char* text, std::string& field) {
-    form.text(Option(name, "FILE", text), field);
-  };
-  file("--log", "debug lines into this file instead of stderr", o.log);
-  file("--report", "write the report (JSON, docs/report.md) to this file at the end", o.report);
-  file("--bus-log",
+  const std::string text =
+      fmt::format("start the DAC calibration service, on ADDRESS:PORT of this machine (default {}). {}",
+                  calibration, kOpenToAll);
+  form.value(Option("--calibration", "ADDRESS:PORT", text).count(0, 1).byDefault(calibration), o.calibration,
+             parseAddress);
+  form.flag(
+      "--panel",
+      "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend prints on "
+      "it meanwhile is shown when the panel has ended. To quit the panel ends the run",
+      o.panel);
+  form.text({"--log", "FILE", "debug lines into this file instead of stderr"}, o.log);
+  form.text({"--report", "FILE", "write the report (JSON, docs/report.md) to this file at the end"},
+            o.report);
+  form.text(
+      {"--bus-log", "FILE",
        "one line an access to a card's window or configuration port: ns, slot, r or w, byte offset, value, "
-       "register",
-       o.busLog);
-  file("--trace",
+       "register"},
+      o.busLog);
+  form.text(
+      {"--trace", "FILE",
        "the cards' registers over virtual time, as a VCD file for waveform viewers and protocol decoders "
-       "(docs/tracing.md)",
-       o.trace);
-  form.take(
+       "(docs/tracing.md)"},
+      o.trace);
+  form.values(
       Option("--trace-lines", "PATTERN",
              "only registers whose name matches this pattern, as 'cdce925_*' or 'slot1.att_*' (repeatable)")
           .repeatable(kAny),
-      [&o](const std::string& text) { o.traceLines.push_back(text); });
+      o.traceLines, std::identity());
 }
 
-void describeSnmp(Form& form, Options::Snmp& snmp) {
+void describeSnmp(Form& form, SnmpSettings& snmp) {
   const std::string group = "SNMP (docs/snmp.md)";
   const std::string address = "127.0.0.1:1161";
-  snmp.base.assign(protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end());
-  form.take(
-      Option("--snmp", "ADDRESS:PORT",
-             fmt::format("open the SNMP agent, on ADDRESS:PORT of this machine (default {}; port 0 takes a "
-                         "free one and says which). Only managers that --snmp-secrets names are answered",
-                         address))
-          .count(0, 1)
-          .byDefault(address)
+  const std::string text = fmt::format(
+      "open the SNMP agent, on ADDRESS:PORT of this machine (default {}; port 0 takes a free one and prints "
+      "which). Only managers that --snmp-secrets names are answered",
+      address);
+  form.value(Option("--snmp", "ADDRESS:PORT", text).count(0, 1).byDefault(address).group(group), snmp.listen,
+             parseAddress);
+  form.text(
+      Option("--snmp-secrets", "FILE",
+             "FILE with communities and users, which its owner alone may read (chmod 600). Without it the "
+             "environment variable HEADEND_SNMP_SECRETS holds the lines: read-community WORD; "
+             "write-community WORD; user NAME read|write SHA-256 PASSPHRASE [AES PASSPHRASE]; "
+             "trap-community WORD; trap-user NAME")
           .group(group),
-      [&snmp](const std::string& text) { snmp.listen = parseAddress(text); });
-  form.take(Option("--snmp-secrets", "FILE",
-                   "FILE with communities and users, which its owner alone may read (chmod 600). Without it "
-                   "the environment variable HEADEND_SNMP_SECRETS holds the lines: read-community WORD; "
-                   "write-community WORD; user NAME read|write SHA-256 PASSPHRASE [AES PASSPHRASE]; "
-                   "trap-community WORD; trap-user NAME")
-                .group(group),
-            [&snmp](const std::string& text) { snmp.secrets = text; });
-  form.flag("--snmp-write-community",
-            "let managers that know the write-community set the cards: SNMPv2c sends it in the clear. "
-            "Without this, only users with authentication and privacy write",
-            snmp.writeCommunity, group);
-  form.take(Option("--snmp-trap", "ADDRESS:PORT",
-                   "ADDRESS:PORT to which alarms go as notifications, by the trap-community or the trap-user")
-                .group(group),
-            [&snmp](const std::string& text) { snmp.trapSink = parseAddress(text); });
-  form.take(Option("--snmp-base", "OID",
-                   fmt::format("OID of ten components below which the slots are, slot 1 as .2 (default {}; "
-                               "qamctl mib --base prints a MIB for another)",
-                               protocol::mibBaseText(protocol::kDefaultMibBase)))
-                .group(group),
-            [&snmp](const std::string& text) { parseSnmpBase(text, snmp); });
+      snmp.secrets);
+  form.flag(
+      "--snmp-write-community",
+      "let managers that know the write-community set the cards: SNMPv2c sends it in the clear. Without "
+      "this, only users with authentication and privacy write",
+      snmp.writeCommunity, group);
+  form.value(
+      Option("--snmp-trap", "ADDRESS:PORT",
+             "ADDRESS:PORT to which alarms go as notifications, by the trap-community or the trap-user")
+          .group(group),
+      snmp.trapSink, parseAddress);
+  form.value(Option("--snmp-base", "OID",
+                    fmt::format("OID of ten components below which the slots are, slot 1 as .2 (default {}; "
+                                "qamctl mib --base prints a MIB for another)",
+                                protocol::mibBaseText(snmp.base)))
+                 .group(group),
+             snmp.base, parseSnmpBase);
 }
 
 void describeMachine(Form& form, Options& o) {
   Kernel::Settings& k = o.kernel;
-  const std::string group = "The machine";
+  constexpr const char* kGroup = "The machine";
   const auto number = [&](const char* flag, auto& value, const char* what, u64 least, u64 most) {
-    form.integer(Option(flag, "NUMBER", what).group(group), value, least, most);
+    form.integer(Option(flag, "NUMBER", what).group(kGroup), value, least, most);
   };
   const auto cost = [&](const char* flag, Nanos& value, const char* what) {
     number(flag, value, what, 1, u64{10} * kSecond);
@@ -359,20 +352,19 @@ void describeMachine(Form& form, Options& o) {
   number("--heap", o.heapBytes, "bytes of the cards' heap", 1, u64{1} << 40);
   number("--heap-fill", o.heapFill, "byte that fresh memory holds", 0, 255);
   number("--seed", o.seed, "for the spread of the parts' times; the same seed, the same run", 0, 0xFFFF'FFFF);
-  form.take(Option("--eeprom-cycle", "TEXT",
-                   "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; "
-                   "repeatable)")
-                .repeatable(kAny)
-                .group(group),
-            [&o](const std::string& text) { parseEepromCycle(text, o); });
-  form.take(Option("--power-cut", "TEXT",
-                   "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of slot "
-                   "N, or at that time. Ends the run; what the EEPROM then holds is kept")
-                .group(group),
-            [&o](const std::string& text) { parsePowerCut(text, o); });
+  repeated(
+      form, o, "--eeprom-cycle",
+      "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; repeatable)",
+      parseEepromCycle, kGroup);
+  form.take(
+      Option("--power-cut", "TEXT",
+             "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of slot N, "
+             "or at that time. Ends the run; what the EEPROM then holds is kept")
+          .group(kGroup),
+      [&o](const std::string& text) { parsePowerCut(text, o); });
   form.flag("--any-bitstream",
             "the cards' FPGAs take any bitstream, not only one with length and CRC of its own",
-            o.anyBitstream, group);
+            o.anyBitstream, kGroup);
 }
 
 // What depends on other flags.
@@ -382,14 +374,12 @@ void complete(Options& o, JobFlags& jobs, const Given& given) {
   std::ranges::sort(o.slots);
   o.slots.erase(std::unique(o.slots.begin(), o.slots.end()), o.slots.end());
   o.epoch = given.epoch.value_or(o.fast ? kYear2000 : static_cast<u32>(std::time(nullptr)));
-  if (!given.manage && !o.fast)
-    o.manage = base::Address{.host = "127.0.0.1", .port = protocol::kDefaultManagementPort};
+  if (!given.manage && !o.fast) o.manage = {"127.0.0.1", protocol::kDefaultManagementPort};
   o.jobs = jobs.jobs();
   checkTogether(o);
   refuseSharedFiles(o);
   if (o.initFlash) return;
-  const client::InputCounts inputs = o.inputCounts();
-  for (Job& job : o.jobs) job.prepare(inputs);
+  for (Job& job : o.jobs) prepare(job, o.inputCounts());
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include "headend/flag_values.h"
 
 #include <algorithm>
+#include <cmath>
 #include <ctime>
 #include <limits>
+#include <sstream>
+#include <stdexcept>
 
 #include "commands/form.h"
 #include "headend/hardware/faults.h"
@@ -13,14 +16,19 @@
 namespace headend {
 namespace {
 
-// Takes "@SECONDS" off the end of a text; 0 where there is none.
-Nanos takeTime(std::string& text) {
+std::optional<Nanos> secondsOf(const std::string& text) {
+  const auto seconds = base::parseReal(text);
+  if (!seconds || *seconds < 0 || *seconds > 1e9) return {};
+  return std::llround(*seconds * 1e9);
+}
+
+// As takeTime, but what follows an @ must be a time.
+Nanos takeOnlyTime(std::string& text) {
   const std::size_t at = text.rfind('@');
   if (at == std::string::npos) return 0;
-  const std::optional<Nanos> time = parseSeconds(text.substr(at + 1));
-  if (!time) refuse(text, "what follows the @ must be a number of seconds");
+  const Nanos time = parseSeconds(text.substr(at + 1));
   text.resize(at);
-  return *time;
+  return time;
 }
 
 // Takes "N." off the front of a text: a slot, from 0. Nothing, and the text as it was, where there is none.
@@ -31,65 +39,57 @@ std::optional<int> takeSlot(std::string& text) {
   return slot;
 }
 
-// "temperature1" and "temperature2" are what the sensors measure.
-std::optional<int> sensorOf(const std::string& name) {
-  if (name == "temperature1") return 1;
-  if (name == "temperature2") return 2;
-  return {};
-}
-
-constexpr const char* kInputLost = ".input-lost";
-
 Options::Input parseInput(const std::string& whole, const std::string& text) {
   constexpr std::string_view kUdp = "udp://";
-  Options::Input input;
-  if (text.starts_with(kUdp)) {
-    input.address = parseAddress(text.substr(kUdp.size()));
-    return input;
-  }
-  input.file = text;
+  if (text.starts_with(kUdp)) return {.file{}, .bitRate{}, .address = parseAddress(text.substr(kUdp.size()))};
   const std::size_t at = text.rfind('@');
-  if (at == std::string::npos) return input;
-  const auto rate = base::parseDecimal<u64>(text.substr(at + 1));
-  if (!rate) return input;  // the @ is part of the file's name
-  if (*rate < FileInput::kSlowest || *rate > FileInput::kFastest) {
+  const auto rate = at == std::string::npos ? std::nullopt : base::parseDecimal<u64>(text.substr(at + 1));
+  if (!rate) return {.file = text, .bitRate{}, .address{}};  // an @ is part of the file's name
+  if (*rate < FileInput::kSlowest || *rate > FileInput::kFastest)
     refuse(whole, "a rate is in bits a second, from 1000 to 1000000000");
-  }
-  input.file = text.substr(0, at);
-  input.bitRate = rate;
-  return input;
+  return {.file = text.substr(0, at), .bitRate = rate, .address{}};
 }
 
 // "N.P.input-lost"; false for another fault.
 bool parseInputLoss(const std::string& text, Options& options) {
+  constexpr std::string_view kInputLost = ".input-lost";
   const std::size_t name = text.find(kInputLost);
   if (name == std::string::npos) return false;
-  const char* want =
-      "want N.P.input-lost[@SECONDS[/PERIOD]] with slot and input of a source card, as 6.1.input-lost@10/4";
   const auto source = protocol::parseSourcePort(text.substr(0, name));
-  if (!source) refuse(text, want);
-  Options::InputLoss loss{.source = *source, .at = 0, .period = {}};
-  std::string rest = text.substr(name + std::string_view(kInputLost).size());
-  if (!rest.empty()) {
-    if (rest[0] != '@') refuse(text, want);
-    const std::size_t slash = rest.find('/');
-    const auto at = parseSeconds(rest.substr(1, slash == std::string::npos ? slash : slash - 1));
-    if (!at) refuse(text, want);
-    loss.at = *at;
-    if (slash != std::string::npos) {
-      loss.period = parseSeconds(rest.substr(slash + 1));
-      if (!loss.period || *loss.period < 2) refuse(text, want);
-    }
+  const std::string rest = text.substr(name + kInputLost.size());  // "@SECONDS/PERIOD"
+  const std::size_t slash = rest.find('/');
+  std::optional<Nanos> at, period;
+  if (rest.empty()) at = 0;
+  if (rest.starts_with('@')) at = secondsOf(rest.substr(1, slash - 1));
+  if (slash != std::string::npos) period = secondsOf(rest.substr(slash + 1));
+  if (!source || !at || (slash != std::string::npos && period.value_or(0) < 2)) {
+    refuse(text,
+           "want N.P.input-lost[@SECONDS[/PERIOD]] with slot and input of a source card, as "
+           "6.1.input-lost@10/4");
   }
-  const auto same = [&](const Options::InputLoss& other) { return other.source == loss.source; };
-  if (std::any_of(options.inputLosses.begin(), options.inputLosses.end(), same)) {
+  if (std::ranges::count(options.inputLosses, *source, &Options::InputLoss::source) > 0)
     refuse(text, "this input has been given a loss already");
-  }
-  options.inputLosses.push_back(loss);
+  options.inputLosses.push_back({*source, *at, period});
   return true;
 }
 
+std::string faultList() {
+  std::string list;
+  for (const FaultKind& kind : faultKinds()) list += kind.name + ": " + kind.text + '\n';
+  return list + "input-lost: an input of a source card is lost (as 6.1.input-lost@10/4)\n";
+}
+
 }  // namespace
+
+void refuse(const std::string& text, const std::string& want) {
+  throw std::invalid_argument("'" + text + "': " + want);
+}
+
+std::pair<std::string, std::string> splitAssignment(const std::string& text, const std::string& want) {
+  const std::size_t at = text.find('=');
+  if (at == std::string::npos || at == 0 || at + 1 == text.size()) refuse(text, want);
+  return {text.substr(0, at), text.substr(at + 1)};
+}
 
 base::Address parseAddress(const std::string& text) {
   const auto address = base::parseAddress(text);
@@ -97,25 +97,51 @@ base::Address parseAddress(const std::string& text) {
   return *address;
 }
 
+Nanos parseSeconds(const std::string& text) {
+  const auto time = secondsOf(text);
+  if (!time) refuse(text, "want a number of seconds, 1e9 at most");
+  return *time;
+}
+
+std::vector<std::string> partsOf(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream stream(text + ',');
+  for (std::string part; std::getline(stream, part, ',');) parts.push_back(part);
+  return parts;
+}
+
+Nanos takeTime(std::string& text) {
+  const std::size_t at = text.rfind('@');
+  const auto time = at == std::string::npos ? std::nullopt : secondsOf(text.substr(at + 1));
+  if (time) text.resize(at);
+  return time.value_or(0);
+}
+
+Assignment parseAssignment(const std::string& text, const std::string& want) {
+  auto [name, value] = splitAssignment(text, want);
+  const Nanos at = takeTime(value);
+  if (value.empty()) refuse(text, want);
+  return {name, value, at};
+}
+
 void parseOutput(const std::string& text, Options& options) {
   const auto [name, target] = splitAssignment(text, "want N.P=FILE or N.P=udp://ADDRESS:PORT");
-  const protocol::Channel channel = commands::channelOf(name);
-  if (!options.outputs.emplace(channel, target).second) refuse(text, "this channel has an output already");
+  if (!options.outputs.emplace(commands::channelOf(name), target).second)
+    refuse(text, "this channel has an output already");
 }
 
 void parseSource(const std::string& text, Options& options) {
   const char* want =
       "want N=FILE.ts[,FILE.ts...] with N from 1 to 6; FILE.ts@RATE in bits a second for a file without "
       "PCRs; udp://ADDRESS:PORT instead of a file";
-  const auto slot = protocol::parseSlot(text.substr(0, text.find('=')));
-  if (!slot || text.size() < 3) refuse(text, want);
+  const auto [name, files] = splitAssignment(text, want);
+  const auto slot = protocol::parseSlot(name);
+  if (!slot) refuse(text, want);
   std::vector<Options::Input>& inputs = options.sources[*slot];
   if (!inputs.empty()) refuse(text, "this slot has a source card already: name all its inputs at once");
-  for (std::size_t from = 2; from <= text.size();) {
-    const std::size_t comma = std::min(text.find(',', from), text.size());
-    if (comma == from) refuse(text, want);
-    inputs.push_back(parseInput(text, text.substr(from, comma - from)));
-    from = comma + 1;
+  for (const std::string& file : partsOf(files)) {
+    if (file.empty()) refuse(text, want);
+    inputs.push_back(parseInput(text, file));
   }
   if (inputs.size() > kInputsPerCard) refuse(text, "a source card has at most 16 inputs");
 }
@@ -123,11 +149,10 @@ void parseSource(const std::string& text, Options& options) {
 void parseEepromCycle(const std::string& text, Options& options) {
   const char* want = "want N=MILLISECONDS with N from 1 to 6 and up to 1000 ms";
   const auto [name, value] = splitAssignment(text, want);
-  std::string slot = name + ".";
-  const std::optional<int> number = takeSlot(slot);
-  const std::optional<Nanos> duration = parseSeconds(value);  // parsed as milliseconds
-  if (!number || !slot.empty() || !duration || *duration > 1000 * kSecond) refuse(text, want);
-  options.eepromCycles[*number] = *duration / 1000;
+  const auto slot = protocol::parseSlot(name);
+  const auto duration = secondsOf(value);  // parsed as milliseconds
+  if (!slot || !duration || *duration > 1000 * kSecond) refuse(text, want);
+  options.eepromCycles[*slot] = *duration / 1000;
 }
 
 u32 parseEpoch(const std::string& text) {
@@ -146,54 +171,44 @@ u32 parseEpoch(const std::string& text) {
 void parsePowerCut(const std::string& text, Options& options) {
   const char* want = "want N=EDGE with an edge from 1 on, or N=@SECONDS";
   const auto [name, value] = splitAssignment(text, want);
-  std::string slot = name + ".";
-  const std::optional<int> number = takeSlot(slot);
-  if (!number || !slot.empty()) refuse(text, want);
-  Options::PowerCut cut{.slot = *number, .edge = 0, .at = 0};
-  if (value.front() == '@') {
-    std::string time = value;
-    cut.at = takeTime(time);
-    if (!time.empty()) refuse(text, want);
-  } else {
-    cut.edge = base::parseDecimal<u64>(value).value_or(0);
-    if (cut.edge == 0) refuse(text, want);
-  }
-  options.powerCut = cut;
+  const auto slot = protocol::parseSlot(name);
+  const bool isTime = value.front() == '@';
+  const Nanos at = isTime ? parseSeconds(value.substr(1)) : 0;
+  const u64 edge = isTime ? 0 : base::parseDecimal<u64>(value).value_or(0);
+  if (!slot || (edge == 0 && !isTime)) refuse(text, want);
+  options.powerCut = {*slot, edge, at};
 }
 
 void parseFault(const std::string& text, Options& options) {
+  if (text == "help") throw commands::Help{faultList()};
   if (parseInputLoss(text, options)) return;
-  std::string rest = text;
-  Options::Fault fault;
-  fault.at = takeTime(rest);
-  fault.slot = takeSlot(rest);
-  if (findFault(rest) == nullptr) {
+  std::string name = text;
+  const Nanos at = takeOnlyTime(name);
+  const auto slot = takeSlot(name);
+  if (findFault(name) == nullptr)
     refuse(text, "want [N.]NAME[@SECONDS], with a NAME that --fault help lists");
-  }
-  fault.name = rest;
-  options.faults.push_back(std::move(fault));
+  options.faults.push_back({slot, name, at});
 }
 
 bool parseTemperature(const std::string& text, Options& options) {
   auto [name, value] = splitAssignment(text, kWantSetting);
-  const std::optional<int> slot = takeSlot(name);
-  const std::optional<int> sensor = sensorOf(name);
-  if (!slot || !sensor) return false;
-  const Nanos at = takeTime(value);
+  const auto slot = takeSlot(name);
+  if (!slot || (name != "temperature1" && name != "temperature2")) return false;
+  const Nanos at = takeOnlyTime(value);
   const auto celsius = base::parseReal(value);
   if (!celsius || *celsius < -55 || *celsius > 127) refuse(text, "a sensor measures -55 to 127 degrees");
-  options.temperatures.push_back({.slot = *slot, .sensor = *sensor, .celsius = *celsius, .at = at});
+  options.temperatures.push_back({*slot, name.back() - '0', *celsius, at});
   return true;
 }
 
-void parseSnmpBase(const std::string& text, Options::Snmp& snmp) {
-  constexpr u32 kInternet[] = {1, 3, 6, 1};
-  constexpr u32 kStandards[] = {2, 6};  // mib-2 and snmpV2, where the agent has objects of its own
-  snmp.base = protocol::parseMibBase(text);
-  if (std::equal(std::begin(kInternet), std::end(kInternet), snmp.base.begin()) &&
-      std::ranges::find(kStandards, snmp.base[std::size(kInternet)]) != std::end(kStandards)) {
+std::vector<u32> parseSnmpBase(const std::string& text) {
+  constexpr std::array<u32, 4> kInternet = {1, 3, 6, 1};
+  std::vector<u32> base = protocol::parseMibBase(text);
+  const u32 below =
+      base[kInternet.size()];  // 2 and 6: mib-2 and snmpV2, where the agent has objects of its own
+  if (std::ranges::equal(kInternet, std::span(base).first(kInternet.size())) && (below == 2 || below == 6))
     refuse(text, "lies among the standards' objects: want one of your own, below 1.3.6.1.4.1");
-  }
+  return base;
 }
 
 }  // namespace headend

@@ -1,10 +1,15 @@
-// The flash folder of a run: made by --init-flash, and checked before the cards read it.
+// The flash folder of a run: made by --init-flash, checked before the cards read it, and with the contents of
+// the calibration EEPROMs between runs, a file per slot.
 #pragma once
 
 #include <filesystem>
-#include <functional>
+#include <map>
 #include <string>
 #include <vector>
+
+#include "headend/firmware/log.h"
+#include "headend/hardware/eeprom.h"
+#include "headend/kernel/flash.h"
 
 namespace headend {
 
@@ -17,7 +22,30 @@ void requireFlash(const std::filesystem::path& folder);
 
 // Reports through `say` the parameter files that a card will not use as they are. Throws std::runtime_error
 // for a file that the card cannot open for update, because the card would replace it with defaults.
-void checkParameterFiles(const std::filesystem::path& folder, const std::vector<int>& slots,
-                         const std::function<void(const std::string&)>& say);
+void checkParameterFiles(const std::filesystem::path& folder, const std::vector<int>& slots, const Say& say);
+
+class EepromFiles {
+ public:
+  // `say` is called with a message if a file cannot be saved.
+  EepromFiles(Flash& flash, Say say) : flash_(flash), say_(std::move(say)) {}
+
+  // Contents from the slot's file; blank if there is no file. Throws std::runtime_error if the file has a
+  // different size or cannot be read. `eeprom` must outlive this object.
+  void load(int slot, Eeprom& eeprom);
+  // Writes the files of the EEPROMs whose contents have changed.
+  void save(Nanos now);
+  bool kept() const { return kept_; }  // whether each file could be saved so far
+
+ private:
+  struct Part {
+    Eeprom* eeprom;
+    Eeprom::Image saved;
+  };
+
+  Flash& flash_;
+  Say say_;
+  std::map<int, Part> parts_;  // by slot
+  bool kept_ = true;
+};
 
 }  // namespace headend

@@ -2,12 +2,8 @@
 
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
+#include <algorithm>
 
-#include "headend/card_state.h"
-#include "headend/flash_folder.h"
 #include "headend/hardware/file_input.h"
 #include "headend/hardware/ts_input.h"
 #include "headend/hardware/udp_input.h"
@@ -16,7 +12,7 @@
 namespace headend {
 namespace {
 
-MenuEngine::Firmware menuFirmware(Headend& headend) {
+Panel::Firmware menuFirmware(Headend& headend) {
   return {.card = [&headend](int slot) { return headend.chassis.slot(slot).descriptor; },
           .fault = [&headend](int slot) -> std::optional<protocol::Words> {
             if (headend.runs(slot)) return std::nullopt;
@@ -58,90 +54,77 @@ Headend::Headend(Options chosen)
       log(options.log),
       heap(options.heapBytes, options.heapFill),
       flash(options.flash, options.fast ? base::Flush::kLater : base::Flush::kNow),
-      observation({kernel, bus, chassis, monitor, log}),
+      observation(kernel, bus, chassis, monitor, log, say),
       kernel(options.kernel, observation),
       network(kernel),
       bus(violations),
-      sources(kernel, router),
       chassis(kernel, bus, flash, log),
       alarms(
-          flash, [this] { return options.epoch + static_cast<u32>(kernel.now() / kSecond); },
-          [this](const std::string& text) { say(text); }),
+          flash, [this] { return options.epoch + static_cast<u32>(kernel.now() / kSecond); }, say),
       panel(kernel, options.menuTimeout, menuFirmware(*this)),
       backEnd(kernel, network, chassis, monitor, log, [this](int slot) { return state(slot); }),
-      search(kernel, [this](int slot, int port) -> Multiplexer& { return output(slot, port); }),
-      shell(kernel),
+      sources(kernel, router, backEnd),
+      search(kernel, backEnd, [this](int slot, int port) -> Multiplexer& { return output(slot, port); }),
+      shell(kernel, backEnd),
       automaticOperator(kernel, network, chassis, log),
       sockets(network),
-      eepromFiles(flash, [this](const std::string& text) { say(text); }),
-      busLog(nullptr, std::fclose) {
+      eepromFiles(flash, say) {
   requireFlash(options.flash);
   installCards();
   openOutputs();
   openInputs();
   connectRouter();
   provideServices();
-  checkParameterFiles(options.flash, options.slots, [this](const std::string& text) { say(text); });
-  if (options.snmp.isUsed()) openSnmp();
+  checkParameterFiles(options.flash, options.slots, say);
+  if (options.snmp.isUsed()) {
+    snmp.emplace(
+        kernel, network, flash, options.snmp, [this](int slot) { return runs(slot); }, say);
+    alarms.onEvent = [this](const AlarmRecord& event) { snmp->notify(event); };
+  }
   setRunning(this);
   startCards();
   automaticOperator.start(options.jobs, options.slots.empty() ? 0 : options.slots.front(),
                           options.inputCounts());
 }
 
-Headend::~Headend() {
-  setRunning(nullptr);
-}
-
 protocol::CardState Headend::state(int slot) const {
-  return cardState(chassis.slot(slot), cards[static_cast<std::size_t>(slot)]->configuration(),
-                   observation.hangingTask(slot) != nullptr);
-}
-
-std::string Headend::calibrationAddress() const {
-  return sockets.hostAddress(client::kDefaultCalibrationPort);
+  using State = protocol::CardState;
+  const Chassis::Slot& place = chassis.slot(slot);
+  const FpgaConfiguration& part = cards[static_cast<std::size_t>(slot)]->configuration();
+  // A card without a bitstream also hangs, at the first bus whose line it waits for; the missing bitstream is
+  // the more useful message.
+  if (observation.hangingTask(slot) != nullptr)
+    return part.attempts() == 0 ? State::kNoBitstream : State::kHung;
+  if (!place.initReturned) return place.registrationFailed ? State::kNotRegistered : State::kStarting;
+  if (place.descriptor->varPtr == nullptr) return State::kNoRecord;
+  if (part.done()) return State::kRunning;
+  return part.attempts() == 0 ? State::kNoBitstream : State::kConfigError;
 }
 
 void Headend::installCards() {
-  if (!options.busLog.empty()) {
-    busLog.reset(std::fopen(options.busLog.c_str(), "we"));
-    if (busLog == nullptr) {
-      throw std::runtime_error(
-          fmt::format("cannot open bus log {}: {}", options.busLog, std::strerror(errno)));
-    }
-    bus.logTo(busLog.get());
-  }
-  if (!options.trace.empty())
-    trace = std::make_unique<VcdTrace>(options.trace, options.slots, options.traceLines);
-  for (const int slot : options.slots) {
-    const FpgaConfiguration::Settings settings{
-        .anyBitstream = options.anyBitstream,
-        .seed = options.seed * MAX_BOARD_NUM + static_cast<unsigned>(slot)};
-    cards[static_cast<std::size_t>(slot)] = std::make_unique<CardFpga>(settings, violations);
-    Eeprom& eeprom = card(slot).board().eeprom;
-    eepromFiles.load(slot, eeprom);
-    if (const auto cycle = options.eepromCycles.find(slot); cycle != options.eepromCycles.end())
-      eeprom.writeCycle(cycle->second);
-    bus.attach(slot, card(slot));
-    card(slot).onConfiguration([this, slot](bool complete, Nanos now) {
-      if (!complete && card(slot).configuration().attempts() != 1) return;
-      chassis.timeline(slot).begin(complete ? "settling" : "FPGA configuration", now, bus.accesses(slot));
-    });
-    card(slot).onRegister([this, slot](u32 offset, u16 value, Nanos now) {
-      chassis.timeline(slot).reached(offset, now, bus.accesses(slot));
-      if (trace != nullptr) trace->note(slot, offset, value, now);
-    });
-  }
+  if (!options.busLog.empty()) bus.logTo(busLog.emplace("bus log", options.busLog).get());
+  if (!options.trace.empty()) trace.emplace(options.trace, options.slots, options.traceLines);
+  for (const int slot : options.slots) installCard(slot);
 }
 
-void Headend::openSnmp() {
-  const Options::Snmp& chosen = options.snmp;
-  snmp = std::make_unique<SnmpAgent>(
-      kernel, network, flash,
-      SnmpAgent::Settings{chosen.listen, chosen.trapSink, chosen.base, chosen.writeCommunity},
-      loadSnmpSecrets(chosen.secrets), [this](int slot) { return runs(slot); },
-      [this](const std::string& text) { say(text); });
-  alarms.onEvent([this](const AlarmRecord& event) { snmp->notify(event); });
+void Headend::installCard(int slot) {
+  cards[static_cast<std::size_t>(slot)] = std::make_unique<CardFpga>(
+      FpgaConfiguration::Settings{.anyBitstream = options.anyBitstream,
+                                  .seed = options.seed * MAX_BOARD_NUM + static_cast<unsigned>(slot)},
+      violations);
+  Eeprom& eeprom = card(slot).board().eeprom;
+  eepromFiles.load(slot, eeprom);
+  if (const auto cycle = options.eepromCycles.find(slot); cycle != options.eepromCycles.end())
+    eeprom.writeCycle(cycle->second);
+  bus.attach(slot, card(slot));
+  card(slot).onConfiguration([this, slot](bool complete, Nanos /*now*/) {
+    if (complete || card(slot).configuration().attempts() == 1)
+      chassis.beginPhase(slot, complete ? "settling" : "FPGA configuration");
+  });
+  card(slot).onRegister([this, slot](u32 offset, u16 value, Nanos now) {
+    chassis.accessed(slot, offset);
+    if (trace) trace->note(slot, offset, value, now);
+  });
 }
 
 void Headend::openOutputs() {
@@ -179,39 +162,35 @@ void Headend::connectRouter() {
       return router.inputLost(slot, static_cast<int>(channel), now);
     });
   }
-  for (const int slot : sources.slots()) {
-    for (std::size_t input = 0; input < sources.inputs(slot); ++input)
-      rates.watchInput(slot, static_cast<int>(input), router);
+  for (const auto& [slot, source] : sources.cards()) {
+    for (int input = 0; input < source.descriptor.in_port_num; ++input) rates.watchInput(slot, input, router);
   }
 }
 
 void Headend::provideServices() {
-  sources.provide(backEnd);
-  search.provide(backEnd);
-  shell.provide(backEnd);
   alarms.provide(backEnd);
   panel.provide(backEnd);
-  if (options.manage) backEnd.socket().openToHost(options.manage->host, options.manage->port);
-  if (options.calibration) {
-    sockets.expose(client::kDefaultCalibrationPort, options.calibration->host, options.calibration->port);
-  }
-  if (options.calibration || std::ranges::any_of(options.jobs, &Job::usesCalibration))
-    chassis.serveCalibration();
+  if (const auto& address = options.manage) backEnd.socket().openToHost(address->host, address->port);
+  if (const auto& address = options.calibration)
+    sockets.expose(client::kDefaultCalibrationPort, address->host, address->port);
 }
 
 void Headend::startCards() {
-  for (const int slot : sources.slots()) chassis.plugIn(sources.descriptor(slot));
-  chassis.onInitReturned([this](int slot) {
+  for (auto& [slot, source] : sources.cards()) chassis.plugIn(source.descriptor);
+  chassis.onInitReturned = [this](int slot) {
     card(slot).configuration().loaderLeft();
-    if (trace == nullptr) card(slot).onRegister(nullptr);  // no receiver is left
+    if (!trace) card(slot).onRegister(nullptr);  // no receiver is left
     openMib(*this, slot);
-  });
-  chassis.start(options.slots);
+  };
+  const auto usesCalibration = [](const Job& job) {
+    return job.call->entry->needs == commands::Needs::kCalibration;
+  };
+  chassis.start(options.slots, options.calibration || std::ranges::any_of(options.jobs, usesCalibration));
   alarms.endAbsent(options.slots);
   chassis.startStatusChecks(options.slots, options.statusPeriod, [this](int slot) { return runs(slot); });
   backEnd.start();
-  panel.menu().start();
-  if (snmp != nullptr) snmp->start();
+  panel.start();
+  if (snmp) snmp->start();
 }
 
 }  // namespace headend

@@ -8,10 +8,9 @@
 #include <system_error>
 
 #include "base/files.h"
-#include "headend/flash_folder.h"
+#include "headend/fail.h"
 #include "headend/panel_process.h"
 #include "headend/report.h"
-#include "headend/run.h"
 #include "headend/status_view.h"
 
 namespace {
@@ -23,12 +22,10 @@ void onSignal(int) {
   interrupted = true;
 }
 
-void writeReport(const std::string& path, const std::string& text) {
-  try {
-    base::writeOutput(path, {reinterpret_cast<const u8*>(text.data()), text.size()});
-  } catch (const std::system_error& e) {
-    throw std::runtime_error(fmt::format("cannot write report {}: {}", path, e.code().message()));
-  }
+void writeReport(const std::string& path, const std::string& text) try {
+  base::writeOutput(path, {reinterpret_cast<const u8*>(text.data()), text.size()});
+} catch (const std::system_error& e) {
+  headend::fail("cannot write report {}: {}", path, e.code().message());
 }
 
 int run(const headend::Options& options) {
@@ -44,19 +41,13 @@ int run(const headend::Options& options) {
   headend::provideStatus(machine);
   headend::StatusView view(machine);
   machine.onTick = [&view] { view.update(); };
-  if (options.manage) {
-    fmt::print("management on {}\n", machine.managementAddress());
-    std::fflush(stdout);
-  }
-  if (options.calibration) {
-    fmt::print("calibration on {}\n", machine.calibrationAddress());
-    std::fflush(stdout);
-  }
-  if (const headend::SnmpAgent* snmp = machine.snmp.get()) {
+  if (options.manage) fmt::print("management on {}\n", machine.managementAddress());
+  if (options.calibration) fmt::print("calibration on {}\n", machine.calibrationAddress());
+  if (const auto& snmp = machine.snmp) {
     fmt::print("SNMP {}, engine ID {}\n", snmp->address().empty() ? "sends only" : "on " + snmp->address(),
                headend::engineIdText(snmp->engine()));
-    std::fflush(stdout);
   }
+  std::fflush(stdout);
   int code = headend::run(machine, interrupted);
   if (panel && !panel->close() && code == headend::kExitDone) code = headend::kExitFailed;
   if (!options.report.empty()) writeReport(options.report, headend::reportText(machine));

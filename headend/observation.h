@@ -31,20 +31,14 @@ class Observation final : public KernelObserver {
     std::string holder;
     Nanos since = 0;
   };
-  // The parts of the same headend. They are used only when the kernel runs.
-  struct Parts {
-    Kernel& kernel;
-    Bus& bus;
-    Chassis& chassis;
-    CarouselMonitor& monitor;
-    Log& log;
-  };
 
-  explicit Observation(const Parts& parts) : parts_(parts) {}
+  // The parts of the same headend. They are used only when the kernel runs.
+  Observation(Kernel& kernel, Bus& bus, Chassis& chassis, CarouselMonitor& monitor, Log& log, const Say& say)
+      : kernel_(kernel), bus_(bus), chassis_(chassis), monitor_(monitor), log_(log), say_(say) {}
 
   // Called once per tick of each clock.
-  void onAuxiliaryClock(std::function<void()> hook) { onAuxiliaryClock_ = std::move(hook); }
-  void onSystemClock(std::function<void()> hook) { onSystemClock_ = std::move(hook); }
+  std::function<void()> onAuxiliaryClock = [] {};
+  std::function<void()> onSystemClock = [] {};
 
   // A check of the module has failed (platform/check.h).
   void checkFailed(const char* text, const char* unit, int line);
@@ -56,22 +50,24 @@ class Observation final : public KernelObserver {
   const ParkedTask* hangingTask(int slot) const;
 
  private:
-  void auxiliaryClock() override { onAuxiliaryClock_(); }
-  void systemClock() override { onSystemClock_(); }
+  void auxiliaryClock() override { onAuxiliaryClock(); }
+  void systemClock() override { onSystemClock(); }
   void queueCreated(os::MsgQ* queue, const Task* by) override;
   void messageSent(os::MsgQ* queue, std::span<const char> message) override;
   void taskParked(const Task& task) override;
   void taskReleased(const Task& task) override;
   void semaphoreLong(const os::Semaphore& semaphore, const Task& task) override;
-  std::uint16_t peek(const volatile void* reg) override;
-  void say(const std::string& text);
+  std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
-  Parts parts_;
+  Kernel& kernel_;
+  Bus& bus_;
+  Chassis& chassis_;
+  CarouselMonitor& monitor_;
+  Log& log_;
+  const Say& say_;
   std::vector<FailedCheck> failedChecks_;
   std::vector<ParkedTask> parkedTasks_;
   std::vector<LongWait> longWaits_;
-  std::function<void()> onAuxiliaryClock_ = [] {};
-  std::function<void()> onSystemClock_ = [] {};
 };
 
 }  // namespace headend

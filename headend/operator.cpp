@@ -16,13 +16,16 @@ std::string laneOf(const Job& job) {
   return job.target().slot ? fmt::format("{}", *job.target().slot + 1) : "";
 }
 
+void sleep(Kernel& kernel, std::chrono::milliseconds time) {
+  kernel.sleepUntil(kernel.now() + std::chrono::nanoseconds(time).count());
+}
+
 }  // namespace
 
 // Requests go from socket to socket inside the chassis; none is lost there.
 class Operator::VirtualLink final : public client::Link {
  public:
-  VirtualLink(Kernel& kernel, Network& network, std::uint16_t port)
-      : kernel_(kernel), socket_(network, port) {}
+  VirtualLink(Operator& owner, std::uint16_t port) : kernel_(owner.kernel_), socket_(owner.network_, port) {}
 
   protocol::Reply call(protocol::Request request) override {
     request.sequence = ++sequence_;
@@ -35,10 +38,7 @@ class Operator::VirtualLink final : public client::Link {
     throw client::Error(fmt::format("the back end has not answered for {} s", kPatienceSeconds),
                         client::Error::Kind::kNoReply);
   }
-
-  void wait(std::chrono::milliseconds time) override {
-    kernel_.sleepUntil(kernel_.now() + std::chrono::nanoseconds(time).count());
-  }
+  void wait(std::chrono::milliseconds time) override { sleep(kernel_, time); }
 
  private:
   Kernel& kernel_;
@@ -48,8 +48,8 @@ class Operator::VirtualLink final : public client::Link {
 
 class Operator::VirtualCalibrationLink final : public client::CalibrationLink {
  public:
-  VirtualCalibrationLink(Kernel& kernel, Network& network, std::uint16_t port)
-      : kernel_(kernel), socket_(network, port) {}
+  VirtualCalibrationLink(Operator& owner, std::uint16_t port)
+      : kernel_(owner.kernel_), socket_(owner.network_, port) {}
 
   void begin() override {
     while (!socket_.waiting().empty()) socket_.receive(0);
@@ -62,9 +62,7 @@ class Operator::VirtualCalibrationLink final : public client::CalibrationLink {
     auto datagram = socket_.receive(static_cast<int>((time.count() + tick - 1) / tick));
     return datagram ? std::optional(std::move(datagram->bytes)) : std::nullopt;
   }
-  void wait(std::chrono::milliseconds time) override {
-    kernel_.sleepUntil(kernel_.now() + std::chrono::nanoseconds(time).count());
-  }
+  void wait(std::chrono::milliseconds time) override { sleep(kernel_, time); }
   std::chrono::nanoseconds now() const override { return std::chrono::nanoseconds(kernel_.now()); }
   client::Error failure(const std::string& what) const override {
     return client::Error("the calibration service: " + what, client::Error::Kind::kNoReply);
@@ -78,9 +76,7 @@ class Operator::VirtualCalibrationLink final : public client::CalibrationLink {
 class Operator::VirtualSession final : public commands::Session {
  public:
   VirtualSession(Operator& owner, std::uint16_t port)
-      : owner_(owner),
-        link_(owner.kernel_, owner.network_, port),
-        calibration_(owner.kernel_, owner.network_, static_cast<std::uint16_t>(port + 1)) {}
+      : owner_(owner), link_(owner, port), calibration_(owner, static_cast<std::uint16_t>(port + 1)) {}
 
   void begin(std::string& output) { output_ = &output; }
 
@@ -104,20 +100,17 @@ class Operator::VirtualSession final : public commands::Session {
   std::string* output_ = nullptr;
 };
 
-Operator::Operator(Kernel& kernel, Network& network, const Chassis& chassis, Log& log)
-    : kernel_(kernel), network_(network), chassis_(chassis), log_(log) {}
-
-void Operator::start(const std::vector<Job>& jobs, int firstSlot, const client::InputCounts& inputs) {
+void Operator::start(std::vector<Job> jobs, int firstSlot, const client::InputCounts& inputs) {
   firstSlot_ = firstSlot;
   inputs_ = inputs;
-  for (const Job& job : jobs) {
+  jobs_ = std::move(jobs);
+  for (const Job& job : jobs_) {
     for (const std::string& note : job.notes) log_.line(0, "headend", note);
-    jobs_.push_back({.job = job, .began = {}, .ended = {}, .output = {}, .error = {}});
   }
-  std::ranges::stable_sort(jobs_, {}, [](const Progress& p) { return p.job.at; });
+  std::ranges::stable_sort(jobs_, {}, &Job::at);
 
-  std::map<std::string, std::vector<Progress*>> lanes;
-  for (Progress& progress : jobs_) lanes[laneOf(progress.job)].push_back(&progress);
+  std::map<std::string, std::vector<Job*>> lanes;
+  for (Job& job : jobs_) lanes[laneOf(job)].push_back(&job);
   std::uint16_t port = kFirstPort;
   for (const auto& [name, lane] : lanes) {
     kernel_.spawn("tOperator" + name, kPriority, [this, lane = lane, port] { work(lane, port); });
@@ -125,40 +118,37 @@ void Operator::start(const std::vector<Job>& jobs, int firstSlot, const client::
   }
 }
 
-void Operator::work(const std::vector<Progress*>& lane, std::uint16_t port) {
+void Operator::work(const std::vector<Job*>& lane, std::uint16_t port) {
   VirtualSession session(*this, port);
-  for (Progress* progress : lane) {
-    kernel_.sleepUntil(progress->job.at);
-    const int slot = progress->job.slot() >= 0 ? progress->job.slot() : firstSlot_;
+  for (Job* job : lane) {
+    kernel_.sleepUntil(job->at);
+    const int slot = job->slot() >= 0 ? job->slot() : firstSlot_;
     while (!chassis_.slot(slot).initReturned) kernel_.delay(1);
-    carryOut(*progress, session);
+    carryOut(*job, session);
   }
 }
 
-void Operator::carryOut(Progress& progress, VirtualSession& session) {
-  const Job& job = progress.job;
-  progress.began = kernel_.now();
-  session.begin(progress.output);
+void Operator::carryOut(Job& job, VirtualSession& session) {
+  job.began = kernel_.now();
+  session.begin(job.output);
   try {
     job.call->command->carryOut(session);
   } catch (const std::exception& e) {
-    progress.error = e.what();
+    job.error = e.what();
   }
-  progress.ended = kernel_.now();
-  const std::string how = progress.error.empty() ? " done" : " failed: " + progress.error;
-  log_.line(kernel_.now(), "operator", job.text + how);
-  if (!job.isDo || progress.output.empty()) return;
-  std::fputs(progress.output.c_str(), stdout);
+  job.ended = kernel_.now();
+  log_.line(kernel_.now(), "operator", job.text + (job.error.empty() ? " done" : " failed: " + job.error));
+  if (!job.isDo || job.output.empty()) return;
+  std::fputs(job.output.c_str(), stdout);
   std::fflush(stdout);
-  linesPrinted_ += static_cast<std::uint64_t>(std::ranges::count(progress.output, '\n'));
+  linesPrinted_ += static_cast<std::uint64_t>(std::ranges::count(job.output, '\n'));
 }
 
 std::vector<std::string> Operator::complaints() const {
   std::vector<std::string> all;
-  for (const Progress& progress : jobs_) {
-    if (!progress.error.empty())
-      all.push_back(fmt::format("{} failed: {}", progress.job.text, progress.error));
-    if (!progress.ended) all.push_back(fmt::format("{} was not done when the run ended", progress.job.text));
+  for (const Job& job : jobs_) {
+    if (!job.error.empty()) all.push_back(fmt::format("{} failed: {}", job.text, job.error));
+    if (!job.ended) all.push_back(fmt::format("{} was not done when the run ended", job.text));
   }
   return all;
 }

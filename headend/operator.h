@@ -10,7 +10,7 @@
 
 #include "headend/firmware/back_end.h"
 #include "headend/firmware/log.h"
-#include "headend/jobs.h"
+#include "headend/options.h"
 
 namespace headend {
 
@@ -19,23 +19,15 @@ class Operator {
   // A client is outside the chassis: load inside the chassis does not stop it from sending requests.
   static constexpr int kPriority = 50;
 
-  // A job, and how far it has come.
-  struct Progress {
-    Job job;
-    std::optional<Nanos> began;
-    std::optional<Nanos> ended;
-    std::string output;
-    std::string error;  // empty: it succeeded, or has not ended
-  };
-
-  Operator(Kernel& kernel, Network& network, const Chassis& chassis, Log& log);
+  Operator(Kernel& kernel, Network& network, const Chassis& chassis, Log& log)
+      : kernel_(kernel), network_(network), chassis_(chassis), log_(log) {}
 
   // Jobs on one channel, or on one card, run one after the other. Each such lane has a task of its own, so
   // that a card that does not start does not delay other jobs. A job on no card waits for that in
   // `firstSlot`. `inputs` are those of the source cards.
-  void start(const std::vector<Job>& jobs, int firstSlot, const client::InputCounts& inputs);
+  void start(std::vector<Job> jobs, int firstSlot, const client::InputCounts& inputs);
 
-  const std::vector<Progress>& jobs() const { return jobs_; }  // by time
+  const std::vector<Job>& jobs() const { return jobs_; }  // by time
   // Jobs that failed, and jobs not done when the run ended; empty if all jobs succeeded.
   std::vector<std::string> complaints() const;
   std::uint64_t linesPrinted() const { return linesPrinted_; }  // on stdout
@@ -45,8 +37,8 @@ class Operator {
   class VirtualCalibrationLink;
   class VirtualSession;
 
-  void work(const std::vector<Progress*>& lane, std::uint16_t port);
-  void carryOut(Progress& progress, VirtualSession& session);
+  void work(const std::vector<Job*>& lane, std::uint16_t port);
+  void carryOut(Job& job, VirtualSession& session);
 
   Kernel& kernel_;
   Network& network_;
@@ -54,7 +46,7 @@ class Operator {
   Log& log_;
   int firstSlot_ = 0;
   client::InputCounts inputs_;
-  std::vector<Progress> jobs_;
+  std::vector<Job> jobs_;
   std::uint64_t linesPrinted_ = 0;
 };
 

@@ -4,16 +4,37 @@
 
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/numbers.h"
-#include "headend/jobs.h"
+#include "commands/command.h"
+#include "headend/firmware/snmp/secrets.h"
 #include "headend/kernel/kernel.h"
 #include "protocol/channel.h"
 
 namespace headend {
+
+// A command that the run carries out (headend/jobs.h), the virtual time from which it does, and how far it
+// has come.
+struct Job {
+  std::string flag;   // for messages: "--psi 1.1=capture.ts"
+  std::string text;   // the command: "psi load 1.1 capture.ts"
+  Nanos at = 0;       // at this time, or as soon as the card runs
+  bool isDo = false;  // of --do: its result is shown
+  std::shared_ptr<commands::Call> call;
+  std::vector<std::string> notes{};  // of its preparation
+  std::optional<Nanos> began{};
+  std::optional<Nanos> ended{};
+  std::string output{};
+  std::string error{};  // empty: it succeeded, or has not ended
+
+  const commands::Target& target() const { return call->command->target; }
+  // Of the card that it works on, from 0; -1: none.
+  int slot() const { return target().channel ? target().channel->slot : target().slot.value_or(-1); }
+};
 
 struct Options {
   // The temperature of a sensor from a time on.
@@ -50,16 +71,6 @@ struct Options {
     Nanos at = 0;
     std::optional<Nanos> period;
   };
-  // The SNMP agent: its listening address, and the destination of notifications.
-  struct Snmp {
-    std::optional<base::Address> listen;    // nullopt: closed
-    std::optional<base::Address> trapSink;  // nullopt: none
-    std::filesystem::path secrets;
-    bool writeCommunity = false;
-    std::vector<u32> base;  // ten components
-
-    bool isUsed() const { return listen || trapSink; }
-  };
 
   std::filesystem::path flash = "flash";
   bool initFlash = false;
@@ -86,7 +97,7 @@ struct Options {
   u32 epoch = 0;                             // start of virtual time: seconds since 1970-01-01 UTC
   std::optional<base::Address> manage;       // nullopt: off
   std::optional<base::Address> calibration;  // nullopt: no service
-  Snmp snmp;
+  SnmpSettings snmp;
   bool panel = false;
   std::string log;
   std::string report;

@@ -11,17 +11,14 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
-#include <stdexcept>
 #include <utility>
+
+#include "headend/fail.h"
 
 namespace headend {
 namespace {
 
 constexpr std::size_t kLinesShown = 100;
-
-[[noreturn]] void fail(const std::string& what) {
-  throw std::runtime_error(fmt::format("no panel: {}: {}", what, std::strerror(errno)));
-}
 
 // Beside this program where both are installed, in tools/ where both are built.
 std::string findQamctl() {
@@ -29,7 +26,7 @@ std::string findQamctl() {
   for (const auto& file : {folder / "qamctl", folder.parent_path() / "tools" / "qamctl"}) {
     if (access(file.c_str(), X_OK) == 0) return file.string();
   }
-  throw std::runtime_error(fmt::format("no panel: the program qamctl is not in {}", folder.string()));
+  fail("no panel: the program qamctl is not in {}", folder.string());
 }
 
 // The child's part. The panel stays if the headend is stopped for a while; a signal reports the headend's
@@ -48,29 +45,23 @@ std::string findQamctl() {
 
 PanelProcess::PanelProcess() : program_(findQamctl()) {
   if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
-    throw std::runtime_error("the panel needs a terminal: stdin and stdout must be one");
-}
-
-PanelProcess::~PanelProcess() {
-  close();
+    fail("the panel needs a terminal: stdin and stdout must be one");
 }
 
 void PanelProcess::show(const std::string& server) {
   said_ = std::tmpfile();
-  if (said_ == nullptr) fail("a temporary file for what the headend prints");
+  if (said_ == nullptr)
+    fail("no panel: a temporary file for what the headend prints: {}", std::strerror(errno));
   std::fflush(nullptr);
   const pid_t self = getpid();
   child_ = fork();
-  if (child_ < 0) fail("fork");
+  if (child_ < 0) fail("no panel: fork: {}", std::strerror(errno));
   if (child_ == 0) becomePanel(program_, server, self);
-  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) turnAside(stream);
-}
-
-void PanelProcess::turnAside(int stream) {
-  if (isatty(stream) == 0) return;
-  std::fflush(nullptr);
-  kept_.push_back({.stream = stream, .terminal = dup(stream)});
-  dup2(fileno(said_), stream);
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    if (isatty(stream) == 0) continue;
+    kept_.push_back({.stream = stream, .terminal = dup(stream)});
+    dup2(fileno(said_), stream);
+  }
 }
 
 void PanelProcess::turnBack() {

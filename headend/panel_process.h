@@ -16,7 +16,7 @@ class PanelProcess {
   PanelProcess();
   PanelProcess(const PanelProcess&) = delete;
   PanelProcess& operator=(const PanelProcess&) = delete;
-  ~PanelProcess();
+  ~PanelProcess() { close(); }
 
   // Shows the panel of the headend whose management socket has this address. Throws std::runtime_error.
   void show(const std::string& server);
@@ -24,7 +24,6 @@ class PanelProcess {
   bool close();
 
  private:
-  void turnAside(int stream);
   void turnBack();
 
   struct Kept {

@@ -1,5 +1,6 @@
 #include "headend/report.h"
 
+#include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -17,7 +18,6 @@ Json listOf(const Range& range, Entry entryOf) {
   for (const auto& element : range) all.push_back(entryOf(element));
   return all;
 }
-
 // For the numbers from 0 to below `end`.
 template <typename Entry>
 Json listBelow(int end, Entry entryOf) {
@@ -33,13 +33,19 @@ double seconds(Nanos ns) {
   return static_cast<double>(ns) / 1e9;
 }
 
+template <typename T>
+Json orNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+Json secondsOrNull(const std::optional<Nanos>& time) {
+  return time ? Json(seconds(*time)) : Json(nullptr);
+}
+
 // GBK from the panel is for a later decoder: what is no UTF-8 must not end up in a JSON text.
-std::string printable(const std::string& text) {
-  std::string clean = text;
-  for (char& c : clean) {
-    if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7E) c = '?';
-  }
-  return clean;
+std::string printable(std::string text) {
+  std::ranges::replace_if(
+      text, [](unsigned char c) { return c < 0x20 || c > 0x7E; }, '?');
+  return text;
 }
 
 Json tables(Headend& headend, int slot, int port) {
@@ -48,25 +54,16 @@ Json tables(Headend& headend, int slot, int port) {
   const CarouselMonitor::Tables& seen = headend.monitor.tables(slot, port);
   for (const PsiType type : mpeg::kAllTables) {
     const CarouselMonitor::Table& table = seen[type];
-    Json entry = {{"set_ticks", record == nullptr ? 0 : record->Interval[port][type]},
-                  {"stored", record == nullptr ? 0 : record->pktNum[port][type]},
-                  {"posted", table.posted}};
-    if (table.intervals > 0) {
-      entry["interval_ticks"] = {
-          {"min", table.min_ticks},
-          {"mean", static_cast<double>(table.sum_ticks) / static_cast<double>(table.intervals)},
-          {"max", table.max_ticks}};
-    } else {
-      entry["interval_ticks"] = nullptr;
-    }
-    all[mpeg::tableName(type)] = std::move(entry);
+    const auto intervals = static_cast<double>(table.intervals);
+    const Json ticks = {{"min", table.min_ticks},
+                        {"mean", static_cast<double>(table.sum_ticks) / intervals},
+                        {"max", table.max_ticks}};
+    all[mpeg::tableName(type)] = {{"set_ticks", record == nullptr ? 0 : record->Interval[port][type]},
+                                  {"stored", record == nullptr ? 0 : record->pktNum[port][type]},
+                                  {"posted", table.posted},
+                                  {"interval_ticks", table.intervals > 0 ? ticks : Json(nullptr)}};
   }
   return all;
-}
-
-template <typename T>
-Json orNull(const std::optional<T>& value) {
-  return value ? Json(*value) : Json(nullptr);
 }
 
 Json rates(const RateMeter::Rates& rates) {
@@ -85,25 +82,27 @@ Json map(Headend& headend, int slot, int port) {
                 {"shadowed", router.shadowed(slot, port)},
                 {"input_lost", router.inputLost(slot, port, now)},
                 {"overflow", headend.mainBoard.overflows(slot, port, now)}};
-  if (const auto since = headend.backEnd.lockedSince(BackEnd::Lock::kPidMap, slot, port)) {
+  if (const auto since = headend.backEnd.lockedSince(qam_back::kPidMapLock, slot, port)) {
     entry["locked_seconds"] = seconds(now - *since);
   }
   return entry;
 }
 
 Json sources(Headend& headend) {
-  const auto inputOf = [&headend](int slot, int port) -> Json {
+  const auto inputOf = [&headend](int slot, int port, const TsInput& input) -> Json {
     const PidRouter::InputCounts& counts = *headend.router.input(slot, port);
     return {{"input", port + 1},
-            {"name", headend.sources.nameOf(slot, static_cast<std::size_t>(port))},
+            {"name", input.name()},
             {"packets", counts.packets},
             {"damaged", counts.damaged},
             {"bit_rate", std::llround(headend.rates.input(slot, port))},
-            {"last_seconds", counts.last ? Json(seconds(*counts.last)) : Json(nullptr)}};
+            {"last_seconds", secondsOrNull(counts.last)}};
   };
-  return listOf(headend.sources.slots(), [&](int slot) -> Json {
-    const int inputs = static_cast<int>(headend.sources.inputs(slot));
-    return {{"slot", slot + 1}, {"inputs", listBelow(inputs, [&](int port) { return inputOf(slot, port); })}};
+  return listOf(headend.sources.cards(), [&](const auto& entry) -> Json {
+    const auto& [slot, card] = entry;
+    int port = 0;
+    const auto next = [&, slot = slot](const auto& input) { return inputOf(slot, port++, *input); };
+    return {{"slot", slot + 1}, {"inputs", listOf(card.inputs, next)}};
   });
 }
 
@@ -124,21 +123,17 @@ Json channel(Headend& headend, int slot, int port) {
                 {"map", map(headend, slot, port)},
                 {"rf", rfReport(headend.card(slot).rf(static_cast<std::size_t>(port), headend.kernel.now()))},
                 {"tables", tables(headend, slot, port)}};
-  if (const auto since = headend.backEnd.lockedSince(BackEnd::Lock::kPsi, slot, port)) {
+  if (const auto since = headend.backEnd.lockedSince(qam_back::kPsiLock, slot, port)) {
     entry["locked_seconds"] = seconds(headend.kernel.now() - *since);
   }
   return entry;
 }
 
-Json startup(Headend& headend, int slot) {
-  const StartupTimeline& timeline = headend.chassis.timeline(slot);
-  return listOf(timeline.phases(headend.kernel.now(), headend.bus.accesses(slot)),
-                [](const StartupTimeline::Phase& phase) -> Json {
-                  return {{"phase", phase.name},
-                          {"from_ms", milliseconds(phase.from)},
-                          {"ms", milliseconds(phase.until - phase.from)},
-                          {"bus_accesses", phase.busAccesses}};
-                });
+Json startupPhase(const Chassis::Phase& phase) {
+  return {{"phase", phase.name},
+          {"from_ms", milliseconds(phase.from)},
+          {"ms", milliseconds(phase.until - phase.from)},
+          {"bus_accesses", phase.busAccesses}};
 }
 
 // What the DAC has taken, what its EEPROM holds for it, and whether that would trouble a real part's port.
@@ -158,7 +153,7 @@ Json card(Headend& headend, int slot) {
                 {"state", protocol::nameOf(headend.state(slot)).name},
                 {"lcd", listOf(s.lcd, printable)},
                 {"startup_ms", s.initTook ? Json(milliseconds(*s.initTook)) : Json(nullptr)},
-                {"startup", startup(headend, slot)},
+                {"startup", listOf(headend.chassis.startup(slot), startupPhase)},
                 {"fpga_attempts", headend.card(slot).configuration().attempts()},
                 {"saves", s.saves},
                 {"calibration", calibration(headend, slot)}};
@@ -169,13 +164,11 @@ Json card(Headend& headend, int slot) {
   return entry;
 }
 
-Json lateRequests(const Headend& headend) {
-  return listOf(headend.backEnd.lateRequests(), [](const BackEnd::LateRequest& late) -> Json {
-    const auto loadOf = [](const auto& load) -> Json {
-      return {{"task", load.first}, {"ms", milliseconds(load.second)}};
-    };
-    return {{"arrived_seconds", seconds(late.arrived)}, {"load", listOf(late.load, loadOf)}};
-  });
+Json lateRequest(const BackEnd::LateRequest& late) {
+  const auto loadOf = [](const auto& load) -> Json {
+    return {{"task", load.first}, {"ms", milliseconds(load.second)}};
+  };
+  return {{"arrived_seconds", seconds(late.arrived)}, {"load", listOf(late.load, loadOf)}};
 }
 
 Json semaphoreWait(const Observation::LongWait& wait) {
@@ -193,16 +186,13 @@ Json standingAlarm(const AlarmRecord& raised) {
   return commands::alarmJson(outward(raised).alarm);
 }
 
-Json command(const Operator::Progress& progress) {
-  const auto secondsOf = [](const std::optional<Nanos>& time) {
-    return time ? Json(seconds(*time)) : Json();
-  };
-  return {{"flag", progress.job.flag},
-          {"command", progress.job.text},
-          {"began_seconds", secondsOf(progress.began)},
-          {"ended_seconds", secondsOf(progress.ended)},
-          {"output", progress.output},
-          {"error", progress.error.empty() ? Json() : Json(progress.error)}};
+Json command(const Job& job) {
+  return {{"flag", job.flag},
+          {"command", job.text},
+          {"began_seconds", secondsOrNull(job.began)},
+          {"ended_seconds", secondsOrNull(job.ended)},
+          {"output", job.output},
+          {"error", job.error.empty() ? Json() : Json(job.error)}};
 }
 
 }  // namespace
@@ -228,7 +218,7 @@ Json report(Headend& headend) {
           {"tick_hz", settings.tickHz},
           {"assertion_failures", listOf(headend.observation.failedChecks(), failedCheck)},
           {"protocol_violations", Json(headend.violations.counts())},
-          {"late_requests", lateRequests(headend)},
+          {"late_requests", listOf(headend.backEnd.lateRequests(), lateRequest)},
           {"semaphore_waits", listOf(headend.observation.longWaits(), semaphoreWait)},
           {"heap", {{"used", headend.heap.used()}, {"failures", headend.heap.failures()}}},
           {"alarms",
@@ -246,7 +236,7 @@ std::string reportText(Headend& headend) {
 }
 
 void provideStatus(Headend& headend) {
-  headend.backEnd.provide(protocol::Operation::kStatus, BackEnd::Target::kChassis,
+  headend.backEnd.provide(protocol::Operation::kStatus, BackEnd::Target::kChassis, {},
                           [&headend](const protocol::Request&, base::Bytes& reply) -> u32 {
                             const std::string text = report(headend).dump();
                             reply.assign(text.begin(), text.end());

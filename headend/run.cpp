@@ -1,8 +1,8 @@
-#include "headend/run.h"
-
+// A run of a headend: the faults and the end that the options plan, the clocks' work, and the exit code.
 #include <fmt/format.h>
 
 #include "headend/hardware/faults.h"
+#include "headend/headend.h"
 #include "headend/kernel/network.h"
 
 namespace headend {
@@ -49,19 +49,19 @@ void advanceOutputs(Headend& headend) {
 }
 
 void doTheClocksWork(Headend& headend, const std::atomic<bool>& interrupted) {
-  headend.observation.onAuxiliaryClock([&headend] {
+  headend.observation.onAuxiliaryClock = [&headend] {
     headend.chassis.auxiliaryClock();
     if (!headend.sinks.empty() || !headend.options.sources.empty()) advanceOutputs(headend);
-  });
+  };
   const Options& options = headend.options;
   const bool polls = options.fast && (options.manage || options.calibration || options.snmp.listen);
-  headend.observation.onSystemClock([&headend, &interrupted, polls] {
+  headend.observation.onSystemClock = [&headend, &interrupted, polls] {
     if (interrupted) headend.kernel.stop();
     if (polls) headend.network.pollHost(0);
     headend.eepromFiles.save(headend.kernel.now());  // at each tick: the process may be killed
     headend.rates.update(headend.kernel.now());
     headend.onTick();
-  });
+  };
 }
 
 // What has failed, one text each. After a power cut the cards and the operator have not failed.
@@ -85,16 +85,14 @@ std::vector<std::string> failures(Headend& headend, bool powerCut) {
   add(!alarms.kept(), "the alarms' history is not kept: " + alarms.failure());
   add(!headend.eepromFiles.kept(), "a calibration EEPROM could not be kept in the flash folder");
   if (!powerCut) {
-    for (const std::string& complaint : headend.automaticOperator.complaints()) all.push_back(complaint);
+    std::ranges::copy(headend.automaticOperator.complaints(), std::back_inserter(all));
     for (const int slot : options.slots) {
       add(!headend.runs(slot), fmt::format("the card in slot {} does not run: {}", slot + 1,
                                            protocol::nameOf(headend.state(slot)).name));
     }
   }
-  std::FILE* busLog = headend.busLog.get();
-  addFile(busLog != nullptr && (std::fflush(busLog) != 0 || std::ferror(busLog) != 0), "bus log",
-          options.busLog);
-  addFile(headend.trace != nullptr && !headend.trace->finish(headend.kernel.now()), "trace", options.trace);
+  addFile(headend.busLog && !headend.busLog->complete(), "bus log", options.busLog);
+  addFile(headend.trace && !headend.trace->finish(headend.kernel.now()), "trace", options.trace);
   addFile(!headend.log.complete(), "log", options.log);
   return all;
 }

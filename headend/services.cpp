@@ -19,15 +19,14 @@
 #include "platform/memory.h"
 #include "platform/sockets.h"
 
-namespace headend {
 namespace {
 
-Headend* running = nullptr;
+headend::Headend* running = nullptr;
 
-Kernel& kernel() {
+headend::Kernel& kernel() {
   return running->kernel;
 }
-const Costs& costs() {
+const headend::Costs& costs() {
   return running->kernel.settings().costs;
 }
 
@@ -39,17 +38,11 @@ std::string formatted(const char* format, std::va_list args) {
 
 }  // namespace
 
-void setRunning(Headend* headend) {
+void headend::setRunning(Headend* headend) {
   running = headend;
   chassis::head = nullptr;
   chassis::pbbFpgaIf = headend == nullptr ? nullptr : static_cast<bbFpga_t*>(headend->bus.mainBoard());
 }
-
-}  // namespace headend
-
-using headend::costs;
-using headend::kernel;
-using headend::running;
 
 namespace os {
 
@@ -110,7 +103,8 @@ int bind(int s, sockaddr_in* name, int length) {
 
 int recvfrom(int s, char* buffer, int length, int /*flags*/, sockaddr_in* from, int* fromLength) {
   kernel().charge("recvfrom", costs().kernelCall);
-  const std::optional<headend::Datagram> datagram = running->sockets.receive(s);
+  headend::UdpSocket* const socket = running->sockets.find(s);
+  const auto datagram = socket == nullptr ? std::nullopt : socket->receive(WAIT_FOREVER);
   if (!datagram) return ERROR;
   const std::size_t size = std::min(datagram->bytes.size(), static_cast<std::size_t>(length));
   std::copy_n(datagram->bytes.begin(), size, buffer);
@@ -125,7 +119,10 @@ int recvfrom(int s, char* buffer, int length, int /*flags*/, sockaddr_in* from, 
 
 int sendto(int s, char* buffer, int length, int /*flags*/, sockaddr_in* to, int /*toLength*/) {
   kernel().charge("sendto", costs().kernelCall);
-  return running->sockets.send(s, {.address = to->sin_addr, .port = to->sin_port}, {buffer, buffer + length});
+  headend::UdpSocket* const socket = running->sockets.find(s);
+  if (socket == nullptr) return ERROR;
+  socket->send({.address = to->sin_addr, .port = to->sin_port}, {buffer, buffer + length});
+  return length;
 }
 
 int close(int s) {
@@ -209,21 +206,21 @@ int para_save(u8 slotNo) {
 }
 
 void menuRegister(item_t* root) {
-  running->panel.menu().registerRoot(*root);
+  running->panel.registerRoot(*root);
 }
 void menuDispItem(const item_t* item, int /*arg2*/, u32 /*attribute*/) {
-  running->panel.menu().showHeading(*item);
+  running->panel.showHeading(*item);
 }
 u8 keyScan() {
-  return running->panel.keys().scan();
+  return running->panel.keys.scan();
 }
 
 void lcdPrintf(int row, int column, u32 /*attribute*/, u32 mask, const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  const std::string text = headend::formatted(format, args);
+  const std::string text = formatted(format, args);
   va_end(args);
-  headend::Lcd& lcd = running->panel.lcd();
+  headend::Lcd& lcd = running->panel.lcd;
   if (column == kPanelWholeLine) {
     lcd.printRow(row, text);
     running->chassis.noteLine(row, text);
@@ -263,14 +260,14 @@ void Dog() {
 void DebugPrint(const char* format, ...) {
   std::va_list args;
   va_start(args, format);
-  const std::string text = headend::formatted(format, args);
+  const std::string text = formatted(format, args);
   va_end(args);
   running->log.line(kernel().now(), kernel().runningName(), text);
   running->shell.printed(kernel().current(), text);
 }
 
 void mib_register(const u32* oid_base, int oid_base_len, const variable4* rows, int count, int rowSize) {
-  if (running->snmp != nullptr) running->snmp->registerRows(oid_base, oid_base_len, rows, count, rowSize);
+  if (running->snmp) running->snmp->registerRows(oid_base, oid_base_len, rows, count, rowSize);
 }
 
 int bc_vars_register(u32 base, u32 limit, const bc_var* table, const char* /*text*/) {

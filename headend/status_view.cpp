@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "commands/json_fields.h"
 #include "commands/status.h"
@@ -18,9 +19,9 @@ using commands::Json;
 using commands::oneLine;
 using commands::whole;
 
-bool movesItsCursor() {
+bool isTerminal(int stream) {
   const char* kind = std::getenv("TERM");
-  return kind != nullptr && std::string_view(kind) != "dumb";
+  return ::isatty(stream) == 1 && kind != nullptr && std::string_view(kind) != "dumb";
 }
 
 // As `qamctl status`, `rates` and `rf` show them.
@@ -55,36 +56,29 @@ std::string sourcesText(const Json& report) {
 std::string alarmLine(const Json& report) {
   constexpr std::size_t kShown = 3;
   const Json& standing = report["alarms"]["standing"];
-  if (standing.empty()) return {};
-  std::string text = "alarms: ";
+  std::string text;
   for (std::size_t i = 0; i < standing.size() && i < kShown; ++i) {
     const Json& words = standing[i]["en"];
-    text += fmt::format("{}{} {}", i == 0 ? "" : "; ", oneLine(words["title"]), oneLine(words["text"]));
+    text +=
+        fmt::format("{} {} {}", i == 0 ? "alarms:" : ";", oneLine(words["title"]), oneLine(words["text"]));
   }
   if (standing.size() > kShown) text += fmt::format("; and {} more", standing.size() - kShown);
-  return text + '\n';
+  return text.empty() ? "" : text + '\n';
 }
 
 }  // namespace
 
 StatusView::StatusView(Headend& headend)
     : headend_(headend),
-      terminal_(::isatty(headend.options.fast ? STDERR_FILENO : STDOUT_FILENO) == 1 && movesItsCursor()),
+      terminal_(isTerminal(headend.options.fast ? STDERR_FILENO : STDOUT_FILENO)),
       next_(Clock::now()) {}
 
 void StatusView::update() {
-  if (!headend_.options.fast) {
-    if (!terminal_) return announceChanges();
-    if (Clock::now() < next_) return;
-    next_ = Clock::now() + std::chrono::seconds(1);
-    return draw();
-  }
-  if (!terminal_ || ++calls_ % 256 != 0 || Clock::now() < next_) return;
-  next_ = Clock::now() + std::chrono::milliseconds(500);
-  showProgress();
-}
-
-void StatusView::showProgress() {
+  const bool fast = headend_.options.fast;
+  if (!terminal_ && !fast) return announceChanges();
+  if (!terminal_ || (fast && ++calls_ % 256 != 0) || Clock::now() < next_) return;
+  next_ = Clock::now() + std::chrono::milliseconds(fast ? 500 : 1000);
+  if (!fast) return draw();
   fmt::print(stderr, "\r{} of {} virtual seconds ", headend_.kernel.now() / kSecond,
              *headend_.options.duration / kSecond);
   std::fflush(stderr);
@@ -94,9 +88,7 @@ void StatusView::announceChanges() {
   for (const int slot : headend_.options.slots) {
     const protocol::CardState state = headend_.state(slot);
     for (u32 port = 0; port < MAX_QAM_OUT_NUM; ++port) announceOutput({static_cast<u16>(slot), port});
-    const auto [entry, isNew] = announced_.emplace(slot, state);
-    if (!isNew && entry->second == state) continue;
-    entry->second = state;
+    if (std::exchange(announced_[slot], state) == state) continue;
     fmt::print("{:.3f} s: card {} {}\n", static_cast<double>(headend_.kernel.now()) / 1e9, slot + 1,
                protocol::nameOf(state).name);
     std::fflush(stdout);

@@ -19,7 +19,6 @@ class StatusView {
   void draw();
   void announceChanges();
   void announceOutput(protocol::Channel channel);
-  void showProgress();
 
   Headend& headend_;
   bool terminal_;
@@ -27,7 +26,7 @@ class StatusView {
   unsigned calls_ = 0;
   std::size_t linesDrawn_ = 0;
   std::uint64_t linesThen_ = 0;
-  std::map<int, protocol::CardState> announced_;
+  std::map<int, std::optional<protocol::CardState>> announced_;
   struct Shown {
     std::optional<RfOutput> now;
     Nanos since = 0;

@@ -4,9 +4,6 @@
 #include <fnmatch.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
 
 namespace headend {
 namespace {
@@ -28,31 +25,22 @@ std::array<char, 3> codeOf(std::size_t index) {
 }  // namespace
 
 VcdTrace::VcdTrace(const std::string& file, std::span<const int> slots, std::span<const std::string> globs)
-    : file_(std::fopen(file.c_str(), "we")) {
-  if (file_ == nullptr)
-    throw std::runtime_error(fmt::format("cannot open trace {}: {}", file, std::strerror(errno)));
-  const std::string text = header(slots, globs);
-  // A full disk is reported by finish(), for this and all later writes.
-  std::fwrite(text.data(), 1, text.size(), file_);
-}
-
-VcdTrace::~VcdTrace() {
-  std::fclose(file_);
+    : file_("trace", file) {
+  file_.write(header(slots, globs));
 }
 
 bool VcdTrace::matches(const std::string& glob, std::span<const int> slots) {
-  return std::any_of(slots.begin(), slots.end(), [&](int slot) {
-    return std::any_of(kCardRegisters.begin(), kCardRegisters.end(),
-                       [&](const CardRegister& reg) { return matchesOne(glob, slot, reg.name); });
+  return std::ranges::any_of(slots, [&](int slot) {
+    return std::ranges::any_of(kCardRegisters,
+                               [&](const CardRegister& reg) { return matchesOne(glob, slot, reg.name); });
   });
 }
 
 // No date: the same run gives the same bytes.
 std::string VcdTrace::header(std::span<const int> slots, std::span<const std::string> globs) {
   const auto wanted = [&](int slot, std::string_view name) {
-    return globs.empty() || std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
-             return matchesOne(glob, slot, name);
-           });
+    const auto matches = [&](const std::string& glob) { return matchesOne(glob, slot, name); };
+    return globs.empty() || std::ranges::any_of(globs, matches);
   };
   std::string text = "$version headend $end\n$timescale 1 ns $end\n";
   std::string values;
@@ -82,24 +70,20 @@ void VcdTrace::note(int slot, u32 offset, u16 value, Nanos now) {
   if (value == signal.value) return;
   signal.value = value;
   writeTime(now);
-  std::array<char, 24> text{};
-  const auto end = isLine ? fmt::format_to(text.data(), "{}{}\n", value, signal.code.data())
-                          : fmt::format_to(text.data(), "b{:b} {}\n", value, signal.code.data());
-  std::fwrite(text.data(), 1, static_cast<std::size_t>(end - text.data()), file_);
+  file_.write(isLine ? fmt::format("{}{}\n", value, signal.code.data())
+                     : fmt::format("b{:b} {}\n", value, signal.code.data()));
 }
 
 // A change that is reported late gets the time that the file has reached, because times must not decrease.
 void VcdTrace::writeTime(Nanos now) {
   if (now <= written_) return;
   written_ = now;
-  std::array<char, 24> text{};
-  const auto end = fmt::format_to(text.data(), "#{}\n", now);
-  std::fwrite(text.data(), 1, static_cast<std::size_t>(end - text.data()), file_);
+  file_.write(fmt::format("#{}\n", now));
 }
 
 bool VcdTrace::finish(Nanos now) {
   writeTime(now);
-  return std::fflush(file_) == 0 && std::ferror(file_) == 0;
+  return file_.complete();
 }
 
 }  // namespace headend

@@ -4,13 +4,12 @@
 #pragma once
 
 #include <array>
-#include <cstdio>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "headend/firmware/log.h"
 #include "headend/hardware/card_registers.h"
-#include "headend/kernel/kernel.h"
 
 namespace headend {
 
@@ -20,9 +19,6 @@ class VcdTrace {
   // "slot1.att_*"; without a glob all of them. All begin with 0, as in an FPGA just configured. Throws
   // std::runtime_error if the file cannot be opened.
   VcdTrace(const std::string& file, std::span<const int> slots, std::span<const std::string> globs);
-  VcdTrace(const VcdTrace&) = delete;
-  VcdTrace& operator=(const VcdTrace&) = delete;
-  ~VcdTrace();
 
   // Whether a glob matches a register of one of these slots.
   static bool matches(const std::string& glob, std::span<const int> slots);
@@ -43,7 +39,7 @@ class VcdTrace {
   std::string header(std::span<const int> slots, std::span<const std::string> globs);
   void writeTime(Nanos now);
 
-  std::FILE* file_;
+  OutputFile file_;
   Nanos written_ = 0;                                               // the time reached in the file
   std::vector<std::array<Signal, kCardRegisters.size()>> signals_;  // by slot, from 0
 };

@@ -8,14 +8,17 @@ namespace protocol {
 namespace {
 
 constexpr std::size_t kPageHead = 8;  // the number of the next event
-constexpr std::size_t kRecordHead = 24;
 
-void put64(u8* at, std::uint64_t value) {
-  wire::put32(at, static_cast<u32>(value >> 32));
-  wire::put32(at + 4, static_cast<u32>(value));
-}
-std::uint64_t get64(const u8* at) {
-  return std::uint64_t{wire::get32(at)} << 32 | wire::get32(at + 4);
+// The texts follow, each after its size in a byte.
+struct RecordHead {
+  wire::U32 numberHigh, number, at, happened;
+  wire::U16 type;
+  u8 kind, slot, port, reserved[3];
+};
+static_assert(sizeof(RecordHead) == 24);
+
+std::uint64_t join(u32 high, u32 low) {
+  return std::uint64_t{high} << 32 | low;
 }
 
 template <typename AlarmType>  // const or not
@@ -25,34 +28,34 @@ auto textsOf(AlarmType& alarm) {
 }
 
 Bytes encode(const AlarmEvent& event) {
-  Bytes record(kRecordHead);
-  put64(record.data(), event.number);
-  wire::put32(&record[8], event.at);
-  wire::put32(&record[12], event.alarm.happened);
-  wire::put16(&record[16], event.alarm.type);
-  record[18] = static_cast<u8>(event.kind);
-  record[19] = event.alarm.slot;
-  record[20] = event.alarm.port;
+  RecordHead head{};
+  head.numberHigh = static_cast<u32>(event.number >> 32);
+  head.number = static_cast<u32>(event.number);
+  head.at = event.at;
+  head.happened = event.alarm.happened;
+  head.type = event.alarm.type;
+  head.kind = static_cast<u8>(event.kind);
+  head.slot = event.alarm.slot;
+  head.port = event.alarm.port;
+  Bytes record = base::bytesOf(head);
   for (const std::string* text : textsOf(event.alarm)) {
-    const std::size_t size = std::min<std::size_t>(text->size(), std::numeric_limits<u8>::max());
-    record.push_back(static_cast<u8>(size));
-    record.insert(record.end(), text->begin(), text->begin() + static_cast<std::ptrdiff_t>(size));
+    const std::string cut = text->substr(0, std::numeric_limits<u8>::max());
+    record.push_back(static_cast<u8>(cut.size()));
+    record.insert(record.end(), cut.begin(), cut.end());
   }
   return record;
 }
 
 // Takes a record off the front; nothing when it is none.
 std::optional<AlarmEvent> decode(std::span<const u8>& bytes) {
-  if (bytes.size() < kRecordHead || bytes[18] > static_cast<u8>(AlarmEvent::Kind::kSlotAbsent)) return {};
-  AlarmEvent event{.number = get64(bytes.data()),
-                   .at = wire::get32(&bytes[8]),
-                   .kind = static_cast<AlarmEvent::Kind>(bytes[18]),
-                   .alarm = {}};
-  event.alarm.happened = wire::get32(&bytes[12]);
-  event.alarm.type = wire::get16(&bytes[16]);
-  event.alarm.slot = bytes[19];
-  event.alarm.port = bytes[20];
-  bytes = bytes.subspan(kRecordHead);
+  const auto head = base::recordOf<RecordHead>(bytes);
+  if (bytes.size() < sizeof head || head.kind > static_cast<u8>(AlarmEvent::Kind::kSlotAbsent)) return {};
+  AlarmEvent event{
+      .number = join(head.numberHigh, head.number),
+      .at = head.at,
+      .kind = static_cast<AlarmEvent::Kind>(head.kind),
+      .alarm = {.slot = head.slot, .port = head.port, .type = head.type, .happened = head.happened}};
+  bytes = bytes.subspan(sizeof head);
   for (std::string* text : textsOf(event.alarm)) {
     if (bytes.empty() || bytes.size() - 1 < bytes[0]) return {};
     text->assign(bytes.begin() + 1, bytes.begin() + 1 + bytes[0]);
@@ -64,8 +67,9 @@ std::optional<AlarmEvent> decode(std::span<const u8>& bytes) {
 }  // namespace
 
 Bytes alarmPage(std::uint64_t next) {
-  Bytes page(kPageHead);
-  put64(page.data(), next);
+  Bytes page;
+  base::append32(page, static_cast<u32>(next >> 32));
+  base::append32(page, static_cast<u32>(next));
   return page;
 }
 
@@ -79,12 +83,12 @@ bool addToPage(Bytes& page, const AlarmEvent& event) {
 
 std::optional<std::uint64_t> pageFrom(std::span<const u8> request) {
   if (request.size() != kPageHead) return {};
-  return get64(request.data());
+  return join(wire::get32(request.data()), wire::get32(&request[4]));
 }
 
 std::optional<AlarmPage> decodeAlarmPage(std::span<const u8> data) {
   if (data.size() < kPageHead) return {};
-  AlarmPage page{.next = get64(data.data()), .events = {}};
+  AlarmPage page{.next = *pageFrom(data.first(kPageHead)), .events = {}};
   for (data = data.subspan(kPageHead); !data.empty();) {
     auto event = decode(data);
     if (!event) return {};
@@ -97,7 +101,7 @@ const AlarmEventKind& kindOf(const AlarmEvent& event) {
   static constexpr AlarmEventKind kKinds[] = {
       {"raised", "alarm", "告警"},
       {"recovered", "recovered", "恢复"},
-      {"recovered_without_alarm", "recovered, no alarm stood", "恢复(无告警)"},
+      {"recovered_without_alarm", "recovered, no alarm was active", "恢复(无告警)"},
       {"slot_absent", "ended, no card in the slot", "结束(无卡)"}};
   return kKinds[static_cast<std::size_t>(event.kind)];
 }

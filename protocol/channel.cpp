@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <utility>
 
 #include "base/numbers.h"
 
@@ -11,11 +12,17 @@ namespace protocol {
 namespace {
 
 // "N.P" with P from 1 to `ports`.
-std::optional<std::pair<u16, u32>> parsePlace(std::string_view text, u32 ports) {
+template <typename Place>
+std::optional<Place> parsePlace(std::string_view text, u32 ports) {
   const auto slot = parseSlot(text.substr(0, text.find('.')));
   const auto port = text.size() > 2 ? base::parseDecimal(text.substr(2), ports) : std::nullopt;
   if (!slot || !port || *port == 0 || text[2] == '0') return std::nullopt;
-  return std::pair(static_cast<u16>(*slot), *port - 1);
+  return Place{static_cast<u16>(*slot), *port - 1};
+}
+
+template <typename... Args>
+[[noreturn]] void refuse(fmt::format_string<Args...> text, Args&&... args) {
+  throw std::invalid_argument(fmt::format(text, std::forward<Args>(args)...));
 }
 
 }  // namespace
@@ -26,13 +33,11 @@ std::optional<int> parseSlot(std::string_view text) {
 }
 
 std::optional<Channel> parseChannel(std::string_view text) {
-  const auto place = parsePlace(text, MAX_QAM_OUT_NUM);
-  return place ? std::optional(Channel{.slot = place->first, .port = place->second}) : std::nullopt;
+  return parsePlace<Channel>(text, MAX_QAM_OUT_NUM);
 }
 
 std::optional<SourcePort> parseSourcePort(std::string_view text) {
-  const auto place = parsePlace(text, kInputsPerCard);
-  return place ? std::optional(SourcePort{.slot = place->first, .port = place->second}) : std::nullopt;
+  return parsePlace<SourcePort>(text, kInputsPerCard);
 }
 
 std::string channelName(const Channel& channel) {
@@ -45,20 +50,14 @@ std::string inputName(const SourcePort& source) {
 
 std::pair<PsiType, u32> parseInterval(std::string_view text) {
   const auto equals = text.find('=');
-  if (equals == std::string_view::npos) {
-    throw std::invalid_argument(fmt::format("'{}' is no TABLE=TICKS", text));
-  }
+  if (equals == std::string_view::npos) refuse("'{}' is no TABLE=TICKS", text);
   const auto type = mpeg::tableOfName(text.substr(0, equals));
-  if (!type) {
-    throw std::invalid_argument(fmt::format(
-        "'{}' is no table: PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT and CAT are", text.substr(0, equals)));
-  }
+  if (!type)
+    refuse("'{}' is no table: PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT and CAT are", text.substr(0, equals));
   const std::string_view digits = text.substr(equals + 1);
   const auto ticks = base::parseDecimal<std::uint64_t>(digits);
-  if (!ticks) throw std::invalid_argument(fmt::format("'{}' is no number of ticks", digits));
-  if (*ticks > kMaxInterval) {
-    throw std::invalid_argument(fmt::format("an interval of {} ticks is more than {}", digits, kMaxInterval));
-  }
+  if (!ticks) refuse("'{}' is no number of ticks", digits);
+  if (*ticks > kMaxInterval) refuse("an interval of {} ticks is more than {}", digits, kMaxInterval);
   return {*type, static_cast<u32>(*ticks)};
 }
 

@@ -74,13 +74,11 @@ struct Reply {
   u16 slot = 0;
   u32 port = 0;
   u32 result = kDone;
-  Bytes data;
+  Bytes data{};
 };
 
 // A request with this data, and `length` set to its size. The link sets its sequence number.
 Request makeRequest(Operation operation, u16 variable, u16 slot, u32 port, Bytes data);
-// The reply to a request: done, and without data.
-Reply replyTo(const Request& request);
 
 inline constexpr std::size_t kRequestHeaderSize = 24;
 inline constexpr std::size_t kReplyHeaderSize = 28;

@@ -49,8 +49,8 @@ std::string mibBaseText(std::span<const u32> base) {
 }
 
 std::vector<u32> parseMibBase(std::string_view text) {
-  const auto wrong = [&](const std::string& why) {
-    return std::invalid_argument(
+  const auto refuse = [&](const std::string& why) {
+    throw std::invalid_argument(
         fmt::format("'{}' is no base: {}; right are ten numbers with dots between them, such as {}", text,
                     why, mibBaseText(kDefaultMibBase)));
   };
@@ -60,16 +60,16 @@ std::vector<u32> parseMibBase(std::string_view text) {
     const auto number = base::parseDecimal(component);
     const bool hasDigits =
         !component.empty() && component.find_first_not_of("0123456789") == std::string_view::npos;
-    if (!number) throw wrong(hasDigits ? "a component is above 4294967295" : "a component is no number");
+    if (!number) refuse(hasDigits ? "a component is above 4294967295" : "a component is no number");
     base.push_back(*number);
     at += component.size() + 1;
   }
-  if (base.size() != kMibBaseLength) throw wrong(fmt::format("it has {} components", base.size()));
-  if (base[0] > 2) throw wrong("the first component is above 2");
-  if (base[0] < 2 && base[1] > 39) throw wrong("the second component is above 39, behind a first of 0 or 1");
+  if (base.size() != kMibBaseLength) refuse(fmt::format("it has {} components", base.size()));
+  if (base[0] > 2) refuse("the first component is above 2");
+  if (base[0] < 2 && base[1] > 39) refuse("the second component is above 39, behind a first of 0 or 1");
   // The first two are encoded as one 32-bit number.
   if (base[0] == 2 && base[1] > 0xFFFFFFFF - 80)
-    throw wrong("the second component is above 4294967215, behind a first of 2");
+    refuse("the second component is above 4294967215, behind a first of 2");
   return base;
 }
 

@@ -30,7 +30,7 @@ MapEntry entryOf(const pid_map_t& record) {
           .type = record.type};
 }
 
-// As far as a router knows it.
+// With what a router has.
 MapEntry entryOf(const chassis::RouterWords& words) {
   return {.sourceSlot = chassis::sourceSlot(words),
           .sourcePort = chassis::sourcePort(words),

@@ -68,8 +68,8 @@ std::string named(const CardVariable::NamedValue& choice) {
 }
 
 const CardVariable::NamedValue* choiceOf(const CardVariable& variable, u32 value) {
-  const auto found = std::find_if(variable.names.begin(), variable.names.end(),
-                                  [&](const auto& n) { return n.value == value && !n.name.empty(); });
+  const auto isMeant = [&](const auto& choice) { return choice.value == value && !choice.name.empty(); };
+  const auto* found = std::ranges::find_if(variable.names, isMeant);
   return found == variable.names.end() ? nullptr : found;
 }
 
@@ -83,20 +83,6 @@ std::string enumeration(std::span<const std::string> parts, std::string_view las
   return text;
 }
 
-std::string cannotBeSet(const CardVariable& variable) {
-  std::vector<std::string> writable;
-  for (const CardVariable& other : kVariables) {
-    if (other.writable) writable.emplace_back(other.name);
-  }
-  return fmt::format("{} cannot be set: {} can", variable.name, enumeration(writable, "and"));
-}
-
-template <typename Text>
-std::string notPossible(const CardVariable& variable, const Text& value) {
-  return fmt::format("{} cannot be {}: possible are {}{}", variable.name, value, writableValues(variable),
-                     variable.unit.empty() ? "" : fmt::format(" ({})", variable.unit));
-}
-
 constexpr u8 kNumberFollows = 0;
 constexpr u8 kTextFollows = 1;
 
@@ -107,15 +93,13 @@ std::span<const CardVariable> cardVariables() {
 }
 
 const CardVariable* findCardVariable(u32 id) {
-  const auto* found = std::find_if(std::begin(kVariables), std::end(kVariables),
-                                   [id](const CardVariable& v) { return v.id == id; });
+  const auto* found = std::ranges::find(kVariables, id, &CardVariable::id);
   return found == std::end(kVariables) ? nullptr : found;
 }
 
 const CardVariable* findCardVariable(std::string_view idOrName) {
   if (const auto id = base::parseDecimal(idOrName)) return findCardVariable(*id);
-  const auto* found = std::find_if(std::begin(kVariables), std::end(kVariables),
-                                   [&](const CardVariable& v) { return v.name == idOrName; });
+  const auto* found = std::ranges::find(kVariables, idOrName, &CardVariable::name);
   return found == std::end(kVariables) ? nullptr : found;
 }
 
@@ -134,11 +118,6 @@ std::string writableValues(const CardVariable& variable) {
                      variable.step > 1 ? fmt::format(" in steps of {}", variable.step) : "");
 }
 
-std::string valueRefusal(const CardVariable& variable, u32 value) {
-  if (!variable.writable) return cannotBeSet(variable);
-  return isPossible(variable, value) ? "" : notPossible(variable, value);
-}
-
 std::string valueWarning(const CardVariable& variable, u32 value) {
   if (variable.warnStep == 0 || isStep(variable, value, variable.warnStep)) return "";
   return fmt::format(
@@ -148,24 +127,27 @@ std::string valueWarning(const CardVariable& variable, u32 value) {
 }
 
 u32 parseValue(const CardVariable& variable, std::string_view text) {
-  if (!variable.writable) throw std::invalid_argument(cannotBeSet(variable));
-  const auto value = base::parseDecimal(text);
-  if (!value) throw std::invalid_argument(notPossible(variable, fmt::format("'{}'", text)));
-  if (const std::string refusal = valueRefusal(variable, *value); !refusal.empty()) {
-    throw std::invalid_argument(refusal);
+  if (!variable.writable) {
+    std::vector<std::string> writable;
+    for (const CardVariable& other : kVariables) {
+      if (other.writable) writable.emplace_back(other.name);
+    }
+    throw std::invalid_argument(
+        fmt::format("{} cannot be set: {} can", variable.name, enumeration(writable, "and")));
   }
-  return *value;
+  const auto value = base::parseDecimal(text);
+  if (value && isPossible(variable, *value)) return *value;
+  const std::string given = value ? fmt::format("{}", *value) : fmt::format("'{}'", text);
+  throw std::invalid_argument(fmt::format("{} cannot be {}: possible are {}{}", variable.name, given,
+                                          writableValues(variable),
+                                          variable.unit.empty() ? "" : fmt::format(" ({})", variable.unit)));
 }
 
 Bytes encodeValue(const VariableValue& value) {
-  Bytes data;
-  if (const auto* text = std::get_if<std::string>(&value)) {
-    data.assign(text->begin(), text->end());
-    data.insert(data.begin(), kTextFollows);
-  } else {
-    data = encodeNumber(std::get<u32>(value));
-    data.insert(data.begin(), kNumberFollows);
-  }
+  const auto* text = std::get_if<std::string>(&value);
+  Bytes data{text != nullptr ? kTextFollows : kNumberFollows};
+  base::append(data,
+               text != nullptr ? Bytes(text->begin(), text->end()) : encodeNumber(std::get<u32>(value)));
   return data;
 }
 

@@ -60,9 +60,6 @@ bool isPossible(const CardVariable& variable, std::int64_t value);
 // "52000 to 1000000", "950 to 1150 in steps of 5", "0 (off) or 15 (on)"; empty if it is not writable.
 std::string writableValues(const CardVariable& variable);
 
-// The error in writing this value, with the possible values; empty if it may be written.
-std::string valueRefusal(const CardVariable& variable, u32 value);
-
 // A warning about a value that may be written: a symbol rate without a row in the card's default clock table.
 // Empty otherwise.
 std::string valueWarning(const CardVariable& variable, u32 value);

@@ -1,5 +1,7 @@
 #include "headend/firmware/alarm_list.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
@@ -7,11 +9,33 @@
 #include <iterator>
 #include <set>
 #include <sstream>
+#include <string_view>
+#include <system_error>
 
 #include "base/text.h"
+#include "mpeg/section.h"
 
 namespace headend {
 namespace {
+
+// ---- The file ----
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPath = "/tffs0/alarms/history.dat";
+constexpr std::size_t kLongest = 64U << 20;  // many times the size of the stored entries
+constexpr std::string_view kMagic = "QAMALRM1";
+
+u32 checkOf(const AlarmRecord& event) {
+  return mpeg::crc32(std::span<const u8>(base::bytesOf(event)).subspan(sizeof event.check));
+}
+
+void put(base::Bytes& bytes, AlarmRecord event) {
+  event.check = checkOf(event);
+  base::append(bytes, base::bytesOf(event));
+}
+
+// ---- The list ----
 
 using Kind = protocol::AlarmEvent::Kind;
 using chassis::alarm_t;
@@ -85,7 +109,77 @@ u32 answer(const Events& events, std::uint64_t next, const protocol::Request& re
 
 }  // namespace
 
-AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, std::function<void(const std::string&)> say)
+std::deque<AlarmRecord> AlarmFile::load() {
+  const fs::path file = flash_.hostPath(kPath).value();
+  std::optional<std::string> bytes;
+  std::string wrong;
+  try {
+    bytes = flash_.read(kPath, kLongest);
+    if (!bytes) return {};
+    if (!bytes->starts_with(kMagic)) wrong = fmt::format("{} is no alarms' history", file.string());
+  } catch (const std::system_error&) {
+    wrong = fmt::format("the alarms' history {} cannot be read; it begins anew", file.string());
+  }
+  std::deque<AlarmRecord> events;
+  std::string_view rest = wrong.empty() ? std::string_view(*bytes).substr(kMagic.size()) : "";
+  for (; rest.size() >= sizeof(AlarmRecord); rest.remove_prefix(sizeof(AlarmRecord))) {
+    AlarmRecord event;
+    std::memcpy(&event, rest.data(), sizeof event);
+    ++entries_;
+    const std::uint64_t last = events.empty() ? 0 : events.back().number;
+    if (event.check == checkOf(event) && event.number > last) events.push_back(event);
+  }
+  if (const std::size_t lost = entries_ - events.size(); lost > 0) {
+    wrong = fmt::format("the alarms' history {} is damaged: {} of {} entries are lost", file.string(), lost,
+                        entries_);
+  }
+  hasFile_ = wrong.empty() && rest.empty();
+  if (!wrong.empty()) {
+    say_(wrong);
+    locked_ = !putAside(file);
+  } else if (!rest.empty()) {  // as after the end of a process during a write
+    say_(fmt::format("the alarms' history {} ends within an event, which is lost", file.string()));
+  }
+  return events;
+}
+
+bool AlarmFile::putAside(const fs::path& file) {
+  const fs::path aside = file.string() + ".damaged";
+  std::error_code error;
+  fs::rename(file, aside, error);
+  if (error) {
+    failed(fmt::format("cannot rename {} to {}: {}", file.string(), aside.string(), error.message()));
+    return false;
+  }
+  say_(fmt::format("it is kept as {}", aside.string()));
+  return true;
+}
+
+void AlarmFile::save(const std::vector<AlarmRecord>& before, const std::deque<AlarmRecord>& events) {
+  base::Bytes bytes;
+  put(bytes, events.back());
+  hasFile_ = hasFile_ && entries_ < kMostEntries && flash_.append(kPath, bytes).empty();
+  if (hasFile_) ++entries_;
+  if (hasFile_ || locked_) return;
+  bytes.assign(kMagic.begin(), kMagic.end());
+  for (const AlarmRecord& event : before) put(bytes, event);
+  for (const AlarmRecord& event : events) put(bytes, event);
+  const std::string failure = flash_.replace(kPath, bytes);
+  hasFile_ = failure.empty();
+  if (!hasFile_) return failed(failure);
+  failure_.clear();
+  entries_ = before.size() + events.size();
+}
+
+// Said once, and again when it fails for another reason.
+void AlarmFile::failed(const std::string& failure) {
+  if (failure != failure_) say_("the alarms' history is not kept: " + failure);
+  failure_ = failure;
+}
+
+// ---- The list ----
+
+AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, Say say)
     : file_(flash, std::move(say)), clock_(std::move(clock)) {
   history_ = file_.load();
   for (const AlarmRecord& event : history_) account(standing_, event);
@@ -94,10 +188,9 @@ AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, std::function<voi
 }
 
 void AlarmList::endAbsent(const std::vector<int>& slotsWithCard) {
-  const std::vector<AlarmRecord> before = standing_;
-  for (const AlarmRecord& raised : before) {
-    if (std::ranges::find(slotsWithCard, int{raised.alarm.Slot}) != slotsWithCard.end()) continue;
-    end(raised, Kind::kSlotAbsent, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+  for (const AlarmRecord& raised : std::vector(standing_)) {
+    if (std::ranges::count(slotsWithCard, raised.alarm.Slot) == 0)
+      end(raised, Kind::kSlotAbsent, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
   }
 }
 
@@ -122,16 +215,12 @@ void AlarmList::add(const Key& key, const Texts& texts) {
 
 void AlarmList::remove(const Key& key, const char* zhTrap, const char* enTrap) {
   const std::set<std::string> words = wordsOf(enTrap);
-  const AlarmRecord* best = nullptr;
-  std::ptrdiff_t most = -1;
-  for (const AlarmRecord& raised : standing_) {
-    if (!fits(raised.alarm, key)) continue;
-    const std::ptrdiff_t shared = sharedWords(raised.alarm, words);
-    if (shared <= most) continue;
-    best = &raised;
-    most = shared;
-  }
-  if (best != nullptr) return end(AlarmRecord(*best), Kind::kRecovered, zhTrap, enTrap);
+  const auto likeness = [&](const AlarmRecord& raised) {
+    return fits(raised.alarm, key) ? sharedWords(raised.alarm, words) : -1;
+  };
+  const auto best = std::ranges::max_element(standing_, {}, likeness);
+  if (best != standing_.end() && likeness(*best) >= 0)
+    return end(AlarmRecord(*best), Kind::kRecovered, zhTrap, enTrap);
   end(recordOf(key), Kind::kRecoveredWithoutAlarm, zhTrap, enTrap);
 }
 
@@ -158,8 +247,8 @@ void AlarmList::note(AlarmRecord event) {
   account(standing_, event);
   history_.push_back(event);
   forgetOldest();
-  if (file_.entries() >= 2 * kHistory || !file_.append(event)) file_.rewrite(base_, history_);
-  if (onEvent_) onEvent_(event);
+  file_.save(base_, history_);
+  onEvent(event);
 }
 
 void AlarmList::forgetOldest() {
@@ -168,7 +257,7 @@ void AlarmList::forgetOldest() {
 
 void AlarmList::provide(BackEnd& backEnd) {
   const auto provideList = [&](protocol::Operation operation, const auto& list) {
-    backEnd.provide(operation, BackEnd::Target::kChassis,
+    backEnd.provide(operation, BackEnd::Target::kChassis, {},
                     [this, &list](const protocol::Request& request, base::Bytes& reply) {
                       return answer(list, last_ + 1, request, reply);
                     });

@@ -2,14 +2,68 @@
 // Tasks call it through the services of platform/alarms.h; no function here takes virtual time.
 #pragma once
 
-#include "headend/firmware/alarm_file.h"
+#include <array>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "headend/firmware/back_end.h"
+#include "headend/firmware/log.h"
+#include "headend/kernel/flash.h"
+#include "platform/alarms.h"
+#include "protocol/alarms.h"
 
 namespace headend {
 
+// An entry of the file has this layout.
+struct AlarmRecord {
+  u32 check = 0;             // CRC-32 of the following fields, in the file
+  u32 at = 0;                // seconds since 1970-01-01 UTC
+  std::uint64_t number = 0;  // from 1, increases by one
+  std::uint64_t ends = 0;    // the number of the event that raised the alarm that this event ends
+  protocol::AlarmEvent::Kind kind{};
+  std::array<u8, 7> reserved{};
+  chassis::alarm_t alarm{};
+};
+static_assert(sizeof(AlarmRecord) == 32 + sizeof(chassis::alarm_t));
+static_assert(offsetof(AlarmRecord, number) == 8 && offsetof(AlarmRecord, alarm) == 32);
+
+// The history in the flash folder: the last events, after the events that raised the alarms active when the
+// history begins. Events are appended, so a forced end of the process loses at most the last event. The file
+// is rewritten completely from time to time. Each entry has a checksum.
+class AlarmFile {
+ public:
+  static constexpr std::size_t kMostEntries = 20'000;  // the file is rewritten when it has so many
+
+  // `say` is called with a message if the file has an error.
+  AlarmFile(Flash& flash, Say say) : flash_(flash), say_(std::move(say)) {}
+
+  // Returns all readable entries of the file. A damaged file is renamed, and a new file replaces it.
+  std::deque<AlarmRecord> load();
+  // Saves the last of `events`: appended where that is possible, else with all of them and the events that
+  // raised the alarms active before the first.
+  void save(const std::vector<AlarmRecord>& before, const std::deque<AlarmRecord>& events);
+
+  bool kept() const { return failure_.empty(); }  // whether the file has all events
+  const std::string& failure() const { return failure_; }
+
+ private:
+  void failed(const std::string& failure);
+  bool putAside(const std::filesystem::path& file);
+
+  Flash& flash_;
+  Say say_;
+  std::size_t entries_ = 0;
+  bool hasFile_ = false;  // the file has all events so far
+  bool locked_ = false;   // by a damaged file that cannot be renamed
+  std::string failure_;
+};
+
 class AlarmList {
  public:
-  static constexpr std::size_t kHistory = 10'000;  // events
+  static constexpr std::size_t kHistory = AlarmFile::kMostEntries / 2;  // events
 
   struct Key {
     u8 slot;
@@ -27,7 +81,7 @@ class AlarmList {
   };
 
   // `clock` gives seconds since 1970-01-01 UTC. Reads the history from the flash folder.
-  AlarmList(Flash& flash, std::function<u32()> clock, std::function<void(const std::string&)> say);
+  AlarmList(Flash& flash, std::function<u32()> clock, Say say);
 
   // Ends the alarms of slots without a card, because no task there can end them.
   void endAbsent(const std::vector<int>& slotsWithCard);
@@ -40,7 +94,7 @@ class AlarmList {
   bool exists(const Key& key) const;
 
   // Called for each event when it is recorded.
-  void onEvent(std::function<void(const AlarmRecord&)> hook) { onEvent_ = std::move(hook); }
+  std::function<void(const AlarmRecord&)> onEvent = [](const AlarmRecord&) {};
 
   // Oldest first, as the events that raised the alarms.
   const std::vector<AlarmRecord>& standing() const { return standing_; }
@@ -62,7 +116,6 @@ class AlarmList {
   std::vector<AlarmRecord> standing_;
   std::deque<AlarmRecord> history_;
   std::uint64_t last_ = 0;
-  std::function<void(const AlarmRecord&)> onEvent_;
 };
 
 // In UTF-8, as clients receive it.

@@ -10,12 +10,6 @@
 #include "protocol/variables.h"
 
 namespace headend {
-namespace {
-
-constexpr std::size_t kKnownClients = 64;
-
-}  // namespace
-
 BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log,
                  std::function<protocol::CardState(int slot)> state)
     : kernel_(kernel),
@@ -25,21 +19,13 @@ BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMon
       socket_(network, protocol::kDefaultManagementPort),
       state_(std::move(state)) {
   using protocol::Operation;
-  provide(Operation::kRead, Target::kChassis, std::bind_front(&BackEnd::callCard, this));
-  provide(Operation::kWrite, Target::kChassis, std::bind_front(&BackEnd::write, this));
-  provide(Operation::kGetVariable, Target::kRunningCard, std::bind_front(&BackEnd::getVariable, this));
-  provide(Operation::kSetVariable, Target::kRunningCard, std::bind_front(&BackEnd::setVariable, this));
+  provide(Operation::kRead, Target::kChassis, {}, std::bind_front(&BackEnd::callCard, this));
+  provide(Operation::kWrite, Target::kChassis, {}, std::bind_front(&BackEnd::write, this));
+  provide(Operation::kGetVariable, Target::kRunningCard, 0, std::bind_front(&BackEnd::getVariable, this));
+  provide(Operation::kSetVariable, Target::kRunningCard, 4, std::bind_front(&BackEnd::setVariable, this));
   network.onArrival([this](const UdpSocket& socket, const Datagram& datagram) {
     if (&socket == &socket_) noteArrival(datagram);
   });
-}
-
-void BackEnd::start() {
-  kernel_.spawn("tBackEnd", kPriority, [this] { serve(); });
-}
-
-void BackEnd::registerVariables(u32 base, u32 limit, const chassis::bc_var* table) {
-  registrations_.push_back({base, limit, table});
 }
 
 void BackEnd::serve() {
@@ -55,11 +41,10 @@ void BackEnd::answer(const Datagram& datagram) {
   const std::optional<protocol::Request> request = protocol::decodeRequest(datagram.bytes);
   if (!request) return;  // not a request: its sender address may be forged
 
-  auto known = std::find_if(clients_.begin(), clients_.end(),
-                            [&](const KnownClient& c) { return c.address == datagram.from; });
+  const auto known = std::ranges::find(clients_, datagram.from, &KnownClient::address);
   if (known == clients_.end()) {
     if (clients_.size() == kKnownClients) clients_.pop_back();
-    clients_.push_front({datagram.from, 0, {}});
+    clients_.push_front({datagram.from});
   } else {
     clients_.splice(clients_.begin(), clients_, known);
   }
@@ -71,22 +56,24 @@ void BackEnd::answer(const Datagram& datagram) {
   socket_.send(sender.address, sender.lastReply);
 }
 
-protocol::Reply BackEnd::carryOut(const protocol::Request& request) {
-  protocol::Reply reply = protocol::replyTo(request);
+protocol::Reply BackEnd::carryOut(protocol::Request request) {
+  protocol::Reply reply{static_cast<u8>(request.operation), request.sequence, request.variable, request.slot,
+                        request.port};
   const auto found = operations_.find(request.operation);
   if (found == operations_.end()) {
     reply.result = protocol::kUnknownOperation;
   } else if (request.length != request.data.size()) {
     reply.result = protocol::kBadLength;
   } else {
-    const auto& [target, handler] = found->second;
-    protocol::Request addressed = request;
+    const auto& [target, size, handler] = found->second;
     if (target != Target::kChassis) {  // a card uses the low bytes only
-      addressed.slot &= 0xFF;
-      addressed.port &= 0xFF;
+      request.slot &= 0xFF;
+      request.port &= 0xFF;
     }
-    reply.result = refuseTarget(addressed, target);
-    if (reply.result == protocol::kDone) reply.result = handler(addressed, reply.data);
+    reply.result = refuseTarget(request, target);
+    if (reply.result == protocol::kDone && size.value_or(request.length) != request.length)
+      reply.result = protocol::kBadLength;
+    if (reply.result == protocol::kDone) reply.result = handler(request, reply.data);
     if (reply.result != protocol::kDone) reply.data.clear();
   }
   return reply;
@@ -105,12 +92,12 @@ u32 BackEnd::refuseTarget(const protocol::Request& request, Target target) const
 // ---- The variables of a card's channels ----
 
 // The row of the table that is registered for the request's channel. Where no range or row fits, any table's
-// routine serves: the card itself then says what is wrong.
+// routine serves: the card itself then reports what is wrong.
 const chassis::bc_var* BackEnd::findVariable(const protocol::Request& request) const {
   if (registrations_.empty()) return nullptr;
   const u32 address = static_cast<u32>(request.slot & 0xFF) << 24 | (request.port & 0xFF) << 16;
   const auto fits = [&](const Registration& r) { return r.base <= address && address < r.limit; };
-  const auto found = std::find_if(registrations_.begin(), registrations_.end(), fits);
+  const auto found = std::ranges::find_if(registrations_, fits);
   const chassis::bc_var* table = found == registrations_.end() ? registrations_.front().table : found->table;
   for (const chassis::bc_var* row = table; row->vid != 0; ++row) {
     if (row->vid == request.variable) return row;
@@ -120,10 +107,8 @@ const chassis::bc_var* BackEnd::findVariable(const protocol::Request& request) c
 
 u32 BackEnd::callCard(const protocol::Request& request, base::Bytes& reply) {
   const int slot = request.slot & 0xFF;
-  if (slot < MAX_BOARD_NUM && chassis_.slot(slot).descriptor != nullptr &&
-      !chassis_.slot(slot).initReturned) {
-    return protocol::kNotStarted;
-  }
+  const Chassis::Slot* place = slot < MAX_BOARD_NUM ? &chassis_.slot(slot) : nullptr;
+  if (place != nullptr && place->descriptor != nullptr && !place->initReturned) return protocol::kNotStarted;
   const chassis::bc_var* variable = findVariable(request);
   if (variable == nullptr) return protocol::kNoBackEnd;
 
@@ -136,8 +121,7 @@ u32 BackEnd::callCard(const protocol::Request& request, base::Bytes& reply) {
                      .reLength = kDataAfterHeader,
                      .reserved = 0};
   buffers_.request.fill(0);
-  std::copy(request.data.begin(), request.data.end(), buffers_.request.begin());
-
+  std::ranges::copy(request.data, buffers_.request.begin());
   if (request.operation == protocol::Operation::kWrite) {
     return static_cast<u32>(variable->vwr(&buffers_.header, buffers_.request.data()));
   }
@@ -155,49 +139,42 @@ u32 BackEnd::write(const protocol::Request& request, base::Bytes& reply) {
 }
 
 void BackEnd::noteLock(const protocol::Request& request) {
-  const bool ofPsi = request.variable == qam_back::kPsiLock;
-  if (!ofPsi && request.variable != qam_back::kPidMapLock) return;
+  if (request.variable != qam_back::kPsiLock && request.variable != qam_back::kPidMapLock) return;
   protocol::Request read = request;
   read.operation = protocol::Operation::kRead;
   read.length = 0;
   read.data.clear();
   base::Bytes state;
   if (callCard(read, state) != protocol::kDone) return;
-  const bool locked = std::any_of(state.begin(), state.end(), [](u8 byte) { return byte != 0; });
   const int slot = request.slot & 0xFF;
   const int port = static_cast<int>(request.port & 0xFF);
-  const std::tuple key{ofPsi ? Lock::kPsi : Lock::kPidMap, slot, port};
-  if (locked) {
+  const std::tuple key{request.variable, slot, port};
+  if (std::ranges::any_of(state, [](u8 byte) { return byte != 0; })) {
     lockedSince_.try_emplace(key, kernel_.now());
   } else {
     lockedSince_.erase(key);
   }
-  if (ofPsi) monitor_.restart(slot, port);
+  if (request.variable == qam_back::kPsiLock) monitor_.restart(slot, port);
 }
 
-std::optional<Nanos> BackEnd::lockedSince(Lock lock, int slot, int port) const {
+std::optional<Nanos> BackEnd::lockedSince(u16 lock, int slot, int port) const {
   const auto found = lockedSince_.find({lock, slot, port});
-  if (found == lockedSince_.end()) return {};
-  return found->second;
+  return found == lockedSince_.end() ? std::nullopt : std::optional(found->second);
 }
 
 // ---- The variables of a card ----
 
 u32 BackEnd::getVariable(const protocol::Request& request, base::Bytes& reply) {
-  if (!request.data.empty()) return protocol::kBadLength;
   const protocol::CardVariable* variable = protocol::findCardVariable(request.variable);
   if (variable == nullptr) return protocol::kUnknownCardVariable;
-  if (variable->kind == protocol::VariableKind::kText) {
-    reply = protocol::encodeValue(chassis_.readText(request.slot, variable->id));
-  } else {
-    const chassis::card& card = *chassis_.slot(request.slot).descriptor;
-    reply = protocol::encodeValue(card.getVar(card.slotNo, 0, variable->id, nullptr));
-  }
+  const chassis::card& card = *chassis_.slot(request.slot).descriptor;
+  reply = variable->kind == protocol::VariableKind::kText
+              ? protocol::encodeValue(chassis_.readText(request.slot, variable->id))
+              : protocol::encodeValue(card.getVar(card.slotNo, 0, variable->id, nullptr));
   return protocol::kDone;
 }
 
 u32 BackEnd::setVariable(const protocol::Request& request, base::Bytes& /*reply*/) {
-  if (request.data.size() != sizeof(u32)) return protocol::kBadLength;
   const protocol::CardVariable* variable = protocol::findCardVariable(request.variable);
   if (variable == nullptr) return protocol::kUnknownCardVariable;
   if (!variable->writable) return protocol::kNotWritable;
@@ -210,17 +187,15 @@ u32 BackEnd::setVariable(const protocol::Request& request, base::Bytes& /*reply*
 // ---- Requests that wait ----
 
 void BackEnd::noteArrival(const Datagram& datagram) {
-  Outstanding request{.number = arrivals_++, .cpuTimes = {}, .interruptTime = kernel_.interruptTime()};
+  const std::uint64_t number = arrivals_++;
+  Outstanding& request = outstanding_.emplace_back(Outstanding{number, {}, kernel_.interruptTime()});
   for (const auto& task : kernel_.tasks()) request.cpuTimes.push_back(kernel_.cpuTime(*task));
-  const std::uint64_t number = request.number;
-  outstanding_.push_back(std::move(request));
   kernel_.at(datagram.arrived + kSecond,
              [this, number, arrived = datagram.arrived] { reportLate(number, arrived); });
 }
 
 void BackEnd::reportLate(std::uint64_t number, Nanos arrived) {
-  const auto request = std::find_if(outstanding_.begin(), outstanding_.end(),
-                                    [&](const Outstanding& o) { return o.number == number; });
+  const auto request = std::ranges::find(outstanding_, number, &Outstanding::number);
   if (request == outstanding_.end()) return;
 
   LateRequest late{.arrived = arrived, .load = {}};
@@ -231,13 +206,11 @@ void BackEnd::reportLate(std::uint64_t number, Nanos arrived) {
     if (took > 0) late.load.emplace_back(tasks[i]->name, took);
   }
   late.load.emplace_back("interrupts", kernel_.interruptTime() - request->interruptTime);
-  std::stable_sort(late.load.begin(), late.load.end(),
-                   [](const auto& a, const auto& b) { return a.second > b.second; });
+  std::ranges::stable_sort(late.load, std::greater(), &std::pair<std::string, Nanos>::second);
 
   std::string load;
-  for (const auto& [name, took] : late.load) {
+  for (const auto& [name, took] : late.load)
     load += fmt::format("{}{} {} %", load.empty() ? "" : ", ", name, took * 100 / kSecond);
-  }
   log_.line(kernel_.now(), "headend",
             fmt::format("a back-end request has waited for a second; meanwhile ran: {}", load));
   late_.push_back(std::move(late));

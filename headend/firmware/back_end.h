@@ -18,7 +18,7 @@
 #include "headend/firmware/chassis.h"
 #include "headend/kernel/network.h"
 #include "platform/backend.h"
-#include "protocol/card_state.h"
+#include "protocol/alarms.h"
 #include "protocol/datagram.h"
 
 namespace headend {
@@ -28,6 +28,7 @@ class BackEnd {
   // Lower priority than the send tasks (212): their queues are empty when a request is served. So no queue
   // holds the index of a packet that the request is about to erase from the store.
   static constexpr int kPriority = 220;
+  static constexpr std::size_t kKnownClients = 64;  // whose last replies are stored
 
   // A request that waited for more than a second, and the tasks that used the processor meanwhile.
   struct LateRequest {
@@ -35,11 +36,11 @@ class BackEnd {
     std::vector<std::pair<std::string, Nanos>> load;  // task and its time in that second, longest first
   };
 
-  // What a request addresses: the chassis, a modulator card or one of its channels, or a card that runs. A
-  // card that does not run has no registers to set, and would wait forever.
-  enum class Target { kChassis, kCard, kChannel, kRunningCard };
-  // Carries out an operation: gives a result, and the data of the reply. The request's data has the given
-  // length; its slot and port are valid for the target.
+  // What a request addresses: the chassis, a channel of a modulator card, or a card that runs. A card that
+  // does not run has no registers to set, and would wait forever.
+  enum class Target { kChassis, kChannel, kRunningCard };
+  // Carries out an operation: gives a result, and the data of the reply. The request's data has its length
+  // and the operation's; its slot and port are valid for the target.
   using Handler = std::function<u32(const protocol::Request& request, base::Bytes& reply)>;
 
   // `state` gives the state of the slot's card.
@@ -47,16 +48,21 @@ class BackEnd {
           std::function<protocol::CardState(int slot)> state);
 
   UdpSocket& socket() { return socket_; }
-  void start();  // spawns the task
-  void provide(protocol::Operation operation, Target target, Handler handler) {
-    operations_[operation] = {target, std::move(handler)};
+  void start() {
+    kernel_.spawn("tBackEnd", kPriority, [this] { serve(); });
+  }
+  // `size` is the length of a request's data; nullopt: any.
+  void provide(protocol::Operation operation, Target target, std::optional<std::size_t> size,
+               Handler handler) {
+    operations_[operation] = {target, size, std::move(handler)};
   }
 
-  void registerVariables(u32 base, u32 limit, const chassis::bc_var* table);
+  void registerVariables(u32 base, u32 limit, const chassis::bc_var* table) {
+    registrations_.push_back({base, limit, table});
+  }
 
-  // The time since which a channel's PSI store or PID map is locked.
-  enum class Lock { kPsi, kPidMap };
-  std::optional<Nanos> lockedSince(Lock lock, int slot, int port) const;
+  // The time since which a channel's PSI store (qam_back::kPsiLock) or PID map (kPidMapLock) is locked.
+  std::optional<Nanos> lockedSince(u16 lock, int slot, int port) const;
   const std::vector<LateRequest>& lateRequests() const { return late_; }
 
  private:
@@ -67,12 +73,13 @@ class BackEnd {
   };
   struct Provided {
     Target target;
+    std::optional<std::size_t> size;
     Handler handler;
   };
   struct KnownClient {
     Endpoint address;
-    u32 lastSequence;
-    base::Bytes lastReply;
+    u32 lastSequence = 0;
+    base::Bytes lastReply{};
   };
   struct Outstanding {
     std::uint64_t number;
@@ -82,7 +89,7 @@ class BackEnd {
 
   void serve();
   void answer(const Datagram& datagram);
-  protocol::Reply carryOut(const protocol::Request& request);
+  protocol::Reply carryOut(protocol::Request request);
   u32 callCard(const protocol::Request& request, base::Bytes& reply);
   u32 write(const protocol::Request& request, base::Bytes& reply);
   u32 refuseTarget(const protocol::Request& request, Target target) const;
@@ -101,8 +108,8 @@ class BackEnd {
   std::function<protocol::CardState(int slot)> state_;
   std::map<protocol::Operation, Provided> operations_;
   std::vector<Registration> registrations_;
-  std::list<KnownClient> clients_;                           // most recent first
-  std::map<std::tuple<Lock, int, int>, Nanos> lockedSince_;  // by slot and port
+  std::list<KnownClient> clients_;                          // most recent first
+  std::map<std::tuple<u16, int, int>, Nanos> lockedSince_;  // by lock, slot and port
   std::deque<Outstanding> outstanding_;
   std::uint64_t arrivals_ = 0;
   std::vector<LateRequest> late_;

@@ -9,19 +9,16 @@ namespace {
 bool startsGroup(const QamCardPara& record, std::size_t port, u32 index) {
   const outPsiPkt_t& packet = record.psiPkt[port][index];
   if (packet.psiType != PMT) return mpeg::startsUnit(packet.psiData);
-  const outPsiPkt_t* store = record.psiPkt[port];
-  return std::none_of(store, store + index,
-                      [&](const outPsiPkt_t& p) { return p.psiType == packet.psiType; });
+  const auto before = std::span(record.psiPkt[port]).first(index);
+  return std::ranges::count(before, packet.psiType, &outPsiPkt_t::psiType) == 0;
 }
 
 }  // namespace
 
 void CarouselMonitor::queueCreated(const os::MsgQ* queue, int slot) {
-  for (Channel& channel : channels_[static_cast<std::size_t>(slot)]) {
-    if (channel.queue != nullptr) continue;
-    channel.queue = queue;
-    return;
-  }
+  auto& channels = channels_[static_cast<std::size_t>(slot)];
+  const auto next = std::ranges::find(channels, nullptr, &Channel::queue);
+  if (next != channels.end()) next->queue = queue;
 }
 
 void CarouselMonitor::posted(const os::MsgQ* queue, std::span<const char> message, std::uint64_t tick) {
@@ -56,10 +53,6 @@ void CarouselMonitor::restart(int slot, int port) {
   for (Table& table : channels_[static_cast<std::size_t>(slot)][static_cast<std::size_t>(port)].tables) {
     table.lastStart.reset();
   }
-}
-
-const CarouselMonitor::Tables& CarouselMonitor::tables(int slot, int port) const {
-  return channels_[static_cast<std::size_t>(slot)][static_cast<std::size_t>(port)].tables;
 }
 
 }  // namespace headend

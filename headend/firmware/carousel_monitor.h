@@ -33,7 +33,9 @@ class CarouselMonitor {
   // The channel's tables are being replaced: the next packet does not continue a group.
   void restart(int slot, int port);
 
-  const Tables& tables(int slot, int port) const;
+  const Tables& tables(int slot, int port) const {
+    return channels_[static_cast<std::size_t>(slot)][static_cast<std::size_t>(port)].tables;
+  }
 
  private:
   struct Channel {

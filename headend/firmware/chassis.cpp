@@ -3,54 +3,95 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "card/QamInit.h"
-#include "card/qamVar.h"
-#include "headend/firmware/reading_turn.h"
+#include "headend/hardware/card_registers.h"
 #include "hw/ad9775_ctrl.h"
 #include "platform/address_word.h"
-#include "platform/kernel.h"
 
 namespace headend {
 
-Chassis::Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log)
-    : kernel_(kernel), bus_(bus), flash_(flash), log_(log) {}
+namespace {
+
+// The register that a phase of the start-up accesses first.
+struct DevicePhase {
+  u32 first;
+  const char* name;
+};
+constexpr DevicePhase kDevicePhases[] = {
+    {offsetOf("nrst"), "modulator reset"},
+    {offsetOf("cdce925_sda"), "clock generator"},
+    {offsetOf("ad9775_1_rst"), "DAC calibration"},
+    {offsetOf("ad7414_sda"), "temperature sensor 1"},
+    {offsetOf("ext_ad7414_sda"), "temperature sensor 2"},
+    {offsetOf("qam_mode"), "settings"},
+};
+
+}  // namespace
 
 void Chassis::plugIn(chassis::card& card) {
   cardInsert(&card);
   slots_[card.slotNo].initReturned = true;
 }
 
-void Chassis::start(const std::vector<int>& slots) {
-  for (const int number : slots) slots_[static_cast<std::size_t>(number)].occupied = true;
+// ---- Start-up ----
+
+void Chassis::start(const std::vector<int>& slots, bool servesCalibration) {
+  for (const int number : slots) at(number).occupied = true;
   semQamVar = kernel_.createMutex("semQamVar");
-  kernel_.spawn("tRoot", kRootPriority, [this, slots] {
+  kernel_.spawn("tRoot", kRootPriority, [this, slots, servesCalibration] {
     for (const int number : slots) {
-      Slot& slot = slots_[static_cast<std::size_t>(number)];
-      slot.timeline.begin("registration", kernel_.now(), bus_.accesses(number));
+      beginPhase(number, "registration");
       Qam_Init(static_cast<u8>(number));
-      slot.timeline.end(kernel_.now(), bus_.accesses(number));
-      slot.registrationFailed = slot.descriptor == nullptr;
+      endPhase(number);
+      at(number).registrationFailed = slot(number).descriptor == nullptr;
     }
-    if (servesCalibration_) Ad9775Ctrl_Init(0);
+    if (servesCalibration) Ad9775Ctrl_Init(0);
     for (const int number : slots) {
+      const std::string name = fmt::format("tSlot{}", number + 1);
       kernel_.spawn(
-          fmt::format("tSlot{}", number + 1), kSlotStartPriority, [this, number] { startSlot(number); },
-          number);
+          name, kSlotStartPriority, [this, number] { startSlot(number); }, number);
     }
   });
 }
 
 void Chassis::startSlot(int number) {
-  Slot& slot = slots_[static_cast<std::size_t>(number)];
+  Slot& slot = at(number);
   if (slot.descriptor == nullptr) return;
   const Nanos began = kernel_.now();
-  slot.timeline.begin("bitstream file", began, bus_.accesses(number));
+  beginPhase(number, "bitstream file");
   slot.descriptor->init(static_cast<u8>(number));
-  slot.timeline.end(kernel_.now(), bus_.accesses(number));
+  endPhase(number);
   slot.initTook = kernel_.now() - began;
   slot.initReturned = true;
-  if (onInitReturned_) onInitReturned_(number);
+  onInitReturned(number);
+}
+
+std::vector<Chassis::Phase> Chassis::startup(int number) const {
+  std::vector<Phase> phases = slot(number).startup;
+  if (phases.empty() || !phases.back().runs) return phases;
+  phases.back().until = kernel_.now();
+  phases.back().busAccesses = bus_.accesses(number) - phases.back().busAccesses;
+  phases.back().runs = false;
+  return phases;
+}
+
+void Chassis::beginPhase(int number, std::string name) {
+  endPhase(number);
+  at(number).startup.push_back({std::move(name), kernel_.now(), kernel_.now(), bus_.accesses(number)});
+}
+
+void Chassis::accessed(int number, u32 offset) {
+  std::vector<Phase>& phases = at(number).startup;
+  const auto* found = std::ranges::find(kDevicePhases, offset, &DevicePhase::first);
+  if (found == std::end(kDevicePhases) || phases.empty() || !phases.back().runs) return;
+  if (std::ranges::count(phases, found->name, &Phase::name) > 0) return;
+  beginPhase(number, found->name);
+  // This access belongs to the new phase.
+  --phases[phases.size() - 2].busAccesses;
+  --phases.back().busAccesses;
 }
 
 void Chassis::startStatusChecks(const std::vector<int>& slots, Nanos period,
@@ -72,9 +113,9 @@ void Chassis::startStatusChecks(const std::vector<int>& slots, Nanos period,
 
 void Chassis::auxiliaryClock() {
   for (int number = 0; number < MAX_BOARD_NUM; ++number) {
-    const Slot& slot = slots_[static_cast<std::size_t>(number)];
-    if (!slot.initReturned || slot.descriptor->auxClkIntRoutine == nullptr) continue;
-    kernel_.interrupt("auxClkIntRoutine", number, slot.descriptor->auxClkIntRoutine, static_cast<u8>(number));
+    if (!slot(number).initReturned) continue;
+    const auto routine = slot(number).descriptor->auxClkIntRoutine;
+    if (routine != nullptr) kernel_.interrupt("auxClkIntRoutine", number, routine, static_cast<u8>(number));
   }
 }
 
@@ -86,10 +127,7 @@ void Chassis::cardInsert(chassis::card* card) {
 
   Slot& slot = slots_[card->slotNo];
   slot.descriptor = card;
-  if (slot.savePending) {
-    slot.savePending = false;
-    save(card->slotNo);
-  }
+  if (std::exchange(slot.savePending, false)) save(card->slotNo);
 }
 
 int Chassis::save(u8 number) {
@@ -114,13 +152,12 @@ int Chassis::save(u8 number) {
 void Chassis::noteLine(int line, std::string text) {
   const Task* task = kernel_.current();
   if (task == nullptr || task->slot < 0 || line < 0 || line >= kPanelLines) return;
-  slots_[static_cast<std::size_t>(task->slot)].lcd[static_cast<std::size_t>(line)] = std::move(text);
+  at(task->slot).lcd[static_cast<std::size_t>(line)] = std::move(text);
 }
 
 std::string Chassis::readText(int number, u32 id) {
   const ReadingTurn turn;
-  const u32 word =
-      slots_[static_cast<std::size_t>(number)].descriptor->getVar(static_cast<u8>(number), 0, id, nullptr);
+  const u32 word = at(number).descriptor->getVar(static_cast<u8>(number), 0, id, nullptr);
   const char* text = os::wordAddress<const char>(word);
   return text == nullptr ? "" : text;
 }

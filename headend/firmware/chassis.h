@@ -8,13 +8,24 @@
 #include <string>
 #include <vector>
 
+#include "card/qamVar.h"
 #include "headend/firmware/log.h"
-#include "headend/firmware/startup_timeline.h"
 #include "headend/hardware/bus.h"
 #include "headend/kernel/flash.h"
 #include "platform/chassis.h"
+#include "platform/kernel.h"
 
 namespace headend {
+
+// Cards share the buffers for read values: no other task may read between a card's answer and the copy. A
+// task may lock again while it has the lock, as the cards themselves do.
+class ReadingTurn {
+ public:
+  ReadingTurn() { os::semTake(semQamVar, os::WAIT_FOREVER); }
+  ReadingTurn(const ReadingTurn&) = delete;
+  ReadingTurn& operator=(const ReadingTurn&) = delete;
+  ~ReadingTurn() { os::semGive(semQamVar); }
+};
 
 class Chassis {
  public:
@@ -25,6 +36,14 @@ class Chassis {
   static constexpr int kStatusPriority = 231;
   static constexpr int kSlotStartPriority = 250;
 
+  // A phase of a card's start-up on the modelled controller.
+  struct Phase {
+    std::string name;
+    Nanos from = 0;
+    Nanos until = 0;
+    std::uint64_t busAccesses = 0;  // until the phase has ended, those before it
+    bool runs = true;
+  };
   struct Slot {
     bool occupied = false;
     chassis::card* descriptor = nullptr;
@@ -32,18 +51,20 @@ class Chassis {
     bool initReturned = false;
     std::optional<Nanos> initTook;
     std::array<std::string, kPanelLines> lcd;  // what the slot's own tasks printed
-    StartupTimeline timeline;
+    std::vector<Phase> startup;
     bool savePending = false;  // requested before the card was inserted
     std::uint64_t saves = 0;
   };
 
-  Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log);
+  Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log)
+      : kernel_(kernel), bus_(bus), flash_(flash), log_(log) {}
 
   // Adds a card of another kind, which needs no start. Call before `start`.
   void plugIn(chassis::card& card);
 
-  // Starts the cards of these slots (0..5): registration first, then each slot's `init`.
-  void start(const std::vector<int>& slots);
+  // Starts the cards of these slots (0..5): registration first, then the calibration service if it is wanted,
+  // and each slot's `init`.
+  void start(const std::vector<int>& slots, bool servesCalibration);
 
   // Calls the status check of each of these cards once per period while the card runs; 0: never. One task per
   // slot, so a card with a blocked bus does not delay other cards' alarms. A check holds the processor for
@@ -51,13 +72,16 @@ class Chassis {
   void startStatusChecks(const std::vector<int>& slots, Nanos period,
                          const std::function<bool(int slot)>& runs);
 
-  // Starts the calibration service after the cards are registered.
-  void serveCalibration() { servesCalibration_ = true; }
-
   const Slot& slot(int number) const { return slots_[static_cast<std::size_t>(number)]; }
-  StartupTimeline& timeline(int number) { return slots_[static_cast<std::size_t>(number)].timeline; }
   bool saveFailed() const { return saveFailed_; }
-  void onInitReturned(std::function<void(int slot)> hook) { onInitReturned_ = std::move(hook); }
+  std::function<void(int slot)> onInitReturned = [](int /*slot*/) {};
+
+  // A phase of a slot's start-up begins, and ends the previous one.
+  void beginPhase(int number, std::string name);
+  // The first access to a device begins the phase that starts the device.
+  void accessed(int number, u32 offset);
+  // So far; a phase that still runs is counted until now.
+  std::vector<Phase> startup(int number) const;
 
   // Calls the cards' routines for the auxiliary clock, in interrupt context, for slots whose start-up has
   // returned.
@@ -74,16 +98,16 @@ class Chassis {
   std::string readText(int number, u32 id);
 
  private:
+  Slot& at(int number) { return slots_[static_cast<std::size_t>(number)]; }
   void startSlot(int number);
+  void endPhase(int number) { at(number).startup = startup(number); }
 
   Kernel& kernel_;
   Bus& bus_;
   Flash& flash_;
   Log& log_;
   std::array<Slot, MAX_BOARD_NUM> slots_;
-  std::function<void(int)> onInitReturned_;
   bool saveFailed_ = false;
-  bool servesCalibration_ = false;
 };
 
 }  // namespace headend

@@ -34,19 +34,19 @@ constexpr Routine kRoutines[] = {
 
 }  // namespace
 
-void DebugShell::provide(BackEnd& backEnd) {
+DebugShell::DebugShell(Kernel& kernel, BackEnd& backEnd) : kernel_(kernel) {
   using enum protocol::Operation;
-  backEnd.provide(kCall, BackEnd::Target::kRunningCard, std::bind_front(&DebugShell::call, this));
-  backEnd.provide(kCallResult, BackEnd::Target::kChassis, std::bind_front(&DebugShell::result, this));
+  backEnd.provide(kCall, BackEnd::Target::kRunningCard, {}, std::bind_front(&DebugShell::call, this));
+  backEnd.provide(kCallResult, BackEnd::Target::kChassis, sizeof(u32),
+                  std::bind_front(&DebugShell::result, this));
 }
 
 u32 DebugShell::call(const protocol::Request& request, base::Bytes& reply) {
-  const auto end = std::find(request.data.begin(), request.data.end(), u8{0});
+  const auto end = std::ranges::find(request.data, 0);
   if (end == request.data.end()) return protocol::kBadLength;
   const std::string name(request.data.begin(), end);
   const std::size_t size = static_cast<std::size_t>(request.data.end() - end) - 1;
-  const Routine* routine = std::find_if(std::begin(kRoutines), std::end(kRoutines),
-                                        [&](const Routine& r) { return name == r.name; });
+  const Routine* routine = std::ranges::find(kRoutines, name, &Routine::name);
   constexpr std::size_t kArgument = 4;
   if (routine == std::end(kRoutines) || size != routine->count * kArgument) return protocol::kUnknownRoutine;
   std::array<u32, 4> arguments{};
@@ -55,7 +55,7 @@ u32 DebugShell::call(const protocol::Request& request, base::Bytes& reply) {
   }
 
   if (calls_.size() >= kRemembered && calls_.front().finished) calls_.pop_front();
-  Call& call = calls_.emplace_back(Call{.number = ++made_, .task = -1, .finished = false, .printed = {}});
+  Call& call = calls_.emplace_back(Call{.number = ++made_});
   const auto slot = static_cast<u8>(request.slot);
   call.task = kernel_.spawn(
       fmt::format("tShell{}", call.number), kPriority,
@@ -64,16 +64,12 @@ u32 DebugShell::call(const protocol::Request& request, base::Bytes& reply) {
         call.finished = true;
       },
       slot);
-  reply.resize(sizeof(u32));
-  wire::put32(reply.data(), call.number);
+  base::append32(reply, call.number);
   return protocol::kDone;
 }
 
 u32 DebugShell::result(const protocol::Request& request, base::Bytes& reply) const {
-  if (request.data.size() != sizeof(u32)) return protocol::kBadLength;
-  const u32 number = wire::get32(request.data.data());
-  const auto call =
-      std::find_if(calls_.begin(), calls_.end(), [&](const Call& c) { return c.number == number; });
+  const auto call = std::ranges::find(calls_, wire::get32(request.data.data()), &Call::number);
   if (call == calls_.end()) return protocol::kUnknownCall;
   reply = {static_cast<u8>(call->finished ? 1 : 0), 0, 0, 0};
   reply.insert(reply.end(), call->printed.begin(), call->printed.end());
@@ -82,8 +78,8 @@ u32 DebugShell::result(const protocol::Request& request, base::Bytes& reply) con
 
 void DebugShell::printed(const Task* task, const std::string& text) {
   if (task == nullptr) return;
-  const auto call = std::find_if(calls_.begin(), calls_.end(),
-                                 [&](const Call& c) { return c.task == task->id && !c.finished; });
+  const auto isOf = [task](const Call& call) { return call.task == task->id && !call.finished; };
+  const auto call = std::ranges::find_if(calls_, isOf);
   if (call != calls_.end() && call->printed.size() + text.size() <= kPrintedMost) call->printed += text;
 }
 

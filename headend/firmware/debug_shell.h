@@ -15,9 +15,7 @@ class DebugShell {
   static constexpr int kPriority = 240;           // below all tasks that keep a channel on the air
   static constexpr std::size_t kRemembered = 32;  // calls; older finished calls are deleted
 
-  explicit DebugShell(Kernel& kernel) : kernel_(kernel) {}
-
-  void provide(BackEnd& backEnd);
+  DebugShell(Kernel& kernel, BackEnd& backEnd);  // provides the operations kCall and kCallResult
 
   // A debug line of the running task; it is kept if the task is a call.
   void printed(const Task* task, const std::string& text);
@@ -27,7 +25,7 @@ class DebugShell {
     u32 number = 0;
     int task = -1;
     bool finished = false;
-    std::string printed;
+    std::string printed{};
   };
 
   // Starts a call (name, 0, arguments of four bytes); queries its result.

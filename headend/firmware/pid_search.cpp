@@ -39,22 +39,18 @@ Content contentOf(mpeg::PacketView packet, u8 tableId) {
 
 }  // namespace
 
-PidSearch::PidSearch(Kernel& kernel, std::function<Multiplexer&(int slot, int port)> output)
+PidSearch::PidSearch(Kernel& kernel, BackEnd& backEnd, std::function<Multiplexer&(int slot, int port)> output)
     : kernel_(kernel), output_(std::move(output)) {
-  for (os::MSG_Q_ID& queue : qamTsReadQID) {
+  for (os::MSG_Q_ID& queue : qamTsReadQID)
     queue = kernel.createQueue(static_cast<int>(kCaptured), sizeof(u32));
-  }
-}
-
-void PidSearch::provide(BackEnd& backEnd) {
   using enum protocol::Operation;
-  backEnd.provide(kSearch, BackEnd::Target::kChannel, std::bind_front(&PidSearch::search, this));
-  backEnd.provide(kSearched, BackEnd::Target::kChannel, std::bind_front(&PidSearch::searched, this));
+  backEnd.provide(kSearch, BackEnd::Target::kChannel, sizeof(ts_data_set),
+                  std::bind_front(&PidSearch::search, this));
+  backEnd.provide(kSearched, BackEnd::Target::kChannel, 0, std::bind_front(&PidSearch::searched, this));
 }
 
 u32 PidSearch::search(const protocol::Request& request, base::Bytes& /*reply*/) {
-  if (request.data.size() != sizeof(ts_data_set)) return protocol::kBadLength;
-  const auto& wanted = *reinterpret_cast<const ts_data_set*>(request.data.data());
+  const auto wanted = base::recordOf<ts_data_set>(request.data);
   const auto slot = static_cast<u8>(request.slot);
   const auto port = static_cast<u8>(request.port);
   Multiplexer* output = &output_(slot, port);
@@ -77,7 +73,6 @@ u32 PidSearch::search(const protocol::Request& request, base::Bytes& /*reply*/) 
 }
 
 u32 PidSearch::searched(const protocol::Request& request, base::Bytes& reply) {
-  if (!request.data.empty()) return protocol::kBadLength;
   const auto slot = static_cast<u8>(request.slot);
   ts_data_rt found{};
   found.pid = qamSearchPSI[slot].pid;
@@ -89,8 +84,7 @@ u32 PidSearch::searched(const protocol::Request& request, base::Bytes& reply) {
     ++found.nmuber;
     ++captures_[slot].taken;
   }
-  const auto* bytes = reinterpret_cast<const u8*>(&found);
-  reply.assign(bytes, bytes + offsetof(ts_data_rt, pkt) + found.nmuber * kTsPacketSize);
+  reply = base::bytesOf(found, offsetof(ts_data_rt, pkt) + found.nmuber * kTsPacketSize);
   return protocol::kDone;
 }
 

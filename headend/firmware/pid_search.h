@@ -15,10 +15,8 @@ class PidSearch {
  public:
   static constexpr std::size_t kCaptured = 64;  // waiting packets per card; more are lost
 
-  // `output` gives the multiplexer of a card's channel.
-  PidSearch(Kernel& kernel, std::function<Multiplexer&(int slot, int port)> output);
-
-  void provide(BackEnd& backEnd);
+  // Provides the operations kSearch and kSearched. `output` gives the multiplexer of a card's channel.
+  PidSearch(Kernel& kernel, BackEnd& backEnd, std::function<Multiplexer&(int slot, int port)> output);
 
  private:
   struct Capture {

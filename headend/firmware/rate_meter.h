@@ -30,25 +30,22 @@ class RateMeter {
     const double bitsASecond =
         static_cast<double>(kTsPacketSize) * 8 * 1e9 / static_cast<double>(now - measuredAt_);
     measuredAt_ = now;
+    const auto rate = [bitsASecond](std::uint64_t count, std::uint64_t before) {
+      return static_cast<double>(count - before) * bitsASecond;
+    };
     for (auto& [place, meter] : outputs_) {
       meter.source->advance(now);
       const Multiplexer::Counts& counts = meter.source->counts();
-      const auto rate = [&counts, &before = meter.before,
-                         bitsASecond](std::uint64_t Multiplexer::Counts::*count) {
-        return static_cast<double>(counts.*count - before.*count) * bitsASecond;
-      };
-      using C = Multiplexer::Counts;
-      meter.rates = {.input = rate(&C::offered),
-                     .routed = rate(&C::routed),
-                     .psi = rate(&C::psi),
-                     .null = rate(&C::null)};
+      const Multiplexer::Counts before = std::exchange(meter.before, counts);
+      meter.rates = {.input = rate(counts.offered, before.offered),
+                     .routed = rate(counts.routed, before.routed),
+                     .psi = rate(counts.psi, before.psi),
+                     .null = rate(counts.null, before.null)};
       meter.rates.total = meter.rates.routed + meter.rates.psi + meter.rates.null;
-      meter.before = counts;
     }
     for (auto& [place, meter] : inputs_) {
       const std::uint64_t packets = meter.source->input(place.first, place.second)->packets;
-      meter.rate = static_cast<double>(packets - meter.before) * bitsASecond;
-      meter.before = packets;
+      meter.rate = rate(packets, std::exchange(meter.before, packets));
     }
   }
 

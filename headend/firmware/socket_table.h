@@ -2,10 +2,10 @@
 // this machine's network, so that external tools can reach the firmware's service on it.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <memory>
-#include <span>
-#include <vector>
+#include <string>
 
 #include "headend/kernel/network.h"
 
@@ -16,23 +16,37 @@ class SocketTable {
   explicit SocketTable(Network& network) : network_(network) {}
 
   // A socket bound to `port` is reachable at that address of this machine. Throws std::runtime_error.
-  void expose(std::uint16_t port, const std::string& address, std::uint16_t hostPort);
-  std::string hostAddress(std::uint16_t port) const;  // "off" if it is not exposed
+  void expose(std::uint16_t port, const std::string& address, std::uint16_t hostPort) {
+    exposed_[port] = std::make_shared<UdpSocket>(network_, port);
+    exposed_[port]->openToHost(address, hostPort);
+  }
+  std::string hostAddress(std::uint16_t port) const { return exposed_.at(port)->hostAddress(); }
 
   // The services of platform/sockets.h; os::ERROR for a socket that does not exist.
-  int open();
-  int bind(int socket, std::uint16_t port);
-  std::optional<Datagram> receive(int socket);  // waits
-  int send(int socket, const Endpoint& to, const std::vector<u8>& bytes);
-  int close(int socket);
+  int open() {
+    sockets_[++last_] = nullptr;
+    return last_;
+  }
+  int bind(int socket, std::uint16_t port) {
+    const auto found = sockets_.find(socket);
+    const bool isTaken = std::ranges::any_of(
+        sockets_, [&](const auto& entry) { return entry.second != nullptr && entry.second->port() == port; });
+    if (found == sockets_.end() || found->second != nullptr || isTaken) return os::ERROR;
+    const auto exposed = exposed_.find(port);
+    found->second = exposed != exposed_.end() ? exposed->second : std::make_shared<UdpSocket>(network_, port);
+    return os::OK;
+  }
+  int close(int socket) { return sockets_.erase(socket) != 0 ? os::OK : os::ERROR; }
+  // Null until it is bound.
+  UdpSocket* find(int socket) const {
+    const auto found = sockets_.find(socket);
+    return found == sockets_.end() ? nullptr : found->second.get();
+  }
 
  private:
-  UdpSocket* find(int socket);
-
   Network& network_;
-  std::map<std::uint16_t, std::unique_ptr<UdpSocket>> exposed_;  // not bound yet
-  std::map<std::uint16_t, std::string> hostAddresses_;
-  std::map<int, std::unique_ptr<UdpSocket>> sockets_;  // null until bound
+  std::map<std::uint16_t, std::shared_ptr<UdpSocket>> exposed_;
+  std::map<int, std::shared_ptr<UdpSocket>> sockets_;  // null until bound
   int last_ = 2;                                       // a shell uses the first three
 };
 

@@ -2,47 +2,67 @@
 // list, from which modulator cards read its number of inputs. Its inputs are connected to the PID router.
 #pragma once
 
+#include <bitset>
 #include <map>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "headend/firmware/back_end.h"
-#include "headend/firmware/source_tables.h"
 #include "headend/hardware/pid_router.h"
+#include "mpeg/packet.h"
+#include "mpeg/section.h"
 
 namespace headend {
 
-class SourceCards {
+// The tables on one input: the latest PAT, CAT, NIT, SDT and BAT sections, and the PMTs that the PAT names.
+// The router passes every packet to it; management software reads the tables.
+class SourceTables {
  public:
-  SourceCards(const Kernel& kernel, PidRouter& router) : kernel_(kernel), router_(router) {}
+  SourceTables();
 
-  // A card in the slot, with one to sixteen inputs.
-  void plugIn(int slot, std::vector<std::unique_ptr<TsInput>> inputs);
-
-  // Slots with a source card, and the descriptors for the chassis.
-  std::vector<int> slots() const;
-  chassis::card& descriptor(int slot) { return cards_.at(slot).descriptor; }
-
-  std::size_t inputs(int slot) const { return cards_.at(slot).inputs.size(); }
-  const std::string& nameOf(int slot, std::size_t input) const {
-    return cards_.at(slot).inputs[input]->name();
+  void packet(mpeg::PacketView packet) {
+    const u16 pid = mpeg::pidOf(packet);
+    if (wanted_[pid]) gather(pid, packet);
   }
 
-  // The operations kSourceSections, of a table on an input, and kRouterMap.
-  void provide(BackEnd& backEnd);
+  // By extension and number. Valid until the next packet.
+  std::vector<const base::Bytes*> sections(u16 pid, u8 tableId) const;
 
  private:
-  u32 sections(const protocol::Request& request, base::Bytes& reply) const;
-  u32 routerMap(const protocol::Request& request, base::Bytes& reply);
+  using Key = std::tuple<u16, u8, u16, u8>;  // PID, table_id, extension, number
+
+  void gather(u16 pid, mpeg::PacketView packet);
+  void take(const mpeg::Section& section);
+  void follow(const mpeg::Section& pat);
+
+  std::bitset<kPids> wanted_;
+  std::map<u16, mpeg::SectionGatherer> gatherers_;
+  std::map<Key, base::Bytes> sections_;
+};
+
+class SourceCards {
+ public:
   struct Card {
     chassis::card descriptor{};
     std::vector<std::unique_ptr<TsInput>> inputs;
     std::vector<SourceTables> tables;  // one per input
   };
 
+  // Provides the operations kSourceSections, of a table on an input, and kRouterMap.
+  SourceCards(const Kernel& kernel, PidRouter& router, BackEnd& backEnd);
+
+  // A card in the slot, with one to sixteen inputs.
+  void plugIn(int slot, std::vector<std::unique_ptr<TsInput>> inputs);
+  std::map<int, Card>& cards() { return cards_; }  // by slot
+
+ private:
+  u32 sections(const protocol::Request& request, base::Bytes& reply) const;
+  u32 routerMap(const protocol::Request& request, base::Bytes& reply);
+
   const Kernel& kernel_;
   PidRouter& router_;
-  std::map<int, Card> cards_;  // by slot
+  std::map<int, Card> cards_;
 };
 
 }  // namespace headend

@@ -185,7 +185,7 @@ def everyone_may_do_what_the_secrets_allow(case):
 def calls_that_open_too_much_or_nothing_are_refused(case):
     flash, anywhere, base = case.flash(), '--snmp 127.0.0.1:0', '1.3.6.1.4.1.32473.1.2.3'
     for code, flags, said, *lines in (
-            (1, anywhere, 'nobody may read'), (2, f'{anywhere} --snmp-base {base}.4', '--snmp-base'),
+            (1, anywhere, 'no manager may read'), (2, f'{anywhere} --snmp-base {base}.4', '--snmp-base'),
             (2, f'{anywhere} --snmp-base 1.3.6.1.6.3.15.1.1.1', '--snmp-base'), (2, '', 'needs --snmp', *LINES),
             (1, f'{anywhere} --snmp-write-community', 'no write-community', LINES[0]),
             (1, '--snmp-trap 127.0.0.1:9', 'no trap-community', LINES[0]),

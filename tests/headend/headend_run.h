@@ -11,9 +11,8 @@
 #include <memory>
 #include <string>
 
-#include "headend/flash_folder.h"
+#include "headend/jobs.h"
 #include "headend/report.h"
-#include "headend/run.h"
 #include "tests/headend/scratch.h"
 
 namespace test {

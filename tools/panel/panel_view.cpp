@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "protocol/card_state.h"
+#include "protocol/alarms.h"
 
 namespace tools {
 namespace {

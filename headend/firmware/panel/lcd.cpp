@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <span>
-
-#include "headend/firmware/panel/font.h"
+#include <string>
 
 namespace headend {
 namespace {
@@ -15,7 +14,7 @@ constexpr char16_t kReplacement = 0xFFFD;
 constexpr u16 kBox[kRowHeight] = {0xFFFF, 0x8001, 0x8001, 0x8001, 0x8001, 0x8001, 0x8001, 0x8001,
                                   0x8001, 0x8001, 0x8001, 0x8001, 0x8001, 0x8001, 0x8001, 0xFFFF};
 
-int widthOf(u16 code) {
+int widthOf(char32_t code) {
   return code < 0x80 ? kNarrow : kWide;
 }
 
@@ -77,13 +76,10 @@ void Lcd::draw(int row, int x, u16 code, bool inverse) {
   }
   const char16_t character = glyph == nullptr ? kReplacement : glyph->character;
   if (character == u' ' && !inverse) return;
-  const protocol::LcdCharacter drawn{
-      .row = static_cast<u8>(row), .x = static_cast<u8>(x), .inverse = inverse, .character = character};
-  const auto before = [](const protocol::LcdCharacter& a, const protocol::LcdCharacter& b) {
-    return std::pair(a.row, a.x) < std::pair(b.row, b.x);
-  };
+  const protocol::LcdCharacter drawn{static_cast<u8>(row), static_cast<u8>(x), inverse, character};
+  const auto place = [](const protocol::LcdCharacter& c) { return std::pair(c.row, c.x); };
   auto& all = shown_.characters;
-  all.insert(std::upper_bound(all.begin(), all.end(), drawn, before), drawn);
+  all.insert(std::ranges::upper_bound(all, place(drawn), {}, place), drawn);
 }
 
 // Removes the characters of which a part is erased; their other pixels stay, as on a real LCD.
@@ -95,8 +91,7 @@ void Lcd::erase(int row, int from, int to) {
     }
   }
   std::erase_if(shown_.characters, [&](const protocol::LcdCharacter& c) {
-    const int width = c.character < 0x80 ? kNarrow : kWide;
-    return c.row == row && c.x < to && c.x + width > from;
+    return c.row == row && c.x < to && c.x + widthOf(c.character) > from;
   });
 }
 

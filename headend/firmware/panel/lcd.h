@@ -1,13 +1,21 @@
 // The front panel's LCD: 128 x 64 pixels. Firmware and drivers write four rows of text. It stores both the
-// pixels and the position of each character.
+// pixels and the position of each character. And its font: ASCII, 8 x 16 pixels, and GB 2312, 16 x 16.
 #pragma once
 
-#include <string>
+#include <cstddef>
 #include <string_view>
 
 #include "protocol/panel.h"
 
 namespace headend {
+
+struct Glyph {
+  u16 code;            // ASCII, or the two bytes of GBK
+  char16_t character;  // the same in Unicode
+  u16 rows[16];        // from the top, the left pixel in the high bit
+};
+extern const Glyph kGlyphs[];  // by code; the build generates the table
+extern const std::size_t kGlyphCount;
 
 class Lcd {
  public:

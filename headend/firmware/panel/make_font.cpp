@@ -52,7 +52,7 @@ void make(const char* font, const char* target) {
   std::ofstream out(target);
   out << "// Made at build time from the glyphs of GNU Unifont: GNU GPL version 2 or later with the font\n"
          "// embedding exception, or SIL OFL 1.1.\n"
-         "#include \"headend/firmware/panel/font.h\"\n\n"
+         "#include \"headend/firmware/panel/lcd.h\"\n\n"
          "namespace headend {\n\nconst Glyph kGlyphs[] = {\n";
   std::size_t count = 0;
   const auto add = [&](unsigned code, unsigned character) {

@@ -1,19 +1,18 @@
 // The chassis's SNMP agent: Net-SNMP in a task of the kernel, with the rows that cards have registered and
 // the system group. Only the users and communities that the operator configured have access. It sends the
-// events of the alarm list as notifications, and uses no file of this machine except the flash. See
+// events of the alarm list as SNMPv2 notifications, and uses no file of this machine except the flash. See
 // docs/snmp.md. Only one per process, because the library's state is global.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "headend/firmware/alarm_file.h"
+#include "headend/firmware/alarm_list.h"
 #include "headend/firmware/snmp/card_rows.h"
-#include "headend/firmware/snmp/engine_identity.h"
 #include "headend/firmware/snmp/library.h"
-#include "headend/firmware/snmp/notifier.h"
 #include "headend/firmware/snmp/secrets.h"
 #include "headend/kernel/network.h"
 
@@ -21,42 +20,39 @@ namespace headend {
 
 class SnmpAgent {
  public:
-  struct Settings {
-    std::optional<SnmpLibrary::Address> listen;
-    std::optional<SnmpLibrary::Address> trapSink;
-    std::vector<u32> base;  // ten components; the slot number follows them
-    bool communityWrites = false;
-  };
-
-  // Lower priority than the back end (220): operators are served before polling stations.
+  // Lower priority than the back end (220): operators are served before polling stations. Notifications have
+  // their own task: a card that delays the agent does not delay them.
   static constexpr int kPriority = 222;
+  static constexpr int kNotifierPriority = 223;
+  static constexpr std::size_t kWaitingMost = 1000;  // if more notifications wait, the oldest are not sent
 
-  // Opens the agent's sockets. Throws std::runtime_error.
-  SnmpAgent(Kernel& kernel, Network& network, Flash& flash, const Settings& settings,
-            const SnmpSecrets& secrets, std::function<bool(int slot)> runs,
-            std::function<void(const std::string&)> say);
-  void start();  // spawns the task
+  // Reads the secrets and opens the agent's sockets. Throws std::runtime_error.
+  SnmpAgent(Kernel& kernel, Network& network, Flash& flash, SnmpSettings settings,
+            std::function<bool(int slot)> runs, Say say);
+  void start();  // spawns the tasks
 
   // Rows of a card, and an event of the alarm list; callable from any task.
   void registerRows(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
   void notify(const AlarmRecord& event);
 
-  std::string address() const;  // empty if it only sends
-  const EngineIdentity& engine() const { return engine_; }
+  // Empty if it only sends.
+  std::string address() const { return settings_.listen ? hostAddress(library_->fd()) : ""; }
+  const EngineIdentity& engine() const { return library_->engine(); }
 
  private:
   void serve();
-  void readRequest();
+  void sendNotifications();
 
   Kernel& kernel_;
   Network& network_;
-  std::function<void(const std::string&)> say_;
-  EngineIdentity engine_;
+  SnmpSettings settings_;
+  Say say_;
   CardRows rows_;
   std::optional<SnmpLibrary> library_;
-  std::vector<Task*> waiters_;
+  std::vector<Task*> servers_;
   bool readable_ = false;
-  std::optional<SnmpNotifier> notifier_;
+  std::vector<Task*> notifiers_;
+  std::deque<AlarmRecord> waiting_;
 };
 
 }  // namespace headend

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <optional>
 
-#include "headend/firmware/reading_turn.h"
+#include "headend/firmware/chassis.h"
 #include "headend/firmware/snmp/net_snmp.h"
 #include "protocol/variables.h"
 #include "ui/qamMibRows.h"
@@ -184,7 +184,7 @@ int CardRows::prepareWrite(Row& row, const netsnmp_request_info& request) const 
   return SNMP_ERR_NOERROR;
 }
 
-// One phase of a SET, as the card's write method sees it.
+// One phase of a SET, for the card's write method.
 int CardRows::carryOut(const Row& row, const netsnmp_request_info& request, int phase) {
   const netsnmp_variable_list& binding = *request.requestvb;
   std::optional<Encoded> value = encode(binding);

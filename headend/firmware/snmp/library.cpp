@@ -1,7 +1,7 @@
 #include "headend/firmware/snmp/library.h"
 
 #include <arpa/inet.h>
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <openssl/crypto.h>
 #include <sys/select.h>
 #include <syslog.h>
@@ -11,13 +11,56 @@
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
+#include <filesystem>
+#include <optional>
+#include <random>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
+#include "base/bytes.h"
+#include "headend/fail.h"
 #include "headend/firmware/snmp/net_snmp.h"
 
 namespace headend {
 namespace {
+
+// ---- The engine ----
+
+constexpr const char* kFile = "/tffs0/snmp/engine.txt";
+constexpr u32 kMostBoots = 0x7FFFFFFF - 1;  // after the last one an engine must take a new ID
+constexpr std::size_t kIdSize = 13;
+
+// RFC 3411, SnmpEngineID: an enterprise's number with the highest bit set, 5 for octets of its own choice.
+EngineIdentity newEngine() {
+  EngineIdentity engine{.id = {0x80, 0x00, 0x1F, 0x88, 5}, .boots = 1};
+  std::random_device random;
+  while (engine.id.size() < kIdSize) engine.id.push_back(static_cast<u8>(random()));
+  return engine;
+}
+
+std::string encode(const EngineIdentity& engine) {
+  return fmt::format("engine {} boots {}\n", engineIdText(engine), engine.boots);
+}
+
+std::optional<EngineIdentity> decode(std::string_view text) {
+  constexpr std::size_t kIdAt = sizeof "engine 0x" - 1;
+  EngineIdentity engine{.id = {}, .boots = 0};
+  for (std::size_t at = kIdAt; engine.id.size() < kIdSize && at < text.size(); at += 2)
+    engine.id.push_back(base::parseDigits<u8>(text.substr(at, 2), 16, 0xFF).value_or(0));
+  const std::string_view boots = text.substr(text.rfind(' ') + 1);
+  engine.boots = base::parseDecimal(boots.substr(0, boots.find('\n')), kMostBoots).value_or(0);
+  return engine.boots > 0 && encode(engine) == text ? std::optional(engine) : std::nullopt;
+}
+
+// nullopt if the flash has none; empty if it cannot be read.
+std::optional<std::string> savedText(const Flash& flash) try {
+  return flash.read(kFile, 100);
+} catch (const std::system_error&) {
+  return "";
+}
+
+// ---- The library ----
 
 constexpr const char* kName = "headend";  // our application name in the library
 
@@ -39,17 +82,17 @@ void useNoFilesBut(const std::filesystem::path& folder) {
   ::unsetenv("MIBFILES");
 }
 
-netsnmp_transport* openTransport(const SnmpLibrary::Address& address, bool listens, const char* purpose) {
+netsnmp_transport* openTransport(const base::Address& address, bool listens, const char* purpose) {
   const auto failed = [&](const char* why) {
-    return std::runtime_error(fmt::format("cannot {} {}:{}: {}", purpose, address.host, address.port, why));
+    fail("cannot {} {}:{}: {}", purpose, address.host, address.port, why);
   };
   netsnmp_ep end{};
   end.a.sin.sin_family = AF_INET;
   end.a.sin.sin_port = htons(address.port);
-  if (inet_pton(AF_INET, address.host.c_str(), &end.a.sin.sin_addr) != 1) throw failed("not an IPv4 address");
+  if (inet_pton(AF_INET, address.host.c_str(), &end.a.sin.sin_addr) != 1) failed("not an IPv4 address");
   errno = 0;
   netsnmp_transport* transport = netsnmp_udp_transport(&end, listens ? 1 : 0);
-  if (transport == nullptr) throw failed(std::strerror(errno));
+  if (transport == nullptr) failed(std::strerror(errno));
   return transport;
 }
 
@@ -63,11 +106,34 @@ int countPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/, 
 
 }  // namespace
 
-SnmpLibrary::SnmpLibrary(const std::filesystem::path& folder, EngineIdentity engine,
-                         const std::vector<std::string>& configuration,
-                         std::function<void(const std::string&)> say)
-    : engine_(std::move(engine)), say_(std::move(say)) {
-  const std::filesystem::path whole = std::filesystem::absolute(folder);  // the library needs a full path
+std::string engineIdText(const EngineIdentity& engine) {
+  return fmt::format("0x{:02x}", fmt::join(engine.id, ""));
+}
+
+EngineIdentity bootEngine(Flash& flash, const Say& say) {
+  EngineIdentity engine = newEngine();
+  if (const auto text = savedText(flash)) {
+    if (const auto last = decode(*text); !last) {
+      say("the SNMP engine's ID in the flash is damaged: this is a new engine, whose keys users must learn "
+          "anew");
+    } else if (last->boots < kMostBoots) {
+      engine = {last->id, last->boots + 1};
+    } else {
+      say("the SNMP engine has used up its boots: this is a new engine, whose keys users must learn anew");
+    }
+  }
+  const std::string content = encode(engine);
+  const std::string error = flash.replace(kFile, base::Bytes(content.begin(), content.end()));
+  if (!error.empty()) fail("{}", error);
+  return engine;
+}
+
+// ---- The library ----
+
+SnmpLibrary::SnmpLibrary(Flash& flash, const std::vector<std::string>& configuration, Say say)
+    : engine_(bootEngine(flash, say)), say_(std::move(say)) {
+  const std::filesystem::path whole =
+      std::filesystem::absolute(flash.folder() / "snmp");  // it needs a full path
   useNoFilesBut(whole);
   snmp_disable_log();
   snmp_enable_calllog();
@@ -88,7 +154,7 @@ SnmpLibrary::SnmpLibrary(const std::filesystem::path& folder, EngineIdentity eng
 
   std::error_code ignored;
   std::filesystem::remove(whole / "cert_indexes", ignored);  // empty: the library creates it without need
-  if (!complaints_.empty()) throw std::runtime_error("the SNMP agent does not start:" + complaints_);
+  if (!complaints_.empty()) fail("the SNMP agent does not start:{}", complaints_);
   isStarted_ = true;
 }
 
@@ -114,7 +180,7 @@ void SnmpLibrary::say(const std::string& text) {
   say_("SNMP: " + text + (timesSaid_ > 1 ? fmt::format(" ({} times)", timesSaid_) : ""));
 }
 
-void SnmpLibrary::listen(const Address& address) {
+void SnmpLibrary::listen(const base::Address& address) {
   netsnmp_transport* transport = openTransport(address, true, "listen for SNMP on");
   fd_ = transport->sock;
   netsnmp_session session{};
@@ -123,11 +189,11 @@ void SnmpLibrary::listen(const Address& address) {
   session.callback = handle_snmp_packet;
   session.isAuthoritative = SNMP_SESS_AUTHORITATIVE;
   netsnmp_session* added = snmp_add(&session, transport, countPacket, netsnmp_agent_check_parse);
-  if (added == nullptr) throw std::runtime_error("Net-SNMP takes no session for requests");
+  if (added == nullptr) fail("Net-SNMP takes no session for requests");
   requests_ = snmp_sess_pointer(added);
 }
 
-void SnmpLibrary::openSink(const Address& address, const SnmpSecrets& secrets) {
+void SnmpLibrary::openSink(const base::Address& address, const SnmpSecrets& secrets) {
   netsnmp_session session{};
   snmp_sess_init(&session);
   std::string name = secrets.trapUser;
@@ -148,7 +214,7 @@ void SnmpLibrary::openSink(const Address& address, const SnmpSecrets& secrets) {
   }
   netsnmp_transport* transport = openTransport(address, false, "send SNMP notifications to");
   sink_ = snmp_add(&session, transport, nullptr, nullptr);
-  if (sink_ == nullptr) throw std::runtime_error("Net-SNMP takes no session for notifications");
+  if (sink_ == nullptr) fail("Net-SNMP takes no session for notifications");
 }
 
 void SnmpLibrary::readRequest() {

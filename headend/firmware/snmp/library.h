@@ -1,16 +1,13 @@
 // Net-SNMP set up for this process: configured by lines, without this machine's files, with its messages in
-// the headend's log; and its two sessions, for requests and for notifications.
+// the headend's log; its two sessions, for requests and for notifications; and the identity of its engine.
 #pragma once
 
-#include <filesystem>
-#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "base/numbers.h"
-#include "headend/firmware/snmp/engine_identity.h"
+#include "headend/firmware/log.h"
 #include "headend/firmware/snmp/secrets.h"
+#include "headend/kernel/flash.h"
 
 struct snmp_log_message;
 struct snmp_pdu;
@@ -18,19 +15,30 @@ struct snmp_session;
 
 namespace headend {
 
+// The identity of the SNMP engine over all power-ups (RFC 3414, section 2.2): its ID and its boot count. Both
+// are stored in the flash; managers reject an engine that returns with a lower count as forged.
+struct EngineIdentity {
+  std::vector<u8> id;
+  u32 boots = 1;
+};
+
+// The identity of this power-up, which is saved before it is used. If the flash has none, or a damaged one, a
+// new identity is made; `say` is called to report damage. Throws std::runtime_error if it cannot be saved.
+EngineIdentity bootEngine(Flash& flash, const Say& say);
+
+std::string engineIdText(const EngineIdentity& engine);  // "0x80001f88..."
+
 class SnmpLibrary {
  public:
-  using Address = base::Address;
-
-  // `folder` is the only folder that the library may read. Throws std::runtime_error if the library reports
-  // any error, because a rejected line could allow access by mistake.
-  SnmpLibrary(const std::filesystem::path& folder, EngineIdentity engine,
-              const std::vector<std::string>& configuration, std::function<void(const std::string&)> say);
+  // The folder snmp/ of the flash is the only one that the library may read. Throws std::runtime_error if the
+  // library reports any error, because a rejected line could allow access by mistake.
+  SnmpLibrary(Flash& flash, const std::vector<std::string>& configuration, Say say);
 
   // Both throw std::runtime_error with the address in the message.
-  void listen(const Address& address);
-  void openSink(const Address& address, const SnmpSecrets& secrets);
+  void listen(const base::Address& address);
+  void openSink(const base::Address& address, const SnmpSecrets& secrets);
 
+  const EngineIdentity& engine() const { return engine_; }
   int fd() const { return fd_; }  // receives requests; -1 if it does not listen
 
   void readRequest();                 // reads a received request and answers it
@@ -41,7 +49,7 @@ class SnmpLibrary {
   static int take(int major, int minor, void* message, void* self);
 
   EngineIdentity engine_;
-  std::function<void(const std::string&)> say_;
+  Say say_;
   bool isStarted_ = false;
   std::string complaints_;  // until it is running
   std::string lastSaid_;

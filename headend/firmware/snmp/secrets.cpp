@@ -1,17 +1,17 @@
 #include "headend/firmware/snmp/secrets.h"
 
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <iomanip>
-#include <map>
 #include <sstream>
-#include <stdexcept>
 #include <system_error>
 
 #include "base/files.h"
+#include "headend/fail.h"
 
 namespace headend {
 namespace {
@@ -34,13 +34,9 @@ Words wordsOf(const std::string& line) {
   return words;
 }
 
-bool isPrintable(const std::string& text) {
-  return std::ranges::all_of(text, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
-}
-
-template <typename List>
-bool isOneOf(const List& list, const std::string& word) {
-  return std::ranges::find(list, word) != list.end();
+bool isPrintable(const std::string& text, std::size_t least, std::size_t most) {
+  return text.size() >= least && text.size() <= most &&
+         std::ranges::all_of(text, [](unsigned char c) { return c >= 0x20 && c < 0x7F; });
 }
 
 class Parser {
@@ -51,76 +47,73 @@ class Parser {
     ++number_;
     const Words words = wordsOf(text);
     if (words.empty() || words[0].starts_with('#')) return;
+    constexpr auto kOneWord = "one word of at most 64 characters of ASCII, in \"\" where it has blanks";
     if (words[0] == "user") {
       user(words);
     } else if (words[0] == "trap-user") {
       single(words, secrets_.trapUser, "the name of a user");
+    } else if (words[0] == "read-community") {
+      single(words, secrets_.readCommunity, kOneWord);
+    } else if (words[0] == "write-community") {
+      single(words, secrets_.writeCommunity, kOneWord);
+    } else if (words[0] == "trap-community") {
+      single(words, secrets_.trapCommunity, kOneWord);
     } else {
-      const std::map<std::string, std::string*> communities = {{"read-community", &secrets_.readCommunity},
-                                                               {"write-community", &secrets_.writeCommunity},
-                                                               {"trap-community", &secrets_.trapCommunity}};
-      const auto found = communities.find(words[0]);
-      demand(found != communities.end(),
+      demand(false,
              "want read-community, write-community, user, trap-community or trap-user, or # for a comment");
-      single(words, *found->second,
-             "one word of at most 64 characters of ASCII, in \"\" where it has blanks");
     }
   }
 
   SnmpSecrets finish() {
     if (!secrets_.readCommunity.empty() && secrets_.readCommunity == secrets_.writeCommunity)
-      throw std::runtime_error(origin_ +
-                               ": read-community and write-community are the same: they must differ");
+      fail("{}: read-community and write-community are the same: they must differ", origin_);
     if (!secrets_.trapUser.empty() && secrets_.find(secrets_.trapUser) == nullptr)
-      throw std::runtime_error(origin_ + ": trap-user is the name of no user line");
+      fail("{}: trap-user is the name of no user line", origin_);
     if (!secrets_.trapCommunity.empty() && !secrets_.trapUser.empty())
-      throw std::runtime_error(origin_ + ": both trap-community and trap-user: want one of them");
+      fail("{}: both trap-community and trap-user: want one of them", origin_);
     return std::move(secrets_);
   }
 
  private:
   void demand(bool holds, const std::string& otherwise) const {
-    if (!holds) throw std::runtime_error(fmt::format("{}, line {}: {}", origin_, number_, otherwise));
+    if (!holds) fail("{}, line {}: {}", origin_, number_, otherwise);
   }
 
   void single(const Words& words, std::string& into, const char* want) const {
-    demand(words.size() == 2 && !words[1].empty() && words[1].size() <= kLongestCommunity &&
-               isPrintable(words[1]),
+    demand(words.size() == 2 && isPrintable(words[1], 1, kLongestCommunity),
            fmt::format("{} wants {}", words[0], want));
     demand(into.empty(), words[0] + " is there twice");
     into = words[1];
+  }
+
+  template <typename List>
+  void demandOneOf(const List& list, const std::string& word, const char* what) const {
+    demand(std::ranges::find(list, word) != list.end(),
+           fmt::format("the {} protocol is one of {}", what, fmt::join(list, ", ")));
+  }
+  void demandPassphrase(const std::string& text) const {
+    demand(isPrintable(text, kShortestPassphrase, kLongestFile),
+           "a passphrase has eight characters or more, of ASCII");
   }
 
   void user(const Words& words) {
     demand(words.size() == 5 || words.size() == 7,
            "want user NAME read|write AUTH-PROTOCOL PASSPHRASE [PRIVACY-PROTOCOL PASSPHRASE]; what has "
            "blanks goes in \"\"");
-    SnmpSecrets::User user{.name = words[1],
-                           .writes = words[2] == "write",
-                           .authProtocol = words[3],
-                           .authPassphrase = words[4],
-                           .privProtocol = {},
-                           .privPassphrase = {}};
-    demand(isOneOf(kAuthProtocols, user.authProtocol),
-           fmt::format("the authentication protocol is one of {}", fmt::join(kAuthProtocols, ", ")));
-    demand(isPassphrase(user.authPassphrase), "a passphrase has eight characters or more, of ASCII");
+    SnmpSecrets::User user{words[1], words[2] == "write", words[3], words[4]};
+    demandOneOf(kAuthProtocols, user.authProtocol, "authentication");
+    demandPassphrase(user.authPassphrase);
     if (words.size() == 7) {
       user.privProtocol = words[5];
       user.privPassphrase = words[6];
-      demand(isOneOf(kPrivProtocols, words[5]),
-             fmt::format("the privacy protocol is one of {}", fmt::join(kPrivProtocols, ", ")));
-      demand(isPassphrase(words[6]), "a passphrase has eight characters or more, of ASCII");
+      demandOneOf(kPrivProtocols, user.privProtocol, "privacy");
+      demandPassphrase(user.privPassphrase);
     }
-    demand(!user.name.empty() && user.name.size() <= kLongestName && isPrintable(user.name),
-           "a user's name has 1 to 32 characters of ASCII");
+    demand(isPrintable(user.name, 1, kLongestName), "a user's name has 1 to 32 characters of ASCII");
     demand(secrets_.find(user.name) == nullptr, "a user of that name is there already");
     demand(user.writes || words[2] == "read", "after the user's name comes read or write");
     demand(!user.writes || user.hasPrivacy(), "a user who writes needs a privacy protocol too");
     secrets_.users.push_back(std::move(user));
-  }
-
-  static bool isPassphrase(const std::string& text) {
-    return text.size() >= kShortestPassphrase && isPrintable(text);
   }
 
   std::string origin_;
@@ -128,18 +121,40 @@ class Parser {
   SnmpSecrets secrets_;
 };
 
-std::string contentOf(const std::filesystem::path& file) try {
+std::string contentOf(const std::string& file) try {
   using std::filesystem::perms;
   std::string content = base::readFile(file, kLongestFile);
   const perms mode = std::filesystem::status(file).permissions();
   if ((mode & (perms::group_all | perms::others_all)) != perms::none) {
-    throw std::runtime_error(
-        fmt::format("SNMP secrets {0} are not its owner's alone (mode {1:04o}): chmod 600 {0}", file.string(),
-                    static_cast<unsigned>(mode)));
+    fail("SNMP secrets {0} are not its owner's alone (mode {1:04o}): chmod 600 {0}", file,
+         static_cast<unsigned>(mode));
   }
   return content;
 } catch (const std::system_error& e) {
-  throw std::runtime_error(fmt::format("cannot read SNMP secrets {}: {}", file.string(), e.code().message()));
+  fail("cannot read SNMP secrets {}: {}", file, e.code().message());
+}
+
+// ---- Access ----
+
+constexpr const char* kSeen[] = {
+    "1.3.6.1.2.1.1",       // SNMPv2-MIB, system
+    "1.3.6.1.2.1.11",      // SNMPv2-MIB, snmp
+    "1.3.6.1.6.3.1",       // SNMPv2-MIB, set and notification groups
+    "1.3.6.1.6.3.10.2",    // SNMP-FRAMEWORK-MIB, engine
+    "1.3.6.1.6.3.11.2",    // SNMP-MPD-MIB, counters
+    "1.3.6.1.6.3.15.1.1",  // SNMP-USER-BASED-SM-MIB, counters
+};
+
+std::string quoted(const std::string& word) {
+  std::ostringstream text;
+  text << std::quoted(word);
+  return text.str();
+}
+
+// Access of a group by one security model, from a level on.
+std::string access(const std::string& group, const char* model, const char* level, bool writes) {
+  return fmt::format(R"(access {} "" {} {} exact seen {} none)", group, model, level,
+                     writes ? "set" : "none");
 }
 
 }  // namespace
@@ -156,10 +171,39 @@ SnmpSecrets parseSnmpSecrets(const std::string& text, const std::string& origin)
   return parser.finish();
 }
 
-SnmpSecrets loadSnmpSecrets(const std::filesystem::path& file) {
-  if (!file.empty()) return parseSnmpSecrets(contentOf(file), file.string());
+SnmpSecrets loadSnmpSecrets(const std::string& file) {
+  if (!file.empty()) return parseSnmpSecrets(contentOf(file), file);
   const char* text = std::getenv(kVariable);
   return text == nullptr ? SnmpSecrets{} : parseSnmpSecrets(text, kVariable);
+}
+
+std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, const SnmpSettings& settings) {
+  const std::string cards = protocol::mibBaseText(settings.base);
+  // A group without members: the library requires an access line, even without any user.
+  std::vector<std::string> lines = {access("nobody", "usm", "priv", false),
+                                    fmt::format("view seen included {}", cards),
+                                    fmt::format("view set included {}", cards), "view none excluded 1"};
+  for (const char* subtree : kSeen) lines.push_back(fmt::format("view seen included {}", subtree));
+
+  const auto community = [&](const std::string& name, const std::string& secret, bool writes) {
+    if (secret.empty()) return;
+    lines.push_back(fmt::format("com2sec {} default {}", name, quoted(secret)));
+    lines.push_back(fmt::format("group {0} v2c {0}", name));
+    lines.push_back(access(name, "v2c", "noauth", writes));
+  };
+  community("readers", secrets.readCommunity, false);
+  if (settings.writeCommunity) community("writers", secrets.writeCommunity, true);
+
+  int number = 0;
+  for (const SnmpSecrets::User& user : secrets.users) {
+    const std::string group = fmt::format("user{}", ++number);
+    lines.push_back(fmt::format(
+        "createUser {} {} {}{}", quoted(user.name), user.authProtocol, quoted(user.authPassphrase),
+        user.hasPrivacy() ? fmt::format(" {} {}", user.privProtocol, quoted(user.privPassphrase)) : ""));
+    lines.push_back(fmt::format("group {} usm {}", group, quoted(user.name)));
+    lines.push_back(access(group, "usm", user.hasPrivacy() ? "priv" : "auth", user.writes));
+  }
+  return lines;
 }
 
 }  // namespace headend

@@ -1,13 +1,27 @@
-// SNMP users and communities for reading, writing and notifications. The operator gives them in the
-// environment or in a file that only its owner can read. docs/snmp.md describes the lines.
+// What the operator decides for SNMP: addresses, and users and communities for reading, writing and
+// notifications. Those are in the environment or in a file that only its owner can read. docs/snmp.md
+// describes the lines.
 #pragma once
 
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "base/numbers.h"
+#include "protocol/mib_rows.h"
+
 namespace headend {
+
+struct SnmpSettings {
+  std::optional<base::Address> listen;    // nullopt: closed
+  std::optional<base::Address> trapSink;  // nullopt: no notifications
+  std::string secrets;                    // a file; empty: from the environment
+  bool writeCommunity = false;            // whether it may set the cards
+  // Ten components; the slot number follows them.
+  std::vector<u32> base{protocol::kDefaultMibBase.begin(), protocol::kDefaultMibBase.end()};
+
+  bool isUsed() const { return listen || trapSink; }
+};
 
 struct SnmpSecrets {
   struct User {
@@ -15,8 +29,8 @@ struct SnmpSecrets {
     bool writes = false;
     std::string authProtocol;
     std::string authPassphrase;
-    std::string privProtocol;  // empty: messages are authenticated and not encrypted
-    std::string privPassphrase;
+    std::string privProtocol{};  // empty: messages are authenticated and not encrypted
+    std::string privPassphrase{};
 
     bool hasPrivacy() const { return !privProtocol.empty(); }
   };
@@ -32,7 +46,12 @@ struct SnmpSecrets {
 
 // Uses `file` if given, else the environment variable HEADEND_SNMP_SECRETS, else nothing. Throws
 // std::runtime_error with the error and its position, but without any secret.
-SnmpSecrets loadSnmpSecrets(const std::filesystem::path& file);
+SnmpSecrets loadSnmpSecrets(const std::string& file);
 SnmpSecrets parseSnmpSecrets(const std::string& text, const std::string& origin);
+
+// The access rights, as lines of Net-SNMP's configuration. The most that can be read: the system and SNMP
+// groups, the engine's objects and counters, the cards. Writers may set the cards' objects. Only the
+// configured users and communities have access.
+std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, const SnmpSettings& settings);
 
 }  // namespace headend

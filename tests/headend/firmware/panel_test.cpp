@@ -7,7 +7,7 @@
 #include <fstream>
 #include <map>
 
-#include "headend/firmware/panel/menu_engine.h"
+#include "headend/firmware/panel/panel.h"
 #include "tests/headend/kernel/rig.h"
 
 namespace test {
@@ -59,20 +59,6 @@ TEST(Panel, DrawsWhatFitsWhereItBelongs) {
   }
 }
 
-// What a glyph's cell shows, in the notation of the font's file.
-std::string hexOf(const protocol::LcdImage& lcd, int x, int row, int width, bool inverse) {
-  std::string hex;
-  for (int y = row * 16; y < row * 16 + 16; ++y) {
-    for (int digit = 0; digit < width / 4; ++digit) {
-      int value = 0;
-      for (int bit = 0; bit < 4; ++bit)
-        value = value << 1 | (lcd.pixel(x + digit * 4 + bit, y) != inverse ? 1 : 0);
-      hex += fmt::format("{:X}", value);
-    }
-  }
-  return hex;
-}
-
 TEST(Panel, EveryCharacterHasItsPixelsFromTheFont) {
   std::map<std::string, std::string> font;  // by code, as in the file
   std::ifstream file(QAM_FONT);
@@ -89,7 +75,14 @@ TEST(Panel, EveryCharacterHasItsPixelsFromTheFont) {
     // A narrow one fills half of the cell unless it is ASCII.
     const int width = character < 0x80 ? 8 : 16;
     for (std::size_t at = 2; width == 16 && glyph.size() < 64; at += 4) glyph.insert(at, "00");
-    EXPECT_EQ(hexOf(lcd.shown(), 43, 2, width, true), glyph) << fmt::format("{:04X}", u32{character});
+    std::string shown;  // in the notation of the font's file
+    for (int pixel = 0; pixel < width * 16; pixel += 4) {
+      int digit = 0;
+      for (int x = pixel % width; x < pixel % width + 4; ++x)
+        digit = digit << 1 | (lcd.shown().pixel(43 + x, 32 + pixel / width) ? 0 : 1);
+      shown += fmt::format("{:X}", digit);
+    }
+    EXPECT_EQ(shown, glyph) << fmt::format("{:04X}", u32{character});
   };
   for (char ascii = 0x21; ascii < 0x7F; ++ascii) draw({ascii});
   for (int high = 0xA1; high <= 0xF7; ++high) {
@@ -102,8 +95,7 @@ TEST(Panel, EveryCharacterHasItsPixelsFromTheFont) {
 
 TEST(Panel, PaceTheTaskThatScansThemAndEndAMenuThatIsNotUsed) {
   Rig rig(freeCalls());
-  Keypad keys(rig.kernel);
-  keys.timeout(kSecond);
+  Keypad keys(rig.kernel, kSecond);
   rig.task("scans", 10, [&] {
     for (;;) {
       const Nanos before = rig.kernel.now();
@@ -132,24 +124,22 @@ TEST(Panel, PaceTheTaskThatScansThemAndEndAMenuThatIsNotUsed) {
 using chassis::item_t;
 
 TEST(Panel, ATreeThatCannotBeWalkedEndsTheRunAndIsNamed) {
-  const std::vector<item_t> endless(headend::MenuEngine::kLongestTable + 1);
+  const std::vector<item_t> endless(headend::Panel::kLongestTable + 1);
   const item_t unhandled = {.flag = item_t::kHandler | item_t::kLast, .en = {"Own"}};
   for (const auto& [tree, why] :
        {std::pair{endless.data(), "menu: the table below 'card 1' has no end mark in 64 items"},
         std::pair{&unhandled, "menu of slot 1: item 'Own' names no handler"}}) {
     Rig rig;
-    Lcd lcd;
-    Keypad keys(rig.kernel);
     chassis::card card{};
-    headend::MenuEngine menu(rig.kernel, lcd, keys,
-                             {.card = [&](int) { return &card; },
-                              .fault = [](int) { return std::nullopt; },
-                              .text = [](int, u32) { return ""; },
-                              .stop = [&](const std::string& text) { rig.kernel.fail(text); }});
-    menu.registerRoot({.flag = item_t::kLast, .submenu = tree, .en = {"card 1"}});
-    menu.start();
-    keys.press(chassis::kKeyConfirm);
-    keys.press(chassis::kKeyConfirm);
+    headend::Panel panel(rig.kernel, 0,
+                         {.card = [&](int) { return &card; },
+                          .fault = [](int) { return std::nullopt; },
+                          .text = [](int, u32) { return ""; },
+                          .stop = [&](const std::string& text) { rig.kernel.fail(text); }});
+    panel.registerRoot({.flag = item_t::kLast, .submenu = tree, .en = {"card 1"}});
+    panel.start();
+    panel.keys.press(chassis::kKeyConfirm);
+    panel.keys.press(chassis::kKeyConfirm);
     rig.runUntil(kSecond);
     EXPECT_EQ(rig.kernel.fatalError(), why);
   }

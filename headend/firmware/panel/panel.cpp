@@ -1,4 +1,4 @@
-#include "headend/firmware/panel/menu_engine.h"
+#include "headend/firmware/panel/panel.h"
 
 #include <fmt/format.h>
 
@@ -22,38 +22,65 @@ bool has(const item_t& item, u16 flag) {
 
 }  // namespace
 
-MenuEngine::MenuEngine(Kernel& kernel, Lcd& lcd, Keypad& keys, Firmware firmware)
-    : kernel_(kernel), lcd_(lcd), keys_(keys), firmware_(std::move(firmware)) {}
+// ---- The keys ----
 
-void MenuEngine::start() {
+bool Keypad::press(chassis::PanelKey key) {
+  if (keys_.size() == kWaiting) return false;
+  keys_.push_back(key);
+  return true;
+}
+
+chassis::PanelKey Keypad::scan() {
+  if (!keys_.empty()) {
+    const chassis::PanelKey key = keys_.front();
+    keys_.pop_front();
+    lastKey_ = kernel_.now();
+    left_ = false;
+    return key;
+  }
+  kernel_.delay(1);
+  if (timeout_ == 0 || left_ || !keys_.empty() || kernel_.now() - lastKey_ < timeout_)
+    return chassis::kKeyNone;
+  left_ = true;
+  return chassis::kKeyLeave;
+}
+
+// ---- The services ----
+
+void Panel::provide(BackEnd& backEnd) {
+  using enum protocol::Operation;
+  using protocol::Request;
+  backEnd.provide(kLcd, BackEnd::Target::kChassis, {}, [this](const Request&, base::Bytes& reply) {
+    reply = protocol::encode(lcd.shown());
+    return protocol::kDone;
+  });
+  backEnd.provide(kKey, BackEnd::Target::kChassis, 1, [this](const Request& request, base::Bytes&) -> u32 {
+    const u8 key = request.data[0];
+    if (key < chassis::kKeyConfirm || key > chassis::kKeyRight) return protocol::kUnknownKey;
+    return keys.press(static_cast<chassis::PanelKey>(key)) ? u32{protocol::kDone} : protocol::kTooManyKeys;
+  });
+}
+
+void Panel::start() {
   kernel_.spawn("tMen", kPriority, [this] {
     for (;;) walkTop();
   });
 }
 
-void MenuEngine::showHeading(const item_t& item) {
-  lcd_.clear();
-  lcd_.printRow(0, labelOf(item));
+std::string Panel::own(const Words& words) const {
+  return base::gbkOfUtf8(isChinese_ ? words.chinese : words.english);
 }
 
-std::string MenuEngine::own(const Words& words) const {
-  return base::gbkOfUtf8(language_ == Language::kEnglish ? words.english : words.chinese);
-}
-
-std::string MenuEngine::labelOf(const item_t& item) const {
-  const chassis::Label& label = language_ == Language::kEnglish ? item.en : item.zh;
+std::string Panel::labelOf(const item_t& item) const {
+  const chassis::Label& label = isChinese_ ? item.zh : item.en;
   return {label.text, strnlen(label.text, sizeof label.text)};
 }
 
 // ---- The levels ----
 
-void MenuEngine::walkTop() {
+void Panel::walkTop() {
   leaving_ = false;
-  const auto heading = [this] {
-    lcd_.clear();
-    lcd_.printRow(0, own({"Headend", "前端"}));
-  };
-  const Rows rows = [this] {
+  const auto rows = [this] {
     std::vector<Row> all;
     for (const auto& [slot, root] : roots_) all.push_back({labelOf(root), firmware_.fault(slot) ? "!" : ""});
     all.push_back({own({"Language", "语言"}), own({"English", "中文"})});
@@ -61,7 +88,7 @@ void MenuEngine::walkTop() {
   };
   int chosen = 0;
   while (!leaving_) {
-    const int confirmed = browse(heading, rows, chosen);
+    const int confirmed = browse(own({"Headend", "前端"}), rows, chosen);
     if (leaving_) return;
     if (confirmed < 0) continue;  // this is the top level
     chosen = confirmed;
@@ -69,32 +96,30 @@ void MenuEngine::walkTop() {
       const item_t& root = std::next(roots_.begin(), chosen)->second;
       walkTable(root, root.val);
     } else {
-      language_ = language_ == Language::kEnglish ? Language::kChinese : Language::kEnglish;
+      isChinese_ = !isChinese_;
     }
   }
 }
 
 // Shows why a card does not run, until the operator goes back or the card runs.
-void MenuEngine::showFault(const item_t& heading, int slot) {
-  browse([&] { showHeading(heading); },
-         [&] {
-           const std::optional<Words> fault = firmware_.fault(slot);
-           return std::vector<Row>{{fault ? own(*fault) : "", {}}};
-         },
-         -1, [&] { return firmware_.fault(slot).has_value(); });
+void Panel::showFault(const item_t& item, int slot) {
+  const auto rows = [&] {
+    const std::optional<Words> fault = firmware_.fault(slot);
+    return std::vector<Row>{{fault ? own(*fault) : "", {}}};
+  };
+  browse(labelOf(item), rows, -1, [&] { return firmware_.fault(slot).has_value(); });
 }
 
-void MenuEngine::walkTable(const item_t& parent, int slot) {
-  const std::vector<const item_t*> items = itemsOf(parent);
-  const Rows rows = [&] {
+void Panel::walkTable(const item_t& parent, int slot) {
+  const Items items = itemsOf(parent);
+  const auto rows = [&] {
     std::vector<Row> all;
-    all.reserve(items.size());
     for (const item_t* item : items) all.push_back(rowOf(*item, slot));
     return all;
   };
   int chosen = 0;
   while (!leaving_) {
-    chosen = browse([&] { showHeading(parent); }, rows, chosen, [&] { return !firmware_.fault(slot); });
+    chosen = browse(labelOf(parent), rows, chosen, [&] { return !firmware_.fault(slot); });
     if (chosen < 0) {
       if (!leaving_) showFault(parent, slot);
       return;
@@ -103,7 +128,7 @@ void MenuEngine::walkTable(const item_t& parent, int slot) {
   }
 }
 
-void MenuEngine::open(const item_t& item, int slot) {
+void Panel::open(const item_t& item, int slot) {
   if (has(item, item_t::kHandler)) {
     auto* handler = os::wordAddress<chassis::ItemHandler>(item.minVal);
     if (handler == nullptr) {
@@ -111,7 +136,7 @@ void MenuEngine::open(const item_t& item, int slot) {
       return;
     }
     handler(&item, static_cast<u8>(slot), 0);
-    leaving_ = keys_.left();
+    leaving_ = keys.left();
   } else if (has(item, item_t::kOptions)) {
     if (has(item, item_t::kSettable)) chooseOption(item, slot);
   } else if (item.submenu != nullptr) {
@@ -119,26 +144,26 @@ void MenuEngine::open(const item_t& item, int slot) {
   }
 }
 
-void MenuEngine::chooseOption(const item_t& item, int slot) {
-  const std::vector<const item_t*> options = itemsOf(item);
-  chassis::card& card = *firmware_.card(slot);
-  const u32 value = card.getVar(static_cast<u8>(slot), 0, item.id, nullptr);
-  const auto now =
-      std::find_if(options.begin(), options.end(), [&](const item_t* o) { return o->val == value; });
-  std::vector<Row> rows;
-  rows.reserve(options.size());
-  for (const item_t* option : options) rows.push_back({labelOf(*option), {}});
-  const int chosen = browse([&] { showHeading(item); }, [&] { return rows; },
-                            now == options.end() ? 0 : static_cast<int>(now - options.begin()),
-                            [&] { return !firmware_.fault(slot); });
+void Panel::chooseOption(const item_t& item, int slot) {
+  const Items options = itemsOf(item);
+  const auto now = std::ranges::find(options, valueOf(item, slot), &item_t::val);
+  const auto rows = [&] {
+    std::vector<Row> all;
+    for (const item_t* option : options) all.push_back({labelOf(*option), {}});
+    return all;
+  };
+  const int chosen =
+      browse(labelOf(item), rows, now == options.end() ? 0 : static_cast<int>(now - options.begin()),
+             [&] { return !firmware_.fault(slot); });
   if (chosen < 0) return;
-  card.setVar(static_cast<u8>(slot), 0, item.id, options[static_cast<std::size_t>(chosen)]->val);
+  const u32 value = options[static_cast<std::size_t>(chosen)]->val;
+  firmware_.card(slot)->setVar(static_cast<u8>(slot), 0, item.id, value);
 }
 
 // ---- A screen ----
 
-int MenuEngine::browse(const std::function<void()>& heading, const Rows& rows, int chosen,
-                       const std::function<bool()>& stays) {
+int Panel::browse(const std::string& heading, const std::function<std::vector<Row>()>& rows, int chosen,
+                  const std::function<bool()>& stays) {
   std::vector<Row> shown;
   Nanos next = 0;
   for (bool moved = true;;) {
@@ -151,16 +176,16 @@ int MenuEngine::browse(const std::function<void()>& heading, const Rows& rows, i
       shown = std::move(wanted);
     }
     moved = true;
-    const int last = static_cast<int>(shown.size()) - 1;
-    switch (keys_.scan()) {
+    const int count = static_cast<int>(shown.size());
+    switch (keys.scan()) {
       case chassis::kKeyNone:
         moved = false;
         break;
       case chassis::kKeyUp:
-        if (chosen >= 0) chosen = chosen == 0 ? last : chosen - 1;
+        if (chosen >= 0) chosen = (chosen + count - 1) % count;
         break;
       case chassis::kKeyDown:
-        if (chosen >= 0) chosen = chosen == last ? 0 : chosen + 1;
+        if (chosen >= 0) chosen = (chosen + 1) % count;
         break;
       case chassis::kKeyConfirm:
       case chassis::kKeyRight:
@@ -175,20 +200,25 @@ int MenuEngine::browse(const std::function<void()>& heading, const Rows& rows, i
   }
 }
 
+void Panel::showHeading(const std::string& text) {
+  lcd.clear();
+  lcd.printRow(0, text);
+}
+
 // The heading stays, and of the rows as many as fit, with the chosen one among them.
-void MenuEngine::draw(const std::function<void()>& heading, const std::vector<Row>& rows, int chosen) {
-  heading();
+void Panel::draw(const std::string& heading, const std::vector<Row>& rows, int chosen) {
+  showHeading(heading);
   int number = std::max(0, chosen - (kRowsBelowHeading - 1));
   for (int line = 1; line <= kRowsBelowHeading && number < static_cast<int>(rows.size()); ++line, ++number) {
     const Row& row = rows[static_cast<std::size_t>(number)];
-    lcd_.printRow(line, row.left, row.right, number == chosen);
+    lcd.printRow(line, row.left, row.right, number == chosen);
   }
 }
 
 // ---- Items ----
 
-std::vector<const item_t*> MenuEngine::itemsOf(const item_t& parent) {
-  std::vector<const item_t*> items;
+Panel::Items Panel::itemsOf(const item_t& parent) {
+  Items items;
   for (const item_t* item = parent.submenu; item != nullptr; ++item) {
     items.push_back(item);
     if (has(*item, item_t::kLast)) return items;
@@ -200,13 +230,12 @@ std::vector<const item_t*> MenuEngine::itemsOf(const item_t& parent) {
   return items;
 }
 
-MenuEngine::Row MenuEngine::rowOf(const item_t& item, int slot) {
+Panel::Row Panel::rowOf(const item_t& item, int slot) {
   Row row{labelOf(item), {}};
-  chassis::card& card = *firmware_.card(slot);
   if (has(item, item_t::kText)) {
     row.right = firmware_.text(slot, item.id);
   } else if (has(item, item_t::kOptions)) {
-    const u32 value = card.getVar(static_cast<u8>(slot), 0, item.id, nullptr);
+    const u32 value = valueOf(item, slot);
     row.right = '?';
     for (const item_t* option : itemsOf(item)) {
       if (option->val == value) row.right = labelOf(*option);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <optional>
 #include <span>
 
@@ -13,6 +14,7 @@ namespace mpeg {
 
 inline constexpr u8 kSyncByte = 0x47;
 inline constexpr std::size_t kPacketHeaderSize = 4;
+inline constexpr std::uint64_t kPacketBits = kTsPacketSize * 8;
 using Packet = std::array<u8, kTsPacketSize>;
 using PacketView = std::span<const u8, kTsPacketSize>;
 

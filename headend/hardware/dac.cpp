@@ -5,8 +5,8 @@ namespace {
 
 // The least times in nanoseconds.
 constexpr Nanos kSetup = 25;  // of data and of the chip select, before the rising clock edge
-constexpr Nanos kClockHigh = 30;
-constexpr Nanos kClockLow = 30;
+constexpr Nanos kDacClockHigh = 30;
+constexpr Nanos kDacClockLow = 30;
 constexpr Nanos kClockPeriod = 67;  // 15 MHz
 constexpr Nanos kResetWidth = 2;
 
@@ -65,13 +65,13 @@ void Dac::clock(bool level, Nanos now) {
     if (listens()) checkRise(now), takeBit();
     roseAt_ = now;
   } else {
-    if (listens()) checkTime(roseAt_, now, kClockHigh, "clock_high_short"), sendBit();
+    if (listens()) checkTime(roseAt_, now, kDacClockHigh, "clock_high_short"), sendBit();
     fellAt_ = now;
   }
 }
 
 void Dac::checkRise(Nanos now) {
-  checkTime(fellAt_, now, kClockLow, "clock_low_short");
+  checkTime(fellAt_, now, kDacClockLow, "clock_low_short");
   checkTime(roseAt_, now, kClockPeriod, "clock_period_short");
   checkTime(selectedAt_, now, kSetup, "select_setup_short");
   if (!sends()) checkTime(dataAt_, now, kSetup, "data_setup_short");

@@ -22,7 +22,6 @@ namespace {
 constexpr u64 kUnitsPerTick = 1'000;
 constexpr u64 kUnitsPerNano = 27;
 constexpr u64 kUnitsPerSecond = mpeg::kPcrHz * kUnitsPerTick;
-constexpr u64 kPacketBits = kTsPacketSize * 8;
 
 // PCRs farther apart than this are no clock: the standard requires ten per second.
 constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
@@ -158,7 +157,7 @@ void FileInput::read() {
 void FileInput::pace(std::optional<std::uint64_t> bitRate) {
   std::vector<Run> runs;
   if (bitRate) {
-    runs = {{packets_.size(), {.packets = *bitRate, .units = kPacketBits * kUnitsPerSecond}}};
+    runs = {{packets_.size(), {.packets = *bitRate, .units = mpeg::kPacketBits * kUnitsPerSecond}}};
   } else {
     const std::vector<Pcr> pcrs = clockOf(packets_);
     if (pcrs.empty()) {

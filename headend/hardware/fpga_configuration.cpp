@@ -6,7 +6,7 @@
 namespace headend {
 namespace {
 
-enum Register : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
+enum PortRegister : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
 
 constexpr u16 kOpen = 0xC0DE;
 

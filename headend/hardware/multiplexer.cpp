@@ -5,8 +5,6 @@
 namespace headend {
 namespace {
 
-constexpr std::uint64_t kPacketBits = kTsPacketSize * 8;
-
 constexpr std::size_t kWritesAPacket = 204;  // to the PSI data port
 constexpr u16 kFiller = 0xFFFF;
 
@@ -34,7 +32,7 @@ void Multiplexer::setRate(Nanos now, BitRate rate) {
   advance(now);
   rate_ = rate;
   divisor_ = rate.numerator;
-  const std::uint64_t scaled = kPacketBits * rate.denominator * static_cast<std::uint64_t>(kSecond);
+  const std::uint64_t scaled = mpeg::kPacketBits * rate.denominator * static_cast<std::uint64_t>(kSecond);
   period_ = scaled / divisor_;
   periodRest_ = scaled % divisor_;
   rest_ = 0;

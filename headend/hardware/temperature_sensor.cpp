@@ -6,13 +6,13 @@
 namespace headend {
 namespace {
 
-enum Register : u8 { kTemperature = 0, kConfiguration = 1, kHigh = 2, kLow = 3 };
+enum SensorRegister : u8 { kTemperature = 0, kConfiguration = 1, kHigh = 2, kLow = 3 };
 
 // Configuration.
-constexpr u8 kPowerDown = 0x80;
+constexpr u8 kSensorOff = 0x80;
 constexpr u8 kAlertReset = 0x08;
 constexpr u8 kOneShot = 0x04;
-constexpr u8 kTestModes = 0x03;
+constexpr u8 kSensorTestModes = 0x03;
 
 // In the second byte of the temperature.
 constexpr u8 kAlertFlag = 0x20;
@@ -40,7 +40,7 @@ void TemperatureSensor::temperature(double celsius, Nanos now) {
 }
 
 bool TemperatureSensor::sleeps() const {
-  return (registers_[kConfiguration] & kPowerDown) != 0;
+  return (registers_[kConfiguration] & kSensorOff) != 0;
 }
 
 // Conversions that end while the device takes part in a transfer are lost, so that no mixture is read.
@@ -90,9 +90,9 @@ bool TemperatureSensor::received(u8 byte, Nanos /*now*/) {
 
 // The effects of a write begin when the access is over.
 void TemperatureSensor::configure(u8 value) {
-  if ((value & kTestModes) != 0) violation("test_mode");
+  if ((value & kSensorTestModes) != 0) violation("test_mode");
   if ((value & kOneShot) != 0) oneShotAsked_ = true;
-  wakesUp_ = sleeps() && (value & kPowerDown) == 0;
+  wakesUp_ = sleeps() && (value & kSensorOff) == 0;
   registers_[kConfiguration] = static_cast<u8>(value & ~(kOneShot | kAlertReset));
   if (sleeps()) nextDoneAt_ = kNever;
 }

@@ -16,8 +16,8 @@ using headend::AlarmRecord;
 using Kind = protocol::AlarmEvent::Kind;
 
 constexpr AlarmList::Key kInput{2, 0, 769};
-constexpr AlarmList::Texts kFirst{"K", "1", "Card3", "Ch.1 Error", "N", "No Input"};
-constexpr AlarmList::Texts kSecond{"K", "2", "Card3", "Ch.2 Error", "N", "No Input"};
+constexpr AlarmList::Texts kChannel1{"K", "1", "Card3", "Ch.1 Error", "N", "No Input"};
+constexpr AlarmList::Texts kChannel2{"K", "2", "Card3", "Ch.2 Error", "N", "No Input"};
 
 class Alarms : public ::testing::Test {
  protected:
@@ -51,17 +51,17 @@ class Alarms : public ::testing::Test {
 };
 
 TEST_F(Alarms, StandSideBySideAndEndByTheWordsOfTheirRecovery) {
-  list_->add(kInput, kFirst);
+  list_->add(kInput, kChannel1);
   now_ = 1001;
-  list_->add(kInput, kFirst);
-  list_->add(kInput, kSecond);
-  list_->add({2, 1, 769}, kFirst);
+  list_->add(kInput, kChannel1);
+  list_->add(kInput, kChannel2);
+  list_->add({2, 1, 769}, kChannel1);
   EXPECT_EQ(standing().size(), 3U);
   EXPECT_TRUE(list_->exists(kInput));
   EXPECT_FALSE(list_->exists({2, 0, 770}) || list_->exists({1, 0, 769}) || list_->exists({2, 2, 769}));
   now_ = 1002;
   list_->remove(kInput, "Z", "qam card 3 CH.2  input OK!");
-  list_->add(kInput, kSecond);
+  list_->add(kInput, kChannel2);
   list_->remove(kInput, "Z", "nothing of ch.2x");  // no word in common: the oldest
   list_->remove(kInput, "Z", "whatever");
   list_->remove(kInput, "Z", "too much");
@@ -92,12 +92,12 @@ TEST_F(Alarms, TextsAreCutToTheirFieldsAtWholeCharactersAndGoOutInUtf8) {
 
 TEST_F(Alarms, OutliveAPowerUpAndEndWhereTheCardIsGoneAndAreKeptOnceTheFolderCanBeWritten) {
   writeFile(scratch_.path / "alarms", Bytes{1});
-  list_->add(kInput, kFirst);
-  list_->add({4, 1, 771}, kFirst);
+  list_->add(kInput, kChannel1);
+  list_->add({4, 1, 771}, kChannel1);
   EXPECT_FALSE(list_->file().kept());
   EXPECT_EQ(std::ranges::count(said_, '\n'), 1) << said_;
   fs::remove(scratch_.path / "alarms");
-  list_->add({4, 1, 771}, kSecond);
+  list_->add({4, 1, 771}, kChannel2);
   EXPECT_TRUE(list_->file().kept());
   const Lines before = history();
   powerUp();
@@ -114,10 +114,10 @@ TEST_F(Alarms, OutliveAPowerUpAndEndWhereTheCardIsGoneAndAreKeptOnceTheFolderCan
 }
 
 TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
-  list_->add({5, 0, 769}, kFirst);
+  list_->add({5, 0, 769}, kChannel1);
   for (int i = 0; i < 20'001; ++i) {
     ++now_;
-    i % 2 == 0 ? list_->add(kInput, kFirst) : list_->remove(kInput, "Z", "OK");
+    i % 2 == 0 ? list_->add(kInput, kChannel1) : list_->remove(kInput, "Z", "OK");
   }
   const Lines stood = standing();
   EXPECT_EQ(stood.size(), 2U);
@@ -143,7 +143,7 @@ TEST_F(Alarms, GoOnAfterDamage) {
     SCOPED_TRACE(says);
     fs::remove_all(file_.parent_path());
     powerUp();
-    for (u8 port = 0; port < 3; ++port) list_->add({2, port, 769}, kFirst);
+    for (u8 port = 0; port < 3; ++port) list_->add({2, port, 769}, kChannel1);
     Bytes bytes = readFile(file_);
     change(bytes);
     writeFile(file_, bytes);
@@ -151,7 +151,7 @@ TEST_F(Alarms, GoOnAfterDamage) {
     EXPECT_EQ(list_->history().size(), left);
     EXPECT_NE(said_.find(says), std::string::npos) << said_;
     EXPECT_EQ(fs::exists(file_.string() + ".damaged"), says != std::get<2>(rows[0])) << "kept aside";
-    list_->add({1, 0, 770}, kSecond);
+    list_->add({1, 0, 770}, kChannel2);
     const Lines now = history();
     EXPECT_EQ(now.size(), left + 1);
     powerUp();

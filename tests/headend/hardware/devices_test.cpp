@@ -24,17 +24,17 @@ void expectOutput(const Output& output, double MHz, const std::string& why, cons
 enum Register { kS0 = -1, kGeneral = 1, kY1, kPdiv1, kY2Y3 = 0x14, kPdiv2 = 0x16, kPdiv3, kPll };
 
 TEST(Devices, TheClockFollowsFromTheRegistersAndSettlesAfterAChangeOfThePll) {
-  using Registers = std::vector<std::pair<int, int>>;
+  using RegisterWrites = std::vector<std::pair<int, int>>;
   // N 16, M 5, P 3, so Q = 128 / 5 = 25 and R = 3: 176 MHz. S0 is a line, not a register.
-  const Registers run = {{kS0, 1},         {kY2Y3, 0x6D},    {kPdiv3, 4},     {kPll, 1},
-                         {kPll + 1, 0x00}, {kPll + 2, 0x1B}, {kPll + 3, 0x2F}};
+  const RegisterWrites run = {{kS0, 1},         {kY2Y3, 0x6D},    {kPdiv3, 4},     {kPll, 1},
+                              {kPll + 1, 0x00}, {kPll + 2, 0x1B}, {kPll + 3, 0x2F}};
   constexpr Nanos kSettling = 5'000'000;
   struct Row {
     const char* name;
-    Registers registers;  // after those of `run`
+    RegisterWrites registers;  // after those of `run`
     double MHz;
     const char* why = "";
-    Registers then = {};  // once it has settled
+    RegisterWrites then = {};  // once it has settled
   };
   const Row rows[] = {
       {"N 355, M 100, R 40", {{0x13, 2}, {0x1C, 0x16}, {0x1D, 0x31}, {0x1E, 0x43}, {0x1F, 0x8F}}, 48.8125},
@@ -67,7 +67,7 @@ TEST(Devices, TheClockFollowsFromTheRegistersAndSettlesAfterAChangeOfThePll) {
     Violations violations;
     headend::ClockGenerator part(55e6, violations);
     I2cLines master(part);
-    for (const Registers& registers : {run, row.registers, row.then}) {
+    for (const RegisterWrites& registers : {run, row.registers, row.then}) {
       for (const auto& [index, value] : registers) {
         index == kS0 ? part.selectS0(value != 0, master.now) : void(master.send(0x64, 0x80 | index, value));
       }
@@ -132,29 +132,29 @@ TEST(Devices, TheSensorConvertsEvery800MillisecondsOrOnDemandAndReportsTenBitsAn
 // ---- Synthesizer ----
 
 // 13 MHz / 52 = 250 kHz; B 317, A 8 behind a prescaler of 16: 5080 * 250 kHz = 1270 MHz.
-constexpr u32 kReset = 0x400086, kR = 0x0000D0, kN = 0x013D21, kRun = 0x400082;
+constexpr u32 kInReset = 0x400086, kR = 0x0000D0, kN = 0x013D21, kRun = 0x400082;
 
 TEST(Devices, TheSynthesizerLocksWhereItsLatchesSay) {
   const std::tuple<const char*, std::vector<u32>, double, const char*> rows[] = {
       {"pump currents, lock detect on the output", {0x5F8096, kR, kN, 0x5F8092}, 1270, ""},
-      {"counters alone, afterwards", {kReset, kR, kN, kRun, 0x013D25}, 1270.25, ""},
+      {"counters alone, afterwards", {kInReset, kR, kN, kRun, 0x013D25}, 1270.25, ""},
       {"prescaler 8", {0x000086, kR, kN, 0x000082}, 636, ""},
       {"prescaler 64, A 40", {0xC00086, 0x000104, 0x00FAA1, 0xC00082}, 3208, ""},
       {"prescaler 32, R 8320, B 8000", {0x800086, 0x008200, 0x1F4001, 0x800082}, 400, ""},
       {"no reset", {kR, kN, kRun}, 0, "not programmed"},
-      {"no counters", {kReset, kR, kRun}, 0, "not programmed"},
-      {"no reference counter", {kReset, kN, kRun}, 0, "not programmed"},
-      {"initialization", {kReset, kR, kN, kRun, kRun | 1}, 0, "not programmed"},
-      {"still reset", {kReset, kR, kN, kReset}, 0, "the counters are held in reset"},
-      {"powered down", {kReset, kR, kN, kRun | 8}, 0, "powered down"},
-      {"three-state", {kReset, kR, kN, kRun | 0x100}, 0, "the charge pump is in three-state"},
-      {"polarity", {kReset, kR, kN, kRun & ~0x80U}, 0, "the loop runs away: wrong polarity"},
-      {"R 0", {kReset, 0, kN, kRun}, 0, "the reference counter divides by 0"},
-      {"B 2", {kReset, kR, 0x000201, kRun}, 0, "B is 2"},
-      {"A 8, B 7", {kReset, 0x000004, 0x000721, kRun}, 0, "A is 8"},
-      {"A 8, B 8", {kReset, 0x000004, 0x000821, kRun}, 1768, ""},
-      {"RF too high", {kReset, kR, 0x03E801, kRun}, 0, "4000.000 MHz, outside"},
-      {"RF too low", {kReset, kR, 0x003121, kRun}, 0, "198.000 MHz, outside"},
+      {"no counters", {kInReset, kR, kRun}, 0, "not programmed"},
+      {"no reference counter", {kInReset, kN, kRun}, 0, "not programmed"},
+      {"initialization", {kInReset, kR, kN, kRun, kRun | 1}, 0, "not programmed"},
+      {"still reset", {kInReset, kR, kN, kInReset}, 0, "the counters are held in reset"},
+      {"powered down", {kInReset, kR, kN, kRun | 8}, 0, "powered down"},
+      {"three-state", {kInReset, kR, kN, kRun | 0x100}, 0, "the charge pump is in three-state"},
+      {"polarity", {kInReset, kR, kN, kRun & ~0x80U}, 0, "the loop runs away: wrong polarity"},
+      {"R 0", {kInReset, 0, kN, kRun}, 0, "the reference counter divides by 0"},
+      {"B 2", {kInReset, kR, 0x000201, kRun}, 0, "B is 2"},
+      {"A 8, B 7", {kInReset, 0x000004, 0x000721, kRun}, 0, "A is 8"},
+      {"A 8, B 8", {kInReset, 0x000004, 0x000821, kRun}, 1768, ""},
+      {"RF too high", {kInReset, kR, 0x03E801, kRun}, 0, "4000.000 MHz, outside"},
+      {"RF too low", {kInReset, kR, 0x003121, kRun}, 0, "198.000 MHz, outside"},
       {"prescaler too fast", {0x000086, kR, 0x051401, 0x000082}, 0, "the prescaler puts out 325.0 MHz"},
   };
   for (const auto& [name, words, MHz, why] : rows) {

@@ -11,10 +11,10 @@
 namespace test {
 namespace {
 
-using Words = std::vector<std::string>;
+using Script = std::vector<std::string>;
 
-Words split(const std::string& text, char at) {
-  Words parts;
+Script split(const std::string& text, char at) {
+  Script parts;
   std::istringstream in(text);
   for (std::string part; std::getline(in >> std::ws, part, at);) parts.push_back(part);
   return parts;
@@ -33,11 +33,11 @@ struct Scripts {
   std::string play(const std::string& scripts) {
     for (const std::string& script : split(scripts, '|')) {
       const std::size_t colon = script.find(':');
-      const Words head = split(script.substr(0, colon), ' ');
+      const Script head = split(script.substr(0, colon), ' ');
       const auto body = [this, head, steps = split(script.substr(colon + 1), ';')] {
         for (int times = head.size() > 2 ? std::stoi(head[2]) : 1; times > 0; --times) {
           for (const std::string& step : steps) {
-            const Words words = split(step, ' ');
+            const Script words = split(step, ' ');
             if (perform(head[0], words) == os::ERROR) rig_.tell(head[0] + " " + words[0] + " fails");
           }
         }
@@ -50,7 +50,7 @@ struct Scripts {
   }
 
  private:
-  int perform(const std::string& name, const Words& step) {
+  int perform(const std::string& name, const Script& step) {
     Kernel& k = rig_.kernel;
     const std::string& service = step[0];
     const auto ticks = [&](std::size_t i) { return i < step.size() ? std::stoi(step[i]) : os::WAIT_FOREVER; };
@@ -143,7 +143,7 @@ TEST(Tasks, ThatAreHigherRunBeforeTheCallReturnsThatWokeThem) {
 }
 
 TEST(Tasks, PayForEachCallAlsoInVain) {
-  const std::pair<bool, Words> rows[] = {
+  const std::pair<bool, Script> rows[] = {
       {true, {"lock", "unlock", "delay 0", "take given", "send x", "sendto", "spawn 200"}},
       {false, {"take none", "give none", "give mutex", "receive 0", "recvfrom 0"}}};
   for (const auto& [succeeds, calls] : rows) {

@@ -11,7 +11,7 @@ namespace base {
 
 // The content of a file. Throws std::system_error with the reason if the file cannot be read or is longer
 // than `most`.
-std::string readFile(const std::filesystem::path& file, std::size_t most);
+std::string readFile(const std::filesystem::path& path, std::size_t most);
 
 // The target of a path, whether or not a file exists: without links. Throws std::system_error for a loop.
 std::filesystem::path followLinks(std::filesystem::path path);
@@ -20,17 +20,17 @@ std::filesystem::path followLinks(std::filesystem::path path);
 // device or pipe receives the bytes. Throws std::system_error.
 void writeOutput(const std::filesystem::path& path, std::span<const u8> bytes);
 
-// Writes `bytes` to `aside`, a name in the same folder, flushes it, renames it to `file`, flushes the folder.
-// Throws std::system_error with the failed step; then `aside` is removed and `file` is unchanged. Without the
+// Writes `bytes` to `aside`, a name in the same folder, flushes it, renames it to `path`, flushes the folder.
+// Throws std::system_error with the failed step; then `aside` is removed and `path` is unchanged. Without the
 // flushes, the data survives a crash of the process but not of the machine: `flushFile` can flush it later.
 enum class Flush { kNow, kLater };
-void replaceFile(const std::filesystem::path& file, const std::filesystem::path& aside,
+void replaceFile(const std::filesystem::path& path, const std::filesystem::path& aside,
                  std::span<const u8> bytes, Flush flush = Flush::kNow);
 
 // Appends `bytes` to an existing file, completely or not at all. Throws std::system_error.
-void appendToFile(const std::filesystem::path& file, std::span<const u8> bytes, Flush flush = Flush::kNow);
+void appendToFile(const std::filesystem::path& path, std::span<const u8> bytes, Flush flush = Flush::kNow);
 
 // Flushes a file and its folder. Throws std::system_error.
-void flushFile(const std::filesystem::path& file);
+void flushFile(const std::filesystem::path& path);
 
 }  // namespace base

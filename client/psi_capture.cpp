@@ -164,7 +164,7 @@ class Pass {
       notes.push_back(
           fmt::format("the capture has PATs of {} transport streams: a receiver takes one of them", pats));
     }
-    if (pats == 0) notes.push_back("the capture has no PAT, so programme maps cannot be found in it");
+    if (pats == 0) notes.emplace_back("the capture has no PAT, so programme maps cannot be found in it");
   }
 
   struct LossRow {

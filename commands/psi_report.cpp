@@ -7,8 +7,8 @@
 #include <span>
 #include <stdexcept>
 
-#include "client/psi_capture.h"
 #include "base/text.h"
+#include "client/psi_capture.h"
 #include "platform/wire.h"
 
 namespace commands {

@@ -39,15 +39,17 @@ std::optional<int> takeSlot(std::string& text) {
   return slot;
 }
 
-Options::Input parseInput(const std::string& whole, const std::string& text) {
+// `flag` is the whole text, for messages.
+Options::Input parseInput(const std::string& flag, const std::string& input) {
   constexpr std::string_view kUdp = "udp://";
-  if (text.starts_with(kUdp)) return {.file{}, .bitRate{}, .address = parseAddress(text.substr(kUdp.size()))};
-  const std::size_t at = text.rfind('@');
-  const auto rate = at == std::string::npos ? std::nullopt : base::parseDecimal<u64>(text.substr(at + 1));
-  if (!rate) return {.file = text, .bitRate{}, .address{}};  // an @ is part of the file's name
+  if (input.starts_with(kUdp))
+    return {.file{}, .bitRate{}, .address = parseAddress(input.substr(kUdp.size()))};
+  const std::size_t at = input.rfind('@');
+  const auto rate = at == std::string::npos ? std::nullopt : base::parseDecimal<u64>(input.substr(at + 1));
+  if (!rate) return {.file = input, .bitRate{}, .address{}};  // an @ is part of the file's name
   if (*rate < FileInput::kSlowest || *rate > FileInput::kFastest)
-    refuse(whole, "a rate is in bits a second, from 1000 to 1000000000");
-  return {.file = text.substr(0, at), .bitRate = rate, .address{}};
+    refuse(flag, "a rate is in bits a second, from 1000 to 1000000000");
+  return {.file = input.substr(0, at), .bitRate = rate, .address{}};
 }
 
 // "N.P.input-lost"; false for another fault.

@@ -21,9 +21,9 @@
 #include "platform/memory.h"
 #include "platform/sockets.h"
 
-using base::utf8OfGbk;
-
 namespace {
+
+using base::utf8OfGbk;
 
 test::FakeChassis* current = nullptr;
 

@@ -106,8 +106,8 @@ class PanelTerminal {
   PanelTerminal(const PanelTerminal&) = delete;
   PanelTerminal& operator=(const PanelTerminal&) = delete;
 
-  int width() const { return getmaxx(stdscr); }
-  int height() const { return getmaxy(stdscr); }
+  static int width() { return getmaxx(stdscr); }
+  static int height() { return getmaxy(stdscr); }
   void beep() { beep_sp(terminal_); }
 
   // Sends only what has changed.

@@ -112,7 +112,7 @@ Entries mapOfRelease(Link& link, const ChannelState& state, ReleaseBy by, const 
                      const ChangeOptions& options) {
   if (by == ReleaseBy::kMap) return withoutBlanks(entries, options);
   if (by == ReleaseBy::kRecord) return withoutBlanks(state.map.entries, options);
-  options.note("the router knows no programme numbers and types: they become 0");
+  options.note("the router stores no programme numbers and types: they become 0");
   try {
     return withoutBlanks(entriesOf(routerMap(link, state.channel)), options);
   } catch (const Error& e) {

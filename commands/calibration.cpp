@@ -278,7 +278,7 @@ struct CalWrite final : CalChange {
 
   void prepare(Surroundings& /*surroundings*/) override {
     if (std::ranges::all_of(groups_, [](const auto& bytes) { return bytes.empty(); }))
-      throw WrongCall("write wants at least one of --common, --i and --q");
+      throw WrongCall("write needs at least one of --common, --i and --q");
   }
 
   DacRegisters changed(DacRegisters registers) const override {

@@ -185,7 +185,7 @@ Group programmeCommands() {
       .commands = {
           {"add", "Take a programme of an input into the channel", make<ProgrammeAdd>},
           {"list", "Show the programmes, their PIDs and where these come from", make<ProgrammeList>},
-          {"remove", "Take a programme out, with every PID whose last user it was", make<ProgrammeRemove>}}};
+          {"remove", "Take a programme out, with every PID that no other programme uses", make<ProgrammeRemove>}}};
 }
 
 }  // namespace commands

@@ -209,7 +209,7 @@ std::vector<u32> parseSnmpBase(const std::string& text) {
   const u32 below =
       base[kInternet.size()];  // 2 and 6: mib-2 and snmpV2, where the agent has objects of its own
   if (std::ranges::equal(kInternet, std::span(base).first(kInternet.size())) && (below == 2 || below == 6))
-    refuse(text, "lies among the standards' objects: want one of your own, below 1.3.6.1.4.1");
+    refuse(text, "is among the standards' objects: want one of your own, below 1.3.6.1.4.1");
   return base;
 }
 

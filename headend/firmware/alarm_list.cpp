@@ -207,10 +207,10 @@ void AlarmList::add(const Key& key, const Texts& texts) {
   fill(alarm.StrEnCont, texts.enContent);
   fill(alarm.StrZhTrap, texts.zhTrap);
   fill(alarm.StrEnTrap, texts.enTrap);
-  const auto stands = [&](const AlarmRecord& other) {
+  const auto isStanding = [&](const AlarmRecord& other) {
     return fits(other.alarm, key) && hasTextsOf(other.alarm, alarm);
   };
-  if (std::ranges::none_of(standing_, stands)) note(event);
+  if (std::ranges::none_of(standing_, isStanding)) note(event);
 }
 
 void AlarmList::remove(const Key& key, const char* zhTrap, const char* enTrap) {

@@ -121,8 +121,8 @@ void Multiplexer::show(mpeg::PacketView packet) {
   if (tap_) tap_(packet);
 }
 
-// Ticks of 27 MHz from then to the departure that is due, rounded to the nearest. The departure lies a part
-// of a nanosecond after `next_`.
+// Ticks of 27 MHz from then to the departure that is due, rounded to the nearest. The departure is a part of
+// a nanosecond after `next_`.
 std::uint64_t Multiplexer::ticksSince(Nanos arrival) const {
   const std::uint64_t thousandths = static_cast<std::uint64_t>(next_ - arrival) * 27;
   const std::uint64_t aTick = 1000 * divisor_;

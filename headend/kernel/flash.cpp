@@ -41,7 +41,7 @@ std::optional<std::string> Flash::read(const std::string& path, std::size_t most
 template <typename Action>
 std::string Flash::save(const std::string& path, Action action) {
   const auto host = hostPath(path);
-  if (!host) return fmt::format("cannot save {}: it lies outside the flash", path);
+  if (!host) return fmt::format("cannot save {}: it is outside the flash", path);
   try {
     action(*host);
   } catch (const std::system_error& e) {

@@ -120,7 +120,7 @@ class PassCheck {
     const auto found =
         std::search(out.payload.begin(), out.payload.end(),
                     std::boyer_moore_horspool_searcher(source.payload.begin(), source.payload.end()));
-    if (found == out.payload.end()) return fail("no whole pass of the source stands in the output");
+    if (found == out.payload.end()) return fail("the output contains no whole pass of the source");
 
     const auto first = static_cast<int64_t>(found - out.payload.begin());
     const auto length = static_cast<int64_t>(source.payload.size());

@@ -106,7 +106,7 @@ Json check(const Options& options, Faults& faults) {
   if (seen.cutSections == 0)
     for (const std::string& text : decoder.errors) faults.add("libdvbpsi", text);
   if (seen.packets <= scanOptions.fromPacket)
-    faults.add("empty", options.from_s > 0 ? "no packet lies behind --from" : "there is no packet");
+    faults.add("empty", options.from_s > 0 ? "there is no packet after --from" : "there is no packet");
 
   const Rate rate = options.rate.known() ? options.rate : rateByPcr(seen);
   Json summary = checkStream(options, rate, seen, contents, pmtPids, faults);

@@ -81,7 +81,7 @@ class Parser {
 
   void single(const Words& words, std::string& into, const char* want) const {
     demand(words.size() == 2 && isPrintable(words[1], 1, kLongestCommunity),
-           fmt::format("{} wants {}", words[0], want));
+           fmt::format("{} needs {}", words[0], want));
     demand(into.empty(), words[0] + " is there twice");
     into = words[1];
   }

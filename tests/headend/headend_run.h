@@ -22,13 +22,11 @@ using headend::kSecond;
 using headend::Nanos;
 
 inline headend::Options fastOptions(const fs::path& folder, Nanos duration, std::vector<int> slots = {0}) {
-  headend::Options options;
-  options.flash = folder / "flash";
-  options.slots = std::move(slots);
-  options.duration = duration;
-  options.fast = true;
-  options.log = folder / "log";
-  return options;
+  return {.flash = folder / "flash",
+          .slots = std::move(slots),
+          .duration = duration,
+          .fast = true,
+          .log = folder / "log"};
 }
 
 inline int run(Headend& headend) {

@@ -93,26 +93,19 @@ TEST_F(Menus, ShowTheCardsValuesAndSetThemUnderTheirNamesInBothLanguages) {
   EXPECT_EQ(qamMenuInit.val, 2U);
   Lines tree;
   describe(*qamMenuInit.submenu, "", tree);
-  const Lines expected = {
-      "QAM Sta. 调制器状态: opens",
-      "  Version 版本: opens",
-      "    HARD Ver. 硬件版本: V1.0",
-      "    MCU Ver. 软件版本: V2.1.05A",
-      "    FPGA Ver. 逻辑版本: V2.1.00",
-      "  Ch.1 频点1: opens",
-      "    Qam Mode 调制模式: 128 128",
-      "    Symbol Rate 符号率: screen 2001, 16:6.875 70:Mbps",
-      "    RF Freq 输出频率: screen 2001, 16:0554.000 82:MHz",
-      "    RF Level 输出电平: screen 2001, 16:101.2 70:dBuV",
-      "    RF Switch 输出开关: On 打开",
-      "    QAM Switch 调制开关: On 打开",
-      "  Ch.2 频点2: opens",
-      "    Qam Mode 调制模式: 128 128",
-      "    Symbol Rate 符号率: screen 2001, 16:6.875 70:Mbps",
-      "    RF Freq 输出频率: screen 2001, 16:0562.000 82:MHz",
-      "    RF Level 输出电平: screen 2001, 16:101.2 70:dBuV",
-      "    RF Switch 输出开关: On 打开",
-      "    QAM Switch 调制开关: On 打开",
+  const auto channel = [](int number, const char* frequency) {
+    return Lines{fmt::format("  Ch.{0} 频点{0}: opens", number),
+                 "    Qam Mode 调制模式: 128 128",
+                 "    Symbol Rate 符号率: screen 2001, 16:6.875 70:Mbps",
+                 fmt::format("    RF Freq 输出频率: screen 2001, 16:{} 82:MHz", frequency),
+                 "    RF Level 输出电平: screen 2001, 16:101.2 70:dBuV",
+                 "    RF Switch 输出开关: On 打开",
+                 "    QAM Switch 调制开关: On 打开"};
+  };
+  const Lines version = {"QAM Sta. 调制器状态: opens", "  Version 版本: opens",
+                         "    HARD Ver. 硬件版本: V1.0", "    MCU Ver. 软件版本: V2.1.05A",
+                         "    FPGA Ver. 逻辑版本: V2.1.00"};
+  const Lines set = {
       "QAM SET 调制器设置: opens",
       "  Qam Mode 调制模式: sets, 64 64: qam_mode=5, 128 128: qam_mode=6, 256 256: qam_mode=7",
       "  Symbol Rate 符号率: screen 2000, 16:[6].875 70:Mbps",
@@ -121,17 +114,12 @@ TEST_F(Menus, ShowTheCardsValuesAndSetThemUnderTheirNamesInBothLanguages) {
       "  Power Switch 输出开关: sets, On 打开: power=15, Off 关闭: power=0",
       "  RF Switch 调制开关: sets, On 打开: rf0_en=0, Off 关闭: rf0_en=1",
   };
-  EXPECT_EQ(tree, expected);
+  EXPECT_EQ(tree, version + channel(1, "0554.000") + channel(2, "0562.000") + set);
 }
 
 // Each key's letter: u d l r as they are, o OK, x cancel, q leave, . none, ? and ! codes that no key has.
 TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
-  struct Screen {
-    chassis::ItemHandler* handler;
-    u32 id;
-    u32 QamParaS::*setting;
-    const char* unit;
-  };
+  using Screen = std::tuple<chassis::ItemHandler*, u32, u32 QamParaS::*, const char*>;  // at last the unit
   const Screen kRate{qamMenuSetSymRate, kVarSymbolRate, &QamParaS::symbolrate, " 70:Mbps"};
   const Screen kLevel{qamMenuSetRfLevel, kVarLevel, &QamParaS::rflevel, " 70:dBuV"};
   const Screen kFreq{qamMenuSetRfFreq, kVarFrequency, &QamParaS::rfreq, " 82:MHz"};
@@ -141,26 +129,27 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   const auto session = [&](const Screen& on, u32 start, const char* keys, const char* screens, u32 after,
                            u16 flag = 0) {
     SCOPED_TRACE(fmt::format("{} from {}", keys, start));
-    u32& value = fake.start(2)->qam_para.*on.setting;
+    const auto handler = std::get<0>(on);
+    u32& value = fake.start(2)->qam_para.*std::get<2>(on);
     value = start;
-    const item_t item{.id = on.id, .flag = flag, .en = "Item"_label};
+    const item_t item{.id = std::get<1>(on), .flag = flag, .en = "Item"_label};
     std::string shown;
     fake.onKeyScan = [&] {
       if (*keys == '\0') fake.leave();
       const std::string now = screen();
-      EXPECT_TRUE(now.starts_with("16:") && now.ends_with(on.unit)) << now;
+      EXPECT_TRUE(now.starts_with("16:") && now.ends_with(std::get<3>(on))) << now;
       shown += (shown.empty() ? "" : " ") + now.substr(3, now.rfind(' ') - 3);
       const auto code = std::string_view(".oxudlr?!").find(*keys);
       return *keys++ == 'q' ? u8{0xFF} : static_cast<u8>(code);
     };
-    EXPECT_TRUE(fake.runs([&] { EXPECT_EQ(on.handler(&item, 2, 0x101), 0); })) << "it goes on";
+    EXPECT_TRUE(fake.runs([&] { EXPECT_EQ(handler(&item, 2, 0x101), 0); })) << "it goes on";
     EXPECT_STREQ(keys, "") << "it has ended";
     EXPECT_EQ(fake.log.front(), "heading Item 0 10000000");
     EXPECT_EQ(shown, screens);
     EXPECT_EQ(value, after);
     EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "save 2"), after != start);
     fake.forget();
-    EXPECT_EQ(on.handler(nullptr, 2, 0), -1);
+    EXPECT_EQ(handler(nullptr, 2, 0), -1);
     EXPECT_EQ(fake.log, Lines{});
   };
   // Ranges

@@ -4,7 +4,6 @@
 
 #include "card/QamFpga.h"
 #include "card/qamVar.h"
-#include "hw/ad7414.h"
 #include "platform/address_word.h"
 #include "tests/module/chassis.h"
 
@@ -31,11 +30,6 @@ TEST_F(Variables, ReadsAreTheRecordsTheSensorsAndTheVersions) {
     ++id;
   }
   for (const u32 none : {29U, 46U, 51U, 53U}) EXPECT_EQ(get(none), 0U) << none;
-  for (const u8 place : {u8{1}, u8{2}}) {
-    u8 configuration = 0;
-    ad7414_reg_read(2, &configuration, 1, 1, place);
-    EXPECT_EQ(configuration & 0x80, 0x80) << "sensor " << place << " sleeps";
-  }
   board.sensor(1).temperature(41.75, fake.now);
   board.sensor(2).temperature(-2, fake.now);
   QamFpgaIf[2]->version = 0x01FF;

@@ -22,11 +22,13 @@ using headend::kSecond;
 using headend::Nanos;
 
 inline headend::Options fastOptions(const fs::path& folder, Nanos duration, std::vector<int> slots = {0}) {
-  return {.flash = folder / "flash",
-          .slots = std::move(slots),
-          .duration = duration,
-          .fast = true,
-          .log = folder / "log"};
+  headend::Options options;
+  options.flash = folder / "flash";
+  options.slots = std::move(slots);
+  options.duration = duration;
+  options.fast = true;
+  options.log = folder / "log";
+  return options;
 }
 
 inline int run(Headend& headend) {

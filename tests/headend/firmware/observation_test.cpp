@@ -1,5 +1,11 @@
+// What the headend's observation of its cards finds: tasks that hang, and the intervals of tables.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <memory>
+
+#include "headend/firmware/carousel_monitor.h"
+#include "platform/chassis.h"
 #include "tests/headend/headend_run.h"
 
 namespace test {
@@ -29,6 +35,30 @@ TEST(CardStates, ASendTaskWithoutAReadyOutputHangsAloneAndIsNamedOnce) {
   const std::string log = readText(scratch.path / "log");
   const std::size_t named = log.find("qam2PSISend1 has polled slot 3 PsiRdy1 since ");
   EXPECT_EQ(named + std::string("qam2PSISend1").size(), log.rfind(" has polled")) << log;
+}
+
+// A card in slot 2 whose first channel stores a PAT. How intervals are measured, captures.py shows.
+TEST(CarouselMonitor, AnUploadAndAnotherChannelContinueNoGroup) {
+  const auto record = std::make_unique<QamCardPara>();
+  record->psiPkt[0][0].psiData[1] = 0x40;
+  chassis::card card{};
+  card.slotNo = 1;
+  card.cardType = QAM_CARD_TYPE;
+  card.varPtr = record.get();
+  chassis::head = &card;
+  headend::CarouselMonitor monitor;
+  std::array<char, 2> queues{};  // their addresses name them, and are never followed
+  const auto* queue = reinterpret_cast<const os::MsgQ*>(queues.data());
+  for (char& each : queues) monitor.queueCreated(reinterpret_cast<const os::MsgQ*>(&each), 1);
+  const auto post = [&](std::uint64_t tick) { monitor.posted(queue, std::array<char, sizeof(u32)>{}, tick); };
+  post(100);
+  monitor.restart(1, 1);
+  post(200);
+  monitor.restart(1, 0);
+  post(5000);
+  post(5100);
+  const auto& pat = monitor.tables(1, 0)[PAT];
+  EXPECT_EQ(std::pair(pat.intervals, pat.max_ticks), std::pair(std::uint64_t{2}, std::uint64_t{100}));
 }
 
 }  // namespace

@@ -11,10 +11,10 @@
 
 #include "headend/hardware/packet_sink.h"
 #include "headend/kernel/kernel.h"
+#include "tests/headend/scratch.h"
 
 namespace test {
 
-using Bytes = std::vector<u8>;
 using headend::kSecond;
 using headend::Nanos;
 using u64 = std::uint64_t;
@@ -31,10 +31,6 @@ inline void put(std::span<u8> bytes, std::size_t from, std::size_t count, u64 va
     const auto mask = static_cast<u8>(0x80 >> i % 8);
     bytes[i / 8] = static_cast<u8>((bytes[i / 8] & ~mask) | ((value & 1) != 0 ? mask : 0));
   }
-}
-
-inline void append(Bytes& to, std::span<const u8> more) {
-  to.insert(to.end(), more.begin(), more.end());
 }
 
 inline u64 pcrIn(std::span<const u8> p) {

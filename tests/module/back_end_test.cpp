@@ -158,31 +158,25 @@ TEST_F(BackEnd, ALockErasesAndHaltsAndAnUnlockSavesThenRebuildsThenRuns) {
 }
 
 TEST_F(BackEnd, ChunksAreStoredAndCountedByTableOnThePidWhereItBelongs) {
-  struct Row {
-    u8 table, type;
-    u16 pid;
-    std::string check;  // fails on another PID
-  };
-  for (const Row& row : {Row{kSdt, SDT_C, 0x11, "pid == 0x11"},
-                         {kPat, PAT, 0, "pid == 0"},
-                         {0x01, CAT, 1, "pid == 1"},
-                         {kPmt, PMT, 0x1234, ""},
-                         {0x40, NIT_C, 0x10, "pid == 0x10"},
-                         {0x41, NIT_O, 0x10, "pid == 0x10"},
-                         {0x46, SDT_O, 0x11, "pid == 0x11"},
-                         {0x4A, BAT, 0x11, "pid == 0x11"}}) {
-    SCOPED_TRACE(fmt::format("table {:#x}", row.table));
+  // By table_id: the type, the PID, and the check that fails on another one.
+  using Row = std::tuple<u8, u8, u16, Lines>;
+  const Row rows[] = {
+      {kSdt, SDT_C, 0x11, {"qamBack: pid == 0x11"}}, {kPat, PAT, 0, {"qamBack: pid == 0"}},
+      {0x01, CAT, 1, {"qamBack: pid == 1"}},         {kPmt, PMT, 0x1234, {}},
+      {0x40, NIT_C, 0x10, {"qamBack: pid == 0x10"}}, {0x41, NIT_O, 0x10, {"qamBack: pid == 0x10"}},
+      {0x46, SDT_O, 0x11, {"qamBack: pid == 0x11"}}, {0x4A, BAT, 0x11, {"qamBack: pid == 0x11"}}};
+  for (const auto& [table, type, pid, check] : rows) {
+    SCOPED_TRACE(fmt::format("table {:#x}", table));
     fake.forget();
-    const Bytes marks(row.type % 7 + 1U, row.table);
+    const Bytes marks(type % 7 + 1U, table);
     const auto count = static_cast<u16>(marks.size());
-    EXPECT_EQ(write(kPackets, chunk(row.pid, row.table, marks), 1), 0);
-    EXPECT_EQ(para.pktNum[1][row.type], count);
-    EXPECT_EQ(read(kPackets, request(row.pid, row.table, 0), 1).data,
-              chunk(row.pid, row.table, marks, count));
+    EXPECT_EQ(write(kPackets, chunk(pid, table, marks), 1), 0);
+    EXPECT_EQ(para.pktNum[1][type], count);
+    EXPECT_EQ(read(kPackets, request(pid, table, 0), 1).data, chunk(pid, table, marks, count));
     EXPECT_EQ(fake.checks, Lines{});
-    const u16 onAnother = QamGetPsiPktNumSamePidTid(1, 5, row.table, &para);
-    EXPECT_EQ(onAnother, row.type == PMT ? 0 : count) << "a failed check goes on";
-    EXPECT_EQ(fake.checks, row.type == PMT ? Lines{} : Lines{"qamBack: " + row.check});
+    const u16 onAnother = QamGetPsiPktNumSamePidTid(1, 5, table, &para);
+    EXPECT_EQ(onAnother, type == PMT ? 0 : count) << "a failed check goes on";
+    EXPECT_EQ(fake.checks, check);
   }
   EXPECT_EQ(para.psiPkt[0][0].pid, 0xFFFF) << "the other channel's store";
   EXPECT_EQ(QamGetPsiPktNumSamePidTid(1, 5, kNoTable, &para), 0);

@@ -34,9 +34,6 @@ void note(fmt::format_string<Values...> format, Values&&... values) {
 void step(std::string what) {
   current->steps.push_back(std::move(what));
 }
-void tell(const char* call) {
-  if (current->onCall) current->onCall(call);
-}
 
 std::string formatted(const char* format, va_list arguments) {
   char text[200];
@@ -91,11 +88,6 @@ bool FakeChassis::runs(const std::function<void()>& body) {
   return true;
 }
 
-// The module's frames hold nothing that would need destruction.
-void FakeChassis::leave() {
-  std::longjmp(wayOut_, 1);
-}
-
 u32 FakeChassis::addressOf(const volatile void* reg) const {
   return kWindows + static_cast<u32>(static_cast<const volatile u16*>(reg) - bus_) * 2;
 }
@@ -139,7 +131,7 @@ std::FILE* fopen(const char* path, const char* mode) {
 }
 
 void* malloc(std::size_t size) {
-  tell("malloc");
+  current->onCall("malloc");
   if (current->heapBlocks-- <= 0) return nullptr;
   void* block = std::malloc(size);
   std::memset(block, 0xA7, size);
@@ -202,7 +194,7 @@ int taskSpawn(const char* name, int priority, int options, int stackSize, FUNCPT
 }
 
 int taskDelay(int ticks) {
-  tell("delay");
+  current->onCall("delay");
   note("delay {}", ticks);
   step(fmt::format("{} ticks", ticks));
   current->now += 1'000'000'000LL * ticks / current->tickHz;
@@ -296,7 +288,7 @@ int set_one_map(u8 slotNo, u8 port, u16 index, const u16* words) {
 }
 
 int para_save(u8 slotNo) {
-  tell("save");
+  current->onCall("save");
   note("save {}", slotNo);
   return 0;
 }

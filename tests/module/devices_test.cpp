@@ -154,26 +154,20 @@ Lines latched(const std::string& device, int bits, u32 word, const Lines& pause)
 }
 
 TEST_F(Devices, SynthesizersGetTheirLatches) {
-  struct Row {
-    const char* name;
-    std::function<void()> routine;
-    std::string device;
-    u32 function, counters;
-    Lines band = {};
-  };
-  const Row rows[] = {
-      {"first oscillator", [] { SetLO1Freq(0); }, "lo1", 0x9F8092, 2725 << 8 | 1},
+  // The routine, its device, the function and the counters; the steps before that.
+  const std::tuple<void (*)(), const char*, u32, u32, Lines> rows[] = {
+      {[] { SetLO1Freq(0); }, "lo1", 0x9F8092, 2725 << 8 | 1, {}},
       // 2.6 GHz to the Hz, and a kHz above
-      {"lower band", [] { SetFreq(0, 1506000); }, "lo2_q1", 0x9F8012, 6500 << 8 | 1, {"q1_12v_ctrl=1"}},
-      {"upper band", [] { SetFreq(0, 1506001); }, "lo2_q1", 0x9F8012, 6500 << 8 | 1, {"q1_12v_ctrl=0"}},
-      {"prescaler 8", [] { set_pll(1, 0, 0, 100000000, 0); }, "lo2_q1", 0x1F8012, 1000 << 8 | 1},
-      {"half a step up", [] { set_pll(1, 2, 0, 1568006250, 0); }, "lo2_q1", 0x9F8012, 3920 << 8 | 5},
+      {[] { SetFreq(0, 1506000); }, "lo2_q1", 0x9F8012, 6500 << 8 | 1, {"q1_12v_ctrl=1"}},
+      {[] { SetFreq(0, 1506001); }, "lo2_q1", 0x9F8012, 6500 << 8 | 1, {"q1_12v_ctrl=0"}},
+      {[] { set_pll(1, 0, 0, 100000000, 0); }, "lo2_q1", 0x1F8012, 1000 << 8 | 1, {}},   // prescaler 8
+      {[] { set_pll(1, 2, 0, 1568006250, 0); }, "lo2_q1", 0x9F8012, 3920 << 8 | 5, {}},  // half a step up
   };
-  for (const Row& row : rows) {
-    Lines expected = row.band;
-    for (const u32 word : {row.function | 4, 0x001040U, row.counters, row.function})
-      expected = expected + latched(row.device, 24, word, {});
-    EXPECT_EQ(fake.stepsOf(row.routine), expected) << row.name;
+  for (const auto& [routine, device, function, counters, band] : rows) {
+    Lines expected = band;
+    for (const u32 word : {function | 4, 0x001040U, counters, function})
+      expected = expected + latched(device, 24, word, {});
+    EXPECT_EQ(fake.stepsOf(routine), expected) << device << ' ' << counters;
   }
   EXPECT_EQ(fake.stepsOf([] { set_pll(2, 2, 0, 1568000000, 0); }), Lines{}) << "no such synthesizer";
   for (const int length : {0, 1, 32, 33}) {
@@ -236,19 +230,18 @@ TEST_F(Devices, RatesAreCountedForHalfASecondAndOfNoThirdOutput) {
 // ---- The window itself ----
 
 TEST_F(Devices, PidFiltersAreSetByAStrobeEach) {
-  const auto strobe = [](u32 pid, int pass) {
-    return Lines{fmt::format("qampidfilter1_filter_pid_l={}", pid),
-                 fmt::format("qampidfilter1_filter_pid_h={}", pid >> 8),
-                 fmt::format("qampidfilter1_filter_onoff={}", pass), "qampidfilter1_filter_we=1",
-                 "qampidfilter1_filter_we=0"};
+  const auto strobes = [](int pass) {
+    Lines all;
+    for (u32 pid = 0; pid < 8192; ++pid) {
+      for (const std::string& step :
+           {fmt::format("pid_l={}", pid), fmt::format("pid_h={}", pid >> 8), fmt::format("onoff={}", pass),
+            std::string("we=1"), std::string("we=0")})
+        all.push_back("qampidfilter1_filter_" + step);
+    }
+    return all;
   };
-  Lines blocked, passed;
-  for (u32 pid = 0; pid < 8192; ++pid) {
-    for (const std::string& step : strobe(pid, 0)) blocked.push_back(step);
-    for (const std::string& step : strobe(pid, 1)) passed.push_back(step);
-  }
-  EXPECT_TRUE(fake.stepsOf([] { qamPidFilterAllSet(0, 1, 0); }) == blocked);
-  EXPECT_TRUE(fake.stepsOf([] { qamFpgaWFilter(0, 1, nullptr); }) == passed);
+  EXPECT_TRUE(fake.stepsOf([] { qamPidFilterAllSet(0, 1, 0); }) == strobes(0));
+  EXPECT_TRUE(fake.stepsOf([] { qamFpgaWFilter(0, 1, nullptr); }) == strobes(1));
 }
 
 TEST_F(Devices, BenchTestsWriteScratchRegistersAndToggleTheClockLine) {

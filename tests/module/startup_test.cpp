@@ -41,11 +41,8 @@ TEST_F(StartUp, RegistrationFillsTheDescriptorAndCallsTheChassisInOrder) {
 }
 
 TEST_F(StartUp, SetsTheWindowAndStartsBothChannelsEachHaltedMeanwhile) {
-  struct Row {
-    u8 slot;
-    u32 window;
-    int tickHz, delay;  // ticks of 10 ms, cut
-  };
+  // By slot: the window, the rate of the ticks, and how many are in 10 ms, cut.
+  using Row = std::tuple<u8, u32, int, int>;
   for (const auto& [slot, window, tickHz, delay] : {Row{0, 0x60000000, 100, 1},
                                                     {1, 0x60000200, 99, 0},
                                                     {2, 0x60000400, 1000, 10},

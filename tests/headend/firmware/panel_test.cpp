@@ -96,7 +96,7 @@ TEST(Panel, EveryCharacterHasItsPixelsFromTheFont) {
 TEST(Panel, PaceTheTaskThatScansThemAndEndAMenuThatIsNotUsed) {
   Rig rig(freeCalls());
   Keypad keys(rig.kernel, kSecond);
-  rig.task("scans", 10, [&] {
+  rig.kernel.spawn("scans", 10, [&] {
     for (;;) {
       const Nanos before = rig.kernel.now();
       const int key = keys.scan();

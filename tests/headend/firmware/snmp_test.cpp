@@ -59,13 +59,8 @@ TEST(SnmpEngine, CountsItsBootsAndIsANewOneWhereItsFileIsDamagedOrTheyAreUsedUp)
   EXPECT_EQ(boot().boots, 1U);
   EXPECT_TRUE(has(said, "used up"));
   const std::string line = "engine " + id + " boots ";
-  const std::string damaged[] = {"",
-                                 line + "7",
-                                 "engine 0x80001f88 boots 7\n",
-                                 line + "7\nmore",
-                                 line + "4294967298\n",
-                                 std::string(5000, 'x')};
-  for (const std::string& text : damaged) {
+  for (const std::string& text : {std::string(), line + "7", std::string("engine 0x80001f88 boots 7\n"),
+                                  line + "7\nmore", line + "4294967298\n", std::string(5000, 'x')}) {
     said.clear();
     put(text);
     const EngineIdentity engine = boot();

@@ -99,9 +99,8 @@ TEST(CardFpga, IsOnTheBusWithItsWindowAndItsPortAndNoOtherAnswers) {
 // ---- Configuration ----
 
 TEST(CardFpga, TakesAWholeStreamAndNoOther) {
-  Bytes whole(32, 0xFF);
-  append(whole, Bytes{'Q', 'A', 'M', 'B', 0, 0, 0, 5});                        // and the payload's length
-  append(whole, Bytes{0x12, 0x34, 0x56, 0x78, 0x9A, 0x4C, 0xA0, 0xF5, 0xAF});  // and a CRC of IEEE 802.3
+  Bytes whole = Bytes(32, 0xFF) + Bytes{'Q', 'A', 'M', 'B', 0, 0, 0, 5} +     // and the payload's length
+                Bytes{0x12, 0x34, 0x56, 0x78, 0x9A, 0x4C, 0xA0, 0xF5, 0xAF};  // and a CRC of IEEE 802.3
   const auto accepts = [](const Bytes& stream, int closingClocks = 200) {
     Card card(false);
     card.load(stream, closingClocks);

@@ -9,12 +9,12 @@
 
 #include "headend/hardware/dac.h"
 #include "headend/hardware/i2c.h"
+#include "tests/headend/scratch.h"
 
 namespace test {
 
 using headend::Nanos;
 using headend::Violations;
-using Bytes = std::vector<u8>;
 
 // What has been counted, separated by spaces.
 inline std::string kinds(const Violations& violations) {

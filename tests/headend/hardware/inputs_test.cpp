@@ -9,7 +9,6 @@
 #include "headend/hardware/udp_input.h"
 #include "tests/headend/kernel/rig.h"
 #include "tests/headend/packets.h"
-#include "tests/headend/scratch.h"
 
 namespace test {
 namespace {
@@ -24,7 +23,7 @@ Bytes stream(const std::vector<double>& pcrs_ms, u64 base_ticks) {
   for (const double ms : pcrs_ms) {
     PacketFields fields{.counter = all.size() / 188};
     if (ms != kNone) fields.pcr = (base_ticks + static_cast<u64>(std::llround(ms * 27e3))) % kPcrWrap;
-    append(all, packet(fields));
+    all = std::move(all) + packet(fields);
   }
   return all;
 }
@@ -61,8 +60,8 @@ TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
       const u64 pass = i / pcrs_ms.size(), place = i % pcrs_ms.size();
       const double arrival = 1e9 + static_cast<double>(pass) * period_ns + arrive_ms[place] * 1e6;
       EXPECT_NEAR(static_cast<double>(input.nextArrival()), arrival, 1);
-      Bytes expected;
-      append(expected, std::span(whole).subspan(place * 188, 188));
+      const auto* begin = whole.data() + place * 188;
+      Bytes expected(begin, begin + 188);
       put(expected, 28, 4, i);
       if (pcrs_ms[place] != kNone) putPcr(expected, pcrIn(expected) + pass * input.period_ticks());
       EXPECT_TRUE(std::ranges::equal(input.take(), expected)) << i;
@@ -79,7 +78,7 @@ TEST(Inputs, EachPassMovesPtsAndDtsOfStreamsThatHaveAPesHeader) {
       SCOPED_TRACE(testing::Message() << "stream " << int{id} << ", cut at " << cut);
       header[3] = id;
       Bytes all;
-      for (const u64 counter : {5U, 5U, 6U}) append(all, packet({.counter = counter}));
+      for (const u64 counter : {5U, 5U, 6U}) all = all + packet({.counter = counter});
       put(all, 9, 1, 1);
       put(all, 26, 22, 0x350000U | (183 - cut) << 8);  // an adaptation field up to the header
       put(all, 188 * 8 + 26, 22, 0x25B700);            // no payload
@@ -177,14 +176,12 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
 Bytes rtp(Bytes begin, u64 sequence, const Bytes& behind, const Bytes& payload, u8 padding = 0) {
   begin.resize(12);
   put(begin, 16, 16, sequence);
-  for (const Bytes& part : {behind, payload, Bytes(padding, padding)}) append(begin, part);
-  return begin;
+  return begin + behind + payload + Bytes(padding, padding);
 }
 
 TEST(Inputs, DatagramsArePacketsAloneOrInRtp) {
   const Bytes one = packet({});
-  Bytes seven;
-  for (int i = 0; i < 7; ++i) append(seven, one);
+  const Bytes seven = one + one + one + one + one + one + one;
   Bytes unsynchronised = seven;
   unsynchronised[188] = 0;
   const Bytes extended = {0, 0, 0, 0, 9, 9, 0, 1, 1, 2, 3, 4};  // a source and an extension

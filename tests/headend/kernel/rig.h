@@ -31,9 +31,6 @@ using Story = std::vector<std::string>;
 struct Rig final : headend::KernelObserver {
   explicit Rig(const Kernel::Settings& settings = {}) : kernel(settings, *this) {}
 
-  void task(const char* name, int priority, std::function<void()> body) {
-    kernel.spawn(name, priority, std::move(body));
-  }
   void runUntil(Nanos end) {
     kernel.at(end, [this] { kernel.stop(); });
     kernel.run();
@@ -43,12 +40,8 @@ struct Rig final : headend::KernelObserver {
     note(fmt::format("{}@{}", what, static_cast<double>(kernel.now()) / 1e6));
   }
 
-  void auxiliaryClock() override {
-    if (onAux) onAux();
-  }
-  void systemClock() override {
-    if (onTick) onTick();
-  }
+  void auxiliaryClock() override { onAux(); }
+  void systemClock() override { onTick(); }
   void taskParked(const headend::Task& task) override { tell(task.name + " parked"); }
   void taskReleased(const headend::Task& task) override { tell(task.name + " released"); }
   void semaphoreLong(const os::Semaphore& semaphore, const headend::Task& task) override {
@@ -59,8 +52,7 @@ struct Rig final : headend::KernelObserver {
   }
 
   Story story;
-  std::function<void()> onAux;
-  std::function<void()> onTick;
+  std::function<void()> onAux = [] {}, onTick = [] {};
   Kernel kernel;
 };
 

@@ -42,8 +42,11 @@ struct Scripts {
           }
         }
       };
-      head[0] == "at" ? rig_.kernel.at(nanos(head[1]), body)
-                      : rig_.task(head[0].c_str(), std::stoi(head[1]), body);
+      if (head[0] == "at") {
+        rig_.kernel.at(nanos(head[1]), body);
+      } else {
+        rig_.kernel.spawn(head[0], std::stoi(head[1]), body);
+      }
     }
     rig_.runUntil(40 * kSecond);
     return fmt::format("{}", fmt::join(rig_.story, ", "));
@@ -219,7 +222,7 @@ TEST(Tasks, HearTheNthTickAtNTimesThePeriodHoweverLongTheRun) {
       const auto work = [&] {
         for (;;) kernel->spend(333'333'337);
       };
-      if (busy) rig.task("busy", 10, work);
+      if (busy) rig.kernel.spawn("busy", 10, work);
       const Nanos all = 300'000 / hz * hz;
       rig.runUntil(300'000 / hz * kSecond + 1);
       EXPECT_EQ(std::tuple(ticks, auxTicks, kernel->interruptTime()), std::tuple(all, all, all * kMs / 2));

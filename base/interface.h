@@ -1,12 +1,11 @@
 // Base of classes that are used through their virtual functions: destroyed through the base, never copied.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 namespace base {
 
-struct Interface {
-  Interface() = default;
-  Interface(const Interface&) = delete;
-  Interface& operator=(const Interface&) = delete;
+struct Interface : boost::noncopyable {
   virtual ~Interface() = default;
 };
 

@@ -69,10 +69,7 @@ std::string portRisk(const DacRegisters& registers);
 inline constexpr u16 kDefaultCalibrationPort = 49156;
 
 // The way of datagrams to the service and back.
-class CalibrationLink {
- public:
-  virtual ~CalibrationLink() = default;
-
+struct CalibrationLink : base::Interface {
   // A reply has no number, so one that comes late could pass for the answer to a later question: from here on
   // only replies to requests sent from here on are received. Throws Error.
   virtual void begin() = 0;

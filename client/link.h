@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "base/interface.h"
 #include "mpeg/section.h"
 #include "protocol/channel.h"
 #include "protocol/datagram.h"
@@ -42,10 +43,7 @@ template <typename... Args>
   throw Error(fmt::format(text, std::forward<Args>(args)...));
 }
 
-class Link {
- public:
-  virtual ~Link() = default;
-
+struct Link : base::Interface {
   // Sends the request with a new sequence number and waits for its reply. Throws Error (kNoReply).
   virtual Reply call(Request request) = 0;
 

@@ -2,6 +2,8 @@
 // service. One request at a time, from one thread.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <chrono>
 #include <optional>
 #include <span>
@@ -24,7 +26,7 @@ struct UdpService {
 };
 
 // A UDP socket to one server, with error messages that help an operator.
-class ServerSocket {
+class ServerSocket : boost::noncopyable {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -32,8 +34,6 @@ class ServerSocket {
   // outlive the socket.
   ServerSocket(std::string server, const UdpService& service);
   ~ServerSocket();
-  ServerSocket(const ServerSocket&) = delete;
-  ServerSocket& operator=(const ServerSocket&) = delete;
 
   // Throws Error, also if no program listens at the destination of an earlier datagram.
   void send(std::span<const u8> datagram);

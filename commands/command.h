@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/interface.h"
 #include "client/calibration.h"
 #include "client/channel_change.h"
 #include "client/link.h"
@@ -22,13 +23,7 @@
 namespace commands {
 
 // What a command uses while it is carried out.
-class Session {
- public:
-  Session() = default;
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
-  virtual ~Session() = default;
-
+struct Session : base::Interface {
   virtual client::Link& link() = 0;                         // throws client::Error
   virtual client::CalibrationLink& calibration() = 0;       // throws client::Error
   virtual std::string chassis() const = 0;                  // its name, for messages

@@ -182,10 +182,10 @@ Group programmeCommands() {
   return {
       .name = "programme",
       .text = "The programmes that a channel carries",
-      .commands = {
-          {"add", "Take a programme of an input into the channel", make<ProgrammeAdd>},
-          {"list", "Show the programmes, their PIDs and where these come from", make<ProgrammeList>},
-          {"remove", "Take a programme out, with every PID that no other programme uses", make<ProgrammeRemove>}}};
+      .commands = {{"add", "Take a programme of an input into the channel", make<ProgrammeAdd>},
+                   {"list", "Show the programmes, their PIDs and where these come from", make<ProgrammeList>},
+                   {"remove", "Take a programme out, with every PID that no other programme uses",
+                    make<ProgrammeRemove>}}};
 }
 
 }  // namespace commands

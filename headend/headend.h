@@ -3,6 +3,8 @@
 // variables.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <array>
 #include <atomic>
 #include <map>
@@ -33,13 +35,11 @@ namespace headend {
 class Headend;
 void setRunning(Headend* headend);
 
-class Headend final {
+class Headend final : boost::noncopyable {
  public:
   // Reads the captures, opens outputs and sockets, and starts the chassis' tasks; time passes only in `run`.
   // Throws std::runtime_error with the item that cannot be used.
   explicit Headend(Options chosen);
-  Headend(const Headend&) = delete;
-  Headend& operator=(const Headend&) = delete;
   ~Headend() { setRunning(nullptr); }
 
   CardFpga& card(int slot) { return *cards[static_cast<std::size_t>(slot)]; }

@@ -2,6 +2,8 @@
 // the terminal: what this process prints on it is kept, and printed when the child has ended.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <sys/types.h>
 
 #include <cstdio>
@@ -10,12 +12,10 @@
 
 namespace headend {
 
-class PanelProcess {
+class PanelProcess : boost::noncopyable {
  public:
   // Throws std::runtime_error: stdin and stdout are no terminal, or qamctl is not beside this program.
   PanelProcess();
-  PanelProcess(const PanelProcess&) = delete;
-  PanelProcess& operator=(const PanelProcess&) = delete;
   ~PanelProcess() { close(); }
 
   // Shows the panel of the headend whose management socket has this address. Throws std::runtime_error.

@@ -36,7 +36,7 @@ enum class Operation : u8 {
 // Variables of kRead and kWrite are the card's (qam_back::Variable), per slot and channel; those of
 // kGetVariable and kSetVariable are in protocol/variables.h. Results up to 0xFF are the card's
 // (qam_back::Result), from 0x100 on the chassis's; the card's own results of a setting are negative.
-using namespace qam_back;  // NOLINT(google-build-using-namespace)
+using namespace qam_back;                        // NOLINT(google-build-using-namespace)
 inline constexpr u32 kNotStarted = 0x100;        // the slot's start-up has not returned yet
 inline constexpr u32 kUnknownOperation = 0x101;  // not in Operation
 inline constexpr u32 kNoBackEnd = 0x102;         // no card has registered a variable

@@ -2,6 +2,8 @@
 // parameter saving, and the start-up of the slots, each in its own task.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <array>
 #include <functional>
 #include <optional>
@@ -19,11 +21,9 @@ namespace headend {
 
 // Cards share the buffers for read values: no other task may read between a card's answer and the copy. A
 // task may lock again while it has the lock, as the cards themselves do.
-class ReadingTurn {
+class ReadingTurn : boost::noncopyable {
  public:
   ReadingTurn() { os::semTake(semQamVar, os::WAIT_FOREVER); }
-  ReadingTurn(const ReadingTurn&) = delete;
-  ReadingTurn& operator=(const ReadingTurn&) = delete;
   ~ReadingTurn() { os::semGive(semQamVar); }
 };
 

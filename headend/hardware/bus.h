@@ -2,6 +2,8 @@
 // address to its device, and writes the log of accesses.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <array>
 #include <cstdio>
 #include <string>
@@ -36,11 +38,9 @@ class MainBoard final : public BusDevice {
   std::array<Multiplexer*, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> outputs_{};
 };
 
-class Bus {
+class Bus : boost::noncopyable {
  public:
   explicit Bus(Violations& violations);
-  Bus(const Bus&) = delete;
-  Bus& operator=(const Bus&) = delete;
   ~Bus();
 
   void attach(int slot, CardFpga& card) { cards_[static_cast<std::size_t>(slot)] = &card; }

@@ -2,17 +2,17 @@
 // tasks and its interrupt context are fibers of one host thread.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <boost/context/stack_context.hpp>
 #include <cstddef>
 #include <functional>
 
 namespace headend {
 
-class Fiber {
+class Fiber : boost::noncopyable {
  public:
   explicit Fiber(std::function<void()> body);
-  Fiber(const Fiber&) = delete;
-  Fiber& operator=(const Fiber&) = delete;
   // A fiber that has not finished is discarded: objects on its stack are not destroyed.
   ~Fiber();
 

@@ -3,6 +3,8 @@
 // that cost time. Interrupts and task switches occur only there, so each run is the same.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -114,7 +116,7 @@ class Pace : public base::Interface {
   virtual Nanos idleUntil(Nanos virtualTime) = 0;
 };
 
-class Kernel {
+class Kernel : boost::noncopyable {
  public:
   struct Settings {
     int tickHz = 100;
@@ -123,8 +125,6 @@ class Kernel {
   };
 
   Kernel(const Settings& settings, KernelObserver& observer);
-  Kernel(const Kernel&) = delete;
-  Kernel& operator=(const Kernel&) = delete;
   ~Kernel();
 
   // Runs tasks and clocks until `stop`, or until an interrupt routine does something forbidden.

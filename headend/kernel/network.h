@@ -3,6 +3,8 @@
 // them is always the same.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -38,11 +40,9 @@ std::string hostAddress(int fd);  // "127.0.0.1:49160"
 
 class Network;
 
-class UdpSocket {
+class UdpSocket : boost::noncopyable {
  public:
   UdpSocket(Network& network, std::uint16_t port);
-  UdpSocket(const UdpSocket&) = delete;
-  UdpSocket& operator=(const UdpSocket&) = delete;
   ~UdpSocket();
 
   // Also opens a socket of the host, so that this socket is reachable from its network. See openHostSocket.

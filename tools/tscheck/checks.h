@@ -2,6 +2,8 @@
 // into it from a source.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -79,13 +81,11 @@ struct Options {
 
 // Decodes the tables of a stream with libdvbpsi, each converted to a text, so that two streams can be
 // compared.
-class TableDecoder {
+class TableDecoder : boost::noncopyable {
  public:
   // Decodes the programme maps of these programmes, and all tables of the other types.
   explicit TableDecoder(const Programmes& programmes);
   ~TableDecoder();
-  TableDecoder(const TableDecoder&) = delete;
-  TableDecoder& operator=(const TableDecoder&) = delete;
 
   void push(Packet packet);  // a copy: libdvbpsi may write to the bytes
 

@@ -9,23 +9,22 @@ import subprocess
 
 from harness import HANG_SECONDS, main, poll
 
-CLEAN = '1 0'  # the cursor is visible, the alternate screen is left
+CLEAN = r'\A1 0$'  # the cursor is visible, the alternate screen is left
 
 
 class Terminal:
     """A shell in a terminal of its own."""
 
     def __init__(self, case, width=80, height=24):
-        self.case, self.socket = case, case.path('terminal')
+        self.case = case
         self.tmux('-f', '/dev/null', 'new-session', '-d', '-x', str(width), '-y', str(height), 'bash --norc --noprofile')
         self.shell = int(self.tmux('display', '-p', '#{pane_pid}'))
         self.type("PS1='$ '; stty -g > before; clear")
         self.until(r'^\$')
 
     def tmux(self, *words):
-        environment = {**os.environ, 'LC_ALL': 'C.UTF-8'}
-        done = subprocess.run(['tmux', '-S', self.socket, *words], capture_output=True, env=environment,
-                              cwd=self.case.folder, timeout=HANG_SECONDS)
+        done = subprocess.run(['tmux', '-S', self.case.path('terminal'), *words], capture_output=True, check=False,
+                              env={**os.environ, 'LC_ALL': 'C.UTF-8'}, cwd=self.case.folder, timeout=HANG_SECONDS)
         return done.stdout.decode().strip('\n')
 
     def __enter__(self):
@@ -45,39 +44,33 @@ class Terminal:
     def keys(self, *names):
         self.tmux('send-keys', *names)
 
-    def screen(self, *options):
-        lines = self.tmux('capture-pane', '-p', '-J', *options).split('\n')
-        return '\n'.join(line.rstrip() for line in lines)
-
-    def poll(self, condition, what):
-        result = poll(condition)
-        if not result:
-            raise AssertionError(f'{what}:\n{self.screen()}')
-        return result
+    def screen(self):
+        """The flags of the cursor and of the alternate screen, and the lines below them."""
+        lines = self.tmux('display', '-p', '#{cursor_flag} #{alternate_on}') + '\n' + self.tmux('capture-pane', '-p', '-J')
+        return re.sub(' +$', '', lines, flags=re.MULTILINE)
 
     def until(self, *patterns):
-        """Until all stand on the screen."""
+        """The screen once all are found on it."""
         def found():
             screen = self.screen()
-            return screen if all(re.search(pattern, screen, re.MULTILINE) for pattern in patterns) else None
-        return self.poll(found, f'no {patterns} on the screen')
-
-    def modes(self):
-        return self.tmux('display', '-p', '#{cursor_flag} #{alternate_on}')
+            return all(re.search(pattern, screen, re.MULTILINE) for pattern in patterns) and screen
+        screen = poll(found)
+        if not screen:
+            raise AssertionError(f'no {patterns} on the screen:\n{self.screen()}')
+        return screen
 
     def left_clean(self):
         """The terminal is as it was before the command."""
-        self.poll(lambda: self.modes() == CLEAN, 'the cursor is hidden, or the other screen is not left')
+        self.until(CLEAN)
         self.keys('Enter')  # a killed program has not waited for the shell's prompt
         self.type('clear; stty -g | diff - before && echo as before')
         self.until('^as before$')
         self.type('clear')
-        self.until(r'\A\$')
+        self.until(r'\A1 0\n\$')
 
     def ended(self, code):
-        screen = self.until(r'^code=\d+$')
+        screen = self.until(CLEAN, r'^code=\d+$')
         self.case.equal(re.findall(r'^code=(\d+)$', screen, re.MULTILINE), [str(code)], f'exit code ({screen})')
-        self.case.equal(self.modes(), CLEAN, 'cursor and other screen')
         self.left_clean()
         return screen
 
@@ -134,8 +127,7 @@ def a_terminal_is_left_as_it_was(case):
         words = headend(case)
         for signum, whom in ENDS:
             terminal.run(*words)
-            terminal.until('● 1 running')
-            case.equal(terminal.modes(), '0 1', 'cursor and other screen')
+            terminal.until(r'\A0 1$', '● 1 running')
             process = child_of(terminal.shell)
             os.kill({'headend': process, 'panel': child_of(process)}[whom], signum)
             if signum == signal.SIGKILL:

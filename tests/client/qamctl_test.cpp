@@ -78,10 +78,13 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
                  {"psi load 1.1 " + sample("not-a-stream.ts"), 1, "no transport stream"},
                  {"psi load 1.1 " + file("absent.ts"), 1, "No such file"},
                  {"psi load 2.1 " + small, 1, "no card in this slot"}});
-    load(test::onePacketSections(0x46, 0x11, 300));
+    auto sections = test::onePacketSections(0x46, 0x11, 300);
+    std::ranges::copy(test::onePacketSections(2, 0x100, 4), std::back_inserter(sections));  // in no PAT
+    load(sections);
     expectCalls({{"psi show 1.2", 0, "SDT_O: 38 packets beyond"},
+                 {"psi show 1.2", 0, "PMT: 4 packets beyond"},
                  {"psi show 1.2", 0, "version 0: extension 7: cannot be decoded"},
-                 {"psi show 1.2 --save " + beyond, 1, "38 packets cannot be read"}});
+                 {"psi show 1.2 --save " + beyond, 1, "42 packets cannot be read"}});
     ChannelVariables channel(link_, {0, 1});
     channel.lockTables(true);
     link_.wait(std::chrono::seconds(11));

@@ -6,9 +6,8 @@ import re
 import harness
 from calibration import MINE, THEIRS, Service, eeprom
 
-START, STOP = '[', ']'
 # Output of the decoder, and its form in expectations; after 'Write' and 'Read' the address follows.
-I2C = {'Start': START, 'Start repeat': '[[', 'Stop': STOP, 'ACK': '+', 'NACK': '-', 'Write': None, 'Read': None}
+I2C = {'Start': '[', 'Start repeat': '[[', 'Stop': ']', 'ACK': '+', 'NACK': '-', 'Write': None, 'Read': None}
 
 
 def chosen(patterns):
@@ -40,7 +39,7 @@ def i2c(case, file, bus):
         if text.startswith('Address'):
             word += 'r' if 'read' in text else 'w'
         words += [word] if word else []
-    return ' '.join(words).replace(f' {STOP} {START}', f' {STOP}\n{START}').split('\n')
+    return ' '.join(words).replace(' ] [', ' ]\n[').split('\n')
 
 
 def each_i2c_bus_carries_its_set_up(case):

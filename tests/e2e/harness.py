@@ -188,9 +188,11 @@ class Server:
         return poll(condition, lambda: self.process.poll() is not None)
 
     def wait_started(self):
+        """A client, once the card in slot 1 has started."""
         client = Client(self.port)
-        return self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK).result != NOT_STARTED),
-                               f'slot 1 does not start: {self.text()[-600:]}')
+        self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK).result != NOT_STARTED),
+                        f'slot 1 does not start: {self.text()[-600:]}')
+        return client
 
     def stop(self, signum=signal.SIGTERM, code=0):
         self.process.send_signal(signum)

@@ -7,7 +7,7 @@ import os
 import subprocess
 
 import harness
-from harness import NULL_PID, RATE, STATUS, Client, Server, packets_of, pid_of, read, write
+from harness import NULL_PID, RATE, STATUS, Server, packets_of, pid_of, read, write
 
 FOUR = 'four-programmes-cbr.ts'
 SERVICES = {101: 'One', 102: 'Two', 103: 'Three', 104: 'Four'}
@@ -113,8 +113,7 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
             return all(channel['map']['input_lost'] for channel in channels)
 
         try:
-            server.wait_started()
-            client = Client(server.port)
+            client = server.wait_started()
             case.check(server.wait(lost), 'nothing tells that there is no input yet')
             case.execute([*FFMPEG, '-re', '-i', source, *STREAMS, '-c', 'copy', '-f', 'mpegts',
                           f'udp://127.0.0.1:{udp}?pkt_size=1316', *STREAMS, '-c', 'copy', '-f', 'rtp_mpegts',

@@ -176,10 +176,9 @@ class ChannelChangeTest : public test::CardTest {
 };
 
 TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
-  const Tables small = packTables(readCapture(fs::path(test::sample("psi-small.ts"))).sections);
+  const Tables small = packTables(readCapture(fs::path(QAM_SAMPLES "/psi-small.ts")).sections);
   const Intervals two = {{PAT, 70}, {CAT, 80}};
   const ChangeOptions force = {.force = true};
-  const SourcePort input = {5, 0};
   const Procedure procedures[] = {
       {"psi load", 39, [&](auto& l, auto& o) { return planLoad(l, kChannel, small, two, o); }},
       {"psi load --force", 29, [&](auto& l, auto&) { return planLoad(l, kChannel, small, {}, force); }, true},
@@ -190,7 +189,9 @@ TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
       {"pidmap release", 11,
        [](auto& l, auto& o) { return planRelease(l, kChannel, ReleaseBy::kMap, mapOf(90, 0x600), o); }, true},
       {"programme add", 44,
-       [&](auto& l, auto& o) { return planAddProgramme(l, kChannel, input, "3", {}, o).change; }},
+       [](auto& l, auto& o) {
+         return planAddProgramme(l, kChannel, SourcePort{5, 0}, "3", {}, o).change;
+       }},
       {"programme remove", 39,
        [](auto& l, auto& o) { return planRemoveProgramme(l, kChannel, "1", o).change; }},
   };

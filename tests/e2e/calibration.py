@@ -133,8 +133,7 @@ def read_of(n, values):
 
 
 def eeprom_operations(case, file):
-    lines = {'scl': 'X24C16SCL', 'sda': 'X24C16SDA,eeprom24xx'}
-    found = decoded(case, file, 'i2c', lines, {}, 'eeprom24xx=ops')
+    found = decoded(case, file, 'i2c', {'scl': 'X24C16SCL', 'sda': 'X24C16SDA,eeprom24xx'}, {}, 'eeprom24xx=ops')
     return [text for text in found if not text.startswith('Page') and 'addr' in text]
 
 

@@ -230,14 +230,11 @@ class Client:
         return struct.pack('>HBBIHHIHHI', MAGIC, VERSION, operation, sequence, variable, slot - 1, channel - 1,
                            len(data) if length is None else length, 0, 0) + data
 
-    def send(self, raw):
-        self.socket.send(raw)
-
     def request(self, operation, variable, slot=1, channel=1, data=b'', length=None, sequence=None):
         if sequence is None:
             sequence = self.sequence = (self.sequence + 1) & 0xFFFFFFFF
         for _ in range(TRIES):
-            self.send(self.datagram(operation, variable, slot, channel, data, length, sequence))
+            self.socket.send(self.datagram(operation, variable, slot, channel, data, length, sequence))
             try:
                 while True:
                     raw = self.socket.recv(65536)
@@ -249,6 +246,14 @@ class Client:
 
     def lock(self, on, channel=1):
         return self.request(WRITE, PSI_LOCK, 1, channel, struct.pack('>I', on)).result
+
+
+def damaged(chance, raw):
+    """A request with something behind it, with other bytes, or cut."""
+    raw = bytearray(raw + chance.randbytes(chance.choice((0, 0, 4, 1500))))
+    for _ in range(chance.choice((0, 1, 4))):
+        raw[chance.randrange(len(raw))] = chance.choice((0, 1, 2, 6, 0x7F, 0x82, 0xFF, chance.randrange(256)))
+    return raw[:chance.choice((len(raw), len(raw), len(raw) - 1, chance.randrange(len(raw))))]
 
 
 def pid_map(*rows):

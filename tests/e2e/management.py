@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
 """A running headend and its clients, also those that send nonsense; and how an operator ends a run."""
-import contextlib
 import json
 import os
 import random
@@ -23,14 +22,6 @@ def chunk(count):
 
 def interval(table_id, ticks, packets=0):
     return struct.pack('>B3xII', table_id, ticks, packets)
-
-
-def what_qamctl_loads_is_found_in_the_output(case):
-    with Server(case, case.flash(), *FAST) as server:
-        server.wait_started()
-        case.qamctl(server.address, 'psi', 'load', '1.2', case.sample('psi-many.ts'))
-        found = json.loads(case.qamctl(server.address, 'psi', 'search', '1.2', '0x11', 'SDT_O', '--json').text)
-        case.equal([(row['table'], row['crc_good']) for row in found], [('SDT_O', True)] * 5, 'sections in the output')
 
 
 # Operation, variable, slot, channel, data, length if it is wrong, result. The card's own tests cover more of each kind.
@@ -76,27 +67,25 @@ def datagrams_of_any_content_harm_no_other_client(case):
         client, other = server.wait_started(), Client(server.port)
         client.lock(1, channel=2)
         for number in range(10000 if harness.LONG else 1000):
-            client.send(datagram_from(rng))
+            client.socket.send(datagram_from(rng))
             if number % 50 == 49:  # wait for it, and check that others are answered
                 reply = other.request(READ, PSI_LOCK, channel=2)
                 case.equal((reply.result, len(reply.data)), (0, 4), f'reply after {number}: {server.text()[-600:]}')
         for channel in (1, 2):
             Client(server.port).lock(0, channel=channel)
-        case.qamctl(server.address, 'psi', 'load', '1.1', case.sample('psi-small.ts'))
+        case.qamctl(server.address, 'psi', 'load', '1.2', case.sample('psi-many.ts'))
+        found = json.loads(case.qamctl(server.address, 'psi', 'search', '1.2', '0x11', 'SDT_O', '--json').text)
+        case.equal([(row['table'], row['crc_good']) for row in found], [('SDT_O', True)] * 5, 'sections in the output')
         report = server.stop()
     case.equal([card['state'] for card in report['cards']], ['running'], 'state after it all')
 
 
 def datagram_from(rng):
-    """Noise, or a request of the table with wrong bytes, something behind it, or cut."""
+    """Noise, or a damaged request of the table."""
     if rng.randrange(4) == 0:
         return rng.randbytes(rng.choice((0, 23, 24, 27, 28, rng.randrange(60000))))
     operation, variable, slot, channel, data, length, _ = rng.choice(list(RESULTS.values()))
-    raw = bytearray(Client.datagram(operation, variable, slot, channel, data, length, rng.randrange(1 << 32)))
-    raw += rng.randbytes(rng.choice((0, 0, 4, 1500)))
-    for _ in range(rng.randrange(4)):
-        raw[rng.randrange(len(raw))] = rng.choice((0, 1, 255, rng.randrange(256)))
-    return raw[:rng.choice((len(raw), len(raw), rng.randrange(len(raw))))]
+    return harness.damaged(rng, Client.datagram(operation, variable, slot, channel, data, length, rng.randrange(1 << 32)))
 
 
 def a_request_that_starves_is_reported_with_who_kept_it_waiting(case):
@@ -109,7 +98,7 @@ def a_request_that_starves_is_reported_with_who_kept_it_waiting(case):
         client = Client(server.port)
 
         def asked_in_vain():
-            client.send(Client.datagram(READ, PSI_LOCK, 1, 1))
+            client.socket.send(Client.datagram(READ, PSI_LOCK, 1, 1))
             return 'qam0PSISend' in server.text()
 
         case.check(server.wait(asked_in_vain), f'no task is named for the delay: {server.text()[-900:]}')
@@ -122,21 +111,21 @@ def a_signal_ends_a_run_with_whole_packets_and_a_report(case):
     """So does one that would take days. A UDP output sends seven bare packets a datagram."""
     small, out = case.sample('psi-small.ts'), case.path('out.ts')
     for signum, pace in ((signal.SIGINT, ()), (signal.SIGTERM, ()), (signal.SIGINT, FAST)):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sink, contextlib.ExitStack() as stack:
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sink:
             sink.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 21)
             sink.settimeout(harness.HANG_SECONDS)
             sink.bind(('127.0.0.1', 0))
             flags = ['--psi', f'1.2={small}', '--out', f'1.1={out}', '--psi', f'1.1={small}', '--out']
             flags += [f'1.2=udp://127.0.0.1:{sink.getsockname()[1]}', *pace]
-            server = stack.enter_context(Server(case, case.flash(f'flash {signum} {pace}'), *flags))
-            pids, wanted = set(), {0, 1, 0x10, 0x11, 0x100, 0x110, 0x120, 0x130, harness.NULL_PID}
-            while not wanted <= pids:
-                data = sink.recv(65536)
-                if not case.equal((len(data), data[::PACKET]), (7 * PACKET, b'G' * 7), 'a datagram'):
-                    break
-                pids |= {harness.pid_of(packet) for packet in harness.packets_of(data)}
-            case.equal(pids, wanted, 'PIDs on the air')
-            report = server.stop(signum)
+            with Server(case, case.flash(f'flash {signum} {pace}'), *flags) as server:
+                pids, wanted = set(), {0, 1, 0x10, 0x11, 0x100, 0x110, 0x120, 0x130, harness.NULL_PID}
+                while not wanted <= pids:
+                    data = sink.recv(65536)
+                    if not case.equal((len(data), data[::PACKET]), (7 * PACKET, b'G' * 7), 'a datagram'):
+                        break
+                    pids |= {harness.pid_of(packet) for packet in harness.packets_of(data)}
+                case.equal(pids, wanted, 'PIDs on the air')
+                report = server.stop(signum)
         case.equal(report['cards'][0]['channels'][0]['packets']['total'] * PACKET, os.path.getsize(out), 'bytes')
         case.check(case.tscheck(out, '--every-pid')['sections'] > 3, 'hardly a table on the air')
         case.check(report['virtual_seconds'] < 10000000, 'it went on to its end')

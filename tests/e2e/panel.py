@@ -184,15 +184,11 @@ def keys_edit_and_the_screen_follows(case):
         terminal.ended(0)
 
 
-# Signal, and its target.
-ENDS = [(signal.SIGTERM, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM, 'panel'),
-        (signal.SIGKILL, 'headend')]
-
-
 def a_terminal_is_left_as_it_was(case):
     with Terminal(case, 120, 60) as terminal:
         words = headend(case)
-        for signum, whom in ENDS:
+        for signum, whom in ((signal.SIGTERM, 'headend'), (signal.SIGHUP, 'headend'), (signal.SIGTERM, 'panel'),
+                             (signal.SIGKILL, 'headend')):
             terminal.run(*words)
             terminal.until(r'\A0 1$', '● 1 running')
             process = child_of(terminal.shell)

@@ -55,7 +55,6 @@ def run(case, program):
         *[word for channel, file in outs.items() for word in ('--out', f'{channel}={file}')],
         *[word for name in ('log', 'trace', 'bus-log', 'report') for word in ('--' + name, os.path.join(folder, name))],
         other=program)
-    case.equal(done.code, 0, done.text)
     case.says(done, r'slot 1\n  common  ff[\s\S]*1\.1  on air    474\.0000 .*\n1\.2')  # what the commands show, in order
     return harness.tree(folder)
 

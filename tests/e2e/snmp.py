@@ -113,8 +113,7 @@ def a_walk_finds_all_cards_and_nothing_of_the_host(case):
         groups = {oid: [subtree for subtree in SEEN if oid[:len(subtree)] == subtree] for oid in oids}
         case.equal([oid for oid in oids if not groups[oid]], [], 'objects that should not be seen')
         case.equal({*SEEN} - {*itertools.chain(*groups.values())}, set(), 'groups that are missing')
-        host = os.uname()
-        for word in (host.nodename, host.release, host.machine, os.environ.get('USER', 'root')):
+        for word in (os.uname().nodename, os.uname().release, os.uname().machine, os.environ.get('USER', 'root')):
             case.equal([line for line in lines if word in line], [], f'objects with {word}')
         tries = sorted({*oids, *(oid[:-1] for oid in cards), *((*oid, 0) for oid in cards), BASE, (*BASE, 1), (*BASE, 8)})
         for part in (tries[at:at + 60] for at in range(0, len(tries), 60)):
@@ -223,7 +222,7 @@ def a_set_is_done_whole_or_refused_by_name(case):
             said = agent.ask('snmpset', CHANGE, *words)
             case.check(re.search(rf'Reason: {error} [^$]*Failed object: \.{failed}\n', said), f'{row}: {said}')
         large = request('snmpset', dotted(instance(1, 'Frequency')), 'x', '0100073B90')  # 2^32 + 474000
-        harness.Client(agent.snmp).send(large.replace(b'\4\5\1\0', b'\2\5\1\0'))
+        harness.Client(agent.snmp).socket.send(large.replace(b'\4\5\1\0', b'\2\5\1\0'))
         case.equal(agent.get(instance(1, 'Frequency')), [554000], 'frequency after an INTEGER of more than 32 bits')
         case.equal(state(), before, 'records and readouts after all of them')
         agent.ask('snmpset', CHANGE, level, 'i', '1055', dotted(instance(3, 'Constellation')), 'i', '7')
@@ -240,11 +239,7 @@ def a_storm_of_damaged_requests_leaves_all_as_it_was(case):
     with Agent(case, flash) as agent:
         before, hostile = (agent.variables(1), read(path)), harness.Client(agent.snmp)
         for sent in range(count):
-            packet = bytearray(chance.choice(requests))
-            for _ in range(chance.choice((0, 1, 4))):
-                value = chance.choice((0, 2, 6, 0x7F, 0x82, 0xFF, chance.randrange(256)))
-                packet[chance.randrange(len(packet))] = value
-            hostile.send(packet[:chance.choice((None, None, -1, 20))])
+            hostile.socket.send(harness.damaged(chance, chance.choice(requests)))
             if sent % 50 == 0:
                 case.equal(agent.get(name(SYS_NAME)), ['headend'], f'the manager after {sent} packets')
         case.equal((agent.variables(1), read(path)), before, 'the card after the storm')

@@ -96,11 +96,6 @@ def moved_pcr(p, ticks):
     return p[:6] + (pcr // 300 << 15 | 0x7E00 | pcr % 300).to_bytes(6, 'big') + p[12:]
 
 
-def without_pcr(p):
-    p[5] &= ~0x10
-    return p
-
-
 def with_wrong_pts(p):
     p[(5 + p[4] if p[3] & 0x20 else 4) + 13] ^= 2
     return p
@@ -148,7 +143,8 @@ PROGRAMME_ROWS = {
     'a PCR is 1.5 us off': (lambda out: change(out, VIDEO, 30, lambda p: moved_pcr(p, 40), has_pcr), {'pcr', 'added'}),
     'a byte of the last pass is wrong': (lambda out: flip(out, VIDEO, -5, 187, 1), {'pass'}),
     'a PTS is wrong': (lambda out: change(out, VIDEO, 5, with_wrong_pts, start), {'stamp'}),
-    'PCRs are missing': (lambda out: change(out, VIDEO, 5, without_pcr, has_pcr, 4), {'pcr_interval', 'added'}),
+    'PCRs are missing': (lambda out: change(out, VIDEO, 5, lambda p: p[:5] + bytes([p[5] & ~0x10]) + p[6:], has_pcr, 4),
+                         {'pcr_interval', 'added'}),
     'the PAT does not come for a second': (lambda out: remove(out, 0, start, 5, 3), {'repetition'}),
 }
 

@@ -9,6 +9,7 @@
 #include <functional>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -22,25 +23,13 @@
 namespace test {
 
 // What goes wrong with a request.
-struct Fault {
-  enum class Kind { kLost, kReplyLost, kRefused, kMalformed, kSecondClient };
-  const char* name;
-  Kind kind;
-  bool forGood = false;  // permanently: all following requests are lost too
-};
-inline constexpr Fault kFaults[] = {
-    {"request lost", Fault::Kind::kLost},
-    {"request and all later ones lost", Fault::Kind::kLost, true},
-    {"reply lost", Fault::Kind::kReplyLost},
-    {"reply and all later ones lost", Fault::Kind::kReplyLost, true},
-    {"refused", Fault::Kind::kRefused},
-    {"malformed reply", Fault::Kind::kMalformed},
-    {"second client before it", Fault::Kind::kSecondClient},
-};
+inline constexpr std::string_view kFaults[] = {
+    "lost",    "lost with all later ones", "reply lost",   "reply lost with all later ones",
+    "refused", "malformed reply",          "second client"};
 
 class FakeLink final : public client::Link {
  public:
-  explicit FakeLink(Headend& headend, const Fault& fault = {}, int at = -1)
+  explicit FakeLink(Headend& headend, std::string_view fault = "", int at = -1)
       : headend_(headend), fault_(fault), at_(at) {}
 
   std::function<void(protocol::Reply&)> after{};
@@ -48,22 +37,20 @@ class FakeLink final : public client::Link {
   std::vector<protocol::Request> log{};  // all requests, lost or not
 
   protocol::Reply call(protocol::Request request) override {
-    using Kind = Fault::Kind;
-    const bool faulty = std::cmp_equal(log.size(), at_);
-    const bool gone = at_ >= 0 && std::cmp_greater(log.size(), at_) && fault_.forGood;
+    const std::string_view fault = std::cmp_equal(log.size(), at_) ? fault_ : "";
+    const bool gone = fault_.ends_with("all later ones") && std::cmp_greater(log.size(), at_);
     log.push_back(request);
-    if (faulty && fault_.kind == Kind::kSecondClient && secondClient) secondClient();
-    if (gone || (faulty && fault_.kind == Kind::kLost))
-      throw client::Error("gone", client::Error::Kind::kNoReply);
-    if (faulty && fault_.kind == Kind::kRefused) request.data.push_back(0);
+    if (fault == "second client") secondClient();
+    if (gone || fault.starts_with("lost")) throw client::Error("gone", client::Error::Kind::kNoReply);
+    if (fault == "refused") request.data.push_back(0);
     headend::UdpSocket socket(headend_.network, 50000);
     request.sequence = ++sequence_;
     socket.send({.address = 0, .port = protocol::kDefaultManagementPort}, protocol::encode(request));
     const auto datagram = socket.receive(60 * headend_.kernel.settings().tickHz);
     protocol::Reply reply = protocol::decodeReply(datagram.value().bytes).value();
     if (after) after(reply);
-    if (faulty && fault_.kind == Kind::kReplyLost) throw client::Error("gone", client::Error::Kind::kNoReply);
-    if (faulty && fault_.kind == Kind::kMalformed) reply.data.push_back(0);
+    if (fault.starts_with("reply lost")) throw client::Error("gone", client::Error::Kind::kNoReply);
+    if (fault == "malformed reply") reply.data.push_back(0);
     return reply;
   }
   void wait(std::chrono::milliseconds time) override {
@@ -76,7 +63,7 @@ class FakeLink final : public client::Link {
   inline static u32 sequence_ = 0;  // of all links, which are one client for the back end
 
   Headend& headend_;
-  Fault fault_;
+  std::string_view fault_;
   int at_;
 };
 

@@ -146,22 +146,6 @@ TEST_F(ChannelTest, SavesTheIntervalsThatItSets) {
   });
 }
 
-// Positions 0 to 261 can be asked for; and maps only where the PAT names their PID.
-TEST_F(ChannelTest, ReadBackCountsWhatIsOutOfReach) {
-  chassis_.drive([&] {
-    const std::tuple<u8, u16, u16> rows[] = {{0x46, 262, 262}, {0x46, 263, 262}, {0x46, 512, 262}, {2, 4, 0}};
-    for (const auto& [tableId, stored, read] : rows) {
-      SCOPED_TRACE(stored);
-      auto sections = test::onePacketSections(tableId, 0x11, stored);
-      load(sections);
-      EXPECT_EQ(packetsIn(tables().readable()), read);
-      EXPECT_EQ(tables().outOfReach(), stored - read);
-      sections.resize(read);
-      EXPECT_EQ(test::sectionsIn(tables()), sections);
-    }
-  });
-}
-
 TEST_F(ChannelTest, PlansNoTablesThatACardCannotHold) {
   const std::tuple<u8, u16, u16, const char*> rows[] = {
       {0x42, 0x11, 513, "they take 513 packets"},

@@ -27,14 +27,11 @@ class PanelView : public ::testing::Test {
   // That many lines of RF readout and alarms, numbered from 0 on.
   void fill(std::size_t rf, u8 alarms) {
     state_.rf.clear();
-    state_.alarms.assign(alarms, {});
+    state_.alarms.clear();
     for (std::size_t i = 0; i < rf; ++i) state_.rf.push_back(fmt::format("rf{}", i));
-    for (u8 i = 0; i < alarms; ++i) {
-      state_.alarms[i].happened = 946684800 + i;
-      state_.alarms[i].slot = 4;
-      state_.alarms[i].enTitle = "Input lost";
-      state_.alarms[i].zhTitle = "输入";
-    }
+    for (u32 i = 0; i < alarms; ++i)
+      state_.alarms.push_back(
+          {.slot = 4, .happened = 946684800 + i, .zhTitle = "输入", .enTitle = "Input lost"});
   }
   static void expectLines(const Screen& screen, int y, std::initializer_list<const char*> lines) {
     for (const char* line : lines) EXPECT_EQ(screen.line(y++), line);
@@ -70,8 +67,8 @@ TEST_F(PanelView, EverythingHasItsPlaceInTheSmallestTerminalAndNoControlCharacte
               });
   expectLines(screen, 9, {"rf0", "a[2J??z", "rf2", "... 22 more", "Alarms (UTC)"});
   expectLines(screen, 14,
-              {"slot 5  2000-01-01 00:00:04  Input lost", "slot 5  2000-01-01 00:00:03  a[2J??z"});
-  expectLines(screen, 16, {"... 3 more", "l 中文   p pixels   q quit"});
+              {"slot 5  2000-01-01 00:00:04  Input lost", "slot 5  2000-01-01 00:00:03  a[2J??z",
+               "... 3 more", "l 中文   p pixels   q quit"});
   for (const auto& [x, inverse] : {std::pair(2, false), {3, true}, {10, true}, {11, false}})
     EXPECT_EQ(screen.at(x, 3).look.inverse, inverse) << x;
   expectLines(drawPanel(state_, 67, 18), 0, {"Terminal too small: 67x18, needs 68x18. q quits", ""});

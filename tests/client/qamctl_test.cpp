@@ -19,7 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 using test::expect;
 using test::has;
-using test::sample;
 
 class Qamctl : public test::CardTest, protected test::Program {
  protected:
@@ -61,9 +60,8 @@ class Qamctl : public test::CardTest, protected test::Program {
 TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
   const std::string beyond = file("beyond.ts");
   const std::string saved = file("saved.ts");
-  const std::string small = sample("psi-small.ts");
   chassis_.drive([&] {
-    expectCalls({{"psi load 1.2 " + sample("psi-eit.ts") + " --interval BAT=60 --interval PAT=50", 0, "EIT"},
+    expectCalls({{"psi load 1.2 " QAM_SAMPLES "/psi-eit.ts --interval BAT=60 --interval PAT=50", 0, "EIT"},
                  {"psi show 1.2", 0, "50 ticks (50 ms)"},
                  {"psi show 1.2 --save " + saved, 0, "60 ticks"},
                  {"psi interval 1.2 BAT=77", 0, ""},
@@ -73,23 +71,26 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
                  {"psi show 1.1 --save " + beyond, 1, "stores no packets"},
                  {"psi load 1.1 " + saved, 0, ""}});
     EXPECT_EQ(test::sectionsIn(tables({0, 0})), test::sectionsIn(tables()));
-    expectCalls({{"psi load 1.2 " + sample("psi-full.ts"), 0, "503 packets"},
-                 {"psi load 1.1 " + sample("broken.ts"), 0, "byte 56400 (188 skipped)"},
-                 {"psi load 1.1 " + sample("not-a-stream.ts"), 1, "no transport stream"},
+    expectCalls({{"psi load 1.2 " QAM_SAMPLES "/psi-full.ts", 0, "503 packets"},
+                 {"psi load 1.1 " QAM_SAMPLES "/broken.ts", 0, "byte 56400 (188 skipped)"},
+                 {"psi load 1.1 " QAM_SAMPLES "/not-a-stream.ts", 1, "no transport stream"},
                  {"psi load 1.1 " + file("absent.ts"), 1, "No such file"},
-                 {"psi load 2.1 " + small, 1, "no card in this slot"}});
-    load(test::onePacketSections(0x46, 0x11, 300));
+                 {"psi load 2.1 " QAM_SAMPLES "/psi-small.ts", 1, "no card in this slot"}});
+    auto sections = test::onePacketSections(0x46, 0x11, 300);
+    std::ranges::copy(test::onePacketSections(2, 0x100, 4), std::back_inserter(sections));  // in no PAT
+    load(sections);
     expectCalls({{"psi show 1.2", 0, "SDT_O: 38 packets beyond"},
+                 {"psi show 1.2", 0, "PMT: 4 packets beyond"},
                  {"psi show 1.2", 0, "version 0: extension 7: cannot be decoded"},
-                 {"psi show 1.2 --save " + beyond, 1, "38 packets cannot be read"}});
+                 {"psi show 1.2 --save " + beyond, 1, "42 packets cannot be read"}});
     ChannelVariables channel(link_, {0, 1});
     channel.lockTables(true);
     link_.wait(std::chrono::seconds(11));
     expectCalls({{"psi show 1.2 --save " + beyond, 1, "the channel is locked"},
                  {"status", 0, "LOCKED for 11 s"},
                  {"psi clear 1.2", 1, "--force"},
-                 {"psi load 1.2 " + small, 1, "--force"},
-                 {"psi load 1.2 " + small + " --force", 0, "packets"}});
+                 {"psi load 1.2 " QAM_SAMPLES "/psi-small.ts", 1, "--force"},
+                 {"psi load 1.2 " QAM_SAMPLES "/psi-small.ts --force", 0, "packets"}});
     EXPECT_TRUE(!channel.tablesLocked() && !tables().readable().empty());
     channel.lockTables(true);
     expectCalls({{"psi clear 1.2 --force", 0, ""}});
@@ -125,15 +126,11 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
                  {"var set 2 rfreq 600000", 1, "cannot set rfreq of the card in slot 2: no card"}});
     EXPECT_FALSE(has(run("var set 1 32 6875").text, "clock table"));
     const char* const odd = "not what was asked for";
-    const std::tuple<u32, Bytes, const char*> replies[] = {{kNotRunning, {}, "does not run"},
-                                                           {kNotWritable, {}, "only be read"},
-                                                           {kSettingRefused, {}, "cannot set"},
-                                                           {kDone, {}, odd},
-                                                           {kDone, {0}, odd},
-                                                           {kDone, {0, 1, 2, 3}, odd},
-                                                           {kDone, {0, 1, 2, 3, 4, 5}, odd},
-                                                           {kDone, {1, '3', '0'}, odd},
-                                                           {kDone, {2, 0, 0, 0, 1}, odd}};
+    const std::tuple<u32, Bytes, const char*> replies[] = {
+        {kNotRunning, {}, "does not run"},   {kNotWritable, {}, "only be read"},
+        {kSettingRefused, {}, "cannot set"}, {kDone, {}, odd},
+        {kDone, {0, 1, 2, 3}, odd},          {kDone, {0, 1, 2, 3, 4, 5}, odd},
+        {kDone, {1, '3', '0'}, odd},         {kDone, {2, 0, 0, 0, 1}, odd}};
     for (const auto& [result, data, part] : replies) {
       link_.after = [&, code = result, &bytes = data](Reply& reply) {
         reply.result = code, reply.data = bytes;
@@ -268,8 +265,6 @@ TEST_F(Qamctl, DecodesNoSectionWhoseLengthsContradictEachOther) {
 TEST_F(Qamctl, PrintsTheMibModuleBelowAnyRightBase) {
   expectCalls({{"mib", 0, "below 1.3.6.1.4.1.8072.9999.9999.27."},
                {"mib --base .1.3.6.1.4.1.8072.9999.9999.27", 0, "below 1.3.6.1.4.1.8072.9999.9999.27."},
-               {"mib --base 0.39.0.0.0.0.0.0.0.4294967295", 0, "below 0.39.0.0.0.0.0.0.0.4294967295."},
-               {"mib --base 2.4294967215.6.1.4.1.1.2.3.4", 0, "below 2.4294967215.6.1.4.1.1.2.3.4."},
                {"mib --base ..1.3.6.1.4.1.1.2.3.4", 2, "no number"},
                {"mib --base 1.3.6.1.4.1.1.2.3.4.", 2, "no number"},
                {"mib --base 1.3.6.1.4.1.1.2.3.4294967296", 2, "above 4294967295"},

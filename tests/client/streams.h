@@ -85,8 +85,4 @@ class Stream {
   std::array<u8, 8192> continuity_{};
 };
 
-inline std::string sample(const std::string& name) {
-  return std::string(QAM_SAMPLES) + "/" + name;
-}
-
 }  // namespace test

@@ -9,6 +9,7 @@ import contextlib
 import inspect
 import json
 import os
+import pathlib
 import re
 import signal
 import socket
@@ -42,20 +43,18 @@ def record_file(slot):
 
 
 def read(path):
-    with open(path, 'rb') as file:
-        return file.read()
+    return pathlib.Path(path).read_bytes()
 
 
 def write(path, data):
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, 'wb') as file:
-        file.write(data)
+    pathlib.Path(path).write_bytes(data)
 
 
 def tree(folder):
     """Relative name and content of every file below a folder; links are none."""
-    paths = [os.path.join(where, name) for where, _, names in os.walk(folder) for name in names]
-    return {os.path.relpath(path, folder): read(path) for path in paths if not os.path.islink(path)}
+    return {str(path.relative_to(folder)): read(path) for path in pathlib.Path(folder).rglob('*')
+            if not path.is_symlink() and path.is_file()}
 
 
 def free_ports(count):
@@ -75,12 +74,6 @@ def poll(condition, ended=lambda: False):
             return result
         time.sleep(0.05)
     return None
-
-
-def datagrams_lost(port):
-    """Datagrams for which the host had no room at that socket, because it was busy."""
-    rows = [line.split() for line in read('/proc/net/udp').decode().splitlines()[1:]]
-    return sum(int(row[-1]) for row in rows if int(row[1].split(':')[1], 16) == port)
 
 
 class Case:
@@ -146,12 +139,9 @@ class Case:
 
     def card(self, run, slot, state='running'):
         """The report's entry of a card, which must be in that state."""
-        for card in (run.report or {}).get('cards', []):
-            if card['slot'] == slot:
-                self.equal(card['state'], state, f'state of slot {slot}')
-                return card
-        self.check(False, f'no card of slot {slot} in the report: {run.text[-600:]}')
-        return None
+        cards = {card['slot']: card for card in (run.report or {}).get('cards', [])}
+        self.equal(cards.get(slot, {}).get('state'), state, f'state of slot {slot} ({run.text[-600:]})')
+        return cards.get(slot)
 
     def clean(self, run, assertions=0):
         """No protocol violation, and only the failed checks that are bound to be there."""
@@ -198,29 +188,26 @@ class Server:
         return poll(condition, lambda: self.process.poll() is not None)
 
     def wait_started(self):
+        """A client, once the card in slot 1 has started."""
         client = Client(self.port)
-        return self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK).result != NOT_STARTED),
-                               f'slot 1 does not start: {self.text()[-600:]}')
+        self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK).result != NOT_STARTED),
+                        f'slot 1 does not start: {self.text()[-600:]}')
+        return client
 
     def stop(self, signum=signal.SIGTERM, code=0):
-        if self.process.poll() is None:
-            self.process.send_signal(signum)
-        try:
-            got = self.process.wait(HANG_SECONDS)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            got = 'none: it hangs'
+        self.process.send_signal(signum)
         self.sink.close()
-        self.case.equal(got, code, f'exit code after signal {signum} ({self.text()[-600:]})')
+        self.case.equal(self.process.wait(HANG_SECONDS), code, f'exit code after signal {signum} ({self.text()[-600:]})')
         self.case.check(not re.search(r'Sanitizer|runtime error:', self.text()), self.text()[-2000:])
         return json.loads(read(self.report)) if os.path.exists(self.report) else None
 
     def __exit__(self, *error):
-        if self.process.poll() is None:
-            self.stop()
-        elif not self.sink.closed:
-            self.sink.close()
-            self.case.check(False, f'the headend ended by itself: {self.text()[-900:]}')
+        try:
+            if not self.sink.closed:
+                self.case.check(self.process.poll() is None, 'the headend ended by itself')
+                self.stop()
+        finally:
+            self.process.kill()
 
 
 # The management datagram: "QM", version, operation, sequence number, variable header, data.
@@ -243,14 +230,11 @@ class Client:
         return struct.pack('>HBBIHHIHHI', MAGIC, VERSION, operation, sequence, variable, slot - 1, channel - 1,
                            len(data) if length is None else length, 0, 0) + data
 
-    def send(self, raw):
-        self.socket.send(raw)
-
     def request(self, operation, variable, slot=1, channel=1, data=b'', length=None, sequence=None):
         if sequence is None:
             sequence = self.sequence = (self.sequence + 1) & 0xFFFFFFFF
         for _ in range(TRIES):
-            self.send(self.datagram(operation, variable, slot, channel, data, length, sequence))
+            self.socket.send(self.datagram(operation, variable, slot, channel, data, length, sequence))
             try:
                 while True:
                     raw = self.socket.recv(65536)
@@ -260,22 +244,16 @@ class Client:
                 pass
         raise AssertionError('the back end does not answer')
 
-    def write(self, variable, data, slot=1, channel=1):
-        return self.request(WRITE, variable, slot, channel, data).result
-
     def lock(self, on, channel=1):
-        return self.write(PSI_LOCK, struct.pack('>I', on), 1, channel)
-
-    def interval(self, table, ticks):
-        return self.write(PSI_INTERVAL, struct.pack('>B3xII', TYPES[table][1], ticks, 0))
-
-    def read_interval(self, table):
-        data = self.request(READ, PSI_INTERVAL, data=struct.pack('>B3x', TYPES[table][1])).data
-        return struct.unpack('>4xII', data)
+        return self.request(WRITE, PSI_LOCK, 1, channel, struct.pack('>I', on)).result
 
 
-def chunk(pid, table_id, packets):
-    return struct.pack('>HBxIIB3x', pid, table_id, len(packets), 0, len(packets)) + b''.join(packets)
+def damaged(chance, raw):
+    """A request with something behind it, with other bytes, or cut."""
+    raw = bytearray(raw + chance.randbytes(chance.choice((0, 0, 4, 1500))))
+    for _ in range(chance.choice((0, 1, 4))):
+        raw[chance.randrange(len(raw))] = chance.choice((0, 1, 2, 6, 0x7F, 0x82, 0xFF, chance.randrange(256)))
+    return raw[:chance.choice((len(raw), len(raw), len(raw) - 1, chance.randrange(len(raw))))]
 
 
 def pid_map(*rows):
@@ -290,37 +268,12 @@ def numbered_stream(pids, count):
                     n.to_bytes(4, 'big') * 46 for n in range(count))
 
 
-def crc32(data):
-    c = 0xFFFFFFFF
-    for byte in data:
-        c ^= byte << 24
-        for _ in range(8):
-            c = (c << 1 ^ 0x04C11DB7 if c & 0x80000000 else c << 1) & 0xFFFFFFFF
-    return c
-
-
 def packets_of(stream):
     return [stream[at:at + PACKET] for at in range(0, len(stream) - PACKET + 1, PACKET)]
 
 
 def pid_of(packet):
     return (packet[1] & 31) << 8 | packet[2]
-
-
-def section(table_id, extension, body, number=0, last=0):
-    head = bytes([table_id]) + (0xB000 | len(body) + 9).to_bytes(2, 'big') + extension.to_bytes(2, 'big')
-    data = head + bytes([0xC3, number, last]) + body
-    return data + crc32(data).to_bytes(4, 'big')
-
-
-def packed(pid, data):
-    """A section in packets of its own."""
-    data, packets = b'\0' + data, []
-    while data:
-        start = 0x40 if not packets else 0
-        packets.append(bytes([0x47, start | pid >> 8, pid & 255, 0x10]) + data[:184].ljust(184, b'\xff'))
-        data = data[184:]
-    return packets
 
 
 def main(script):

@@ -13,7 +13,7 @@ from harness import write
 MIBS = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'mibs')
 FILE = 'QAM-HEADEND-MIB.txt'
 DEFAULT = '1.3.6.1.4.1.8072.9999.9999.27'
-BASES = (DEFAULT, '1.3.6.1.4.1.32473.1.2.3', '1.3.5.1.4.1.9999.1.2.3', '2.999.1.2.3.4.5.6.7.8')
+BASES = (DEFAULT, '1.3.5.1.4.1.9999.1.2.3', '0.39.0.0.0.0.0.0.0.4294967295', '2.4294967215.6.1.4.1.1.2.3.4')
 VARIABLES = {  # object of a slot: qamctl's name; those of channel 2 begin with Ch2, and its names end in 2
     'HardwareVersion': 'hardware_version', 'SoftwareVersion': 'software_version', 'FpgaVersion': 'fpga_version',
     'Constellation': 'qammode', 'Frequency': 'rfreq', 'Level': 'rflevel', 'RfSwitch': 'rfswitch',

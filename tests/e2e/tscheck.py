@@ -6,7 +6,7 @@ in its way, and says which kinds of faults the checker must find: these and no o
 import subprocess
 
 import harness
-from harness import NULL_PID, RATE, crc32, packets_of, pid_of
+from harness import NULL_PID, RATE, packets_of, pid_of
 
 NULL = b'\x47\x1f\xff\x10' + bytes(184)
 TICKS = 25  # packets in a tick of 1 ms, approximately
@@ -18,6 +18,15 @@ def start(p):
 
 def has_pcr(p):
     return p[3] & 0x20 and p[4] and p[5] & 0x10
+
+
+def crc32(data):
+    c = 0xFFFFFFFF
+    for byte in data:
+        c ^= byte << 24
+        for _ in range(8):
+            c = (c << 1 ^ 0x04C11DB7 if c & 0x80000000 else c << 1) & 0xFFFFFFFF
+    return c
 
 
 def places(out, pid, wanted=lambda p: True):
@@ -33,45 +42,37 @@ def recount(out, pid):
             count += bool(p[3] & 0x10)
 
 
-def changed(pid, n, change, wanted=lambda p: True, count=1):
-    """Some packets of a PID as `change` makes them, from the n-th on that is wanted."""
-    def damage(out):
-        where = places(out, pid, wanted)
-        for i in (where[k] for k in range(n, n + count)):
-            out[i] = bytes(change(bytearray(out[i])))
-    return damage
+def change(out, pid, n, new, wanted=lambda p: True, count=1):
+    """Some packets of a PID become as `new` makes them, from the n-th on that is wanted."""
+    where = places(out, pid, wanted)
+    for i in (where[k] for k in range(n, n + count)):
+        out[i] = bytes(new(bytearray(out[i])))
 
 
-def flip(pid, n, at, bits, wanted=lambda p: True):
-    return changed(pid, n, lambda p: p[:at] + bytes([p[at] ^ bits]) + p[at + 1:], wanted)
+def flip(out, pid, n, at, bits):
+    change(out, pid, n, lambda p: p[:at] + bytes([p[at] ^ bits]) + p[at + 1:])
 
 
-def remove(pid, wanted, first=0, count=1, counted=True):
+def remove(out, pid, wanted, first=0, count=1, counted=True):
     """Null packets in place of some of the PID's packets; counted: the others are numbered anew."""
-    def damage(out):
-        for i in places(out, pid, wanted)[first:first + count]:
-            out[i] = NULL
-        if counted:
-            recount(out, pid)
-    return damage
-
-
-def move(pid, n, ticks, wanted=lambda p: True):
-    """A packet leaves so much later."""
-    def damage(out):
-        i = places(out, pid, wanted)[n]
-        to = next(k for k in range(i + ticks * TICKS, len(out)) if pid_of(out[k]) == NULL_PID)
-        out[i], out[to] = NULL, out[i]
-    return damage
-
-
-def swap(pid, other, n):
-    def damage(out):
-        a, b = places(out, pid)[n], places(out, other)[n]
-        out[a], out[b] = out[b], out[a]
+    for i in places(out, pid, wanted)[first:first + count]:
+        out[i] = NULL
+    if counted:
         recount(out, pid)
-        recount(out, other)
-    return damage
+
+
+def move(out, pid, n, ticks):
+    """A packet leaves so much later."""
+    i = places(out, pid)[n]
+    to = next(k for k in range(i + ticks * TICKS, len(out)) if pid_of(out[k]) == NULL_PID)
+    out[i], out[to] = NULL, out[i]
+
+
+def swap(out, pid, other, n):
+    a, b = places(out, pid)[n], places(out, other)[n]
+    out[a], out[b] = out[b], out[a]
+    recount(out, pid)
+    recount(out, other)
 
 
 def with_other_version(p):
@@ -82,26 +83,17 @@ def with_other_version(p):
     return p
 
 
-def repeat(pid, times):
+def repeat(out, pid, times):
     """A packet comes again, in place of the null packets behind it."""
-    def damage(out):
-        i = next(i for i in range(places(out, pid)[200], len(out)) if pid_of(out[i]) == pid and out[i][3] & 0x10 and
-                 all(pid_of(p) == NULL_PID for p in out[i + 1:i + 1 + times]))
-        out[i + 1:i + 1 + times] = [out[i]] * times
-    return damage
+    i = next(i for i in range(places(out, pid)[200], len(out)) if pid_of(out[i]) == pid and out[i][3] & 0x10 and
+             all(pid_of(p) == NULL_PID for p in out[i + 1:i + 1 + times]))
+    out[i + 1:i + 1 + times] = [out[i]] * times
 
 
-def moved_pcr(ticks):
-    def change(p):
-        value = int.from_bytes(p[6:12], 'big')
-        pcr = (value >> 15) * 300 + (value & 511) + ticks
-        return p[:6] + (pcr // 300 << 15 | 0x7E00 | pcr % 300).to_bytes(6, 'big') + p[12:]
-    return change
-
-
-def without_pcr(p):
-    p[5] &= ~0x10
-    return p
+def moved_pcr(p, ticks):
+    value = int.from_bytes(p[6:12], 'big')
+    pcr = (value >> 15) * 300 + (value & 511) + ticks
+    return p[:6] + (pcr // 300 << 15 | 0x7E00 | pcr % 300).to_bytes(6, 'big') + p[12:]
 
 
 def with_wrong_pts(p):
@@ -109,58 +101,51 @@ def with_wrong_pts(p):
     return p
 
 
-def jump(pid, announced):
-    """From a packet on the counter is 5 ahead."""
-    def damage(out):
-        first = places(out, pid, has_pcr)[20]
-        out[first:] = [p[:3] + bytes([p[3] & 0xF0 | (p[3] + 5) & 15]) + p[4:] if pid_of(p) == pid else p
-                       for p in out[first:]]
-        out[first] = out[first][:5] + bytes([out[first][5] | 0x80 * announced]) + out[first][6:]
-    return damage
+def jump(out, pid):
+    """From a packet on, which announces it, the counter is 5 ahead."""
+    first = places(out, pid, has_pcr)[20]
+    out[first:] = [p[:3] + bytes([p[3] & 0xF0 | (p[3] + 5) & 15]) + p[4:] if pid_of(p) == pid else p for p in out[first:]]
+    out[first] = out[first][:5] + bytes([out[first][5] | 0x80]) + out[first][6:]
 
 
 def goes_on(p):
     return start(p) and ((p[6] & 15) << 8 | p[7]) > 180
 
 
-SDT = 0x11
-CUT = remove(SDT, lambda p: not start(p), first=12)
-SMALL_ROWS = {
-    'nothing': (lambda out: None, set()),
-    'a packet is lost': (remove(0, start, first=3, counted=False), {'continuity', 'late', 'libdvbpsi'}),
-    'a bit of a section is wrong': (flip(SDT, 4, 30, 0x10), {'crc', 'late', 'libdvbpsi'}),
-    'a sync byte is wrong': (flip(NULL_PID, 700, 0, 1), {'sync'}),
-    'a packet is marked as damaged': (flip(0, 4, 1, 0x80), {'transport_error'}),
-    'a pointer leads out of the packet': (flip(0, 4, 4, 0xF0), {'pointer', 'late'}),
-    'there are bytes behind a section': (flip(0, 3, 187, 0xFF), {'stuffing'}),
+SDT, VIDEO = 0x11, 0x101
+SMALL_ROWS = {  # the damage, and the kinds of faults that it is
+    'a packet is lost': (lambda out: remove(out, 0, start, 3, 1, False), {'continuity', 'late', 'libdvbpsi'}),
+    'a bit of a section is wrong': (lambda out: flip(out, SDT, 4, 30, 0x10), {'crc', 'late', 'libdvbpsi'}),
+    'a sync byte is wrong': (lambda out: flip(out, NULL_PID, 700, 0, 1), {'sync'}),
+    'a packet is marked as damaged': (lambda out: flip(out, 0, 4, 1, 0x80), {'transport_error'}),
+    'a pointer leads out of the packet': (lambda out: flip(out, 0, 4, 4, 0xF0), {'pointer', 'late'}),
+    'there are bytes behind a section': (lambda out: flip(out, 0, 3, 187, 0xFF), {'stuffing'}),
     'the file ends in mid-packet': (lambda out: out.append(NULL[:100]), {'tail'}),
-    'a PID is not of the source': (changed(NULL_PID, 500, lambda p: b'\x47\x01\x77\x10' + b'\xff' * 184), {'stray'}),
-    'a section comes three ticks late': (move(0, 4, 3), {'late', 'early'}),
+    'a PID is not of the source': (lambda out: flip(out, NULL_PID, 500, 2, 0x88), {'stray'}),
+    'a section comes three ticks late': (lambda out: move(out, 0, 4, 3), {'late', 'early'}),
     'a table comes too often': (lambda out: None, {'early'}, '--interval', 'PAT=400'),
-    'a table does not come': (remove(SDT, start, count=99), {'missing', 'table'}),
+    'a table does not come': (lambda out: remove(out, SDT, start, count=99), {'missing', 'table'}),
     'a table comes that must not': (lambda out: None, {'foreign', 'table', 'late'}, '--interval', 'CAT=0'),
-    'a section has another version': (changed(0, 4, with_other_version, start), {'foreign', 'table', 'rotation'}),
-    'two programme maps change places': (swap(0x100, 0x110, 3), {'rotation'}),
-    'a programme map falls behind': (move(0x130, 3, 3), {'pace'}),
+    'a section has another version': (lambda out: change(out, 0, 4, with_other_version, start),
+                                      {'foreign', 'table', 'rotation'}),
+    'two programme maps change places': (lambda out: swap(out, 0x100, 0x110, 3), {'rotation'}),
+    'a programme map falls behind': (lambda out: move(out, 0x130, 3, 3), {'pace'}),
 }
 MANY_ROWS = {
-    'nothing': (lambda out: None, set()),
-    'a section breaks off': (CUT, {'cut', 'late', 'rotation'}),
-    'a section has no start': (remove(SDT, goes_on, first=4), {'orphan', 'late', 'rotation'}),
+    'a section breaks off': (lambda out: remove(out, SDT, lambda p: not start(p), 12), {'cut', 'late', 'rotation'}),
+    'a section has no start': (lambda out: remove(out, SDT, goes_on, 4), {'orphan', 'late', 'rotation'}),
 }
-VIDEO = 0x101
 PROGRAMME_ROWS = {
-    'nothing': (lambda out: None, set()),
-    'a packet comes twice': (repeat(VIDEO, 1), set()),
-    'a packet comes three times': (repeat(VIDEO, 2), {'continuity', 'pass'}),
-    'the counter jumps': (jump(VIDEO, False), {'continuity'}),
-    'the counter jumps as announced': (jump(VIDEO, True), set()),
-    'a PCR is 0.7 us off': (changed(VIDEO, 30, moved_pcr(20), has_pcr), set()),
-    'a PCR is 1.5 us off': (changed(VIDEO, 30, moved_pcr(40), has_pcr), {'pcr', 'added'}),
-    'a byte of the last pass is wrong': (flip(VIDEO, -5, 187, 1), {'pass'}),
-    'a PTS is wrong': (changed(VIDEO, 5, with_wrong_pts, start), {'stamp'}),
-    'PCRs are missing': (changed(VIDEO, 5, without_pcr, has_pcr, 4), {'pcr_interval', 'added'}),
-    'the PAT does not come for a second': (remove(0, start, first=5, count=3), {'repetition'}),
+    'a packet comes twice': (lambda out: repeat(out, VIDEO, 1), set()),
+    'a packet comes three times': (lambda out: repeat(out, VIDEO, 2), {'continuity', 'pass'}),
+    'the counter jumps as announced': (lambda out: jump(out, VIDEO), set()),
+    'a PCR is 0.7 us off': (lambda out: change(out, VIDEO, 30, lambda p: moved_pcr(p, 20), has_pcr), set()),
+    'a PCR is 1.5 us off': (lambda out: change(out, VIDEO, 30, lambda p: moved_pcr(p, 40), has_pcr), {'pcr', 'added'}),
+    'a byte of the last pass is wrong': (lambda out: flip(out, VIDEO, -5, 187, 1), {'pass'}),
+    'a PTS is wrong': (lambda out: change(out, VIDEO, 5, with_wrong_pts, start), {'stamp'}),
+    'PCRs are missing': (lambda out: change(out, VIDEO, 5, lambda p: p[:5] + bytes([p[5] & ~0x10]) + p[6:], has_pcr, 4),
+                         {'pcr_interval', 'added'}),
+    'the PAT does not come for a second': (lambda out: remove(out, 0, start, 5, 3), {'repetition'}),
 }
 
 

@@ -1,4 +1,4 @@
-// The VCD file, byte for byte. Patterns are tried in tests/e2e/trace.py and bad_input.py.
+// The VCD file, byte for byte. Patterns are tried in tests/e2e/calibration.py and bad_input.py.
 #include "headend/vcd_trace.h"
 
 #include <gtest/gtest.h>

@@ -11,7 +11,6 @@
 namespace {
 
 constexpr const char* kUnit = "qamVar";
-constexpr u8 kRecordVersion = 'd';
 constexpr std::size_t kFileHead = 8;  // the bytes that the validity test reads first
 
 // Register values of the clock generator for each symbol rate. The rows 5500 and 6875 are no slips: they take

@@ -55,6 +55,9 @@ struct outPsiPkt_t {
   u8 psiData[kTsPacketSize];
 };
 
+// The record's layout, in its field `version`.
+inline constexpr u8 kRecordVersion = 'd';
+
 struct QamCardPara {
   u8 cardType;
   u8 slotNo;

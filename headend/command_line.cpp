@@ -95,7 +95,7 @@ void refuseSharedFiles(const Options& options) {
     own("the cards", fmt::format("eeprom/card{}.bin", slot));
   }
   for (const auto& [channel, target] : options.outputs) {
-    if (!target.starts_with("udp://")) use("--out " + protocol::channelName(channel), target, true);
+    if (target.find("://") == std::string::npos) use("--out " + protocol::channelName(channel), target, true);
   }
   use("--report", options.report, true);
   use("--log", options.log, true);
@@ -173,7 +173,7 @@ struct Given {
 };
 
 // A flag that may be given several times.
-void repeated(Form& form, Options& o, const char* name, const char* text,
+void repeated(Form& form, Options& o, const char* name, const std::string& text,
               void (*parse)(const std::string& text, Options& options), const char* group = "") {
   form.take(Option(name, "TEXT", text).repeatable(kAny).group(group),
             [&o, parse](const std::string& value) { parse(value, o); });
@@ -198,10 +198,10 @@ void describeCards(Form& form, Options& o) {
             o.initFlash);
   form.values(Option("--card", "N", "a card in slot N (repeatable; default 1)").repeatable(kAny), o.slots,
               commands::slotOf);
-  repeated(form, o, "--out",
-           "N.P=FILE or N.P=udp://ADDRESS:PORT: where the channel's packets go, bare or seven a datagram "
-           "(repeatable)",
-           parseOutput);
+  repeated(
+      form, o, "--out",
+      fmt::format("{}: where the channel's packets go, bare or seven a datagram (repeatable)", kOutputForms),
+      parseOutput);
   repeated(
       form, o, "--source",
       "N=FILE.ts[,FILE.ts...]: a source card in slot N with an input for each file, which plays between its "

@@ -1,5 +1,7 @@
 #include "headend/flag_values.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -127,7 +129,7 @@ Assignment parseAssignment(const std::string& text, const std::string& want) {
 }
 
 void parseOutput(const std::string& text, Options& options) {
-  const auto [name, target] = splitAssignment(text, "want N.P=FILE or N.P=udp://ADDRESS:PORT");
+  const auto [name, target] = splitAssignment(text, fmt::format("want {}", kOutputForms));
   if (!options.outputs.emplace(commands::channelOf(name), target).second)
     refuse(text, "this channel has an output already");
 }

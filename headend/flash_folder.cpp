@@ -58,7 +58,7 @@ void checkParameterFiles(const fs::path& folder, const std::vector<int>& slots, 
     std::array<char, 8> head{};
     std::ifstream(file, std::ios::binary).read(head.data(), head.size());
     const auto size = fs::file_size(file, ignored);
-    const bool ofThisKind = size >= head.size() && head[0] == QAM_CARD_TYPE && head[2] == 'd';
+    const bool ofThisKind = size >= head.size() && head[0] == QAM_CARD_TYPE && head[2] == kRecordVersion;
     if (size < sizeof(QamCardPara)) {
       say(fmt::format("{} is short: {} of {} bytes; {}", file.string(), size, sizeof(QamCardPara),
                       ofThisKind ? "the card keeps the rest as its memory came (--heap-fill)"

@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::array<const char*, PSINUM> kNames = {"PAT",   "PMT",   "SDT_C", "SDT_O",
                                                     "NIT_C", "NIT_O", "BAT",   "CAT"};
+static_assert(kNames.back() != nullptr, "a name for each table");
 
 // First and last table_id, and name.
 constexpr std::tuple<u8, u8, const char*> kOtherTables[] = {

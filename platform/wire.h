@@ -24,29 +24,20 @@ inline void put32(u8* p, u32 value) {
   put16(p + 2, static_cast<u16>(value));
 }
 
-class U16 {
+template <class Number, Number (*get)(const u8*), void (*put)(u8*, Number)>
+class Field {
  public:
-  U16& operator=(u16 value) {
-    put16(bytes_, value);
+  Field& operator=(Number value) {
+    put(bytes_, value);
     return *this;
   }
-  operator u16() const { return get16(bytes_); }  // NOLINT(google-explicit-constructor)
+  operator Number() const { return get(bytes_); }  // NOLINT(google-explicit-constructor)
 
  private:
-  u8 bytes_[2];
+  u8 bytes_[sizeof(Number)];
 };
-
-class U32 {
- public:
-  U32& operator=(u32 value) {
-    put32(bytes_, value);
-    return *this;
-  }
-  operator u32() const { return get32(bytes_); }  // NOLINT(google-explicit-constructor)
-
- private:
-  u8 bytes_[4];
-};
+using U16 = Field<u16, get16, put16>;
+using U32 = Field<u32, get32, put32>;
 
 static_assert(sizeof(U16) == 2 && alignof(U16) == 1 && sizeof(U32) == 4 && alignof(U32) == 1);
 

@@ -28,20 +28,10 @@ u32 g_qam_psi_lock[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][PSINUM];       // not 0 while
 
 u8 qam_pkt_cnt[MAX_BOARD_NUM][MAX_QAM_OUT_NUM][kPids];  // continuity counters of all inserted packets
 
-// Types carried on one PID: a section of one must be out whole before one of another may start.
-constexpr u8 bit(PsiType type) {
-  return static_cast<u8>(1U << type);
+// Of two types on one PID, a section of one must be sent completely before one of the other may start.
+bool sharePid(u8 type, u8 other) {
+  return type != other && kPsiTables[type].pid == kPsiTables[other].pid;
 }
-constexpr u8 kSharePid[PSINUM] = {
-    0,                        // PAT
-    0,                        // PMT
-    bit(SDT_O) | bit(BAT),    // SDT_C
-    bit(SDT_C) | bit(BAT),    // SDT_O
-    bit(NIT_O),               // NIT_C
-    bit(NIT_C),               // NIT_O
-    bit(SDT_C) | bit(SDT_O),  // BAT
-    0,                        // CAT
-};
 
 void freeList(psi_tree_t*& head) {
   psi_tree_t* node = head;
@@ -113,7 +103,7 @@ int is_qam_lock(u8 slotNo, u8 port, u8 psiType) {
 
   u32* lock = g_qam_psi_lock[slotNo][port];
   for (u8 other = 0; other < PSINUM; ++other) {
-    if ((kSharePid[psiType] >> other & 1) != 0 && lock[other] != 0) return 1;
+    if (lock[other] != 0 && sharePid(psiType, other)) return 1;
   }
   const psi_tree_t* node = pQamPsi_Cur[slotNo][port][psiType];
   if (lock[psiType] == 0 && node->idx == 0) lock[psiType] = node->num;

@@ -93,26 +93,9 @@ int QamSavePsiPkt(u8 port, QamCardPara* ptr, const set_psi_pkt* v) {
 
 u16 QamGetPsiPktNumSamePidTid(u8 port, u16 pid, u8 table_id, QamCardPara* ptr) {
   const u8 type = TableidToPsiType(table_id);
-  switch (type) {
-    case PMT:
-      return countPmtOnPid(port, pid, ptr);
-    case PAT:
-      os::check(pid == 0, "pid == 0", kUnit);
-      break;
-    case CAT:
-      os::check(pid == 1, "pid == 1", kUnit);
-      break;
-    case NIT_C:
-    case NIT_O:
-      os::check(pid == 0x10, "pid == 0x10", kUnit);
-      break;
-    case SDT_C:
-    case SDT_O:
-    case BAT:
-      os::check(pid == 0x11, "pid == 0x11", kUnit);
-      break;
-    default:
-      return 0;
-  }
+  if (type >= PSINUM) return 0;
+  const PsiTable& table = kPsiTables[type];
+  if (table.pid == kNullPid) return countPmtOnPid(port, pid, ptr);
+  os::check(pid == table.pid, table.pidCheck, kUnit);
   return ptr->pktNum[port][type];
 }

@@ -35,12 +35,21 @@ class InterruptibleInput final : public TsInput {
 
   // Packets in lost intervals are discarded only when that time is reached: a looping file has an endless
   // number of packets. So kNever is valid only until the next query, as for an input from the network.
-  Nanos nextArrival() const override;
+  Nanos nextArrival() const override {
+    for (;;) {
+      const Nanos next = input_->nextArrival();
+      if (next == kNever || !isLost(next)) return next;
+      if (next > kernel_.now()) return kNever;
+      input_->take();
+    }
+  }
   mpeg::PacketView take() override { return input_->take(); }
   const std::string& name() const override { return input_->name(); }
 
  private:
-  bool isLost(Nanos time) const;
+  bool isLost(Nanos time) const {
+    return time >= at_ && (!period_ || (time - at_) % *period_ < *period_ / 2);
+  }
 
   const Kernel& kernel_;
   std::unique_ptr<TsInput> input_;

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Alarms as an operator sees them: each condition from its cause to its recovery, and an input that
-comes and goes: 100 times, or with QAM_LONG in the environment for a virtual day."""
+# Alarms as an operator sees them: each condition from its cause to its recovery, and an input that comes and goes: 100
+# times, or with QAM_LONG in the environment for a virtual day.
 import json
 import subprocess
 
@@ -10,20 +10,20 @@ from harness import Server, read, write
 INPUT, HEAT, RATE = 769, 770, 771
 
 
+# The history in a flash folder, as a next run tells it.
 def events(case, flash):
-    """The history in a flash folder, as a next run tells it."""
     run = case.fast(flash, 1, '--do', '@0.5 alarms --history --json')
     return [json.loads(line) for line in run.text.splitlines() if line.startswith('{')]
 
 
+# A programme of an input that is lost at times.
 def lost(case, channel, times):
-    """A programme of an input that is lost at times."""
     return ['--source', f'6={case.sample("four-programmes-cbr.ts")}', '--programme', f'{channel}=6.1:One',
             '--fault', f'6.1.input-lost@{times}']
 
 
+# More than a channel of 5000 kBd can carry.
 def too_much(case, *channels):
-    """More than a channel of 5000 kBd can carry."""
     feed, table = case.path('feed.ts'), case.path('map.csv')
     write(feed, harness.numbered_stream([0x200], 20000))
     write(table, harness.pid_map((6, 1, 0x200, 0x300)))
@@ -67,8 +67,8 @@ def a_card_that_hangs_delays_no_alarm(case):
     case.equal(sorted(alarm['slot'] for alarm in run.report['alarms']['standing']), [1, 3, 4], 'slots with an alarm')
 
 
+# An input that is lost for two seconds of four, with qamctl on the events as they come.
 def each_event_is_followed_once(case, periods=21600 if harness.LONG else 100):
-    """An input that is lost for two seconds of four, with qamctl on the events as they come."""
     flash, seen, args = case.flash(), case.path('seen'), ['--fast', '--seconds', str(10 + 4 * periods)]
     with Server(case, flash, *args, *lost(case, '1.1', '10/4')) as server, open(seen, 'wb') as sink:
         watch = subprocess.Popen([case.args.qamctl, '--server', server.address, 'alarms', '--history', '--follow',

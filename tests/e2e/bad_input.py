@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Wrong calls, bad files and full disks: each gives a clear message and a defined result, and keeps what was there."""
+# Wrong calls, bad files and full disks: each gives a clear message and a defined result, and keeps what was there.
 import json
 import os
 import resource
@@ -73,8 +73,8 @@ CALLS += [f'2 | {flag} {value} | {flag}' for flag, value in (
 CALLS += [f'1 | {flag} {file} | {file}' for flag in ('--log', '--bus-log', '--report') for file in ('missing/x', 'full')]
 
 
+# The files of the calls, in the folder where they run.
 def inputs(case):
-    """The files of the calls, in the folder where they run."""
     for name in os.listdir(case.args.samples):
         os.symlink(case.sample(name), case.path(name))
     packets = packets_of(read(case.sample('two-programmes.ts')))
@@ -130,8 +130,8 @@ def a_bad_file_in_the_flash_is_named_and_kept(case):
         case.tidy(flash)
 
 
+# Every file larger than this meets a full disk; the signal that would end the program is ignored.
 def limited(size):
-    """Every file larger than this meets a full disk; the signal that would end the program is ignored."""
     def prepare():
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))

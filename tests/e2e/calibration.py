@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""A technician's calibration: over the network with bytes of no library of ours, through power cuts, and on the lines of
-the card's buses. sigrok-cli, which knows nothing of this card, decodes these in a trace, also over a start-up."""
+# A technician's calibration: over the network with bytes of no library of ours, through power cuts, and on the lines of
+# the card's buses. sigrok-cli, which knows nothing of this card, decodes these in a trace, also over a start-up.
 import os
 import re
 import signal
@@ -14,14 +14,14 @@ MINE = bytes([0x04, 0, 0, 0, 0, 0x12, 0x0f, 0x40, 0x02, 0x0c, 0x0f, 0, 0x80])
 THEIRS = bytes([0x04, 0, 0, 0, 0, 0x11, 0x0e, 0x41, 0x01, 0x0b, 0x0d, 1, 0x02])
 
 
+# A headend whose calibration service stands on a port of its own.
 class Service(Server):
-    """A headend whose calibration service stands on a port of its own."""
 
     def __init__(self, case, flash, *args):
         super().__init__(case, flash, '--calibration', '127.0.0.1:0', *args)
 
+    # What comes back in a second and a half for these bytes.
     def socat(self, request):
-        """What comes back in a second and a half for these bytes."""
         address = self.wait(lambda: re.search(r'calibration on (\S+)', self.text())).group(1)
         return subprocess.run(['socat', '-t', '1.5', '-', 'UDP:' + address], input=request, capture_output=True,
                               check=True, timeout=60).stdout
@@ -44,8 +44,8 @@ def bytes_written_outlive_a_kill(case):
     case.equal(bytes(case.card(run, 1)['calibration']['dac']), MINE, 'DAC after the restart')
 
 
+# At an edge or at a time: a clean end, and what is in the EEPROM stays.
 def a_power_cut_harms_no_byte(case):
-    """At an edge or at a time: a clean end, and what is in the EEPROM stays."""
     flash = case.flash()
     harness.write(eeprom(flash), MINE + b'\xff' * 2035)
     whole = case.fast(flash, 2)
@@ -68,25 +68,25 @@ def chosen(patterns):
     return [word for pattern in patterns for word in ('--trace-lines', pattern)]
 
 
+# The trace file of a default start-up of card 1, with a calibration in its EEPROM.
 def traced(case, *patterns):
-    """The trace file of a default start-up of card 1, with a calibration in its EEPROM."""
     flash, file = case.flash(f'flash{case.runs}'), case.path('trace.vcd')
     harness.write(eeprom(flash), MINE + b'\xff' * 2035)
     case.card(case.fast(flash, 1, '--trace', file, *chosen(patterns)), 1)
     return file
 
 
+# What sigrok-cli says, an annotation an entry. Order is judged, not time: long pauses are shortened. The decoder would
+# stop at a register of 16 bits: these are left away.
 def decoded(case, file, decoder, channels, options, shown):
-    """What sigrok-cli says, an annotation an entry. Order is judged, not time: long pauses are shortened. The decoder
-    would stop at a register of 16 bits: these are left away."""
     harness.write(file + '.lines', b''.join(line for line in harness.read(file).splitlines(True) if line[:1] != b'b'))
     stack = ':'.join([decoder, *(f'{key}={value}' for key, value in (channels | options).items())])
     run = case.execute(['sigrok-cli', '-I', 'vcd:compress=1000', '-i', file + '.lines', '-P', stack, '-A', shown])
     return [line.partition(': ')[2] for line in run.text.splitlines()]
 
 
+# Transfers of a bus, each in one line.
 def i2c(case, file, bus):
-    """Transfers of a bus, each in one line."""
     words = []
     for text in decoded(case, file, 'i2c', {'scl': f'{bus}_scl', 'sda': f'{bus}_sda'}, {}, 'i2c=addr-data:warnings'):
         word = I2C[text] if text in I2C else re.sub(r'^(Address|Data) (write|read): ', '', text)
@@ -96,9 +96,9 @@ def i2c(case, file, bus):
     return ' '.join(words).replace(' ] [', ' ]\n[').split('\n')
 
 
+# The clock generator gets its set-up, then the row of 6875 kBd with one register read back. Each sensor is powered down
+# in its configuration register, which comes up with its filter on; nothing else changes.
 def each_i2c_bus_carries_its_set_up(case):
-    """The clock generator gets its set-up, then the row of 6875 kBd with one register read back. Each sensor is powered
-    down in its configuration register, which comes up with its filter on; nothing else changes."""
     set_up = [(0x01, 0x08), (0x02, 0x14), (0x24, 0xE5), (0x15, 0x02),
               (0x1C, 0x00), (0x1D, 0x40), (0x1E, 0x02), (0x1F, 0x08), (0x14, 0x8D)]
     row = [(0x16, 0x01), (0x17, 0x00), (0x18, 0x00), (0x19, 0x40), (0x1A, 0x02), (0x1B, 0x0B)]

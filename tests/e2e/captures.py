@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Tables of real captures on the air, as tscheck sees them: whole and on time, on two cards at once,
-after a restart from the flash alone, on a slow machine, and while others replace them."""
+# Tables of real captures on the air, as tscheck sees them: whole and on time, on two cards at once, after a restart
+# from the flash alone, on a slow machine, and while others replace them.
 import os
 
 import harness
@@ -19,8 +19,8 @@ def judged(case, channel, capture, intervals, *flags):
     return case.tscheck(case.path(channel), '--psi', case.sample(capture), '--no-limits', *flags)
 
 
+# What the headend reports of a channel is what tscheck has seen.
 def compare_report(case, told, seen, intervals, size):
-    """What the headend reports of a channel is what tscheck has seen."""
     packets = told['packets']
     case.equal((packets['total'], packets['psi'], packets['psi'] + packets['routed'] + packets['null']),
                (size // PACKET, seen['packets_not_null'], packets['total']), 'packets in the report')

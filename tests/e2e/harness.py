@@ -1,8 +1,8 @@
-"""What the end-to-end tests share: running the programs, temporary flash folders, sections of a stream, and a
-management client written from the description of the datagram.
-
-A script calls main() at its end. Its cases are its functions with three underscores in the name or more; each is
-a test of its own, of that name."""
+# What the end-to-end tests share: running the programs, temporary flash folders, sections of a stream, and a management
+# client written from the description of the datagram.
+#
+# A script calls main() at its end. Its cases are its functions with three underscores in the name or more; each is a
+# test of its own, of that name.
 import argparse
 import collections
 import contextlib
@@ -51,8 +51,8 @@ def write(path, data):
     pathlib.Path(path).write_bytes(data)
 
 
+# Relative name and content of every file below a folder; links are none.
 def tree(folder):
-    """Relative name and content of every file below a folder; links are none."""
     return {str(path.relative_to(folder)): read(path) for path in pathlib.Path(folder).rglob('*')
             if not path.is_symlink() and path.is_file()}
 
@@ -65,8 +65,8 @@ def free_ports(count):
         return [each.getsockname()[1] for each in sockets]
 
 
+# Waits for what is true; gives up when it cannot come any more.
 def poll(condition, ended=lambda: False):
-    """Waits for what is true; gives up when it cannot come any more."""
     for _ in range(HANG_SECONDS * 20):
         last = ended()
         result = condition()
@@ -76,8 +76,8 @@ def poll(condition, ended=lambda: False):
     return None
 
 
+# One test: a temporary folder, the programs, and what was found wrong.
 class Case:
-    """One test: a temporary folder, the programs, and what was found wrong."""
 
     def __init__(self, args, folder):
         self.args, self.folder, self.wrong, self.runs = args, folder, [], 0
@@ -101,8 +101,8 @@ class Case:
         self.headend('--init-flash', '--flash', path)
         return path
 
+    # Runs a program that ends by itself. It must not crash, whatever it was given.
     def execute(self, command, codes=(0,), timeout=HANG_SECONDS, **options):
-        """Runs a program that ends by itself. It must not crash, whatever it was given."""
         shown = ' '.join(os.path.basename(word) if word.startswith('/') else word for word in command)
         try:
             done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout, **options)
@@ -114,8 +114,8 @@ class Case:
         self.check(not re.search(r'Sanitizer|runtime error:', text), f'{shown}: {text[-2000:]}')
         return Run(done.returncode, text, None)
 
+    # Runs the headend to its end and reads the report.
     def headend(self, *args, codes=(0,), other=None, **options):
-        """Runs the headend to its end and reads the report."""
         self.runs += 1
         report = self.path(f'report{self.runs}.json')
         if not {'--init-flash', '--report'} & set(args):
@@ -129,22 +129,22 @@ class Case:
     def qamctl(self, server, *args, codes=(0,)):
         return self.execute([self.args.qamctl, '--server', server, *args], codes)
 
+    # What the checker says of a stream: its summary, with the faults by kind.
     def tscheck(self, file, *args, codes=(0,)):
-        """What the checker says of a stream: its summary, with the faults by kind."""
         return self.findings(self.args.tscheck, file, '--json', *args, codes=codes)
 
+    # The JSON that a program prints.
     def findings(self, *command, codes=(0,)):
-        """The JSON that a program prints."""
         return json.loads(self.execute(command, codes).text)
 
+    # The report's entry of a card, which must be in that state.
     def card(self, run, slot, state='running'):
-        """The report's entry of a card, which must be in that state."""
         cards = {card['slot']: card for card in (run.report or {}).get('cards', [])}
         self.equal(cards.get(slot, {}).get('state'), state, f'state of slot {slot} ({run.text[-600:]})')
         return cards.get(slot)
 
+    # No protocol violation, and only the failed checks that are bound to be there.
     def clean(self, run, assertions=0):
-        """No protocol violation, and only the failed checks that are bound to be there."""
         if self.check(run.report is not None, f'no report: {run.text[-600:]}'):
             self.equal(run.report['protocol_violations'], {}, 'protocol violations')
             self.equal(len(run.report['assertion_failures']), assertions,
@@ -154,14 +154,14 @@ class Case:
         for pattern in patterns:
             self.check(re.search(pattern, run.text, re.IGNORECASE), f'nothing about /{pattern}/ in: {run.text[-900:]}')
 
+    # No file lies about in the flash folder that does not belong there.
     def tidy(self, flash, *more):
-        """No file lies about in the flash folder that does not belong there."""
         known = {BITSTREAM, *(record_file(slot) for slot in range(1, 7)), *more}
         self.equal(sorted(set(tree(flash)) - known), [], 'files left behind in the flash folder')
 
 
+# A headend with a management socket, ended when the block is left; in real time, unless --fast is given.
 class Server:
-    """A headend with a management socket, ended when the block is left; in real time, unless --fast is given."""
 
     def __init__(self, case, flash, *args):
         self.case, self.output = case, case.path(f'server{case.runs}.log')
@@ -187,8 +187,8 @@ class Server:
     def wait(self, condition):
         return poll(condition, lambda: self.process.poll() is not None)
 
+    # A client, once the card in slot 1 has started.
     def wait_started(self):
-        """A client, once the card in slot 1 has started."""
         client = Client(self.port)
         self.case.check(self.wait(lambda: client.request(READ, PSI_LOCK).result != NOT_STARTED),
                         f'slot 1 does not start: {self.text()[-600:]}')
@@ -248,22 +248,22 @@ class Client:
         return self.request(WRITE, PSI_LOCK, 1, channel, struct.pack('>I', on)).result
 
 
+# A request with something behind it, with other bytes, or cut.
 def damaged(chance, raw):
-    """A request with something behind it, with other bytes, or cut."""
     raw = bytearray(raw + chance.randbytes(chance.choice((0, 0, 4, 1500))))
     for _ in range(chance.choice((0, 1, 4))):
         raw[chance.randrange(len(raw))] = chance.choice((0, 1, 2, 6, 0x7F, 0x82, 0xFF, chance.randrange(256)))
     return raw[:chance.choice((len(raw), len(raw), len(raw) - 1, chance.randrange(len(raw))))]
 
 
+# A file of a PID map: slot, input and PID of a source, and the PID that its packets get.
 def pid_map(*rows):
-    """A file of a PID map: slot, input and PID of a source, and the PID that its packets get."""
     head = 'src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n'
     return (head + ''.join(f'{slot},{port},{pid},1,{out},1,2\n' for slot, port, pid, out in rows)).encode()
 
 
+# A stream without clock, of PIDs in turn; every packet tells its number.
 def numbered_stream(pids, count):
-    """A stream without clock, of PIDs in turn; every packet tells its number."""
     return b''.join(bytes([0x47, pids[n % len(pids)] >> 8, pids[n % len(pids)] & 255, 0x10 | n // len(pids) % 16]) +
                     n.to_bytes(4, 'big') * 46 for n in range(count))
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A running headend and its clients, also those that send nonsense; and how an operator ends a run."""
+# A running headend and its clients, also those that send nonsense; and how an operator ends a run.
 import json
 import os
 import random
@@ -15,8 +15,8 @@ NUMBER = struct.pack('>I', 600000)
 FAST = ('--fast', '--seconds', '10000000')
 
 
+# Packets of the SDT.
 def chunk(count):
-    """Packets of the SDT."""
     return struct.pack('>HBxIIB3x', 0x11, 0x42, count, 0, count) + bytes(count * PACKET)
 
 
@@ -80,16 +80,16 @@ def datagrams_of_any_content_harm_no_other_client(case):
     case.equal([card['state'] for card in report['cards']], ['running'], 'state after it all')
 
 
+# Noise, or a damaged request of the table.
 def datagram_from(rng):
-    """Noise, or a damaged request of the table."""
     if rng.randrange(4) == 0:
         return rng.randbytes(rng.choice((0, 23, 24, 27, 28, rng.randrange(60000))))
     operation, variable, slot, channel, data, length, _ = rng.choice(list(RESULTS.values()))
     return harness.damaged(rng, Client.datagram(operation, variable, slot, channel, data, length, rng.randrange(1 << 32)))
 
 
+# On a bus so slow that two channels keep the processor busy.
 def a_request_that_starves_is_reported_with_who_kept_it_waiting(case):
-    """On a bus so slow that two channels keep the processor busy."""
     flags = ['--bus-ns', '800', *FAST]
     for channel in ('1.1', '1.2'):
         flags += [word for table in TYPES for word in ('--interval', f'{channel}.{table}=1')]
@@ -107,8 +107,8 @@ def a_request_that_starves_is_reported_with_who_kept_it_waiting(case):
                ['qam0PSISend0', 'qam0PSISend1'], f'tasks in {report["late_requests"][0]}')
 
 
+# So does one that would take days. A UDP output sends seven bare packets a datagram.
 def a_signal_ends_a_run_with_whole_packets_and_a_report(case):
-    """So does one that would take days. A UDP output sends seven bare packets a datagram."""
     small, out = case.sample('psi-small.ts'), case.path('out.ts')
     for signum, pace in ((signal.SIGINT, ()), (signal.SIGTERM, ()), (signal.SIGINT, FAST)):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sink:

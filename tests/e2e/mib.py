@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The MIB module in the eyes of programs that others wrote: libsmi finds no fault in it, Net-SNMP knows its names, and
-what it says of the cards' objects is what qamctl lets an operator set."""
+# The MIB module in the eyes of programs that others wrote: libsmi finds no fault in it, Net-SNMP knows its names, and
+# what it says of the cards' objects is what qamctl lets an operator set.
 import json
 import os
 import re
@@ -26,8 +26,8 @@ ALARM = ['qamAlarmSlot', 'qamAlarmPort', 'qamAlarmType', 'qamAlarmEnglishText', 
 NOTIFICATIONS = {'qamAlarmRaised': '0.1', 'qamAlarmCleared': '0.2'}
 
 
+# The programs, with the module in a folder of its own, and deaf to what a user or an administrator configured.
 class Tools:
-    """The programs, with the module in a folder of its own, and deaf to what a user or an administrator configured."""
 
     def __init__(self, case, base=DEFAULT):
         self.case, self.folder = case, case.path(base)

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The front panel: what the keys show on the LCD, beside the carousel, and where a card does not run. In a real terminal
-it is driven by keys, and judged by the screen and by how the terminal is left."""
+# The front panel: what the keys show on the LCD, beside the carousel, and where a card does not run. In a real terminal
+# it is driven by keys, and judged by the screen and by how the terminal is left.
 import itertools
 import json
 import os
@@ -13,8 +13,8 @@ import harness
 from harness import HANG_SECONDS, poll
 
 
+# Those of the LCD as JSON, as far as there is text. The inverse one has a > before it.
 def rows(text):
-    """Those of the LCD as JSON, as far as there is text. The inverse one has a > before it."""
     lcd = json.loads(text)
     inverse = {place['row'] for place in lcd['inverse'] if place['x'] == 0}
     return [('>' if row in inverse else '') + text for row, text in enumerate(lcd['rows']) if text or any(lcd['rows'][row:])]
@@ -87,8 +87,8 @@ def the_lcd_follows_the_keys(case):
     case.equal([(s['codec_name'], s['width'], s['height']) for s in found], [('png', 544, 288)], 'the picture')
 
 
+# None of its items can be entered. Without a key for a second the panel goes back to its first row.
 def a_card_that_does_not_run_says_why(case):
-    """None of its items can be entered. Without a key for a second the panel goes back to its first row."""
     flash = case.flash()
     os.remove(os.path.join(flash, harness.BITSTREAM))
     for timeout, keys, *wanted in (('0', ('ok', 'ok', 'right', 'down', 'ok'), 'QAM card1', 'no bitstream'),
@@ -113,8 +113,8 @@ def tables_keep_their_intervals_while_a_value_is_edited(case):
 CLEAN = r'\A1 0$'  # the cursor is visible, the alternate screen is left
 
 
+# A shell in a terminal of its own.
 class Terminal:
-    """A shell in a terminal of its own."""
 
     def __init__(self, case, width=80, height=24):
         self.case = case
@@ -138,20 +138,20 @@ class Terminal:
         self.tmux('send-keys', '-l', line)
         self.tmux('send-keys', 'Enter')
 
+    # Has the shell run a program; its exit code is said behind it.
     def run(self, *words):
-        """Has the shell run a program; its exit code is said behind it."""
         self.type(f'{shlex.join(words)}; echo code=$?')
 
     def keys(self, *names):
         self.tmux('send-keys', *names)
 
+    # The flags of the cursor and of the alternate screen, and the lines below them.
     def screen(self):
-        """The flags of the cursor and of the alternate screen, and the lines below them."""
         lines = self.tmux('display', '-p', '#{cursor_flag} #{alternate_on}') + '\n' + self.tmux('capture-pane', '-p', '-J')
         return re.sub(' +$', '', lines, flags=re.MULTILINE)
 
+    # The screen once all are found on it.
     def until(self, *patterns):
-        """The screen once all are found on it."""
         def found():
             screen = self.screen()
             return all(re.search(pattern, screen, re.MULTILINE) for pattern in patterns) and screen
@@ -160,8 +160,8 @@ class Terminal:
             raise AssertionError(f'no {patterns} on the screen:\n{self.screen()}')
         return screen
 
+    # The terminal is as it was before the command.
     def left_clean(self):
-        """The terminal is as it was before the command."""
         self.until(CLEAN)
         self.keys('Enter')  # a killed program has not waited for the shell's prompt
         self.type('clear; stty -g | diff - before && echo as before')
@@ -191,8 +191,8 @@ EDITS = (('Down Enter', 'QAM card5'), ('Down Enter', 'QAM SET'), ('Enter', 'Qam 
          ('Right Down Enter', 'QAM SET'), ('Down Enter', 'RF Level'), ('Right Up Enter', 'QAM SET'))
 
 
+# What is edited is on the air, and there after a restart; language, sizes and pixels.
 def keys_edit_and_the_screen_follows(case):
-    """What is edited is on the air, and there after a restart; language, sizes and pixels."""
     words = headend(case, '--card', '1', '--card', '5')
     before, after = (rf'\.1 +on air +{shown} ' for shown in (
         r'554\.0000 +100\.0 +64-QAM +6875', r'454\.0000 +110\.0 +256-QAM +6750'))

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Programmes and PID maps of real streams on the outputs, as a receiver sees them: ffprobe, libdvbpsi and tscheck,
-which share no code with the multiplexer, find what the source has, whole and on time. In real time a decoder finds every
-picture and every tone; QAM_LONG in the environment makes that longer."""
+# Programmes and PID maps of real streams on the outputs, as a receiver sees them: ffprobe, libdvbpsi and tscheck, which
+# share no code with the multiplexer, find what the source has, whole and on time. In real time a decoder finds every
+# picture and every tone; QAM_LONG in the environment makes that longer.
 import json
 import os
 import subprocess
@@ -14,8 +14,8 @@ SERVICES = {101: 'One', 102: 'Two', 103: 'Three', 104: 'Four'}
 PLAN = {'1.1': (101, 102), '1.2': (103, 104), '2.1': (101, 103), '2.2': (102, 104)}
 
 
+# By programme number its name and its streams: codec and PID, in order.
 def streams(case, path):
-    """By programme number its name and its streams: codec and PID, in order."""
     found = case.findings('ffprobe', '-v', 'quiet', '-show_programs', '-of', 'json', path)
     return {p['program_id']: (p.get('tags', {}).get('service_name'),
                               [(s['codec_name'], int(s['id'], 0)) for s in p['streams']])
@@ -45,8 +45,8 @@ def two_programmes_on_each_output_arrive_whole_and_on_time(case):
                    f'{channel}: {seen["streams"]}')
 
 
+# A source of 35 Mb/s whose packets tell their numbers. The card in slot 5 has room for 27.6.
 def ten_outputs_with_full_maps_carry_every_packet_in_order_as_far_as_there_is_room(case):
-    """A source of 35 Mb/s whose packets tell their numbers. The card in slot 5 has room for 27.6."""
     pids, count = [0x200 + i for i in range(256)], 25600
     write(case.path('feed.ts'), harness.numbered_stream(pids, count))
     write(case.path('map.csv'), harness.pid_map(*((6, 1, pid, pid + 0x100) for pid in pids)))
@@ -77,8 +77,8 @@ STREAMS = ['-map', '0:v', '-map', '0:a']
 DIGESTS = [*STREAMS, '-f', 'framemd5', '-flush_packets', '1']
 
 
+# Of each stream the digests of what was decoded, in order.
 def frames(path):
-    """Of each stream the digests of what was decoded, in order."""
     found = {'0': [], '1': []}
     for line in (read(path).decode() if os.path.exists(path) else '').splitlines():
         fields = [field.strip() for field in line.split(',')]

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What runs leave: settings from an operator at the RF connector and in the flash, and through a restart; equal bytes where
-arguments and flash folders are equal, also from two builds."""
+# What runs leave: settings from an operator at the RF connector and in the flash, and through a restart; equal bytes
+# where arguments and flash folders are equal, also from two builds.
 import os
 import struct
 
@@ -40,8 +40,8 @@ def settings_are_on_the_air_and_survive_a_restart(case):
             case.check(record == bytes(due), f'the record with {given} is not the default with these fields')
 
 
+# Every file that a run with much in it leaves: two cards, uploads on the way, a crowded bus, a programme.
 def run(case, program):
-    """Every file that a run with much in it leaves: two cards, uploads on the way, a crowded bus, a programme."""
     folder = case.path(f'run{case.runs}')
     flash, outs = case.flash(folder), {channel: os.path.join(folder, channel) for channel in ('1.1', '1.2', '5.2')}
     # A short one, so that loading it does not fill the bus log.
@@ -59,8 +59,8 @@ def run(case, program):
     return harness.tree(folder)
 
 
+# The second one is by a headend of another build if one is given.
 def two_runs_give_equal_bytes(case):
-    """The second one is by a headend of another build if one is given."""
     first, second = run(case, None), run(case, case.args.other)
     case.check(len(first['5.2']) > 10_000_000, 'the output is too short to say anything')
     differ = [name for name in sorted({*first, *second}) if first.get(name) != second.get(name)]

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The SNMP agent as managers meet it: Net-SNMP's programs, with names of our MIB or with numbers, and damaged requests.
-With QAM_LONG in the environment the storm of these has 10,000 packets, not 1000."""
+# The SNMP agent as managers meet it: Net-SNMP's programs, with names of our MIB or with numbers, and damaged requests.
+# With QAM_LONG in the environment the storm of these has 10,000 packets, not 1000.
 import itertools
 import json
 import os
@@ -46,8 +46,8 @@ def secrets(case, *lines, mode=0o600):
     return path
 
 
+# A headend whose agent is open; `slots` are those whose rows are waited for.
 class Agent(Server):
-    """A headend whose agent is open; `slots` are those whose rows are waited for."""
 
     def __init__(self, case, flash, *args, slots=(1,), lines=LINES, writes=True):
         self.slots, self.tools = slots, mib.Tools(case)
@@ -63,13 +63,13 @@ class Agent(Server):
             self.wait(lambda: self.get(instance(slot, 'Ch2SymbolRate')) == [6875])
         return self
 
+    # What a program of Net-SNMP prints: by default numbers, because it starts faster without MIBs.
     def ask(self, program, who, *words, **environment):
-        """What a program of Net-SNMP prints: by default numbers, because it starts faster without MIBs."""
         command = [program, *shlex.split(PATIENT + ' ' + who), f'127.0.0.1:{self.snmp}', *words]
         return self.tools.run(*command, codes=(0, 1, 2), **{'MIBS': ''} | environment)
 
+    # Numbers and texts; or the lines of a message.
     def get(self, *oids):
-        """Numbers and texts; or the lines of a message."""
         lines = self.ask('snmpget', LOOK + ' -Oqv', *map(dotted, oids)).splitlines()
         return [int(line) if line.isdigit() else line.strip('"') for line in lines]
 
@@ -81,8 +81,8 @@ class Agent(Server):
         return json.loads(self.case.qamctl(self.address, 'rf', str(slot), '--json').text)
 
 
+# What a person types, over SNMPv2c and SNMPv3, and values as the MIB has them shown.
 def cards_are_read_and_set_by_name(case):
-    """What a person types, over SNMPv2c and SNMPv3, and values as the MIB has them shown."""
     names = ('slot1Frequency', 'slot1Level', 'slot1Constellation', 'slot1Ch2PowerSwitch', 'slot1SoftwareVersion', 'sysName')
     with Agent(case, case.flash()) as agent:
         mibs = agent.tools.environment['MIBS']
@@ -96,8 +96,8 @@ SEEN = [name(text) for text in ('1.3.6.1.2.1.1', '1.3.6.1.2.1.11', mib.DEFAULT, 
                                 '1.3.6.1.6.3.10.2.1', '1.3.6.1.6.3.11.2.1', '1.3.6.1.6.3.15.1.1')]
 
 
+# In order; what it finds is what qamctl shows; and from everywhere there is a way to the next.
 def a_walk_finds_all_cards_and_nothing_of_the_host(case):
-    """In order; what it finds is what qamctl shows; and from everywhere there is a way to the next."""
     with Agent(case, case.flash(), slots=range(1, 7)) as agent:
         for slot in range(1, 7):
             agent.ask('snmpset', CHANGE, dotted(instance(slot, 'Frequency')), 'i', str(400000 + 8000 * slot))
@@ -201,8 +201,8 @@ wrongType   Frequency     Level i 1055 Constellation i 7 Frequency s x
 """.strip().splitlines()  # error, the object that it names, request
 
 
+# The bytes that a program of Net-SNMP sends.
 def request(program, *words):
-    """The bytes that a program of Net-SNMP sends."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sink:
         sink.bind(('127.0.0.1', 0))
         subprocess.run([program, *shlex.split(CHANGE + QUICK), f'127.0.0.1:{sink.getsockname()[1]}', *words],
@@ -229,8 +229,8 @@ def a_set_is_done_whole_or_refused_by_name(case):
         case.equal((agent.rf(1)[0]['level_dbuv'], agent.rf(3)[0]['constellation']), (105.5, '256-QAM'), 'two good ones')
 
 
+# While a manager goes on asking. What they set, no card takes.
 def a_storm_of_damaged_requests_leaves_all_as_it_was(case):
-    """While a manager goes on asking. What they set, no card takes."""
     count, chance, flash = 10000 if harness.LONG else 1000, random.Random(8), case.flash()
     path = os.path.join(flash, record_file(1))
     values = {'Frequency': ('i', '5'), 'SoftwareVersion': ('s', 'x' * 449), 'Level': ('u', '0')}
@@ -316,8 +316,8 @@ def a_card_that_hangs_or_is_not_configured_holds_up_no_other(case):
         agent.stop(code=1)
 
 
+# Open and sending, with neither configuration nor MIB of the library's.
 def the_agent_looks_for_no_files_of_this_machine(case):
-    """Open and sending, with neither configuration nor MIB of the library's."""
     if 'ptrace' in case.execute(['strace', '-o', '/dev/null', 'true'], (0, 1)).text:
         print('skipped: this process may not trace another')
         sys.exit(harness.SKIPPED)

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""The stream checker accepts what a headend sends, and names each kind of damage to it.
-
-Two outputs of a headend are made: the tables of a capture, and two programmes of a source. Each row damages one of them
-in its way, and says which kinds of faults the checker must find: these and no others."""
+# The stream checker accepts what a headend sends, and names each kind of damage to it.
+#
+# Two outputs of a headend are made: the tables of a capture, and two programmes of a source. Each row damages one of
+# them in its way, and says which kinds of faults the checker must find: these and no others.
 import subprocess
 
 import harness
@@ -33,8 +33,8 @@ def places(out, pid, wanted=lambda p: True):
     return [i for i, p in enumerate(out) if pid_of(p) == pid and wanted(p)]
 
 
+# The continuity counter as it would be without the damage.
 def recount(out, pid):
-    """The continuity counter as it would be without the damage."""
     count = 0
     for i, p in enumerate(out):
         if pid_of(p) == pid:
@@ -42,8 +42,8 @@ def recount(out, pid):
             count += bool(p[3] & 0x10)
 
 
+# Some packets of a PID become as `new` makes them, from the n-th on that is wanted.
 def change(out, pid, n, new, wanted=lambda p: True, count=1):
-    """Some packets of a PID become as `new` makes them, from the n-th on that is wanted."""
     where = places(out, pid, wanted)
     for i in (where[k] for k in range(n, n + count)):
         out[i] = bytes(new(bytearray(out[i])))
@@ -53,16 +53,16 @@ def flip(out, pid, n, at, bits):
     change(out, pid, n, lambda p: p[:at] + bytes([p[at] ^ bits]) + p[at + 1:])
 
 
+# Null packets in place of some of the PID's packets; counted: the others are numbered anew.
 def remove(out, pid, wanted, first=0, count=1, counted=True):
-    """Null packets in place of some of the PID's packets; counted: the others are numbered anew."""
     for i in places(out, pid, wanted)[first:first + count]:
         out[i] = NULL
     if counted:
         recount(out, pid)
 
 
+# A packet leaves so much later.
 def move(out, pid, n, ticks):
-    """A packet leaves so much later."""
     i = places(out, pid)[n]
     to = next(k for k in range(i + ticks * TICKS, len(out)) if pid_of(out[k]) == NULL_PID)
     out[i], out[to] = NULL, out[i]
@@ -75,16 +75,16 @@ def swap(out, pid, other, n):
     recount(out, other)
 
 
+# A section with a good CRC that the source does not have.
 def with_other_version(p):
-    """A section with a good CRC that the source does not have."""
     size = 3 + ((p[6] & 15) << 8 | p[7])
     p[10] ^= 2
     p[5 + size - 4:5 + size] = crc32(p[5:5 + size - 4]).to_bytes(4, 'big')
     return p
 
 
+# A packet comes again, in place of the null packets behind it.
 def repeat(out, pid, times):
-    """A packet comes again, in place of the null packets behind it."""
     i = next(i for i in range(places(out, pid)[200], len(out)) if pid_of(out[i]) == pid and out[i][3] & 0x10 and
              all(pid_of(p) == NULL_PID for p in out[i + 1:i + 1 + times]))
     out[i + 1:i + 1 + times] = [out[i]] * times
@@ -101,8 +101,8 @@ def with_wrong_pts(p):
     return p
 
 
+# From a packet on, which announces it, the counter is 5 ahead.
 def jump(out, pid):
-    """From a packet on, which announces it, the counter is 5 ahead."""
     first = places(out, pid, has_pcr)[20]
     out[first:] = [p[:3] + bytes([p[3] & 0xF0 | (p[3] + 5) & 15]) + p[4:] if pid_of(p) == pid else p for p in out[first:]]
     out[first] = out[first][:5] + bytes([out[first][5] | 0x80]) + out[first][6:]

@@ -16,11 +16,11 @@ using headend::EngineIdentity;
 TEST(SnmpSecrets, WhatIsWrongIsSaidWithItsLineAndNoSecret) {
   const std::pair<const char*, const char*> rows[] = {
       {"# who\n read-community \"SEC \\\"RET\"\nread-comunity SECRET", "line 3: want read-community"},
-      {"\nread-community", "line 2: read-community wants one word"},
+      {"\nread-community", "line 2: read-community needs one word"},
       {"read-community SECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRETSECRET",
        "at most 64 characters"},
       {"read-community SECRET\nread-community SECRET2", "line 2: read-community is there twice"},
-      {"read-community SECRET\xC3\xBC", "wants one word"},
+      {"read-community SECRET\xC3\xBC", "needs one word"},
       {"user mon read SHA SECRETSECRET AES", "want user NAME"},
       {"user mon look SHA SECRETSECRET", "read or write"},
       {"user mon read SHA SECRETSECRET DES SECRETSECRET", "AES, AES-192"},

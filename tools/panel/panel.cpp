@@ -173,7 +173,7 @@ class Panel {
 
   void run(PanelTerminal& terminal) {
     while (!asked) {
-      terminal.show(drawPanel(state_, terminal.width(), terminal.height()));
+      terminal.show(drawPanel(state_, PanelTerminal::width(), PanelTerminal::height()));
       if (wait_ != kAfterKey) state_.pressed = chassis::kKeyNone;
       auto input = terminal.wait(wait_);
       wait_ = kBetweenLooks;

@@ -61,9 +61,11 @@ void Multiplexer::offer(Nanos arrival, mpeg::PacketView packet, u16 pid) {
   } else if (buffer_.full()) {
     drop(arrival, 1);
   } else {
-    buffer_.push_back({.arrival = arrival, .packet = {}});
-    std::copy(packet.begin(), packet.end(), buffer_.back().packet.begin());
-    mpeg::setPid(buffer_.back().packet, pid);
+    Waiting waiting;  // all of it is written below
+    waiting.arrival = arrival;
+    std::copy(packet.begin(), packet.end(), waiting.packet.begin());
+    mpeg::setPid(waiting.packet, pid);
+    buffer_.push_back(waiting);
   }
 }
 

@@ -14,9 +14,7 @@ namespace {
 constexpr u16 kLengthMask = 0x0FFF;
 constexpr std::size_t kLengthEnd = 3;  // of table_id and section_length
 
-constexpr u8 kCaTag = 0x09;
 constexpr std::size_t kCaSize = 6;  // tag, length, system, PID
-constexpr u8 kServiceTag = 0x48;
 
 constexpr std::size_t kSdtHeadSize = 3;   // original_network_id and a reserved byte
 constexpr std::size_t kSdtEntrySize = 5;  // before its descriptors

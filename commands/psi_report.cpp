@@ -19,11 +19,9 @@ using mpeg::Section;
 
 // --- The content of a section
 
-constexpr u8 kCaTag = 0x09;
 constexpr u8 kLanguageTag = 0x0A;
 constexpr u8 kNetworkNameTag = 0x40;
 constexpr u8 kBouquetNameTag = 0x47;
-constexpr u8 kServiceTag = 0x48;
 
 using Bytes = std::span<const u8>;
 using Descriptors = std::vector<std::pair<u8, Bytes>>;  // tag and content
@@ -74,7 +72,7 @@ void forEach(const Descriptors& descriptors, u8 tag, const Take& take) {
 
 Json caSystems(const Descriptors& descriptors) {
   Json systems = Json::array();
-  forEach(descriptors, kCaTag, [&](Fields ca) {
+  forEach(descriptors, mpeg::kCaTag, [&](Fields ca) {
     systems.push_back({{"system_id", ca.number16()}, {"pid", ca.pid()}});
   });
   return systems;
@@ -134,7 +132,7 @@ Json sdtContent(u16 extension, Fields body) {
   while (!body.atEnd()) {
     Json service = {{"service_id", body.number16()}, {"name", ""}, {"provider", ""}};
     body.number8();  // EIT flags
-    forEach(body.loop().descriptors(), kServiceTag, [&](Fields names) {
+    forEach(body.loop().descriptors(), mpeg::kServiceTag, [&](Fields names) {
       names.number8();  // the service's type
       service["provider"] = names.text(names.number8());
       service["name"] = names.text(names.number8());

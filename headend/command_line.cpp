@@ -15,6 +15,7 @@
 #include "commands/command.h"
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
+#include "headend/hardware/packet_sink.h"
 #include "headend/jobs.h"
 #include "headend/vcd_trace.h"
 #include "protocol/datagram.h"
@@ -95,7 +96,7 @@ void refuseSharedFiles(const Options& options) {
     own("the cards", fmt::format("eeprom/card{}.bin", slot));
   }
   for (const auto& [channel, target] : options.outputs) {
-    if (target.find("://") == std::string::npos) use("--out " + protocol::channelName(channel), target, true);
+    if (!isNetworkTarget(target)) use("--out " + protocol::channelName(channel), target, true);
   }
   use("--report", options.report, true);
   use("--log", options.log, true);

@@ -14,6 +14,10 @@
 
 namespace mpeg {
 
+// Tags of descriptors (ISO/IEC 13818-1, EN 300 468).
+inline constexpr u8 kCaTag = 0x09;
+inline constexpr u8 kServiceTag = 0x48;
+
 using base::Bytes;
 
 // A complete section of one of the eight tables (table_id to CRC), with valid length and CRC.

@@ -28,8 +28,8 @@ struct CardRegister {
 // In the order of their addresses.
 inline constexpr auto kCardRegisters = [] {
   using enum CardRegister::Kind;
+  // Each run has registers of one kind.
   constexpr CardRegister kRuns[] = {
-      // each of registers of one kind
       {kWord, "nrst qam_mode rf_off_hh rf_off_hl rf_off_lh rf_off_ll"},
       {kLine,
        "att_q1_dat att_q1_clk att_q1_le att_q2_dat att_q2_clk att_q2_le cdce925_scl cdce925_sda cdce925_s0 "
@@ -82,7 +82,6 @@ inline constexpr auto kCardRegisters = [] {
       {kWord, "qampidfilter0_filter_pid_l qampidfilter0_filter_pid_h"},
       {kLine, "qampidfilter1_filter_onoff qampidfilter1_filter_we"},
       {kWord, "qampidfilter1_filter_pid_l qampidfilter1_filter_pid_h"},
-
   };
   std::array<CardRegister, 139> registers;
   std::size_t count = 0;

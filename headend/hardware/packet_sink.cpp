@@ -123,8 +123,12 @@ class UdpSink final : public BlockSink {
 
 }  // namespace
 
+bool isNetworkTarget(std::string_view target) {
+  return target.starts_with(kUdp);
+}
+
 std::unique_ptr<PacketSink> openSink(const std::string& target) {
-  if (target.starts_with(kUdp)) return std::make_unique<UdpSink>(target);
+  if (isNetworkTarget(target)) return std::make_unique<UdpSink>(target);
   return std::make_unique<FileSink>(target);
 }
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "base/interface.h"
 #include "mpeg/packet.h"
@@ -20,6 +21,9 @@ class PacketSink : public base::Interface {
   // Empty if there is no error; else the error and its output. After an error nothing more is written.
   virtual const std::string& error() const = 0;
 };
+
+// Whether an output goes to the network and not to a file.
+bool isNetworkTarget(std::string_view target);
 
 // `target` is "udp://ADDRESS:PORT" (seven packets per datagram) or a file's path. Throws std::runtime_error
 // with the target that cannot be opened.

@@ -40,8 +40,7 @@ void setLast(chassis::Label& label, char character) {
 void nameMenuFor(u8 slotNo) {
   const char number = static_cast<char>('1' + slotNo);
   qamMenuInit.val = slotNo;
-  setLast(qamMenuInit.zh, number);
-  setLast(qamMenuInit.en, number);
+  for (const chassis::Language each : chassis::kLanguages) setLast(qamMenuInit.label(each), number);
 }
 
 int psiSendEntry(int slotNo, int port, int, int, int, int, int, int, int, int) {

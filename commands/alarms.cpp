@@ -24,10 +24,11 @@ std::string lineOf(Json alarm) {
 }
 
 // "1.1  Card1: Ch.1 Error (No Input)"
-std::string textOf(const protocol::Alarm& alarm, bool zh) {
+std::string textOf(const protocol::Alarm& alarm, chassis::Language language) {
+  const auto text = [&](const protocol::Words& words) { return oneLine(std::string(words.in(language))); };
   return fmt::format("{}.{}  {}: {} ({})", alarm.slot + 1, alarm.port + 1,
-                     oneLine(zh ? alarm.zhTitle : alarm.enTitle), oneLine(zh ? alarm.zhText : alarm.enText),
-                     oneLine(zh ? alarm.zhTrap : alarm.enTrap));
+                     text({alarm.enTitle, alarm.zhTitle}), text({alarm.enText, alarm.zhText}),
+                     text({alarm.enTrap, alarm.zhTrap}));
 }
 
 struct Alarms final : Command {
@@ -38,7 +39,7 @@ struct Alarms final : Command {
               [this](const std::string& text) {
                 if (text != "zh" && text != "en")
                   throw std::invalid_argument("'" + text + "' is not zh or en");
-                isChinese_ = text == "zh";
+                language_ = text == "zh" ? chassis::Language::kChinese : chassis::Language::kEnglish;
               });
     form.flag("--json", "one line of JSON an alarm or event, with both languages", json);
     form.footer(
@@ -76,7 +77,7 @@ struct Alarms final : Command {
 
   std::string textOf(const protocol::Alarm& alarm) const {
     if (json) return lineOf(alarmJson(alarm));
-    return fmt::format("{}  {}\n", utc(alarm.happened), commands::textOf(alarm, isChinese_));
+    return fmt::format("{}  {}\n", utc(alarm.happened), commands::textOf(alarm, language_));
   }
 
   std::string textOf(const AlarmEvent& event) const {
@@ -86,13 +87,13 @@ struct Alarms final : Command {
       line.update(alarmJson(event.alarm));
       return lineOf(line);
     }
-    return fmt::format("{}  {}: {}\n", utc(event.at), isChinese_ ? kind.chinese : kind.english,
-                       commands::textOf(event.alarm, isChinese_));
+    return fmt::format("{}  {}: {}\n", utc(event.at), kind.words.in(language_),
+                       commands::textOf(event.alarm, language_));
   }
 
   bool history_ = false;
   bool follow_ = false;
-  bool isChinese_ = false;
+  chassis::Language language_ = chassis::Language::kEnglish;
 };
 
 }  // namespace

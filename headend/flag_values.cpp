@@ -12,6 +12,7 @@
 #include "commands/form.h"
 #include "headend/hardware/faults.h"
 #include "headend/hardware/file_input.h"
+#include "headend/hardware/packet_sink.h"
 #include "headend/hardware/pid_router.h"
 #include "protocol/mib_rows.h"
 

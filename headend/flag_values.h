@@ -35,8 +35,6 @@ Nanos takeTime(std::string& text);
 // The form of --set, for a variable or for what a sensor measures.
 inline constexpr auto kWantSetting = "want N.NAME=VALUE or N.NAME=VALUE@SECONDS, as 1.rfreq=474000@5";
 
-// The forms of --out.
-inline constexpr auto kOutputForms = "N.P=FILE or N.P=udp://ADDRESS:PORT";
 void parseOutput(const std::string& text, Options& options);
 void parseSource(const std::string& text, Options& options);
 void parseEepromCycle(const std::string& text, Options& options);

@@ -27,7 +27,7 @@
 #include "headend/operator.h"
 #include "headend/options.h"
 #include "headend/vcd_trace.h"
-#include "protocol/alarms.h"
+#include "protocol/words.h"
 
 namespace headend {
 

@@ -84,11 +84,13 @@ void JobFlags::describeUploads(commands::Form& form) {
          const auto [channel, file, at] = parseAssignment(text, "want N.P=FILE.ts, or N.P=FILE.ts@SECONDS");
          return {.at = at, .words = {"psi", "load", "--", channel, file}, .uploadTo = channel};
        });
-  const char* interval =
-      "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of PAT, PMT, SDT_C, SDT_O, "
-      "NIT_C, NIT_O, BAT or CAT (repeatable). It goes with the first --psi of the channel; alone it is set "
-      "while the tables are on the air. 0 stops a table; set in the middle of a section it leaves the tables "
-      "on the same PID waiting until the next upload";
+  const std::string interval = fmt::format(
+      "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of {} (repeatable). It "
+      "goes "
+      "with the first --psi of the channel; alone it is set while the tables are on the air. 0 stops a "
+      "table; "
+      "set in the middle of a section it leaves the tables on the same PID waiting until the next upload",
+      mpeg::tableNames("or"));
   form.take(commands::Option("--interval", "TEXT", interval).repeatable(commands::kAny),
             [this](const std::string& text) {
               constexpr auto kWant = "want N.P.TABLE=TICKS, as 1.2.PAT=100";

@@ -29,6 +29,11 @@ const char* tableName(PsiType type) {
   return kNames.at(type);
 }
 
+std::string tableNames(std::string_view conjunction) {
+  return fmt::format("{} {} {}", fmt::join(kNames.begin(), kNames.end() - 1, ", "), conjunction,
+                     kNames.back());
+}
+
 std::optional<PsiType> tableOfName(std::string_view name) {
   const auto* found = std::ranges::find(kAllTables, name, tableName);
   return found == kAllTables.end() ? std::nullopt : std::optional(*found);

@@ -23,6 +23,8 @@ constexpr bool isReservedPid(u16 pid) {
 }
 
 const char* tableName(PsiType type);  // "PAT", "SDT_C", ...
+// The eight names as a list whose last two are joined by "and" or "or".
+std::string tableNames(std::string_view conjunction);
 constexpr u8 tableId(PsiType type) {
   return kPsiTables[type].table_id;
 }

@@ -13,6 +13,10 @@ struct Label {
   char text[20];
 };
 
+// The languages of labels, in the order in which an operator changes from one to the next.
+enum class Language : u8 { kEnglish, kChinese };
+inline constexpr Language kLanguages[] = {Language::kEnglish, Language::kChinese};
+
 // One line of a menu. A table is an array of them; `flag` marks the last.
 struct item_t {
   static constexpr u32 kNoVariable = 0xFFFFFFFF;
@@ -26,6 +30,9 @@ struct item_t {
   const item_t* submenu = nullptr;  // the table below, or the table of options; null for leaves
   Label zh = {};                    // GBK
   Label en = {};                    // ASCII
+
+  Label& label(Language language) { return language == Language::kChinese ? zh : en; }
+  const Label& label(Language language) const { return language == Language::kChinese ? zh : en; }
 
   static constexpr u16 kReadOnly = 0x0001;  // of a handler: only shows, does not edit
   static constexpr u16 kLast = 0x0002;      // of its table

@@ -99,10 +99,10 @@ std::optional<AlarmPage> decodeAlarmPage(std::span<const u8> data) {
 
 const AlarmEventKind& kindOf(const AlarmEvent& event) {
   static constexpr AlarmEventKind kKinds[] = {
-      {"raised", "alarm", "告警"},
-      {"recovered", "recovered", "恢复"},
-      {"recovered_without_alarm", "recovered, no alarm was active", "恢复(无告警)"},
-      {"slot_absent", "ended, no card in the slot", "结束(无卡)"}};
+      {"raised", {"alarm", "告警"}},
+      {"recovered", {"recovered", "恢复"}},
+      {"recovered_without_alarm", {"recovered, no alarm was active", "恢复(无告警)"}},
+      {"slot_absent", {"ended, no card in the slot", "结束(无卡)"}}};
   return kKinds[static_cast<std::size_t>(event.kind)];
 }
 

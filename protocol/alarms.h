@@ -1,5 +1,5 @@
-// The states of a card and the chassis's alarms for clients, with their words; and the pages that transfer
-// alarms: the active ones, and the events of the log. docs/management-datagram.md describes the records.
+// The chassis's alarms for clients, and the pages that transfer them: the active ones, and the events of the
+// log. docs/management-datagram.md describes the records.
 #pragma once
 
 #include <cstdint>
@@ -10,37 +10,11 @@
 #include <vector>
 
 #include "base/bytes.h"
+#include "protocol/words.h"
 
 namespace protocol {
 
 using base::Bytes;
-
-// Names in the status and texts on the panels. The names are part of docs/report.md.
-enum class CardState { kStarting, kRunning, kConfigError, kNoBitstream, kHung, kNotRegistered, kNoRecord };
-
-// A text in the languages of the front panel; the Chinese in characters of GB 2312.
-struct Words {
-  std::string_view english, chinese;
-};
-
-struct CardStateName {
-  CardState state;
-  std::string_view name;
-  Words words;
-};
-inline constexpr CardStateName kCardStates[] = {
-    {CardState::kStarting, "starting", {"starting", "正在启动"}},
-    {CardState::kRunning, "running", {"running", "运行"}},
-    {CardState::kConfigError, "config_error", {"config error", "配置错误"}},
-    {CardState::kNoBitstream, "no_bitstream", {"no bitstream", "没有逻辑文件"}},
-    {CardState::kHung, "hung", {"hangs", "无响应"}},
-    {CardState::kNotRegistered, "not_registered", {"not registered", "未注册"}},
-    {CardState::kNoRecord, "no_record", {"no record", "没有参数"}},
-};
-
-constexpr const CardStateName& nameOf(CardState state) {
-  return kCardStates[static_cast<std::size_t>(state)];
-}
 
 // Texts are UTF-8. Slots and ports count from 0.
 struct Alarm {
@@ -60,11 +34,10 @@ struct AlarmEvent {
   Alarm alarm;  // for a recovery: its own trap texts, and the titles of the alarm that it ended
 };
 
-// The name of a kind in JSON and in the languages of the front panel.
+// The name of a kind in JSON, and its text.
 struct AlarmEventKind {
   const char* name;
-  const char* english;
-  const char* chinese;
+  Words words;
 };
 const AlarmEventKind& kindOf(const AlarmEvent& event);
 

@@ -52,8 +52,7 @@ std::pair<PsiType, u32> parseInterval(std::string_view text) {
   const auto equals = text.find('=');
   if (equals == std::string_view::npos) refuse("'{}' is no TABLE=TICKS", text);
   const auto type = mpeg::tableOfName(text.substr(0, equals));
-  if (!type)
-    refuse("'{}' is no table: PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT and CAT are", text.substr(0, equals));
+  if (!type) refuse("'{}' is no table: {} are", text.substr(0, equals), mpeg::tableNames("and"));
   const std::string_view digits = text.substr(equals + 1);
   const auto ticks = base::parseDecimal<std::uint64_t>(digits);
   if (!ticks) refuse("'{}' is no number of ticks", digits);

@@ -13,6 +13,7 @@
 #include "client/udp_link.h"
 #include "commands/command.h"
 #include "commands/status.h"
+#include "mpeg/tables.h"
 #include "tools/panel/panel.h"
 
 namespace tools {
@@ -25,8 +26,7 @@ constexpr int kWrongCall = 2;
 constexpr auto kCalibrationName = "qamcal";
 
 constexpr const char* kFooter =
-    "TABLE is PAT, PMT, SDT_C, SDT_O, NIT_C, NIT_O, BAT or CAT: C is the actual stream or network, O "
-    "another.\n"
+    "TABLE is {}: C is the actual stream or network, O another.\n"
     "TICKS are ticks of the chassis's auxiliary clock.\n"
     "\n"
     "Examples:\n"
@@ -152,7 +152,7 @@ void run(const std::string& name, std::vector<std::string> words) {
                                    "calibration service (default 127.0.0.1:{})",
                                    protocol::kDefaultManagementPort, client::kDefaultCalibrationPort)),
       server, serverOf);
-  if (!isCalibration) form.footer(kFooter);
+  if (!isCalibration) form.footer(fmt::format(kFooter, mpeg::tableNames("or")));
   commands::Calls calls(form, isCalibration ? "cal" : "");
   form.parse(std::move(words));
   carryOut(calls.called(), server);

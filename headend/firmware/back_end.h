@@ -18,8 +18,8 @@
 #include "headend/firmware/chassis.h"
 #include "headend/kernel/network.h"
 #include "platform/backend.h"
-#include "protocol/alarms.h"
 #include "protocol/datagram.h"
+#include "protocol/words.h"
 
 namespace headend {
 

@@ -123,6 +123,8 @@ class UdpSink final : public BlockSink {
 
 }  // namespace
 
+const char* const kOutputForms = "N.P=FILE or N.P=udp://ADDRESS:PORT";
+
 bool isNetworkTarget(std::string_view target) {
   return target.starts_with(kUdp);
 }

@@ -22,6 +22,8 @@ class PacketSink : public base::Interface {
   virtual const std::string& error() const = 0;
 };
 
+extern const char* const kOutputForms;  // of --out, for messages
+
 // Whether an output goes to the network and not to a file.
 bool isNetworkTarget(std::string_view target);
 

@@ -78,7 +78,7 @@ TEST_F(PanelView, EverythingHasItsPlaceInTheSmallestTerminalAndNoControlCharacte
 }
 
 TEST_F(PanelView, AlarmsTakeWhatTheReadoutLeavesAndThreeLinesAtLeast) {
-  state_.language = PanelState::Language::kChinese;
+  state_.language = chassis::Language::kChinese;
   state_.silentSeconds = 3;
   fill(4, 5);
   expectLines(drawPanel(state_, 80, 24), 0, {"前面板  127.0.0.1:49160   3 秒无应答"});

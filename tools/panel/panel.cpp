@@ -209,10 +209,8 @@ class Panel {
 
   // Returns false if the key has no effect.
   bool take(wint_t input) {
-    using Language = PanelState::Language;
     const auto key = kKeys.find(input);
-    if (input == kLanguage)
-      state_.language = state_.language == Language::kEnglish ? Language::kChinese : Language::kEnglish;
+    if (input == kLanguage) state_.language = protocol::next(state_.language);
     if (input == kPixels) state_.pixels = !state_.pixels;
     if (key == kKeys.end()) return true;
     if (!answers_) return false;  // each key would wait for its own reply without success

@@ -6,26 +6,12 @@
 #include <algorithm>
 
 #include "protocol/alarms.h"
+#include "protocol/words.h"
 
 namespace tools {
 namespace {
 
 using Colour = Look::Colour;
-
-using protocol::Words;
-
-constexpr Words kTitle = {"Front panel", "前面板"};
-constexpr Words kNoAnswer = {"no answer for {} s", "{} 秒无应答"};
-constexpr Words kAlarm = {"alarm", "告警"};
-constexpr Words kAlarms = {"Alarms (UTC)", "告警 (UTC)"};
-constexpr Words kNoAlarm = {"none", "无"};
-constexpr Words kSlot = {"slot", "槽位"};
-constexpr Words kNoCard = {"no card", "无卡"};
-constexpr Words kMore = {"... {} more", "... 还有 {} 条"};
-constexpr Words kKeyHelp = {"l 中文   p pixels   q quit", "l English   p 点阵   q 退出"};
-constexpr Words kNoRoom = {"(too small for pixels)", "(终端太小,无法显示点阵)"};
-constexpr Words kTooSmall = {"Terminal too small: {}x{}, needs {}x{}. q quits",
-                             "终端太小: {}x{}, 至少需要 {}x{}. q 退出"};
 
 Colour colourOf(protocol::CardState state) {
   if (state == protocol::CardState::kRunning) return Colour::kGood;
@@ -66,8 +52,8 @@ class PanelPainter {
   Screen paint() {
     if (screen_.width() < kPanelMinWidth || screen_.height() < kPanelMinHeight) {
       screen_.text(0, 0,
-                   fmt::format(fmt::runtime(word(kTooSmall)), screen_.width(), screen_.height(),
-                               kPanelMinWidth, kPanelMinHeight));
+                   fmt::format(fmt::runtime(word(protocol::words::kTooSmall)), screen_.width(),
+                               screen_.height(), kPanelMinWidth, kPanelMinHeight));
       return std::move(screen_);
     }
     const LcdStyle style = lcdStyle();
@@ -81,9 +67,7 @@ class PanelPainter {
   }
 
  private:
-  std::string_view word(const Words& words) const {
-    return state_.language == PanelState::Language::kChinese ? words.chinese : words.english;
-  }
+  std::string_view word(const protocol::Words& words) const { return words.in(state_.language); }
 
   bool hasRoom(const LcdStyle& style) const {
     return screen_.width() >= style.width() + 4 + kLampWidth &&
@@ -96,11 +80,12 @@ class PanelPainter {
   }
 
   void title() {
-    const int x = screen_.text(0, 0, word(kTitle), {.bold = true});
+    const int x = screen_.text(0, 0, word(protocol::words::kTitle), {.bold = true});
     const int end = screen_.text(x + 2, 0, state_.server);
-    const std::string trouble = state_.silentSeconds
-                                    ? fmt::format(fmt::runtime(word(kNoAnswer)), *state_.silentSeconds)
-                                    : state_.refusal;
+    const std::string trouble =
+        state_.silentSeconds
+            ? fmt::format(fmt::runtime(word(protocol::words::kNoAnswer)), *state_.silentSeconds)
+            : state_.refusal;
     if (!trouble.empty())
       screen_.text(end + 2, 0, " " + trouble + " ", {.colour = Colour::kBad, .inverse = true});
   }
@@ -154,13 +139,15 @@ class PanelPainter {
       const auto* const known =
           std::ranges::find(protocol::kCardStates, state, &protocol::CardStateName::name);
       const bool isKnown = known != std::end(protocol::kCardStates);
-      const std::string_view text = state.empty() ? word(kNoCard) : isKnown ? word(known->words) : state;
+      const std::string_view text = state.empty() ? word(protocol::words::kNoCard)
+                                    : isKnown     ? word(known->words)
+                                                  : state;
       lamp(x, 1 + slot, !state.empty(), isKnown ? colourOf(known->state) : Colour::kBad,
            fmt::format("{} {}", slot + 1, text));
     }
     const std::size_t alarms = state_.alarms.size();
     lamp(x, 1 + MAX_BOARD_NUM, alarms > 0, Colour::kBad,
-         fmt::format(fmt::runtime(alarms > 0 ? "{} {}" : "{}"), word(kAlarm), alarms));
+         fmt::format(fmt::runtime(alarms > 0 ? "{} {}" : "{}"), word(protocol::words::kAlarm), alarms));
   }
 
   void lamp(int x, int y, bool on, Colour colour, const std::string& text) {
@@ -180,10 +167,10 @@ class PanelPainter {
     const int alarms = 1 + std::clamp(static_cast<int>(state_.alarms.size()), 1, kAlarmsShown);
     const int rfEnd = std::min(y + static_cast<int>(state_.rf.size()), end - alarms);
     list(y, rfEnd, state_.rf);
-    screen_.text(0, rfEnd, word(kAlarms), {.bold = true});
+    screen_.text(0, rfEnd, word(protocol::words::kAlarms), {.bold = true});
     std::vector<std::string> lines;
     for (const protocol::Alarm& alarm : state_.alarms) lines.insert(lines.begin(), alarmLine(alarm));
-    if (lines.empty()) lines.emplace_back(word(kNoAlarm));
+    if (lines.empty()) lines.emplace_back(word(protocol::words::kNoAlarm));
     list(rfEnd + 1, end, lines);
   }
 
@@ -192,19 +179,19 @@ class PanelPainter {
     const std::size_t shown = lines.size() <= room ? lines.size() : room - 1;
     for (std::size_t i = 0; i < shown; ++i) screen_.text(0, y + static_cast<int>(i), lines[i]);
     if (shown < lines.size())
-      screen_.text(0, end - 1, fmt::format(fmt::runtime(word(kMore)), lines.size() - shown));
+      screen_.text(0, end - 1, fmt::format(fmt::runtime(word(protocol::words::kMore)), lines.size() - shown));
   }
 
   std::string alarmLine(const protocol::Alarm& alarm) const {
-    return fmt::format("{} {}  {:%Y-%m-%d %H:%M:%S}  {}  {}", word(kSlot), alarm.slot + 1,
+    return fmt::format("{} {}  {:%Y-%m-%d %H:%M:%S}  {}  {}", word(protocol::words::kSlot), alarm.slot + 1,
                        fmt::gmtime(static_cast<std::time_t>(alarm.happened)),
                        word({alarm.enTitle, alarm.zhTitle}), word({alarm.enText, alarm.zhText}));
   }
 
   void footer(const LcdStyle& style) {
     const int y = screen_.height() - 1;
-    const int x = screen_.text(0, y, word(kKeyHelp));
-    if (state_.pixels && style.character == nullptr) screen_.text(x + 2, y, word(kNoRoom));
+    const int x = screen_.text(0, y, word(protocol::words::kKeyHelp));
+    if (state_.pixels && style.character == nullptr) screen_.text(x + 2, y, word(protocol::words::kNoRoom));
   }
 
   const PanelState& state_;

@@ -15,8 +15,6 @@
 namespace tools {
 
 struct PanelState {
-  enum class Language { kEnglish, kChinese };
-
   std::string server;
   std::optional<protocol::LcdImage> lcd;
   std::array<std::string, MAX_BOARD_NUM> cards;  // state names from the status; empty: no card
@@ -25,7 +23,7 @@ struct PanelState {
   std::optional<long> silentSeconds;             // since the last answer; nullopt while it answers
   std::string refusal;                           // an error reply of the headend
 
-  Language language = Language::kEnglish;
+  chassis::Language language = chassis::Language::kEnglish;
   bool pixels = false;  // the LCD by its pixels, if there is room
   chassis::PanelKey pressed = chassis::kKeyNone;
 };

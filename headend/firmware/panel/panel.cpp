@@ -68,11 +68,11 @@ void Panel::start() {
 }
 
 std::string Panel::own(const Words& words) const {
-  return base::gbkOfUtf8(isChinese_ ? words.chinese : words.english);
+  return base::gbkOfUtf8(words.in(language_));
 }
 
 std::string Panel::labelOf(const item_t& item) const {
-  const chassis::Label& label = isChinese_ ? item.zh : item.en;
+  const chassis::Label& label = item.label(language_);
   return {label.text, strnlen(label.text, sizeof label.text)};
 }
 
@@ -83,12 +83,12 @@ void Panel::walkTop() {
   const auto rows = [this] {
     std::vector<Row> all;
     for (const auto& [slot, root] : roots_) all.push_back({labelOf(root), firmware_.fault(slot) ? "!" : ""});
-    all.push_back({own({"Language", "语言"}), own({"English", "中文"})});
+    all.push_back({own(protocol::words::kLanguage), own(protocol::words::kLanguageName)});
     return all;
   };
   int chosen = 0;
   while (!leaving_) {
-    const int confirmed = browse(own({"Headend", "前端"}), rows, chosen);
+    const int confirmed = browse(own(protocol::words::kHeadend), rows, chosen);
     if (leaving_) return;
     if (confirmed < 0) continue;  // this is the top level
     chosen = confirmed;
@@ -96,7 +96,7 @@ void Panel::walkTop() {
       const item_t& root = std::next(roots_.begin(), chosen)->second;
       walkTable(root, root.val);
     } else {
-      isChinese_ = !isChinese_;
+      language_ = protocol::next(language_);
     }
   }
 }

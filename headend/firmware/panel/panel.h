@@ -13,6 +13,7 @@
 #include "headend/firmware/back_end.h"
 #include "headend/firmware/panel/lcd.h"
 #include "platform/panel.h"
+#include "protocol/words.h"
 
 namespace headend {
 
@@ -100,7 +101,7 @@ class Panel {
   Kernel& kernel_;
   Firmware firmware_;
   std::map<int, chassis::item_t> roots_;  // by slot: cards of one kind share one record
-  bool isChinese_ = false;
+  chassis::Language language_ = chassis::Language::kEnglish;
   bool leaving_ = false;  // back to the top level
 };
 

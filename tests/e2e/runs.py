@@ -67,5 +67,23 @@ def two_runs_give_equal_bytes(case):
     case.equal(differ, [], 'files that differ')
 
 
+# flag, value, the phase of the start-up that it lengthens, by at least so many milliseconds
+TIMES = (('--bus-ns', 200, 'FPGA configuration', 200), ('--loop-ns', 100, 'DAC calibration', 4),
+         ('--wait5us-ns', 10000, 'clock generator', 8), ('--dog-ns', 100000, 'clock generator', 30),
+         ('--call-ns', 100000, 'FPGA configuration', 2), ('--memory-ns', 10000000, 'registration', 10),
+         ('--file-ns', 10000000, 'bitstream file', 5), ('--save-ns', 150000000, 'registration', 90))
+
+
+def each_time_of_a_call_lengthens_the_start_up(case):
+    def phases(name, *flags):
+        run = case.fast(case.flash(name), 6, *flags)
+        return {phase['phase']: phase['ms'] for phase in case.card(run, 1)['startup']}
+
+    usual = phases('usual')
+    for flag, value, phase, least in TIMES:
+        longer = phases(flag, flag, str(value))[phase] - usual[phase]
+        case.check(least <= longer < 3 * least, f'{flag} {value}: {phase} takes {longer} ms more')
+
+
 harness.main(__name__)
 

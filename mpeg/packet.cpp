@@ -15,8 +15,7 @@ bool hasPesHeader(u8 streamId) {
 
 }  // namespace
 
-std::optional<u64> pcrOf(std::span<const u8> packet) {
-  if (!hasPcr(packet)) return std::nullopt;
+u64 pcrIn(std::span<const u8> packet) {
   const u8* p = &packet[kPcrAt];
   const u64 base = u64{p[0]} << 25 | u64{p[1]} << 17 | u64{p[2]} << 9 | u64{p[3]} << 1 | u64{p[4]} >> 7;
   const u64 extension = (u64{p[4]} & 1) << 8 | p[5];

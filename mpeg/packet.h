@@ -80,7 +80,10 @@ inline bool hasPcr(std::span<const u8> packet) {
   return hasAdaptation(packet) && packet[4] >= 7 && (packet[5] & 0x10) != 0;
 }
 // In ticks of 27 MHz: 300 times the base, and the extension. Below kPcrWrap unless the extension is broken.
-std::optional<u64> pcrOf(std::span<const u8> packet);
+u64 pcrIn(std::span<const u8> packet);  // only for a packet that has one
+inline std::optional<u64> pcrOf(std::span<const u8> packet) {
+  return hasPcr(packet) ? std::optional(pcrIn(packet)) : std::nullopt;
+}
 // Only for a packet that has one. Any number of ticks: values from kPcrWrap on wrap to 0.
 void setPcr(std::span<u8> packet, u64 ticks);
 

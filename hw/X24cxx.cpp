@@ -16,11 +16,11 @@ constexpr u8 kDevice = 0xA0;
 constexpr u16 kRetries = 5;
 constexpr int kAnswerPolls = 100;
 
-using EepromBus = I2cMaster<I2cBus{.anyLevelIsHigh = true}>;
+constexpr I2cBus kBus{.anyLevelIsHigh = true};
 
-EepromBus bus(u8 slotNo) {
+I2cMaster bus(u8 slotNo) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
-  return {&window->X24C16SCL, &window->X24C16SDA};
+  return {kBus, &window->X24C16SCL, &window->X24C16SDA};
 }
 
 u8 deviceOf(u16 addr) {

@@ -13,8 +13,8 @@ namespace {
 constexpr const char* kUnit = "Qam_fpga_init";
 constexpr const char* kBitstream = "/tffs0/K717_QAM/qam.bin";
 constexpr int kAttempts = 10;
-constexpr int kStatusReads =
-    10001;  // some milliseconds on the main board's bus; a part is ready in microseconds
+constexpr int kStatusReads = 10001;
+constexpr int kBytesPerKick = 4096;  // of the watchdog
 constexpr int kClosingClocks = 10;  // the part starts on clocks that follow the last bit
 
 void clockPulse(brdFpgaCfg_t& port) {
@@ -32,9 +32,10 @@ bool waitForStatus(const brdFpgaCfg_t& port, bool ready) {
 // The file is made for this shift: the most significant bit of each byte goes first. The part's data sheet
 // draws its serial format with the other order.
 void sendStream(brdFpgaCfg_t& port, const u8* data, int dataSize) {
-  for (const u8* end = data + dataSize; data != end; ++data) {
+  for (int i = 0; i < dataSize; ++i) {
+    if (i % kBytesPerKick == 0) chassis::Dog();
     for (int bit = 7; bit >= 0; --bit) {
-      port.fpga_data = *data >> bit & 1;
+      port.fpga_data = data[i] >> bit & 1;
       clockPulse(port);
     }
   }

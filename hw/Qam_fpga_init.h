@@ -9,5 +9,5 @@
 int QamfpgaInit(u8 slotNo);
 
 // Sends `dataSize` bytes, most significant bit first, in up to ten attempts. 0 if the FPGA reports that it is
-// configured, else 1.
+// configured, else 1. A size of 0 or less fails a check and sends no bit; the rest of an attempt is the same.
 int cfg_qam_fpga(u8 slotNo, const u8* data, int dataSize);

@@ -8,6 +8,8 @@
 
 #include "platform/types.h"
 
+extern "C" {
+
 void at24cxx_wr_byte(u16 addr, u8 data, u8 slotNo);
 u8 at24cxx_rd_byte(u16 addr, u8 slotNo);                      // 0xFF for an address that does not exist
 void at24cxx_wr_page(u8 page_no, const u8* data, u8 slotNo);  // 16 bytes; pages 0 to 0x7F
@@ -32,3 +34,4 @@ void WSDA_X24C16(u8 slotNo, u8 v);
 void WSCL_X24C16(u8 slotNo, u8 v);
 u8 RSDA_X24C16(u8 slotNo);
 u8 RSCL_X24C16(u8 slotNo);
+}

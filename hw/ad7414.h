@@ -5,6 +5,8 @@
 
 #include "platform/types.h"
 
+extern "C" {
+
 // Puts the sensor to sleep: it converts on request. Takes no lock, because it runs at start-up only.
 void ad7414_init(u8 slotNo, u8 placeNo);
 
@@ -28,3 +30,4 @@ void WSCL_AD7414(u8 slotNo, u8 i, u8 placeNo);
 void WSDA_AD7414(u8 slotNo, u8 i, u8 placeNo);
 u8 RSCL_AD7414(u8 slotNo, u8 placeNo);
 u8 RSDA_AD7414(u8 slotNo, u8 placeNo);
+}

@@ -17,6 +17,8 @@ struct AD9775_Para {
 };
 static_assert(sizeof(AD9775_Para) == 16);
 
+extern "C" {
+
 // A reset pulse; the port idles with chip select and clock high. Writes no register.
 void ad9775_init(u8 slotNo);
 
@@ -31,3 +33,4 @@ void write_reg(u8 slotNo, u8 data);
 
 // The pause between two edges: a loop of 100 turns.
 void delay1();
+}

@@ -13,9 +13,10 @@ namespace {
 constexpr const char* kUnit = "qamVar";
 constexpr std::size_t kFileHead = 8;  // the bytes that the validity test reads first
 
-// Register values of the clock generator for each symbol rate. The rows 5500 and 6875 are no slips: they take
-// another divider plan than their neighbours.
-constexpr cdce925_para TmpData[kClockRows] = {
+}  // namespace
+
+// The rows 5500 and 6875 are correct: they have another divider plan than their neighbours.
+const cdce925_para TmpData[kClockRows] = {
     {.freq = 5000, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x05, .h24 = 0x02, .h25 = 0x80, .h26 = 0x0B, .h27 = 0xAF},
     {.freq = 5125, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x05, .h24 = 0x02, .h25 = 0x90, .h26 = 0x4B, .h27 = 0xAF},
     {.freq = 5250, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x05, .h24 = 0x02, .h25 = 0xA0, .h26 = 0x33, .h27 = 0xCF},
@@ -34,8 +35,6 @@ constexpr cdce925_para TmpData[kClockRows] = {
     {.freq = 6875, .h20 = 0x8D, .h22 = 0x01, .h23 = 0x00, .h24 = 0x00, .h25 = 0x40, .h26 = 0x02, .h27 = 0x0B},
     {.freq = 7000, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x04, .h24 = 0x0E, .h25 = 0x00, .h26 = 0x82, .h27 = 0x0B},
 };
-
-}  // namespace
 
 QamCardPara* Qam_create_para(u8 slotNo) {
   // The bound is for channels, not slots: field notes expect this message at every start of slots 3 to 6.

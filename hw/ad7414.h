@@ -1,6 +1,6 @@
-// The two temperature sensors (AD7414, address 0x4A, each on its own bus): sensor 1 on the card, sensor 2
-// outside it. `placeNo` selects the sensor; any other number selects none. Start-up calls `ad7414_init`, any
-// task `get_temper`. A missing sensor is not detected: an idle data line reads as ones.
+// The two temperature sensors (AD7414, address 0x4A, each on its own bus), both on the card. `placeNo`
+// selects the sensor; any other number selects none. Start-up calls `ad7414_init`, any task `get_temper`. A
+// missing sensor is not detected: an idle data line reads as ones.
 #pragma once
 
 #include "platform/types.h"

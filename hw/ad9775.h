@@ -1,5 +1,5 @@
 // The serial port of the card's first DAC (AD9775), which outputs the I and Q signals. The second DAC's lines
-// of the window are not used: its place on the board is empty. Called by hw/Qam_set at start-up and by the
+// of the window are not used. Called by hw/Qam_set at start-up and by the
 // calibration service; tasks only, no lock, the processor is not released. Nothing is checked: the port has
 // no acknowledge.
 #pragma once

@@ -17,6 +17,7 @@ struct qamSearchPSI_t {
   u8 tableId;
   u16 pid;
 };
+static_assert(sizeof(qamSearchPSI_t) == 4);
 extern qamSearchPSI_t qamSearchPSI[MAX_BOARD_NUM];
 
 extern "C" {
@@ -24,8 +25,8 @@ extern "C" {
 // Registers the variables of both channels. Start-up, through the descriptor.
 void qamBackInit(u8 slotNo);
 
-// Read and write routines of the variables; a result of ts/qamRecords.h. `var` of a read takes up to 1436
-// bytes.
+// Read and write routines of the variables; a result of ts/qamRecords.h. `var` of a read has
+// kReplyBufferSize bytes.
 int qam_ord(chassis::bc_vhdr_t* pv, void* var);
 int qam_owr(chassis::bc_vhdr_t* pv, void* var);
 

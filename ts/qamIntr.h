@@ -15,8 +15,12 @@ extern volatile u8 qam_is_setting_psi[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];
 
 extern "C" {
 
-// Rebuilds the channel's send lists from its store, and restarts the countdowns. Tasks only, with
-// `qam_is_setting_psi` of the channel set around the call.
+// Stops the channel's carousel (`hold` not 0) or lets it continue. A compiler moves no access to store or
+// lists across it. Tasks only.
+void qam_hold_psi(u8 slotNo, u8 port, u8 hold);
+
+// Rebuilds the channel's send lists from its store, and restarts the countdowns. Tasks only, while the
+// carousel is held.
 void QamSetPsiInterval(u8 slotNo, u8 port);
 
 // One tick of the auxiliary clock for the slot. Interrupt context: never waits, does not allocate, accesses

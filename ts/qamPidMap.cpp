@@ -90,8 +90,7 @@ int QamPidMapSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch) {
     sortBySource(ptr->pidMap[port], mapSize(*ptr, port));
     chassis::para_save(slotNo);
     QamSetPidMap(slotNo, port, ptr);
-    // Repeated for the second port: management software ends an upload of both with it, and then the record
-    // on the flash is the same as the router's map.
+    // The second port's unlock saves twice.
     if (port == 1) chassis::para_save(slotNo);
   }
   return 0;

@@ -37,8 +37,7 @@ const cdce925_para TmpData[kClockRows] = {
 };
 
 QamCardPara* Qam_create_para(u8 slotNo) {
-  // The bound is for channels, not slots: field notes expect this message at every start of slots 3 to 6.
-  // Without it, a chassis would be taken for one with another driver.
+  // The bound is for channels, not slots: slots 3 to 6 fail this check at every start, and run.
   os::check(slotNo < MAX_QAM_OUT_NUM, "slotNo<MAX_QAM_OUT_NUM", kUnit, 196);
 
   auto* record = static_cast<QamCardPara*>(os::malloc(sizeof(QamCardPara)));

@@ -93,7 +93,7 @@ bool replace(Field& field, u32 value) {
 }
 
 enum class Outcome { kUnchanged, kChanged, kRefused };
-// Firmware that calls the older setter resets the modulator itself.
+// The older setter does not reset the modulator.
 enum class AfterConstellation { kReset, kLeaveRunning };
 
 // Compares a setting with its field, stores it and drives the hardware.
@@ -128,7 +128,7 @@ Outcome set(u8 slotNo, u32 vid, u32 value, QamParaS& settings, cdce925_para* clo
       if (!replace(settings.power, value)) return Outcome::kUnchanged;
       window->power = static_cast<u16>(value);
       return Outcome::kChanged;
-    case kVarPower2:  // accepted without an effect: channel 2 has the switch of channel 1
+    case kVarPower2:  // accepted without an effect
       return Outcome::kUnchanged;
     default:
       return Outcome::kRefused;

@@ -15,7 +15,7 @@ constexpr const char* kBitstream = "/tffs0/K717_QAM/qam.bin";
 constexpr int kAttempts = 10;
 constexpr int kStatusReads = 10001;
 constexpr int kBytesPerKick = 4096;  // of the watchdog
-constexpr int kClosingClocks = 10;   // the part starts on clocks that follow the last bit
+constexpr int kClosingClocks = 10;   // after the last bit
 
 void clockPulse(brdFpgaCfg_t& port) {
   port.fpga_dclk = 1;
@@ -97,7 +97,7 @@ int QamfpgaInit(u8 slotNo) {
     chassis::DebugPrint("qam fpga can not open %s file!\r\n", kBitstream);
     return 0;
   }
-  // Without a bitstream the start-up continues.
+  // Without a bitstream the start-up continues, with an FPGA that is not configured.
   int size = 0;
   const u8* data = readBitstream(file, size);
   if (data == nullptr) {

@@ -116,7 +116,7 @@ void SetRfLevel(u8 slotNo, u16 level) {
   hrf_set(slotNo, attenuation / kAttenuatorStep);
 }
 
-// Both channels have this attenuator; channel 2's lines in the window are never driven.
+// Channel 1's attenuator. Channel 2's lines in the window are never driven.
 void hrf_set(u8 slotNo, u16 data) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
   delay();

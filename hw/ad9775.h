@@ -1,7 +1,6 @@
 // The serial port of the card's first DAC (AD9775), which outputs the I and Q signals. The second DAC's lines
-// of the window are not used. Called by hw/Qam_set at start-up and by the
-// calibration service; tasks only, no lock, the processor is not released. Nothing is checked: the port has
-// no acknowledge.
+// of the window are not used. Called by hw/Qam_set at start-up and by the calibration service; tasks only, no
+// lock, the processor is not released. Nothing is checked: the port has no acknowledge.
 #pragma once
 
 #include "platform/types.h"

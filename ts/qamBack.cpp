@@ -134,7 +134,8 @@ int writeInterval(const Target& t, const chassis::bc_vhdr_t& header, const void*
   const u8 type = TableidToPsiType(request.tableid);
   if (type >= PSINUM) return kDone;
   t.para->Interval[t.port][type] = static_cast<u16>(request.time);
-  // Only the write of this interval saves the record: all others are lost at a power-off unless it follows.
+  // Only the write of this interval saves the record: the others are lost at a power-off unless a save
+  // follows.
   if (t.port == 1 && type == CAT) chassis::para_save(t.slot);
   return kDone;
 }

@@ -23,10 +23,10 @@ PATIENCE_SECONDS = 240  # a count takes seconds
 # The configuration causes page faults intentionally (status_port.h). Callgrind counts by blocks and is permanently
 # wrong after a fault in the middle of a block; blocks of a single instruction avoid this.
 RATIOS = {
-    'qamWritePsi': (('psi-packets', 'qamWritePsi(*'), ('bare-psi-packets', 'barePsiPacket(*'), [], 1.2),
-    'cfg_qam_fpga': (('configuration', 'cfg_qam_fpga(*'),
+    'qamWritePsi': (('psi-packets', 'qamWritePsi'), ('bare-psi-packets', 'barePsiPacket(*'), [], 1.2),
+    'cfg_qam_fpga': (('configuration', 'cfg_qam_fpga'),
                      ('bare-configuration', 'bareConfiguration(brdFpgaCfg_t*'), ['--vex-guest-max-insns=1'], 1.2),
-    'CdceRegWrite': (('register-writes', 'CdceRegWrite(*'),
+    'CdceRegWrite': (('register-writes', 'CdceRegWrite'),
                      ('bare-register-writes', 'bareClockRegisterWrite(*'), [], 1.1),
 }
 MAP_ENTRIES = (1, 16, 256)

@@ -13,9 +13,10 @@ namespace {
 constexpr const char* kUnit = "qamVar";
 constexpr std::size_t kFileHead = 8;  // the bytes that the validity test reads first
 
-// Register values of the clock generator for each symbol rate. The rows 5500 and 6875 are no slips: they take
-// another divider plan than their neighbours.
-constexpr cdce925_para TmpData[kClockRows] = {
+}  // namespace
+
+// The rows 5500 and 6875 are correct: they have another divider plan than their neighbours.
+const cdce925_para TmpData[kClockRows] = {
     {.freq = 5000, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x05, .h24 = 0x02, .h25 = 0x80, .h26 = 0x0B, .h27 = 0xAF},
     {.freq = 5125, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x05, .h24 = 0x02, .h25 = 0x90, .h26 = 0x4B, .h27 = 0xAF},
     {.freq = 5250, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x05, .h24 = 0x02, .h25 = 0xA0, .h26 = 0x33, .h27 = 0xCF},
@@ -35,11 +36,8 @@ constexpr cdce925_para TmpData[kClockRows] = {
     {.freq = 7000, .h20 = 0x2D, .h22 = 0x00, .h23 = 0x04, .h24 = 0x0E, .h25 = 0x00, .h26 = 0x82, .h27 = 0x0B},
 };
 
-}  // namespace
-
 QamCardPara* Qam_create_para(u8 slotNo) {
-  // The bound is for channels, not slots: field notes expect this message at every start of slots 3 to 6.
-  // Without it, a chassis would be taken for one with another driver.
+  // The bound is for channels, not slots: slots 3 to 6 fail this check at every start, and run.
   os::check(slotNo < MAX_QAM_OUT_NUM, "slotNo<MAX_QAM_OUT_NUM", kUnit, 196);
 
   auto* record = static_cast<QamCardPara*>(os::malloc(sizeof(QamCardPara)));

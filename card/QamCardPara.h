@@ -100,6 +100,11 @@ static_assert(offsetof(QamCardPara, Interval) == 308 && offsetof(QamCardPara, pk
 static_assert(offsetof(QamCardPara, pidMapNum) == 372 && offsetof(QamCardPara, pidMap) == 380);
 static_assert(offsetof(QamCardPara, psiPkt) == 6524);
 
+// Register values of the clock generator for each symbol rate: the table of a new record.
+extern const cdce925_para TmpData[kClockRows];
+
+extern "C" {
+
 // The slot's new record, loaded from its file or with defaults; null if the heap is exhausted. Start-up only.
 QamCardPara* Qam_create_para(u8 slotNo);
 
@@ -116,3 +121,4 @@ void qam_set_default_psipkt(u8 slotNo, u8 port, QamCardPara* ptr);
 
 // The record of the card in the slot; null if no card of this kind is inserted. Tasks and interrupts.
 QamCardPara* GetQamCardParaFromList(u8 slotNo);
+}

@@ -31,7 +31,7 @@ struct Qam_fpga_if {
   Reg16 att_q1_dat, att_q1_clk, att_q1_le;           // attenuators
   Reg16 att_q2_dat, att_q2_clk, att_q2_le;
   Reg16 cdce925_scl, cdce925_sda, cdce925_s0;  // clock generator
-  Reg16 ad7414_sda, ad7414_scl, ad7414_alt;    // temperature sensor on the card
+  Reg16 ad7414_sda, ad7414_scl, ad7414_alt;    // first temperature sensor
   Reg16 ad9775_1_sdo, ad9775_1_rst, ad9775_1_clk, ad9775_1_cs, ad9775_1_sdio;
   Reg16 ad9775_2_sdo, ad9775_2_rst, ad9775_2_clk, ad9775_2_cs, ad9775_2_sdio;
   Reg16 q1_12v_ctrl, q1_5v_ctrl;

@@ -52,9 +52,9 @@ void startChannel(u8 slotNo, u8 port, QamCardPara* record) {
   queue = os::msgQCreate(kSendQueueLength, sizeof(u32), os::MSG_Q_PRIORITY);
   os::check(queue != nullptr, "g_qam_PsiSendQ_ID[slotNo][i]", kUnit, 99);
 
-  qam_is_setting_psi[slotNo][port] = 1;
+  qam_hold_psi(slotNo, port, 1);
   QamSetPsiInterval(slotNo, port);
-  qam_is_setting_psi[slotNo][port] = 0;
+  qam_hold_psi(slotNo, port, 0);
 
   char name[20];
   std::snprintf(name, sizeof name, "qam%dPSISend%d", slotNo, port);

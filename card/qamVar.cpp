@@ -83,11 +83,8 @@ u32 read(u8 slotNo, u32 vid, const QamParaS& settings) {
   }
 }
 
-bool isSetting(u32 vid) {
-  return vid >= kVarFrequency && vid <= kVarPower;
-}
-
-// Whether the field held another value. Byte fields are compared before they are cut to their width.
+// Stores a setting. False if the field has that value already. Byte fields are compared before they are cut
+// to their width.
 template <typename Field>
 bool replace(Field& field, u32 value) {
   if (field == value) return false;
@@ -95,51 +92,46 @@ bool replace(Field& field, u32 value) {
   return true;
 }
 
-bool store(QamParaS& settings, u32 vid, u32 value) {
-  switch (vid) {
-    case kVarFrequency:
-      return replace(settings.rfreq, value);
-    case kVarLevel:
-      return replace(settings.rflevel, value);
-    case kVarSymbolRate:
-      return replace(settings.symbolrate, value);
-    case kVarConstellation:
-      return replace(settings.qammode, value);
-    case kVarQamSwitch:
-      return replace(settings.rfswitch, value);
-    default:
-      return replace(settings.power, value);
-  }
-}
-
-// Firmware that still calls the older setter resets the modulator itself.
+enum class Outcome { kUnchanged, kChanged, kRefused };
+// The older setter does not reset the modulator.
 enum class AfterConstellation { kReset, kLeaveRunning };
 
-void apply(u8 slotNo, u32 vid, u32 value, const QamParaS& settings, cdce925_para* clockTable,
-           AfterConstellation afterConstellation) {
+// Compares a setting with its field, stores it and drives the hardware.
+Outcome set(u8 slotNo, u32 vid, u32 value, QamParaS& settings, cdce925_para* clockTable,
+            AfterConstellation afterConstellation) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
   switch (vid) {
     case kVarFrequency:
+      if (!replace(settings.rfreq, value)) return Outcome::kUnchanged;
       SetFreq(slotNo, value);
       SetRfLevel(slotNo, static_cast<u16>(settings.rflevel));  // its correction may have changed
-      break;
+      return Outcome::kChanged;
     case kVarLevel:
+      if (!replace(settings.rflevel, value)) return Outcome::kUnchanged;
       SetRfLevel(slotNo, static_cast<u16>(value));
-      break;
+      return Outcome::kChanged;
     case kVarSymbolRate:
+      if (!replace(settings.symbolrate, value)) return Outcome::kUnchanged;
       cdce925set(slotNo, value, clockTable);
       symbolrateinfpga(static_cast<i32>(value), slotNo);
-      break;
+      return Outcome::kChanged;
     case kVarConstellation:
+      if (!replace(settings.qammode, value)) return Outcome::kUnchanged;
       window->qam_mode = static_cast<u16>(value);
       if (afterConstellation == AfterConstellation::kReset) Qam_ResetAll(slotNo);
-      break;
+      return Outcome::kChanged;
     case kVarQamSwitch:
+      if (!replace(settings.rfswitch, value)) return Outcome::kUnchanged;
       window->rf0_en = static_cast<u16>(value);
-      break;
-    default:
+      return Outcome::kChanged;
+    case kVarPower:
+      if (!replace(settings.power, value)) return Outcome::kUnchanged;
       window->power = static_cast<u16>(value);
-      break;
+      return Outcome::kChanged;
+    case kVarPower2:  // accepted without an effect
+      return Outcome::kUnchanged;
+    default:
+      return Outcome::kRefused;
   }
 }
 
@@ -148,8 +140,8 @@ void apply(u8 slotNo, u32 vid, u32 value, const QamParaS& settings, cdce925_para
 u32 QamGetVar(u8 slotNo, u8 /*portNo*/, u32 vid, u8** /*str*/) {
   os::semTake(semQamVar, os::WAIT_FOREVER);
   const QamCardPara* record = GetQamCardParaFromList(slotNo);
-  // The semaphore stays taken, here and in the setters: a chassis that asks for a card without a record must
-  // stop at its next request, where the error is found, and must not continue with invalid values.
+  // The semaphore stays taken, here and in the setters: from then on other tasks wait for it permanently; its
+  // owner may take it again.
   if (record == nullptr) return 0;
   const u32 value = read(slotNo, vid, record->qam_para);
   os::semGive(semQamVar);
@@ -161,32 +153,24 @@ int QamSetVar(u8 slotNo, u8 /*portNo*/, u32 vid, u32 value) {
   os::semTake(semQamVar, os::WAIT_FOREVER);
   QamCardPara* record = GetQamCardParaFromList(slotNo);
   if (record == nullptr) return -1;
-  // A loader once took over from the running firmware here: it needs the card unused from then on.
+  // The semaphore stays taken for this number too.
   if (vid == kVarKeepsLock) return 1;
 
-  int result = 0;
-  if (isSetting(vid)) {
-    if (store(record->qam_para, vid, value)) {
-      apply(slotNo, vid, value, record->qam_para, record->Cd925_para, AfterConstellation::kReset);
-      chassis::para_save(slotNo);
-    }
-  } else if (vid !=
-             kVarPower2) {  // menus set channel 2's switch together with channel 1's, so this must not fail
-    result = kNotWritable;
-  }
+  const Outcome outcome =
+      set(slotNo, vid, value, record->qam_para, record->Cd925_para, AfterConstellation::kReset);
+  if (outcome == Outcome::kChanged) chassis::para_save(slotNo);
   os::semGive(semQamVar);
-  return result;
+  return outcome == Outcome::kRefused ? kNotWritable : 0;
 }
 
 void QamSetVar1(u8 slotNo, u8 /*portNo*/, u32 vid, u32 value) {
   os::semTake(semQamVar, os::WAIT_FOREVER);
   QamCardPara* record = GetQamCardParaFromList(slotNo);
   if (record == nullptr) return;
-  if (isSetting(vid) && store(record->qam_para, vid, value)) {
-    // The clock table is in the global record, which a debug shell fills with trial rows; a trial changes no
-    // slot's table.
-    apply(slotNo, vid, value, record->qam_para, QamPara.Cd925_para, AfterConstellation::kLeaveRunning);
-    chassis::para_save(slotNo);
-  }
+  // The clock table is that of the record without a slot, which a debug shell may fill; the slot's own is not
+  // used.
+  const Outcome outcome =
+      set(slotNo, vid, value, record->qam_para, QamPara.Cd925_para, AfterConstellation::kLeaveRunning);
+  if (outcome == Outcome::kChanged) chassis::para_save(slotNo);
   os::semGive(semQamVar);
 }

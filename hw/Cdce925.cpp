@@ -10,14 +10,13 @@ namespace {
 constexpr u8 kDevice = 0xC8;
 constexpr u16 kSingleByte = 0x80;  // command bit: the transfer is of one register
 
-// A falling data line gets twice the wait of a rising one: the trace to the generator is the card's longest,
-// and its level shifter pulls down more slowly than the pull-up lifts. Bytes are sent at half the pace
-// instead of watching the clock, for this device never stretches it.
-constexpr I2cBus kClockGeneratorBus{.slowFall = true, .pacedSend = true};
+// A falling data line gets twice the wait of a rising one. The bits of a sent byte have waits of their own
+// and do not check the clock line; all other steps wait for it.
+constexpr I2cBus kBus{.slowFall = true, .pacedSend = true};
 
-I2cMaster<kClockGeneratorBus> bus(u8 slotNo) {
+I2cMaster bus(u8 slotNo) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
-  return {&window->cdce925_scl, &window->cdce925_sda};
+  return {kBus, &window->cdce925_scl, &window->cdce925_sda};
 }
 
 u8 command(u16 addr) {

@@ -5,6 +5,8 @@
 
 #include "platform/types.h"
 
+extern "C" {
+
 // Registers 0x00 to 0x7F, one at a time.
 void CdceRegWrite(u8 slotNo, u16 addr, u8 data);
 u8 CdceRegRead(u8 slotNo, u16 addr, u8 size);  // one byte, whatever the size
@@ -25,3 +27,4 @@ u8 RsdaCdce(u8 slotNo);
 
 // The pause of the card's slower serial lines: a loop of 1000 turns and a watchdog kick.
 void delay();
+}

@@ -13,9 +13,9 @@ namespace {
 constexpr const char* kUnit = "Qam_fpga_init";
 constexpr const char* kBitstream = "/tffs0/K717_QAM/qam.bin";
 constexpr int kAttempts = 10;
-constexpr int kStatusReads =
-    10001;  // some milliseconds on the main board's bus; a part is ready in microseconds
-constexpr int kClosingClocks = 10;  // the part starts on clocks that follow the last bit
+constexpr int kStatusReads = 10001;
+constexpr int kBytesPerKick = 4096;  // of the watchdog
+constexpr int kClosingClocks = 10;   // after the last bit
 
 void clockPulse(brdFpgaCfg_t& port) {
   port.fpga_dclk = 1;
@@ -29,12 +29,12 @@ bool waitForStatus(const brdFpgaCfg_t& port, bool ready) {
   return false;
 }
 
-// The file is made for this shift: the most significant bit of each byte goes first. The part's data sheet
-// draws its serial format with the other order.
+// The most significant bit of each byte goes first.
 void sendStream(brdFpgaCfg_t& port, const u8* data, int dataSize) {
-  for (const u8* end = data + dataSize; data != end; ++data) {
+  for (int i = 0; i < dataSize; ++i) {
+    if (i % kBytesPerKick == 0) chassis::Dog();
     for (int bit = 7; bit >= 0; --bit) {
-      port.fpga_data = *data >> bit & 1;
+      port.fpga_data = (data[i] >> bit) & 1;
       clockPulse(port);
     }
   }
@@ -97,15 +97,14 @@ int QamfpgaInit(u8 slotNo) {
     chassis::DebugPrint("qam fpga can not open %s file!\r\n", kBitstream);
     return 0;
   }
-  // Without a bitstream the start-up continues: a card whose FPGA was loaded over its test connector has no
-  // file here.
+  // Without a bitstream the start-up continues, with an FPGA that is not configured.
   int size = 0;
   const u8* data = readBitstream(file, size);
   if (data == nullptr) {
     std::fclose(file);
     return 0;
   }
-  // Buffer and file are kept: one per slot start, so that a debugger can show the data sent to the part.
+  // Buffer and file are kept, one of each per slot start: a debugger can show the data sent to the part.
   return cfg_qam_fpga(slotNo, data, size) == 0 ? 0 : -1;
 }
 

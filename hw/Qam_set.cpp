@@ -12,7 +12,7 @@
 
 namespace {
 
-// The board's gain falls with frequency; the level is corrected by band.
+// The level is corrected by frequency band.
 constexpr u32 freq_tbl[] = {100000, 200000, 300000, 400000, 500000, 600000, 700000, 800000, 900000};  // kHz
 constexpr u8 rflev_adj_tbl[] = {30, 40, 30, 30, 20, 10, 0, 0, 0};  // 0.1 dB
 
@@ -62,8 +62,7 @@ void Qam_ResetAll(u8 slotNo) {
   os::sleepMilliseconds(10);
   window->nrst = kResetReleased;
   delay();
-  // Repeated: the logic of the first line needs two pauses before the second line may fall, and a glitch on
-  // the bus in between must not leave it in reset.
+  // Repeated on purpose: both lines are released for two pauses before the second one falls.
   window->nrst = kResetReleased;
   delay();
   window->nrst = kResetSecond;
@@ -83,12 +82,12 @@ void Qam_para_set(u8 slotNo, QamCardPara* pQam) {
   window->pkt_len1 = 1;
   window->oport_num0 = 0;
   window->oport_num1 = 1;
-  Qam_ResetAll(slotNo);  // again: the first reset may have happened while the new clock settled
+  Qam_ResetAll(slotNo);  // again, with packet lengths and ports set
   window->power = settings.power;
   window->rf0_en = settings.rfswitch;
   SetLO1Freq(slotNo);
   SetFreq(slotNo, settings.rfreq);
-  window->X24C16SDA = 1;  // the EEPROM's bus idles high, whatever an aborted start-up has left on it
+  window->X24C16SDA = 1;  // the EEPROM's bus idles high
   window->X24C16SCL = 1;
   SetRfLevel(slotNo, static_cast<u16>(settings.rflevel));
   os::taskUnlock();
@@ -103,8 +102,8 @@ void symbolrateinfpga(i32 freq, u8 slotNo) {
   const auto word = static_cast<u32>(kScale / freq);
   Qam_fpga_if* window = QamFpgaIf[slotNo];
   window->rf_off_hh = static_cast<u16>(word >> 24);
-  window->rf_off_hl = word >> 16 & 0xFF;
-  window->rf_off_lh = word >> 8 & 0xFF;
+  window->rf_off_hl = (word >> 16) & 0xFF;
+  window->rf_off_lh = (word >> 8) & 0xFF;
   window->rf_off_ll = word & 0xFF;
   Qam_ResetAll(slotNo);
 }
@@ -117,7 +116,7 @@ void SetRfLevel(u8 slotNo, u16 level) {
   hrf_set(slotNo, attenuation / kAttenuatorStep);
 }
 
-// Channel 2 has attenuator lines of its own in the window, but leaves through channel 1's attenuator.
+// Channel 1's attenuator. Channel 2's lines in the window are never driven.
 void hrf_set(u8 slotNo, u16 data) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
   delay();
@@ -144,8 +143,8 @@ void FpgaGetRate(u8 slotNo, u8 Port, u32* pSysRate, u32* pVldRate) {
   window->rate_ctrl_rst = 1;
   os::sleepMilliseconds(500);
 
-  // The names are misleading: "valid" counts all bytes of the output, "system" its null packets. The FPGA's
-  // own documents use these names.
+  // The names of the registers are misleading: "valid" counts all bytes of the output, "system" its null
+  // packets.
   u32 bytes = 0;
   u16 nullPackets = 0;
   if (Port == 0) {

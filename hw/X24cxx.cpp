@@ -16,11 +16,11 @@ constexpr u8 kDevice = 0xA0;
 constexpr u16 kRetries = 5;
 constexpr int kAnswerPolls = 100;
 
-using EepromBus = I2cMaster<I2cBus{.anyLevelIsHigh = true}>;
+constexpr I2cBus kBus{.anyLevelIsHigh = true};
 
-EepromBus bus(u8 slotNo) {
+I2cMaster bus(u8 slotNo) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
-  return {&window->X24C16SCL, &window->X24C16SDA};
+  return {kBus, &window->X24C16SCL, &window->X24C16SDA};
 }
 
 u8 deviceOf(u16 addr) {
@@ -30,10 +30,13 @@ u8 deviceOf(u16 addr) {
 // The end of a write cycle, which is when the device answers its address again.
 void waitForAnswer(u8 device, u8 slotNo) {
   for (int polls = 0; polls < kAnswerPolls; ++polls) {
+    chassis::Dog();
     if (bus(slotNo).answers(device)) return;
   }
 }
 
+// `i2c_wr` and `i2c_rd` cannot fail with this bus, which does not report a missing acknowledge. The retries
+// are kept for a bus that reports it.
 void writeChunk(u16 addr, const u8* data, u16 size, u8 slotNo) {
   const u8 device = deviceOf(addr);
   u16 trys = 0;
@@ -94,6 +97,7 @@ void at24cxx_wr_nbytes(u16 addr, const u8* data, u16 count, u8 slotNo) {
 }
 
 void at24cxx_rd_nbytes(u16 addr, u8* data, u16 count, u8 slotNo) {
+  if (addr >= kSize) std::fill_n(data, count, u8{0xFF});
   split(addr, count, kBlock,
         [&](u16 at, u16 offset, u16 size) { readChunk(at, data + offset, size, slotNo); });
 }

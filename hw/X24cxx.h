@@ -8,10 +8,13 @@
 
 #include "platform/types.h"
 
+extern "C" {
+
 void at24cxx_wr_byte(u16 addr, u8 data, u8 slotNo);
 u8 at24cxx_rd_byte(u16 addr, u8 slotNo);                      // 0xFF for an address that does not exist
 void at24cxx_wr_page(u8 page_no, const u8* data, u8 slotNo);  // 16 bytes; pages 0 to 0x7F
-// `count` bytes, split at pages and blocks; bytes beyond the last address are not written.
+// `count` bytes, split at pages and blocks. Bytes beyond the last address are not written, and a read leaves
+// them as they are; one that begins beyond it reads 0xFF throughout.
 void at24cxx_wr_nbytes(u16 addr, const u8* data, u16 count, u8 slotNo);
 void at24cxx_rd_nbytes(u16 addr, u8* data, u16 count, u8 slotNo);
 
@@ -31,3 +34,4 @@ void WSDA_X24C16(u8 slotNo, u8 v);
 void WSCL_X24C16(u8 slotNo, u8 v);
 u8 RSDA_X24C16(u8 slotNo);
 u8 RSCL_X24C16(u8 slotNo);
+}

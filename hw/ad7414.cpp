@@ -15,17 +15,17 @@ constexpr u8 kPowerDown = 0x80;
 constexpr u8 kOneShot = 0x04;
 constexpr int kConversionDelays = 100;
 
-using SensorBus = I2cMaster<I2cBus{.optionalLines = true}>;
+constexpr I2cBus kBus{};
 
-SensorBus bus(u8 slotNo, u8 placeNo) {
+I2cMaster bus(u8 slotNo, u8 placeNo) {
   Qam_fpga_if* window = QamFpgaIf[slotNo];
   switch (placeNo) {
     case 1:
-      return {&window->ad7414_scl, &window->ad7414_sda};
+      return {kBus, &window->ad7414_scl, &window->ad7414_sda};
     case 2:
-      return {&window->ext_ad7414_scl, &window->ext_ad7414_sda};
+      return {kBus, &window->ext_ad7414_scl, &window->ext_ad7414_sda};
     default:
-      return {nullptr, nullptr};
+      return {kBus, nullptr, nullptr};
   }
 }
 
@@ -53,8 +53,7 @@ u16 get_temper(u8 slotNo, u8 placeNo) {
   }
   u8 value[2];
   ad7414_reg_read(slotNo, value, kTemperature, sizeof value, placeNo);
-  // Ten bits in quarter degrees, rounded down to whole ones. The sign is not extended: panels and management
-  // systems in the field expect the sensor's eight bits unchanged.
+  // Ten bits in quarter degrees, rounded down to whole ones. The sign is not extended: -5 reads as 251.
   const u16 degrees = wire::get16(value) >> 6 >> 2;
   os::taskUnlock();
   return degrees;

@@ -1,9 +1,11 @@
-// The two temperature sensors (AD7414, address 0x4A, each on its own bus): sensor 1 on the card, sensor 2
-// outside it. `placeNo` selects the sensor; any other number selects none. Start-up calls `ad7414_init`, any
-// task `get_temper`. A missing sensor is not detected: an idle data line reads as ones.
+// The two temperature sensors (AD7414, address 0x4A, each on its own bus), both on the card. `placeNo`
+// selects the sensor; any other number selects none. Start-up calls `ad7414_init`, any task `get_temper`. A
+// missing sensor is not detected: an idle data line reads as ones.
 #pragma once
 
 #include "platform/types.h"
+
+extern "C" {
 
 // Puts the sensor to sleep: it converts on request. Takes no lock, because it runs at start-up only.
 void ad7414_init(u8 slotNo, u8 placeNo);
@@ -28,3 +30,4 @@ void WSCL_AD7414(u8 slotNo, u8 i, u8 placeNo);
 void WSDA_AD7414(u8 slotNo, u8 i, u8 placeNo);
 u8 RSCL_AD7414(u8 slotNo, u8 placeNo);
 u8 RSDA_AD7414(u8 slotNo, u8 placeNo);
+}

@@ -13,7 +13,7 @@ void shiftOut(u8 slotNo, u8 data) {
   for (int bit = 7; bit >= 0; --bit) {
     window->ad9775_1_clk = 0;
     delay1();
-    window->ad9775_1_sdio = data >> bit & 1;
+    window->ad9775_1_sdio = (data >> bit) & 1;
     delay1();
     window->ad9775_1_clk = 1;
     delay1();
@@ -54,7 +54,7 @@ u8 ad9775_reg_read(u8 slotNo, u8 addr) {
     value = static_cast<u16>(value << 1);
     window->ad9775_1_clk = 1;
     delay1();
-    value = static_cast<u16>(value | window->ad9775_1_sdo);  // only the line: the register has no other bits
+    value = static_cast<u16>(value | window->ad9775_1_sdo);  // the whole cell: it must read 0 or 1
     window->ad9775_1_clk = 0;
     delay1();
   }

@@ -1,7 +1,6 @@
 // The serial port of the card's first DAC (AD9775), which outputs the I and Q signals. The second DAC's lines
-// of the window are not used: its place on the board is empty. Called by hw/Qam_set at start-up and by the
-// calibration service; tasks only, no lock, the processor is not released. Nothing is checked: the port has
-// no acknowledge.
+// of the window are not used. Called by hw/Qam_set at start-up and by the calibration service; tasks only, no
+// lock, the processor is not released. Nothing is checked: the port has no acknowledge.
 #pragma once
 
 #include "platform/types.h"
@@ -17,6 +16,8 @@ struct AD9775_Para {
 };
 static_assert(sizeof(AD9775_Para) == 16);
 
+extern "C" {
+
 // A reset pulse; the port idles with chip select and clock high. Writes no register.
 void ad9775_init(u8 slotNo);
 
@@ -31,3 +32,4 @@ void write_reg(u8 slotNo, u8 data);
 
 // The pause between two edges: a loop of 100 turns.
 void delay1();
+}

@@ -6,6 +6,7 @@
 #include "card/QamFpga.h"
 #include "hw/X24cxx.h"
 #include "hw/ad9775.h"
+#include "platform/check.h"
 #include "platform/kernel.h"
 #include "platform/sockets.h"
 
@@ -13,6 +14,7 @@ int mysock[MAX_BOARD_NUM];
 
 namespace {
 
+constexpr const char* kUnit = "ad9775_ctrl";
 constexpr u16 kPort = 49156;
 constexpr int kTaskPriority = 235;
 constexpr int kTaskStack = 5000;
@@ -45,6 +47,8 @@ void writeAll(u8 slotNo, const u8* registers) {
 }  // namespace
 
 void Ad9775Ctrl_Init(u8 slotNo) {
+  os::check(slotNo < MAX_BOARD_NUM, "slotNo<MAX_BOARD_NUM", kUnit);
+  if (slotNo >= MAX_BOARD_NUM) return;
   mysock[slotNo] = os::socket(os::AF_INET, os::SOCK_DGRAM, 0);
   if (mysock[slotNo] == os::ERROR) os::sleepMilliseconds(1000);
 

@@ -20,8 +20,9 @@ extern int mysock[MAX_BOARD_NUM];  // the task serves only the first
 
 extern "C" {
 
-// Creates the socket and starts the task, once: for slot 0, whose socket is the one served. Failures are not
-// reported; the task then waits on a socket that never receives. Start-up, or a debug shell.
+// Creates the socket and starts the task, once: for slot 0, whose socket is the one served. A slot that does
+// not exist fails a check, and nothing is started. Other failures are not reported; the task then waits on a
+// socket that never receives. Start-up, or a debug shell.
 void Ad9775Ctrl_Init(u8 slotNo);
 
 // The task: about ten requests per second, never returns.

@@ -24,8 +24,7 @@ constexpr u32 kCounterReset = 1 << 2;
 constexpr u32 kPolarityBit = 7;
 constexpr u32 kPrescalerBit = 22;
 
-// Where a synthesizer hangs. The window has lines for a second oscillator of channel 2 as well: on this card
-// both channels leave through one up-converter, 8 MHz apart, and those lines end nowhere.
+// The lines of a synthesizer. Those of the window for a second oscillator of channel 2 are not driven.
 struct Lines {
   Reg16& data;
   Reg16& clock;
@@ -52,12 +51,12 @@ void SetFreq(u8 slotNo, u32 rf) {
   set_pll(kSecond, kPrescaler32, 0, freq, slotNo);
 }
 
-// The record's lo1freq is not looked at: the filter behind the first mixer is cut for this one frequency.
+// The record's lo1freq is ignored: the first oscillator has one frequency.
 void SetLO1Freq(u8 slotNo) {
   set_pll(kFirst, kPrescaler32, 1, kFirstLo_Hz, slotNo);
 }
 
-// R and N are loaded while the counters are held in reset, so that they start together.
+// R and N are loaded while the counters are held in reset; the last write releases them.
 void set_pll(u32 addr, u32 pre, u32 pdp, u32 freq, u8 slotNo) {
   const u32 n = (freq + kStep_Hz / 2) / kStep_Hz;
   const auto modulus = static_cast<u32>(p2scale[pre & 3]);

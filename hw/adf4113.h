@@ -14,7 +14,7 @@ void SetLO1Freq(u8 slotNo);
 
 // Programs synthesizer `addr` (0 first, 1 second oscillator) to `freq` Hz, to the nearest 12.5 kHz. `pre` is
 // the prescaler's code (0 to 3: 8/9 to 64/65), `pdp` the polarity of the phase detector. The slot is the last
-// argument, as existing bench scripts expect.
+// argument.
 void set_pll(u32 addr, u32 pre, u32 pdp, u32 freq, u8 slotNo);
 
 // Shifts the low `len` bits (1 to 32) of `dat` into the synthesizer's shift register, then pulses its latch

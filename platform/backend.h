@@ -2,6 +2,8 @@
 // header of each request. Requests are served one at a time, by one task.
 #pragma once
 
+#include <cstddef>
+
 #include "platform/types.h"
 
 namespace chassis {
@@ -15,7 +17,9 @@ struct bc_vhdr_t {
   u16 reLength;  // a read's request data begins reLength + 12 bytes after the start of this header
   u32 reserved;
 };
-static_assert(sizeof(bc_vhdr_t) == 16);
+static_assert(offsetof(bc_vhdr_t, cardNo) == 2 && offsetof(bc_vhdr_t, portNo) == 4);
+static_assert(offsetof(bc_vhdr_t, vLength) == 8 && offsetof(bc_vhdr_t, reLength) == 10);
+static_assert(offsetof(bc_vhdr_t, reserved) == 12 && sizeof(bc_vhdr_t) == 16);
 
 using bc_routine = int (*)(bc_vhdr_t* pv, void* var);
 

@@ -31,6 +31,7 @@ struct card {
   void* varPtr;  // the card's parameter record, `varSize` bytes, which `para_save` writes
   u32 varSize;
 };
+static_assert(sizeof(void*) != 4 || sizeof(card) == 84);
 
 extern "C" {
 

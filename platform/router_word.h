@@ -36,7 +36,7 @@ constexpr u16 sourcePid(const RouterWords& words) {
   return words[0] & 0x1FFF;
 }
 constexpr u8 sourcePort(const RouterWords& words) {
-  return static_cast<u8>(sourceOf(words) >> 13 & 0x0F);
+  return static_cast<u8>((sourceOf(words) >> 13) & 0x0F);
 }
 constexpr u8 sourceSlot(const RouterWords& words) {
   return static_cast<u8>(sourceOf(words) >> 17);

@@ -69,7 +69,7 @@ int readPackets(const Target& t, chassis::bc_vhdr_t* pv, const void* data, void*
   const auto& request = *static_cast<const get_psi_pkt*>(data);
   const u16 pid = request.pid;
   const u8 tableId = request.tableid;
-  // One byte, as long as management software reads a table in pages: it requests no higher position.
+  // Only the low byte counts: packets from position 262 on cannot be read.
   const u8 start = static_cast<u8>(request.start_pos);
 
   const u8 type = TableidToPsiType(tableId);
@@ -134,8 +134,8 @@ int writeInterval(const Target& t, const chassis::bc_vhdr_t& header, const void*
   const u8 type = TableidToPsiType(request.tableid);
   if (type >= PSINUM) return kDone;
   t.para->Interval[t.port][type] = static_cast<u16>(request.time);
-  // Management software writes the intervals of both ports, type by type: this one is the last, and one save
-  // is enough for all.
+  // Only the write of this interval saves the record: the others are lost at a power-off unless a save
+  // follows.
   if (t.port == 1 && type == CAT) chassis::para_save(t.slot);
   return kDone;
 }

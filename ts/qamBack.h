@@ -17,20 +17,24 @@ struct qamSearchPSI_t {
   u8 tableId;
   u16 pid;
 };
+static_assert(sizeof(qamSearchPSI_t) == 4);
 extern qamSearchPSI_t qamSearchPSI[MAX_BOARD_NUM];
 
-// Registers the variables of both channels. Start-up, through the descriptor.
-extern "C" void qamBackInit(u8 slotNo);
+extern "C" {
 
-// Read and write routines of the variables; a result of ts/qamRecords.h. `var` of a read takes up to 1436
-// bytes.
+// Registers the variables of both channels. Start-up, through the descriptor.
+void qamBackInit(u8 slotNo);
+
+// Read and write routines of the variables; a result of ts/qamRecords.h. `var` of a read has
+// kReplyBufferSize bytes.
 int qam_ord(chassis::bc_vhdr_t* pv, void* var);
 int qam_owr(chassis::bc_vhdr_t* pv, void* var);
 
 // Starts (`isSearch` not 0) or stops the slot's search for packets of a PID and table. Another PID or table
 // drops the captured packets; the same one again changes nothing. Always 0.
-extern "C" int qamSetTSPID(u8 slotNo, u8 port, u16 pid, u8 tableId, u8 isSearch);
+int qamSetTSPID(u8 slotNo, u8 port, u16 pid, u8 tableId, u8 isSearch);
 
 // Copies the next captured packet to `pkt_buf`, 188 bytes; -1 if there is none. Never waits. There is one
 // search per slot, for all ports.
-extern "C" int qamGetTsPidResult(u8 slotNo, u8 port, u8* pkt_buf);
+int qamGetTsPidResult(u8 slotNo, u8 port, u8* pkt_buf);
+}

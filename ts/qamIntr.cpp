@@ -1,5 +1,7 @@
 #include "ts/qamIntr.h"
 
+#include <atomic>
+
 #include "card/QamFpga.h"
 #include "platform/check.h"
 #include "platform/memory.h"
@@ -136,6 +138,12 @@ void tickOfType(u8 slotNo, u8 port, u8 psiType, const QamCardPara& para) {
 
 }  // namespace
 
+void qam_hold_psi(u8 slotNo, u8 port, u8 hold) {
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  qam_is_setting_psi[slotNo][port] = hold;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
 void QamSetPsiInterval(u8 slotNo, u8 port) {
   os::check(slotNo < MAX_BOARD_NUM, "slotNo<MAX_BOARD_NUM", kUnit);
   os::check(port < MAX_QAM_OUT_NUM, "port < MAX_QAM_OUT_NUM", kUnit);
@@ -185,8 +193,10 @@ int QamTaskPsiSend(u8 slotNo, u8 port) {
   const Reg16& ready = port == 0 ? fpga->PsiRdy0 : fpga->PsiRdy1;
   for (;;) {
     u32 index = kPsiStoreSize;
-    os::msgQReceive(g_qam_PsiSendQ_ID[slotNo][port], reinterpret_cast<char*>(&index), sizeof index,
-                    os::WAIT_FOREVER);
+    const int received = os::msgQReceive(g_qam_PsiSendQ_ID[slotNo][port], reinterpret_cast<char*>(&index),
+                                         sizeof index, os::WAIT_FOREVER);
+    // Without a queue (no memory at the start) the receive fails at once: the tasks below must run.
+    if (received == os::ERROR) os::taskDelay(1);
     if (index >= kPsiStoreSize) continue;
     while (ready == 0) {
     }
@@ -199,8 +209,7 @@ void qamWritePsi(u8 slotNo, const u8* pkt, u8 port) {
   os::check(port < MAX_QAM_OUT_NUM, "port < MAX_QAM_OUT_NUM", kUnit);
   os::check(pkt != nullptr, "pkt != NULL", kUnit);
 
-  constexpr int kFillerWords =
-      16;  // a packet takes the time of 204 bytes, as a packet with Reed-Solomon parity does
+  constexpr int kFillerWords = 16;  // a packet takes the time of 204 bytes
   constexpr u16 kFiller = 0xFFFF;
 
   const int pid = (pkt[1] & 0x1F) << 8 | pkt[2];

@@ -13,13 +13,19 @@ extern os::MSG_Q_ID g_qam_PsiSendQ_ID[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];
 // Volatile: a task writes it and an interrupt routine reads it.
 extern volatile u8 qam_is_setting_psi[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];
 
-// Rebuilds the channel's send lists from its store, and restarts the countdowns. Tasks only, with
-// `qam_is_setting_psi` of the channel set around the call.
+extern "C" {
+
+// Stops the channel's carousel (`hold` not 0) or lets it continue. A compiler moves no access to store or
+// lists across it. Tasks only.
+void qam_hold_psi(u8 slotNo, u8 port, u8 hold);
+
+// Rebuilds the channel's send lists from its store, and restarts the countdowns. Tasks only, while the
+// carousel is held.
 void QamSetPsiInterval(u8 slotNo, u8 port);
 
 // One tick of the auxiliary clock for the slot. Interrupt context: never waits, does not allocate, accesses
 // no register.
-extern "C" void qamIntr(u8 slotNo);
+void qamIntr(u8 slotNo);
 
 // Body of a channel's send task. -1 if the slot has no record; otherwise it does not return.
 int QamTaskPsiSend(u8 slotNo, u8 port);
@@ -27,3 +33,4 @@ int QamTaskPsiSend(u8 slotNo, u8 port);
 // Writes one packet of 188 bytes to the channel's PSI port, with the PID's next continuity counter. Send task
 // only.
 void qamWritePsi(u8 slotNo, const u8* pkt, u8 port);
+}

@@ -23,8 +23,8 @@ u32 sourceKey(const pidmap_t& entry) {
   return chassis::sourceKey(entry.src_slotNo, entry.src_port, entry.src_pid);
 }
 
-// Equal keys change places as they always have: which of two entries for one source comes first decides which
-// one the router takes, so another sort would put another programme on the air.
+// Another sort would leave entries with equal keys in another order, and the router may take another one of
+// them.
 void sortBySource(pidmap_t* map, u32 size) {
   for (u32 i = 0; i < size; ++i) {
     for (u32 j = i + 1; j < size; ++j) {
@@ -90,8 +90,7 @@ int QamPidMapSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch) {
     sortBySource(ptr->pidMap[port], mapSize(*ptr, port));
     chassis::para_save(slotNo);
     QamSetPidMap(slotNo, port, ptr);
-    // Repeated for the second port: management software ends an upload of both with it, and then the record
-    // on the flash is the same as the router's map.
+    // The second port's unlock saves twice, with the same content.
     if (port == 1) chassis::para_save(slotNo);
   }
   return 0;

@@ -7,6 +7,8 @@
 
 extern u8 qam_pidmap_lock_status[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];  // 1: locked
 
+extern "C" {
+
 // Sends the channel's whole map to the chassis's router, all 256 positions. Always 0. Start-up and unlock.
 int QamSetPidMap(u8 slotNo, u8 port, QamCardPara* ptr);
 
@@ -21,3 +23,4 @@ int QamSavePidMap(u8 port, QamCardPara* ptr, const set_pid_map_t* v);
 
 // Fills a chunk with the map's entries from `StartPos` on. Always 0.
 int QamGetPidMap(u8 port, u32 StartPos, QamCardPara* ptr, set_pid_map_t* v);
+}

@@ -16,7 +16,8 @@ using namespace qam_back;  // NOLINT(google-build-using-namespace)
 constexpr const char* kUnit = "qamBack";  // in failed checks: the back end is one unit
 constexpr u8 kNoType = 255;
 
-// Only nine bits are compared: management software marks what it takes back with any PID that ends in ones.
+// Only nine bits are compared: a packet stored for a PID such as 0x3FF counts as free, and the next chunk
+// overwrites it.
 bool isFree(const outPsiPkt_t& entry) {
   return (entry.pid & 0x1FF) == 0x1FF;
 }
@@ -55,7 +56,7 @@ int QamPsiSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch) {
   if (lock_switch != 0) {
     if (locked == 1) return 0;
     locked = 1;
-    qam_is_setting_psi[slotNo][port] = 1;
+    qam_hold_psi(slotNo, port, 1);
     std::memset(ptr->pktNum[port], 0, sizeof ptr->pktNum[port]);
     qam_set_default_psipkt(slotNo, port, ptr);
   } else {
@@ -63,7 +64,7 @@ int QamPsiSetLock(u8 slotNo, u8 port, QamCardPara* ptr, u32 lock_switch) {
     locked = 0;
     chassis::para_save(slotNo);
     QamSetPsiInterval(slotNo, port);
-    qam_is_setting_psi[slotNo][port] = 0;  // last: the tick routine may use only complete lists
+    qam_hold_psi(slotNo, port, 0);  // last: the tick routine may use only complete lists
   }
   return 0;
 }

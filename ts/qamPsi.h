@@ -8,6 +8,8 @@
 
 extern u8 qam_psi_lock_status[MAX_BOARD_NUM][MAX_QAM_OUT_NUM];  // 1: locked
 
+extern "C" {
+
 // The PsiType of a section's table_id (EN 300 468, ISO/IEC 13818-1); 255 for tables that the card does not
 // carry.
 u8 TableidToPsiType(u8 table_id);
@@ -22,3 +24,4 @@ int QamSavePsiPkt(u8 port, QamCardPara* ptr, const set_psi_pkt* v);
 
 // Number of stored packets of a table on a PID.
 u16 QamGetPsiPktNumSamePidTid(u8 port, u16 pid, u8 table_id, QamCardPara* ptr);
+}

@@ -2,6 +2,9 @@
 // records, big-endian, and the results. Included by the card, the chassis and clients.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
+
 #include "platform/numbers.h"
 #include "platform/wire.h"
 
@@ -105,6 +108,13 @@ struct ts_data_set {
 };
 static_assert(offsetof(ts_data_set, tableid) == 2 && sizeof(ts_data_set) == 4);
 
+struct ts_data_rt_set {
+  wire::U16 pid;
+  u8 tableid;
+  u8 reserved;
+};
+static_assert(offsetof(ts_data_rt_set, tableid) == 2 && sizeof(ts_data_rt_set) == 4);
+
 struct ts_data_rt {
   wire::U16 pid;
   u8 tableid;
@@ -113,3 +123,34 @@ struct ts_data_rt {
 };
 static_assert(offsetof(ts_data_rt, nmuber) == 3 && offsetof(ts_data_rt, pkt) == 4);
 static_assert(sizeof(ts_data_rt) == 1320);
+
+// The data of a write, and the request data of a read.
+union set_u {
+  u8 _buffer[1024];
+  u8 _byte;
+  wire::U16 _word;
+  wire::U32 _dword;
+  ts_data_set _ts_set;
+  ts_data_rt_set _ts_rt_set;
+  set_psi_pkt _psi_pkt_set;
+  get_psi_pkt _psi_pkt_get_set;
+  set_psi_interval _psi_interval_set;
+  get_psi_interval _psi_interval_get_set;
+};
+static_assert(alignof(set_u) == 1 && sizeof(set_u) == sizeof(set_psi_pkt));
+
+// The data of a reply to a read.
+union ret_u {
+  u8 _buffer[1024];
+  u8 _byte;
+  wire::U16 _word;
+  wire::U32 _dword;
+  ts_data_rt _ts_rt;
+  set_psi_pkt _psi_pkt_get;
+  set_psi_interval _psi_interval_get;
+};
+static_assert(alignof(ret_u) == 1 && sizeof(ret_u) == sizeof(set_psi_pkt));
+
+// Bytes of the buffer that a chassis provides for the reply to a read: a chunk of a PID map is the largest.
+inline constexpr std::size_t kReplyBufferSize = std::max(sizeof(ret_u), sizeof(set_pid_map_t));
+static_assert(kReplyBufferSize == 1436);

@@ -110,13 +110,14 @@ constexpr int kRow = 2;
 constexpr int kFirstColumn = 16;
 constexpr int kNoCursor = -1;
 constexpr int kNoPoint = -1;
-constexpr int kLongest = 8;
 
 // A value's last digits as characters, with a point among them.
 struct Digits {
   int size;
   int point;
 };
+constexpr Digits kFrequencyDigits = {.size = 8, .point = 4};
+constexpr int kLongest = kFrequencyDigits.size;  // of all values
 
 struct Unit {
   int column;
@@ -297,7 +298,7 @@ constexpr Editor kSymbolRate = {.bounds = kSymbolRateBounds,
 // ---- RF frequency ----
 
 constexpr Editor kRfFreq = {.bounds = kFrequencyBounds,
-                            .digits = {.size = 8, .point = 4},
+                            .digits = kFrequencyDigits,
                             .unit = {.column = 82, .text = "MHz"},
                             .lastStop = 7,
                             .draw = drawWhole,
@@ -327,6 +328,8 @@ constexpr Editor kRfLevel = {.bounds = kLevelBounds,
                              .lastStop = kTenths,
                              .draw = drawWhole,
                              .step = stepLevel};
+
+static_assert(kLongest == std::max({kSymbolRate.digits.size, kRfFreq.digits.size, kRfLevel.digits.size}));
 
 }  // namespace
 

@@ -31,7 +31,7 @@ inline constexpr QamMibRow kMibRows[] = {
     {{3, 51, 1, 12}, kVarFrequency2,     false, false},
     {{3, 51, 1, 13}, kVarLevel2,         false, false},
     {{3, 51, 1, 14}, kVarQamSwitch2,     false, false},
-    {{3, 51, 1, 15}, kVarPower2,         false, true},  // management stations write both switches together
+    {{3, 51, 1, 15}, kVarPower2,         false, true},  // written without an effect
     {{3, 51, 1, 16}, kVarSymbolRate2,    false, false},
 };
 // clang-format on

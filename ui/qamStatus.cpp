@@ -48,7 +48,7 @@ constexpr Channel kChannels[MAX_QAM_OUT_NUM] = {
 };
 
 // The record keeps what was raised, over a restart too if the record is saved meanwhile. Both channels raise
-// with port 0: management systems in the field distinguish them by the texts.
+// with port 0; only the texts differ.
 void checkInputs(u8 slotNo, QamCardPara* record) {
   const u8 status = record->qam_para.status;
   const u16 lost = QamFpgaIf[slotNo]->tslock;
@@ -67,8 +67,7 @@ void checkInputs(u8 slotNo, QamCardPara* record) {
 }
 
 void checkTemperature(u8 slotNo) {
-  // Below zero degrees the sensor's eight bits read as 192 and more: also too hot, as systems in the field
-  // expect.
+  // Below zero degrees the sensor's eight bits read as 192 and more, which is also too hot.
   const bool isHot = get_temper(slotNo, kWatchedSensor) >= kHotFrom;
   const bool wasHot = chassis::IsAlarmExist(slotNo, 0, kTooHot, 0) != 0;
   // One threshold for both directions: the log must show every crossing.
@@ -83,8 +82,10 @@ void checkTemperature(u8 slotNo) {
 
 void checkRates(u8 slotNo) {
   for (u8 port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-    const unsigned bit = 1U << chassis::out_port_to_mbrd_out(slotNo, port);
-    const bool overflows = (chassis::pbbFpgaIf->rate_overflow & bit) != 0;
+    // The register has 16 bits: a number from 16 on names none of them.
+    const u8 output = chassis::out_port_to_mbrd_out(slotNo, port);
+    const u16 word = chassis::pbbFpgaIf->rate_overflow;
+    const bool overflows = output < 16 && ((word >> output) & 1) != 0;
     const bool isRaised = chassis::IsAlarmExist(slotNo, port, kRateOverflow, 0) != 0;
     if (overflows) {
       // The whole check ends: while the first port's alarm is active, the second's waits.

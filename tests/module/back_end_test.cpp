@@ -54,7 +54,7 @@ class BackEnd : public ModuleTest {
       u8 data[40];
     } request{{id, card, port, static_cast<u16>(data.size()), reLength, 0}, {}};
     std::copy(data.begin(), data.end(), request.data + reLength - 4);
-    Bytes reply(2048, 0xEE);
+    Bytes reply(kReplyBufferSize, 0xEE);
     const int result = qam_ord(&request.header, reply.data());
     reply.resize(request.header.vLength);
     return {result, reply};

@@ -45,7 +45,7 @@ TEST_F(Calibration, WhatIsWrittenStandsInTheEepromAndIsReadBackWhereverItLies) {
     EXPECT_EQ(board.eeprom.image(fake.now), expected);
     EXPECT_FALSE(board.eeprom.busy(fake.now)) << "a write ends with its cycle";
     Bytes read(count, 0xDD);
-    std::fill(data.begin() + fits, data.end(), u8{0xDD});
+    std::fill(data.begin() + fits, data.end(), address < 0x800 ? u8{0xDD} : u8{0xFF});
     at24cxx_rd_nbytes(address, read.data(), count, 1);
     EXPECT_EQ(read, data);
   };
@@ -85,6 +85,7 @@ TEST_F(Calibration, AnEepromThatDoesNotAnswerIsAskedAHundredTimesAndReadsOnes) {
   fake.forget();
   at24cxx_wr_byte(3, 0x55, 1);
   EXPECT_EQ(count("X24C16SDA?"), 2 * 200 + 100);
+  EXPECT_EQ(count("dog"), 100);
   EXPECT_EQ(fake.log, Lines{}) << "no sleep";
 }
 
@@ -114,6 +115,8 @@ TEST_F(Calibration, TheServiceStartsOnSocketZeroWhateverFails) {
   EXPECT_EQ(fake.stepsOf([] { Ad9775Ctrl_Init(2); }), (Lines{"100 ticks", "100 ticks", "dog"}));
   EXPECT_EQ(fake.log[3], "close socket -1");
   EXPECT_EQ(fake.log.back(), spawned);
+  EXPECT_EQ(fake.stepsOf([] { Ad9775Ctrl_Init(6); }), Lines{});
+  EXPECT_EQ(fake.log, Lines{}) << "nothing is started for no slot";
 }
 
 TEST_F(Calibration, TheServiceAnswersTenTimesASecondAndOutlivesWhatComes) {

@@ -233,6 +233,14 @@ TEST_F(Carousel, TheSendTaskSendsWhatIsQueuedWhenThePortIsReady) {
                               onThePort(port, first, 1));
   }
   EXPECT_EQ(QamTaskPsiSend(3, 0), -1) << "a slot without a record";
+
+  g_qam_PsiSendQ_ID[2][0] = nullptr;
+  fake.onCall = [&, delays = 0](std::string_view) mutable {
+    if (++delays == 3) fake.leave();
+  };
+  fake.forget();
+  EXPECT_FALSE(fake.runs(fake.tasks[0]));
+  EXPECT_EQ(fake.steps, Lines(2, "1 ticks")) << "without a queue it sleeps";
 }
 
 }  // namespace

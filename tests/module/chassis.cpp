@@ -241,10 +241,10 @@ int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int pri
 
 int msgQReceive(MSG_Q_ID queue, char* buffer, unsigned maxLength, int timeout) {
   EXPECT_TRUE(maxLength == 4 && (timeout == NO_WAIT || timeout == WAIT_FOREVER));
-  const bool empty = queue == nullptr || test::Queue::of(queue).messages.empty();
-  if (empty && timeout == NO_WAIT) return ERROR;
-  if (empty) current->leave();
+  if (queue == nullptr) return ERROR;
   std::vector<u32>& messages = test::Queue::of(queue).messages;
+  if (messages.empty() && timeout == NO_WAIT) return ERROR;
+  if (messages.empty()) current->leave();
   std::memcpy(buffer, &messages.front(), sizeof(u32));
   messages.erase(messages.begin());
   return sizeof(u32);
@@ -334,7 +334,7 @@ int IsAlarmExist(u8 slotNo, u8 port, u16 type, int arg4) {
 
 // Not the order of the slots.
 u8 out_port_to_mbrd_out(u8 slotNo, u8 port) {
-  return static_cast<u8>(15 - 2 * slotNo - port);
+  return static_cast<u8>(current->firstOutput - 2 * slotNo - port);
 }
 
 void Delay5us() {

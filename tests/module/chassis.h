@@ -56,6 +56,7 @@ struct FakeChassis {
   // Inputs for the module.
   Scratch flash;
   int tickHz = 100;
+  int firstOutput = 15;  // the main board's number for the first output of slot 0; it counts down
   int heapBlocks = std::numeric_limits<int>::max();  // allocations until the heap is exhausted
   bool queuesToBeHad = true, socketsToBeHad = true, portsToBeHad = true;
   bool stopsAtChecks = false;                             // a failed check ends `runs`

@@ -3,6 +3,7 @@
 #include "card/QamInit.h"
 #include "card/qamVar.h"
 #include "hw/Qam_fpga_init.h"
+#include "hw/ad9775_ctrl.h"
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
 #include "ts/qamIntr.h"
@@ -30,6 +31,7 @@ TEST_F(Checks, BadArgumentsFailTheirChecks) {
       {[] { QamInit(6); }, "QamInit: slotNo<MAX_BOARD_NUM", 50},
       {[] { QamInit(0); }, "QamInit: g_qam_PsiSendQ_ID[slotNo][i]", 99},
       {[] { QamSetVar(6, 0, 30, 474000); }, "qamVar: slotNo<MAX_BOARD_NUM", 478},
+      {[] { Ad9775Ctrl_Init(6); }, "ad9775_ctrl: slotNo<MAX_BOARD_NUM", {}},
       {[] { qamStatusCheck(6); }, "qamStatus: slotNo<MAX_BOARD_NUM", 23},
       {[] { cfg_qam_fpga(6, packet, 1); }, "Qam_fpga_init: slotNo<MAX_BOARD_NUM", {}},
       {[] { cfg_qam_fpga(0, nullptr, 1); }, "Qam_fpga_init: point", {}},

@@ -122,6 +122,9 @@ TEST_F(Devices, SetUpsBeginOnAnIdleBus) {
 TEST_F(Devices, ASensorThatThereIsNotIsAnIdleBus) {
   EXPECT_EQ(fake.stepsOf([] { ad7414_start(0, 3); }), Lines(8, "5us"));
   EXPECT_EQ(RSDA_AD7414(0, 3), 1);
+  u8 read = 0;
+  ad7414_reg_read(0, &read, 0, 1, 3);
+  EXPECT_EQ(read, 0xFF);
 }
 
 // The conversion takes 29 us; each of a hundred waits for it has a kick of the watchdog.

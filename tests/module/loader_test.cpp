@@ -70,6 +70,19 @@ TEST_F(Loader, TriesAFaultyPartTenTimes) {
   }
 }
 
+TEST_F(Loader, KicksTheWatchdogEvery4096BytesAndSendsNoBitOfAnEmptyStream) {
+  const Bytes stream(8193);
+  const auto count = [&](const char* step) { return std::count(fake.steps.begin(), fake.steps.end(), step); };
+  for (const auto& [size, bits, kicks] :
+       {std::tuple{8193, 8 * 8193, 3}, {4096, 8 * 4096, 1}, {0, 0, 0}, {-1, 0, 0}}) {
+    fake.forget();
+    EXPECT_EQ(cfg_qam_fpga(kSlot, stream.data(), size), 0) << size;
+    EXPECT_EQ(count("port3.data=0"), bits) << size;
+    EXPECT_EQ(count("port3.dclk=1"), bits + 10) << size;
+    EXPECT_EQ(count("dog"), kicks) << size;
+  }
+}
+
 TEST_F(Loader, KeepsBufferAndFileWhetherThePartStartsOrNot) {
   writeFile(fake.flash.path.string() + kFile, kStream);
   const std::size_t open = filesIn("/proc/self/fd");

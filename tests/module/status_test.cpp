@@ -56,6 +56,8 @@ TEST_F(Status, PassesTellTheAlarmListWhatHasChanged) {
   EXPECT_EQ(told(2, 20, kOut2), (Lines{kKept1, kOver2}));
   EXPECT_EQ(told(2, 20, kOut1 | kOut2), Lines{kOver1});
   EXPECT_EQ(told(2, 20, 0), (Lines{kKept1, kKept2}));
+  fake.firstOutput += 32;
+  EXPECT_EQ(told(2, 20, 0xFFFF), Lines{}) << "no bit for such an output";
 }
 
 TEST_F(Status, ASlotWithoutARecordHasNone) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "headend/firmware/log.h"
-#include "headend/hardware/eeprom.h"
+#include "headend/hardware/at24c16.h"
 #include "headend/kernel/flash.h"
 
 namespace headend {

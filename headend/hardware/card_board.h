@@ -7,13 +7,13 @@
 #include <functional>
 #include <optional>
 
+#include "headend/hardware/ad7414.h"
+#include "headend/hardware/ad9775.h"
+#include "headend/hardware/adf4113.h"
+#include "headend/hardware/at24c16.h"
 #include "headend/hardware/card_registers.h"
-#include "headend/hardware/clock_generator.h"
-#include "headend/hardware/dac.h"
-#include "headend/hardware/eeprom.h"
+#include "headend/hardware/cdce925.h"
 #include "headend/hardware/i2c.h"
-#include "headend/hardware/synthesizer.h"
-#include "headend/hardware/temperature_sensor.h"
 
 namespace headend {
 

@@ -2,9 +2,9 @@
 // driver_faults_test.cpp.
 #include <gtest/gtest.h>
 
-#include "headend/hardware/clock_generator.h"
-#include "headend/hardware/synthesizer.h"
-#include "headend/hardware/temperature_sensor.h"
+#include "headend/hardware/ad7414.h"
+#include "headend/hardware/adf4113.h"
+#include "headend/hardware/cdce925.h"
 #include "tests/headend/hardware/drivers.h"
 
 namespace test {

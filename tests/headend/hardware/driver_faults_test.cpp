@@ -1,10 +1,10 @@
 // What a driver can do wrong, and what the device counts; an empty text where nothing is wrong.
 #include <gtest/gtest.h>
 
-#include "headend/hardware/clock_generator.h"
-#include "headend/hardware/eeprom.h"
-#include "headend/hardware/synthesizer.h"
-#include "headend/hardware/temperature_sensor.h"
+#include "headend/hardware/ad7414.h"
+#include "headend/hardware/adf4113.h"
+#include "headend/hardware/at24c16.h"
+#include "headend/hardware/cdce925.h"
 #include "headend/hardware/three_wire.h"
 #include "tests/headend/hardware/drivers.h"
 

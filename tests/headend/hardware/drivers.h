@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "headend/hardware/dac.h"
+#include "headend/hardware/ad9775.h"
 #include "headend/hardware/i2c.h"
 #include "tests/headend/scratch.h"
 

@@ -1,4 +1,4 @@
-#include "headend/hardware/temperature_sensor.h"
+#include "headend/hardware/ad7414.h"
 
 #include <algorithm>
 #include <cmath>

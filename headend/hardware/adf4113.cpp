@@ -1,4 +1,4 @@
-#include "headend/hardware/synthesizer.h"
+#include "headend/hardware/adf4113.h"
 
 #include <fmt/format.h>
 
@@ -13,14 +13,13 @@ enum Latch : u32 { kReference = 0, kCounters = 1, kFunction = 2, kInitialization
 
 // Function latch.
 constexpr u32 kCounterReset = 1U << 2;
-constexpr u32 kPowerDown = 1U << 3;
+constexpr u32 kPowerDown1 = 1U << 3;
 constexpr u32 kPositivePolarity = 1U << 7;
 constexpr u32 kThreeState = 1U << 8;
 
 constexpr u32 kTestModes = 3U << 18;  // of the reference counter latch
 
 constexpr unsigned kLeastB = 3;
-constexpr double kMHz = 1e6;
 constexpr double kReferenceMin_hz = 5 * kMHz;
 constexpr double kReferenceMax_hz = 104 * kMHz;
 constexpr double kDetectorMax_hz = 55 * kMHz;
@@ -92,7 +91,7 @@ std::string Synthesizer::fault() const {
   }
   if ((latches_[kFunction] & kCounterReset) != 0) return "the counters are held in reset";
   if (method_ != Method::kFollowed) return "not programmed by the counter-reset method";
-  if ((latches_[kFunction] & kPowerDown) != 0) return "powered down";
+  if ((latches_[kFunction] & kPowerDown1) != 0) return "powered down";
   if ((latches_[kFunction] & kThreeState) != 0) return "the charge pump is in three-state";
   if (((latches_[kFunction] & kPositivePolarity) != 0) != positivePolarityLocks_) {
     return "the loop runs away: wrong polarity of the phase detector";

@@ -1,4 +1,4 @@
-#include "headend/hardware/eeprom.h"
+#include "headend/hardware/at24c16.h"
 
 namespace headend {
 namespace {

@@ -1,4 +1,4 @@
-#include "headend/hardware/dac.h"
+#include "headend/hardware/ad9775.h"
 
 namespace headend {
 namespace {

@@ -1,4 +1,4 @@
-#include "headend/hardware/clock_generator.h"
+#include "headend/hardware/cdce925.h"
 
 #include <fmt/format.h>
 
@@ -9,7 +9,6 @@ constexpr u8 kAddress = 0x64;
 constexpr u8 kByteAccess = 0x80;  // in the command byte; without it, a block access
 constexpr Nanos kSettling = 5'000'000;
 
-constexpr double kMHz = 1e6;
 constexpr double kVcoMin_hz = 80 * kMHz;
 constexpr double kVcoMax_hz = 230 * kMHz;
 

@@ -39,7 +39,9 @@ inline constexpr auto kWantSetting = "want N.NAME=VALUE or N.NAME=VALUE@SECONDS,
 inline constexpr auto kOutputForms = "N.P=FILE or N.P=udp://ADDRESS:PORT";
 void parseOutput(const std::string& text, Options& options);
 void parseSource(const std::string& text, Options& options);
+void parseEeprom(const std::string& text, Options& options);
 void parseEepromCycle(const std::string& text, Options& options);
+void parseLockTime(const std::string& text, Options& options);
 void parsePowerCut(const std::string& text, Options& options);
 // Also the loss of an input. Throws commands::Help for "help".
 void parseFault(const std::string& text, Options& options);

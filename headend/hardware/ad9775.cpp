@@ -139,7 +139,7 @@ std::string Dac::fault() const {
   if (!wasReset_) return "the DAC was never reset";
   if (reset_) return "the DAC is held in reset";
   if (std::ranges::count(registers_, 0xFF) == kRegisters)
-    return "the DAC is asleep: each register is 0xFF, from an EEPROM that is blank or does not answer";
+    return "the DAC is asleep: the EEPROM is blank or does not answer";
   if ((registers_[0] & kAsleep) != 0) return "the DAC is asleep (bit 4 of register 0x00)";
   if ((registers_[0] & kDacPowerDown) != 0) return "the DAC is powered down (bit 3 of register 0x00)";
   return {};

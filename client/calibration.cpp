@@ -82,14 +82,21 @@ std::vector<const DacField*> differingFields(const DacRegisters& a, const DacReg
 }
 
 std::string portRisk(const DacRegisters& registers) {
-  constexpr u8 kDangerous = 0xE0;
-  if ((registers[0] & kDangerous) == 0) return "";
+  std::vector<std::string> risks;
   std::vector<std::string_view> set;
   for (const DacField& field : std::span(kFields).first(3)) {
     if (fieldValue(registers, field) != 0) set.emplace_back(field.name);
   }
-  return fmt::format("0x{:02x} in register 0x00 changes the DAC's serial port ({})", registers[0],
-                     fmt::join(set, ", "));
+  if (!set.empty()) {
+    risks.push_back(fmt::format("0x{:02x} in register 0x00 changes the DAC's serial port ({})", registers[0],
+                                fmt::join(set, ", ")));
+  }
+  constexpr u8 kClockAtOutput = 0x80;
+  if ((registers[3] & kClockAtOutput) != 0) {
+    risks.push_back(fmt::format("0x{:02x} in register 0x03 puts the data rate clock at the DAC's data output",
+                                registers[3]));
+  }
+  return fmt::format("{}", fmt::join(risks, ", and "));
 }
 
 // --- The service ---

@@ -61,7 +61,8 @@ std::string fieldText(const DacRegisters& registers, const DacField& field);  //
 std::vector<const DacField*> differingFields(const DacRegisters& a, const DacRegisters& b);
 
 // Why the DAC could no longer communicate with its driver after these bytes, or empty. The driver sends MSB
-// first over separate data lines, and a software reset discards the bytes just loaded.
+// first over separate data lines, a software reset discards the bytes just loaded, and a data output with a
+// clock on it has no data to read.
 std::string portRisk(const DacRegisters& registers);
 
 // --- The service ---

@@ -224,7 +224,7 @@ struct CalChange : Calibrate {
   void describeMore(Form& form) override {
     form.flag("--force",
               "write also what puts the DAC's serial port at risk: bits 7 to 5 of register 0x00 (data "
-              "direction, bit order, software reset)",
+              "direction, bit order, software reset), bit 7 of register 0x03 (a clock at the data output)",
               force_);
   }
 

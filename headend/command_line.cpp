@@ -142,7 +142,9 @@ void checkPlaces(const Options& options) {
   for (const auto& fault : options.faults) {
     if (fault.slot) demandSlot("--fault " + fault.name, *fault.slot);
   }
+  for (const int slot : options.blankEeproms) demandSlot("--eeprom", slot);
   for (const auto& [slot, cycle] : options.eepromCycles) demandSlot("--eeprom-cycle", slot);
+  for (const auto& [slot, time] : options.lockTimes) demandSlot("--lock-time", slot);
   if (options.powerCut) demandSlot("--power-cut", options.powerCut->slot);
   for (const auto& loss : options.inputLosses) demandInput("--fault", loss.source);
 }
@@ -353,10 +355,19 @@ void describeMachine(Form& form, Options& o) {
   number("--heap", o.heapBytes, "bytes of the cards' heap", 1, u64{1} << 40);
   number("--heap-fill", o.heapFill, "byte that fresh memory holds", 0, 255);
   number("--seed", o.seed, "for the spread of the parts' times; the same seed, the same run", 0, 0xFFFF'FFFF);
+  repeated(form, o, "--eeprom",
+           "N=blank: the calibration EEPROM of slot N was never written: 0xFF throughout, which leaves the "
+           "card off the air. Without this and without a file it is a new card's, calibrated in the factory "
+           "(repeatable)",
+           parseEeprom, kGroup);
   repeated(
       form, o, "--eeprom-cycle",
       "N=MILLISECONDS: write cycle of the calibration EEPROM of slot N, 0 to 1000 (default 5; repeatable)",
       parseEepromCycle, kGroup);
+  repeated(form, o, "--lock-time",
+           "N=MILLISECONDS: time after which the oscillators of slot N lock, 0 to 60000 (default 0.01; "
+           "repeatable)",
+           parseLockTime, kGroup);
   form.take(
       Option("--power-cut", "TEXT",
              "N=EDGE or N=@SECONDS: the power goes at that edge of the lines to DAC and EEPROM of slot N, "

@@ -78,6 +78,16 @@ bool parseInputLoss(const std::string& text, Options& options) {
   return true;
 }
 
+// "N=MILLISECONDS" of a part of slot N.
+void parseSlotTime(const std::string& text, int most_ms, std::map<int, Nanos>& times) {
+  const std::string want = fmt::format("want N=MILLISECONDS with N from 1 to 6 and up to {} ms", most_ms);
+  const auto [name, value] = splitAssignment(text, want);
+  const auto slot = protocol::parseSlot(name);
+  const auto duration = secondsOf(value);  // parsed as milliseconds
+  if (!slot || !duration || *duration > most_ms * kSecond) refuse(text, want);
+  times[*slot] = *duration / 1000;
+}
+
 std::string faultList() {
   std::string list;
   for (const FaultKind& kind : faultKinds()) list += kind.name + ": " + kind.text + '\n';
@@ -151,13 +161,20 @@ void parseSource(const std::string& text, Options& options) {
   if (inputs.size() > kInputsPerCard) refuse(text, "a source card has at most 16 inputs");
 }
 
-void parseEepromCycle(const std::string& text, Options& options) {
-  const char* want = "want N=MILLISECONDS with N from 1 to 6 and up to 1000 ms";
+void parseEeprom(const std::string& text, Options& options) {
+  const char* want = "want N=blank with N from 1 to 6";
   const auto [name, value] = splitAssignment(text, want);
   const auto slot = protocol::parseSlot(name);
-  const auto duration = secondsOf(value);  // parsed as milliseconds
-  if (!slot || !duration || *duration > 1000 * kSecond) refuse(text, want);
-  options.eepromCycles[*slot] = *duration / 1000;
+  if (!slot || value != "blank") refuse(text, want);
+  options.blankEeproms.insert(*slot);
+}
+
+void parseEepromCycle(const std::string& text, Options& options) {
+  parseSlotTime(text, 1000, options.eepromCycles);
+}
+
+void parseLockTime(const std::string& text, Options& options) {
+  parseSlotTime(text, 60'000, options.lockTimes);
 }
 
 u32 parseEpoch(const std::string& text) {

@@ -37,7 +37,9 @@ inline constexpr auto kWantSetting = "want N.NAME=VALUE or N.NAME=VALUE@SECONDS,
 
 void parseOutput(const std::string& text, Options& options);
 void parseSource(const std::string& text, Options& options);
+void parseEeprom(const std::string& text, Options& options);
 void parseEepromCycle(const std::string& text, Options& options);
+void parseLockTime(const std::string& text, Options& options);
 void parsePowerCut(const std::string& text, Options& options);
 // Also the loss of an input. Throws commands::Help for "help".
 void parseFault(const std::string& text, Options& options);

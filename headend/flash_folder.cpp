@@ -71,9 +71,9 @@ void checkParameterFiles(const fs::path& folder, const std::vector<int>& slots, 
   }
 }
 
-void EepromFiles::load(int slot, Eeprom& eeprom) {
-  Eeprom::Image image;
-  image.fill(0xFF);
+void EepromFiles::load(int slot, bool isBlank, Eeprom& eeprom) {
+  Eeprom::Image image = kFactoryCalibration;
+  if (isBlank) image.fill(0xFF);
   std::optional<std::string> bytes;
   try {
     bytes = flash_.read(eepromPath(slot), image.size());
@@ -83,6 +83,10 @@ void EepromFiles::load(int slot, Eeprom& eeprom) {
   if (bytes && bytes->size() != image.size()) {
     fail("{} is no calibration EEPROM: want a file of {} bytes that can be read",
          flash_.hostPath(eepromPath(slot))->string(), image.size());
+  }
+  if (bytes && isBlank) {
+    fail("--eeprom {}=blank: {} holds this card's EEPROM: remove it for a blank one", slot + 1,
+         flash_.hostPath(eepromPath(slot))->string());
   }
   if (bytes) std::copy(bytes->begin(), bytes->end(), image.begin());
   eeprom.load(image);

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "headend/firmware/log.h"
-#include "headend/hardware/eeprom.h"
+#include "headend/hardware/card_board.h"
 #include "headend/kernel/flash.h"
 
 namespace headend {
@@ -29,9 +29,10 @@ class EepromFiles {
   // `say` is called with a message if a file cannot be saved.
   EepromFiles(Flash& flash, Say say) : flash_(flash), say_(std::move(say)) {}
 
-  // Contents from the slot's file; blank if there is no file. Throws std::runtime_error if the file has a
-  // different size or cannot be read. `eeprom` must outlive this object.
-  void load(int slot, Eeprom& eeprom);
+  // Contents from the slot's file. Without a file: those of a new card, or 0xFF if `isBlank`. Throws
+  // std::runtime_error if the file has a different size or cannot be read, or if there is one and `isBlank`.
+  // `eeprom` must outlive this object.
+  void load(int slot, bool isBlank, Eeprom& eeprom);
   // Writes the files of the EEPROMs whose contents have changed.
   void save(Nanos now);
   bool kept() const { return kept_; }  // whether each file could be saved so far

@@ -112,10 +112,14 @@ void Headend::installCard(int slot) {
       FpgaConfiguration::Settings{.anyBitstream = options.anyBitstream,
                                   .seed = options.seed * MAX_BOARD_NUM + static_cast<unsigned>(slot)},
       violations);
-  Eeprom& eeprom = card(slot).board().eeprom;
-  eepromFiles.load(slot, eeprom);
+  CardBoard& board = card(slot).board();
+  eepromFiles.load(slot, options.blankEeproms.contains(slot), board.eeprom);
   if (const auto cycle = options.eepromCycles.find(slot); cycle != options.eepromCycles.end())
-    eeprom.writeCycle(cycle->second);
+    board.eeprom.writeCycle(cycle->second);
+  if (const auto time = options.lockTimes.find(slot); time != options.lockTimes.end()) {
+    board.firstOscillator.lockTime(time->second);
+    board.secondOscillator.lockTime(time->second);
+  }
   bus.attach(slot, card(slot));
   card(slot).onConfiguration([this, slot](bool complete, Nanos /*now*/) {
     if (complete || card(slot).configuration().attempts() == 1)

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,8 @@ struct Options {
   std::vector<Temperature> temperatures;
   std::vector<Fault> faults;
   std::map<int, Nanos> eepromCycles;  // by slot
+  std::set<int> blankEeproms;         // slots
+  std::map<int, Nanos> lockTimes;     // of the synthesizers, by slot
   std::optional<PowerCut> powerCut;
   std::optional<Nanos> duration;
   bool fast = false;

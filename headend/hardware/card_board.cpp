@@ -36,6 +36,11 @@ CardBoard::CardBoard(Violations& violations, unsigned seed)
   wires_[offsetOf("cdce925_s0") / 2].drive = [this](bool level, Nanos now) {
     clockGenerator.selectS0(level, now);
   };
+  const auto connectMuxout = [this](u32 line, const Synthesizer& part) {
+    wires_[line / 2].sense = [&part](Nanos now) { return part.muxout(now); };
+  };
+  connectMuxout(offsetOf("lo1_mo"), firstOscillator);
+  connectMuxout(offsetOf("lo2_q1_mo"), secondOscillator);
   connectDac();
   for (const u32 line : {kEepromScl, kEepromSda, offsetOf("ad9775_1_rst"), offsetOf("ad9775_1_cs"),
                          offsetOf("ad9775_1_clk"), offsetOf("ad9775_1_sdio")})

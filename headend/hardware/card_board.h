@@ -2,20 +2,28 @@
 // synthesizers, attenuator, DAC and calibration EEPROM. Only this class maps registers to lines.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
 
+#include "headend/hardware/ad7414.h"
+#include "headend/hardware/ad9775.h"
+#include "headend/hardware/adf4113.h"
+#include "headend/hardware/at24c16.h"
 #include "headend/hardware/card_registers.h"
-#include "headend/hardware/clock_generator.h"
-#include "headend/hardware/dac.h"
-#include "headend/hardware/eeprom.h"
+#include "headend/hardware/cdce925.h"
 #include "headend/hardware/i2c.h"
-#include "headend/hardware/synthesizer.h"
-#include "headend/hardware/temperature_sensor.h"
 
 namespace headend {
+
+// The EEPROM of a new card, calibrated in the factory: full scale, no correction of gain or offset.
+inline constexpr Eeprom::Image kFactoryCalibration = [] {
+  Eeprom::Image image{0x00, 0x04, 0x00, 0x00, 0x00, 0x00, 0x0F, 0x00, 0x00, 0x00, 0x0F, 0x00, 0x00};
+  std::fill(image.begin() + 13, image.end(), u8{0xFF});
+  return image;
+}();
 
 class CardBoard {
  public:
@@ -29,6 +37,9 @@ class CardBoard {
   std::optional<bool> sense(u32 offset, Nanos now);
   // The line on which a device may respond to a change of this line.
   std::optional<u32> companion(u32 offset) const { return wires_[offset / 2].companion; }
+
+  // The output stage gets its supply: what the devices lack for that is counted.
+  void takeIntoUse() { clockGenerator.takeIntoUse(), dac.takeIntoUse(); }
 
   TemperatureSensor& sensor(int number) { return number == 1 ? sensor1 : sensor2; }
 

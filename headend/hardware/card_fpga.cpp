@@ -12,6 +12,7 @@ constexpr u32 kReset = offsetOf("nrst");
 constexpr u32 kConstellation = offsetOf("qam_mode");
 constexpr u32 kSymbolRateFirst = offsetOf("rf_off_hh");
 constexpr u32 kSymbolRateLast = offsetOf("rf_off_ll");
+constexpr u32 kPower = offsetOf("power");
 constexpr u32 kRateGate = offsetOf("rate_ctrl_rst");
 constexpr u32 kRatesFirst = offsetOf("Valid_0_rateL");
 constexpr u32 kRatesLast = offsetOf("Sys_1_rateH");
@@ -69,8 +70,8 @@ u16 CardFpga::level(u32 offset, Nanos now) {
     case offsetOf("version"):
       return kVersion;
     case offsetOf("plllock"):
-      return static_cast<u16>((board_.firstOscillator.output().hz ? 1 : 0) |
-                              (board_.secondOscillator.output().hz ? 2 : 0));
+      return static_cast<u16>((board_.firstOscillator.muxout(now) ? 1 : 0) |
+                              (board_.secondOscillator.muxout(now) ? 2 : 0));
     case offsetOf("tslock"):
       return lostInputs(now);
     default:
@@ -130,6 +131,9 @@ void CardFpga::act(u32 offset, u16 before, u16 value, Nanos now) {
       return;
     case kConstellation:
       return modulator_.constellationCode(value);
+    case kPower:
+      if (before == 0 && value != 0) board_.takeIntoUse();
+      return;
     case kRateGate:
       return openRateGate((value & 1) != 0, now);
     case kPsiData[0]:
@@ -158,7 +162,7 @@ void CardFpga::advanceOutputs(Nanos now) {
 
 RfOutput CardFpga::rf(std::size_t channel, Nanos now) const {
   const RfSwitches switches{.configured = configuration_.done(),
-                            .power = cell(offsetOf("power")),
+                            .power = cell(kPower),
                             .rfDisabled = (cell(offsetOf("rf0_en")) & 1) != 0,
                             .lowerBand = (cell(offsetOf("q1_12v_ctrl")) & 1) != 0,
                             .packetLength = cell(kPacketLength[channel]),

@@ -48,6 +48,8 @@ class BusDevice : public base::Interface {
   virtual std::string_view registerName(u32 offset) const = 0;
 };
 
+inline constexpr double kMHz = 1e6;  // in Hz
+
 // The frequency of a clock or oscillator.
 struct ClockOutput {
   std::optional<double> hz = {};  // nullopt: no clock, or no reliable one

@@ -49,10 +49,10 @@ std::string offReason(const RfSwitches& switches) {
   return {};
 }
 
-std::string oscillatorFault(const RfSwitches& switches, const CardBoard& board) {
-  const ClockOutput first = board.firstOscillator.output();
+std::string oscillatorFault(const RfSwitches& switches, const CardBoard& board, Nanos now) {
+  const ClockOutput first = board.firstOscillator.output(now);
   if (!first.hz) return "first oscillator: " + first.why;
-  const ClockOutput second = board.secondOscillator.output();
+  const ClockOutput second = board.secondOscillator.output(now);
   if (!second.hz) return "second oscillator: " + second.why;
   if ((*second.hz <= kBandLimit_Hz) != switches.lowerBand) {
     return fmt::format("the second oscillator does not reach {:.4f} MHz in its {} band (q1_12v_ctrl {})",
@@ -77,8 +77,9 @@ std::string faultReason(std::size_t channel, const RfOutput& output, const RfSwi
   if (!output.constellation) return "the constellation code is unknown";
   if (switches.packetLength != 1) return fmt::format("packet length code {}", switches.packetLength);
   if (switches.port != channel) return fmt::format("fed by the multiplexer's port {}", switches.port);
-  if (std::string fault = oscillatorFault(switches, board); !fault.empty()) return fault;
-  return clockFault(output, board, now);
+  if (std::string fault = oscillatorFault(switches, board, now); !fault.empty()) return fault;
+  if (std::string fault = clockFault(output, board, now); !fault.empty()) return fault;
+  return board.dac.fault();
 }
 
 }  // namespace
@@ -134,8 +135,8 @@ RfOutput rfOutput(std::size_t channel, const RfSwitches& switches, const Modulat
   output.bitRate = modulator.rate().perSecond();
   if (const auto clock = board.clockGenerator.y3(now).hz) output.clock_kBd = *clock / kClocksPerSymbol / 1e3;
 
-  const auto first = board.firstOscillator.output().hz;
-  const auto second = board.secondOscillator.output().hz;
+  const auto first = board.firstOscillator.output(now).hz;
+  const auto second = board.secondOscillator.output(now).hz;
   output.level_dBuV = kFullLevel_dBuV - board.attenuator.dB();
   if (first && second) {
     const double carrier1_Hz = *second - *first - kMixerOffset_Hz;

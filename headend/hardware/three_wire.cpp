@@ -36,7 +36,7 @@ void ThreeWire::latchEnable(bool level, Nanos now) {
   checkTime(roseAt_, now, timing_.clockToLatch, "latch_setup_short");
   if (clocks_ != bits_) violation("wrong_number_of_clocks");
   clocks_ = 0;
-  latched(shift_ & ((1U << bits_) - 1));
+  latched(shift_ & ((1U << bits_) - 1), now);
 }
 
 }  // namespace headend

@@ -26,7 +26,7 @@ class ThreeWire : public Device {
       : Device(std::move(name), violations), bits_(bits), timing_(timing) {}
 
   // The word stored by the latch, at its rising edge.
-  virtual void latched(u32 word) = 0;
+  virtual void latched(u32 word, Nanos now) = 0;
 
  private:
   unsigned bits_;
@@ -57,15 +57,17 @@ class Attenuator final : public ThreeWire {
                    .clockLow = 30,
                    .clockToLatch = 10,
                    .latchWidth = 30},
-                  violations) {}
+                  violations) {
+    powerUp();
+  }
+  void powerUp() { steps_ = 63; }  // the maximum
 
-  // Maximum at power-up.
   double dB() const { return steps_ * 0.5; }
 
  private:
-  void latched(u32 word) override { steps_ = word; }
+  void latched(u32 word, Nanos /*now*/) override { steps_ = word; }
 
-  unsigned steps_ = 63;
+  unsigned steps_;
 };
 
 }  // namespace headend

@@ -97,6 +97,7 @@ TEST_F(Calibration, QamcalPutsTheSerialPortAtRiskOnlyByForce) {
   expectCalls({{"write 3 --common 80 0 0 0 0", 1, "nothing was written"},
                {"write 3 --common 40 0 0 0 0", 1, "nothing was written"},
                {"write 3 --common 20 0 0 0 0", 1, "nothing was written"},
+               {"write 3 --common 4 0 0 80 0", 1, "0x80 in register 0x03"},
                {"write 3 --i 1 2 3 4", 1, "data direction, bit order, software reset"},  // kept, so written
                {"save 3 " + risky, 0, "note: 0xe4 in register 0x00"},
                {"restore 3 " + risky, 1, "--force"}});

@@ -37,6 +37,10 @@ CALLS = """
 2 | --set 1.temperature1=nan | -55.*127
 2 | --report flash/K717_QAM/qam.bin | the cards
 2 | --power-cut 1=0 | power-cut
+2 | --eeprom 1=0xFF | blank
+2 | --eeprom 2=blank | --card 2
+2 | --lock-time 1=60001 | 60000
+0 | --lock-time 1=60000 --do '@2 rf' | oscillator: not locked yet
 2 | --source 6=udp://127.0.0.1:0 | leave --fast away
 2 | --source 1=psi-small.ts --card 1 | modulator card
 2 | --fault 6.1.input-lost | no such input

@@ -33,13 +33,18 @@ def eeprom(flash):
 
 def bytes_written_outlive_a_kill(case):
     flash = case.flash()
-    with Service(case, flash) as service:
+    blank = case.fast(flash, 1, '--eeprom', '1=blank')
+    case.clean(blank)
+    rf = case.card(blank, 1)['channels'][0]['rf']
+    case.check(not rf['on_air'] and 'blank' in rf['why'], f'a blank card: {rf}')
+    with Service(case, flash, '--eeprom', '1=blank') as service:
         service.wait_started()
         case.equal(service.socat(b'\1\0'), b'\1\0' + BLANK, 'a blank card')
         case.equal(service.socat(b'\2\0' + MINE), b'', 'reply to a write')
         case.equal(service.socat(b'\1\0 and whatever follows'), b'\1\0' + MINE, 'after a write')
         service.stop(signal.SIGKILL, -signal.SIGKILL)
     case.equal(harness.read(eeprom(flash))[:14], MINE + b'\xff', 'EEPROM after the plug was pulled')
+    case.says(case.fast(flash, 1, '--eeprom', '1=blank', codes=(1,)), 'card1.bin')
     run = case.fast(flash, 1)
     case.equal(bytes(case.card(run, 1)['calibration']['dac']), MINE, 'DAC after the restart')
 

@@ -55,7 +55,7 @@ def run(case, program):
         *[word for channel, file in outs.items() for word in ('--out', f'{channel}={file}')],
         *[word for name in ('log', 'trace', 'bus-log', 'report') for word in ('--' + name, os.path.join(folder, name))],
         other=program)
-    case.says(done, r'slot 1\n  common  ff[\s\S]*1\.1  on air    474\.0000 .*\n1\.2')  # what the commands show, in order
+    case.says(done, r'slot 1\n  common  00 04[\s\S]*1\.1  on air    474\.0000 .*\n1\.2')  # what the commands show, in order
     return harness.tree(folder)
 
 

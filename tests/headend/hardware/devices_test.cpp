@@ -2,9 +2,9 @@
 // driver_faults_test.cpp.
 #include <gtest/gtest.h>
 
-#include "headend/hardware/clock_generator.h"
-#include "headend/hardware/synthesizer.h"
-#include "headend/hardware/temperature_sensor.h"
+#include "headend/hardware/ad7414.h"
+#include "headend/hardware/adf4113.h"
+#include "headend/hardware/cdce925.h"
 #include "tests/headend/hardware/drivers.h"
 
 namespace test {
@@ -41,20 +41,9 @@ TEST(Devices, TheClockFollowsFromTheRegistersAndSettlesAfterAChangeOfThePll) {
       {"Pdiv1 from the PLL", {{kY1, 0xB5}, {kPdiv1, 0x60}, {kY2Y3, 0x4D}}, 0.5},
       {"Pdiv1 from the input", {{kY1, 0x34}, {kPdiv1, 5}, {kY2Y3, 0x4D}}, 11},
       {"Pdiv2", {{kPdiv2, 0x80 | 22}, {kY2Y3, 0x5D}}, 8},
-      {"no divider", {{kY2Y3, 0x7D}}, 0, "Y3's multiplexer"},
       {"bypass, down and up", {{kY2Y3, 0xED}}, 13.75, "", {{kGeneral, 0x10}, {kGeneral, 0}}},
-      {"divider 0", {{kPdiv3, 0}}, 0, "Pdiv3 is 0"},
-      {"M not whole", {{kPll + 2, 0x23}}, 0, "M of PLL1 is not whole: (128 - 4) / 25"},
-      {"range bits", {{kPll + 3, 0x2E}}, 0, "VCO at 176.0 MHz, outside of the range that its bits 10 name"},
-      {"fast", {{kPll, 6}, {kPll + 1, 64}, {kPll + 2, 5}, {kPll + 3, 15}}, 0, "VCO at 275.0 MHz, outside"},
-      {"slow: M 12, P 4", {{kPll + 2, 0x22}, {kPll + 3, 0xB0}}, 0, "VCO at 73.3 MHz, outside of 80"},
-      {"R not less than M", {{kPll + 2, 0x43}, {kPll + 3, 0x0F}}, 0, "R of PLL1 is 8"},
-      {"Q too small", {{kPll + 2, 0x19}}, 0, "Q of PLL1 is 9"},
-      {"state 1 off", {{kY2Y3, 0x6B}}, 0, "Y3 is disabled"},
-      {"S0 low, state 0 off", {{kS0, 0}}, 0, "Y3 is disabled"},
       {"S0 low, state 0 on", {{kS0, 0}, {kY2Y3, 0x67}}, 44},
       {"S0 low, state 1 selected", {{kS0, 0}, {0x15, 0x01}}, 44},
-      {"powered down", {{kGeneral, 0x10}}, 0, "the clock generator is powered down"},
       {"powered down by Y1's state", {{kY1, 0x84}}, 0, "the clock generator is powered down"},
       {"the value it had, but a write", {}, 0, "the PLL is settling", {{kY2Y3, 0x6D}}},
       {"the last of the PLL's registers", {}, 0, "the PLL is settling", {{kPll + 3, 0x2F}}},
@@ -144,13 +133,7 @@ TEST(Devices, TheSynthesizerLocksWhereItsLatchesSay) {
       {"no reset", {kR, kN, kRun}, 0, "not programmed"},
       {"no counters", {kInReset, kR, kRun}, 0, "not programmed"},
       {"no reference counter", {kInReset, kN, kRun}, 0, "not programmed"},
-      {"initialization", {kInReset, kR, kN, kRun, kRun | 1}, 0, "not programmed"},
-      {"still reset", {kInReset, kR, kN, kInReset}, 0, "the counters are held in reset"},
-      {"powered down", {kInReset, kR, kN, kRun | 8}, 0, "powered down"},
-      {"three-state", {kInReset, kR, kN, kRun | 0x100}, 0, "the charge pump is in three-state"},
-      {"polarity", {kInReset, kR, kN, kRun & ~0x80U}, 0, "the loop runs away: wrong polarity"},
       {"R 0", {kInReset, 0, kN, kRun}, 0, "the reference counter divides by 0"},
-      {"B 2", {kInReset, kR, 0x000201, kRun}, 0, "B is 2"},
       {"A 8, B 7", {kInReset, 0x000004, 0x000721, kRun}, 0, "A is 8"},
       {"A 8, B 8", {kInReset, 0x000004, 0x000821, kRun}, 1768, ""},
       {"RF too high", {kInReset, kR, 0x03E801, kRun}, 0, "4000.000 MHz, outside"},
@@ -163,7 +146,9 @@ TEST(Devices, TheSynthesizerLocksWhereItsLatchesSay) {
     headend::Synthesizer part("lo", 13e6, true, violations);
     ThreeLines<headend::Synthesizer> lines{part};
     for (const u32 word : words) lines.send(word);
-    expectOutput(part.output(), MHz, why, violations);
+    const Nanos locks = lines.now - lines.width - lines.high - lines.low + 10'000;  // after the last latch
+    EXPECT_EQ(part.output(locks - 1).hz, std::nullopt);
+    expectOutput(part.output(locks), MHz, why, violations);
   }
 }
 

@@ -1,32 +1,150 @@
-// What a driver can do wrong, and what the device counts; an empty text where nothing is wrong.
+// What a driver can do wrong, and what finds it; an empty text where nothing is wrong. At a card, the card's
+// own driver with a mistake; at a device, the rules that this driver keeps by far.
 #include <gtest/gtest.h>
 
-#include "headend/hardware/clock_generator.h"
-#include "headend/hardware/eeprom.h"
-#include "headend/hardware/synthesizer.h"
-#include "headend/hardware/temperature_sensor.h"
+#include "card/QamFpga.h"
+#include "card/qamVar.h"
+#include "headend/hardware/ad7414.h"
+#include "headend/hardware/adf4113.h"
+#include "headend/hardware/at24c16.h"
+#include "headend/hardware/cdce925.h"
 #include "headend/hardware/three_wire.h"
+#include "hw/Cdce925.h"
+#include "hw/Qam_set.h"
+#include "hw/ad9775.h"
+#include "hw/adf4113.h"
 #include "tests/headend/hardware/drivers.h"
+#include "tests/headend/headend_run.h"
 
 namespace test {
 namespace {
 
 template <typename Lines>
 struct Row {
-  const char* counted;
+  const char* found;  // violations, or the RF verdict; if it is right, nothing
   void (*drive)(Lines&);
-  const char* name = "";  // if the count does not give it
+  const char* name = "";                     // if `found` does not give it
+  enum Models { kOld, kNew } models = kOld;  // kNew: those of revision 3cbcf61 did not find it
 };
+
+// ---- At a card ----
+
+// A card that its driver has started. All calls are for slot 0.
+struct StartedCard : Driven {
+  Qam_fpga_if& window() { return *QamFpgaIf[0]; }
+  void setRate(u32 kBd) { expect(QamSetVar(0, 0, kVarSymbolRate, kBd) == 0); }
+  void clock(u8 index, u8 value) { CdceRegWrite(0, index, value); }
+  void pll(u32 n, u32 r, u32 q, u32 p, u32 range) {  // of PLL1, which the default rate does not use
+    setRate(6250);
+    const u32 word = n << 20 | r << 11 | q << 5 | p << 2 | range;
+    for (u8 i = 0; i < 4; ++i) clock(0x18 + i, static_cast<u8>(word >> (24 - 8 * i)));
+  }
+  void latch(u32 synthesizer, u32 word) { latch_write(0, synthesizer, word, 24); }
+  void dac(u8 index, u8 value) { ad9775_reg_write(0, index, &value, 1); }
+
+  // What is seen once the output stage has its supply again: violations, why the output is off the air, and
+  // the lock indication if all else is right.
+  std::string seen() {
+    window().power = 0;
+    window().power = 15;
+    headend().kernel.delay(2);
+    const std::string why = card().rf(0, now()).why, counted = kinds(headend().violations);
+    const std::string all = counted + (counted.empty() || why.empty() ? "" : "; ") + why;
+    return all.empty() && window().plllock != 3 ? "plllock " + std::to_string(window().plllock) : all;
+  }
+};
+
+// The other five of the driver's start-up writes are left out.
+void startClockInThreeWrites(StartedCard& c) {
+  c.board().clockGenerator.powerUp();
+  c.clock(0x01, 0x08), c.clock(0x02, 0x14), c.clock(0x24, 0xE5);
+  c.setRate(6250);
+}
+
+constexpr auto kNew = Row<StartedCard>::kNew;
+const Row<StartedCard> kCardRows[] = {
+    {"", [](auto&) {}, "the driver as it is"},
+    // Clock generator. Writes without an effect are guarded by the order of all, in e2e/calibration.py.
+    {"", [](auto& c) { c.setRate(6000); }, "R is 51"},
+    {"", [](auto& c) { c.setRate(5750); }, "a VCO at 230 MHz"},
+    {"clock_generator_input_not_as_clock", [](auto& c) { c.clock(0x01, 0x00); }, "0x01 as at power-up", kNew},
+    {"clock_generator_y1_on", [](auto& c) { c.clock(0x02, 0xB4); }, "0x02 as at power-up", kNew},
+    {"clock_generator_y4_y5_on", [](auto& c) { c.clock(0x24, 0xED); }, "0x24 as at power-up", kNew},
+    {"", startClockInThreeWrites, "0x15 and 0x1C to 0x1F as at power-up"},
+    {"", [](auto& c) { c.setRate(6250), c.clock(0x16, 1); }, "Pdiv2, which nothing uses"},
+    {"clock_generator_input_not_as_clock", [](auto& c) { c.clock(0x01, 0x04); }, "a VCXO's crystal", kNew},
+    {"clock_generator_eeprom_locked", [](auto& c) { c.clock(0x01, 0x28); }, "", kNew},
+    {"clock_generator_y4_y5_on", [](auto& c) { c.clock(0x25, 0), c.clock(0x24, 0xE7); }, "in state 0", kNew},
+    {"clock generator: the clock generator is powered", [](auto& c) { c.clock(0x01, 0x18); }},
+    {"clock generator: Y3 is disabled", [](auto& c) { c.window().cdce925_s0 = 0; }},
+    {"the clock gives 6875.000 kBd", [](auto&) { symbolrateinfpga(6250, 0); }, "without its row"},
+    {"clock generator: the spread spectrum", [](auto& c) { c.setRate(6250), c.clock(0x12, 8); }, "", kNew},
+    {"clock generator: R of PLL1 is 54", [](auto& c) { c.pll(180, 54, 21, 3, 2), c.clock(23, 3); }, "", kNew},
+    {"clock generator: P of PLL1 is 4", [](auto& c) { c.pll(40, 2, 58, 4, 3); }, "", kNew},
+    {"clock generator: P of PLL1 is 5", [](auto& c) { c.pll(16, 2, 51, 5, 3); }},
+    {"clock generator: Q of PLL1 is 9", [](auto& c) { c.pll(16, 3, 9, 3, 3); }},
+    {"clock generator: N of PLL1 is 0", [](auto& c) { c.pll(0, 0, 16, 4, 3); }},
+    {"clock generator: M of PLL1 is not whole", [](auto& c) { c.pll(16, 4, 25, 3, 3); }},
+    {"clock generator: R of PLL1 is 8, not less", [](auto& c) { c.pll(16, 8, 24, 3, 3); }},
+    {"clock generator: VCO at 235.0 MHz", [](auto& c) { c.pll(47, 1, 17, 2, 3); }},
+    {"clock generator: VCO at 73.3 MHz", [](auto& c) { c.pll(16, 4, 21, 4, 0); }},
+    {"clock generator: VCO at 200.0 MHz", [](auto& c) { c.pll(40, 1, 29, 3, 2); }, "the range bits"},
+    {"clock generator: Pdiv3 is 0", [](auto& c) { c.pll(40, 1, 29, 3, 3), c.clock(0x17, 0); }},
+    {"clock generator: Y3's multiplexer", [](auto& c) { c.clock(0x14, 0x7D); }},
+    // Synthesizers: function latches with a wrong field.
+    {"", [](auto& c) { c.latch(0, 0xBF8092), c.latch(1, 0xBF8012); }, "PD2 alone"},
+    {"plllock 2", [](auto& c) { c.latch(0, 0x9F80A2); }, "the N counter at MUXOUT", kNew},
+    {"plllock 1", [](auto& c) { c.latch(1, 0x9F8072); }, "ground at MUXOUT", kNew},
+    {"first oscillator: powered down", [](auto& c) { c.latch(0, 0x9F809A); }, "PD1"},
+    {"second oscillator: powered down", [](auto& c) { c.latch(1, 0xBF801A); }, "PD1 and PD2"},
+    {"first oscillator: not locked yet",
+     [](auto& c) { c.board().firstOscillator.lockTime(kSecond), SetLO1Freq(0); }, "no wait", kNew},
+    {"second oscillator: not locked yet",
+     [](auto& c) { c.board().secondOscillator.lockTime(kSecond), SetFreq(0, 554000); }, "no wait", kNew},
+    {"first oscillator: the charge pump", [](auto& c) { c.latch(0, 0x9F8192); }},
+    {"second oscillator: the loop runs away", [](auto&) { set_pll(1, 2, 1, 1648000000, 0); }},
+    {"second oscillator: the counters", [](auto& c) { c.latch(1, 0x9F8016); }},
+    {"second oscillator: not programmed", [](auto& c) { c.latch(1, 0x9F8013); }, "another method"},
+    {"second oscillator: B is 2", [](auto& c) { c.latch(1, 0x000201); }},
+    {"the second oscillator does not reach", [](auto& c) { c.window().q1_12v_ctrl = 0; }},
+    // DAC.
+    {"dac_write_before_reset", [](auto& c) { c.board().dac.powerUp(), Ad9775Set(0); }, "", kNew},
+    {"dac_not_loaded; the DAC was never reset", [](auto& c) { c.board().dac.powerUp(); }, "", kNew},
+    {"dac_not_loaded", [](auto&) { ad9775_init(0); }, "no register", kNew},
+    {"dac_not_loaded", [](auto& c) { ad9775_init(0), c.dac(0, 0); }, "one register", kNew},
+    {"dac_not_loaded; the DAC is held in reset", [](auto& c) { c.window().ad9775_1_rst = 1; }, "", kNew},
+    {"the DAC is asleep (bit 4", [](auto& c) { c.dac(0, 0x10); }, "", kNew},
+    {"the DAC is powered down (bit 3", [](auto& c) { c.dac(0, 0x08); }, "", kNew},
+    {"", [](auto& c) { c.dac(0, 0xE4), c.dac(3, 0x80); }, "the port's bits are not acted on"},
+    // Modulator.
+    {"the modulator is held in reset", [](auto& c) { c.window().nrst = 2; }},
+    {"the constellation code is unknown", [](auto& c) { c.window().qam_mode = 4, Qam_ResetAll(0); }},
+    {"packet length code 0", [](auto& c) { c.window().pkt_len0 = 0; }},
+    {"fed by the multiplexer's port 1", [](auto& c) { c.window().oport_num0 = 1; }},
+};
+
+TEST(DriverFaults, OfTheCardAreSeen) {
+  StartedCard card;
+  card.drive([&] {
+    for (const auto& row : kCardRows) {
+      const std::string seen = inChild([&] { return row.drive(card), card.seen(); });
+      const bool isRight = *row.found == '\0';
+      EXPECT_EQ(isRight ? seen : seen.substr(0, std::string_view(row.found).size()), row.found) << row.name;
+    }
+  });
+}
+
+// ---- At a device ----
 
 template <typename Part, std::size_t count, typename Lines, typename... Arguments>
 void check(const Row<Lines> (&rows)[count], const Arguments&... arguments) {
   for (const Row<Lines>& row : rows) {
-    SCOPED_TRACE(testing::Message() << row.counted << ' ' << row.name);
+    SCOPED_TRACE(testing::Message() << row.found << ' ' << row.name);
     Violations violations;
     Part part(arguments..., violations);
     Lines lines{part};
     row.drive(lines);
-    EXPECT_EQ(kinds(violations), row.counted);
+    EXPECT_EQ(kinds(violations), row.found);
   }
 }
 
@@ -159,6 +277,7 @@ TEST(DriverFaults, AtTheConverter) {
       {"", [](auto& d) { d.frame(1, 0x3C), d.reset(), d.holds(1, 4); }, "reset"},
       {"", [](auto& d) { d.frame(0, 0x1F), expect(!d.part.portAtRisk()); }},
       {"", [](auto& d) { d.frame(0, 0x20), expect(d.part.portAtRisk()); }},
+      {"", [](auto& d) { d.frame(3, 0x80), expect(d.part.portAtRisk()); }},
       {"dac_frame_cut_short", [](auto& d) { d.begin(), d.bit(true), d.frame(5, 0x3C), d.holds(5, 0x3C); }},
       {"dac_frame_cut_short", [](auto& d) { d.frame(kTwoBytes | 5, 0x3C), d.holds(5, 0x3C); }, "half"},
       {"dac_second_instruction", [](auto& d) { d.frame(4, 0x11, 5, 0x22), d.holds(5, 0x22); }},

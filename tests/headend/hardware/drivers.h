@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "headend/hardware/dac.h"
+#include "headend/hardware/ad9775.h"
 #include "headend/hardware/i2c.h"
 #include "tests/headend/scratch.h"
 
@@ -122,8 +122,10 @@ struct ThreeLines {
   }
 };
 
-// The four lines and the reset of the converter.
+// The four lines and the reset of the converter, which has been reset.
 struct DacLines {
+  explicit DacLines(headend::Dac& dac) : part(dac) { reset(), now += width; }
+
   headend::Dac& part;
   Nanos now = 1000;
   Nanos setup = 25, select = 25, high = 30, low = 37, width = 2;

@@ -1,5 +1,5 @@
 // Synthesizer ADF4113 with its loop: latches behind a 24-bit shift register, and the frequency at which the
-// oscillator locks. Chip enable is tied high.
+// oscillator locks, some time after its latches are set. Chip enable is tied high.
 #pragma once
 
 #include <array>
@@ -13,13 +13,21 @@ class Synthesizer final : public ThreeWire {
   // The loop locks only with that polarity of the phase detector: the sign of its filter and oscillator.
   Synthesizer(std::string name, double reference_hz, bool positivePolarityLocks, Violations& violations);
 
+  void powerUp();
+
   void removeReference() { reference_hz_ = 0; }
-  ClockOutput output() const;
+  // From the latch of a new frequency until the loop has locked, for each later latch; default 10 us.
+  void lockTime(Nanos duration) { lockTime_ = duration; }
+
+  // None before the loop has locked.
+  ClockOutput output(Nanos now) const;
+  // The multiplexer output: the lock detect only if the function latch selects it.
+  bool muxout(Nanos now) const;
 
  private:
   enum class Method { kNotBegun, kReset, kReferenceLoaded, kCountersLoaded, kFollowed };
 
-  void latched(u32 word) override;
+  void latched(u32 word, Nanos now) override;
   void follow(u32 word);
   std::string fault() const;
   std::string counterFault() const;
@@ -29,11 +37,14 @@ class Synthesizer final : public ThreeWire {
   unsigned b() const { return latches_[1] >> 8 & 0x1FFF; }
   unsigned prescaler() const { return 8U << (latches_[2] >> 22 & 3); }
   double frequency_hz() const;
+  double target_hz() const { return fault().empty() ? frequency_hz() : 0; }
 
   double reference_hz_;
   bool positivePolarityLocks_;
-  std::array<u32, 3> latches_{};  // reference counter, A and B counters, function
-  Method method_ = Method::kNotBegun;
+  Nanos lockTime_ = 10'000;
+  std::array<u32, 3> latches_;  // reference counter, A and B counters, function
+  Method method_;
+  Nanos lockedAt_;
 };
 
 }  // namespace headend

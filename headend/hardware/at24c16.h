@@ -16,6 +16,7 @@ class Eeprom final : public I2cSlave {
 
   // Blank: every byte is 0xFF. The seed determines the contents after a power cut.
   Eeprom(Violations& violations, unsigned seed);
+  void powerUp();  // keeps the contents
 
   // Sets the contents. Cancels a write cycle in progress.
   void load(const Image& image);
@@ -48,15 +49,15 @@ class Eeprom final : public I2cSlave {
   std::mt19937 random_;
   Nanos cycle_ = 5'000'000;
 
-  unsigned block_ = 0;
-  unsigned place_ = 0;  // the address counter
-  bool placeKnown_ = false;
-  bool wordAddressNext_ = false;
+  unsigned block_;
+  unsigned place_;  // the address counter
+  bool placeKnown_;
+  bool wordAddressNext_;
 
-  Page page_;               // data of this transfer, then of the write cycle
-  unsigned pageStart_ = 0;  // the page's address
-  unsigned buffered_ = 0;   // data bytes of this transfer
-  Nanos cycleEndsAt_ = kLongAgo;
+  Page page_;           // data of this transfer, then of the write cycle
+  unsigned pageStart_;  // the page's address
+  unsigned buffered_;   // data bytes of this transfer
+  Nanos cycleEndsAt_;
 };
 
 }  // namespace headend

@@ -1,4 +1,4 @@
-#include "headend/hardware/synthesizer.h"
+#include "headend/hardware/adf4113.h"
 
 #include <fmt/format.h>
 
@@ -13,14 +13,17 @@ enum Latch : u32 { kReference = 0, kCounters = 1, kFunction = 2, kInitialization
 
 // Function latch.
 constexpr u32 kCounterReset = 1U << 2;
-constexpr u32 kPowerDown = 1U << 3;
+constexpr u32 kPowerDown1 = 1U << 3;   // PD1
+constexpr u32 kPowerDown2 = 1U << 21;  // PD2: with PD1, a synchronous power-down; alone, none
+constexpr unsigned kMuxoutBit = 4;     // of three
+constexpr u32 kMuxoutLockDetect = 1;   // the digital one
+constexpr u32 kMuxoutSupply = 3;
 constexpr u32 kPositivePolarity = 1U << 7;
 constexpr u32 kThreeState = 1U << 8;
 
 constexpr u32 kTestModes = 3U << 18;  // of the reference counter latch
 
 constexpr unsigned kLeastB = 3;
-constexpr double kMHz = 1e6;
 constexpr double kReferenceMin_hz = 5 * kMHz;
 constexpr double kReferenceMax_hz = 104 * kMHz;
 constexpr double kDetectorMax_hz = 55 * kMHz;
@@ -41,12 +44,22 @@ Synthesizer::Synthesizer(std::string name, double reference_hz, bool positivePol
                  .latchWidth = 20},
                 violations),
       reference_hz_(reference_hz),
-      positivePolarityLocks_(positivePolarityLocks) {}
+      positivePolarityLocks_(positivePolarityLocks) {
+  powerUp();
+}
 
-void Synthesizer::latched(u32 word) {
+void Synthesizer::powerUp() {
+  latches_ = {};
+  method_ = Method::kNotBegun;
+  lockedAt_ = kLongAgo;
+}
+
+void Synthesizer::latched(u32 word, Nanos now) {
+  const double before_hz = target_hz();
   if ((word & 3) == kReference && (word & kTestModes) != 0) violation("test_mode");
   latches_[std::min<u32>(word & 3, kFunction)] = word;  // the initialization word is also a function word
   follow(word);
+  if (target_hz() != before_hz) lockedAt_ = now + lockTime_;
 }
 
 // The counter-reset method: function with reset, reference counter, A and B counters, function without reset.
@@ -76,9 +89,16 @@ void Synthesizer::follow(u32 word) {
   }
 }
 
-ClockOutput Synthesizer::output() const {
+ClockOutput Synthesizer::output(Nanos now) const {
   if (std::string why = fault(); !why.empty()) return {.why = std::move(why)};
+  if (now < lockedAt_) return {.why = "not locked yet"};
   return {.hz = frequency_hz()};
+}
+
+// Low also for the pulses of the counters, which are too short to be read, and for an output in three-state.
+bool Synthesizer::muxout(Nanos now) const {
+  const u32 selected = latches_[kFunction] >> kMuxoutBit & 7;
+  return selected == kMuxoutSupply || (selected == kMuxoutLockDetect && output(now).hz.has_value());
 }
 
 double Synthesizer::frequency_hz() const {
@@ -92,7 +112,9 @@ std::string Synthesizer::fault() const {
   }
   if ((latches_[kFunction] & kCounterReset) != 0) return "the counters are held in reset";
   if (method_ != Method::kFollowed) return "not programmed by the counter-reset method";
-  if ((latches_[kFunction] & kPowerDown) != 0) return "powered down";
+  if ((latches_[kFunction] & kPowerDown1) != 0) {
+    return (latches_[kFunction] & kPowerDown2) != 0 ? "powered down, synchronously" : "powered down";
+  }
   if ((latches_[kFunction] & kThreeState) != 0) return "the charge pump is in three-state";
   if (((latches_[kFunction] & kPositivePolarity) != 0) != positivePolarityLocks_) {
     return "the loop runs away: wrong polarity of the phase detector";

@@ -1,4 +1,4 @@
-#include "headend/hardware/eeprom.h"
+#include "headend/hardware/at24c16.h"
 
 namespace headend {
 namespace {
@@ -10,6 +10,13 @@ constexpr unsigned kBlockSize = 256;
 
 Eeprom::Eeprom(Violations& violations, unsigned seed) : I2cSlave("eeprom", violations), random_(seed) {
   image_.fill(0xFF);
+  powerUp();
+}
+
+void Eeprom::powerUp() {
+  block_ = place_ = pageStart_ = 0;
+  placeKnown_ = wordAddressNext_ = false;
+  forgetPage();
 }
 
 void Eeprom::load(const Image& image) {
@@ -87,8 +94,7 @@ void Eeprom::powerCut(Nanos now) {
   for (unsigned i = 0; busy(now) && i < kPageSize; ++i) {
     if (page_[i]) image_[pageStart_ + i] = leftBehind(image_[pageStart_ + i], *page_[i]);
   }
-  forgetPage();
-  placeKnown_ = false;
+  powerUp();
 }
 
 u8 Eeprom::leftBehind(u8 before, u8 after) {

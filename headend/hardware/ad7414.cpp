@@ -1,4 +1,4 @@
-#include "headend/hardware/temperature_sensor.h"
+#include "headend/hardware/ad7414.h"
 
 #include <algorithm>
 #include <cmath>
@@ -29,10 +29,19 @@ constexpr double kMax_celsius = 127;
 }  // namespace
 
 TemperatureSensor::TemperatureSensor(u8 address, std::string name, Violations& violations)
-    : I2cSlave(std::move(name), violations),
-      address_(address),
-      oneShotDoneAt_(kNever),
-      nextDoneAt_(kWakeUp + kConversion) {}
+    : I2cSlave(std::move(name), violations), address_(address) {
+  powerUp();
+}
+
+void TemperatureSensor::powerUp() {
+  value_quarters_ = 0;
+  pointer_ = 0;
+  registers_ = {0, 0x40, 0x7F, 0x80};
+  active_ = oneShotAsked_ = wakesUp_ = false;
+  bytes_ = 0;
+  oneShotDoneAt_ = kNever;
+  nextDoneAt_ = kWakeUp + kConversion;
+}
 
 void TemperatureSensor::temperature(double celsius, Nanos now) {
   convertUntil(now);

@@ -1,4 +1,6 @@
-#include "headend/hardware/dac.h"
+#include "headend/hardware/ad9775.h"
+
+#include <algorithm>
 
 namespace headend {
 namespace {
@@ -16,13 +18,28 @@ constexpr unsigned kAddresses = 32;
 // The instruction byte.
 constexpr u8 kRead = 0x80;
 
+// Register 0x00.
+constexpr u8 kAsleep = 0x10;
+constexpr u8 kDacPowerDown = 0x08;
+
 // After a reset: real mix mode, the rest 0.
 constexpr std::array<u8, 13> kDefaults = {0x00, 0x04};
 
 }  // namespace
 
-Dac::Dac(std::string name, Violations& violations)
-    : Device(std::move(name), violations), registers_(kDefaults) {}
+Dac::Dac(std::string name, Violations& violations) : Device(std::move(name), violations) {
+  powerUp();
+}
+
+// The registers are undefined before the first reset: here they have the values of a reset.
+void Dac::powerUp() {
+  registers_ = kDefaults;
+  written_ = 0;
+  wasReset_ = reads_ = false;
+  address_ = bytesLeft_ = 0;
+  shift_ = sent_ = 0;
+  beginFrame();
+}
 
 void Dac::reset(bool level, Nanos now) {
   if (level == reset_) return;
@@ -33,8 +50,8 @@ void Dac::reset(bool level, Nanos now) {
   }
   resetAt_ = now;
   if (frameBegun() && !frameComplete()) violation("reset_in_frame");
-  registers_ = kDefaults;
-  beginFrame();
+  powerUp();
+  wasReset_ = true;
 }
 
 void Dac::chipSelect(bool level, Nanos now) {
@@ -100,7 +117,8 @@ void Dac::instruct(u8 instruction) {
 void Dac::endDataByte() {
   if (!reads_) {
     checkAddress();
-    if (address_ < kRegisters) registers_[address_] = shift_;
+    if (!wasReset_) violation("write_before_reset");
+    if (address_ < kRegisters) registers_[address_] = shift_, written_ |= 1U << address_;
   }
   --bytesLeft_;
   address_ = (address_ + kAddresses - 1) % kAddresses;
@@ -115,6 +133,20 @@ void Dac::sendBit() {
     sent_ = reg(static_cast<u8>(address_));
   }
   out_ = (sent_ >> (kByteBits - 1 - bits_) & 1) != 0;
+}
+
+std::string Dac::fault() const {
+  if (!wasReset_) return "the DAC was never reset";
+  if (reset_) return "the DAC is held in reset";
+  if (std::ranges::count(registers_, 0xFF) == kRegisters)
+    return "the DAC is asleep: the EEPROM is blank or does not answer";
+  if ((registers_[0] & kAsleep) != 0) return "the DAC is asleep (bit 4 of register 0x00)";
+  if ((registers_[0] & kDacPowerDown) != 0) return "the DAC is powered down (bit 3 of register 0x00)";
+  return {};
+}
+
+void Dac::takeIntoUse() {
+  if (written_ != (1U << kRegisters) - 1) violation("not_loaded");
 }
 
 // The part has one register more, which can only be read: its version. Here it reads as 0.

@@ -1,4 +1,4 @@
-#include "headend/hardware/clock_generator.h"
+#include "headend/hardware/cdce925.h"
 
 #include <fmt/format.h>
 
@@ -9,7 +9,6 @@ constexpr u8 kAddress = 0x64;
 constexpr u8 kByteAccess = 0x80;  // in the command byte; without it, a block access
 constexpr Nanos kSettling = 5'000'000;
 
-constexpr double kMHz = 1e6;
 constexpr double kVcoMin_hz = 80 * kMHz;
 constexpr double kVcoMax_hz = 230 * kMHz;
 
@@ -20,22 +19,30 @@ enum Register : u8 {
   kPdiv1 = 0x03,
   kY1Select = 0x04,
   kByteCount = 0x06,
+  kSpread = 0x12,  // the last of three: the selections for S0 low and high
   kFrequencySelect = 0x13,
   kY2Y3 = 0x14,
-  kY2Y3Select = 0x15,
   kPdiv2 = 0x16,
   kPdiv3 = 0x17,
   kPll1Set0 = 0x18,
   kPll1Set0End = 0x1B,
   kPll1Set1 = 0x1C,
+  kY4Y5 = 0x24,
 };
 
 constexpr u8 kEepromBusy = 0x40;  // of kGeneral
+constexpr u8 kEepromLock = 0x20;
 constexpr u8 kPowerDown = 0x10;
-constexpr u8 kY1FromPll = 0x80;  // of kY1
+constexpr u8 kInput = 0x0C;
+constexpr u8 kInputIsClock = 0x08;  // otherwise a crystal of 8 to 32 MHz
+constexpr u8 kY1FromPll = 0x80;     // of kY1
 constexpr u8 kPinsAreControl = 0x40;
 constexpr u8 kEepromWrite = 0x01;  // of kByteCount
 constexpr u8 kPllBypass = 0x80;    // of kY2Y3
+
+constexpr unsigned kLeastQ = 16;
+constexpr unsigned kMostP = 4;
+constexpr unsigned kMostR = 51;
 
 // The output states of a state field.
 constexpr unsigned kStatePowerDown = 0;
@@ -70,10 +77,28 @@ constexpr std::array kVcoRanges_hz = {0.0, 125 * kMHz, 150 * kMHz, 175 * kMHz, 1
 struct ClockGenerator::PllWord {
   unsigned n, r, q, p, range;
   bool operator==(const PllWord&) const = default;
+
+  // The data sheet's formula: 4 less the whole part of the binary logarithm of N / M, at least 0.
+  unsigned wantedP(unsigned m) const {
+    unsigned wanted = kMostP;
+    for (unsigned ratio = n / m; wanted > 0 && ratio > 1; ratio /= 2) --wanted;
+    return wanted;
+  }
 };
 
 ClockGenerator::ClockGenerator(double input_hz, Violations& violations)
-    : I2cSlave("clock_generator", violations), input_hz_(input_hz), registers_(kPowerUp) {}
+    : I2cSlave("clock_generator", violations), input_hz_(input_hz) {
+  powerUp();
+}
+
+void ClockGenerator::powerUp() {
+  registers_ = kPowerUp;
+  disturbedAt_ = kLongAgo;
+  expects_ = Expects::kCommand;
+  block_ = reading_ = countSent_ = false;
+  index_ = 0;
+  left_ = 0;
+}
 
 void ClockGenerator::selectS0(bool level, Nanos now) {
   change(now, [&] { s0_ = level; });
@@ -101,6 +126,7 @@ void ClockGenerator::write(u8 index, u8 value, Nanos now) {
   if ((value & reservedBits(index)) != 0) violation("reserved_bits");
   const u8 readOnly = index == kGeneral ? kEepromBusy : u8{0};
   if (index == kByteCount && (value & kEepromWrite) != 0) violation("eeprom_write_under_clock");
+  if (index == kGeneral && (value & kEepromLock) != 0) violation("eeprom_locked");
   if (index == kY1 && (value & kPinsAreControl) != 0) violation("bus_given_up");
   change(now, [&] { registers_[index] = static_cast<u8>(value & ~reservedBits(index) & ~readOnly); });
   // The registers of PLL1 and its outputs are valid only together, but they are written one by one.
@@ -176,17 +202,32 @@ bool ClockGenerator::pin(u8 value) const {
 }
 
 bool ClockGenerator::poweredDown() const {
-  if ((registers_[kGeneral] & kPowerDown) != 0) return true;
-  const unsigned y1 = registers_[kY1] >> (pin(registers_[kY1Select]) ? 4 : 2) & 3;
-  return y1 == kStatePowerDown;  // of the whole device
+  return (registers_[kGeneral] & kPowerDown) != 0 || y1State() == kStatePowerDown;  // of the whole device
 }
 
-unsigned ClockGenerator::outputState() const {
-  return registers_[kY2Y3] >> (pin(registers_[kY2Y3Select]) ? 2 : 0) & 3;
+unsigned ClockGenerator::y1State() const {
+  return registers_[kY1] >> (pin(registers_[kY1Select]) ? 4 : 2) & 3;
+}
+
+// Of two outputs, which share a field. Its selection register is the next one.
+unsigned ClockGenerator::pairState(u8 field) const {
+  return registers_[field] >> (pin(registers_[field + 1U]) ? 2 : 0) & 3;
+}
+
+void ClockGenerator::takeIntoUse() {
+  if ((registers_[kGeneral] & kInput) != kInputIsClock) violation("input_not_as_clock");
+  if (poweredDown()) return;
+  if (y1State() == kStateEnabled) violation("y1_on");
+  if (pairState(kY4Y5) == kStateEnabled) violation("y4_y5_on");
 }
 
 bool ClockGenerator::pllRuns() const {
-  return !poweredDown() && (registers_[kY2Y3] & kPllBypass) == 0 && outputState() != kStatePowerDown;
+  return !poweredDown() && (registers_[kY2Y3] & kPllBypass) == 0 && pairState(kY2Y3) != kStatePowerDown;
+}
+
+// S0 selects a degree of spreading; 0 is none.
+bool ClockGenerator::isSpread() const {
+  return (registers_[kSpread] >> (s0_ ? 3 : 0) & 7) != 0;
 }
 
 ClockGenerator::PllWord ClockGenerator::pllWord() const {
@@ -204,8 +245,8 @@ ClockOutput ClockGenerator::pll() const {
   const auto wrong = [](std::string why) { return ClockOutput{.why = std::move(why)}; };
   const PllWord word = pllWord();
   if (word.n == 0) return wrong("N of PLL1 is 0");
-  if (word.p > 4) return wrong(fmt::format("P of PLL1 is {}, outside of 0 to 4", word.p));
-  if (word.q < 16) return wrong(fmt::format("Q of PLL1 is {}, outside of 16 to 63", word.q));
+  if (word.p > kMostP) return wrong(fmt::format("P of PLL1 is {}, outside of 0 to 4", word.p));
+  if (word.q < kLeastQ) return wrong(fmt::format("Q of PLL1 is {}, outside of 16 to 63", word.q));
   const unsigned scaledN = word.n << word.p;
   if (word.r >= scaledN || (scaledN - word.r) % word.q != 0) {
     return wrong(fmt::format("M of PLL1 is not whole: ({} - {}) / {}", scaledN, word.r, word.q));
@@ -213,6 +254,10 @@ ClockOutput ClockGenerator::pll() const {
   const unsigned m = (scaledN - word.r) / word.q;
   if (m > 511) return wrong(fmt::format("M of PLL1 is {}, more than 511", m));
   if (word.r >= m) return wrong(fmt::format("R of PLL1 is {}, not less than M, which is {}", word.r, m));
+  if (word.r > kMostR) return wrong(fmt::format("R of PLL1 is {}, outside of 0 to 51", word.r));
+  if (const unsigned p = word.wantedP(m); p != word.p)
+    return wrong(fmt::format("P of PLL1 is {}; for its N and M it has to be {}", word.p, p));
+  if (isSpread()) return wrong("the spread spectrum of PLL1 is on");
   const double vco_hz = input_hz_ * word.n / m;
   const auto vco = [&] { return fmt::format("VCO at {:.1f} MHz", vco_hz / kMHz); };
   if (vco_hz < kVcoMin_hz || vco_hz > kVcoMax_hz) return wrong(vco() + ", outside of 80 to 230");
@@ -238,7 +283,7 @@ ClockOutput ClockGenerator::divided() const {
 ClockOutput ClockGenerator::y3(Nanos now) const {
   if (poweredDown()) return {.why = "the clock generator is powered down"};
   if (now - disturbedAt_ < kSettling) return {.why = "the PLL is settling"};
-  if (outputState() != kStateEnabled) return {.why = "Y3 is disabled by its state bits"};
+  if (pairState(kY2Y3) != kStateEnabled) return {.why = "Y3 is disabled by its state bits"};
   return divided();
 }
 

@@ -13,6 +13,7 @@ class TemperatureSensor final : public I2cSlave {
  public:
   // `address` is the 7-bit address. Power-up is at time 0, at 25 degrees.
   TemperatureSensor(u8 address, std::string name, Violations& violations);
+  void powerUp();  // at time 0
 
   // The temperature from `now` on, in degrees Celsius, -55 to 127 (clamped), in steps of a quarter.
   void temperature(double celsius, Nanos now = 0);
@@ -31,16 +32,15 @@ class TemperatureSensor final : public I2cSlave {
 
   u8 address_;
   int measured_quarters_ = 100;  // the ambient temperature
-  int value_quarters_ = 0;       // the temperature value register
+  int value_quarters_;           // the temperature value register
 
-  u8 pointer_ = 0;
-  std::array<u8, 4> registers_ = {0, 0x40, 0x7F,
-                                  0x80};  // by pointer; the first, the temperature, is computed
+  u8 pointer_;
+  std::array<u8, 4> registers_;  // by pointer; the first, the temperature, is computed
 
-  bool active_ = false;        // this device takes part in the transfer
-  unsigned bytes_ = 0;         // of this access, after the address
-  bool oneShotAsked_ = false;  // by the current access
-  bool wakesUp_ = false;       // by the current access
+  bool active_;        // this device takes part in the transfer
+  unsigned bytes_;     // of this access, after the address
+  bool oneShotAsked_;  // by the current access
+  bool wakesUp_;       // by the current access
   Nanos oneShotDoneAt_;
   Nanos nextDoneAt_;
 };

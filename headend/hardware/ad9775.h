@@ -1,9 +1,9 @@
 // The serial port of the digital-to-analog converter AD9775, with four lines and the most significant bit
 // first: thirteen registers of gain, offset and modes. The converter itself is not modelled.
 //
-// Different from the part: bits 7 to 5 of register 0x00 (SDIO direction, bit order, software reset) and
-// read-only bits are stored like other bits and have no effect, because a blank EEPROM loads 0xFF.
-// portAtRisk() reports this state.
+// Different from the part: bits 7 to 5 of register 0x00 (SDIO direction, bit order, software reset), bit 7 of
+// register 0x03 (the data-rate clock at SDO) and read-only bits are stored like other bits and have no
+// effect, because a blank EEPROM loads 0xFF. portAtRisk() reports this state.
 #pragma once
 
 #include <array>
@@ -14,8 +14,9 @@ namespace headend {
 
 class Dac final : public Device {
  public:
-  // All lines are low at first, also the chip select; the registers have their defaults.
+  // All lines are low at first, also the chip select.
   Dac(std::string name, Violations& violations);
+  void powerUp();
 
   // The levels at the pins. Reset is active high, chip select active low.
   void reset(bool level, Nanos now);
@@ -29,8 +30,14 @@ class Dac final : public Device {
 
   // A register's value; 0 beyond 0x0C.
   u8 reg(u8 index) const { return index < kRegisters ? registers_[index] : u8{0}; }
-  // Whether register 0x00 has bits that change the data direction or bit order, or reset a real part.
-  bool portAtRisk() const { return (registers_[0] & 0xE0) != 0; }
+  // Whether a real part's port would have another data direction or bit order, be reset, or send a clock.
+  bool portAtRisk() const { return (registers_[0] & 0xE0) != 0 || (registers_[3] & 0x80) != 0; }
+
+  // Why no signal comes out; empty if one does.
+  std::string fault() const;
+  // The card begins to use the output. Counts a calibration that was not loaded: a register not written since
+  // the reset.
+  void takeIntoUse();
 
  private:
   static constexpr unsigned kRegisters = 13;
@@ -48,20 +55,22 @@ class Dac final : public Device {
   void checkAddress();
 
   std::array<u8, kRegisters> registers_;
+  unsigned written_;  // a bit for each register written since the reset
+  bool wasReset_;
 
   bool reset_ = false;
   bool deselected_ = false;
   bool clock_ = false;
   bool data_ = false;
-  bool out_ = false;
+  bool out_;
 
-  bool instructed_ = false;  // this frame's instruction is complete
-  bool reads_ = false;
-  unsigned address_ = 0;
-  unsigned bytesLeft_ = 0;  // data bytes, this one included
-  unsigned bits_ = 0;       // of this byte, bits with a rising clock edge
-  u8 shift_ = 0;
-  u8 sent_ = 0;  // the byte being sent
+  bool instructed_;  // this frame's instruction is complete
+  bool reads_;
+  unsigned address_;
+  unsigned bytesLeft_;  // data bytes, this one included
+  unsigned bits_;       // of this byte, bits with a rising clock edge
+  u8 shift_;
+  u8 sent_;  // the byte being sent
 
   Nanos resetAt_ = kLongAgo;
   Nanos selectedAt_ = kLongAgo;

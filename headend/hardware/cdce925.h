@@ -1,6 +1,7 @@
-// Clock generator CDCE925, programmed through I2C at address 0x64: registers, PLL1, and output Y3. Not
-// modelled: spread spectrum, PLL2 and its outputs, the EEPROM. Programming the EEPROM is a violation: it
-// needs the input clock held low, and on the card that clock never stops.
+// Clock generator CDCE925, programmed through I2C at address 0x64: registers, PLL1, and output Y3. Y1, Y4 and
+// Y5 are not connected on the card: they are modelled as on or off. Not modelled: PLL2, the EEPROM.
+// Programming the EEPROM is a violation: it needs the input clock held low, and on the card that clock never
+// stops. So is the bit that locks it, which cannot be cleared again.
 #pragma once
 
 #include <array>
@@ -13,6 +14,11 @@ class ClockGenerator final : public I2cSlave {
  public:
   // `input_hz` is the clock at the input pin. The PLL is locked with the power-up values.
   ClockGenerator(double input_hz, Violations& violations);
+  void powerUp();
+
+  // The card begins to use Y3. Counts what is still wrong then and does not show at Y3: an input that is not
+  // set to an external clock, and outputs that are on although nothing is connected to them.
+  void takeIntoUse();
 
   // Control pin S0; an internal pull-up holds it high until it is driven.
   void selectS0(bool level, Nanos now);
@@ -34,8 +40,10 @@ class ClockGenerator final : public I2cSlave {
 
   bool pin(u8 value) const;
   bool poweredDown() const;
-  unsigned outputState() const;
+  unsigned y1State() const;
+  unsigned pairState(u8 field) const;
   bool pllRuns() const;
+  bool isSpread() const;
   PllWord pllWord() const;
   ClockOutput pll() const;
   ClockOutput divided() const;
@@ -47,14 +55,14 @@ class ClockGenerator final : public I2cSlave {
   double input_hz_;
   std::array<u8, 0x30> registers_;
   bool s0_ = true;
-  Nanos disturbedAt_ = kLongAgo;  // last change of the PLL's settings
+  Nanos disturbedAt_;  // last change of the PLL's settings
 
-  Expects expects_ = Expects::kCommand;
-  bool block_ = false;
-  u8 index_ = 0;
-  unsigned left_ = 0;  // data bytes of this transfer still expected
-  bool reading_ = false;
-  bool countSent_ = false;
+  Expects expects_;
+  bool block_;
+  u8 index_;
+  unsigned left_;  // data bytes of this transfer still expected
+  bool reading_;
+  bool countSent_;
 };
 
 }  // namespace headend

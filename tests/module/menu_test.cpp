@@ -1,4 +1,4 @@
-// The screens of the card's front-panel menus, key by key. The menus: e2e/panel.py.
+// The flags of the card's front-panel menus, and their screens key by key. The texts: e2e/panel.py.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -27,6 +27,20 @@ std::string valueRow(const protocol::LcdImage& lcd) {
     end = c.x + 8;
   }
   return std::regex_replace(text, std::regex(R"(\]\[)"), "");
+}
+
+// The flags of a table's items in order, each with those of the table below it.
+std::string flagsIn(const item_t* item) {
+  std::string flags = fmt::format("{:x}", item->flag);
+  if (item->submenu != nullptr) flags += " (" + flagsIn(item->submenu) + ")";
+  return (item->flag & item_t::kLast) != 0 ? flags : flags + ' ' + flagsIn(item + 1);
+}
+
+// A panel of another chassis may look at bits that the headend's does not.
+TEST_F(Menus, ItemsHaveTheirFlags) {
+  const std::string channel = "1408 (0 0 2) 2001 2001 2001 1408 (0 2) 140a (0 2)";
+  EXPECT_EQ(flagsIn(&qamMenuInit), "3 (0 (0 (800 800 802) 0 (" + channel + ") 2 (" + channel +
+                                       ")) 2 (c (0 0 2) 2000 2000 2000 c (0 2) e (0 2)))");
 }
 
 // Each key's letter: u d l r as they are, o OK, x cancel, q leave, . none, ? and ! codes that no key has.

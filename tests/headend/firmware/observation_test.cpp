@@ -58,7 +58,8 @@ TEST(CarouselMonitor, AnUploadAndAnotherChannelContinueNoGroup) {
   post(5000);
   post(5100);
   const auto& pat = monitor.tables(1, 0)[PAT];
-  EXPECT_EQ(std::pair(pat.intervals, pat.max_ticks), std::pair(std::uint64_t{2}, std::uint64_t{100}));
+  const std::array<std::uint64_t, 3> found{pat.posted, pat.intervals, pat.max_ticks};
+  EXPECT_EQ(found, (std::array<std::uint64_t, 3>{4, 2, 100}));
 }
 
 }  // namespace

@@ -54,7 +54,7 @@ Headend::Headend(Options chosen)
       log(options.log),
       heap(options.heapBytes, options.heapFill),
       flash(options.flash, options.fast ? base::Flush::kLater : base::Flush::kNow),
-      observation(kernel, bus, chassis, monitor, log, say),
+      observation(kernel, bus, violations, chassis, monitor, log, say),
       kernel(options.kernel, observation),
       network(kernel),
       bus(violations),

@@ -52,4 +52,19 @@ void Observation::semaphoreLong(const os::Semaphore& semaphore, const Task& task
                    holder));
 }
 
+// The violation has the names, so that the report shows which task it was, and where.
+void Observation::watchdogLate(const Task& task) {
+  const std::string reg =
+      task.stretch.lastRegister == nullptr ? "no register" : bus_.registerName(task.stretch.lastRegister);
+  violations_.count(fmt::format("watchdog_not_kicked ({}, {})", task.name, reg));
+  say_(fmt::format("{} has run for {:.3f} s without a kick of the watchdog; its last register is {}",
+                   task.name, static_cast<double>(task.stretch.time) / 1e9, reg));
+}
+
+// A channel that takes no packet, and a serial clock that is held low: the chassis is to restart then.
+bool Observation::onlyWatchdogEnds(const volatile void* reg) {
+  const std::string name = bus_.registerName(reg);
+  return name.find("PsiRdy") != std::string::npos || name.ends_with("scl") || name.ends_with("SCL");
+}
+
 }  // namespace headend

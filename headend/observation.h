@@ -33,8 +33,15 @@ class Observation final : public KernelObserver {
   };
 
   // The parts of the same headend. They are used only when the kernel runs.
-  Observation(Kernel& kernel, Bus& bus, Chassis& chassis, CarouselMonitor& monitor, Log& log, const Say& say)
-      : kernel_(kernel), bus_(bus), chassis_(chassis), monitor_(monitor), log_(log), say_(say) {}
+  Observation(Kernel& kernel, Bus& bus, Violations& violations, Chassis& chassis, CarouselMonitor& monitor,
+              Log& log, const Say& say)
+      : kernel_(kernel),
+        bus_(bus),
+        violations_(violations),
+        chassis_(chassis),
+        monitor_(monitor),
+        log_(log),
+        say_(say) {}
 
   // Called once per tick of each clock.
   std::function<void()> onAuxiliaryClock = [] {};
@@ -57,10 +64,13 @@ class Observation final : public KernelObserver {
   void taskParked(const Task& task) override;
   void taskReleased(const Task& task) override;
   void semaphoreLong(const os::Semaphore& semaphore, const Task& task) override;
+  void watchdogLate(const Task& task) override;
+  bool onlyWatchdogEnds(const volatile void* reg) override;
   std::uint16_t peek(const volatile void* reg) override { return bus_.peek(reg, kernel_.now()); }
 
   Kernel& kernel_;
   Bus& bus_;
+  Violations& violations_;
   Chassis& chassis_;
   CarouselMonitor& monitor_;
   Log& log_;

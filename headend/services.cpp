@@ -57,7 +57,9 @@ u16 busRead16(const volatile void* reg) {
 
 void busWrite16(volatile void* reg, u16 value) {
   headend::Kernel& k = kernel();
-  k.charge("a register write", costs().busAccess);
+  k.requireTask("a register write");
+  k.noteWrite(reg);
+  k.spend(costs().busAccess);
   running->bus.write(reg, value, k.now());
 }
 
@@ -254,7 +256,7 @@ void delay5us() {
   kernel().charge("delay5us", costs().wait5us);
 }
 void Dog() {
-  kernel().charge("Dog", costs().watchdogKick);
+  kernel().kickWatchdog();
 }
 
 void DebugPrint(const char* format, ...) {

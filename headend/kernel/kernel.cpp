@@ -90,6 +90,7 @@ void Kernel::systemTick() {
     if (task->wakeTick <= ticks_) wake(*task, true);  // removes it from the list
   }
   if (!parked_.empty()) releaseParked();
+  if (current_ != nullptr) countStretch();
   reportLongWaits();
   observer_.systemClock();
 }
@@ -128,7 +129,10 @@ void Kernel::run() {
     current_->state = Task::State::kRunning;
     current_->runningSince = now_;
     sliceEnded_ = false;
+    current_->stretch.resume(now_, kickedAt_);
     current_->fiber->resume();
+    countStretch();
+    if (current_->state != Task::State::kReady) current_->stretch.end();
     current_->cpuTime += now_ - current_->runningSince;
     if (current_->fiber->finished()) {
       current_->state = Task::State::kFinished;
@@ -215,6 +219,7 @@ void Kernel::sleepUntil(Nanos when) {
 
 void Kernel::park() {
   Task& task = *current_;
+  leaveOutPoll();
   task.state = Task::State::kParked;
   parked_.push_back(&task);
   observer_.taskParked(task);
@@ -230,6 +235,29 @@ void Kernel::releaseParked() {
     return true;
   };
   std::erase_if(parked_, changed);
+}
+
+// ---- The watchdog ----
+
+// The running task's stretch is counted until now.
+void Kernel::countStretch() {
+  if (current_->polled != nullptr && now_ - current_->polledSince >= kLongPoll &&
+      observer_.onlyWatchdogEnds(current_->polled))
+    return;  // leaveOutPoll() counts it
+  Task::Stretch& stretch = current_->stretch;
+  stretch.count(now_, kickedAt_);
+  if (settings_.watchdog == 0 || stretch.time <= settings_.watchdog || std::exchange(stretch.told, true))
+    return;
+  observer_.watchdogLate(*current_);
+}
+
+// A long poll of the running task ends.
+void Kernel::leaveOutPoll() {
+  if (!observer_.onlyWatchdogEnds(current_->polled)) return;
+  Task::Stretch& stretch = current_->stretch;
+  stretch.longestPoll = std::max(stretch.longestPoll, now_ - current_->polledSince);
+  if (stretch.countedTo < current_->polledSince) stretch.count(current_->polledSince, kickedAt_);
+  stretch.resume(now_, kickedAt_);
 }
 
 // ---- Long waits for a semaphore ----
@@ -326,6 +354,7 @@ int Kernel::send(os::MsgQ* queue, std::span<const char> message, int timeout) {
 int Kernel::receive(os::MsgQ* queue, std::span<char> buffer, int timeout) {
   charge("msgQReceive", settings_.costs.kernelCall);
   if (queue == nullptr) return os::ERROR;
+  if (timeout != os::NO_WAIT) readyForWork();
   if (queue->messages.empty()) {
     if (timeout == os::NO_WAIT) return os::ERROR;
     current_->receiveInto = buffer;

@@ -5,6 +5,7 @@
 
 #include <boost/core/noncopyable.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -89,6 +90,29 @@ struct Task {
   std::uint16_t polledValue = 0;
   Nanos polledSince = 0;
 
+  // For the watchdog: its time on the processor since it last waited, came to where it waits for work, or the
+  // watchdog was kicked, without long polls that only the watchdog ends; and its last register.
+  struct Stretch {
+    void end() { time = 0, told = false; }
+    void resume(Nanos now, Nanos kickedAt) {
+      if (kickedAt >= countedTo) end();
+      countedTo = now;
+    }
+    void count(Nanos now, Nanos kickedAt) {
+      if (kickedAt >= countedTo) resume(kickedAt, kickedAt);
+      time += now - countedTo;
+      countedTo = now;
+      longest = std::max(longest, time);
+    }
+
+    Nanos time = 0;
+    Nanos countedTo = 0;
+    Nanos longest = 0;
+    Nanos longestPoll = 0;
+    bool told = false;
+    const volatile void* lastRegister = nullptr;
+  } stretch;
+
   Nanos cpuTime = 0;
   Nanos runningSince = 0;
 };
@@ -104,6 +128,10 @@ class KernelObserver : public base::Interface {
   virtual void taskReleased(const Task& /*task*/) {}
   // `task` has waited for the semaphore for more than ten seconds; called once per wait.
   virtual void semaphoreLong(const os::Semaphore& /*semaphore*/, const Task& /*task*/) {}
+  // `task` has run for longer than the watchdog waits; called once per stretch.
+  virtual void watchdogLate(const Task& /*task*/) {}
+  // Only the watchdog ends a poll of this register that is in vain.
+  virtual bool onlyWatchdogEnds(const volatile void* /*reg*/) { return false; }
   // The current value of a polled register, without an access.
   virtual std::uint16_t peek(const volatile void* reg) = 0;
 };
@@ -122,6 +150,7 @@ class Kernel : boost::noncopyable {
     int tickHz = 100;
     int auxHz = 1000;
     Costs costs;
+    Nanos watchdog = kSecond / 2;  // a task that runs longer without a kick is reported; 0: none is
   };
 
   Kernel(const Settings& settings, KernelObserver& observer);
@@ -171,12 +200,29 @@ class Kernel : boost::noncopyable {
     spend(cost);
   }
 
+  // The watchdog is kicked: no task has run for long.
+  void kickWatchdog() {
+    charge("Dog", settings_.costs.watchdogKick);
+    if (current_ != nullptr) countStretch();
+    kickedAt_ = now_;
+  }
+  // The running task has come to where it waits for work, even if there is work already.
+  void readyForWork() {
+    countStretch();
+    current_->stretch.end();
+  }
+  void noteWrite(const volatile void* reg) {
+    notePollingEnds();
+    if (current_ != nullptr) current_->stretch.lastRegister = reg;
+  }
+
   // After a read of `reg` by the running task. A task that reads nothing else for a virtual second is
   // suspended until the register's value changes.
   void notePolling(const volatile void* reg, std::uint16_t value) {
     if (current_ == nullptr) return;
     if (current_->polled != reg || current_->polledValue != value) {
-      current_->polled = reg;
+      notePollingEnds();
+      current_->polled = current_->stretch.lastRegister = reg;
       current_->polledValue = value;
       current_->polledSince = now_;
     } else if (now_ - current_->polledSince >= kSecond) [[unlikely]] {
@@ -184,7 +230,11 @@ class Kernel : boost::noncopyable {
     }
   }
   void notePollingEnds() {
-    if (current_ != nullptr) current_->polled = nullptr;
+    if (current_ == nullptr || current_->polled == nullptr) return;
+    if (now_ - current_->polledSince >= kLongPoll) [[unlikely]] {
+      leaveOutPoll();
+    }
+    current_->polled = nullptr;
   }
 
   // The services of platform/kernel.h.
@@ -240,9 +290,12 @@ class Kernel : boost::noncopyable {
   void waitForTick(Task& task, int ticks);
   void wake(Task& task, bool timedOut);
   void park();
+  void countStretch();
+  void leaveOutPoll();
   void releaseParked();
   void reportLongWaits();
   void refuseInInterrupt(const char* service);
+  static constexpr Nanos kLongPoll = kSecond / 1000;
   static Nanos periodic(std::uint64_t count, int hz) {
     return static_cast<Nanos>(count / static_cast<unsigned>(hz)) * kSecond +
            static_cast<Nanos>(count % static_cast<unsigned>(hz)) * kSecond / hz;
@@ -253,6 +306,7 @@ class Kernel : boost::noncopyable {
   Pace* pace_ = nullptr;
 
   Nanos now_ = 0;
+  Nanos kickedAt_ = 0;
   Nanos due_ = 0;  // the earliest of the two below and the events
   Nanos nextTick_ = 0;
   Nanos nextAux_ = 0;

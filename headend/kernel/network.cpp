@@ -67,6 +67,7 @@ UdpSocket::~UdpSocket() {
 std::optional<Datagram> UdpSocket::receive(int timeout) {
   Kernel& kernel = network_.kernel_;
   kernel.charge("recvfrom", kernel.settings().costs.kernelCall);
+  if (timeout != os::NO_WAIT) kernel.readyForWork();
   while (waiting_.empty()) {
     if (timeout == os::NO_WAIT || !kernel.waitOn(waiters_, timeout)) return std::nullopt;
   }

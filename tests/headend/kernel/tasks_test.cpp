@@ -27,7 +27,9 @@ Nanos nanos(const std::string& ms) {
 // them. A step is a service of the kernel and its arguments; with a time to wait, in ticks of 10 ms, it waits
 // so long, without one forever. The story has each step that fails, what is received, and what "say" adds.
 struct Scripts {
-  explicit Scripts(const Kernel::Settings& settings = freeCalls()) : rig_(settings) {}
+  explicit Scripts(const Kernel::Settings& settings = freeCalls()) : rig_(settings) {
+    rig_.endless = &register_;
+  }
 
   // The events, each with its time in ms.
   std::string play(const std::string& scripts) {
@@ -72,7 +74,8 @@ struct Scripts {
     if (service == "spawn") return k.spawn("child", ticks(1), [this] { rig_.tell("child on"); }), os::OK;
     if (service == "set") return register_ = static_cast<std::uint16_t>(ticks(1)), os::OK;
     if (service == "look") return poll(otherRegister_, 0);
-    if (service == "poll") return poll(register_, nanos(step[1]));
+    if (service == "kick") return k.kickWatchdog(), os::OK;
+    if (service == "poll") return poll(step.size() > 2 ? otherRegister_ : register_, nanos(step[1]));
     if (service == "await") return poll(register_, 100 * kSecond, 1);
     throw std::logic_error("no service " + service);
   }
@@ -198,6 +201,30 @@ TEST(Tasks, ThatPollForASecondAreParkedUntilTheRegisterChanges) {
         "take binary 0", "give binary", "recvfrom 0", "sendto", "sleep 0.01", "spawn 50"}) {
     const std::string story = Scripts().play("polls 100 300: poll 10; " + between);
     EXPECT_EQ(story.find("parked"), std::string::npos) << between;
+  }
+}
+
+// A task's own time counts, from the last kick of any task or its last wait on.
+TEST(Tasks, ThatRunLongWithoutAKickAreNamedOnce) {
+  const std::array<std::string, 2> rows[] = {
+      {"a 100: spend 500; say", "a on@500"},
+      {"a 100: spend 501; say", "a on@501, a not kicked@501"},
+      {"a 100: spend 2000; kick; spend 600", "a not kicked@510, a not kicked@2510"},
+      {"a 200: spend 900; say | b 100 9: delay 20; kick", "a on@900"},
+      {"a 200: spend 400; say | b 100: delay 1; spend 450", "a on@850"},
+      {"a 100 3: spend 400; delay 1", ""},
+      {"a 100 3: spend 300; delay 0", "a not kicked@510"},
+      {"a 100 3: send x; spend 300; receive", "a gets 'x'@300, a gets 'x'@600, a gets 'x'@900"},
+      {"a 100 3: send x; spend 300; receive 0", "a gets 'x'@300, a not kicked@510, a gets 'x'@600, a gets 'x'@900"},
+      {"a 100: spend 200; poll 900; look; spend 250; say", "a on@1350.01"},
+      {"a 100: spend 200; poll 900; look; spend 310; say", "a not kicked@1410, a on@1410.01"},
+      {"a 100: poll 900 other; delay 1000", "a not kicked@510"},
+      {"a 100: await", "a parked@1000.01"},
+  };
+  for (const auto& [scripts, happens] : rows) {
+    Kernel::Settings settings = freeCalls();
+    settings.watchdog = 500 * kMs;
+    EXPECT_EQ(Scripts(settings).play(scripts), happens) << scripts;
   }
 }
 

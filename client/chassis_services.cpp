@@ -175,4 +175,26 @@ void pressKey(Link& link, chassis::PanelKey key) {
   ask(link, chassisRequest(Operation::kKey, {}, {key}), "press a key");
 }
 
+// ---- Faults ----
+
+namespace {
+
+void changeFault(Link& link, u16 variable, const std::string& fault, u32 duration_ms) {
+  Bytes data;
+  base::append32(data, duration_ms);
+  data.insert(data.end(), fault.begin(), fault.end());
+  ask(link, makeRequest(Operation::kFault, variable, 0, 0, std::move(data)),
+      fmt::format("{} {}", variable == kAddFault ? "add" : "clear", fault.empty() ? "the faults" : fault));
+}
+
+}  // namespace
+
+void addFault(Link& link, const std::string& fault, std::chrono::milliseconds duration) {
+  changeFault(link, kAddFault, fault, static_cast<u32>(duration.count()));
+}
+
+void clearFault(Link& link, const std::string& fault) {
+  changeFault(link, kClearFault, fault, 0);
+}
+
 }  // namespace client

@@ -56,4 +56,8 @@ LcdImage readLcd(Link& link);
 // The chassis stores up to 64 keys that its menu has not read yet.
 void pressKey(Link& link, chassis::PanelKey key);
 
+// Adds a fault, as protocol::parseFault reads it, which ends by itself after a duration above 0.
+void addFault(Link& link, const std::string& fault, std::chrono::milliseconds duration);
+void clearFault(Link& link, const std::string& fault);  // an empty text: all
+
 }  // namespace client

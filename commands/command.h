@@ -159,6 +159,7 @@ struct Group {
 Group alarmCommands();
 Group calibrationCommands();
 Group callCommands();
+Group faultCommands();
 Group mibCommands();
 Group panelCommands();
 Group pidMapCommands();

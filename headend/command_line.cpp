@@ -140,13 +140,15 @@ void checkPlaces(const Options& options) {
     demandSlot("--out " + protocol::channelName(channel), channel.slot);
   for (const auto& t : options.temperatures) demandSlot("--set", t.slot);
   for (const auto& fault : options.faults) {
-    if (fault.slot) demandSlot("--fault " + fault.name, *fault.slot);
+    const auto& [slot, input, name] = fault.place;
+    const std::string flag = "--fault " + protocol::faultName(fault.place);
+    if (input) demandInput(flag, {*slot, *input});
+    if (slot && !input) demandSlot(flag, *slot);
   }
   for (const int slot : options.blankEeproms) demandSlot("--eeprom", slot);
   for (const auto& [slot, cycle] : options.eepromCycles) demandSlot("--eeprom-cycle", slot);
   for (const auto& [slot, time] : options.lockTimes) demandSlot("--lock-time", slot);
   if (options.powerCut) demandSlot("--power-cut", options.powerCut->slot);
-  for (const auto& loss : options.inputLosses) demandInput("--fault", loss.source);
 }
 
 void checkTogether(const Options& options) {
@@ -229,9 +231,11 @@ void describeRun(Form& form, Options& o, JobFlags& jobs) {
       });
   repeated(
       form, o, "--fault",
-      "[N.]NAME[@SECONDS]: break something on the card in slot N, or on all, from the start or from that "
-      "time on; 'help' lists the names (repeatable). N.P.input-lost[@SECONDS[/PERIOD]] takes input P of "
-      "source card N away, permanently or for the first half of each period",
+      "[N.]NAME[@SECONDS[..SECONDS]]: break something on the card in slot N, or on all, from the start or "
+      "from the first time on, permanently or until the second; 'help' lists the names (repeatable). "
+      "N.P.input-lost takes input P of source card N away; with /PERIOD at the end only for the first half "
+      "of "
+      "each period",
       parseFault);
   constexpr double kDay = 86'400;
   time(form,
@@ -348,6 +352,13 @@ void describeMachine(Form& form, Options& o) {
   cost("--loop-ns", k.costs.loopTurn, "of a turn of a counting loop");
   cost("--wait5us-ns", k.costs.wait5us, "of the 5 us wait");
   cost("--dog-ns", k.costs.watchdogKick, "of a kick of the watchdog");
+  time(
+      form,
+      Option(
+          "--watchdog", "MS",
+          "a task that runs for longer without Dog breaks a rule and is named; the run goes on (0: no limit)")
+          .group(kGroup),
+      k.watchdog, kSecond / 1000, 0, 1e6);
   cost("--call-ns", k.costs.kernelCall, "of a call of the kernel");
   cost("--memory-ns", k.costs.memoryCall, "of malloc and free");
   cost("--file-ns", k.costs.fileCall, "of opening a file");

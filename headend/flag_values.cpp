@@ -55,29 +55,6 @@ Options::Input parseInput(const std::string& flag, const std::string& input) {
   return {.file = input.substr(0, at), .bitRate = rate, .address{}};
 }
 
-// "N.P.input-lost"; false for another fault.
-bool parseInputLoss(const std::string& text, Options& options) {
-  constexpr std::string_view kInputLost = ".input-lost";
-  const std::size_t name = text.find(kInputLost);
-  if (name == std::string::npos) return false;
-  const auto source = protocol::parseSourcePort(text.substr(0, name));
-  const std::string rest = text.substr(name + kInputLost.size());  // "@SECONDS/PERIOD"
-  const std::size_t slash = rest.find('/');
-  std::optional<Nanos> at, period;
-  if (rest.empty()) at = 0;
-  if (rest.starts_with('@')) at = secondsOf(rest.substr(1, slash - 1));
-  if (slash != std::string::npos) period = secondsOf(rest.substr(slash + 1));
-  if (!source || !at || (slash != std::string::npos && period.value_or(0) < 2)) {
-    refuse(text,
-           "want N.P.input-lost[@SECONDS[/PERIOD]] with slot and input of a source card, as "
-           "6.1.input-lost@10/4");
-  }
-  if (std::ranges::count(options.inputLosses, *source, &Options::InputLoss::source) > 0)
-    refuse(text, "this input has been given a loss already");
-  options.inputLosses.push_back({*source, *at, period});
-  return true;
-}
-
 // "N=MILLISECONDS" of a part of slot N.
 void parseSlotTime(const std::string& text, int most_ms, std::map<int, Nanos>& times) {
   const std::string want = fmt::format("want N=MILLISECONDS with N from 1 to 6 and up to {} ms", most_ms);
@@ -203,13 +180,31 @@ void parsePowerCut(const std::string& text, Options& options) {
 
 void parseFault(const std::string& text, Options& options) {
   if (text == "help") throw commands::Help{faultList()};
-  if (parseInputLoss(text, options)) return;
-  std::string name = text;
-  const Nanos at = takeOnlyTime(name);
-  const auto slot = takeSlot(name);
-  if (findFault(name) == nullptr)
-    refuse(text, "want [N.]NAME[@SECONDS], with a NAME that --fault help lists");
-  options.faults.push_back({slot, name, at});
+  constexpr auto kWant =
+      "want [N.]NAME[@SECONDS[..SECONDS]] with a NAME that --fault help lists, as 1.clock-no-ack@5..8, or "
+      "N.P.input-lost[@SECONDS[..SECONDS][/PERIOD]] with an input of a source card, as 6.1.input-lost@10/4";
+  const std::size_t at = text.find('@');
+  const auto place = protocol::parseFault(text.substr(0, at));
+  const FaultKind* kind = place ? findFault(place->name) : nullptr;
+  if (!place || (kind == nullptr && !place->input)) refuse(text, kWant);
+  Options::Fault fault{.place = *place};
+  std::string times = at == std::string::npos ? "0" : text.substr(at + 1);
+  if (const std::size_t slash = times.rfind('/'); slash != std::string::npos) {
+    fault.period = secondsOf(times.substr(slash + 1));
+    if (fault.period.value_or(0) < 2 || !place->input) refuse(text, kWant);
+    times.resize(slash);
+  }
+  if (const std::size_t dots = times.find(".."); dots != std::string::npos) {
+    fault.until = secondsOf(times.substr(dots + 2));
+    times.resize(dots);
+    if (kind != nullptr && !kind->ends) refuse(text, "this fault has no end");
+    if (!fault.until) refuse(text, kWant);
+  }
+  const auto from = secondsOf(times);
+  if (!from) refuse(text, kWant);
+  fault.at = *from;
+  if (fault.until && *fault.until <= fault.at) refuse(text, "the fault ends before it begins");
+  options.faults.push_back(fault);
 }
 
 bool parseTemperature(const std::string& text, Options& options) {

@@ -63,6 +63,7 @@ Headend::Headend(Options chosen)
           flash, [this] { return options.epoch + static_cast<u32>(kernel.now() / kSecond); }, say),
       panel(kernel, options.menuTimeout, menuFirmware(*this)),
       backEnd(kernel, network, chassis, monitor, log, [this](int slot) { return state(slot); }),
+      faults(kernel, cards, router, backEnd, say),
       sources(kernel, router, backEnd),
       search(kernel, backEnd, [this](int slot, int port) -> Multiplexer& { return output(slot, port); }),
       shell(kernel, backEnd),
@@ -122,6 +123,7 @@ void Headend::installCard(int slot) {
   }
   bus.attach(slot, card(slot));
   card(slot).onConfiguration([this, slot](bool complete, Nanos /*now*/) {
+    if (chassis.slot(slot).initReturned) return;
     if (complete || card(slot).configuration().attempts() == 1)
       chassis.beginPhase(slot, complete ? "settling" : "FPGA configuration");
   });
@@ -142,13 +144,7 @@ void Headend::openOutputs() {
 void Headend::openInputs() {
   for (const auto& [slot, targets] : options.sources) {
     std::vector<std::unique_ptr<TsInput>> inputs;
-    for (u32 port = 0; port < targets.size(); ++port) {
-      auto& input = inputs.emplace_back(openInput(*this, targets[port]));
-      for (const Options::InputLoss& loss : options.inputLosses) {
-        if (loss.source != protocol::SourcePort{static_cast<u16>(slot), port}) continue;
-        input = std::make_unique<InterruptibleInput>(kernel, std::move(input), loss.at, loss.period);
-      }
-    }
+    for (const Options::Input& target : targets) inputs.push_back(openInput(*this, target));
     sources.plugIn(slot, std::move(inputs));
   }
 }

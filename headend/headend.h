@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "headend/fault_injector.h"
 #include "headend/firmware/alarm_list.h"
 #include "headend/firmware/back_end.h"
 #include "headend/firmware/debug_shell.h"
@@ -69,6 +70,7 @@ class Headend final : boost::noncopyable {
   Panel panel;
   std::optional<SnmpAgent> snmp;  // nullopt if it is off
   BackEnd backEnd;
+  FaultInjector faults;
   SourceCards sources;
   PidSearch search;
   DebugShell shell;

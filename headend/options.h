@@ -45,11 +45,12 @@ struct Options {
     double celsius = 0;
     Nanos at = 0;
   };
-  // A fault, on one card or on all of them.
+  // A fault from a time on, until another or permanently; with a period only in the first half of each.
   struct Fault {
-    std::optional<int> slot;
-    std::string name;
+    protocol::FaultPlace place;
     Nanos at = 0;
+    std::optional<Nanos> until{};
+    std::optional<Nanos> period{};
   };
 
   // A power cut, at an edge of the slot's DAC and EEPROM lines or at a time.
@@ -66,12 +67,6 @@ struct Options {
     std::optional<std::uint64_t> bitRate;
     std::optional<base::Address> address;
   };
-  // An input that is lost from a time on: permanently, or for the first half of each period.
-  struct InputLoss {
-    protocol::SourcePort source;
-    Nanos at = 0;
-    std::optional<Nanos> period;
-  };
 
   std::filesystem::path flash = "flash";
   bool initFlash = false;
@@ -84,7 +79,6 @@ struct Options {
       counts[static_cast<u16>(slot)] = static_cast<u32>(inputs.size());
     return counts;
   }
-  std::vector<InputLoss> inputLosses;
   std::vector<Job> jobs;
   Nanos deJitter = kSecond / 5;
   Nanos menuTimeout = 60 * kSecond;

@@ -129,6 +129,14 @@ Json channel(Headend& headend, int slot, int port) {
   return entry;
 }
 
+Json fault(const FaultInjector::Fault& fault) {
+  return {{"fault", protocol::faultName(fault.place)},
+          {"from_seconds", seconds(fault.at)},
+          {"until_seconds", secondsOrNull(fault.until)},
+          {"period_seconds", secondsOrNull(fault.period)},
+          {"present", fault.isPresent}};
+}
+
 Json startupPhase(const Chassis::Phase& phase) {
   return {{"phase", phase.name},
           {"from_ms", milliseconds(phase.from)},
@@ -186,6 +194,12 @@ Json standingAlarm(const AlarmRecord& raised) {
   return commands::alarmJson(outward(raised).alarm);
 }
 
+Json longestRun(const std::unique_ptr<Task>& task) {
+  return {{"task", task->name},
+          {"longest_ms", milliseconds(task->stretch.longest)},
+          {"longest_poll_ms", milliseconds(task->stretch.longestPoll)}};
+}
+
 Json command(const Job& job) {
   return {{"flag", job.flag},
           {"command", job.text},
@@ -218,6 +232,7 @@ Json report(Headend& headend) {
           {"tick_hz", settings.tickHz},
           {"assertion_failures", listOf(headend.observation.failedChecks(), failedCheck)},
           {"protocol_violations", Json(headend.violations.counts())},
+          {"faults", listOf(headend.faults.faults(), [](const auto& each) { return fault(each.second); })},
           {"late_requests", listOf(headend.backEnd.lateRequests(), lateRequest)},
           {"semaphore_waits", listOf(headend.observation.longWaits(), semaphoreWait)},
           {"heap", {{"used", headend.heap.used()}, {"failures", headend.heap.failures()}}},
@@ -231,6 +246,7 @@ Json report(Headend& headend) {
 
 std::string reportText(Headend& headend) {
   Json all = report(headend);
+  all["watchdog"] = listOf(headend.kernel.tasks(), longestRun);
   all["commands"] = listOf(headend.automaticOperator.jobs(), command);
   return all.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }

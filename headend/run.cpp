@@ -1,7 +1,6 @@
 // A run of a headend: the faults and the end that the options plan, the clocks' work, and the exit code.
 #include <fmt/format.h>
 
-#include "headend/hardware/faults.h"
 #include "headend/headend.h"
 #include "headend/kernel/network.h"
 
@@ -15,16 +14,7 @@ void scheduleFaults(Headend& headend) {
       headend.card(t.slot).board().sensor(t.sensor).temperature(t.celsius, headend.kernel.now());
     });
   }
-  for (const Options::Fault& fault : headend.options.faults) {
-    const FaultKind& kind = *findFault(fault.name);
-    for (const int slot : headend.options.slots) {
-      if (fault.slot && *fault.slot != slot) continue;
-      kernel.at(fault.at, [&headend, &kind, slot] {
-        headend.say(fmt::format("fault on card {}: {}", slot + 1, kind.text));
-        kind.inject(headend.card(slot).board(), headend.kernel.now());
-      });
-    }
-  }
+  for (const Options::Fault& fault : headend.options.faults) headend.faults.add(fault);
 }
 
 // Sets `isCut` when the power is cut, which also ends the run.

@@ -40,6 +40,26 @@ std::optional<SourcePort> parseSourcePort(std::string_view text) {
   return parsePlace<SourcePort>(text, kInputsPerCard);
 }
 
+std::optional<FaultPlace> parseFault(std::string_view text) {
+  const std::size_t dot = text.rfind('.');
+  if (dot == std::string_view::npos)
+    return text.empty() || text == kInputLost ? std::nullopt
+                                              : std::optional(FaultPlace{{}, {}, std::string(text)});
+  const std::string name(text.substr(dot + 1));
+  text = text.substr(0, dot);
+  if (name != kInputLost) {
+    const auto slot = parseSlot(text);
+    return slot ? std::optional(FaultPlace{static_cast<u16>(*slot), {}, name}) : std::nullopt;
+  }
+  const auto input = parseSourcePort(text);
+  return input ? std::optional(FaultPlace{input->slot, input->port, name}) : std::nullopt;
+}
+
+std::string faultName(const FaultPlace& place) {
+  const std::string slot = place.slot ? fmt::format("{}.", *place.slot + 1) : "";
+  return slot + (place.input ? fmt::format("{}.", *place.input + 1) : "") + place.name;
+}
+
 std::string channelName(const Channel& channel) {
   return fmt::format("{}.{}", channel.slot + 1, channel.port + 1);
 }

@@ -24,6 +24,20 @@ struct SourcePort {
   auto operator<=>(const SourcePort&) const = default;
 };
 
+// A fault that a chassis can inject, and where: on a card, on all cards, or at an input of a source card.
+struct FaultPlace {
+  std::optional<u16> slot;   // nullopt: all cards
+  std::optional<u32> input;  // of kInputLost
+  std::string name;
+  bool operator==(const FaultPlace&) const = default;
+};
+inline constexpr std::string_view kInputLost = "input-lost";
+
+// "NAME", "N.NAME" or "N.P.input-lost"; nullopt for a slot or an input that cannot be. The name may be
+// unknown.
+std::optional<FaultPlace> parseFault(std::string_view text);
+std::string faultName(const FaultPlace& place);
+
 // "N", a slot; from 0.
 std::optional<int> parseSlot(std::string_view text);
 // "N.P"; nullopt for any other text.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace headend {
 namespace {
@@ -21,7 +22,7 @@ constexpr u8 kLowFlag = 0x08;
 
 constexpr Nanos kWakeUp = 4'000;
 constexpr Nanos kConversion = 25'000;
-constexpr Nanos kUpdate = 800'000'000;
+constexpr Nanos kUpdate = 800'000;
 
 constexpr double kMin_celsius = -55;
 constexpr double kMax_celsius = 127;
@@ -35,6 +36,7 @@ TemperatureSensor::TemperatureSensor(u8 address, std::string name, Violations& v
 
 void TemperatureSensor::powerUp() {
   value_quarters_ = 0;
+  flags_ = 0;
   pointer_ = 0;
   registers_ = {0, 0x40, 0x7F, 0x80};
   active_ = oneShotAsked_ = wakesUp_ = false;
@@ -52,18 +54,18 @@ bool TemperatureSensor::sleeps() const {
   return (registers_[kConfiguration] & kSensorOff) != 0;
 }
 
-// Conversions that end while the device takes part in a transfer are lost, so that no mixture is read.
+// A conversion that ends while the device takes part in a transfer is lost, so that no mixture is read.
 void TemperatureSensor::convertUntil(Nanos now) {
-  bool converted = false;
-  if (oneShotDoneAt_ <= now) {
-    oneShotDoneAt_ = kNever;
-    converted = true;
-  }
-  if (nextDoneAt_ <= now) {
-    nextDoneAt_ += (1 + (now - nextDoneAt_) / kUpdate) * kUpdate;
-    converted = true;
-  }
-  if (converted && !active_) value_quarters_ = measured_quarters_;
+  const bool isDone = std::min(oneShotDoneAt_, nextDoneAt_) <= now;
+  if (oneShotDoneAt_ <= now) oneShotDoneAt_ = kNever;
+  if (nextDoneAt_ <= now) nextDoneAt_ += (1 + (now - nextDoneAt_) / kUpdate) * kUpdate;
+  if (isDone && !active_) converted();
+}
+
+void TemperatureSensor::converted() {
+  value_quarters_ = measured_quarters_;
+  if (value_quarters_ > 4 * static_cast<std::int8_t>(registers_[kHigh])) flags_ |= kHighFlag | kAlertFlag;
+  if (value_quarters_ < 4 * static_cast<std::int8_t>(registers_[kLow])) flags_ |= kLowFlag | kAlertFlag;
 }
 
 bool TemperatureSensor::addressed(u8 addressByte, Nanos now) {
@@ -100,23 +102,28 @@ bool TemperatureSensor::received(u8 byte, Nanos /*now*/) {
 // The effects of a write begin when the access is over.
 void TemperatureSensor::configure(u8 value) {
   if ((value & kSensorTestModes) != 0) violation("test_mode");
-  if ((value & kOneShot) != 0) oneShotAsked_ = true;
+  if ((value & kOneShot) != 0) {
+    if (!sleeps() && (value & kSensorOff) == 0) violation("one_shot_without_power_down");
+    oneShotAsked_ = true;
+  }
   wakesUp_ = sleeps() && (value & kSensorOff) == 0;
   registers_[kConfiguration] = static_cast<u8>(value & ~(kOneShot | kAlertReset));
   if (sleeps()) nextDoneAt_ = kNever;
 }
 
-void TemperatureSensor::accessEnded(bool /*byStop*/, Nanos now) {
+// In automatic mode the part converts from a stop on, and not during an access that has none.
+void TemperatureSensor::accessEnded(bool byStop, Nanos now) {
   if (!active_) return;
   convertUntil(now);
   active_ = false;
   const Nanos wakeUp = wakesUp_ || sleeps() ? kWakeUp : 0;
   if (oneShotAsked_) oneShotDoneAt_ = now + wakeUp + kConversion;
-  if (wakesUp_) nextDoneAt_ = now + kWakeUp + kConversion;
+  if (!sleeps()) nextDoneAt_ = byStop ? now + wakeUp + kConversion : kNever;
   oneShotAsked_ = false;
   wakesUp_ = false;
 }
 
+// The temperature is ten bits in two's complement on the left of sixteen, then the flags.
 u8 TemperatureSensor::next(Nanos /*now*/) {
   const unsigned place = bytes_++;
   if (place >= (pointer_ == kTemperature ? 2U : 1U)) {
@@ -124,16 +131,8 @@ u8 TemperatureSensor::next(Nanos /*now*/) {
     return 0xFF;
   }
   if (pointer_ != kTemperature) return registers_[pointer_];
-  return static_cast<u8>(temperatureRegister() >> (place == 0 ? 8 : 0));
-}
-
-// Ten bits in two's complement on the left of sixteen, then the flags.
-unsigned TemperatureSensor::temperatureRegister() const {
-  const int quarters = value_quarters_;
-  unsigned flags = 0;
-  if (quarters > 4 * static_cast<std::int8_t>(registers_[kHigh])) flags |= kHighFlag | kAlertFlag;
-  if (quarters < 4 * static_cast<std::int8_t>(registers_[kLow])) flags |= kLowFlag | kAlertFlag;
-  return (static_cast<unsigned>(quarters) << 6 & 0xFFC0) | flags;
+  const unsigned value = static_cast<unsigned>(value_quarters_) << 6 & 0xFFC0;
+  return static_cast<u8>(place == 0 ? value >> 8 : (value & 0xFF) | std::exchange(flags_, 0));
 }
 
 }  // namespace headend

@@ -1,6 +1,6 @@
 // Temperature sensor AD7414 behind I2C: address pointer, configuration, limits, and a ten-bit temperature,
-// updated by a conversion every 800 ms, or once on request. The alert pin is not connected; its flags are
-// stored.
+// updated by a conversion every 800 us, or once on request in power-down. The alert pin is not connected; the
+// flags of a limit that was passed are kept until they are read.
 #pragma once
 
 #include <array>
@@ -13,7 +13,7 @@ class TemperatureSensor final : public I2cSlave {
  public:
   // `address` is the 7-bit address. Power-up is at time 0, at 25 degrees.
   TemperatureSensor(u8 address, std::string name, Violations& violations);
-  void powerUp();  // at time 0
+  void powerUp() override;  // at time 0
 
   // The temperature from `now` on, in degrees Celsius, -55 to 127 (clamped), in steps of a quarter.
   void temperature(double celsius, Nanos now = 0);
@@ -28,12 +28,13 @@ class TemperatureSensor final : public I2cSlave {
   void configure(u8 value);
   bool sleeps() const;
   void convertUntil(Nanos now);
-  unsigned temperatureRegister() const;
+  void converted();
 
   u8 address_;
   int measured_quarters_ = 100;  // the ambient temperature
   int value_quarters_;           // the temperature value register
 
+  unsigned flags_;  // of limits that were passed
   u8 pointer_;
   std::array<u8, 4> registers_;  // by pointer; the first, the temperature, is computed
 

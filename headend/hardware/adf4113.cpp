@@ -43,6 +43,7 @@ Synthesizer::Synthesizer(std::string name, double reference_hz, bool positivePol
                  .clockToLatch = 10,
                  .latchWidth = 20},
                 violations),
+      oscillator_hz_(reference_hz),
       reference_hz_(reference_hz),
       positivePolarityLocks_(positivePolarityLocks) {
   powerUp();

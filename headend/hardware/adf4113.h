@@ -15,7 +15,7 @@ class Synthesizer final : public ThreeWire {
 
   void powerUp();
 
-  void removeReference() { reference_hz_ = 0; }
+  void connectReference(bool isConnected) { reference_hz_ = isConnected ? oscillator_hz_ : 0; }
   // From the latch of a new frequency until the loop has locked, for each later latch; default 10 us.
   void lockTime(Nanos duration) { lockTime_ = duration; }
 
@@ -39,7 +39,8 @@ class Synthesizer final : public ThreeWire {
   double frequency_hz() const;
   double target_hz() const { return fault().empty() ? frequency_hz() : 0; }
 
-  double reference_hz_;
+  double oscillator_hz_;  // of the reference
+  double reference_hz_;   // at the pin; 0: none
   bool positivePolarityLocks_;
   Nanos lockTime_ = 10'000;
   std::array<u32, 3> latches_;  // reference counter, A and B counters, function

@@ -16,7 +16,7 @@ class Eeprom final : public I2cSlave {
 
   // Blank: every byte is 0xFF. The seed determines the contents after a power cut.
   Eeprom(Violations& violations, unsigned seed);
-  void powerUp();  // keeps the contents
+  void powerUp() override;  // keeps the contents
 
   // Sets the contents. Cancels a write cycle in progress.
   void load(const Image& image);

@@ -14,7 +14,7 @@ class ClockGenerator final : public I2cSlave {
  public:
   // `input_hz` is the clock at the input pin. The PLL is locked with the power-up values.
   ClockGenerator(double input_hz, Violations& violations);
-  void powerUp();
+  void powerUp() override;
 
   // The card begins to use Y3. Counts what is still wrong then and does not show at Y3: an input that is not
   // set to an external clock, and outputs that are on although nothing is connected to them.

@@ -39,24 +39,29 @@ std::vector<FaultKind> makeKinds() {
   for (const BusName& bus : kBuses) {
     for (const BusFaultName& fault : kBusFaults) {
       if (!bus.mayLack && fault.fault == OpenDrainBus::Fault::kAbsent) continue;
-      kinds.push_back(
-          {std::string(bus.name) + "-" + fault.name, std::string(bus.text) + " " + fault.text,
-           [lines = bus.bus, kind = fault.fault](CardBoard& b, Nanos now) { (b.*lines).inject(kind, now); }});
+      kinds.push_back({std::string(bus.name) + "-" + fault.name, std::string(bus.text) + " " + fault.text,
+                       [lines = bus.bus, kind = fault.fault](CardFpga& card, bool present, Nanos now) {
+                         (card.board().*lines).inject(kind, present, now);
+                       }});
     }
   }
-  const auto add = [&](const char* name, const char* text, void (*inject)(CardBoard&)) {
-    kinds.push_back({name, text, [inject](CardBoard& board, Nanos) { inject(board); }});
+  const auto add = [&](const char* name, const char* text, void (*set)(CardBoard&, bool present)) {
+    kinds.push_back({name, text, [set](CardFpga& card, bool present, Nanos) { set(card.board(), present); }});
   };
   add("lo1-no-latch", "the first oscillator's latch enable is not connected",
-      [](CardBoard& b) { b.firstOscillator.disconnectLatchEnable(); });
+      [](CardBoard& b, bool present) { b.firstOscillator.connectLatchEnable(!present); });
   add("lo2-no-latch", "the second oscillator's latch enable is not connected",
-      [](CardBoard& b) { b.secondOscillator.disconnectLatchEnable(); });
+      [](CardBoard& b, bool present) { b.secondOscillator.connectLatchEnable(!present); });
   add("attenuator-no-latch", "the attenuator's latch enable is not connected",
-      [](CardBoard& b) { b.attenuator.disconnectLatchEnable(); });
+      [](CardBoard& b, bool present) { b.attenuator.connectLatchEnable(!present); });
   add("lo1-no-reference", "the first oscillator has no reference",
-      [](CardBoard& b) { b.firstOscillator.removeReference(); });
+      [](CardBoard& b, bool present) { b.firstOscillator.connectReference(!present); });
   add("lo2-no-reference", "the second oscillator has no reference",
-      [](CardBoard& b) { b.secondOscillator.removeReference(); });
+      [](CardBoard& b, bool present) { b.secondOscillator.connectReference(!present); });
+  kinds.push_back({.name = "config-lost",
+                   .text = "the FPGA loses its configuration",
+                   .set = [](CardFpga& card, bool, Nanos now) { card.configuration().lose(now); },
+                   .ends = false});
   return kinds;
 }
 

@@ -1,17 +1,18 @@
-// Faults of a card that a run can inject by name: which part of the board fails, and when.
+// Faults of a card that a run can inject by name: which part of the card fails.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "headend/hardware/card_board.h"
+#include "headend/hardware/card_fpga.h"
 
 namespace headend {
 
 struct FaultKind {
   std::string name;  // "clock-no-ack"
   std::string text;  // description for a list
-  std::function<void(CardBoard& board, Nanos now)> inject;
+  std::function<void(CardFpga& card, bool present, Nanos now)> set;
+  bool ends = true;  // else it happens at once and has no end
 };
 
 // All of them, in the order of a list.

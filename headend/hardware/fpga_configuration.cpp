@@ -66,16 +66,20 @@ void FpgaConfiguration::loaderLeft() {
 void FpgaConfiguration::request(u16 code, Nanos now) {
   if (code == kStart) {
     ++attempts_;
-    done_ = false;
-    receiver_ = {};
-    clocks_ = clocksAfterStream_ = clocksSinceData_ = 0;
-    if (onChange_) onChange_(false, now);
+    lose(now);
   } else if (code != kRelease) {
     return;
   } else if (code_ != kRelease) {
     readyAt_ = now + kReadyAfterMin + static_cast<Nanos>(spread_() % kReadyAfterSpread);
   }
   code_ = code;
+}
+
+void FpgaConfiguration::lose(Nanos now) {
+  done_ = false;
+  receiver_ = {};
+  clocks_ = clocksAfterStream_ = clocksSinceData_ = 0;
+  if (onChange_) onChange_(false, now);
 }
 
 void FpgaConfiguration::data(bool level) {

@@ -32,6 +32,8 @@ class FpgaConfiguration final : public BusDevice {
 
   bool done() const { return done_; }
   unsigned attempts() const { return attempts_; }
+  // The part becomes blank, as at a dip of its supply.
+  void lose(Nanos now);
   // The slot's start-up has ended: a guard that is still open then stays open permanently.
   void loaderLeft();
 

@@ -1,20 +1,33 @@
 #include "headend/hardware/i2c.h"
 
+#include <utility>
+
 namespace headend {
 namespace {
 
-// UM10204, fast mode, in nanoseconds.
-constexpr Nanos kClockLow = 1'300;
-constexpr Nanos kClockHigh = 600;
-constexpr Nanos kDataSetup = 100;
-constexpr Nanos kStartSetup = 600;
-constexpr Nanos kStartHold = 600;
-constexpr Nanos kStopSetup = 600;
-constexpr Nanos kBusFree = 1'300;
+// UM10204, standard mode, in nanoseconds.
+constexpr Nanos kClockLow = 4'700;
+constexpr Nanos kClockHigh = 4'000;
+constexpr Nanos kDataSetup = 250;
+constexpr Nanos kStartSetup = 4'700;
+constexpr Nanos kStartHold = 4'000;
+constexpr Nanos kStopSetup = 4'000;
+constexpr Nanos kBusFree = 4'700;
 
 constexpr Nanos kStretchTime = 100'000;
 
 }  // namespace
+
+void I2cSlave::plugIn() {
+  phase_ = Phase::kIdle;
+  scl_ = sda_ = pulls_ = answers_ = byteEnded_ = firstFall_ = false;
+  bits_ = 0;
+  powerUp();
+}
+
+void I2cSlave::masterHoldsData() {
+  if (std::exchange(answers_, false)) violation("data_held_low_at_acknowledge");  // counted once
+}
 
 void I2cSlave::wire(bool scl, bool sda, Nanos now) {
   if (scl_ && !scl) clockFell(now);
@@ -85,7 +98,7 @@ void I2cSlave::endAccess(bool byStop, Nanos now) {
   if (phase_ == Phase::kSending && bits_ == 0) violation("read_ended_without_nack");
   phase_ = byStop ? Phase::kIdle : Phase::kAddress;
   firstFall_ = !byStop;
-  pulls_ = false;
+  pulls_ = answers_ = false;
   accessEnded(byStop, now);
   bits_ = 0;
 }
@@ -93,7 +106,7 @@ void I2cSlave::endAccess(bool byStop, Nanos now) {
 void I2cSlave::bit(bool level, Nanos now) {
   if (bits_ == 8) {
     bits_ = 0;
-    pulls_ = false;
+    pulls_ = answers_ = false;
     byteEnded_ = true;
     afterNinthBit(!level, now);
     return;
@@ -108,6 +121,7 @@ void I2cSlave::bit(bool level, Nanos now) {
   if (phase_ == Phase::kRefused || phase_ == Phase::kSent) phase_ = Phase::kForeign;  // counted once
 
   if (bits_ == 8) {
+    answers_ = phase_ == Phase::kAddress || phase_ == Phase::kReceiving;
     pulls_ = takeByte(now);
   } else if (phase_ == Phase::kSending) {
     pulls_ = (out_ >> (place - 1) & 1) == 0;
@@ -144,29 +158,45 @@ void I2cSlave::afterNinthBit(bool acknowledged, Nanos now) {
 
 // ---- The lines ----
 
-void OpenDrainBus::inject(Fault fault, Nanos now) {
+void OpenDrainBus::inject(Fault fault, bool present, Nanos now) {
   endStretch(now);
   switch (fault) {
     case Fault::kAbsent:
-      slave_ = nullptr;
-      holdsClock_ = false;
+      plug(!present);
       break;
     case Fault::kNoAcknowledge:
-      if (slave_ != nullptr) slave_->acknowledges(false);
+      if (slave_ != nullptr) slave_->acknowledges(!present);
       break;
     case Fault::kClockLow:
     case Fault::kClockHigh:
-      stuck_[kClock] = fault == Fault::kClockHigh;
+      stick(kClock, fault == Fault::kClockHigh, present);
       break;
     case Fault::kDataLow:
     case Fault::kDataHigh:
-      stuck_[kData] = fault == Fault::kDataHigh;
+      stick(kData, fault == Fault::kDataHigh, present);
       break;
     case Fault::kStretch:
-      stretches_ = true;
+      stretches_ = present;
       break;
   }
   settle(now);
+}
+
+void OpenDrainBus::plug(bool in) {
+  if (!in) holdsClock_ = false;
+  if (in && unplugged_ && slave_ != nullptr) {
+    slave_->plugIn();
+    wire_ = {};  // so that the slave is shown the levels
+  }
+  unplugged_ = !in;
+}
+
+void OpenDrainBus::stick(Line line, bool level, bool present) {
+  if (present) {
+    stuck_[line] = level;
+  } else if (stuck_[line] == level) {
+    stuck_[line].reset();
+  }
 }
 
 // The slave released the clock at that time, also if the bus is looked at later.
@@ -178,15 +208,17 @@ void OpenDrainBus::endStretch(Nanos now) {
 
 // The slave responds to a change of the wire by a change of what it pulls, which is a change of the wire.
 void OpenDrainBus::settle(Nanos now) {
+  I2cSlave* const slave = this->slave();
   for (;;) {
     const bool clock = stuck_[kClock].value_or(master_[kClock] && !holdsClock_);
-    const bool data = stuck_[kData].value_or(master_[kData] && (slave_ == nullptr || !slave_->pullsData()));
+    const bool data = stuck_[kData].value_or(master_[kData] && (slave == nullptr || !slave->pullsData()));
+    if (slave != nullptr && clock && !master_[kData]) slave->masterHoldsData();
     if (clock == wire_[kClock] && data == wire_[kData]) return;
     const bool fell = wire_[kClock] && !clock;
     wire_ = {clock, data};
-    if (slave_ == nullptr) continue;
-    slave_->wire(clock, data, now);
-    if (stretches_ && fell && slave_->byteEnded()) {
+    if (slave == nullptr) continue;
+    slave->wire(clock, data, now);
+    if (stretches_ && fell && slave->byteEnded()) {
       holdsClock_ = true;
       heldUntil_ = now + kStretchTime;
     }

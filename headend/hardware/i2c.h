@@ -1,5 +1,5 @@
-// An I2C bus with one slave: the two open-drain lines, and the protocol of the slave, UM10204 in fast mode
-// (400 kHz).
+// An I2C bus with one slave: the two open-drain lines, and the protocol of the slave, UM10204 in standard
+// mode (100 kHz).
 #pragma once
 
 #include <array>
@@ -19,6 +19,11 @@ class I2cSlave : public Device {
   bool pullsData() const { return pulls_; }
   // False: from now on it does not acknowledge its address and receives nothing.
   void acknowledges(bool does) { acknowledges_ = does; }
+  // The master holds SDA low while the clock is high. In the ninth bit of a byte that the master sends, this
+  // hides the slave's answer: a violation.
+  void masterHoldsData();
+  // The part is plugged in, with both lines low: its state is that of power-up.
+  void plugIn();
   // From the falling clock edge after a ninth bit, of any slave, until the next rising edge.
   bool byteEnded() const { return byteEnded_; }
 
@@ -26,6 +31,7 @@ class I2cSlave : public Device {
   using Device::Device;
 
   // The 7-bit address and the R/W bit below it. True: acknowledge.
+  virtual void powerUp() = 0;
   virtual bool addressed(u8 addressByte, Nanos now) = 0;
   virtual bool received(u8 byte, Nanos now) = 0;  // true: acknowledge
   virtual u8 next(Nanos now) = 0;                 // the next byte to send; called only when it is sent
@@ -62,6 +68,7 @@ class I2cSlave : public Device {
   bool sda_ = false;
   bool pulls_ = false;
   bool byteEnded_ = false;
+  bool answers_ = false;  // the ninth bit is next, and is the slave's
 
   Phase phase_ = Phase::kIdle;
   bool firstFall_ = false;  // the start was received, the following falling clock edge was not
@@ -95,8 +102,8 @@ class OpenDrainBus {
   // `slave` may be null: absent. At first the master pulls both lines low.
   explicit OpenDrainBus(I2cSlave* slave) : slave_(slave) {}
 
-  // Faults accumulate and stay.
-  void inject(Fault fault, Nanos now);
+  // Faults accumulate. The end of one leaves the others.
+  void inject(Fault fault, bool present, Nanos now);
 
   // Output of the master: false pulls the line low, true releases it.
   void drive(Line line, bool level, Nanos now) {
@@ -111,10 +118,14 @@ class OpenDrainBus {
   }
 
  private:
+  I2cSlave* slave() const { return unplugged_ ? nullptr : slave_; }
+  void plug(bool in);
+  void stick(Line line, bool level, bool present);
   void endStretch(Nanos now);
   void settle(Nanos now);
 
   I2cSlave* slave_;
+  bool unplugged_ = false;
   std::array<bool, 2> master_{};
   std::array<std::optional<bool>, 2> stuck_{};
   bool stretches_ = false;

@@ -45,6 +45,9 @@ class PidRouter final : public PacketFeed {
   // In order of arrival; packets of the same time by slot and port.
   void deliverUntil(Nanos now) override;
 
+  // From `now` on the packets of an input are lost, or no longer. False: no such input.
+  bool cut(Nanos now, int slot, int port, bool isCut);
+
   const InputCounts* input(int slot, int port) const;  // null: no such input
   // Called with every packet of an input that has a sync byte; an empty function removes it. No effect if the
   // input does not exist.
@@ -74,6 +77,7 @@ class PidRouter final : public PacketFeed {
     InputCounts counts;
     std::function<void(mpeg::PacketView)> observer;
     std::array<u16, kPids> routes{};  // the first route of each PID
+    bool isCut = false;
   };
   struct Lane {
     Nanos next;
@@ -87,6 +91,7 @@ class PidRouter final : public PacketFeed {
   void listenToIdle();
   Lane* earliest();
   void deliver(Lane& lane);
+  void receive(Input& input, Nanos arrival, mpeg::PacketView packet);
 
   std::array<std::unique_ptr<Input>, kNameable> inputs_;
   std::array<Output, kOutputs> outputs_;

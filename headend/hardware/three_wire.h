@@ -11,7 +11,7 @@ class ThreeWire : public Device {
   void data(bool level, Nanos now);
   void clock(bool level, Nanos now);
   void latchEnable(bool level, Nanos now);
-  void disconnectLatchEnable() { latchConnected_ = false; }
+  void connectLatchEnable(bool isConnected) { latchConnected_ = isConnected; }
 
  protected:
   // The minimum times in nanoseconds.

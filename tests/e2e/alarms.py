@@ -33,7 +33,7 @@ def too_much(case, *channels):
 
 # name: (flags, port, type, text of the alarm, from, until: seconds)
 CONDITIONS = {
-    'input 1': (lambda case: lost(case, '1.1', '10/20'), 1, INPUT, 'Ch.1 Error', 10, 20),
+    'input 1': (lambda case: lost(case, '1.1', '10..20'), 1, INPUT, 'Ch.1 Error', 10, 20),
     'input 2': (lambda case: lost(case, '1.2', '10/20'), 1, INPUT, 'Ch.2 Error', 10, 20),
     'heat': (lambda case: ['--set', '1.temperature2=-5@10', '--set', '1.temperature2=69@20'],  # -5: read as 251
              1, HEAT, 'High Temperature', 10, 20),

@@ -44,6 +44,11 @@ CALLS = """
 2 | --source 6=udp://127.0.0.1:0 | leave --fast away
 2 | --source 1=psi-small.ts --card 1 | modulator card
 2 | --fault 6.1.input-lost | no such input
+2 | --fault 1.config-lost@3..4 | no end
+2 | --fault 1.clock-no-ack@4..3 | before it begins
+1 | --do 'fault add 1.clock-nack' | --fault help
+1 | --do 'fault add 6.1.input-lost' | no such input
+1 | --do 'fault add 3.clock-no-ack' | no card
 2 | --trace t.vcd --trace-lines lo3_* | lo3_
 2 | --trace-lines lo1_* | --trace
 2 | --trace t.vcd --trace-lines slot2.nrst | slot2.nrst

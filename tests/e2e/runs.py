@@ -85,5 +85,40 @@ def each_time_of_a_call_lengthens_the_start_up(case):
         case.check(least <= longer < 3 * least, f'{flag} {value}: {phase} takes {longer} ms more')
 
 
+# The driver's waits are 5 us long on the card; at half of that it keeps the times of standard mode, at less no more.
+def too_fast_a_master_is_seen_on_each_bus(case):
+    for wait, buses in (('2500', set()), ('2000', {'clock_generator', 'sensor1', 'sensor2', 'eeprom'})):
+        run = case.fast(case.flash(wait), 2, '--wait5us-ns', wait)
+        seen = {name.split('_clock_low')[0] for name in run.report['protocol_violations'] if '_clock_low' in name}
+        case.equal(seen, buses, f'buses with violations at {wait} ns')
+
+
+# Six cards, the whole range of each setting, a calibration with a slow EEPROM; a bitstream of the largest part.
+def the_driver_as_it_is_breaks_no_rule(case):
+    flags = [word for slot in range(1, 7) for word in (
+        '--card', str(slot), '--eeprom-cycle', f'{slot}=10', '--do', f'@5 cal write {slot} --i 10 0f 40 00')]
+    values = [('symbolrate', rate) for rate in range(5000, 7001, 125)] + [('rfreq', 52000), ('rfreq', 1000000), ('rflevel', 950),
+                                                        ('rflevel', 1150), ('qammode', 7), ('rfswitch', 1), ('power', 0)]
+    flags += [word for n, (name, value) in enumerate(values) for word in ('--set', f'{n % 2 + 1}.{name}={value}')]
+    case.clean(case.fast(case.flash(), 8, *flags), assertions=4)
+    flash = case.flash('large')
+    harness.write(os.path.join(flash, harness.BITSTREAM), bytes(1 << 20))
+    case.clean(case.fast(flash, 4, '--any-bitstream'))
+
+
+def what_hung_at_a_fault_goes_on_when_it_ends(case):
+    commands = ('@2.5 fault list', '@4 fault list', '@4.5 fault add 1.lo1-no-reference --seconds 1', '@5 rf 1', '@6 rf 1',
+                '@6.2 fault add eeprom-no-ack', '@6.3 fault clear eeprom-no-ack', '@6.4 fault list')
+    run = case.fast(case.flash(), 8, '--fault', '1.sensor2-scl-low@1..3', '--fault', '1.config-lost@7',
+                    *[word for command in commands for word in ('--do', command)], codes=(1,))
+    planned = r'1\.config-lost  not present, from 7\.000 s\n'
+    case.says(run, rf'1\.sensor2-scl-low  present, from 1\.000 s to 3\.000 s\n{planned}{planned}[\s\S]*first oscillator: no ref'
+              rf'[\s\S]*on air[^\n]*\n{planned}')
+    hung = {task['task']: task['longest_poll_ms'] for task in run.report['watchdog'] if task['longest_poll_ms'] > 100}
+    card = case.card(run, 1, 'config_error')
+    case.equal((hung, 'hung' in card, card['channels'][0]['rf']['verdict']), ({'tStatus1': 1000}, False, 'off'), 'the end')
+    case.equal(run.report['protocol_violations'], {}, 'violations')
+
+
 harness.main(__name__)
 

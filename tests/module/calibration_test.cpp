@@ -77,7 +77,7 @@ TEST_F(Calibration, BytesAndPagesBeyondTheEndAreRefused) {
 }
 
 TEST_F(Calibration, AnEepromThatDoesNotAnswerIsAskedAHundredTimesAndReadsOnes) {
-  board.eepromBus.inject(headend::OpenDrainBus::Fault::kAbsent, fake.now);
+  board.eepromBus.inject(headend::OpenDrainBus::Fault::kAbsent, true, fake.now);
   fake.forget();
   EXPECT_EQ(at24cxx_rd_byte(3, 1), 0xFF);
   // An acknowledge costs 200 reads of the line.

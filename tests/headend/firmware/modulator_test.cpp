@@ -149,7 +149,7 @@ headend::Options optionsWith(const std::string& fault, const Scratch& scratch,
   headend::initFlash(scratch.path / "flash");
   writeFile(scratch.path / "flash" / "eeprom" / "card1.bin", Bytes(2048, 0x25));
   auto options = fastOptions(scratch.path, 4 * kSecond, slots);
-  if (!fault.empty()) options.faults.push_back({.slot = 0, .name = fault, .at = 0});
+  if (!fault.empty()) options.faults.push_back({.place = {0, {}, fault}});
   // A rate different from the clock generator's at power-up.
   options.jobs.push_back(headend::jobOf("var set 1 symbolrate 6250"));
   return options;
@@ -192,6 +192,7 @@ TEST(Faults, ChangeWhatTheyShould) {
   };
   expectChange("");
   expectChange("attenuator-no-latch");
+  expectChange("config-lost");  // before the FPGA is loaded
   using Row = std::tuple<std::string, u32, int>;
   // The value that a sensor then reads, and the DAC's registers.
   const Row onAnyBus[] = {{"absent", 255, 0xFF}, {"no-ack", 255, 0xFF},   {"scl-high", 255, 0xFF},

@@ -68,7 +68,7 @@ TEST(Devices, TheClockFollowsFromTheRegistersAndSettlesAfterAChangeOfThePll) {
 
 // ---- Temperature sensor ----
 
-TEST(Devices, TheSensorConvertsEvery800MillisecondsOrOnDemandAndReportsTenBitsAndFlags) {
+TEST(Devices, TheSensorConvertsEvery800MicrosecondsOrOnDemandAndReportsTenBitsAndFlags) {
   Violations violations;
   headend::TemperatureSensor sensor(0x4A, "sensor", violations);
   I2cLines master(sensor);
@@ -79,14 +79,15 @@ TEST(Devices, TheSensorConvertsEvery800MillisecondsOrOnDemandAndReportsTenBitsAn
   };
   EXPECT_EQ(master.fetch(0x4A, 1, 1), Bytes{0x40});
   sensor.temperature(30, master.now);
-  EXPECT_EQ(after(599'000'000), 0x1900);  // conversions end at 0.8 s and 1.6 s
-  EXPECT_EQ(after(2'000'000), 0x1E00);
+  EXPECT_EQ(after(0), 0x1E00);  // a conversion ended 25 us after the stop; the next ends 800 us later
+  sensor.temperature(31, master.now + 100'000);
+  EXPECT_EQ(after(700'000), 0x1E00);
+  sensor.temperature(32, master.now + 100'000);
+  EXPECT_EQ(after(800'000), 0x2000);
 
   master.send(0x4A, 1, 0xC0);
   sensor.temperature(-5, master.now);
-  EXPECT_EQ(after(2 * headend::kSecond), 0x1E00);  // powered down
-  master.send(0x4A, 1, 0xC4);
-  EXPECT_EQ(after(0), 0x1E00);  // the conversion ended in this transfer, and is lost
+  EXPECT_EQ(after(2 * headend::kSecond), 0x2000);  // powered down
   master.send(0x4A, 1, 0xC4);
   const Nanos done = master.now - master.busFree + 29'000;  // 4 us to wake up, 25 to convert
   sensor.temperature(40, done - 1);
@@ -105,16 +106,18 @@ TEST(Devices, TheSensorConvertsEvery800MillisecondsOrOnDemandAndReportsTenBitsAn
     sensor.temperature(celsius, master.now);
     EXPECT_EQ(after(headend::kSecond), value) << celsius;
   }
+  sensor.temperature(20, master.now + 2'000'000);
+  EXPECT_EQ(after(headend::kSecond), 0x1428) << "a flag is kept until it is read";
 
   // The other faults of a bus are in the modulator's table of faults.
-  master.bus.inject(headend::OpenDrainBus::Fault::kStretch, master.now);
-  EXPECT_EQ(after(0), 0xC928);
+  master.bus.inject(headend::OpenDrainBus::Fault::kStretch, true, master.now);
+  EXPECT_EQ(after(0), 0x1400);
   master.begin(0x4A, true);
   constexpr auto kClock = headend::OpenDrainBus::kClock;
   EXPECT_FALSE(master.bus.level(kClock, master.now));
   master.bus.drive(kClock, true, master.now + 1300);
   EXPECT_FALSE(master.bus.level(kClock, master.now + 99'999));
-  master.bus.drive(kClock, false, master.now + 100'600);  // not called: the clock has been high since 100'000
+  master.bus.drive(kClock, false, master.now + 104'000);  // not called: the clock has been high since 100'000
   EXPECT_EQ(kinds(violations), "");
 }
 

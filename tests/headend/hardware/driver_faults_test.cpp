@@ -11,6 +11,8 @@
 #include "headend/hardware/three_wire.h"
 #include "hw/Cdce925.h"
 #include "hw/Qam_set.h"
+#include "hw/X24cxx.h"
+#include "hw/ad7414.h"
 #include "hw/ad9775.h"
 #include "hw/adf4113.h"
 #include "tests/headend/hardware/drivers.h"
@@ -31,6 +33,8 @@ struct Row {
 
 // A card that its driver has started. All calls are for slot 0.
 struct StartedCard : Driven {
+  std::string effect;  // that the models do not show
+
   Qam_fpga_if& window() { return *QamFpgaIf[0]; }
   void setRate(u32 kBd) { expect(QamSetVar(0, 0, kVarSymbolRate, kBd) == 0); }
   void clock(u8 index, u8 value) { CdceRegWrite(0, index, value); }
@@ -42,9 +46,19 @@ struct StartedCard : Driven {
   void latch(u32 synthesizer, u32 word) { latch_write(0, synthesizer, word, 24); }
   void dac(u8 index, u8 value) { ad9775_reg_write(0, index, &value, 1); }
 
+  void work(int waits) {  // of 5 us
+    for (; waits > 0; --waits) chassis::Delay5us();
+  }
+  void writeTwice(int waits) {
+    board().eeprom.writeCycle(kSecond / 100);
+    for (const u8 address : {u8{0x40}, u8{0x50}}) i2c_wr(0xA0, address, Bytes(4).data(), 4, 0), work(waits);
+    if (board().eeprom.image(now())[0x53] != 0) effect = "the second write is lost";
+  }
+
   // What is seen once the output stage has its supply again: violations, why the output is off the air, and
   // the lock indication if all else is right.
   std::string seen() {
+    if (!effect.empty()) return effect;
     window().power = 0;
     window().power = 15;
     headend().kernel.delay(2);
@@ -116,6 +130,15 @@ const Row<StartedCard> kCardRows[] = {
     {"the DAC is asleep (bit 4", [](auto& c) { c.dac(0, 0x10); }, "", kNew},
     {"the DAC is powered down (bit 3", [](auto& c) { c.dac(0, 0x08); }, "", kNew},
     {"", [](auto& c) { c.dac(0, 0xE4), c.dac(3, 0x80); }, "the port's bits are not acted on"},
+    // Sensor, EEPROM, watchdog.
+    {"", [](auto&) { get_temper(0, 1); }, "a temperature"},
+    {"sensor1_one_shot_without_power_down", [](auto& c) { c.board().sensor1.powerUp(), get_temper(0, 1); },
+     "", kNew},
+    {"the second write is lost", [](auto& c) { c.writeTwice(1000); }, "a wait of 5 ms"},
+    {"", [](auto& c) { c.writeTwice(2000); }, "a wait of 10 ms"},
+    {"watchdog_not_kicked (tTest, slot 1 cdce925_s", [](auto& c) { c.clock(0x16, 1), c.work(110'000); },
+     "550 ms", kNew},
+    {"", [](auto& c) { c.work(90'000), chassis::Dog(), c.work(90'000); }, "twice 450 ms"},
     // Modulator.
     {"the modulator is held in reset", [](auto& c) { c.window().nrst = 2; }},
     {"the constellation code is unknown", [](auto& c) { c.window().qam_mode = 4, Qam_ResetAll(0); }},
@@ -171,6 +194,9 @@ TEST(DriverFaults, OnI2cAtTheTemperatureSensor) {
       {"sensor_write_to_read_only", [](auto& m) { expect(!m.send(0x4A, 0, 1)); }},
       {"sensor_write_after_nack sensor_write_to_read_only", [](auto& m) { m.send(0x4A, 0, 1, 1); }},
       {"sensor_write_past_end", [](auto& m) { m.send(0x4A, 2, 1, 1); }},
+      {"sensor_data_held_low_at_acknowledge",
+       [](auto& m) { m.start(), m.exchange(0x94), m.bit(false), m.stop(); }},
+      {"sensor_one_shot_without_power_down", [](auto& m) { m.send(0x4A, 1, 0x44); }},
       {"sensor_test_mode", [](auto& m) { m.send(0x4A, 1, 0x41); }},
       {"sensor_read_past_end", [](auto& m) { m.fetch(0x4A, 3, 0); }, "of the temperature"},
       {"sensor_read_past_end", [](auto& m) { m.fetch(0x4A, 2, 3); }, "of a byte"},
@@ -224,7 +250,7 @@ void finds(I2cLines& m, unsigned place, u8 value) {
 }
 
 TEST(DriverFaults, AtTheEeprom) {
-  static constexpr Nanos kReady = 5'000'000 - 1'300 - 15'800;  // except the bus, and the time of an address
+  static constexpr Nanos kReady = 5'000'000 - 4'700 - 73'600;  // except the bus, and the time of an address
   const Row<I2cLines> rows[] = {
       {"", [](auto& m) { expect(!m.send(0x48)); }, "another device"},
       {"", [](auto& m) { expect(m.fetch(0x51, 1)[0] == old(0x100)); }, "at power-up"},

@@ -28,12 +28,12 @@ inline void expect(bool holds) {
   EXPECT_TRUE(holds);
 }
 
-// An I2C master in fast mode.
+// An I2C master in standard mode.
 struct I2cLines {
   headend::OpenDrainBus bus;
   Nanos now = headend::kSecond;
-  Nanos low = 1300, high = 600, dataSetup = 100, startSetup = 600, startHold = 600, stopSetup = 600;
-  Nanos busFree = 1300;
+  Nanos low = 4700, high = 4000, dataSetup = 250, startSetup = 4700, startHold = 4000, stopSetup = 4000;
+  Nanos busFree = 4700;
 
   explicit I2cLines(headend::I2cSlave& slave) : bus(&slave) { scl(0, true), sda(0, true); }
   void scl(Nanos wait, bool level) {

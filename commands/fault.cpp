@@ -1,0 +1,76 @@
+// fault: the faults of the hardware that a headend injects.
+#include <fmt/format.h>
+
+#include "client/chassis_services.h"
+#include "commands/command.h"
+#include "commands/status.h"
+
+namespace commands {
+namespace {
+
+std::string faultOf(const std::string& text) {
+  const bool isPlace = protocol::parseFault(text).has_value();
+  return valid(isPlace ? std::optional(text) : std::nullopt, text,
+               "fault such as 1.clock-no-ack or 6.1.input-lost");
+}
+
+struct FaultAdd final : Command {
+  void describe(Form& form) override {
+    form.value(Option("FAULT", "[N.]NAME", "the fault, on the card in slot N or on all").required(), fault_,
+               faultOf);
+    form.number({"--seconds", "S", "it ends by itself after this time (0: it has no end)"}, seconds_, 0, 4e6);
+  }
+  void carryOut(Session& session) override {
+    client::addFault(session.link(), fault_, std::chrono::milliseconds(static_cast<u32>(seconds_ * 1e3)));
+  }
+
+  std::string fault_;
+  double seconds_ = 0;
+};
+
+struct FaultClear final : Command {
+  void describe(Form& form) override {
+    form.value(
+        Option("FAULT", "[N.]NAME", "the fault; without one all faults end, and none that is planned begins"),
+        fault_, faultOf);
+  }
+  void carryOut(Session& session) override { client::clearFault(session.link(), fault_); }
+
+  std::string fault_;
+};
+
+struct FaultList final : Command {
+  void describe(Form& form) override { takeJson(form); }
+  void carryOut(Session& session) override {
+    const std::optional<Json> status = statusOf(session.link());
+    const Json faults = status ? member(*status, "faults") : Json();
+    if (!faults.is_array()) throw client::Error("this chassis has no list of faults");
+    if (json) return session.print(jsonText(faults));
+    for (const Json& fault : faults) session.print(lineOf(fault) + '\n');
+    if (faults.empty()) session.print("no fault is present or planned\n");
+  }
+
+  static std::string lineOf(const Json& fault) {
+    const auto until = number(fault, "until_seconds");
+    const auto period = number(fault, "period_seconds");
+    return fmt::format("{}  {}, from {:.3f} s{}{}", oneLine(member(fault, "fault")),
+                       member(fault, "present") == true ? "present" : "not present",
+                       number(fault, "from_seconds").value_or(0),
+                       until ? fmt::format(" to {:.3f} s", *until) : "",
+                       period ? fmt::format(", in the first half of every {:.3f} s", *period) : "");
+  }
+};
+
+}  // namespace
+
+Group faultCommands() {
+  return {
+      .name = "fault",
+      .text = "Faults of the hardware that the headend injects",
+      .footer = "'headend --fault help' lists the names. N.P.input-lost takes input P of source card N away.",
+      .commands = {{"add", "Make a fault present from now on", make<FaultAdd>},
+                   {"clear", "End a fault, or all of them", make<FaultClear>},
+                   {"list", "Show the faults that are present or planned", make<FaultList>}}};
+}
+
+}  // namespace commands

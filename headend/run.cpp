@@ -1,4 +1,4 @@
-// A run of a headend: the faults and the end that the options plan, the clocks' work, and the exit code.
+// A run of a headend: the end that the options plan, the clocks' work, and the exit code.
 #include <fmt/format.h>
 
 #include "headend/headend.h"

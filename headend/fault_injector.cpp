@@ -29,8 +29,10 @@ void FaultInjector::step(u64 number) {
   const auto found = faults_.find(number);
   if (found == faults_.end()) return;  // cleared
   Fault& fault = found->second;
-  const bool begins = fault.isPresent = !fault.isPresent;
-  apply(fault);
+  const bool begins = !fault.isPresent;
+  if (begins && !isPresent(fault.place)) apply(fault.place, true);
+  fault.isPresent = begins;
+  if (!begins && !isPresent(fault.place)) apply(fault.place, false);
   const Nanos end = fault.until.value_or(kNever);
   const Nanos lost = fault.period.value_or(0) / 2;  // in the first half of each period
   const Nanos next = fault.period ? kernel_.now() + (begins ? lost : *fault.period - lost) : end;
@@ -42,18 +44,18 @@ void FaultInjector::step(u64 number) {
   }
 }
 
-// A fault of which there are several is present while one of them is.
-void FaultInjector::apply(const Fault& fault) {
-  const auto same = [&](const auto& each) {
-    return each.second.place == fault.place && each.second.isPresent;
-  };
-  const bool isPresent = std::ranges::any_of(faults_, same);
-  const int slot = *fault.place.slot;
-  if (fault.place.input) {
-    router_.cut(kernel_.now(), slot, static_cast<int>(*fault.place.input), isPresent);
+bool FaultInjector::isPresent(const protocol::FaultPlace& place) const {
+  return std::ranges::any_of(
+      faults_, [&](const auto& each) { return each.second.isPresent && each.second.place == place; });
+}
+
+void FaultInjector::apply(const protocol::FaultPlace& place, bool isPresent) {
+  const int slot = *place.slot;
+  if (place.input) {
+    router_.cut(kernel_.now(), slot, static_cast<int>(*place.input), isPresent);
     return;
   }
-  const FaultKind& kind = *findFault(fault.place.name);
+  const FaultKind& kind = *findFault(place.name);
   say_(fmt::format("fault on card {}{}: {}", slot + 1, isPresent ? "" : " ends", kind.text));
   kind.set(*cards_[static_cast<std::size_t>(slot)], isPresent, kernel_.now());
 }
@@ -89,18 +91,19 @@ u32 FaultInjector::refuse(const protocol::FaultPlace& place) const {
 }
 
 u32 FaultInjector::clear(const std::optional<protocol::FaultPlace>& place) {
-  std::vector<Fault> cleared;
-  std::erase_if(faults_, [&](const auto& each) {
-    const Fault& fault = each.second;
-    const bool isMeant = !place || (place->name == fault.place.name && place->input == fault.place.input &&
-                                    place->slot.value_or(*fault.place.slot) == *fault.place.slot);
-    if (isMeant) cleared.push_back(fault);
-    return isMeant;
-  });
-  for (const Fault& fault : cleared) {
-    if (fault.isPresent) apply(fault);
+  const auto isMeant = [&](const auto& each) {
+    const protocol::FaultPlace& its = each.second.place;
+    return !place || (place->name == its.name && place->input == its.input &&
+                      place->slot.value_or(*its.slot) == *its.slot);
+  };
+  const auto first = std::ranges::find_if(faults_, isMeant);
+  if (first == faults_.end()) return place ? protocol::kUnknownFault : protocol::kDone;
+  for (auto fault = first; fault != faults_.end(); fault = std::ranges::find_if(faults_, isMeant)) {
+    const auto cleared = faults_.extract(fault);
+    const Fault& ended = cleared.mapped();
+    if (ended.isPresent && !isPresent(ended.place)) apply(ended.place, false);
   }
-  return place && cleared.empty() ? protocol::kUnknownFault : protocol::kDone;
+  return protocol::kDone;
 }
 
 }  // namespace headend

@@ -32,7 +32,9 @@ class FaultInjector {
   u32 refuse(const protocol::FaultPlace& place) const;
   u32 clear(const std::optional<protocol::FaultPlace>& place);
   void step(u64 number);
-  void apply(const Fault& fault);
+  // A fault of which there are several is present while one of them is.
+  bool isPresent(const protocol::FaultPlace& place) const;
+  void apply(const protocol::FaultPlace& place, bool isPresent);
 
   Kernel& kernel_;
   Cards& cards_;

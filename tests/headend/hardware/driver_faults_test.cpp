@@ -31,24 +31,26 @@ struct Row {
 
 // ---- At a card ----
 
-// A card that its driver has started. All calls are for slot 0.
+void work(int waits) {  // of 5 us
+  for (; waits > 0; --waits) chassis::Delay5us();
+}
+
+// A card that its driver has started.
 struct StartedCard : Driven {
+  u8 slot = 0;
   std::string effect;  // that the models do not show
 
-  Qam_fpga_if& window() { return *QamFpgaIf[0]; }
-  void setRate(u32 kBd) { expect(QamSetVar(0, 0, kVarSymbolRate, kBd) == 0); }
-  void clock(u8 index, u8 value) { CdceRegWrite(0, index, value); }
+  Qam_fpga_if& window() { return *QamFpgaIf[slot]; }
+  void setRate(u32 kBd) { expect(QamSetVar(slot, 0, kVarSymbolRate, kBd) == 0); }
+  void clock(u8 index, u8 value) { CdceRegWrite(slot, index, value); }
   void pll(u32 n, u32 r, u32 q, u32 p, u32 range) {  // of PLL1, which the default rate does not use
     setRate(6250);
     const u32 word = n << 20 | r << 11 | q << 5 | p << 2 | range;
     for (u8 i = 0; i < 4; ++i) clock(0x18 + i, static_cast<u8>(word >> (24 - 8 * i)));
   }
-  void latch(u32 synthesizer, u32 word) { latch_write(0, synthesizer, word, 24); }
-  void dac(u8 index, u8 value) { ad9775_reg_write(0, index, &value, 1); }
+  void latch(u32 synthesizer, u32 word) { latch_write(slot, synthesizer, word, 24); }
+  void dac(u8 index, u8 value) { ad9775_reg_write(slot, index, &value, 1); }
 
-  void work(int waits) {  // of 5 us
-    for (; waits > 0; --waits) chassis::Delay5us();
-  }
   void writeTwice(int waits) {
     board().eeprom.writeCycle(kSecond / 100);
     for (const u8 address : {u8{0x40}, u8{0x50}}) i2c_wr(0xA0, address, Bytes(4).data(), 4, 0), work(waits);
@@ -136,9 +138,9 @@ const Row<StartedCard> kCardRows[] = {
      "", kNew},
     {"the second write is lost", [](auto& c) { c.writeTwice(1000); }, "a wait of 5 ms"},
     {"", [](auto& c) { c.writeTwice(2000); }, "a wait of 10 ms"},
-    {"watchdog_not_kicked (tTest, slot 1 cdce925_s", [](auto& c) { c.clock(0x16, 1), c.work(110'000); },
+    {"watchdog_not_kicked (tTest, slot 1 cdce925_s", [](auto& c) { c.clock(0x16, 1), work(110'000); },
      "550 ms", kNew},
-    {"", [](auto& c) { c.work(90'000), chassis::Dog(), c.work(90'000); }, "twice 450 ms"},
+    {"", [](auto&) { work(90'000), chassis::Dog(), work(90'000); }, "twice 450 ms"},
     // Modulator.
     {"the modulator is held in reset", [](auto& c) { c.window().nrst = 2; }},
     {"the constellation code is unknown", [](auto& c) { c.window().qam_mode = 4, Qam_ResetAll(0); }},

@@ -45,6 +45,7 @@ CALLS = """
 2 | --source 1=psi-small.ts --card 1 | modulator card
 2 | --fault 6.1.input-lost | no such input
 2 | --fault 1.config-lost@3..4 | no end
+0 | --watchdog 5 | tSlot1 has run for 0.0
 2 | --fault 1.clock-no-ack@4..3 | before it begins
 1 | --do 'fault add 1.clock-nack' | --fault help
 1 | --do 'fault add 6.1.input-lost' | no such input

@@ -83,6 +83,7 @@ def each_time_of_a_call_lengthens_the_start_up(case):
     for flag, value, phase, least in TIMES:
         longer = phases(flag, flag, str(value))[phase] - usual[phase]
         case.check(least <= longer < 3 * least, f'{flag} {value}: {phase} takes {longer} ms more')
+    case.check(phases('seed', '--seed', '7')['FPGA configuration'] != usual['FPGA configuration'], '--seed 7 has no effect')
 
 
 # The driver's waits are 5 us long on the card; at half of that it keeps the times of standard mode, at less no more.

@@ -197,4 +197,9 @@ void clearFault(Link& link, const std::string& fault) {
   changeFault(link, kClearFault, fault, 0);
 }
 
+std::string listFaults(Link& link) {
+  const Bytes text = ask(link, makeRequest(Operation::kFault, kListFaults, 0, 0, {}), "list the faults");
+  return {text.begin(), text.end()};
+}
+
 }  // namespace client

@@ -59,5 +59,6 @@ void pressKey(Link& link, chassis::PanelKey key);
 // Adds a fault, as protocol::parseFault reads it, which ends by itself after a duration above 0.
 void addFault(Link& link, const std::string& fault, std::chrono::milliseconds duration);
 void clearFault(Link& link, const std::string& fault);  // an empty text: all
+std::string listFaults(Link& link);                     // JSON, as `faults` of the report
 
 }  // namespace client

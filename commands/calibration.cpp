@@ -363,7 +363,7 @@ Group calibrationCommands() {
           "Examples:\n"
           "  qamcal read 1\n"
           "  qamcal write 1 --i 10 0f 40 00 --q 0c 0f 00 00\n"
-          "  qamcal write 1 --common 04 00 00 00 00\n"
+          "  qamcal write 1 --common 00 04 00 00 00\n"
           "  qamcal save 1 card.json\n"
           "  qamcal --server 192.0.2.7:49156 restore 1 card.json\n"
           "  qamcal watch 1 --every 5\n"

@@ -1,9 +1,11 @@
 // fault: the faults of the hardware that a headend injects.
 #include <fmt/format.h>
 
+#include <cmath>
+
 #include "client/chassis_services.h"
 #include "commands/command.h"
-#include "commands/status.h"
+#include "commands/json_fields.h"
 
 namespace commands {
 namespace {
@@ -18,10 +20,13 @@ struct FaultAdd final : Command {
   void describe(Form& form) override {
     form.value(Option("FAULT", "[N.]NAME", "the fault, on the card in slot N or on all").required(), fault_,
                faultOf);
-    form.number({"--seconds", "S", "it ends by itself after this time (0: it has no end)"}, seconds_, 0, 4e6);
+    form.number(
+        {"--seconds", "S", "it ends by itself after this time, in whole milliseconds (0: it has no end)"},
+        seconds_, 0, 4e6);
   }
   void carryOut(Session& session) override {
-    client::addFault(session.link(), fault_, std::chrono::milliseconds(static_cast<u32>(seconds_ * 1e3)));
+    client::addFault(session.link(), fault_,
+                     std::chrono::milliseconds(static_cast<u32>(std::ceil(seconds_ * 1e3))));
   }
 
   std::string fault_;
@@ -42,9 +47,8 @@ struct FaultClear final : Command {
 struct FaultList final : Command {
   void describe(Form& form) override { takeJson(form); }
   void carryOut(Session& session) override {
-    const std::optional<Json> status = statusOf(session.link());
-    const Json faults = status ? member(*status, "faults") : Json();
-    if (!faults.is_array()) throw client::Error("this chassis has no list of faults");
+    const Json faults = Json::parse(client::listFaults(session.link()), nullptr, false);
+    if (!faults.is_array()) throw client::Error("the list of faults cannot be read");
     if (json) return session.print(jsonText(faults));
     for (const Json& fault : faults) session.print(lineOf(fault) + '\n');
     if (faults.empty()) session.print("no fault is present or planned\n");

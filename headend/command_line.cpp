@@ -352,13 +352,12 @@ void describeMachine(Form& form, Options& o) {
   cost("--loop-ns", k.costs.loopTurn, "of a turn of a counting loop");
   cost("--wait5us-ns", k.costs.wait5us, "of the 5 us wait");
   cost("--dog-ns", k.costs.watchdogKick, "of a kick of the watchdog");
-  time(
-      form,
-      Option(
-          "--watchdog", "MS",
-          "a task that runs for longer without Dog breaks a rule and is named; the run goes on (0: no limit)")
-          .group(kGroup),
-      k.watchdog, kSecond / 1000, 0, 1e6);
+  time(form,
+       Option("--watchdog", "MS",
+              "a task that runs for longer without a kick of the watchdog is a violation; the run goes on "
+              "(0: no limit)")
+           .group(kGroup),
+       k.watchdog, kSecond / 1000, 0, 1e6);
   cost("--call-ns", k.costs.kernelCall, "of a call of the kernel");
   cost("--memory-ns", k.costs.memoryCall, "of malloc and free");
   cost("--file-ns", k.costs.fileCall, "of opening a file");

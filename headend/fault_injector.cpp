@@ -7,12 +7,21 @@
 #include "headend/hardware/faults.h"
 
 namespace headend {
+namespace {
+
+// Without a slot all cards are meant.
+bool isMeant(const protocol::FaultPlace& named, const protocol::FaultPlace& place) {
+  return named.name == place.name && named.input == place.input &&
+         named.slot.value_or(*place.slot) == *place.slot;
+}
+
+}  // namespace
 
 FaultInjector::FaultInjector(Kernel& kernel, Cards& cards, PidRouter& router, BackEnd& backEnd,
                              const Say& say)
     : kernel_(kernel), cards_(cards), router_(router), say_(say) {
-  backEnd.provide(protocol::Operation::kFault, BackEnd::Target::kChassis, {},
-                  [this](const protocol::Request& request, base::Bytes&) { return carryOut(request); });
+  backEnd.provide(protocol::Operation::kFault, BackEnd::Target::kMachine, {},
+                  std::bind_front(&FaultInjector::carryOut, this));
 }
 
 void FaultInjector::add(const Options::Fault& fault) {
@@ -44,6 +53,21 @@ void FaultInjector::step(u64 number) {
   }
 }
 
+nlohmann::ordered_json FaultInjector::report() const {
+  auto all = nlohmann::ordered_json::array();
+  const auto seconds = [](const std::optional<Nanos>& time) {
+    return time ? nlohmann::ordered_json(static_cast<double>(*time) / 1e9) : nullptr;
+  };
+  for (const auto& [number, fault] : faults_) {
+    all.push_back({{"fault", protocol::faultName(fault.place)},
+                   {"from_seconds", seconds(fault.at)},
+                   {"until_seconds", seconds(fault.until)},
+                   {"period_seconds", seconds(fault.period)},
+                   {"present", fault.isPresent}});
+  }
+  return all;
+}
+
 bool FaultInjector::isPresent(const protocol::FaultPlace& place) const {
   return std::ranges::any_of(
       faults_, [&](const auto& each) { return each.second.isPresent && each.second.place == place; });
@@ -63,7 +87,12 @@ void FaultInjector::apply(const protocol::FaultPlace& place, bool isPresent) {
 // ---- Requests of clients ----
 
 // The data: the duration in milliseconds, 0 for no end, and the fault.
-u32 FaultInjector::carryOut(const protocol::Request& request) {
+u32 FaultInjector::carryOut(const protocol::Request& request, base::Bytes& reply) {
+  if (request.variable == protocol::kListFaults) {
+    const std::string text = report().dump();
+    reply.assign(text.begin(), text.end());
+    return protocol::kDone;
+  }
   if (request.data.size() < 4) return protocol::kBadLength;
   const std::string text(request.data.begin() + 4, request.data.end());
   const auto place = protocol::parseFault(text);
@@ -75,6 +104,9 @@ u32 FaultInjector::carryOut(const protocol::Request& request) {
   const Nanos duration = Nanos{wire::get32(request.data.data())} * (kSecond / 1000);
   const bool ends = duration != 0;
   if (ends && !place->input && !findFault(place->name)->ends) return protocol::kUnknownFault;
+  std::erase_if(faults_, [&](const auto& each) {  // the new end replaces that of one that is present
+    return each.second.isPresent && !each.second.period && isMeant(*place, each.second.place);
+  });
   add({.place = *place,
        .at = kernel_.now(),
        .until = ends ? std::optional(kernel_.now() + duration) : std::nullopt});
@@ -91,14 +123,12 @@ u32 FaultInjector::refuse(const protocol::FaultPlace& place) const {
 }
 
 u32 FaultInjector::clear(const std::optional<protocol::FaultPlace>& place) {
-  const auto isMeant = [&](const auto& each) {
-    const protocol::FaultPlace& its = each.second.place;
-    return !place || (place->name == its.name && place->input == its.input &&
-                      place->slot.value_or(*its.slot) == *its.slot);
+  const auto next = [&] {
+    return std::ranges::find_if(
+        faults_, [&](const auto& each) { return !place || isMeant(*place, each.second.place); });
   };
-  const auto first = std::ranges::find_if(faults_, isMeant);
-  if (first == faults_.end()) return place ? protocol::kUnknownFault : protocol::kDone;
-  for (auto fault = first; fault != faults_.end(); fault = std::ranges::find_if(faults_, isMeant)) {
+  if (next() == faults_.end()) return place ? protocol::kNoFault : protocol::kDone;
+  for (auto fault = next(); fault != faults_.end(); fault = next()) {
     const auto cleared = faults_.extract(fault);
     const Fault& ended = cleared.mapped();
     if (ended.isPresent && !isPresent(ended.place)) apply(ended.place, false);

@@ -4,6 +4,7 @@
 #include <array>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "headend/firmware/back_end.h"
 #include "headend/hardware/card_fpga.h"
@@ -25,10 +26,10 @@ class FaultInjector {
   // A fault of a place that exists. Without a slot it is added for each card.
   void add(const Options::Fault& fault);
   // Those that have not ended, in the order in which they were added.
-  const std::map<u64, Fault>& faults() const { return faults_; }
+  nlohmann::ordered_json report() const;
 
  private:
-  u32 carryOut(const protocol::Request& request);
+  u32 carryOut(const protocol::Request& request, base::Bytes& reply);
   u32 refuse(const protocol::FaultPlace& place) const;
   u32 clear(const std::optional<protocol::FaultPlace>& place);
   void step(u64 number);

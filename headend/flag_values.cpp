@@ -191,7 +191,8 @@ void parseFault(const std::string& text, Options& options) {
   std::string times = at == std::string::npos ? "0" : text.substr(at + 1);
   if (const std::size_t slash = times.rfind('/'); slash != std::string::npos) {
     fault.period = secondsOf(times.substr(slash + 1));
-    if (fault.period.value_or(0) < 2 || !place->input) refuse(text, kWant);
+    if (fault.period.value_or(0) < kSecond / 1000 || !place->input)
+      refuse(text, std::string(kWant) + "; PERIOD is 0.001 s or more");
     times.resize(slash);
   }
   if (const std::size_t dots = times.find(".."); dots != std::string::npos) {
@@ -203,7 +204,9 @@ void parseFault(const std::string& text, Options& options) {
   const auto from = secondsOf(times);
   if (!from) refuse(text, kWant);
   fault.at = *from;
-  if (fault.until && *fault.until <= fault.at) refuse(text, "the fault ends before it begins");
+  if (kind != nullptr && !kind->ends && fault.at == 0)
+    refuse(text, "want a time at which the card runs, as 1.config-lost@5");
+  if (fault.until && *fault.until <= fault.at) refuse(text, "the fault must end after it begins");
   options.faults.push_back(fault);
 }
 

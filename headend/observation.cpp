@@ -54,11 +54,11 @@ void Observation::semaphoreLong(const os::Semaphore& semaphore, const Task& task
 
 // The violation has the names, so that the report shows which task it was, and where.
 void Observation::watchdogLate(const Task& task) {
-  const std::string reg =
-      task.stretch.lastRegister == nullptr ? "no register" : bus_.registerName(task.stretch.lastRegister);
+  const bool hasRegister = task.stretch.lastRegister != nullptr;
+  const std::string reg = hasRegister ? bus_.registerName(task.stretch.lastRegister) : "no register";
   violations_.count(fmt::format("watchdog_not_kicked ({}, {})", task.name, reg));
-  say_(fmt::format("{} has run for {:.3f} s without a kick of the watchdog; its last register is {}",
-                   task.name, static_cast<double>(task.stretch.time) / 1e9, reg));
+  say_(fmt::format("{} has run for {:.3f} s without a kick of the watchdog; it has accessed {}{}", task.name,
+                   static_cast<double>(task.stretch.time) / 1e9, reg, hasRegister ? " last" : ""));
 }
 
 // A channel that takes no packet, and a serial clock that is held low: the chassis is to restart then.

@@ -110,7 +110,7 @@ Json channel(Headend& headend, int slot, int port) {
   Multiplexer& output = headend.output(slot, port);
   output.advance(headend.kernel.now());
   const Multiplexer::Counts& counts = output.counts();
-  Json entry = {{"bit_rate", output.rate().perSecond()},
+  Json entry = {{"bit_rate", headend.card(slot).configuration().done() ? output.rate().perSecond() : 0},
                 {"packets",
                  {{"total", counts.total()},
                   {"psi", counts.psi},
@@ -127,14 +127,6 @@ Json channel(Headend& headend, int slot, int port) {
     entry["locked_seconds"] = seconds(headend.kernel.now() - *since);
   }
   return entry;
-}
-
-Json fault(const FaultInjector::Fault& fault) {
-  return {{"fault", protocol::faultName(fault.place)},
-          {"from_seconds", seconds(fault.at)},
-          {"until_seconds", secondsOrNull(fault.until)},
-          {"period_seconds", secondsOrNull(fault.period)},
-          {"present", fault.isPresent}};
 }
 
 Json startupPhase(const Chassis::Phase& phase) {
@@ -232,7 +224,7 @@ Json report(Headend& headend) {
           {"tick_hz", settings.tickHz},
           {"assertion_failures", listOf(headend.observation.failedChecks(), failedCheck)},
           {"protocol_violations", Json(headend.violations.counts())},
-          {"faults", listOf(headend.faults.faults(), [](const auto& each) { return fault(each.second); })},
+          {"faults", headend.faults.report()},
           {"late_requests", listOf(headend.backEnd.lateRequests(), lateRequest)},
           {"semaphore_waits", listOf(headend.observation.longWaits(), semaphoreWait)},
           {"heap", {{"used", headend.heap.used()}, {"failures", headend.heap.failures()}}},

@@ -47,9 +47,8 @@ constexpr ResultText kResultTexts[] = {
     {kUnknownCall, "no call has this number, or it is forgotten"},
     {kTooManyKeys, "the menu has not read the keys that were pressed before: try again"},
     {kUnknownKey, "the panel has no such key"},
-    {kUnknownFault,
-     "the chassis has no such fault, or it cannot end: 'headend --fault help' lists the names, 'qamctl fault "
-     "list' those that are present"},
+    {kUnknownFault, "no fault has this name, or it cannot end: 'headend --fault help' lists the names"},
+    {kNoFault, "no such fault is present or planned: 'qamctl fault list' shows those that are"},
     {kNotStarted, "the card has not finished its start-up"},
     {kUnknownOperation, "the back end has no such operation"},
     {kNoBackEnd, "no card has registered any variable"},

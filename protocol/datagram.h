@@ -31,9 +31,9 @@ enum class Operation : u8 {
   kAlarmEvents = 13,    // the events in the log
   kLcd = 14,            // the content of the front panel
   kKey = 15,            // presses one of its keys
-  kFault = 16,          // adds or clears a fault of the hardware
+  kFault = 16,          // adds, clears or lists faults of the hardware
 };
-enum FaultRequest : u16 { kAddFault = 1, kClearFault = 2 };  // variables of kFault
+enum FaultRequest : u16 { kAddFault = 1, kClearFault = 2, kListFaults = 3 };  // variables of kFault
 
 // Variables of kRead and kWrite are the card's (qam_back::Variable), per slot and channel; those of
 // kGetVariable and kSetVariable are in protocol/variables.h. Results up to 0xFF are the card's
@@ -51,7 +51,8 @@ inline constexpr u32 kUnknownCall = 0x108;      // kCallResult: no call has this
 inline constexpr u32 kTooManyKeys = 0x109;      // kKey: the menu has not read the earlier keys
 inline constexpr u32 kUnknownKey = 0x10A;       // kKey
 inline constexpr u32 kImpossibleValue = 0x10B;  // kSetVariable: outside the bounds of protocol/variables.h
-inline constexpr u32 kUnknownFault = 0x10C;     // kFault
+inline constexpr u32 kUnknownFault = 0x10C;     // kFault: unknown, or it cannot end
+inline constexpr u32 kNoFault = 0x10D;          // kFault: there is none to clear
 inline constexpr u32 kSettingWithoutRecord = 0xFFFFFFFF;  // -1: the card has no record for the slot
 inline constexpr u32 kSettingRefused = 0xFFFFFFFE;        // -2: the card cannot set this variable
 

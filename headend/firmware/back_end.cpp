@@ -24,7 +24,7 @@ BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMon
   provide(Operation::kGetVariable, Target::kRunningCard, 0, std::bind_front(&BackEnd::getVariable, this));
   provide(Operation::kSetVariable, Target::kRunningCard, 4, std::bind_front(&BackEnd::setVariable, this));
   network.onArrival([this](const UdpSocket& socket, const Datagram& datagram) {
-    if (&socket == &socket_) noteArrival(datagram);
+    return &socket == &socket_ && arrived(datagram);
   });
 }
 
@@ -34,6 +34,28 @@ void BackEnd::serve() {
     if (!datagram) continue;
     answer(*datagram);
     outstanding_.pop_front();
+  }
+}
+
+// True: it is for the machine.
+bool BackEnd::arrived(const Datagram& datagram) {
+  const auto request = protocol::decodeRequest(datagram.bytes);
+  const auto found = request ? operations_.find(request->operation) : operations_.end();
+  if (found == operations_.end() || found->second.target != Target::kMachine) {
+    noteArrival(datagram);
+    return false;
+  }
+  machineRequests_.push_back(datagram);
+  kernel_.wakeFirst(machineWaiters_);
+  return true;
+}
+
+void BackEnd::serveMachine() {
+  for (;;) {
+    while (machineRequests_.empty()) kernel_.waitOn(machineWaiters_, os::WAIT_FOREVER);
+    const Datagram datagram = std::move(machineRequests_.front());
+    machineRequests_.pop_front();
+    socket_.send(datagram.from, protocol::encode(carryOut(*protocol::decodeRequest(datagram.bytes))));
   }
 }
 
@@ -66,7 +88,7 @@ protocol::Reply BackEnd::carryOut(protocol::Request request) {
     reply.result = protocol::kBadLength;
   } else {
     const auto& [target, size, handler] = found->second;
-    if (target != Target::kChassis) {  // a card uses the low bytes only
+    if (target == Target::kChannel || target == Target::kRunningCard) {  // a card uses the low bytes only
       request.slot &= 0xFF;
       request.port &= 0xFF;
     }
@@ -80,7 +102,7 @@ protocol::Reply BackEnd::carryOut(protocol::Request request) {
 }
 
 u32 BackEnd::refuseTarget(const protocol::Request& request, Target target) const {
-  if (target == Target::kChassis) return protocol::kDone;
+  if (target == Target::kChassis || target == Target::kMachine) return protocol::kDone;
   if (request.slot >= MAX_BOARD_NUM) return protocol::kBadSlotOrPort;
   if (target == Target::kChannel && request.port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
   if (!chassis_.slot(request.slot).occupied) return protocol::kNoCard;

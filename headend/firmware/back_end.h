@@ -28,6 +28,7 @@ class BackEnd {
   // Lower priority than the send tasks (212): their queues are empty when a request is served. So no queue
   // holds the index of a packet that the request is about to erase from the store.
   static constexpr int kPriority = 220;
+  static constexpr int kMachinePriority = 49;       // above every other task
   static constexpr std::size_t kKnownClients = 64;  // whose last replies are stored
 
   // A request that waited for more than a second, and the tasks that used the processor meanwhile.
@@ -37,8 +38,9 @@ class BackEnd {
   };
 
   // What a request addresses: the chassis, a channel of a modulator card, or a card that runs. A card that
-  // does not run has no registers to set, and would wait forever.
-  enum class Target { kChassis, kChannel, kRunningCard };
+  // does not run has no registers to set, and would wait forever. Or the machine on which the chassis runs: a
+  // task of its own answers, also while the back end hangs.
+  enum class Target { kChassis, kChannel, kRunningCard, kMachine };
   // Carries out an operation: gives a result, and the data of the reply. The request's data has its length
   // and the operation's; its slot and port are valid for the target.
   using Handler = std::function<u32(const protocol::Request& request, base::Bytes& reply)>;
@@ -50,6 +52,7 @@ class BackEnd {
   UdpSocket& socket() { return socket_; }
   void start() {
     kernel_.spawn("tBackEnd", kPriority, [this] { serve(); });
+    kernel_.spawn("tMachine", kMachinePriority, [this] { serveMachine(); });
   }
   // `size` is the length of a request's data; nullopt: any.
   void provide(protocol::Operation operation, Target target, std::optional<std::size_t> size,
@@ -88,6 +91,8 @@ class BackEnd {
   };
 
   void serve();
+  void serveMachine();
+  bool arrived(const Datagram& datagram);
   void answer(const Datagram& datagram);
   protocol::Reply carryOut(protocol::Request request);
   u32 callCard(const protocol::Request& request, base::Bytes& reply);
@@ -111,6 +116,8 @@ class BackEnd {
   std::list<KnownClient> clients_;                          // most recent first
   std::map<std::tuple<u16, int, int>, Nanos> lockedSince_;  // by lock, slot and port
   std::deque<Outstanding> outstanding_;
+  std::deque<Datagram> machineRequests_;
+  std::vector<Task*> machineWaiters_;
   std::uint64_t arrivals_ = 0;
   std::vector<LateRequest> late_;
 

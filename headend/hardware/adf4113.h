@@ -15,7 +15,10 @@ class Synthesizer final : public ThreeWire {
 
   void powerUp();
 
-  void connectReference(bool isConnected) { reference_hz_ = isConnected ? oscillator_hz_ : 0; }
+  void connectReference(bool isConnected, Nanos now) {
+    reference_hz_ = isConnected ? oscillator_hz_ : 0;
+    lockedAt_ = now + lockTime_;
+  }
   // From the latch of a new frequency until the loop has locked, for each later latch; default 10 us.
   void lockTime(Nanos duration) { lockTime_ = duration; }
 

@@ -45,19 +45,20 @@ std::vector<FaultKind> makeKinds() {
                        }});
     }
   }
-  const auto add = [&](const char* name, const char* text, void (*set)(CardBoard&, bool present)) {
-    kinds.push_back({name, text, [set](CardFpga& card, bool present, Nanos) { set(card.board(), present); }});
+  const auto add = [&](const char* name, const char* text, void (*set)(CardBoard&, bool present, Nanos now)) {
+    kinds.push_back(
+        {name, text, [set](CardFpga& card, bool present, Nanos now) { set(card.board(), present, now); }});
   };
   add("lo1-no-latch", "the first oscillator's latch enable is not connected",
-      [](CardBoard& b, bool present) { b.firstOscillator.connectLatchEnable(!present); });
+      [](CardBoard& b, bool present, Nanos) { b.firstOscillator.connectLatchEnable(!present); });
   add("lo2-no-latch", "the second oscillator's latch enable is not connected",
-      [](CardBoard& b, bool present) { b.secondOscillator.connectLatchEnable(!present); });
+      [](CardBoard& b, bool present, Nanos) { b.secondOscillator.connectLatchEnable(!present); });
   add("attenuator-no-latch", "the attenuator's latch enable is not connected",
-      [](CardBoard& b, bool present) { b.attenuator.connectLatchEnable(!present); });
+      [](CardBoard& b, bool present, Nanos) { b.attenuator.connectLatchEnable(!present); });
   add("lo1-no-reference", "the first oscillator has no reference",
-      [](CardBoard& b, bool present) { b.firstOscillator.connectReference(!present); });
+      [](CardBoard& b, bool present, Nanos now) { b.firstOscillator.connectReference(!present, now); });
   add("lo2-no-reference", "the second oscillator has no reference",
-      [](CardBoard& b, bool present) { b.secondOscillator.connectReference(!present); });
+      [](CardBoard& b, bool present, Nanos now) { b.secondOscillator.connectReference(!present, now); });
   kinds.push_back({.name = "config-lost",
                    .text = "the FPGA loses its configuration",
                    .set = [](CardFpga& card, bool, Nanos now) { card.configuration().lose(now); },

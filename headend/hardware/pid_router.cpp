@@ -129,22 +129,24 @@ PidRouter::Lane* PidRouter::earliest() {
 }
 
 void PidRouter::deliver(Lane& lane) {
-  const mpeg::PacketView packet = lane.input->source->take();
-  if (!lane.input->isCut) receive(*lane.input, lane.next, packet);
-  lane.next = lane.input->source->nextArrival();
-}
-
-void PidRouter::receive(Input& input, Nanos arrival, mpeg::PacketView packet) {
-  const bool synchronous = packet[0] == mpeg::kSyncByte;
-  if (!synchronous || mpeg::hasTransportError(packet)) ++input.counts.damaged;
-  if (!synchronous) return;
-  ++input.counts.packets;
-  input.counts.last = arrival;
-  if (input.observer) input.observer(packet);
-  for (u16 number = input.routes[mpeg::pidOf(packet)]; number != kNoRoute; number = route(number).nextRoute) {
-    Multiplexer* output = outputs_[number / kPidMapSize].multiplexer;
-    if (output != nullptr) output->offer(arrival, packet, chassis::outputPid(route(number).words));
+  Input& input = *lane.input;
+  const Nanos arrival = lane.next;
+  const mpeg::PacketView packet = input.source->take();
+  const bool synchronous = packet[0] == mpeg::kSyncByte && !input.isCut;
+  if (!synchronous) {
+    if (!input.isCut) ++input.counts.damaged;
+  } else {
+    if (mpeg::hasTransportError(packet)) ++input.counts.damaged;
+    ++input.counts.packets;
+    input.counts.last = arrival;
+    if (input.observer) input.observer(packet);
+    for (u16 number = input.routes[mpeg::pidOf(packet)]; number != kNoRoute;
+         number = route(number).nextRoute) {
+      Multiplexer* output = outputs_[number / kPidMapSize].multiplexer;
+      if (output != nullptr) output->offer(arrival, packet, chassis::outputPid(route(number).words));
+    }
   }
+  lane.next = input.source->nextArrival();
 }
 
 bool PidRouter::cut(Nanos now, int slot, int port, bool isCut) {

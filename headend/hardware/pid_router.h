@@ -91,7 +91,6 @@ class PidRouter final : public PacketFeed {
   void listenToIdle();
   Lane* earliest();
   void deliver(Lane& lane);
-  void receive(Input& input, Nanos arrival, mpeg::PacketView packet);
 
   std::array<std::unique_ptr<Input>, kNameable> inputs_;
   std::array<Output, kOutputs> outputs_;

@@ -98,8 +98,8 @@ void UdpSocket::send(const Endpoint& to, const std::vector<u8>& bytes) {
 
 void UdpSocket::deliver(Datagram datagram) {
   if (waiting_.size() >= kWaitingMost) return;
+  if (network_.onArrival_ && network_.onArrival_(*this, datagram)) return;
   waiting_.push_back(std::move(datagram));
-  if (network_.onArrival_) network_.onArrival_(*this, waiting_.back());
   network_.kernel_.wakeFirst(waiters_);
 }
 

@@ -74,8 +74,8 @@ class Network {
  public:
   explicit Network(Kernel& kernel) : kernel_(kernel) {}
 
-  // Called for each datagram that a socket has received.
-  void onArrival(std::function<void(const UdpSocket&, const Datagram&)> hook) {
+  // Called for each datagram that a socket receives. True: the hook keeps it, and the socket does not.
+  void onArrival(std::function<bool(const UdpSocket&, const Datagram&)> hook) {
     onArrival_ = std::move(hook);
   }
 
@@ -101,7 +101,7 @@ class Network {
   Kernel& kernel_;
   std::map<std::uint16_t, UdpSocket*> sockets_;
   std::map<int, Watch> watched_;
-  std::function<void(const UdpSocket&, const Datagram&)> onArrival_;
+  std::function<bool(const UdpSocket&, const Datagram&)> onArrival_;
 };
 
 // The pace of a run in real time: sleeps until the wall clock reaches virtual time, and receives datagrams

@@ -46,8 +46,10 @@ CALLS = """
 2 | --fault 6.1.input-lost | no such input
 2 | --fault 1.config-lost@3..4 | no end
 0 | --watchdog 5 | tSlot1 has run for 0.0
-2 | --fault 1.clock-no-ack@4..3 | before it begins
+2 | --fault 1.clock-no-ack@4..4 | after it begins
+2 | --fault 1.config-lost | time
 1 | --do 'fault add 1.clock-nack' | --fault help
+1 | --do 'fault clear 1.clock-no-ack' | fault list
 1 | --do 'fault add 6.1.input-lost' | no such input
 1 | --do 'fault add 3.clock-no-ack' | no card
 2 | --trace t.vcd --trace-lines lo3_* | lo3_

@@ -108,16 +108,17 @@ def the_driver_as_it_is_breaks_no_rule(case):
 
 
 def what_hung_at_a_fault_goes_on_when_it_ends(case):
-    commands = ('@2.5 fault list', '@4 fault list', '@4.5 fault add 1.lo1-no-reference --seconds 1', '@5 rf 1', '@6 rf 1',
+    commands = ('@1.5 var get 1 temperature1', '@2.7 fault list', '@4 fault list',
+                '@4.5 fault add 1.lo1-no-reference --seconds 1', '@5 rf 1', '@6 rf 1',
                 '@6.2 fault add eeprom-no-ack', '@6.3 fault clear eeprom-no-ack', '@6.4 fault list')
-    run = case.fast(case.flash(), 8, '--fault', '1.sensor2-scl-low@1..3', '--fault', '1.config-lost@7',
+    run = case.fast(case.flash(), 8, '--fault', '1.sensor1-scl-low@1..3', '--fault', '1.config-lost@7',
                     *[word for command in commands for word in ('--do', command)], codes=(1,))
     planned = r'1\.config-lost  not present, from 7\.000 s\n'
-    case.says(run, rf'1\.sensor2-scl-low  present, from 1\.000 s to 3\.000 s\n{planned}{planned}[\s\S]*first oscillator: no ref'
-              rf'[\s\S]*on air[^\n]*\n{planned}')
+    case.says(run, rf'1\.sensor1-scl-low  present, from 1\.000 s to 3\.000 s\n{planned}.* 25 deg C\n{planned}'
+              rf'[\s\S]*first oscillator: no ref[\s\S]*on air[^\n]*\n{planned}')
     hung = {task['task']: task['longest_poll_ms'] for task in run.report['watchdog'] if task['longest_poll_ms'] > 100}
     card = case.card(run, 1, 'config_error')
-    case.equal((hung, 'hung' in card, card['channels'][0]['rf']['verdict']), ({'tStatus1': 1000}, False, 'off'), 'the end')
+    case.equal((hung, 'hung' in card, card['channels'][0]['rf']['verdict']), ({'tBackEnd': 1000}, False, 'off'), 'the end')
     case.equal(run.report['protocol_violations'], {}, 'violations')
 
 

@@ -55,8 +55,10 @@ TEST_F(Calibration, QamcalTakesOnlyTheReplyToItsOwnQuestion) {
 }
 
 TEST_F(Calibration, QamcalShowsFieldsAsTheDataSheetHasThem) {
-  dac_ = {0, 0x80, 0, 0xFE, 0x07, 0x12, 0xFA, 0x80, 0xFE, 0x34, 0x0B, 0xFF, 0x01};
-  expectCalls({{"--json read 3", 0, "\"i_offset\": 514"}, {"read 3", 0, "0x80  interpolation: 4x; mod"}});
+  dac_ = {0x10, 0x80, 0, 0xFE, 0x07, 0x12, 0xFA, 0x80, 0xFE, 0x34, 0x0B, 0xFF, 0x01};
+  expectCalls({{"--json read 3", 0, "\"i_offset\": 514"},
+               {"read 3", 0, "; sleep: on; "},
+               {"read 3", 0, "0x80  interpolation: 4x; mod"}});
   expect(run("read 3"), 0, R"(
   0x03  0xfe  data rate clock at: SPI_SDO; PLL divider: 4
   0x04  0x07  PLL: off; charge pump: automatic; charge pump current: 800 uA

@@ -234,8 +234,7 @@ void describeRun(Form& form, Options& o, JobFlags& jobs) {
       "[N.]NAME[@SECONDS[..SECONDS]]: break something on the card in slot N, or on all, from the start or "
       "from the first time on, permanently or until the second; 'help' lists the names (repeatable). "
       "N.P.input-lost takes input P of source card N away; with /PERIOD at the end only for the first half "
-      "of "
-      "each period",
+      "of each period",
       parseFault);
   constexpr double kDay = 86'400;
   time(form,

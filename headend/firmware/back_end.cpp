@@ -10,6 +10,14 @@
 #include "protocol/variables.h"
 
 namespace headend {
+namespace {
+
+bool isOfCard(BackEnd::Target target) {
+  return target == BackEnd::Target::kChannel || target == BackEnd::Target::kRunningCard;
+}
+
+}  // namespace
+
 BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMonitor& monitor, Log& log,
                  std::function<protocol::CardState(int slot)> state)
     : kernel_(kernel),
@@ -39,13 +47,13 @@ void BackEnd::serve() {
 
 // True: it is for the machine.
 bool BackEnd::arrived(const Datagram& datagram) {
-  const auto request = protocol::decodeRequest(datagram.bytes);
+  auto request = protocol::decodeRequest(datagram.bytes);
   const auto found = request ? operations_.find(request->operation) : operations_.end();
   if (found == operations_.end() || found->second.target != Target::kMachine) {
     noteArrival(datagram);
     return false;
   }
-  machineRequests_.push_back(datagram);
+  machineRequests_.emplace_back(datagram.from, std::move(*request));
   kernel_.wakeFirst(machineWaiters_);
   return true;
 }
@@ -53,9 +61,9 @@ bool BackEnd::arrived(const Datagram& datagram) {
 void BackEnd::serveMachine() {
   for (;;) {
     while (machineRequests_.empty()) kernel_.waitOn(machineWaiters_, os::WAIT_FOREVER);
-    const Datagram datagram = std::move(machineRequests_.front());
+    const auto [from, request] = std::move(machineRequests_.front());
     machineRequests_.pop_front();
-    socket_.send(datagram.from, protocol::encode(carryOut(*protocol::decodeRequest(datagram.bytes))));
+    socket_.send(from, protocol::encode(carryOut(request)));
   }
 }
 
@@ -88,7 +96,7 @@ protocol::Reply BackEnd::carryOut(protocol::Request request) {
     reply.result = protocol::kBadLength;
   } else {
     const auto& [target, size, handler] = found->second;
-    if (target == Target::kChannel || target == Target::kRunningCard) {  // a card uses the low bytes only
+    if (isOfCard(target)) {  // a card uses the low bytes only
       request.slot &= 0xFF;
       request.port &= 0xFF;
     }
@@ -102,7 +110,7 @@ protocol::Reply BackEnd::carryOut(protocol::Request request) {
 }
 
 u32 BackEnd::refuseTarget(const protocol::Request& request, Target target) const {
-  if (target == Target::kChassis || target == Target::kMachine) return protocol::kDone;
+  if (!isOfCard(target)) return protocol::kDone;
   if (request.slot >= MAX_BOARD_NUM) return protocol::kBadSlotOrPort;
   if (target == Target::kChannel && request.port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
   if (!chassis_.slot(request.slot).occupied) return protocol::kNoCard;

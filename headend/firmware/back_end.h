@@ -116,7 +116,7 @@ class BackEnd {
   std::list<KnownClient> clients_;                          // most recent first
   std::map<std::tuple<u16, int, int>, Nanos> lockedSince_;  // by lock, slot and port
   std::deque<Outstanding> outstanding_;
-  std::deque<Datagram> machineRequests_;
+  std::deque<std::pair<Endpoint, protocol::Request>> machineRequests_;
   std::vector<Task*> machineWaiters_;
   std::uint64_t arrivals_ = 0;
   std::vector<LateRequest> late_;

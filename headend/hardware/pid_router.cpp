@@ -132,11 +132,9 @@ void PidRouter::deliver(Lane& lane) {
   Input& input = *lane.input;
   const Nanos arrival = lane.next;
   const mpeg::PacketView packet = input.source->take();
-  const bool synchronous = packet[0] == mpeg::kSyncByte && !input.isCut;
-  if (!synchronous) {
-    if (!input.isCut) ++input.counts.damaged;
-  } else {
-    if (mpeg::hasTransportError(packet)) ++input.counts.damaged;
+  const bool synchronous = packet[0] == mpeg::kSyncByte;
+  if (!input.isCut && (!synchronous || mpeg::hasTransportError(packet))) ++input.counts.damaged;
+  if (!input.isCut && synchronous) {
     ++input.counts.packets;
     input.counts.last = arrival;
     if (input.observer) input.observer(packet);

@@ -17,14 +17,7 @@
 namespace headend {
 namespace {
 
-// Both a tick of 27 MHz (1000 units) and a nanosecond (27) are whole numbers of this unit, so that nothing is
-// rounded before the end.
-constexpr u64 kUnitsPerTick = 1'000;
-constexpr u64 kUnitsPerNano = 27;
 constexpr u64 kUnitsPerSecond = mpeg::kPcrHz * kUnitsPerTick;
-
-// PCRs farther apart than this are no clock: the standard requires ten per second.
-constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
 
 // The changes of a packet in further passes.
 constexpr u8 kStep = 0x0F;  // added to its continuity counter in each pass
@@ -37,7 +30,7 @@ struct Pcr {
 };
 
 // The rate of packets: a number of packets in a number of units.
-struct Pace {
+struct PacketPace {
   u64 packets = 0;
   u64 units = 0;
   u64 of(u64 n) const { return n * (units / packets) + n * (units % packets) / packets; }
@@ -48,7 +41,7 @@ bool isInterval(const Pcr& from, const Pcr& to) {
   return ticks > 0 && ticks <= kLongestInterval_ticks;
 }
 
-Pace paceBetween(const Pcr& from, const Pcr& to) {
+PacketPace paceBetween(const Pcr& from, const Pcr& to) {
   return {.packets = to.packet - from.packet,
           .units = mpeg::pcrDistance(from.ticks, to.ticks) * kUnitsPerTick};
 }
@@ -85,13 +78,13 @@ std::vector<Pcr> clockOf(const std::vector<mpeg::Packet>& packets) {
 // So many packets at one pace.
 struct Run {
   u64 packets;
-  Pace pace;
+  PacketPace pace;
 };
 
 // `pcrs` has two which follow each other.
 std::vector<Run> runsOf(const std::vector<Pcr>& pcrs, std::size_t packets) {
   const auto good = std::ranges::adjacent_find(pcrs, isInterval);
-  Pace pace = paceBetween(good[0], good[1]);
+  PacketPace pace = paceBetween(good[0], good[1]);
   std::vector<Run> runs = {{pcrs.front().packet, pace}};
   for (std::size_t i = 0; i + 1 < pcrs.size(); ++i) {
     if (isInterval(pcrs[i], pcrs[i + 1])) pace = paceBetween(pcrs[i], pcrs[i + 1]);

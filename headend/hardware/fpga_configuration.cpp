@@ -6,7 +6,7 @@
 namespace headend {
 namespace {
 
-enum PortRegister : u32 { kRequest = 0, kClock = 2, kData = 4, kStatus = 6, kDone = 8, kGuard = 10 };
+enum PortRegister : u32 { kRequest = 0, kClockIn = 2, kDataIn = 4, kStatus = 6, kDone = 8, kGuard = 10 };
 
 constexpr u16 kOpen = 0xC0DE;
 
@@ -39,12 +39,12 @@ void FpgaConfiguration::write(u32 offset, u16 value, Nanos now) {
   if (offset == kGuard) {
     open_ = value == kOpen;
   } else if (!open_) {
-    if (offset == kClock && value != 0) violations_.count("config_data_while_not_ready");
+    if (offset == kClockIn && value != 0) violations_.count("config_data_while_not_ready");
   } else if (offset == kRequest) {
     request(value, now);
-  } else if (offset == kClock) {
+  } else if (offset == kClockIn) {
     if (!std::exchange(clock_, level) && level) clockRise(now);
-  } else if (offset == kData) {
+  } else if (offset == kDataIn) {
     data(level);
   }
 }

@@ -10,6 +10,14 @@
 
 namespace headend {
 
+// Both a tick of 27 MHz and a nanosecond are whole numbers of a unit, so that nothing is rounded before the
+// end.
+inline constexpr int kUnitsPerTick = 1'000;
+inline constexpr int kUnitsPerNano = 27;
+
+// PCRs farther apart than this are no clock: the standard requires ten per second.
+inline constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
+
 class TsInput : public base::Interface {
  public:
   // When the next packet arrives; kNever if none is known. Never earlier than the previous packet.

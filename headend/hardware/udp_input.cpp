@@ -16,11 +16,6 @@ constexpr int kHostBuffer = 4 * 1024 * 1024;  // bytes; the host may give less
 constexpr Nanos kPacketsPerSecond = 66'500;
 constexpr std::size_t kPacketsAtLeast = 1024;
 
-// A tick of 27 MHz and a nanosecond are both whole numbers of this unit.
-constexpr std::int64_t kUnitsPerTick = 1'000;
-constexpr std::int64_t kUnitsPerNano = 27;
-
-constexpr u64 kLongestInterval_ticks = mpeg::kPcrHz;
 constexpr Nanos kPcrPidGone = kSecond;         // after this time another PID's PCRs may be used
 constexpr Nanos kShortestPause = 100'000'000;  // the standard requires a PCR every 100 ms
 

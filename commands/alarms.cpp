@@ -23,12 +23,13 @@ std::string lineOf(Json alarm) {
   return alarm.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
-// "1.1  Card1: Ch.1 Error (No Input)"
+// "1.1  critical  Card1: Ch.1 Error (No Input)"; "1" where the alarm is of the whole card
 std::string textOf(const protocol::Alarm& alarm, chassis::Language language) {
   const auto text = [&](const protocol::Words& words) { return oneLine(std::string(words.in(language))); };
-  return fmt::format("{}.{}  {}: {} ({})", alarm.slot + 1, alarm.port + 1,
-                     text({alarm.enTitle, alarm.zhTitle}), text({alarm.enText, alarm.zhText}),
-                     text({alarm.enTrap, alarm.zhTrap}));
+  const std::string channel = alarm.channel > 0 ? fmt::format(".{}", alarm.channel) : "";
+  return fmt::format("{}{}  {}  {}: {} ({})", alarm.slot + 1, channel,
+                     nameOf(protocol::severityOf(alarm.type)), text({alarm.enTitle, alarm.zhTitle}),
+                     text({alarm.enText, alarm.zhText}), text({alarm.enTrap, alarm.zhTrap}));
 }
 
 struct Alarms final : Command {

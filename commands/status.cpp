@@ -216,7 +216,9 @@ std::string ratesText(const Json& report) {
 Json alarmJson(const protocol::Alarm& alarm) {
   return {{"slot", alarm.slot + 1},
           {"port", alarm.port + 1},
+          {"channel", alarm.channel > 0 ? Json(alarm.channel) : Json()},
           {"type", alarm.type},
+          {"severity", nameOf(protocol::severityOf(alarm.type))},
           {"happened", alarm.happened},
           {"en", {{"title", alarm.enTitle}, {"text", alarm.enText}, {"trap", alarm.enTrap}}},
           {"zh", {{"title", alarm.zhTitle}, {"text", alarm.zhText}, {"trap", alarm.zhTrap}}}};

@@ -61,6 +61,7 @@ Headend::Headend(Options chosen)
       chassis(kernel, bus, flash, log),
       alarms(
           flash, [this] { return options.epoch + static_cast<u32>(kernel.now() / kSecond); }, say),
+      statusChecks(kernel, chassis, alarms, [this](int slot) { return state(slot); }),
       panel(kernel, options.menuTimeout, menuFirmware(*this)),
       backEnd(kernel, network, chassis, monitor, log, [this](int slot) { return state(slot); }),
       faults(kernel, cards, router, backEnd, say),
@@ -186,8 +187,8 @@ void Headend::startCards() {
     return job.call->entry->needs == commands::Needs::kCalibration;
   };
   chassis.start(options.slots, options.calibration || std::ranges::any_of(options.jobs, usesCalibration));
-  alarms.endAbsent(options.slots);
-  chassis.startStatusChecks(options.slots, options.statusPeriod, [this](int slot) { return runs(slot); });
+  alarms.endAtPowerUp(options.slots);
+  statusChecks.start(options.slots, options.statusPeriod);
   backEnd.start();
   panel.start();
   if (snmp) snmp->start();

@@ -21,6 +21,7 @@
 #include "headend/firmware/snmp/agent.h"
 #include "headend/firmware/socket_table.h"
 #include "headend/firmware/source_cards.h"
+#include "headend/firmware/status_checks.h"
 #include "headend/flash_folder.h"
 #include "headend/hardware/fpga_configuration.h"
 #include "headend/kernel/heap.h"
@@ -67,6 +68,7 @@ class Headend final : boost::noncopyable {
   CarouselMonitor monitor;
   Chassis chassis;
   AlarmList alarms;
+  StatusChecks statusChecks;
   Panel panel;
   std::optional<SnmpAgent> snmp;  // nullopt if it is off
   BackEnd backEnd;

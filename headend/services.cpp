@@ -242,7 +242,7 @@ void DelAnAlarm(u8 slotNo, u8 port, u16 type, const char* zhTrap, const char* en
 }
 int IsAlarmExist(u8 slotNo, u8 port, u16 type, int /*arg4*/) {
   kernel().charge("IsAlarmExist", costs().kernelCall);
-  return running->alarms.exists({slotNo, port, type}) ? 1 : 0;
+  return running->alarms.find({slotNo, port, type}) != nullptr ? 1 : 0;
 }
 
 u8 out_port_to_mbrd_out(u8 slotNo, u8 port) {

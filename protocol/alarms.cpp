@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <limits>
 
 namespace protocol {
@@ -13,7 +14,7 @@ constexpr std::size_t kPageHead = 8;  // the number of the next event
 struct RecordHead {
   wire::U32 numberHigh, number, at, happened;
   wire::U16 type;
-  u8 kind, slot, port, reserved[3];
+  u8 kind, slot, port, channel, reserved[2];
 };
 static_assert(sizeof(RecordHead) == 24);
 
@@ -37,6 +38,7 @@ Bytes encode(const AlarmEvent& event) {
   head.kind = static_cast<u8>(event.kind);
   head.slot = event.alarm.slot;
   head.port = event.alarm.port;
+  head.channel = event.alarm.channel;
   Bytes record = base::bytesOf(head);
   for (const std::string* text : textsOf(event.alarm)) {
     const std::string cut = text->substr(0, std::numeric_limits<u8>::max());
@@ -49,12 +51,15 @@ Bytes encode(const AlarmEvent& event) {
 // Takes a record off the front; nothing when it is none.
 std::optional<AlarmEvent> decode(std::span<const u8>& bytes) {
   const auto head = base::recordOf<RecordHead>(bytes);
-  if (bytes.size() < sizeof head || head.kind > static_cast<u8>(AlarmEvent::Kind::kSlotAbsent)) return {};
-  AlarmEvent event{
-      .number = join(head.numberHigh, head.number),
-      .at = head.at,
-      .kind = static_cast<AlarmEvent::Kind>(head.kind),
-      .alarm = {.slot = head.slot, .port = head.port, .type = head.type, .happened = head.happened}};
+  if (bytes.size() < sizeof head || head.kind > static_cast<u8>(AlarmEvent::Kind::kEndedWhileOff)) return {};
+  AlarmEvent event{.number = join(head.numberHigh, head.number),
+                   .at = head.at,
+                   .kind = static_cast<AlarmEvent::Kind>(head.kind),
+                   .alarm = {.slot = head.slot,
+                             .port = head.port,
+                             .channel = head.channel,
+                             .type = head.type,
+                             .happened = head.happened}};
   bytes = bytes.subspan(sizeof head);
   for (std::string* text : textsOf(event.alarm)) {
     if (bytes.empty() || bytes.size() - 1 < bytes[0]) return {};
@@ -64,7 +69,27 @@ std::optional<AlarmEvent> decode(std::span<const u8>& bytes) {
   return event;
 }
 
+struct TypeSeverity {
+  u16 type;
+  Severity severity;
+};
+constexpr TypeSeverity kSeverities[] = {
+    {kAlarmCardDown, Severity::kCritical},  {kAlarmRecordNotKept, Severity::kMajor},
+    {kAlarmInputLost, Severity::kCritical}, {kAlarmTooHot, Severity::kMajor},
+    {kAlarmRateOverflow, Severity::kMajor},
+};
+
 }  // namespace
+
+Severity severityOf(u16 type) {
+  const auto* found = std::ranges::find(kSeverities, type, &TypeSeverity::type);
+  return found == std::end(kSeverities) ? Severity::kIndeterminate : found->severity;
+}
+
+const char* nameOf(Severity severity) {
+  constexpr const char* kNames[] = {"indeterminate", "critical", "major", "minor", "warning"};
+  return kNames[static_cast<u8>(severity) - static_cast<u8>(Severity::kIndeterminate)];
+}
 
 Bytes alarmPage(std::uint64_t next) {
   Bytes page;
@@ -102,7 +127,8 @@ const AlarmEventKind& kindOf(const AlarmEvent& event) {
       {"raised", {"alarm", "告警"}},
       {"recovered", {"recovered", "恢复"}},
       {"recovered_without_alarm", {"recovered, no alarm was active", "恢复(无告警)"}},
-      {"slot_absent", {"ended, no card in the slot", "结束(无卡)"}}};
+      {"slot_absent", {"ended, no card in the slot", "结束(无卡)"}},
+      {"ended_while_off", {"ended while the power was off", "结束(断电期间)"}}};
   return kKinds[static_cast<std::size_t>(event.kind)];
 }
 

@@ -3,12 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstddef>
 #include <cstring>
 #include <iterator>
-#include <set>
-#include <sstream>
 #include <string_view>
 #include <system_error>
 
@@ -54,8 +51,30 @@ void fill(char (&field)[N], const char* text) {
   std::memcpy(field, text, size);
 }
 
-bool fits(const alarm_t& alarm, const AlarmList::Key& key) {
-  return alarm.Slot == key.slot && alarm.Port == key.port && alarm.Type == key.type;
+// The card gives port 0 with the lost inputs of both channels, so their texts tell the channel (UTF-8).
+struct InputTexts {
+  std::string_view enContent, zhContent, enRecovery, zhRecovery;
+};
+constexpr InputTexts kInputTexts[] = {
+    {"Ch.1 Error", "频点一错误", "qam card {} ch.1 input OK!", "QAM卡{}频点一输入恢复正常"},
+    {"Ch.2 Error", "频点二错误", "qam card {} ch.2 input OK!", "QAM卡{}频点二输入恢复正常"},
+};
+
+// From 1; 0: the whole card, or a lost input with other texts. The texts are the contents of an alarm that is
+// raised, or those of a recovery.
+u8 channelOf(const AlarmList::Key& key, std::string_view zh, std::string_view en) {
+  constexpr u16 kOfWholeCard[] = {protocol::kAlarmCardDown, protocol::kAlarmRecordNotKept,
+                                  protocol::kAlarmTooHot};
+  if (std::ranges::count(kOfWholeCard, key.type) > 0) return 0;
+  if (key.type != protocol::kAlarmInputLost) return static_cast<u8>(key.port + 1);
+  const auto isText = [&](std::string_view given, std::string_view text) {
+    return given == base::gbkOfUtf8(fmt::format(fmt::runtime(text), key.slot + 1));
+  };
+  const auto* found = std::ranges::find_if(kInputTexts, [&](const InputTexts& texts) {
+    return isText(en, texts.enContent) || isText(en, texts.enRecovery) || isText(zh, texts.zhContent) ||
+           isText(zh, texts.zhRecovery);
+  });
+  return found == std::end(kInputTexts) ? u8{0} : static_cast<u8>(found - std::begin(kInputTexts) + 1);
 }
 
 // The six texts are the end of the record; each is zero after its text.
@@ -65,25 +84,17 @@ bool hasTextsOf(const alarm_t& a, const alarm_t& b) {
                      sizeof a - kTexts) == 0;
 }
 
-AlarmRecord recordOf(const AlarmList::Key& key) {
+AlarmRecord recordOf(const AlarmList::Key& key, const char* zh, const char* en) {
   AlarmRecord event;
+  event.channel = channelOf(key, zh, en);
   event.alarm.Type = key.type;
   event.alarm.Slot = key.slot;
   event.alarm.Port = key.port;
   return event;
 }
 
-// The words of a text between blanks, in small letters.
-std::set<std::string> wordsOf(std::string text) {
-  std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
-}
-
-std::ptrdiff_t sharedWords(const alarm_t& alarm, const std::set<std::string>& words) {
-  const std::set<std::string> own =
-      wordsOf(std::string(alarm.StrEnTitle) + ' ' + alarm.StrEnCont + ' ' + alarm.StrEnTrap);
-  return std::ranges::count_if(own, [&](const std::string& word) { return words.contains(word); });
+bool isSame(const AlarmRecord& a, const AlarmRecord& b) {
+  return a.alarm.Slot == b.alarm.Slot && a.alarm.Type == b.alarm.Type && a.channel == b.channel;
 }
 
 // Updates the active alarms by an event.
@@ -182,20 +193,35 @@ void AlarmFile::failed(const std::string& failure) {
 AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, Say say)
     : file_(flash, std::move(say)), clock_(std::move(clock)) {
   history_ = file_.load();
-  for (const AlarmRecord& event : history_) account(standing_, event);
+  for (AlarmRecord& event : history_) {
+    const alarm_t& alarm = event.alarm;  // entries of older versions have no channel
+    event.channel = channelOf({alarm.Slot, alarm.Port, alarm.Type}, alarm.StrZhCont, alarm.StrEnCont);
+    account(standing_, event);
+  }
   if (!history_.empty()) last_ = history_.back().number;
   forgetOldest();
 }
 
-void AlarmList::endAbsent(const std::vector<int>& slotsWithCard) {
+void AlarmList::endAtPowerUp(const std::vector<int>& slotsWithCard) {
   for (const AlarmRecord& raised : std::vector(standing_)) {
-    if (std::ranges::count(slotsWithCard, raised.alarm.Slot) == 0)
+    if (std::ranges::count(slotsWithCard, raised.alarm.Slot) == 0) {
       end(raised, Kind::kSlotAbsent, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+    } else if (raised.alarm.Type == protocol::kAlarmRecordNotKept) {
+      end(raised, Kind::kEndedWhileOff, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+    }
+  }
+}
+
+void AlarmList::endReturnedInputs(int slot, u8 lost) {
+  for (const AlarmRecord& raised : std::vector(standing_)) {
+    const bool isLost = raised.channel == 0 || (lost >> (raised.channel - 1) & 1) != 0;
+    if (raised.alarm.Slot == slot && raised.alarm.Type == protocol::kAlarmInputLost && !isLost)
+      end(raised, Kind::kEndedWhileOff, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
   }
 }
 
 void AlarmList::add(const Key& key, const Texts& texts) {
-  AlarmRecord event = recordOf(key);
+  AlarmRecord event = recordOf(key, texts.zhContent, texts.enContent);
   event.at = clock_();
   event.kind = Kind::kRaised;
   alarm_t& alarm = event.alarm;
@@ -208,24 +234,40 @@ void AlarmList::add(const Key& key, const Texts& texts) {
   fill(alarm.StrZhTrap, texts.zhTrap);
   fill(alarm.StrEnTrap, texts.enTrap);
   const auto isStanding = [&](const AlarmRecord& other) {
-    return fits(other.alarm, key) && hasTextsOf(other.alarm, alarm);
+    return isSame(other, event) && alarm.Port == other.alarm.Port && hasTextsOf(other.alarm, alarm);
   };
   if (std::ranges::none_of(standing_, isStanding)) note(event);
 }
 
 void AlarmList::remove(const Key& key, const char* zhTrap, const char* enTrap) {
-  const std::set<std::string> words = wordsOf(enTrap);
-  const auto likeness = [&](const AlarmRecord& raised) {
-    return fits(raised.alarm, key) ? sharedWords(raised.alarm, words) : -1;
-  };
-  const auto best = std::ranges::max_element(standing_, {}, likeness);
-  if (best != standing_.end() && likeness(*best) >= 0)
-    return end(AlarmRecord(*best), Kind::kRecovered, zhTrap, enTrap);
-  end(recordOf(key), Kind::kRecoveredWithoutAlarm, zhTrap, enTrap);
+  const AlarmRecord recovery = recordOf(key, zhTrap, enTrap);
+  const auto raised = std::ranges::find_if(
+      standing_, [&](const AlarmRecord& standing) { return isSame(standing, recovery); });
+  if (raised == standing_.end()) return end(recovery, Kind::kRecoveredWithoutAlarm, zhTrap, enTrap);
+  end(AlarmRecord(*raised), Kind::kRecovered, zhTrap, enTrap);
 }
 
-bool AlarmList::exists(const Key& key) const {
-  return std::ranges::any_of(standing_, [&](const AlarmRecord& raised) { return fits(raised.alarm, key); });
+void AlarmList::setOwn(int slot, protocol::AlarmType type, bool isRaised, const protocol::Words& words) {
+  const Key key{static_cast<u8>(slot), 0, type};
+  const std::string zh = base::gbkOfUtf8(words.chinese), en(words.english);
+  const std::string zhTrap = base::gbkOfUtf8(fmt::format("QAM卡{}: {}", slot + 1, words.chinese));
+  const std::string enTrap = fmt::format("qam card {}: {}", slot + 1, en);
+  if (const AlarmRecord* raised = find(key)) {
+    if (isRaised && raised->alarm.StrEnCont == en) return;
+    remove(key, zhTrap.c_str(), enTrap.c_str());
+  }
+  if (!isRaised) return;
+  const std::string zhTitle = base::gbkOfUtf8(fmt::format("卡{}", slot + 1));
+  const std::string enTitle = fmt::format("Card{}", slot + 1);
+  add(key, {zhTitle.c_str(), zh.c_str(), enTitle.c_str(), en.c_str(), zhTrap.c_str(), enTrap.c_str()});
+}
+
+const AlarmRecord* AlarmList::find(const Key& key) const {
+  const auto found = std::ranges::find_if(standing_, [&](const AlarmRecord& raised) {
+    const alarm_t& alarm = raised.alarm;
+    return alarm.Slot == key.slot && alarm.Port == key.port && alarm.Type == key.type;
+  });
+  return found == standing_.end() ? nullptr : &*found;
 }
 
 // The record of a recovery keeps the titles of what it ends and has trap texts of its own.
@@ -273,6 +315,7 @@ protocol::AlarmEvent outward(const AlarmRecord& event) {
           .kind = event.kind,
           .alarm = {.slot = alarm.Slot,
                     .port = alarm.Port,
+                    .channel = event.channel,
                     .type = alarm.Type,
                     .happened = alarm.HappenTime,
                     .zhTitle = base::utf8OfGbk(alarm.StrZhTitle),

@@ -24,7 +24,8 @@ struct AlarmRecord {
   std::uint64_t number = 0;  // from 1, increases by one
   std::uint64_t ends = 0;    // the number of the event that raised the alarm that this event ends
   protocol::AlarmEvent::Kind kind{};
-  std::array<u8, 7> reserved{};
+  u8 channel = 0;  // as protocol::Alarm's
+  std::array<u8, 6> reserved{};
   chassis::alarm_t alarm{};
 };
 static_assert(sizeof(AlarmRecord) == 32 + sizeof(chassis::alarm_t));
@@ -83,15 +84,21 @@ class AlarmList {
   // `clock` gives seconds since 1970-01-01 UTC. Reads the history from the flash folder.
   AlarmList(Flash& flash, std::function<u32()> clock, Say say);
 
-  // Ends the alarms of slots without a card, because no task there can end them.
-  void endAbsent(const std::vector<int>& slotsWithCard);
+  // At a power-up, ends the alarms that nothing can end: of slots without a card, and of records that were
+  // not kept, because the change in memory is lost.
+  void endAtPowerUp(const std::vector<int>& slotsWithCard);
+  // After the first status pass of a slot's card, which finds an input that was lost and has returned while
+  // the power was off intact. `lost` has the bits of the channels whose input is lost.
+  void endReturnedInputs(int slot, u8 lost);
 
   // Does nothing if an alarm with these texts is already active.
   void add(const Key& key, const Texts& texts);
-  // If the key matches several alarms, ends the one whose English texts share the most words with `enTrap`,
-  // or else the oldest.
+  // Raises or ends an alarm of the chassis itself, if it is not so yet. `words` are its content, up to 17
+  // bytes in GBK, or what a recovery says. An alarm with another content is ended first.
+  void setOwn(int slot, protocol::AlarmType type, bool isRaised, const protocol::Words& words);
+  // Ends the oldest alarm of the slot, type and channel.
   void remove(const Key& key, const char* zhTrap, const char* enTrap);
-  bool exists(const Key& key) const;
+  const AlarmRecord* find(const Key& key) const;  // the oldest with this slot, port and type, or null
 
   // Called for each event when it is recorded.
   std::function<void(const AlarmRecord&)> onEvent = [](const AlarmRecord&) {};

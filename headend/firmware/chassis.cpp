@@ -94,23 +94,6 @@ void Chassis::accessed(int number, u32 offset) {
   --phases.back().busAccesses;
 }
 
-void Chassis::startStatusChecks(const std::vector<int>& slots, Nanos period,
-                                const std::function<bool(int slot)>& runs) {
-  if (period == 0) return;
-  const int ticks = std::max(1, static_cast<int>(period * kernel_.settings().tickHz / kSecond));
-  for (const int number : slots) {
-    const auto check = [this, number, runs, ticks] {
-      kernel_.delay(number * ticks / MAX_BOARD_NUM);  // slots are spread over the period
-      for (;;) {
-        kernel_.delay(ticks);
-        const chassis::card* card = slot(number).descriptor;
-        if (runs(number) && card->statusCheck != nullptr) card->statusCheck(static_cast<u8>(number));
-      }
-    };
-    kernel_.spawn(fmt::format("tStatus{}", number + 1), kStatusPriority, check, number);
-  }
-}
-
 void Chassis::auxiliaryClock() {
   for (int number = 0; number < MAX_BOARD_NUM; ++number) {
     if (!slot(number).initReturned) continue;

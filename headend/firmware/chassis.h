@@ -33,7 +33,6 @@ class Chassis {
   // Send tasks have 212, the back end 220, the menu 230. The start-up task has a lower priority than all
   // tasks that keep other cards running.
   static constexpr int kRootPriority = 100;
-  static constexpr int kStatusPriority = 231;
   static constexpr int kSlotStartPriority = 250;
 
   // A phase of a card's start-up on the modelled controller.
@@ -65,12 +64,6 @@ class Chassis {
   // Starts the cards of these slots (0..5): registration first, then the calibration service if it is wanted,
   // and each slot's `init`.
   void start(const std::vector<int>& slots, bool servesCalibration);
-
-  // Calls the status check of each of these cards once per period while the card runs; 0: never. One task per
-  // slot, so a card with a blocked bus does not delay other cards' alarms. A check holds the processor for
-  // some milliseconds while the card reads its sensor; PSI packets wait meanwhile.
-  void startStatusChecks(const std::vector<int>& slots, Nanos period,
-                         const std::function<bool(int slot)>& runs);
 
   const Slot& slot(int number) const { return slots_[static_cast<std::size_t>(number)]; }
   bool saveFailed() const { return saveFailed_; }

@@ -7,7 +7,7 @@ import subprocess
 import harness
 from harness import Server, read, write
 
-INPUT, HEAT, RATE = 769, 770, 771
+DOWN, INPUT, HEAT, RATE = 257, 769, 770, 771
 
 
 # The history in a flash folder, as a next run tells it.
@@ -31,19 +31,19 @@ def too_much(case, *channels):
             *(word for channel in channels for word in ('--pidmap', f'{channel}={table}@3'))]
 
 
-# name: (flags, port, type, text of the alarm, from, until: seconds)
+# name: (flags, channel, type, text of the alarm, from, until: seconds)
 CONDITIONS = {
     'input 1': (lambda case: lost(case, '1.1', '10..20'), 1, INPUT, 'Ch.1 Error', 10, 20),
-    'input 2': (lambda case: lost(case, '1.2', '10/20'), 1, INPUT, 'Ch.2 Error', 10, 20),
+    'input 2': (lambda case: lost(case, '1.2', '10/20'), 2, INPUT, 'Ch.2 Error', 10, 20),
     'heat': (lambda case: ['--set', '1.temperature2=-5@10', '--set', '1.temperature2=69@20'],  # -5: read as 251
-             1, HEAT, 'High Temperature', 10, 20),
+             None, HEAT, 'High Temperature', 10, 20),
     'rate 1': (lambda case: [*too_much(case, '1.1'), '--set', '1.symbolrate=6875@17'], 1, RATE, 'rate overflow', 3, 19),
     'rate 2': (lambda case: [*too_much(case, '1.2'), '--set', '1.symbolrate=6875@17'], 2, RATE, 'rate overflow', 3, 19),
 }
 
 
 def each_condition_is_raised_and_recovers(case):
-    for name, (flags, port, kind, text, start, end) in CONDITIONS.items():
+    for name, (flags, channel, kind, text, start, end) in CONDITIONS.items():
         flash = case.flash(name)
         run = case.fast(flash, 28, '--psi', f'1.1={case.sample("psi-small.ts")}', *flags(case))
         case.clean(run)
@@ -51,20 +51,28 @@ def each_condition_is_raised_and_recovers(case):
         pat = case.card(run, 1)['channels'][0]['tables']['PAT']['interval_ticks']
         case.equal((pat['min'], pat['max']), (300, 300), f'{name}: intervals of the PAT meanwhile')
         found = events(case, flash)
-        shown = [(e['event'], e['slot'], e['port'], e['type'], e['en']['text']) for e in found]
-        case.equal(shown, [(event, 1, port, kind, text) for event in ('raised', 'recovered')], f'{name}: events')
+        shown = [(e['event'], e['slot'], e['channel'], e['type'], e['en']['text']) for e in found]
+        case.equal(shown, [(event, 1, channel, kind, text) for event in ('raised', 'recovered')], f'{name}: events')
         late = [int(e['at'].removeprefix('2000-01-01T00:00:').rstrip('Z')) - due for e, due in zip(found, (start, end))]
         case.check(0 <= min(late) and max(late) <= 2, f'{name}: {late} s after {start} and {end} s')
         case.equal(found[1]['happened'], found[0]['at'], f'{name}: when the alarm that ended had come')
 
 
-def a_card_that_hangs_delays_no_alarm(case):
+def a_card_that_hangs_delays_no_alarm_and_a_power_up_ends_what_is_over(case):
     flash = case.flash()
     args = [word for card in '123' for word in ('--card', card, '--set', f'{card}.temperature2=80@10')]
-    args += ['--card', '4', '--fault', '4.sensor2-absent', '--fault', '2.sensor2-scl-low@5']  # absent: the value is 255
+    args += [*lost(case, '1.1', '10'), '--card', '4', '--fault', '4.sensor2-absent', '--fault', '2.sensor2-scl-low@5']  # absent: the value is 255
     run = case.fast(flash, 20, *args, codes=(1,))
     case.card(run, 2, 'hung')
-    case.equal(sorted(alarm['slot'] for alarm in run.report['alarms']['standing']), [1, 3, 4], 'slots with an alarm')
+    def standing(run):
+        return sorted((a['slot'], a['type'], a['channel'], a['severity']) for a in run.report['alarms']['standing'])
+    lost_input, warm = (1, INPUT, 1, 'critical'), [(n, HEAT, None, 'major') for n in (1, 3, 4)]
+    case.equal(standing(run), [lost_input, *warm[:1], (2, DOWN, None, 'critical'), *warm[1:]], 'alarms')
+    run = case.fast(flash, 3, *lost(case, '1.1', '10'), *(word for card in '1234' for word in ('--card', card)))
+    case.equal(standing(run), [], 'alarms after the next power-up')
+    ends = sorted((e['event'], e['slot'], e['type']) for e in events(case, flash) if e['event'] != 'raised')
+    case.equal(ends, [('ended_while_off', 1, INPUT), ('recovered', 1, HEAT), ('recovered', 2, DOWN),
+                      ('recovered', 3, HEAT), ('recovered', 4, HEAT)], 'how they ended')
 
 
 # An input that is lost for two seconds of four, with qamctl on the events as they come.

@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 
+#include "base/text.h"
 #include "headend/firmware/alarm_list.h"
+#include "mpeg/section.h"
 #include "tests/headend/scratch.h"
 
 namespace test {
@@ -30,7 +33,7 @@ class Alarms : public ::testing::Test {
   }
   static std::string text(const AlarmRecord& event) {
     const auto& [number, at, kind, a] = headend::outward(event);
-    return fmt::format("{}{} {}.{} {} {}|{}|{} {}", "+-?x"[static_cast<int>(kind)], at, a.slot, a.port,
+    return fmt::format("{}{} {}.{} {} {}|{}|{} {}", "+-?x0"[static_cast<int>(kind)], at, a.slot, a.channel,
                        a.type, a.enTitle, a.enText, a.enTrap, a.happened);
   }
   using Lines = std::vector<std::string>;
@@ -41,6 +44,10 @@ class Alarms : public ::testing::Test {
   }
   Lines standing() const { return texts(list_->standing()); }
   Lines history() const { return texts(list_->history()); }
+  Lines latest(std::ptrdiff_t count) const {
+    const Lines all = history();
+    return {all.end() - count, all.end()};
+  }
 
   Scratch scratch_;
   fs::path file_ = scratch_.path / "alarms" / "history.dat";
@@ -50,30 +57,43 @@ class Alarms : public ::testing::Test {
   std::unique_ptr<AlarmList> list_;
 };
 
-TEST_F(Alarms, StandSideBySideAndEndByTheWordsOfTheirRecovery) {
+TEST_F(Alarms, EndBySlotTypeAndChannel) {
+  using protocol::Words;
   list_->add(kInput, kChannel1);
   now_ = 1001;
   list_->add(kInput, kChannel1);
   list_->add(kInput, kChannel2);
-  list_->add({2, 1, 769}, kChannel1);
-  EXPECT_EQ(standing().size(), 3U);
-  EXPECT_TRUE(list_->exists(kInput));
-  EXPECT_FALSE(list_->exists({2, 0, 770}) || list_->exists({1, 0, 769}) || list_->exists({2, 2, 769}));
+  list_->add({2, 1, 771}, kChannel1);
+  list_->add({2, 1, 5}, kChannel1);
+  list_->add({2, 1, 5}, kChannel2);
+  list_->add({2, 1, 770}, kChannel1);
+  list_->setOwn(2, protocol::kAlarmCardDown, true, {"hangs", "无响应"});
+  list_->setOwn(2, protocol::kAlarmCardDown, true, {"hangs", "无响应"});
+  EXPECT_EQ(standing().size(), 7U);
+  EXPECT_TRUE(list_->find(kInput));
+  EXPECT_FALSE(list_->find({2, 0, 770}) || list_->find({1, 0, 769}) || list_->find({2, 2, 769}));
   now_ = 1002;
-  list_->remove(kInput, "Z", "qam card 3 CH.2  input OK!");
-  list_->add(kInput, kChannel2);
-  list_->remove(kInput, "Z", "nothing of ch.2x");  // no word in common: the oldest
-  list_->remove(kInput, "Z", "whatever");
-  list_->remove(kInput, "Z", "too much");
-  EXPECT_EQ(standing(), (Lines{"+1001 2.1 769 Card3|Ch.1 Error|No Input 1001"}));
-  EXPECT_EQ(history(), (Lines{"+1000 2.0 769 Card3|Ch.1 Error|No Input 1000",
-                              "+1001 2.0 769 Card3|Ch.2 Error|No Input 1001",
-                              "+1001 2.1 769 Card3|Ch.1 Error|No Input 1001",
-                              "-1002 2.0 769 Card3|Ch.2 Error|qam card 3 CH.2  input OK! 1001",
-                              "+1002 2.0 769 Card3|Ch.2 Error|No Input 1002",
-                              "-1002 2.0 769 Card3|Ch.1 Error|nothing of ch.2x 1000",
-                              "-1002 2.0 769 Card3|Ch.2 Error|whatever 1002", "?1002 2.0 769 ||too much 0"}));
-  const chassis::alarm_t& ended = list_->history()[5].alarm;
+  list_->remove(kInput, "Z", "qam card 4 ch.2 input OK!");  // of another slot
+  list_->remove(kInput, "Z", "qam card 3 ch.2 input OK!");
+  list_->remove(kInput, base::gbkOfUtf8("QAM卡3频点一输入恢复正常").c_str(), "Z");
+  list_->remove({2, 0, 771}, "Z", "other port");
+  list_->remove({2, 1, 771}, "Z", "port 2");
+  list_->remove({2, 1, 5}, "Z", "Ch.2");
+  list_->remove({2, 0, 770}, "Z", "cool");
+  list_->setOwn(2, protocol::kAlarmCardDown, true, {"config error", "配置错误"});
+  list_->setOwn(2, protocol::kAlarmCardDown, false, {"running", "运行"});
+  list_->setOwn(2, protocol::kAlarmCardDown, false, {"running", "运行"});
+  EXPECT_EQ(standing(), (Lines{"+1001 2.2 5 Card3|Ch.2 Error|No Input 1001"}));
+  EXPECT_EQ(latest(10),
+            (Lines{"?1002 2.0 769 ||qam card 4 ch.2 input OK! 0",
+                   "-1002 2.2 769 Card3|Ch.2 Error|qam card 3 ch.2 input OK! 1001",
+                   "-1002 2.1 769 Card3|Ch.1 Error|Z 1000", "?1002 2.1 771 ||other port 0",
+                   "-1002 2.2 771 Card3|Ch.1 Error|port 2 1001", "-1002 2.2 5 Card3|Ch.1 Error|Ch.2 1001",
+                   "-1002 2.0 770 Card3|Ch.1 Error|cool 1001",
+                   "-1002 2.0 257 Card3|hangs|qam card 3: config error 1001",
+                   "+1002 2.0 257 Card3|config error|qam card 3: config error 1002",
+                   "-1002 2.0 257 Card3|config error|qam card 3: running 1002"}));
+  const chassis::alarm_t& ended = list_->history()[8].alarm;
   EXPECT_TRUE(ended.IsDisappeared == 1 && ended.DisappearTime == 1002 && ended.Stat == 0);
 }
 
@@ -105,19 +125,33 @@ TEST_F(Alarms, OutliveAPowerUpAndEndWhereTheCardIsGoneAndAreKeptOnceTheFolderCan
   EXPECT_EQ(history(), before);
   EXPECT_EQ(standing(), before);
   now_ = 2000;
-  list_->endAbsent({0, 4});
-  EXPECT_EQ(history().back(), "x2000 2.0 769 Card3|Ch.1 Error|No Input 1000");
+  list_->add({4, 0, 769}, kChannel1);
+  list_->add({4, 0, 769}, kChannel2);
+  list_->setOwn(4, protocol::kAlarmRecordNotKept, true, {"not kept", "未保存"});
+  Bytes file = readFile(file_);
+  constexpr std::size_t kFourth = 8 + 3 * 352, kChannelAt = 25;
+  file[kFourth + kChannelAt] = 0;  // as older versions have written it
+  const u32 check = mpeg::crc32(std::span(file).subspan(kFourth + 4, 348));
+  std::memcpy(&file[kFourth], &check, sizeof check);
+  writeFile(file_, file);
   powerUp();
-  EXPECT_EQ(standing(), (Lines{before[1], before[2]}));
+  list_->endAtPowerUp({0, 4});
+  list_->endReturnedInputs(0, 0);
+  list_->endReturnedInputs(4, 2);
+  EXPECT_EQ(latest(3), (Lines{"x2000 2.1 769 Card3|Ch.1 Error|No Input 1000",
+                              "02000 4.0 258 Card5|not kept|qam card 5: not kept 2000",
+                              "02000 4.1 769 Card3|Ch.1 Error|No Input 2000"}));
+  powerUp();
+  EXPECT_EQ(standing().size(), 3U);
   list_->remove({4, 1, 771}, "Z", "OK");
-  EXPECT_EQ(list_->history().back().number, 5U);
+  EXPECT_EQ(list_->history().back().number, 10U);
 }
 
 TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {
   list_->add({5, 0, 769}, kChannel1);
   for (int i = 0; i < 20'001; ++i) {
     ++now_;
-    i % 2 == 0 ? list_->add(kInput, kChannel1) : list_->remove(kInput, "Z", "OK");
+    i % 2 == 0 ? list_->add(kInput, kChannel1) : list_->remove(kInput, "Z", "qam card 3 ch.1 input OK!");
   }
   const Lines stood = standing();
   EXPECT_EQ(stood.size(), 2U);

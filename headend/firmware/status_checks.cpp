@@ -1,0 +1,46 @@
+#include "headend/firmware/status_checks.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "card/qamVar.h"
+
+namespace headend {
+
+using protocol::CardState;
+
+void StatusChecks::start(const std::vector<int>& slots, Nanos period) {
+  if (period == 0) return;
+  const int ticks = std::max(1, static_cast<int>(period * kernel_.settings().tickHz / kSecond));
+  for (const int slot : slots) {
+    kernel_.spawn(
+        fmt::format("tStatus{}", slot + 1), kPriority, [this, slot, ticks] { check(slot, ticks); }, slot);
+  }
+  kernel_.spawn("tCardStates", kPriority, [this, slots, ticks] {
+    for (;;) {
+      kernel_.delay(ticks);
+      for (const int slot : slots) reportState(slot);
+    }
+  });
+}
+
+void StatusChecks::check(int slot, int ticks) {
+  kernel_.delay(slot * ticks / MAX_BOARD_NUM);  // slots are spread over the period
+  for (bool isFirst = true;;) {
+    kernel_.delay(ticks);
+    const chassis::card* card = chassis_.slot(slot).descriptor;
+    if (state_(slot) != CardState::kRunning || card->statusCheck == nullptr) continue;
+    card->statusCheck(static_cast<u8>(slot));
+    if (std::exchange(isFirst, false))
+      alarms_.endReturnedInputs(slot, GetQamCardParaFromList(static_cast<u8>(slot))->qam_para.status);
+  }
+}
+
+void StatusChecks::reportState(int slot) {
+  const CardState state = state_(slot);
+  if (state == CardState::kStarting) return;
+  alarms_.setOwn(slot, protocol::kAlarmCardDown, state != CardState::kRunning, nameOf(state).words);
+}
+
+}  // namespace headend

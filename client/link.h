@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <chrono>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -45,10 +46,22 @@ template <typename... Args>
 
 struct Link : base::Interface {
   // Sends the request with a new sequence number and waits for its reply. Throws Error (kNoReply).
-  virtual Reply call(Request request) = 0;
+  Reply call(Request request) {
+    Reply reply = exchange(request);
+    if (reply.recordNotKept) notKept_.insert(request.slot);
+    if (!reply.recordNotKept && isForCard(request.operation)) notKept_.erase(request.slot);
+    return reply;
+  }
+  // The slots whose record was not kept, by the last reply for each.
+  const std::set<u16>& notKept() const { return notKept_; }
 
   // Waits for that much of the server's time: for a procedure that waits for an event there.
   virtual void wait(std::chrono::milliseconds time) = 0;
+
+ private:
+  virtual Reply exchange(Request request) = 0;
+
+  std::set<u16> notKept_;
 };
 
 // Sends a request and returns the data of its reply. `what` is for error messages: "lock the tables of 1.1".

@@ -110,7 +110,7 @@ std::optional<Bytes> ServerSocket::receive(Clock::time_point deadline) {
 UdpLink::UdpLink(const std::string& server, const UdpLinkOptions& options)
     : socket_(server, kManagement), options_(options), sequence_(std::random_device{}()) {}
 
-Reply UdpLink::call(Request request) {
+Reply UdpLink::exchange(Request request) {
   using Clock = ServerSocket::Clock;
   request.sequence = ++sequence_;
   const Bytes datagram = encode(request);

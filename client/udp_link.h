@@ -60,11 +60,12 @@ class UdpLink : public Link {
   // Throws Error as ServerSocket does.
   explicit UdpLink(const std::string& server, const UdpLinkOptions& options = {});
 
-  // Throws Error if no reply arrived within the tries, or no program listens there.
-  Reply call(Request request) override;
   void wait(std::chrono::milliseconds time) override { std::this_thread::sleep_for(time); }
 
  private:
+  // Throws Error if no reply arrived within the tries, or no program listens there.
+  Reply exchange(Request request) override;
+
   ServerSocket socket_;
   UdpLinkOptions options_;
   u32 sequence_ = 0;

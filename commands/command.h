@@ -43,6 +43,9 @@ constexpr std::chrono::milliseconds milliseconds(double seconds) {
   return std::chrono::milliseconds(static_cast<int>(seconds * 1000));
 }
 
+// A warning for each slot whose record the chassis could not save, as of the link's last replies.
+std::vector<std::string> warnings(const client::Link& link);
+
 // What is known before a command is carried out.
 struct Surroundings {
   std::optional<client::InputCounts> inputs;  // of source cards; nullopt: unknown

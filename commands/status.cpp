@@ -71,6 +71,8 @@ std::string cardLine(const Json& card) {
   if (const auto ms = number(card, "startup_ms")) text += fmt::format(", started in {:.0f} ms", *ms);
   if (const std::string lcd = oneLine(member(card, "lcd")); !lcd.empty())
     text += fmt::format(", LCD: {}", lcd);
+  if (member(card, "record_kept") == false)
+    text += fmt::format(", {}", protocol::words::kRecordNotKept.english);
   return text;
 }
 

@@ -58,7 +58,7 @@ Headend::Headend(Options chosen)
       kernel(options.kernel, observation),
       network(kernel),
       bus(violations),
-      chassis(kernel, bus, flash, log),
+      chassis(kernel, bus, flash, say),
       alarms(
           flash, [this] { return options.epoch + static_cast<u32>(kernel.now() / kSecond); }, say),
       statusChecks(kernel, chassis, alarms, [this](int slot) { return state(slot); }),
@@ -188,6 +188,11 @@ void Headend::startCards() {
   };
   chassis.start(options.slots, options.calibration || std::ranges::any_of(options.jobs, usesCalibration));
   alarms.endAtPowerUp(options.slots);
+  chassis.onRecordKept = [this](int slot) {
+    const bool kept = chassis.slot(slot).recordKept();
+    alarms.setOwn(slot, protocol::kAlarmRecordNotKept, !kept,
+                  kept ? protocol::words::kRecordKept : protocol::words::kRecordNotKept);
+  };
   statusChecks.start(options.slots, options.statusPeriod);
   backEnd.start();
   panel.start();

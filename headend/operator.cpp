@@ -27,7 +27,7 @@ class Operator::VirtualLink final : public client::Link {
  public:
   VirtualLink(Operator& owner, std::uint16_t port) : kernel_(owner.kernel_), socket_(owner.network_, port) {}
 
-  protocol::Reply call(protocol::Request request) override {
+  protocol::Reply exchange(protocol::Request request) override {
     request.sequence = ++sequence_;
     socket_.send({.address = 0, .port = protocol::kDefaultManagementPort}, protocol::encode(request));
     const int patience = kPatienceSeconds * kernel_.settings().tickHz;
@@ -136,6 +136,7 @@ void Operator::carryOut(Job& job, VirtualSession& session) {
   } catch (const std::exception& e) {
     job.error = e.what();
   }
+  for (const std::string& warning : commands::warnings(session.link())) session.note(warning);
   job.ended = kernel_.now();
   log_.line(kernel_.now(), "operator", job.text + (job.error.empty() ? " done" : " failed: " + job.error));
   if (!job.isDo || job.output.empty()) return;

@@ -156,6 +156,7 @@ Json card(Headend& headend, int slot) {
                 {"startup", listOf(headend.chassis.startup(slot), startupPhase)},
                 {"fpga_attempts", headend.card(slot).configuration().attempts()},
                 {"saves", s.saves},
+                {"record_kept", s.recordKept()},
                 {"calibration", calibration(headend, slot)}};
   if (const Observation::ParkedTask* hung = headend.observation.hangingTask(slot)) {
     entry["hung"] = {{"task", hung->task}, {"register", hung->reg}, {"since_seconds", seconds(hung->since)}};

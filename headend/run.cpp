@@ -77,6 +77,9 @@ std::vector<std::string> failures(Headend& headend, bool powerCut) {
   if (!powerCut) {
     std::ranges::copy(headend.automaticOperator.complaints(), std::back_inserter(all));
     for (const int slot : options.slots) {
+      const Chassis::Slot& place = headend.chassis.slot(slot);
+      add(!place.recordKept(),
+          fmt::format("the record of the card in slot {} is not kept: {}", slot + 1, place.saveError));
       add(!headend.runs(slot), fmt::format("the card in slot {} does not run: {}", slot + 1,
                                            protocol::nameOf(headend.state(slot)).name));
     }
@@ -110,7 +113,7 @@ int run(Headend& headend, const std::atomic<bool>& interrupted) {
   if (!fatal.empty()) failed.push_back(fatal);
   for (const std::string& text : failed) fmt::print(stderr, "headend: {}\n", text);
   if (!fatal.empty()) return kExitStopped;
-  return failed.empty() && !headend.chassis.saveFailed() ? kExitDone : kExitFailed;
+  return failed.empty() ? kExitDone : kExitFailed;
 }
 
 }  // namespace headend

@@ -11,6 +11,7 @@ namespace {
 constexpr u16 kMagic = 0x514D;  // "QM"
 constexpr u8 kVersion = 1;
 constexpr u8 kAnswerBit = 0x80;
+constexpr u8 kRecordNotKept = 0x01;  // of the flags
 
 // A reply's result follows. The sixteen bytes from `variable` on are the variable header of the back end.
 struct Header {
@@ -19,7 +20,8 @@ struct Header {
   wire::U32 sequence;
   wire::U16 variable, slot;
   wire::U32 port;
-  wire::U16 length, reserved1;
+  wire::U16 length;
+  u8 flags, reserved1;  // flags of replies
   wire::U32 reserved2;
 };
 static_assert(sizeof(Header) == kRequestHeaderSize && sizeof(Header) + sizeof(u32) == kReplyHeaderSize);
@@ -61,8 +63,9 @@ constexpr ResultText kResultTexts[] = {
 };
 
 template <typename Message>
-Bytes headerOf(const Message& message, u8 operation, std::size_t length) {
+Bytes headerOf(const Message& message, u8 operation, std::size_t length, u8 flags = 0) {
   Header header{};
+  header.flags = flags;
   header.magic = kMagic;
   header.version = kVersion;
   header.operation = operation;
@@ -83,6 +86,13 @@ std::optional<Header> decodeHeader(std::span<const u8> datagram, std::size_t siz
 
 }  // namespace
 
+bool isForCard(Operation operation) {
+  using enum Operation;
+  constexpr Operation kAll[] = {kRead,   kWrite,    kGetVariable, kSetVariable, kRouterMap,
+                                kSearch, kSearched, kCall,        kCallResult};
+  return std::ranges::find(kAll, operation) != std::end(kAll);
+}
+
 std::string resultText(u32 result, u16 variable) {
   const auto* found = std::ranges::find_if(kResultTexts, [&](const ResultText& row) {
     return row.result == result && (row.variable == 0 || row.variable == variable);
@@ -102,7 +112,7 @@ Bytes encode(const Request& r) {
 }
 
 Bytes encode(const Reply& r) {
-  Bytes out = headerOf(r, r.operation | kAnswerBit, r.data.size());
+  Bytes out = headerOf(r, r.operation | kAnswerBit, r.data.size(), r.recordNotKept ? kRecordNotKept : u8{0});
   base::append32(out, r.result);
   base::append(out, r.data);
   return out;
@@ -129,7 +139,8 @@ std::optional<Reply> decodeReply(std::span<const u8> datagram) {
                h->slot,
                h->port,
                wire::get32(&datagram[kRequestHeaderSize]),
-               Bytes(datagram.begin() + kReplyHeaderSize, datagram.end())};
+               Bytes(datagram.begin() + kReplyHeaderSize, datagram.end()),
+               (h->flags & kRecordNotKept) != 0};
 }
 
 }  // namespace protocol

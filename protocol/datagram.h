@@ -33,6 +33,7 @@ enum class Operation : u8 {
   kKey = 15,            // presses one of its keys
   kFault = 16,          // adds, clears or lists faults of the hardware
 };
+bool isForCard(Operation operation);  // for the modulator card in the slot
 enum FaultRequest : u16 { kAddFault = 1, kClearFault = 2, kListFaults = 3 };  // variables of kFault
 
 // Variables of kRead and kWrite are the card's (qam_back::Variable), per slot and channel; those of
@@ -79,6 +80,9 @@ struct Reply {
   u32 port = 0;
   u32 result = kDone;
   Bytes data{};
+  // Of a request that is for a card: it has changes that the chassis could not save, and saves again until
+  // that succeeds.
+  bool recordNotKept = false;
 };
 
 // A request with this data, and `length` set to its size. The link sets its sequence number.

@@ -50,6 +50,8 @@ namespace words {
 inline constexpr Words kHeadend = {"Headend", "前端"};
 inline constexpr Words kLanguage = {"Language", "语言"};
 inline constexpr Words kLanguageName = {"English", "中文"};
+inline constexpr Words kRecordNotKept = {"record not kept", "参数未保存"};
+inline constexpr Words kRecordKept = {"record kept", "参数已保存"};
 
 // The image on a terminal.
 inline constexpr Words kTitle = {"Front panel", "前面板"};

@@ -1,5 +1,5 @@
 // qamctl: carries out the management commands over the chassis's sockets. Called by the name qamcal it has
-// the commands of calibration only. Exit codes: 0 done; 1 the request could not be carried out; 2 wrong call.
+// the commands of calibration only.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 
 constexpr int kFailed = 1;
 constexpr int kWrongCall = 2;
+constexpr int kNotKept = 3;
 constexpr auto kCalibrationName = "qamcal";
 
 constexpr const char* kFooter =
@@ -48,7 +49,7 @@ constexpr const char* kFooter =
     "  qamctl --server 192.0.2.7:49160 status\n"
     "\n"
     "Exit codes: 0 done; 1 the request could not be carried out (refused, card error, no reply, file error); "
-    "2 wrong call.";
+    "2 wrong call; 3 done, but the chassis could not save the record of a card.";
 
 // Only absolute ones count, so that a rescue file is found again from any folder.
 fs::path folderIn(const char* variable) {
@@ -111,6 +112,13 @@ class SocketSession final : public commands::Session {
 
   void showPanel(std::chrono::seconds patience) override { runPanel(server_, patience); }
 
+  // False if a record of a card is not kept.
+  bool warn() const {
+    const std::vector<std::string> all = link_ ? commands::warnings(*link_) : std::vector<std::string>();
+    for (const std::string& text : all) fmt::print(stderr, "warning: {}\n", text);
+    return all.empty();
+  }
+
  private:
   static sigset_t held() {
     sigset_t signals;
@@ -129,7 +137,8 @@ std::string serverOf(const std::string& text) {
   return commands::valid(client::isServer(text) ? std::optional(text) : std::nullopt, text, "ADDR:PORT");
 }
 
-void carryOut(const commands::Call& call, const std::string& server) {
+// Returns the exit code.
+int carryOut(const commands::Call& call, const std::string& server) {
   commands::Surroundings surroundings;
   call.command->prepare(surroundings);
   const std::string byDefault = fmt::format("127.0.0.1:{}", call.entry->needs == commands::Needs::kCalibration
@@ -137,10 +146,16 @@ void carryOut(const commands::Call& call, const std::string& server) {
                                                                 : protocol::kDefaultManagementPort);
   SocketSession session(server.empty() ? byDefault : server);
   for (const std::string& note : surroundings.notes) session.note(note);
-  call.command->carryOut(session);
+  try {
+    call.command->carryOut(session);
+  } catch (...) {
+    session.warn();
+    throw;
+  }
+  return session.warn() ? 0 : kNotKept;
 }
 
-void run(const std::string& name, std::vector<std::string> words) {
+int run(const std::string& name, std::vector<std::string> words) {
   const bool isCalibration = name == kCalibrationName;
   commands::Form form(
       name, isCalibration ? "Calibrates the DAC of a modulator card over its chassis's calibration service."
@@ -155,7 +170,7 @@ void run(const std::string& name, std::vector<std::string> words) {
   if (!isCalibration) form.footer(fmt::format(kFooter, mpeg::tableNames("or")));
   commands::Calls calls(form, isCalibration ? "cal" : "");
   form.parse(std::move(words));
-  carryOut(calls.called(), server);
+  return carryOut(calls.called(), server);
 }
 
 }  // namespace
@@ -164,8 +179,9 @@ void run(const std::string& name, std::vector<std::string> words) {
 int main(int argc, char** argv) {
   const bool isCalibration = argc > 0 && std::filesystem::path(argv[0]).filename() == tools::kCalibrationName;
   const char* name = isCalibration ? tools::kCalibrationName : "qamctl";
+  int code = 0;
   try {
-    tools::run(name, {argv + 1, argv + argc});
+    code = tools::run(name, {argv + 1, argv + argc});
   } catch (const commands::Help& help) {
     std::fputs(help.text.c_str(), stdout);
   } catch (const commands::WrongCall& e) {
@@ -175,7 +191,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s: %s\n", name, e.what());
     return tools::kFailed;
   }
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return code;
   std::fprintf(stderr, "%s: the output could not be written\n", name);
   return tools::kFailed;
 }

@@ -105,6 +105,9 @@ protocol::Reply BackEnd::carryOut(protocol::Request request) {
       reply.result = protocol::kBadLength;
     if (reply.result == protocol::kDone) reply.result = handler(request, reply.data);
     if (reply.result != protocol::kDone) reply.data.clear();
+    const int slot = request.slot & 0xFF;
+    reply.recordNotKept =
+        protocol::isForCard(request.operation) && slot < MAX_BOARD_NUM && !chassis_.slot(slot).recordKept();
   }
   return reply;
 }

@@ -41,6 +41,7 @@ void Chassis::plugIn(chassis::card& card) {
 void Chassis::start(const std::vector<int>& slots, bool servesCalibration) {
   for (const int number : slots) at(number).occupied = true;
   semQamVar = kernel_.createMutex("semQamVar");
+  kernel_.spawn("tSaveAgain", kSavePriority, [this] { saveAgain(); });
   kernel_.spawn("tRoot", kRootPriority, [this, slots, servesCalibration] {
     for (const int number : slots) {
       beginPhase(number, "registration");
@@ -121,15 +122,41 @@ int Chassis::save(u8 number) {
   }
   if (slot.descriptor->varPtr == nullptr) return os::ERROR;
   kernel_.spend(kernel_.settings().costs.save);
-  const std::span<const u8> record(static_cast<const u8*>(slot.descriptor->varPtr), slot.descriptor->varSize);
+  const auto* record = static_cast<const u8*>(slot.descriptor->varPtr);
+  return store(number, {record, record + slot.descriptor->varSize});
+}
+
+int Chassis::store(int number, const base::Bytes& record) {
+  Slot& slot = at(number);
+  const bool wasKept = slot.recordKept();
   const std::string error = flash_.replace(fmt::format("/tffs0/para/card{}.dat", number + 1), record);
   if (error.empty()) {
     ++slot.saves;
-    return os::OK;
+    slot.unsaved.clear();
+    if (!wasKept) say_(fmt::format("the record of the card in slot {} is kept again", number + 1));
+  } else {
+    slot.unsaved = record;
+    if (wasKept || error != slot.saveError)
+      say_(fmt::format("the record of the card in slot {} is not kept; it is saved again every {} s: {}",
+                       number + 1, kSaveAgain_s, error));
+    kernel_.wakeFirst(savers_);
   }
-  saveFailed_ = true;
-  log_.line(kernel_.now(), "headend", error);
-  return os::ERROR;
+  slot.saveError = error;
+  if (wasKept != slot.recordKept()) onRecordKept(number);
+  return error.empty() ? os::OK : os::ERROR;
+}
+
+void Chassis::saveAgain() {
+  for (;;) {
+    if (std::ranges::all_of(slots_, &Slot::recordKept)) kernel_.waitOn(savers_, os::WAIT_FOREVER);
+    kernel_.delay(kSaveAgain_s * kernel_.settings().tickHz);
+    for (int number = 0; number < MAX_BOARD_NUM; ++number) {
+      if (slot(number).recordKept()) continue;
+      kernel_.spend(kernel_.settings().costs.save);
+      // Meanwhile the card may have saved a newer record.
+      if (!slot(number).recordKept()) store(number, base::Bytes(slot(number).unsaved));
+    }
+  }
 }
 
 void Chassis::noteLine(int line, std::string text) {

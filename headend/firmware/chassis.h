@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/bytes.h"
 #include "card/qamVar.h"
 #include "headend/firmware/log.h"
 #include "headend/hardware/bus.h"
@@ -34,6 +35,8 @@ class Chassis {
   // tasks that keep other cards running.
   static constexpr int kRootPriority = 100;
   static constexpr int kSlotStartPriority = 250;
+  static constexpr int kSavePriority = 232;  // of saving again
+  static constexpr int kSaveAgain_s = 10;
 
   // A phase of a card's start-up on the modelled controller.
   struct Phase {
@@ -53,10 +56,13 @@ class Chassis {
     std::vector<Phase> startup;
     bool savePending = false;  // requested before the card was inserted
     std::uint64_t saves = 0;
+    base::Bytes unsaved;    // the record that the last save should have stored; empty: it has stored it
+    std::string saveError;  // why not
+    bool recordKept() const { return unsaved.empty(); }
   };
 
-  Chassis(Kernel& kernel, Bus& bus, Flash& flash, Log& log)
-      : kernel_(kernel), bus_(bus), flash_(flash), log_(log) {}
+  Chassis(Kernel& kernel, Bus& bus, Flash& flash, Say say)
+      : kernel_(kernel), bus_(bus), flash_(flash), say_(std::move(say)) {}
 
   // Adds a card of another kind, which needs no start. Call before `start`.
   void plugIn(chassis::card& card);
@@ -66,7 +72,7 @@ class Chassis {
   void start(const std::vector<int>& slots, bool servesCalibration);
 
   const Slot& slot(int number) const { return slots_[static_cast<std::size_t>(number)]; }
-  bool saveFailed() const { return saveFailed_; }
+  std::function<void(int slot)> onRecordKept = [](int /*slot*/) {};  // it is now, or no longer
   std::function<void(int slot)> onInitReturned = [](int /*slot*/) {};
 
   // A phase of a slot's start-up begins, and ends the previous one.
@@ -82,6 +88,9 @@ class Chassis {
 
   // The services of platform/chassis.h.
   void cardInsert(chassis::card* card);
+  // Saves the slot's record. When that fails, the chassis keeps these bytes and saves them again every
+  // kSaveAgain, until they or a newer record are stored. It never saves what the record is at that time:
+  // while a client changes a channel, the channel's tables in the record are erased.
   int save(u8 number);
   // A line of the panel that a slot's own task prints.
   void noteLine(int line, std::string text);
@@ -94,13 +103,15 @@ class Chassis {
   Slot& at(int number) { return slots_[static_cast<std::size_t>(number)]; }
   void startSlot(int number);
   void endPhase(int number) { at(number).startup = startup(number); }
+  int store(int number, const base::Bytes& record);
+  void saveAgain();
 
   Kernel& kernel_;
   Bus& bus_;
   Flash& flash_;
-  Log& log_;
+  Say say_;
   std::array<Slot, MAX_BOARD_NUM> slots_;
-  bool saveFailed_ = false;
+  std::vector<Task*> savers_;
 };
 
 }  // namespace headend

@@ -36,7 +36,7 @@ class FakeLink final : public client::Link {
   std::function<void()> secondClient{};
   std::vector<protocol::Request> log{};  // all requests, lost or not
 
-  protocol::Reply call(protocol::Request request) override {
+  protocol::Reply exchange(protocol::Request request) override {
     const std::string_view fault = std::cmp_equal(log.size(), at_) ? fault_ : "";
     const bool gone = fault_.ends_with("all later ones") && std::cmp_greater(log.size(), at_);
     log.push_back(request);

@@ -99,6 +99,32 @@ TEST_F(Qamctl, ShowsTablesAndSavesNoneThatItCannotReadWhole) {
   EXPECT_FALSE(fs::exists(beyond));
 }
 
+TEST_F(Qamctl, WarnsUntilTheRecordThatCouldNotBeSavedIsKept) {
+  chassis_.drive([&] {
+    const fs::path para = chassis_.headend().options.flash / "para", aside = para.string() + "2";
+    fs::rename(para, aside);
+    test::writeFile(para, {});  // a file in place of the folder
+    expectCalls({{"var set 1 rfreq 474000", 3, "warning: slot 1: record not kept"},
+                 {"var set 1 rflevel 1050", 3, "record not kept"},
+                 {"psi interval 1.2 BAT=77", 3, "record not kept"},
+                 {"var get 1 symbolrate", 3, "record not kept"},
+                 {"psi show 1.1 --save " + file("x.ts"), 1, "record not kept"},
+                 {"status", 0, ", record not kept"},
+                 {"alarms", 0, "1  major  Card1: record not kept (qam card 1: record not kept)"}});
+    auto* record = static_cast<QamCardPara*>(chassis_.headend().chassis.slot(0).descriptor->varPtr);
+    const Bytes image = base::bytesOf(*record);
+    record->qam_para.ts_id = 7;  // not to be saved
+    link_.wait(std::chrono::seconds(11));
+    fs::remove(para);
+    fs::rename(aside, para);
+    expectCalls({{"var get 1 rfreq", 3, "474000"}});
+    link_.wait(std::chrono::seconds(11));
+    EXPECT_TRUE(test::readFile(para / "card1.dat") == image);
+    expectCalls({{"var get 1 rfreq", 0, "474000"}, {"status", 0, "running"}, {"alarms", 0, "no alarm"}});
+  });
+  EXPECT_EQ(chassis_.headend().alarms.events(), 2U);
+}
+
 TEST_F(Qamctl, ReadsAndSetsVariables) {
   chassis_.drive([&] {
     chassis_.board().sensor(1).temperature(-55, chassis_.now());

@@ -24,6 +24,8 @@
 namespace headend {
 namespace {
 
+constexpr double kDay = 86'400;  // seconds
+
 using commands::Form;
 using commands::kAny;
 using commands::Option;
@@ -52,8 +54,8 @@ Examples:
 
 Exit codes:
   0  the run went through (failed checks and violations are reported, no more)
-  1  a card does not run at the end; an output, save, upload, setting, log, trace or the alarms' history failed or
-     was not done by the end; or a file or an address cannot be used
+  1  a card does not run at the end; an output, upload, setting, log, trace or the alarms' history failed or was
+     not done by the end; a card's record is not kept; or a file or an address cannot be used
   2  wrong call
   3  an interrupt routine waited, allocated, used a file or touched a register, or a card's menu is broken: the run
      was stopped)";
@@ -236,7 +238,6 @@ void describeRun(Form& form, Options& o, JobFlags& jobs) {
       "N.P.input-lost takes input P of source card N away; with /PERIOD at the end only for the first half "
       "of each period",
       parseFault);
-  constexpr double kDay = 86'400;
   time(form,
        {"--menu-timeout", "S",
         "seconds without a key after which the front panel goes back to its first screen; 0: never"},
@@ -276,6 +277,11 @@ void describeServices(Form& form, Options& o, Given& given) {
                   calibration, kOpenToAll);
   form.value(Option("--calibration", "ADDRESS:PORT", text).count(0, 1).byDefault(calibration), o.calibration,
              parseAddress);
+  time(form,
+       {"--calibration-age", "S",
+        "seconds after which a calibration request that still waits is dropped, so that a flood of requests "
+        "does not leave others without an answer; 0: never"},
+       o.calibrationAge, kSecond, 0, kDay);
   form.flag(
       "--panel",
       "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend prints on "

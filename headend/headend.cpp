@@ -69,7 +69,7 @@ Headend::Headend(Options chosen)
       search(kernel, backEnd, [this](int slot, int port) -> Multiplexer& { return output(slot, port); }),
       shell(kernel, backEnd),
       automaticOperator(kernel, network, chassis, log),
-      sockets(network),
+      sockets(network, options.calibrationAge, say),
       eepromFiles(flash, say) {
   requireFlash(options.flash);
   installCards();

@@ -94,6 +94,7 @@ struct Options {
   u32 epoch = 0;                             // start of virtual time: seconds since 1970-01-01 UTC
   std::optional<base::Address> manage;       // nullopt: off
   std::optional<base::Address> calibration;  // nullopt: no service
+  Nanos calibrationAge = 10 * kSecond;       // after which a request is dropped; 0: never
   SnmpSettings snmp;
   bool panel = false;
   std::string log;

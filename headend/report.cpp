@@ -227,6 +227,7 @@ Json report(Headend& headend) {
           {"protocol_violations", Json(headend.violations.counts())},
           {"faults", headend.faults.report()},
           {"late_requests", listOf(headend.backEnd.lateRequests(), lateRequest)},
+          {"calibration_dropped", headend.sockets.dropped()},
           {"semaphore_waits", listOf(headend.observation.longWaits(), semaphoreWait)},
           {"heap", {{"used", headend.heap.used()}, {"failures", headend.heap.failures()}}},
           {"alarms",

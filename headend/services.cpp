@@ -105,8 +105,7 @@ int bind(int s, sockaddr_in* name, int length) {
 
 int recvfrom(int s, char* buffer, int length, int /*flags*/, sockaddr_in* from, int* fromLength) {
   kernel().charge("recvfrom", costs().kernelCall);
-  headend::UdpSocket* const socket = running->sockets.find(s);
-  const auto datagram = socket == nullptr ? std::nullopt : socket->receive(WAIT_FOREVER);
+  const std::optional<headend::Datagram> datagram = running->sockets.receive(s);
   if (!datagram) return ERROR;
   const std::size_t size = std::min(datagram->bytes.size(), static_cast<std::size_t>(length));
   std::copy_n(datagram->bytes.begin(), size, buffer);

@@ -2,18 +2,25 @@
 // this machine's network, so that external tools can reach the firmware's service on it.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <bit>
 #include <map>
 #include <memory>
 #include <string>
 
+#include "headend/firmware/log.h"
 #include "headend/kernel/network.h"
 
 namespace headend {
 
 class SocketTable {
  public:
-  explicit SocketTable(Network& network) : network_(network) {}
+  // A datagram that has waited for longer than `mostAge` is dropped, and `say` is called at the first,
+  // second, fourth, eighth ... time; 0: none is dropped.
+  SocketTable(Network& network, Nanos mostAge, Say say)
+      : network_(network), mostAge_(mostAge), say_(std::move(say)) {}
 
   // A socket bound to `port` is reachable at that address of this machine. Throws std::runtime_error.
   void expose(std::uint16_t port, const std::string& address, std::uint16_t hostPort) {
@@ -37,6 +44,18 @@ class SocketTable {
     return os::OK;
   }
   int close(int socket) { return sockets_.erase(socket) != 0 ? os::OK : os::ERROR; }
+  // Waits for the next datagram; nullopt for a socket that does not exist.
+  std::optional<Datagram> receive(int socket) {
+    UdpSocket* const from = find(socket);
+    for (;;) {
+      auto datagram = from == nullptr ? std::nullopt : from->receive(os::WAIT_FOREVER);
+      if (!datagram || mostAge_ == 0 || network_.now() - datagram->arrived <= mostAge_) return datagram;
+      if (std::has_single_bit(++dropped_))
+        say_(fmt::format("{} requests to port {} were dropped so far: each had waited for more than {} s",
+                         dropped_, from->port(), static_cast<double>(mostAge_) / kSecond));
+    }
+  }
+  std::uint64_t dropped() const { return dropped_; }
   // Null until it is bound.
   UdpSocket* find(int socket) const {
     const auto found = sockets_.find(socket);
@@ -45,6 +64,9 @@ class SocketTable {
 
  private:
   Network& network_;
+  Nanos mostAge_;
+  Say say_;
+  std::uint64_t dropped_ = 0;
   std::map<std::uint16_t, std::shared_ptr<UdpSocket>> exposed_;
   std::map<int, std::shared_ptr<UdpSocket>> sockets_;  // null until bound
   int last_ = 2;                                       // a shell uses the first three

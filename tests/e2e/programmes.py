@@ -77,7 +77,7 @@ def a_programme_takes_the_numbers_that_its_options_give(case):
                     '--set', '1.temperature2=-5@2', '--do', f'@1 {add} --dry-run', '--do', '@1.5 programme list 1.1',
                     '--do', f'@2 {add}', '--do', '@2.5 pidmap show 1.1', '--do', '@5 alarms --lang zh')
     case.says(run, r'PID 0x0300 to PID 0x0401[\s\S]*1\.1 has no programmes[\s\S]*added[\s\S]*\n.*0x0012',
-              r'2024-05-01T00:00:0\dZ  1\.1  调制卡1: 温度过高')
+              r'2024-05-01T00:00:0\dZ  1  major  调制卡1: 温度过高')
     packets = packets_of(read(file))
     case.equal({pid_of(packet) for packet in packets}, {0, 0x11, 0x400, 0x401, 0x402, NULL_PID}, 'PIDs')
     case.equal({packet[8:10] for packet in packets if pid_of(packet) == 0}, {b'\0\x4d'}, 'transport_stream_id')

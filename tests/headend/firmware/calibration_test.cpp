@@ -1,4 +1,4 @@
-// A calibration write into the EEPROM, through power cuts.
+// A calibration write into the EEPROM, through power cuts; a flood of writes.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -66,6 +66,24 @@ TEST(Calibration, APowerCutLeavesEveryByteOldOrNewButTheOneInItsCycle) {
   });
   EXPECT_GT(points, 2000U);
   EXPECT_GT(undefined, 0) << "no cut has met a write cycle";
+}
+
+TEST(Calibration, AFloodOfRequestsDelaysAnAnswerForNotMuchLongerThanTheirAge) {
+  Driven bench([](headend::Options& options) {
+    options.calibration = {.host = "127.0.0.1", .port = 0};
+    options.eepromCycles[0] = kSecond / 10;  // a write takes more than a second
+  });
+  bench.drive([&] {
+    const headend::Endpoint service{.address = 0, .port = client::kDefaultCalibrationPort};
+    headend::UdpSocket flood(bench.headend().network, 50000), technician(bench.headend().network, 50001);
+    for (int i = 0; i < 60; ++i) flood.send(service, Bytes{2, 0} + Bytes(kDacRegisters));
+    bench.headend().kernel.sleepUntil(bench.now() + 5 * kSecond);
+    const Nanos asked = bench.now();
+    technician.send(service, Bytes{1, 0} + Bytes(kDacRegisters));
+    EXPECT_TRUE(technician.receive(os::WAIT_FOREVER));
+    EXPECT_LT(bench.now() - asked, 8 * kSecond);
+    EXPECT_GT(bench.headend().sockets.dropped(), 20U);
+  });
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "base/text.h"
 #include "commands/command.h"
+#include "protocol/words.h"
 
 namespace commands {
 namespace {
@@ -67,7 +68,10 @@ std::string faultsText(const Json& status, const char* key, const char* title) {
 }  // namespace
 
 std::string cardLine(const Json& card) {
-  std::string text = fmt::format("slot {}: {}", whole(card, "slot"), oneLine(member(card, "state")));
+  const std::string state = oneLine(member(card, "state"));
+  const protocol::CardStateName* known = protocol::findCardState(state);
+  std::string text =
+      fmt::format("slot {}: {}", whole(card, "slot"), known != nullptr ? known->words.english : state);
   if (const auto ms = number(card, "startup_ms")) text += fmt::format(", started in {:.0f} ms", *ms);
   if (const std::string lcd = oneLine(member(card, "lcd")); !lcd.empty())
     text += fmt::format(", LCD: {}", lcd);

@@ -81,7 +81,7 @@ std::vector<std::string> failures(Headend& headend, bool powerCut) {
       add(!place.recordKept(),
           fmt::format("the record of the card in slot {} is not kept: {}", slot + 1, place.saveError));
       add(!headend.runs(slot), fmt::format("the card in slot {} does not run: {}", slot + 1,
-                                           protocol::nameOf(headend.state(slot)).name));
+                                           protocol::nameOf(headend.state(slot)).words.english));
     }
   }
   addFile(headend.busLog && !headend.busLog->complete(), "bus log", options.busLog);

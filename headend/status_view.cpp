@@ -90,7 +90,7 @@ void StatusView::announceChanges() {
     for (u32 port = 0; port < MAX_QAM_OUT_NUM; ++port) announceOutput({static_cast<u16>(slot), port});
     if (std::exchange(announced_[slot], state) == state) continue;
     fmt::print("{:.3f} s: card {} {}\n", static_cast<double>(headend_.kernel.now()) / 1e9, slot + 1,
-               protocol::nameOf(state).name);
+               protocol::nameOf(state).words.english);
     std::fflush(stdout);
   }
 }

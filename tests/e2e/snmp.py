@@ -310,7 +310,7 @@ def a_card_that_hangs_or_is_not_configured_holds_up_no_other(case):
         agent.stop(code=1)
     write(os.path.join(flash, harness.BITSTREAM), b'no bitstream')
     with Agent(case, flash, slots=()) as agent:
-        agent.wait(lambda: 'config_error' in case.qamctl(agent.address, 'status').text)
+        agent.wait(lambda: 'config error' in case.qamctl(agent.address, 'status').text)
         answers = agent.get(*(instance(1, stem) for stem in SUFFIX))  # a walk also skips a card that hangs
         case.equal({each[:14] for each in answers}, {'No Such Object'}, 'rows of a card without configuration')
         agent.stop(code=1)

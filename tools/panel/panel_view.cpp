@@ -136,13 +136,11 @@ class PanelPainter {
   void lamps(int x) {
     for (int slot = 0; slot < MAX_BOARD_NUM; ++slot) {
       const std::string& state = state_.cards[static_cast<std::size_t>(slot)];
-      const auto* const known =
-          std::ranges::find(protocol::kCardStates, state, &protocol::CardStateName::name);
-      const bool isKnown = known != std::end(protocol::kCardStates);
-      const std::string_view text = state.empty() ? word(protocol::words::kNoCard)
-                                    : isKnown     ? word(known->words)
-                                                  : state;
-      lamp(x, 1 + slot, !state.empty(), isKnown ? colourOf(known->state) : Colour::kBad,
+      const protocol::CardStateName* known = protocol::findCardState(state);
+      const std::string_view text = state.empty()      ? word(protocol::words::kNoCard)
+                                    : known != nullptr ? word(known->words)
+                                                       : state;
+      lamp(x, 1 + slot, !state.empty(), known != nullptr ? colourOf(known->state) : Colour::kBad,
            fmt::format("{} {}", slot + 1, text));
     }
     const std::size_t alarms = state_.alarms.size();

@@ -75,12 +75,24 @@ struct Key final : Command {
                 [](const std::string& name) {
                   return valid(protocol::keyOf(name), name, "key: up, down, left, right, ok or cancel");
                 });
-    form.footer("The panel takes keys as fast as its menu can; up to 64 wait for it.");
+    form.footer(
+        "The panel takes keys as fast as its menu can; up to 64 wait for it. If one is refused, the message "
+        "says "
+        "how many were taken.");
   }
 
   void carryOut(Session& session) override {
+    std::size_t taken = 0;
     for (const chassis::PanelKey key : keys_) {
-      client::pressKey(session.link(), key);
+      try {
+        client::pressKey(session.link(), key);
+      } catch (const client::Error& e) {
+        const bool unknown = e.gotNoReply();
+        throw client::Error(fmt::format("{} of {} keys were taken{}: {}", taken, keys_.size(),
+                                        unknown ? ", perhaps one more" : "", e.what()),
+                            unknown ? client::Error::Kind::kNoReply : client::Error::Kind::kFailed);
+      }
+      ++taken;
       session.pause(kBetweenKeys);
     }
   }

@@ -163,6 +163,9 @@ TEST_F(Qamctl, ReadsAndSetsVariables) {
       };
       expect(run("var get 1 30"), 1, part);
     }
+    int keys = 0;
+    link_.after = [&](Reply& reply) { reply.result = keys++ < 2 ? u32{kDone} : kTooManyKeys; };
+    expect(run("key up up down ok"), 1, "2 of 4 keys were taken: cannot press a key: the menu has not read");
     link_.after = [](Reply& reply) { reply.data = encodeValue(std::string("V\x1B[7m")); };
     expectCalls({{"var get 1 49", 0, "V[7m\n"}, {"var get 1 49 --json", 0, R"("text": "V[7m")"}});
     link_.after = [&](Reply& reply) {

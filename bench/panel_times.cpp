@@ -96,7 +96,7 @@ std::vector<Times> inside(headend::Headend& headend) {
   headend::Kernel& kernel = headend.kernel;
   while (!headend.chassis.slot(0).initReturned) kernel.delay(1);
   kernel.delay(2 * kernel.settings().tickHz);  // the upload has also ended, and the first screen shows it
-  return measure([&] { return headend.panel.lcd.shown().pixels; },
+  return measure([&] { return headend.panel.shown().pixels; },
                  [&](PanelKey key) { headend.panel.keys.press(key); },
                  [&](Nanos time) { kernel.sleepUntil(kernel.now() + time); }, [&] { return kernel.now(); });
 }

@@ -50,6 +50,11 @@ struct Lcd final : Command {
   void describe(Form& form) override {
     takeFile(form, Option("--png", "FILE", "save it as a picture in FILE instead"), picture_, true);
     takeJson(form);
+    form.footer(
+        "A > marks the chosen row. Other characters that are inverse, as the digit under an editor's cursor, "
+        "are "
+        "in\n"
+        "[brackets]. With --json the rows are without these marks, and \"inverse\" lists the characters.");
   }
 
   void carryOut(Session& session) override {
@@ -58,7 +63,7 @@ struct Lcd final : Command {
     Json rows = Json::array(), characters = Json::array();
     for (int row = 0; row < protocol::kLcdRows; ++row) {
       rows.push_back(lcd.text(row));
-      if (!json && picture_.empty()) session.print(lcd.text(row) + "\n");
+      if (!json && picture_.empty()) session.print(lcd.markedText(row) + "\n");
     }
     for (const protocol::LcdCharacter& c : lcd.characters) {
       if (c.inverse) characters.push_back({{"row", c.row}, {"x", c.x}});

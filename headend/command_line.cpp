@@ -92,6 +92,7 @@ void refuseSharedFiles(const Options& options) {
   };
   own("the cards", "K717_QAM/qam.bin");
   own("the alarms", "alarms/history.dat");
+  own("the front panel", "panel/language.txt");
   own("the SNMP engine", "snmp/engine.txt");
   for (int slot = 1; slot <= MAX_BOARD_NUM; ++slot) {
     own("the cards", fmt::format("para/card{}.dat", slot));

@@ -18,7 +18,9 @@ Panel::Firmware menuFirmware(Headend& headend) {
             if (headend.runs(slot)) return std::nullopt;
             return protocol::nameOf(headend.state(slot)).words;
           },
+          .recordKept = [&headend](int slot) { return headend.chassis.slot(slot).recordKept(); },
           .text = [&headend](int slot, u32 id) { return headend.chassis.readText(slot, id); },
+          .alarms = [&headend] { return std::cref(headend.alarms.standing()); },
           .stop = [&headend](const std::string& why) { headend.kernel.fail(why); }};
 }
 
@@ -62,7 +64,7 @@ Headend::Headend(Options chosen)
       alarms(
           flash, [this] { return options.epoch + static_cast<u32>(kernel.now() / kSecond); }, say),
       statusChecks(kernel, chassis, alarms, [this](int slot) { return state(slot); }),
-      panel(kernel, options.menuTimeout, menuFirmware(*this)),
+      panel(kernel, flash, options.menuTimeout, menuFirmware(*this), say),
       backEnd(kernel, network, chassis, monitor, log, [this](int slot) { return state(slot); }),
       faults(kernel, cards, router, backEnd, say),
       sources(kernel, router, backEnd),

@@ -221,7 +221,7 @@ void lcdPrintf(int row, int column, u32 /*attribute*/, u32 mask, const char* for
   va_start(args, format);
   const std::string text = formatted(format, args);
   va_end(args);
-  headend::Lcd& lcd = running->panel.lcd;
+  headend::Lcd& lcd = running->panel.layer();
   if (column == kPanelWholeLine) {
     lcd.printRow(row, text);
     running->chassis.noteLine(row, text);

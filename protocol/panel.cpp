@@ -22,19 +22,38 @@ constexpr KeyName kKeys[] = {{"up", chassis::kKeyUp},      {"down", chassis::kKe
                              {"left", chassis::kKeyLeft},  {"right", chassis::kKeyRight},
                              {"ok", chassis::kKeyConfirm}, {"cancel", chassis::kKeyCancel}};
 
-}  // namespace
-
-std::string LcdImage::text(int row) const {
+std::string rowText(const std::vector<LcdCharacter>& characters, int row, bool hasBrackets) {
   std::string utf8;
   int at = 0;
+  bool isOpen = false;
+  const auto bracket = [&](bool inverse) {
+    if (hasBrackets && isOpen != inverse) utf8 += inverse ? '[' : ']';
+    isOpen = inverse;
+  };
   for (const LcdCharacter& c : characters) {
     if (c.row != row) continue;
+    if (at < c.x) bracket(false);
     for (; at + 8 <= c.x + 7; at += 8) utf8 += ' ';
+    bracket(c.inverse);
     base::appendUtf8(utf8, c.character);
     at = c.x + (c.character < 0x80 ? 8 : 16);
   }
+  bracket(false);
   while (!utf8.empty() && utf8.back() == ' ') utf8.pop_back();
   return utf8;
+}
+
+}  // namespace
+
+std::string LcdImage::text(int row) const {
+  return rowText(characters, row, false);
+}
+
+std::string LcdImage::markedText(int row) const {
+  const bool isChosen = std::ranges::any_of(
+      characters, [row](const LcdCharacter& c) { return c.row == row && c.x == 0 && c.inverse; });
+  const std::string text = rowText(characters, row, !isChosen);
+  return text.empty() && !isChosen ? text : (isChosen ? '>' : ' ') + text;
 }
 
 Bytes encode(const LcdImage& lcd) {

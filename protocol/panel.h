@@ -38,6 +38,9 @@ struct LcdImage {
   }
   // A row as UTF-8 with one blank per empty 8 pixels, without blanks at its end.
   std::string text(int row) const;
+  // The same for operators: '>' before a row that is inverse from its left edge on, a blank before any other
+  // that is not empty; elsewhere the inverse characters are in brackets.
+  std::string markedText(int row) const;
 };
 
 // The data of a reply to kLcd; nullopt if it is not valid.

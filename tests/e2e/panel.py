@@ -23,64 +23,68 @@ def rows(text):
 SET = ('>Qam Mode      64', 'Symbol Rate', 'RF Freq')
 SWITCHES = ('输出电平', '输出开关    关闭', '>调制开关    打开')
 STEPS = (  # keys, and the expected rows of the LCD; any key leaves a value that is only shown
-    ('up', 'Headend', 'QAM card1', 'QAM card3', '>Language English'),
-    ('down ok up right', 'QAM SET', *SET),
-    ('down down down', 'QAM SET', 'Symbol Rate', 'RF Freq', '>RF Level'),
-    ('up up up ok', 'Qam Mode', '>64', '128', '256'),
-    ('down cancel', 'QAM SET', *SET),
-    ('ok down down down ok', 'QAM SET', *SET),
-    ('ok down ok', 'QAM SET', '>Qam Mode     128', 'Symbol Rate', 'RF Freq'),
-    ('ok', 'Qam Mode', '64', '>128', '256'),
-    ('left left left', 'Headend', '>QAM card1', 'QAM card3', 'Language English'),
-    ('left down ok down ok', 'QAM SET', *SET),
-    ('cancel up ok down ok ok', 'Ch.1', *SET),  # read only
+    ('up', 'Headend       ↑', 'QAM card3', 'Language English', '>Alarms         1'),
+    ('ok', 'Alarms', '>1 QAM Card1', '>High Temperature'),
+    ('ok down', 'QAM Card1     ↓', 'High Temperature', '>Date  2000-01-01', 'UTC     00:00:01'),
+    ('cancel cancel down ok up right', 'QAM SET       ↓', *SET),
+    ('down down down', 'QAM SET     ↑↓', 'Symbol Rate', 'RF Freq', '>RF Level'),
+    ('up up up ok', 'Qam Mode', '>64            √', '128', '256'),
+    ('down cancel', 'QAM SET       ↓', *SET),
+    ('ok down down down ok', 'QAM SET       ↓', *SET),
+    ('ok down ok', 'QAM SET       ↓', '>Qam Mode     128', 'Symbol Rate', 'RF Freq'),
+    ('ok', 'Qam Mode', '64', '>128           √', '256'),
+    ('left left left', 'Headend       ↓', '>QAM card1', 'QAM card3', 'Language English'),
+    ('left down ok down ok', 'QAM SET       ↓', *SET),
+    ('cancel up ok down ok ok', 'Ch.1          ↓', *SET),  # read only
     ('down ok', 'Symbol Rate', '', '  6.875  Mbps'),
     ('up down ok', 'RF Freq', '', '  0554.000 MHz'),
     ('up down ok', 'RF Level', '', '  100.0  dBuV'),
-    ('up down down', 'Ch.1', 'RF Level', 'RF Switch     On', '>QAM Switch    On'),
-    ('cancel down ok', 'Ch.2', *SET),
+    ('up down down', 'Ch.1          ↑', 'RF Level', 'RF Switch     On', '>QAM Switch    On'),
+    ('cancel down ok', 'Ch.2          ↓', *SET),
     ('down ok', 'Symbol Rate', '', '  6.875  Mbps'),
-    ('up down down down down', 'Ch.2', 'RF Level', 'RF Switch     On', '>QAM Switch    On'),
+    ('up down down down down', 'Ch.2          ↑', 'RF Level', 'RF Switch     On', '>QAM Switch    On'),
     ('up up up ok', 'RF Freq', '', '  0562.000 MHz'),
     ('up down ok', 'RF Level', '', '  100.0  dBuV'),
     ('up cancel up up', 'QAM Sta.', '>Version', 'Ch.1', 'Ch.2'),
-    ('ok', 'Version', '>HARD Ver.   V1.0', 'MCU Ver.V2.1.05A', 'FPGA Ver.V2.1.05'),
+    ('ok', 'Version', '>HARD Ver.   V1.0', 'MCU Ver V2.1.05A', 'FPGA Ver V2.1.05'),
     ('cancel cancel', 'QAM card3', '>QAM Sta.', 'QAM SET'),
-    ('down ok up', 'QAM SET', 'RF Level', 'Power Switch  On', '>RF Switch     On'),
-    ('ok', 'RF Switch', '>On', 'Off'),
-    ('cancel up ok', 'Power Switch', '>On', 'Off'),
-    ('down ok', 'QAM SET', 'RF Freq', 'RF Level', '>Power Switch Off'),
+    ('down ok up', 'QAM SET       ↑', 'RF Level', 'Power Switch  On', '>RF Switch     On'),
+    ('ok', 'RF Switch', '>On            √', 'Off'),
+    ('cancel up ok', 'Power Switch', '>On            √', 'Off'),
+    ('down ok', 'QAM SET     ↑↓', 'RF Freq', 'RF Level', '>Power Switch Off'),
     ('up ok up', 'RF Level', '', '  115.0  dBuV'),
     ('cancel up ok up', 'RF Freq', '', '  1000.000 MHz'),
     ('cancel up ok up', 'Symbol Rate', '', '  7.000  Mbps'),
-    ('cancel up ok up ok', 'QAM SET', '>Qam Mode     256', 'Symbol Rate', 'RF Freq'),
-    ('cancel cancel down ok', '前端', 'QAM卡1', 'QAM卡3', '>语言        中文'),
-    ('up ok', 'QAM卡3', '>调制器状态', '调制器设置'),
+    ('cancel up ok up ok', 'QAM SET       ↓', '>Qam Mode     256', 'Symbol Rate', 'RF Freq'),
+    ('cancel cancel down ok', '前端          ↓', 'QAM卡1', 'QAM卡3', '>语言        中文'),
+    ('down ok', '告警', '>1 调制卡1', '>温度过高'),
+    ('cancel up up ok', 'QAM卡3', '>调制器状态', '调制器设置'),
     ('ok', '调制器状态', '>版本', '频点1', '频点2'),
-    ('down ok', '频点1', '>调制模式     256', '符号率', '输出频率'),
-    ('up', '频点1', *SWITCHES),
-    ('cancel down ok', '频点2', '>调制模式     256', '符号率', '输出频率'),
-    ('up', '频点2', *SWITCHES),
-    ('cancel cancel down ok', '调制器设置', '>调制模式     256', '符号率', '输出频率'),
-    ('ok', '调制模式', '64', '128', '>256'),
-    ('cancel up', '调制器设置', *SWITCHES),
-    ('ok', '调制开关', '>打开', '关闭'),
-    ('down ok', '调制器设置', *SWITCHES[:2], '>调制开关    关闭'),
-    ('up ok', '输出开关', '打开', '>关闭'),
-    ('cancel cancel cancel up ok ok ok', '版本', '>硬件版本    V1.0', '软件版本V2.1.05A', '逻辑版本 V2.1.05'),
+    ('down ok', '频点1         ↓', '>调制模式     256', '符号率', '输出频率'),
+    ('up', '频点1         ↑', *SWITCHES),
+    ('cancel down ok', '频点2         ↓', '>调制模式     256', '符号率', '输出频率'),
+    ('up', '频点2         ↑', *SWITCHES),
+    ('cancel cancel down ok', '调制器设置    ↓', '>调制模式     256', '符号率', '输出频率'),
+    ('ok', '调制模式', '64', '128', '>256           √'),
+    ('cancel up', '调制器设置    ↑', *SWITCHES),
+    ('ok', '调制开关', '>打开          √', '关闭'),
+    ('down ok', '调制器设置    ↑', *SWITCHES[:2], '>调制开关    关闭'),
+    ('up ok', '输出开关', '打开', '>关闭          √'),
+    ('cancel cancel cancel up ok ok ok', '版本', '>硬件版本    V1.0', '软件版  V2.1.05A', '逻辑版本 V2.1.05'),
+    ('cancel cancel down ok down ok left', '符号率', '', '  6.875  Mbps'),
 )
 
 
 def the_lcd_follows_the_keys(case):
-    flash, flags, end, png = case.flash(), [], len(STEPS) + 3, case.path('lcd.png')
+    flash, flags, end, png = case.flash(), ['--set', '1.temperature2=90', '--menu-timeout', '4'], len(STEPS) + 3, case.path('lcd.png')
     for n, (keys, *_) in enumerate(STEPS, 3):
         flags += ['--do', f'@{n} key {keys}', '--do', f'@{n}.9 lcd --json']
-    run = case.fast(flash, end + 1, '--card', '1', '--card', '3', '--key', 'ok,down,ok,cancel,cancel@2', *flags,
-                    '--do', f'@{end} lcd', '--do', f'@{end} lcd --png {png}')
+    run = case.fast(flash, end + 6, '--card', '1', '--card', '3', '--key', 'ok,down,ok,cancel,cancel@2', *flags,
+                    '--do', f'@{end} lcd', '--do', f'@{end} lcd --png {png}', '--do', f'@{end + 5} lcd')
     shown = [rows(each['output']) for each in run.report['commands'] if each['command'] == 'lcd --json']
     for (keys, *wanted), got in itertools.zip_longest(STEPS, shown):
         case.equal(got, wanted, f'rows after {keys}')
-    case.says(run, r'版本\n硬件版本    V1.0')
+    case.says(run, r' 符号率\n\n   6\.\[875\]  Mbps\n', r' 前端          ↓\n>QAM卡1\n')
     records = [harness.read(os.path.join(flash, harness.record_file(slot))) for slot in (1, 3)]
     case.equal([(record[24], record[29], record[32]) for record in records], [(6, 0, 15), (7, 1, 0)],
                'constellation, QAM switch and power in the records')
@@ -88,18 +92,28 @@ def the_lcd_follows_the_keys(case):
     case.equal([(s['codec_name'], s['width'], s['height']) for s in found], [('png', 544, 288)], 'the picture')
 
 
-# None of its items can be entered. Without a key for a second the panel goes back to its first row.
+# The messages of failed start-ups are shown one after the other, each for five seconds or until a key, with nothing of the
+# menu. None of a failed card's items can be entered. The language is kept.
 def a_card_that_does_not_run_says_why(case):
     flash = case.flash()
-    os.remove(os.path.join(flash, harness.BITSTREAM))
-    for timeout, keys, *wanted in (('0', ('ok', 'ok', 'right', 'down', 'ok'), 'QAM card1', 'no bitstream'),
-                                   ('1', ('down', 'ok'), '前端', '>QAM卡1         !', '语言        中文')):
-        with harness.Server(case, flash, '--menu-timeout', timeout) as server:
-            for due in (['Headend', '>QAM card1      !', 'Language English'], wanted):
-                lcd = server.wait(lambda: rows(case.qamctl(server.address, 'lcd', '--json').text) == due)
-                case.check(lcd, f'no {due} on the LCD')
-                case.qamctl(server.address, 'key', *keys)
-            server.stop(code=1)
+    bitstream, language = (os.path.join(flash, file) for file in (harness.BITSTREAM, 'panel/language.txt'))
+    os.makedirs(language)
+    case.says(case.fast(flash, 2, '--key', 'down,ok@1'), 'language is not kept: cannot save .*language')
+    os.rmdir(language)
+    harness.write(language, b'zh')
+    case.says(case.fast(flash, 2, '--do', '@1 lcd'), 'language.txt is damaged', 'Headend')
+    harness.write(bitstream, harness.read(bitstream)[:-1])
+    top = ['Headend       ↓', '>QAM card1      !', 'QAM card3      !', 'Language English']
+    first, second = ([f'Loading Card{card}', '', '', 'Config Error'] for card in (0, 2))
+    for steps in (((6, '', first), (11, '', second), (16, '', top),
+                   (17, 'ok ok right down ok', ['QAM card1', 'config error']), (18, 'cancel down down ok', None)),
+                  ((6, '', first), (7, 'ok', ['QAM卡1', '配置错误']))):
+        flags = [flag for at, keys, _ in steps for flag in (*(('--do', f'@{at - 0.2} key {keys}') if keys else ()),
+                                                            '--do', f'@{at} lcd --json')]
+        run = case.fast(flash, 19, '--card', '1', '--card', '3', *flags, codes=(1,))
+        shown = [rows(each['output']) for each in run.report['commands'] if each['command'] == 'lcd --json']
+        for (at, _, wanted), got in zip(steps, shown, strict=True):
+            case.check(wanted in (None, got), f'{got} where {wanted} is due at {at}')
 
 
 def tables_keep_their_intervals_while_a_value_is_edited(case):
@@ -202,7 +216,7 @@ def keys_edit_and_the_screen_follows(case):
         terminal.until('● 1 running', '○ 2 no card', '● 5 running', '^│QAM card1', '1' + before, '5' + before, '^none')
         for keys, heading in EDITS:
             terminal.keys(*keys.split())
-            terminal.until(f'^│{heading} *│')
+            terminal.until(f'^│{heading} *[↑↓ ]*│')
         terminal.until('1' + before, '5' + after)
         terminal.keys('Escape')
         terminal.until('^│QAM card5 *│')

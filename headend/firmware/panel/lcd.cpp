@@ -42,6 +42,17 @@ const Glyph* findGlyph(u16 code) {
 
 }  // namespace
 
+std::string_view cutToFit(std::string_view gbk, int width) {
+  std::string_view rest = gbk;
+  while (!rest.empty()) {
+    std::string_view next = rest;
+    width -= widthOf(takeCode(next));
+    if (width < 0) break;
+    rest = next;
+  }
+  return gbk.substr(0, gbk.size() - rest.size());
+}
+
 void Lcd::print(int row, int column, u32 mask, std::string_view gbk) {
   if (row < 0 || row >= protocol::kLcdRows || column < 0) return;
   int x = column;
@@ -56,7 +67,9 @@ void Lcd::print(int row, int column, u32 mask, std::string_view gbk) {
 void Lcd::printRow(int row, std::string_view left, std::string_view right, bool inverse) {
   if (row < 0 || row >= protocol::kLcdRows) return;
   erase(row, 0, protocol::kLcdWidth);
-  const int between = std::max(0, protocol::kLcdWidth - widthOf(left) - widthOf(right));
+  const int room = protocol::kLcdWidth - widthOf(right);
+  left = cutToFit(left, right.empty() ? room : room - kNarrow);
+  const int between = std::max(0, room - widthOf(left));
   const std::string blanks(static_cast<std::size_t>(between / kNarrow), ' ');
   print(row, 0, inverse ? ~u32{0} : 0, std::string(left) + blanks + std::string(right));
 }

@@ -17,6 +17,9 @@ struct Glyph {
 extern const Glyph kGlyphs[];  // by code; the build generates the table
 extern const std::size_t kGlyphCount;
 
+// The beginning of a text in GBK that is at most so many pixels wide, in whole characters.
+std::string_view cutToFit(std::string_view gbk, int width);
+
 class Lcd {
  public:
   // Clears all pixels.
@@ -27,7 +30,8 @@ class Lcd {
   // after it are not drawn. Texts on other rows or left of the LCD are ignored.
   void print(int row, int column, u32 mask, std::string_view gbk);
 
-  // Redraws the row with a text at its left edge and one at its right. Text that does not fit is cut off.
+  // Redraws the row with a text at its left edge and one at its right, and at least 8 pixels between them.
+  // The left text is cut to whole characters if there is no room for both, the right one only at the edge.
   void printRow(int row, std::string_view left, std::string_view right = {}, bool inverse = false);
 
   const protocol::LcdImage& shown() const { return shown_; }

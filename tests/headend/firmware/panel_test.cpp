@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <map>
 
 #include "headend/firmware/panel/panel.h"
 #include "tests/headend/kernel/rig.h"
+#include "tests/headend/scratch.h"
 
 namespace test {
 namespace {
@@ -123,26 +125,85 @@ TEST(Panel, PaceTheTaskThatScansThemAndEndAMenuThatIsNotUsed) {
 
 using chassis::item_t;
 
+// A panel with one card.
+struct MenuRig {
+  explicit MenuRig(const item_t* tree) {
+    panel.registerRoot({.flag = item_t::kLast, .submenu = tree, .en = {"card 1"}});
+    panel.start();
+  }
+  std::string screen() {
+    std::string rows;
+    for (int row = 0; row < protocol::kLcdRows; ++row) rows += panel.shown().markedText(row) + "/";
+    return rows;
+  }
+
+  Rig rig;
+  Scratch folder;
+  headend::Flash flash{folder.path};
+  chassis::card card{};
+  std::optional<protocol::Words> fault;
+  bool kept = true;
+  std::vector<headend::AlarmRecord> alarms;
+  headend::MenuEngine::Firmware firmware = {
+      .card = [this](int) { return &card; },
+      .fault = [this](int) { return fault; },
+      .recordKept = [this](int) { return kept; },
+      .text = [](int, u32) { return "1"; },
+      .alarms = [this] { return std::cref(alarms); },
+      .stop = [this](const std::string& text) { rig.kernel.fail(text); }};
+  headend::Panel panel{rig.kernel, flash, 5 * kSecond, firmware, [](const std::string&) {}};
+};
+
 TEST(Panel, ATreeThatCannotBeWalkedEndsTheRunAndIsNamed) {
-  const std::vector<item_t> endless(headend::Panel::kLongestTable + 1);
+  const std::vector<item_t> endless(headend::MenuEngine::kLongestTable + 1);
   const item_t unhandled = {.flag = item_t::kHandler | item_t::kLast, .en = {"Own"}};
   for (const auto& [tree, why] :
        {std::pair{endless.data(), "menu: the table below 'card 1' has no end mark in 64 items"},
         std::pair{&unhandled, "menu of slot 1: item 'Own' names no handler"}}) {
-    Rig rig;
-    chassis::card card{};
-    headend::Panel panel(rig.kernel, 0,
-                         {.card = [&](int) { return &card; },
-                          .fault = [](int) { return std::nullopt; },
-                          .text = [](int, u32) { return ""; },
-                          .stop = [&](const std::string& text) { rig.kernel.fail(text); }});
-    panel.registerRoot({.flag = item_t::kLast, .submenu = tree, .en = {"card 1"}});
-    panel.start();
-    panel.keys.press(chassis::kKeyConfirm);
-    panel.keys.press(chassis::kKeyConfirm);
-    rig.runUntil(kSecond);
-    EXPECT_EQ(rig.kernel.fatalError(), why);
+    MenuRig menu(tree);
+    menu.panel.keys.press(chassis::kKeyConfirm);
+    menu.panel.keys.press(chassis::kKeyConfirm);
+    menu.rig.runUntil(kSecond);
+    EXPECT_EQ(menu.rig.kernel.fatalError(), why);
   }
+}
+
+TEST(Panel, MarksWhatIsWrongAndTheCursorStaysOnItsAlarm) {
+  const item_t text = {.flag = item_t::kText | item_t::kLast, .en = {"a label that is lo"}};
+  const item_t table = {.flag = item_t::kLast, .submenu = &text, .en = {"Table"}};
+  MenuRig menu(&table);
+  const auto raise = [&menu](u8 number) {
+    headend::AlarmRecord& raised = menu.alarms.emplace_back();
+    raised.number = raised.alarm.Slot = number;
+    std::strcpy(raised.alarm.StrEnTitle, "Title");
+    std::strcpy(raised.alarm.StrEnTrap, "one two three four five");
+  };
+  const auto nothing = [] {};
+  const std::string rest = "/ Language English/ Alarms      none/";
+  const std::string item = " Table          */>a label that i 1///";
+  // What happens; the keys then, by their codes; and the screen two seconds later.
+  const std::tuple<std::function<void()>, std::string, std::string> steps[] = {
+      {[&] { menu.kept = false; }, "", " Headend/>card 1         *" + rest},
+      {nothing, "11", item},
+      {[&] { menu.fault = protocol::nameOf(protocol::CardState::kHung).words; }, "", " card 1/ hung///"},
+      {nothing, "12", " Headend/>card 1         !" + rest},
+      {nothing, "3641", " Alarms/ none///"},
+      {[&] { raise(1), raise(2); }, "", " Alarms/>3 Title/ 2 Title//"},
+      {[&] { raise(3); }, "4", " Alarms/ 4 Title/ 3 Title/>2 Title/"},
+      {nothing, "13", " Title         ↑/ Type           0/ one two three/>four five/"},
+      {[&] { menu.alarms.clear(), menu.fault.reset(); }, "", " Alarms/ none///"},
+      {nothing, "5411", item},
+      {nothing, "", item},
+      {nothing, "", " Headend/>card 1         *" + rest}};
+  Nanos at = 0;
+  for (const auto& [happens, keys, wanted] : steps) {
+    menu.rig.kernel.at(at += 100 * kMs, [&menu, &happens = happens, &keys = keys] {
+      happens();
+      for (const char key : keys) menu.panel.keys.press(static_cast<chassis::PanelKey>(key - '0'));
+    });
+    menu.rig.kernel.at(at += 1900 * kMs, [&menu, &wanted = wanted] { EXPECT_EQ(menu.screen(), wanted); });
+  }
+  menu.rig.runUntil(at + kMs);
 }
 
 }  // namespace

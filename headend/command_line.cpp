@@ -166,6 +166,7 @@ void checkTogether(const Options& options) {
   if (!snmp.isUsed() && !std::ranges::equal(snmp.base, protocol::kDefaultMibBase))
     wrong("--snmp-base", "needs --snmp or --snmp-trap");
   if (!snmp.listen && snmp.writeCommunity) wrong("--snmp-write-community", "needs --snmp");
+  if (!snmp.trapSink && snmp.inform) wrong("--snmp-inform", "needs --snmp-trap");
   if (snmp.trapSink && snmp.trapSink->port == 0) wrong("--snmp-trap", "no program receives on port 0");
   if (options.panel && options.fast) wrong("--panel", "is for real time: leave --fast out");
   if (options.panel && !options.manage) wrong("--panel", "reaches the headend over --manage, which is off");
@@ -335,6 +336,10 @@ void describeSnmp(Form& form, SnmpSettings& snmp) {
              "ADDRESS:PORT to which alarms go as notifications, by the trap-community or the trap-user")
           .group(group),
       snmp.trapSink, parseAddress);
+  form.flag(
+      "--snmp-inform",
+      "send notifications as INFORM, which the receiver acknowledges; those that it does not are sent again",
+      snmp.inform, group);
   form.value(Option("--snmp-base", "OID",
                     fmt::format("OID of ten components below which the slots are, slot 1 as .2 (default {}; "
                                 "qamctl mib --base prints a MIB for another)",

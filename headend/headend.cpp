@@ -82,7 +82,15 @@ Headend::Headend(Options chosen)
   checkParameterFiles(options.flash, options.slots, say);
   if (options.snmp.isUsed()) {
     snmp.emplace(
-        kernel, network, flash, options.snmp, [this](int slot) { return runs(slot); }, say);
+        kernel, network, flash, options.snmp,
+        [this](int slot) { return runs(slot) ? chassis.slot(slot).descriptor : nullptr; },
+        ChassisTables::Sources{.kernel = kernel,
+                               .slots = options.slots,
+                               .state = [this](int slot) { return state(slot); },
+                               .alarms = alarms,
+                               .checks = statusChecks,
+                               .rates = rates},
+        say);
     alarms.onEvent = [this](const AlarmRecord& event) { snmp->notify(event); };
   }
   setRunning(this);
@@ -195,7 +203,7 @@ void Headend::startCards() {
     alarms.setOwn(slot, protocol::kAlarmRecordNotKept, !kept,
                   kept ? protocol::words::kRecordKept : protocol::words::kRecordNotKept);
   };
-  statusChecks.start(options.slots, options.statusPeriod);
+  statusChecks.start(options.slots, options.statusPeriod, options.snmp.listen.has_value());
   backEnd.start();
   panel.start();
   if (snmp) snmp->start();

@@ -44,7 +44,8 @@ void doTheClocksWork(Headend& headend, const std::atomic<bool>& interrupted) {
     if (!headend.sinks.empty() || !headend.options.sources.empty()) advanceOutputs(headend);
   };
   const Options& options = headend.options;
-  const bool polls = options.fast && (options.manage || options.calibration || options.snmp.listen);
+  const bool polls =
+      options.fast && (options.manage || options.calibration || options.snmp.listen || options.snmp.inform);
   headend.observation.onSystemClock = [&headend, &interrupted, polls] {
     if (interrupted) headend.kernel.stop();
     if (polls) headend.network.pollHost(0);

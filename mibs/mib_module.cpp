@@ -4,6 +4,7 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <cctype>
 #include <numeric>
 #include <span>
 #include <string>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "platform/numbers.h"
+#include "protocol/alarms.h"
 #include "protocol/mib_rows.h"
 #include "protocol/variables.h"
 #include "ui/qamMibRows.h"
@@ -84,6 +86,26 @@ std::string labels(const CardVariable& variable) {
   return fmt::format("{}", fmt::join(all, ", "));
 }
 
+// "no_record" is noRecord.
+std::string stateLabels() {
+  std::vector<std::string> all;
+  for (const CardStateName& state : kCardStates) {
+    std::string label(state.name);
+    for (std::size_t at = 0; (at = label.find('_')) != std::string::npos;)
+      label.replace(at, 2, 1, static_cast<char>(std::toupper(static_cast<unsigned char>(label[at + 1]))));
+    all.push_back(fmt::format("{}({})", label, mibNumber(state.state)));
+  }
+  return wrapped(fmt::format("{}", fmt::join(all, ", ")), 20);
+}
+
+std::string severityLabels() {
+  std::vector<std::string> all;
+  for (int number = static_cast<int>(Severity::kIndeterminate);
+       number <= static_cast<int>(Severity::kWarning); ++number)
+    all.push_back(fmt::format("{}({})", nameOf(static_cast<Severity>(number)), number));
+  return wrapped(fmt::format("{}", fmt::join(all, ", ")), 20);
+}
+
 std::string description(const MibText& row, const CardVariable& variable, std::string_view unit) {
   std::string text(row.description);
   if (!isChoice(variable) && variable.step > 1) {
@@ -99,6 +121,8 @@ std::string description(const MibText& row, const CardVariable& variable, std::s
   }
   return text;
 }
+
+constexpr u32 kGroupOfFirstSlot = 3;  // after those of the alarms
 
 struct Row {
   const QamMibRow& at;
@@ -139,7 +163,7 @@ std::string slotText(const std::string& block, u32 slot) {
   return fill(repeat(block, "family", kFamilies, familyText),
               {{"slot", std::to_string(slot + 1)},
                {"node", std::to_string(kMibFirstSlot + slot)},
-               {"group", std::to_string(slot + 3)},  // after those of the alarms
+               {"group", std::to_string(kGroupOfFirstSlot + slot)},
                {"objects", wrapped(fmt::format("{}", fmt::join(objects, ", ")), 18)}});
 }
 
@@ -149,16 +173,11 @@ std::string slotText(const std::string& block, u32 slot) {
 struct Anchor {
   std::vector<u32> name;
   std::string descriptor;
-  std::string inSmi{};      // its import from SNMPv2-SMI
-  std::string elsewhere{};  // its import from another module
+  std::string import{};  // from SNMPv2-SMI
 };
 
 const Anchor& anchorOf(std::span<const u32> base) {
   static const Anchor kAnchors[] = {
-      {{1, 3, 6, 1, 4, 1, 8072, 9999, 9999},
-       "netSnmpPlaypen",
-       "",
-       "\n    netSnmpPlaypen\n        FROM NET-SNMP-MIB"},
       {{1, 3, 6, 1, 4, 1}, "enterprises", ",\n    enterprises"},
       {{1, 3, 6, 1}, "internet", ",\n    internet"},
       {{0}, "ccitt"},
@@ -180,8 +199,7 @@ Values baseValues(std::span<const u32> base) {
     above = name;
   }
   return {{"base", mibBaseText(base)},
-          {"anchor in SNMPv2-SMI", anchor.inSmi},
-          {"anchor elsewhere", anchor.elsewhere},
+          {"anchor", anchor.import},
           {"above", above},
           {"last", std::to_string(base.back())},
           {"nodes above", nodes.empty() ? "" : nodes + '\n'}};
@@ -202,10 +220,26 @@ std::string mibModule(std::span<const u32> base) {
       {"alarm type", kMibAlarmType},
       {"alarm english", kMibAlarmEnglish},
       {"alarm chinese", kMibAlarmChinese},
+      {"alarm number", kMibAlarmNumber},
+      {"alarm time", kMibAlarmTime},
+      {"alarm severity", kMibAlarmSeverity},
+      {"alarm state", kMibAlarmState},
+      {"alarm english title", kMibAlarmEnglishTitle},
+      {"alarm english content", kMibAlarmEnglishContent},
+      {"alarm chinese title", kMibAlarmChineseTitle},
+      {"alarm chinese content", kMibAlarmChineseContent},
+      {"chassis", kMibChassis},
+      {"alarm table", kMibAlarmTable},
+      {"card table", kMibCardTable},
+      {"sensor table", kMibSensorTable},
+      {"channel table", kMibChannelTable},
+      {"chassis group", kGroupOfFirstSlot + MAX_BOARD_NUM},
   };
   Values values = baseValues(base);
   for (const auto& [name, number] : kNumbers) values.emplace_back(name, std::to_string(number));
   for (const CardVariable& variable : cardVariables()) values.emplace_back(variable.name, labels(variable));
+  values.emplace_back("card states", stateLabels());
+  values.emplace_back("severities", severityLabels());
   std::vector<u32> slots(MAX_BOARD_NUM);
   std::iota(slots.begin(), slots.end(), 0);
   return fill(repeat(kTemplate, "slot", slots, slotText), values);

@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # Paths to QAM-HEADEND-MIB and the modules that it needs, for smilint and smidump (SMIPATH) and for the programs of
-# Net-SNMP (MIBDIRS, MIBS). Needs the packages erlang-snmp and libsnmp-base. In bash:
+# Net-SNMP (MIBDIRS, MIBS). Needs the package erlang-snmp. In bash:
 #
 #   build/gcc/tools/qamctl mib > build/QAM-HEADEND-MIB.txt
 #   . mibs/paths.sh
@@ -14,11 +14,11 @@ _qam_mibs() {
   local own base
   own=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build || return  # not here: Net-SNMP would read the template
   base=$(dpkg -L erlang-snmp 2>/dev/null | sed -n 's|/SNMPv2-SMI\.mib$||p') || true
-  if [[ -z $base || ! -e /usr/share/snmp/mibs/NET-SNMP-MIB.txt ]]; then
-    echo "The modules that QAM-HEADEND-MIB needs are missing: install erlang-snmp and libsnmp-base." >&2
+  if [[ -z $base ]]; then
+    echo "The modules that QAM-HEADEND-MIB needs are missing: install erlang-snmp." >&2
     return 1
   fi
-  export SMIPATH=$own:$base:/usr/share/snmp/mibs
+  export SMIPATH=$own:$base
   export MIBDIRS=$SMIPATH
   export MIBS=SNMPv2-MIB:SNMP-FRAMEWORK-MIB:SNMP-MPD-MIB:SNMP-USER-BASED-SM-MIB:QAM-HEADEND-MIB
 }

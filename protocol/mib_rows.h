@@ -9,11 +9,12 @@
 #include <string_view>
 #include <vector>
 
+#include "protocol/words.h"
 #include "ui/qamMibRows.h"
 
 namespace protocol {
 
-// Below netSnmpPlaypen of NET-SNMP-MIB, which is for experiments.
+// Below an arc of Net-SNMP's that is for experiments.
 inline constexpr std::array<u32, kMibBaseLength> kDefaultMibBase = {1, 3, 6, 1, 4, 1, 8072, 9999, 9999, 27};
 
 // "1.3.6.1.4.1.8072.9999.9999.27"
@@ -26,6 +27,7 @@ std::vector<u32> parseMibBase(std::string_view text);
 // Below the base, as kMibFirstSlot.
 inline constexpr u32 kMibNotifications = 0;
 inline constexpr u32 kMibNotificationObjects = 1;
+inline constexpr u32 kMibChassis = 11;  // after the slots, and after 10, the conformance of the MIB module
 
 // Below kMibNotifications.
 inline constexpr u32 kMibAlarmRaised = 1;
@@ -37,6 +39,25 @@ inline constexpr u32 kMibAlarmPort = 2;
 inline constexpr u32 kMibAlarmType = 3;
 inline constexpr u32 kMibAlarmEnglish = 4;
 inline constexpr u32 kMibAlarmChinese = 5;
+inline constexpr u32 kMibAlarmNumber = 6;
+inline constexpr u32 kMibAlarmTime = 7;
+inline constexpr u32 kMibAlarmSeverity = 8;
+inline constexpr u32 kMibAlarmState = 9;
+inline constexpr u32 kMibAlarmEnglishTitle = 10;
+inline constexpr u32 kMibAlarmEnglishContent = 11;
+inline constexpr u32 kMibAlarmChineseTitle = 12;
+inline constexpr u32 kMibAlarmChineseContent = 13;
+
+// Below kMibChassis.
+inline constexpr u32 kMibAlarmTable = 1;
+inline constexpr u32 kMibCardTable = 2;
+inline constexpr u32 kMibSensorTable = 3;
+inline constexpr u32 kMibChannelTable = 4;
+
+// The number of a card's state, from 1.
+constexpr long mibNumber(CardState state) {
+  return static_cast<long>(state) + 1;
+}
 
 // The texts of an object in the MIB, in the order of kMibRows; its unit and bounds are those of the card's
 // variable.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/numbers.h"
+#include "card/QamCardPara.h"
 #include "protocol/records.h"
 
 namespace protocol {
@@ -101,6 +102,10 @@ const CardVariable* findCardVariable(std::string_view idOrName) {
   if (const auto id = base::parseDecimal(idOrName)) return findCardVariable(*id);
   const auto* found = std::ranges::find(kVariables, idOrName, &CardVariable::name);
   return found == std::end(kVariables) ? nullptr : found;
+}
+
+const CardVariable* findCardVariable(u8 cardType, u32 id) {
+  return cardType == QAM_CARD_TYPE ? findCardVariable(id) : nullptr;
 }
 
 bool isPossible(const CardVariable& variable, std::int64_t value) {

@@ -53,6 +53,8 @@ std::span<const CardVariable> cardVariables();
 // Null if unknown. A text is an id in decimal or a name.
 const CardVariable* findCardVariable(u32 id);
 const CardVariable* findCardVariable(std::string_view idOrName);
+// Null also if the variables of this type of card are not known.
+const CardVariable* findCardVariable(u8 cardType, u32 id);
 
 // Whether the variable can have this value, for any writer. False if no bounds are known.
 bool isPossible(const CardVariable& variable, std::int64_t value);

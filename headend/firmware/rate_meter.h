@@ -50,6 +50,7 @@ class RateMeter {
   }
 
   const Rates& output(int slot, int port) const { return outputs_.at({slot, port}).rates; }
+  Nanos measuredAt() const { return measuredAt_; }
   double input(int slot, int port) const { return inputs_.at({slot, port}).rate; }
 
  private:

@@ -5,12 +5,15 @@
 #include <algorithm>
 
 #include "card/qamVar.h"
+#include "hw/ad7414.h"
+#include "protocol/variables.h"
 
 namespace headend {
 
 using protocol::CardState;
 
-void StatusChecks::start(const std::vector<int>& slots, Nanos period) {
+void StatusChecks::start(const std::vector<int>& slots, Nanos period, bool readsSensors) {
+  readsSensors_ = readsSensors;
   if (period == 0) return;
   const int ticks = std::max(1, static_cast<int>(period * kernel_.settings().tickHz / kSecond));
   for (const int slot : slots) {
@@ -32,9 +35,23 @@ void StatusChecks::check(int slot, int ticks) {
     const chassis::card* card = chassis_.slot(slot).descriptor;
     if (state_(slot) != CardState::kRunning || card->statusCheck == nullptr) continue;
     card->statusCheck(static_cast<u8>(slot));
-    if (std::exchange(isFirst, false))
-      alarms_.endReturnedInputs(slot, GetQamCardParaFromList(static_cast<u8>(slot))->qam_para.status);
+    const Pass pass = passOf(slot);
+    passes_[static_cast<std::size_t>(slot)] = pass;
+    if (std::exchange(isFirst, false)) alarms_.endReturnedInputs(slot, pass.lostInputs);
   }
+}
+
+// The card's variables of the sensors would lock the variables of all cards while one reads, and for good if
+// its line is stuck.
+StatusChecks::Pass StatusChecks::passOf(int slot) const {
+  const auto number = static_cast<u8>(slot);
+  Pass pass{.lostInputs = GetQamCardParaFromList(number)->qam_para.status};
+  if (readsSensors_) {
+    pass.temperatures = {protocol::signedDegrees(get_temper(number, 1)),
+                         protocol::signedDegrees(get_temper(number, 2))};
+  }
+  pass.at = kernel_.now();
+  return pass;
 }
 
 void StatusChecks::reportState(int slot) {

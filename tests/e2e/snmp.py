@@ -6,14 +6,17 @@ import json
 import os
 import random
 import re
+import select
 import shlex
+import shutil
 import socket
 import subprocess
 import sys
+import time
 
 import harness
 import mib
-from alarms import too_much
+from alarms import lost
 from harness import Server, poll, read, record_file, write
 
 def name(text):
@@ -109,7 +112,7 @@ def a_walk_finds_all_cards_and_nothing_of_the_host(case):
         oids = [name(line.split()[0]) for line in lines]
         case.equal(oids, sorted(set(oids)), 'order of the walk')
         cards = [instance(slot, stem) for slot in range(1, 7) for stem in SUFFIX]
-        case.equal([oid for oid in oids if oid[:len(BASE)] == BASE], cards, 'objects of the cards')
+        case.equal([oid for oid in oids if BASE < oid < (*BASE, 8)], cards, 'objects of the cards')
         groups = {oid: [subtree for subtree in SEEN if oid[:len(subtree)] == subtree] for oid in oids}
         case.equal([oid for oid in oids if not groups[oid]], [], 'objects that should not be seen')
         case.equal({*SEEN} - {*itertools.chain(*groups.values())}, set(), 'groups that are missing')
@@ -121,6 +124,31 @@ def a_walk_finds_all_cards_and_nothing_of_the_host(case):
             lines = agent.ask('snmpgetnext', LOOK, *map(dotted, part)).splitlines()
             got = [None if 'No more variables' in line else name(line.split()[0]) for line in lines]
             case.equal(got, wanted, f'GETNEXT of {part}')
+
+
+TABLES = {  # columns and values
+    'Standing': 'Slot.1 3 Channel.1 0 Type.1 770 Severity.1 major Slot.2 1 Channel.2 1 Type.2 769 Severity.2 critical '
+                'EnglishTitle.2 Card1 EnglishContent.2 Ch.1_Error ChineseTitle.2 卡1 ChineseContent.2 频点一错误 '
+                'EnglishText.2 No_Input ChineseText.2 无输入',
+    'Card': 'State.1 running State.3 running',
+    'Sensor': 'Temperature.1.1 -5_degrees_Celsius Temperature.1.2 25_degrees_Celsius Temperature.3.2 70_degrees_Celsius',
+    'Channel': 'Input.1.1 lost Input.1.2 present Input.3.2 present InputRate.1.1 0_bit/s'}
+
+
+def the_chassis_is_walked_by_name(case):
+    causes = (*lost(case, '1.1', '5'), '--set', '3.temperature2=70@1', '--set', '1.temperature1=-5@1')
+    with Agent(case, case.flash(), *causes, slots=(1, 3)) as agent:
+        agent.wait(lambda: agent.get((*BASE, 11, 1, 1, 2, 2)) == [1])
+        time.sleep(1.2)  # for a whole second without input
+        said = agent.ask('snmpwalk', '-v2c -c look -Oqs', 'qamChassis', MIBS=agent.tools.environment['MIBS'])
+        got = dict(re.findall(r'qam(\S+) (.*)', said))
+        for table, columns in TABLES.items():
+            for column, value in zip(columns.split()[::2], columns.split()[1::2]):
+                case.equal(got.get(table + column), value.replace('_', ' '), table + column)
+        case.check(got['ChannelNullRate.3.1'] == got['ChannelTotalRate.3.1'] > '37', f'rates in {got}')
+        ages = [value for column, value in got.items() if 'Age' in column]
+        case.check(len(ages) == 12 and all(re.match('0:0:00:0[01]', age) for age in ages), f'ages {ages}')
+        case.check(re.match('20..-', got['StandingSince.1']), got['StandingSince.1'])
 
 
 MON = '-a SHA-256 -A "monitor pass" -x AES -X monitorpriv'
@@ -210,6 +238,25 @@ def request(program, *words):
         return sink.recv(65536)
 
 
+# The same SET with lengths in the long form, and with another request-id.
+def long_lengths(message, request_id=None):
+    out = b''
+    while message:
+        tag, end = message[0], 2 + message[1]
+        content, message = message[2:end], message[end:]
+        if tag == 0xA3 and request_id:
+            content = bytes((2, len(request_id))) + request_id + content[2 + content[1]:]
+        content = long_lengths(content, request_id) if tag & 0x20 else content
+        out += bytes((tag, 0x83)) + len(content).to_bytes(3, 'big') + content
+    return out
+
+
+# The error status of a reply, which follows the request-id.
+def error_of(reply):
+    at = reply.index(b'change') + 8
+    return reply[at + 4 + reply[at + 1]]
+
+
 def a_set_is_done_whole_or_refused_by_name(case):
     flash = case.flash()
     with Agent(case, flash, slots=(1, 3)) as agent:
@@ -221,10 +268,16 @@ def a_set_is_done_whole_or_refused_by_name(case):
             error, failed, *words = numbers.split()
             said = agent.ask('snmpset', CHANGE, *words)
             case.check(re.search(rf'Reason: {error} [^$]*Failed object: \.{failed}\n', said), f'{row}: {said}')
-        large = request('snmpset', dotted(instance(1, 'Frequency')), 'x', '0100073B90')  # 2^32 + 474000
-        harness.Client(agent.snmp).socket.send(large.replace(b'\4\5\1\0', b'\2\5\1\0'))
-        case.equal(agent.get(instance(1, 'Frequency')), [554000], 'frequency after an INTEGER of more than 32 bits')
+        link, errors = harness.Client(agent.snmp).socket, name('1.3.6.1.2.1.11.6.0')  # snmpInASNParseErrs
+        for stem in ('Frequency', 'Ch2PowerSwitch'):  # 2^32 + 474000, in a value that Net-SNMP sends as a text
+            large = request('snmpset', dotted(instance(1, stem)), 'x', '0100073B90').replace(b'\4\5\1\0', b'\2\5\1\0')
+            link.send(large)
+            case.equal(error_of(link.recv(65536)), 8, f'wrongLength of {stem}')
+            link.send(long_lengths(large, request_id=b'\1\0\7\x3B\x90'))
+        case.equal(agent.get(errors), [2], 'requests whose request-id has more than 32 bits')
         case.equal(state(), before, 'records and readouts after all of them')
+        link.send(long_lengths(request('snmpset', level, 'i', '1000')))
+        case.equal(error_of(link.recv(65536)), 0, 'a request with lengths in the long form')
         agent.ask('snmpset', CHANGE, level, 'i', '1055', dotted(instance(3, 'Constellation')), 'i', '7')
         case.equal((agent.rf(1)[0]['level_dbuv'], agent.rf(3)[0]['constellation']), (105.5, '256-QAM'), 'two good ones')
 
@@ -247,48 +300,81 @@ def a_storm_of_damaged_requests_leaves_all_as_it_was(case):
         case.check(arrived > count, f'only {arrived} packets came in')
 
 
-TRAPS = {  # received notifications: from which virtual second on. The second run finds its PID map in the flash
-    ('Raised', '3', '1', '770', 'High Temperature', '温度过高'): 2,
-    ('Cleared', '3', '1', '770', 'qam card 3 normal temperature', '调制卡3温度恢复正常'): 5,
-    ('Raised', '1', '2', '771', 'QAM Card1 port2 rate overflow', '调制卡1端口2码率溢出'): 2,
-    ('Cleared', '1', '2', '771', 'QAM Card1 port2 rate resume', '调制卡1端口2码率恢复'): 8,
-}
+# State, slot, channel, type, number, severity and texts of a notification: from which virtual second on it is received.
+HEAT = 'QAM Card3 High Temperature', '调制卡3 温度过高'
+NOTES = {
+    ('raised', '3', '0', '770', '1', 'major', 'High Temperature', '温度过高', *HEAT): 2,
+    ('cleared', '3', '0', '770', '1', 'major', 'qam card 3 normal temperature', '调制卡3温度恢复正常', *HEAT): 5,
+    **{(state, '1', channel, '769', number, 'critical', english, chinese, f'Card1 Ch.{channel} Error', f'卡1 频点{digit}错误'):
+       at for channel, number, digit in (('1', '3', '一'), ('2', '4', '二')) for state, english, chinese, at in (
+           ('raised', 'No Input', '无输入', 6),
+           ('cleared', f'qam card 1 ch.{channel} input OK!', f'QAM卡1频点{digit}输入恢复正常', 9))}}
+TRAPS, PRIVATE = 'authCommunity log alarm\n', 'adm SHA-512 adminauth123 AES-256 adminpriv123\nauthUser log adm priv\n'
+RECEIVERS = (  # a line of the secrets, the receiver's configuration, flags
+    ('trap-community alarm', TRAPS), ('trap-community alarm', TRAPS, '--snmp-inform'),
+    ('trap-user adm', 'createUser -e {} ' + PRIVATE), ('trap-user adm', 'createUser ' + PRIVATE, '--snmp-inform'),
+    ('trap-user half', 'createUser -e {} half SHA halfauth123\nauthUser log half\n'))
 
 
+# Each is received once, on time, and an end has the number of its alarm.
 def alarms_come_as_notifications(case):
     flash = case.flash()
-    # Of two slots and both ports.
-    causes = ('--fast', '--seconds', '12', '--card', '1', '--card', '3', '--set', '3.temperature2=70@2',
-              '--set', '3.temperature2=69@5', *too_much(case, '1.2'), '--set', '1.symbolrate=6875@8')
+    causes = ('--card', '1', '--card', '3', '--set', '3.temperature2=70@2', '--set', '3.temperature2=69@5',
+              *lost(case, '1.1', '6..9'), '--programme', '1.2=6.1:One')
     with Agent(case, flash) as agent:
         engine, environment = agent.engine, agent.tools.environment
-    for line, configuration in (
-            ('trap-community alarm', 'authCommunity log alarm\n'),
-            ('trap-user adm',
-             f'createUser -e {engine} adm SHA-512 adminauth123 AES-256 adminpriv123\nauthUser log adm priv\n'),
-            ('trap-user half', f'createUser -e {engine} half SHA halfauth123\nauthUser log half\n')):
+    for line, configuration, *flags in RECEIVERS:
+        shutil.rmtree(os.path.join(flash, 'alarms'), ignore_errors=True)
         port, = harness.free_ports(1)
-        write(case.path('trapd.conf'), configuration.encode())
+        write(case.path('trapd.conf'), configuration.format(engine).encode())
         received = open(case.path('received'), 'wb')
         command = ['snmptrapd', '-f', '-Lo', '-C', '-c', case.path('trapd.conf'), '-Oqs', '-F', '%v\n',
                    f'127.0.0.1:{port}']
         receiver = subprocess.Popen(command, env=environment, stdout=received, stderr=received)
         try:
             poll(lambda: f':{port:04X} ' in read('/proc/net/udp').decode())
-            case.headend('--flash', flash, *causes, '--snmp-trap', f'127.0.0.1:{port}',
-                         '--snmp-secrets', secrets(case, *LINES, line))
-            poll(lambda: read(case.path('received')).decode().count('ChineseText') >= len(TRAPS))
+            case.headend('--flash', flash, '--fast', '--seconds', '12', *causes, '--snmp-trap', f'127.0.0.1:{port}',
+                         '--snmp-secrets', secrets(case, *LINES, line), *flags)
+            poll(lambda: read(case.path('received')).decode().count('ChineseContent') >= len(NOTES))
         finally:
             receiver.terminate()
             receiver.wait()
             received.close()
-        got = read(case.path('received')).decode()
-        found = re.findall(r'sysUpTime.0 0:0:00:(\d+)\.\d+\tsnmpTrapOID.0 qamAlarm(Raised|Cleared)\t'
-                           r'qamAlarmSlot.0 (\d+)\tqamAlarmPort.0 (\d+)\tqamAlarmType.0 (\d+)\t'
-                           r'qamAlarmEnglishText.0 (.*?)\tqamAlarmChineseText.0 (.*)', got)
-        case.equal(sorted(tuple(words) for _, *words in found), sorted(TRAPS), f'{line}: {got[-900:]!r}')
-        late = [int(second) - TRAPS.get(tuple(words), 0) for second, *words in found]
-        case.check(0 <= min(late) and max(late) <= 3, f'{line}: {late} s late')
+        got, late = read(case.path('received')).decode(), []
+        case.equal(got.count('snmpTrapOID.0 coldStart\n'), 1, f'{line} {flags}: coldStart')
+        found = re.findall(r'sysUpTime.0 0:0:00:(\d+)\.\d+\tsnmpTrapOID.0 qamAlarm(?:Rais|Clear)ed\t(.*)', got)
+        for second, note in found:
+            of = dict(re.findall(r'qamAlarm(\w+)\.0 ([^\t]+)', note))
+            words = (*(of[field] for field in ('State', 'Slot', 'Port', 'Type', 'Number', 'Severity', 'EnglishText', 'ChineseText')),
+                     *(of[language + 'Title'] + ' ' + of[language + 'Content'] for language in ('English', 'Chinese')))
+            late.append(int(second) - NOTES.get(words, 99))
+            case.equal(of['Time'], f'2000-1-1,0:0:{int(second)}.0,+0:0', f'{line}: {words}')
+        case.equal(len(found), len(NOTES), f'{line} {flags}: {got[-900:]!r}')
+        case.check(min(late) >= 0 and max(late) <= 3, f'{line} {flags}: {late} s late in {got}')
+
+
+def a_silent_receiver_delays_nothing_and_failures_of_authentication_are_told(case):
+    flash, community, failure = case.flash(), (*LINES, 'trap-community alarm'), bytes.fromhex('06092b0601060301010505')
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sink:
+        sink.bind(('127.0.0.1', 0))
+        sink.settimeout(harness.RETRY_SECONDS)
+        to = ('--snmp-trap', f'127.0.0.1:{sink.getsockname()[1]}')
+        with Agent(case, flash, *to, '--snmp-inform', lines=community) as agent:
+            case.equal(sink.recv(65536), sink.recv(65536), 'an INFORM that is sent again')
+            case.equal(agent.get(name(SYS_NAME)), ['headend'], 'the agent meanwhile')
+        heat = [word for at in range(1, 141) for word in ('--set', f'1.temperature2={69 + at % 2}@{at}')]
+        run = case.headend('--flash', flash, '--fast', '--seconds', '142', *heat, *to, '--snmp-inform',
+                           '--snmp-secrets', secrets(case, *community))
+        case.says(run, r'the oldest is dropped \(32 so far\)')
+        with Agent(case, flash, *to, lines=community) as agent:
+            began = time.monotonic()
+            for who in ('-v2c -c wrong', '-v2c -c wrong', ADM.replace('auth123', 'auth124')):
+                agent.ask('snmpget', who + ' -r 12 -t 0.1', SYS_NAME)  # for more than a second
+            lasted, got = time.monotonic() - began, []
+            while not got or select.select([sink], [], [], 0.2)[0]:
+                got.append(sink.recv(65536))
+            found = sum(failure in each for each in got)
+            case.check(3 <= found <= lasted + 1, f'{found} failures of authentication in {lasted} s')
 
 
 def a_card_that_hangs_or_is_not_configured_holds_up_no_other(case):
@@ -300,7 +386,7 @@ def a_card_that_hangs_or_is_not_configured_holds_up_no_other(case):
                                 ('snmpset', third, 'i', '474000', first, 'i', '474000')):
             said = agent.ask(program, CHANGE, *words)
             case.check('Reason: resourceUnavailable' in said, f'{program}: {said}')
-        case.equal(agent.get(name(third)), [554000], 'another card')
+        case.equal(agent.get(name(third), (*BASE, 11, 2, 1, 2, 1)), [554000, 5], 'another card, and the state of this one')
         beyond = f'.{dotted(instance(3, "HardwareVersion"))} = '
         for start in (mib.DEFAULT, dotted(instance(1, 'Ch2SymbolRate'))):
             said = agent.ask('snmpgetnext', LOOK, start)

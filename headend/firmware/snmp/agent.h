@@ -1,18 +1,17 @@
-// The chassis's SNMP agent: Net-SNMP in a task of the kernel, with the rows that cards have registered and
-// the system group. Only the users and communities that the operator configured have access. It sends the
-// events of the alarm list as SNMPv2 notifications, and uses no file of this machine except the flash. See
-// docs/snmp.md. Only one per process, because the library's state is global.
+// The chassis's SNMP agent: Net-SNMP in a task of the kernel, with the rows that cards have registered, the
+// tables of the chassis and the system group. Only the users and communities that the operator configured
+// have access. It sends the events of the alarm list as notifications, and uses no file of this machine
+// except the flash. See docs/snmp.md. Only one per process, because the library's state is global.
 #pragma once
 
-#include <deque>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "headend/firmware/alarm_list.h"
 #include "headend/firmware/snmp/card_rows.h"
+#include "headend/firmware/snmp/chassis_tables.h"
 #include "headend/firmware/snmp/library.h"
+#include "headend/firmware/snmp/notifier.h"
 #include "headend/firmware/snmp/secrets.h"
 #include "headend/kernel/network.h"
 
@@ -20,15 +19,12 @@ namespace headend {
 
 class SnmpAgent {
  public:
-  // Lower priority than the back end (220): operators are served before polling stations. Notifications have
-  // their own task: a card that delays the agent does not delay them.
+  // Lower priority than the back end (220): operators are served before polling stations.
   static constexpr int kPriority = 222;
-  static constexpr int kNotifierPriority = 223;
-  static constexpr std::size_t kWaitingMost = 1000;  // if more notifications wait, the oldest are not sent
 
   // Reads the secrets and opens the agent's sockets. Throws std::runtime_error.
-  SnmpAgent(Kernel& kernel, Network& network, Flash& flash, SnmpSettings settings,
-            std::function<bool(int slot)> runs, Say say);
+  SnmpAgent(Kernel& kernel, Network& network, Flash& flash, SnmpSettings settings, CardRows::CardOf cardOf,
+            const ChassisTables::Sources& chassis, Say say);
   void start();  // spawns the tasks
 
   // Rows of a card, and an event of the alarm list; callable from any task.
@@ -41,18 +37,17 @@ class SnmpAgent {
 
  private:
   void serve();
-  void sendNotifications();
 
   Kernel& kernel_;
   Network& network_;
   SnmpSettings settings_;
   Say say_;
   CardRows rows_;
+  ChassisTables tables_;
   std::optional<SnmpLibrary> library_;
+  std::optional<Notifier> notifier_;
   std::vector<Task*> servers_;
   bool readable_ = false;
-  std::vector<Task*> notifiers_;
-  std::deque<AlarmRecord> waiting_;
 };
 
 }  // namespace headend

@@ -60,11 +60,16 @@ int outwardError(int result) {
   return result == SNMP_ERR_NOSUCHNAME ? SNMP_ERR_NOTWRITABLE : result;
 }
 
-// What `qamctl var set` refuses, no other client gets past either: the card takes what it is given.
-bool isPossible(const chassis::variable& row, const netsnmp_variable_list& binding) {
-  if (row.type != ASN_INTEGER) return true;
-  const protocol::CardVariable* variable = protocol::findCardVariable(row.magic);
-  return variable != nullptr && protocol::isPossible(*variable, *binding.val.integer);
+// What `qamctl var set` refuses, no other client gets past either: the card takes what it is given. A row
+// without bounds is left to its card's handler.
+int checkValue(const chassis::variable& row, u8 cardType, const netsnmp_variable_list& binding) {
+  if (binding.type != row.type) return SNMP_ERR_WRONGTYPE;
+  if (row.type != ASN_INTEGER) return SNMP_ERR_NOERROR;
+  const long value = *binding.val.integer;
+  if (value != static_cast<i32>(value)) return SNMP_ERR_WRONGLENGTH;
+  const protocol::CardVariable* variable = protocol::findCardVariable(cardType, row.magic);
+  return variable == nullptr || protocol::isPossible(*variable, value) ? SNMP_ERR_NOERROR
+                                                                       : SNMP_ERR_WRONGVALUE;
 }
 
 // Whether a request means this row although its card does not run: by its instance, or on the way through the
@@ -117,8 +122,8 @@ bool CardRows::makeKnown() {
 
 // ---- Requests ----
 
-bool CardRows::runs(const Row& row) const {
-  return runs_(static_cast<int>(row.variable.name[kSlotComponent] - kMibFirstSlot));
+const chassis::card* CardRows::cardOf(const Row& row) const {
+  return cardOf_(static_cast<int>(row.variable.name[kSlotComponent] - kMibFirstSlot));
 }
 
 int CardRows::handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*registration*/,
@@ -145,7 +150,8 @@ int CardRows::read(Row& row, netsnmp_request_info& request, bool exact) const {
   chassis::variable& variable = row.variable;
   netsnmp_variable_list& binding = *request.requestvb;
   Name name = nameOf(binding);
-  if (!runs(row)) return asksFor(variable, name, exact) ? SNMP_ERR_RESOURCEUNAVAILABLE : SNMP_ERR_NOERROR;
+  if (cardOf(row) == nullptr)
+    return asksFor(variable, name, exact) ? SNMP_ERR_RESOURCEUNAVAILABLE : SNMP_ERR_NOERROR;
   const ReadingTurn turn;
   int length = 0;
   chassis::WriteMethod write = nullptr;
@@ -168,7 +174,8 @@ int CardRows::prepareWrite(Row& row, const netsnmp_request_info& request) const 
   row.write = nullptr;
   const netsnmp_variable_list& binding = *request.requestvb;
   Name name = nameOf(binding);
-  if (!runs(row)) return SNMP_ERR_RESOURCEUNAVAILABLE;
+  const chassis::card* card = cardOf(row);
+  if (card == nullptr) return SNMP_ERR_RESOURCEUNAVAILABLE;
   chassis::WriteMethod write = nullptr;
   {
     const ReadingTurn turn;
@@ -178,10 +185,9 @@ int CardRows::prepareWrite(Row& row, const netsnmp_request_info& request) const 
       return SNMP_ERR_NOCREATION;
   }
   if (write == nullptr) return SNMP_ERR_NOTWRITABLE;
-  if (binding.type != row.variable.type) return SNMP_ERR_WRONGTYPE;
-  if (!isPossible(row.variable, binding)) return SNMP_ERR_WRONGVALUE;
-  row.write = write;
-  return SNMP_ERR_NOERROR;
+  const int result = checkValue(row.variable, card->cardType, binding);
+  if (result == SNMP_ERR_NOERROR) row.write = write;
+  return result;
 }
 
 // One phase of a SET, for the card's write method.

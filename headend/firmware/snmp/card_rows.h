@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/agent.h"
+#include "platform/chassis.h"
 
 // Types of the library, which are used only in the sources.
 struct netsnmp_agent_request_info_s;
@@ -18,8 +19,9 @@ namespace headend {
 
 class CardRows {
  public:
-  // `runs` gives whether a slot's card has a configuration; without one, none of its rows is read or written.
-  explicit CardRows(std::function<bool(int slot)> runs) : runs_(std::move(runs)) {}
+  // Gives the card of a slot, or null if it does not run: then none of its rows is read or written.
+  using CardOf = std::function<const chassis::card*(int slot)>;
+  explicit CardRows(CardOf cardOf) : cardOf_(std::move(cardOf)) {}
 
   // Stores rows that a card registers; the agent's task adds them to the library later.
   void add(const u32* base, int baseLength, const chassis::variable4* rows, int count, int rowSize);
@@ -38,9 +40,9 @@ class CardRows {
   int read(Row& row, netsnmp_request_info_s& request, bool exact) const;
   int prepareWrite(Row& row, const netsnmp_request_info_s& request) const;
   static int carryOut(const Row& row, const netsnmp_request_info_s& request, int phase);
-  bool runs(const Row& row) const;
+  const chassis::card* cardOf(const Row& row) const;
 
-  std::function<bool(int slot)> runs_;
+  CardOf cardOf_;
   std::deque<Row> rows_;  // the library keeps pointers into it
   std::size_t known_ = 0;
 };

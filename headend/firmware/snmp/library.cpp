@@ -82,6 +82,16 @@ void useNoFilesBut(const std::filesystem::path& folder) {
   ::unsetenv("MIBFILES");
 }
 
+// Replaces the library's check of a packet before it is parsed, which reads files of the host about the
+// sender.
+int countPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/, void* /*sender*/,
+                int /*size*/) {
+  snmp_increment_statistic(STAT_SNMPINPKTS);
+  return 1;
+}
+
+}  // namespace
+
 netsnmp_transport* openTransport(const base::Address& address, bool listens, const char* purpose) {
   const auto failed = [&](const char* why) {
     fail("cannot {} {}:{}: {}", purpose, address.host, address.port, why);
@@ -95,16 +105,6 @@ netsnmp_transport* openTransport(const base::Address& address, bool listens, con
   if (transport == nullptr) failed(std::strerror(errno));
   return transport;
 }
-
-// Replaces the library's check of a packet before it is parsed, which reads files of the host about the
-// sender.
-int countPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/, void* /*sender*/,
-                int /*size*/) {
-  snmp_increment_statistic(STAT_SNMPINPKTS);
-  return 1;
-}
-
-}  // namespace
 
 std::string engineIdText(const EngineIdentity& engine) {
   return fmt::format("0x{:02x}", fmt::join(engine.id, ""));
@@ -193,30 +193,6 @@ void SnmpLibrary::listen(const base::Address& address) {
   requests_ = snmp_sess_pointer(added);
 }
 
-void SnmpLibrary::openSink(const base::Address& address, const SnmpSecrets& secrets) {
-  netsnmp_session session{};
-  snmp_sess_init(&session);
-  std::string name = secrets.trapUser;
-  std::string community = secrets.trapCommunity;
-  if (const SnmpSecrets::User* user = secrets.find(name)) {
-    session.version = SNMP_VERSION_3;
-    session.securityName = name.data();
-    session.securityNameLen = name.size();
-    session.securityLevel = user->hasPrivacy() ? SNMP_SEC_LEVEL_AUTHPRIV : SNMP_SEC_LEVEL_AUTHNOPRIV;
-    session.securityEngineID = engine_.id.data();  // the sender of notifications is the authority
-    session.securityEngineIDLen = engine_.id.size();
-    session.contextEngineID = engine_.id.data();
-    session.contextEngineIDLen = engine_.id.size();
-  } else {
-    session.version = SNMP_VERSION_2c;
-    session.community = reinterpret_cast<u8*>(community.data());
-    session.community_len = community.size();
-  }
-  netsnmp_transport* transport = openTransport(address, false, "send SNMP notifications to");
-  sink_ = snmp_add(&session, transport, nullptr, nullptr);
-  if (sink_ == nullptr) fail("Net-SNMP takes no session for notifications");
-}
-
 void SnmpLibrary::readRequest() {
   fd_set ready;
   FD_ZERO(&ready);
@@ -225,10 +201,12 @@ void SnmpLibrary::readRequest() {
   netsnmp_check_outstanding_agent_requests();
 }
 
-bool SnmpLibrary::send(snmp_pdu* notification) {
-  if (snmp_send(sink_, notification) != 0) return true;
-  snmp_free_pdu(notification);
-  return false;
+u32 SnmpLibrary::authenticationFailures() {
+  u32 all = 0;
+  for (const int counter : {STAT_SNMPINBADCOMMUNITYNAMES, STAT_USMSTATSUNKNOWNUSERNAMES,
+                            STAT_USMSTATSWRONGDIGESTS, STAT_USMSTATSDECRYPTIONERRORS})
+    all += snmp_get_statistic(counter);
+  return all;
 }
 
 }  // namespace headend

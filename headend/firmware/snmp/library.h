@@ -1,5 +1,5 @@
 // Net-SNMP set up for this process: configured by lines, without this machine's files, with its messages in
-// the headend's log; its two sessions, for requests and for notifications; and the identity of its engine.
+// the headend's log; its session for requests; and the identity of its engine.
 #pragma once
 
 #include <string>
@@ -9,6 +9,7 @@
 #include "headend/firmware/snmp/secrets.h"
 #include "headend/kernel/flash.h"
 
+struct netsnmp_transport_s;
 struct snmp_log_message;
 struct snmp_pdu;
 struct snmp_session;
@@ -28,21 +29,25 @@ EngineIdentity bootEngine(Flash& flash, const Say& say);
 
 std::string engineIdText(const EngineIdentity& engine);  // "0x80001f88..."
 
+// A UDP transport of the library, which listens on the address or sends to it. Throws std::runtime_error:
+// "cannot `purpose` ADDRESS: ...".
+netsnmp_transport_s* openTransport(const base::Address& address, bool listens, const char* purpose);
+
 class SnmpLibrary {
  public:
   // The folder snmp/ of the flash is the only one that the library may read. Throws std::runtime_error if the
   // library reports any error, because a rejected line could allow access by mistake.
   SnmpLibrary(Flash& flash, const std::vector<std::string>& configuration, Say say);
 
-  // Both throw std::runtime_error with the address in the message.
+  // Throws std::runtime_error with the address in the message.
   void listen(const base::Address& address);
-  void openSink(const base::Address& address, const SnmpSecrets& secrets);
 
   const EngineIdentity& engine() const { return engine_; }
   int fd() const { return fd_; }  // receives requests; -1 if it does not listen
 
-  void readRequest();                 // reads a received request and answers it
-  bool send(snmp_pdu* notification);  // takes ownership; false with errno if the host refuses
+  void readRequest();  // reads a received request and answers it
+  // Requests with a wrong community, user or passphrase so far.
+  static u32 authenticationFailures();
 
  private:
   void say(const std::string& text);
@@ -56,7 +61,6 @@ class SnmpLibrary {
   std::uint64_t timesSaid_ = 0;
   void* requests_ = nullptr;
   int fd_ = -1;
-  snmp_session* sink_ = nullptr;
 };
 
 }  // namespace headend

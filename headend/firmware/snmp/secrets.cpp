@@ -177,6 +177,12 @@ SnmpSecrets loadSnmpSecrets(const std::string& file) {
   return text == nullptr ? SnmpSecrets{} : parseSnmpSecrets(text, kVariable);
 }
 
+std::string userLine(const SnmpSecrets::User& user) {
+  return fmt::format(
+      "{} {} {}{}", quoted(user.name), user.authProtocol, quoted(user.authPassphrase),
+      user.hasPrivacy() ? fmt::format(" {} {}", user.privProtocol, quoted(user.privPassphrase)) : "");
+}
+
 std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, const SnmpSettings& settings) {
   const std::string cards = protocol::mibBaseText(settings.base);
   // A group without members: the library requires an access line, even without any user.
@@ -197,9 +203,7 @@ std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, const S
   int number = 0;
   for (const SnmpSecrets::User& user : secrets.users) {
     const std::string group = fmt::format("user{}", ++number);
-    lines.push_back(fmt::format(
-        "createUser {} {} {}{}", quoted(user.name), user.authProtocol, quoted(user.authPassphrase),
-        user.hasPrivacy() ? fmt::format(" {} {}", user.privProtocol, quoted(user.privPassphrase)) : ""));
+    lines.push_back("createUser " + userLine(user));
     lines.push_back(fmt::format("group {} usm {}", group, quoted(user.name)));
     lines.push_back(access(group, "usm", user.hasPrivacy() ? "priv" : "auth", user.writes));
   }

@@ -15,6 +15,7 @@ namespace headend {
 struct SnmpSettings {
   std::optional<base::Address> listen;    // nullopt: closed
   std::optional<base::Address> trapSink;  // nullopt: no notifications
+  bool inform = false;                    // whether notifications are acknowledged
   std::string secrets;                    // a file; empty: from the environment
   bool writeCommunity = false;            // whether it may set the cards
   // Ten components; the slot number follows them.
@@ -49,9 +50,12 @@ struct SnmpSecrets {
 SnmpSecrets loadSnmpSecrets(const std::string& file);
 SnmpSecrets parseSnmpSecrets(const std::string& text, const std::string& origin);
 
+// A user as Net-SNMP's configuration names it after createUser.
+std::string userLine(const SnmpSecrets::User& user);
+
 // The access rights, as lines of Net-SNMP's configuration. The most that can be read: the system and SNMP
-// groups, the engine's objects and counters, the cards. Writers may set the cards' objects. Only the
-// configured users and communities have access.
+// groups, the engine's objects and counters, the cards and the chassis. Writers may set the cards' objects.
+// Only the configured users and communities have access.
 std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, const SnmpSettings& settings);
 
 }  // namespace headend

@@ -1,10 +1,18 @@
 // What the SNMP agent starts from: the secrets that an operator names, and who the engine is over its
-// power-ups.
+// power-ups. And the bounds of a row.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
 
 #include "headend/firmware/snmp/library.h"
 #include "headend/firmware/snmp/secrets.h"
 #include "tests/client/messages.h"
+#include "tests/headend/headend_run.h"
 #include "tests/headend/scratch.h"
 
 namespace test {
@@ -68,6 +76,62 @@ TEST(SnmpEngine, CountsItsBootsAndIsANewOneWhereItsFileIsDamagedOrTheyAreUsedUp)
     EXPECT_TRUE(headend::engineIdText(engine).starts_with("0x80001f8805") && has(said, "damaged"));
     EXPECT_TRUE(boot().id == engine.id && boot().boots == 3);
   }
+}
+
+// The row 4.1.1.1 of slot 1, a variable of a modulator card, whose handler takes any number.
+i32 rowValue;
+int setRow(int /*action*/, u8* /*value*/, u8 /*type*/, int /*length*/, u8* /*stat*/, u32* /*name*/,
+           int /*names*/) {
+  return chassis::SNMP_ERR_NOERROR;
+}
+u8* findRow(chassis::variable* row, u32* name, int* length, int /*exact*/, int* size,
+            chassis::WriteMethod* write) {
+  *std::copy_n(row->name, row->namelen, name) = 0;
+  *length = row->namelen + 1;
+  *size = sizeof rowValue;
+  *write = setRow;
+  return reinterpret_cast<u8*>(&rowValue);
+}
+
+TEST(SnmpRows, HaveTheBoundsOfTheirTypeOfCard) {
+  constexpr std::string_view kSet(  // to 5
+      "\x30\x31\2\1\1\4\6"
+      "change"
+      "\xA3\x24\2\1\1\2\1\0\2\1\0\x30\x19\x30\x17"
+      "\6\x12\x2B\6\1\4\1\xBF\x08\xCE\x0F\xCE\x0F\x1B\2\4\1\1\1\0\2\1\5",
+      51);
+  constexpr std::size_t kErrorStatus = 20;
+  const chassis::variable4 row{kVarFrequency, chassis::ASN_INTEGER, chassis::RWRITE, findRow, 4,
+                               {4, 1, 1, 1}};
+  ::setenv("HEADEND_SNMP_SECRETS", "write-community change", 1);
+  Driven driven([](headend::Options& options) {
+    options.snmp.listen = {"127.0.0.1", 0};
+    options.snmp.writeCommunity = true;
+    options.statusPeriod = 0;
+  });
+  driven.drive([&] {
+    headend::Headend& headend = driven.headend();
+    std::vector<u32> name = headend.options.snmp.base;
+    name.push_back(kMibFirstSlot);
+    headend.snmp->registerRows(name.data(), static_cast<int>(name.size()), &row, 1, sizeof row);
+    const int socket = headend::openHostSocket("127.0.0.1", 0);
+    sockaddr_in agent{};
+    agent.sin_family = AF_INET;
+    agent.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    agent.sin_port = htons(base::parseAddress(headend.snmp->address())->port);
+    ASSERT_EQ(::connect(socket, reinterpret_cast<sockaddr*>(&agent), sizeof agent), 0);
+    for (const auto& [type, error] : {std::pair<u8, u8>{QAM_CARD_TYPE, chassis::SNMP_ERR_WRONGVALUE},
+                                      std::pair<u8, u8>{1, chassis::SNMP_ERR_NOERROR}}) {
+      headend.chassis.slot(0).descriptor->cardType = type;
+      std::array<u8, 100> reply{};
+      ::send(socket, kSet.data(), kSet.size(), 0);
+      for (int tick = 0; tick < 1000 && ::recv(socket, reply.data(), reply.size(), 0) < 0; ++tick)
+        headend.kernel.delay(1);
+      EXPECT_EQ(reply[kErrorStatus], error) << "type " << int{type};
+    }
+    headend.chassis.slot(0).descriptor->cardType = QAM_CARD_TYPE;
+    ::close(socket);
+  });
 }
 
 }  // namespace

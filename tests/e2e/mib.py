@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-# The MIB module in the eyes of programs that others wrote: four compilers find no fault in it, and what it says of the cards' objects is what qamctl lets an operator set.
+# The MIB module in the eyes of programs that others wrote: four compilers find no fault in it, and what it says of the
+# cards' objects is what qamctl lets an operator set.
 import json
 import os
 import re

@@ -334,8 +334,8 @@ def alarms_come_as_notifications(case):
         try:
             poll(lambda: f':{port:04X} ' in read('/proc/net/udp').decode())
             pace = ('--manage', 'off') if flags else ('--fast',)  # an answer takes wall time
-            case.headend('--flash', flash, *pace, '--epoch', '2000-01-01', '--seconds', '12', *causes, '--snmp-trap', f'127.0.0.1:{port}',
-                         '--snmp-secrets', secrets(case, *LINES, line), *flags)
+            case.headend('--flash', flash, *pace, '--epoch', '2000-01-01', '--seconds', '12', *causes,
+                         '--snmp-trap', f'127.0.0.1:{port}', '--snmp-secrets', secrets(case, *LINES, line), *flags)
             poll(lambda: read(case.path('received')).decode().count('ChineseContent') >= len(NOTES))
         finally:
             receiver.terminate()

@@ -23,6 +23,31 @@ quietly() {
   return $status
 }
 
+# Removes the build folder of a checkout that was copied or moved since, because its files name the old place.
+# Copies keep the times of their files, so ninja would find nothing to do.
+remove_moved_build() {  # FOLDER ROOT
+  local cache=$1/CMakeCache.txt
+  [[ -e $cache ]] || return 0
+  grep -qFx "CMAKE_HOME_DIRECTORY:INTERNAL=$2" "$cache" || rm -rf "$1"
+}
+
+# Shows how far ninja is: each step on a terminal, else a line every half minute.
+build_with_progress() {  # COMMAND...
+  if [[ -t 2 ]]; then "$@" >&2; return; fi
+  local log status=0 builder waited=0
+  log=$(mktemp)
+  "$@" >"$log" 2>&1 </dev/null &
+  builder=$!
+  while kill -0 "$builder" 2>/dev/null; do
+    sleep 1
+    ((++waited % 30)) || say "$(sed -n 's/^\(\[[0-9]*\/[0-9]*\]\).*/\1 built so far/p' "$log" | tail -n1)"
+  done
+  wait "$builder" || status=$?
+  if ((status)); then say "$(cat "$log")" "" "Failed: $*"; fi
+  rm -f "$log"
+  return $status
+}
+
 missing_packages() {
   comm -13 <(dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null | sed -n 's/ installed$//p' | sort -u) \
            <(printf '%s\n' "$@" | sort -u)

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <chrono>
+#include <functional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -45,9 +46,22 @@ template <typename... Args>
 }
 
 struct Link : base::Interface {
-  // Sends the request with a new sequence number and waits for its reply. Throws Error (kNoReply).
-  Reply call(Request request) {
+  static constexpr std::chrono::milliseconds kStartPatience{10'000}, kStartPoll{100};
+
+  // Called when the wait for a card's start-up begins and ends.
+  std::function<void(u16 slot, bool begins)> onStart = [](u16 /*slot*/, bool /*begins*/) {};
+
+  // Sends the request with a new sequence number and waits for its reply. While the card starts, the request
+  // is repeated, for up to kStartPatience. Throws Error (kNoReply).
+  Reply call(const Request& request) {
     Reply reply = exchange(request);
+    const bool waits = reply.result == kNotStarted;
+    if (waits) onStart(request.slot, true);
+    for (auto left = kStartPatience; reply.result == kNotStarted && left.count() > 0; left -= kStartPoll) {
+      wait(kStartPoll);
+      reply = exchange(request);
+    }
+    if (waits) onStart(request.slot, false);
     if (reply.recordNotKept) notKept_.insert(request.slot);
     if (!reply.recordNotKept && isForCard(request.operation)) notKept_.erase(request.slot);
     return reply;

@@ -248,6 +248,53 @@ struct Status final : Command {
   }
 };
 
+// For scripts: also waits for a headend that does not answer yet.
+struct Wait final : Command {
+  void describe(Form& form) override {
+    takeSlot(form, false);
+    form.integer(Option("--patience", "S", "seconds after which it fails"), patience_s_, 0, 86'400);
+    form.footer(
+        "Ends when the card runs, or all cards do; fails as soon as one cannot. Waits too for a headend that "
+        "does not answer yet.");
+  }
+
+  void carryOut(Session& session) override {
+    constexpr std::chrono::milliseconds kPoll{200};
+    for (std::chrono::milliseconds left = std::chrono::seconds(patience_s_);; left -= kPoll) {
+      std::string missing;
+      try {
+        missing = notRunning(session);
+        if (missing.empty()) return;
+      } catch (const client::Error& e) {
+        if (!e.gotNoReply()) throw;
+        missing = e.what();
+      }
+      if (left.count() <= 0) throw std::runtime_error(missing);
+      session.pause(kPoll);
+    }
+  }
+
+  // The card that starts; empty: there is none.
+  std::string notRunning(Session& session) const {
+    std::string starting;
+    bool isThere = false;
+    const Json status = requiredStatus(session);
+    for (const Json& card : member(status, "cards")) {
+      if (target.slot && number(card, "slot") != *target.slot + 1) continue;
+      isThere = true;
+      const std::string state = oneLine(member(card, "state"));
+      if (state == nameOf(protocol::CardState::kStarting).name)
+        starting = cardLine(card);
+      else if (state != nameOf(protocol::CardState::kRunning).name)
+        throw std::runtime_error(cardLine(card));
+    }
+    if (!isThere) throw std::runtime_error(fmt::format("{}: no card to wait for", session.chassis()));
+    return starting;
+  }
+
+  unsigned patience_s_ = 60;
+};
+
 struct Rates final : Command {
   void describe(Form& form) override {
     takeJson(form);
@@ -293,6 +340,7 @@ struct Rf final : Command {
 Group statusCommands() {
   return {.commands = {
               {"status", "Show the cards of the chassis and what they send", make<Status>},
+              {"wait", "Wait until a card runs, or all", make<Wait>},
               {"rates", "Show the rates of each channel: input, routed, PSI, null and total", make<Rates>},
               {"rf", "Show what goes out at the RF connectors", make<Rf>}}};
 }

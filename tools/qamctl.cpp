@@ -36,7 +36,7 @@ constexpr const char* kFooter =
     "  qamctl psi interval 1.2 NIT_C=1000 BAT=0\n"
     "  qamctl pidmap load 1.1 map.csv\n"
     "  qamctl programme add 1.1 --from 2.1 --service News --pass 0x12\n"
-    "  qamctl rates\n"
+    "  qamctl wait 1 && qamctl rates\n"
     "  qamctl var get 1 rfreq rflevel\n"
     "  qamctl var set 1 rfreq 602000\n"
     "  qamctl rf\n"
@@ -71,7 +71,11 @@ class SocketSession final : public commands::Session {
   ~SocketSession() override { SocketSession::progress(""); }  // before an error is printed
 
   client::Link& link() override {
-    if (!link_) link_.emplace(server_);
+    if (link_) return *link_;
+    link_.emplace(server_);
+    link_->onStart = [this](u16 slot, bool begins) {
+      progress(begins ? fmt::format("slot {}: waiting for the card's start-up", slot + 1) : "");
+    };
     return *link_;
   }
   client::CalibrationLink& calibration() override { return calibration_; }

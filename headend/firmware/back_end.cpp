@@ -118,8 +118,9 @@ u32 BackEnd::refuseTarget(const protocol::Request& request, Target target) const
   if (target == Target::kChannel && request.port >= MAX_QAM_OUT_NUM) return protocol::kBadSlotOrPort;
   if (!chassis_.slot(request.slot).occupied) return protocol::kNoCard;
   if (target != Target::kRunningCard) return protocol::kDone;
-  if (!chassis_.slot(request.slot).initReturned) return protocol::kNotStarted;
-  return state_(request.slot) == protocol::CardState::kRunning ? protocol::kDone : protocol::kNotRunning;
+  const protocol::CardState state = state_(request.slot);
+  if (state == protocol::CardState::kStarting) return protocol::kNotStarted;
+  return state == protocol::CardState::kRunning ? protocol::kDone : protocol::kNotRunning;
 }
 
 // ---- The variables of a card's channels ----
@@ -141,7 +142,8 @@ const chassis::bc_var* BackEnd::findVariable(const protocol::Request& request) c
 u32 BackEnd::callCard(const protocol::Request& request, base::Bytes& reply) {
   const int slot = request.slot & 0xFF;
   const Chassis::Slot* place = slot < MAX_BOARD_NUM ? &chassis_.slot(slot) : nullptr;
-  if (place != nullptr && place->descriptor != nullptr && !place->initReturned) return protocol::kNotStarted;
+  if (place != nullptr && place->occupied && !place->initReturned && !place->registrationFailed)
+    return state_(slot) == protocol::CardState::kStarting ? protocol::kNotStarted : protocol::kNotRunning;
   const chassis::bc_var* variable = findVariable(request);
   if (variable == nullptr) return protocol::kNoBackEnd;
 

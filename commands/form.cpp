@@ -5,9 +5,48 @@
 #include <sstream>
 
 namespace commands {
+namespace {
+
+constexpr const char* kWriteConfig = "--write-config";
+
+// The library does not give the line of a wrong key.
+class ConfigFile final : public CLI::ConfigTOML {
+ public:
+  explicit ConfigFile(const CLI::App& app) : app_(app) {}
+
+  std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
+    const std::string text{std::istreambuf_iterator<char>(input), {}};
+    std::istringstream stream(text);
+    auto all = CLI::ConfigTOML::from_config(stream);
+    for (const CLI::ConfigItem& item : all) {
+      const CLI::Option* option = app_.get_option_no_throw("--" + item.name);
+      if (option != nullptr && option->get_configurable() && item.parents.empty()) continue;
+      throw WrongCall(fmt::format("{} line {}: {} {} has no option '{}'",
+                                  app_.get_config_ptr()->as<std::string>(), lineOf(text, item.name),
+                                  app_.get_name(), QAM_VERSION, item.fullname()));
+    }
+    return all;
+  }
+
+ private:
+  static int lineOf(const std::string& text, const std::string& key) {
+    std::istringstream stream(text);
+    int number = 1;
+    for (std::string line; std::getline(stream, line); ++number)
+      if (CLI::detail::trim_copy(line.substr(0, line.find('='))) == key) return number;
+    return 0;
+  }
+
+  const CLI::App& app_;
+};
+
+}  // namespace
 
 Form::Form(const std::string& program, const std::string& text)
-    : app_(std::make_shared<CLI::App>(text, program)) {}
+    : app_(std::make_shared<CLI::App>(text, program)) {
+  if (!program.empty())
+    app_->set_version_flag("--version", program + " " QAM_VERSION, "print the version and end");
+}
 
 void Form::take(const Option& option, Take take) {
   const auto each = [take = std::move(take), name = option.name](const CLI::results_t& texts) {
@@ -52,6 +91,16 @@ void Form::excludes(const std::string& name, const std::string& other) {
   app_->get_option(name)->excludes(app_->get_option(other));
 }
 
+void Form::configuration() {
+  app_->config_formatter(std::make_shared<ConfigFile>(*app_));
+  app_->set_config("--config", "",
+                   "FILE with options, as --write-config prints them: a line NAME=VALUE for each")
+      ->type_name("FILE");
+  app_->add_flag_callback(
+          kWriteConfig, [] {}, "print the options of this call as a file for --config, and end")
+      ->configurable(false);
+}
+
 void Form::footer(const std::string& text) {
   app_->footer(text);
 }
@@ -69,6 +118,9 @@ void Form::parse(std::vector<std::string> words) {
   std::ranges::reverse(words);  // as the library takes them
   try {
     app_->parse(std::move(words));
+    const CLI::Option* writes = app_->get_option_no_throw(kWriteConfig);
+    if (writes != nullptr && writes->count() > 0)
+      throw Help{fmt::format("# Options of {} {}\n{}", app_->get_name(), QAM_VERSION, app_->config_to_str())};
   } catch (const CLI::RequiredError& e) {
     const auto extra = app_->remaining(true);
     throw WrongCall(extra.empty() ? e.what() : "there is no command '" + extra.front() + "'");

@@ -87,6 +87,8 @@ class Form {
   }
   void flag(const std::string& name, const std::string& text, bool& field, const std::string& group = "");
   void excludes(const std::string& name, const std::string& other);
+  // Adds --config, a file with options, and --write-config, which throws Help with such a file's text.
+  void configuration();
   void footer(const std::string& text);
 
   // A command, or a group of commands, below this one. Of a group one command must be called.

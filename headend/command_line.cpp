@@ -13,6 +13,7 @@
 #include "base/files.h"
 #include "client/calibration.h"
 #include "commands/command.h"
+#include "headend/fail.h"
 #include "headend/flag_values.h"
 #include "headend/hardware/faults.h"
 #include "headend/hardware/packet_sink.h"
@@ -70,11 +71,14 @@ void refuseSharedFiles(const Options& options) {
   namespace fs = std::filesystem;
   std::map<fs::path, std::string> users;
   const auto nameOf = [](const fs::path& file) {
-    std::error_code ignored;
+    std::error_code ignored, error;
+    const fs::path folder = fs::current_path(error);
+    if (error && file.is_relative())
+      fail("{}: the current folder is gone: change to another one", file.string());
     try {
-      return fs::weakly_canonical(fs::absolute(base::followLinks(file)), ignored);
+      return fs::weakly_canonical(folder / base::followLinks(file), ignored);
     } catch (const std::system_error&) {  // a loop of links: the open reports it
-      return fs::absolute(file);
+      return folder / file;
     }
   };
   const auto use = [&](const std::string& flag, const fs::path& file, bool isWritten) {
@@ -423,6 +427,7 @@ CommandLine parseCommandLine(int argc, char** argv) {
   Given given;
   Form form("headend", kDescription);
   form.footer(kFooter);
+  form.configuration();
   describeCards(form, line.options);
   describeRun(form, line.options, jobs);
   describeServices(form, line.options, given);

@@ -1,5 +1,7 @@
 #include "headend/flash_folder.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <array>
@@ -24,6 +26,18 @@ std::string eepromPath(int slot) {
   return fmt::format("/tffs0/eeprom/card{}.bin", slot + 1);
 }
 
+void requireFlash(const fs::path& folder) {
+  for (const char* below : {"", "para", "K717_QAM", "eeprom", "alarms", "panel", "snmp"}) {
+    const fs::path path = folder / below;
+    if (::access(path.c_str(), R_OK | X_OK) != 0 && errno != ENOENT && errno != ENOTDIR)
+      fail("flash folder {} cannot be entered: {}: change its permissions, or use another folder (--flash)",
+           path.string(), std::strerror(errno));
+  }
+  std::error_code ignored;
+  if (!fs::is_directory(folder, ignored))
+    fail("there is no flash folder {0}: make one with headend --init-flash --flash {0}", folder.string());
+}
+
 }  // namespace
 
 void initFlash(const fs::path& folder) {
@@ -39,12 +53,42 @@ void initFlash(const fs::path& folder) {
   if (!failure.empty()) fail("{}", failure);
 }
 
-void requireFlash(const fs::path& folder) {
-  if (!fs::is_directory(folder))
-    fail("there is no flash folder {0}: make one with headend --init-flash --flash {0}", folder.string());
+FlashLock::FlashLock(const fs::path& folder, const Say& say) {
+  requireFlash(folder);
+  const fs::path file = folder / "lock";
+  fd_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd_ < 0) {
+    say(fmt::format("{} cannot be opened: {}; a second headend on this flash folder is not refused",
+                    file.string(), std::strerror(errno)));
+    return;
+  }
+  if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+    std::string process;
+    std::ifstream(file) >> process;
+    ::close(fd_);
+    fail(
+        "flash folder {} is in use by process {}: two headends would overwrite each other's records. End "
+        "that "
+        "one, or give this one a folder of its own (--flash)",
+        folder.string(), process.empty() ? "(unknown)" : process);
+  }
+  const std::string process = fmt::format("{}\n", ::getpid());
+  if (::ftruncate(fd_, 0) != 0 || ::write(fd_, process.data(), process.size()) < 0)
+    say(fmt::format("{} cannot be written: {}", file.string(), std::strerror(errno)));
 }
 
-void checkParameterFiles(const fs::path& folder, const std::vector<int>& slots, const Say& say) {
+FlashLock::~FlashLock() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void checkFlashFiles(const fs::path& folder, const std::vector<int>& slots, const Say& say) {
+  const fs::path bitstream = folder / kBitstream;
+  if (::access(bitstream.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) {
+    say(
+        fmt::format("bitstream {} cannot be opened for update: {}. The cards take it for missing: make it "
+                    "writable",
+                    bitstream.string(), std::strerror(errno)));
+  }
   for (const int slot : slots) {
     const fs::path file = folder / "para" / fmt::format("card{}.dat", slot + 1);
     std::error_code ignored;

@@ -2,6 +2,8 @@
 // the calibration EEPROMs between runs, a file per slot.
 #pragma once
 
+#include <boost/core/noncopyable.hpp>
+
 #include <filesystem>
 #include <map>
 #include <string>
@@ -17,12 +19,24 @@ namespace headend {
 // bitstream.
 void initFlash(const std::filesystem::path& folder);
 
-// Throws std::runtime_error if there is no such folder.
-void requireFlash(const std::filesystem::path& folder);
+// Allows one headend at a time on a flash folder, because each would overwrite the records of the other:
+// holds a lock on a file in the folder, which the system removes with the process.
+class FlashLock : boost::noncopyable {
+ public:
+  // Throws std::runtime_error if there is no such folder, if it or a folder in it cannot be entered, or with
+  // the process that has the lock. `say` is called if the folder cannot be locked, because it is not
+  // writable.
+  FlashLock(const std::filesystem::path& folder, const Say& say);
+  ~FlashLock();
 
-// Reports through `say` the parameter files that a card will not use as they are. Throws std::runtime_error
-// for a file that the card cannot open for update, because the card would replace it with defaults.
-void checkParameterFiles(const std::filesystem::path& folder, const std::vector<int>& slots, const Say& say);
+ private:
+  int fd_ = -1;
+};
+
+// Reports through `say` the bitstream and the parameter files that a card will not use as they are. Throws
+// std::runtime_error for a parameter file that the card cannot open for update, because the card would
+// replace it with defaults.
+void checkFlashFiles(const std::filesystem::path& folder, const std::vector<int>& slots, const Say& say);
 
 class EepromFiles {
  public:

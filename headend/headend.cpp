@@ -55,6 +55,7 @@ Headend::Headend(Options chosen)
     : options(std::move(chosen)),
       log(options.log),
       heap(options.heapBytes, options.heapFill),
+      flashLock(options.flash, say),
       flash(options.flash, options.fast ? base::Flush::kLater : base::Flush::kNow),
       observation(kernel, bus, violations, chassis, monitor, log, say),
       kernel(options.kernel, observation),
@@ -73,13 +74,12 @@ Headend::Headend(Options chosen)
       automaticOperator(kernel, network, chassis, log),
       sockets(network, options.calibrationAge, say),
       eepromFiles(flash, say) {
-  requireFlash(options.flash);
   installCards();
   openOutputs();
   openInputs();
   connectRouter();
   provideServices();
-  checkParameterFiles(options.flash, options.slots, say);
+  checkFlashFiles(options.flash, options.slots, say);
   if (options.snmp.isUsed()) {
     snmp.emplace(
         kernel, network, flash, options.snmp,

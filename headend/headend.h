@@ -56,6 +56,7 @@ class Headend final : boost::noncopyable {
   const Say say = [this](const std::string& text) { log.line(kernel.now(), "headend", text); };
   Violations violations;
   Heap heap;
+  FlashLock flashLock;
   Flash flash;
   Observation observation;
   Kernel kernel;

@@ -23,7 +23,8 @@ std::optional<std::filesystem::path> Flash::hostPath(const std::string& path) co
 std::FILE* Flash::open(const char* path, const char* mode) const {
   const auto host = hostPath(path);
   // On a host a folder can be opened for reading; on the flash it is not a file.
-  if (!host || std::filesystem::is_directory(*host)) return nullptr;
+  std::error_code ignored;
+  if (!host || std::filesystem::is_directory(*host, ignored)) return nullptr;
   return std::fopen(host->c_str(), mode);
 }
 

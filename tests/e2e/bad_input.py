@@ -77,6 +77,8 @@ CALLS = """
 1 | --source 6=/dev/zero | /dev/zero.*device
 0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme add .*Harbour done
 0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*sync lost 1 times.* 100 behind
+2 | --config absent.conf | absent.conf
+2 | --config wrong.conf | wrong.conf line 2: headend .* no option 'fsat'
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=257.csv | 257.csv.*(257|256)
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=slot4.csv | slot4.csv.*(slot 4|4\\.1)
 """.strip().splitlines()
@@ -90,7 +92,7 @@ def inputs(case):
     for name in os.listdir(case.args.samples):
         os.symlink(case.sample(name), case.path(name))
     packets = packets_of(read(case.sample('two-programmes.ts')))
-    for name, content in {'full.ts': b'mine', '204.ts': b''.join(packet + bytes(16) for packet in packets),
+    for name, content in {'full.ts': b'mine', 'wrong.conf': b'seconds=3\nfsat=true\n', '204.ts': b''.join(packet + bytes(16) for packet in packets),
                           '257.csv': pid_map(*((6, 1, pid, pid) for pid in range(32, 289))),
                           'slot4.csv': pid_map((4, 1, 768, 1024))}.items():
         write(case.path(name), content)
@@ -140,6 +142,17 @@ def a_bad_file_in_the_flash_is_named_and_kept(case):
         case.equal(case.card(run, 1, state)['fpga_attempts'], attempts, f'{file}: attempts')
         case.check(harness.tree(flash).get(file) == given, f'{file}: the file is another')
         case.tidy(flash)
+    # What may not be entered or written: without the rights of root to do so all the same.
+    owner = ['setpriv', '--bounding-set=-dac_override,-dac_read_search', '--inh-caps=-dac_override,-dac_read_search']
+    for below, mode, text in (('', 0, 'cannot be entered'), ('para', 0, 'para cannot be entered'),
+                              (BITSTREAM, 0o444, 'qam.bin cannot be opened for update')):
+        path = case.path('flash', below)
+        kept = os.stat(path).st_mode
+        os.chmod(path, mode)
+        run = case.execute([*(owner if os.getuid() == 0 else []), case.args.headend, '--fast', '--seconds', '1', '--flash',
+                            case.path('flash')], (1,))
+        case.says(run, f'{text}.*Permission denied')
+        os.chmod(path, kept)
 
 
 # Every file larger than this meets a full disk; the signal that would end the program is ignored.

@@ -42,6 +42,7 @@ def bytes_written_outlive_a_kill(case):
         case.equal(service.socat(b'\1\0'), b'\1\0' + BLANK, 'a blank card')
         case.equal(service.socat(b'\2\0' + MINE), b'', 'reply to a write')
         case.equal(service.socat(b'\1\0 and whatever follows'), b'\1\0' + MINE, 'after a write')
+        case.says(case.fast(flash, 1, codes=(1,)), f'{flash} is in use by process {service.process.pid}')
         service.stop(signal.SIGKILL, -signal.SIGKILL)
     case.equal(harness.read(eeprom(flash))[:14], MINE + b'\xff', 'EEPROM after the plug was pulled')
     case.says(case.fast(flash, 1, '--eeprom', '1=blank', codes=(1,)), 'card1.bin')

@@ -51,10 +51,10 @@ def write(path, data):
     pathlib.Path(path).write_bytes(data)
 
 
-# Relative name and content of every file below a folder; links are none.
+# Relative name and content of every file below a folder; links are none, nor is a lock.
 def tree(folder):
     return {str(path.relative_to(folder)): read(path) for path in pathlib.Path(folder).rglob('*')
-            if not path.is_symlink() and path.is_file()}
+            if not path.is_symlink() and path.is_file() and path.name != 'lock'}
 
 
 def free_ports(count):

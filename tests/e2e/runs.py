@@ -40,28 +40,32 @@ def settings_are_on_the_air_and_survive_a_restart(case):
             case.check(record == bytes(due), f'the record with {given} is not the default with these fields')
 
 
-# Every file that a run with much in it leaves: two cards, uploads on the way, a crowded bus, a programme.
-def run(case, program):
+# Every file that a run with much in it leaves: two cards, uploads on the way, a crowded bus, a programme. With `config`
+# its flags are in a configuration file.
+def run(case, program, config=False):
     folder = case.path(f'run{case.runs}')
     flash, outs = case.flash(folder), {channel: os.path.join(folder, channel) for channel in ('1.1', '1.2', '5.2')}
     # A short one, so that loading it does not fill the bus log.
     harness.write(os.path.join(flash, harness.BITSTREAM), bytes(range(256)) * 10)
-    done = case.headend(
+    flags = [
         '--fast', '--seconds', '4', '--card', '1', '--card', '5', '--any-bitstream', '--bus-ns', '150',
         '--flash', flash, '--psi', f'1.1={case.sample("psi-many.ts")}', '--psi', f'1.1={case.sample("psi-small.ts")}@2.5',
         '--psi', f'5.2={case.sample("psi-full.ts")}', '--interval', '1.1.PMT=1', '--interval', '5.2.SDT_O=2',
         '--source', f'6={case.sample("two-programmes.ts")}', '--programme', '1.2=6.1:Harbour',
         '--do', '@2.5 var set 1 rfreq 474000', '--do', '@3.5 rf 1', '--do', '@3 cal read 1',
         *[word for channel, file in outs.items() for word in ('--out', f'{channel}={file}')],
-        *[word for name in ('log', 'trace', 'bus-log', 'report') for word in ('--' + name, os.path.join(folder, name))],
-        other=program)
+        *[word for name in ('log', 'trace', 'bus-log') for word in ('--' + name, os.path.join(folder, name))]]
+    if config:
+        harness.write(case.path('conf'), case.execute([case.args.headend, *flags, '--write-config']).text.encode())
+        flags = ['--config', case.path('conf')]
+    done = case.headend(*flags, '--report', os.path.join(folder, 'report'), other=program)
     case.says(done, r'slot 1\n  common  00 04[\s\S]*1\.1  on air    474\.0000 .*\n1\.2')  # what the commands show, in order
     return harness.tree(folder)
 
 
 # The second one is by a headend of another build if one is given.
 def two_runs_give_equal_bytes(case):
-    first, second = run(case, None), run(case, case.args.other)
+    first, second = run(case, None), run(case, case.args.other, config=True)
     case.check(len(first['5.2']) > 10_000_000, 'the output is too short to say anything')
     differ = [name for name in sorted({*first, *second}) if first.get(name) != second.get(name)]
     case.equal(differ, [], 'files that differ')

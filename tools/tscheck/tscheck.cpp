@@ -198,6 +198,7 @@ int runProgram(int argc, char** argv) {
   unsigned defaultInterval = 300;
   bool asJson = false;
   CLI::App app(kDescription, "tscheck");
+  app.set_version_flag("--version", "tscheck " QAM_VERSION, "print the version and end");
   app.footer(kFooter);
   app.add_option("FILE", options.file, "transport stream of packets of 188 bytes")->required();
   app.add_option_function<std::string>(

@@ -13,7 +13,7 @@ DOCUMENTS = ('README.md', *(f'docs/{name}.md' for name in (
     'calibration', 'headend', 'management-datagram', 'snmp', 'tracing', 'tscheck')))
 SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a player needs a screen',
            r'.*qamctl panel': 'needs a terminal: panel.py', r'apt-get': 'installed by ./test',
-           r'QAM_LONG=1': 'a long campaign', r'.*\[--': 'the form of a command'}
+           r'gtkwave': 'a viewer needs a screen', r'QAM_LONG=1': 'a long campaign', r'.*\[--': 'the form of a command'}
 
 # ./run without its build; what runs until a user ends it runs beside the following commands.
 PRELUDE = '''
@@ -22,7 +22,10 @@ ip link set lo up
 server=
 stop() { [ -z "$server" ] || { kill $server || true; wait $server || true; server=; }; }
 trap 'stop; kill $(jobs -p) 2>/dev/null || true' EXIT
-headend() { [ -e other ] || build/gcc/headend/headend --init-flash --flash other; build/gcc/headend/headend --flash other "$@"; }
+headend() {
+  [ -e other ] || build/gcc/headend/headend --init-flash --flash other
+  build/gcc/headend/headend --flash other "$@"
+}
 qamctl() { build/gcc/tools/qamctl "$@"; }
 timeout() { command timeout "$@" || [ $? = 124 ]; }
 snmptrapd() { command snmptrapd "$@" & sleep 1; }
@@ -38,8 +41,8 @@ chassis() {
 '''
 
 
-# (line, commands, lines that they must print) of each block that is indented or marked sh or python. What it prints is a
-# block without a mark directly behind it, or what follows a line with a $.
+# (line, commands, lines that they must print) of each block that is indented or marked sh or python. What it prints is
+# a block without a mark directly behind it, or what follows a line with a $.
 def blocks(file):
     text = open(os.path.join(ROOT, file)).read()
     form = r'^```(?:sh|python)\n(.*?)^```\n(?:\n```\n(.*?)^```)?|^```.*?^```|((?:^    [^\n]*\n)+)'
@@ -53,7 +56,8 @@ def blocks(file):
 
 def is_command(text):
     word = text.split()[0]
-    return word[0] in '(.' or bool(shutil.which(word)) or word in ('headend', 'qamctl') or word.startswith(('build/', 'QAM'))
+    ours = word in ('headend', 'qamctl') or word.startswith(('(', '.', 'build/', 'QAM'))
+    return ours or shutil.which(word) is not None
 
 
 def every_command_of_a_document_can_be_done(case):

@@ -78,7 +78,8 @@ struct VarGet final : Command {
     takeJson(form);
     form.footer(
         "A bit rate takes the card half a second, in which it answers no other client.\n"
-        "A number is shown as the card stores it; behind it, in brackets, what it means.");
+        "A number is shown as the card stores it; behind it, in brackets, what it means.\n"
+        "\nExample: qamctl var get 1 rfreq rflevel");
   }
 
   // Prints when all have been read, so never a partial answer.
@@ -113,7 +114,8 @@ struct VarSet final : Command {
     form.footer(
         "A symbol rate without a row in the clock table (5000 to 7000 in steps of 125 have one) is set, with "
         "a note:\n"
-        "the clock generator keeps its rate, and the channels are faulty until another rate is set.");
+        "the clock generator keeps its rate, and the channels are faulty until another rate is set.\n"
+        "\nExample: qamctl var set 1 rfreq 602000");
   }
 
   void prepare(Surroundings& /*surroundings*/) override {
@@ -175,7 +177,9 @@ struct CallRoutine final : Command {
     form.text(Option("routine", "ROUTINE", "its name").required(), routine_);
     form.values(Option("arguments", "ARGS", "numbers, decimal or 0x").count(1, kAny), arguments_, argumentOf);
     form.number(Option("--seconds", "S", "how long to wait for its end"), seconds_, 0.001, 1e6);
-    form.footer("The routine runs in its own task; what it prints is shown as it is printed.");
+    form.footer(
+        "The routine runs in its own task; what it prints is shown as it is printed.\n"
+        "\nExample: qamctl call 1 QamFpgaIfTest 0x5A5A");
   }
 
   void carryOut(Session& session) override {

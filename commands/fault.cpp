@@ -23,6 +23,7 @@ struct FaultAdd final : Command {
     form.number(
         {"--seconds", "S", "it ends by itself after this time, in whole milliseconds (0: it has no end)"},
         seconds_, 0, 4e6);
+    form.footer("Example: qamctl fault add 1.clock-no-ack --seconds 5");
   }
   void carryOut(Session& session) override {
     client::addFault(session.link(), fault_,
@@ -38,6 +39,7 @@ struct FaultClear final : Command {
     form.value(
         Option("FAULT", "[N.]NAME", "the fault; without one all faults end, and none that is planned begins"),
         fault_, faultOf);
+    form.footer("Example: qamctl fault clear 1.clock-no-ack");
   }
   void carryOut(Session& session) override { client::clearFault(session.link(), fault_); }
 
@@ -45,7 +47,10 @@ struct FaultClear final : Command {
 };
 
 struct FaultList final : Command {
-  void describe(Form& form) override { takeJson(form); }
+  void describe(Form& form) override {
+    takeJson(form);
+    form.footer("Example: qamctl fault list --json");
+  }
   void carryOut(Session& session) override {
     const Json faults = Json::parse(client::listFaults(session.link()), nullptr, false);
     if (!faults.is_array()) throw client::Error("the list of faults cannot be read");

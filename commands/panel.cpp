@@ -52,8 +52,7 @@ struct Lcd final : Command {
     takeJson(form);
     form.footer(
         "A > marks the chosen row. Other characters that are inverse, as the digit under an editor's cursor, "
-        "are "
-        "in\n"
+        "are in\n"
         "[brackets]. With --json the rows are without these marks, and \"inverse\" lists the characters.");
   }
 
@@ -82,8 +81,8 @@ struct Key final : Command {
                 });
     form.footer(
         "The panel takes keys as fast as its menu can; up to 64 wait for it. If one is refused, the message "
-        "says "
-        "how many were taken.");
+        "says how many were taken.\n"
+        "\nExample: qamctl key down ok");
   }
 
   void carryOut(Session& session) override {
@@ -112,7 +111,8 @@ struct PanelOnTerminal final : Command {
     form.footer(
         "Keys: the arrow keys, Enter and Esc are the panel's own; l changes the language of the alarms, p "
         "shows the\n"
-        "LCD by its pixels where there is room, q, F10 and Ctrl-C quit. The headend goes on.");
+        "LCD by its pixels where there is room, q, F10 and Ctrl-C quit. The headend goes on.\n"
+        "\nExample: qamctl --server 192.0.2.7:49160 panel");
   }
   void carryOut(Session& session) override { session.showPanel(std::chrono::seconds(patience_s_)); }
 

@@ -152,7 +152,8 @@ struct MapLoad final : MapReplace {
         "the type and the programme numbers are only stored.\n"
         "The map that was there is kept, until the new one is on the air, in "
         "$XDG_STATE_HOME/qamctl/ADDR:PORT/pidmap-N.P.rescue.csv, else below ~/.local/state; an error puts it "
-        "back.");
+        "back.\n"
+        "\nExample: qamctl pidmap load 1.1 map.csv --dry-run");
   }
 
   void prepare(Surroundings& surroundings) override {
@@ -194,7 +195,8 @@ struct MapRelease final : ChangeCommand {
     form.excludes("--empty", "--restore");
     form.footer(
         "Without --restore and --empty the map is sent that is on the air, which has lost its programme "
-        "numbers and types. First make sure that no client is loading the channel.");
+        "numbers and types. First make sure that no client is loading the channel.\n"
+        "\nExample: qamctl pidmap release 1.1 --restore pidmap-1.1.rescue.csv");
   }
 
   void prepare(Surroundings& /*surroundings*/) override {

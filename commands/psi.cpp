@@ -96,7 +96,8 @@ struct PsiShow final : Command {
     takeJson(form);
     form.footer(
         "A table of several sections takes its interval once a section, so both are shown: the interval, and "
-        "the time within which the whole table has come.");
+        "the time within which the whole table has come.\n"
+        "\nExample: qamctl psi show 1.1 --save backup.ts");
   }
 
   // Saved first: the reader of the output may stop reading.
@@ -140,7 +141,8 @@ struct PsiInterval final : ChangeCommand {
         "A countdown that runs is not cut short: the new interval counts from the next section on.\n"
         "An interval of 0 that comes in the middle of a section leaves that PID to the section: the other "
         "tables of the PID (SDT_C, SDT_O and BAT; NIT_C and NIT_O) stay held until the table goes on or the "
-        "next load or clear.");
+        "next load or clear.\n"
+        "\nExample: qamctl psi interval 1.2 NIT_C=1000 BAT=0");
   }
 
   void carryOut(Session& session) override {

@@ -255,7 +255,8 @@ struct Wait final : Command {
     form.integer(Option("--patience", "S", "seconds after which it fails"), patience_s_, 0, 86'400);
     form.footer(
         "Ends when the card runs, or all cards do; fails as soon as one cannot. Waits too for a headend that "
-        "does not answer yet.");
+        "does not answer yet.\n"
+        "\nExample: qamctl wait 1 && qamctl rf 1");
   }
 
   void carryOut(Session& session) override {
@@ -300,7 +301,8 @@ struct Rates final : Command {
     takeJson(form);
     form.footer(
         "Input is what comes in from the inputs that the channel's PID map names, routed what of it is sent. "
-        "A channel that drops packets has more routed to it than its symbol rate and constellation carry.");
+        "A channel that drops packets has more routed to it than its symbol rate and constellation carry.\n"
+        "\nExample: qamctl rates --json");
   }
   void carryOut(Session& session) override {
     const Json report = ratesReport(requiredStatus(session));
@@ -315,7 +317,8 @@ struct Rf final : Command {
     form.footer(
         "kBd is the symbol rate that the modulator was set to, clock kBd the one that the clock generator "
         "gives. A channel\n"
-        "is on air, off, or faulty; the line below says why. '-' is for a value that cannot be measured.");
+        "is on air, off, or faulty; the line below says why. '-' is for a value that cannot be measured.\n"
+        "\nExample: qamctl rf 1");
   }
 
   void carryOut(Session& session) override {

@@ -34,6 +34,8 @@ void requireFlash(const fs::path& folder) {
            path.string(), std::strerror(errno));
   }
   std::error_code ignored;
+  if (fs::exists(folder, ignored) && !fs::is_directory(folder, ignored))
+    fail("{} is no folder: name the flash folder with --flash", folder.string());
   if (!fs::is_directory(folder, ignored))
     fail("there is no flash folder {0}: make one with headend --init-flash --flash {0}", folder.string());
 }

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <optional>
 #include <system_error>
 
@@ -28,12 +29,21 @@ void writeReport(const std::string& path, const std::string& text) try {
   headend::fail("cannot write report {}: {}", path, e.code().message());
 }
 
+// A report is written at the end of the run: better no run than one without its report.
+void requireFolderOf(const std::string& report) {
+  std::error_code ignored;
+  const std::filesystem::path folder = std::filesystem::path(report).parent_path();
+  if (!folder.empty() && !std::filesystem::is_directory(folder, ignored))
+    headend::fail("cannot write report {}: there is no folder {}", report, folder.string());
+}
+
 int run(const headend::Options& options) {
   if (options.initFlash) {
     headend::initFlash(options.flash);
     fmt::print("made flash folder {} with the sample bitstream\n", options.flash.string());
     return headend::kExitDone;
   }
+  requireFolderOf(options.report);
   std::optional<headend::PanelProcess> panel;
   if (options.panel) panel.emplace();
   headend::Headend machine(options);

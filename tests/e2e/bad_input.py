@@ -59,7 +59,8 @@ CALLS = """
 1 | --trace missing/t.vcd | missing/t.vcd
 1 | --trace full | full
 1 | --flash nowhere | nowhere.*init-flash
-1 | --flash full.ts | full.ts
+1 | --flash full.ts | full.ts is no folder
+1 | --report missing/x --out 1.1=never.ts | missing/x: there is no folder
 1 | --init-flash --flash full.ts | full.ts
 1 | --manage TAKEN | TAKEN
 1 | --psi 1.1=/nonexistent/x.ts | /nonexistent/x.ts

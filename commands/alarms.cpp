@@ -2,6 +2,9 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "client/chassis_services.h"
 #include "commands/command.h"
 #include "commands/status.h"
@@ -38,9 +41,10 @@ struct Alarms final : Command {
     form.flag("--follow", "then go on with each event as it comes, until interrupted", follow_);
     form.take(Option("--lang", "LANG", "language of the texts: zh or en").byDefault("en"),
               [this](const std::string& text) {
-                if (text != "zh" && text != "en")
+                const auto* found = std::ranges::find(chassis::kLanguages, text, protocol::codeOf);
+                if (found == std::end(chassis::kLanguages))
                   throw std::invalid_argument("'" + text + "' is not zh or en");
-                language_ = text == "zh" ? chassis::Language::kChinese : chassis::Language::kEnglish;
+                language_ = *found;
               });
     form.flag("--json", "one line of JSON an alarm or event, with both languages", json);
     form.footer(

@@ -19,6 +19,11 @@ struct Words {
   }
 };
 
+// "en" or "zh", in files and options.
+constexpr std::string_view codeOf(chassis::Language language) {
+  return language == chassis::Language::kChinese ? "zh" : "en";
+}
+
 constexpr chassis::Language next(chassis::Language language) {
   return chassis::kLanguages[(static_cast<std::size_t>(language) + 1) % std::size(chassis::kLanguages)];
 }

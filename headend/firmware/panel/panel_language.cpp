@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <string>
 #include <system_error>
 #include <vector>
 
@@ -11,8 +12,8 @@ namespace {
 constexpr const char* kLanguageFile = "/tffs0/panel/language.txt";
 constexpr std::size_t kLongestLanguage = 64;  // more than any name of a language
 
-std::string_view contentFor(chassis::Language language) {
-  return language == chassis::Language::kChinese ? "zh\n" : "en\n";
+std::string contentFor(chassis::Language language) {
+  return std::string(protocol::codeOf(language)) + '\n';
 }
 
 }  // namespace
@@ -34,7 +35,7 @@ PanelLanguage::PanelLanguage(Flash& flash, Say say) : flash_(flash), say_(std::m
 
 void PanelLanguage::change() {
   now_ = protocol::next(now_);
-  const std::string_view content = contentFor(now_);
+  const std::string content = contentFor(now_);
   const std::string failure = flash_.replace(kLanguageFile, std::vector<u8>(content.begin(), content.end()));
   if (!failure.empty()) say_("the panel's language is not kept: " + failure);
 }

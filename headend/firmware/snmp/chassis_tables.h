@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -35,7 +36,7 @@ class ChassisTables {
     const RateMeter& rates;
   };
 
-  explicit ChassisTables(const Sources& sources) : sources_(sources) {}
+  explicit ChassisTables(Sources sources) : sources_(std::move(sources)) {}
 
   // Registers the tables with the library, below the base of the MIB. False if it rejects one.
   bool registerBelow(std::span<const u32> base);

@@ -24,7 +24,7 @@ void Notifier::authenticationFailed() {
 
 void Notifier::add(Notification notification) {
   notification.at = kernel_.now();
-  waiting_.push_back(std::move(notification));
+  waiting_.push_back(notification);
   limit();
   kernel_.wakeFirst(tasks_);
 }
@@ -74,7 +74,7 @@ void Notifier::send() {
     sink_.discover();
     return;
   }
-  const Notification notification = std::move(waiting_.front());
+  const Notification notification = waiting_.front();
   waiting_.pop_front();
   if (sink_.isInform()) sent_ = notification;
   const bool isSent = sink_.send(messageOf(notification, base_, sink_.isInform()));

@@ -72,9 +72,8 @@ void refuseSharedFiles(const Options& options) {
   std::map<fs::path, std::string> users;
   const auto nameOf = [](const fs::path& file) {
     std::error_code ignored, error;
-    const fs::path folder = fs::current_path(error);
-    if (error && file.is_relative())
-      fail("{}: the current folder is gone: change to another one", file.string());
+    const fs::path folder = file.is_relative() ? fs::current_path(error) : fs::path();
+    if (error) fail("{}: the current folder is gone: change to another one", file.string());
     try {
       return fs::weakly_canonical(folder / base::followLinks(file), ignored);
     } catch (const std::system_error&) {  // a loop of links: the open reports it

@@ -22,7 +22,8 @@ std::string utc(u32 seconds) {
 
 // One line of JSON, with the time as a text.
 std::string lineOf(Json alarm) {
-  alarm["happened"] = utc(alarm["happened"].get<u32>());
+  const auto happened = alarm["happened"].get<u32>();
+  alarm["happened"] = happened > 0 ? Json(utc(happened)) : Json();  // 0: it was not raised
   return alarm.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
@@ -30,9 +31,13 @@ std::string lineOf(Json alarm) {
 std::string textOf(const protocol::Alarm& alarm, chassis::Language language) {
   const auto text = [&](const protocol::Words& words) { return oneLine(std::string(words.in(language))); };
   const std::string channel = alarm.channel > 0 ? fmt::format(".{}", alarm.channel) : "";
-  return fmt::format("{}{}  {}  {}: {} ({})", alarm.slot + 1, channel,
-                     nameOf(protocol::severityOf(alarm.type)), text({alarm.enTitle, alarm.zhTitle}),
-                     text({alarm.enText, alarm.zhText}), text({alarm.enTrap, alarm.zhTrap}));
+  const std::string trap = text({alarm.enTrap, alarm.zhTrap});
+  const std::string texts = alarm.enTitle.empty()  // a recovery without an alarm
+                                ? trap
+                                : fmt::format("{}: {} ({})", text({alarm.enTitle, alarm.zhTitle}),
+                                              text({alarm.enText, alarm.zhText}), trap);
+  return fmt::format("{}{}  {}  {}", alarm.slot + 1, channel, nameOf(protocol::severityOf(alarm.type)),
+                     texts);
 }
 
 struct Alarms final : Command {

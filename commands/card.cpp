@@ -208,20 +208,16 @@ struct CallRoutine final : Command {
 }  // namespace
 
 Group variableCommands() {
-  return {
-      .name = "var",
-      .text = "The settings and readings of a card",
-      .footer =
-          "Examples:\n"
-          "  qamctl var get 1 rfreq rflevel\n"
-          "  qamctl var set 1 qammode 7",
-      .commands = {
-          {"list", "Show what there is and what may be set; asks no server", make<VarList>, Needs::kNothing},
-          {"get", "Read variables of a card", make<VarGet>},
-          {"set",
-           "Set a variable of a card, which applies it and has it saved (a save that fails shows in the "
-           "chassis's log alone)",
-           make<VarSet>}}};
+  return {.name = "var",
+          .text = "The settings and readings of a card",
+          .footer =
+              "Examples:\n"
+              "  qamctl var get 1 rfreq rflevel\n"
+              "  qamctl var set 1 qammode 7",
+          .commands = {{"list", "Show what there is and what may be set; asks no server", make<VarList>,
+                        Needs::kNothing},
+                       {"get", "Read variables of a card", make<VarGet>},
+                       {"set", "Set a variable of a card, which applies it and has it saved", make<VarSet>}}};
 }
 
 Group mibCommands() {

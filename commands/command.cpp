@@ -15,8 +15,8 @@ std::vector<std::string> warnings(const client::Link& link) {
   std::vector<std::string> all;
   for (const u16 slot : link.notKept()) {
     all.push_back(fmt::format(
-        "slot {}: {}: the chassis could not save the card's settings, which a loss of power takes "
-        "back. It saves them again every 10 s; its log has the reason",
+        "slot {}: {}: if the power fails now, the last changes of the card are lost. The chassis tries to "
+        "save them every 10 s; its log has the reason",
         slot + 1, protocol::words::kRecordNotKept.english));
   }
   return all;

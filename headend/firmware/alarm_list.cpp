@@ -60,6 +60,13 @@ constexpr InputTexts kInputTexts[] = {
     {"Ch.2 Error", "频点二错误", "qam card {} ch.2 input OK!", "QAM卡{}频点二输入恢复正常"},
 };
 
+// Of an alarm of a card, in GBK and ASCII.
+struct Titles {
+  explicit Titles(int slot)
+      : zh(base::gbkOfUtf8(fmt::format("卡{}", slot + 1))), en(fmt::format("Card{}", slot + 1)) {}
+  std::string zh, en;
+};
+
 // From 1; 0: the whole card, or a lost input with other texts. The texts are the contents of an alarm that is
 // raised, or those of a recovery.
 u8 channelOf(const AlarmList::Key& key, std::string_view zh, std::string_view en) {
@@ -178,6 +185,7 @@ void AlarmFile::save(const std::vector<AlarmRecord>& before, const std::deque<Al
   const std::string failure = flash_.replace(kPath, bytes);
   hasFile_ = failure.empty();
   if (!hasFile_) return failed(failure);
+  if (!failure_.empty()) say_("the alarms' history is kept again");
   failure_.clear();
   entries_ = before.size() + events.size();
 }
@@ -194,8 +202,9 @@ AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, Say say)
     : file_(flash, std::move(say)), clock_(std::move(clock)) {
   history_ = file_.load();
   for (AlarmRecord& event : history_) {
-    const alarm_t& alarm = event.alarm;  // entries of older versions have no channel
-    event.channel = channelOf({alarm.Slot, alarm.Port, alarm.Type}, alarm.StrZhCont, alarm.StrEnCont);
+    const alarm_t& alarm = event.alarm;
+    if (event.channel == 0)  // as in entries of older versions
+      event.channel = channelOf({alarm.Slot, alarm.Port, alarm.Type}, alarm.StrZhCont, alarm.StrEnCont);
     account(standing_, event);
   }
   if (!history_.empty()) last_ = history_.back().number;
@@ -212,11 +221,24 @@ void AlarmList::endAtPowerUp(const std::vector<int>& slotsWithCard) {
   }
 }
 
-void AlarmList::endReturnedInputs(int slot, u8 lost) {
+void AlarmList::matchInputs(int slot, u8 lost) {
+  const auto isLost = [lost](int channel) { return channel == 0 || (lost >> (channel - 1) & 1) != 0; };
+  const auto isOfInput = [slot](const AlarmRecord& raised) {
+    return raised.alarm.Slot == slot && raised.alarm.Type == protocol::kAlarmInputLost;
+  };
   for (const AlarmRecord& raised : std::vector(standing_)) {
-    const bool isLost = raised.channel == 0 || (lost >> (raised.channel - 1) & 1) != 0;
-    if (raised.alarm.Slot == slot && raised.alarm.Type == protocol::kAlarmInputLost && !isLost)
+    if (isOfInput(raised) && !isLost(raised.channel))
       end(raised, Kind::kEndedWhileOff, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+  }
+  const Titles titles(slot);
+  for (int channel = 1; channel <= MAX_QAM_OUT_NUM; ++channel) {
+    const bool isRaised = std::ranges::any_of(
+        standing_, [&](const AlarmRecord& raised) { return isOfInput(raised) && raised.channel == channel; });
+    if (isRaised || !isLost(channel)) continue;
+    const InputTexts& texts = kInputTexts[channel - 1];
+    add({static_cast<u8>(slot), 0, protocol::kAlarmInputLost},
+        {titles.zh.c_str(), base::gbkOfUtf8(texts.zhContent).c_str(), titles.en.c_str(),
+         std::string(texts.enContent).c_str(), base::gbkOfUtf8("无输入").c_str(), "No Input"});
   }
 }
 
@@ -257,9 +279,8 @@ void AlarmList::setOwn(int slot, protocol::AlarmType type, bool isRaised, const 
     remove(key, zhTrap.c_str(), enTrap.c_str());
   }
   if (!isRaised) return;
-  const std::string zhTitle = base::gbkOfUtf8(fmt::format("卡{}", slot + 1));
-  const std::string enTitle = fmt::format("Card{}", slot + 1);
-  add(key, {zhTitle.c_str(), zh.c_str(), enTitle.c_str(), en.c_str(), zhTrap.c_str(), enTrap.c_str()});
+  const Titles titles(slot);
+  add(key, {titles.zh.c_str(), zh.c_str(), titles.en.c_str(), en.c_str(), zhTrap.c_str(), enTrap.c_str()});
 }
 
 const AlarmRecord* AlarmList::find(const Key& key) const {

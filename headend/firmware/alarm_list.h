@@ -87,9 +87,10 @@ class AlarmList {
   // At a power-up, ends the alarms that nothing can end: of slots without a card, and of records that were
   // not kept, because the change in memory is lost.
   void endAtPowerUp(const std::vector<int>& slotsWithCard);
-  // After the first status pass of a slot's card, which finds an input that was lost and has returned while
-  // the power was off intact. `lost` has the bits of the channels whose input is lost.
-  void endReturnedInputs(int slot, u8 lost);
+  // After the first status pass of a slot's card: the card reports only changes since its record was saved.
+  // Ends the alarms of inputs that have returned while the power was off, and raises those of inputs whose
+  // loss the card takes for reported. `lost` has the bits of the channels whose input is lost.
+  void matchInputs(int slot, u8 lost);
 
   // Does nothing if an alarm with these texts is already active.
   void add(const Key& key, const Texts& texts);

@@ -1,5 +1,6 @@
-// The chassis's sockets for its firmware: numbers from `open`, ports from `bind`. A port can be exposed to
-// this machine's network, so that external tools can reach the firmware's service on it.
+// The chassis's sockets for its firmware, which uses them for the calibration service only: numbers from
+// `open`, ports from `bind`. A port can be exposed to this machine's network, so that external tools can
+// reach the firmware's service on it.
 #pragma once
 
 #include <fmt/format.h>
@@ -51,8 +52,8 @@ class SocketTable {
       auto datagram = from == nullptr ? std::nullopt : from->receive(os::WAIT_FOREVER);
       if (!datagram || mostAge_ == 0 || network_.now() - datagram->arrived <= mostAge_) return datagram;
       if (std::has_single_bit(++dropped_))
-        say_(fmt::format("{} requests to port {} were dropped so far: each had waited for more than {} s",
-                         dropped_, from->port(), static_cast<double>(mostAge_) / kSecond));
+        say_(fmt::format("{} calibration requests were dropped so far: each had waited for more than {} s",
+                         dropped_, static_cast<double>(mostAge_) / kSecond));
     }
   }
   std::uint64_t dropped() const { return dropped_; }

@@ -37,7 +37,7 @@ void StatusChecks::check(int slot, int ticks) {
     card->statusCheck(static_cast<u8>(slot));
     const Pass pass = passOf(slot);
     passes_[static_cast<std::size_t>(slot)] = pass;
-    if (std::exchange(isFirst, false)) alarms_.endReturnedInputs(slot, pass.lostInputs);
+    if (std::exchange(isFirst, false)) alarms_.matchInputs(slot, pass.lostInputs);
   }
 }
 

@@ -136,15 +136,16 @@ TEST_F(Alarms, OutliveAPowerUpAndEndWhereTheCardIsGoneAndAreKeptOnceTheFolderCan
   writeFile(file_, file);
   powerUp();
   list_->endAtPowerUp({0, 4});
-  list_->endReturnedInputs(0, 0);
-  list_->endReturnedInputs(4, 2);
-  EXPECT_EQ(latest(3), (Lines{"x2000 2.1 769 Card3|Ch.1 Error|No Input 1000",
+  list_->matchInputs(0, 1);
+  list_->matchInputs(4, 2);
+  EXPECT_EQ(latest(4), (Lines{"x2000 2.1 769 Card3|Ch.1 Error|No Input 1000",
                               "02000 4.0 258 Card5|not kept|qam card 5: not kept 2000",
+                              "+2000 0.1 769 Card1|Ch.1 Error|No Input 2000",
                               "02000 4.1 769 Card3|Ch.1 Error|No Input 2000"}));
   powerUp();
-  EXPECT_EQ(standing().size(), 3U);
+  EXPECT_EQ(standing().size(), 4U);
   list_->remove({4, 1, 771}, "Z", "OK");
-  EXPECT_EQ(list_->history().back().number, 10U);
+  EXPECT_EQ(list_->history().back().number, 11U);
 }
 
 TEST_F(Alarms, KeepTheLastTenThousandEventsAndWhatStoodBefore) {

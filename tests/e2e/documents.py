@@ -56,7 +56,7 @@ def blocks(file):
 
 def is_command(text):
     word = text.split()[0]
-    ours = word in ('headend', 'qamctl') or word.startswith(('(', '.', 'build/', 'QAM'))
+    ours = word in ('headend', 'qamctl') or word.startswith(('(', '.', 'build/', 'QAM_'))
     return ours or shutil.which(word) is not None
 
 

@@ -1,11 +1,10 @@
-// Parses numbers and addresses. All input of operators and files is parsed by these functions.
+// Parses numbers. All input of operators and files is parsed by these functions.
 #pragma once
 
 #include <charconv>
 #include <cmath>
 #include <limits>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -42,21 +41,6 @@ inline std::optional<double> parseReal(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   const bool isWhole = error == std::errc() && end == text.data() + text.size();
   return isWhole && std::isfinite(value) ? std::optional(value) : std::nullopt;
-}
-
-// "HOST:PORT", an IPv6 address in brackets.
-struct Address {
-  std::string host;
-  u16 port = 0;
-};
-inline std::optional<Address> parseAddress(std::string_view text) {
-  const std::size_t colon = text.rfind(':');
-  if (colon == std::string_view::npos) return std::nullopt;
-  std::string_view host = text.substr(0, colon);
-  const auto port = parseDecimal<u16>(text.substr(colon + 1));
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  if (host.empty() || !port) return std::nullopt;
-  return Address{.host = std::string(host), .port = *port};
 }
 
 }  // namespace base

@@ -1,6 +1,5 @@
 #include "client/udp_link.h"
 
-#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,10 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <random>
+#include <stdexcept>
+#include <vector>
 
-#include "base/numbers.h"
+#include "base/address.h"
 
 namespace client {
 namespace {
@@ -38,19 +38,18 @@ template <typename... Args>
 // A connected socket receives only datagrams of this server, and an error when no program listens there.
 int connectTo(const std::string& server, u16 defaultPort) {
   if (!isServer(server))
-    failToReach("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{}", server, defaultPort);
-  const auto to = base::parseAddress(server);
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* found = nullptr;
-  if (const int error = getaddrinfo(to->host.c_str(), fmt::to_string(to->port).c_str(), &hints, &found);
-      error != 0)
-    failToReach("{}: {}; name another server with --server", server, gai_strerror(error));
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+    failToReach("'{}' is no server: ADDR:PORT is, for example 127.0.0.1:{} or [::1]:{}", server, defaultPort,
+                defaultPort);
+  std::vector<base::SocketAddress> addresses;
+  try {
+    addresses = base::resolve(*base::parseAddress(server));
+  } catch (const std::runtime_error& e) {
+    failToReach("{}: {}; name another server with --server", server, e.what());
+  }
   int error = 0;
-  for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
-    const int fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
-    if (fd >= 0 && connect(fd, a->ai_addr, a->ai_addrlen) == 0) return fd;
+  for (const base::SocketAddress& to : addresses) {
+    const int fd = socket(to.family(), SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && connect(fd, to.generic(), to.size) == 0) return fd;
     error = errno;
     if (fd >= 0) close(fd);
   }

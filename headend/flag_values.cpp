@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <ctime>
 #include <limits>
@@ -42,11 +43,24 @@ std::optional<int> takeSlot(std::string& text) {
   return slot;
 }
 
+// As "srt://...", and no path: a scheme is letters and digits.
+bool isUrl(const std::string& target) {
+  const std::size_t end = target.find("://");
+  return end != std::string::npos && end > 1 &&
+         std::ranges::all_of(target.substr(0, end), [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
 // `flag` is the whole text, for messages.
 Options::Input parseInput(const std::string& flag, const std::string& input) {
   constexpr std::string_view kUdp = "udp://";
   if (input.starts_with(kUdp))
     return {.file{}, .bitRate{}, .address = parseAddress(input.substr(kUdp.size()))};
+  if (isUrl(input)) {
+    refuse(
+        flag,
+        "an input from the network is udp://ADDRESS:PORT, with or without RTP; another program can receive "
+        "other protocols and send their packets there");
+  }
   const std::size_t at = input.rfind('@');
   const auto rate = at == std::string::npos ? std::nullopt : base::parseDecimal<u64>(input.substr(at + 1));
   if (!rate) return {.file = input, .bitRate{}, .address{}};  // an @ is part of the file's name
@@ -85,7 +99,7 @@ std::pair<std::string, std::string> splitAssignment(const std::string& text, con
 
 base::Address parseAddress(const std::string& text) {
   const auto address = base::parseAddress(text);
-  if (!address) refuse(text, "want ADDRESS:PORT with a port up to 65535");
+  if (!address) refuse(text, fmt::format("want {}", base::kAddressForm));
   return *address;
 }
 
@@ -118,6 +132,11 @@ Assignment parseAssignment(const std::string& text, const std::string& want) {
 
 void parseOutput(const std::string& text, Options& options) {
   const auto [name, target] = splitAssignment(text, fmt::format("want {}", kOutputForms));
+  if (!isNetworkTarget(target) && isUrl(target)) {
+    refuse(text,
+           "an output to the network is udp://ADDRESS:PORT, seven packets a datagram, without RTP; another "
+           "program can receive it there and send it by other protocols");
+  }
   if (!options.outputs.emplace(commands::channelOf(name), target).second)
     refuse(text, "this channel has an output already");
 }

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "base/numbers.h"
+#include "base/address.h"
 #include "commands/command.h"
 #include "headend/firmware/snmp/secrets.h"
 #include "headend/kernel/kernel.h"

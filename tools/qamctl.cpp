@@ -138,7 +138,8 @@ class SocketSession final : public commands::Session {
 };
 
 std::string serverOf(const std::string& text) {
-  return commands::valid(client::isServer(text) ? std::optional(text) : std::nullopt, text, "ADDR:PORT");
+  return commands::valid(client::isServer(text) ? std::optional(text) : std::nullopt, text,
+                         "ADDR:PORT (an IPv6 address in brackets)");
 }
 
 // Returns the exit code.

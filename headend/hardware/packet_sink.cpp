@@ -1,6 +1,5 @@
 #include "headend/hardware/packet_sink.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
@@ -13,7 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "base/numbers.h"
+#include "base/address.h"
 
 namespace headend {
 namespace {
@@ -101,14 +100,13 @@ class UdpSink final : public BlockSink {
  public:
   explicit UdpSink(const std::string& target) : BlockSink(target, 7) {
     const auto address = base::parseAddress(std::string_view(target).substr(kUdp.size()));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    if (!address || address->port == 0 || inet_pton(AF_INET, address->host.c_str(), &to.sin_addr) != 1)
-      fail(target, "want udp://ADDRESS:PORT");
-    to.sin_port = htons(address->port);
-    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
-      fail(target, std::strerror(errno));
+    if (!address || address->port == 0) fail(target, fmt::format("want udp://{}", base::kAddressForm));
+    try {
+      connectTo(base::resolve(*address));
+    } catch (const std::runtime_error& e) {
+      fail(target, e.what());
+    }
+    if (fd_ < 0) fail(target, std::strerror(errno));
   }
   ~UdpSink() override { ::close(fd_); }
 
@@ -118,7 +116,19 @@ class UdpSink final : public BlockSink {
     return errno == ECONNREFUSED || errno == EINTR;  // no receiver: as with any broadcast
   }
 
-  int fd_;
+  // The first address that this machine can send to.
+  void connectTo(const std::vector<base::SocketAddress>& addresses) {
+    for (const base::SocketAddress& to : addresses) {
+      fd_ = ::socket(to.family(), SOCK_DGRAM | SOCK_CLOEXEC, 0);
+      if (fd_ >= 0 && ::connect(fd_, to.generic(), to.size) == 0) return;
+      const int error = errno;
+      if (fd_ >= 0) ::close(fd_);
+      fd_ = -1;
+      errno = error;
+    }
+  }
+
+  int fd_ = -1;
 };
 
 }  // namespace

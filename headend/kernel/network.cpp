@@ -1,7 +1,7 @@
 #include "headend/kernel/network.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,44 +15,74 @@
 namespace headend {
 namespace {
 
-sockaddr_in hostForm(std::uint32_t address, std::uint16_t port) {
-  sockaddr_in form{};
-  form.sin_family = AF_INET;
-  form.sin_addr.s_addr = htonl(address);
-  form.sin_port = htons(port);
-  return form;
-}
+constexpr std::uint32_t kFirstPeer = 0xF0000000;
 
-sockaddr* generic(sockaddr_in& form) {
-  return reinterpret_cast<sockaddr*>(&form);
+int openAt(const base::SocketAddress& address) {
+  const int fd = ::socket(address.family(), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0 || ::bind(fd, address.generic(), address.size) == 0) return fd;
+  const int error = errno;
+  ::close(fd);
+  errno = error;
+  return -1;
 }
 
 }  // namespace
 
-int openHostSocket(const std::string& address, std::uint16_t port) {
+int openHostSocket(const std::string& host, std::uint16_t port) {
   const auto failed = [&](const std::string& why) {
-    throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}", address, port, why));
+    const bool isV6 = host.find(':') != std::string::npos;
+    throw std::runtime_error(
+        fmt::format("cannot listen on {}{}{}:{}: {}", isV6 ? "[" : "", host, isV6 ? "]" : "", port, why));
   };
-  in_addr parsed{};
-  if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) failed("not an IPv4 address");
-  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) failed(std::strerror(errno));
-  sockaddr_in form = hostForm(ntohl(parsed.s_addr), port);
-  if (::bind(fd, generic(form), sizeof form) != 0) {
-    const int error = errno;
-    ::close(fd);
-    failed(std::strerror(error));
+  std::vector<base::SocketAddress> addresses;
+  try {
+    addresses = base::resolve({.host = host, .port = port});
+  } catch (const std::runtime_error& e) {
+    failed(e.what());
   }
+  int fd = -1;
+  for (std::size_t i = 0; i < addresses.size() && fd < 0; ++i) fd = openAt(addresses[i]);
+  if (fd < 0) failed(std::strerror(errno));
   return fd;
 }
 
 std::string hostAddress(int fd) {
-  sockaddr_in form{};
-  socklen_t size = sizeof form;
-  if (::getsockname(fd, generic(form), &size) != 0) return "off";
-  std::array<char, INET_ADDRSTRLEN> text{};
-  inet_ntop(AF_INET, &form.sin_addr, text.data(), text.size());
-  return fmt::format("{}:{}", text.data(), ntohs(form.sin_port));
+  base::SocketAddress own;
+  if (::getsockname(fd, own.generic(), &own.size) != 0) return "off";
+  return own.text();
+}
+
+Endpoint PeerTable::endpointOf(const base::SocketAddress& sender) {
+  if (!sender.isV6()) {
+    sockaddr_in form{};
+    std::memcpy(&form, sender.bytes.data(), sizeof form);
+    return {.address = ntohl(form.sin_addr.s_addr), .port = sender.port()};
+  }
+  base::SocketAddress peer = sender;
+  peer.setPort(0);
+  auto known = std::ranges::find(peers_, peer.bytes, &base::SocketAddress::bytes);
+  if (known == peers_.end()) {
+    if (peers_.size() < kMost) peers_.emplace_back();
+    known = peers_.begin() + static_cast<std::ptrdiff_t>(next_);
+    *known = peer;
+    next_ = (next_ + 1) % kMost;
+  }
+  return {.address = kFirstPeer + static_cast<std::uint32_t>(known - peers_.begin()), .port = sender.port()};
+}
+
+std::optional<base::SocketAddress> PeerTable::addressOf(const Endpoint& to) const {
+  base::SocketAddress address;
+  if (to.address >= kFirstPeer) {
+    if (to.address - kFirstPeer >= peers_.size()) return std::nullopt;
+    address = peers_[to.address - kFirstPeer];
+  } else {
+    sockaddr_in form{};
+    form.sin_family = AF_INET;
+    form.sin_addr.s_addr = htonl(to.address);
+    std::memcpy(address.bytes.data(), &form, address.size = sizeof form);
+  }
+  address.setPort(to.port);
+  return address;
 }
 
 UdpSocket::UdpSocket(Network& network, std::uint16_t port) : network_(network), port_(port) {
@@ -86,11 +116,10 @@ void UdpSocket::send(const Endpoint& to, const std::vector<u8>& bytes) {
       socket->second->deliver(
           {.from = {.address = 0, .port = port_}, .bytes = bytes, .arrived = kernel.now()});
     }
-  } else if (fd_ >= 0) {
-    sockaddr_in form = hostForm(to.address, to.port);
+  } else if (const auto address = network_.peers_.addressOf(to); fd_ >= 0 && address) {
     // A client that has closed, or whose buffer is full, gets no reply: it repeats the request.
     [[maybe_unused]] const ssize_t sent =
-        ::sendto(fd_, bytes.data(), bytes.size(), 0, generic(form), sizeof form);
+        ::sendto(fd_, bytes.data(), bytes.size(), 0, address->generic(), address->size);
   }
   kernel.spend(kernel.settings().costs.kernelCall);
   kernel.reschedule();  // the receiver may have a higher priority
@@ -106,11 +135,10 @@ void UdpSocket::deliver(Datagram datagram) {
 void UdpSocket::drainHost() {
   std::array<u8, 65536> buffer;
   for (std::size_t i = 0; i < kWaitingMost; ++i) {
-    sockaddr_in from{};
-    socklen_t size = sizeof from;
-    const ssize_t n = ::recvfrom(fd_, buffer.data(), buffer.size(), 0, generic(from), &size);
+    base::SocketAddress from;
+    const ssize_t n = ::recvfrom(fd_, buffer.data(), buffer.size(), 0, from.generic(), &from.size);
     if (n < 0) return;
-    deliver({.from = {.address = ntohl(from.sin_addr.s_addr), .port = ntohs(from.sin_port)},
+    deliver({.from = network_.peers_.endpointOf(from),
              .bytes = std::vector<u8>(buffer.begin(), buffer.begin() + n),
              .arrived = network_.kernel_.now()});
   }

@@ -16,13 +16,14 @@
 #include <string>
 #include <vector>
 
+#include "base/address.h"
 #include "headend/kernel/kernel.h"
 
 namespace headend {
 
 // The sender: an address of the host's network, or an internal socket (address 0).
 struct Endpoint {
-  std::uint32_t address = 0;  // host byte order
+  std::uint32_t address = 0;  // host byte order; of an IPv6 sender a number from 240.0.0.0 on, see PeerTable
   std::uint16_t port = 0;
   auto operator<=>(const Endpoint&) const = default;
 };
@@ -33,10 +34,24 @@ struct Datagram {
   Nanos arrived = 0;
 };
 
-// A non-blocking datagram socket of the host. Port 0 selects a free port. Throws std::runtime_error with the
-// address.
-int openHostSocket(const std::string& address, std::uint16_t port);
-std::string hostAddress(int fd);  // "127.0.0.1:49160"
+// A non-blocking datagram socket of the host, at the first address of `host` (a name or an address) that it
+// can use. Port 0 selects a free port. Throws std::runtime_error with host, port and reason.
+int openHostSocket(const std::string& host, std::uint16_t port);
+std::string hostAddress(int fd);  // "127.0.0.1:49160", "[::1]:49160"
+
+// The card's sockets know addresses of 32 bits: IPv6 addresses have numbers of 240.0.0.0/4, which no IPv4
+// sender uses. The latest kMost are kept.
+class PeerTable {
+ public:
+  Endpoint endpointOf(const base::SocketAddress& sender);
+  std::optional<base::SocketAddress> addressOf(const Endpoint& to) const;  // nullopt: forgotten
+
+  static constexpr std::size_t kMost = 4096;
+
+ private:
+  std::vector<base::SocketAddress> peers_;
+  std::size_t next_ = 0;
+};
 
 class Network;
 
@@ -100,6 +115,7 @@ class Network {
   };
   Kernel& kernel_;
   std::map<std::uint16_t, UdpSocket*> sockets_;
+  PeerTable peers_;
   std::map<int, Watch> watched_;
   std::function<bool(const UdpSocket&, const Datagram&)> onArrival_;
 };

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "base/bytes.h"
+#include "base/numbers.h"
 #include "headend/fail.h"
 #include "headend/firmware/snmp/net_snmp.h"
 
@@ -96,13 +97,22 @@ netsnmp_transport* openTransport(const base::Address& address, bool listens, con
   const auto failed = [&](const char* why) {
     fail("cannot {} {}:{}: {}", purpose, address.host, address.port, why);
   };
-  netsnmp_ep end{};
-  end.a.sin.sin_family = AF_INET;
-  end.a.sin.sin_port = htons(address.port);
-  if (inet_pton(AF_INET, address.host.c_str(), &end.a.sin.sin_addr) != 1) failed("not an IPv4 address");
-  errno = 0;
-  netsnmp_transport* transport = netsnmp_udp_transport(&end, listens ? 1 : 0);
-  if (transport == nullptr) failed(std::strerror(errno));
+  std::vector<base::SocketAddress> addresses;
+  try {
+    addresses = base::resolve(address);
+  } catch (const std::runtime_error& e) {
+    failed(e.what());
+  }
+  netsnmp_transport* transport = nullptr;
+  for (const base::SocketAddress& one : addresses) {
+    netsnmp_ep end{};
+    std::memcpy(&end.a, one.bytes.data(), one.size);
+    errno = 0;
+    transport = one.isV6() ? netsnmp_udp6_transport(&end, listens ? 1 : 0)
+                           : netsnmp_udp_transport(&end, listens ? 1 : 0);
+    if (transport != nullptr) return transport;
+  }
+  failed(std::strerror(errno));
   return transport;
 }
 

@@ -13,6 +13,7 @@
 #include <net-snmp/agent/table_tdata.h>
 #include <net-snmp/library/snmpIPBaseDomain.h>
 #include <net-snmp/library/snmpUDPDomain.h>
+#include <net-snmp/library/snmpUDPIPv6Domain.h>
 // clang-format on
 
 #undef RONLY  // use the library's own codes

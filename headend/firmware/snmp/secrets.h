@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "base/numbers.h"
+#include "base/address.h"
 #include "protocol/mib_rows.h"
 
 namespace headend {

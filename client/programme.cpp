@@ -209,6 +209,7 @@ std::vector<Programme> programmesOf(const ChannelState& output) {
     const auto pmt = draft.pmt(programme.number, programme.pmtPid);
     if (!pmt) continue;
     programme.hasPmt = true;
+    programme.pmt = *pmt;
     programme.pcrPid = pidsOfPmt(*pmt).front().pid(pmt->bytes);
     for (const PidField& field : fieldsByPid(*pmt)) {
       const u16 pid = field.pid(pmt->bytes);

@@ -24,6 +24,7 @@ struct Programme {
   u16 pmtPid = 0;
   std::string name{};  // empty without an SDT entry
   bool hasPmt = false;
+  Section pmt{};  // if it has one
   u16 pcrPid = kNullPid;
   std::vector<ProgrammePid> pids{};  // each once: streams, PCR_PID, CA PIDs
 };

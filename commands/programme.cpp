@@ -6,6 +6,7 @@
 #include "client/programme.h"
 #include "commands/command.h"
 #include "commands/json_fields.h"
+#include "commands/psi_report.h"
 
 namespace commands {
 namespace {
@@ -20,7 +21,8 @@ Json sourceOf(const client::ProgrammePid& pid) {
           {"programme", pid.source->sourceProgramme}};
 }
 
-Json pidReport(const client::ProgrammePid& pid) {
+// `streams` are those of the programme's PMT, as decodeSection names them.
+Json pidReport(const client::ProgrammePid& pid, const Json& streams) {
   using Use = client::PidField::Use;
   Json report = {{"pid", pid.pid}};
   if (pid.field.use == Use::kStream)
@@ -29,6 +31,12 @@ Json pidReport(const client::ProgrammePid& pid) {
     report.update({{"use", "ca"}, {"ca_system", pid.field.caSystem}});
   else
     report["use"] = "pcr";
+  for (const Json& stream : streams) {
+    if (report["use"] != "stream" || stream["pid"] != pid.pid) continue;
+    for (const char* key : {"kind", "language"}) {
+      if (stream.contains(key)) report[key] = stream[key];
+    }
+  }
   report["source"] = sourceOf(pid);
   return report;
 }
@@ -38,21 +46,26 @@ std::string pidText(const Json& pid) {
                     : pid.contains("ca_system") ? "{use} {ca_system:#06x}"
                                                 : "{use}";
   const Json& source = pid["source"];
+  std::string kind = pid.value("kind", "");
+  if (pid.contains("language")) kind += filled(", {language}", pid);
   return filled("    {pid:#06x} ", pid) +
-         fmt::format("{:<12} {}\n", filled(use, pid),
+         fmt::format("{:<12} {}{}\n", filled(use, pid),
                      source.is_null() ? "without a source: the PID map has no entry for it"
-                                      : filled("from {slot}.{input} PID {pid:#06x}", source));
+                                      : filled("from {slot}.{input} PID {pid:#06x}", source),
+                     kind.empty() ? "" : "  " + kind);
 }
 
 // An object with channel and programmes: a list of objects with number, name, pmt_pid, pcr_pid (null for
-// none) and pids: [{pid, use ("stream", "pcr" or "ca"), stream_type, ca_system, source}], where source is
-// null or {slot, input, pid, programme}, slot and input from 1. stream_type and ca_system are present where
-// they apply.
+// none) and pids: [{pid, use ("stream", "pcr" or "ca"), stream_type, kind, language, ca_system, source}],
+// where source is null or {slot, input, pid, programme}, slot and input from 1. stream_type, kind, language
+// and ca_system are present where they apply.
 Json programmeReport(const protocol::Channel& channel, const std::vector<client::Programme>& programmes) {
   Json list = Json::array();
   for (const client::Programme& programme : programmes) {
     Json pids = Json::array();
-    for (const client::ProgrammePid& pid : programme.pids) pids.push_back(pidReport(pid));
+    const Json pmt = programme.hasPmt ? decodeSection(programme.pmt) : Json();
+    const Json streams = pmt.is_null() ? Json::array() : pmt["streams"];
+    for (const client::ProgrammePid& pid : programme.pids) pids.push_back(pidReport(pid, streams));
     list.push_back({{"number", programme.number},
                     {"name", programme.name},
                     {"pmt_pid", programme.pmtPid},
@@ -98,9 +111,11 @@ struct ProgrammeChange : ChangeCommand {
                          {"pmt_pid", plan.pmtPid},
                          {"map_entries", plan.map.size()},
                          {"notes", plan.notes}};
+    const bool isSame = !programme.change.tables && !programme.change.map;
     session.print(
         json ? jsonText(report)
-             : filled("Channel {channel}: programme {number} '{name}' ", report) + done +
+             : filled("Channel {channel}: programme {number} '{name}' ", report) +
+                   (isSame ? "was there already, nothing has changed" : done) +
                    filled(" (PMT PID {pmt_pid:#06x}); the PID map has {map_entries} entries\n", report));
   }
 

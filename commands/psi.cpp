@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
 #include "client/channel_change.h"
 #include "client/chassis_services.h"
+#include "client/programme_draft.h"
 #include "client/psi_capture.h"
 #include "commands/command.h"
 #include "commands/psi_report.h"
@@ -68,9 +71,10 @@ struct PsiLoad final : ChangeCommand {
   }
 
   void carryOut(Session& session) override {
-    if (!apply(session,
-               client::planLoad(session.link(), channel(), tables_, intervals_, optionsFor(session))))
-      return;
+    const bool isDone =
+        apply(session, client::planLoad(session.link(), channel(), tables_, intervals_, optionsFor(session)));
+    noteMap(session);
+    if (!isDone) return;
     std::string text = fmt::format("Channel {}: {} packets loaded", protocol::channelName(channel()),
                                    client::packetsIn(tables_));
     for (const PsiType type : mpeg::kAllTables) {
@@ -78,6 +82,29 @@ struct PsiLoad final : ChangeCommand {
       if (sections > 0) text += fmt::format(", {} {}", mpeg::tableName(type), sections);
     }
     session.print(text + " (sections)\n");
+  }
+
+  // The tables are loaded, so a map that cannot be read is no failure.
+  std::optional<client::PidMap> mapOf(Session& session) const {
+    try {
+      return client::readMapOnce(session.link(), channel());
+    } catch (const client::Error&) {
+      return std::nullopt;
+    }
+  }
+
+  // The PIDs of the channel's programmes go on being sent.
+  void noteMap(Session& session) const {
+    const auto map = mapOf(session);
+    if (!map || map->entries.empty()) return;
+    std::set<u16> named;
+    for (const mpeg::Section& pmt : client::sectionsOf(tables_, PMT)) named.merge(client::pidSetOf(pmt));
+    const auto unnamed = std::ranges::count_if(
+        map->entries, [&](const client::MapEntry& entry) { return !named.contains(entry.pid); });
+    session.note(fmt::format(
+        "the PID map of channel {0} stays: {1} of its {2} entries send PIDs that no loaded PMT names "
+        "('pidmap show {0}' lists them, 'pidmap clear {0}' removes all)",
+        protocol::channelName(channel()), unnamed, map->entries.size()));
   }
 
   std::string file_;
@@ -197,10 +224,13 @@ std::string foundText(const Json& found) {
             (found["crc_good"].get<bool>() ? "" : ", CRC WRONG");
   }
   text += filled(found["seen"] == 1 ? ", seen {seen} time\n" : ", seen {seen} times\n", found);
+  if (const Json& content = found["content"]; !content.is_null()) {
+    const std::string table = found["table"];
+    return text + "  " + contentTitle(table, content) + "\n" + contentLines(table, content);
+  }
   const std::string bytes = found["bytes"];
   constexpr std::size_t kLine = 64;
   for (std::size_t at = 0; at < bytes.size(); at += kLine) text += "  " + bytes.substr(at, kLine) + "\n";
-  if (!found["content"].is_null()) text += "  " + found["content"].dump() + "\n";
   return text;
 }
 

@@ -20,6 +20,7 @@ using mpeg::Section;
 // --- The content of a section
 
 constexpr u8 kLanguageTag = 0x0A;
+constexpr u8 kPrivateData = 0x06;  // a stream_type
 constexpr u8 kNetworkNameTag = 0x40;
 constexpr u8 kBouquetNameTag = 0x47;
 
@@ -109,6 +110,38 @@ const char* streamKind(u8 type) {
   return found == kKinds.end() ? "other" : found->second;
 }
 
+// What a stream of private data carries, and the size of each language's entry in that descriptor; 0 if it
+// has no languages (EN 300 468).
+struct PrivateKind {
+  u8 tag;
+  const char* name;
+  std::size_t entrySize;
+};
+constexpr PrivateKind kPrivateKinds[] = {
+    {0x56, "teletext", 5},     {0x46, "VBI teletext", 5}, {0x59, "subtitles", 8}, {0x6A, "AC-3 audio", 0},
+    {0x7A, "E-AC-3 audio", 0}, {0x7B, "DTS audio", 0},    {0x7C, "AAC audio", 0}};
+
+void addLanguage(Json& stream, const std::string& language) {
+  const std::string before = stream.value("language", "");
+  if ((',' + before + ',').find(',' + language + ',') != std::string::npos) return;
+  stream["language"] = before.empty() ? language : before + ',' + language;
+}
+
+// Kind and languages of a stream, by its descriptors.
+void nameStream(Json& stream, u8 type, const Descriptors& descriptors) {
+  forEach(descriptors, kLanguageTag, [&](Fields languages) { addLanguage(stream, languages.text(3)); });
+  if (type != kPrivateData) return;
+  for (const PrivateKind& kind : kPrivateKinds) {
+    forEach(descriptors, kind.tag, [&](Fields entries) {
+      stream["kind"] = kind.name;
+      while (kind.entrySize > 0 && !entries.atEnd()) {
+        Fields entry(entries.bytes(kind.entrySize));
+        addLanguage(stream, entry.text(3));
+      }
+    });
+  }
+}
+
 Json pmtContent(u16 extension, Fields body) {
   Json content = {{"programme", extension},
                   {"pcr_pid", body.pid()},
@@ -117,8 +150,7 @@ Json pmtContent(u16 extension, Fields body) {
   while (!body.atEnd()) {
     const u8 type = body.number8();
     Json stream = {{"pid", body.pid()}, {"type", type}, {"kind", streamKind(type)}};
-    forEach(body.loop().descriptors(), kLanguageTag,
-            [&](Fields languages) { stream["language"] = languages.text(3); });
+    nameStream(stream, type, body.loop().descriptors());
     content["streams"].push_back(std::move(stream));
   }
   return content;
@@ -283,23 +315,17 @@ std::string overview(const Json& tables) {
 // The lines of one table; its title again only where another PID, extension or version begins.
 std::string details(const Json& table) {
   const std::string name = table["table"];
-  const TableForm& form = formOf(mpeg::tableOfName(name).value());
   std::string text;
   std::string lastTitle;
   for (const Json& section : table["sections"]) {
     const Json& content = section["content"];
     const std::string title = name + filled(" on PID {pid:#06x}, version {version}: ", section) +
                               (content.is_null() ? filled("extension {extension}: cannot be decoded", section)
-                                                 : filled(form.title, content)) +
+                                                 : contentTitle(name, content)) +
                               "\n";
     if (title != lastTitle) text += title;
     lastTitle = title;
-    if (content.is_null()) continue;
-    for (const auto& [key, line] : form.lines) {
-      for (const Json& item : content[key])
-        text +=
-            "  " + filled(line, item) + (item.contains("language") ? filled(", {language}\n", item) : "\n");
-    }
+    if (!content.is_null()) text += contentLines(name, content);
   }
   return text;
 }
@@ -314,6 +340,19 @@ Json decodeSection(const Section& section) {
   } catch (const std::out_of_range&) {
     return {};
   }
+}
+
+std::string contentTitle(const std::string& table, const Json& content) {
+  return filled(formOf(mpeg::tableOfName(table).value()).title, content);
+}
+
+std::string contentLines(const std::string& table, const Json& content) {
+  std::string text;
+  for (const auto& [key, line] : formOf(mpeg::tableOfName(table).value()).lines) {
+    for (const Json& item : content[key])
+      text += "  " + filled(line, item) + (item.contains("language") ? filled(", {language}\n", item) : "\n");
+  }
+  return text;
 }
 
 Json psiReport(const client::PsiStore& tables, const protocol::Channel& channel,

@@ -57,7 +57,7 @@ class Pass {
     readAll();
     if (stream.bad()) fail("{}: reading failed: {}", name, std::strerror(errno));
     if (packets_ == 0)
-      fail("{}: no transport stream: no packets found in its {} bytes", name, reader_.size());
+      fail("{}: no transport stream: no packets found in its first {} bytes", name, reader_.size());
   }
   Pass(const Pass&) = delete;
   Pass& operator=(const Pass&) = delete;
@@ -120,17 +120,14 @@ class Pass {
   }
 
   void noteFile(std::vector<std::string>& notes) const {
-    constexpr std::size_t kPlacesNamed = 5;
     if (const auto bytes = reader_.leadingBytes(); bytes > 0)
       notes.push_back(fmt::format("{} bytes before the first packet skipped", bytes));
-    const auto& losses = reader_.losses();
-    if (!losses.empty()) {
+    if (const auto losses = reader_.lossCount(); losses > 0) {
       std::vector<std::string> places;
-      for (const auto& loss : std::span(losses).first(std::min(losses.size(), kPlacesNamed)))
+      for (const auto& loss : reader_.firstLosses())
         places.push_back(fmt::format("byte {} ({} skipped)", loss.at, loss.skipped));
-      notes.push_back(fmt::format("synchronisation lost {} time{}: at {}{}", losses.size(),
-                                  losses.size() == 1 ? "" : "s", fmt::join(places, ", "),
-                                  losses.size() > kPlacesNamed ? ", ..." : ""));
+      notes.push_back(fmt::format("synchronisation lost {} time{}: at {}{}", losses, losses == 1 ? "" : "s",
+                                  fmt::join(places, ", "), losses > places.size() ? ", ..." : ""));
     }
     if (const auto bytes = reader_.trailingBytes(); bytes > 0) {
       notes.push_back(fmt::format("{} bytes at the end, from byte {} on, are no whole packet: skipped", bytes,

@@ -1,6 +1,7 @@
 #include "headend/headend.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 
@@ -33,19 +34,32 @@ void openMib(Headend& headend, int slot) {
   card.mibRegister(base.data(), static_cast<int>(base.size()));
 }
 
+std::string counted(u64 number, const char* one, const char* more) {
+  return fmt::format("{} {}", number, number == 1 ? one : more);
+}
+
+void describeFile(const Headend& headend, const FileInput& file) {
+  const auto& [losses, leading, trailing] = file.survey().damage;
+  std::vector<std::string> damage;
+  if (losses > 0) damage.push_back(fmt::format("sync lost {}", counted(losses, "time", "times")));
+  if (leading > 0)
+    damage.push_back(fmt::format("{} before the first packet", counted(leading, "byte", "bytes")));
+  if (trailing > 0) damage.push_back(fmt::format("{} behind the last", counted(trailing, "byte", "bytes")));
+  if (!damage.empty())
+    headend.say(fmt::format("{} is damaged: {}; the rest plays", file.name(), fmt::join(damage, ", ")));
+  if (const std::string seam = file.seam(); !seam.empty()) {
+    headend.say(fmt::format("{} plays in passes of {:.3f} s; between two passes {}", file.name(),
+                            static_cast<double>(file.period_ticks()) / mpeg::kPcrHz, seam));
+  }
+}
+
 std::unique_ptr<TsInput> openInput(Headend& headend, const Options::Input& input) {
   if (input.address) {
     return std::make_unique<UdpInput>(headend.network, input.address->host, input.address->port,
                                       headend.options.deJitter);
   }
-  auto file = std::make_unique<FileInput>(input.file.string(), input.bitRate);
-  const auto& [losses, leading, trailing] = file->damage();
-  if (losses + leading + trailing > 0) {
-    headend.say(
-        fmt::format("{} is damaged: sync lost {} times, {} bytes before the first packet and {} behind the "
-                    "last; the rest plays",
-                    file->name(), losses, leading, trailing));
-  }
+  auto file = std::make_unique<FileInput>(input.file.string(), input.bitRate, 0, headend.say);
+  describeFile(headend, *file);
   return file;
 }
 

@@ -57,4 +57,12 @@ unsigned pesTimesIn(std::span<const u8> header) {
   return flags == 2 && header[8] >= kPesTimeSize ? 1 : 0;
 }
 
+std::optional<PesTimes> pesTimesOf(PacketView packet) {
+  const std::size_t start = payloadStart(packet);
+  if (start + kPesTimesAt > kTsPacketSize) return std::nullopt;
+  const PesTimes times{.at = start + kPesTimesAt, .count = pesTimesIn(packet.subspan(start))};
+  if (times.at + times.count * kPesTimeSize > kTsPacketSize) return std::nullopt;
+  return times;
+}
+
 }  // namespace mpeg

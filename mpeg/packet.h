@@ -107,4 +107,12 @@ void setPesTime(PesTime field, u64 ticks);
 inline constexpr std::size_t kPesTimesAt = 9;
 unsigned pesTimesIn(std::span<const u8> header);
 
+// For a packet that starts a PES packet: where its PTS and DTS are, and how many. Nullopt if the packet ends
+// before them, or before they are known.
+struct PesTimes {
+  std::size_t at = 0;
+  unsigned count = 0;
+};
+std::optional<PesTimes> pesTimesOf(PacketView packet);
+
 }  // namespace mpeg

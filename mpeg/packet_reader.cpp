@@ -1,7 +1,9 @@
 #include "mpeg/packet_reader.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
+#include <limits>
 
 namespace mpeg {
 namespace {
@@ -14,6 +16,9 @@ constexpr Offset kStrides[] = {kTsPacketSize, kTimestampedStride, 204};
 // How many sync bytes in a row make a raster: if none was known before, and where a packet was due.
 constexpr int kSearchRun = 5;
 constexpr int kRasterRun = 2;
+
+// A stream starts this early, or the file is none: a file of any size is judged by its first bytes.
+constexpr Offset kMostLeadingBytes = Offset{4} << 20;
 
 }  // namespace
 
@@ -32,18 +37,19 @@ const u8* PacketReader::next() {
 // Whether the stream has all bytes before `end`; reads on as needed.
 bool PacketReader::ensure(Offset end) {
   while (size() < end && stream_) {
-    const std::size_t old = window_.size();
-    window_.resize(old + kReadSize);
-    stream_.read(reinterpret_cast<char*>(&window_[old]), static_cast<std::streamsize>(kReadSize));
-    window_.resize(old + static_cast<std::size_t>(stream_.gcount()));
+    if (window_.size() < filled_ + kReadSize) window_.resize(filled_ + kReadSize);
+    stream_.read(reinterpret_cast<char*>(&window_[filled_]), static_cast<std::streamsize>(kReadSize));
+    filled_ += static_cast<std::size_t>(stream_.gcount());
   }
   return size() >= end;
 }
 
-// Gives memory back, in large steps: a step moves what is kept.
+// Makes room in the window, in large steps: a step moves what is kept.
 void PacketReader::forgetBefore(Offset position) {
   if (position - base_ < kReadSize) return;
-  window_.erase(window_.begin(), window_.begin() + static_cast<std::ptrdiff_t>(position - base_));
+  const auto forgotten = static_cast<std::size_t>(position - base_);
+  filled_ -= forgotten;
+  std::memmove(window_.data(), &window_[forgotten], filled_);
   base_ = position;
 }
 
@@ -59,10 +65,19 @@ bool PacketReader::isRun(Offset start, Offset stride, int length, bool onRaster)
   return true;
 }
 
-bool PacketReader::search(Offset from) {
-  for (Offset start = from; ensure(start + kTsPacketSize); ++start) {
+// The next sync byte that is read already, or the end of what is read.
+Offset PacketReader::nextSync(Offset from) const {
+  const u8* begin = &window_[static_cast<std::size_t>(from - base_)];
+  const auto* found =
+      static_cast<const u8*>(std::memchr(begin, kSyncByte, static_cast<std::size_t>(size() - from)));
+  return found == nullptr ? size() : from + static_cast<Offset>(found - begin);
+}
+
+bool PacketReader::search(Offset from, Offset end) {
+  for (Offset start = from; start < end && ensure(start + kTsPacketSize); ++start) {
     forgetBefore(start);
-    if (at(start) != kSyncByte) continue;
+    start = nextSync(start);
+    if (start >= end || !ensure(start + kTsPacketSize)) continue;
     for (const Offset stride : kStrides) {
       if (!isRun(start, stride, kSearchRun, false)) continue;
       stride_ = stride;
@@ -81,7 +96,7 @@ bool PacketReader::findFirst() {
     stride_ = *stride;
     return true;
   }
-  if (!search(0)) return false;
+  if (!search(0, kMostLeadingBytes)) return false;
   leadingBytes_ = stride_ == kTimestampedStride && next_ >= kTimestampSize ? next_ - kTimestampSize : next_;
   return true;
 }
@@ -92,10 +107,12 @@ bool PacketReader::resync() {
   const Offset lost = next_;
   if (isRun(lost + stride_, stride_, kRasterRun, true)) {
     next_ = lost + stride_;
-  } else if (!search(last_ + 1)) {
+  } else if (!search(last_ + 1, std::numeric_limits<Offset>::max())) {
     return false;
   }
-  losses_.push_back({.at = lost, .skipped = next_ > lost ? next_ - lost : 0});
+  ++lossCount_;
+  if (firstLosses_.size() < kLossesKept)
+    firstLosses_.push_back({.at = lost, .skipped = next_ > lost ? next_ - lost : 0});
   return true;
 }
 

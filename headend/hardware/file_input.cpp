@@ -5,271 +5,208 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <span>
-#include <stdexcept>
+#include <limits>
 #include <utility>
 
-#include "mpeg/packet_reader.h"
+#include "headend/fail.h"
 
 namespace headend {
 namespace {
 
 constexpr u64 kUnitsPerSecond = mpeg::kPcrHz * kUnitsPerTick;
+constexpr u64 kPtsUnits = mpeg::kPcrPerPts * kUnitsPerTick;
+constexpr u64 kAddedMost = 1000;  // at a seam
 
-// The changes of a packet in further passes.
-constexpr u8 kStep = 0x0F;  // added to its continuity counter in each pass
-constexpr u8 kPcr = 0x10;
-constexpr u8 kStamps = 0x20;
-
-struct Pcr {
-  std::size_t packet;
-  u64 ticks;
-};
-
-// The rate of packets: a number of packets in a number of units.
-struct PacketPace {
-  u64 packets = 0;
-  u64 units = 0;
-  u64 of(u64 n) const { return n * (units / packets) + n * (units % packets) / packets; }
-};
-
-bool isInterval(const Pcr& from, const Pcr& to) {
-  const u64 ticks = mpeg::pcrDistance(from.ticks, to.ticks);
-  return ticks > 0 && ticks <= kLongestInterval_ticks;
+// Without payload: it does not count in the PID's continuity.
+mpeg::Packet pcrPacket(u16 pid, u8 continuity, u64 ticks) {
+  mpeg::Packet packet = mpeg::makePacket(pid, false, continuity);
+  packet[3] = static_cast<u8>(0x20 | (packet[3] & 0x0F));
+  packet[4] = kTsPacketSize - mpeg::kPacketHeaderSize - 1;
+  packet[5] = 0x10;
+  packet[10] = 0x7E;  // reserved bits
+  mpeg::setPcr(packet, ticks);
+  return packet;
 }
-
-PacketPace paceBetween(const Pcr& from, const Pcr& to) {
-  return {.packets = to.packet - from.packet,
-          .units = mpeg::pcrDistance(from.ticks, to.ticks) * kUnitsPerTick};
-}
-
-// Without single PCRs that are broken between two that fit each other.
-std::vector<Pcr> withoutStrays(const std::vector<Pcr>& all) {
-  std::vector<Pcr> kept;
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    const bool between = !kept.empty() && i + 1 < all.size();
-    if (between && isInterval(kept.back(), all[i + 1]) &&
-        !(isInterval(kept.back(), all[i]) && isInterval(all[i], all[i + 1]))) {
-      continue;
-    }
-    kept.push_back(all[i]);
-  }
-  return kept;
-}
-
-// Of the first PID that has two which follow each other; none if no PID has.
-std::vector<Pcr> clockOf(const std::vector<mpeg::Packet>& packets) {
-  std::map<u16, std::vector<Pcr>> byPid;
-  for (std::size_t i = 0; i < packets.size(); ++i) {
-    if (const auto ticks = mpeg::pcrOf(packets[i])) byPid[mpeg::pidOf(packets[i])].push_back({i, *ticks});
-  }
-  std::vector<Pcr> first;
-  for (const auto& [pid, all] : byPid) {
-    std::vector<Pcr> pcrs = withoutStrays(all);
-    if (std::ranges::adjacent_find(pcrs, isInterval) == pcrs.end()) continue;
-    if (first.empty() || pcrs.front().packet < first.front().packet) first = std::move(pcrs);
-  }
-  return first;
-}
-
-// So many packets at one pace.
-struct Run {
-  u64 packets;
-  PacketPace pace;
-};
-
-// `pcrs` has two which follow each other.
-std::vector<Run> runsOf(const std::vector<Pcr>& pcrs, std::size_t packets) {
-  const auto good = std::ranges::adjacent_find(pcrs, isInterval);
-  PacketPace pace = paceBetween(good[0], good[1]);
-  std::vector<Run> runs = {{pcrs.front().packet, pace}};
-  for (std::size_t i = 0; i + 1 < pcrs.size(); ++i) {
-    if (isInterval(pcrs[i], pcrs[i + 1])) pace = paceBetween(pcrs[i], pcrs[i + 1]);
-    runs.push_back({pcrs[i + 1].packet - pcrs[i].packet, pace});
-  }
-  runs.push_back({packets - pcrs.back().packet, pace});
-  return runs;
-}
-
-// The first bytes of a PES packet, with their places.
-struct PesHeader {
-  static constexpr std::size_t kMost = mpeg::kPesTimesAt + 2 * mpeg::kPesTimeSize;
-  struct Place {
-    std::uint32_t packet;
-    u8 at;
-  };
-  bool open = false;
-  std::size_t size = 0;
-  std::array<u8, kMost> bytes{};
-  std::array<Place, kMost> places{};
-
-  unsigned times() const { return size < mpeg::kPesTimesAt ? 0 : mpeg::pesTimesIn(bytes); }
-  bool complete() const {
-    return size >= mpeg::kPesTimesAt && size >= mpeg::kPesTimesAt + times() * mpeg::kPesTimeSize;
-  }
-};
 
 }  // namespace
 
-FileInput::FileInput(std::string path, std::optional<std::uint64_t> bitRate, Nanos start)
-    : path_(std::move(path)), start_(start) {
-  read();
-  pace(bitRate);
-  markPackets();
-  findStamps();
-  schedule();
+FileInput::FileInput(std::string path, std::optional<std::uint64_t> bitRate, Nanos start, Say say)
+    : path_(std::move(path)),
+      say_(std::move(say)),
+      survey_(path_),
+      file_(path_),
+      ahead_(path_),
+      start_(start) {
+  if (bitRate) fixed_ = {.packets = *bitRate, .units = mpeg::kPacketBits * kUnitsPerSecond};
+  measurePass();
+  beginPass();
 }
 
-void FileInput::fail(const std::string& why) const {
-  throw std::runtime_error(fmt::format("cannot play {}: {}", path_, why));
-}
-
-void FileInput::read() {
-  std::error_code error;
-  if (std::filesystem::is_directory(path_, error)) fail("it is a folder");
-  if (std::filesystem::is_character_file(path_, error)) fail("it is a device, which may have no end");
-  std::ifstream stream(path_, std::ios::binary);
-  if (!stream) fail(std::strerror(errno));
-  if (const auto size = std::filesystem::file_size(path_, error); !error)
-    packets_.reserve(size / kTsPacketSize);
-
-  mpeg::PacketReader reader(stream);
-  while (const u8* packet = reader.next()) {
-    std::copy_n(packet, kTsPacketSize, packets_.emplace_back().begin());
-  }
-  if (stream.bad()) fail("it could not be read to its end");
-  if (packets_.empty()) fail("it holds no transport-stream packets (of 188, 192 or 204 bytes)");
-  damage_ = {.syncLosses = reader.losses().size(),
-             .leadingBytes = reader.leadingBytes(),
-             .trailingBytes = reader.trailingBytes()};
-}
-
-void FileInput::pace(std::optional<std::uint64_t> bitRate) {
-  std::vector<Run> runs;
-  if (bitRate) {
-    runs = {{packets_.size(), {.packets = *bitRate, .units = mpeg::kPacketBits * kUnitsPerSecond}}};
-  } else {
-    const std::vector<Pcr> pcrs = clockOf(packets_);
-    if (pcrs.empty()) {
-      fail(
-          "no PID has two PCRs within a second of each other, which would give its pace; name a rate in bits "
-          "a second, " +
-          path_ + "@RATE");
-    }
-    runs = runsOf(pcrs, packets_.size());
-  }
-  offsets_.reserve(packets_.size());
+void FileInput::measurePass() {
+  const u64 packets = survey_.packets;
   u64 end = 0;
-  for (const auto& [packets, pace] : runs) {
-    for (u64 i = 0; i < packets; ++i) offsets_.push_back(end + pace.of(i));
-    end += pace.of(packets);
+  if (fixed_) {
+    end = fixed_->of(packets);
+  } else {
+    const FileSurvey::Clock* clock = survey_.clock();
+    if (clock == nullptr) {
+      headend::fail(
+          "cannot play {0}: no PID has two PCRs within a second of each other, which would give its pace; "
+          "name "
+          "a rate in bits a second, {0}@RATE",
+          path_);
+    }
+    clockPid_ = clock->pid;
+    first_ = clock->firstPace;
+    end = first_.of(clock->firstPacket) + clock->span_units +
+          clock->pace.pace().of(packets - clock->pace.last()->packet);
   }
   // PCR, PTS and DTS are shifted by the same amount: whole ticks of 90 kHz, rounded up, so that no packet of
   // a pass is later than the first of the next.
-  constexpr u64 kPtsUnits = mpeg::kPcrPerPts * kUnitsPerTick;
   period_ticks_ = (end + kPtsUnits - 1) / kPtsUnits * mpeg::kPcrPerPts;
 }
 
-// The continuity of a PID moves each pass by what its last packet is ahead of the one before the first. A
-// packet without payload does not count.
-void FileInput::markPackets() {
-  std::vector<const mpeg::Packet*> firsts(kPids);
-  std::vector<const mpeg::Packet*> lasts(kPids);
-  for (const mpeg::Packet& packet : packets_) {
-    const u16 pid = mpeg::pidOf(packet);
-    if (firsts[pid] == nullptr) firsts[pid] = &packet;
-    lasts[pid] = &packet;
-  }
-  marks_.reserve(packets_.size());
-  for (const mpeg::Packet& packet : packets_) {
-    const u16 pid = mpeg::pidOf(packet);
-    u8 mark = mpeg::hasPcr(packet) ? kPcr : u8{0};
-    if (pid != kNullPid) {
-      const int step = mpeg::continuityOf(*lasts[pid]) - mpeg::continuityOf(*firsts[pid]) +
-                       (mpeg::hasPayload(*firsts[pid]) ? 1 : 0);
-      mark = static_cast<u8>(mark | (step & kStep));
-    }
-    marks_.push_back(mark);
-  }
-}
-
-void FileInput::findStamps() {
-  std::map<u16, PesHeader> headers;
-  const auto keep = [this](const PesHeader& header) {
-    for (unsigned time = 0; time < header.times(); ++time) {
-      const std::size_t begin = mpeg::kPesTimesAt + time * mpeg::kPesTimeSize;
-      std::array<u8, mpeg::kPesTimeSize> field{};
-      std::copy_n(&header.bytes[begin], mpeg::kPesTimeSize, field.begin());
-      if (!mpeg::pesTimeOf(field)) continue;
-      for (u8 i = 0; i < mpeg::kPesTimeSize; ++i) {
-        const PesHeader::Place& place = header.places[begin + i];
-        if (i > 0 && stamps_.back().packet == place.packet) {
-          ++stamps_.back().count;
-        } else {
-          stamps_.push_back({.packet = place.packet, .at = place.at, .first = i, .count = 1, .field = field});
-        }
-        marks_[place.packet] |= kStamps;
-      }
-    }
-  };
-  for (std::uint32_t i = 0; i < packets_.size(); ++i) {
-    const mpeg::Packet& packet = packets_[i];
-    if (!mpeg::hasPayload(packet) || mpeg::pidOf(packet) == kNullPid) continue;
-    PesHeader& header = headers[mpeg::pidOf(packet)];
-    if (mpeg::startsUnit(packet)) {
-      header.open = true;
-      header.size = 0;
-    }
-    if (mpeg::isScrambled(packet)) header.open = false;
-    if (!header.open) continue;
-    for (std::size_t at = mpeg::payloadStart(packet); at < kTsPacketSize && !header.complete(); ++at) {
-      header.places[header.size] = {.packet = i, .at = static_cast<u8>(at)};
-      header.bytes[header.size++] = packet[at];
-    }
-    if (!header.complete()) continue;
-    keep(header);
-    header.open = false;
-  }
-  std::ranges::stable_sort(stamps_, {}, &Stamp::packet);
+void FileInput::beginPass() {
+  file_.rewind();
+  ahead_.rewind();
+  index_ = 0;
+  stamp_ = 0;
+  pace_ = PcrPace(first_);
+  aheadIndex_ = 0;
+  runBegin_ = 0;
+  runPlayed_ = 0;
+  run_ = {};
+  if (fixed_) run_ = {.packets = survey_.packets, .pace = *fixed_};
+  schedule();
 }
 
 void FileInput::schedule() {
-  const u64 units = passBegin_ + offsets_[index_];
+  while (runPlayed_ == run_.packets) nextRun();
+  units_ = passBegin_ + runBegin_ + run_.pace.of(runPlayed_);
+  const u64 units = added_.empty() ? units_ : std::min(units_, added_.front().units);
   next_ = start_ + static_cast<Nanos>((units + kUnitsPerNano / 2) / kUnitsPerNano);
 }
 
+// Reads on to the next PCR that sets the pace.
+void FileInput::nextRun() {
+  if (run_.packets > 0) runBegin_ += run_.pace.of(run_.packets);
+  runPlayed_ = 0;
+  while (const u8* packet = ahead_.next()) {
+    const u64 index = aheadIndex_++;
+    const mpeg::PacketView view(packet, kTsPacketSize);
+    if (!mpeg::hasPcr(view) || mpeg::pidOf(view) != clockPid_) continue;
+    if (const auto run = pace_.push({.packet = index, .ticks = mpeg::pcrIn(view)})) {
+      run_ = *run;
+      return;
+    }
+  }
+  run_ = pace_.finish().value_or(PacedRun{.packets = std::numeric_limits<u64>::max(), .pace = pace_.pace()});
+}
+
 mpeg::PacketView FileInput::take() {
-  mpeg::PacketView taken = packets_[index_];
-  if (pass_ > 0) {
-    moved_ = packets_[index_];
-    const u8 mark = marks_[index_];
-    mpeg::setContinuity(moved_,
-                        mpeg::continuityOf(moved_) + static_cast<unsigned>(pass_ & 0x0F) * (mark & kStep));
-    if ((mark & kPcr) != 0) mpeg::setPcr(moved_, *mpeg::pcrOf(moved_) + shift_ticks_);
-    if ((mark & kStamps) != 0) moveStamps();
-    taken = moved_;
+  if (!added_.empty() && added_.front().units < units_) return takeAdded();
+  const u8* packet = file_.next();
+  if (packet == nullptr) {
+    return fail(file_.failed()
+                    ? std::strerror(errno)
+                    : fmt::format("it ends after {} packets now and had {}", index_, survey_.packets));
   }
-  if (++index_ == packets_.size()) {
-    index_ = 0;
-    stamp_ = 0;
-    ++pass_;
-    passBegin_ += period_ticks_ * kUnitsPerTick;
-    shift_ticks_ = (shift_ticks_ + period_ticks_) % mpeg::kPcrWrap;
+  mpeg::PacketView taken(packet, kTsPacketSize);
+  if (pass_ > 0) taken = move(taken);
+  if (mpeg::hasPcr(taken)) addPcrs(taken);
+  ++runPlayed_;
+  if (++index_ < survey_.packets) {
+    schedule();
+    return taken;
   }
+  if (taken.data() != moved_.data()) std::ranges::copy(taken, moved_.begin());  // rewinding reuses its place
+  ++pass_;
+  passBegin_ += period_ticks_ * kUnitsPerTick;
+  shift_ticks_ = (shift_ticks_ + period_ticks_) % mpeg::kPcrWrap;
+  beginPass();
+  return moved_;
+}
+
+mpeg::PacketView FileInput::takeAdded() {
+  moved_ = added_.front().packet;
+  added_.pop_front();
   schedule();
-  return taken;
+  return moved_;
+}
+
+mpeg::PacketView FileInput::fail(const std::string& why) {
+  say_(fmt::format("{} cannot be played any longer: {}; this input is silent from now on", path_, why));
+  next_ = kNever;
+  moved_ = mpeg::makePacket(kNullPid, false, 0);
+  return moved_;
+}
+
+mpeg::PacketView FileInput::move(mpeg::PacketView packet) {
+  std::ranges::copy(packet, moved_.begin());
+  const u16 pid = mpeg::pidOf(packet);
+  mpeg::setContinuity(moved_, mpeg::continuityOf(moved_) +
+                                  static_cast<unsigned>(pass_ & 0x0F) * survey_.continuitySteps[pid]);
+  if (const auto ticks = mpeg::pcrOf(packet)) mpeg::setPcr(moved_, *ticks + shift_ticks_);
+  if (mpeg::startsUnit(packet) && !mpeg::isScrambled(packet) && pid != kNullPid) {
+    if (const auto times = mpeg::pesTimesOf(packet)) {
+      for (unsigned i = 0; i < times->count; ++i) moveTime(times->at + i * mpeg::kPesTimeSize);
+    }
+  }
+  if (!survey_.stamps.empty()) moveStamps();
+  return moved_;
+}
+
+void FileInput::moveTime(std::size_t at) {
+  const auto field = std::span(moved_).subspan(at).first<mpeg::kPesTimeSize>();
+  if (const auto time = mpeg::pesTimeOf(field))
+    mpeg::setPesTime(field, *time + shift_ticks_ / mpeg::kPcrPerPts);
 }
 
 void FileInput::moveStamps() {
-  for (; stamp_ < stamps_.size() && stamps_[stamp_].packet == index_; ++stamp_) {
-    const Stamp& stamp = stamps_[stamp_];
+  const auto& stamps = survey_.stamps;
+  for (; stamp_ < stamps.size() && stamps[stamp_].packet == index_; ++stamp_) {
+    const FileSurvey::Stamp& stamp = stamps[stamp_];
     std::array<u8, mpeg::kPesTimeSize> field = stamp.field;
     mpeg::setPesTime(field, *mpeg::pesTimeOf(field) + shift_ticks_ / mpeg::kPcrPerPts);
     std::copy_n(&field[stamp.first], stamp.count, &moved_[stamp.at]);
   }
+}
+
+// `last` is the packet taken now, with a PCR. Behind the last one of its PID in a pass the interval to the
+// first one of the next pass is divided, if it is too long.
+void FileInput::addPcrs(mpeg::PacketView last) {
+  const u16 pid = mpeg::pidOf(last);
+  const auto found = survey_.clocks.find(pid);
+  if (found == survey_.clocks.end() || fixed_ || found->second.firstPace.packets == 0) return;
+  const FileSurvey::Clock& clock = found->second;
+  if (clock.pace.last()->packet != index_) return;
+  const u64 span_ticks = clock.span_units / kUnitsPerTick;
+  const u64 longest_ticks = std::max(survey_.longestInterval_ticks(), mpeg::kPcrPerPts);
+  if (period_ticks_ <= span_ticks + longest_ticks) return;
+  const u64 gap_ticks = period_ticks_ - span_ticks;
+  const u64 parts = std::min((gap_ticks + longest_ticks - 1) / longest_ticks, kAddedMost);
+  for (u64 i = 1; i < parts; ++i) {
+    const u64 later_ticks = gap_ticks * i / parts;
+    added_.push_back({.units = units_ + later_ticks * kUnitsPerTick,
+                      .packet = pcrPacket(pid, mpeg::continuityOf(last), mpeg::pcrIn(last) + later_ticks)});
+  }
+  std::ranges::stable_sort(added_, {}, &AddedPcr::units);
+}
+
+std::string FileInput::seam() const {
+  if (survey_.decoding.empty()) return "";
+  const auto step = [this](const auto& entry) {
+    const u64 later =
+        entry.second.first_pts + period_ticks_ / mpeg::kPcrPerPts + mpeg::kPtsWrap - entry.second.last_pts;
+    const auto wrapped = static_cast<std::int64_t>(later % mpeg::kPtsWrap);
+    return wrapped > static_cast<std::int64_t>(mpeg::kPtsWrap / 2)
+               ? wrapped - static_cast<std::int64_t>(mpeg::kPtsWrap)
+               : wrapped;
+  };
+  const auto [least, most] = std::ranges::minmax_element(survey_.decoding, {}, step);
+  return fmt::format("DTS step by {:.3f} ms (PID {:#06x}) to {:.3f} ms (PID {:#06x})",
+                     static_cast<double>(step(*least)) / 90, least->first,
+                     static_cast<double>(step(*most)) / 90, most->first);
 }
 
 }  // namespace headend

@@ -30,6 +30,11 @@ CALLS = """
 2 | --interval 1.1.FOO=3 | FOO
 1 | --out 1.1=udp://127.0.0.1:70000 | udp://127.0.0.1:70000
 2 | --manage 127.0.0.1:65536 | 65536
+2 | --manage ::1:49160 | brackets
+1 | --manage a..b:49160 | the host 'a..b' was not found
+1 | --out 1.1=udp://::1:5000 | brackets
+2 | --out 1.1=rtp://127.0.0.1:5000 | udp://ADDRESS:PORT.*without RTP
+2 | --source 6=srt://127.0.0.1:5000 | udp://ADDRESS:PORT
 2 | --out 1.1=out.ts --out 1.2=out.ts | out.ts
 2 | --psi 1.1=out.ts --out 1.1=out.ts | out.ts
 2 | --set 1.rfreq=51999 | 52000.*1000000
@@ -77,7 +82,8 @@ CALLS = """
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
 1 | --source 6=/dev/zero | /dev/zero.*device
 0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme add .*Harbour done
-0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*sync lost 1 times.* 100 behind
+0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*damaged: sync lost 1 time, 100 bytes behind
+0 | --source 6=cut.ts --programme 1.1=6.1:Harbour | damaged: 87 bytes behind the last;
 2 | --config absent.conf | absent.conf
 2 | --config wrong.conf | wrong.conf line 2: headend .* no option 'fsat'
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=257.csv | 257.csv.*(257|256)
@@ -93,7 +99,9 @@ def inputs(case):
     for name in os.listdir(case.args.samples):
         os.symlink(case.sample(name), case.path(name))
     packets = packets_of(read(case.sample('two-programmes.ts')))
-    for name, content in {'full.ts': b'mine', 'wrong.conf': b'seconds=3\nfsat=true\n', '204.ts': b''.join(packet + bytes(16) for packet in packets),
+    for name, content in {'full.ts': b'mine', 'wrong.conf': b'seconds=3\nfsat=true\n',
+                          '204.ts': b''.join(packet + bytes(16) for packet in packets),
+                          'cut.ts': b''.join(packets)[:-101],
                           '257.csv': pid_map(*((6, 1, pid, pid) for pid in range(32, 289))),
                           'slot4.csv': pid_map((4, 1, 768, 1024))}.items():
         write(case.path(name), content)
@@ -180,6 +188,23 @@ def a_full_or_write_protected_disk_is_named_and_leaves_the_old_record_and_whole_
     write(os.path.join(flash, 'para'), b'')  # a file in place of the folder also stops root
     case.says(case.fast(flash, 3, *upload, codes=(1,)), 'para')
     case.tidy(flash, 'para')
+
+
+def a_file_of_any_size_needs_little_memory(case):
+    large, hole = case.path('large.ts'), case.path('hole.ts')
+    with open(large, 'wb') as file:  # in parts: the memory of this program counts too
+        for _ in range(150):
+            file.write(read(case.sample('four-programmes-cbr.ts')))
+    write(hole, b'')
+    os.truncate(hole, 20 << 30)
+    for code, text, *flags in ((0, r'programme add .* done', '--source', f'6={large}', '--programme', '1.1=6.1:One'),
+                               (0, r'psi load .* done', '--psi', f'1.1={large}'),
+                               (1, r'no packets found in its first [45]\d{6} bytes', '--psi', f'1.1={hole}'),
+                               (1, r'no transport-stream packets', '--source', f'6={hole}')):
+        case.says(case.fast(case.flash(), 9, *flags, codes=(code,)), text)
+    os.remove(large)
+    peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
+    case.check(peak < 200_000, f'{peak} kB of memory for a file of 290 MB')
 
 
 harness.main(__name__)

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 
 namespace headend {
 namespace {
@@ -18,12 +19,6 @@ constexpr std::size_t kPacketsAtLeast = 1024;
 
 constexpr Nanos kPcrPidGone = kSecond;         // after this time another PID's PCRs may be used
 constexpr Nanos kShortestPause = 100'000'000;  // the standard requires a PCR every 100 ms
-
-// How the sender's clock is followed: jitter is averaged over the first time, the rest is corrected over the
-// second, at no more than the rate, which is several times the tolerance of a quartz.
-constexpr double kSmoothing_s = 2;
-constexpr double kCorrection_s = 20;
-constexpr double kFastestCorrection = 200e-6;
 
 // RTP (RFC 3550); MPEG-2 transport streams are type 33.
 constexpr std::size_t kRtpHeader = 12;
@@ -152,6 +147,7 @@ void UdpInput::onPcr(u64 ticks) {
   const Nanos now = network_.now();
   const u64 elapsed_ticks = mpeg::pcrDistance(pcr_ticks_, ticks);
   if (!running_) {
+    sender_ = {};
     beginClock(ticks);
   } else if (elapsed_ticks == 0 || elapsed_ticks > kLongestInterval_ticks) {
     ++counts_.discontinuities;
@@ -162,10 +158,12 @@ void UdpInput::onPcr(u64 ticks) {
     const Nanos play = play_ / kUnitsPerNano;
     if (play < now) {
       ++counts_.underruns;
+      sender_ = {};
       beginClock(ticks);
     } else if (play > now + 2 * deJitter_) {
       ++counts_.overruns;
       hurry(now + deJitter_);
+      sender_ = {};
       beginClock(ticks);
     } else {
       spread(before, play);
@@ -180,18 +178,21 @@ void UdpInput::beginClock(u64 ticks) {
   running_ = true;
   pcr_ticks_ = ticks;
   play_ = lastWhen_ * kUnitsPerNano;
-  excess_ = 0;
+  begin_ = network_.now();
+  sinceBegin_ticks_ = 0;
+  sender_.restart();
 }
 
-// Moves the clock to a PCR that is later by this time, and a little towards the middle of the buffer.
+// Moves the clock to a PCR that is later by this time.
 void UdpInput::follow(u64 elapsed_ticks) {
   const double elapsed_s = static_cast<double>(elapsed_ticks) / static_cast<double>(mpeg::kPcrHz);
   const auto straight = static_cast<std::int64_t>(elapsed_ticks) * kUnitsPerTick;
-  const Nanos play = (play_ + straight) / kUnitsPerNano;
-  const auto excess = static_cast<double>(play - network_.now() - deJitter_);
-  excess_ += (excess - excess_) * std::min(1.0, elapsed_s / kSmoothing_s);
-  const double rate = std::clamp(excess_ / 1e9 / kCorrection_s, -kFastestCorrection, kFastestCorrection);
-  play_ += straight - static_cast<std::int64_t>(rate * static_cast<double>(straight));
+  play_ += straight + std::llround(sender_.slowness() * static_cast<double>(straight));
+  sinceBegin_ticks_ += elapsed_ticks;
+  const Nanos now = network_.now();
+  const auto sent = static_cast<Nanos>(sinceBegin_ticks_ * kUnitsPerTick / kUnitsPerNano);
+  const auto excess = static_cast<double>(play_ / kUnitsPerNano - now - deJitter_);
+  sender_.note(elapsed_s, static_cast<double>(now - begin_ - sent) / 1e9, excess / 1e9);
 }
 
 // Sets the times of the waiting packets since the last PCR, up to that of the packet with the new PCR.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "headend/hardware/source_clock.h"
 #include "headend/hardware/ts_input.h"
 #include "headend/kernel/network.h"
 #include "mpeg/packet.h"
@@ -16,9 +17,9 @@
 namespace headend {
 
 // The packet with the first PCR plays at its arrival time plus the buffer's delay; later ones at the times of
-// their PCRs, and those between at equal intervals. Small differences between the clocks of sender and host
-// are corrected slowly. If PCRs and buffer no longer match, the next PCR restarts it. Without PCRs each
-// packet plays at its arrival plus the delay. Times never decrease and are not in the past.
+// their PCRs, and those between at equal intervals. The clock starts at the nominal rate and follows that of
+// the sender, see SourceClock. If PCRs and buffer no longer match, the next PCR restarts it. Without PCRs
+// each packet plays at its arrival plus the delay. Times never decrease and are not in the past.
 class UdpInput final : public TsInput {
  public:
   struct Counts {
@@ -83,7 +84,9 @@ class UdpInput final : public TsInput {
   std::uint64_t pcrNumber_ = 0;  // number of its packet
   u64 pcr_ticks_ = 0;
   std::int64_t play_ = 0;  // its play time, in units of 1/27 ns
-  double excess_ = 0;      // smoothed excess length of the buffer in ns
+  SourceClock sender_;
+  Nanos begin_ = 0;           // arrival of the PCR that started or restarted the clock
+  u64 sinceBegin_ticks_ = 0;  // PCR time since then
 };
 
 }  // namespace headend

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 #include <tuple>
 
 #include "client/udp_link.h"
@@ -29,12 +30,13 @@ Bytes stream(const std::vector<double>& pcrs_ms, u64 base_ticks) {
 }
 
 headend::FileInput play(const Bytes& content, std::optional<u64> rate = std::nullopt, Nanos start = 0) {
-  const Scratch scratch;  // a file is read completely when its input is created
+  const Scratch scratch;  // a file that is removed plays on
   writeFile(scratch.path / "stream.ts", content);
   return headend::FileInput((scratch.path / "stream.ts").string(), rate, start);
 }
 
-// Each pass moves PCRs alike, and continuity goes on.
+// Each pass moves PCRs alike, and continuity goes on. Packets that are added between two passes, without
+// payload, keep the PCRs of the first row as near to each other as they are in the file.
 TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
   using Times = std::vector<double>;
   constexpr double none = kNone, tick = 1 / 27e3, bit = 1 / 7e3;
@@ -56,17 +58,45 @@ TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
     const double period_ns = static_cast<double>(input.period_ticks()) * 1000 / 27;
     EXPECT_EQ(input.period_ticks() % 300, 0U);
     EXPECT_NEAR(period_ns, period_ms * 1e6 + 5'555, 5'556);  // rounded up to a tick of 90 kHz
+    u64 last_ticks = base_ticks;
     for (u64 i = 0; i < 3 * pcrs_ms.size(); ++i) {
       const u64 pass = i / pcrs_ms.size(), place = i % pcrs_ms.size();
       const double arrival = 1e9 + static_cast<double>(pass) * period_ns + arrive_ms[place] * 1e6;
-      EXPECT_NEAR(static_cast<double>(input.nextArrival()), arrival, 1);
+      Nanos when = input.nextArrival();
+      auto taken = input.take();
+      for (; (taken[3] & 0x10) == 0; taken = input.take()) {  // added between two passes
+        EXPECT_EQ(pcrIn(taken) - last_ticks, 25 * 27'000U);
+        EXPECT_NEAR(static_cast<double>(when),
+                    1e9 + static_cast<double>(pcrIn(taken) - base_ticks) / .027 + 15e6, 1);
+        last_ticks = pcrIn(taken);
+        when = input.nextArrival();
+      }
+      EXPECT_NEAR(static_cast<double>(when), arrival, 1);
       const auto* begin = whole.data() + place * 188;
       Bytes expected(begin, begin + 188);
       put(expected, 28, 4, i);
-      if (pcrs_ms[place] != kNone) putPcr(expected, pcrIn(expected) + pass * input.period_ticks());
-      EXPECT_TRUE(std::ranges::equal(input.take(), expected)) << i;
+      if (pcrs_ms[place] != kNone) {
+        putPcr(expected, pcrIn(expected) + pass * input.period_ticks());
+        last_ticks = pcrIn(expected);
+      }
+      EXPECT_TRUE(std::ranges::equal(taken, expected)) << i;
     }
   }
+}
+
+TEST(Inputs, AFileThatIsCutWhilePlayingEndsItsInputWithAReason) {
+  const Scratch scratch;
+  const std::string file = (scratch.path / "stream.ts").string();
+  writeFile(file, stream({0, kNone, 40}, 0));
+  std::vector<std::string> said;
+  headend::FileInput input(file, std::nullopt, 0, [&](const std::string& text) { said.push_back(text); });
+  for (int i = 0; i < 3; ++i) input.take();
+  std::filesystem::resize_file(file, 188);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(input.take().size(), 188U);
+  EXPECT_EQ(input.nextArrival(), headend::kNever);
+  ASSERT_EQ(said.size(), 1U);
+  EXPECT_NE(said[0].find(file + " cannot be played any longer: it ends after 1 "), std::string::npos)
+      << said[0];
 }
 
 // In passes of a second. PTS and DTS lie across two packets, with one without payload between them.
@@ -143,7 +173,7 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
   };
   const Row rows[] = {
       {.name = "in bursts", .packets = 400, .burst = 5, .delay = 220 * kMs, .within = 5 * kMs},
-      {.name = "a sender 100 ppm slow", .packets = 60'000, .every = 10'001'000, .within = 4 * kMs},
+      {.name = "a sender 100 ppm slow", .packets = 60'000, .every = 10'001'000, .within = 10 * kMs},
       {.name = "a new time base", .jump_ticks = 900'000'000, .faults = {1, 0, 0, 0}},
       {.name = "a pause", .pause = 3 * kSecond, .faults = {0, 0, 0, 1}},
       {"half as fast as it says", 60, 20 * kMs, 0, 0, 1, 100 * kMs, 101 * kMs, {0, 2, 0, 0}},
@@ -170,6 +200,35 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     const UdpInput::Counts& counts = udp.input.counts();
     const std::array faults = {counts.discontinuities, counts.underruns, counts.overruns, counts.pauses};
     EXPECT_EQ(faults, row.faults);
+  }
+}
+
+// A PCR each 40 ms for 20 minutes, over a network that delays it. By the rate that the sender's clock
+// differs: the output's rate differs from the sender's within limits that become narrower, and no packet is
+// too late.
+TEST(Inputs, TheClockFollowsASender) {
+  std::mt19937 random(1);
+  const auto delayed = [&](const std::string& jitter, double sent_s) {
+    if (jitter == "independent") return sent_s + std::uniform_real_distribution(0.0, 0.035)(random);
+    return jitter == "bursts" ? std::ceil(sent_s / 0.035) * 0.035 : sent_s;
+  };
+  for (const std::string jitter : {"none", "independent", "bursts"}) {
+    for (const double ppm : {0., 10., 30., -30., 80., -80., 99.}) {
+      SCOPED_TRACE(testing::Message() << jitter << ", " << ppm << " ppm");
+      headend::SourceClock clock;
+      const double begin_s = delayed(jitter, 0);
+      double play_s = begin_s + 0.2;
+      for (int i = 1; i < 20 * 60 * 25; ++i) {
+        const double pcr_s = i * 0.04, arrival_s = delayed(jitter, pcr_s * (1 + ppm / 1e6));
+        const double off_ppm = std::abs(clock.slowness() * 1e6 - ppm);
+        ASSERT_LE(std::abs(clock.slowness()), 100.01e-6) << pcr_s;
+        ASSERT_LE(off_ppm, pcr_s > 600 ? 5 : pcr_s > 120 || std::abs(ppm) <= 30 ? 30.01 : 99) << pcr_s;
+        play_s += 0.04 * (1 + clock.slowness());
+        ASSERT_GE(play_s, arrival_s + 0.1) << pcr_s;
+        clock.note(0.04, arrival_s - begin_s - pcr_s, play_s - arrival_s - 0.2);
+      }
+      EXPECT_NEAR(play_s - begin_s - 1200 * (1 + ppm / 1e6), 0.2, 0.06);
+    }
   }
 }
 

@@ -193,7 +193,8 @@ std::vector<std::string> accessConfiguration(const SnmpSecrets& secrets, const S
 
   const auto community = [&](const std::string& name, const std::string& secret, bool writes) {
     if (secret.empty()) return;
-    lines.push_back(fmt::format("com2sec {} default {}", name, quoted(secret)));
+    for (const char* family : {"com2sec", "com2sec6"})
+      lines.push_back(fmt::format("{} {} default {}", family, name, quoted(secret)));
     lines.push_back(fmt::format("group {0} v2c {0}", name));
     lines.push_back(access(name, "v2c", "noauth", writes));
   };

@@ -34,7 +34,8 @@ using commands::Option;
 constexpr const char* kDescription =
     "A virtual headend: a chassis with QAM modulator cards in one process, in virtual time. It loads each "
     "card's FPGA from the flash folder, starts the card, and puts its transport streams where --out says. "
-    "Slots (1 to 6) and channels (1, 2) count from 1: 2.1 is channel 1 of the card in slot 2.";
+    "Slots (1 to 6) and channels (1, 2) count from 1: 2.1 is channel 1 of the card in slot 2. An ADDRESS is "
+    "an IPv4 address, an IPv6 address in brackets, or a host name.";
 
 constexpr const char* kFooter = R"(
 Examples:

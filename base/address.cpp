@@ -81,7 +81,7 @@ std::vector<SocketAddress> resolve(const Address& address) {
     one.size = a->ai_addrlen;
   }
   if (all.empty()) throw std::runtime_error("the host '" + address.host + "' has no IPv4 or IPv6 address");
-  std::ranges::stable_partition(all, [](const SocketAddress& one) { return !one.isV6(); });
+  std::stable_partition(all.begin(), all.end(), [](const SocketAddress& one) { return !one.isV6(); });
   return all;
 }
 

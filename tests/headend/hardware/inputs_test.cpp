@@ -59,6 +59,7 @@ TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
     EXPECT_EQ(input.period_ticks() % 300, 0U);
     EXPECT_NEAR(period_ns, period_ms * 1e6 + 5'555, 5'556);  // rounded up to a tick of 90 kHz
     u64 last_ticks = base_ticks;
+    int added = 0;
     for (u64 i = 0; i < 3 * pcrs_ms.size(); ++i) {
       const u64 pass = i / pcrs_ms.size(), place = i % pcrs_ms.size();
       const double arrival = 1e9 + static_cast<double>(pass) * period_ns + arrive_ms[place] * 1e6;
@@ -69,6 +70,7 @@ TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
         EXPECT_NEAR(static_cast<double>(when),
                     1e9 + static_cast<double>(pcrIn(taken) - base_ticks) / .027 + 15e6, 1);
         last_ticks = pcrIn(taken);
+        ++added;
         when = input.nextArrival();
       }
       EXPECT_NEAR(static_cast<double>(when), arrival, 1);
@@ -81,6 +83,7 @@ TEST(Inputs, PacketsOfAFileArriveWhenItsPcrsSay) {
       }
       EXPECT_TRUE(std::ranges::equal(taken, expected)) << i;
     }
+    EXPECT_EQ(added, base_ticks == 5 ? 5 : 0);
   }
 }
 

@@ -145,7 +145,7 @@ class Surveyor {
 
   void keepParts(const SplitHeader& header, std::size_t begin, const PesTimeField& field) {
     auto& stamps = survey_.stamps;
-    for (u8 i = 0; i < field.size(); ++i) {
+    for (std::size_t i = 0; i < field.size(); ++i) {
       const SplitHeader::Place& place = header.places[begin + i];
       if (i > 0 && stamps.back().packet == place.packet) {
         ++stamps.back().count;
@@ -153,7 +153,8 @@ class Surveyor {
       }
       if (stamps.size() == kStampsMost)
         fail("cannot play {}: more than {} PTS and DTS of it lie in several packets", path_, kStampsMost);
-      stamps.push_back({.packet = place.packet, .at = place.at, .first = i, .count = 1, .field = field});
+      stamps.push_back(
+          {.packet = place.packet, .at = place.at, .first = static_cast<u8>(i), .count = 1, .field = field});
     }
   }
 

@@ -191,8 +191,8 @@ void UdpInput::follow(u64 elapsed_ticks) {
   sinceBegin_ticks_ += elapsed_ticks;
   const Nanos now = network_.now();
   const auto sent = static_cast<Nanos>(sinceBegin_ticks_ * kUnitsPerTick / kUnitsPerNano);
-  const auto excess = static_cast<double>(play_ / kUnitsPerNano - now - deJitter_);
-  sender_.note(elapsed_s, static_cast<double>(now - begin_ - sent) / 1e9, excess / 1e9);
+  const Nanos excess = play_ / kUnitsPerNano - now - deJitter_;
+  sender_.note(elapsed_s, static_cast<double>(now - begin_ - sent) / 1e9, static_cast<double>(excess) / 1e9);
 }
 
 // Sets the times of the waiting packets since the last PCR, up to that of the packet with the new PCR.

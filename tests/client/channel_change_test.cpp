@@ -115,8 +115,7 @@ class ChannelChangeTest : public test::CardTest {
     }
   }
 
-  // One fault at each request; with QAM_SLICE at each third request and so on, because the sanitizers take
-  // long.
+  // One fault at each request; with QAM_SLICE=5 at each fifth, because the sanitizers take long.
   void breakEverywhere(const Procedure& procedure, std::string_view fault) {
     const bool theirs = fault == "second client";
     const char* slice = std::getenv("QAM_SLICE");

@@ -3,6 +3,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -83,6 +84,19 @@ std::vector<SocketAddress> resolve(const Address& address) {
   if (all.empty()) throw std::runtime_error("the host '" + address.host + "' has no IPv4 or IPv6 address");
   std::stable_partition(all.begin(), all.end(), [](const SocketAddress& one) { return !one.isV6(); });
   return all;
+}
+
+int openDatagramSocket(const std::vector<SocketAddress>& addresses, SocketUse use, int flags) {
+  for (const SocketAddress& address : addresses) {
+    const int fd = ::socket(address.family(), SOCK_DGRAM | SOCK_CLOEXEC | flags, 0);
+    if (fd < 0) continue;
+    const auto apply = use == SocketUse::kBind ? ::bind : ::connect;
+    if (apply(fd, address.generic(), address.size) == 0) return fd;
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+  }
+  return -1;
 }
 
 }  // namespace base

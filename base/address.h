@@ -44,4 +44,9 @@ struct SocketAddress {
 // std::runtime_error with the reason.
 std::vector<SocketAddress> resolve(const Address& address);
 
+// A datagram socket of the host, bound or connected to the first of these addresses that it can use. `flags`
+// are added to its type, as SOCK_NONBLOCK. -1 with errno of the last address if it can use none.
+enum class SocketUse { kBind, kConnect };
+int openDatagramSocket(const std::vector<SocketAddress>& addresses, SocketUse use, int flags = 0);
+
 }  // namespace base

@@ -46,14 +46,9 @@ int connectTo(const std::string& server, u16 defaultPort) {
   } catch (const std::runtime_error& e) {
     failToReach("{}: {}; name another server with --server", server, e.what());
   }
-  int error = 0;
-  for (const base::SocketAddress& to : addresses) {
-    const int fd = socket(to.family(), SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, to.generic(), to.size) == 0) return fd;
-    error = errno;
-    if (fd >= 0) close(fd);
-  }
-  failToReach("{}: no socket to it: {}", server, std::strerror(error));
+  const int fd = base::openDatagramSocket(addresses, base::SocketUse::kConnect);
+  if (fd < 0) failToReach("{}: no socket to it: {}", server, std::strerror(errno));
+  return fd;
 }
 
 std::string problemWith(const char* action) {

@@ -102,7 +102,7 @@ class UdpSink final : public BlockSink {
     const auto address = base::parseAddress(std::string_view(target).substr(kUdp.size()));
     if (!address || address->port == 0) fail(target, fmt::format("want udp://{}", base::kAddressForm));
     try {
-      connectTo(base::resolve(*address));
+      fd_ = base::openDatagramSocket(base::resolve(*address), base::SocketUse::kConnect);
     } catch (const std::runtime_error& e) {
       fail(target, e.what());
     }
@@ -114,18 +114,6 @@ class UdpSink final : public BlockSink {
   bool write(std::span<const u8> block) override {
     if (::send(fd_, block.data(), block.size(), 0) >= 0) return true;
     return errno == ECONNREFUSED || errno == EINTR;  // no receiver: as with any broadcast
-  }
-
-  // The first address that this machine can send to.
-  void connectTo(const std::vector<base::SocketAddress>& addresses) {
-    for (const base::SocketAddress& to : addresses) {
-      fd_ = ::socket(to.family(), SOCK_DGRAM | SOCK_CLOEXEC, 0);
-      if (fd_ >= 0 && ::connect(fd_, to.generic(), to.size) == 0) return;
-      const int error = errno;
-      if (fd_ >= 0) ::close(fd_);
-      fd_ = -1;
-      errno = error;
-    }
   }
 
   int fd_ = -1;

@@ -17,15 +17,6 @@ namespace {
 
 constexpr std::uint32_t kFirstPeer = 0xF0000000;
 
-int openAt(const base::SocketAddress& address) {
-  const int fd = ::socket(address.family(), SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0 || ::bind(fd, address.generic(), address.size) == 0) return fd;
-  const int error = errno;
-  ::close(fd);
-  errno = error;
-  return -1;
-}
-
 }  // namespace
 
 int openHostSocket(const std::string& host, std::uint16_t port) {
@@ -40,8 +31,7 @@ int openHostSocket(const std::string& host, std::uint16_t port) {
   } catch (const std::runtime_error& e) {
     failed(e.what());
   }
-  int fd = -1;
-  for (std::size_t i = 0; i < addresses.size() && fd < 0; ++i) fd = openAt(addresses[i]);
+  const int fd = base::openDatagramSocket(addresses, base::SocketUse::kBind, SOCK_NONBLOCK);
   if (fd < 0) failed(std::strerror(errno));
   return fd;
 }

@@ -214,9 +214,9 @@ AlarmList::AlarmList(Flash& flash, std::function<u32()> clock, Say say)
 void AlarmList::endAtPowerUp(const std::vector<int>& slotsWithCard) {
   for (const AlarmRecord& raised : std::vector(standing_)) {
     if (std::ranges::count(slotsWithCard, raised.alarm.Slot) == 0) {
-      end(raised, Kind::kSlotAbsent, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+      end(raised, Kind::kSlotAbsent);
     } else if (raised.alarm.Type == protocol::kAlarmRecordNotKept) {
-      end(raised, Kind::kEndedWhileOff, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+      end(raised, Kind::kEndedWhileOff);
     }
   }
 }
@@ -227,8 +227,7 @@ void AlarmList::matchInputs(int slot, u8 lost) {
     return raised.alarm.Slot == slot && raised.alarm.Type == protocol::kAlarmInputLost;
   };
   for (const AlarmRecord& raised : std::vector(standing_)) {
-    if (isOfInput(raised) && !isLost(raised.channel))
-      end(raised, Kind::kEndedWhileOff, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+    if (isOfInput(raised) && !isLost(raised.channel)) end(raised, Kind::kEndedWhileOff);
   }
   const Titles titles(slot);
   for (int channel = 1; channel <= MAX_QAM_OUT_NUM; ++channel) {

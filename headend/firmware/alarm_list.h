@@ -115,6 +115,9 @@ class AlarmList {
  private:
   void note(AlarmRecord event);
   void forgetOldest();
+  void end(const AlarmRecord& raised, protocol::AlarmEvent::Kind kind) {  // with the alarm's own trap texts
+    end(raised, kind, raised.alarm.StrZhTrap, raised.alarm.StrEnTrap);
+  }
   void end(const AlarmRecord& raised, protocol::AlarmEvent::Kind kind, const char* zhTrap,
            const char* enTrap);
 

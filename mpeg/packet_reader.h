@@ -31,9 +31,8 @@ class PacketReader {
 
   Offset leadingBytes() const { return leadingBytes_; }
   Offset trailingBytes() const { return trailingBytes_; }
-  Offset size() const {
-    return base_ + filled_;
-  }  // read so far: of the stream, once next() has returned null
+  // Bytes read so far: those of the stream, once next() has returned null.
+  Offset size() const { return base_ + filled_; }
   std::uint64_t lossCount() const { return lossCount_; }
   const std::vector<SyncLoss>& firstLosses() const { return firstLosses_; }  // kLossesKept at most
   static constexpr std::size_t kLossesKept = 5;

@@ -89,7 +89,7 @@ class Chassis {
   // The services of platform/chassis.h.
   void cardInsert(chassis::card* card);
   // Saves the slot's record. When that fails, the chassis keeps these bytes and saves them again every
-  // kSaveAgain, until they or a newer record are stored. It never saves what the record is at that time:
+  // kSaveAgain_s, until they or a newer record are stored. It never saves what the record is at that time:
   // while a client changes a channel, the channel's tables in the record are erased.
   int save(u8 number);
   // A line of the panel that a slot's own task prints.

@@ -41,8 +41,8 @@ void StatusChecks::check(int slot, int ticks) {
   }
 }
 
-// The card's variables of the sensors would lock the variables of all cards while one reads, and for good if
-// its line is stuck.
+// Reads the sensors directly: a read of the card's variables holds semQamVar, and would hold it permanently
+// if the sensor's line is stuck.
 StatusChecks::Pass StatusChecks::passOf(int slot) const {
   const auto number = static_cast<u8>(slot);
   Pass pass{.lostInputs = GetQamCardParaFromList(number)->qam_para.status};

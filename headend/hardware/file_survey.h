@@ -64,8 +64,8 @@ struct FileSurvey {
   // Throws std::runtime_error with the path and the reason if the file cannot be used.
   explicit FileSurvey(const std::string& path);
 
-  const Clock* clock()
-      const;  // of the PID whose PCRs come first; null if no PID has two that follow each other
+  // Of the PID whose PCRs come first; null if no PID has two that follow each other.
+  const Clock* clock() const;
   u64 longestInterval_ticks() const;  // between two PCRs of any PID; 0 if there is none
 
   u64 packets = 0;

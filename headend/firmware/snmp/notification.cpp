@@ -12,32 +12,32 @@
 namespace headend {
 namespace {
 
-using Name = std::vector<oid>;
+using ObjectName = std::vector<oid>;
 
-const Name kSysUpTime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
-const Name kSnmpTrapOid = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
-const Name kSnmpTraps = {1, 3, 6, 1, 6, 3, 1, 1, 5};
+const ObjectName kSysUpTime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
+const ObjectName kSnmpTrapOid = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
+const ObjectName kSnmpTraps = {1, 3, 6, 1, 6, 3, 1, 1, 5};
 
 class Message {
  public:
   Message(std::span<const u32> base, int command) : base_(base), pdu_(snmp_pdu_create(command)) {}
 
-  void add(const Name& name, u8 type, const void* value, std::size_t size) {
+  void add(const ObjectName& name, u8 type, const void* value, std::size_t size) {
     snmp_pdu_add_variable(pdu_, name.data(), name.size(), type, value, size);
   }
   void number(u32 object, u8 type, long value) { add(nameOf(object), type, &value, sizeof value); }
   void text(u32 object, const std::string& value) {
     add(nameOf(object), ASN_OCTET_STR, value.data(), value.size());
   }
-  Name below(std::initializer_list<u32> suffix) const {
-    Name name(base_.begin(), base_.end());
+  ObjectName below(std::initializer_list<u32> suffix) const {
+    ObjectName name(base_.begin(), base_.end());
     name.insert(name.end(), suffix.begin(), suffix.end());
     return name;
   }
   snmp_pdu* pdu() const { return pdu_; }
 
  private:
-  Name nameOf(u32 object) const { return below({protocol::kMibNotificationObjects, object, 0}); }
+  ObjectName nameOf(u32 object) const { return below({protocol::kMibNotificationObjects, object, 0}); }
 
   std::span<const u32> base_;
   snmp_pdu* pdu_;
@@ -67,7 +67,7 @@ snmp_pdu* messageOf(const Notification& notification, std::span<const u32> base,
   Message message(base, isInform ? SNMP_MSG_INFORM : SNMP_MSG_TRAP2);
   const std::optional<AlarmRecord>& event = notification.alarm;
   const bool isRaised = event && event->kind == protocol::AlarmEvent::Kind::kRaised;
-  Name kind = kSnmpTraps;
+  ObjectName kind = kSnmpTraps;
   if (event) {
     kind = message.below(
         {protocol::kMibNotifications, isRaised ? protocol::kMibAlarmRaised : protocol::kMibAlarmCleared});

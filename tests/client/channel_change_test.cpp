@@ -115,7 +115,7 @@ class ChannelChangeTest : public test::CardTest {
     }
   }
 
-  // One fault at each request; with QAM_SLICE=5 at each fifth, because the sanitizers take long.
+  // One fault at each request; with QAM_SLICE=11 at each eleventh, because the sanitizers take long.
   void breakEverywhere(const Procedure& procedure, std::string_view fault) {
     const bool theirs = fault == "second client";
     const char* slice = std::getenv("QAM_SLICE");

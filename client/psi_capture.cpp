@@ -13,6 +13,7 @@
 #include <tuple>
 #include <utility>
 
+#include "base/progress.h"
 #include "mpeg/packet_reader.h"
 
 namespace client {
@@ -44,9 +45,10 @@ constexpr const char* kLossTexts[] = {
 // replaces every section of the old one.
 class Pass {
  public:
-  Pass(std::istream& stream, const std::string& name, const std::set<u16>& pmtPids)
+  Pass(int number, std::istream& stream, const std::string& name, const std::set<u16>& pmtPids)
       : reader_(stream), pmtPids_(pmtPids) {
     stream.clear();
+    const auto size = stream.seekg(0, std::ios::end).tellg();
     if (!stream.seekg(0))
       fail("{}: cannot be read twice, as a capture must be; store it in a file first", name);
     for (const PsiType type : kAllTables) {
@@ -54,7 +56,8 @@ class Pass {
     }
     for (const u16 pid : kOtherTablePids) listen(pid);
     for (const u16 pid : pmtPids) listen(pid);
-    readAll();
+    readAll(
+        base::ReadingProgress(fmt::format("reading {} ({} of 2)", name, number), static_cast<Offset>(size)));
     if (stream.bad()) fail("{}: reading failed: {}", name, std::strerror(errno));
     if (packets_ == 0)
       fail("{}: no transport stream: no packets found in its first {} bytes", name, reader_.size());
@@ -74,11 +77,12 @@ class Pass {
   }
 
  private:
-  void readAll() {
+  void readAll(base::ReadingProgress progress) {
     while (const u8* packet = reader_.next()) {
       ++packets_;
       const PacketView view(packet, kTsPacketSize);
       at_ = reader_.position();
+      progress.at(at_);
       if (const auto found = gatherers_.find(pidOf(view)); found != gatherers_.end())
         found->second.push(view);
     }
@@ -182,14 +186,14 @@ class Pass {
 
 Capture readCapture(std::istream& stream, const std::string& name) {
   const std::set<u16> none;
-  const Capture first = Pass(stream, name, none).result();
+  const Capture first = Pass(1, stream, name, none).result();
   std::set<u16> named;
   for (const Section& section : first.sections) {
     if (tableOfId(section.tableId()) == PAT) named.merge(programmeMapPids(section));
   }
   std::set<u16> pmtPids = named;
   std::erase_if(pmtPids, isReservedPid);
-  Capture capture = Pass(stream, name, pmtPids).result();
+  Capture capture = Pass(2, stream, name, pmtPids).result();
   for (const u16 pid : named) {
     if (isReservedPid(pid)) {
       capture.notes.push_back(fmt::format(

@@ -10,6 +10,7 @@
 #include <exception>
 #include <filesystem>
 
+#include "base/progress.h"
 #include "client/udp_link.h"
 #include "commands/command.h"
 #include "commands/status.h"
@@ -68,7 +69,6 @@ fs::path stateFolder() {
 class SocketSession final : public commands::Session {
  public:
   explicit SocketSession(std::string server) : server_(std::move(server)), calibration_(server_) {}
-  ~SocketSession() override { SocketSession::progress(""); }  // before an error is printed
 
   client::Link& link() override {
     if (link_) return *link_;
@@ -86,11 +86,7 @@ class SocketSession final : public commands::Session {
     if (std::fflush(stdout) != 0) throw std::runtime_error("the output could not be written");
   }
   void note(const std::string& text) override { fmt::print(stderr, "note: {}\n", text); }
-  void progress(const std::string& text) override {
-    if (isatty(STDERR_FILENO) == 0 || (text.empty() && !hasProgress_)) return;
-    fmt::print(stderr, "\r{}\x1B[K", text);
-    hasProgress_ = !text.empty();
-  }
+  void progress(const std::string& text) override { progress_.show(text); }
 
   fs::path rescueFolder() const override {
     fs::path folder = stateFolder() / "qamctl" / server_;
@@ -132,7 +128,7 @@ class SocketSession final : public commands::Session {
   }
 
   std::string server_;
-  bool hasProgress_ = false;
+  base::ProgressLine progress_;  // removed before an error is printed
   std::optional<client::UdpLink> link_;
   client::UdpCalibrationLink calibration_;
 };

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "base/progress.h"
 #include "headend/fail.h"
 
 namespace headend {
@@ -190,7 +191,12 @@ void LoopedFile::rewind() {
 FileSurvey::FileSurvey(const std::string& path) {
   LoopedFile file(path);
   Surveyor surveyor(*this, path);
-  while (const u8* packet = file.next()) surveyor.note(mpeg::PacketView(packet, kTsPacketSize));
+  std::error_code error;
+  base::ReadingProgress progress("reading " + path, std::filesystem::file_size(path, error));
+  while (const u8* packet = file.next()) {
+    surveyor.note(mpeg::PacketView(packet, kTsPacketSize));
+    progress.at(file.reader().position());
+  }
   if (file.failed()) fail("cannot play {}: it could not be read to its end", path);
   if (packets == 0)
     fail("cannot play {}: it holds no transport-stream packets (of 188, 192 or 204 bytes)", path);

@@ -202,6 +202,11 @@ def a_file_of_any_size_needs_little_memory(case):
                                (1, r'no packets found in its first [45]\d{6} bytes', '--psi', f'1.1={hole}'),
                                (1, r'no transport-stream packets', '--source', f'6={hole}')):
         case.says(case.fast(flash, 9, *flags, codes=(code,)), text)
+    watched = [case.args.headend, '--fast', '--seconds', '1', '--flash', flash, '--psi', f'1.1={large}',
+               '--source', f'6={large}']
+    run = case.execute(['script', '-qec', shlex.join(watched), '/dev/null'])  # on a terminal
+    case.says(run, *(rf'{what}: {percent} %' for percent in (11, 94)
+                     for what in (r'reading \S+large\.ts', r'large\.ts \(1 of 2\)', r'large\.ts \(2 of 2\)')))
     os.remove(large)
     peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
     case.check(peak < 200_000, f'{peak} kB of memory for a file of 290 MB')

@@ -119,7 +119,8 @@ def what_hung_at_a_fault_goes_on_when_it_ends(case):
                     *[word for command in commands for word in ('--do', command)], codes=(1,))
     planned = r'1\.config-lost  not present, from 7\.000 s\n'
     case.says(run, rf'1\.sensor1-scl-low  present, from 1\.000 s to 3\.000 s\n{planned}.* 25 deg C\n{planned}'
-              rf'[\s\S]*first oscillator: no ref[\s\S]*on air[^\n]*\n{planned}')
+              rf'[\s\S]*first oscillator: no ref[\s\S]*on air[^\n]*\n{planned}',
+              r'4\.5\d*\] headend: fault on card 1: the first oscillator')
     hung = {task['task']: task['longest_poll_ms'] for task in run.report['watchdog'] if task['longest_poll_ms'] > 100}
     card = case.card(run, 1, 'config_error')
     case.equal((hung, 'hung' in card, card['channels'][0]['rf']['verdict']), ({'tBackEnd': 1000}, False, 'off'), 'the end')

@@ -291,6 +291,35 @@ TEST_F(Qamctl, DecodesNoSectionWhoseLengthsContradictEachOther) {
   }
 }
 
+TEST_F(Qamctl, NamesStreamsByTheirDescriptors) {
+  using namespace std::string_literals;
+  const std::tuple<u8, std::string, const char*, const char*> rows[] = {
+      {0x06,
+       "\x56\x0F"
+       "eng\0\0swe\0\0eng\0\0"s,
+       "teletext", "eng,swe"},
+      {0x06,
+       "\x59\x08"
+       "fin\0\0\0\0\0\x52\x01\x01"s,
+       "subtitles", "fin"},
+      {0x06,
+       "\x0A\x04"
+       "deu\0\x6A\x01\0"s,
+       "AC-3 audio", "deu"},
+      {0x06, "\x7A\x01\0"s, "E-AC-3 audio", ""},
+      {0x06, "\x52\x01\x01"s, "private data", ""},
+      {0x1B, "\x6A\x01\0"s, "H.264 video", ""},
+  };
+  for (const auto& [type, descriptors, kind, language] : rows) {
+    const Bytes body = Bytes{0xE1, 1, 0xF0, 0, type, 0xE1, 2} +
+                       test::word(static_cast<u32>(0xF000 | descriptors.size())) + test::bytesOf(descriptors);
+    const auto stream =
+        commands::decodeSection(test::makeSection({.pid = 0x20, .tableId = 2}, body))["streams"][0];
+    EXPECT_EQ(stream["kind"], kind);
+    EXPECT_EQ(stream.value("language", ""), language) << kind;
+  }
+}
+
 TEST_F(Qamctl, PrintsTheMibModuleBelowAnyRightBase) {
   expectCalls({{"mib", 0, "below 1.3.6.1.4.1.8072.9999.9999.27."},
                {"mib --base .1.3.6.1.4.1.8072.9999.9999.27", 0, "below 1.3.6.1.4.1.8072.9999.9999.27."},

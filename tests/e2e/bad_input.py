@@ -14,7 +14,7 @@ from harness import BITSTREAM, PACKET, packets_of, pid_map, read, record_file, w
 RECORD = record_file(1)
 
 # Exit code | flags | a text that must be printed. The files are the samples and those made by inputs().
-CALLS = """
+CALLS = r"""
 2 | --fast | seconds
 2 | --nonsense | nonsense
 2 | --do fly | no command 'fly'
@@ -82,6 +82,8 @@ CALLS = """
 1 | --source 6=psi-small.ts | psi-small.ts.*@RATE
 1 | --source 6=/dev/zero | /dev/zero.*device
 0 | --source 6=204.ts --programme 1.1=6.1:Harbour | programme add .*Harbour done
+0 | --source 6=204.ts --programme 1.1=6.1:Harbour --do '@2 programme add 1.1 --from 6.1 --service 1' | was there already
+0 | --fast --seconds 5 --source 6=204.ts --programme 1.1=6.1:Harbour --do '@3 psi search 1.1 0x11 SDT_C --seconds 1' --do '@3 psi load 1.1 psi-eit.ts' | section 0 of 0, seen [3-5] times\n.*network 7\n.*"Harbour" [\s\S]*stays: 0 of its 2 entries
 0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*damaged: sync lost 1 time, 100 bytes behind
 0 | --source 6=cut.ts --programme 1.1=6.1:Harbour | damaged: 87 bytes behind the last;
 2 | --config absent.conf | absent.conf

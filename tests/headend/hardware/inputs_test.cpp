@@ -235,6 +235,17 @@ TEST(Inputs, TheClockFollowsASender) {
   }
 }
 
+TEST(Inputs, TheClockLeadsTheWaitToTheMiddleOfTheBuffer) {
+  headend::SourceClock clock;
+  double excess_s = 0.02;
+  for (int second = 0; second < 6 * 3600; ++second) {
+    clock.note(1, 0, excess_s);
+    ASSERT_LE(std::abs(clock.slowness()), second < 299 ? 0 : 2.01e-6) << second;
+    excess_s += clock.slowness();
+  }
+  EXPECT_LT(std::abs(excess_s), 0.003);
+}
+
 Bytes rtp(Bytes begin, u64 sequence, const Bytes& behind, const Bytes& payload, u8 padding = 0) {
   begin.resize(12);
   put(begin, 16, 16, sequence);

@@ -15,11 +15,13 @@ check_packages=(clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev
 say() { printf '%s\n' "$@" >&2; }
 die() { say "$@"; exit 1; }
 
+failed() { say "$1" "" "Failed: ${*:2}"; }  # OUTPUT COMMAND...
+
 # Runs a command and shows its output only if it fails.
 quietly() {
   local output status=0
   output=$("$@" 2>&1 </dev/null) || status=$?
-  if ((status)); then say "$output" "" "Failed: $*"; fi
+  if ((status)); then failed "$output" "$@"; fi
   return $status
 }
 
@@ -43,7 +45,7 @@ build_with_progress() {  # COMMAND...
     ((++waited % 30)) || say "$(sed -n 's/^\(\[[0-9]*\/[0-9]*\]\).*/\1 built so far/p' "$log" | tail -n1)"
   done
   wait "$builder" || status=$?
-  if ((status)); then say "$(cat "$log")" "" "Failed: $*"; fi
+  if ((status)); then failed "$(cat "$log")" "$@"; fi
   rm -f "$log"
   return $status
 }

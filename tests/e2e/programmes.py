@@ -113,11 +113,12 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
     flash, copy = case.flash(), case.path('copy.ts')
     case.fast(flash, 2, '--source', f'6={source},{source}', '--programme', '1.1=6.1:Live', '--programme', '1.2=6.2:1')
     udp, rtp, control, out = harness.free_ports(4)
-    with Server(case, flash, '--source', f'6=udp://127.0.0.1:{udp},udp://127.0.0.1:{rtp}', '--out',
-                f'1.1=udp://127.0.0.1:{out}', '--out', f'1.2={copy}') as server:
+    host = '[::1]' if os.path.exists('/proc/net/if_inet6') and read('/proc/net/if_inet6') else '127.0.0.1'
+    with Server(case, flash, '--source', f'6=udp://{host}:{udp},udp://127.0.0.1:{rtp}', '--out',
+                f'1.1=udp://{host}:{out}', '--out', f'1.2={copy}') as server:
         decoder = subprocess.Popen(
             [*FFMPEG, '-threads', '1', '-probesize', '100M', '-analyzeduration', '1M', '-i',
-             f'udp://127.0.0.1:{out}?buffer_size=4000000', *DIGESTS, got_list],
+             f'udp://{host}:{out}?buffer_size=4000000', *DIGESTS, got_list],
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 
         def lost():
@@ -128,7 +129,7 @@ def every_picture_and_tone_arrives_over_udp_and_in_rtp(case):
             client = server.wait_started()
             case.check(server.wait(lost), 'nothing tells that there is no input yet')
             case.execute([*FFMPEG, '-re', '-i', source, *STREAMS, '-c', 'copy', '-f', 'mpegts',
-                          f'udp://127.0.0.1:{udp}?pkt_size=1316', *STREAMS, '-c', 'copy', '-f', 'rtp_mpegts',
+                          f'udp://{host}:{udp}?pkt_size=1316', *STREAMS, '-c', 'copy', '-f', 'rtp_mpegts',
                           f'rtp://127.0.0.1:{rtp}?pkt_size=1328&rtcpport={control}'],
                          timeout=seconds + harness.HANG_SECONDS)
             server.wait(lambda: all(len(frames(got_list)[stream]) + LATENT >= len(due[stream]) + 1 for stream in due))

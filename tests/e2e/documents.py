@@ -15,8 +15,9 @@ SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a 
            r'gtkwave': 'a viewer needs a screen', r'QAM_LONG=1': 'a long campaign', r'.*\[--': 'the form of a command',
            r'build/gcc/tests/': 'ctest runs them', r'arm-linux': 'after a build for another processor',
            r'bench/snmp\.py': 'needs snmpd, and measures for long'}
-SHORTER = {'./run': 'chassis', 'seq 1059': 'seq 2', '/usr/bin/time -v': 'time', './build/gcc/bench/panel_times': 'timeout 3 '
-           './build/gcc/bench/panel_times', 'python3 bench/instructions.py': 'uncounted bench/instructions.py'}
+SHORTER = {'./run': 'chassis', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
+           './build/gcc/bench/panel_times': 'timeout 3 ./build/gcc/bench/panel_times',
+           'python3 bench/instructions.py': 'uncounted bench/instructions.py'}
 
 # ./run without its build; what runs until a user ends it runs beside the following commands. Of a build, the names of
 # its targets or its preset are looked up; a count is called where valgrind is missing, which shows a wrong call.

@@ -9,7 +9,8 @@ namespace base {
 
 void ProgressLine::show(const std::string& text) {
   if ((text.empty() && !isShown_) || isatty(STDERR_FILENO) == 0) return;
-  fmt::print(stderr, "\r{}\x1B[K", text);
+  fmt::print(stderr, "\r{}\x1B[K\r", text);
+  std::fflush(stderr);
   isShown_ = !text.empty();
 }
 

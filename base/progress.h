@@ -1,4 +1,5 @@
-// Shows on a terminal how far a long piece of work is, in one line of stderr that each text replaces. Where
+// Shows on a terminal how far a long piece of work is, in one line of stderr that each text, and all
+// other output, replaces. Where
 // stderr is no terminal nothing is shown.
 #pragma once
 

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <sstream>
 #include <system_error>
 
 #include "base/files.h"
 #include "client/carry_out.h"
+#include "commands/json_fields.h"
 #include "protocol/words.h"
 
 namespace commands {
@@ -70,9 +72,20 @@ client::ChangeOptions ChangeCommand::optionsFor(Session& session) const {
   return options;
 }
 
+namespace {
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream rest(text);
+  for (std::string line; std::getline(rest, line);) lines.push_back(line);
+  return lines;
+}
+
+}  // namespace
+
 bool ChangeCommand::apply(Session& session, const client::ChannelChange& change) const {
   if (dryRun_) {
-    session.print(change.describe());
+    session.print(json ? jsonText({{"plan", linesOf(change.describe())}}) : change.describe());
     return false;
   }
   client::carryOut(session.link(), change);

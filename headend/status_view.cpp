@@ -79,9 +79,8 @@ void StatusView::update() {
   if (!terminal_ || (fast && ++calls_ % 256 != 0) || Clock::now() < next_) return;
   next_ = Clock::now() + std::chrono::milliseconds(fast ? 500 : 1000);
   if (!fast) return draw();
-  fmt::print(stderr, "\r{} of {} virtual seconds ", headend_.kernel.now() / kSecond,
-             *headend_.options.duration / kSecond);
-  std::fflush(stderr);
+  progress_.show(fmt::format("{} of {} virtual seconds", headend_.kernel.now() / kSecond,
+                             *headend_.options.duration / kSecond));
 }
 
 void StatusView::announceChanges() {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <map>
 
+#include "base/progress.h"
 #include "headend/headend.h"
 
 namespace headend {
@@ -24,6 +25,7 @@ class StatusView {
   bool terminal_;
   Clock::time_point next_;
   unsigned calls_ = 0;
+  base::ProgressLine progress_;
   std::size_t linesDrawn_ = 0;
   std::uint64_t linesThen_ = 0;
   std::map<int, std::optional<protocol::CardState>> announced_;

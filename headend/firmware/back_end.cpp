@@ -63,7 +63,8 @@ void BackEnd::serveMachine() {
     while (machineRequests_.empty()) kernel_.waitOn(machineWaiters_, os::WAIT_FOREVER);
     const auto [from, request] = std::move(machineRequests_.front());
     machineRequests_.pop_front();
-    socket_.send(from, protocol::encode(carryOut(request)));
+    socket_.send(from, machineReplies_.to(from, request.sequence,
+                                          [&] { return protocol::encode(carryOut(request)); }));
   }
 }
 
@@ -71,19 +72,25 @@ void BackEnd::answer(const Datagram& datagram) {
   const std::optional<protocol::Request> request = protocol::decodeRequest(datagram.bytes);
   if (!request) return;  // not a request: its sender address may be forged
 
-  const auto known = std::ranges::find(clients_, datagram.from, &KnownClient::address);
+  socket_.send(datagram.from, replies_.to(datagram.from, request->sequence,
+                                          [&] { return protocol::encode(carryOut(*request)); }));
+}
+
+const base::Bytes& BackEnd::Replies::to(const Endpoint& client, u32 sequence,
+                                        const std::function<base::Bytes()>& carryOut) {
+  const auto known = std::ranges::find(clients_, client, &Client::address);
   if (known == clients_.end()) {
     if (clients_.size() == kKnownClients) clients_.pop_back();
-    clients_.push_front({datagram.from});
+    clients_.push_front({client});
   } else {
     clients_.splice(clients_.begin(), clients_, known);
   }
-  KnownClient& sender = clients_.front();
-  if (sender.lastReply.empty() || sender.lastSequence != request->sequence) {
-    sender.lastReply = protocol::encode(carryOut(*request));
-    sender.lastSequence = request->sequence;
+  Client& last = clients_.front();
+  if (last.reply.empty() || last.sequence != sequence) {
+    last.reply = carryOut();
+    last.sequence = sequence;
   }
-  socket_.send(sender.address, sender.lastReply);
+  return last.reply;
 }
 
 protocol::Reply BackEnd::carryOut(protocol::Request request) {

@@ -79,10 +79,20 @@ class BackEnd {
     std::optional<std::size_t> size;
     Handler handler;
   };
-  struct KnownClient {
-    Endpoint address;
-    u32 lastSequence = 0;
-    base::Bytes lastReply{};
+  // The last replies to the last kKnownClients clients.
+  class Replies {
+   public:
+    // The reply to a client's request of that number: the stored one if it was the client's last number, else
+    // that of `carryOut`. Valid until the next call.
+    const base::Bytes& to(const Endpoint& client, u32 sequence, const std::function<base::Bytes()>& carryOut);
+
+   private:
+    struct Client {
+      Endpoint address;
+      u32 sequence = 0;
+      base::Bytes reply{};
+    };
+    std::list<Client> clients_;  // most recent first
   };
   struct Outstanding {
     std::uint64_t number;
@@ -113,7 +123,7 @@ class BackEnd {
   std::function<protocol::CardState(int slot)> state_;
   std::map<protocol::Operation, Provided> operations_;
   std::vector<Registration> registrations_;
-  std::list<KnownClient> clients_;                          // most recent first
+  Replies replies_, machineReplies_;
   std::map<std::tuple<u16, int, int>, Nanos> lockedSince_;  // by lock, slot and port
   std::deque<Outstanding> outstanding_;
   std::deque<std::pair<Endpoint, protocol::Request>> machineRequests_;

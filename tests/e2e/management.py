@@ -10,7 +10,7 @@ import struct
 import harness
 from harness import PACKET, PSI_INTERVAL, PSI_LOCK, PSI_PACKETS, READ, TYPES, WRITE, Client, Server
 
-MAP_CHUNK, GET, SET, CALL = 0x2102, 4, 5, 10
+MAP_CHUNK, GET, SET, CALL, FAULT = 0x2102, 4, 5, 10, 16
 NUMBER = struct.pack('>I', 600000)
 FAST = ('--fast', '--seconds', '10000000')
 
@@ -54,6 +54,9 @@ def a_request_gets_its_result_once_however_often_it_is_repeated(case):
         case.equal(two.request(WRITE, PSI_INTERVAL, data=interval(0, 22)).result, 0, 'write of another client')
         case.equal(one.request(WRITE, PSI_INTERVAL, data=interval(0, 11), sequence=1000), first, 'repeated reply')
         case.equal(two.request(READ, PSI_INTERVAL, data=bytes(4)).data, interval(0, 22), 'after a repeated request')
+        for variable, text in ((1, b'1.clock-no-ack'), (2, b'1.clock-no-ack')):  # cleared once, answered twice
+            replies = [one.request(FAULT, variable, data=bytes(4) + text, sequence=1500 + variable) for _ in range(2)]
+            case.equal([reply.result for reply in replies], [0, 0], 'fault request that is repeated')
         one.lock(1)
         for sequence in (2000, 2000, 2000, 2001):
             case.equal(one.request(WRITE, PSI_PACKETS, data=chunk(1), sequence=sequence).result, 0, 'chunk')

@@ -86,12 +86,31 @@ std::vector<SocketAddress> resolve(const Address& address) {
   return all;
 }
 
+namespace {
+
+// Of a multicast address; true for others.
+bool joinGroup(int fd, const SocketAddress& address) {
+  if (address.isV6()) {
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address.bytes);
+    if (!IN6_IS_ADDR_MULTICAST(&v6.sin6_addr)) return true;
+    const ipv6_mreq group = {.ipv6mr_multiaddr = v6.sin6_addr, .ipv6mr_interface = v6.sin6_scope_id};
+    return ::setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &group, sizeof group) == 0;
+  }
+  const auto& v4 = reinterpret_cast<const sockaddr_in&>(address.bytes);
+  if (!IN_MULTICAST(ntohl(v4.sin_addr.s_addr))) return true;
+  const ip_mreq group = {.imr_multiaddr = v4.sin_addr, .imr_interface = {}};
+  return ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == 0;
+}
+
+}  // namespace
+
 int openDatagramSocket(const std::vector<SocketAddress>& addresses, SocketUse use, int flags) {
   for (const SocketAddress& address : addresses) {
     const int fd = ::socket(address.family(), SOCK_DGRAM | SOCK_CLOEXEC | flags, 0);
     if (fd < 0) continue;
     const auto apply = use == SocketUse::kBind ? ::bind : ::connect;
-    if (apply(fd, address.generic(), address.size) == 0) return fd;
+    const bool joined = use == SocketUse::kConnect || joinGroup(fd, address);
+    if (joined && apply(fd, address.generic(), address.size) == 0) return fd;
     const int error = errno;
     ::close(fd);
     errno = error;

@@ -45,7 +45,8 @@ struct SocketAddress {
 std::vector<SocketAddress> resolve(const Address& address);
 
 // A datagram socket of the host, bound or connected to the first of these addresses that it can use. `flags`
-// are added to its type, as SOCK_NONBLOCK. -1 with errno of the last address if it can use none.
+// are added to its type, as SOCK_NONBLOCK. A socket that is bound to a multicast address joins its group, on
+// the interface that the host's routes name. -1 with errno of the last address if it can use none.
 enum class SocketUse { kBind, kConnect };
 int openDatagramSocket(const std::vector<SocketAddress>& addresses, SocketUse use, int flags = 0);
 

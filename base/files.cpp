@@ -113,4 +113,9 @@ void flushFile(const std::filesystem::path& path) {
   flushFolder(path.parent_path());
 }
 
+void openStandardStreams() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (::fcntl(fd, F_GETFD) < 0) ::open("/dev/null", O_RDWR);  // gets the lowest number that is free
+}
+
 }  // namespace base

@@ -30,6 +30,10 @@ void replaceFile(const std::filesystem::path& path, const std::filesystem::path&
 // Appends `bytes` to an existing file, completely or not at all. Throws std::system_error.
 void appendToFile(const std::filesystem::path& path, std::span<const u8> bytes, Flush flush = Flush::kNow);
 
+// Opens /dev/null in place of standard streams that are closed, so that no file gets their numbers. To be
+// called before a program opens anything.
+void openStandardStreams();
+
 // Flushes a file and its folder. Throws std::system_error.
 void flushFile(const std::filesystem::path& path);
 

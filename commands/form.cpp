@@ -12,7 +12,8 @@ constexpr const char* kWriteConfig = "--write-config";
 // The library does not give the line of a wrong key.
 class ConfigFile final : public CLI::ConfigTOML {
  public:
-  explicit ConfigFile(const CLI::App& app) : app_(app) {}
+  // A value may contain any character; the library would take what is behind a '#' in it for a comment.
+  explicit ConfigFile(const CLI::App& app) : app_(app) { comment('\0'); }
 
   std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
     const std::string text{std::istreambuf_iterator<char>(input), {}};
@@ -22,13 +23,18 @@ class ConfigFile final : public CLI::ConfigTOML {
       const CLI::Option* option = app_.get_option_no_throw("--" + item.name);
       if (option != nullptr && option->get_configurable() && item.parents.empty()) continue;
       throw WrongCall(fmt::format("{} line {}: {} {} has no option '{}'",
-                                  app_.get_config_ptr()->as<std::string>(), lineOf(text, item.name),
-                                  app_.get_name(), QAM_VERSION, item.fullname()));
+                                  app_.get_config_ptr()->as<std::string>(), lineOf(text, nameOf(item)),
+                                  app_.get_name(), QAM_VERSION, nameOf(item)));
     }
     return all;
   }
 
  private:
+  // The library gives the begin of a section as an item "++".
+  static std::string nameOf(const CLI::ConfigItem& item) {
+    return item.name == "++" ? fmt::format("[{}]", fmt::join(item.parents, ".")) : item.fullname();
+  }
+
   static int lineOf(const std::string& text, const std::string& key) {
     std::istringstream stream(text);
     int number = 1;
@@ -114,13 +120,33 @@ bool Form::isCalled() const {
   return app_->parsed();
 }
 
+namespace {
+
+// The form of the file has no way to write these.
+void refuseUnwritable(const CLI::App& app) {
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& value : option->results()) {
+      const bool hasBothQuotes =
+          value.find('"') != std::string::npos && value.find('\'') != std::string::npos;
+      if (hasBothQuotes || value.find('\n') != std::string::npos) {
+        throw WrongCall(fmt::format(
+            "{}: a file cannot hold '{}': it has both kinds of quotes, or a line feed", kWriteConfig, value));
+      }
+    }
+  }
+}
+
+}  // namespace
+
 void Form::parse(std::vector<std::string> words) {
   std::ranges::reverse(words);  // as the library takes them
   try {
     app_->parse(std::move(words));
     const CLI::Option* writes = app_->get_option_no_throw(kWriteConfig);
-    if (writes != nullptr && writes->count() > 0)
+    if (writes != nullptr && writes->count() > 0) {
+      refuseUnwritable(*app_);
       throw Help{fmt::format("# Options of {} {}\n{}", app_->get_name(), QAM_VERSION, app_->config_to_str())};
+    }
   } catch (const CLI::RequiredError& e) {
     const auto extra = app_->remaining(true);
     throw WrongCall(extra.empty() ? e.what() : "there is no command '" + extra.front() + "'");

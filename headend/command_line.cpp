@@ -437,8 +437,9 @@ CommandLine parseCommandLine(int argc, char** argv) {
     form.parse({argv + 1, argv + argc});
     complete(line.options, jobs, given);
   } catch (const commands::Help& help) {
-    std::cout << help.text;
-    line.exitCode = kExitDone;
+    std::cout << help.text << std::flush;
+    line.exitCode = std::cout ? kExitDone : kExitFailed;
+    if (!std::cout) std::cerr << "headend: the output could not be written\n";
   } catch (const commands::WrongCall& e) {
     std::cerr << e.what() << commands::kHelpAdvice;
     line.exitCode = kExitWrongCall;

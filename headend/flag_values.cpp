@@ -137,6 +137,10 @@ void parseOutput(const std::string& text, Options& options) {
            "an output to the network is udp://ADDRESS:PORT, seven packets a datagram, without RTP; another "
            "program can receive it there and send it by other protocols");
   }
+  if (isNetworkTarget(target)) {
+    const auto address = base::parseAddress(std::string_view(target).substr(kUdpScheme.size()));
+    if (!address || address->port == 0) refuse(text, fmt::format("want udp://{}", base::kAddressForm));
+  }
   if (!options.outputs.emplace(commands::channelOf(name), target).second)
     refuse(text, "this channel has an output already");
 }

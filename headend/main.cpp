@@ -67,6 +67,7 @@ int run(const headend::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  base::openStandardStreams();
   const headend::CommandLine line = headend::parseCommandLine(argc, argv);
   if (line.exitCode) return *line.exitCode;
   struct sigaction action {};

@@ -91,12 +91,15 @@ Json map(Headend& headend, int slot, int port) {
 Json sources(Headend& headend) {
   const auto inputOf = [&headend](int slot, int port, const TsInput& input) -> Json {
     const PidRouter::InputCounts& counts = *headend.router.input(slot, port);
+    Json disturbances = Json::object();
+    for (const auto& [name, count] : input.disturbances()) disturbances[name] = count;
     return {{"input", port + 1},
             {"name", input.name()},
             {"packets", counts.packets},
             {"damaged", counts.damaged},
             {"bit_rate", std::llround(headend.rates.input(slot, port))},
-            {"last_seconds", secondsOrNull(counts.last)}};
+            {"last_seconds", secondsOrNull(counts.last)},
+            {"disturbances", disturbances}};
   };
   return listOf(headend.sources.cards(), [&](const auto& entry) -> Json {
     const auto& [slot, card] = entry;

@@ -127,7 +127,7 @@ void StatusView::draw() {
       headend_.automaticOperator.linesPrinted() + (headend_.log.onStderr() ? headend_.log.lines() : 0);
   const bool undisturbed = lines == linesThen_;
   if (linesDrawn_ > 0 && undisturbed) fmt::print("\033[{}A\033[J", linesDrawn_);
-  fmt::print("{}", text);
+  fmt::print("\033[?7l{}\033[?7h", text);  // lines are cut at the edge, so that their number stays
   std::fflush(stdout);
   linesDrawn_ = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
   linesThen_ = lines;

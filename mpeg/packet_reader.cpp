@@ -23,15 +23,20 @@ constexpr Offset kMostLeadingBytes = Offset{4} << 20;
 }  // namespace
 
 const u8* PacketReader::next() {
-  if (stride_ == 0 ? !findFirst() : !ensure(next_ + 1)) return nullptr;
-  if ((!hasSync(next_) && !resync()) || !ensure(next_ + kTsPacketSize)) {
-    trailingBytes_ = size() - next_;
-    return nullptr;
-  }
+  hasEnded_ = hasEnded_ || !findNext();
+  if (hasEnded_) return nullptr;
   forgetBefore(next_);
   last_ = next_;
   next_ += stride_;
   return &window_[static_cast<std::size_t>(last_ - base_)];
+}
+
+// Whether there is a packet, at next_.
+bool PacketReader::findNext() {
+  if (stride_ == 0 ? !findFirst() : !ensure(next_ + 1)) return false;
+  if ((hasSync(next_) || resync()) && ensure(next_ + kTsPacketSize)) return true;
+  trailingBytes_ = size() - next_;
+  return false;
 }
 
 // Whether the stream has all bytes before `end`; reads on as needed.

@@ -38,6 +38,7 @@ class PacketReader {
   static constexpr std::size_t kLossesKept = 5;
 
  private:
+  bool findNext();
   bool ensure(Offset end);
   void forgetBefore(Offset position);
   bool hasSync(Offset position) { return ensure(position + 1) && at(position) == kSyncByte; }
@@ -55,6 +56,7 @@ class PacketReader {
   Offset stride_ = 0;  // distance between packets; 0 before the first is found
   Offset last_ = 0;    // start of the packet returned last
   Offset next_ = 0;    // expected start of the next one
+  bool hasEnded_ = false;
   Offset leadingBytes_ = 0;
   Offset trailingBytes_ = 0;
   std::uint64_t lossCount_ = 0;

@@ -10,6 +10,7 @@
 #include <exception>
 #include <filesystem>
 
+#include "base/files.h"
 #include "base/progress.h"
 #include "client/udp_link.h"
 #include "commands/command.h"
@@ -163,10 +164,13 @@ int run(const std::string& name, std::vector<std::string> words) {
                           : "Manages the modulator cards of a chassis over its management socket.");
   std::string server;
   form.value(
-      commands::Option("--server", "ADDR:PORT",
-                       fmt::format("the chassis's management socket (default 127.0.0.1:{}), or of 'cal' its "
-                                   "calibration service (default 127.0.0.1:{})",
-                                   protocol::kDefaultManagementPort, client::kDefaultCalibrationPort)),
+      commands::Option(
+          "--server", "ADDR:PORT",
+          isCalibration ? fmt::format("the chassis's calibration service (default 127.0.0.1:{})",
+                                      client::kDefaultCalibrationPort)
+                        : fmt::format("the chassis's management socket (default 127.0.0.1:{}), or of 'cal' "
+                                      "its calibration service (default 127.0.0.1:{})",
+                                      protocol::kDefaultManagementPort, client::kDefaultCalibrationPort)),
       server, serverOf);
   if (!isCalibration) form.footer(fmt::format(kFooter, mpeg::tableNames("or")));
   commands::Calls calls(form, isCalibration ? "cal" : "");
@@ -178,6 +182,7 @@ int run(const std::string& name, std::vector<std::string> words) {
 }  // namespace tools
 
 int main(int argc, char** argv) {
+  base::openStandardStreams();
   const bool isCalibration = argc > 0 && std::filesystem::path(argv[0]).filename() == tools::kCalibrationName;
   const char* name = isCalibration ? tools::kCalibrationName : "qamctl";
   int code = 0;

@@ -63,8 +63,9 @@ void BackEnd::serveMachine() {
     while (machineRequests_.empty()) kernel_.waitOn(machineWaiters_, os::WAIT_FOREVER);
     const auto [from, request] = std::move(machineRequests_.front());
     machineRequests_.pop_front();
-    socket_.send(from, machineReplies_.to(from, request.sequence,
-                                          [&] { return protocol::encode(carryOut(request)); }));
+    socket_.send(from, machineReplies_.to(from, request.sequence, [&, &request = request] {
+      return protocol::encode(carryOut(request));
+    }));
   }
 }
 

@@ -17,7 +17,6 @@
 namespace headend {
 namespace {
 
-constexpr std::string_view kUdp = "udp://";
 constexpr mpeg::Packet kNullPacket = mpeg::makePacket(kNullPid, false, 0);
 
 [[noreturn]] void fail(const std::string& target, std::string_view why) {
@@ -99,8 +98,8 @@ class FileSink final : public BlockSink {
 class UdpSink final : public BlockSink {
  public:
   explicit UdpSink(const std::string& target) : BlockSink(target, 7) {
-    const auto address = base::parseAddress(std::string_view(target).substr(kUdp.size()));
-    if (!address || address->port == 0) fail(target, fmt::format("want udp://{}", base::kAddressForm));
+    const auto address = base::parseAddress(std::string_view(target).substr(kUdpScheme.size()));
+    if (!address) fail(target, fmt::format("want udp://{}", base::kAddressForm));
     try {
       fd_ = base::openDatagramSocket(base::resolve(*address), base::SocketUse::kConnect);
     } catch (const std::runtime_error& e) {
@@ -124,7 +123,7 @@ class UdpSink final : public BlockSink {
 const char* const kOutputForms = "N.P=FILE or N.P=udp://ADDRESS:PORT";
 
 bool isNetworkTarget(std::string_view target) {
-  return target.starts_with(kUdp);
+  return target.starts_with(kUdpScheme);
 }
 
 std::unique_ptr<PacketSink> openSink(const std::string& target) {

@@ -25,6 +25,7 @@ class PacketSink : public base::Interface {
 extern const char* const kOutputForms;  // of --out, for messages
 
 // Whether an output goes to the network and not to a file.
+inline constexpr std::string_view kUdpScheme = "udp://";
 bool isNetworkTarget(std::string_view target);
 
 // `target` is "udp://ADDRESS:PORT" (seven packets per datagram) or a file's path. Throws std::runtime_error

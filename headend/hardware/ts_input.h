@@ -2,7 +2,10 @@
 // reads the packets; the inputs do not depend on their destination.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "base/interface.h"
 #include "headend/kernel/kernel.h"
@@ -27,6 +30,8 @@ class TsInput : public base::Interface {
 
   // The name for users: the file's path or the address.
   virtual const std::string& name() const = 0;
+  // What was lost or restarted, by name in reports; empty for an input that can lose nothing.
+  virtual std::vector<std::pair<const char*, std::uint64_t>> disturbances() const { return {}; }
 };
 
 }  // namespace headend

@@ -63,6 +63,16 @@ UdpInput::~UdpInput() {
   ::close(fd_);
 }
 
+std::vector<std::pair<const char*, std::uint64_t>> UdpInput::disturbances() const {
+  return {{"foreign_datagrams", counts_.foreign},
+          {"rtp_lost", counts_.rtpLost},
+          {"buffer_full", counts_.full},
+          {"discontinuities", counts_.discontinuities},
+          {"underruns", counts_.underruns},
+          {"overruns", counts_.overruns},
+          {"pauses", counts_.pauses}};
+}
+
 // ---- Datagrams ----
 
 void UdpInput::receive() {

@@ -43,6 +43,7 @@ class UdpInput final : public TsInput {
   mpeg::PacketView take() override;
   const std::string& name() const override { return name_; }  // "udp://127.0.0.1:49160"
 
+  std::vector<std::pair<const char*, std::uint64_t>> disturbances() const override;
   const Counts& counts() const { return counts_; }
 
  private:

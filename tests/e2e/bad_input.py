@@ -28,11 +28,11 @@ CALLS = r"""
 2 | --fast --seconds -1 | seconds
 2 | --psi 3.3=psi-small.ts | 3.3
 2 | --interval 1.1.FOO=3 | FOO
-1 | --out 1.1=udp://127.0.0.1:70000 | udp://127.0.0.1:70000
+2 | --out 1.1=udp://127.0.0.1:70000 | udp://127.0.0.1:70000
 2 | --manage 127.0.0.1:65536 | 65536
 2 | --manage ::1:49160 | brackets
 1 | --manage a..b:49160 | the host 'a..b' was not found
-1 | --out 1.1=udp://::1:5000 | brackets
+2 | --out 1.1=udp://::1:5000 | brackets
 2 | --out 1.1=rtp://127.0.0.1:5000 | udp://ADDRESS:PORT.*without RTP
 2 | --source 6=srt://127.0.0.1:5000 | udp://ADDRESS:PORT
 2 | --out 1.1=out.ts --out 1.2=out.ts | out.ts
@@ -87,6 +87,10 @@ CALLS = r"""
 0 | --source 6=broken.ts --programme 1.1=6.1:Harbour | broken.ts.*damaged: sync lost 1 time, 100 bytes behind
 0 | --source 6=cut.ts --programme 1.1=6.1:Harbour | damaged: 87 bytes behind the last;
 2 | --config absent.conf | absent.conf
+2 | --config section.conf | section.conf line 2: headend .* no option '\[machine\]'
+2 | --log "a'b\"c" --write-config | both kinds of quotes
+0 | --config hash.conf --do '@2 var list' | psi load 1.1 a#b.ts
+0 | --fast --seconds 9 --source 6=tail.ts --programme 1.1=6.1:Harbour | damaged: 2097152 bytes behind the last
 2 | --config wrong.conf | wrong.conf line 2: headend .* no option 'fsat'
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=257.csv | 257.csv.*(257|256)
 1 | --source 6=four-programmes-cbr.ts --pidmap 1.1=slot4.csv | slot4.csv.*(slot 4|4\\.1)
@@ -103,7 +107,9 @@ def inputs(case):
     packets = packets_of(read(case.sample('two-programmes.ts')))
     for name, content in {'full.ts': b'mine', 'wrong.conf': b'seconds=3\nfsat=true\n',
                           '204.ts': b''.join(packet + bytes(16) for packet in packets),
-                          'cut.ts': b''.join(packets)[:-101],
+                          'cut.ts': b''.join(packets)[:-101], 'tail.ts': b''.join(packets) + bytes(2 << 20),
+                          'section.conf': b'seconds=3\n[machine]\nheap=1\n', 'hash.conf': b'# none\npsi="1.1=a#b.ts"\n',
+                          'a#b.ts': read(case.sample('psi-small.ts')),
                           '257.csv': pid_map(*((6, 1, pid, pid) for pid in range(32, 289))),
                           'slot4.csv': pid_map((4, 1, 768, 1024))}.items():
         write(case.path(name), content)

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <sstream>
 
 #include "tests/client/program.h"
 #include "tests/client/streams.h"
@@ -52,6 +53,27 @@ TEST_F(Calibration, QamcalTakesOnlyTheReplyToItsOwnQuestion) {
     return Datagrams{{}, Bytes(14, 2), Bytes(16, 1), Bytes{kRead} + Bytes(14, 7), Bytes(15, 2), right, right};
   };
   expect(run("--timeout 60 read 3"), 0, "12 0f 80 02\n");
+}
+
+// The fields of each register from bit 7 down; empty for a reserved bit.
+TEST_F(Calibration, EachBitBelongsToTheFieldOfTheDataSheet) {
+  const char* const kSheet[] = {
+      "data direction,bit order,software reset,sleep,power-down,reference resistors,PLL lock,",
+      "interpolation,interpolation,modulation,modulation,zero stuffing,mixing,modulation form,clock pin",
+      "data format,data ports,DATACLK driver,DATACLK,,ONEPORTCLK,IQSEL,one-port order",
+      "data rate clock at,,,,,,PLL divider,PLL divider",
+      "PLL,charge pump,,,,charge pump current,charge pump current,charge pump current",
+  };
+  for (std::size_t bit = 0; bit < std::size(kSheet) * 8; ++bit) {
+    std::istringstream sheet(kSheet[bit / 8]);
+    std::string due;
+    for (std::size_t i = 0; i <= bit % 8; ++i) std::getline(sheet, due, ',');
+    DacRegisters changed{};
+    changed.at(bit / 8) = static_cast<u8>(0x80 >> bit % 8);
+    std::string found;
+    for (const DacField* field : differingFields(DacRegisters{}, changed)) found += field->name;
+    EXPECT_EQ(found, due) << bit;
+  }
 }
 
 TEST_F(Calibration, QamcalShowsFieldsAsTheDataSheetHasThem) {

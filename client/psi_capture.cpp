@@ -210,10 +210,10 @@ Capture readCapture(std::istream& stream, const std::string& name) {
 Capture readCapture(const std::filesystem::path& file) {
   std::error_code error;
   if (std::filesystem::is_directory(file, error)) fail("{}: a folder, no capture", file.string());
+  if (std::filesystem::exists(file, error) && !std::filesystem::is_regular_file(file, error))
+    fail("{}: no file that can be read twice; save the stream to one first", file.string());
   std::ifstream stream(file, std::ios::binary);
   if (!stream) fail("{}: cannot be opened: {}", file.string(), std::strerror(errno));
-  if (!std::filesystem::is_regular_file(file, error))
-    fail("{}: no file that can be read twice; save the stream to one first", file.string());
   return readCapture(stream, file.string());
 }
 

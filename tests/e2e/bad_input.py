@@ -71,6 +71,7 @@ CALLS = r"""
 1 | --psi 1.1=/nonexistent/x.ts | /nonexistent/x.ts
 1 | --psi 1.1=not-a-stream.ts | not-a-stream.ts
 1 | --psi 1.1=psi-too-many.ts | psi-too-many.ts.*(512|255)
+1 | --psi 1.1=pipe | pipe: no file that can be read twice
 0 | --psi 1.1=broken.ts | CRC
 2 | --log report.json --report linked | report.json|linked
 2 | --out 1.1=full.ts --out 1.2=hard.ts | hard.ts
@@ -116,6 +117,7 @@ def inputs(case):
     os.symlink('/dev/full', case.path('full'))  # a link, so that a fault here replaces no device of this machine
     os.symlink('report.json', case.path('linked'))
     os.symlink('loop', case.path('loop'))
+    os.mkfifo(case.path('pipe'))
     os.link(case.path('full.ts'), case.path('hard.ts'))
 
 

@@ -40,7 +40,7 @@ void setLast(chassis::Label& label, char character) {
 void nameMenuFor(u8 slotNo) {
   const char number = static_cast<char>('1' + slotNo);
   qamMenuInit.val = slotNo;
-  for (const chassis::Language each : chassis::kLanguages) setLast(qamMenuInit.label(each), number);
+  for (const chassis::Language each : chassis::kLanguages) setLast(chassis::label(qamMenuInit, each), number);
 }
 
 int psiSendEntry(int slotNo, int port, int, int, int, int, int, int, int, int) {

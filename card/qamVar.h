@@ -8,9 +8,7 @@
 #include "hw/ad9775.h"
 #include "platform/kernel.h"
 #include "platform/types.h"
-
-// The chassis's mutex, which its owner may lock again; null: callers do not wait for each other.
-extern os::SEM_ID semQamVar;
+#include "qamcard/qamcard.h"
 
 // A record that belongs to no slot; `QamSetVar1` uses its clock table.
 extern QamCardPara QamPara;

@@ -5,6 +5,7 @@
 
 #include "platform/chassis.h"
 #include "platform/types.h"
+#include "qamcard/qamcard.h"
 
 // Same format for request and reply. docs/calibration.md describes them for authors of tools.
 struct AdIpPacket {
@@ -19,11 +20,6 @@ static_assert(sizeof(AdIpPacket) == 15 && alignof(AdIpPacket) == 1);
 extern int mysock[MAX_BOARD_NUM];  // the task serves only the first
 
 extern "C" {
-
-// Creates the socket and starts the task, once: for slot 0, whose socket is the one served. A slot that does
-// not exist fails a check, and nothing is started. Other failures are not reported; the task then waits on a
-// socket that never receives. Start-up, or a debug shell.
-void Ad9775Ctrl_Init(u8 slotNo);
 
 // The task: about ten requests per second, never returns.
 void Ad9775Ctrl(u8 slotNo);

@@ -5,7 +5,7 @@
 #include "platform/types.h"
 
 #ifndef QAM_VIRTUAL_BUS
-extern "C" void __assert_fail(const char* text, const char* unit, unsigned line, const char* function);
+#include "qamcard/plain_names.h"
 #endif
 
 namespace os {
@@ -18,7 +18,7 @@ __attribute__((analyzer_noreturn))
 void checkFailed(const char* text, const char* unit, int line);
 #else
 inline void checkFailed(const char* text, const char* unit, int line) {
-  __assert_fail(text, unit, static_cast<unsigned>(line), "");
+  firmware::__assert_fail(text, unit, static_cast<unsigned>(line), "");
 }
 #endif
 

@@ -1,6 +1,6 @@
 // The main board's FPGA as a card driver uses it: a block of 16-bit registers. Drivers of this kind use the
-// configuration ports, one per slot, and the outputs' overflow bits. The pointer `pbbFpgaIf` belongs to the
-// chassis.
+// configuration ports, one per slot, and the outputs' overflow bits. The pointer to it is
+// `pbbFpgaIf` of qamcard/chassis.h.
 #pragma once
 
 #include <cstddef>
@@ -41,9 +41,3 @@ struct bbFpga_t {
 static_assert(offsetof(bbFpga_t, rate_overflow) == 376);
 static_assert(offsetof(bbFpga_t, fpgaCfg) == 0x300);
 static_assert(sizeof(bbFpga_t) == 0x300 + 6 * 16);
-
-namespace chassis {
-
-extern "C" bbFpga_t* pbbFpgaIf;
-
-}  // namespace chassis

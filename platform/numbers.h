@@ -4,9 +4,9 @@
 
 #include "platform/types.h"
 
-inline constexpr u8 MAX_BOARD_NUM = 6;    // slots of a chassis
-inline constexpr u8 MAX_QAM_OUT_NUM = 2;  // channels of a card
-inline constexpr u8 kInputsPerCard = 16;  // inputs of a source card that a router word can address
+inline constexpr u8 MAX_BOARD_NUM = QAM_SLOTS;       // slots of a chassis
+inline constexpr u8 MAX_QAM_OUT_NUM = QAM_CHANNELS;  // channels of a card
+inline constexpr u8 kInputsPerCard = 16;             // inputs of a source card that a router word can address
 inline constexpr std::size_t kPidMapSize =
     256;  // entries of a channel's PID map, and positions of its router
 inline constexpr std::size_t kPsiStoreSize = 512;  // packets that a channel stores, over all its tables

@@ -5,6 +5,9 @@
 
 #include "platform/types.h"
 #include "platform/wire.h"
+#ifndef QAM_VIRTUAL_BUS
+#include "qamcard/plain_names.h"
+#endif
 
 namespace os {
 
@@ -22,16 +25,6 @@ struct sockaddr_in {
 static_assert(sizeof(sockaddr_in) == 16);
 
 #ifndef QAM_VIRTUAL_BUS
-namespace firmware {
-extern "C" {
-int socket(int domain, int type, int protocol);
-int bind(int s, void* name, int length);
-int recvfrom(int s, char* buffer, int length, int flags, void* from, int* fromLength);
-int sendto(int s, char* buffer, int length, int flags, void* to, int toLength);
-int close(int s);
-}
-}  // namespace firmware
-
 inline int socket(int domain, int type, int protocol) {
   return firmware::socket(domain, type, protocol);
 }

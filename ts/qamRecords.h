@@ -153,4 +153,3 @@ static_assert(alignof(ret_u) == 1 && sizeof(ret_u) == sizeof(set_psi_pkt));
 
 // Bytes of the buffer that a chassis provides for the reply to a read: a chunk of a PID map is the largest.
 inline constexpr std::size_t kReplyBufferSize = std::max(sizeof(ret_u), sizeof(set_pid_map_t));
-static_assert(kReplyBufferSize == 1436);

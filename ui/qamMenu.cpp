@@ -12,12 +12,12 @@ namespace {
 
 // ---- The tree ----
 
-constexpr u16 kLast = item_t::kLast;
-constexpr u16 kViewOption = 0x1400 | item_t::kOptions;
-constexpr u16 kSetOption = item_t::kOptions | item_t::kSettable;
-constexpr u16 kView = item_t::kHandler | item_t::kReadOnly;
-constexpr u16 kEdit = item_t::kHandler;
-constexpr u16 kText = item_t::kText;
+constexpr u16 kLast = chassis::kItemLast;
+constexpr u16 kViewOption = 0x1400 | chassis::kItemOptions;
+constexpr u16 kSetOption = chassis::kItemOptions | chassis::kItemSettable;
+constexpr u16 kView = chassis::kItemHandler | chassis::kItemReadOnly;
+constexpr u16 kEdit = chassis::kItemHandler;
+constexpr u16 kText = chassis::kItemText;
 
 // clang-format off
 
@@ -170,7 +170,7 @@ void waitForKey() {
 }
 
 bool isReadOnly(const item_t* item) {
-  return (item->flag & item_t::kReadOnly) != 0;
+  return (item->flag & chassis::kItemReadOnly) != 0;
 }
 
 // ---- The editors ----
@@ -334,7 +334,7 @@ static_assert(kLongest == std::max({kSymbolRate.digits.size, kRfFreq.digits.size
 }  // namespace
 
 item_t qamMenuInit = {
-    .flag = item_t::kReadOnly | kLast, .submenu = menuQamMain, .zh = "QAM卡1"_label, .en = "QAM card1"_label};
+    .flag = chassis::kItemReadOnly | kLast, .submenu = menuQamMain, .zh = "QAM卡1"_label, .en = "QAM card1"_label};
 
 long qamMenuSetSymRate(const item_t* item, u8 slotNo, u32 port) {
   return run(kSymbolRate, item, slotNo, port);

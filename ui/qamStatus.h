@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/types.h"
+#include "qamcard/qamcard.h"
 
 extern "C" {
 
@@ -14,8 +15,6 @@ void qamStatusCheck(u8 slotNo);
 // Prepares a slot for status passes: nothing to do for this kind of card. 0.
 int qam_create_status(u8 slotNo);
 
-// Starts the watchdog's task; the module does not call this, a chassis or a debug shell may. The second
-// function is that task, which does not return.
-void taskDQam();
+// The task that `taskDQam` starts; it does not return.
 void taskDQamSysCheck();
 }

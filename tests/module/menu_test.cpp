@@ -33,7 +33,7 @@ std::string valueRow(const protocol::LcdImage& lcd) {
 std::string flagsIn(const item_t* item) {
   std::string flags = fmt::format("{:x}", item->flag);
   if (item->submenu != nullptr) flags += " (" + flagsIn(item->submenu) + ")";
-  return (item->flag & item_t::kLast) != 0 ? flags : flags + ' ' + flagsIn(item + 1);
+  return (item->flag & chassis::kItemLast) != 0 ? flags : flags + ' ' + flagsIn(item + 1);
 }
 
 // A panel of another chassis may look at bits that the headend's does not.
@@ -113,8 +113,8 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   session(kRate, 6875, "dq", "[6].875 [5].875", 6875);
   session(kLevel, 1000, ".?!.o", "[1]00.0 [1]00.0 [1]00.0 [1]00.0 [1]00.0", 1000);
   // Viewers.
-  session(kLevel, 0, "..o", "095.0 095.0 095.0", 0, item_t::kReadOnly);
-  session(kMegahertz, 1052007, ".o", "52.007 52.007", 1052007, item_t::kReadOnly);
+  session(kLevel, 0, "..o", "095.0 095.0 095.0", 0, chassis::kItemReadOnly);
+  session(kMegahertz, 1052007, ".o", "52.007 52.007", 1052007, chassis::kItemReadOnly);
   session(kMegahertz, 52007, "", "", 52007);
   session(kDegrees, 205, ".o", "05 05", 205);
 }

@@ -42,8 +42,8 @@ std::string MenuEngine::own(const protocol::Words& words) const {
 }
 
 std::string MenuEngine::labelOf(const item_t& item) const {
-  const chassis::Label& label = item.label(language_.now());
-  return {label.text, strnlen(label.text, sizeof label.text)};
+  const chassis::Label& text = chassis::label(item, language_.now());
+  return {text.text, strnlen(text.text, sizeof text.text)};
 }
 
 // ---- The top level ----
@@ -147,7 +147,7 @@ MenuEngine::Ending MenuEngine::walkTable(const item_t& parent, int slot) {
 }
 
 MenuEngine::Ending MenuEngine::open(const item_t& item, int slot) {
-  if (has(item, item_t::kHandler)) {
+  if (has(item, chassis::kItemHandler)) {
     auto* handler = os::wordAddress<chassis::ItemHandler>(item.minVal);
     if (handler == nullptr) {
       firmware_.stop(fmt::format("menu of slot {}: item '{}' names no handler", slot + 1, item.en.text));
@@ -156,8 +156,8 @@ MenuEngine::Ending MenuEngine::open(const item_t& item, int slot) {
     handler(&item, static_cast<u8>(slot), 0);
     return keys_.timedOut() ? Ending::kTimedOut : Ending::kBack;
   }
-  if (has(item, item_t::kOptions))
-    return has(item, item_t::kSettable) ? chooseOption(item, slot) : Ending::kBack;
+  if (has(item, chassis::kItemOptions))
+    return has(item, chassis::kItemSettable) ? chooseOption(item, slot) : Ending::kBack;
   return item.submenu != nullptr ? walkTable(item, slot) : Ending::kBack;
 }
 
@@ -229,7 +229,7 @@ MenuEngine::Items MenuEngine::itemsOf(const item_t& parent) const {
   Items items;
   for (const item_t* item = parent.submenu; item != nullptr; ++item) {
     items.push_back(item);
-    if (has(*item, item_t::kLast)) return items;
+    if (has(*item, chassis::kItemLast)) return items;
     if (items.size() < kLongestTable) continue;
     firmware_.stop(
         fmt::format("menu: the table below '{}' has no end mark in {} items", parent.en.text, kLongestTable));
@@ -240,9 +240,9 @@ MenuEngine::Items MenuEngine::itemsOf(const item_t& parent) const {
 
 MenuRow MenuEngine::rowOf(const item_t& item, int slot) const {
   MenuRow row{labelOf(item)};
-  if (has(item, item_t::kText)) {
+  if (has(item, chassis::kItemText)) {
     row.right = firmware_.text(slot, item.id);
-  } else if (has(item, item_t::kOptions)) {
+  } else if (has(item, chassis::kItemOptions)) {
     const u32 value = valueOf(item, slot);
     row.right = '?';
     for (const item_t* option : itemsOf(item)) {

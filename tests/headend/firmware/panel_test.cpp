@@ -128,7 +128,7 @@ using chassis::item_t;
 // A panel with one card.
 struct MenuRig {
   explicit MenuRig(const item_t* tree) {
-    panel.registerRoot({.flag = item_t::kLast, .submenu = tree, .en = {"card 1"}});
+    panel.registerRoot({.flag = chassis::kItemLast, .submenu = tree, .en = {"card 1"}});
     panel.start();
   }
   std::string screen() {
@@ -156,7 +156,7 @@ struct MenuRig {
 
 TEST(Panel, ATreeThatCannotBeWalkedEndsTheRunAndIsNamed) {
   const std::vector<item_t> endless(headend::MenuEngine::kLongestTable + 1);
-  const item_t unhandled = {.flag = item_t::kHandler | item_t::kLast, .en = {"Own"}};
+  const item_t unhandled = {.flag = chassis::kItemHandler | chassis::kItemLast, .en = {"Own"}};
   for (const auto& [tree, why] :
        {std::pair{endless.data(), "menu: the table below 'card 1' has no end mark in 64 items"},
         std::pair{&unhandled, "menu of slot 1: item 'Own' names no handler"}}) {
@@ -169,8 +169,8 @@ TEST(Panel, ATreeThatCannotBeWalkedEndsTheRunAndIsNamed) {
 }
 
 TEST(Panel, MarksWhatIsWrongAndTheCursorStaysOnItsAlarm) {
-  const item_t text = {.flag = item_t::kText | item_t::kLast, .en = {"a label that is lo"}};
-  const item_t table = {.flag = item_t::kLast, .submenu = &text, .en = {"Table"}};
+  const item_t text = {.flag = chassis::kItemText | chassis::kItemLast, .en = {"a label that is lo"}};
+  const item_t table = {.flag = chassis::kItemLast, .submenu = &text, .en = {"Table"}};
   MenuRig menu(&table);
   const auto raise = [&menu](u8 number) {
     headend::AlarmRecord& raised = menu.alarms.emplace_back();

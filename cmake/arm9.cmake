@@ -2,7 +2,8 @@
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabi-g++)
-set(CMAKE_CXX_FLAGS_INIT "-march=armv5te -mfloat-abi=soft")
+# Debian's compiler would make position-independent code, which needs a loader.
+set(CMAKE_CXX_FLAGS_INIT "-march=armv5te -mfloat-abi=soft -fno-pie")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

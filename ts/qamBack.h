@@ -13,7 +13,7 @@ static_assert(kReplyBufferSize == chassis::QAM_REPLY_SIZE);
 
 extern "C" {
 
-// Registers the variables of both channels. Start-up, through the descriptor.
+// Registers the variables of both channels. `Qam_Init` calls it; it is not for the chassis.
 void qamBackInit(u8 slotNo);
 
 // Read and write routines of the variables; a result of ts/qamRecords.h. `var` of a read has

@@ -9,7 +9,8 @@ import harness
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 DOCUMENTS = ('README.md', *(f'docs/{name}.md' for name in (
-    'benchmarks', 'building', 'calibration', 'headend', 'management-datagram', 'snmp', 'tracing', 'tscheck')))
+    'benchmarks', 'building', 'calibration', 'headend', 'management-datagram', 'porting', 'snmp', 'tracing',
+    'tscheck')))
 SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a player needs a screen',
            r'.*qamctl panel': 'needs a terminal: panel.py', r'apt-get': 'installed by ./test',
            r'gtkwave': 'a viewer needs a screen', r'QAM_LONG=1': 'a long campaign', r'.*\[--': 'the form of a command',
@@ -35,7 +36,13 @@ qamctl() { build/gcc/tools/qamctl "$@"; }
 timeout() { command timeout "$@" || [ $? = 124 ]; }
 snmptrapd() { command snmptrapd "$@" & sleep 1; }
 ninja() { command ninja -n "$@"; }
-cmake() { grep "name.: .${!#}.," CMakePresets.json; }
+cmake() {
+  case "$*" in
+    *--preset*) grep "name.: .${!#}.," CMakePresets.json ;;
+    '--install build/card '*) command cmake --install build/gcc --component module "${@:3}" ;;
+    *) command cmake "$@" ;;
+  esac
+}
 uncounted() { PATH=/nowhere "$(command -v python3)" "$@" || [ $? = 77 ]; }
 chassis() {
   stop
@@ -72,9 +79,9 @@ def every_command_of_a_document_can_be_done(case):
     build = os.path.dirname(os.path.dirname(case.args.headend))
     os.makedirs(case.path('build'))
     os.symlink(build, case.path('build', 'gcc'))
-    for name in ('samples', 'mibs', 'docs', 'bench', 'CMakePresets.json'):
+    for name in ('samples', 'mibs', 'docs', 'bench', 'examples', 'CMakePresets.json'):
         os.symlink(os.path.join(ROOT, name), case.path(name))
-    script, due = PRELUDE, {}
+    script, due = f'export HOME="{case.folder}"\n' + PRELUDE, {}
     for file in DOCUMENTS:
         script += f'cd "{case.folder}"; rm -rf flash; chassis\n'
         for line, text, printed in blocks(file):

@@ -7,7 +7,7 @@
 build_packages=(cmake ninja-build g++ pkg-config
                 libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev libncurses-dev
                 libpng-dev libsnmp-dev unifont)
-test_packages=(libgtest-dev libgmock-dev ffmpeg iproute2 python3 sigrok-cli socat tmux valgrind
+test_packages=(help2man libgtest-dev libgmock-dev ffmpeg iproute2 python3 sigrok-cli socat tmux valgrind
                smitools erlang-base erlang-snmp python3-pysmi snmp snmptrapd strace)
 bench_packages=(valgrind snmpd)
 check_packages=(clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev llvm-14-dev g++-arm-linux-gnueabi)

@@ -10,7 +10,7 @@ build_packages=(cmake ninja-build g++ pkg-config
 test_packages=(help2man libgtest-dev libgmock-dev ffmpeg iproute2 python3 sigrok-cli socat tmux valgrind
                smitools erlang-base erlang-snmp python3-pysmi snmp snmptrapd strace)
 bench_packages=(valgrind snmpd)
-check_packages=(clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev llvm-14-dev g++-arm-linux-gnueabi)
+check_packages=(g++-11 clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev llvm-14-dev g++-arm-linux-gnueabi)
 
 say() { printf '%s\n' "$@" >&2; }
 die() { say "$@"; exit 1; }

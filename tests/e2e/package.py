@@ -38,7 +38,7 @@ def a_chassis_is_built_from_the_installed_package_alone(case):
     write(case.path('a package', 'include', 'qamcard', 'types.h'), b'#error an older version\n')
     prefix, example, build = installed(case), case.path('example'), case.path('build')
     shutil.copytree(EXAMPLE, example)
-    case.execute(['cmake', '-S', example, '-B', build, f'-DCMAKE_PREFIX_PATH={prefix}'])
+    case.execute(['cmake', '-G', 'Ninja', '-S', example, '-B', build, f'-DCMAKE_PREFIX_PATH={prefix}'])
     case.execute(['cmake', '--build', build])
     config = os.environ | {'PKG_CONFIG_PATH': os.path.join(prefix, 'lib', 'pkgconfig')}
     flags = case.execute(['pkg-config', '--cflags', '--libs', 'qamcard'], env=config).text

@@ -47,6 +47,20 @@ def a_chassis_is_built_from_the_installed_package_alone(case):
         case.says(case.execute([os.path.join(build, name)]), SENT)
 
 
+# Its services for the agent are empty.
+def a_chassis_in_c_learns_which_of_its_services_are_wrong(case):
+    prefix, example, build = installed(case), case.path('example'), case.path('build')
+    shutil.copytree(EXAMPLE, example)
+    for file, old, new in (('main.c', 'int main(', '#include "qamcard/conformance.h"\nint main('),
+                           ('main.c', '  result = loadTable', '  qamConformance(0);\n  result = loadTable'),
+                           ('CMakeLists.txt', 'qamcard::qamcard', 'qamcard::conformance')):
+        text = read(os.path.join(example, file)).decode()
+        write(os.path.join(example, file), text.replace(old, new).encode())
+    case.execute(['cmake', '-S', example, '-B', build, f'-DCMAKE_PREFIX_PATH={prefix}'])
+    case.execute(['cmake', '--build', build, '--target', 'chassis-c'])
+    case.says(case.execute([os.path.join(build, 'chassis-c')]), 'PASS queue.order', 'FAIL agent.compare', SENT)
+
+
 # The headers give C linkage, so that a service of the wrong type does not even compile.
 def a_missing_service_is_a_link_error_that_names_it(case):
     prefix = installed(case)
@@ -81,16 +95,23 @@ def listed():
     return set.union(*names[:-1]), set.union(*names)
 
 
-def the_library_needs_what_the_guide_lists_and_nothing_else(case):
+# The names that the libraries need of others.
+def needed_by(case, *libraries):
+    lines = [line.split() for line in case.execute(['nm', *libraries]).text.splitlines()]
+    defined = {words[2] for words in lines if len(words) == 3}
+    needed = {words[1] for words in lines if len(words) == 2 and words[0] == 'U'} - defined
+    return {name for name in needed if not re.fullmatch(HELPERS, name)}
+
+
+def the_libraries_need_what_the_guide_lists_and_nothing_else(case):
     services, everything = listed()
-    libraries = [os.path.join(installed(case), 'lib', 'libqamcard.a'), *glob.glob(os.path.join(ROOT, 'build', '*', 'libqamcard.a'))]
-    for library in libraries:
-        lines = [line.split() for line in case.execute(['nm', library]).text.splitlines()]
-        defined = {words[2] for words in lines if len(words) == 3}
-        needed = {words[1] for words in lines if len(words) == 2 and words[0] == 'U'} - defined
-        needed = {name for name in needed if not re.fullmatch(HELPERS, name)}
+    installed_one = os.path.join(installed(case), 'lib', 'libqamcard.a')
+    for library in (installed_one, *glob.glob(os.path.join(ROOT, 'build', '*', 'libqamcard.a'))):
+        needed = needed_by(case, library)
         case.equal(sorted(needed - everything), [], f'names that {library} needs and the guide does not list')
         case.equal(sorted(services - needed), [], f'services that the guide lists and {library} does not need')
+    with_checks = needed_by(case, installed_one, installed_one.replace('qamcard.a', 'qamcard_conformance.a'))
+    case.equal(sorted(with_checks - everything), [], 'names that the checks need and the guide does not list')
 
 
 harness.main(__name__)

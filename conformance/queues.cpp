@@ -1,4 +1,5 @@
 // Message queues. A queue cannot be deleted, so those of the checks remain.
+#include <cstdio>
 #include <cstring>
 #include <initializer_list>
 
@@ -6,7 +7,7 @@
 #include "conformance/helpers.h"
 #include "qamcard/conformance.h"
 
-void (*qamConformanceInterrupt)(void (*routine)(void));
+void (*qamConformanceInterrupt)(void (*routine)());
 
 namespace conformance {
 namespace {
@@ -24,9 +25,9 @@ void createQueue(int messages) {
 }
 
 int send(const char* text, int timeout = os::NO_WAIT) {
-  char message[8] = {};
-  std::memcpy(message, text, std::strlen(text));
-  return os::msgQSend(queue, message, static_cast<unsigned>(std::strlen(text)), timeout, os::MSG_PRI_NORMAL);
+  char message[8];
+  const int length = std::snprintf(message, sizeof message, "%s", text);
+  return os::msgQSend(queue, message, static_cast<unsigned>(length), timeout, os::MSG_PRI_NORMAL);
 }
 
 int receive(char (&buffer)[kLength + 1], int timeout) {

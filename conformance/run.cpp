@@ -142,11 +142,7 @@ void runRow(int number, Totals& totals) {
   }
 }
 
-}  // namespace
-}  // namespace conformance
-
-int qamConformance(u8 slotNo) {
-  using namespace conformance;
+int run(u8 slotNo) {
   const chassis::card* card = slotNo < MAX_BOARD_NUM ? chassis::GetCardPoint(slotNo) : nullptr;
   ends = os::msgQCreate(kRowCount, sizeof(End), os::MSG_Q_PRIORITY);
   if (card == nullptr || card->varPtr == nullptr || ends == nullptr) {
@@ -160,4 +156,11 @@ int qamConformance(u8 slotNo) {
   chassis::DebugPrint("conformance of slot %d: %d passed, %d failed, %d skipped\r\n", slotNo, totals.passed,
                       totals.failed, totals.skipped);
   return totals.failed;
+}
+
+}  // namespace
+}  // namespace conformance
+
+int qamConformance(u8 slotNo) {
+  return conformance::run(slotNo);
 }

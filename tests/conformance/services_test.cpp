@@ -50,6 +50,7 @@
 
 // The headend's services; the broken ones in their place; and what the linker gives to callers, which calls these.
 #define REAL(symbol, name, result, parameters, values) result name parameters asm("__real_" symbol);
+// NOLINTNEXTLINE(bugprone-macro-parentheses)
 #define BROKEN(symbol, name, result, parameters, values) decltype(&real::name) name = real::name;
 #define WRAPPER(symbol, name, result, parameters, values) \
   result name parameters asm("__wrap_" symbol); \

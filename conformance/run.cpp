@@ -54,7 +54,7 @@ constexpr Row kRows[] = {
     {"semaphore.wait", "semQamVar is taken: another task's semTake for 3 ticks, and without a limit",
      "-1 after 3 ticks, waits, 0", "getVar and setVar", checkOtherWaits, lacksSemaphore, "semQamVar"},
     {"semaphore.null", "semTake and semGive of null", "-1 -1", "getVar and setVar without semQamVar", checkNoSemaphore},
-    {"memory.none", "malloc of half the address space", "null", "start-up, which then reports it", checkNoMemory},
+    {"memory.none", "malloc of all but 64 KiB of the address space", "null", "start-up, which then reports it", checkNoMemory},
     {"memory.alignment", "four addresses of malloc modulo 8", "0 0 0 0 ", "descriptor and record", checkAlignment},
     {"memory.null", "free(null)", "returned", "send lists", checkFreeNull},
     {"file.missing", "fopen of a missing file with rb+", "null, not created", "start-up without record or bitstream",

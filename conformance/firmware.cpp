@@ -45,9 +45,9 @@ void checkKeyScan(Seen& seen, u8 /*slotNo*/) {
   constexpr int kMostKeys = 100;
   for (int i = 0; i < kMostKeys && chassis::keyScan() != chassis::kKeyNone; ++i) {
   }
-  beginTicks();
+  TickCount count;
   for (int i = 0; i < kCalls; ++i) chassis::keyScan();
-  const int ticks = countedTicks();
+  const int ticks = count.end();
   seen.addTicks(ticks == kCalls - 1 ? kCalls : ticks, kCalls);
 }
 

@@ -6,14 +6,24 @@ namespace {
 constexpr int kStack = 4096;
 constexpr int kMostTicks = 1000;
 
-volatile int currentCount;  // its number; a task of an earlier count ends
-volatile int ticks;
+// The last counts, by their number. A check that hung may end its count while another check counts.
+struct Count {
+  int number, ticks;
+};
+constexpr int kCounts = 8;
+volatile Count counts[kCounts];
+int lastCount;
+
+volatile Count& countOf(int number) {
+  return counts[number % kCounts];
+}
 
 int countTicks(int number, int, int, int, int, int, int, int, int, int) {
+  volatile Count& count = countOf(number);
   for (int i = 0; i < kMostTicks; ++i) {
     os::taskDelay(1);
-    if (currentCount != number) return 0;
-    ticks = ticks + 1;
+    if (count.number != number) return 0;
+    count.ticks = count.ticks + 1;
   }
   return 0;
 }
@@ -25,16 +35,18 @@ int spawn(int priority, os::FUNCPTR entry, int argument1, int argument2) {
                        0);
 }
 
-void beginTicks() {
-  currentCount = currentCount + 1;
-  ticks = 0;
+TickCount::TickCount() : number_(++lastCount) {
+  volatile Count& count = countOf(number_);
+  count.number = number_;
+  count.ticks = 0;
   os::taskDelay(1);
-  spawn(kHigher, countTicks, currentCount);
+  spawn(kHigher, countTicks, number_);
 }
 
-int countedTicks() {
-  currentCount = currentCount + 1;
-  return ticks;
+int TickCount::end() {
+  volatile Count& count = countOf(number_);
+  count.number = 0;
+  return count.ticks;
 }
 
 void waitWhile(const volatile int& word, int value) {

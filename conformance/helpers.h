@@ -12,10 +12,16 @@ inline constexpr int kLower = 240;
 
 int spawn(int priority, os::FUNCPTR entry, int argument1 = 0, int argument2 = 0);
 
-// Counts ticks of the system clock, by a task of priority kHigher that sleeps for one tick at a time: no
-// service gives the time. One count at a time, of at most a thousand ticks. Begins at a tick.
-void beginTicks();
-int countedTicks();  // since then; ends the count
+// Counts ticks of the system clock, from a tick on and at most a thousand, by a task of priority kHigher that
+// sleeps for one tick at a time: no service gives the time.
+class TickCount {
+ public:
+  TickCount();
+  int end();  // the ticks since the begin
+
+ private:
+  int number_;
+};
 
 // Sleeps until `*word` is not `value`, for at most a hundred ticks.
 void waitWhile(const volatile int& word, int value);

@@ -84,28 +84,28 @@ void checkLength(Seen& seen, u8 /*slotNo*/) {
 void checkFull(Seen& seen, u8 /*slotNo*/) {
   createQueue(2);
   seen << send("a") << " " << send("b") << ", " << send("c") << ", ";
-  beginTicks();
+  TickCount count;
   seen << send("d", kTicks) << " after ";
-  seen.addTicks(countedTicks(), kTicks);
+  seen.addTicks(count.end(), kTicks);
 }
 
 void checkEmpty(Seen& seen, u8 /*slotNo*/) {
   createQueue(1);
   char buffer[kLength + 1];
   seen << receive(buffer, os::NO_WAIT) << ", ";
-  beginTicks();
+  TickCount count;
   seen << receive(buffer, kTicks) << " after ";
-  seen.addTicks(countedTicks(), kTicks);
+  seen.addTicks(count.end(), kTicks);
 }
 
 void checkReceiverWaits(Seen& seen, u8 /*slotNo*/) {
   createQueue(1);
   char buffer[kLength + 1];
-  beginTicks();
+  TickCount count;
   spawn(kHigher, sendLater, kTicks);
   const int length = receive(buffer, os::WAIT_FOREVER);
   seen << length << " " << buffer << " after ";
-  seen.addTicks(countedTicks(), kTicks);
+  seen.addTicks(count.end(), kTicks);
 }
 
 void checkReceiverFirst(Seen& seen, u8 /*slotNo*/) {

@@ -44,9 +44,9 @@ void checkOwnerAgain(Seen& seen, u8 /*slotNo*/) {
 void checkOtherWaits(Seen& seen, u8 /*slotNo*/) {
   constexpr int kTicks = 3;
   take();
-  beginTicks();
+  TickCount count;
   seen << resultOfOther(kTicks) << " after ";
-  seen.addTicks(countedTicks(), kTicks);
+  seen.addTicks(count.end(), kTicks);
   startOther(os::WAIT_FOREVER);
   os::taskDelay(kTicks);
   seen << (other == kPending ? ", waits, " : ", waits not, ");

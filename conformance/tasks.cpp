@@ -68,9 +68,9 @@ void checkLock(Seen& seen, u8 /*slotNo*/) {
 
 void checkDelay(Seen& seen, u8 /*slotNo*/) {
   constexpr int kTicks = 10;
-  beginTicks();
+  TickCount count;
   os::taskDelay(kTicks);
-  seen.addTicks(countedTicks(), kTicks);
+  seen.addTicks(count.end(), kTicks);
 }
 
 void checkYield(Seen& seen, u8 /*slotNo*/) {

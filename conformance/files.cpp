@@ -84,7 +84,7 @@ void checkShortRead(Seen& seen, u8 slotNo) {
   }
   std::fseek(file, static_cast<long>(kSize) - kLeft, SEEK_SET);
   char buffer[2 * kLeft];
-  for (int i = 0; i < 2; ++i) seen << static_cast<int>(std::fread(buffer, 1, sizeof buffer, file)) << " ";
+  for (int i = 0; i < 2; ++i) seen.next() << static_cast<int>(std::fread(buffer, 1, sizeof buffer, file));
   std::fclose(file);
 }
 
@@ -109,8 +109,8 @@ void checkSave(Seen& seen, u8 slotNo) {
   auto* record = static_cast<QamCardPara*>(chassis::GetCardPoint(slotNo)->varPtr);
   for (int i = 0; i < 2; ++i) {
     record->reserved ^= 0xFF;
-    seen << chassis::para_save(slotNo) << " ";
-    seen << (holdsRecord(slotNo, reinterpret_cast<const u8*>(record)) ? "saved " : "not saved ");
+    seen.next() << chassis::para_save(slotNo);
+    seen << (holdsRecord(slotNo, reinterpret_cast<const u8*>(record)) ? " saved" : " not saved");
   }
 }
 
@@ -127,9 +127,13 @@ void checkSaveWhole(Seen& seen, u8 slotNo) {
 
 void checkLeftFiles(Seen& seen, u8 slotNo) {
   chassis::para_save(slotNo);
+  bool none = true;
   for (const char* end : {".dat.new", ".dat.tmp", ".new", ".tmp"}) {
-    if (isOpened(openRecord(slotNo, "rb", end))) seen << end << " ";
+    if (!isOpened(openRecord(slotNo, "rb", end))) continue;
+    seen.next() << end;
+    none = false;
   }
+  if (none) seen << "none";
 }
 
 }  // namespace conformance

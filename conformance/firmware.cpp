@@ -60,7 +60,7 @@ void checkCompare(Seen& seen, u8 /*slotNo*/) {
   const u32 first[] = {1, 3, 6};
   const u32 second[] = {1, 3, 0x80000000};
   const auto append = [&seen](const u32* a, int lengthOfA, const u32* b, int lengthOfB) {
-    seen << chassis::compare(a, lengthOfA, b, lengthOfB) << " ";
+    seen.next() << chassis::compare(a, lengthOfA, b, lengthOfB);
   };
   append(first, 3, first, 3);
   append(first, 3, second, 3);

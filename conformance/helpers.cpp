@@ -3,7 +3,7 @@
 namespace conformance {
 namespace {
 
-constexpr int kStack = 4096;
+constexpr int kStack = 8192;  // a check saves a record and prints
 constexpr int kMostTicks = 1000;
 
 // The last counts, by their number. A check that hung may end its count while another check counts.

@@ -20,7 +20,7 @@ void checkAlignment(Seen& seen, u8 /*slotNo*/) {
   std::size_t size = 1;
   for (void*& block : blocks) {
     block = os::malloc(size);
-    seen << static_cast<int>(reinterpret_cast<std::uintptr_t>(block) % kAlignment) << " ";
+    seen.next() << static_cast<int>(reinterpret_cast<std::uintptr_t>(block) % kAlignment);
     size = size * 3 + 1;
   }
   for (void* block : blocks) os::free(block);

@@ -68,7 +68,7 @@ void checkOrder(Seen& seen, u8 /*slotNo*/) {
   for (int i = 0; i < kMessages; ++i) {
     char buffer[kLength + 1];
     const int length = receive(buffer, os::NO_WAIT);
-    seen << buffer << " " << length << " ";
+    seen.next() << buffer << " " << length;
   }
 }
 

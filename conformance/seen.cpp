@@ -5,6 +5,10 @@
 
 namespace conformance {
 
+Seen& Seen::next() {
+  return *this << (text_[0] == 0 ? "" : " ");
+}
+
 Seen& Seen::operator<<(const char* text) {
   const std::size_t used = std::strlen(text_);
   std::snprintf(text_ + used, kSize - used, "%s", text);

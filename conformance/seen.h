@@ -8,6 +8,7 @@ namespace conformance {
 class Seen {
  public:
   void clear() { text_[0] = 0; }
+  Seen& next();  // a space, if there is text already
   Seen& operator<<(const char* text);
   Seen& operator<<(int number);
   // `ticks`, and for one more than `wanted` also `wanted`: a tick may occur between two calls.

@@ -38,7 +38,7 @@ int markOf(int priority) {
 void checkTaskArguments(Seen& seen, u8 /*slotNo*/) {
   os::taskSpawn("tConformance", kHigher, 0, 4096, storeArguments, 1, -2, 3, 4, 5, 6, 7, 8, 9, 0x7FFFFFFF);
   os::taskDelay(1);
-  for (const volatile int& each : arguments) seen << each << " ";
+  for (const volatile int& each : arguments) seen.next() << each;
 }
 
 void checkPriorities(Seen& seen, u8 /*slotNo*/) {

@@ -15,8 +15,8 @@ extern "C" {
 // behind.
 int qamConformance(u8 slotNo);
 
-// Calls `routine` once in interrupt context, at once or within a second. A chassis that can do this sets it
-// before the call; null: the check of what an interrupt may do is skipped.
+// Calls `routine` once in interrupt context, at once or within 100 ticks of the system clock. A chassis that
+// can do this sets it before the call; null: the check of what an interrupt may do is skipped.
 extern void (*qamConformanceInterrupt)(void (*routine)(void));
 
 #ifdef __cplusplus

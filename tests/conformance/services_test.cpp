@@ -299,7 +299,7 @@ TEST(Conformance, PassesInTheHeadendAndFindsEachBrokenService) {
     EXPECT_EQ(check(), 0) << printed;
     EXPECT_EQ(rowsWith("PASS"), rows);
 
-    constexpr int kAboveTheChecks = 215;  // as ends a busy loop
+    constexpr int kAboveTheChecks = 215;  // so that a busy loop of a check is given up
     bool ended = false;
     kernel->spawn("tAbove", kAboveTheChecks, [&ended] {
       findEachBrokenService();

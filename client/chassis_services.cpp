@@ -172,7 +172,7 @@ LcdImage readLcd(Link& link) {
 }
 
 void pressKey(Link& link, chassis::PanelKey key) {
-  ask(link, chassisRequest(Operation::kKey, {}, {key}), "press a key");
+  ask(link, chassisRequest(Operation::kKey, {}, {static_cast<u8>(key)}), "press a key");
 }
 
 // ---- Faults ----

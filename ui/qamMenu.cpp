@@ -333,8 +333,10 @@ static_assert(kLongest == std::max({kSymbolRate.digits.size, kRfFreq.digits.size
 
 }  // namespace
 
-item_t qamMenuInit = {
-    .flag = chassis::kItemReadOnly | kLast, .submenu = menuQamMain, .zh = "QAM卡1"_label, .en = "QAM card1"_label};
+item_t qamMenuInit = {.flag = chassis::kItemReadOnly | kLast,
+                      .submenu = menuQamMain,
+                      .zh = "QAM卡1"_label,
+                      .en = "QAM card1"_label};
 
 long qamMenuSetSymRate(const item_t* item, u8 slotNo, u32 port) {
   return run(kSymbolRate, item, slotNo, port);

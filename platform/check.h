@@ -10,11 +10,11 @@
 
 namespace os {
 
-#ifdef QAM_VIRTUAL_BUS
 // After a failed check, errors are the caller's fault and not a finding for the analyzer.
 #ifdef __clang_analyzer__
 __attribute__((analyzer_noreturn))
 #endif
+#ifdef QAM_VIRTUAL_BUS
 void checkFailed(const char* text, const char* unit, int line);
 #else
 inline void checkFailed(const char* text, const char* unit, int line) {

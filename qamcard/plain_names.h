@@ -22,7 +22,7 @@ int socket(int domain, int type, int protocol);
 int bind(int s, void* name, int length);
 int recvfrom(int s, char* buffer, int length, int flags, void* from, int* fromLength);
 int sendto(int s, char* buffer, int length, int flags, void* to, int toLength);
-int close(int s);
+int close(int s);  // NOLINT: a C library has it too
 
 // A failed check of an argument: its text, the unit's name and the line. It must return.
 void __assert_fail(const char* text, const char* unit, unsigned line, const char* function);

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <random>
 #include <string_view>
@@ -21,6 +22,7 @@
 #include "base/bytes.h"
 #include "base/numbers.h"
 #include "headend/fail.h"
+#include "headend/firmware/snmp/ber.h"
 #include "headend/firmware/snmp/net_snmp.h"
 
 namespace headend {
@@ -220,3 +222,28 @@ u32 SnmpLibrary::authenticationFailures() {
 }
 
 }  // namespace headend
+
+// In place of the library's own (X.690, 8.3), which cuts a number of more than 32 bits to its lowest 32: a
+// SET of 2^32 + 474000 would tune a card to 474000 kHz. The library calls this one, because a program's
+// symbol comes before a shared library's. Such a number is malformed in a message's header. As the value of
+// an object it becomes the highest or lowest number of a `long`, which no object takes: the library parses
+// values after it has checked their size, and passes SNMP_MAX_PACKET_LEN in place of the remaining bytes.
+extern "C" u_char* asn_parse_int(u_char* data, std::size_t* datalength, u_char* type, long* number,
+                                 std::size_t /*size*/) {
+  if (*datalength == 0) return nullptr;
+  *type = data[0];
+  if (*type != ASN_INTEGER) return nullptr;
+  const auto content = headend::berContent({data + 1, *datalength - 1});
+  if (!content || content->empty()) return nullptr;
+  if (content->size() <= headend::kMostIntegerOctets) {
+    *number = headend::berInteger(*content);
+  } else if (*datalength == SNMP_MAX_PACKET_LEN) {
+    const bool isNegative = (content->front() & 0x80U) != 0;
+    *number = isNegative ? std::numeric_limits<long>::min() : std::numeric_limits<long>::max();
+  } else {
+    return nullptr;
+  }
+  u_char* end = content->data() + content->size();
+  *datalength -= static_cast<std::size_t>(end - data);
+  return end;
+}

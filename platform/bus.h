@@ -1,6 +1,7 @@
 // The processor's bus. A `Reg16` is one 16-bit register of a device: exactly two bytes, read and written with
 // single 16-bit accesses. On the card that is one store or load; with QAM_VIRTUAL_BUS (a build that runs the
 // module on another machine) every access goes to the models behind `busRead16` and `busWrite16`, in order.
+// With QAM_TRAPPED_BUS beside it the accesses are those of the card again, to memory that the machine guards.
 // Any task may use a register; an interrupt routine of this module never does.
 #pragma once
 
@@ -8,26 +9,25 @@
 
 namespace os {
 
-#ifdef QAM_VIRTUAL_BUS
-
+#if defined(QAM_VIRTUAL_BUS) && !defined(QAM_TRAPPED_BUS)
 u16 busRead16(const volatile void* reg);
 void busWrite16(volatile void* reg, u16 value);
-
-// The pointer that the models use for the bus address `address`; null if no device is there.
-void* busAddress(u32 address);
-
 #else
-
 inline u16 busRead16(const volatile void* reg) {
   return *static_cast<const volatile u16*>(reg);
 }
 inline void busWrite16(volatile void* reg, u16 value) {
   *static_cast<volatile u16*>(reg) = value;
 }
+#endif
+
+#ifdef QAM_VIRTUAL_BUS
+// The pointer that the models use for the bus address `address`; null if no device is there.
+void* busAddress(u32 address);
+#else
 inline void* busAddress(u32 address) {
   return reinterpret_cast<void*>(std::uintptr_t{address});  // NOLINT(performance-no-int-to-ptr)
 }
-
 #endif
 
 }  // namespace os

@@ -23,9 +23,9 @@ def build_of(case):
 
 
 # To a folder with a space in its name.
-def installed(case, codes=(0,)):
+def installed(case, build=None):
     prefix = case.path('a package')
-    case.execute(['cmake', '--install', build_of(case), '--component', 'module', '--prefix', prefix], codes)
+    case.execute(['cmake', '--install', build or build_of(case), '--component', 'module', '--prefix', prefix])
     return prefix
 
 
@@ -47,18 +47,33 @@ def a_chassis_is_built_from_the_installed_package_alone(case):
         case.says(case.execute([os.path.join(build, name)]), SENT)
 
 
-# Its services for the agent are empty.
-def a_chassis_in_c_learns_which_of_its_services_are_wrong(case):
-    prefix, example, build = installed(case), case.path('example'), case.path('build')
+def learn(case, prefix, toolchain=(), emulator=()):
+    example, build = case.path('example'), case.path('build')
     shutil.copytree(EXAMPLE, example)
     for file, old, new in (('main.c', 'int main(', '#include "qamcard/conformance.h"\nint main('),
                            ('main.c', '  result = loadTable', '  qamConformance(0);\n  result = loadTable'),
                            ('CMakeLists.txt', 'qamcard::qamcard', 'qamcard::conformance')):
         text = read(os.path.join(example, file)).decode()
         write(os.path.join(example, file), text.replace(old, new).encode())
-    case.execute(['cmake', '-S', example, '-B', build, f'-DCMAKE_PREFIX_PATH={prefix}'])
+    case.execute(['cmake', '-S', example, '-B', build, f'-Dqamcard_ROOT={prefix}', *toolchain])
     case.execute(['cmake', '--build', build, '--target', 'chassis-c'])
-    case.says(case.execute([os.path.join(build, 'chassis-c')]), 'PASS queue.order', 'FAIL agent.compare', SENT)
+    # Its services for the agent are empty.
+    case.says(case.execute([*emulator, os.path.join(build, 'chassis-c')]), 'PASS queue.order', 'PASS register.test',
+              'FAIL agent.compare', SENT)
+
+
+def a_chassis_in_c_learns_which_of_its_services_are_wrong(case):
+    learn(case, installed(case))
+
+
+# With the library of ./test --preset arm9, which CI has.
+def a_chassis_of_the_controllers_code_learns_it_too(case):
+    build = os.path.join(ROOT, 'build', 'arm9')
+    if not os.path.exists(os.path.join(build, 'libqamcard.a')) and 'CI' not in os.environ:
+        raise SystemExit(harness.SKIPPED)
+    learn(case, installed(case, build),
+                                    [f'-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/arm9.cmake', f'-DCMAKE_FIND_ROOT_PATH={case.folder}'],
+                                    ['qemu-arm', '-cpu', 'arm926', '-L', '/usr/arm-linux-gnueabi'])
 
 
 # The headers give C linkage, so that a service of the wrong type does not even compile.

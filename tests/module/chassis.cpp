@@ -11,6 +11,12 @@
 #include <regex>
 #include <span>
 
+#ifdef QAM_TRAPPED_BUS
+#include <sys/mman.h>
+
+#include <csignal>
+#endif
+
 #include "base/text.h"
 #include "card/QamInit.h"
 #include "headend/hardware/card_registers.h"
@@ -23,15 +29,15 @@
 
 namespace {
 
-using base::utf8OfGbk;
-
 test::FakeChassis* current = nullptr;
 
 template <typename... Values>
 void note(fmt::format_string<Values...> format, Values&&... values) {
   current->log.push_back(fmt::format(format, std::forward<Values>(values)...));
+  current->trace << current->log.back() << '\n';
 }
 void step(std::string what) {
+  current->trace << what << '\n';
   current->steps.push_back(std::move(what));
 }
 
@@ -40,6 +46,67 @@ std::string formatted(const char* format, va_list arguments) {
   std::vsnprintf(text, sizeof text, format, arguments);
   return text;
 }
+
+// As the panel's LCD shows it: the controller's C library converts no GBK. U+FFFD for what its font does not
+// have.
+std::string utf8OfGbk(std::string_view gbk) {
+  std::string utf8;
+  while (!gbk.empty()) {
+    const std::string_view row = headend::cutToFit(gbk, protocol::kLcdWidth);
+    headend::Lcd lcd;
+    lcd.print(0, 0, ~u32{0}, row);  // inverse, for then a blank is a character too
+    for (const auto& shown : lcd.shown().characters) base::appendUtf8(utf8, shown.character);
+    gbk.remove_prefix(row.size());
+  }
+  return utf8;
+}
+
+#ifdef QAM_TRAPPED_BUS
+// ---- Registers as memory that the kernel guards: which instructions access them? ----
+
+// Carries out the 16-bit load or store (ARM Architecture Reference Manual, A5.3: LDRH, STRH) at which the
+// processor has stopped. Any other access to a register ends the test.
+void carryOutAccess(int signal, siginfo_t* fault, void* state) {
+  mcontext_t& cpu = static_cast<ucontext_t*>(state)->uc_mcontext;
+  const auto address = static_cast<u32>(reinterpret_cast<std::uintptr_t>(fault->si_addr));
+  const auto window = static_cast<u32>(reinterpret_cast<std::uintptr_t>(current->pointerTo(test::kWindows)));
+  if (address - window >= test::kBusSize) {
+    std::signal(signal, SIG_DFL);  // an error of another kind, which happens again
+    return;
+  }
+  const u32 instruction = *reinterpret_cast<const u32*>(cpu.arm_pc);
+  const auto field = [instruction](unsigned lowestBit) { return instruction >> lowestBit & 0xFU; };
+  const auto bit = [instruction](unsigned number) { return (instruction >> number & 1U) != 0; };
+  constexpr u32 kMask = 0x0E0000F0, kHalfword = 0x000000B0, kThumb = 1U << 5;
+  if ((cpu.arm_cpsr & kThumb) != 0 || (instruction & kMask) != kHalfword) {
+    std::fprintf(stderr, "Instruction %08x at %lx is not a 16-bit access to register %08x.\n", instruction,
+                 cpu.arm_pc, test::kWindows + address - window);
+    std::_Exit(1);
+  }
+  const bool preIndexed = bit(24), addsOffset = bit(23), isImmediate = bit(22), writesBack = bit(21),
+             isLoad = bit(20);
+  unsigned long* const registers = &cpu.arm_r0;  // r0 to r15 follow each other
+  const u32 reg = test::kWindows + address - window;
+  const unsigned long offset = isImmediate ? field(8) << 4U | field(0) : registers[field(0)];
+  if (isLoad)
+    registers[field(12)] = current->read(reg);
+  else
+    current->write(reg, static_cast<u16>(registers[field(12)]));
+  if (!preIndexed || writesBack) registers[field(16)] += addsOffset ? offset : -offset;
+  cpu.arm_pc += sizeof instruction;
+}
+
+u16* guardedWindow() {
+  static u16* const window = [] {
+    struct sigaction action {};
+    action.sa_sigaction = carryOutAccess;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;  // `leave` does not return from it
+    sigaction(SIGSEGV, &action, nullptr);
+    return static_cast<u16*>(mmap(nullptr, test::kBusSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  }();
+  return window;
+}
+#endif
 
 // Of the main board's registers those of the configuration ports.
 std::string nameOf(u32 address) {
@@ -52,14 +119,26 @@ std::string nameOf(u32 address) {
 
 namespace test {
 
-FakeChassis::FakeChassis() {
+#ifdef QAM_TRAPPED_BUS
+FakeChassis::FakeChassis() : window_(guardedWindow()) {
+#else
+FakeChassis::FakeChassis() : window_(bus_) {
+#endif
   current = this;
   chassis::head = nullptr;
-  chassis::pbbFpgaIf = reinterpret_cast<bbFpga_t*>(&cell(kMainBoard));
+  chassis::pbbFpgaIf = reinterpret_cast<bbFpga_t*>(pointerTo(kMainBoard));
+  if (const char* folder = std::getenv("QAM_TRACES"); folder != nullptr) {
+    const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+    trace.open(fmt::format("{}/{}.{}", folder, test.test_suite_name(), test.name()), std::ios::app);
+  }
 }
 
 FakeChassis::~FakeChassis() {
   for (const auto& [kind, count] : violations.counts()) ADD_FAILURE() << kind << ": " << count;
+  const fs::recursive_directory_iterator files(flash.path);
+  for (const fs::path& file : std::set<fs::path>(begin(files), end(files))) {
+    if (fs::is_regular_file(file)) trace << file.filename() << readText(file);
+  }
   for (void* block : blocks) std::free(block);
   chassis::head = nullptr;
 }
@@ -88,35 +167,36 @@ bool FakeChassis::runs(const std::function<void()>& body) {
   return true;
 }
 
-u32 FakeChassis::addressOf(const volatile void* reg) const {
-  return kWindows + static_cast<u32>(static_cast<const volatile u16*>(reg) - bus_) * 2;
+u16 FakeChassis::read(u32 address) {
+  now += 100;
+  step(nameOf(address) + '?');
+  std::optional<u16> answer = onRead ? onRead(address) : std::nullopt;
+  if (!answer && hasDevices && address < kMainBoard) answer = board.sense(address & 0x1FF, now);
+  return answer.value_or(cell(address));
+}
+
+void FakeChassis::write(u32 address, u16 value) {
+  now += 100;
+  step(fmt::format("{}={}", nameOf(address), value));
+  cell(address) = value;
+  if (hasDevices && address < kMainBoard) board.drive(address & 0x1FF, (value & 1) != 0, now);
 }
 
 }  // namespace test
 
 namespace os {
 
+#ifndef QAM_TRAPPED_BUS
 u16 busRead16(const volatile void* reg) {
-  const u32 address = current->addressOf(reg);
-  current->now += 100;
-  step(nameOf(address) + '?');
-  std::optional<u16> answer = current->onRead ? current->onRead(address) : std::nullopt;
-  if (!answer && current->hasDevices && address < test::kMainBoard)
-    answer = current->board.sense(address & 0x1FF, current->now);
-  return answer.value_or(current->cell(address));
+  return current->read(current->addressOf(reg));
 }
-
 void busWrite16(volatile void* reg, u16 value) {
-  const u32 address = current->addressOf(reg);
-  current->now += 100;
-  step(fmt::format("{}={}", nameOf(address), value));
-  current->cell(address) = value;
-  if (current->hasDevices && address < test::kMainBoard)
-    current->board.drive(address & 0x1FF, (value & 1) != 0, current->now);
+  current->write(current->addressOf(reg), value);
 }
+#endif
 
 void* busAddress(u32 address) {
-  return &current->cell(address);
+  return current->pointerTo(address);
 }
 
 void checkFailed(const char* text, const char* unit, int line) {
@@ -236,6 +316,7 @@ int msgQSend(MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int pri
   if (sent.room == 0) return ERROR;
   --sent.room;
   std::memcpy(&sent.messages.emplace_back(), buffer, sizeof(u32));
+  current->trace << "send " << sent.messages.back() << '\n';
   return OK;
 }
 

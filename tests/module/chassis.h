@@ -37,6 +37,7 @@ using Lines = std::vector<std::string>;
 
 inline constexpr u32 kWindows = 0x60000000;           // the cards' windows on the bus
 inline constexpr u32 kMainBoard = kWindows + 0x2200;  // address of the main board's FPGA here
+inline constexpr u32 kBusSize = kMainBoard - kWindows + sizeof(bbFpga_t);
 
 // The object behind a queue's handle: what was sent, and how much more fits.
 struct Queue {
@@ -80,6 +81,9 @@ struct FakeChassis {
   std::int64_t now = 0;  // nanoseconds: duration of all accesses, waits and loops
   Lines checks;          // failed checks: "unit: text"
   int checkedLine = 0;   // of the last one
+  // With QAM_TRACES=FOLDER in the environment: all calls, steps and messages, and the files at the end, in a
+  // file with the test's name. The controller's code must leave the same one as this machine's.
+  std::ofstream trace;
   headend::Lcd lcd;
   std::vector<std::function<void()>> tasks;
   std::vector<std::unique_ptr<Queue>> queues;
@@ -105,12 +109,20 @@ struct FakeChassis {
   // The module's frames hold nothing that would need destruction.
   [[noreturn]] void leave() { std::longjmp(wayOut_, 1); }
 
-  u32 addressOf(const volatile void* reg) const;
+  // A read or write of the module, of 16 bits.
+  u16 read(u32 address);
+  void write(u32 address, u16 value);
+
+  u16* pointerTo(u32 address) const { return window_ + (address - kWindows) / 2; }
+  u32 addressOf(const volatile void* reg) const {
+    return kWindows + static_cast<u32>(static_cast<const volatile u16*>(reg) - window_) * 2;
+  }
   u16& cell(u32 address) { return bus_[(address - kWindows) / 2]; }
 
  private:
   std::jmp_buf wayOut_{};
-  alignas(Reg16) u16 bus_[(kMainBoard - kWindows + sizeof(bbFpga_t)) / 2] = {};
+  u16 bus_[kBusSize / 2] = {};
+  u16* window_;  // where the module has the bus
 };
 
 class ModuleTest : public ::testing::Test {

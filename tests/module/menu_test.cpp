@@ -51,13 +51,15 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   const Screen kFreq{qamMenuSetRfFreq, kVarFrequency, &QamParaS::rfreq, " 82:MHz"};
   const Screen kMegahertz{qamMenuGetQamInfo, kVarFrequency, &QamParaS::rfreq, " 74:MHz"};
   const Screen kDegrees{qamMenuGetQamTempr, kVarFrequency, &QamParaS::rfreq, " 74:*"};
+  QamParaS& settings = fake.start(2)->qam_para;
   // The value before each key, and the setting after it.
   const auto session = [&](const Screen& on, u32 start, const char* keys, const char* screens, u32 after,
                            u16 flag = 0) {
     SCOPED_TRACE(fmt::format("{} from {}", keys, start));
     const auto handler = std::get<0>(on);
-    u32& value = fake.start(2)->qam_para.*std::get<2>(on);
+    u32& value = settings.*std::get<2>(on);
     value = start;
+    fake.forget();
     const item_t item{.id = std::get<1>(on), .flag = flag, .en = "Item"_label};
     std::string shown;
     fake.onKeyScan = [&] {

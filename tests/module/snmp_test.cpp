@@ -89,8 +89,8 @@ TEST_F(Snmp, AWriteIsCheckedInEveryPhaseAndAppliedInAction) {
   // The answers in ACTION and in each other phase, and the message in ACTION; type and length are those of
   // the encoding.
   using Outcome = std::tuple<int, int, std::string>;
+  for (const u8 slot : {u8{0}, u8{3}, u8{5}}) fake.start(slot);
   const auto outcome = [&](const Name& instance, const Bytes& encoding) {
-    for (const u8 slot : {u8{0}, u8{3}, u8{5}}) fake.start(slot);
     const auto answered = [&](int phase) {
       fake.forget();
       return write(phase, instance, encoding[1], encoding);

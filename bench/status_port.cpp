@@ -18,7 +18,8 @@ StatusPort::StatusPort() : pageSize_(static_cast<std::size_t>(sysconf(_SC_PAGESI
   if (pages == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mapping two pages");
   requestPage_ = static_cast<char*>(pages);
   statusPage_ = requestPage_ + pageSize_;
-  mainBoard_ = reinterpret_cast<bbFpga_t*>(statusPage_ - sizeof(Reg16) - offsetof(bbFpga_t, fpgaCfg));
+  void* board = statusPage_ - sizeof(Reg16) - offsetof(bbFpga_t, fpgaCfg);
+  mainBoard_ = static_cast<bbFpga_t*>(board);
   port().fpga_done = 1;
 
   current = this;

@@ -18,6 +18,7 @@ SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a 
            r'bench/snmp\.py': 'needs snmpd, and measures for long'}
 SHORTER = {'./run': 'chassis', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
            './build/gcc/bench/panel_times': 'timeout 3 ./build/gcc/bench/panel_times',
+           'bench/controller': 'bench/controller --help',
            'python3 bench/instructions.py': 'uncounted bench/instructions.py'}
 
 # ./run without its build; what runs until a user ends it runs beside the following commands. Of a build, the names of

@@ -17,7 +17,6 @@
 namespace {
 
 std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
 
 void onSignal(int) {
   interrupted = true;

@@ -38,7 +38,7 @@
   X("para_save", save, int, (u8 slot), (slot)) \
   X("fread", read, std::size_t, (void* p, std::size_t size, std::size_t n, std::FILE* f), (p, size, n, f)) \
   X("ftell", tell, long, (std::FILE* f), (f)) \
-  X("_ZN2os6mallocEm", malloc, void*, (std::size_t n), (n)) \
+  X(OS_MALLOC, malloc, void*, (std::size_t n), (n)) \
   X("_ZN2os4freeEPv", free, void, (void* p), (p)) \
   X("_ZN2os5fopenEPKcS1_", open, std::FILE*, (const char* path, const char* mode), (path, mode)) \
   X("_ZN2os9busRead16EPVKv", busRead, u16, (const volatile void* reg), (reg)) \

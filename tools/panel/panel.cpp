@@ -160,7 +160,6 @@ constexpr milliseconds kAfterKey{30};  // time for the menu to draw the effect o
 constexpr client::UdpLinkOptions kQuickLink = {.timeout = milliseconds(400), .tries = 2};
 
 std::atomic<bool> asked{false};  // a signal asked for the end
-static_assert(std::atomic<bool>::is_always_lock_free);
 
 class Panel {
  public:

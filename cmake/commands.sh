@@ -6,7 +6,7 @@
 # the others. The preset arm9 needs the first list and the last.
 build_packages=(cmake ninja-build g++ pkg-config
                 libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev libncurses-dev
-                libpng-dev libsnmp-dev unifont)
+                libpng-dev libsnmp-dev libcpp-httplib-dev unifont)
 test_packages=(help2man libgtest-dev libgmock-dev ffmpeg iproute2 python3 sigrok-cli socat tmux valgrind
                smitools erlang-base erlang-snmp python3-pysmi snmp snmptrapd strace)
 bench_packages=(valgrind snmpd)

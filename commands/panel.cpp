@@ -7,7 +7,7 @@
 
 #include "client/chassis_services.h"
 #include "commands/command.h"
-#include "commands/json_fields.h"
+#include "commands/panel.h"
 
 namespace commands {
 namespace {
@@ -59,15 +59,9 @@ struct Lcd final : Command {
   void carryOut(Session& session) override {
     const protocol::LcdImage lcd = client::readLcd(session.link());
     if (!picture_.empty()) saveFile(picture_, pngOf(lcd));
-    Json rows = Json::array(), characters = Json::array();
-    for (int row = 0; row < protocol::kLcdRows; ++row) {
-      rows.push_back(lcd.text(row));
-      if (!json && picture_.empty()) session.print(lcd.markedText(row) + "\n");
-    }
-    for (const protocol::LcdCharacter& c : lcd.characters) {
-      if (c.inverse) characters.push_back({{"row", c.row}, {"x", c.x}});
-    }
-    if (json) session.print(jsonText({{"rows", std::move(rows)}, {"inverse", std::move(characters)}}));
+    if (json) return session.print(jsonText(lcdJson(lcd)));
+    if (!picture_.empty()) return;
+    for (int row = 0; row < protocol::kLcdRows; ++row) session.print(lcd.markedText(row) + "\n");
   }
 
   std::string picture_;
@@ -120,6 +114,24 @@ struct PanelOnTerminal final : Command {
 };
 
 }  // namespace
+
+Json lcdJson(const protocol::LcdImage& lcd) {
+  Json rows = Json::array(), inverse = Json::array(), pixels = Json::array();
+  for (int row = 0; row < protocol::kLcdRows; ++row) rows.push_back(lcd.text(row));
+  for (const protocol::LcdCharacter& c : lcd.characters) {
+    if (c.inverse) inverse.push_back({{"row", c.row}, {"x", c.x}});
+  }
+  for (int y = 0; y < protocol::kLcdHeight; ++y) {
+    std::string digits;
+    for (int x = 0; x < protocol::kLcdWidth; x += 4) {
+      unsigned four = 0;
+      for (int i = 0; i < 4; ++i) four = four << 1U | (lcd.pixel(x + i, y) ? 1U : 0U);
+      digits += "0123456789abcdef"[four];
+    }
+    pixels.push_back(std::move(digits));
+  }
+  return {{"rows", std::move(rows)}, {"inverse", std::move(inverse)}, {"pixels", std::move(pixels)}};
+}
 
 Group panelCommands() {
   return {.commands = {{"lcd", "Show what the front panel's LCD shows", make<Lcd>},

@@ -174,6 +174,8 @@ void checkTogether(const Options& options) {
   if (snmp.trapSink && snmp.trapSink->port == 0) wrong("--snmp-trap", "no program receives on port 0");
   if (options.panel && options.fast) wrong("--panel", "is for real time: leave --fast out");
   if (options.panel && !options.manage) wrong("--panel", "reaches the headend over --manage, which is off");
+  if (options.web && options.fast) wrong("--web", "is for real time: leave --fast out");
+  if (options.web && !options.manage) wrong("--web", "reaches the headend over --manage, which is off");
   if (options.fast && !options.duration) wrong("--fast", "needs --seconds: nothing else would end the run");
 }
 
@@ -293,6 +295,14 @@ void describeServices(Form& form, Options& o, Given& given) {
       "the front panel on this terminal: LCD, keys, lamps, RF readout, alarms. What the headend prints on "
       "it meanwhile is shown when the panel has ended. To quit the panel ends the run",
       o.panel);
+  const std::string web = fmt::format("127.0.0.1:{}", protocol::kDefaultWebPort);
+  form.value(Option("--web", "ADDRESS:PORT",
+                    fmt::format("a web page of this headend on ADDRESS:PORT of this machine, for browsers (default "
+                                "{}; port 0 takes a free one and prints which). It shows all and changes nothing",
+                                web))
+                 .count(0, 1)
+                 .byDefault(web),
+             o.web, parseAddress);
   form.text({"--log", "FILE", "debug lines into this file instead of stderr"}, o.log);
   form.text({"--report", "FILE", "write the report (JSON, docs/report.md) to this file at the end"},
             o.report);

@@ -13,6 +13,7 @@
 #include "headend/panel_process.h"
 #include "headend/report.h"
 #include "headend/status_view.h"
+#include "headend/web_process.h"
 
 namespace {
 
@@ -56,6 +57,8 @@ int run(const headend::Options& options) {
     fmt::print("SNMP {}, engine ID {}\n", snmp->address().empty() ? "sends only" : "on " + snmp->address(),
                headend::engineIdText(snmp->engine()));
   }
+  std::optional<headend::WebProcess> web;
+  if (options.web) fmt::print("{}\n", web.emplace(machine.managementAddress(), *options.web).announced());
   std::fflush(stdout);
   int code = headend::run(machine, interrupted);
   if (panel && !panel->close() && code == headend::kExitDone) code = headend::kExitFailed;

@@ -97,6 +97,7 @@ struct Options {
   Nanos calibrationAge = 10 * kSecond;       // after which a request is dropped; 0: never
   SnmpSettings snmp;
   bool panel = false;
+  std::optional<base::Address> web;  // nullopt: no web page
   std::string log;
   std::string report;
   std::string busLog;

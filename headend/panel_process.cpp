@@ -1,7 +1,6 @@
 #include "headend/panel_process.h"
 
 #include <fmt/format.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,9 +9,9 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <filesystem>
 #include <utility>
 
+#include "headend/child_process.h"
 #include "headend/fail.h"
 
 namespace headend {
@@ -20,30 +19,9 @@ namespace {
 
 constexpr std::size_t kLinesShown = 100;
 
-// Beside this program where both are installed, in tools/ where both are built.
-std::string findQamctl() {
-  const auto folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-  for (const auto& file : {folder / "qamctl", folder.parent_path() / "tools" / "qamctl"}) {
-    if (access(file.c_str(), X_OK) == 0) return file.string();
-  }
-  fail("no panel: the program qamctl is not in {}", folder.string());
-}
-
-// The child's part. The panel stays if the headend is stopped for a while; a signal reports the headend's
-// end.
-[[noreturn]] void becomePanel(const std::string& program, const std::string& server, pid_t parent) {
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGPIPE}) std::signal(number, SIG_DFL);
-  prctl(PR_SET_PDEATHSIG, SIGTERM);
-  if (getppid() == parent)
-    execl(program.c_str(), "qamctl", "--server", server.c_str(), "panel", "--patience", "86400", nullptr);
-  fmt::print(stderr, "headend: cannot start {}: {}\n", program, std::strerror(errno));
-  std::fflush(stderr);
-  _exit(1);
-}
-
 }  // namespace
 
-PanelProcess::PanelProcess() : program_(findQamctl()) {
+PanelProcess::PanelProcess() : program_(programBeside("qamctl")) {
   if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
     fail("the panel needs a terminal: stdin and stdout must be one");
 }
@@ -56,7 +34,8 @@ void PanelProcess::show(const std::string& server) {
   const pid_t self = getpid();
   child_ = fork();
   if (child_ < 0) fail("no panel: fork: {}", std::strerror(errno));
-  if (child_ == 0) becomePanel(program_, server, self);
+  // The panel stays if the headend is stopped for a while; a signal reports the headend's end.
+  if (child_ == 0) becomeProgram(program_, {"--server", server, "panel", "--patience", "86400"}, self);
   for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
     if (isatty(stream) == 0) continue;
     kept_.push_back({.stream = stream, .terminal = dup(stream)});

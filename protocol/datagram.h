@@ -91,6 +91,7 @@ Request makeRequest(Operation operation, u16 variable, u16 slot, u32 port, Bytes
 inline constexpr std::size_t kRequestHeaderSize = 24;
 inline constexpr std::size_t kReplyHeaderSize = 28;
 inline constexpr u16 kDefaultManagementPort = 49160;
+inline constexpr u16 kDefaultWebPort = 49162;  // of qamweb
 
 Bytes encode(const Request& request);
 Bytes encode(const Reply& reply);

@@ -1,0 +1,131 @@
+#!/usr/bin/env python3
+# The web page's service: what it gives is what qamctl says, to whom it gives nothing, and that no client of it harms
+# another.
+import contextlib
+import http.client
+import json
+import os
+import random
+import re
+import socket
+import time
+
+import harness
+from harness import Server, poll, read
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+MARKUP = '<img src=x onerror=alert(1)>&"\''
+VIEWERS = 32
+
+
+# A headend with its page, and the page's port.
+@contextlib.contextmanager
+def page(case, *args):
+    with Server(case, case.flash(), '--web', '127.0.0.1:0', *args) as server:
+        found = server.wait(lambda: re.search(r'web page on http://127\.0\.0\.1:(\d+)/', server.text()))
+        server.wait_started()
+        yield server, int(found[1])
+
+
+# Status, headers and body of one request.
+def ask(port, path, method='GET', body=None, **headers):
+    connection = http.client.HTTPConnection('127.0.0.1', port, timeout=harness.HANG_SECONDS)
+    with contextlib.closing(connection):
+        connection.request(method, path, body, {name.replace('_', '-'): value for name, value in headers.items()})
+        answer = connection.getresponse()
+        return answer.status, answer.headers, answer.read().decode()
+
+
+# The states that an open stream gives, one after the other.
+def states(port):
+    connection = http.client.HTTPConnection('127.0.0.1', port, timeout=harness.HANG_SECONDS)
+    connection.request('GET', '/api/1/events')
+    answer = connection.getresponse()
+    while answer.status == 200:
+        line = answer.readline()
+        if line.startswith(b'data: '):
+            yield json.loads(line[6:])
+    yield answer.status
+
+
+def the_page_and_its_numbers_are_those_of_qamctl(case):
+    with page(case, '--source', f'6={case.sample("two-programmes.ts")}', '--programme', '1.1=6.1:1',
+              '--psi', f'1.2={case.sample("psi-small.ts")}') as (server, port):
+        for path in ('/', '/page.css', '/page.js'):
+            status, headers, body = ask(port, path)
+            with open(os.path.join(ROOT, 'tools', 'web', path[1:] or 'page.html'), encoding='utf-8') as file:
+                case.equal((status, body), (200, file.read()), path)
+            case.check("default-src 'none'; script-src 'self';" in headers['Content-Security-Policy'], path)
+        server.wait(lambda: re.search('programme add .* done', server.text()))
+        # Each path that the guide's table names, beside the command that it names.
+        guide = read(os.path.join(ROOT, 'docs', 'web.md')).decode()
+        rows = re.findall(r'^\| `/api/N/([^`]+)` \| `qamctl ([^`]+)`', guide, re.MULTILINE)
+        for path, command in rows:
+            path, command = (text.replace('CHANNEL', '1.1').replace('SLOT', '1') for text in (path, command))
+            status, _, body = ask(port, '/api/1/' + path)
+            wanted = case.qamctl(server.address, *command.split()).text
+            if path == 'alarms':
+                wanted = '{"events":[' + ','.join(wanted.splitlines()) + ']}'
+            case.equal((status, json.loads(body)), (200, json.loads(wanted)), path)
+        case.equal(len(rows), 5, 'rows of the guide')
+        case.qamctl(server.address, 'var', 'set', '1', 'rfreq', '666000')
+        state = next(each for each in states(port) if each['status']['cards'][0]['channels'][0]['rf']['frequency_khz'] == 666e3)
+        lcd = case.findings(case.args.qamctl, '--server', server.address, 'lcd', '--json')
+        case.equal(state['lcd'], lcd, 'LCD')
+        case.check('headend_frequency_khz{headend="127.0.0.1:%d",slot="1",channel="2"} 674000.0' % server.port
+                   in ask(port, '/metrics')[2], 'no carrier in the metrics')
+        history = poll(lambda: json.loads(ask(port, '/api/1/history')[2])['channels']['1.2']['psi'][1:])
+        case.check(max(history, default=0) > 0, f'no rates of PSI: {history}')
+        for path, wanted in (('/api/2/state', 404), ('/api/1/psi/7.1', 404), ('/api/1/psi/2.1', 409), ('/x', 404)):
+            case.equal(ask(port, path)[0], wanted, path)
+
+
+def nobody_else_reads_or_writes_and_no_client_harms_another(case):
+    with page(case) as (_, port):
+        for wanted, method, headers in ((403, 'GET', {'Host': 'rebound.example'}), (200, 'GET', {'Host': 'LOCALHOST:8080'}),
+                                        (403, 'GET', {'Origin': 'http://foreign.example'}), (200, 'GET', {'Host': '[::1]:80'}),
+                                        (403, 'GET', {'Sec_Fetch_Site': 'cross-site'}), (405, 'POST', {}), (405, 'DELETE', {}),
+                                        (200, 'GET', {'Origin': f'http://127.0.0.1:{port}'})):
+            for path in ('/', '/api/1/history', '/metrics'):
+                case.equal(ask(port, path, method, **headers)[0], wanted, f'{method} {path} {headers}')
+        viewers = [states(port) for _ in range(VIEWERS + 1)]
+        case.equal([type(next(each)) for each in viewers], [dict] * VIEWERS + [int], f'{VIEWERS} viewers')
+        slow, chance = [], random.Random(7)
+        for _ in range(300):
+            each = socket.create_connection(('127.0.0.1', port))
+            each.sendall(chance.choice((b'GET /api/1/state HTTP/1.1\r\nHost: localhost\r\n\r\n', b'GET / HTTP/9.9\r\n', b''))
+                         + chance.randbytes(chance.randrange(200)))
+            slow.append(each) if len(slow) < 8 else each.close()
+        began = viewers[0].send(None)['sequence']
+        case.check(all(next(each)['sequence'] >= began for each in viewers[:VIEWERS]), 'a viewer gets no more')
+        case.equal(ask(port, '/')[0], 200, 'after the storm')
+
+
+def a_headend_that_stops_and_comes_back_is_shown_as_such(case):
+    flash = case.flash()
+    with Server(case, flash) as first:
+        first.wait_started()
+        web = harness.subprocess.Popen([case.args.qamctl.replace('qamctl', 'qamweb'), '--server', f'{MARKUP}={first.address}',
+                                        '--listen', '127.0.0.1:0'], stdout=harness.subprocess.PIPE)
+        port = int(re.search(rb':(\d+)/', web.stdout.readline())[1])
+        view = states(port)
+        case.equal(next(each['error'] for each in view if each['status']), '', 'error')
+        first.stop()
+        case.check(any(each['error'] and each['status'] for each in view), 'the last state is not kept')
+        case.check(f'headend_up{{headend="{MARKUP}"}} 0'.replace('&"', '&\\"') in ask(port, '/metrics')[2], 'it is up')
+        with Server(case, flash, '--manage', first.address):
+            case.check(any(not each['error'] for each in view), 'it does not come back')
+    web.terminate()
+    case.equal(web.wait(harness.HANG_SECONDS), 0, 'exit code')
+
+
+def a_page_that_cannot_be_shown_is_refused_with_the_reason(case):
+    flash = case.flash()
+    with socket.create_server(('127.0.0.1', 0)) as taken:
+        busy = f'127.0.0.1:{taken.getsockname()[1]}'
+        for code, text, args in ((1, 'cannot listen on ' + busy, ['--web', busy]), (2, 'real time', ['--web', '--fast', '--seconds', '1']),
+                                 (2, '--manage', ['--web', '--manage', 'off']), (2, 'ADDRESS', ['--web', 'here'])):
+            case.says(case.execute([case.args.headend, '--flash', flash, '--manage', '127.0.0.1:0', *args], (code,)), text)
+
+
+harness.main(__name__)

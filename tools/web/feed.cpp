@@ -1,0 +1,173 @@
+#include "tools/web/feed.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "client/chassis_services.h"
+#include "commands/panel.h"
+#include "commands/status.h"
+
+namespace tools {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kWatched{200}, kAlone{1000};  // between two states, with and without viewers
+constexpr milliseconds kAnswerAge{1000};
+constexpr client::UdpLinkOptions kQuick = {.timeout = milliseconds(400), .tries = 2};
+constexpr std::array kRates{"psi", "routed", "null"};
+constexpr std::size_t kPaceSamples = 10;
+
+// A command's output is kept, and its notes are left out.
+class Output final : public commands::Session {
+ public:
+  explicit Output(const std::string& server) : server_(server), link_(server) {}
+
+  client::Link& link() override { return link_; }
+  client::CalibrationLink& calibration() override { client::fail("no calibration over this page"); }
+  std::string chassis() const override { return server_; }
+  void print(const std::string& text) override { text_ += text; }
+  void note(const std::string& /*text*/) override {}
+  std::filesystem::path rescueFolder() const override { return {}; }
+  std::optional<client::InputCounts> inputs() override {
+    const auto status = commands::statusOf(link_);
+    return status ? commands::inputsOf(*status) : std::nullopt;
+  }
+  bool pause(milliseconds time) override {
+    link_.wait(time);
+    return true;
+  }
+  void showPanel(std::chrono::seconds /*patience*/) override { client::fail("no terminal"); }
+
+  std::string take() { return std::move(text_); }
+
+ private:
+  std::string server_;
+  client::UdpLink link_;
+  std::string text_;
+};
+
+Json unixMilliseconds() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<milliseconds>(now).count();
+}
+
+}  // namespace
+
+Feed::Feed(std::string name, std::string server)
+    : name_(std::move(name)), server_(std::move(server)), link_(server_, kQuick), thread_([this] { poll(); }) {}
+
+Feed::~Feed() {
+  {
+    const std::lock_guard lock(mutex_);
+    ends_ = true;
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void Feed::poll() {
+  std::unique_lock lock(mutex_);
+  for (auto due = Clock::now(); !ends_; due = std::max(due + (waiting_ > 0 ? kWatched : kAlone), Clock::now())) {
+    // A viewer that comes does not wait for the end of the longer pause.
+    const bool wasAlone = waiting_ == 0;
+    changed_.wait_until(lock, due, [&] { return ends_ || (wasAlone && waiting_ > 0); });
+    if (ends_) break;
+    lock.unlock();
+    read();
+    lock.lock();
+  }
+}
+
+void Feed::read() {
+  std::string error;
+  try {
+    std::optional<Json> report = commands::statusOf(link_);
+    if (!report) client::fail("{} gives no report", server_);
+    Json lcd = commands::lcdJson(client::readLcd(link_));
+    const std::lock_guard lock(mutex_);
+    report_ = *std::move(report);
+    lcd_ = std::move(lcd);
+    readAt_ = unixMilliseconds();
+    pace_ = paceAt(report_.value("virtual_seconds", 0.0));
+    keepRates();
+  } catch (const std::exception& e) {
+    error = e.what();
+  }
+  publish(error);
+}
+
+void Feed::publish(const std::string& error) {
+  const std::lock_guard lock(mutex_);
+  isUp_ = error.empty();
+  ++state_.sequence;
+  const Json state = {{"sequence", state_.sequence}, {"read_unix_ms", readAt_}, {"error", error},
+                      {"pace", pace_ ? Json(*pace_) : Json()}, {"status", report_}, {"lcd", lcd_}};
+  state_.text = std::make_shared<const std::string>(state.dump(-1, ' ', false, Json::error_handler_t::replace));
+  changed_.notify_all();
+}
+
+// Virtual seconds a second, over the last polls; none before a second has passed.
+std::optional<double> Feed::paceAt(double virtualSeconds) {
+  if (!times_.empty() && virtualSeconds < times_.back().second) times_.clear();  // another run
+  times_.emplace_back(Clock::now(), virtualSeconds);
+  if (times_.size() > kPaceSamples) times_.pop_front();
+  const std::chrono::duration<double> passed = times_.back().first - times_.front().first;
+  if (passed < std::chrono::seconds(1)) return std::nullopt;
+  return (times_.back().second - times_.front().second) / passed.count();
+}
+
+void Feed::keepRates() {
+  const Clock::time_point now = Clock::now();
+  if (now - ratesKept_ < std::chrono::seconds(1)) return;
+  ratesKept_ = now - ratesKept_ > std::chrono::seconds(2) ? now : ratesKept_ + std::chrono::seconds(1);
+  for (const Json& card : report_.value("cards", Json::array())) {
+    int number = 0;
+    for (const Json& channel : card.value("channels", Json::array())) {
+      auto& kept = rates_[fmt::format("{}.{}", card.value("slot", 0), ++number)];
+      for (std::size_t i = 0; i < kRates.size(); ++i) {
+        kept[i].push_back(channel.value("rates", Json::object()).value(kRates[i], std::int64_t{0}));
+        if (kept[i].size() > kHistory) kept[i].pop_front();
+      }
+    }
+  }
+}
+
+Feed::State Feed::after(unsigned long sequence, milliseconds limit) {
+  std::unique_lock lock(mutex_);
+  if (++waiting_ == 1) changed_.notify_all();
+  changed_.wait_for(lock, limit, [&] { return ends_ || state_.sequence > sequence; });
+  --waiting_;
+  return state_;
+}
+
+Json Feed::history() {
+  const std::lock_guard lock(mutex_);
+  Json channels = Json::object();
+  for (const auto& [channel, kept] : rates_) {
+    for (std::size_t i = 0; i < kRates.size(); ++i) channels[channel][kRates[i]] = kept[i];
+  }
+  return {{"step_seconds", 1}, {"channels", std::move(channels)}};
+}
+
+Json Feed::report() {
+  const std::lock_guard lock(mutex_);
+  return isUp_ ? report_ : Json();
+}
+
+std::string Feed::answer(const std::vector<std::string>& words) {
+  const std::lock_guard lock(asking_);
+  const auto kept = answers_.find(words);
+  if (kept != answers_.end() && Clock::now() - kept->second.at < kAnswerAge) return kept->second.text;
+  std::vector<std::string> line = words;
+  line.emplace_back("--json");
+  const commands::Call call = parser_.parse(line);
+  commands::Surroundings surroundings;
+  call.command->prepare(surroundings);
+  Output output(server_);
+  call.command->carryOut(output);
+  return (answers_[words] = {.at = Clock::now(), .text = output.take()}).text;
+}
+
+}  // namespace tools

@@ -1,0 +1,224 @@
+#include "tools/web/server.h"
+
+#include <fmt/format.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <cctype>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+
+#include "tools/web/metrics.h"
+#include "tools/web/page.h"
+
+namespace tools {
+namespace {
+
+using httplib::Request;
+using httplib::Response;
+using std::chrono::milliseconds;
+
+constexpr int kShortThreads = 32;      // for requests that end at once
+constexpr milliseconds kQuiet{2000};   // the longest time between two events
+constexpr int kPatienceSeconds = 5;    // for a slow request or viewer
+constexpr std::size_t kMostBody = 1024;  // nothing that is read here has one
+
+constexpr const char* kPolicy =
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; connect-src 'self'; "
+    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+
+// What the API gives besides the state: a command of qamctl behind a path. CHANNEL and SLOT are parts of both.
+struct Answer {
+  const char* path;  // a regular expression behind /api/N/
+  std::vector<std::string> words;
+  bool isLines = false;  // an object a line, for "events"
+};
+const Answer kAnswers[] = {
+    {R"(alarms)", {"alarms", "--history"}, true},
+    {R"(programmes/([1-6]\.[12]))", {"programme", "list", "$"}},
+    {R"(pidmap/([1-6]\.[12]))", {"pidmap", "show", "$"}},
+    {R"(psi/([1-6]\.[12]))", {"psi", "show", "$"}},
+    // Without the rates: each takes the card half a second, in which the headend serves nobody else.
+    {R"(variables/([1-6]))",
+     {"var", "get", "$", "rfreq", "rflevel", "symbolrate", "qammode", "rfswitch", "power", "temperature1",
+      "temperature2", "software_version", "fpga_version", "hardware_version"}},
+};
+
+std::string textOf(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void give(Response& response, int status, const std::string& text) {
+  response.status = status;
+  response.set_content(text, "application/json");
+}
+void refuse(Response& response, int status, const std::string& why) {
+  give(response, status, textOf({{"error", why}}));
+}
+
+// "localhost" of "localhost:8080", "[::1]" of "[::1]:8080"; in small letters.
+std::string hostOf(std::string text) {
+  const std::size_t colon = text.find(':', text.starts_with('[') ? text.find(']') + 1 : 0);
+  if (colon != std::string::npos) text.erase(colon);
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// Why a browser may not have the answer: the page of another site asks, or a name that somebody made to point
+// here. nullopt if it may.
+std::optional<std::string> forbidden(const Request& request, const std::set<std::string>& names) {
+  const std::string host = hostOf(request.get_header_value("Host"));
+  if (!names.contains(host))
+    return fmt::format("'{}' is no name of this service: start it with --web-name to add one", host);
+  if (request.has_header("Origin")) {
+    const std::string origin = request.get_header_value("Origin");
+    const std::size_t at = origin.find("://");
+    if (at == std::string::npos || origin.substr(at + 3) != request.get_header_value("Host"))
+      return "a page of another site may not ask";
+  }
+  const std::string site = request.get_header_value("Sec-Fetch-Site");
+  const bool isPage = request.get_header_value("Sec-Fetch-Mode") == "navigate";  // a link leads here
+  if (!site.empty() && site != "same-origin" && site != "none" && !isPage) return "a page of another site may not ask";
+  return std::nullopt;
+}
+
+// Counts while it lives.
+class Viewer {
+ public:
+  explicit Viewer(std::atomic<int>& count) : count_(count), mine_(++count) {}
+  Viewer(const Viewer&) = delete;
+  Viewer& operator=(const Viewer&) = delete;
+  ~Viewer() { --count_; }
+  bool fits() const { return mine_ <= WebServer::kViewers; }
+
+ private:
+  std::atomic<int>& count_;
+  int mine_;
+};
+
+void sendEvents(Feed& feed, std::atomic<int>& viewers, Response& response) {
+  const auto viewer = std::make_shared<Viewer>(viewers);
+  if (!viewer->fits()) return refuse(response, 503, fmt::format("{} viewers are connected; no more fit", WebServer::kViewers));
+  const auto last = std::make_shared<unsigned long>(0);
+  response.set_header("X-Accel-Buffering", "no");  // a proxy must not hold events back
+  response.set_chunked_content_provider("text/event-stream", [&feed, viewer, last](std::size_t, httplib::DataSink& sink) {
+    const Feed::State state = feed.after(*last, kQuiet);
+    if (!state.text) return sink.write(":\n\n", 3);
+    const std::string event = fmt::format("id: {}\ndata: {}\n\n", state.sequence, *state.text);
+    *last = state.sequence;
+    return sink.write(event.data(), event.size());
+  });
+}
+
+std::string linesAsList(const std::string& lines) {
+  std::string list;
+  for (const char c : lines) list += c == '\n' ? ',' : c;
+  if (list.ends_with(',')) list.pop_back();
+  return "{\"events\":[" + list + "]}";
+}
+
+void sendAnswer(Feed& feed, const Answer& answer, const Request& request, Response& response) {
+  std::vector<std::string> words = answer.words;
+  for (std::string& word : words) {
+    if (word == "$") word = request.matches[2];
+  }
+  try {
+    const std::string text = feed.answer(words);
+    give(response, 200, answer.isLines ? linesAsList(text) : text);
+  } catch (const client::Error& e) {
+    refuse(response, e.gotNoReply() ? 504 : 409, e.what());
+  } catch (const std::exception& e) {
+    refuse(response, 502, e.what());
+  }
+}
+
+Json headendsJson(const std::vector<std::unique_ptr<Feed>>& feeds) {
+  Json list = Json::array();
+  for (std::size_t i = 0; i < feeds.size(); ++i)
+    list.push_back({{"id", std::to_string(i + 1)}, {"name", feeds[i]->name()}, {"server", feeds[i]->server()}});
+  return {{"version", QAM_VERSION}, {"headends", std::move(list)}};
+}
+
+}  // namespace
+
+WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<std::string> names)
+    : feeds_(feeds), http_(std::make_unique<httplib::Server>()) {
+  for (const char* name : {"localhost", "127.0.0.1", "[::1]"}) names.insert(name);
+  http_->new_task_queue = [] { return new httplib::ThreadPool(kViewers + kShortThreads); };
+  http_->set_default_headers({{"Content-Security-Policy", kPolicy},
+                              {"X-Content-Type-Options", "nosniff"},
+                              {"Referrer-Policy", "no-referrer"},
+                              {"Cross-Origin-Resource-Policy", "same-origin"},
+                              {"Cross-Origin-Opener-Policy", "same-origin"},
+                              {"Cache-Control", "no-store"}});
+  http_->set_read_timeout(kPatienceSeconds);
+  http_->set_write_timeout(kPatienceSeconds);
+  http_->set_keep_alive_timeout(2);
+  http_->set_payload_max_length(kMostBody);
+  http_->set_tcp_nodelay(true);
+  http_->set_pre_routing_handler([names = std::move(names)](const Request& request, Response& response) {
+    using Handled = httplib::Server::HandlerResponse;
+    if (const auto why = forbidden(request, names)) return refuse(response, 403, *why), Handled::Handled;
+    if (request.method == "GET" || request.method == "HEAD") return Handled::Unhandled;
+    response.set_header("Allow", "GET, HEAD");
+    return refuse(response, 405, "this service only reads"), Handled::Handled;
+  });
+  http_->set_error_handler([](const Request&, Response& response) {
+    if (response.body.empty()) refuse(response, response.status, "there is nothing of this name");
+  });
+  http_->set_exception_handler([](const Request&, Response& response, const std::exception_ptr&) {
+    refuse(response, 500, "the request could not be carried out");
+  });
+
+  for (const PageFile& file : pageFiles()) {
+    http_->Get(file.path, [file](const Request&, Response& response) {
+      response.set_content(file.content.data(), file.content.size(), file.type);
+    });
+  }
+  const auto get = [this](const std::string& path, std::function<void(Feed&, const Request&, Response&)> handler) {
+    http_->Get("/api/([0-9]{1,3})/" + path, [this, handler](const Request& request, Response& response) {
+      const auto number = static_cast<std::size_t>(std::stoi(request.matches[1]));
+      if (number == 0 || number > feeds_.size()) return refuse(response, 404, "there is no headend of this number");
+      handler(*feeds_[number - 1], request, response);
+    });
+  };
+  http_->Get("/api/headends", [this](const Request&, Response& response) { give(response, 200, textOf(headendsJson(feeds_))); });
+  http_->Get("/metrics", [this](const Request&, Response& response) {
+    response.set_content(metricsOf(feeds_), "text/plain; version=0.0.4");
+  });
+  const auto viewers = std::make_shared<std::atomic<int>>(0);
+  get("events", [viewers](Feed& feed, const Request&, Response& response) { sendEvents(feed, *viewers, response); });
+  get("state", [](Feed& feed, const Request&, Response& response) {
+    const Feed::State state = feed.after(0, kQuiet);
+    if (!state.text) return refuse(response, 503, "nothing has been read yet");
+    give(response, 200, *state.text);
+  });
+  get("history", [](Feed& feed, const Request&, Response& response) { give(response, 200, textOf(feed.history())); });
+  for (const Answer& answer : kAnswers) {
+    get(answer.path, [&answer](Feed& feed, const Request& request, Response& response) {
+      sendAnswer(feed, answer, request, response);
+    });
+  }
+}
+
+WebServer::~WebServer() = default;
+
+int WebServer::open(const std::string& host, int port) {
+  const int bound = port == 0 ? http_->bind_to_any_port(host.c_str()) : http_->bind_to_port(host.c_str(), port) ? port : -1;
+  if (bound < 0)
+    throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}; --listen takes another address or port", host, port,
+                                         std::strerror(errno)));
+  return bound;
+}
+
+void WebServer::serve() {
+  http_->listen_after_bind();
+}
+
+void WebServer::stop() {
+  http_->stop();
+}
+
+}  // namespace tools

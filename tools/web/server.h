@@ -1,0 +1,37 @@
+// The HTTP service of qamweb: the page, the JSON below /api/, server-sent events, and /metrics. docs/web.md
+// describes them. It only reads.
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/web/feed.h"
+
+namespace httplib {
+class Server;
+}
+
+namespace tools {
+
+class WebServer : boost::noncopyable {
+ public:
+  // `names`: host names, besides those of the loopback, by which browsers may call it. At most kViewers
+  // event streams are served.
+  static constexpr int kViewers = 32;
+  WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<std::string> names);
+  ~WebServer();
+
+  // Opens the socket; port 0: a free one. Returns the port. Throws std::runtime_error.
+  int open(const std::string& host, int port);
+  void serve();  // until `stop`
+  void stop();   // from any thread
+
+ private:
+  const std::vector<std::unique_ptr<Feed>>& feeds_;
+  std::unique_ptr<httplib::Server> http_;
+  std::string host_;
+};
+
+}  // namespace tools

@@ -21,13 +21,13 @@
     themeAuto: ['Auto', '自动'],
     themeLight: ['Light', '浅色'],
     themeDark: ['Dark', '深色'],
-    themeLabel: ['Colours: {0}. Change', '颜色:{0}。切换'],
-    ago: ['{0} ago', '{0}前'],
+    themeLabel: ['Colours: {0}. Change', '颜色：{0}。切换'],
+    ago: ['{0} ago', '{0} 前'],
     noData: ['no data yet', '尚无数据'],
     waiting: ['Waiting for the first state of the headend.', '正在等待前端的第一个状态。'],
-    bannerError: ['The headend cannot be read: {0}', '无法读取前端:{0}'],
-    bannerLink: ['No connection to the server of this page. It is tried again.', '与本页服务器的连接已断开,正在重试。'],
-    bannerOld: ['The shown data is old: no new state arrives.', '所示数据已过时:没有收到新状态。'],
+    bannerError: ['The headend cannot be read: {0}', '无法读取前端：{0}'],
+    bannerLink: ['No connection to the server of this page. It is tried again.', '与本页服务器的连接已断开，正在重试。'],
+    bannerOld: ['The shown data is old: no new state arrives.', '所示数据已过时：没有收到新状态。'],
     bannerSince: ['Shown is the state of {0} UTC.', '所示为 {0} UTC 的状态。'],
     bannerUnknown: ['There is no headend {0}.', '没有前端 {0}。'],
     yes: ['yes', '是'],
@@ -64,7 +64,7 @@
     input: ['Input', '输入'],
     used: ['used', '已用'],
     free: ['free', '空闲'],
-    usedOf: ['{0} of {1} used, {2}', '{1} 中已用 {0},{2}'],
+    usedOf: ['{0} of {1} used, {2}', '{1} 中已用 {0}，{2}'],
     virtualTime: ['Virtual time', '虚拟时间'],
     pace: ['Pace', '速度'],
     server: ['Server', '服务器'],
@@ -79,8 +79,8 @@
     auxClock: ['Auxiliary clock', '辅助时钟'],
     sysClock: ['System clock', '系统时钟'],
     alarmLog: ['Alarm log', '告警日志'],
-    logKept: ['{0} events, file complete', '{0} 个事件,文件完整'],
-    logNotKept: ['{0} events, file is not complete', '{0} 个事件,文件不完整'],
+    logKept: ['{0} events, file complete', '{0} 个事件，文件完整'],
+    logNotKept: ['{0} events, file is not complete', '{0} 个事件，文件不完整'],
     readState: ['State read at', '状态读取于'],
     faults: ['Faults', '故障注入'],
     fault: ['Fault', '故障'],
@@ -92,6 +92,7 @@
     presentNow: ['present', '存在'],
     open: ['no end', '无结束'],
     violations: ['Protocol violations', '协议违例'],
+    serial: ['Number', '序号'],
     kind: ['Kind', '类型'],
     number: ['Number', '数量'],
     failedChecks: ['Failed checks', '失败的检查'],
@@ -102,11 +103,11 @@
     arrived: ['Arrived', '到达'],
     load: ['Load', '负载'],
     semaphores: ['Long waits for semaphores', '信号量长等待'],
-    waitText: ['{0} waits for {1}, held by {2}', '{0} 等待 {1},持有者 {2}'],
+    waitText: ['{0} waits for {1}, held by {2}', '{0} 等待 {1}，持有者 {2}'],
     since: ['Since', '自'],
-    spectrum: ['Spectrum at the RF connector, from the lines of the card', '射频接口频谱(由板卡线路解码)'],
+    spectrum: ['Spectrum at the RF connector, from the lines of the card', '射频接口频谱（由板卡线路解码）'],
     idealPoints: ['ideal points', '理想星座点'],
-    idealOf: ['{0}, {1}: ideal points', '{0},{1}:理想星座点'],
+    idealOf: ['{0}, {1}: ideal points', '{0}，{1}：理想星座点'],
     carrier: ['Carrier', '载波'],
     level: ['Level', '电平'],
     constellation: ['Constellation', '星座'],
@@ -118,16 +119,18 @@
     nothingOnAir: ['Nothing is on air', '没有信号输出'],
     property: ['Property', '项目'],
     spectrumSummary: ['Spectrum of card {0}. {1}', '调制卡 {0} 的频谱。{1}'],
-    channelSummary: ['Channel {0}: {1}, {2}, {3}.', '通道 {0}:{1},{2},{3}。'],
-    channelReason: ['Channel {0}: {1}. {2}.', '通道 {0}:{1}。{2}。'],
+    channelSummary: ['Channel {0}: {1}, {2}, {3}.', '通道 {0}：{1}，{2}，{3}。'],
+    channelReason: ['Channel {0}: {1}. {2}.', '通道 {0}：{1}。{2}。'],
     noCards: ['The chassis has no QAM card.', '机箱中没有调制卡。'],
     noRunning: ['No card is running.', '没有运行的板卡。'],
     channels: ['Channels', '通道'],
     psi: ['PSI', 'PSI'],
     routed: ['Routed', '路由'],
     null: ['Null', '空包'],
-    ratesOf: ['Bit rate of channel {0}, last ten minutes', '通道 {0} 的比特率,最近十分钟'],
-    ratesSummary: ['Channel {0} now: PSI {1}, routed {2}, null {3}.', '通道 {0} 当前:PSI {1},路由 {2},空包 {3}。'],
+    ratesOf: ['Bit rate of channel {0}, last ten minutes', '通道 {0} 的比特率，最近十分钟'],
+    withNull: ['Show the whole output', '显示全部输出'],
+    withoutNull: ['Show without null packets', '不显示空包'],
+    ratesSummary: ['Channel {0} now: PSI {1}, routed {2}, null {3}.', '通道 {0} 当前：PSI {1}，路由 {2}，空包 {3}。'],
     now: ['now', '现在'],
     minutes: ['{0} min', '{0} 分'],
     packets: ['Packets', '包'],
@@ -138,7 +141,7 @@
     inputRate: ['From the router now', '路由器当前输入'],
     tables: ['PSI tables', 'PSI 表'],
     tablesCaption: ['Intervals from group to group in ticks of the auxiliary clock ({0} Hz) and in ms',
-      '组间隔,以辅助时钟({0} Hz)的节拍和毫秒计'],
+      '组间隔，以辅助时钟（{0} Hz）的节拍和毫秒计'],
     table: ['Table', '表'],
     set: ['Set', '设定'],
     min: ['Min', '最小'],
@@ -152,7 +155,7 @@
     stopped: ['stopped', '已停'],
     notStored: ['no packets', '无包'],
     notYet: ['not measured', '未测量'],
-    rangeLabel: ['{0} to {1} ticks, set {2}', '{0} 至 {1} 节拍,设定 {2}'],
+    rangeLabel: ['{0} to {1} ticks, set {2}', '{0} 至 {1} 节拍，设定 {2}'],
     sections: ['Sections', '段'],
     pid: ['PID', 'PID'],
     extension: ['Id', '标识'],
@@ -175,18 +178,18 @@
     notMapped: ['not in the PID map', '不在 PID 表中'],
     pidmap: ['PID map', 'PID 表'],
     noMap: ['The PID map is empty.', 'PID 表为空。'],
-    mapSummary: ['{0} PIDs from inputs to channel {1}. The table below has the same.', '从输入到通道 {1} 的 {0} 个 PID,下表内容相同。'],
+    mapSummary: ['{0} PIDs from inputs to channel {1}. The table below has the same.', '从输入到通道 {1} 的 {0} 个 PID，下表内容相同。'],
     mapMore: ['The picture has the first {0} of {1} entries.', '图中为 {1} 项中的前 {0} 项。'],
     mapDiffers: ['The router holds another map than the record.', '路由器中的表与参数不同。'],
-    mapShadowed: ['{0} entries are without effect: an earlier one has the same source.', '{0} 项无效:前面已有相同来源。'],
-    mapTable: ['PID map as a table', 'PID 表(表格)'],
+    mapShadowed: ['{0} entries are without effect: an earlier one has the same source.', '{0} 项无效：前面已有相同来源。'],
+    mapTable: ['PID map as a table', 'PID 表（表格）'],
     output: ['Output', '输出'],
     type: ['Type', '类型'],
     position: ['Position', '位置'],
     readAgain: ['Read again', '重新读取'],
     reading: ['Reading…', '正在读取…'],
     readAt: ['Read at {0} UTC', '读取于 {0} UTC'],
-    readFailed: ['Cannot be read: {0}', '无法读取:{0}'],
+    readFailed: ['Cannot be read: {0}', '无法读取：{0}'],
     inputs: ['Inputs of the source cards', '信源卡输入'],
     rate: ['Rate', '速率'],
     damaged: ['Damaged', '损坏'],
@@ -194,11 +197,11 @@
     disturbances: ['Disturbances', '干扰'],
     file: ['Source', '来源'],
     noSources: ['The chassis has no source card.', '机箱中没有信源卡。'],
-    lcd: ['LCD, 128 × 64 pixels', 'LCD,128 × 64 像素'],
+    lcd: ['LCD, 128 × 64 pixels', 'LCD，128 × 64 像素'],
     lcdText: ['Text of the LCD', 'LCD 文字'],
     lcdNone: ['The LCD has not been read.', '尚未读取 LCD。'],
     keys: ['Keys', '按键'],
-    keysOff: ['This page only reads: the keys are off.', '本页只读:按键不可用。'],
+    keysOff: ['This page only reads: the keys are off.', '本页只读：按键不可用。'],
     key_up: ['Up', '上'],
     key_down: ['Down', '下'],
     key_left: ['Left', '左'],
@@ -212,8 +215,8 @@
     sev_warning: ['warning', '警告'],
     sev_indeterminate: ['indeterminate', '不确定'],
     alarm: ['Alarm', '告警'],
-    happened: ['Happened (UTC)', '发生时间 (UTC)'],
-    time: ['Time (UTC)', '时间 (UTC)'],
+    happened: ['Happened (UTC)', '发生时间（UTC）'],
+    time: ['Time (UTC)', '时间（UTC）'],
     local: ['Local time', '本地时间'],
     event: ['Event', '事件'],
     ev_raised: ['raised', '产生'],
@@ -226,20 +229,20 @@
     logShown: ['The latest {0} of {1} events', '{1} 个事件中的最近 {0} 个'],
     showMore: ['Show more', '显示更多'],
     wholeCard: ['card', '整卡'],
-    startOf: ['Card {0}: started in {1}', '调制卡 {0}:启动用时 {1}'],
-    startNot: ['Card {0}: {1}', '调制卡 {0}:{1}'],
+    startOf: ['Card {0}: started in {1}', '调制卡 {0}：启动用时 {1}'],
+    startNot: ['Card {0}: {1}', '调制卡 {0}：{1}'],
     startSummary: ['Phases of the start-up of card {0}, {1} in all; the longest is {2}.',
-      '调制卡 {0} 的启动阶段共 {1} 个,最长为 {2}。'],
+      '调制卡 {0} 的启动阶段共 {1} 个，最长为 {2}。'],
     startAxis: ['Milliseconds since power-up. Cards start at the same time and share the processor.',
-      '上电后的毫秒数。各卡同时启动,共用处理器。'],
+      '上电后的毫秒数。各卡同时启动，共用处理器。'],
     phase: ['Phase', '阶段'],
-    fromMs: ['From ms', '开始 (ms)'],
+    fromMs: ['From ms', '开始（ms）'],
     ms: ['ms', 'ms'],
     share: ['Share', '占比'],
     accesses: ['Bus accesses', '总线访问'],
     attempts: ['FPGA attempts', 'FPGA 配置次数'],
     saves: ['Saves', '保存次数'],
-    phaseTable: ['Phases as a table', '阶段(表格)'],
+    phaseTable: ['Phases as a table', '阶段（表格）'],
     noPhases: ['No phase has begun.', '尚无阶段开始。'],
     ph_registration: ['registration', '注册'],
     'ph_bitstream file': ['bitstream file', '逻辑文件'],
@@ -277,6 +280,7 @@
     history: {}, // by channel: { psi, routed, null }, bit/s, one entry a virtual second, oldest first
     historySecond: null,
     historyAsked: 0,
+    usedOnly: false, // the rates are drawn without null packets
     log: { events: null, error: '', asked: null, shown: 100 },
     loaded: {}, // by 'kind/channel': { data, error, reading, at }
     mounted: [], // parts of the open view: { part, host, key }
@@ -410,7 +414,9 @@
   const headend = () => state.headends.find((one) => one.id === state.route.headend) || null;
   const channelsOf = (list) => list.flatMap((card) =>
     card.channels.map((channel, index) => ({ id: `${card.slot}.${index + 1}`, card, channel })));
-  const running = () => channelsOf(cards().filter((card) => card.state === 'running'));
+  // A hung card may still send.
+  const sends = (card, channel) => card.state === 'running' || (card.state === 'hung' && channel.bit_rate > 0);
+  const running = () => channelsOf(cards()).filter(({ card, channel }) => sends(card, channel));
   const shownChannel = (route) => running().find((one) => one.id === route.channel) || running()[0] || null;
   const address = (rest) => `#/${state.route.headend}/${rest}`;
   const usedRate = (channel) => channel.rates.psi + channel.rates.routed;
@@ -643,16 +649,18 @@
     svg('rect', { x: psi, y: 0, width: routed, height, class: 'routed' }));
   }
 
-  function portLines(slot, channel, number) {
+  function portLines(card, channel, number) {
     const { rf } = channel;
+    const id = `${card.slot}.${number}`;
     return el('div', { class: 'port' },
-      el('div', { class: 'line' }, el('a', { href: address(`streams/${slot}.${number}`) }, `${slot}.${number}`),
+      el('div', { class: 'line' }, sends(card, channel) ? el('a', { href: address(`streams/${id}`) }, id) : id,
         verdictOf(rf)),
-      rf.frequency_khz !== null && el('div', { class: 'line' }, el('span', {}, megahertz(rf.frequency_khz)),
-        el('span', { class: 'soft' }, rf.constellation || '')),
-      el('div', { class: 'line soft' }, el('span', {}, level(rf.level_dbuv)),
-        el('span', {}, percent(usedRate(channel), channel.bit_rate))),
-      usageBar(channel, 100, 4),
+      rf.on_air ? [
+        el('div', { class: 'line' }, el('span', {}, megahertz(rf.frequency_khz)),
+          el('span', { class: 'soft' }, rf.constellation)),
+        el('div', { class: 'line soft' }, el('span', {}, level(rf.level_dbuv)),
+          el('span', {}, percent(usedRate(channel), channel.bit_rate))),
+        usageBar(channel, 100, 4)] : el('div', { class: 'line soft' }, rf.why),
       noteLines(channelNotes(channel)));
   }
   function cardSlot(card) {
@@ -661,7 +669,7 @@
       el('div', { class: 'title' }, el('span', {}, t('slot', card.slot)), el('span', { class: 'soft' }, t('card'))),
       stated(kind, named('state_', card.state)),
       noteLines(cardNotes(card)),
-      card.state === 'running' && card.channels.map((channel, index) => portLines(card.slot, channel, index + 1)));
+      card.channels.map((channel, index) => portLines(card, channel, index + 1)));
   }
   function sourceSlot(source) {
     const lost = source.inputs.filter((one) => one.bit_rate === 0).length;
@@ -816,7 +824,7 @@
       nodes.push(straight(box.left, y(dbuv), box.right, y(dbuv), 'grid'));
       if (dbuv % 20 === 0) nodes.push(text(box.left - 6, y(dbuv) + 4, 'label end', dbuv));
     }
-    nodes.push(text(4, box.top - 1, 'label', 'dBµV'));
+    nodes.push(text(box.left + 6, box.top + 14, 'label', 'dBµV'));
     if (!known.length) return nodes;
     for (let mhz = Math.ceil(from / 2) * 2; mhz <= to; mhz += 2) {
       nodes.push(straight(x(mhz), box.top, x(mhz), box.bottom, 'grid'));
@@ -882,12 +890,12 @@
     const ideal = rf.on_air ? idealPoints(rf.constellation) : null;
     const label = ideal ? t('idealOf', id, rf.constellation) : `${id}: ${verdictWords(rf)}`;
     const middle = side / 2;
-    const at = (value) => (middle + value * (middle - 8) / ideal.size).toFixed(1);
+    const at = (value) => (middle + value * (middle - 16) / ideal.size).toFixed(1);
     return el('figure', {},
       picture(side, side, label,
         svg('rect', { x: 0.5, y: 0.5, width: side - 1, height: side - 1, class: 'glass' }),
         straight(middle, 4, middle, side - 4, 'grid'), straight(4, middle, side - 4, middle, 'grid'),
-        text(side - 9, middle - 4, 'label', 'I'), text(middle + 4, 13, 'label', 'Q'),
+        text(side - 8, middle - 4, 'label', 'I'), text(middle + 4, 13, 'label', 'Q'),
         ideal && svg('path', { d: ideal.points.map(([i, q]) => `M${at(i)} ${at(q)}h0`).join(''),
           class: index ? 'points second' : 'points', 'stroke-width': ideal.size > 12 ? 3 : 4 })),
       el('figcaption', {}, ideal ? [`${id}  ${rf.constellation}`, el('br'), t('idealPoints')] : label));
@@ -967,26 +975,33 @@
     svg('rect', { x: 0, y: 0, width, height, class: 'glass' }),
     areas(series, (ago) => width * (1 - ago / HISTORY_SECONDS), (rate) => height * (1 - rate / top), 4));
   }
-  function rateChart(id, series, channel, width, height) {
+  const withoutNull = (series) => ({ ...series, null: series.psi.map((psi) => (typeof psi === 'number' ? 0 : null)) });
+  // The smallest of 1, 2, 5, 10, ... that gives at most six lines.
+  function gridStep(top) {
+    const decade = 10 ** Math.floor(Math.log10(top / 6));
+    return decade * [1, 2, 5, 10].find((one) => top / (decade * one) <= 6);
+  }
+  function rateChart(id, series, whole, rates, width, height) {
     const box = { left: 46, top: 10, right: width - 8, bottom: height - 22 };
-    const top = Math.max(channel.bit_rate, highest(series)) * 1.04;
+    const top = Math.max(whole, highest(series), 1000) * 1.06;
+    const scale = top >= 1e6 ? 1e6 : 1e3;
     const x = (ago) => box.right - ago / HISTORY_SECONDS * (box.right - box.left);
     const y = (rate) => box.bottom - rate / top * (box.bottom - box.top);
-    const step = top > 25e6 ? 10e6 : 5e6;
+    const step = gridStep(top);
     const grid = [];
     for (let rate = 0; rate <= top; rate += step) {
       grid.push(straight(box.left, y(rate), box.right, y(rate), 'grid'),
-        text(box.left - 6, y(rate) + 4, 'label end', rate / 1e6));
+        text(box.left - 6, y(rate) + 4, 'label end', Number((rate / scale).toPrecision(6))));
     }
     for (let minute = 0; minute <= 10; minute += 2) {
       grid.push(straight(x(minute * 60), box.top, x(minute * 60), box.bottom, 'grid'),
         text(x(minute * 60), box.bottom + 15, minute ? 'label middle' : 'label end',
           minute ? t('minutes', `−${minute}`) : t('now')));
     }
-    const { psi, routed, null: rest } = channel.rates;
+    const { psi, routed, null: rest } = rates;
     return picture(width, height, t('ratesSummary', id, bits(psi), bits(routed), bits(rest)),
       svg('rect', { x: box.left, y: box.top, width: box.right - box.left, height: box.bottom - box.top, class: 'glass' }),
-      areas(series, x, y, 1), grid, text(4, 9, 'label', 'Mbit/s'));
+      areas(series, x, y, 1), grid, text(box.left + 6, box.top + 14, 'name', scale === 1e6 ? 'Mbit/s' : 'kbit/s'));
   }
 
   function drawTiles(data) {
@@ -1018,8 +1033,14 @@
     const { id, channel, series } = data;
     const { rates, packets } = channel;
     const inner = width - (innerWidth <= 480 ? 22 : 30);
-    return sheet(t('ratesOf', id),
-      rateChart(id, series, channel, inner, 190),
+    return el('section', { class: 'sheet', 'aria-label': t('ratesOf', id) },
+      el('div', { class: 'head' }, el('h2', {}, t('ratesOf', id)),
+        el('button', { type: 'button', class: 'push', onclick: () => {
+          state.usedOnly = !state.usedOnly;
+          scheduleDraw();
+        } }, t(data.usedOnly ? 'withNull' : 'withoutNull'))),
+      rateChart(id, data.usedOnly ? withoutNull(series) : series, data.usedOnly ? 0 : channel.bit_rate, channel.rates,
+        inner, 190),
       el('div', { class: 'legend' }, ['psi', 'routed', 'null'].map((name) => swatch(name, rates[name])),
         el('span', {}, `${t('total')} ${bits(rates.total)}`),
         el('span', {}, `${t('inputRate')} ${bits(rates.input)}`),
@@ -1036,7 +1057,7 @@
     const one = shownChannel(route);
     if (!one) return null;
     const { rates, packets, bit_rate } = one.channel;
-    return { id: one.id, second: state.historySecond, series: state.history[one.id] || emptySeries,
+    return { id: one.id, usedOnly: state.usedOnly, second: state.historySecond, series: state.history[one.id] || emptySeries,
       channel: { rates, bit_rate, packets: { dropped: packets.dropped, filtered: packets.filtered } } };
   }
 
@@ -1191,7 +1212,7 @@
           name && text(end + 58, y(row) + 4, 'label', name.length > 18 ? name.slice(0, 17) + '…' : name)];
       })];
     return picture(width, height, t('mapSummary', entries.length, channel),
-      text(4, 12, 'label', t('inputs')), text(end + 8, 12, 'label', t('channelOf', channel)), wires, nodes);
+      text(4, 12, 'label', t('input')), text(end + 8, 12, 'label', t('channelOf', channel)), wires, nodes);
   }
   function mapTable(entries, names) {
     return el('details', {}, el('summary', {}, t('mapTable')), table(t('mapTable'),
@@ -1260,11 +1281,11 @@
       'aria-label': label || null, 'aria-hidden': label ? null : 'true' });
     const context = canvas.getContext('2d');
     const image = context.createImageData(128, 64);
-    const [lit, dark] = [[200, 222, 160], [24, 38, 20]];
+    const [ground, ink] = [[184, 207, 62], [24, 38, 20]];
     pixels.forEach((row, y) => {
       for (let x = 0; x < 128; x += 1) {
         const set = (parseInt(row[x >> 2], 16) >> (3 - (x & 3))) & 1;
-        image.data.set([...(set ? dark : lit), 255], (y * 128 + x) * 4);
+        image.data.set([...(set ? ink : ground), 255], (y * 128 + x) * 4);
       }
     });
     context.putImageData(image, 0, 0);
@@ -1309,8 +1330,8 @@
   // ---- Alarms -------------------------------------------------------------------------------------------------------
 
   const drawStanding = (alarms) => alarms && sheet(t('standing'), standingTable(alarms));
-  function eventKind(event) {
-    return event === 'raised' ? 'warn' : event === 'recovered' ? 'ok' : 'idle';
+  function eventKind({ event, severity }) {
+    return event === 'raised' ? severityKind(severity) : event === 'recovered' ? 'ok' : 'idle';
   }
   function eventText(one) {
     const { title, text: words, trap } = texts(one);
@@ -1322,10 +1343,10 @@
     if (!data.events) return sheet(t('log'), failed || el('p', { class: 'none' }, t('reading')));
     if (!data.count) return sheet(t('log'), failed, el('p', { class: 'none' }, t('logEmpty')));
     return sheet(t('log'), failed, table(t('logShown', data.events.length, data.count),
-      [[t('number'), 'num'], [t('event')], [t('slot', '').trim()], [t('severity')], [t('alarm'), 'wide'],
+      [[t('serial'), 'num'], [t('event')], [t('slot', '').trim()], [t('severity')], [t('alarm'), 'wide'],
         [t('time'), 'num'], [t('local'), 'num']],
-      data.events.map((one) => [one.number, stated(eventKind(one.event), named('ev_', one.event)), placeOf(one),
-        severityOf(one), eventText(one), utcTime(Date.parse(one.at)), localTime(Date.parse(one.at))])),
+      data.events.map((one) => [one.number, stated(eventKind(one), named('ev_', one.event)), placeOf(one),
+        named('sev_', one.severity), eventText(one), utcTime(Date.parse(one.at)), localTime(Date.parse(one.at))])),
     data.events.length < data.count && el('p', {}, el('button', { type: 'button', onclick: () => {
       state.log.shown += 500;
       scheduleDraw();
@@ -1353,7 +1374,7 @@
       grid.push(straight(x(ms), top - 4, x(ms), height - 4, 'grid'), text(x(ms), 11, 'label middle', ms));
     }
     const longest = card.startup.reduce((best, one) => (one.ms > best.ms ? one : best), card.startup[0]);
-    const failed = card.state !== 'running' && card.state !== 'starting';
+    const failed = card.startup_ms === null && card.state !== 'starting';
     const bars = card.startup.map((one, row) => {
       const wide = Math.max(2, x(one.from_ms + one.ms) - x(one.from_ms));
       const last = failed && row === card.startup.length - 1;
@@ -1378,6 +1399,7 @@
     if (!data.length) return el('p', { class: 'sheet none' }, t('noCards'));
     const end = Math.max(1, ...data.flatMap((card) => card.startup.map((one) => one.from_ms + one.ms)));
     const inner = width - (innerWidth <= 480 ? 22 : 30);
+    const chart = innerWidth > 1000 ? inner - 490 : inner;
     return el('div', { class: 'stack' }, data.map((card) =>
       el('section', { class: 'sheet', 'aria-label': t('cardOf', card.slot) },
         el('div', { class: 'head' },
@@ -1387,7 +1409,7 @@
           el('span', { class: 'soft push' },
             `${t('attempts')} ${card.fpga_attempts}, ${t('saves')} ${card.saves}`)),
         noteLines(card.notes),
-        card.startup.length ? [ganttPicture(card, end, inner), startTable(card)]
+        card.startup.length ? el('div', { class: 'phases' }, ganttPicture(card, end, chart), startTable(card))
           : el('p', { class: 'none' }, t('noPhases')))),
     el('p', { class: 'soft' }, t('startAxis')));
   }

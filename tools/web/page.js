@@ -1,6 +1,7 @@
 // The page of a virtual headend. The server's states arrive as events; at most once in an animation frame the parts
 // of the open view are compared with what they showed, and those that changed are drawn again.
-// A part is { pick, draw }: pick(route) returns the data that it shows, draw(data, width, route) returns DOM nodes.
+// A part is { pick, draw, every }: pick(route) returns the data that it shows, draw(data, width, route) returns DOM
+// nodes. A part of counters that never stand still is drawn no more often than each `every` ms.
 // Whatever the chassis reports is inserted as text, never as markup.
 'use strict';
 
@@ -283,7 +284,7 @@
     usedOnly: false, // the rates are drawn without null packets
     log: { events: null, error: '', asked: null, shown: 100 },
     loaded: {}, // by 'kind/channel': { data, error, reading, at }
-    mounted: [], // parts of the open view: { part, host, key }
+    mounted: [], // parts of the open view: { part, host, key, at }
     drawPending: false,
     banner: '',
     bar: '', // what the top bar shows, to leave it alone while nothing changes
@@ -320,7 +321,7 @@
   const straight = (x1, y1, x2, y2, classes) => svg('line', { x1, y1, x2, y2, class: classes });
 
   function sheet(title, ...children) {
-    return el('section', { class: 'sheet', 'aria-label': title }, el('h2', {}, title), children);
+    return el('section', { class: 'sheet' }, el('h2', {}, title), children);
   }
   function facts(rows) {
     return el('dl', { class: 'facts' }, rows.filter(Boolean).map(([term, value]) =>
@@ -598,7 +599,9 @@
     const width = byId('view').clientWidth - 2 * (innerWidth <= 900 ? 10 : 16);
     const key = JSON.stringify([data, width]);
     if (key === mounted.key) return;
+    if (part.every && performance.now() - mounted.at < part.every) return;
     mounted.key = key;
+    mounted.at = performance.now();
     const restore = rememberUse(host);
     host.replaceChildren(...[part.draw(data, width, state.route)].flat(9).filter(Boolean));
     restore();
@@ -856,7 +859,8 @@
       svg('path', { d: shape + 'Z', class: index ? 'filltwo' : 'fillone' }),
       svg('path', { d: shape, class: index ? 'trace second' : 'trace' }),
       text(x(middle), y(rf.level_dbuv) - 6, 'name middle strong', level(rf.level_dbuv)),
-      text(x(middle), y(rf.level_dbuv) + 18, 'label middle', `${rf.constellation || ''} ${rf.symbol_rate_kbd} kBd`),
+      text(x(middle), y(rf.level_dbuv) + 18, 'label middle',
+        x(rate) - x(0) > 115 ? `${rf.constellation || ''} ${rf.symbol_rate_kbd} kBd` : rf.constellation || ''),
       foot];
   }
   const rfSummary = (channels) => channels.map(({ id, rf }) => (rf.on_air
@@ -920,7 +924,7 @@
     const inner = width - (innerWidth <= 480 ? 22 : 30);
     const chart = innerWidth > 1180 ? inner - 400 - 312 - 44 : inner;
     return el('div', { class: 'stack' }, data.map(({ slot, state: word, kind, channels }) =>
-      el('section', { class: 'sheet', 'aria-label': t('cardOf', slot) },
+      el('section', { class: 'sheet' },
         el('div', { class: 'head' }, el('h2', {}, t('cardOf', slot)), stated(kind, named('state_', word)),
           el('span', { class: 'soft push' }, t('spectrum'))),
         el('div', { class: 'rfcard' },
@@ -1033,7 +1037,7 @@
     const { id, channel, series } = data;
     const { rates, packets } = channel;
     const inner = width - (innerWidth <= 480 ? 22 : 30);
-    return el('section', { class: 'sheet', 'aria-label': t('ratesOf', id) },
+    return el('section', { class: 'sheet' },
       el('div', { class: 'head' }, el('h2', {}, t('ratesOf', id)),
         el('button', { type: 'button', class: 'push', onclick: () => {
           state.usedOnly = !state.usedOnly;
@@ -1099,7 +1103,7 @@
     if (!data) return null;
     return sheet(`${t('tables')} ${data.id}`, table(t('tablesCaption', data.aux_hz),
       [[t('table')], [t('stored'), 'num'], [t('posted'), 'num'], [t('set'), 'num'], [t('min'), 'num'], [t('mean'), 'num'],
-        [t('max'), 'num'], [t('repetition')], ['']],
+        [t('max'), 'num'], [t('repetition')], [t('verdict')]],
       TABLES.filter((name) => data.tables[name]).map((name) => tableRow(name, data.tables[name], data.aux_hz))),
     data.psi && data.psi.data && sectionsTable(data.psi.data));
   }
@@ -1321,7 +1325,7 @@
     frame: ([lcd, rows]) => {
       rows.setAttribute('aria-live', 'polite');
       rows.setAttribute('class', 'rows mono');
-      return el('div', { class: 'front' }, lcd, el('section', { class: 'sheet', 'aria-label': t('keys') },
+      return el('div', { class: 'front' }, lcd, el('section', { class: 'sheet' },
         el('h2', {}, t('keys')), keyPad(), el('p', { class: 'soft' }, t('keysOff')),
         el('h3', {}, t('lcdText')), rows));
     },
@@ -1362,9 +1366,9 @@
   // ---- Start-up -----------------------------------------------------------------------------------------------------
 
   function ganttPicture(card, end, width) {
-    const names = innerWidth <= 480 ? 118 : 170;
+    const names = innerWidth <= 480 ? 132 : 160;
     const right = width - 74;
-    const [gap, top] = [18, 20];
+    const [gap, top] = [innerWidth > 1000 ? 25 : 18, 20];
     const height = top + gap * card.startup.length + 6;
     const x = (ms) => names + ms / end * (right - names);
     const steps = [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000];
@@ -1379,10 +1383,10 @@
       const wide = Math.max(2, x(one.from_ms + one.ms) - x(one.from_ms));
       const last = failed && row === card.startup.length - 1;
       const y = top + gap * row;
-      return [text(names - 8, y + 12, 'name end', named('ph_', one.phase)),
-        svg('rect', { x: x(one.from_ms), y: y + 2, width: wide, height: gap - 6, rx: 1.5,
+      return [text(names - 8, y + gap / 2 + 3, 'name end', named('ph_', one.phase)),
+        svg('rect', { x: x(one.from_ms), y: y + gap / 2 - 6, width: wide, height: 12, rx: 1.5,
           class: last ? 'phase last' : 'phase' }),
-        text(x(one.from_ms) + wide + 6, y + 12, 'label', `${one.ms.toFixed(one.ms < 10 ? 2 : 1)} ms`)];
+        text(x(one.from_ms) + wide + 6, y + gap / 2 + 3, 'label', `${one.ms.toFixed(one.ms < 10 ? 2 : 1)} ms`)];
     });
     return picture(width, height, t('startSummary', card.slot, card.startup.length, named('ph_', longest.phase)),
       grid, bars);
@@ -1401,7 +1405,7 @@
     const inner = width - (innerWidth <= 480 ? 22 : 30);
     const chart = innerWidth > 1000 ? inner - 490 : inner;
     return el('div', { class: 'stack' }, data.map((card) =>
-      el('section', { class: 'sheet', 'aria-label': t('cardOf', card.slot) },
+      el('section', { class: 'sheet' },
         el('div', { class: 'head' },
           el('h2', {}, card.startup_ms === null ? t('startNot', card.slot, named('state_', card.state))
             : t('startOf', card.slot, `${card.startup_ms.toFixed(1)} ms`)),
@@ -1426,8 +1430,8 @@
     streams: { before: beforeStreams,
       opened: (route) => { if (shownChannel(route)) loadChannel(shownChannel(route).id); },
       parts: [{ pick: pickTiles, draw: drawTiles }, { pick: pickRates, draw: drawRates },
-        { pick: pickTables, draw: drawTables }, { pick: pickReadAgain, draw: drawReadAgain },
-        { pick: pickContents, draw: drawContents }, { pick: pickInputs, draw: drawInputs }] },
+        { pick: pickTables, draw: drawTables, every: 900 }, { pick: pickReadAgain, draw: drawReadAgain },
+        { pick: pickContents, draw: drawContents }, { pick: pickInputs, draw: drawInputs, every: 900 }] },
     panel: panelView,
     alarms: { before: loadLog, parts: [{ pick: () => status() && status().alarms.standing, draw: drawStanding },
       { pick: pickLog, draw: drawLog }] },
@@ -1437,7 +1441,7 @@
   // Makes the frame of a view; its parts are drawn into it.
   function mountView(moveFocus) {
     const view = VIEW[state.route.view];
-    state.mounted = view.parts.map((part) => ({ part, host: el('div', { class: 'part' }), key: null }));
+    state.mounted = view.parts.map((part) => ({ part, host: el('div', { class: 'part' }), key: null, at: -Infinity }));
     const hosts = state.mounted.map((one) => one.host);
     const heading = el('h1', { class: 'unseen', tabindex: -1 }, t(state.route.view));
     byId('view').replaceChildren(heading, ...(view.frame ? [view.frame(hosts)] : hosts));

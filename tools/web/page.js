@@ -509,9 +509,15 @@
 
   // Reads programmes, PID map and PSI of a channel: when its view opens and on request.
   const kept = (kind, channel) => state.loaded[`${kind}/${channel}`] || null;
+  function newEntry() {
+    const entry = { data: null, error: '', reading: false, at: 0 };
+    // Parts compare their data as JSON: the time of reading is enough for that, the data can be large.
+    entry.toJSON = () => [entry.at, entry.error, entry.reading];
+    return entry;
+  }
   async function load(kind, channel) {
     const key = `${kind}/${channel}`;
-    const entry = state.loaded[key] || (state.loaded[key] = { data: null, error: '', reading: false, at: 0 });
+    const entry = state.loaded[key] || (state.loaded[key] = newEntry());
     if (entry.reading) return;
     entry.reading = true;
     scheduleDraw();
@@ -550,7 +556,8 @@
     source.onerror = () => {
       state.link = 'lost';
       showBanner();
-      if (source.readyState === EventSource.CLOSED && source === state.source) state.retry = setTimeout(connect, RETRY_MS);
+      const ended = source.readyState === EventSource.CLOSED && source === state.source;
+      if (ended) state.retry = setTimeout(connect, RETRY_MS);
     };
   }
 
@@ -611,10 +618,15 @@
     const focusable = () => [...host.querySelectorAll('a, button, summary, [tabindex]')];
     const focused = focusable().indexOf(document.activeElement);
     const opened = [...host.querySelectorAll('details')].map((one) => one.open);
-    const scrolled = [...host.querySelectorAll('.scroll')].map((one) => one.scrollLeft);
+    const scrollers = () => [...host.querySelectorAll('.scroll, .list')];
+    const scrolled = scrollers().map((one) => [one.scrollLeft, one.scrollTop]);
     return () => {
-      host.querySelectorAll('details').forEach((one, index) => { if (opened[index]) one.open = true; });
-      host.querySelectorAll('.scroll').forEach((one, index) => { if (scrolled[index]) one.scrollLeft = scrolled[index]; });
+      host.querySelectorAll('details').forEach((one, index) => {
+        if (index < opened.length) one.open = opened[index];
+      });
+      scrollers().forEach((one, index) => {
+        if (index < scrolled.length) [one.scrollLeft, one.scrollTop] = scrolled[index];
+      });
       if (focused >= 0 && focusable()[focused]) focusable()[focused].focus({ preventScroll: true });
     };
   }
@@ -623,7 +635,10 @@
 
   function cardNotes(card) {
     const notes = [];
-    if (card.hung) notes.push(['bad', t('hungAt', card.hung.task, card.hung.register, seconds(card.hung.since_seconds))]);
+    if (card.hung) {
+      const { task, register, since_seconds: since } = card.hung;
+      notes.push(['bad', t('hungAt', task, register, seconds(since))]);
+    }
     if (!card.record_kept && card.state === 'running') notes.push(['warn', t('recordLost')]);
     const lcd = card.lcd.map((row) => row.trim()).filter(Boolean).join(' ');
     if (lcd) notes.push(['idle', lcd]);
@@ -1021,11 +1036,9 @@
   }
   function pickTiles(route) {
     if (!status()) return null;
-    return { shown: (shownChannel(route) || {}).id, second: state.historySecond, tiles: running().map(({ id, channel }) => ({
-      id, series: state.history[id] || emptySeries,
-      channel: { bit_rate: channel.bit_rate, rates: channel.rates, map: channel.map,
-        locked_seconds: channel.locked_seconds },
-    })) };
+    const tiles = running().map(({ id, channel: { bit_rate, rates, map, locked_seconds } }) =>
+      ({ id, series: state.history[id] || emptySeries, channel: { bit_rate, rates, map, locked_seconds } }));
+    return { shown: (shownChannel(route) || {}).id, second: state.historySecond, tiles };
   }
 
   function swatch(name, rate) {
@@ -1162,11 +1175,11 @@
       at: entries.length ? Math.min(...entries.map((entry) => entry.at)) : 0 };
   }
 
-  function programmeTable(programme) {
+  function programmeTable(programme, open) {
     const title = `${programme.number}  ${programme.name || t('unnamed')}`;
-    return el('div', {}, el('div', { class: 'head' }, el('h3', {}, title),
-      el('span', { class: 'soft' }, `${t('pmtPid')} ${hex(programme.pmt_pid)}` +
-        (programme.pcr_pid === null ? '' : `, ${t('pcrPid')} ${hex(programme.pcr_pid)}`)),
+    return el('details', { open }, el('summary', {}, el('b', {}, title),
+      el('span', { class: 'soft' }, `  ${t('pmtPid')} ${hex(programme.pmt_pid)}` +
+        (programme.pcr_pid === null ? '' : `, ${t('pcrPid')} ${hex(programme.pcr_pid)}`), ' '),
       !programme.has_pmt && stated('warn', t('noPmt'))),
     programme.pids.length > 0 && table(title,
       [[t('pid'), 'mono'], [t('use')], [t('what'), 'wide'], [t('language')], [t('sourcePid')]],
@@ -1178,8 +1191,8 @@
   }
   function drawProgrammes(entry) {
     const list = entry && entry.data && entry.data.programmes;
-    return sheet(t('programmes'), loadNote(entry),
-      list && (list.length ? el('div', { class: 'stack' }, list.map(programmeTable))
+    return sheet(list ? `${t('programmes')} (${list.length})` : t('programmes'), loadNote(entry),
+      list && (list.length ? el('div', { class: 'list' }, list.map((one) => programmeTable(one, list.length <= 4)))
         : el('p', { class: 'none' }, t('noProgrammes'))));
   }
 
@@ -1438,6 +1451,14 @@
     'start-up': { parts: [{ pick: pickStart, draw: drawStart }] },
   };
 
+  // Another channel: what was opened or scrolled belongs to the old one. The part with the focus keeps it.
+  function emptyParts() {
+    for (const mounted of state.mounted) {
+      if (!mounted.host.contains(document.activeElement)) mounted.host.replaceChildren();
+      Object.assign(mounted, { key: null, at: -Infinity });
+    }
+  }
+
   // Makes the frame of a view; its parts are drawn into it.
   function mountView(moveFocus) {
     const view = VIEW[state.route.view];
@@ -1483,6 +1504,7 @@
     const same = before && before.headend === route.headend && before.view === route.view;
     if (same && before.channel !== route.channel && VIEW[route.view].opened) {
       VIEW[route.view].opened(route);
+      emptyParts();
       scheduleDraw();
     } else {
       mountView(Boolean(before));

@@ -31,8 +31,6 @@
     bannerOld: ['The shown data is old: no new state arrives.', '所示数据已过时：没有收到新状态。'],
     bannerSince: ['Shown is the state of {0} UTC.', '所示为 {0} UTC 的状态。'],
     bannerUnknown: ['There is no headend {0}.', '没有前端 {0}。'],
-    yes: ['yes', '是'],
-    no: ['no', '否'],
     unknown: ['unknown', '未知'],
     never: ['never', '从未'],
     none: ['none', '无'],
@@ -41,7 +39,6 @@
     cardOf: ['Card {0}', '调制卡 {0}'],
     source: ['Source card', '信源卡'],
     empty: ['empty', '空'],
-    channel: ['Channel', '通道'],
     channelOf: ['Channel {0}', '通道 {0}'],
     chassis: ['Chassis', '机箱'],
     state_starting: ['starting', '正在启动'],
@@ -82,7 +79,6 @@
     alarmLog: ['Alarm log', '告警日志'],
     logKept: ['{0} events, file complete', '{0} 个事件，文件完整'],
     logNotKept: ['{0} events, file is not complete', '{0} 个事件，文件不完整'],
-    readState: ['State read at', '状态读取于'],
     faults: ['Faults', '故障注入'],
     fault: ['Fault', '故障'],
     from: ['From', '开始'],
@@ -136,7 +132,6 @@
     minutes: ['{0} min', '{0} 分'],
     packets: ['Packets', '包'],
     dropped: ['Dropped', '丢弃'],
-    offered: ['From the router', '来自路由器'],
     filtered: ['Filtered', '已过滤'],
     total: ['Total', '总计'],
     inputRate: ['From the router now', '路由器当前输入'],
@@ -179,7 +174,8 @@
     notMapped: ['not in the PID map', '不在 PID 表中'],
     pidmap: ['PID map', 'PID 表'],
     noMap: ['The PID map is empty.', 'PID 表为空。'],
-    mapSummary: ['{0} PIDs from inputs to channel {1}. The table below has the same.', '从输入到通道 {1} 的 {0} 个 PID，下表内容相同。'],
+    mapSummary: ['{0} PIDs from inputs to channel {1}. The table below has the same.',
+      '从输入到通道 {1} 的 {0} 个 PID，下表内容相同。'],
     mapMore: ['The picture has the first {0} of {1} entries.', '图中为 {1} 项中的前 {0} 项。'],
     mapDiffers: ['The router holds another map than the record.', '路由器中的表与参数不同。'],
     mapShadowed: ['{0} entries are without effect: an earlier one has the same source.', '{0} 项无效：前面已有相同来源。'],
@@ -229,7 +225,6 @@
     logEmpty: ['The log has no event.', '日志中没有事件。'],
     logShown: ['The latest {0} of {1} events', '{1} 个事件中的最近 {0} 个'],
     showMore: ['Show more', '显示更多'],
-    wholeCard: ['card', '整卡'],
     startOf: ['Card {0}: started in {1}', '调制卡 {0}：启动用时 {1}'],
     startNot: ['Card {0}: {1}', '调制卡 {0}：{1}'],
     startSummary: ['Phases of the start-up of card {0}, {1} in all; the longest is {2}.',
@@ -1019,7 +1014,8 @@
     }
     const { psi, routed, null: rest } = rates;
     return picture(width, height, t('ratesSummary', id, bits(psi), bits(routed), bits(rest)),
-      svg('rect', { x: box.left, y: box.top, width: box.right - box.left, height: box.bottom - box.top, class: 'glass' }),
+      svg('rect', { x: box.left, y: box.top, width: box.right - box.left, height: box.bottom - box.top,
+        class: 'glass' }),
       areas(series, x, y, 1), grid, text(box.left + 6, box.top + 14, 'name', scale === 1e6 ? 'Mbit/s' : 'kbit/s'));
   }
 
@@ -1074,7 +1070,8 @@
     const one = shownChannel(route);
     if (!one) return null;
     const { rates, packets, bit_rate } = one.channel;
-    return { id: one.id, usedOnly: state.usedOnly, second: state.historySecond, series: state.history[one.id] || emptySeries,
+    return { id: one.id, usedOnly: state.usedOnly, second: state.historySecond,
+      series: state.history[one.id] || emptySeries,
       channel: { rates, bit_rate, packets: { dropped: packets.dropped, filtered: packets.filtered } } };
   }
 
@@ -1115,8 +1112,8 @@
   function drawTables(data) {
     if (!data) return null;
     return sheet(`${t('tables')} ${data.id}`, table(t('tablesCaption', data.aux_hz),
-      [[t('table')], [t('stored'), 'num'], [t('posted'), 'num'], [t('set'), 'num'], [t('min'), 'num'], [t('mean'), 'num'],
-        [t('max'), 'num'], [t('repetition')], [t('verdict')]],
+      [[t('table')], [t('stored'), 'num'], [t('posted'), 'num'], [t('set'), 'num'], [t('min'), 'num'],
+        [t('mean'), 'num'], [t('max'), 'num'], [t('repetition')], [t('verdict')]],
       TABLES.filter((name) => data.tables[name]).map((name) => tableRow(name, data.tables[name], data.aux_hz))),
     data.psi && data.psi.data && sectionsTable(data.psi.data));
   }
@@ -1141,8 +1138,9 @@
     return '–';
   }
   function sectionsTable(psi) {
-    const rows = psi.tables.flatMap((one) => one.sections.map((section) => [one.table.replace('_', ' '), hex(section.pid),
-      section.extension, section.version, `${section.section}/${section.last_section}`, section.packets,
+    const rows = psi.tables.flatMap((one) => one.sections.map((section) => [
+      one.table.replace('_', ' '), hex(section.pid), section.extension, section.version,
+      `${section.section}/${section.last_section}`, section.packets,
       sectionContent(section.content)]));
     return el('details', {}, el('summary', {}, `${t('sections')} (${rows.length})`),
       table(t('sections'), [[t('table')], [t('pid'), 'mono'], [t('extension'), 'num'], [t('version'), 'num'],
@@ -1272,15 +1270,16 @@
     return sheet(t('inputs'), table(t('inputs'),
       [[t('input')], [t('rate'), 'num'], [t('packets'), 'num'], [t('damaged'), 'num'], [t('lastPacket'), 'num'],
         [t('disturbances'), 'wide'], [t('file'), 'wide']],
-      data.inputs.map((one) => [stated(one.bit_rate > 0 ? 'ok' : 'bad', one.id), bits(one.bit_rate), grouped(one.packets),
-        one.damaged ? stated('warn', grouped(one.damaged)) : '0',
-        one.last === null ? t('never') : t('ago', span(one.last * 1000)), disturbed(one.disturbances), one.name]), true));
+      data.inputs.map((one) => [stated(one.bit_rate > 0 ? 'ok' : 'bad', one.id), bits(one.bit_rate),
+        grouped(one.packets), one.damaged ? stated('warn', grouped(one.damaged)) : '0',
+        one.last === null ? t('never') : t('ago', span(one.last * 1000)), disturbed(one.disturbances),
+        one.name]), true));
   }
   function pickInputs() {
     const now = status();
     return now && { inputs: now.sources.flatMap((source) => source.inputs.map((one) => ({
-      id: `${source.slot}.${one.input}`, name: one.name, bit_rate: one.bit_rate, packets: one.packets, damaged: one.damaged,
-      disturbances: one.disturbances,
+      id: `${source.slot}.${one.input}`, name: one.name, bit_rate: one.bit_rate, packets: one.packets,
+      damaged: one.damaged, disturbances: one.disturbances,
       last: one.last_seconds === null ? null : Math.round(10 * (now.virtual_seconds - one.last_seconds)) / 10,
     }))) };
   }

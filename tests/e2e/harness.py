@@ -163,13 +163,13 @@ class Case:
 # A headend with a management socket, ended when the block is left; in real time, unless --fast is given.
 class Server:
 
-    def __init__(self, case, flash, *args):
+    def __init__(self, case, flash, *args, manage='127.0.0.1:0'):
         self.case, self.output = case, case.path(f'server{case.runs}.log')
         self.report = case.path(f'server{case.runs}.json')
         case.runs += 1
         self.sink = open(self.output, 'wb')
         self.process = subprocess.Popen(
-            [case.args.headend, '--flash', flash, '--manage', '127.0.0.1:0', '--report', self.report, *args],
+            [case.args.headend, '--flash', flash, '--manage', manage, '--report', self.report, *args],
             stdin=subprocess.DEVNULL, stdout=self.sink, stderr=subprocess.STDOUT)
 
     def text(self):

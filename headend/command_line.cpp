@@ -296,13 +296,14 @@ void describeServices(Form& form, Options& o, Given& given) {
       "it meanwhile is shown when the panel has ended. To quit the panel ends the run",
       o.panel);
   const std::string web = fmt::format("127.0.0.1:{}", protocol::kDefaultWebPort);
-  form.value(Option("--web", "ADDRESS:PORT",
-                    fmt::format("a web page of this headend on ADDRESS:PORT of this machine, for browsers (default "
-                                "{}; port 0 takes a free one and prints which). It shows all and changes nothing",
-                                web))
-                 .count(0, 1)
-                 .byDefault(web),
-             o.web, parseAddress);
+  form.value(
+      Option("--web", "ADDRESS:PORT",
+             fmt::format("a web page of this headend on ADDRESS:PORT of this machine, for browsers (default "
+                         "{}; port 0 takes a free one and prints which). It shows all and changes nothing",
+                         web))
+          .count(0, 1)
+          .byDefault(web),
+      o.web, parseAddress);
   form.text({"--log", "FILE", "debug lines into this file instead of stderr"}, o.log);
   form.text({"--report", "FILE", "write the report (JSON, docs/report.md) to this file at the end"},
             o.report);

@@ -28,11 +28,12 @@ WebProcess::WebProcess(const std::string& server, const base::Address& listen) {
   if (child_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
     for (const int end : ends) ::close(end);
-    becomeProgram(program, {"--server", server, "--listen", address}, self);
+    becomeProgram(program, {"--server", "headend=" + server, "--listen", address}, self);
   }
   ::close(ends[1]);
   std::FILE* said = fdopen(ends[0], "r");
-  for (int c = std::fgetc(said); c != EOF && c != '\n'; c = std::fgetc(said)) announced_ += static_cast<char>(c);
+  for (int c = std::fgetc(said); c != EOF && c != '\n'; c = std::fgetc(said))
+    announced_ += static_cast<char>(c);
   std::fclose(said);
   if (announced_.empty()) fail("no web page");
 }

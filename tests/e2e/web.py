@@ -72,7 +72,7 @@ def the_page_and_its_numbers_are_those_of_qamctl(case):
         state = next(each for each in states(port) if each['status']['cards'][0]['channels'][0]['rf']['frequency_khz'] == 666e3)
         lcd = case.findings(case.args.qamctl, '--server', server.address, 'lcd', '--json')
         case.equal(state['lcd'], lcd, 'LCD')
-        case.check('headend_frequency_khz{headend="127.0.0.1:%d",slot="1",channel="2"} 674000.0' % server.port
+        case.check('headend_frequency_khz{headend="headend",slot="1",channel="2"} 674000.0'
                    in ask(port, '/metrics')[2], 'no carrier in the metrics')
         history = poll(lambda: json.loads(ask(port, '/api/1/history')[2])['channels']['1.2']['psi'][1:])
         case.check(max(history, default=0) > 0, f'no rates of PSI: {history}')

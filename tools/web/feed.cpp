@@ -56,7 +56,10 @@ Json unixMilliseconds() {
 }  // namespace
 
 Feed::Feed(std::string name, std::string server)
-    : name_(std::move(name)), server_(std::move(server)), link_(server_, kQuick), thread_([this] { poll(); }) {}
+    : name_(std::move(name)),
+      server_(std::move(server)),
+      link_(server_, kQuick),
+      thread_([this] { poll(); }) {}
 
 Feed::~Feed() {
   {
@@ -69,7 +72,8 @@ Feed::~Feed() {
 
 void Feed::poll() {
   std::unique_lock lock(mutex_);
-  for (auto due = Clock::now(); !ends_; due = std::max(due + (waiting_ > 0 ? kWatched : kAlone), Clock::now())) {
+  for (auto due = Clock::now(); !ends_;
+       due = std::max(due + (waiting_ > 0 ? kWatched : kAlone), Clock::now())) {
     // A viewer that comes does not wait for the end of the longer pause.
     const bool wasAlone = waiting_ == 0;
     changed_.wait_until(lock, due, [&] { return ends_ || (wasAlone && waiting_ > 0); });
@@ -102,9 +106,10 @@ void Feed::publish(const std::string& error) {
   const std::lock_guard lock(mutex_);
   isUp_ = error.empty();
   ++state_.sequence;
-  const Json state = {{"sequence", state_.sequence}, {"read_unix_ms", readAt_}, {"error", error},
-                      {"pace", pace_ ? Json(*pace_) : Json()}, {"status", report_}, {"lcd", lcd_}};
-  state_.text = std::make_shared<const std::string>(state.dump(-1, ' ', false, Json::error_handler_t::replace));
+  const Json state = {{"sequence", state_.sequence},           {"read_unix_ms", readAt_}, {"error", error},
+                      {"pace", pace_ ? Json(*pace_) : Json()}, {"status", report_},       {"lcd", lcd_}};
+  state_.text =
+      std::make_shared<const std::string>(state.dump(-1, ' ', false, Json::error_handler_t::replace));
   changed_.notify_all();
 }
 

@@ -1,5 +1,5 @@
-// What one headend reports, read once for all viewers: its state several times a second by a thread of its own,
-// and what a viewer asks for besides, as the JSON of a command of qamctl. Callable from any thread.
+// What one headend reports, read once for all viewers: its state several times a second by a thread of its
+// own, and what a viewer asks for besides, as the JSON of a command of qamctl. Callable from any thread.
 #pragma once
 
 #include <boost/core/noncopyable.hpp>
@@ -40,8 +40,8 @@ class Feed : boost::noncopyable {
     unsigned long sequence = 0;
     std::shared_ptr<const std::string> text;  // a JSON object, in docs/web.md
   };
-  // The newest state, if it is newer than `sequence`; else the next one. After `limit` the newest again, so that
-  // a viewer sees that the connection holds. States between are skipped.
+  // The newest state, if it is newer than `sequence`; else the next one. After `limit` the newest again, so
+  // that a viewer sees that the connection holds. States between are skipped.
   State after(unsigned long sequence, std::chrono::milliseconds limit);
 
   // The rates of the last ten minutes: {"step_seconds": 1, "channels": {"1.1": {"psi": [bit/s ...], ...}}}.

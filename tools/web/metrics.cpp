@@ -22,7 +22,8 @@ class Text {
   // All values of a metric are together, below its description.
   void add(const std::string& name, const std::string& labels, const Json& value) {
     if (value.is_number() || value.is_boolean())
-      values_[name] += fmt::format("{}{{{}}} {}\n", name, labels, value.is_boolean() ? (value ? "1" : "0") : value.dump());
+      values_[name] +=
+          fmt::format("{}{{{}}} {}\n", name, labels, value.is_boolean() ? (value ? "1" : "0") : value.dump());
   }
 
   std::string take() const {
@@ -53,7 +54,8 @@ class Text {
       {"headend_rate_bits_per_second", "gauge", "Rate of the channel's packets in the last second, by kind."},
       {"headend_packets_dropped_total", "counter", "Packets from the router that found the output full."},
       {"headend_input_packets_total", "counter", "Packets of an input of a source card."},
-      {"headend_input_rate_bits_per_second", "gauge", "Rate of an input of a source card in the last second."},
+      {"headend_input_rate_bits_per_second", "gauge",
+       "Rate of an input of a source card in the last second."},
   };
   std::map<std::string, std::string> values_;
 };
@@ -76,7 +78,8 @@ void addCard(Text& text, const std::string& headend, const Json& card) {
     text.add("headend_level_dbuv", labels, at(rf, "level_dbuv"));
     text.add("headend_frequency_khz", labels, at(rf, "frequency_khz"));
     for (const char* kind : {"psi", "routed", "null", "input"})
-      text.add("headend_rate_bits_per_second", fmt::format("{},kind=\"{}\"", labels, kind), at(at(channel, "rates"), kind));
+      text.add("headend_rate_bits_per_second", fmt::format("{},kind=\"{}\"", labels, kind),
+               at(at(channel, "rates"), kind));
     text.add("headend_packets_dropped_total", labels, at(at(channel, "packets"), "dropped"));
   }
 }
@@ -89,8 +92,8 @@ void addHeadend(Text& text, const std::string& headend, const Json& report) {
   for (const Json& card : at(report, "cards")) addCard(text, headend, card);
   for (const Json& source : at(report, "sources")) {
     for (const Json& input : at(source, "inputs")) {
-      const std::string labels = fmt::format("{},slot=\"{}\",input=\"{}\"", headend, at(source, "slot").dump(),
-                                             at(input, "input").dump());
+      const std::string labels = fmt::format("{},slot=\"{}\",input=\"{}\"", headend,
+                                             at(source, "slot").dump(), at(input, "input").dump());
       text.add("headend_input_packets_total", labels, at(input, "packets"));
       text.add("headend_input_rate_bits_per_second", labels, at(input, "bit_rate"));
     }

@@ -18,10 +18,12 @@ constexpr int kFailed = 1;
 constexpr int kWrongCall = 2;
 
 constexpr const char* kFooter =
-    "The page shows the chassis, the RF outputs, streams, the front panel, alarms and the start-up, and changes\n"
+    "The page shows the chassis, the RF outputs, streams, the front panel, alarms and the start-up, and "
+    "changes\n"
     "nothing. /metrics is for Prometheus; the JSON below /api/ is in docs/web.md.\n"
     "\n"
-    "Without --listen only programs of this machine reach it; from another one use 'ssh -L 49162:localhost:49162'.\n"
+    "Without --listen only programs of this machine reach it; from another one use 'ssh -L "
+    "49162:localhost:49162'.\n"
     "\n"
     "Examples:\n"
     "  qamweb\n"
@@ -42,8 +44,9 @@ Options::Server serverOf(const std::string& text) {
   const std::size_t equals = text.rfind('=');
   const std::string address = equals == std::string::npos ? text : text.substr(equals + 1);
   const std::string name = equals == std::string::npos ? text : text.substr(0, equals);
-  return {name, commands::valid(client::isServer(address) && !name.empty() ? std::optional(address) : std::nullopt, text,
-                                "[NAME=]ADDR:PORT (an IPv6 address in brackets)")};
+  return {name,
+          commands::valid(client::isServer(address) && !name.empty() ? std::optional(address) : std::nullopt,
+                          text, "[NAME=]ADDR:PORT (an IPv6 address in brackets)")};
 }
 
 Options optionsOf(std::vector<std::string> words) {
@@ -55,12 +58,15 @@ Options optionsOf(std::vector<std::string> words) {
                   .repeatable(),
               options.servers, serverOf);
   form.value(commands::Option("--listen", "ADDR:PORT",
-                              fmt::format("where browsers connect; port 0: a free one (default 127.0.0.1:{})", protocol::kDefaultWebPort)),
+                              fmt::format("where browsers connect; port 0: a free one (default 127.0.0.1:{})",
+                                          protocol::kDefaultWebPort)),
              options.listen, [](const std::string& text) {
-               return commands::valid(base::parseAddress(text), text, "ADDR:PORT (an IPv6 address in brackets)");
+               return commands::valid(base::parseAddress(text), text,
+                                      "ADDR:PORT (an IPv6 address in brackets)");
              });
-  form.values(commands::Option("--web-name", "HOST",
-                               "a host name by which browsers call this service, besides localhost; others are refused")
+  form.values(commands::Option(
+                  "--web-name", "HOST",
+                  "a host name by which browsers call this service, besides localhost; others are refused")
                   .repeatable(),
               options.names, std::identity());
   form.footer(kFooter);
@@ -82,7 +88,8 @@ int run(const Options& options) {
   const int port = server.open(options.listen.host, options.listen.port);
   for (const auto& [name, address] : options.servers) feeds.push_back(std::make_unique<Feed>(name, address));
   const std::string& host = options.listen.host;
-  fmt::print("web page on http://{}:{}/\n", host.find(':') == std::string::npos ? host : '[' + host + ']', port);
+  fmt::print("web page on http://{}:{}/\n", host.find(':') == std::string::npos ? host : '[' + host + ']',
+             port);
   std::fflush(stdout);
   std::thread serving([&server] { server.serve(); });
   int received = 0;

@@ -20,16 +20,17 @@ using httplib::Request;
 using httplib::Response;
 using std::chrono::milliseconds;
 
-constexpr int kShortThreads = 32;      // for requests that end at once
-constexpr milliseconds kQuiet{2000};   // the longest time between two events
-constexpr int kPatienceSeconds = 5;    // for a slow request or viewer
+constexpr int kShortThreads = 32;        // for requests that end at once
+constexpr milliseconds kQuiet{2000};     // the longest time between two events
+constexpr int kPatienceSeconds = 5;      // for a slow request or viewer
 constexpr std::size_t kMostBody = 1024;  // nothing that is read here has one
 
 constexpr const char* kPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; connect-src 'self'; "
     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
-// What the API gives besides the state: a command of qamctl behind a path. CHANNEL and SLOT are parts of both.
+// What the API gives besides the state: a command of qamctl behind a path. CHANNEL and SLOT are parts of
+// both.
 struct Answer {
   const char* path;  // a regular expression behind /api/N/
   std::vector<std::string> words;
@@ -80,7 +81,8 @@ std::optional<std::string> forbidden(const Request& request, const std::set<std:
   }
   const std::string site = request.get_header_value("Sec-Fetch-Site");
   const bool isPage = request.get_header_value("Sec-Fetch-Mode") == "navigate";  // a link leads here
-  if (!site.empty() && site != "same-origin" && site != "none" && !isPage) return "a page of another site may not ask";
+  if (!site.empty() && site != "same-origin" && site != "none" && !isPage)
+    return "a page of another site may not ask";
   return std::nullopt;
 }
 
@@ -100,16 +102,18 @@ class Viewer {
 
 void sendEvents(Feed& feed, std::atomic<int>& viewers, Response& response) {
   const auto viewer = std::make_shared<Viewer>(viewers);
-  if (!viewer->fits()) return refuse(response, 503, fmt::format("{} viewers are connected; no more fit", WebServer::kViewers));
+  if (!viewer->fits())
+    return refuse(response, 503, fmt::format("{} viewers are connected; no more fit", WebServer::kViewers));
   const auto last = std::make_shared<unsigned long>(0);
   response.set_header("X-Accel-Buffering", "no");  // a proxy must not hold events back
-  response.set_chunked_content_provider("text/event-stream", [&feed, viewer, last](std::size_t, httplib::DataSink& sink) {
-    const Feed::State state = feed.after(*last, kQuiet);
-    if (!state.text) return sink.write(":\n\n", 3);
-    const std::string event = fmt::format("id: {}\ndata: {}\n\n", state.sequence, *state.text);
-    *last = state.sequence;
-    return sink.write(event.data(), event.size());
-  });
+  response.set_chunked_content_provider(
+      "text/event-stream", [&feed, viewer, last](std::size_t, httplib::DataSink& sink) {
+        const Feed::State state = feed.after(*last, kQuiet);
+        if (!state.text) return sink.write(":\n\n", 3);
+        const std::string event = fmt::format("id: {}\ndata: {}\n\n", state.sequence, *state.text);
+        *last = state.sequence;
+        return sink.write(event.data(), event.size());
+      });
 }
 
 std::string linesAsList(const std::string& lines) {
@@ -137,7 +141,8 @@ void sendAnswer(Feed& feed, const Answer& answer, const Request& request, Respon
 Json headendsJson(const std::vector<std::unique_ptr<Feed>>& feeds) {
   Json list = Json::array();
   for (std::size_t i = 0; i < feeds.size(); ++i)
-    list.push_back({{"id", std::to_string(i + 1)}, {"name", feeds[i]->name()}, {"server", feeds[i]->server()}});
+    list.push_back(
+        {{"id", std::to_string(i + 1)}, {"name", feeds[i]->name()}, {"server", feeds[i]->server()}});
   return {{"version", QAM_VERSION}, {"headends", std::move(list)}};
 }
 
@@ -177,25 +182,31 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
       response.set_content(file.content.data(), file.content.size(), file.type);
     });
   }
-  const auto get = [this](const std::string& path, std::function<void(Feed&, const Request&, Response&)> handler) {
+  const auto get = [this](const std::string& path,
+                          std::function<void(Feed&, const Request&, Response&)> handler) {
     http_->Get("/api/([0-9]{1,3})/" + path, [this, handler](const Request& request, Response& response) {
       const auto number = static_cast<std::size_t>(std::stoi(request.matches[1]));
-      if (number == 0 || number > feeds_.size()) return refuse(response, 404, "there is no headend of this number");
+      if (number == 0 || number > feeds_.size())
+        return refuse(response, 404, "there is no headend of this number");
       handler(*feeds_[number - 1], request, response);
     });
   };
-  http_->Get("/api/headends", [this](const Request&, Response& response) { give(response, 200, textOf(headendsJson(feeds_))); });
+  http_->Get("/api/headends", [this](const Request&, Response& response) {
+    give(response, 200, textOf(headendsJson(feeds_)));
+  });
   http_->Get("/metrics", [this](const Request&, Response& response) {
     response.set_content(metricsOf(feeds_), "text/plain; version=0.0.4");
   });
   const auto viewers = std::make_shared<std::atomic<int>>(0);
-  get("events", [viewers](Feed& feed, const Request&, Response& response) { sendEvents(feed, *viewers, response); });
+  get("events",
+      [viewers](Feed& feed, const Request&, Response& response) { sendEvents(feed, *viewers, response); });
   get("state", [](Feed& feed, const Request&, Response& response) {
     const Feed::State state = feed.after(0, kQuiet);
     if (!state.text) return refuse(response, 503, "nothing has been read yet");
     give(response, 200, *state.text);
   });
-  get("history", [](Feed& feed, const Request&, Response& response) { give(response, 200, textOf(feed.history())); });
+  get("history",
+      [](Feed& feed, const Request&, Response& response) { give(response, 200, textOf(feed.history())); });
   for (const Answer& answer : kAnswers) {
     get(answer.path, [&answer](Feed& feed, const Request& request, Response& response) {
       sendAnswer(feed, answer, request, response);
@@ -206,10 +217,12 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
 WebServer::~WebServer() = default;
 
 int WebServer::open(const std::string& host, int port) {
-  const int bound = port == 0 ? http_->bind_to_any_port(host.c_str()) : http_->bind_to_port(host.c_str(), port) ? port : -1;
+  const int bound = port == 0                                 ? http_->bind_to_any_port(host.c_str())
+                    : http_->bind_to_port(host.c_str(), port) ? port
+                                                              : -1;
   if (bound < 0)
-    throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}; --listen takes another address or port", host, port,
-                                         std::strerror(errno)));
+    throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}; --listen takes another address or port",
+                                         host, port, std::strerror(errno)));
   return bound;
 }
 

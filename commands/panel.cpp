@@ -53,7 +53,8 @@ struct Lcd final : Command {
     form.footer(
         "A > marks the chosen row. Other characters that are inverse, as the digit under an editor's cursor, "
         "are in\n"
-        "[brackets]. With --json the rows are without these marks, and \"inverse\" lists the characters.");
+        "[brackets]. With --json the rows are without these marks, and \"inverse\" lists the characters; "
+        "\"pixels\" has\nthe rows of pixels in hexadecimal digits.");
   }
 
   void carryOut(Session& session) override {

@@ -27,6 +27,7 @@ void becomeProgram(const std::string& program, std::vector<std::string> argument
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   arguments.insert(arguments.begin(), std::filesystem::path(program).filename());
   std::vector<char*> words;
+  words.reserve(arguments.size() + 1);
   for (std::string& each : arguments) words.push_back(each.data());
   words.push_back(nullptr);
   if (getppid() == parent) execv(program.c_str(), words.data());

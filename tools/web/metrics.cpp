@@ -67,18 +67,18 @@ const Json& at(const Json& object, const char* name) {
 }
 
 void addCard(Text& text, const std::string& headend, const Json& card) {
-  const std::string slot = fmt::format("{},slot=\"{}\"", headend, at(card, "slot").dump());
+  const std::string slot = fmt::format(R"({},slot="{}")", headend, at(card, "slot").dump());
   text.add("headend_card_running", slot, at(card, "state") == "running");
   text.add("headend_record_kept", slot, at(card, "record_kept"));
   int number = 0;
   for (const Json& channel : at(card, "channels")) {
-    const std::string labels = fmt::format("{},channel=\"{}\"", slot, ++number);
+    const std::string labels = fmt::format(R"({},channel="{}")", slot, ++number);
     const Json& rf = at(channel, "rf");
     text.add("headend_on_air", labels, at(rf, "on_air"));
     text.add("headend_level_dbuv", labels, at(rf, "level_dbuv"));
     text.add("headend_frequency_khz", labels, at(rf, "frequency_khz"));
     for (const char* kind : {"psi", "routed", "null", "input"})
-      text.add("headend_rate_bits_per_second", fmt::format("{},kind=\"{}\"", labels, kind),
+      text.add("headend_rate_bits_per_second", fmt::format(R"({},kind="{}")", labels, kind),
                at(at(channel, "rates"), kind));
     text.add("headend_packets_dropped_total", labels, at(at(channel, "packets"), "dropped"));
   }
@@ -92,8 +92,8 @@ void addHeadend(Text& text, const std::string& headend, const Json& report) {
   for (const Json& card : at(report, "cards")) addCard(text, headend, card);
   for (const Json& source : at(report, "sources")) {
     for (const Json& input : at(source, "inputs")) {
-      const std::string labels = fmt::format("{},slot=\"{}\",input=\"{}\"", headend,
-                                             at(source, "slot").dump(), at(input, "input").dump());
+      const std::string labels = fmt::format(R"({},slot="{}",input="{}")", headend, at(source, "slot").dump(),
+                                             at(input, "input").dump());
       text.add("headend_input_packets_total", labels, at(input, "packets"));
       text.add("headend_input_rate_bits_per_second", labels, at(input, "bit_rate"));
     }

@@ -183,7 +183,7 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
     });
   }
   const auto get = [this](const std::string& path,
-                          std::function<void(Feed&, const Request&, Response&)> handler) {
+                          const std::function<void(Feed&, const Request&, Response&)>& handler) {
     http_->Get("/api/([0-9]{1,3})/" + path, [this, handler](const Request& request, Response& response) {
       const auto number = static_cast<std::size_t>(std::stoi(request.matches[1]));
       if (number == 0 || number > feeds_.size())
@@ -217,9 +217,7 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
 WebServer::~WebServer() = default;
 
 int WebServer::open(const std::string& host, int port) {
-  const int bound = port == 0                                 ? http_->bind_to_any_port(host.c_str())
-                    : http_->bind_to_port(host.c_str(), port) ? port
-                                                              : -1;
+  const int bound = port == 0 ? http_->bind_to_any_port(host) : http_->bind_to_port(host, port) ? port : -1;
   if (bound < 0)
     throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}; --listen takes another address or port",
                                          host, port, std::strerror(errno)));

@@ -3,6 +3,7 @@
 # another.
 import contextlib
 import http.client
+import itertools
 import json
 import os
 import random
@@ -48,6 +49,11 @@ def states(port):
     yield answer.status
 
 
+# The first of the next states that fulfils the condition.
+def await_state(view, condition):
+    return next(each for each in itertools.islice(view, 300) if condition(each))
+
+
 def the_page_and_its_numbers_are_those_of_qamctl(case):
     with page(case, '--source', f'6={case.sample("two-programmes.ts")}', '--programme', '1.1=6.1:1',
               '--psi', f'1.2={case.sample("psi-small.ts")}') as (server, port):
@@ -69,7 +75,7 @@ def the_page_and_its_numbers_are_those_of_qamctl(case):
             case.equal((status, json.loads(body)), (200, json.loads(wanted)), path)
         case.equal(len(rows), 5, 'rows of the guide')
         case.qamctl(server.address, 'var', 'set', '1', 'rfreq', '666000')
-        state = next(each for each in states(port) if each['status']['cards'][0]['channels'][0]['rf']['frequency_khz'] == 666e3)
+        state = await_state(states(port), lambda it: it['status']['cards'][0]['channels'][0]['rf']['frequency_khz'] == 666e3)
         lcd = case.findings(case.args.qamctl, '--server', server.address, 'lcd', '--json')
         case.equal(state['lcd'], lcd, 'LCD')
         case.check('headend_frequency_khz{headend="headend",slot="1",channel="2"} 674000.0'
@@ -112,13 +118,14 @@ def a_headend_that_stops_and_comes_back_is_shown_as_such(case):
         stack.callback(web.kill)
         port = int(re.search(rb':(\d+)/', web.stdout.readline())[1])
         view = states(port)
-        case.equal(next(each['error'] for each in view if each['status']), '', 'error')
+        case.equal(await_state(view, lambda it: it['status'])['error'], '', 'error')
         first.stop()
-        case.check(next(each for each in view if each['error'])['status'], 'the last state is not kept')
+        case.check(await_state(view, lambda it: it['error'])['status'], 'the last state is not kept')
         name = MARKUP.replace('"', '\\"')
         case.check(f'headend_up{{headend="{name}"}} 0\n' in ask(port, '/metrics')[2], 'the metrics say that it is up')
-        with Server(case, flash, manage=first.address):
-            case.check(any(not each['error'] for each in view), 'it does not come back')
+        with Server(case, flash, manage=first.address) as second:
+            second.wait_started()
+            await_state(view, lambda it: not it['error'])
         web.terminate()
         case.equal(web.wait(harness.HANG_SECONDS), 0, 'exit code')
 

@@ -14,7 +14,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kWatched{200}, kAlone{1000};  // between two states, with and without viewers
-constexpr milliseconds kAnswerAge{1000};
+constexpr milliseconds kWatching{5000};              // so long after its last question a viewer counts
+constexpr milliseconds kAnswerAge{1000}, kQueue{2000};
 constexpr client::UdpLinkOptions kQuick = {.timeout = milliseconds(400), .tries = 2};
 constexpr std::array kRates{"psi", "routed", "null"};
 constexpr std::size_t kPaceSamples = 10;
@@ -70,17 +71,21 @@ Feed::~Feed() {
   thread_.join();
 }
 
+// Viewers ask again after each state, at least every few seconds.
+bool Feed::isWatched() const {
+  return Clock::now() - lastViewer_ < kWatching;
+}
+
 void Feed::poll() {
   std::unique_lock lock(mutex_);
-  for (auto due = Clock::now(); !ends_;
-       due = std::max(due + (waiting_ > 0 ? kWatched : kAlone), Clock::now())) {
-    // A viewer that comes does not wait for the end of the longer pause.
-    const bool wasAlone = waiting_ == 0;
-    changed_.wait_until(lock, due, [&] { return ends_ || (wasAlone && waiting_ > 0); });
+  for (auto due = Clock::now(); !ends_;) {
+    const bool wasWatched = isWatched();  // a first viewer does not wait for the end of the longer pause
+    changed_.wait_until(lock, due, [&] { return ends_ || (!wasWatched && isWatched()); });
     if (ends_) break;
     lock.unlock();
     read();
     lock.lock();
+    due = std::max(due, Clock::now()) + (isWatched() ? kWatched : kAlone);
   }
 }
 
@@ -141,9 +146,10 @@ void Feed::keepRates() {
 
 Feed::State Feed::after(unsigned long sequence, milliseconds limit) {
   std::unique_lock lock(mutex_);
-  if (++waiting_ == 1) changed_.notify_all();
+  const bool wasWatched = isWatched();
+  lastViewer_ = Clock::now();
+  if (!wasWatched) changed_.notify_all();
   changed_.wait_for(lock, limit, [&] { return ends_ || state_.sequence > sequence; });
-  --waiting_;
   return state_;
 }
 
@@ -162,7 +168,8 @@ Json Feed::report() {
 }
 
 std::string Feed::answer(const std::vector<std::string>& words) {
-  const std::lock_guard lock(asking_);
+  const std::unique_lock lock(asking_, kQueue);
+  if (!lock) throw client::Error("earlier questions to the headend take long", client::Error::Kind::kNoReply);
   const auto kept = answers_.find(words);
   if (kept != answers_.end() && Clock::now() - kept->second.at < kAnswerAge) return kept->second.text;
   std::vector<std::string> line = words;

@@ -50,13 +50,14 @@ class Feed : boost::noncopyable {
   Json report();
 
   // The output of a command of qamctl with --json, carried out now, or at most a second ago. Throws
-  // client::Error, std::runtime_error.
+  // client::Error, also if earlier ones take long; std::runtime_error.
   std::string answer(const std::vector<std::string>& words);
 
  private:
   static constexpr std::size_t kHistory = 600;  // seconds
   using Rates = std::map<std::string, std::array<std::deque<std::int64_t>, 3>>;
 
+  bool isWatched() const;
   void poll();
   void read();
   void publish(const std::string& error);
@@ -73,14 +74,14 @@ class Feed : boost::noncopyable {
   std::mutex mutex_;
   std::condition_variable changed_;
   bool ends_ = false;
-  int waiting_ = 0;  // viewers
+  Clock::time_point lastViewer_{};  // when one last asked
   State state_;
   bool isUp_ = false;  // whether the last poll was answered
   Json report_, lcd_, readAt_;
   std::optional<double> pace_;
   Rates rates_;
 
-  std::mutex asking_;  // one command at a time
+  std::timed_mutex asking_;  // one command at a time
   struct Answer {
     Clock::time_point at;
     std::string text;

@@ -1,6 +1,7 @@
 // qamweb: a web page that shows headends. A client of their management sockets, as qamctl is.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -73,6 +74,11 @@ Options optionsOf(std::vector<std::string> words) {
   form.parse(std::move(words));
   if (options.servers.empty())
     options.servers.push_back(serverOf(fmt::format("127.0.0.1:{}", protocol::kDefaultManagementPort)));
+  for (auto each = options.servers.begin(); each != options.servers.end(); ++each) {
+    if (std::any_of(options.servers.begin(), each,
+                    [&](const auto& other) { return other.name == each->name; }))
+      throw commands::WrongCall("--server: two headends are called '" + each->name + "'");
+  }
   return options;
 }
 

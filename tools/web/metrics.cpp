@@ -51,10 +51,11 @@ class Text {
       {"headend_on_air", "gauge", "Whether the channel is on the air."},
       {"headend_level_dbuv", "gauge", "Level of the channel at the connector."},
       {"headend_frequency_khz", "gauge", "Carrier of the channel."},
-      {"headend_rate_bits_per_second", "gauge", "Rate of the channel's packets in the last second, by kind."},
+      {"headend_rate_bytes_per_second", "gauge",
+       "Rate of the channel's packets in the last second, by kind."},
       {"headend_packets_dropped_total", "counter", "Packets from the router that found the output full."},
       {"headend_input_packets_total", "counter", "Packets of an input of a source card."},
-      {"headend_input_rate_bits_per_second", "gauge",
+      {"headend_input_rate_bytes_per_second", "gauge",
        "Rate of an input of a source card in the last second."},
   };
   std::map<std::string, std::string> values_;
@@ -64,6 +65,12 @@ const Json& at(const Json& object, const char* name) {
   static const Json none;
   const auto found = object.is_object() ? object.find(name) : object.end();
   return object.is_object() && found != object.end() ? *found : none;
+}
+
+// Prometheus counts in bytes.
+Json bytes(const Json& bits) {
+  constexpr double kBitsOfByte = 8;
+  return bits.is_number() ? Json(bits.get<double>() / kBitsOfByte) : Json();
 }
 
 void addCard(Text& text, const std::string& headend, const Json& card) {
@@ -78,8 +85,8 @@ void addCard(Text& text, const std::string& headend, const Json& card) {
     text.add("headend_level_dbuv", labels, at(rf, "level_dbuv"));
     text.add("headend_frequency_khz", labels, at(rf, "frequency_khz"));
     for (const char* kind : {"psi", "routed", "null", "input"})
-      text.add("headend_rate_bits_per_second", fmt::format(R"({},kind="{}")", labels, kind),
-               at(at(channel, "rates"), kind));
+      text.add("headend_rate_bytes_per_second", fmt::format(R"({},kind="{}")", labels, kind),
+               bytes(at(at(channel, "rates"), kind)));
     text.add("headend_packets_dropped_total", labels, at(at(channel, "packets"), "dropped"));
   }
 }
@@ -95,7 +102,7 @@ void addHeadend(Text& text, const std::string& headend, const Json& report) {
       const std::string labels = fmt::format(R"({},slot="{}",input="{}")", headend, at(source, "slot").dump(),
                                              at(input, "input").dump());
       text.add("headend_input_packets_total", labels, at(input, "packets"));
-      text.add("headend_input_rate_bits_per_second", labels, at(input, "bit_rate"));
+      text.add("headend_input_rate_bytes_per_second", labels, bytes(at(input, "bit_rate")));
     }
   }
 }

@@ -75,9 +75,10 @@ def the_page_and_its_numbers_are_those_of_qamctl(case):
             case.equal((status, json.loads(body)), (200, json.loads(wanted)), path)
         case.equal(len(rows), 5, 'rows of the guide')
         case.qamctl(server.address, 'var', 'set', '1', 'rfreq', '666000')
-        state = await_state(states(port), lambda it: it['status']['cards'][0]['channels'][0]['rf']['frequency_khz'] == 666e3)
+        view = states(port)
+        await_state(view, lambda it: it['status']['cards'][0]['channels'][0]['rf']['frequency_khz'] == 666e3)
         lcd = case.findings(case.args.qamctl, '--server', server.address, 'lcd', '--json')
-        case.equal(state['lcd'], lcd, 'LCD')
+        await_state(view, lambda it: it['lcd'] == lcd)
         case.check('headend_frequency_khz{headend="headend",slot="1",channel="2"} 674000.0'
                    in ask(port, '/metrics')[2], 'no carrier in the metrics')
         history = poll(lambda: json.loads(ask(port, '/api/1/history')[2])['channels']['1.2']['psi'][1:])

@@ -30,6 +30,11 @@ std::optional<Address> parseAddress(std::string_view text) {
   return Address{.host = std::string(host), .port = *port};
 }
 
+std::string addressText(const Address& address) {
+  const bool isV6 = address.host.find(':') != std::string::npos;
+  return (isV6 ? '[' + address.host + ']' : address.host) + ':' + std::to_string(address.port);
+}
+
 static_assert(SocketAddress::kMost >= sizeof(sockaddr_storage));
 // In both forms the port is in the same place.
 constexpr std::size_t kPortAt = offsetof(sockaddr_in, sin_port);

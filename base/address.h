@@ -24,6 +24,7 @@ struct Address {
 };
 // Nullopt for other texts, including an IPv6 address without brackets.
 std::optional<Address> parseAddress(std::string_view text);
+std::string addressText(const Address& address);
 
 // An IPv4 or IPv6 address with its port, as the host's sockets take it.
 struct SocketAddress {

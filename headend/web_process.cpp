@@ -1,6 +1,5 @@
 #include "headend/web_process.h"
 
-#include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,8 +16,6 @@ namespace headend {
 
 WebProcess::WebProcess(const std::string& server, const base::Address& listen) {
   const std::string program = programBeside("qamweb");
-  const bool isV6 = listen.host.find(':') != std::string::npos;
-  const std::string address = fmt::format("{}:{}", isV6 ? '[' + listen.host + ']' : listen.host, listen.port);
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) fail("no web page: pipe: {}", std::strerror(errno));
   std::fflush(nullptr);
@@ -28,7 +25,7 @@ WebProcess::WebProcess(const std::string& server, const base::Address& listen) {
   if (child_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
     for (const int end : ends) ::close(end);
-    becomeProgram(program, {"--server", "headend=" + server, "--listen", address}, self);
+    becomeProgram(program, {"--server", "headend=" + server, "--listen", base::addressText(listen)}, self);
   }
   ::close(ends[1]);
   std::FILE* said = fdopen(ends[0], "r");

@@ -56,6 +56,10 @@ Json unixMilliseconds() {
 
 }  // namespace
 
+std::string compactText(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 Feed::Feed(std::string name, std::string server)
     : name_(std::move(name)),
       server_(std::move(server)),
@@ -99,7 +103,7 @@ void Feed::read() {
     report_ = *std::move(report);
     lcd_ = std::move(lcd);
     readAt_ = unixMilliseconds();
-    pace_ = paceAt(report_.value("virtual_seconds", 0.0));
+    pace_ = paceAt(commands::number(report_, "virtual_seconds").value_or(0));
     keepRates();
   } catch (const std::exception& e) {
     error = e.what();
@@ -113,8 +117,7 @@ void Feed::publish(const std::string& error) {
   ++state_.sequence;
   const Json state = {{"sequence", state_.sequence},           {"read_unix_ms", readAt_}, {"error", error},
                       {"pace", pace_ ? Json(*pace_) : Json()}, {"status", report_},       {"lcd", lcd_}};
-  state_.text =
-      std::make_shared<const std::string>(state.dump(-1, ' ', false, Json::error_handler_t::replace));
+  state_.text = std::make_shared<const std::string>(compactText(state));
   changed_.notify_all();
 }
 
@@ -132,14 +135,11 @@ void Feed::keepRates() {
   const Clock::time_point now = Clock::now();
   if (now - ratesKept_ < std::chrono::seconds(1)) return;
   ratesKept_ = now - ratesKept_ > std::chrono::seconds(2) ? now : ratesKept_ + std::chrono::seconds(1);
-  for (const Json& card : report_.value("cards", Json::array())) {
-    int number = 0;
-    for (const Json& channel : card.value("channels", Json::array())) {
-      auto& kept = rates_[fmt::format("{}.{}", card.value("slot", 0), ++number)];
-      for (std::size_t i = 0; i < kRates.size(); ++i) {
-        kept[i].push_back(channel.value("rates", Json::object()).value(kRates[i], std::int64_t{0}));
-        if (kept[i].size() > kHistory) kept[i].pop_front();
-      }
+  for (const Json& row : commands::ratesReport(report_)) {
+    auto& kept = rates_[commands::oneLine(row["channel"])];
+    for (std::size_t i = 0; i < kRates.size(); ++i) {
+      kept[i].push_back(static_cast<std::int64_t>(commands::number(row, kRates[i]).value_or(0)));
+      if (kept[i].size() > kHistory) kept[i].pop_front();
     }
   }
 }

@@ -25,6 +25,9 @@ namespace tools {
 
 using commands::Json;
 
+// On one line; bytes that are no UTF-8 are replaced.
+std::string compactText(const Json& json);
+
 class Feed : boost::noncopyable {
  public:
   using Clock = std::chrono::steady_clock;

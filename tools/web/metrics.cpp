@@ -7,6 +7,8 @@
 namespace tools {
 namespace {
 
+using commands::member;
+
 // A value of a label in the text format: backslash, quote and line feed are escaped.
 std::string quoted(const std::string& text) {
   std::string result = "\"";
@@ -61,12 +63,6 @@ class Text {
   std::map<std::string, std::string> values_;
 };
 
-const Json& at(const Json& object, const char* name) {
-  static const Json none;
-  const auto found = object.is_object() ? object.find(name) : object.end();
-  return object.is_object() && found != object.end() ? *found : none;
-}
-
 // Prometheus counts in bytes.
 Json bytes(const Json& bits) {
   constexpr double kBitsOfByte = 8;
@@ -74,35 +70,35 @@ Json bytes(const Json& bits) {
 }
 
 void addCard(Text& text, const std::string& headend, const Json& card) {
-  const std::string slot = fmt::format(R"({},slot="{}")", headend, at(card, "slot").dump());
-  text.add("headend_card_running", slot, at(card, "state") == "running");
-  text.add("headend_record_kept", slot, at(card, "record_kept"));
+  const std::string slot = fmt::format(R"({},slot="{}")", headend, member(card, "slot").dump());
+  text.add("headend_card_running", slot, member(card, "state") == "running");
+  text.add("headend_record_kept", slot, member(card, "record_kept"));
   int number = 0;
-  for (const Json& channel : at(card, "channels")) {
+  for (const Json& channel : member(card, "channels")) {
     const std::string labels = fmt::format(R"({},channel="{}")", slot, ++number);
-    const Json& rf = at(channel, "rf");
-    text.add("headend_on_air", labels, at(rf, "on_air"));
-    text.add("headend_level_dbuv", labels, at(rf, "level_dbuv"));
-    text.add("headend_frequency_khz", labels, at(rf, "frequency_khz"));
+    const Json& rf = member(channel, "rf");
+    text.add("headend_on_air", labels, member(rf, "on_air"));
+    text.add("headend_level_dbuv", labels, member(rf, "level_dbuv"));
+    text.add("headend_frequency_khz", labels, member(rf, "frequency_khz"));
     for (const char* kind : {"psi", "routed", "null", "input"})
       text.add("headend_rate_bytes_per_second", fmt::format(R"({},kind="{}")", labels, kind),
-               bytes(at(at(channel, "rates"), kind)));
-    text.add("headend_packets_dropped_total", labels, at(at(channel, "packets"), "dropped"));
+               bytes(member(member(channel, "rates"), kind)));
+    text.add("headend_packets_dropped_total", labels, member(member(channel, "packets"), "dropped"));
   }
 }
 
 void addHeadend(Text& text, const std::string& headend, const Json& report) {
-  text.add("headend_virtual_seconds", headend, at(report, "virtual_seconds"));
-  text.add("headend_alarms", headend, at(at(report, "alarms"), "standing").size());
-  text.add("headend_assertion_failures_total", headend, at(report, "assertion_failures").size());
-  text.add("headend_heap_used_bytes", headend, at(at(report, "heap"), "used"));
-  for (const Json& card : at(report, "cards")) addCard(text, headend, card);
-  for (const Json& source : at(report, "sources")) {
-    for (const Json& input : at(source, "inputs")) {
-      const std::string labels = fmt::format(R"({},slot="{}",input="{}")", headend, at(source, "slot").dump(),
-                                             at(input, "input").dump());
-      text.add("headend_input_packets_total", labels, at(input, "packets"));
-      text.add("headend_input_rate_bytes_per_second", labels, bytes(at(input, "bit_rate")));
+  text.add("headend_virtual_seconds", headend, member(report, "virtual_seconds"));
+  text.add("headend_alarms", headend, member(member(report, "alarms"), "standing").size());
+  text.add("headend_assertion_failures_total", headend, member(report, "assertion_failures").size());
+  text.add("headend_heap_used_bytes", headend, member(member(report, "heap"), "used"));
+  for (const Json& card : member(report, "cards")) addCard(text, headend, card);
+  for (const Json& source : member(report, "sources")) {
+    for (const Json& input : member(source, "inputs")) {
+      const std::string labels = fmt::format(R"({},slot="{}",input="{}")", headend,
+                                             member(source, "slot").dump(), member(input, "input").dump());
+      text.add("headend_input_packets_total", labels, member(input, "packets"));
+      text.add("headend_input_rate_bytes_per_second", labels, bytes(member(input, "bit_rate")));
     }
   }
 }

@@ -91,11 +91,9 @@ int run(const Options& options) {
 
   std::vector<std::unique_ptr<Feed>> feeds;
   WebServer server(feeds, {options.names.begin(), options.names.end()});
-  const int port = server.open(options.listen.host, options.listen.port);
+  const u16 port = server.open(options.listen.host, options.listen.port);
   for (const auto& [name, address] : options.servers) feeds.push_back(std::make_unique<Feed>(name, address));
-  const std::string& host = options.listen.host;
-  fmt::print("web page on http://{}:{}/\n", host.find(':') == std::string::npos ? host : '[' + host + ']',
-             port);
+  fmt::print("web page on http://{}/\n", base::addressText({.host = options.listen.host, .port = port}));
   std::fflush(stdout);
   std::thread serving([&server] { server.serve(); });
   int received = 0;

@@ -41,22 +41,18 @@ const Answer kAnswers[] = {
     {R"(programmes/([1-6]\.[12]))", {"programme", "list", "$"}},
     {R"(pidmap/([1-6]\.[12]))", {"pidmap", "show", "$"}},
     {R"(psi/([1-6]\.[12]))", {"psi", "show", "$"}},
-    // Without the rates: each takes the card half a second, in which the headend serves nobody else.
+    // Without the rates: each takes the card half a second, in which the headend serves no other client.
     {R"(variables/([1-6]))",
      {"var", "get", "$", "rfreq", "rflevel", "symbolrate", "qammode", "rfswitch", "power", "temperature1",
       "temperature2", "software_version", "fpga_version", "hardware_version"}},
 };
-
-std::string textOf(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
 
 void give(Response& response, int status, const std::string& text) {
   response.status = status;
   response.set_content(text, "application/json");
 }
 void refuse(Response& response, int status, const std::string& why) {
-  give(response, status, textOf({{"error", why}}));
+  give(response, status, compactText({{"error", why}}));
 }
 
 // "localhost" of "localhost:8080", "[::1]" of "[::1]:8080"; in small letters.
@@ -67,8 +63,8 @@ std::string hostOf(std::string text) {
   return text;
 }
 
-// Why a browser may not have the answer: the page of another site asks, or a name that somebody made to point
-// here. nullopt if it may.
+// Why a browser may not have the answer: a page of another site asks, or the name was made to point to this
+// service by others. nullopt if it may.
 std::optional<std::string> forbidden(const Request& request, const std::set<std::string>& names) {
   const std::string host = hostOf(request.get_header_value("Host"));
   if (!names.contains(host))
@@ -192,7 +188,7 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
     });
   };
   http_->Get("/api/headends", [this](const Request&, Response& response) {
-    give(response, 200, textOf(headendsJson(feeds_)));
+    give(response, 200, compactText(headendsJson(feeds_)));
   });
   http_->Get("/metrics", [this](const Request&, Response& response) {
     response.set_content(metricsOf(feeds_), "text/plain; version=0.0.4");
@@ -205,8 +201,9 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
     if (!state.text) return refuse(response, 503, "nothing has been read yet");
     give(response, 200, *state.text);
   });
-  get("history",
-      [](Feed& feed, const Request&, Response& response) { give(response, 200, textOf(feed.history())); });
+  get("history", [](Feed& feed, const Request&, Response& response) {
+    give(response, 200, compactText(feed.history()));
+  });
   for (const Answer& answer : kAnswers) {
     get(answer.path, [&answer](Feed& feed, const Request& request, Response& response) {
       sendAnswer(feed, answer, request, response);
@@ -216,12 +213,12 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
 
 WebServer::~WebServer() = default;
 
-int WebServer::open(const std::string& host, int port) {
+u16 WebServer::open(const std::string& host, u16 port) {
   const int bound = port == 0 ? http_->bind_to_any_port(host) : http_->bind_to_port(host, port) ? port : -1;
   if (bound < 0)
     throw std::runtime_error(fmt::format("cannot listen on {}:{}: {}; --listen takes another address or port",
                                          host, port, std::strerror(errno)));
-  return bound;
+  return static_cast<u16>(bound);
 }
 
 void WebServer::serve() {

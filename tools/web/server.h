@@ -24,7 +24,7 @@ class WebServer : boost::noncopyable {
   ~WebServer();
 
   // Opens the socket; port 0: a free one. Returns the port. Throws std::runtime_error.
-  int open(const std::string& host, int port);
+  u16 open(const std::string& host, u16 port);
   void serve();  // until `stop`
   void stop();   // from any thread
 

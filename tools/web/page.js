@@ -315,6 +315,7 @@
   const text = (x, y, classes, content) => svg('text', { x, y, class: classes }, content);
   const straight = (x1, y1, x2, y2, classes) => svg('line', { x1, y1, x2, y2, class: classes });
 
+  const blank = (key) => el('p', { class: 'sheet none' }, t(key));
   function sheet(title, ...children) {
     return el('section', { class: 'sheet' }, el('h2', {}, title), children);
   }
@@ -702,7 +703,7 @@
   const baseName = (name) => (name.includes('://') ? name : name.slice(name.lastIndexOf('/') + 1));
 
   function drawSlots(data) {
-    if (!data) return el('p', { class: 'sheet none' }, t('waiting'));
+    if (!data) return blank('waiting');
     const slots = SLOTS.map((slot) => {
       const card = data.cards.find((one) => one.slot === slot);
       const source = data.sources.find((one) => one.slot === slot);
@@ -929,8 +930,8 @@
     ].filter(Boolean), true);
   }
   function drawRf(data, width) {
-    if (!data) return el('p', { class: 'sheet none' }, t('waiting'));
-    if (!data.length) return el('p', { class: 'sheet none' }, t('noCards'));
+    if (!data) return blank('waiting');
+    if (!data.length) return blank('noCards');
     const inner = width - (innerWidth <= 480 ? 22 : 30);
     const chart = innerWidth > 1180 ? inner - 400 - 312 - 44 : inner;
     return el('div', { class: 'stack' }, data.map(({ slot, state: word, kind, channels }) =>
@@ -1020,8 +1021,8 @@
   }
 
   function drawTiles(data) {
-    if (!data) return el('p', { class: 'sheet none' }, t('waiting'));
-    if (!data.tiles.length) return el('p', { class: 'sheet none' }, t('noRunning'));
+    if (!data) return blank('waiting');
+    if (!data.tiles.length) return blank('noRunning');
     return el('nav', { 'aria-label': t('channels') }, el('ul', { class: 'tiles' }, data.tiles.map((one) =>
       el('li', {}, el('a', { class: 'tile', href: address(`streams/${one.id}`),
         'aria-current': one.id === data.shown ? 'true' : null },
@@ -1354,7 +1355,7 @@
     return `${title}: ${words}${trap && trap !== words ? ` (${trap})` : ''}`;
   }
   function drawLog(data) {
-    if (!data) return el('p', { class: 'sheet none' }, t('waiting'));
+    if (!data) return blank('waiting');
     const failed = data.error && el('p', {}, stated('bad', t('readFailed', data.error)));
     if (!data.events) return sheet(t('log'), failed || el('p', { class: 'none' }, t('reading')));
     if (!data.count) return sheet(t('log'), failed, el('p', { class: 'none' }, t('logEmpty')));
@@ -1411,8 +1412,8 @@
         percent(one.ms, total), grouped(one.bus_accesses)]), true));
   }
   function drawStart(data, width) {
-    if (!data) return el('p', { class: 'sheet none' }, t('waiting'));
-    if (!data.length) return el('p', { class: 'sheet none' }, t('noCards'));
+    if (!data) return blank('waiting');
+    if (!data.length) return blank('noCards');
     const end = Math.max(1, ...data.flatMap((card) => card.startup.map((one) => one.from_ms + one.ms)));
     const inner = width - (innerWidth <= 480 ? 22 : 30);
     const chart = innerWidth > 1000 ? inner - 490 : inner;

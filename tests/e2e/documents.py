@@ -13,7 +13,8 @@ DOCUMENTS = ('README.md', *(f'docs/{name}.md' for name in (
     'tscheck', 'web')))
 SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a player needs a screen',
            r'.*qamctl panel': 'needs a terminal: panel.py', r'apt-get': 'installed by ./test',
-           r'gtkwave': 'a viewer needs a screen', r'ssh': 'another machine', r'QAM_LONG=1': 'a long campaign', r'.*\[--': 'the form of a command',
+           r'gtkwave': 'a viewer needs a screen', r'ssh': 'another machine', r'QAM_LONG=1': 'a long campaign',
+           r'.*\[--': 'the form of a command',
            r'build/gcc/tests/': 'ctest runs them', r'arm-linux': 'after a build for another processor',
            r'bench/snmp\.py': 'needs snmpd, and measures for long'}
 SHORTER = {'./run': 'chassis', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',

@@ -72,8 +72,8 @@ def a_chassis_of_the_controllers_code_learns_it_too(case):
     if not os.path.exists(os.path.join(build, 'libqamcard.a')) and 'CI' not in os.environ:
         raise SystemExit(harness.SKIPPED)
     learn(case, installed(case, build),
-                                    [f'-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/arm9.cmake', f'-DCMAKE_FIND_ROOT_PATH={case.folder}'],
-                                    ['qemu-arm', '-cpu', 'arm926', '-L', '/usr/arm-linux-gnueabi'])
+          [f'-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/arm9.cmake', f'-DCMAKE_FIND_ROOT_PATH={case.folder}'],
+          ['qemu-arm', '-cpu', 'arm926', '-L', '/usr/arm-linux-gnueabi'])
 
 
 # The headers give C linkage, so that a service of the wrong type does not even compile.

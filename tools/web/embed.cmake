@@ -1,18 +1,27 @@
-# Writes OUTPUT, a source with the files of the page as bytes.
+# Writes OUTPUT, a source with the files of the page as bytes. The page has one script: the files below in their order,
+# in one function, so that nothing of it is a property of the window.
+set(scripts texts base data parts overview rf streams panel alarms start_up views frame)
+set(page ${CMAKE_CURRENT_LIST_DIR}/page)
+set(script "'use strict';\n(() => {\n")
+foreach(name IN LISTS scripts)
+  file(READ ${page}/${name}.js part)
+  string(APPEND script "${part}\n")
+endforeach()
+string(APPEND script "start();\n})();\n")
+file(WRITE ${OUTPUT}.js "${script}")
+
 set(text "// Made from the files of the page.\n#include \"tools/web/page.h\"\n\nnamespace tools {\nnamespace {\n\n")
 set(rows "")
-foreach(file IN ITEMS "/:page.html:text/html; charset=utf-8" "/page.css:page.css:text/css; charset=utf-8"
-                      "/page.js:page.js:text/javascript; charset=utf-8")
-  string(REGEX MATCH "^([^:]*):([^:]*):(.*)$" whole "${file}")
-  set(path ${CMAKE_MATCH_1})
-  set(name ${CMAKE_MATCH_2})
-  set(type ${CMAKE_MATCH_3})
-  string(MAKE_C_IDENTIFIER ${name} identifier)
-  file(READ ${CMAKE_CURRENT_LIST_DIR}/${name} bytes HEX)
+macro(embed path file type)
+  string(MAKE_C_IDENTIFIER "page${path}" identifier)
+  file(READ ${file} bytes HEX)
   string(REGEX REPLACE "(..)" "'\\\\x\\1'," bytes "${bytes}")
   string(APPEND text "constexpr char ${identifier}[] = {${bytes}};\n")
-  string(APPEND rows "    {\"${path}\", \"${type}\", {${identifier}, sizeof ${identifier}}},\n")
-endforeach()
+  string(APPEND rows "    {\"${path}\", \"${type}; charset=utf-8\", {${identifier}, sizeof ${identifier}}},\n")
+endmacro()
+embed(/ ${page}/page.html text/html)
+embed(/page.css ${page}/page.css text/css)
+embed(/page.js ${OUTPUT}.js text/javascript)
 string(APPEND text "constexpr PageFile kFiles[] = {\n${rows}};\n\n}  // namespace\n\n"
                    "std::span<const PageFile> pageFiles() {\n  return kFiles;\n}\n\n}  // namespace tools\n")
 file(WRITE ${OUTPUT} "${text}")

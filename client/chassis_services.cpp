@@ -197,9 +197,21 @@ void clearFault(Link& link, const std::string& fault) {
   changeFault(link, kClearFault, fault, 0);
 }
 
-std::string listFaults(Link& link) {
-  const Bytes text = ask(link, makeRequest(Operation::kFault, kListFaults, 0, 0, {}), "list the faults");
+namespace {
+
+std::string textOfFaults(Link& link, u16 variable) {
+  const Bytes text = ask(link, makeRequest(Operation::kFault, variable, 0, 0, {}), "list the faults");
   return {text.begin(), text.end()};
+}
+
+}  // namespace
+
+std::string listFaults(Link& link) {
+  return textOfFaults(link, kListFaults);
+}
+
+std::string nameFaults(Link& link) {
+  return textOfFaults(link, kNameFaults);
 }
 
 }  // namespace client

@@ -60,5 +60,6 @@ void pressKey(Link& link, chassis::PanelKey key);
 void addFault(Link& link, const std::string& fault, std::chrono::milliseconds duration);
 void clearFault(Link& link, const std::string& fault);  // an empty text: all
 std::string listFaults(Link& link);                     // JSON, as `faults` of the report
+std::string nameFaults(Link& link);                     // JSON: those that can be added
 
 }  // namespace client

@@ -46,14 +46,34 @@ struct FaultClear final : Command {
   std::string fault_;
 };
 
+Json listOf(const std::string& text) {
+  Json faults = Json::parse(text, nullptr, false);
+  if (!faults.is_array()) throw client::Error("the list of faults cannot be read");
+  return faults;
+}
+
+struct FaultNames final : Command {
+  void describe(Form& form) override {
+    takeJson(form);
+    form.footer("Example: qamctl fault names");
+  }
+  void carryOut(Session& session) override {
+    const Json names = listOf(client::nameFaults(session.link()));
+    if (json) return session.print(jsonText(names));
+    for (const Json& one : names)
+      session.print(fmt::format("{}{}: {}{}\n", one.value("of", "") == "input" ? "N.P." : "[N.]",
+                                oneLine(member(one, "name")), oneLine(member(one, "text")),
+                                one.value("ends", true) ? "" : "; it has no end"));
+  }
+};
+
 struct FaultList final : Command {
   void describe(Form& form) override {
     takeJson(form);
     form.footer("Example: qamctl fault list --json");
   }
   void carryOut(Session& session) override {
-    const Json faults = Json::parse(client::listFaults(session.link()), nullptr, false);
-    if (!faults.is_array()) throw client::Error("the list of faults cannot be read");
+    const Json faults = listOf(client::listFaults(session.link()));
     if (json) return session.print(jsonText(faults));
     for (const Json& fault : faults) session.print(lineOf(fault) + '\n');
     if (faults.empty()) session.print("no fault is present or planned\n");
@@ -73,13 +93,13 @@ struct FaultList final : Command {
 }  // namespace
 
 Group faultCommands() {
-  return {
-      .name = "fault",
-      .text = "Faults of the hardware that the headend injects",
-      .footer = "'headend --fault help' lists the names. N.P.input-lost takes input P of source card N away.",
-      .commands = {{"add", "Make a fault present from now on", make<FaultAdd>},
-                   {"clear", "End a fault, or all of them", make<FaultClear>},
-                   {"list", "Show the faults that are present or planned", make<FaultList>}}};
+  return {.name = "fault",
+          .text = "Faults of the hardware that the headend injects",
+          .footer = "N.P.input-lost takes input P of source card N away.",
+          .commands = {{"add", "Make a fault present from now on", make<FaultAdd>},
+                       {"names", "Show which faults the headend can inject", make<FaultNames>},
+                       {"clear", "End a fault, or all of them", make<FaultClear>},
+                       {"list", "Show the faults that are present or planned", make<FaultList>}}};
 }
 
 }  // namespace commands

@@ -174,8 +174,12 @@ void checkTogether(const Options& options) {
   if (snmp.trapSink && snmp.trapSink->port == 0) wrong("--snmp-trap", "no program receives on port 0");
   if (options.panel && options.fast) wrong("--panel", "is for real time: leave --fast out");
   if (options.panel && !options.manage) wrong("--panel", "reaches the headend over --manage, which is off");
-  if (options.web && options.fast) wrong("--web", "is for real time: leave --fast out");
-  if (options.web && !options.manage) wrong("--web", "reaches the headend over --manage, which is off");
+  if (options.web.listen && options.fast) wrong("--web", "is for real time: leave --fast out");
+  if (options.web.isWritable && !options.web.listen) wrong("--web-write", "needs --web");
+  if (!options.web.isWritable && !options.web.tokenFile.empty())
+    wrong("--web-token-file", "needs --web-write");
+  if (options.web.listen && !options.manage)
+    wrong("--web", "reaches the headend over --manage, which is off");
   if (options.fast && !options.duration) wrong("--fast", "needs --seconds: nothing else would end the run");
 }
 
@@ -299,11 +303,17 @@ void describeServices(Form& form, Options& o, Given& given) {
   form.value(
       Option("--web", "ADDRESS:PORT",
              fmt::format("a web page of this headend on ADDRESS:PORT of this machine, for browsers (default "
-                         "{}; port 0 takes a free one and prints which). It shows all and changes nothing",
+                         "{}; port 0 takes a free one and prints which). It changes nothing without "
+                         "--web-write",
                          web))
           .count(0, 1)
           .byDefault(web),
-      o.web, parseAddress);
+      o.web.listen, parseAddress);
+  form.flag("--web-write",
+            "users of the web page who know the token, which is shown on the terminal, may change all",
+            o.web.isWritable);
+  form.text({"--web-token-file", "FILE", "write the token to FILE, which only this user may read, instead"},
+            o.web.tokenFile);
   form.text({"--log", "FILE", "debug lines into this file instead of stderr"}, o.log);
   form.text({"--report", "FILE", "write the report (JSON, docs/report.md) to this file at the end"},
             o.report);

@@ -84,12 +84,20 @@ void FaultInjector::apply(const protocol::FaultPlace& place, bool isPresent) {
   kind.set(*cards_[static_cast<std::size_t>(slot)], isPresent, kernel_.now());
 }
 
+nlohmann::ordered_json FaultInjector::names() {
+  auto all = nlohmann::ordered_json::array();
+  for (const FaultKind& kind : faultKinds())
+    all.push_back({{"name", kind.name}, {"of", "card"}, {"text", kind.text}, {"ends", kind.ends}});
+  all.push_back({{"name", kInputLost}, {"of", "input"}, {"text", kInputLostText}, {"ends", true}});
+  return all;
+}
+
 // ---- Requests of clients ----
 
 // The data: the duration in milliseconds, 0 for no end, and the fault.
 u32 FaultInjector::carryOut(const protocol::Request& request, base::Bytes& reply) {
-  if (request.variable == protocol::kListFaults) {
-    const std::string text = report().dump();
+  if (request.variable == protocol::kListFaults || request.variable == protocol::kNameFaults) {
+    const std::string text = (request.variable == protocol::kListFaults ? report() : names()).dump();
     reply.assign(text.begin(), text.end());
     return protocol::kDone;
   }

@@ -27,6 +27,7 @@ class FaultInjector {
   void add(const Options::Fault& fault);
   // Those that have not ended, in the order in which they were added.
   nlohmann::ordered_json report() const;
+  static nlohmann::ordered_json names();  // of those that exist
 
  private:
   u32 carryOut(const protocol::Request& request, base::Bytes& reply);

@@ -82,7 +82,7 @@ void parseSlotTime(const std::string& text, int most_ms, std::map<int, Nanos>& t
 std::string faultList() {
   std::string list;
   for (const FaultKind& kind : faultKinds()) list += kind.name + ": " + kind.text + '\n';
-  return list + "input-lost: an input of a source card is lost (as 6.1.input-lost@10/4)\n";
+  return list + fmt::format("{0}: {1} (as 6.1.{0}@10/4)\n", kInputLost, kInputLostText);
 }
 
 }  // namespace

@@ -58,7 +58,10 @@ int run(const headend::Options& options) {
                headend::engineIdText(snmp->engine()));
   }
   std::optional<headend::WebProcess> web;
-  if (options.web) fmt::print("{}\n", web.emplace(machine.managementAddress(), *options.web).announced());
+  if (options.web.listen) {
+    const std::string calibration = options.calibration ? machine.calibrationAddress() : "";
+    fmt::print("{}\n", web.emplace(machine.managementAddress(), calibration, options.web).announced());
+  }
   std::fflush(stdout);
   int code = headend::run(machine, interrupted);
   if (panel && !panel->close() && code == headend::kExitDone) code = headend::kExitFailed;

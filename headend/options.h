@@ -97,7 +97,12 @@ struct Options {
   Nanos calibrationAge = 10 * kSecond;       // after which a request is dropped; 0: never
   SnmpSettings snmp;
   bool panel = false;
-  std::optional<base::Address> web;  // nullopt: no web page
+  struct Web {
+    std::optional<base::Address> listen;  // nullopt: no web page
+    bool isWritable = false;
+    std::string tokenFile;  // empty: the token is shown on the terminal
+  };
+  Web web;
   std::string log;
   std::string report;
   std::string busLog;

@@ -14,7 +14,22 @@
 
 namespace headend {
 
-WebProcess::WebProcess(const std::string& server, const base::Address& listen) {
+namespace {
+
+std::vector<std::string> wordsFor(const std::string& management, const std::string& calibration,
+                                  const Options::Web& options) {
+  std::vector<std::string> words = {"--server", "headend=" + management, "--listen",
+                                    base::addressText(options.listen.value())};
+  if (!calibration.empty()) words.insert(words.end(), {"--calibration", "headend=" + calibration});
+  if (options.isWritable) words.emplace_back("--web-write");
+  if (!options.tokenFile.empty()) words.insert(words.end(), {"--web-token-file", options.tokenFile});
+  return words;
+}
+
+}  // namespace
+
+WebProcess::WebProcess(const std::string& management, const std::string& calibration,
+                       const Options::Web& options) {
   const std::string program = programBeside("qamweb");
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) fail("no web page: pipe: {}", std::strerror(errno));
@@ -25,7 +40,7 @@ WebProcess::WebProcess(const std::string& server, const base::Address& listen) {
   if (child_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
     for (const int end : ends) ::close(end);
-    becomeProgram(program, {"--server", "headend=" + server, "--listen", base::addressText(listen)}, self);
+    becomeProgram(program, wordsFor(management, calibration, options), self);
   }
   ::close(ends[1]);
   std::FILE* said = fdopen(ends[0], "r");

@@ -7,15 +7,15 @@
 
 #include <string>
 
-#include "base/address.h"
+#include "headend/options.h"
 
 namespace headend {
 
 class WebProcess : boost::noncopyable {
  public:
-  // Shows the headend whose management socket is `server`. Returns when browsers can connect. Throws
-  // std::runtime_error, also if qamweb could not begin; it has printed why.
-  WebProcess(const std::string& server, const base::Address& listen);
+  // Shows the headend with this management socket and this calibration service (empty: none). Returns when
+  // browsers can connect. Throws std::runtime_error, also if qamweb could not begin; it has printed why.
+  WebProcess(const std::string& management, const std::string& calibration, const Options::Web& options);
   ~WebProcess();
 
   const std::string& announced() const { return announced_; }  // a line with the page's address

@@ -6,22 +6,17 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 
 #include "base/files.h"
 #include "base/progress.h"
-#include "client/udp_link.h"
-#include "commands/command.h"
-#include "commands/status.h"
+#include "commands/socket_session.h"
 #include "mpeg/tables.h"
 #include "tools/panel/panel.h"
 
 namespace tools {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr int kFailed = 1;
 constexpr int kWrongCall = 2;
@@ -53,34 +48,9 @@ constexpr const char* kFooter =
     "Exit codes: 0 done; 1 the request could not be carried out (refused, card error, no reply, file error); "
     "2 wrong call; 3 done, but the chassis could not save the record of a card.";
 
-// Only absolute ones count, so that a rescue file is found again from any folder.
-fs::path folderIn(const char* variable) {
-  const char* value = std::getenv(variable);
-  const fs::path folder = value != nullptr ? value : "";
-  return folder.is_absolute() ? folder : fs::path();
-}
-
-// $XDG_STATE_HOME, else ~/.local/state, else the folder for temporary files.
-fs::path stateFolder() {
-  if (fs::path state = folderIn("XDG_STATE_HOME"); !state.empty()) return state;
-  if (const fs::path home = folderIn("HOME"); !home.empty()) return home / ".local" / "state";
-  return fs::temp_directory_path();
-}
-
-class SocketSession final : public commands::Session {
+class TerminalSession final : public commands::SocketSession {
  public:
-  explicit SocketSession(std::string server) : server_(std::move(server)), calibration_(server_) {}
-
-  client::Link& link() override {
-    if (link_) return *link_;
-    link_.emplace(server_);
-    link_->onStart = [this](u16 slot, bool begins) {
-      progress(begins ? fmt::format("slot {}: waiting for the card's start-up", slot + 1) : "");
-    };
-    return *link_;
-  }
-  client::CalibrationLink& calibration() override { return calibration_; }
-  std::string chassis() const override { return server_; }
+  explicit TerminalSession(const std::string& server) : SocketSession(server, server) {}
 
   void print(const std::string& text) override {
     fmt::print("{}", text);
@@ -88,16 +58,6 @@ class SocketSession final : public commands::Session {
   }
   void note(const std::string& text) override { fmt::print(stderr, "note: {}\n", text); }
   void progress(const std::string& text) override { progress_.show(text); }
-
-  fs::path rescueFolder() const override {
-    fs::path folder = stateFolder() / "qamctl" / server_;
-    fs::create_directories(folder);
-    return folder;
-  }
-  std::optional<client::InputCounts> inputs() override {
-    const auto status = commands::statusOf(link());
-    return status ? commands::inputsOf(*status) : std::nullopt;
-  }
 
   bool pause(std::chrono::milliseconds time) override {
     const sigset_t signals = held();
@@ -111,11 +71,11 @@ class SocketSession final : public commands::Session {
     sigprocmask(hold ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
   }
 
-  void showPanel(std::chrono::seconds patience) override { runPanel(server_, patience); }
+  void showPanel(std::chrono::seconds patience) override { runPanel(chassis(), patience); }
 
   // False if a record of a card is not kept.
   bool warn() const {
-    const std::vector<std::string> all = link_ ? commands::warnings(*link_) : std::vector<std::string>();
+    const std::vector<std::string> all = recordWarnings();
     for (const std::string& text : all) fmt::print(stderr, "warning: {}\n", text);
     return all.empty();
   }
@@ -128,10 +88,7 @@ class SocketSession final : public commands::Session {
     return signals;
   }
 
-  std::string server_;
   base::ProgressLine progress_;  // removed before an error is printed
-  std::optional<client::UdpLink> link_;
-  client::UdpCalibrationLink calibration_;
 };
 
 std::string serverOf(const std::string& text) {
@@ -146,7 +103,7 @@ int carryOut(const commands::Call& call, const std::string& server) {
   const std::string byDefault = fmt::format("127.0.0.1:{}", call.entry->needs == commands::Needs::kCalibration
                                                                 ? client::kDefaultCalibrationPort
                                                                 : protocol::kDefaultManagementPort);
-  SocketSession session(server.empty() ? byDefault : server);
+  TerminalSession session(server.empty() ? byDefault : server);
   for (const std::string& note : surroundings.notes) session.note(note);
   try {
     call.command->carryOut(session);

@@ -15,7 +15,10 @@ struct FaultKind {
   bool ends = true;  // else it happens at once and has no end
 };
 
-// All of them, in the order of a list.
+inline constexpr auto kInputLost = "input-lost";  // of a source card's input
+inline constexpr auto kInputLostText = "an input of a source card is lost";
+
+// All those of a card, in the order of a list.
 const std::vector<FaultKind>& faultKinds();
 const FaultKind* findFault(const std::string& name);  // null: unknown name
 

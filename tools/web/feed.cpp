@@ -20,35 +20,6 @@ constexpr client::UdpLinkOptions kQuick = {.timeout = milliseconds(400), .tries 
 constexpr std::array kRates{"psi", "routed", "null"};
 constexpr std::size_t kPaceSamples = 10;
 
-// A command's output is kept, and its notes are left out.
-class Output final : public commands::Session {
- public:
-  explicit Output(const std::string& server) : server_(server), link_(server) {}
-
-  client::Link& link() override { return link_; }
-  client::CalibrationLink& calibration() override { client::fail("no calibration over this page"); }
-  std::string chassis() const override { return server_; }
-  void print(const std::string& text) override { text_ += text; }
-  void note(const std::string& /*text*/) override {}
-  std::filesystem::path rescueFolder() const override { return {}; }
-  std::optional<client::InputCounts> inputs() override {
-    const auto status = commands::statusOf(link_);
-    return status ? commands::inputsOf(*status) : std::nullopt;
-  }
-  bool pause(milliseconds time) override {
-    link_.wait(time);
-    return true;
-  }
-  void showPanel(std::chrono::seconds /*patience*/) override { client::fail("no terminal"); }
-
-  std::string take() { return std::move(text_); }
-
- private:
-  std::string server_;
-  client::UdpLink link_;
-  std::string text_;
-};
-
 Json unixMilliseconds() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   return std::chrono::duration_cast<milliseconds>(now).count();
@@ -60,11 +31,8 @@ std::string compactText(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-Feed::Feed(std::string name, std::string server)
-    : name_(std::move(name)),
-      server_(std::move(server)),
-      link_(server_, kQuick),
-      thread_([this] { poll(); }) {}
+Feed::Feed(Place place)
+    : place_(std::move(place)), link_(place_.management, kQuick), thread_([this] { poll(); }) {}
 
 Feed::~Feed() {
   {
@@ -97,7 +65,7 @@ void Feed::read() {
   std::string error;
   try {
     std::optional<Json> report = commands::statusOf(link_);
-    if (!report) client::fail("{} gives no report", server_);
+    if (!report) client::fail("{} gives no report", place_.management);
     Json lcd = commands::lcdJson(client::readLcd(link_));
     const std::lock_guard lock(mutex_);
     report_ = *std::move(report);
@@ -174,12 +142,30 @@ std::string Feed::answer(const std::vector<std::string>& words) {
   if (kept != answers_.end() && Clock::now() - kept->second.at < kAnswerAge) return kept->second.text;
   std::vector<std::string> line = words;
   line.emplace_back("--json");
-  const commands::Call call = parser_.parse(line);
-  commands::Surroundings surroundings;
-  call.command->prepare(surroundings);
-  Output output(server_);
-  call.command->carryOut(output);
-  return (answers_[words] = {.at = Clock::now(), .text = output.take()}).text;
+  return (answers_[words] = {.at = Clock::now(), .text = carryOut(place_, line, "", ends_).output}).text;
+}
+
+Outcome Feed::change(const std::vector<std::string>& words, const std::string& file,
+                     const std::optional<Expected>& expected) {
+  const auto forget = [this] {
+    const std::lock_guard lock(asking_);
+    answers_.clear();
+  };
+  const std::unique_lock turn(changing_, kQueue);
+  if (!turn) client::fail("another change is being made; try again");
+  if (expected) {
+    forget();
+    const nlohmann::json now = nlohmann::json::parse(answer(expected->words));  // whatever its order
+    if (now != nlohmann::json(expected->value)) throw Changed();
+  }
+  try {
+    Outcome outcome = carryOut(place_, words, file, ends_);
+    forget();
+    return outcome;
+  } catch (...) {
+    forget();  // a part may have been changed
+    throw;
+  }
 }
 
 }  // namespace tools

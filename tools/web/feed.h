@@ -1,10 +1,12 @@
 // What one headend reports, read once for all viewers: its state several times a second by a thread of its
-// own, and what a viewer asks for besides, as the JSON of a command of qamctl. Callable from any thread.
+// own, and what a viewer asks for besides, as the JSON of a command of qamctl. And the changes that viewers
+// make. Callable from any thread.
 #pragma once
 
 #include <boost/core/noncopyable.hpp>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -12,14 +14,15 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "client/udp_link.h"
-#include "commands/command.h"
 #include "commands/json_fields.h"
+#include "tools/web/page_call.h"
 
 namespace tools {
 
@@ -32,12 +35,10 @@ class Feed : boost::noncopyable {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // The headend with the management socket `server`, "ADDR:PORT". `name` is for people.
-  Feed(std::string name, std::string server);
+  explicit Feed(Place place);
   ~Feed();
 
-  const std::string& name() const { return name_; }
-  const std::string& server() const { return server_; }
+  const Place& place() const { return place_; }
 
   struct State {
     unsigned long sequence = 0;
@@ -56,6 +57,22 @@ class Feed : boost::noncopyable {
   // client::Error, also if earlier ones take long; std::runtime_error.
   std::string answer(const std::vector<std::string>& words);
 
+  // A command that changes something, carried out now; `file` as in carryOut. With `expected` only if a
+  // command gives a value: so a viewer undoes its own change, and no other.
+  struct Expected {
+    std::vector<std::string> words;
+    Json value;
+  };
+  class Changed : public std::runtime_error {
+   public:
+    Changed() : runtime_error("somebody else has changed this since") {}
+  };
+  // Throws Changed, and as `answer`.
+  Outcome change(const std::vector<std::string>& words, const std::string& file,
+                 const std::optional<Expected>& expected);
+  // Makes all commands that wait give up.
+  void end() { ends_ = true; }
+
  private:
   static constexpr std::size_t kHistory = 600;  // seconds
   using Rates = std::map<std::string, std::array<std::deque<std::int64_t>, 3>>;
@@ -67,7 +84,7 @@ class Feed : boost::noncopyable {
   void keepRates();
   std::optional<double> paceAt(double virtualSeconds);
 
-  const std::string name_, server_;
+  const Place place_;
 
   // Used by the polling thread only.
   client::UdpLink link_;
@@ -76,7 +93,7 @@ class Feed : boost::noncopyable {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool ends_ = false;
+  std::atomic<bool> ends_ = false;
   Clock::time_point lastViewer_{};  // when one last asked
   State state_;
   bool isUp_ = false;  // whether the last poll was answered
@@ -90,7 +107,7 @@ class Feed : boost::noncopyable {
     std::string text;
   };
   std::map<std::vector<std::string>, Answer> answers_;
-  commands::LineParser parser_;
+  std::timed_mutex changing_;  // one change at a time
 
   std::thread thread_;
 };

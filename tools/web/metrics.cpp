@@ -108,7 +108,7 @@ void addHeadend(Text& text, const std::string& headend, const Json& report) {
 std::string metricsOf(const std::vector<std::unique_ptr<Feed>>& feeds) {
   Text text;
   for (const auto& feed : feeds) {
-    const std::string headend = "headend=" + quoted(feed->name());
+    const std::string headend = "headend=" + quoted(feed->place().name);
     const Json report = feed->report();
     text.add("headend_up", headend, !report.is_null());
     if (!report.is_null()) addHeadend(text, headend, report);

@@ -16,58 +16,21 @@
 namespace tools {
 namespace {
 
-using httplib::Request;
-using httplib::Response;
 using std::chrono::milliseconds;
 
-constexpr int kShortThreads = 32;        // for requests that end at once
-constexpr milliseconds kQuiet{2000};     // the longest time between two events
-constexpr int kPatienceSeconds = 5;      // for a slow request or viewer
-constexpr std::size_t kMostBody = 1024;  // nothing that is read here has one
+constexpr int kShortThreads = 32;     // for requests that end at once
+constexpr milliseconds kQuiet{2000};  // the longest time between two events
+constexpr int kPatienceSeconds = 5;   // for a slow request or viewer
 
 constexpr const char* kPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; connect-src 'self'; "
     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
-// What the API gives besides the state: a command of qamctl behind a path. CHANNEL and SLOT are parts of
-// both.
-struct Answer {
-  const char* path;  // a regular expression behind /api/N/
-  std::vector<std::string> words;
-  bool isLines = false;  // an object a line, for "events"
-};
-const Answer kAnswers[] = {
-    {R"(alarms)", {"alarms", "--history"}, true},
-    {R"(programmes/([1-6]\.[12]))", {"programme", "list", "$"}},
-    {R"(pidmap/([1-6]\.[12]))", {"pidmap", "show", "$"}},
-    {R"(psi/([1-6]\.[12]))", {"psi", "show", "$"}},
-    // Without the rates: each takes the card half a second, in which the headend serves no other client.
-    {R"(variables/([1-6]))",
-     {"var", "get", "$", "rfreq", "rflevel", "symbolrate", "qammode", "rfswitch", "power", "temperature1",
-      "temperature2", "software_version", "fpga_version", "hardware_version"}},
-};
-
-void give(Response& response, int status, const std::string& text) {
-  response.status = status;
-  response.set_content(text, "application/json");
-}
-void refuse(Response& response, int status, const std::string& why) {
-  give(response, status, compactText({{"error", why}}));
-}
-
-// "localhost" of "localhost:8080", "[::1]" of "[::1]:8080"; in small letters.
-std::string hostOf(std::string text) {
-  const std::size_t colon = text.find(':', text.starts_with('[') ? text.find(']') + 1 : 0);
-  if (colon != std::string::npos) text.erase(colon);
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
 // Why a browser may not have the answer: a page of another site asks, or the name was made to point to this
 // service by others. nullopt if it may.
 std::optional<std::string> forbidden(const Request& request, const std::set<std::string>& names) {
-  const std::string host = hostOf(request.get_header_value("Host"));
-  if (!names.contains(host))
+  const std::string host = hostOf(request);
+  if (!isLoopbackName(host) && !names.contains(host))
     return fmt::format("'{}' is no name of this service: start it with --web-name to add one", host);
   if (request.has_header("Origin")) {
     const std::string origin = request.get_header_value("Origin");
@@ -76,7 +39,8 @@ std::optional<std::string> forbidden(const Request& request, const std::set<std:
       return "a page of another site may not ask";
   }
   const std::string site = request.get_header_value("Sec-Fetch-Site");
-  const bool isPage = request.get_header_value("Sec-Fetch-Mode") == "navigate";  // a link leads here
+  const bool isPage = request.method == "GET" &&
+                      request.get_header_value("Sec-Fetch-Mode") == "navigate";  // a link leads here
   if (!site.empty() && site != "same-origin" && site != "none" && !isPage)
     return "a page of another site may not ask";
   return std::nullopt;
@@ -119,34 +83,28 @@ std::string linesAsList(const std::string& lines) {
   return "{\"events\":[" + list + "]}";
 }
 
-void sendAnswer(Feed& feed, const Answer& answer, const Request& request, Response& response) {
-  std::vector<std::string> words = answer.words;
-  for (std::string& word : words) {
-    if (word == "$") word = request.matches[2];
-  }
-  try {
-    const std::string text = feed.answer(words);
-    give(response, 200, answer.isLines ? linesAsList(text) : text);
-  } catch (const client::Error& e) {
-    refuse(response, e.gotNoReply() ? 504 : 409, e.what());
-  } catch (const std::exception& e) {
-    refuse(response, 502, e.what());
-  }
+void sendAnswer(Feed& feed, const Request& request, Response& response) {
+  const auto question = questionOf(request.matches[2]);
+  if (!question) return refuse(response, 404, "there is nothing of this name");
+  attempt(response, [&] {
+    const std::string text = feed.answer(question->words);
+    return question->isLines ? linesAsList(text) : text;
+  });
 }
 
-Json headendsJson(const std::vector<std::unique_ptr<Feed>>& feeds) {
+Json headendsJson(const Feeds& feeds) {
   Json list = Json::array();
   for (std::size_t i = 0; i < feeds.size(); ++i)
-    list.push_back(
-        {{"id", std::to_string(i + 1)}, {"name", feeds[i]->name()}, {"server", feeds[i]->server()}});
+    list.push_back({{"id", std::to_string(i + 1)},
+                    {"name", feeds[i]->place().name},
+                    {"server", feeds[i]->place().management}});
   return {{"version", QAM_VERSION}, {"headends", std::move(list)}};
 }
 
 }  // namespace
 
-WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<std::string> names)
-    : feeds_(feeds), http_(std::make_unique<httplib::Server>()) {
-  for (const char* name : {"localhost", "127.0.0.1", "[::1]"}) names.insert(name);
+WebServer::WebServer(const Feeds& feeds, std::set<std::string> names, WriteOptions writes)
+    : feeds_(feeds), writing_(feeds, std::move(writes)), http_(std::make_unique<httplib::Server>()) {
   http_->new_task_queue = [] { return new httplib::ThreadPool(kViewers + kShortThreads); };
   http_->set_default_headers({{"Content-Security-Policy", kPolicy},
                               {"X-Content-Type-Options", "nosniff"},
@@ -156,15 +114,16 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
                               {"Cache-Control", "no-store"}});
   http_->set_read_timeout(kPatienceSeconds);
   http_->set_write_timeout(kPatienceSeconds);
-  http_->set_keep_alive_timeout(2);
-  http_->set_payload_max_length(kMostBody);
+  // Each connection is for one request: what is left of the body of a refused one is no other request.
+  http_->set_keep_alive_max_count(1);
+  http_->set_payload_max_length(Writing::kMostUpload + 1);
   http_->set_tcp_nodelay(true);
   http_->set_pre_routing_handler([names = std::move(names)](const Request& request, Response& response) {
     using Handled = httplib::Server::HandlerResponse;
     if (const auto why = forbidden(request, names)) return refuse(response, 403, *why), Handled::Handled;
-    if (request.method == "GET" || request.method == "HEAD") return Handled::Unhandled;
-    response.set_header("Allow", "GET, HEAD");
-    return refuse(response, 405, "this service only reads"), Handled::Handled;
+    const bool isRead = request.method == "GET" || request.method == "HEAD";
+    if (isRead || Writing::isRoute(request)) return Handled::Unhandled;
+    return refuse(response, 405, "not a method of this service"), Handled::Handled;
   });
   http_->set_error_handler([](const Request&, Response& response) {
     if (response.body.empty()) refuse(response, response.status, "there is nothing of this name");
@@ -178,19 +137,18 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
       response.set_content(file.content.data(), file.content.size(), file.type);
     });
   }
+  writing_.serve(*http_);
   const auto get = [this](const std::string& path,
                           const std::function<void(Feed&, const Request&, Response&)>& handler) {
     http_->Get("/api/([0-9]{1,3})/" + path, [this, handler](const Request& request, Response& response) {
-      const auto number = static_cast<std::size_t>(std::stoi(request.matches[1]));
-      if (number == 0 || number > feeds_.size())
-        return refuse(response, 404, "there is no headend of this number");
-      handler(*feeds_[number - 1], request, response);
+      if (Feed* feed = feedOf(feeds_, request, response)) handler(*feed, request, response);
     });
   };
   http_->Get("/api/headends", [this](const Request&, Response& response) {
     give(response, 200, compactText(headendsJson(feeds_)));
   });
-  http_->Get("/metrics", [this](const Request&, Response& response) {
+  http_->Get("/metrics", [this](const Request& request, Response& response) {
+    if (!writing_.mayReadMetrics(request, response)) return;
     response.set_content(metricsOf(feeds_), "text/plain; version=0.0.4");
   });
   const auto viewers = std::make_shared<std::atomic<int>>(0);
@@ -204,11 +162,7 @@ WebServer::WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<s
   get("history", [](Feed& feed, const Request&, Response& response) {
     give(response, 200, compactText(feed.history()));
   });
-  for (const Answer& answer : kAnswers) {
-    get(answer.path, [&answer](Feed& feed, const Request& request, Response& response) {
-      sendAnswer(feed, answer, request, response);
-    });
-  }
+  get("([a-z]+(?:/[0-9.]+)?)", sendAnswer);
 }
 
 WebServer::~WebServer() = default;
@@ -226,6 +180,8 @@ void WebServer::serve() {
 }
 
 void WebServer::stop() {
+  writing_.end();
+  for (const auto& feed : feeds_) feed->end();
   http_->stop();
 }
 

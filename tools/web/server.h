@@ -1,17 +1,12 @@
 // The HTTP service of qamweb: the page, the JSON below /api/, server-sent events, and /metrics. docs/web.md
-// describes them. It only reads.
+// describes them.
 #pragma once
 
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
-#include "tools/web/feed.h"
-
-namespace httplib {
-class Server;
-}
+#include "tools/web/writing.h"
 
 namespace tools {
 
@@ -20,7 +15,7 @@ class WebServer : boost::noncopyable {
   // `names`: host names, besides those of the loopback, by which browsers may call it. At most kViewers
   // event streams are served.
   static constexpr int kViewers = 32;
-  WebServer(const std::vector<std::unique_ptr<Feed>>& feeds, std::set<std::string> names);
+  WebServer(const Feeds& feeds, std::set<std::string> names, WriteOptions writes);
   ~WebServer();
 
   // Opens the socket; port 0: a free one. Returns the port. Throws std::runtime_error.
@@ -29,7 +24,8 @@ class WebServer : boost::noncopyable {
   void stop();   // from any thread
 
  private:
-  const std::vector<std::unique_ptr<Feed>>& feeds_;
+  const Feeds& feeds_;
+  Writing writing_;
   std::unique_ptr<httplib::Server> http_;
   std::string host_;
 };

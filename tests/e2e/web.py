@@ -23,7 +23,7 @@ VIEWERS = 32
 # A headend with its page, and the page's port.
 @contextlib.contextmanager
 def page(case, *args):
-    with Server(case, case.flash(), '--web', '127.0.0.1:0', *args) as server:
+    with Server(case, case.flash(f'flash{case.runs}'), '--web', '127.0.0.1:0', *args) as server:
         found = server.wait(lambda: re.search(r'web page on http://127\.0\.0\.1:(\d+)/', server.text()))
         server.wait_started()
         yield server, int(found[1])
@@ -109,6 +109,85 @@ def nobody_else_reads_or_writes_and_no_client_harms_another(case):
         began = viewers[0].send(None)['sequence']
         case.check(all(next(each)['sequence'] >= began for each in viewers[:VIEWERS]), 'a viewer gets no more')
         case.equal(ask(port, '/')[0], 200, 'after the storm')
+
+
+# The frequency is changed by the last request of each row, or not. A request: status, path, words or body, headers.
+def who_knows_the_token_changes_something_and_nobody_else(case):
+    file, setting = case.path('token'), ['var', 'set', '1', 'rfreq']
+    with page(case, '--web-write', '--web-token-file', file) as (server, port):
+        token, origin = read(file).decode().strip(), f'http://127.0.0.1:{port}'
+        case.equal((len(token), os.stat(file).st_mode & 0o777, token in server.text()), (32, 0o600, False), 'token')
+        bearer, wrong = {'Authorization': f'Bearer {token}'}, {'Authorization': f'Bearer {token[:-1]}'}
+        send = lambda body, path='1/do', method='POST', **headers: ask(  # noqa: E731
+            port, '/api/' + path, method, body if isinstance(body, str) else json.dumps(body), **{'Content_Type': 'application/json', **headers})
+        before = {'path': 'settings/1', 'value': json.loads(ask(port, '/api/1/settings/1')[2])}
+        status, headers, _ = send({'token': token}, 'session', Origin=origin)
+        cookie = headers['Set-Cookie']
+        case.equal((status, re.sub('=[0-9a-f]{32};|_[0-9a-f]{16}', '', cookie)), (200, 'qamweb Path=/; HttpOnly; SameSite=Strict'), 'cookie')
+        inside = {'Cookie': 'a=b; ' + cookie.split(';')[0], 'Origin': origin}
+        order = lambda number, **more: {'words': [*setting, str(number)], **more}  # noqa: E731
+        deep = '{"token":' + '[' * 400_000
+        for wanted, frequency, body, request in (
+                (401, None, order(601000), {}), (403, None, order(601000), wrong), (401, None, order(601000), {'Cookie': cookie.split('=')[0] + '=' + token}),
+                (403, None, order(601000), {**inside, 'Origin': 'http://foreign.example'}), (403, None, order(601000), {'Cookie': inside['Cookie']}),
+                (403, None, order(601000), {**bearer, 'Host': 'rebound.example'}), (415, None, order(601000), {**inside, 'Content_Type': 'text/plain'}),
+                (400, None, order(4), inside), (400, None, {'words': ['psi', 'show', '1.1', '--save', case.path('x')]}, inside),
+                (400, None, {'words': ['psi', 'load', '1.1', case.sample('psi-small.ts')]}, inside), (400, None, {'words': ['key', '--help']}, inside),
+                (413, None, ' ' * 1_100_000, inside), (400, None, deep, inside), (400, None, deep, {'path': 'session'}), (400, None, '', inside),
+                (409, None, {'words': ['var', 'set', '2', 'rfreq', '601000']}, inside), (404, None, order(601000), {**bearer, 'path': '2/do'}),
+                (405, None, order(601000), {**inside, 'path': '1/state'}), (405, None, 'x', {'path': 'session', 'method': 'DELETE'}),
+                (200, 601, order(601000), bearer), (200, 602, order(602000), inside), (409, None, order(603000, expect=before), inside),
+                (200, 554, order(554000), inside), (200, 604, order(604000, expect=before), inside),
+                (403, None, {'token': 'x'}, {'path': 'session'})):
+            old = case.findings(case.args.qamctl, '--server', server.address, 'var', 'get', '1', 'rfreq', '--json')[0]['value']
+            answer = send(body, **request)
+            case.equal(answer[0], wanted, f'{str(body)[:60]} {request} {answer[2]}')
+            now = case.findings(case.args.qamctl, '--server', server.address, 'var', 'get', '1', 'rfreq', '--json')[0]['value']
+            case.equal(now, frequency * 1000 if frequency else old, f'frequency after {str(body)[:60]} {request}')
+        case.check('127.0.0.1, session 1: headend: var set 1 rfreq 604000: done' in server.text(), server.text())
+        for _ in range(8):  # two were wrong before
+            case.equal(send({'token': token[::-1]}, 'session')[0], 403, 'a wrong token')
+        case.equal([send(order(605000), **each)[0] for each in (wrong, bearer, inside)], [429, 429, 200], 'after ten wrong tokens')
+        case.equal(send('', 'session', 'DELETE', **{**inside, 'Content_Length': '0'})[0], 405, 'a body')
+        case.equal(ask(port, '/api/session', 'DELETE', **inside)[0], 200, 'log out')
+        case.equal(send(order(606000), **inside)[0], 401, 'after it')
+    case.check(not os.path.exists(file), 'the token is left')
+    with page(case) as (server, port):
+        case.equal(ask(port, '/api/1/do', 'POST', '{}', **bearer)[0], 403, 'without --web-write')
+
+
+def an_upload_is_whole_or_changes_nothing(case):
+    file, folder = case.path('token'), case.path('uploads')
+    os.mkdir(folder)
+    os.environ['TMPDIR'] = folder
+    with page(case, '--web-write', '--web-token-file', file, '--psi', f'1.1={case.sample("psi-small.ts")}') as (server, port):
+        bearer, path = {'Authorization': 'Bearer ' + read(file).decode().strip()}, '/api/1/upload?word=psi&word=load&word=1.1&word=@'
+        good, tables = read(case.sample('two-programmes.ts')), lambda: case.findings(case.args.qamctl, '--server', server.address, 'psi', 'show', '1.1', '--json')
+        poll(lambda: tables()['tables'])
+        before = tables()
+
+        def begin(length, to=path):
+            connection = http.client.HTTPConnection('127.0.0.1', port, timeout=harness.HANG_SECONDS)
+            connection.putrequest('POST', to)
+            for name, value in {**bearer, 'Content-Length': length}.items():
+                connection.putheader(name, value)
+            connection.endheaders(good[:100_000])
+            return connection
+        halt = begin(len(good))
+        case.check(poll(lambda: ask(port, path, 'POST', good, **bearer)[0] == 409), 'two uploads for a channel')
+        other = path.replace('1.1', '1.2')
+        for wanted, to, body, headers in ((200, other, good, bearer), (422, other, random.Random(7).randbytes(3 << 20), bearer),
+                                          (409, other, b'x' * 5000, bearer), (401, other, good, {}), (400, other.replace('@', 'x'), good, bearer),
+                                          (415, other, b'--x--', {**bearer, 'Content_Type': 'multipart/form-data; boundary=x'})):
+            case.equal(ask(port, to, 'POST', body, **headers)[0], wanted, f'{to} {headers}')
+        case.equal(begin(10 ** 10, other).getresponse().status, 413, 'more than a capture may have')
+        halt.close()
+        case.check(poll(lambda: 'not completed' in server.text()), 'the upload that ended')
+        case.equal((tables(), os.listdir(folder)), (before, []), 'after it')
+        case.equal(ask(port, path, 'POST', iter([good[at:at + 70_000] for at in range(0, len(good), 70_000)]), **bearer)[0], 200, 'in chunks')
+        case.check(tables() != before, 'tables')
+        halt = begin(len(good))
+    case.equal(os.listdir(folder), [], 'files left')
 
 
 def a_headend_that_stops_and_comes_back_is_shown_as_such(case):

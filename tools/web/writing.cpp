@@ -293,8 +293,8 @@ namespace {
 // Receives the file of an upload and says why it cannot be used.
 class Receiver {
  public:
-  Receiver(UploadedFile& file, bool isCapture, const std::atomic<bool>& ends)
-      : file_(file), isCapture_(isCapture), ends_(ends) {}
+  Receiver(UploadedFile& file, u64 most, bool isCapture, const std::atomic<bool>& ends)
+      : file_(file), most_(most), isCapture_(isCapture), ends_(ends) {}
 
   struct Refusal {
     int status = 0;
@@ -309,8 +309,7 @@ class Receiver {
     } catch (const std::system_error& e) {
       return refuseIt(507, e.what());
     }
-    const std::uint64_t most = isCapture_ ? Writing::kMostUpload : Writing::kMostBody;
-    if (file_.size() > most) return refuseIt(413, fmt::format("the file has more than {} bytes", most));
+    if (file_.size() > most_) return refuseIt(413, fmt::format("the file has more than {} bytes", most_));
     if (!looked_ && isCapture_ && file_.size() >= Writing::kMostWithoutPackets) {
       looked_ = true;
       if (!file_.hasPackets())
@@ -329,6 +328,7 @@ class Receiver {
   }
 
   UploadedFile& file_;
+  const u64 most_;
   const bool isCapture_;
   const std::atomic<bool>& ends_;
   bool looked_ = false;
@@ -386,10 +386,12 @@ void Writing::takeUpload(const Request& request, Response& response, const Reade
   if (!turn.isMine()) return no(409, "another upload for it comes just now");
   UploadedFile file;
   const u64 announced = request.get_header_value<u64>("Content-Length");
+  const u64 most = order->isCapture ? kMostUpload : kMostBody;
+  if (announced > most) return no(413, fmt::format("the file has more than {} bytes", most));
   if (announced > file.freeBytes())
     return no(507, fmt::format("the upload has {} bytes, and {} are free in the folder for temporary files",
                                announced, file.freeBytes()));
-  Receiver receiver(file, order->isCapture, ends_);
+  Receiver receiver(file, most, order->isCapture, ends_);
   const bool isWhole =
       reader([&](const char* bytes, std::size_t count) { return receiver.take(bytes, count); });
   const std::string by = who(request, *name);

@@ -14,7 +14,9 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kWatched{200}, kAlone{1000};  // between two states, with and without viewers
-constexpr milliseconds kWatching{5000};              // so long after its last question a viewer counts
+// After a change: its effect, as that of a key on the LCD, may come a moment after the answer.
+constexpr milliseconds kChanged{40}, kAfterChange{400};
+constexpr milliseconds kWatching{5000};  // so long after its last question a viewer counts
 constexpr milliseconds kAnswerAge{1000}, kQueue{2000};
 constexpr client::UdpLinkOptions kQuick = {.timeout = milliseconds(400), .tries = 2};
 constexpr std::array kRates{"psi", "routed", "null"};
@@ -51,13 +53,16 @@ bool Feed::isWatched() const {
 void Feed::poll() {
   std::unique_lock lock(mutex_);
   for (auto due = Clock::now(); !ends_;) {
+    const auto last = hurriesUntil_;
     const bool wasWatched = isWatched();  // a first viewer does not wait for the end of the longer pause
-    changed_.wait_until(lock, due, [&] { return ends_ || (!wasWatched && isWatched()); });
+    changed_.wait_until(lock, due,
+                        [&] { return ends_ || hurriesUntil_ != last || (!wasWatched && isWatched()); });
     if (ends_) break;
     lock.unlock();
     read();
     lock.lock();
-    due = std::max(due, Clock::now()) + (isWatched() ? kWatched : kAlone);
+    const auto now = Clock::now();
+    due = now + (now < hurriesUntil_ ? kChanged : isWatched() ? kWatched : kAlone);
   }
 }
 
@@ -147,25 +152,34 @@ std::string Feed::answer(const std::vector<std::string>& words) {
 
 Outcome Feed::change(const std::vector<std::string>& words, const std::string& file,
                      const std::optional<Expected>& expected) {
-  const auto forget = [this] {
-    const std::lock_guard lock(asking_);
-    answers_.clear();
-  };
   const std::unique_lock turn(changing_, kQueue);
   if (!turn) client::fail("another change is being made; try again");
   if (expected) {
-    forget();
+    forgetAnswers();
     const nlohmann::json now = nlohmann::json::parse(answer(expected->words));  // whatever its order
     if (now != nlohmann::json(expected->value)) throw Changed();
   }
-  try {
-    Outcome outcome = carryOut(place_, words, file, ends_);
-    forget();
-    return outcome;
-  } catch (...) {
-    forget();  // a part may have been changed
-    throw;
+  // Also after a failure: a part may have been changed.
+  struct AtEnd {
+    ~AtEnd() { feed.showSoon(); }
+    Feed& feed;
+  };
+  const AtEnd atEnd{*this};
+  return carryOut(place_, words, file, ends_);
+}
+
+void Feed::forgetAnswers() {
+  const std::lock_guard lock(asking_);
+  answers_.clear();
+}
+
+void Feed::showSoon() {
+  forgetAnswers();
+  {
+    const std::lock_guard lock(mutex_);
+    hurriesUntil_ = Clock::now() + kAfterChange;
   }
+  changed_.notify_all();
 }
 
 }  // namespace tools

@@ -81,6 +81,8 @@ class Feed : boost::noncopyable {
   void poll();
   void read();
   void publish(const std::string& error);
+  void forgetAnswers();
+  void showSoon();  // what was changed just now
   void keepRates();
   std::optional<double> paceAt(double virtualSeconds);
 
@@ -94,7 +96,8 @@ class Feed : boost::noncopyable {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::atomic<bool> ends_ = false;
-  Clock::time_point lastViewer_{};  // when one last asked
+  Clock::time_point lastViewer_{};    // when one last asked
+  Clock::time_point hurriesUntil_{};  // states come faster: something was changed
   State state_;
   bool isUp_ = false;  // whether the last poll was answered
   Json report_, lcd_, readAt_;

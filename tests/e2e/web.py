@@ -197,11 +197,19 @@ def a_headend_that_stops_and_comes_back_is_shown_as_such(case):
         stack.callback(first.process.kill)
         first.wait_started()
         web = subprocess.Popen([case.args.qamctl.replace('qamctl', 'qamweb'), '--server', f'{MARKUP}={first.address}',
-                                '--listen', '127.0.0.1:0'], stdout=subprocess.PIPE)
+                                '--listen', '127.0.0.1:0', '--web-name', 'LAB.example', '--web-write', '--web-token-file', case.path('token'),
+                                '--web-behind-tls'], stdout=subprocess.PIPE)
         stack.callback(web.kill)
         port = int(re.search(rb':(\d+)/', web.stdout.readline())[1])
         view = states(port)
         case.equal(await_state(view, lambda it: it['status'])['error'], '', 'error')
+        proxied, bearer = {'Host': 'lab.EXAMPLE'}, {'Authorization': 'Bearer ' + read(case.path('token')).decode().strip()}
+        key = {'method': 'POST', 'body': '{"words": ["key", "up"]}', 'Content_Type': 'application/json', **proxied}
+        for wanted, path, request in ((200, '/', proxied), (401, '/metrics', proxied), (200, '/metrics', {**proxied, **bearer}),
+                                      (401, '/api/1/do', key), (200, '/api/1/do', {**key, **bearer})):
+            case.equal(ask(port, path, **request)[0], wanted, f'{path} {request}')
+        cookie = ask(port, '/api/session', 'POST', json.dumps({'token': bearer['Authorization'][7:]}), Content_Type='application/json')[1]
+        case.check(cookie['Set-Cookie'].endswith('; Secure'), 'cookie')
         first.stop()
         case.check(await_state(view, lambda it: it['error'])['status'], 'the last state is not kept')
         name = MARKUP.replace('"', '\\"')
@@ -218,7 +226,8 @@ def a_page_that_cannot_be_shown_is_refused_with_the_reason(case):
     with socket.create_server(('127.0.0.1', 0)) as taken:
         busy = f'127.0.0.1:{taken.getsockname()[1]}'
         for code, text, args in ((1, 'cannot listen on ' + busy, ['--web', busy]), (2, 'real time', ['--web', '--fast', '--seconds', '1']),
-                                 (2, '--manage', ['--web', '--manage', 'off']), (2, 'ADDRESS', ['--web', 'here'])):
+                                 (2, '--manage', ['--web', '--manage', 'off']), (2, 'ADDRESS', ['--web', 'here']),
+                                 (1, 'ssh -L', ['--web', '0.0.0.0:0', '--web-write', '--web-token-file', case.path('t')])):
             case.says(case.execute([case.args.headend, '--flash', flash, '--manage', '127.0.0.1:0', *args], (code,)), text)
 
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -69,6 +70,11 @@ Place placeOf(const std::string& text) {
   return {.name = std::move(name), .management = std::move(address), .calibration = {}};
 }
 
+std::string inSmallLetters(std::string text) {
+  std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
+  return text;
+}
+
 bool isLoopback(const std::string& host) {
   return host == "localhost" || host == "::1" || host.starts_with("127.");
 }
@@ -121,7 +127,7 @@ Options optionsOf(std::vector<std::string> words) {
                   "--web-name", "HOST",
                   "a host name by which browsers call this service, besides localhost; others are refused")
                   .repeatable(),
-              options.names, std::identity());
+              options.names, inSmallLetters);
   form.flag("--web-write", "users who know the token may change settings, tables and all else",
             options.isWritable);
   form.text({"--web-token-file", "FILE",

@@ -111,7 +111,8 @@ void ChannelChange::check() const {
 
 std::string ChannelChange::describe() const {
   std::string text = fmt::format("Channel {}: {}\n", channelName(before.channel),
-                                 release             ? "ends the lock of the PID map"
+                                 release && tables   ? "ends the lock of the PID map, locks the tables"
+                                 : release           ? "ends the lock of the PID map"
                                  : tables && map     ? "locks PID map and tables"
                                  : tables            ? "locks the tables"
                                  : map               ? "locks the PID map"

@@ -12,7 +12,6 @@
 #include <map>
 #include <sstream>
 #include <system_error>
-#include <tuple>
 #include <utility>
 
 #include "base/files.h"
@@ -24,21 +23,9 @@ namespace {
 
 using Entries = std::vector<MapEntry>;
 
-// Name, lowest and highest value: what the card's record can hold, so that a rescue file can have any content
-// of it.
-using Column = std::tuple<const char*, u32, u32>;
-constexpr Column kColumns[] = {
-    {"src_slot", 1, MAX_BOARD_NUM},
-    {"src_port", 1, 0x100},
-    {"src_pid", 0, 0xFFFF},
-    {"src_programme", 0, 0xFFFF},
-    {"dst_pid", 0, 0xFFFF},
-    {"dst_programme", 0, 0xFFFF},
-    {"type", 0, 0xFF},
-};
 constexpr std::string_view kHeader = "src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type";
 
-u32 parseField(const std::string& field, const Column& column, const std::string& where) {
+u32 parseField(const std::string& field, const MapColumn& column, const std::string& where) {
   const auto& [name, lowest, highest] = column;
   const std::string text = boost::trim_copy(field);
   const auto value = base::parseNumber<u64>(text);
@@ -51,17 +38,11 @@ u32 parseField(const std::string& field, const Column& column, const std::string
 MapEntry parseEntry(const std::string& line, const std::string& where) {
   std::vector<std::string> fields;
   boost::split(fields, line, boost::is_any_of(","));
-  constexpr std::size_t kCount = std::size(kColumns);
+  constexpr std::size_t kCount = kMapColumns.size();
   if (fields.size() != kCount) fail("{}: {} fields where there should be {}", where, fields.size(), kCount);
-  std::array<u32, kCount> values{};
-  for (std::size_t i = 0; i < kCount; ++i) values[i] = parseField(fields[i], kColumns[i], where);
-  return {.sourceSlot = static_cast<u16>(values[0] - 1),
-          .sourcePort = values[1] - 1,
-          .sourcePid = static_cast<u16>(values[2]),
-          .sourceProgramme = static_cast<u16>(values[3]),
-          .pid = static_cast<u16>(values[4]),
-          .programme = static_cast<u16>(values[5]),
-          .type = static_cast<u16>(values[6])};
+  MapValues values{};
+  for (std::size_t i = 0; i < kCount; ++i) values[i] = parseField(fields[i], kMapColumns[i], where);
+  return mapEntryOf(values);
 }
 
 // Empty if the entry is right by itself.
@@ -124,6 +105,20 @@ Entries mapOfRelease(Link& link, const ChannelState& state, ReleaseBy by, const 
 }  // namespace
 
 // ---- The file
+
+MapEntry mapEntryOf(const MapValues& values) {
+  return {.sourceSlot = static_cast<u16>(values[0] - 1),
+          .sourcePort = values[1] - 1,
+          .sourcePid = static_cast<u16>(values[2]),
+          .sourceProgramme = static_cast<u16>(values[3]),
+          .pid = static_cast<u16>(values[4]),
+          .programme = static_cast<u16>(values[5]),
+          .type = static_cast<u16>(values[6])};
+}
+
+MapValues valuesOf(const MapEntry& e) {
+  return {e.sourceSlot + 1u, e.sourcePort + 1, e.sourcePid, e.sourceProgramme, e.pid, e.programme, e.type};
+}
 
 MapFile parseMapFile(std::string_view text, const std::string& name) {
   constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";

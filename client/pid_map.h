@@ -4,6 +4,7 @@
 // unlock, which sends the whole record to it.
 #pragma once
 
+#include <array>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -12,6 +13,26 @@
 #include "client/channel_change.h"
 
 namespace client {
+
+// The columns of the file: name, lowest and highest value. This is what the card's record can hold, so that a
+// rescue file can have any content of it.
+struct MapColumn {
+  const char* name;
+  u32 lowest, highest;
+};
+inline constexpr std::array kMapColumns = {
+    MapColumn{"src_slot", 1, MAX_BOARD_NUM},
+    MapColumn{"src_port", 1, 0x100},
+    MapColumn{"src_pid", 0, 0xFFFF},
+    MapColumn{"src_programme", 0, 0xFFFF},
+    MapColumn{"dst_pid", 0, 0xFFFF},
+    MapColumn{"dst_programme", 0, 0xFFFF},
+    MapColumn{"type", 0, 0xFF},
+};
+// A value for each column, within its range.
+using MapValues = std::array<u32, kMapColumns.size()>;
+MapEntry mapEntryOf(const MapValues& values);
+MapValues valuesOf(const MapEntry& entry);
 
 struct MapFile {
   std::vector<MapEntry> entries;

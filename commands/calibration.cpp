@@ -9,7 +9,6 @@
 #include <stdexcept>
 #include <vector>
 
-#include "base/files.h"
 #include "client/calibration.h"
 #include "commands/command.h"
 #include "commands/json_fields.h"
@@ -123,9 +122,7 @@ struct SavedCalibration {
 };
 
 // "fields" may be absent, but if present must match the bytes, because a user may have edited it.
-SavedCalibration parseCalibration(const std::string& text) {
-  const Json json = Json::parse(text, nullptr, false);
-  if (json.is_discarded()) throw std::runtime_error("is not JSON");
+SavedCalibration parseCalibration(const Json& json) {
   if (member(json, kVersionKey) != kVersion) {
     throw std::runtime_error(fmt::format("is no calibration: \"{}\": {} is missing", kVersionKey, kVersion));
   }
@@ -142,18 +139,6 @@ SavedCalibration parseCalibration(const std::string& text) {
                     meant.dump()));
   }
   return saved;
-}
-
-// Throws std::runtime_error with the file's name and the error.
-SavedCalibration loadCalibration(const std::filesystem::path& file) {
-  constexpr std::size_t kLongest = 65536;
-  try {
-    return parseCalibration(base::readFile(file, kLongest));
-  } catch (const std::system_error& e) {
-    throw std::runtime_error(fmt::format("{}: cannot be read: {}", file.string(), e.what()));
-  } catch (const std::exception& e) {
-    throw std::runtime_error(fmt::format("{}: {}", file.string(), e.what()));
-  }
 }
 
 // --- The commands
@@ -297,7 +282,7 @@ struct CalRestore final : CalChange {
   }
 
   void prepare(Surroundings& surroundings) override {
-    saved_ = loadCalibration(file_);
+    saved_ = fromJsonFile(file_, parseCalibration);
     if (saved_.slot != slot() + 1)
       surroundings.notes.push_back(fmt::format("{} was not saved from slot {}", file_, slot() + 1));
   }

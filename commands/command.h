@@ -160,6 +160,7 @@ struct Group {
 };
 // The groups, each in the file of its commands.
 Group alarmCommands();
+Group backupCommands();
 Group calibrationCommands();
 Group callCommands();
 Group faultCommands();

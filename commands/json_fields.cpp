@@ -3,6 +3,9 @@
 #include <fmt/args.h>
 #include <fmt/format.h>
 
+#include <system_error>
+
+#include "base/files.h"
 #include "base/text.h"
 
 namespace commands {
@@ -43,6 +46,19 @@ std::string filled(const char* text, const Json& object) {
 
 std::string jsonText(const Json& json) {
   return json.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
+Json readJson(const std::filesystem::path& file) {
+  constexpr std::size_t kLongest = 1 << 20;  // several times a full channel
+  std::string text;
+  try {
+    text = base::readFile(file, kLongest);
+  } catch (const std::system_error& e) {
+    throw std::runtime_error(fmt::format("cannot be read: {}", e.what()));
+  }
+  Json json = Json::parse(text, nullptr, false);
+  if (json.is_discarded()) throw std::runtime_error("is not JSON");
+  return json;
 }
 
 }  // namespace commands

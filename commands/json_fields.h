@@ -1,9 +1,11 @@
 // The JSON values of reports, and the fields of a JSON object from a server: a missing field, or one of an
-// unexpected type, is not an error. Used for the status.
+// unexpected type, is not an error. Used for the status and for files that users name.
 #pragma once
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 namespace commands {
@@ -23,5 +25,18 @@ std::string filled(const char* text, const Json& object);
 
 // Indented lines, escaped beyond ASCII, so that no text from the chassis can control a terminal.
 std::string jsonText(const Json& json);
+
+// Throws std::runtime_error if the file cannot be read, has more than 1 MB, or is not JSON.
+Json readJson(const std::filesystem::path& file);
+
+// What `parse` makes of a file's JSON. Throws std::runtime_error with the file's name and the error.
+template <typename Parse>
+auto fromJsonFile(const std::filesystem::path& file, Parse parse) {
+  try {
+    return parse(readJson(file));
+  } catch (const std::exception& e) {
+    throw std::runtime_error(file.string() + ": " + e.what());
+  }
+}
 
 }  // namespace commands

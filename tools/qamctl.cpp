@@ -33,6 +33,7 @@ constexpr const char* kFooter =
     "  qamctl psi interval 1.2 NIT_C=1000 BAT=0\n"
     "  qamctl pidmap load 1.1 map.csv\n"
     "  qamctl programme add 1.1 --from 2.1 --service News --pass 0x12\n"
+    "  qamctl backup 1.1 channel.json\n"
     "  qamctl wait 1 && qamctl rates\n"
     "  qamctl var get 1 rfreq rflevel\n"
     "  qamctl var set 1 rfreq 602000\n"

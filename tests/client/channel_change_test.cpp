@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "client/channel_backup.h"
 #include "client/channel_state.h"
 #include "client/chassis_services.h"
 #include "client/pid_map.h"
@@ -193,6 +194,12 @@ TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
       {"pidmap clear", 10, [](auto& l, auto& o) { return planMap(l, kChannel, {}, o); }},
       {"pidmap release", 11,
        [](auto& l, auto& o) { return planRelease(l, kChannel, ReleaseBy::kMap, mapOf(90, 0x600), o); }, true},
+      {"restore --force", 60,
+       [&](auto& l, auto&) {
+         const ChannelContent content = {.intervals = two, .tables = small, .map = mapOf(90, 0x600)};
+         return planRestore(l, kChannel, content, force);
+       },
+       true},
       {"programme add", 44,
        [](auto& l, auto& o) {
          return planAddProgramme(l, kChannel, SourcePort{5, 0}, "3", {}, o).change;

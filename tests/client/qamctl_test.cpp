@@ -2,6 +2,7 @@
 // reads in tables: their texts, and sections, also wrong ones.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
 
 #include "base/text.h"
@@ -244,6 +245,64 @@ TEST_F(Qamctl, LoadsShowsAndReleasesPidMaps) {
                  {"pidmap clear 1.2", 0, "0 entries"}});
     EXPECT_FALSE(fs::exists(rescue));
     EXPECT_TRUE(entriesOf(routerMap(link_, {0, 1})).empty());
+  });
+}
+
+// A damaged backup is refused as a whole; the message names the file and the item.
+TEST_F(Qamctl, RestoresABackupToTheByteAndNoDamagedOne) {
+  const std::string saved = file("saved.json");
+  const std::string bad = file("bad.json");
+  const std::string map = file("map.csv");
+  test::writeFile(map, test::bytesOf("src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n"
+                                     "6,1,0x0102,2,0x1cfe,7,2\n5,2,0x0101,1,0x1cff,7,1\n"));
+  const std::tuple<const char*, const char*, const char*> damages[] = {
+      // a text of the file, what is in its place, a part of the message
+      {"{", "", "bad.json: is not JSON"},
+      {"\"channel_backup\": 1", "\"channel_backup\": 2", "is no backup of a channel"},
+      {"\"1.2\"", "\"7.2\"", "'7.2' is no SLOT.CHANNEL"},
+      {"\"SDT_C\": 77", "\"SDT_C\": 65536", "intervals: SDT_C 65536 is not from 0 to 65535"},
+      {"\"SDT_C\": 77,", "", "intervals: SDT_C is missing"},
+      {"\"SDT_C\": 77", "\"TDT\": 77", "intervals: \"TDT\" is not PAT"},
+      {"\"table\": \"PAT\"", "\"table\": \"EIT\"", "packets: entry 1: table: \"EIT\" is not PAT"},
+      {"\"pid\": 0", "\"pid\": 1", "packets: entry 1: pid 0x0001 is not that of PAT"},
+      {"\"47", "\"4", "packets: entry 1: packet 1 is not 188 bytes in hex"},
+      {"\"47", "\"4g", "packets: entry 1: packet 1 is not 188 bytes in hex"},
+      {"\"47", "\"46", "packets: entry 1: packet 1 is no packet on PID 0x0000"},
+      {"\"table\": \"SDT_C\"", "\"table\": \"SDT_O\"", "entry 4 is out of order"},
+      {"\"src_slot\": 5", "\"src_slot\": 0", "map: entry 1: src_slot 0 is not from 1 to 6"},
+      {"\"src_slot\": 5", "\"src_slot\": -5", "map: entry 1: src_slot is missing or is no whole number"},
+      {"\"src_pid\": 258", "\"src_pid\": 8192", "map: entry 2: src_pid 0x2000 is above"},
+      {"\"dst_pid\": 7422", "\"dst_pid\": 7423", "map: entry 1 and map: entry 2 bring two sources"},
+  };
+  chassis_.drive([&] {
+    expectCalls({{"psi load 1.2 " QAM_SAMPLES "/psi-small.ts --interval SDT_C=77", 0, ""},
+                 {"pidmap load 1.2 " + map, 0, ""},
+                 {"backup 1.2 " + saved, 0, "packets and 2 map entries in " + saved}});
+    const Bytes bytes = test::readFile(saved);
+    const std::string text(bytes.begin(), bytes.end());
+    EXPECT_EQ(run("backup 1.2 --json").text, text);
+    EXPECT_EQ(run("backup 1.2").text, text);
+    for (const auto& [old, damage, part] : damages) {
+      const std::size_t at = text.find(old);
+      ASSERT_NE(at, std::string::npos) << old;
+      test::writeFile(bad, test::bytesOf(std::string(text).replace(at, std::strlen(old), damage)));
+      expect(run("restore 1.1 " + bad), 1, part);
+    }
+    EXPECT_TRUE(tables({0, 0}).readable().empty());
+    ChannelVariables card(link_, {0, 0});
+    card.lockTables(true);
+    card.lockMap(true);
+    expectCalls({{"backup 1.1 " + bad, 1, "locked"},
+                 {"restore 1.1 " + saved, 1, "the tables of channel 1.1 are locked"},
+                 {"restore 1.1 " + saved + " --force --dry-run", 0, "ends the lock of the PID map, locks"},
+                 {"restore 1.1 " + saved + " --force", 0, "2 map entries restored"},
+                 {"psi clear 1.2", 0, ""},
+                 {"psi interval 1.2 SDT_C=1 CAT=2", 0, ""},
+                 {"pidmap clear 1.2", 0, ""},
+                 {"restore 1.2 " + saved + " --json", 0, "\"map_entries\": 2"}});
+    EXPECT_FALSE(card.tablesLocked() || card.mapLocked());
+    EXPECT_EQ(run("backup 1.2").text, text);
+    EXPECT_EQ(tables({0, 0}), tables());
   });
 }
 

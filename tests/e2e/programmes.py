@@ -83,6 +83,27 @@ def a_programme_takes_the_numbers_that_its_options_give(case):
     case.equal({packet[8:10] for packet in packets if pid_of(packet) == 0}, {b'\0\x4d'}, 'transport_stream_id')
 
 
+# Removed and restored in one run, on the other channel in the next: the output has the same tables and PIDs as before.
+def a_restored_channel_sends_what_it_sent_before_the_backup(case):
+    flash, saved = case.flash(), case.path('saved.json')
+    common = ['--source', f'6={case.sample(FOUR)}']
+    case.fast(flash, 4, *common, '--out', f'1.1={case.path("before")}', '--interval', '1.1.SDT_C=700', '--interval',
+              '1.1.CAT=55', '--programme', '1.1=6.1:One', '--programme', '1.1=6.1:Two', '--do', f'@2 backup 1.1 {saved}')
+    run = case.fast(flash, 9, *common, '--out', f'1.2={case.path("after")}', '--do', '@1 psi clear 1.1', '--do',
+                    '@1 pidmap clear 1.1', '--do', f'@2 restore 1.2 {saved} --dry-run', '--do', f'@2 restore 1.1 {saved}',
+                    '--do', f'@3 backup 1.1 {case.path("again.json")}', '--do', f'@3 restore 1.2 {saved}',
+                    '--do', f'@4 backup 1.2 {case.path("other.json")}')
+    case.clean(run)
+    case.says(run, 'backup of channel 1.1', 'PID map: 4 entries, 0 before')
+    wanted = read(saved)
+    case.equal(read(case.path('again.json')), wanted, 'backup of the restored channel')
+    case.equal(read(case.path('other.json')), wanted.replace(b'"1.1"', b'"1.2"'), 'backup of the other channel')
+    before, after = ({(pid_of(packet), packet[5:] if pid_of(packet) < 0x20 else None)
+                      for packet in packets_of(read(case.path(name)))} for name in ('before', 'after'))
+    case.check(after == before and len(after) > 6, f'{len(before)} and {len(after)} PIDs and tables')
+    case.equal(streams(case, case.path('after')), streams(case, case.path('before')), 'programmes')
+
+
 LATENT = 13  # frames that the decoder still keeps when its stream stops
 FFMPEG = ['ffmpeg', '-nostdin', '-v', 'error']
 STREAMS = ['-map', '0:v', '-map', '0:a']

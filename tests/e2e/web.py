@@ -76,7 +76,7 @@ def the_page_and_its_numbers_are_those_of_qamctl(case):
         for path, command in rows:
             path, command = (text.replace('CHANNEL', '1.1').replace('SLOT', '1') for text in (path, command))
             case.check(poll(lambda: json.loads(ask(port, '/api/1/' + path)[2]) == printed(case, server, command)), path)
-        case.equal(len(rows), 9, 'rows of the guide')
+        case.equal(len(rows), 10, 'rows of the guide')
         case.qamctl(server.address, 'var', 'set', '1', 'rfreq', '666000')
         view = states(port)
         await_state(view, lambda it: it['status']['cards'][0]['channels'][0]['rf']['frequency_khz'] == 666e3)
@@ -164,7 +164,7 @@ def an_upload_is_whole_or_changes_nothing(case):
         bearer, path = {'Authorization': 'Bearer ' + read(file).decode().strip()}, '/api/1/upload?word=psi&word=load&word=1.1&word=@'
         good, tables = read(case.sample('two-programmes.ts')), lambda: case.findings(case.args.qamctl, '--server', server.address, 'psi', 'show', '1.1', '--json')
         poll(lambda: tables()['tables'])
-        before = tables()
+        before, kept = tables(), json.loads(ask(port, '/api/1/backup/1.1')[2])
 
         def begin(length, to=path):
             connection = http.client.HTTPConnection('127.0.0.1', port, timeout=harness.HANG_SECONDS)
@@ -186,6 +186,9 @@ def an_upload_is_whole_or_changes_nothing(case):
         case.equal((tables(), os.listdir(folder)), (before, []), 'after it')
         case.equal(ask(port, path, 'POST', iter([good[at:at + 70_000] for at in range(0, len(good), 70_000)]), **bearer)[0], 200, 'in chunks')
         case.check(tables() != before, 'tables')
+        case.equal(ask(port, '/api/1/do', 'POST', json.dumps({'words': ['restore', '1.1', '@'], 'file': kept}), Content_Type='application/json', **bearer)[0],
+                   200, 'restore')
+        case.equal(tables(), before, 'after restore')
         halt = begin(len(good))
     case.equal(os.listdir(folder), [], 'files left')
 

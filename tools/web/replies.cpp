@@ -21,6 +21,7 @@ const std::vector<Answer>& answers() {
       {"programmes/([1-6]\\.[12])", {{"programme", "list", "$"}}},
       {"pidmap/([1-6]\\.[12])", {{"pidmap", "show", "$"}}},
       {"psi/([1-6]\\.[12])", {{"psi", "show", "$"}}},
+      {"backup/([1-6]\\.[12])", {{"backup", "$"}}},
       // Without the rates: each takes the card half a second, in which the headend serves no other client.
       {"variables/([1-6])",
        {{"var", "get", "$", "rfreq", "rflevel", "symbolrate", "qammode", "rfswitch", "power", "temperature1",

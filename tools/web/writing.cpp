@@ -44,7 +44,7 @@ const std::vector<Order>& orders() {
       {{"pidmap", "load"}, false, true},
       {{"programme", "add"}, true},
       {{"programme", "remove"}, true},
-      {{"restore"}, false, true},
+      {{"restore"}, true, true},
       {{"key"}},
       {{"fault", "add"}},
       {{"fault", "clear"}},

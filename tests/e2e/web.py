@@ -91,7 +91,7 @@ def the_page_and_its_numbers_are_those_of_qamctl(case):
 
 
 def nobody_else_reads_or_writes_and_no_client_harms_another(case):
-    with page(case) as (_, port):
+    with page(case, '--web-write', '--web-token-file', case.path('token')) as (_, port):
         for wanted, method, headers in ((403, 'GET', {'Host': 'rebound.example'}), (200, 'GET', {'Host': 'LOCALHOST:8080'}),
                                         (403, 'GET', {'Origin': 'http://foreign.example'}), (200, 'GET', {'Host': '[::1]:80'}),
                                         (403, 'GET', {'Sec_Fetch_Site': 'cross-site'}), (405, 'POST', {}), (405, 'DELETE', {}),
@@ -101,10 +101,13 @@ def nobody_else_reads_or_writes_and_no_client_harms_another(case):
         viewers = [states(port) for _ in range(VIEWERS + 1)]
         case.equal([type(next(each)) for each in viewers], [dict] * VIEWERS + [int], f'{VIEWERS} viewers')
         slow, chance = [], random.Random(7)
-        for _ in range(10_000 if harness.LONG else 30):
+        storm = [b'GET /api/1/state HTTP/1.1\r\nHost: localhost\r\n\r\n', b'GET / HTTP/9.9\r\n', b'',
+                 *(b'POST /api/%s HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n%s\r\n\r\n' % each for each in itertools.product(
+                     (b'session', b'1/do', b'1/upload?word=psi&word=load&word=1.1&word=@'),
+                     (b'Content-Length: 100', b'Content-Length: -1', b'Transfer-Encoding: chunked\r\n\r\nfff', b'Content-Encoding: gzip\r\nContent-Length: 50')))]
+        for _ in range(10_000 if harness.LONG else 60):
             each = socket.create_connection(('127.0.0.1', port))
-            each.sendall(chance.choice((b'GET /api/1/state HTTP/1.1\r\nHost: localhost\r\n\r\n', b'GET / HTTP/9.9\r\n', b''))
-                         + chance.randbytes(chance.randrange(200)))
+            each.sendall(chance.choice(storm) + chance.randbytes(chance.randrange(200)))
             slow.append(each) if len(slow) < 8 else each.close()
         began = viewers[0].send(None)['sequence']
         case.check(all(next(each)['sequence'] >= began for each in viewers[:VIEWERS]), 'a viewer gets no more')
@@ -126,7 +129,7 @@ def who_knows_the_token_changes_something_and_nobody_else(case):
         case.equal((status, re.sub('=[0-9a-f]{32};|_[0-9a-f]{16}', '', cookie)), (200, 'qamweb Path=/; HttpOnly; SameSite=Strict'), 'cookie')
         inside = {'Cookie': 'a=b; ' + cookie.split(';')[0], 'Origin': origin}
         order = lambda number, **more: {'words': [*setting, str(number)], **more}  # noqa: E731
-        deep = '{"token":' + '[' * 400_000
+        deep = '{"token":' + '[' * 300_000 + ']' * 300_000 + '}'
         for wanted, frequency, body, request in (
                 (401, None, order(601000), {}), (403, None, order(601000), wrong), (401, None, order(601000), {'Cookie': cookie.split('=')[0] + '=' + token}),
                 (403, None, order(601000), {**inside, 'Origin': 'http://foreign.example'}), (403, None, order(601000), {'Cookie': inside['Cookie']}),
@@ -153,7 +156,7 @@ def who_knows_the_token_changes_something_and_nobody_else(case):
         case.equal(send(order(606000), **inside)[0], 401, 'after it')
     case.check(not os.path.exists(file), 'the token is left')
     with page(case) as (server, port):
-        case.equal(ask(port, '/api/1/do', 'POST', '{}', **bearer)[0], 403, 'without --web-write')
+        case.equal(ask(port, '/api/1/do', 'POST', '{}', Authorization='Bearer ')[0], 403, 'without --web-write')
 
 
 def an_upload_is_whole_or_changes_nothing(case):
@@ -189,6 +192,12 @@ def an_upload_is_whole_or_changes_nothing(case):
         case.equal(ask(port, '/api/1/do', 'POST', json.dumps({'words': ['restore', '1.1', '@'], 'file': kept}), Content_Type='application/json', **bearer)[0],
                    200, 'restore')
         case.equal(tables(), before, 'after restore')
+        if harness.LONG:
+            much = itertools.repeat(good * 10, (2 << 30) // (10 * len(good)))
+            case.equal(ask(port, path, 'POST', much, **bearer)[0], 200, '2 GB')
+            web = subprocess.run(['pgrep', '-P', str(server.process.pid), 'qamweb'], capture_output=True, check=True).stdout.decode().strip()
+            memory = int(re.search(r'VmHWM:\s+(\d+)', read(f'/proc/{web}/status').decode())[1])
+            case.check(memory < 100_000, f'{memory} kB of memory for an upload of 2 GB')
         halt = begin(len(good))
     case.equal(os.listdir(folder), [], 'files left')
 

@@ -105,7 +105,7 @@ void refuseSharedFiles(const Options& options) {
   for (const auto& [channel, target] : options.outputs) {
     if (!isNetworkTarget(target)) use("--out " + protocol::channelName(channel), target, true);
   }
-  use("--report", options.report, true);
+  for (const std::string& report : options.reports) use("--report", report, true);
   use("--log", options.log, true);
   use("--bus-log", options.busLog, true);
   use("--trace", options.trace, true);
@@ -315,8 +315,12 @@ void describeServices(Form& form, Options& o, Given& given) {
   form.text({"--web-token-file", "FILE", "write the token to FILE, which only this user may read, instead"},
             o.web.tokenFile);
   form.text({"--log", "FILE", "debug lines into this file instead of stderr"}, o.log);
-  form.text({"--report", "FILE", "write the report (JSON, docs/report.md) to this file at the end"},
-            o.report);
+  form.values(
+      Option("--report", "FILE",
+             "write the report to this file at the end: as JSON (docs/report.md), or as a web page for a "
+             "browser if the name ends in .html (repeatable)")
+          .repeatable(),
+      o.reports, std::identity());
   form.text(
       {"--bus-log", "FILE",
        "one line an access to a card's window or configuration port: ns, slot, r or w, byte offset, value, "

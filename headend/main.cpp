@@ -1,6 +1,7 @@
 // The program `headend`.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -10,6 +11,7 @@
 
 #include "base/files.h"
 #include "headend/fail.h"
+#include "headend/page_report.h"
 #include "headend/panel_process.h"
 #include "headend/report.h"
 #include "headend/status_view.h"
@@ -29,6 +31,10 @@ void writeReport(const std::string& path, const std::string& text) try {
   headend::fail("cannot write report {}: {}", path, e.code().message());
 }
 
+bool isPage(const std::string& report) {
+  return report.ends_with(".html");
+}
+
 // A report is written at the end of the run: better no run than one without its report.
 void requireFolderOf(const std::string& report) {
   std::error_code ignored;
@@ -43,14 +49,19 @@ int run(const headend::Options& options) {
     fmt::print("made flash folder {} with the sample bitstream\n", options.flash.string());
     return headend::kExitDone;
   }
-  requireFolderOf(options.report);
+  for (const std::string& report : options.reports) requireFolderOf(report);
   std::optional<headend::PanelProcess> panel;
   if (options.panel) panel.emplace();
   headend::Headend machine(options);
   if (panel) panel->show(machine.managementAddress());
   headend::provideStatus(machine);
   headend::StatusView view(machine);
-  machine.onTick = [&view] { view.update(); };
+  std::optional<headend::PageReport> page;
+  if (std::ranges::any_of(options.reports, isPage)) page.emplace(machine);
+  machine.onTick = [&view, &page] {
+    view.update();
+    if (page) page->update();
+  };
   if (options.manage) fmt::print("management on {}\n", machine.managementAddress());
   if (options.calibration) fmt::print("calibration on {}\n", machine.calibrationAddress());
   if (const auto& snmp = machine.snmp) {
@@ -65,7 +76,8 @@ int run(const headend::Options& options) {
   std::fflush(stdout);
   int code = headend::run(machine, interrupted);
   if (panel && !panel->close() && code == headend::kExitDone) code = headend::kExitFailed;
-  if (!options.report.empty()) writeReport(options.report, headend::reportText(machine));
+  for (const std::string& report : options.reports)
+    writeReport(report, isPage(report) ? page->text() : headend::reportText(machine));
   return code;
 }
 

@@ -104,7 +104,7 @@ struct Options {
   };
   Web web;
   std::string log;
-  std::string report;
+  std::vector<std::string> reports;
   std::string busLog;
   std::string trace;
   std::vector<std::string> traceLines;  // globs; empty: every register

@@ -66,14 +66,6 @@ Json tables(Headend& headend, int slot, int port) {
   return all;
 }
 
-Json rates(const RateMeter::Rates& rates) {
-  return {{"input", std::llround(rates.input)},
-          {"routed", std::llround(rates.routed)},
-          {"psi", std::llround(rates.psi)},
-          {"null", std::llround(rates.null)},
-          {"total", std::llround(rates.total)}};
-}
-
 // What the router does for a channel.
 Json map(Headend& headend, int slot, int port) {
   PidRouter& router = headend.router;
@@ -122,7 +114,7 @@ Json channel(Headend& headend, int slot, int port) {
                   {"offered", counts.offered},
                   {"filtered", counts.filtered},
                   {"dropped", counts.dropped}}},
-                {"rates", rates(headend.rates.output(slot, port))},
+                {"rates", ratesReport(headend.rates.output(slot, port))},
                 {"map", map(headend, slot, port)},
                 {"rf", rfReport(headend.card(slot).rf(static_cast<std::size_t>(port), headend.kernel.now()))},
                 {"tables", tables(headend, slot, port)}};
@@ -217,6 +209,14 @@ Json rfReport(const RfOutput& output) {
           {"clock_kbd", orNull(output.clock_kBd)},
           {"constellation", orNull(constellationName(output))},
           {"bit_rate", output.bitRate}};
+}
+
+Json ratesReport(const RateMeter::Rates& rates) {
+  return {{"input", std::llround(rates.input)},
+          {"routed", std::llround(rates.routed)},
+          {"psi", std::llround(rates.psi)},
+          {"null", std::llround(rates.null)},
+          {"total", std::llround(rates.total)}};
 }
 
 Json report(Headend& headend) {

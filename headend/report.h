@@ -14,6 +14,9 @@ nlohmann::ordered_json report(Headend& headend);
 // The signal at an RF connector, as in the report.
 nlohmann::ordered_json rfReport(const RfOutput& output);
 
+// The rates of a channel, as in the report.
+nlohmann::ordered_json ratesReport(const RateMeter::Rates& rates);
+
 // Indented, for a file, with the commands of the run and their results.
 std::string reportText(Headend& headend);
 

@@ -207,6 +207,39 @@ def utc(seconds):
     return f'{datetime.datetime.fromtimestamp(seconds, datetime.timezone.utc):%Y-%m-%d %H:%M:%S}'
 
 
+def a_report_shows_the_same_from_its_file_and_on_paper(case):
+    file, views = case.path('r.html'), ('overview', 'rf', 'streams/1.1', 'alarms', 'start-up')
+    still = lambda view, tables: tables[1:-1] if view.startswith('streams') else tables  # noqa: E731
+    with contextlib.ExitStack() as stack:
+        live = {}
+        with scene(case, '--report', file) as page:
+            for view in views:
+                page.go(view)
+                page.same(lambda: (page.js('return document.querySelectorAll("#view .none").length'), 'Sections' in page.text('summary')),
+                          lambda: (0, '/' in view), view)
+                live[view] = still(view, page.js(TABLES))
+            running = len([each for each in page.said('status')['cards'] if each['state'] == 'running'])
+        page = Page(case, stack, '127.0.0.1:9')
+        for view, theme, width in itertools.product(views, ('light', 'dark'), (1280, 390)):
+            page.look(theme, width)
+            page.browser.get(f'file://{file}#/1/{view}')
+            page.same(lambda: still(view, page.js(TABLES)), lambda: live[view], f'{view} of the report')
+            case.check(page.js('return document.documentElement.scrollWidth <= innerWidth'), f'{view}: wider than the window')
+            case.equal(page.js(FAINT), [], f'{view}: faint texts')
+        case.check('virtual time, made 2' in page.text('.made'), f'when it was made: {page.text(".made")}')
+        case.equal(page.text('.banner'), '', 'banner')
+        page.browser.execute_cdp_cmd('Emulation.setEmulatedMedia', {'media': 'print'})
+        page.browser.execute_cdp_cmd('Emulation.setDeviceMetricsOverride', {'width': 703, 'height': 1000, 'deviceScaleFactor': 1,
+                                                                            'mobile': False})
+        page.js('dispatchEvent(new Event("beforeprint"))')
+        case.equal(len(page.text('#paper h1').split('\n')), 5 + 2 * running, 'views on paper')
+        paper = page.js(TABLES.replace('#view', '#paper'))
+        case.equal([view for view in views for table in live[view] if table not in paper], [], 'views whose tables are not on paper')
+        wide = 'return [...document.querySelectorAll("#paper *")].filter((one) => one.getBoundingClientRect().right > 704).map((one) => one.outerHTML)'
+        case.equal(page.js(wide), [], 'what runs off the paper')
+        case.equal(page.browser.get_log('browser'), [], 'console')
+
+
 def a_setting_is_seen_on_the_rf_picture(case):
     with scene(case) as page:
         page.go('rf')

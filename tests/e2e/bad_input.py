@@ -193,6 +193,9 @@ def a_full_or_write_protected_disk_is_named_and_leaves_the_old_record_and_whole_
     case.card(run, 1)
     case.check(harness.tree(flash)[RECORD] == before[RECORD], 'the old record is gone, or half a new one was left')
     case.says(case.fast(flash, 3, '--out', f'1.1={out}', codes=(1,), **limited(1_000_050)), out)
+    write(case.path('pages', 'r.html'), b'mine')
+    case.says(case.fast(flash, 3, '--report', case.path('pages', 'r.html'), codes=(1,), **limited(90_000)), 'cannot write report')
+    case.equal(harness.tree(case.path('pages')), {'r.html': b'mine'}, 'files after a report that does not fit')
     case.equal(os.path.getsize(out), 1_000_050 // PACKET * PACKET, 'size of an output cut by a full disk')
     shutil.rmtree(os.path.join(flash, 'para'))
     write(os.path.join(flash, 'para'), b'')  # a file in place of the folder also stops root

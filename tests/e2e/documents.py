@@ -9,7 +9,7 @@ import harness
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 DOCUMENTS = ('README.md', *(f'docs/{name}.md' for name in (
-    'benchmarks', 'building', 'calibration', 'headend', 'management-datagram', 'porting', 'snmp', 'tracing',
+    'benchmarks', 'building', 'calibration', 'headend', 'management-datagram', 'porting', 'report', 'snmp', 'tracing',
     'tscheck', 'web')))
 SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a player needs a screen',
            r'.*qamctl panel': 'needs a terminal: panel.py', r'apt-get': 'installed by ./test',

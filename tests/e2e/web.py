@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 # The web page's service: what it gives is what qamctl says, to whom it gives nothing, and that no client of it harms
 # another.
+import base64
 import contextlib
+import hashlib
 import http.client
 import itertools
 import json
@@ -231,6 +233,44 @@ def a_headend_that_stops_and_comes_back_is_shown_as_such(case):
             await_state(view, lambda it: not it['error'])
         web.terminate()
         case.equal(web.wait(harness.HANG_SECONDS), 0, 'exit code')
+
+
+def a_report_is_the_page_in_one_file_with_what_qamctl_says(case):
+    os.makedirs(case.path('<'))
+    source = case.path('<', 'script><b>.ts')  # its whole name ends a script
+    os.symlink(case.sample('two-programmes.ts'), source)
+    commands = [(f'/api/1/{path}', command) for path, command in (
+        ('alarms', 'alarms --history'), ('pidmap/2.1', 'pidmap show 2.1'), ('programmes/2.1', 'programme list 2.1'),
+        ('psi/5.2', 'psi show 5.2'), ('psi/2.1', 'psi show 2.1'))]
+    names = [case.path(name) for name in ('r.html', 'r.json')]
+    run = case.fast(case.flash(), 8, *(word for slot in '12345' for word in ('--card', slot)), '--source', f'6={source}',
+                    '--programme', '2.1=6.1:1', '--psi', f'5.2={case.sample("psi-many.ts")}', '--fault', '6.1.input-lost@4',
+                    *(word for _, command in commands for word in ('--do', f'@7.9 {command} --json')),
+                    *(word for name in names for word in ('--report', name)))
+    page, report = read(names[0]).decode(), json.loads(read(names[1]))
+    data = re.search(r'<script type="application/json" id="data">(.*?)</script>', page, re.DOTALL)[1]
+    answers = json.loads(data)['answers']
+    case.equal(('<' in data, page.count('</script'), '<b>' in page), (False, 2, False), 'texts that are markup')
+    case.check(len(page.encode()) < 500_000, f'{len(page)} bytes')
+    case.check("default-src 'none';" in page and not re.search('(src|href)="[^"#d]', page), 'something is loaded')
+    for kind, element in ('script', '<script>'), ('style', '<style>'):
+        digest = base64.b64encode(hashlib.sha256(page.split(element)[1].split(f'</{kind}>')[0].encode()).digest()).decode()
+        case.check(f"{kind}-src 'sha256-{digest}';" in page, f'the policy does not allow the {kind}')
+    kept = {name: value for name, value in report.items() if name not in ('watchdog', 'commands')}
+    case.equal(answers['/api/1/state']['status'], kept, 'state')
+    case.equal(answers['/api/1/state']['lcd']['rows'][0].strip() != '', True, 'text of the LCD')
+    printed = {each['command']: each['output'] for each in report['commands']}
+    for path, command in commands:
+        text, got = printed[command + ' --json'], answers[path]
+        if path.endswith('alarms'):
+            cells = lambda row: [got['texts'][cell[0]] if isinstance(cell, list) else cell for cell in row]  # noqa: E731
+            got = [dict(zip(got['columns'], cells(row))) for row in got['rows']]
+            text = '[' + ','.join(text.splitlines()) + ']'
+        case.check(case.equal(got, json.loads(text), command) and got, f'nothing in {command}')
+    rates = answers['/api/1/history']['channels']['2.1']
+    case.equal(({name: sum(each) for name, each in rates.items()}, [len(each) for each in rates.values()]),
+               ({name: report['cards'][1]['channels'][0]['rates'][name] for name in rates}, [8] * 3), 'rates of the last second')
+    case.check(len(answers) == 4 + 3 * 10, f'{len(answers)} answers')
 
 
 def a_page_that_cannot_be_shown_is_refused_with_the_reason(case):

@@ -19,7 +19,6 @@ constexpr milliseconds kChanged{40}, kAfterChange{400};
 constexpr milliseconds kWatching{5000};  // so long after its last question a viewer counts
 constexpr milliseconds kAnswerAge{1000}, kQueue{2000};
 constexpr client::UdpLinkOptions kQuick = {.timeout = milliseconds(400), .tries = 2};
-constexpr std::array kRates{"psi", "routed", "null"};
 constexpr std::size_t kPaceSamples = 10;
 
 Json unixMilliseconds() {
@@ -28,10 +27,6 @@ Json unixMilliseconds() {
 }
 
 }  // namespace
-
-std::string compactText(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
 
 Feed::Feed(Place place)
     : place_(std::move(place)), link_(place_.management, kQuick), thread_([this] { poll(); }) {}
@@ -88,8 +83,7 @@ void Feed::publish(const std::string& error) {
   const std::lock_guard lock(mutex_);
   isUp_ = error.empty();
   ++state_.sequence;
-  const Json state = {{"sequence", state_.sequence},           {"read_unix_ms", readAt_}, {"error", error},
-                      {"pace", pace_ ? Json(*pace_) : Json()}, {"status", report_},       {"lcd", lcd_}};
+  const Json state = stateJson(state_.sequence, readAt_, error, pace_ ? Json(*pace_) : Json(), report_, lcd_);
   state_.text = std::make_shared<const std::string>(compactText(state));
   changed_.notify_all();
 }
@@ -108,13 +102,7 @@ void Feed::keepRates() {
   const Clock::time_point now = Clock::now();
   if (now - ratesKept_ < std::chrono::seconds(1)) return;
   ratesKept_ = now - ratesKept_ > std::chrono::seconds(2) ? now : ratesKept_ + std::chrono::seconds(1);
-  for (const Json& row : commands::ratesReport(report_)) {
-    auto& kept = rates_[commands::oneLine(row["channel"])];
-    for (std::size_t i = 0; i < kRates.size(); ++i) {
-      kept[i].push_back(static_cast<std::int64_t>(commands::number(row, kRates[i]).value_or(0)));
-      if (kept[i].size() > kHistory) kept[i].pop_front();
-    }
-  }
+  for (const Json& row : commands::ratesReport(report_)) rates_.add(commands::oneLine(row["channel"]), row);
 }
 
 Feed::State Feed::after(unsigned long sequence, milliseconds limit) {
@@ -128,11 +116,7 @@ Feed::State Feed::after(unsigned long sequence, milliseconds limit) {
 
 Json Feed::history() {
   const std::lock_guard lock(mutex_);
-  Json channels = Json::object();
-  for (const auto& [channel, kept] : rates_) {
-    for (std::size_t i = 0; i < kRates.size(); ++i) channels[channel][kRates[i]] = kept[i];
-  }
-  return {{"step_seconds", 1}, {"channels", std::move(channels)}};
+  return rates_.json();
 }
 
 Json Feed::report() {

@@ -5,7 +5,6 @@
 
 #include <boost/core/noncopyable.hpp>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -21,15 +20,10 @@
 #include <vector>
 
 #include "client/udp_link.h"
-#include "commands/json_fields.h"
+#include "tools/web/answers.h"
 #include "tools/web/page_call.h"
 
 namespace tools {
-
-using commands::Json;
-
-// On one line; bytes that are no UTF-8 are replaced.
-std::string compactText(const Json& json);
 
 class Feed : boost::noncopyable {
  public:
@@ -48,8 +42,7 @@ class Feed : boost::noncopyable {
   // that a viewer sees that the connection holds. States between are skipped.
   State after(unsigned long sequence, std::chrono::milliseconds limit);
 
-  // The rates of the last ten minutes: {"step_seconds": 1, "channels": {"1.1": {"psi": [bit/s ...], ...}}}.
-  Json history();
+  Json history();  // see RateHistory
   // The last report of the headend; null if it does not answer.
   Json report();
 
@@ -74,9 +67,6 @@ class Feed : boost::noncopyable {
   void end() { ends_ = true; }
 
  private:
-  static constexpr std::size_t kHistory = 600;  // seconds
-  using Rates = std::map<std::string, std::array<std::deque<std::int64_t>, 3>>;
-
   bool isWatched() const;
   void poll();
   void read();
@@ -102,7 +92,7 @@ class Feed : boost::noncopyable {
   bool isUp_ = false;  // whether the last poll was answered
   Json report_, lcd_, readAt_;
   std::optional<double> pace_;
-  Rates rates_;
+  RateHistory rates_;
 
   std::timed_mutex asking_;  // one command at a time
   struct Answer {

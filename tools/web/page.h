@@ -2,6 +2,7 @@
 #pragma once
 
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace tools {
@@ -12,5 +13,9 @@ struct PageFile {
   std::string_view content;
 };
 std::span<const PageFile> pageFiles();
+
+// The page as one file with its data, a JSON text without '<'. It runs no script but its own, and needs no
+// server.
+std::string reportPage(const std::string& data);
 
 }  // namespace tools

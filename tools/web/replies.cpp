@@ -1,41 +1,11 @@
 #include "tools/web/replies.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <regex>
 
 #include "commands/form.h"
 
 namespace tools {
-namespace {
-
-// CHANNEL, SLOT are parts of both.
-struct Answer {
-  const char* path;  // a regular expression
-  Question question;
-};
-const std::vector<Answer>& answers() {
-  static const std::vector<Answer> kAnswers = {
-      {"alarms", {{"alarms", "--history"}, true}},
-      {"programmes/([1-6]\\.[12])", {{"programme", "list", "$"}}},
-      {"pidmap/([1-6]\\.[12])", {{"pidmap", "show", "$"}}},
-      {"psi/([1-6]\\.[12])", {{"psi", "show", "$"}}},
-      {"backup/([1-6]\\.[12])", {{"backup", "$"}}},
-      // Without the rates: each takes the card half a second, in which the headend serves no other client.
-      {"variables/([1-6])",
-       {{"var", "get", "$", "rfreq", "rflevel", "symbolrate", "qammode", "rfswitch", "power", "temperature1",
-         "temperature2", "software_version", "fpga_version", "hardware_version"}}},
-      {"settings/([1-6])",
-       {{"var", "get", "$", "rfreq", "rflevel", "symbolrate", "qammode", "rfswitch", "power"}}},
-      {"calibration/([1-6])", {{"cal", "read", "$"}}},
-      {"faults", {{"fault", "names"}}},
-      {"variables", {{"var", "list"}}},
-  };
-  return kAnswers;
-}
-
-}  // namespace
 
 void give(Response& response, int status, const std::string& json) {
   response.status = status;
@@ -73,19 +43,6 @@ Feed* feedOf(const Feeds& feeds, const Request& request, Response& response) {
   if (number > 0 && number <= feeds.size()) return feeds[number - 1].get();
   refuse(response, 404, "there is no headend of this number");
   return nullptr;
-}
-
-std::optional<Question> questionOf(const std::string& path) {
-  for (const Answer& answer : answers()) {
-    std::smatch match;
-    if (!std::regex_match(path, match, std::regex(answer.path))) continue;
-    Question question = answer.question;
-    for (std::string& word : question.words) {
-      if (word == "$") word = match[1];
-    }
-    return question;
-  }
-  return std::nullopt;
 }
 
 std::string hostOf(const Request& request) {

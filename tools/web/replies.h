@@ -1,11 +1,10 @@
-// What the HTTP service replies, and the questions that it passes on to a headend.
+// What the HTTP service replies.
 #pragma once
 
 #include <httplib.h>
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,13 +27,6 @@ Json requestJson(const std::string& text);
 
 // The headend of a path "/api/N/...", whose N is the first match. Null, and 404: there is none.
 Feed* feedOf(const Feeds& feeds, const Request& request, Response& response);
-
-// A command of qamctl behind a path below /api/N/.
-struct Question {
-  std::vector<std::string> words;
-  bool isLines = false;  // its JSON is an object a line
-};
-std::optional<Question> questionOf(const std::string& path);
 
 // "localhost" of "localhost:8080", "[::1]" of "[::1]:8080"; in small letters.
 std::string hostOf(const Request& request);

@@ -76,20 +76,10 @@ void sendEvents(Feed& feed, std::atomic<int>& viewers, Response& response) {
       });
 }
 
-std::string linesAsList(const std::string& lines) {
-  std::string list;
-  for (const char c : lines) list += c == '\n' ? ',' : c;
-  if (list.ends_with(',')) list.pop_back();
-  return "{\"events\":[" + list + "]}";
-}
-
 void sendAnswer(Feed& feed, const Request& request, Response& response) {
   const auto question = questionOf(request.matches[2]);
   if (!question) return refuse(response, 404, "there is nothing of this name");
-  attempt(response, [&] {
-    const std::string text = feed.answer(question->words);
-    return question->isLines ? linesAsList(text) : text;
-  });
+  attempt(response, [&] { return answerText(*question, feed.answer(question->words)); });
 }
 
 Json headendsJson(const Feeds& feeds) {

@@ -18,6 +18,7 @@ function drawLog(data) {
       [t('time'), 'num'], [t('local'), 'num']],
     data.events.map((one) => [one.number, stated(eventKind(one), named('ev_', one.event)), placeOf(one),
       named('sev_', one.severity), eventText(one), utcTime(Date.parse(one.at)), localTime(Date.parse(one.at))])),
+  data.leftOut > 0 && el('p', { class: 'soft' }, t('logCut', data.leftOut)),
   data.events.length < data.count && el('p', {}, el('button', { type: 'button', onclick: () => {
     state.log.shown += 500;
     scheduleDraw();
@@ -26,6 +27,6 @@ function drawLog(data) {
 function pickLog() {
   if (!status()) return null;
   const all = state.log.events;
-  return { error: state.log.error, count: all ? all.length : 0,
+  return { error: state.log.error, leftOut: state.log.leftOut, count: all ? all.length : 0,
     events: all && [...all].sort((a, b) => b.number - a.number).slice(0, state.log.shown) };
 }

@@ -24,6 +24,7 @@ const state = {
   historySecond: null,
   historyAsked: 0,
   usedOnly: false, // the rates are drawn without null packets
+  isPaper: false, // the views are drawn for a printer
   log: { events: null, error: '', asked: null, shown: 100 },
   loaded: {}, // by 'kind/channel': { data, error, reading, at }
   mounted: [], // parts of the open view: { part, host, key, at }
@@ -55,6 +56,7 @@ function age() {
 }
 
 async function getJson(path) {
+  if (REPORT) return reported(path);
   const answer = await fetch(path, { cache: 'no-store', credentials: 'same-origin' });
   let data = null;
   try {
@@ -122,6 +124,7 @@ async function loadLog() {
     const answer = await getJson(api('alarms'));
     if (id !== state.route.headend) return;
     state.log.events = answer.events;
+    state.log.leftOut = answer.left_out || 0;
     state.log.error = '';
   } catch (failure) {
     if (id !== state.route.headend) return;
@@ -168,6 +171,10 @@ function disconnect() {
 }
 function connect() {
   disconnect();
+  if (REPORT) {
+    openReport();
+    return;
+  }
   state.link = 'connecting';
   state.clockOffset = null;
   const source = new EventSource(api('events'));

@@ -32,6 +32,7 @@ function showBar() {
 
 function bannerText() {
   if (state.headends.length && !headend()) return t('bannerUnknown', state.route.headend);
+  if (REPORT) return '';
   const old = age();
   const since = old !== null && status() ? ' ' + t('bannerSince', utcTime(state.snapshot.read_unix_ms)) : '';
   if (state.link === 'lost') return t('bannerLink') + since;
@@ -55,6 +56,10 @@ function showTitle() {
   if (document.title !== title) document.title = title;
 }
 function showTimes() {
+  if (REPORT) {
+    showMade();
+    return;
+  }
   const old = age();
   byId('age').textContent = old === null ? t('noData') : t('ago', span(old));
   const now = Date.now();

@@ -85,7 +85,7 @@ function drawSlots(data) {
       el('h2', {}, data.name),
       el('dl', { class: 'facts' },
         el('dt', {}, t('virtualTime')), el('dd', {}, data.time),
-        el('dt', {}, t('pace')), el('dd', {}, data.pace)),
+        !REPORT && [el('dt', {}, t('pace')), el('dd', {}, data.pace)]),
       data.pixels && el('a', { class: 'lcdlink', href: address('panel'), 'aria-label': t('panel') },
         lcdCanvas(data.pixels, ''))),
     el('ul', { class: 'slots' }, slots));
@@ -123,7 +123,7 @@ function drawHeadend(data) {
     sheet(t('standing'), standingTable(data.standing)),
     sheet(t('headend'), facts([
       [t('name'), data.name],
-      [t('server'), data.server],
+      data.server && [t('server'), data.server],
       [t('version'), data.version],
       [t('alarmLog'), t(data.kept ? 'logKept' : 'logNotKept', data.events)],
       [t('heap'), `${grouped(Math.round(data.heap.used / 1024))} KiB`],

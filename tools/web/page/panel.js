@@ -46,7 +46,7 @@ const panelView = {
     rows.setAttribute('aria-live', 'polite');
     rows.setAttribute('class', 'rows mono');
     return el('div', { class: 'front' }, lcd, el('section', { class: 'sheet' },
-      el('h2', {}, t('keys')), keyPad(), el('p', { class: 'soft' }, t('keysOff')),
+      !REPORT && [el('h2', {}, t('keys')), keyPad(), el('p', { class: 'soft' }, t('keysOff'))],
       el('h3', {}, t('lcdText')), rows));
   },
 };

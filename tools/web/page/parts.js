@@ -2,6 +2,7 @@
 // At most once in an animation frame the parts of the open view are compared with what they showed, and those that
 // changed are drawn again. A part is { pick, draw, every }: pick(route) returns the data that it shows, draw(data, width,
 // route) returns DOM nodes. A part of counters that never stand still is drawn no more often than each `every` ms.
+// A part that is `once` is for all channels: on paper it is printed once.
 // Whatever the chassis reports is inserted as text, never as markup.
 
 function scheduleDraw() {
@@ -23,6 +24,7 @@ function drawPart(mounted) {
   const { part, host } = mounted;
   const data = part.pick(state.route);
   const width = byId('view').clientWidth - 2 * (innerWidth <= 900 ? 10 : 16);
+  if (width <= 0) return; // the window has no size yet
   const key = JSON.stringify([data, width]);
   if (key === mounted.key) return;
   if (part.every && performance.now() - mounted.at < part.every) return;

@@ -123,8 +123,8 @@ function rfTable(slot, channels) {
 function drawRf(data, width) {
   if (!data) return blank('waiting');
   if (!data.length) return blank('noCards');
-  const inner = width - (innerWidth <= 480 ? 22 : 30);
-  const chart = innerWidth > 1180 ? inner - 400 - 312 - 44 : inner;
+  const inner = width - (windowWidth() <= 480 ? 22 : 30);
+  const chart = windowWidth() > 1180 ? inner - 400 - 312 - 44 : inner;
   return el('div', { class: 'stack' }, data.map(({ slot, state: word, kind, channels }) =>
     el('section', { class: 'sheet' },
       el('div', { class: 'head' }, el('h2', {}, t('cardOf', slot)), stated(kind, named('state_', word)),

@@ -1,9 +1,9 @@
 // ---- Start-up -----------------------------------------------------------------------------------------------------
 
 function ganttPicture(card, end, width) {
-  const names = innerWidth <= 480 ? 132 : 160;
+  const names = windowWidth() <= 480 ? 132 : 160;
   const right = width - 74;
-  const [gap, top] = [innerWidth > 1000 ? 25 : 18, 20];
+  const [gap, top] = [windowWidth() > 1000 ? 25 : 18, 20];
   const height = top + gap * card.startup.length + 6;
   const x = (ms) => names + ms / end * (right - names);
   const steps = [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000];
@@ -28,7 +28,7 @@ function ganttPicture(card, end, width) {
 }
 function startTable(card) {
   const total = card.startup.reduce((sum, one) => sum + one.ms, 0);
-  return el('details', { open: innerWidth > 480 }, el('summary', {}, t('phaseTable')), table(t('cardOf', card.slot),
+  return el('details', { open: windowWidth() > 480 }, el('summary', {}, t('phaseTable')), table(t('cardOf', card.slot),
     [[t('phase'), 'wide'], [t('fromMs'), 'num'], [t('ms'), 'num'], [t('share'), 'num'], [t('accesses'), 'num']],
     card.startup.map((one) => [named('ph_', one.phase), one.from_ms.toFixed(3), one.ms.toFixed(3),
       percent(one.ms, total), grouped(one.bus_accesses)]), true));
@@ -37,8 +37,8 @@ function drawStart(data, width) {
   if (!data) return blank('waiting');
   if (!data.length) return blank('noCards');
   const end = Math.max(1, ...data.flatMap((card) => card.startup.map((one) => one.from_ms + one.ms)));
-  const inner = width - (innerWidth <= 480 ? 22 : 30);
-  const chart = innerWidth > 1000 ? inner - 490 : inner;
+  const inner = width - (windowWidth() <= 480 ? 22 : 30);
+  const chart = windowWidth() > 1000 ? inner - 490 : inner;
   return el('div', { class: 'stack' }, data.map((card) =>
     el('section', { class: 'sheet' },
       el('div', { class: 'head' },

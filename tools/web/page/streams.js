@@ -97,7 +97,7 @@ function drawRates(data, width) {
   if (!data) return null;
   const { id, channel, series } = data;
   const { rates, packets } = channel;
-  const inner = width - (innerWidth <= 480 ? 22 : 30);
+  const inner = width - (windowWidth() <= 480 ? 22 : 30);
   return el('section', { class: 'sheet' },
     el('div', { class: 'head' }, el('h2', {}, t('ratesOf', id)),
       el('button', { type: 'button', class: 'push', onclick: () => {
@@ -219,7 +219,7 @@ function drawReadAgain(data) {
 }
 function pickReadAgain(route) {
   const one = shownChannel(route);
-  if (!one) return null;
+  if (!one || REPORT) return null;
   const entries = ['programmes', 'pidmap', 'psi'].map((kind) => kept(kind, one.id)).filter(Boolean);
   return { id: one.id, reading: entries.some((entry) => entry.reading),
     at: entries.length ? Math.min(...entries.map((entry) => entry.at)) : 0 };
@@ -303,10 +303,10 @@ function drawMap({ id, entry, programmes, shadowed }, width) {
 }
 function drawContents(data, width) {
   if (!data) return null;
-  const column = innerWidth > 800 ? (width - 12) / 2 : width;
+  const column = windowWidth() > 800 ? (width - 12) / 2 : width;
   return el('div', { class: 'columns' }, drawProgrammes(data.programmes),
     drawMap({ id: data.id, entry: data.pidmap, programmes: data.programmes, shadowed: data.shadowed },
-      Math.floor(column) - (innerWidth <= 480 ? 22 : 30)));
+      Math.floor(column) - (windowWidth() <= 480 ? 22 : 30)));
 }
 function pickContents(route) {
   const one = shownChannel(route);

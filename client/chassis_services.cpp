@@ -14,6 +14,10 @@ Request chassisRequest(Operation operation, const Channel& place, Bytes data = {
   return makeRequest(operation, 0, place.slot, place.port, std::move(data));
 }
 
+std::string placeName(const SourcePort& place) {
+  return channelName({.slot = place.slot, .port = place.port});
+}
+
 // For replies whose bytes are taken as they are.
 constexpr auto kUndecoded = [](Bytes data) { return std::optional(std::move(data)); };
 
@@ -173,6 +177,56 @@ LcdImage readLcd(Link& link) {
 
 void pressKey(Link& link, chassis::PanelKey key) {
   ask(link, chassisRequest(Operation::kKey, {}, {static_cast<u8>(key)}), "press a key");
+}
+
+// ---- What is measured of streams ----
+
+GroupStarts readGroupStarts(Link& link, const Channel& channel, u64 from) {
+  std::optional<GroupStarts> all;
+  for (;;) {
+    Bytes data;
+    base::append32(data, static_cast<u32>(from >> 32));
+    base::append32(data, static_cast<u32>(from));
+    GroupStarts page = ask(link, chassisRequest(Operation::kGroupStarts, channel, std::move(data)),
+                           fmt::format("read the groups of channel {}", channelName(channel)),
+                           decodeGroupStarts, [from](const GroupStarts& starts) {
+                             return std::ranges::none_of(starts.groups, [from](const GroupStart& group) {
+                               return group.number < from;
+                             });
+                           });
+    std::vector<GroupStart> before = all ? std::move(all->groups) : std::vector<GroupStart>();
+    before.insert(before.end(), page.groups.begin(), page.groups.end());
+    const bool isLast = page.groups.empty() || page.groups.back().number + 1 == page.next;
+    all = std::move(page);
+    all->groups = std::move(before);
+    if (isLast) return *std::move(all);
+    from = all->groups.back().number + 1;
+  }
+}
+
+PidCounts readPidCounts(Link& link, const SourcePort& place) {
+  std::optional<PidCounts> all;
+  for (u16 first = 0;;) {
+    Bytes data;
+    base::append16(data, first);
+    PidCounts page =
+        ask(link, makeRequest(Operation::kPids, kReadPids, place.slot, place.port, std::move(data)),
+            fmt::format("count the PIDs of {}", placeName(place)), decodePidCounts,
+            [first](const PidCounts& counts) {
+              return std::ranges::none_of(counts.counts,
+                                          [first](const PidCount& count) { return count.pid < first; });
+            });
+    const bool isLast = page.counts.empty() || page.counts.back().pid >= kNullPid;
+    if (!all) all = PidCounts{.counted_ms = page.counted_ms, .pids = page.pids};
+    all->counts.insert(all->counts.end(), page.counts.begin(), page.counts.end());
+    if (isLast || all->counts.size() >= page.pids) return *std::move(all);
+    first = static_cast<u16>(all->counts.back().pid + 1);
+  }
+}
+
+void resetPidCounts(Link& link, const SourcePort& place) {
+  ask(link, makeRequest(Operation::kPids, kResetPids, place.slot, place.port, {}),
+      fmt::format("reset the counters of {}", placeName(place)));
 }
 
 // ---- Faults ----

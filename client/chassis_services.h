@@ -15,6 +15,7 @@
 #include "platform/router_word.h"
 #include "protocol/alarms.h"
 #include "protocol/panel.h"
+#include "protocol/stream_records.h"
 #include "protocol/variables.h"
 
 namespace client {
@@ -55,6 +56,14 @@ std::uint64_t nextAlarmEvent(Link& link);
 LcdImage readLcd(Link& link);
 // The chassis stores up to 64 keys that its menu has not read yet.
 void pressKey(Link& link, chassis::PanelKey key);
+
+// The groups of the channel's tables from this number on that are still stored: the last 64 of each table.
+GroupStarts readGroupStarts(Link& link, const Channel& channel, u64 from = 0);
+
+// An input, or a channel: the slot's card decides. The first question starts the counters, which end ten
+// seconds after the last one.
+PidCounts readPidCounts(Link& link, const SourcePort& place);
+void resetPidCounts(Link& link, const SourcePort& place);
 
 // Adds a fault, as protocol::parseFault reads it, which ends by itself after a duration above 0.
 void addFault(Link& link, const std::string& fault, std::chrono::milliseconds duration);

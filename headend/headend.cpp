@@ -83,6 +83,12 @@ Headend::Headend(Options chosen)
       backEnd(kernel, network, chassis, monitor, log, [this](int slot) { return state(slot); }),
       faults(kernel, cards, router, backEnd, say),
       sources(kernel, router, backEnd),
+      pidCounters(kernel, sources, backEnd,
+                  [this](int slot, int port) {
+                    return std::ranges::count(options.slots, slot) > 0 && port < MAX_QAM_OUT_NUM
+                               ? &output(slot, port)
+                               : nullptr;
+                  }),
       search(kernel, backEnd, [this](int slot, int port) -> Multiplexer& { return output(slot, port); }),
       shell(kernel, backEnd),
       automaticOperator(kernel, network, chassis, log),

@@ -16,6 +16,7 @@
 #include "headend/firmware/back_end.h"
 #include "headend/firmware/debug_shell.h"
 #include "headend/firmware/panel/panel.h"
+#include "headend/firmware/pid_counters.h"
 #include "headend/firmware/pid_search.h"
 #include "headend/firmware/rate_meter.h"
 #include "headend/firmware/snmp/agent.h"
@@ -75,6 +76,7 @@ class Headend final : boost::noncopyable {
   BackEnd backEnd;
   FaultInjector faults;
   SourceCards sources;
+  PidCounters pidCounters;
   PidSearch search;
   DebugShell shell;
   Operator automaticOperator;

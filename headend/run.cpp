@@ -51,6 +51,7 @@ void doTheClocksWork(Headend& headend, const std::atomic<bool>& interrupted) {
     if (polls) headend.network.pollHost(0);
     headend.eepromFiles.save(headend.kernel.now());  // at each tick: the process may be killed
     headend.rates.update(headend.kernel.now());
+    headend.pidCounters.update(headend.kernel.now());
     headend.onTick();
   };
 }

@@ -89,7 +89,7 @@ std::optional<Header> decodeHeader(std::span<const u8> datagram, std::size_t siz
 bool isForCard(Operation operation) {
   using enum Operation;
   constexpr Operation kAll[] = {kRead,   kWrite,    kGetVariable, kSetVariable, kRouterMap,
-                                kSearch, kSearched, kCall,        kCallResult};
+                                kSearch, kSearched, kCall,        kCallResult,  kGroupStarts};
   return std::ranges::find(kAll, operation) != std::end(kAll);
 }
 

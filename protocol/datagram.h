@@ -32,6 +32,8 @@ enum class Operation : u8 {
   kLcd = 14,            // the content of the front panel
   kKey = 15,            // presses one of its keys
   kFault = 16,          // adds, clears or lists faults of the hardware
+  kGroupStarts = 17,    // when the groups of a channel's tables began
+  kPids = 18,           // packets of an input, or of a channel, by PID
 };
 bool isForCard(Operation operation);  // for the modulator card in the slot
 enum FaultRequest : u16 { kAddFault = 1, kClearFault = 2, kListFaults = 3, kNameFaults = 4 };  // variables of kFault
@@ -46,7 +48,7 @@ inline constexpr u32 kNoBackEnd = 0x102;         // no card has registered a var
 inline constexpr u32 kNotRunning = 0x103;  // kGetVariable, kSetVariable: the FPGA is not available or hangs
 inline constexpr u32 kUnknownCardVariable = 0x104;
 inline constexpr u32 kNotWritable = 0x105;
-inline constexpr u32 kNoInput = 0x106;          // kSourceSections: no such input
+inline constexpr u32 kNoInput = 0x106;          // kSourceSections, kPids: no such input
 inline constexpr u32 kUnknownRoutine = 0x107;   // kCall
 inline constexpr u32 kUnknownCall = 0x108;      // kCallResult: no call has this number, or it is deleted
 inline constexpr u32 kTooManyKeys = 0x109;      // kKey: the menu has not read the earlier keys

@@ -30,6 +30,7 @@ BackEnd::BackEnd(Kernel& kernel, Network& network, Chassis& chassis, CarouselMon
   provide(Operation::kRead, Target::kChassis, {}, std::bind_front(&BackEnd::callCard, this));
   provide(Operation::kWrite, Target::kChassis, {}, std::bind_front(&BackEnd::write, this));
   provide(Operation::kGetVariable, Target::kRunningCard, 0, std::bind_front(&BackEnd::getVariable, this));
+  provide(Operation::kGroupStarts, Target::kChannel, 8, std::bind_front(&BackEnd::groupStarts, this));
   provide(Operation::kSetVariable, Target::kRunningCard, 4, std::bind_front(&BackEnd::setVariable, this));
   network.onArrival([this](const UdpSocket& socket, const Datagram& datagram) {
     return &socket == &socket_ && arrived(datagram);
@@ -178,7 +179,16 @@ u32 BackEnd::callCard(const protocol::Request& request, base::Bytes& reply) {
 u32 BackEnd::write(const protocol::Request& request, base::Bytes& reply) {
   const u32 result = callCard(request, reply);
   if (result == protocol::kDone) noteLock(request);
+  if (result == protocol::kDone && request.variable == qam_back::kPsiInterval)
+    monitor_.intervalSet(request.slot & 0xFF, static_cast<int>(request.port & 0xFF));
   return result;
+}
+
+u32 BackEnd::groupStarts(const protocol::Request& request, base::Bytes& reply) {
+  const u64 from = u64{wire::get32(request.data.data())} << 32 | wire::get32(&request.data[4]);
+  reply = protocol::encode(
+      monitor_.starts(request.slot, static_cast<int>(request.port), from, kernel_.auxTicks()));
+  return protocol::kDone;
 }
 
 void BackEnd::noteLock(const protocol::Request& request) {

@@ -114,6 +114,7 @@ class BackEnd {
   u32 getVariable(const protocol::Request& request, base::Bytes& reply);
   u32 setVariable(const protocol::Request& request, base::Bytes& reply);
   const chassis::bc_var* findVariable(const protocol::Request& request) const;
+  u32 groupStarts(const protocol::Request& request, base::Bytes& reply);
   void noteLock(const protocol::Request& request);
   void noteArrival(const Datagram& datagram);
   void reportLate(std::uint64_t number, Nanos arrived);

@@ -61,14 +61,14 @@ u32 PidSearch::search(const protocol::Request& request, base::Bytes& /*reply*/) 
       before.tableId == wanted.tableid && capture.output == output) {
     return protocol::kDone;  // the search continues with the captured packets
   }
-  if (capture.output != nullptr) capture.output->setTap(nullptr);
+  if (capture.output != nullptr) capture.output->setTap(Multiplexer::Tap::kSearch, nullptr);
   capture = {};
   qamSetTSPID(slot, port, wanted.pid, wanted.tableid, 0);
   if (wanted.status == 0) return protocol::kDone;
   qamSetTSPID(slot, port, wanted.pid, wanted.tableid, wanted.status);
   output->advance(kernel_.now());  // packets sent before the start do not belong to the search
   capture.output = output;
-  output->setTap([this, slot](mpeg::PacketView packet) { look(slot, packet); });
+  output->setTap(Multiplexer::Tap::kSearch, [this, slot](mpeg::PacketView packet) { look(slot, packet); });
   return protocol::kDone;
 }
 

@@ -94,11 +94,27 @@ void SourceCards::plugIn(int slot, std::vector<std::unique_ptr<TsInput>> inputs)
   card.descriptor.cardType = kReceiverType;
   card.descriptor.in_port_num = static_cast<u8>(card.inputs.size());
   for (std::size_t i = 0; i < card.inputs.size(); ++i) {
-    const int port = static_cast<int>(i);
-    router_.connectInput(slot, port, *card.inputs[i]);
-    router_.onPacket(slot, port,
-                     [tables = &card.tables[i]](mpeg::PacketView packet) { tables->packet(packet); });
+    router_.connectInput(slot, static_cast<int>(i), *card.inputs[i]);
+    watch({.slot = static_cast<u16>(slot), .port = static_cast<u32>(i)}, nullptr);
   }
+}
+
+bool SourceCards::hasInput(const protocol::SourcePort& input) const {
+  const auto card = cards_.find(input.slot);
+  return card != cards_.end() && input.port < card->second.inputs.size();
+}
+
+// Without a watcher a packet takes less time.
+void SourceCards::watch(const protocol::SourcePort& input,
+                        const std::function<void(mpeg::PacketView)>& watcher) {
+  const int port = static_cast<int>(input.port);
+  SourceTables* tables = &cards_.at(input.slot).tables[input.port];
+  if (!watcher)
+    return router_.onPacket(input.slot, port, [tables](mpeg::PacketView packet) { tables->packet(packet); });
+  router_.onPacket(input.slot, port, [tables, watcher](mpeg::PacketView packet) {
+    tables->packet(packet);
+    watcher(packet);
+  });
 }
 
 u32 SourceCards::routerMap(const protocol::Request& request, base::Bytes& reply) {
@@ -111,10 +127,10 @@ u32 SourceCards::routerMap(const protocol::Request& request, base::Bytes& reply)
 
 u32 SourceCards::sections(const protocol::Request& request, base::Bytes& reply) const {
   router_.deliverUntil(kernel_.now());
-  const auto card = cards_.find(request.slot & 0xFF);
-  if (card == cards_.end() || request.port >= card->second.inputs.size()) return protocol::kNoInput;
+  const protocol::SourcePort input{.slot = static_cast<u16>(request.slot & 0xFF), .port = request.port};
+  if (!hasInput(input)) return protocol::kNoInput;
 
-  const SourceTables& tables = card->second.tables[request.port];
+  const SourceTables& tables = cards_.at(input.slot).tables[input.port];
   const auto all = tables.sections(wire::get16(request.data.data()), request.data[2]);
   const u32 start = wire::get32(&request.data[4]);
   base::append32(reply, static_cast<u32>(all.size()));

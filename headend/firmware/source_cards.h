@@ -3,6 +3,7 @@
 #pragma once
 
 #include <bitset>
+#include <functional>
 #include <map>
 #include <memory>
 #include <tuple>
@@ -12,6 +13,7 @@
 #include "headend/hardware/pid_router.h"
 #include "mpeg/packet.h"
 #include "mpeg/section.h"
+#include "protocol/channel.h"
 
 namespace headend {
 
@@ -55,6 +57,12 @@ class SourceCards {
   // A card in the slot, with one to sixteen inputs.
   void plugIn(int slot, std::vector<std::unique_ptr<TsInput>> inputs);
   std::map<int, Card>& cards() { return cards_; }  // by slot
+
+  bool hasInput(const protocol::SourcePort& input) const;
+  // Calls the function with every packet of an existing input that is delivered from now on; an empty
+  // function ends that.
+  void watch(const protocol::SourcePort& input, const std::function<void(mpeg::PacketView)>& watcher);
+  void deliverUntil(Nanos now) { router_.deliverUntil(now); }
 
  private:
   u32 sections(const protocol::Request& request, base::Bytes& reply) const;

@@ -120,7 +120,15 @@ void Multiplexer::leaveRouted() {
 
 void Multiplexer::show(mpeg::PacketView packet) {
   if (sink_ != nullptr) sink_->packet(packet);
-  if (tap_) tap_(packet);
+  if (!isTapped_) return;
+  for (const auto& tap : taps_) {
+    if (tap) tap(packet);
+  }
+}
+
+void Multiplexer::setTap(Tap tap, std::function<void(mpeg::PacketView)> receiver) {
+  taps_[static_cast<std::size_t>(tap)] = std::move(receiver);
+  isTapped_ = std::ranges::any_of(taps_, [](const auto& each) { return static_cast<bool>(each); });
 }
 
 // Ticks of 27 MHz from then to the departure that is due, rounded to the nearest. The departure is a part of

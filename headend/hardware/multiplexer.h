@@ -52,8 +52,9 @@ class Multiplexer {
 
   void setSink(PacketSink* sink) { sink_ = sink; }
   void setFeed(PacketFeed* feed) { feed_ = feed; }
-  // Called with every packet sent, except null packets; an empty function removes it.
-  void setTap(std::function<void(mpeg::PacketView)> tap) { tap_ = std::move(tap); }
+  // Called with every packet sent, except inserted null packets; an empty function removes it.
+  enum class Tap : u8 { kSearch, kCounters };
+  void setTap(Tap tap, std::function<void(mpeg::PacketView)> receiver);
 
   void start(Nanos now, BitRate rate);  // the first packet leaves at once
   void stop(Nanos now);
@@ -97,7 +98,8 @@ class Multiplexer {
 
   PacketSink* sink_ = nullptr;
   PacketFeed* feed_ = nullptr;
-  std::function<void(mpeg::PacketView)> tap_;
+  std::array<std::function<void(mpeg::PacketView)>, 2> taps_;
+  bool isTapped_ = false;
   bool running_ = false;
   BitRate rate_;
   Nanos next_ = 0;            // when the next packet leaves

@@ -98,10 +98,10 @@ bool ChangeCommand::apply(Session& session, const client::ChannelChange& change)
 namespace {
 
 const std::vector<Group>& table() {
-  static const std::vector<Group> kTable = {psiCommands(),         pidMapCommands(), programmeCommands(),
-                                            backupCommands(),      statusCommands(), variableCommands(),
-                                            alarmCommands(),       panelCommands(),  callCommands(),
-                                            calibrationCommands(), mibCommands(),    faultCommands()};
+  static const std::vector<Group> kTable = {
+      psiCommands(),         pidMapCommands(),   programmeCommands(), backupCommands(), statusCommands(),
+      pidCommands(),         variableCommands(), alarmCommands(),     panelCommands(),  callCommands(),
+      calibrationCommands(), mibCommands(),      faultCommands()};
   return kTable;
 }
 

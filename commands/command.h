@@ -166,6 +166,7 @@ Group callCommands();
 Group faultCommands();
 Group mibCommands();
 Group panelCommands();
+Group pidCommands();
 Group pidMapCommands();
 Group programmeCommands();
 Group psiCommands();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <limits>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -17,6 +18,7 @@
 #include "commands/command.h"
 #include "commands/psi_report.h"
 #include "commands/status.h"
+#include "commands/stream_counts.h"
 #include "mpeg/section.h"
 
 namespace commands {
@@ -297,6 +299,36 @@ struct PsiSearch final : Command {
   std::vector<Found> found_;  // in order of arrival
 };
 
+struct PsiTicks final : Command {
+  void describe(Form& form) override {
+    takeChannel(form);
+    form.number(Option("--seconds", "S", "how far to look back").byDefault("5"), seconds_, 0.001, 3600);
+    form.integer(Option("--from", "NUMBER", "only groups from this number on, for --json"), from_, 0,
+                 std::numeric_limits<u64>::max());
+    takeJson(form);
+    form.footer(
+        "A group is a section, or all packets of PMT. It is late if it began more than a tick after the "
+        "interval, or "
+        "after the packets of the group before it if these are more, and no section of another table had its "
+        "PID. "
+        "The chassis keeps the last 64 groups of each table. They are numbered, so that a reader misses "
+        "none.\n"
+        "\nExample: qamctl psi ticks 1.1");
+  }
+
+  void carryOut(Session& session) override {
+    const auto status = statusOf(session.link());
+    const auto hz = status ? auxHzOf(*status) : std::nullopt;
+    if (!hz) client::fail("{}: the server does not give its auxiliary clock", session.chassis());
+    const Json report =
+        ticksReport(client::readGroupStarts(session.link(), channel(), from_), channel(), *hz, seconds_);
+    session.print(json ? report.dump(2) + "\n" : ticksText(report, seconds_));
+  }
+
+  double seconds_ = 5;
+  u64 from_ = 0;
+};
+
 }  // namespace
 
 Group psiCommands() {
@@ -306,6 +338,7 @@ Group psiCommands() {
                        {"show", "Read the tables back from the card and decode them", make<PsiShow>},
                        {"interval", "Set intervals and have the card save them", make<PsiInterval>},
                        {"clear", "Remove all tables", make<PsiClear>},
+                       {"ticks", "Show when the groups of each table began", make<PsiTicks>},
                        {"search", "Look for a table on a PID of what the channel sends", make<PsiSearch>}}};
 }
 

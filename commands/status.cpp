@@ -234,6 +234,23 @@ Json alarmJson(const protocol::Alarm& alarm) {
 
 namespace {
 
+std::string noCard(std::optional<int> slot) {
+  return slot ? fmt::format("no card in slot {}", *slot + 1) : "the chassis has no card";
+}
+
+std::string startupText(const Json& cards) {
+  constexpr auto kRow = "  {:<24} {:>10} {:>10} {:>9}\n";
+  std::string text;
+  for (const Json& card : cards) {
+    text += cardLine(card) + '\n' + fmt::format(kRow, "phase", "from ms", "ms", "accesses");
+    for (const Json& phase : member(card, "startup")) {
+      text += fmt::format(kRow, oneLine(member(phase, "phase")), measured(phase, "from_ms", 1, 3),
+                          measured(phase, "ms", 1, 3), whole(phase, "bus_accesses"));
+    }
+  }
+  return text;
+}
+
 Json requiredStatus(Session& session) {
   auto status = statusOf(session.link());
   if (!status) throw std::runtime_error(fmt::format("{}: the server reports no status", session.chassis()));
@@ -245,6 +262,30 @@ struct Status final : Command {
   void carryOut(Session& session) override {
     const Json status = requiredStatus(session);
     session.print(json ? jsonText(status) : statusText(status));
+  }
+};
+
+struct Startup final : Command {
+  void describe(Form& form) override {
+    takeSlot(form, false);
+    takeJson(form);
+    form.footer(
+        "Times are in ms since power-up. Cards start at the same time and share the processor.\n"
+        "\nExample: qamctl startup 1");
+  }
+  void carryOut(Session& session) override {
+    Json cards = Json::array();
+    const Json status = requiredStatus(session);
+    for (const Json& card : member(status, "cards")) {
+      if (target.slot && number(card, "slot") != *target.slot + 1) continue;
+      cards.push_back({{"slot", member(card, "slot")},
+                       {"state", member(card, "state")},
+                       {"startup_ms", member(card, "startup_ms")},
+                       {"startup", member(card, "startup")}});
+    }
+    if (cards.empty())
+      throw std::runtime_error(fmt::format("{}: {}", session.chassis(), noCard(target.slot)));
+    session.print(json ? jsonText(cards) : startupText(cards));
   }
 };
 
@@ -334,7 +375,7 @@ struct Rf final : Command {
       const auto place = number(card, "slot");
       if (place && (!target.slot || *place == *target.slot + 1)) return "the server reports no RF output";
     }
-    return target.slot ? fmt::format("no card in slot {}", *target.slot + 1) : "the chassis has no card";
+    return noCard(target.slot);
   }
 };
 
@@ -343,6 +384,7 @@ struct Rf final : Command {
 Group statusCommands() {
   return {.commands = {
               {"status", "Show the cards of the chassis and what they send", make<Status>},
+              {"startup", "Show the phases of the cards' start-up", make<Startup>},
               {"wait", "Wait until a card runs, or all", make<Wait>},
               {"rates", "Show the rates of each channel: input, routed, PSI, null and total", make<Rates>},
               {"rf", "Show what goes out at the RF connectors", make<Rf>}}};

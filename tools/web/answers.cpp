@@ -18,6 +18,8 @@ const std::vector<Answer>& answers() {
       {"programmes/([1-6]\\.[12])", {{"programme", "list", "$"}}},
       {"pidmap/([1-6]\\.[12])", {{"pidmap", "show", "$"}}},
       {"psi/([1-6]\\.[12])", {{"psi", "show", "$"}}},
+      {"ticks/([1-6]\\.[12])", {{"psi", "ticks", "$", "--seconds", "10"}}},
+      {"pids/([1-6]\\.(?:[1-9]|1[0-6]))", {{"pids", "$", "--seconds", "0"}}},
       {"backup/([1-6]\\.[12])", {{"backup", "$"}}},
       // Without the rates: each takes the card half a second, in which the headend serves no other client.
       {"variables/([1-6])",

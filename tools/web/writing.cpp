@@ -40,6 +40,7 @@ const std::vector<Order>& orders() {
       {{"psi", "clear"}},
       {{"psi", "load"}, false, true, true},
       {{"psi", "search"}, true},
+      {{"pids"}},
       {{"pidmap", "clear"}},
       {{"pidmap", "load"}, false, true},
       {{"programme", "add"}, true},

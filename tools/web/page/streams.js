@@ -133,6 +133,12 @@ function lateness(name, one) {
   const due = name === 'PMT' ? Math.max(one.set_ticks, one.stored) : one.set_ticks;
   return Math.max(0, one.interval_ticks.max - due);
 }
+// Ticks for which the other tables of its PID may keep it waiting.
+function patience(name, tables) {
+  const shared = [['SDT_C', 'SDT_O', 'BAT'], ['NIT_C', 'NIT_O']].find((names) => names.includes(name)) || [];
+  return shared.filter((other) => other !== name && tables[other])
+    .reduce((sum, other) => sum + tables[other].stored, 0);
+}
 function repetitionBar(one, late) {
   const [width, height] = [130, 14];
   const { min, max } = one.interval_ticks;
@@ -144,19 +150,21 @@ function repetitionBar(one, late) {
       class: late ? 'range over' : 'range' }),
     straight(x(one.set_ticks), 0, x(one.set_ticks), height, 'setmark'));
 }
-function tableRow(name, one, hertz) {
+function tableRow(name, tables, hertz) {
+  const one = tables[name];
   const both = (ticks) => {
     const ms = ticks * 1000 / hertz;
     return [`${Number.isInteger(ticks) ? ticks : ticks.toFixed(1)} `,
       el('span', { class: 'soft' }, `${ms.toFixed(ms < 100 && ms % 1 ? 1 : 0)} ms`)];
   };
   const measured = one.interval_ticks;
-  const late = lateness(name, one);
+  const behind = lateness(name, one);
+  const late = behind > patience(name, tables) ? behind : 0;
   const judged = one.set_ticks === 0 ? stated('idle', t('stopped'))
     : !one.stored ? el('span', { class: 'soft' }, t('notStored'))
       : !measured ? stated('idle', t('notYet'))
         : late ? stated('warn', [t('late', `${late} `), `(${(late * 1000 / hertz).toFixed(0)} ms)`])
-          : stated('ok', t('onTime'));
+          : stated('ok', behind ? t('waited', `${behind} `) : t('onTime'));
   return [name.replace('_', ' '), grouped(one.stored), grouped(one.posted), both(one.set_ticks),
     ...['min', 'mean', 'max'].map((which) => (measured ? both(measured[which]) : '–')),
     measured ? repetitionBar(one, late) : '', judged];
@@ -166,7 +174,7 @@ function drawTables(data) {
   return sheet(`${t('tables')} ${data.id}`, table(t('tablesCaption', data.aux_hz),
     [[t('table')], [t('stored'), 'num'], [t('posted'), 'num'], [t('set'), 'num'], [t('min'), 'num'],
       [t('mean'), 'num'], [t('max'), 'num'], [t('repetition')], [t('verdict')]],
-    TABLES.filter((name) => data.tables[name]).map((name) => tableRow(name, data.tables[name], data.aux_hz))),
+    TABLES.filter((name) => data.tables[name]).map((name) => tableRow(name, data.tables, data.aux_hz))),
   data.psi && data.psi.data && sectionsTable(data.psi.data));
 }
 function sectionContent(content) {
@@ -340,4 +348,5 @@ function pickInputs() {
 function beforeStreams(route) {
   const one = shownChannel(route);
   if (one && !kept('programmes', one.id)) loadChannel(one.id);
+  keepStreamsFresh(route);
 }

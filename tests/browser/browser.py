@@ -162,9 +162,11 @@ def each_view_shows_what_qamctl_says_in_both_languages_and_colours(case):
                     (table(1, 0, 1, 5), [[one['table'].replace('_', ' '), f'0x{each["pid"]:04X}', str(each['packets'])]
                                          for one in psi for each in one['sections']]),
                     (lambda: page.text('summary b'), '\n'.join(f'{one["number"]}  {one["name"]}' for one in programmes)),
-                    (table(-2, 1, 2, 3), [[f'{one["src_slot"]}.{one["src_port"]}', f'0x{one["src_pid"]:04X}', f'0x{one["dst_pid"]:04X}']
+                    (table(-3, 1, 2, 3), [[f'{one["src_slot"]}.{one["src_port"]}', f'0x{one["src_pid"]:04X}', f'0x{one["dst_pid"]:04X}']
                                           for one in map_['record']]),
-                    (table(-1, 6), [[one['name']] for one in status['sources'][0]['inputs']])],
+                    (table(-2, 6), [[one['name']] for one in status['sources'][0]['inputs']]),
+                    (table(-1, 0), [[f'0x{one["pid"]:04X}'] for one in page.said('pids', '1.1')['pids']]),
+                    (lambda: page.js('return document.querySelectorAll(".beat").length > 8'), True)],
                 'panel': [(lambda: [row[1:] for row in page.text('.rows').split('\n')], lcd['rows']), (lambda: page.js(PIXELS), lcd['pixels'])],
                 'alarms': [(table(0, 0, 1, 3), alarms), (lambda: len(page.js(TABLES)[1]), len(log))],
                 'start-up': [

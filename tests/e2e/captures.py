@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # Tables of real captures on the air, as tscheck sees them: whole and on time, on two cards at once, after a restart
 # from the flash alone, on a slow machine, and while others replace them.
+import json
 import os
 
 import harness
@@ -35,6 +36,22 @@ def compare_report(case, told, seen, intervals, size):
             case.check(abs(entry['interval_ticks'][key] - ticks) < 1, f'{table} {key}: report {entry}, tscheck {due}')
 
 
+# The JSON that a command of the run has printed.
+def output_of(run, command):
+    return next(json.loads(each['output']) for each in run.report['commands'] if each['command'] == command)
+
+
+# The groups that the card began in the last seconds have the stream's intervals; none of them was late.
+def compare_ticks(case, told, seen):
+    for table in told['tables']:
+        due = seen['psi']['types'].get(table['table'])
+        groups = table['groups']
+        case.equal([table['overdue_ticks']] + [group['late_ticks'] for group in groups], [0] * (1 + len(groups)), table['table'])
+        if due is not None and len(groups) > 1:
+            found = [group['interval_ticks'] for group in groups]
+            case.check(due['interval_ticks']['min'] - 1 < min(found) and max(found) < due['interval_ticks']['max'] + 1, f'{table} {due}')
+
+
 OUTPUTS = {  # channel: capture, intervals other than the default
     '1.1': ('two-programmes.ts', {'PAT': 1, 'PMT': 2, 'SDT_C': 500}),
     '1.2': ('psi-many.ts', {'PMT': 40, 'SDT_O': 6, 'SDT_C': 25, 'BAT': 70, 'NIT_C': 11, 'NIT_O': 12}),
@@ -44,9 +61,9 @@ OUTPUTS = {  # channel: capture, intervals other than the default
 
 
 def tables_are_whole_and_on_time_also_after_a_restart(case):
-    flash, flags, uploads = case.flash(), ['--card', '1', '--card', '5'], []
+    flash, flags, uploads, ask = case.flash(), ['--card', '1', '--card', '5'], [], '@11.5 psi ticks {} --seconds 3 --json'
     for channel, (capture, intervals) in OUTPUTS.items():
-        flags += ['--out', f'{channel}={case.path(channel)}']
+        flags += ['--out', f'{channel}={case.path(channel)}', '--do', ask.format(channel)]
         uploads += ['--psi', f'{channel}={case.sample(capture)}', *words(channel + '.', intervals)]
     for start in (uploads, []):
         run = case.fast(flash, 12, *ALONE, *flags, *start)
@@ -57,6 +74,7 @@ def tables_are_whole_and_on_time_also_after_a_restart(case):
             seen = judged(case, channel, capture, intervals)
             told = case.card(run, int(channel[0]))['channels'][int(channel[2]) - 1]
             compare_report(case, told, seen, intervals, os.path.getsize(case.path(channel)))
+            compare_ticks(case, output_of(run, ask[6:].format(channel)), seen)
             os.remove(case.path(channel))
     case.tidy(flash)
 

@@ -13,6 +13,7 @@ import sys
 
 from selenium import webdriver
 from selenium.common import exceptions
+from selenium.webdriver.common.keys import Keys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'e2e'))
 import harness  # noqa: E402
@@ -25,14 +26,16 @@ if '--pictures' in sys.argv:
     folder = os.path.abspath(sys.argv.pop(sys.argv.index('--pictures') + 1))
     sys.argv.remove('--pictures')
 RATE_SECONDS = 100  # of the pictures' rates
-SCENE = ['--card', '1', '--card', '2', '--card', '3', '--set', '1.rfreq=666000', '--set', '1.qammode=7', '--set', '2.rflevel=1050',
+SCENE = ['--card', '1', '--card', '2', '--card', '3', '--calibration', '127.0.0.1:0', '--set', '1.rfreq=666000', '--set', '1.qammode=7', '--set', '2.rflevel=1050',
          '--set', '2.temperature2=90', '--fault', '3.config-lost@4', '--programme', '1.1=6.2:1', '--programme', '2.2=6.2:2']
-MARKUP = '<img src=x onerror=document.title=1>'
+MARKUP = '<b a=1>'  # as long as the name that it replaces
 CHINESE = {'running': '运行', 'config error': '配置错误', 'empty': '空', 'on air': '正常播出', 'off': '关闭', 'delivers': '正常', 'none': '无',
            'unknown': '未知',
            'critical': '严重', 'major': '主要',}
+KEYS = {'up': Keys.ARROW_UP, 'down': Keys.ARROW_DOWN, 'ok': Keys.ENTER, 'cancel': Keys.ESCAPE}
 TABLES = '''return [...document.querySelectorAll('#view table')].map((table) =>
     [...table.tBodies[0].rows].map((row) => [...row.cells].map((cell) => cell.textContent)))'''
+VALUES = 'return [...document.querySelectorAll(`input[id^="${arguments[0]}"], select[id^="${arguments[0]}"]`)].map((one) => one.value)'
 SLOTS = '''return [...document.querySelectorAll('.slot')].map((slot) =>
     [...slot.querySelectorAll(':scope > .state, .port > .line .state')].map((one) => one.textContent))'''
 PIXELS = '''const data = document.querySelector('canvas.lcd').getContext('2d').getImageData(0, 0, 128, 64).data;
@@ -49,6 +52,10 @@ TRACES = '''return [...document.querySelectorAll('.rfcard > svg')].flatMap((svg)
     const [mhz, dbuv] = all.length ? [scale('.label.middle', 'x'), scale('.label.end', 'y')] : [];
     return all.map((box) => [mhz(box.x + box.width / 2), mhz(box.x + box.width) - mhz(box.x), dbuv(box.y + 4)])
       .map((values) => values.map((one) => Math.round(one * 4) / 4)); })'''
+FILL = '''const one = document.getElementById(arguments[0]);
+    if (arguments[1] !== '') one.value = arguments[1];
+    one.dispatchEvent(new Event('input'));
+    one.form.requestSubmit();'''
 # Texts with less than 4.5 times the luminance of what is behind them, or more than its 4.5th part.
 FAINT = '''const light = (colour) => colour.match(/[0-9.]+/g).slice(0, 3).map((one) => one / 255).map((one) =>
       one <= 0.04045 ? one / 12.92 : ((one + 0.055) / 1.055) ** 2.4).reduce((all, one, index) =>
@@ -63,25 +70,22 @@ FAINT = '''const light = (colour) => colour.match(/[0-9.]+/g).slice(0, 3).map((o
       }).map((one) => `${one.className} ${one.textContent}`)'''
 
 
-# A source whose first service has a name full of markup, as has its file.
+# A source whose first service has a name of markup, as has its file.
 def hostile_source(case):
-    data, more = bytearray(harness.read(case.sample('two-programmes.ts'))), len(MARKUP) - len('Harbour')
+    data = bytearray(harness.read(case.sample('two-programmes.ts')).replace(b'Harbour', MARKUP.encode()))
     for at in range(0, len(data), harness.PACKET):
         if harness.pid_of(data[at:at + 4]) == 0x11:
-            section = data[at + 5:at + 8 + data[at + 7] - 4].replace(b'\x07Harbour', bytes([len(MARKUP)]) + MARKUP.encode())
-            for length in (2, 15, 17):  # of the section, the service's descriptors, and the first of these
-                section[length] += more
-            section += tscheck.crc32(section).to_bytes(4, 'big')
-            data[at + 5:at + harness.PACKET] = section.ljust(harness.PACKET - 5, b'\xff')
+            end = at + 8 + data[at + 7] - 4
+            data[end:end + 4] = tscheck.crc32(data[at + 5:end]).to_bytes(4, 'big')
     harness.write(case.path(MARKUP + '.ts'), data)
     return case.path(MARKUP + '.ts')
 
 
 # A browser before the page of qamweb, which shows the headend at this address.
 class Page:
-    def __init__(self, case, stack, server, listen='127.0.0.1:0'):
-        self.case, self.stack, self.server = case, stack, server
-        self.serve(listen)
+    def __init__(self, case, stack, server, *flags):
+        self.case, self.stack, self.server, self.flags = case, stack, server, flags
+        self.serve('127.0.0.1:0')
         options = webdriver.chrome.options.Options()
         options.set_capability('goog:loggingPrefs', {'browser': 'ALL'})
         for each in ('headless=new', 'disable-gpu', 'hide-scrollbars', 'lang=en', *['no-sandbox'] * (os.geteuid() == 0)):
@@ -91,7 +95,8 @@ class Page:
         self.js = self.browser.execute_script
 
     def serve(self, listen):
-        command = [self.case.args.qamctl.replace('qamctl', 'qamweb'), '--server', f'headend={self.server}', '--listen', listen]
+        command = [self.case.args.qamctl.replace('qamctl', 'qamweb'), '--server', f'headend={self.server}', '--listen', listen,
+                   '--web-write', '--web-token-file', self.case.path('token'), *self.flags]
         self.web = subprocess.Popen(command, stdout=subprocess.PIPE)
         self.stack.callback(self.web.kill)
         self.address = re.search(rb'127[^/]+', self.web.stdout.readline())[0].decode()
@@ -109,6 +114,25 @@ class Page:
 
     def text(self, selector):
         return self.js('return [...document.querySelectorAll(arguments[0])].map((one) => one.textContent).join("\\n")', selector)
+
+    def click(self, selector):
+        self.same(lambda: self.js('document.querySelector(arguments[0]).click()', selector), lambda: None, selector)
+
+    # Gives a field this value and sends its form.
+    def fill(self, field, value):
+        self.same(lambda: self.js(FILL, field, value), lambda: None, field)
+
+    def log_in(self):
+        self.same(lambda: self.text('#session'), lambda: 'Log in', 'button')
+        self.click('#session')
+        self.fill('token', harness.read(self.case.path('token')).decode().strip())
+        self.same(lambda: self.text('#session'), lambda: 'Log out', 'session')
+
+    # Answers the question that is open, whose text has these parts.
+    def answer(self, answer, *parts):
+        self.same(lambda: [each for each in parts if each not in self.text('dialog')], lambda: [], 'question')
+        self.case.equal(self.js('return document.activeElement.textContent'), 'Cancel', 'focus')
+        self.click('dialog .danger' if answer else 'dialog .buttons button')
 
     # Waits until both are equal.
     def same(self, got, wanted, text):
@@ -130,7 +154,7 @@ def scene(case, *args):
         server = stack.enter_context(harness.Server(case, case.flash(), '--source', f'6={case.sample("four-programmes-cbr.ts")},{second}',
                                                     *SCENE, *args))
         server.wait_started()
-        page = Page(case, stack, server.address)
+        page = Page(case, stack, server.address, '--calibration', re.search('calibration on ([0-9.:]+)', server.text())[1])
         harness.poll(lambda: len(re.findall('programme add .* done', server.text())) == 2 and page.said('status')['alarms']['events'] > 0
                      and page.said('status')['cards'][2]['state'] == 'config_error')
         yield page
@@ -142,7 +166,11 @@ def each_view_shows_what_qamctl_says_in_both_languages_and_colours(case):
         status, lcd, map_ = page.said('status'), page.said('lcd'), page.said('pidmap', 'show', '1.1')
         psi, programmes = page.said('psi', 'show', '1.1')['tables'], page.said('programme', 'list', '1.1')['programmes']
         log = case.qamctl(page.server, 'alarms', '--history', '--json').text.splitlines()
+        dac = status['cards'][0]['calibration']['dac']
+        settings = page.said('var', 'get', '1', 'rfreq', 'rflevel', 'symbolrate', 'qammode', 'rfswitch', 'power')
         case.equal(programmes[0]['name'], MARKUP, 'name of the service')
+        page.go('settings/1')
+        page.log_in()
         table = lambda number, *columns: lambda: [[row[each] for each in columns] for row in page.js(TABLES)[number]]  # noqa: E731
         ground = {}
         for (language, word), theme, width in itertools.product(((0, lambda text: text), (1, lambda text: CHINESE.get(text, text))), ('light', 'dark'), (1280, 390)):
@@ -168,6 +196,9 @@ def each_view_shows_what_qamctl_says_in_both_languages_and_colours(case):
                     (table(-1, 0), [[f'0x{one["pid"]:04X}'] for one in page.said('pids', '1.1')['pids']]),
                     (lambda: page.js('return document.querySelectorAll(".beat").length > 8'), True)],
                 'panel': [(lambda: [row[1:] for row in page.text('.rows').split('\n')], lcd['rows']), (lambda: page.js(PIXELS), lcd['pixels'])],
+                'settings/1': [(lambda: page.js(VALUES, 'set-1-'), [str(one['value']) for one in settings]),
+                               (lambda: page.js(VALUES, 'interval-1.1-'), [str(one['interval_ticks']) for one in psi]),
+                               (lambda: page.js(VALUES, 'cal-1-'), [bytes(dac[at:end]).hex(' ') for at, end in ((0, 5), (5, 9), (9, 13))])],
                 'alarms': [(table(0, 0, 1, 3), alarms), (lambda: len(page.js(TABLES)[1]), len(log))],
                 'start-up': [
                     (lambda: [[row[1:3] for row in each] for each in page.js(TABLES)],
@@ -184,7 +215,7 @@ def each_view_shows_what_qamctl_says_in_both_languages_and_colours(case):
                     page.same(got, lambda: wanted, f'{where}, {number}')
                 case.check(page.js('return document.documentElement.scrollWidth <= innerWidth'), f'{where}: wider than the window')
                 case.equal(page.js(FAINT), [], f'{where}: faint texts')
-                case.equal(page.js('return document.querySelectorAll("#view img").length'), 0, f'{where}: markup')
+                case.equal(page.js('return document.querySelectorAll("b[a]").length'), 0, f'{where}: markup')
                 case.equal(page.browser.title, f'({len(alarms)}) headend - headend', where)
             ground[theme] = page.js('return getComputedStyle(document.body).backgroundColor')
         case.check(ground['light'] != ground['dark'], f'one colour for light and dark: {ground}')
@@ -242,15 +273,61 @@ def a_report_shows_the_same_from_its_file_and_on_paper(case):
         case.equal(page.browser.get_log('browser'), [], 'console')
 
 
-def a_setting_is_seen_on_the_rf_picture(case):
+def a_change_is_asked_for_seen_and_put_back(case):
     with scene(case) as page:
+        value = lambda name, slot='2': page.said('var', 'get', slot, name)[0]['value']  # noqa: E731
+        page.go('settings/2')
+        page.log_in()
+        page.fill('set-2-rflevel', 3)
+        page.same(lambda: 'rflevel cannot be 3: possible are' in page.text('#set-2-rflevel-error'), lambda: True, 'error')
+        for name, wanted in ('rflevel', 950), ('rfreq', 474000):
+            page.fill(f'set-2-{name}', wanted)
+            page.same(lambda: [value(name), page.text(f'#set-2-{name}-hint').split()[1]], lambda: [wanted, str(wanted)], name)
+        case.qamctl(page.server, 'var', 'set', '2', 'rfreq', '602000')
+        page.click('.changes button')
+        page.same(lambda: page.text('.changes .way').split('\n')[0], lambda: 'changed by somebody else', 'somebody else')
+        for answer, wanted in ('', 0), ('yes', 1):
+            page.fill('set-2-rfswitch', 1)
+            page.answer(answer, 'Switch off: Modulation of card 2?', 'Channel 2.1, 602.0000 MHz', 'Channel 2.2, 610.0000 MHz', 'Meadow')
+            page.same(lambda: value('rfswitch'), lambda: wanted, f'answer "{answer}"')
+        case.equal(value('rfreq'), 602000, 'carrier of somebody else')
         page.go('rf')
-        before = traces(page.said('status'))
-        page.same(lambda: page.js(TRACES), lambda: before, 'before')
-        for setting in ('rfreq', '474000'), ('rflevel', '950'), ('rfswitch', '1'):
-            case.qamctl(page.server, 'var', 'set', '2', *setting)
-            page.same(lambda: page.js(TRACES), lambda: traces(page.said('status')), setting)
-        case.equal(len(traces(page.said('status'))), len(before) - 2, 'channels on air')
+        page.same(lambda: page.js(TRACES), lambda: traces(page.said('status')), 'picture')
+        page.go('settings/2')
+        page.click('.changes button')
+        page.same(lambda: value('rfswitch'), lambda: 0, 'put back')
+        # A capture with a name full of markup, in the file's name too.
+        page.go('settings/1')
+        page.browser.find_element('id', 'capture-1.2').send_keys(case.path(MARKUP + '.ts'))
+        page.fill('capture-1.2', '')
+        page.answer('yes', f'Load the tables of {MARKUP}.ts on channel 1.2?', 'no programme', 'SDT_C: 1 sections')
+        names = lambda: [one['name'] for one in page.said('programme', 'list', '1.2')['programmes']]  # noqa: E731
+        page.same(lambda: page.text('.changes li:first-child b'), lambda: 'Channel 1.2: Load the tables', 'upload')
+        case.equal(names(), [MARKUP, 'Meadow'], 'upload')
+        page.click('.changes button')
+        page.answer('yes', 'Put back: Channel 1.2: Load the tables', f'programmes {MARKUP}, Meadow')
+        page.same(lambda: page.text('.changes li:first-child .way'), lambda: 'put back', 'content put back')
+        case.equal(names(), [], 'content put back')
+        page.fill('set-1-power', 0)
+        page.answer('', f'programmes {MARKUP}', 'no programme')
+        case.equal(page.js('return document.querySelectorAll("b[a]").length'), 0, 'markup')
+
+
+def keys_lead_to_a_screen_in_both_languages(case):
+    with scene(case) as page:
+        page.go('panel')
+        page.log_in()
+        by_click = lambda name: page.click(f'[data-key={name}]')  # noqa: E731
+        by_keyboard = lambda name: page.browser.find_element('id', 'lcd').send_keys(KEYS[name])  # noqa: E731
+        for press, screen, home in (by_click, 'RF Freq', '前端'), (by_keyboard, '输出频率', 'Headend'):
+            for name in ['ok', 'down', 'ok', 'down', 'down', 'ok']:
+                press(name)
+            page.same(lambda: page.text('.rows').split('\n')[0].strip(), lambda: screen, screen)
+            page.same(lambda: [[re.sub('[][]', '', row)[1:] for row in page.text('.rows').split('\n')], page.js(PIXELS)],
+                      lambda: [page.said('lcd')[each] for each in ('rows', 'pixels')], screen)
+            for name in ['ok', 'cancel', 'cancel', 'up', 'up', 'ok', 'down', 'down']:
+                press(name)
+            page.same(lambda: page.text('.rows').split()[0], lambda: home, 'home')
 
 
 def a_headend_that_stops_and_comes_back_is_told_in_a_banner(case):
@@ -263,15 +340,11 @@ def a_headend_that_stops_and_comes_back_is_told_in_a_banner(case):
         banner = lambda: page.js('const one = document.getElementById("banner"); return one.hidden ? "" : one.textContent.split(":")[0]')  # noqa: E731
         page.go('overview')
         for view in ('rf', 'streams'):
-            page.same(lambda: page.js('const one = document.querySelector(`nav a[href$="/${arguments[0]}"]`); if (one) one.click();'
-                                      'return location.hash', view), lambda: f'#/1/{view}', 'link')
+            page.click(f'nav a[href$="/{view}"]')
         for view in ('rf', 'overview'):
             page.browser.back()
             page.same(lambda: page.text('h1').lower(), lambda: view, 'view after the back button')
-        address = page.address
-
-        def second():
-            stack.enter_context(harness.Server(case, flash, manage=first.address))
+        address, second = page.address, lambda: stack.enter_context(harness.Server(case, flash, manage=first.address))
         for act, wanted in ((lambda: None, ''), (lambda: first.process.send_signal(signal.SIGSTOP), 'The headend cannot be read'),
                             (lambda: first.process.send_signal(signal.SIGCONT), ''), (first.stop, 'The headend cannot be read'),
                             (second, ''), (page.web.kill, 'No connection to the server of this page. It is tried again. Shown is the state of'),

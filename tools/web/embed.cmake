@@ -2,7 +2,8 @@
 # one file. The page has one script: the files below in their order, in one function, so that nothing of it is a property
 # of the window.
 cmake_minimum_required(VERSION 3.25)
-set(scripts texts base data parts overview rf streams lanes pids panel alarms start_up views report frame)
+set(scripts texts base data parts overview rf streams lanes pids panel write upload export alarms start_up forms
+    card_forms channel_forms fault_forms settings views report frame)
 set(page ${CMAKE_CURRENT_LIST_DIR}/page)
 set(script "'use strict';\n(() => {\n")
 foreach(name IN LISTS scripts)

@@ -58,7 +58,7 @@ const std::vector<Order>& orders() {
 
 const Order& orderOf(const std::vector<std::string>& words) {
   const auto found = std::ranges::find_if(orders(), [&](const Order& order) {
-    return words.size() > order.words.size() &&
+    return words.size() >= order.words.size() &&
            std::equal(order.words.begin(), order.words.end(), words.begin());
   });
   if (found == orders().end())

@@ -13,7 +13,9 @@ function drawLog(data) {
   const failed = data.error && el('p', {}, stated('bad', t('readFailed', data.error)));
   if (!data.events) return sheet(t('log'), failed || el('p', { class: 'none' }, t('reading')));
   if (!data.count) return sheet(t('log'), failed, el('p', { class: 'none' }, t('logEmpty')));
-  return sheet(t('log'), failed, table(t('logShown', data.events.length, data.count),
+  return sheet(t('log'), failed, el('div', { class: 'buttons' }, exportButtons('alarms', t('log'),
+    ['number', 'at', 'event', 'slot', 'channel', 'severity', 'title', 'text', 'trap', 'happened'], async () =>
+      state.log.events.map((one) => ({ ...one, ...texts(one) })))), table(t('logShown', data.events.length, data.count),
     [[t('serial'), 'num'], [t('event')], [t('slot', '').trim()], [t('severity')], [t('alarm'), 'wide'],
       [t('time'), 'num'], [t('local'), 'num']],
     data.events.map((one) => [one.number, stated(eventKind(one), named('ev_', one.event)), placeOf(one),

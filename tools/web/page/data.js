@@ -1,6 +1,6 @@
 // ---- What does not change, and what the page holds ------------------------------------------------------------------
 
-const VIEWS = ['overview', 'rf', 'streams', 'panel', 'alarms', 'start-up'];
+const VIEWS = ['overview', 'rf', 'streams', 'panel', 'settings', 'alarms', 'start-up'];
 const SLOTS = [1, 2, 3, 4, 5, 6];
 const TABLES = ['PAT', 'PMT', 'SDT_C', 'SDT_O', 'NIT_C', 'NIT_O', 'BAT', 'CAT'];
 const HISTORY_SECONDS = 600;
@@ -182,6 +182,7 @@ function connect() {
   source.onopen = () => {
     state.link = 'open';
     showBanner();
+    loadSession();
   };
   source.onmessage = (message) => accept(JSON.parse(message.data));
   source.onerror = () => {

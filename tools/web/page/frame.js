@@ -10,7 +10,7 @@ function drawHeadends() {
 function showBar() {
   if (!state.route) return;
   const standing = status() ? status().alarms.standing.length : 0;
-  const key = JSON.stringify([state.route, standing, state.headends, state.language, state.theme]);
+  const key = JSON.stringify([state.route, standing, state.headends, state.language, state.theme, state.session]);
   if (key === state.bar) return;
   state.bar = key;
   const restore = rememberUse(byId('views'));
@@ -25,6 +25,7 @@ function showBar() {
   const theme = t({ auto: 'themeAuto', light: 'themeLight', dark: 'themeDark' }[state.theme]);
   byId('theme').textContent = theme;
   byId('theme').setAttribute('aria-label', t('themeLabel', theme));
+  showSession();
   byId('language').textContent = t('toolLanguage');
   byId('language').setAttribute('lang', state.language ? 'en' : 'zh');
   byId('language').setAttribute('aria-label', t('toolLanguageLabel'));
@@ -103,6 +104,7 @@ function start() {
     if (state.route) mountView(false);
     showTimes();
   });
+  byId('session').addEventListener('click', () => (state.session.in ? logOut() : logIn()));
   byId('theme').addEventListener('click', () => {
     setTheme({ auto: 'light', light: 'dark', dark: 'auto' }[state.theme]);
     store('theme', state.theme);

@@ -32,21 +32,59 @@ function lcdRows({ rows, inverse }) {
 function drawLcd(lcd) {
   return lcd ? lcdCanvas(lcd.pixels, t('lcd')) : el('p', { class: 'none' }, t('lcdNone'));
 }
-function keyPad() {
-  const key = (name) => el('button', { type: 'button', disabled: true, 'data-key': name }, t(`key_${name}`));
-  return el('div', { class: 'keys', role: 'group', 'aria-label': t('keys') },
-    key('cancel'), key('up'), key('ok'), key('left'), key('down'), key('right'));
+
+// Keys wait here until those before them are taken.
+const KEYS_AT_ONCE = 16;
+const keyQueue = { waiting: [], sending: false };
+async function pressKey(name) {
+  const { waiting } = keyQueue;
+  waiting.push({ id: state.route.headend, name });
+  if (keyQueue.sending) return;
+  keyQueue.sending = true;
+  try {
+    while (waiting.length) {
+      const { id } = waiting[0];
+      const others = waiting.findIndex((one) => one.id !== id);
+      const run = waiting.splice(0, Math.min(KEYS_AT_ONCE, others < 0 ? waiting.length : others));
+      await command(id, ['key', ...run.map((one) => one.name)]);
+    }
+  } catch (failure) {
+    waiting.length = 0;
+    say('bad', failure.message);
+  }
+  keyQueue.sending = false;
+}
+const KEY_OF = { ArrowUp: 'up', ArrowDown: 'down', ArrowLeft: 'left', ArrowRight: 'right', Enter: 'ok', Escape: 'cancel' };
+// The keyboard presses keys while the LCD or a key has the focus. Enter on a key presses that one.
+function keyboardKey(event) {
+  const name = KEY_OF[event.key];
+  if (!name || !mayWrite() || event.ctrlKey || event.altKey || event.metaKey || event.shiftKey) return;
+  if (name === 'ok' && event.target.closest('button')) return;
+  event.preventDefault();
+  pressKey(name);
+}
+function drawKeys({ session }) {
+  const key = (name) => el('button', { type: 'button', disabled: !mayWrite(), 'data-key': name, onclick: (event) => {
+    pressKey(name);
+    if (event.detail) byId('lcd').focus(); // a click: the keyboard goes on at the LCD
+  } }, t(`key_${name}`));
+  return [el('div', { class: 'keys', role: 'group', 'aria-label': t('keys') },
+    key('cancel'), key('up'), key('ok'), key('left'), key('down'), key('right')),
+  el('p', { class: 'soft' }, t(!session.writes ? 'keysOff' : session.in ? 'keysOn' : 'keysLogIn'))];
 }
 const panelView = {
   parts: [{ pick: () => status() && state.snapshot.lcd && { pixels: state.snapshot.lcd.pixels }, draw: drawLcd },
+    { pick: () => ({ session: state.session }), draw: drawKeys },
     { pick: () => state.snapshot && state.snapshot.lcd && lcdRows(state.snapshot.lcd),
       draw: (rows) => rows && document.createTextNode(rows) }],
   // The row texts are a live region that stays in place, so that changes are read out.
-  frame: ([lcd, rows]) => {
+  frame: ([lcd, keys, rows]) => {
     rows.setAttribute('aria-live', 'polite');
     rows.setAttribute('class', 'rows mono');
-    return el('div', { class: 'front' }, lcd, el('section', { class: 'sheet' },
-      !REPORT && [el('h2', {}, t('keys')), keyPad(), el('p', { class: 'soft' }, t('keysOff'))],
-      el('h3', {}, t('lcdText')), rows));
+    const words = [el('h3', {}, t('lcdText')), rows];
+    if (REPORT) return el('div', { class: 'front' }, lcd, el('section', { class: 'sheet' }, words));
+    return el('div', { class: 'front', onkeydown: keyboardKey },
+      el('div', { id: 'lcd', tabindex: 0, role: 'application', 'aria-label': t('lcdKeys') }, lcd),
+      el('section', { class: 'sheet' }, el('h2', {}, t('keys')), keys, words));
   },
 };

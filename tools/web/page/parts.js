@@ -36,7 +36,7 @@ function drawPart(mounted) {
 }
 // Focus, opened details and scroll positions survive a new drawing.
 function rememberUse(host) {
-  const focusable = () => [...host.querySelectorAll('a, button, summary, [tabindex]')];
+  const focusable = () => [...host.querySelectorAll('a, button, summary, input, select, [tabindex]')];
   const focused = focusable().indexOf(document.activeElement);
   const opened = [...host.querySelectorAll('details')].map((one) => one.open);
   const scrollers = () => [...host.querySelectorAll('.scroll, .list')];

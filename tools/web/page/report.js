@@ -74,6 +74,7 @@ function putAway() {
   if (byId('paper')) byId('paper').remove();
 }
 if (REPORT) {
+  VIEWS.splice(VIEWS.indexOf('settings'), 1); // nothing can be set
   addEventListener('beforeprint', layOut);
   addEventListener('afterprint', putAway);
 }

@@ -11,6 +11,7 @@ const VIEW = {
       { pick: pickReadAgain, draw: drawReadAgain }, { pick: pickContents, draw: drawContents },
       { pick: pickInputs, draw: drawInputs, every: 900, once: true }, { pick: pickPids, draw: drawPids, once: true }] },
   panel: panelView,
+  settings: settingsView,
   alarms: { before: loadLog, parts: [{ pick: () => status() && status().alarms.standing, draw: drawStanding },
     { pick: pickLog, draw: drawLog }] },
   'start-up': { parts: [{ pick: pickStart, draw: drawStart }] },
@@ -33,6 +34,7 @@ function mountView(moveFocus) {
   byId('view').replaceChildren(heading, ...(view.frame ? [view.frame(hosts)] : hosts));
   if (moveFocus) {
     scrollTo(0, 0);
+    byId('said').replaceChildren();
     heading.focus({ preventScroll: true });
   }
   if (view.opened) view.opened(state.route);

@@ -83,7 +83,7 @@ function pidDetails({ place, kind, entry }) {
 }
 function drawPids(data) {
   if (!data) return null;
-  return el('section', { class: 'sheet' }, el('h2', {}, 'PID'), el('p', { class: 'soft' }, t('pidsWhile')),
+  return el('section', { class: 'sheet pids' }, el('h2', {}, 'PID'), el('p', { class: 'soft' }, t('pidsWhile')),
     data.places.map(pidDetails));
 }
 function pidPlaces(route) {

@@ -328,6 +328,8 @@ def keys_lead_to_a_screen_in_both_languages(case):
             for name in ['ok', 'cancel', 'cancel', 'up', 'up', 'ok', 'down', 'down']:
                 press(name)
             page.same(lambda: page.text('.rows').split()[0], lambda: home, 'home')
+        page.click('#session')
+        page.same(lambda: page.js('return document.querySelectorAll(".keys :disabled").length'), lambda: 6, 'keys after the log-out')
 
 
 def a_headend_that_stops_and_comes_back_is_told_in_a_banner(case):

@@ -62,7 +62,7 @@ async function send(method, path, body) {
   let words;
   try {
     answer = await fetch(path, { method, cache: 'no-store', credentials: 'same-origin',
-      headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) });
+      ...(body && { headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) }) });
     words = await answer.text();
   } catch (failure) {
     return settle(0, '');
@@ -93,7 +93,7 @@ async function loadSession() {
 }
 async function logOut() {
   try {
-    await send('DELETE', '/api/session', {});
+    await send('DELETE', '/api/session');
     say('ok', t('loggedOut'));
   } catch (failure) {
     say('bad', failure.message);

@@ -1,13 +1,12 @@
-// Virtual times of the calibration on a virtual headend of one card: what its calls take, and how many
-// requests the service does a virtual second for a client inside the chassis. One line of JSON for each write
-// cycle of the EEPROM, for figures.py. Times are virtual, so every run prints the same, and it is a test:
-// exit code 1 when requests go unserved or the rates leave their bounds.
+// Virtual times of the calibration: what its calls take, and how many requests the service does a virtual
+// second for a client inside the chassis. One line for each write cycle of the EEPROM. Times are virtual, so
+// every run prints the same, and it is a test: it fails when requests go unserved or the rates leave their
+// bounds.
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <exception>
 #include <functional>
 #include <optional>
 #include <span>
@@ -15,14 +14,14 @@
 #include <string>
 #include <vector>
 
+#include "bench/card_times.h"
 #include "card/QamFpga.h"
-#include "headend/flash_folder.h"
-#include "headend/headend.h"
 #include "hw/Qam_set.h"
 #include "hw/ad9775.h"
 #include "hw/ad9775_ctrl.h"
 #include "tests/headend/scratch.h"
 
+namespace bench {
 namespace {
 
 using headend::Nanos;
@@ -32,7 +31,6 @@ constexpr std::array kCycles_ms = {0, 5, 10};
 constexpr int kRequests = 50;
 constexpr int kPatience_ticks = 200;                // for one request; the slowest takes about 26
 constexpr Nanos kLongest = 300 * headend::kSecond;  // the whole run takes about 60
-constexpr int kPriority = 240;  // below the service, so that the client sees only finished requests
 constexpr std::uint16_t kServicePort = 49156;
 constexpr std::uint16_t kClientPort = 50'000;
 enum Command : u8 { kRead = 1, kWrite = 2 };
@@ -50,24 +48,21 @@ double milliseconds(Nanos duration) {
   return static_cast<double>(duration) / 1e6;
 }
 
-headend::Options oneCard(const std::filesystem::path& folder) {
-  headend::initFlash(folder / "flash");
-  headend::Options options;
-  options.flash = folder / "flash";
-  options.slots = {0};
+headend::Options inVirtualTime(const std::filesystem::path& folder) {
+  headend::Options options = oneCard(folder);
   options.duration = kLongest;
   options.fast = true;
-  options.log = folder / "log";
   return options;
 }
 
 class Technician {
  public:
-  explicit Technician(const std::filesystem::path& folder) : headend_(oneCard(folder)) {}
+  explicit Technician(const std::filesystem::path& folder) : headend_(inVirtualTime(folder)) {}
 
   std::vector<Row> measure() {
     std::vector<Row> rows;
     std::string failure;
+    // Below the service, so that the client sees only finished requests.
     headend_.kernel.spawn("tBench", kPriority, [&] {
       try {
         rows = work();
@@ -194,15 +189,11 @@ void judge(std::span<const Row> rows) {
 
 }  // namespace
 
-int main() {
-  try {
-    const test::Scratch scratch;
-    const std::vector<Row> rows = Technician(scratch.path).measure();
-    for (const Row& row : rows) print(row);
-    judge(rows);
-    return 0;
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "calibration_times: {}\n", error.what());
-    return 1;
-  }
+void calibrationTimes() {
+  const test::Scratch scratch;
+  const std::vector<Row> rows = Technician(scratch.path).measure();
+  for (const Row& row : rows) print(row);
+  judge(rows);
 }
+
+}  // namespace bench

@@ -171,32 +171,17 @@ def startup(program):
     return timelines
 
 
-def lines_of(program):
-    run = subprocess.run([program], capture_output=True, text=True, timeout=PATIENCE_SECONDS)
+def card_times(program, *arguments):
+    run = subprocess.run([program, *arguments], capture_output=True, text=True, timeout=PATIENCE_SECONDS)
     if run.returncode != 0:
-        raise NoFigure(f'{program}: exit code {run.returncode}\n{run.stdout}{run.stderr}')
+        raise NoFigure(f'{program} {arguments[0]}: exit code {run.returncode}\n{run.stdout}{run.stderr}')
     return [json.loads(line) for line in run.stdout.splitlines()]
-
-
-def calibration(program):
-    """A row of virtual times and rates for each write cycle of the EEPROM."""
-    return lines_of(program)
-
-
-def status_pass(program):
-    return lines_of(program)[0]
 
 
 def panel(program, samples):
     """From key to screen, for each kind of screen, without PSI and with much of it."""
-    rows = []
-    for load, arguments in (('', ()), (', full PSI', (os.path.join(samples, 'psi-full.ts'),))):
-        run = subprocess.run([program, *arguments], capture_output=True, text=True, timeout=PATIENCE_SECONDS)
-        if run.returncode != 0:
-            raise NoFigure(f'{program}: exit code {run.returncode}\n{run.stderr}')
-        found = [json.loads(line) for line in run.stdout.splitlines()]
-        rows += [{**row, 'screen': row['screen'] + load} for row in found]
-    return rows
+    full = card_times(program, 'panel', os.path.join(samples, 'psi-full.ts'))
+    return card_times(program, 'panel') + [{**row, 'screen': row['screen'] + ', full PSI'} for row in full]
 
 
 def show_speed(title, rows):
@@ -257,10 +242,8 @@ def main():
     parser.add_argument('--headend', required=True, metavar='FILE')
     parser.add_argument('--samples', required=True, metavar='DIR')
     parser.add_argument('--module', action='append', required=True, metavar='LEVEL=FILE')
-    parser.add_argument('--calibration', required=True, metavar='FILE')
+    parser.add_argument('--card-times', required=True, metavar='FILE')
     parser.add_argument('--multiplexer', required=True, metavar='FILE')
-    parser.add_argument('--status-pass', required=True, metavar='FILE')
-    parser.add_argument('--panel', required=True, metavar='FILE')
     parser.add_argument('--exchange', required=True, metavar='FILE')
     parser.add_argument('--json', metavar='FILE')
     parser.add_argument('--repeat', type=int, default=3, metavar='N')
@@ -285,12 +268,12 @@ def main():
         timelines = startup(options.headend)
         show_startup(timelines)
         print(flush=True)
-        calibrations = calibration(options.calibration)
+        calibrations = card_times(options.card_times, 'calibration')
         show_calibration(calibrations)
         print(flush=True)
-        passes = status_pass(options.status_pass)
+        passes = card_times(options.card_times, 'status')[0]
         print(f'A status pass: {passes["accesses"]} register accesses, {passes["virtual_ms"]} virtual ms\n', flush=True)
-        screens = panel(options.panel, options.samples)
+        screens = panel(options.card_times, options.samples)
         show_panel(screens)
         print(flush=True)
         with tempfile.TemporaryDirectory() as folder:

@@ -1,8 +1,6 @@
 // How long the front panel takes from a key to its screen: in virtual time for a key pressed inside the
-// chassis, and on the clock for a client of the management socket, on a headend of one card that runs in real
-// time. One line of JSON for each kind of screen, for figures.py. With a capture both channels carry its PSI,
-// every table as often as it goes.
-//   panel_times [CAPTURE.ts]
+// chassis, and on the clock for a client of the management socket, on a headend that runs in real time. One
+// line for each kind of screen. With a capture both channels carry its PSI, every table as often as it goes.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -16,14 +14,14 @@
 #include <thread>
 #include <vector>
 
+#include "bench/card_times.h"
 #include "client/chassis_services.h"
 #include "client/udp_link.h"
-#include "headend/flash_folder.h"
-#include "headend/headend.h"
 #include "headend/jobs.h"
 #include "protocol/panel.h"
 #include "tests/headend/scratch.h"
 
+namespace bench {
 namespace {
 
 using chassis::PanelKey;
@@ -33,7 +31,6 @@ constexpr int kKeys = 100;  // measured of each kind
 constexpr Nanos kLook = 20'000;
 constexpr Nanos kPatience = 2 * headend::kSecond;
 constexpr Nanos kBetween = 20'000'000, kTick = 10'000'000;
-constexpr int kPriority = 240;  // below the menu
 
 struct Kind {
   const char* name;
@@ -48,12 +45,8 @@ const std::vector<Kind> kKinds = {
 
 using Times = std::vector<double>;  // milliseconds
 
-headend::Options oneCard(const std::filesystem::path& folder, const char* capture) {
-  headend::initFlash(folder / "flash");
-  headend::Options options;
-  options.flash = folder / "flash";
-  options.slots = {0};
-  options.log = folder / "log";
+headend::Options managedCard(const std::filesystem::path& folder, const char* capture) {
+  headend::Options options = oneCard(folder);
   options.manage = base::Address{.host = "127.0.0.1", .port = 0};
   if (capture == nullptr) return options;
   for (const int port : {1, 2}) {
@@ -117,9 +110,11 @@ std::string figures(const char* name, Times times) {
                      times[times.size() / 2], times.back());
 }
 
-void run(const char* capture) {
+}  // namespace
+
+void panelTimes(const char* capture) {
   const test::Scratch scratch;
-  headend::Headend headend(oneCard(scratch.path, capture));
+  headend::Headend headend(managedCard(scratch.path, capture));
   std::promise<std::vector<Times>> done;
   headend.kernel.spawn("tBench", kPriority, [&] {
     try {
@@ -147,14 +142,4 @@ void run(const char* capture) {
   if (failure) std::rethrow_exception(failure);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  try {
-    run(argc > 1 ? argv[1] : nullptr);
-    return 0;
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "panel_times: {}\n", error.what());
-    return 1;
-  }
-}
+}  // namespace bench

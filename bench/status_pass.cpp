@@ -1,17 +1,16 @@
-// What a status pass of a card costs on a virtual headend: register accesses and virtual time, with nothing
-// to raise. One line of JSON. The same in every run, so it is a test: exit code 1 when a pass raises
-// something, or keeps the processor for longer than a tick of the system clock.
+// What a status pass of a card costs: register accesses and virtual time, with nothing to raise. One line,
+// the same in every run, so it is a test: it fails when a pass raises something, or keeps the processor for
+// longer than a tick of the system clock.
 #include <fmt/format.h>
 
 #include <atomic>
-#include <exception>
 #include <stdexcept>
 
-#include "headend/flash_folder.h"
-#include "headend/headend.h"
+#include "bench/card_times.h"
 #include "tests/headend/scratch.h"
 #include "ui/qamStatus.h"
 
+namespace bench {
 namespace {
 
 struct Cost {
@@ -19,14 +18,10 @@ struct Cost {
   headend::Nanos time = 0;
 };
 
-Cost measure(const std::filesystem::path& folder) {
-  headend::initFlash(folder / "flash");
-  headend::Options options;
-  options.flash = folder / "flash";
-  options.slots = {0};
+Cost passCost(const std::filesystem::path& folder) {
+  headend::Options options = oneCard(folder);
   options.duration = 10 * headend::kSecond;
   options.fast = true;
-  options.log = folder / "log";
   headend::Headend headend(options);
   Cost cost;
   // Above all other tasks, so that the time is only that of the check.
@@ -50,15 +45,12 @@ Cost measure(const std::filesystem::path& folder) {
 
 }  // namespace
 
-int main() {
-  try {
-    const test::Scratch scratch;
-    const Cost cost = measure(scratch.path);
-    fmt::print(R"({{"accesses": {}, "virtual_ms": {:.3f}}})"
-               "\n",
-               cost.accesses, static_cast<double>(cost.time) / 1e6);
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "status_pass: {}\n", error.what());
-    return 1;
-  }
+void statusPass() {
+  const test::Scratch scratch;
+  const Cost cost = passCost(scratch.path);
+  fmt::print(R"({{"accesses": {}, "virtual_ms": {:.3f}}})"
+             "\n",
+             cost.accesses, static_cast<double>(cost.time) / 1e6);
 }
+
+}  // namespace bench

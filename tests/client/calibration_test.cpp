@@ -154,7 +154,7 @@ TEST_F(Calibration, QamcalRestoresWhatItSavedAndNoFileThatItDoubts) {
       {"0e", "0x100", "'0x100' is no byte"},
       {"0e", "-1", "'-1' is no byte"},
       {"off", "on", R"("pll" is not what the bytes say ("off"))"},
-      {"{", std::string(70000, ' ') + "{", "too large"},
+      {"{", std::string(1 << 20, ' ') + "{", "too large"},
   };
   writes_.clear();
   for (const auto& [from, to, part] : rows) {

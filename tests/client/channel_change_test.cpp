@@ -194,9 +194,10 @@ TEST_F(ChannelChangeTest, EndsOldOrNewOrSaysWhatIsKnown) {
       {"pidmap clear", 10, [](auto& l, auto& o) { return planMap(l, kChannel, {}, o); }},
       {"pidmap release", 11,
        [](auto& l, auto& o) { return planRelease(l, kChannel, ReleaseBy::kMap, mapOf(90, 0x600), o); }, true},
-      {"restore --force", 60,
+      {"restore --force", 35,
        [&](auto& l, auto&) {
-         const ChannelContent content = {.intervals = two, .tables = small, .map = mapOf(90, 0x600)};
+         const ChannelContent content = {
+             .intervals = two, .tables = base_.psi.readable(), .map = base_.map.entries};
          return planRestore(l, kChannel, content, force);
        },
        true},

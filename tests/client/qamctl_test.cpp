@@ -268,7 +268,7 @@ TEST_F(Qamctl, RestoresABackupToTheByteAndNoDamagedOne) {
       {"\"47", "\"4", "packets: entry 1: packet 1 is not 188 bytes in hex"},
       {"\"47", "\"4g", "packets: entry 1: packet 1 is not 188 bytes in hex"},
       {"\"47", "\"46", "packets: entry 1: packet 1 is no packet on PID 0x0000"},
-      {"\"table\": \"SDT_C\"", "\"table\": \"SDT_O\"", "entry 4 is out of order"},
+      {"\"table\": \"SDT_C\"", "\"table\": \"BAT\"", "is out of order: tables and PIDs ascend"},
       {"\"src_slot\": 5", "\"src_slot\": 0", "map: entry 1: src_slot 0 is not from 1 to 6"},
       {"\"src_slot\": 5", "\"src_slot\": -5", "map: entry 1: src_slot is missing or is no whole number"},
       {"\"src_pid\": 258", "\"src_pid\": 8192", "map: entry 2: src_pid 0x2000 is above"},

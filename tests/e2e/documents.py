@@ -18,7 +18,7 @@ SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a 
            r'build/gcc/tests/': 'ctest runs them', r'arm-linux': 'after a build for another processor',
            r'bench/snmp\.py': 'needs snmpd, and measures for long'}
 SHORTER = {'./run': 'chassis', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
-           './build/gcc/bench/panel_times': 'timeout 3 ./build/gcc/bench/panel_times',
+           './build/gcc/bench/card_times panel': 'timeout 3 ./build/gcc/bench/card_times panel',
            'bench/controller': 'bench/controller --help',
            'python3 bench/instructions.py': 'uncounted bench/instructions.py'}
 

@@ -36,7 +36,12 @@ enum class Operation : u8 {
   kPids = 18,           // packets of an input, or of a channel, by PID
 };
 bool isForCard(Operation operation);  // for the modulator card in the slot
-enum FaultRequest : u16 { kAddFault = 1, kClearFault = 2, kListFaults = 3, kNameFaults = 4 };  // variables of kFault
+enum FaultRequest : u16 {
+  kAddFault = 1,
+  kClearFault = 2,
+  kListFaults = 3,
+  kNameFaults = 4
+};  // variables of kFault
 
 // Variables of kRead and kWrite are the card's (qam_back::Variable), per slot and channel; those of
 // kGetVariable and kSetVariable are in protocol/variables.h. Results up to 0xFF are the card's

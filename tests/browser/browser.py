@@ -1,19 +1,27 @@
 #!/usr/bin/env python3
 # The web page in Chromium: what it shows is what qamctl says. With --pictures FOLDER it only makes the documents' pictures
-# of the page, from a chassis that has run for some minutes.
+# of the page, from a chassis that has run for some minutes. With --axe FILE each view is also examined by that axe.min.js,
+# which finds what programs for blind users cannot read.
 import base64
 import contextlib
 import datetime
 import itertools
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
 
-from selenium import webdriver
-from selenium.common import exceptions
-from selenium.webdriver.common.keys import Keys
+try:
+    from selenium import webdriver
+    from selenium.common import exceptions
+    from selenium.webdriver.common.keys import Keys
+except ImportError:
+    webdriver = None
+if not (webdriver and shutil.which('chromedriver')):
+    print('no Chromium: ./test --browser installs it')
+    sys.exit(1 if 'CI' in os.environ else 77)
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'e2e'))
 import harness  # noqa: E402
@@ -21,10 +29,8 @@ import tscheck  # noqa: E402
 
 PICTURES = {('overview', 0, 'light', 1280): 'web-overview', ('rf', 0, 'dark', 1280): 'web-rf-dark',
             ('streams/1.1', 0, 'light', 1280): 'web-streams', ('overview', 1, 'light', 390): 'web-phone-zh'}
-folder = None
-if '--pictures' in sys.argv:
-    folder = os.path.abspath(sys.argv.pop(sys.argv.index('--pictures') + 1))
-    sys.argv.remove('--pictures')
+folder, axe = (os.path.abspath(sys.argv.pop(sys.argv.index(each) + 1)) if each in sys.argv else None for each in ('--pictures', '--axe'))
+sys.argv = [each for each in sys.argv if each not in ('--pictures', '--axe')]
 RATE_SECONDS = 100  # of the pictures' rates
 SCENE = ['--card', '1', '--card', '2', '--card', '3', '--calibration', '127.0.0.1:0', '--set', '1.rfreq=666000', '--set', '1.qammode=7', '--set', '2.rflevel=1050',
          '--set', '2.temperature2=90', '--fault', '3.config-lost@4', '--programme', '1.1=6.2:1', '--programme', '2.2=6.2:2']
@@ -32,6 +38,7 @@ MARKUP = '<b a=1>'  # as long as the name that it replaces
 CHINESE = {'running': '运行', 'config error': '配置错误', 'empty': '空', 'on air': '正常播出', 'off': '关闭', 'delivers': '正常', 'none': '无',
            'unknown': '未知',
            'critical': '严重', 'major': '主要',}
+AXE = "axe.run().then((all) => arguments[0](all.violations.map((one) => `${one.id}: ${one.nodes[0].html}`)))"
 KEYS = {'up': Keys.ARROW_UP, 'down': Keys.ARROW_DOWN, 'ok': Keys.ENTER, 'cancel': Keys.ESCAPE}
 TABLES = '''return [...document.querySelectorAll('#view table')].map((table) =>
     [...table.tBodies[0].rows].map((row) => [...row.cells].map((cell) => cell.textContent)))'''
@@ -143,7 +150,7 @@ class Page:
             except (IndexError, exceptions.JavascriptException) as error:  # not drawn yet
                 last[:] = error, wanted()
             return last[0] == last[1]
-        harness.poll(equal, lambda: next(turns) > 200)
+        harness.poll(equal, lambda: next(turns) > 1000)
         self.case.equal(*last, text)
 
 
@@ -215,6 +222,9 @@ def each_view_shows_what_qamctl_says_in_both_languages_and_colours(case):
                     page.same(got, lambda: wanted, f'{where}, {number}')
                 case.check(page.js('return document.documentElement.scrollWidth <= innerWidth'), f'{where}: wider than the window')
                 case.equal(page.js(FAINT), [], f'{where}: faint texts')
+                if axe:
+                    page.js(harness.read(axe).decode())
+                    case.equal(page.browser.execute_async_script(AXE), [], f'{where}: axe')
                 case.equal(page.js('return document.querySelectorAll("b[a]").length'), 0, f'{where}: markup')
                 case.equal(page.browser.title, f'({len(alarms)}) headend - headend', where)
             ground[theme] = page.js('return getComputedStyle(document.body).backgroundColor')

@@ -81,13 +81,14 @@ bool isLoopback(const std::string& host) {
 
 // Of the headend with this name; without a name, of the only headend.
 void nameCalibration(Options& options, const std::string& text) {
-  const auto [name, address] = namedAddress(text);
+  const std::pair<std::string, std::string> named = namedAddress(text);
+  const std::string& name = named.first;
   const bool isAlone = name == text && options.places.size() == 1;
   const auto found =
       std::ranges::find_if(options.places, [&](const Place& place) { return isAlone || place.name == name; });
   if (found == options.places.end())
     throw commands::WrongCall("--calibration: no --server is called '" + name + "'");
-  found->calibration = address;
+  found->calibration = named.second;
 }
 
 void check(const Options& options) {

@@ -102,7 +102,7 @@ std::optional<Feed::Expected> expectedOf(const Json& wanted) {
   const Json path = commands::member(wanted, "path");
   const auto question = path.is_string() ? questionOf(path.get<std::string>()) : std::nullopt;
   if (!question || question->isLines)
-    throw commands::WrongCall("\"expect\" must have a \"path\" below /api/N/ and its \"value\"");
+    throw commands::WrongCall(R"("expect" must have a "path" below /api/N/ and its "value")");
   return Feed::Expected{.words = question->words, .value = commands::member(wanted, "value")};
 }
 
@@ -246,22 +246,26 @@ void Writing::closeSession(const Request& request, Response& response) {
 
 // ---- What
 
-void Writing::order(Feed& feed, const std::string& who, std::vector<std::string> words,
-                    const std::string& file, const std::optional<Feed::Expected>& expected,
-                    Response& response) {
+namespace {
+
+// The words as a client gave them: with @ for the file.
+void order(Feed& feed, const std::string& who, std::vector<std::string> words, const std::string& file,
+           const std::optional<Feed::Expected>& expected, Response& response) {
   const std::string what = fmt::format("{}: {}", feed.place().name, fmt::join(words, " "));
   attempt(response, [&] {
-    const Order& order = orderOf(words);
-    if (order.isJson) words.emplace_back("--json");
+    const Order& known = orderOf(words);
+    if (known.isJson) words.emplace_back("--json");
     std::ranges::replace(words, std::string(kFileWord), file);
     const Outcome outcome = feed.change(words, file, expected);
-    return compactText({{"output", outputOf(outcome, order.isJson)}, {"notes", outcome.notes}});
+    return compactText({{"output", outputOf(outcome, known.isJson)}, {"notes", outcome.notes}});
   });
   replaceAll(response.body, file, "the file");
   const Json reply = Json::parse(response.body);
   const std::string error = commands::oneLine(commands::member(reply, "error"));
   log(who, what + (error.empty() ? ": done" : ": not done: " + error));
 }
+
+}  // namespace
 
 void Writing::carryOutOrder(const Request& request, Response& response, const Reader& reader) {
   const auto body = bodyOf(reader, response);
@@ -340,8 +344,8 @@ class Receiver {
 // Keeps others from uploading the same while it lives.
 class Turn {
  public:
-  Turn(std::mutex& mutex, std::set<std::string>& all, const std::string& name)
-      : mutex_(mutex), all_(all), name_(name) {
+  Turn(std::mutex& mutex, std::set<std::string>& all, std::string name)
+      : mutex_(mutex), all_(all), name_(std::move(name)) {
     const std::lock_guard lock(mutex_);
     isMine_ = all_.insert(name_).second;
   }
@@ -373,26 +377,26 @@ void Writing::takeUpload(const Request& request, Response& response, const Reade
   Feed* feed = name ? feedOf(feeds_, request, response) : nullptr;
   if (feed == nullptr) return drain(reader);
   if (request.is_multipart_form_data()) return no(415, "the body must be the file itself, not a form");
-  const Order* order = nullptr;
+  const Order* known = nullptr;
   try {
-    order = &orderOf(words);
+    known = &orderOf(words);
   } catch (const commands::WrongCall& e) {
     return no(400, e.what());
   }
-  if (!order->hasFile || std::ranges::count(words, kFileWord) != 1)
+  if (!known->hasFile || std::ranges::count(words, kFileWord) != 1)
     return no(400, "one word must be @, for the file");
   const Turn turn(mutex_, uploads_,
                   fmt::format("{} {} {}", request.matches[1].str(), words[0] == "restore" ? "" : words[0],
-                              words[order->words.size()]));
+                              words[known->words.size()]));
   if (!turn.isMine()) return no(409, "another upload for it comes just now");
   UploadedFile file;
   const u64 announced = request.get_header_value<u64>("Content-Length");
-  const u64 most = order->isCapture ? kMostUpload : kMostBody;
+  const u64 most = known->isCapture ? kMostUpload : kMostBody;
   if (announced > most) return no(413, fmt::format("the file has more than {} bytes", most));
   if (announced > file.freeBytes())
     return no(507, fmt::format("the upload has {} bytes, and {} are free in the folder for temporary files",
                                announced, file.freeBytes()));
-  Receiver receiver(file, most, order->isCapture, ends_);
+  Receiver receiver(file, most, known->isCapture, ends_);
   const bool isWhole =
       reader([&](const char* bytes, std::size_t count) { return receiver.take(bytes, count); });
   const std::string by = who(request, *name);
@@ -403,7 +407,7 @@ void Writing::takeUpload(const Request& request, Response& response, const Reade
     log(by, fmt::format("{}: not done: {}", what, why.why));
     return refuse(response, why.status, why.why);
   }
-  this->order(*feed, by, words, file.path(), {}, response);
+  order(*feed, by, words, file.path(), {}, response);
 }
 
 }  // namespace tools

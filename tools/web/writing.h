@@ -49,8 +49,6 @@ class Writing : boost::noncopyable {
   void closeSession(const Request& request, Response& response);
   void carryOutOrder(const Request& request, Response& response, const Reader& reader);
   void takeUpload(const Request& request, Response& response, const Reader& reader);
-  void order(Feed& feed, const std::string& who, std::vector<std::string> words, const std::string& file,
-             const std::optional<Feed::Expected>& expected, Response& response);
 
   const Feeds& feeds_;
   const WriteOptions options_;

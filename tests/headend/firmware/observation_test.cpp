@@ -89,6 +89,7 @@ TEST_F(CarouselMonitor, AGroupThatWaitsForItsPidOrWasStoppedIsNotLate) {
     post(static_cast<u64>(tick), static_cast<u32>(index));
   const auto stored = monitor.starts(1, 0, 2, 140).groups;
   std::vector<std::array<u64, 5>> found;
+  found.reserve(stored.size());
   for (const auto& g : stored) found.push_back({g.number, g.tick, g.interval, g.held, g.late()});
   EXPECT_EQ(found,
             (std::vector<std::array<u64, 5>>{{2, 106, 0, 0, 0}, {3, 112, 12, 2, 0}, {4, 125, 13, 0, 3}}));
@@ -119,7 +120,7 @@ TEST(PidMeter, FindsContinuityErrors) {
                                                                                  {"3 4a 5", 1},
                                                                                  {"3 9e 4", 0},
                                                                                  {"3 9r 4", 0}}) {
-    for (const u64 pid : {0x100, 0x1FFF}) {
+    for (const u64 pid : {u64{0x100}, u64{0x1FFF}}) {
       headend::PidMeter meter;
       std::istringstream words(sequence);
       u64 place = 0;

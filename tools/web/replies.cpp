@@ -2,33 +2,46 @@
 
 #include <algorithm>
 #include <cctype>
+#include <utility>
 
 #include "commands/form.h"
 
 namespace tools {
 
-void give(Response& response, int status, const std::string& json) {
-  response.status = status;
-  response.set_content(json, "application/json");
+void send(Response& response, std::string content, const char* type) {
+  const auto kept = std::make_shared<const std::string>(std::move(content));
+  response.set_content_provider(kept->size(), type,
+                                [kept](std::size_t at, std::size_t count, httplib::DataSink& sink) {
+                                  return sink.write(kept->data() + at, count);
+                                });
+}
+
+void give(Response& response, Reply reply) {
+  response.status = reply.status;
+  send(response, std::move(reply.json), "application/json");
+}
+
+Reply refusal(int status, const std::string& why) {
+  return {.status = status, .json = compactText({{"error", why}})};
 }
 
 void refuse(Response& response, int status, const std::string& why) {
-  give(response, status, compactText({{"error", why}}));
+  give(response, refusal(status, why));
 }
 
-void attempt(Response& response, const std::function<std::string()>& work) {
+Reply attempt(const std::function<std::string()>& work) {
   try {
-    give(response, 200, work());
+    return {.json = work()};
   } catch (const commands::Help&) {
-    refuse(response, 400, "the page gives no help");
+    return refusal(400, "the page gives no help");
   } catch (const commands::WrongCall& e) {
-    refuse(response, 400, e.what());
+    return refusal(400, e.what());
   } catch (const Feed::Changed& e) {
-    give(response, 409, compactText({{"error", e.what()}, {"changed", true}}));
+    return {.status = 409, .json = compactText({{"error", e.what()}, {"changed", true}})};
   } catch (const client::Error& e) {
-    refuse(response, e.gotNoReply() ? 504 : 409, e.what());
+    return refusal(e.gotNoReply() ? 504 : 409, e.what());
   } catch (const std::exception& e) {
-    refuse(response, 502, e.what());
+    return refusal(502, e.what());
   }
 }
 

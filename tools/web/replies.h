@@ -16,10 +16,18 @@ using Feeds = std::vector<std::unique_ptr<Feed>>;
 using httplib::Request;
 using httplib::Response;
 
-void give(Response& response, int status, const std::string& json);
+// As it is: what has its length only, the library would compress for a browser, for a fifth of a second the
+// script.
+void send(Response& response, std::string content, const char* type);
+struct Reply {
+  int status = 200;
+  std::string json;
+};
+void give(Response& response, Reply reply);
+Reply refusal(int status, const std::string& why);
 void refuse(Response& response, int status, const std::string& why);
-// Gives what `work` returns; for its error the status that fits.
-void attempt(Response& response, const std::function<std::string()>& work);
+// What `work` returns; for its error the status that fits.
+Reply attempt(const std::function<std::string()>& work);
 
 // The JSON of a request; discarded if it is none. What is nested deeply is left out: the library copies and
 // prints nested values by recursion.

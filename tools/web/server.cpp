@@ -79,7 +79,7 @@ void sendEvents(Feed& feed, std::atomic<int>& viewers, Response& response) {
 void sendAnswer(Feed& feed, const Request& request, Response& response) {
   const auto question = questionOf(request.matches[2]);
   if (!question) return refuse(response, 404, "there is nothing of this name");
-  attempt(response, [&] { return answerText(*question, feed.answer(question->words)); });
+  give(response, attempt([&] { return answerText(*question, feed.answer(question->words)); }));
 }
 
 Json headendsJson(const Feeds& feeds) {
@@ -116,7 +116,7 @@ WebServer::WebServer(const Feeds& feeds, std::set<std::string> names, WriteOptio
     return refuse(response, 405, "not a method of this service"), Handled::Handled;
   });
   http_->set_error_handler([](const Request&, Response& response) {
-    if (response.body.empty()) refuse(response, response.status, "there is nothing of this name");
+    if (!response.content_provider_) refuse(response, response.status, "there is nothing of this name");
   });
   http_->set_exception_handler([](const Request&, Response& response, const std::exception_ptr&) {
     refuse(response, 500, "the request could not be carried out");
@@ -124,7 +124,7 @@ WebServer::WebServer(const Feeds& feeds, std::set<std::string> names, WriteOptio
 
   for (const PageFile& file : pageFiles()) {
     http_->Get(file.path, [file](const Request&, Response& response) {
-      response.set_content(file.content.data(), file.content.size(), file.type);
+      send(response, std::string(file.content), file.type);
     });
   }
   writing_.serve(*http_);
@@ -135,11 +135,11 @@ WebServer::WebServer(const Feeds& feeds, std::set<std::string> names, WriteOptio
     });
   };
   http_->Get("/api/headends", [this](const Request&, Response& response) {
-    give(response, 200, compactText(headendsJson(feeds_)));
+    give(response, {.json = compactText(headendsJson(feeds_))});
   });
   http_->Get("/metrics", [this](const Request& request, Response& response) {
     if (!writing_.mayReadMetrics(request, response)) return;
-    response.set_content(metricsOf(feeds_), "text/plain; version=0.0.4");
+    send(response, metricsOf(feeds_), "text/plain; version=0.0.4");
   });
   const auto viewers = std::make_shared<std::atomic<int>>(0);
   get("events",
@@ -147,10 +147,10 @@ WebServer::WebServer(const Feeds& feeds, std::set<std::string> names, WriteOptio
   get("state", [](Feed& feed, const Request&, Response& response) {
     const Feed::State state = feed.after(0, kQuiet);
     if (!state.text) return refuse(response, 503, "nothing has been read yet");
-    give(response, 200, *state.text);
+    give(response, {.json = *state.text});
   });
   get("history", [](Feed& feed, const Request&, Response& response) {
-    give(response, 200, compactText(feed.history()));
+    give(response, {.json = compactText(feed.history())});
   });
   get("([a-z]+(?:/[0-9.]+)?)", sendAnswer);
 }

@@ -217,9 +217,8 @@ bool Writing::mayReadMetrics(const Request& request, Response& response) {
 }
 
 void Writing::tellSession(const Request& request, Response& response) {
-  give(response, 200,
-       compactText(
-           {{"writes", options_.isWritable}, {"in", access_.numberOf(secretOf(request)).has_value()}}));
+  give(response, {.json = compactText({{"writes", options_.isWritable},
+                                       {"in", access_.numberOf(secretOf(request)).has_value()}})});
 }
 
 void Writing::openSession(const Request& request, Response& response, const Reader& reader) {
@@ -235,13 +234,13 @@ void Writing::openSession(const Request& request, Response& response, const Read
   const Access::Session session = access_.open();
   log(who(request, fmt::format("session {}", session.number)), "logged in");
   response.set_header("Set-Cookie", cookie(session.secret, ""));
-  give(response, 200, compactText({{"writes", true}, {"in", true}}));
+  give(response, {.json = compactText({{"writes", true}, {"in", true}})});
 }
 
 void Writing::closeSession(const Request& request, Response& response) {
   access_.close(secretOf(request));
   response.set_header("Set-Cookie", cookie("", "; Max-Age=0"));
-  give(response, 200, compactText({{"writes", options_.isWritable}, {"in", false}}));
+  give(response, {.json = compactText({{"writes", options_.isWritable}, {"in", false}})});
 }
 
 // ---- What
@@ -252,17 +251,17 @@ namespace {
 void order(Feed& feed, const std::string& who, std::vector<std::string> words, const std::string& file,
            const std::optional<Feed::Expected>& expected, Response& response) {
   const std::string what = fmt::format("{}: {}", feed.place().name, fmt::join(words, " "));
-  attempt(response, [&] {
+  Reply reply = attempt([&] {
     const Order& known = orderOf(words);
     if (known.isJson) words.emplace_back("--json");
     std::ranges::replace(words, std::string(kFileWord), file);
     const Outcome outcome = feed.change(words, file, expected);
     return compactText({{"output", outputOf(outcome, known.isJson)}, {"notes", outcome.notes}});
   });
-  replaceAll(response.body, file, "the file");
-  const Json reply = Json::parse(response.body);
-  const std::string error = commands::oneLine(commands::member(reply, "error"));
+  replaceAll(reply.json, file, "the file");
+  const std::string error = commands::oneLine(commands::member(Json::parse(reply.json), "error"));
   log(who, what + (error.empty() ? ": done" : ": not done: " + error));
+  give(response, std::move(reply));
 }
 
 }  // namespace

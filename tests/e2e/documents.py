@@ -17,6 +17,7 @@ SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a 
            r'.*\[--': 'the form of a command',
            r'build/gcc/tests/': 'ctest runs them', r'arm-linux': 'after a build for another processor',
            r'\./test --browser': 'axe-core is from outside Debian',
+           r'/usr/bin/python3 bench/web_page': 'needs Chromium, and measures for long',
            r'bench/snmp\.py': 'needs snmpd, and measures for long'}
 SHORTER = {'./run': 'chassis', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
            './build/gcc/bench/card_times panel': 'timeout 3 ./build/gcc/bench/card_times panel',

@@ -1,6 +1,7 @@
 #include "tools/web/answers.h"
 
 #include <regex>
+#include <utility>
 
 namespace tools {
 namespace {
@@ -9,7 +10,8 @@ constexpr const char* kRateNames[] = {"psi", "routed", "null"};
 
 // CHANNEL, SLOT are parts of both.
 struct Answer {
-  const char* path;  // a regular expression
+  Answer(const char* pattern, Question asked) : path(pattern), question(std::move(asked)) {}
+  std::regex path;
   Question question;
 };
 const std::vector<Answer>& answers() {
@@ -49,7 +51,7 @@ Json stateJson(unsigned long sequence, const Json& readUnixMs, const std::string
 std::optional<Question> questionOf(const std::string& path) {
   for (const Answer& answer : answers()) {
     std::smatch match;
-    if (!std::regex_match(path, match, std::regex(answer.path))) continue;
+    if (!std::regex_match(path, match, answer.path)) continue;
     Question question = answer.question;
     for (std::string& word : question.words) {
       if (word == "$") word = match[1];

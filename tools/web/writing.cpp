@@ -138,10 +138,10 @@ void Writing::serve(httplib::Server& http) {
 }
 
 bool Writing::isRoute(const Request& request) {
-  const auto matches = [&](const char* path) { return std::regex_match(request.path, std::regex(path)); };
-  if (request.method == "POST") return matches(kSessionPath) || matches(kDoPath) || matches(kUploadPath);
+  static const std::regex kPosts(fmt::format("{}|{}|{}", kSessionPath, kDoPath, kUploadPath));
+  if (request.method == "POST") return std::regex_match(request.path, kPosts);
   const bool hasBody = request.has_header("Content-Length") || request.has_header("Transfer-Encoding");
-  return request.method == "DELETE" && matches(kSessionPath) && !hasBody;
+  return request.method == "DELETE" && request.path == kSessionPath && !hasBody;
 }
 
 // ---- Who

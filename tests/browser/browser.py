@@ -151,7 +151,7 @@ class Page:
             except (IndexError, exceptions.JavascriptException) as error:  # not drawn yet
                 last[:] = error, wanted()
             return last[0] == last[1]
-        harness.poll(equal, lambda: next(turns) > 1000)
+        harness.poll(equal, lambda: next(turns) > 500)
         self.case.equal(*last, text)
 
 
@@ -163,7 +163,7 @@ def scene(case, *args):
                                                     *SCENE, *args))
         server.wait_started()
         page = Page(case, stack, server.address, '--calibration', re.search('calibration on ([0-9.:]+)', server.text())[1])
-        harness.poll(lambda: len(re.findall('programme add .* done', server.text())) == 2 and page.said('status')['alarms']['events'] > 0
+        harness.poll(lambda: len(re.findall('programme add .* done', server.text())) == 2 and page.said('status')['alarms']['events'] > 1
                      and page.said('status')['cards'][2]['state'] == 'config_error')
         yield page
         server.stop(code=1)  # for card 3

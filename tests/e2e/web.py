@@ -200,6 +200,9 @@ def an_upload_is_whole_or_changes_nothing(case):
             each.close()
         case.check(poll(lambda: 'not completed' in server.text()), 'the upload that ended')
         case.equal((tables(), os.listdir(folder)), (before, []), 'after it')
+        os.rmdir(folder)
+        case.equal(ask(port, path, 'POST', good, **bearer)[0], 507, 'without the folder')
+        os.mkdir(folder)
         case.equal(ask(port, path, 'POST', iter([good[at:at + 70_000] for at in range(0, len(good), 70_000)]), **bearer)[0], 200, 'in chunks')
         case.check(tables() != before, 'tables')
         case.equal(ask(port, '/api/1/do', 'POST', json.dumps({'words': ['restore', '1.1', '@'], 'file': kept}), Content_Type='application/json', **bearer)[0],
@@ -286,10 +289,11 @@ def a_report_is_the_page_in_one_file_with_what_qamctl_says(case):
 
 def a_page_that_cannot_be_shown_is_refused_with_the_reason(case):
     flash = case.flash()
-    with socket.create_server(('127.0.0.1', 0)) as taken:
+    with socket.create_server(('127.0.0.1', 0), reuse_port=True) as taken:
         busy = f'127.0.0.1:{taken.getsockname()[1]}'
         for code, text, args in ((1, 'cannot listen on ' + busy, ['--web', busy]), (2, 'real time', ['--web', '--fast', '--seconds', '1']),
                                  (2, '--manage', ['--web', '--manage', 'off']), (2, 'ADDRESS', ['--web', 'here']),
+                                 (1, 'File exists', ['--web', '127.0.0.1:0', '--web-write', '--web-token-file', case.sample('psi-small.ts')]),
                                  (1, 'ssh -L', ['--web', '0.0.0.0:0', '--web-write', '--web-token-file', case.path('t')])):
             case.says(case.execute([case.args.headend, '--flash', flash, '--manage', '127.0.0.1:0', *args], (code,)), text)
 

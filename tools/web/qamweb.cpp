@@ -13,6 +13,7 @@
 #include <exception>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -97,6 +98,8 @@ void check(const Options& options) {
                     [&](const auto& other) { return other.name == each->name; }))
       throw commands::WrongCall("--server: two headends are called '" + each->name + "'");
   }
+  if (!options.isWritable && !options.tokenFile.empty())
+    throw commands::WrongCall("--web-token-file needs --web-write");
   if (options.isWritable && !options.isBehindTls && !isLoopback(options.listen.host))
     throw commands::WrongCall(
         "--web-write: on " + options.listen.host +
@@ -155,14 +158,14 @@ Options optionsOf(std::vector<std::string> words) {
 // The token, where only this user finds it: in a file that is removed at the end, or on the terminal.
 class TokenPlace : boost::noncopyable {
  public:
-  TokenPlace(const std::string& token, std::string file) : file_(std::move(file)) {
+  TokenPlace(const std::string& token, std::string file) : line_(token + "\n"), file_(std::move(file)) {
     if (file_.empty())
       show(token);
     else
-      write(token);
+      write();
   }
   ~TokenPlace() {
-    if (!file_.empty()) unlink(file_.c_str());
+    if (content() == line_) unlink(file_.c_str());  // else another qamweb has written it since
   }
 
  private:
@@ -174,13 +177,22 @@ class TokenPlace : boost::noncopyable {
     fmt::print(terminal, "token for changes over the web page: {}\n", token);
     terminal == stdout ? std::fflush(terminal) : std::fclose(terminal);
   }
-  // A new file: an old one may have a reader, or belong to another user.
-  void write(const std::string& token) {
-    unlink(file_.c_str());
+  std::string content() const {
+    try {
+      return file_.empty() ? "" : base::readFile(file_, line_.size());
+    } catch (const std::system_error&) {
+      return "";  // no file, or a longer one
+    }
+  }
+  // A new file: an old one may have a reader, or belong to another user. One that is left by a qamweb that
+  // was killed is replaced.
+  void write() {
+    const std::string old = content();
+    if (old.size() == line_.size() && old.find_first_not_of("0123456789abcdef") == old.size() - 1)
+      unlink(file_.c_str());
     const int file = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    const std::string line = token + "\n";
     const bool isWritten =
-        file >= 0 && ::write(file, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+        file >= 0 && ::write(file, line_.data(), line_.size()) == static_cast<ssize_t>(line_.size());
     const int reason = errno;
     if (file >= 0) ::close(file);
     if (!isWritten)
@@ -188,7 +200,7 @@ class TokenPlace : boost::noncopyable {
           fmt::format("{}: the token cannot be written: {}", file_, std::strerror(reason)));
   }
 
-  std::string file_;
+  const std::string line_, file_;
 };
 
 int run(const Options& options) {

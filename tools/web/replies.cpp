@@ -41,7 +41,7 @@ Reply attempt(const std::function<std::string()>& work) {
   } catch (const client::Error& e) {
     return refusal(e.gotNoReply() ? 504 : 409, e.what());
   } catch (const std::exception& e) {
-    return refusal(502, e.what());
+    return refusal(409, e.what());  // a file that cannot be used, a value that needs --force
   }
 }
 

@@ -108,6 +108,12 @@ WebServer::WebServer(const Feeds& feeds, std::set<std::string> names, WriteOptio
   http_->set_keep_alive_max_count(1);
   http_->set_payload_max_length(Writing::kMostUpload + 1);
   http_->set_tcp_nodelay(true);
+  // Not the library's own: with them a second service can listen on the same port, and each gets half the
+  // requests.
+  http_->set_socket_options([](int socket) {
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
   http_->set_pre_routing_handler([names = std::move(names)](const Request& request, Response& response) {
     using Handled = httplib::Server::HandlerResponse;
     if (const auto why = forbidden(request, names)) return refuse(response, 403, *why), Handled::Handled;

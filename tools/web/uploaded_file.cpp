@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
+#include <cstdlib>
 #include <fstream>
 #include <system_error>
 
@@ -22,7 +22,8 @@ namespace {
 }  // namespace
 
 UploadedFile::UploadedFile() {
-  std::string name = (std::filesystem::temp_directory_path() / "qamweb.XXXXXX").string();
+  const char* folder = std::getenv("TMPDIR");
+  std::string name = fmt::format("{}/qamweb.XXXXXX", folder != nullptr && *folder != 0 ? folder : "/tmp");
   file_ = mkostemp(name.data(), O_CLOEXEC);
   if (file_ < 0) failUpload("the upload cannot be stored");
   unlink(name.c_str());

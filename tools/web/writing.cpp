@@ -101,7 +101,7 @@ std::optional<Feed::Expected> expectedOf(const Json& wanted) {
   if (wanted.is_null()) return std::nullopt;
   const Json path = commands::member(wanted, "path");
   const auto question = path.is_string() ? questionOf(path.get<std::string>()) : std::nullopt;
-  if (!question || question->isLines)
+  if (!question || question->isLines || !wanted.contains("value"))
     throw commands::WrongCall(R"("expect" must have a "path" below /api/N/ and its "value")");
   return Feed::Expected{.words = question->words, .value = commands::member(wanted, "value")};
 }
@@ -253,6 +253,8 @@ void order(Feed& feed, const std::string& who, std::vector<std::string> words, c
   const std::string what = fmt::format("{}: {}", feed.place().name, fmt::join(words, " "));
   Reply reply = attempt([&] {
     const Order& known = orderOf(words);
+    if (file.empty() && std::ranges::count(words, kFileWord) > 0)
+      throw commands::WrongCall("the word @ is for a file, and none was sent");
     if (known.isJson) words.emplace_back("--json");
     std::ranges::replace(words, std::string(kFileWord), file);
     const Outcome outcome = feed.change(words, file, expected);
@@ -285,9 +287,13 @@ void Writing::carryOutOrder(const Request& request, Response& response, const Re
     return refuse(response, 400, e.what());
   }
   std::optional<UploadedFile> file;
-  if (asked.contains("file")) {
-    const std::string content = compactText(asked["file"]);
-    file.emplace().append(content.data(), content.size());
+  try {
+    if (asked.contains("file")) {
+      const std::string content = compactText(asked["file"]);
+      file.emplace().append(content.data(), content.size());
+    }
+  } catch (const std::system_error& e) {
+    return refuse(response, 507, e.what());
   }
   order(*feed, who(request, *name), words, file ? file->path() : "", expected, response);
 }
@@ -387,8 +393,14 @@ void Writing::takeUpload(const Request& request, Response& response, const Reade
   const Turn turn(mutex_, uploads_,
                   fmt::format("{} {} {}", request.matches[1].str(), words[0] == "restore" ? "" : words[0],
                               words[known->words.size()]));
-  if (!turn.isMine()) return no(409, "another upload for it comes just now");
-  UploadedFile file;
+  if (!turn.isMine()) return no(409, "another upload to it is in progress");
+  std::optional<UploadedFile> stored;
+  try {
+    stored.emplace();
+  } catch (const std::system_error& e) {
+    return no(507, e.what());
+  }
+  UploadedFile& file = *stored;
   const u64 announced = request.get_header_value<u64>("Content-Length");
   const u64 most = known->isCapture ? kMostUpload : kMostBody;
   if (announced > most) return no(413, fmt::format("the file has more than {} bytes", most));

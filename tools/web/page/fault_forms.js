@@ -9,6 +9,7 @@ Object.assign(TEXTS, {
   faultSeconds: ['Seconds', '秒数'],
   faultSecondsHint: ['0: no end', '0：无结束'],
   faultAsk: ['Add the fault {0}?', '添加故障 {0}？'],
+  faultNoEnd: ['It cannot be cleared: the card comes back when the headend is started again.', '该故障无法清除：重新启动前端后板卡才会恢复。'],
   faultWarn: ['It acts on the hardware as if it were broken.', '硬件将表现得如同损坏。'],
   faultAdded: ['Fault {0}', '故障 {0}'],
   faultClear: ['Clear', '清除'],
@@ -33,7 +34,7 @@ async function addFault(id) {
   const fault = where ? `${where}.${chosen.name}` : chosen.name;
   const duration = chosen.ends ? typed('fault-seconds') : '';
   if (!await askOffAir(id, { title: t('faultAsk', fault), action: t('faultAdd'), isPossible: true,
-    channels: await channelsOfFault(id, chosen, where), lines: [chosen.text, t('faultWarn')] })) return;
+    channels: await channelsOfFault(id, chosen, where), lines: [chosen.text, t('faultWarn'), !chosen.ends && t('faultNoEnd')] })) return;
   const { notes } = await command(id, ['fault', 'add', fault, ...(Number(duration) === 0 ? [] : ['--seconds', duration])]);
   keepChange({ headend: id, key: `fault/${fault}`, what: t('faultAdded', fault), from: '–',
     to: Number(duration) ? `${duration} s` : t('open'), undo: chosen.ends ? { words: ['fault', 'clear', fault] } : null });

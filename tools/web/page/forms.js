@@ -77,6 +77,7 @@ const errorAt = (control, words) => Object.assign(new Error(words), { control })
 async function attempt(id, work) {
   if (form.busy.has(id)) return;
   form.busy.add(id);
+  byId('said').replaceChildren();
   for (const [control, { of }] of form.errors) if (of === id) form.errors.delete(control);
   redrawForms();
   let next = id;

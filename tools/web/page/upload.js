@@ -62,7 +62,12 @@ function upload(id, words, file, meter) {
     request.onload = finish;
     request.onerror = finish;
     request.onabort = () => reject(new Error(t('uploadCancelled')));
-    request.onloadend = meter.end;
+    const stay = (event) => event.preventDefault(); // a reload would end it: the browser asks first
+    addEventListener('beforeunload', stay);
+    request.onloadend = () => {
+      removeEventListener('beforeunload', stay);
+      meter.end();
+    };
     meter.begin(file, () => request.abort());
     meter.show(0, file.size);
     request.send(file);

@@ -96,7 +96,7 @@ class Page:
         self.serve('127.0.0.1:0')
         options = webdriver.chrome.options.Options()
         options.set_capability('goog:loggingPrefs', {'browser': 'ALL'})
-        for each in ('headless=new', 'disable-gpu', 'hide-scrollbars', 'lang=en', *['no-sandbox'] * (os.geteuid() == 0)):
+        for each in ('headless=new', 'disable-gpu', 'disable-dev-shm-usage', 'hide-scrollbars', 'lang=en', *['no-sandbox'] * (os.geteuid() == 0)):
             options.add_argument('--' + each)
         self.browser = webdriver.Chrome(options=options)
         stack.callback(self.browser.quit)

@@ -23,7 +23,7 @@ constexpr auto kSessionPath = "/api/session";
 constexpr auto kDoPath = "/api/([0-9]{1,3})/do";
 constexpr auto kUploadPath = "/api/([0-9]{1,3})/upload";
 constexpr auto kFileWord = "@";  // in place of the uploaded file's name
-constexpr auto kJsonType = "application/json";
+constexpr auto kReadOnly = "this page only reads: start qamweb with --web-write to change something";
 constexpr std::chrono::seconds kDrain{5};  // so long the rest of a refused upload is read
 
 // The commands of qamctl that the page may give.
@@ -69,6 +69,18 @@ const Order& orderOf(const std::vector<std::string>& words) {
 void log(const std::string& who, const std::string& what) {
   fmt::print(stderr, "{:%F %T} UTC page: {}: {}\n", fmt::gmtime(std::time(nullptr)), who,
              base::printable(what));
+}
+
+// The token that a program sends with its request; nullopt: none.
+std::optional<std::string> bearerOf(const Request& request) {
+  const std::string authorization = request.get_header_value("Authorization");
+  const std::string scheme = "Bearer ";
+  return authorization.starts_with(scheme) ? std::optional(authorization.substr(scheme.size()))
+                                           : std::nullopt;
+}
+
+bool isJson(const Request& request) {
+  return request.get_header_value("Content-Type").starts_with("application/json");
 }
 
 // The body, or nullopt and 413.
@@ -187,16 +199,11 @@ std::optional<std::string> Writing::user(const Request& request, Response& respo
     refuse(response, status, why);
     return std::nullopt;
   };
-  if (!options_.isWritable)
-    return no(403, "this page only reads: start qamweb with --web-write to change something");
+  if (!options_.isWritable) return no(403, kReadOnly);
   if (!options_.isBehindTls && !isLoopbackName(hostOf(request)))
     return no(403, "changes from other machines need --web-behind-tls, or 'ssh -L'");
-  const std::string authorization = request.get_header_value("Authorization");
-  if (!authorization.empty()) {
-    const std::string bearer = "Bearer ";
-    const bool isBearer = authorization.starts_with(bearer);
-    if (!knowsToken(request, isBearer ? authorization.substr(bearer.size()) : "", response))
-      return std::nullopt;
+  if (!request.get_header_value("Authorization").empty()) {
+    if (!knowsToken(request, bearerOf(request).value_or(""), response)) return std::nullopt;
     return "with the token";
   }
   const auto number = access_.numberOf(secretOf(request));
@@ -208,9 +215,8 @@ std::optional<std::string> Writing::user(const Request& request, Response& respo
 bool Writing::mayReadMetrics(const Request& request, Response& response) {
   const bool isNear = request.remote_addr == "127.0.0.1" || request.remote_addr == "::1";
   if (isNear && isLoopbackName(hostOf(request))) return true;
-  const std::string authorization = request.get_header_value("Authorization");
-  if (!options_.token.empty() && authorization.starts_with("Bearer "))
-    return knowsToken(request, authorization.substr(7), response);
+  const auto token = bearerOf(request);
+  if (!options_.token.empty() && token) return knowsToken(request, *token, response);
   refuse(response, 401,
          "from other machines /metrics needs 'Authorization: Bearer TOKEN', with the token of --web-write");
   return false;
@@ -224,10 +230,8 @@ void Writing::tellSession(const Request& request, Response& response) {
 void Writing::openSession(const Request& request, Response& response, const Reader& reader) {
   const auto body = bodyOf(reader, response);
   if (!body) return;
-  if (!options_.isWritable)
-    return refuse(response, 403, "this page only reads: start qamweb with --web-write to change something");
-  if (!request.get_header_value("Content-Type").starts_with(kJsonType))
-    return refuse(response, 415, "the body must be JSON");
+  if (!options_.isWritable) return refuse(response, 403, kReadOnly);
+  if (!isJson(request)) return refuse(response, 415, "the body must be JSON");
   const Json token = commands::member(requestJson(*body), "token");
   if (!token.is_string()) return refuse(response, 400, "the body must be {\"token\": TEXT}");
   if (!knowsToken(request, token.get<std::string>(), response)) return;
@@ -275,8 +279,7 @@ void Writing::carryOutOrder(const Request& request, Response& response, const Re
   if (!name) return;
   Feed* feed = feedOf(feeds_, request, response);
   if (feed == nullptr) return;
-  if (!request.get_header_value("Content-Type").starts_with(kJsonType))
-    return refuse(response, 415, "the body must be JSON");
+  if (!isJson(request)) return refuse(response, 415, "the body must be JSON");
   const Json asked = requestJson(*body);
   std::vector<std::string> words;
   std::optional<Feed::Expected> expected;

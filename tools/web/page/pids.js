@@ -31,10 +31,8 @@ const isPidOpen = (place, kind) => (kind === 'channel' ? !state.pidClosed.has(pl
 
 async function resetPids(place) {
   try {
-    const answer = await fetch(api('do'), { method: 'POST', credentials: 'same-origin',
-      headers: { 'Content-Type': 'application/json' }, body: JSON.stringify({ words: ['pids', place, '--reset'] }) });
-    const data = await answer.json();
-    state.pidNote[place] = answer.ok ? '' : t('resetFailed', data.error);
+    await command(state.route.headend, ['pids', place, '--reset']);
+    state.pidNote[place] = '';
   } catch (failure) {
     state.pidNote[place] = t('resetFailed', failure.message);
   }
@@ -60,7 +58,7 @@ function pidTable(place, kind, report) {
     onclick: () => { state.pidSort = key; scheduleDraw(); } }, words, key === state.pidSort ? ' ▾' : '');
   return [el('div', { class: 'legend' },
     el('span', { class: 'soft' }, t('pidsCounted', rows.length, span(report.counted_ms))),
-    state.session && state.session.in && el('button', { type: 'button', class: 'push', onclick: () => resetPids(place) },
+    mayWrite() && el('button', { type: 'button', class: 'push', onclick: () => resetPids(place) },
       t('resetCounters')),
     state.pidNote[place] && stated('bad', state.pidNote[place])),
   table(title, [[sort('pid', t('pid')), 'mono'], [t('packets'), 'num'], [sort('bit_rate', t('rateNow')), 'num'],
@@ -93,7 +91,7 @@ function pidPlaces(route) {
   return [...(one ? [{ place: one.id, kind: 'channel' }] : []), ...inputs];
 }
 function pickPids(route) {
-  return !REPORT && status() && { sort: state.pidSort, session: Boolean(state.session && state.session.in), notes: state.pidNote,
+  return !REPORT && status() && { sort: state.pidSort, session: mayWrite(), notes: state.pidNote,
     places: pidPlaces(route).map((one) => freshPart({ ...one, open: isPidOpen(one.place, one.kind) },
       kept('pids', one.place))) };
 }

@@ -42,6 +42,7 @@ class BackEnd : public ModuleTest {
     for (int i = 0; i < 3; ++i) {
       sources_[i].slotNo = static_cast<u8>(1 + 2 * i);
       sources_[i].in_port_num = i == 1 ? 2 : i == 0 ? 17 : 16;
+      sources_[i].varPtr = &para;
       chassis::cardInsert(&sources_[i]);
     }
     fake.forget();
@@ -105,6 +106,7 @@ TEST_F(BackEnd, RequestsGetTheirResultCodesAndChangeNothing) {
   EXPECT_EQ(write(kLock, word(1), 0, 6), 18) << "slot 6";
   EXPECT_EQ(read(kLock, {}, 0xFFFFFF01, 0xFF00).data, word(0)) << "the low bits of slot and port";
   EXPECT_EQ(read(kLock, {}, 0, 4).result, 21) << "an empty slot";
+  EXPECT_EQ(read(kLock, {}, 0, 3).result, 21) << "a card of another type";
   EXPECT_EQ(read(0x2103).result, 2);
   EXPECT_EQ(write(0x3103, word(0), 1), 2);
   EXPECT_EQ(TableidToPsiType(kNoTable), 255);

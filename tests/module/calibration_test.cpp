@@ -63,7 +63,9 @@ TEST_F(Calibration, BytesAndPagesBeyondTheEndAreRefused) {
   at24cxx_wr_page(0x7F, page.data(), 1);
   EXPECT_EQ(stored(0x7F0, 16), page);
   board.eeprom.writeCycle(0);
+  fake.forget();
   at24cxx_wr_byte(0x7FF, 0x12, 1);
+  EXPECT_EQ(count("dog"), 1) << "it answers when it is asked first";
   fake.forget();
   EXPECT_EQ(at24cxx_rd_byte(0x7FF, 1), 0x12);
   EXPECT_EQ((Lines{fake.steps.end() - 6, fake.steps.end()}),
@@ -112,7 +114,7 @@ TEST_F(Calibration, TheServiceStartsOnSocketZeroWhateverFails) {
   EXPECT_EQ(fake.log, (Lines{asked, bound, spawned}));
   EXPECT_EQ(mysock[2], 3);
   fake.portsToBeHad = fake.socketsToBeHad = false;
-  EXPECT_EQ(fake.stepsOf([] { Ad9775Ctrl_Init(2); }), (Lines{"100 ticks", "100 ticks", "dog"}));
+  EXPECT_EQ(fake.stepsOf([] { Ad9775Ctrl_Init(2); }), (Lines{"1000 ticks", "1000 ticks", "dog"}));
   EXPECT_EQ(fake.log[3], "close socket -1");
   EXPECT_EQ(fake.log.back(), spawned);
   EXPECT_EQ(fake.stepsOf([] { Ad9775Ctrl_Init(6); }), Lines{});
@@ -120,14 +122,15 @@ TEST_F(Calibration, TheServiceStartsOnSocketZeroWhateverFails) {
 }
 
 TEST_F(Calibration, TheServiceAnswersTenTimesASecondAndOutlivesWhatComes) {
-  mysock[0] = 3;
+  Ad9775Ctrl_Init(0);
+  fake.forget();
   Bytes values(13);
   std::iota(values.begin(), values.end(), u8{0x31});
   fake.datagrams = {Bytes{2, 1} + values, Bytes{1, 1}, std::nullopt, Bytes(2000, 1), Bytes{}, Bytes{9, 1}};
-  EXPECT_FALSE(fake.runs([] { Ad9775Ctrl(0); }));
+  EXPECT_FALSE(fake.runs(fake.tasks.back()));
   const std::string answer = fmt::format("send 3 to 7 length 16: 1 1 {}", fmt::join(values, " "));
-  EXPECT_EQ(fake.log,
-            (Lines{"delay 10", answer, "delay 10", "delay 1", answer, "delay 10", "delay 10", "delay 10"}));
+  EXPECT_EQ(fake.log, (Lines{"delay 100", answer, "delay 100", "delay 10", answer, "delay 100", "delay 100",
+                             "delay 100"}));
   EXPECT_EQ(stored(0, 14), values + Bytes{0xFF});
   EXPECT_EQ(dacRegisters(), values);
 

@@ -154,11 +154,12 @@ TEST_F(Carousel, KeepsToTheModelWithAnyStoreAndLoad) {
     const std::string_view letters[] = {"amconxbkAMCONXBKccoobbnnxx", "cobCOB", "mM", "c"};
     const std::string_view kind = letters[oneIn(8) ? 2 + below(2) : below(2)];
     const bool isLong = oneIn(8) || kind.size() < 3;
-    const u32 size = !isLong ? 1 + below(40) : oneIn(2) ? 254 + below(6) : 260 + below(250);
+    const u32 size = !isLong ? 1 + below(40) : oneIn(2) ? 254 + below(6) : oneIn(2) ? 260 + below(250) : 510;
     std::string store = kind == "c" ? "AC" : "A";
     while (store.size() < size)
       store += oneIn(isLong ? 1000 : 100) ? "!?.~"[below(4)] : kind[below(static_cast<u32>(kind.size()))];
-    if (kind == "c") store += "OB";
+    store += "OB";  // the longest store has no end
+    para.psiPkt[1 - port][0] = packet('A');
     rebuild(para, slot, port, store);
     const auto anyInterval = [&] { return static_cast<u16>(oneIn(8) ? 0 : 1 + below(oneIn(2) ? 6 : 400)); };
     std::generate_n(para.Interval[port], 8, anyInterval);

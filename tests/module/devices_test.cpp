@@ -187,6 +187,7 @@ TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator)
   };
   expectWord(1000, 100000, 36);
   expectWord(1160, 800000, 13105);
+  expectWord(1146, 900001, 0);  // above the table, a step too little
 }
 
 // ---- The modulator ----
@@ -194,7 +195,7 @@ TEST_F(Devices, TheOutputLevelIsCorrectedByFrequencyAndShiftedIntoTheAttenuator)
 TEST_F(Devices, ASymbolRateGoesOutInFourBytesBeforeAReset) {
   Lines resets;
   for (const char* line : {"nrst=2", "nrst=1"})
-    resets = resets + Lines{"nrst=3"} + kDelay + Lines{line, "1 ticks", "nrst=3"} + kDelay;
+    resets = resets + Lines{"nrst=3"} + kDelay + Lines{line, "10 ticks", "nrst=3"} + kDelay;
   const auto expectWord = [&](i32 kBd, u32 word) {
     const Lines bytes{fmt::format("rf_off_hh={}", word >> 24), fmt::format("rf_off_hl={}", word >> 16 & 0xFF),
                       fmt::format("rf_off_lh={}", word >> 8 & 0xFF),
@@ -207,7 +208,7 @@ TEST_F(Devices, ASymbolRateGoesOutInFourBytesBeforeAReset) {
   EXPECT_EQ(fake.stepsOf([] { symbolrateinfpga(0, 0); }), Lines{});
   EXPECT_EQ(fake.log.size(), 1U) << "it says so";
   // There is also no clock without a row, for example if only the low half matches a row.
-  EXPECT_EQ(fake.stepsOf([&] { cdce925set(0, 65536 + 5000, record->Cd925_para); }), Lines{"1 ticks"});
+  EXPECT_EQ(fake.stepsOf([&] { cdce925set(0, 65536 + 5000, record->Cd925_para); }), Lines{"10 ticks"});
 }
 
 TEST_F(Devices, ARecordIsAppliedInOrderWithTasksHeldOff) {
@@ -224,10 +225,24 @@ TEST_F(Devices, ARecordIsAppliedInOrderWithTasksHeldOff) {
 }
 
 TEST_F(Devices, RatesAreCountedForHalfASecondAndOfNoThirdOutput) {
+  const Lines gate{"rate_ctrl_rst=0", "10 ticks", "rate_ctrl_rst=1", "500 ticks"};
   u32 total = 1, valid = 2;
-  EXPECT_EQ(fake.stepsOf([&] { FpgaGetRate(0, 2, &total, &valid); }),
-            (Lines{"rate_ctrl_rst=0", "1 ticks", "rate_ctrl_rst=1", "50 ticks"}));
+  EXPECT_EQ(fake.stepsOf([&] { FpgaGetRate(0, 2, &total, &valid); }), gate);
   EXPECT_TRUE(total == 1 && valid == 2 && RateConvert(3, 7) == 0);
+  for (const u8 port : {u8{0}, u8{1}}) {
+    std::deque<u16> counts{0x56, 0x34, 0xF2, 0xE1, 0x8C};  // of bytes and of null packets
+    Lines reads;
+    for (const char* reg :
+         {"Valid_{}_rateM?", "Valid_{}_rateH?", "Valid_{}_rateL?", "Sys_{}_rateL?", "Sys_{}_rateH?"})
+      reads.push_back(fmt::format(fmt::runtime(reg), port));
+    fake.onRead = [&](u32) {
+      const u16 count = counts.front();
+      counts.pop_front();
+      return count;
+    };
+    EXPECT_EQ(fake.stepsOf([&] { FpgaGetRate(0, port, &total, &valid); }), gate + reads);
+    EXPECT_TRUE(total == 0x3456F2 * 16 && total - valid == 0x8CE1 * 188 * 16) << total << ' ' << valid;
+  }
 }
 
 // ---- The window itself ----
@@ -255,7 +270,7 @@ TEST_F(Devices, BenchTestsWriteScratchRegistersAndToggleTheClockLine) {
   EXPECT_EQ((Lines{fake.log.begin() + 2, fake.log.begin() + 4}),
             (Lines{"debug Reg3 Value Err:", "debug Set Value:1238; Get Value:7\n"}));
   EXPECT_EQ(fake.stepsOf([] { QamFpgaTest(0); }),
-            repeated(5, {"cdce925_scl=0", "1 ticks", "cdce925_scl=1", "1 ticks"}));
+            repeated(5, {"cdce925_scl=0", "10 ticks", "cdce925_scl=1", "10 ticks"}));
 }
 
 }  // namespace

@@ -116,6 +116,7 @@ TEST_F(Menus, ScreensShowEachStepAndWriteOnOkOnly) {
   session(kLevel, 1000, ".?!.o", "[1]00.0 [1]00.0 [1]00.0 [1]00.0 [1]00.0", 1000);
   // Viewers.
   session(kLevel, 0, "..o", "095.0 095.0 095.0", 0, chassis::kItemReadOnly);
+  session(kRate, 6875, ".o", "6.875 6.875", 6875, chassis::kItemReadOnly);
   session(kMegahertz, 1052007, ".o", "52.007 52.007", 1052007, chassis::kItemReadOnly);
   session(kMegahertz, 52007, "", "", 52007);
   session(kDegrees, 205, ".o", "05 05", 205);

@@ -82,6 +82,8 @@ TEST_F(Snmp, NothingIsReadOfOtherSlotsAndOfValuesThatAreNone) {
   fake.start(3)->qam_para.rfreq = 0xFFFFFFFF;
   EXPECT_EQ(askFirst(rows(5)[4]).first, nullptr);
   EXPECT_EQ(fake.log.back(), "debug get in4 vid 30 of slot3 port0 error!\r\n");
+  const auto [text, size] = askFirst(rows(5)[0]);
+  EXPECT_EQ(std::string(text, text + size), "V1.0");
   EXPECT_EQ(askFirst(rows(6)[0]), (std::pair<const u8*, int>(nullptr, 0))) << "a slot without a card";
 }
 

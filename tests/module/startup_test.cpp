@@ -73,6 +73,12 @@ TEST_F(StartUp, SetsTheWindowAndStartsBothChannelsEachHaltedMeanwhile) {
                            fmt::format("route {} {}", slot, port)};
     }
     EXPECT_EQ(fake.log, expected);
+    std::vector<std::ptrdiff_t> firstSteps;
+    for (const char* device : {"nrst", "cdce925", "ad9775", "ad7414", "ext_ad7414", "qam_mode"}) {
+      const auto isOf = [=](const std::string& step) { return step.starts_with(device); };
+      firstSteps.push_back(std::ranges::find_if(fake.steps, isOf) - fake.steps.begin());
+    }
+    EXPECT_TRUE(std::ranges::is_sorted(firstSteps));
     EXPECT_EQ(fake.addressOf(QamFpgaIf[slot]), window);
     for (int tick = 0; tick <= 6 * slot + 2; ++tick) qamIntr(slot);
     for (const std::size_t port : {0U, 1U}) EXPECT_EQ(fake.queues[port]->messages, std::vector<u32>{0});
@@ -159,6 +165,8 @@ TEST_F(StartUp, ARecordIsTheFileOrTheDefaults) {
   fake.heapBlocks = 0;
   EXPECT_EQ(Qam_create_para(1), nullptr);
   EXPECT_EQ(fake.log, Lines{"debug qam card 1 malloc memory failed!\r\n"});
+  Qam_Init(1);
+  EXPECT_EQ(fake.log.size(), 1U) << "a card that cannot be described is not registered";
 }
 
 }  // namespace

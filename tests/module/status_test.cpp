@@ -3,6 +3,7 @@
 #include "card/QamFpga.h"
 #include "card/QamInit.h"
 #include "tests/module/chassis.h"
+#include "ts/qamIntr.h"
 #include "ui/qamStatus.h"
 
 namespace test {
@@ -48,6 +49,7 @@ TEST_F(Status, PassesTellTheAlarmListWhatHasChanged) {
   EXPECT_EQ(told(2, 69.75, 0), Lines{kLost2});
   EXPECT_EQ(record->qam_para.status, 0xA2);
   EXPECT_EQ(told(2, 70, 0), Lines{kHot});
+  EXPECT_EQ(told(2, 127, 0), Lines{}) << "no news";
   EXPECT_EQ(told(2, 69, 0), Lines{kCooled});
   EXPECT_EQ(told(2, -1, 0), Lines{kHot}) << "reads as 255";
   EXPECT_EQ(told(2, 0, static_cast<u16>(~(kOut1 | kOut2))), Lines{kCooled});
@@ -60,8 +62,9 @@ TEST_F(Status, PassesTellTheAlarmListWhatHasChanged) {
   EXPECT_EQ(told(2, 20, 0xFFFF), Lines{}) << "no bit for such an output";
 }
 
-TEST_F(Status, ASlotWithoutARecordHasNone) {
-  qamStatusCheck(4);
+TEST_F(Status, ASlotWithoutARecordIsLeftAlone) {
+  for (const auto routine : {qamStatusCheck, QamInit, qamIntr}) routine(4);
+  QamSetPsiInterval(4, 0);
   EXPECT_TRUE(fake.log.empty() && fake.steps.empty() && fake.checks.empty());
   EXPECT_EQ(qam_create_status(4), 0);
 }
@@ -69,13 +72,12 @@ TEST_F(Status, ASlotWithoutARecordHasNone) {
 TEST_F(Status, TheWatchdogsTaskKicksFiveTimesASecond) {
   taskDQam();
   EXPECT_EQ(fake.log, (Lines{"spawn tDQamSysCheck 232 0 4096 (0 0 00000000)"}));
-  fake.tickHz = 60;
   fake.onCall = [&, delays = 0](std::string_view) mutable {
     if (++delays == 3) fake.leave();
   };
   EXPECT_FALSE(fake.runs(fake.tasks.at(0)));
-  EXPECT_EQ(fake.steps, (Lines{"60 ticks", "dog", "dog", "dog", "dog", "dog",  //
-                               "60 ticks", "dog", "dog", "dog", "dog", "dog"}));
+  EXPECT_EQ(fake.steps, (Lines{"1000 ticks", "dog", "dog", "dog", "dog", "dog",  //
+                               "1000 ticks", "dog", "dog", "dog", "dog", "dog"}));
 }
 
 }  // namespace

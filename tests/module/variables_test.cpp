@@ -4,6 +4,7 @@
 
 #include "card/QamFpga.h"
 #include "card/qamVar.h"
+#include "headend/hardware/card_registers.h"
 #include "platform/address_word.h"
 #include "tests/module/chassis.h"
 
@@ -18,8 +19,7 @@ class Variables : public DeviceTest {
   QamCardPara* record = fake.start(2);
 };
 
-// The texts of the rates: headend/firmware/modulator_test.cpp; the other versions: e2e/panel.py.
-TEST_F(Variables, ReadsAreTheSensorsAndTheVersions) {
+TEST_F(Variables, ReadsAreTheSensorsTheRatesAndTheVersions) {
   for (const u32 none : {29U, 46U, 51U, 53U}) EXPECT_EQ(get(none), 0U) << none;
   board.sensor(1).temperature(41.75, fake.now);
   board.sensor(2).temperature(-2, fake.now);
@@ -28,6 +28,18 @@ TEST_F(Variables, ReadsAreTheSensorsAndTheVersions) {
   EXPECT_EQ(text(50), "V2.1.55");
   QamFpgaIf[2]->version = 7;
   EXPECT_EQ(text(50), "V2.1.07");
+  EXPECT_EQ(text(49) + ' ' + text(52), "V2.1.05A V1.0");
+  fake.onRead = [](u32 address) {
+    const std::string_view name = headend::cardRegister(address & 0x1FF).name;
+    return name == "Valid_0_rateM"   ? 0xF0
+           : name == "Valid_1_rateH" ? 0x10
+           : name.starts_with("Sys") ? 1
+                                     : u16{0};
+  };
+  // Bytes and null packets in half a second: 61440, 1048576, and 257 of each.
+  EXPECT_EQ(text(36) + ' ' + text(37), "983Kb/s 209Kb/s");
+  EXPECT_EQ(text(44) + ' ' + text(45), "16777Kb/s 16004Kb/s");
+  fake.onRead = {};
   EXPECT_EQ(std::count(fake.log.begin(), fake.log.end(), "take"),
             std::count(fake.log.begin(), fake.log.end(), "give"));
 }

@@ -69,9 +69,14 @@ TEST_F(Snmp, ARowHasOneInstance) {
   for (const Name& end : {Name{}, {4}, {4, 0}, {4, 0, 0}, {4, 1}, {5, 0}}) {
     const Name asked = kBase + Name{5, 2, 51, 1} + end;
     Name name = asked;
-    EXPECT_EQ(ask(row, name, true).first != nullptr, end == Name({4, 0})) << fmt::format("{}", end);
+    const auto [value, size] = ask(row, name, true);
+    EXPECT_EQ(value != nullptr, end == Name({4, 0})) << fmt::format("{}", end);
+    EXPECT_TRUE(value == nullptr || size == 4);
     EXPECT_EQ(name, asked);
   }
+  Name next = kBase;
+  ask(row, next, false);
+  EXPECT_EQ(next, kBase + Name({5, 2, 51, 1, 4, 0}));
 }
 
 TEST_F(Snmp, NothingIsReadOfOtherSlotsAndOfValuesThatAreNone) {

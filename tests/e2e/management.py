@@ -58,7 +58,7 @@ def a_request_gets_its_result_once_however_often_it_is_repeated(case):
             replies = [one.request(FAULT, variable, data=bytes(4) + text, sequence=1500 + variable) for _ in range(2)]
             case.equal([reply.result for reply in replies], [0, 0], 'fault request that is repeated')
         one.lock(1)
-        for sequence in (2000, 2000, 2000, 2001):
+        for sequence in (0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0):
             case.equal(one.request(WRITE, PSI_PACKETS, data=chunk(1), sequence=sequence).result, 0, 'chunk')
         case.equal(two.request(READ, PSI_INTERVAL, data=b'\x42\0\0\0').data, interval(0x42, 300, 2),
                    'packets after two chunks, one of which came three times')

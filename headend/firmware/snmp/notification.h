@@ -25,9 +25,9 @@ snmp_pdu* messageOf(const Notification& notification, std::span<const u32> base,
 // UTC, as DateAndTime of SNMPv2-TC. `at` is in seconds since 1970-01-01.
 std::string dateAndTime(u32 at);
 
-// Hundredths of a second, as TimeTicks.
+// Hundredths of a second, as TimeTicks, which wrap after 497 days.
 inline long timeTicks(Nanos time) {
-  return static_cast<long>(time / (kSecond / 100));
+  return static_cast<u32>(time / (kSecond / 100));
 }
 
 }  // namespace headend

@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "headend/firmware/snmp/library.h"
+#include "headend/firmware/snmp/notification.h"
 #include "headend/firmware/snmp/secrets.h"
 #include "tests/client/messages.h"
 #include "tests/headend/headend_run.h"
@@ -76,6 +77,12 @@ TEST(SnmpEngine, CountsItsBootsAndIsANewOneWhereItsFileIsDamagedOrTheyAreUsedUp)
     EXPECT_TRUE(headend::engineIdText(engine).starts_with("0x80001f8805") && has(said, "damaged"));
     EXPECT_TRUE(boot().id == engine.id && boot().boots == 3);
   }
+}
+
+TEST(SnmpTime, WrapsAfter497Days) {
+  constexpr headend::Nanos kWrap = (headend::Nanos{1} << 32) * (headend::kSecond / 100);
+  EXPECT_EQ(headend::timeTicks(kWrap - 1), 0xFFFFFFFF);
+  EXPECT_EQ(headend::timeTicks(kWrap), 0);
 }
 
 // The row 4.1.1.1 of slot 1, a variable of a modulator card, whose handler takes any number.

@@ -160,8 +160,8 @@ struct Udp {
   }
 };
 
-// A packet each 10 ms of the sender's time, with a PCR each 40 ms from the third packet on. From packet 50 on
-// all come later by `pause`, and the PCRs are ahead by `jump_ticks`.
+// A packet each 10 ms of the sender's time, with a PCR each 40 ms from the third packet on; the PCRs wrap
+// before packet 30. From packet 50 on all come later by `pause`, and the PCRs are ahead by `jump_ticks`.
 TEST(Inputs, DatagramsPlayOnTheirPcrs) {
   struct Row {
     const char* name;
@@ -189,7 +189,8 @@ TEST(Inputs, DatagramsPlayOnTheirPcrs) {
     const auto sent = [&](int i) { return (i - i % row.burst + row.burst - 1) * row.every + late(i); };
     for (int i = 0; i < row.packets; ++i) {
       PacketFields fields{.number = static_cast<u64>(i)};
-      if (i % 4 == 2) fields.pcr = fields.number * 270'000 + (i < 50 ? 0 : row.jump_ticks);
+      const u64 pcr = kPcrWrap - 8'000'000 + fields.number * 270'000 + (i < 50 ? 0 : row.jump_ticks);
+      if (i % 4 == 2) fields.pcr = pcr % kPcrWrap;
       udp.sendAt(sent(i), packet(fields));
     }
     udp.rig.runUntil(sent(row.packets) + kSecond);
@@ -261,11 +262,11 @@ TEST(Inputs, DatagramsArePacketsAloneOrInRtp) {
   const std::tuple<const char*, Bytes, u64> rows[] = {
       // and packets so far
       {"seven packets", seven, 7},
-      {"RTP with its marker", rtp({0x80, 33 | 0x80}, 0xFFFF, {}, seven), 14},
-      {"two sources", rtp({0x82, 33}, 0, Bytes(8), one), 15},
-      {"a source, an extension and padding", rtp({0xB1, 33}, 1, extended, one, 4), 16},
-      {"three are missing", rtp({0x80, 33}, 5, {}, one), 17},
-      {"late", rtp({0x80, 33}, 4, {}, one), 18},
+      {"RTP with its marker", rtp({0x80, 33 | 0x80}, 0xFFFE, {}, seven), 14},
+      {"two sources, and one is missing", rtp({0x82, 33}, 0, Bytes(8), one), 15},
+      {"late", rtp({0x80, 33}, 0xFFFF, {}, one), 16},
+      {"a source, an extension and padding", rtp({0xB1, 33}, 1, extended, one, 4), 17},
+      {"three are missing", rtp({0x80, 33}, 5, {}, one), 18},
       {"goes on", rtp({0x80, 33}, 6, {}, one), 19},
       {"a byte short", Bytes(seven.begin(), seven.end() - 1), 19},
       {"a sync byte missing", unsynchronised, 19},
@@ -282,7 +283,7 @@ TEST(Inputs, DatagramsArePacketsAloneOrInRtp) {
     at += kMs;
   }
   udp.rig.runUntil(kSecond);
-  EXPECT_EQ(std::tuple(udp.input.counts().foreign, udp.input.counts().rtpLost), std::tuple(7U, 3U));
+  EXPECT_EQ(std::tuple(udp.input.counts().foreign, udp.input.counts().rtpLost), std::tuple(7U, 4U));
   EXPECT_EQ(udp.arrived.at(0).first, 200 * kMs);  // without PCRs at arrival and the delay
 }
 

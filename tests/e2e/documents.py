@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 # Every command that README and documents give, in their order and as given, from a fresh folder. Each must succeed.
+# And the tests that they name.
 import os
 import re
 import shutil
@@ -110,6 +111,19 @@ def every_command_of_a_document_can_be_done(case):
         missing = [line for line in printed if line.strip() != '...' and line not in outputs.get(place, '')]
         case.equal(missing, [], f'lines that {place} does not print')
     case.check(len(due) > 35 and sum(map(len, due.values())) > 3, f'only {len(due)} blocks of commands found')
+
+
+def a_test_that_is_named_in_a_document_exists(case):
+    known = set()
+    for folder, _, files in os.walk(os.path.join(ROOT, 'tests')):
+        for file in files:
+            script, kind = os.path.splitext(file)
+            form = {'.cpp': r'^TEST(?:_F)?\((\w+), (\w+)\)', '.py': r'^(def) (\w+)\(case'}.get(kind)
+            for suite, name in re.findall(form, open(os.path.join(folder, file)).read(), re.MULTILINE) if form else ():
+                known.add(f'{suite}.{name}' if kind == '.cpp' else f'e2e.{script}.{name.replace("_", "-")}')
+    named = re.findall(r'`((?:e2e\.\w+|[A-Z]\w+)\.[A-Za-z][\w-]+)`', open(os.path.join(ROOT, 'docs/proof.md')).read())
+    case.equal([name for name in named if name not in known], [], 'tests that there are not')
+    case.check(len(named) > 10, f'only {named}')
 
 
 harness.main(__name__)

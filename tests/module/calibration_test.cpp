@@ -103,6 +103,10 @@ TEST_F(Calibration, TheDacsPortWaitsBetweenItsEdges) {
   fake.forget();
   EXPECT_EQ(ad9775_reg_read(1, 0x0C), 0xA5);
   EXPECT_EQ(count("100 turns"), 8 * 3 + 1 + 8 * 2);
+  fake.hasDevices = false;  // the DAC takes one byte of a frame
+  const Bytes two{1, 2};
+  ad9775_reg_write(1, 5, two.data(), 2);
+  EXPECT_EQ(count("ad9775_1_clk=1"), (2 + 3) * 8);
 }
 
 // ---- The service ----

@@ -235,8 +235,9 @@ int bind(int s, sockaddr_in* name, int length) {
   return current->portsToBeHad ? OK : ERROR;
 }
 
-int recvfrom(int /*s*/, char* buffer, int length, int /*flags*/, sockaddr_in* from, int* fromLength) {
+int recvfrom(int /*s*/, char* buffer, int length, int flags, sockaddr_in* from, int* fromLength) {
   EXPECT_EQ(*fromLength, 16);
+  EXPECT_EQ(flags, 0);
   if (current->datagrams.empty()) current->leave();
   const std::optional<test::Bytes> datagram = current->datagrams.front();
   current->datagrams.pop_front();
@@ -247,7 +248,8 @@ int recvfrom(int /*s*/, char* buffer, int length, int /*flags*/, sockaddr_in* fr
   return static_cast<int>(count);
 }
 
-int sendto(int s, char* buffer, int length, int /*flags*/, sockaddr_in* to, int toLength) {
+int sendto(int s, char* buffer, int length, int flags, sockaddr_in* to, int toLength) {
+  EXPECT_EQ(flags, 0);
   const std::span bytes(reinterpret_cast<const u8*>(buffer), static_cast<std::size_t>(length));
   note("send {} to {} length {}: {}", s, u16{to->sin_port}, toLength, fmt::join(bytes, " "));
   return length;

@@ -56,7 +56,7 @@ struct FakeChassis {
 
   // Inputs for the module.
   Scratch flash;
-  int tickHz = 1000;  // no wait of whole milliseconds is rounded
+  int tickHz = 1000;     // no wait of whole milliseconds is rounded
   int firstOutput = 15;  // the main board's number for the first output of slot 0; it counts down
   int heapBlocks = std::numeric_limits<int>::max();  // allocations until the heap is exhausted
   bool queuesToBeHad = true, socketsToBeHad = true, portsToBeHad = true;

@@ -5,6 +5,7 @@
 
 #include "card/QamFpga.h"
 #include "card/QamInit.h"
+#include "hw/Cdce925.h"
 #include "mpeg/section.h"
 #include "tests/module/chassis.h"
 #include "ts/qamBack.h"
@@ -79,6 +80,9 @@ TEST_F(StartUp, SetsTheWindowAndStartsBothChannelsEachHaltedMeanwhile) {
       firstSteps.push_back(std::ranges::find_if(fake.steps, isOf) - fake.steps.begin());
     }
     EXPECT_TRUE(std::ranges::is_sorted(firstSteps));
+    Bytes clock;
+    for (u16 reg = 0; reg < 0x30; ++reg) clock.push_back(CdceRegRead(slot, reg, 1));
+    EXPECT_EQ(mpeg::crc32(clock), 0xD290DD2EU) << "registers of the clock generator";
     EXPECT_EQ(fake.addressOf(QamFpgaIf[slot]), window);
     for (int tick = 0; tick <= 6 * slot + 2; ++tick) qamIntr(slot);
     for (const std::size_t port : {0U, 1U}) EXPECT_EQ(fake.queues[port]->messages, std::vector<u32>{0});

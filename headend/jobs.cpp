@@ -48,11 +48,11 @@ void prepare(Job& job, const client::InputCounts& inputs) {
   job.notes = surroundings.notes;
 }
 
-Job jobOf(const std::string& line) {
+Job jobOf(const std::string& line, const client::InputCounts& inputs) {
   commands::LineParser parser;
   const Words words = commands::Form::wordsOf(line);
   Job job{.flag = line, .text = lineOf(words), .call = callOf(parser, line, words)};
-  prepare(job, {});
+  prepare(job, inputs);
   return job;
 }
 

@@ -15,7 +15,7 @@ namespace headend {
 void prepare(Job& job, const client::InputCounts& inputs);
 
 // A job without a flag, prepared: "psi load 1.1 FILE". Throws commands::WrongCall.
-Job jobOf(const std::string& line);
+Job jobOf(const std::string& line, const client::InputCounts& inputs = {});
 
 class JobFlags {
  public:

@@ -101,9 +101,9 @@ void Multiplexer::leave(Nanos until) {
 }
 
 void Multiplexer::leavePsi() {
+  ++counts_.psi;
   show(psi_.front());
   psi_.pop_front();
-  ++counts_.psi;
   skip(1);
 }
 
@@ -112,9 +112,9 @@ void Multiplexer::leaveRouted() {
   if (const std::optional<u64> pcr = mpeg::pcrOf(waiting.packet)) {
     mpeg::setPcr(waiting.packet, *pcr + ticksSince(waiting.arrival));
   }
+  ++counts_.routed;
   show(waiting.packet);
   buffer_.pop_front();
-  ++counts_.routed;
   skip(1);
 }
 

@@ -50,6 +50,7 @@ class Multiplexer {
     std::uint64_t total() const { return psi + routed + null; }
   };
 
+  // It receives each packet once that is counted.
   void setSink(PacketSink* sink) { sink_ = sink; }
   void setFeed(PacketFeed* feed) { feed_ = feed; }
   // Called with every packet sent, except inserted null packets; an empty function removes it.

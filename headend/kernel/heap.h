@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <unordered_map>
 
 #include "platform/types.h"
@@ -16,7 +17,7 @@ class Heap {
 
   // Null if the limit would be exceeded.
   void* allocate(std::size_t size) {
-    void* block = size > limit_ - used_ ? nullptr : std::malloc(size);
+    void* block = size > limit_ - used_ || !allows(size) ? nullptr : std::malloc(size);
     if (block == nullptr) {
       ++failures_;
       return nullptr;
@@ -33,6 +34,9 @@ class Heap {
       std::free(block);
     }
   }
+
+  // Whether there is memory below the limit: a fault can take it.
+  std::function<bool(std::size_t size)> allows = [](std::size_t /*size*/) { return true; };
 
   std::size_t used() const { return used_; }
   std::size_t failures() const { return failures_; }

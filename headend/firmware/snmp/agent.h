@@ -33,6 +33,7 @@ class SnmpAgent {
 
   // Empty if it only sends.
   std::string address() const { return settings_.listen ? hostAddress(library_->fd()) : ""; }
+  int fd() const { return library_->fd(); }  // receives requests
   const EngineIdentity& engine() const { return library_->engine(); }
 
  private:

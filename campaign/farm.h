@@ -1,0 +1,57 @@
+// Many histories: worker processes, each with prepared parents from which histories fork, and a fresh process for
+// each start after a history.
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "campaign/history.h"
+#include "campaign/plant.h"
+
+namespace campaign {
+
+struct Task {
+  u64 seed = 0;
+  std::optional<std::vector<std::size_t>> steps{};  // only these; nullopt: all
+};
+
+// Histories one after the other, in a folder of its own.
+class Worker {
+ public:
+  // `files` has the samples and what makeFiles has added; `only`: no other preparation.
+  Worker(std::filesystem::path folder, std::filesystem::path files, const Preparation* only, const Plant* plant);
+  ~Worker();
+
+  // The result: {"seed", "preparation", "steps", "failures", ...}; the failures of the start that followed among them.
+  nlohmann::ordered_json run(const Task& task);
+  // The same with a log, a trace, a report and the outputs in the folder: `history` and `start` below it.
+  nlohmann::ordered_json replay(const Task& task);
+
+ private:
+  struct Parent;
+  History historyOf(const Task& task) const;
+  Parent& parentOf(const Preparation& preparation);
+  void copyFlash(const std::filesystem::path& from);
+  nlohmann::ordered_json finished(const Task& task, int status);
+  int start(const Preparation& preparation, const nlohmann::ordered_json& result, bool leavesTraces);
+
+  std::filesystem::path folder_;
+  std::filesystem::path files_;
+  const Preparation* only_;
+  const Plant* plant_;
+  std::map<std::string, std::unique_ptr<Parent>> parents_;
+};
+
+// In `folder`: the samples, and captures and maps that are made from them. Throws std::runtime_error.
+void makeFiles(const std::filesystem::path& samples, const std::filesystem::path& folder);
+
+// What a shortest list of steps is that still fails in the same way, by taking steps away.
+std::vector<std::size_t> shrink(Worker& worker, u64 seed, const std::string& invariant, std::size_t steps,
+                                const std::function<void(std::size_t left)>& progress);
+
+}  // namespace campaign

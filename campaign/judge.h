@@ -1,0 +1,80 @@
+// What must hold in a history whatever fails, and at what it is seen: the packets on the air, the files of the flash,
+// the router, the alarm list, the heap, the tasks. One judge per process.
+#pragma once
+
+#include <array>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "campaign/history.h"
+#include "headend/headend.h"
+#include "ts/qamRecords.h"
+
+namespace campaign {
+
+struct Failure {
+  std::string invariant;
+  std::string text;
+};
+
+class Judge {
+ public:
+  explicit Judge(headend::Headend& headend);
+  ~Judge();
+
+  // From now on the history's faults explain what they can bring.
+  void begin(const History& history);
+  void explain(const std::string& prefix) { explained_.insert(prefix); }  // of a violation or a register
+  // At any time between two operations; `isQuiet`: the faults are over and all work is done.
+  void examine(bool isQuiet);
+  void failed(const std::string& invariant, const std::string& text);
+  const std::vector<Failure>& failures() const { return failures_; }
+  const std::map<std::string, u64>& checks() const { return checks_; }  // made, by what
+  bool isWritten(int slot) const { return cards_[static_cast<std::size_t>(slot)].isWritten; }
+  void noteWritten(int slot) { cards_[static_cast<std::size_t>(slot)].isWritten = true; }
+
+  // What the module does, as its own parts and the chassis's services see it.
+  void alarm(u8 slot, u8 port, u16 type, std::string_view text, bool isRaised);
+  void tablesChange(u8 slot, u8 port);  // it has locked or unlocked them
+  void unlocksMap(u8 slot, u8 port, bool begins);
+  void stores(const QamCardPara* record, u8 port, const set_psi_pkt& chunk);
+  void rebuilt(u8 slot, u8 port);  // the send lists
+  void routed(u8 slot, u8 port);   // a position of the router's map
+  void uploadsRaw(int slot, int port);  // a client of the history, past the locks
+
+ private:
+  class Channel;
+  Channel* channel(int slot, int port) {
+    return channels_[static_cast<std::size_t>(slot * MAX_QAM_OUT_NUM + port)].get();
+  }
+  const QamCardPara* record(int slot) const;
+  bool isExplained(std::string_view text) const;
+  void wrote(std::string_view file, std::string_view content);
+  void examineFile(int slot, bool isQuiet);
+  void examineRouter(int slot, int port);
+  void examineTasks();
+  std::size_t heapBesideLists() const;
+
+  headend::Headend& headend_;
+  std::vector<Failure> failures_;
+  std::map<std::string, u64> checks_;
+  std::set<std::string> explained_;
+  bool isWild_ = false;  // a client sends what no operator does
+  std::array<std::unique_ptr<Channel>, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> channels_;
+  struct Card {
+    bool isWritten = false;
+    bool isKnown = false;          // which alarms it takes for raised
+    std::optional<u64> kept{};     // the hash of the record's file
+    std::optional<u64> pending{};  // of the content on its way to it
+  };
+  std::array<Card, MAX_BOARD_NUM> cards_;
+  std::set<std::tuple<int, int, int, char>> alarms_;  // slot, port, type, channel of the text
+  std::optional<std::size_t> heap_;
+};
+
+Judge* judge();  // of this process; null before and after
+
+}  // namespace campaign

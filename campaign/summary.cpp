@@ -1,0 +1,120 @@
+#include "campaign/summary.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+
+#include "base/files.h"
+#include "headend/fail.h"
+
+namespace campaign {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Numbers add up, lists are joined, objects are added key by key.
+void add(Json& sum, const Json& more) {
+  if (sum.is_null()) {
+    sum = more;
+  } else if (more.is_object()) {
+    for (const auto& [key, value] : more.items()) add(sum[key], value);
+  } else if (more.is_array()) {
+    sum.insert(sum.end(), more.begin(), more.end());
+  } else if (more.is_number_float() || sum.is_number_float()) {
+    sum = sum.get<double>() + more.get<double>();
+  } else {
+    sum = sum.get<u64>() + more.get<u64>();
+  }
+}
+
+}  // namespace
+
+std::string version() {
+  static const std::string text = [] {
+    const std::string program = base::readFile("/proc/self/exe", std::size_t{1} << 30);
+    u64 hash = 0xCBF29CE484222325;
+    for (const char c : program) hash = (hash ^ static_cast<u8>(c)) * 0x100000001B3;
+    return fmt::format("{} (program {:016x})", QAM_VERSION, hash);
+  }();
+  return text;
+}
+
+Json summaryOf(const Range& range, const std::vector<Json>& results) {
+  Json sum = {{"histories", 0},
+              {"histories_failed", 0},
+              {"virtual_seconds", 0.0},
+              {"cpu_seconds", {{"histories", 0.0}, {"starts", 0.0}}},
+              {"preparations", Json::object()},
+              {"steps", Json::object()},
+              {"power_cuts", Json::object()},
+              {"checks", Json::object()},
+              {"failures", Json::array()}};
+  for (const Json& each : results) {
+    Json failures = Json::array();
+    for (const Json& failure : each["failures"]) {
+      failures.push_back({{"seed", each["seed"]}});
+      failures.back().update(failure);
+      failures.back()["replay"] = replayLine(each["seed"]);
+    }
+    Json one = {{"histories", 1},
+                {"histories_failed", failures.empty() ? 0 : 1},
+                {"virtual_seconds", each.value("virtual_ms", 0.0) / 1e3},
+                {"cpu_seconds",
+                 {{"histories", each.value("cpu_ms", 0.0) / 1e3}, {"starts", each.value("start_cpu_ms", 0.0) / 1e3}}},
+                {"preparations", {{each["preparation"].get<std::string>(), 1}}},
+                {"steps", each["steps"]},
+                {"checks", each.value("checks", Json::object())},
+                {"starts_again", each.contains("start_cpu_ms") ? 1 : 0},
+                {"failures", failures}};
+    for (const char* name : {"commands", "commands_refused", "flash_failures", "memory_failures"})
+      one[name] = each.value(name, u64{0});
+    if (const std::string cut = each["cut"]; !cut.empty()) one["power_cuts"] = {{cut, 1}};
+    add(sum, one);
+  }
+  Json whole = {{"version", version()}, {"seeds", Json::array({Json::array({range.first, range.last})})}};
+  whole.update(sum);
+  return whole;
+}
+
+Json merge(const std::vector<std::pair<std::string, Json>>& summaries) {
+  Json sum = nullptr;
+  std::vector<std::pair<Json, std::string>> ranges;
+  for (const auto& [file, summary] : summaries) {
+    if (!summary.is_object() || !summary.contains("version") || !summary.contains("seeds"))
+      headend::fail("{} is not the summary of a campaign", file);
+    if (summary["version"] != summaries.front().second["version"])
+      headend::fail("{} is of version {}, and {} of {}: only results of one program can be added", file,
+                    summary["version"].get<std::string>(), summaries.front().first,
+                    summaries.front().second["version"].get<std::string>());
+    for (const Json& range : summary["seeds"]) ranges.emplace_back(range, file);
+    Json numbers = summary;
+    numbers.erase("version");
+    add(sum, numbers);
+  }
+  std::ranges::sort(ranges);
+  for (std::size_t i = 1; i < ranges.size(); ++i) {
+    if (ranges[i].first[0] <= ranges[i - 1].first[1])
+      headend::fail("{} and {} both have the seed {}", ranges[i - 1].second, ranges[i].second,
+                    ranges[i].first[0].get<u64>());
+  }
+  Json whole = {{"version", summaries.front().second["version"]}};
+  whole.update(sum);
+  whole["seeds"] = Json::array();
+  for (const auto& [range, file] : ranges) {
+    Json& all = whole["seeds"];
+    if (!all.empty() && all.back()[1].get<u64>() + 1 == range[0]) {
+      all.back()[1] = range[1];
+    } else {
+      all.push_back(range);
+    }
+  }
+  return whole;
+}
+
+std::string replayLine(u64 seed, const std::vector<std::size_t>& steps) {
+  const std::string only = steps.empty() ? "" : fmt::format(" --steps {}", fmt::join(steps, ","));
+  return fmt::format("headend-campaign replay {}{}", seed, only);
+}
+
+}  // namespace campaign

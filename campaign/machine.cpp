@@ -155,10 +155,15 @@ void Machine::run(bool waits, const std::function<void()>& ready) {
   });
   const std::atomic<bool> interrupted = false;
   headend::run(*headend_, interrupted);
+  if (isPlaying_) {  // the kernel has stopped the run
+    judge_->examine(false);
+    finish();
+  }
 }
 
 void Machine::play(const History& history, const Plant* plant) {
   headend::Kernel& kernel = headend_->kernel;
+  isPlaying_ = true;
   begin_ = kernel.now();
   // The agent's socket is this process's own.
   const int fd = headend::openHostSocket("127.0.0.1", 0);
@@ -186,6 +191,7 @@ void Machine::play(const History& history, const Plant* plant) {
 
 void Machine::playStart() {
   headend::Kernel& kernel = headend_->kernel;
+  isPlaying_ = true;
   judge_->begin({.seed = 0, .preparation = &preparation_});
   const auto starts = [this](int slot) { return !headend_->chassis.slot(slot).initReturned; };
   while (std::ranges::any_of(headend_->options.slots, starts) && kernel.now() < 20 * kSecond) kernel.delay(1);

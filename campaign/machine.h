@@ -48,6 +48,7 @@ class Machine {
   bool hasCommands_;  // from the power-up on
   std::unique_ptr<headend::Headend> headend_;
   std::unique_ptr<Judge> judge_;
+  bool isPlaying_ = false;
   Nanos begin_ = 0;
   std::string cut_;
 };

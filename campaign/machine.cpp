@@ -22,7 +22,6 @@ namespace campaign {
 namespace {
 
 constexpr int kPriority = 48;  // above every task: what happens at a history happens outside the chassis
-constexpr u16 kFirstPort = 49'000;
 constexpr Nanos kPatience = 90 * kSecond;  // after the history's end, until all work is done
 
 headend::Options optionsOf(const Preparation& preparation, const std::vector<int>& slots, bool leavesTraces) {
@@ -292,7 +291,7 @@ void Machine::planPowerCut(const Step& step) {
 // A client that knows the datagrams, and ends in mid-upload or sends what is wrong.
 void Machine::upload(const Step& step) {
   judge_->uploadsRaw(step.slot, step.port);
-  headend::UdpSocket socket(headend_->network, static_cast<u16>(kFirstPort + step.number));
+  headend::UdpSocket socket(headend_->network, nextPort_++);
   u32 sequence = 0;
   const auto write = [&](u16 variable, protocol::Bytes data) {
     protocol::Request request = protocol::makeRequest(protocol::Operation::kWrite, variable, static_cast<u16>(step.slot),
@@ -332,7 +331,7 @@ void Machine::upload(const Step& step) {
 
 void Machine::flood(const Step& step) {
   const bool isCalibration = step.what.starts_with("calibration");
-  headend::UdpSocket socket(headend_->network, static_cast<u16>(kFirstPort + 100 + step.number));
+  headend::UdpSocket socket(headend_->network, nextPort_++);
   std::mt19937 random(static_cast<u32>(step.number + step.at));
   for (std::int64_t i = 0; i < step.number; ++i) {
     if (step.what == "snmp") {

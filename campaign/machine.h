@@ -51,6 +51,7 @@ class Machine {
   bool isPlaying_ = false;
   Nanos begin_ = 0;
   std::string cut_;
+  u16 nextPort_ = 40'000;  // of a client
 };
 
 }  // namespace campaign

@@ -332,6 +332,16 @@ void Judge::stores(const QamCardPara* ptr, u8 port, const set_psi_pkt& chunk) {
   }
 }
 
+// What goes on the air after a change must outlast a power cut: it was saved before.
+void Judge::rebuilds(u8 slot) {
+  const QamCardPara* para = record(slot);
+  const auto& place = headend_.chassis.slot(slot);
+  if (para == nullptr || !place.initReturned || !place.recordKept()) return;
+  ++checks_["rebuilds"];
+  if (cards_[slot].kept != hashOf({reinterpret_cast<const u8*>(para), sizeof *para}))
+    failed("what goes on the air is saved", fmt::format("slot {}", slot + 1));
+}
+
 void Judge::rebuilt(u8 slot, u8 port) {
   const QamCardPara* para = record(slot);
   if (para == nullptr) return;
@@ -520,6 +530,7 @@ int __wrap_QamSavePsiPkt(u8 port, QamCardPara* ptr, const set_psi_pkt* v) {
 
 void __real_QamSetPsiInterval(u8, u8);
 void __wrap_QamSetPsiInterval(u8 slot, u8 port) {
+  if (judge() != nullptr) judge()->rebuilds(slot);
   __real_QamSetPsiInterval(slot, port);
   if (judge() != nullptr) judge()->rebuilt(slot, port);
 }

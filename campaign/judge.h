@@ -41,7 +41,8 @@ class Judge {
   void tablesChange(u8 slot, u8 port);  // it has locked or unlocked them
   void unlocksMap(u8 slot, u8 port, bool begins);
   void stores(const QamCardPara* record, u8 port, const set_psi_pkt& chunk);
-  void rebuilt(u8 slot, u8 port);  // the send lists
+  void rebuilds(u8 slot);  // the send lists
+  void rebuilt(u8 slot, u8 port);
   void routed(u8 slot, u8 port);   // a position of the router's map
   void uploadsRaw(int slot, int port);  // a client of the history, past the locks
 

@@ -8,6 +8,7 @@
 #include "headend/kernel/flash.h"
 #include "platform/alarms.h"
 #include "platform/memory.h"
+#include "ts/qamIntr.h"
 #include "ts/qamPsi.h"
 
 namespace campaign {
@@ -62,6 +63,14 @@ const std::vector<Plant>& plants() {
        [](Headend& h, int slot) {
          h.chassis.save(static_cast<u8>(slot));
          ++record(h, slot).qam_para.rfreq;
+       }},
+      {"tables go on the air before they are saved", "what goes on the air is saved",
+       [](Headend& h, int slot) {
+         h.chassis.save(static_cast<u8>(slot));
+         ++record(h, slot).qam_para.rfreq;
+         qam_hold_psi(static_cast<u8>(slot), 0, 1);
+         QamSetPsiInterval(static_cast<u8>(slot), 0);
+         qam_hold_psi(static_cast<u8>(slot), 0, 0);
        }},
       {"the router misses an entry", "the router has the record's map",
        [](Headend& h, int slot) {

@@ -31,12 +31,14 @@
 #include <random>
 
 #include "headend/hardware/faults.h"
+#include "ui/qamMibRows.h"
 
 namespace campaign {
 namespace {
 
 using Kind = Step::Kind;
 constexpr Nanos kMicrosecond = kMillisecond / 1000;
+constexpr Nanos kTick = 10 * kMillisecond;  // of the system clock
 
 // The distributions of the standard library differ between libraries.
 class Draw {
@@ -103,7 +105,6 @@ constexpr const char* kCommands[] = {
     "pids {c}",
 };
 constexpr const char* kTables[] = {"PAT", "PMT", "SDT_C", "SDT_O", "NIT_C", "NIT_O", "BAT", "CAT"};
-constexpr const char* kObjects[] = {"frequency", "level", "symbolrate", "all"};
 constexpr const char* kFlashFaults[] = {"no space", "read-only", "short read", "rename fails", "write fails"};
 constexpr const char* kUploads[] = {"tables left", "map left", "tables damaged", "store overfull"};
 constexpr const char* kFloods[] = {"management", "management garbage", "calibration", "calibration garbage", "snmp"};
@@ -122,7 +123,7 @@ class Author {
 
   History history() {
     for (auto n = draw_.from(4, 14); n > 0; --n) command();
-    if (draw_.oneIn(2)) snmp();
+    for (auto n = draw_.from(0, 3); n > 0; --n) snmp();
     for (auto n = draw_.from(1, 4); n > 0; --n) partFault();
     for (auto n = draw_.from(0, 2); n > 0; --n) someFault();
     if (draw_.oneIn(2)) powerCut();
@@ -167,7 +168,16 @@ class Author {
     step.at = start_ * (draw_.oneIn(4) ? 0 : 1) + draw_.from(0, (history_.length - start_) * 3 / 4 / kMicrosecond) * kMicrosecond;
   }
 
-  void snmp() { add(Kind::kSnmp, draw_.of(kObjects)).number = draw_.from(0, 9); }
+  // Half of them while an operator sets the same card: the agent takes a request at a tick.
+  void snmp() {
+    Step& step = add(Kind::kSnmp, "");
+    step.number = draw_.from(0, static_cast<std::int64_t>(std::size(kMibRows)) - 1);
+    const Step asked = step;
+    if (draw_.oneIn(2)) return;
+    Step& other = add(Kind::kCommand, fmt::format("var set {} rfreq {}", asked.slot + 1, draw_.from(474, 850) * 1000));
+    other.slot = asked.slot;
+    other.at = (asked.at / kTick + 1) * kTick + draw_.from(0, 2000) * kMicrosecond;
+  }
 
   void partFault() {
     const headend::FaultKind& kind = draw_.of(headend::faultKinds());

@@ -304,7 +304,7 @@ int runProgram(std::vector<std::string> words) {
   Options options;
   commands::Form form("headend-campaign",
                       "Breaks a chassis in many ways and checks what it does. A history is a seed: it gives the cards, "
-                      "the work of operators and clients, and the faults. docs/campaign.md describes it.");
+                      "the work of operators and clients, and the faults. docs/proof.md describes it.");
   commands::Form run = form.command("run", "Run the histories of a range of seeds, and write what was found as JSON");
   commands::Form replay = form.command("replay", "Run one history again, with log, trace, report and outputs");
   commands::Form shrinks = form.command("shrink", "Find a shortest list of steps with which a history still fails");

@@ -124,10 +124,14 @@ int takeWithCard(const CardTarget& target, const std::vector<fs::path>& given) {
   fs::current_path(scratch.path);
   headend::initFlash("flash");
   fs::resize_file("flash/K717_QAM/qam.bin", 100);  // its transfer would take most of the time
+  Bytes stream;
+  for (u8 i = 0; i < 16; ++i) base::append(stream, mpeg::makePacket(0x100, false, i));
+  base::writeOutput("source.ts", stream);
   ::setenv("HEADEND_SNMP_SECRETS", "write-community change", 1);
   headend::Options options;
   options.flash = "flash";
   options.slots = {0};
+  options.sources[5] = {{.file = "source.ts", .bitRate = 100'000, .address = {}}};
   options.fast = true;
   options.anyBitstream = true;
   options.log = underAfl() ? "/dev/null" : "";

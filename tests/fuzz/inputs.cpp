@@ -156,41 +156,30 @@ void takeAlarms(Input input) {
   require(protocol::decodeAlarmPage(page).value().events.size() == added, "a page of events is decoded");
 }
 
+// The first byte tells which decoder takes the rest.
 void takeDatagram(Input input) {
-  const auto encoded = [](const auto& value) { return protocol::encode(value); };
+  static constexpr auto kEncode = [](const auto& value) { return protocol::encode(value); };
+  static constexpr auto kEncodeMap = [](const protocol::MapChunk& chunk) {
+    return protocol::encodeMapChunk(chunk.total, chunk.startPosition, chunk.entries);
+  };
+  using Decode = void (*)(Input);
+  static constexpr Decode kDecoders[] = {
+      [](Input data) { keeps(data, protocol::decodeRequest, kEncode); },
+      [](Input data) { keeps(data, protocol::decodeReply, kEncode); },
+      [](Input data) { keeps(data, protocol::decodeLcd, kEncode); },
+      [](Input data) { keeps(data, protocol::decodeGroupStarts, kEncode); },
+      [](Input data) { keeps(data, protocol::decodePidCounts, kEncode); },
+      [](Input data) { keeps(data, protocol::decodeValue, protocol::encodeValue); },
+      [](Input data) { keeps(data, protocol::decodeNumber, protocol::encodeNumber); },
+      [](Input data) { keeps(data, protocol::decodeMapChunk, kEncodeMap); },
+      [](Input data) { protocol::decodePacketsReply(data); },
+      [](Input data) { protocol::decodeIntervalReply(data); },
+      [](Input data) { protocol::pageFrom(data); },
+      [](Input data) { protocol::decodeAlarmPage(data); },
+  };
   Fields fields(input);
   const u8 kind = fields.byte();
-  const Input data = fields.bytes(protocol::kMostStreamData);
-  switch (kind) {
-    case 0:
-      return keeps(data, protocol::decodeRequest, encoded);
-    case 1:
-      return keeps(data, protocol::decodeReply, encoded);
-    case 2:
-      return keeps(data, protocol::decodeLcd, encoded);
-    case 3:
-      return keeps(data, protocol::decodeGroupStarts, encoded);
-    case 4:
-      return keeps(data, protocol::decodePidCounts, encoded);
-    case 5:
-      return keeps(data, protocol::decodeValue, protocol::encodeValue);
-    case 6:
-      return keeps(data, protocol::decodeNumber, protocol::encodeNumber);
-    case 7:
-      return keeps(data, protocol::decodeMapChunk, [](const protocol::MapChunk& chunk) {
-        return protocol::encodeMapChunk(chunk.total, chunk.startPosition, chunk.entries);
-      });
-    case 8:
-      return static_cast<void>(protocol::decodePacketsReply(data));
-    case 9:
-      return static_cast<void>(protocol::decodeIntervalReply(data));
-    case 10:
-      return static_cast<void>(protocol::pageFrom(data));
-    case 11:
-      return static_cast<void>(protocol::decodeAlarmPage(data));
-    default:
-      return;
-  }
+  if (kind < std::size(kDecoders)) kDecoders[kind](fields.bytes(protocol::kMostStreamData));
 }
 
 // A whole bitstream with the input as its payload is accepted, and no longer after one bit is changed.
@@ -224,7 +213,7 @@ void takeBitstream(Input input) {
 void takeBer(Input input) {
   Bytes data(input.begin(), input.end());
   const int size = static_cast<int>(data.size());
-  const auto isEnd = [&](const u8* end, int left) {
+  const auto isEnd = [&](const u8* end, const int& left) {
     return end == nullptr || end == data.data() + size - left;
   };
   u8 type = 0;

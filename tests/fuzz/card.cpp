@@ -3,6 +3,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cstring>
+
 #include "card/QamCardPara.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -109,13 +111,26 @@ void takeKeys(Headend& headend, Input input) {
   }
 }
 
-// The card's parameter file: how much is missing at its end, its head, and then places in the rest that
-// differ from 0xFF: units of four bytes, the number of bytes and the bytes.
+// The card's parameter file: units of four bytes that are missing at its end, and the places that differ from
+// a new record with a packet in the store: unit, number of bytes, bytes.
 void takeRecord(Headend& headend, Input input) {
+  static QamCardPara record;
+  std::memset(&record, 0xFF, sizeof record);
+  record.cardType = QAM_CARD_TYPE;
+  record.slotNo = 0;
+  record.version = kRecordVersion;
+  record.qam_para = {.rflevel = 1000, .rfreq = 554'000, .symbolrate = 6875, .qammode = 5, .power = 15};
+  std::ranges::copy(TmpData, record.Cd925_para);
+  for (std::size_t port = 0; port < MAX_QAM_OUT_NUM; ++port) {
+    std::ranges::fill(record.Interval[port], 100);
+    std::ranges::fill(record.pktNum[port], 1);
+    record.pidMapNum[port] = 0;
+    record.psiPkt[port][0] = {
+        .pid = 0, .psiType = PAT, .counter = 0, .psiData = {mpeg::kSyncByte, 0x40, 0, 0x10}};
+  }
+  Bytes file = base::bytesOf(record);
   Fields fields(input);
-  Bytes file(sizeof(QamCardPara), 0xFF);
   const std::size_t missing = fields.word() * std::size_t{4};
-  std::ranges::copy(fields.bytes(offsetof(QamCardPara, pidMap)), file.begin());
   while (fields.more()) {
     const std::size_t at = fields.word() * std::size_t{4} % file.size();
     const Input bytes = fields.bytes(std::min<std::size_t>(fields.byte(), file.size() - at));

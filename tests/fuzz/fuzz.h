@@ -47,6 +47,8 @@ extern const std::vector<InputTarget> kInputTargets;
 struct CardTarget {
   const char* name;
   void (*take)(headend::Headend& headend, Input input);
+  // Starts of violations and failed checks that an input may cause, as the documents say.
+  std::vector<const char*> mayCause{};
   bool beforeCard = false;  // the task begins before the card's start
 };
 extern const std::vector<CardTarget> kCardTargets;

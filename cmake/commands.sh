@@ -2,16 +2,16 @@
 # Shared by the commands run, test and .ci/run: the Debian packages that each needs and the display of a step. Sourced,
 # never run.
 
-# run needs the first list, test the first two, bench/run these and its own, the checks of test --all and .ci/run also
-# the others. test --coverage and test --browser need the first two and their own, the latter also the fonts for
-# pictures; the preset arm9 needs the first list and the last.
+# run needs the first list, test the first two, bench/run these and its own, the checks of test --all, test --fuzz and
+# .ci/run also the others. test --coverage and test --browser need the first two and their own, the latter also the fonts
+# for pictures; the preset arm9 needs the first list and the last.
 build_packages=(cmake ninja-build g++ pkg-config
                 libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev libncurses-dev
                 libpng-dev libsnmp-dev libcpp-httplib-dev unifont)
 test_packages=(help2man libgtest-dev libgmock-dev ffmpeg iproute2 python3 sigrok-cli socat tmux valgrind
                smitools erlang-base erlang-snmp python3-pysmi snmp snmptrapd strace)
 bench_packages=(valgrind snmpd)
-check_packages=(g++-11 clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev llvm-14-dev)
+check_packages=(g++-11 afl++ clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev llvm-14-dev)
 coverage_packages=(gcovr)
 browser_packages=(chromium chromium-driver python3-selenium)
 picture_packages=(fonts-noto-cjk)

@@ -18,6 +18,8 @@ namespace {
 // ---- The file ----
 
 namespace fs = std::filesystem;
+using Kind = protocol::AlarmEvent::Kind;
+using chassis::alarm_t;
 
 constexpr const char* kPath = "/tffs0/alarms/history.dat";
 constexpr std::size_t kLongest = 64U << 20;  // many times the size of the stored entries
@@ -27,15 +29,20 @@ u32 checkOf(const AlarmRecord& event) {
   return mpeg::crc32(std::span<const u8>(base::bytesOf(event)).subspan(sizeof event.check));
 }
 
+// Whether an entry with a right check can be used: of a kind that is known, and with the end of each text.
+bool isUsable(const AlarmRecord& event) {
+  const alarm_t& alarm = event.alarm;
+  const auto ends = [](const auto& text) { return std::ranges::count(text, '\0') > 0; };
+  return event.kind <= Kind::kEndedWhileOff && ends(alarm.StrZhTitle) && ends(alarm.StrZhCont) &&
+         ends(alarm.StrEnTitle) && ends(alarm.StrEnCont) && ends(alarm.StrZhTrap) && ends(alarm.StrEnTrap);
+}
+
 void put(base::Bytes& bytes, AlarmRecord event) {
   event.check = checkOf(event);
   base::append(bytes, base::bytesOf(event));
 }
 
 // ---- The list ----
-
-using Kind = protocol::AlarmEvent::Kind;
-using chassis::alarm_t;
 
 // Cut to the field where it is too long, but never within a Chinese character.
 template <std::size_t N>
@@ -145,7 +152,7 @@ std::deque<AlarmRecord> AlarmFile::load() {
     std::memcpy(&event, rest.data(), sizeof event);
     ++entries_;
     const std::uint64_t last = events.empty() ? 0 : events.back().number;
-    if (event.check == checkOf(event) && event.number > last) events.push_back(event);
+    if (event.check == checkOf(event) && event.number > last && isUsable(event)) events.push_back(event);
   }
   if (const std::size_t lost = entries_ - events.size(); lost > 0) {
     wrong = fmt::format("the alarms' history {} is damaged: {} of {} entries are lost", file.string(), lost,

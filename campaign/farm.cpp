@@ -45,7 +45,8 @@ int statusOf(pid_t child) {
 }
 
 void enter(const fs::path& folder) {
-  if (::chdir(folder.c_str()) != 0) headend::fail("cannot enter {}: {}", folder.string(), std::strerror(errno));
+  if (::chdir(folder.c_str()) != 0)
+    headend::fail("cannot enter {}: {}", folder.string(), std::strerror(errno));
 }
 void limitCpu() {
   const rlimit limit{.rlim_cur = kCpuLimit_s, .rlim_max = kCpuLimit_s};
@@ -60,7 +61,8 @@ Json readResult(const fs::path& file) {
 
 }  // namespace
 
-// A process with a prepared chassis. It forks a history at each line that it reads, and answers with its status.
+// A process with a prepared chassis. It forks a history at each line that it reads, and answers with its
+// status.
 struct Worker::Parent {
   pid_t process = -1;
   int requests = -1;
@@ -109,7 +111,8 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
   parent->process = forked([&] {
     ::close(requests[1]);
     ::close(answers[0]);
-    for (const auto& [name, other] : parents_) ::close(other->requests);  // or its process would not see the end
+    for (const auto& [name, other] : parents_)
+      ::close(other->requests);  // or its process would not see the end
     enter(folder);
     Machine machine(preparation, preparation.slots, Machine::Traces::kNone);
     machine.run(true, [&] {
@@ -169,7 +172,8 @@ Json Worker::run(const Task& task) {
   std::ofstream(folder_ / "history/task") << asked.dump();
   int status = 0;
   if (preparation.isRunning) {
-    if (::write(parent.requests, "g", 1) != 1 || ::read(parent.answers, &status, sizeof status) != sizeof status)
+    if (::write(parent.requests, "g", 1) != 1 ||
+        ::read(parent.answers, &status, sizeof status) != sizeof status)
       headend::fail("the process of the preparation '{}' has ended", preparation.name);
   } else {
     status = statusOf(forked([&] {
@@ -189,7 +193,8 @@ Json Worker::finished(const Task& task, int status) {
     result = {{"failures", Json::array()}, {"cut", ""}, {"written", Json::array()}};
     const std::string how = WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
                                                 : fmt::format("exit code {}", WEXITSTATUS(status));
-    result["failures"].push_back({{"invariant", "the program goes on"}, {"text", "the process ended with " + how}});
+    result["failures"].push_back(
+        {{"invariant", "the program goes on"}, {"text", "the process ended with " + how}});
   }
   Json whole = {{"seed", task.seed}, {"preparation", history.preparation->name}};
   std::map<std::string, u64> kinds;
@@ -247,8 +252,8 @@ Json Worker::replay(const Task& task) {
 void makeFiles(const fs::path& samples, const fs::path& folder) {
   fs::create_directories(folder);
   const auto read = [&](const char* name) { return base::readFile(samples / name, 64 << 20); };
-  for (const char* name : {"psi-small.ts", "psi-full.ts", "psi-many.ts", "two-programmes.ts",
-                           "four-programmes-cbr.ts"})
+  for (const char* name :
+       {"psi-small.ts", "psi-full.ts", "psi-many.ts", "two-programmes.ts", "four-programmes-cbr.ts"})
     std::ofstream(folder / name, std::ios::binary) << read(name);
   // Bytes are missing, inserted and changed, so that sync is lost.
   std::string damaged = read("four-programmes-cbr.ts");
@@ -259,13 +264,14 @@ void makeFiles(const fs::path& samples, const fs::path& folder) {
   }
   std::ofstream(folder / "damaged.ts", std::ios::binary) << damaged;
   // Two streams of different bit rates, one after the other.
-  std::ofstream(folder / "rates.ts", std::ios::binary) << read("four-programmes-cbr.ts").substr(0, 940'000)
-                                                       << read("two-programmes.ts");
+  std::ofstream(folder / "rates.ts", std::ios::binary)
+      << read("four-programmes-cbr.ts").substr(0, 940'000) << read("two-programmes.ts");
   std::ofstream map(folder / "map.csv");
   std::ofstream full(folder / "map-full.csv");
   for (std::ofstream* each : {&map, &full}) {
     *each << "src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n";
-    for (int i = 0; i < (each == &map ? 12 : 256); ++i) *each << fmt::format("6,1,{},1,{},1,0\n", 256 + i, 512 + i);
+    for (int i = 0; i < (each == &map ? 12 : 256); ++i)
+      *each << fmt::format("6,1,{},1,{},1,0\n", 256 + i, 512 + i);
   }
 }
 
@@ -278,12 +284,14 @@ std::vector<std::size_t> shrink(Worker& worker, u64 seed, const std::string& inv
   std::iota(left.begin(), left.end(), 0);
   const auto fails = [&](const std::vector<std::size_t>& chosen) {
     const Json result = worker.run({.seed = seed, .steps = chosen});
-    return std::ranges::any_of(result["failures"], [&](const Json& each) { return each["invariant"] == invariant; });
+    return std::ranges::any_of(result["failures"],
+                               [&](const Json& each) { return each["invariant"] == invariant; });
   };
   for (std::size_t part = std::max<std::size_t>(1, left.size() / 2); part > 0; part /= 2) {
     for (std::size_t at = 0; at < left.size();) {
       std::vector<std::size_t> rest(left.begin(), left.begin() + static_cast<std::ptrdiff_t>(at));
-      rest.insert(rest.end(), left.begin() + static_cast<std::ptrdiff_t>(std::min(left.size(), at + part)), left.end());
+      rest.insert(rest.end(), left.begin() + static_cast<std::ptrdiff_t>(std::min(left.size(), at + part)),
+                  left.end());
       if (fails(rest)) {
         left = rest;
         progress(left.size());

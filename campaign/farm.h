@@ -1,5 +1,5 @@
-// Many histories: worker processes, each with prepared parents from which histories fork, and a fresh process for
-// each start after a history.
+// Many histories: worker processes, each with prepared parents from which histories fork, and a fresh process
+// for each start after a history.
 #pragma once
 
 #include <atomic>
@@ -24,10 +24,12 @@ struct Task {
 class Worker {
  public:
   // `files` has the samples and what makeFiles has added; `only`: no other preparation.
-  Worker(std::filesystem::path folder, std::filesystem::path files, const Preparation* only, const Plant* plant);
+  Worker(std::filesystem::path folder, std::filesystem::path files, const Preparation* only,
+         const Plant* plant);
   ~Worker();
 
-  // The result: {"seed", "preparation", "steps", "failures", ...}; the failures of the start that followed among them.
+  // The result: {"seed", "preparation", "steps", "failures", ...}; the failures of the start that followed
+  // among them.
   nlohmann::ordered_json run(const Task& task);
   // The same with a log, a trace, a report and the outputs in the folder: `history` and `start` below it.
   nlohmann::ordered_json replay(const Task& task);

@@ -1,8 +1,10 @@
 // The fault model: what can break in a history, how often, from when to when.
 //
 //   Fault                      In a history                 Begins                     Ends
-//   a part of a card           1 to 4, each of the list of  at any time of the first   after 1 to 400 ms; a lost
-//                              `headend --fault help`       two thirds                 configuration does not end
+//   a part of a card           1 to 4, each of the list of  at any time of the first   after 1 to 400 ms; a
+//   lost
+//                              `headend --fault help`       two thirds                 configuration does not
+//                              end
 //   an input                   0 to 2 losses                the same                   after 1 to 900 ms
 //   a sensor's temperature     0 or 1, -20 to 90 degrees    the same                   after 0.2 to 1.2 s
 //   the flash                  0 to 2: no space, read-only, at operation 0 to 11 from  after 1 to 900 ms
@@ -15,14 +17,16 @@
 //   a flood                    0 to 2: 20 to 1500 requests  at any time                -
 //                              or garbage to a socket
 //   the time of day            0 or 1 jump, a day each way  at any time                -
-//   the power                  half of the histories, once  at a time, an operation of the power returns, and the
+//   the power                  half of the histories, once  at a time, an operation of the power returns, and
+//   the
 //                                                           the flash (before, midway  cards whose flash was
 //                                                           or after), an edge of the  written start again
 //                                                           DAC's and EEPROM's lines,
 //                                                           or a call of the kernel
 //
-// Beside the faults, 4 to 14 commands of operators, at the same time on all channels. A history has at least five
-// faults and lasts 2 to 3 virtual seconds; one that begins with the power-up lasts longer, as the start takes time.
+// Beside the faults, 4 to 14 commands of operators, at the same time on all channels. A history has at least
+// five faults and lasts 2 to 3 virtual seconds; one that begins with the power-up lasts longer, as the start
+// takes time.
 #include "campaign/history.h"
 
 #include <fmt/format.h>
@@ -107,7 +111,8 @@ constexpr const char* kCommands[] = {
 constexpr const char* kTables[] = {"PAT", "PMT", "SDT_C", "SDT_O", "NIT_C", "NIT_O", "BAT", "CAT"};
 constexpr const char* kFlashFaults[] = {"no space", "read-only", "short read", "rename fails", "write fails"};
 constexpr const char* kUploads[] = {"tables left", "map left", "tables damaged", "store overfull"};
-constexpr const char* kFloods[] = {"management", "management garbage", "calibration", "calibration garbage", "snmp"};
+constexpr const char* kFloods[] = {"management", "management garbage", "calibration", "calibration garbage",
+                                   "snmp"};
 constexpr const char* kCuts[] = {"time", "flash", "flash midway", "edge", "call"};
 
 class Author {
@@ -143,7 +148,8 @@ class Author {
   std::int64_t slots() const { return static_cast<std::int64_t>(history_.preparation->slots.size()); }
   int slot() { return draw_.of(history_.preparation->slots); }
   bool hasInputs() const { return !history_.preparation->inputs.empty(); }
-  // Of a fault. Half of those of a power-up are there during the start, some of them from its first instant on.
+  // Of a fault. Half of those of a power-up are there during the start, some of them from its first instant
+  // on.
   Nanos time() {
     const bool isStart = start_ > 0 && draw_.oneIn(2);
     if (isStart && draw_.oneIn(3)) return 0;
@@ -151,21 +157,25 @@ class Author {
   }
 
   Step& add(Kind kind, const std::string& what, Nanos shortest_ms = 0, Nanos longest_ms = 0) {
-    Step step{.kind = kind, .at = time(), .what = what, .slot = slot(), .port = static_cast<int>(draw_.from(0, 1))};
+    Step step{
+        .kind = kind, .at = time(), .what = what, .slot = slot(), .port = static_cast<int>(draw_.from(0, 1))};
     step.until = step.at + draw_.from(shortest_ms * 1000, longest_ms * 1000) * kMicrosecond;
     return history_.steps.emplace_back(step);
   }
 
   void command() {
     std::string text = draw_.of(kCommands);
-    if (!hasInputs() && (text.starts_with("programme add") || text.starts_with("pidmap load"))) text = "psi load {c} files/psi-small.ts";
+    if (!hasInputs() && (text.starts_with("programme add") || text.starts_with("pidmap load")))
+      text = "psi load {c} files/psi-small.ts";
     Step& step = add(Kind::kCommand, "");
     const auto inputs = static_cast<std::int64_t>(history_.preparation->inputs.size());
-    step.what = fmt::format(fmt::runtime(text), fmt::arg("s", step.slot + 1),
-                            fmt::arg("c", fmt::format("{}.{}", step.slot + 1, step.port + 1)),
-                            fmt::arg("i", fmt::format("6.{}", draw_.from(1, std::max<std::int64_t>(1, inputs)))),
-                            fmt::arg("t", draw_.of(kTables)), fmt::arg("n", draw_.from(0, 9)));
-    step.at = start_ * (draw_.oneIn(4) ? 0 : 1) + draw_.from(0, (history_.length - start_) * 3 / 4 / kMicrosecond) * kMicrosecond;
+    step.what =
+        fmt::format(fmt::runtime(text), fmt::arg("s", step.slot + 1),
+                    fmt::arg("c", fmt::format("{}.{}", step.slot + 1, step.port + 1)),
+                    fmt::arg("i", fmt::format("6.{}", draw_.from(1, std::max<std::int64_t>(1, inputs)))),
+                    fmt::arg("t", draw_.of(kTables)), fmt::arg("n", draw_.from(0, 9)));
+    step.at = start_ * (draw_.oneIn(4) ? 0 : 1) +
+              draw_.from(0, (history_.length - start_) * 3 / 4 / kMicrosecond) * kMicrosecond;
   }
 
   // Half of them while an operator sets the same card: the agent takes a request at a tick.
@@ -174,7 +184,8 @@ class Author {
     step.number = draw_.from(0, static_cast<std::int64_t>(std::size(kMibRows)) - 1);
     const Step asked = step;
     if (draw_.oneIn(2)) return;
-    Step& other = add(Kind::kCommand, fmt::format("var set {} rfreq {}", asked.slot + 1, draw_.from(474, 850) * 1000));
+    Step& other =
+        add(Kind::kCommand, fmt::format("var set {} rfreq {}", asked.slot + 1, draw_.from(474, 850) * 1000));
     other.slot = asked.slot;
     other.at = (asked.at / kTick + 1) * kTick + draw_.from(0, 2000) * kMicrosecond;
   }
@@ -192,7 +203,8 @@ class Author {
       case 0:
         if (!hasInputs()) return partFault();
         add(Kind::kFault,
-            fmt::format("6.{}.{}", draw_.from(1, static_cast<std::int64_t>(history_.preparation->inputs.size())),
+            fmt::format("6.{}.{}",
+                        draw_.from(1, static_cast<std::int64_t>(history_.preparation->inputs.size())),
                         headend::kInputLost),
             1, 900);
         return;
@@ -236,7 +248,11 @@ class Author {
 
 const std::vector<Preparation>& preparations() {
   static const std::vector<Preparation> all = {
-      {.name = "power-up", .slots = {0}, .commands = {"psi load 1.1 files/psi-small.ts"}, .isRunning = false, .share = 12},
+      {.name = "power-up",
+       .slots = {0},
+       .commands = {"psi load 1.1 files/psi-small.ts"},
+       .isRunning = false,
+       .share = 12},
       {.name = "power-up of two",
        .slots = {1, 4},
        .inputs = {"four-programmes-cbr.ts"},
@@ -252,7 +268,8 @@ const std::vector<Preparation>& preparations() {
       {.name = "programmes",
        .slots = {0},
        .inputs = {"four-programmes-cbr.ts", "damaged.ts", "rates.ts"},
-       .commands = {"programme add 1.1 --from 6.1 --service One", "programme add 1.1 --from 6.1 --service Two",
+       .commands = {"programme add 1.1 --from 6.1 --service One",
+                    "programme add 1.1 --from 6.1 --service Two",
                     "programme add 1.2 --from 6.2 --service One"},
        .share = 25},
       {.name = "two cards",
@@ -263,8 +280,9 @@ const std::vector<Preparation>& preparations() {
        .share = 15},
       {.name = "six cards",
        .slots = {0, 1, 2, 3, 4, 5},
-       .commands = {"psi load 1.1 files/psi-full.ts", "psi load 2.1 files/psi-small.ts", "psi load 3.2 files/psi-full.ts",
-                    "psi load 4.1 files/two-programmes.ts", "psi load 5.1 files/psi-small.ts", "psi load 6.2 files/psi-many.ts"},
+       .commands = {"psi load 1.1 files/psi-full.ts", "psi load 2.1 files/psi-small.ts",
+                    "psi load 3.2 files/psi-full.ts", "psi load 4.1 files/two-programmes.ts",
+                    "psi load 5.1 files/psi-small.ts", "psi load 6.2 files/psi-many.ts"},
        .share = 5},
   };
   return all;
@@ -290,7 +308,8 @@ const char* nameOf(Kind kind) {
 }
 
 std::string describe(const Step& step) {
-  std::string text = fmt::format("{:8.6f} s  {} {}", static_cast<double>(step.at) / 1e9, nameOf(step.kind), step.what);
+  std::string text =
+      fmt::format("{:8.6f} s  {} {}", static_cast<double>(step.at) / 1e9, nameOf(step.kind), step.what);
   if (step.kind == Kind::kPowerCut || step.kind == Kind::kUpload || step.kind == Kind::kTemperature)
     text += fmt::format(" (slot {}, channel {})", step.slot + 1, step.port + 1);
   if (step.number != 0) text += fmt::format(" {}", step.number);

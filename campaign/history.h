@@ -16,8 +16,8 @@ using headend::kSecond;
 using headend::Nanos;
 inline constexpr Nanos kMillisecond = kSecond / 1000;
 
-// A chassis before a history begins: its cards, the streams on the inputs of the source card in slot 6, and the
-// commands that have filled its flash.
+// A chassis before a history begins: its cards, the streams on the inputs of the source card in slot 6, and
+// the commands that have filled its flash.
 struct Preparation {
   std::string name;
   std::vector<int> slots;

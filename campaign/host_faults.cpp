@@ -54,8 +54,8 @@ void FlashFaults::cutAt(u64 operation, bool midway, std::function<void()> cut) {
 }
 
 bool FlashFaults::fails(std::string_view name) {
-  const bool present =
-      std::ranges::any_of(faults_, [&](const Fault& each) { return each.name == name && operation_ > each.from; });
+  const bool present = std::ranges::any_of(
+      faults_, [&](const Fault& each) { return each.name == name && operation_ > each.from; });
   injected_ += present ? 1 : 0;
   return present;
 }

@@ -1,5 +1,6 @@
-// Faults of the flash: the program's calls of the system for files in the folder `flash` pass through here (linked
-// with --wrap), and fail, or come to an instant at which the power is cut. Nothing of the headend knows of it.
+// Faults of the flash: the program's calls of the system for files in the folder `flash` pass through here
+// (linked with --wrap), and fail, or come to an instant at which the power is cut. Nothing of the headend
+// knows of it.
 #pragma once
 
 #include <functional>
@@ -15,7 +16,8 @@ class FlashFaults {
   // From the operation `after` from now on, 0 is the next, until `end`. Names as in the history.
   void begin(const std::string& name, u64 after);
   void end(const std::string& name);
-  // Calls `cut` before the operation of this number from now on, 1 is the next; or in it, with half of a write done.
+  // Calls `cut` before the operation of this number from now on, 1 is the next; or in it, with half of a
+  // write done.
   void cutAt(u64 operation, bool midway, std::function<void()> cut);
   void endAll();
 

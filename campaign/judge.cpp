@@ -47,22 +47,27 @@ u64 hashOfPacket(std::span<const u8> packet) {
 // Those that the card sends: the store ends at the first free entry.
 std::span<const outPsiPkt_t> storeOf(const QamCardPara& record, int port) {
   const auto& store = record.psiPkt[port];
-  const auto* end =
-      std::ranges::find_if(store, [](const auto& each) { return each.pid >= kNullPid || each.psiType >= PSINUM; });
+  const auto* end = std::ranges::find_if(
+      store, [](const auto& each) { return each.pid >= kNullPid || each.psiType >= PSINUM; });
   return {std::begin(store), end};
 }
 
-std::string recordFile(int slot) { return fmt::format("flash/para/card{}.dat", slot + 1); }
+std::string recordFile(int slot) {
+  return fmt::format("flash/para/card{}.dat", slot + 1);
+}
 
 }  // namespace
 
-Judge* judge() { return current; }
+Judge* judge() {
+  return current;
+}
 
 // ---- What an output sends ----
 
 // The packets of one output, in order. Between two of them on a PID, the continuity counter increases by one;
-// the sections are whole, but for one that an upload cuts. A store may itself hold parts of sections: the record
-// was saved while a client had locked the channel, or a client uploaded them. Then the card sends just these packets.
+// the sections are whole, but for one that an upload cuts. A store may itself hold parts of sections: the
+// record was saved while a client had locked the channel, or a client uploaded them. Then the card sends just
+// these packets.
 class Judge::Channel final : public headend::PacketSink {
  public:
   Channel(Judge& judge, int slot, int port, headend::PacketSink* next)
@@ -111,12 +116,13 @@ class Judge::Channel final : public headend::PacketSink {
       if (!areWhole(packets)) partial_.set(place.first);
     }
     for (const auto& [pid, all] : types) {
-      const bool shared = std::ranges::all_of(all, [pid = pid](u8 type) { return kPsiTables[type].pid == pid; });
+      const bool shared =
+          std::ranges::all_of(all, [pid = pid](u8 type) { return kPsiTables[type].pid == pid; });
       if (all.size() > 1 && !shared) partial_.set(pid);
     }
   }
 
-  std::size_t nodes = 0;  // of the send lists
+  std::size_t nodes = 0;    // of the send lists
   bool isRaw = false;       // a client has written without the lock
   bool mapChanges = false;  // from the end of its lock until the router has it
 
@@ -149,7 +155,8 @@ class Judge::Channel final : public headend::PacketSink {
 
   void wrong(std::span<const u8> packet, const char* what) {
     // An index that waited in the queue while the store was erased; without that the queue is empty then.
-    const bool isErased = std::ranges::count(packet, u8{0xFF}) >= static_cast<std::ptrdiff_t>(packet.size()) - 1;
+    const bool isErased =
+        std::ranges::count(packet, u8{0xFF}) >= static_cast<std::ptrdiff_t>(packet.size()) - 1;
     if (judge_.isExplained("packets of channels") || (isErased && judge_.isExplained("late packets"))) return;
     judge_.failed("packets are whole", fmt::format("{}: a packet with {}: {:02x}", where(), what,
                                                    fmt::join(packet.first(12), " ")));
@@ -178,10 +185,12 @@ class Judge::Channel final : public headend::PacketSink {
     state.sections.emplace(
         [this, bad](std::span<const u8> section) {
           ++sections_;
-          if (mpeg::crc32(section) != 0) bad(fmt::format("a section of table {:#x} with a wrong CRC", section[0]));
+          if (mpeg::crc32(section) != 0)
+            bad(fmt::format("a section of table {:#x} with a wrong CRC", section[0]));
         },
         [this, bad](mpeg::Loss loss, std::optional<u8> table) {
-          bad(fmt::format("a section of table {:#x} is lost ({})", table.value_or(0xFF), static_cast<int>(loss)));
+          bad(fmt::format("a section of table {:#x} is lost ({})", table.value_or(0xFF),
+                          static_cast<int>(loss)));
         });
   }
 
@@ -207,10 +216,12 @@ class Judge::Channel final : public headend::PacketSink {
     const bool known = state.continuity && state.routes == routes_ && state.dropped == dropped;
     const auto expected = (state.continuity.value_or(0) + (mpeg::hasPayload(packet) ? 1 : 0)) & 0xF;
     const bool repeats = std::ranges::equal(packet, state.last);
-    if (known && mpeg::continuityOf(packet) != expected && !repeats && !mpeg::announcesDiscontinuity(packet) &&
-        !judge_.isExplained("routed packets") && isClean(mpeg::pidOf(packet)))
-      judge_.failed("continuity", fmt::format("{}, routed PID {:#x}: {} follows {}", where(), mpeg::pidOf(packet),
-                                              mpeg::continuityOf(packet), *state.continuity));
+    if (known && mpeg::continuityOf(packet) != expected && !repeats &&
+        !mpeg::announcesDiscontinuity(packet) && !judge_.isExplained("routed packets") &&
+        isClean(mpeg::pidOf(packet)))
+      judge_.failed("continuity",
+                    fmt::format("{}, routed PID {:#x}: {} follows {}", where(), mpeg::pidOf(packet),
+                                mpeg::continuityOf(packet), *state.continuity));
     state.continuity = mpeg::continuityOf(packet);
     state.routes = routes_;
     state.dropped = dropped;
@@ -254,11 +265,14 @@ Judge::Judge(headend::Headend& headend) : headend_(headend) {
   };
 }
 
-Judge::~Judge() { current = nullptr; }
+Judge::~Judge() {
+  current = nullptr;
+}
 
 void Judge::begin(const History& history) {
   for (const Step& step : history.steps) {
-    const std::string part = step.what.substr(step.what.find('.') + 1, step.what.find('-') - step.what.find('.') - 1);
+    const std::string part =
+        step.what.substr(step.what.find('.') + 1, step.what.find('-') - step.what.find('.') - 1);
     switch (step.kind) {
       case Step::Kind::kFault:
         if (step.what.ends_with(headend::kInputLost)) {
@@ -288,13 +302,13 @@ void Judge::begin(const History& history) {
     cards_[static_cast<std::size_t>(slot)].kept =
         content.empty() ? std::nullopt : std::optional(hashOf(bytesOf(content)));
   }
-  if (history.preparation->isRunning && !history.steps.empty()) heap_ = heapBesideLists();
+  if (history.preparation->isRunning && history.length > 0) heap_ = heapBesideLists();
 }
 
 void Judge::failed(const std::string& invariant, const std::string& text) {
   if (failures_.size() < 10)
-    failures_.push_back({invariant, fmt::format("at {:.6f} s: {}", static_cast<double>(headend_.kernel.now()) / 1e9,
-                                                text)});
+    failures_.push_back(
+        {invariant, fmt::format("at {:.6f} s: {}", static_cast<double>(headend_.kernel.now()) / 1e9, text)});
 }
 
 const QamCardPara* Judge::record(int slot) const {
@@ -308,17 +322,23 @@ bool Judge::isExplained(std::string_view text) const {
 
 void Judge::alarm(u8 slot, u8 port, u16 type, std::string_view text, bool isRaised) {
   const std::size_t digit = text.find("h.");  // "Ch.1 Error", "qam card 1 ch.1 input OK!"
-  const std::tuple<int, int, int, char> key{slot, port, type, digit < text.size() - 2 ? text[digit + 2] : '0'};
+  const std::tuple<int, int, int, char> key{slot, port, type,
+                                            digit < text.size() - 2 ? text[digit + 2] : '0'};
   ++checks_["alarms"];
   const bool inTurn = isRaised ? alarms_.insert(key).second : alarms_.erase(key) == 1;
   if (!inTurn)
     failed("alarms are raised and cleared in turn",
-           fmt::format("type {} of {}.{}, {}: {}", type, slot + 1, port + 1, isRaised ? "raised again" : "not raised", text));
+           fmt::format("type {} of {}.{}, {}: {}", type, slot + 1, port + 1,
+                       isRaised ? "raised again" : "not raised", text));
 }
 
-void Judge::unlocksMap(u8 slot, u8 port, bool begins) { channel(slot, port)->mapChanges = begins; }
+void Judge::unlocksMap(u8 slot, u8 port, bool begins) {
+  channel(slot, port)->mapChanges = begins;
+}
 
-void Judge::tablesChange(u8 slot, u8 port) { channel(slot, port)->tablesChange(); }
+void Judge::tablesChange(u8 slot, u8 port) {
+  channel(slot, port)->tablesChange();
+}
 
 void Judge::routed(u8 slot, u8 port) {
   if (Channel* each = channel(slot, port)) each->routed();
@@ -328,7 +348,8 @@ void Judge::stores(const QamCardPara* ptr, u8 port, const set_psi_pkt& chunk) {
   const u8* packet = reinterpret_cast<const u8*>(&chunk) + offsetof(set_psi_pkt, psi_pkt);
   for (const int slot : headend_.options.slots) {
     if (record(slot) != ptr) continue;
-    for (int i = 0; i < chunk.this_num; ++i, packet += kTsPacketSize) channel(slot, port)->uploaded({packet, kTsPacketSize});
+    for (int i = 0; i < chunk.this_num; ++i, packet += kTsPacketSize)
+      channel(slot, port)->uploaded({packet, kTsPacketSize});
   }
 }
 
@@ -359,7 +380,9 @@ void Judge::rebuilt(u8 slot, u8 port) {
   }
 }
 
-void Judge::uploadsRaw(int slot, int port) { channel(slot, port)->isRaw = true; }
+void Judge::uploadsRaw(int slot, int port) {
+  channel(slot, port)->isRaw = true;
+}
 
 // A record goes to its file as it is in memory at one instant, or as it was when an earlier save failed.
 void Judge::wrote(std::string_view file, std::string_view content) {
@@ -370,11 +393,13 @@ void Judge::wrote(std::string_view file, std::string_view content) {
     const auto bytes = bytesOf(content);
     const bool isWhole =
         bytes.size() == sizeof *para &&
-        ((para != nullptr && std::ranges::equal(bytes, std::span(reinterpret_cast<const u8*>(para), sizeof *para))) ||
+        ((para != nullptr &&
+          std::ranges::equal(bytes, std::span(reinterpret_cast<const u8*>(para), sizeof *para))) ||
          std::ranges::equal(bytes, unsaved));
     ++checks_["records written"];
-    if (!isWhole) failed("the record is whole", fmt::format("slot {}: {} bytes that were never in memory together",
-                                                            slot + 1, bytes.size()));
+    if (!isWhole)
+      failed("the record is whole",
+             fmt::format("slot {}: {} bytes that were never in memory together", slot + 1, bytes.size()));
     cards_[static_cast<std::size_t>(slot)].pending = hashOf(bytes);
     noteWritten(slot);
   }
@@ -394,7 +419,8 @@ void Judge::examine(bool isQuiet) {
   }
   for (const auto& check : headend_.observation.failedChecks()) {
     // Registration compares a slot with the number of channels.
-    if (!isWild_ && check.text != "slotNo<MAX_QAM_OUT_NUM") failed("no failed check", check.unit + ": " + check.text);
+    if (!isWild_ && check.text != "slotNo<MAX_QAM_OUT_NUM")
+      failed("no failed check", check.unit + ": " + check.text);
   }
   if (!headend_.kernel.fatalError().empty()) failed("no forbidden call", headend_.kernel.fatalError());
   if (!isQuiet) return;
@@ -411,14 +437,14 @@ void Judge::examineFile(int slot, bool isQuiet) {
   std::string content(std::istreambuf_iterator<char>(file), {});
   ++checks_["record files"];
   if (hashOf(bytesOf(content)) != *card.kept) {
-    failed("the record is old or new", fmt::format("the file of slot {} has {} bytes that are neither", slot + 1,
-                                                   content.size()));
+    failed("the record is old or new",
+           fmt::format("the file of slot {} has {} bytes that are neither", slot + 1, content.size()));
     return;
   }
   const QamCardPara* para = record(slot);
   if (!isQuiet || para == nullptr || content.size() != sizeof *para || !headend_.runs(slot)) return;
-  // What is saved when all is quiet: all but a part that a client still changes, and the alarms' state, which only
-  // goes with another change.
+  // What is saved when all is quiet: all but a part that a client still changes, and the alarms' state, which
+  // only goes with another change.
   auto& saved = *reinterpret_cast<QamCardPara*>(content.data());
   saved.qam_para.status = para->qam_para.status;
   for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
@@ -436,8 +462,9 @@ void Judge::examineFile(int slot, bool isQuiet) {
   const auto* b = reinterpret_cast<const u8*>(&saved);
   const auto* end = a + sizeof *para;
   if (const auto [at, other] = std::mismatch(a, end, b); at != end)
-    failed("the record is saved", fmt::format("slot {}: the file differs from memory at byte {}: {:#x}, not {:#x}",
-                                              slot + 1, at - a, *other, *at));
+    failed("the record is saved",
+           fmt::format("slot {}: the file differs from memory at byte {}: {:#x}, not {:#x}", slot + 1, at - a,
+                       *other, *at));
 }
 
 void Judge::examineRouter(int slot, int port) {
@@ -452,7 +479,8 @@ void Judge::examineRouter(int slot, int port) {
                                                                            entry.src_pid, entry.dst_pid)
                                                     : chassis::kUnusedPosition;
     if (headend_.router.position(slot, port, i) == expected) continue;
-    failed("the router has the record's map", fmt::format("channel {}.{}, position {}", slot + 1, port + 1, i));
+    failed("the router has the record's map",
+           fmt::format("channel {}.{}, position {}", slot + 1, port + 1, i));
     return;
   }
 }
@@ -460,17 +488,20 @@ void Judge::examineRouter(int slot, int port) {
 void Judge::examineTasks() {
   ++checks_["tasks"];
   for (const auto& parked : headend_.observation.parkedTasks()) {
-    if (parked.still && !isExplained("tasks")) failed("nobody waits forever", parked.task + " polls " + parked.reg);
+    if (parked.still && !isExplained("tasks"))
+      failed("nobody waits forever", parked.task + " polls " + parked.reg);
   }
   for (const auto& job : headend_.automaticOperator.jobs()) {
     if (!job.ended && !isExplained("tasks")) failed("nobody waits forever", "the command " + job.text);
   }
   if (semQamVar != nullptr && !semQamVar->available && !isExplained("tasks"))
-    failed("nobody waits forever", "semQamVar is held by " +
-                                       (semQamVar->owner != nullptr ? semQamVar->owner->name : std::string("nobody")));
+    failed("nobody waits forever",
+           "semQamVar is held by " +
+               (semQamVar->owner != nullptr ? semQamVar->owner->name : std::string("nobody")));
   for (const int slot : headend_.options.slots) {
     if (!headend_.runs(slot) && !isExplained("tasks"))
-      failed("the card runs", fmt::format("slot {}: {}", slot + 1, protocol::nameOf(headend_.state(slot)).words.english));
+      failed("the card runs",
+             fmt::format("slot {}: {}", slot + 1, protocol::nameOf(headend_.state(slot)).words.english));
   }
 }
 
@@ -488,9 +519,10 @@ extern "C" {
 
 using campaign::judge;
 
-void __real_AddAnAlarm(u8, u8, u16, const char*, const char*, const char*, const char*, const char*, const char*);
-void __wrap_AddAnAlarm(u8 slot, u8 port, u16 type, const char* zhTitle, const char* zhContent, const char* enTitle,
-                       const char* enContent, const char* zhTrap, const char* enTrap) {
+void __real_AddAnAlarm(u8, u8, u16, const char*, const char*, const char*, const char*, const char*,
+                       const char*);
+void __wrap_AddAnAlarm(u8 slot, u8 port, u16 type, const char* zhTitle, const char* zhContent,
+                       const char* enTitle, const char* enContent, const char* zhTrap, const char* enTrap) {
   if (judge() != nullptr) judge()->alarm(slot, port, type, enContent, true);
   __real_AddAnAlarm(slot, port, type, zhTitle, zhContent, enTitle, enContent, zhTrap, enTrap);
 }

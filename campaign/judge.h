@@ -1,5 +1,5 @@
-// What must hold in a history whatever fails, and at what it is seen: the packets on the air, the files of the flash,
-// the router, the alarm list, the heap, the tasks. One judge per process.
+// What must hold in a history whatever fails, and at what it is seen: the packets on the air, the files of
+// the flash, the router, the alarm list, the heap, the tasks. One judge per process.
 #pragma once
 
 #include <array>
@@ -43,7 +43,7 @@ class Judge {
   void stores(const QamCardPara* record, u8 port, const set_psi_pkt& chunk);
   void rebuilds(u8 slot);  // the send lists
   void rebuilt(u8 slot, u8 port);
-  void routed(u8 slot, u8 port);   // a position of the router's map
+  void routed(u8 slot, u8 port);        // a position of the router's map
   void uploadsRaw(int slot, int port);  // a client of the history, past the locks
 
  private:

@@ -35,13 +35,16 @@ headend::Options optionsOf(const Preparation& preparation, const std::vector<int
     options.trace = "trace.vcd";
     for (const int slot : slots) {
       for (u16 port = 0; port < MAX_QAM_OUT_NUM; ++port)
-        options.outputs[{.slot = static_cast<u16>(slot), .port = port}] = fmt::format("{}.{}.ts", slot + 1, port + 1);
+        options.outputs[{.slot = static_cast<u16>(slot), .port = port}] =
+            fmt::format("{}.{}.ts", slot + 1, port + 1);
     }
   }
-  for (const std::string& input : preparation.inputs) options.sources[5].push_back({"files/" + input, std::nullopt, std::nullopt});
+  for (const std::string& input : preparation.inputs)
+    options.sources[5].push_back({"files/" + input, std::nullopt, std::nullopt});
   options.snmp.listen = base::Address{"127.0.0.1", 0};
   options.snmp.writeCommunity = true;
-  options.jobs = {headend::jobOf(fmt::format("cal read {}", slots.front() + 1))};  // the calibration service starts
+  options.jobs = {
+      headend::jobOf(fmt::format("cal read {}", slots.front() + 1))};  // the calibration service starts
   return options;
 }
 
@@ -77,7 +80,8 @@ std::string objectId(const std::vector<u32>& id) {
   std::string content(1, static_cast<char>(id[0] * 40 + id[1]));
   for (std::size_t i = 2; i < id.size(); ++i) {
     std::string part(1, static_cast<char>(id[i] & 0x7F));
-    for (u32 rest = id[i] >> 7; rest != 0; rest >>= 7) part.insert(part.begin(), static_cast<char>((rest & 0x7F) | 0x80));
+    for (u32 rest = id[i] >> 7; rest != 0; rest >>= 7)
+      part.insert(part.begin(), static_cast<char>((rest & 0x7F) | 0x80));
     content += part;
   }
   return element(0x06, content);
@@ -89,7 +93,8 @@ std::string number(u32 value) {
 }
 std::string snmpMessage(u8 pdu, const std::vector<u32>& id, const std::string& value) {
   const std::string variables = element(0x30, element(0x30, objectId(id) + value));
-  return element(0x30, number(1) + element(0x04, "writers") + element(pdu, number(7) + number(0) + number(0) + variables));
+  return element(0x30, number(1) + element(0x04, "writers") +
+                           element(pdu, number(7) + number(0) + number(0) + variables));
 }
 
 std::function<void()>& kernelCall() {  // before each call of the kernel by the module
@@ -122,7 +127,8 @@ double cpuMilliseconds() {
 
 }  // namespace
 
-Machine::Machine(const Preparation& preparation, const std::vector<int>& slots, Traces traces, const History* history)
+Machine::Machine(const Preparation& preparation, const std::vector<int>& slots, Traces traces,
+                 const History* history)
     : preparation_(preparation), traces_(traces), hasCommands_(history != nullptr) {
   headend::Options options = optionsOf(preparation, slots, traces == Traces::kAll);
   if (history != nullptr) std::ranges::move(jobsOf(*history), std::back_inserter(options.jobs));
@@ -134,10 +140,13 @@ Machine::Machine(const Preparation& preparation, const std::vector<int>& slots, 
 void Machine::prepare() {
   run(true, [this] {
     std::vector<headend::Job> jobs;
-    for (const std::string& command : preparation_.commands) jobs.push_back(headend::jobOf(command, headend_->options.inputCounts()));
-    headend_->automaticOperator.start(std::move(jobs), preparation_.slots.front(), headend_->options.inputCounts());
+    for (const std::string& command : preparation_.commands)
+      jobs.push_back(headend::jobOf(command, headend_->options.inputCounts()));
+    headend_->automaticOperator.start(std::move(jobs), preparation_.slots.front(),
+                                      headend_->options.inputCounts());
     while (!isQuiet()) headend_->kernel.delay(1);
-    for (const std::string& complaint : headend_->automaticOperator.complaints()) judge_->failed("preparation", complaint);
+    for (const std::string& complaint : headend_->automaticOperator.complaints())
+      judge_->failed("preparation", complaint);
     for (const Failure& each : judge_->failures()) fmt::print(stderr, "{}: {}\n", each.invariant, each.text);
     headend_->kernel.stop();
   });
@@ -172,9 +181,11 @@ void Machine::play(const History& history, const Plant* plant) {
   judge_->begin(history);
   std::ranges::for_each(history.steps, [this](const Step& step) { schedule(step); });
   if (!hasCommands_)
-    headend_->automaticOperator.start(jobsOf(history), preparation_.slots.front(), headend_->options.inputCounts());
+    headend_->automaticOperator.start(jobsOf(history), preparation_.slots.front(),
+                                      headend_->options.inputCounts());
   const Nanos end = begin_ + history.length;
-  if (plant != nullptr) task(end - kSecond / 4, [this, plant] { plant->set(*headend_, preparation_.slots.front()); });
+  if (plant != nullptr)
+    task(end - kSecond / 4, [this, plant] { plant->set(*headend_, preparation_.slots.front()); });
   while (kernel.now() < end) {
     kernel.sleepUntil(std::min(end, kernel.now() + kSecond / 2));
     judge_->examine(false);
@@ -203,7 +214,8 @@ void Machine::playStart() {
 bool Machine::isQuiet() {
   const auto ended = [](const headend::Job& job) { return job.ended.has_value(); };
   return std::ranges::all_of(headend_->automaticOperator.jobs(), ended) &&
-         std::ranges::all_of(headend_->options.slots, [this](int slot) { return headend_->chassis.slot(slot).recordKept(); }) &&
+         std::ranges::all_of(headend_->options.slots,
+                             [this](int slot) { return headend_->chassis.slot(slot).recordKept(); }) &&
          semQamVar->available;
 }
 
@@ -221,7 +233,8 @@ std::vector<headend::Job> Machine::jobsOf(const History& history) const {
   if (!preparation_.inputs.empty()) inputs[5] = static_cast<u32>(preparation_.inputs.size());
   std::vector<headend::Job> jobs;
   for (const Step& step : history.steps) {
-    if (step.kind == Step::Kind::kCommand) jobs.emplace_back(headend::jobOf(step.what, inputs)).at = begin_ + step.at;
+    if (step.kind == Step::Kind::kCommand)
+      jobs.emplace_back(headend::jobOf(step.what, inputs)).at = begin_ + step.at;
   }
   return jobs;
 }
@@ -241,7 +254,10 @@ void Machine::schedule(const Step& step) {
                                    .until = step.until > step.at ? std::optional(until) : std::nullopt});
     case Step::Kind::kTemperature: {
       const auto measure = [this, step](double celsius) {
-        headend_->card(step.slot).board().sensor(step.what == "1" ? 1 : 2).temperature(celsius, headend_->kernel.now());
+        headend_->card(step.slot)
+            .board()
+            .sensor(step.what == "1" ? 1 : 2)
+            .temperature(celsius, headend_->kernel.now());
       };
       kernel.at(at, [measure, step] { measure(static_cast<double>(step.number)); });
       return kernel.at(until, [measure] { measure(40); });
@@ -264,9 +280,7 @@ void Machine::schedule(const Step& step) {
     case Step::Kind::kFlood:
       return task(at, [this, step] { flood(step); });
     case Step::Kind::kClock:
-      return kernel.at(at, [this, step] {
-        headend_->options.epoch += static_cast<u32>(step.number);
-      });
+      return kernel.at(at, [this, step] { headend_->options.epoch += static_cast<u32>(step.number); });
     case Step::Kind::kPowerCut:
       return kernel.at(at, [this, step] { planPowerCut(step); });
   }
@@ -294,8 +308,9 @@ void Machine::upload(const Step& step) {
   headend::UdpSocket socket(headend_->network, nextPort_++);
   u32 sequence = 0;
   const auto write = [&](u16 variable, protocol::Bytes data) {
-    protocol::Request request = protocol::makeRequest(protocol::Operation::kWrite, variable, static_cast<u16>(step.slot),
-                                                      static_cast<u32>(step.port), std::move(data));
+    protocol::Request request =
+        protocol::makeRequest(protocol::Operation::kWrite, variable, static_cast<u16>(step.slot),
+                              static_cast<u32>(step.port), std::move(data));
     request.sequence = ++sequence;
     socket.send({.address = 0, .port = protocol::kDefaultManagementPort}, protocol::encode(request));
     socket.receive(300);
@@ -322,7 +337,8 @@ void Machine::upload(const Step& step) {
   while (left > 0) {
     for (StoredPacket each : packetsOf("files/psi-full.ts")) {
       if (left-- <= 0) break;
-      if (step.what == "tables damaged" && draw(4) == 0) each.packet[draw(kTsPacketSize)] ^= static_cast<u8>(1U << draw(8));
+      if (step.what == "tables damaged" && draw(4) == 0)
+        each.packet[draw(kTsPacketSize)] ^= static_cast<u8>(1U << draw(8));
       write(protocol::kPsiPackets, protocol::encodePackets(each.pid, each.table, std::vector{each.packet}));
     }
   }
@@ -339,9 +355,9 @@ void Machine::flood(const Step& step) {
     } else {
       protocol::Bytes bytes;
       if (step.what == "management") {
-        protocol::Request request = protocol::makeRequest(protocol::Operation::kRead, protocol::kPsiInterval,
-                                                          static_cast<u16>(step.slot), static_cast<u32>(random() % 2),
-                                                          protocol::encodeIntervalRequest(static_cast<u8>(random() % 3)));
+        protocol::Request request = protocol::makeRequest(
+            protocol::Operation::kRead, protocol::kPsiInterval, static_cast<u16>(step.slot),
+            static_cast<u32>(random() % 2), protocol::encodeIntervalRequest(static_cast<u8>(random() % 3)));
         request.sequence = static_cast<u32>(i + 1);
         bytes = protocol::encode(request);
       } else {
@@ -349,8 +365,10 @@ void Machine::flood(const Step& step) {
         for (u8& byte : bytes) byte = static_cast<u8>(random());
         if (step.what == "calibration") bytes[0] = 1, bytes[1] = static_cast<u8>(step.slot);
       }
-      socket.send({.address = 0, .port = isCalibration ? client::kDefaultCalibrationPort : protocol::kDefaultManagementPort},
-                  bytes);
+      socket.send(
+          {.address = 0,
+           .port = isCalibration ? client::kDefaultCalibrationPort : protocol::kDefaultManagementPort},
+          bytes);
     }
     if (i % 16 == 15) headend_->kernel.delay(1);
     while (!socket.waiting().empty()) socket.receive(0);
@@ -364,7 +382,8 @@ void Machine::askSnmp(const Step& step) {
   id.insert(id.end(), std::begin(row.suffix), std::end(row.suffix));
   id.push_back(0);
   const bool sets = row.writable && !row.isText && step.kind == Step::Kind::kSnmp;
-  const std::string message = snmpMessage(sets ? 0xA3 : 0xA0, id, sets ? number(step.at % 2 == 0 ? 666'000 : 6) : element(0x05, ""));
+  const std::string message =
+      snmpMessage(sets ? 0xA3 : 0xA0, id, sets ? number(step.at % 2 == 0 ? 666'000 : 6) : element(0x05, ""));
   sockaddr_storage address{};
   socklen_t length = sizeof address;
   ::getsockname(headend_->snmp->fd(), reinterpret_cast<sockaddr*>(&address), &length);
@@ -389,7 +408,8 @@ void Machine::cutPower(const std::string& how) {
 void Machine::finish() {
   headend_->eepromFiles.save(headend_->kernel.now());
   nlohmann::ordered_json failures = nlohmann::ordered_json::array();
-  for (const Failure& each : judge_->failures()) failures.push_back({{"invariant", each.invariant}, {"text", each.text}});
+  for (const Failure& each : judge_->failures())
+    failures.push_back({{"invariant", each.invariant}, {"text", each.text}});
   std::vector<int> written;
   for (const int slot : headend_->options.slots) {
     if (judge_->isWritten(slot)) written.push_back(slot);
@@ -400,8 +420,8 @@ void Machine::finish() {
       {"written", written},
       {"virtual_ms", (headend_->kernel.now() - begin_) / kMillisecond},
       {"commands", headend_->automaticOperator.jobs().size()},
-      {"commands_refused",
-       std::ranges::count_if(headend_->automaticOperator.jobs(), [](const headend::Job& job) { return !job.error.empty(); })},
+      {"commands_refused", std::ranges::count_if(headend_->automaticOperator.jobs(),
+                                                 [](const headend::Job& job) { return !job.error.empty(); })},
       {"flash_failures", flashFaults().injected()},
       {"memory_failures", headend_->heap.failures()},
       {"checks", judge_->checks()},
@@ -431,7 +451,8 @@ CALL_OF_THE_KERNEL(int, taskLock, (), ())
 CALL_OF_THE_KERNEL(int, taskUnlock, (), ())
 CALL_OF_THE_KERNEL(int, semTake, (os::SEM_ID semaphore, int timeout), (semaphore, timeout))
 CALL_OF_THE_KERNEL(int, semGive, (os::SEM_ID semaphore), (semaphore))
-CALL_OF_THE_KERNEL(int, msgQSend, (os::MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int priority),
+CALL_OF_THE_KERNEL(int, msgQSend,
+                   (os::MSG_Q_ID queue, char* buffer, unsigned length, int timeout, int priority),
                    (queue, buffer, length, timeout, priority))
 CALL_OF_THE_KERNEL(int, msgQReceive, (os::MSG_Q_ID queue, char* buffer, unsigned most, int timeout),
                    (queue, buffer, most, timeout))

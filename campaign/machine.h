@@ -1,4 +1,5 @@
-// A chassis at which a history happens, in this process. Its folder holds `flash`, and `files` with the samples.
+// A chassis at which a history happens, in this process. Its folder holds `flash`, and `files` with the
+// samples.
 #pragma once
 
 #include <functional>
@@ -16,17 +17,18 @@ class Machine {
  public:
   enum class Traces { kNone, kAll };  // all: log, trace, report and outputs in the folder
 
-  // In the current folder. `slots`: of the preparation, or fewer. `history`: what begins with the power-up; its
-  // commands wait for their cards.
+  // In the current folder. `slots`: of the preparation, or fewer. `history`: what begins with the power-up;
+  // its commands wait for their cards.
   Machine(const Preparation& preparation, const std::vector<int>& slots, Traces traces,
           const History* history = nullptr);
 
   // Carries the preparation's commands out, until all is in the flash.
   void prepare();
-  // Lets time pass until all cards run and calls `ready`, in a task, at that moment; with the power-up: at once.
+  // Lets time pass until all cards run and calls `ready`, in a task, at that moment; with the power-up: at
+  // once.
   void run(bool waits, const std::function<void()>& ready);
-  // In `ready`: from now on the history happens. At its end, or when the power is cut, `result` is written and the
-  // process ends.
+  // In `ready`: from now on the history happens. At its end, or when the power is cut, `result` is written
+  // and the process ends.
   [[noreturn]] void play(const History& history, const Plant* plant);
   // The start after a power cut, or after a history that wrote: the cards must run. Ends as `play`.
   [[noreturn]] void playStart();

@@ -1,6 +1,6 @@
 // The program `headend-campaign`.
-#include <fmt/format.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -76,7 +76,8 @@ class Scratch {
 const Preparation* preparationOf(const std::string& name) {
   if (name.empty()) return nullptr;
   const auto found = std::ranges::find(preparations(), name, &Preparation::name);
-  if (found == preparations().end()) throw commands::WrongCall(fmt::format("there is no preparation '{}'", name));
+  if (found == preparations().end())
+    throw commands::WrongCall(fmt::format("there is no preparation '{}'", name));
   return &*found;
 }
 const Plant* plantOf(const std::string& name) {
@@ -93,9 +94,10 @@ std::vector<Json> readResults(const Options& options, const Json& head) {
   if (!std::getline(file, line)) return results;
   const Json found = Json::parse(line, nullptr, false);
   if (found != head)
-    headend::fail("{} is of another campaign ({}): give another file for --results, or the same version, seeds and "
-                  "preparation",
-                  options.results, line);
+    headend::fail(
+        "{} is of another campaign ({}): give another file for --results, or the same version, seeds and "
+        "preparation",
+        options.results, line);
   while (std::getline(file, line)) {
     Json result = Json::parse(line, nullptr, false);
     if (result.is_object()) results.push_back(std::move(result));  // the last line may be a part
@@ -103,12 +105,14 @@ std::vector<Json> readResults(const Options& options, const Json& head) {
   return results;
 }
 
-int work(const Options& options, const fs::path& folder, const fs::path& files, const std::vector<u64>& seeds, int fd) {
+int work(const Options& options, const fs::path& folder, const fs::path& files, const std::vector<u64>& seeds,
+         int fd) {
   Worker worker(folder, files, preparationOf(options.preparation), plantOf(options.plant));
   for (u64 i = board->next++; i < seeds.size() && !board->stops; i = board->next++) {
     const Json result = worker.run({.seed = seeds[i]});
     const std::string line = result.dump() + '\n';
-    if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) headend::fail("cannot write results");
+    if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+      headend::fail("cannot write results");
     ++board->done;
     if (!result["failures"].empty()) ++board->failed;
   }
@@ -123,8 +127,9 @@ void report(const Json& summary, const std::string& file) {
     base::writeOutput(file, {reinterpret_cast<const u8*>(text.data()), text.size()});
   }
   for (const Json& each : summary["failures"]) {
-    fmt::print(stderr, "seed {}: {}: {}\n  {}\n", each["seed"].get<u64>(), each["invariant"].get<std::string>(),
-               each["text"].get<std::string>(), each["replay"].get<std::string>());
+    fmt::print(stderr, "seed {}: {}: {}\n  {}\n", each["seed"].get<u64>(),
+               each["invariant"].get<std::string>(), each["text"].get<std::string>(),
+               each["replay"].get<std::string>());
   }
 }
 
@@ -182,7 +187,8 @@ int runCampaign(Options options) {
       }
       const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
       line.show(fmt::format("{} of {} histories, {} failed, {:.0f} an hour", done.size() + board->done,
-                            options.count, board->failed.load(), static_cast<double>(board->done) / seconds * 3600));
+                            options.count, board->failed.load(),
+                            static_cast<double>(board->done) / seconds * 3600));
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   }
@@ -195,7 +201,8 @@ int runCampaign(Options options) {
                                   static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
   summary["elapsed_seconds"] = seconds;
   if (!allWell || results.size() < options.count) {
-    fmt::print(stderr, "headend-campaign: ended after {} of {} histories; the same call with --results {} goes on\n",
+    fmt::print(stderr,
+               "headend-campaign: ended after {} of {} histories; the same call with --results {} goes on\n",
                results.size(), options.count, options.results);
     return kEnded;
   }
@@ -213,7 +220,8 @@ History historyOf(const Options& options) {
 void print(const History& history) {
   fmt::print("seed {}, preparation '{}', {:.3f} s\n", history.seed, history.preparation->name,
              static_cast<double>(history.length) / 1e9);
-  for (std::size_t i = 0; i < history.steps.size(); ++i) fmt::print("{:3}  {}\n", i, describe(history.steps[i]));
+  for (std::size_t i = 0; i < history.steps.size(); ++i)
+    fmt::print("{:3}  {}\n", i, describe(history.steps[i]));
 }
 
 int replayHistory(const Options& options) {
@@ -302,40 +310,49 @@ std::vector<std::size_t> stepsOf(const std::string& text) {
 
 int runProgram(std::vector<std::string> words) {
   Options options;
-  commands::Form form("headend-campaign",
-                      "Breaks a chassis in many ways and checks what it does. A history is a seed: it gives the cards, "
-                      "the work of operators and clients, and the faults. docs/proof.md describes it.");
-  commands::Form run = form.command("run", "Run the histories of a range of seeds, and write what was found as JSON");
-  commands::Form replay = form.command("replay", "Run one history again, with log, trace, report and outputs");
-  commands::Form shrinks = form.command("shrink", "Find a shortest list of steps with which a history still fails");
+  commands::Form form(
+      "headend-campaign",
+      "Breaks a chassis in many ways and checks what it does. A history is a seed: it gives the cards, "
+      "the work of operators and clients, and the faults. docs/proof.md describes it.");
+  commands::Form run =
+      form.command("run", "Run the histories of a range of seeds, and write what was found as JSON");
+  commands::Form replay =
+      form.command("replay", "Run one history again, with log, trace, report and outputs");
+  commands::Form shrinks =
+      form.command("shrink", "Find a shortest list of steps with which a history still fails");
   commands::Form finds = form.command("plants", "Plant a fault for each check, and see the check find it");
   commands::Form merges = form.command("merge", "Add the JSON results of several ranges up");
   constexpr u64 kMost = u64{1} << 62;
   for (commands::Form* each : {&run, &finds}) {
-    each->integer(commands::Option("--first", "SEED", "the first seed"), options.first, 0, kMost);
-    each->integer(commands::Option("--count", "NUMBER", "of histories; of plants: at most for each"), options.count, 1,
-                  kMost);
+    each->integer(commands::Option("--first", "SEED", "the first seed"), options.first, 1, kMost);
+    each->integer(commands::Option("--count", "NUMBER", "of histories; of plants: at most for each"),
+                  options.count, 1, kMost);
   }
   run.integer(commands::Option("--jobs", "NUMBER", "histories at the same time"), options.jobs, 1, 1024);
-  run.text(commands::Option("--results", "FILE",
-                            "keep each result in FILE, a line each: the same call goes on where an earlier one ended"),
+  run.text(commands::Option(
+               "--results", "FILE",
+               "keep each result in FILE, a line each: the same call goes on where an earlier one ended"),
            options.results);
   for (commands::Form* each : {&run, &merges})
     each->text(commands::Option("--summary", "FILE", "write the JSON there, not to stdout"), options.summary);
   for (commands::Form* each : {&run, &replay, &shrinks}) {
-    each->text(commands::Option("--preparation", "NAME", "only histories of this chassis"), options.preparation);
+    each->text(commands::Option("--preparation", "NAME", "only histories of this chassis"),
+               options.preparation);
     each->text(commands::Option("--plant", "NAME", "plant a fault into the running module"), options.plant);
   }
   for (commands::Form* each : {&run, &replay, &shrinks, &finds})
-    each->text(commands::Option("--samples", "FOLDER", "the project's samples").byDefault("samples"), options.samples);
+    each->text(commands::Option("--samples", "FOLDER", "the project's samples").byDefault("samples"),
+               options.samples);
   for (commands::Form* each : {&replay, &shrinks})
     each->integer(commands::Option("seed", "SEED", "the history").required(), options.seed, 0, kMost);
   replay.value(commands::Option("--steps", "LIST", "only these steps, as 0,3,7"), options.steps, stepsOf);
-  replay.text(commands::Option("--folder", "FOLDER", "for the log and all else (default history-SEED)"), options.folder);
-  merges.values(commands::Option("files", "FILE", "summaries").required().repeatable(commands::kAny), options.files,
-                [](const std::string& text) { return text; });
+  replay.text(commands::Option("--folder", "FOLDER", "for the log and all else (default history-SEED)"),
+              options.folder);
+  merges.values(commands::Option("files", "FILE", "summaries").required().repeatable(commands::kAny),
+                options.files, [](const std::string& text) { return text; });
   form.footer(
-      "Exit codes: 0 all held; 1 a check failed, or a plant was not found; 2 wrong call; 3 ended before all histories "
+      "Exit codes: 0 all held; 1 a check failed, or a plant was not found; 2 wrong call; 3 ended before all "
+      "histories "
       "were done.");
   form.parse(std::move(words));
   if (run.isCalled()) return runCampaign(options);
@@ -351,7 +368,8 @@ int runProgram(std::vector<std::string> words) {
 int main(int argc, char** argv) {
   base::openStandardStreams();
   ::setenv("HEADEND_SNMP_SECRETS", "read-community readers\nwrite-community writers", 1);
-  board = new (::mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Board;
+  board =
+      new (::mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Board;
   std::signal(SIGINT, onSignal);
   std::signal(SIGTERM, onSignal);
   std::signal(SIGPIPE, SIG_IGN);

@@ -23,7 +23,9 @@ QamCardPara& record(Headend& headend, int slot) {
 void send(Headend& headend, int slot, std::span<const u8> packet) {
   headend.output(slot, 0).insertPsi(headend.kernel.now(), packet);
 }
-std::string recordFile(int slot) { return "para/card" + std::to_string(slot + 1) + ".dat"; }
+std::string recordFile(int slot) {
+  return "para/card" + std::to_string(slot + 1) + ".dat";
+}
 
 }  // namespace
 
@@ -84,7 +86,8 @@ const std::vector<Plant>& plants() {
       {"memory is not freed", "no leak", [](Headend&, int) { os::malloc(8); }},
       {"a semaphore is not given back", "nobody waits forever",
        [](Headend&, int) { os::semTake(semQamVar, os::WAIT_FOREVER); }},
-      {"the watchdog is not kicked", "no violation", [](Headend& h, int) { h.kernel.spend(headend::kSecond); }},
+      {"the watchdog is not kicked", "no violation",
+       [](Headend& h, int) { h.kernel.spend(headend::kSecond); }},
       {"a check fails", "no failed check",
        [](Headend& h, int slot) { QamGetPsiPktNumSamePidTid(0, 5, 0, &record(h, slot)); }},
       {"the FPGA loses its configuration", "the card runs",
@@ -92,7 +95,8 @@ const std::vector<Plant>& plants() {
       {"an interrupt routine allocates", "no forbidden call",
        [](Headend& h, int slot) {
          h.kernel.at(h.kernel.now() + 1, [&h, slot] {
-           h.kernel.interrupt("planted", slot, [](u8) { os::malloc(8); }, 0);
+           h.kernel.interrupt(
+               "planted", slot, [](u8) { os::malloc(8); }, 0);
          });
        }},
       {"the bitstream is lost", "the card starts again",

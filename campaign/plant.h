@@ -1,5 +1,5 @@
-// Faults planted in the running machine, as a fault in the module would show itself. Each turns one check of the judge
-// red; a campaign with a plant must find it.
+// Faults planted in the running machine, as a fault in the module would show itself. Each turns one check of
+// the judge red; a campaign with a plant must find it.
 #pragma once
 
 #include <functional>

@@ -57,16 +57,17 @@ Json summaryOf(const Range& range, const std::vector<Json>& results) {
       failures.back().update(failure);
       failures.back()["replay"] = replayLine(each["seed"]);
     }
-    Json one = {{"histories", 1},
-                {"histories_failed", failures.empty() ? 0 : 1},
-                {"virtual_seconds", each.value("virtual_ms", 0.0) / 1e3},
-                {"cpu_seconds",
-                 {{"histories", each.value("cpu_ms", 0.0) / 1e3}, {"starts", each.value("start_cpu_ms", 0.0) / 1e3}}},
-                {"preparations", {{each["preparation"].get<std::string>(), 1}}},
-                {"steps", each["steps"]},
-                {"checks", each.value("checks", Json::object())},
-                {"starts_again", each.contains("start_cpu_ms") ? 1 : 0},
-                {"failures", failures}};
+    Json one = {
+        {"histories", 1},
+        {"histories_failed", failures.empty() ? 0 : 1},
+        {"virtual_seconds", each.value("virtual_ms", 0.0) / 1e3},
+        {"cpu_seconds",
+         {{"histories", each.value("cpu_ms", 0.0) / 1e3}, {"starts", each.value("start_cpu_ms", 0.0) / 1e3}}},
+        {"preparations", {{each["preparation"].get<std::string>(), 1}}},
+        {"steps", each["steps"]},
+        {"checks", each.value("checks", Json::object())},
+        {"starts_again", each.contains("start_cpu_ms") ? 1 : 0},
+        {"failures", failures}};
     for (const char* name : {"commands", "commands_refused", "flash_failures", "memory_failures"})
       one[name] = each.value(name, u64{0});
     if (const std::string cut = each["cut"]; !cut.empty()) one["power_cuts"] = {{cut, 1}};

@@ -9,7 +9,7 @@ build_packages=(cmake ninja-build g++ pkg-config
                 libboost-context-dev libdvbpsi-dev libcli11-dev nlohmann-json3-dev libfmt-dev libncurses-dev
                 libpng-dev libsnmp-dev libcpp-httplib-dev unifont)
 test_packages=(help2man libgtest-dev libgmock-dev ffmpeg iproute2 python3 sigrok-cli socat tmux valgrind
-               smitools erlang-base erlang-snmp python3-pysmi snmp snmptrapd strace)
+               smitools erlang-base erlang-snmp python3-pysmi snmp snmptrapd strace parallel)
 bench_packages=(valgrind snmpd)
 check_packages=(g++-11 afl++ clang clang-tidy clang-format libclang-rt-14-dev libclang-14-dev llvm-14-dev)
 coverage_packages=(gcovr)

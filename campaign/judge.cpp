@@ -188,7 +188,7 @@ class Judge::Channel final : public headend::PacketSink {
           if (mpeg::crc32(section) != 0)
             bad(fmt::format("a section of table {:#x} with a wrong CRC", section[0]));
         },
-        [this, bad](mpeg::Loss loss, std::optional<u8> table) {
+        [bad](mpeg::Loss loss, std::optional<u8> table) {
           bad(fmt::format("a section of table {:#x} is lost ({})", table.value_or(0xFF),
                           static_cast<int>(loss)));
         });
@@ -250,7 +250,7 @@ Judge::Judge(headend::Headend& headend) : headend_(headend) {
   for (const int slot : headend.options.slots) {
     for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
       const auto sink = headend.sinks.find({.slot = static_cast<u16>(slot), .port = static_cast<u16>(port)});
-      auto& channel = channels_[static_cast<std::size_t>(slot * MAX_QAM_OUT_NUM + port)];
+      auto& channel = channels_[indexOf(slot, port)];
       channel = std::make_unique<Channel>(*this, slot, port,
                                           sink != headend.sinks.end() ? sink->second.get() : nullptr);
       headend.output(slot, port).setSink(channel.get());

@@ -40,7 +40,7 @@ class Judge {
   void alarm(u8 slot, u8 port, u16 type, std::string_view text, bool isRaised);
   void tablesChange(u8 slot, u8 port);  // it has locked or unlocked them
   void unlocksMap(u8 slot, u8 port, bool begins);
-  void stores(const QamCardPara* record, u8 port, const set_psi_pkt& chunk);
+  void stores(const QamCardPara* ptr, u8 port, const set_psi_pkt& chunk);
   void rebuilds(u8 slot);  // the send lists
   void rebuilt(u8 slot, u8 port);
   void routed(u8 slot, u8 port);        // a position of the router's map
@@ -48,9 +48,10 @@ class Judge {
 
  private:
   class Channel;
-  Channel* channel(int slot, int port) {
-    return channels_[static_cast<std::size_t>(slot * MAX_QAM_OUT_NUM + port)].get();
+  static std::size_t indexOf(int slot, int port) {
+    return static_cast<std::size_t>(slot) * MAX_QAM_OUT_NUM + static_cast<std::size_t>(port);
   }
+  Channel* channel(int slot, int port) { return channels_[indexOf(slot, port)].get(); }
   const QamCardPara* record(int slot) const;
   bool isExplained(std::string_view text) const;
   void wrote(std::string_view file, std::string_view content);

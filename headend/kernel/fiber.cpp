@@ -17,6 +17,10 @@
 #include <sanitizer/common_interface_defs.h>
 #endif
 
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#endif
+
 namespace headend {
 namespace {
 
@@ -47,6 +51,9 @@ Fiber::Fiber(std::function<void()> body) : body_(std::move(body)), stack_(Stack(
     fiber->caller_ = from.fctx;
     fiber->run();
   });
+#ifdef VALGRIND_STACK_REGISTER
+  VALGRIND_STACK_REGISTER(stackBottom(), stack_.sp);  // or it takes each switch for an error
+#endif
 }
 
 Fiber::~Fiber() {

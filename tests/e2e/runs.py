@@ -18,6 +18,12 @@ PHASES = ['registration', 'bitstream file', 'FPGA configuration', 'settling', 'm
           'PSI queue and lists']
 
 
+# Memory as valgrind sees it: the start of six cards, with an upload.
+def six_cards_start_without_an_error_of_memory(case):
+    case.execute(['valgrind', '-q', '--error-exitcode=9', case.args.headend, '--fast', '--seconds', '8', '--flash',
+                  case.flash(), *(f'--card={slot}' for slot in range(1, 7)), '--psi', f'2.1={case.sample("psi-full.ts")}'])
+
+
 def settings_are_on_the_air_and_survive_a_restart(case):
     flash = case.flash()
     file, due = os.path.join(flash, record_file(1)), None

@@ -1,32 +1,29 @@
 // The fault model: what can break in a history, how often, from when to when.
 //
-//   Fault                      In a history                 Begins                     Ends
-//   a part of a card           1 to 4, each of the list of  at any time of the first   after 1 to 400 ms; a
-//   lost
-//                              `headend --fault help`       two thirds                 configuration does not
-//                              end
-//   an input                   0 to 2 losses                the same                   after 1 to 900 ms
-//   a sensor's temperature     0 or 1, -20 to 90 degrees    the same                   after 0.2 to 1.2 s
-//   the flash                  0 to 2: no space, read-only, at operation 0 to 11 from  after 1 to 900 ms
-//                              short read, failed rename,   any time on
-//                              a write that fails midway
-//   memory of the cards        0 or 1                       at allocation 0 to 600     after 1 to 300 ms
-//   a client's upload          0 to 3: left under its lock  at any time                -
-//                              after some chunks, or with
-//                              damaged packets
-//   a flood                    0 to 2: 20 to 1500 requests  at any time                -
-//                              or garbage to a socket
-//   the time of day            0 or 1 jump, a day each way  at any time                -
-//   the power                  half of the histories, once  at a time, an operation of the power returns, and
-//   the
-//                                                           the flash (before, midway  cards whose flash was
-//                                                           or after), an edge of the  written start again
-//                                                           DAC's and EEPROM's lines,
-//                                                           or a call of the kernel
+// A history lasts 2 to 3 virtual seconds and has at least five faults; one that begins with the power-up
+// lasts longer by the start, which has half of its faults. Faults begin in the first two thirds, at any
+// microsecond.
 //
-// Beside the faults, 4 to 14 commands of operators, at the same time on all channels. A history has at least
-// five faults and lasts 2 to 3 virtual seconds; one that begins with the power-up lasts longer, as the start
-// takes time.
+// - Parts of a card, 1 to 4: each of the list of `headend --fault help`, for 1 to 400 ms. A lost
+// configuration
+//   of the FPGA is kept one time in four, and does not end.
+// - Then 0 to 2 of the following, each with the same chance, and more until there are five:
+//   - an input of the source card is lost for 1 to 900 ms;
+//   - a sensor measures -20 to 90 degrees for 0.2 to 1.2 s;
+//   - the flash has no space, is read-only, reads short, or fails at a rename or midway in a write: from the
+//     operation 0 to 11 after any time on, for 1 to 900 ms;
+//   - the cards get no memory: from the allocation 0 to 300 after any time on, for 1 to 300 ms;
+//   - a client leaves a lock behind after some chunks, damages packets, or writes past the lock (twice the
+//     chance);
+//   - a flood of 20 to 1500 requests, or of garbage, to a socket;
+//   - the time of day jumps by up to a day each way.
+// - In half of the histories the power is cut once: at a time, at one of the next 12 operations of the flash
+//   (before it, or midway in a write), at one of the next 8000 edges of the lines to DAC and EEPROM, or at
+//   one of the next 4000 calls of the kernel. A card without memory for its send lists is started again too.
+//   The power returns, and the cards that were written start again.
+//
+// Beside the faults, 4 to 14 commands of operators and 0 to 3 requests of SNMP managers, on all channels at
+// the same time.
 #include "campaign/history.h"
 
 #include <fmt/format.h>
@@ -218,7 +215,9 @@ class Author {
         return;
       case 3: {
         Step& step = add(Kind::kHeap, "", 1, 300);
-        step.number = draw_.oneIn(2) ? draw_.from(0, 12) : draw_.from(0, 600);
+        step.number = draw_.oneIn(2) ? draw_.from(0, 4) : draw_.from(0, 300);
+        if (start_ > 0 && draw_.oneIn(2))
+          step.until -= std::exchange(step.at, 0);  // the record, the bitstream
         return;
       }
       case 4:
@@ -235,8 +234,14 @@ class Author {
 
   void powerCut() {
     Step& step = add(Kind::kPowerCut, draw_.of(kCuts));
-    const auto most = step.what == "edge" ? 3000 : step.what == "call" ? 4000 : 12;
+    const auto most = step.what == "edge" ? 8000 : step.what == "call" ? 4000 : 12;
     step.number = draw_.from(1, most);
+    if (step.what != "edge") return;
+    const Step cut = step;  // there are edges while a calibration is written
+    Step& write = add(Kind::kCommand,
+                      fmt::format("cal write {} --i 10 0f 40 00 --q 0c 0{} 00 00 --common 00 04 00 00 00",
+                                  cut.slot + 1, draw_.from(0, 9)));
+    write.at = cut.at + kMicrosecond;
   }
 
   Draw draw_;

@@ -99,7 +99,7 @@ class Judge::Channel final : public headend::PacketSink {
   void routed() { ++routes_; }
   void uploaded(std::span<const u8> packet) {
     known_.insert(hashOfPacket(packet));
-    if (packet[0] != mpeg::kSyncByte) judge_.explain("psi_packet_without_sync");
+    if (packet[0] != mpeg::kSyncByte) judge_.explained_.violations.insert("psi_packet_without_sync");
   }
   void rebuilt(const QamCardPara& record) {
     const auto store = storeOf(record, port_);
@@ -154,10 +154,7 @@ class Judge::Channel final : public headend::PacketSink {
   std::string where() const { return fmt::format("channel {}.{}", slot_ + 1, port_ + 1); }
 
   void wrong(std::span<const u8> packet, const char* what) {
-    // An index that waited in the queue while the store was erased; without that the queue is empty then.
-    const bool isErased =
-        std::ranges::count(packet, u8{0xFF}) >= static_cast<std::ptrdiff_t>(packet.size()) - 1;
-    if (judge_.isExplained("packets of channels") || (isErased && judge_.isExplained("late packets"))) return;
+    if (judge_.explained_.channelStops) return;
     judge_.failed("packets are whole", fmt::format("{}: a packet with {}: {:02x}", where(), what,
                                                    fmt::join(packet.first(12), " ")));
   }
@@ -167,7 +164,7 @@ class Judge::Channel final : public headend::PacketSink {
     if (!known_.contains(hashOfPacket(packet))) wrong(packet, "bytes that nobody has uploaded");
     Pid& state = psiPids_[pid];
     if (state.continuity && mpeg::continuityOf(packet) != ((*state.continuity + 1) & 0xF) &&
-        !judge_.isExplained("packets of channels"))
+        !judge_.explained_.channelStops)
       judge_.failed("continuity", fmt::format("{}, PID {:#x}: {} follows {}", where(), pid,
                                               mpeg::continuityOf(packet), *state.continuity));
     state.continuity = mpeg::continuityOf(packet);
@@ -178,7 +175,7 @@ class Judge::Channel final : public headend::PacketSink {
 
   void gather(u16 pid, Pid& state) {
     const auto bad = [this, pid, &state](const std::string& what) {
-      if (partial_[pid] || state.changes != changes_ || judge_.isExplained("packets of channels")) return;
+      if (partial_[pid] || state.changes != changes_ || judge_.explained_.channelStops) return;
       judge_.failed("sections are whole", fmt::format("{}, PID {:#x}: {}", where(), pid, what));
     };
     state.changes = changes_;
@@ -217,7 +214,7 @@ class Judge::Channel final : public headend::PacketSink {
     const auto expected = (state.continuity.value_or(0) + (mpeg::hasPayload(packet) ? 1 : 0)) & 0xF;
     const bool repeats = std::ranges::equal(packet, state.last);
     if (known && mpeg::continuityOf(packet) != expected && !repeats &&
-        !mpeg::announcesDiscontinuity(packet) && !judge_.isExplained("routed packets") &&
+        !mpeg::announcesDiscontinuity(packet) && !judge_.explained_.inputIsLost &&
         isClean(mpeg::pidOf(packet)))
       judge_.failed("continuity",
                     fmt::format("{}, routed PID {:#x}: {} follows {}", where(), mpeg::pidOf(packet),
@@ -271,26 +268,17 @@ Judge::~Judge() {
 
 void Judge::begin(const History& history) {
   for (const Step& step : history.steps) {
-    const std::string part =
-        step.what.substr(step.what.find('.') + 1, step.what.find('-') - step.what.find('.') - 1);
     switch (step.kind) {
       case Step::Kind::kFault:
-        if (step.what.ends_with(headend::kInputLost)) {
-          explain("routed packets");
-        } else if (part == "config") {
-          for (const char* each : {"", "packets of channels", "routed packets", "tasks"}) explain(each);
-        } else {
-          explain(part == "clock" ? "clock_generator" : part);
-          if (step.what.ends_with("scl-low")) explain("watchdog_not_kicked");  // the card waits for the line
-        }
+        explainFault(step.what.substr(step.what.find('.') + 1));
         break;
       case Step::Kind::kUpload:
       case Step::Kind::kFlood:
-        isWild_ = true;
+        explained_.checkFails = true;
         break;
       case Step::Kind::kFlash:  // a short bitstream, no memory for a record: the card is not to run
       case Step::Kind::kHeap:
-        if (!history.preparation->isRunning && step.what != "no space") explain("tasks");
+        explained_.cardHangs |= !history.preparation->isRunning && step.what != "no space";
         break;
       default:
         break;
@@ -316,8 +304,18 @@ const QamCardPara* Judge::record(int slot) const {
   return descriptor == nullptr ? nullptr : static_cast<const QamCardPara*>(descriptor->varPtr);
 }
 
-bool Judge::isExplained(std::string_view text) const {
-  return std::ranges::any_of(explained_, [&](const std::string& prefix) { return text.starts_with(prefix); });
+void Judge::explainFault(const std::string& name) {
+  const std::string part = name.substr(0, name.find('-'));
+  if (name.ends_with(headend::kInputLost)) {
+    explained_.inputIsLost = true;
+  } else if (part == "config") {
+    explained_.channelStops = explained_.inputIsLost = explained_.cardHangs = true;
+    explained_.violations.insert("");
+  } else {
+    explained_.violations.insert(part == "clock" ? "clock_generator" : part);
+    if (name.ends_with("scl-low"))
+      explained_.violations.insert("watchdog_not_kicked");  // it waits for the line
+  }
 }
 
 void Judge::alarm(u8 slot, u8 port, u16 type, std::string_view text, bool isRaised) {
@@ -415,11 +413,13 @@ void Judge::examine(bool isQuiet) {
     examineFile(slot, isQuiet);
   }
   for (const auto& [kind, count] : headend_.violations.counts()) {
-    if (!isExplained(kind)) failed("no violation", fmt::format("{} {}", kind, count));
+    const auto explains = [&kind = kind](const std::string& prefix) { return kind.starts_with(prefix); };
+    if (std::ranges::none_of(explained_.violations, explains))
+      failed("no violation", fmt::format("{} {}", kind, count));
   }
   for (const auto& check : headend_.observation.failedChecks()) {
     // Registration compares a slot with the number of channels.
-    if (!isWild_ && check.text != "slotNo<MAX_QAM_OUT_NUM")
+    if (!explained_.checkFails && check.text != "slotNo<MAX_QAM_OUT_NUM")
       failed("no failed check", check.unit + ": " + check.text);
   }
   if (!headend_.kernel.fatalError().empty()) failed("no forbidden call", headend_.kernel.fatalError());
@@ -488,18 +488,18 @@ void Judge::examineRouter(int slot, int port) {
 void Judge::examineTasks() {
   ++checks_["tasks"];
   for (const auto& parked : headend_.observation.parkedTasks()) {
-    if (parked.still && !isExplained("tasks"))
+    if (parked.still && !explained_.cardHangs)
       failed("nobody waits forever", parked.task + " polls " + parked.reg);
   }
   for (const auto& job : headend_.automaticOperator.jobs()) {
-    if (!job.ended && !isExplained("tasks")) failed("nobody waits forever", "the command " + job.text);
+    if (!job.ended && !explained_.cardHangs) failed("nobody waits forever", "the command " + job.text);
   }
-  if (semQamVar != nullptr && !semQamVar->available && !isExplained("tasks"))
+  if (semQamVar != nullptr && !semQamVar->available && !explained_.cardHangs)
     failed("nobody waits forever",
            "semQamVar is held by " +
                (semQamVar->owner != nullptr ? semQamVar->owner->name : std::string("nobody")));
   for (const int slot : headend_.options.slots) {
-    if (!headend_.runs(slot) && !isExplained("tasks"))
+    if (!headend_.runs(slot) && !explained_.cardHangs)
       failed("the card runs",
              fmt::format("slot {}: {}", slot + 1, protocol::nameOf(headend_.state(slot)).words.english));
   }

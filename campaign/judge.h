@@ -27,7 +27,6 @@ class Judge {
 
   // From now on the history's faults explain what they can bring.
   void begin(const History& history);
-  void explain(const std::string& prefix) { explained_.insert(prefix); }  // of a violation or a register
   // At any time between two operations; `isQuiet`: the faults are over and all work is done.
   void examine(bool isQuiet);
   void failed(const std::string& invariant, const std::string& text);
@@ -53,7 +52,7 @@ class Judge {
   }
   Channel* channel(int slot, int port) { return channels_[indexOf(slot, port)].get(); }
   const QamCardPara* record(int slot) const;
-  bool isExplained(std::string_view text) const;
+  void explainFault(const std::string& name);
   void wrote(std::string_view file, std::string_view content);
   void examineFile(int slot, bool isQuiet);
   void examineRouter(int slot, int port);
@@ -63,8 +62,13 @@ class Judge {
   headend::Headend& headend_;
   std::vector<Failure> failures_;
   std::map<std::string, u64> checks_;
-  std::set<std::string> explained_;
-  bool isWild_ = false;  // a client sends what no operator does
+  struct {
+    bool channelStops = false;           // the FPGA loses its configuration
+    bool inputIsLost = false;            // an input, so that routed packets are missing
+    bool cardHangs = false;              // a card does not run, or waits for its FPGA
+    bool checkFails = false;             // a client sends what no operator does
+    std::set<std::string> violations{};  // prefixes
+  } explained_;
   std::array<std::unique_ptr<Channel>, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> channels_;
   struct Card {
     bool isWritten = false;

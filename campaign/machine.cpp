@@ -179,6 +179,8 @@ void Machine::play(const History& history, const Plant* plant) {
   ::close(fd);
   reopenCaptures();
   judge_->begin(history);
+  for (const int slot : headend_->options.slots)
+    eeproms_[slot] = headend_->card(slot).board().eeprom.image(begin_);
   std::ranges::for_each(history.steps, [this](const Step& step) { schedule(step); });
   if (!hasCommands_)
     headend_->automaticOperator.start(jobsOf(history), preparation_.slots.front(),
@@ -407,6 +409,9 @@ void Machine::cutPower(const std::string& how) {
 
 void Machine::finish() {
   headend_->eepromFiles.save(headend_->kernel.now());
+  for (const auto& [slot, image] : eeproms_) {
+    if (headend_->card(slot).board().eeprom.image(headend_->kernel.now()) != image) judge_->noteWritten(slot);
+  }
   nlohmann::ordered_json failures = nlohmann::ordered_json::array();
   for (const Failure& each : judge_->failures())
     failures.push_back({{"invariant", each.invariant}, {"text", each.text}});

@@ -53,7 +53,8 @@ class Machine {
   bool isPlaying_ = false;
   Nanos begin_ = 0;
   std::string cut_;
-  u16 nextPort_ = 40'000;  // of a client
+  std::map<int, headend::Eeprom::Image> eeproms_;  // at the beginning
+  u16 nextPort_ = 40'000;                          // of a client
 };
 
 }  // namespace campaign

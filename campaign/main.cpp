@@ -194,7 +194,7 @@ int runCampaign(Options options) {
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   results = readResults(options, head);
-  Json summary = summaryOf({options.first, options.first + options.count - 1}, results);
+  Json summary = summaryOf({options.first, options.first + options.count - 1}, options.preparation, results);
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
   summary["cpu_seconds"]["all"] = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
@@ -259,7 +259,7 @@ int shrinkHistory(const Options& options) {
   line.show("");
   fmt::print("{}: {} of {} steps\n", invariant, left.size(), whole.steps.size());
   for (const std::size_t number : left) fmt::print("{:3}  {}\n", number, describe(whole.steps[number]));
-  fmt::print("{}\n", replayLine(options.seed, left));
+  fmt::print("{}\n", replayLine(options.seed, options.preparation, left));
   return kFailed;
 }
 

@@ -40,7 +40,7 @@ std::string version() {
   return text;
 }
 
-Json summaryOf(const Range& range, const std::vector<Json>& results) {
+Json summaryOf(const Range& range, const std::string& only, const std::vector<Json>& results) {
   Json sum = {{"histories", 0},
               {"histories_failed", 0},
               {"virtual_seconds", 0.0},
@@ -55,7 +55,7 @@ Json summaryOf(const Range& range, const std::vector<Json>& results) {
     for (const Json& failure : each["failures"]) {
       failures.push_back({{"seed", each["seed"]}});
       failures.back().update(failure);
-      failures.back()["replay"] = replayLine(each["seed"]);
+      failures.back()["replay"] = replayLine(each["seed"], only);
     }
     Json one = {
         {"histories", 1},
@@ -113,9 +113,11 @@ Json merge(const std::vector<std::pair<std::string, Json>>& summaries) {
   return whole;
 }
 
-std::string replayLine(u64 seed, const std::vector<std::size_t>& steps) {
-  const std::string only = steps.empty() ? "" : fmt::format(" --steps {}", fmt::join(steps, ","));
-  return fmt::format("headend-campaign replay {}{}", seed, only);
+std::string replayLine(u64 seed, const std::string& only, const std::vector<std::size_t>& steps) {
+  std::string line = fmt::format("headend-campaign replay {}", seed);
+  if (!only.empty()) line += fmt::format(" --preparation '{}'", only);
+  if (!steps.empty()) line += fmt::format(" --steps {}", fmt::join(steps, ","));
+  return line;
 }
 
 }  // namespace campaign

@@ -18,11 +18,13 @@ struct Range {
 // Of this program: results of another build are not added to its own.
 std::string version();
 
-nlohmann::ordered_json summaryOf(const Range& range, const std::vector<nlohmann::ordered_json>& results);
+// `only`: the preparation of all histories, if one was chosen.
+nlohmann::ordered_json summaryOf(const Range& range, const std::string& only,
+                                 const std::vector<nlohmann::ordered_json>& results);
 // Throws std::runtime_error if the versions differ or if ranges overlap, with the files that do.
 nlohmann::ordered_json merge(const std::vector<std::pair<std::string, nlohmann::ordered_json>>& summaries);
 
 // The command that replays a history.
-std::string replayLine(u64 seed, const std::vector<std::size_t>& steps = {});
+std::string replayLine(u64 seed, const std::string& only, const std::vector<std::size_t>& steps = {});
 
 }  // namespace campaign

@@ -10,17 +10,18 @@ import harness
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 DOCUMENTS = ('README.md', *(f'docs/{name}.md' for name in (
-    'benchmarks', 'building', 'calibration', 'headend', 'management-datagram', 'porting', 'report', 'snmp', 'tracing',
+    'benchmarks', 'building', 'calibration', 'headend', 'management-datagram', 'porting', 'proof', 'report', 'snmp', 'tracing',
     'tscheck', 'web')))
 SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a player needs a screen',
            r'.*qamctl panel': 'needs a terminal: panel.py', r'apt-get': 'installed by ./test',
            r'gtkwave': 'a viewer needs a screen', r'ssh': 'another machine', r'QAM_LONG=1': 'a long campaign',
            r'.*\[--': 'the form of a command',
+           r'.*build/libfuzzer': 'a build for another engine',
            r'build/gcc/tests/': 'ctest runs them', r'arm-linux': 'after a build for another processor',
            r'\./test --browser': 'axe-core is from outside Debian',
            r'/usr/bin/python3 bench/web_page': 'needs Chromium, and measures for long',
            r'bench/snmp\.py': 'needs snmpd, and measures for long'}
-SHORTER = {'./run': 'chassis', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
+SHORTER = {'./run': 'chassis', '--count 1000': '--count 20', '--count 500': '--count 5', '--days 30': '--days 0.1', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
            './build/gcc/bench/card_times panel': 'timeout 3 ./build/gcc/bench/card_times panel',
            'bench/controller': 'bench/controller --help',
            'python3 bench/instructions.py': 'uncounted bench/instructions.py'}

@@ -170,12 +170,6 @@ int takeWithCard(const CardTarget& target, const std::vector<fs::path>& given) {
 
 }  // namespace
 
-void require(bool holds, const char* property) {
-  if (holds) return;
-  fmt::print(stderr, "fuzz: it does not hold that {}\n", property);
-  std::abort();
-}
-
 int run(const std::string_view name, const std::vector<fs::path>& files) {
   for (const InputTarget& target : kInputTargets) {
     if (name == target.name) return takeInputs(target, files);

@@ -247,6 +247,12 @@ void takeSaved(Input input) {
 
 }  // namespace
 
+void require(bool holds, const char* property) {
+  if (holds) return;
+  fmt::print(stderr, "fuzz: it does not hold that {}\n", property);
+  std::abort();
+}
+
 const std::vector<InputTarget> kInputTargets = {
     {"capture", takeCapture},
     {"sections", takeSections},
@@ -262,3 +268,19 @@ const std::vector<InputTarget> kInputTargets = {
 };
 
 }  // namespace fuzz
+
+// For libFuzzer, and for any other engine with this entry: the target is in the environment, as
+// FUZZ_TARGET=pid-map.
+extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
+  static const fuzz::InputTarget& target = [] {
+    const char* name = std::getenv("FUZZ_TARGET");
+    const auto named = [name](const fuzz::InputTarget& each) {
+      return name != nullptr && name == std::string_view(each.name);
+    };
+    const auto found = std::ranges::find_if(fuzz::kInputTargets, named);
+    fuzz::require(found != fuzz::kInputTargets.end(), "FUZZ_TARGET names a target");
+    return *found;
+  }();
+  target.take({data, size});
+  return 0;
+}

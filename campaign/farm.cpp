@@ -12,7 +12,6 @@
 #include <set>
 
 #include "base/files.h"
-#include "campaign/machine.h"
 #include "headend/fail.h"
 #include "headend/flash_folder.h"
 
@@ -183,10 +182,10 @@ Json Worker::run(const Task& task) {
       machine.run(false, [&] { machine.play(history, plant_); });
     }));
   }
-  return finished(task, status);
+  return finished(task, status, Machine::Traces::kNone);
 }
 
-Json Worker::finished(const Task& task, int status) {
+Json Worker::finished(const Task& task, int status, Machine::Traces traces) {
   const History history = historyOf(task);
   Json result = readResult(folder_ / "history/result");
   if (!result.is_object()) {
@@ -202,8 +201,8 @@ Json Worker::finished(const Task& task, int status) {
   whole["steps"] = kinds;
   whole.update(result);
   if (!result["written"].empty()) {
-    const int started = start(*history.preparation, result, false);
-    const Json after = readResult(folder_ / "history/result");
+    const int started = start(*history.preparation, result, traces);
+    const Json after = readResult(folder_ / "history/start/result");
     if (started != 0 || !after.is_object()) {
       whole["failures"].push_back({{"invariant", "the card starts again"}, {"text", "the process ended"}});
     } else {
@@ -220,14 +219,14 @@ Json Worker::finished(const Task& task, int status) {
   return whole;
 }
 
-// The cards that were written start in a fresh process.
-int Worker::start(const Preparation& preparation, const Json& result, bool leavesTraces) {
-  const fs::path folder = folder_ / "history";
-  fs::remove(folder / "result");
+// The cards that were written start in a fresh process, in a folder of its own with the same flash.
+int Worker::start(const Preparation& preparation, const Json& result, Machine::Traces traces) {
+  const fs::path folder = folder_ / "history/start";
+  fs::create_directories(folder);
+  for (const char* name : {"flash", "files"}) fs::create_directory_symlink(fs::path("..") / name, folder / name);
   return statusOf(forked([&] {
     limitCpu();
     enter(folder);
-    const auto traces = leavesTraces ? Machine::Traces::kAll : Machine::Traces::kNone;
     Machine machine(preparation, result["written"].get<std::vector<int>>(), traces);
     machine.run(false, [&] { machine.playStart(); });
   }));
@@ -244,7 +243,7 @@ Json Worker::replay(const Task& task) {
                     preparation.isRunning ? nullptr : &history);
     machine.run(preparation.isRunning, [&] { machine.play(history, plant_); });
   }));
-  return finished(task, status);
+  return finished(task, status, Machine::Traces::kAll);
 }
 
 // ---- Files ----

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "campaign/history.h"
+#include "campaign/machine.h"
 #include "campaign/plant.h"
 
 namespace campaign {
@@ -31,7 +32,7 @@ class Worker {
   // The result: {"seed", "preparation", "steps", "failures", ...}; the failures of the start that followed
   // among them.
   nlohmann::ordered_json run(const Task& task);
-  // The same with a log, a trace, a report and the outputs in the folder: `history` and `start` below it.
+  // The same with a log, a trace, a report and the outputs in the folder: in `history`, and in `history/start`.
   nlohmann::ordered_json replay(const Task& task);
 
  private:
@@ -39,8 +40,8 @@ class Worker {
   History historyOf(const Task& task) const;
   Parent& parentOf(const Preparation& preparation);
   void copyFlash(const std::filesystem::path& from);
-  nlohmann::ordered_json finished(const Task& task, int status);
-  int start(const Preparation& preparation, const nlohmann::ordered_json& result, bool leavesTraces);
+  nlohmann::ordered_json finished(const Task& task, int status, Machine::Traces traces);
+  int start(const Preparation& preparation, const nlohmann::ordered_json& result, Machine::Traces traces);
 
   std::filesystem::path folder_;
   std::filesystem::path files_;

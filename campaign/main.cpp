@@ -236,7 +236,8 @@ int replayHistory(const Options& options) {
   if (!options.steps.empty()) task.steps = options.steps;
   const Json result = worker.replay(task);
   fmt::print("{}\n", result.dump(2));
-  fmt::print("log, trace, report and outputs are in {}\n", (folder / "history").string());
+  fmt::print("log, trace, report and outputs are in {0}, those of the start after it in {0}/start\n",
+             (folder / "history").string());
   return result["failures"].empty() ? kHeld : kFailed;
 }
 

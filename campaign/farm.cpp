@@ -1,6 +1,7 @@
 #include "campaign/farm.h"
 
 #include <fmt/format.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <set>
 
 #include "base/files.h"
+#include "campaign/host_faults.h"
 #include "headend/fail.h"
 #include "headend/flash_folder.h"
 
@@ -23,12 +25,18 @@ using Json = nlohmann::ordered_json;
 
 constexpr rlim_t kCpuLimit_s = 120;  // of one history, which takes far less than a second
 
+// Even if that is killed.
+void diesWithParent() {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
+
 // The body's process; its status as of waitpid.
 pid_t forked(const std::function<void()>& body) {
   std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child < 0) headend::fail("cannot fork: {}", std::strerror(errno));
   if (child > 0) return child;
+  diesWithParent();
   try {
     body();
   } catch (const std::exception& e) {
@@ -95,6 +103,7 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
   fs::create_directories(folder);
   fs::create_directory_symlink(files_, folder / "files");
   const int prepared = statusOf(forked([&] {
+    limitCpu();
     enter(folder);
     headend::initFlash("flash");
     Machine(preparation, preparation.slots, Machine::Traces::kNone).prepare();
@@ -120,6 +129,7 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
         const Json asked = readResult(folder_ / "history/task");
         const pid_t child = ::fork();
         if (child == 0) {
+          diesWithParent();
           ::close(requests[0]);
           ::close(answers[1]);
           limitCpu();
@@ -188,6 +198,9 @@ Json Worker::run(const Task& task) {
 Json Worker::finished(const Task& task, int status, Machine::Traces traces) {
   const History history = historyOf(task);
   Json result = readResult(folder_ / "history/result");
+  if (WIFEXITED(status) && (WEXITSTATUS(status) == kExitNoResult || WEXITSTATUS(status) == 0) &&
+      !result.is_object())
+    headend::fail("cannot write in {}: is there space?", folder_.string());
   if (!result.is_object()) {
     result = {{"failures", Json::array()}, {"cut", ""}, {"written", Json::array()}};
     const std::string how = WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
@@ -203,6 +216,8 @@ Json Worker::finished(const Task& task, int status, Machine::Traces traces) {
   if (!result["written"].empty()) {
     const int started = start(*history.preparation, result, traces);
     const Json after = readResult(folder_ / "history/start/result");
+    if (WIFEXITED(started) && WEXITSTATUS(started) == kExitNoResult)
+      headend::fail("cannot write in {}: is there space?", folder_.string());
     if (started != 0 || !after.is_object()) {
       whole["failures"].push_back({{"invariant", "the card starts again"}, {"text", "the process ended"}});
     } else {
@@ -223,12 +238,14 @@ Json Worker::finished(const Task& task, int status, Machine::Traces traces) {
 int Worker::start(const Preparation& preparation, const Json& result, Machine::Traces traces) {
   const fs::path folder = folder_ / "history/start";
   fs::create_directories(folder);
-  for (const char* name : {"flash", "files"}) fs::create_directory_symlink(fs::path("..") / name, folder / name);
+  for (const char* name : {"flash", "files"})
+    fs::create_directory_symlink(fs::path("..") / name, folder / name);
   return statusOf(forked([&] {
     limitCpu();
     enter(folder);
+    if (plant_ != nullptr) plant_->beforeStart(preparation.slots.front());
     Machine machine(preparation, result["written"].get<std::vector<int>>(), traces);
-    machine.run(false, [&] { machine.playStart(); });
+    machine.run(false, [&] { machine.playStart(result["records"]); });
   }));
 }
 
@@ -238,6 +255,7 @@ Json Worker::replay(const Task& task) {
   parentOf(preparation);
   copyFlash(folder_ / preparation.name);
   const int status = statusOf(forked([&] {
+    limitCpu();
     enter(folder_ / "history");
     Machine machine(preparation, preparation.slots, Machine::Traces::kAll,
                     preparation.isRunning ? nullptr : &history);
@@ -250,7 +268,14 @@ Json Worker::replay(const Task& task) {
 
 void makeFiles(const fs::path& samples, const fs::path& folder) {
   fs::create_directories(folder);
-  const auto read = [&](const char* name) { return base::readFile(samples / name, 64 << 20); };
+  const auto read = [&](const char* name) {
+    try {
+      return base::readFile(samples / name, 64 << 20);
+    } catch (const std::system_error& e) {
+      headend::fail("cannot read the sample {}: {}; --samples names the folder", (samples / name).string(),
+                    e.what());
+    }
+  };
   for (const char* name :
        {"psi-small.ts", "psi-full.ts", "psi-many.ts", "two-programmes.ts", "four-programmes-cbr.ts"})
     std::ofstream(folder / name, std::ios::binary) << read(name);

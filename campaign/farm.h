@@ -32,7 +32,8 @@ class Worker {
   // The result: {"seed", "preparation", "steps", "failures", ...}; the failures of the start that followed
   // among them.
   nlohmann::ordered_json run(const Task& task);
-  // The same with a log, a trace, a report and the outputs in the folder: in `history`, and in `history/start`.
+  // The same with a log, a trace, a report and the outputs in the folder: in `history`, and in
+  // `history/start`.
   nlohmann::ordered_json replay(const Task& task);
 
  private:

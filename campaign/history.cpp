@@ -188,8 +188,9 @@ class Author {
   }
 
   void partFault() {
-    const headend::FaultKind& kind = draw_.of(headend::faultKinds());
-    if (!kind.ends && !draw_.oneIn(4)) return;
+    const headend::FaultKind* chosen = &draw_.of(headend::faultKinds());
+    while (!chosen->ends && !draw_.oneIn(4)) chosen = &draw_.of(headend::faultKinds());
+    const headend::FaultKind& kind = *chosen;
     Step& step = add(Kind::kFault, kind.name, 1, 400);
     step.what = fmt::format("{}.{}", step.slot + 1, kind.name);
     if (!kind.ends) step.until = 0;
@@ -198,7 +199,7 @@ class Author {
   void someFault() {
     switch (draw_.from(0, 7)) {
       case 0:
-        if (!hasInputs()) return partFault();
+        if (!hasInputs()) return;
         add(Kind::kFault,
             fmt::format("6.{}.{}",
                         draw_.from(1, static_cast<std::int64_t>(history_.preparation->inputs.size())),

@@ -113,7 +113,9 @@ ssize_t __wrap_write(int fd, const void* bytes, size_t size) {
     return -1;
   }
   if (const auto& told = flashFaults().onWrite) told(file->second, {static_cast<const char*>(bytes), size});
-  return __real_write(fd, bytes, size);
+  const ssize_t written = __real_write(fd, bytes, size);
+  if (written < 0 && errno == ENOSPC) _exit(campaign::kExitNoResult);  // of this machine, not of the history
+  return written;
 }
 
 int __wrap_rename(const char* from, const char* to) {

@@ -11,6 +11,9 @@
 
 namespace campaign {
 
+// The folder cannot be written: nothing is known of the history.
+inline constexpr int kExitNoResult = 4;
+
 class FlashFaults {
  public:
   // From the operation `after` from now on, 0 is the next, until `end`. Names as in the history.

@@ -94,6 +94,7 @@ class Judge::Channel final : public headend::PacketSink {
 
   void tablesChange() {
     output_.advance(judge_.headend_.kernel.now());  // what left before
+    isPastLock = false;
     ++changes_;
   }
   void routed() { ++routes_; }
@@ -122,9 +123,10 @@ class Judge::Channel final : public headend::PacketSink {
     }
   }
 
-  std::size_t nodes = 0;    // of the send lists
-  bool isRaw = false;       // a client has written without the lock
-  bool mapChanges = false;  // from the end of its lock until the router has it
+  std::size_t nodes = 0;       // of the send lists
+  bool isPastLock = false;     // a client has written tables without the lock, since the last one
+  bool isMapPastLock = false;  // or entries of the map
+  bool mapChanges = false;     // from the end of its lock until the router has it
 
  private:
   struct Pid {
@@ -134,6 +136,7 @@ class Judge::Channel final : public headend::PacketSink {
     u64 routes = 0;
     u64 dropped = 0;
     mpeg::Packet last{};
+    bool isRepeated = false;  // the standard allows one packet to be sent twice
   };
 
   static bool areWhole(const std::vector<std::span<const u8>>& packets) {
@@ -151,10 +154,13 @@ class Judge::Channel final : public headend::PacketSink {
     return whole;
   }
 
+  // Its FPGA may have lost its configuration.
+  bool isStopped() const { return judge_.explained_.stopped[static_cast<std::size_t>(slot_)]; }
+
   std::string where() const { return fmt::format("channel {}.{}", slot_ + 1, port_ + 1); }
 
   void wrong(std::span<const u8> packet, const char* what) {
-    if (judge_.explained_.channelStops) return;
+    if (isStopped()) return;
     judge_.failed("packets are whole", fmt::format("{}: a packet with {}: {:02x}", where(), what,
                                                    fmt::join(packet.first(12), " ")));
   }
@@ -163,8 +169,7 @@ class Judge::Channel final : public headend::PacketSink {
     const u16 pid = mpeg::pidOf(packet);
     if (!known_.contains(hashOfPacket(packet))) wrong(packet, "bytes that nobody has uploaded");
     Pid& state = psiPids_[pid];
-    if (state.continuity && mpeg::continuityOf(packet) != ((*state.continuity + 1) & 0xF) &&
-        !judge_.explained_.channelStops)
+    if (state.continuity && mpeg::continuityOf(packet) != ((*state.continuity + 1) & 0xF) && !isStopped())
       judge_.failed("continuity", fmt::format("{}, PID {:#x}: {} follows {}", where(), pid,
                                               mpeg::continuityOf(packet), *state.continuity));
     state.continuity = mpeg::continuityOf(packet);
@@ -175,7 +180,7 @@ class Judge::Channel final : public headend::PacketSink {
 
   void gather(u16 pid, Pid& state) {
     const auto bad = [this, pid, &state](const std::string& what) {
-      if (partial_[pid] || state.changes != changes_ || judge_.explained_.channelStops) return;
+      if (partial_[pid] || state.changes != changes_ || isStopped()) return;
       judge_.failed("sections are whole", fmt::format("{}, PID {:#x}: {}", where(), pid, what));
     };
     state.changes = changes_;
@@ -199,7 +204,8 @@ class Judge::Channel final : public headend::PacketSink {
       const auto& cards = judge_.headend_.sources.cards();
       const auto card = cards.find(chassis::sourceSlot(words));
       if (card == cards.end() || chassis::sourcePort(words) >= card->second.inputs.size() ||
-          !card->second.inputs[chassis::sourcePort(words)]->name().ends_with("cbr.ts"))
+          !card->second.inputs[chassis::sourcePort(words)]->name().ends_with("cbr.ts") ||
+          judge_.explained_.lostInputs.contains(chassis::sourcePort(words)))
         return false;
     }
     return true;
@@ -212,13 +218,13 @@ class Judge::Channel final : public headend::PacketSink {
     const u64 dropped = output_.counts().dropped;
     const bool known = state.continuity && state.routes == routes_ && state.dropped == dropped;
     const auto expected = (state.continuity.value_or(0) + (mpeg::hasPayload(packet) ? 1 : 0)) & 0xF;
-    const bool repeats = std::ranges::equal(packet, state.last);
+    const bool repeats = !state.isRepeated && std::ranges::equal(packet, state.last);
     if (known && mpeg::continuityOf(packet) != expected && !repeats &&
-        !mpeg::announcesDiscontinuity(packet) && !judge_.explained_.inputIsLost &&
-        isClean(mpeg::pidOf(packet)))
+        !mpeg::announcesDiscontinuity(packet) && !isStopped() && isClean(mpeg::pidOf(packet)))
       judge_.failed("continuity",
                     fmt::format("{}, routed PID {:#x}: {} follows {}", where(), mpeg::pidOf(packet),
                                 mpeg::continuityOf(packet), *state.continuity));
+    state.isRepeated = repeats;
     state.continuity = mpeg::continuityOf(packet);
     state.routes = routes_;
     state.dropped = dropped;
@@ -268,21 +274,9 @@ Judge::~Judge() {
 
 void Judge::begin(const History& history) {
   for (const Step& step : history.steps) {
-    switch (step.kind) {
-      case Step::Kind::kFault:
-        explainFault(step.what.substr(step.what.find('.') + 1));
-        break;
-      case Step::Kind::kUpload:
-      case Step::Kind::kFlood:
-        explained_.checkFails = true;
-        break;
-      case Step::Kind::kFlash:  // a short bitstream, no memory for a record: the card is not to run
-      case Step::Kind::kHeap:
-        explained_.cardHangs |= !history.preparation->isRunning && step.what != "no space";
-        break;
-      default:
-        break;
-    }
+    if (step.kind == Step::Kind::kFault) explainFault(step.what);
+    explained_.startFails |= !history.preparation->isRunning &&
+                             (step.kind == Step::Kind::kFlash || step.kind == Step::Kind::kHeap);
   }
   for (const int slot : headend_.options.slots) {
     std::ifstream file(recordFile(slot), std::ios::binary);
@@ -294,7 +288,7 @@ void Judge::begin(const History& history) {
 }
 
 void Judge::failed(const std::string& invariant, const std::string& text) {
-  if (failures_.size() < 10)
+  if (std::ranges::count(failures_, invariant, &Failure::invariant) < 2)
     failures_.push_back(
         {invariant, fmt::format("at {:.6f} s: {}", static_cast<double>(headend_.kernel.now()) / 1e9, text)});
 }
@@ -304,18 +298,29 @@ const QamCardPara* Judge::record(int slot) const {
   return descriptor == nullptr ? nullptr : static_cast<const QamCardPara*>(descriptor->varPtr);
 }
 
-void Judge::explainFault(const std::string& name) {
+void Judge::explainFault(const std::string& fault) {
+  const std::string name = fault.substr(fault.find('.') + 1);
   const std::string part = name.substr(0, name.find('-'));
   if (name.ends_with(headend::kInputLost)) {
-    explained_.inputIsLost = true;
+    explained_.lostInputs.insert(name.front() - '1');
   } else if (part == "config") {
-    explained_.channelStops = explained_.inputIsLost = explained_.cardHangs = true;
+    explained_.stopped[static_cast<std::size_t>(fault.front() - '1')] = true;
     explained_.violations.insert("");
   } else {
     explained_.violations.insert(part == "clock" ? "clock_generator" : part);
     if (name.ends_with("scl-low"))
       explained_.violations.insert("watchdog_not_kicked");  // it waits for the line
   }
+}
+
+bool Judge::mayHang() const {
+  const bool hasFailed = flashFaults().injected() > 0 || headend_.heap.failures() > 0;
+  return std::ranges::count(explained_.stopped, true) > 0 || (explained_.startFails && hasFailed);
+}
+
+void Judge::expectRecord(int slot, const std::optional<u64>& hash) {
+  ++checks_["records found"];
+  if (recordHash(slot) != hash) failed("the record is found again", fmt::format("slot {}", slot + 1));
 }
 
 void Judge::alarm(u8 slot, u8 port, u16 type, std::string_view text, bool isRaised) {
@@ -332,6 +337,7 @@ void Judge::alarm(u8 slot, u8 port, u16 type, std::string_view text, bool isRais
 
 void Judge::unlocksMap(u8 slot, u8 port, bool begins) {
   channel(slot, port)->mapChanges = begins;
+  if (!begins) channel(slot, port)->isMapPastLock = false;
 }
 
 void Judge::tablesChange(u8 slot, u8 port) {
@@ -342,13 +348,23 @@ void Judge::routed(u8 slot, u8 port) {
   if (Channel* each = channel(slot, port)) each->routed();
 }
 
+int Judge::slotOf(const QamCardPara* ptr) const {
+  const auto& slots = headend_.options.slots;
+  return *std::ranges::find_if(slots, [&](int slot) { return record(slot) == ptr; });
+}
+
+// The card takes chunks without a lock too, and uses them after the next one.
 void Judge::stores(const QamCardPara* ptr, u8 port, const set_psi_pkt& chunk) {
+  const int slot = slotOf(ptr);
+  if (qam_psi_lock_status[slot][port] == 0) channel(slot, port)->isPastLock = true;
   const u8* packet = reinterpret_cast<const u8*>(&chunk) + offsetof(set_psi_pkt, psi_pkt);
-  for (const int slot : headend_.options.slots) {
-    if (record(slot) != ptr) continue;
-    for (int i = 0; i < chunk.this_num; ++i, packet += kTsPacketSize)
-      channel(slot, port)->uploaded({packet, kTsPacketSize});
-  }
+  for (int i = 0; i < chunk.this_num; ++i, packet += kTsPacketSize)
+    channel(slot, port)->uploaded({packet, kTsPacketSize});
+}
+
+void Judge::storesMap(const QamCardPara* ptr, u8 port) {
+  const int slot = slotOf(ptr);
+  if (qam_pidmap_lock_status[slot][port] == 0) channel(slot, port)->isMapPastLock = true;
 }
 
 // What goes on the air after a change must outlast a power cut: it was saved before.
@@ -376,10 +392,6 @@ void Judge::rebuilt(u8 slot, u8 port) {
       if (headend_.alarms.find({slot, each, type}) != nullptr) alarms_.insert({slot, each, type, '0'});
     }
   }
-}
-
-void Judge::uploadsRaw(int slot, int port) {
-  channel(slot, port)->isRaw = true;
 }
 
 // A record goes to its file as it is in memory at one instant, or as it was when an earlier save failed.
@@ -419,13 +431,12 @@ void Judge::examine(bool isQuiet) {
   }
   for (const auto& check : headend_.observation.failedChecks()) {
     // Registration compares a slot with the number of channels.
-    if (!explained_.checkFails && check.text != "slotNo<MAX_QAM_OUT_NUM")
-      failed("no failed check", check.unit + ": " + check.text);
+    if (check.text != "slotNo<MAX_QAM_OUT_NUM") failed("no failed check", check.unit + ": " + check.text);
   }
   if (!headend_.kernel.fatalError().empty()) failed("no forbidden call", headend_.kernel.fatalError());
   if (!isQuiet) return;
   examineTasks();
-  ++checks_["heap"];
+  if (heap_) ++checks_["heap"];
   if (heap_ && *heap_ != heapBesideLists())
     failed("no leak", fmt::format("{} bytes beside the send lists, {} before", heapBesideLists(), *heap_));
 }
@@ -448,12 +459,12 @@ void Judge::examineFile(int slot, bool isQuiet) {
   auto& saved = *reinterpret_cast<QamCardPara*>(content.data());
   saved.qam_para.status = para->qam_para.status;
   for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-    if (qam_psi_lock_status[slot][port] != 0 || channel(slot, port)->isRaw) {
+    if (qam_psi_lock_status[slot][port] != 0 || channel(slot, port)->isPastLock) {
       std::ranges::copy(para->psiPkt[port], saved.psiPkt[port]);
       std::ranges::copy(para->pktNum[port], saved.pktNum[port]);
       std::ranges::copy(para->Interval[port], saved.Interval[port]);
     }
-    if (qam_pidmap_lock_status[slot][port] != 0 || channel(slot, port)->isRaw) {
+    if (qam_pidmap_lock_status[slot][port] != 0 || channel(slot, port)->isMapPastLock) {
       std::ranges::copy(para->pidMap[port], saved.pidMap[port]);
       saved.pidMapNum[port] = para->pidMapNum[port];
     }
@@ -470,7 +481,7 @@ void Judge::examineFile(int slot, bool isQuiet) {
 void Judge::examineRouter(int slot, int port) {
   const QamCardPara* para = record(slot);
   if (para == nullptr || !headend_.runs(slot) || qam_pidmap_lock_status[slot][port] != 0 ||
-      channel(slot, port)->isRaw || channel(slot, port)->mapChanges)
+      channel(slot, port)->mapChanges || channel(slot, port)->isMapPastLock)
     return;
   ++checks_["router maps"];
   for (u16 i = 0; i < kPidMapSize; ++i) {
@@ -488,18 +499,17 @@ void Judge::examineRouter(int slot, int port) {
 void Judge::examineTasks() {
   ++checks_["tasks"];
   for (const auto& parked : headend_.observation.parkedTasks()) {
-    if (parked.still && !explained_.cardHangs)
-      failed("nobody waits forever", parked.task + " polls " + parked.reg);
+    if (parked.still && !mayHang()) failed("nobody waits forever", parked.task + " polls " + parked.reg);
   }
   for (const auto& job : headend_.automaticOperator.jobs()) {
-    if (!job.ended && !explained_.cardHangs) failed("nobody waits forever", "the command " + job.text);
+    if (!job.ended && !mayHang()) failed("nobody waits forever", "the command " + job.text);
   }
-  if (semQamVar != nullptr && !semQamVar->available && !explained_.cardHangs)
+  if (semQamVar != nullptr && !semQamVar->available && !mayHang())
     failed("nobody waits forever",
            "semQamVar is held by " +
                (semQamVar->owner != nullptr ? semQamVar->owner->name : std::string("nobody")));
   for (const int slot : headend_.options.slots) {
-    if (!headend_.runs(slot) && !explained_.cardHangs)
+    if (!headend_.runs(slot) && !mayHang())
       failed("the card runs",
              fmt::format("slot {}: {}", slot + 1, protocol::nameOf(headend_.state(slot)).words.english));
   }
@@ -541,16 +551,24 @@ int __wrap_set_one_map(u8 slot, u8 port, u16 index, const u16* words) {
 
 int __real_QamPidMapSetLock(u8, u8, QamCardPara*, u32);
 int __wrap_QamPidMapSetLock(u8 slot, u8 port, QamCardPara* ptr, u32 isLocked) {
-  if (judge() != nullptr) judge()->unlocksMap(slot, port, isLocked == 0);
+  const bool changes = (qam_pidmap_lock_status[slot][port] != 0) != (isLocked != 0);
+  if (judge() != nullptr && changes) judge()->unlocksMap(slot, port, isLocked == 0);
   const int result = __real_QamPidMapSetLock(slot, port, ptr, isLocked);
-  if (judge() != nullptr) judge()->unlocksMap(slot, port, false);
+  if (judge() != nullptr && changes) judge()->unlocksMap(slot, port, false);
   return result;
+}
+
+int __real_QamSavePidMap(u8, QamCardPara*, const set_pid_map_t*);
+int __wrap_QamSavePidMap(u8 port, QamCardPara* ptr, const set_pid_map_t* v) {
+  if (judge() != nullptr) judge()->storesMap(ptr, port);
+  return __real_QamSavePidMap(port, ptr, v);
 }
 
 int __real_QamPsiSetLock(u8, u8, QamCardPara*, u32);
 int __wrap_QamPsiSetLock(u8 slot, u8 port, QamCardPara* ptr, u32 isLocked) {
+  const bool changes = (qam_psi_lock_status[slot][port] != 0) != (isLocked != 0);
   const int result = __real_QamPsiSetLock(slot, port, ptr, isLocked);
-  if (judge() != nullptr) judge()->tablesChange(slot, port);
+  if (judge() != nullptr && changes) judge()->tablesChange(slot, port);
   return result;
 }
 

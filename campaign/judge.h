@@ -29,6 +29,9 @@ class Judge {
   void begin(const History& history);
   // At any time between two operations; `isQuiet`: the faults are over and all work is done.
   void examine(bool isQuiet);
+  // After a start: the record's file that the card found is the one that the history left.
+  void expectRecord(int slot, const std::optional<u64>& hash);
+  std::optional<u64> recordHash(int slot) const { return cards_[static_cast<std::size_t>(slot)].kept; }
   void failed(const std::string& invariant, const std::string& text);
   const std::vector<Failure>& failures() const { return failures_; }
   const std::map<std::string, u64>& checks() const { return checks_; }  // made, by what
@@ -40,10 +43,10 @@ class Judge {
   void tablesChange(u8 slot, u8 port);  // it has locked or unlocked them
   void unlocksMap(u8 slot, u8 port, bool begins);
   void stores(const QamCardPara* ptr, u8 port, const set_psi_pkt& chunk);
+  void storesMap(const QamCardPara* ptr, u8 port);
   void rebuilds(u8 slot);  // the send lists
   void rebuilt(u8 slot, u8 port);
-  void routed(u8 slot, u8 port);        // a position of the router's map
-  void uploadsRaw(int slot, int port);  // a client of the history, past the locks
+  void routed(u8 slot, u8 port);  // a position of the router's map
 
  private:
   class Channel;
@@ -52,21 +55,22 @@ class Judge {
   }
   Channel* channel(int slot, int port) { return channels_[indexOf(slot, port)].get(); }
   const QamCardPara* record(int slot) const;
-  void explainFault(const std::string& name);
+  int slotOf(const QamCardPara* ptr) const;
+  void explainFault(const std::string& fault);
   void wrote(std::string_view file, std::string_view content);
   void examineFile(int slot, bool isQuiet);
   void examineRouter(int slot, int port);
   void examineTasks();
+  bool mayHang() const;  // a card
   std::size_t heapBesideLists() const;
 
   headend::Headend& headend_;
   std::vector<Failure> failures_;
   std::map<std::string, u64> checks_;
   struct {
-    bool channelStops = false;           // the FPGA loses its configuration
-    bool inputIsLost = false;            // an input, so that routed packets are missing
-    bool cardHangs = false;              // a card does not run, or waits for its FPGA
-    bool checkFails = false;             // a client sends what no operator does
+    std::array<bool, MAX_BOARD_NUM> stopped{};  // the FPGA of a card loses its configuration
+    std::set<int> lostInputs{};                 // of the source card
+    bool startFails = false;             // a file reads short, or there is no memory, while cards start
     std::set<std::string> violations{};  // prefixes
   } explained_;
   std::array<std::unique_ptr<Channel>, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> channels_;

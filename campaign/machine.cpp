@@ -144,7 +144,8 @@ void Machine::prepare() {
       jobs.push_back(headend::jobOf(command, headend_->options.inputCounts()));
     headend_->automaticOperator.start(std::move(jobs), preparation_.slots.front(),
                                       headend_->options.inputCounts());
-    while (!isQuiet()) headend_->kernel.delay(1);
+    while (!isQuiet() && headend_->kernel.now() < kPatience) headend_->kernel.delay(1);
+    if (!isQuiet()) judge_->failed("preparation", "a command has not ended, or the flash has no space");
     for (const std::string& complaint : headend_->automaticOperator.complaints())
       judge_->failed("preparation", complaint);
     for (const Failure& each : judge_->failures()) fmt::print(stderr, "{}: {}\n", each.invariant, each.text);
@@ -201,10 +202,14 @@ void Machine::play(const History& history, const Plant* plant) {
   finish();
 }
 
-void Machine::playStart() {
+void Machine::playStart(const nlohmann::ordered_json& records) {
   headend::Kernel& kernel = headend_->kernel;
   isPlaying_ = true;
   judge_->begin({.seed = 0, .preparation = &preparation_});
+  for (const int slot : headend_->options.slots) {
+    const auto& hash = records[std::to_string(slot)];
+    judge_->expectRecord(slot, hash.is_null() ? std::nullopt : std::optional(hash.get<u64>()));
+  }
   const auto starts = [this](int slot) { return !headend_->chassis.slot(slot).initReturned; };
   while (std::ranges::any_of(headend_->options.slots, starts) && kernel.now() < 20 * kSecond) kernel.delay(1);
   kernel.sleepUntil(kernel.now() + kSecond / 2);
@@ -306,7 +311,6 @@ void Machine::planPowerCut(const Step& step) {
 
 // A client that knows the datagrams, and ends in mid-upload or sends what is wrong.
 void Machine::upload(const Step& step) {
-  judge_->uploadsRaw(step.slot, step.port);
   headend::UdpSocket socket(headend_->network, nextPort_++);
   u32 sequence = 0;
   const auto write = [&](u16 variable, protocol::Bytes data) {
@@ -416,13 +420,18 @@ void Machine::finish() {
   for (const Failure& each : judge_->failures())
     failures.push_back({{"invariant", each.invariant}, {"text", each.text}});
   std::vector<int> written;
+  nlohmann::ordered_json records = nlohmann::ordered_json::object();
   for (const int slot : headend_->options.slots) {
+    records[std::to_string(slot)] = nullptr;
+    if (const auto hash = judge_->recordHash(slot)) records[std::to_string(slot)] = *hash;
+    if (!headend_->runs(slot)) judge_->noteWritten(slot);  // it is to run again
     if (judge_->isWritten(slot)) written.push_back(slot);
   }
   const nlohmann::ordered_json result = {
       {"failures", failures},
       {"cut", cut_},
       {"written", written},
+      {"records", records},
       {"virtual_ms", (headend_->kernel.now() - begin_) / kMillisecond},
       {"commands", headend_->automaticOperator.jobs().size()},
       {"commands_refused", std::ranges::count_if(headend_->automaticOperator.jobs(),
@@ -436,8 +445,8 @@ void Machine::finish() {
     for (const auto& [channel, sink] : headend_->sinks) sink->flush();
     if (headend_->trace) headend_->trace->finish(headend_->kernel.now());
   }
-  std::ofstream("result") << result.dump();
-  _exit(0);
+  const bool isWritten = (std::ofstream("result") << result.dump() << std::flush).good();
+  _exit(isWritten ? 0 : kExitNoResult);
 }
 
 }  // namespace campaign

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "campaign/history.h"
@@ -31,7 +32,8 @@ class Machine {
   // and the process ends.
   [[noreturn]] void play(const History& history, const Plant* plant);
   // The start after a power cut, or after a history that wrote: the cards must run. Ends as `play`.
-  [[noreturn]] void playStart();
+  // `records` has the hash of each record's file, as the history's result has it.
+  [[noreturn]] void playStart(const nlohmann::ordered_json& records);
 
  private:
   std::vector<headend::Job> jobsOf(const History& history) const;

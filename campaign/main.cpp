@@ -1,7 +1,9 @@
 // The program `headend-campaign`.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,7 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iostream>
+#include <map>
 #include <thread>
 
 #include "base/files.h"
@@ -39,7 +41,7 @@ struct Options {
   std::string preparation;
   std::string plant;
   u64 seed = 0;
-  std::vector<std::size_t> steps;
+  std::optional<std::vector<std::size_t>> steps;
   std::vector<std::string> files;
 };
 
@@ -87,29 +89,61 @@ const Plant* plantOf(const std::string& name) {
   return &*found;
 }
 
-std::vector<Json> readResults(const Options& options, const Json& head) {
-  std::vector<Json> results;
-  std::ifstream file(options.results);
-  std::string line;
-  if (!std::getline(file, line)) return results;
-  const Json found = Json::parse(line, nullptr, false);
-  if (found != head)
-    headend::fail(
-        "{} is of another campaign ({}): give another file for --results, or the same version, seeds and "
-        "preparation",
-        options.results, line);
-  while (std::getline(file, line)) {
-    Json result = Json::parse(line, nullptr, false);
-    if (result.is_object()) results.push_back(std::move(result));  // the last line may be a part
-  }
-  return results;
+Chosen chosenBy(const Options& options) {
+  return {options.preparation, options.plant};
 }
 
-int work(const Options& options, const fs::path& folder, const fs::path& files, const std::vector<u64>& seeds,
+// Of the campaign with this head, a line each; of a seed that is there twice, one.
+std::vector<Json> readResults(const Options& options, const Json& head) {
+  std::ifstream file(options.results);
+  std::string line;
+  if (!std::getline(file, line)) return {};
+  if (Json::parse(line, nullptr, false).dump(-1, ' ', false, Json::error_handler_t::replace) != head.dump())
+    headend::fail(
+        "{} is of another campaign, or of none: give another file for --results, or the same program, seeds "
+        "and preparation",
+        options.results);
+  std::map<u64, Json> results;
+  while (std::getline(file, line)) {
+    Json result = Json::parse(line, nullptr, false);
+    if (!result.is_object() || !result.contains("seed")) continue;  // the last line may be a part
+    const u64 seed = result["seed"];
+    if (seed >= options.first && seed - options.first < options.count) results[seed] = std::move(result);
+  }
+  std::vector<Json> all;
+  all.reserve(results.size());
+  for (auto& [seed, result] : results) all.push_back(std::move(result));
+  return all;
+}
+
+// Opens the file, for this campaign alone; what an earlier one has written last may be half a line.
+int openResults(const std::string& name, const Json& head) {
+  const int fd = ::open(name.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (fd < 0) headend::fail("cannot open {}: {}", name, std::strerror(errno));
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) headend::fail("another campaign writes to {}", name);
+  const off_t size = ::lseek(fd, 0, SEEK_END);
+  char last = '\n';
+  if (size > 0 && ::pread(fd, &last, 1, size - 1) != 1) headend::fail("cannot read {}", name);
+  const std::string text = size == 0 ? head.dump() + '\n' : last == '\n' ? "" : "\n";
+  if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    headend::fail("cannot write {}", name);
+  return fd;
+}
+
+// The result is written at the end: better no campaign than one without it.
+void requirePlace(const std::string& file) {
+  std::error_code ignored;
+  const fs::path folder = fs::path(file).parent_path();
+  if (!folder.empty() && !fs::is_directory(folder, ignored))
+    headend::fail("cannot write {}: there is no folder {}", file, folder.string());
+}
+
+int work(const Options& options, const fs::path& folder, const fs::path& files, const std::set<u64>& done,
          int fd) {
   Worker worker(folder, files, preparationOf(options.preparation), plantOf(options.plant));
-  for (u64 i = board->next++; i < seeds.size() && !board->stops; i = board->next++) {
-    const Json result = worker.run({.seed = seeds[i]});
+  for (u64 i = board->next++; i < options.count && !board->stops; i = board->next++) {
+    if (done.contains(options.first + i)) continue;
+    const Json result = worker.run({.seed = options.first + i});
     const std::string line = result.dump() + '\n';
     if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
       headend::fail("cannot write results");
@@ -122,7 +156,7 @@ int work(const Options& options, const fs::path& folder, const fs::path& files, 
 void report(const Json& summary, const std::string& file) {
   const std::string text = summary.dump(2) + '\n';
   if (file.empty()) {
-    std::cout << text;
+    std::fwrite(text.data(), 1, text.size(), stdout);
   } else {
     base::writeOutput(file, {reinterpret_cast<const u8*>(text.data()), text.size()});
   }
@@ -134,8 +168,14 @@ void report(const Json& summary, const std::string& file) {
 }
 
 int runCampaign(Options options) {
+  const bool keepsResults = !options.results.empty();
+  preparationOf(options.preparation);  // a wrong call ends before anything is written
+  plantOf(options.plant);
+  requirePlace(options.summary);
+  if (keepsResults && options.results == options.summary)
+    throw commands::WrongCall("--results and --summary name the same file");
   const Scratch scratch;
-  if (options.results.empty()) options.results = scratch.path / "results";
+  if (!keepsResults) options.results = scratch.path / "results";
   const fs::path files = scratch.path / "files";
   makeFiles(options.samples, files);
   const Json head = {{"version", version()},
@@ -143,28 +183,20 @@ int runCampaign(Options options) {
                      {"count", options.count},
                      {"preparation", options.preparation},
                      {"plant", options.plant}};
-  std::vector<Json> results = readResults(options, head);
-  const int fd = ::open(options.results.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  if (fd < 0) headend::fail("cannot open {}: {}", options.results, std::strerror(errno));
-  const std::string headLine = head.dump() + '\n';
-  if (results.empty() && fs::file_size(options.results) == 0 &&
-      ::write(fd, headLine.data(), headLine.size()) != static_cast<ssize_t>(headLine.size()))
-    headend::fail("cannot write {}", options.results);
+  const std::vector<Json> before = readResults(options, head);
+  const int fd = openResults(options.results, head);
   std::set<u64> done;
-  for (const Json& each : results) done.insert(each["seed"].get<u64>());
-  std::vector<u64> seeds;
-  for (u64 seed = options.first; seed < options.first + options.count; ++seed) {
-    if (!done.contains(seed)) seeds.push_back(seed);
-  }
+  for (const Json& each : before) done.insert(each["seed"].get<u64>());
 
   const auto began = std::chrono::steady_clock::now();
   std::vector<pid_t> workers;
   for (unsigned i = 0; i < options.jobs; ++i) {
     const pid_t worker = ::fork();
     if (worker == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // it goes with this process
       int code = kEnded;
       try {
-        code = work(options, scratch.path / fmt::format("worker{}", i), files, seeds, fd);
+        code = work(options, scratch.path / fmt::format("worker{}", i), files, done, fd);
       } catch (const std::exception& e) {
         fmt::print(stderr, "headend-campaign: {}\n", e.what());
         board->stops = true;
@@ -193,28 +225,38 @@ int runCampaign(Options options) {
     }
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-  results = readResults(options, head);
-  Json summary = summaryOf({options.first, options.first + options.count - 1}, options.preparation, results);
+  const std::vector<Json> results = readResults(options, head);
+  Json summary = summaryOf({options.first, options.first + options.count - 1}, chosenBy(options), results);
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
   summary["cpu_seconds"]["all"] = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                                   static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
   summary["elapsed_seconds"] = seconds;
   if (!allWell || results.size() < options.count) {
-    fmt::print(stderr,
-               "headend-campaign: ended after {} of {} histories; the same call with --results {} goes on\n",
-               results.size(), options.count, options.results);
+    fmt::print(stderr, "headend-campaign: ended after {} of {} histories; {}\n", results.size(),
+               options.count,
+               keepsResults ? "the same call goes on" : "with --results FILE the same call would go on");
     return kEnded;
   }
   report(summary, options.summary);
   return summary["failures"].empty() ? kHeld : kFailed;
 }
 
+// Throws if a signal has asked for the end.
+void demandMore() {
+  if (board->stops) headend::fail("ended");
+}
+
 // ---- One history ----
 
 History historyOf(const Options& options) {
   History history = campaign::historyOf(options.seed, preparationOf(options.preparation));
-  return options.steps.empty() ? history : history.only(options.steps);
+  if (!options.steps) return history;
+  for (const std::size_t step : *options.steps) {
+    if (step >= history.steps.size())
+      throw commands::WrongCall(fmt::format("--steps: the history has no step {}", step));
+  }
+  return history.only(*options.steps);
 }
 
 void print(const History& history) {
@@ -229,12 +271,14 @@ int replayHistory(const Options& options) {
   std::fflush(stdout);
   const fs::path folder = options.folder.empty() ? fmt::format("history-{}", options.seed) : options.folder;
   fs::create_directories(folder);
+  const fs::path mark = folder / "headend-campaign";  // a replay may replace what another has left
+  if (!fs::is_empty(folder) && !fs::exists(mark))
+    headend::fail("the folder {} holds other files: give another --folder", folder.string());
+  std::ofstream(mark) << "";
   makeFiles(options.samples, fs::absolute(folder) / "files");
   Worker worker(fs::absolute(folder), fs::absolute(folder) / "files", preparationOf(options.preparation),
                 plantOf(options.plant));
-  Task task{.seed = options.seed};
-  if (!options.steps.empty()) task.steps = options.steps;
-  const Json result = worker.replay(task);
+  const Json result = worker.replay({.seed = options.seed, .steps = options.steps});
   fmt::print("{}\n", result.dump(2));
   fmt::print("log, trace, report and outputs are in {0}, those of the start after it in {0}/start\n",
              (folder / "history").string());
@@ -255,12 +299,13 @@ int shrinkHistory(const Options& options) {
   const std::string invariant = result["failures"][0]["invariant"];
   base::ProgressLine line;
   const auto left = shrink(worker, options.seed, invariant, whole.steps.size(), [&](std::size_t steps) {
+    demandMore();
     line.show(fmt::format("{} of {} steps", steps, whole.steps.size()));
   });
   line.show("");
   fmt::print("{}: {} of {} steps\n", invariant, left.size(), whole.steps.size());
   for (const std::size_t number : left) fmt::print("{:3}  {}\n", number, describe(whole.steps[number]));
-  fmt::print("{}\n", replayLine(options.seed, options.preparation, left));
+  fmt::print("{}\n", replayLine(options.seed, chosenBy(options), left));
   return kFailed;
 }
 
@@ -270,11 +315,17 @@ int findPlants(const Options& options) {
   const Scratch scratch;
   makeFiles(options.samples, scratch.path / "files");
   bool allFound = true;
+  Worker sound(scratch.path / "sound", scratch.path / "files", preparationOf("two cards"), nullptr);
+  for (u64 i = 0; i < 3; ++i) {
+    const Json result = sound.run({.seed = options.first + i});
+    if (!result["failures"].empty()) headend::fail("seed {} fails without a plant", options.first + i);
+  }
   for (const Plant& plant : plants()) {
     Worker worker(scratch.path / "worker", scratch.path / "files", preparationOf("two cards"), &plant);
     u64 tried = 0;
     std::string found;
     while (found.empty() && tried < options.count) {
+      demandMore();
       const Json result = worker.run({.seed = options.first + tried++});
       for (const Json& each : result["failures"]) {
         if (each["invariant"] == plant.invariant) found = each["text"];
@@ -298,13 +349,18 @@ int mergeSummaries(const Options& options) {
   return sum["failures"].empty() ? kHeld : kFailed;
 }
 
+// Ascending.
 std::vector<std::size_t> stepsOf(const std::string& text) {
   std::vector<std::size_t> steps;
+  if (text == "none") return steps;
   for (std::size_t at = 0; at <= text.size();) {
     const std::size_t end = std::min(text.find(',', at), text.size());
     steps.push_back(commands::valid(base::parseNumber<std::size_t>(text.substr(at, end - at), 10'000), text,
                                     "list of steps such as 0,3,7"));
     at = end + 1;
+  }
+  for (std::size_t i = 1; i < steps.size(); ++i) {
+    if (steps[i] <= steps[i - 1]) throw std::invalid_argument(fmt::format("'{}' does not ascend", text));
   }
   return steps;
 }
@@ -346,7 +402,8 @@ int runProgram(std::vector<std::string> words) {
                options.samples);
   for (commands::Form* each : {&replay, &shrinks})
     each->integer(commands::Option("seed", "SEED", "the history").required(), options.seed, 0, kMost);
-  replay.value(commands::Option("--steps", "LIST", "only these steps, as 0,3,7"), options.steps, stepsOf);
+  replay.value(commands::Option("--steps", "LIST", "only these steps, as 0,3,7, or none"), options.steps,
+               stepsOf);
   replay.text(commands::Option("--folder", "FOLDER", "for the log and all else (default history-SEED)"),
               options.folder);
   merges.values(commands::Option("files", "FILE", "summaries").required().repeatable(commands::kAny),
@@ -373,9 +430,12 @@ int main(int argc, char** argv) {
       new (::mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Board;
   std::signal(SIGINT, onSignal);
   std::signal(SIGTERM, onSignal);
+  std::signal(SIGHUP, onSignal);
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    return runProgram({argv + 1, argv + argc});
+    const int code = runProgram({argv + 1, argv + argc});
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) headend::fail("cannot write to stdout");
+    return code;
   } catch (const commands::Help& help) {
     fmt::print("{}", help.text);
     return kHeld;

@@ -104,6 +104,9 @@ const std::vector<Plant>& plants() {
          h.chassis.save(static_cast<u8>(slot));
          std::filesystem::remove("flash/K717_QAM/qam.bin");
        }},
+      {"a record is lost while the power is off", "the record is found again",
+       [](Headend& h, int slot) { h.chassis.save(static_cast<u8>(slot)); },
+       [](int slot) { std::filesystem::remove("flash/" + recordFile(slot)); }},
       {"the processor stops", "the program goes on", [](Headend&, int) { std::abort(); }},
   };
   return all;

@@ -14,6 +14,7 @@ struct Plant {
   std::string name;
   std::string invariant;  // that must turn red
   std::function<void(headend::Headend& headend, int slot)> set;
+  std::function<void(int slot)> beforeStart = [](int /*slot*/) {};  // that follows the history
 };
 const std::vector<Plant>& plants();
 

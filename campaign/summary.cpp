@@ -4,6 +4,7 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "base/files.h"
 #include "headend/fail.h"
@@ -40,7 +41,7 @@ std::string version() {
   return text;
 }
 
-Json summaryOf(const Range& range, const std::string& only, const std::vector<Json>& results) {
+Json summaryOf(const Range& range, const Chosen& chosen, const std::vector<Json>& results) {
   Json sum = {{"histories", 0},
               {"histories_failed", 0},
               {"virtual_seconds", 0.0},
@@ -55,7 +56,7 @@ Json summaryOf(const Range& range, const std::string& only, const std::vector<Js
     for (const Json& failure : each["failures"]) {
       failures.push_back({{"seed", each["seed"]}});
       failures.back().update(failure);
-      failures.back()["replay"] = replayLine(each["seed"], only);
+      failures.back()["replay"] = replayLine(each["seed"], chosen);
     }
     Json one = {
         {"histories", 1},
@@ -73,50 +74,60 @@ Json summaryOf(const Range& range, const std::string& only, const std::vector<Js
     if (const std::string cut = each["cut"]; !cut.empty()) one["power_cuts"] = {{cut, 1}};
     add(sum, one);
   }
-  Json whole = {{"version", version()}, {"seeds", Json::array({Json::array({range.first, range.last})})}};
+  Json whole = {{"version", version()},
+                {"preparation", chosen.preparation},
+                {"plant", chosen.plant},
+                {"seeds", Json::array({Json::array({range.first, range.last})})}};
   whole.update(sum);
   return whole;
 }
 
 Json merge(const std::vector<std::pair<std::string, Json>>& summaries) {
   Json sum = nullptr;
-  std::vector<std::pair<Json, std::string>> ranges;
+  std::vector<std::tuple<u64, u64, std::string>> ranges;
+  const auto& [firstFile, first] = summaries.front();
   for (const auto& [file, summary] : summaries) {
-    if (!summary.is_object() || !summary.contains("version") || !summary.contains("seeds"))
+    try {
+      for (const char* name : {"version", "preparation", "plant"}) {
+        if (summary.at(name) == first.at(name)) continue;
+        headend::fail(
+            "{} is of the {} '{}', and {} of '{}': only results of one program and campaign can be added",
+            file, name, summary.at(name).get<std::string>(), firstFile, first.at(name).get<std::string>());
+      }
+      for (const Json& range : summary.at("seeds"))
+        ranges.emplace_back(range.at(0).get<u64>(), range.at(1).get<u64>(), file);
+      Json numbers = summary;
+      for (const char* name : {"version", "preparation", "plant", "seeds"}) numbers.erase(name);
+      add(sum, numbers);
+    } catch (const Json::exception&) {
       headend::fail("{} is not the summary of a campaign", file);
-    if (summary["version"] != summaries.front().second["version"])
-      headend::fail("{} is of version {}, and {} of {}: only results of one program can be added", file,
-                    summary["version"].get<std::string>(), summaries.front().first,
-                    summaries.front().second["version"].get<std::string>());
-    for (const Json& range : summary["seeds"]) ranges.emplace_back(range, file);
-    Json numbers = summary;
-    numbers.erase("version");
-    add(sum, numbers);
-  }
-  std::ranges::sort(ranges);
-  for (std::size_t i = 1; i < ranges.size(); ++i) {
-    if (ranges[i].first[0] <= ranges[i - 1].first[1])
-      headend::fail("{} and {} both have the seed {}", ranges[i - 1].second, ranges[i].second,
-                    ranges[i].first[0].get<u64>());
-  }
-  Json whole = {{"version", summaries.front().second["version"]}};
-  whole.update(sum);
-  whole["seeds"] = Json::array();
-  for (const auto& [range, file] : ranges) {
-    Json& all = whole["seeds"];
-    if (!all.empty() && all.back()[1].get<u64>() + 1 == range[0]) {
-      all.back()[1] = range[1];
-    } else {
-      all.push_back(range);
     }
   }
+  std::ranges::sort(ranges);
+  Json seeds = Json::array();
+  for (std::size_t i = 0; i < ranges.size(); ++i) {
+    const auto& [from, to, file] = ranges[i];
+    if (i > 0 && from <= std::get<1>(ranges[i - 1]))
+      headend::fail("{} and {} both have the seed {}", std::get<2>(ranges[i - 1]), file, from);
+    if (i > 0 && from == std::get<1>(ranges[i - 1]) + 1) {
+      seeds.back()[1] = to;
+    } else {
+      seeds.push_back(Json::array({from, to}));
+    }
+  }
+  Json whole;
+  for (const char* name : {"version", "preparation", "plant"}) whole[name] = first[name];
+  whole["seeds"] = seeds;
+  whole.update(sum);
   return whole;
 }
 
-std::string replayLine(u64 seed, const std::string& only, const std::vector<std::size_t>& steps) {
+std::string replayLine(u64 seed, const Chosen& chosen, const std::optional<std::vector<std::size_t>>& steps) {
   std::string line = fmt::format("headend-campaign replay {}", seed);
-  if (!only.empty()) line += fmt::format(" --preparation '{}'", only);
-  if (!steps.empty()) line += fmt::format(" --steps {}", fmt::join(steps, ","));
+  if (!chosen.preparation.empty()) line += fmt::format(" --preparation '{}'", chosen.preparation);
+  if (!chosen.plant.empty()) line += fmt::format(" --plant '{}'", chosen.plant);
+  if (steps)
+    line += fmt::format(" --steps {}", steps->empty() ? "none" : fmt::format("{}", fmt::join(*steps, ",")));
   return line;
 }
 

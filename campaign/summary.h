@@ -2,6 +2,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,13 +19,20 @@ struct Range {
 // Of this program: results of another build are not added to its own.
 std::string version();
 
-// `only`: the preparation of all histories, if one was chosen.
-nlohmann::ordered_json summaryOf(const Range& range, const std::string& only,
+// What all histories of a campaign have in common.
+struct Chosen {
+  std::string preparation;  // empty: the seed chooses
+  std::string plant;        // empty: none
+};
+
+nlohmann::ordered_json summaryOf(const Range& range, const Chosen& chosen,
                                  const std::vector<nlohmann::ordered_json>& results);
-// Throws std::runtime_error if the versions differ or if ranges overlap, with the files that do.
+// Throws std::runtime_error with the files, if one is no summary, if ranges overlap, or if versions,
+// preparations or plants differ.
 nlohmann::ordered_json merge(const std::vector<std::pair<std::string, nlohmann::ordered_json>>& summaries);
 
 // The command that replays a history.
-std::string replayLine(u64 seed, const std::string& only, const std::vector<std::size_t>& steps = {});
+std::string replayLine(u64 seed, const Chosen& chosen,
+                       const std::optional<std::vector<std::size_t>>& steps = std::nullopt);
 
 }  // namespace campaign

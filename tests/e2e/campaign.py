@@ -35,7 +35,7 @@ def counted(summary):
 def each_check_finds_its_planted_fault(case):
     campaign = Campaign(case)
     text = campaign.run('plants', *campaign.samples, '--count', '20')
-    case.equal(text.count(': history '), 17, f'plants found, of 17: {text}')
+    case.equal(text.count(': history '), 18, f'plants found, of 18: {text}')
 
 
 # All checks hold in a slice of histories; two halves, in processes of their own, add up to the whole. An ended campaign
@@ -44,7 +44,7 @@ def ranges_add_up_and_an_ended_range_goes_on(case):
     campaign = Campaign(case)
     whole = campaign.histories('whole', 900, 60)
     case.check(whole['histories'] == 60 and whole['failures'] == [], f'not all held: {whole["failures"]}')
-    case.check(min(whole['checks'].values()) > 30, f'too few checks: {whole["checks"]}')
+    case.check(min(whole['checks'].values()) > 20, f'too few checks: {whole["checks"]}')
     parts = [case.path(f'part{first}') for first in (900, 930)]
     write(case.path('commands'), ''.join(
         f'{campaign.program} run --samples {case.args.samples} --first {first} --count 30 --jobs 1 --summary {part}\n'
@@ -53,10 +53,13 @@ def ranges_add_up_and_an_ended_range_goes_on(case):
     merged = campaign.summary('merged', 'merge', *parts)
     case.check(counted(merged) == counted(whole), f'the sum {merged} is not the whole {whole}')
     campaign.run('merge', parts[0], case.path('whole'), code=3)  # both have the seed 900
+    write(case.path('notes'), b'hello\n')
+    campaign.run('run', *campaign.samples, '--results', case.path('notes'), code=3)
+    case.equal(read(case.path('notes')), b'hello\n', 'a file that is not of a campaign')
     other = json.loads(read(parts[0])) | {'version': 'another'}
     write(case.path('other'), json.dumps(other).encode())
     text = campaign.run('merge', parts[1], case.path('other'), code=3)
-    case.check('version another' in text, f'another version is not refused by name: {text}')
+    case.check("version 'another'" in text, f'another version is not refused by name: {text}')
 
     results = case.path('results')
     process = subprocess.Popen([campaign.program, 'run', *campaign.samples, '--first', '900', '--count', '60', '--jobs',
@@ -76,11 +79,13 @@ def a_failing_history_is_replayed_and_shrunk(case):
     campaign = Campaign(case)
     failing = ['--plant', 'memory is not freed', '--preparation', 'programmes']
     summary = campaign.histories('failing', 4, 1, *failing, code=1)
-    case.equal(summary['failures'][0]['replay'], "headend-campaign replay 4 --preparation 'programmes'", 'the replay line')
+    case.equal(summary['failures'][0]['replay'], "headend-campaign replay 4 --preparation 'programmes' --plant 'memory is not freed'", 'the replay line')
     text = campaign.run('replay', '4', *campaign.samples, *failing, '--folder', case.path('replay'), code=1)
     case.check('no leak' in text, f'the replay shows no leak: {text}')
     left = [name for name in ('log', 'trace.vcd', 'report.json', '1.1.ts') if not read(case.path('replay/history/' + name))]
     case.check(not left, f'the replay left nothing in {left}')
+    write(case.path('mine/file'), b'kept')
+    campaign.run('replay', '4', *campaign.samples, '--folder', case.path('mine'), code=3)
     text = campaign.run('shrink', '4', *campaign.samples, *failing, code=1)
     case.check('no leak: 0 of' in text, f'it did not shrink: {text}')
 

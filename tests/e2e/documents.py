@@ -21,7 +21,7 @@ SKIPPED = {r'\./(run|test) +builds': 'what the two commands are', r'ffplay': 'a 
            r'\./test --browser': 'axe-core is from outside Debian',
            r'/usr/bin/python3 bench/web_page': 'needs Chromium, and measures for long',
            r'bench/snmp\.py': 'needs snmpd, and measures for long'}
-SHORTER = {'./run': 'chassis', '--count 1000': '--count 20', '--count 500': '--count 5', '--days 30': '--days 0.1', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
+SHORTER = {'./run': 'chassis', '--count 1000': '--count 20', '--count 500': '--count 5', '--count 100': '--count 5', '--days 30': '--days 0.1', 'seq 1059': 'seq 2', '5300': '53', '/usr/bin/time -v': 'time',
            './build/gcc/bench/card_times panel': 'timeout 3 ./build/gcc/bench/card_times panel',
            'bench/controller': 'bench/controller --help',
            'python3 bench/instructions.py': 'uncounted bench/instructions.py'}
@@ -77,7 +77,7 @@ def blocks(file):
 
 def is_command(text):
     word = text.split()[0]
-    ours = word in ('headend', 'qamctl', 'time', 'for') or word.startswith(('(', '.', 'build/', 'QAM_', 'sets='))
+    ours = word in ('headend', 'qamctl', 'time', 'for') or word.startswith(('(', '.', 'build/', 'QAM_', 'TASK=', 'sets='))
     return ours or shutil.which(word) is not None
 
 

@@ -196,8 +196,9 @@ void Machine::play(const History& history, const Plant* plant) {
   flashFaults().endAll();
   headend_->heap.allows = [](std::size_t) { return true; };
   kernelCall() = [] {};
-  while (!isQuiet() && kernel.now() < end + kPatience) kernel.sleepUntil(kernel.now() + kSecond / 10);
-  kernel.sleepUntil(kernel.now() + kSecond / 2);
+  do {
+    kernel.sleepUntil(kernel.now() + kSecond / 2);
+  } while (!isQuiet() && kernel.now() < end + kPatience);
   judge_->examine(true);
   finish();
 }

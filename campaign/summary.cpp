@@ -44,7 +44,7 @@ std::string version() {
 Json summaryOf(const Range& range, const Chosen& chosen, const std::vector<Json>& results) {
   Json sum = {{"histories", 0},
               {"histories_failed", 0},
-              {"virtual_seconds", 0.0},
+              {"virtual_ms", 0},
               {"cpu_seconds", {{"histories", 0.0}, {"starts", 0.0}}},
               {"preparations", Json::object()},
               {"steps", Json::object()},
@@ -61,7 +61,7 @@ Json summaryOf(const Range& range, const Chosen& chosen, const std::vector<Json>
     Json one = {
         {"histories", 1},
         {"histories_failed", failures.empty() ? 0 : 1},
-        {"virtual_seconds", each.value("virtual_ms", 0.0) / 1e3},
+        {"virtual_ms", each.value("virtual_ms", u64{0})},
         {"cpu_seconds",
          {{"histories", each.value("cpu_ms", 0.0) / 1e3}, {"starts", each.value("start_cpu_ms", 0.0) / 1e3}}},
         {"preparations", {{each["preparation"].get<std::string>(), 1}}},

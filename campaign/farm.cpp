@@ -124,6 +124,8 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
     enter(folder);
     Machine machine(preparation, preparation.slots, Machine::Traces::kNone);
     machine.run(true, [&] {
+      const int ready = 0;  // from now on its flash does not change
+      if (::write(answers[1], &ready, sizeof ready) != sizeof ready) ::_exit(1);
       Task task;
       for (char go = 0; ::read(requests[0], &go, 1) == 1;) {
         const Json asked = readResult(folder_ / "history/task");
@@ -148,6 +150,9 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
   ::close(answers[1]);
   parent->requests = requests[1];
   parent->answers = answers[0];
+  int ready = 0;
+  if (::read(parent->answers, &ready, sizeof ready) != sizeof ready)
+    headend::fail("the preparation '{}' does not run", preparation.name);
   return *parent;
 }
 

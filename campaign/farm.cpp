@@ -30,20 +30,7 @@ void diesWithParent() {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
 }
 
-// The body's process; its status as of waitpid.
-pid_t forked(const std::function<void()>& body) {
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  if (child < 0) headend::fail("cannot fork: {}", std::strerror(errno));
-  if (child > 0) return child;
-  diesWithParent();
-  try {
-    body();
-  } catch (const std::exception& e) {
-    fmt::print(stderr, "headend-campaign: {}\n", e.what());
-  }
-  ::_exit(1);
-}
+// As of waitpid.
 int statusOf(pid_t child) {
   int status = 0;
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -67,6 +54,20 @@ Json readResult(const fs::path& file) {
 }
 
 }  // namespace
+
+pid_t forked(const std::function<void()>& body) {
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child < 0) headend::fail("cannot fork: {}", std::strerror(errno));
+  if (child > 0) return child;
+  diesWithParent();
+  try {
+    body();
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "headend-campaign: {}\n", e.what());
+  }
+  ::_exit(1);
+}
 
 // A process with a prepared chassis. It forks a history at each line that it reads, and answers with its
 // status.
@@ -167,10 +168,8 @@ void Worker::copyFlash(const fs::path& from) {
     if (entry.is_directory()) {
       fs::create_directories(target);
     } else if (entry.path().extension() == ".bin") {
-      fs::create_directories(target.parent_path());
       fs::create_hard_link(entry.path(), target);
     } else if (entry.path().filename() != "lock") {
-      fs::create_directories(target.parent_path());
       fs::copy_file(entry.path(), target);
     }
   }
@@ -190,14 +189,20 @@ Json Worker::run(const Task& task) {
         ::read(parent.answers, &status, sizeof status) != sizeof status)
       headend::fail("the process of the preparation '{}' has ended", preparation.name);
   } else {
-    status = statusOf(forked([&] {
-      limitCpu();
-      enter(folder_ / "history");
-      Machine machine(preparation, preparation.slots, Machine::Traces::kNone, &history);
-      machine.run(false, [&] { machine.play(history, plant_); });
-    }));
+    status = happen(history, Machine::Traces::kNone);
   }
   return finished(task, status, Machine::Traces::kNone);
+}
+
+// In a process that is not forked from a running chassis.
+int Worker::happen(const History& history, Machine::Traces traces) {
+  const Preparation& preparation = *history.preparation;
+  return statusOf(forked([&] {
+    limitCpu();
+    enter(folder_ / "history");
+    Machine machine(preparation, preparation.slots, traces, preparation.isRunning ? nullptr : &history);
+    machine.run(preparation.isRunning, [&] { machine.play(history, plant_); });
+  }));
 }
 
 Json Worker::finished(const Task& task, int status, Machine::Traces traces) {
@@ -256,17 +261,9 @@ int Worker::start(const Preparation& preparation, const Json& result, Machine::T
 
 Json Worker::replay(const Task& task) {
   const History history = historyOf(task);
-  const Preparation& preparation = *history.preparation;
-  parentOf(preparation);
-  copyFlash(folder_ / preparation.name);
-  const int status = statusOf(forked([&] {
-    limitCpu();
-    enter(folder_ / "history");
-    Machine machine(preparation, preparation.slots, Machine::Traces::kAll,
-                    preparation.isRunning ? nullptr : &history);
-    machine.run(preparation.isRunning, [&] { machine.play(history, plant_); });
-  }));
-  return finished(task, status, Machine::Traces::kAll);
+  parentOf(*history.preparation);
+  copyFlash(folder_ / history.preparation->name);
+  return finished(task, happen(history, Machine::Traces::kAll), Machine::Traces::kAll);
 }
 
 // ---- Files ----

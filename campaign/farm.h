@@ -2,7 +2,8 @@
 // for each start after a history.
 #pragma once
 
-#include <atomic>
+#include <sys/types.h>
+
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -15,6 +16,10 @@
 #include "campaign/plant.h"
 
 namespace campaign {
+
+// A process that carries `body` out, which is to end it, and that goes with this one, even if that is killed.
+// After an exception, which it prints, its exit code is 1.
+pid_t forked(const std::function<void()>& body);
 
 struct Task {
   u64 seed = 0;
@@ -41,6 +46,7 @@ class Worker {
   History historyOf(const Task& task) const;
   Parent& parentOf(const Preparation& preparation);
   void copyFlash(const std::filesystem::path& from);
+  int happen(const History& history, Machine::Traces traces);
   nlohmann::ordered_json finished(const Task& task, int status, Machine::Traces traces);
   int start(const Preparation& preparation, const nlohmann::ordered_json& result, Machine::Traces traces);
 

@@ -21,7 +21,7 @@ inline constexpr Nanos kMillisecond = kSecond / 1000;
 struct Preparation {
   std::string name;
   std::vector<int> slots;
-  std::vector<std::string> inputs{};  // files of the samples, or of makeInputs()
+  std::vector<std::string> inputs{};  // files of the samples, or of makeFiles()
   std::vector<std::string> commands{};
   bool isRunning = true;  // else the history begins with the power-up
   unsigned share = 0;     // of all histories, in percent
@@ -32,7 +32,7 @@ const std::vector<Preparation>& preparations();
 struct Step {
   enum class Kind {
     kCommand,      // `what` is a command of qamctl
-    kSnmp,         // `what` is an object and, to set it, a value
+    kSnmp,         // a manager reads or sets the row `number` of a card's MIB
     kFault,        // `what` is a fault of a card or an input, present until `until`
     kTemperature,  // `what` is a sensor, which measures `number` degrees until `until`
     kFlash,        // `what` is a fault of the flash from its operation `number` on, until `until`

@@ -20,17 +20,12 @@ namespace {
 
 Judge* current = nullptr;
 
-// FNV-1a, eight bytes at a time.
+// Compared only within this program.
+u64 hashOf(std::string_view text) {
+  return std::hash<std::string_view>{}(text);
+}
 u64 hashOf(std::span<const u8> bytes) {
-  u64 hash = 0xCBF29CE484222325;
-  for (; bytes.size() >= 8; bytes = bytes.subspan(8)) {
-    u64 word = 0;
-    std::copy_n(bytes.data(), 8, reinterpret_cast<u8*>(&word));
-    hash = (hash ^ word) * 0x100000001B3;
-    hash ^= hash >> 29;
-  }
-  for (const u8 byte : bytes) hash = (hash ^ byte) * 0x100000001B3;
-  return hash;
+  return hashOf(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
 }
 std::span<const u8> bytesOf(std::string_view text) {
   return {reinterpret_cast<const u8*>(text.data()), text.size()};
@@ -41,7 +36,7 @@ u64 hashOfPacket(std::span<const u8> packet) {
   mpeg::Packet copy{};
   std::copy_n(packet.begin(), copy.size(), copy.begin());
   mpeg::setContinuity(copy, 0);
-  return hashOf(copy);
+  return hashOf(std::span<const u8>(copy));
 }
 
 // Those that the card sends: the store ends at the first free entry.
@@ -54,6 +49,11 @@ std::span<const outPsiPkt_t> storeOf(const QamCardPara& record, int port) {
 
 std::string recordFile(int slot) {
   return fmt::format("flash/para/card{}.dat", slot + 1);
+}
+// Empty without one.
+std::string contentOfRecord(int slot) {
+  std::ifstream file(recordFile(slot), std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace
@@ -279,10 +279,9 @@ void Judge::begin(const History& history) {
                              (step.kind == Step::Kind::kFlash || step.kind == Step::Kind::kHeap);
   }
   for (const int slot : headend_.options.slots) {
-    std::ifstream file(recordFile(slot), std::ios::binary);
-    const std::string content(std::istreambuf_iterator<char>(file), {});
+    const std::string content = contentOfRecord(slot);
     cards_[static_cast<std::size_t>(slot)].kept =
-        content.empty() ? std::nullopt : std::optional(hashOf(bytesOf(content)));
+        content.empty() ? std::nullopt : std::optional(hashOf(content));
   }
   if (history.preparation->isRunning && history.length > 0) heap_ = heapBesideLists();
 }
@@ -373,7 +372,7 @@ void Judge::rebuilds(u8 slot) {
   const auto& place = headend_.chassis.slot(slot);
   if (para == nullptr || !place.initReturned || !place.recordKept()) return;
   ++checks_["rebuilds"];
-  if (cards_[slot].kept != hashOf({reinterpret_cast<const u8*>(para), sizeof *para}))
+  if (cards_[slot].kept != hashOf(std::span(reinterpret_cast<const u8*>(para), sizeof *para)))
     failed("what goes on the air is saved", fmt::format("slot {}", slot + 1));
 }
 
@@ -410,7 +409,7 @@ void Judge::wrote(std::string_view file, std::string_view content) {
     if (!isWhole)
       failed("the record is whole",
              fmt::format("slot {}: {} bytes that were never in memory together", slot + 1, bytes.size()));
-    cards_[static_cast<std::size_t>(slot)].pending = hashOf(bytes);
+    cards_[static_cast<std::size_t>(slot)].pending = hashOf(content);
     noteWritten(slot);
   }
 }
@@ -444,10 +443,9 @@ void Judge::examine(bool isQuiet) {
 void Judge::examineFile(int slot, bool isQuiet) {
   const Card& card = cards_[static_cast<std::size_t>(slot)];
   if (!card.kept) return;
-  std::ifstream file(recordFile(slot), std::ios::binary);
-  std::string content(std::istreambuf_iterator<char>(file), {});
+  std::string content = contentOfRecord(slot);
   ++checks_["record files"];
-  if (hashOf(bytesOf(content)) != *card.kept) {
+  if (hashOf(content) != *card.kept) {
     failed("the record is old or new",
            fmt::format("the file of slot {} has {} bytes that are neither", slot + 1, content.size()));
     return;

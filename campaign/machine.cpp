@@ -396,7 +396,7 @@ void Machine::askSnmp(const Step& step) {
   ::getsockname(headend_->snmp->fd(), reinterpret_cast<sockaddr*>(&address), &length);
   const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   ::sendto(fd, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&address), length);
-  ::close(fd);  // the answer goes to nobody
+  ::close(fd);  // the answer is not read
 }
 
 // ---- The end ----

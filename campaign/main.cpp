@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -191,19 +190,8 @@ int runCampaign(Options options) {
   const auto began = std::chrono::steady_clock::now();
   std::vector<pid_t> workers;
   for (unsigned i = 0; i < options.jobs; ++i) {
-    const pid_t worker = ::fork();
-    if (worker == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // it goes with this process
-      int code = kEnded;
-      try {
-        code = work(options, scratch.path / fmt::format("worker{}", i), files, done, fd);
-      } catch (const std::exception& e) {
-        fmt::print(stderr, "headend-campaign: {}\n", e.what());
-        board->stops = true;
-      }
-      ::_exit(code);
-    }
-    workers.push_back(worker);
+    workers.push_back(
+        forked([&] { ::_exit(work(options, scratch.path / fmt::format("worker{}", i), files, done, fd)); }));
   }
   bool allWell = true;
   {

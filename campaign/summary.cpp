@@ -34,9 +34,7 @@ void add(Json& sum, const Json& more) {
 std::string version() {
   static const std::string text = [] {
     const std::string program = base::readFile("/proc/self/exe", std::size_t{1} << 30);
-    u64 hash = 0xCBF29CE484222325;
-    for (const char c : program) hash = (hash ^ static_cast<u8>(c)) * 0x100000001B3;
-    return fmt::format("{} (program {:016x})", QAM_VERSION, hash);
+    return fmt::format("{} (program {:016x})", QAM_VERSION, std::hash<std::string>{}(program));
   }();
   return text;
 }

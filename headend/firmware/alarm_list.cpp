@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <iterator>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -29,12 +30,15 @@ u32 checkOf(const AlarmRecord& event) {
   return mpeg::crc32(std::span<const u8>(base::bytesOf(event)).subspan(sizeof event.check));
 }
 
-// Whether an entry with a right check can be used: of a kind that is known, and with the end of each text.
+// Whether an entry with a right check can be used: of a kind that is known, with the end of each text, and
+// with a number that later events can exceed.
 bool isUsable(const AlarmRecord& event) {
+  constexpr std::uint64_t kMostNumber = std::numeric_limits<std::uint64_t>::max() / 2;
   const alarm_t& alarm = event.alarm;
   const auto ends = [](const auto& text) { return std::ranges::count(text, '\0') > 0; };
-  return event.kind <= Kind::kEndedWhileOff && ends(alarm.StrZhTitle) && ends(alarm.StrZhCont) &&
-         ends(alarm.StrEnTitle) && ends(alarm.StrEnCont) && ends(alarm.StrZhTrap) && ends(alarm.StrEnTrap);
+  return event.number <= kMostNumber && event.kind <= Kind::kEndedWhileOff && ends(alarm.StrZhTitle) &&
+         ends(alarm.StrZhCont) && ends(alarm.StrEnTitle) && ends(alarm.StrEnCont) && ends(alarm.StrZhTrap) &&
+         ends(alarm.StrEnTrap);
 }
 
 void put(base::Bytes& bytes, AlarmRecord event) {

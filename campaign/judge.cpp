@@ -3,14 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <bitset>
 #include <fstream>
 #include <iterator>
-#include <unordered_set>
 
 #include "campaign/host_faults.h"
 #include "headend/hardware/faults.h"
-#include "mpeg/section.h"
 #include "ts/qamIntr.h"
 #include "ts/qamPidMap.h"
 #include "ts/qamPsi.h"
@@ -20,31 +17,8 @@ namespace {
 
 Judge* current = nullptr;
 
-// Compared only within this program.
-u64 hashOf(std::string_view text) {
-  return std::hash<std::string_view>{}(text);
-}
-u64 hashOf(std::span<const u8> bytes) {
-  return hashOf(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-}
 std::span<const u8> bytesOf(std::string_view text) {
   return {reinterpret_cast<const u8*>(text.data()), text.size()};
-}
-
-// As it is sent, but for the continuity counter.
-u64 hashOfPacket(std::span<const u8> packet) {
-  mpeg::Packet copy{};
-  std::copy_n(packet.begin(), copy.size(), copy.begin());
-  mpeg::setContinuity(copy, 0);
-  return hashOf(std::span<const u8>(copy));
-}
-
-// Those that the card sends: the store ends at the first free entry.
-std::span<const outPsiPkt_t> storeOf(const QamCardPara& record, int port) {
-  const auto& store = record.psiPkt[port];
-  const auto* end = std::ranges::find_if(
-      store, [](const auto& each) { return each.pid >= kNullPid || each.psiType >= PSINUM; });
-  return {std::begin(store), end};
 }
 
 std::string recordFile(int slot) {
@@ -62,202 +36,11 @@ Judge* judge() {
   return current;
 }
 
-// ---- What an output sends ----
-
-// The packets of one output, in order. Between two of them on a PID, the continuity counter increases by one;
-// the sections are whole, but for one that an upload cuts. A store may itself hold parts of sections: the
-// record was saved while a client had locked the channel, or a client uploaded them. Then the card sends just
-// these packets.
-class Judge::Channel final : public headend::PacketSink {
- public:
-  Channel(Judge& judge, int slot, int port, headend::PacketSink* next)
-      : judge_(judge), slot_(slot), port_(port), next_(next), output_(judge.headend_.output(slot, port)) {}
-
-  void packet(std::span<const u8> packet) override {
-    if (next_ != nullptr) next_->packet(packet);
-    const bool isPsi = output_.counts().psi != std::exchange(psi_, output_.counts().psi);
-    ++packets_;
-    isPsi ? stored(packet) : fromRouter(packet);
-  }
-  void nullPackets(u64 count) override {
-    if (next_ != nullptr) next_->nullPackets(count);
-  }
-  void flush() override {
-    if (next_ != nullptr) next_->flush();
-    judge_.checks_["packets"] += std::exchange(packets_, 0);
-    judge_.checks_["sections"] += std::exchange(sections_, 0);
-  }
-  const std::string& error() const override {
-    static const std::string kNone;
-    return next_ != nullptr ? next_->error() : kNone;
-  }
-
-  void tablesChange() {
-    output_.advance(judge_.headend_.kernel.now());  // what left before
-    isPastLock = false;
-    ++changes_;
-  }
-  void routed() { ++routes_; }
-  void uploaded(std::span<const u8> packet) {
-    known_.insert(hashOfPacket(packet));
-    if (packet[0] != mpeg::kSyncByte) judge_.explained_.violations.insert("psi_packet_without_sync");
-  }
-  void rebuilt(const QamCardPara& record) {
-    const auto store = storeOf(record, port_);
-    nodes = store.size();
-    std::map<u16, std::set<u8>> types;
-    std::map<std::pair<u16, u8>, std::vector<std::span<const u8>>> sent;
-    for (const outPsiPkt_t& entry : store) {
-      uploaded(entry.psiData);
-      const u16 pid = mpeg::pidOf(entry.psiData);
-      types[pid].insert(entry.psiType);
-      sent[{pid, entry.psiType}].emplace_back(entry.psiData);
-    }
-    for (const auto& [place, packets] : sent) {
-      if (!areWhole(packets)) partial_.set(place.first);
-    }
-    for (const auto& [pid, all] : types) {
-      const bool shared =
-          std::ranges::all_of(all, [pid = pid](u8 type) { return kPsiTables[type].pid == pid; });
-      if (all.size() > 1 && !shared) partial_.set(pid);
-    }
-  }
-
-  std::size_t nodes = 0;       // of the send lists
-  bool isPastLock = false;     // a client has written tables without the lock, since the last one
-  bool isMapPastLock = false;  // or entries of the map
-  bool mapChanges = false;     // from the end of its lock until the router has it
-
- private:
-  struct Pid {
-    std::optional<mpeg::SectionGatherer> sections;
-    std::optional<u8> continuity;
-    u64 changes = 0;  // of the tables, when the last section began
-    u64 routes = 0;
-    u64 dropped = 0;
-    mpeg::Packet last{};
-    bool isRepeated = false;  // the standard allows one packet to be sent twice
-  };
-
-  static bool areWhole(const std::vector<std::span<const u8>>& packets) {
-    bool whole = true;
-    mpeg::SectionGatherer gatherer([&](std::span<const u8> section) { whole &= mpeg::crc32(section) == 0; },
-                                   [&](mpeg::Loss, std::optional<u8>) { whole = false; });
-    for (unsigned i = 0; i < 2 * packets.size(); ++i) {  // the carousel repeats
-      mpeg::Packet packet{};
-      std::ranges::copy(packets[i % packets.size()], packet.begin());
-      mpeg::setContinuity(packet, i);
-      whole &= packet[0] == mpeg::kSyncByte;
-      gatherer.push(packet);
-    }
-    gatherer.finish();
-    return whole;
-  }
-
-  // Its FPGA may have lost its configuration.
-  bool isStopped() const { return judge_.explained_.stopped[static_cast<std::size_t>(slot_)]; }
-
-  std::string where() const { return fmt::format("channel {}.{}", slot_ + 1, port_ + 1); }
-
-  void wrong(std::span<const u8> packet, const char* what) {
-    if (isStopped()) return;
-    judge_.failed("packets are whole", fmt::format("{}: a packet with {}: {:02x}", where(), what,
-                                                   fmt::join(packet.first(12), " ")));
-  }
-
-  void stored(std::span<const u8> packet) {
-    const u16 pid = mpeg::pidOf(packet);
-    if (!known_.contains(hashOfPacket(packet))) wrong(packet, "bytes that nobody has uploaded");
-    Pid& state = psiPids_[pid];
-    if (state.continuity && mpeg::continuityOf(packet) != ((*state.continuity + 1) & 0xF) && !isStopped())
-      judge_.failed("continuity", fmt::format("{}, PID {:#x}: {} follows {}", where(), pid,
-                                              mpeg::continuityOf(packet), *state.continuity));
-    state.continuity = mpeg::continuityOf(packet);
-    if (!state.sections) gather(pid, state);
-    state.sections->push(packet);
-    if (mpeg::startsUnit(packet)) state.changes = changes_;
-  }
-
-  void gather(u16 pid, Pid& state) {
-    const auto bad = [this, pid, &state](const std::string& what) {
-      if (partial_[pid] || state.changes != changes_ || isStopped()) return;
-      judge_.failed("sections are whole", fmt::format("{}, PID {:#x}: {}", where(), pid, what));
-    };
-    state.changes = changes_;
-    state.sections.emplace(
-        [this, bad](std::span<const u8> section) {
-          ++sections_;
-          if (mpeg::crc32(section) != 0)
-            bad(fmt::format("a section of table {:#x} with a wrong CRC", section[0]));
-        },
-        [bad](mpeg::Loss loss, std::optional<u8> table) {
-          bad(fmt::format("a section of table {:#x} is lost ({})", table.value_or(0xFF),
-                          static_cast<int>(loss)));
-        });
-  }
-
-  // A stream without damage.
-  bool isClean(u16 pid) const {
-    for (u16 i = 0; i < kPidMapSize; ++i) {
-      const chassis::RouterWords& words = judge_.headend_.router.position(slot_, port_, i);
-      if (!chassis::isUsed(words) || chassis::outputPid(words) != pid) continue;
-      const auto& cards = judge_.headend_.sources.cards();
-      const auto card = cards.find(chassis::sourceSlot(words));
-      if (card == cards.end() || chassis::sourcePort(words) >= card->second.inputs.size() ||
-          !card->second.inputs[chassis::sourcePort(words)]->name().ends_with("cbr.ts") ||
-          judge_.explained_.lostInputs.contains(chassis::sourcePort(words)))
-        return false;
-    }
-    return true;
-  }
-
-  // A jump is right where packets were dropped, the map changed or an input was lost meanwhile.
-  void fromRouter(std::span<const u8> packet) {
-    if (packet[0] != mpeg::kSyncByte) return wrong(packet, "no sync byte");
-    Pid& state = routedPids_[mpeg::pidOf(packet)];
-    const u64 dropped = output_.counts().dropped;
-    const bool known = state.continuity && state.routes == routes_ && state.dropped == dropped;
-    const auto expected = (state.continuity.value_or(0) + (mpeg::hasPayload(packet) ? 1 : 0)) & 0xF;
-    const bool repeats = !state.isRepeated && std::ranges::equal(packet, state.last);
-    if (known && mpeg::continuityOf(packet) != expected && !repeats &&
-        !mpeg::announcesDiscontinuity(packet) && !isStopped() && isClean(mpeg::pidOf(packet)))
-      judge_.failed("continuity",
-                    fmt::format("{}, routed PID {:#x}: {} follows {}", where(), mpeg::pidOf(packet),
-                                mpeg::continuityOf(packet), *state.continuity));
-    state.isRepeated = repeats;
-    state.continuity = mpeg::continuityOf(packet);
-    state.routes = routes_;
-    state.dropped = dropped;
-    std::copy_n(packet.begin(), state.last.size(), state.last.begin());
-  }
-
-  Judge& judge_;
-  int slot_;
-  int port_;
-  headend::PacketSink* next_;
-  headend::Multiplexer& output_;
-  std::unordered_set<u64> known_;  // packets that were in the store
-  std::bitset<kPids> partial_;     // PIDs on which the store once held parts of sections
-  std::map<u16, Pid> psiPids_, routedPids_;
-  u64 psi_ = 0;
-  u64 changes_ = 0;  // locks and unlocks of the tables
-  u64 routes_ = 0;
-  u64 packets_ = 0;
-  u64 sections_ = 0;
-};
-
-// ---- The judge ----
-
 Judge::Judge(headend::Headend& headend) : headend_(headend) {
   current = this;
   for (const int slot : headend.options.slots) {
-    for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-      const auto sink = headend.sinks.find({.slot = static_cast<u16>(slot), .port = static_cast<u16>(port)});
-      auto& channel = channels_[indexOf(slot, port)];
-      channel = std::make_unique<Channel>(*this, slot, port,
-                                          sink != headend.sinks.end() ? sink->second.get() : nullptr);
-      headend.output(slot, port).setSink(channel.get());
-    }
+    for (int port = 0; port < MAX_QAM_OUT_NUM; ++port)
+      channel(slot, port).output = std::make_unique<OutputJudge>(*this, headend, slot, port);
   }
   flashFaults().onWrite = [this](std::string_view file, std::string_view content) { wrote(file, content); };
   flashFaults().onRename = [this](std::string_view file) {
@@ -335,16 +118,17 @@ void Judge::alarm(u8 slot, u8 port, u16 type, std::string_view text, bool isRais
 }
 
 void Judge::unlocksMap(u8 slot, u8 port, bool begins) {
-  channel(slot, port)->mapChanges = begins;
-  if (!begins) channel(slot, port)->isMapPastLock = false;
+  channel(slot, port).mapChanges = begins;
+  if (!begins) channel(slot, port).mapPastLock = false;
 }
 
 void Judge::tablesChange(u8 slot, u8 port) {
-  channel(slot, port)->tablesChange();
+  channel(slot, port).output->tablesChange();
+  channel(slot, port).tablesPastLock = false;
 }
 
 void Judge::routed(u8 slot, u8 port) {
-  if (Channel* each = channel(slot, port)) each->routed();
+  if (const auto& output = channel(slot, port).output) output->routed();
 }
 
 int Judge::slotOf(const QamCardPara* ptr) const {
@@ -355,15 +139,15 @@ int Judge::slotOf(const QamCardPara* ptr) const {
 // The card takes chunks without a lock too, and uses them after the next one.
 void Judge::stores(const QamCardPara* ptr, u8 port, const set_psi_pkt& chunk) {
   const int slot = slotOf(ptr);
-  if (qam_psi_lock_status[slot][port] == 0) channel(slot, port)->isPastLock = true;
+  if (qam_psi_lock_status[slot][port] == 0) channel(slot, port).tablesPastLock = true;
   const u8* packet = reinterpret_cast<const u8*>(&chunk) + offsetof(set_psi_pkt, psi_pkt);
   for (int i = 0; i < chunk.this_num; ++i, packet += kTsPacketSize)
-    channel(slot, port)->uploaded({packet, kTsPacketSize});
+    channel(slot, port).output->uploaded({packet, kTsPacketSize});
 }
 
 void Judge::storesMap(const QamCardPara* ptr, u8 port) {
   const int slot = slotOf(ptr);
-  if (qam_pidmap_lock_status[slot][port] == 0) channel(slot, port)->isMapPastLock = true;
+  if (qam_pidmap_lock_status[slot][port] == 0) channel(slot, port).mapPastLock = true;
 }
 
 // What goes on the air after a change must outlast a power cut: it was saved before.
@@ -379,7 +163,7 @@ void Judge::rebuilds(u8 slot) {
 void Judge::rebuilt(u8 slot, u8 port) {
   const QamCardPara* para = record(slot);
   if (para == nullptr) return;
-  channel(slot, port)->rebuilt(*para);
+  channel(slot, port).output->rebuilt(*para);
   Card& card = cards_[slot];
   if (std::exchange(card.isKnown, true)) return;
   // What the card takes for raised when it starts.
@@ -418,7 +202,7 @@ void Judge::examine(bool isQuiet) {
   for (const int slot : headend_.options.slots) {
     headend_.card(slot).advanceOutputs(headend_.kernel.now());
     for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-      channel(slot, port)->flush();
+      channel(slot, port).output->flush();
       examineRouter(slot, port);
     }
     examineFile(slot, isQuiet);
@@ -457,12 +241,12 @@ void Judge::examineFile(int slot, bool isQuiet) {
   auto& saved = *reinterpret_cast<QamCardPara*>(content.data());
   saved.qam_para.status = para->qam_para.status;
   for (int port = 0; port < MAX_QAM_OUT_NUM; ++port) {
-    if (qam_psi_lock_status[slot][port] != 0 || channel(slot, port)->isPastLock) {
+    if (qam_psi_lock_status[slot][port] != 0 || channel(slot, port).tablesPastLock) {
       std::ranges::copy(para->psiPkt[port], saved.psiPkt[port]);
       std::ranges::copy(para->pktNum[port], saved.pktNum[port]);
       std::ranges::copy(para->Interval[port], saved.Interval[port]);
     }
-    if (qam_pidmap_lock_status[slot][port] != 0 || channel(slot, port)->isMapPastLock) {
+    if (qam_pidmap_lock_status[slot][port] != 0 || channel(slot, port).mapPastLock) {
       std::ranges::copy(para->pidMap[port], saved.pidMap[port]);
       saved.pidMapNum[port] = para->pidMapNum[port];
     }
@@ -479,7 +263,7 @@ void Judge::examineFile(int slot, bool isQuiet) {
 void Judge::examineRouter(int slot, int port) {
   const QamCardPara* para = record(slot);
   if (para == nullptr || !headend_.runs(slot) || qam_pidmap_lock_status[slot][port] != 0 ||
-      channel(slot, port)->mapChanges || channel(slot, port)->isMapPastLock)
+      channel(slot, port).mapChanges || channel(slot, port).mapPastLock)
     return;
   ++checks_["router maps"];
   for (u16 i = 0; i < kPidMapSize; ++i) {
@@ -497,13 +281,13 @@ void Judge::examineRouter(int slot, int port) {
 void Judge::examineTasks() {
   ++checks_["tasks"];
   for (const auto& parked : headend_.observation.parkedTasks()) {
-    if (parked.still && !mayHang()) failed("nobody waits forever", parked.task + " polls " + parked.reg);
+    if (parked.still && !mayHang()) failed("every wait ends", parked.task + " polls " + parked.reg);
   }
   for (const auto& job : headend_.automaticOperator.jobs()) {
-    if (!job.ended && !mayHang()) failed("nobody waits forever", "the command " + job.text);
+    if (!job.ended && !mayHang()) failed("every wait ends", "the command " + job.text);
   }
   if (semQamVar != nullptr && !semQamVar->available && !mayHang())
-    failed("nobody waits forever",
+    failed("every wait ends",
            "semQamVar is held by " +
                (semQamVar->owner != nullptr ? semQamVar->owner->name : std::string("nobody")));
   for (const int slot : headend_.options.slots) {
@@ -515,7 +299,7 @@ void Judge::examineTasks() {
 
 std::size_t Judge::heapBesideLists() const {
   std::size_t lists = 0;
-  for (const auto& each : channels_) lists += each != nullptr ? each->nodes : 0;
+  for (const auto& each : channels_) lists += each.output != nullptr ? each.output->nodes() : 0;
   return headend_.heap.used() - lists * 2 * sizeof(void*);
 }
 

@@ -1,5 +1,6 @@
-// What must hold in a history whatever fails, and at what it is seen: the packets on the air, the files of
-// the flash, the router, the alarm list, the heap, the tasks. One judge per process.
+// What must hold in a history whatever fails, and at what it is seen: the packets on the air
+// (output_judge.h), the files of the flash, the router, the alarm list, the heap, the tasks. One judge per
+// process.
 #pragma once
 
 #include <array>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "campaign/history.h"
+#include "campaign/output_judge.h"
 #include "headend/headend.h"
 #include "ts/qamRecords.h"
 
@@ -33,6 +35,16 @@ class Judge {
   void expectRecord(int slot, const std::optional<u64>& hash);
   std::optional<u64> recordHash(int slot) const { return cards_[static_cast<std::size_t>(slot)].kept; }
   void failed(const std::string& invariant, const std::string& text);
+  void count(const std::string& check, u64 made) { checks_[check] += made; }
+  // What the faults can bring.
+  struct Explained {
+    std::array<bool, MAX_BOARD_NUM> stopped{};  // the FPGA of a card loses its configuration
+    std::set<int> lostInputs{};                 // of the source card
+    bool startFails = false;             // a file reads short, or there is no memory, while cards start
+    std::set<std::string> violations{};  // prefixes
+  };
+  const Explained& explained() const { return explained_; }
+  void explainViolation(const std::string& prefix) { explained_.violations.insert(prefix); }
   const std::vector<Failure>& failures() const { return failures_; }
   const std::map<std::string, u64>& checks() const { return checks_; }  // made, by what
   bool isWritten(int slot) const { return cards_[static_cast<std::size_t>(slot)].isWritten; }
@@ -49,11 +61,17 @@ class Judge {
   void routed(u8 slot, u8 port);  // a position of the router's map
 
  private:
-  class Channel;
+  struct Channel {
+    std::unique_ptr<OutputJudge> output{};
+    // Since the last lock, a client has written tables, or entries of the map, without it.
+    bool tablesPastLock = false;
+    bool mapPastLock = false;
+    bool mapChanges = false;  // from the end of its lock until the router has it
+  };
   static std::size_t indexOf(int slot, int port) {
     return static_cast<std::size_t>(slot) * MAX_QAM_OUT_NUM + static_cast<std::size_t>(port);
   }
-  Channel* channel(int slot, int port) { return channels_[indexOf(slot, port)].get(); }
+  Channel& channel(int slot, int port) { return channels_[indexOf(slot, port)]; }
   const QamCardPara* record(int slot) const;
   int slotOf(const QamCardPara* ptr) const;
   void explainFault(const std::string& fault);
@@ -67,13 +85,8 @@ class Judge {
   headend::Headend& headend_;
   std::vector<Failure> failures_;
   std::map<std::string, u64> checks_;
-  struct {
-    std::array<bool, MAX_BOARD_NUM> stopped{};  // the FPGA of a card loses its configuration
-    std::set<int> lostInputs{};                 // of the source card
-    bool startFails = false;             // a file reads short, or there is no memory, while cards start
-    std::set<std::string> violations{};  // prefixes
-  } explained_;
-  std::array<std::unique_ptr<Channel>, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> channels_;
+  Explained explained_;
+  std::array<Channel, std::size_t{MAX_BOARD_NUM} * MAX_QAM_OUT_NUM> channels_;
   struct Card {
     bool isWritten = false;
     bool isKnown = false;          // which alarms it takes for raised

@@ -84,7 +84,7 @@ const std::vector<Plant>& plants() {
            chassis::AddAnAlarm(static_cast<u8>(slot), 1, 771, "", "", "", "rate overflow", "", "");
        }},
       {"memory is not freed", "no leak", [](Headend&, int) { os::malloc(8); }},
-      {"a semaphore is not given back", "nobody waits forever",
+      {"a semaphore is not given back", "every wait ends",
        [](Headend&, int) { os::semTake(semQamVar, os::WAIT_FOREVER); }},
       {"the watchdog is not kicked", "no violation",
        [](Headend& h, int) { h.kernel.spend(headend::kSecond); }},

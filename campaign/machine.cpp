@@ -13,6 +13,7 @@
 #include <random>
 
 #include "campaign/host_faults.h"
+#include "headend/firmware/snmp/net_snmp.h"
 #include "headend/jobs.h"
 #include "headend/report.h"
 #include "mpeg/packet_reader.h"
@@ -68,33 +69,6 @@ std::vector<StoredPacket> packetsOf(const std::string& file) {
     all.push_back(each);
   }
   return all;
-}
-
-// A message of SNMPv2c (RFC 3416) with one variable.
-std::string element(u8 tag, const std::string& content) {
-  std::string bytes(1, static_cast<char>(tag));
-  if (content.size() > 127) bytes += '\x81';
-  return bytes + static_cast<char>(content.size()) + content;
-}
-std::string objectId(const std::vector<u32>& id) {
-  std::string content(1, static_cast<char>(id[0] * 40 + id[1]));
-  for (std::size_t i = 2; i < id.size(); ++i) {
-    std::string part(1, static_cast<char>(id[i] & 0x7F));
-    for (u32 rest = id[i] >> 7; rest != 0; rest >>= 7)
-      part.insert(part.begin(), static_cast<char>((rest & 0x7F) | 0x80));
-    content += part;
-  }
-  return element(0x06, content);
-}
-std::string number(u32 value) {
-  std::string content;
-  for (int shift = 24; shift >= 0; shift -= 8) content += static_cast<char>(value >> shift);
-  return element(0x02, content);
-}
-std::string snmpMessage(u8 pdu, const std::vector<u32>& id, const std::string& value) {
-  const std::string variables = element(0x30, element(0x30, objectId(id) + value));
-  return element(0x30, number(1) + element(0x04, "writers") +
-                           element(pdu, number(7) + number(0) + number(0) + variables));
 }
 
 std::function<void()>& kernelCall() {  // before each call of the kernel by the module
@@ -384,19 +358,28 @@ void Machine::flood(const Step& step) {
 
 void Machine::askSnmp(const Step& step) {
   const QamMibRow& row = kMibRows[static_cast<std::size_t>(step.number) % std::size(kMibRows)];
-  std::vector<u32> id = headend_->options.snmp.base;
-  id.push_back(kMibFirstSlot + static_cast<u32>(step.slot));
-  id.insert(id.end(), std::begin(row.suffix), std::end(row.suffix));
-  id.push_back(0);
+  std::vector<oid> name(headend_->options.snmp.base.begin(), headend_->options.snmp.base.end());
+  name.push_back(kMibFirstSlot + static_cast<oid>(step.slot));
+  name.insert(name.end(), std::begin(row.suffix), std::end(row.suffix));
+  name.push_back(0);
   const bool sets = row.writable && !row.isText && step.kind == Step::Kind::kSnmp;
-  const std::string message =
-      snmpMessage(sets ? 0xA3 : 0xA0, id, sets ? number(step.at % 2 == 0 ? 666'000 : 6) : element(0x05, ""));
-  sockaddr_storage address{};
-  socklen_t length = sizeof address;
-  ::getsockname(headend_->snmp->fd(), reinterpret_cast<sockaddr*>(&address), &length);
-  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ::sendto(fd, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&address), length);
-  ::close(fd);  // the answer is not read
+  netsnmp_pdu* pdu = ::snmp_pdu_create(sets ? SNMP_MSG_SET : SNMP_MSG_GET);
+  if (sets) {
+    ::snmp_add_var(pdu, name.data(), name.size(), 'i', step.at % 2 == 0 ? "666000" : "6");
+  } else {
+    ::snmp_add_null_var(pdu, name.data(), name.size());
+  }
+  std::string agent = headend_->snmp->address();
+  std::string community = "writers";
+  netsnmp_session manager{};
+  ::snmp_sess_init(&manager);
+  manager.version = SNMP_VERSION_2c;
+  manager.peername = agent.data();
+  manager.community = reinterpret_cast<u8*>(community.data());
+  manager.community_len = community.size();
+  void* session = ::snmp_sess_open(&manager);
+  if (session == nullptr || ::snmp_sess_send(session, pdu) == 0) ::snmp_free_pdu(pdu);
+  if (session != nullptr) ::snmp_sess_close(session);  // the answer is not read
 }
 
 // ---- The end ----

@@ -23,7 +23,9 @@ namespace {
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
-constexpr rlim_t kCpuLimit_s = 120;  // of one history, which takes far less than a second
+// Of one history, which takes far less than a second: one that hangs is ended.
+constexpr rlim_t kCpuLimit_s = 120;
+constexpr unsigned kTimeLimit_s = 1800;
 
 // Even if that is killed.
 void diesWithParent() {
@@ -42,9 +44,10 @@ void enter(const fs::path& folder) {
   if (::chdir(folder.c_str()) != 0)
     headend::fail("cannot enter {}: {}", folder.string(), std::strerror(errno));
 }
-void limitCpu() {
+void limitTime() {
   const rlimit limit{.rlim_cur = kCpuLimit_s, .rlim_max = kCpuLimit_s};
   ::setrlimit(RLIMIT_CPU, &limit);
+  ::alarm(kTimeLimit_s);
 }
 
 Json readResult(const fs::path& file) {
@@ -104,7 +107,7 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
   fs::create_directories(folder);
   fs::create_directory_symlink(files_, folder / "files");
   const int prepared = statusOf(forked([&] {
-    limitCpu();
+    limitTime();
     enter(folder);
     headend::initFlash("flash");
     Machine(preparation, preparation.slots, Machine::Traces::kNone).prepare();
@@ -135,7 +138,7 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
           diesWithParent();
           ::close(requests[0]);
           ::close(answers[1]);
-          limitCpu();
+          limitTime();
           enter(folder_ / "history");
           task.seed = asked["seed"];
           if (!asked["steps"].is_null()) task.steps = asked["steps"].get<std::vector<std::size_t>>();
@@ -198,7 +201,7 @@ Json Worker::run(const Task& task) {
 int Worker::happen(const History& history, Machine::Traces traces) {
   const Preparation& preparation = *history.preparation;
   return statusOf(forked([&] {
-    limitCpu();
+    limitTime();
     enter(folder_ / "history");
     Machine machine(preparation, preparation.slots, traces, preparation.isRunning ? nullptr : &history);
     machine.run(preparation.isRunning, [&] { machine.play(history, plant_); });
@@ -251,7 +254,7 @@ int Worker::start(const Preparation& preparation, const Json& result, Machine::T
   for (const char* name : {"flash", "files"})
     fs::create_directory_symlink(fs::path("..") / name, folder / name);
   return statusOf(forked([&] {
-    limitCpu();
+    limitTime();
     enter(folder);
     if (plant_ != nullptr) plant_->beforeStart(preparation.slots.front());
     Machine machine(preparation, result["written"].get<std::vector<int>>(), traces);

@@ -50,6 +50,13 @@ void limitTime() {
   ::alarm(kTimeLimit_s);
 }
 
+constexpr int kStatusNoResult = W_EXITCODE(kExitNoResult, 0);
+
+// Throws if a process with this status could not write in its folder.
+void demandSpace(int status, const fs::path& folder) {
+  if (status == kStatusNoResult) headend::fail("cannot write in {}: is there space?", folder.string());
+}
+
 Json readResult(const fs::path& file) {
   std::error_code ignored;
   if (!fs::exists(file, ignored)) return nullptr;
@@ -100,8 +107,7 @@ History Worker::historyOf(const Task& task) const {
 
 // The flash that a preparation leaves, and a process in which its cards run.
 Worker::Parent& Worker::parentOf(const Preparation& preparation) {
-  auto& parent = parents_[preparation.name];
-  if (parent != nullptr) return *parent;
+  if (const auto known = parents_.find(preparation.name); known != parents_.end()) return *known->second;
   const fs::path folder = folder_ / preparation.name;
   fs::remove_all(folder);
   fs::create_directories(folder);
@@ -113,9 +119,10 @@ Worker::Parent& Worker::parentOf(const Preparation& preparation) {
     Machine(preparation, preparation.slots, Machine::Traces::kNone).prepare();
     ::_exit(0);
   }));
+  demandSpace(prepared, folder);
   if (prepared != 0) headend::fail("the preparation '{}' cannot be made", preparation.name);
   fs::remove(folder / "flash/lock");
-  parent = std::make_unique<Parent>();
+  const auto& parent = parents_[preparation.name] = std::make_unique<Parent>();
   if (!preparation.isRunning) return *parent;
   int requests[2];
   int answers[2];
@@ -211,9 +218,7 @@ int Worker::happen(const History& history, Machine::Traces traces) {
 Json Worker::finished(const Task& task, int status, Machine::Traces traces) {
   const History history = historyOf(task);
   Json result = readResult(folder_ / "history/result");
-  if (WIFEXITED(status) && (WEXITSTATUS(status) == kExitNoResult || WEXITSTATUS(status) == 0) &&
-      !result.is_object())
-    headend::fail("cannot write in {}: is there space?", folder_.string());
+  if (!result.is_object()) demandSpace(status == 0 ? kStatusNoResult : status, folder_);
   if (!result.is_object()) {
     result = {{"failures", Json::array()}, {"cut", ""}, {"written", Json::array()}};
     const std::string how = WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
@@ -229,8 +234,7 @@ Json Worker::finished(const Task& task, int status, Machine::Traces traces) {
   if (!result["written"].empty()) {
     const int started = start(*history.preparation, result, traces);
     const Json after = readResult(folder_ / "history/start/result");
-    if (WIFEXITED(started) && WEXITSTATUS(started) == kExitNoResult)
-      headend::fail("cannot write in {}: is there space?", folder_.string());
+    demandSpace(started, folder_);
     if (started != 0 || !after.is_object()) {
       whole["failures"].push_back({{"invariant", "the card starts again"}, {"text", "the process ended"}});
     } else {
@@ -281,9 +285,16 @@ void makeFiles(const fs::path& samples, const fs::path& folder) {
                     e.what());
     }
   };
+  const auto write = [&](const char* name, const std::string& content) {
+    try {
+      base::writeOutput(folder / name, {reinterpret_cast<const u8*>(content.data()), content.size()});
+    } catch (const std::system_error& e) {
+      headend::fail("cannot write {}: {}; TMPDIR names another place", (folder / name).string(), e.what());
+    }
+  };
   for (const char* name :
        {"psi-small.ts", "psi-full.ts", "psi-many.ts", "two-programmes.ts", "four-programmes-cbr.ts"})
-    std::ofstream(folder / name, std::ios::binary) << read(name);
+    write(name, read(name));
   // Bytes are missing, inserted and changed, so that sync is lost.
   std::string damaged = read("four-programmes-cbr.ts");
   for (std::size_t at = 100'000; at < damaged.size(); at += 217'001) {
@@ -291,16 +302,13 @@ void makeFiles(const fs::path& samples, const fs::path& folder) {
     damaged.insert(at + 50'000, std::string(301, '\x47'));
     damaged[at + 70'000] ^= 0x55;
   }
-  std::ofstream(folder / "damaged.ts", std::ios::binary) << damaged;
+  write("damaged.ts", damaged);
   // Two streams of different bit rates, one after the other.
-  std::ofstream(folder / "rates.ts", std::ios::binary)
-      << read("four-programmes-cbr.ts").substr(0, 940'000) << read("two-programmes.ts");
-  std::ofstream map(folder / "map.csv");
-  std::ofstream full(folder / "map-full.csv");
-  for (std::ofstream* each : {&map, &full}) {
-    *each << "src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n";
-    for (int i = 0; i < (each == &map ? 12 : 256); ++i)
-      *each << fmt::format("6,1,{},1,{},1,0\n", 256 + i, 512 + i);
+  write("rates.ts", read("four-programmes-cbr.ts").substr(0, 940'000) + read("two-programmes.ts"));
+  for (const auto& [name, entries] : {std::pair{"map.csv", 12}, {"map-full.csv", 256}}) {
+    std::string map = "src_slot,src_port,src_pid,src_programme,dst_pid,dst_programme,type\n";
+    for (int i = 0; i < entries; ++i) map += fmt::format("6,1,{},1,{},1,0\n", 256 + i, 512 + i);
+    write(name, map);
   }
 }
 

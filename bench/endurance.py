@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
 """Thirty virtual days of six cards: operators, management clients and SNMP managers at all hours, small tables, and full
 ones for the last two days. The memory of the process and of the cards must stay flat, and all continuity counters be
-right at the end. A row a virtual day.
+right at the end. Memory grows at first: the last replies to 64 clients are kept, and the status has more and more to
+tell. A row a virtual day.
 
     bench/endurance.py [--days DAYS] [--headend FILE] [--samples FOLDER]
 
 Exit code: 0 if all is right, 1 if not."""
 import argparse
+import itertools
 import json
 import os
 import pathlib
@@ -27,22 +29,30 @@ HOURLY = (  # commands of an hour, by its number modulo their count; S is a slot
     'var set {s} rflevel {level}', 'cal read {s}', 'key ok down ok down ok cancel cancel cancel', 'pidmap clear {s}.1',
     'psi interval {s}.1 SDT_C={ticks}', 'cal write {s} --i 10 0{digit} 40 00', 'var set {s} symbolrate {rate}',
     'alarms --history')
-GROWTH = 1 << 20  # bytes that memory may grow after the first tenth of the run
+GROWTH = 1 << 19  # bytes that memory may grow after the first tenth of the days with small tables, or with full ones
+
+
+def phases(days):
+    """The virtual seconds at which small tables, full ones, and the counting of continuity begin, and the end."""
+    total = int(days * DAY)
+    return 0, total - int(min(FULL_DAYS * DAY, total / 10)), total - 200, total
 
 
 def arguments(days, samples):
-    total = int(days * DAY)
+    _, full, _, total = phases(days)
     words = [*(f'--card={slot}' for slot in CARDS), '--fast', '--seconds', str(total), '--aux-hz', '100',
              '--status-period', '5']
+    commands = [(at + 5 * slot + port, f'psi load {slot}.{port} {tables}')  # all channels, at the beginning of a phase
+                for at, tables in ((10, 'psi-small.ts'), (full, 'psi-full.ts')) for slot in CARDS for port in (1, 2)]
+    commands += [(50 + slot, f'var set {slot} symbolrate 6875') for slot in CARDS]  # the largest buffers
     for hour in range(total // 3600):
-        slot = hour % 6 + 1
-        full = total - hour * 3600 < min(FULL_DAYS * DAY, total / 10)
+        slot, at = hour % 6 + 1, 60 + hour * 3600
         command = HOURLY[hour % len(HOURLY)].format(
             s=slot, rfreq=474000 + hour % 300 * 1000, level=950 + hour % 40 * 5, ticks=20 + hour % 50, digit=hour % 10,
             rate=5000 + hour % 16 * 125)
-        if full:
-            command = command.replace('psi-small', 'psi-full')
-        words += ['--do', f'@{60 + hour * 3600} {command}'.replace(' psi-', f' {samples}/psi-')]
+        commands.append((at, command.replace('psi-small', 'psi-full') if at > full else command))
+    for at, command in commands:
+        words += ['--do', f'@{at} {command}'.replace(' psi-', f' {samples}/psi-')]
     return words
 
 
@@ -74,53 +84,48 @@ class Chassis:
             return None
 
 
-def free_ports(count):
-    sockets = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(count)]
-    for each in sockets:
-        each.bind(('127.0.0.1', 0))
-    ports = [each.getsockname()[1] for each in sockets]
-    for each in sockets:
-        each.close()
-    return ports
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument('--days', type=float, default=30)
     parser.add_argument('--headend', default=ROOT / 'build/gcc/headend/headend')
     parser.add_argument('--samples', default=ROOT / 'samples')
     args = parser.parse_args()
-    manage, snmp = free_ports(2)
-    last = args.days * DAY - 200
+    manage, snmp = snmp_client.free_ports(2)
+    last = phases(args.days)[2]
     with tempfile.TemporaryDirectory() as folder:
         os.chdir(folder)
         subprocess.run([args.headend, '--init-flash', '--flash', 'flash'], check=True, stdout=subprocess.DEVNULL)
         words = arguments(args.days, pathlib.Path(args.samples).resolve())
         for slot in CARDS:  # counted over ten of the last seconds, one channel after the other
             for port in (1, 2):
-                words += ['--do', f'@{last:.0f} pids {slot}.{port} --seconds 10 --json']
+                words += ['--do', f'@{last} pids {slot}.{port} --seconds 10 --json']
         environment = os.environ | {'HEADEND_SNMP_SECRETS': 'read-community readers'}
         process = subprocess.Popen(
             [args.headend, *words, '--log', '/dev/null', '--report', 'report.json', '--manage', f'127.0.0.1:{manage}',
              '--snmp', f'127.0.0.1:{snmp}'], env=environment, stdout=open('out', 'w'), stderr=open('err', 'w'))
         chassis = Chassis(pathlib.Path(args.headend).parent.parent / 'tools/qamctl', manage, snmp)
-        began, samples, answers, step = time.monotonic(), [], 0, 0.1 * args.days * DAY / 3
+        began, samples, answers, printed = time.monotonic(), [], 0, -DAY
         while process.poll() is None:
             time.sleep(0.5)
             answer = chassis.get((1, 3, 6, 1, 4, 1, 8072, 9999, 9999, 27, 2, 2, 51, 1, 4, 0))
             answers += answer is not None
             status = chassis.ask('status')
-            if status and process.poll() is None and (not samples or status['virtual_seconds'] - samples[-1][0] >= step):
-                samples.append((status['virtual_seconds'], memory(process), status['heap']['used']))
-                print(f'day {samples[-1][0] / DAY:6.2f}: process {samples[-1][1]:,} bytes, cards {samples[-1][2]:,} bytes, '
+            if status is None or process.poll() is not None:
+                continue
+            samples.append((status['virtual_seconds'], memory(process), status['heap']['used']))
+            if samples[-1][0] - printed >= min(DAY, args.days * DAY / 30):
+                printed = samples[-1][0]
+                print(f'day {printed / DAY:6.2f}: process {samples[-1][1]:,} bytes, cards {samples[-1][2]:,} bytes, '
                       f'{answers} SNMP answers, {time.monotonic() - began:.0f} s', flush=True)
         report = json.loads(pathlib.Path('report.json').read_text())
         wrong = []
-        settled = [each for each in samples if each[0] > args.days * DAY / 10]
-        for what, column in (('process', 1), ('cards', 2)):
-            values = [each[column] for each in settled]
-            if not values or values[-1] > values[0] + GROWTH:
-                wrong.append(f'the memory of the {what} is not flat: {values}')
+        for begin, end in itertools.pairwise(phases(args.days)[:3]):
+            for what, column in (('process', 1), ('cards', 2)):
+                values = [each[column] for each in samples if begin + (end - begin) / 10 < each[0] < end] or [0]
+                print(f'days {begin / DAY:.1f} to {end / DAY:.1f}, {what}: {values[0]:,} bytes after the first tenth, '
+                      f'{max(values):,} at most, {values[-1]:,} at the end')
+                if not max(values[0], 1) <= max(values) <= values[0] + GROWTH:
+                    wrong.append(f'the memory of the {what} is not flat')
         decoder, text, counted, errors = json.JSONDecoder(), pathlib.Path('out').read_text(), 0, 0
         while (start := text.find('{')) >= 0:
             found, end = decoder.raw_decode(text[start:])

@@ -36,12 +36,6 @@ def value_of(answer, oid):
     return value
 
 
-def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-        s.bind(('127.0.0.1', 0))
-        return s.getsockname()[1]
-
-
 @contextlib.contextmanager
 def running(command, port, **options):
     """The program, from its first answer on."""
@@ -94,7 +88,7 @@ def measure(headend, exchange, folder):
     for path, text in ((secrets, f'read-community {COMMUNITY}\n'), (conf, f'rocommunity {COMMUNITY}\n')):
         with open(os.open(path, os.O_CREAT | os.O_WRONLY, 0o600), 'w', encoding='ascii') as file:
             file.write(text)
-    ours, theirs = free_port(), free_port()
+    ours, theirs = snmp_client.free_ports(2)
     slots = [word for slot in range(1, 7) for word in ('--card', str(slot))]
     environment = {**os.environ, 'SNMPCONFPATH': folder, 'SNMP_PERSISTENT_DIR': folder, 'MIBS': ''}
     suffixes = ([f'1.19.1.{n}' for n in (1, 2, 3)] + [f'2.51.1.{n}' for n in range(3, 9)]

@@ -1,6 +1,8 @@
 """SNMPv2c: requests and answers byte for byte, in BER (ITU-T X.690) by RFC 3416. Names are
 tuples of numbers; values are (tag, content)."""
 import collections
+import contextlib
+import socket
 
 GET, GETNEXT, RESPONSE = 0xA0, 0xA1, 0xA2
 INTEGER, STRING, NULL, OID = 2, 4, 5, 6
@@ -73,3 +75,12 @@ def answer_of(raw, sequence):
         return None
     pairs = [items(pair) for _, pair in items(listed)]
     return Answer(int.from_bytes(error[1], 'big'), [(name_of(oid[1]), value) for oid, value in pairs])
+
+
+def free_ports(count):
+    """Of this machine, for UDP."""
+    with contextlib.ExitStack() as stack:
+        sockets = [stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)) for _ in range(count)]
+        for each in sockets:
+            each.bind(('127.0.0.1', 0))
+        return [each.getsockname()[1] for each in sockets]

@@ -44,7 +44,6 @@ def arguments(days, samples):
              '--status-period', '5']
     commands = [(at + 5 * slot + port, f'psi load {slot}.{port} {tables}')  # all channels, at the beginning of a phase
                 for at, tables in ((10, 'psi-small.ts'), (full, 'psi-full.ts')) for slot in CARDS for port in (1, 2)]
-    commands += [(50 + slot, f'var set {slot} symbolrate 6875') for slot in CARDS]  # the largest buffers
     for hour in range(total // 3600):
         slot, at = hour % 6 + 1, 60 + hour * 3600
         command = HOURLY[hour % len(HOURLY)].format(
@@ -99,7 +98,8 @@ def main():
         for slot in CARDS:  # counted over ten of the last seconds, one channel after the other
             for port in (1, 2):
                 words += ['--do', f'@{last} pids {slot}.{port} --seconds 10 --json']
-        environment = os.environ | {'HEADEND_SNMP_SECRETS': 'read-community readers'}
+        # Large buffers go back to the system when they are freed, so that what the process has is what it uses.
+        environment = os.environ | {'HEADEND_SNMP_SECRETS': 'read-community readers', 'MALLOC_MMAP_THRESHOLD_': '65536'}
         process = subprocess.Popen(
             [args.headend, *words, '--log', '/dev/null', '--report', 'report.json', '--manage', f'127.0.0.1:{manage}',
              '--snmp', f'127.0.0.1:{snmp}'], env=environment, stdout=open('out', 'w'), stderr=open('err', 'w'))

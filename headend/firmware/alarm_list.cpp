@@ -169,6 +169,7 @@ std::deque<AlarmRecord> AlarmFile::load() {
   } else if (!rest.empty()) {  // as after the end of a process during a write
     say_(fmt::format("the alarms' history {} ends within an event, which is lost", file.string()));
   }
+  if (!hasFile_ && !events.empty()) rewrite({}, events);
   return events;
 }
 
@@ -189,8 +190,12 @@ void AlarmFile::save(const std::vector<AlarmRecord>& before, const std::deque<Al
   put(bytes, events.back());
   hasFile_ = hasFile_ && entries_ < kMostEntries && flash_.append(kPath, bytes).empty();
   if (hasFile_) ++entries_;
-  if (hasFile_ || locked_) return;
-  bytes.assign(kMagic.begin(), kMagic.end());
+  if (!hasFile_) rewrite(before, events);
+}
+
+void AlarmFile::rewrite(const std::vector<AlarmRecord>& before, const std::deque<AlarmRecord>& events) {
+  if (locked_) return;
+  base::Bytes bytes(kMagic.begin(), kMagic.end());
   for (const AlarmRecord& event : before) put(bytes, event);
   for (const AlarmRecord& event : events) put(bytes, event);
   const std::string failure = flash_.replace(kPath, bytes);

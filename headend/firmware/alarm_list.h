@@ -51,6 +51,7 @@ class AlarmFile {
   const std::string& failure() const { return failure_; }
 
  private:
+  void rewrite(const std::vector<AlarmRecord>& before, const std::deque<AlarmRecord>& events);
   void failed(const std::string& failure);
   bool putAside(const std::filesystem::path& file);
 

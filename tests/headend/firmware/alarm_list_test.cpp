@@ -180,6 +180,7 @@ TEST_F(Alarms, GoOnAfterDamage) {
       {[](Bytes& b) { b.pop_back(); }, 2, "ends within an event"},
       {[](Bytes& b) { b[8 + 352 + 60] ^= 4; }, 2, "1 of 3 entries are lost"},
       {[](Bytes& b) { forge(b, offsetof(AlarmRecord, kind), 1, 5); }, 2, "1 of 3 entries are lost"},
+      {[](Bytes& b) { forge(b, offsetof(AlarmRecord, number), 8, 0xFF); }, 2, "1 of 3 entries are lost"},
       {[](Bytes& b) { forge(b, 352 - 164, 164, 'x'); }, 2, "1 of 3 entries are lost"},
       {[](Bytes& b) { b.insert(b.end(), b.end() - 352, b.end()); }, 3, "1 of 4 entries are lost"},
       {[](Bytes& b) { b.assign(5000, 'x'); }, 0, "is no alarms' history"},
@@ -196,6 +197,8 @@ TEST_F(Alarms, GoOnAfterDamage) {
     EXPECT_EQ(list_->history().size(), left);
     EXPECT_NE(said_.find(says), std::string::npos) << said_;
     EXPECT_EQ(fs::exists(file_.string() + ".damaged"), says != std::get<2>(rows[0])) << "kept aside";
+    powerUp();  // nothing has happened since
+    EXPECT_EQ(list_->history().size(), left);
     list_->add({1, 0, 770}, kChannel2);
     const Lines now = history();
     EXPECT_EQ(now.size(), left + 1);

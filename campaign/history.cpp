@@ -5,8 +5,7 @@
 // microsecond.
 //
 // - Parts of a card, 1 to 4: each of the list of `headend --fault help`, for 1 to 400 ms. A lost
-// configuration
-//   of the FPGA is kept one time in four, and does not end.
+//   configuration of the FPGA is kept one time in four, and does not end.
 // - Then 0 to 2 of the following, each with the same chance, and more until there are five:
 //   - an input of the source card is lost for 1 to 900 ms;
 //   - a sensor measures -20 to 90 degrees for 0.2 to 1.2 s;

@@ -398,8 +398,7 @@ int runProgram(std::vector<std::string> words) {
                 options.files, [](const std::string& text) { return text; });
   form.footer(
       "Exit codes: 0 all held; 1 a check failed, or a plant was not found; 2 wrong call; 3 ended before all "
-      "histories "
-      "were done.");
+      "histories were done.");
   form.parse(std::move(words));
   if (run.isCalled()) return runCampaign(options);
   if (replay.isCalled()) return replayHistory(options);

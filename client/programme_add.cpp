@@ -251,8 +251,7 @@ class Adding : ProgrammeDraft {
     if (theirs.extension() != sdt->extension() || theirs.head() != sdt->head() || number != sourceNumber_) {
       note(
           "the EIT names the programme as {}, stream {}, network {}, which is not what it is on {}: "
-          "receivers "
-          "may not find its events",
+          "receivers may not find its events",
           sourceNumber_, theirs.extension(), network, owner);
     }
   }

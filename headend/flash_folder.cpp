@@ -70,8 +70,7 @@ FlashLock::FlashLock(const fs::path& folder, const Say& say) {
     ::close(fd_);
     fail(
         "flash folder {} is in use by process {}: two headends would overwrite each other's records. End "
-        "that "
-        "one, or give this one a folder of its own (--flash)",
+        "that one, or give this one a folder of its own (--flash)",
         folder.string(), process.empty() ? "(unknown)" : process);
   }
   const std::string process = fmt::format("{}\n", ::getpid());

@@ -86,10 +86,9 @@ void JobFlags::describeUploads(commands::Form& form) {
        });
   const std::string interval = fmt::format(
       "N.P.TABLE=TICKS: repetition interval in auxiliary-clock ticks, 0 to 65535, of {} (repeatable). It "
-      "goes "
-      "with the first --psi of the channel; alone it is set while the tables are on the air. 0 stops a "
-      "table; "
-      "set in the middle of a section it leaves the tables on the same PID waiting until the next upload",
+      "goes with the first --psi of the channel; alone it is set while the tables are on the air. 0 stops a "
+      "table; set in the middle of a section it leaves the tables on the same PID waiting until the next "
+      "upload",
       mpeg::tableNames("or"));
   form.take(commands::Option("--interval", "TEXT", interval).repeatable(commands::kAny),
             [this](const std::string& text) {

@@ -52,8 +52,7 @@ void FileInput::measurePass() {
     if (clock == nullptr) {
       headend::fail(
           "cannot play {0}: no PID has two PCRs within a second of each other, which would give its pace; "
-          "name "
-          "a rate in bits a second, {0}@RATE",
+          "name a rate in bits a second, {0}@RATE",
           path_);
     }
     clockPid_ = clock->pid;

@@ -229,8 +229,7 @@ int runProgram(int argc, char** argv) {
         app.add_option(
             "--map", maps,
             "SOURCE-PID=PID: the number that a PID of the source has in FILE. The payload must be the end of "
-            "a "
-            "pass, whole passes and the start of one; no PCR may have more error added than --tolerance")})
+            "a pass, whole passes and the start of one; no PCR may have more error added than --tolerance")})
     option->group("Programmes of a source");
   try {
     app.parse(argc, argv);

@@ -14,8 +14,7 @@ void demandAccess(const SnmpSettings& settings, const SnmpSecrets& secrets, cons
   if (settings.listen && secrets.readCommunity.empty() && secrets.users.empty() && !settings.writeCommunity) {
     fail(
         "--snmp: no manager may read: name a read-community or a user in a file for --snmp-secrets, or in "
-        "the "
-        "environment variable HEADEND_SNMP_SECRETS");
+        "the environment variable HEADEND_SNMP_SECRETS");
   }
   if (settings.trapSink && secrets.trapCommunity.empty() && secrets.trapUser.empty())
     fail("--snmp-trap: the secrets (--snmp-secrets) have no trap-community and no trap-user");

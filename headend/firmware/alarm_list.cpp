@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstring>
 #include <iterator>
-#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -31,14 +30,13 @@ u32 checkOf(const AlarmRecord& event) {
 }
 
 // Whether an entry with a right check can be used: of a kind that is known, with the end of each text, and
-// with a number that later events can exceed.
+// with a number that a list can reach.
 bool isUsable(const AlarmRecord& event) {
-  constexpr std::uint64_t kMostNumber = std::numeric_limits<std::uint64_t>::max() / 2;
   const alarm_t& alarm = event.alarm;
   const auto ends = [](const auto& text) { return std::ranges::count(text, '\0') > 0; };
-  return event.number <= kMostNumber && event.kind <= Kind::kEndedWhileOff && ends(alarm.StrZhTitle) &&
-         ends(alarm.StrZhCont) && ends(alarm.StrEnTitle) && ends(alarm.StrEnCont) && ends(alarm.StrZhTrap) &&
-         ends(alarm.StrEnTrap);
+  return event.number <= AlarmFile::kMostNumber && event.kind <= Kind::kEndedWhileOff &&
+         ends(alarm.StrZhTitle) && ends(alarm.StrZhCont) && ends(alarm.StrEnTitle) && ends(alarm.StrEnCont) &&
+         ends(alarm.StrZhTrap) && ends(alarm.StrEnTrap);
 }
 
 void put(base::Bytes& bytes, AlarmRecord event) {

@@ -37,6 +37,7 @@ static_assert(offsetof(AlarmRecord, number) == 8 && offsetof(AlarmRecord, alarm)
 class AlarmFile {
  public:
   static constexpr std::size_t kMostEntries = 20'000;  // the file is rewritten when it has so many
+  static constexpr std::uint64_t kMostNumber = std::uint64_t{1} << 63U;  // of an event; no list gets so far
 
   // `say` is called with a message if the file has an error.
   AlarmFile(Flash& flash, Say say) : flash_(flash), say_(std::move(say)) {}

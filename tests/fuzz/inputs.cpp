@@ -144,6 +144,7 @@ void takeAlarms(Input input) {
         flash, [] { return 0U; }, [](const std::string&) {});
   };
   headend::AlarmList list = newList();
+  if (list.events() > headend::AlarmFile::kMostNumber - content.size()) return;  // no room for more events
   list.endAtPowerUp({0});
   list.add({.slot = 0, .port = 0, .type = protocol::kAlarmTooHot}, {"", "", "", "", "", ""});
   headend::AlarmList again = newList();

@@ -26,12 +26,12 @@
 #include "campaign/history.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <random>
 
 #include "headend/hardware/faults.h"
-#include "ui/qamMibRows.h"
 
 namespace campaign {
 namespace {
@@ -312,7 +312,21 @@ const char* nameOf(Kind kind) {
   return kNames[static_cast<std::size_t>(kind)];
 }
 
+SnmpRequest snmpRequestOf(const Step& step) {
+  SnmpRequest request{.row = kMibRows[static_cast<std::size_t>(step.number) % std::size(kMibRows)],
+                      .value = {}};
+  if (step.kind == Kind::kSnmp && request.row.writable && !request.row.isText)
+    request.value = step.at % 2 == 0 ? 666'000 : 6;
+  return request;
+}
+
 std::string describe(const Step& step) {
+  if (step.kind == Kind::kSnmp) {
+    const auto [row, value] = snmpRequestOf(step);
+    return fmt::format("{:8.6f} s  snmp {} {} of slot {}{}", static_cast<double>(step.at) / 1e9,
+                       value ? "set" : "get", fmt::join(row.suffix, "."), step.slot + 1,
+                       value ? fmt::format(" to {}", *value) : "");
+  }
   std::string text =
       fmt::format("{:8.6f} s  {} {}", static_cast<double>(step.at) / 1e9, nameOf(step.kind), step.what);
   if (step.kind == Kind::kPowerCut || step.kind == Kind::kUpload || step.kind == Kind::kTemperature)

@@ -9,6 +9,7 @@
 
 #include "headend/kernel/kernel.h"
 #include "platform/types.h"
+#include "ui/qamMibRows.h"
 
 namespace campaign {
 
@@ -53,6 +54,12 @@ struct Step {
   bool isFault() const { return kind != Kind::kCommand && kind != Kind::kSnmp; }
 };
 std::string describe(const Step& step);
+// What a manager asks at a step: to set a value, or to read. One of a flood always reads.
+struct SnmpRequest {
+  const QamMibRow& row;
+  std::optional<int> value;
+};
+SnmpRequest snmpRequestOf(const Step& step);
 const char* nameOf(Step::Kind kind);
 
 struct History {

@@ -357,15 +357,14 @@ void Machine::flood(const Step& step) {
 }
 
 void Machine::askSnmp(const Step& step) {
-  const QamMibRow& row = kMibRows[static_cast<std::size_t>(step.number) % std::size(kMibRows)];
+  const auto [row, value] = snmpRequestOf(step);
   std::vector<oid> name(headend_->options.snmp.base.begin(), headend_->options.snmp.base.end());
   name.push_back(kMibFirstSlot + static_cast<oid>(step.slot));
   name.insert(name.end(), std::begin(row.suffix), std::end(row.suffix));
   name.push_back(0);
-  const bool sets = row.writable && !row.isText && step.kind == Step::Kind::kSnmp;
-  netsnmp_pdu* pdu = ::snmp_pdu_create(sets ? SNMP_MSG_SET : SNMP_MSG_GET);
-  if (sets) {
-    ::snmp_add_var(pdu, name.data(), name.size(), 'i', step.at % 2 == 0 ? "666000" : "6");
+  netsnmp_pdu* pdu = ::snmp_pdu_create(value ? SNMP_MSG_SET : SNMP_MSG_GET);
+  if (value) {
+    ::snmp_add_var(pdu, name.data(), name.size(), 'i', std::to_string(*value).c_str());
   } else {
     ::snmp_add_null_var(pdu, name.data(), name.size());
   }
